@@ -1,0 +1,1 @@
+# Install rules, exported targets and pkg-config files.

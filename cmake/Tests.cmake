@@ -1,0 +1,12 @@
+include(GoogleTest)
+
+# norv_test(NAME SOURCES... [LIBRARIES ...] [LABELS ...]): one test executable, its cases discovered when it is built.
+# Tests run without a terminal and with standard input closed (ctest does both), so that nothing can prompt.
+function(norv_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE norv_warnings ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE NORV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+                                             NORV_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
+endfunction()

@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks what libnorvcmsg offers to other libraries; everything else stays hidden.
+#define NORVCMSG_EXPORT __attribute__((visibility("default")))

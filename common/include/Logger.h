@@ -1,0 +1,70 @@
+#pragma once
+
+/// \file
+/// The appliance's log. A record has an event code (32 bits, what operators match on), a level and a message made from
+/// a printf-style format whose fields are separated by the byte 0x01. Where records go is decided by sinks: standard
+/// error unless told otherwise, syslog on request, or a sink of the caller's. Sinks that write text escape control
+/// bytes.
+
+#include <norvcmsg/Export.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Norvane {
+
+/// One record as a sink gets it.
+struct LogRecord {
+    unsigned int event;
+    int level;                       ///< 0 is the ordinary level; higher numbers are more talkative
+    std::string format;              ///< as the caller gave it
+    std::vector<std::string> fields; ///< one per field of the format; a field's text never splits it
+};
+
+/// Where records go. `record` may be called from several threads at once.
+class NORVCMSG_EXPORT LogSink {
+public:
+    LogSink();
+    virtual ~LogSink();
+    virtual void record(const LogRecord& record) = 0;
+};
+
+/// A sink that keeps the records, for tests and for programs that show them elsewhere.
+class NORVCMSG_EXPORT RecordingLogSink : public LogSink {
+public:
+    RecordingLogSink();
+    ~RecordingLogSink() override;
+    void record(const LogRecord& record) override;
+    [[nodiscard]] std::vector<LogRecord> records() const;
+    void clear();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+/// The process-wide log; every operation is safe from several threads.
+class NORVCMSG_EXPORT Logger {
+public:
+    /// The logger of this process. True makes its default sinks anew (after a fork, say); false just returns it.
+    static Logger& instance(bool renew);
+
+    virtual ~Logger();
+    /// Replaces every sink by `sink`; null goes back to standard error.
+    virtual void sink(std::shared_ptr<LogSink> sink);
+    /// Sends records to syslog under `name` from now on.
+    virtual void useSyslog(const std::string& name);
+    /// Records above this level are dropped; the default is 0.
+    virtual void level(int highest);
+    [[nodiscard]] virtual int level() const;
+    /// Writes one record: the event code, the level, and a printf-style format (d i u x X o c s p f e g, with flags,
+    /// width, precision and length modifiers) with the byte 0x01 between its fields. Never throws.
+    virtual void message(unsigned int event, int level, const char* format, ...)
+        __attribute__((format(printf, 4, 5))) = 0;
+
+protected:
+    Logger();
+};
+
+} // namespace Norvane

@@ -1,0 +1,37 @@
+// The RSA structure is the currency of the key generator's interface, deprecated as it is in OpenSSL 3.0.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "Platform.h"
+
+#include <openssl/crypto.h>
+#include <openssl/objects.h>
+#include <openssl/provider.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+
+#include <array>
+#include <vector>
+
+extern "C" {
+
+__attribute__((weak)) int openssl_init_with_rng() {
+    // The default provider goes first: with the legacy one alone, later calls cannot fetch a random generator.
+    const bool providers = OSSL_PROVIDER_try_load(nullptr, "default", 1) != nullptr &&
+                           OSSL_PROVIDER_try_load(nullptr, "legacy", 1) != nullptr;
+    return providers && RAND_status() == 1 ? 1 : 0;
+}
+
+__attribute__((weak)) int fips_rsa_consistency_test(rsa_st* rsa) {
+    if (rsa == nullptr) {
+        return 0;
+    }
+    static constexpr std::array<unsigned char, 32> digest{0x5a, 0xa5};
+    std::vector<unsigned char> signature(static_cast<std::size_t>(RSA_size(rsa)));
+    unsigned int length = 0;
+    const bool agrees = RSA_sign(NID_sha256, digest.data(), static_cast<unsigned int>(digest.size()), signature.data(),
+                                 &length, rsa) == 1 &&
+                        RSA_verify(NID_sha256, digest.data(), static_cast<unsigned int>(digest.size()),
+                                   signature.data(), length, rsa) == 1;
+    return agrees ? 1 : 0;
+}
+}

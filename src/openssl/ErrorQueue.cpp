@@ -1,0 +1,60 @@
+#include "openssl/ErrorQueue.h"
+
+#include <openssl/err.h>
+
+#include <cstdint>
+#include <cstring>
+#include <sstream>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+/// The reason text. System errors carry an errno instead of a registered reason.
+const char* reasonText(unsigned long code) {
+    if (ERR_SYSTEM_ERROR(code)) {
+        return strerrordesc_np(ERR_GET_REASON(code));
+    }
+    return ERR_reason_error_string(code);
+}
+
+/// Writes a text as a C++ stream of old did: a null one puts the stream into its failed state, so that nothing follows.
+void put(std::ostream& out, const char* text) {
+    if (text == nullptr) {
+        out.setstate(std::ios_base::badbit);
+        return;
+    }
+    out << text;
+}
+
+} // namespace
+
+std::string drainErrorQueue() {
+    std::ostringstream text;
+    const char* file = nullptr;
+    const char* function = nullptr;
+    const char* data = nullptr;
+    int line = 0;
+    int flags = 0;
+    unsigned long code = 0;
+    while ((code = ERR_get_error_all(&file, &line, &function, &data, &flags)) != 0) {
+        text << "0x" << std::hex << static_cast<std::uint32_t>(code) << ": ";
+        put(text, ERR_lib_error_string(code));
+        text << " / ";
+        put(text, function != nullptr && *function != '\0' ? function : nullptr);
+        text << " / ";
+        put(text, reasonText(code));
+        text << "; ";
+    }
+    return text.str();
+}
+
+ErrorMark::ErrorMark() noexcept {
+    ERR_set_mark();
+}
+
+ErrorMark::~ErrorMark() {
+    ERR_pop_to_mark();
+}
+
+} // namespace Norvane::Crypto::openssl
