@@ -1,1 +1,33 @@
-# Install rules, exported targets and pkg-config files.
+# Install rules, exported targets (find_package(norvcrypto)) and the pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS norvrefcounted norvcmsg norvcrypto EXPORT norvcryptoTargets
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS norvcrypt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+set_target_properties(norvcmsg norvcrypto norvcrypt PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
+install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)
+
+install(EXPORT norvcryptoTargets NAMESPACE norvcrypto:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
+configure_package_config_file(cmake/norvcryptoConfig.cmake.in "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake"
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/norvcryptoConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake" "${PROJECT_BINARY_DIR}/norvcryptoConfigVersion.cmake"
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
+
+# The folder of the file itself leads to the rest, so that an installed tree can be moved.
+file(RELATIVE_PATH NORV_PREFIX_FROM_PC "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+configure_file(cmake/norvcrypto.pc.in "${PROJECT_BINARY_DIR}/norvcrypto.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/norvcrypto.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(CPACK_PACKAGE_NAME norvcrypto)
+set(CPACK_PACKAGE_CONTACT "norvcrypto maintainers <maintainers@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+include(CPack)

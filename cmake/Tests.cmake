@@ -1,5 +1,8 @@
 include(GoogleTest)
 
+# The test programs that have concurrency tests: what the ThreadSanitizer run builds.
+add_custom_target(concurrency_tests)
+
 # norv_test(NAME SOURCES... [LIBRARIES ...] [LABELS ...]): one test executable, its cases discovered when it is built.
 # Tests run without a terminal and with standard input closed (ctest does both), so that nothing can prompt.
 function(norv_test name)
@@ -8,5 +11,11 @@ function(norv_test name)
   target_link_libraries(${name} PRIVATE norv_warnings ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE NORV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                                              NORV_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  foreach(source IN LISTS ARG_SOURCES)
+    file(STRINGS ${source} concurrency REGEX "TEST.*Concurrency" LIMIT_COUNT 1)
+    if(concurrency)
+      add_dependencies(concurrency_tests ${name})
+    endif()
+  endforeach()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
 endfunction()

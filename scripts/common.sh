@@ -1,0 +1,33 @@
+# Sourced by the other scripts: where the project is, and the Debian packages that each job needs.
+
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$project"
+
+build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev libspdlog-dev liburiparser-dev
+  libcli11-dev nlohmann-json3-dev)
+test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools python3)
+check_packages=(clang-format clang-tidy git)
+bench_packages=(libbenchmark-dev)
+fuzz_packages=(clang libclang-rt-14-dev)
+
+# install PACKAGE...: installs what is missing, as root or through sudo.
+install() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  local root=()
+  [ "$(id -u)" -eq 0 ] || root=(sudo)
+  echo "Installing ${missing[*]}" >&2
+  "${root[@]}" apt-get update -qq >&2
+  "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+# build PRESET [CMAKE-BUILD-ARGUMENT...]: configures and builds build/PRESET.
+build() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" >/dev/null
+  cmake --build "build/$preset" --parallel "$(nproc)" "$@"
+}
