@@ -34,6 +34,7 @@ std::vector<Bytes> Name::components() const {
         sets.back().push_back(der::sequence({type, value}));
     }
     std::vector<Bytes> encoded;
+    encoded.reserve(sets.size());
     for (const std::vector<Bytes>& parts : sets)
         encoded.push_back(der::set(parts));
     return encoded;
@@ -96,6 +97,7 @@ GeneralName GeneralName::raw(Bytes element) {
 
 Bytes generalNames(const std::vector<GeneralName>& names) {
     std::vector<Bytes> parts;
+    parts.reserve(names.size());
     for (const GeneralName& name : names)
         parts.push_back(name.der);
     return der::sequence(parts);
