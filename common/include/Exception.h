@@ -11,19 +11,27 @@
 /// \endcode
 ///
 /// `asString()` puts all of it on one line; control bytes are escaped there, so that bytes of a message cannot forge a
-/// line of a log. This header stands alone: the handle templates throw from it.
+/// line of a log:
+///
+/// \code
+/// Crypto::MemoryBIO (code 4, BIO:61): MemoryBIO:  0x8000000C: ...; caused by: Buffer::append (code 4, Buffer:97)
+/// \endcode
+///
+/// Threads: copies may be read, changed and destroyed from several threads at once; one object is used by one thread at
+/// a time, or read by several while none changes it. This header stands alone: the handle templates throw from it.
 
 #include <norvcmsg/Export.h>
 
 #include <exception>
-#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace Norvane {
 
-/// The base of every failure that the appliance throws. Copies share nothing that can change: a copy is independent.
+/// The base of every failure that the appliance throws. Copying never throws and is cheap, and a copy is independent:
+/// no later change of one is seen through the other. What the accessors refer to is valid until this object changes or
+/// goes.
 class NORVCMSG_EXPORT Exception : public std::exception {
 public:
     /// One detail of a failure: a text or a number, in the order in which they were attached.
@@ -34,15 +42,16 @@ public:
     /// \param file  the source module; may be null, which `fileName()` reports as the empty text
     /// \param line  the line of the throw, counted from 1; 0 when there is none
     Exception(const std::string& where, int code, const char* file, unsigned int line);
-    Exception(const Exception& other);
-    Exception& operator=(const Exception& other);
+    Exception(const Exception& other) noexcept;
+    Exception& operator=(const Exception& other) noexcept;
     ~Exception() override;
 
-    /// Attaches a text. Returns this exception, so that calls can follow one another.
+    /// Attaches a text, kept byte for byte. Returns this exception, so that calls can follow one another.
     Exception& stringParameter(const std::string& text);
     /// Attaches a number.
     Exception& intParameter(int number);
-    /// Attaches a copy of the failure behind this one; an earlier cause is replaced.
+    /// Attaches a copy of the failure behind this one; an earlier cause is replaced. The copy is a plain `Exception`,
+    /// whatever class `reason` is of.
     Exception& cause(const Exception& reason);
 
     [[nodiscard]] bool hasCause() const noexcept;
@@ -55,27 +64,27 @@ public:
     [[nodiscard]] unsigned int lineNumber() const noexcept;
     [[nodiscard]] const std::vector<Parameter>& parameters() const noexcept;
 
-    /// Everything on one line: where, code, file, line, parameters and the chain of causes, control bytes escaped.
+    /// Everything on one line: where, code, file, line, parameters and the chain of causes, escaped as by
+    /// `escapeForDisplay`. Of a chain longer than 32 the rest is told as a number.
     [[nodiscard]] std::string asString() const;
     /// `asString()`, valid until this exception changes or goes.
     [[nodiscard]] const char* what() const noexcept override;
 
 private:
-    std::string m_where;
-    int m_code;
-    std::string m_file;
-    unsigned int m_line;
-    std::vector<Parameter> m_parameters;
-    std::shared_ptr<const Exception> m_cause;
-    mutable std::string m_what;
+    struct State;
+
+    template <class Change> Exception& change(Change change);
+    static void release(State* state) noexcept;
+
+    State* m_state;
 };
 
 /// A failure of a stream handle.
 class NORVCMSG_EXPORT MediaException : public Exception {
 public:
     using Exception::Exception;
-    MediaException(const MediaException& other);
-    MediaException& operator=(const MediaException& other);
+    MediaException(const MediaException& other) noexcept;
+    MediaException& operator=(const MediaException& other) noexcept;
     ~MediaException() override;
 };
 
@@ -83,8 +92,8 @@ public:
 class NORVCMSG_EXPORT SocketException : public Exception {
 public:
     using Exception::Exception;
-    SocketException(const SocketException& other);
-    SocketException& operator=(const SocketException& other);
+    SocketException(const SocketException& other) noexcept;
+    SocketException& operator=(const SocketException& other) noexcept;
     ~SocketException() override;
 };
 

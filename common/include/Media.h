@@ -13,7 +13,7 @@
 /// \endcode
 ///
 /// Failures are thrown (`Exception`, `MediaException`, or what a body of the caller's throws); a null handle throws as
-/// in NorvRefcounted. One stream is used by one thread at a time.
+/// in NorvRefcounted. Lengths are bytes in 32 bits, positions bytes in 64. One stream is used by one thread at a time.
 
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Export.h>
@@ -38,7 +38,9 @@ public:
     [[nodiscard]] virtual int peek() const = 0;
     /// Replaces `line` by the bytes up to and with the next LF, or up to the end. False when no byte was left.
     virtual bool readline(Buffer& line);
-    /// Replaces `out` by up to `length` bytes, by all that is left when `length` is 0. The number of bytes read.
+    /// Replaces `out` by up to `length` bytes, by all that is left when `length` is 0. The number of bytes read. Memory
+    /// is taken as bytes arrive, not as `length` announces; capacity that `out` brings along is used. \throws
+    /// MediaException "MediaInImpl::read", code 4: more bytes than an `int` counts
     virtual int read(Buffer& out, unsigned int length);
     /// Replaces `out` by as many bytes as fit its capacity (by all that is left when it has none).
     virtual int read(Buffer& out);
@@ -50,7 +52,7 @@ public:
     [[nodiscard]] virtual unsigned long tell() const;
     /// Goes to a position. \throws MediaException: this kind of stream cannot
     virtual void setpos(unsigned long position);
-    /// Copies all that is left into `out`, without ending it. Returns `out`.
+    /// Copies all that is left into `out` in pieces of a fixed size, without ending it. Returns `out`.
     virtual MediaOut& write(MediaOut& out);
 };
 
@@ -138,7 +140,9 @@ private:
     MediaOut m_target;
 };
 
-/// A handle on a decorating sink.
+/// A handle on a decorating sink. `MediaOut` is a virtual base: a class derived from this one has to hand its reference
+/// to the constructor of `MediaOut` itself (`BIOMediaOut() : MediaOut(reference) {}`), the one given here has no effect
+/// then.
 class NORVCMSG_EXPORT MediaOutDecorator : public virtual MediaOut {
 public:
     MediaOutDecorator();
@@ -148,13 +152,15 @@ public:
     ~MediaOutDecorator() override;
 
     /// Sends what is written from now on to `target`, which is shared.
-    /// \throws MediaException "MediaException", code 1: the body is no decorator
+    /// \throws MediaException "MediaException", code 1: the handle is null or the body is no decorator
+    /// \throws MediaException "MediaOutDecorator::attach", code 4: `target` is this very decorator
     void attach(const MediaOut& target);
-    /// Lets go of the target. \throws MediaException "MediaException", code 1: the body is no decorator
+    /// Lets go of the target. \throws MediaException "MediaException", code 1: the handle is null or the body is no
+    /// decorator
     void detach();
 };
 
-/// A source over a copy of bytes in memory.
+/// A source over a copy of bytes in memory. It knows its position.
 class NORVCMSG_EXPORT MemoryMediaIn : public MediaIn {
 public:
     explicit MemoryMediaIn(const Buffer& content);
@@ -162,18 +168,20 @@ public:
     ~MemoryMediaIn() override;
 };
 
-/// A sink that keeps what it gets in memory.
+/// A sink that keeps what it gets in memory. It knows its position; bytes written at an earlier one replace what is
+/// there. Ending it changes nothing but `ended()`.
 class NORVCMSG_EXPORT MemoryMediaOut : public MediaOut {
 public:
     MemoryMediaOut();
     ~MemoryMediaOut() override;
-    /// What was written so far.
+    /// What was written so far; valid until the next write.
+    /// \throws MediaException "MemoryMediaOut", code 1: the handle was made to refer to another kind of stream
     [[nodiscard]] const Buffer& content() const;
-    /// True once `end()` was called.
+    /// True once `end()` was called. \throws MediaException as `content()` does
     [[nodiscard]] bool ended() const;
 };
 
-/// A sink that counts and drops what it gets.
+/// A sink that counts and drops what it gets; `tell()` answers the count.
 class NORVCMSG_EXPORT NullMediaOut : public MediaOut {
 public:
     NullMediaOut();

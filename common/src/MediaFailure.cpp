@@ -1,0 +1,21 @@
+#include "MediaFailure.h"
+
+#include <system_error>
+
+namespace Norvane::detail {
+
+void throwMedia(const char* where, const char* module, const std::string& reason, std::source_location here) {
+    MediaException failure(where, 4, module, here.line());
+    failure.stringParameter(reason);
+    throw failure;
+}
+
+void throwMediaErrno(const char* where, const char* module, const std::string& what, int error,
+                     std::source_location here) {
+    MediaException failure(where, 4, module, here.line());
+    failure.stringParameter(what + ": " + std::generic_category().message(error));
+    failure.intParameter(error);
+    throw failure;
+}
+
+} // namespace Norvane::detail

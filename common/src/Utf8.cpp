@@ -1,0 +1,53 @@
+#include "Utf8.h"
+
+#include <algorithm>
+
+namespace Norvane::utf8 {
+
+Character characterAt(std::string_view text, std::size_t position) noexcept {
+    const auto lead = static_cast<unsigned char>(text[position]);
+    if (lead < 0x80) {
+        return {lead, 1};
+    }
+    std::size_t length = 0;
+    std::uint32_t smallest = 0;
+    if ((lead & 0xE0U) == 0xC0) {
+        length = 2;
+        smallest = 0x80;
+    } else if ((lead & 0xF0U) == 0xE0) {
+        length = 3;
+        smallest = 0x800;
+    } else if ((lead & 0xF8U) == 0xF0) {
+        length = 4;
+        smallest = 0x10000;
+    }
+    if (length == 0 || text.size() - position < length) {
+        return {};
+    }
+    std::uint32_t codePoint = lead & (0x7FU >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[position + i]);
+        if ((byte & 0xC0U) != 0x80) {
+            return {};
+        }
+        codePoint = (codePoint << 6U) | (byte & 0x3FU);
+    }
+    const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+    if (codePoint < smallest || codePoint > 0x10FFFF || surrogate) {
+        return {};
+    }
+    return {codePoint, length};
+}
+
+bool breaksLine(std::uint32_t codePoint) noexcept {
+    struct Range {
+        std::uint32_t first;
+        std::uint32_t last;
+    };
+    static constexpr Range ranges[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0x061C, 0x061C},
+                                       {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
+    return std::any_of(std::begin(ranges), std::end(ranges),
+                       [=](const Range& range) { return codePoint >= range.first && codePoint <= range.last; });
+}
+
+} // namespace Norvane::utf8
