@@ -49,6 +49,12 @@ std::string drainErrorQueue() {
     return text.str();
 }
 
+void queueError(const char* function, int library, int reason, const char* file, int line) {
+    ERR_new();
+    ERR_set_debug(file, line, function);
+    ERR_set_error(library, reason, nullptr);
+}
+
 ErrorMark::ErrorMark() noexcept {
     ERR_set_mark();
 }

@@ -1,0 +1,22 @@
+#pragma once
+
+/// \file
+/// Owning pointers to OpenSSL objects for the members of public classes; OpenSSL's own headers stay out.
+
+#include <memory>
+
+struct bio_st;
+struct evp_md_ctx_st;
+
+namespace Norvane::Crypto::detail {
+
+/// Frees an OpenSSL object with the function that belongs to its type.
+struct Freeing {
+    void operator()(bio_st* bio) const noexcept;
+    void operator()(evp_md_ctx_st* context) const noexcept;
+};
+
+using OwnedBio = std::unique_ptr<bio_st, Freeing>;
+using OwnedDigestContext = std::unique_ptr<evp_md_ctx_st, Freeing>;
+
+} // namespace Norvane::Crypto::detail

@@ -1,0 +1,221 @@
+#include "failures/Raise.h"
+#include "openssl/KeyCoding.h"
+#include "openssl/MemorySource.h"
+
+#include <norvcrypto/BIO.h>
+#include <norvcrypto/Key.h>
+
+#include <openssl/crypto.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <climits>
+#include <utility>
+
+namespace Norvane {
+
+template class RefCounted<Crypto::Key>;
+template class Ref<Crypto::Key>;
+
+} // namespace Norvane
+
+namespace Norvane::Crypto {
+
+namespace {
+
+EVP_PKEY* keyOf(const Key& key) {
+    return static_cast<EVP_PKEY*>(key.keyData());
+}
+
+/// The DER bytes of `in`, at the front of at least `in.length()` readable bytes: what base64 leaves free is zero. Text
+/// that is not base64 leaves nothing, which no decoder takes for a key.
+Buffer decodedDer(const Buffer& in, bool base64) {
+    if (!base64) {
+        Buffer der(in);
+        der.protect();
+        return der;
+    }
+    Buffer der(static_cast<int>(std::min(in.size(), static_cast<unsigned int>(INT_MAX))), 0);
+    der.protect();
+    in.decodeBase64(der);
+    if (der.size() < in.length()) {
+        const unsigned int decoded = der.length();
+        der.length(in.length());
+        der.length(decoded);
+    }
+    der.protect();
+    return der;
+}
+
+/// Puts what was written to `source` into `out`, as it is or as base64, protected.
+void takeDer(MemoryBIO& source, Buffer& out, bool base64) {
+    const Buffer der = source;
+    if (base64) {
+        std::string text = der.toBase64String();
+        out = Buffer(text.data(), static_cast<unsigned int>(text.size()), false);
+        OPENSSL_cleanse(text.data(), text.size());
+    } else {
+        out = der;
+    }
+    out.protect();
+}
+
+using WriteDer = bool (*)(BIO*, EVP_PKEY*);
+
+/// Both kinds of `write`: a failure inside, the memory BIO's included, becomes the cause of the `outer` one.
+void writeDer(const Key& key, Buffer& out, bool base64, WriteDer encode, const failures::Failure& inner,
+              const failures::Failure& outer) {
+    try {
+        MemoryBIO der;
+        der.protect();
+        if (!encode(der, keyOf(key))) {
+            failures::raiseWithErrors(inner);
+        }
+        takeDer(der, out, base64);
+    } catch (const Exception& cause) {
+        failures::raiseBecause(outer, cause);
+    }
+}
+
+} // namespace
+
+Key::Key(void* keyData) : m_keyData(keyData) {}
+
+Key::~Key() = default;
+
+void* Key::keyData() const noexcept {
+    return m_keyData;
+}
+
+void Key::keyData(void* keyData) noexcept {
+    m_keyData = keyData;
+}
+
+PublicKey::PublicKey(void* keyData) : Key(keyData) {}
+
+PublicKey::~PublicKey() {
+    EVP_PKEY_free(keyOf(*this));
+    keyData(nullptr);
+}
+
+void PublicKey::readPEM(const Buffer& in) {
+    readPEM(in, "");
+}
+
+void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
+    MemoryBIO source(in);
+    openssl::KeyPtr key = openssl::readPublicPem(source, passphrase);
+    if (!key) {
+        failures::raiseWithErrors(failures::publicKeyReadPem, "Could not decode the public key:  ");
+    }
+    keyData(key.release());
+}
+
+void PublicKey::read(const Buffer& in, bool base64) {
+    MemoryBIO source(decodedDer(in, base64));
+    openssl::KeyPtr key(d2i_PUBKEY_bio(source, nullptr));
+    if (!key) {
+        failures::raiseWithErrors(failures::publicKeyRead);
+    }
+    keyData(key.release());
+}
+
+void PublicKey::writePEM(Buffer& out, const std::string& /*passphrase*/) {
+    try {
+        MemoryBIO pem;
+        const bool written = [&] {
+            const openssl::ErrorMark quiet;
+            return openssl::writePublicPem(pem, keyOf(*this));
+        }();
+        // Success is what fails here: callers have come to rely on this operation never answering a text.
+        if (written) {
+            failures::raiseWithErrors(failures::publicKeyWritePemInner);
+        }
+        out = static_cast<Buffer>(pem);
+        out.protect();
+    } catch (const Exception& cause) {
+        failures::raiseBecause(failures::publicKeyWritePem, cause);
+    }
+}
+
+void PublicKey::write(Buffer& out, bool base64) {
+    writeDer(*this, out, base64, openssl::writePublicDer, failures::publicKeyWriteInner, failures::publicKeyWrite);
+}
+
+PrivateKey::PrivateKey(void* keyData) : Key(keyData) {}
+
+PrivateKey::~PrivateKey() {
+    EVP_PKEY_free(keyOf(*this));
+    keyData(nullptr);
+}
+
+void PrivateKey::readPEM(const Buffer& in) {
+    readPEM(in, "");
+}
+
+void PrivateKey::readPEM(const Buffer& in, const std::string& passphrase) {
+    MemoryBIO source(in);
+    source.protect();
+    openssl::KeyPtr key = openssl::readPrivatePem(source, passphrase);
+    if (!key) {
+        failures::raiseWithErrors(failures::privateKeyReadPem, "Could not decode the private key:  ");
+    }
+    keyData(key.release());
+}
+
+void PrivateKey::read(const Buffer& in, bool base64) {
+    const Buffer der = decodedDer(in, base64);
+    // The source is as long as the text, not as the bytes decoded from it: the decoder stops at the end of the first
+    // structure, and what follows up to there is zero.
+    openssl::BioPtr source = openssl::memorySource(der.data(), in.length());
+    if (!source) {
+        failures::raise(failures::privateKeyReadSource);
+    }
+    openssl::KeyPtr key(d2i_PrivateKey_bio(source.get(), nullptr));
+    source.reset();
+    if (!key) {
+        failures::raiseWithErrors(failures::privateKeyRead);
+    }
+    keyData(key.release());
+}
+
+void PrivateKey::writePEM(Buffer& out, const std::string& passphrase) {
+    try {
+        MemoryBIO pem;
+        pem.protect();
+        if (!openssl::writePrivatePem(pem, keyOf(*this), passphrase)) {
+            failures::raiseWithErrors(failures::privateKeyWritePemInner);
+        }
+        out = static_cast<Buffer>(pem);
+        out.protect();
+    } catch (const Exception& cause) {
+        failures::raiseBecause(failures::privateKeyWritePem, cause);
+    }
+}
+
+void PrivateKey::write(Buffer& out, bool base64) {
+    writeDer(*this, out, base64, openssl::writePrivateDer, failures::privateKeyWriteInner, failures::privateKeyWrite);
+}
+
+RefKey::RefKey() = default;
+
+RefKey::RefKey(Key* key) : Ref(key == nullptr ? nullptr : adoptReference(key)) {}
+
+RefKey::RefKey(Key::Type type) {
+    if (type == Key::PUBLIC_KEY) {
+        reset(makeReference<PublicKey, Key>(nullptr));
+    } else if (type == Key::PRIVATE_KEY) {
+        reset(makeReference<PrivateKey, Key>(nullptr));
+    }
+}
+
+RefKey::RefKey(const RefKey& other) = default;
+RefKey& RefKey::operator=(const RefKey& other) = default;
+RefKey::~RefKey() = default;
+
+RefKey::operator evp_pkey_st*() const noexcept {
+    const Key* key = bodyOrNull();
+    return key == nullptr ? nullptr : keyOf(*key);
+}
+
+} // namespace Norvane::Crypto

@@ -1,0 +1,16 @@
+#include <norvcrypto/detail/Owned.h>
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+
+namespace Norvane::Crypto::detail {
+
+void Freeing::operator()(bio_st* bio) const noexcept {
+    BIO_free(bio);
+}
+
+void Freeing::operator()(evp_md_ctx_st* context) const noexcept {
+    EVP_MD_CTX_free(context);
+}
+
+} // namespace Norvane::Crypto::detail
