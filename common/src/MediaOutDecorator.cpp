@@ -9,7 +9,7 @@ namespace {
 MediaOutDecoratorImpl& decoratorOf(MediaOutImpl* body) {
     auto* decorator = dynamic_cast<MediaOutDecoratorImpl*>(body);
     if (decorator == nullptr) {
-        throw MediaException("MediaException", 1, "Media", __LINE__);
+        throw MediaException("MediaException", 1, "MediaOutDecorator", __LINE__);
     }
     return *decorator;
 }
@@ -55,7 +55,7 @@ MediaOutDecorator::~MediaOutDecorator() = default;
 void MediaOutDecorator::attach(const MediaOut& target) {
     auto& decorator = decoratorOf(bodyOrNull());
     if (!target.isNull() && target.operator->() == bodyOrNull()) {
-        detail::throwMedia("MediaOutDecorator::attach", "Media", "a decorator cannot be its own target");
+        detail::throwMedia("MediaOutDecorator::attach", "MediaOutDecorator", "a decorator cannot be its own target");
     }
     decorator.attach(target);
 }

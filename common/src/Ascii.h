@@ -1,0 +1,35 @@
+#pragma once
+
+/// \file
+/// Characters as protocols see them: ASCII, whatever the locale.
+
+#include <algorithm>
+#include <string_view>
+
+namespace Norvane::ascii {
+
+[[nodiscard]] constexpr bool isDigit(char c) noexcept {
+    return c >= '0' && c <= '9';
+}
+
+[[nodiscard]] constexpr bool isLetter(char c) noexcept {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+[[nodiscard]] constexpr bool isLetterOrDigit(char c) noexcept {
+    return isLetter(c) || isDigit(c);
+}
+
+[[nodiscard]] constexpr char toUpper(char c) noexcept {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+[[nodiscard]] constexpr bool equalNoCase(char a, char b) noexcept {
+    return toUpper(a) == toUpper(b);
+}
+
+[[nodiscard]] constexpr bool equalNoCase(std::string_view a, std::string_view b) noexcept {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return equalNoCase(x, y); });
+}
+
+} // namespace Norvane::ascii

@@ -1,0 +1,59 @@
+#include "FileDescriptor.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace Norvane::detail {
+
+namespace {
+
+/// Linux moves no more at once.
+constexpr unsigned int mostAtOnce = 0x40000000;
+
+/// Repeats `call(done, left)` until everything is moved, nothing moves or an error that is no interruption stops it.
+template <class Call> Moved moveAll(unsigned int length, Call call) noexcept {
+    Moved moved;
+    while (moved.bytes < length) {
+        const auto count = call(moved.bytes, std::min(length - moved.bytes, mostAtOnce));
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            moved.error = errno;
+        }
+        if (count <= 0) {
+            break;
+        }
+        moved.bytes += static_cast<unsigned int>(count);
+    }
+    return moved;
+}
+
+} // namespace
+
+FileDescriptor::~FileDescriptor() {
+    static_cast<void>(close());
+}
+
+int FileDescriptor::close() noexcept {
+    const int descriptor = std::exchange(m_descriptor, -1);
+    // On Linux the descriptor is gone even when close was interrupted.
+    return descriptor < 0 || ::close(descriptor) == 0 || errno == EINTR ? 0 : errno;
+}
+
+Moved readAll(int descriptor, unsigned char* out, unsigned int length, std::int64_t offset) noexcept {
+    return moveAll(length, [=](unsigned int done, unsigned int left) {
+        return offset < 0 ? ::read(descriptor, out + done, left) : ::pread(descriptor, out + done, left, offset + done);
+    });
+}
+
+Moved writeAll(int descriptor, const unsigned char* data, unsigned int length, std::int64_t offset) noexcept {
+    return moveAll(length, [=](unsigned int done, unsigned int left) {
+        return offset < 0 ? ::write(descriptor, data + done, left)
+                          : ::pwrite(descriptor, data + done, left, offset + done);
+    });
+}
+
+} // namespace Norvane::detail

@@ -1,0 +1,167 @@
+#include <norvcmsg/SwapBufferMediaOut.h>
+
+#include "FileDescriptor.h"
+#include "MediaFailure.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <string>
+
+namespace Norvane {
+
+namespace {
+
+/// The bytes: in memory, or in a file without a name.
+class SwapBufferMediaOutImpl : public MediaOutImpl {
+public:
+    SwapBufferMediaOutImpl(unsigned int limit, const char* fileTemplate)
+        : m_limit(limit),
+          m_template(fileTemplate == nullptr ? "" : fileTemplate) {
+        m_memory.protect();
+    }
+
+    using MediaOutImpl::write;
+    void write(const unsigned char* data, unsigned int length) override {
+        if (!isSwapped() && length <= m_limit - m_memory.length()) {
+            m_memory.append(Buffer(data, length, true));
+        } else {
+            swapOut();
+            store(m_file, data, length, m_length);
+        }
+        m_length += length;
+    }
+
+    [[nodiscard]] unsigned long tell() const override { return m_length; }
+    [[nodiscard]] unsigned long length() const noexcept { return m_length; }
+    [[nodiscard]] bool isSwapped() const noexcept { return m_file.isOpen(); }
+
+    /// Reads what lies at `position`; short only at the end.
+    unsigned int readAt(unsigned long position, unsigned char* out, unsigned int length) const {
+        const auto count = static_cast<unsigned int>(std::min<unsigned long>(length, m_length - position));
+        if (!isSwapped()) {
+            if (count != 0) {
+                std::memcpy(out, std::as_const(m_memory).data() + position, count);
+            }
+            return count;
+        }
+        const auto moved = detail::readAll(m_file.get(), out, count, static_cast<std::int64_t>(position));
+        if (moved.error != 0) {
+            detail::throwMediaErrno("SwapBufferMediaOut::read", "SwapBufferMediaOut", m_template, moved.error);
+        }
+        return moved.bytes;
+    }
+
+private:
+    /// Moves the bytes from memory to a new file; they stay in memory when that fails.
+    void swapOut() {
+        if (isSwapped()) {
+            return;
+        }
+        auto path = m_template;
+        detail::FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
+        if (!file.isOpen()) {
+            fail("cannot make a temporary file from ", errno);
+        }
+        if (::unlink(path.c_str()) != 0) {
+            fail("cannot take away the name of a temporary file from ", errno);
+        }
+        store(file, std::as_const(m_memory).data(), m_memory.length(), 0);
+        m_file = std::move(file);
+        Buffer empty;
+        empty.protect();
+        m_memory = std::move(empty);
+    }
+
+    void store(const detail::FileDescriptor& file, const unsigned char* data, unsigned int length,
+               unsigned long position) const {
+        const auto moved = detail::writeAll(file.get(), data, length, static_cast<std::int64_t>(position));
+        if (moved.error != 0) {
+            fail("cannot write the temporary file from ", moved.error);
+        }
+    }
+
+    [[noreturn]] void fail(const char* what, int error) const {
+        detail::throwMediaErrno("SwapBufferMediaOut::write", "SwapBufferMediaOut", what + m_template, error);
+    }
+
+    unsigned int m_limit;
+    std::string m_template;
+    Buffer m_memory;
+    detail::FileDescriptor m_file;
+    unsigned long m_length = 0;
+};
+
+/// A position in the bytes of a swap buffer, which lives at least as long.
+class SwapBufferMediaInImpl : public MediaInImpl {
+public:
+    SwapBufferMediaInImpl(const MediaOut& owner, const SwapBufferMediaOutImpl& bytes)
+        : m_owner(owner),
+          m_bytes(bytes) {}
+
+    [[nodiscard]] bool atEnd() const override { return m_position >= m_bytes.length(); }
+    [[nodiscard]] int peek() const override {
+        unsigned char byte = 0;
+        return m_bytes.readAt(m_position, &byte, 1) == 1 ? byte : -1;
+    }
+
+    using MediaInImpl::read;
+    int read(unsigned char* out, unsigned int length) override {
+        constexpr auto largestCount = static_cast<unsigned int>(std::numeric_limits<int>::max());
+        const auto count = m_bytes.readAt(m_position, out, std::min(length, largestCount));
+        m_position += count;
+        return static_cast<int>(count);
+    }
+
+    [[nodiscard]] unsigned long tell() const override { return m_position; }
+    void setpos(unsigned long position) override {
+        if (position > m_bytes.length()) {
+            detail::throwMedia("SwapBufferMediaOut::setpos", "SwapBufferMediaOut", "position past the end");
+        }
+        m_position = position;
+    }
+
+private:
+    MediaOut m_owner;
+    const SwapBufferMediaOutImpl& m_bytes;
+    unsigned long m_position = 0;
+};
+
+const SwapBufferMediaOutImpl& swapBufferOf(const MediaOutImpl* body) {
+    const auto* swapBuffer = dynamic_cast<const SwapBufferMediaOutImpl*>(body);
+    if (swapBuffer == nullptr) {
+        throw MediaException("SwapBufferMediaOut", 1, "SwapBufferMediaOut", __LINE__);
+    }
+    return *swapBuffer;
+}
+
+} // namespace
+
+SwapBufferMediaOut::SwapBufferMediaOut(unsigned int limit, const char* fileTemplate)
+    : MediaOut(makeReference<SwapBufferMediaOutImpl, MediaOutImpl>(limit, fileTemplate)) {}
+
+SwapBufferMediaOut::SwapBufferMediaOut(const SwapBufferMediaOut& other) = default;
+
+SwapBufferMediaOut& SwapBufferMediaOut::operator=(const SwapBufferMediaOut& other) = default;
+
+SwapBufferMediaOut::~SwapBufferMediaOut() = default;
+
+MediaIn SwapBufferMediaOut::in() const {
+    const auto& bytes = swapBufferOf(bodyOrNull());
+    return MediaIn(makeReference<SwapBufferMediaInImpl, MediaInImpl>(*this, bytes));
+}
+
+unsigned long SwapBufferMediaOut::length() const {
+    return swapBufferOf(bodyOrNull()).length();
+}
+
+bool SwapBufferMediaOut::isSwapped() const {
+    return swapBufferOf(bodyOrNull()).isSwapped();
+}
+
+} // namespace Norvane
