@@ -8,6 +8,8 @@ add_custom_target(concurrency_tests)
 function(norv_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  # Functions that a test defines to stand in for a library's must be seen by the libraries.
+  set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET default VISIBILITY_INLINES_HIDDEN OFF)
   target_link_libraries(${name} PRIVATE norv_warnings ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE NORV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                                              NORV_BINARY_DIR="${PROJECT_BINARY_DIR}")
