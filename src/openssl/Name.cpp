@@ -1,0 +1,61 @@
+#include "openssl/Name.h"
+
+#include "openssl/ErrorQueue.h"
+
+#include <openssl/objects.h>
+
+#include <array>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+std::string typeText(const ASN1_OBJECT* object) {
+    const int nid = OBJ_obj2nid(object);
+    const char* shortName = nid != NID_undef ? OBJ_nid2sn(nid) : nullptr;
+    if (shortName != nullptr) {
+        return shortName;
+    }
+    std::array<char, 80> text{};
+    i2t_ASN1_OBJECT(text.data(), static_cast<int>(text.size()), object);
+    return text.data();
+}
+
+NameEntry textOf(const X509_NAME_ENTRY* entry) {
+    const ASN1_STRING* data = X509_NAME_ENTRY_get_data(entry);
+    return {typeText(X509_NAME_ENTRY_get_object(entry)), ASN1_STRING_type(data),
+            ASN1_STRING_length(data) == 0 ? std::string()
+                                          : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(data)),
+                                                        static_cast<std::size_t>(ASN1_STRING_length(data)))};
+}
+
+} // namespace
+
+std::vector<NameEntry> entriesOf(const X509_NAME* name) {
+    const ErrorMark mark;
+    std::vector<NameEntry> texts;
+    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+        texts.push_back(textOf(X509_NAME_get_entry(name, i)));
+    }
+    return texts;
+}
+
+std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries) {
+    const ErrorMark mark;
+    std::vector<NameEntry> texts;
+    for (int i = 0; i < sk_X509_NAME_ENTRY_num(entries); ++i) {
+        texts.push_back(textOf(sk_X509_NAME_ENTRY_value(entries, i)));
+    }
+    return texts;
+}
+
+void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
+    if (type.find('\0') != std::string::npos) {
+        return; // no type that OpenSSL knows; it would look at the part before the zero byte only
+    }
+    const ErrorMark mark;
+    X509_NAME_add_entry_by_txt(name, type.c_str(), MBSTRING_ASC, reinterpret_cast<const unsigned char*>(value.data()),
+                               static_cast<int>(value.size()), -1, 0);
+}
+
+} // namespace Norvane::Crypto::openssl

@@ -1,0 +1,27 @@
+#pragma once
+
+/// \file
+/// Access to names and their entries. Null arguments are allowed where OpenSSL allows them.
+
+#include "openssl/Pointers.h"
+
+#include <string>
+#include <vector>
+
+namespace Norvane::Crypto::openssl {
+
+/// One entry of a name as it stands: the text of its type and the bytes of its value.
+struct NameEntry {
+    std::string type; ///< short name; else long name or dotted number, cut to 79 characters
+    int stringType;   ///< the ASN.1 type of the value
+    std::string value;
+};
+
+/// The entries, in their order. The installed interface hides the stack of a name.
+[[nodiscard]] std::vector<NameEntry> entriesOf(const X509_NAME* name);
+[[nodiscard]] std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries);
+
+/// Appends an RDN of one attribute. Whether OpenSSL accepted type and value is not told.
+void appendEntry(X509_NAME* name, const std::string& type, const std::string& value);
+
+} // namespace Norvane::Crypto::openssl
