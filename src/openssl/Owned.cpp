@@ -2,6 +2,7 @@
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
+#include <openssl/x509v3.h>
 
 namespace Norvane::Crypto::detail {
 
@@ -11,6 +12,10 @@ void Freeing::operator()(bio_st* bio) const noexcept {
 
 void Freeing::operator()(evp_md_ctx_st* context) const noexcept {
     EVP_MD_CTX_free(context);
+}
+
+void Freeing::operator()(ISSUING_DIST_POINT_st* point) const noexcept {
+    ISSUING_DIST_POINT_free(point);
 }
 
 } // namespace Norvane::Crypto::detail

@@ -1,0 +1,65 @@
+#include "Certificate/FileContent.h"
+
+#include "openssl/ErrorQueue.h"
+#include "openssl/Pem.h"
+#include "openssl/Pointers.h"
+
+#include <norvcrypto/BIO.h>
+#include <norvcrypto/Certificate.h>
+
+#include <openssl/pem.h>
+
+#include <limits>
+#include <memory>
+
+namespace Norvane::Crypto::NVX509 {
+
+CertificateFactory::CertificateFactory() = default;
+CertificateFactory::~CertificateFactory() = default;
+
+RefCertificate CertificateFactory::operator()(x509_st* x509, bool own) const {
+    auto body = std::make_unique<Certificate>(x509);
+    body->m_owned = own;
+    return RefCertificate(body.release());
+}
+
+RefCertificate CertificateFactory::readDER(const Buffer& der) const {
+    const openssl::ErrorMark mark;
+    const unsigned char* position = der.data();
+    openssl::CertificatePtr x509(d2i_X509(nullptr, &position, static_cast<long>(der.length())));
+    return x509 ? operator()(x509.release(), true) : RefCertificate();
+}
+
+void CertificateFactory::readPem(const Buffer& pem, std::list<RefCertificate>& certificates) const {
+    if (pem.length() > static_cast<unsigned int>(std::numeric_limits<int>::max())) {
+        return; // more than a memory BIO takes
+    }
+    const openssl::ErrorMark mark;
+    MemoryBIO source(pem);
+    for (;;) {
+        openssl::CertificatePtr x509(PEM_read_bio_X509(source, nullptr, openssl::refusePassphrase, nullptr));
+        if (!x509) {
+            return;
+        }
+        certificates.push_back(operator()(x509.release(), true));
+    }
+}
+
+void CertificateFactory::read(const Buffer& bytes, std::list<RefCertificate>& certificates) const {
+    if (!startsAsDer(bytes)) {
+        readPem(bytes, certificates);
+    }
+    certificates.push_back(readDER(bytes));
+}
+
+void CertificateFactory::read(const File::Path& path, std::list<RefCertificate>& certificates) const {
+    if (const auto content = fileContent(path)) {
+        read(*content, certificates);
+    }
+}
+
+void CertificateFactory::read(const std::string& path, std::list<RefCertificate>& certificates) const {
+    read(File::Path(path), certificates);
+}
+
+} // namespace Norvane::Crypto::NVX509
