@@ -4,6 +4,7 @@
 
 #include <openssl/objects.h>
 
+#include <algorithm>
 #include <array>
 
 namespace Norvane::Crypto::openssl {
@@ -34,7 +35,9 @@ NameEntry textOf(const X509_NAME_ENTRY* entry) {
 std::vector<NameEntry> entriesOf(const X509_NAME* name) {
     const ErrorMark mark;
     std::vector<NameEntry> texts;
-    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+    const int count = X509_NAME_entry_count(name);
+    texts.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
         texts.push_back(textOf(X509_NAME_get_entry(name, i)));
     }
     return texts;
@@ -43,7 +46,9 @@ std::vector<NameEntry> entriesOf(const X509_NAME* name) {
 std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries) {
     const ErrorMark mark;
     std::vector<NameEntry> texts;
-    for (int i = 0; i < sk_X509_NAME_ENTRY_num(entries); ++i) {
+    const int count = std::max(0, sk_X509_NAME_ENTRY_num(entries)); // -1 without a stack
+    texts.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
         texts.push_back(textOf(sk_X509_NAME_ENTRY_value(entries, i)));
     }
     return texts;
