@@ -63,12 +63,12 @@ public:
 
     virtual ~Logger();
     /// Replaces every sink by `sink`; null goes back to standard error.
-    virtual void sink(std::shared_ptr<LogSink> sink);
+    virtual void sink(const std::shared_ptr<LogSink>& sink) = 0;
     /// Sends records to syslog under `name` from now on.
-    virtual void useSyslog(const std::string& name);
+    virtual void useSyslog(const std::string& name) = 0;
     /// Records above this level are dropped; the default is 0.
-    virtual void level(int highest);
-    [[nodiscard]] virtual int level() const;
+    virtual void level(int highest) = 0;
+    [[nodiscard]] virtual int level() const = 0;
     /// Writes one record: the event code, the level, and a printf-style format (d i u x X o c s p f F e E g G a A m,
     /// with flags, width, precision and length modifiers) with the byte 0x01 between its fields; such a byte in an
     /// argument does not separate. A null text prints as "(null)"; from a conversion that is none of these (n, wide or

@@ -1,21 +1,31 @@
 #pragma once
 
+/// \file
+/// Locks.
+///
+/// \code
+/// static Norvane::Mutex s_mutex;
+/// const Norvane::Synchronized guard(s_mutex); // until the end of the scope
+/// \endcode
+
 #include <norvcmsg/Export.h>
 
 #include <mutex>
 
 namespace Norvane {
 
-/// A plain lock; not recursive.
+/// A plain lock; not recursive. A static one is usable before and after every other static object.
 class NORVCMSG_EXPORT Mutex {
 public:
-    Mutex();
-    ~Mutex();
+    constexpr Mutex() noexcept = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
+    /// Waits until no thread holds the lock, and takes it.
     void lock();
+    /// Gives the lock back; only the thread that holds it may.
     void unlock();
-    bool try_lock();
+    /// Takes the lock when no thread holds it; false when one does.
+    [[nodiscard]] bool try_lock();
 
 private:
     std::mutex m_mutex;

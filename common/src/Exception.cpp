@@ -96,6 +96,7 @@ Exception::Exception(const Exception& other) noexcept : std::exception(other), m
     m_state->references.fetch_add(1, std::memory_order_relaxed);
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): counted before it is released
 Exception& Exception::operator=(const Exception& other) noexcept {
     other.m_state->references.fetch_add(1, std::memory_order_relaxed);
     release(std::exchange(m_state, other.m_state));

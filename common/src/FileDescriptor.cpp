@@ -49,6 +49,14 @@ Moved readAll(int descriptor, unsigned char* out, unsigned int length, std::int6
     });
 }
 
+Moved readSome(int descriptor, unsigned char* out, unsigned int length) noexcept {
+    ssize_t count = 0;
+    do {
+        count = ::read(descriptor, out, length);
+    } while (count < 0 && errno == EINTR);
+    return count < 0 ? Moved{0, errno} : Moved{static_cast<unsigned int>(count), 0};
+}
+
 Moved writeAll(int descriptor, const unsigned char* data, unsigned int length, std::int64_t offset) noexcept {
     return moveAll(length, [=](unsigned int done, unsigned int left) {
         return offset < 0 ? ::write(descriptor, data + done, left)

@@ -40,6 +40,9 @@ struct Moved {
 /// Reads until `length` bytes or the end are reached. `offset` below 0 reads at the file's position.
 [[nodiscard]] Moved readAll(int descriptor, unsigned char* out, unsigned int length, std::int64_t offset = -1) noexcept;
 
+/// Reads what one call of the system gives, up to `length`; no byte means the end.
+[[nodiscard]] Moved readSome(int descriptor, unsigned char* out, unsigned int length) noexcept;
+
 /// Writes all bytes. `offset` below 0 writes at the file's position.
 [[nodiscard]] Moved writeAll(int descriptor, const unsigned char* data, unsigned int length,
                              std::int64_t offset = -1) noexcept;

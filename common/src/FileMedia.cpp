@@ -50,22 +50,17 @@ public:
 
     [[nodiscard]] bool atEnd() const override { return peek() < 0; }
 
-    [[nodiscard]] int peek() const override {
-        if (m_next == m_held) {
-            m_held = readFile(m_buffer.data(), bufferSize);
-            m_next = 0;
-        }
-        return m_next == m_held ? -1 : m_buffer[m_next];
-    }
+    [[nodiscard]] int peek() const override { return m_next == m_held && !fill() ? -1 : m_buffer[m_next]; }
 
     using MediaInImpl::read;
     int read(unsigned char* out, unsigned int length) override {
         length = std::min(length, static_cast<unsigned int>(std::numeric_limits<int>::max()));
         auto count = takeHeld(out, length);
-        if (length - count >= bufferSize) {
-            count += readFile(out + count, length - count);
-        } else if (count < length && peek() >= 0) {
+        while (count < length && length - count < bufferSize && fill()) {
             count += takeHeld(out + count, length - count);
+        }
+        if (length - count >= bufferSize) {
+            count += readPast(out + count, length - count);
         }
         return static_cast<int>(count);
     }
@@ -96,7 +91,19 @@ private:
         return count;
     }
 
-    unsigned int readFile(unsigned char* out, unsigned int length) const {
+    /// Puts what the file has at hand into the empty buffer; false at the end.
+    bool fill() const {
+        const auto moved = detail::readSome(m_file.get(), m_buffer.data(), bufferSize);
+        if (moved.error != 0) {
+            detail::throwMediaErrno("FileMediaIn::read", "FileMedia", m_path, moved.error);
+        }
+        m_next = 0;
+        m_held = moved.bytes;
+        return m_held != 0;
+    }
+
+    /// Reads past the buffer. An error after some bytes shows when the next ones are asked for.
+    unsigned int readPast(unsigned char* out, unsigned int length) {
         const auto moved = detail::readAll(m_file.get(), out, length);
         if (moved.error != 0 && moved.bytes == 0) {
             detail::throwMediaErrno("FileMediaIn::read", "FileMedia", m_path, moved.error);
@@ -120,16 +127,14 @@ public:
     }
 
     ~FileMediaOutImpl() override {
-        if (m_file.isOpen()) {
+        if (m_file.isOpen() && m_error == 0) {
             static_cast<void>(detail::writeAll(m_file.get(), m_held.data(), heldLength()));
         }
     }
 
     using MediaOutImpl::write;
     void write(const unsigned char* data, unsigned int length) override {
-        if (!m_file.isOpen()) {
-            detail::throwMedia("FileMediaOut::write", "FileMedia", m_path + ": already ended");
-        }
+        requireUsable("FileMediaOut::write");
         if (length > bufferSize - heldLength()) {
             flush("FileMediaOut::write");
         }
@@ -144,18 +149,19 @@ public:
         if (!m_file.isOpen()) {
             return;
         }
-        flush("FileMediaOut::end");
-        if (const int error = m_file.close(); error != 0) {
-            detail::throwMediaErrno("FileMediaOut::end", "FileMedia", m_path, error);
+        if (m_error == 0) {
+            flush("FileMediaOut::end");
+        }
+        const int error = m_file.close();
+        if (m_error != 0 || error != 0) {
+            detail::throwMediaErrno("FileMediaOut::end", "FileMedia", m_path, m_error != 0 ? m_error : error);
         }
     }
 
     [[nodiscard]] unsigned long tell() const override { return m_position + heldLength(); }
 
     void setpos(unsigned long position) override {
-        if (!m_file.isOpen()) {
-            detail::throwMedia("FileMediaOut::setpos", "FileMedia", m_path + ": already ended");
-        }
+        requireUsable("FileMediaOut::setpos");
         flush("FileMediaOut::setpos");
         if (::lseek(m_file.get(), static_cast<off_t>(position), SEEK_SET) < 0) {
             detail::throwMediaErrno("FileMediaOut::setpos", "FileMedia", m_path, errno);
@@ -166,19 +172,26 @@ public:
 private:
     [[nodiscard]] unsigned int heldLength() const noexcept { return static_cast<unsigned int>(m_held.size()); }
 
+    /// Throws when the file is closed, or once a write failed: bytes are missing then, so none may follow.
+    void requireUsable(const char* where) const {
+        if (!m_file.isOpen()) {
+            detail::throwMedia(where, "FileMedia", m_path + ": already ended");
+        }
+        if (m_error != 0) {
+            detail::throwMediaErrno(where, "FileMedia", m_path, m_error);
+        }
+    }
+
     void flush(const char* where) {
-        // What fails once is not tried again: the bytes that got through would be doubled.
-        std::vector<unsigned char> held;
-        held.swap(m_held);
-        writeFile(where, held.data(), static_cast<unsigned int>(held.size()));
-        held.clear();
-        m_held.swap(held);
+        writeFile(where, m_held.data(), heldLength());
+        m_held.clear();
     }
 
     void writeFile(const char* where, const unsigned char* data, unsigned int length) {
         const auto moved = detail::writeAll(m_file.get(), data, length);
         m_position += moved.bytes;
         if (moved.error != 0) {
+            m_error = moved.error;
             detail::throwMediaErrno(where, "FileMedia", m_path, moved.error);
         }
     }
@@ -186,7 +199,8 @@ private:
     std::string m_path;
     detail::FileDescriptor m_file;
     std::vector<unsigned char> m_held;
-    unsigned long m_position = 0;
+    unsigned long m_position = 0; // of the first held byte
+    int m_error = 0;              // of the first write that failed
 };
 
 } // namespace

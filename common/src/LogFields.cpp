@@ -7,12 +7,16 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 
 namespace Norvane {
 
 namespace {
 
 constexpr char fieldSeparator = '\x01';
+
+static_assert(std::is_same_v<std::intmax_t, long>);
 
 enum class Length : int { none, hh, h, l, ll, j, z, t, L };
 
@@ -189,12 +193,11 @@ private:
         case Length::h:
             return static_cast<short>(va_arg(m_arguments, int));
         case Length::l:
+        case Length::j:
             return va_arg(m_arguments, long);
         case Length::ll:
         case Length::L:
             return va_arg(m_arguments, long long);
-        case Length::j:
-            return va_arg(m_arguments, std::intmax_t);
         case Length::z:
         case Length::t:
             return va_arg(m_arguments, std::ptrdiff_t);
@@ -211,12 +214,11 @@ private:
         case Length::h:
             return static_cast<unsigned short>(va_arg(m_arguments, unsigned int));
         case Length::l:
+        case Length::j:
             return va_arg(m_arguments, unsigned long);
         case Length::ll:
         case Length::L:
             return va_arg(m_arguments, unsigned long long);
-        case Length::j:
-            return va_arg(m_arguments, std::uintmax_t);
         case Length::z:
         case Length::t:
             return va_arg(m_arguments, std::size_t);

@@ -17,11 +17,11 @@ namespace {
 
 class LoggerImpl : public Logger {
 public:
-    void sink(std::shared_ptr<LogSink> sink) override {
+    void sink(const std::shared_ptr<LogSink>& sink) override {
         if (sink == nullptr) {
             m_text->useStandardError();
         }
-        exchange(sink != nullptr ? std::move(sink) : m_text);
+        exchange(sink != nullptr ? sink : m_text);
     }
 
     void useSyslog(const std::string& name) override {
@@ -70,10 +70,10 @@ private:
         return m_sink;
     }
 
-    void exchange(std::shared_ptr<LogSink> sink) {
-        // The old sink goes outside the lock: it is the caller's and may log.
+    void exchange(const std::shared_ptr<LogSink>& sink) {
+        auto swapped = sink; // the old one goes after the lock: it is the caller's and may log
         const std::lock_guard lock(m_mutex);
-        m_sink.swap(sink);
+        m_sink.swap(swapped);
     }
 
     std::mutex m_mutex;
@@ -84,10 +84,7 @@ private:
 
 /// Never destroyed, so that what ends after it can still log.
 LoggerImpl& theLogger() {
-    static LoggerImpl& logger = [&]() -> LoggerImpl& {
-        static std::aligned_storage_t<sizeof(LoggerImpl), alignof(LoggerImpl)> memory;
-        return *new (&memory) LoggerImpl;
-    }();
+    static LoggerImpl& logger = *std::make_unique<LoggerImpl>().release();
     static const int registered =
         pthread_atfork([] { theLogger().lock(); }, [] { theLogger().unlock(); }, [] { theLogger().unlock(); });
     static_cast<void>(registered);
@@ -107,16 +104,6 @@ Logger& Logger::instance(bool renew) {
 Logger::Logger() = default;
 
 Logger::~Logger() = default;
-
-void Logger::sink(std::shared_ptr<LogSink> /*sink*/) {}
-
-void Logger::useSyslog(const std::string& /*name*/) {}
-
-void Logger::level(int /*highest*/) {}
-
-int Logger::level() const {
-    return 0;
-}
 
 LogSink::LogSink() = default;
 

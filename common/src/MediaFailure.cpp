@@ -4,14 +4,13 @@
 
 namespace Norvane::detail {
 
-void throwMedia(const char* where, const char* module, const std::string& reason, std::source_location here) {
+void throwMedia(const char* where, const char* module, const std::string& reason, SourceLocation here) {
     MediaException failure(where, 4, module, here.line());
     failure.stringParameter(reason);
     throw failure;
 }
 
-void throwMediaErrno(const char* where, const char* module, const std::string& what, int error,
-                     std::source_location here) {
+void throwMediaErrno(const char* where, const char* module, const std::string& what, int error, SourceLocation here) {
     MediaException failure(where, 4, module, here.line());
     failure.stringParameter(what + ": " + std::generic_category().message(error));
     failure.intParameter(error);

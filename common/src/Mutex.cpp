@@ -2,10 +2,6 @@
 
 namespace Norvane {
 
-Mutex::Mutex() = default;
-
-Mutex::~Mutex() = default;
-
 void Mutex::lock() {
     m_mutex.lock();
 }

@@ -7,8 +7,8 @@
 #include "openssl/ErrorQueue.h"
 
 #include <norvcmsg/Exception.h>
+#include <norvcmsg/SourceLocation.h>
 
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -16,19 +16,19 @@ namespace Norvane::Crypto::failures {
 
 /// The exception for a failure, for the few places that attach more to it than the verbs below do.
 template <class E = Exception>
-[[nodiscard]] E exceptionFor(const Failure& failure, std::source_location here = std::source_location::current()) {
+[[nodiscard]] E exceptionFor(const Failure& failure, SourceLocation here = SourceLocation::current()) {
     return E(failure.where, failure.code, failure.file, failure.line != 0 ? failure.line : here.line());
 }
 
 /// Throws without a detail; the OpenSSL queue stays as it is.
 template <class E = Exception>
-[[noreturn]] void raise(const Failure& failure, std::source_location here = std::source_location::current()) {
+[[noreturn]] void raise(const Failure& failure, SourceLocation here = SourceLocation::current()) {
     throw exceptionFor<E>(failure, here);
 }
 
 /// Throws with a fixed detail text; the OpenSSL queue stays as it is.
 template <class E = Exception> [[noreturn]] void raise(const Failure& failure, const std::string& detail,
-                                                       std::source_location here = std::source_location::current()) {
+                                                       SourceLocation here = SourceLocation::current()) {
     auto exception = exceptionFor<E>(failure, here);
     exception.stringParameter(detail);
     throw exception;
@@ -36,13 +36,13 @@ template <class E = Exception> [[noreturn]] void raise(const Failure& failure, c
 
 /// Throws with `prefix` and the OpenSSL errors as detail, and leaves the queue empty.
 [[noreturn]] inline void raiseWithErrors(const Failure& failure, std::string_view prefix = "",
-                                         std::source_location here = std::source_location::current()) {
+                                         SourceLocation here = SourceLocation::current()) {
     raise(failure, std::string(prefix) + openssl::drainErrorQueue(), here);
 }
 
 /// Throws with a caught failure as the cause.
 [[noreturn]] inline void raiseBecause(const Failure& failure, const Exception& cause,
-                                      std::source_location here = std::source_location::current()) {
+                                      SourceLocation here = SourceLocation::current()) {
     auto exception = exceptionFor(failure, here);
     exception.cause(cause);
     throw exception;
