@@ -17,9 +17,12 @@
 /// does. Neither can be copied. One object is used by one thread at a time.
 
 #include <norvcmsg/Buffer.h>
+#include <norvcmsg/File.h>
 #include <norvcrypto/Export.h>
 #include <norvcrypto/NorvRefcounted>
 #include <norvcrypto/detail/Owned.h>
+
+#include <string>
 
 struct bio_st;
 
@@ -56,6 +59,25 @@ public:
 private:
     Buffer m_cache;
     detail::OwnedBio m_bio; // goes first: it may read the cache's bytes
+};
+
+/// A BIO on a file, opened at once and closed with this object.
+class NORVCRYPTO_EXPORT FileBIO : public RefImpl {
+public:
+    /// \param path the file. An empty path is not an error: this object then has no BIO, and OpenSSL's call on it fails
+    /// \param mode as fopen takes it: "r", "wb", ...
+    /// \throws Exception "Crypto::FileBIO", code 4, "MemoryBIO:  " (deliberately the memory BIO's prefix) and OpenSSL's
+    /// errors, which tell the reason but not the path: the file cannot be opened that way
+    FileBIO(const File::Path& path, const std::string& mode);
+    ~FileBIO() override;
+    FileBIO(const FileBIO&) = delete;
+    FileBIO& operator=(const FileBIO&) = delete;
+
+    /// The BIO, owned by this object; null when the path was empty.
+    operator bio_st*() noexcept;
+
+private:
+    detail::OwnedBio m_bio;
 };
 
 } // namespace Norvane::Crypto

@@ -1,5 +1,5 @@
 #include "failures/Raise.h"
-#include "openssl/MemorySource.h"
+#include "openssl/Bios.h"
 
 #include <norvcrypto/BIO.h>
 
@@ -65,6 +65,23 @@ MemoryBIO::operator Buffer() const {
 
 void MemoryBIO::protect() {
     m_cache.protect();
+}
+
+FileBIO::FileBIO(const File::Path& path, const std::string& mode) {
+    const std::string text = path.asString();
+    if (path.empty() || text.empty()) {
+        return;
+    }
+    m_bio.reset(openssl::fileBio(text, mode).release());
+    if (!m_bio) {
+        failures::raiseWithErrors(failures::fileBio, prefix);
+    }
+}
+
+FileBIO::~FileBIO() = default;
+
+FileBIO::operator bio_st*() noexcept {
+    return m_bio.get();
 }
 
 } // namespace Norvane::Crypto

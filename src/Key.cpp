@@ -1,6 +1,6 @@
 #include "failures/Raise.h"
+#include "openssl/Bios.h"
 #include "openssl/KeyCoding.h"
-#include "openssl/MemorySource.h"
 
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Key.h>

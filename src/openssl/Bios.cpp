@@ -1,4 +1,4 @@
-#include "openssl/MemorySource.h"
+#include "openssl/Bios.h"
 
 #include "openssl/ErrorQueue.h"
 
@@ -15,6 +15,14 @@ BioPtr memorySource(const void* bytes, unsigned int length) {
         return nullptr;
     }
     return BioPtr(BIO_new_mem_buf(bytes, static_cast<int>(length)));
+}
+
+BioPtr fileBio(const std::string& path, const std::string& mode) {
+    if (path.find('\0') != std::string::npos) {
+        queueError("BIO_new_file", ERR_LIB_BIO, BIO_R_INVALID_ARGUMENT);
+        return nullptr;
+    }
+    return BioPtr(BIO_new_file(path.c_str(), mode.c_str()));
 }
 
 } // namespace Norvane::Crypto::openssl
