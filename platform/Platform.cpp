@@ -15,10 +15,11 @@
 extern "C" {
 
 __attribute__((weak)) int openssl_init_with_rng() {
-    // The default provider goes first: with the legacy one alone, later calls cannot fetch a random generator.
-    const bool providers = OSSL_PROVIDER_try_load(nullptr, "default", 1) != nullptr &&
-                           OSSL_PROVIDER_try_load(nullptr, "legacy", 1) != nullptr;
-    return providers && RAND_status() == 1 ? 1 : 0;
+    // Held for the life of the process, once however often this is called. The default provider goes first: with the
+    // legacy one alone, later calls cannot fetch a random generator.
+    static const OSSL_PROVIDER* const standard = OSSL_PROVIDER_try_load(nullptr, "default", 1);
+    static const OSSL_PROVIDER* const legacy = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+    return standard != nullptr && legacy != nullptr && RAND_status() == 1 ? 1 : 0;
 }
 
 __attribute__((weak)) int fips_rsa_consistency_test(rsa_st* rsa) {

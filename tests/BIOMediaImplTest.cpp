@@ -175,7 +175,8 @@ TEST(BioMediaIn, ConvertingANullHandleThrows) {
     MemoryMediaIn source(std::string("abc"));
     BIOMediaIn adapter(source);
     static_cast<MediaIn&>(adapter) = MediaIn();
-    const auto thrown = norvtest::thrownBy<Norvane::MediaException>([&] { static_cast<void>(static_cast<BIO*>(adapter)); });
+    const auto thrown =
+        norvtest::thrownBy<Norvane::MediaException>([&] { static_cast<void>(static_cast<BIO*>(adapter)); });
     norvtest::expectFailure(thrown, "MediaException", 1, "BIOMediaImpl");
     EXPECT_TRUE(thrown.parameters().empty());
 }
@@ -310,7 +311,8 @@ TEST(BioMediaOut, WithoutATargetTheWriteFailsAsANullHandleDoes) {
 TEST(BioMediaOut, ConvertingANullHandleThrows) {
     BIOMediaOut adapter;
     static_cast<MediaOut&>(adapter) = MediaOut();
-    const auto thrown = norvtest::thrownBy<Norvane::MediaException>([&] { static_cast<void>(static_cast<BIO*>(adapter)); });
+    const auto thrown =
+        norvtest::thrownBy<Norvane::MediaException>([&] { static_cast<void>(static_cast<BIO*>(adapter)); });
     norvtest::expectFailure(thrown, "MediaException", 1, "BIOMediaImpl");
     EXPECT_TRUE(thrown.parameters().empty());
 }

@@ -13,6 +13,7 @@ namespace norvtest {
 /// What the streams below throw: a class of its own, which nothing but the streams can have thrown.
 class StreamFailure : public Norvane::Exception {
 public:
+    using Exception::Exception;
     StreamFailure() : Exception("the stream", 7, "Streams", 1) {}
 };
 
