@@ -75,6 +75,9 @@ inline constexpr Failure signerSetType{signerMediaConstructor, operationFailed, 
 inline constexpr Failure signerDigest{signerMediaConstructor, operationFailed, "CMSSignerMedia", 56};
 inline constexpr Failure signerAddSignature{signerMediaConstructor, operationFailed, "CMSSignerMedia", 63};
 inline constexpr Failure signerDataInit{signerMediaConstructor, operationFailed, "CMSSignerMedia", 91};
+inline constexpr Failure signerAddCertificate{signerMediaConstructor, operationFailed, "CMSSignerMedia"};
 inline constexpr Failure signerEnd{"CMS::SignerMediaOutImpl::end", operationFailed, "CMSSignerMedia", 147};
+inline constexpr Failure signerWrite{"CMS::SignerMediaOutImpl::end", operationFailed, "CMSSignerMedia"};
+inline constexpr Failure signerAttach{"CMS::SignerMediaOut::attach", nullHandle, "CMSSignerMedia"};
 
 } // namespace Norvane::Crypto::failures

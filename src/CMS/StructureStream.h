@@ -1,0 +1,54 @@
+#pragma once
+
+/// \file
+/// What the streams that produce a structure share: bytes go through a write-behind buffer into OpenSSL's content
+/// chain, and the finished structure goes to the attached target.
+
+#include "failures/Failures.h"
+#include "openssl/ContentChain.h"
+
+#include <norvcmsg/Buffer.h>
+#include <norvcrypto/BIOMediaImpl.h>
+#include <norvcrypto/CMS.h>
+
+#include <memory>
+
+namespace Norvane::Crypto::CMS {
+
+/// One structure under construction. It is set up (type, signers, recipients) through `structure()`, then opened, then
+/// written to and ended.
+class StructureStream {
+public:
+    StructureStream();
+    ~StructureStream();
+    StructureStream(const StructureStream&) = delete;
+    StructureStream& operator=(const StructureStream&) = delete;
+
+    [[nodiscard]] pkcs7_st* structure() const { return m_structure; }
+
+    /// Makes the content chain; false with the reasons in the error queue.
+    [[nodiscard]] bool open(openssl::ContentChain::Sink sink);
+
+    void attach(MediaOut& target);
+    void detach();
+
+    /// Buffers `data`, after passing on what is buffered when there is no room for it.
+    void write(const Buffer& data);
+
+    /// Finishes the structure and sends it to the target, which is ended. Nothing guards against a second call: it
+    /// passes the buffered bytes on again and sends a second structure.
+    /// \throws Exception `finishing`, with the OpenSSL errors: the structure cannot be finished
+    /// \throws Exception `writing`, with the OpenSSL errors: it cannot be encoded
+    /// \throws what the target throws
+    void end(const failures::Failure& finishing, const failures::Failure& writing);
+
+private:
+    void send(const failures::Failure& writing);
+
+    RefContentInfo m_structure;
+    BIOMediaOut m_out;
+    std::unique_ptr<openssl::ContentChain> m_chain;
+    Buffer m_buffer;
+};
+
+} // namespace Norvane::Crypto::CMS

@@ -1,0 +1,40 @@
+#pragma once
+
+/// \file
+/// The BIO chain through which a structure's content passes while it is digested or encrypted.
+
+#include "openssl/Pointers.h"
+
+#include <cstddef>
+#include <memory>
+
+namespace Norvane::Crypto::openssl {
+
+/// The chain that `PKCS7_dataInit` makes: digest or cipher BIOs over a memory sink.
+class ContentChain {
+public:
+    /// What becomes of the content behind the last digest or cipher.
+    enum class Sink : int {
+        collect, ///< it stays in memory, for structures that carry it
+        drop,    ///< nothing is kept, for detached signatures: a body of any size passes in constant memory
+    };
+
+    /// The chain for a structure, or null, with the reasons in the error queue.
+    static std::unique_ptr<ContentChain> open(PKCS7* structure, Sink sink);
+    ~ContentChain();
+    ContentChain(const ContentChain&) = delete;
+    ContentChain& operator=(const ContentChain&) = delete;
+
+    /// Passes bytes of any number through the chain. Digests do not fail; a cipher's failure shows in `finish`.
+    void write(const unsigned char* bytes, std::size_t length) noexcept;
+    void flush() noexcept;
+    /// Makes the structure from what passed; false with the reasons in the error queue.
+    [[nodiscard]] bool finish(PKCS7* structure) noexcept;
+
+private:
+    explicit ContentChain(BioChainPtr head) noexcept;
+
+    BioChainPtr m_head;
+};
+
+} // namespace Norvane::Crypto::openssl
