@@ -335,7 +335,8 @@ TEST(ASN1Integer, BytesAfterTheElementAreIgnored) {
 // ------------------------------------------------------------------------------------------- object identifiers
 
 /// An object made of raw octets, as no decoder would make it.
-RefObjectIdentifier fromOctets(const std::string& hex, std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)>& keep) {
+RefObjectIdentifier fromOctets(const std::string& hex,
+                               std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)>& keep) {
     Bytes octets = fromHex(hex);
     keep.reset(ASN1_OBJECT_create(NID_undef, octets.data(), static_cast<int>(octets.size()), nullptr, nullptr));
     return RefObjectIdentifier(keep.get());
