@@ -1,3 +1,73 @@
-int main() {
-    return 2;
+// norvcrypt: signs, verifies and inspects from the command line what the appliance signs, verifies and inspects.
+
+#include "Command.h"
+#include "Output.h"
+
+#include <norvcmsg/Logger.h>
+#include <norvcrypto/Crypto.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+namespace {
+
+using norvcrypt::Exit;
+
+/// Help and version are answers; everything else is bad usage, told on one line.
+Exit answer(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+        norvcrypt::TextOutput out;
+        out.text(dynamic_cast<const CLI::CallForVersion*>(&error) != nullptr ? std::string(error.what()) + "\n"
+                                                                             : app.help());
+        out.flush();
+        return Exit::good;
+    }
+    norvcrypt::reportError(std::string(error.what()) + " (norvcrypt --help tells more)");
+    return Exit::failed;
+}
+
+Exit run(int argc, char** argv) {
+    CLI::App app("Signs, verifies and inspects mail bodies, certificates, lists and keys.\n"
+                 "Exit code: 0 good, 1 a negative verdict, 2 bad usage, unreadable or malformed input.",
+                 "norvcrypt");
+    app.set_version_flag("--version", "norvcrypt " NORVCRYPT_VERSION);
+    app.require_subcommand(1);
+    norvcrypt::Action action;
+    norvcrypt::addSign(app, action);
+    norvcrypt::addVerify(app, action);
+    norvcrypt::addInspect(app, action);
+    norvcrypt::addDigest(app, action);
+    norvcrypt::addDemo(app, action);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return answer(app, error);
+    }
+    return action();
+}
+
+Exit guarded(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const Norvane::Exception& failure) {
+        norvcrypt::reportError(failure.asString());
+    } catch (const std::bad_alloc&) {
+        norvcrypt::reportError("out of memory");
+    } catch (const std::exception& failure) {
+        norvcrypt::reportError(failure.what());
+    }
+    return Exit::failed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    norvcrypt::prepareOutput();
+    Norvane::Crypto::initialize();
+    // The commands tell themselves what matters; records of the library would only repeat it in between.
+    Norvane::Logger::instance(false).sink(std::make_shared<Norvane::RecordingLogSink>());
+    const Exit code = guarded(argc, argv);
+    Norvane::Crypto::cleanup();
+    return static_cast<int>(code);
 }

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Failure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+
+namespace norvcrypt {
+
+/// What the command line asks for, once it was read.
+using Action = std::function<Exit()>;
+
+/// Each adds a sub-command that sets `action` when it is chosen.
+void addSign(CLI::App& app, Action& action);
+void addVerify(CLI::App& app, Action& action);
+void addInspect(CLI::App& app, Action& action);
+void addDigest(CLI::App& app, Action& action);
+void addDemo(CLI::App& app, Action& action);
+
+} // namespace norvcrypt

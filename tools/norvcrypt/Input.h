@@ -1,0 +1,28 @@
+#pragma once
+
+#include "Progress.h"
+
+#include <norvcmsg/Buffer.h>
+#include <norvcmsg/Media.h>
+
+#include <string>
+
+namespace norvcrypt {
+
+/// How an input is named in messages.
+std::string inputName(const std::string& path);
+
+/// The inputs of one command. "-" is standard input, which can be read only once.
+class Inputs {
+public:
+    /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
+    /// \throws Failure: there is no such file, or standard input was taken already
+    Norvane::MediaIn open(const std::string& path, Progress* progress = nullptr);
+    /// All bytes of a file of at most 1 GiB, wiped with the last copy when they are secret. \throws Failure
+    Norvane::Buffer readAll(const std::string& path, bool secret = false);
+
+private:
+    bool m_standardInputTaken = false;
+};
+
+} // namespace norvcrypt

@@ -1,0 +1,115 @@
+#include "Material.h"
+#include "Failure.h"
+#include "OpenSsl.h"
+#include "Pieces.h"
+
+#include <norvcrypto/Crypto.h>
+
+#include <algorithm>
+#include <cstring>
+#include <openssl/crypto.h>
+#include <openssl/pem.h>
+#include <string_view>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+using Norvane::Crypto::Key;
+using Norvane::Crypto::RefKey;
+
+namespace {
+
+constexpr unsigned int longestPassphrase = 1023; // OpenSSL would cut a longer one without a word
+
+/// Answers OpenSSL's question for the passphrase, so that none ever reaches a terminal. An empty one counts too.
+int answerPassphrase(char* buffer, int size, int, void* data) {
+    const auto& passphrase = *static_cast<const Passphrase*>(data);
+    const auto length = static_cast<int>(passphrase.text().size());
+    if (!passphrase.given() || length > size)
+        return -1;
+    std::memcpy(buffer, passphrase.text().data(), passphrase.text().size());
+    return length;
+}
+
+/// Encrypted PEM says in its text how it is encrypted, encrypted DER in itself.
+bool isText(const Norvane::Buffer& content) {
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    return text.find("-----BEGIN ") != std::string_view::npos;
+}
+
+RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
+    const BioPtr bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.length())));
+    void* data = const_cast<Passphrase*>(&passphrase);
+    KeyPtr key(!isText(content) ? d2i_PKCS8PrivateKey_bio(bio.get(), nullptr, answerPassphrase, data)
+                                : PEM_read_bio_PrivateKey(bio.get(), nullptr, answerPassphrase, data));
+    if (!key)
+        throw Failure("cannot read the private key in " + name +
+                      ", the passphrase may be wrong: " + Norvane::Crypto::getErrString());
+    return RefKey(new Norvane::Crypto::PrivateKey(key.release()));
+}
+
+} // namespace
+
+Passphrase::Passphrase(Inputs& inputs, const std::string& path) : m_given(true) {
+    const Norvane::Buffer content = inputs.readAll(path, true);
+    const unsigned char* const start = content.data();
+    const unsigned char* end = std::find(start, start + content.length(), '\n');
+    if (end != start && end != start + content.length() && end[-1] == '\r')
+        --end;
+    if (end - start > longestPassphrase)
+        throw Failure("the passphrase in " + inputName(path) + " is longer than " + std::to_string(longestPassphrase) +
+                      " bytes");
+    if (std::find(start, end, '\0') != end)
+        throw Failure("the passphrase in " + inputName(path) + " holds a NUL byte");
+    // One allocation, so that no copy stays behind.
+    m_text.reserve(longestPassphrase);
+    m_text.assign(start, end);
+}
+
+Passphrase::~Passphrase() {
+    OPENSSL_cleanse(m_text.data(), m_text.capacity());
+}
+
+std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::string& path) {
+    const NVX509::CertificateFactory factory;
+    std::list<NVX509::RefCertificate> certificates;
+    for (const Piece& piece : piecesOf(inputs.readAll(path, true))) {
+        if (!piece.problem.empty())
+            throw Failure(inputName(path) + ": " + piece.problem);
+        if (piece.kind != Kind::certificate)
+            continue;
+        const NVX509::RefCertificate certificate = factory.readDER(piece.der);
+        if (certificate.isNull())
+            throw Failure(inputName(path) + ": malformed certificate: " + Norvane::Crypto::getErrString());
+        certificates.push_back(certificate);
+    }
+    if (certificates.empty())
+        throw Failure("no certificate in " + inputName(path));
+    return certificates;
+}
+
+RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
+    const Norvane::Buffer content = inputs.readAll(path, true);
+    const std::string name = inputName(path);
+    const std::vector<Piece> pieces = piecesOf(content);
+    const auto piece = std::find_if(pieces.begin(), pieces.end(), [](const Piece& candidate) {
+        return candidate.kind == Kind::privateKey || candidate.kind == Kind::encryptedKey;
+    });
+    if (piece == pieces.end())
+        throw Failure("no private key in " + name +
+                      (pieces.front().problem.empty() ? "" : ": " + pieces.front().problem));
+    if (piece->kind == Kind::encryptedKey && !passphrase.given())
+        throw Failure("the private key in " + name + " is encrypted: give its passphrase with --passphrase-file");
+    if (piece->kind == Kind::encryptedKey)
+        return decryptedKey(content, passphrase, name);
+    try {
+        RefKey key(Key::PRIVATE_KEY);
+        key->read(piece->der, false);
+        return key;
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot read the private key in " + name, failure);
+    }
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace norvcrypt {
+
+/// Prepares the process for output that may fail: no death by SIGPIPE, no file that takes the place of a closed
+/// standard stream, and no temporary file left behind by an interrupt. Call it first in main.
+void prepareOutput();
+
+/// Text on standard output. What was not flushed is not written.
+class TextOutput {
+public:
+    /// Adds the text and a line feed; the caller has escaped what came from elsewhere.
+    void line(std::string_view text);
+    void text(std::string_view text);
+    /// \throws Failure: standard output takes no more
+    void flush();
+
+private:
+    std::string m_pending;
+};
+
+/// A file that appears under its name complete or not at all: it is written beside it and renamed. "-" is standard
+/// output, and what is no regular file (a device, a pipe) is written directly.
+class OutputFile {
+public:
+    enum class Access { everyone, owner }; ///< owner: mode 0600, for private keys
+
+    /// \throws Failure: the place cannot be written to
+    explicit OutputFile(std::string path, Access access = Access::everyone);
+    /// Takes away what was not committed.
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// \throws Failure
+    void write(const void* bytes, std::size_t length);
+    /// Makes the file durable and gives it its name. \throws Failure
+    void commit();
+
+private:
+    void openTemporary();
+    [[noreturn]] void fail(int error) const;
+
+    std::string m_name; ///< as the caller gave it, for messages
+    std::string m_target;
+    std::string m_temporary;
+    int m_descriptor = -1;
+    unsigned int m_mode = 0;
+};
+
+/// Writes a whole file. \throws Failure
+void writeFile(const std::string& path, std::string_view content,
+               OutputFile::Access access = OutputFile::Access::everyone);
+
+} // namespace norvcrypt

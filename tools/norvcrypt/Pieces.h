@@ -1,0 +1,29 @@
+#pragma once
+
+/// \file
+/// What a file holds, DER or PEM: its objects, told apart by their content and not by the file's name.
+
+#include <norvcmsg/Buffer.h>
+
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+enum class Kind : int { certificate, list, cms, publicKey, privateKey, encryptedKey, unknown };
+
+/// One object of a file.
+struct Piece {
+    Kind kind = Kind::unknown;
+    Norvane::Buffer der;
+    std::string problem; ///< why it cannot be read, when it cannot
+};
+
+/// The objects in a PEM text (text around the blocks is skipped) or in DER, one after another. DER whose kind cannot be
+/// told, and blocks that are damaged or of an unknown label, are pieces with a problem. There is always at least one.
+std::vector<Piece> piecesOf(const Norvane::Buffer& content);
+
+/// True for bytes that begin a DER or BER structure rather than a text.
+bool looksLikeDer(const Norvane::Buffer& content);
+
+} // namespace norvcrypt
