@@ -70,6 +70,7 @@ public:
     /// are upper-cased, so that those with lower-case letters in their short name (emailAddress) are unknown and
     /// silently left out, as are values that OpenSSL refuses for their type (a country of three letters). Every
     /// component becomes an RDN of its own; the last one comes first in the name, so that the name prints as given.
+    /// Bytes from 0x80 are taken for Latin-1, not UTF-8; a zero byte is a byte like others.
     ///
     /// Deliberate, for a text from outside: double quotes and backslashes only protect commas and equals signs, they
     /// stay in the value (`CN="a,b"` has the value `"a,b"` with its quotes, and `\x41` stays four characters). A text

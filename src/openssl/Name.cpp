@@ -22,6 +22,10 @@ std::string typeText(const ASN1_OBJECT* object) {
     return text.data();
 }
 
+bool isAscii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
 NameEntry textOf(const X509_NAME_ENTRY* entry) {
     const ASN1_STRING* data = X509_NAME_ENTRY_get_data(entry);
     return {typeText(X509_NAME_ENTRY_get_object(entry)), ASN1_STRING_type(data),
@@ -59,8 +63,13 @@ void appendEntry(X509_NAME* name, const std::string& type, const std::string& va
         return; // no type that OpenSSL knows; it would look at the part before the zero byte only
     }
     const ErrorMark mark;
-    X509_NAME_add_entry_by_txt(name, type.c_str(), MBSTRING_ASC, reinterpret_cast<const unsigned char*>(value.data()),
-                               static_cast<int>(value.size()), -1, 0);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());
+    const int length = static_cast<int>(value.size());
+    const bool added = X509_NAME_add_entry_by_txt(name, type.c_str(), MBSTRING_ASC, bytes, length, -1, 0) == 1;
+    if (added && !std::all_of(value.begin(), value.end(), isAscii)) {
+        X509_NAME_ENTRY_set_data(X509_NAME_get_entry(name, X509_NAME_entry_count(name) - 1), V_ASN1_T61STRING, bytes,
+                                 length);
+    }
 }
 
 } // namespace Norvane::Crypto::openssl

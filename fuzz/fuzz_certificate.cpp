@@ -1,0 +1,46 @@
+// Certificates, DER or PEM: every accessor, then written and read again.
+#include "Driver.h"
+
+#include <norvcmsg/Media.h>
+#include <norvcrypto/Certificate.h>
+
+#include <ctime>
+
+using namespace Norvane;
+using namespace Norvane::Crypto::NVX509;
+
+namespace {
+
+void look(const RefCertificate& certificate) {
+    certificate->warm();
+    for (const GeneralName& name : certificate->subjectAlternativeName()
+                                       ? certificate->subjectAlternativeName()->names()
+                                       : std::list<GeneralName>()) {
+        static_cast<void>(name.dn().asString());
+        static_cast<void>(name.uri());
+        static_cast<void>(name.ipAddress());
+        static_cast<void>(name.emailAddress());
+    }
+    static_cast<void>(certificate->validityPeriod().valid(std::time(nullptr)));
+    static_cast<void>(certificate->issuedBy(certificate, true));
+    MemoryMediaOut der;
+    certificate->writeDER(der);
+    const RefCertificate again = CertificateFactory().readDER(der.content());
+    if (again.isNull() || !(*again == *certificate)) {
+        std::abort();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    return fuzz::run(data, size, [](const Buffer& input) {
+        std::list<RefCertificate> certificates;
+        CertificateFactory().read(input, certificates);
+        for (const RefCertificate& certificate : certificates) {
+            if (certificate) {
+                look(certificate);
+            }
+        }
+    });
+}

@@ -1,0 +1,105 @@
+// Writes small valid inputs for each fuzz target: make_corpus FOLDER.
+#include <authority/Authority.h>
+
+#include <openssl/bio.h>
+#include <openssl/pkcs7.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+using namespace norvauthority;
+
+namespace {
+
+std::filesystem::path corpus;
+
+std::string text(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+void put(const std::string& target, const std::string& name, const std::string& content) {
+    std::filesystem::create_directories(corpus / target);
+    std::ofstream(corpus / target / name, std::ios::binary) << content;
+}
+
+std::string signedData(const Identity& signer, int flags) {
+    const std::string body = "body";
+    BIO* source = BIO_new_mem_buf(body.data(), static_cast<int>(body.size()));
+    const X509Ptr certificate = signer.certificate.x509();
+    const Pkcs7Ptr structure(PKCS7_sign(certificate.get(), signer.key.get(), nullptr, source, flags));
+    BIO_free(source);
+    unsigned char* der = nullptr;
+    const int length = i2d_PKCS7(structure.get(), &der);
+    std::string result(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+    OPENSSL_free(der);
+    return result;
+}
+
+void certificatesAndLists(const Identity& ca, const Identity& alice) {
+    put("fuzz_certificate", "ca.der", text(ca.certificate.der));
+    put("fuzz_certificate", "alice.der", text(alice.certificate.der));
+    put("fuzz_certificate", "alice.pem", alice.certificate.pem() + ca.certificate.pem());
+    const Crl list =
+        issueList({.issuer = &ca,
+                   .revoked = {{.serial = "7"}},
+                   .crlNumber = "1",
+                   .deltaBase = "1",
+                   .scope = IssuingDistributionPoint{
+                       .name = DistributionPointName{.full = {GeneralName::uri("http://example.org/a.crl")}},
+                       .onlyUser = true,
+                       .reasons = Bytes{0x60},
+                   }});
+    put("fuzz_crl", "list.der", text(list.der));
+    put("fuzz_crl", "list.pem", list.pem());
+}
+
+void keys(const Key& key) {
+    put("fuzz_key", "private.der", '\0' + text(key.pkcs8()));
+    put("fuzz_key", "traditional.der", '\0' + text(key.traditionalDer()));
+    put("fuzz_key", "public.der", '\1' + text(key.publicDer()));
+    put("fuzz_key", "private.pem", '\2' + key.encryptedPem("passphrase"));
+    put("fuzz_key", "public.pem", '\3' + key.publicPem());
+}
+
+void texts() {
+    put("fuzz_name", "plain", "cn = Alice , o=Org,C=US");
+    put("fuzz_name", "quoted", "CN=\"Smith, J\",O=X");
+    put("fuzz_text", "address", "\"a b\"@[IPv6:::1]");
+    put("fuzz_text", "pattern", "*@example.???alice@example.org");
+    put("fuzz_text", "uri", "https://user@example.org:8443/a?b#c");
+    put("fuzz_text", "base64", "aGVsbG8gd29ybGQ=");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::cerr << "make_corpus FOLDER\n";
+        return 2;
+    }
+    corpus = argv[1];
+    const Key key = Key::ec();
+    const Identity ca = issue({.subject = {{"C", "US"}, {"CN", "Root"}}, .key = key, .ca = true, .keyUsage = 0x06U});
+    const Identity alice =
+        issue({.subject = {{"C", "US"}, {"O", "Org"}, {"CN", "Alice"}},
+               .key = key,
+               .issuer = &ca,
+               .serial = "1234",
+               .alternativeNames = {GeneralName::email("alice@example.org"), GeneralName::dns("example.org"),
+                                    GeneralName::ip("192.0.2.1"), GeneralName::uri("http://example.org/"),
+                                    GeneralName::directory(Name{{"CN", "Alice"}})},
+               .ocsp = {"http://ocsp.example.org/"},
+               .caIssuers = {"http://example.org/ca.cer"}});
+    certificatesAndLists(ca, alice);
+    keys(key);
+    texts();
+    put("fuzz_cms", "detached.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED));
+    put("fuzz_cms", "attached.der", signedData(alice, PKCS7_BINARY));
+    put("fuzz_cms", "plain.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
+    put("fuzz_cms", "data.der",
+        text(contentInfo({0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01}, Bytes{4, 1, 65})));
+    return EXIT_SUCCESS;
+}
