@@ -28,9 +28,7 @@ struct Exception::State {
     State& operator=(const State&) = delete;
     ~State() = default;
 
-    /// This failure without its causes.
-    [[nodiscard]] std::string withoutCauses() const;
-    /// Puts all of it into `text`.
+    /// Fills the texts.
     void render();
 
     std::atomic<unsigned int> references{1};
@@ -41,7 +39,8 @@ struct Exception::State {
     std::vector<Parameter> parameters;
     std::unique_ptr<Exception> cause;
     std::size_t causes = 0; ///< how many failures stand behind this one
-    std::string text;       ///< all of it on one line
+    std::string ownText;    ///< this failure on one line
+    std::string text;       ///< and its causes
 };
 
 namespace {
@@ -57,8 +56,9 @@ std::string shown(const Exception::Parameter& parameter) {
 
 } // namespace
 
-std::string Exception::State::withoutCauses() const {
-    auto result = escapeForDisplay(where) + " (code " + std::to_string(code);
+void Exception::State::render() {
+    auto& result = ownText;
+    result = escapeForDisplay(where) + " (code " + std::to_string(code);
     if (!file.empty()) {
         result += ", " + escapeForDisplay(file) + ':' + std::to_string(line);
     } else if (line != 0) {
@@ -70,11 +70,7 @@ std::string Exception::State::withoutCauses() const {
         result += separator + shown(parameter);
         separator = ", ";
     }
-    return result;
-}
-
-void Exception::State::render() {
-    text = withoutCauses();
+    text = ownText;
     const State* state = this;
     for (std::size_t i = 0; state->cause != nullptr; ++i) {
         if (i == shownCauses) {
@@ -82,7 +78,7 @@ void Exception::State::render() {
             return;
         }
         state = state->cause->m_state;
-        text += "; caused by: " + state->withoutCauses();
+        text.append("; caused by: ").append(state->ownText);
     }
 }
 
