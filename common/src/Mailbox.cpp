@@ -146,7 +146,9 @@ bool isIPv4(std::string_view text) noexcept {
 
 bool isIPv6(std::string_view text) {
     std::array<unsigned char, 16> address{};
-    if (inet_pton(AF_INET6, std::string(text).c_str(), address.data()) != 1) {
+    // inet_pton stops at a NUL byte.
+    if (text.find('\0') != std::string_view::npos ||
+        inet_pton(AF_INET6, std::string(text).c_str(), address.data()) != 1) {
         return false;
     }
     const auto gap = text.find("::");
