@@ -56,7 +56,7 @@ TEST_P(UriParts, Are) {
     EXPECT_EQ(uri.path(), row.path);
 }
 
-// The first eight are the examples of RFC 3986 section 1.1.2.
+// The first seven are examples of RFC 3986 section 1.1.2.
 INSTANTIATE_TEST_SUITE_P(
     Texts, UriParts,
     testing::Values(Row{"ftp://ftp.is.co.za/rfc/rfc1808.txt", "ftp", "ftp.is.co.za", -1, "/rfc/rfc1808.txt"},
@@ -66,8 +66,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"news:comp.infosystems.www.servers.unix", "news", "", -1, "comp.infosystems.www.servers.unix"},
                     Row{"tel:+1-816-555-1212", "tel", "", -1, "+1-816-555-1212"},
                     Row{"telnet://192.0.2.16:80/", "telnet", "192.0.2.16", 80, "/"},
-                    Row{"urn:oasis:names:specification:docbook:dtd:xml:4.1.2", "urn", "", -1,
-                        "oasis:names:specification:docbook:dtd:xml:4.1.2"},
+                    Row{"urn:example:animal:ferret:nose", "urn", "", -1, "example:animal:ferret:nose"},
                     Row{"ldap:///CN=CA,O=X?certificateRevocationList", "ldap", "", -1, "/CN=CA,O=X"},
                     Row{"http://h", "http", "h", -1, ""}, Row{"http://h:/", "http", "h", -1, "/"},
                     Row{"http://h:65535", "http", "h", 65535, ""}, Row{"http://h:65536", "http", "h", -1, ""},
