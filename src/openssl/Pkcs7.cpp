@@ -1,6 +1,7 @@
 #include "openssl/Pkcs7.h"
 
 #include <openssl/asn1t.h>
+#include <openssl/err.h>
 #include <openssl/objects.h>
 
 namespace Norvane::Crypto::openssl {
@@ -27,6 +28,16 @@ bool isPkcs7Type(int nid) noexcept {
 }
 
 } // namespace
+
+Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
+    Pkcs7Ptr structure(d2i_PKCS7_bio(source, nullptr));
+    if (structure == nullptr && ERR_peek_error() == 0) {
+        ERR_new();
+        ERR_set_debug(__FILE__, __LINE__, "d2i_PKCS7_bio");
+        ERR_set_error(ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA, nullptr);
+    }
+    return structure;
+}
 
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept {
     return typeOf(structure) == NID_pkcs7_signed ? structure->d.sign : nullptr;

@@ -10,6 +10,10 @@
 
 namespace Norvane::Crypto::openssl {
 
+/// Decodes one structure from `source`; null when the bytes are none, with the reasons in the error queue: at least
+/// one, also where OpenSSL gives none (the source ended between two elements).
+Pkcs7Ptr decodePkcs7(BIO* source) noexcept;
+
 /// The content of a structure of that type, else null. Null is answered for null.
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept;
 PKCS7_ENVELOPE* envelopedContent(const PKCS7* structure) noexcept;
