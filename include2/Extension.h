@@ -87,7 +87,8 @@ public:
     [[nodiscard]] const DistinguishedName& dn() const;
     /// Of type 6, the URI as `Uri` parses it; else the null URI.
     [[nodiscard]] const Uri& uri() const;
-    /// Of type 7, the address of 4 or 16 octets; a null address for another number of octets, and for another type.
+    /// Of type 7, what `IPAddress` makes of the octets: the address of 4 or 16 octets; of any other number, the null
+    /// address unless they spell an address as text (which no proper issuer writes). Null for another type.
     [[nodiscard]] const IPAddress& ipAddress() const;
     /// Of type 1, the address, when it is a strict RFC 5321 mailbox in ASCII; else an empty one. Each call parses anew,
     /// and each call on an invalid address logs "GeneralName::emailAddress: invalid address " and its text under event
@@ -227,7 +228,6 @@ public:
     virtual Extension& operator*() const;
 
 protected:
-    explicit RefExtension(RefCounted<Extension>* reference);
     /// The octets of `extension`'s value; null when it has none.
     static const ASN1::RefOctetString* valueOf(const RefExtension& extension);
 };
@@ -248,7 +248,7 @@ public:
     Body& operator*() const override;
 
 protected:
-    explicit TypedRefExtension(RefCounted<Extension>* reference) : RefExtension(reference) {}
+    explicit TypedRefExtension(RefCounted<Extension>* reference) { this->reset(reference); }
     /// Releases the body; then holds a new one decoded from the value of `extension`, if that has one. Its kind is not
     /// checked: another kind of extension gives a body with a null structure.
     void convert(const RefExtension& extension);

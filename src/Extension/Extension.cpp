@@ -36,7 +36,6 @@ const ASN1::RefOctetString& Extension::derEncodedValue() const {
 
 RefExtension::RefExtension() = default;
 RefExtension::RefExtension(const X509_extension_st* extension) : Ref(makeReference<Extension>(extension)) {}
-RefExtension::RefExtension(RefCounted<Extension>* reference) : Ref(reference) {}
 RefExtension::RefExtension(const RefExtension& other) = default;
 RefExtension& RefExtension::operator=(const RefExtension& other) = default;
 RefExtension::~RefExtension() = default;

@@ -67,7 +67,7 @@ const Uri& GeneralName::uri() const {
 }
 
 const IPAddress& GeneralName::ipAddress() const {
-    if (type() == GEN_IPADD) {
+    if (type() == GEN_IPADD && m_name->d.iPAddress != nullptr) {
         m_ipAddress = IPAddress(octets(m_name->d.iPAddress));
     }
     return m_ipAddress;
