@@ -34,7 +34,8 @@ Time::Time() = default;
 
 Time Time::fromCalendarSeconds(std::int64_t seconds) {
     const auto days = floorDivide(seconds, secondsPerDay);
-    const auto secondOfDay = static_cast<int>(seconds - days * secondsPerDay);
+    const auto remainder = static_cast<int>(seconds % secondsPerDay);
+    const auto secondOfDay = remainder < 0 ? remainder + static_cast<int>(secondsPerDay) : remainder;
     const auto era = floorDivide(days + 719468, 146097);
     const auto dayOfEra = days + 719468 - era * 146097;
     const auto yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;

@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -86,6 +87,15 @@ using LogSinks = Logging;
 TEST_F(Logging, ThereIsOneLogger) {
     EXPECT_EQ(&Logger::instance(false), &Logger::instance(false));
     EXPECT_EQ(&Logger::instance(false), &Logger::instance(true));
+}
+
+TEST_F(Logging, TheFormattedMessageIsTheFifthOperation) {
+    // As the C++ ABI of Linux keeps the place of a virtual operation; the first two are the destructor's.
+    auto member = &Logger::message;
+    long raw[2] = {};
+    static_assert(sizeof member == sizeof raw);
+    std::memcpy(raw, &member, sizeof raw);
+    EXPECT_EQ((raw[0] - 1) / static_cast<long>(sizeof(void*)), 2 + 5 - 1);
 }
 
 TEST_F(Logging, ARecordHasEventLevelFormatAndFields) {

@@ -111,6 +111,37 @@ TEST(MediaIn, NullHandlesThrow) {
     expectNullHandle([&] { out.setpos(0); });
 }
 
+/// The place of a virtual operation in its table, as the C++ ABI of Linux keeps it in a pointer to member.
+template <class Member> long slotOf(Member member) {
+    long raw[2] = {};
+    static_assert(sizeof member == sizeof raw);
+    std::memcpy(raw, &member, sizeof raw);
+    return (raw[0] - 1) / static_cast<long>(sizeof(void*));
+}
+
+TEST(MediaInImpl, OperationsKeepTheirSlots) {
+    // The first two are the destructor's.
+    EXPECT_EQ(slotOf(&MediaInImpl::atEnd), 2);
+    EXPECT_EQ(slotOf(&MediaInImpl::peek), 3);
+    EXPECT_EQ(slotOf(&MediaInImpl::readline), 4);
+    EXPECT_EQ(slotOf<int (MediaInImpl::*)(Buffer&, unsigned int)>(&MediaInImpl::read), 5);
+    EXPECT_EQ(slotOf<int (MediaInImpl::*)(Buffer&)>(&MediaInImpl::read), 6);
+    EXPECT_EQ(slotOf<int (MediaInImpl::*)(std::string&)>(&MediaInImpl::read), 7);
+    EXPECT_EQ(slotOf<int (MediaInImpl::*)(unsigned char*, unsigned int)>(&MediaInImpl::read), 8);
+    EXPECT_EQ(slotOf(&MediaInImpl::tell), 9);
+    EXPECT_EQ(slotOf(&MediaInImpl::setpos), 10);
+    EXPECT_EQ(slotOf(&MediaInImpl::write), 11);
+}
+
+TEST(MediaOutImpl, OperationsKeepTheirSlots) {
+    EXPECT_EQ(slotOf<void (MediaOutImpl::*)(const Buffer&)>(&MediaOutImpl::write), 2);
+    EXPECT_EQ(slotOf<void (MediaOutImpl::*)(const unsigned char*, unsigned int)>(&MediaOutImpl::write), 3);
+    EXPECT_EQ(slotOf(&MediaOutImpl::end), 4);
+    EXPECT_EQ(slotOf(&MediaOutImpl::characterSet), 5);
+    EXPECT_EQ(slotOf(&MediaOutImpl::tell), 6);
+    EXPECT_EQ(slotOf(&MediaOutImpl::setpos), 7);
+}
+
 class Deliveries : public testing::TestWithParam<unsigned int> {};
 
 TEST_P(Deliveries, ReadWithLengthZeroReadsAll) {
