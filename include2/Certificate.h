@@ -111,7 +111,7 @@ public:
     /// Whether issuer and subject are the same name (two absent ones are). No signature is verified.
     [[nodiscard]] bool isSelfSigned() const;
     /// Whether the certificate says that it belongs to an authority: by the flag of its basic constraints when it has
-    /// them; without them never when it restricts key usage, and otherwise when it is self-signed. False without
+    /// some that decode; otherwise never when it restricts key usage, and else when it is self-signed. False without
     /// `X509`.
     [[nodiscard]] bool isCACert() const;
     /// Whether `issuer` may have issued this certificate, by names and key identifiers; no signature is verified.

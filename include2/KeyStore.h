@@ -158,7 +158,7 @@ public:
 
 private:
     static RefKeyStore& processWide();
-    template <class Make> static RefKeyStore replace(Make replacement);
+    static RefKeyStore replace(bool create);
     static RefKeyStore read();
 
     /// Guards the process-wide handle.

@@ -127,16 +127,17 @@ RefKeyStore& RefKeyStore::processWide() {
     return store;
 }
 
-/// Puts `replacement()` in place and returns it. The earlier store goes after the lock was given back, since its
+/// Puts a new store, or none, in place and returns it. The earlier one goes after the lock was given back, since its
 /// plug-ins may ask for the store when they end. The new one is made under the lock: a reader that sees `s_ready` and
 /// asks at once then waits for it instead of finding nothing.
-template <class Make> RefKeyStore RefKeyStore::replace(Make replacement) {
+RefKeyStore RefKeyStore::replace(bool create) {
     RefKeyStore earlier(false);
     const Synchronized lock(m_mutex);
+    RefKeyStore made(create);
     RefKeyStore& store = processWide();
     earlier = store;
-    store = replacement();
-    return store;
+    store = made;
+    return made;
 }
 
 RefKeyStore RefKeyStore::read() {
@@ -156,13 +157,7 @@ RefKeyStore RefKeyStore::read() {
 RefKeyStore RefKeyStore::instance(bool create, bool reset) {
     processWide();
     try {
-        if (create) {
-            return replace([] { return RefKeyStore(true); });
-        }
-        if (reset) {
-            return replace([] { return RefKeyStore(false); });
-        }
-        return read();
+        return create || reset ? replace(create) : read();
     } catch (const Exception& exception) {
         failures::logEvent(Event::keyStoreFailure, exception.asString());
         return RefKeyStore(false);

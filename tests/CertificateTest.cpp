@@ -21,6 +21,7 @@ using norvauthority::issue;
 namespace {
 
 int flagReadings = 0;
+bool stacksFail = false;
 
 } // namespace
 
@@ -30,6 +31,12 @@ extern "C" uint32_t X509_get_extension_flags(X509* x509) {
     static const auto original =
         reinterpret_cast<decltype(&X509_get_extension_flags)>(dlsym(RTLD_NEXT, "X509_get_extension_flags"));
     return original(x509);
+}
+
+extern "C" OPENSSL_STACK* OPENSSL_sk_new_null() {
+    static const auto original =
+        reinterpret_cast<decltype(&OPENSSL_sk_new_null)>(dlsym(RTLD_NEXT, "OPENSSL_sk_new_null"));
+    return stacksFail ? nullptr : original();
 }
 
 namespace {
@@ -378,6 +385,14 @@ TEST_F(CertificateTest, WithoutExtensionsACertificateIsACaExactlyWhenSelfSigned)
         read(issue({.subject = {{"CN", "Old"}}, .key = anyKey(), .issuer = &root(), .version = 1}))->isCACert());
 }
 
+TEST_F(CertificateTest, BasicConstraintsThatDoNotDecodeDecideNothing) {
+    const norvauthority::CertificateRequest request{.key = anyKey(), .extensions = {broken("2.5.29.19")}};
+    EXPECT_TRUE(read(issue(request))->isCACert()) << "self-signed";
+    auto restricted = request;
+    restricted.keyUsage = 0x06;
+    EXPECT_FALSE(read(issue(restricted))->isCACert());
+}
+
 // Issued by
 
 TEST_F(CertificateTest, IssuedByItsIssuer) {
@@ -618,6 +633,15 @@ TEST_F(CertificateTest, HandleWithoutX509PutsNoNullOntoOpenSslsStack) {
     stack->add(RefCertificate());
     EXPECT_EQ(stack->certificates().size(), 1U);
     EXPECT_EQ(sk_X509_num(stack), 0);
+}
+
+TEST_F(CertificateTest, StackThatCouldNotBeMadeKeepsNothing) {
+    stacksFail = true;
+    RefStackOfCertificate stack;
+    stacksFail = false;
+    EXPECT_EQ(static_cast<stack_st_X509*>(stack), nullptr);
+    stack->add(read(alice()));
+    EXPECT_TRUE(stack->certificates().empty());
 }
 
 TEST_F(CertificateTest, StackThatWasResetConvertsToNull) {
