@@ -205,19 +205,19 @@ inline const Identities& identities() {
                                 .key = storedKey("authority"),
                                 .ca = true,
                                 .keyUsage = 0x06});
-        const auto person = [&](const char* name, const char* serial) {
+        const auto person = [&](const char* name, const char* serial, unsigned int keyUsage) {
             return issue({.subject = {{"CN", name}, {"O", "Mail"}},
                           .key = storedKey(name),
                           .issuer = &made.authority,
                           .serial = serial,
-                          .keyUsage = 0x80,
+                          .keyUsage = keyUsage,
                           .extendedKeyUsage = {"emailProtection"},
                           .alternativeNames = {GeneralName::email(std::string(name) + "@example.org")}});
         };
-        made.rsa = person("alice", "a11ce");
-        made.otherRsa = person("bob", "b0b");
-        made.dsa = person("dora", "d05a");
-        made.ec = person("eve", "e7e");
+        made.rsa = person("alice", "a11ce", 0xA0);
+        made.otherRsa = person("bob", "b0b", 0xA0);
+        made.dsa = person("dora", "d05a", 0x80);
+        made.ec = person("eve", "e7e", 0x80);
         return made;
     }();
     return all;
