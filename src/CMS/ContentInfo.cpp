@@ -60,8 +60,8 @@ ContentInfo::~ContentInfo() {
 void ContentInfo::decode(MediaIn& source) {
     m_source = BIOMediaIn(source);
     const openssl::BioPtr reader = openssl::trueCountBio(m_source);
-    openssl::Pkcs7Ptr structure = openssl::rethrowingStreamErrors(
-        m_source, [&] { return openssl::decodePkcs7(reader.get()); });
+    openssl::Pkcs7Ptr structure =
+        openssl::rethrowingStreamErrors(m_source, [&] { return openssl::decodePkcs7(reader.get()); });
     m_structure = structure.release();
     m_owns = true;
 }
