@@ -68,7 +68,7 @@ void MemoryBIO::protect() {
 }
 
 FileBIO::FileBIO(const File::Path& path, const std::string& mode) {
-    const std::string text = path.asString();
+    const std::string& text = path.asString();
     if (path.empty() || text.empty()) {
         return;
     }

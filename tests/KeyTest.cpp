@@ -38,6 +38,9 @@ struct PemCall {
     std::string userData = "<null>";
 } s_pemCall;
 
+int s_prompts = 0;
+std::string s_typed;
+
 int failing(const char* function) {
     ERR_new();
     ERR_set_debug("file.c", 1, function);
@@ -82,6 +85,16 @@ int PEM_write_bio_PrivateKey(BIO* bio, const EVP_PKEY* key, const EVP_CIPHER* ci
     return s_writersFail ? failing("PEM_write_bio_PrivateKey")
                          : norvtest::next<&PEM_write_bio_PrivateKey>("PEM_write_bio_PrivateKey")(
                                bio, key, cipher, text, length, callback, userData);
+}
+
+/// Stands in for the person at the terminal.
+int EVP_read_pw_string_min(char* out, int /*minimum*/, int length, const char* /*prompt*/, int /*verify*/) {
+    ++s_prompts;
+    if (s_typed.empty()) {
+        return -1; // nobody there
+    }
+    out[s_typed.copy(out, static_cast<std::size_t>(length) - 1)] = '\0';
+    return 0;
 }
 
 void EVP_PKEY_free(EVP_PKEY* key) {
@@ -245,6 +258,37 @@ TEST_F(Keys, AWrongPassphraseThrows) {
     const auto thrown = thrownBy([&] { read->readPEM(bufferOf(rsa().encryptedPem("secret")), "guessed"); });
     expectFailure(thrown, "Crypto::PrivateKey::read", 4, "Key", 82);
     EXPECT_TRUE(detailOf(thrown).starts_with("Could not decode the private key:  0x")) << detailOf(thrown);
+}
+
+TEST_F(Keys, AnEncryptedKeyReadWithAnEmptyPassphraseAsksTheTerminal) {
+    const During<int> counting(s_prompts, 0);
+    const During<std::string> typing(s_typed, "secret");
+    RefKey read(Key::PRIVATE_KEY);
+    read->readPEM(bufferOf(rsa().encryptedPem("secret")));
+    EXPECT_EQ(s_prompts, 1);
+    EXPECT_TRUE(isSameKey(read, rsa()));
+}
+
+TEST_F(Keys, WithNobodyAtTheTerminalTheReadFails) {
+    const During<int> counting(s_prompts, 0);
+    RefKey read(Key::PRIVATE_KEY);
+    const auto thrown = thrownBy([&] { read->readPEM(bufferOf(rsa().encryptedPem("secret")), ""); });
+    EXPECT_GE(s_prompts, 1); // OpenSSL asks again when nobody answered
+    expectFailure(thrown, "Crypto::PrivateKey::read", 4, "Key", 82);
+}
+
+TEST_F(Keys, NothingElseAsksTheTerminal) {
+    const During<int> counting(s_prompts, 0);
+    const During<std::string> typing(s_typed, "secret");
+    const Buffer locked = bufferOf(rsa().encryptedPem("secret"));
+    EXPECT_THROW(RefKey(Key::PRIVATE_KEY)->readPEM(locked, "guessed"), Exception);
+    EXPECT_THROW(RefKey(Key::PRIVATE_KEY)->read(locked, false), Exception);
+    EXPECT_THROW(RefKey(Key::PUBLIC_KEY)->readPEM(locked, "guessed"), Exception);
+    RefKey(Key::PRIVATE_KEY)->readPEM(bufferOf(rsa().pkcs8Pem()));
+    Buffer out;
+    privateKey()->writePEM(out, "");
+    privateKey()->writePEM(out, "secret");
+    EXPECT_EQ(s_prompts, 0);
 }
 
 TEST_F(Keys, OtherTextsAroundThePemAreSkipped) {

@@ -170,7 +170,7 @@ RefHasher& operator<<(RefHasher& hasher, const Buffer& value) {
 }
 
 RefHasher& operator<<(RefHasher& hasher, const std::string& value) {
-    hasher->update(reinterpret_cast<const unsigned char*>(value.data()), static_cast<unsigned int>(value.size()));
+    hasher->Hasher::update(value); // which hands the bytes to the third form
     return hasher;
 }
 
