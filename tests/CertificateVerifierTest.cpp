@@ -1,3 +1,4 @@
+#include "support/VirtualSlots.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/Certificate.h>
@@ -70,6 +71,11 @@ TEST_F(CertificateVerifierTest, AnInstalledVerifierIsAsked) {
     EXPECT_TRUE(CertificateVerifier::instance()->isValid(certificate, 7, true));
     EXPECT_FALSE(CertificateVerifier::instance()->isValid(certificate, 7, false));
     EXPECT_TRUE(verifier.asked == certificate);
+}
+
+TEST_F(CertificateVerifierTest, OperationsKeepTheirSlots) {
+    EXPECT_EQ(slottesting::slotOf(&CertificateVerifier::isValid), 2);
+    EXPECT_EQ(slottesting::slotOf(&CertificateFilter::operator()), 2);
 }
 
 // Filters

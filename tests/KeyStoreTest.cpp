@@ -1,10 +1,8 @@
+#include "support/VirtualSlots.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/KeyStore.h>
 
-#include <boost/version.hpp>
-
-#include <functional>
 #include <type_traits>
 #include <vector>
 
@@ -263,6 +261,13 @@ TEST_F(KeyStoreTest, NullPluginIsRefused) {
         EXPECT_EQ(exception.fileName(), "");
         EXPECT_EQ(exception.lineNumber(), 0U);
     }
+}
+
+TEST_F(KeyStoreTest, PluginOperationsKeepTheirSlots) {
+    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::find), 2);
+    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findEncryptionCertificate), 3);
+    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findSigningKey), 4);
+    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findDecryptionKey), 5);
 }
 
 TEST_F(KeyStoreTest, StoresAreCreatedOrNotAtAll) {
