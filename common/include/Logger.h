@@ -5,7 +5,8 @@
 /// a printf-style format whose fields are separated by the byte 0x01. Where records go is decided by sinks: standard
 /// error unless told otherwise, syslog on request, or a sink of the caller's. The library's own sinks write one line
 /// per record, escaped as by `escapeForDisplay`, fields separated by " | " (a bar inside a field is shown as \x7C) and
-/// cut after 2048 bytes each.
+/// cut after 2048 bytes each. They show levels below 0 as errors, 0 as warnings, 1 as information, higher ones as
+/// debug.
 ///
 /// \code
 /// auto sink = std::make_shared<Norvane::RecordingLogSink>();

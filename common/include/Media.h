@@ -39,18 +39,20 @@ public:
     /// Replaces `line` by the bytes up to and with the next LF, or up to the end. False when no byte was left.
     virtual bool readline(Buffer& line);
     /// Replaces `out` by up to `length` bytes, by all that is left when `length` is 0. The number of bytes read. Memory
-    /// is taken as bytes arrive, not as `length` announces; capacity that `out` brings along is used. \throws
-    /// MediaException "MediaInImpl::read", code 4: more bytes than an `int` counts
+    /// is taken as bytes arrive, not as `length` announces; capacity that `out` brings along is used. When the stream
+    /// throws, `out` holds what arrived before.
+    ///
+    /// \throws MediaException "MediaInImpl::read", code 4: all that is left is more than an `int` counts
     virtual int read(Buffer& out, unsigned int length);
     /// Replaces `out` by as many bytes as fit its capacity (by all that is left when it has none).
     virtual int read(Buffer& out);
-    /// Replaces `out` by all that is left.
+    /// Replaces `out` by all that is left. \throws MediaException as above
     virtual int read(std::string& out);
     /// Reads into `out`; the number of bytes read, which is short of `length` only at the end.
     virtual int read(unsigned char* out, unsigned int length) = 0;
-    /// The position in bytes from the start. \throws MediaException: this kind of stream keeps none
+    /// The position in bytes from the start. \throws MediaException "MediaInImpl::tell", code 4: this kind keeps none
     [[nodiscard]] virtual unsigned long tell() const;
-    /// Goes to a position. \throws MediaException: this kind of stream cannot
+    /// Goes to a position. \throws MediaException "MediaInImpl::setpos", code 4: this kind cannot
     virtual void setpos(unsigned long position);
     /// Copies all that is left into `out` in pieces of a fixed size, without ending it. Returns `out`.
     virtual MediaOut& write(MediaOut& out);
@@ -68,9 +70,9 @@ public:
     virtual void end();
     /// Tells the character set of the text that follows; most streams do not care.
     virtual void characterSet(const std::string& name);
-    /// The number of bytes written. \throws MediaException: this kind of stream does not count
+    /// The number of bytes written. \throws MediaException "MediaOutImpl::tell", code 4: this kind does not count
     [[nodiscard]] virtual unsigned long tell() const;
-    /// Goes to a position. \throws MediaException: this kind of stream cannot
+    /// Goes to a position. \throws MediaException "MediaOutImpl::setpos", code 4: this kind cannot
     virtual void setpos(unsigned long position);
 };
 

@@ -63,20 +63,21 @@ int MediaInImpl::read(Buffer& out, unsigned int length) {
             }
             // Twice as much each time, so that the bytes that arrive decide about memory, not the announced length.
             out.length(std::min(limit, std::max(total, chunkSize / 2) * 2));
+            out.length(total);
         }
         const auto count = read(out.data() + total, std::min(limit, out.size()) - total);
         if (count <= 0) {
             break;
         }
         total += static_cast<unsigned int>(count);
+        out.length(total);
     }
     if (length == 0) {
         requireCountable(*this, total);
     }
     if (before > total) {
-        std::memset(out.data() + total, 0, std::min(before, out.size()) - total);
+        std::memset(out.data() + total, 0, before - total);
     }
-    out.length(total);
     return static_cast<int>(total);
 }
 

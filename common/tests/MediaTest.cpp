@@ -294,6 +294,26 @@ TEST(MediaIn, WhatAStreamThrowsPassesThrough) {
     EXPECT_THROW(in.write(out), std::string);
 }
 
+TEST(MediaIn, WhatArrivedBeforeAStreamThrewIsKept) {
+    struct Breaking : Least {
+        Breaking() : Least("abc", 100, 3) {}
+        using Least::read;
+        int read(unsigned char* out, unsigned int length) override {
+            if (tripped++ == 2) {
+                throw std::string("mine");
+            }
+            return Least::read(out, length);
+        }
+        int tripped = 0;
+    };
+    Buffer buffer = bufferOf("old and longer");
+    EXPECT_THROW(MediaIn(makeReference<Breaking, MediaInImpl>()).read(buffer, 0), std::string);
+    EXPECT_EQ(textOf(buffer), "abcabc");
+    std::string text = "old";
+    EXPECT_THROW(MediaIn(makeReference<Breaking, MediaInImpl>()).read(text), std::string);
+    EXPECT_EQ(text, "abcabc");
+}
+
 TEST(MediaIn, HandlesShareTheStream) {
     auto in = least("abc");
     MediaIn copy(in);
