@@ -587,6 +587,17 @@ TYPED_TEST(ASN1Strings, CopiesOfAnOwnedOneAreIndependent) {
     EXPECT_EQ(copy.data()[1], 'b');
 }
 
+TYPED_TEST(ASN1Strings, CopiedHandlesShareTheBody) {
+    const Bytes bytes = TypeParam::der({'a', 'b'});
+    const typename TypeParam::Handle handle(bytes.data(), lengthOf(bytes));
+    const typename TypeParam::Handle copy = handle; // NOLINT(performance-unnecessary-copy-initialization)
+    typename TypeParam::Handle assigned;
+    assigned = handle;
+    EXPECT_EQ(&*copy, &*handle);
+    EXPECT_EQ(&*assigned, &*handle);
+    EXPECT_EQ(handle->referenceCount(), 3);
+}
+
 TYPED_TEST(ASN1Strings, DamagedDer) {
     const Bytes good = TypeParam::der(norvauthority::bytes("hello, world"));
     for (const auto& damaged : {norvtest::properPrefixes(good), norvtest::oversized(good)}) {

@@ -281,6 +281,18 @@ TEST(CRLDistributionPointExtension, HandleIsTypedAndShared) {
     EXPECT_TRUE(RefCRLDistributionPoints().isNull());
 }
 
+TEST(CRLDistributionPointExtension, CopiesShareTheBody) {
+    const RefCRLDistributionPoints points = decoded({full({uriA})});
+    RefCRLDistributionPoints assignedPoints;
+    assignedPoints = points;
+    EXPECT_EQ(points->referenceCount(), 2);
+    const RefCRLDistributionPoint point = onePoint(full({uriA}));
+    RefCRLDistributionPoint assignedPoint;
+    assignedPoint = point;
+    EXPECT_EQ(&*assignedPoint, &*point);
+    EXPECT_EQ(point->referenceCount(), 2);
+}
+
 TEST(CRLDistributionPointExtension, NullHandleThrows) {
     const RefCRLDistributionPoints null;
     const auto thrown = norvtest::thrownBy([&] { static_cast<void>(null->distributionPoints()); });

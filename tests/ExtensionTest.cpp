@@ -349,6 +349,27 @@ TEST(ExtensionHandles, NullTypedHandleThrows) {
     }
 }
 
+template <class Handle> void expectSharing(const Handle& original) {
+    const Handle copy = original; // NOLINT(performance-unnecessary-copy-initialization)
+    Handle assigned;
+    assigned = original;
+    EXPECT_EQ(&*copy, &*original);
+    EXPECT_EQ(&*assigned, &*original);
+    EXPECT_EQ(original->referenceCount(), 3);
+    assigned = Handle();
+    EXPECT_TRUE(assigned.isNull());
+    EXPECT_EQ(original->referenceCount(), 2);
+}
+
+TEST(ExtensionHandles, CopiesShareTheBody) {
+    const ExtensionPtr object = extension("2.5.29.17", subjectAltName);
+    expectSharing(RefExtension(object.get()));
+    expectSharing(RefAuthorityKeyIdentifier(keyIdentifier.data(), lengthOf(keyIdentifier)));
+    expectSharing(RefBasicConstraints(caWithPathLength.data(), lengthOf(caWithPathLength)));
+    expectSharing(RefSubjectAlternativeName(subjectAltName.data(), lengthOf(subjectAltName)));
+    expectSharing(RefAuthorityInformationAccess(accessInformation.data(), lengthOf(accessInformation)));
+}
+
 // Not every handle takes a generic one at construction.
 static_assert(!std::is_constructible_v<RefAuthorityKeyIdentifier, const RefExtension&>);
 static_assert(!std::is_constructible_v<RefBasicConstraints, const RefExtension&>);
