@@ -26,7 +26,7 @@ std::string oneLine(const X509_NAME* name) {
 std::string serialOf(const ASN1_INTEGER* serial) {
     const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(ASN1_INTEGER_to_BN(serial, nullptr), BN_free);
     char* digits = BN_bn2hex(number.get());
-    const std::string text = digits;
+    std::string text = digits;
     OPENSSL_free(digits);
     return text;
 }

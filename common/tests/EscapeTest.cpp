@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -16,10 +15,6 @@ struct Row {
     std::string_view text;
     std::string_view shown;
 };
-
-void PrintTo(const Row& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class Escape : public testing::TestWithParam<Row> {};
 

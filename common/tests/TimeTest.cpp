@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
-#include <ostream>
 #include <string>
 
 namespace {
@@ -53,10 +52,6 @@ struct Row {
     std::int64_t seconds; // as `date -u -d` tells them
     const char* text;
 };
-
-void PrintTo(const Row& row, std::ostream* out) {
-    *out << row.text;
-}
 
 class TimeConversion : public testing::TestWithParam<Row> {};
 

@@ -132,7 +132,7 @@ bool installed(const std::string& program) {
     const char* path = std::getenv("PATH");
     std::istringstream directories(path == nullptr ? "" : path);
     for (std::string directory; std::getline(directories, directory, ':');)
-        if (access((directory + "/" + program).c_str(), X_OK) == 0)
+        if (access(directory.append("/").append(program).c_str(), X_OK) == 0)
             return true;
     return false;
 }

@@ -12,7 +12,7 @@ namespace interop {
 
 /// How a program is run. Its standard input is `input` (empty: at its end at once); what it writes is collected.
 struct Command {
-    std::vector<std::string> arguments; ///< the program first; looked up in PATH
+    std::vector<std::string> arguments{}; ///< the program first; looked up in PATH
     std::string input{};
     std::optional<std::string> inputFile{};  ///< replaces `input`
     std::optional<std::string> outputFile{}; ///< takes standard output

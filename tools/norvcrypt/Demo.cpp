@@ -41,7 +41,7 @@ struct DemoOptions {
 
 /// As a shell takes it for one argument that is no option.
 std::string quoted(const std::string& path) {
-    const std::string argument = path.starts_with('-') ? "./" + path : path;
+    std::string argument = path.starts_with('-') ? "./" + path : path;
     static constexpr std::string_view plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./-+,:@%";
     if (argument.find_first_not_of(plain) == std::string::npos)
         return argument;

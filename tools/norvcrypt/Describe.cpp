@@ -163,17 +163,25 @@ Description encryptedFacts() {
     return {{"encrypted", true}};
 }
 
+/// The library's readers answer without a reason; OpenSSL's own tells where the bytes go wrong.
+template <class Decode, class Release>
+std::string reasonFor(Decode decode, Release release, const Norvane::Buffer& der) {
+    const unsigned char* at = der.data();
+    release(decode(nullptr, &at, static_cast<long>(der.length())));
+    return Norvane::Crypto::getErrString();
+}
+
 Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
     if (certificate.isNull())
-        throw Failure("malformed certificate: " + Norvane::Crypto::getErrString());
+        throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
     return certificateFacts(certificate);
 }
 
 Description readList(const Norvane::Buffer& der) {
     const NVX509::RefCertificateRevocationList list = NVX509::CertificateRevocationListFactory().readDER(der);
     if (list.isNull())
-        throw Failure("malformed revocation list: " + Norvane::Crypto::getErrString());
+        throw Failure("malformed revocation list: " + reasonFor(d2i_X509_CRL, X509_CRL_free, der));
     return listFacts(list);
 }
 

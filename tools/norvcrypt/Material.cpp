@@ -81,7 +81,7 @@ std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::st
             continue;
         const NVX509::RefCertificate certificate = factory.readDER(piece.der);
         if (certificate.isNull())
-            throw Failure(inputName(path) + ": malformed certificate: " + Norvane::Crypto::getErrString());
+            throw Failure(inputName(path) + ": malformed certificate");
         certificates.push_back(certificate);
     }
     if (certificates.empty())

@@ -6,9 +6,9 @@
 #include <norvcmsg/Logger.h>
 #include <norvcrypto/Crypto.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,7 +23,11 @@ Exit answer(const CLI::App& app, const CLI::ParseError& error) {
         out.flush();
         return Exit::good;
     }
-    norvcrypt::reportError(std::string(error.what()) + " (norvcrypt --help tells more)");
+    // Without a sub-command the parser would not say which word it could not make one of.
+    const std::vector<std::string> unknown = app.remaining();
+    const std::string what =
+        unknown.empty() || !app.get_subcommands().empty() ? error.what() : "unknown command: " + unknown.front();
+    norvcrypt::reportError(what + " (norvcrypt --help tells more)");
     return Exit::failed;
 }
 

@@ -1,0 +1,124 @@
+// norvcrypt demo, and every command that it prints, run as it stands.
+
+#include "Process.h"
+#include "Workspace.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace interop;
+
+namespace {
+
+const std::vector<std::string> artefacts{"alice.key",   "alice.pem",   "bob.key",  "bob.pem",
+                                         "ca.crl",      "ca.key",      "ca.pem",   "message-changed.eml",
+                                         "message.eml", "message.p7s", "root.key", "root.pem"};
+
+class DemoToolTest : public testing::Test {
+protected:
+    Answer demo(std::vector<std::string> arguments, const std::string& input = "") {
+        arguments.insert(arguments.begin(), "demo");
+        return norvcrypt(Command{.arguments = arguments, .input = input, .directory = work.directory()});
+    }
+    Answer shell(const std::string& line) {
+        return run({.arguments = {"/bin/sh", "-c", line}, .directory = work.directory()});
+    }
+    /// Runs the printed commands: those announced as failing must fail, all others must not.
+    void expectCommandsHold(const std::string& text) {
+        bool fails = false;
+        int count = 0;
+        for (const std::string& line : linesOf(text)) {
+            if (const std::size_t at = line.find("$ "); at != std::string::npos) {
+                const Answer answer = shell(line.substr(at + 2));
+                EXPECT_EQ(fails, answer.status != 0) << line << "\n" << answer.err;
+                ++count;
+            }
+            fails = line.find("this command fails:") != std::string::npos;
+        }
+        EXPECT_EQ(7, count);
+    }
+
+    Workspace work;
+};
+
+TEST_F(DemoToolTest, LeavesEveryArtefactAndCommandsThatHold) {
+    const Answer answer = demo({});
+    ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("", answer.err);
+    EXPECT_EQ(std::vector<std::string>{"norvcrypt-demo"}, work.names());
+    for (const std::string& name : artefacts) {
+        ASSERT_TRUE(work.exists("norvcrypt-demo/" + name)) << name;
+        if (name.ends_with(".key")) {
+            EXPECT_EQ(0600U, work.mode("norvcrypt-demo/" + name)) << name;
+        }
+    }
+    EXPECT_EQ(artefacts.size(), linesOf(run({.arguments = {"ls", work.path("norvcrypt-demo")}}).out).size());
+    expectCommandsHold(answer.out);
+
+    const std::string message = work.read("norvcrypt-demo/message.eml");
+    EXPECT_LT(4U << 20U, message.size());
+    std::string changed = work.read("norvcrypt-demo/message-changed.eml");
+    ASSERT_EQ(message.size(), changed.size());
+    std::size_t different = 0;
+    for (std::size_t at = 0; at < message.size(); ++at)
+        different += message[at] != changed[at] ? 1U : 0U;
+    EXPECT_EQ(1U, different);
+    EXPECT_NE(std::string::npos, answer.out.find(sha256(message)));
+
+    const Answer details = shell("openssl x509 -in norvcrypt-demo/alice.pem -noout -text");
+    EXPECT_NE(std::string::npos, details.out.find("Public-Key: (3072 bit)"));
+}
+
+TEST_F(DemoToolTest, GeneratedMessageIsProperMime) {
+    if (!installed("python3"))
+        GTEST_SKIP() << "python3 is not installed";
+    ASSERT_EQ(0, demo({"--dir", "d"}).status);
+    const Answer answer =
+        shell("python3 -c \"import email, email.policy\n"
+              "m = email.message_from_binary_file(open('d/message.eml', 'rb'), "
+              "policy=email.policy.default)\n"
+              "print([p.get_content_type() for p in m.walk()], [d for p in m.walk() for d in p.defects])\n"
+              "print(sum(len(p.get_payload(decode=True)) for p in m.iter_attachments() "
+              "if p.get_filename()))\"");
+    EXPECT_EQ("['multipart/mixed', 'text/plain', 'application/octet-stream', 'application/octet-stream', "
+              "'application/octet-stream', 'text/html'] []\n4275000\n",
+              answer.out)
+        << answer.err;
+}
+
+TEST_F(DemoToolTest, MessageOfTheCallerInAFolderWithBlanks) {
+    work.write("mine", sampleBody());
+    const Answer answer = demo({"--in", "mine", "--dir", "a b/it's"});
+    ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ(sampleBody(), work.read("a b/it's/message.eml"));
+    expectCommandsHold(answer.out);
+}
+
+TEST_F(DemoToolTest, MessageFromStandardInput) {
+    const Answer answer = demo({"--in", "-", "--dir", "-d"}, "short");
+    ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("short", work.read("-d/message.eml"));
+    expectCommandsHold(answer.out);
+}
+
+TEST_F(DemoToolTest, EmptyMessage) {
+    const Answer answer = demo({"--in", "-", "--dir", "d"}, "");
+    ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("!", work.read("d/message-changed.eml"));
+    expectCommandsHold(answer.out);
+}
+
+TEST_F(DemoToolTest, PlacesThatCannotBeUsed) {
+    work.write("file", std::string("x"));
+    const Answer inside = demo({"--dir", "file"});
+    EXPECT_EQ(2, inside.status);
+    EXPECT_EQ(1U, linesOf(inside.err).size());
+    EXPECT_EQ(0U, inside.err.find("norvcrypt: cannot make the directory file: ")) << inside.err;
+    const Answer missing = demo({"--in", "none"});
+    EXPECT_EQ(2, missing.status);
+    EXPECT_EQ("norvcrypt: cannot open none: No such file or directory\n", missing.err);
+    EXPECT_FALSE(work.exists("norvcrypt-demo/message.eml"));
+}
+
+} // namespace
