@@ -79,6 +79,7 @@ TEST(StringPattern, TheDomainBeginsAfterTheLastAt) {
 TEST(StringPattern, ATextWithoutAnAtHasNoDomain) {
     EXPECT_TRUE(matches("example.com", "example.com"));
     EXPECT_FALSE(matches("example.com", "Example.com"));
+    EXPECT_FALSE(matches("example.com", "example.coM"));
 }
 
 TEST(StringPattern, OnlyAsciiLettersLoseTheirCase) {
