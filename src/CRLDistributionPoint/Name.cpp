@@ -39,7 +39,10 @@ const std::list<GeneralName>& CRLDistributionPointName::fullName() const {
 
 const std::string& CRLDistributionPointName::relativeName() const {
     if (type() == relativeNameType && m_relativeName.empty()) {
-        m_relativeName = DistinguishedName(m_name->name.relativename).asString();
+        const DistinguishedName relative(m_name->name.relativename);
+        if (!relative.asString().empty()) {
+            m_relativeName = relative.asString();
+        }
     }
     return m_relativeName;
 }

@@ -39,17 +39,18 @@ unsigned int CRLDistributionPoint::reasons() const {
     }
     const unsigned char* octets = ASN1_STRING_get0_data(bits);
     const int length = ASN1_STRING_length(bits);
-    if (length >= 1) {
-        m_reasons = octets[0];
-    }
+    unsigned int reasons = length >= 1 ? octets[0] : 0;
     if (length >= 2) {
-        m_reasons |= static_cast<unsigned int>(octets[1]) << 8U;
+        reasons |= static_cast<unsigned int>(octets[1]) << 8U;
     }
-    return m_reasons;
+    if (reasons != 0) {
+        m_reasons = reasons;
+    }
+    return reasons;
 }
 
 const CRLDistributionPointName& CRLDistributionPoint::distributionPointName() const {
-    if (m_structure && m_pointName.isNull()) {
+    if (m_structure && m_pointName.isNull() && m_structure.get()->distpoint != nullptr) {
         m_pointName = CRLDistributionPointName(m_structure.get()->distpoint);
     }
     return m_pointName;
@@ -109,7 +110,7 @@ bool IssuingDistributionPoint::onlyAttr() const {
 }
 
 const CRLDistributionPointName& IssuingDistributionPoint::distributionPointName() const {
-    if (m_point != nullptr && m_pointName.isNull()) {
+    if (m_point != nullptr && m_pointName.isNull() && m_point->distpoint != nullptr) {
         m_pointName = CRLDistributionPointName(m_point->distpoint);
     }
     return m_pointName;

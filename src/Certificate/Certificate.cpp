@@ -9,6 +9,9 @@
 
 #include <openssl/pem.h>
 
+#include <memory>
+#include <utility>
+
 namespace Norvane {
 template class RefCounted<Crypto::NVX509::Certificate>;
 template class Ref<Crypto::NVX509::Certificate>;
@@ -61,8 +64,8 @@ const DistinguishedName& Certificate::subject() const {
 
 const std::string& Certificate::name() const {
     return detail::fillWhenEmpty(m_oneLineName, [this](auto& line) {
-        if (m_x509 != nullptr) {
-            line = openssl::oneLineSubject(m_x509);
+        if (auto subjectLine = openssl::oneLineSubject(m_x509); !subjectLine.empty()) {
+            line = std::move(subjectLine); // an empty subject writes nothing: a warmed certificate is only read
         }
     });
 }

@@ -58,6 +58,9 @@ DistinguishedName::~DistinguishedName() = default;
 const std::string& DistinguishedName::asString() const {
     if (m_name && m_text.empty()) {
         const Pairs pairs = pairsOf(m_name.get());
+        if (pairs.empty()) {
+            return m_text; // without a write, so that threads may share the name of an empty subject too
+        }
         m_rdns.assign(pairs.rbegin(), pairs.rend());
         m_text = printPairs(pairs);
     }

@@ -7,6 +7,7 @@
 #include <openssl/x509v3.h>
 
 #include <string>
+#include <utility>
 
 namespace Norvane::Crypto::NVX509 {
 
@@ -61,14 +62,18 @@ const DistinguishedName& GeneralName::dn() const {
 const Uri& GeneralName::uri() const {
     if (type() == GEN_URI && m_uri.isNull() && m_name->d.uniformResourceIdentifier != nullptr) {
         const std::string text = octets(m_name->d.uniformResourceIdentifier);
-        m_uri = Uri(text.data(), static_cast<unsigned int>(text.size()));
+        if (Uri parsed(text.data(), static_cast<unsigned int>(text.size())); !parsed.isNull()) {
+            m_uri = std::move(parsed); // nothing is written otherwise: a warmed certificate is only read
+        }
     }
     return m_uri;
 }
 
 const IPAddress& GeneralName::ipAddress() const {
-    if (type() == GEN_IPADD && m_name->d.iPAddress != nullptr) {
-        m_ipAddress = IPAddress(octets(m_name->d.iPAddress));
+    if (type() == GEN_IPADD && m_ipAddress.isNull() && m_name->d.iPAddress != nullptr) {
+        if (IPAddress address(octets(m_name->d.iPAddress)); !address.isNull()) {
+            m_ipAddress = std::move(address);
+        }
     }
     return m_ipAddress;
 }
