@@ -297,8 +297,8 @@ NORVCRYPTO_EXPORT SignedData signedData(const RefContentInfo& content);
 NORVCRYPTO_EXPORT EnvelopedData envelopedData(const RefContentInfo& content);
 
 /// A source over the bytes that a signed structure carries, the pieces of a streaming sender joined; a null handle when
-/// it carries none (the signature is detached) or is no signed data. The source keeps the body of `content` alive and
-/// copies nothing.
+/// it carries none (the signature is detached), carries a structure instead of bytes, or is no signed data. The source
+/// keeps the body of `content` alive and copies nothing.
 NORVCRYPTO_EXPORT MediaIn embeddedContent(const RefContentInfo& content);
 
 } // namespace Norvane::Crypto::CMS

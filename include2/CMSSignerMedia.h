@@ -17,8 +17,8 @@
 /// Norvane::MemoryMediaIn received(signature.content());
 /// const CMS::CMSVerifier verifier(received);
 /// const CMS::SignedData data = CMS::signedData(verifier.contentInfo());
-/// for (const CMS::SignerInfo& signer : data.signerInfo()) {
-///     const bool good = verifier.isValid(sameBody, signer, certificateOf(signer));
+/// for (const CMS::SignerInfo& one : data.signerInfo()) {
+///     const bool good = verifier.isValid(sameBody, one, certificateOf(one)); // matched by issuer and serial number
 /// }
 /// \endcode
 ///

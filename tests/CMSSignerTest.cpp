@@ -324,7 +324,7 @@ TEST(Signer, APublicKeyMatchesItsCertificateButFailsAtTheEnd) {
 }
 
 TEST(SignerDeathTest, ANullPairEndsTheProcess) {
-    EXPECT_DEATH(CMS::SignerMediaOut(Hasher::SHA256, NVX509::KeyCertificatePair(false)), "");
+    EXPECT_DEATH(CMS::SignerMediaOut(Hasher::SHA256, NVX509::KeyCertificatePair(false)), "null pair");
 }
 
 TEST(Signer, ItsBodyIsAMediaOutImplWithOneReference) {

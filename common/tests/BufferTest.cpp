@@ -1,11 +1,14 @@
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Exception.h>
 
+#include "Shown.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <string>
 #include <type_traits>
@@ -285,6 +288,10 @@ struct Vector {
     const char* text;
 };
 
+void PrintTo(const Vector& vector, std::ostream* out) {
+    *out << vector.bytes;
+}
+
 class Base64 : public testing::TestWithParam<Vector> {};
 
 TEST_P(Base64, IsThatOfRfc4648) {
@@ -322,11 +329,11 @@ TEST(Buffer, Base64SkipsWhiteSpace) {
     EXPECT_EQ(decoded.length(), 0U);
 }
 
-class NotBase64 : public testing::TestWithParam<std::string> {};
+class NotBase64 : public testing::TestWithParam<Shown> {};
 
 TEST_P(NotBase64, IsRefusedAndLeavesNothing) {
     Buffer decoded = bufferOf("old");
-    EXPECT_FALSE(bufferOf(GetParam()).decodeBase64(decoded));
+    EXPECT_FALSE(bufferOf(GetParam().text).decodeBase64(decoded));
     EXPECT_EQ(decoded.length(), 0U);
 }
 

@@ -1,5 +1,7 @@
 #include <norvcmsg/EmailAddress.h>
 
+#include "Shown.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,15 +15,15 @@ EmailAddress parse(const std::string& text, bool allowUtf8 = false) {
     return EmailAddress::rfc5321Parse(text, allowUtf8);
 }
 
-class GoodAddress : public testing::TestWithParam<std::string> {};
+class GoodAddress : public testing::TestWithParam<Shown> {};
 
 TEST_P(GoodAddress, IsTakenAsItIs) {
     for (const bool allowUtf8 : {false, true}) {
-        const auto address = parse(GetParam(), allowUtf8);
+        const auto address = parse(GetParam().text, allowUtf8);
         EXPECT_FALSE(address.isNull());
         EXPECT_FALSE(address.isEmptyAddress());
-        EXPECT_EQ(address.address(), GetParam());
-        EXPECT_EQ(address.localPart() + "@" + address.domain(), GetParam());
+        EXPECT_EQ(address.address(), GetParam().text);
+        EXPECT_EQ(address.localPart() + "@" + address.domain(), GetParam().text);
     }
 }
 
@@ -42,11 +44,11 @@ INSTANTIATE_TEST_SUITE_P(
                     // 254 bytes in all
                     "ab@" + labelOf63 + "." + labelOf63 + "." + labelOf63 + "." + std::string(59, 'd')));
 
-class BadAddress : public testing::TestWithParam<std::string> {};
+class BadAddress : public testing::TestWithParam<Shown> {};
 
 TEST_P(BadAddress, IsNull) {
     for (const bool allowUtf8 : {false, true}) {
-        const auto address = parse(GetParam(), allowUtf8);
+        const auto address = parse(GetParam().text, allowUtf8);
         EXPECT_TRUE(address.isNull());
         EXPECT_TRUE(address.isEmptyAddress());
         EXPECT_EQ(address.address(), "");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,10 @@ struct Row {
     std::string_view text;
     std::string_view shown;
 };
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
+}
 
 class Escape : public testing::TestWithParam<Row> {};
 

@@ -1,5 +1,7 @@
 #include <norvcmsg/IPAddress.h>
 
+#include "Shown.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -63,11 +65,11 @@ TEST(IPAddress, FromOctetsTakesNothingElse) {
     EXPECT_TRUE(IPAddress::fromOctets(std::string(16, '\0')).isV6());
 }
 
-class NoAddress : public testing::TestWithParam<std::string> {};
+class NoAddress : public testing::TestWithParam<Shown> {};
 
 TEST_P(NoAddress, IsNull) {
-    EXPECT_TRUE(IPAddress(GetParam()).isNull());
-    EXPECT_TRUE(IPAddress::fromText(GetParam()).isNull());
+    EXPECT_TRUE(IPAddress(GetParam().text).isNull());
+    EXPECT_TRUE(IPAddress::fromText(GetParam().text).isNull());
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, NoAddress,

@@ -245,6 +245,28 @@ TEST(MediaIn, ReadTakesMemoryForWhatArrivesNotForWhatIsAnnounced) {
     EXPECT_LE(out.size(), 65'536U);
 }
 
+TEST(MediaIn, ReadRefusesMoreThanAnIntCounts) {
+    /// Says that it delivers without touching memory, so that the test needs none.
+    struct Endless : MediaInImpl {
+        explicit Endless(unsigned long length) : left(length) {}
+        [[nodiscard]] bool atEnd() const override { return left == 0; }
+        [[nodiscard]] int peek() const override { return atEnd() ? -1 : 0; }
+        using MediaInImpl::read;
+        int read(unsigned char* /*out*/, unsigned int length) override {
+            const auto count = std::min<unsigned long>(length, left);
+            left -= count;
+            return static_cast<int>(count);
+        }
+        unsigned long left;
+    };
+    Buffer out(INT_MAX, 0);
+    MediaIn most(makeReference<Endless, MediaInImpl>(2'147'483'647UL));
+    EXPECT_EQ(most.read(out, 0), INT_MAX);
+    out.length(0);
+    MediaIn more(makeReference<Endless, MediaInImpl>(2'147'483'648UL));
+    expectMediaFailure([&] { more.read(out, 0); }, "MediaInImpl::read", 4, "Media");
+}
+
 TEST(MediaIn, ReadUsesTheCapacityItIsGiven) {
     auto in = least("abcdef");
     Buffer out(6, 0);

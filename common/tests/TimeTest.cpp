@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -52,6 +53,10 @@ struct Row {
     std::int64_t seconds; // as `date -u -d` tells them
     const char* text;
 };
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.text;
+}
 
 class TimeConversion : public testing::TestWithParam<Row> {};
 

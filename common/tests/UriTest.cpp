@@ -1,7 +1,10 @@
 #include <norvcmsg/Uri.h>
 
+#include "Shown.h"
+
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 namespace {
@@ -43,6 +46,10 @@ struct Row {
     const char* path;
 };
 
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.text;
+}
+
 class UriParts : public testing::TestWithParam<Row> {};
 
 TEST_P(UriParts, Are) {
@@ -77,10 +84,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"//host/path", "", "host", -1, "/path"}, Row{"a:", "a", "", -1, ""},
                     Row{"a:/", "a", "", -1, "/"}));
 
-class NoUri : public testing::TestWithParam<std::string> {};
+class NoUri : public testing::TestWithParam<Shown> {};
 
 TEST_P(NoUri, IsNull) {
-    const auto uri = parse(GetParam());
+    const auto uri = parse(GetParam().text);
     EXPECT_TRUE(uri.isNull());
     EXPECT_EQ(uri.text(), "");
     EXPECT_EQ(uri.host(), "");

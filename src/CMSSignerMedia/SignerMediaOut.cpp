@@ -8,11 +8,18 @@
 
 #include <openssl/objects.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 namespace Norvane::Crypto::CMS {
 
 namespace {
+
+/// A null pair is a programming error: the process ends, in builds without assertions too.
+[[noreturn]] void endForNullPair() {
+    std::fputs("norvcrypto: a signing stream was made with a null pair. Test the pair for null first.\n", stderr);
+    std::abort();
+}
 
 /// Whether the pair can sign. OpenSSL takes a missing key or certificate at first and crashes on it later.
 bool keyMatchesCertificate(const NVX509::_KeyCertificatePair& signer) {
@@ -58,7 +65,7 @@ void setUp(PKCS7* structure, Hasher::Type type, const NVX509::_KeyCertificatePai
 SignerMediaOutImpl::SignerMediaOutImpl(Hasher::Type type, const NVX509::KeyCertificatePair& signer)
     : m_stream(std::make_unique<StructureStream>()) {
     if (signer.get() == nullptr) {
-        std::abort(); // in release builds too, where the shared pointer does not assert
+        endForNullPair();
     }
     if (!keyMatchesCertificate(*signer)) {
         failures::raise(failures::signerKeyMismatch, "Private key does not match certificate");
