@@ -480,6 +480,26 @@ TEST_F(SignVerifyToolTest, MissingBody) {
                   "cannot open none: No such file or directory");
 }
 
+TEST_F(SignVerifyToolTest, EmptyNamesAreNoDefaults) {
+    signBody();
+    before = work.names();
+    const std::string text = "cannot open : No such file or directory";
+    expectFailure(tool({"verify", "--signature", "sig", "--in", "body", "--cert", ""}), text);
+    expectFailure(tool({"verify", "--signature", "sig", "--in", ""}, body), text);
+    expectFailure(tool({"verify", "--signature", "", "--in", "body"}), text);
+    expectFailure(sign({"--in", "", "--out", "new"}, body), text);
+    expectFailure(sign({"--in", "body", "--chain", "", "--out", "new"}), text);
+    expectFailure(sign({"--in", "body", "--passphrase-file", "", "--out", "new"}), text);
+    expectFailure(sign({"--in", "body", "--out", ""}), "cannot write : No such file or directory");
+}
+
+TEST_F(SignVerifyToolTest, EndlessSignatureIsNotTakenIntoMemory) {
+    const Answer answer =
+        run({.arguments = {"/bin/sh", "-c", "ulimit -t 100; exec \"$0\" verify --signature /dev/zero", NORVCRYPT}});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ("norvcrypt: /dev/zero is larger than 256 MiB\n", answer.err);
+}
+
 TEST_F(SignVerifyToolTest, OutputBesideAnInputThatFailsIsNotLeftBehind) {
     expectFailure(sign({"--in", "none", "--out", "sig"}), "cannot open none: No such file or directory");
 }

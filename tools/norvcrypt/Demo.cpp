@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -35,7 +36,7 @@ constexpr unsigned int keyExponent = 65537;
 constexpr unsigned int keyBits = 3072;
 
 struct DemoOptions {
-    std::string in;
+    std::optional<std::string> in;
     std::string directory = "norvcrypt-demo";
 };
 
@@ -159,11 +160,11 @@ void Demo::makeMessage() {
         hasher.write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned int>(bytes.size()));
         m_size += bytes.size();
     };
-    if (m_options.in.empty()) {
+    if (!m_options.in) {
         generateMessage(write);
     } else {
         Progress progress("copying");
-        Norvane::MediaIn in = m_inputs.open(m_options.in, &progress);
+        Norvane::MediaIn in = m_inputs.open(*m_options.in, &progress);
         std::array<char, 65536> chunk{};
         for (int count = 1; count > 0;) {
             count = in.read(reinterpret_cast<unsigned char*>(chunk.data()), chunk.size());

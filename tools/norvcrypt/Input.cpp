@@ -15,7 +15,7 @@ namespace norvcrypt {
 
 namespace {
 
-constexpr unsigned int largestInMemory = 1U << 30U;
+constexpr unsigned int largestInMemory = 1U << 28U;
 
 /// Reads a descriptor through a buffer of fixed size.
 class DescriptorSource : public Norvane::MediaInImpl {
@@ -98,6 +98,10 @@ Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
 
 Norvane::Buffer Inputs::readAll(const std::string& path, bool secret) {
     Norvane::MediaIn in = open(path);
+    return readAll(in, path, secret);
+}
+
+Norvane::Buffer Inputs::readAll(Norvane::MediaIn& in, const std::string& path, bool secret) {
     Norvane::Buffer all;
     if (secret)
         all.protect();
@@ -107,7 +111,7 @@ Norvane::Buffer Inputs::readAll(const std::string& path, bool secret) {
         if (count == 0)
             break;
         if (all.length() + static_cast<unsigned int>(count) > largestInMemory)
-            throw Failure(inputName(path) + " is larger than 1 GiB");
+            throw Failure(inputName(path) + " is larger than 256 MiB");
         all.append(Norvane::Buffer(chunk.data(), static_cast<unsigned int>(count), true));
     }
     if (secret)

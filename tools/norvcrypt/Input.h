@@ -18,8 +18,10 @@ public:
     /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
     /// \throws Failure: there is no such file, or standard input was taken already
     Norvane::MediaIn open(const std::string& path, Progress* progress = nullptr);
-    /// All bytes of a file of at most 1 GiB, wiped with the last copy when they are secret. \throws Failure
+    /// All bytes of a file of at most 256 MiB, wiped with the last copy when they are secret. \throws Failure
     Norvane::Buffer readAll(const std::string& path, bool secret = false);
+    /// What is left of an open stream, with the same limit. \throws Failure
+    static Norvane::Buffer readAll(Norvane::MediaIn& in, const std::string& path, bool secret = false);
 
 private:
     bool m_standardInputTaken = false;

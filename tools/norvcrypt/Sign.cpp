@@ -11,6 +11,7 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace norvcrypt {
@@ -23,8 +24,8 @@ namespace {
 struct SignOptions {
     std::string certificate;
     std::string key;
-    std::string chain;
-    std::string passphraseFile;
+    std::optional<std::string> chain;
+    std::optional<std::string> passphraseFile;
     std::string digest = "sha256";
     std::string in = "-";
     std::string out = "-";
@@ -36,11 +37,10 @@ NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs
     std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
     const NVX509::RefCertificate certificate = chain.front();
     chain.pop_front();
-    if (!options.chain.empty())
-        chain.splice(chain.end(), readCertificates(inputs, options.chain));
-    std::unique_ptr<Passphrase> passphrase = std::make_unique<Passphrase>();
-    if (!options.passphraseFile.empty())
-        passphrase = std::make_unique<Passphrase>(inputs, options.passphraseFile);
+    if (options.chain)
+        chain.splice(chain.end(), readCertificates(inputs, *options.chain));
+    const auto passphrase = options.passphraseFile ? std::make_unique<Passphrase>(inputs, *options.passphraseFile)
+                                                   : std::make_unique<Passphrase>();
     return {readPrivateKey(inputs, options.key, *passphrase), certificate, chain};
 }
 

@@ -27,8 +27,8 @@ namespace {
 
 struct VerifyOptions {
     std::string signature;
-    std::string certificate;
-    std::string in;
+    std::optional<std::string> certificate;
+    std::optional<std::string> in;
 };
 
 /// A structure is binary or PEM; only the text, which is short, is taken into memory as a whole.
@@ -37,9 +37,7 @@ CMS::CMSVerifier openSignature(const std::string& path, Inputs& inputs) {
         Norvane::MediaIn in = inputs.open(path);
         if (in.peek() == 0x30)
             return CMS::CMSVerifier(in);
-        std::string text;
-        in.read(text);
-        for (const Piece& piece : piecesOf(Norvane::Buffer(text.data(), static_cast<unsigned int>(text.size()), true)))
+        for (const Piece& piece : piecesOf(Inputs::readAll(in, path)))
             if (piece.kind == Kind::cms) {
                 Norvane::MemoryMediaIn der(piece.der);
                 return CMS::CMSVerifier(der);
@@ -93,8 +91,8 @@ private:
 /// The body is in a file, in the structure, or comes from standard input.
 Norvane::MediaIn openBody(const VerifyOptions& options, const CMS::CMSVerifier& verifier, Inputs& inputs,
                           Progress& progress) {
-    if (!options.in.empty())
-        return inputs.open(options.in, &progress);
+    if (options.in)
+        return inputs.open(*options.in, &progress);
     Norvane::MediaIn embedded = CMS::embeddedContent(verifier.contentInfo());
     return embedded.isNull() ? inputs.open("-", &progress) : embedded;
 }
@@ -159,8 +157,8 @@ Verdict judge(const CMS::CMSVerifier& verifier, const CMS::SignerInfo& signer,
 Exit verify(const VerifyOptions& options) {
     Inputs inputs;
     std::list<NVX509::RefCertificate> certificates;
-    if (!options.certificate.empty())
-        certificates = readCertificates(inputs, options.certificate);
+    if (options.certificate)
+        certificates = readCertificates(inputs, *options.certificate);
     const CMS::CMSVerifier verifier = openSignature(options.signature, inputs);
     const PKCS7* const structure = verifier.contentInfo();
     if (PKCS7_type_is_signed(structure) == 0)
@@ -182,8 +180,8 @@ Exit verify(const VerifyOptions& options) {
     Exit code = Exit::good;
     std::size_t number = 0;
     for (const CMS::SignerInfo& signer : signers) {
-        const Verdict verdict = judge(
-            verifier, signer, options.certificate.empty() ? data.certificates() : certificates, digests.of(signer));
+        const Verdict verdict =
+            judge(verifier, signer, options.certificate ? certificates : data.certificates(), digests.of(signer));
         out.line("signer " + std::to_string(++number) + ": " + Norvane::escapeForDisplay(verdict.text));
         if (!verdict.good)
             code = Exit::refused;
