@@ -451,6 +451,7 @@ TEST_F(InspectToolTest, UnwritableOutput) {
 
 TEST_F(InspectToolTest, ManyAddressesStayLinear) {
     std::vector<GeneralName> names;
+    names.reserve(12000);
     for (int number = 0; number < 12000; ++number)
         names.push_back(GeneralName::email("address" + std::to_string(number) + "@example.org"));
     work.write("many",

@@ -31,6 +31,7 @@ public:
         std::vector<std::string> words{NORVCRYPT};
         words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char*> pointers;
+        pointers.reserve(words.size() + 1);
         for (std::string& word : words)
             pointers.push_back(word.data());
         pointers.push_back(nullptr);
