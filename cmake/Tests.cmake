@@ -4,7 +4,7 @@ include(GoogleTest)
 add_custom_target(concurrency_tests)
 
 # norv_test(NAME SOURCES... [LIBRARIES ...] [LABELS ...]): one test executable, its cases discovered when it is built.
-# Tests run without a terminal and with standard input closed (ctest does both), so that nothing can prompt.
+# Tests are run without a terminal and with standard input closed (scripts/test sees to it), so that nothing can prompt.
 function(norv_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
