@@ -26,8 +26,8 @@ public:
     StringPattern();
     explicit StringPattern(const std::string& pattern);
 
-    /// True when all of `text` matches. Needs no memory; takes at most the length of the text times that of the longest
-    /// piece between two `*`, whatever the pattern.
+    /// True when all of `text` matches. Whatever the pattern, this takes a time linear in text and pattern, times the
+    /// number of 64-bit words that the longest piece between two `*` fills if it has a `?`.
     [[nodiscard]] bool matches(const std::string& text) const;
 
     /// The pattern as it was given.

@@ -24,6 +24,11 @@ namespace Norvane::ascii {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
+/// The same letter in the other case; what is no letter, as it is.
+[[nodiscard]] constexpr char otherCase(char c) noexcept {
+    return isLetter(c) ? static_cast<char>(c ^ 0x20) : c;
+}
+
 [[nodiscard]] constexpr bool equalNoCase(char a, char b) noexcept {
     return toUpper(a) == toUpper(b);
 }
