@@ -52,8 +52,8 @@ public:
     /// The byte at `index`. \throws Exception "Buffer::at", code 4: `index` is not below the length
     [[nodiscard]] unsigned char at(int index) const;
 
-    /// Appends the bytes of `other`, which may be this buffer; takes over its mark of `protect()`. Appending again and
-    /// again costs time linear in the bytes.
+    /// Appends the bytes of `other`, which may be this buffer or borrow its bytes; takes over its mark of `protect()`.
+    /// Appending again and again costs time linear in the bytes.
     /// \throws Exception "Buffer::append", code 4: the length would not fit 32 bits
     void append(const Buffer& other);
 

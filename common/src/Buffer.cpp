@@ -178,13 +178,17 @@ void Buffer::append(const Buffer& other) {
     if (added == 0) {
         return;
     }
-    own();
     const auto needed = m_length + added;
-    if (needed > m_size) {
-        moveTo(std::max(needed, m_size > limit / 2 ? limit : m_size * 2));
+    if (m_borrowed || needed > m_size) {
+        // Put together beside the old memory: `other` may be this buffer or borrow its bytes.
+        Buffer grown;
+        grown.moveTo(std::max(needed, m_size > limit / 2 ? limit : m_size * 2));
+        std::memcpy(grown.m_bytes, m_bytes, m_length);
+        std::memcpy(grown.m_bytes + m_length, other.m_bytes, added);
+        take(grown);
+    } else {
+        std::memmove(m_bytes + m_length, other.m_bytes, added);
     }
-    // Appending a buffer to itself reads the bytes where they are by now.
-    std::memcpy(m_bytes + m_length, this == &other ? m_bytes : other.m_bytes, added);
     m_length = needed;
 }
 

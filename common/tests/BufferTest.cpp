@@ -214,6 +214,22 @@ TEST(Buffer, AppendsItself) {
     EXPECT_EQ(textOf(borrowing), "xyxy");
 }
 
+TEST(Buffer, AppendsBytesThatAreBorrowedFromItself) {
+    for (const bool secret : {false, true}) {
+        Buffer buffer("abcdef", 6, false);
+        if (secret) {
+            buffer.protect();
+        }
+        const Buffer inner(std::as_const(buffer).data() + 2, 3, true);
+        buffer.append(inner); // moves to new memory
+        EXPECT_EQ(textOf(buffer), "abcdefcde");
+        ASSERT_GE(buffer.size(), 12U);
+        const Buffer again(std::as_const(buffer).data() + 6, 3, true);
+        buffer.append(again); // stays where it is
+        EXPECT_EQ(textOf(buffer), "abcdefcdecde");
+    }
+}
+
 TEST(Buffer, AppendingNothingKeepsABorrowingOneBorrowing) {
     const std::string bytes = "abc";
     Buffer buffer(bytes.data(), 3, true);

@@ -518,6 +518,14 @@ TEST(MemoryMediaOut, KeepsWhatItGets) {
     EXPECT_EQ(textOf(out.content()), "abcd");
 }
 
+TEST(MemoryMediaOut, TakesItsOwnContentOnceMore) {
+    MemoryMediaOut out;
+    out.write(Buffer("0123456789", 10, true));
+    out.write(out.content());
+    out.write(out.content().data(), 3);
+    EXPECT_EQ(textOf(out.content()), "01234567890123456789012");
+}
+
 TEST(MemoryMediaOut, WritesOverWhatIsThereFromAnEarlierPosition) {
     MemoryMediaOut out;
     out.write(bufferOf("abcdef"));
