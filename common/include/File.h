@@ -72,7 +72,8 @@ public:
 class NORVCMSG_EXPORT FileMediaIn : public MediaIn {
 public:
     /// Opens the file. \throws MediaException "FileMediaIn", code 4: it cannot be opened, or is a directory. Reading
-    /// throws the same with "FileMediaIn::read".
+    /// throws the same with "FileMediaIn::read"; when bytes came before the error, the read that got them is short and
+    /// the next one throws.
     explicit FileMediaIn(const File::Path& path);
     FileMediaIn(const FileMediaIn& other);
     FileMediaIn& operator=(const FileMediaIn& other);

@@ -58,10 +58,14 @@ Moved readSome(int descriptor, unsigned char* out, unsigned int length) noexcept
 }
 
 Moved writeAll(int descriptor, const unsigned char* data, unsigned int length, std::int64_t offset) noexcept {
-    return moveAll(length, [=](unsigned int done, unsigned int left) {
+    auto moved = moveAll(length, [=](unsigned int done, unsigned int left) {
         return offset < 0 ? ::write(descriptor, data + done, left)
                           : ::pwrite(descriptor, data + done, left, offset + done);
     });
+    if (moved.bytes < length && moved.error == 0) {
+        moved.error = EIO; // a write that takes nothing and tells no reason must not lose bytes unnoticed
+    }
+    return moved;
 }
 
 } // namespace Norvane::detail

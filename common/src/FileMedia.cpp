@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
 #include <vector>
 
 namespace Norvane {
@@ -50,7 +51,13 @@ public:
 
     [[nodiscard]] bool atEnd() const override { return peek() < 0; }
 
-    [[nodiscard]] int peek() const override { return m_next == m_held && !fill() ? -1 : m_buffer[m_next]; }
+    [[nodiscard]] int peek() const override {
+        if (m_next == m_held && !fill()) {
+            tellError();
+            return -1;
+        }
+        return m_buffer[m_next];
+    }
 
     using MediaInImpl::read;
     int read(unsigned char* out, unsigned int length) override {
@@ -61,6 +68,9 @@ public:
         }
         if (length - count >= bufferSize) {
             count += readPast(out + count, length - count);
+        }
+        if (count == 0 && length != 0) {
+            tellError();
         }
         return static_cast<int>(count);
     }
@@ -79,9 +89,18 @@ public:
         }
         m_next = 0;
         m_held = 0;
+        m_error = 0;
     }
 
 private:
+    /// Throws the error that stopped the last read, once: the bytes before it are handed out first, and the system may
+    /// not tell it again.
+    void tellError() const {
+        if (const int error = std::exchange(m_error, 0); error != 0) {
+            detail::throwMediaErrno("FileMediaIn::read", "FileMedia", m_path, error);
+        }
+    }
+
     unsigned int takeHeld(unsigned char* out, unsigned int length) noexcept {
         const auto count = std::min(length, m_held - m_next);
         if (count != 0) {
@@ -91,23 +110,25 @@ private:
         return count;
     }
 
-    /// Puts what the file has at hand into the empty buffer; false at the end.
+    /// Puts what the file has at hand into the empty buffer; false at the end and after an error.
     bool fill() const {
-        const auto moved = detail::readSome(m_file.get(), m_buffer.data(), bufferSize);
-        if (moved.error != 0) {
-            detail::throwMediaErrno("FileMediaIn::read", "FileMedia", m_path, moved.error);
+        if (m_error != 0) {
+            return false;
         }
+        const auto moved = detail::readSome(m_file.get(), m_buffer.data(), bufferSize);
+        m_error = moved.error;
         m_next = 0;
         m_held = moved.bytes;
         return m_held != 0;
     }
 
-    /// Reads past the buffer. An error after some bytes shows when the next ones are asked for.
+    /// Reads past the buffer.
     unsigned int readPast(unsigned char* out, unsigned int length) {
-        const auto moved = detail::readAll(m_file.get(), out, length);
-        if (moved.error != 0 && moved.bytes == 0) {
-            detail::throwMediaErrno("FileMediaIn::read", "FileMedia", m_path, moved.error);
+        if (m_error != 0) {
+            return 0;
         }
+        const auto moved = detail::readAll(m_file.get(), out, length);
+        m_error = moved.error;
         return moved.bytes;
     }
 
@@ -116,6 +137,7 @@ private:
     mutable std::vector<unsigned char> m_buffer;
     mutable unsigned int m_next = 0;
     mutable unsigned int m_held = 0;
+    mutable int m_error = 0;
 };
 
 class FileMediaOutImpl : public MediaOutImpl {

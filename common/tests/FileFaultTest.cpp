@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,7 +24,9 @@ namespace {
 struct Faults {
     int interruptions = 0;      ///< how many calls that move bytes are interrupted before each that is not
     std::size_t mostAtOnce = 0; ///< how many bytes a call moves at most
+    int goodReads = 0;          ///< how many reads go well before the error
     int readError = 0;
+    bool writesNothing = false; ///< writes move no byte and tell no reason
     int writeError = 0;
     int closeError = 0;
     int statError = 0;
@@ -56,7 +59,9 @@ template <class Call> ssize_t move(int error, std::size_t length, Call call) {
 
 extern "C" ssize_t read(int file, void* out, std::size_t length) {
     static const auto real = next<ssize_t (*)(int, void*, std::size_t)>("read");
-    return move(s_faults.readError, length, [=](std::size_t most) { return real(file, out, most); });
+    const int error = s_faults.goodReads > 0 ? 0 : s_faults.readError;
+    s_faults.goodReads -= error == 0 && s_interrupted == s_faults.interruptions ? 1 : 0;
+    return move(error, length, [=](std::size_t most) { return real(file, out, most); });
 }
 
 extern "C" ssize_t pread(int file, void* out, std::size_t length, off_t offset) {
@@ -66,6 +71,9 @@ extern "C" ssize_t pread(int file, void* out, std::size_t length, off_t offset) 
 
 extern "C" ssize_t write(int file, const void* data, std::size_t length) {
     static const auto real = next<ssize_t (*)(int, const void*, std::size_t)>("write");
+    if (s_faults.writesNothing) {
+        return 0;
+    }
     return move(s_faults.writeError, length, [=](std::size_t most) { return real(file, data, most); });
 }
 
@@ -144,6 +152,13 @@ Buffer textBuffer() {
     return {s_text.data(), static_cast<unsigned int>(s_text.size()), true};
 }
 
+/// Room for `length` bytes.
+unsigned char* piece(std::size_t length) {
+    static std::vector<unsigned char> room;
+    room.resize(length);
+    return room.data();
+}
+
 /// Where and why `act` fails.
 template <class Act> std::string failureOf(Act act) {
     try {
@@ -187,6 +202,60 @@ TEST_F(FileFaults, AnErrorOfReadingIsToldByEveryWayToRead) {
     std::string all;
     in.read(all);
     EXPECT_EQ(all, s_text) << "nothing was skipped";
+}
+
+class BrokenAfterSomeBytes : public FileFaults, public testing::WithParamInterface<unsigned int> {};
+
+TEST_P(BrokenAfterSomeBytes, IsNoEndAndLosesNoByte) {
+    FileMediaOut(path("file")).write(textBuffer());
+    FileMediaIn in(path("file"));
+    s_faults = {.mostAtOnce = 1000, .goodReads = 3, .readError = ECONNRESET};
+    std::string piece(GetParam(), '\0');
+    std::string all;
+    const auto read = [&] {
+        const auto count = in.read(reinterpret_cast<unsigned char*>(piece.data()), GetParam());
+        all.append(piece, 0, static_cast<std::size_t>(count));
+        return count;
+    };
+    while (all.size() < 3000) {
+        ASSERT_GT(read(), 0);
+    }
+    EXPECT_EQ(failureOf(read), "FileMediaIn::read: Connection reset by peer");
+    EXPECT_EQ(failureOf([&] { static_cast<void>(in.atEnd()); }), "FileMediaIn::read: Connection reset by peer");
+    clear();
+    while (read() > 0) {
+    }
+    EXPECT_EQ(all, s_text);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pieces, BrokenAfterSomeBytes, testing::Values(1U, 7U, 1000U, 4096U, 65'536U, 200'000U));
+
+TEST_F(FileFaults, AnErrorAfterSomeBytesIsToldThoughTheSystemTellsItOnce) {
+    FileMediaOut(path("file")).write(Buffer(s_text.data(), 3000, true));
+    FileMediaIn in(path("file"));
+    Buffer buffer(200'000, 0);
+    s_faults = {.mostAtOnce = 1000, .goodReads = 3, .readError = ECONNRESET};
+    EXPECT_EQ(in.read(piece(200'000), 200'000), 3000);
+    clear();
+    EXPECT_EQ(failureOf([&] { in.read(buffer); }), "FileMediaIn::read: Connection reset by peer");
+    EXPECT_TRUE(in.atEnd());
+    in.setpos(0);
+    s_faults = {.mostAtOnce = 1000, .goodReads = 3, .readError = ECONNRESET};
+    EXPECT_EQ(failureOf([&] { in.read(buffer, 200'000); }), "FileMediaIn::read: Connection reset by peer");
+    EXPECT_EQ(buffer.length(), 3000U) << "what arrived before";
+    in.setpos(0);
+    s_faults = {.mostAtOnce = 1000, .goodReads = 3, .readError = ECONNRESET};
+    EXPECT_EQ(in.read(piece(200'000), 200'000), 3000);
+    clear();
+    in.setpos(0);
+    EXPECT_EQ(in.peek(), 0) << "a new position is a new start";
+}
+
+TEST_F(FileFaults, AWriteThatTakesNothingIsAFailure) {
+    FileMediaOut out(path("file"));
+    out.write(Buffer("abc", 3, true));
+    s_faults.writesNothing = true;
+    EXPECT_EQ(failureOf([&] { out.end(); }), "FileMediaOut::end: Input/output error");
 }
 
 TEST_F(FileFaults, AFileThatCannotBeExaminedIsNotRead) {
