@@ -52,6 +52,7 @@ public:
     /// The seconds since 1970-01-01 00:00:00 UTC, leap seconds not counted, in the Gregorian calendar throughout.
     [[nodiscard]] std::int64_t calendarSeconds() const noexcept;
     /// As ISO 8601 writes it: "2026-11-20T11:12:07Z", fields out of range carried over.
+    /// \throws Exception as `fromCalendarSeconds()` does, when they carry the year out of its field
     [[nodiscard]] std::string asString() const;
 
     /// Comparisons are by calendar seconds.

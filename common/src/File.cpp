@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace Norvane {
@@ -17,6 +18,11 @@ bool statusOf(const std::string& path, bool ofLink, struct stat& status) noexcep
         return false;
     }
     return (ofLink ? ::lstat(path.c_str(), &status) : ::stat(path.c_str(), &status)) == 0;
+}
+
+/// A file system may hold times whose year fits no `Time`; they show as the first or last one that does.
+Time timeOf(std::int64_t seconds) {
+    return Time::fromCalendarSeconds(std::clamp(seconds, -67'768'040'609'740'800, 67'768'036'191'676'799));
 }
 
 } // namespace
@@ -56,7 +62,7 @@ File::Status File::Path::status(bool ofLink) const {
     if (!statusOf(m_text, ofLink, status)) {
         detail::throwMediaErrno("File::Path::status", "File", m_text, errno);
     }
-    return {static_cast<std::uint64_t>(status.st_size), status.st_mode, Time::fromCalendarSeconds(status.st_mtime)};
+    return {static_cast<std::uint64_t>(status.st_size), status.st_mode, timeOf(status.st_mtime)};
 }
 
 } // namespace Norvane

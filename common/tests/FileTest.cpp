@@ -16,8 +16,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -143,6 +145,22 @@ TEST_F(FilePath, StatusTellsWhenTheFileChanged) {
     const timespec times[2] = {{0, 0}, {1'700'000'000, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
     EXPECT_EQ(File::Path(file).status(false).modified().asString(), "2023-11-14T22:13:20Z");
+}
+
+TEST_F(FilePath, StatusTellsTheNearestTimeWhenTheYearFitsNoField) {
+    // In memory, where a file system keeps every second.
+    std::string file = "/dev/shm/norvFileXXXXXX";
+    const int descriptor = ::mkstemp(file.data());
+    ASSERT_GE(descriptor, 0);
+    const timespec late[2] = {{0, 0}, {std::numeric_limits<time_t>::max(), 0}};
+    const timespec early[2] = {{0, 0}, {std::numeric_limits<time_t>::min(), 0}};
+    for (const auto& [times, shown] :
+         {std::pair(late, "2147485547-12-31T23:59:59Z"), std::pair(early, "-2147481748-01-01T00:00:00Z")}) {
+        ASSERT_EQ(::futimens(descriptor, times), 0);
+        EXPECT_EQ(File::Path(file).status(false).modified().asString(), shown);
+    }
+    ::close(descriptor);
+    ::unlink(file.c_str());
 }
 
 TEST_F(FilePath, StatusCountsMoreThan32Bits) {
