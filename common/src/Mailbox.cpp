@@ -144,22 +144,29 @@ bool isIPv4(std::string_view text) noexcept {
     return reader.atEnd();
 }
 
-bool isIPv6(std::string_view text) {
+bool isIPv6(std::string text) {
+    // A dotted end takes the place of two groups; its numbers may have leading zeros, which inet_pton refuses.
+    if (text.find('.') != std::string::npos) {
+        const auto dotted = text.rfind(':') + 1;
+        if (!isIPv4(std::string_view(text).substr(dotted))) {
+            return false;
+        }
+        text.replace(dotted, std::string::npos, "0:0");
+    }
     std::array<unsigned char, 16> address{};
     // inet_pton stops at a NUL byte.
-    if (text.find('\0') != std::string_view::npos ||
-        inet_pton(AF_INET6, std::string(text).c_str(), address.data()) != 1) {
+    if (text.find('\0') != std::string::npos || inet_pton(AF_INET6, text.c_str(), address.data()) != 1) {
         return false;
     }
     const auto gap = text.find("::");
-    if (gap == std::string_view::npos) {
+    if (gap == std::string::npos) {
         return true;
     }
-    // The gap stands for two groups at least, so that six are left; a dotted end takes the place of two.
+    // The gap stands for two groups at least, so that six are left.
     const auto colons = static_cast<std::size_t>(std::count(text.begin(), text.end(), ':'));
     const bool open = gap == 0 || gap + 2 == text.size();
-    const auto groups = gap == 0 && text.size() == 2 ? 0 : colons - (open ? 1 : 0);
-    return groups + (text.find('.') != std::string_view::npos ? 1 : 0) <= 6;
+    const auto groups = text.size() == 2 ? 0 : colons - (open ? 1 : 0);
+    return groups <= 6;
 }
 
 /// What stands between the brackets of an address literal.
@@ -171,7 +178,7 @@ bool isAddressLiteral(std::string_view text) {
     const auto tag = text.substr(0, colon);
     const auto content = text.substr(colon + 1);
     if (ascii::equalNoCase(tag, "IPv6")) {
-        return isIPv6(content);
+        return isIPv6(std::string(content));
     }
     const auto isTagCharacter = [](char c) { return ascii::isLetterOrDigit(c) || c == '-'; };
     const auto isContent = [](char c) { return c > ' ' && c <= '~' && c != '[' && c != '\\' && c != ']'; };
