@@ -84,7 +84,7 @@ public:
     [[nodiscard]] pkcs7_st* structure() const noexcept { return m_structure; }
 
 protected:
-    ContentInfo(pkcs7_st* structure, bool owns) noexcept;
+    ContentInfo(pkcs7_st* structure, bool owns);
     /// Decodes one structure from `source` and owns it; null when the bytes are none.
     void decode(MediaIn& source);
 

@@ -252,6 +252,24 @@ TEST(Decode, AtMostSixBytesBehindAnIndefiniteLengthAreRead) {
     EXPECT_LE(in.body().position(), berStructure().size() + 6);
 }
 
+// OpenSSL decodes the keys of certificates on the way, and queues errors for one that it cannot read, although the
+// structure is sound.
+TEST(Decode, AnUnreadableKeyInACertificateLeavesNothingInTheErrorQueue) {
+    Bytes structure = derStructure();
+    const Bytes key{0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01}; // a BIT STRING with an RSA-2048 key
+    const auto at = std::search(structure.begin(), structure.end(), key.begin(), key.end());
+    ASSERT_NE(at, structure.end());
+    at[5] = 0x04; // its modulus is no INTEGER
+    ERR_raise(ERR_LIB_USER, 77);
+    PiecewiseIn in(structure);
+    const CMS::RefContentInfo message(in);
+    EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 77);
+    EXPECT_EQ(ERR_get_error(), 0UL);
+    ASSERT_EQ(CMS::signedData(message).certificates().size(), 1U);
+    EXPECT_EQ(static_cast<evp_pkey_st*>(CMS::signedData(message).certificates().front()->key()), nullptr);
+    EXPECT_EQ(ERR_get_error(), 0UL);
+}
+
 TEST(Decode, AStreamsExceptionPassesUnchangedWhereverItComes) {
     const RecordedLog log;
     for (const Bytes& structure : {derStructure(), berStructure()}) {

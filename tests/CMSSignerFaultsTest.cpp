@@ -94,6 +94,21 @@ TEST_F(Fault, TheStructureCannotBeTyped) {
     expectConstructor(construction("PKCS7_set_type"), 49);
 }
 
+TEST_F(Fault, TheKeyIsAskedForBeforeTheStructureIsTyped) {
+    s_failing = "PKCS7_set_type";
+    const NVX509::KeyCertificatePair pair(keyOf(identities().otherRsa), certificateOf(identities().rsa));
+    const Caught failure = caught([&] { const CMS::SignerMediaOut signer(Hasher::SHA256, pair); });
+    EXPECT_EQ(failure.line, 43U);
+    EXPECT_STREQ(s_failing, "PKCS7_set_type") << "it was not called";
+    s_failing = "";
+}
+
+TEST_F(Fault, TheStructureIsTypedBeforeTheDigestIsLookedUp) {
+    const auto pair = pairOf(identities().rsa);
+    s_failing = "PKCS7_set_type";
+    expectConstructor(caught([&] { const CMS::SignerMediaOut signer(static_cast<Hasher::Type>(0), pair); }), 49);
+}
+
 TEST_F(Fault, TheChainIsNotMade) {
     expectConstructor(construction("PKCS7_dataInit"), 91);
 }

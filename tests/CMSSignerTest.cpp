@@ -176,6 +176,24 @@ TEST(Signer, ASecondEndSignsTheBufferedBytesAgainAndSendsASecondStructure) {
     EXPECT_EQ(bytesOf(target.content()), both);
 }
 
+// Deliberate, as above: a piece that fills the buffer to its last byte stays in it.
+TEST(Signer, APieceThatJustFitsStaysInTheBuffer) {
+    const Bytes body = bodyOf(4096);
+    Bytes twice = body;
+    twice.insert(twice.end(), body.begin(), body.end());
+    Norvane::MemoryMediaOut target;
+    CMS::SignerMediaOut signer(Hasher::SHA256, pairOf(identities().rsa));
+    signer.attach(target);
+    signer.write(body.data(), 1000);
+    signer.write(body.data() + 1000, 3096);
+    signer.end();
+    Bytes both = bytesOf(target.content());
+    signer.end();
+    const Bytes second = signedPlainly(identities().rsa, twice, EVP_sha256());
+    both.insert(both.end(), second.begin(), second.end());
+    EXPECT_EQ(bytesOf(target.content()), both);
+}
+
 // Deliberate, as above: what is written after end() follows the buffered bytes once more.
 TEST(Signer, WritingAfterTheEndGoesOnFeedingTheDigest) {
     const Bytes body = bodyOf(600);

@@ -372,6 +372,23 @@ TEST(Verifier, ACertificateWithoutAUsableKeyIsRefused) {
     expectRefused(structure, body(), unusable, noKey);
 }
 
+// Which fault is told when there are several: the algorithm, then the attributes, then the key, then the signature.
+TEST(Verifier, TheFirstFaultIsTold) {
+    const NVX509::RefCertificate none;
+    const Bytes structure = signedByOpenssl(identities().rsa, body(), "SHA256", CMS_DETACHED);
+    expectRefused(structure, bodyOf(1), none, anotherBody);
+    expectRefused(structure, body(), none, noKey);
+    const Received received(structure);
+    Crypto::VerifierMediaOut digested(Hasher::SHA1);
+    const RecordedLog log;
+    EXPECT_FALSE(received.verifier.isValid(digested, received.signer(), none));
+    EXPECT_EQ(log.events(), std::vector<unsigned int>{anotherDigest});
+    const Bytes withoutDigest = signedAttributes(identities().rsa, [](PKCS7_SIGNER_INFO* signer) {
+        EXPECT_EQ(PKCS7_add_attrib_content_type(signer, nullptr), 1);
+    });
+    expectRefused(withoutDigest, body(), none, noMessageDigest);
+}
+
 TEST(Verifier, ASignatureOfAnyLengthButItsOwnIsRefused) {
     const auto certificate = certificateOf(identities().rsa);
     const Bytes structure = signedByStream(identities().rsa, body());

@@ -8,6 +8,7 @@
 #include <norvcrypto/CMS.h>
 
 #include <array>
+#include <memory>
 #include <utility>
 
 namespace Norvane {
@@ -49,7 +50,7 @@ ContentInfo::ContentType numberOf(const ASN1::ObjectIdentifier& type) {
 
 ContentInfo::ContentInfo(const pkcs7_st* structure) : ContentInfo(const_cast<pkcs7_st*>(structure), false) {}
 
-ContentInfo::ContentInfo(pkcs7_st* structure, bool owns) noexcept : m_structure(structure), m_owns(owns) {}
+ContentInfo::ContentInfo(pkcs7_st* structure, bool owns) : m_structure(structure), m_owns(owns) {}
 
 ContentInfo::~ContentInfo() {
     if (m_owns) {
@@ -107,9 +108,9 @@ RefCounted<_ContentInfo>* newStructure(bool create) {
     if (structure == nullptr) {
         failures::raise(failures::contentInfoCreate, "Creation failed");
     }
-    auto* body = makeReference<_ContentInfo>(structure.get(), true);
+    auto body = std::make_unique<_ContentInfo>(structure.get(), true);
     static_cast<void>(structure.release());
-    return body;
+    return adoptReference(body.release());
 }
 
 } // namespace

@@ -18,8 +18,10 @@ CertificateFactory::CertificateFactory() = default;
 CertificateFactory::~CertificateFactory() = default;
 
 RefCertificate CertificateFactory::operator()(x509_st* x509, bool own) const {
+    openssl::CertificatePtr taken(own ? x509 : nullptr); // taken over even if there is no memory for the body
     auto body = std::make_unique<Certificate>(x509);
     body->m_owned = own;
+    static_cast<void>(taken.release());
     return RefCertificate(body.release());
 }
 

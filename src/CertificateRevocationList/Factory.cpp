@@ -17,8 +17,10 @@ CertificateRevocationListFactory::CertificateRevocationListFactory() = default;
 CertificateRevocationListFactory::~CertificateRevocationListFactory() = default;
 
 RefCertificateRevocationList CertificateRevocationListFactory::operator()(X509_crl_st* list, bool own) const {
+    openssl::CrlPtr taken(own ? list : nullptr); // taken over even if there is no memory for the body
     auto body = std::make_unique<CertificateRevocationList>(list);
     body->m_owned = own;
+    static_cast<void>(taken.release());
     return RefCertificateRevocationList(body.release());
 }
 

@@ -1,5 +1,7 @@
 #include "openssl/Pkcs7.h"
 
+#include "openssl/ErrorQueue.h"
+
 #include <openssl/asn1t.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
@@ -30,11 +32,15 @@ bool isPkcs7Type(int nid) noexcept {
 } // namespace
 
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
+    ERR_set_mark();
     Pkcs7Ptr structure(d2i_PKCS7_bio(source, nullptr));
-    if (structure == nullptr && ERR_peek_error() == 0) {
-        ERR_new();
-        ERR_set_debug(__FILE__, __LINE__, "d2i_PKCS7_bio");
-        ERR_set_error(ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA, nullptr);
+    if (structure != nullptr) {
+        ERR_pop_to_mark(); // what it says about keys in certificates that it cannot read
+        return structure;
+    }
+    ERR_clear_last_mark();
+    if (ERR_peek_error() == 0) {
+        queueError("d2i_PKCS7_bio", ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA);
     }
     return structure;
 }

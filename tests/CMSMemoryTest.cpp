@@ -1,0 +1,147 @@
+// What happens when there is no memory: every allocation of each operation fails once. The operation throws
+// std::bad_alloc, and the sanitizers tell when something is lost or freed twice on the way out.
+#include "support/Cms.h"
+
+#include <norvcrypto/KeyStore.h>
+
+#include <cstdlib>
+#include <new>
+
+using namespace cmstest;
+
+namespace {
+
+/// How many allocations succeed before one fails; negative: none fails.
+long s_left = -1;
+
+void* allocate(std::size_t length) {
+    if (s_left >= 0 && s_left-- == 0) {
+        throw std::bad_alloc();
+    }
+    if (void* memory = std::malloc(length == 0 ? 1 : length)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+void* operator new(std::size_t length) {
+    return allocate(length);
+}
+void* operator new[](std::size_t length) {
+    return allocate(length);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*length*/) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t /*length*/) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+/// Lets the first allocation of `work` fail, then the second one, and so on until all succeed.
+template <class Work> void expectEveryShortageThrown(Work work) {
+    work(); // what is made once and kept is not lost
+    long shortages = 0;
+    for (bool thrown = true; thrown; ++shortages) {
+        ASSERT_LT(shortages, 10000);
+        thrown = false;
+        s_left = shortages;
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            thrown = true;
+        }
+        const bool failed = s_left < 0;
+        s_left = -1;
+        ASSERT_EQ(thrown, failed) << "a shortage was passed over";
+        ASSERT_EQ(ERR_peek_error(), 0UL);
+    }
+    EXPECT_GT(shortages, 2);
+}
+
+const Bytes& structure() {
+    static const Bytes made = signedByOpenssl(identities().ec, bodyOf(300), "SHA256", CMS_DETACHED);
+    return made;
+}
+
+} // namespace
+
+TEST(Shortage, WhileAStructureIsMade) {
+    expectEveryShortageThrown([] { const CMS::RefContentInfo made(true); });
+}
+
+TEST(Shortage, WhileAStructureIsDecodedAndLookedAt) {
+    expectEveryShortageThrown([] {
+        const PiecewiseIn source(structure());
+        Norvane::MediaIn in(source);
+        const CMS::RefContentInfo message(in);
+        const CMS::SignedData data = CMS::signedData(message);
+        static_cast<void>(data.version());
+        static_cast<void>(data.contentInfo());
+        static_cast<void>(data.certificates());
+        for (const auto& signer : data.signerInfo()) {
+            static_cast<void>(signer.issuerAndSerialNumber().issuer().asString());
+            static_cast<void>(signer.issuerAndSerialNumber().serialNumber());
+            static_cast<void>(signer.digestAlgorithm().asString());
+        }
+    });
+}
+
+TEST(Shortage, WhileASignatureIsChecked) {
+    const Bytes body = bodyOf(300);
+    const auto certificate = certificateOf(identities().ec);
+    expectEveryShortageThrown([&] {
+        const Received received(structure());
+        if (!received.accepts(body, certificate)) {
+            ADD_FAILURE();
+        }
+    });
+}
+
+TEST(Shortage, WhileABodyIsSigned) {
+    const Bytes body = bodyOf(5000);
+    const auto pair = pairOf(identities().ec, {certificateOf(identities().authority)});
+    expectEveryShortageThrown([&] {
+        Norvane::MemoryMediaOut target;
+        CMS::SignerMediaOut signer(Crypto::Hasher::SHA256, pair);
+        signer.attach(target);
+        signer.write(body.data(), 5000);
+        signer.write(body.data(), 5000);
+        signer.end();
+    });
+}
+
+TEST(Shortage, WhileACertificateIsReadAndWarmed) {
+    const Buffer der = bufferOf(identities().rsa.certificate.der);
+    Norvane::MemoryMediaOut pem;
+    certificateOf(identities().rsa)->writePEM(pem);
+    const Buffer text = pem.content();
+    expectEveryShortageThrown([&] {
+        std::list<NVX509::RefCertificate> found;
+        NVX509::CertificateFactory().read(der, found);
+        NVX509::CertificateFactory().readPem(text, found);
+        found.front()->warm();
+    });
+}
+
+TEST(Shortage, WhileAListIsReadAndWarmed) {
+    const auto list = norvauthority::issueList({.issuer = &identities().authority, .crlNumber = "05"});
+    const Buffer der = bufferOf(list.der);
+    expectEveryShortageThrown([&] { NVX509::CertificateRevocationListFactory().readDER(der)->warm(); });
+}
+
+TEST(Shortage, WhileTheKeyStoreIsReplaced) {
+    expectEveryShortageThrown([] {
+        NVX509::RefKeyStore::instance(true, false);
+        NVX509::RefKeyStore::instance(false, true);
+    });
+}
