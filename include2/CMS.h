@@ -106,8 +106,9 @@ public:
     /// Decodes one structure, BER or DER, and owns it. `in` is read up to the end of the structure and not a byte
     /// further when the outermost length is definite and the structure has 8 bytes or more; up to 6 bytes further
     /// otherwise. What follows the structure is not looked at: a caller that allows nothing behind it asks
-    /// `in.atEnd()`. `in` may go once this returns. \throws Exception "CMS::_ContentInfo::_ContentInfo", code 4, file
-    /// CMS, line 389, detail "ASN1 Decode failed:":
+    /// `in.atEnd()`. `in` may go once this returns.
+    ///
+    /// \throws Exception "CMS::_ContentInfo::_ContentInfo", code 4, file CMS, line 389, detail "ASN1 Decode failed:":
     ///         the bytes are no structure, or end before it does; also logged, event 0x300005E with the OpenSSL errors
     /// \throws what `in` throws while it is read, unchanged
     explicit _ContentInfo(MediaIn& in);

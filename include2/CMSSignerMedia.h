@@ -24,10 +24,9 @@
 ///
 /// - Bytes are signed exactly as written: no line ending is changed, no MIME is looked at. S/MIME bodies have CRLF line
 ///   endings, and making them is the caller's work (RFC 8551, 3.1.1).
-/// - A good signature is not trust. The certificate is the caller's choice: neither is it checked to be the one that
-/// the
-///   signer names by issuer and serial number, nor is it validated (see `CertificateVerifier`). A `true` tells only
-///   that the holder of that certificate's key signed this body.
+/// - A good signature is not trust. The certificate is the caller's choice: it is not checked that the signer names it
+///   by issuer and serial number, nor is it validated (see `CertificateVerifier`). A `true` tells only that the holder
+///   of that certificate's key signed this body.
 /// - A body of any size passes in constant memory on both sides, written in pieces.
 /// - One stream or verifier is used by one thread at a time.
 
@@ -64,8 +63,9 @@ public:
     /// directly.
     ///
     /// Deliberately odd: this does not change the state. A second call passes the last buffered bytes on again and
-    /// sends a second structure, which signs the body with those bytes repeated. End a stream once. \throws Exception
-    /// "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, line 147, detail the OpenSSL
+    /// sends a second structure, which signs the body with those bytes repeated. End a stream once.
+    ///
+    /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, line 147, detail the OpenSSL
     ///         errors: the key does not sign (a public key in the place of the private one)
     /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, without a fixed line, detail the
     ///         OpenSSL errors: the structure is not encoded (no memory)
@@ -86,9 +86,8 @@ class NORVCRYPTO_EXPORT SignerMediaOut : public MediaOut {
 public:
     /// \param type   the digest, by its OpenSSL number
     /// \param signer the private key, its certificate, and further certificates that are sent along in list order
-    /// behind
-    ///               it (empty handles are skipped). Shared while it signs. A null pair is a programming error and ends
-    ///               the process.
+    ///               behind it (empty handles are skipped). Key and certificates are shared while it signs. A null pair
+    ///               is a programming error and ends the process.
     /// \throws Exception "CMS::SignerMediaOutImpl::SignerMediaOutImpl", code 4, file CMSSignerMedia:
     ///         - line 43, detail "Private key does not match certificate": it does not, or either is missing. This is
     ///           asked first; OpenSSL's queue is left as it was
@@ -107,7 +106,8 @@ public:
     /// Sends the structure to `target`, which is shared and which `end()` ends.
     /// \throws Exception "CMS::SignerMediaOut::attach", code 1: the body was replaced by another kind of sink
     void attach(MediaOut& target);
-    /// Lets go of the target. \throws Exception "CMS::SignerMediaOut::attach", code 1: as above
+    /// Lets go of the target.
+    /// \throws Exception "CMS::SignerMediaOut::attach", code 1: as above
     void detach();
 };
 
@@ -130,6 +130,11 @@ public:
     /// Whether `signer`'s signature over the body in `digested` belongs to the key of `certificate`. Works for RSA
     /// (PKCS#1 1.5), DSA and EC keys, with and without signed attributes; `digested` can be asked again, for another
     /// signer with the same digest too. It must not have been ended: the answer is false then.
+    ///
+    /// Of the signed attributes only the message digest is compared, and the signature algorithm that the signer names
+    /// is not looked at: the key and the digest decide. Programs that check the content type attribute and that
+    /// algorithm too (RFC 5652, 5.3 and 11.1) refuse a few structures that are accepted here.
+    ///
     /// A bad signature is an answer, never an exception; the reason is logged at level 0, text "s_signatureVerify":
     /// event 0x300004E the body was digested with another algorithm than the signer's; 0x300004F signed attributes
     /// without a message digest; 0x3000050 the message digest is not the body's; 0x3000051 the certificate is empty or

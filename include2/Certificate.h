@@ -271,8 +271,8 @@ public:
     virtual ~CertificateVerifier();
 
     /// Whether the certificate is to be trusted. What the number and the flag mean is up to the override.
-    /// \throws Exception "CertificateVerifier::isValid", code 4, source "Certificate", line 646: always, unless
-    /// overridden
+    /// \throws Exception "CertificateVerifier::isValid", code 4, source "Certificate", line 646: always; an override
+    ///         decides for itself
     virtual bool isValid(const RefCertificate& certificate, int, bool);
 
     /// The installed verifier.

@@ -252,21 +252,27 @@ TEST(Decode, AtMostSixBytesBehindAnIndefiniteLengthAreRead) {
     EXPECT_LE(in.body().position(), berStructure().size() + 6);
 }
 
-// OpenSSL decodes the keys of certificates on the way, and queues errors for one that it cannot read, although the
-// structure is sound.
-TEST(Decode, AnUnreadableKeyInACertificateLeavesNothingInTheErrorQueue) {
-    Bytes structure = derStructure();
-    const Bytes key{0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01}; // a BIT STRING with an RSA-2048 key
-    const auto at = std::search(structure.begin(), structure.end(), key.begin(), key.end());
-    ASSERT_NE(at, structure.end());
-    at[5] = 0x04; // its modulus is no INTEGER
+// OpenSSL decodes some extensions of revocation lists on the way, and queues errors for one that it cannot read,
+// although the structure is sound.
+TEST(Decode, AnUnreadableExtensionOfAListLeavesNothingInTheErrorQueue) {
+    Bytes list = norvauthority::issueList({.issuer = &identities().authority, .crlNumber = "05"}).der;
+    const Bytes number{0x55, 0x1D, 0x14, 0x04, 0x03, 0x02, 0x01, 0x05};
+    const auto at = std::search(list.begin(), list.end(), number.begin(), number.end());
+    ASSERT_NE(at, list.end());
+    at[5] = 0x0C; // its number is a text
+    const Bytes structure = der::sequence(
+        {der::oid("1.2.840.113549.1.7.2"),
+         der::element(der::contextConstructed(0),
+                      der::sequence({der::integer("1"), der::set({}), der::sequence({der::oid("1.2.840.113549.1.7.1")}),
+                                     der::element(der::contextConstructed(1), list), der::set({})}))});
     ERR_raise(ERR_LIB_USER, 77);
     PiecewiseIn in(structure);
     const CMS::RefContentInfo message(in);
     EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 77);
     EXPECT_EQ(ERR_get_error(), 0UL);
-    ASSERT_EQ(CMS::signedData(message).certificates().size(), 1U);
-    EXPECT_EQ(static_cast<evp_pkey_st*>(CMS::signedData(message).certificates().front()->key()), nullptr);
+    const CMS::SignedData data = CMS::signedData(message);
+    ASSERT_EQ(data.certificateRevocationLists().size(), 1U);
+    EXPECT_EQ(data.certificateRevocationLists().front()->crlNumber().object(), nullptr);
     EXPECT_EQ(ERR_get_error(), 0UL);
 }
 

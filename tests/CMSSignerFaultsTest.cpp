@@ -12,9 +12,29 @@ namespace {
 
 /// The name of the function that fails next.
 const char* s_failing = "";
+/// The functions that were called since the last clearing.
+std::vector<std::string> s_calls;
 BIO* s_chain = nullptr;
 
+/// How many of the functions are being executed.
+int s_depth = 0;
+
+/// Notes a call of the library's. OpenSSL's own calls of its functions pass here too, inside of another one.
+void note(const std::string& call) {
+    if (s_depth == 0) {
+        s_calls.push_back(call);
+    }
+}
+
+/// Forwards to OpenSSL's function.
+template <class Function, class... Arguments> auto forward(Function function, Arguments... arguments) {
+    const norvtest::During<int> inside(s_depth, s_depth + 1);
+    return function(arguments...);
+}
+
+/// Notes a call; true when it is to fail.
 bool failsNow(const char* function) {
+    note(function);
     if (std::strcmp(s_failing, function) != 0) {
         return false;
     }
@@ -25,29 +45,57 @@ bool failsNow(const char* function) {
 
 } // namespace
 
+#define FORWARD(function, ...) forward(norvtest::next<&function>(#function) __VA_OPT__(, ) __VA_ARGS__)
+
+REPLACEMENT int X509_check_private_key(const X509* certificate, const EVP_PKEY* key) {
+    note("X509_check_private_key");
+    return FORWARD(X509_check_private_key, certificate, key);
+}
 REPLACEMENT PKCS7* PKCS7_new() {
-    return failsNow("PKCS7_new") ? nullptr : norvtest::next<&PKCS7_new>("PKCS7_new")();
+    return failsNow("PKCS7_new") ? nullptr : FORWARD(PKCS7_new);
 }
 REPLACEMENT int PKCS7_set_type(PKCS7* structure, int type) {
-    return failsNow("PKCS7_set_type") ? 0 : norvtest::next<&PKCS7_set_type>("PKCS7_set_type")(structure, type);
+    return failsNow("PKCS7_set_type") ? 0 : FORWARD(PKCS7_set_type, structure, type);
+}
+REPLACEMENT PKCS7_SIGNER_INFO* PKCS7_add_signature(PKCS7* structure, X509* certificate, EVP_PKEY* key,
+                                                   const EVP_MD* digest) {
+    return failsNow("PKCS7_add_signature") ? nullptr
+                                           : FORWARD(PKCS7_add_signature, structure, certificate, key, digest);
 }
 REPLACEMENT int PKCS7_add_certificate(PKCS7* structure, X509* certificate) {
-    return failsNow("PKCS7_add_certificate")
-               ? 0
-               : norvtest::next<&PKCS7_add_certificate>("PKCS7_add_certificate")(structure, certificate);
+    return failsNow("PKCS7_add_certificate") ? 0 : FORWARD(PKCS7_add_certificate, structure, certificate);
+}
+REPLACEMENT int PKCS7_content_new(PKCS7* structure, int type) {
+    return failsNow("PKCS7_content_new") ? 0 : FORWARD(PKCS7_content_new, structure, type);
 }
 REPLACEMENT BIO* PKCS7_dataInit(PKCS7* structure, BIO* sink) {
-    s_chain = failsNow("PKCS7_dataInit") ? nullptr : norvtest::next<&PKCS7_dataInit>("PKCS7_dataInit")(structure, sink);
+    s_chain = failsNow("PKCS7_dataInit") ? nullptr : FORWARD(PKCS7_dataInit, structure, sink);
     return s_chain;
 }
+REPLACEMENT int BIO_write(BIO* out, const void* data, int length) {
+    if (out == s_chain) {
+        note("BIO_write " + std::to_string(length));
+    }
+    return FORWARD(BIO_write, out, data, length);
+}
+REPLACEMENT long BIO_ctrl(BIO* bio, int command, long number, void* argument) {
+    if (bio == s_chain && command == BIO_CTRL_FLUSH) {
+        note("BIO_ctrl " + std::to_string(command));
+    }
+    return FORWARD(BIO_ctrl, bio, command, number, argument);
+}
+REPLACEMENT long PKCS7_ctrl(PKCS7* structure, int command, long number, char* argument) {
+    note("PKCS7_ctrl " + std::to_string(command) + " " + std::to_string(number));
+    return FORWARD(PKCS7_ctrl, structure, command, number, argument);
+}
 REPLACEMENT int PKCS7_dataFinal(PKCS7* structure, BIO* chain) {
-    return failsNow("PKCS7_dataFinal") ? 0 : norvtest::next<&PKCS7_dataFinal>("PKCS7_dataFinal")(structure, chain);
+    return failsNow("PKCS7_dataFinal") ? 0 : FORWARD(PKCS7_dataFinal, structure, chain);
 }
 REPLACEMENT int i2d_PKCS7_bio(BIO* out, const PKCS7* structure) {
-    return failsNow("i2d_PKCS7_bio") ? 0 : norvtest::next<&i2d_PKCS7_bio>("i2d_PKCS7_bio")(out, structure);
+    return failsNow("i2d_PKCS7_bio") ? 0 : FORWARD(i2d_PKCS7_bio, out, structure);
 }
 REPLACEMENT BIO* BIO_new(const BIO_METHOD* method) {
-    return method == BIO_s_null() && failsNow("BIO_new") ? nullptr : norvtest::next<&BIO_new>("BIO_new")(method);
+    return method == BIO_s_null() && failsNow("BIO_new") ? nullptr : FORWARD(BIO_new, method);
 }
 
 namespace {
@@ -76,6 +124,41 @@ protected:
 };
 
 } // namespace
+
+TEST_F(Fault, TheCallsComeInTheirOrder) {
+    const Bytes body = bodyOf(5000);
+    const auto& ids = identities();
+    const auto pair = pairOf(ids.rsa, {certificateOf(ids.authority), NVX509::RefCertificate(), certificateOf(ids.ec)});
+    s_calls.clear();
+    CMS::SignerMediaOut signer(Hasher::SHA256, pair);
+    EXPECT_EQ(s_calls,
+              (std::vector<std::string>{"PKCS7_new", "X509_check_private_key", "PKCS7_set_type", "PKCS7_add_signature",
+                                        "PKCS7_add_certificate", "PKCS7_add_certificate", "PKCS7_add_certificate",
+                                        "PKCS7_content_new", "PKCS7_dataInit", "BIO_new"}));
+    Norvane::MemoryMediaOut target;
+    signer.attach(target);
+    s_calls.clear();
+    signer.write(body.data(), 4000);
+    EXPECT_TRUE(s_calls.empty());
+    signer.write(body.data() + 4000, 1000);
+    EXPECT_EQ(s_calls, std::vector<std::string>{"BIO_write 4000"});
+    s_calls.clear();
+    signer.end();
+    EXPECT_EQ(s_calls, (std::vector<std::string>{"BIO_write 1000", "BIO_ctrl 11", "PKCS7_ctrl 1 1", "PKCS7_dataFinal",
+                                                 "i2d_PKCS7_bio"}));
+}
+
+TEST_F(Fault, TheSignerIsNotAdded) {
+    expectConstructor(construction("PKCS7_add_signature"), 63);
+}
+
+// Deliberate: whether the inner content was made is not asked.
+TEST_F(Fault, ContentThatIsNotMadeIsPassedOver) {
+    const auto pair = pairOf(identities().rsa);
+    s_failing = "PKCS7_content_new";
+    const CMS::SignerMediaOut signer(Hasher::SHA256, pair);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+}
 
 TEST_F(Fault, NoMemoryForAStructure) {
     const RecordedLog log;

@@ -35,7 +35,7 @@ Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
     ERR_set_mark();
     Pkcs7Ptr structure(d2i_PKCS7_bio(source, nullptr));
     if (structure != nullptr) {
-        ERR_pop_to_mark(); // what it says about keys in certificates that it cannot read
+        ERR_pop_to_mark(); // about extensions of revocation lists that it could not read
         return structure;
     }
     ERR_clear_last_mark();
