@@ -179,7 +179,7 @@ void Buffer::append(const Buffer& other) {
         return;
     }
     const auto needed = m_length + added;
-    if (m_borrowed || needed > m_size) {
+    if (needed > m_size) { // true of every borrowing buffer, which has no room
         // Put together beside the old memory: `other` may be this buffer or borrow its bytes.
         Buffer grown;
         grown.moveTo(std::max(needed, m_size > limit / 2 ? limit : m_size * 2));

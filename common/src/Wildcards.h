@@ -61,6 +61,9 @@ private:
 
     /// True when no character reaches over a position, which may be the end.
     [[nodiscard]] bool isBoundary(std::size_t position) const noexcept {
+        if (position == m_text.size() || (static_cast<unsigned char>(m_text[position]) >> 6U) != 2) {
+            return true; // no byte that continues a character
+        }
         for (std::size_t back = 1; back <= std::min<std::size_t>(position, 3); ++back) {
             if (utf8::characterAt(m_text, position - back).length > back) {
                 return false;

@@ -180,6 +180,13 @@ TEST(Buffer, LengthGrowsWithZeroesAndKeepsTheBytes) {
     EXPECT_TRUE(allZero(buffer.data() + 3, buffer.data() + 3000));
 }
 
+TEST(Buffer, BytesWrittenIntoTheCapacityMoveAlongWhenItGrows) {
+    Buffer buffer(3, 0);
+    std::memcpy(buffer.data(), "abc", 3);
+    buffer.length(4);
+    EXPECT_EQ(textOf(buffer), std::string("abc\0", 4));
+}
+
 TEST(Buffer, BytesWrittenIntoTheCapacityAreCountedInLater) {
     Buffer buffer(8, 0);
     std::memcpy(buffer.data(), "abcdefgh", 8);

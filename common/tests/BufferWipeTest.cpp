@@ -1,6 +1,7 @@
 // Watches what is wiped: this executable's explicit_bzero is the one that the library calls.
 
 #include <norvcmsg/Buffer.h>
+#include <norvcmsg/SwapBufferMediaOut.h>
 
 #include <gtest/gtest.h>
 
@@ -118,6 +119,23 @@ TEST_F(BufferWipe, NotTheBytesOfALender) {
 TEST_F(BufferWipe, NotWhatIsNoKey) {
     { const Buffer buffer("plain", 5, false); }
     EXPECT_TRUE(s_wiped.empty());
+}
+
+TEST_F(BufferWipe, WhatASwapBufferHasInMemory) {
+    {
+        Norvane::SwapBufferMediaOut out(6, "/nonexistent/swapXXXXXX");
+        out.write(Buffer("secret", 6, true));
+        EXPECT_TRUE(s_wiped.empty());
+    }
+    EXPECT_EQ(s_wiped, Wiped{"secret"});
+}
+
+TEST_F(BufferWipe, WhatASwapBufferHadInMemoryAsSoonAsItIsInItsFile) {
+    Norvane::SwapBufferMediaOut out(6, (testing::TempDir() + "swapXXXXXX").c_str());
+    out.write(Buffer("secret", 6, true));
+    out.write(Buffer("s", 1, true));
+    EXPECT_TRUE(out.isSwapped());
+    EXPECT_EQ(s_wiped, Wiped{"secret"});
 }
 
 } // namespace

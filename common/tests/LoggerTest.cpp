@@ -230,6 +230,16 @@ TEST_F(LogFormat, ErrnoIsLeftAlone) {
     EXPECT_EQ(errno, EPERM);
 }
 
+TEST_F(LogSinks, WhatASinkDoesToErrnoIsUndone) {
+    struct Failing : LogSink {
+        void record(const LogRecord& /*record*/) override { errno = ENOSPC; }
+    };
+    logger().sink(std::make_shared<Failing>());
+    errno = EPERM;
+    logger().message(1, 0, "x");
+    EXPECT_EQ(errno, EPERM);
+}
+
 TEST_F(LogFormat, ANullFormatIsEmpty) {
     const char* volatile null = nullptr;
     logger().message(1, 0, null, 0);
