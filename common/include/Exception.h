@@ -46,7 +46,8 @@ public:
     Exception& operator=(const Exception& other) noexcept;
     ~Exception() override;
 
-    /// Attaches a text, kept byte for byte. Returns this exception, so that calls can follow one another.
+    /// Attaches a text, kept byte for byte. Returns this exception, so that calls can follow one another; throwing what
+    /// it returns throws a plain `Exception`, so a subclass is given a name first and thrown by it.
     Exception& stringParameter(const std::string& text);
     /// Attaches a number.
     Exception& intParameter(int number);
