@@ -95,6 +95,14 @@ TEST_F(DemoToolTest, MessageOfTheCallerInAFolderWithBlanks) {
     expectCommandsHold(answer.out);
 }
 
+TEST_F(DemoToolTest, FolderWhoseNameCannotBeShown) {
+    work.write("mine", sampleBody());
+    const Answer answer = demo({"--in", "mine", "--dir", "n\nl\x1B[31m\xFF%s\\'\"$x`"});
+    ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ(std::string::npos, answer.out.find_first_of("\x1B\xFF"));
+    expectCommandsHold(answer.out);
+}
+
 TEST_F(DemoToolTest, MessageFromStandardInput) {
     const Answer answer = demo({"--in", "-", "--dir", "-d"}, "short");
     ASSERT_EQ(0, answer.status) << answer.err;

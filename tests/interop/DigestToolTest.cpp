@@ -93,6 +93,30 @@ TEST(DigestToolTest, Sha256sumChecksTheLines) {
     EXPECT_EQ(0, check.status) << check.out << check.err;
 }
 
+TEST(DigestToolTest, LinesAreThoseOfTheCoreUtilities) {
+    const Workspace work;
+    const std::vector<std::string> names{"plain", "[a,b]", "[]",   "++",   "--x",  "%%", "{}", "\x01++",
+                                         "\"q\"", "b\\s",  "l\nf", "c\rr", "\xFF", "\\", " ",  "~"};
+    for (const std::string& name : names)
+        work.write(name, "content of " + name);
+    const std::vector<std::pair<std::string, std::string>> programs{
+        {"md5", "md5sum"},       {"sha1", "sha1sum"},     {"sha224", "sha224sum"}, {"sha256", "sha256sum"},
+        {"sha384", "sha384sum"}, {"sha512", "sha512sum"}, {"blake2b512", "b2sum"}};
+    for (const auto& [type, program] : programs) {
+        Command ours{.arguments = {"digest", "--type", type, "--"}, .directory = work.directory()};
+        Command theirs{.arguments = {program, "--"}, .directory = work.directory()};
+        for (const std::string& name : names) {
+            ours.arguments.push_back(name);
+            theirs.arguments.push_back(name);
+        }
+        const Answer answer = norvcrypt(ours);
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ(run(theirs).out, answer.out) << program;
+    }
+    EXPECT_EQ(sha256("content of ++") + "  ++\n" + sha256("content of [a,b]") + "  [a,b]\n",
+              norvcrypt(Command{.arguments = {"digest", "++", "[a,b]"}, .directory = work.directory()}).out);
+}
+
 TEST(DigestToolTest, HostileNamesCannotForgeAnErrorLine) {
     const Answer answer = norvcrypt({"digest", "no\nnorvcrypt: all is well\x1B[2J\xFF"});
     EXPECT_EQ(2, answer.status);

@@ -377,6 +377,52 @@ TEST_F(InspectToolTest, HostileTextsNeitherBreakNorForge) {
     EXPECT_EQ(json::array({std::string("http://a\0b", 10)}), object["uris"]);
 }
 
+TEST_F(InspectToolTest, NoTwoTextsComeOutAlikeInJson) {
+    const Identity odd = issue({.subject = {{"CN", "Odd"}},
+                                .key = Key::ec(),
+                                .alternativeNames = {GeneralName::email("\xE9@x"), GeneralName::email("\\xE9@x"),
+                                                     GeneralName::email("\\\\xE9@x"), GeneralName::email("a\\b")}});
+    work.write("odd\\xFF", odd.certificate.der);
+    const json object = objectsIn("odd\\xFF").at(0);
+    EXPECT_EQ("odd\\\\xFF", object["file"]);
+    EXPECT_EQ(json({"\\xE9@x", "\\\\xE9@x", "\\\\\\\\xE9@x", "a\\b"}), object["emails"]);
+}
+
+TEST_F(InspectToolTest, EarlyYearsHaveFourDigits) {
+    const Identity old = issue({.subject = {{"CN", "Old"}},
+                                .key = Key::ec(),
+                                .notBefore = Time::generalized("00000101000000Z"),
+                                .notAfter = Time::generalized("09991231235959Z")});
+    work.write("old", old.certificate.der);
+    const json object = objectsIn("old").at(0);
+    EXPECT_EQ("0000-01-01T00:00:00Z", object["notBefore"]);
+    EXPECT_EQ("0999-12-31T23:59:59Z", object["notAfter"]);
+}
+
+TEST_F(InspectToolTest, NamesThatTheParserWouldTakeApart) {
+    for (const char* name : {"[a,b]", "[]", "++"}) {
+        work.write(name, root().certificate.der);
+        EXPECT_EQ(name, objectsIn(name).at(0)["file"]);
+    }
+}
+
+TEST_F(InspectToolTest, GarbageBehindAnObjectIsToldOnce) {
+    std::string content(root().certificate.der.begin(), root().certificate.der.end());
+    for (int count = 0; count < 100000; ++count)
+        content.append("\x30\x02\x05\x00", 4);
+    content.append(alice().certificate.der.begin(), alice().certificate.der.end());
+    content.append(20, '\0');
+    work.write("mixed", content);
+    const Answer answer = inspect({"--json", "mixed"});
+    EXPECT_EQ(2, answer.status);
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(2U, objects.size());
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", objects[1]["subject"]);
+    EXPECT_EQ("norvcrypt: mixed: object 2: no certificate, list, key or CMS structure, or a malformed one\n"
+              "norvcrypt: mixed: object 4: no certificate, list, key or CMS structure, or a malformed one\n",
+              answer.err);
+}
+
 TEST_F(InspectToolTest, UnknownContent) {
     work.write("text", std::string("Dear Bob,\n"));
     expectUnreadable("text", "text: no certificate, list, key or CMS structure\n");

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 using namespace interop;
 using norvauthority::Identity;
@@ -250,8 +251,9 @@ protected:
 
 TEST_F(CmsutilTest, AcceptsOurSignatures) {
     work.write("other", body + "x");
-    for (const char* who : {"alice", "erin"}) {
-        toolSigns(who, "sha256");
+    for (const auto& [who, digest] : {std::pair{"alice", "sha1"}, std::pair{"alice", "sha256"},
+                                      std::pair{"alice", "sha512"}, std::pair{"erin", "sha256"}}) {
+        toolSigns(who, digest);
         const Answer good = in({"cmsutil", "-D", "-d", "nss", "-i", "sig", "-c", "body", "-n"});
         EXPECT_EQ(0, good.status) << good.err;
         const Answer signer = in({"cmsutil", "-D", "-d", "nss", "-i", "sig", "-c", "body", "-n", "-h", "0"});

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace interop;
 using norvauthority::Identity;
@@ -111,12 +112,30 @@ TEST_F(SignVerifyToolTest, PemInputMaySayCmsOrPkcs7WithTextAround) {
     signBody();
     const std::string der = work.read("sig");
     for (const char* label : {"CMS", "PKCS7", "PKCS #7 SIGNED DATA"}) {
-        work.write("sig.pem", "0 leading text\n" + norvauthority::pem(label, norvauthority::bytes(der)) + "trailing\n");
-        // A text that begins with "0" is taken for binary, as the certificate and list readers do.
-        EXPECT_EQ(2, tool({"verify", "--signature", "sig.pem", "--in", "body"}).status);
-        work.write("sig.pem", "leading text\n" + norvauthority::pem(label, norvauthority::bytes(der)) + "trailing\n");
-        expectGood(tool({"verify", "--signature", "sig.pem", "--in", "body"}));
+        // The digit 0 is the byte that a binary structure begins with.
+        for (const char* leading : {"leading text\n", "0 leading text\n", "0\x06\n", "00", "0"}) {
+            work.write("sig.pem", std::string(leading) + "\n" + norvauthority::pem(label, norvauthority::bytes(der)) +
+                                      "trailing\n");
+            expectGood(tool({"verify", "--signature", "sig.pem", "--in", "body"}));
+        }
     }
+}
+
+TEST_F(SignVerifyToolTest, SeveralStructuresInOneFileAreRefused) {
+    signBody();
+    const std::string der = work.read("sig");
+    const std::string text = norvauthority::pem("CMS", norvauthority::bytes(der));
+    work.write("several", text + text);
+    before = work.names();
+    const std::vector<std::string> arguments{"verify", "--signature", "several", "--in", "body"};
+    expectFailure(tool(arguments), "norvcrypt: more than one CMS structure in several\n");
+    for (const std::string& more : {der, std::string("x"), std::string("\0\n0", 3)}) {
+        work.write("several", der + more);
+        expectFailure(tool(arguments), "norvcrypt: bytes follow the CMS structure in several\n");
+    }
+    // Padding says nothing.
+    work.write("several", der + std::string("\0\0\r\n \t", 6));
+    expectGood(tool(arguments));
 }
 
 TEST_F(SignVerifyToolTest, EmptyBody) {
@@ -360,6 +379,43 @@ TEST_F(SignVerifyToolTest, OutputThroughALinkReplacesItsTarget) {
     signBody();
     expectGood(tool({"verify", "--signature", "target", "--in", "body"}));
     EXPECT_EQ(0, run({.arguments = {"test", "-L", work.path("sig")}}).status);
+}
+
+TEST_F(SignVerifyToolTest, OutputKeepsTheOwnerOfTheFileThatItReplaces) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make a file of somebody else";
+    work.write("sig", std::string("old"));
+    ASSERT_EQ(0, chown(work.path("sig").c_str(), 1234, 2345));
+    signBody();
+    struct stat status {};
+    ASSERT_EQ(0, stat(work.path("sig").c_str(), &status));
+    EXPECT_EQ(1234U, status.st_uid);
+    EXPECT_EQ(2345U, status.st_gid);
+}
+
+TEST_F(SignVerifyToolTest, OutputUnderTheLongestName) {
+    const std::string name(255, 'n');
+    const Answer answer = sign({"--in", "body", "--out", name});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    expectGood(tool({"verify", "--signature", name, "--in", "body"}));
+}
+
+TEST_F(SignVerifyToolTest, OutputOverTheInput) {
+    work.write("same", body);
+    ASSERT_EQ(0, sign({"--in", "same", "--out", "same"}).status);
+    expectGood(tool({"verify", "--signature", "same", "--in", "body"}));
+}
+
+TEST_F(SignVerifyToolTest, NamesThatTheParserWouldTakeApart) {
+    for (const char* name : {"[a,b]", "[]", "++", "\x01++", "%%", "{}"}) {
+        work.write(name, body);
+        const std::string signature = std::string(name) + ".p7s";
+        ASSERT_EQ(0, sign({"--in", name, "--out", signature}).status) << name;
+        expectGood(tool({"verify", "--signature", signature, "--in", name}));
+    }
+    before = work.names();
+    expectFailure(tool({"verify", "--signature", "sig", "[extra]"}),
+                  "The following argument was not expected: [extra] (");
 }
 
 TEST_F(SignVerifyToolTest, UnwritableOutput) {

@@ -100,8 +100,10 @@ std::optional<std::string> isoTime(const ASN1_TIME* time) {
     if (time == nullptr || ASN1_TIME_to_tm(time, &fields) != 1)
         return std::nullopt;
     std::array<char, 40> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &fields);
-    return std::string(text.data(), length);
+    const std::size_t length = std::strftime(text.data(), text.size(), "-%m-%dT%H:%M:%SZ", &fields);
+    // A year has four digits always, which %Y does not keep to.
+    const std::string year = std::to_string(10000 + fields.tm_year + 1900).substr(1);
+    return year + std::string(text.data(), length);
 }
 
 std::string objectName(const ASN1_OBJECT* object) {

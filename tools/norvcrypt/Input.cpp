@@ -10,6 +10,7 @@
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace norvcrypt {
 
@@ -74,6 +75,25 @@ private:
     mutable bool m_ended = false;
 };
 
+/// Delivers bytes that were read already, then what follows them.
+class ResumedSource : public Norvane::MediaInImpl {
+public:
+    ResumedSource(const Norvane::Buffer& start, const Norvane::MediaIn& rest) : m_start(start), m_rest(rest) {}
+
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_start.atEnd() && m_rest.atEnd(); }
+    [[nodiscard]] int peek() const override { return m_start.atEnd() ? m_rest.peek() : m_start.peek(); }
+    int read(unsigned char* out, unsigned int length) override {
+        const int first = m_start.read(out, length);
+        const auto done = static_cast<unsigned int>(first);
+        return done == length ? first : first + m_rest.read(out + done, length - done);
+    }
+
+private:
+    Norvane::MemoryMediaIn m_start;
+    Norvane::MediaIn m_rest;
+};
+
 } // namespace
 
 std::string inputName(const std::string& path) {
@@ -94,6 +114,13 @@ Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
         progress->expect(static_cast<std::uint64_t>(status.st_size));
     return Norvane::MediaIn(
         Norvane::makeReference<DescriptorSource, Norvane::MediaInImpl>(descriptor, inputName(path), progress));
+}
+
+Norvane::MediaIn Inputs::lookAhead(Norvane::MediaIn& in, unsigned int length, Norvane::Buffer& start) {
+    std::vector<unsigned char> bytes(length);
+    const int count = in.read(bytes.data(), length);
+    start = Norvane::Buffer(bytes.data(), static_cast<unsigned int>(count), false);
+    return Norvane::MediaIn(Norvane::makeReference<ResumedSource, Norvane::MediaInImpl>(start, in));
 }
 
 Norvane::Buffer Inputs::readAll(const std::string& path, bool secret) {

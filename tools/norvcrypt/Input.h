@@ -20,6 +20,9 @@ public:
     Norvane::MediaIn open(const std::string& path, Progress* progress = nullptr);
     /// All bytes of a file of at most 256 MiB, wiped with the last copy when they are secret. \throws Failure
     Norvane::Buffer readAll(const std::string& path, bool secret = false);
+    /// Tells how a stream begins, and answers a stream that still delivers all of it. The first is not to be used
+    /// again.
+    static Norvane::MediaIn lookAhead(Norvane::MediaIn& in, unsigned int length, Norvane::Buffer& start);
     /// What is left of an open stream, with the same limit. \throws Failure
     static Norvane::Buffer readAll(Norvane::MediaIn& in, const std::string& path, bool secret = false);
 

@@ -139,13 +139,16 @@ OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)
         if (!real || ::access(real.get(), W_OK) != 0)
             fail(errno);
         m_target = real.get();
+        m_owner = status.st_uid;
+        m_group = status.st_gid;
     }
     m_mode = access == Access::owner ? 0600U : exists ? status.st_mode & 0777U : 0666U & ~creationMask();
     openTemporary();
 }
 
 void OutputFile::openTemporary() {
-    std::string name = m_target + ".XXXXXX";
+    // A short name of its own: the target's may be as long as a name can be.
+    std::string name = directoryOf(m_target) + "/.norvcrypt.XXXXXX";
     if (name.size() >= s_temporary.size())
         fail(ENAMETOOLONG);
     const Uninterrupted hold;
@@ -175,6 +178,10 @@ void OutputFile::write(const void* bytes, std::size_t length) {
 void OutputFile::commit() {
     if (m_temporary.empty())
         return;
+    // A file that is replaced stays its owner's, as far as we may give it away.
+    if (m_owner != static_cast<uid_t>(-1))
+        static_cast<void>(fchown(m_descriptor, m_owner, m_group) == 0 ||
+                          fchown(m_descriptor, static_cast<uid_t>(-1), m_group) == 0);
     if (fchmod(m_descriptor, m_mode) != 0 || fsync(m_descriptor) != 0)
         fail(errno);
     const Uninterrupted hold;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace norvcrypt {
 
@@ -50,6 +51,8 @@ private:
     std::string m_temporary;
     int m_descriptor = -1;
     unsigned int m_mode = 0;
+    uid_t m_owner = static_cast<uid_t>(-1); ///< of the file that is replaced
+    gid_t m_group = static_cast<gid_t>(-1);
 };
 
 /// Writes a whole file. \throws Failure

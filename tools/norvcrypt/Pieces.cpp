@@ -176,13 +176,16 @@ std::vector<Piece> derPieces(const Norvane::Buffer& content) {
         Norvane::Buffer der;
         der.protect();
         der.append(Norvane::Buffer(start, static_cast<unsigned int>(length), true));
+        at += length;
         const Kind kind = kindOf(der);
+        // Garbage can look like millions of small objects: what is unknown is told once for a stretch of it.
+        if (kind == Kind::unknown && !pieces.empty() && pieces.back().kind == Kind::unknown)
+            continue;
         std::string problem;
         if (kind == Kind::unknown)
             problem = header && !header->complete ? "malformed: it ends before its announced length"
                                                   : "no certificate, list, key or CMS structure, or a malformed one";
         pieces.push_back({kind, der, problem});
-        at += length;
     }
     return pieces;
 }
@@ -193,6 +196,14 @@ bool hasPemBlock(const Norvane::Buffer& content) {
 }
 
 } // namespace
+
+bool beginsStructure(const Norvane::Buffer& start) {
+    if (!looksLikeDer(start))
+        return false;
+    const unsigned char length = start.data()[1];
+    const std::size_t inner = 2 + (length > 0x80 ? length & 0x7FU : 0U);
+    return inner < start.length() && start.data()[inner] == V_ASN1_OBJECT;
+}
 
 bool looksLikeDer(const Norvane::Buffer& content) {
     if (content.empty() || content.at(0) != 0x30)

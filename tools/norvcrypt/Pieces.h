@@ -20,8 +20,16 @@ struct Piece {
 };
 
 /// The objects in a PEM text (text around the blocks is skipped) or in DER, one after another. DER whose kind cannot be
-/// told, and blocks that are damaged or of an unknown label, are pieces with a problem. There is always at least one.
+/// told (a stretch of it is one piece), and blocks that are damaged or of an unknown label, are pieces with a problem.
+/// There is always at least one.
 std::vector<Piece> piecesOf(const Norvane::Buffer& content);
+
+/// The most bytes that beginsStructure looks at.
+constexpr unsigned int longestStart = 16;
+
+/// True for the first bytes of a binary CMS structure: it leads with its content type, which no text does, not even
+/// one that begins with the digit 0.
+bool beginsStructure(const Norvane::Buffer& start);
 
 /// True for bytes that begin a DER or BER structure rather than a text.
 bool looksLikeDer(const Norvane::Buffer& content);

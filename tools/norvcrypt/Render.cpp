@@ -39,8 +39,9 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
+/// A text that already looks as if it held an escaped byte is escaped too: no two texts come out alike.
 std::string asUtf8(std::string_view text) {
-    if (isUtf8(text))
+    if (isUtf8(text) && text.find("\\x") == std::string_view::npos)
         return std::string(text);
     static constexpr char digits[] = "0123456789ABCDEF";
     std::string safe;
@@ -58,6 +59,11 @@ std::string asUtf8(std::string_view text) {
     return safe;
 }
 
+/// Names come from the library in a text form of their own, which escapes bytes already.
+bool isName(const std::string& key) {
+    return key == "subject" || key == "issuer";
+}
+
 Description withSafeTexts(const Description& value) {
     if (value.is_string())
         return asUtf8(value.get_ref<const std::string&>());
@@ -68,7 +74,7 @@ Description withSafeTexts(const Description& value) {
         if (value.is_array())
             copy.push_back(withSafeTexts(element));
         else
-            copy[key] = withSafeTexts(element);
+            copy[key] = isName(key) && isUtf8(element.get_ref<const std::string&>()) ? element : withSafeTexts(element);
     }
     return copy;
 }

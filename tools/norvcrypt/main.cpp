@@ -14,6 +14,33 @@ namespace {
 
 using norvcrypt::Exit;
 
+constexpr char mark = '\x01';
+
+/// The parser takes "[a,b]" for a list and "++" for the end of a command; behind a mark they are names like any other.
+std::string marked(std::string argument) {
+    const bool list = argument.starts_with('[') && argument.ends_with(']');
+    return list || argument == "++" || argument.starts_with(mark) ? mark + argument : argument;
+}
+
+std::string unmarked(std::string argument) {
+    return argument.starts_with(mark) ? argument.substr(1) : argument;
+}
+
+/// In the reverse order that the parser wants, without the program.
+std::vector<std::string> markedArguments(int argc, char** argv) {
+    std::vector<std::string> arguments;
+    for (int at = argc - 1; at > 0; --at)
+        arguments.push_back(marked(argv[at]));
+    return arguments;
+}
+
+/// Has the options of all commands take the marks away again.
+void takeMarksAway(CLI::App& app) {
+    for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        for (CLI::Option* option : command->get_options())
+            option->transform(unmarked);
+}
+
 /// Help and version are answers; everything else is bad usage, told on one line.
 Exit answer(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
@@ -25,8 +52,9 @@ Exit answer(const CLI::App& app, const CLI::ParseError& error) {
     }
     // Without a sub-command the parser would not say which word it could not make one of.
     const std::vector<std::string> unknown = app.remaining();
-    const std::string what =
+    std::string what =
         unknown.empty() || !app.get_subcommands().empty() ? error.what() : "unknown command: " + unknown.front();
+    std::erase(what, mark);
     norvcrypt::reportError(what + " (norvcrypt --help tells more)");
     return Exit::failed;
 }
@@ -43,8 +71,9 @@ Exit run(int argc, char** argv) {
     norvcrypt::addInspect(app, action);
     norvcrypt::addDigest(app, action);
     norvcrypt::addDemo(app, action);
+    takeMarksAway(app);
     try {
-        app.parse(argc, argv);
+        app.parse(markedArguments(argc, argv));
     } catch (const CLI::ParseError& error) {
         return answer(app, error);
     }
