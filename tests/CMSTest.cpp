@@ -462,6 +462,18 @@ TEST(EmbeddedContent, OfATypeThatPkcs7DoesNotKnowIsItsOctets) {
     EXPECT_EQ(text, "\x05\x06\x07");
 }
 
+TEST(EmbeddedContent, OfAnotherTypeOfPkcs7IsNone) {
+    const Bytes structure = norvauthority::contentInfo(
+        pkcsOid({7, 2}),
+        der::sequence({der::integer("1"), der::set({}), emptySigned(), der::set({signerInfo(der::integer("1"))})}));
+    const CMS::RefContentInfo message = decoded(structure);
+    EXPECT_TRUE(CMS::embeddedContent(message).isNull());
+    const CMS::SignedData outer = CMS::signedData(message);
+    ASSERT_EQ(outer.contentInfo()->typeAsEnum(), ContentInfo::SignedData);
+    EXPECT_EQ(outer.signerInfo().size(), 1U);
+    EXPECT_TRUE(CMS::signedData(outer.contentInfo()).signerInfo().empty());
+}
+
 TEST(EmbeddedContent, OfATypeThatIsNoOctetsIsNone) {
     const Bytes structure = norvauthority::contentInfo(
         pkcsOid({7, 2}), der::sequence({der::integer("3"), der::set({}),
