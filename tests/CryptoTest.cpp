@@ -1,3 +1,4 @@
+#include "support/Grouping.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/Crypto.h>
@@ -75,6 +76,12 @@ TEST_F(Errors, AnErrorWithoutReasonTextEndsTheResultAfterTheFunction) {
     queue(ERR_LIB_EVP, 4000, "f");
     EXPECT_EQ(getErrString(), "0x3000fa0: digital envelope routines / f / ");
     EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
+TEST_F(Errors, CodesAreNotGroupedWhateverTheHostsLocale) {
+    const norvtest::GroupingDigits grouping;
+    queue(ERR_LIB_X509, X509_R_KEY_VALUES_MISMATCH, "X509_check_private_key");
+    EXPECT_EQ(getErrString(), "0x5800074: x509 certificate routines / X509_check_private_key / key values mismatch; ");
 }
 
 TEST_F(Errors, AMissingFileIsToldInWords) {

@@ -8,6 +8,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 
+#include <locale>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -49,6 +50,7 @@ spdlog::level::level_enum severityOf(int level) {
 
 std::string lineOf(const LogRecord& record) {
     std::ostringstream line;
+    line.imbue(std::locale::classic()); // the host's locale must not group the digits of an event
     line << "0x" << std::hex << std::uppercase << record.event << ": ";
     const char* separator = "";
     for (const auto& field : record.fields) {

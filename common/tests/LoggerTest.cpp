@@ -1,3 +1,5 @@
+#include "support/Grouping.h"
+
 #include <norvcmsg/Logger.h>
 
 #include <sys/wait.h>
@@ -315,6 +317,13 @@ TEST_F(LogSinks, StandardErrorGetsOneEscapedLinePerRecord) {
                           R"(^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]*[+-][0-9]{2}:[0-9]{2} \[[0-9]+\] warning: 0x300005D: )"
                           R"(evil\\x0A2026-01-01 forged \\x7C field\\x1B\[2J\\x01\\xFF \| 5)"
                           "\n$"));
+}
+
+TEST_F(LogSinks, EventsAreNotGroupedWhateverTheHostsLocale) {
+    logger().sink(nullptr);
+    const norvtest::GroupingDigits grouping;
+    const auto text = standardErrorOf([] { logger().message(0x3000061, 0, "%s", "x"); });
+    EXPECT_THAT(text, testing::EndsWith(" warning: 0x3000061: x\n"));
 }
 
 TEST_F(LogSinks, StandardErrorTellsTheSeverityOfALevel) {

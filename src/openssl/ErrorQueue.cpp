@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <locale>
 #include <sstream>
 
 namespace Norvane::Crypto::openssl {
@@ -31,6 +32,7 @@ void put(std::ostream& out, const char* text) {
 
 std::string drainErrorQueue() {
     std::ostringstream text;
+    text.imbue(std::locale::classic()); // the host's locale must not group the digits of a code
     const char* file = nullptr;
     const char* function = nullptr;
     const char* data = nullptr;
