@@ -1,3 +1,4 @@
+#include "support/Interpose.h"
 #include "support/Program.h"
 #include "support/Thrown.h"
 
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -23,6 +25,16 @@ using namespace Norvane::Crypto::NVX509;
 using norvauthority::Name;
 using norvauthority::NamePtr;
 using norvtest::errorQueueIsEmpty;
+
+namespace {
+
+bool s_withoutNames = false;
+
+} // namespace
+
+extern "C" X509_NAME* X509_NAME_new() {
+    return s_withoutNames ? nullptr : norvtest::next<&X509_NAME_new>("X509_NAME_new")();
+}
 
 namespace {
 
@@ -490,6 +502,31 @@ TEST(DistinguishedNameOwnership, OwningCopiesDeeply) {
         EXPECT_TRUE(copy == owner);
     }
     EXPECT_EQ(copy.asString(), "CN=Alice,O=Org");
+}
+
+// OpenSSL decodes no more than a mebibyte of a name, and copies by encoding and decoding.
+TEST(DistinguishedNameOwnership, LongNamesAreCopiedWhole) {
+    std::string text = "CN=first";
+    for (int i = 0; i < 20000; ++i) {
+        text += ",CN=" + std::string(60, 'x');
+    }
+    const DistinguishedName owner = parsed(text);
+    const DistinguishedName copy = owner; // NOLINT(performance-unnecessary-copy-initialization)
+    ASSERT_FALSE(copy.isNull());
+    EXPECT_NE(copy.object(), owner.object());
+    EXPECT_TRUE(copy == owner);
+    EXPECT_EQ(copy.asString(), text);
+    EXPECT_TRUE(errorQueueIsEmpty());
+}
+
+TEST(DistinguishedNameOwnership, WithoutMemoryNoNameTurnsIntoTheNullName) {
+    const DistinguishedName owner = parsed("CN=Alice");
+    const DistinguishedName null;
+    const norvtest::During<bool> failing(s_withoutNames, true);
+    EXPECT_THROW(const DistinguishedName copy(owner), std::bad_alloc);
+    EXPECT_THROW(parsed("CN=Alice"), std::bad_alloc);
+    EXPECT_TRUE(DistinguishedName(null).isNull());
+    EXPECT_TRUE(parsed("").isNull());
 }
 
 TEST(DistinguishedNameOwnership, HandlesShare) {

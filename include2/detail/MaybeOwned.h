@@ -3,20 +3,27 @@
 /// \file
 /// The pointer at the heart of every wrapper: an OpenSSL object that the wrapper either owns or borrows.
 
+#include <new>
 #include <utility>
 
 namespace Norvane::Crypto::detail {
 
 /// A pointer and whether it is owned. `Traits` names the C functions: `static void free(T*) noexcept` and
-/// `static T* duplicate(const T*)`. A borrowing value copies as borrowing (the lender must outlive the copy too); one
-/// that owns copies deeply.
+/// `static T* duplicate(const T*)`, which answers null when there is no memory. A borrowing value copies as borrowing
+/// (the lender must outlive the copy too); one that owns copies deeply.
 template <class T, class Traits> class MaybeOwned {
 public:
     MaybeOwned() noexcept = default;
     MaybeOwned(T* object, bool owned) noexcept : m_object(object), m_owned(owned) {}
-    MaybeOwned(const MaybeOwned& other)
-        : m_object(other.m_owned && other.m_object != nullptr ? Traits::duplicate(other.m_object) : other.m_object),
-          m_owned(other.m_owned) {}
+    /// \throws std::bad_alloc: an object that is owned could not be copied; a copy is never silently empty
+    MaybeOwned(const MaybeOwned& other) : m_object(other.m_object), m_owned(other.m_owned) {
+        if (m_owned && m_object != nullptr) {
+            m_object = Traits::duplicate(other.m_object);
+            if (m_object == nullptr) {
+                throw std::bad_alloc();
+            }
+        }
+    }
     MaybeOwned(MaybeOwned&& other) noexcept
         : m_object(std::exchange(other.m_object, nullptr)),
           m_owned(std::exchange(other.m_owned, false)) {}

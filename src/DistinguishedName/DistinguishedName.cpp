@@ -5,6 +5,7 @@
 #include "openssl/Name.h"
 
 #include <cstdint>
+#include <new>
 
 namespace Norvane::Crypto {
 
@@ -13,8 +14,7 @@ void detail::NameTraits::free(X509_name_st* name) noexcept {
 }
 
 X509_name_st* detail::NameTraits::duplicate(const X509_name_st* name) {
-    const openssl::ErrorMark mark;
-    return X509_NAME_dup(name);
+    return openssl::copyOf(name).release();
 }
 
 namespace NVX509 {
@@ -29,7 +29,10 @@ template <class Iterator> Name buildName(Iterator first, Iterator last) {
         return Name::adopt(nullptr);
     }
     openssl::NamePtr name(X509_NAME_new());
-    for (; name && first != last; ++first) {
+    if (!name) {
+        throw std::bad_alloc(); // a null name would be equal to every other one
+    }
+    for (; first != last; ++first) {
         openssl::appendEntry(name.get(), first->type, first->value);
     }
     return Name::adopt(name.release());

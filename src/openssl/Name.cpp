@@ -58,6 +58,21 @@ std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries) {
     return texts;
 }
 
+NamePtr copyOf(const X509_NAME* name) {
+    const ErrorMark mark;
+    NamePtr copy(X509_NAME_new());
+    int step = -1;
+    for (int i = 0; copy && i < X509_NAME_entry_count(name); ++i) {
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+        const int set = X509_NAME_ENTRY_set(entry) == step ? -1 : 0; // into the last step, or into a new one
+        step = X509_NAME_ENTRY_set(entry);
+        if (X509_NAME_add_entry(copy.get(), entry, -1, set) != 1) {
+            return nullptr;
+        }
+    }
+    return copy;
+}
+
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
     if (type.find('\0') != std::string::npos) {
         return; // no type that OpenSSL knows; it would look at the part before the zero byte only

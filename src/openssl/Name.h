@@ -21,6 +21,10 @@ struct NameEntry {
 [[nodiscard]] std::vector<NameEntry> entriesOf(const X509_NAME* name);
 [[nodiscard]] std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries);
 
+/// A copy with the same entries in the same steps; null without memory. OpenSSL's own copying goes through an encoding
+/// of which it decodes no more than a mebibyte.
+[[nodiscard]] NamePtr copyOf(const X509_NAME* name);
+
 /// Appends an RDN of one attribute. Whether OpenSSL accepted type and value is not told. Bytes from 0x80 are Latin-1
 /// and stay as they are, as in the old interface, which made a T61String of them; the installed one would make UTF-8.
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value);
