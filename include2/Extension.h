@@ -27,7 +27,8 @@
 /// entries in OpenSSL's error queue.
 ///
 /// Threads: caches are filled on first use without a lock; an object is used by one thread at a time, or each getter is
-/// called once before it is shared.
+/// called once before it is shared. `GeneralName::emailAddress()`, which writes on every call, stays for one thread at
+/// a time even then.
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/IPAddress.h>

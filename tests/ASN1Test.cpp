@@ -1,4 +1,5 @@
 #include "support/HostileDer.h"
+#include "support/Interpose.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/ASN1.h>
@@ -14,6 +15,7 @@
 
 #include <array>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -26,6 +28,20 @@ using norvauthority::toHex;
 using norvtest::errorQueueIsEmpty;
 using norvtest::lengthOf;
 namespace der = norvauthority::der;
+
+namespace {
+
+bool s_withoutCopies = false;
+
+} // namespace
+
+extern "C" ASN1_STRING* ASN1_STRING_dup(const ASN1_STRING* string) {
+    return s_withoutCopies ? nullptr : norvtest::next<&ASN1_STRING_dup>("ASN1_STRING_dup")(string);
+}
+
+extern "C" ASN1_OBJECT* OBJ_dup(const ASN1_OBJECT* object) {
+    return s_withoutCopies ? nullptr : norvtest::next<&OBJ_dup>("OBJ_dup")(object);
+}
 
 namespace {
 
@@ -240,6 +256,22 @@ TEST(ASN1Integer, OwningCopiesDeeply) {
     }
     EXPECT_EQ(copy.hex(), "1234");
     EXPECT_EQ(copy.asInt(), 0x1234);
+}
+
+// A copy that came out empty would compare, and print, as a value that was never there.
+TEST(ASN1Values, WithoutMemoryNoCopyIsEmpty) {
+    const Bytes seven = fromHex("020107");
+    const RefInteger number(seven.data(), 3);
+    const RefObjectIdentifier unknown(std::string("1.3.6.1.4.1.99999.1"));
+    const StringPtr text = string(V_ASN1_UTCTIME, "260101000000Z");
+    const GeneralizedTime time(text.get(), false);
+    const Integer empty;
+    const norvtest::During<bool> failing(s_withoutCopies, true);
+    EXPECT_THROW(const Integer copy(*number), std::bad_alloc);
+    EXPECT_THROW(const ObjectIdentifier copy(*unknown), std::bad_alloc);
+    EXPECT_THROW(const GeneralizedTime copy(time), std::bad_alloc);
+    EXPECT_EQ(Integer(empty).object(), nullptr);
+    EXPECT_EQ(GeneralizedTime(GeneralizedTime(text.get(), true)).object(), text.get());
 }
 
 TEST(ASN1Integer, HandleFromNullValueIsNull) {
@@ -723,6 +755,13 @@ TEST(ASN1GeneralizedTime, ShortTextsAndNoObjectGiveTheDefaultTime) {
     }
 }
 
+TEST(ASN1GeneralizedTime, FourteenCharactersAreEnough) {
+    const StringPtr fourteen = string(V_ASN1_GENERALIZEDTIME, "20261120111207");
+    expectFields(GeneralizedTime(fourteen.get(), true).asTime(), 2026, 11, 20, 11, 12, 7);
+    const StringPtr thirteen = string(V_ASN1_GENERALIZEDTIME, "2026112011120");
+    expectFields(GeneralizedTime(thirteen.get(), true).asTime(), 1900, 1, 0, 0, 0, 0);
+}
+
 TEST(ASN1GeneralizedTime, InvalidTimesConvertToNothing) {
     for (const char* text : {"20261320111207Z", "not a time at all", "", "20261120111207"}) {
         const StringPtr object = string(V_ASN1_UTCTIME, text);
@@ -743,6 +782,24 @@ TEST(ASN1GeneralizedTime, ParsedOnceExceptIn1900) {
     expectFields(again.asTime(), 1900, 1, 2, 3, 4, 5);
     ASN1_STRING_set(old.get(), "19000605040302Z", 15);
     expectFields(again.asTime(), 1900, 6, 5, 4, 3, 2);
+}
+
+TEST(ASN1GeneralizedTime, EachFieldOfATimeIn1900IsParsedAgain) {
+    const StringPtr object = string(V_ASN1_GENERALIZEDTIME, "19000102030405Z");
+    const GeneralizedTime time(object.get(), true);
+    expectFields(time.asTime(), 1900, 1, 2, 3, 4, 5);
+    ASN1_STRING_set(object.get(), "19000102030406Z", 15);
+    expectFields(time.asTime(), 1900, 1, 2, 3, 4, 6);
+    ASN1_STRING_set(object.get(), "19000102030506Z", 15);
+    expectFields(time.asTime(), 1900, 1, 2, 3, 5, 6);
+    ASN1_STRING_set(object.get(), "19000102040506Z", 15);
+    expectFields(time.asTime(), 1900, 1, 2, 4, 5, 6);
+    ASN1_STRING_set(object.get(), "19000103040506Z", 15);
+    expectFields(time.asTime(), 1900, 1, 3, 4, 5, 6);
+    ASN1_STRING_set(object.get(), "19000203040506Z", 15);
+    expectFields(time.asTime(), 1900, 2, 3, 4, 5, 6);
+    ASN1_STRING_set(object.get(), "19010203040506Z", 15);
+    expectFields(time.asTime(), 1901, 2, 3, 4, 5, 6);
 }
 
 TEST(ASN1GeneralizedTime, GarbageReadsAsTheDigitsItBeginsWith) {

@@ -20,17 +20,25 @@ namespace {
 
 constexpr int threadCount = 8;
 
-/// Runs `work` in eight threads that start together.
+void waitForAll(std::atomic<int>& missing) {
+    --missing;
+    while (missing > 0) {
+        std::this_thread::yield();
+    }
+}
+
+/// Runs `work` in eight threads that start together and end together: OpenSSL locks at a thread's first call and at its
+/// end, which would put the work of a thread that ended early in order with that of a late one, and hide their races.
 template <class Work> void together(Work work) {
-    std::atomic<int> waiting{threadCount};
+    std::atomic<int> starting{threadCount};
+    std::atomic<int> working{threadCount};
     std::vector<std::thread> threads;
     for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&waiting, &work, i] {
-            --waiting;
-            while (waiting > 0) {
-                std::this_thread::yield();
-            }
+        threads.emplace_back([&, i] {
+            ERR_clear_error();
+            waitForAll(starting);
             work(i);
+            waitForAll(working);
         });
     }
     for (auto& thread : threads) {
@@ -218,6 +226,44 @@ TEST(X509ConcurrencyTest, WarmedListWithoutAnythingIsReadFromEightThreads) {
         EXPECT_FALSE(list->isDeltaCRL());
         EXPECT_TRUE(list->issuingDistributionPoint().distributionPointName().isNull());
         EXPECT_TRUE(list->issuingDistributionPoint().onlyUser());
+    });
+}
+
+// What stays empty after it was asked for must not be written again by those who ask next.
+TEST(X509ConcurrencyTest, WarmedEmptyAnswersAreReadFromEightThreads) {
+    const auto ca = root();
+    const auto certificate = read(
+        issue({.subject = {},
+               .key = anyKey(),
+               .issuer = &ca,
+               .notBefore = norvauthority::Time::generalized("19000301120000Z"),
+               .alternativeNames = {norvauthority::GeneralName::uri("no uri"), norvauthority::GeneralName::uri(""),
+                                    norvauthority::GeneralName::ip("192.0.2.1"), norvauthority::GeneralName::ip("xyz")},
+               .crlDistributionPoints = {
+                   {.reasons = fromHex("00"), .issuers = {norvauthority::GeneralName::directory(rootName)}},
+                   {.name = norvauthority::DistributionPointName{.relative = norvauthority::Name{}}}}}));
+    const auto list =
+        read(issueList({.issuer = &ca, .scope = norvauthority::IssuingDistributionPoint{.onlyUser = true}}));
+    certificate->warm();
+    list->warm();
+    together([&](int) {
+        EXPECT_EQ(certificate->subject().asString(), "");
+        EXPECT_TRUE(certificate->subject().listRDN().empty());
+        EXPECT_EQ(certificate->name(), "");
+        EXPECT_EQ(certificate->validityPeriod().notBefore()->asTime().asString(), "1900-03-01T12:00:00Z");
+        const auto& names = certificate->subjectAlternativeName()->names();
+        ASSERT_EQ(names.size(), 4U);
+        EXPECT_TRUE(names.front().uri().isNull());
+        EXPECT_TRUE(std::next(names.begin())->uri().isNull());
+        EXPECT_EQ(std::next(names.begin(), 2)->ipAddress().asString(), "192.0.2.1");
+        EXPECT_TRUE(names.back().ipAddress().isNull());
+        const auto& points = certificate->crlDistributionPoints();
+        ASSERT_EQ(points->distributionPoints().size(), 2U);
+        EXPECT_EQ(points->distributionPoints().front()->reasons(), 0U);
+        EXPECT_TRUE(points->distributionPoints().front()->distributionPointName().isNull());
+        EXPECT_EQ(points->distributionPoints().back()->distributionPointName().relativeName(), "");
+        EXPECT_TRUE(list->issuingDistributionPoint().onlyUser());
+        EXPECT_TRUE(list->issuingDistributionPoint().distributionPointName().isNull());
     });
 }
 

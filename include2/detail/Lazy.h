@@ -20,7 +20,8 @@ template <class Decide> bool answerOnce(TriState& cache, Decide decide) {
     return cache == TriState::yes;
 }
 
-/// Answers `slot`, after `fill(slot)` when it is still empty: a null handle, an empty text or an empty list.
+/// Answers `slot`, after `fill(slot)` when it is still empty: a null handle, an empty text or an empty list. A `fill`
+/// that has nothing to give leaves the slot unwritten, so that threads that share what was warmed only read it.
 template <class Slot, class Fill> Slot& fillWhenEmpty(Slot& slot, Fill fill) {
     const bool isEmpty = [&] {
         if constexpr (requires { slot.isNull(); }) {

@@ -32,6 +32,23 @@ int number(std::string_view text) {
     return value;
 }
 
+/// The time of a text of at least `textLength` characters, by their positions.
+Time parsed(std::string_view text) {
+    Time time;
+    time.seconds(number(text.substr(12, 2)));
+    time.minutes(number(text.substr(10, 2)));
+    time.hours(number(text.substr(8, 2)));
+    time.dayOfMonth(number(text.substr(6, 2)));
+    time.month(number(text.substr(4, 2)) - 1);
+    time.year(number(text.substr(0, 4)) - 1900);
+    return time;
+}
+
+bool haveSameFields(const Time& left, const Time& right) {
+    return left.seconds() == right.seconds() && left.minutes() == right.minutes() && left.hours() == right.hours() &&
+           left.dayOfMonth() == right.dayOfMonth() && left.month() == right.month() && left.year() == right.year();
+}
+
 } // namespace
 
 GeneralizedTime::GeneralizedTime(const asn1_string_st* time, bool wrapOnly) : m_object(timeObject(time, wrapOnly)) {}
@@ -45,12 +62,10 @@ const Time& GeneralizedTime::asTime() const {
         return m_time;
     }
     const std::string_view text(reinterpret_cast<const char*>(ASN1_STRING_get0_data(m_object.get())), textLength);
-    m_time.seconds(number(text.substr(12, 2)));
-    m_time.minutes(number(text.substr(10, 2)));
-    m_time.hours(number(text.substr(8, 2)));
-    m_time.dayOfMonth(number(text.substr(6, 2)));
-    m_time.month(number(text.substr(4, 2)) - 1);
-    m_time.year(number(text.substr(0, 4)) - 1900);
+    const Time time = parsed(text);
+    if (!haveSameFields(time, m_time)) { // threads that share a time in 1900 must not write it
+        m_time = time;
+    }
     return m_time;
 }
 

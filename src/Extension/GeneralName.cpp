@@ -59,6 +59,8 @@ const DistinguishedName& GeneralName::dn() const {
     return m_dn;
 }
 
+// A cache that stays empty, or as it is, is not written: threads may share a name whose getters were all called once.
+
 const Uri& GeneralName::uri() const {
     if (type() == GEN_URI && m_uri.isNull() && m_name->d.uniformResourceIdentifier != nullptr) {
         const std::string text = octets(m_name->d.uniformResourceIdentifier);
@@ -70,9 +72,9 @@ const Uri& GeneralName::uri() const {
 }
 
 const IPAddress& GeneralName::ipAddress() const {
-    if (type() == GEN_IPADD && m_ipAddress.isNull() && m_name->d.iPAddress != nullptr) {
-        if (IPAddress address(octets(m_name->d.iPAddress)); !address.isNull()) {
-            m_ipAddress = std::move(address);
+    if (type() == GEN_IPADD && m_name->d.iPAddress != nullptr) {
+        if (const IPAddress address(octets(m_name->d.iPAddress)); !(address == m_ipAddress)) {
+            m_ipAddress = address;
         }
     }
     return m_ipAddress;
