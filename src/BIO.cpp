@@ -49,13 +49,9 @@ MemoryBIO::operator Buffer() {
     if (pending == 0) {
         return m_cache;
     }
-    const bool isSecret = m_cache.isProtected();
     char* bytes = nullptr;
     BIO_ctrl(m_bio.get(), BIO_CTRL_INFO, 0, static_cast<void*>(&bytes));
-    m_cache = Buffer(bytes, pending, true); // assigning makes the cache own its bytes
-    if (isSecret) {
-        m_cache.protect();
-    }
+    m_cache = Buffer(bytes, pending, true); // assigning makes the cache own its bytes, and keeps its mark
     return m_cache;
 }
 

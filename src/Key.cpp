@@ -37,13 +37,7 @@ Buffer decodedDer(const Buffer& in, bool base64) {
     }
     Buffer der(static_cast<int>(std::min(in.size(), static_cast<unsigned int>(INT_MAX))), 0);
     der.protect();
-    in.decodeBase64(der);
-    if (der.size() < in.length()) {
-        const unsigned int decoded = der.length();
-        der.length(in.length());
-        der.length(decoded);
-    }
-    der.protect();
+    in.decodeBase64(der); // which keeps capacity and mark
     return der;
 }
 

@@ -1,4 +1,4 @@
-#include "support/VirtualSlots.h"
+#include "support/Slots.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/Certificate.h>
@@ -74,8 +74,8 @@ TEST_F(CertificateVerifierTest, AnInstalledVerifierIsAsked) {
 }
 
 TEST_F(CertificateVerifierTest, OperationsKeepTheirSlots) {
-    EXPECT_EQ(slottesting::slotOf(&CertificateVerifier::isValid), 2);
-    EXPECT_EQ(slottesting::slotOf(&CertificateFilter::operator()), 2);
+    EXPECT_EQ(norvtest::slotOf(&CertificateVerifier::isValid), 2U);
+    EXPECT_EQ(norvtest::slotOf(&CertificateFilter::operator()), 2U);
 }
 
 // Filters

@@ -1,4 +1,5 @@
 #include "support/HostileDer.h"
+#include "support/Slots.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/Extension.h>
@@ -312,6 +313,14 @@ TEST(ExtensionHandles, AccessorsAreVirtualAndTyped) {
     static_assert(std::is_same_v<decltype(*typed), BasicConstraints&>);
     static_assert(std::is_same_v<decltype(typed.operator->()), BasicConstraints*>);
     static_assert(std::is_same_v<decltype(*generic), Extension&>);
+}
+
+TEST(ExtensionHandles, AccessorsStandInTheirOrder) {
+    using norvtest::slotOf;
+    EXPECT_EQ(slotOf<Extension* (RefExtension::*)()>(&RefExtension::operator->), 2U);
+    EXPECT_EQ(slotOf<Extension& (RefExtension::*)()>(&RefExtension::operator*), 3U);
+    EXPECT_EQ(slotOf<Extension* (RefExtension::*)() const>(&RefExtension::operator->), 4U);
+    EXPECT_EQ(slotOf<Extension& (RefExtension::*)() const>(&RefExtension::operator*), 5U);
 }
 
 TEST(ExtensionHandles, GenericHandleSharesATypedBody) {

@@ -1,4 +1,4 @@
-#include "support/VirtualSlots.h"
+#include "support/Slots.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/KeyStore.h>
@@ -264,10 +264,10 @@ TEST_F(KeyStoreTest, NullPluginIsRefused) {
 }
 
 TEST_F(KeyStoreTest, PluginOperationsKeepTheirSlots) {
-    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::find), 2);
-    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findEncryptionCertificate), 3);
-    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findSigningKey), 4);
-    EXPECT_EQ(slottesting::slotOf(&KeyStorePlugin::findDecryptionKey), 5);
+    EXPECT_EQ(norvtest::slotOf(&KeyStorePlugin::find), 2U);
+    EXPECT_EQ(norvtest::slotOf(&KeyStorePlugin::findEncryptionCertificate), 3U);
+    EXPECT_EQ(norvtest::slotOf(&KeyStorePlugin::findSigningKey), 4U);
+    EXPECT_EQ(norvtest::slotOf(&KeyStorePlugin::findDecryptionKey), 5U);
 }
 
 TEST_F(KeyStoreTest, StoresAreCreatedOrNotAtAll) {

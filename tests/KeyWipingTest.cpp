@@ -1,5 +1,5 @@
-// What becomes of the memory through which private keys pass. This program stands in for the function with which
-// buffers are wiped, and looks at what is wiped.
+// What becomes of the memory through which private keys pass. This program stands in for the functions with which
+// buffers and texts are wiped, and looks at what is wiped.
 
 #include "support/Interpose.h"
 #include "support/Streams.h"
@@ -8,6 +8,8 @@
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/KeyFactory.h>
+
+#include <openssl/crypto.h>
 
 #include <gtest/gtest.h>
 
@@ -20,14 +22,23 @@ namespace {
 bool s_watching = false;
 std::vector<std::string> s_wiped;
 
-} // namespace
-
-extern "C" void explicit_bzero(void* memory, std::size_t length) {
+void note(void* memory, std::size_t length) {
     if (s_watching) {
         s_watching = false; // the note itself is no secret
         s_wiped.emplace_back(static_cast<const char*>(memory), length);
         s_watching = true;
     }
+}
+
+} // namespace
+
+extern "C" void OPENSSL_cleanse(void* memory, std::size_t length) {
+    note(memory, length);
+    norvtest::next<&OPENSSL_cleanse>("OPENSSL_cleanse")(memory, length);
+}
+
+extern "C" void explicit_bzero(void* memory, std::size_t length) {
+    note(memory, length);
     norvtest::next<&explicit_bzero>("explicit_bzero")(memory, length);
 }
 
@@ -77,7 +88,8 @@ TEST(Wiping, AWrittenKeyIsWipedWithTheBuffersThatHoldIt) {
                               Buffer out;
                               key->write(out, base64);
                           }),
-                  1U);
+                  base64 ? 2U : 1U)
+            << "the result, and the text that it was made of";
         EXPECT_GE(wipesOf(derOf(ec()),
                           [&] {
                               Buffer out;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <locale>
 #include <sstream>
 #include <utility>
 
@@ -36,6 +37,7 @@ static_assert(Hasher::BLAKE2B512 == NID_blake2b512 && Hasher::BLAKE2S256 == NID_
 
 std::string unrecognized(Hasher::Type type) {
     std::ostringstream detail;
+    detail.imbue(std::locale::classic()); // the host's locale must not group the digits
     detail << "Unrecognized DigestType 0x" << std::hex << static_cast<std::uint32_t>(type);
     return detail.str();
 }
