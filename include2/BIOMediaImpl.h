@@ -24,9 +24,8 @@
 ///   output BIO, and answer 0 all the same: 115 (BIO_C_GET_BUF_MEM_PTR) stores the address of the pending bytes in
 ///   `*(unsigned char**)argument`, and 130 (BIO_C_SET_BUF_MEM_EOF_RETURN) writes the pending bytes to the stream.
 /// - When the stream throws, the exception is kept, because it must not pass through OpenSSL's C code: that call and
-/// all
-///   later ones answer -1 until `rethrowStreamException()` throws it, or until the library itself rethrows it after an
-///   OpenSSL call of its own.
+///   all later ones answer -1 until `rethrowStreamException()` throws it, or until the library itself rethrows it after
+///   an OpenSSL call of its own.
 ///
 /// One adapter is used by one thread at a time.
 

@@ -216,7 +216,8 @@ public:
     /// already called. Do not call finalize before isValid"
     /// \throws Exception "operator->", code 1: no key was set
     /// \throws Exception "Crypto::Verififer::isValid" (spelled so), code 4, "Error during signature verification:  "
-    /// and OpenSSL's errors: the key cannot verify with this digest, or a DSA or EC signature is no DER structure
+    /// and OpenSSL's errors, if it gives any: the key cannot verify with this digest, or a DSA or EC signature is no
+    /// DER structure
     [[nodiscard]] virtual bool isValid(const Buffer& signature);
 
 private:

@@ -78,7 +78,8 @@ public:
     explicit PublicKey(void* keyData);
     ~PublicKey() override;
 
-    /// \throws Exception "Crypto::PublicKey::read", line 217, "Could not decode the public key:  " and OpenSSL's errors
+    /// \throws Exception "Crypto::PublicKey::read", line 217, "Could not decode the public key:  " and OpenSSL's
+    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes
     void readPEM(const Buffer& in) override;
     /// \throws Exception as above
     void readPEM(const Buffer& in, const std::string& passphrase) override;
@@ -103,7 +104,7 @@ public:
 
     /// May prompt for a passphrase when the block is encrypted; see the top of this file.
     /// \throws Exception "Crypto::PrivateKey::read", line 82, "Could not decode the private key:  " and OpenSSL's
-    /// errors
+    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes
     void readPEM(const Buffer& in) override;
     /// As above; prompts only when `passphrase` is empty. \throws Exception as above
     void readPEM(const Buffer& in, const std::string& passphrase) override;

@@ -28,11 +28,12 @@ public:
     /// Makes a pair: the public key first, the private key second. Takes from a tenth of a second (2048 bits) to
     /// minutes (16384); no upper bound is set.
     /// \param exponent the public exponent: odd and above 1; 65537 unless something else is required
-    /// \param bits     the size of the modulus: 512 or more; 2048 is the least that is considered safe, 3072 a good
-    /// choice \throws Exception "Crypto::KeyGenerator::s_generateRSA write RSA PublicKey", code 4, source module
-    /// "KeyFactory", line 27, OpenSSL's errors: OpenSSL refused to generate (the failure of the write that follows
-    /// tells it) \throws Exception "Crypto::KeyGenerator::s_generateRSA write RSA PrivateKey", code 4, line 40,
-    /// OpenSSL's errors
+    /// \param bits     the size of the modulus: 512 or more; 2048 is the least that is considered safe, 3072 a good one
+    ///
+    /// \throws Exception "Crypto::KeyGenerator::s_generateRSA write RSA PublicKey", code 4, source module "KeyFactory",
+    /// line 27, OpenSSL's errors: OpenSSL refused to generate (the failure of the write that follows tells it)
+    ///
+    /// \throws Exception "Crypto::KeyGenerator::s_generateRSA write RSA PrivateKey", code 4, line 40, OpenSSL's errors
     std::pair<RefKey, RefKey> rsaGenerateKeyPair(unsigned int exponent, unsigned int bits);
 };
 
