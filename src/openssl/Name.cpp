@@ -61,12 +61,8 @@ std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries) {
 NamePtr copyOf(const X509_NAME* name) {
     const ErrorMark mark;
     NamePtr copy(X509_NAME_new());
-    int step = -1;
     for (int i = 0; copy && i < X509_NAME_entry_count(name); ++i) {
-        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
-        const int set = X509_NAME_ENTRY_set(entry) == step ? -1 : 0; // into the last step, or into a new one
-        step = X509_NAME_ENTRY_set(entry);
-        if (X509_NAME_add_entry(copy.get(), entry, -1, set) != 1) {
+        if (X509_NAME_add_entry(copy.get(), X509_NAME_get_entry(name, i), -1, 0) != 1) {
             return nullptr;
         }
     }

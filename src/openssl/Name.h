@@ -21,8 +21,8 @@ struct NameEntry {
 [[nodiscard]] std::vector<NameEntry> entriesOf(const X509_NAME* name);
 [[nodiscard]] std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries);
 
-/// A copy with the same entries in the same steps; null without memory. OpenSSL's own copying goes through an encoding
-/// of which it decodes no more than a mebibyte.
+/// A copy of a name that `appendEntry` made: each entry an RDN of its own. Null without memory. OpenSSL's own copying
+/// goes through an encoding, of which it decodes no more than a mebibyte.
 [[nodiscard]] NamePtr copyOf(const X509_NAME* name);
 
 /// Appends an RDN of one attribute. Whether OpenSSL accepted type and value is not told. Bytes from 0x80 are Latin-1
