@@ -393,6 +393,15 @@ TEST_F(SignVerifyToolTest, OutputKeepsTheOwnerOfTheFileThatItReplaces) {
     EXPECT_EQ(2345U, status.st_gid);
 }
 
+TEST_F(SignVerifyToolTest, OutputThroughALinkThatLeadsNowhereIsRefused) {
+    ASSERT_EQ(0, symlink("none", work.path("dangling").c_str()));
+    ASSERT_EQ(0, symlink("circle", work.path("circle").c_str()));
+    before = work.names();
+    expectFailure(sign({"--in", "body", "--out", "dangling"}), "cannot write dangling: No such file or directory");
+    expectFailure(sign({"--in", "body", "--out", "circle"}), "cannot write circle: Too many levels of symbolic links");
+    EXPECT_EQ(0, run({.arguments = {"test", "-L", work.path("dangling")}}).status);
+}
+
 TEST_F(SignVerifyToolTest, OutputUnderTheLongestName) {
     const std::string name(255, 'n');
     const Answer answer = sign({"--in", "body", "--out", name});

@@ -127,6 +127,9 @@ OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)
     }
     struct stat status {};
     const bool exists = stat(m_name.c_str(), &status) == 0;
+    // Nor does a file take the place of a link that leads nowhere.
+    if (const int error = errno; !exists && (error != ENOENT || lstat(m_name.c_str(), &status) == 0))
+        fail(error);
     if (exists && !S_ISREG(status.st_mode)) {
         m_descriptor = open(m_name.c_str(), O_WRONLY | O_CLOEXEC);
         if (m_descriptor < 0)

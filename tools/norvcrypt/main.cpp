@@ -17,12 +17,12 @@ using norvcrypt::Exit;
 constexpr char mark = '\x01';
 
 /// The parser takes "[a,b]" for a list and "++" for the end of a command; behind a mark they are names like any other.
-std::string marked(std::string argument) {
+std::string marked(const std::string& argument) {
     const bool list = argument.starts_with('[') && argument.ends_with(']');
     return list || argument == "++" || argument.starts_with(mark) ? mark + argument : argument;
 }
 
-std::string unmarked(std::string argument) {
+std::string unmarked(const std::string& argument) {
     return argument.starts_with(mark) ? argument.substr(1) : argument;
 }
 
