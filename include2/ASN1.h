@@ -210,9 +210,8 @@ class NORVCRYPTO_EXPORT GeneralizedTime : public RefImpl {
 public:
     /// \param time     a UTCTime or GeneralizedTime; null gives the empty time
     /// \param wrapOnly true borrows `time` as it is; false owns a GeneralizedTime made from it, where a UTCTime gets
-    /// its
-    ///                 four-digit year (RFC 5280, 4.1.2.5.1: 50 to 99 are 19xx) and what is no valid time gives the
-    ///                 empty time
+    ///                 its four-digit year (RFC 5280, 4.1.2.5.1: 50 to 99 are 19xx) and what is no valid time
+    ///                 gives the empty time
     GeneralizedTime(const asn1_string_st* time, bool wrapOnly);
     GeneralizedTime(const GeneralizedTime& other);
     GeneralizedTime& operator=(const GeneralizedTime& other);
