@@ -1,5 +1,6 @@
 # Sourced by the other scripts: where the project is, and the Debian packages that each job needs.
 
+unset CDPATH
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
 

@@ -64,7 +64,8 @@ public:
     void write(const unsigned char* data, unsigned int length) override {
         const auto replaced = std::min(length, m_content.length() - m_position);
         if (replaced != 0) {
-            std::memcpy(m_content.data() + m_position, data, replaced);
+            // The bytes may be this stream's own content, handed back to it.
+            std::memmove(m_content.data() + m_position, data, replaced);
         }
         if (length != replaced) {
             m_content.append(Buffer(data + replaced, length - replaced, true));

@@ -526,6 +526,14 @@ TEST(MemoryMediaOut, TakesItsOwnContentOnceMore) {
     EXPECT_EQ(textOf(out.content()), "01234567890123456789012");
 }
 
+TEST(MemoryMediaOut, TakesItsOwnContentOverItself) {
+    MemoryMediaOut out;
+    out.write(bufferOf("abcdef"));
+    out.setpos(2);
+    out.write(out.content().data(), 4);
+    EXPECT_EQ(textOf(out.content()), "ababcd");
+}
+
 TEST(MemoryMediaOut, WritesOverWhatIsThereFromAnEarlierPosition) {
     MemoryMediaOut out;
     out.write(bufferOf("abcdef"));
