@@ -530,6 +530,10 @@ struct Expected {
     int entries;
 };
 
+void PrintTo(const Expected& expected, std::ostream* out) {
+    *out << expected.file;
+}
+
 class Rfc4134List : public testing::TestWithParam<Expected> {};
 
 TEST_P(Rfc4134List, IsReadAsOpenSslShowsIt) {

@@ -682,6 +682,10 @@ struct Expected {
     bool key;
 };
 
+void PrintTo(const Expected& expected, std::ostream* out) {
+    *out << expected.file;
+}
+
 class Rfc4134Certificate : public testing::TestWithParam<Expected> {};
 
 TEST_P(Rfc4134Certificate, IsReadAsOpenSslShowsIt) {

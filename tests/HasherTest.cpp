@@ -85,6 +85,10 @@ struct Vector {
     const char* digestOfAbc;
 };
 
+void PrintTo(const Vector& vector, std::ostream* out) {
+    *out << vector.name;
+}
+
 class Digests : public testing::TestWithParam<Vector> {};
 
 TEST_P(Digests, GiveThePublishedDigestOfAbc) {
