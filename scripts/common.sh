@@ -5,8 +5,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
 
 build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev libspdlog-dev liburiparser-dev
-  libcli11-dev nlohmann-json3-dev)
-test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools python3)
+  libgcrypt20-dev libcli11-dev nlohmann-json3-dev)
+test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools gnutls-bin python3)
 check_packages=(clang-format clang-tidy git)
 bench_packages=(libbenchmark-dev)
 fuzz_packages=(clang libclang-rt-14-dev)

@@ -11,16 +11,22 @@ namespace Norvane::Crypto::failures {
 
 /// An event code of the appliance's log.
 enum class Event : unsigned int {
-    x509 = 0x4000000,                  ///< validity checks and general names; the first field tells which
-    keyStoreNotReady = 0x3000060,      ///< nobody made the key store while a reader waited
-    keyStoreFailure = 0x3000061,       ///< an exception ended a request for the key store
-    signerDigestMismatch = 0x300004E,  ///< the body was digested with another algorithm than the signer's
-    signerDigestMissing = 0x300004F,   ///< signed attributes without a message digest
-    signerDigestDiffers = 0x3000050,   ///< the message digest attribute is not the body's digest
-    signerKeyMissing = 0x3000051,      ///< the certificate has no usable public key
-    signerSignatureWrong = 0x3000052,  ///< the signature does not belong to the body and key
-    contentTypeUnknown = 0x300005D,    ///< a content type that the library does not know
-    contentInfoUndecodable = 0x300005E ///< bytes that are no CMS structure
+    x509 = 0x4000000,                    ///< validity checks and general names; the first field tells which
+    keyStoreNotReady = 0x3000060,        ///< nobody made the key store while a reader waited
+    keyStoreFailure = 0x3000061,         ///< an exception ended a request for the key store
+    signerDigestMismatch = 0x300004E,    ///< the body was digested with another algorithm than the signer's
+    signerDigestMissing = 0x300004F,     ///< signed attributes without a message digest
+    signerDigestDiffers = 0x3000050,     ///< the message digest attribute is not the body's digest
+    signerKeyMissing = 0x3000051,        ///< the certificate has no usable public key
+    signerSignatureWrong = 0x3000052,    ///< the signature does not belong to the body and key
+    encryptedBytesRead = 0x3000057,      ///< somebody read bytes from a decrypting stream, which only writes
+    notEnveloped = 0x3000058,            ///< a structure of another type was given to decrypt
+    encryptedContentMissing = 0x3000059, ///< an enveloped structure without encrypted content
+    recipientKeyMissing = 0x300005A,     ///< no private key for a recipient; issuer and serial number
+    recipientFailed = 0x300005B,         ///< a recipient's key did not decrypt the body
+    bindingUnreadable = 0x300005C,       ///< the certificates or the key of a binding cannot be read
+    contentTypeUnknown = 0x300005D,      ///< a content type that the library does not know
+    contentInfoUndecodable = 0x300005E   ///< bytes that are no CMS structure
 };
 
 /// Numbers of the messages under `Event::x509`.

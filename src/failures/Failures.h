@@ -64,6 +64,27 @@ inline constexpr Failure generatePrivateKey{"Crypto::KeyGenerator::s_generateRSA
 inline constexpr Failure verifierInstance{"CertificateVerifier::instance", operationFailed, "Certificate", 631};
 inline constexpr Failure verifierIsValid{"CertificateVerifier::isValid", operationFailed, "Certificate", 646};
 
+// PKCS12
+inline constexpr Failure pkcs12Decode{"Crypto::PKCS12::Store", operationFailed, "PKCS12", 23};
+inline constexpr Failure pkcs12Password{"Crypto::PKCS12::read - Incorrect password", operationFailed, "PKCS12", 56};
+inline constexpr Failure pkcs12Parse{"Crypto::PKCS12::read - parsing error.", operationFailed, "PKCS12", 67};
+
+// Encryption
+inline constexpr Failure generateIV{"Crypto::IntializationVectorGenerator::generateIV", operationFailed, "Encryption",
+                                    26};
+inline constexpr Failure cipherUnknown{"const EVP_CIPHER* Norvane::Crypto::initializeCipher(Norvane::Crypto::Cipher)",
+                                       operationFailed, "Encryption", 81};
+inline constexpr Failure encryptionWithoutCipher{"Crypto::s_initializeEncryptionContext", operationFailed, "Encryption",
+                                                 106};
+inline constexpr Failure encryptionContext{"s_initializeEncryptionContext", operationFailed, "Encryption", 114};
+inline constexpr Failure encrypterWrite{"Crypto::EncrypterMediaOut::write", operationFailed, "Encryption", 150};
+inline constexpr Failure encrypterEnd{"Crypto::EncrypterMediaOut::write", operationFailed, "Encryption", 168};
+inline constexpr Failure decryptionWithoutCipher{"Crypto::s_initializeDecryptionContext", operationFailed, "Encryption",
+                                                 199};
+inline constexpr Failure decryptionContext{"s_initializeEncryptionContext", operationFailed, "Encryption", 210};
+inline constexpr Failure decrypterWrite{"Crypto::Decrypter::write", operationFailed, "Encryption", 246};
+inline constexpr Failure decrypterEnd{"Crypto::Decrypter::update", operationFailed, "Encryption", 264};
+
 // CMS
 inline constexpr Failure contentInfoDecode{"CMS::_ContentInfo::_ContentInfo", operationFailed, "CMS", 389};
 inline constexpr Failure contentInfoCreate{"CMS::RefContentInfo::RefContentInfo", operationFailed, "CMS", 404};
@@ -79,5 +100,52 @@ inline constexpr Failure signerAddCertificate{signerMediaConstructor, operationF
 inline constexpr Failure signerEnd{"CMS::SignerMediaOutImpl::end", operationFailed, "CMSSignerMedia", 147};
 inline constexpr Failure signerWrite{"CMS::SignerMediaOutImpl::end", operationFailed, "CMSSignerMedia"};
 inline constexpr Failure signerAttach{"CMS::SignerMediaOut::attach", nullHandle, "CMSSignerMedia"};
+
+// CMSEncryptionMedia
+inline constexpr const char* encrypterMediaConstructor = "CMS::EncrypterMediaOutImpl::EncrypterMediaOutImpl";
+inline constexpr Failure enveloperSetType{encrypterMediaConstructor, operationFailed, "CMSEncryptionMedia", 47};
+inline constexpr Failure enveloperSetCipher{encrypterMediaConstructor, operationFailed, "CMSEncryptionMedia", 55};
+inline constexpr Failure enveloperDataInit{encrypterMediaConstructor, operationFailed, "CMSEncryptionMedia", 74};
+inline constexpr Failure enveloperAddRecipient{"CMS::EncrypterMediaOutImpl::addCertificate", operationFailed,
+                                               "CMSEncryptionMedia", 96};
+inline constexpr Failure enveloperEnd{"CMS::EncrypterMediaOutImpl::end", operationFailed, "CMSEncryptionMedia", 136};
+
+// CertBindingSet
+inline constexpr Failure bindingSetFind{"CertBindingSet::find", operationFailed, "CertBindingSet", 106};
+inline constexpr Failure bindingSetFindSet{"CertBindingSet::find", operationFailed, "CertBindingSet", 127};
+
+// NorvSSL
+inline constexpr Failure contextPrivateKey{
+    "void Norvane::Crypto::NVSSL::Context::privateKey(const Norvane::Crypto::RefKey&)", operationFailed, "NorvSSL", 31};
+inline constexpr Failure contextCertificate{
+    "void Norvane::Crypto::NVSSL::Context::certificate(const Norvane::Crypto::NVX509::RefCertificate&)",
+    operationFailed, "NorvSSL", 42};
+inline constexpr Failure contextAppendToPath{
+    "void Norvane::Crypto::NVSSL::Context::appendToCertificatePath(const Norvane::Crypto::NVX509::RefCertificate&)",
+    operationFailed, "NorvSSL", 54};
+inline constexpr const char* contextCreate =
+    "virtual Norvane::Crypto::NVSSL::RefContext "
+    "Norvane::Crypto::NVSSL::ContextFactory::create(Norvane::Crypto::NVSSL::ContextFactory::Method, bool)";
+inline constexpr Failure contextClientMethod{contextCreate, operationFailed, "NorvSSL", 147};
+inline constexpr Failure contextServerMethod{contextCreate, operationFailed, "NorvSSL", 169};
+inline constexpr Failure contextNew{contextCreate, operationFailed, "NorvSSL", 181};
+
+// SSLSocket
+inline constexpr const char* sslConnect =
+    "virtual void Norvane::Crypto::NVSSL::SSLSocketImpl::connect(const Norvane::SocketAddress&)";
+inline constexpr const char* sslAccept = "virtual Norvane::Socket Norvane::Crypto::NVSSL::SSLSocketImpl::accept()";
+inline constexpr const char* onTheWire = "SocketException"; ///< where-text of everything that fails on the wire
+inline constexpr Failure connectWithoutContext{sslConnect, operationFailed, "SSLSocket", 62};
+inline constexpr Failure connectNew{sslConnect, operationFailed, "SSLSocket", 69};
+inline constexpr Failure connectDescriptor{onTheWire, operationFailed, "SSLSocket", 76};
+inline constexpr Failure connectHandshake{onTheWire, operationFailed, "SSLSocket", 97};
+inline constexpr Failure acceptWithoutContext{sslAccept, operationFailed, "SSLSocket", 107};
+inline constexpr Failure acceptNew{sslAccept, operationFailed, "SSLSocket", 119};
+inline constexpr Failure acceptDescriptor{onTheWire, operationFailed, "SSLSocket", 125};
+inline constexpr Failure acceptHandshake{onTheWire, operationFailed, "SSLSocket", 146};
+inline constexpr Failure sendNotConnected{onTheWire, nullHandle, "SSLSocket", 163};
+inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198};
+inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
+inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
 } // namespace Norvane::Crypto::failures
