@@ -3,6 +3,8 @@
 /// \file
 /// What the library logs, as data, and the verbs that log it. Operators match on the event codes.
 
+#include "failures/Failures.h"
+
 #include <norvcmsg/Logger.h>
 
 #include <string>
@@ -40,6 +42,12 @@ inline void logEvent(Event event, const std::string& text) {
 /// Logs two texts, each a field of its own.
 inline void logEvent(Event event, const std::string& first, const std::string& second) {
     Logger::instance(false).message(static_cast<unsigned int>(event), 0, "%s\x01%s", first.c_str(), second.c_str());
+}
+
+/// Logs a failure that is not passed on: its where-text, source and line, and what happened, each a field of its own.
+inline void logFailure(Event event, const Failure& failure, const std::string& text) {
+    Logger::instance(false).message(static_cast<unsigned int>(event), 0, "%s\x01%s\x01%d\x01%s", failure.where,
+                                    failure.file, static_cast<int>(failure.line), text.c_str());
 }
 
 /// Logs a numbered message under `Event::x509`.

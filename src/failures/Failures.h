@@ -110,6 +110,14 @@ inline constexpr Failure enveloperAddRecipient{"CMS::EncrypterMediaOutImpl::addC
                                                "CMSEncryptionMedia", 96};
 inline constexpr Failure enveloperEnd{"CMS::EncrypterMediaOutImpl::end", operationFailed, "CMSEncryptionMedia", 136};
 
+// CertBinding: logged, never thrown
+inline constexpr const char* bindingConstructor =
+    "Norvane::Crypto::CertBindingX509::CertBindingX509(int, const Norvane::StringPattern&, "
+    "Norvane::Crypto::CertBinding::KeyType, Norvane::Crypto::CertBinding::KeyUsage, Norvane::uint_t, int, "
+    "const char*, const char*, const char*)";
+inline constexpr Failure bindingCertificates{bindingConstructor, operationFailed, "CertBinding.cpp", 89};
+inline constexpr Failure bindingKey{bindingConstructor, operationFailed, "CertBinding.cpp", 103};
+
 // CertBindingSet
 inline constexpr Failure bindingSetFind{"CertBindingSet::find", operationFailed, "CertBindingSet", 106};
 inline constexpr Failure bindingSetFindSet{"CertBindingSet::find", operationFailed, "CertBindingSet", 127};
