@@ -1,15 +1,16 @@
 # Install rules, exported targets (find_package(norvcrypto)) and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS norvrefcounted norvcmsg norvcrypto EXPORT norvcryptoTargets
+install(TARGETS norvrefcounted norvcmsg norvcrypto norvcrypto-keystore EXPORT norvcryptoTargets
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS norvcrypt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-set_target_properties(norvcmsg norvcrypto norvcrypt PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set_target_properties(norvcmsg norvcrypto norvcrypto-keystore norvcrypt PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
 install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)
+install(DIRECTORY extras/keystore/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto-keystore)
 
 install(EXPORT norvcryptoTargets NAMESPACE norvcrypto:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
 configure_package_config_file(cmake/norvcryptoConfig.cmake.in "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake"
@@ -21,7 +22,9 @@ install(FILES "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake" "${PROJECT_BINARY_D
 # The folder of the file itself leads to the rest, so that an installed tree can be moved.
 file(RELATIVE_PATH NORV_PREFIX_FROM_PC "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
 configure_file(cmake/norvcrypto.pc.in "${PROJECT_BINARY_DIR}/norvcrypto.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/norvcrypto.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/norvcrypto-keystore.pc.in "${PROJECT_BINARY_DIR}/norvcrypto-keystore.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/norvcrypto.pc" "${PROJECT_BINARY_DIR}/norvcrypto-keystore.pc"
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 set(CPACK_PACKAGE_NAME norvcrypto)
 set(CPACK_PACKAGE_CONTACT "norvcrypto maintainers <maintainers@example.org>")

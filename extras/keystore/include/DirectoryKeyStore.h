@@ -1,0 +1,201 @@
+#pragma once
+
+/// \file
+/// A key store plug-in over a directory with one folder per identity. It is a library of its own, libnorvcrypto-keystore.
+///
+/// \code
+/// using namespace Norvane::Crypto;
+/// NVX509::RefDirectoryKeyStore directory("/etc/mail/identities");          // reads all of it, once
+/// for (const auto& problem : directory->contents()->problems) {
+///     warn(problem.folder, problem.file, problem.reason);                   // skipped; the others serve
+/// }
+/// auto store = NVX509::RefKeyStore::instance(true, false);
+/// store->add(directory.plugin());
+/// auto pair = store->findSigningKey(sender);                                // null: nobody signs for this sender
+/// ...
+/// directory->reload();                                                      // on SIGHUP; look-ups go on meanwhile
+/// \endcode
+///
+/// A folder holds
+///
+/// | file         | what is in it                                                                                      |
+/// |--------------|----------------------------------------------------------------------------------------------------|
+/// | `cert.pem`   | the certificate; further certificates in it go to the front of the chain                           |
+/// | `chain.pem`  | optional: the certificates that go with it, in the order in which they are sent                    |
+/// | `key.pem`    | optional: the private key, encrypted or not; without it the identity is only encrypted to          |
+/// | `passphrase` | optional: one line, which opens `key.pem`                                                          |
+/// | `owners.txt` | optional: one `StringPattern` a line; without it only an issuer and serial number find the identity |
+///
+/// In `owners.txt` blanks around a pattern, empty lines, lines whose first character is "#", CR before LF and a byte
+/// order mark at the start do not count. A "#" elsewhere belongs to the pattern. Patterns have no escapes.
+///
+/// **Who wins.** Of all patterns that match an address, the one with more literal bytes (`StringPattern::literalLength`:
+/// all bytes but the wildcards) comes first, then the one that stands earlier among the patterns of its file, then the
+/// one whose folder's name is less, byte by byte. The first one whose identity is fit for the purpose wins: it has a key
+/// if one is needed, the key usage of its certificate does not forbid the purpose, and the certificate is valid at that
+/// moment. Only when no such identity matches, the first one wins that is fit but for its time: so old mail can still be
+/// decrypted, and whoever must not sign or encrypt with an expired certificate looks at its `validityPeriod()`.
+///
+/// **What is refused.** The directory, a folder or a file that others than owner and group may write; `key.pem` and
+/// `passphrase` when anyone but the owner may read or write them; symbolic links inside the directory (it may itself be
+/// one); what is no regular file, or larger than 1 MiB. A file that is refused or cannot be read counts as absent and is
+/// told among the problems. Entries whose name begins with a dot are left alone: prepare a folder under such a name and
+/// rename it.
+///
+/// **Keys** are read into memory that is wiped. A program that sets up OpenSSL's secure heap (`CRYPTO_secure_malloc_init`)
+/// before has the secret numbers of RSA keys in it: locked and out of core dumps.
+///
+/// **Threads.** Everything here may be called from any number of threads at once, `reload` too. The certificates that are
+/// handed out are warmed (`Certificate::warm`): all their accessors may be used in several threads but
+/// `GeneralName::emailAddress()`. The pairs are shared with every other caller: do not change their fields, and do not
+/// read into or write from their keys in several threads at once. Signing and decrypting with them is safe.
+
+#include <norvcmsg/EmailAddress.h>
+#include <norvcmsg/Mutex.h>
+#include <norvcmsg/StringPattern.h>
+#include <norvcrypto/KeyStore.h>
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Norvane::Crypto::NVX509 {
+
+/// The plug-in. Hold it through `RefDirectoryKeyStore`, which can also `reload()` it.
+class NORVCRYPTO_EXPORT DirectoryKeyStore : public KeyStorePlugin {
+public:
+    /// A line of `owners.txt`.
+    struct Owner {
+        StringPattern pattern;
+        unsigned int line; ///< counted from 1, comments and empty lines included
+    };
+
+    /// A folder that serves.
+    struct Identity {
+        std::string folder; ///< its name, any bytes: escape it before you show it
+        RefCertificate certificate;
+        std::list<RefCertificate> chain;
+        bool hasKey;               ///< a private key that belongs to the certificate
+        std::vector<Owner> owners; ///< in the order of the file
+    };
+
+    /// Something of the directory that does not serve.
+    struct Problem {
+        std::string folder; ///< the name of the entry
+        std::string file;   ///< the file in it; empty when all of it is meant
+        std::string reason; ///< for people, without its end of sentence; one line
+    };
+
+    /// A pattern of an identity, as indices into `Contents::identities` and `Identity::owners`.
+    struct Place {
+        std::size_t identity;
+        std::size_t owner;
+    };
+
+    /// What one load found. It never changes.
+    struct Contents {
+        std::vector<Identity> identities; ///< by the bytes of their folders' names
+        std::vector<Problem> problems;    ///< in the same order
+        std::vector<Place> precedence;    ///< all patterns, those first that win over the later ones
+    };
+
+    /// What an identity is looked for.
+    enum class Purpose : int { signing, encryption, decryption };
+
+    /// Whether an identity can be taken for a purpose.
+    enum class Fitness : int {
+        fit,           ///< yes
+        outOfValidity, ///< only when no fit one matches: the certificate is expired or not yet valid
+        usageForbids,  ///< no: the key usage of the certificate does not allow the purpose
+        noKey          ///< no: a key is needed, and there is none
+    };
+
+    /// A pattern that matched.
+    struct Match {
+        Place place;
+        Fitness fitness;
+    };
+
+    /// How an address was looked up.
+    struct Explanation {
+        std::shared_ptr<const Contents> contents; ///< what the places point into
+        std::vector<Match> matches;               ///< every pattern that matched, in order of precedence
+        std::optional<std::size_t> winner;        ///< the index of the match that won; nothing when none is fit
+    };
+
+    /// Loads the directory. \throws Exception as `reload()`
+    explicit DirectoryKeyStore(const std::string& directory);
+    ~DirectoryKeyStore() override;
+
+    /// Loads the directory anew beside what is there, and then takes its place in one step: every look-up is answered
+    /// from the old or from the new content. What was handed out before stays valid. Of several calls at once each
+    /// loads by itself, one after the other.
+    /// \throws Exception "DirectoryKeyStore::reload", code 4, source "DirectoryKeyStore", with the directory and the
+    ///         reason: the directory cannot be opened or read, others than owner and group may write it, or the process
+    ///         ran out of descriptors or memory. What was loaded before serves on.
+    void reload();
+
+    /// What the last load that succeeded found: each folder that serves, each that does not and why, and the order in
+    /// which the patterns win.
+    [[nodiscard]] std::shared_ptr<const Contents> contents() const;
+
+    /// Every pattern that matches an address, whether its identity is fit for the purpose, and which one won: the
+    /// answer that the look-up for that purpose gives at this moment. Walks all patterns of the store.
+    [[nodiscard]] Explanation explain(const EmailAddress& address, Purpose purpose) const;
+
+    /// The pair whose certificate has this issuer and serial number, whatever its validity and key usage, for mail that
+    /// may be old. Identities without key have no pair. Of several folders with one certificate the first one with a key
+    /// answers. A binary search.
+    KeyCertificatePair find(const DistinguishedName& issuer, const ASN1::Integer& serial) override;
+    /// The certificate to encrypt to: key usage keyEncipherment, dataEncipherment or keyAgreement, or none at all.
+    ///
+    /// This and the following: an empty and a null address are looked up as the empty text, which the pattern "*"
+    /// matches. Patterns without wildcards are found by hash; of the others, those are tried in turn that come before
+    /// what was found. Each takes a time linear in pattern and address (`StringPattern::matches`).
+    RefCertificate findEncryptionCertificate(const EmailAddress& address) override;
+    /// The pair to sign with: a key, and key usage digitalSignature or nonRepudiation, or none at all.
+    KeyCertificatePair findSigningKey(const EmailAddress& address) override;
+    /// The pair to decrypt with: a key, and key usage as for encryption. Answers one pair; the pairs of old certificates
+    /// of the same owner are found by issuer and serial number.
+    KeyCertificatePair findDecryptionKey(const EmailAddress& address) override;
+
+private:
+    struct Snapshot;
+
+    [[nodiscard]] std::shared_ptr<const Snapshot> snapshot() const;
+    [[nodiscard]] KeyCertificatePair findPair(const EmailAddress& address, Purpose purpose) const;
+
+    std::string m_directory;
+    Mutex m_loading;       ///< held by the one load that runs
+    mutable Mutex m_mutex; ///< guards `m_snapshot`, the handle, and is never held for longer than its copy
+    std::shared_ptr<const Snapshot> m_snapshot;
+};
+
+} // namespace Norvane::Crypto::NVX509
+
+namespace Norvane {
+extern template class RefCounted<Crypto::NVX509::DirectoryKeyStore>;
+extern template class Ref<Crypto::NVX509::DirectoryKeyStore>;
+} // namespace Norvane
+
+namespace Norvane::Crypto::NVX509 {
+
+/// A handle on the plug-in.
+class NORVCRYPTO_EXPORT RefDirectoryKeyStore : public Ref<DirectoryKeyStore> {
+public:
+    /// An empty handle.
+    RefDirectoryKeyStore();
+    /// Loads the directory. \throws Exception as `DirectoryKeyStore::reload()`
+    explicit RefDirectoryKeyStore(const std::string& directory);
+    RefDirectoryKeyStore(const RefDirectoryKeyStore& other);
+    RefDirectoryKeyStore& operator=(const RefDirectoryKeyStore& other);
+    ~RefDirectoryKeyStore() override;
+
+    /// The handle that `KeyStore::add` takes, on the same plug-in; an empty one for an empty one.
+    [[nodiscard]] RefKeyStorePlugin plugin() const;
+};
+
+} // namespace Norvane::Crypto::NVX509
