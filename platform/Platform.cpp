@@ -8,6 +8,7 @@
 #include <openssl/provider.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <openssl/ssl.h>
 
 #include <array>
 #include <vector>
@@ -34,5 +35,9 @@ __attribute__((weak)) int fips_rsa_consistency_test(rsa_st* rsa) {
                         RSA_verify(NID_sha256, digest.data(), static_cast<unsigned int>(digest.size()),
                                    signature.data(), length, rsa) == 1;
     return agrees ? 1 : 0;
+}
+
+__attribute__((weak)) unsigned long ssl_version_options() {
+    return SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1;
 }
 }

@@ -15,4 +15,8 @@ __attribute__((visibility("default"))) int openssl_init_with_rng();
 /// Checks that a generated pair belongs together: what its private half signs, its public half verifies. Returns 1 when
 /// it does, 0 when it does not or when `rsa` is null.
 __attribute__((visibility("default"))) int fips_rsa_consistency_test(rsa_st* rsa);
+
+/// The options of SSL_CTX_set_options that turn protocol versions off in the appliance-wide TLS context. Our own turns
+/// off SSL 2, SSL 3, TLS 1.0 and TLS 1.1.
+__attribute__((visibility("default"))) unsigned long ssl_version_options();
 }
