@@ -6,6 +6,7 @@
 #include <memory>
 
 struct ISSUING_DIST_POINT_st;
+struct PKCS12_st;
 struct bio_st;
 struct evp_md_ctx_st;
 
@@ -16,10 +17,12 @@ struct Freeing {
     void operator()(bio_st* bio) const noexcept;
     void operator()(evp_md_ctx_st* context) const noexcept;
     void operator()(ISSUING_DIST_POINT_st* point) const noexcept;
+    void operator()(PKCS12_st* structure) const noexcept;
 };
 
 using OwnedBio = std::unique_ptr<bio_st, Freeing>;
 using OwnedDigestContext = std::unique_ptr<evp_md_ctx_st, Freeing>;
 using OwnedIssuingPoint = std::unique_ptr<ISSUING_DIST_POINT_st, Freeing>;
+using OwnedPkcs12 = std::unique_ptr<PKCS12_st, Freeing>;
 
 } // namespace Norvane::Crypto::detail

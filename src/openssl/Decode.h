@@ -8,8 +8,10 @@
 #include <norvcmsg/Buffer.h>
 
 #include <openssl/asn1.h>
+#include <openssl/err.h>
 
 #include <string>
+#include <utility>
 
 namespace Norvane::Crypto::openssl {
 
@@ -22,6 +24,30 @@ template <auto Decode> [[nodiscard]] auto decode(const unsigned char* der, unsig
         return Result(nullptr);
     }
     return Decode(nullptr, &der, static_cast<long>(length));
+}
+
+/// Makes the OpenSSL call `call()` and answers what it answers: null or false for failure. Only a failure leaves its
+/// entries in the error queue; calls that succeed queue them too, about readable but odd parts.
+template <class Call> auto queueingOnlyFailure(Call&& call) {
+    ERR_set_mark();
+    auto answer = std::forward<Call>(call)();
+    if (answer) {
+        ERR_pop_to_mark();
+    } else {
+        ERR_clear_last_mark();
+    }
+    return answer;
+}
+
+/// Decodes one structure from `source` with the `d2i_` function `Decode`, into the owning pointer `Pointer`. Null when
+/// the bytes are none, with the reasons in the error queue: at least one, also where OpenSSL gives none (the source
+/// ended between two elements).
+template <class Pointer, auto Decode> Pointer decodeFrom(BIO* source, const char* function) noexcept {
+    Pointer structure = queueingOnlyFailure([&] { return Pointer(Decode(source, nullptr)); });
+    if (!structure && ERR_peek_error() == 0) {
+        queueError(function, ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA);
+    }
+    return structure;
 }
 
 /// The whole DER encoding of an integer; empty when it cannot be encoded.

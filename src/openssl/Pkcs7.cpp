@@ -1,9 +1,8 @@
 #include "openssl/Pkcs7.h"
 
-#include "openssl/ErrorQueue.h"
+#include "openssl/Decode.h"
 
 #include <openssl/asn1t.h>
-#include <openssl/err.h>
 #include <openssl/objects.h>
 
 namespace Norvane::Crypto::openssl {
@@ -32,17 +31,7 @@ bool isPkcs7Type(int nid) noexcept {
 } // namespace
 
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
-    ERR_set_mark();
-    Pkcs7Ptr structure(d2i_PKCS7_bio(source, nullptr));
-    if (structure != nullptr) {
-        ERR_pop_to_mark(); // about extensions of revocation lists that it could not read
-        return structure;
-    }
-    ERR_clear_last_mark();
-    if (ERR_peek_error() == 0) {
-        queueError("d2i_PKCS7_bio", ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA);
-    }
-    return structure;
+    return decodeFrom<Pkcs7Ptr, d2i_PKCS7_bio>(source, "d2i_PKCS7_bio");
 }
 
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept {

@@ -8,6 +8,7 @@
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -40,6 +41,7 @@ using CertificatePtr = Owned<X509, X509_free>;
 using CrlPtr = Owned<X509_CRL, X509_CRL_free>;
 using NamePtr = Owned<X509_NAME, X509_NAME_free>;
 using Pkcs7Ptr = Owned<PKCS7, PKCS7_free>;
+using Pkcs12Ptr = Owned<PKCS12_st, PKCS12_free>; // inside the library PKCS12 is a namespace
 using IntegerPtr = Owned<ASN1_INTEGER, ASN1_INTEGER_free>;
 using ObjectPtr = Owned<ASN1_OBJECT, ASN1_OBJECT_free>;
 using OctetStringPtr = Owned<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;

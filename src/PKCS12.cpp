@@ -1,0 +1,71 @@
+#include <norvcrypto/PKCS12.h>
+
+#include "failures/Raise.h"
+#include "openssl/Pkcs12.h"
+#include "openssl/TrueCountBio.h"
+
+#include <memory>
+
+namespace Norvane::Crypto::PKCS12 {
+
+namespace {
+
+RefKey handleOn(openssl::KeyPtr key) {
+    if (!key) {
+        return {};
+    }
+    auto body = std::make_unique<PrivateKey>(key.get());
+    static_cast<void>(key.release());
+    return RefKey(body.release());
+}
+
+/// A certificate that does not own its X509: callers rely on it outliving every handle.
+NVX509::RefCertificate unownedHandleOn(openssl::CertificatePtr x509) {
+    if (!x509) {
+        return {};
+    }
+    NVX509::RefCertificate certificate = NVX509::CertificateFactory()(x509.get(), false);
+    static_cast<void>(x509.release());
+    return certificate;
+}
+
+} // namespace
+
+Store::Store() = default;
+
+Store::Store(bio_st* in) {
+    // A stream adapter reports bytes that were never sent; whatever else the caller gave is read as it is.
+    const openssl::BioPtr counting = openssl::trueCountBio(in);
+    m_p12.reset(openssl::decodePkcs12(counting ? counting.get() : in).release());
+    if (!m_p12) {
+        failures::raiseWithErrors(failures::pkcs12Decode);
+    }
+}
+
+Store::~Store() = default;
+
+void Store::read(const std::string& password) {
+    if (!m_p12) {
+        failures::raise(failures::pkcs12Empty, "The store holds no PKCS#12 structure");
+    }
+    if (!openssl::verifyPassword(m_p12.get(), password)) {
+        failures::raiseWithErrors(failures::pkcs12Password);
+    }
+    openssl::Identity found;
+    if (!openssl::parsePkcs12(m_p12.get(), password, found)) {
+        failures::raiseWithErrors(failures::pkcs12Parse);
+    }
+    const RefKey key = handleOn(std::move(found.key));
+    m_certificate = unownedHandleOn(std::move(found.certificate));
+    m_key = key;
+}
+
+const RefKey& Store::privateKey() const {
+    return m_key;
+}
+
+const NVX509::RefCertificate& Store::certificate() const {
+    return m_certificate;
+}
+
+} // namespace Norvane::Crypto::PKCS12
