@@ -24,6 +24,8 @@ public:
 
     [[nodiscard]] int get() const noexcept { return m_descriptor; }
     [[nodiscard]] bool isOpen() const noexcept { return m_descriptor >= 0; }
+    /// Hands the descriptor over to the caller.
+    [[nodiscard]] int release() noexcept { return std::exchange(m_descriptor, -1); }
     /// Closes the file. 0, or the error of the system.
     [[nodiscard]] int close() noexcept;
 

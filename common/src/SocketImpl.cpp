@@ -1,0 +1,368 @@
+#include <norvcmsg/Socket.h>
+
+#include "FileDescriptor.h"
+#include "NativeAddress.h"
+#include "SocketFailure.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+namespace Norvane {
+
+template class RefCounted<SocketImpl>;
+template class Ref<SocketImpl>;
+
+namespace {
+
+constexpr uint_t largestCount = std::numeric_limits<int>::max();
+
+[[noreturn]] void fail(const char* where, int error, const SocketAddress& address = SocketAddress(),
+                       SourceLocation here = SourceLocation::current()) {
+    detail::throwSocketErrno(where, "SocketImpl", address.asString(), error, here);
+}
+
+/// What `call` answers once no signal interrupts it.
+template <class Call> auto uninterrupted(Call call) {
+    auto result = call();
+    while (result < 0 && errno == EINTR) {
+        result = call();
+    }
+    return result;
+}
+
+void setOption(const char* where, int descriptor, int level, int option, int value,
+               SourceLocation here = SourceLocation::current()) {
+    if (setsockopt(descriptor, level, option, &value, sizeof value) != 0) {
+        fail(where, errno, SocketAddress(), here);
+    }
+}
+
+/// True for what ails the connection that was to be accepted, not the listener: it is passed over.
+bool concernsThePeer(int error) {
+    switch (error) {
+    case ECONNABORTED:
+    case EPROTO:
+    case ENOPROTOOPT:
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+    case ENONET:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// The address that `ask` (getsockname or getpeername) tells.
+template <class Ask> SocketAddress addressOf(const char* where, int descriptor, Ask ask) {
+    detail::NativeAddress native;
+    if (ask(descriptor, native.get(), &native.length) != 0) {
+        fail(where, errno);
+    }
+    return detail::fromNative(native.get());
+}
+
+} // namespace
+
+SocketImpl::SocketImpl() : m_mutex(&m_ownMutex), m_family(AF_INET) {}
+
+SocketImpl::~SocketImpl() {
+    const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
+}
+
+Socket SocketImpl::accept() {
+    Socket accepted(true);
+    return accept(&*accepted) ? accepted : Socket();
+}
+
+bool SocketImpl::accept(SocketImpl* target) {
+    constexpr auto where = "SocketImpl::accept";
+    requireOpen(where);
+    if (target == nullptr || target->m_descriptor >= 0) {
+        fail(where, target == nullptr ? EFAULT : EISCONN);
+    }
+    const int flags = SOCK_CLOEXEC | (target->m_blocking ? 0 : SOCK_NONBLOCK);
+    while (true) {
+        const int descriptor = uninterrupted([&] { return ::accept4(m_descriptor, nullptr, nullptr, flags); });
+        if (descriptor >= 0) {
+            target->m_descriptor = descriptor;
+            target->m_family = m_family;
+            return true;
+        }
+        if (errno == EAGAIN && !m_blocking) {
+            return false;
+        }
+        if (errno == EAGAIN) {
+            wait(where, SocketAddress(), POLLIN);
+        } else if (!concernsThePeer(errno)) {
+            fail(where, errno);
+        }
+    }
+}
+
+int SocketImpl::send(const uchar_t* data, uint_t length) {
+    constexpr auto where = "SocketImpl::send";
+    requireOpen(where);
+    if (length > largestCount) {
+        fail(where, EMSGSIZE);
+    }
+    uint_t sent = 0;
+    while (sent < length) {
+        const auto count = uninterrupted(
+            [&] { return ::send(m_descriptor, data + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT); });
+        if (count >= 0) {
+            sent += static_cast<uint_t>(count);
+        } else if (errno != EAGAIN) {
+            fail(where, errno);
+        } else if (m_blocking) {
+            wait(where, SocketAddress(), POLLOUT);
+        } else {
+            break;
+        }
+    }
+    return static_cast<int>(sent);
+}
+
+bool SocketImpl::readable() {
+    requireOpen("SocketImpl::readable");
+    return wait("SocketImpl::readable", SocketAddress(), POLLIN);
+}
+
+bool SocketImpl::writable() {
+    requireOpen("SocketImpl::writable");
+    return wait("SocketImpl::writable", m_peer, POLLOUT);
+}
+
+void SocketImpl::connect(const SocketAddress& address) {
+    constexpr auto where = "SocketImpl::connect";
+    if (address.isNull()) {
+        detail::throwSocket(where, "SocketImpl", "no address");
+    }
+    const bool opened = m_descriptor < 0;
+    open(where, address.family());
+    try {
+        // Never blocking here: a wait of the system's own would know neither the time limit nor how to go on after a
+        // signal.
+        int nonBlocking = 1;
+        auto native = detail::toNative(address);
+        if (ioctl(m_descriptor, FIONBIO, &nonBlocking) != 0) {
+            fail(where, errno, address);
+        }
+        m_peer = address;
+        if (::connect(m_descriptor, native.get(), native.length) != 0) {
+            if (errno != EINPROGRESS && errno != EINTR) {
+                fail(where, errno, address);
+            }
+            if (!m_blocking) {
+                errno = EINPROGRESS;
+                return;
+            }
+            wait(where, address, POLLOUT);
+            if (!connected()) {
+                fail(where, ECONNABORTED, address); // another thread shut it down
+            }
+        }
+        applyMode(where);
+        errno = 0;
+    } catch (...) {
+        if (opened) {
+            const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
+        }
+        throw;
+    }
+}
+
+bool SocketImpl::connected() {
+    if (m_descriptor < 0) {
+        return false;
+    }
+    detail::NativeAddress peer;
+    if (getpeername(m_descriptor, peer.get(), &peer.length) == 0) {
+        return true;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(m_descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        fail("SocketImpl::connect", error, m_peer);
+    }
+    return false;
+}
+
+int SocketImpl::receive(uchar_t* buffer, uint_t length) {
+    constexpr auto where = "SocketImpl::receive";
+    requireOpen(where);
+    if (length == 0) {
+        return 0;
+    }
+    while (true) {
+        const auto count =
+            uninterrupted([&] { return ::recv(m_descriptor, buffer, std::min(length, largestCount), MSG_DONTWAIT); });
+        if (count >= 0) {
+            errno = 0;
+            return static_cast<int>(count);
+        }
+        if (errno != EAGAIN) {
+            fail(where, errno);
+        }
+        if (!m_blocking) {
+            return 0;
+        }
+        wait(where, SocketAddress(), POLLIN);
+    }
+}
+
+void SocketImpl::set(int type, bool nonBlocking, bool reuseAddress, int family) {
+    constexpr auto where = "SocketImpl::set";
+    if (type != SOCK_STREAM) {
+        fail(where, ESOCKTNOSUPPORT);
+    }
+    if (family != AF_INET && family != AF_INET6) {
+        fail(where, EAFNOSUPPORT);
+    }
+    m_reuseAddress = reuseAddress;
+    m_family = family;
+    blocking(!nonBlocking);
+}
+
+void SocketImpl::blocking(bool wait) {
+    m_blocking = wait;
+    if (m_descriptor >= 0) {
+        applyMode("SocketImpl::blocking");
+    }
+}
+
+void SocketImpl::bind(const SocketAddress& address) {
+    constexpr auto where = "SocketImpl::bind";
+    if (address.isNull()) {
+        detail::throwSocket(where, "SocketImpl", "no address");
+    }
+    const bool opened = m_descriptor < 0;
+    openForListening(where, address.family());
+    auto native = detail::toNative(address);
+    if (::bind(m_descriptor, native.get(), native.length) != 0) {
+        const int error = errno;
+        if (opened) {
+            const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
+        }
+        fail(where, error, address);
+    }
+}
+
+void SocketImpl::listen(int backlog) {
+    constexpr auto where = "SocketImpl::listen";
+    openForListening(where, m_family);
+    if (::listen(m_descriptor, backlog) != 0) {
+        fail(where, errno);
+    }
+    m_listening = true;
+    applyMode(where);
+}
+
+void SocketImpl::shutdown(bool receiving, bool sending) {
+    constexpr auto where = "SocketImpl::shutdown";
+    requireOpen(where);
+    if (!receiving && !sending) {
+        return;
+    }
+    const int directions = receiving && sending ? SHUT_RDWR : receiving ? SHUT_RD : SHUT_WR;
+    // A connection that the peer has reset is ended already.
+    if (::shutdown(m_descriptor, directions) != 0 && errno != ENOTCONN) {
+        fail(where, errno);
+    }
+}
+
+void SocketImpl::noDelay(bool on) {
+    requireOpen("SocketImpl::noDelay");
+    setOption("SocketImpl::noDelay", m_descriptor, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
+}
+
+SocketAddress SocketImpl::localAddress() const {
+    requireOpen("SocketImpl::localAddress");
+    return addressOf("SocketImpl::localAddress", m_descriptor, &getsockname);
+}
+
+SocketAddress SocketImpl::remoteAddress() const {
+    requireOpen("SocketImpl::remoteAddress");
+    return addressOf("SocketImpl::remoteAddress", m_descriptor, &getpeername);
+}
+
+/// Makes the descriptor when there is none.
+void SocketImpl::open(const char* where, int family) {
+    if (m_descriptor >= 0) {
+        return;
+    }
+    detail::FileDescriptor made(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!made.isOpen()) {
+        fail(where, errno);
+    }
+    m_family = family;
+    m_descriptor = made.release();
+}
+
+void SocketImpl::openForListening(const char* where, int family) {
+    if (m_descriptor >= 0) {
+        return;
+    }
+    open(where, family);
+    setOption(where, m_descriptor, SOL_SOCKET, SO_REUSEADDR, m_reuseAddress ? 1 : 0);
+    if (family == AF_INET6) {
+        // Whether "[::]" takes IPv4 as well must not depend on how the machine is set up.
+        setOption(where, m_descriptor, IPPROTO_IPV6, IPV6_V6ONLY, 1);
+    }
+}
+
+void SocketImpl::requireOpen(const char* where) const {
+    if (m_descriptor < 0) {
+        fail(where, ENOTCONN);
+    }
+}
+
+/// Waits until one of `events` (or the end of the connection) is there; a non-blocking socket only looks. False when it
+/// is not.
+bool SocketImpl::wait(const char* where, const SocketAddress& peer, short events) const {
+    using Clock = std::chrono::steady_clock;
+    const auto until = Clock::now() + std::chrono::milliseconds(m_timeLimit);
+    pollfd polled{m_descriptor, events, 0};
+    while (true) {
+        int left = m_blocking ? -1 : 0;
+        if (m_blocking && m_timeLimit != 0) {
+            const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+            left = static_cast<int>(std::clamp<decltype(rest)>(rest, 0, largestCount));
+        }
+        const int ready = ::poll(&polled, 1, left);
+        if (ready > 0) {
+            return true;
+        }
+        if (ready < 0 && errno != EINTR) {
+            fail(where, errno, peer);
+        }
+        if (ready == 0 && !m_blocking) {
+            return false;
+        }
+        if (ready == 0 && Clock::now() >= until) {
+            fail(where, ETIMEDOUT, peer);
+        }
+    }
+}
+
+void SocketImpl::applyMode(const char* where) const {
+    int nonBlocking = m_blocking && !m_listening ? 0 : 1;
+    if (ioctl(m_descriptor, FIONBIO, &nonBlocking) != 0) {
+        fail(where, errno);
+    }
+}
+
+} // namespace Norvane
