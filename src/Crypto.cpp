@@ -1,5 +1,6 @@
 #include "Platform.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Idea.h"
 
 #include <norvcrypto/Crypto.h>
 
@@ -20,6 +21,7 @@ namespace Norvane::Crypto {
 void initialize() {
     openssl_init_with_rng();
     OpenSSL_add_all_ciphers();
+    openssl::ideaCbc(); // adds itself
     OpenSSL_add_all_digests();
     SSL_library_init();
     SSL_load_error_strings();

@@ -77,11 +77,13 @@ inline constexpr Failure cipherUnknown{"const EVP_CIPHER* Norvane::Crypto::initi
                                        operationFailed, "Encryption", 81};
 inline constexpr Failure encryptionWithoutCipher{"Crypto::s_initializeEncryptionContext", operationFailed, "Encryption",
                                                  106};
+inline constexpr Failure encryptionTooShort{"Crypto::s_initializeEncryptionContext", operationFailed, "Encryption"};
 inline constexpr Failure encryptionContext{"s_initializeEncryptionContext", operationFailed, "Encryption", 114};
 inline constexpr Failure encrypterWrite{"Crypto::EncrypterMediaOut::write", operationFailed, "Encryption", 150};
 inline constexpr Failure encrypterEnd{"Crypto::EncrypterMediaOut::write", operationFailed, "Encryption", 168};
 inline constexpr Failure decryptionWithoutCipher{"Crypto::s_initializeDecryptionContext", operationFailed, "Encryption",
                                                  199};
+inline constexpr Failure decryptionTooShort{"Crypto::s_initializeDecryptionContext", operationFailed, "Encryption"};
 inline constexpr Failure decryptionContext{"s_initializeEncryptionContext", operationFailed, "Encryption", 210};
 inline constexpr Failure decrypterWrite{"Crypto::Decrypter::write", operationFailed, "Encryption", 246};
 inline constexpr Failure decrypterEnd{"Crypto::Decrypter::update", operationFailed, "Encryption", 264};

@@ -34,6 +34,7 @@ using BioPtr = Owned<BIO, BIO_free>;
 using BioChainPtr = Owned<BIO, BIO_free_all>;
 using BioMethodPtr = Owned<BIO_METHOD, BIO_meth_free>;
 using BignumPtr = Owned<BIGNUM, BN_free>;
+using CipherContextPtr = Owned<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
 using DigestContextPtr = Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
 using KeyPtr = Owned<EVP_PKEY, EVP_PKEY_free>;
 using KeyContextPtr = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;

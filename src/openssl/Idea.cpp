@@ -1,0 +1,137 @@
+// Ciphers of one's own are deprecated in OpenSSL 3.0, whose providers are too much for one cipher.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "openssl/Idea.h"
+
+#include "openssl/ErrorQueue.h"
+#include "openssl/Pointers.h"
+
+#include <gcrypt.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+
+#include <array>
+#include <cstring>
+#include <new>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+constexpr int blockLength = 8;
+constexpr int keyLength = 16;
+
+/// What a context keeps: zeroed by OpenSSL at first. The key is there because libgcrypt cannot copy a handle.
+struct State {
+    gcry_cipher_hd_t handle;
+    unsigned char key[keyLength];
+};
+
+State& stateOf(EVP_CIPHER_CTX* context) {
+    return *static_cast<State*>(EVP_CIPHER_CTX_get_cipher_data(context));
+}
+
+/// Gives the handle, which is made when there is none, the key of the state.
+bool useKey(State& state) {
+    if ((state.handle == nullptr && gcry_cipher_open(&state.handle, GCRY_CIPHER_IDEA, GCRY_CIPHER_MODE_CBC, 0) != 0) ||
+        gcry_cipher_setkey(state.handle, state.key, keyLength) != 0) {
+        queueError("idea_cbc", ERR_LIB_EVP, EVP_R_INITIALIZATION_ERROR);
+        return false;
+    }
+    return true;
+}
+
+void wipe(State& state) {
+    gcry_cipher_close(state.handle); // wipes the key schedule
+    OPENSSL_cleanse(&state, sizeof state);
+}
+
+/// Called only with a key. The IV is OpenSSL's to keep: it may come later, or change under the same key.
+int begin(EVP_CIPHER_CTX* context, const unsigned char* key, const unsigned char* /*iv*/, int /*encrypt*/) {
+    State& state = stateOf(context);
+    std::memcpy(state.key, key, keyLength);
+    if (!useKey(state)) {
+        wipe(state);
+        return 0;
+    }
+    return 1;
+}
+
+/// Takes the IV from the context and leaves the next one there, so that a context can be copied between two blocks.
+int crypt(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, std::size_t length) {
+    const State& state = stateOf(context);
+    if (state.handle == nullptr) {
+        queueError("idea_cbc", ERR_LIB_EVP, EVP_R_NO_KEY_SET);
+        return 0;
+    }
+    if (length < blockLength) {
+        return length == 0 ? 1 : 0;
+    }
+    const bool encrypt = EVP_CIPHER_CTX_is_encrypting(context) != 0;
+    unsigned char* iv = EVP_CIPHER_CTX_iv_noconst(context);
+    std::array<unsigned char, blockLength> next{};
+    if (!encrypt) {
+        std::memcpy(next.data(), in + length - blockLength, blockLength); // `out` may be `in`
+    }
+    if (gcry_cipher_setiv(state.handle, iv, blockLength) != 0 ||
+        (encrypt ? gcry_cipher_encrypt : gcry_cipher_decrypt)(state.handle, out, length, in, length) != 0) {
+        queueError("idea_cbc", ERR_LIB_EVP, ERR_R_INTERNAL_ERROR);
+        return 0;
+    }
+    std::memcpy(iv, encrypt ? out + length - blockLength : next.data(), blockLength);
+    return 1;
+}
+
+int end(EVP_CIPHER_CTX* context) {
+    wipe(stateOf(context));
+    return 1;
+}
+
+/// Called to complete a copy, whose state is byte for byte the original's: the handle is not to be shared.
+int control(EVP_CIPHER_CTX* /*context*/, int type, int /*argument*/, void* pointer) {
+    if (type != EVP_CTRL_COPY) {
+        return -1; // not supported
+    }
+    State& copy = stateOf(static_cast<EVP_CIPHER_CTX*>(pointer));
+    const bool keyed = copy.handle != nullptr;
+    copy.handle = nullptr;
+    if (keyed && !useKey(copy)) {
+        wipe(copy);
+        return 0;
+    }
+    return 1;
+}
+
+using CipherPtr = Owned<EVP_CIPHER, EVP_CIPHER_meth_free>;
+
+const EVP_CIPHER* make() {
+    CipherPtr cipher(EVP_CIPHER_meth_new(NID_idea_cbc, blockLength, keyLength));
+    if (!cipher || EVP_CIPHER_meth_set_iv_length(cipher.get(), blockLength) != 1 ||
+        EVP_CIPHER_meth_set_flags(cipher.get(),
+                                  EVP_CIPH_CBC_MODE | EVP_CIPH_FLAG_DEFAULT_ASN1 | EVP_CIPH_CUSTOM_COPY) != 1 ||
+        EVP_CIPHER_meth_set_impl_ctx_size(cipher.get(), sizeof(State)) != 1 ||
+        EVP_CIPHER_meth_set_init(cipher.get(), begin) != 1 || EVP_CIPHER_meth_set_do_cipher(cipher.get(), crypt) != 1 ||
+        EVP_CIPHER_meth_set_cleanup(cipher.get(), end) != 1 || EVP_CIPHER_meth_set_ctrl(cipher.get(), control) != 1) {
+        throw std::bad_alloc();
+    }
+    gcry_check_version(nullptr); // starts libgcrypt; what else there is to set is for the program to choose
+    // The first key ever makes libgcrypt test its IDEA and keep the result without a lock.
+    State first{};
+    useKey(first);
+    wipe(first);
+    if (EVP_add_cipher(cipher.get()) != 1) {
+        throw std::bad_alloc();
+    }
+    return cipher.release(); // for good: OpenSSL's table refers to it
+}
+
+} // namespace
+
+const EVP_CIPHER* ideaCbc() {
+    static const EVP_CIPHER* const cipher = make();
+    return cipher;
+}
+
+} // namespace Norvane::Crypto::openssl

@@ -1,0 +1,15 @@
+#pragma once
+
+/// \file
+/// IDEA, which OpenSSL is often built without, from libgcrypt.
+
+#include <openssl/types.h>
+
+namespace Norvane::Crypto::openssl {
+
+/// IDEA in CBC mode as an OpenSSL cipher like any other; never null. The first call starts libgcrypt, where the process
+/// has not yet, and adds the cipher to OpenSSL's table: from then on OpenSSL finds it by name, as it does to decrypt a
+/// structure. \throws std::bad_alloc
+const EVP_CIPHER* ideaCbc();
+
+} // namespace Norvane::Crypto::openssl
