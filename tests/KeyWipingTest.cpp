@@ -1,46 +1,17 @@
 // What becomes of the memory through which private keys pass. This program stands in for the functions with which
 // buffers and texts are wiped, and looks at what is wiped.
 
-#include "support/Interpose.h"
 #include "support/Streams.h"
+#include "support/Wiping.h"
 
 #include <authority/Authority.h>
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/KeyFactory.h>
 
-#include <openssl/crypto.h>
-
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
-#include <vector>
-
-namespace {
-
-bool s_watching = false;
-std::vector<std::string> s_wiped;
-
-void note(void* memory, std::size_t length) {
-    if (s_watching) {
-        s_watching = false; // the note itself is no secret
-        s_wiped.emplace_back(static_cast<const char*>(memory), length);
-        s_watching = true;
-    }
-}
-
-} // namespace
-
-extern "C" void OPENSSL_cleanse(void* memory, std::size_t length) {
-    note(memory, length);
-    norvtest::next<&OPENSSL_cleanse>("OPENSSL_cleanse")(memory, length);
-}
-
-extern "C" void explicit_bzero(void* memory, std::size_t length) {
-    note(memory, length);
-    norvtest::next<&explicit_bzero>("explicit_bzero")(memory, length);
-}
 
 namespace {
 
@@ -48,19 +19,7 @@ using Norvane::Buffer;
 using Norvane::Crypto::Key;
 using Norvane::Crypto::PrivateKey;
 using Norvane::Crypto::RefKey;
-
-/// The number of wiped memories in which `secret` stood.
-template <class Work> std::size_t wipesOf(const std::string& secret, Work work) {
-    s_wiped.clear();
-    s_watching = true;
-    work();
-    s_watching = false;
-    std::size_t count = 0;
-    for (const std::string& memory : s_wiped) {
-        count += memory.find(secret) == std::string::npos ? 0U : 1U;
-    }
-    return count;
-}
+using norvtest::wipesOf;
 
 std::string derOf(const norvauthority::Key& key) {
     const auto der = key.traditionalDer();

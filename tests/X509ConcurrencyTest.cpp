@@ -1,11 +1,11 @@
 // Meant for the thread sanitizer: what is shared between threads after it was warmed, and the key store.
 
+#include "support/Threads.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/KeyStore.h>
 
 #include <atomic>
-#include <thread>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -15,36 +15,10 @@ using norvauthority::fromHex;
 using norvauthority::Identity;
 using norvauthority::issue;
 using norvauthority::issueList;
+using norvtest::threadCount;
+using norvtest::together;
 
 namespace {
-
-constexpr int threadCount = 8;
-
-void waitForAll(std::atomic<int>& missing) {
-    --missing;
-    while (missing > 0) {
-        std::this_thread::yield();
-    }
-}
-
-/// Runs `work` in eight threads that start together and end together: OpenSSL locks at a thread's first call and at its
-/// end, which would put the work of a thread that ended early in order with that of a late one, and hide their races.
-template <class Work> void together(Work work) {
-    std::atomic<int> starting{threadCount};
-    std::atomic<int> working{threadCount};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            ERR_clear_error();
-            waitForAll(starting);
-            work(i);
-            waitForAll(working);
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
 
 const norvauthority::Name rootName{{"C", "DE"}, {"CN", "Root"}};
 
