@@ -1,9 +1,6 @@
 // norvcrypt sign and verify: every option, every form of input and output, every exit code.
 
-#include "Process.h"
-#include "Workspace.h"
-
-#include <gtest/gtest.h>
+#include "ToolTest.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +13,7 @@ namespace {
 constexpr const char* trustLine =
     "Trust in the certificates was not checked: a good signature does not tell who signed.";
 
-class SignVerifyToolTest : public testing::Test {
+class SignVerifyToolTest : public ToolTest {
 protected:
     void SetUp() override {
         body = sampleBody();
@@ -27,9 +24,6 @@ protected:
         before = work.names();
     }
 
-    Answer tool(const std::vector<std::string>& arguments, const std::string& input = "") {
-        return norvcrypt(Command{.arguments = arguments, .input = input, .directory = work.directory()});
-    }
     Answer sign(const std::vector<std::string>& more, const std::string& input = "") {
         std::vector<std::string> arguments{"sign", "--cert", "alice.pem", "--key", "alice.key"};
         arguments.insert(arguments.end(), more.begin(), more.end());
@@ -53,20 +47,8 @@ protected:
         EXPECT_EQ((std::vector<std::string>{goodLine(1, alice(), "alice"), trustLine}), linesOf(answer.out));
         EXPECT_EQ("", answer.err);
     }
-    /// One line on standard error with that text in it, nothing on standard output, exit code 2, no new file.
-    void expectFailure(const Answer& answer, const std::string& text) {
-        EXPECT_EQ(2, answer.status);
-        EXPECT_EQ("", answer.out);
-        ASSERT_EQ(1U, linesOf(answer.err).size()) << answer.err;
-        EXPECT_EQ('\n', answer.err.back());
-        EXPECT_EQ(0U, answer.err.find("norvcrypt: ")) << answer.err;
-        EXPECT_NE(std::string::npos, answer.err.find(text)) << answer.err;
-        EXPECT_EQ(before, work.names());
-    }
 
-    Workspace work;
     std::string body;
-    std::vector<std::string> before;
 };
 
 TEST_F(SignVerifyToolTest, FileToFile) {
@@ -348,7 +330,7 @@ TEST_F(SignVerifyToolTest, HelpAndVersionAreAnswers) {
         EXPECT_NE("", answer.out);
         EXPECT_EQ("", answer.err);
     }
-    for (const char* command : {"sign", "verify", "inspect", "digest", "demo"}) {
+    for (const char* command : {"sign", "verify", "encrypt", "decrypt", "genkey", "inspect", "digest", "demo"}) {
         const Answer answer = tool({command, "--help"});
         EXPECT_EQ(0, answer.status);
         EXPECT_NE(std::string::npos, answer.out.find(command));

@@ -66,12 +66,18 @@ unsigned int Workspace::mode(const std::string& name) const {
 
 namespace {
 
+/// A key of the tests, made once for all of them since RSA and DSA keys take long.
+Key storedKey(const std::string& name) {
+    std::ifstream file(fs::path(NORV_SOURCE_DIR) / "tests" / "data" / "keys" / (name + ".pem"));
+    return Key::fromPem({std::istreambuf_iterator<char>(file), {}});
+}
+
 Identity person(const std::string& name, const Key& key, const std::string& serial) {
     return issue({.subject = {{"C", "DE"}, {"O", "Interop"}, {"CN", name}},
                   .key = key,
                   .issuer = &root(),
                   .serial = serial,
-                  .keyUsage = 0xC0,
+                  .keyUsage = 0xE0,
                   .extendedKeyUsage = {"emailProtection"},
                   .alternativeNames = {GeneralName::email(name + "@example.org")}});
 }
@@ -80,6 +86,7 @@ Identity person(const std::string& name, const Key& key, const std::string& seri
 
 const Identity& root() {
     static const Identity identity = issue({.subject = {{"C", "DE"}, {"O", "Interop"}, {"CN", "Interop Root"}},
+                                            .key = storedKey("authority"),
                                             .serial = "1001",
                                             .ca = true,
                                             .keyUsage = 0x06});
@@ -87,17 +94,27 @@ const Identity& root() {
 }
 
 const Identity& alice() {
-    static const Identity identity = person("alice", Key::rsa(), "2001");
+    static const Identity identity = person("alice", storedKey("alice"), "2001");
+    return identity;
+}
+
+const Identity& bob() {
+    static const Identity identity = person("bob", storedKey("bob"), "2004");
+    return identity;
+}
+
+const Identity& carol() {
+    static const Identity identity = person("carol", storedKey("carol"), "2005");
     return identity;
 }
 
 const Identity& dora() {
-    static const Identity identity = person("dora", Key::dsa(), "2002");
+    static const Identity identity = person("dora", storedKey("dora"), "2002");
     return identity;
 }
 
 const Identity& erin() {
-    static const Identity identity = person("erin", Key::ec(), "2003");
+    static const Identity identity = person("erin", storedKey("eve"), "2003");
     return identity;
 }
 

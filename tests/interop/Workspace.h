@@ -34,9 +34,11 @@ private:
     std::string m_directory;
 };
 
-/// Made once in a process, since RSA keys take long: a root, and people under it with the key that the name tells.
+/// Issued once in a process: a root, and people under it with stored keys.
 const norvauthority::Identity& root();
 const norvauthority::Identity& alice(); ///< RSA, 2048 bits
+const norvauthority::Identity& bob();   ///< RSA, 2048 bits
+const norvauthority::Identity& carol(); ///< RSA, 2048 bits
 const norvauthority::Identity& dora();  ///< DSA
 const norvauthority::Identity& erin();  ///< EC P-256
 

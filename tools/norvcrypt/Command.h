@@ -14,6 +14,7 @@ using Action = std::function<Exit()>;
 /// Each adds a sub-command that sets `action` when it is chosen.
 void addSign(CLI::App& app, Action& action);
 void addVerify(CLI::App& app, Action& action);
+void addGenkey(CLI::App& app, Action& action);
 void addInspect(CLI::App& app, Action& action);
 void addDigest(CLI::App& app, Action& action);
 void addDemo(CLI::App& app, Action& action);

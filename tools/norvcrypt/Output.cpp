@@ -77,6 +77,17 @@ void synchronizeDirectory(const std::string& directory) {
     close(descriptor);
 }
 
+class OutputStreamImpl : public Norvane::MediaOutImpl {
+public:
+    explicit OutputStreamImpl(OutputFile& file) : m_file(file) {}
+
+    using MediaOutImpl::write;
+    void write(const unsigned char* data, unsigned int length) override { m_file.write(data, length); }
+
+private:
+    OutputFile& m_file;
+};
+
 std::string directoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos)
@@ -198,6 +209,9 @@ void OutputFile::commit() {
 void OutputFile::fail(int error) const {
     throw Failure("cannot write " + m_name, error);
 }
+
+OutputStream::OutputStream(OutputFile& file)
+    : MediaOut(Norvane::makeReference<OutputStreamImpl, Norvane::MediaOutImpl>(file)) {}
 
 void writeFile(const std::string& path, std::string_view content, OutputFile::Access access) {
     OutputFile file(path, access);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <norvcmsg/Media.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -53,6 +55,12 @@ private:
     unsigned int m_mode = 0;
     uid_t m_owner = static_cast<uid_t>(-1); ///< of the file that is replaced
     gid_t m_group = static_cast<gid_t>(-1);
+};
+
+/// A stream into a file, which must outlive it; ending it does not commit the file.
+class OutputStream : public Norvane::MediaOut {
+public:
+    explicit OutputStream(OutputFile& file);
 };
 
 /// Writes a whole file. \throws Failure

@@ -3,11 +3,10 @@
 #include "Input.h"
 #include "Material.h"
 #include "Output.h"
+#include "Structure.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
 #include <norvcrypto/KeyStore.h>
-
-#include <authority/Authority.h>
 
 #include <list>
 #include <memory>
@@ -66,12 +65,7 @@ Exit sign(const SignOptions& options) {
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
     OutputFile out(options.out);
     const Norvane::Buffer der = signatureOver(options, inputs);
-    if (options.pem) {
-        const std::string text = norvauthority::pem("PKCS7", {der.data(), der.data() + der.length()});
-        out.write(text.data(), text.size());
-    } else {
-        out.write(der.data(), der.length());
-    }
+    writeStructure(out, der, options.pem);
     out.commit();
     return Exit::good;
 }

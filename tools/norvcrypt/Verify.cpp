@@ -3,22 +3,19 @@
 #include "Input.h"
 #include "Material.h"
 #include "Output.h"
-#include "Pieces.h"
+#include "Structure.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcmsg/Logger.h>
 #include <norvcrypto/CMSSignerMedia.h>
 #include <norvcrypto/Hasher.h>
 
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace norvcrypt {
 
@@ -34,41 +31,10 @@ struct VerifyOptions {
     std::optional<std::string> in;
 };
 
-/// A verdict on one of several structures would pass for one on all of them.
-void refuseMore(const Norvane::Buffer& rest, const std::string& path) {
-    const unsigned char* const start = rest.data();
-    const auto isPadding = [](unsigned char byte) { return byte == 0 || std::isspace(byte) != 0; };
-    if (!std::all_of(start, start + rest.length(), isPadding))
-        throw Failure("bytes follow the CMS structure in " + inputName(path));
-}
-
-CMS::CMSVerifier textSignature(const Norvane::Buffer& content, const std::string& path) {
-    const std::vector<Piece> pieces = piecesOf(content);
-    const auto isCms = [](const Piece& piece) { return piece.kind == Kind::cms; };
-    const auto count = std::count_if(pieces.begin(), pieces.end(), isCms);
-    if (count > 1)
-        throw Failure("more than one CMS structure in " + inputName(path));
-    if (count == 0 && !looksLikeDer(content))
-        throw Failure("no CMS structure in " + inputName(path));
-    // What looks binary and is none has the library tell what is wrong with it.
-    Norvane::MemoryMediaIn der(count == 0 ? content : std::find_if(pieces.begin(), pieces.end(), isCms)->der);
-    return CMS::CMSVerifier(der);
-}
-
-/// A structure is binary or PEM; only the text, which is short, is taken into memory as a whole.
 CMS::CMSVerifier openSignature(const std::string& path, Inputs& inputs) {
-    try {
-        Norvane::MediaIn source = inputs.open(path);
-        Norvane::Buffer start;
-        Norvane::MediaIn in = Inputs::lookAhead(source, longestStart, start);
-        if (!beginsStructure(start))
-            return textSignature(Inputs::readAll(in, path), path);
-        CMS::CMSVerifier verifier(in);
-        refuseMore(Inputs::readAll(in, path), path);
-        return verifier;
-    } catch (const Norvane::Exception& failure) {
-        throw Failure("cannot read the signature in " + inputName(path), failure);
-    }
+    std::optional<CMS::CMSVerifier> verifier;
+    readStructure(inputs, path, "the signature", [&verifier](Norvane::MediaIn& in) { verifier.emplace(in); });
+    return *verifier;
 }
 
 /// One digest for each algorithm among the signers, all of them fed in one pass over the body.

@@ -1,4 +1,4 @@
-// norvcrypt: signs, verifies and inspects from the command line what the appliance signs, verifies and inspects.
+// norvcrypt: signs, verifies, encrypts, decrypts and inspects from the command line what the appliance handles.
 
 #include "Command.h"
 #include "Output.h"
@@ -60,7 +60,7 @@ Exit answer(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 Exit run(int argc, char** argv) {
-    CLI::App app("Signs, verifies and inspects mail bodies, certificates, lists and keys.\n"
+    CLI::App app("Signs, verifies, encrypts and decrypts mail bodies; inspects certificates, lists and keys.\n"
                  "Exit code: 0 good, 1 a negative verdict, 2 bad usage, unreadable or malformed input.",
                  "norvcrypt");
     app.set_version_flag("--version", "norvcrypt " NORVCRYPT_VERSION);
@@ -68,6 +68,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::Action action;
     norvcrypt::addSign(app, action);
     norvcrypt::addVerify(app, action);
+    norvcrypt::addGenkey(app, action);
     norvcrypt::addInspect(app, action);
     norvcrypt::addDigest(app, action);
     norvcrypt::addDemo(app, action);
