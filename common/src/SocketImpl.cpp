@@ -72,12 +72,34 @@ template <class Ask> SocketAddress addressOf(const char* where, int descriptor, 
     return detail::fromNative(native.get());
 }
 
+void closeDescriptor(int& descriptor) noexcept {
+    const detail::FileDescriptor closed(std::exchange(descriptor, -1));
+}
+
+/// Closes a descriptor that was made in its scope, unless it is kept.
+class Opening {
+public:
+    explicit Opening(int& descriptor) noexcept : m_descriptor(descriptor), m_kept(descriptor >= 0) {}
+    Opening(const Opening&) = delete;
+    Opening& operator=(const Opening&) = delete;
+    ~Opening() {
+        if (!m_kept) {
+            closeDescriptor(m_descriptor);
+        }
+    }
+    void keep() noexcept { m_kept = true; }
+
+private:
+    int& m_descriptor;
+    bool m_kept;
+};
+
 } // namespace
 
 SocketImpl::SocketImpl() : m_mutex(&m_ownMutex), m_family(AF_INET) {}
 
 SocketImpl::~SocketImpl() {
-    const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
+    closeDescriptor(m_descriptor);
 }
 
 Socket SocketImpl::accept() {
@@ -148,38 +170,30 @@ void SocketImpl::connect(const SocketAddress& address) {
     if (address.isNull()) {
         detail::throwSocket(where, "SocketImpl", "no address");
     }
-    const bool opened = m_descriptor < 0;
-    open(where, address.family());
-    try {
-        // Never blocking here: a wait of the system's own would know neither the time limit nor how to go on after a
-        // signal.
-        int nonBlocking = 1;
-        auto native = detail::toNative(address);
-        if (ioctl(m_descriptor, FIONBIO, &nonBlocking) != 0) {
-            fail(where, errno, address);
-        }
-        m_peer = address;
-        if (::connect(m_descriptor, native.get(), native.length) != 0) {
-            if (errno != EINPROGRESS && errno != EINTR) {
-                fail(where, errno, address);
-            }
-            if (!m_blocking) {
-                errno = EINPROGRESS;
-                return;
-            }
-            wait(where, address, POLLOUT);
-            if (!connected()) {
-                fail(where, ECONNABORTED, address); // another thread shut it down
-            }
-        }
-        applyMode(where);
-        errno = 0;
-    } catch (...) {
-        if (opened) {
-            const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
-        }
-        throw;
+    if (connected()) {
+        fail(where, EISCONN, address); // the system would tell only the second time
     }
+    Opening opening(m_descriptor);
+    open(where, address.family());
+    // Never blocking here: a wait of the system's own would know neither the time limit nor how to go on after a signal.
+    int nonBlocking = 1;
+    if (ioctl(m_descriptor, FIONBIO, &nonBlocking) != 0) {
+        fail(where, errno, address);
+    }
+    m_peer = address;
+    auto native = detail::toNative(address);
+    int error = ::connect(m_descriptor, native.get(), native.length) == 0 ? 0 : errno;
+    if (error == EINPROGRESS || error == EINTR) {
+        error = m_blocking ? 0 : EINPROGRESS;
+        if (m_blocking && wait(where, address, POLLOUT) && !connected()) {
+            fail(where, ECONNABORTED, address); // another thread shut it down
+        }
+    } else if (error != 0) {
+        fail(where, error, address);
+    }
+    applyMode(where);
+    opening.keep();
+    errno = error;
 }
 
 bool SocketImpl::connected() {
@@ -249,26 +263,25 @@ void SocketImpl::bind(const SocketAddress& address) {
     if (address.isNull()) {
         detail::throwSocket(where, "SocketImpl", "no address");
     }
-    const bool opened = m_descriptor < 0;
+    Opening opening(m_descriptor);
     openForListening(where, address.family());
     auto native = detail::toNative(address);
     if (::bind(m_descriptor, native.get(), native.length) != 0) {
-        const int error = errno;
-        if (opened) {
-            const detail::FileDescriptor closed(std::exchange(m_descriptor, -1));
-        }
-        fail(where, error, address);
+        fail(where, errno, address);
     }
+    opening.keep();
 }
 
 void SocketImpl::listen(int backlog) {
     constexpr auto where = "SocketImpl::listen";
+    Opening opening(m_descriptor);
     openForListening(where, m_family);
     if (::listen(m_descriptor, backlog) != 0) {
         fail(where, errno);
     }
     m_listening = true;
     applyMode(where);
+    opening.keep();
 }
 
 void SocketImpl::shutdown(bool receiving, bool sending) {
@@ -312,6 +325,7 @@ void SocketImpl::open(const char* where, int family) {
     m_descriptor = made.release();
 }
 
+/// The same, with what has to be set before it is bound.
 void SocketImpl::openForListening(const char* where, int family) {
     if (m_descriptor >= 0) {
         return;
