@@ -85,7 +85,8 @@ public:
     /// So append no certificate twice, nor to two contexts, and nothing that borrows its `X509`. When the call throws,
     /// nothing was handed over.
     /// \throws Exception "void Norvane::Crypto::NVSSL::Context::appendToCertificatePath(const
-    ///         Norvane::Crypto::NVX509::RefCertificate&)", line 54, with OpenSSL's errors: an empty handle, or no memory
+    ///         Norvane::Crypto::NVX509::RefCertificate&)", line 54, with OpenSSL's errors: an empty handle, or no
+    ///         memory
     void appendToCertificatePath(const NVX509::RefCertificate& certificate);
     /// Loads the first certificate as the context's own and appends the others in their order, from the issuer of the
     /// first towards the root. An empty list changes nothing. What `appendToCertificatePath` says holds for every
@@ -149,8 +150,8 @@ public:
     /// \param client true: for connections that this program opens; false: for those that it accepts
     /// \throws Exception "virtual Norvane::Crypto::NVSSL::RefContext
     ///         Norvane::Crypto::NVSSL::ContextFactory::create(Norvane::Crypto::NVSSL::ContextFactory::Method, bool)":
-    ///         line 147, a value of `method` that is none, for a client; line 169, the same for a server; line 181, with
-    ///         OpenSSL's errors, OpenSSL could not make the context or lacks the protocol
+    ///         line 147, a value of `method` that is none, for a client; line 169, the same for a server; line 181,
+    ///         with OpenSSL's errors, OpenSSL could not make the context or lacks the protocol
     virtual RefContext create(Method method, bool client);
 };
 
@@ -168,9 +169,9 @@ namespace Norvane {
 /// | /migadmin/etc/cert/server/ca | directory of trusted certificates, filed by hash (`openssl rehash`) |
 /// | /migadmin/etc/cert/server/crl | directory of revocation lists, filed by hash (`openssl rehash`) |
 ///
-/// A peer is asked for its certificate, and its chain is verified with revocation lists for every issuer that has one on
-/// file; an issuer without a list passes. Deliberate: the outcome never ends a handshake. It is left for whoever uses
-/// the connection to read, with SSL_get_verify_result and SSL_get_peer_certificate.
+/// A peer is asked for its certificate, and its chain is verified with revocation lists for every issuer that has one
+/// on file; an issuer without a list passes. Deliberate: the outcome never ends a handshake. It is left for whoever
+/// uses the connection to read, with SSL_get_verify_result and SSL_get_peer_certificate.
 ///
 /// `init` runs once at start-up, before other threads use OpenSSL; `norvSSL_new` may be called from any thread then.
 class NORVCRYPTO_EXPORT norvSSL_CTX {

@@ -35,9 +35,9 @@ template <class E = Exception> [[noreturn]] void raise(const Failure& failure, c
 }
 
 /// Throws with `prefix` and the OpenSSL errors as detail, and leaves the queue empty.
-[[noreturn]] inline void raiseWithErrors(const Failure& failure, std::string_view prefix = "",
-                                         SourceLocation here = SourceLocation::current()) {
-    raise(failure, std::string(prefix) + openssl::drainErrorQueue(), here);
+template <class E = Exception> [[noreturn]] void raiseWithErrors(const Failure& failure, std::string_view prefix = "",
+                                                                 SourceLocation here = SourceLocation::current()) {
+    raise<E>(failure, std::string(prefix) + openssl::drainErrorQueue(), here);
 }
 
 /// Throws with a caught failure as the cause.

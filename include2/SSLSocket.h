@@ -1,0 +1,140 @@
+#pragma once
+
+/// \file
+/// Stream sockets whose bytes pass through TLS: a `Socket` of the common library with a body that shakes hands when it
+/// connects or accepts.
+///
+/// \code
+/// using namespace Norvane;
+/// using namespace Norvane::Crypto;
+/// NVSSL::RefContext context = NVSSL::ContextFactory().create(NVSSL::ContextFactory::SSL_V23, true);
+/// SSL_CTX_load_verify_locations(context, "trusted.pem", nullptr);
+///
+/// NVSSL::SSLSocket socket(context, SocketAddress("192.0.2.1:465"));      // TCP and TLS: connected, or an exception
+/// X509* peer = SSL_get0_peer_certificate(socket);                        // OpenSSL's questions go to the SSL
+/// if (peer == nullptr || SSL_get_verify_result(socket) != X509_V_OK || X509_check_host(peer, "mx.example.org", 0, 0,
+///                                                                                      nullptr) != 1) {
+///     return;                                                            // nobody checked it before
+/// }
+/// socket.send(reinterpret_cast<const uchar_t*>("QUIT\r\n"), 6);
+/// uchar_t answer[16384];                                                 // a whole TLS record, see `receive`
+/// const int got = socket.receive(answer, sizeof answer);                 // 0 at the end
+/// \endcode
+///
+/// A server listens on a socket of its own context and takes connections, each with its handshake:
+///
+/// \code
+/// NVSSL::SSLSocket listener(serverContext, 2);                           // IPv4
+/// listener.bind(SocketAddress("0.0.0.0:465"));
+/// listener.listen();
+/// NVSSL::SSLSocket peer(listener.accept());                              // the accepted socket, with its SSL
+/// \endcode
+///
+/// Trust. A handshake that ends well says nothing about the peer unless the context was told to verify; with a context
+/// that lets everybody pass, as the appliance-wide one does, the answers of SSL_get_verify_result and
+/// SSL_get_peer_certificate are what counts. Neither compares the host name: X509_check_host does.
+///
+/// Failures are `SocketException`s with the where-text "SocketException" and `Exception`s with that of the operation,
+/// source module "SSLSocket", code 4 where nothing else is said; what plain sockets throw comes as it is. Those without
+/// OpenSSL's errors leave them in the thread's queue, for `getErrString` to tell the reason. A peer that goes away
+/// never ends the process: SIGPIPE is kept from the thread while OpenSSL writes.
+///
+/// Waiting. A blocking socket waits for as long as the peer takes, or up to its `timeLimit` each time the peer has to
+/// do something; in `accept` it is the listening socket's limit that holds for the handshake. Without a limit, a peer
+/// that connects and says nothing keeps `accept` for ever. Deliberate: on a non-blocking socket a handshake, and a
+/// `send` that the system does not take, is tried again at once and without end, which keeps the processor busy: shake
+/// hands and send large pieces in blocking mode.
+///
+/// Threads: a context may be shared by sockets of many threads. On one socket `send` and `receive` exclude each other:
+/// a thread that waits in `receive` keeps the other from sending. Connecting, accepting and destruction take no lock.
+
+#include <norvcmsg/Socket.h>
+#include <norvcrypto/Export.h>
+#include <norvcrypto/NorvSSL.h>
+
+namespace Norvane::Crypto::NVSSL {
+
+/// The body of an SSL socket: the plain socket's, a context and the connection made on it.
+class NORVCRYPTO_EXPORT SSLSocketImpl : public SocketImpl {
+public:
+    /// Not connected. \param context kept by a handle of its own; may be empty, `connect` and `accept` then fail
+    /// \param family not looked at here: `Socket::set` takes it
+    SSLSocketImpl(RefContext& context, int family);
+    /// Connected. \throws what `connect` throws
+    SSLSocketImpl(RefContext& context, const SocketAddress& address);
+    /// Tells the peer that the connection ends (one close notify, no wait for the peer's), and closes it.
+    ~SSLSocketImpl() override;
+
+    /// Takes the next connection of a listening socket and shakes hands as the server. The new socket is a blocking one
+    /// on the same context. A null handle with `errno` `EAGAIN` when a non-blocking listener has none.
+    ///
+    /// A failure is the connection's, not the listener's: call again.
+    /// \throws Exception "virtual Norvane::Socket Norvane::Crypto::NVSSL::SSLSocketImpl::accept()": line 107,
+    ///         "NVSSL::Context must not be empty."; line 119, "Could not create an SSL instance."
+    /// \throws SocketException line 125, "SSL_set_fd failed"; line 146, OpenSSL's errors: the handshake failed; or
+    ///         as `SocketImpl::accept`
+    Socket accept() override;
+    /// Sends all of `data`. \return the bytes sent, `length` or 0
+    ///
+    /// Deliberate: some failures answer 0 and throw nothing. That is a fatal protocol error (SSL_ERROR_SSL, its
+    /// errors are dropped), a connection that this side has closed, and a write that has to read first
+    /// (SSL_ERROR_WANT_READ, a renegotiation on a non-blocking socket), which may be tried again with the same bytes.
+    /// So compare what was sent. A `length` of 0, or of 2147483648 and more, sends nothing and is answered with 0.
+    /// \throws SocketException line 163, code 1: not connected; line 198, "virtual int
+    ///         Norvane::Crypto::NVSSL::SSLSocketImpl::send(const Norvane::uchar_t*, Norvane::uint_t)" and the number of
+    ///         the SSL error: 5 (SSL_ERROR_SYSCALL), the peer is gone; 3 (SSL_ERROR_WANT_WRITE), the time limit passed
+    int send(const uchar_t* data, uint_t length) override;
+    /// Always true, so that callers of plain sockets never wait for readability on an SSL socket; `receive` waits
+    /// itself.
+    bool readable() override;
+    /// Connects and shakes hands as the client. Deliberate: an empty context is noticed after the plain connection was
+    /// made. After a failure the socket is of no more use.
+    /// \throws Exception "virtual void Norvane::Crypto::NVSSL::SSLSocketImpl::connect(const Norvane::SocketAddress&)":
+    ///         line 62, "NVSSL::Context must not be empty."; line 69, "Could not create an SSL instance."
+    /// \throws SocketException line 76, "SSL_set_fd failed"; line 97, "SSL_connect failed"; or as `SocketImpl::connect`
+    void connect(const SocketAddress& address) override;
+    /// Receives what has arrived, up to `length` bytes. \return the number of bytes; 0 at the end of the stream, each
+    /// time, with `errno` 0; 0 when a non-blocking socket has nothing, with `errno` `EAGAIN`; 0 when `length` is 0 or
+    /// 2147483648 and more
+    ///
+    /// The end is either the peer's close notify or just that of the plain connection, which anyone on the way could
+    /// have cut: after the former, and only then, SSL_get_shutdown has SSL_RECEIVED_SHUTDOWN.
+    ///
+    /// Deliberate: the wait looks at the plain connection alone. Bytes of a TLS record that were decrypted and did not
+    /// fit into `buffer` do not end it, so that a blocking call may wait for ever with bytes at hand. With a `buffer`
+    /// of 16384 bytes or more nothing is ever left behind.
+    /// \throws SocketException line 212, code 1: not connected; line 249, "virtual int
+    ///         Norvane::Crypto::NVSSL::SSLSocketImpl::receive(Norvane::uchar_t*, Norvane::uint_t)" and the number of
+    ///         the SSL error: 1 (SSL_ERROR_SSL), what came is no TLS of this connection; 5 (SSL_ERROR_SYSCALL), the
+    ///         connection was reset; or as `SocketImpl::readable`
+    int receive(uchar_t* buffer, uint_t length) override;
+
+    /// The connection, which stays this body's; null until the plain connection was made.
+    [[nodiscard]] ssl_st* ssl() const noexcept { return m_ssl; }
+
+private:
+    RefContext m_context;
+    ssl_st* m_ssl = nullptr;
+};
+
+/// A handle on an SSL socket.
+class NORVCRYPTO_EXPORT SSLSocket : public Socket {
+public:
+    /// Not connected, to listen or to connect later; blocking, with address reuse.
+    /// \param context may be empty; `connect` and `accept` then fail
+    /// \param family 2 for IPv4, 10 for IPv6 \throws SocketException "SocketImpl::set": another family
+    SSLSocket(RefContext& context, int family);
+    /// Connected to a server; blocking. \throws what `SSLSocketImpl::connect` throws
+    SSLSocket(RefContext& context, const SocketAddress& address);
+    /// The same connection as `socket`; null when that is null or no SSL socket.
+    explicit SSLSocket(const Socket& socket);
+    SSLSocket(const SSLSocket& other);
+    SSLSocket& operator=(const SSLSocket& other);
+    ~SSLSocket() override;
+
+    /// The connection, for OpenSSL's questions about it; it lives as long as the socket. Null before the plain
+    /// connection was made, and for a null handle.
+    operator ssl_st*() const; // NOLINT(google-explicit-constructor): handed to C functions as it is
+};
+
+} // namespace Norvane::Crypto::NVSSL

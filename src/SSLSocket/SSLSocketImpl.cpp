@@ -1,0 +1,174 @@
+#include "SSLSocket/TimeLimit.h"
+#include "failures/Raise.h"
+#include "openssl/Connection.h"
+
+#include <norvcrypto/SSLSocket.h>
+
+#include <openssl/err.h>
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace Norvane::Crypto::NVSSL {
+
+namespace {
+
+using failures::Failure;
+
+constexpr const char* sendText =
+    "virtual int Norvane::Crypto::NVSSL::SSLSocketImpl::send(const Norvane::uchar_t*, Norvane::uint_t)";
+constexpr const char* receiveText =
+    "virtual int Norvane::Crypto::NVSSL::SSLSocketImpl::receive(Norvane::uchar_t*, Norvane::uint_t)";
+
+[[noreturn]] void raiseWithNumber(const Failure& failure, const char* text, int sslError) {
+    auto exception = failures::exceptionFor<SocketException>(failure);
+    exception.stringParameter(text);
+    exception.intParameter(sslError);
+    throw exception;
+}
+
+void requireContext(const RefContext& context, const Failure& failure) {
+    if (context.isNull()) {
+        failures::raise(failure, "NVSSL::Context must not be empty.");
+    }
+}
+
+/// A new connection over a descriptor, which stays its owner's.
+void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failure& noConnection,
+            const Failure& noDescriptor) {
+    ERR_clear_error();
+    if (ssl != nullptr) {
+        openssl::shutdownAndFree(std::exchange(ssl, nullptr));
+    }
+    ssl = SSL_new(context);
+    if (ssl == nullptr) {
+        failures::raise(noConnection, "Could not create an SSL instance.");
+    }
+    if (SSL_set_fd(ssl, descriptor) != 1) {
+        failures::raise<SocketException>(noDescriptor, "SSL_set_fd failed");
+    }
+}
+
+/// True when the handshake is through. Tries at once and without end as long as it only has to wait, unless the time
+/// limit is over.
+bool shakeHands(ssl_st* ssl, openssl::SslAnswer (*once)(ssl_st*), TimeLimit limit) {
+    while (true) {
+        limit.start();
+        const openssl::SslAnswer answer = once(ssl);
+        if (answer.result != -1 || !answer.wantsIo()) {
+            return answer.result == 1;
+        }
+        if (limit.passed()) {
+            openssl::queueError("SSL_do_handshake", ERR_LIB_SYS, ETIMEDOUT);
+            return false;
+        }
+    }
+}
+
+} // namespace
+
+SSLSocketImpl::SSLSocketImpl(RefContext& context, int /*family*/) : m_context(context) {}
+
+// Delegates, so that a handshake that fails is cleaned up by the destructor.
+SSLSocketImpl::SSLSocketImpl(RefContext& context, const SocketAddress& address)
+    : SSLSocketImpl(context, address.family()) {
+    SSLSocketImpl::connect(address);
+}
+
+SSLSocketImpl::~SSLSocketImpl() {
+    if (m_ssl != nullptr) {
+        const TimeLimit limit(m_descriptor, timeLimit());
+        openssl::shutdownAndFree(std::exchange(m_ssl, nullptr));
+    }
+}
+
+void SSLSocketImpl::connect(const SocketAddress& address) {
+    SocketImpl::connect(address);
+    requireContext(m_context, failures::connectWithoutContext);
+    attach(m_ssl, m_context, m_descriptor, failures::connectNew, failures::connectDescriptor);
+    SSL_set_connect_state(m_ssl);
+    if (!shakeHands(m_ssl, openssl::connectOnce, TimeLimit(m_descriptor, m_blocking ? timeLimit() : 0))) {
+        failures::raise<SocketException>(failures::connectHandshake, "SSL_connect failed");
+    }
+}
+
+Socket SSLSocketImpl::accept() {
+    requireContext(m_context, failures::acceptWithoutContext);
+    SSLSocket accepted(m_context, AF_INET);
+    auto& body = static_cast<SSLSocketImpl&>(*accepted);
+    if (!SocketImpl::accept(&body)) {
+        return {};
+    }
+    attach(body.m_ssl, m_context, body.m_descriptor, failures::acceptNew, failures::acceptDescriptor);
+    if (!shakeHands(body.m_ssl, openssl::acceptOnce, TimeLimit(body.m_descriptor, timeLimit()))) {
+        failures::raiseWithErrors<SocketException>(failures::acceptHandshake);
+    }
+    return accepted;
+}
+
+int SSLSocketImpl::send(const uchar_t* data, uint_t length) {
+    if (m_ssl == nullptr) {
+        failures::raise<SocketException>(failures::sendNotConnected);
+    }
+    const Synchronized lock(m_mutex);
+    const int wanted = static_cast<int>(length);
+    TimeLimit limit(m_descriptor, m_blocking ? timeLimit() : 0);
+    int sent = 0;
+    while (wanted > sent) {
+        limit.start();
+        // The whole buffer each time: one success takes all of it.
+        const auto answer = openssl::writeOnce(m_ssl, data, wanted);
+        if (answer.result > 0) {
+            sent += answer.result;
+        } else if (answer.result == 0 || answer.error == SSL_ERROR_WANT_READ) {
+            return sent;
+        } else if (answer.error == SSL_ERROR_SSL) {
+            openssl::drainErrorQueue(); // the caller is told by the count alone
+            return sent;
+        } else if (answer.error != SSL_ERROR_WANT_WRITE || limit.passed()) {
+            raiseWithNumber(failures::sendFailed, sendText, answer.error);
+        }
+    }
+    return sent;
+}
+
+bool SSLSocketImpl::readable() {
+    return true;
+}
+
+int SSLSocketImpl::receive(uchar_t* buffer, uint_t length) {
+    if (m_ssl == nullptr) {
+        failures::raise<SocketException>(failures::receiveNotConnected);
+    }
+    const Synchronized lock(m_mutex);
+    const int room = static_cast<int>(length);
+    if (room <= 0) {
+        return 0;
+    }
+    const TimeLimit limit(m_descriptor, timeLimit());
+    while (!openssl::closedByPeer(m_ssl)) {
+        // The plain socket's own wait: what OpenSSL holds decrypted does not count.
+        while (!SocketImpl::readable()) {
+            if (!m_blocking) {
+                errno = EAGAIN;
+                return 0;
+            }
+        }
+        const auto answer = openssl::readOnce(m_ssl, buffer, room);
+        if (answer.result > 0) {
+            return answer.result;
+        }
+        if (answer.result == 0) {
+            break;
+        }
+        if (!answer.wantsIo()) {
+            raiseWithNumber(failures::receiveFailed, receiveText, answer.error);
+        }
+    }
+    errno = 0; // tells the end from a socket that has nothing yet
+    return 0;
+}
+
+} // namespace Norvane::Crypto::NVSSL

@@ -1,0 +1,78 @@
+#include "openssl/Connection.h"
+
+#include "openssl/ErrorQueue.h"
+#include "openssl/SigpipeGuard.h"
+
+#include <openssl/err.h>
+
+#include <cerrno>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+/// A stale entry in the queue would turn a want into a failure. What the system refused joins the queue, where OpenSSL
+/// leaves it in errno alone.
+template <class Call> SslAnswer framed(SSL* ssl, const char* name, Call call) {
+    const SigpipeGuard guard;
+    ERR_clear_error();
+    errno = 0;
+    const int result = call();
+    if (result > 0) {
+        return {result, SSL_ERROR_NONE};
+    }
+    const SslAnswer answer{result, SSL_get_error(ssl, result)};
+    if (answer.error == SSL_ERROR_SYSCALL && errno != 0 && ERR_peek_error() == 0) {
+        queueError(name, ERR_LIB_SYS, errno);
+    }
+    return answer;
+}
+
+/// From now on the end of the plain connection is no error. In the handshake it is one, and its reason is told.
+SslAnswer afterHandshake(SSL* ssl, SslAnswer answer) {
+    if (answer.result == 1) {
+        SSL_set_options(ssl, SSL_OP_IGNORE_UNEXPECTED_EOF);
+        ERR_clear_error(); // a chain that did not verify and was let through
+    }
+    return answer;
+}
+
+} // namespace
+
+SslAnswer connectOnce(SSL* ssl) {
+    return afterHandshake(ssl, framed(ssl, "SSL_connect", [ssl] { return SSL_connect(ssl); }));
+}
+
+SslAnswer acceptOnce(SSL* ssl) {
+    return afterHandshake(ssl, framed(ssl, "SSL_accept", [ssl] { return SSL_accept(ssl); }));
+}
+
+SslAnswer writeOnce(SSL* ssl, const unsigned char* data, int length) {
+    return framed(ssl, "SSL_write", [=] { return SSL_write(ssl, data, length); });
+}
+
+SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length) {
+    SslAnswer answer = framed(ssl, "SSL_read", [=] { return SSL_read(ssl, buffer, length); });
+    if (answer.result <= 0 && BIO_eof(SSL_get_rbio(ssl)) == 1) {
+        // OpenSSL now takes the end of the plain connection for a close notify: take that back.
+        SSL_set_shutdown(ssl, SSL_get_shutdown(ssl) & ~SSL_RECEIVED_SHUTDOWN);
+        answer.result = 0;
+    }
+    if (answer.result == 0) {
+        ERR_clear_error();
+    }
+    return answer;
+}
+
+bool closedByPeer(const SSL* ssl) {
+    return (SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
+void shutdownAndFree(SSL* ssl) noexcept {
+    const SigpipeGuard guard;
+    const ErrorMark quiet;
+    SSL_shutdown(ssl);
+    SSL_free(ssl);
+}
+
+} // namespace Norvane::Crypto::openssl

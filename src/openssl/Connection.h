@@ -1,0 +1,35 @@
+#pragma once
+
+/// \file
+/// The calls on a TLS connection, each in the same frame: SIGPIPE kept from the thread, the error queue empty before.
+
+#include <openssl/ssl.h>
+
+namespace Norvane::Crypto::openssl {
+
+/// What a call answered, and SSL_get_error's reading of it (SSL_ERROR_NONE when it succeeded). Other errors than the
+/// wants leave OpenSSL's reasons in the queue.
+struct SslAnswer {
+    int result;
+    int error;
+
+    /// The call has to be made again when the plain connection can be read, or written.
+    [[nodiscard]] bool wantsIo() const noexcept {
+        return result < 0 && (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE);
+    }
+};
+
+SslAnswer connectOnce(SSL* ssl);
+SslAnswer acceptOnce(SSL* ssl);
+SslAnswer writeOnce(SSL* ssl, const unsigned char* data, int length);
+/// At the end of the stream the result is 0, each time, and the queue empty. That of the plain connection alone is one,
+/// as it was for the older interface, and writing goes on to work; only a close notify shows in SSL_get_shutdown.
+SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length);
+
+/// Whether the peer's close notify came: nothing can follow.
+bool closedByPeer(const SSL* ssl);
+
+/// Sends a close notify, frees the connection, and leaves the queue as it was.
+void shutdownAndFree(SSL* ssl) noexcept;
+
+} // namespace Norvane::Crypto::openssl
