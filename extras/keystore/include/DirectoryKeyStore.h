@@ -64,6 +64,10 @@
 
 namespace Norvane::Crypto::NVX509 {
 
+namespace keystore {
+struct Snapshot;
+} // namespace keystore
+
 /// The plug-in. Hold it through `RefDirectoryKeyStore`, which can also `reload()` it.
 class NORVCRYPTO_EXPORT DirectoryKeyStore : public KeyStorePlugin {
 public:
@@ -163,15 +167,13 @@ public:
     KeyCertificatePair findDecryptionKey(const EmailAddress& address) override;
 
 private:
-    struct Snapshot;
-
-    [[nodiscard]] std::shared_ptr<const Snapshot> snapshot() const;
+    [[nodiscard]] std::shared_ptr<const keystore::Snapshot> snapshot() const;
     [[nodiscard]] KeyCertificatePair findPair(const EmailAddress& address, Purpose purpose) const;
 
     std::string m_directory;
     Mutex m_loading;       ///< held by the one load that runs
     mutable Mutex m_mutex; ///< guards `m_snapshot`, the handle, and is never held for longer than its copy
-    std::shared_ptr<const Snapshot> m_snapshot;
+    std::shared_ptr<const keystore::Snapshot> m_snapshot;
 };
 
 } // namespace Norvane::Crypto::NVX509

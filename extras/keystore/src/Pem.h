@@ -1,0 +1,28 @@
+#pragma once
+
+/// \file
+/// What stands in the PEM files of an identity.
+
+#include <norvcmsg/Buffer.h>
+#include <norvcrypto/Certificate.h>
+#include <norvcrypto/Key.h>
+
+#include <list>
+#include <optional>
+
+namespace Norvane::Crypto::NVX509::keystore {
+
+/// All certificates of a text, warmed, so that threads can share them; at least one. \throws Refusal: none, or one that
+/// does not decode
+std::list<RefCertificate> certificatesOf(const Buffer& pem);
+
+/// The one line of a passphrase file, without its end. \throws Refusal
+Buffer passphraseOf(const Buffer& text);
+
+/// The first private key of a text. Never prompts. \throws Refusal
+RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase);
+
+/// Whether a private key and a certificate belong together.
+bool belongTogether(const RefKey& key, const RefCertificate& certificate);
+
+} // namespace Norvane::Crypto::NVX509::keystore

@@ -1,0 +1,342 @@
+// Who is found: precedence of patterns, fitness for a purpose, issuer and serial number, and the explanation.
+
+#include "Store.h"
+
+#include <gmock/gmock.h>
+
+using namespace keystoretesting;
+using norvauthority::Time;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Purpose = DirectoryKeyStore::Purpose;
+
+namespace {
+
+class DirectoryKeyStoreLookUpTest : public DirectoryKeyStoreTest {};
+
+constexpr long day = 86400;
+
+CertificateRequest expired() {
+    return {.notBefore = Time::fromNow(-20 * day), .notAfter = Time::fromNow(-10 * day)};
+}
+
+CertificateRequest usage(unsigned int bits) {
+    return {.keyUsage = bits};
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, AnswersAllFourLookUps) {
+    m_store.add("alice", "alice@example.com\n");
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store), IsEmpty());
+    const auto pair = store->findSigningKey(address("alice@example.com"));
+    EXPECT_EQ(who(pair), "alice");
+    EXPECT_FALSE(pair->key.isNull());
+    EXPECT_EQ(who(store->findDecryptionKey(address("alice@example.com"))), "alice");
+    EXPECT_EQ(who(store->findEncryptionCertificate(address("alice@example.com"))), "alice");
+    EXPECT_EQ(store->find(pair->certificate->issuer(), pair->certificate->serialNumber()), pair);
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, WithoutAnAnswerGivesEmptyPairsAndNeverNullOnes) {
+    m_store.add("alice", "alice@example.com\n");
+    const auto store = open();
+    const auto nobody = address("bob@example.com");
+    ASSERT_TRUE(store->findSigningKey(nobody));
+    EXPECT_TRUE(store->findSigningKey(nobody)->certificate.isNull());
+    ASSERT_TRUE(store->findDecryptionKey(nobody));
+    EXPECT_TRUE(store->findDecryptionKey(nobody)->certificate.isNull());
+    EXPECT_TRUE(store->findEncryptionCertificate(nobody).isNull());
+    const auto pair = store->find(DistinguishedName(), ASN1::Integer());
+    ASSERT_TRUE(pair);
+    EXPECT_TRUE(pair->certificate.isNull());
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, TheLongerLiteralPartWins) {
+    m_store.add("a-everybody", "*\n");
+    m_store.add("b-domain", "*@example.com\n");
+    m_store.add("c-department", "sales-*@example.com\n");
+    m_store.add("d-person", "sales-anna@example.com\n");
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "sales-anna@example.com"), "d-person");
+    EXPECT_EQ(signerFor(store, "sales-bert@example.com"), "c-department");
+    EXPECT_EQ(signerFor(store, "carl@example.com"), "b-domain");
+    EXPECT_EQ(signerFor(store, "carl@example.org"), "a-everybody");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, TheLiteralPartCountsEveryByteThatIsNoWildcardWhereverItStands) {
+    m_store.add("a-ends", "an*example.com\n");    // 13 bytes in two runs
+    m_store.add("b-run", "*@example.com\n");      // 12 bytes in one
+    m_store.add("c-marks", "????@example.com\n"); // 12 bytes and single wildcards
+    m_store.add("d-umlaut", "*@b\xC3\xBC"
+                            "cher.example\n*\xC3\xBC"
+                            "cher.exampl?\n");                   // the umlaut counts two
+    m_store.add("e-umlaut", "*cher.example\n*b?cher.example\n"); // 13 and 13
+    const auto store = open();
+    EXPECT_THAT(
+        explained(store, "anna@example.com", Purpose::signing),
+        ElementsAre("a-ends: an*example.com: fit *", "b-run: *@example.com: fit", "c-marks: ????@example.com: fit"));
+    EXPECT_THAT(explained(store,
+                          "x@b\xC3\xBC"
+                          "cher.example",
+                          Purpose::signing),
+                ElementsAre("d-umlaut: *@b\xC3\xBC"
+                            "cher.example: fit *",
+                            "e-umlaut: *b?cher.example: fit",
+                            "d-umlaut: *\xC3\xBC"
+                            "cher.exampl?: fit",
+                            "e-umlaut: *cher.example: fit"));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, OfEquallyLongPatternsTheEarlierInItsFileWinsWhateverItsFolder) {
+    m_store.add("a", "first@example.com\n# no pattern\n\nx*@example.com\n");
+    m_store.add("b", "*x@example.com\n");
+    const auto store = open();
+    EXPECT_THAT(explained(store, "x@example.com", Purpose::signing),
+                ElementsAre("b: *x@example.com: fit *", "a: x*@example.com: fit"));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, OfEqualPatternsTheFolderWhoseNameIsLessWins) {
+    m_store.add("b", "*@example.com\n");
+    m_store.add("B", "*@example.com\n");
+    m_store.add("a", "*@example.com\n");
+    const auto store = open();
+    EXPECT_THAT(foldersOf(store), ElementsAre("B", "a", "b"));
+    EXPECT_EQ(signerFor(store, "x@example.com"), "B");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, PrecedenceListsAllPatternsOfTheStore) {
+    m_store.add("a", "*\n*@example.com\n");
+    m_store.add("b", "anna@example.com\n*@example.com\n*\n");
+    const auto contents = open()->contents();
+    std::vector<std::string> order;
+    for (const auto& place : contents->precedence) {
+        const auto& one = contents->identities.at(place.identity);
+        order.push_back(one.folder + " " + one.owners.at(place.owner).pattern.text());
+    }
+    EXPECT_THAT(order, ElementsAre("b anna@example.com", "a *@example.com", "b *@example.com", "a *", "b *"));
+}
+
+// Whatever way a pattern is filed, it matches what `StringPattern` says.
+TEST_F(DirectoryKeyStoreLookUpTest, EveryKindOfPatternMatchesAsItDoesByItself) {
+    const std::vector<std::string> patterns = {"anna@example.com",
+                                               "Anna@Example.COM",
+                                               "anna@*",
+                                               "*@example.com",
+                                               "*@EXAMPLE.com",
+                                               "a?na@example.com",
+                                               "*@*.example.com",
+                                               "*@exam?le.com",
+                                               "*",
+                                               "?*",
+                                               "*.com",
+                                               "anna*",
+                                               "*@",
+                                               "@example.com",
+                                               "*@[192.0.2.1]",
+                                               "\"a@b\"@example.com",
+                                               "*a@b*@example.com",
+                                               "*b\"@example.com",
+                                               "example.com",
+                                               "*@example.com*",
+                                               "an*@ex*",
+                                               "**@example.com",
+                                               "*@@example.com",
+                                               "# *"};
+    std::string owners;
+    for (const auto& pattern : patterns) {
+        owners += (pattern.front() == '#' ? "" : pattern + "\n");
+    }
+    m_store.add("all", owners);
+    const auto store = open();
+    const std::vector<std::string> addresses = {"",
+                                                "anna@example.com",
+                                                "ANNA@example.com",
+                                                "anna@EXAMPLE.com",
+                                                "Anna@Example.COM",
+                                                "x@mail.example.com",
+                                                "x@example.org",
+                                                "x@[192.0.2.1]",
+                                                "\"a@b\"@example.com",
+                                                "\"a@B\"@Example.com"};
+    for (const auto& text : addresses) {
+        ASSERT_EQ(address(text).address(), text);
+        std::vector<std::string> found;
+        const auto explanation = store->explain(address(text), Purpose::signing);
+        for (const auto& match : explanation.matches) {
+            found.push_back(explanation.contents->identities[0].owners[match.place.owner].pattern.text());
+        }
+        std::vector<std::string> expected;
+        for (const auto& pattern : patterns) {
+            if (pattern.front() != '#' && Norvane::StringPattern(pattern).matches(text)) {
+                expected.push_back(pattern);
+            }
+        }
+        EXPECT_THAT(found, testing::UnorderedElementsAreArray(expected)) << text;
+    }
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, PatternsHaveNoEscapes) {
+    m_store.add("a", "a\\*b@example.com\n");
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "a*b@example.com"), "nobody");
+    EXPECT_EQ(signerFor(store, "\"a\\xb\"@example.com"), "nobody");
+    EXPECT_EQ(store->contents()->identities.front().owners.front().pattern.literalLength(), 15U);
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, EmptyAndNullAddressesAreLookedUpAsTheEmptyText) {
+    m_store.add("a", "*@*\n?*\n");
+    EXPECT_EQ(who(open()->findSigningKey(EmailAddress())), "nobody");
+    m_store.add("b", "*\n");
+    const auto store = open();
+    EXPECT_EQ(who(store->findSigningKey(EmailAddress())), "b");
+    EXPECT_EQ(who(store->findEncryptionCertificate(address(""))), "b");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, AnIdentityWithoutKeyIsOnlyEncryptedTo) {
+    m_store.add("partner", "*@partner.example\n", identity("partner"), false);
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store), IsEmpty());
+    EXPECT_FALSE(store->contents()->identities.front().hasKey);
+    EXPECT_EQ(recipientFor(store, "x@partner.example"), "partner");
+    EXPECT_EQ(signerFor(store, "x@partner.example"), "nobody");
+    EXPECT_EQ(who(store->findDecryptionKey(address("x@partner.example"))), "nobody");
+    const auto certificate = store->contents()->identities.front().certificate;
+    EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "nobody");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, ALessPreciseIdentityWithKeySignsForOneWithout) {
+    m_store.add("domain", "*@example.com\n");
+    m_store.add("person", "anna@example.com\n", identity("person"), false);
+    const auto store = open();
+    EXPECT_EQ(recipientFor(store, "anna@example.com"), "person");
+    EXPECT_EQ(signerFor(store, "anna@example.com"), "domain");
+    EXPECT_THAT(explained(store, "anna@example.com", Purpose::signing),
+                ElementsAre("person: anna@example.com: no key", "domain: *@example.com: fit *"));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, AValidCertificateIsTakenBeforeAnExpiredOneForEveryPurpose) {
+    m_store.add("2025", "anna@example.com\n", identity("2025", expired()));
+    m_store.add("2026", "*@example.com\n");
+    const auto store = open();
+    for (const auto purpose : {Purpose::signing, Purpose::encryption, Purpose::decryption}) {
+        EXPECT_THAT(explained(store, "anna@example.com", purpose),
+                    ElementsAre("2025: anna@example.com: out of validity", "2026: *@example.com: fit *"));
+    }
+    EXPECT_EQ(signerFor(store, "anna@example.com"), "2026");
+    EXPECT_EQ(recipientFor(store, "anna@example.com"), "2026");
+    EXPECT_EQ(who(store->findDecryptionKey(address("anna@example.com"))), "2026");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, AnExpiredOrFutureCertificateIsTakenWhenNothingElseMatches) {
+    m_store.add("future", "*@example.com\n",
+                identity("future", {.notBefore = Time::fromNow(10 * day), .notAfter = Time::fromNow(20 * day)}));
+    m_store.add("past", "anna@example.com\n", identity("past", expired()));
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "anna@example.com"), "past");
+    EXPECT_EQ(recipientFor(store, "bert@example.com"), "future");
+    EXPECT_EQ(who(store->findDecryptionKey(address("anna@example.com"))), "past");
+    EXPECT_THAT(explained(store, "anna@example.com", Purpose::decryption),
+                ElementsAre("past: anna@example.com: out of validity *", "future: *@example.com: out of validity"));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, OldCertificatesAreFoundByIssuerAndSerialNumber) {
+    m_store.add("2025", "", identity("2025", expired()));
+    m_store.add("2026", "*@example.com\n");
+    const auto store = open();
+    const auto old = store->contents()->identities.front().certificate;
+    EXPECT_EQ(who(store->find(old->issuer(), old->serialNumber())), "2025");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, SigningAndEncryptionCertificatesOfOneOwnerAreToldApartByKeyUsage) {
+    m_store.add("a-signs", "anna@example.com\n", identity("a-signs", usage(0x80)));
+    m_store.add("b-encrypts", "anna@example.com\n", identity("b-encrypts", usage(0x20)));
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "anna@example.com"), "a-signs");
+    EXPECT_EQ(recipientFor(store, "anna@example.com"), "b-encrypts");
+    EXPECT_EQ(who(store->findDecryptionKey(address("anna@example.com"))), "b-encrypts");
+    EXPECT_THAT(explained(store, "anna@example.com", Purpose::encryption),
+                ElementsAre("a-signs: anna@example.com: usage", "b-encrypts: anna@example.com: fit *"));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, EachKeyUsageAllowsWhatItSays) {
+    struct {
+        unsigned int bits;
+        const char* signer;
+        const char* recipient;
+    } const rows[] = {{0x80, "x", "nobody"}, {0x40, "x", "nobody"},      {0x20, "nobody", "x"}, {0x10, "nobody", "x"},
+                      {0x08, "nobody", "x"}, {0x06, "nobody", "nobody"}, {0xA0, "x", "x"}};
+    for (const auto& row : rows) {
+        m_store.add("x", "*\n", identity("x", usage(row.bits)));
+        const auto store = open();
+        EXPECT_EQ(signerFor(store, "a@example.com"), row.signer) << row.bits;
+        EXPECT_EQ(recipientFor(store, "a@example.com"), row.recipient) << row.bits;
+        const auto certificate = store->contents()->identities.front().certificate;
+        EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "x") << row.bits;
+    }
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, FindsByIssuerAndSerialNumberAmongMany) {
+    const std::vector<std::string> serials = {"1", "2", "7f", "80", "ff", "100", "7fffffffffffffffffffffffffffffff"};
+    std::vector<norvauthority::Identity> issuers;
+    for (const auto* name : {"Root A", "Root B", "root a "}) { // the third is the first, as names are compared
+        issuers.push_back(norvauthority::issue({.subject = {{"CN", name}}, .key = x509testing::anyKey()}));
+    }
+    for (std::size_t issuer = 0; issuer < 2; ++issuer) {
+        for (const auto& serial : serials) {
+            const std::string name = serial + " of " + std::to_string(issuer);
+            m_store.folder(name);
+            m_store.file(name + "/cert.pem", norvauthority::issue({.subject = {{"CN", name}},
+                                                                   .key = x509testing::anyKey(),
+                                                                   .issuer = &issuers[issuer],
+                                                                   .serial = serial})
+                                                 .certificate.pem());
+            m_store.file(name + "/key.pem", x509testing::anyKey().pkcs8Pem());
+        }
+    }
+    const auto store = open();
+    for (std::size_t issuer = 0; issuer < 3; ++issuer) {
+        const auto root = x509testing::read(issuers[issuer]);
+        for (const auto& serial : serials) {
+            const auto wanted =
+                x509testing::read(norvauthority::issue({.key = x509testing::anyKey(), .serial = serial}));
+            EXPECT_EQ(who(store->find(root->subject(), wanted->serialNumber())),
+                      serial + " of " + std::to_string(issuer % 2));
+        }
+        const auto other = x509testing::read(norvauthority::issue({.key = x509testing::anyKey(), .serial = "3"}));
+        EXPECT_EQ(who(store->find(root->subject(), other->serialNumber())), "nobody");
+    }
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, OfTwoFoldersWithOneCertificateTheOneWithTheKeyAnswers) {
+    const auto both = identity("both");
+    m_store.add("a", "", both, false);
+    m_store.add("b", "", both);
+    m_store.add("c", "", both);
+    const auto store = open();
+    const auto& contents = *store->contents();
+    const auto pair =
+        store->find(contents.identities[0].certificate->issuer(), contents.identities[0].certificate->serialNumber());
+    EXPECT_FALSE(pair->key.isNull());
+    EXPECT_EQ(static_cast<x509_st*>(pair->certificate), static_cast<x509_st*>(contents.identities[1].certificate));
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, ThePluginIsTheSameStore) {
+    m_store.add("alice", "alice@example.com\n");
+    RefKeyStore keys(true);
+    {
+        const auto store = open();
+        keys->add(store.plugin());
+    }
+    EXPECT_EQ(who(keys->findSigningKey(address("alice@example.com"))), "alice");
+    EXPECT_FALSE(keys->findSigningKey(address("bob@example.com")));
+    EXPECT_TRUE(RefDirectoryKeyStore().plugin().isNull());
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, LookUpsLogNothingAboutExpiredCertificates) {
+    m_store.add("past", "*\n", identity("past", expired()));
+    const x509testing::Log log;
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "a@example.com"), "past");
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+} // namespace
