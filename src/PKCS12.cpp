@@ -2,9 +2,12 @@
 
 #include "failures/Raise.h"
 #include "openssl/Pkcs12.h"
+#include "openssl/Pkcs12Work.h"
 #include "openssl/TrueCountBio.h"
 
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace Norvane::Crypto::PKCS12 {
 
@@ -29,6 +32,11 @@ NVX509::RefCertificate unownedHandleOn(openssl::CertificatePtr x509) {
     return certificate;
 }
 
+[[noreturn]] void raiseTooCostly() {
+    failures::raise(failures::pkcs12Read, "The PKCS#12 structure asks for more than " +
+                                              std::to_string(openssl::mostIterations) + " iterations");
+}
+
 } // namespace
 
 Store::Store() = default;
@@ -46,10 +54,16 @@ Store::~Store() = default;
 
 void Store::read(const std::string& password) {
     if (!m_p12) {
-        failures::raise(failures::pkcs12Empty, "The store holds no PKCS#12 structure");
+        failures::raise(failures::pkcs12Read, "The store holds no PKCS#12 structure");
+    }
+    if (!openssl::isMacAffordable(m_p12.get())) {
+        raiseTooCostly();
     }
     if (!openssl::verifyPassword(m_p12.get(), password)) {
         failures::raiseWithErrors(failures::pkcs12Password);
+    }
+    if (!openssl::isContentAffordable(m_p12.get(), password)) {
+        raiseTooCostly();
     }
     openssl::Identity found;
     if (!openssl::parsePkcs12(m_p12.get(), password, found)) {

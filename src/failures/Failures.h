@@ -68,7 +68,7 @@ inline constexpr Failure verifierIsValid{"CertificateVerifier::isValid", operati
 inline constexpr Failure pkcs12Decode{"Crypto::PKCS12::Store", operationFailed, "PKCS12", 23};
 inline constexpr Failure pkcs12Password{"Crypto::PKCS12::read - Incorrect password", operationFailed, "PKCS12", 56};
 inline constexpr Failure pkcs12Parse{"Crypto::PKCS12::read - parsing error.", operationFailed, "PKCS12", 67};
-inline constexpr Failure pkcs12Empty{"Crypto::PKCS12::read", operationFailed, "PKCS12"};
+inline constexpr Failure pkcs12Read{"Crypto::PKCS12::read", operationFailed, "PKCS12"};
 
 // Encryption
 inline constexpr Failure generateIV{"Crypto::IntializationVectorGenerator::generateIV", operationFailed, "Encryption",

@@ -38,7 +38,27 @@ namespace detail {
 struct FreeingPkcs12 {
     void operator()(PKCS12_st* structure) const noexcept { PKCS12_free(structure); }
 };
+inline norvauthority::Bytes encoded(PKCS12_st& structure) {
+    unsigned char* bytes = nullptr;
+    const int length = i2d_PKCS12(&structure, &bytes);
+    norvauthority::Bytes der(bytes, bytes + length);
+    OPENSSL_free(bytes);
+    return der;
+}
 } // namespace detail
+
+/// `der` with a MAC of our own making: what an attacker who knows the password sends.
+inline norvauthority::Bytes withMac(const norvauthority::Bytes& der, const std::string& password) {
+    const unsigned char* at = der.data();
+    const std::unique_ptr<PKCS12_st, detail::FreeingPkcs12> structure(
+        d2i_PKCS12(nullptr, &at, static_cast<long>(der.size())));
+    if (!structure || PKCS12_set_mac(structure.get(), password.data(), static_cast<int>(password.size()), nullptr, 0, 1,
+                                     nullptr) != 1) {
+        ERR_clear_error();
+        return {};
+    }
+    return detail::encoded(*structure);
+}
 
 inline norvauthority::Bytes pkcs12(const Pkcs12Request& request) {
     std::vector<norvauthority::X509Ptr> kept;
@@ -64,11 +84,7 @@ inline norvauthority::Bytes pkcs12(const Pkcs12Request& request) {
             throw std::runtime_error("PKCS12_set_mac");
         }
     }
-    unsigned char* encoded = nullptr;
-    const int length = i2d_PKCS12(structure.get(), &encoded);
-    norvauthority::Bytes der(encoded, encoded + length);
-    OPENSSL_free(encoded);
-    return der;
+    return detail::encoded(*structure);
 }
 
 /// A store over bytes.

@@ -263,6 +263,10 @@ struct CrlRequest {
 /// Issues a list signed by `request.issuer`.
 Crl issueList(const CrlRequest& request);
 
+/// The value of a crossCertificatePair attribute (RFC 4523, 2.3): forward under [0], reverse under [1]; null leaves one
+/// out.
+Bytes crossPair(const Certificate* forward, const Certificate* reverse);
+
 /// A ContentInfo (RFC 5652 section 3) of any type: `typeOctets` are the content octets of the object identifier, as
 /// they stand (arcs that wrap 32 bits included); `content` is the element inside [0], left out when unset.
 Bytes contentInfo(const Bytes& typeOctets, const std::optional<Bytes>& content);

@@ -281,6 +281,15 @@ Crl issueList(const CrlRequest& request) {
     return {signedStructure(der::sequence(parts), signer, request.digest)};
 }
 
+Bytes crossPair(const Certificate* forward, const Certificate* reverse) {
+    std::vector<Bytes> parts;
+    if (forward != nullptr)
+        parts.push_back(der::element(der::contextConstructed(0), forward->der));
+    if (reverse != nullptr)
+        parts.push_back(der::element(der::contextConstructed(1), reverse->der));
+    return der::sequence(parts);
+}
+
 Bytes contentInfo(const Bytes& typeOctets, const std::optional<Bytes>& content) {
     std::vector<Bytes> parts{der::rawOid(typeOctets)};
     if (content)
