@@ -102,7 +102,7 @@ public:
     /// \throws Exception "Crypto::EncrypterMediaOut::write", code 4, file Encryption, line 150, the OpenSSL errors:
     /// OpenSSL failed; nothing was passed on
     /// \throws Exception the same, detail "written to after its end": `end()` was called before
-    /// \throws Exception "operator->", code 1: there is no target; the bytes are lost
+    /// \throws Exception "operator->", code 1: there is no target; nothing was taken
     /// \throws what the target throws, unchanged; how much it took of these bytes is for the target to say
     void write(const unsigned char* data, unsigned int length) override;
 
@@ -137,7 +137,7 @@ public:
     /// \throws Exception "Crypto::Decrypter::write", code 4, file Encryption, line 246, the OpenSSL errors: OpenSSL
     /// failed; nothing was passed on
     /// \throws Exception the same, detail "written to after its end": `end()` was called before
-    /// \throws Exception "operator->", code 1: there is no target; the bytes are lost
+    /// \throws Exception "operator->", code 1: there is no target; nothing was taken
     /// \throws what the target throws, unchanged; how much it took of these bytes is for the target to say
     void write(const unsigned char* data, unsigned int length) override;
 

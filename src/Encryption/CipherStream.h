@@ -80,10 +80,11 @@ public:
         if (!m_context) {
             failures::raise(Direction::write, "written to after its end");
         }
-        constexpr unsigned int most = 1U << 30U; // OpenSSL counts in int, the block that is held back included
+        MediaOutImpl* const out = target.operator->(); // without a target it throws before a byte is taken
+        constexpr unsigned int most = 1U << 30U;       // OpenSSL counts in int, the block that is held back included
         for (unsigned int done = 0; done < length;) {
             const unsigned int piece = std::min(length - done, most);
-            writePiece(target, data + done, piece);
+            writePiece(*out, data + done, piece);
             done += piece;
         }
     }
@@ -96,7 +97,7 @@ public:
             finalize();
         }
         if (m_last) {
-            target.write(*m_last);
+            target.write(m_last->data(), m_last->length());
             m_last.reset();
         }
         target.end();
@@ -104,7 +105,7 @@ public:
     }
 
 private:
-    void writePiece(MediaOut& target, const unsigned char* data, unsigned int length) {
+    void writePiece(MediaOutImpl& target, const unsigned char* data, unsigned int length) {
         constexpr unsigned int small = 4096;
         constexpr unsigned int room = 32;             // for a block that is held back
         std::array<unsigned char, small + room> area; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below

@@ -84,8 +84,11 @@ int crypt(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, 
     return 1;
 }
 
+/// Called a second time, without a state, where a context gets another cipher.
 int end(EVP_CIPHER_CTX* context) {
-    wipe(stateOf(context));
+    if (EVP_CIPHER_CTX_get_cipher_data(context) != nullptr) {
+        wipe(stateOf(context));
+    }
     return 1;
 }
 
