@@ -266,6 +266,8 @@ public:
     /// The certificate that the content key was encrypted for.
     const IssuerAndSerialNumber& issuerAndSerialNumber() const;
 
+    operator pkcs7_recip_info_st*() const;
+
 private:
     const pkcs7_recip_info_st* m_value;
     mutable detail::CachedValue<IssuerAndSerialNumber, pkcs7_issuer_and_serial_st> m_issuerAndSerialNumber;

@@ -5,6 +5,7 @@
 #include "openssl/StreamExceptions.h"
 
 #include <utility>
+#include <vector>
 
 namespace Norvane::Crypto::CMS {
 
@@ -32,6 +33,9 @@ void StructureStream::detach() {
 }
 
 void StructureStream::write(const Buffer& data) {
+    if (m_finished) {
+        return;
+    }
     if (m_buffer.size() - m_buffer.length() < data.length()) {
         m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
         m_buffer.length(0);
@@ -40,18 +44,27 @@ void StructureStream::write(const Buffer& data) {
 }
 
 void StructureStream::end(const failures::Failure& finishing, const failures::Failure& writing) {
+    if (!m_finished) {
+        finish(finishing);
+    }
+    if (const openssl::ContentSink* content = m_chain->collected()) {
+        send(*content, writing);
+    } else {
+        send(writing);
+    }
+    m_out.end();
+}
+
+void StructureStream::finish(const failures::Failure& finishing) {
     m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
     m_chain->flush();
-    {
-        // Refused for structures that carry their content, which then stay as they are.
-        const openssl::ErrorMark mark;
-        static_cast<void>(PKCS7_ctrl(m_structure, PKCS7_OP_SET_DETACHED_SIGNATURE, 1, nullptr));
-    }
+    // Refused for structures that carry their content, which then stay as they are; the entry that the refusal leaves in
+    // the error queue is left there.
+    static_cast<void>(PKCS7_ctrl(m_structure, PKCS7_OP_SET_DETACHED_SIGNATURE, 1, nullptr));
     if (!m_chain->finish(m_structure)) {
         failures::raiseWithErrors(finishing);
     }
-    send(writing);
-    m_out.end();
+    m_finished = m_chain->collected() != nullptr;
 }
 
 void StructureStream::send(const failures::Failure& writing) {
@@ -60,6 +73,15 @@ void StructureStream::send(const failures::Failure& writing) {
     if (written != 1) {
         failures::raiseWithErrors(writing);
     }
+}
+
+void StructureStream::send(const openssl::ContentSink& content, const failures::Failure& writing) {
+    const std::vector<unsigned char> head = openssl::encodeHead(m_structure, content.length());
+    if (head.empty()) {
+        failures::raiseWithErrors(writing);
+    }
+    m_out.write(head.data(), static_cast<unsigned int>(head.size()));
+    content.forEach([&](const unsigned char* bytes, unsigned int length) { m_out.write(bytes, length); });
 }
 
 } // namespace Norvane::Crypto::CMS

@@ -28,27 +28,34 @@ public:
 
     /// Makes the content chain; false with the reasons in the error queue.
     [[nodiscard]] bool open(openssl::ContentChain::Sink sink);
+    [[nodiscard]] bool isOpen() const noexcept { return m_chain != nullptr; }
 
     void attach(MediaOut& target);
     void detach();
 
-    /// Buffers `data`, after passing on what is buffered when there is no room for it.
+    /// Buffers `data`, after passing on what is buffered when there is no room for it. Dropped once a structure that
+    /// carries its content was finished.
     void write(const Buffer& data);
 
-    /// Finishes the structure and sends it to the target, which is ended. Nothing guards against a second call: it
-    /// passes the buffered bytes on again and sends a second structure.
+    /// Finishes the structure and sends it to the target, which is ended. A second call sends the same structure again
+    /// when it carries its content; else nothing guards against one: it passes the buffered bytes on again and sends a
+    /// second structure.
     /// \throws Exception `finishing`, with the OpenSSL errors: the structure cannot be finished
     /// \throws Exception `writing`, with the OpenSSL errors: it cannot be encoded
     /// \throws what the target throws
     void end(const failures::Failure& finishing, const failures::Failure& writing);
 
 private:
+    void finish(const failures::Failure& finishing);
     void send(const failures::Failure& writing);
+    /// Sends the structure around its content, so that no more than one copy of that is ever made.
+    void send(const openssl::ContentSink& content, const failures::Failure& writing);
 
     RefContentInfo m_structure;
     BIOMediaOut m_out;
     std::unique_ptr<openssl::ContentChain> m_chain;
     Buffer m_buffer;
+    bool m_finished = false; // what is collected can be finished once
 };
 
 } // namespace Norvane::Crypto::CMS

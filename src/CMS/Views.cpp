@@ -159,6 +159,10 @@ const IssuerAndSerialNumber& RecipientInfo::issuerAndSerialNumber() const {
     return m_issuerAndSerialNumber.around(fieldOf(m_value, &pkcs7_recip_info_st::issuer_and_serial));
 }
 
+RecipientInfo::operator pkcs7_recip_info_st*() const {
+    return const_cast<pkcs7_recip_info_st*>(m_value);
+}
+
 EnvelopedData::EnvelopedData(const pkcs7_enveloped_st* value) : m_value(value) {}
 EnvelopedData::EnvelopedData(const EnvelopedData& other) = default;
 EnvelopedData& EnvelopedData::operator=(const EnvelopedData& other) = default;

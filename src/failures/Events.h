@@ -50,6 +50,11 @@ inline void logFailure(Event event, const Failure& failure, const std::string& t
                                     failure.file, static_cast<int>(failure.line), text.c_str());
 }
 
+/// Logs a text and a number, each a field of its own.
+inline void logEvent(Event event, const std::string& text, int number) {
+    Logger::instance(false).message(static_cast<unsigned int>(event), 0, "%s\x01%d", text.c_str(), number);
+}
+
 /// Logs a numbered message under `Event::x509`.
 inline void logX509(X509Message message, const std::string& text) {
     Logger::instance(false).message(static_cast<unsigned int>(Event::x509), 0, "%d\x01%s", static_cast<int>(message),

@@ -112,6 +112,9 @@ inline constexpr Failure enveloperDataInit{encrypterMediaConstructor, operationF
 inline constexpr Failure enveloperAddRecipient{"CMS::EncrypterMediaOutImpl::addCertificate", operationFailed,
                                                "CMSEncryptionMedia", 96};
 inline constexpr Failure enveloperEnd{"CMS::EncrypterMediaOutImpl::end", operationFailed, "CMSEncryptionMedia", 136};
+inline constexpr Failure enveloperWrite{"CMS::EncrypterMediaOutImpl::end", operationFailed, "CMSEncryptionMedia"};
+inline constexpr Failure enveloperAttach{"CMS::EncrypterMediaOut::attach", nullHandle, "CMSEncryptionMedia"};
+inline constexpr Failure decrypterBody{"CMS::DecrypterMediaIn", nullHandle, "CMSEncryptionMedia"};
 
 // CertBinding: logged, never thrown
 inline constexpr const char* bindingConstructor =

@@ -3,6 +3,7 @@
 /// \file
 /// The BIO chain through which a structure's content passes while it is digested or encrypted.
 
+#include "openssl/ContentSink.h"
 #include "openssl/Pointers.h"
 
 #include <cstddef>
@@ -10,7 +11,7 @@
 
 namespace Norvane::Crypto::openssl {
 
-/// The chain that `PKCS7_dataInit` makes: digest or cipher BIOs over a memory sink.
+/// The chain that `PKCS7_dataInit` makes: digest or cipher BIOs over a sink of our own.
 class ContentChain {
 public:
     /// What becomes of the content behind the last digest or cipher.
@@ -25,16 +26,21 @@ public:
     ContentChain(const ContentChain&) = delete;
     ContentChain& operator=(const ContentChain&) = delete;
 
-    /// Passes bytes of any number through the chain. Digests do not fail; a cipher's failure shows in `finish`.
+    /// Passes bytes of any number through the chain. A failure shows in `finish`.
     void write(const unsigned char* bytes, std::size_t length) noexcept;
     void flush() noexcept;
-    /// Makes the structure from what passed; false with the reasons in the error queue.
+    /// Makes the structure from what passed; false with the reasons in the error queue, also when not all of it did.
     [[nodiscard]] bool finish(PKCS7* structure) noexcept;
 
-private:
-    explicit ContentChain(BioChainPtr head) noexcept;
+    /// What was collected; null for a chain that drops it.
+    [[nodiscard]] const ContentSink* collected() const noexcept { return m_sink.get(); }
 
+private:
+    ContentChain(std::unique_ptr<ContentSink> sink, BioChainPtr head) noexcept;
+
+    std::unique_ptr<ContentSink> m_sink;
     BioChainPtr m_head;
+    bool m_failed = false;
 };
 
 } // namespace Norvane::Crypto::openssl

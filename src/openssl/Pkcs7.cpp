@@ -5,6 +5,9 @@
 #include <openssl/asn1t.h>
 #include <openssl/objects.h>
 
+#include <algorithm>
+#include <climits>
+
 namespace Norvane::Crypto::openssl {
 
 namespace {
@@ -27,6 +30,70 @@ bool isPkcs7Type(int nid) noexcept {
         return false;
     }
 }
+
+/// An element that ends where the structure ends, and where its content begins.
+struct LastElement {
+    int tag;
+    int tagClass;
+    bool constructed;
+    std::size_t content;
+    std::size_t start;
+};
+
+/// The elements that end where `der` ends, from the outermost to the primitive one; empty when there is none such.
+std::vector<LastElement> lastElements(const unsigned char* der, std::size_t length) {
+    std::vector<LastElement> elements;
+    std::size_t at = 0;
+    while (at < length) {
+        const unsigned char* content = der + at;
+        long contentLength = 0;
+        int tag = 0;
+        int tagClass = 0;
+        const int flags = ASN1_get_object(&content, &contentLength, &tag, &tagClass, static_cast<long>(length - at));
+        if ((flags & 0x80) != 0) {
+            return {};
+        }
+        const auto contentAt = static_cast<std::size_t>(content - der);
+        const std::size_t end = contentAt + static_cast<std::size_t>(contentLength);
+        if (end == length) {
+            elements.push_back({tag, tagClass, (flags & V_ASN1_CONSTRUCTED) != 0, contentAt, at});
+            if (!elements.back().constructed) {
+                return elements;
+            }
+            at = contentAt;
+        } else {
+            at = end;
+        }
+    }
+    return {};
+}
+
+/// For as long as it lives, a structure has one recipient alone.
+class OneRecipient {
+public:
+    OneRecipient(PKCS7_ENVELOPE* envelope, PKCS7_RECIP_INFO* recipient) noexcept
+        : m_envelope(envelope),
+          m_all(envelope->recipientinfo),
+          m_one(sk_PKCS7_RECIP_INFO_new_null()) {
+        if (m_one != nullptr && sk_PKCS7_RECIP_INFO_push(m_one, recipient) != 0) {
+            m_envelope->recipientinfo = m_one;
+        }
+    }
+    ~OneRecipient() {
+        m_envelope->recipientinfo = m_all;
+        sk_PKCS7_RECIP_INFO_free(m_one);
+    }
+    OneRecipient(const OneRecipient&) = delete;
+    OneRecipient& operator=(const OneRecipient&) = delete;
+
+    /// False when there was no memory.
+    [[nodiscard]] bool alone() const noexcept { return m_envelope->recipientinfo == m_one && m_one != nullptr; }
+
+private:
+    PKCS7_ENVELOPE* m_envelope;
+    STACK_OF(PKCS7_RECIP_INFO) * m_all;
+    STACK_OF(PKCS7_RECIP_INFO) * m_one;
+};
 
 } // namespace
 
@@ -82,6 +149,62 @@ OwnedMemory<unsigned char> encodeSignedAttributes(const PKCS7_SIGNER_INFO* signe
                                       ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
     length = encoded == nullptr || written < 0 ? 0 : written;
     return OwnedMemory<unsigned char>(encoded);
+}
+
+std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t contentLength) {
+    unsigned char* encoded = nullptr;
+    const int encodedLength = i2d_PKCS7(structure, &encoded);
+    const OwnedMemory<unsigned char> owner(encoded);
+    if (encodedLength <= 0) {
+        return {};
+    }
+    const std::vector<LastElement> elements = lastElements(encoded, static_cast<std::size_t>(encodedLength));
+    // Lengths from the innermost element outwards: each encloses what follows its header, the next element included.
+    std::vector<int> lengths(elements.size());
+    int length = contentLength > INT_MAX ? -1 : static_cast<int>(contentLength);
+    for (std::size_t i = elements.size(); i-- != 0 && length >= 0;) {
+        if (i + 1 != elements.size()) {
+            const auto before = static_cast<int>(elements[i + 1].start - elements[i].content);
+            length = length > INT_MAX - before ? -1 : length + before;
+        }
+        lengths[i] = length;
+        length = length < 0 ? -1 : ASN1_object_size(elements[i].constructed ? 1 : 0, length, elements[i].tag);
+    }
+    if (elements.empty() || length < 0) {
+        queueError("i2d_PKCS7", ERR_LIB_ASN1, ASN1_R_TOO_LONG);
+        return {};
+    }
+    std::vector<unsigned char> head(static_cast<std::size_t>(length) - contentLength);
+    unsigned char* out = head.data();
+    for (std::size_t i = 0; i != elements.size(); ++i) {
+        ASN1_put_object(&out, elements[i].constructed ? 1 : 0, lengths[i], elements[i].tag, elements[i].tagClass);
+        const std::size_t end = i + 1 == elements.size() ? elements[i].content : elements[i + 1].start;
+        out = std::copy(encoded + elements[i].content, encoded + end, out);
+    }
+    return head;
+}
+
+const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept {
+    const PKCS7_ENVELOPE* envelope = envelopedContent(structure);
+    return envelope == nullptr || envelope->enc_data == nullptr ? nullptr : envelope->enc_data->enc_data;
+}
+
+bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept {
+    const PKCS7_ISSUER_AND_SERIAL* name = recipient == nullptr ? nullptr : recipient->issuer_and_serial;
+    return certificate != nullptr && name != nullptr &&
+           X509_NAME_cmp(X509_get_issuer_name(certificate), name->issuer) == 0 &&
+           ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), name->serial) == 0;
+}
+
+bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept {
+    PKCS7_ENVELOPE* envelope = envelopedContent(structure);
+    if (envelope == nullptr || recipient == nullptr) {
+        return false;
+    }
+    const OneRecipient one(envelope, recipient);
+    const bool decrypted = one.alone() && PKCS7_decrypt(structure, key, nullptr, out, 0) == 1;
+    ERR_clear_error();
+    return decrypted;
 }
 
 } // namespace Norvane::Crypto::openssl

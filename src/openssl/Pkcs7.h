@@ -8,6 +8,9 @@
 
 #include <openssl/pkcs7.h>
 
+#include <cstddef>
+#include <vector>
+
 namespace Norvane::Crypto::openssl {
 
 /// Decodes one structure from `source`, which leaves nothing in the error queue; null when the bytes are none, with the
@@ -37,5 +40,21 @@ const ASN1_OCTET_STRING* messageDigest(const PKCS7_SIGNER_INFO* signer) noexcept
 /// The bytes that a signature over signed attributes covers: their set, encoded under the universal tag, in the order
 /// received. `length` is 0 when encoding fails.
 OwnedMemory<unsigned char> encodeSignedAttributes(const PKCS7_SIGNER_INFO* signer, int& length) noexcept;
+
+/// The DER of a structure up to the content that ends it, announced with `contentLength` bytes in the place of the empty
+/// one that the structure holds: written before those bytes it gives the whole structure, which is never in one piece.
+/// Empty, with the reasons in the error queue, when it cannot be encoded or would be longer than an `int` counts.
+std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t contentLength);
+
+/// The encrypted content of an enveloped structure; null when there is none or `structure` is no such structure.
+const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept;
+
+/// Whether a certificate is the one that a recipient is named by; false for null.
+bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept;
+
+/// Decrypts the content of an enveloped structure into `out` with the key of one of its recipients. The other
+/// recipients are out of sight meanwhile: OpenSSL would try the key on each of them, and take the content key from the
+/// last that it fits. Leaves OpenSSL's error queue empty; false tells no reason, so that nobody learns one.
+bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept;
 
 } // namespace Norvane::Crypto::openssl
