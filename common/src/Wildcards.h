@@ -6,7 +6,8 @@
 /// The stars cut a pattern into pieces. The first piece has to stand at the start of the text and the last one at its
 /// end; each other one is taken where it occurs first, which leaves most of the text to those after it. A piece without
 /// `?` is searched for as Knuth, Morris and Pratt do, in a time linear in text and piece; one with `?` by tracking all
-/// its prefixes at once as bits of 64-bit words, in as many passes over the text as it takes words.
+/// its prefixes at once as bits of 64-bit words, in as many passes over the text as it takes words. A pattern that wants
+/// more characters than the text has bytes is turned down at once, so that no piece is longer than the text.
 
 #include "Ascii.h"
 #include "Utf8.h"
@@ -28,6 +29,9 @@ public:
           m_step(step) {}
 
     bool matches(std::string_view pattern) {
+        if (leastLength(pattern) > m_text.size()) {
+            return false;
+        }
         const auto first = pattern.find('*');
         if (first == none) {
             return matchAt(pattern, 0) == m_text.size();
@@ -53,6 +57,16 @@ public:
 private:
     static constexpr auto none = std::string_view::npos;
     using Words = std::vector<std::uint64_t>;
+
+    /// The bytes that a text must have to match: one for each literal and at least one for each `?`.
+    std::size_t leastLength(std::string_view pattern) {
+        std::size_t length = 0;
+        for (const char wanted : pattern) {
+            m_step();
+            length += wanted == '*' ? 0U : 1U;
+        }
+        return length;
+    }
 
     /// The length of the character at a position; a byte that is no UTF-8 is a character.
     static std::size_t lengthAt(std::string_view text, std::size_t position) noexcept {

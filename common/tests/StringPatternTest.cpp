@@ -309,4 +309,47 @@ INSTANTIATE_TEST_SUITE_P(
                     Cost{std::string(10'002, '?'), 100'000}, Cost{"*" + std::string(10'002, '?'), 100'000}),
     [](const auto& cost) { return "Number" + std::to_string(cost.index); });
 
+/// The steps for one hostile shape of a pattern of about `length` bytes.
+std::uint64_t stepsFor(const std::string& unit, const std::string& end, unsigned int length, const std::string& text) {
+    const auto pattern = repeated(unit, length / static_cast<unsigned int>(unit.size())) + end;
+    std::uint64_t steps = 0;
+    Norvane::WildcardMatcher matcher(text, [&] { ++steps; });
+    EXPECT_FALSE(matcher.matches(pattern));
+    return steps;
+}
+
+struct Shape {
+    std::string unit;
+    std::string end;
+};
+
+class HostileShape : public testing::TestWithParam<Shape> {};
+
+// No address is longer than 254 bytes. Beyond that a longer pattern costs one step a byte, however it is made up.
+TEST_P(HostileShape, CostsOneStepAByteAgainstTheLongestAddress) {
+    const auto address = std::string(64, 'a') + "@" + std::string(189, 'a');
+    const auto& [unit, end] = GetParam();
+    for (const unsigned int length : {255U, 500U, 1000U, 10'000U, 100'000U, 1'000'000U}) {
+        EXPECT_LE(stepsFor(unit, end, length, address), length + end.size() + 5'000) << length;
+    }
+}
+
+// One piece that is as long as fits: three steps for each byte of the address and each of the four words.
+TEST_P(HostileShape, CostsTwelveStepsForEachByteOfAnAddressAtMost) {
+    const auto& [unit, end] = GetParam();
+    for (const unsigned int bytes : {64U, 128U, 254U}) {
+        const auto address = std::string(bytes / 4, 'a') + "@" + std::string(bytes - bytes / 4 - 1, 'a');
+        for (unsigned int length = 1; length <= 2 * bytes; length += 7) {
+            EXPECT_LE(stepsFor(unit, end, length, address), std::uint64_t{13} * bytes + 5 * (length + end.size()))
+                << bytes << ' ' << length;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, HostileShape,
+                         testing::Values(Shape{"?", "*b*"}, Shape{"a", "?*b*"}, Shape{"?a", "*b*"}, Shape{"*?", "*b?*"},
+                                         Shape{"*?a", "*b?*"}, Shape{"*a", "?b*"}, Shape{"*", "?b*"}, Shape{"a?", "*b"},
+                                         Shape{"**?a", "b"}),
+                         [](const auto& shape) { return "Number" + std::to_string(shape.index); });
+
 } // namespace
