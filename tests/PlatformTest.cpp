@@ -10,6 +10,7 @@
 #include <openssl/provider.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <openssl/ssl.h>
 
 #include <gtest/gtest.h>
 
@@ -71,6 +72,12 @@ TEST(PlatformConsistency, RefusesAPublicKeyAlone) {
 TEST(PlatformConsistency, AnswersZeroForNull) {
     EXPECT_EQ(fips_rsa_consistency_test(nullptr), 0);
     EXPECT_TRUE(norvtest::errorQueueIsEmpty());
+}
+
+TEST(PlatformVersions, TlsBefore12IsTurnedOff) {
+    const unsigned long before12 = SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1;
+    EXPECT_EQ(ssl_version_options(), before12);
+    EXPECT_EQ(ssl_version_options() & (SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3), 0UL);
 }
 
 } // namespace
