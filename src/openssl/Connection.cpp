@@ -71,7 +71,9 @@ bool closedByPeer(const SSL* ssl) {
 void shutdownAndFree(SSL* ssl) noexcept {
     const SigpipeGuard guard;
     const ErrorMark quiet;
-    SSL_shutdown(ssl);
+    if ((SSL_get_shutdown(ssl) & SSL_SENT_SHUTDOWN) == 0) { // a second call would wait for the peer's close notify
+        SSL_shutdown(ssl);
+    }
     SSL_free(ssl);
 }
 

@@ -29,7 +29,7 @@ SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length);
 /// Whether the peer's close notify came: nothing can follow.
 bool closedByPeer(const SSL* ssl);
 
-/// Sends a close notify, frees the connection, and leaves the queue as it was.
+/// Sends a close notify unless that was done, frees the connection, and leaves the queue as it was.
 void shutdownAndFree(SSL* ssl) noexcept;
 
 } // namespace Norvane::Crypto::openssl
