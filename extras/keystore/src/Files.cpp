@@ -123,7 +123,7 @@ std::vector<std::string> namesIn(const Descriptor& folder) {
     }
     std::vector<std::string> names;
     errno = 0;
-    while (const dirent* entry = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe): the stream is ours alone
+    while (const dirent* entry = readdir(stream.get())) {
         if (entry->d_name[0] != '.') {
             names.emplace_back(entry->d_name);
         }
