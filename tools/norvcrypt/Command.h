@@ -17,6 +17,7 @@ void addVerify(CLI::App& app, Action& action);
 void addGenkey(CLI::App& app, Action& action);
 void addInspect(CLI::App& app, Action& action);
 void addDigest(CLI::App& app, Action& action);
+void addCipher(CLI::App& app, Action& action);
 void addDemo(CLI::App& app, Action& action);
 
 } // namespace norvcrypt

@@ -71,6 +71,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::addGenkey(app, action);
     norvcrypt::addInspect(app, action);
     norvcrypt::addDigest(app, action);
+    norvcrypt::addCipher(app, action);
     norvcrypt::addDemo(app, action);
     takeMarksAway(app);
     try {
