@@ -15,6 +15,7 @@ using Action = std::function<Exit()>;
 void addSign(CLI::App& app, Action& action);
 void addVerify(CLI::App& app, Action& action);
 void addGenkey(CLI::App& app, Action& action);
+void addPkcs12(CLI::App& app, Action& action);
 void addInspect(CLI::App& app, Action& action);
 void addDigest(CLI::App& app, Action& action);
 void addCipher(CLI::App& app, Action& action);

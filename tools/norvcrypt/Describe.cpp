@@ -7,6 +7,7 @@
 #include <norvcrypto/CMS.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
+#include <norvcrypto/CrossCertificatePair.h>
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/Key.h>
 
@@ -185,6 +186,20 @@ Description readList(const Norvane::Buffer& der) {
     return listFacts(list);
 }
 
+Description pairFacts(const Norvane::Buffer& der) {
+    const NVX509::CrossCertificatePair pair(der);
+    Description facts = Description::object();
+    if (pair.forward())
+        facts["forward"] = certificateFacts(pair.forward());
+    if (pair.reverse())
+        facts["reverse"] = certificateFacts(pair.reverse());
+    return facts;
+}
+
+Description pkcs12Facts() {
+    return {{"readBy", "norvcrypt p12"}};
+}
+
 Description typed(const char* type, const Description& facts) {
     Description object{{"type", type}};
     object.update(facts);
@@ -209,6 +224,10 @@ Description describe(const Piece& piece) {
         return typed("private-key", keyFacts(Key::PRIVATE_KEY, piece.der));
     case Kind::encryptedKey:
         return typed("private-key", encryptedFacts());
+    case Kind::pkcs12:
+        return typed("pkcs12", pkcs12Facts());
+    case Kind::crossPair:
+        return typed("cross-pair", pairFacts(piece.der));
     case Kind::unknown:
         break;
     }

@@ -1,13 +1,12 @@
 #include "Command.h"
 #include "Input.h"
 #include "Material.h"
-#include "OpenSsl.h"
 #include "Output.h"
 
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/KeyFactory.h>
 
-#include <openssl/pem.h>
+#include <openssl/rsa.h>
 
 #include <memory>
 #include <optional>
@@ -32,7 +31,8 @@ std::unique_ptr<Passphrase> readPassphrase(const GenkeyOptions& options) {
     Inputs inputs;
     auto passphrase = std::make_unique<Passphrase>(inputs, *options.passphraseFile);
     if (passphrase->text().empty())
-        throw Failure("the passphrase in " + inputName(*options.passphraseFile) + " is empty: it would protect nothing");
+        throw Failure("the passphrase in " + inputName(*options.passphraseFile) +
+                      " is empty: it would protect nothing");
     return passphrase;
 }
 
@@ -46,24 +46,12 @@ Norvane::Crypto::RefKey generate(const GenkeyOptions& options) {
     }
 }
 
-/// PKCS#8, encrypted with AES when there is a passphrase; what OpenSSL's buffer held is wiped with it.
-void writeKey(const Norvane::Crypto::RefKey& key, const Passphrase& passphrase, OutputFile& out) {
-    const BioPtr pem(BIO_new(BIO_s_mem()));
-    const EVP_CIPHER* const cipher = passphrase.given() ? EVP_aes_256_cbc() : nullptr;
-    if (!pem || PEM_write_bio_PKCS8PrivateKey(pem.get(), key, cipher, passphrase.text().data(),
-                                              static_cast<int>(passphrase.text().size()), nullptr, nullptr) != 1)
-        throw Failure("cannot encode the private key: " + Norvane::Crypto::getErrString());
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(pem.get(), &text);
-    out.write(text, static_cast<std::size_t>(length));
-}
-
 Exit genkey(const GenkeyOptions& options) {
     const auto passphrase = readPassphrase(options);
     // Opened first: a place that cannot be written to should not cost the generation.
     OutputFile out(options.out, OutputFile::Access::owner);
     const Norvane::Crypto::RefKey key = generate(options);
-    writeKey(key, *passphrase, out);
+    writePrivateKey(key, *passphrase, out);
     out.commit();
     if (options.bits < leastSafeBits)
         reportError("warning: an RSA key of " + std::to_string(options.bits) + " bits is not safe; use " +

@@ -112,4 +112,16 @@ RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase&
     }
 }
 
+void writePrivateKey(const RefKey& key, const Passphrase& passphrase, OutputFile& out) {
+    const BioPtr pem(BIO_new(BIO_s_mem()));
+    const EVP_CIPHER* const cipher = passphrase.given() ? EVP_aes_256_cbc() : nullptr;
+    if (!pem || PEM_write_bio_PKCS8PrivateKey(pem.get(), key, cipher, passphrase.text().data(),
+                                              static_cast<int>(passphrase.text().size()), nullptr, nullptr) != 1)
+        throw Failure("cannot encode the private key: " + Norvane::Crypto::getErrString());
+    // OpenSSL wipes its buffer when it goes.
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(pem.get(), &text);
+    out.write(text, static_cast<std::size_t>(length));
+}
+
 } // namespace norvcrypt

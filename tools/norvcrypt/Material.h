@@ -4,6 +4,7 @@
 /// Certificates, keys and passphrases from files, as signing and verifying need them.
 
 #include "Input.h"
+#include "Output.h"
 
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Key.h>
@@ -36,5 +37,8 @@ std::list<Norvane::Crypto::NVX509::RefCertificate> readCertificates(Inputs& inpu
 
 /// The private key in a file: DER or PEM, encrypted or not. Never prompts. \throws Failure
 Norvane::Crypto::RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase& passphrase);
+
+/// Writes PKCS#8 in PEM: encrypted with AES when there is a passphrase, else in clear. \throws Failure
+void writePrivateKey(const Norvane::Crypto::RefKey& key, const Passphrase& passphrase, OutputFile& out);
 
 } // namespace norvcrypt

@@ -17,15 +17,20 @@ namespace norvcrypt {
 
 namespace {
 
-/// The temporary file that exists at this moment, for the signal handler; one command writes one file at a time.
-std::array<char, PATH_MAX> s_temporary{};
-volatile std::sig_atomic_t s_temporaryExists = 0;
+/// A temporary file, for the signal handler.
+struct Temporary {
+    std::array<char, PATH_MAX> name;
+    volatile std::sig_atomic_t exists;
+};
+/// No command writes more files at a time.
+std::array<Temporary, 2> s_temporaries{};
 
 constexpr std::array interrupts{SIGHUP, SIGINT, SIGTERM};
 
 extern "C" void removeTemporary(int signal) {
-    if (s_temporaryExists != 0)
-        static_cast<void>(unlink(s_temporary.data()));
+    for (const Temporary& temporary : s_temporaries)
+        if (temporary.exists != 0)
+            static_cast<void>(unlink(temporary.name.data()));
     // The handler was reset when it was entered: the signal now ends the process as it would have without us.
     static_cast<void>(raise(signal));
 }
@@ -163,22 +168,26 @@ OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)
 void OutputFile::openTemporary() {
     // A short name of its own: the target's may be as long as a name can be.
     std::string name = directoryOf(m_target) + "/.norvcrypt.XXXXXX";
-    if (name.size() >= s_temporary.size())
+    if (name.size() >= PATH_MAX)
         fail(ENAMETOOLONG);
+    while (m_slot < s_temporaries.size() && s_temporaries[m_slot].exists != 0)
+        ++m_slot;
+    if (m_slot == s_temporaries.size())
+        fail(EMFILE);
     const Uninterrupted hold;
     m_descriptor = mkostemp(name.data(), O_CLOEXEC);
     if (m_descriptor < 0)
         fail(errno);
     m_temporary = name;
-    std::memcpy(s_temporary.data(), name.c_str(), name.size() + 1);
-    s_temporaryExists = 1;
+    std::memcpy(s_temporaries[m_slot].name.data(), name.c_str(), name.size() + 1);
+    s_temporaries[m_slot].exists = 1;
 }
 
 OutputFile::~OutputFile() {
     const Uninterrupted hold;
     if (!m_temporary.empty()) {
         static_cast<void>(unlink(m_temporary.c_str()));
-        s_temporaryExists = 0;
+        s_temporaries[m_slot].exists = 0;
     }
     if (m_descriptor > STDERR_FILENO)
         close(m_descriptor);
@@ -189,7 +198,7 @@ void OutputFile::write(const void* bytes, std::size_t length) {
         fail(error);
 }
 
-void OutputFile::commit() {
+void OutputFile::settle() {
     if (m_temporary.empty())
         return;
     // A file that is replaced stays its owner's, as far as we may give it away.
@@ -198,11 +207,17 @@ void OutputFile::commit() {
                           fchown(m_descriptor, static_cast<uid_t>(-1), m_group) == 0);
     if (fchmod(m_descriptor, m_mode) != 0 || fsync(m_descriptor) != 0)
         fail(errno);
+}
+
+void OutputFile::commit() {
+    settle();
+    if (m_temporary.empty())
+        return;
     const Uninterrupted hold;
     if (rename(m_temporary.c_str(), m_target.c_str()) != 0)
         fail(errno);
     m_temporary.clear();
-    s_temporaryExists = 0;
+    s_temporaries[m_slot].exists = 0;
     synchronizeDirectory(directoryOf(m_target));
 }
 

@@ -41,6 +41,9 @@ public:
 
     /// \throws Failure
     void write(const void* bytes, std::size_t length);
+    /// Makes what was written durable, so that `commit` has little left that can fail: for files that belong together.
+    /// \throws Failure
+    void settle();
     /// Makes the file durable and gives it its name. \throws Failure
     void commit();
 
@@ -51,6 +54,7 @@ private:
     std::string m_name; ///< as the caller gave it, for messages
     std::string m_target;
     std::string m_temporary;
+    std::size_t m_slot = 0; ///< of the temporary file, among those that an interrupt removes
     int m_descriptor = -1;
     unsigned int m_mode = 0;
     uid_t m_owner = static_cast<uid_t>(-1); ///< of the file that is replaced

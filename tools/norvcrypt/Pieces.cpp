@@ -1,9 +1,11 @@
 #include "Pieces.h"
 #include "OpenSsl.h"
 
+#include <norvcrypto/CrossCertificatePair.h>
 #include <norvcrypto/Crypto.h>
 
 #include <openssl/pem.h>
+#include <openssl/pkcs12.h>
 
 #include <algorithm>
 #include <array>
@@ -51,6 +53,12 @@ template <class T, class Decode> bool decodes(Decode decode, void (*release)(T*)
     return object != nullptr;
 }
 
+/// An empty SEQUENCE would be a pair too, of no certificates.
+bool isCrossPair(const Norvane::Buffer& der) {
+    const Norvane::Crypto::NVX509::CrossCertificatePair pair(der);
+    return pair.forward() || pair.reverse();
+}
+
 /// Tells a SEQUENCE by what it begins with, and where that leaves a choice by trying.
 Kind kindOf(const Norvane::Buffer& der) {
     const QuietQuestion quiet;
@@ -59,11 +67,13 @@ Kind kindOf(const Norvane::Buffer& der) {
         return Kind::unknown;
     const auto inner = headerOf(der.data() + outer->headerLength, outer->contentLength);
     if (!inner)
-        return Kind::unknown;
+        return isCrossPair(der) ? Kind::crossPair : Kind::unknown;
     if (inner->tag == V_ASN1_OBJECT)
         return Kind::cms;
     if (inner->tag == V_ASN1_INTEGER && decodes<EVP_PKEY>(d2i_AutoPrivateKey, EVP_PKEY_free, der))
         return Kind::privateKey;
+    if (inner->tag == V_ASN1_INTEGER && decodes<PKCS12>(d2i_PKCS12, PKCS12_free, der))
+        return Kind::pkcs12;
     if (decodes<X509>(d2i_X509, X509_free, der))
         return Kind::certificate;
     if (decodes<X509_CRL>(d2i_X509_CRL, X509_CRL_free, der))

@@ -10,7 +10,7 @@
 
 namespace norvcrypt {
 
-enum class Kind : int { certificate, list, cms, publicKey, privateKey, encryptedKey, unknown };
+enum class Kind : int { certificate, list, cms, publicKey, privateKey, encryptedKey, pkcs12, crossPair, unknown };
 
 /// One object of a file.
 struct Piece {

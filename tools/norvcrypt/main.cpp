@@ -69,6 +69,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::addSign(app, action);
     norvcrypt::addVerify(app, action);
     norvcrypt::addGenkey(app, action);
+    norvcrypt::addPkcs12(app, action);
     norvcrypt::addInspect(app, action);
     norvcrypt::addDigest(app, action);
     norvcrypt::addCipher(app, action);
