@@ -157,8 +157,9 @@ public:
     /// The certificate to encrypt to: key usage keyEncipherment, dataEncipherment or keyAgreement, or none at all.
     ///
     /// This and the following: an empty and a null address are looked up as the empty text, which the pattern "*"
-    /// matches. Patterns without wildcards are found by hash; of the others, those are tried in turn that come before
-    /// what was found. Each takes a time linear in pattern and address (`StringPattern::matches`).
+    /// matches. Patterns without wildcards, and those that end in "@" and a domain without any, are found by hash; the
+    /// others are tried in turn. Each that is tried takes a time linear in pattern and address
+    /// (`StringPattern::matches`).
     RefCertificate findEncryptionCertificate(const EmailAddress& address) override;
     /// The pair to sign with: a key, and key usage digitalSignature or nonRepudiation, or none at all.
     KeyCertificatePair findSigningKey(const EmailAddress& address) override;

@@ -3,8 +3,11 @@
 #include "Store.h"
 #include "support/Judge.h"
 
+#include <norvcrypto/CMSEncryptionMedia.h>
 #include <norvcrypto/CMSSignerMedia.h>
 #include <norvcrypto/Crypto.h>
+
+#include <gmock/gmock.h>
 
 using namespace keystoretesting;
 
@@ -14,7 +17,17 @@ class DirectoryKeyStoreMailTest : public DirectoryKeyStoreTest {
 protected:
     static void SetUpTestSuite() { initialize(); }
 
+    /// What `openssl cms -verify` says to a signature over a body.
+    [[nodiscard]] norvtest::Outcome verdict(const std::string& signature, const std::string& body,
+                                            const norvauthority::Identity& root) const {
+        return norvtest::run("openssl cms -verify -binary -inform DER -in " + m_folder.write("body.p7s", signature) +
+                             " -content " + m_folder.write("body", body) + " -CAfile " +
+                             m_folder.write("root.pem", root.certificate.pem()) + " -out /dev/null -signer " +
+                             m_folder.path("signer.pem"));
+    }
+
     norvtest::TemporaryFolder m_folder;
+    const std::string m_body = "Content-Type: text/plain\r\n\r\nHello\r\n";
 };
 
 TEST_F(DirectoryKeyStoreMailTest, SignsWithTheSendersKeyAndChainAndOpenSSLVerifiesIt) {
@@ -37,21 +50,72 @@ TEST_F(DirectoryKeyStoreMailTest, SignsWithTheSendersKeyAndChainAndOpenSSLVerifi
     store->reload();
 
     Norvane::MemoryMediaOut signature;
-    const std::string body = "Content-Type: text/plain\r\n\r\nHello\r\n";
     CMS::SignerMediaOut signer(Hasher::SHA256, keys->findSigningKey(address("anna@example.com")));
     signer.attach(signature);
-    signer.write(x509testing::buffer(body));
+    signer.write(x509testing::buffer(m_body));
     signer.end();
-    const auto file = m_folder.write("body.p7s", x509testing::text(signature.content()));
-    const auto verify = "openssl cms -verify -binary -inform DER -in " + file + " -content " +
-                        m_folder.write("body", body) + " -CAfile " +
-                        m_folder.write("root.pem", root.certificate.pem()) + " -out /dev/null -signer " +
-                        m_folder.path("signer.pem");
-    const auto outcome = norvtest::run(verify);
+    const auto outcome = verdict(x509testing::text(signature.content()), m_body, root);
     EXPECT_EQ(outcome.code, 0) << outcome.output;
     EXPECT_EQ(m_folder.read("signer.pem"), anna.certificate.pem());
-    m_folder.write("body", body + "forged");
-    EXPECT_NE(norvtest::run(verify).code, 0);
+    EXPECT_NE(verdict(x509testing::text(signature.content()), m_body + "forged", root).code, 0);
+}
+
+TEST_F(DirectoryKeyStoreMailTest, DecryptsWhatOpenSSLEncryptedToTheCertificateThatTheStoreGives) {
+    std::ifstream file(NORV_SOURCE_DIR "/tests/data/keys/alice.pem");
+    const auto rsa = norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}});
+    const auto old = identity("old", {.key = rsa, .notAfter = norvauthority::Time::fromNow(-60), .keyUsage = 0x20});
+    m_store.add("anna-2026", "anna@example.com\n", identity("anna", {.key = rsa, .keyUsage = 0x20}));
+    m_store.add("anna-2025", "", old);
+    m_store.add("partner", "*\n", identity("partner", {.key = rsa}), false);
+    const auto store = open();
+    RefKeyStore keys(true);
+    keys->add(store.plugin());
+
+    Norvane::MemoryMediaOut annasPem;
+    keys->findEncryptionCertificate(address("anna@example.com"))->writePEM(annasPem);
+    const auto message = [&](const std::string& certificate) {
+        const auto outcome =
+            norvtest::run("openssl cms -encrypt -binary -aes256 -outform DER -in " + m_folder.write("body", m_body) +
+                          " -out " + m_folder.path("body.p7m") + " " + m_folder.write("recipient.pem", certificate));
+        EXPECT_EQ(outcome.code, 0) << outcome.output;
+        return m_folder.read("body.p7m");
+    };
+    const auto decrypted = [&](const std::string& certificate) -> std::string {
+        Norvane::MemoryMediaIn in(x509testing::buffer(message(certificate)));
+        Norvane::MemoryMediaOut body;
+        CMS::DecrypterMediaIn decrypter(in, keys);
+        decrypter.write(body);
+        return decrypter.decryptionSucceeded() ? x509testing::text(body.content()) : "nobody's";
+    };
+    EXPECT_EQ(decrypted(x509testing::text(annasPem.content())), m_body);
+    EXPECT_EQ(decrypted(old.certificate.pem()), m_body);
+    const x509testing::Log log;
+    EXPECT_EQ(decrypted(identity("stranger", {.key = rsa}).certificate.pem()), "nobody's");
+}
+
+TEST_F(DirectoryKeyStoreMailTest, TheExampleSignsForASenderAndRefusesWhatItCannotSign) {
+    const auto example = [this](const std::string& sender) {
+        return norvtest::run("( " SIGN_FOR_SENDER " " + m_store.path() + " '" + sender + "' <" +
+                             m_folder.write("body", m_body) + " >" + m_folder.path("out") + " )");
+    };
+    const auto anna = identity("anna");
+    m_store.add("anna", "anna@example.com\n", anna);
+    m_store.add("old", "old@example.com\n", identity("old", {.notAfter = norvauthority::Time::fromNow(-60)}));
+    m_store.folder("broken");
+    auto outcome = example("anna@example.com");
+    EXPECT_EQ(outcome.code, 0) << outcome.output;
+    EXPECT_EQ(outcome.output, "broken/cert.pem: is missing\n");
+    outcome = verdict(m_folder.read("out"), m_body, anna);
+    EXPECT_EQ(outcome.code, 0) << outcome.output;
+    m_store.remove("broken");
+    EXPECT_EQ(example("bert@example.com").output, "nobody signs for bert@example.com\n");
+    EXPECT_EQ(example("no address").output, "nobody signs for no address\n");
+    EXPECT_THAT(example("old@example.com").output, // after what the library logs about the period
+                testing::EndsWith("\nthe certificate of old@example.com is expired or not yet valid\n"));
+    m_store.folder(".", 0777);
+    outcome = example("anna@example.com");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.output.rfind("DirectoryKeyStore::reload (code 4, DirectoryKeyStore:", 0), 0U) << outcome.output;
 }
 
 } // namespace
