@@ -5,6 +5,9 @@
 
 #include <openssl/evp.h>
 
+#include <string>
+#include <utility>
+
 using namespace Norvane::Crypto;
 using Norvane::Buffer;
 
@@ -64,19 +67,21 @@ void raw(benchmark::State& state, Cipher cipher, bool encrypt) {
     bench::countBytes(state);
 }
 
-#define BENCH_CIPHER(cipher)                                                                                           \
-    BENCHMARK_CAPTURE(stream<EncrypterMediaOut>, encrypt_##cipher, cipher, true)->Apply(bench::sizes);                 \
-    BENCHMARK_CAPTURE(raw, encrypt_##cipher, cipher, true)->Apply(bench::sizes);                                       \
-    BENCHMARK_CAPTURE(stream<DecrypterMediaOut>, decrypt_##cipher, cipher, false)->Apply(bench::sizes);                \
-    BENCHMARK_CAPTURE(raw, decrypt_##cipher, cipher, false)->Apply(bench::sizes)
-
-BENCH_CIPHER(AES_256_CBC);
-BENCH_CIPHER(AES_128_CBC);
-BENCH_CIPHER(DES_EDE3_CBC);
-BENCH_CIPHER(IDEA_CBC);
+void add(const std::string& name, void (*work)(benchmark::State&, Cipher, bool), Cipher cipher, bool encrypt) {
+    benchmark::RegisterBenchmark(name.c_str(), [work, cipher, encrypt](benchmark::State& state) {
+        work(state, cipher, encrypt);
+    })->Apply(bench::sizes);
+}
 
 } // namespace
 
 int main(int argc, char** argv) {
+    for (const auto& [name, cipher] : {std::pair{"Aes256", AES_256_CBC}, std::pair{"Aes128", AES_128_CBC},
+                                       std::pair{"TripleDes", DES_EDE3_CBC}, std::pair{"Idea", IDEA_CBC}}) {
+        add(std::string("encrypt") + name + "Stream", stream<EncrypterMediaOut>, cipher, true);
+        add(std::string("encrypt") + name + "Raw", raw, cipher, true);
+        add(std::string("decrypt") + name + "Stream", stream<DecrypterMediaOut>, cipher, false);
+        add(std::string("decrypt") + name + "Raw", raw, cipher, false);
+    }
     return bench::run(argc, argv);
 }
