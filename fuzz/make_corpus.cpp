@@ -2,6 +2,7 @@
 #include <authority/Authority.h>
 
 #include <openssl/bio.h>
+#include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
 
 #include <cstdlib>
@@ -64,6 +65,22 @@ void keys(const Key& key) {
     put("fuzz_key", "public.pem", '\3' + key.publicPem());
 }
 
+/// Behind a byte that chooses whether the target makes a MAC that fits. Few iterations, so that tries are quick.
+void pkcs12(const Identity& holder) {
+    const X509Ptr certificate = holder.certificate.x509();
+    for (const int cipher : {-1, NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_aes_256_cbc}) {
+        PKCS12* structure =
+            PKCS12_create("secret", "name", holder.key.get(), certificate.get(), nullptr, cipher, cipher, 1, 1, 0);
+        unsigned char* der = nullptr;
+        const int length = i2d_PKCS12(structure, &der);
+        const std::string content(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+        OPENSSL_free(der);
+        PKCS12_free(structure);
+        put("fuzz_pkcs12", "as-it-is-" + std::to_string(cipher), '\0' + content);
+        put("fuzz_pkcs12", "mac-made-" + std::to_string(cipher), '\1' + content);
+    }
+}
+
 void texts() {
     put("fuzz_name", "plain", "cn = Alice , o=Org,C=US");
     put("fuzz_name", "quoted", "CN=\"Smith, J\",O=X");
@@ -95,6 +112,9 @@ int main(int argc, char** argv) {
                .caIssuers = {"http://example.org/ca.cer"}});
     certificatesAndLists(ca, alice);
     keys(key);
+    pkcs12(alice);
+    put("fuzz_crosspair", "both.der", text(crossPair(&alice.certificate, &ca.certificate)));
+    put("fuzz_crosspair", "forward.der", text(crossPair(&alice.certificate, nullptr)));
     texts();
     put("fuzz_cms", "detached.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED));
     put("fuzz_cms", "attached.der", signedData(alice, PKCS7_BINARY));

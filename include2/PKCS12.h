@@ -11,6 +11,9 @@
 /// FileBIO file(Norvane::File::Path("alice.p12"), "rb");
 /// Norvane::Crypto::PKCS12::Store store(file);                   // in full: OpenSSL's headers have a type PKCS12
 /// store.read(password);
+/// if (store.privateKey().isNull() || store.certificate().isNull()) {
+///     return;                                                   // the file holds only one of them, or none
+/// }
 /// const NVX509::RefCertificate certificate =
 ///     NVX509::CertificateFactory()(store.certificate(), true);  // see Store::certificate(): this one frees it
 /// NVX509::KeyCertificatePair pair(store.privateKey(), certificate);
@@ -54,7 +57,9 @@ public:
     /// handles are what they were. May be called again, with another password too; each success gives new ones.
     ///
     /// \param password its UTF-8 bytes (bytes that are no UTF-8 are taken as Latin-1). One with an embedded NUL is
-    ///                 checked as a whole but opens nothing: the parsing fails, or the check already.
+    ///                 checked as a whole but opens nothing: the parsing fails, or the check already. Empty: the empty
+    ///                 password. A file that was made without any, which is something else, is refused as if the
+    ///                 password were wrong.
     ///
     /// \throws Exception "Crypto::PKCS12::read - Incorrect password", line 56: the password is wrong (without a
     /// detail), or the structure carries no MAC by which to tell or a malformed one (OpenSSL's errors)
@@ -74,7 +79,7 @@ public:
     /// when it holds no private key (a certificate alone belongs to none).
     ///
     /// Deliberate: nobody owns its `X509`. It outlives the store and every handle, and is never freed unless the caller
-    /// sees to it, once for each successful `read`, with a certificate that owns it:
+    /// sees to it, once for each successful `read` and unless the handle is empty, with a certificate that owns it:
     /// `NVX509::CertificateFactory()(store.certificate(), true)`. Keep that one, and do not use the store's handle, or
     /// copies of it, after the owning one is gone.
     [[nodiscard]] const NVX509::RefCertificate& certificate() const;

@@ -92,7 +92,7 @@ private:
     }
 
     /// Nested as deep as OpenSSL decodes, which bounds it.
-    void addBags(const STACK_OF(PKCS12_SAFEBAG) * bags) noexcept { // NOLINT(misc-no-recursion)
+    void addBags(const STACK_OF(PKCS12_SAFEBAG) * bags) noexcept {
         for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
             const PKCS12_SAFEBAG* bag = sk_PKCS12_SAFEBAG_value(bags, i);
             const int nid = PKCS12_SAFEBAG_get_nid(bag);
