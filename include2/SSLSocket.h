@@ -97,8 +97,10 @@ public:
     /// time, with `errno` 0; 0 when a non-blocking socket has nothing, with `errno` `EAGAIN`; 0 when `length` is 0 or
     /// 2147483648 and more
     ///
-    /// The end is either the peer's close notify or just that of the plain connection, which anyone on the way could
-    /// have cut: after the former, and only then, SSL_get_shutdown has SSL_RECEIVED_SHUTDOWN.
+    /// The end is the peer's close notify, or just that of the plain connection, which anyone on the way could have
+    /// cut: after the latter, SSL_get_shutdown lacks SSL_RECEIVED_SHUTDOWN. Deliberate: an alert with which the peer
+    /// gave up the connection (a TLS 1.3 server that wants another client certificate sends one after the handshake)
+    /// reads as the end too; its text is then in the OpenSSL queue, which is empty after the other two.
     ///
     /// Deliberate: the wait looks at the plain connection alone. Bytes of a TLS record that were decrypted and did not
     /// fit into `buffer` do not end it, so that a blocking call may wait for ever with bytes at hand. With a `buffer`

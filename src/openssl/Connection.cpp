@@ -56,10 +56,8 @@ SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length) {
     if (answer.result <= 0 && BIO_eof(SSL_get_rbio(ssl)) == 1) {
         // OpenSSL now takes the end of the plain connection for a close notify: take that back.
         SSL_set_shutdown(ssl, SSL_get_shutdown(ssl) & ~SSL_RECEIVED_SHUTDOWN);
-        answer.result = 0;
-    }
-    if (answer.result == 0) {
         ERR_clear_error();
+        answer.result = 0;
     }
     return answer;
 }

@@ -23,10 +23,11 @@ SslAnswer connectOnce(SSL* ssl);
 SslAnswer acceptOnce(SSL* ssl);
 SslAnswer writeOnce(SSL* ssl, const unsigned char* data, int length);
 /// At the end of the stream the result is 0, each time, and the queue empty. That of the plain connection alone is one,
-/// as it was for the older interface, and writing goes on to work; only a close notify shows in SSL_get_shutdown.
+/// as it was for the older interface, and writing goes on to work; it does not show in SSL_get_shutdown. A fatal alert
+/// of the peer is one too, with its text in the queue.
 SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length);
 
-/// Whether the peer's close notify came: nothing can follow.
+/// Whether the peer's close notify, or a fatal alert, came: nothing can follow.
 bool closedByPeer(const SSL* ssl);
 
 /// Sends a close notify unless that was done, frees the connection, and leaves the queue as it was.
