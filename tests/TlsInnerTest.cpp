@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -117,10 +118,16 @@ TEST_F(SigpipeGuardTest, OneThatWasPendingBeforeStays) {
     EXPECT_EQ(1, s_delivered);
 }
 
-TEST_F(SigpipeGuardTest, OneThatWasSentMeanwhileIsDelivered) {
+TEST_F(SigpipeGuardTest, OneThatAnotherProcessSentMeanwhileIsDelivered) {
     {
         const SigpipeGuard guard;
-        pthread_kill(pthread_self(), SIGPIPE);
+        const pid_t child = fork();
+        if (child == 0) {
+            kill(getppid(), SIGPIPE);
+            _exit(0);
+        }
+        ASSERT_EQ(child, waitpid(child, nullptr, 0));
+        EXPECT_TRUE(isPending());
     }
     EXPECT_EQ(1, s_delivered);
 }

@@ -22,11 +22,6 @@ bool isPending() {
     return sigismember(&pending, SIGPIPE) == 1;
 }
 
-/// A write raises it in the name of its own process.
-bool wasRaisedByWrite(const siginfo_t& signal) {
-    return signal.si_code == SI_USER && signal.si_pid == getpid();
-}
-
 } // namespace
 
 SigpipeGuard::SigpipeGuard() noexcept {
@@ -48,8 +43,9 @@ SigpipeGuard::~SigpipeGuard() {
         do {
             taken = sigtimedwait(&pipe, &signal, &noWait);
         } while (taken < 0 && errno == EINTR);
-        if (taken == SIGPIPE && !wasRaisedByWrite(signal)) {
-            kill(getpid(), SIGPIPE); // not ours: back to where it came from, to be delivered below
+        // A write raises it in the name of its own process; another's goes back, to be delivered below.
+        if (taken == SIGPIPE && signal.si_pid != getpid()) {
+            kill(getpid(), SIGPIPE);
         }
     }
     pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
