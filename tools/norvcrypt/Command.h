@@ -19,6 +19,7 @@ void addPkcs12(CLI::App& app, Action& action);
 void addInspect(CLI::App& app, Action& action);
 void addDigest(CLI::App& app, Action& action);
 void addCipher(CLI::App& app, Action& action);
+void addTls(CLI::App& app, Action& action);
 void addDemo(CLI::App& app, Action& action);
 
 } // namespace norvcrypt

@@ -7,6 +7,7 @@
 #include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -25,6 +26,8 @@ using KeyPtr = Owned<EVP_PKEY, EVP_PKEY_free>;
 using NamesPtr = Owned<GENERAL_NAMES, GENERAL_NAMES_free>;
 using PointsPtr = Owned<CRL_DIST_POINTS, CRL_DIST_POINTS_free>;
 using IntegerPtr = Owned<ASN1_INTEGER, ASN1_INTEGER_free>;
+using CertificatePtr = Owned<X509, X509_free>;
+using ListPtr = Owned<X509_CRL, X509_CRL_free>;
 
 /// Drops what OpenSSL queues while it lives: a question that may be answered with "no" leaves no trace.
 class QuietQuestion {

@@ -36,9 +36,11 @@ std::vector<std::string> markedArguments(int argc, char** argv) {
 
 /// Has the options of all commands take the marks away again.
 void takeMarksAway(CLI::App& app) {
-    for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+    for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
         for (CLI::Option* option : command->get_options())
             option->transform(unmarked);
+        takeMarksAway(*command);
+    }
 }
 
 /// Help and version are answers; everything else is bad usage, told on one line.
@@ -73,6 +75,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::addInspect(app, action);
     norvcrypt::addDigest(app, action);
     norvcrypt::addCipher(app, action);
+    norvcrypt::addTls(app, action);
     norvcrypt::addDemo(app, action);
     takeMarksAway(app);
     try {

@@ -1,0 +1,52 @@
+#pragma once
+
+/// \file
+/// What the TLS commands share: contexts from the files of the command line, and what is told about a peer.
+
+#include "Command.h"
+
+#include <norvcrypto/NorvSSL.h>
+
+#include <openssl/ssl.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+enum class TlsSide { client, server };
+
+/// The files of one side.
+struct TlsFiles {
+    std::optional<std::string> certificate;
+    std::optional<std::string> key;
+    std::optional<std::string> passphraseFile;
+    std::optional<std::string> ca;
+    std::optional<std::string> crl;
+};
+
+/// Adds the options that fill `files`; a server needs a certificate and a key, a client may have them.
+void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side);
+
+/// A context that asks the peer for its certificate, verifies it, and goes on whatever comes out: SSL_get_verify_result
+/// tells. \throws Failure
+Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side);
+
+/// What was agreed on, the peer's chain in the order in which it was sent, and the verify result; safe to show.
+std::vector<std::string> describePeer(SSL* connection);
+
+/// Whether the peer sent a certificate that verified.
+bool isTrusted(SSL* connection);
+
+/// Whether the peer's certificate is for that host: a name, or an address as text.
+bool isForHost(SSL* connection, const std::string& host);
+
+/// True when the peer told that it ends the connection; anybody on the way could have cut it otherwise.
+bool endedByPeer(const SSL* connection);
+
+void addTlsConnect(CLI::App& tls, Action& action);
+void addTlsServe(CLI::App& tls, Action& action);
+void addTlsCheck(CLI::App& tls, Action& action);
+
+} // namespace norvcrypt
