@@ -32,7 +32,8 @@ namespace Norvane::Crypto {
 
 /// Starts OpenSSL: its random generator, ciphers, digests, TLS layer and error texts. Loads the default and the legacy
 /// provider into OpenSSL's default library context, which changes the whole host process: other users of OpenSSL in it
-/// find the legacy algorithms too. A second call repeats everything, which is harmless. Never throws; what OpenSSL
+/// find the legacy algorithms too, and IDEA, which comes from libgcrypt and is started here as well: a program that
+/// configures libgcrypt does so before. A second call repeats everything, which is harmless. Never throws; what OpenSSL
 /// answers is ignored.
 ///
 /// The first step is the function `openssl_init_with_rng`, with C linkage, which a program may replace by defining its

@@ -21,7 +21,7 @@ namespace Norvane::Crypto {
 void initialize() {
     openssl_init_with_rng();
     OpenSSL_add_all_ciphers();
-    openssl::ideaCbc(); // adds itself
+    openssl::addIdea();
     OpenSSL_add_all_digests();
     SSL_library_init();
     SSL_load_error_strings();

@@ -5,6 +5,7 @@
 #include "support/Interpose.h"
 #include "support/Thrown.h"
 
+#include <gcrypt.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -64,6 +65,18 @@ REPLACEMENT EVP_CIPHER_CTX* EVP_CIPHER_CTX_new() {
 REPLACEMENT void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX* context) {
     s_contexts -= context == nullptr ? 0 : 1;
     FORWARD(EVP_CIPHER_CTX_free, context);
+}
+REPLACEMENT gcry_error_t gcry_cipher_open(gcry_cipher_hd_t* handle, int algorithm, int mode, unsigned int flags) {
+    return failsNow("gcry_cipher_open") ? gcry_error(GPG_ERR_CIPHER_ALGO)
+                                        : FORWARD(gcry_cipher_open, handle, algorithm, mode, flags);
+}
+REPLACEMENT gcry_error_t gcry_cipher_setkey(gcry_cipher_hd_t handle, const void* key, std::size_t length) {
+    return failsNow("gcry_cipher_setkey") ? gcry_error(GPG_ERR_SELFTEST_FAILED)
+                                          : FORWARD(gcry_cipher_setkey, handle, key, length);
+}
+REPLACEMENT gcry_error_t gcry_cipher_setiv(gcry_cipher_hd_t handle, const void* iv, std::size_t length) {
+    return failsNow("gcry_cipher_setiv") ? gcry_error(GPG_ERR_INTERNAL)
+                                         : FORWARD(gcry_cipher_setiv, handle, iv, length);
 }
 REPLACEMENT int EVP_EncryptInit(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const unsigned char* key,
                                 const unsigned char* iv) {
@@ -225,6 +238,50 @@ TEST_F(Faults, TheContextGoesWithTheEnd) {
     EXPECT_EQ(s_contexts, 1);
     running.stream.end();
     EXPECT_EQ(s_contexts, 0) << "the key is not kept longer than it is needed";
+}
+
+const Facts& idea = allCiphers()[1];
+
+TEST_F(Faults, IdeaThatLibgcryptRefusesIsAFailedContext) {
+    for (const char* function : {"gcry_cipher_open", "gcry_cipher_setkey"}) {
+        fail(function);
+        const auto encrypting = thrownBy([] { const EncrypterMediaOut out(idea.cipher, keyFor(idea), ivFor(idea)); });
+        expectFailure(encrypting, "s_initializeEncryptionContext", 4, "Encryption", 114);
+        EXPECT_FALSE(errorQueueIsEmpty());
+        fail(function);
+        const auto decrypting = thrownBy([] { const DecrypterMediaOut out(idea.cipher, keyFor(idea), ivFor(idea)); });
+        expectFailure(decrypting, "s_initializeEncryptionContext", 4, "Encryption", 210);
+        ERR_clear_error();
+    }
+    EXPECT_EQ(decrypted(idea, encrypted(idea, "body")), "body");
+}
+
+TEST_F(Faults, IdeaThatFailsInTheMiddleIsAFailedWrite) {
+    Norvane::MemoryMediaOut target;
+    EncrypterMediaOut out(idea.cipher, keyFor(idea), ivFor(idea));
+    out.attach(target);
+    fail("gcry_cipher_setiv");
+    expectFailure(thrownBy([&] { out.write(bufferOf(sampleBytes(64))); }), "Crypto::EncrypterMediaOut::write", 4,
+                  "Encryption", 150);
+    EXPECT_TRUE(target.content().empty());
+    fail("gcry_cipher_setiv");
+    expectFailure(thrownBy([&] { out.end(); }), "Crypto::EncrypterMediaOut::write", 4, "Encryption", 168);
+    EXPECT_FALSE(target.ended());
+    out.end();
+}
+
+TEST_F(Faults, ACopyOfIdeaThatLibgcryptRefusesFailsAndHoldsNothing) {
+    for (const char* function : {"gcry_cipher_open", "gcry_cipher_setkey"}) {
+        EVP_CIPHER_CTX* original = EVP_CIPHER_CTX_new();
+        EVP_CIPHER_CTX* copy = EVP_CIPHER_CTX_new();
+        ASSERT_EQ(EVP_EncryptInit(original, initializeCipher(idea.cipher), keyFor(idea).data(), ivFor(idea).data()), 1);
+        fail(function);
+        EXPECT_EQ(EVP_CIPHER_CTX_copy(copy, original), 0);
+        EXPECT_EQ(EVP_CIPHER_CTX_copy(copy, original), 1) << "the original is intact";
+        EVP_CIPHER_CTX_free(original);
+        EVP_CIPHER_CTX_free(copy);
+        ERR_clear_error();
+    }
 }
 
 TEST_F(Faults, AWriteOfMoreThanAGibibyteGoesInPieces) {

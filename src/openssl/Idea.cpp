@@ -137,4 +137,12 @@ const EVP_CIPHER* ideaCbc() {
     return cipher;
 }
 
+void addIdea() noexcept {
+    try {
+        ideaCbc();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
 } // namespace Norvane::Crypto::openssl

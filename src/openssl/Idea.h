@@ -12,4 +12,7 @@ namespace Norvane::Crypto::openssl {
 /// structure. \throws std::bad_alloc
 const EVP_CIPHER* ideaCbc();
 
+/// That first call for the start of the library, which does not fail: without memory a later use adds the cipher.
+void addIdea() noexcept;
+
 } // namespace Norvane::Crypto::openssl
