@@ -5,15 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sys/stat.h>
 
 using namespace interop;
 
 namespace {
 
-const std::vector<std::string> artefacts{"alice.key",   "alice.pem",   "bob.key",  "bob.pem",
-                                         "ca.crl",      "ca.key",      "ca.pem",   "message-changed.eml",
-                                         "message.eml", "message.p7s", "root.key", "root.pem"};
+const std::vector<std::string> artefacts{
+    "alice.key",   "alice.pem",   "bob.key",     "bob.pem",     "ca.crl",      "ca.key",
+    "ca.pem",      "carol.key",   "carol.pem",   "mallory.key", "mallory.pem", "message-changed.eml",
+    "message.eml", "message.p7m", "message.p7s", "root.key",    "root.pem"};
 
 class DemoToolTest : public testing::Test {
 protected:
@@ -36,7 +38,23 @@ protected:
             }
             fails = line.find("this command fails:") != std::string::npos;
         }
-        EXPECT_EQ(7, count);
+        EXPECT_EQ(12, count);
+    }
+
+    /// Three decrypt, and the fourth is told why not.
+    static void expectThreeDecrypt(const std::string& text, const std::string& folder) {
+        const std::vector<std::string> lines = linesOf(text);
+        const auto count = [&lines](const std::string& part) {
+            return std::count_if(lines.begin(), lines.end(),
+                                 [&part](const std::string& line) { return line.find(part) != std::string::npos; });
+        };
+        for (const char* who : {"alice", "bob", "carol"})
+            EXPECT_EQ(1, count(": decrypted with the key in " + folder + who + ".key, certificate SHA-256 ")) << who;
+        EXPECT_EQ(3, count("it is the message that was encrypted"));
+        EXPECT_EQ(0, count(folder + "mallory.key, certificate"));
+        EXPECT_EQ(1, count("   nothing is decrypted"));
+        // The three that the fourth has no key for, and those in front of the second and third recipient.
+        EXPECT_EQ(6, count(": no key for it (event 0x300005A)"));
     }
 
     Workspace work;
@@ -93,6 +111,8 @@ TEST_F(DemoToolTest, MessageOfTheCallerInAFolderWithBlanks) {
     ASSERT_EQ(0, answer.status) << answer.err;
     EXPECT_EQ(sampleBody(), work.read("a b/it's/message.eml"));
     expectCommandsHold(answer.out);
+    expectThreeDecrypt(answer.out, "a b/it's/");
+    EXPECT_EQ(std::string::npos, work.read("a b/it's/message.p7m").find("line ends differ"));
 }
 
 TEST_F(DemoToolTest, FolderWhoseNameCannotBeShown) {
@@ -126,7 +146,7 @@ TEST_F(DemoToolTest, PlacesThatCannotBeUsed) {
     const Answer missing = demo({"--in", "none"});
     EXPECT_EQ(2, missing.status);
     EXPECT_EQ("norvcrypt: cannot open none: No such file or directory\n", missing.err);
-    EXPECT_FALSE(work.exists("norvcrypt-demo/message.eml"));
+    EXPECT_FALSE(work.exists("norvcrypt-demo"));
 }
 
 } // namespace

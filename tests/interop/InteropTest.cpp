@@ -1,13 +1,9 @@
 // What the tool signs, other programs accept; what they sign, the tool accepts.
 
-#include "Process.h"
-#include "Workspace.h"
-
-#include <gtest/gtest.h>
+#include "JudgedTest.h"
 
 #include <openssl/evp.h>
 
-#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -23,29 +19,15 @@ void addSigner(PKCS7* structure, const Identity& identity, const EVP_MD* digest)
     ASSERT_NE(nullptr, PKCS7_sign_add_signer(structure, certificate.get(), identity.key.get(), digest, signingFlags));
 }
 
-class InteropTest : public testing::Test {
+class InteropTest : public JudgedTest {
 protected:
     void SetUp() override {
+        JudgedTest::SetUp();
         body = sampleBody();
         work.write("body", body);
-        work.write("root.pem", root().certificate.pem());
         put("alice", alice());
         put("dora", dora());
         put("erin", erin());
-    }
-    void put(const std::string& name, const Identity& identity) {
-        work.write(name + ".pem", identity.certificate.pem());
-        work.write(name + ".key", identity.key.pkcs8Pem());
-    }
-    Answer in(std::vector<std::string> arguments, const std::string& input = "") {
-        return run({.arguments = std::move(arguments),
-                    .input = input,
-                    .directory = work.directory(),
-                    .environment = {{"GNUPGHOME", work.path("gnupg")}, {"LC_ALL", "C"}}});
-    }
-    void succeeds(const std::vector<std::string>& arguments, const std::string& input = "") {
-        const Answer answer = in(arguments, input);
-        ASSERT_EQ(0, answer.status) << arguments[0] << ": " << answer.out << answer.err;
     }
     void toolSigns(const std::string& who, const std::string& digest) {
         succeeds({NORVCRYPT, "sign", "--cert", who + ".pem", "--key", who + ".key", "--chain", "root.pem", "--digest",
@@ -68,7 +50,6 @@ protected:
                    "-CAfile", "root.pem", "-out", "/dev/null"});
     }
 
-    Workspace work;
     std::string body;
 };
 
@@ -175,20 +156,10 @@ TEST_F(InteropTest, EmbeddedEmptyBodyIsNotDetached) {
 class GpgsmTest : public InteropTest {
 protected:
     void SetUp() override {
-        if (!installed("gpgsm") || !installed("gpgconf"))
+        if (!hasGpgsm())
             GTEST_SKIP() << "gpgsm is not installed";
         InteropTest::SetUp();
-        const std::string home = work.path("gnupg");
-        std::filesystem::create_directory(home);
-        std::filesystem::permissions(home, std::filesystem::perms::owner_all);
-        const Answer fingerprint = in({"openssl", "x509", "-in", "root.pem", "-noout", "-fingerprint", "-sha1"});
-        work.write("gnupg/trustlist.txt", fingerprint.out.substr(fingerprint.out.find('=') + 1, 59) + " S relax\n");
-        work.write("gnupg/gpgsm.conf", std::string("disable-crl-checks\ndisable-dirmngr\n"));
-        succeeds({"gpgsm", "--batch", "--import", "root.pem"});
-    }
-    void TearDown() override {
-        if (work.exists("gnupg"))
-            in({"gpgconf", "--kill", "all"});
+        makeGpgsmHome();
     }
 };
 
@@ -204,13 +175,7 @@ TEST_F(GpgsmTest, AcceptsOurSignatures) {
 }
 
 TEST_F(GpgsmTest, WeAcceptItsSignatures) {
-    succeeds({"openssl", "pkcs12", "-export", "-in", "alice.pem", "-inkey", "alice.key", "-certfile", "root.pem",
-              "-out", "alice.p12", "-passout", "pass:x", "-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES",
-              "-macalg", "sha1"});
-    work.write("gnupg/gpg-agent.conf", std::string("allow-loopback-pinentry\n"));
-    const Answer import =
-        in({"gpgsm", "--batch", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--import", "alice.p12"}, "x\n");
-    ASSERT_EQ(0, import.status) << import.err;
+    importIntoGpgsm("alice");
     for (const bool detached : {true, false}) {
         std::vector<std::string> arguments{"gpgsm",
                                            "--batch",
@@ -235,17 +200,10 @@ TEST_F(GpgsmTest, WeAcceptItsSignatures) {
 class CmsutilTest : public InteropTest {
 protected:
     void SetUp() override {
-        if (!installed("cmsutil") || !installed("certutil") || !installed("pk12util"))
+        if (!hasNss())
             GTEST_SKIP() << "the tools of NSS are not installed";
         InteropTest::SetUp();
-        std::filesystem::create_directory(work.path("nss"));
-        succeeds({"certutil", "-N", "-d", "nss", "--empty-password"});
-        succeeds({"certutil", "-A", "-d", "nss", "-n", "root", "-t", "C,C,C", "-i", "root.pem"});
-    }
-    void import(const std::string& who) {
-        succeeds({"openssl", "pkcs12", "-export", "-in", who + ".pem", "-inkey", who + ".key", "-name", who, "-out",
-                  who + ".p12", "-passout", "pass:x"});
-        succeeds({"pk12util", "-i", who + ".p12", "-d", "nss", "-W", "x"});
+        makeNssDatabase();
     }
 };
 
@@ -265,7 +223,7 @@ TEST_F(CmsutilTest, AcceptsOurSignatures) {
 
 TEST_F(CmsutilTest, WeAcceptItsSignatures) {
     for (const char* who : {"alice", "erin"}) {
-        import(who);
+        importIntoNss(who);
         for (const char* digest : {"SHA1", "SHA256", "SHA512"})
             for (const bool detached : {true, false}) {
                 std::vector<std::string> arguments{"cmsutil", "-S",   "-d", "nss", "-N", who,  "-H",  digest,

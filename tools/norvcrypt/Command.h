@@ -14,6 +14,8 @@ using Action = std::function<Exit()>;
 /// Each adds a sub-command that sets `action` when it is chosen.
 void addSign(CLI::App& app, Action& action);
 void addVerify(CLI::App& app, Action& action);
+void addEncrypt(CLI::App& app, Action& action);
+void addDecrypt(CLI::App& app, Action& action);
 void addGenkey(CLI::App& app, Action& action);
 void addPkcs12(CLI::App& app, Action& action);
 void addInspect(CLI::App& app, Action& action);

@@ -70,6 +70,8 @@ Exit run(int argc, char** argv) {
     norvcrypt::Action action;
     norvcrypt::addSign(app, action);
     norvcrypt::addVerify(app, action);
+    norvcrypt::addEncrypt(app, action);
+    norvcrypt::addDecrypt(app, action);
     norvcrypt::addGenkey(app, action);
     norvcrypt::addPkcs12(app, action);
     norvcrypt::addInspect(app, action);

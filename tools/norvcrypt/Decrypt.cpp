@@ -1,0 +1,62 @@
+#include "Command.h"
+#include "Decryption.h"
+#include "Identities.h"
+#include "Input.h"
+#include "Output.h"
+#include "Structure.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace norvcrypt {
+
+namespace {
+
+struct DecryptOptions {
+    std::optional<IdentityOptions> identities;
+    std::string in = "-";
+    std::string out = "-";
+};
+
+Exit decrypt(const DecryptOptions& options) {
+    Inputs inputs;
+    const std::vector<IdentityFiles> files = options.identities->files();
+    OutputFile out(options.out);
+    Decryption decryption(readIdentities(files, inputs));
+    {
+        Progress progress("decrypting");
+        readStructure(
+            inputs, options.in, "the encrypted message",
+            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+    }
+    const bool served = decryption.run(inputName(options.in));
+    for (const std::string& line : decryption.report())
+        reportError(line);
+    if (!served)
+        return Exit::refused;
+    OutputStream body(out);
+    decryption.body().write(body);
+    out.commit();
+    return Exit::good;
+}
+
+} // namespace
+
+void addDecrypt(CLI::App& app, Action& action) {
+    auto options = std::make_shared<DecryptOptions>();
+    CLI::App* command = app.add_subcommand(
+        "decrypt", "Decrypts a CMS structure with the first key that fits, and tells what became of each recipient");
+    options->identities.emplace(*command);
+    command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
+        ->type_name("MSG")
+        ->capture_default_str();
+    command->add_option("--out", options->out, "The body, written only when a key has served; \"-\" is standard output")
+        ->type_name("BODY")
+        ->capture_default_str();
+    command->footer("Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
+                    "FILE; the first one whose certificate a recipient names is tried for it.");
+    command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
+}
+
+} // namespace norvcrypt
