@@ -37,7 +37,7 @@
 /// Failures are `SocketException`s with the where-text "SocketException" and `Exception`s with that of the operation,
 /// source module "SSLSocket", code 4 where nothing else is said; what plain sockets throw comes as it is. Those without
 /// OpenSSL's errors leave them in the thread's queue, for `getErrString` to tell the reason. A peer that goes away
-/// never ends the process: SIGPIPE is kept from the thread while OpenSSL writes.
+/// never ends the process: nothing that is written here raises SIGPIPE.
 ///
 /// Waiting. A blocking socket waits for as long as the peer takes, or up to its `timeLimit` each time the peer has to
 /// do something; in `accept` it is the listening socket's limit that holds for the handshake. Without a limit, a peer

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <thread>
 
 using namespace Norvane;
@@ -276,6 +277,29 @@ TEST_F(SSLSocketPeersTest, PeerThatVanishesWhileWeSendNeverRaisesSigpipe) {
         EXPECT_TRUE(isDocumented(endOf([&] { return receive(both.client).empty(); }), 97));
     }
     both.client.close(); // the close notify meets the closed connection
+}
+
+TEST_F(SSLSocketPeersTest, SignalsOfTheProgramAreLeftAlone) {
+    sigset_t pipe;
+    sigset_t before;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    raise(SIGPIPE); // one of the program's own, pending
+    {
+        Connection both = connected();
+        both.server.close();
+        for (int i = 0; i < 20; ++i) {
+            endOf([&] { return send(both.client, std::string(20000, 'x')) > 0; });
+        }
+    }
+    sigset_t now;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    EXPECT_EQ(1, sigismember(&now, SIGPIPE));
+    const timespec noWait{};
+    EXPECT_EQ(SIGPIPE, sigtimedwait(&pipe, nullptr, &noWait)) << "it is still there";
+    EXPECT_EQ(-1, sigtimedwait(&pipe, nullptr, &noWait));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace

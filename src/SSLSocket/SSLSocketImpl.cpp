@@ -46,7 +46,7 @@ void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failu
     if (ssl == nullptr) {
         failures::raise(noConnection, "Could not create an SSL instance.");
     }
-    if (SSL_set_fd(ssl, descriptor) != 1) {
+    if (!openssl::setDescriptor(ssl, descriptor)) {
         failures::raise<SocketException>(noDescriptor, "SSL_set_fd failed");
     }
 }
@@ -149,8 +149,10 @@ int SSLSocketImpl::receive(uchar_t* buffer, uint_t length) {
     }
     const TimeLimit limit(m_descriptor, timeLimit());
     while (!openssl::closedByPeer(m_ssl)) {
-        // The plain socket's own wait: what OpenSSL holds decrypted does not count.
-        while (!SocketImpl::readable()) {
+        // The plain socket's own wait: what OpenSSL holds decrypted does not count. Where it holds nothing and there is no
+        // limit, its own read waits just so.
+        const bool readWaits = m_blocking && timeLimit() == 0 && SSL_has_pending(m_ssl) == 0;
+        while (!readWaits && !SocketImpl::readable()) {
             if (!m_blocking) {
                 errno = EAGAIN;
                 return 0;

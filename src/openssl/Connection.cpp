@@ -1,7 +1,7 @@
 #include "openssl/Connection.h"
 
 #include "openssl/ErrorQueue.h"
-#include "openssl/SigpipeGuard.h"
+#include "openssl/SocketBio.h"
 
 #include <openssl/err.h>
 
@@ -14,8 +14,9 @@ namespace {
 /// A stale entry in the queue would turn a want into a failure. What the system refused joins the queue, where OpenSSL
 /// leaves it in errno alone.
 template <class Call> SslAnswer framed(SSL* ssl, const char* name, Call call) {
-    const SigpipeGuard guard;
-    ERR_clear_error();
+    if (ERR_peek_error() != 0) { // clearing an empty queue is what would cost something
+        ERR_clear_error();
+    }
     errno = 0;
     const int result = call();
     if (result > 0) {
@@ -38,6 +39,15 @@ SslAnswer afterHandshake(SSL* ssl, SslAnswer answer) {
 }
 
 } // namespace
+
+bool setDescriptor(SSL* ssl, int descriptor) {
+    if (SSL_set_fd(ssl, descriptor) != 1) {
+        return false;
+    }
+    BioPtr writing = newSocketBio(descriptor);
+    SSL_set0_wbio(ssl, writing.get());
+    return writing.release() != nullptr;
+}
 
 SslAnswer connectOnce(SSL* ssl) {
     return afterHandshake(ssl, framed(ssl, "SSL_connect", [ssl] { return SSL_connect(ssl); }));
@@ -67,7 +77,6 @@ bool closedByPeer(const SSL* ssl) {
 }
 
 void shutdownAndFree(SSL* ssl) noexcept {
-    const SigpipeGuard guard;
     const ErrorMark quiet;
     if ((SSL_get_shutdown(ssl) & SSL_SENT_SHUTDOWN) == 0) { // a second call would wait for the peer's close notify
         SSL_shutdown(ssl);

@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// The calls on a TLS connection, each in the same frame: SIGPIPE kept from the thread, the error queue empty before.
+/// The calls on a TLS connection, each begun with an empty error queue.
 
 #include <openssl/ssl.h>
 
@@ -18,6 +18,10 @@ struct SslAnswer {
         return result < 0 && (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE);
     }
 };
+
+/// Puts a connection on a descriptor, which stays the caller's. Nothing that is written to it raises SIGPIPE. False when
+/// OpenSSL refuses.
+bool setDescriptor(SSL* ssl, int descriptor);
 
 SslAnswer connectOnce(SSL* ssl);
 SslAnswer acceptOnce(SSL* ssl);
