@@ -1,5 +1,6 @@
 #include "Certificate/FileContent.h"
 
+#include "openssl/Decode.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pem.h"
 #include "openssl/Pointers.h"
@@ -26,10 +27,8 @@ RefCertificate CertificateFactory::operator()(x509_st* x509, bool own) const {
 }
 
 RefCertificate CertificateFactory::readDER(const Buffer& der) const {
-    const openssl::ErrorMark mark;
-    const unsigned char* position = der.data();
-    openssl::CertificatePtr x509(d2i_X509(nullptr, &position, static_cast<long>(der.length())));
-    return x509 ? operator()(x509.release(), true) : RefCertificate();
+    X509* x509 = openssl::decode<d2i_X509>(der.data(), der.length());
+    return x509 != nullptr ? operator()(x509, true) : RefCertificate();
 }
 
 void CertificateFactory::readPem(const Buffer& pem, std::list<RefCertificate>& certificates) const {

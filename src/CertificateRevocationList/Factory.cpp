@@ -1,4 +1,5 @@
 #include "Certificate/FileContent.h"
+#include "openssl/Decode.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pem.h"
 #include "openssl/Pointers.h"
@@ -35,10 +36,8 @@ RefCertificateRevocationList CertificateRevocationListFactory::readPEM(const Buf
 }
 
 RefCertificateRevocationList CertificateRevocationListFactory::readDER(const Buffer& der) const {
-    const openssl::ErrorMark mark;
-    const unsigned char* position = der.data();
-    openssl::CrlPtr list(d2i_X509_CRL(nullptr, &position, static_cast<long>(der.length())));
-    return list ? operator()(list.release(), true) : RefCertificateRevocationList();
+    X509_CRL* list = openssl::decode<d2i_X509_CRL>(der.data(), der.length());
+    return list != nullptr ? operator()(list, true) : RefCertificateRevocationList();
 }
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const Buffer& bytes) const {

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 
 namespace norvtest {
@@ -41,7 +42,10 @@ class TemporaryFolder {
 public:
     TemporaryFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string();
-        m_path = mkdtemp(name.data());
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp");
+        }
+        m_path = name;
     }
     ~TemporaryFolder() {
         std::error_code ignored;

@@ -3,6 +3,8 @@
 /// \file
 /// What the tests of certificates, lists and the key store share.
 
+#include "support/Judge.h"
+
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Logger.h>
 #include <norvcmsg/Media.h>
@@ -127,31 +129,6 @@ inline std::optional<norvauthority::Bytes> sample(const std::string& name) {
     }                                                                                                                  \
     static_assert(true)
 
-/// A folder that goes with the test.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "norv-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp");
-        }
-        m_path = pattern;
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    [[nodiscard]] std::string path(const std::string& name) const { return (m_path / name).string(); }
-    /// Writes a file and answers its path.
-    [[nodiscard]] std::string write(const std::string& name, const std::string& content) const {
-        std::ofstream(path(name), std::ios::binary) << content;
-        return path(name);
-    }
-
-private:
-    std::filesystem::path m_path;
-};
+using norvtest::TemporaryFolder;
 
 } // namespace x509testing
