@@ -139,7 +139,7 @@ public:
     /// loads by itself, one after the other.
     /// \throws Exception "DirectoryKeyStore::reload", code 4, source "DirectoryKeyStore", with the directory and the
     ///         reason: the directory cannot be opened or read, others than owner and group may write it, or the process
-    ///         ran out of descriptors or memory. What was loaded before serves on.
+    ///         ran out of descriptors, memory or room in OpenSSL's secure heap. What was loaded before serves on.
     void reload();
 
     /// What the last load that succeeded found: each folder that serves, each that does not and why, and the order in

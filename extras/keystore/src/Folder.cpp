@@ -115,7 +115,12 @@ private:
     void add() {
         const auto& certificate = m_identity.certificate;
         const auto& period = certificate->validityPeriod();
-        const auto usage = X509_get_key_usage(certificate); // all bits when the extension is absent
+        const auto usage = X509_get_key_usage(certificate);                  // all bits when the extension is absent
+        if ((X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0) { // OpenSSL then grants no usage at all
+            m_snapshot.problems.push_back({m_identity.folder, "cert.pem",
+                                           "an extension of the certificate does not decode: it is only found by "
+                                           "issuer and serial number"});
+        }
         m_identity.hasKey = !m_key.isNull();
         const Snapshot::Facts facts{
             KeyCertificatePair(m_key, certificate, m_identity.chain),

@@ -4,6 +4,7 @@
 
 #include <norvcrypto/Crypto.h>
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -57,6 +58,17 @@ int answerPassphrase(char* out, int size, int /*writing*/, void* data) {
     return static_cast<int>(answer.passphrase->length());
 }
 
+/// Whether a key of this length may have failed for want of room, which OpenSSL's decoders do not tell.
+bool secureHeapIsFull(std::size_t length) {
+    if (CRYPTO_secure_malloc_initialized() == 0) {
+        return false;
+    }
+    const QuietQuestion quiet;
+    void* const probe = OPENSSL_secure_malloc(length);
+    OPENSSL_secure_free(probe);
+    return probe == nullptr;
+}
+
 } // namespace
 
 std::list<RefCertificate> certificatesOf(const Buffer& pem) {
@@ -108,6 +120,9 @@ RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase) 
     Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(source.get(), nullptr, answerPassphrase, &answer));
     if (key) {
         return RefKey(new PrivateKey(key.release()));
+    }
+    if (secureHeapIsFull(pem.length())) {
+        throw Exhausted("OpenSSL's secure heap has no room for the keys; a reload takes room for both contents");
     }
     if (!answer.asked) {
         throw Refusal("holds no private key in PEM form");

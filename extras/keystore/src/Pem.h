@@ -19,7 +19,7 @@ std::list<RefCertificate> certificatesOf(const Buffer& pem);
 /// The one line of a passphrase file, without its end. \throws Refusal
 Buffer passphraseOf(const Buffer& text);
 
-/// The first private key of a text. Never prompts. \throws Refusal
+/// The first private key of a text. Never prompts. \throws Refusal, Exhausted
 RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase);
 
 /// Whether a private key and a certificate belong together.

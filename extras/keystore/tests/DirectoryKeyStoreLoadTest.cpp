@@ -110,6 +110,17 @@ TEST_F(DirectoryKeyStoreLoadTest, BadCertificatesAreReported) {
                 ElementsAre("x/cert.pem: the certificate has a negative serial number"));
 }
 
+TEST_F(DirectoryKeyStoreLoadTest, ACertificateWithAMalformedExtensionIsOnlyFoundByIssuerAndSerialNumber) {
+    m_store.add("x", "*\n", identity("x", {.extensions = {{.oid = "2.5.29.17", .value = {0x04, 0x00}}}}));
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store), ElementsAre("x/cert.pem: an extension of the certificate does not decode: it is "
+                                               "only found by issuer and serial number"));
+    EXPECT_EQ(signerFor(store, "a@x.example"), "nobody");
+    EXPECT_EQ(recipientFor(store, "a@x.example"), "nobody");
+    const auto certificate = store->contents()->identities.at(0).certificate;
+    EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "x");
+}
+
 TEST_F(DirectoryKeyStoreLoadTest, ABadChainIsReportedAndTheIdentityServesWithoutIt) {
     const auto root = identity("Root");
     m_store.add("x", "*\n");
