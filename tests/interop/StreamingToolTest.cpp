@@ -130,17 +130,21 @@ TEST(StreamingToolTest, NoBarInAPipe) {
 }
 
 TEST(StreamingToolTest, InterruptLeavesNothingHalfWritten) {
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    const std::vector<std::string> sign{"sign", "--cert", "alice.pem", "--key", "alice.key", "--out", "sig"};
+    const std::vector<std::string> encrypt{"encrypt", "--to", "alice.pem", "--out", "sig"};
+    const std::vector<std::string> decrypt{"decrypt", "--cert", "alice.pem", "--key", "alice.key", "--out", "sig"};
+    for (const auto& [signal, arguments] : {std::pair{SIGTERM, sign}, std::pair{SIGINT, sign}, std::pair{SIGHUP, sign},
+                                            std::pair{SIGTERM, encrypt}, std::pair{SIGTERM, decrypt}}) {
         const Workspace work;
         work.write("alice.pem", alice().certificate.pem());
         work.write("alice.key", alice().key.pkcs8Pem());
         work.write("sig", std::string("precious"));
-        Running sign(work, {"sign", "--cert", "alice.pem", "--key", "alice.key", "--out", "sig"}, false);
-        // The temporary file is there as soon as the tool waits for the body.
+        Running command(work, arguments, false);
+        // The temporary file is there as soon as the tool waits for its input.
         while (work.names().size() < 5)
-            sign.collect(10);
-        kill(sign.id(), signal);
-        EXPECT_EQ(128 + signal, sign.finish());
+            command.collect(10);
+        kill(command.id(), signal);
+        EXPECT_EQ(128 + signal, command.finish());
         EXPECT_EQ((std::vector<std::string>{"alice.key", "alice.pem", "sig", "stdout"}), work.names());
         EXPECT_EQ("precious", work.read("sig"));
     }
