@@ -221,7 +221,7 @@ TEST_F(InspectToolTest, OtherKindsOfKeys) {
                            pem("EC PRIVATE KEY", erin().key.traditionalDer()));
     work.write("ed", Key::ed25519().publicDer());
     EXPECT_EQ("DSA", objectsIn("dsa").at(0)["algorithm"]);
-    EXPECT_EQ(1024, objectsIn("dsa").at(0)["bits"]);
+    EXPECT_EQ(2048, objectsIn("dsa").at(0)["bits"]);
     EXPECT_EQ("EC", objectsIn("ec").at(0)["algorithm"]);
     EXPECT_EQ(256, objectsIn("ec").at(0)["bits"]);
     EXPECT_EQ(1U, objectsIn("sec1").size());
@@ -308,7 +308,8 @@ TEST_F(InspectToolTest, TextHasALineForEachValue) {
     EXPECT_EQ("  selfSigned: false", lines.at(7));
     EXPECT_EQ("  keyUsage: digitalSignature", lines.at(9));
     EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(10));
-    EXPECT_EQ("  emails: alice@example.org", lines.at(11));
+    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(11));
+    EXPECT_EQ("  emails: alice@example.org", lines.at(12));
 }
 
 TEST_F(InspectToolTest, NegativeSerialNumberIsToldAndTheRestGoesOn) {
