@@ -6,8 +6,7 @@
 ///
 /// \code
 /// Norvane::Crypto::initialize(); // once, before anything else: it also loads the old ciphers
-/// Norvane::Buffer key = IntializationVectorGenerator::generateIV(32); // random bytes of any number
-/// key.protect();
+/// const Norvane::Buffer key = ...; // 32 bytes, random and kept secret; marked with protect()
 /// const Norvane::Buffer iv = IntializationVectorGenerator::generateIV(16); // anew for each body
 ///
 /// Norvane::MemoryMediaOut secret;

@@ -1,4 +1,4 @@
-// Several threads, each with streams of its own, IDEA among the ciphers from the first call on.
+// Several threads, each with streams of its own, IDEA among the ciphers.
 
 #include "support/Ciphers.h"
 
