@@ -29,12 +29,6 @@ const NamedCipher& cipherNamed(const std::string& name) {
     return *found;
 }
 
-const char* cipherName(Norvane::Crypto::Cipher cipher) {
-    const auto* const found =
-        std::find_if(ciphers.begin(), ciphers.end(), [cipher](const NamedCipher& one) { return one.cipher == cipher; });
-    return found == ciphers.end() ? "an unknown cipher" : found->name;
-}
-
 std::string cipherNames() {
     std::string names;
     for (const NamedCipher& one : ciphers)

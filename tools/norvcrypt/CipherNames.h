@@ -17,9 +17,6 @@ struct NamedCipher {
 /// The cipher of that name, "aes-256-cbc" say, in upper or lower case. \throws Failure: there is none
 const NamedCipher& cipherNamed(const std::string& name);
 
-/// The name of a cipher, for messages.
-const char* cipherName(Norvane::Crypto::Cipher cipher);
-
 /// All names, for help texts: "des-cbc, idea-cbc, ...".
 std::string cipherNames();
 
