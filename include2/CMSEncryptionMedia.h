@@ -194,6 +194,10 @@ public:
     /// message and trust the body only when `failed()` has none but recipients without a key. And a success proves
     /// nothing about the content: of damaged messages, about one in 256 has a padding that looks right (see the top).
     ///
+    /// Content is decrypted under any cipher that OpenSSL has, with two exceptions that would succeed with garbage: modes
+    /// that are not for content (key wrapping, authenticated ones), and a missing initialisation vector. Both are
+    /// failures.
+    ///
     /// Each key is tried on the recipient that it was found for and on no other, so that the work grows with the number
     /// of recipients, not with its square. The failures of an RSA decryption are not told apart from those of the
     /// content: OpenSSL goes on with a random key (RFC 3218).

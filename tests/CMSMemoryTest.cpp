@@ -1,6 +1,6 @@
 // What happens when there is no memory: every allocation of each operation fails once. The operation throws
 // std::bad_alloc, and the sanitizers tell when something is lost or freed twice on the way out.
-#include "support/Cms.h"
+#include "support/Envelope.h"
 
 #include <norvcrypto/KeyStore.h>
 
@@ -117,6 +117,41 @@ TEST(Shortage, WhileABodyIsSigned) {
         signer.write(body.data(), 5000);
         signer.write(body.data(), 5000);
         signer.end();
+    });
+}
+
+TEST(Shortage, WhileABodyIsEncrypted) {
+    const Bytes body = bodyOf(5000);
+    const auto recipients = certificatesOf({&alice(), &bob()});
+    expectEveryShortageThrown([&] {
+        const struct QueueCleared {
+            ~QueueCleared() { ERR_clear_error(); } // ending leaves an entry
+        } cleared;
+        Norvane::MemoryMediaOut target;
+        CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, recipients);
+        encrypter.attach(target);
+        writeInPieces(encrypter, body, 3000);
+        try {
+            encrypter.end();
+        } catch (const Norvane::Exception& failure) {
+            EXPECT_EQ(failure.lineNumber(), 136U);
+            throw std::bad_alloc(); // a block that is not to be had: OpenSSL stood in between
+        }
+    });
+}
+
+TEST(Shortage, WhileABodyIsDecrypted) {
+    const Bytes message = encryptedByStream({&alice(), &bob()}, bodyOf(5000));
+    const auto keys = storeOfPairs({NVX509::KeyCertificatePair(keyOf(bob()), certificateOf(bob()))});
+    const RecordedLog log;
+    expectEveryShortageThrown([&] {
+        PiecewiseIn in(message);
+        Norvane::NullMediaOut out;
+        CMS::DecrypterMediaIn decrypter(in, keys);
+        decrypter.write(out);
+        if (!decrypter.decryptionSucceeded()) {
+            ADD_FAILURE();
+        }
     });
 }
 

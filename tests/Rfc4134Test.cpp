@@ -1,5 +1,5 @@
 // The example objects of RFC 4134, which were made by several programs that are not this one.
-#include "support/Cms.h"
+#include "support/Envelope.h"
 
 #include <filesystem>
 #include <fstream>
@@ -160,4 +160,25 @@ TEST_F(Rfc4134, RecipientsAreNamed) {
     const auto bob = certificate("BobRSASignByCarl.cer");
     EXPECT_EQ(data.recipientInfo().front().issuerAndSerialNumber().serialNumber(), bob->serialNumber());
     EXPECT_EQ(data.recipientInfo().front().issuerAndSerialNumber().issuer(), bob->issuer());
+}
+
+TEST_F(Rfc4134, AnEnvelopeOpensWithBobsKey) {
+    const norvauthority::Key key = norvauthority::Key::fromDer(sample("BobPrivRSAEncrypt.pri"));
+    const NVX509::KeyCertificatePair bobsPair(Crypto::RefKey(new Crypto::PrivateKey(key.newReference())),
+                                              certificate("BobRSASignByCarl.cer"));
+    const Opened opened = openedBy(sample("5.1.bin"), storeOfPairs({bobsPair}));
+    EXPECT_TRUE(opened.good);
+    EXPECT_EQ(opened.body, sample("ExContent.bin"));
+    EXPECT_EQ(opened.succeeded, std::vector<std::string>{"46346bc7800056bc11d36e2ecd5d71d0"});
+    EXPECT_TRUE(opened.events.empty());
+}
+
+TEST_F(Rfc4134, AnEnvelopeDoesNotOpenWithAnothersKey) {
+    const norvauthority::Key key = norvauthority::Key::fromDer(sample("AlicePrivRSASign.pri"));
+    const Crypto::RefKey foreign(new Crypto::PrivateKey(key.newReference()));
+    const Opened opened = openedBy(
+        sample("5.1.bin"), storeOfPairs({NVX509::KeyCertificatePair(foreign, certificate("BobRSASignByCarl.cer"))}));
+    EXPECT_FALSE(opened.good);
+    EXPECT_TRUE(opened.body.empty());
+    EXPECT_EQ(opened.events, std::vector<unsigned int>{0x300005B});
 }

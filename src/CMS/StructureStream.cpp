@@ -33,7 +33,7 @@ void StructureStream::detach() {
 }
 
 void StructureStream::write(const Buffer& data) {
-    if (m_finished) {
+    if (m_sealed) {
         return;
     }
     if (m_buffer.size() - m_buffer.length() < data.length()) {
@@ -56,15 +56,18 @@ void StructureStream::end(const failures::Failure& finishing, const failures::Fa
 }
 
 void StructureStream::finish(const failures::Failure& finishing) {
-    m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
-    m_chain->flush();
+    if (!m_sealed) {
+        m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
+        m_chain->flush();
+        m_sealed = m_chain->collected() != nullptr;
+    }
     // Refused for structures that carry their content, which then stay as they are; the entry that the refusal leaves in
     // the error queue is left there.
     static_cast<void>(PKCS7_ctrl(m_structure, PKCS7_OP_SET_DETACHED_SIGNATURE, 1, nullptr));
     if (!m_chain->finish(m_structure)) {
         failures::raiseWithErrors(finishing);
     }
-    m_finished = m_chain->collected() != nullptr;
+    m_finished = m_sealed;
 }
 
 void StructureStream::send(const failures::Failure& writing) {

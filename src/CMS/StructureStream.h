@@ -34,7 +34,7 @@ public:
     void detach();
 
     /// Buffers `data`, after passing on what is buffered when there is no room for it. Dropped once a structure that
-    /// carries its content was finished.
+    /// carries its content was ended.
     void write(const Buffer& data);
 
     /// Finishes the structure and sends it to the target, which is ended. A second call sends the same structure again
@@ -55,7 +55,8 @@ private:
     BIOMediaOut m_out;
     std::unique_ptr<openssl::ContentChain> m_chain;
     Buffer m_buffer;
-    bool m_finished = false; // what is collected can be finished once
+    bool m_sealed = false;   // all of the content was passed on, which is collected: nothing can follow it
+    bool m_finished = false; // and it is in the structure, which is finished once
 };
 
 } // namespace Norvane::Crypto::CMS

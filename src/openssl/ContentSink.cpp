@@ -8,16 +8,21 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace Norvane::Crypto::openssl {
 
 bool ContentSink::addBlock() noexcept {
+    OwnedMemory<unsigned char> block(static_cast<unsigned char*>(OPENSSL_malloc(blockSize)));
+    if (block == nullptr) {
+        return false;
+    }
     try {
-        m_blocks.emplace_back(static_cast<unsigned char*>(OPENSSL_malloc(blockSize)));
+        m_blocks.push_back(std::move(block));
     } catch (const std::bad_alloc&) {
         return false;
     }
-    return m_blocks.back() != nullptr;
+    return true;
 }
 
 bool ContentSink::append(const char* data, std::size_t length) noexcept {

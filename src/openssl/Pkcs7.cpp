@@ -68,6 +68,26 @@ std::vector<LastElement> lastElements(const unsigned char* der, std::size_t leng
     return {};
 }
 
+/// Whether content under this algorithm can be told from garbage at all. OpenSSL takes a missing initialisation vector
+/// for zeroes, and calls it a success when a cipher for keys, or one that authenticates, decrypts nothing. Ciphers that
+/// are no table entries are left to it.
+bool isContentCipher(const X509_ALGOR* algorithm) noexcept {
+    const EVP_CIPHER* cipher = algorithm == nullptr ? nullptr : EVP_get_cipherbyobj(algorithm->algorithm);
+    if (cipher == nullptr) {
+        return true;
+    }
+    switch (EVP_CIPHER_get_mode(cipher)) {
+    case EVP_CIPH_CBC_MODE:
+    case EVP_CIPH_CFB_MODE:
+    case EVP_CIPH_OFB_MODE:
+    case EVP_CIPH_ECB_MODE:
+    case EVP_CIPH_STREAM_CIPHER:
+        return EVP_CIPHER_get_iv_length(cipher) == 0 || algorithm->parameter != nullptr;
+    default:
+        return false;
+    }
+}
+
 /// For as long as it lives, a structure has one recipient alone.
 class OneRecipient {
 public:
@@ -198,7 +218,8 @@ bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) 
 
 bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept {
     PKCS7_ENVELOPE* envelope = envelopedContent(structure);
-    if (envelope == nullptr || recipient == nullptr) {
+    if (encryptedContent(structure) == nullptr || recipient == nullptr ||
+        !isContentCipher(envelope->enc_data->algorithm)) {
         return false;
     }
     const OneRecipient one(envelope, recipient);

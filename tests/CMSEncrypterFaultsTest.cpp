@@ -1,0 +1,284 @@
+// Failures that nobody outside can provoke: OpenSSL's functions are defined here, fail on demand, and otherwise
+// forward.
+#include "support/Envelope.h"
+#include "support/Interpose.h"
+
+using namespace cmstest;
+
+#define REPLACEMENT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+/// The name of the function that fails next.
+const char* s_failing = "";
+/// The functions that were called since the last clearing.
+std::vector<std::string> s_calls;
+BIO* s_chain = nullptr;
+/// How many blocks of the size in which encrypted content collects are given out before there is no more memory.
+int s_blocks = -1;
+/// How many BIOs of the library's are made before one is not.
+int s_passing = 0;
+/// How many of the functions are being executed.
+int s_depth = 0;
+
+/// Notes a call of the library's. OpenSSL's own calls of its functions pass here too, inside of another one.
+void note(const std::string& call) {
+    if (s_depth == 0) {
+        s_calls.push_back(call);
+    }
+}
+
+template <class Function, class... Arguments> auto forward(Function function, Arguments... arguments) {
+    const norvtest::During<int> inside(s_depth, s_depth + 1);
+    return function(arguments...);
+}
+
+/// True for the function that is to fail now.
+bool fails(const char* function) {
+    if (std::strcmp(s_failing, function) != 0) {
+        return false;
+    }
+    s_failing = "";
+    ERR_raise(ERR_LIB_USER, 42);
+    return true;
+}
+
+/// Notes a call; true when it is to fail.
+bool failsNow(const char* function) {
+    note(function);
+    return fails(function);
+}
+
+} // namespace
+
+#define FORWARD(function, ...) forward(norvtest::next<&function>(#function) __VA_OPT__(, ) __VA_ARGS__)
+
+REPLACEMENT int PKCS7_set_type(PKCS7* structure, int type) {
+    return failsNow("PKCS7_set_type") ? 0 : FORWARD(PKCS7_set_type, structure, type);
+}
+REPLACEMENT int PKCS7_set_cipher(PKCS7* structure, const EVP_CIPHER* cipher) {
+    return failsNow("PKCS7_set_cipher") ? 0 : FORWARD(PKCS7_set_cipher, structure, cipher);
+}
+REPLACEMENT PKCS7_RECIP_INFO* PKCS7_add_recipient(PKCS7* structure, X509* certificate) {
+    return failsNow("PKCS7_add_recipient") ? nullptr : FORWARD(PKCS7_add_recipient, structure, certificate);
+}
+REPLACEMENT BIO* PKCS7_dataInit(PKCS7* structure, BIO* sink) {
+    EXPECT_EQ(sink, nullptr);
+    s_chain = failsNow("PKCS7_dataInit") ? nullptr : FORWARD(PKCS7_dataInit, structure, sink);
+    return s_chain;
+}
+REPLACEMENT int BIO_write(BIO* out, const void* data, int length) {
+    if (out != s_chain) {
+        return FORWARD(BIO_write, out, data, length);
+    }
+    note("BIO_write " + std::to_string(length));
+    return fails("BIO_write") ? length - 1 : FORWARD(BIO_write, out, data, length);
+}
+REPLACEMENT long BIO_ctrl(BIO* bio, int command, long number, void* argument) {
+    if (bio != s_chain || command != BIO_CTRL_FLUSH) {
+        return FORWARD(BIO_ctrl, bio, command, number, argument);
+    }
+    note("BIO_ctrl " + std::to_string(command));
+    return fails("BIO_ctrl") ? 0 : FORWARD(BIO_ctrl, bio, command, number, argument);
+}
+REPLACEMENT long PKCS7_ctrl(PKCS7* structure, int command, long number, char* argument) {
+    note("PKCS7_ctrl " + std::to_string(command) + " " + std::to_string(number));
+    return FORWARD(PKCS7_ctrl, structure, command, number, argument);
+}
+REPLACEMENT int PKCS7_dataFinal(PKCS7* structure, BIO* chain) {
+    return failsNow("PKCS7_dataFinal") ? 0 : FORWARD(PKCS7_dataFinal, structure, chain);
+}
+REPLACEMENT int i2d_PKCS7(const PKCS7* structure, unsigned char** out) {
+    return failsNow("i2d_PKCS7") ? -1 : FORWARD(i2d_PKCS7, structure, out);
+}
+REPLACEMENT BIO* BIO_new(const BIO_METHOD* method) {
+    const bool counts = s_depth == 0 && std::strcmp(s_failing, "BIO_new") == 0;
+    return counts && s_passing-- == 0 && fails("BIO_new") ? nullptr : FORWARD(BIO_new, method);
+}
+REPLACEMENT void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
+    if (length == 65536 && s_blocks >= 0 && s_blocks-- == 0) {
+        s_blocks = 0; // and none ever after
+        return nullptr;
+    }
+    return norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
+}
+
+namespace {
+
+class Fault : public ::testing::Test {
+protected:
+    void SetUp() override { ERR_clear_error(); }
+    void TearDown() override {
+        EXPECT_STREQ(s_failing, "") << "the fault was not reached";
+        s_failing = "";
+        s_blocks = -1;
+        ERR_clear_error();
+    }
+    /// The constructor's failure when a function fails.
+    static Caught construction(const char* function) {
+        const auto recipients = certificatesOf({&alice(), &bob()});
+        s_failing = function;
+        const Caught failure = caught([&] { const CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, recipients); });
+        EXPECT_EQ(ERR_peek_error(), 0UL);
+        EXPECT_EQ(failure.code, 4);
+        EXPECT_EQ(failure.file, "CMSEncryptionMedia");
+        EXPECT_EQ(failure.details.size(), 1U);
+        return failure;
+    }
+    static void expectConstructor(const char* function, unsigned int line) {
+        const Caught failure = construction(function);
+        EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::EncrypterMediaOutImpl");
+        EXPECT_EQ(failure.line, line);
+        ASSERT_EQ(failure.details.size(), 1U);
+        EXPECT_NE(failure.details.front().find("0x4000002a"), std::string::npos) << failure.details.front();
+    }
+    /// Nothing is sent when a function fails while a stream of that body is ended.
+    static void expectEndFails(const char* function, const Bytes& body, unsigned int line) {
+        Norvane::MemoryMediaOut target;
+        CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+        encrypter.attach(target);
+        s_failing = function;
+        writeInPieces(encrypter, body, 4000);
+        expectEnd(caught([&] { encrypter.end(); }), line);
+        EXPECT_EQ(target.content().length(), 0U);
+        EXPECT_FALSE(target.ended());
+    }
+    static void expectEnd(const Caught& failure, unsigned int line) {
+        EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::end");
+        EXPECT_EQ(failure.code, 4);
+        EXPECT_EQ(failure.file, "CMSEncryptionMedia");
+        if (line != 0) {
+            EXPECT_EQ(failure.line, line);
+        } else {
+            EXPECT_NE(failure.line, 136U);
+        }
+        ASSERT_EQ(failure.details.size(), 1U);
+        EXPECT_EQ(failure.details.front().substr(0, 2), "0x");
+        EXPECT_EQ(ERR_peek_error(), 0UL);
+    }
+};
+
+} // namespace
+
+TEST_F(Fault, TheCallsComeInTheirOrder) {
+    const Bytes body = bodyOf(9000);
+    const auto recipients = certificatesOf({&alice(), &bob()});
+    s_calls.clear();
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, recipients);
+    EXPECT_EQ(s_calls, (std::vector<std::string>{"PKCS7_set_type", "PKCS7_set_cipher", "PKCS7_add_recipient",
+                                                 "PKCS7_add_recipient", "PKCS7_dataInit"}));
+    Norvane::MemoryMediaOut target;
+    encrypter.attach(target);
+    s_calls.clear();
+    encrypter.write(body.data(), 4096);
+    EXPECT_TRUE(s_calls.empty()) << "4096 bytes are buffered";
+    encrypter.write(body.data() + 4096, 4904);
+    EXPECT_EQ(s_calls, std::vector<std::string>{"BIO_write 4096"});
+    s_calls.clear();
+    encrypter.end();
+    EXPECT_EQ(s_calls, (std::vector<std::string>{"BIO_write 4904", "BIO_ctrl 11", "PKCS7_ctrl 1 1", "PKCS7_dataFinal",
+                                                 "i2d_PKCS7"}));
+    s_calls.clear();
+    encrypter.end();
+    EXPECT_EQ(s_calls, std::vector<std::string>{"i2d_PKCS7"}) << "a structure is finished once";
+}
+
+TEST_F(Fault, ABodyOf4096BytesIsBufferedUntilTheEnd) {
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    Norvane::MemoryMediaOut target;
+    encrypter.attach(target);
+    s_calls.clear();
+    encrypter.write(bodyOf(4096).data(), 4096);
+    EXPECT_TRUE(s_calls.empty());
+    encrypter.end();
+    EXPECT_EQ(s_calls.front(), "BIO_write 4096");
+    EXPECT_EQ(openedByOpenssl(bytesOf(target.content()), alice()), bodyOf(4096));
+}
+
+TEST_F(Fault, TheStructureCannotBeTyped) {
+    expectConstructor("PKCS7_set_type", 47);
+}
+
+TEST_F(Fault, TheCipherCannotBeSet) {
+    expectConstructor("PKCS7_set_cipher", 55);
+}
+
+TEST_F(Fault, TheChainIsNotMade) {
+    expectConstructor("PKCS7_dataInit", 74);
+}
+
+TEST_F(Fault, TheSinkIsNotMade) {
+    s_passing = 2; // the adapters of the structure and of the target come first
+    expectConstructor("BIO_new", 74);
+}
+
+TEST_F(Fault, ARecipientIsNotAdded) {
+    const Caught failure = construction("PKCS7_add_recipient");
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::addCertificate");
+    EXPECT_EQ(failure.line, 96U);
+}
+
+TEST_F(Fault, TheStructureIsTypedBeforeTheCipherIsLookedUp) {
+    s_failing = "PKCS7_set_type";
+    const Caught failure = caught([] { const CMS::EncrypterMediaOut encrypter(static_cast<Crypto::Cipher>(0), {}); });
+    EXPECT_EQ(failure.line, 47U);
+}
+
+TEST_F(Fault, TheStructureIsNotFinished) {
+    expectEndFails("PKCS7_dataFinal", bodyOf(5000), 136);
+}
+
+TEST_F(Fault, TheStructureIsNotEncoded) {
+    expectEndFails("i2d_PKCS7", bodyOf(5000), 0);
+}
+
+// A body of which a piece is missing must not be sent as if it were whole.
+TEST_F(Fault, AWriteThatTheCipherDidNotTakeFailsTheEnd) {
+    expectEndFails("BIO_write", bodyOf(20000), 136);
+    expectEndFails("BIO_write", bodyOf(100), 136);
+}
+
+TEST_F(Fault, AFlushThatFailsFailsTheEnd) {
+    expectEndFails("BIO_ctrl", bodyOf(5000), 136);
+}
+
+TEST_F(Fault, AFinishThatFailedMayComeAgain) {
+    const Bytes body = bodyOf(9000);
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    encrypter.attach(target);
+    writeInPieces(encrypter, body, 4000);
+    s_failing = "PKCS7_dataFinal";
+    expectEnd(caught([&] { encrypter.end(); }), 136);
+    writeInPieces(encrypter, body, 4000); // dropped: the content is complete
+    encrypter.end();
+    EXPECT_TRUE(openedByOpenssl(bytesOf(target.content()), alice()) == body);
+}
+
+TEST_F(Fault, NoMemoryForTheContentFailsTheEndWhereverItRunsOut) {
+    for (const std::size_t length : {10U, 65535U, 70000U, 131072U, 300000U}) {
+        for (int blocks = 0; blocks <= static_cast<int>(length / 65536); ++blocks) {
+            const Bytes body = bodyOf(length);
+            Norvane::MemoryMediaOut target;
+            CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+            encrypter.attach(target);
+            s_blocks = blocks;
+            writeInPieces(encrypter, body, 4000);
+            expectEnd(caught([&] { encrypter.end(); }), 136);
+            s_blocks = -1;
+            EXPECT_EQ(target.content().length(), 0U);
+            expectEnd(caught([&] { encrypter.end(); }), 136);
+            EXPECT_EQ(target.content().length(), 0U) << "there is a gap in it for ever";
+        }
+    }
+}
+
+// The encrypted body is in blocks beside the chain: OpenSSL's memory sink would move it each time it grows, and the
+// encoder would copy it once more.
+TEST_F(Fault, NoLinkOfTheChainKeepsTheBody) {
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    ASSERT_NE(s_chain, nullptr);
+    writeInPieces(encrypter, bodyOf(100000), 5000);
+    EXPECT_NE(BIO_find_type(s_chain, BIO_TYPE_CIPHER), nullptr);
+    EXPECT_EQ(BIO_pending(s_chain), 0);
+}

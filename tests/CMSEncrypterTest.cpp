@@ -1,0 +1,417 @@
+#include "support/Envelope.h"
+#include "support/Slots.h"
+
+#include <openssl/core_names.h>
+#include <openssl/params.h>
+
+using namespace cmstest;
+using Crypto::Cipher;
+using ::testing::Combine;
+using ::testing::Values;
+
+namespace {
+
+/// Everybody decrypts what was made, by OpenSSL's own call and by the library's stream.
+void expectOpens(const Bytes& structure, const std::vector<const Identity*>& people, const Bytes& body) {
+    for (const Identity* person : people) {
+        const auto opened = openedByOpenssl(structure, *person);
+        ASSERT_TRUE(opened);
+        EXPECT_TRUE(*opened == body) << body.size() << " bytes for " << person->serial;
+        EXPECT_TRUE(openedBy(structure, storeOfKeys({person})).body == body);
+    }
+}
+
+CMS::RefContentInfo decoded(const Bytes& structure) {
+    PiecewiseIn in(structure);
+    const CMS::RefContentInfo message(in);
+    EXPECT_TRUE(in.atEnd()) << "something follows the structure";
+    return message;
+}
+
+Caught constructionFailure(const std::list<NVX509::RefCertificate>& recipients) {
+    const Caught failure = caught([&] { const CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, recipients); });
+    EXPECT_EQ(failure.code, 4);
+    EXPECT_EQ(failure.file, "CMSEncryptionMedia");
+    EXPECT_EQ(failure.details.size(), 1U);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+    return failure;
+}
+
+void expectRefused(const std::list<NVX509::RefCertificate>& recipients) {
+    const Caught failure = constructionFailure(recipients);
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::addCertificate");
+    EXPECT_EQ(failure.line, 96U);
+    ASSERT_EQ(failure.details.size(), 1U);
+    EXPECT_EQ(failure.details.front().substr(0, 2), "0x");
+}
+
+class Encrypter : public ::testing::Test {
+protected:
+    void SetUp() override { ERR_clear_error(); }
+    void TearDown() override { ERR_clear_error(); }
+};
+
+class EncrypterBody : public ::testing::TestWithParam<std::tuple<std::size_t, std::size_t>> {};
+class EncrypterCipher : public ::testing::TestWithParam<std::tuple<Cipher, const char*>> {};
+
+} // namespace
+
+TEST_P(EncrypterBody, OpensWithOpenssl) {
+    const auto [length, piece] = GetParam();
+    const Bytes body = bodyOf(length);
+    expectOpens(encryptedByStream({&alice()}, body, Crypto::AES_128_CBC, piece), {&alice()}, body);
+}
+INSTANTIATE_TEST_SUITE_P(Encrypter, EncrypterBody,
+                         Combine(Values(0, 1, 15, 16, 17, 4095, 4096, 4097, 65519, 65520, 65536, 200000),
+                                 Values(0, 1000, 4096, 4097)));
+
+TEST_F(Encrypter, TenMegabytesInOneWriteAndInMany) {
+    const Bytes body = bodyOf(10000000);
+    expectOpens(encryptedByStream({&alice()}, body), {&alice()}, body);
+    expectOpens(encryptedByStream({&alice()}, body, Crypto::AES_256_CBC, 65521), {&alice()}, body);
+}
+
+TEST_F(Encrypter, WritesOfAllSizesMixedKeepTheirOrder) {
+    const Bytes body = bodyOf(300000);
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_192_CBC, certificatesOf({&bob()}));
+    encrypter.attach(target);
+    std::size_t at = 0;
+    for (std::size_t turn = 0; at < body.size(); ++turn) {
+        static constexpr std::size_t sizes[]{4095, 0, 1, 4096, 4097, 3, 50000, 2, 9999};
+        const std::size_t length = std::min(sizes[turn % std::size(sizes)], body.size() - at);
+        if (turn % 2 == 0) {
+            encrypter.write(body.data() + at, static_cast<unsigned int>(length));
+        } else {
+            encrypter.write(Buffer(body.data() + at, static_cast<unsigned int>(length), false));
+        }
+        at += length;
+    }
+    encrypter.end();
+    expectOpens(bytesOf(target.content()), {&bob()}, body);
+}
+
+TEST_P(EncrypterCipher, IsNamedAndOpens) {
+    const auto [cipher, identifier] = GetParam();
+    const Bytes body = bodyOf(5001);
+    const Bytes structure = encryptedByStream({&alice(), &bob()}, body, cipher, 999);
+    const CMS::RefContentInfo message = decoded(structure);
+    EXPECT_EQ(CMS::envelopedData(message).contentInfo().algorithm().asString(), identifier);
+    expectOpens(structure, {&alice(), &bob()}, body);
+}
+INSTANTIATE_TEST_SUITE_P(Encrypter, EncrypterCipher,
+                         Values(std::tuple{Crypto::DES_CBC, "1.3.14.3.2.7"},
+                                std::tuple{Crypto::IDEA_CBC, "1.3.6.1.4.1.188.7.1.1.2"},
+                                std::tuple{Crypto::DES_EDE3_CBC, "1.2.840.113549.3.7"},
+                                std::tuple{Crypto::BF_CBC, "1.3.6.1.4.1.3029.1.2"},
+                                std::tuple{Crypto::CAST5_CBC, "1.2.840.113533.7.66.10"},
+                                std::tuple{Crypto::AES_128_CBC, "2.16.840.1.101.3.4.1.2"},
+                                std::tuple{Crypto::AES_192_CBC, "2.16.840.1.101.3.4.1.22"},
+                                std::tuple{Crypto::AES_256_CBC, "2.16.840.1.101.3.4.1.42"}));
+
+TEST_F(Encrypter, GivesAnEnvelopedStructureThatDecodes) {
+    const Bytes structure = encryptedByStream({&alice()}, bodyOf(17), Crypto::AES_128_CBC);
+    const CMS::RefContentInfo message = decoded(structure);
+    EXPECT_EQ(static_cast<int>(message->typeAsEnum()), 3);
+    const CMS::EnvelopedData data = CMS::envelopedData(message);
+    EXPECT_EQ(data.version().asInt(), 0);
+    EXPECT_EQ(data.contentInfo().contentType().asString(), "1.2.840.113549.1.7.1");
+    EXPECT_EQ(data.contentInfo().data().length(), 32U) << "17 bytes are padded to two blocks";
+}
+
+// What we encode around the content is what OpenSSL's own encoder makes of the whole.
+TEST_F(Encrypter, IsDistinguishedEncoding) {
+    for (const std::size_t length : {0U, 1U, 100U, 127U, 128U, 255U, 256U, 60000U, 65535U, 65536U, 70000U}) {
+        const Bytes structure = encryptedByStream({&alice(), &bob()}, bodyOf(length));
+        const unsigned char* at = structure.data();
+        const Pkcs7 again(d2i_PKCS7(nullptr, &at, static_cast<long>(structure.size())));
+        ASSERT_NE(again, nullptr);
+        EXPECT_TRUE(derOf(again.get()) == structure) << length;
+    }
+}
+
+TEST_F(Encrypter, AnEmptyListGivesAStructureThatNobodyCanRead) {
+    const Bytes structure = encryptedByStream({}, bodyOf(100));
+    const CMS::RefContentInfo message = decoded(structure);
+    EXPECT_EQ(static_cast<int>(message->typeAsEnum()), 3);
+    EXPECT_TRUE(CMS::envelopedData(message).recipientInfo().empty());
+    EXPECT_EQ(CMS::envelopedData(message).contentInfo().data().length(), 112U);
+    EXPECT_FALSE(openedByOpenssl(structure, alice()));
+}
+
+// DER sorts a SET OF: recipients are read back in the order of their encodings, which begin alike up to the serial.
+TEST_F(Encrypter, TwoRecipientsAreNamedByIssuerAndSerialNumber) {
+    for (const auto& people :
+         {std::vector<const Identity*>{&alice(), &bob()}, std::vector<const Identity*>{&bob(), &alice()}}) {
+        const Bytes structure = encryptedByStream(people, bodyOf(10));
+        const CMS::RefContentInfo message = decoded(structure);
+        const CMS::EnvelopedData data = CMS::envelopedData(message);
+        ASSERT_EQ(data.recipientInfo().size(), 2U);
+        const auto& first = data.recipientInfo().front().issuerAndSerialNumber();
+        const auto& second = data.recipientInfo().back().issuerAndSerialNumber();
+        EXPECT_EQ(first.serialNumber().hex(), "0b0b");
+        EXPECT_EQ(second.serialNumber().hex(), "0a11ce");
+        EXPECT_EQ(first.issuer().asString(), "O=Mail,CN=Test Authority");
+        EXPECT_EQ(second.issuer().asString(), "O=Mail,CN=Test Authority");
+    }
+}
+
+TEST_F(Encrypter, ACertificateTwiceGivesTwoRecipients) {
+    const Bytes body = bodyOf(40);
+    const Bytes structure = encryptedByStream({&alice(), &alice()}, body);
+    EXPECT_EQ(CMS::envelopedData(decoded(structure)).recipientInfo().size(), 2U);
+    expectOpens(structure, {&alice()}, body);
+}
+
+TEST_F(Encrypter, AThousandRecipients) {
+    const Bytes body = bodyOf(40);
+    std::list<NVX509::RefCertificate> recipients(999, certificateOf(bob()));
+    recipients.push_back(certificateOf(alice()));
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, recipients);
+    encrypter.attach(target);
+    writeInPieces(encrypter, body);
+    encrypter.end();
+    const Bytes structure = bytesOf(target.content());
+    EXPECT_EQ(CMS::envelopedData(decoded(structure)).recipientInfo().size(), 1000U);
+    expectOpens(structure, {&alice()}, body);
+}
+
+TEST_F(Encrypter, TwoStreamsUseTwoKeysAndVectors) {
+    EXPECT_NE(encryptedByStream({&alice()}, bodyOf(100)), encryptedByStream({&alice()}, bodyOf(100)));
+}
+
+TEST_F(Encrypter, WritesNothingBeforeItsEndAndEndsItsTarget) {
+    Norvane::MemoryMediaOut target;
+    {
+        CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+        encrypter.attach(target);
+        writeInPieces(encrypter, bodyOf(100000));
+    }
+    EXPECT_EQ(target.content().length(), 0U);
+    EXPECT_FALSE(target.ended());
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    encrypter.attach(target);
+    encrypter.end();
+    EXPECT_GT(target.content().length(), 0U);
+    EXPECT_TRUE(target.ended());
+}
+
+// Deliberate: the flag that detaches a signature is asked for here as well, and its refusal stays in the queue.
+TEST_F(Encrypter, EndingLeavesTheRefusalOfTheDetachedFlagInTheQueue) {
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    encrypter.attach(target);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+    encrypter.end();
+    const unsigned long entry = ERR_get_error();
+    EXPECT_EQ(ERR_GET_LIB(entry), ERR_LIB_PKCS7);
+    EXPECT_EQ(ERR_GET_REASON(entry), PKCS7_R_OPERATION_NOT_SUPPORTED_ON_THIS_TYPE);
+    EXPECT_EQ(ERR_get_error(), 0UL);
+    encrypter.end();
+    EXPECT_EQ(ERR_get_error(), 0UL) << "the structure is finished";
+}
+
+TEST_F(Encrypter, ASecondEndSendsTheSameStructureAgain) {
+    const Bytes body = bodyOf(5000);
+    Norvane::MemoryMediaOut first;
+    Norvane::MemoryMediaOut second;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_256_CBC, certificatesOf({&alice()}));
+    encrypter.attach(first);
+    writeInPieces(encrypter, body, 1000);
+    encrypter.end();
+    encrypter.attach(second);
+    encrypter.end();
+    EXPECT_EQ(bytesOf(first.content()), bytesOf(second.content()));
+    EXPECT_TRUE(second.ended());
+    encrypter.end();
+    EXPECT_EQ(second.content().length(), 2 * first.content().length());
+    expectOpens(bytesOf(first.content()), {&alice()}, body);
+}
+
+// Deliberate: the structure is finished, there is no place for them.
+TEST_F(Encrypter, BytesWrittenAfterTheEndAreDropped) {
+    const Bytes body = bodyOf(5000);
+    Norvane::MemoryMediaOut first;
+    Norvane::MemoryMediaOut second;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_256_CBC, certificatesOf({&alice()}));
+    encrypter.attach(first);
+    writeInPieces(encrypter, body);
+    encrypter.end();
+    encrypter.attach(second);
+    writeInPieces(encrypter, bodyOf(100000), 3000);
+    encrypter.end();
+    EXPECT_EQ(bytesOf(first.content()), bytesOf(second.content()));
+}
+
+TEST_F(Encrypter, HandlesShareOneStream) {
+    const Bytes body = bodyOf(200);
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    Norvane::MediaOut other = encrypter;
+    encrypter.attach(target);
+    encrypter.write(body.data(), 100);
+    other.write(body.data() + 100, 100);
+    other.end();
+    expectOpens(bytesOf(target.content()), {&alice()}, body);
+}
+
+TEST_F(Encrypter, ADefaultHandleFailsAsANullHandle) {
+    CMS::EncrypterMediaOut none;
+    EXPECT_TRUE(none.isNull());
+    Norvane::MemoryMediaOut target;
+    for (const auto& failure :
+         {caught([&] { none.attach(target); }), caught([&] { none.detach(); }), caught([&] { none.end(); }),
+          caught([&] { none.write(Buffer()); }), caught([&] { none.write(nullptr, 0); })}) {
+        EXPECT_EQ(failure.where, "operator->");
+        EXPECT_EQ(failure.code, 1);
+    }
+    none = CMS::EncrypterMediaOut(Crypto::AES_128_CBC, {});
+    EXPECT_FALSE(none.isNull());
+}
+
+TEST_F(Encrypter, AttachAsksForItsOwnKindOfBody) {
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, {});
+    static_cast<Norvane::MediaOut&>(encrypter) = Norvane::NullMediaOut();
+    Norvane::MemoryMediaOut target;
+    for (const auto& failure : {caught([&] { encrypter.attach(target); }), caught([&] { encrypter.detach(); })}) {
+        EXPECT_EQ(failure.where, "CMS::EncrypterMediaOut::attach");
+        EXPECT_EQ(failure.code, 1);
+        EXPECT_EQ(failure.file, "CMSEncryptionMedia");
+    }
+}
+
+TEST_F(Encrypter, WithoutATargetEndThrowsAndALaterOneSends) {
+    const Bytes body = bodyOf(100);
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    encrypter.attach(target);
+    encrypter.detach();
+    writeInPieces(encrypter, body);
+    const Caught failure = caught([&] { encrypter.end(); });
+    EXPECT_EQ(failure.where, "operator->");
+    EXPECT_EQ(failure.code, 1);
+    encrypter.attach(target);
+    encrypter.end();
+    expectOpens(bytesOf(target.content()), {&alice()}, body);
+}
+
+TEST_F(Encrypter, WhatTheTargetThrowsPassesUnchangedAndAnotherTargetGetsItAll) {
+    const Bytes body = bodyOf(5000);
+    for (const bool onEnd : {false, true}) {
+        CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+        FailingOut failing(onEnd);
+        encrypter.attach(failing);
+        writeInPieces(encrypter, body);
+        std::string what;
+        try {
+            encrypter.end();
+        } catch (const std::runtime_error& failure) {
+            what = failure.what();
+        }
+        EXPECT_EQ(what, onEnd ? "the close failed" : "the disk is full");
+        Norvane::MemoryMediaOut target;
+        encrypter.attach(target);
+        encrypter.end();
+        expectOpens(bytesOf(target.content()), {&alice()}, body);
+    }
+}
+
+TEST_F(Encrypter, ATargetThatFailsInTheMiddleGetsABeginningAndLeavesNoLeak) {
+    const Bytes body = bodyOf(300000);
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    for (const unsigned int room : {0U, 1U, 400U, 70000U, 200000U}) {
+        Norvane::MediaOut full = x509testing::fullMediaOut(room);
+        encrypter.attach(full);
+        writeInPieces(encrypter, body);
+        EXPECT_THROW(encrypter.end(), Norvane::MediaException);
+    }
+}
+
+TEST_F(Encrypter, ARecipientWithoutACertificateIsRefused) {
+    expectRefused({NVX509::RefCertificate()});
+    expectRefused({certificateOf(alice()), NVX509::RefCertificate(), certificateOf(bob())});
+}
+
+TEST_F(Encrypter, ARecipientWithoutAnRsaKeyIsRefused) {
+    expectRefused({certificateOf(identities().ec)});
+    expectRefused({certificateOf(identities().dsa)});
+    expectRefused({certificateOf(alice()), certificateOf(identities().ec)});
+    const Identity edwards = norvauthority::issue({.subject = {{"CN", "Ed"}}, .key = norvauthority::Key::ed25519()});
+    expectRefused({certificateOf(edwards)});
+}
+
+TEST_F(Encrypter, NobodyIsAddedOnceTheContentKeyIsEncrypted) {
+    const CMS::EncrypterMediaOutImpl body(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    const Caught failure = caught([&] { body.addCertificate(certificateOf(bob())); });
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::addCertificate");
+    EXPECT_EQ(failure.code, 4);
+    EXPECT_EQ(failure.line, 96U);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(Encrypter, AKeyTooShortForTheContentKeyIsRefusedAtTheStart) {
+    // 256 bits hold 21 bytes beside the padding: enough for a key of 16, not for one of 32.
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
+        EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr), EVP_PKEY_CTX_free);
+    Bytes modulus(32, 0xC1); // little endian on this interface, odd and of full length
+    unsigned int exponent = 65537;
+    OSSL_PARAM parameters[]{OSSL_PARAM_construct_BN("n", modulus.data(), modulus.size()),
+                            OSSL_PARAM_construct_uint("e", &exponent), OSSL_PARAM_construct_end()};
+    EVP_PKEY* key = nullptr;
+    ASSERT_EQ(EVP_PKEY_fromdata_init(context.get()), 1);
+    ASSERT_EQ(EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters), 1);
+    const Identity small = norvauthority::issue(
+        {.subject = {{"CN", "small"}}, .key = norvauthority::Key::of(key), .issuer = &identities().authority});
+    EVP_PKEY_free(key);
+    const std::list<NVX509::RefCertificate> recipients{certificateOf(small)};
+    EXPECT_FALSE(CMS::EncrypterMediaOut(Crypto::AES_128_CBC, recipients).isNull());
+    const Caught failure = caught([&] { const CMS::EncrypterMediaOut made(Crypto::AES_256_CBC, recipients); });
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::EncrypterMediaOutImpl");
+    EXPECT_EQ(failure.line, 74U);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(Encrypter, AnUnknownCipherIsRefused) {
+    for (const int value : {0, 32, 418, -1}) {
+        const Caught failure = caught([&] { const CMS::EncrypterMediaOut encrypter(static_cast<Cipher>(value), {}); });
+        EXPECT_EQ(failure.where, "const EVP_CIPHER* Norvane::Crypto::initializeCipher(Norvane::Crypto::Cipher)");
+        EXPECT_EQ(failure.line, 81U);
+        EXPECT_EQ(failure.details, std::vector<std::string>{"Unsupported CIPHER value " + std::to_string(value)});
+    }
+}
+
+TEST_F(Encrypter, ACipherThatDoesNotStartIsRefused) {
+    const auto recipients = certificatesOf({&alice()});
+    ASSERT_EQ(EVP_set_default_properties(nullptr, "fips=yes"), 1);
+    const Caught failure = constructionFailure(recipients);
+    ASSERT_EQ(EVP_set_default_properties(nullptr, ""), 1);
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::EncrypterMediaOutImpl");
+    EXPECT_EQ(failure.line, 74U);
+}
+
+TEST_F(Encrypter, ItsBodyIsAMediaOutImplWithOneReference) {
+    const CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, {});
+    EXPECT_NE(dynamic_cast<CMS::EncrypterMediaOutImpl*>(encrypter.operator->()), nullptr);
+    EXPECT_EQ(encrypter->referenceCount(), 1);
+}
+
+TEST_F(Encrypter, ItsOperationsStandInTheSlotsOfASink) {
+    using Body = CMS::EncrypterMediaOutImpl;
+    EXPECT_EQ(norvtest::slotOf(static_cast<void (Body::*)(const Buffer&)>(&Body::write)), 2U);
+    EXPECT_EQ(norvtest::slotOf(static_cast<void (Body::*)(const unsigned char*, unsigned int)>(&Body::write)), 3U);
+    EXPECT_EQ(norvtest::slotOf(&Body::end), 4U);
+}
+
+TEST_F(Encrypter, KeepsItsRecipientsAlive) {
+    const Bytes body = bodyOf(50);
+    auto encrypter = [&] {
+        const auto recipients = certificatesOf({&alice()});
+        return CMS::EncrypterMediaOut(Crypto::AES_128_CBC, recipients);
+    }();
+    Norvane::MemoryMediaOut target;
+    encrypter.attach(target);
+    writeInPieces(encrypter, body);
+    encrypter.end();
+    expectOpens(bytesOf(target.content()), {&alice()}, body);
+}
