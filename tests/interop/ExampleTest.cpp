@@ -47,4 +47,63 @@ TEST(ExampleTest, SignBodyTellsWhyItFails) {
     EXPECT_NE(std::string::npos, answer.err.find("Private key does not match certificate")) << answer.err;
 }
 
+TEST(ExampleTest, EncryptBodyEncryptsWhatOpenSslAndDecryptBodyOpen) {
+    const Workspace work;
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("bob.key", bob().key.pkcs8Pem());
+    work.write("carol.pem", carol().certificate.pem());
+    work.write("carol.key", carol().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    const Answer encrypted =
+        run({.arguments = {ENCRYPT_BODY, "body", "message", "bob.pem", "carol.pem"}, .directory = work.directory()});
+    ASSERT_EQ(0, encrypted.status) << encrypted.err;
+    for (const std::string name : {"bob", "carol"}) {
+        const std::string certificate = name + ".pem";
+        const std::string key = name + ".key";
+        const Answer judged = run({.arguments = {"openssl", "cms", "-decrypt", "-inform", "DER", "-in", "message",
+                                                 "-recip", certificate, "-inkey", key},
+                                   .directory = work.directory()});
+        EXPECT_EQ(0, judged.status) << judged.err;
+        EXPECT_EQ(sampleBody(), judged.out);
+        const Answer decrypted =
+            run({.arguments = {DECRYPT_BODY, "message", "clear", certificate, key}, .directory = work.directory()});
+        EXPECT_EQ(0, decrypted.status) << decrypted.err;
+        EXPECT_EQ(sampleBody(), work.read("clear"));
+    }
+}
+
+TEST(ExampleTest, DecryptBodyLeavesNoFileForAKeyThatDoesNotServe) {
+    const Workspace work;
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    ASSERT_EQ(0,
+              run({.arguments = {ENCRYPT_BODY, "body", "message", "bob.pem"}, .directory = work.directory()}).status);
+    for (const std::string certificate : {"alice.pem", "bob.pem"}) { // another recipient; a key of another certificate
+        const Answer answer = run(
+            {.arguments = {DECRYPT_BODY, "message", "clear", certificate, "alice.key"}, .directory = work.directory()});
+        EXPECT_EQ(1, answer.status);
+        EXPECT_NE(std::string::npos, answer.err.find("this key does not open the message")) << answer.err;
+        EXPECT_EQ(1, run({.arguments = {"test", "-e", "clear"}, .directory = work.directory()}).status);
+    }
+}
+
+TEST(ExampleTest, EncryptingAndDecryptingTellWhyTheyFail) {
+    const Workspace work;
+    work.write("erin.pem", erin().certificate.pem());
+    work.write("erin.key", erin().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    EXPECT_EQ(2, run({.arguments = {ENCRYPT_BODY}}).status);
+    EXPECT_EQ(2, run({.arguments = {DECRYPT_BODY}}).status);
+    const Answer missing =
+        run({.arguments = {ENCRYPT_BODY, "body", "message", "none.pem"}, .directory = work.directory()});
+    EXPECT_EQ(1, missing.status);
+    EXPECT_EQ("encrypt_body: no certificate\n", missing.err);
+    const Answer garbled =
+        run({.arguments = {DECRYPT_BODY, "body", "clear", "erin.pem", "erin.key"}, .directory = work.directory()});
+    EXPECT_EQ(1, garbled.status);
+    EXPECT_NE(std::string::npos, garbled.err.find("ASN1 Decode failed:")) << garbled.err;
+}
+
 } // namespace

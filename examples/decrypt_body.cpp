@@ -1,0 +1,93 @@
+// Decrypts a body with one key:
+//
+//     decrypt_body body.p7m body bob.pem bob.key
+//
+// The clear body waits in a buffer until it is known that the key served: a failed attempt may have written, and what it
+// wrote must not be delivered.
+
+#include <norvcmsg/File.h>
+#include <norvcmsg/SwapBufferMediaOut.h>
+#include <norvcrypto/CMSEncryptionMedia.h>
+#include <norvcrypto/Crypto.h>
+
+#include <iostream>
+
+using namespace Norvane;
+using namespace Norvane::Crypto;
+
+namespace {
+
+/// A source of one key. A plug-in of a mail server would look into its own storage instead.
+class OneKey : public NVX509::KeyStorePlugin {
+public:
+    explicit OneKey(const NVX509::KeyCertificatePair& pair) : m_pair(pair) {}
+
+    NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
+        const bool isOurs = m_pair->certificate->issuer() == issuer && m_pair->certificate->serialNumber() == serial;
+        return isOurs ? m_pair : NVX509::KeyCertificatePair(true); // an empty pair: no answer
+    }
+    NVX509::RefCertificate findEncryptionCertificate(const EmailAddress& /*address*/) override { return {}; }
+    NVX509::KeyCertificatePair findSigningKey(const EmailAddress& /*address*/) override {
+        return NVX509::KeyCertificatePair(true);
+    }
+    NVX509::KeyCertificatePair findDecryptionKey(const EmailAddress& /*address*/) override {
+        return NVX509::KeyCertificatePair(true);
+    }
+
+private:
+    NVX509::KeyCertificatePair m_pair;
+};
+
+NVX509::KeyCertificatePair readPair(const std::string& certificateFile, const std::string& keyFile) {
+    std::list<NVX509::RefCertificate> certificates;
+    NVX509::CertificateFactory().read(certificateFile, certificates);
+    if (certificates.empty()) {
+        throw Exception("readPair", 4, nullptr, 0).stringParameter(certificateFile + " is not there");
+    }
+    FileMediaIn file{File::Path(keyFile)};
+    Buffer pem;
+    pem.protect();
+    file.read(pem, 0);
+    RefKey key(Key::PRIVATE_KEY);
+    key->readPEM(pem);
+    return NVX509::KeyCertificatePair(key, certificates.front());
+}
+
+/// True when the key served; the body is written then, and no file otherwise.
+bool decrypt(const std::string& messageFile, const std::string& bodyFile, const NVX509::KeyCertificatePair& pair) {
+    NVX509::RefKeyStore keys(true);
+    keys->add(NVX509::RefKeyStorePlugin(new OneKey(pair)));
+    FileMediaIn message{File::Path(messageFile)};
+    CMS::DecrypterMediaIn decrypter(message, keys);
+    SwapBufferMediaOut clear(0x10000, "/tmp/decrypt_bodyXXXXXX");
+    decrypter.write(clear);
+    if (!decrypter.decryptionSucceeded()) {
+        return false;
+    }
+    FileMediaOut body(File::Path(bodyFile), 0600);
+    clear.in().write(body);
+    body.end();
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    if (argc != 5) {
+        std::cerr << "usage: decrypt_body MESSAGE BODY CERTIFICATE KEY\n";
+        return 2;
+    }
+    initialize(); // once, before anything else
+    bool decrypted = false;
+    try {
+        decrypted = decrypt(argv[1], argv[2], readPair(argv[3], argv[4]));
+    } catch (const Exception& failure) {
+        std::cerr << failure.asString() << '\n';
+        return 1;
+    }
+    cleanup();
+    if (!decrypted) {
+        std::cerr << "decrypt_body: this key does not open the message\n"; // and not why: see the header
+        return 1;
+    }
+}
