@@ -1,16 +1,13 @@
 // How OpenSSL is asked to decrypt, and failures of its that nobody outside can provoke.
 #include "support/Envelope.h"
-#include "support/Interpose.h"
+#include "support/Faults.h"
 
 #include <utility>
 
 using namespace cmstest;
-
-#define REPLACEMENT extern "C" __attribute__((visibility("default")))
+using namespace norvtest;
 
 namespace {
-
-const char* s_failing = "";
 
 /// One call of PKCS7_decrypt.
 struct Call {
@@ -21,28 +18,17 @@ struct Call {
 };
 std::vector<Call> s_decrypted;
 
-bool fails(const char* function) {
-    if (std::strcmp(s_failing, function) != 0) {
-        return false;
-    }
-    s_failing = "";
-    ERR_raise(ERR_LIB_USER, 42);
-    return true;
-}
-
 } // namespace
 
 REPLACEMENT int PKCS7_decrypt(PKCS7* structure, EVP_PKEY* key, X509* certificate, BIO* out, int flags) {
     s_decrypted.push_back({key, certificate, flags, sk_PKCS7_RECIP_INFO_num(structure->d.enveloped->recipientinfo)});
-    return fails("PKCS7_decrypt")
-               ? 0
-               : norvtest::next<&PKCS7_decrypt>("PKCS7_decrypt")(structure, key, certificate, out, flags);
+    return fails("PKCS7_decrypt") ? 0 : FORWARD(PKCS7_decrypt, structure, key, certificate, out, flags);
 }
 REPLACEMENT OPENSSL_STACK* OPENSSL_sk_new_null() {
-    return fails("OPENSSL_sk_new_null") ? nullptr : norvtest::next<&OPENSSL_sk_new_null>("OPENSSL_sk_new_null")();
+    return fails("OPENSSL_sk_new_null") ? nullptr : FORWARD(OPENSSL_sk_new_null);
 }
 REPLACEMENT int OPENSSL_sk_push(OPENSSL_STACK* stack, const void* data) {
-    return fails("OPENSSL_sk_push") ? 0 : norvtest::next<&OPENSSL_sk_push>("OPENSSL_sk_push")(stack, data);
+    return fails("OPENSSL_sk_push") ? 0 : FORWARD(OPENSSL_sk_push, stack, data);
 }
 
 namespace {

@@ -1,57 +1,20 @@
 // Failures that nobody outside can provoke: OpenSSL's functions are defined here, fail on demand, and otherwise
 // forward.
 #include "support/Envelope.h"
-#include "support/Interpose.h"
+#include "support/Faults.h"
 
 using namespace cmstest;
-
-#define REPLACEMENT extern "C" __attribute__((visibility("default")))
+using namespace norvtest;
 
 namespace {
 
-/// The name of the function that fails next.
-const char* s_failing = "";
-/// The functions that were called since the last clearing.
-std::vector<std::string> s_calls;
 BIO* s_chain = nullptr;
 /// How many blocks of the size in which encrypted content collects are given out before there is no more memory.
 int s_blocks = -1;
 /// How many BIOs of the library's are made before one is not.
 int s_passing = 0;
-/// How many of the functions are being executed.
-int s_depth = 0;
-
-/// Notes a call of the library's. OpenSSL's own calls of its functions pass here too, inside of another one.
-void note(const std::string& call) {
-    if (s_depth == 0) {
-        s_calls.push_back(call);
-    }
-}
-
-template <class Function, class... Arguments> auto forward(Function function, Arguments... arguments) {
-    const norvtest::During<int> inside(s_depth, s_depth + 1);
-    return function(arguments...);
-}
-
-/// True for the function that is to fail now.
-bool fails(const char* function) {
-    if (std::strcmp(s_failing, function) != 0) {
-        return false;
-    }
-    s_failing = "";
-    ERR_raise(ERR_LIB_USER, 42);
-    return true;
-}
-
-/// Notes a call; true when it is to fail.
-bool failsNow(const char* function) {
-    note(function);
-    return fails(function);
-}
 
 } // namespace
-
-#define FORWARD(function, ...) forward(norvtest::next<&function>(#function) __VA_OPT__(, ) __VA_ARGS__)
 
 REPLACEMENT int PKCS7_set_type(PKCS7* structure, int type) {
     return failsNow("PKCS7_set_type") ? 0 : FORWARD(PKCS7_set_type, structure, type);
@@ -100,7 +63,7 @@ REPLACEMENT void* CRYPTO_malloc(std::size_t length, const char* file, int line) 
         s_blocks = 0; // and none ever after
         return nullptr;
     }
-    return norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
+    return next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
 }
 
 namespace {

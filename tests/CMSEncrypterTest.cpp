@@ -76,17 +76,7 @@ TEST_F(Encrypter, WritesOfAllSizesMixedKeepTheirOrder) {
     Norvane::MemoryMediaOut target;
     CMS::EncrypterMediaOut encrypter(Crypto::AES_192_CBC, certificatesOf({&bob()}));
     encrypter.attach(target);
-    std::size_t at = 0;
-    for (std::size_t turn = 0; at < body.size(); ++turn) {
-        static constexpr std::size_t sizes[]{4095, 0, 1, 4096, 4097, 3, 50000, 2, 9999};
-        const std::size_t length = std::min(sizes[turn % std::size(sizes)], body.size() - at);
-        if (turn % 2 == 0) {
-            encrypter.write(body.data() + at, static_cast<unsigned int>(length));
-        } else {
-            encrypter.write(Buffer(body.data() + at, static_cast<unsigned int>(length), false));
-        }
-        at += length;
-    }
+    writeMixed(encrypter, body);
     encrypter.end();
     expectOpens(bytesOf(target.content()), {&bob()}, body);
 }

@@ -1,51 +1,17 @@
 // Failures that nobody outside can provoke: OpenSSL's functions are defined here, fail once on demand, and otherwise
 // forward.
 #include "support/Cms.h"
-#include "support/Interpose.h"
+#include "support/Faults.h"
 
 using namespace cmstest;
 using Crypto::Hasher;
-
-#define REPLACEMENT extern "C" __attribute__((visibility("default")))
+using namespace norvtest;
 
 namespace {
 
-/// The name of the function that fails next.
-const char* s_failing = "";
-/// The functions that were called since the last clearing.
-std::vector<std::string> s_calls;
 BIO* s_chain = nullptr;
 
-/// How many of the functions are being executed.
-int s_depth = 0;
-
-/// Notes a call of the library's. OpenSSL's own calls of its functions pass here too, inside of another one.
-void note(const std::string& call) {
-    if (s_depth == 0) {
-        s_calls.push_back(call);
-    }
-}
-
-/// Forwards to OpenSSL's function.
-template <class Function, class... Arguments> auto forward(Function function, Arguments... arguments) {
-    const norvtest::During<int> inside(s_depth, s_depth + 1);
-    return function(arguments...);
-}
-
-/// Notes a call; true when it is to fail.
-bool failsNow(const char* function) {
-    note(function);
-    if (std::strcmp(s_failing, function) != 0) {
-        return false;
-    }
-    s_failing = "";
-    ERR_raise(ERR_LIB_USER, 42);
-    return true;
-}
-
 } // namespace
-
-#define FORWARD(function, ...) forward(norvtest::next<&function>(#function) __VA_OPT__(, ) __VA_ARGS__)
 
 REPLACEMENT int X509_check_private_key(const X509* certificate, const EVP_PKEY* key) {
     note("X509_check_private_key");

@@ -74,17 +74,7 @@ TEST(Signer, WritesOfAllSizesMixedKeepTheirOrder) {
     Norvane::MemoryMediaOut target;
     CMS::SignerMediaOut signer(Hasher::SHA256, pairOf(identities().rsa));
     signer.attach(target);
-    std::size_t at = 0;
-    for (std::size_t turn = 0; at < body.size(); ++turn) {
-        static constexpr std::size_t sizes[]{4095, 0, 1, 4096, 4097, 3, 50000, 2, 9999};
-        const std::size_t length = std::min(sizes[turn % std::size(sizes)], body.size() - at);
-        if (turn % 2 == 0) {
-            signer.write(body.data() + at, static_cast<unsigned int>(length));
-        } else {
-            signer.write(Buffer(body.data() + at, static_cast<unsigned int>(length), false));
-        }
-        at += length;
-    }
+    writeMixed(signer, body);
     signer.end();
     EXPECT_EQ(bytesOf(target.content()), signedPlainly(identities().rsa, body, EVP_sha256()));
 }

@@ -99,7 +99,11 @@ TEST(ExampleTest, EncryptingAndDecryptingTellWhyTheyFail) {
     const Answer missing =
         run({.arguments = {ENCRYPT_BODY, "body", "message", "none.pem"}, .directory = work.directory()});
     EXPECT_EQ(1, missing.status);
-    EXPECT_EQ("encrypt_body: no certificate\n", missing.err);
+    EXPECT_NE(std::string::npos, missing.err.find("no certificate in none.pem")) << missing.err;
+    const Answer refused =
+        run({.arguments = {ENCRYPT_BODY, "body", "message", "erin.pem"}, .directory = work.directory()});
+    EXPECT_EQ(1, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find("CMS::EncrypterMediaOutImpl::addCertificate")) << refused.err;
     const Answer garbled =
         run({.arguments = {DECRYPT_BODY, "body", "clear", "erin.pem", "erin.key"}, .directory = work.directory()});
     EXPECT_EQ(1, garbled.status);

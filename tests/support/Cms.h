@@ -234,6 +234,32 @@ inline NVX509::KeyCertificatePair pairOf(const Identity& identity,
     return NVX509::KeyCertificatePair(keyOf(identity), certificateOf(identity), chain);
 }
 
+/// Writes a body in pieces of `piece` bytes (0: at once).
+inline void writeInPieces(Norvane::MediaOut& out, const Bytes& body, std::size_t piece = 0) {
+    if (piece == 0) {
+        out.write(body.data(), static_cast<unsigned int>(body.size()));
+        return;
+    }
+    for (std::size_t at = 0; at < body.size(); at += piece) {
+        out.write(body.data() + at, static_cast<unsigned int>(std::min(piece, body.size() - at)));
+    }
+}
+
+/// Writes a body in pieces of many sizes, some of them as buffers.
+inline void writeMixed(Norvane::MediaOut& out, const Bytes& body) {
+    std::size_t at = 0;
+    for (std::size_t turn = 0; at < body.size(); ++turn) {
+        static constexpr std::size_t sizes[]{4095, 0, 1, 4096, 4097, 3, 50000, 2, 9999};
+        const std::size_t length = std::min(sizes[turn % std::size(sizes)], body.size() - at);
+        if (turn % 2 == 0) {
+            out.write(body.data() + at, static_cast<unsigned int>(length));
+        } else {
+            out.write(Buffer(body.data() + at, static_cast<unsigned int>(length), false));
+        }
+        at += length;
+    }
+}
+
 /// What the library's signing stream makes of a body that is written in pieces of `piece` bytes (0: at once).
 inline Bytes signedByStream(const Identity& identity, const Bytes& body, std::size_t piece = 0,
                             Crypto::Hasher::Type type = Crypto::Hasher::SHA256,
@@ -241,13 +267,7 @@ inline Bytes signedByStream(const Identity& identity, const Bytes& body, std::si
     Norvane::MemoryMediaOut target;
     CMS::SignerMediaOut signer(type, pairOf(identity, chain));
     signer.attach(target);
-    if (piece == 0) {
-        signer.write(body.data(), static_cast<unsigned int>(body.size()));
-    } else {
-        for (std::size_t at = 0; at < body.size(); at += piece) {
-            signer.write(body.data() + at, static_cast<unsigned int>(std::min(piece, body.size() - at)));
-        }
-    }
+    writeInPieces(signer, body, piece);
     signer.end();
     return bytesOf(target.content());
 }

@@ -100,17 +100,6 @@ inline std::list<NVX509::RefCertificate> certificatesOf(const std::vector<const 
     return certificates;
 }
 
-/// Writes a body in pieces of `piece` bytes (0: at once).
-inline void writeInPieces(Norvane::MediaOut& out, const Bytes& body, std::size_t piece = 0) {
-    if (piece == 0) {
-        out.write(body.data(), static_cast<unsigned int>(body.size()));
-        return;
-    }
-    for (std::size_t at = 0; at < body.size(); at += piece) {
-        out.write(body.data() + at, static_cast<unsigned int>(std::min(piece, body.size() - at)));
-    }
-}
-
 /// What the library's encrypting stream makes of a body.
 inline Bytes encryptedByStream(const std::vector<const Identity*>& people, const Bytes& body,
                                Crypto::Cipher cipher = Crypto::AES_256_CBC, std::size_t piece = 0) {
