@@ -1,7 +1,10 @@
 // Writes small valid inputs for each fuzz target: make_corpus FOLDER.
+#include "EnvelopeKey.h"
+
 #include <authority/Authority.h>
 
 #include <openssl/bio.h>
+#include <openssl/cms.h>
 #include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
 
@@ -37,6 +40,40 @@ std::string signedData(const Identity& signer, int flags) {
     std::string result(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
     OPENSSL_free(der);
     return result;
+}
+
+/// A body of 40 bytes encrypted for some recipients; with CMS_STREAM in pieces of indefinite length.
+std::string envelopedData(STACK_OF(X509) * recipients, const EVP_CIPHER* cipher, unsigned int flags) {
+    const std::string body(40, 'b');
+    BIO* source = BIO_new_mem_buf(body.data(), static_cast<int>(body.size()));
+    BIO* out = BIO_new(BIO_s_mem());
+    CMS_ContentInfo* structure = CMS_encrypt(recipients, source, cipher, flags | CMS_BINARY);
+    if ((flags & CMS_STREAM) != 0) {
+        i2d_CMS_bio_stream(out, structure, source, static_cast<int>(flags | CMS_BINARY));
+    } else {
+        i2d_CMS_bio(out, structure);
+    }
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(out, &data);
+    std::string result(data, static_cast<std::size_t>(length));
+    CMS_ContentInfo_free(structure);
+    BIO_free(out);
+    BIO_free(source);
+    return result;
+}
+
+void envelopes() {
+    const X509Ptr certificate = fuzz::envelopeIdentity().certificate.x509();
+    STACK_OF(X509)* recipients = sk_X509_new_null();
+    put("fuzz_decrypt", "nobody.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    sk_X509_push(recipients, certificate.get());
+    put("fuzz_decrypt", "aes.der", envelopedData(recipients, EVP_aes_256_cbc(), 0));
+    put("fuzz_decrypt", "des3.der", envelopedData(recipients, EVP_des_ede3_cbc(), 0));
+    put("fuzz_decrypt", "stream.der", envelopedData(recipients, EVP_aes_128_cbc(), CMS_STREAM));
+    put("fuzz_decrypt", "authenticated.der", envelopedData(recipients, EVP_aes_128_gcm(), 0));
+    sk_X509_push(recipients, certificate.get());
+    put("fuzz_decrypt", "two.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    sk_X509_free(recipients);
 }
 
 void certificatesAndLists(const Identity& ca, const Identity& alice) {
@@ -116,6 +153,7 @@ int main(int argc, char** argv) {
     put("fuzz_crosspair", "both.der", text(crossPair(&alice.certificate, &ca.certificate)));
     put("fuzz_crosspair", "forward.der", text(crossPair(&alice.certificate, nullptr)));
     texts();
+    envelopes();
     put("fuzz_cms", "detached.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED));
     put("fuzz_cms", "attached.der", signedData(alice, PKCS7_BINARY));
     put("fuzz_cms", "plain.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
