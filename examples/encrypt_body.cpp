@@ -12,6 +12,21 @@
 using namespace Norvane;
 using namespace Norvane::Crypto;
 
+namespace {
+
+/// The certificates of a file, DER or PEM.
+std::list<NVX509::RefCertificate> readCertificates(const std::string& path) {
+    std::list<NVX509::RefCertificate> certificates;
+    NVX509::CertificateFactory().read(path, certificates);
+    certificates.remove_if([](const NVX509::RefCertificate& one) { return one.isNull(); });
+    if (certificates.empty()) {
+        throw Exception("readCertificates", 4, nullptr, 0).stringParameter("no certificate in " + path);
+    }
+    return certificates;
+}
+
+} // namespace
+
 int main(int argc, char* argv[]) {
     if (argc < 4) {
         std::cerr << "usage: encrypt_body BODY MESSAGE CERTIFICATE...\n";
@@ -22,11 +37,7 @@ int main(int argc, char* argv[]) {
         // Whom to trust with the body is decided before: nothing but the kind of key is asked of the certificates here.
         std::list<NVX509::RefCertificate> recipients;
         for (int i = 3; i < argc; ++i) {
-            NVX509::CertificateFactory().read(std::string(argv[i]), recipients);
-        }
-        if (recipients.empty()) {
-            std::cerr << "encrypt_body: no certificate\n";
-            return 1;
+            recipients.splice(recipients.end(), readCertificates(argv[i]));
         }
         FileMediaIn body{File::Path(argv[1])};
         CMS::EncrypterMediaOut encrypter(AES_256_CBC, recipients);
