@@ -1,6 +1,8 @@
 #include "support/Envelope.h"
 #include "support/Slots.h"
 
+#include <norvcmsg/File.h>
+
 #include <openssl/core_names.h>
 #include <openssl/params.h>
 
@@ -316,6 +318,19 @@ TEST_F(Encrypter, ATargetThatFailsInTheMiddleGetsABeginningAndLeavesNoLeak) {
         writeInPieces(encrypter, body);
         EXPECT_THROW(encrypter.end(), Norvane::MediaException);
     }
+}
+
+TEST_F(Encrypter, AFullDiskReachesTheCallerAndAnotherTargetGetsItAll) {
+    const Bytes body = bodyOf(300000);
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    Norvane::FileMediaOut full{Norvane::File::Path("/dev/full")};
+    encrypter.attach(full);
+    writeInPieces(encrypter, body, 10000);
+    EXPECT_THROW(encrypter.end(), Norvane::MediaException);
+    Norvane::MemoryMediaOut target;
+    encrypter.attach(target);
+    encrypter.end();
+    expectOpens(bytesOf(target.content()), {&alice()}, body);
 }
 
 TEST_F(Encrypter, ARecipientWithoutACertificateIsRefused) {
