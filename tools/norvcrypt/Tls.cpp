@@ -32,6 +32,28 @@ int verifyAndGoOn(X509_STORE_CTX* store, void* /*argument*/) {
     return 1;
 }
 
+/// The text of an alert; OpenSSL's table of alerts is older than some, its errors name all.
+const char* alertText(int value) {
+    const int reason = SSL_AD_REASON_OFFSET + (value & 0xFF);
+    const char* const text = ERR_reason_error_string(ERR_PACK(ERR_LIB_SSL, 0, reason));
+    return text != nullptr ? text : SSL_alert_desc_string_long(value);
+}
+
+/// Watches a connection: at its start, the only moment between its making and its first message, the server is told
+/// which host is meant; and the alert with which a peer gives up, which reads like an orderly end, is remembered.
+void watch(const SSL* connection, int where, int value) {
+    SSL* const changed = const_cast<SSL*>(connection);
+    const auto flags = static_cast<unsigned int>(where);
+    if ((flags & SSL_CB_HANDSHAKE_START) != 0) {
+        const auto* name = static_cast<const std::string*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
+        if (name != nullptr)
+            SSL_set_tlsext_host_name(changed, name->c_str());
+    }
+    const bool isFatal = value >> 8 == SSL3_AL_FATAL;
+    if ((flags & SSL_CB_READ_ALERT) == SSL_CB_READ_ALERT && isFatal)
+        SSL_set_app_data(changed, const_cast<char*>(alertText(value)));
+}
+
 void loadIdentity(const NVSSL::RefContext& context, const TlsFiles& files) {
     Inputs inputs;
     const auto passphrase = files.passphraseFile ? std::make_unique<Passphrase>(inputs, *files.passphraseFile)
@@ -117,7 +139,7 @@ void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side) {
         ->type_name("DIR");
 }
 
-NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side) {
+NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const std::string* serverName) {
     NVSSL::ContextFactory factory;
     factory.init();
     NVSSL::RefContext context = factory.create(NVSSL::ContextFactory::SSL_V23, side == TlsSide::client);
@@ -127,6 +149,8 @@ NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side) {
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, verifyAndGoOn, nullptr);
+    SSL_CTX_set_app_data(context, const_cast<std::string*>(serverName));
+    SSL_CTX_set_info_callback(context, watch);
     return context;
 }
 
@@ -159,8 +183,11 @@ bool isForHost(SSL* connection, const std::string& host) {
                : X509_check_ip_asc(certificate, host.c_str(), 0) == 1;
 }
 
-bool endedByPeer(const SSL* connection) {
-    return (SSL_get_shutdown(connection) & SSL_RECEIVED_SHUTDOWN) != 0;
+TlsEnd endOf(const SSL* connection) {
+    const auto* const alert = static_cast<const char*>(SSL_get_app_data(connection));
+    if (alert != nullptr)
+        return {false, alert};
+    return {(SSL_get_shutdown(connection) & SSL_RECEIVED_SHUTDOWN) != 0, {}};
 }
 
 void addTls(CLI::App& app, Action& action) {

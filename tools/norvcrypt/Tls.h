@@ -30,8 +30,10 @@ struct TlsFiles {
 void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side);
 
 /// A context that asks the peer for its certificate, verifies it, and goes on whatever comes out: SSL_get_verify_result
-/// tells. \throws Failure
-Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side);
+/// tells. \param serverName what a client names to the server, null for nothing; must outlive the context
+/// \throws Failure
+Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side,
+                                              const std::string* serverName = nullptr);
 
 /// What was agreed on, the peer's chain in the order in which it was sent, and the verify result; safe to show.
 std::vector<std::string> describePeer(SSL* connection);
@@ -42,8 +44,13 @@ bool isTrusted(SSL* connection);
 /// Whether the peer's certificate is for that host: a name, or an address as text.
 bool isForHost(SSL* connection, const std::string& host);
 
-/// True when the peer told that it ends the connection; anybody on the way could have cut it otherwise.
-bool endedByPeer(const SSL* connection);
+/// How a connection ended.
+struct TlsEnd {
+    bool orderly = false; ///< the peer told that it ends
+    std::string alert;    ///< the peer's reason for giving up, if it gave one
+};
+/// Neither, when anybody on the way could have cut it.
+TlsEnd endOf(const SSL* connection);
 
 void addTlsConnect(CLI::App& tls, Action& action);
 void addTlsServe(CLI::App& tls, Action& action);

@@ -3,6 +3,7 @@
 #include "Tls.h"
 
 #include <norvcmsg/Escape.h>
+#include <norvcmsg/IPAddress.h>
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/SSLSocket.h>
 
@@ -48,14 +49,6 @@ Host hostOf(const std::string& where) {
     if (error != std::errc() || last != end || host.port == 0 || host.name.empty())
         throw Failure("not a host and port: " + where);
     return host;
-}
-
-/// Tells the server which host is meant, at the only moment between the making of the connection and its first message.
-void nameHost(const SSL* connection, int where, int /*result*/) {
-    if ((where & SSL_CB_HANDSHAKE_START) != 0) {
-        const auto* host = static_cast<const std::string*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
-        SSL_set_tlsext_host_name(const_cast<SSL*>(connection), host->c_str());
-    }
 }
 
 bool isOfPlainConnection(const Norvane::SocketException& failure) {
@@ -141,9 +134,12 @@ public:
             else if (peer != 0)
                 send();
         }
+        const TlsEnd end = endOf(m_socket);
+        if (!end.alert.empty())
+            throw Failure("the peer gave up: " + end.alert);
         if (!m_pending.empty() || (m_source.isFile() && !m_source.ended()))
             throw Failure("the peer ended the connection before everything was sent");
-        if (!endedByPeer(m_socket))
+        if (!end.orderly)
             reportError("the connection ended without the peer's notice: bytes may be missing");
     }
 
@@ -208,11 +204,8 @@ void tell(const std::string& line) {
 
 Exit connect(const ConnectOptions& options) {
     const Host host = hostOf(options.where);
-    NVSSL::RefContext context = tlsContext(options.files, TlsSide::client);
-    if (Norvane::IPAddress::fromText(host.name).isNull()) {
-        SSL_CTX_set_app_data(context, const_cast<std::string*>(&host.name));
-        SSL_CTX_set_info_callback(context, nameHost);
-    }
+    const bool isName = Norvane::IPAddress::fromText(host.name).isNull();
+    NVSSL::RefContext context = tlsContext(options.files, TlsSide::client, isName ? &host.name : nullptr);
     Source source(options.send);
     NVSSL::SSLSocket socket = connectTo(host, context, options.timeLimit);
     for (const std::string& line : describePeer(socket))

@@ -119,13 +119,16 @@ public:
         if (error)
             problems.add(path, "no directory: " + error.message());
         std::sort(m_names.begin(), m_names.end());
+        // What is told about an object names its file rather than a link.
+        std::stable_partition(m_names.begin(), m_names.end(),
+                              [](const std::string& name) { return !filedName<Traits>(name); });
         for (const std::string& name : m_names)
             read(name);
         checkNumbers();
         checkFiled();
     }
 
-    /// Every object once, with the file that it was found in first.
+    /// Every object once, with its file.
     std::vector<std::pair<std::string, Pointer>> take() { return std::move(m_objects); }
 
 private:

@@ -148,13 +148,13 @@ private:
     void converse(std::uint64_t number, NVSSL::SSLSocket& peer) {
         std::vector<std::string> lines = describePeer(peer);
         std::uint64_t received = 0;
-        std::string end = "closed";
+        std::string end;
         try {
             lines.insert(lines.begin(), "from " + peer.remoteAddress().asString());
             tell(number, lines);
             received = exchange(peer);
-            if (!endedByPeer(peer))
-                end = "cut off";
+            const TlsEnd how = endOf(peer);
+            end = how.orderly ? "closed" : how.alert.empty() ? "cut off" : "given up by the peer, " + how.alert;
         } catch (const Norvane::Exception& failure) {
             end = "failed, " + Norvane::escapeForDisplay(failure.asString());
         }

@@ -1,0 +1,196 @@
+// norvcrypt tls connect and serve with one another, and with peers that speak no TLS.
+
+#include "TlsPeers.h"
+
+#include <norvcmsg/Socket.h>
+
+#include <csignal>
+#include <memory>
+
+using namespace interop;
+using Norvane::Socket;
+using Norvane::SocketAddress;
+
+namespace {
+
+class TlsToolTest : public TlsTest {};
+
+/// Bytes that show when some are lost; more than the connection itself can hold.
+std::string manyBytes() {
+    std::string bytes;
+    while (bytes.size() < 4'000'000)
+        bytes += sampleBody();
+    return bytes;
+}
+
+TEST_F(TlsToolTest, BytesGoBothWaysUntilTheInputEnds) {
+    Running server(this->server({"--echo", "--count", "1"}), work.directory());
+    const Answer answer = connect(portOf(server), {"--ca", "ca.pem", "--crl", "crl"}, sampleBody());
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ(sampleBody(), answer.out);
+    const std::vector<std::string> told = linesOf(answer.err);
+    ASSERT_EQ(5U, told.size()) << answer.err;
+    EXPECT_EQ(0U, told[0].find("protocol TLSv1.3, cipher TLS_")) << told[0];
+    EXPECT_EQ(0U, told[1].find("peer certificate 1: CN=good,O=TLS Test, issuer CN=Root,O=TLS Test, valid until 20"));
+    EXPECT_EQ(0U, told[2].find("peer certificate 2: CN=Root,O=TLS Test, issuer CN=Root,O=TLS Test")) << told[2];
+    EXPECT_EQ("verify result 0: ok", told[3]);
+    EXPECT_EQ("the certificate is for localhost", told[4]);
+    EXPECT_EQ(0, server.end());
+    EXPECT_NE(std::string::npos, server.output().find("connection 1: no peer certificate\n")) << server.output();
+    EXPECT_NE(std::string::npos,
+              server.output().find("connection 1: closed, " + std::to_string(sampleBody().size()) + " bytes received"));
+}
+
+TEST_F(TlsToolTest, ManyBytesThatComeBackAtOnceBlockNobody) {
+    Running server(this->server({"--echo", "--count", "1"}), work.directory());
+    const std::string bytes = manyBytes();
+    work.write("many", bytes);
+    const Answer answer = connect(portOf(server), {"--send", "many"});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_TRUE(answer.out == bytes);
+}
+
+TEST_F(TlsToolTest, AClientThatNeedsTrustSendsNothingToWhoHasNone) {
+    Running server(this->server({"--count", "2"}), work.directory());
+    const std::string port = portOf(server);
+    work.write("stranger.pem", authorityOf("unknown").certificate.pem());
+    const Answer untrusted = connect(port, {"--ca", "stranger.pem", "--require-trust"}, "secret");
+    EXPECT_EQ(1, untrusted.status);
+    EXPECT_NE(std::string::npos, untrusted.err.find("the peer is not trusted: nothing was copied\n")) << untrusted.err;
+    const Answer otherName =
+        timed({NORVCRYPT, "tls", "connect", "127.0.0.1:" + port, "--ca", "ca.pem", "--require-trust"}, "secret");
+    EXPECT_EQ(1, otherName.status);
+    EXPECT_NE(std::string::npos, otherName.err.find("verify result 0: ok\nthe certificate is not for 127.0.0.1\n"));
+    EXPECT_EQ(0, server.end());
+    EXPECT_NE(std::string::npos, server.output().find("connection 1: closed, 0 bytes received")) << server.output();
+    EXPECT_NE(std::string::npos, server.output().find("connection 2: closed, 0 bytes received")) << server.output();
+}
+
+TEST_F(TlsToolTest, AClientThatNeedsTrustTalksToWhoHasIt) {
+    Running server(this->server({"--echo", "--count", "1"}), work.directory());
+    const Answer answer = connect(portOf(server), {"--ca", "ca.pem", "--crl", "crl", "--require-trust"}, "secret");
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("secret", answer.out);
+}
+
+TEST_F(TlsToolTest, WhatAListSaysDependsOnHowItIsFiledAndHowOldItIs) {
+    using namespace norvauthority;
+    const std::vector<Revoked> entries{{.serial = "11"}};
+    work.write("unfiled.pem", issueList({.issuer = &authorityOf("good"), .revoked = entries}).pem());
+    work.write("stale.pem", issueList({.issuer = &authorityOf("good"),
+                                       .thisUpdate = Time::utc("250101000000Z"),
+                                       .nextUpdate = Time::utc("250108000000Z")})
+                                .pem());
+    for (const std::string name : {"unfiled", "stale"}) {
+        std::filesystem::create_directory(work.path(name));
+        std::filesystem::rename(work.path(name + ".pem"), work.path(name + "/list.pem"));
+    }
+    ASSERT_EQ(0, run(Command{.arguments = {"openssl", "rehash", work.path("stale")}}).status);
+    const auto judged = [this](const std::string& lists) {
+        Running server(
+            {NORVCRYPT, "tls", "serve", "127.0.0.1:0", "--cert", "revoked.pem", "--key", "revoked.key", "--count", "1"},
+            work.directory());
+        return connect(portOf(server), {"--ca", "ca.pem", "--crl", lists}).err;
+    };
+    EXPECT_NE(std::string::npos, judged("crl").find("\nverify result 23: certificate revoked\n"));
+    EXPECT_NE(std::string::npos, judged("unfiled").find("\nverify result 0: ok\n")) << "never seen";
+    EXPECT_NE(std::string::npos, judged("stale").find("\nverify result 12: CRL has expired\n"));
+}
+
+TEST_F(TlsToolTest, SeveralClientsAreServedAtOnce) {
+    Running server(this->server({}), work.directory());
+    const std::string port = portOf(server);
+    std::vector<std::unique_ptr<Running>> clients;
+    for (int at = 0; at < 5; ++at)
+        clients.push_back(std::make_unique<Running>(
+            std::vector<std::string>{NORVCRYPT, "tls", "connect", "localhost:" + port}, work.directory()));
+    server.waitFor("connection 5: no peer certificate");
+    EXPECT_EQ(std::string::npos, server.output().find("closed")) << server.output();
+    for (const auto& client : clients)
+        EXPECT_EQ(0, client->end()) << client->output();
+    server.signal(SIGTERM);
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, ASignalEndsTheServerAndItsConnections) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Running server(this->server({}), work.directory());
+        Running client({NORVCRYPT, "tls", "connect", "localhost:" + portOf(server)}, work.directory());
+        server.waitFor("connection 1: no peer certificate");
+        server.signal(signal);
+        EXPECT_EQ(0, server.end()) << server.output();
+        client.waitFor("the certificate is for localhost");
+        EXPECT_NE(128 + SIGALRM, client.end()) << "the client noticed";
+    }
+}
+
+TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
+    Running server(this->server({"--echo", "--count", "2"}), work.directory());
+    const std::string port = portOf(server);
+    {
+        Socket client(true);
+        client.connect(SocketAddress("127.0.0.1:" + port));
+        const std::string greeting = "EHLO client.example.org\r\n";
+        client.send(reinterpret_cast<const Norvane::uchar_t*>(greeting.data()),
+                    static_cast<Norvane::uint_t>(greeting.size()));
+        server.waitFor("connection 1: no connection: SocketException");
+    }
+    EXPECT_EQ("still there", connect(port, {}, "still there").out);
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, AServerThatSaysNothingIsGivenUp) {
+    Socket listener(true);
+    listener.bind(SocketAddress("127.0.0.1:0"));
+    listener.listen();
+    const std::string port = std::to_string(listener.localAddress().port());
+    const Answer answer = connect(port, {"--time-limit", "1"});
+    expectFailure(answer, "cannot connect to 127.0.0.1:" + port + ": SocketException");
+    EXPECT_NE(std::string::npos, answer.err.find("Connection timed out")) << answer.err;
+}
+
+TEST_F(TlsToolTest, NobodyListens) {
+    Socket listener(true);
+    listener.bind(SocketAddress("127.0.0.1:0")); // taken, and not listening
+    const std::string port = std::to_string(listener.localAddress().port());
+    expectFailure(timed({NORVCRYPT, "tls", "connect", "127.0.0.1:" + port}), "Connection refused");
+}
+
+TEST_F(TlsToolTest, AnEncryptedKeyNeedsItsPassphrase) {
+    const norvauthority::Key key = norvauthority::Key::fromPem(work.read("good.key"));
+    work.write("encrypted.key", key.encryptedPem("open sesame"));
+    work.write("passphrase", std::string("open sesame\n"));
+    before = work.names();
+    std::vector<std::string> arguments{NORVCRYPT, "tls",      "serve", "127.0.0.1:0",
+                                       "--cert",  "good.pem", "--key", "encrypted.key"};
+    expectFailure(timed(arguments), "encrypted: give its passphrase with --passphrase-file");
+    arguments.insert(arguments.end(), {"--passphrase-file", "passphrase", "--count", "1"});
+    Running server(arguments, work.directory());
+    EXPECT_EQ(0, connect(portOf(server), {}).status);
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, BadUsageIsToldOnOneLine) {
+    expectFailure(timed({NORVCRYPT, "tls"}), "A subcommand is required");
+    expectFailure(timed({NORVCRYPT, "tls", "serve", "0"}), "--cert is required");
+    expectFailure(timed({NORVCRYPT, "tls", "connect", "localhost:1", "--cert", "good.pem"}), "--cert requires --key");
+    for (const char* where : {"localhost", "localhost:", "localhost:0", "localhost:65536", ":25", "[]:25", "a:b"})
+        expectFailure(timed({NORVCRYPT, "tls", "connect", where}), std::string("not a host and port: ") + where);
+    for (const char* where : {"x", "-1", "65536", "localhost:0", "::1"})
+        expectFailure(timed({NORVCRYPT, "tls", "serve", "--cert", "good.pem", "--key", "good.key", "--", where}),
+                      std::string("not a port, nor an address and port: ") + where);
+}
+
+TEST_F(TlsToolTest, FilesThatDoNotFitAreToldBeforeAnybodyIsTalkedTo) {
+    const auto connectWith = [this](const std::string& certificate, const std::string& key, const std::string& ca) {
+        return connect("1", {"--cert", certificate, "--key", key, "--ca", ca});
+    };
+    expectFailure(connectWith("good.pem", "revoked.key", "ca.pem"),
+                  "the private key in revoked.key is not that of the certificate in good.pem");
+    expectFailure(connectWith("none.pem", "good.key", "ca.pem"), "cannot open none.pem: No such file or directory");
+    expectFailure(connectWith("good.pem", "none.key", "ca.pem"), "cannot open none.key: No such file or directory");
+    expectFailure(connectWith("good.pem", "good.key", "good.key"), "cannot read the trusted certificates in good.key");
+    expectFailure(connect("1", {"--send", "none"}), "cannot open none: No such file or directory");
+}
+
+} // namespace
