@@ -124,6 +124,44 @@ TEST_F(TlsToolTest, ASignalEndsTheServerAndItsConnections) {
     }
 }
 
+TEST_F(TlsToolTest, ASecondSignalDoesNotWaitForAClientThatSaysNothing) {
+    Running server(this->server({}), work.directory());
+    const SocketAddress address("127.0.0.1:" + portOf(server));
+    Socket silent(true);
+    silent.connect(address);
+    server.signal(SIGTERM);
+    EXPECT_THROW(
+        while (true) {
+            Socket another(true);
+            another.connect(address);
+        },
+        Norvane::SocketException)
+        << "the first one ends the listening";
+    server.signal(SIGTERM);
+    EXPECT_EQ(128 + SIGTERM, server.end());
+}
+
+TEST_F(TlsToolTest, AListBesideTheOldOneCountsAtOnceAndOneInItsPlaceDoesNot) {
+    using namespace norvauthority;
+    const auto file = [this](const std::string& name, const std::vector<Revoked>& revoked, const std::string& number) {
+        work.write("crl/" + name,
+                   issueList({.issuer = &authorityOf("good"), .revoked = revoked, .crlNumber = number}).pem());
+        ASSERT_EQ(0, run(Command{.arguments = {"openssl", "rehash", work.path("crl")}}).status);
+    };
+    file("root.crl", {}, "1");
+    Running server(this->server({"--count", "3"}), work.directory());
+    const std::string port = portOf(server);
+    const auto judged = [&](int number) {
+        EXPECT_EQ(0, connect(port, {"--cert", "good.pem", "--key", "good.key"}).status);
+        return server.waitFor("connection " + std::to_string(number) + ": verify result (\\d+)");
+    };
+    EXPECT_EQ("0", judged(1));
+    file("root.crl", {{.serial = "10"}}, "2");
+    EXPECT_EQ("0", judged(2)) << "in its place";
+    file("next.crl", {{.serial = "10"}}, "3");
+    EXPECT_EQ("23", judged(3)) << "beside it";
+}
+
 TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
     Running server(this->server({"--echo", "--count", "2"}), work.directory());
     const std::string port = portOf(server);

@@ -216,8 +216,12 @@ public:
             if (signal == wakeUp)
                 return;
             server.stop();
+            sigset_t waking;
+            sigemptyset(&waking);
+            sigaddset(&waking, wakeUp);
             sigdelset(&m_signals, wakeUp);
             pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
+            sigwait(&waking, &signal); // here a second signal finds a thread that takes it
         });
     }
     ~StopOnSignal() {
