@@ -22,6 +22,7 @@ void addInspect(CLI::App& app, Action& action);
 void addDigest(CLI::App& app, Action& action);
 void addCipher(CLI::App& app, Action& action);
 void addTls(CLI::App& app, Action& action);
+void addBindings(CLI::App& app, Action& action);
 void addDemo(CLI::App& app, Action& action);
 
 } // namespace norvcrypt

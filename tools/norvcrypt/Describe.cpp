@@ -54,31 +54,6 @@ void putTime(Description& object, const char* key, const ASN1_TIME* time) {
         problem(object, std::string(key) + " is no proper time");
 }
 
-Description certificateFacts(const NVX509::RefCertificate& certificate) {
-    X509* const x509 = certificate;
-    Description facts = Description::object();
-    putText(facts, "subject", certificate->subject().asString());
-    putText(facts, "issuer", certificate->issuer().asString());
-    putNumber(facts, "serial", "serial number", X509_get0_serialNumber(x509));
-    putTime(facts, "notBefore", X509_get0_notBefore(x509));
-    putTime(facts, "notAfter", X509_get0_notAfter(x509));
-    facts["sha256"] = fingerprint(certificate);
-    facts["selfSigned"] = certificate->isSelfSigned();
-    facts["ca"] = certificate->isCACert();
-    putTexts(facts, "keyUsage", keyUsage(certificate));
-    const AlternativeNames names = alternativeNames(x509);
-    putTexts(facts, "emails", names.emails);
-    putTexts(facts, "dns", names.dns);
-    putTexts(facts, "uris", names.uris);
-    if (names.malformed)
-        problem(facts, "a malformed subject alternative name");
-    const ListPlaces lists = crlDistributionPoints(x509);
-    putTexts(facts, "crlDistributionPoints", lists.places);
-    if (lists.malformed)
-        problem(facts, "malformed CRL distribution points");
-    return facts;
-}
-
 Description listFacts(const NVX509::RefCertificateRevocationList& list) {
     X509_CRL* const crl = list;
     Description facts = Description::object();
@@ -116,7 +91,7 @@ void putSigned(Description& facts, const CMS::RefContentInfo& content) {
     }
     facts["certificates"] = Description::array();
     for (const NVX509::RefCertificate& certificate : data.certificates())
-        facts["certificates"].push_back(certificateFacts(certificate));
+        facts["certificates"].push_back(describeCertificate(certificate));
     facts["crls"] = Description::array();
     for (const NVX509::RefCertificateRevocationList& list : data.certificateRevocationLists())
         facts["crls"].push_back(listFacts(list));
@@ -149,15 +124,7 @@ Description cmsFacts(const Norvane::Buffer& der) {
 Description keyFacts(Key::Type type, const Norvane::Buffer& der) {
     const RefKey key(type);
     key->read(der, false);
-    EVP_PKEY* const pkey = key;
-    Description facts = Description::object();
-    const char* name = EVP_PKEY_get0_type_name(pkey);
-    putText(facts, "algorithm", name == nullptr ? "" : name);
-    if (const int bits = EVP_PKEY_get_bits(pkey); bits > 0)
-        facts["bits"] = bits;
-    if (const auto digest = fingerprint(pkey))
-        facts["sha256"] = *digest;
-    return facts;
+    return describeKey(key);
 }
 
 Description encryptedFacts() {
@@ -176,7 +143,7 @@ Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
     if (certificate.isNull())
         throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
-    return certificateFacts(certificate);
+    return describeCertificate(certificate);
 }
 
 Description readList(const Norvane::Buffer& der) {
@@ -207,6 +174,43 @@ Description typed(const char* type, const Description& facts) {
 }
 
 } // namespace
+
+Description describeCertificate(const NVX509::RefCertificate& certificate) {
+    X509* const x509 = certificate;
+    Description facts = Description::object();
+    putText(facts, "subject", certificate->subject().asString());
+    putText(facts, "issuer", certificate->issuer().asString());
+    putNumber(facts, "serial", "serial number", X509_get0_serialNumber(x509));
+    putTime(facts, "notBefore", X509_get0_notBefore(x509));
+    putTime(facts, "notAfter", X509_get0_notAfter(x509));
+    facts["sha256"] = fingerprint(certificate);
+    facts["selfSigned"] = certificate->isSelfSigned();
+    facts["ca"] = certificate->isCACert();
+    putTexts(facts, "keyUsage", keyUsage(certificate));
+    const AlternativeNames names = alternativeNames(x509);
+    putTexts(facts, "emails", names.emails);
+    putTexts(facts, "dns", names.dns);
+    putTexts(facts, "uris", names.uris);
+    if (names.malformed)
+        problem(facts, "a malformed subject alternative name");
+    const ListPlaces lists = crlDistributionPoints(x509);
+    putTexts(facts, "crlDistributionPoints", lists.places);
+    if (lists.malformed)
+        problem(facts, "malformed CRL distribution points");
+    return facts;
+}
+
+Description describeKey(const RefKey& key) {
+    EVP_PKEY* const pkey = key;
+    Description facts = Description::object();
+    const char* name = EVP_PKEY_get0_type_name(pkey);
+    putText(facts, "algorithm", name == nullptr ? "" : name);
+    if (const int bits = EVP_PKEY_get_bits(pkey); bits > 0)
+        facts["bits"] = bits;
+    if (const auto digest = fingerprint(pkey))
+        facts["sha256"] = *digest;
+    return facts;
+}
 
 Description describe(const Piece& piece) {
     if (!piece.problem.empty())

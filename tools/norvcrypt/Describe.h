@@ -6,6 +6,9 @@
 
 #include "Pieces.h"
 
+#include <norvcrypto/Certificate.h>
+#include <norvcrypto/Key.h>
+
 #include <nlohmann/json.hpp>
 
 namespace norvcrypt {
@@ -15,5 +18,9 @@ using Description = nlohmann::ordered_json;
 /// Describes one object: "type" first, then its values; what is absent is left out. Oddities that do not keep the
 /// object from being read stand under "problems". \throws Failure or Norvane::Exception: it cannot be read
 Description describe(const Piece& piece);
+
+/// What `describe` tells of a certificate or a key, without the type.
+Description describeCertificate(const Norvane::Crypto::NVX509::RefCertificate& certificate);
+Description describeKey(const Norvane::Crypto::RefKey& key);
 
 } // namespace norvcrypt

@@ -112,11 +112,17 @@ std::string asJson(const Description& objects) {
 }
 
 std::string asText(const Description& object) {
-    std::string text = Norvane::escapeForDisplay(object.at("file").get<std::string>()) + ": " +
-                       object.at("type").get<std::string>() + "\n";
-    for (const auto& [key, value] : object.items())
-        if (key != "file" && key != "type")
-            append(text, key, value, 1);
+    const std::string heading =
+        Norvane::escapeForDisplay(object.at("file").get<std::string>()) + ": " + object.at("type").get<std::string>();
+    Description members = object;
+    members.erase("file");
+    members.erase("type");
+    return asText(heading, members);
+}
+
+std::string asText(const std::string& heading, const Description& object) {
+    std::string text = heading + "\n";
+    appendMembers(text, object, 1);
     return text;
 }
 

@@ -14,5 +14,7 @@ std::string asJson(const Description& objects);
 
 /// Lines "key: value", one for each value, indented by depth; values are escaped for display.
 std::string asText(const Description& object);
+/// The same under a heading of the caller's, which is shown as it is.
+std::string asText(const std::string& heading, const Description& object);
 
 } // namespace norvcrypt

@@ -3,6 +3,7 @@
 #include "Input.h"
 #include "Material.h"
 #include "Output.h"
+#include "Store.h"
 #include "Structure.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
@@ -23,6 +24,8 @@ namespace {
 struct SignOptions {
     std::string certificate;
     std::string key;
+    std::optional<std::string> store;
+    std::string from;
     std::optional<std::string> chain;
     std::optional<std::string> passphraseFile;
     std::string digest = "sha256";
@@ -33,6 +36,8 @@ struct SignOptions {
 
 /// The signer's certificate comes first in its file; what follows belongs to the chain, like the file for the chain.
 NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs) {
+    if (options.store)
+        return signerFor(*options.store, options.from);
     std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
     const NVX509::RefCertificate certificate = chain.front();
     chain.pop_front();
@@ -75,13 +80,26 @@ Exit sign(const SignOptions& options) {
 void addSign(CLI::App& app, Action& action) {
     auto options = std::make_shared<SignOptions>();
     CLI::App* command = app.add_subcommand("sign", "Signs a body: a detached CMS signature over its bytes as they are");
-    command->add_option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
-        ->type_name("FILE")
-        ->required();
-    command->add_option("--key", options->key, "The signer's private key")->type_name("FILE")->required();
-    command->add_option("--chain", options->chain, "Certificates to put beside the signer's")->type_name("FILE");
-    command->add_option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
-        ->type_name("FILE");
+    CLI::Option* certificate =
+        command
+            ->add_option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
+            ->type_name("FILE");
+    CLI::Option* key = command->add_option("--key", options->key, "The signer's private key")->type_name("FILE");
+    CLI::Option* chain =
+        command->add_option("--chain", options->chain, "Certificates to put beside the signer's")->type_name("FILE");
+    CLI::Option* passphrase =
+        command
+            ->add_option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
+            ->type_name("FILE");
+    CLI::Option* store =
+        command->add_option("--store", options->store, "Instead of the above: the store with the signer")
+            ->type_name("DIR");
+    CLI::Option* from = command->add_option("--from", options->from, "The address that the store finds the signer by")
+                            ->type_name("ADDRESS");
+    store->needs(from);
+    from->needs(store);
+    for (CLI::Option* own : {certificate, key, chain, passphrase})
+        store->excludes(own);
     command->add_option("--digest", options->digest, "The digest to sign")->capture_default_str();
     command->add_option("--in", options->in, "The body; \"-\" is standard input")
         ->type_name("BODY")
@@ -90,7 +108,14 @@ void addSign(CLI::App& app, Action& action) {
         ->type_name("SIG.p7s")
         ->capture_default_str();
     command->add_flag("--pem", options->pem, "Write PEM instead of DER");
-    command->callback([options, &action] { action = [options] { return sign(*options); }; });
+    command->footer(
+        "The signer is either --cert and --key, or --store and --from: the identity that norvcrypt bindings "
+        "find names for signing, with its chain, as long as its certificate is valid.");
+    command->callback([options, &action, certificate, key, store] {
+        if (store->empty() && (certificate->empty() || key->empty()))
+            throw CLI::RequiredError(certificate->empty() ? "--cert" : "--key");
+        action = [options] { return sign(*options); };
+    });
 }
 
 } // namespace norvcrypt

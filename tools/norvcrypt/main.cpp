@@ -78,6 +78,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::addDigest(app, action);
     norvcrypt::addCipher(app, action);
     norvcrypt::addTls(app, action);
+    norvcrypt::addBindings(app, action);
     norvcrypt::addDemo(app, action);
     takeMarksAway(app);
     try {

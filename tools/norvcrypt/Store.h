@@ -1,0 +1,31 @@
+#pragma once
+
+/// \file
+/// A store of identities in a directory, as the commands use it.
+
+#include <norvcmsg/EmailAddress.h>
+#include <norvcrypto-keystore/DirectoryKeyStore.h>
+
+#include <string>
+
+namespace norvcrypt {
+
+using Store = Norvane::Crypto::NVX509::DirectoryKeyStore;
+
+/// Loads a store. \throws Failure: the directory cannot be read; folders that cannot are among its problems
+Norvane::Crypto::NVX509::RefDirectoryKeyStore openStore(const std::string& directory);
+
+/// A mail address, in the characters of RFC 6531 too; the empty text is the empty address. \throws Failure
+Norvane::EmailAddress mailAddress(const std::string& text);
+
+/// "signing", "encryption", "decryption".
+const char* purposeName(Store::Purpose purpose);
+
+/// The identity that serves an address at this moment. \throws Failure: there is none, or its certificate is not valid
+Store::Identity identityFor(const Norvane::Crypto::NVX509::RefDirectoryKeyStore& store, const std::string& directory,
+                            const std::string& address, Store::Purpose purpose);
+
+/// The pair of the identity that signs for an address. \throws Failure as `identityFor`
+Norvane::Crypto::NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address);
+
+} // namespace norvcrypt
