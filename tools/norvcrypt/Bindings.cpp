@@ -44,8 +44,8 @@ Description ownerFacts(const Store::Owner& owner) {
 }
 
 Description identityFacts(const Store::Identity& identity) {
-    Description facts = describeCertificate(identity.certificate);
-    facts["key"] = describeKey(identity.certificate->key());
+    Description facts = certificateFacts(identity.certificate);
+    facts["key"] = keyFacts(identity.certificate->key());
     facts["privateKey"] = identity.hasKey;
     facts["chain"] = Description::array();
     for (const auto& certificate : identity.chain)
@@ -139,7 +139,7 @@ Description explanationFacts(const Store::Explanation& found) {
         if (found.winner == i) {
             winner = one;
             winner["privateKey"] = identity.hasKey;
-            winner.update(describeCertificate(identity.certificate));
+            winner.update(certificateFacts(identity.certificate));
         }
         one["fitness"] = fitnessName(match.fitness)[0];
         matches.push_back(std::move(one));

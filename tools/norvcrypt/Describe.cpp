@@ -91,7 +91,7 @@ void putSigned(Description& facts, const CMS::RefContentInfo& content) {
     }
     facts["certificates"] = Description::array();
     for (const NVX509::RefCertificate& certificate : data.certificates())
-        facts["certificates"].push_back(describeCertificate(certificate));
+        facts["certificates"].push_back(certificateFacts(certificate));
     facts["crls"] = Description::array();
     for (const NVX509::RefCertificateRevocationList& list : data.certificateRevocationLists())
         facts["crls"].push_back(listFacts(list));
@@ -124,7 +124,7 @@ Description cmsFacts(const Norvane::Buffer& der) {
 Description keyFacts(Key::Type type, const Norvane::Buffer& der) {
     const RefKey key(type);
     key->read(der, false);
-    return describeKey(key);
+    return norvcrypt::keyFacts(key);
 }
 
 Description encryptedFacts() {
@@ -143,7 +143,7 @@ Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
     if (certificate.isNull())
         throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
-    return describeCertificate(certificate);
+    return certificateFacts(certificate);
 }
 
 Description readList(const Norvane::Buffer& der) {
@@ -175,7 +175,7 @@ Description typed(const char* type, const Description& facts) {
 
 } // namespace
 
-Description describeCertificate(const NVX509::RefCertificate& certificate) {
+Description certificateFacts(const NVX509::RefCertificate& certificate) {
     X509* const x509 = certificate;
     Description facts = Description::object();
     putText(facts, "subject", certificate->subject().asString());
@@ -200,7 +200,7 @@ Description describeCertificate(const NVX509::RefCertificate& certificate) {
     return facts;
 }
 
-Description describeKey(const RefKey& key) {
+Description keyFacts(const RefKey& key) {
     EVP_PKEY* const pkey = key;
     Description facts = Description::object();
     const char* name = EVP_PKEY_get0_type_name(pkey);

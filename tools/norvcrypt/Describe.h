@@ -20,7 +20,7 @@ using Description = nlohmann::ordered_json;
 Description describe(const Piece& piece);
 
 /// What `describe` tells of a certificate or a key, without the type.
-Description describeCertificate(const Norvane::Crypto::NVX509::RefCertificate& certificate);
-Description describeKey(const Norvane::Crypto::RefKey& key);
+Description certificateFacts(const Norvane::Crypto::NVX509::RefCertificate& certificate);
+Description keyFacts(const Norvane::Crypto::RefKey& key);
 
 } // namespace norvcrypt
