@@ -441,7 +441,7 @@ TEST_F(StoreSignTest, TheStoreStandsInsteadOfCertificateAndKey) {
     work.write("alice.pem", alice().certificate.pem());
     before = work.names();
     for (const char* option : {"--cert", "--key", "--chain", "--passphrase-file"})
-        expectFailure(sign("alice@example.com", {option, "alice.pem"}), "--store excludes " + std::string(option));
+        expectFailure(sign("alice@example.com", {option, "alice.pem"}), std::string(option) + " excludes --store");
     expectFailure(tool({"sign", "--store", "store"}), "--store requires --from");
     expectFailure(tool({"sign", "--from", "a@b"}), "--from requires --store");
     expectFailure(tool({"sign"}), "--cert is required");
