@@ -448,4 +448,89 @@ TEST_F(StoreSignTest, TheStoreStandsInsteadOfCertificateAndKey) {
     expectFailure(tool({"sign", "--store", "nowhere", "--from", "a@b"}), "cannot load the store nowhere");
 }
 
+// encrypt and decrypt
+
+class StoreEncryptTest : public BindingsToolTest {
+protected:
+    void SetUp() override {
+        BindingsToolTest::SetUp();
+        add("alice", "alice@example.com\n*@sales.example.com\n", alice());
+        add("old", "old@example.com\n", person("Old", {.key = bob().key, .notAfter = Time::fromNow(-3600)}));
+        add("curve", "curve@example.com\n", erin());
+        add("signer", "signer@example.com\n", person("Signer", {.key = carol().key, .keyUsage = 0x80}));
+        work.write("body", sampleBody());
+        work.write("bob.pem", bob().certificate.pem());
+        work.write("bob.key", bob().key.pkcs8Pem());
+        before = work.names();
+    }
+    Answer encrypt(const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{"encrypt", "--in", "body", "--out", "msg"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return tool(arguments);
+    }
+    Answer encryptTo(const std::vector<std::string>& addresses, std::vector<std::string> more = {}) {
+        more.insert(more.end(), {"--store", "store"});
+        for (const std::string& address : addresses)
+            more.insert(more.end(), {"--to-address", address});
+        return encrypt(more);
+    }
+    void expectDecrypted(const std::vector<std::string>& with) {
+        std::vector<std::string> arguments{"decrypt", "--in", "msg", "--out", "clear"};
+        arguments.insert(arguments.end(), with.begin(), with.end());
+        const Answer answer = tool(arguments);
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ(sampleBody(), work.read("clear"));
+        fs::remove(work.path("clear"));
+    }
+    std::size_t recipients() { return json::parse(tool({"inspect", "--json", "msg"}).out).at(0)["recipients"].size(); }
+};
+
+TEST_F(StoreEncryptTest, WhomTheStoreNamesCanDecrypt) {
+    const Answer answer = encryptTo({"alice@EXAMPLE.com"});
+    ASSERT_EQ(0, answer.status) << answer.err;
+    const Answer judge =
+        run(Command{.arguments = {"openssl", "cms", "-decrypt", "-binary", "-inform", "DER", "-in", "msg", "-recip",
+                                  "store/alice/cert.pem", "-inkey", "store/alice/key.pem", "-out", "judged"},
+                    .directory = work.directory()});
+    ASSERT_EQ(0, judge.status) << judge.err;
+    EXPECT_EQ(sampleBody(), work.read("judged"));
+    expectDecrypted({"--store", "store"});
+}
+
+TEST_F(StoreEncryptTest, RecipientsOfTheStoreAndOfFilesGoTogether) {
+    ASSERT_EQ(0, encryptTo({"alice@example.com", "x@sales.example.com"}, {"--to", "bob.pem"}).status);
+    EXPECT_EQ(2U, recipients()) << "one certificate that serves two addresses is one recipient";
+    expectDecrypted({"--store", "store"});
+    expectDecrypted({"--cert", "bob.pem", "--key", "bob.key"});
+    expectDecrypted({"--cert", "bob.pem", "--key", "bob.key", "--store", "store"});
+}
+
+TEST_F(StoreEncryptTest, AnExpiredIdentityDecryptsButIsNotEncryptedTo) {
+    ASSERT_EQ(0, encrypt({"--to", "store/old/cert.pem"}).status);
+    expectDecrypted({"--store", "store"});
+    fs::remove(work.path("msg"));
+    expectFailure(encryptTo({"old@example.com"}),
+                  "the certificate of old in store, found for encryption for old@example.com, is expired");
+}
+
+TEST_F(StoreEncryptTest, WhoCannotBeEncryptedToIsTold) {
+    expectFailure(encryptTo({"alice@example.com", "nobody@elsewhere.example"}),
+                  "the store store has nothing for encryption for nobody@elsewhere.example");
+    expectFailure(encryptTo({"signer@example.com"}), "has nothing for encryption for signer@example.com");
+    expectFailure(encryptTo({"curve@example.com"}),
+                  "the certificate of curve in store, found for curve@example.com, has no RSA key");
+    expectFailure(encryptTo({"alice"}), "no mail address: alice");
+    expectFailure(encrypt({"--store", "store"}), "--store requires --to-address");
+    expectFailure(encrypt({"--to-address", "a@b"}), "--to-address requires --store");
+    expectFailure(encrypt({"--store", "nowhere", "--to-address", "a@b"}), "cannot load the store nowhere");
+}
+
+TEST_F(StoreEncryptTest, AStoreWithoutTheKeyDoesNotDecrypt) {
+    ASSERT_EQ(0, encrypt({"--to", "bob.pem"}).status);
+    const Answer answer = tool({"decrypt", "--store", "store", "--in", "msg", "--out", "clear"});
+    EXPECT_EQ(1, answer.status);
+    EXPECT_NE(std::string::npos, answer.err.find("no key for it")) << answer.err;
+    EXPECT_FALSE(work.exists("clear"));
+}
+
 } // namespace

@@ -4,12 +4,15 @@
 #include "Material.h"
 #include "OpenSsl.h"
 #include "Output.h"
+#include "Store.h"
 #include "Structure.h"
 
 #include <norvcrypto/CMSEncryptionMedia.h>
 
+#include <algorithm>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,10 +26,19 @@ namespace {
 struct EncryptOptions {
     std::string cipher = "aes-256-cbc";
     std::vector<std::string> recipients;
+    std::optional<std::string> store;
+    std::vector<std::string> addresses;
     std::string in = "-";
     std::string out = "-";
     bool pem = false;
 };
+
+void requireRsa(const NVX509::RefCertificate& certificate, const std::string& whose) {
+    const QuietQuestion quiet;
+    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
+    if (key == nullptr || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA)
+        throw Failure("the certificate " + whose + " has no RSA key: nothing can be encrypted for it");
+}
 
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's:
 /// guessing wrong would let somebody read the body, or keep somebody from it.
@@ -35,11 +47,20 @@ NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
     if (certificates.size() > 1)
         throw Failure(inputName(path) + " holds " + std::to_string(certificates.size()) +
                       " certificates: give each recipient a file of its own");
-    const QuietQuestion quiet;
-    const EVP_PKEY* const key = X509_get0_pubkey(certificates.front());
-    if (key == nullptr || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA)
-        throw Failure("the certificate in " + inputName(path) + " has no RSA key: nothing can be encrypted for it");
+    requireRsa(certificates.front(), "in " + inputName(path));
     return certificates.front();
+}
+
+/// Whom the store names for the addresses; one certificate that serves several of them is one recipient.
+void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options) {
+    const NVX509::RefDirectoryKeyStore store = openStore(*options.store);
+    for (const std::string& address : options.addresses) {
+        const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
+        requireRsa(identity.certificate,
+                   "of " + identity.folder + " in " + *options.store + ", found for " + address + ",");
+        if (std::find(recipients.begin(), recipients.end(), identity.certificate) == recipients.end())
+            recipients.push_back(identity.certificate);
+    }
 }
 
 void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Inputs& inputs) {
@@ -47,6 +68,8 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
     std::list<NVX509::RefCertificate> recipients;
     for (const std::string& path : options.recipients)
         recipients.push_back(readRecipient(path, inputs));
+    if (options.store)
+        addFromStore(recipients, options);
     Progress progress("encrypting");
     Norvane::MediaIn body = inputs.open(options.in, &progress);
     try {
@@ -85,9 +108,16 @@ void addEncrypt(CLI::App& app, Action& action) {
     command->add_option("--cipher", options->cipher, "The cipher: " + cipherNames())
         ->type_name("NAME")
         ->capture_default_str();
-    command->add_option("--to", options->recipients, "The certificates of the recipients, one a file")
-        ->type_name("CERT")
-        ->required();
+    CLI::Option* certificates =
+        command->add_option("--to", options->recipients, "The certificates of the recipients, one a file")
+            ->type_name("CERT");
+    CLI::Option* store =
+        command->add_option("--store", options->store, "A store that has recipients by address")->type_name("DIR");
+    CLI::Option* addresses =
+        command->add_option("--to-address", options->addresses, "Addresses of recipients in the store, beside --to")
+            ->type_name("ADDRESS");
+    store->needs(addresses);
+    addresses->needs(store);
     command->add_option("--in", options->in, "The body; \"-\" is standard input")
         ->type_name("BODY")
         ->capture_default_str();
@@ -95,7 +125,14 @@ void addEncrypt(CLI::App& app, Action& action) {
         ->type_name("MSG.p7m")
         ->capture_default_str();
     command->add_flag("--pem", options->pem, "Write PEM instead of DER");
-    command->callback([options, &action] { action = [options] { return encrypt(*options); }; });
+    command->footer(
+        "A recipient in the store is the identity that norvcrypt bindings find names for encryption, as long "
+        "as its certificate is valid.");
+    command->callback([options, &action, certificates, store] {
+        if (certificates->empty() && store->empty())
+            throw CLI::RequiredError("--to");
+        action = [options] { return encrypt(*options); };
+    });
 }
 
 } // namespace norvcrypt

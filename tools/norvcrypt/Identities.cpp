@@ -95,8 +95,6 @@ std::vector<IdentityFiles> IdentityOptions::files() const {
             all.back().*options[at].member = option->results().at(taken[option]++);
         }
     }
-    if (all.empty())
-        throw Failure("give an identity to decrypt with: --cert and --key, or --p12 (norvcrypt --help tells more)");
     for (const IdentityFiles& files : all)
         requireComplete(files);
     return all;

@@ -38,7 +38,7 @@ class IdentityOptions {
 public:
     explicit IdentityOptions(CLI::App& command);
 
-    /// What the command line said, once it was read. \throws Failure: an identity lacks a file, or there is none
+    /// What the command line said, once it was read; it may have none. \throws Failure: an identity lacks a file
     [[nodiscard]] std::vector<IdentityFiles> files() const;
 
 private:
