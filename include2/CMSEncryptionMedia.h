@@ -198,9 +198,11 @@ public:
     /// that are not for content (key wrapping, authenticated ones), and a missing initialisation vector. Both are
     /// failures.
     ///
-    /// Each key is tried on the recipient that it was found for and on no other, so that the work grows with the number
-    /// of recipients, not with its square. The failures of an RSA decryption are not told apart from those of the
-    /// content: OpenSSL goes on with a random key (RFC 3218).
+    /// A key whose certificate names the recipient is tried on that recipient and on no other, so that the work grows
+    /// with the number of recipients. A store may also answer with a pair of another name; its key is then tried on
+    /// every recipient, and what it opens counts as this recipient's: with a store that always answers so, a message of
+    /// n recipients can cost n times n RSA operations. The failures of an RSA decryption are not told apart from those of
+    /// the content: OpenSSL goes on with a random key (RFC 3218).
     ///
     /// What is logged, each at level 0:
     /// - 0x3000058, a blank: the structure is no enveloped data; nothing is tried or recorded

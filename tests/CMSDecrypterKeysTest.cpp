@@ -148,6 +148,16 @@ TEST(DecrypterKeys, APairOfAnotherNameIsTried) {
     EXPECT_EQ(opened.succeeded, Serials{"77"});
 }
 
+// A plug-in that knows one key answers with it whoever is asked for: nothing of a garbage body comes before the body.
+TEST(DecrypterKeys, AKeyOfAnotherNameOpensWhicheverRecipientItFits) {
+    const Bytes body = bodyOf(1000);
+    const Bytes structure = handMade(body, {recipient(alice()), recipient(bob()), recipient(carol())});
+    const Opened opened = openedBy(structure, storeOf(new Answering([] { return pairOf(carol()); })));
+    EXPECT_EQ(opened.body, body);
+    EXPECT_EQ(opened.succeeded, Serials{aliceSerial});
+    EXPECT_TRUE(opened.failed.empty());
+}
+
 // Whatever chance makes of the first recipient's key, which is damaged: the second one's is not opened with it.
 TEST(DecrypterKeys, AKeyIsTriedOnItsOwnRecipientAlone) {
     const Bytes body = bodyOf(100);

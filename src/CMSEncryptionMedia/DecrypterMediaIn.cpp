@@ -33,21 +33,27 @@ std::optional<DecrypterMediaIn::DecryptedOutput> recordOf(const IssuerAndSerialN
     }
 }
 
-/// The pair's private key, or null. A public key in its place would not be refused by OpenSSL: it goes on with a random
-/// content key, and one time in 256 the result looks right.
-EVP_PKEY* privateKeyOf(const NVX509::KeyCertificatePair& pair) {
-    if (!pair || pair->key.isNull() || dynamic_cast<const PublicKey*>(pair->key.operator->()) != nullptr) {
-        return nullptr;
-    }
-    return pair->key;
+/// A public key in its place would not be refused by OpenSSL: it goes on with a random content key, and one time in 256
+/// the result looks right.
+bool hasPrivateKey(const NVX509::KeyCertificatePair& pair) {
+    return pair && !pair->key.isNull() && dynamic_cast<const PublicKey*>(pair->key.operator->()) == nullptr &&
+           static_cast<EVP_PKEY*>(pair->key) != nullptr;
 }
 
-/// Whether the pair's certificate names the recipient and its key is another one's. Decrypting with it would come to an
-/// answer by chance.
-bool keyIsForeign(const NVX509::_KeyCertificatePair& pair, const PKCS7_RECIP_INFO* recipient) {
-    const openssl::ErrorMark mark;
+/// Decrypts with a pair whose certificate names the recipient only for that recipient, and not at all with a key of
+/// another certificate, which would come to an answer by chance. A pair of another name (a renewed certificate, a plug-in
+/// that knows one key) is taken at its key, which is tried on every recipient.
+bool decrypted(PKCS7* structure, const RecipientInfo& recipient, const NVX509::_KeyCertificatePair& pair, BIO* out) {
     X509* certificate = pair.certificate;
-    return openssl::namesRecipient(certificate, recipient) && X509_check_private_key(certificate, pair.key) != 1;
+    const bool named = openssl::namesRecipient(certificate, recipient);
+    if (named) {
+        const openssl::ErrorMark mark;
+        if (X509_check_private_key(certificate, pair.key) != 1) {
+            return false;
+        }
+    }
+    PKCS7_RECIP_INFO* only = recipient;
+    return openssl::decryptFor(structure, named ? only : nullptr, pair.key, out);
 }
 
 } // namespace
@@ -121,18 +127,16 @@ bool DecrypterMediaInImpl::decryptedFor(const RecipientInfo& recipient, MediaOut
         return false;
     }
     const NVX509::KeyCertificatePair pair = m_keys->find(name.issuer(), name.serialNumber());
-    EVP_PKEY* key = privateKeyOf(pair);
-    if (key == nullptr) {
+    if (!hasPrivateKey(pair)) {
         m_failed.push_back(record->identifier());
         failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), textOf(name.serialNumber()));
         return false;
     }
     BIOMediaOut adapter(out);
     BIO* sink = adapter;
-    const bool decrypted = !keyIsForeign(*pair, recipient) && openssl::rethrowingStreamErrors(adapter, [&] {
-        return openssl::decryptFor(m_contentInfo, recipient, key, sink);
-    });
-    if (!decrypted) {
+    const bool good =
+        openssl::rethrowingStreamErrors(adapter, [&] { return decrypted(m_contentInfo, recipient, *pair, sink); });
+    if (!good) {
         m_failed.push_back(record->identifier());
         failures::logEvent(Event::recipientFailed, " ");
         return false;

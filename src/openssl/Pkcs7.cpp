@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <optional>
 
 namespace Norvane::Crypto::openssl {
 
@@ -218,12 +219,15 @@ bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) 
 
 bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept {
     PKCS7_ENVELOPE* envelope = envelopedContent(structure);
-    if (encryptedContent(structure) == nullptr || recipient == nullptr ||
-        !isContentCipher(envelope->enc_data->algorithm)) {
+    if (encryptedContent(structure) == nullptr || !isContentCipher(envelope->enc_data->algorithm)) {
         return false;
     }
-    const OneRecipient one(envelope, recipient);
-    const bool decrypted = one.alone() && PKCS7_decrypt(structure, key, nullptr, out, 0) == 1;
+    std::optional<OneRecipient> one;
+    if (recipient != nullptr) {
+        one.emplace(envelope, recipient);
+    }
+    const bool ready = !one || one->alone();
+    const bool decrypted = ready && PKCS7_decrypt(structure, key, nullptr, out, 0) == 1;
     ERR_clear_error();
     return decrypted;
 }

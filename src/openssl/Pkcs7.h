@@ -52,9 +52,9 @@ const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept;
 /// Whether a certificate is the one that a recipient is named by; false for null.
 bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept;
 
-/// Decrypts the content of an enveloped structure into `out` with the key of one of its recipients. The other
-/// recipients are out of sight meanwhile: OpenSSL would try the key on each of them, and take the content key from the
-/// last that it fits. Leaves OpenSSL's error queue empty; false tells no reason, so that nobody learns one.
+/// Decrypts the content of an enveloped structure into `out` with the key of one of its recipients. With null for the
+/// recipient the key is tried on each, and the last content key that it opens is taken; with a recipient the others are
+/// out of sight meanwhile. Leaves OpenSSL's error queue empty; false tells no reason, so that nobody learns one.
 bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept;
 
 } // namespace Norvane::Crypto::openssl
