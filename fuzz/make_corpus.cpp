@@ -7,6 +7,7 @@
 #include <openssl/cms.h>
 #include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
+#include <openssl/ssl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -127,6 +128,22 @@ void texts() {
     put("fuzz_text", "base64", "aGVsbG8gd29ybGQ=");
 }
 
+/// What a TLS client says first.
+std::string clientHello(int version) {
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_set_max_proto_version(context, version);
+    SSL* ssl = SSL_new(context);
+    BIO* said = BIO_new(BIO_s_mem());
+    SSL_set_bio(ssl, BIO_new(BIO_s_mem()), said);
+    SSL_connect(ssl); // wants to read the answer
+    char* bytes = nullptr;
+    const long length = BIO_get_mem_data(said, &bytes);
+    const std::string result(bytes, static_cast<std::size_t>(length));
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+    return result;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -159,5 +176,8 @@ int main(int argc, char** argv) {
     put("fuzz_cms", "plain.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
     put("fuzz_cms", "data.der",
         text(contentInfo({0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01}, Bytes{4, 1, 65})));
+    put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
+    put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
+    put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");
     return EXIT_SUCCESS;
 }
