@@ -27,9 +27,10 @@ public:
     explicit StringPattern(const std::string& pattern);
 
     /// True when all of `text` matches. Whatever the pattern, this takes a time linear in text and pattern, times the
-    /// number of 64-bit words that the longest piece between two `*` fills if it has a `?`. A pattern that wants more
-    /// characters than the text has bytes costs one pass over it. So for mail addresses, which have 254 bytes at most
-    /// (`EmailAddress`), a piece that is searched for has four words at most, and the time is linear.
+    /// number of 64-bit words that the longest piece between two `*` fills if it has a `?` between its literals. A
+    /// pattern that wants more characters than the text has bytes costs one pass over it. So for mail addresses, which
+    /// have 254 bytes at most (`EmailAddress`), a piece that is searched for has four words at most, and the time is
+    /// linear.
     [[nodiscard]] bool matches(const std::string& text) const;
 
     /// The pattern as it was given.

@@ -5,9 +5,10 @@
 ///
 /// The stars cut a pattern into pieces. The first piece has to stand at the start of the text and the last one at its
 /// end; each other one is taken where it occurs first, which leaves most of the text to those after it. A piece without
-/// `?` is searched for as Knuth, Morris and Pratt do, in a time linear in text and piece; one with `?` by tracking all
-/// its prefixes at once as bits of 64-bit words, in as many passes over the text as it takes words. A pattern that wants
-/// more characters than the text has bytes is turned down at once, so that no piece is longer than the text.
+/// `?` between its literals is searched for as Knuth, Morris and Pratt do, in a time linear in text and piece; one with
+/// such a `?` by tracking all its prefixes at once as bits of 64-bit words, in as many passes over the text as it takes
+/// words. A pattern that wants more characters than the text has bytes is turned down at once, so that no piece is
+/// longer than the text.
 
 #include "Ascii.h"
 #include "Utf8.h"
@@ -117,12 +118,26 @@ private:
         return start;
     }
 
-    /// The position after the first occurrence of a piece at or after `from`, or none.
-    std::size_t find(std::string_view piece, std::size_t from) {
-        if (piece.empty()) {
-            return from;
+    /// The position so many characters further on, or none.
+    std::size_t skip(std::size_t position, std::size_t characters) {
+        for (; position != none && characters > 0; --characters) {
+            m_step();
+            position = position == m_text.size() ? none : position + lengthAt(m_text, position);
         }
-        return piece.find('?') == none ? findLiteral(piece, from) : findMarked(piece, from);
+        return position;
+    }
+
+    /// The position after the first occurrence of a piece at or after `from`, or none. A `?` at either end of the piece
+    /// only asks for one character more there.
+    std::size_t find(std::string_view piece, std::size_t from) {
+        const auto first = std::min(piece.find_first_not_of('?'), piece.size());
+        const auto behind = piece.find_last_not_of('?') + 1; // 0 when there is nothing else
+        auto position = skip(from, first);
+        if (first < behind && position != none) {
+            const auto core = piece.substr(first, behind - first);
+            position = core.find('?') == none ? findLiteral(core, position) : findMarked(core, position);
+        }
+        return skip(position, piece.size() - std::max(first, behind));
     }
 
     /// The local part and the domain are searched apart, since they are compared differently. What reaches over the
@@ -165,17 +180,26 @@ private:
         return none;
     }
 
-    /// Bit n of the states says that the first n + 1 bytes of the piece end where the text was read to. The bytes of
-    /// one character are either taken one by one or, all at once, by a `?`.
+    /// Sets the masks up for a piece, and takes its bits back out, so that the next piece costs no more than it is long.
     std::size_t findMarked(std::string_view piece, std::size_t from) {
         const auto words = (piece.size() + 63) / 64;
-        std::vector<Words> masks(256);
+        m_masks.resize(std::max(m_masks.size(), 256 * words));
         Words marks(words);
         for (std::size_t i = 0; i < piece.size(); ++i) {
-            auto& mask = piece[i] == '?' ? marks : masks[static_cast<unsigned char>(piece[i])];
-            mask.resize(words);
-            mask[i / 64] |= std::uint64_t{1} << (i % 64);
+            m_step();
+            (piece[i] == '?' ? marks[i / 64] : maskOf(piece[i], words)[i / 64]) |= std::uint64_t{1} << (i % 64);
         }
+        const auto position = track(piece.size(), marks, from);
+        for (std::size_t i = 0; i < piece.size(); ++i) {
+            maskOf(piece[i], words)[i / 64] = 0;
+        }
+        return position;
+    }
+
+    /// Bit n of the states says that the first n + 1 bytes of the piece end where the text was read to. The bytes of
+    /// one character are either taken one by one or, all at once, by a `?`.
+    std::size_t track(std::size_t length, const Words& marks, std::size_t from) {
+        const auto words = marks.size();
         Words states(words);
         Words marked(words);
         for (auto position = from; position < m_text.size();) {
@@ -184,15 +208,15 @@ private:
             for (std::size_t i = 0; i < words; ++i) {
                 marked[i] = states[i] & marks[i];
             }
-            keep(states, masks, position);
+            keep(states, position);
             while (++position < end) {
                 shift(states, 0);
-                keep(states, masks, position);
+                keep(states, position);
             }
             for (std::size_t i = 0; i < words; ++i) {
                 states[i] |= marked[i];
             }
-            if ((states.back() >> ((piece.size() - 1) % 64) & 1U) != 0) {
+            if ((states.back() >> ((length - 1) % 64) & 1U) != 0) {
                 return end;
             }
         }
@@ -208,23 +232,24 @@ private:
         }
     }
 
+    /// Where a byte stands in the piece that is searched for.
+    std::uint64_t* maskOf(char byte, std::size_t words) { return &m_masks[static_cast<unsigned char>(byte) * words]; }
+
     /// Keeps the states whose prefix ends with the byte at a position.
-    void keep(Words& states, const std::vector<Words>& masks, std::size_t position) {
-        const auto maskOf = [&](char byte, std::size_t i) {
-            const auto& mask = masks[static_cast<unsigned char>(byte)];
-            return mask.empty() ? 0 : mask[i];
-        };
+    void keep(Words& states, std::size_t position) {
         const char byte = m_text[position];
-        const char other = position < m_domain ? byte : ascii::otherCase(byte);
+        const auto* mask = maskOf(byte, states.size());
+        const auto* other = maskOf(position < m_domain ? byte : ascii::otherCase(byte), states.size());
         for (std::size_t i = 0; i < states.size(); ++i) {
             m_step();
-            states[i] &= maskOf(byte, i) | maskOf(other, i);
+            states[i] &= mask[i] | other[i];
         }
     }
 
     std::string_view m_text;
     std::size_t m_domain; ///< where what is compared without regard to case begins
     Step m_step;
+    Words m_masks; ///< for each byte the bits of a piece, all zero between two searches
 };
 
 } // namespace Norvane

@@ -306,6 +306,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Cost{"*?" + std::string(5000, 'a') + "b*", std::uint64_t{3} * 10'001 * 79},
                     Cost{"*" + repeated("?a", 2499) + "b*", std::uint64_t{3} * 10'001 * 79},
                     Cost{repeated("*?a", 3333) + "*b?*", 100'000}, Cost{repeated("*?", 5000) + "b?*", 100'000},
+                    Cost{repeated("*a?a", 2500) + "*b*", 100'000}, Cost{"*" + std::string(5000, '?') + "b*", 100'000},
+                    Cost{"*b" + std::string(5000, '?') + "*", 100'000},
+                    Cost{"*" + std::string(3000, '?') + "ab" + std::string(3000, '?') + "*", 100'000},
                     Cost{std::string(10'002, '?'), 100'000}, Cost{"*" + std::string(10'002, '?'), 100'000}),
     [](const auto& cost) { return "Number" + std::to_string(cost.index); });
 
