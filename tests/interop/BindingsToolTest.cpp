@@ -144,12 +144,13 @@ TEST_F(BindingsToolTest, FindTellsWhatMatchedAndWhatWon) {
     add("signer", "ann?@example.com\n", person("Signer", {.keyUsage = 0x80}));
     const json all = jsonOf("find", 0, {"anna@example.com"});
     EXPECT_EQ("anna@example.com", all["address"]);
-    const auto match = [](const char* folder, const char* pattern, int line, const char* fitness) {
-        return json{{"folder", folder}, {"pattern", pattern}, {"line", line}, {"fitness", fitness}};
+    const auto match = [](const char* folder, const char* pattern, int line, int literals, const char* fitness) {
+        return json{
+            {"folder", folder}, {"pattern", pattern}, {"line", line}, {"literals", literals}, {"fitness", fitness}};
     };
-    EXPECT_EQ((json{match("anna", "anna@example.com", 2, "fit"), match("signer", "ann?@example.com", 1, "fit"),
-                    match("anna", "*@example.com", 1, "fit"), match("partner", "anna@e*.com", 1, "noKey"),
-                    match("old", "anna@*.com", 1, "outOfValidity"), match("everybody", "*", 1, "fit")}),
+    EXPECT_EQ((json{match("anna", "anna@example.com", 2, 16, "fit"), match("signer", "ann?@example.com", 1, 15, "fit"),
+                    match("anna", "*@example.com", 1, 12, "fit"), match("partner", "anna@e*.com", 1, 10, "noKey"),
+                    match("old", "anna@*.com", 1, 9, "outOfValidity"), match("everybody", "*", 1, 0, "fit")}),
               all["signing"]["matches"]);
     EXPECT_EQ("usageForbids", all["encryption"]["matches"][1]["fitness"]);
     EXPECT_EQ("fit", all["encryption"]["matches"][3]["fitness"]);
@@ -172,13 +173,23 @@ TEST_F(BindingsToolTest, FindShowsTheSameToPeople) {
     for (const std::string& line : linesOf(answer.out))
         if (line.front() != ' ' || line.starts_with("  matches: ") || line.starts_with("  subject: "))
             shown.push_back(line);
-    EXPECT_EQ((Lines{"signing: anna", "  subject: CN=Anna", "  matches: anna@example.com (anna, line 1): fit, won",
-                     "  matches: *@example.com (company, line 1): it has no private key", "encryption: company",
-                     "  subject: CN=Company", "  matches: anna@example.com (anna, line 1): its key usage forbids it",
-                     "  matches: *@example.com (company, line 1): fit, won", "decryption: nobody",
-                     "  matches: anna@example.com (anna, line 1): its key usage forbids it",
-                     "  matches: *@example.com (company, line 1): it has no private key"}),
-              shown);
+    const std::string person = "  matches: anna@example.com (anna, line 1, 16 literal bytes): ";
+    const std::string firm = "  matches: *@example.com (company, line 1, 12 literal bytes): ";
+    EXPECT_EQ(
+        (Lines{"signing: anna", "  subject: CN=Anna", person + "fit, won", firm + "it has no private key",
+               "encryption: company", "  subject: CN=Company", person + "its key usage forbids it", firm + "fit, won",
+               "decryption: nobody", person + "its key usage forbids it", firm + "it has no private key"}),
+        shown);
+}
+
+TEST_F(BindingsToolTest, FindTellsThatAnExpiredCertificateWonForWantOfAValidOne) {
+    add("old", "?*a@*\n", person("Old", {.notAfter = Time::fromNow(-3600)}));
+    const Answer answer = bindings("find", {"anna@example.com"});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("signing: old", linesOf(answer.out).front());
+    EXPECT_NE(std::string::npos, answer.out.find("  matches: ?*a@* (old, line 1, 2 literal bytes): expired or not yet "
+                                                 "valid, won for want of a valid one\n"))
+        << answer.out;
 }
 
 TEST_F(BindingsToolTest, FindAnswersOneWhenNobodyServes) {

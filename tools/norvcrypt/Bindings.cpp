@@ -141,10 +141,21 @@ Description explanationFacts(const Store::Explanation& found) {
             winner["privateKey"] = identity.hasKey;
             winner.update(certificateFacts(identity.certificate));
         }
+        one["literals"] = identity.owners[match.place.owner].pattern.literalLength();
         one["fitness"] = fitnessName(match.fitness)[0];
         matches.push_back(std::move(one));
     }
     return {{"winner", winner}, {"matches", matches}};
+}
+
+/// "pattern (folder, line 2, 16 literal bytes): fit, won"
+std::string matchText(const Description& match, Store::Fitness fitness, bool won) {
+    const auto literals = match.at("literals").get<std::size_t>();
+    const char* const unit = literals == 1 ? " literal byte): " : " literal bytes): ";
+    const char* const winning = fitness == Store::Fitness::fit ? ", won" : ", won for want of a valid one";
+    return match.at("pattern").get<std::string>() + " (" + match.at("folder").get<std::string>() + ", line " +
+           match.at("line").dump() + ", " + std::to_string(literals) + unit + fitnessName(fitness)[1] +
+           (won ? winning : "");
 }
 
 std::string explanationText(const char* purpose, const Store::Explanation& found, const Description& facts) {
@@ -152,12 +163,8 @@ std::string explanationText(const char* purpose, const Store::Explanation& found
     const std::string heading = std::string(purpose) + ": " + escapeForDisplay(shown.at("folder").get<std::string>());
     shown.erase("folder");
     shown["matches"] = Description::array();
-    for (std::size_t i = 0; i < found.matches.size(); ++i) {
-        const Description& match = facts.at("matches").at(i);
-        shown["matches"].push_back(match.at("pattern").get<std::string>() + " (" +
-                                   match.at("folder").get<std::string>() + ", line " + match.at("line").dump() + "): " +
-                                   fitnessName(found.matches[i].fitness)[1] + (found.winner == i ? ", won" : ""));
-    }
+    for (std::size_t i = 0; i < found.matches.size(); ++i)
+        shown["matches"].push_back(matchText(facts.at("matches").at(i), found.matches[i].fitness, found.winner == i));
     return asText(heading, shown);
 }
 
@@ -219,8 +226,8 @@ void addBindings(CLI::App& app, Action& action) {
     search->add_option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
     search->footer("JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
                    "line, privateKey, the keys of inspect for a certificate; null for none) and matches in the order "
-                   "in which they are tried (folder, pattern, line, fitness: fit, outOfValidity, usageForbids, "
-                   "noKey). More literal bytes come first, then the earlier line.\n"
+                   "in which they are tried (folder, pattern, line, literals: their number of bytes, fitness: fit, "
+                   "outOfValidity, usageForbids, noKey). More literal bytes come first, then the earlier line.\n"
                    "Exit code: 0 somebody serves the address, 1 nobody, 2 bad usage or an unreadable store.");
 }
 
