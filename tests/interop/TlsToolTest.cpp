@@ -71,6 +71,19 @@ TEST_F(TlsToolTest, AClientThatNeedsTrustTalksToWhoHasIt) {
     const Answer answer = connect(portOf(server), {"--ca", "ca.pem", "--crl", "crl", "--require-trust"}, "secret");
     EXPECT_EQ(0, answer.status) << answer.err;
     EXPECT_EQ("secret", answer.out);
+    EXPECT_NE(std::string::npos, answer.err.find("the certificate is for localhost\n")) << answer.err;
+}
+
+TEST_F(TlsToolTest, AServerOfManyNamesIsToldWhichIsMeant) {
+    const auto certificateFor = [this](const std::string& host) {
+        Running server({"openssl", "s_server", "-accept", "127.0.0.1:0", "-rev", "-naccept", "1", "-cert", "good.pem",
+                        "-key", "good.key", "-servername", "localhost", "-cert2", "expired.pem", "-key2",
+                        "expired.key"},
+                       work.directory());
+        return timed({NORVCRYPT, "tls", "connect", host + ":" + server.port()}).err;
+    };
+    EXPECT_NE(std::string::npos, certificateFor("localhost").find("peer certificate 1: CN=expired,"));
+    EXPECT_NE(std::string::npos, certificateFor("127.0.0.1").find("peer certificate 1: CN=good,")) << "no name";
 }
 
 TEST_F(TlsToolTest, WhatAListSaysDependsOnHowItIsFiledAndHowOldItIs) {
@@ -124,21 +137,77 @@ TEST_F(TlsToolTest, ASignalEndsTheServerAndItsConnections) {
     }
 }
 
-TEST_F(TlsToolTest, ASecondSignalDoesNotWaitForAClientThatSaysNothing) {
+TEST_F(TlsToolTest, ASignalDoesNotWaitForAClientThatSaysNothing) {
     Running server(this->server({}), work.directory());
-    const SocketAddress address("127.0.0.1:" + portOf(server));
     Socket silent(true);
-    silent.connect(address);
+    silent.connect(SocketAddress("127.0.0.1:" + portOf(server)));
     server.signal(SIGTERM);
-    EXPECT_THROW(
-        while (true) {
-            Socket another(true);
-            another.connect(address);
-        },
-        Norvane::SocketException)
-        << "the first one ends the listening";
+    EXPECT_EQ(0, server.end()) << server.output();
+}
+
+TEST_F(TlsToolTest, ASignalThatTheCallerIgnoresStaysIgnored) {
+    std::vector<std::string> arguments{"sh", "-c", "trap '' INT; exec \"$@\"", "sh"};
+    const std::vector<std::string> serving = this->server({"--echo"});
+    arguments.insert(arguments.end(), serving.begin(), serving.end());
+    Running server(arguments, work.directory());
+    const std::string port = portOf(server);
+    server.signal(SIGINT);
+    EXPECT_EQ("still there", connect(port, {}, "still there").out);
     server.signal(SIGTERM);
-    EXPECT_EQ(128 + SIGTERM, server.end());
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, AClientThatFallsSilentIsGivenUp) {
+    Running server(this->server({"--count", "1", "--time-limit", "1"}), work.directory());
+    Running client({NORVCRYPT, "tls", "connect", "localhost:" + portOf(server)}, work.directory());
+    server.waitFor("connection 1: said nothing for 1 seconds, 0 bytes received");
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, AClientThatVanishesIsToldWithTheReasonAndTheBytes) {
+    Running server(this->server({"--count", "1", "--echo"}), work.directory());
+    Running client({NORVCRYPT, "tls", "connect", "localhost:" + portOf(server), "--send", "/dev/zero"},
+                   work.directory());
+    client.waitFor("for localhost\n.");
+    client.signal(SIGSTOP);
+    client.signal(SIGKILL); // with bytes unread: the connection is reset
+    server.waitFor("connection 1: failed, .* / (Connection reset by peer|Broken pipe), [1-9]\\d* bytes received");
+    EXPECT_EQ(0, server.end());
+}
+
+TEST_F(TlsToolTest, NamesInCertificatesDriveNoTerminal) {
+    using namespace norvauthority;
+    const Identity evil = issue({.subject = {{"CN", "a\x1B[31m\nverify result 0: ok"}}, .key = Key::ec()});
+    work.write("evil.pem", evil.certificate.pem());
+    work.write("evil.key", evil.key.pkcs8Pem());
+    Running server(
+        {NORVCRYPT, "tls", "serve", "127.0.0.1:0", "--cert", "evil.pem", "--key", "evil.key", "--count", "1"},
+        work.directory());
+    const Answer answer = connect(portOf(server), {"--cert", "evil.pem", "--key", "evil.key"});
+    EXPECT_EQ(0, server.end());
+    for (const std::string& told : {answer.err, server.output()}) {
+        EXPECT_NE(std::string::npos, told.find("peer certificate 1: CN=a\\x1B[31m\\x0Averify result 0: ok, ")) << told;
+        EXPECT_EQ(std::string::npos, told.find('\x1B'));
+    }
+}
+
+TEST_F(TlsToolTest, Ipv6) {
+    try {
+        Socket probe(true);
+        probe.bind(SocketAddress("[::1]:0"));
+    } catch (const Norvane::SocketException&) {
+        GTEST_SKIP() << "this machine has no IPv6";
+    }
+    Running server({NORVCRYPT, "tls", "serve", "[::1]:0", "--cert", "good.pem", "--key", "good.key", "--echo"},
+                   work.directory());
+    const std::string where = server.waitFor("listening on (\\[::1\\]:\\d+)");
+    const Answer answer = timed({NORVCRYPT, "tls", "connect", where, "--ca", "ca.pem"}, "hello");
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("hello", answer.out);
+    EXPECT_NE(std::string::npos, answer.err.find("\nverify result 0: ok\nthe certificate is not for ::1\n"));
+    server.waitFor("connection 1: from \\[::1\\]:\\d+\n");
+    expectFailure(timed({NORVCRYPT, "tls", "serve", where, "--cert", "good.pem", "--key", "good.key"}),
+                  "cannot listen on " + where + ": ");
 }
 
 TEST_F(TlsToolTest, AListBesideTheOldOneCountsAtOnceAndOneInItsPlaceDoesNot) {
@@ -171,7 +240,7 @@ TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
         const std::string greeting = "EHLO client.example.org\r\n";
         client.send(reinterpret_cast<const Norvane::uchar_t*>(greeting.data()),
                     static_cast<Norvane::uint_t>(greeting.size()));
-        server.waitFor("connection 1: no connection: SocketException");
+        server.waitFor("connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: SocketException");
     }
     EXPECT_EQ("still there", connect(port, {}, "still there").out);
     EXPECT_EQ(0, server.end());
@@ -212,7 +281,8 @@ TEST_F(TlsToolTest, BadUsageIsToldOnOneLine) {
     expectFailure(timed({NORVCRYPT, "tls"}), "A subcommand is required");
     expectFailure(timed({NORVCRYPT, "tls", "serve", "0"}), "--cert is required");
     expectFailure(timed({NORVCRYPT, "tls", "connect", "localhost:1", "--cert", "good.pem"}), "--cert requires --key");
-    for (const char* where : {"localhost", "localhost:", "localhost:0", "localhost:65536", ":25", "[]:25", "a:b"})
+    for (const char* where :
+         {"localhost", "localhost:", "localhost:0", "localhost:65536", ":25", "[]:25", "a:b", "::1:25"})
         expectFailure(timed({NORVCRYPT, "tls", "connect", where}), std::string("not a host and port: ") + where);
     for (const char* where : {"x", "-1", "65536", "localhost:0", "::1"})
         expectFailure(timed({NORVCRYPT, "tls", "serve", "--cert", "good.pem", "--key", "good.key", "--", where}),
@@ -228,6 +298,8 @@ TEST_F(TlsToolTest, FilesThatDoNotFitAreToldBeforeAnybodyIsTalkedTo) {
     expectFailure(connectWith("none.pem", "good.key", "ca.pem"), "cannot open none.pem: No such file or directory");
     expectFailure(connectWith("good.pem", "none.key", "ca.pem"), "cannot open none.key: No such file or directory");
     expectFailure(connectWith("good.pem", "good.key", "good.key"), "cannot read the trusted certificates in good.key");
+    for (const std::string lists : {"none", "ca.pem"})
+        expectFailure(connect("1", {"--crl", lists}), "cannot read the lists in " + lists + ": No");
     expectFailure(connect("1", {"--send", "none"}), "cannot open none: No such file or directory");
 }
 

@@ -7,8 +7,10 @@
 #include <norvcmsg/IPAddress.h>
 #include <norvcrypto/Crypto.h>
 
+#include <filesystem>
 #include <list>
 #include <memory>
+#include <system_error>
 
 namespace norvcrypt {
 
@@ -39,16 +41,13 @@ const char* alertText(int value) {
     return text != nullptr ? text : SSL_alert_desc_string_long(value);
 }
 
-/// Watches a connection: at its start, the only moment between its making and its first message, the server is told
-/// which host is meant; and the alert with which a peer gives up, which reads like an orderly end, is remembered.
+/// Watches a connection: tells of its start, and remembers the alert with which a peer gives up, which reads like an
+/// orderly end.
 void watch(const SSL* connection, int where, int value) {
     SSL* const changed = const_cast<SSL*>(connection);
     const auto flags = static_cast<unsigned int>(where);
-    if ((flags & SSL_CB_HANDSHAKE_START) != 0) {
-        const auto* name = static_cast<const std::string*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
-        if (name != nullptr)
-            SSL_set_tlsext_host_name(changed, name->c_str());
-    }
+    if ((flags & SSL_CB_HANDSHAKE_START) != 0)
+        (*static_cast<const TlsStart*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection))))(changed);
     const bool isFatal = value >> 8 == SSL3_AL_FATAL;
     if ((flags & SSL_CB_READ_ALERT) == SSL_CB_READ_ALERT && isFatal)
         SSL_set_app_data(changed, const_cast<char*>(alertText(value)));
@@ -86,6 +85,11 @@ void loadTrust(SSL_CTX* context, const TlsFiles& files, TlsSide side) {
         SSL_CTX_set_default_verify_paths(context);
     }
     if (files.crl) {
+        // OpenSSL would find no list in what is no directory, and say nothing.
+        std::error_code error;
+        const std::filesystem::directory_iterator readable(*files.crl, error);
+        if (error)
+            throw Failure("cannot read the lists in " + *files.crl + ": " + error.message());
         if (SSL_CTX_load_verify_dir(context, files.crl->c_str()) != 1)
             throw Failure("cannot read the lists in " + *files.crl + ": " + Norvane::Crypto::getErrString());
         X509_STORE* const store = SSL_CTX_get_cert_store(context);
@@ -139,7 +143,14 @@ void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side) {
         ->type_name("DIR");
 }
 
-NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const std::string* serverName) {
+void addTimeLimit(CLI::App& command, unsigned int& seconds, const std::string& help) {
+    command.add_option("--time-limit", seconds, help)
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0U, 86400U))
+        ->capture_default_str();
+}
+
+NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const TlsStart& start) {
     NVSSL::ContextFactory factory;
     factory.init();
     NVSSL::RefContext context = factory.create(NVSSL::ContextFactory::SSL_V23, side == TlsSide::client);
@@ -149,9 +160,15 @@ NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const std::str
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, verifyAndGoOn, nullptr);
-    SSL_CTX_set_app_data(context, const_cast<std::string*>(serverName));
+    SSL_CTX_set_app_data(context, const_cast<TlsStart*>(&start));
     SSL_CTX_set_info_callback(context, watch);
     return context;
+}
+
+std::string reasonOf(const Norvane::Exception& failure) {
+    const std::string reasons = Norvane::Crypto::getErrString();
+    const std::string all = failure.asString() + (reasons.empty() ? "" : ": " + reasons);
+    return all.substr(0, all.find_last_not_of("; ") + 1); // OpenSSL's reasons end like a list that goes on
 }
 
 std::vector<std::string> describePeer(SSL* connection) {
@@ -159,7 +176,7 @@ std::vector<std::string> describePeer(SSL* connection) {
                                    SSL_get_cipher_name(connection)};
     const std::vector<X509*> chain = peerChain(connection);
     for (std::size_t at = 0; at < chain.size(); ++at)
-        lines.push_back(Norvane::escapeForDisplay(certificateLine(at + 1, chain[at])));
+        lines.push_back(certificateLine(at + 1, chain[at]));
     if (chain.empty()) {
         lines.emplace_back("no peer certificate");
     } else {

@@ -9,6 +9,7 @@
 
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,13 +30,20 @@ struct TlsFiles {
 /// Adds the options that fill `files`; a server needs a certificate and a key, a client may have them.
 void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side);
 
-/// A context that asks the peer for its certificate, verifies it, and goes on whatever comes out: SSL_get_verify_result
-/// tells. \param serverName what a client names to the server, null for nothing; must outlive the context
-/// \throws Failure
-Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side,
-                                              const std::string* serverName = nullptr);
+/// Adds --time-limit, in seconds.
+void addTimeLimit(CLI::App& command, unsigned int& seconds, const std::string& help);
 
-/// What was agreed on, the peer's chain in the order in which it was sent, and the verify result; safe to show.
+/// Called between the making of a connection and its first message, in the thread that makes it. Must not throw.
+using TlsStart = std::function<void(SSL*)>;
+
+/// A context that asks the peer for its certificate, verifies it, and goes on whatever comes out: SSL_get_verify_result
+/// tells. `start` must outlive it. \throws Failure
+Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const TlsStart& start);
+
+/// What failed, with OpenSSL's reasons where the failure does not hold them itself.
+std::string reasonOf(const Norvane::Exception& failure);
+
+/// What was agreed on, the peer's chain in the order in which it was sent, and the verify result; to be escaped.
 std::vector<std::string> describePeer(SSL* connection);
 
 /// Whether the peer sent a certificate that verified.

@@ -44,9 +44,11 @@ Host hostOf(const std::string& where) {
     const char* const end = where.data() + where.size();
     const char* const digits = colon == std::string::npos ? end : where.data() + colon + 1;
     const auto [last, error] = std::from_chars(digits, end, host.port);
-    if (host.name.starts_with('[') && host.name.ends_with(']'))
+    const bool inBrackets = host.name.starts_with('[') && host.name.ends_with(']');
+    const bool isAmbiguous = !inBrackets && host.name.find(':') != std::string::npos;
+    if (inBrackets)
         host.name = host.name.substr(1, host.name.size() - 2);
-    if (error != std::errc() || last != end || host.port == 0 || host.name.empty())
+    if (error != std::errc() || last != end || host.port == 0 || host.name.empty() || isAmbiguous)
         throw Failure("not a host and port: " + where);
     return host;
 }
@@ -67,9 +69,7 @@ NVSSL::SSLSocket connectTo(const Host& host, NVSSL::RefContext& context, unsigne
         } catch (const Norvane::SocketException& failure) {
             if (isOfPlainConnection(failure) && at + 1 < addresses.size())
                 continue;
-            const std::string reasons = isOfPlainConnection(failure) ? "" : Norvane::Crypto::getErrString();
-            throw Failure("cannot connect to " + addresses[at].asString() + ": " + failure.asString() +
-                          (reasons.empty() ? "" : ": " + reasons));
+            throw Failure("cannot connect to " + addresses[at].asString() + ": " + reasonOf(failure));
         }
     }
 }
@@ -131,7 +131,7 @@ public:
                 takeInput();
             if ((peer & ~POLLOUT) != 0)
                 receive();
-            else if (peer != 0)
+            if ((peer & POLLOUT) != 0 && !m_peerEnded)
                 send();
         }
         const TlsEnd end = endOf(m_socket);
@@ -184,7 +184,7 @@ private:
         const int sent = m_socket.send(reinterpret_cast<const Norvane::uchar_t*>(m_pending.data()), length);
         m_socket.blocking(false);
         if (static_cast<Norvane::uint_t>(sent) != length)
-            throw Failure("the peer takes no more: " + Norvane::Crypto::getErrString());
+            throw Failure("the peer takes no more");
         m_pending.clear();
     }
 
@@ -198,25 +198,32 @@ private:
 
 /// On standard error, since standard output is the peer's.
 void tell(const std::string& line) {
-    const std::string text = line + "\n";
+    const std::string text = Norvane::escapeForDisplay(line) + "\n";
     static_cast<void>(!write(STDERR_FILENO, text.data(), text.size()));
 }
 
 Exit connect(const ConnectOptions& options) {
     const Host host = hostOf(options.where);
-    const bool isName = Norvane::IPAddress::fromText(host.name).isNull();
-    NVSSL::RefContext context = tlsContext(options.files, TlsSide::client, isName ? &host.name : nullptr);
+    const TlsStart start = [&host](SSL* connection) {
+        if (Norvane::IPAddress::fromText(host.name).isNull())
+            SSL_set_tlsext_host_name(connection, host.name.c_str());
+    };
+    NVSSL::RefContext context = tlsContext(options.files, TlsSide::client, start);
     Source source(options.send);
     NVSSL::SSLSocket socket = connectTo(host, context, options.timeLimit);
     for (const std::string& line : describePeer(socket))
         tell(line);
     const bool matches = isForHost(socket, host.name);
-    tell("the certificate is " + std::string(matches ? "for " : "not for ") + Norvane::escapeForDisplay(host.name));
+    tell("the certificate is " + std::string(matches ? "for " : "not for ") + host.name);
     if (options.requireTrust && !(matches && isTrusted(socket))) {
         tell("the peer is not trusted: nothing was copied");
         return Exit::refused;
     }
-    Copy(socket, source, options.timeLimit).run();
+    try {
+        Copy(socket, source, options.timeLimit).run();
+    } catch (const Norvane::SocketException& failure) {
+        throw Failure("the connection failed: " + reasonOf(failure));
+    }
     return Exit::good;
 }
 
@@ -232,11 +239,7 @@ void addTlsConnect(CLI::App& tls, Action& action) {
     command->add_option("--send", options->send, "What to send; without it standard input")->type_name("FILE");
     command->add_flag("--require-trust", options->requireTrust,
                       "Copy nothing and answer 1 unless the certificate verifies and is for the host");
-    command
-        ->add_option("--time-limit", options->timeLimit, "How many seconds the server may take each time; 0 for ever")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0U, 86400U))
-        ->capture_default_str();
+    addTimeLimit(*command, options->timeLimit, "How many seconds the server may take each time; 0 for ever");
     command->callback([options, &action] { action = [options] { return connect(*options); }; });
 }
 
