@@ -1,9 +1,7 @@
 #include "Identities.h"
 #include "Failure.h"
 #include "Material.h"
-#include "OpenSsl.h"
-
-#include <norvcrypto/PKCS12.h>
+#include "Pkcs12.h"
 
 #include <array>
 #include <map>
@@ -49,26 +47,20 @@ void requireComplete(const IdentityFiles& files) {
     }
 }
 
-OwnIdentity readPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
-    const Norvane::Buffer content = inputs.readAll(path, true);
-    const BioPtr bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.length())));
-    try {
-        Norvane::Crypto::PKCS12::Store store(bio.get());
-        store.read(passphrase.text());
-        if (store.privateKey().isNull() || store.certificate().isNull())
-            throw Failure("no private key with its certificate in " + inputName(path));
-        // The store's certificate belongs to nobody.
-        return {NVX509::CertificateFactory()(store.certificate(), true), store.privateKey(), inputName(path)};
-    } catch (const Norvane::Exception& failure) {
-        throw Failure("cannot read the PKCS#12 file " + inputName(path), failure);
-    }
+OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
+    const auto content = readPkcs12(inputs, path, passphrase);
+    if (!content)
+        throw Failure("wrong passphrase for " + inputName(path));
+    if (content->key.isNull() || content->certificate.isNull())
+        throw Failure("no private key with its certificate in " + inputName(path));
+    return {content->certificate, content->key, inputName(path)};
 }
 
 OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
     const auto passphrase =
         files.passphrase ? std::make_unique<Passphrase>(inputs, *files.passphrase) : std::make_unique<Passphrase>();
     if (files.pkcs12)
-        return readPkcs12(*files.pkcs12, *passphrase, inputs);
+        return fromPkcs12(*files.pkcs12, *passphrase, inputs);
     const NVX509::RefCertificate certificate = readCertificates(inputs, *files.certificate).front();
     return {certificate, readPrivateKey(inputs, *files.key, *passphrase), inputName(*files.key)};
 }
