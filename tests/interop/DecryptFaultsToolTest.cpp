@@ -159,7 +159,7 @@ TEST_F(DecryptFaultsToolTest, Garbage) {
     const std::string der = work.read("msg");
     for (const std::string& content : {std::string(), std::string("no message at all"), std::string(5000, '\0')}) {
         work.write("msg", content);
-        expectFailure(decrypt({"--out", "out"}), "no CMS structure in msg");
+        expectFailure(decrypt({"--out", "out"}), "no CMS structure in msg\n");
     }
     for (const std::string& content : {std::string(5000, '\x30'), der.substr(20)}) {
         work.write("msg", content);
@@ -169,6 +169,30 @@ TEST_F(DecryptFaultsToolTest, Garbage) {
     expectFailure(decrypt({"--out", "out"}), "cannot read the encrypted message in msg: ");
     work.write("msg", der + der);
     expectFailure(decrypt({"--out", "out"}), "norvcrypt: bytes follow the CMS structure in msg\n");
+}
+
+TEST_F(DecryptFaultsToolTest, MailsAreRefusedWithAdviceThatHelps) {
+    const auto openssl = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "openssl");
+        EXPECT_EQ(0, run({.arguments = arguments, .directory = work.directory()}).status) << arguments[1];
+    };
+    work.write("body", body);
+    openssl({"smime", "-encrypt", "-binary", "-aes256", "-in", "body", "-out", "msg", "alice.pem"});
+    before = work.names();
+    expectFailure(decrypt(), "norvcrypt: no CMS structure in msg, which looks like a mail: take it out with openssl "
+                             "smime -pk7out\n");
+    openssl({"smime", "-pk7out", "-in", "msg", "-out", "structure"});
+    std::filesystem::rename(work.path("structure"), work.path("msg"));
+    EXPECT_EQ(body, decrypt().out);
+    // The mail without its header.
+    openssl({"smime", "-encrypt", "-binary", "-aes256", "-outform", "DER", "-in", "body", "-out", "der", "alice.pem"});
+    openssl({"base64", "-in", "der", "-out", "msg"});
+    before = work.names();
+    expectFailure(decrypt(),
+                  "norvcrypt: no CMS structure in msg, which looks like base64: decode it with openssl base64 -d\n");
+    openssl({"base64", "-d", "-in", "msg", "-out", "der"});
+    std::filesystem::rename(work.path("der"), work.path("msg"));
+    EXPECT_EQ(body, decrypt().out);
 }
 
 TEST_F(DecryptFaultsToolTest, StructuresThatAreNotEncrypted) {

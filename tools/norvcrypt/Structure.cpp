@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 #include <vector>
 
 namespace norvcrypt {
@@ -20,6 +21,17 @@ void refuseMore(const Norvane::Buffer& rest, const std::string& path) {
         throw Failure("bytes follow the CMS structure in " + inputName(path));
 }
 
+/// A structure as it travels in a mail: what to do, for whoever saved it as it came.
+std::string adviceOn(const Norvane::Buffer& content) {
+    static constexpr std::string_view header = "content-type:";
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    const auto sameLetter = [](char one, char other) { return std::tolower(static_cast<unsigned char>(one)) == other; };
+    if (std::search(text.begin(), text.end(), header.begin(), header.end(), sameLetter) != text.end())
+        return ", which looks like a mail: take it out with openssl smime -pk7out";
+    // SEQUENCE with a long or an indefinite length.
+    return text.starts_with("MI") ? ", which looks like base64: decode it with openssl base64 -d" : "";
+}
+
 Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::string& path) {
     const std::vector<Piece> pieces = piecesOf(content);
     const auto isCms = [](const Piece& piece) { return piece.kind == Kind::cms; };
@@ -27,7 +39,7 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
     if (count > 1)
         throw Failure("more than one CMS structure in " + inputName(path));
     if (count == 0 && !looksLikeDer(content))
-        throw Failure("no CMS structure in " + inputName(path));
+        throw Failure("no CMS structure in " + inputName(path) + adviceOn(content));
     // What looks binary and is none has the library tell what is wrong with it.
     return count == 0 ? content : std::find_if(pieces.begin(), pieces.end(), isCms)->der;
 }
