@@ -162,6 +162,48 @@ TEST_F(EncryptToolTest, CertificatesWithoutAnRsaKey) {
                       "the certificate in " + std::string(name) + " has no RSA key: nothing can be encrypted for it");
 }
 
+TEST_F(EncryptToolTest, CertificateNamedTwiceIsOneRecipient) {
+    work.write("odd.pem",
+               norvauthority::issue({.key = alice().key, .issuer = &root(), .serial = "-7f"}).certificate.pem());
+    encrypts(
+        {"--to", "alice.pem", "odd.pem", "--to", "bob.pem", "odd.pem", "alice.pem", "--in", "body", "--out", "msg"});
+    const std::string text = printed();
+    std::size_t count = 0;
+    for (std::size_t at = text.find("issuer:"); at != std::string::npos; at = text.find("issuer:", at + 1))
+        ++count;
+    EXPECT_EQ(3U, count) << text;
+    EXPECT_EQ(body, decrypted("alice"));
+    EXPECT_EQ(body, decrypted("bob"));
+}
+
+TEST_F(EncryptToolTest, DoubtfulCertificatesServeWithAWarning) {
+    using norvauthority::Time;
+    constexpr long day = 86400;
+    const auto put = [&](const std::string& name, norvauthority::CertificateRequest request) {
+        request.key = alice().key;
+        request.issuer = &root();
+        work.write(name, norvauthority::issue(request).certificate.pem());
+    };
+    put("early.pem", {.notBefore = Time::fromNow(day), .notAfter = Time::fromNow(2 * day)});
+    put("late.pem", {.notBefore = Time::fromNow(-2 * day), .notAfter = Time::fromNow(-day)});
+    put("signing.pem", {.keyUsage = 0xC0});
+    put("both.pem", {.notBefore = Time::fromNow(-2 * day), .notAfter = Time::fromNow(-day), .keyUsage = 0xC0});
+    put("good.pem", {.keyUsage = 0x20});
+    const std::string warning = "norvcrypt: warning: the certificate in ";
+    const std::string usage = " is not meant for encryption: its key usage has no keyEncipherment\n";
+    for (const auto& [name, warnings] :
+         {std::pair{"early.pem", warning + "early.pem is not valid yet\n"},
+          {"late.pem", warning + "late.pem has expired\n"},
+          {"signing.pem", warning + "signing.pem" + usage},
+          {"both.pem", warning + "both.pem has expired\n" + warning + "both.pem" + usage},
+          {"good.pem", std::string()}}) {
+        const Answer answer = encrypt({"--to", name, "bob.pem", "--in", "body", "--out", "msg"});
+        EXPECT_EQ(0, answer.status);
+        EXPECT_EQ(warnings, answer.err);
+        EXPECT_EQ(body, decrypted("bob"));
+    }
+}
+
 TEST_F(EncryptToolTest, UnreadableMaterial) {
     const auto with = [&](const std::string& certificate, const std::string& in) {
         return encrypt({"--to", "bob.pem", certificate, "--in", in, "--out", "msg"});

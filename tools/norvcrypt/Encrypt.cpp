@@ -40,6 +40,28 @@ void requireRsa(const NVX509::RefCertificate& certificate, const std::string& wh
         throw Failure("the certificate " + whose + " has no RSA key: nothing can be encrypted for it");
 }
 
+/// Whoever names a certificate may know why it serves all the same; who took the wrong file does not.
+void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& path) {
+    const QuietQuestion quiet;
+    const auto warn = [&path](const char* what) {
+        reportError("warning: the certificate in " + inputName(path) + " " + what);
+    };
+    if (X509_cmp_current_time(X509_get0_notBefore(certificate)) >= 0)
+        warn("is not valid yet");
+    else if (X509_cmp_current_time(X509_get0_notAfter(certificate)) <= 0)
+        warn("has expired");
+    if ((X509_get_key_usage(certificate) & KU_KEY_ENCIPHERMENT) == 0) // every bit is set when nothing is said of it
+        warn("is not meant for encryption: its key usage has no keyEncipherment");
+}
+
+/// A certificate that is named again, by its file or by an address, is one recipient.
+void addRecipient(std::list<NVX509::RefCertificate>& recipients, const NVX509::RefCertificate& certificate) {
+    // Not with the certificate's own comparison, which refuses negative serial numbers.
+    if (std::none_of(recipients.begin(), recipients.end(),
+                     [&certificate](const NVX509::RefCertificate& other) { return X509_cmp(other, certificate) == 0; }))
+        recipients.push_back(certificate);
+}
+
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's:
 /// guessing wrong would let somebody read the body, or keep somebody from it.
 NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
@@ -48,18 +70,18 @@ NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
         throw Failure(inputName(path) + " holds " + std::to_string(certificates.size()) +
                       " certificates: give each recipient a file of its own");
     requireRsa(certificates.front(), "in " + inputName(path));
+    warnOfDoubts(certificates.front(), path);
     return certificates.front();
 }
 
-/// Whom the store names for the addresses; one certificate that serves several of them is one recipient.
+/// Whom the store names for the addresses.
 void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options) {
     const NVX509::RefDirectoryKeyStore store = openStore(*options.store);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
         requireRsa(identity.certificate,
                    "of " + identity.folder + " in " + *options.store + ", found for " + address + ",");
-        if (std::find(recipients.begin(), recipients.end(), identity.certificate) == recipients.end())
-            recipients.push_back(identity.certificate);
+        addRecipient(recipients, identity.certificate);
     }
 }
 
@@ -67,7 +89,7 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
     const Norvane::Crypto::Cipher cipher = cipherNamed(options.cipher).cipher;
     std::list<NVX509::RefCertificate> recipients;
     for (const std::string& path : options.recipients)
-        recipients.push_back(readRecipient(path, inputs));
+        addRecipient(recipients, readRecipient(path, inputs));
     if (options.store)
         addFromStore(recipients, options);
     Progress progress("encrypting");
