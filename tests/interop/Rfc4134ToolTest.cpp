@@ -120,6 +120,23 @@ TEST_F(Rfc4134ToolTest, RecipientOfEnvelopedData) {
               inspect("5.1.bin")["recipients"]);
 }
 
+TEST_F(Rfc4134ToolTest, BobDecryptsHisMessage) {
+    const Workspace work;
+    const auto decrypt = [&work](const std::string& certificate, const std::string& key) {
+        return norvcrypt({"decrypt", "--cert", *rfc4134(certificate), "--key", *rfc4134(key), "--in",
+                          *rfc4134("5.1.bin"), "--out", work.path("out")});
+    };
+    const Answer answer = decrypt("BobRSASignByCarl.cer", "BobPrivRSAEncrypt.pri");
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ(0U, answer.err.find("norvcrypt: recipient 1, issuer CN=CarlRSA serial number "
+                                  "46346bc7800056bc11d36e2ecd5d71d0: decrypted with the key in "))
+        << answer.err;
+    EXPECT_EQ("This is some sample content.", work.read("out"));
+    const Answer refused = decrypt("AliceRSASignByCarl.cer", "AlicePrivRSASign.pri");
+    EXPECT_EQ(1, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find(": no key for it (event 0x300005A)")) << refused.err;
+}
+
 TEST_F(Rfc4134ToolTest, CertificatesListsAndKeys) {
     EXPECT_EQ("CN=AliceDSS", inspect("AliceDSSSignByCarlNoInherit.cer")["subject"]);
     EXPECT_EQ("CN=DianeDSS", inspect("DianeDSSSignByCarlInherit.cer")["subject"]);
