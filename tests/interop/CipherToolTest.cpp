@@ -54,7 +54,8 @@ class CipherToolBesideOpenssl : public testing::TestWithParam<Named> {};
 
 TEST_P(CipherToolBesideOpenssl, WritesTheSameBytesAndReadsThem) {
     const Named& cipher = GetParam();
-    for (const std::size_t length : {0U, 1U, 15U, 16U, 17U, 4095U, 4096U, 4097U, 1U << 20U}) {
+    // Around a block and around what the tool reads at a time; the streams' own tests go through the sizes.
+    for (const std::size_t length : {0U, 15U, 16U, 65536U, 65537U}) {
         SCOPED_TRACE(length);
         const std::string body = bodyOf(length);
         const Answer written = theirs("encrypt", cipher, body);
@@ -69,12 +70,6 @@ TEST_P(CipherToolBesideOpenssl, WritesTheSameBytesAndReadsThem) {
     }
 }
 
-TEST_P(CipherToolBesideOpenssl, IsReadByIt) {
-    const Answer read = theirs("decrypt", GetParam(), ours("encrypt", GetParam(), bodyOf(4097)).out);
-    EXPECT_EQ(0, read.status) << read.err;
-    EXPECT_TRUE(read.out == bodyOf(4097));
-}
-
 INSTANTIATE_TEST_SUITE_P(Ciphers, CipherToolBesideOpenssl, testing::ValuesIn(ciphersOfOpenssl),
                          [](const testing::TestParamInfo<Named>& one) {
                              std::string name = one.param.name;
@@ -83,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Ciphers, CipherToolBesideOpenssl, testing::ValuesIn(cip
                          });
 
 TEST(CipherToolTest, IdeaComesBack) {
-    for (const std::size_t length : {0U, 1U, 7U, 8U, 9U, 4096U, 100000U}) {
+    for (const std::size_t length : {0U, 7U, 8U, 100000U}) {
         const Answer encrypted = ours("encrypt", idea, bodyOf(length));
         EXPECT_EQ(0, encrypted.status) << encrypted.err;
         EXPECT_EQ((length / 8 + 1) * 8, encrypted.out.size());
