@@ -54,7 +54,8 @@ public:
     Store& operator=(const Store&) = delete;
 
     /// Checks the password and takes out the private key and the certificate that belongs to it. After a failure both
-    /// handles are what they were. May be called again, with another password too; each success gives new ones.
+    /// handles are what they were (after std::bad_alloc the certificate may be an empty handle). May be called again, with
+    /// another password too; each success gives new ones.
     ///
     /// \param password its UTF-8 bytes (bytes that are no UTF-8 are taken as Latin-1). One with an embedded NUL is
     ///                 checked as a whole but opens nothing: the parsing fails, or the check already. Empty: the empty

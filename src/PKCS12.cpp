@@ -22,16 +22,6 @@ RefKey handleOn(openssl::KeyPtr key) {
     return RefKey(body.release());
 }
 
-/// A certificate that does not own its X509: callers rely on it outliving every handle.
-NVX509::RefCertificate unownedHandleOn(openssl::CertificatePtr x509) {
-    if (!x509) {
-        return {};
-    }
-    NVX509::RefCertificate certificate = NVX509::CertificateFactory()(x509.get(), false);
-    static_cast<void>(x509.release());
-    return certificate;
-}
-
 [[noreturn]] void raiseTooCostly() {
     failures::raise(failures::pkcs12Read, "The PKCS#12 structure asks for more than " +
                                               std::to_string(openssl::mostIterations) + " iterations");
@@ -70,8 +60,12 @@ void Store::read(const std::string& password) {
         failures::raiseWithErrors(failures::pkcs12Parse);
     }
     const RefKey key = handleOn(std::move(found.key));
-    m_certificate = unownedHandleOn(std::move(found.certificate));
+    const NVX509::RefCertificate certificate =
+        found.certificate ? NVX509::CertificateFactory()(found.certificate.get(), false) : NVX509::RefCertificate();
+    m_certificate = {}; // copying a handle takes memory: the earlier one must not be left beside the new key
     m_key = key;
+    m_certificate = certificate;
+    static_cast<void>(found.certificate.release()); // nobody owns it: callers rely on it outliving every handle
 }
 
 const RefKey& Store::privateKey() const {

@@ -1,6 +1,7 @@
 // What happens when there is no memory: every allocation of each operation fails once. The operation throws
 // std::bad_alloc, and the sanitizers tell when something is lost or freed twice on the way out.
 #include "support/Envelope.h"
+#include "support/Pkcs12.h"
 
 #include <norvcrypto/KeyStore.h>
 
@@ -172,6 +173,25 @@ TEST(Shortage, WhileAListIsReadAndWarmed) {
     const auto list = norvauthority::issueList({.issuer = &identities().authority, .crlNumber = "05"});
     const Buffer der = bufferOf(list.der);
     expectEveryShortageThrown([&] { NVX509::CertificateRevocationListFactory().readDER(der)->warm(); });
+}
+
+// Read twice: the certificate of one read never stands beside the key of the other.
+TEST(Shortage, WhileAKeyIsImported) {
+    const Bytes file = norvtest::pkcs12({.key = &identities().ec, .certificate = &identities().ec});
+    expectEveryShortageThrown([&] {
+        const auto store = norvtest::storeOf(file);
+        store->read("secret");
+        const norvauthority::X509Ptr first(static_cast<X509*>(store->certificate())); // nobody else's to free
+        try {
+            store->read("secret");
+        } catch (const std::bad_alloc&) {
+            EXPECT_FALSE(store->privateKey().isNull());
+            EXPECT_TRUE(store->certificate().isNull() || static_cast<X509*>(store->certificate()) == first.get());
+            throw;
+        }
+        const norvauthority::X509Ptr second(static_cast<X509*>(store->certificate()));
+        EXPECT_NE(first, second);
+    });
 }
 
 TEST(Shortage, WhileTheKeyStoreIsReplaced) {

@@ -17,6 +17,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 namespace Norvane::Crypto {
 
@@ -129,7 +130,7 @@ private:
             failures::raiseWithErrors(Direction::end);
         }
         last.length(static_cast<unsigned int>(length));
-        m_last = last;
+        m_last = std::move(last); // not a copy: without memory for it the next call would finalise again
         m_context.reset();
     }
 
