@@ -158,6 +158,15 @@ TEST(DecrypterKeys, AKeyOfAnotherNameOpensWhicheverRecipientItFits) {
     EXPECT_TRUE(opened.failed.empty());
 }
 
+// A serial number is unique for its issuer alone: such a pair does not name the recipient either.
+TEST(DecrypterKeys, AKeyOfTheSameSerialNumberFromAnotherIssuerIsOfAnotherName) {
+    const Bytes body = bodyOf(1000);
+    const Bytes issuer = norvauthority::Name{{"CN", "Other Authority"}}.der();
+    const Bytes structure =
+        handMade(body, {recipientInfo(issuer, alice().serial, wrappedFor(carol(), contentKey())), recipient(alice())});
+    EXPECT_EQ(openedBy(structure, storeOf(new Answering([] { return pairOf(alice()); }))).body, body);
+}
+
 // Whatever chance makes of the first recipient's key, which is damaged: the second one's is not opened with it.
 TEST(DecrypterKeys, AKeyIsTriedOnItsOwnRecipientAlone) {
     const Bytes body = bodyOf(100);

@@ -155,6 +155,20 @@ TEST(Decrypter, CiphersThatCannotBeUsedFail) {
     }
 }
 
+TEST(Decrypter, AStreamCipherNeedsNoVector) {
+    const Bytes body = bodyOf(1000);
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
+                                                                                  EVP_CIPHER_CTX_free);
+    Bytes content(body.size());
+    int length = 0;
+    ASSERT_EQ(EVP_EncryptInit_ex(context.get(), EVP_rc4(), nullptr, contentKey().data(), nullptr), 1);
+    ASSERT_EQ(EVP_EncryptUpdate(context.get(), content.data(), &length, body.data(), static_cast<int>(body.size())), 1);
+    const Bytes structure = envelope({.recipients = {recipient(alice())},
+                                      .cipher = der::sequence({der::oid("1.2.840.113549.3.4")}),
+                                      .content = contentElement(content)});
+    EXPECT_EQ(openedBy(structure, storeOfKeys({&alice()})).body, body);
+}
+
 TEST(Decrypter, ContentThatIsNoWholeNumberOfBlocksFails) {
     Bytes content = encryptedContent(bodyOf(100));
     for (const std::size_t length : {1U, 15U, 17U, 111U}) {
@@ -313,6 +327,21 @@ TEST(Decrypter, RecordsMadeOfHandlesShareThem) {
     EXPECT_EQ(output.identifier().issuer(), issuer);
     EXPECT_EQ(&*identifier.serialNumber(), &*serial);
     EXPECT_EQ(&*output.identifier().serialNumber(), &*serial);
+}
+
+// Nobody here writes to it; whoever does finds a sink that keeps as much in memory, and then a file of that template.
+TEST(Decrypter, TheOutputOfARecordKeeps65536BytesInMemory) {
+    const CMS::DecrypterMediaIn::DecryptedOutput record(NVX509::RefDistinguishedName(std::string("CN=Root")),
+                                                        Crypto::ASN1::RefInteger(certificateOf(bob())->serialNumber()));
+    Norvane::SwapBufferMediaOut output(record.output());
+    output.write(bodyOf(65536).data(), 65536);
+    EXPECT_FALSE(output.isSwapped());
+    try {
+        output.write(bodyOf(1).data(), 1);
+        EXPECT_TRUE(output.isSwapped());
+    } catch (const Norvane::MediaException& failure) { // where that folder is missing
+        EXPECT_NE(failure.asString().find("/var/spool/tmp/swapXXXXXX"), std::string::npos) << failure.asString();
+    }
 }
 
 TEST(Decrypter, ItsBodyIsAskedFor) {

@@ -135,6 +135,21 @@ TEST_F(CrossPair, CertificatesBelongToThePair) {
     EXPECT_EQ(X509_get_version(pair->forward()), 2);
 }
 
+TEST_F(CrossPair, EachCertificateIsFreedOnce) {
+    norvauthority::X509Ptr kept;
+    {
+        const RefCrossCertificatePair pair(buffer(both()));
+        X509_up_ref(pair->forward());
+        kept.reset(pair->forward());
+    }
+    Bytes der(
+        fromSouth().certificate.der.size()); // OpenSSL passes over a second free where nothing else got the memory
+    unsigned char* at = der.data();
+    ASSERT_EQ(i2d_X509(kept.get(), nullptr), static_cast<int>(der.size()));
+    i2d_X509(kept.get(), &at);
+    EXPECT_EQ(der, fromSouth().certificate.der);
+}
+
 TEST_F(CrossPair, HandleMayOutliveThePairUnlessItIsAsked) {
     RefCertificate kept;
     {

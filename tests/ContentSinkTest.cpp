@@ -1,0 +1,101 @@
+// Content of sizes at which lengths take more bytes, or can no longer be written. This program stands in for the function
+// that allocates the blocks, so that a gibibyte of them takes none.
+#include "openssl/ContentSink.h"
+#include "openssl/Pkcs7.h"
+#include "support/Interpose.h"
+
+#include <openssl/err.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+
+#include <climits>
+
+using namespace Norvane::Crypto::openssl;
+
+namespace {
+
+unsigned char s_block[ContentSink::blockSize];
+bool s_sharing = false;
+
+} // namespace
+
+extern "C" void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
+    return s_sharing && length == sizeof s_block ? s_block
+                                                 : norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
+}
+extern "C" void CRYPTO_free(void* memory, const char* file, int line) {
+    if (memory != s_block) {
+        norvtest::next<&CRYPTO_free>("CRYPTO_free")(memory, file, line);
+    }
+}
+
+namespace {
+
+/// An enveloped structure for nobody, around that many zeroes.
+Pkcs7Ptr enveloped(std::size_t length) {
+    Pkcs7Ptr structure(PKCS7_new());
+    if (PKCS7_set_type(structure.get(), NID_pkcs7_enveloped) != 1 ||
+        PKCS7_set_cipher(structure.get(), EVP_aes_128_cbc()) != 1 ||
+        !BioChainPtr(PKCS7_dataInit(structure.get(), nullptr))) {
+        ADD_FAILURE() << "no structure";
+    }
+    auto& content = structure->d.enveloped->enc_data->enc_data;
+    ASN1_OCTET_STRING_free(content);
+    content = ASN1_OCTET_STRING_new();
+    EXPECT_EQ(ASN1_OCTET_STRING_set(content, std::vector<unsigned char>(length + 1).data(), static_cast<int>(length)),
+              1);
+    return structure;
+}
+
+TEST(EncodeHead, IsWhatOpensslWritesBeforeTheContent) {
+    const Pkcs7Ptr empty = enveloped(0);
+    for (const std::size_t length : {0x7FU, 0x80U, 0xFFFFU, 0x10000U, 0xFFFFFFU, 0x1000000U}) {
+        const Pkcs7Ptr whole = enveloped(length);
+        // The vectors are random: the same one for both.
+        ASN1_TYPE_free(whole->d.enveloped->enc_data->algorithm->parameter);
+        whole->d.enveloped->enc_data->algorithm->parameter = nullptr;
+        ASN1_TYPE_free(empty->d.enveloped->enc_data->algorithm->parameter);
+        empty->d.enveloped->enc_data->algorithm->parameter = nullptr;
+        unsigned char* encoded = nullptr;
+        const int encodedLength = i2d_PKCS7(whole.get(), &encoded);
+        const OwnedMemory<unsigned char> owner(encoded);
+        ASSERT_GT(encodedLength, 0);
+        const std::vector<unsigned char> expected(encoded, encoded + encodedLength - length);
+        EXPECT_EQ(encodeHead(empty.get(), length), expected) << length;
+    }
+}
+
+TEST(EncodeHead, RefusesWhatIsLongerThanAnIntCounts) {
+    const Pkcs7Ptr structure = enveloped(0);
+    const std::size_t head = encodeHead(structure.get(), INT_MAX - 1000).size();
+    ASSERT_GT(head, 0U);
+    EXPECT_EQ(encodeHead(structure.get(), INT_MAX - 1 - head).size(), head);
+    for (const std::size_t length : {INT_MAX - head + 1, std::size_t{INT_MAX} - 7, std::size_t{INT_MAX},
+                                     std::size_t{INT_MAX} + 1, std::size_t{1} << 32U, SIZE_MAX}) {
+        EXPECT_TRUE(encodeHead(structure.get(), length).empty()) << length;
+        EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), ASN1_R_TOO_LONG);
+        EXPECT_EQ(ERR_get_error(), 0UL);
+    }
+}
+
+TEST(ContentSink, RefusesMoreThanAStructureHolds) {
+    constexpr int gibibyte = 1 << 30;
+    void* zeroes = mmap(nullptr, gibibyte, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(zeroes, MAP_FAILED);
+    const norvtest::During<bool> sharing(s_sharing, true);
+    ContentSink sink;
+    const BioPtr bio = sink.bio();
+    EXPECT_EQ(BIO_write(bio.get(), zeroes, gibibyte), gibibyte);
+    EXPECT_FALSE(sink.failed());
+    EXPECT_EQ(BIO_write(bio.get(), zeroes, gibibyte), -1) << "a byte too many";
+    EXPECT_TRUE(sink.failed());
+    EXPECT_NE(ERR_get_error(), 0UL);
+    EXPECT_EQ(BIO_write(bio.get(), zeroes, 1), -1) << "there would be a gap";
+    EXPECT_EQ(sink.length(), std::size_t{gibibyte});
+    ERR_clear_error();
+    munmap(zeroes, gibibyte);
+}
+
+} // namespace
