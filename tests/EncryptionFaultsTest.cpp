@@ -2,7 +2,7 @@
 // forward.
 
 #include "support/Ciphers.h"
-#include "support/Interpose.h"
+#include "support/Faults.h"
 #include "support/Thrown.h"
 
 #include <gcrypt.h>
@@ -11,34 +11,20 @@
 
 #include <sys/mman.h>
 
-#include <cstring>
 #include <new>
 
 using namespace ciphertest;
 using namespace norvtest;
 using namespace Norvane::Crypto;
 
-#define REPLACEMENT extern "C" __attribute__((visibility("default")))
-
 namespace {
 
-/// The name of the function that fails next, and what it answers then.
-const char* s_failing = "";
+/// What the function that fails next answers then.
 int s_answer = 0;
 /// While it is set, updates only note what they are asked for.
 std::vector<int>* s_updates = nullptr;
 /// Contexts that exist; only counted, never limited.
 int s_contexts = 0;
-
-/// True when the function is to fail now; queues an error as OpenSSL would.
-bool failsNow(const char* function) {
-    if (std::strcmp(s_failing, function) != 0) {
-        return false;
-    }
-    s_failing = "";
-    ERR_raise(ERR_LIB_USER, 42);
-    return true;
-}
 
 void fail(const char* function, int answer = 0) {
     s_failing = function;
@@ -47,16 +33,14 @@ void fail(const char* function, int answer = 0) {
 
 } // namespace
 
-#define FORWARD(function, ...) norvtest::next<&function>(#function)(__VA_ARGS__)
-
 REPLACEMENT int RAND_bytes(unsigned char* bytes, int length) {
-    return failsNow("RAND_bytes") ? s_answer : FORWARD(RAND_bytes, bytes, length);
+    return fails("RAND_bytes") ? s_answer : FORWARD(RAND_bytes, bytes, length);
 }
 REPLACEMENT const EVP_CIPHER* EVP_aes_128_cbc() {
-    return failsNow("EVP_aes_128_cbc") ? nullptr : FORWARD(EVP_aes_128_cbc);
+    return fails("EVP_aes_128_cbc") ? nullptr : FORWARD(EVP_aes_128_cbc);
 }
 REPLACEMENT EVP_CIPHER_CTX* EVP_CIPHER_CTX_new() {
-    if (failsNow("EVP_CIPHER_CTX_new")) {
+    if (fails("EVP_CIPHER_CTX_new")) {
         return nullptr;
     }
     ++s_contexts;
@@ -67,24 +51,23 @@ REPLACEMENT void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX* context) {
     FORWARD(EVP_CIPHER_CTX_free, context);
 }
 REPLACEMENT gcry_error_t gcry_cipher_open(gcry_cipher_hd_t* handle, int algorithm, int mode, unsigned int flags) {
-    return failsNow("gcry_cipher_open") ? gcry_error(GPG_ERR_CIPHER_ALGO)
-                                        : FORWARD(gcry_cipher_open, handle, algorithm, mode, flags);
+    return fails("gcry_cipher_open") ? gcry_error(GPG_ERR_CIPHER_ALGO)
+                                     : FORWARD(gcry_cipher_open, handle, algorithm, mode, flags);
 }
 REPLACEMENT gcry_error_t gcry_cipher_setkey(gcry_cipher_hd_t handle, const void* key, std::size_t length) {
-    return failsNow("gcry_cipher_setkey") ? gcry_error(GPG_ERR_SELFTEST_FAILED)
-                                          : FORWARD(gcry_cipher_setkey, handle, key, length);
+    return fails("gcry_cipher_setkey") ? gcry_error(GPG_ERR_SELFTEST_FAILED)
+                                       : FORWARD(gcry_cipher_setkey, handle, key, length);
 }
 REPLACEMENT gcry_error_t gcry_cipher_setiv(gcry_cipher_hd_t handle, const void* iv, std::size_t length) {
-    return failsNow("gcry_cipher_setiv") ? gcry_error(GPG_ERR_INTERNAL)
-                                         : FORWARD(gcry_cipher_setiv, handle, iv, length);
+    return fails("gcry_cipher_setiv") ? gcry_error(GPG_ERR_INTERNAL) : FORWARD(gcry_cipher_setiv, handle, iv, length);
 }
 REPLACEMENT int EVP_EncryptInit(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const unsigned char* key,
                                 const unsigned char* iv) {
-    return failsNow("EVP_EncryptInit") ? 0 : FORWARD(EVP_EncryptInit, context, cipher, key, iv);
+    return fails("EVP_EncryptInit") ? 0 : FORWARD(EVP_EncryptInit, context, cipher, key, iv);
 }
 REPLACEMENT int EVP_DecryptInit(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const unsigned char* key,
                                 const unsigned char* iv) {
-    return failsNow("EVP_DecryptInit") ? 0 : FORWARD(EVP_DecryptInit, context, cipher, key, iv);
+    return fails("EVP_DecryptInit") ? 0 : FORWARD(EVP_DecryptInit, context, cipher, key, iv);
 }
 REPLACEMENT int EVP_EncryptUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength, const unsigned char* in,
                                   int length) {
@@ -93,17 +76,17 @@ REPLACEMENT int EVP_EncryptUpdate(EVP_CIPHER_CTX* context, unsigned char* out, i
         *outLength = 16;
         return 1;
     }
-    return failsNow("EVP_EncryptUpdate") ? 0 : FORWARD(EVP_EncryptUpdate, context, out, outLength, in, length);
+    return fails("EVP_EncryptUpdate") ? 0 : FORWARD(EVP_EncryptUpdate, context, out, outLength, in, length);
 }
 REPLACEMENT int EVP_DecryptUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength, const unsigned char* in,
                                   int length) {
-    return failsNow("EVP_DecryptUpdate") ? 0 : FORWARD(EVP_DecryptUpdate, context, out, outLength, in, length);
+    return fails("EVP_DecryptUpdate") ? 0 : FORWARD(EVP_DecryptUpdate, context, out, outLength, in, length);
 }
 REPLACEMENT int EVP_EncryptFinal_ex(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength) {
-    return failsNow("EVP_EncryptFinal_ex") ? 0 : FORWARD(EVP_EncryptFinal_ex, context, out, outLength);
+    return fails("EVP_EncryptFinal_ex") ? 0 : FORWARD(EVP_EncryptFinal_ex, context, out, outLength);
 }
 REPLACEMENT int EVP_DecryptFinal_ex(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength) {
-    return failsNow("EVP_DecryptFinal_ex") ? 0 : FORWARD(EVP_DecryptFinal_ex, context, out, outLength);
+    return fails("EVP_DecryptFinal_ex") ? 0 : FORWARD(EVP_DecryptFinal_ex, context, out, outLength);
 }
 
 namespace {
@@ -282,6 +265,18 @@ TEST_F(Faults, ACopyOfIdeaThatLibgcryptRefusesFailsAndHoldsNothing) {
         EVP_CIPHER_CTX_free(copy);
         ERR_clear_error();
     }
+}
+
+TEST_F(Faults, IdeaThatRefusesANewKeyDoesNotGoOnUnderTheOldOne) {
+    EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+    ASSERT_EQ(EVP_EncryptInit(context, initializeCipher(idea.cipher), keyFor(idea).data(), ivFor(idea).data()), 1);
+    fail("gcry_cipher_setkey");
+    EXPECT_EQ(EVP_EncryptInit(context, nullptr, ivFor(aes128).data(), nullptr), 0);
+    unsigned char out[16]{};
+    int length = 0;
+    EXPECT_EQ(EVP_EncryptUpdate(context, out, &length, ivFor(idea).data(), 8), 0);
+    EVP_CIPHER_CTX_free(context);
+    ERR_clear_error();
 }
 
 TEST_F(Faults, AWriteOfMoreThanAGibibyteGoesInPieces) {
