@@ -61,9 +61,25 @@ std::string placeOf(const std::string& folder, const std::string& file) {
     return escapeForDisplay(file.empty() ? folder : folder + "/" + file);
 }
 
+/// What was skipped, for programs and for people.
+Description problemsFacts(const Store::Contents& contents) {
+    Description all = Description::array();
+    for (const Store::Problem& problem : contents.problems)
+        all.push_back(problemFacts(problem));
+    return all;
+}
+
+std::string problemsText(const Store::Contents& contents) {
+    std::string text;
+    for (const Store::Problem& problem : contents.problems)
+        text += placeOf(problem.folder, problem.file) + ": skipped: " + escapeForDisplay(problem.reason) + "\n";
+    return text;
+}
+
 Exit list(const BindingsOptions& options) {
     const auto contents = openStore(options.store)->contents();
-    Description all{{"store", options.store}, {"identities", Description::array()}, {"problems", Description::array()}};
+    Description all{
+        {"store", options.store}, {"identities", Description::array()}, {"problems", problemsFacts(*contents)}};
     std::string text;
     for (const Store::Identity& identity : contents->identities) {
         Description facts = identityFacts(identity);
@@ -75,10 +91,7 @@ Exit list(const BindingsOptions& options) {
             facts["owners"].push_back(owner.pattern.text() + " (line " + std::to_string(owner.line) + ")");
         text += asText(escapeForDisplay(identity.folder) + ": identity", facts);
     }
-    for (const Store::Problem& problem : contents->problems) {
-        text += placeOf(problem.folder, problem.file) + ": skipped: " + escapeForDisplay(problem.reason) + "\n";
-        all["problems"].push_back(problemFacts(problem));
-    }
+    text += problemsText(*contents);
     show(options.json ? asJson(all) : text);
     return Exit::good;
 }
@@ -121,6 +134,8 @@ std::array<const char*, 2> fitnessName(Store::Fitness fitness) {
         return {"outOfValidity", "expired or not yet valid"};
     case Store::Fitness::usageForbids:
         return {"usageForbids", "its key usage forbids it"};
+    case Store::Fitness::unsuitableKey:
+        return {"unsuitableKey", "its kind of key cannot do it"};
     case Store::Fitness::noKey:
         break;
     }
@@ -181,6 +196,9 @@ Exit find(const BindingsOptions& options) {
         text += explanationText(purposeName(purpose), found, facts);
         all[purposeName(purpose)] = facts;
     }
+    // What was skipped might have served.
+    text += problemsText(*store->contents());
+    all["problems"] = problemsFacts(*store->contents());
     show(options.json ? asJson(all) : text);
     return served ? Exit::good : Exit::refused;
 }
@@ -224,11 +242,13 @@ void addBindings(CLI::App& app, Action& action) {
     CLI::App* search = addCommand(*bindings, action, options, "find",
                                   "Tells which certificate and key serve an address, and why", find);
     search->add_option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
-    search->footer("JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
-                   "line, privateKey, the keys of inspect for a certificate; null for none) and matches in the order "
-                   "in which they are tried (folder, pattern, line, literals: their number of bytes, fitness: fit, "
-                   "outOfValidity, usageForbids, noKey). More literal bytes come first, then the earlier line.\n"
-                   "Exit code: 0 somebody serves the address, 1 nobody, 2 bad usage or an unreadable store.");
+    search->footer(
+        "JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
+        "line, privateKey, the keys of inspect for a certificate; null for none) and matches in the order "
+        "in which they are tried (folder, pattern, line, literals: their number of bytes, fitness: fit, "
+        "outOfValidity, usageForbids, unsuitableKey, noKey), and problems (what was skipped: folder, file, reason). "
+        "More literal bytes come first, then the earlier line.\n"
+        "Exit code: 0 somebody serves the address, 1 nobody, 2 bad usage or an unreadable store.");
 }
 
 } // namespace norvcrypt

@@ -79,8 +79,6 @@ void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOp
     const NVX509::RefDirectoryKeyStore store = openStore(*options.store);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
-        requireRsa(identity.certificate,
-                   "of " + identity.folder + " in " + *options.store + ", found for " + address + ",");
         addRecipient(recipients, identity.certificate);
     }
 }

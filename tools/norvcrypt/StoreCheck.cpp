@@ -20,14 +20,6 @@ void add(Findings& findings, const Store::Contents& contents, std::size_t identi
     findings[identity].push_back(std::move(finding));
 }
 
-/// The purposes that an identity can be taken for while its certificate is valid.
-std::array<bool, 3> purposesOf(const Store::Identity& identity) {
-    const auto usage = X509_get_key_usage(identity.certificate); // every bit when the extension is absent
-    const bool encrypts = (usage & (KU_KEY_ENCIPHERMENT | KU_DATA_ENCIPHERMENT | KU_KEY_AGREEMENT)) != 0;
-    return {identity.hasKey && (usage & (KU_DIGITAL_SIGNATURE | KU_NON_REPUDIATION)) != 0, encrypts,
-            identity.hasKey && encrypts};
-}
-
 void checkValidity(Findings& findings, const Store::Contents& contents, std::size_t at, std::time_t now) {
     const auto& certificate = contents.identities[at].certificate;
     if (certificate->validityPeriod().valid(now))
@@ -87,10 +79,8 @@ void checkDuplicates(Findings& findings, const Store::Contents& contents) {
 /// True when whatever the later identity can be taken for, at whatever moment, the earlier one can be too.
 bool replaces(const Store::Identity& earlier, const Store::Identity& later) {
     const QuietQuestion quiet;
-    const auto mine = purposesOf(earlier);
-    const auto theirs = purposesOf(later);
-    for (std::size_t purpose = 0; purpose < mine.size(); ++purpose)
-        if (theirs[purpose] && !mine[purpose])
+    for (std::size_t purpose = 0; purpose < later.fitness.size(); ++purpose)
+        if (later.fitness[purpose] == Store::Fitness::fit && earlier.fitness[purpose] != Store::Fitness::fit)
             return false;
     const auto notLater = [](const ASN1_TIME* one, const ASN1_TIME* other) {
         const int order = ASN1_TIME_compare(one, other); // -2 for a time that cannot be read
@@ -152,13 +142,13 @@ std::vector<Finding> findingsIn(const Store::Contents& contents, std::time_t now
     for (std::size_t at = 0; at < contents.identities.size(); ++at) {
         checkValidity(findings, contents, at, now);
         checkKey(findings, contents, at);
-        const auto purposes = purposesOf(contents.identities[at]);
-        if (std::find(purposes.begin(), purposes.end(), true) == purposes.end())
+        const auto& fitness = contents.identities[at].fitness;
+        if (std::find(fitness.begin(), fitness.end(), Store::Fitness::fit) == fitness.end())
             add(findings, contents, at,
                 {.kind = "useless",
                  .reason = contents.identities[at].hasKey
-                               ? "key usage allows neither signing nor encryption"
-                               : "there is no private key, and key usage does not allow encryption"});
+                               ? "neither signing nor encryption is possible with its key usage and its kind of key"
+                               : "there is no private key, and nothing can be encrypted to its certificate"});
     }
     checkDuplicates(findings, contents);
     checkPatterns(findings, contents);

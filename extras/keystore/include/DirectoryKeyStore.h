@@ -31,10 +31,11 @@
 ///
 /// **Who wins.** Of all patterns that match an address, the one with more literal bytes (`StringPattern::literalLength`:
 /// all bytes but the wildcards) comes first, then the one that stands earlier among the patterns of its file, then the
-/// one whose folder's name is less, byte by byte. The first one whose identity is fit for the purpose wins: it has a key
-/// if one is needed, the key usage of its certificate does not forbid the purpose, and the certificate is valid at that
-/// moment. Only when no such identity matches, the first one wins that is fit but for its time: so old mail can still be
-/// decrypted, and whoever must not sign or encrypt with an expired certificate looks at its `validityPeriod()`.
+/// one whose folder's name is less, byte by byte. The first one whose identity is fit for the purpose wins: it has a
+/// private key if one is needed, its kind of key can do it (RSA; for signing DSA and EC too), the key usage of its
+/// certificate does not forbid the purpose, and the certificate is valid at that moment. Only when no such identity
+/// matches, the first one wins that is fit but for its time: so old mail can still be decrypted, and whoever must not
+/// sign or encrypt with an expired certificate looks at its `validityPeriod()`.
 ///
 /// **What is refused.** The directory, a folder or a file that others than owner and group may write; `key.pem` and
 /// `passphrase` when anyone but the owner may read or write them; symbolic links inside the directory (it may itself be
@@ -43,7 +44,7 @@
 /// rename it.
 ///
 /// **Keys** are read into memory that is wiped. A program that sets up OpenSSL's secure heap (`CRYPTO_secure_malloc_init`)
-/// before has the secret numbers of RSA keys in it: locked and out of core dumps.
+/// before has the secret numbers of the keys in it: locked and out of core dumps.
 ///
 /// **Threads.** Everything here may be called from any number of threads at once, `reload` too. The certificates that are
 /// handed out are warmed (`Certificate::warm`): all their accessors may be used in several threads but
@@ -55,6 +56,7 @@
 #include <norvcmsg/StringPattern.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <array>
 #include <cstddef>
 #include <list>
 #include <memory>
@@ -77,13 +79,26 @@ public:
         unsigned int line; ///< counted from 1, comments and empty lines included
     };
 
+    /// What an identity is looked for.
+    enum class Purpose : int { signing, encryption, decryption };
+
+    /// Whether an identity can be taken for a purpose.
+    enum class Fitness : int {
+        fit,           ///< yes
+        outOfValidity, ///< only when no fit one matches: the certificate is expired or not yet valid
+        usageForbids,  ///< no: the key usage of the certificate does not allow the purpose
+        noKey,         ///< no: a private key is needed, and there is none
+        unsuitableKey  ///< no: CMS streams cannot do it with this kind of key
+    };
+
     /// A folder that serves.
     struct Identity {
         std::string folder; ///< its name, any bytes: escape it before you show it
         RefCertificate certificate;
         std::list<RefCertificate> chain;
-        bool hasKey;               ///< a private key that belongs to the certificate
-        std::vector<Owner> owners; ///< in the order of the file
+        bool hasKey;                    ///< a private key that belongs to the certificate
+        std::array<Fitness, 3> fitness; ///< by `Purpose`, while the certificate is valid: never `outOfValidity`
+        std::vector<Owner> owners;      ///< in the order of the file
     };
 
     /// Something of the directory that does not serve.
@@ -104,17 +119,6 @@ public:
         std::vector<Identity> identities; ///< by the bytes of their folders' names
         std::vector<Problem> problems;    ///< in the same order
         std::vector<Place> precedence;    ///< all patterns, those first that win over the later ones
-    };
-
-    /// What an identity is looked for.
-    enum class Purpose : int { signing, encryption, decryption };
-
-    /// Whether an identity can be taken for a purpose.
-    enum class Fitness : int {
-        fit,           ///< yes
-        outOfValidity, ///< only when no fit one matches: the certificate is expired or not yet valid
-        usageForbids,  ///< no: the key usage of the certificate does not allow the purpose
-        noKey          ///< no: a key is needed, and there is none
     };
 
     /// A pattern that matched.
@@ -151,20 +155,22 @@ public:
     [[nodiscard]] Explanation explain(const EmailAddress& address, Purpose purpose) const;
 
     /// The pair whose certificate has this issuer and serial number, whatever its validity and key usage, for mail that
-    /// may be old. Identities without key have no pair. Of several folders with one certificate the first one with a key
-    /// answers. A binary search.
+    /// may be old. Identities without key have no pair. Of several folders with one issuer and serial number the first
+    /// one with a key answers. A binary search.
     KeyCertificatePair find(const DistinguishedName& issuer, const ASN1::Integer& serial) override;
-    /// The certificate to encrypt to: key usage keyEncipherment, dataEncipherment or keyAgreement, or none at all.
+    /// The certificate to encrypt to: an RSA key, and key usage keyEncipherment, dataEncipherment or keyAgreement, or
+    /// none at all.
     ///
     /// This and the following: an empty and a null address are looked up as the empty text, which the pattern "*"
     /// matches. Patterns without wildcards, and those that end in "@" and a domain without any, are found by hash; the
     /// others are tried in turn. Each that is tried takes a time linear in pattern and address
     /// (`StringPattern::matches`).
     RefCertificate findEncryptionCertificate(const EmailAddress& address) override;
-    /// The pair to sign with: a key, and key usage digitalSignature or nonRepudiation, or none at all.
+    /// The pair to sign with: a private key, RSA, DSA or EC, and key usage digitalSignature or nonRepudiation, or none
+    /// at all.
     KeyCertificatePair findSigningKey(const EmailAddress& address) override;
-    /// The pair to decrypt with: a key, and key usage as for encryption. Answers one pair; the pairs of old certificates
-    /// of the same owner are found by issuer and serial number.
+    /// The pair to decrypt with: a private key, and what encryption asks for. Answers one pair; the pairs of old
+    /// certificates of the same owner are found by issuer and serial number.
     KeyCertificatePair findDecryptionKey(const EmailAddress& address) override;
 
 private:

@@ -19,6 +19,23 @@ std::int64_t secondsOf(const ASN1::RefGeneralizedTime& time, std::int64_t unread
     return time.isNull() || time->object() == nullptr ? unreadable : time->asTime().calendarSeconds();
 }
 
+/// What a certificate can be taken for, by purpose, apart from its validity.
+std::array<Fitness, 3> fitnessOf(const RefCertificate& certificate, bool hasKey) {
+    const int kind = EVP_PKEY_get_base_id(certificate->key());
+    const auto usage = X509_get_key_usage(certificate); // all bits when the extension is absent
+    const bool encrypts = kind == EVP_PKEY_RSA;
+    const bool signs = encrypts || kind == EVP_PKEY_DSA || kind == EVP_PKEY_EC;
+    const auto allowed = [usage](bool suitable, std::uint32_t bits) {
+        if (!suitable) {
+            return Fitness::unsuitableKey;
+        }
+        return (usage & bits) != 0 ? Fitness::fit : Fitness::usageForbids;
+    };
+    const auto signing = allowed(signs, KU_DIGITAL_SIGNATURE | KU_NON_REPUDIATION);
+    const auto encryption = allowed(encrypts, KU_KEY_ENCIPHERMENT | KU_DATA_ENCIPHERMENT | KU_KEY_AGREEMENT);
+    return {hasKey ? signing : Fitness::noKey, encryption, hasKey ? encryption : Fitness::noKey};
+}
+
 /// One folder while it is read.
 class Reader {
 public:
@@ -115,19 +132,17 @@ private:
     void add() {
         const auto& certificate = m_identity.certificate;
         const auto& period = certificate->validityPeriod();
-        const auto usage = X509_get_key_usage(certificate);                  // all bits when the extension is absent
         if ((X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0) { // OpenSSL then grants no usage at all
             m_snapshot.problems.push_back({m_identity.folder, "cert.pem",
                                            "an extension of the certificate does not decode: it is only found by "
                                            "issuer and serial number"});
         }
         m_identity.hasKey = !m_key.isNull();
+        m_identity.fitness = fitnessOf(certificate, m_identity.hasKey);
         const Snapshot::Facts facts{
             KeyCertificatePair(m_key, certificate, m_identity.chain),
             secondsOf(period.notBefore(), std::numeric_limits<std::int64_t>::min()),
             secondsOf(period.notAfter(), std::numeric_limits<std::int64_t>::max()),
-            (usage & (KU_DIGITAL_SIGNATURE | KU_NON_REPUDIATION)) != 0,
-            (usage & (KU_KEY_ENCIPHERMENT | KU_DATA_ENCIPHERMENT | KU_KEY_AGREEMENT)) != 0,
         };
         m_snapshot.add(std::move(m_identity), facts);
     }

@@ -121,11 +121,9 @@ template <class Visit> void Snapshot::eachMatch(const std::string& address, Visi
 
 Fitness Snapshot::fitnessOf(std::size_t identity, Purpose purpose, std::time_t now) const {
     const Facts& facts = m_facts[identity];
-    if (purpose != Purpose::encryption && facts.pair->key.isNull()) {
-        return Fitness::noKey;
-    }
-    if (!(purpose == Purpose::signing ? facts.signs : facts.encrypts)) {
-        return Fitness::usageForbids;
+    const Fitness whileValid = identities[identity].fitness.at(static_cast<std::size_t>(purpose));
+    if (whileValid != Fitness::fit) {
+        return whileValid;
     }
     return now < facts.validFrom || now >= facts.validUntil ? Fitness::outOfValidity : Fitness::fit;
 }

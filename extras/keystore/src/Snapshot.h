@@ -24,8 +24,6 @@ struct Snapshot : DirectoryKeyStore::Contents, std::enable_shared_from_this<Snap
         KeyCertificatePair pair; ///< its key may be empty
         std::int64_t validFrom;
         std::int64_t validUntil;
-        bool signs;    ///< the key usage allows it
-        bool encrypts; ///< so too
     };
 
     /// Adds an identity; folders come in the order of their names.

@@ -160,7 +160,7 @@ TEST_F(DirectoryKeyStoreLoadTest, AKeyOfAnotherCertificateIsReportedAndNotHanded
 
 TEST_F(DirectoryKeyStoreLoadTest, KeysThatCannotBeReadAreReported) {
     EXPECT_THAT(problemsWith("key.pem", ""), ElementsAre("x/key.pem: holds no private key in PEM form"));
-    EXPECT_THAT(problemsWith("key.pem", x509testing::anyKey().publicPem()),
+    EXPECT_THAT(problemsWith("key.pem", sharedKey().publicPem()),
                 ElementsAre("x/key.pem: holds no private key in PEM form"));
     EXPECT_THAT(problemsWith("key.pem", norvauthority::pem("PRIVATE KEY", {0x30, 0x03, 0x02, 0x01, 0x00})),
                 ElementsAre("x/key.pem: holds no private key in PEM form"));
@@ -171,7 +171,7 @@ TEST_F(DirectoryKeyStoreLoadTest, KeysThatCannotBeReadAreReported) {
 TEST_F(DirectoryKeyStoreLoadTest, AnEncryptedKeyIsOpenedWithThePassphraseWithoutItsLineEnd) {
     for (const char* passphrase : {"open sesame", "open sesame\n", "open sesame\r\n"}) {
         m_store.add("x", "*\n");
-        m_store.file("x/key.pem", x509testing::anyKey().encryptedPem("open sesame"));
+        m_store.file("x/key.pem", sharedKey().encryptedPem("open sesame"));
         m_store.file("x/passphrase", passphrase);
         const auto store = open();
         EXPECT_THAT(problemsOf(store), IsEmpty()) << passphrase;
@@ -183,7 +183,7 @@ TEST_F(DirectoryKeyStoreLoadTest, ThePassphraseKeepsItsBlanksAndMayHaveAllBytesA
     for (const std::string& passphrase :
          {std::string(" a\tb "), std::string("a\rb\xFF"), std::string(1023, 'p'), std::string()}) {
         m_store.add("x", "*\n");
-        RefKey key(new PrivateKey(x509testing::anyKey().newReference()));
+        RefKey key(new PrivateKey(sharedKey().newReference()));
         Norvane::Buffer pem;
         key->writePEM(pem, passphrase);
         m_store.file("x/key.pem", x509testing::text(pem));
@@ -193,7 +193,7 @@ TEST_F(DirectoryKeyStoreLoadTest, ThePassphraseKeepsItsBlanksAndMayHaveAllBytesA
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, AnEncryptedKeyWithoutItsPassphraseIsReportedAndNobodyIsAsked) {
-    const std::string encrypted = x509testing::anyKey().encryptedPem("open sesame");
+    const std::string encrypted = sharedKey().encryptedPem("open sesame");
     EXPECT_THAT(problemsWith("key.pem", encrypted),
                 ElementsAre("x/key.pem: is encrypted, and there is no passphrase for it"));
     m_store.folder("x");

@@ -252,6 +252,41 @@ TEST_F(DirectoryKeyStoreLookUpTest, SigningAndEncryptionCertificatesOfOneOwnerAr
                 ElementsAre("a-signs: anna@example.com: usage", "b-encrypts: anna@example.com: fit *"));
 }
 
+// Whatever their certificates allow: nothing is encrypted to a key that is not RSA, nor signed with one that is neither
+// RSA nor DSA nor EC.
+TEST_F(DirectoryKeyStoreLookUpTest, KeysOfAKindThatCannotServeArePassedOver) {
+    using norvauthority::Key;
+    const auto root = identity("root");
+    m_store.add("a-curve", "anna@example.com\n", identity("a-curve", {.key = Key::ec(), .issuer = &root}));
+    m_store.add("b-edwards", "anna@example.com\n", identity("b-edwards", {.key = Key::ed25519(), .issuer = &root}));
+    m_store.add("c-dsa", "dora@example.com\n", identity("c-dsa", {.key = Key::dsa(), .issuer = &root}));
+    m_store.add("d-rsa", "*@example.com\n");
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store), IsEmpty());
+    EXPECT_THAT(explained(store, "anna@example.com", Purpose::signing),
+                ElementsAre("a-curve: anna@example.com: fit *", "b-edwards: anna@example.com: kind of key",
+                            "d-rsa: *@example.com: fit"));
+    for (const auto purpose : {Purpose::encryption, Purpose::decryption}) {
+        EXPECT_THAT(explained(store, "anna@example.com", purpose),
+                    ElementsAre("a-curve: anna@example.com: kind of key", "b-edwards: anna@example.com: kind of key",
+                                "d-rsa: *@example.com: fit *"));
+    }
+    EXPECT_EQ(signerFor(store, "dora@example.com"), "c-dsa");
+    EXPECT_EQ(recipientFor(store, "dora@example.com"), "d-rsa");
+}
+
+TEST_F(DirectoryKeyStoreLookUpTest, OfManyFoldersWithOneIssuerAndSerialNumberTheFirstWithAKeyAnswers) {
+    const auto root = identity("root");
+    for (char name = 'z'; name >= 'a'; --name) {
+        const std::string folder(1, name);
+        m_store.add(folder, "", identity(folder, {.issuer = &root, .serial = "77"}), name != 'a');
+    }
+    const auto store = open();
+    const auto certificate = store->contents()->identities.front().certificate;
+    EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "b");
+    EXPECT_EQ(who(store->find(DistinguishedName(), certificate->serialNumber())), "nobody");
+}
+
 TEST_F(DirectoryKeyStoreLookUpTest, EachKeyUsageAllowsWhatItSays) {
     struct {
         unsigned int bits;
@@ -273,30 +308,29 @@ TEST_F(DirectoryKeyStoreLookUpTest, FindsByIssuerAndSerialNumberAmongMany) {
     const std::vector<std::string> serials = {"1", "2", "7f", "80", "ff", "100", "7fffffffffffffffffffffffffffffff"};
     std::vector<norvauthority::Identity> issuers;
     for (const auto* name : {"Root A", "Root B", "root a "}) { // the third is the first, as names are compared
-        issuers.push_back(norvauthority::issue({.subject = {{"CN", name}}, .key = x509testing::anyKey()}));
+        issuers.push_back(norvauthority::issue({.subject = {{"CN", name}}, .key = sharedKey()}));
     }
     for (std::size_t issuer = 0; issuer < 2; ++issuer) {
         for (const auto& serial : serials) {
             const std::string name = serial + " of " + std::to_string(issuer);
             m_store.folder(name);
-            m_store.file(name + "/cert.pem", norvauthority::issue({.subject = {{"CN", name}},
-                                                                   .key = x509testing::anyKey(),
-                                                                   .issuer = &issuers[issuer],
-                                                                   .serial = serial})
-                                                 .certificate.pem());
-            m_store.file(name + "/key.pem", x509testing::anyKey().pkcs8Pem());
+            m_store.file(
+                name + "/cert.pem",
+                norvauthority::issue(
+                    {.subject = {{"CN", name}}, .key = sharedKey(), .issuer = &issuers[issuer], .serial = serial})
+                    .certificate.pem());
+            m_store.file(name + "/key.pem", sharedKey().pkcs8Pem());
         }
     }
     const auto store = open();
     for (std::size_t issuer = 0; issuer < 3; ++issuer) {
         const auto root = x509testing::read(issuers[issuer]);
         for (const auto& serial : serials) {
-            const auto wanted =
-                x509testing::read(norvauthority::issue({.key = x509testing::anyKey(), .serial = serial}));
+            const auto wanted = x509testing::read(norvauthority::issue({.key = sharedKey(), .serial = serial}));
             EXPECT_EQ(who(store->find(root->subject(), wanted->serialNumber())),
                       serial + " of " + std::to_string(issuer % 2));
         }
-        const auto other = x509testing::read(norvauthority::issue({.key = x509testing::anyKey(), .serial = "3"}));
+        const auto other = x509testing::read(norvauthority::issue({.key = sharedKey(), .serial = "3"}));
         EXPECT_EQ(who(store->find(root->subject(), other->serialNumber())), "nobody");
     }
 }

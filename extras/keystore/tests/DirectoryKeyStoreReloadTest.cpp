@@ -20,6 +20,7 @@ namespace {
 
 std::function<int(const char*)> s_onOpen; ///< answers the error to fail with, or 0
 int s_readError = 0;
+int s_interruptions = 0; ///< of reading
 int s_listError = 0;
 long s_sizeError = 0;
 std::time_t s_later = 0;
@@ -36,6 +37,11 @@ extern "C" int openat(int folder, const char* name, int flags, ...) {
 }
 
 extern "C" ssize_t read(int file, void* out, std::size_t length) {
+    if (s_interruptions > 0) {
+        --s_interruptions;
+        errno = EINTR;
+        return -1;
+    }
     if (s_readError != 0) {
         errno = s_readError;
         return -1;
@@ -189,6 +195,14 @@ TEST_F(DirectoryKeyStoreReloadTest, AFileThatCannotBeReadToItsEndIsReported) {
         store->reload();
     }
     EXPECT_THAT(problemsOf(store), ElementsAre("a/cert.pem: cannot be read: Input/output error"));
+}
+
+TEST_F(DirectoryKeyStoreReloadTest, ReadingThatASignalInterruptsGoesOn) {
+    m_store.add("a", "*@a.example\n");
+    s_interruptions = 3;
+    const auto store = open();
+    EXPECT_EQ(s_interruptions, 0);
+    EXPECT_THAT(problemsOf(store), IsEmpty());
 }
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatGrowsOrShrinksWhileItIsReadIsReported) {

@@ -15,15 +15,10 @@ namespace {
 class DirectoryKeyStoreSecureHeapTest : public DirectoryKeyStoreTest {
 protected:
     static void SetUpTestSuite() { ASSERT_NE(CRYPTO_secure_malloc_init(1U << 16U, 16), 0); }
-
-    static norvauthority::Identity rsaIdentity() {
-        std::ifstream file(NORV_SOURCE_DIR "/tests/data/keys/alice.pem");
-        return identity("x", {.key = norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}})});
-    }
 };
 
-TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfRsaKeysAndIsGivenBack) {
-    m_store.add("x", "*\n", rsaIdentity());
+TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfAnRsaKeyAndIsGivenBack) {
+    m_store.add("x", "*\n");
     const auto before = CRYPTO_secure_used();
     {
         const auto store = open();
@@ -33,9 +28,21 @@ TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfRsaKeysAndIsGiven
     EXPECT_EQ(CRYPTO_secure_used(), before);
 }
 
+TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfOtherKeysToo) {
+    using norvauthority::Key;
+    const auto root = identity("root");
+    for (const Key& key : {Key::ec(), Key::dsa(), Key::ed25519()}) {
+        m_store.add("x", "*\n", identity("x", {.key = key, .issuer = &root}));
+        const auto before = CRYPTO_secure_used();
+        const auto store = open();
+        EXPECT_THAT(problemsOf(store), IsEmpty());
+        EXPECT_GE(CRYPTO_secure_used() - before, 20U);
+    }
+}
+
 // Going on would take every key away that nothing is wrong with.
 TEST_F(DirectoryKeyStoreSecureHeapTest, WhenItIsFullALoadFailsAsAWholeAndTheOldContentServesOn) {
-    m_store.add("x", "*\n", rsaIdentity());
+    m_store.add("x", "*\n");
     const auto store = open();
     std::vector<void*> taken;
     while (void* piece = CRYPTO_secure_malloc(64, __FILE__, __LINE__)) {
@@ -55,7 +62,7 @@ TEST_F(DirectoryKeyStoreSecureHeapTest, WhenItIsFullALoadFailsAsAWholeAndTheOldC
 }
 
 TEST_F(DirectoryKeyStoreSecureHeapTest, ABadKeyIsStillReportedAsOne) {
-    m_store.add("x", "*\n", rsaIdentity());
+    m_store.add("x", "*\n");
     m_store.file("x/key.pem", "no key");
     EXPECT_THAT(problemsOf(open()), ElementsAre("x/key.pem: holds no private key in PEM form"));
 }

@@ -55,7 +55,7 @@ protected:
 
 TEST_F(DirectoryKeyStoreWipingTest, TheTextOfAKeyIsWiped) {
     m_store.add("x", "*\n");
-    EXPECT_EQ(wipesOf(x509testing::anyKey().pkcs8Pem()), 1); // the only memory that held it
+    EXPECT_EQ(wipesOf(sharedKey().pkcs8Pem()), 1); // the only memory that held it
     EXPECT_EQ(m_problems, 0U);
 }
 
@@ -73,7 +73,7 @@ TEST_F(DirectoryKeyStoreWipingTest, ThePassphraseIsWiped) {
     m_store.file("x/passphrase", passphrase + "\n");
     EXPECT_EQ(wipesOf(passphrase), 2); // the file and the line, of which a clear key makes no use
     EXPECT_EQ(m_problems, 0U);
-    m_store.file("x/key.pem", x509testing::anyKey().encryptedPem(passphrase));
+    m_store.file("x/key.pem", sharedKey().encryptedPem(passphrase));
     EXPECT_GE(wipesOf(passphrase), 3); // OpenSSL's copy too
     EXPECT_EQ(m_problems, 0U);
     m_store.file("x/passphrase", passphrase + "\nand more\n");

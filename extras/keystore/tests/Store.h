@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -19,12 +20,21 @@ using namespace Norvane::Crypto::NVX509;
 using Norvane::EmailAddress;
 using norvauthority::CertificateRequest;
 
+/// The key that all identities share: RSA, since to other keys nothing can be encrypted.
+inline const norvauthority::Key& sharedKey() {
+    static const norvauthority::Key key = [] {
+        std::ifstream file(NORV_SOURCE_DIR "/tests/data/keys/alice.pem");
+        return norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}});
+    }();
+    return key;
+}
+
 /// An identity named `name`, of the key that all share unless the request has one.
 inline norvauthority::Identity identity(const std::string& name, CertificateRequest request = {}) {
     static unsigned int serials = 0x1000;
     request.subject = {{"CN", name}};
     if (!request.key) {
-        request.key = x509testing::anyKey();
+        request.key = sharedKey();
     }
     if (request.serial == "1") {
         request.serial = std::to_string(++serials);
@@ -103,7 +113,7 @@ inline std::vector<std::string> foldersOf(const RefDirectoryKeyStore& store) {
 /// "folder: pattern: fitness", one for each match; the winner's line ends in " *".
 inline std::vector<std::string> explained(const RefDirectoryKeyStore& store, const std::string& owner,
                                           DirectoryKeyStore::Purpose purpose) {
-    const char* const fitness[] = {"fit", "out of validity", "usage", "no key"};
+    const char* const fitness[] = {"fit", "out of validity", "usage", "no key", "kind of key"};
     const auto explanation = store->explain(address(owner), purpose);
     std::vector<std::string> lines;
     for (std::size_t i = 0; i < explanation.matches.size(); ++i) {
