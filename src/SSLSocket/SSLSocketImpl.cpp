@@ -55,12 +55,11 @@ void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failu
 /// limit is over.
 bool shakeHands(ssl_st* ssl, openssl::SslAnswer (*once)(ssl_st*), TimeLimit limit) {
     while (true) {
-        limit.start();
         const openssl::SslAnswer answer = once(ssl);
         if (answer.result != -1 || !answer.wantsIo()) {
             return answer.result == 1;
         }
-        if (limit.passed()) {
+        if (limit.passed(openssl::bytesMoved(ssl))) {
             openssl::queueError("SSL_do_handshake", ERR_LIB_SYS, ETIMEDOUT);
             return false;
         }
@@ -117,7 +116,6 @@ int SSLSocketImpl::send(const uchar_t* data, uint_t length) {
     TimeLimit limit(m_descriptor, m_blocking ? timeLimit() : 0);
     int sent = 0;
     while (wanted > sent) {
-        limit.start();
         // The whole buffer each time: one success takes all of it.
         const auto answer = openssl::writeOnce(m_ssl, data, wanted);
         if (answer.result > 0) {
@@ -127,7 +125,7 @@ int SSLSocketImpl::send(const uchar_t* data, uint_t length) {
         } else if (answer.error == SSL_ERROR_SSL) {
             openssl::drainErrorQueue(); // the caller is told by the count alone
             return sent;
-        } else if (answer.error != SSL_ERROR_WANT_WRITE || limit.passed()) {
+        } else if (answer.error != SSL_ERROR_WANT_WRITE || limit.passed(openssl::bytesMoved(m_ssl))) {
             raiseWithNumber(failures::sendFailed, sendText, answer.error);
         }
     }

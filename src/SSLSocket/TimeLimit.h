@@ -8,7 +8,10 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <utility>
 
 namespace Norvane::Crypto::NVSSL {
 
@@ -23,22 +26,28 @@ public:
                                static_cast<suseconds_t>(milliseconds % 1000) * 1000};
             setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
             setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-        }
-    }
-
-    /// A call that may wait begins.
-    void start() {
-        if (m_limit.count() != 0) {
             m_started = Clock::now();
         }
     }
-    /// Whether the call lasted for as long as one wait may.
-    [[nodiscard]] bool passed() const { return m_limit.count() != 0 && Clock::now() - m_started >= m_limit; }
+
+    /// Asked when a call came back and left errno alone: whether a wait lasted for as long as it may. A signal does not
+    /// begin the wait anew, or a steady stream of them would keep it from ever ending; bytes that moved do.
+    /// \param moved bytes read and written so far
+    [[nodiscard]] bool passed(std::uint64_t moved) {
+        if (m_limit.count() == 0) {
+            return false;
+        }
+        if (moved != std::exchange(m_moved, moved) && errno == EINTR) {
+            m_started = Clock::now();
+        }
+        return Clock::now() - m_started >= m_limit;
+    }
 
 private:
     using Clock = std::chrono::steady_clock;
     std::chrono::milliseconds m_limit;
     Clock::time_point m_started;
+    std::uint64_t m_moved = 0;
 };
 
 } // namespace Norvane::Crypto::NVSSL

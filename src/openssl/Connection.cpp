@@ -44,6 +44,7 @@ bool setDescriptor(SSL* ssl, int descriptor) {
     if (SSL_set_fd(ssl, descriptor) != 1) {
         return false;
     }
+    SSL_clear_options(ssl, SSL_OP_ENABLE_KTLS); // needs OpenSSL's own BIO to tell the kernel what is no data
     BioPtr writing = newSocketBio(descriptor);
     SSL_set0_wbio(ssl, writing.get());
     return writing.release() != nullptr;
@@ -74,6 +75,10 @@ SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length) {
 
 bool closedByPeer(const SSL* ssl) {
     return (SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
+std::uint64_t bytesMoved(const SSL* ssl) {
+    return BIO_number_read(SSL_get_rbio(ssl)) + BIO_number_written(SSL_get_wbio(ssl));
 }
 
 void shutdownAndFree(SSL* ssl) noexcept {

@@ -5,6 +5,8 @@
 
 #include <openssl/ssl.h>
 
+#include <cstdint>
+
 namespace Norvane::Crypto::openssl {
 
 /// What a call answered, and SSL_get_error's reading of it (SSL_ERROR_NONE when it succeeded). Other errors than the
@@ -33,6 +35,9 @@ SslAnswer readOnce(SSL* ssl, unsigned char* buffer, int length);
 
 /// Whether the peer's close notify, or a fatal alert, came: nothing can follow.
 bool closedByPeer(const SSL* ssl);
+
+/// How many bytes went over the plain connection, both ways.
+std::uint64_t bytesMoved(const SSL* ssl);
 
 /// Sends a close notify unless that was done, frees the connection, and leaves the queue as it was.
 void shutdownAndFree(SSL* ssl) noexcept;
