@@ -41,7 +41,8 @@
 ///
 /// Waiting. A blocking socket waits for as long as the peer takes, or up to its `timeLimit` each time the peer has to
 /// do something; in `accept` it is the listening socket's limit that holds for the handshake. Without a limit, a peer
-/// that connects and says nothing keeps `accept` for ever. Deliberate: on a non-blocking socket a handshake, and a
+/// that connects and says nothing keeps `accept` for ever, and with one, a peer that says a byte at a time keeps it for
+/// long: accept in threads of their own. Deliberate: on a non-blocking socket a handshake, and a
 /// `send` that the system does not take, is tried again at once and without end, which keeps the processor busy: shake
 /// hands and send large pieces in blocking mode.
 ///
@@ -62,7 +63,8 @@ public:
     SSLSocketImpl(RefContext& context, int family);
     /// Connected. \throws what `connect` throws
     SSLSocketImpl(RefContext& context, const SocketAddress& address);
-    /// Tells the peer that the connection ends (one close notify, no wait for the peer's), and closes it.
+    /// Tells the peer that the connection ends (one close notify, no wait for the peer's), and closes it. Waits, as
+    /// `send` does, when the peer has stopped reading and the system holds all it will.
     ~SSLSocketImpl() override;
 
     /// Takes the next connection of a listening socket and shakes hands as the server. The new socket is a blocking one
@@ -82,7 +84,8 @@ public:
     /// So compare what was sent. A `length` of 0, or of 2147483648 and more, sends nothing and is answered with 0.
     /// \throws SocketException line 163, code 1: not connected; line 198, "virtual int
     ///         Norvane::Crypto::NVSSL::SSLSocketImpl::send(const Norvane::uchar_t*, Norvane::uint_t)" and the number of
-    ///         the SSL error: 5 (SSL_ERROR_SYSCALL), the peer is gone; 3 (SSL_ERROR_WANT_WRITE), the time limit passed
+    ///         the SSL error: 5 (SSL_ERROR_SYSCALL), the peer is gone; 3 (SSL_ERROR_WANT_WRITE), the time limit passed:
+    ///         the same `data` may be sent again, other bytes not
     int send(const uchar_t* data, uint_t length) override;
     /// Always true, so that callers of plain sockets never wait for readability on an SSL socket; `receive` waits
     /// itself.

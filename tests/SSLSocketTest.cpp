@@ -98,6 +98,14 @@ TEST_F(SSLSocketTest, ConversionYieldsTheLiveConnection) {
     EXPECT_EQ(both.client.descriptor(), SSL_get_fd(client));
 }
 
+// OpenSSL would hand the connection to the kernel, past the writes that raise no signal.
+TEST_F(SSLSocketTest, ConnectionsStayOutOfTheKernelsTls) {
+    const RefContext forClient = clientContext();
+    SSL_CTX_set_options(forClient, SSL_OP_ENABLE_KTLS); // as the machine's configuration may
+    Connection both = connected(forClient, serverContext());
+    EXPECT_EQ(0U, SSL_get_options(both.client) & SSL_OP_ENABLE_KTLS);
+}
+
 TEST_F(SSLSocketTest, HandleOnAnotherKindOfSocketHasNoConnection) {
     EXPECT_EQ(nullptr, static_cast<SSL*>(SSLSocket(Socket())));
     EXPECT_TRUE(SSLSocket(Socket()).isNull());

@@ -142,9 +142,11 @@ TEST_F(SSLSocketVerifyTest, AlertThatEndsAConnectionReadsAsItsEndDeliberatelyWit
 TEST_F(SSLSocketVerifyTest, WrongClientsPassWhereTheServerLetsThemAndTheResultTells) {
     const Identity alone = issue({.subject = {{"CN", "alone"}}, .key = Key::ec()});
     const Identity expired = issued("expired", {.notAfter = norvauthority::Time::fromNow(-60)});
+    const Identity forged = issued("forged", {.signingKey = Key::ec()});
     for (const int version : versions) {
         for (const auto& [identity, result] : {std::pair{&alone, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT},
-                                               std::pair{&expired, X509_V_ERR_CERT_HAS_EXPIRED}}) {
+                                               std::pair{&expired, X509_V_ERR_CERT_HAS_EXPIRED},
+                                               std::pair{&forged, X509_V_ERR_CERT_SIGNATURE_FAILURE}}) {
             Connection both = connected(trustingClient(version, identity), askingServer(SSL_VERIFY_PEER, pass));
             EXPECT_EQ(0, X509_cmp(SSL_get0_peer_certificate(both.server), identity->certificate.x509().get()));
             EXPECT_EQ(result, SSL_get_verify_result(both.server));

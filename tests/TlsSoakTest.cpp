@@ -55,6 +55,29 @@ TEST_F(TlsSoakTest, TenThousandHandshakesLeaveNoDescriptor) {
     EXPECT_EQ(before, openDescriptors());
 }
 
+TEST_F(TlsSoakTest, AThousandHandshakesThatFailOnEitherSideLeaveNoDescriptor) {
+    shakeHandsOneAfterAnother(1);
+    const auto before = openDescriptors();
+    {
+        SSLSocket listening = listener(serverContext());
+        Socket plain = tlstesting::listening(Socket(true));
+        const RefContext forClient = clientContext();
+        for (int i = 0; i < 1000; ++i) {
+            Socket stranger(true);
+            stranger.connect(listening.localAddress());
+            send(stranger, "no TLS of any kind");
+            EXPECT_THROW(static_cast<void>(listening.accept()), Norvane::SocketException);
+            auto server = std::async(std::launch::async, [&] {
+                Socket peer = plain.accept();
+                send(peer, "no TLS of any kind");
+                receive(peer);
+            });
+            EXPECT_THROW(dial(forClient, plain.localAddress()), Norvane::SocketException);
+        }
+    }
+    EXPECT_EQ(before, openDescriptors());
+}
+
 TEST_F(TlsSoakTest, AThousandConnectionsAtOnceLeaveNoDescriptor) {
     constexpr std::size_t connections = 1000;
     constexpr std::size_t perThread = 125;
