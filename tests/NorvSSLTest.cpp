@@ -238,6 +238,8 @@ TEST_F(NorvSSLTest, FailuresOfAnEarlierCallAreNotTold) {
     ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
     const auto thrown = thrownBy([&] { context->privateKey(RefKey()); });
     EXPECT_THAT(detailOf(thrown), testing::Not(HasSubstr("bad length")));
+    ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
+    EXPECT_THAT(detailOf(thrownBy([] { create(1, serverSide); })), testing::Not(HasSubstr("bad length")));
 }
 
 TEST_F(NorvSSLTest, EmptyPathChangesNothing) {

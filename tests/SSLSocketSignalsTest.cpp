@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -118,7 +119,7 @@ TEST_F(SSLSocketSignalsTest, PeerThatIsSlowYetNotSilentKeepsTheLimit) {
         const std::string hello("\x16\x03\x01\x01\x00\x01\x00\x00\xfc\x03\x03", 11);
         for (const char byte : hello) { // longer than the limit in all
             std::this_thread::sleep_for(std::chrono::milliseconds(150));
-            send(slow, std::string(1, byte));
+            ::send(slow.descriptor(), &byte, 1, MSG_NOSIGNAL);
         }
         slow.shutdown(false, true);
     });

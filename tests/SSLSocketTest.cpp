@@ -247,6 +247,28 @@ TEST_F(SSLSocketTest, ListenerGoesOnAfterAFailedHandshake) {
     EXPECT_EQ("next", receive(both.server));
 }
 
+TEST_F(SSLSocketTest, ConnectingAgainAfterAResetFreesTheFormerConnection) {
+    Socket plain = tlstesting::listening(Socket(true));
+    auto resetting = std::async(std::launch::async, [&] {
+        Socket peer = plain.accept();
+        EXPECT_TRUE(peer.readable()); // closing with bytes unread resets
+    });
+    RefContext forClient = clientContext();
+    SSLSocket client(forClient, 2);
+    expectFailure(thrownBy<SocketException>([&] { client.connect(plain.localAddress()); }), "SocketException", 4,
+                  "SSLSocket", 97);
+    resetting.get();
+    SSLSocket listening = listener(serverContext());
+    listening.timeLimit(10000);
+    expectFailure(thrownBy<SocketException>([&] { client.connect(listening.localAddress()); }), "SocketImpl::connect",
+                  4, "SocketImpl"); // the system tells the reset once more
+    auto accepted = std::async(std::launch::async, [&] { return listening.accept(); });
+    client.connect(listening.localAddress());
+    Socket peer = accepted.get();
+    send(client, "at last");
+    EXPECT_EQ("at last", receive(peer));
+}
+
 TEST_F(SSLSocketTest, NonBlockingClientShakesHandsWithoutEnd) {
     SSLSocket listening = listener(serverContext());
     auto accepted = std::async(std::launch::async, [&] { return listening.accept(); });

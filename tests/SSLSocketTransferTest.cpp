@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -103,6 +104,16 @@ TEST_F(SSLSocketTransferTest, DecryptedBytesDoNotCountAsReadableDeliberately) {
     both.client.blocking(true);
     EXPECT_EQ(1, both.client.receive(&s_byte, 1));
     EXPECT_EQ('b', s_byte) << "nothing is lost";
+}
+
+TEST_F(SSLSocketTransferTest, BlockingReceiveWaitsWithDecryptedBytesAtHandDeliberately) {
+    Connection both = connected();
+    send(both.server, "ab");
+    EXPECT_EQ(1, both.client.receive(&s_byte, 1));
+    auto waiting = std::async(std::launch::async, [&] { return receive(both.client); });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(std::chrono::milliseconds(50)));
+    send(both.server, "c");
+    EXPECT_EQ("b", waiting.get());
 }
 
 TEST_F(SSLSocketTransferTest, BufferOfARecordLeavesNothingBehind) {
@@ -312,6 +323,16 @@ TEST_F(SSLSocketTransferTest, TimeLimitEndsASendThatNobodyReads) {
     expectFailure(thrown, "SocketException", 4, "SSLSocket", 198);
     ASSERT_EQ(2U, thrown.parameters().size());
     EXPECT_EQ(Exception::Parameter(SSL_ERROR_WANT_WRITE), thrown.parameters()[1]);
+}
+
+TEST_F(SSLSocketTransferTest, TimeLimitEndsTheCloseNotifyThatNobodyReads) {
+    Connection both = connected();
+    both.client.timeLimit(30);
+    const std::string noise(1000000, 'n');
+    while (::send(both.client.descriptor(), noise.data(), noise.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    both.client.close(); // comes back
+    EXPECT_TRUE(both.client.isNull());
 }
 
 TEST_F(SSLSocketTransferTest, ShutdownFromAnotherThreadEndsAWaitingReceive) {

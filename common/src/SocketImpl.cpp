@@ -118,7 +118,6 @@ bool SocketImpl::accept(SocketImpl* target) {
         const int descriptor = uninterrupted([&] { return ::accept4(m_descriptor, nullptr, nullptr, flags); });
         if (descriptor >= 0) {
             target->m_descriptor = descriptor;
-            target->m_family = m_family;
             return true;
         }
         if (errno == EAGAIN && !m_blocking) {
@@ -321,7 +320,6 @@ void SocketImpl::open(const char* where, int family) {
     if (!made.isOpen()) {
         fail(where, errno);
     }
-    m_family = family;
     m_descriptor = made.release();
 }
 

@@ -245,6 +245,7 @@ TEST(Socket, SetOfAConnectedSocketChangesItsModeAlone) {
 TEST(Socket, ListensWithoutAnAddressOnTheFamilyThatWasSet) {
     Socket socket(true);
     socket.set(Socket::STREAM, false, true, AF_INET);
+    EXPECT_THROW(socket.connect(SocketAddress("[::1]:1")), Norvane::SocketException); // changes nothing of it
     socket.listen();
     EXPECT_EQ(socket.localAddress().asINET().ipAddress().asString(), "0.0.0.0");
     EXPECT_NE(socket.localAddress().port(), 0);
