@@ -5,6 +5,7 @@
 #include <authority/Authority.h>
 
 #include <filesystem>
+#include <sys/stat.h>
 
 using namespace interop;
 using namespace norvauthority;
@@ -37,6 +38,7 @@ protected:
     void SetUp() override {
         if (!installed("openssl"))
             GTEST_SKIP() << "openssl is not installed";
+        umask(022);
         for (const std::string folder : {"root/migadmin/etc/cert/server/apps", "root/etc", authorities, lists})
             fs::create_directories(work.path(folder));
         work.write(keyFile, server().key.pkcs8Pem());
@@ -97,6 +99,32 @@ TEST_F(TlsCheckToolTest, AKeyThatOthersMayRead) {
     expectProblem(keyFile, "others than its owner may use the private key: chmod 600");
 }
 
+TEST_F(TlsCheckToolTest, WhatOthersMayChange) {
+    std::string expected;
+    for (const char* path : {chainFile, bundle, authorities, lists}) {
+        fs::permissions(work.path(path), fs::perms::others_write, fs::perm_options::add);
+        expected += path + std::string(": others than its owner may change it: chmod go-w\n");
+    }
+    EXPECT_EQ(expected, check().out);
+    fs::permissions(work.path(lists), fs::perms(0775));
+    EXPECT_EQ(expected, check().out) << "the group";
+}
+
+TEST_F(TlsCheckToolTest, WhatIsNoFileAndNoDirectory) {
+    std::string expected;
+    for (const char* path : {keyFile, chainFile, bundle}) {
+        fs::remove(work.path(path));
+        ASSERT_EQ(0, mkfifo(work.path(path).c_str(), 0600)) << "would be waited for";
+        expected += path + std::string(": no file\n");
+    }
+    for (const char* path : {authorities, lists}) {
+        fs::remove_all(work.path(path));
+        work.write(path, std::string("file"));
+        expected += path + std::string(": no directory\n");
+    }
+    EXPECT_EQ(expected, check().out);
+}
+
 TEST_F(TlsCheckToolTest, AKeyOfAnotherCertificate) {
     work.write(keyFile, Key::ec().pkcs8Pem());
     expectProblem(chainFile, "the private key does not belong to the first certificate");
@@ -127,6 +155,22 @@ TEST_F(TlsCheckToolTest, ACertificateThatExpired) {
     expectProblem(chainFile, "a certificate that expired at 2025-02-01T00:00:00Z: /CN=old\n");
 }
 
+TEST_F(TlsCheckToolTest, CertificatesThatExpireSoonWhereAskedFor) {
+    const auto until = [this](int days) {
+        work.write(chainFile, issue({.subject = {{"CN", "soon"}},
+                                     .key = server().key,
+                                     .issuer = &authority(),
+                                     .notAfter = Time::fromNow(days * 86400 + 3600)})
+                                  .certificate.pem());
+        return tool({"tls", "check", "--root", "root", "--days", "7"});
+    };
+    EXPECT_EQ("no problems\n", until(7).out);
+    const Answer soon = until(6);
+    EXPECT_EQ(1, soon.status);
+    EXPECT_EQ(0U, soon.out.find(chainFile + std::string(": a certificate that will expire at 20"))) << soon.out;
+    EXPECT_EQ("no problems\n", check().out) << "not asked for";
+}
+
 TEST_F(TlsCheckToolTest, ACertificateThatIsNotValidYet) {
     const Identity early = issue({.subject = {{"CN", "early"}},
                                   .key = server().key,
@@ -142,6 +186,11 @@ TEST_F(TlsCheckToolTest, ABundleWithoutAnAuthority) {
     expectProblem(bundle, "a certificate that is no authority's\n");
     work.write(bundle, std::string("nothing"));
     EXPECT_NE(std::string::npos, check().out.find(bundle + std::string(": no certificate\n")));
+}
+
+TEST_F(TlsCheckToolTest, ABundleThatOpenSslDropsForWhatElseIsInIt) {
+    work.write(bundle, authority().certificate.pem() + "-----BEGIN X509 CRL-----\nMAA=\n-----END X509 CRL-----\n");
+    expectProblem(bundle, "nothing in it is used: ");
 }
 
 TEST_F(TlsCheckToolTest, AnAuthorityThatIsNotFiled) {

@@ -77,8 +77,7 @@ void loadTrust(SSL_CTX* context, const TlsFiles& files, TlsSide side) {
     ERR_clear_error();
     if (files.ca) {
         if (SSL_CTX_load_verify_file(context, files.ca->c_str()) != 1)
-            throw Failure("cannot read the trusted certificates in " + *files.ca + ": " +
-                          Norvane::Crypto::getErrString());
+            throw Failure("cannot read the trusted certificates in " + *files.ca + ": " + openSslReasons());
         if (side == TlsSide::server)
             SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(files.ca->c_str()));
     } else if (side == TlsSide::client) {
@@ -91,7 +90,7 @@ void loadTrust(SSL_CTX* context, const TlsFiles& files, TlsSide side) {
         if (error)
             throw Failure("cannot read the lists in " + *files.crl + ": " + error.message());
         if (SSL_CTX_load_verify_dir(context, files.crl->c_str()) != 1)
-            throw Failure("cannot read the lists in " + *files.crl + ": " + Norvane::Crypto::getErrString());
+            throw Failure("cannot read the lists in " + *files.crl + ": " + openSslReasons());
         X509_STORE* const store = SSL_CTX_get_cert_store(context);
         X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
         X509_STORE_set_verify_cb(store, passMissingList);
@@ -165,10 +164,15 @@ NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const TlsStart
     return context;
 }
 
-std::string reasonOf(const Norvane::Exception& failure) {
+std::string openSslReasons() {
     const std::string reasons = Norvane::Crypto::getErrString();
-    const std::string all = failure.asString() + (reasons.empty() ? "" : ": " + reasons);
-    return all.substr(0, all.find_last_not_of("; ") + 1); // OpenSSL's reasons end like a list that goes on
+    return reasons.substr(0, reasons.find_last_not_of("; ") + 1); // they end like a list that goes on
+}
+
+std::string reasonOf(const Norvane::Exception& failure) {
+    const std::string reasons = openSslReasons();
+    const std::string text = failure.asString();
+    return text.substr(0, text.find_last_not_of("; ") + 1) + (reasons.empty() ? "" : ": " + reasons);
 }
 
 std::vector<std::string> describePeer(SSL* connection) {

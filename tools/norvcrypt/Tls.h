@@ -40,6 +40,9 @@ using TlsStart = std::function<void(SSL*)>;
 /// tells. `start` must outlive it. \throws Failure
 Norvane::Crypto::NVSSL::RefContext tlsContext(const TlsFiles& files, TlsSide side, const TlsStart& start);
 
+/// OpenSSL's queue of errors, which is empty then.
+std::string openSslReasons();
+
 /// What failed, with OpenSSL's reasons where the failure does not hold them itself.
 std::string reasonOf(const Norvane::Exception& failure);
 

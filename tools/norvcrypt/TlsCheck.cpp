@@ -4,10 +4,8 @@
 #include "TlsFiled.h"
 
 #include <norvcmsg/Escape.h>
-#include <norvcrypto/Crypto.h>
 
 #include <memory>
-#include <sys/stat.h>
 
 namespace norvcrypt {
 
@@ -28,22 +26,19 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/
 }
 
 bool checkKey(SSL_CTX* context, const std::string& path, Problems& problems) {
-    if (!checkThere(path, problems))
+    if (!checkFile(path, S_IRWXG | S_IRWXO, problems))
         return false;
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && (status.st_mode & 077U) != 0)
-        problems.add(path, "others than its owner may use the private key: chmod 600");
     if (SSL_CTX_use_PrivateKey_file(context, path.c_str(), SSL_FILETYPE_PEM) == 1)
         return true;
-    problems.add(path, "no private key in PEM without a passphrase: " + Norvane::Crypto::getErrString());
+    problems.add(path, "no private key in PEM without a passphrase: " + openSslReasons());
     return false;
 }
 
 void checkChain(SSL_CTX* context, const std::string& path, bool keyIsLoaded, Problems& problems) {
-    if (!checkThere(path, problems))
+    if (!checkFile(path, writeForOthers, problems))
         return;
     if (SSL_CTX_use_certificate_chain_file(context, path.c_str()) != 1) {
-        problems.add(path, "no certificate chain in PEM that can be used: " + Norvane::Crypto::getErrString());
+        problems.add(path, "no certificate chain in PEM that can be used: " + openSslReasons());
         return;
     }
     if (keyIsLoaded && SSL_CTX_check_private_key(context) != 1) {
@@ -63,8 +58,8 @@ void checkChain(SSL_CTX* context, const std::string& path, bool keyIsLoaded, Pro
     }
 }
 
-Exit check(const std::string& root) {
-    Problems problems;
+Exit check(const std::string& root, unsigned int days) {
+    Problems problems(days);
     NVSSL::ContextFactory factory;
     factory.init();
     const NVSSL::RefContext context = factory.create(NVSSL::ContextFactory::SSL_V23, false);
@@ -86,12 +81,19 @@ Exit check(const std::string& root) {
 } // namespace
 
 void addTlsCheck(CLI::App& tls, Action& action) {
-    auto root = std::make_shared<std::string>();
+    struct Options {
+        std::string root;
+        unsigned int days = 0;
+    };
+    auto options = std::make_shared<Options>();
     CLI::App* command = tls.add_subcommand(
         "check",
         "Checks the files of the appliance's TLS server: one line for each problem, exit code 1 if there is one");
-    command->add_option("--root", *root, "Put in front of the fixed paths")->type_name("DIR");
-    command->callback([root, &action] { action = [root] { return check(*root); }; });
+    command->add_option("--root", options->root, "Put in front of the fixed paths")->type_name("DIR");
+    command->add_option("--days", options->days, "Report certificates too that expire within so many days")
+        ->type_name("N")
+        ->check(CLI::Range(0U, 36500U));
+    command->callback([options, &action] { action = [options] { return check(options->root, options->days); }; });
 }
 
 } // namespace norvcrypt

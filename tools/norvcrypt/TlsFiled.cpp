@@ -3,6 +3,7 @@
 #include "Failure.h"
 #include "Input.h"
 #include "Pieces.h"
+#include "Tls.h"
 
 #include <algorithm>
 #include <array>
@@ -53,8 +54,6 @@ struct ListKind : Hashed<X509_CRL_get_issuer> {
 /// The objects of one kind in a file, and what else there is to say about it.
 template <class Traits> std::vector<typename Traits::Pointer> objectsIn(const std::string& path, Problems& problems) {
     std::vector<typename Traits::Pointer> objects;
-    if (!checkThere(path, problems))
-        return objects;
     try {
         Inputs inputs;
         const Norvane::Buffer content = inputs.readAll(path);
@@ -111,13 +110,13 @@ public:
     using Pointer = typename Traits::Pointer;
 
     Directory(const std::string& path, Problems& problems) : m_path(path), m_problems(problems) {
-        if (!checkThere(path, problems))
+        if (!checkDirectory(path, problems))
             return;
         std::error_code error;
         for (fs::directory_iterator at(path, error), end; !error && at != end; at.increment(error))
             m_names.push_back(at->path().filename().string());
         if (error)
-            problems.add(path, "no directory: " + error.message());
+            problems.add(path, "cannot be read: " + error.message());
         std::sort(m_names.begin(), m_names.end());
         // What is told about an object names its file rather than a link.
         std::stable_partition(m_names.begin(), m_names.end(),
@@ -234,13 +233,31 @@ void checkSignature(const std::string& path, X509_CRL* list, const std::vector<C
         problems.add(path, "the revocation list is not signed by its issuer");
 }
 
+bool checkThere(const std::string& path, mode_t type, const char* otherType, mode_t forbidden, Problems& problems) {
+    struct stat status {};
+    const bool exists = stat(path.c_str(), &status) == 0;
+    if (exists && (status.st_mode & S_IFMT) != type) {
+        problems.add(path, otherType); // a pipe would keep the server waiting
+        return false;
+    }
+    if (!exists || access(path.c_str(), type == S_IFDIR ? R_OK | X_OK : R_OK) != 0) {
+        problems.add(path, "cannot be read: " + std::generic_category().message(errno));
+        return false;
+    }
+    if ((status.st_mode & forbidden) != 0)
+        problems.add(path, forbidden == writeForOthers ? "others than its owner may change it: chmod go-w"
+                                                       : "others than its owner may use the private key: chmod 600");
+    return true;
+}
+
 } // namespace
 
-bool checkThere(const std::string& path, Problems& problems) {
-    if (access(path.c_str(), R_OK) == 0)
-        return true;
-    problems.add(path, "cannot be read: " + std::generic_category().message(errno));
-    return false;
+bool checkFile(const std::string& path, mode_t forbidden, Problems& problems) {
+    return checkThere(path, S_IFREG, "no file", forbidden, problems);
+}
+
+bool checkDirectory(const std::string& path, Problems& problems) {
+    return checkThere(path, S_IFDIR, "no directory", writeForOthers, problems);
 }
 
 void checkPeriod(const std::string& path, X509* certificate, Problems& problems) {
@@ -249,12 +266,26 @@ void checkPeriod(const std::string& path, X509* certificate, Problems& problems)
     };
     if (X509_cmp_current_time(X509_get0_notBefore(certificate)) >= 0)
         problems.add(path, of("a certificate that is valid only from ", X509_get0_notBefore(certificate)));
-    if (X509_cmp_current_time(X509_get0_notAfter(certificate)) <= 0)
-        problems.add(path, of("a certificate that expired at ", X509_get0_notAfter(certificate)));
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    std::time_t horizon = problems.horizon();
+    if (X509_cmp_current_time(end) <= 0)
+        problems.add(path, of("a certificate that expired at ", end));
+    else if (X509_cmp_time(end, &horizon) <= 0)
+        problems.add(path, of("a certificate that will expire at ", end));
 }
 
 std::vector<CertificatePtr> checkTrustedFile(const std::string& path, Problems& problems) {
+    if (!checkFile(path, writeForOthers, problems))
+        return {};
+    const std::size_t before = problems.lines().size();
     std::vector<CertificatePtr> trusted = objectsIn<CertificateKind>(path, problems);
+    // OpenSSL looks at all there is, and takes nothing at all when it cannot read one.
+    if (const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
+        X509_STORE_load_file(store.get(), path.c_str()) != 1) {
+        const std::string reasons = openSslReasons();
+        if (problems.lines().size() == before)
+            problems.add(path, "nothing in it is used: " + reasons);
+    }
     for (const CertificatePtr& each : trusted)
         checkAuthority(path, each.get(), problems);
     return trusted;
