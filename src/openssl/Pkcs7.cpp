@@ -189,7 +189,7 @@ std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t conten
             length = length > INT_MAX - before ? -1 : length + before;
         }
         lengths[i] = length;
-        length = length < 0 ? -1 : ASN1_object_size(elements[i].constructed ? 1 : 0, length, elements[i].tag);
+        length = ASN1_object_size(elements[i].constructed ? 1 : 0, length, elements[i].tag); // -1 for a length below 0
     }
     if (elements.empty() || length < 0) {
         queueError("i2d_PKCS7", ERR_LIB_ASN1, ASN1_R_TOO_LONG);
