@@ -126,7 +126,7 @@ public:
 
     /// Sends the structure to `target`, which is shared and which `end()` ends.
     /// \throws Exception "CMS::EncrypterMediaOut::attach", code 1, file CMSEncryptionMedia: the body was replaced by
-    ///         another kind of sink
+    ///         another kind of sink, or `target` is this stream itself
     /// \throws Exception "operator->", code 1: there is no body
     void attach(MediaOut& target);
     /// Lets go of the target.

@@ -104,10 +104,11 @@ public:
     ~SignerMediaOut() override;
 
     /// Sends the structure to `target`, which is shared and which `end()` ends.
-    /// \throws Exception "CMS::SignerMediaOut::attach", code 1: the body was replaced by another kind of sink
+    /// \throws Exception "CMS::SignerMediaOut::attach", code 1: the body was replaced by another kind of sink, or
+    /// `target` is this stream itself
     void attach(MediaOut& target);
     /// Lets go of the target.
-    /// \throws Exception "CMS::SignerMediaOut::attach", code 1: as above
+    /// \throws Exception "CMS::SignerMediaOut::attach", code 1: the body was replaced
     void detach();
 };
 

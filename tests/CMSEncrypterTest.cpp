@@ -253,6 +253,14 @@ TEST_F(Encrypter, AttachAsksForItsOwnKindOfBody) {
     }
 }
 
+TEST_F(Encrypter, IsNotItsOwnTarget) {
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, {});
+    const Caught failure = caught([&] { encrypter.attach(encrypter); });
+    EXPECT_EQ(failure.where, "CMS::EncrypterMediaOut::attach");
+    EXPECT_EQ(failure.details, std::vector<std::string>{"a stream cannot be its own target"});
+    EXPECT_EQ(encrypter->referenceCount(), 1);
+}
+
 TEST_F(Encrypter, WithoutATargetEndThrowsAndALaterOneSends) {
     const Bytes body = bodyOf(100);
     Norvane::MemoryMediaOut target;

@@ -257,6 +257,14 @@ TEST(Signer, AttachAsksForItsOwnKindOfBody) {
     }
 }
 
+TEST(Signer, IsNotItsOwnTarget) {
+    CMS::SignerMediaOut signer(Hasher::SHA256, pairOf(identities().rsa));
+    const Caught failure = caught([&] { signer.attach(signer); });
+    EXPECT_EQ(failure.where, "CMS::SignerMediaOut::attach");
+    EXPECT_EQ(failure.details, std::vector<std::string>{"a stream cannot be its own target"});
+    EXPECT_EQ(signer->referenceCount(), 1);
+}
+
 TEST(Signer, AKeyOfAnotherCertificateIsRefusedAtConstruction) {
     expectKeyRefused({keyOf(identities().otherRsa), certificateOf(identities().rsa)});
     expectKeyRefused({keyOf(identities().ec), certificateOf(identities().rsa)});

@@ -57,6 +57,9 @@ void EncrypterMediaOutImpl::end() {
 }
 
 void EncrypterMediaOutImpl::attach(MediaOut& target) {
+    if (!target.isNull() && target.operator->() == this) { // it would end itself for ever
+        failures::raise(failures::enveloperAttach, "a stream cannot be its own target");
+    }
     m_stream->attach(target);
 }
 

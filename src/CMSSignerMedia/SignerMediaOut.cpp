@@ -92,6 +92,9 @@ void SignerMediaOutImpl::end() {
 }
 
 void SignerMediaOutImpl::attach(MediaOut& target) {
+    if (!target.isNull() && target.operator->() == this) { // it would end itself for ever
+        failures::raise(failures::signerAttach, "a stream cannot be its own target");
+    }
     m_stream->attach(target);
 }
 
