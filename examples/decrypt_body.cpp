@@ -41,8 +41,8 @@ private:
 NVX509::KeyCertificatePair readPair(const std::string& certificateFile, const std::string& keyFile) {
     std::list<NVX509::RefCertificate> certificates;
     NVX509::CertificateFactory().read(certificateFile, certificates);
-    if (certificates.empty()) {
-        throw Exception("readPair", 4, nullptr, 0).stringParameter(certificateFile + " is not there");
+    if (certificates.empty() || certificates.front().isNull()) {
+        throw Exception("readPair", 4, nullptr, 0).stringParameter("no certificate in " + certificateFile);
     }
     FileMediaIn file{File::Path(keyFile)};
     Buffer pem;

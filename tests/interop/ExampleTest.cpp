@@ -104,6 +104,12 @@ TEST(ExampleTest, EncryptingAndDecryptingTellWhyTheyFail) {
         run({.arguments = {ENCRYPT_BODY, "body", "message", "erin.pem"}, .directory = work.directory()});
     EXPECT_EQ(1, refused.status);
     EXPECT_NE(std::string::npos, refused.err.find("CMS::EncrypterMediaOutImpl::addCertificate")) << refused.err;
+    for (const std::string file : {"none.pem", "body", "erin.key"}) {
+        const Answer unread =
+            run({.arguments = {DECRYPT_BODY, "body", "clear", file, "erin.key"}, .directory = work.directory()});
+        EXPECT_EQ(1, unread.status);
+        EXPECT_EQ("readPair (code 4): no certificate in " + file + "\n", unread.err);
+    }
     const Answer garbled =
         run({.arguments = {DECRYPT_BODY, "body", "clear", "erin.pem", "erin.key"}, .directory = work.directory()});
     EXPECT_EQ(1, garbled.status);
