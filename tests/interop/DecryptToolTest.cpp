@@ -169,10 +169,13 @@ TEST_F(DecryptToolTest, RecipientWithANegativeSerialNumberCannotBeNamed) {
         norvauthority::issue({.subject = {{"CN", "odd"}}, .key = alice().key, .issuer = &root(), .serial = "-7f01"}));
     encryptFor({"odd"});
     before = work.names();
-    const std::string text = "norvcrypt: recipient 1, its serial number is negative, no key can be asked for "
-                             "(event 0x300005B)";
-    expectRefused(decrypt({"--cert", "odd.pem", "--key", "odd.key", "--in", "msg", "--out", "out"}), {text});
+    const auto nameless = [](int number) {
+        return "norvcrypt: recipient " + std::to_string(number) +
+               ", its serial number is negative, no key can be asked for (event 0x300005B)";
+    };
+    expectRefused(decrypt({"--cert", "odd.pem", "--key", "odd.key", "--in", "msg", "--out", "out"}), {nameless(1)});
     encryptFor({"bob", "odd"});
+    expectRefused(decrypt(asAlice), {noKey(1, "2004"), nameless(2)});
     const Answer answer = decrypt({"--cert", "bob.pem", "--key", "bob.key", "--in", "msg"});
     EXPECT_EQ(0, answer.status) << answer.err;
     EXPECT_EQ(body, answer.out);
