@@ -41,8 +41,8 @@ Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
     const std::vector<IdentityFiles> files = options.identities->files();
     if (files.empty() && !options.store)
-        throw Failure(
-            "give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt --help tells more)");
+        throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt decrypt "
+                      "--help tells more)");
     OutputFile out(options.out);
     Decryption decryption(identitiesOf(options, files, inputs));
     {

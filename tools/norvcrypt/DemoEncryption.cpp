@@ -49,7 +49,7 @@ std::string Demo::digestDecryptedBy(const std::string& name, const Identity& ide
 }
 
 void Demo::decrypt() {
-    tell("8. Each of them decrypts it");
+    tell("8. Each of them decrypts it; the commands print nothing when OpenSSL gets the same bytes");
     for (const auto& [name, identity] : {std::pair{"alice", &m_alice}, {"bob", &m_bob}, {"carol", &m_carol}}) {
         tell("   with " + path(std::string(name) + ".key"));
         const bool same = digestDecryptedBy(name, *identity) == m_digest;

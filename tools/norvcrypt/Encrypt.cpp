@@ -138,7 +138,7 @@ void addEncrypt(CLI::App& app, Action& action) {
             ->type_name("ADDRESS");
     store->needs(addresses);
     addresses->needs(store);
-    command->add_option("--in", options->in, "The body; \"-\" is standard input")
+    command->add_option("--in", options->in, "The body, of less than 2 GiB; \"-\" is standard input")
         ->type_name("BODY")
         ->capture_default_str();
     command->add_option("--out", options->out, "The structure; \"-\" is standard output")

@@ -43,6 +43,14 @@ void takeMarksAway(CLI::App& app) {
     }
 }
 
+/// The command as far as it was understood: "norvcrypt tls serve".
+std::string chosen(const CLI::App& app) {
+    std::string name = app.get_name();
+    if (const std::vector<CLI::App*> commands = app.get_subcommands(); !commands.empty())
+        name += " " + chosen(*commands.front());
+    return name;
+}
+
 /// Help and version are answers; everything else is bad usage, told on one line.
 Exit answer(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
@@ -57,7 +65,7 @@ Exit answer(const CLI::App& app, const CLI::ParseError& error) {
     std::string what =
         unknown.empty() || !app.get_subcommands().empty() ? error.what() : "unknown command: " + unknown.front();
     std::erase(what, mark);
-    norvcrypt::reportError(what + " (norvcrypt --help tells more)");
+    norvcrypt::reportError(what + " (" + chosen(app) + " --help tells more)");
     return Exit::failed;
 }
 
