@@ -12,9 +12,11 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <functional>
+#include <thread>
 
 namespace {
 
@@ -230,6 +232,33 @@ TEST_F(DirectoryKeyStoreReloadTest, FoldersAndFilesThatVanishDuringTheLoadAreRep
     store->reload();
     EXPECT_THAT(problemsOf(store),
                 ElementsAre("b: cannot be opened: No such file or directory", "c/cert.pem: is missing"));
+    EXPECT_EQ(signerFor(store, "x@a.example"), "a");
+}
+
+// Or one that began earlier could end later, and take the newer content away.
+TEST_F(DirectoryKeyStoreReloadTest, OfSeveralReloadsOneRunsAtATime) {
+    m_store.add("a", "*@a.example\n");
+    const auto store = open();
+    std::atomic<int> running{0};
+    std::atomic<bool> together{false};
+    s_onOpen = [&](const char* name) {
+        if (std::string(name) == "a") {
+            together = ++running > 1 || together;
+            for (int turn = 0; turn < 1000; ++turn) {
+                std::this_thread::yield();
+            }
+            --running;
+        }
+        return 0;
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] { store->reload(); });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_FALSE(together);
     EXPECT_EQ(signerFor(store, "x@a.example"), "a");
 }
 
