@@ -84,8 +84,9 @@ public:
     /// So compare what was sent. A `length` of 0, or of 2147483648 and more, sends nothing and is answered with 0.
     /// \throws SocketException line 163, code 1: not connected; line 198, "virtual int
     ///         Norvane::Crypto::NVSSL::SSLSocketImpl::send(const Norvane::uchar_t*, Norvane::uint_t)" and the number of
-    ///         the SSL error: 5 (SSL_ERROR_SYSCALL), the peer is gone; 3 (SSL_ERROR_WANT_WRITE), the time limit passed:
-    ///         the same `data` may be sent again, other bytes not
+    ///         the SSL error: 5 (SSL_ERROR_SYSCALL), the peer is gone or the connection failed before; 3
+    ///         (SSL_ERROR_WANT_WRITE), the time limit passed: the same `data` may be sent again, other bytes not; 6
+    ///         (SSL_ERROR_ZERO_RETURN), the peer ended the connection within a renegotiation
     int send(const uchar_t* data, uint_t length) override;
     /// Always true, so that callers of plain sockets never wait for readability on an SSL socket; `receive` waits
     /// itself.
@@ -111,7 +112,7 @@ public:
     /// \throws SocketException line 212, code 1: not connected; line 249, "virtual int
     ///         Norvane::Crypto::NVSSL::SSLSocketImpl::receive(Norvane::uchar_t*, Norvane::uint_t)" and the number of
     ///         the SSL error: 1 (SSL_ERROR_SSL), what came is no TLS of this connection; 5 (SSL_ERROR_SYSCALL), the
-    ///         connection was reset; or as `SocketImpl::readable`
+    ///         connection was reset or failed before; or as `SocketImpl::readable`
     int receive(uchar_t* buffer, uint_t length) override;
 
     /// The connection, which stays this body's; null until the plain connection was made.

@@ -33,6 +33,13 @@ int drain(SSLSocket& socket) {
     return socket.receive(bytes.data(), bytes.size());
 }
 
+/// A failure with an SSL error's number after the text.
+void expectNumber(const SocketException& thrown, unsigned int line, int number) {
+    expectFailure(thrown, "SocketException", 4, "SSLSocket", line);
+    ASSERT_EQ(2U, thrown.parameters().size());
+    EXPECT_EQ(Exception::Parameter(number), thrown.parameters()[1]);
+}
+
 TEST_F(SSLSocketTransferTest, ReceivingNoBytesOrTooManyTouchesNothing) {
     Connection both = connected();
     send(both.server, "kept");
@@ -229,6 +236,26 @@ TEST_F(SSLSocketTransferTest, RenegotiationThatTheServerBeginsIsServedWhileReadi
     EXPECT_EQ(1, SSL_num_renegotiations(both.client));
 }
 
+TEST_F(SSLSocketTransferTest, RenegotiationThatAClientBeginsIsRefused) {
+    Connection both = connected(only(clientContext(), TLS1_2_VERSION), serverContext());
+    ASSERT_EQ(1, SSL_renegotiate(both.client));
+    auto client = std::async(std::launch::async, [&] { return send(both.client, "anew"); });
+    EXPECT_EQ("", receive(both.server)) << "the client gives up then";
+    EXPECT_THAT(getErrString(), testing::HasSubstr("alert handshake failure; "));
+    EXPECT_EQ(0, client.get());
+}
+
+TEST_F(SSLSocketTransferTest, EndWithinARenegotiationFailsSendingWithCode6) {
+    Connection both = connected(only(clientContext(), TLS1_2_VERSION), serverContext());
+    both.server.blocking(false);
+    ASSERT_EQ(1, SSL_renegotiate(both.server));
+    send(both.server, "x");
+    both.server.shutdown(false, true);
+    EXPECT_EQ("x", receive(both.client)); // begins the handshake that nobody answers
+    EXPECT_EQ(0, drain(both.client));
+    expectNumber(thrownBy<SocketException>([&] { send(both.client, "y"); }), 198, SSL_ERROR_ZERO_RETURN);
+}
+
 TEST_F(SSLSocketTransferTest, KeyUpdateInTheMiddleChangesNothing) {
     Connection both = connected(only(clientContext(), TLS1_3_VERSION), serverContext());
     ASSERT_EQ(1, SSL_key_update(both.server, SSL_KEY_UPDATE_REQUESTED));
@@ -275,6 +302,9 @@ TEST_F(SSLSocketTransferTest, GarbageFromThePeerFailsAtLine249WithCode1) {
               thrown.parameters()[0]);
     EXPECT_EQ(Exception::Parameter(1), thrown.parameters()[1]);
     EXPECT_THAT(getErrString(), testing::HasSubstr("SSL routines")) << "the reason is left to the caller";
+    // and the connection is of no more use
+    expectNumber(thrownBy<SocketException>([&] { drain(both.client); }), 249, SSL_ERROR_SYSCALL);
+    expectNumber(thrownBy<SocketException>([&] { send(both.client, "more"); }), 198, SSL_ERROR_SYSCALL);
 }
 
 TEST_F(SSLSocketTransferTest, ResetFailsAtLine249WithCode5) {
@@ -284,9 +314,7 @@ TEST_F(SSLSocketTransferTest, ResetFailsAtLine249WithCode5) {
     SSL_set_quiet_shutdown(both.server, 1);
     both.server.close();
     const auto thrown = thrownBy<SocketException>([&] { drain(both.client); });
-    expectFailure(thrown, "SocketException", 4, "SSLSocket", 249);
-    ASSERT_EQ(2U, thrown.parameters().size());
-    EXPECT_EQ(Exception::Parameter(5), thrown.parameters()[1]);
+    expectNumber(thrown, 249, 5);
     EXPECT_THAT(getErrString(), testing::HasSubstr("Connection reset by peer"));
 }
 
@@ -320,9 +348,7 @@ TEST_F(SSLSocketTransferTest, TimeLimitEndsASendThatNobodyReads) {
     Connection both = connected();
     both.client.timeLimit(30);
     const auto thrown = thrownBy<SocketException>([&] { send(both.client, std::string(20000000, 's')); });
-    expectFailure(thrown, "SocketException", 4, "SSLSocket", 198);
-    ASSERT_EQ(2U, thrown.parameters().size());
-    EXPECT_EQ(Exception::Parameter(SSL_ERROR_WANT_WRITE), thrown.parameters()[1]);
+    expectNumber(thrown, 198, SSL_ERROR_WANT_WRITE);
 }
 
 TEST_F(SSLSocketTransferTest, TimeLimitEndsTheCloseNotifyThatNobodyReads) {

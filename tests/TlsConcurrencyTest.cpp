@@ -3,6 +3,7 @@
 #include "support/Tls.h"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -102,6 +103,34 @@ TEST_F(TlsConcurrencyTest, SendersAndReceiversOfOneSocketExcludeEachOther) {
         }
     }
     EXPECT_EQ(all, received);
+}
+
+/// Lets a test hold the socket's own lock.
+class Holdable : public Norvane::Crypto::NVSSL::SSLSocketImpl {
+public:
+    using SSLSocketImpl::SSLSocketImpl;
+    Norvane::Mutex& lock() { return *m_mutex; }
+};
+
+TEST_F(TlsConcurrencyTest, SendAndReceiveTakeTheSocketsOwnLock) {
+    SSLSocket listening = listener(serverContext());
+    auto accepted = std::async(std::launch::async, [&] { return listening.accept(); });
+    RefContext forClient = clientContext();
+    Socket client(Norvane::makeReference<Holdable, Norvane::SocketImpl>(forClient, listening.localAddress()));
+    Socket peer = accepted.get();
+    send(peer, "there");
+    std::future<int> sending;
+    std::future<std::string> receiving;
+    {
+        const Norvane::Synchronized held(dynamic_cast<Holdable&>(*client).lock());
+        sending = std::async(std::launch::async, [&] { return send(client, "here"); });
+        receiving = std::async(std::launch::async, [&] { return receive(client); });
+        constexpr std::chrono::milliseconds moment(50);
+        EXPECT_EQ(std::future_status::timeout, sending.wait_for(moment));
+        EXPECT_EQ(std::future_status::timeout, receiving.wait_for(moment));
+    }
+    EXPECT_EQ(4, sending.get());
+    EXPECT_EQ("there", receiving.get());
 }
 
 TEST_F(TlsConcurrencyTest, ContextsAreMadeAndReleasedInEightThreads) {
