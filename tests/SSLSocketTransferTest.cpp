@@ -163,6 +163,9 @@ TEST_F(SSLSocketTransferTest, ReceivingAfterACloseNotifyDoesNotWaitForThePlainCo
     EXPECT_EQ(0, drain(both.client));
     EXPECT_EQ(0, drain(both.client));
     EXPECT_EQ(0, errno);
+    both.client.blocking(false);
+    EXPECT_EQ(0, drain(both.client));
+    EXPECT_EQ(0, errno) << "the end, not EAGAIN";
 }
 
 TEST_F(SSLSocketTransferTest, CloseWithoutNotifyReadsAsZeroAgainAndAgainAndStaysRecognisable) {

@@ -1,11 +1,10 @@
+// What goes over a socket; how one is made and set up stands in SocketSetUp.cpp.
+
 #include <norvcmsg/Socket.h>
 
-#include "FileDescriptor.h"
 #include "NativeAddress.h"
-#include "SocketFailure.h"
+#include "SocketCalls.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -14,21 +13,15 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
-#include <utility>
 
 namespace Norvane {
 
-template class RefCounted<SocketImpl>;
-template class Ref<SocketImpl>;
+using detail::fail;
+using detail::Opening;
 
 namespace {
 
 constexpr uint_t largestCount = std::numeric_limits<int>::max();
-
-[[noreturn]] void fail(const char* where, int error, const SocketAddress& address = SocketAddress(),
-                       SourceLocation here = SourceLocation::current()) {
-    detail::throwSocketErrno(where, "SocketImpl", address.asString(), error, here);
-}
 
 /// What `call` answers once no signal interrupts it.
 template <class Call> auto uninterrupted(Call call) {
@@ -37,13 +30,6 @@ template <class Call> auto uninterrupted(Call call) {
         result = call();
     }
     return result;
-}
-
-void setOption(const char* where, int descriptor, int level, int option, int value,
-               SourceLocation here = SourceLocation::current()) {
-    if (setsockopt(descriptor, level, option, &value, sizeof value) != 0) {
-        fail(where, errno, SocketAddress(), here);
-    }
 }
 
 /// True for what ails the connection that was to be accepted, not the listener: it is passed over.
@@ -63,44 +49,7 @@ bool concernsThePeer(int error) {
     }
 }
 
-/// The address that `ask` (getsockname or getpeername) tells.
-template <class Ask> SocketAddress addressOf(const char* where, int descriptor, Ask ask) {
-    detail::NativeAddress native;
-    if (ask(descriptor, native.get(), &native.length) != 0) {
-        fail(where, errno);
-    }
-    return detail::fromNative(native.get());
-}
-
-void closeDescriptor(int& descriptor) noexcept {
-    const detail::FileDescriptor closed(std::exchange(descriptor, -1));
-}
-
-/// Closes a descriptor that was made in its scope, unless it is kept.
-class Opening {
-public:
-    explicit Opening(int& descriptor) noexcept : m_descriptor(descriptor), m_kept(descriptor >= 0) {}
-    Opening(const Opening&) = delete;
-    Opening& operator=(const Opening&) = delete;
-    ~Opening() {
-        if (!m_kept) {
-            closeDescriptor(m_descriptor);
-        }
-    }
-    void keep() noexcept { m_kept = true; }
-
-private:
-    int& m_descriptor;
-    bool m_kept;
-};
-
 } // namespace
-
-SocketImpl::SocketImpl() : m_mutex(&m_ownMutex), m_family(AF_INET) {}
-
-SocketImpl::~SocketImpl() {
-    closeDescriptor(m_descriptor);
-}
 
 Socket SocketImpl::accept() {
     Socket accepted(true);
@@ -237,111 +186,6 @@ int SocketImpl::receive(uchar_t* buffer, uint_t length) {
     }
 }
 
-void SocketImpl::set(int type, bool nonBlocking, bool reuseAddress, int family) {
-    constexpr auto where = "SocketImpl::set";
-    if (type != SOCK_STREAM) {
-        fail(where, ESOCKTNOSUPPORT);
-    }
-    if (family != AF_INET && family != AF_INET6) {
-        fail(where, EAFNOSUPPORT);
-    }
-    m_reuseAddress = reuseAddress;
-    m_family = family;
-    blocking(!nonBlocking);
-}
-
-void SocketImpl::blocking(bool wait) {
-    m_blocking = wait;
-    if (m_descriptor >= 0) {
-        applyMode("SocketImpl::blocking");
-    }
-}
-
-void SocketImpl::bind(const SocketAddress& address) {
-    constexpr auto where = "SocketImpl::bind";
-    if (address.isNull()) {
-        detail::throwSocket(where, "SocketImpl", "no address");
-    }
-    Opening opening(m_descriptor);
-    openForListening(where, address.family());
-    auto native = detail::toNative(address);
-    if (::bind(m_descriptor, native.get(), native.length) != 0) {
-        fail(where, errno, address);
-    }
-    opening.keep();
-}
-
-void SocketImpl::listen(int backlog) {
-    constexpr auto where = "SocketImpl::listen";
-    Opening opening(m_descriptor);
-    openForListening(where, m_family);
-    if (::listen(m_descriptor, backlog) != 0) {
-        fail(where, errno);
-    }
-    m_listening = true;
-    applyMode(where);
-    opening.keep();
-}
-
-void SocketImpl::shutdown(bool receiving, bool sending) {
-    constexpr auto where = "SocketImpl::shutdown";
-    requireOpen(where);
-    if (!receiving && !sending) {
-        return;
-    }
-    const int directions = receiving && sending ? SHUT_RDWR : receiving ? SHUT_RD : SHUT_WR;
-    // A connection that the peer has reset is ended already.
-    if (::shutdown(m_descriptor, directions) != 0 && errno != ENOTCONN) {
-        fail(where, errno);
-    }
-}
-
-void SocketImpl::noDelay(bool on) {
-    requireOpen("SocketImpl::noDelay");
-    setOption("SocketImpl::noDelay", m_descriptor, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
-}
-
-SocketAddress SocketImpl::localAddress() const {
-    requireOpen("SocketImpl::localAddress");
-    return addressOf("SocketImpl::localAddress", m_descriptor, &getsockname);
-}
-
-SocketAddress SocketImpl::remoteAddress() const {
-    requireOpen("SocketImpl::remoteAddress");
-    return addressOf("SocketImpl::remoteAddress", m_descriptor, &getpeername);
-}
-
-/// Makes the descriptor when there is none.
-void SocketImpl::open(const char* where, int family) {
-    if (m_descriptor >= 0) {
-        return;
-    }
-    detail::FileDescriptor made(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!made.isOpen()) {
-        fail(where, errno);
-    }
-    m_descriptor = made.release();
-}
-
-/// The same, with what has to be set before it is bound.
-void SocketImpl::openForListening(const char* where, int family) {
-    if (m_descriptor >= 0) {
-        return;
-    }
-    open(where, family);
-    setOption(where, m_descriptor, SOL_SOCKET, SO_REUSEADDR, m_reuseAddress ? 1 : 0);
-    if (family == AF_INET6) {
-        // Whether "[::]" takes IPv4 as well must not depend on how the machine is set up.
-        setOption(where, m_descriptor, IPPROTO_IPV6, IPV6_V6ONLY, 1);
-    }
-}
-
-void SocketImpl::requireOpen(const char* where) const {
-    if (m_descriptor < 0) {
-        fail(where, ENOTCONN);
-    }
-}
-
 /// Waits until one of `events` (or the end of the connection) is there; a non-blocking socket only looks. False when it
 /// is not.
 bool SocketImpl::wait(const char* where, const SocketAddress& peer, short events) const {
@@ -367,13 +211,6 @@ bool SocketImpl::wait(const char* where, const SocketAddress& peer, short events
         if (ready == 0 && Clock::now() >= until) {
             fail(where, ETIMEDOUT, peer);
         }
-    }
-}
-
-void SocketImpl::applyMode(const char* where) const {
-    int nonBlocking = m_blocking && !m_listening ? 0 : 1;
-    if (ioctl(m_descriptor, FIONBIO, &nonBlocking) != 0) {
-        fail(where, errno);
     }
 }
 
