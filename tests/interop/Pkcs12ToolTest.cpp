@@ -167,6 +167,14 @@ TEST_F(Pkcs12ToolTest, NothingIsWrittenWhenOneFileCannotBe) {
     }
 }
 
+TEST_F(Pkcs12ToolTest, FolderThatWasMadeGoesWhenNothingCanBeWrittenIntoIt) {
+    std::string folder = "out";
+    while (folder.size() < 4080) // a temporary file's name would be longer than a path can be
+        folder.insert(0, "./");
+    before = work.names();
+    expectFailure(p12("erin.p12", "pass", folder), "File name too long");
+}
+
 TEST_F(Pkcs12ToolTest, PassphraseIsNeeded) {
     before = work.names();
     expectFailure(tool({"p12", "erin.p12", "--out-dir", "out"}), "--passphrase-file is required");

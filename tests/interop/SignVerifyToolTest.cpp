@@ -214,6 +214,10 @@ TEST_F(SignVerifyToolTest, EncryptedKeyTakesTheFirstLineOfThePassphraseFile) {
         signBody({"--passphrase-file", "pass"});
         expectGood(tool({"verify", "--signature", "sig", "--in", "body"}));
     }
+    // A carriage return alone ends no line.
+    work.write("alice.key", alice().key.encryptedPem("open sesame\r"));
+    work.write("pass", std::string("open sesame\r"));
+    signBody({"--passphrase-file", "pass"});
 }
 
 TEST_F(SignVerifyToolTest, PassphraseFromStandardInput) {
