@@ -1,4 +1,4 @@
-// Published vectors of the eight ciphers, typed from the publications, and bodies that another program encrypted.
+// Published vectors of the eight ciphers, and bodies that another program encrypted.
 
 #include "support/Ciphers.h"
 

@@ -1,7 +1,6 @@
 // PKCS#12 files that other programs make: the tool imports what they hold, or says why not.
 
-#include "Process.h"
-#include "Workspace.h"
+#include "JudgedTest.h"
 
 #include <gtest/gtest.h>
 
@@ -12,27 +11,13 @@ using norvauthority::Identity;
 
 namespace {
 
-class Pkcs12InteropTest : public testing::Test {
+class Pkcs12InteropTest : public JudgedTest {
 protected:
     void SetUp() override {
-        work.write("root.pem", root().certificate.pem());
+        JudgedTest::SetUp();
         put("alice", alice());
         put("erin", erin());
         work.write("pass", std::string("secret\n"));
-    }
-    void put(const std::string& name, const Identity& identity) {
-        work.write(name + ".pem", identity.certificate.pem());
-        work.write(name + ".key", identity.key.pkcs8Pem());
-    }
-    Answer in(std::vector<std::string> arguments, const std::string& input = "") {
-        return run({.arguments = std::move(arguments),
-                    .input = input,
-                    .directory = work.directory(),
-                    .environment = {{"GNUPGHOME", work.path("gnupg")}, {"LC_ALL", "C"}}});
-    }
-    void succeeds(const std::vector<std::string>& arguments, const std::string& input = "") {
-        const Answer answer = in(arguments, input);
-        ASSERT_EQ(0, answer.status) << arguments[0] << ": " << answer.out << answer.err;
     }
     /// `openssl pkcs12 -export` into "file.p12" under "secret".
     void opensslExports(const std::vector<std::string>& more, const std::string& password = "secret") {
@@ -52,8 +37,6 @@ protected:
         EXPECT_EQ(identity.key.pkcs8Pem(), work.read("out/key.pem"));
         EXPECT_EQ(identity.certificate.pem(), work.read("out/cert.pem"));
     }
-
-    Workspace work;
 };
 
 TEST_F(Pkcs12InteropTest, OpenSslsFilesOfToday) {
@@ -145,11 +128,10 @@ TEST_F(Pkcs12InteropTest, PasswordsBeyondAscii) {
 }
 
 TEST_F(Pkcs12InteropTest, NssFiles) {
-    if (!installed("certutil") || !installed("pk12util")) {
+    if (!hasNss()) {
         GTEST_SKIP() << "the tools of NSS are not installed";
     }
-    std::filesystem::create_directory(work.path("nss"));
-    succeeds({"certutil", "-N", "-d", "nss", "--empty-password"});
+    makeNssDatabase();
     opensslExports({"-in", "alice.pem", "-inkey", "alice.key", "-certfile", "root.pem", "-name", "alice"});
     succeeds({"pk12util", "-i", "file.p12", "-d", "nss", "-W", "secret"});
     succeeds({"pk12util", "-o", "nss.p12", "-d", "nss", "-n", "alice", "-W", "secret"});
@@ -160,22 +142,11 @@ TEST_F(Pkcs12InteropTest, NssFiles) {
     expectImported(alice(), "old.p12");
 }
 
-class GpgsmPkcs12Test : public Pkcs12InteropTest {
-protected:
-    void TearDown() override {
-        if (work.exists("gnupg"))
-            in({"gpgconf", "--kill", "all"});
-    }
-};
-
-TEST_F(GpgsmPkcs12Test, GpgsmsFiles) {
-    if (!installed("gpgsm") || !installed("gpgconf")) {
+TEST_F(Pkcs12InteropTest, GpgsmsFiles) {
+    if (!hasGpgsm()) {
         GTEST_SKIP() << "gpgsm is not installed";
     }
-    std::filesystem::create_directory(work.path("gnupg"));
-    std::filesystem::permissions(work.path("gnupg"), std::filesystem::perms::owner_all);
-    work.write("gnupg/gpgsm.conf", std::string("disable-crl-checks\ndisable-dirmngr\n"));
-    work.write("gnupg/gpg-agent.conf", std::string("allow-loopback-pinentry\n"));
+    makeGpgsmHome();
     opensslExports({"-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES", "-macalg", "sha1", "-in", "alice.pem",
                     "-inkey", "alice.key"});
     const std::vector<std::string> gpgsm{"gpgsm",    "--batch",         "--yes", "--pinentry-mode",
