@@ -1,12 +1,10 @@
 #pragma once
 
 /// \file
-/// A CMS structure in a file, as verifying and decrypting read it and as signing and encrypting write it.
+/// A CMS structure in a file, as verifying and decrypting read it.
 
 #include "files/Input.h"
-#include "files/Output.h"
 
-#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 
 #include <functional>
@@ -19,8 +17,5 @@ namespace norvcrypt {
 /// threw), or more follows
 void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
                    const std::function<void(Norvane::MediaIn&)>& decode, Progress* progress = nullptr);
-
-/// Writes the structure as it is, or as a PEM block. \throws Failure
-void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem);
 
 } // namespace norvcrypt
