@@ -119,7 +119,7 @@ private:
 } // namespace
 
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
-    return decodeFrom<Pkcs7Ptr, d2i_PKCS7_bio>(source, "d2i_PKCS7_bio");
+    return decodeAcceptedFrom<Pkcs7Ptr, d2i_PKCS7>(source, "d2i_PKCS7_bio");
 }
 
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept {

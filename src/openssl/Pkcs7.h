@@ -14,7 +14,8 @@
 namespace Norvane::Crypto::openssl {
 
 /// Decodes one structure from `source`, which leaves nothing in the error queue; null when the bytes are none, with the
-/// reasons in the queue: at least one, also where OpenSSL gives none (the source ended between two elements).
+/// reasons in the queue: at least one, also where OpenSSL gives none (the source ended between two elements), and the
+/// refusal where there is one.
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept;
 
 /// The content of a structure of that type, else null. Null is answered for null.
