@@ -65,7 +65,7 @@ enum class SignatureReason : int {
     contentTypeMissing,    ///< signed attributes without a content type (RFC 5652, 5.3)
     contentTypeRepeated,   ///< a content type that stands twice, or has not exactly one value (RFC 5652, 11.1)
     contentTypeDiffers,    ///< the content type attribute is not the type of the content (RFC 5652, 11.1)
-    messageDigestMissing,  ///< signed attributes without a message digest (RFC 5652, 5.3)
+    messageDigestMissing,  ///< signed attributes without a message digest that is an OCTET STRING (RFC 5652, 5.3)
     messageDigestRepeated, ///< a message digest that stands twice, or has not exactly one value (RFC 5652, 11.2)
     signingTimeRepeated,   ///< a signing time that stands twice, or has not exactly one value (RFC 5652, 11.3)
     bodyIsAttributes,      ///< without signed attributes, over a body that is a set of attributes; see

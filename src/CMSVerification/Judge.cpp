@@ -53,6 +53,9 @@ std::optional<SignatureReason> faultOfAttributes(const PKCS7_SIGNER_INFO* signer
     if (digest.value == nullptr) {
         return SignatureReason::messageDigestRepeated;
     }
+    if (digest.value->type != V_ASN1_OCTET_STRING) {
+        return SignatureReason::messageDigestMissing;
+    }
     const auto time = openssl::signedAttribute(signer, NID_pkcs9_signingTime);
     return time.count != 0 && time.value == nullptr ? std::optional(SignatureReason::signingTimeRepeated)
                                                     : std::nullopt;
@@ -60,7 +63,7 @@ std::optional<SignatureReason> faultOfAttributes(const PKCS7_SIGNER_INFO* signer
 
 bool announces(const ASN1_TYPE* value, const BodyDigest& digest) {
     const int length = EVP_MD_get_size(digest.algorithm);
-    return value->type == V_ASN1_OCTET_STRING && ASN1_STRING_length(value->value.octet_string) == length &&
+    return ASN1_STRING_length(value->value.octet_string) == length &&
            std::memcmp(ASN1_STRING_get0_data(value->value.octet_string), digest.value.data(),
                        static_cast<std::size_t>(length)) == 0;
 }

@@ -89,13 +89,14 @@ const EVP_MD* signerDigest(const PKCS7_SIGNER_INFO* signer) noexcept {
 }
 
 std::uint64_t verificationWork(const EVP_PKEY* key) noexcept {
-    static constexpr std::uint64_t longestRsaExponent = 64;
+    static constexpr std::uint64_t longestRsaExponent = OPENSSL_RSA_MAX_PUBEXP_BITS; // also of short moduli
     const ErrorMark mark;
     const auto bits = static_cast<std::uint64_t>(std::max(EVP_PKEY_get_bits(key), 0));
     switch (keyFamily(key)) {
     case KeyFamily::rsa: {
         const std::uint64_t exponent = bitsOf(key, OSSL_PKEY_PARAM_RSA_E);
-        return exponent > longestRsaExponent ? unknownWork : powerWork(bits, exponent);
+        const bool sound = exponent <= longestRsaExponent && bits <= OPENSSL_RSA_MAX_MODULUS_BITS;
+        return sound ? powerWork(bits, exponent) : unknownWork;
     }
     case KeyFamily::dsa: {
         const std::uint64_t power = powerWork(bits, bitsOf(key, OSSL_PKEY_PARAM_FFC_Q));
