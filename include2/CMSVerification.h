@@ -59,7 +59,7 @@ enum class SignatureReason : int {
     signatureWrong,        ///< the signature does not belong to this body and the certificate's key
     contentDiffers,        ///< the structure carries a content, and the body given is another one
     certificateMissing,    ///< no certificate has the signer's issuer and serial number
-    keyUnusable,           ///< the certificate's RSA or DSA key cannot be decoded
+    keyUnusable,           ///< the certificate's RSA key cannot be decoded
     algorithmDiffers,      ///< the signature algorithm is one of other keys than the certificate's
     attributesMissing,     ///< a content that is no plain data needs signed attributes (RFC 5652, 5.3)
     contentTypeMissing,    ///< signed attributes without a content type (RFC 5652, 5.3)
@@ -74,7 +74,7 @@ enum class SignatureReason : int {
     // unsupported
     digestAlgorithm = 101, ///< the signer's digest algorithm
     signatureAlgorithm,    ///< the signer's signature algorithm: RSASSA-PSS, EdDSA, ...
-    keyAlgorithm,          ///< the key of the certificate, or that key with this digest
+    keyAlgorithm,          ///< the certificate's key, its parameters, or that key with this digest
     keyTooLarge,           ///< a modulus or public exponent that no sound key has; see `maximumKeyWork`
     tooManyDigests,        ///< `maximumDigests` others were named before this signer's
     tooManyCertificates,   ///< `maximumTries` certificates of this name failed, and there are more
@@ -96,8 +96,8 @@ inline constexpr std::uint64_t maximumWork = 500000;   ///< for a structure
 struct SignatureResult {
     SignatureVerdict verdict = SignatureVerdict::refused;
     SignatureReason reason = SignatureReason::signatureWrong;
-    /// For `digestAlgorithm`, `signatureAlgorithm`, `keyAlgorithm` and `keyTooLarge`: OpenSSL's long name of the
-    /// algorithm that is in the way ("rsassaPss"), or its object identifier in digits.
+    /// For `digestAlgorithm`, `signatureAlgorithm`, `keyAlgorithm` and `keyTooLarge`: the algorithm that is in the way by
+    /// its usual name ("RSASSA-PSS", "Ed25519"), else by OpenSSL's long name or its object identifier in digits.
     std::string algorithm;
     /// The certificate that the verdict is about: the good one, else the first that the signer names; an empty handle
     /// when there is none. It may outlive the structure.

@@ -20,7 +20,7 @@ SignatureResult refused(SignatureReason reason) {
     return {SignatureVerdict::refused, reason, {}, {}};
 }
 SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm = nullptr) {
-    return {SignatureVerdict::unsupported, reason, openssl::objectName(algorithm), {}};
+    return {SignatureVerdict::unsupported, reason, openssl::algorithmName(algorithm), {}};
 }
 
 /// Whether a body without signed attributes may be signed so (RFC 5652, 5.3).

@@ -94,7 +94,7 @@ const char* textOf(SignatureReason reason) noexcept {
     case SignatureReason::signatureAlgorithm:
         return "the signature algorithm is not supported";
     case SignatureReason::keyAlgorithm:
-        return "the certificate's kind of key is not supported here";
+        return "the certificate's key or its parameters are not supported";
     case SignatureReason::keyTooLarge:
         return "the certificate's key takes too long to compute with";
     case SignatureReason::tooManyDigests:

@@ -68,17 +68,26 @@ const ASN1_OBJECT* publicKeyAlgorithm(const X509* certificate) noexcept {
 }
 
 bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept {
-    const KeyFamily family = keyAlgorithm == nullptr ? KeyFamily::other : familyOf(OBJ_obj2nid(keyAlgorithm));
-    return family == KeyFamily::rsa || family == KeyFamily::dsa;
+    return keyAlgorithm != nullptr && familyOf(OBJ_obj2nid(keyAlgorithm)) == KeyFamily::rsa;
 }
 
-std::string objectName(const ASN1_OBJECT* object) {
-    if (object == nullptr) {
+std::string algorithmName(const ASN1_OBJECT* algorithm) {
+    if (algorithm == nullptr) {
         return {};
+    }
+    switch (OBJ_obj2nid(algorithm)) {
+    case NID_rsassaPss:
+        return "RSASSA-PSS";
+    case NID_ED25519:
+        return "Ed25519";
+    case NID_ED448:
+        return "Ed448";
+    default:
+        break;
     }
     const ErrorMark mark;
     std::array<char, 256> text{};
-    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object, 0);
+    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), algorithm, 0);
     return length <= 0 ? std::string() : std::string(text.data());
 }
 

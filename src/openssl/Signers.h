@@ -19,11 +19,12 @@ KeyFamily signatureFamily(const X509_ALGOR* algorithm) noexcept;
 KeyFamily keyFamily(const EVP_PKEY* key) noexcept;
 /// What a certificate says of its key, which need not decode.
 const ASN1_OBJECT* publicKeyAlgorithm(const X509* certificate) noexcept;
-/// Whether an algorithm is one that a certificate names RSA and DSA keys by, which decode unless they are damaged.
+/// Whether keys of an algorithm decode unless they are damaged: those of RSA. Others may refer to parameters that are
+/// elsewhere, or unknown.
 bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept;
 
-/// OpenSSL's long name of an object identifier, or its digits.
-std::string objectName(const ASN1_OBJECT* object);
+/// The standards' name of an algorithm where it is a usual one, else OpenSSL's long name or the digits.
+std::string algorithmName(const ASN1_OBJECT* algorithm);
 
 /// The digest that a signer names, possibly by a signature algorithm with it; null when OpenSSL has none such, or only
 /// one of variable length.
