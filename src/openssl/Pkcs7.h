@@ -50,6 +50,9 @@ std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t conten
 /// The encrypted content of an enveloped structure; null when there is none or `structure` is no such structure.
 const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept;
 
+/// Whether a certificate is the one that issuer and serial number name; false for null.
+bool namesCertificate(const PKCS7_ISSUER_AND_SERIAL* name, const X509* certificate) noexcept;
+
 /// Whether a certificate is the one that a recipient is named by; false for null.
 bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept;
 
