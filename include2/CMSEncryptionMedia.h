@@ -213,7 +213,8 @@ public:
     };
 
     /// Decodes the structure at once; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is
-    /// not asked here. `in` may go once this returns.
+    /// not asked here. `in` may go once this returns. What is undecodable here may still be a sound message, with
+    /// recipients of newer kinds or originator information: `EnvelopeOutline` (CMSEnvelopeOutline.h) tells.
     /// \param keys shared. An empty handle makes `write` throw "operator->", code 1, at the first recipient.
     DecrypterMediaIn(MediaIn& in, const NVX509::RefKeyStore& keys);
     ~DecrypterMediaIn() override;

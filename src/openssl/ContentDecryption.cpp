@@ -1,5 +1,6 @@
 #include "openssl/ContentDecryption.h"
 
+#include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 
@@ -18,22 +19,6 @@ constexpr int s_pieceLength = 0x4000;
 constexpr std::array<unsigned char, 11> s_rsaKem{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x10, 0x03, 0x0E};
 
 using CipherPtr = Owned<EVP_CIPHER, EVP_CIPHER_free>;
-
-std::string dotted(const ASN1_OBJECT* identifier) {
-    std::array<char, 128> text{};
-    const ErrorMark mark;
-    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 1);
-    return length <= 0 ? "an unreadable object identifier" : text.data();
-}
-
-/// The short name and the dotted number.
-std::string nameOf(const ASN1_OBJECT* identifier) {
-    if (identifier == nullptr) {
-        return "no algorithm";
-    }
-    const int nid = OBJ_obj2nid(identifier);
-    return nid == NID_undef ? dotted(identifier) : std::string(OBJ_nid2sn(nid)) + " (" + dotted(identifier) + ")";
-}
 
 const X509_ALGOR* contentAlgorithm(const PKCS7* structure) noexcept {
     const PKCS7_ENVELOPE* envelope = envelopedContent(structure);
@@ -116,13 +101,13 @@ bool decryptInto(BIO* out, EVP_CIPHER_CTX* context, const ASN1_OCTET_STRING* con
 std::string unsupportedContentCipher(const PKCS7* structure) {
     const X509_ALGOR* algorithm = contentAlgorithm(structure);
     const CipherPtr cipher = cipherOf(algorithm);
-    return cipher != nullptr && isForContent(cipher.get()) ? "" : nameOf(algorithmIdentifier(algorithm));
+    return cipher != nullptr && isForContent(cipher.get()) ? "" : algorithmName(algorithmIdentifier(algorithm));
 }
 
 std::string otherKeyEncryption(const PKCS7_RECIP_INFO* recipient) {
     const ASN1_OBJECT* identifier = recipient == nullptr ? nullptr : algorithmIdentifier(recipient->key_enc_algor);
     const int nid = identifier == nullptr ? NID_undef : OBJ_obj2nid(identifier);
-    return nid == NID_rsaEncryption || nid == NID_rsa ? "" : nameOf(identifier);
+    return nid == NID_rsaEncryption || nid == NID_rsa ? "" : algorithmName(identifier);
 }
 
 bool isOtherKeyEncryption(const PKCS7_RECIP_INFO* recipient) noexcept {
