@@ -2,7 +2,7 @@
 // every program in both directions; ciphers and counts of recipients are dealt out so that each meets each size, each
 // program and the other.
 
-#include "JudgedTest.h"
+#include "support/JudgedTest.h"
 
 #include <array>
 #include <cstdint>
@@ -67,15 +67,22 @@ protected:
         return exchange.several ? std::vector<std::string>{"carol", "bob", "alice"} : std::vector<std::string>{"bob"};
     }
     void toolEncrypts(const Exchange& exchange) {
-        std::vector<std::string> arguments{NORVCRYPT, "encrypt", "--cipher", exchange.cipher.name, "--in", "body",
-                                           "--out",   "msg",     "--to"};
+        std::vector<std::string> arguments{norvtest::norvcryptProgram,
+                                           "encrypt",
+                                           "--cipher",
+                                           exchange.cipher.name,
+                                           "--in",
+                                           "body",
+                                           "--out",
+                                           "msg",
+                                           "--to"};
         for (const std::string& who : recipientsOf(exchange))
             arguments.push_back(who + ".pem");
         succeeds(arguments);
     }
     void toolDecrypts() {
-        const Answer answer =
-            in({NORVCRYPT, "decrypt", "--cert", "bob.pem", "--key", "bob.key", "--in", "msg", "--out", "out"});
+        const Answer answer = in({norvtest::norvcryptProgram, "decrypt", "--cert", "bob.pem", "--key", "bob.key",
+                                  "--in", "msg", "--out", "out"});
         EXPECT_EQ(0, answer.status);
         EXPECT_NE(std::string::npos, answer.err.find(": decrypted with the key in bob.key")) << answer.err;
     }
@@ -198,7 +205,7 @@ TEST_F(EncryptionInteropTest, PemInBothDirections) {
     const std::string body = bodyOf(5000);
     work.write("body", body);
     for (const char* command : {"cms", "smime"}) {
-        succeeds({NORVCRYPT, "encrypt", "--pem", "--to", "bob.pem", "--in", "body", "--out", "msg"});
+        succeeds({norvtest::norvcryptProgram, "encrypt", "--pem", "--to", "bob.pem", "--in", "body", "--out", "msg"});
         succeeds({"openssl", command, "-decrypt", "-binary", "-inform", "PEM", "-in", "msg", "-recip", "bob.pem",
                   "-inkey", "bob.key", "-out", "out"});
         expectBody(body);

@@ -1,6 +1,6 @@
 // What the tool signs, other programs accept; what they sign, the tool accepts.
 
-#include "JudgedTest.h"
+#include "support/JudgedTest.h"
 
 #include <openssl/evp.h>
 
@@ -30,16 +30,18 @@ protected:
         put("erin", erin());
     }
     void toolSigns(const std::string& who, const std::string& digest) {
-        succeeds({NORVCRYPT, "sign", "--cert", who + ".pem", "--key", who + ".key", "--chain", "root.pem", "--digest",
-                  digest, "--in", "body", "--out", "sig"});
+        succeeds({norvtest::norvcryptProgram, "sign", "--cert", who + ".pem", "--key", who + ".key", "--chain",
+                  "root.pem", "--digest", digest, "--in", "body", "--out", "sig"});
     }
     /// The tool accepts "sig" over the body, and refuses it over another one when it is detached.
     void toolAccepts(const std::string& what, bool detached) {
-        std::vector<std::string> arguments{NORVCRYPT, "verify", "--signature", "sig"};
+        std::vector<std::string> arguments{norvtest::norvcryptProgram, "verify", "--signature", "sig"};
         if (detached) {
             arguments.insert(arguments.end(), {"--in", "body"});
-            const Answer refused = in({NORVCRYPT, "verify", "--signature", "sig"}, body + "x");
+            const Answer refused = in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, body + "x");
             EXPECT_EQ(1, refused.status) << what << refused.out << refused.err;
+        } else {
+            arguments.emplace_back("--embedded");
         }
         const Answer answer = in(arguments);
         EXPECT_EQ(0, answer.status) << what << ": " << answer.out << answer.err;
@@ -68,8 +70,8 @@ TEST_F(InteropTest, OpenSslAcceptsOurSignatures) {
 }
 
 TEST_F(InteropTest, OpenSslReadsOurPem) {
-    succeeds(
-        {NORVCRYPT, "sign", "--cert", "alice.pem", "--key", "alice.key", "--in", "body", "--out", "sig.pem", "--pem"});
+    succeeds({norvtest::norvcryptProgram, "sign", "--cert", "alice.pem", "--key", "alice.key", "--in", "body", "--out",
+              "sig.pem", "--pem"});
     for (const char* command : {"cms", "smime"})
         succeeds({"openssl", command, "-verify", "-binary", "-inform", "PEM", "-in", "sig.pem", "-content", "body",
                   "-CAfile", "root.pem", "-out", "/dev/null"});
@@ -130,27 +132,72 @@ TEST_F(InteropTest, SeveralSignersWithDifferentDigestsInOnePass) {
     ASSERT_LT(0, length);
     work.write("sig", norvauthority::Bytes(der, der + length));
     OPENSSL_free(der);
-    const Answer answer = in({NORVCRYPT, "verify", "--signature", "sig"}, body);
+    const Answer answer = in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, body);
     EXPECT_EQ(0, answer.status) << answer.out << answer.err;
-    EXPECT_EQ(3U, linesOf(answer.out).size());
+    EXPECT_EQ(4U, linesOf(answer.out).size());
     EXPECT_NE(std::string::npos, answer.out.find(alice().certificate.sha256()));
     EXPECT_NE(std::string::npos, answer.out.find(erin().certificate.sha256()));
-    const Answer one = in({NORVCRYPT, "verify", "--signature", "sig", "--cert", "erin.pem"}, body);
+    const Answer one = in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--cert", "erin.pem"}, body);
     EXPECT_EQ(1, one.status) << "one of two signers is not enough";
 }
 
 TEST_F(InteropTest, SignatureWithoutCertificatesNeedsOne) {
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nocerts", "-in", "body", "-out", "sig"});
-    EXPECT_EQ(1, in({NORVCRYPT, "verify", "--signature", "sig", "--in", "body"}).status);
-    EXPECT_EQ(0, in({NORVCRYPT, "verify", "--signature", "sig", "--in", "body", "--cert", "alice.pem"}).status);
+    EXPECT_EQ(1, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"}).status);
+    EXPECT_EQ(
+        0,
+        in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body", "--cert", "alice.pem"}).status);
 }
 
 TEST_F(InteropTest, EmbeddedEmptyBodyIsNotDetached) {
     work.write("empty", std::string());
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nodetach", "-in", "empty", "-out", "sig"});
-    EXPECT_EQ(0, in({NORVCRYPT, "verify", "--signature", "sig"}, "not asked for").status);
+    EXPECT_EQ(0, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--embedded"}).status);
+    EXPECT_EQ(2, in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, "not looked at").status);
+    EXPECT_EQ(1, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"}).status);
+}
+
+TEST_F(InteropTest, WhatIsNotSupportedIsNamedAndNeverCalledBad) {
+    const auto signedAs = [&](const std::string& who, const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{"openssl", "cms",     "-sign",      "-binary", "-outform",
+                                           "DER",     "-signer", who + ".pem", "-inkey",  who + ".key",
+                                           "-in",     "body",    "-out",       "sig"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        succeeds(arguments);
+        return in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"});
+    };
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{}, {"-noattr"}, {"-nodetach"}, {"-nodetach", "-stream"}}) {
+        std::vector<std::string> pss = more;
+        pss.insert(pss.end(), {"-keyopt", "rsa_padding_mode:pss"});
+        const Answer named = signedAs("alice", pss);
+        EXPECT_EQ(2, named.status) << named.out << named.err;
+        EXPECT_EQ("signer 1: NOT JUDGED, the signature algorithm is not supported: RSASSA-PSS, certificate SHA-256 " +
+                      alice().certificate.sha256() + " CN=alice,O=Interop,C=DE",
+                  linesOf(named.out).at(0));
+        for (const char* who : {"alice", "erin"}) {
+            std::vector<std::string> identifier = more;
+            identifier.emplace_back("-keyid");
+            const Answer answer = signedAs(who, identifier);
+            EXPECT_EQ(2, answer.status) << answer.out << answer.err;
+            EXPECT_EQ("", answer.out);
+            EXPECT_EQ("norvcrypt: sig cannot be judged: it holds a signer that is named by a key identifier, which is "
+                      "not supported\n",
+                      answer.err);
+        }
+    }
+    // In PEM, and from standard input, where nothing can be read twice.
+    succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "PEM", "-signer", "alice.pem", "-inkey", "alice.key",
+              "-in", "body", "-out", "sig", "-keyid"});
+    const Answer piped =
+        in({norvtest::norvcryptProgram, "verify", "--signature", "-", "--in", "body"}, work.read("sig"));
+    EXPECT_EQ(2, piped.status);
+    EXPECT_NE(std::string::npos, piped.err.find("standard input cannot be judged: it holds a signer that is named by"))
+        << piped.err;
+    // What can be judged: SHA-3 with RSA.
+    EXPECT_EQ(0, signedAs("alice", {"-md", "sha3-256"}).status);
 }
 
 class GpgsmTest : public InteropTest {

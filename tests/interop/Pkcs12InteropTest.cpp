@@ -1,6 +1,6 @@
 // PKCS#12 files that other programs make: the tool imports what they hold, or says why not.
 
-#include "JudgedTest.h"
+#include "support/JudgedTest.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ protected:
     }
     Answer imports(const std::string& file = "file.p12") {
         std::filesystem::remove_all(work.path("out"));
-        return in({NORVCRYPT, "p12", file, "--passphrase-file", "pass", "--out-dir", "out"});
+        return in({norvtest::norvcryptProgram, "p12", file, "--passphrase-file", "pass", "--out-dir", "out"});
     }
     /// The file gives this identity's key and certificate.
     void expectImported(const Identity& identity, const std::string& file = "file.p12") {

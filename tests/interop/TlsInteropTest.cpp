@@ -1,7 +1,7 @@
 // norvcrypt tls against other programs, in both roles: OpenSSL's s_client and s_server, GnuTLS's gnutls-cli and
 // gnutls-serv.
 
-#include "TlsPeers.h"
+#include "support/TlsPeers.h"
 
 #include <ostream>
 

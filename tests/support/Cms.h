@@ -185,8 +185,7 @@ inline Bytes bodyOf(std::size_t length) {
 
 /// A key of tests/data/keys.
 inline norvauthority::Key storedKey(const std::string& name) {
-    std::ifstream file(std::string(NORV_SOURCE_DIR) + "/tests/data/keys/" + name + ".pem");
-    return norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}});
+    return norvauthority::Key::fromPem(norvtest::storedKeyPem(name));
 }
 
 /// Identities under one authority, issued once in a process. Their keys are of the algorithm that their name tells.

@@ -4,6 +4,7 @@
 /// What the tests of certificates, lists and the key store share.
 
 #include "support/Judge.h"
+#include "support/Places.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Logger.h>
@@ -114,7 +115,7 @@ inline Norvane::MediaOut fullMediaOut(unsigned int limit) {
 
 /// A sample beside the checkout; nothing when the folder is not there.
 inline std::optional<norvauthority::Bytes> sample(const std::string& name) {
-    std::ifstream file(std::string(NORV_SOURCE_DIR) + "/../shared/samples/" + name, std::ios::binary);
+    std::ifstream file(norvtest::samplePath(name), std::ios::binary);
     if (!file) {
         return std::nullopt;
     }

@@ -22,10 +22,7 @@ using norvauthority::CertificateRequest;
 
 /// The key that all identities share: RSA, since to other keys nothing can be encrypted.
 inline const norvauthority::Key& sharedKey() {
-    static const norvauthority::Key key = [] {
-        std::ifstream file(NORV_SOURCE_DIR "/tests/data/keys/alice.pem");
-        return norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}});
-    }();
+    static const auto key = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"));
     return key;
 }
 

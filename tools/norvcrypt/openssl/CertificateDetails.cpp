@@ -244,9 +244,4 @@ bool hasSerialNumber(const X509* certificate, const ASN1_INTEGER* number) {
     return number != nullptr && ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), number) == 0;
 }
 
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate) {
-    return name != nullptr && X509_NAME_cmp(name->issuer, X509_get_issuer_name(certificate)) == 0 &&
-           ASN1_INTEGER_cmp(name->serial, X509_get0_serialNumber(certificate)) == 0;
-}
-
 } // namespace norvcrypt

@@ -76,7 +76,4 @@ bool isSameCertificate(const X509* one, const X509* other);
 /// Whether the certificate has that serial number, whatever its sign.
 bool hasSerialNumber(const X509* certificate, const ASN1_INTEGER* number);
 
-/// True when the certificate is the one that issuer and serial number name; negative numbers count like any others.
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate);
-
 } // namespace norvcrypt

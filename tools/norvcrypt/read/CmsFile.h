@@ -6,6 +6,7 @@
 #include "files/Input.h"
 
 #include <norvcmsg/Media.h>
+#include <norvcrypto/CMS.h>
 
 #include <functional>
 #include <string>
@@ -17,5 +18,8 @@ namespace norvcrypt {
 /// threw), or more follows
 void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
                    const std::function<void(Norvane::MediaIn&)>& decode, Progress* progress = nullptr);
+
+/// The one structure of a file, for verifying. \throws Failure as above; what is well formed and not supported is named
+Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::string& path);
 
 } // namespace norvcrypt

@@ -1,0 +1,129 @@
+// Meant for the thread sanitizer: look-ups in eight threads while the store is changed and loaded anew.
+
+#include "../Store.h"
+
+#include <norvcrypto/CMSSignerMedia.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace keystoretesting;
+using Purpose = DirectoryKeyStore::Purpose;
+
+namespace {
+
+class DirectoryKeyStoreConcurrencyTest : public DirectoryKeyStoreTest {};
+
+/// Runs `work` in eight threads, again and again, until `main` is through and each thread had a turn.
+template <class Work, class Main> void beside(Work work, Main main) {
+    std::atomic<bool> over{false};
+    std::atomic<int> waiting{8};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            work();
+            --waiting;
+            while (!over) {
+                work();
+            }
+        });
+    }
+    while (waiting > 0) {
+        std::this_thread::yield();
+    }
+    main();
+    over = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+/// Uses what a look-up gave as a mail layer does.
+void use(const KeyCertificatePair& pair) {
+    const auto& certificate = pair->certificate;
+    EXPECT_FALSE(certificate->subject().asString().empty());
+    EXPECT_FALSE(certificate->name().empty());
+    EXPECT_NE(static_cast<evp_pkey_st*>(certificate->key()), nullptr);
+    EXPECT_FALSE(certificate->validityPeriod().notAfter()->asTime().asString().empty());
+    EXPECT_FALSE(certificate->isCACert() && certificate->subjectKeyIdentifier().isNull());
+    for (const auto& one : pair->chain) {
+        EXPECT_NE(one->subject().hash(), 0UL);
+        EXPECT_GT(one->serialNumber().asInt(), 0);
+    }
+}
+
+void sign(const KeyCertificatePair& pair) {
+    Norvane::MemoryMediaOut signature;
+    CMS::SignerMediaOut signer(Hasher::SHA256, pair);
+    signer.attach(signature);
+    signer.write(x509testing::buffer(std::string("body")));
+    signer.end();
+    EXPECT_FALSE(signature.content().empty());
+}
+
+TEST_F(DirectoryKeyStoreConcurrencyTest, NoLookUpFailsWhileTheStoreIsReloaded) {
+    const auto root = identity("Root");
+    m_store.add("everybody", "*\n");
+    m_store.file("everybody/chain.pem", root.certificate.pem());
+    m_store.add("anna-0", "anna@example.com\n", identity("anna"));
+    const auto everybody = x509testing::read(identity("everybody"));
+    const auto store = open();
+    const auto stays = store->findSigningKey(address("x@example.org"));
+    beside(
+        [&] {
+            const auto anna = store->findSigningKey(address("anna@example.com"));
+            EXPECT_EQ(who(anna), "anna");
+            use(anna);
+            EXPECT_EQ(recipientFor(store, "x@example.org"), "everybody");
+            EXPECT_EQ(who(store->findDecryptionKey(address("anna@example.com"))), "anna");
+            const auto found = store->find(stays->certificate->issuer(), stays->certificate->serialNumber());
+            EXPECT_EQ(who(found), "everybody");
+            use(found);
+            const auto explanation = store->explain(address("anna@example.com"), Purpose::signing);
+            EXPECT_EQ(explanation.matches.size(), 2U);
+            EXPECT_EQ(explanation.winner, 0U);
+            EXPECT_EQ(store->contents()->identities.size(), 2U);
+        },
+        [&] {
+            for (int round = 1; round <= 10; ++round) {
+                const std::string number = std::to_string(round);
+                m_store.add(".next", "anna@example.com\n", identity("anna"));
+                m_store.remove("anna-" + std::to_string(round - 1));
+                std::filesystem::rename(m_store.path(".next"), m_store.path("anna-" + number));
+                store->reload();
+            }
+        });
+    use(stays);
+}
+
+TEST_F(DirectoryKeyStoreConcurrencyTest, OnePairSignsInEightThreads) {
+    m_store.add("anna", "anna@example.com\n");
+    const auto store = open();
+    beside([&] { sign(store->findSigningKey(address("anna@example.com"))); }, [] {});
+}
+
+TEST_F(DirectoryKeyStoreConcurrencyTest, ReloadsMayComeFromSeveralThreadsAndFail) {
+    m_store.add("anna", "anna@example.com\n");
+    const auto store = open();
+    std::atomic<int> reloads{0};
+    beside(
+        [&] {
+            try {
+                store->reload();
+            } catch (const Norvane::Exception&) {
+                EXPECT_EQ(signerFor(store, "anna@example.com"), "anna");
+            }
+            EXPECT_EQ(signerFor(store, "anna@example.com"), "anna");
+            ++reloads;
+        },
+        [&] {
+            m_store.folder(".", 0777);
+            const int before = reloads;
+            while (reloads < before + 8) {
+                std::this_thread::yield();
+            }
+            m_store.folder(".", 0755);
+        });
+}
+
+} // namespace

@@ -1,0 +1,122 @@
+// The examples run as their readers would run them.
+
+#include "support/Process.h"
+#include "support/Workspace.h"
+
+#include <gtest/gtest.h>
+
+using namespace interop;
+
+namespace {
+
+const std::string signBody = std::string(norvtest::programDirectory) + "sign_body";
+const std::string encryptBody = std::string(norvtest::programDirectory) + "encrypt_body";
+const std::string decryptBody = std::string(norvtest::programDirectory) + "decrypt_body";
+
+TEST(ExampleTest, SignBodySignsWhatOpenSslVerifies) {
+    const Workspace work;
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("root.pem", root().certificate.pem());
+    work.write("body", sampleBody());
+    const Answer answer =
+        run({.arguments = {signBody, "alice.pem", "alice.key", "body"}, .directory = work.directory()});
+    ASSERT_EQ(0, answer.status) << answer.err;
+    work.write("sig.b64", answer.out);
+    const std::string check =
+        "openssl base64 -d -A -in sig.b64 | openssl cms -verify -binary -inform DER -content body "
+        "-CAfile root.pem -out /dev/null";
+    const Answer verified = run({.arguments = {"/bin/sh", "-c", check}, .directory = work.directory()});
+    EXPECT_EQ(0, verified.status) << verified.err;
+}
+
+TEST(ExampleTest, SignBodyWithoutACertificateTellsItsUsage) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{signBody}, {signBody, "/none", "/none", "/none"}}) {
+        const Answer answer = run({.arguments = arguments});
+        EXPECT_EQ(2, answer.status);
+        EXPECT_EQ("usage: sign_body CERTIFICATE KEY BODY\n", answer.err);
+    }
+}
+
+TEST(ExampleTest, SignBodyTellsWhyItFails) {
+    const Workspace work;
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("erin.key", erin().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    const Answer answer =
+        run({.arguments = {signBody, "alice.pem", "erin.key", "body"}, .directory = work.directory()});
+    EXPECT_EQ(1, answer.status);
+    EXPECT_EQ("", answer.out);
+    EXPECT_NE(std::string::npos, answer.err.find("Private key does not match certificate")) << answer.err;
+}
+
+TEST(ExampleTest, EncryptBodyEncryptsWhatOpenSslAndDecryptBodyOpen) {
+    const Workspace work;
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("bob.key", bob().key.pkcs8Pem());
+    work.write("carol.pem", carol().certificate.pem());
+    work.write("carol.key", carol().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    const Answer encrypted =
+        run({.arguments = {encryptBody, "body", "message", "bob.pem", "carol.pem"}, .directory = work.directory()});
+    ASSERT_EQ(0, encrypted.status) << encrypted.err;
+    for (const std::string name : {"bob", "carol"}) {
+        const std::string certificate = name + ".pem";
+        const std::string key = name + ".key";
+        const Answer judged = run({.arguments = {"openssl", "cms", "-decrypt", "-inform", "DER", "-in", "message",
+                                                 "-recip", certificate, "-inkey", key},
+                                   .directory = work.directory()});
+        EXPECT_EQ(0, judged.status) << judged.err;
+        EXPECT_EQ(sampleBody(), judged.out);
+        const Answer decrypted =
+            run({.arguments = {decryptBody, "message", "clear", certificate, key}, .directory = work.directory()});
+        EXPECT_EQ(0, decrypted.status) << decrypted.err;
+        EXPECT_EQ(sampleBody(), work.read("clear"));
+    }
+}
+
+TEST(ExampleTest, DecryptBodyLeavesNoFileForAKeyThatDoesNotServe) {
+    const Workspace work;
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    ASSERT_EQ(0, run({.arguments = {encryptBody, "body", "message", "bob.pem"}, .directory = work.directory()}).status);
+    for (const std::string certificate : {"alice.pem", "bob.pem"}) { // another recipient; a key of another certificate
+        const Answer answer = run(
+            {.arguments = {decryptBody, "message", "clear", certificate, "alice.key"}, .directory = work.directory()});
+        EXPECT_EQ(1, answer.status);
+        EXPECT_NE(std::string::npos, answer.err.find("this key does not open the message")) << answer.err;
+        EXPECT_EQ(1, run({.arguments = {"test", "-e", "clear"}, .directory = work.directory()}).status);
+    }
+}
+
+TEST(ExampleTest, EncryptingAndDecryptingTellWhyTheyFail) {
+    const Workspace work;
+    work.write("erin.pem", erin().certificate.pem());
+    work.write("erin.key", erin().key.pkcs8Pem());
+    work.write("body", sampleBody());
+    EXPECT_EQ(2, run({.arguments = {encryptBody}}).status);
+    EXPECT_EQ(2, run({.arguments = {decryptBody}}).status);
+    const Answer missing =
+        run({.arguments = {encryptBody, "body", "message", "none.pem"}, .directory = work.directory()});
+    EXPECT_EQ(1, missing.status);
+    EXPECT_NE(std::string::npos, missing.err.find("no certificate in none.pem")) << missing.err;
+    const Answer refused =
+        run({.arguments = {encryptBody, "body", "message", "erin.pem"}, .directory = work.directory()});
+    EXPECT_EQ(1, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find("CMS::EncrypterMediaOutImpl::addCertificate")) << refused.err;
+    for (const std::string file : {"none.pem", "body", "erin.key"}) {
+        const Answer unread =
+            run({.arguments = {decryptBody, "body", "clear", file, "erin.key"}, .directory = work.directory()});
+        EXPECT_EQ(1, unread.status);
+        EXPECT_EQ("readPair (code 4): no certificate in " + file + "\n", unread.err);
+    }
+    const Answer garbled =
+        run({.arguments = {decryptBody, "body", "clear", "erin.pem", "erin.key"}, .directory = work.directory()});
+    EXPECT_EQ(1, garbled.status);
+    EXPECT_NE(std::string::npos, garbled.err.find("ASN1 Decode failed:")) << garbled.err;
+}
+
+} // namespace

@@ -1,0 +1,2 @@
+// A program around the precompiled header.
+int main() {}

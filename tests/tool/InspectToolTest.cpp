@@ -1,0 +1,509 @@
+// norvcrypt inspect: what it recognises, the keys of its JSON, and what odd and hostile objects do to both.
+
+#include "support/Process.h"
+#include "support/Workspace.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace interop;
+using namespace norvauthority;
+using nlohmann::json;
+
+namespace {
+
+std::vector<std::string> keysOf(const std::string& jsonText) {
+    std::vector<std::string> keys;
+    const nlohmann::ordered_json objects = nlohmann::ordered_json::parse(jsonText);
+    for (const auto& [key, value] : objects.at(0).items())
+        keys.push_back(key);
+    return keys;
+}
+
+class InspectToolTest : public testing::Test {
+protected:
+    Answer inspect(std::vector<std::string> arguments, const std::string& input = "") {
+        arguments.insert(arguments.begin(), "inspect");
+        return norvcrypt(Command{.arguments = arguments, .input = input, .directory = work.directory()});
+    }
+    /// The objects found in one file that is in order.
+    json objectsIn(const std::string& name) {
+        const Answer answer = inspect({"--json", name});
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ("", answer.err);
+        return json::parse(answer.out);
+    }
+    void expectUnreadable(const std::string& name, const std::string& line) {
+        for (const bool asJson : {false, true}) {
+            const Answer answer = asJson ? inspect({"--json", name}) : inspect({name});
+            EXPECT_EQ(2, answer.status);
+            EXPECT_EQ(asJson ? "[]\n" : "", answer.out);
+            EXPECT_EQ(1U, linesOf(answer.err).size());
+            EXPECT_EQ(0U, answer.err.find("norvcrypt: " + line)) << answer.err;
+        }
+    }
+
+    Workspace work;
+};
+
+TEST_F(InspectToolTest, CertificateHasEveryKeyInOrder) {
+    const Identity full = issue(
+        {.subject = {{"C", "DE"}, {"O", "Interop"}, {"CN", "Full"}},
+         .key = Key::ec(),
+         .issuer = &root(),
+         .serial = "0f00aBcD",
+         .notBefore = Time::utc("260102030405Z"),
+         .notAfter = Time::generalized("20560102030405Z"),
+         .ca = false,
+         .keyUsage = 0x80C0,
+         .alternativeNames = {GeneralName::email("a@example.org"), GeneralName::dns("example.org"),
+                              GeneralName::uri("ldap://example.org/x"), GeneralName::email("b@example.org")},
+         .crlDistributionPoints = {{.name = {{.full = {GeneralName::uri("http://example.org/crl")}}}},
+                                   {.name = {{.full = {GeneralName::directory({{"CN", "Lists"}, {"C", "DE"}})}}}}}});
+    work.write("full", full.certificate.der);
+    const Answer answer = inspect({"--json", "full"});
+    EXPECT_EQ(0, answer.status);
+    EXPECT_EQ(
+        (std::vector<std::string>{"file", "type", "subject", "issuer", "serial", "notBefore", "notAfter", "sha256",
+                                  "selfSigned", "ca", "keyUsage", "emails", "dns", "uris", "crlDistributionPoints"}),
+        keysOf(answer.out));
+    const json object = json::parse(answer.out).at(0);
+    EXPECT_EQ("full", object["file"]);
+    EXPECT_EQ("certificate", object["type"]);
+    EXPECT_EQ("CN=Full,O=Interop,C=DE", object["subject"]);
+    EXPECT_EQ("CN=Interop Root,O=Interop,C=DE", object["issuer"]);
+    EXPECT_EQ("0f00abcd", object["serial"]);
+    EXPECT_EQ("2026-01-02T03:04:05Z", object["notBefore"]);
+    EXPECT_EQ("2056-01-02T03:04:05Z", object["notAfter"]);
+    EXPECT_EQ(sha256({full.certificate.der.begin(), full.certificate.der.end()}), object["sha256"]);
+    EXPECT_EQ(false, object["selfSigned"]);
+    EXPECT_EQ(false, object["ca"]);
+    EXPECT_EQ(json({"digitalSignature", "nonRepudiation", "decipherOnly"}), object["keyUsage"]);
+    EXPECT_EQ(json({"a@example.org", "b@example.org"}), object["emails"]);
+    EXPECT_EQ(json::array({"example.org"}), object["dns"]);
+    EXPECT_EQ(json::array({"ldap://example.org/x"}), object["uris"]);
+    EXPECT_EQ(json({"http://example.org/crl", "C=DE,CN=Lists"}), object["crlDistributionPoints"]);
+}
+
+TEST_F(InspectToolTest, AbsentValuesAreLeftOut) {
+    const Identity bare = issue({.subject = {{"CN", "Bare"}}, .key = Key::ec(), .version = 1});
+    work.write("bare", bare.certificate.pem());
+    const Answer answer = inspect({"--json", "bare"});
+    EXPECT_EQ((std::vector<std::string>{"file", "type", "subject", "issuer", "serial", "notBefore", "notAfter",
+                                        "sha256", "selfSigned", "ca"}),
+              keysOf(answer.out));
+    const json object = json::parse(answer.out).at(0);
+    EXPECT_EQ("01", object["serial"]);
+    EXPECT_EQ(true, object["selfSigned"]);
+    EXPECT_EQ(true, object["ca"]);
+}
+
+TEST_F(InspectToolTest, AddressInTheSubjectIsAnAddressToo) {
+    const Identity old =
+        issue({.subject = {{"CN", "Old"}, {"emailAddress", "old@example.org", V_ASN1_IA5STRING}},
+               .key = Key::ec(),
+               .alternativeNames = {GeneralName::email("new@example.org"), GeneralName::email("old@example.org")}});
+    work.write("old", old.certificate.der);
+    EXPECT_EQ(json({"new@example.org", "old@example.org"}), objectsIn("old").at(0)["emails"]);
+}
+
+TEST_F(InspectToolTest, ListHasEveryKeyInOrder) {
+    const Crl list = issueList({.issuer = &root(),
+                                .numbered = 3,
+                                .thisUpdate = Time::utc("260102030405Z"),
+                                .nextUpdate = Time::utc("260202030405Z"),
+                                .crlNumber = "1234567890abcdef1234",
+                                .deltaBase = "01"});
+    for (const bool pem : {false, true}) {
+        if (pem)
+            work.write("list", list.pem());
+        else
+            work.write("list", list.der);
+        const Answer answer = inspect({"--json", "list"});
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ((std::vector<std::string>{"file", "type", "issuer", "thisUpdate", "nextUpdate", "crlNumber", "delta",
+                                            "entries", "sha256"}),
+                  keysOf(answer.out));
+        const json object = json::parse(answer.out).at(0);
+        EXPECT_EQ("crl", object["type"]);
+        EXPECT_EQ("CN=Interop Root,O=Interop,C=DE", object["issuer"]);
+        EXPECT_EQ("2026-01-02T03:04:05Z", object["thisUpdate"]);
+        EXPECT_EQ("2026-02-02T03:04:05Z", object["nextUpdate"]);
+        EXPECT_EQ("1234567890abcdef1234", object["crlNumber"]);
+        EXPECT_EQ(true, object["delta"]);
+        EXPECT_EQ(3, object["entries"]);
+        EXPECT_EQ(sha256({list.der.begin(), list.der.end()}), object["sha256"]);
+    }
+}
+
+TEST_F(InspectToolTest, BareListLeavesOutWhatIsAbsent) {
+    work.write("list", issueList({.issuer = &root(), .nextUpdate = std::nullopt, .version = 1}).der);
+    const json object = objectsIn("list").at(0);
+    EXPECT_FALSE(object.contains("nextUpdate"));
+    EXPECT_FALSE(object.contains("crlNumber"));
+    EXPECT_EQ(false, object["delta"]);
+    EXPECT_EQ(0, object["entries"]);
+}
+
+TEST_F(InspectToolTest, SignedStructure) {
+    work.write("body", sampleBody());
+    work.write("cert", alice().certificate.pem());
+    work.write("key", alice().key.pkcs8Pem());
+    ASSERT_EQ(0,
+              norvcrypt(Command{.arguments = {"sign", "--cert", "cert", "--key", "key", "--in", "body", "--out", "sig"},
+                                .directory = work.directory()})
+                  .status);
+    const Answer answer = inspect({"--json", "sig"});
+    EXPECT_EQ((std::vector<std::string>{"file", "type", "contentType", "detached", "signers", "certificates", "crls"}),
+              keysOf(answer.out));
+    const json object = json::parse(answer.out).at(0);
+    EXPECT_EQ("cms", object["type"]);
+    EXPECT_EQ("pkcs7-signedData", object["contentType"]);
+    EXPECT_EQ(true, object["detached"]);
+    EXPECT_EQ(json({{{"issuer", "CN=Interop Root,O=Interop,C=DE"},
+                     {"serial", "2001"},
+                     {"digestAlgorithm", "sha256"},
+                     {"signatureAlgorithm", "rsaEncryption"}}}),
+              object["signers"]);
+    ASSERT_EQ(1U, object["certificates"].size());
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", object["certificates"][0]["subject"]);
+    EXPECT_EQ(alice().certificate.sha256(), object["certificates"][0]["sha256"]);
+    EXPECT_EQ(json::array(), object["crls"]);
+}
+
+TEST_F(InspectToolTest, EnvelopedStructureHasRecipients) {
+    work.write("cert", alice().certificate.pem());
+    ASSERT_EQ(0, run({.arguments = {"openssl", "cms", "-encrypt", "-aes256", "-binary", "-outform", "DER", "-out",
+                                    work.path("enveloped"), work.path("cert")},
+                      .input = sampleBody()})
+                     .status);
+    const json object = objectsIn("enveloped").at(0);
+    EXPECT_EQ("pkcs7-envelopedData", object["contentType"]);
+    EXPECT_EQ(json({{{"issuer", "CN=Interop Root,O=Interop,C=DE"}, {"serial", "2001"}}}), object["recipients"]);
+    EXPECT_FALSE(object.contains("signers"));
+    EXPECT_FALSE(object.contains("detached"));
+}
+
+TEST_F(InspectToolTest, WrappedContentTypeIsShownInFull) {
+    work.write("odd", contentInfo(fromHex("2a864886f70d01079080808003"), der::null()));
+    const json object = objectsIn("odd").at(0);
+    EXPECT_EQ("1.2.840.113549.1.7.4294967299", object["contentType"]);
+    EXPECT_FALSE(object.contains("recipients"));
+}
+
+TEST_F(InspectToolTest, KeysInEveryForm) {
+    const Key rsa = alice().key;
+    const Bytes spki = rsa.publicDer();
+    const std::string expected = sha256({spki.begin(), spki.end()});
+    const auto check = [&](const std::string& type) {
+        const json object = objectsIn("key").at(0);
+        EXPECT_EQ(json({{"file", "key"}, {"type", type}, {"algorithm", "RSA"}, {"bits", 2048}, {"sha256", expected}}),
+                  object);
+    };
+    work.write("key", rsa.pkcs8());
+    check("private-key");
+    work.write("key", rsa.traditionalDer());
+    check("private-key");
+    work.write("key", rsa.pkcs8Pem());
+    check("private-key");
+    work.write("key", pem("RSA PRIVATE KEY", rsa.traditionalDer()));
+    check("private-key");
+    work.write("key", spki);
+    check("public-key");
+    work.write("key", rsa.publicPem());
+    check("public-key");
+}
+
+TEST_F(InspectToolTest, OtherKindsOfKeys) {
+    work.write("dsa", dora().key.pkcs8Pem());
+    work.write("ec", erin().key.pkcs8());
+    work.write("sec1", pem("EC PARAMETERS", fromHex("06082a8648ce3d030107")) +
+                           pem("EC PRIVATE KEY", erin().key.traditionalDer()));
+    work.write("ed", Key::ed25519().publicDer());
+    EXPECT_EQ("DSA", objectsIn("dsa").at(0)["algorithm"]);
+    EXPECT_EQ(2048, objectsIn("dsa").at(0)["bits"]);
+    EXPECT_EQ("EC", objectsIn("ec").at(0)["algorithm"]);
+    EXPECT_EQ(256, objectsIn("ec").at(0)["bits"]);
+    EXPECT_EQ(1U, objectsIn("sec1").size());
+    EXPECT_EQ(objectsIn("ec").at(0)["sha256"], objectsIn("sec1").at(0)["sha256"]);
+    EXPECT_EQ("ED25519", objectsIn("ed").at(0)["algorithm"]);
+}
+
+TEST_F(InspectToolTest, BarePublicRsaKey) {
+    work.write("clear", alice().key.pkcs8Pem());
+    ASSERT_EQ(0, run({.arguments = {"openssl", "rsa", "-in", work.path("clear"), "-RSAPublicKey_out", "-out",
+                                    work.path("key")}})
+                     .status);
+    EXPECT_NE(std::string::npos, work.read("key").find("BEGIN RSA PUBLIC KEY"));
+    EXPECT_EQ("public-key", objectsIn("key").at(0)["type"]);
+    EXPECT_EQ(objectsIn("clear").at(0)["sha256"], objectsIn("key").at(0)["sha256"]);
+}
+
+TEST_F(InspectToolTest, EncryptedKeysDoNotPrompt) {
+    work.write("clear", alice().key.pkcs8Pem());
+    work.write("key", alice().key.encryptedPem("secret"));
+    const json expected{{"file", "key"}, {"type", "private-key"}, {"encrypted", true}};
+    EXPECT_EQ(expected, objectsIn("key").at(0));
+    ASSERT_EQ(0, run({.arguments = {"openssl", "pkcs8", "-topk8", "-in", work.path("clear"), "-outform", "DER", "-out",
+                                    work.path("key"), "-passout", "pass:secret"}})
+                     .status);
+    EXPECT_EQ(expected, objectsIn("key").at(0));
+    ASSERT_EQ(0, run({.arguments = {"openssl", "rsa", "-in", work.path("clear"), "-traditional", "-aes128", "-out",
+                                    work.path("key"), "-passout", "pass:secret"}})
+                     .status);
+    EXPECT_EQ(expected, objectsIn("key").at(0));
+}
+
+TEST_F(InspectToolTest, SeveralObjectsInOneFile) {
+    work.write("all", "first\n" + alice().certificate.pem() + "second\n" + issueList({.issuer = &root()}).pem() +
+                          alice().key.publicPem() + alice().key.pkcs8Pem() +
+                          pem("TRUSTED CERTIFICATE", root().certificate.der));
+    const json objects = objectsIn("all");
+    std::vector<std::string> types;
+    for (const json& object : objects)
+        types.push_back(object["type"]);
+    EXPECT_EQ((std::vector<std::string>{"certificate", "crl", "public-key", "private-key", "certificate"}), types);
+}
+
+TEST_F(InspectToolTest, DerObjectsOneAfterAnother) {
+    std::string both(alice().certificate.der.begin(), alice().certificate.der.end());
+    both.append(root().certificate.der.begin(), root().certificate.der.end());
+    work.write("both", both + "\n");
+    EXPECT_EQ(2U, objectsIn("both").size());
+}
+
+TEST_F(InspectToolTest, SeveralFilesInOrder) {
+    work.write("one", alice().certificate.der);
+    work.write("two", root().certificate.pem());
+    const Answer answer = inspect({"--json", "two", "one"});
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(2U, objects.size());
+    EXPECT_EQ("two", objects[0]["file"]);
+    EXPECT_EQ("one", objects[1]["file"]);
+}
+
+TEST_F(InspectToolTest, StandardInput) {
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--json"}, {"--json", "-"}}) {
+        const Answer answer = inspect(arguments, alice().certificate.pem());
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ("-", json::parse(answer.out).at(0)["file"]);
+    }
+}
+
+TEST_F(InspectToolTest, PemTextThatBeginsLikeDer) {
+    work.write("text", "0 is where it starts\n" + alice().certificate.pem());
+    EXPECT_EQ(1U, objectsIn("text").size());
+}
+
+TEST_F(InspectToolTest, TextHasALineForEachValue) {
+    work.write("alice", alice().certificate.der);
+    const Answer answer = inspect({"alice"});
+    EXPECT_EQ(0, answer.status);
+    const std::vector<std::string> lines = linesOf(answer.out);
+    EXPECT_EQ("alice: certificate", lines.at(0));
+    EXPECT_EQ("  subject: CN=alice,O=Interop,C=DE", lines.at(1));
+    EXPECT_EQ("  issuer: CN=Interop Root,O=Interop,C=DE", lines.at(2));
+    EXPECT_EQ("  serial: 2001", lines.at(3));
+    EXPECT_EQ("  sha256: " + alice().certificate.sha256(), lines.at(6));
+    EXPECT_EQ("  selfSigned: false", lines.at(7));
+    EXPECT_EQ("  keyUsage: digitalSignature", lines.at(9));
+    EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(10));
+    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(11));
+    EXPECT_EQ("  emails: alice@example.org", lines.at(12));
+}
+
+TEST_F(InspectToolTest, NegativeSerialNumberIsToldAndTheRestGoesOn) {
+    const Identity odd = issue({.subject = {{"CN", "Odd"}}, .key = Key::ec(), .issuer = &root(), .serial = "-1f"});
+    work.write("odd", odd.certificate.pem() + alice().certificate.pem());
+    const json objects = objectsIn("odd");
+    ASSERT_EQ(2U, objects.size());
+    EXPECT_EQ("-1f", objects[0]["serial"]);
+    EXPECT_EQ(json::array({"a negative serial number"}), objects[0]["problems"]);
+    EXPECT_EQ("2001", objects[1]["serial"]);
+    EXPECT_FALSE(objects[1].contains("problems"));
+    const Answer text = inspect({"odd"});
+    EXPECT_NE(std::string::npos, text.out.find("  problems: a negative serial number\n"));
+}
+
+TEST_F(InspectToolTest, TimesThatAreNoneAreToldAndLeftOut) {
+    const Identity odd = issue({.subject = {{"CN", "Odd"}},
+                                .key = Key::ec(),
+                                .notBefore = Time::utc("9913"),
+                                .notAfter = Time::generalized("20260102030405+0200")});
+    work.write("odd", odd.certificate.der);
+    const json object = objectsIn("odd").at(0);
+    EXPECT_FALSE(object.contains("notBefore"));
+    EXPECT_EQ(json::array({"notBefore is no proper time"}), object["problems"]);
+    EXPECT_EQ("2026-01-02T01:04:05Z", object["notAfter"]);
+}
+
+TEST_F(InspectToolTest, MalformedExtensionsAreTold) {
+    const Identity odd = issue(
+        {.subject = {{"CN", "Odd"}},
+         .key = Key::ec(),
+         .extensions = {{.oid = "2.5.29.17", .value = {0x30, 0x05}}, {.oid = "2.5.29.31", .value = {0x04, 0x00}}}});
+    work.write("odd", odd.certificate.der);
+    EXPECT_EQ(json({"a malformed subject alternative name", "malformed CRL distribution points"}),
+              objectsIn("odd").at(0)["problems"]);
+}
+
+TEST_F(InspectToolTest, HostileTextsNeitherBreakNorForge) {
+    const Identity evil = issue({.subject = {{"CN", "evil\n  issuer: CN=Good\x1B[2J\xFF", V_ASN1_T61STRING}},
+                                 .key = Key::ec(),
+                                 .alternativeNames = {GeneralName::email("a\n  emails: b@example.org\x1B[31m"),
+                                                      GeneralName::email("latin\xE9\\@example.org"),
+                                                      GeneralName::dns("\xE2\x80\xAEgro.elpmaxe"),
+                                                      GeneralName::uri(std::string("http://a\0b", 10))}});
+    work.write("evil\n\xFF", evil.certificate.der);
+    const Answer text = inspect({"evil\n\xFF"});
+    EXPECT_EQ(0, text.status);
+    for (const std::string& line : linesOf(text.out)) {
+        EXPECT_NE(0U, line.find("  issuer: CN=Good"));
+        EXPECT_NE(0U, line.find("  emails: b@"));
+    }
+    EXPECT_EQ("evil\\x0A\\xFF: certificate", linesOf(text.out).at(0));
+    for (const char octet : text.out)
+        EXPECT_TRUE(octet == '\n' || (octet >= 0x20 && octet < 0x7F)) << static_cast<int>(octet);
+    EXPECT_NE(std::string::npos, text.out.find("  emails: a\\x0A  emails: b@example.org\\x1B[31m\n"));
+
+    const Answer asJson = inspect({"--json", "evil\n\xFF"});
+    EXPECT_EQ(0, asJson.status);
+    for (const char octet : asJson.out)
+        EXPECT_TRUE(octet == '\n' || (octet >= 0x20 && octet < 0x7F)) << static_cast<int>(octet);
+    const json object = json::parse(asJson.out).at(0);
+    EXPECT_EQ("evil\n\\xFF", object["file"]);
+    EXPECT_EQ("CN=evil\\x0A  issuer: CN=Good\\x1B[2J\\xFF", object["subject"]);
+    EXPECT_EQ(json({"a\n  emails: b@example.org\x1B[31m", "latin\\xE9\\\\@example.org"}), object["emails"]);
+    EXPECT_EQ(json::array({"\xE2\x80\xAEgro.elpmaxe"}), object["dns"]);
+    EXPECT_EQ(json::array({std::string("http://a\0b", 10)}), object["uris"]);
+}
+
+TEST_F(InspectToolTest, NoTwoTextsComeOutAlikeInJson) {
+    const Identity odd = issue({.subject = {{"CN", "Odd"}},
+                                .key = Key::ec(),
+                                .alternativeNames = {GeneralName::email("\xE9@x"), GeneralName::email("\\xE9@x"),
+                                                     GeneralName::email("\\\\xE9@x"), GeneralName::email("a\\b")}});
+    work.write("odd\\xFF", odd.certificate.der);
+    const json object = objectsIn("odd\\xFF").at(0);
+    EXPECT_EQ("odd\\\\xFF", object["file"]);
+    EXPECT_EQ(json({"\\xE9@x", "\\\\xE9@x", "\\\\\\\\xE9@x", "a\\b"}), object["emails"]);
+}
+
+TEST_F(InspectToolTest, EarlyYearsHaveFourDigits) {
+    const Identity old = issue({.subject = {{"CN", "Old"}},
+                                .key = Key::ec(),
+                                .notBefore = Time::generalized("00000101000000Z"),
+                                .notAfter = Time::generalized("09991231235959Z")});
+    work.write("old", old.certificate.der);
+    const json object = objectsIn("old").at(0);
+    EXPECT_EQ("0000-01-01T00:00:00Z", object["notBefore"]);
+    EXPECT_EQ("0999-12-31T23:59:59Z", object["notAfter"]);
+}
+
+TEST_F(InspectToolTest, NamesThatTheParserWouldTakeApart) {
+    for (const char* name : {"[a,b]", "[]", "++"}) {
+        work.write(name, root().certificate.der);
+        EXPECT_EQ(name, objectsIn(name).at(0)["file"]);
+    }
+}
+
+TEST_F(InspectToolTest, GarbageBehindAnObjectIsToldOnce) {
+    std::string content(root().certificate.der.begin(), root().certificate.der.end());
+    for (int count = 0; count < 100000; ++count)
+        content.append("\x30\x02\x05\x00", 4);
+    content.append(alice().certificate.der.begin(), alice().certificate.der.end());
+    content.append(20, '\0');
+    work.write("mixed", content);
+    const Answer answer = inspect({"--json", "mixed"});
+    EXPECT_EQ(2, answer.status);
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(2U, objects.size());
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", objects[1]["subject"]);
+    EXPECT_EQ("norvcrypt: mixed: object 2: no certificate, list, key or CMS structure, or a malformed one\n"
+              "norvcrypt: mixed: object 4: no certificate, list, key or CMS structure, or a malformed one\n",
+              answer.err);
+}
+
+TEST_F(InspectToolTest, UnknownContent) {
+    work.write("text", std::string("Dear Bob,\n"));
+    expectUnreadable("text", "text: no certificate, list, key or CMS structure\n");
+    work.write("empty", std::string());
+    expectUnreadable("empty", "empty: empty\n");
+    work.write("zeroes", std::string(1000, '\0'));
+    expectUnreadable("zeroes", "zeroes: no certificate, list, key or CMS structure\n");
+    work.write("sequence", fromHex("3003020105"));
+    expectUnreadable("sequence", "sequence: no certificate, list, key or CMS structure, or a malformed one\n");
+    work.write("request", pem("CERTIFICATE REQUEST", fromHex("3000")));
+    expectUnreadable("request", "request: a PEM block of the unknown kind CERTIFICATE REQUEST\n");
+    expectUnreadable("none", "cannot open none: No such file or directory\n");
+    expectUnreadable(".", "cannot read .: Is a directory\n");
+}
+
+TEST_F(InspectToolTest, TruncatedObjects) {
+    Bytes der = alice().certificate.der;
+    der.pop_back();
+    work.write("certificate", der);
+    expectUnreadable("certificate", "certificate: malformed: it ends before its announced length\n");
+    der = issueList({.issuer = &root()}).der;
+    der.pop_back();
+    work.write("list", pem("X509 CRL", der));
+    expectUnreadable("list", "list: malformed revocation list: 0x");
+    work.write("certificate", pem("CERTIFICATE", der));
+    expectUnreadable("certificate", "certificate: malformed certificate: 0x");
+    work.write("cut", alice().certificate.pem().substr(0, 300));
+    expectUnreadable("cut", "cut: a damaged PEM block: ");
+    work.write("public", pem("PUBLIC KEY", fromHex("3000")));
+    expectUnreadable("public", "public: Crypto::PublicKey::read (code 4, Key:241): ");
+    work.write("cms", fromHex("300b06092a864886f70d0107"));
+    expectUnreadable("cms", "cms: CMS::_ContentInfo::_ContentInfo (code 4, CMS:389): ASN1 Decode failed:");
+}
+
+TEST_F(InspectToolTest, AnnouncedGigabyteCostsNothing) {
+    work.write("huge", fromHex("3084400000003000"));
+    expectUnreadable("huge", "huge: malformed: it ends before its announced length\n");
+    work.write("huge", fromHex("3084400000000609 2a864886f70d010702"));
+    expectUnreadable("huge", "huge: CMS::_ContentInfo::_ContentInfo (code 4, CMS:389): ASN1 Decode failed:");
+}
+
+TEST_F(InspectToolTest, OneBadObjectLeavesTheOthersReadable) {
+    std::string damaged = root().certificate.pem();
+    damaged[100] = '!';
+    work.write("mixed", alice().certificate.pem() + damaged + erin().certificate.pem());
+    work.write("bad", std::string("nothing"));
+    work.write("good", root().certificate.der);
+    const Answer answer = inspect({"--json", "mixed", "bad", "good"});
+    EXPECT_EQ(2, answer.status);
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(3U, objects.size());
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", objects[0]["subject"]);
+    EXPECT_EQ("CN=erin,O=Interop,C=DE", objects[1]["subject"]);
+    EXPECT_EQ("good", objects[2]["file"]);
+    const std::vector<std::string> lines = linesOf(answer.err);
+    ASSERT_EQ(2U, lines.size());
+    EXPECT_EQ(0U, lines[0].find("norvcrypt: mixed: object 2: a damaged PEM block: "));
+    EXPECT_EQ("norvcrypt: bad: no certificate, list, key or CMS structure", lines[1]);
+}
+
+TEST_F(InspectToolTest, UnwritableOutput) {
+    work.write("alice", alice().certificate.der);
+    for (const bool asJson : {false, true}) {
+        Command command{.arguments = {"inspect", "alice"}, .outputFile = "/dev/full", .directory = work.directory()};
+        if (asJson)
+            command.arguments.emplace_back("--json");
+        const Answer answer = norvcrypt(command);
+        EXPECT_EQ(2, answer.status);
+        EXPECT_EQ("norvcrypt: cannot write standard output: No space left on device\n", answer.err);
+    }
+}
+
+TEST_F(InspectToolTest, ManyAddressesStayLinear) {
+    std::vector<GeneralName> names;
+    names.reserve(12000);
+    for (int number = 0; number < 12000; ++number)
+        names.push_back(GeneralName::email("address" + std::to_string(number) + "@example.org"));
+    work.write("many",
+               issue({.subject = {{"CN", "Many"}}, .key = Key::ec(), .alternativeNames = names}).certificate.der);
+    EXPECT_EQ(12000U, objectsIn("many").at(0)["emails"].size());
+}
+
+} // namespace
