@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 
 namespace Norvane::Crypto::openssl {
 
@@ -70,8 +71,8 @@ NamePtr copyOf(const X509_NAME* name) {
 }
 
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
-    if (type.find('\0') != std::string::npos) {
-        return; // no type that OpenSSL knows; it would look at the part before the zero byte only
+    if (type.find('\0') != std::string::npos || value.size() > INT_MAX) {
+        return; // no type that OpenSSL knows; it would look at the part before the zero byte only, and count in int
     }
     const ErrorMark mark;
     const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());
