@@ -3,6 +3,7 @@
 #include "openssl/OpenSsl.h"
 #include "recognise/DerAndPem.h"
 
+#include <norvcrypto/Acceptance.h>
 #include <norvcrypto/Crypto.h>
 
 #include <algorithm>
@@ -80,8 +81,11 @@ std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::st
         if (object.kind != ObjectKind::certificate)
             continue;
         const NVX509::RefCertificate certificate = factory.readDER(object.der);
-        if (certificate.isNull())
-            throw Failure(inputName(path) + ": malformed certificate");
+        if (certificate.isNull()) {
+            const std::string refusal = Norvane::Crypto::refusal(object.der);
+            throw Failure(inputName(path) + ": " +
+                          (refusal.empty() ? std::string("malformed certificate") : "certificate " + refusal));
+        }
         certificates.push_back(certificate);
     }
     if (certificates.empty())

@@ -4,6 +4,7 @@
 #include "openssl/OpenSsl.h"
 
 #include <norvcmsg/Media.h>
+#include <norvcrypto/Acceptance.h>
 #include <norvcrypto/CMS.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
@@ -141,8 +142,11 @@ std::string reasonFor(Decode decode, Release release, const Norvane::Buffer& der
 
 Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
-    if (certificate.isNull())
-        throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
+    if (certificate.isNull()) {
+        const std::string refusal = Norvane::Crypto::refusal(der);
+        throw Failure(refusal.empty() ? "malformed certificate: " + reasonFor(d2i_X509, X509_free, der)
+                                      : "certificate " + refusal);
+    }
     return certificateFacts(certificate);
 }
 
