@@ -79,11 +79,13 @@ public:
     ~PublicKey() override;
 
     /// \throws Exception "Crypto::PublicKey::read", line 217, "Could not decode the public key:  " and OpenSSL's
-    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes
+    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes. A text with a key that is refused (see Acceptance.h) in
+    /// any of its blocks is refused, with "refused: " and the reason as the last of the errors
     void readPEM(const Buffer& in) override;
     /// \throws Exception as above
     void readPEM(const Buffer& in, const std::string& passphrase) override;
-    /// \throws Exception "Crypto::PublicKey::read", line 241; "Crypto::MemoryBIO" for more than 2147483647 bytes
+    /// \throws Exception "Crypto::PublicKey::read", line 241; "Crypto::MemoryBIO" for more than 2147483647 bytes. A key
+    /// that is refused (see Acceptance.h) as in `readPEM`
     void read(const Buffer& in, bool base64) override;
     /// Deliberate: throws on success, so that it never returns a PEM text. An empty key, which OpenSSL cannot write, is
     /// the case in which it returns, with `out` empty. Use `write` and PEM-encode its DER instead. The passphrase is

@@ -99,8 +99,10 @@ void PublicKey::readPEM(const Buffer& in) {
 
 void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
     MemoryBIO source(in);
+    // Of all blocks: the reader tries one after the other.
+    const openssl::Refusal refusal = openssl::pemRefusalOf(in.data(), in.length());
     openssl::KeyPtr key =
-        openssl::isAcceptedPem(in.data(), in.length()) ? openssl::readPublicPem(source, passphrase) : nullptr;
+        openssl::isAccepted("PEM_read_bio_PUBKEY", refusal) ? openssl::readPublicPem(source, passphrase) : nullptr;
     if (!key) {
         failures::raiseWithErrors(failures::publicKeyReadPem, "Could not decode the public key:  ");
     }

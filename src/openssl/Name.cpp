@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 
 namespace Norvane::Crypto::openssl {
 
@@ -152,8 +153,8 @@ NamePtr copyOf(const X509_NAME* name) {
 }
 
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
-    if (!mayBeIdentifier(type)) {
-        return; // as a type that OpenSSL does not know
+    if (!mayBeIdentifier(type) || value.size() > INT_MAX) {
+        return; // as a type that OpenSSL does not know; lengths it counts in int
     }
     const ErrorMark mark;
     const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());
