@@ -235,6 +235,14 @@ TEST_F(Pkcs12Work, ScryptCountsItsCores) {
     }
 }
 
+TEST_F(Pkcs12Work, ScryptIsGivenNoMoreMemoryThanOpenSslAllows) {
+    // 128 MiB, for 4,194,304 cores.
+    const auto thrown =
+        thrownBy([&] { storeOf(pfx({open({keyBag(pbes2(scrypt("100000", "1", "1")))})}))->read("secret"); });
+    EXPECT_EQ(thrown.where(), "Crypto::PKCS12::read - parsing error.");
+    EXPECT_NE(detailOf(thrown).find("memory limit exceeded"), std::string::npos) << detailOf(thrown);
+}
+
 TEST_F(Pkcs12Work, MacAndContentsAreOneSum) {
     expectTried(pfx({open({keyBag(pbe(third))})}, integer("2"))); // 49,999,998 and 2
     expectRefused(pfx({open({keyBag(pbe(third))})}, integer("3")));

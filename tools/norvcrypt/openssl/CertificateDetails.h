@@ -1,0 +1,52 @@
+#pragma once
+
+/// \file
+/// Facts about certificates, lists and structures that the library's surface does not offer, asked of OpenSSL. Texts
+/// come back with the bytes that stand in the structure: escape them where they are shown.
+
+#include <norvcrypto/Certificate.h>
+#include <norvcrypto/CertificateRevocationList.h>
+
+#include <openssl/asn1.h>
+#include <openssl/evp.h>
+#include <openssl/pkcs7.h>
+#include <openssl/x509.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+/// Lower-case hexadecimal, two digits a byte, "-" in front of a negative number.
+std::string hexNumber(const ASN1_INTEGER* number);
+/// "2026-01-31T12:00:00Z", or nothing for a time that is no proper one.
+std::optional<std::string> isoTime(const ASN1_TIME* time);
+/// OpenSSL's long name of an object identifier, else its dotted form.
+std::string objectName(const ASN1_OBJECT* object);
+/// SHA-256 in lower-case hexadecimal of the DER that the library writes.
+std::string fingerprint(const Norvane::Crypto::NVX509::RefCertificate& certificate);
+std::string fingerprint(const Norvane::Crypto::NVX509::RefCertificateRevocationList& list);
+/// SHA-256 in lower-case hexadecimal of the SubjectPublicKeyInfo; nothing when it cannot be encoded.
+std::optional<std::string> fingerprint(EVP_PKEY* key);
+
+/// The subject's addresses and alternative names, each kind in the order of the certificate, none twice.
+struct AlternativeNames {
+    std::vector<std::string> emails;
+    std::vector<std::string> dns;
+    std::vector<std::string> uris;
+    bool malformed = false; ///< an extension could not be read
+};
+AlternativeNames alternativeNames(X509* certificate);
+
+/// Where the lists are found: URIs as they are, names as text.
+struct ListPlaces {
+    std::vector<std::string> places;
+    bool malformed = false;
+};
+ListPlaces crlDistributionPoints(X509* certificate);
+
+/// "digitalSignature", ... in the order of RFC 5280; none when the certificate does not restrict its key.
+std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate);
+
+} // namespace norvcrypt
