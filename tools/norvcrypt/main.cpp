@@ -1,7 +1,7 @@
 // norvcrypt: signs, verifies, encrypts, decrypts and inspects from the command line what the appliance handles.
 
-#include "Command.h"
-#include "Output.h"
+#include "commands/Command.h"
+#include "files/Output.h"
 
 #include <norvcmsg/Logger.h>
 #include <norvcrypto/Crypto.h>

@@ -3,7 +3,7 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/StringPattern.h>
-#include <norvcrypt/Patterns.h>
+#include <identities/OwnerPatterns.h>
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The connections of norvcrypt tls serve, ended from another thread.
 
-#include <norvcrypt/TlsConnections.h>
+#include <tls/TlsConnections.h>
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,19 @@
+#include "base/Failure.h"
+
+#include <norvcmsg/Escape.h>
+
+#include <system_error>
+#include <unistd.h>
+
+namespace norvcrypt {
+
+Failure::Failure(const std::string& text, int error)
+    : std::runtime_error(text + ": " + std::generic_category().message(error)) {}
+
+void reportError(const std::string& text) {
+    // One call, so that lines of processes that share a terminal stay whole; nobody is left to tell when it fails.
+    const std::string line = "norvcrypt: " + Norvane::escapeForDisplay(text) + "\n";
+    static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,99 @@
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "openssl/OpenSsl.h"
+#include "recognise/CipherNames.h"
+
+#include <norvcrypto/Encryption.h>
+
+#include <openssl/crypto.h>
+
+#include <memory>
+#include <string>
+
+namespace norvcrypt {
+
+using Norvane::Buffer;
+using Norvane::Crypto::DecrypterMediaOut;
+using Norvane::Crypto::EncrypterMediaOut;
+
+namespace {
+
+struct CipherOptions {
+    std::string direction;
+    std::string cipher;
+    std::string keyHex;
+    std::string ivHex;
+    std::string in = "-";
+    std::string out = "-";
+};
+
+/// The bytes that hexadecimal digits spell, as many as the cipher takes. Messages do not repeat what may be a secret.
+Buffer bytesOf(const std::string& hex, const char* option, unsigned int needed, const NamedCipher& cipher) {
+    Buffer bytes(static_cast<int>(needed), 0);
+    bytes.protect();
+    std::size_t count = 0;
+    const QuietQuestion quiet;
+    if (OPENSSL_hexstr2buf_ex(bytes.data(), needed, &count, hex.c_str(), '\0') != 1 || count != needed)
+        throw Failure(std::string(option) + " takes " + std::to_string(2 * std::size_t{needed}) +
+                      " hexadecimal digits for " + cipher.name);
+    bytes.length(needed);
+    return bytes;
+}
+
+/// The input through a stream that writes into the output.
+template <class Stream> void transform(Stream stream, OutputFile& out, const std::string& path, const char* what) {
+    Inputs inputs;
+    Progress progress(what);
+    Norvane::MediaIn in = inputs.open(path, &progress);
+    stream.attach(OutputStream(out));
+    in.write(stream);
+    stream.end();
+}
+
+Exit cipher(const CipherOptions& options) {
+    const NamedCipher& cipher = cipherNamed(options.cipher);
+    const Buffer key = bytesOf(options.keyHex, "--key-hex", cipher.keyLength, cipher);
+    const Buffer iv = bytesOf(options.ivHex, "--iv-hex", cipher.ivLength, cipher);
+    OutputFile out(options.out);
+    if (options.direction == "encrypt") {
+        transform(EncrypterMediaOut(cipher.cipher, key, iv), out, options.in, "encrypting");
+    } else {
+        DecrypterMediaOut decrypter(cipher.cipher, key, iv);
+        try {
+            transform(decrypter, out, options.in, "decrypting");
+        } catch (const Norvane::Exception& failure) {
+            reportError("cannot decrypt " + inputName(options.in) +
+                        ", the key is wrong or the bytes are damaged: " + failure.asString());
+            return Exit::refused;
+        }
+    }
+    out.commit();
+    return Exit::good;
+}
+
+} // namespace
+
+void addCipher(CLI::App& app, Action& action) {
+    auto options = std::make_shared<CipherOptions>();
+    CLI::App* command = app.add_subcommand("cipher", "Encrypts or decrypts bytes under a key, without any structure");
+    command->add_option("DIRECTION", options->direction, "encrypt or decrypt")
+        ->required()
+        ->check(CLI::IsMember({"encrypt", "decrypt"}));
+    command->add_option("--cipher", options->cipher, "The cipher: " + cipherNames())->type_name("NAME")->required();
+    command->add_option("--key-hex", options->keyHex, "The key; other users of the machine can see it while this runs")
+        ->type_name("HEX")
+        ->required();
+    command->add_option("--iv-hex", options->ivHex, "The initialisation vector")->type_name("HEX")->required();
+    command->add_option("--in", options->in, "What to encrypt or decrypt; \"-\" is standard input")
+        ->type_name("FILE")
+        ->capture_default_str();
+    command
+        ->add_option("--out", options->out,
+                     "The result; \"-\" is standard output, which gets clear text before its end was checked")
+        ->type_name("FILE")
+        ->capture_default_str();
+    command->callback([options, &action] { action = [options] { return cipher(*options); }; });
+}
+
+} // namespace norvcrypt

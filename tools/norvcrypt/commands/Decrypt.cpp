@@ -1,0 +1,87 @@
+#include "cms/TrialDecryption.h"
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "identities/IdentityOptions.h"
+#include "identities/Store.h"
+#include "read/CmsFile.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace norvcrypt {
+
+namespace {
+
+struct DecryptOptions {
+    std::optional<IdentityOptions> identities;
+    std::optional<std::string> store;
+    std::string in = "-";
+    std::string out = "-";
+};
+
+/// Those of the command line come first.
+std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, const std::vector<IdentityFiles>& files,
+                                      Inputs& inputs) {
+    std::vector<OwnIdentity> identities = readIdentities(files, inputs);
+    if (!options.store)
+        return identities;
+    const auto store = openStore(*options.store);
+    for (const Store::Identity& identity : store->contents()->identities)
+        if (identity.hasKey)
+            identities.push_back(
+                {identity.certificate,
+                 store->find(identity.certificate->issuer(), identity.certificate->serialNumber())->key,
+                 *options.store + "/" + identity.folder + "/key.pem"});
+    return identities;
+}
+
+Exit decrypt(const DecryptOptions& options) {
+    Inputs inputs;
+    const std::vector<IdentityFiles> files = options.identities->files();
+    if (files.empty() && !options.store)
+        throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt decrypt "
+                      "--help tells more)");
+    OutputFile out(options.out);
+    TrialDecryption decryption(identitiesOf(options, files, inputs));
+    {
+        Progress progress("decrypting");
+        readStructure(
+            inputs, options.in, "the encrypted message",
+            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+    }
+    const bool served = decryption.run(inputName(options.in));
+    for (const std::string& line : decryption.report())
+        reportError(line);
+    if (!served)
+        return Exit::refused;
+    OutputStream body(out);
+    decryption.body().write(body);
+    out.commit();
+    return Exit::good;
+}
+
+} // namespace
+
+void addDecrypt(CLI::App& app, Action& action) {
+    auto options = std::make_shared<DecryptOptions>();
+    CLI::App* command = app.add_subcommand(
+        "decrypt", "Decrypts a CMS structure with the first key that fits, and tells what became of each recipient");
+    options->identities.emplace(*command);
+    command->add_option("--store", options->store, "A store: its identities with a key are tried after the others")
+        ->type_name("DIR");
+    command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
+        ->type_name("MSG")
+        ->capture_default_str();
+    command->add_option("--out", options->out, "The body, written only when a key has served; \"-\" is standard output")
+        ->type_name("BODY")
+        ->capture_default_str();
+    command->footer(
+        "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
+        "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
+        "names is tried for it.");
+    command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,82 @@
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "read/KeysAndCertificates.h"
+
+#include <norvcrypto/Crypto.h>
+#include <norvcrypto/KeyFactory.h>
+
+#include <openssl/rsa.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace norvcrypt {
+
+namespace {
+
+constexpr unsigned int leastSafeBits = 2048;
+
+struct GenkeyOptions {
+    unsigned int bits = 3072;
+    unsigned int exponent = 65537;
+    std::string out;
+    std::optional<std::string> passphraseFile;
+};
+
+std::unique_ptr<Passphrase> readPassphrase(const GenkeyOptions& options) {
+    if (!options.passphraseFile)
+        return std::make_unique<Passphrase>();
+    Inputs inputs;
+    auto passphrase = std::make_unique<Passphrase>(inputs, *options.passphraseFile);
+    if (passphrase->text().empty())
+        throw Failure("the passphrase in " + inputName(*options.passphraseFile) +
+                      " is empty: it would protect nothing");
+    return passphrase;
+}
+
+Norvane::Crypto::RefKey generate(const GenkeyOptions& options) {
+    try {
+        return Norvane::Crypto::KeyGenerator().rsaGenerateKeyPair(options.exponent, options.bits).second;
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot generate an RSA key of " + std::to_string(options.bits) + " bits with the exponent " +
+                          std::to_string(options.exponent),
+                      failure);
+    }
+}
+
+Exit genkey(const GenkeyOptions& options) {
+    const auto passphrase = readPassphrase(options);
+    // Opened first: a place that cannot be written to should not cost the generation.
+    OutputFile out(options.out, OutputFile::Access::owner);
+    const Norvane::Crypto::RefKey key = generate(options);
+    writePrivateKey(key, *passphrase, out);
+    out.commit();
+    if (options.bits < leastSafeBits)
+        reportError("warning: an RSA key of " + std::to_string(options.bits) + " bits is not safe; use " +
+                    std::to_string(leastSafeBits) + " or more");
+    return Exit::good;
+}
+
+} // namespace
+
+void addGenkey(CLI::App& app, Action& action) {
+    auto options = std::make_shared<GenkeyOptions>();
+    CLI::App* command = app.add_subcommand("genkey", "Generates an RSA private key: PEM, readable by its owner alone");
+    command->add_option("--bits", options->bits, "The size of the modulus")
+        ->type_name("COUNT")
+        ->check(CLI::Range(0U, static_cast<unsigned int>(OPENSSL_RSA_MAX_MODULUS_BITS)))
+        ->capture_default_str();
+    command->add_option("--exponent", options->exponent, "The public exponent: odd and above 1")
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    command->add_option("--out", options->out, "The key; \"-\" is standard output")->type_name("KEY")->required();
+    command
+        ->add_option("--passphrase-file", options->passphraseFile,
+                     "Encrypt the key under this file's first line; without it the key is in clear")
+        ->type_name("FILE");
+    command->callback([options, &action] { action = [options] { return genkey(*options); }; });
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,84 @@
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "show/Description.h"
+#include "show/TextAndJson.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace {
+
+struct InspectOptions {
+    std::vector<std::string> files;
+    bool json = false;
+};
+
+/// What could be read of one file; each object that could not is told and leaves the others alone.
+std::vector<Description> objectsOf(const std::string& file, Inputs& inputs, Exit& code) {
+    std::vector<Description> descriptions;
+    const auto failed = [&](const std::string& reason) {
+        reportError(inputName(file) + ": " + reason);
+        code = Exit::failed;
+    };
+    const std::vector<FoundObject> found = objectsIn(inputs.readAll(file, true));
+    for (const FoundObject& object : found) {
+        const std::size_t number = static_cast<std::size_t>(&object - found.data()) + 1;
+        const std::string which = found.size() > 1 ? "object " + std::to_string(number) + ": " : "";
+        try {
+            Description description{{"file", file}};
+            description.update(describe(object));
+            descriptions.push_back(std::move(description));
+        } catch (const Norvane::Exception& failure) {
+            failed(which + failure.asString());
+        } catch (const Failure& failure) {
+            failed(which + failure.what());
+        }
+    }
+    return descriptions;
+}
+
+Exit inspect(const InspectOptions& options) {
+    const std::vector<std::string> files = options.files.empty() ? std::vector<std::string>{"-"} : options.files;
+    Inputs inputs;
+    TextOutput out;
+    Exit code = Exit::good;
+    Description all = Description::array();
+    for (const std::string& file : files) {
+        std::vector<Description> descriptions;
+        try {
+            descriptions = objectsOf(file, inputs, code);
+        } catch (const Failure& failure) {
+            reportError(failure.what());
+            code = Exit::failed;
+        }
+        for (Description& description : descriptions) {
+            if (!options.json)
+                out.text(asText(description));
+            else
+                all.push_back(std::move(description));
+        }
+        if (!options.json)
+            out.flush();
+    }
+    if (options.json)
+        out.text(asJson(all));
+    out.flush();
+    return code;
+}
+
+} // namespace
+
+void addInspect(CLI::App& app, Action& action) {
+    auto options = std::make_shared<InspectOptions>();
+    CLI::App* command =
+        app.add_subcommand("inspect", "Tells what certificates, pairs of them, lists, keys and CMS structures say");
+    command->add_option("FILE", options->files, "DER or PEM, recognised by content; \"-\" or none is standard input");
+    command->add_flag("--json", options->json, "One JSON array with an object for each thing found");
+    command->callback([options, &action] { action = [options] { return inspect(*options); }; });
+}
+
+} // namespace norvcrypt

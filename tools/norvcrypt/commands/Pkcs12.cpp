@@ -1,0 +1,112 @@
+// norvcrypt p12: takes a private key and its certificate out of a PKCS#12 file.
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "read/KeysAndCertificates.h"
+#include "read/Pkcs12File.h"
+
+#include <norvcmsg/Escape.h>
+#include <norvcmsg/Media.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace norvcrypt {
+
+namespace {
+
+struct Pkcs12Options {
+    std::string file;
+    std::string passphraseFile;
+    std::string directory;
+};
+
+/// A folder that is made when it is missing, and goes again when nothing came to lie in it.
+class TargetFolder {
+public:
+    explicit TargetFolder(const std::string& path) : m_path(path) {
+        std::error_code error;
+        m_made = std::filesystem::create_directory(m_path, error);
+        if (error)
+            throw Failure("cannot make the directory " + m_path, error.value());
+    }
+    ~TargetFolder() {
+        std::error_code ignored;
+        if (m_made)
+            std::filesystem::remove(m_path, ignored); // refused for a folder with something in it
+    }
+    TargetFolder(const TargetFolder&) = delete;
+    TargetFolder& operator=(const TargetFolder&) = delete;
+
+    [[nodiscard]] std::string path(const std::string& name) const {
+        return (std::filesystem::path(m_path) / name).string();
+    }
+
+private:
+    std::string m_path;
+    bool m_made = false;
+};
+
+/// Both files are complete before the first gets its name.
+void writeFiles(const Pkcs12Content& content, const std::string& keyPath, const std::string& certificatePath) {
+    OutputFile key(keyPath, OutputFile::Access::owner);
+    writePrivateKey(content.key, Passphrase(), key);
+    if (!content.certificate.isNull()) {
+        OutputFile certificate(certificatePath);
+        OutputStream stream(certificate);
+        content.certificate->writePEM(stream);
+        certificate.settle();
+        key.settle();
+        certificate.commit();
+    }
+    key.commit();
+}
+
+Exit importPkcs12(const Pkcs12Options& options) {
+    Inputs inputs;
+    const Passphrase passphrase(inputs, options.passphraseFile);
+    const auto content = readPkcs12(inputs, options.file, passphrase);
+    const std::string name = inputName(options.file);
+    if (!content) {
+        reportError("wrong passphrase for " + name);
+        return Exit::refused;
+    }
+    if (content->key.isNull()) {
+        reportError("no private key in " + name + ", and so no certificate that belongs to one: nothing is written");
+        return Exit::refused;
+    }
+    const TargetFolder folder(options.directory);
+    const std::string keyPath = folder.path("key.pem");
+    const std::string certificatePath = folder.path("cert.pem");
+    writeFiles(*content, keyPath, certificatePath);
+    TextOutput out;
+    const auto tell = [&out](const std::string& text) { out.line(Norvane::escapeForDisplay(text)); };
+    tell("key: " + keyPath);
+    tell(content->certificate.isNull()
+             ? "no certificate in " + name + " belongs to the key: " + certificatePath + " is not written"
+             : "certificate: " + certificatePath);
+    out.flush();
+    return Exit::good;
+}
+
+} // namespace
+
+void addPkcs12(CLI::App& app, Action& action) {
+    auto options = std::make_shared<Pkcs12Options>();
+    CLI::App* command =
+        app.add_subcommand("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
+                                  "clear and readable by its owner alone, and DIR/cert.pem");
+    command->footer("Further certificates in the file, such as a chain to its authority, are not written. "
+                    "Exit code 1: the passphrase is wrong, or the file holds no private key.");
+    command->add_option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
+    command->add_option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
+        ->type_name("FILE")
+        ->required();
+    command->add_option("--out-dir", options->directory, "Where to write; made when it is missing")
+        ->type_name("DIR")
+        ->required();
+    command->callback([options, &action] { action = [options] { return importPkcs12(*options); }; });
+}
+
+} // namespace norvcrypt

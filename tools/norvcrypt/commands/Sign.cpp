@@ -1,0 +1,121 @@
+#include "commands/Command.h"
+#include "files/Input.h"
+#include "files/Output.h"
+#include "identities/Store.h"
+#include "read/CmsFile.h"
+#include "read/KeysAndCertificates.h"
+#include "recognise/DigestNames.h"
+
+#include <norvcrypto/CMSSignerMedia.h>
+#include <norvcrypto/KeyStore.h>
+
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+namespace CMS = Norvane::Crypto::CMS;
+
+namespace {
+
+struct SignOptions {
+    std::string certificate;
+    std::string key;
+    std::optional<std::string> store;
+    std::string from;
+    std::optional<std::string> chain;
+    std::optional<std::string> passphraseFile;
+    std::string digest = "sha256";
+    std::string in = "-";
+    std::string out = "-";
+    bool pem = false;
+};
+
+/// The signer's certificate comes first in its file; what follows belongs to the chain, like the file for the chain.
+NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs) {
+    if (options.store)
+        return signerFor(*options.store, options.from);
+    std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
+    const NVX509::RefCertificate certificate = chain.front();
+    chain.pop_front();
+    if (options.chain)
+        chain.splice(chain.end(), readCertificates(inputs, *options.chain));
+    const auto passphrase = options.passphraseFile ? std::make_unique<Passphrase>(inputs, *options.passphraseFile)
+                                                   : std::make_unique<Passphrase>();
+    return {readPrivateKey(inputs, options.key, *passphrase), certificate, chain};
+}
+
+Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
+    const auto digest = digestType(options.digest);
+    const NVX509::KeyCertificatePair pair = readSigner(options, inputs);
+    Progress progress("signing");
+    Norvane::MediaIn body = inputs.open(options.in, &progress);
+    Norvane::MemoryMediaOut signature;
+    try {
+        CMS::SignerMediaOut signer(digest, pair);
+        signer.attach(signature);
+        body.write(signer);
+        signer.end();
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot sign " + inputName(options.in), failure);
+    }
+    return signature.content();
+}
+
+Exit sign(const SignOptions& options) {
+    Inputs inputs;
+    // Opened first: a place that cannot be written to should not cost the reading of a long body.
+    OutputFile out(options.out);
+    const Norvane::Buffer der = signatureOver(options, inputs);
+    writeStructure(out, der, options.pem);
+    out.commit();
+    return Exit::good;
+}
+
+} // namespace
+
+void addSign(CLI::App& app, Action& action) {
+    auto options = std::make_shared<SignOptions>();
+    CLI::App* command = app.add_subcommand("sign", "Signs a body: a detached CMS signature over its bytes as they are");
+    CLI::Option* certificate =
+        command
+            ->add_option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
+            ->type_name("FILE");
+    CLI::Option* key = command->add_option("--key", options->key, "The signer's private key")->type_name("FILE");
+    CLI::Option* chain =
+        command->add_option("--chain", options->chain, "Certificates to put beside the signer's")->type_name("FILE");
+    CLI::Option* passphrase =
+        command
+            ->add_option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
+            ->type_name("FILE");
+    CLI::Option* store =
+        command->add_option("--store", options->store, "Instead of the above: the store with the signer")
+            ->type_name("DIR");
+    CLI::Option* from = command->add_option("--from", options->from, "The address that the store finds the signer by")
+                            ->type_name("ADDRESS");
+    store->needs(from);
+    from->needs(store);
+    for (CLI::Option* own : {certificate, key, chain, passphrase})
+        store->excludes(own);
+    command->add_option("--digest", options->digest, "The digest to sign")->capture_default_str();
+    command->add_option("--in", options->in, "The body; \"-\" is standard input")
+        ->type_name("BODY")
+        ->capture_default_str();
+    command->add_option("--out", options->out, "The signature; \"-\" is standard output")
+        ->type_name("SIG.p7s")
+        ->capture_default_str();
+    command->add_flag("--pem", options->pem, "Write PEM instead of DER");
+    command->footer(
+        "The signer is either --cert and --key, or --store and --from: the identity that norvcrypt bindings "
+        "find names for signing, with its chain, as long as its certificate is valid.");
+    command->callback([options, &action, certificate, key, store] {
+        if (store->empty() && (certificate->empty() || key->empty()))
+            throw CLI::RequiredError(certificate->empty() ? "--cert" : "--key");
+        action = [options] { return sign(*options); };
+    });
+}
+
+} // namespace norvcrypt

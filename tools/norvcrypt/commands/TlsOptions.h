@@ -1,0 +1,21 @@
+#pragma once
+
+/// \file
+/// What the TLS commands share on the command line.
+
+#include "commands/Command.h"
+#include "tls/Context.h"
+
+namespace norvcrypt {
+
+/// Adds the options that fill `files`; a server needs a certificate and a key, a client may have them.
+void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side);
+
+/// Adds --time-limit, in seconds.
+void addTimeLimit(CLI::App& command, unsigned int& seconds, const std::string& help);
+
+void addTlsConnect(CLI::App& tls, Action& action);
+void addTlsServe(CLI::App& tls, Action& action);
+void addTlsCheck(CLI::App& tls, Action& action);
+
+} // namespace norvcrypt

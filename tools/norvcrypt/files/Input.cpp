@@ -1,0 +1,149 @@
+#include "files/Input.h"
+#include "base/Failure.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace {
+
+constexpr unsigned int largestInMemory = 1U << 28U;
+
+/// Reads a descriptor through a buffer of fixed size.
+class DescriptorSource : public Norvane::MediaInImpl {
+public:
+    DescriptorSource(int descriptor, std::string name, Progress* progress)
+        : m_descriptor(descriptor),
+          m_name(std::move(name)),
+          m_progress(progress) {}
+    ~DescriptorSource() override {
+        if (m_descriptor != STDIN_FILENO)
+            close(m_descriptor);
+    }
+    DescriptorSource(const DescriptorSource&) = delete;
+    DescriptorSource& operator=(const DescriptorSource&) = delete;
+
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override {
+        fill();
+        return m_at == m_end;
+    }
+    [[nodiscard]] int peek() const override { return atEnd() ? -1 : m_bytes[m_at]; }
+    int read(unsigned char* out, unsigned int length) override {
+        unsigned int done = 0;
+        while (done < length && !atEnd()) {
+            const auto count = std::min<std::size_t>(length - done, m_end - m_at);
+            std::memcpy(out + done, m_bytes.data() + m_at, count);
+            m_at += count;
+            done += static_cast<unsigned int>(count);
+        }
+        return static_cast<int>(done);
+    }
+
+private:
+    void fill() const {
+        if (m_at != m_end || m_ended)
+            return;
+        ssize_t count = 0;
+        do
+            count = ::read(m_descriptor, m_bytes.data(), m_bytes.size());
+        while (count < 0 && errno == EINTR);
+        if (count < 0)
+            throw Failure("cannot read " + m_name, errno);
+        m_ended = count == 0;
+        m_at = 0;
+        m_end = static_cast<std::size_t>(count);
+        if (m_progress != nullptr)
+            m_progress->advance(m_end);
+    }
+
+    int m_descriptor;
+    std::string m_name;
+    Progress* m_progress;
+    mutable std::array<unsigned char, 65536> m_bytes{};
+    mutable std::size_t m_at = 0;
+    mutable std::size_t m_end = 0;
+    mutable bool m_ended = false;
+};
+
+/// Delivers bytes that were read already, then what follows them.
+class ResumedSource : public Norvane::MediaInImpl {
+public:
+    ResumedSource(const Norvane::Buffer& start, const Norvane::MediaIn& rest) : m_start(start), m_rest(rest) {}
+
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_start.atEnd() && m_rest.atEnd(); }
+    [[nodiscard]] int peek() const override { return m_start.atEnd() ? m_rest.peek() : m_start.peek(); }
+    int read(unsigned char* out, unsigned int length) override {
+        const int first = m_start.read(out, length);
+        const auto done = static_cast<unsigned int>(first);
+        return done == length ? first : first + m_rest.read(out + done, length - done);
+    }
+
+private:
+    Norvane::MemoryMediaIn m_start;
+    Norvane::MediaIn m_rest;
+};
+
+} // namespace
+
+std::string inputName(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
+Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
+    int descriptor = STDIN_FILENO;
+    if (path != "-") {
+        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (descriptor < 0)
+            throw Failure("cannot open " + path, errno);
+    } else if (std::exchange(m_standardInputTaken, true)) {
+        throw Failure("standard input can be read only once");
+    }
+    struct stat status {};
+    if (progress != nullptr && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
+        progress->expect(static_cast<std::uint64_t>(status.st_size));
+    return Norvane::MediaIn(
+        Norvane::makeReference<DescriptorSource, Norvane::MediaInImpl>(descriptor, inputName(path), progress));
+}
+
+Norvane::MediaIn Inputs::lookAhead(Norvane::MediaIn& in, unsigned int length, Norvane::Buffer& start) {
+    std::vector<unsigned char> bytes(length);
+    const int count = in.read(bytes.data(), length);
+    start = Norvane::Buffer(bytes.data(), static_cast<unsigned int>(count), false);
+    return Norvane::MediaIn(Norvane::makeReference<ResumedSource, Norvane::MediaInImpl>(start, in));
+}
+
+Norvane::Buffer Inputs::readAll(const std::string& path, bool secret) {
+    Norvane::MediaIn in = open(path);
+    return readAll(in, path, secret);
+}
+
+Norvane::Buffer Inputs::readAll(Norvane::MediaIn& in, const std::string& path, bool secret) {
+    Norvane::Buffer all;
+    if (secret)
+        all.protect();
+    std::array<unsigned char, 65536> chunk{};
+    for (;;) {
+        const int count = in.read(chunk.data(), chunk.size());
+        if (count == 0)
+            break;
+        if (all.length() + static_cast<unsigned int>(count) > largestInMemory)
+            throw Failure(inputName(path) + " is larger than 256 MiB");
+        all.append(Norvane::Buffer(chunk.data(), static_cast<unsigned int>(count), true));
+    }
+    if (secret)
+        OPENSSL_cleanse(chunk.data(), chunk.size());
+    return all;
+}
+
+} // namespace norvcrypt

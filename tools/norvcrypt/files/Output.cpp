@@ -1,0 +1,237 @@
+#include "files/Output.h"
+#include "base/Failure.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace norvcrypt {
+
+namespace {
+
+/// A temporary file, for the signal handler.
+struct Temporary {
+    std::array<char, PATH_MAX> name;
+    volatile std::sig_atomic_t exists;
+};
+/// No command writes more files at a time.
+std::array<Temporary, 2> s_temporaries{};
+
+constexpr std::array interrupts{SIGHUP, SIGINT, SIGTERM};
+
+extern "C" void removeTemporary(int signal) {
+    for (const Temporary& temporary : s_temporaries)
+        if (temporary.exists != 0)
+            static_cast<void>(unlink(temporary.name.data()));
+    // The handler was reset when it was entered: the signal now ends the process as it would have without us.
+    static_cast<void>(raise(signal));
+}
+
+/// Holds back the interrupts while a temporary file is made or renamed.
+class Uninterrupted {
+public:
+    Uninterrupted() {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        for (const int signal : interrupts)
+            sigaddset(&blocked, signal);
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
+    }
+    ~Uninterrupted() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    Uninterrupted(const Uninterrupted&) = delete;
+    Uninterrupted& operator=(const Uninterrupted&) = delete;
+
+private:
+    sigset_t m_before{};
+};
+
+/// 0, or the errno of the failure.
+int writeAll(int descriptor, const char* bytes, std::size_t length) {
+    while (length > 0) {
+        const ssize_t count = ::write(descriptor, bytes, length);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return errno;
+        bytes += count;
+        length -= static_cast<std::size_t>(count);
+    }
+    return 0;
+}
+
+mode_t creationMask() {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return mask;
+}
+
+/// Makes a renaming durable; directories of some file systems cannot be synchronised, which is no failure.
+void synchronizeDirectory(const std::string& directory) {
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return;
+    static_cast<void>(fsync(descriptor));
+    close(descriptor);
+}
+
+class OutputStreamImpl : public Norvane::MediaOutImpl {
+public:
+    explicit OutputStreamImpl(OutputFile& file) : m_file(file) {}
+
+    using MediaOutImpl::write;
+    void write(const unsigned char* data, unsigned int length) override { m_file.write(data, length); }
+
+private:
+    OutputFile& m_file;
+};
+
+std::string directoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+} // namespace
+
+void prepareOutput() {
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    struct sigaction action {};
+    action.sa_handler = removeTemporary;
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+    for (const int signal : interrupts) {
+        struct sigaction before {};
+        // What the caller ignores (nohup) stays ignored.
+        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+            sigaction(signal, &action, nullptr);
+    }
+    // A closed standard stream is opened the wrong way round: using it then fails instead of hitting a file of ours.
+    for (const auto& [descriptor, mode] :
+         {std::pair{STDIN_FILENO, O_WRONLY}, std::pair{STDOUT_FILENO, O_RDONLY}, std::pair{STDERR_FILENO, O_RDONLY}})
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", mode) != descriptor)
+            std::_Exit(static_cast<int>(Exit::failed));
+}
+
+void TextOutput::line(std::string_view text) {
+    m_pending += text;
+    m_pending += '\n';
+}
+
+void TextOutput::text(std::string_view text) {
+    m_pending += text;
+}
+
+void TextOutput::flush() {
+    const std::string pending = std::exchange(m_pending, {});
+    if (const int error = writeAll(STDOUT_FILENO, pending.data(), pending.size()))
+        throw Failure("cannot write standard output", error);
+}
+
+OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)), m_target(m_name) {
+    if (m_name == "-") {
+        m_name = "standard output";
+        m_descriptor = STDOUT_FILENO;
+        return;
+    }
+    struct stat status {};
+    const bool exists = stat(m_name.c_str(), &status) == 0;
+    // Nor does a file take the place of a link that leads nowhere.
+    if (const int error = errno; !exists && (error != ENOENT || lstat(m_name.c_str(), &status) == 0))
+        fail(error);
+    if (exists && !S_ISREG(status.st_mode)) {
+        m_descriptor = open(m_name.c_str(), O_WRONLY | O_CLOEXEC);
+        if (m_descriptor < 0)
+            fail(errno);
+        return;
+    }
+    if (exists) {
+        // The file behind a link is replaced, not the link.
+        const std::unique_ptr<char, decltype(&std::free)> real(realpath(m_name.c_str(), nullptr), std::free);
+        if (!real || ::access(real.get(), W_OK) != 0)
+            fail(errno);
+        m_target = real.get();
+        m_owner = status.st_uid;
+        m_group = status.st_gid;
+    }
+    m_mode = access == Access::owner ? 0600U : exists ? status.st_mode & 0777U : 0666U & ~creationMask();
+    openTemporary();
+}
+
+void OutputFile::openTemporary() {
+    // A short name of its own: the target's may be as long as a name can be.
+    std::string name = directoryOf(m_target) + "/.norvcrypt.XXXXXX";
+    if (name.size() >= PATH_MAX)
+        fail(ENAMETOOLONG);
+    while (m_slot < s_temporaries.size() && s_temporaries[m_slot].exists != 0)
+        ++m_slot;
+    if (m_slot == s_temporaries.size())
+        fail(EMFILE);
+    const Uninterrupted hold;
+    m_descriptor = mkostemp(name.data(), O_CLOEXEC);
+    if (m_descriptor < 0)
+        fail(errno);
+    m_temporary = name;
+    std::memcpy(s_temporaries[m_slot].name.data(), name.c_str(), name.size() + 1);
+    s_temporaries[m_slot].exists = 1;
+}
+
+OutputFile::~OutputFile() {
+    const Uninterrupted hold;
+    if (!m_temporary.empty()) {
+        static_cast<void>(unlink(m_temporary.c_str()));
+        s_temporaries[m_slot].exists = 0;
+    }
+    if (m_descriptor > STDERR_FILENO)
+        close(m_descriptor);
+}
+
+void OutputFile::write(const void* bytes, std::size_t length) {
+    if (const int error = writeAll(m_descriptor, static_cast<const char*>(bytes), length))
+        fail(error);
+}
+
+void OutputFile::settle() {
+    if (m_temporary.empty())
+        return;
+    // A file that is replaced stays its owner's, as far as we may give it away.
+    if (m_owner != static_cast<uid_t>(-1))
+        static_cast<void>(fchown(m_descriptor, m_owner, m_group) == 0 ||
+                          fchown(m_descriptor, static_cast<uid_t>(-1), m_group) == 0);
+    if (fchmod(m_descriptor, m_mode) != 0 || fsync(m_descriptor) != 0)
+        fail(errno);
+}
+
+void OutputFile::commit() {
+    settle();
+    if (m_temporary.empty())
+        return;
+    const Uninterrupted hold;
+    if (rename(m_temporary.c_str(), m_target.c_str()) != 0)
+        fail(errno);
+    m_temporary.clear();
+    s_temporaries[m_slot].exists = 0;
+    synchronizeDirectory(directoryOf(m_target));
+}
+
+void OutputFile::fail(int error) const {
+    throw Failure("cannot write " + m_name, error);
+}
+
+OutputStream::OutputStream(OutputFile& file)
+    : MediaOut(Norvane::makeReference<OutputStreamImpl, Norvane::MediaOutImpl>(file)) {}
+
+void writeFile(const std::string& path, std::string_view content, OutputFile::Access access) {
+    OutputFile file(path, access);
+    file.write(content.data(), content.size());
+    file.commit();
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,103 @@
+#include "identities/IdentityOptions.h"
+#include "base/Failure.h"
+#include "read/KeysAndCertificates.h"
+#include "read/Pkcs12File.h"
+
+#include <array>
+#include <map>
+#include <utility>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+
+namespace {
+
+using Member = std::optional<std::string> IdentityFiles::*;
+
+struct IdentityOption {
+    const char* name;
+    Member member;
+    const char* help;
+};
+
+constexpr std::array options{
+    IdentityOption{"--cert", &IdentityFiles::certificate, "The certificate of an identity: the first one in its file"},
+    IdentityOption{"--key", &IdentityFiles::key, "Its private key"},
+    IdentityOption{"--p12", &IdentityFiles::pkcs12, "Certificate and key of an identity in one PKCS#12 file"},
+    IdentityOption{"--passphrase-file", &IdentityFiles::passphrase,
+                   "The passphrase of the identity's key or PKCS#12 file is this file's first line"}};
+
+bool beginsNext(const IdentityFiles& current, Member member) {
+    if (current.*member)
+        return true;
+    if (member == &IdentityFiles::pkcs12)
+        return current.certificate || current.key;
+    return member != &IdentityFiles::passphrase && current.pkcs12;
+}
+
+void requireComplete(const IdentityFiles& files) {
+    if (files.pkcs12) {
+        if (!files.passphrase)
+            throw Failure("--p12 " + *files.pkcs12 + " needs --passphrase-file");
+    } else if (!files.certificate) {
+        throw Failure(files.key ? "--key " + *files.key + " needs --cert" : "--passphrase-file needs an identity");
+    } else if (!files.key) {
+        throw Failure("--cert " + *files.certificate + " needs --key");
+    }
+}
+
+OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
+    const auto content = readPkcs12(inputs, path, passphrase);
+    if (!content)
+        throw Failure("wrong passphrase for " + inputName(path));
+    if (content->key.isNull() || content->certificate.isNull())
+        throw Failure("no private key with its certificate in " + inputName(path));
+    return {content->certificate, content->key, inputName(path)};
+}
+
+OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
+    const auto passphrase =
+        files.passphrase ? std::make_unique<Passphrase>(inputs, *files.passphrase) : std::make_unique<Passphrase>();
+    if (files.pkcs12)
+        return fromPkcs12(*files.pkcs12, *passphrase, inputs);
+    const NVX509::RefCertificate certificate = readCertificates(inputs, *files.certificate).front();
+    return {certificate, readPrivateKey(inputs, *files.key, *passphrase), inputName(*files.key)};
+}
+
+} // namespace
+
+IdentityOptions::IdentityOptions(CLI::App& command) : m_command(&command) {
+    for (const IdentityOption& option : options)
+        m_options.push_back(command.add_option(option.name, option.help)
+                                ->type_name("FILE")
+                                ->expected(1)
+                                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll));
+}
+
+std::vector<IdentityFiles> IdentityOptions::files() const {
+    std::vector<IdentityFiles> all;
+    std::map<const CLI::Option*, std::size_t> taken;
+    for (const CLI::Option* const option : m_command->parse_order()) {
+        for (std::size_t at = 0; at < options.size(); ++at) {
+            if (option != m_options[at])
+                continue;
+            if (all.empty() || beginsNext(all.back(), options[at].member))
+                all.emplace_back();
+            all.back().*options[at].member = option->results().at(taken[option]++);
+        }
+    }
+    for (const IdentityFiles& files : all)
+        requireComplete(files);
+    return all;
+}
+
+std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs) {
+    std::vector<OwnIdentity> identities;
+    identities.reserve(files.size());
+    for (const IdentityFiles& one : files)
+        identities.push_back(readIdentity(one, inputs));
+    return identities;
+}
+
+} // namespace norvcrypt

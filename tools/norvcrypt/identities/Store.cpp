@@ -1,0 +1,67 @@
+#include "identities/Store.h"
+#include "base/Failure.h"
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+
+namespace {
+
+constexpr std::size_t longestShown = 300; // an address has 254 bytes at most
+
+} // namespace
+
+NVX509::RefDirectoryKeyStore openStore(const std::string& directory) {
+    try {
+        return NVX509::RefDirectoryKeyStore(directory);
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot load the store " + directory, failure);
+    }
+}
+
+Norvane::EmailAddress mailAddress(const std::string& text) {
+    auto address = Norvane::EmailAddress::rfc5321Parse(text, true);
+    if (address.isNull())
+        throw Failure("no mail address: " + (text.size() > longestShown ? text.substr(0, longestShown) + "..." : text));
+    return address;
+}
+
+const char* purposeName(Store::Purpose purpose) {
+    switch (purpose) {
+    case Store::Purpose::signing:
+        return "signing";
+    case Store::Purpose::encryption:
+        return "encryption";
+    case Store::Purpose::decryption:
+        break;
+    }
+    return "decryption";
+}
+
+Store::Identity identityFor(const NVX509::RefDirectoryKeyStore& store, const std::string& directory,
+                            const std::string& address, Store::Purpose purpose) {
+    const auto found = store->explain(mailAddress(address), purpose);
+    const std::string tellsMore = " (norvcrypt bindings find tells more)";
+    const std::string wanted = std::string(purposeName(purpose)) + " for " + address;
+    if (!found.winner) {
+        const std::size_t skipped = found.contents->problems.size();
+        throw Failure(
+            "the store " + directory + " has nothing for " + wanted +
+            (skipped == 0 ? "" : ", and " + std::to_string(skipped) + " of its files or folders are skipped") +
+            tellsMore);
+    }
+    const Store::Match& match = found.matches[*found.winner];
+    const Store::Identity& identity = found.contents->identities[match.place.identity];
+    if (match.fitness != Store::Fitness::fit)
+        throw Failure("the certificate of " + identity.folder + " in " + directory + ", found for " + wanted +
+                      ", is expired or not yet valid" + tellsMore);
+    return identity;
+}
+
+NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address) {
+    const NVX509::RefDirectoryKeyStore store = openStore(directory);
+    static_cast<void>(identityFor(store, directory, address, Store::Purpose::signing));
+    return store->findSigningKey(mailAddress(address));
+}
+
+} // namespace norvcrypt

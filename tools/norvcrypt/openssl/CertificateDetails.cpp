@@ -1,0 +1,202 @@
+#include "openssl/CertificateDetails.h"
+#include "openssl/OpenSsl.h"
+
+#include <norvcrypto/DistinguishedName.h>
+#include <norvcrypto/Hasher.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <ctime>
+#include <set>
+#include <utility>
+
+namespace norvcrypt {
+
+using Norvane::Crypto::Hasher;
+using Norvane::Crypto::HasherMediaOut;
+
+namespace {
+
+struct FreeingMemory {
+    void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
+};
+
+std::string textOf(const ASN1_STRING* string) {
+    const auto* start = reinterpret_cast<const char*>(ASN1_STRING_get0_data(string));
+    return start == nullptr ? std::string() : std::string(start, static_cast<std::size_t>(ASN1_STRING_length(string)));
+}
+
+/// Keeps the first of equal texts, in the order of arrival.
+class Distinct {
+public:
+    explicit Distinct(std::vector<std::string>& target) : m_target(target) {}
+    void add(const std::string& text) {
+        if (m_seen.insert(text).second)
+            m_target.push_back(text);
+    }
+
+private:
+    std::vector<std::string>& m_target;
+    std::set<std::string> m_seen;
+};
+
+template <class Digested> std::string digestOf(Digested& object) {
+    HasherMediaOut hasher(Hasher::SHA256);
+    object->writeDER(hasher);
+    hasher.end();
+    return hasher.hasher()->digestAsHexString();
+}
+
+/// Calls `use` with each extension of that kind, decoded; false when one of them cannot be decoded.
+template <class Pointer, class Use> bool eachExtension(X509* certificate, int nid, Use use) {
+    const QuietQuestion quiet;
+    bool readable = true;
+    for (int at = X509_get_ext_by_NID(certificate, nid, -1); at >= 0; at = X509_get_ext_by_NID(certificate, nid, at)) {
+        const Pointer decoded(static_cast<typename Pointer::pointer>(X509V3_EXT_d2i(X509_get_ext(certificate, at))));
+        if (decoded)
+            use(decoded.get());
+        else
+            readable = false;
+    }
+    return readable;
+}
+
+std::string placeOf(const GENERAL_NAME* name) {
+    if (name->type == GEN_DIRNAME)
+        return Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName).asString();
+    const bool text = name->type == GEN_URI || name->type == GEN_DNS || name->type == GEN_EMAIL;
+    return text ? textOf(name->d.ia5) : std::string();
+}
+
+void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
+    if (name == nullptr)
+        return;
+    if (name->type == 1) {
+        places.push_back(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename).asString());
+        return;
+    }
+    for (int at = 0; at < sk_GENERAL_NAME_num(name->name.fullname); ++at)
+        if (std::string place = placeOf(sk_GENERAL_NAME_value(name->name.fullname, at)); !place.empty())
+            places.push_back(std::move(place));
+}
+
+} // namespace
+
+std::string hexNumber(const ASN1_INTEGER* number) {
+    const BignumPtr value(ASN1_INTEGER_to_BN(number, nullptr));
+    const std::unique_ptr<char, FreeingMemory> digits(value ? BN_bn2hex(value.get()) : nullptr);
+    std::string text = digits ? digits.get() : "";
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char digit) { return static_cast<char>(std::tolower(digit)); });
+    // BN_bn2hex writes zero as one digit.
+    return text == "0" ? "00" : text;
+}
+
+std::optional<std::string> isoTime(const ASN1_TIME* time) {
+    const QuietQuestion quiet;
+    std::tm fields{};
+    // Null would mean the present time.
+    if (time == nullptr || ASN1_TIME_to_tm(time, &fields) != 1)
+        return std::nullopt;
+    std::array<char, 40> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "-%m-%dT%H:%M:%SZ", &fields);
+    // A year has four digits always, which %Y does not keep to.
+    const std::string year = std::to_string(10000 + fields.tm_year + 1900).substr(1);
+    return year + std::string(text.data(), length);
+}
+
+std::string objectName(const ASN1_OBJECT* object) {
+    const QuietQuestion quiet;
+    if (const int nid = OBJ_obj2nid(object); nid != NID_undef)
+        return OBJ_nid2ln(nid);
+    const int length = OBJ_obj2txt(nullptr, 0, object, 1);
+    if (length <= 0)
+        return {};
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    OBJ_obj2txt(text.data(), length + 1, object, 1);
+    text.pop_back();
+    return text;
+}
+
+std::string fingerprint(const Norvane::Crypto::NVX509::RefCertificate& certificate) {
+    return digestOf(certificate);
+}
+
+std::string fingerprint(const Norvane::Crypto::NVX509::RefCertificateRevocationList& list) {
+    return digestOf(list);
+}
+
+std::optional<std::string> fingerprint(EVP_PKEY* key) {
+    const QuietQuestion quiet;
+    unsigned char* encoded = nullptr;
+    const int length = i2d_PUBKEY(key, &encoded);
+    if (length <= 0)
+        return std::nullopt;
+    const std::unique_ptr<unsigned char, FreeingMemory> owned(encoded);
+    Hasher hasher(Hasher::SHA256);
+    hasher.update(encoded, static_cast<unsigned int>(length));
+    hasher.finalize();
+    return hasher.digestAsHexString();
+}
+
+AlternativeNames alternativeNames(X509* certificate) {
+    AlternativeNames names;
+    Distinct emails(names.emails);
+    Distinct dns(names.dns);
+    Distinct uris(names.uris);
+    names.malformed = !eachExtension<NamesPtr>(certificate, NID_subject_alt_name, [&](const GENERAL_NAMES* all) {
+        for (int at = 0; at < sk_GENERAL_NAME_num(all); ++at) {
+            const GENERAL_NAME* name = sk_GENERAL_NAME_value(all, at);
+            if (name->type == GEN_EMAIL)
+                emails.add(textOf(name->d.rfc822Name));
+            else if (name->type == GEN_DNS)
+                dns.add(textOf(name->d.dNSName));
+            else if (name->type == GEN_URI)
+                uris.add(textOf(name->d.uniformResourceIdentifier));
+        }
+    });
+    // Older certificates carry the address in the subject.
+    const X509_NAME* subject = X509_get_subject_name(certificate);
+    for (int at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, -1); at >= 0;
+         at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, at))
+        emails.add(textOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
+    return names;
+}
+
+ListPlaces crlDistributionPoints(X509* certificate) {
+    ListPlaces result;
+    result.malformed =
+        !eachExtension<PointsPtr>(certificate, NID_crl_distribution_points, [&result](const CRL_DIST_POINTS* points) {
+            for (int at = 0; at < sk_DIST_POINT_num(points); ++at)
+                addPlaces(sk_DIST_POINT_value(points, at)->distpoint, result.places);
+        });
+    return result;
+}
+
+std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate) {
+    static constexpr std::array<std::pair<unsigned int, const char*>, 9> bits{{
+        {KU_DIGITAL_SIGNATURE, "digitalSignature"},
+        {KU_NON_REPUDIATION, "nonRepudiation"},
+        {KU_KEY_ENCIPHERMENT, "keyEncipherment"},
+        {KU_DATA_ENCIPHERMENT, "dataEncipherment"},
+        {KU_KEY_AGREEMENT, "keyAgreement"},
+        {KU_KEY_CERT_SIGN, "keyCertSign"},
+        {KU_CRL_SIGN, "cRLSign"},
+        {KU_ENCIPHER_ONLY, "encipherOnly"},
+        {KU_DECIPHER_ONLY, "decipherOnly"},
+    }};
+    const auto usage = certificate->keyUsage();
+    std::vector<std::string> names;
+    for (const auto& [bit, name] : bits)
+        if ((usage & bit) != 0)
+            names.emplace_back(name);
+    return names;
+}
+
+bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate) {
+    return name != nullptr && X509_NAME_cmp(name->issuer, X509_get_issuer_name(certificate)) == 0 &&
+           ASN1_INTEGER_cmp(name->serial, X509_get0_serialNumber(certificate)) == 0;
+}
+
+} // namespace norvcrypt

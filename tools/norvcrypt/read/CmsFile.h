@@ -1,0 +1,26 @@
+#pragma once
+
+/// \file
+/// A CMS structure in a file, as verifying and decrypting read it and as signing and encrypting write it.
+
+#include "files/Input.h"
+#include "files/Output.h"
+
+#include <norvcmsg/Buffer.h>
+#include <norvcmsg/Media.h>
+
+#include <functional>
+#include <string>
+
+namespace norvcrypt {
+
+/// Gives `decode` a stream over the one structure of a file, BER or PEM; `what` names it in messages ("the signature").
+/// A binary structure is not taken into memory as a whole. \throws Failure: there is none, it is malformed (`decode`
+/// threw), or more follows
+void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
+                   const std::function<void(Norvane::MediaIn&)>& decode, Progress* progress = nullptr);
+
+/// Writes the structure as it is, or as a PEM block. \throws Failure
+void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem);
+
+} // namespace norvcrypt

@@ -1,0 +1,42 @@
+#include "read/Pkcs12File.h"
+#include "base/Failure.h"
+
+#include <norvcrypto/BIO.h>
+#include <norvcrypto/PKCS12.h>
+
+#include <variant>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+
+namespace {
+
+/// A password that was compared and differs leaves no reason; a file that cannot be checked at all does.
+bool isWrongPassword(const Norvane::Exception& failure) {
+    if (failure.where() != "Crypto::PKCS12::read - Incorrect password" || failure.parameters().empty())
+        return false;
+    const auto* reason = std::get_if<std::string>(&failure.parameters().front());
+    return reason != nullptr && reason->empty();
+}
+
+} // namespace
+
+std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
+    Norvane::Crypto::MemoryBIO source(inputs.readAll(path, true));
+    try {
+        Norvane::Crypto::PKCS12::Store store(source);
+        store.read(passphrase.text());
+        Pkcs12Content content{store.privateKey(), {}};
+        // The store's own certificate is nobody's.
+        if (!store.certificate().isNull())
+            content.certificate = NVX509::CertificateFactory()(store.certificate(), true);
+        return content;
+    } catch (const Norvane::Exception& failure) {
+        if (isWrongPassword(failure))
+            return std::nullopt;
+        throw Failure("cannot read the PKCS#12 file " + inputName(path), failure);
+    }
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,237 @@
+#include "recognise/DerAndPem.h"
+#include "openssl/OpenSsl.h"
+
+#include <norvcrypto/CrossCertificatePair.h>
+#include <norvcrypto/Crypto.h>
+
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace norvcrypt {
+
+namespace {
+
+/// An element's header, as far as it lies within the bytes.
+struct Header {
+    int tag = 0;
+    std::size_t headerLength = 0;
+    std::size_t contentLength = 0; ///< of an indefinite length: all that follows
+    bool indefinite = false;
+    bool complete = false; ///< the announced content is there
+};
+
+std::optional<Header> headerOf(const unsigned char* bytes, std::size_t length) {
+    const QuietQuestion quiet;
+    const unsigned char* at = bytes;
+    long content = 0;
+    int tag = 0;
+    int tagClass = 0;
+    const int flags = ASN1_get_object(&at, &content, &tag, &tagClass, static_cast<long>(length));
+    const auto headerLength = static_cast<std::size_t>(at - bytes);
+    // 0x80 tells that the header cannot be read or that it announces more than there is.
+    if (headerLength == 0 || tagClass != V_ASN1_UNIVERSAL)
+        return std::nullopt;
+    Header header{.tag = tag, .headerLength = headerLength};
+    header.indefinite = (static_cast<unsigned int>(flags) & 1U) != 0;
+    header.complete = (static_cast<unsigned int>(flags) & 0x80U) == 0;
+    header.contentLength =
+        header.indefinite || !header.complete ? length - headerLength : static_cast<std::size_t>(content);
+    return header;
+}
+
+template <class T, class Decode> bool decodes(Decode decode, void (*release)(T*), const Norvane::Buffer& der) {
+    const unsigned char* at = der.data();
+    T* object = decode(nullptr, &at, static_cast<long>(der.length()));
+    release(object);
+    return object != nullptr;
+}
+
+/// An empty SEQUENCE would be a pair too, of no certificates.
+bool isCrossPair(const Norvane::Buffer& der) {
+    const Norvane::Crypto::NVX509::CrossCertificatePair pair(der);
+    return pair.forward() || pair.reverse();
+}
+
+/// Tells a SEQUENCE by what it begins with, and where that leaves a choice by trying.
+ObjectKind kindOf(const Norvane::Buffer& der) {
+    const QuietQuestion quiet;
+    const auto outer = headerOf(der.data(), der.length());
+    if (!outer || outer->tag != V_ASN1_SEQUENCE)
+        return ObjectKind::unknown;
+    const auto inner = headerOf(der.data() + outer->headerLength, outer->contentLength);
+    if (!inner)
+        return isCrossPair(der) ? ObjectKind::crossPair : ObjectKind::unknown;
+    if (inner->tag == V_ASN1_OBJECT)
+        return ObjectKind::cms;
+    if (inner->tag == V_ASN1_INTEGER && decodes<EVP_PKEY>(d2i_AutoPrivateKey, EVP_PKEY_free, der))
+        return ObjectKind::privateKey;
+    if (inner->tag == V_ASN1_INTEGER && decodes<PKCS12>(d2i_PKCS12, PKCS12_free, der))
+        return ObjectKind::pkcs12;
+    if (decodes<X509>(d2i_X509, X509_free, der))
+        return ObjectKind::certificate;
+    if (decodes<X509_CRL>(d2i_X509_CRL, X509_CRL_free, der))
+        return ObjectKind::list;
+    if (decodes<EVP_PKEY>(d2i_PUBKEY, EVP_PKEY_free, der))
+        return ObjectKind::publicKey;
+    if (decodes<X509_SIG>(d2i_X509_SIG, X509_SIG_free, der))
+        return ObjectKind::encryptedKey;
+    return ObjectKind::unknown;
+}
+
+constexpr std::array<std::pair<std::string_view, ObjectKind>, 10> labels{{
+    {"CERTIFICATE", ObjectKind::certificate},
+    {"X509 CERTIFICATE", ObjectKind::certificate},
+    {"TRUSTED CERTIFICATE", ObjectKind::certificate},
+    {"X509 CRL", ObjectKind::list},
+    {"CMS", ObjectKind::cms},
+    {"PKCS7", ObjectKind::cms},
+    {"PKCS #7 SIGNED DATA", ObjectKind::cms},
+    {"PUBLIC KEY", ObjectKind::publicKey},
+    {"RSA PUBLIC KEY", ObjectKind::publicKey},
+    {"ENCRYPTED PRIVATE KEY", ObjectKind::encryptedKey},
+}};
+
+ObjectKind kindOfLabel(std::string_view label) {
+    const auto* const known =
+        std::find_if(labels.begin(), labels.end(), [label](const auto& entry) { return entry.first == label; });
+    if (known != labels.end())
+        return known->second;
+    // "RSA PRIVATE KEY", "EC PRIVATE KEY" and other kinds of key, or none.
+    return label.ends_with("PRIVATE KEY") ? ObjectKind::privateKey : ObjectKind::unknown;
+}
+
+/// RSA PUBLIC KEY holds the bare key of PKCS#1; what follows wants it as every other public key comes.
+Norvane::Buffer subjectPublicKeyInfo(const Norvane::Buffer& der) {
+    const QuietQuestion quiet;
+    const unsigned char* at = der.data();
+    const KeyPtr key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &at, static_cast<long>(der.length())));
+    unsigned char* encoded = nullptr;
+    const int length = key ? i2d_PUBKEY(key.get(), &encoded) : 0;
+    if (length <= 0)
+        return der;
+    const std::unique_ptr<unsigned char, Freeing<[](unsigned char* memory) { OPENSSL_free(memory); }>> owned(encoded);
+    return {encoded, static_cast<unsigned int>(length), false};
+}
+
+FoundObject objectOf(const std::string& label, const std::string& header, const Norvane::Buffer& der) {
+    const ObjectKind kind = kindOfLabel(label);
+    if (kind == ObjectKind::unknown)
+        return {kind, der, "a PEM block of the unknown kind " + label};
+    if (header.find("ENCRYPTED") == std::string::npos)
+        return {kind, label == "RSA PUBLIC KEY" ? subjectPublicKeyInfo(der) : der, {}};
+    if (kind == ObjectKind::privateKey)
+        return {ObjectKind::encryptedKey, der, {}};
+    return {ObjectKind::unknown, der, "an encrypted PEM block of the kind " + label};
+}
+
+/// What PEM_read_bio hands out, wiped and freed.
+struct Block {
+    char* label = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long length = 0;
+    Block() = default;
+    Block(const Block&) = delete;
+    Block& operator=(const Block&) = delete;
+    ~Block() {
+        OPENSSL_free(label);
+        OPENSSL_free(header);
+        OPENSSL_clear_free(data, static_cast<std::size_t>(length));
+    }
+};
+
+std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
+    std::vector<FoundObject> objects;
+    const BioPtr bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.length())));
+    while (bio && BIO_pending(bio.get()) > 0) {
+        Block block;
+        if (PEM_read_bio(bio.get(), &block.label, &block.header, &block.data, &block.length) == 1) {
+            // Parameters stand in front of the key that repeats them.
+            if (std::string_view(block.label).ends_with("PARAMETERS"))
+                continue;
+            Norvane::Buffer der;
+            der.protect();
+            der.append(Norvane::Buffer(block.data, static_cast<unsigned int>(block.length), true));
+            objects.push_back(objectOf(block.label, block.header, der));
+            continue;
+        }
+        const bool noMore = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+        const std::string errors = Norvane::Crypto::getErrString();
+        if (noMore)
+            break;
+        objects.push_back({ObjectKind::unknown, {}, "a damaged PEM block: " + errors});
+    }
+    return objects;
+}
+
+std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
+    std::vector<FoundObject> objects;
+    std::size_t at = 0;
+    const auto isBlank = [](unsigned char byte) { return byte == '\n' || byte == '\r' || byte == ' ' || byte == '\t'; };
+    while (at < content.length()) {
+        const unsigned char* start = content.data() + at;
+        const std::size_t left = content.length() - at;
+        // An editor's last line feed is no object.
+        if (!objects.empty() && std::all_of(start, start + left, isBlank))
+            break;
+        const auto header = headerOf(start, left);
+        const std::size_t length = header ? header->headerLength + header->contentLength : left;
+        Norvane::Buffer der;
+        der.protect();
+        der.append(Norvane::Buffer(start, static_cast<unsigned int>(length), true));
+        at += length;
+        const ObjectKind kind = kindOf(der);
+        // Garbage can look like millions of small objects: what is unknown is told once for a stretch of it.
+        if (kind == ObjectKind::unknown && !objects.empty() && objects.back().kind == ObjectKind::unknown)
+            continue;
+        std::string problem;
+        if (kind == ObjectKind::unknown)
+            problem = header && !header->complete ? "malformed: it ends before its announced length"
+                                                  : "no certificate, list, key or CMS structure, or a malformed one";
+        objects.push_back({kind, der, problem});
+    }
+    return objects;
+}
+
+bool hasPemBlock(const Norvane::Buffer& content) {
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    return text.find("-----BEGIN ") != std::string_view::npos;
+}
+
+} // namespace
+
+bool beginsStructure(const Norvane::Buffer& start) {
+    if (!looksLikeDer(start))
+        return false;
+    const unsigned char length = start.data()[1];
+    const std::size_t inner = 2 + (length > 0x80 ? length & 0x7FU : 0U);
+    return inner < start.length() && start.data()[inner] == V_ASN1_OBJECT;
+}
+
+bool looksLikeDer(const Norvane::Buffer& content) {
+    if (content.empty() || content.at(0) != 0x30)
+        return false;
+    return headerOf(content.data(), content.length()).has_value();
+}
+
+std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
+    std::vector<FoundObject> objects;
+    if (looksLikeDer(content))
+        objects = objectsInDer(content);
+    // A text may begin with the digit 0, which is the first byte of every DER object.
+    if (hasPemBlock(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
+        objects = objectsInPem(content);
+    if (objects.empty())
+        objects.push_back(
+            {ObjectKind::unknown, {}, content.empty() ? "empty" : "no certificate, list, key or CMS structure"});
+    return objects;
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,241 @@
+#include "show/Description.h"
+#include "base/Failure.h"
+#include "openssl/CertificateDetails.h"
+#include "openssl/OpenSsl.h"
+
+#include <norvcmsg/Media.h>
+#include <norvcrypto/CMS.h>
+#include <norvcrypto/Certificate.h>
+#include <norvcrypto/CertificateRevocationList.h>
+#include <norvcrypto/CrossCertificatePair.h>
+#include <norvcrypto/Crypto.h>
+#include <norvcrypto/Key.h>
+
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+namespace CMS = Norvane::Crypto::CMS;
+using Norvane::Crypto::Key;
+using Norvane::Crypto::RefKey;
+
+namespace {
+
+void problem(Description& object, const std::string& text) {
+    object["problems"].push_back(text);
+}
+
+void putText(Description& object, const char* key, const std::string& text) {
+    if (!text.empty())
+        object[key] = text;
+}
+
+void putTexts(Description& object, const char* key, const std::vector<std::string>& texts) {
+    if (!texts.empty())
+        object[key] = texts;
+}
+
+void putNumber(Description& object, const char* key, const char* what, const ASN1_INTEGER* number) {
+    if (number == nullptr)
+        return;
+    object[key] = hexNumber(number);
+    if (ASN1_STRING_type(number) == V_ASN1_NEG_INTEGER)
+        problem(object, std::string("a negative ") + what);
+}
+
+void putTime(Description& object, const char* key, const ASN1_TIME* time) {
+    if (time == nullptr)
+        return;
+    if (const auto text = isoTime(time))
+        object[key] = *text;
+    else
+        problem(object, std::string(key) + " is no proper time");
+}
+
+Description listFacts(const NVX509::RefCertificateRevocationList& list) {
+    X509_CRL* const crl = list;
+    Description facts = Description::object();
+    putText(facts, "issuer", list->crlInfo().issuer().asString());
+    putTime(facts, "thisUpdate", X509_CRL_get0_lastUpdate(crl));
+    putTime(facts, "nextUpdate", X509_CRL_get0_nextUpdate(crl));
+    const QuietQuestion quiet;
+    const IntegerPtr number(static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(crl, NID_crl_number, nullptr, nullptr)));
+    putNumber(facts, "crlNumber", "CRL number", number.get());
+    facts["delta"] = list->isDeltaCRL();
+    const STACK_OF(X509_REVOKED)* revoked = X509_CRL_get_REVOKED(crl);
+    facts["entries"] = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
+    facts["sha256"] = fingerprint(list);
+    return facts;
+}
+
+Description issuerAndSerial(const CMS::IssuerAndSerialNumber& name, const PKCS7_ISSUER_AND_SERIAL* raw) {
+    Description facts = Description::object();
+    putText(facts, "issuer", name.issuer().asString());
+    if (raw != nullptr)
+        putNumber(facts, "serial", "serial number", raw->serial);
+    return facts;
+}
+
+void putSigned(Description& facts, const CMS::RefContentInfo& content) {
+    const CMS::SignedData data = CMS::signedData(content);
+    facts["detached"] = CMS::embeddedContent(content).isNull();
+    facts["signers"] = Description::array();
+    for (const CMS::SignerInfo& signer : data.signerInfo()) {
+        const PKCS7_SIGNER_INFO* const raw = signer;
+        Description one = issuerAndSerial(signer.issuerAndSerialNumber(), raw->issuer_and_serial);
+        putText(one, "digestAlgorithm", objectName(raw->digest_alg->algorithm));
+        putText(one, "signatureAlgorithm", objectName(raw->digest_enc_alg->algorithm));
+        facts["signers"].push_back(one);
+    }
+    facts["certificates"] = Description::array();
+    for (const NVX509::RefCertificate& certificate : data.certificates())
+        facts["certificates"].push_back(certificateFacts(certificate));
+    facts["crls"] = Description::array();
+    for (const NVX509::RefCertificateRevocationList& list : data.certificateRevocationLists())
+        facts["crls"].push_back(listFacts(list));
+}
+
+void putRecipients(Description& facts, const STACK_OF(PKCS7_RECIP_INFO) * recipients) {
+    facts["recipients"] = Description::array();
+    for (int at = 0; at < sk_PKCS7_RECIP_INFO_num(recipients); ++at) {
+        const PKCS7_RECIP_INFO* const raw = sk_PKCS7_RECIP_INFO_value(recipients, at);
+        facts["recipients"].push_back(
+            issuerAndSerial(CMS::RecipientInfo(raw).issuerAndSerialNumber(), raw->issuer_and_serial));
+    }
+}
+
+Description cmsFacts(const Norvane::Buffer& der) {
+    Norvane::MemoryMediaIn in(der);
+    const CMS::RefContentInfo content(in);
+    const PKCS7* const structure = content;
+    Description facts = Description::object();
+    putText(facts, "contentType", objectName(structure->type));
+    if (PKCS7_type_is_signed(structure))
+        putSigned(facts, content);
+    else if (PKCS7_type_is_enveloped(structure) && structure->d.enveloped != nullptr)
+        putRecipients(facts, structure->d.enveloped->recipientinfo);
+    else if (PKCS7_type_is_signedAndEnveloped(structure) && structure->d.signed_and_enveloped != nullptr)
+        putRecipients(facts, structure->d.signed_and_enveloped->recipientinfo);
+    return facts;
+}
+
+Description keyFacts(Key::Type type, const Norvane::Buffer& der) {
+    const RefKey key(type);
+    key->read(der, false);
+    return norvcrypt::keyFacts(key);
+}
+
+Description encryptedFacts() {
+    return {{"encrypted", true}};
+}
+
+/// The library's readers answer without a reason; OpenSSL's own tells where the bytes go wrong.
+template <class Decode, class Release>
+std::string reasonFor(Decode decode, Release release, const Norvane::Buffer& der) {
+    const unsigned char* at = der.data();
+    release(decode(nullptr, &at, static_cast<long>(der.length())));
+    return Norvane::Crypto::getErrString();
+}
+
+Description readCertificate(const Norvane::Buffer& der) {
+    const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
+    if (certificate.isNull())
+        throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
+    return certificateFacts(certificate);
+}
+
+Description readList(const Norvane::Buffer& der) {
+    const NVX509::RefCertificateRevocationList list = NVX509::CertificateRevocationListFactory().readDER(der);
+    if (list.isNull())
+        throw Failure("malformed revocation list: " + reasonFor(d2i_X509_CRL, X509_CRL_free, der));
+    return listFacts(list);
+}
+
+Description pairFacts(const Norvane::Buffer& der) {
+    const NVX509::CrossCertificatePair pair(der);
+    Description facts = Description::object();
+    if (pair.forward())
+        facts["forward"] = certificateFacts(pair.forward());
+    if (pair.reverse())
+        facts["reverse"] = certificateFacts(pair.reverse());
+    return facts;
+}
+
+Description pkcs12Facts() {
+    return {{"readBy", "norvcrypt p12"}};
+}
+
+Description typed(const char* type, const Description& facts) {
+    Description object{{"type", type}};
+    object.update(facts);
+    return object;
+}
+
+} // namespace
+
+Description certificateFacts(const NVX509::RefCertificate& certificate) {
+    X509* const x509 = certificate;
+    Description facts = Description::object();
+    putText(facts, "subject", certificate->subject().asString());
+    putText(facts, "issuer", certificate->issuer().asString());
+    putNumber(facts, "serial", "serial number", X509_get0_serialNumber(x509));
+    putTime(facts, "notBefore", X509_get0_notBefore(x509));
+    putTime(facts, "notAfter", X509_get0_notAfter(x509));
+    facts["sha256"] = fingerprint(certificate);
+    facts["selfSigned"] = certificate->isSelfSigned();
+    facts["ca"] = certificate->isCACert();
+    putTexts(facts, "keyUsage", keyUsage(certificate));
+    const AlternativeNames names = alternativeNames(x509);
+    putTexts(facts, "emails", names.emails);
+    putTexts(facts, "dns", names.dns);
+    putTexts(facts, "uris", names.uris);
+    if (names.malformed)
+        problem(facts, "a malformed subject alternative name");
+    const ListPlaces lists = crlDistributionPoints(x509);
+    putTexts(facts, "crlDistributionPoints", lists.places);
+    if (lists.malformed)
+        problem(facts, "malformed CRL distribution points");
+    return facts;
+}
+
+Description keyFacts(const RefKey& key) {
+    EVP_PKEY* const pkey = key;
+    Description facts = Description::object();
+    const char* name = EVP_PKEY_get0_type_name(pkey);
+    putText(facts, "algorithm", name == nullptr ? "" : name);
+    if (const int bits = EVP_PKEY_get_bits(pkey); bits > 0)
+        facts["bits"] = bits;
+    if (const auto digest = fingerprint(pkey))
+        facts["sha256"] = *digest;
+    return facts;
+}
+
+Description describe(const FoundObject& object) {
+    if (!object.problem.empty())
+        throw Failure(object.problem);
+    switch (object.kind) {
+    case ObjectKind::certificate:
+        return typed("certificate", readCertificate(object.der));
+    case ObjectKind::list:
+        return typed("crl", readList(object.der));
+    case ObjectKind::cms:
+        return typed("cms", cmsFacts(object.der));
+    case ObjectKind::publicKey:
+        return typed("public-key", keyFacts(Key::PUBLIC_KEY, object.der));
+    case ObjectKind::privateKey:
+        return typed("private-key", keyFacts(Key::PRIVATE_KEY, object.der));
+    case ObjectKind::encryptedKey:
+        return typed("private-key", encryptedFacts());
+    case ObjectKind::pkcs12:
+        return typed("pkcs12", pkcs12Facts());
+    case ObjectKind::crossPair:
+        return typed("cross-pair", pairFacts(object.der));
+    case ObjectKind::unknown:
+        break;
+    }
+    throw Failure("no certificate, list, key or CMS structure");
+}
+
+} // namespace norvcrypt

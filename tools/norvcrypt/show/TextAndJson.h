@@ -1,0 +1,20 @@
+#pragma once
+
+#include "show/Description.h"
+
+#include <string>
+
+namespace norvcrypt {
+
+/// JSON in ASCII: whatever bytes the texts hold, it is valid and drives no terminal. Bytes that are no UTF-8 become
+/// \xNN, and a text that holds some has its backslashes doubled, as has one with a backslash and an x of its own: a
+/// value with \x in it is to be read back that way, any other as it stands, so that nothing is lost. "subject" and
+/// "issuer" keep the library's text form of names.
+std::string asJson(const Description& objects);
+
+/// Lines "key: value", one for each value, indented by depth; values are escaped for display.
+std::string asText(const Description& object);
+/// The same under a heading of the caller's, which is shown as it is.
+std::string asText(const std::string& heading, const Description& object);
+
+} // namespace norvcrypt
