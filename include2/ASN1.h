@@ -322,7 +322,8 @@ public:
     /// Borrows an OpenSSL object; a null pointer gives a null handle.
     explicit RefObjectIdentifier(const asn1_object_st* object);
     /// Dotted numbers or a name that OpenSSL knows ("2.5.29.17", "subjectAltName"). The text is kept as given; an
-    /// unknown one gives a body without an object, which equals nothing.
+    /// unknown one, and one with a number of more than 256 digits, gives a body without an object, which equals
+    /// nothing.
     explicit RefObjectIdentifier(const std::string& text);
     /// Decodes DER.
     RefObjectIdentifier(const unsigned char* der, unsigned int length);

@@ -27,6 +27,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 struct DIST_POINT_NAME_st;
 struct DIST_POINT_st;
@@ -74,15 +75,24 @@ public:
     bool operator!=(const DistinguishedName& name) const { return !(*this == name); }
     /// True for one and the same structure, for full names that share a general name, and for relative names whose
     /// texts are equal without regard to letter case (the issuers that they are relative to are not compared). Two null
-    /// names are not equal.
+    /// names are not equal. The first comparison puts the names of the longer list in order and keeps that, so that n
+    /// names are compared with m others in about n log m steps, the comparisons in a loop over points too.
     bool operator==(const CRLDistributionPointName& other) const;
     bool operator!=(const CRLDistributionPointName& other) const { return !(*this == other); }
 
+    /// Fills what the accessors and comparisons keep, so that the name can be shared between threads. `warm()` of a
+    /// certificate or list does it for its own; the general names' own values are filled there too.
+    void warm() const;
+
 private:
+    [[nodiscard]] bool sharesNameWith(const CRLDistributionPointName& other) const;
+    [[nodiscard]] const std::vector<const GENERAL_NAME_st*>& orderedNames() const;
+
     const DIST_POINT_NAME_st* m_name = nullptr;
     mutable int m_type = -1;
     mutable std::list<GeneralName> m_fullName;
     mutable std::string m_relativeName;
+    mutable std::vector<const GENERAL_NAME_st*> m_orderedNames;
 };
 
 /// One distribution point.

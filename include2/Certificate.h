@@ -63,8 +63,11 @@ public:
     /// Frees the `X509` if it is owned.
     ~Certificate() override;
 
-    /// Equal serial numbers and equal signatures: issuer names are not compared. Two certificates without `X509` are
-    /// equal, one without is unequal to one with.
+    /// Equal serial numbers and equal signature bits: nothing else is compared, and no signature is verified. Two
+    /// certificates without `X509` are equal, one without is unequal to one with.
+    ///
+    /// Not for telling certificates of strangers apart: anybody can make a certificate of any name and key that is equal
+    /// to a given one, by copying its serial number and signature. Use `sameEncoding` there.
     /// \throws Exception as `serialNumber()`, when the signatures are equal and a serial number is negative
     bool operator==(const Certificate& other) const;
 
@@ -188,10 +191,15 @@ public:
 
     /// The `X509`, which stays the certificate's; null for an empty handle.
     operator x509_st*() const; // NOLINT(google-explicit-constructor): handed to C functions as it is
-    /// Compares as `Certificate::operator==`, with its exception. Two empty handles are equal, an empty one is unequal
+    /// Compares as `Certificate::operator==`, with its exception and its weakness. Two empty handles are equal, an empty one is unequal
     /// to a full one.
     bool operator==(const RefCertificate& other) const;
 };
+
+/// Whether two handles hold one certificate, byte for byte: equal DER, as `writeDER` writes it. False when one of them
+/// holds none, or one that cannot be encoded. To be asked, in place of `==`, wherever a certificate comes from outside;
+/// it says nothing about trust.
+[[nodiscard]] NORVCRYPTO_EXPORT bool sameEncoding(const RefCertificate& left, const RefCertificate& right);
 
 /// Certificates together with the OpenSSL stack that OpenSSL's own calls take.
 class NORVCRYPTO_EXPORT StackOfCertificate : private NonCopyable {
@@ -300,13 +308,26 @@ private:
     RefCertificate m_reference;
 };
 
-/// Is the candidate the reference certificate? Compares as `RefCertificate::operator==`.
+/// Is the candidate the reference certificate? Compares as `RefCertificate::operator==`: serial number and signature
+/// bits, which anybody can copy into another certificate. Use `SameEncodingFilter` for candidates from outside.
 class NORVCRYPTO_EXPORT ExactMatchFilter : public CertificateFilter {
 public:
     explicit ExactMatchFilter(const RefCertificate& reference);
     ExactMatchFilter(const ExactMatchFilter& other) = default;
     ExactMatchFilter& operator=(const ExactMatchFilter& other) = default;
     ~ExactMatchFilter() override;
+
+    bool operator()(const RefCertificate& candidate) override;
+};
+
+/// Is the candidate the reference certificate, byte for byte? Compares as `sameEncoding`: an empty handle matches
+/// nothing, not even another one.
+class NORVCRYPTO_EXPORT SameEncodingFilter : public CertificateFilter {
+public:
+    explicit SameEncodingFilter(const RefCertificate& reference);
+    SameEncodingFilter(const SameEncodingFilter& other) = default;
+    SameEncodingFilter& operator=(const SameEncodingFilter& other) = default;
+    ~SameEncodingFilter() override;
 
     bool operator()(const RefCertificate& candidate) override;
 };

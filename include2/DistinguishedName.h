@@ -68,8 +68,8 @@ public:
     explicit DistinguishedName(const stack_st_X509_NAME_ENTRY* entries);
     /// Parses a text: components between commas, each a type, "=" and a value, with blanks around each dropped. Types
     /// are upper-cased, so that those with lower-case letters in their short name (emailAddress) are unknown and
-    /// silently left out, as are values that OpenSSL refuses for their type (a country of three letters). Every
-    /// component becomes an RDN of its own; the last one comes first in the name, so that the name prints as given.
+    /// silently left out, as are values that OpenSSL refuses for their type (a country of three letters) and dotted
+    /// types with a number of more than 256 digits. Every component becomes an RDN of its own; the last one comes first in the name, so that the name prints as given.
     /// Bytes from 0x80 are taken for Latin-1, not UTF-8; a zero byte is a byte like others.
     ///
     /// Deliberate, for a text from outside: double quotes and backslashes only protect commas and equals signs, they
@@ -110,6 +110,19 @@ private:
     mutable std::list<RDNPair> m_rdns;
     mutable unsigned long m_hash = 0;
 };
+
+/// A name as people are to read it, in the form of RFC 4514: the attributes in the order of `asString()`, values in
+/// UTF-8, attributes of one RDN joined by "+". What has a meaning there (`,` `+` `"` `\` `<` `>` `;`, a leading `#`,
+/// blanks at the ends) has a backslash before it; bytes that are no UTF-8 and characters that would not be seen
+/// (`utf8::isHidden`) are written as `\HH`, a byte each; a value that is no text as "#" and its DER in hex digits. So the
+/// text breaks no line, drives no terminal, and values of other characters look different: show it as it is. It is not
+/// `asString()`, which does not escape what others chose to look like an escape, and no input for the constructor from a
+/// text.
+///
+/// \code
+/// displayName(certificate->subject()) // CN=Müller\, Anna,O=Org,C=DE      where asString() is CN=M\xC3\xBCller, Anna,...
+/// \endcode
+[[nodiscard]] NORVCRYPTO_EXPORT std::string displayName(const DistinguishedName& name);
 
 /// A shared handle on a name; the last one to go takes the name with it. `==` and `<` of two handles are those of
 /// `boost::shared_ptr`: they compare which name is held, not its value.

@@ -2,7 +2,7 @@
 
 #include <norvcmsg/Escape.h>
 
-#include "Utf8.h"
+#include <norvcmsg/Utf8.h>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/sinks/stdout_sinks.h>

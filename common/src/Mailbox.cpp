@@ -1,7 +1,7 @@
 #include "Mailbox.h"
 
 #include "Ascii.h"
-#include "Utf8.h"
+#include <norvcmsg/Utf8.h>
 
 #include <arpa/inet.h>
 

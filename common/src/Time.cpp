@@ -2,6 +2,7 @@
 
 #include <norvcmsg/Exception.h>
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -16,14 +17,16 @@ constexpr std::int64_t floorDivide(std::int64_t value, std::int64_t divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
 
-/// Days from 1970-01-01 to the first of a month (0 to 11). Years begin in March here, so that the leap day is the last
-/// of its year, and come in eras of 400, after which the calendar repeats.
+constexpr std::int64_t yearsPerEra = 400; // after which the calendar repeats
+constexpr std::int64_t daysPerEra = 146097;
+
+/// Days from 1970-01-01 to the first of a month (0 to 11). The standard calendar ends at the year 32767; eras carry on.
 constexpr std::int64_t daysToMonth(std::int64_t year, std::int64_t month) {
-    const auto shifted = month < 2 ? year - 1 : year;
-    const auto era = floorDivide(shifted, 400);
-    const auto yearOfEra = shifted - era * 400;
-    const auto dayOfYear = (153 * ((month + 10) % 12) + 2) / 5;
-    return era * 146097 + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear - 719468;
+    const auto era = floorDivide(year, yearsPerEra);
+    const std::chrono::year_month_day first{std::chrono::year{static_cast<int>(year - era * yearsPerEra)},
+                                            std::chrono::month{static_cast<unsigned int>(month + 1)},
+                                            std::chrono::day{1}};
+    return era * daysPerEra + std::chrono::sys_days{first}.time_since_epoch().count();
 }
 
 static_assert(daysToMonth(1970, 0) == 0 && daysToMonth(2000, 2) == 11017);
@@ -36,20 +39,17 @@ Time Time::fromCalendarSeconds(std::int64_t seconds) {
     const auto days = floorDivide(seconds, secondsPerDay);
     const auto remainder = static_cast<int>(seconds % secondsPerDay);
     const auto secondOfDay = remainder < 0 ? remainder + static_cast<int>(secondsPerDay) : remainder;
-    const auto era = floorDivide(days + 719468, 146097);
-    const auto dayOfEra = days + 719468 - era * 146097;
-    const auto yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const auto dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const auto shiftedMonth = (5 * dayOfYear + 2) / 153;
-    const auto month = (shiftedMonth + 2) % 12;
-    const auto year = yearOfEra + era * 400 + (month < 2 ? 1 : 0) - 1900;
+    const auto era = floorDivide(days, daysPerEra);
+    const std::chrono::sys_days dayOfEra{std::chrono::days{days - era * daysPerEra}};
+    const std::chrono::year_month_day date{dayOfEra};
+    const auto year = static_cast<int>(date.year()) + era * yearsPerEra - 1900;
     if (year < std::numeric_limits<int>::min() || year > std::numeric_limits<int>::max()) {
         throw Exception("Time::fromCalendarSeconds", 4, "Time", __LINE__).stringParameter(std::to_string(seconds));
     }
     Time time;
     time.m_year = static_cast<int>(year);
-    time.m_month = static_cast<int>(month);
-    time.m_dayOfMonth = static_cast<int>(dayOfYear - (153 * shiftedMonth + 2) / 5 + 1);
+    time.m_month = static_cast<int>(static_cast<unsigned int>(date.month())) - 1;
+    time.m_dayOfMonth = static_cast<int>(static_cast<unsigned int>(date.day()));
     time.m_hours = secondOfDay / 3600;
     time.m_minutes = secondOfDay / 60 % 60;
     time.m_seconds = secondOfDay % 60;

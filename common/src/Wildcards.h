@@ -11,7 +11,7 @@
 /// longer than the text.
 
 #include "Ascii.h"
-#include "Utf8.h"
+#include <norvcmsg/Utf8.h>
 
 #include <algorithm>
 #include <cstddef>

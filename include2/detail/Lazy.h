@@ -3,6 +3,9 @@
 /// \file
 /// The caches of the accessors: filled on first use, never refreshed, without a lock.
 
+#include <type_traits>
+#include <utility>
+
 namespace Norvane::Crypto::detail {
 
 /// A cached yes or no.
@@ -20,16 +23,20 @@ template <class Decide> bool answerOnce(TriState& cache, Decide decide) {
     return cache == TriState::yes;
 }
 
+/// Whether a type tells emptiness by `isNull()`, as handles and values do; else it is a text or list with `empty()`.
+template <class Slot, class = void> struct CanBeNull : std::false_type {};
+template <class Slot> struct CanBeNull<Slot, std::void_t<decltype(std::declval<const Slot&>().isNull())>>
+    : std::true_type {};
+
 /// Answers `slot`, after `fill(slot)` when it is still empty: a null handle, an empty text or an empty list. A `fill`
 /// that has nothing to give leaves the slot unwritten, so that threads that share what was warmed only read it.
 template <class Slot, class Fill> Slot& fillWhenEmpty(Slot& slot, Fill fill) {
-    const bool isEmpty = [&] {
-        if constexpr (requires { slot.isNull(); }) {
-            return slot.isNull();
-        } else {
-            return slot.empty();
-        }
-    }();
+    bool isEmpty = false;
+    if constexpr (CanBeNull<Slot>::value) {
+        isEmpty = slot.isNull();
+    } else {
+        isEmpty = slot.empty();
+    }
     if (isEmpty) {
         fill(slot);
     }

@@ -2,6 +2,7 @@
 
 #include "ASN1/Support.h"
 #include "openssl/Decode.h"
+#include "openssl/ObjectText.h"
 
 #include <openssl/objects.h>
 
@@ -22,14 +23,6 @@ asn1_object_st* detail::Asn1ObjectTraits::duplicate(const asn1_object_st* object
 namespace ASN1 {
 
 namespace {
-
-asn1_object_st* objectFromText(const std::string& text) {
-    if (text.find('\0') != std::string::npos) {
-        return nullptr; // OpenSSL would take the part before the zero byte for the whole
-    }
-    const openssl::ErrorMark mark;
-    return OBJ_txt2obj(text.c_str(), 0);
-}
 
 void appendNumber(std::string& text, std::uint32_t number) {
     if (!text.empty()) {
@@ -67,7 +60,7 @@ ObjectIdentifier::ObjectIdentifier(const asn1_object_st* object) : m_object(deta
 
 ObjectIdentifier::ObjectIdentifier(const std::string& text)
     : m_text(text),
-      m_object(detail::Asn1Object::adopt(objectFromText(text))) {}
+      m_object(detail::Asn1Object::adopt(openssl::identifierFromText(text))) {}
 
 ObjectIdentifier::ObjectIdentifier(const unsigned char* der, unsigned int length)
     : m_object(detail::Asn1Object::adopt(openssl::decode<d2i_ASN1_OBJECT>(der, length))) {}

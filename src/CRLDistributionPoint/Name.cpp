@@ -1,12 +1,14 @@
 #include <norvcrypto/CRLDistributionPoint.h>
 
 #include "Extension/Names.h"
+#include "openssl/GeneralNames.h"
 
 #include <norvcmsg/Strings.h>
 
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Norvane::Crypto::NVX509 {
 
@@ -55,6 +57,38 @@ bool CRLDistributionPointName::operator==(const DistinguishedName& name) const {
                        [&](const GeneralName& own) { return own.type() == GEN_DIRNAME && own.dn() == name; });
 }
 
+/// Looks the names of the shorter list up in the order of the longer one, which is made once: whoever wrote the lists
+/// has them compared in a loop, every point of a certificate with the one of a list.
+bool CRLDistributionPointName::sharesNameWith(const CRLDistributionPointName& other) const {
+    const auto count = [](const CRLDistributionPointName& name) {
+        return sk_GENERAL_NAME_num(name.m_name->name.fullname);
+    };
+    const bool mineIsShorter = count(*this) < count(other);
+    const auto* shorter = (mineIsShorter ? m_name : other.m_name)->name.fullname;
+    const auto& longer = (mineIsShorter ? other : *this).orderedNames();
+    for (int i = 0; i < sk_GENERAL_NAME_num(shorter); ++i) {
+        if (openssl::contains(longer, sk_GENERAL_NAME_value(shorter, i))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+const std::vector<const GENERAL_NAME_st*>& CRLDistributionPointName::orderedNames() const {
+    if (m_orderedNames.empty() && type() == fullNameType) {
+        if (auto ordered = openssl::orderedNames(m_name->name.fullname); !ordered.empty()) {
+            m_orderedNames = std::move(ordered);
+        }
+    }
+    return m_orderedNames;
+}
+
+void CRLDistributionPointName::warm() const {
+    static_cast<void>(relativeName());
+    static_cast<void>(fullName());
+    static_cast<void>(orderedNames());
+}
+
 bool CRLDistributionPointName::operator==(const CRLDistributionPointName& other) const {
     if (m_name == nullptr || other.m_name == nullptr) {
         return false;
@@ -63,10 +97,7 @@ bool CRLDistributionPointName::operator==(const CRLDistributionPointName& other)
         return true;
     }
     if (type() == fullNameType && other.type() == fullNameType) {
-        const auto& theirs = other.fullName();
-        return std::any_of(fullName().begin(), fullName().end(), [&](const GeneralName& own) {
-            return std::find(theirs.begin(), theirs.end(), own) != theirs.end();
-        });
+        return sharesNameWith(other);
     }
     return type() == relativeNameType && other.type() == relativeNameType &&
            stringCompareNoCase(other.relativeName(), relativeName(), 0);

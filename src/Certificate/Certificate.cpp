@@ -1,5 +1,6 @@
 #include <norvcrypto/Certificate.h>
 
+#include "openssl/Acceptance.h"
 #include "openssl/CertificateFields.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
@@ -21,7 +22,7 @@ namespace Norvane::Crypto::NVX509 {
 
 Mutex Certificate::m_Mutex;
 
-Certificate::Certificate(x509_st* x509) : m_x509(x509) {
+Certificate::Certificate(x509_st* x509) : m_x509(openssl::hasTooManyRelativePoints(x509) ? nullptr : x509) {
     openssl::cacheExtensions(m_x509);
 }
 

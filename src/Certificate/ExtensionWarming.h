@@ -43,8 +43,7 @@ inline void warmNames(const std::list<GeneralName>& names) {
 }
 
 inline void warmPointName(const CRLDistributionPointName& name) {
-    static_cast<void>(name.type());
-    static_cast<void>(name.relativeName());
+    name.warm();
     warmNames(name.fullName());
 }
 

@@ -30,6 +30,13 @@ bool ExactMatchFilter::operator()(const RefCertificate& candidate) {
     return reference() == candidate;
 }
 
+SameEncodingFilter::SameEncodingFilter(const RefCertificate& reference) : CertificateFilter(reference) {}
+SameEncodingFilter::~SameEncodingFilter() = default;
+
+bool SameEncodingFilter::operator()(const RefCertificate& candidate) {
+    return sameEncoding(reference(), candidate);
+}
+
 IssuerFilter::IssuerFilter(const RefCertificate& subject) : CertificateFilter(subject) {}
 IssuerFilter::~IssuerFilter() = default;
 

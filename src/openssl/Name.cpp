@@ -1,6 +1,7 @@
 #include "openssl/Name.h"
 
 #include "openssl/ErrorQueue.h"
+#include "openssl/ObjectText.h"
 
 #include <openssl/objects.h>
 
@@ -22,16 +23,82 @@ std::string typeText(const ASN1_OBJECT* object) {
     return text.data();
 }
 
+std::string wholeTypeText(const ASN1_OBJECT* object) {
+    if (const int nid = OBJ_obj2nid(object); nid != NID_undef) {
+        if (const char* shortName = OBJ_nid2sn(nid); shortName != nullptr) {
+            return shortName;
+        }
+    }
+    const int length = OBJ_obj2txt(nullptr, 0, object, 1); // the library refuses those of more than 586 octets
+    if (length <= 0) {
+        return "?";
+    }
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    OBJ_obj2txt(text.data(), length + 1, object, 1);
+    text.pop_back();
+    return text;
+}
+
+std::string bytesOf(const ASN1_STRING* string) {
+    const int length = ASN1_STRING_length(string);
+    return length == 0 ? std::string()
+                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+                                     static_cast<std::size_t>(length));
+}
+
+std::string ownedText(unsigned char* bytes, int length) {
+    const OwnedMemory<unsigned char> owned(bytes);
+    return length <= 0 ? std::string()
+                       : std::string(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+}
+
+std::string derOf(const ASN1_STRING* value) {
+    ASN1_TYPE any{};
+    any.type = ASN1_STRING_type(value);
+    any.value.asn1_string = const_cast<ASN1_STRING*>(value);
+    unsigned char* der = nullptr;
+    const int length = i2d_ASN1_TYPE(&any, &der);
+    return ownedText(der, length);
+}
+
+NameAttribute attributeOf(const X509_NAME_ENTRY* entry) {
+    NameAttribute attribute{wholeTypeText(X509_NAME_ENTRY_get_object(entry)), {}, {}, false};
+    const ASN1_STRING* value = X509_NAME_ENTRY_get_data(entry);
+    switch (ASN1_STRING_type(value)) {
+    case V_ASN1_BMPSTRING:
+    case V_ASN1_UNIVERSALSTRING:
+    case V_ASN1_T61STRING: { // Latin-1 in practice
+        unsigned char* text = nullptr;
+        if (const int length = ASN1_STRING_to_UTF8(&text, value); length >= 0) {
+            attribute.text = ownedText(text, length);
+        } else {
+            attribute.der = derOf(value);
+        }
+        break;
+    }
+    case V_ASN1_UTF8STRING:
+    case V_ASN1_NUMERICSTRING:
+    case V_ASN1_PRINTABLESTRING:
+    case V_ASN1_VIDEOTEXSTRING:
+    case V_ASN1_IA5STRING:
+    case V_ASN1_GRAPHICSTRING:
+    case V_ASN1_VISIBLESTRING:
+    case V_ASN1_GENERALSTRING:
+        attribute.text = bytesOf(value);
+        break;
+    default:
+        attribute.der = derOf(value);
+    }
+    return attribute;
+}
+
 bool isAscii(char c) {
     return static_cast<unsigned char>(c) < 0x80;
 }
 
 NameEntry textOf(const X509_NAME_ENTRY* entry) {
     const ASN1_STRING* data = X509_NAME_ENTRY_get_data(entry);
-    return {typeText(X509_NAME_ENTRY_get_object(entry)), ASN1_STRING_type(data),
-            ASN1_STRING_length(data) == 0 ? std::string()
-                                          : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(data)),
-                                                        static_cast<std::size_t>(ASN1_STRING_length(data)))};
+    return {typeText(X509_NAME_ENTRY_get_object(entry)), ASN1_STRING_type(data), bytesOf(data)};
 }
 
 } // namespace
@@ -58,6 +125,21 @@ std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries) {
     return texts;
 }
 
+std::vector<NameAttribute> attributesOf(const X509_NAME* name) {
+    const ErrorMark mark;
+    std::vector<NameAttribute> attributes;
+    const int count = X509_NAME_entry_count(name);
+    attributes.reserve(static_cast<std::size_t>(count));
+    int set = -1;
+    for (int i = 0; i < count; ++i) {
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+        attributes.push_back(attributeOf(entry));
+        attributes.back().joinsPreceding = i > 0 && X509_NAME_ENTRY_set(entry) == set;
+        set = X509_NAME_ENTRY_set(entry);
+    }
+    return attributes;
+}
+
 NamePtr copyOf(const X509_NAME* name) {
     const ErrorMark mark;
     NamePtr copy(X509_NAME_new());
@@ -70,8 +152,8 @@ NamePtr copyOf(const X509_NAME* name) {
 }
 
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
-    if (type.find('\0') != std::string::npos) {
-        return; // no type that OpenSSL knows; it would look at the part before the zero byte only
+    if (!mayBeIdentifier(type)) {
+        return; // as a type that OpenSSL does not know
     }
     const ErrorMark mark;
     const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());

@@ -21,6 +21,17 @@ struct NameEntry {
 [[nodiscard]] std::vector<NameEntry> entriesOf(const X509_NAME* name);
 [[nodiscard]] std::vector<NameEntry> entriesOf(const STACK_OF(X509_NAME_ENTRY) * entries);
 
+/// One attribute of a name as people are to read it.
+struct NameAttribute {
+    std::string type;    ///< short name or the whole dotted number; "?" for one that is too long to be printed
+    std::string text;    ///< the value in UTF-8; bytes that are none where the certificate has them
+    std::string der;     ///< the encoded value instead, when it is no readable text
+    bool joinsPreceding; ///< belongs to one RDN with the attribute before
+};
+
+/// The attributes, in their order.
+[[nodiscard]] std::vector<NameAttribute> attributesOf(const X509_NAME* name);
+
 /// A copy of a name that `appendEntry` made: each entry an RDN of its own. Null without memory. OpenSSL's own copying
 /// goes through an encoding, of which it decodes no more than a mebibyte.
 [[nodiscard]] NamePtr copyOf(const X509_NAME* name);

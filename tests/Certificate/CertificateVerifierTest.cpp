@@ -3,7 +3,10 @@
 
 #include <norvcrypto/Certificate.h>
 
+#include <openssl/x509.h>
+
 #include <algorithm>
+#include <memory>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -109,6 +112,52 @@ TEST_F(CertificateFilterTest, ExactMatchComparesSerialNumberAndSignature) {
     EXPECT_FALSE(filter(subject("aa")));
     EXPECT_FALSE(filter(RefCertificate()));
     EXPECT_TRUE(ExactMatchFilter(RefCertificate())(RefCertificate()));
+}
+
+/// What anybody can make: another name under the serial number and signature of a given certificate.
+RefCertificate forgedFrom(const RefCertificate& genuine) {
+    const std::unique_ptr<X509, decltype(&X509_free)> forgery(X509_dup(genuine), X509_free);
+    const auto name = norvauthority::Name{{"CN", "Mallory"}}.x509Name();
+    EXPECT_EQ(X509_set_subject_name(forgery.get(), name.get()), 1);
+    EXPECT_GT(i2d_re_X509_tbs(forgery.get(), nullptr), 0); // the encoding is kept otherwise
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(forgery.get(), &der);
+    const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owned(
+        der, [](unsigned char* memory) { OPENSSL_free(memory); });
+    return CertificateFactory().readDER({der, static_cast<unsigned int>(length), false});
+}
+
+TEST_F(CertificateFilterTest, AForgedCopyIsEqualButNotOfTheSameEncoding) {
+    const auto genuine = read(authority("aa"));
+    const auto forged = forgedFrom(genuine);
+    ASSERT_FALSE(forged.isNull());
+    EXPECT_EQ(forged->subject().asString(), "CN=Mallory");
+    EXPECT_TRUE(genuine == forged) << "deliberate: serial number and signature are all that is compared";
+    EXPECT_TRUE(ExactMatchFilter(genuine)(forged));
+    EXPECT_FALSE(sameEncoding(genuine, forged));
+    EXPECT_FALSE(sameEncoding(forged, genuine));
+    EXPECT_FALSE(SameEncodingFilter(genuine)(forged));
+}
+
+TEST_F(CertificateFilterTest, CopiesHaveTheSameEncoding) {
+    const auto first = authority("aa");
+    const auto certificate = read(first);
+    EXPECT_TRUE(sameEncoding(certificate, certificate));
+    EXPECT_TRUE(sameEncoding(certificate, read(first)));
+    EXPECT_TRUE(SameEncodingFilter(certificate)(read(first)));
+    EXPECT_FALSE(sameEncoding(certificate, subject("aa")));
+}
+
+TEST_F(CertificateFilterTest, NothingHasTheEncodingOfNoCertificate) {
+    const auto certificate = read(authority("aa"));
+    const RefCertificate hollow = CertificateFactory()(nullptr, false);
+    for (const auto& none : {RefCertificate(), hollow}) {
+        EXPECT_FALSE(sameEncoding(none, certificate));
+        EXPECT_FALSE(sameEncoding(certificate, none));
+        EXPECT_FALSE(sameEncoding(none, none));
+        EXPECT_FALSE(SameEncodingFilter(none)(none));
+    }
+    EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
 TEST_F(CertificateFilterTest, IssuerIsFoundByNameAndKeyIdentifier) {

@@ -20,7 +20,7 @@ std::vector<DirectoryKeyStore::Owner> ownersOf(const Buffer& text) {
         const auto length = rest.find('\n');
         const std::string pattern = stringLeftTrim(stringRightTrim(std::string(rest.substr(0, length))));
         rest.remove_prefix(length == std::string_view::npos ? rest.size() : length + 1);
-        if (escapeForDisplay(pattern) != pattern) {
+        if (!isDisplayable(pattern)) {
             throw Refusal("line " + std::to_string(line) + " holds bytes that are no text");
         }
         if (!pattern.empty() && pattern.front() != '#') {
