@@ -49,7 +49,7 @@ Description identityFacts(const Store::Identity& identity) {
     facts["privateKey"] = identity.hasKey;
     facts["chain"] = Description::array();
     for (const auto& certificate : identity.chain)
-        facts["chain"].push_back({{"subject", certificate->subject().asString()}});
+        facts["chain"].push_back({{"subject", displayName(certificate->subject())}});
     facts["owners"] = Description::array();
     for (const Store::Owner& owner : identity.owners)
         facts["owners"].push_back(ownerFacts(owner));

@@ -109,11 +109,11 @@ std::string reasonOf(const Norvane::RecordingLogSink& log) {
 
 struct Verdict {
     bool good = false;
-    std::string text;
+    std::string text; ///< to be shown as it is
 };
 
 std::string certificateText(const NVX509::RefCertificate& certificate) {
-    return "certificate SHA-256 " + fingerprint(certificate) + " " + certificate->subject().asString();
+    return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
 }
 
 /// Tries the certificates that carry the signer's issuer and serial number; a stranger may have put in a second one.
@@ -137,7 +137,7 @@ Verdict judge(const CMS::CMSVerifier& verifier, const CMS::SignerInfo& signer,
     }
     if (refused)
         return *refused;
-    std::string name = "issuer " + signer.issuerAndSerialNumber().issuer().asString();
+    std::string name = "issuer " + displayName(signer.issuerAndSerialNumber().issuer());
     if (raw->issuer_and_serial != nullptr)
         name += " serial number " + hexNumber(raw->issuer_and_serial->serial);
     return {false, "NOT VERIFIED, no certificate with " + name};
@@ -171,7 +171,7 @@ Exit verify(const VerifyOptions& options) {
     for (const CMS::SignerInfo& signer : signers) {
         const Verdict verdict =
             judge(verifier, signer, options.certificate ? certificates : data.certificates(), digests.of(signer));
-        out.line("signer " + std::to_string(++number) + ": " + Norvane::escapeForDisplay(verdict.text));
+        out.line("signer " + std::to_string(++number) + ": " + verdict.text);
         if (!verdict.good)
             code = Exit::refused;
     }
