@@ -25,10 +25,22 @@ install() {
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
+# A compiler cache is used where the machine has one; precompiled headers need the two words. Folders that are configured
+# already keep what they were configured with.
+if [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] && command -v ccache >/dev/null; then
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
+fi
+
+# configure PRESET [CMAKE-ARGUMENT...]: configures the preset's folder, silent unless that fails.
+configure() {
+  local said
+  said=$(cmake --preset "$@" 2>&1) || { printf '%s\n' "$said" >&2; return 1; }
+}
+
 # build PRESET [CMAKE-BUILD-ARGUMENT...]: configures and builds build/PRESET.
 build() {
   local preset=$1
   shift
-  cmake --preset "$preset" >/dev/null
+  configure "$preset"
   cmake --build "build/$preset" --parallel "$(nproc)" "$@"
 }
