@@ -2,7 +2,7 @@
 //
 //     decrypt_body body.p7m body bob.pem bob.key
 //
-// The clear body waits in a buffer until it is known that the key served: a failed attempt may have written, and what it
+// The clear body waits in a buffer until it is known that the key was the right one: a failed attempt may have written, and what it
 // wrote must not be delivered.
 
 #include <norvcmsg/File.h>
@@ -53,7 +53,7 @@ NVX509::KeyCertificatePair readPair(const std::string& certificateFile, const st
     return NVX509::KeyCertificatePair(key, certificates.front());
 }
 
-/// True when the key served; the body is written then, and no file otherwise.
+/// True when the key was the right one; the body is written then, and no file otherwise.
 bool decrypt(const std::string& messageFile, const std::string& bodyFile, const NVX509::KeyCertificatePair& pair) {
     NVX509::RefKeyStore keys(true);
     keys->add(NVX509::RefKeyStorePlugin(new OneKey(pair)));
