@@ -3,6 +3,7 @@
 #include "Extension/Names.h"
 #include "failures/Events.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Name.h"
 
 #include <openssl/x509v3.h>
 
@@ -10,18 +11,6 @@
 #include <utility>
 
 namespace Norvane::Crypto::NVX509 {
-
-namespace {
-
-/// The content octets of a string as they are, zero bytes included.
-std::string octets(const ASN1_STRING* string) {
-    const int length = ASN1_STRING_length(string);
-    return length == 0 ? std::string()
-                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                                     static_cast<std::size_t>(length));
-}
-
-} // namespace
 
 const std::list<GeneralName>& fillNames(std::list<GeneralName>& cache, const stack_st_GENERAL_NAME* entries) {
     if (cache.empty()) {
@@ -63,7 +52,7 @@ const DistinguishedName& GeneralName::dn() const {
 
 const Uri& GeneralName::uri() const {
     if (type() == GEN_URI && m_uri.isNull() && m_name->d.uniformResourceIdentifier != nullptr) {
-        const std::string text = octets(m_name->d.uniformResourceIdentifier);
+        const std::string text = openssl::bytesOf(m_name->d.uniformResourceIdentifier);
         if (Uri parsed(text.data(), static_cast<unsigned int>(text.size())); !parsed.isNull()) {
             m_uri = std::move(parsed); // nothing is written otherwise: a warmed certificate is only read
         }
@@ -73,7 +62,7 @@ const Uri& GeneralName::uri() const {
 
 const IPAddress& GeneralName::ipAddress() const {
     if (type() == GEN_IPADD && m_name->d.iPAddress != nullptr) {
-        if (const IPAddress address(octets(m_name->d.iPAddress)); !(address == m_ipAddress)) {
+        if (const IPAddress address(openssl::bytesOf(m_name->d.iPAddress)); !(address == m_ipAddress)) {
             m_ipAddress = address;
         }
     }
@@ -83,7 +72,7 @@ const IPAddress& GeneralName::ipAddress() const {
 const EmailAddress& GeneralName::emailAddress() const {
     // The name's cache is always empty for an address: each call parses, and logs, anew.
     if (type() == GEN_EMAIL && m_name->d.rfc822Name != nullptr && m_dn.isNull()) {
-        const std::string text = octets(m_name->d.rfc822Name);
+        const std::string text = openssl::bytesOf(m_name->d.rfc822Name);
         m_emailAddress = EmailAddress::rfc5321Parse(text, false);
         if (m_emailAddress.isEmptyAddress()) {
             failures::logX509(failures::X509Message::invalidAddress,
