@@ -2,8 +2,9 @@
 //
 //     decrypt_body body.p7m body bob.pem bob.key
 //
-// The clear body waits in a buffer until it is known that the key was the right one: a failed attempt may have written, and what it
-// wrote must not be delivered.
+// The clear body waits in a buffer until the message is known to be decrypted. Each recipient that the key is tried for
+// starts with an empty one: a sender may put a recipient of his own making before ours, and what comes out for that one
+// must be neither delivered nor left in front of the body.
 
 #include <norvcmsg/File.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
@@ -11,6 +12,7 @@
 #include <norvcrypto/Crypto.h>
 
 #include <iostream>
+#include <string>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -53,21 +55,32 @@ NVX509::KeyCertificatePair readPair(const std::string& certificateFile, const st
     return NVX509::KeyCertificatePair(key, certificates.front());
 }
 
-/// True when the key was the right one; the body is written then, and no file otherwise.
-bool decrypt(const std::string& messageFile, const std::string& bodyFile, const NVX509::KeyCertificatePair& pair) {
+/// What the key did not do, in words for its holder. Nothing of it goes back to the sender, and the log and this text tell
+/// no more than that it failed: see the header.
+std::string reasonOf(const CMS::DecrypterMediaIn& decrypter) {
+    for (const auto& attempt : decrypter.attempts()) {
+        if (attempt.outcome() == CMS::DecrypterMediaIn::Attempt::UnsupportedAlgorithm) {
+            return "the message needs " + attempt.algorithm() + ", which is not supported";
+        }
+    }
+    return "this key does not open the message";
+}
+
+/// Writes the body; no file when the key does not open the message. Answers why not, or nothing.
+std::string decrypt(const std::string& messageFile, const std::string& bodyFile,
+                    const NVX509::KeyCertificatePair& pair) {
     NVX509::RefKeyStore keys(true);
     keys->add(NVX509::RefKeyStorePlugin(new OneKey(pair)));
     FileMediaIn message{File::Path(messageFile)};
     CMS::DecrypterMediaIn decrypter(message, keys);
     SwapBufferMediaOut clear(0x10000, "/tmp/decrypt_bodyXXXXXX");
-    decrypter.write(clear);
-    if (!decrypter.decryptionSucceeded()) {
-        return false;
+    if (!decrypter.decrypt(clear)) { // rather than write, which goes on behind what a failed try wrote
+        return reasonOf(decrypter);
     }
     FileMediaOut body(File::Path(bodyFile), 0600);
     clear.in().write(body);
     body.end();
-    return true;
+    return "";
 }
 
 } // namespace
@@ -78,16 +91,16 @@ int main(int argc, char* argv[]) {
         return 2;
     }
     initialize(); // once, before anything else
-    bool decrypted = false;
+    std::string failure;
     try {
-        decrypted = decrypt(argv[1], argv[2], readPair(argv[3], argv[4]));
-    } catch (const Exception& failure) {
-        std::cerr << failure.asString() << '\n';
+        failure = decrypt(argv[1], argv[2], readPair(argv[3], argv[4]));
+    } catch (const Exception& exception) {
+        std::cerr << exception.asString() << '\n';
         return 1;
     }
     cleanup();
-    if (!decrypted) {
-        std::cerr << "decrypt_body: this key does not open the message\n"; // and not why: see the header
+    if (!failure.empty()) {
+        std::cerr << "decrypt_body: " << failure << '\n';
         return 1;
     }
 }

@@ -17,10 +17,8 @@
 /// Norvane::MemoryMediaIn received(message.content());
 /// Norvane::SwapBufferMediaOut clear(0x10000, "/var/spool/tmp/swapXXXXXX");
 /// CMS::DecrypterMediaIn decrypter(received, NVX509::RefKeyStore::instance(false, false));
-/// decrypter.write(clear);
-/// clear.end();                                        // the decrypter does not
-/// if (!decrypter.decryptionSucceeded()) {
-///     discard(clear);                                 // a failed attempt may have written: never deliver it
+/// if (decrypter.decrypt(clear)) {                     // rather than write: what a failed try wrote is gone
+///     clear.in().write(destination);
 /// }
 /// \endcode
 ///
@@ -48,6 +46,7 @@
 
 #include <list>
 #include <memory>
+#include <string>
 
 namespace Norvane::Crypto::CMS {
 
@@ -180,8 +179,43 @@ public:
         SwapBufferMediaOut m_output;
     };
 
+    /// What one recipient came to. A value; copies share the parts of the recipient.
+    class NORVCRYPTO_EXPORT Attempt {
+    public:
+        /// The numbers are fixed. `Failed` tells on purpose no more than that: a sender who learns whether the content key
+        /// or the content was at fault can decrypt messages that others wrote. The other outcomes follow from the
+        /// structure as everybody can read it and from what the key store holds.
+        enum Outcome : int {
+            Succeeded = 0,               ///< the body was decrypted
+            Failed = 1,                  ///< there is a key, and it did not decrypt the body
+            NoKey = 2,                   ///< the store has no pair, or one without a private key
+            KeyOfAnotherCertificate = 3, ///< the private key does not belong to the certificate that it comes with
+            UnsupportedAlgorithm = 4,    ///< there is a key, but `algorithm()` is not one of this class
+            NotTried = 5,                ///< beyond what one message may cost, see `write`
+            NegativeSerialNumber = 6,    ///< the recipient cannot be named: `recipient()` has a null serial number
+        };
+
+        Attempt(Identifier recipient, Outcome outcome, std::string algorithm = std::string(),
+                unsigned long bytesWritten = 0);
+
+        [[nodiscard]] const Identifier& recipient() const noexcept { return m_recipient; }
+        [[nodiscard]] Outcome outcome() const noexcept { return m_outcome; }
+        /// For `UnsupportedAlgorithm` the name and object identifier of the cipher of the content, or of the algorithm that
+        /// the content key is encrypted under: "RSAES-OAEP (1.2.840.113549.1.1.7)", or the identifier alone. Else empty.
+        [[nodiscard]] const std::string& algorithm() const noexcept { return m_algorithm; }
+        /// How many bytes went to the sink, good or not. They are the body when it succeeded.
+        [[nodiscard]] unsigned long bytesWritten() const noexcept { return m_bytesWritten; }
+
+    private:
+        Identifier m_recipient;
+        Outcome m_outcome;
+        std::string m_algorithm;
+        unsigned long m_bytesWritten;
+    };
+
     /// Decodes the structure at once; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is
-    /// not asked here. `in` may go once this returns.
+    /// not asked here. `in` may go once this returns. What is undecodable here may still be a sound message, with
+    /// recipients of newer kinds or originator information: `EnvelopeOutline` (CMSEnvelopeOutline.h) tells.
     /// \param keys shared. An empty handle makes `write` throw "operator->", code 1, at the first recipient.
     DecrypterMediaIn(MediaIn& in, const NVX509::RefKeyStore& keys);
     ~DecrypterMediaIn() override;
@@ -189,21 +223,29 @@ public:
     /// Decrypts the body into `out`, which is returned and not ended. Nothing about the structure or the keys is
     /// thrown: ask `decryptionSucceeded()`. A body of 0 bytes is a success too.
     ///
-    /// IF NOTHING SUCCEEDED, DISCARD WHAT IS IN `out`. An attempt on damaged content writes what it decrypts before it
-    /// comes to the damage, and the next attempt writes behind it. When an earlier recipient failed in that way, `out`
-    /// begins with what it left although a later one succeeded: compare `out.tell()`, or give an empty sink for each
-    /// message and trust the body only when `failed()` has none but recipients without a key. And a success proves
+    /// IF NOTHING SUCCEEDED, DISCARD WHAT IS IN `out`; AND PREFER `decrypt`. A try on damaged content writes what it decrypts
+    /// before it comes to the damage, and the next one writes behind it. A sender who puts a recipient with a content key of
+    /// his own before the right one so writes the beginning of `out`, although a later one succeeds. With this operation, the
+    /// body is the last `attempts().back().bytesWritten()` bytes of `out`; `decrypt` leaves those alone. And a success proves
     /// nothing about the content: of damaged messages, about one in 256 has a padding that looks right (see the top).
     ///
     /// Content is decrypted under any cipher that OpenSSL has, with two exceptions that would succeed with garbage: modes
     /// that are not for content (key wrapping, authenticated ones), and a missing initialisation vector. Both are
-    /// failures.
+    /// failures. Ciphers without padding (CFB, OFB, RC4) would take any content key: they succeed only when the RSA
+    /// decryption gave a content key of exactly the cipher's length. Whoever is told of such a success or failure learns
+    /// something about the RSA decryption, so never tell a sender. Content keys that are encrypted otherwise than with
+    /// PKCS#1 1.5 padding (OAEP) are failures.
     ///
-    /// A key whose certificate names the recipient is tried on that recipient and on no other, so that the work grows
-    /// with the number of recipients. A store may also answer with a pair of another name; its key is then tried on
-    /// every recipient, and what it opens counts as this recipient's: with a store that always answers so, a message of
-    /// n recipients can cost n times n RSA operations. The failures of an RSA decryption are not told apart from those of
-    /// the content: OpenSSL goes on with a random key (RFC 3218).
+    /// A key whose certificate names the recipient is tried on that recipient and on no other. A store may also answer
+    /// with a pair of another name (a renewed certificate); its key is then tried on every recipient, once for each
+    /// message, and what it opens counts as this recipient's. The failures of an RSA decryption are not told apart from
+    /// those of the content: the content is then decrypted with a random key (RFC 3218).
+    ///
+    /// What a message may cost, whatever its sender put into it: the content is decrypted 12 times at most, and 3 times at
+    /// most for recipients of the same issuer and serial number; keys of another name take 1000 RSA operations at most,
+    /// beginning with the recipient that was asked for, then in the structure's order. A message within what mail carries
+    /// comes to none of these limits. The recipients beyond are in `failed()`, as `Attempt::NotTried`; the store is not
+    /// asked again for a name that is used up.
     ///
     /// What is logged, each at level 0:
     /// - 0x3000058, a blank: the structure is no enveloped data; nothing is tried or recorded
@@ -213,10 +255,11 @@ public:
     /// - 0x300005B, a blank: the private key does not belong to the certificate, which names this recipient (nothing is
     ///   decrypted then), or the decryption failed; the recipient is in `failed()`
     /// - 0x300005B, a blank: a recipient's serial number is negative, so that it cannot be named; it is skipped and in
-    ///   neither list
+    ///   neither of the two lists
+    /// - 0x300005F, "recipients not tried" and their number: once, at the end, when there are any beyond the limits
     ///
     /// Deliberately odd: a second call tries all again and adds to both lists; make a decrypter for each message.
-    /// OpenSSL empties the thread's error queue on the way; nothing is left in it.
+    /// The thread's OpenSSL error queue is emptied on the way; nothing is left in it.
     ///
     /// \throws what `out` throws, unchanged: the recipient whose body was being written is then in neither list, those
     ///         that failed before stay recorded, and `out` holds what it took
@@ -225,6 +268,16 @@ public:
     ///         base class, by another kind of source; so do the three that follow
     MediaOut& write(MediaOut& out) override;
 
+    /// Decrypts the body as `write` does, each try into an empty `out`: what `out` held before, and what a failed try
+    /// wrote, is gone. True with the body, and nothing else, in `out`; false with `out` empty. `out` is not ended.
+    /// Recorded, logged and limited as `write`.
+    /// \throws as `write`, with `out` empty; MediaException "SwapBufferMediaOut", code 1: `out` is a null handle or
+    ///         refers to another kind of stream
+    bool decrypt(SwapBufferMediaOut& out);
+
+    /// What each recipient came to, in the order tried, those after the one that succeeded left out; added to by each
+    /// `write` and `decrypt`.
+    [[nodiscard]] const std::list<Attempt>& attempts() const;
     /// The recipient that decrypted the body; at most one for each `write`.
     [[nodiscard]] const std::list<DecryptedOutput>& succeeded() const;
     /// The recipients that were tried without success, in the order tried.
@@ -257,15 +310,27 @@ public:
 
     [[nodiscard]] const std::list<DecrypterMediaIn::DecryptedOutput>& succeeded() const noexcept { return m_succeeded; }
     [[nodiscard]] const std::list<DecrypterMediaIn::Identifier>& failed() const noexcept { return m_failed; }
+    /// See `DecrypterMediaIn::decrypt`.
+    bool decrypt(SwapBufferMediaOut& out);
+    [[nodiscard]] const std::list<DecrypterMediaIn::Attempt>& attempts() const noexcept { return m_attempts; }
 
 private:
-    bool decryptedFor(const RecipientInfo& recipient, MediaOut& out);
+    using Attempt = DecrypterMediaIn::Attempt;
+    struct Round;
+
+    bool tryRecipients(MediaOut& out, SwapBufferMediaOut* fresh);
+    bool isDecryptedFor(const RecipientInfo& recipient, Round& round);
+    bool isDecryptedWith(const NVX509::_KeyCertificatePair& pair, const RecipientInfo& recipient,
+                         const DecrypterMediaIn::Identifier& identifier, Round& round);
+    bool recordFailure(const Attempt& attempt);
+    bool recordUntried(const DecrypterMediaIn::Identifier& identifier, Round& round);
 
     RefContentInfo m_contentInfo;
     NVX509::RefKeyStore m_keys;
     std::list<DecrypterMediaIn::Identifier> m_failed;
     std::list<DecrypterMediaIn::DecryptedOutput> m_succeeded;
     BIOMediaOut m_unused; // an adapter without a target
+    std::list<Attempt> m_attempts;
 };
 
 } // namespace Norvane::Crypto::CMS

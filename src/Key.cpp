@@ -1,6 +1,7 @@
 #include "failures/Raise.h"
 #include "openssl/Bios.h"
 #include "openssl/KeyCoding.h"
+#include "openssl/Pem.h"
 
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Key.h>
@@ -98,7 +99,8 @@ void PublicKey::readPEM(const Buffer& in) {
 
 void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
     MemoryBIO source(in);
-    openssl::KeyPtr key = openssl::readPublicPem(source, passphrase);
+    openssl::KeyPtr key =
+        openssl::isAcceptedPem(in.data(), in.length()) ? openssl::readPublicPem(source, passphrase) : nullptr;
     if (!key) {
         failures::raiseWithErrors(failures::publicKeyReadPem, "Could not decode the public key:  ");
     }
@@ -107,7 +109,7 @@ void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
 
 void PublicKey::read(const Buffer& in, bool base64) {
     MemoryBIO source(decodedDer(in, base64));
-    openssl::KeyPtr key(d2i_PUBKEY_bio(source, nullptr));
+    openssl::KeyPtr key = openssl::readPublicDer(source);
     if (!key) {
         failures::raiseWithErrors(failures::publicKeyRead);
     }

@@ -38,6 +38,10 @@ public:
     [[nodiscard]] unsigned long length() const;
     /// True when the bytes are in a file. \throws MediaException as `in()` does
     [[nodiscard]] bool isSwapped() const;
+    /// Drops what was written, in memory (wiped) or in the file, and starts afresh under the same limit and template: for
+    /// every handle that shares the bytes. A source over them is at its end until as much is written again; set its
+    /// position to 0, or ask for a new one. \throws MediaException as `in()` does
+    void clear();
 };
 
 } // namespace Norvane

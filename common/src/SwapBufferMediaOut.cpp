@@ -41,8 +41,17 @@ public:
     [[nodiscard]] unsigned long length() const noexcept { return m_length; }
     [[nodiscard]] bool isSwapped() const noexcept { return m_file.isOpen(); }
 
+    void clear() {
+        m_memory = emptyMemory();
+        m_file = detail::FileDescriptor();
+        m_length = 0;
+    }
+
     /// Reads what lies at `position`; short only at the end.
     unsigned int readAt(unsigned long position, unsigned char* out, unsigned int length) const {
+        if (position >= m_length) {
+            return 0;
+        }
         const auto count = static_cast<unsigned int>(std::min<unsigned long>(length, m_length - position));
         if (!isSwapped()) {
             if (count != 0) {
@@ -58,6 +67,12 @@ public:
     }
 
 private:
+    static Buffer emptyMemory() {
+        Buffer empty;
+        empty.protect();
+        return empty;
+    }
+
     /// Moves the bytes from memory to a new file; they stay in memory when that fails.
     void swapOut() {
         if (isSwapped()) {
@@ -73,9 +88,7 @@ private:
         }
         store(file, std::as_const(m_memory).data(), m_memory.length(), 0);
         m_file = std::move(file);
-        Buffer empty;
-        empty.protect();
-        m_memory = std::move(empty);
+        m_memory = emptyMemory();
     }
 
     void store(const detail::FileDescriptor& file, const unsigned char* data, unsigned int length,
@@ -132,8 +145,8 @@ private:
     unsigned long m_position = 0;
 };
 
-const SwapBufferMediaOutImpl& swapBufferOf(const MediaOutImpl* body) {
-    const auto* swapBuffer = dynamic_cast<const SwapBufferMediaOutImpl*>(body);
+SwapBufferMediaOutImpl& swapBufferOf(MediaOutImpl* body) {
+    auto* swapBuffer = dynamic_cast<SwapBufferMediaOutImpl*>(body);
     if (swapBuffer == nullptr) {
         throw MediaException("SwapBufferMediaOut", 1, "SwapBufferMediaOut", __LINE__);
     }
@@ -162,6 +175,10 @@ unsigned long SwapBufferMediaOut::length() const {
 
 bool SwapBufferMediaOut::isSwapped() const {
     return swapBufferOf(bodyOrNull()).isSwapped();
+}
+
+void SwapBufferMediaOut::clear() {
+    swapBufferOf(bodyOrNull()).clear();
 }
 
 } // namespace Norvane

@@ -287,12 +287,38 @@ TEST_F(SwapBuffer, AFullDiskIsToldAndLeavesWhatWasWritten) {
     ::signal(SIGXFSZ, handler);
 }
 
+TEST_F(SwapBuffer, StartsAfreshForEveryHandleOnceCleared) {
+    for (const unsigned int limit : {1000U, 10U}) {
+        SwapBufferMediaOut out(limit, m_template.c_str());
+        const SwapBufferMediaOut shared(out);
+        put(out, longText(100));
+        MediaIn reader = out.in();
+        reader.setpos(50);
+        EXPECT_EQ(out.isSwapped(), limit == 10U);
+        out.clear();
+        EXPECT_EQ(out.length(), 0U);
+        EXPECT_EQ(out.tell(), 0U);
+        EXPECT_FALSE(out.isSwapped());
+        EXPECT_TRUE(openFiles().empty());
+        unsigned char byte = 0;
+        EXPECT_TRUE(reader.atEnd());
+        EXPECT_EQ(reader.peek(), -1);
+        EXPECT_EQ(reader.read(&byte, 1), 0);
+        put(out, longText(limit));
+        EXPECT_FALSE(out.isSwapped()) << "the limit is the same";
+        put(out, "x");
+        EXPECT_TRUE(out.isSwapped());
+        EXPECT_EQ(readAll(shared), longText(limit) + "x");
+    }
+}
+
 TEST_F(SwapBuffer, WantsItsOwnKindOfStream) {
     SwapBufferMediaOut out(10, m_template.c_str());
     static_cast<MediaOut&>(out) = NullMediaOut();
     EXPECT_THROW(static_cast<void>(out.in()), MediaException);
     EXPECT_THROW(static_cast<void>(out.length()), MediaException);
     EXPECT_THROW(static_cast<void>(out.isSwapped()), MediaException);
+    EXPECT_THROW(out.clear(), MediaException);
     static_cast<MediaOut&>(out) = MediaOut();
     EXPECT_THROW(static_cast<void>(out.in()), MediaException);
 }

@@ -1,6 +1,9 @@
 // The decrypting stream.
+#include "CMSEncryptionMedia/TryLimits.h"
 #include "failures/Events.h"
 #include "failures/Raise.h"
+#include "openssl/ContentDecryption.h"
+#include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/StreamExceptions.h"
 
@@ -8,6 +11,7 @@
 
 #include <optional>
 #include <sstream>
+#include <utility>
 
 namespace Norvane::Crypto::CMS {
 
@@ -24,10 +28,10 @@ std::string textOf(const ASN1::Integer& serial) {
     return text.str();
 }
 
-/// The record of a recipient, or nothing when its serial number is negative, which no `Integer` holds.
-std::optional<DecrypterMediaIn::DecryptedOutput> recordOf(const IssuerAndSerialNumber& recipient) {
+/// Who a recipient is, or nothing when its serial number is negative, which no `Integer` holds.
+std::optional<DecrypterMediaIn::Identifier> identifierOf(const IssuerAndSerialNumber& recipient) {
     try {
-        return DecrypterMediaIn::DecryptedOutput(recipient);
+        return DecrypterMediaIn::Identifier(recipient);
     } catch (const Exception&) {
         return std::nullopt;
     }
@@ -40,23 +44,41 @@ bool hasPrivateKey(const NVX509::KeyCertificatePair& pair) {
            static_cast<EVP_PKEY*>(pair->key) != nullptr;
 }
 
-/// Decrypts with a pair whose certificate names the recipient only for that recipient, and not at all with a key of
-/// another certificate, which would come to an answer by chance. A pair of another name (a renewed certificate, a plug-in
-/// that knows one key) is taken at its key, which is tried on every recipient.
-bool decrypted(PKCS7* structure, const RecipientInfo& recipient, const NVX509::_KeyCertificatePair& pair, BIO* out) {
-    X509* certificate = pair.certificate;
-    const bool named = openssl::namesRecipient(certificate, recipient);
-    if (named) {
-        const openssl::ErrorMark mark;
-        if (X509_check_private_key(certificate, pair.key) != 1) {
-            return false;
+bool belongsTo(const X509* certificate, const EVP_PKEY* key) {
+    const openssl::ErrorMark mark;
+    return X509_check_private_key(certificate, key) == 1;
+}
+
+/// Tries a key of another name (a renewed certificate, a plug-in that knows one key) on the recipients. The one that was
+/// asked for comes last, so that its content key is taken when it opens; the work does not tell which ones open.
+void openAny(openssl::ContentDecryption& content, const std::list<RecipientInfo>& recipients,
+             const PKCS7_RECIP_INFO* asked, EVP_PKEY* key, TryLimits& limits) {
+    const bool forAsked = !openssl::isOtherKeyEncryption(asked) && limits.takeOperation();
+    for (const RecipientInfo& other : recipients) {
+        const PKCS7_RECIP_INFO* one = other;
+        if (one != asked && !openssl::isOtherKeyEncryption(one)) {
+            if (!limits.takeOperation()) {
+                break;
+            }
+            content.open(one, key);
         }
     }
-    PKCS7_RECIP_INFO* only = recipient;
-    return openssl::decryptFor(structure, named ? only : nullptr, pair.key, out);
+    if (forAsked) {
+        content.open(asked, key);
+    }
 }
 
 } // namespace
+
+/// One walk over the recipients.
+struct DecrypterMediaInImpl::Round {
+    MediaOut& out;
+    SwapBufferMediaOut* fresh; ///< `out`, when each try starts afresh
+    const std::list<RecipientInfo>& recipients;
+    std::string unsupportedCipher;
+    TryLimits limits;
+    int untried;
+};
 
 DecrypterMediaIn::Identifier::Identifier(const IssuerAndSerialNumber& recipient)
     : m_issuer(recipient.issuer().asString()),
@@ -75,6 +97,13 @@ DecrypterMediaIn::DecryptedOutput::DecryptedOutput(const NVX509::RefDistinguishe
                                                    const ASN1::RefInteger& serialNumber)
     : m_identifier(issuer, serialNumber),
       m_output(s_spillLimit, s_spillTemplate) {}
+
+DecrypterMediaIn::Attempt::Attempt(Identifier recipient, Outcome outcome, std::string algorithm,
+                                   unsigned long bytesWritten)
+    : m_recipient(std::move(recipient)),
+      m_outcome(outcome),
+      m_algorithm(std::move(algorithm)),
+      m_bytesWritten(bytesWritten) {}
 
 DecrypterMediaInImpl::DecrypterMediaInImpl(MediaIn& in, const NVX509::RefKeyStore& keys)
     : m_contentInfo(in),
@@ -98,51 +127,136 @@ int DecrypterMediaInImpl::read(unsigned char* /*out*/, unsigned int /*length*/) 
 }
 
 MediaOut& DecrypterMediaInImpl::write(MediaOut& out) {
-    if (m_contentInfo.isNull()) {
-        return out;
-    }
-    if (m_contentInfo->typeAsEnum() != ContentInfo::EnvelopedData) {
-        failures::logEvent(Event::notEnveloped, " ");
-        return out;
-    }
-    if (openssl::encryptedContent(m_contentInfo) == nullptr) {
-        failures::logEvent(Event::encryptedContentMissing, "CMSEncryptionMedia.cpp", 250);
-        return out;
-    }
-    const EnvelopedData envelope = envelopedData(m_contentInfo);
-    for (const RecipientInfo& recipient : envelope.recipientInfo()) {
-        if (decryptedFor(recipient, out)) {
-            break;
-        }
-    }
+    tryRecipients(out, nullptr);
     return out;
 }
 
-/// Tries one recipient and records how that went.
-bool DecrypterMediaInImpl::decryptedFor(const RecipientInfo& recipient, MediaOut& out) {
-    const IssuerAndSerialNumber& name = recipient.issuerAndSerialNumber();
-    const auto record = recordOf(name);
-    if (!record) {
-        failures::logEvent(Event::recipientFailed, " ");
+bool DecrypterMediaInImpl::decrypt(SwapBufferMediaOut& out) {
+    out.clear();
+    bool good = false;
+    try {
+        good = tryRecipients(out, &out);
+    } catch (...) {
+        out.clear();
+        throw;
+    }
+    if (!good) {
+        out.clear();
+    }
+    return good;
+}
+
+/// Tries the recipients in their order; `fresh` is emptied before each that is decrypted for.
+bool DecrypterMediaInImpl::tryRecipients(MediaOut& out, SwapBufferMediaOut* fresh) {
+    if (m_contentInfo.isNull()) {
         return false;
+    }
+    if (m_contentInfo->typeAsEnum() != ContentInfo::EnvelopedData) {
+        failures::logEvent(Event::notEnveloped, " ");
+        return false;
+    }
+    if (openssl::encryptedContent(m_contentInfo) == nullptr) {
+        failures::logEvent(Event::encryptedContentMissing, "CMSEncryptionMedia.cpp", 250);
+        return false;
+    }
+    const EnvelopedData envelope = envelopedData(m_contentInfo);
+    const std::list<RecipientInfo>& recipients = envelope.recipientInfo();
+    Round round{out, fresh, recipients, openssl::unsupportedContentCipher(m_contentInfo), {}, 0};
+    bool good = false;
+    for (auto recipient = recipients.begin(); !good && recipient != recipients.end(); ++recipient) {
+        good = isDecryptedFor(*recipient, round);
+    }
+    if (round.untried != 0) {
+        failures::logEvent(Event::recipientsNotTried, "recipients not tried", round.untried);
+    }
+    return good;
+}
+
+/// Asks for one recipient's key and tries it.
+bool DecrypterMediaInImpl::isDecryptedFor(const RecipientInfo& recipient, Round& round) {
+    const IssuerAndSerialNumber& name = recipient.issuerAndSerialNumber();
+    const auto identifier = identifierOf(name);
+    if (!identifier) {
+        failures::logEvent(Event::recipientFailed, " ");
+        const NVX509::RefDistinguishedName issuer(name.issuer().asString());
+        m_attempts.emplace_back(DecrypterMediaIn::Identifier(issuer, ASN1::RefInteger()),
+                                Attempt::NegativeSerialNumber);
+        return false;
+    }
+    if (round.limits.isNameUsedUp(recipient)) {
+        return recordUntried(*identifier, round);
     }
     const NVX509::KeyCertificatePair pair = m_keys->find(name.issuer(), name.serialNumber());
     if (!hasPrivateKey(pair)) {
-        m_failed.push_back(record->identifier());
+        m_failed.push_back(*identifier);
+        m_attempts.emplace_back(*identifier, Attempt::NoKey);
         failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), textOf(name.serialNumber()));
         return false;
     }
-    BIOMediaOut adapter(out);
-    BIO* sink = adapter;
-    const bool good =
-        openssl::rethrowingStreamErrors(adapter, [&] { return decrypted(m_contentInfo, recipient, *pair, sink); });
-    if (!good) {
-        m_failed.push_back(record->identifier());
-        failures::logEvent(Event::recipientFailed, " ");
-        return false;
+    return isDecryptedWith(*pair, recipient, *identifier, round);
+}
+
+bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pair, const RecipientInfo& recipient,
+                                           const DecrypterMediaIn::Identifier& identifier, Round& round) {
+    const PKCS7_RECIP_INFO* asked = recipient;
+    X509* certificate = pair.certificate;
+    EVP_PKEY* key = pair.key;
+    const bool named = openssl::namesRecipient(certificate, asked);
+    const std::string otherKeyEncryption = openssl::otherKeyEncryption(asked);
+    // Its result would be one by chance.
+    if (named && !belongsTo(certificate, key)) {
+        return recordFailure({identifier, Attempt::KeyOfAnotherCertificate});
     }
-    m_succeeded.push_back(*record);
+    if (!round.unsupportedCipher.empty()) {
+        return recordFailure({identifier, Attempt::UnsupportedAlgorithm, round.unsupportedCipher});
+    }
+    if (openssl::isOtherKeyEncryption(asked)) {
+        return recordFailure({identifier, Attempt::UnsupportedAlgorithm, otherKeyEncryption});
+    }
+    const auto failed = otherKeyEncryption.empty() ? Attempt::Failed : Attempt::UnsupportedAlgorithm;
+    if (EVP_PKEY_is_a(key, "RSA") != 1 || (!named && round.limits.wasTriedOnAll(key))) {
+        return recordFailure({identifier, failed, otherKeyEncryption});
+    }
+    if (round.limits.isMessageUsedUp() || (!named && round.limits.areOperationsUsedUp())) {
+        return recordUntried(identifier, round);
+    }
+    round.limits.countTry(asked);
+    openssl::ContentDecryption content(m_contentInfo);
+    if (named) {
+        content.open(asked, key);
+    } else {
+        round.limits.rememberOnAll(key);
+        openAny(content, round.recipients, asked, key, round.limits);
+    }
+    if (round.fresh != nullptr) {
+        round.fresh->clear();
+    }
+    BIOMediaOut adapter(round.out);
+    BIO* sink = adapter;
+    const bool good = openssl::rethrowingStreamErrors(adapter, [&] { return content.write(sink); });
+    const auto written = static_cast<unsigned long>(BIO_number_written(sink));
+    if (!good) {
+        return recordFailure({identifier, failed, otherKeyEncryption, written});
+    }
+    m_succeeded.emplace_back(identifier.issuer(), identifier.serialNumber());
+    m_attempts.emplace_back(identifier, Attempt::Succeeded, std::string(), written);
     return true;
+}
+
+/// False, always.
+bool DecrypterMediaInImpl::recordFailure(const Attempt& attempt) {
+    m_failed.push_back(attempt.recipient());
+    m_attempts.push_back(attempt);
+    failures::logEvent(Event::recipientFailed, " ");
+    return false;
+}
+
+/// False, always. Logged in sum.
+bool DecrypterMediaInImpl::recordUntried(const DecrypterMediaIn::Identifier& identifier, Round& round) {
+    m_failed.push_back(identifier);
+    m_attempts.emplace_back(identifier, Attempt::NotTried);
+    ++round.untried;
+    return false;
 }
 
 DecrypterMediaIn::DecrypterMediaIn(MediaIn& in, const NVX509::RefKeyStore& keys)
@@ -161,6 +275,14 @@ DecrypterMediaInImpl& DecrypterMediaIn::body() const {
 
 MediaOut& DecrypterMediaIn::write(MediaOut& out) {
     return body().write(out);
+}
+
+bool DecrypterMediaIn::decrypt(SwapBufferMediaOut& out) {
+    return body().decrypt(out);
+}
+
+const std::list<DecrypterMediaIn::Attempt>& DecrypterMediaIn::attempts() const {
+    return body().attempts();
 }
 
 const std::list<DecrypterMediaIn::DecryptedOutput>& DecrypterMediaIn::succeeded() const {

@@ -1,6 +1,7 @@
 #include <norvcrypto/Certificate.h>
 
 #include "Certificate/Writing.h"
+#include "openssl/Acceptance.h"
 #include "openssl/CertificateFields.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
@@ -19,7 +20,7 @@ namespace Norvane::Crypto::NVX509 {
 
 Mutex Certificate::m_Mutex;
 
-Certificate::Certificate(x509_st* x509) : m_x509(x509) {
+Certificate::Certificate(x509_st* x509) : m_x509(openssl::hasTooManyRelativePoints(x509) ? nullptr : x509) {
     openssl::cacheExtensions(m_x509);
 }
 

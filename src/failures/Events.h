@@ -28,7 +28,8 @@ enum class Event : unsigned int {
     recipientFailed = 0x300005B,         ///< a recipient's key did not decrypt the body
     bindingUnreadable = 0x300005C,       ///< the certificates or the key of a binding cannot be read
     contentTypeUnknown = 0x300005D,      ///< a content type that the library does not know
-    contentInfoUndecodable = 0x300005E   ///< bytes that are no CMS structure
+    contentInfoUndecodable = 0x300005E,  ///< bytes that are no CMS structure
+    recipientsNotTried = 0x300005F       ///< how many recipients of a message were beyond the limits of tries
 };
 
 /// Numbers of the messages under `Event::x509`.

@@ -1,5 +1,6 @@
 #include "openssl/KeyCoding.h"
 
+#include "openssl/Decode.h"
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/err.h>
@@ -35,6 +36,10 @@ bool isPresent(const EVP_PKEY* key, const char* function) {
 
 KeyPtr readPublicPem(BIO* in, const std::string& passphrase) {
     return KeyPtr(isWhole(passphrase) ? PEM_read_bio_PUBKEY(in, nullptr, nullptr, userData(passphrase)) : nullptr);
+}
+
+KeyPtr readPublicDer(BIO* in) noexcept {
+    return decodeAcceptedFrom<KeyPtr, d2i_PUBKEY>(in, "d2i_PUBKEY_bio");
 }
 
 KeyPtr readPrivatePem(BIO* in, const std::string& passphrase) {

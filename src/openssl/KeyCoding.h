@@ -15,6 +15,9 @@ namespace Norvane::Crypto::openssl {
 KeyPtr readPublicPem(BIO* in, const std::string& passphrase);
 KeyPtr readPrivatePem(BIO* in, const std::string& passphrase);
 
+/// Decodes a SubjectPublicKeyInfo; null on failure, for one that is refused too.
+KeyPtr readPublicDer(BIO* in) noexcept;
+
 bool writePublicPem(BIO* out, EVP_PKEY* key);
 /// Writes PKCS#8 under DES-EDE3-CBC; under the empty password when the passphrase is empty.
 bool writePrivatePem(BIO* out, EVP_PKEY* key, const std::string& passphrase);

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <optional>
 
 namespace Norvane::Crypto::openssl {
 
@@ -69,57 +68,10 @@ std::vector<LastElement> lastElements(const unsigned char* der, std::size_t leng
     return {};
 }
 
-/// Whether content under this algorithm can be told from garbage at all. OpenSSL takes a missing initialisation vector
-/// for zeroes, and calls it a success when a cipher for keys, or one that authenticates, decrypts nothing. Ciphers that
-/// are no table entries are left to it.
-bool isContentCipher(const X509_ALGOR* algorithm) noexcept {
-    const EVP_CIPHER* cipher = algorithm == nullptr ? nullptr : EVP_get_cipherbyobj(algorithm->algorithm);
-    if (cipher == nullptr) {
-        return true;
-    }
-    switch (EVP_CIPHER_get_mode(cipher)) {
-    case EVP_CIPH_CBC_MODE:
-    case EVP_CIPH_CFB_MODE:
-    case EVP_CIPH_OFB_MODE:
-    case EVP_CIPH_ECB_MODE:
-    case EVP_CIPH_STREAM_CIPHER:
-        return EVP_CIPHER_get_iv_length(cipher) == 0 || algorithm->parameter != nullptr;
-    default:
-        return false;
-    }
-}
-
-/// For as long as it lives, a structure has one recipient alone.
-class OneRecipient {
-public:
-    OneRecipient(PKCS7_ENVELOPE* envelope, PKCS7_RECIP_INFO* recipient) noexcept
-        : m_envelope(envelope),
-          m_all(envelope->recipientinfo),
-          m_one(sk_PKCS7_RECIP_INFO_new_null()) {
-        if (m_one != nullptr && sk_PKCS7_RECIP_INFO_push(m_one, recipient) != 0) {
-            m_envelope->recipientinfo = m_one;
-        }
-    }
-    ~OneRecipient() {
-        m_envelope->recipientinfo = m_all;
-        sk_PKCS7_RECIP_INFO_free(m_one);
-    }
-    OneRecipient(const OneRecipient&) = delete;
-    OneRecipient& operator=(const OneRecipient&) = delete;
-
-    /// False when there was no memory.
-    [[nodiscard]] bool alone() const noexcept { return m_envelope->recipientinfo == m_one && m_one != nullptr; }
-
-private:
-    PKCS7_ENVELOPE* m_envelope;
-    STACK_OF(PKCS7_RECIP_INFO) * m_all;
-    STACK_OF(PKCS7_RECIP_INFO) * m_one;
-};
-
 } // namespace
 
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
-    return decodeFrom<Pkcs7Ptr, d2i_PKCS7_bio>(source, "d2i_PKCS7_bio");
+    return decodeAcceptedFrom<Pkcs7Ptr, d2i_PKCS7>(source, "d2i_PKCS7_bio");
 }
 
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept {
@@ -210,26 +162,21 @@ const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept {
     return envelope == nullptr || envelope->enc_data == nullptr ? nullptr : envelope->enc_data->enc_data;
 }
 
-bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept {
-    const PKCS7_ISSUER_AND_SERIAL* name = recipient == nullptr ? nullptr : recipient->issuer_and_serial;
+bool namesCertificate(const PKCS7_ISSUER_AND_SERIAL* name, const X509* certificate) noexcept {
     return certificate != nullptr && name != nullptr &&
            X509_NAME_cmp(X509_get_issuer_name(certificate), name->issuer) == 0 &&
            ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), name->serial) == 0;
 }
 
-bool decryptFor(PKCS7* structure, PKCS7_RECIP_INFO* recipient, EVP_PKEY* key, BIO* out) noexcept {
-    PKCS7_ENVELOPE* envelope = envelopedContent(structure);
-    if (encryptedContent(structure) == nullptr || !isContentCipher(envelope->enc_data->algorithm)) {
-        return false;
-    }
-    std::optional<OneRecipient> one;
-    if (recipient != nullptr) {
-        one.emplace(envelope, recipient);
-    }
-    const bool ready = !one || one->alone();
-    const bool decrypted = ready && PKCS7_decrypt(structure, key, nullptr, out, 0) == 1;
-    ERR_clear_error();
-    return decrypted;
+bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept {
+    return recipient != nullptr && namesCertificate(recipient->issuer_and_serial, certificate);
+}
+
+bool haveOneName(const PKCS7_RECIP_INFO* left, const PKCS7_RECIP_INFO* right) noexcept {
+    const PKCS7_ISSUER_AND_SERIAL* leftName = left == nullptr ? nullptr : left->issuer_and_serial;
+    const PKCS7_ISSUER_AND_SERIAL* rightName = right == nullptr ? nullptr : right->issuer_and_serial;
+    return leftName != nullptr && rightName != nullptr && ASN1_INTEGER_cmp(leftName->serial, rightName->serial) == 0 &&
+           X509_NAME_cmp(leftName->issuer, rightName->issuer) == 0;
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -7,8 +7,10 @@
 #include "recognise/DigestNames.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
+#include <norvcrypto/CMSVerification.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <array>
 #include <list>
 #include <memory>
 #include <optional>
@@ -48,6 +50,20 @@ NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs
     return {readPrivateKey(inputs, options.key, *passphrase), certificate, chain};
 }
 
+/// Signs what is read from `body`. A signature over a set of attributes would also be one over another text that has
+/// them.
+void writeBody(Norvane::MediaIn& body, CMS::SignerMediaOut& signer, const std::string& path) {
+    CMS::AttributeSetDetector attributes;
+    std::array<unsigned char, 65536> piece{};
+    for (int count = body.read(piece.data(), piece.size()); count > 0; count = body.read(piece.data(), piece.size())) {
+        attributes.update(piece.data(), static_cast<std::size_t>(count));
+        signer.write(piece.data(), static_cast<unsigned int>(count));
+    }
+    if (attributes.isAttributeSet())
+        throw Failure("will not sign " + inputName(path) +
+                      ": it is a set of attributes, whose signature would be good for another body, too");
+}
+
 Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
     const auto digest = digestType(options.digest);
     const NVX509::KeyCertificatePair pair = readSigner(options, inputs);
@@ -57,7 +73,7 @@ Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
     try {
         CMS::SignerMediaOut signer(digest, pair);
         signer.attach(signature);
-        body.write(signer);
+        writeBody(body, signer, options.in);
         signer.end();
     } catch (const Norvane::Exception& failure) {
         throw Failure("cannot sign " + inputName(options.in), failure);

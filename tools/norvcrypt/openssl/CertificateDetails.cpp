@@ -194,9 +194,4 @@ std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate&
     return names;
 }
 
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate) {
-    return name != nullptr && X509_NAME_cmp(name->issuer, X509_get_issuer_name(certificate)) == 0 &&
-           ASN1_INTEGER_cmp(name->serial, X509_get0_serialNumber(certificate)) == 0;
-}
-
 } // namespace norvcrypt

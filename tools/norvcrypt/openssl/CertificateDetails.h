@@ -49,7 +49,4 @@ ListPlaces crlDistributionPoints(X509* certificate);
 /// "digitalSignature", ... in the order of RFC 5280; none when the certificate does not restrict its key.
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate);
 
-/// True when the certificate is the one that issuer and serial number name; negative numbers count like any others.
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate);
-
 } // namespace norvcrypt

@@ -3,10 +3,14 @@
 #include "recognise/DerAndPem.h"
 
 #include <authority/Authority.h>
+#include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace norvcrypt {
@@ -62,6 +66,57 @@ void readStructure(Inputs& inputs, const std::string& path, const std::string& w
     } catch (const Norvane::Exception& failure) {
         throw Failure("cannot read " + what + " in " + inputName(path), failure);
     }
+}
+
+namespace {
+
+/// Passes a stream on and keeps its beginning.
+class RememberingInImpl : public Norvane::MediaInImpl {
+public:
+    explicit RememberingInImpl(Norvane::MediaIn source) : m_source(std::move(source)) {}
+
+    using MediaInImpl::read;
+    bool atEnd() const override { return m_source.atEnd(); }
+    int peek() const override { return m_source.peek(); }
+    int read(unsigned char* out, unsigned int length) override {
+        const int count = m_source.read(out, length);
+        if (count > 0 && m_start.size() < longest)
+            m_start.insert(m_start.end(), out, out + count);
+        return count;
+    }
+
+    /// What was read, with what is left to be read, up to the limit.
+    const std::vector<unsigned char>& start() {
+        std::array<unsigned char, 65536> piece{};
+        while (m_start.size() < longest && read(piece.data(), piece.size()) > 0) {
+        }
+        return m_start;
+    }
+
+private:
+    static constexpr std::size_t longest = 64U * 1024U * 1024U;
+
+    Norvane::MediaIn m_source;
+    std::vector<unsigned char> m_start;
+};
+
+} // namespace
+
+Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::string& path) {
+    std::optional<Norvane::Crypto::CMS::RefContentInfo> structure;
+    readStructure(inputs, path, "the signature", [&](Norvane::MediaIn& in) {
+        Norvane::MediaIn source(Norvane::makeReference<RememberingInImpl, Norvane::MediaInImpl>(in));
+        try {
+            structure.emplace(source);
+        } catch (const Norvane::Exception&) {
+            const auto& start = dynamic_cast<RememberingInImpl&>(*source).start();
+            const std::string part = Norvane::Crypto::CMS::unsupportedPart(start.data(), start.size());
+            if (part.empty())
+                throw;
+            throw Failure(inputName(path) + " cannot be judged: it holds " + part + ", which is not supported");
+        }
+    });
+    return *structure;
 }
 
 void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem) {

@@ -8,6 +8,7 @@
 
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
+#include <norvcrypto/CMS.h>
 
 #include <functional>
 #include <string>
@@ -19,6 +20,9 @@ namespace norvcrypt {
 /// threw), or more follows
 void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
                    const std::function<void(Norvane::MediaIn&)>& decode, Progress* progress = nullptr);
+
+/// The one structure of a file, for verifying. \throws Failure as above; what is well formed and not supported is named
+Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::string& path);
 
 /// Writes the structure as it is, or as a PEM block. \throws Failure
 void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem);

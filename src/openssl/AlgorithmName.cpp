@@ -1,0 +1,28 @@
+#include "openssl/AlgorithmName.h"
+
+#include "openssl/ErrorQueue.h"
+
+#include <array>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+std::string dotted(const ASN1_OBJECT* identifier) {
+    std::array<char, 128> text{};
+    const ErrorMark mark;
+    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 1);
+    return length <= 0 ? "an unreadable object identifier" : text.data();
+}
+
+} // namespace
+
+std::string algorithmName(const ASN1_OBJECT* identifier) {
+    if (identifier == nullptr) {
+        return "no algorithm";
+    }
+    const int nid = OBJ_obj2nid(identifier);
+    return nid == NID_undef ? dotted(identifier) : std::string(OBJ_nid2sn(nid)) + " (" + dotted(identifier) + ")";
+}
+
+} // namespace Norvane::Crypto::openssl

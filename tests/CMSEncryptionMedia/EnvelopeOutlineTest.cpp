@@ -1,0 +1,223 @@
+// What sound messages of newer senders need, told from damaged ones.
+#include "support/Decrypting.h"
+#include "support/HostileDer.h"
+
+#include <norvcrypto/CMSEnvelopeOutline.h>
+
+using namespace cmstest;
+using Outline = CMS::EnvelopeOutline;
+using Names = std::list<std::string>;
+
+namespace {
+
+/// OpenSSL's CMS calls put the recipients in, `add` does.
+Bytes madeByOpenssl(const EVP_CIPHER* cipher, const std::function<void(CMS_ContentInfo*)>& add,
+                    unsigned int flags = 0) {
+    const Bytes body = bodyOf(1000);
+    const Bio content(BIO_new_mem_buf(body.data(), static_cast<int>(body.size())));
+    flags |= CMS_BINARY;
+    const CmsStructure structure(CMS_encrypt(nullptr, nullptr, cipher, flags | CMS_PARTIAL));
+    add(structure.get());
+    const Bio out(BIO_new(BIO_s_mem()));
+    if ((flags & CMS_STREAM) != 0) {
+        EXPECT_EQ(i2d_CMS_bio_stream(out.get(), structure.get(), content.get(), static_cast<int>(flags)), 1);
+    } else {
+        EXPECT_EQ(CMS_final(structure.get(), content.get(), nullptr, flags), 1);
+        EXPECT_EQ(i2d_CMS_bio(out.get(), structure.get()), 1);
+    }
+    return contentOf(out.get());
+}
+
+std::function<void(CMS_ContentInfo*)> toCertificate(const Identity& person, unsigned int flags = 0) {
+    return [&person, flags](CMS_ContentInfo* structure) {
+        const auto certificate = person.certificate.x509();
+        EXPECT_NE(CMS_add1_recipient_cert(structure, certificate.get(), flags), nullptr);
+    };
+}
+void addSecretKey(CMS_ContentInfo* structure) {
+    auto* key = static_cast<unsigned char*>(OPENSSL_memdup(Bytes(32, 1).data(), 32));
+    auto* identifier = static_cast<unsigned char*>(OPENSSL_memdup("id", 2));
+    EXPECT_NE(CMS_add0_recipient_key(structure, NID_undef, key, 32, identifier, 2, nullptr, nullptr, nullptr), nullptr);
+}
+void addPassword(CMS_ContentInfo* structure) {
+    auto* secret = reinterpret_cast<unsigned char*>(OPENSSL_strdup("secret"));
+    EXPECT_NE(CMS_add0_recipient_password(structure, -1, NID_undef, NID_undef, secret, -1, nullptr), nullptr);
+}
+
+void expectUnreadable(const Bytes& message, const Names& unsupported) {
+    const Outline outline(bufferOf(message));
+    EXPECT_EQ(outline.kind(), Outline::EnvelopedData);
+    EXPECT_FALSE(outline.isReadable());
+    EXPECT_EQ(outline.unsupported(), unsupported);
+    EXPECT_EQ(outline.readable(bufferOf(message)).length(), 0U);
+    PiecewiseIn in(message);
+    const RecordedLog log;
+    EXPECT_THROW(CMS::DecrypterMediaIn(in, storeOfKeys({})), Norvane::Exception) << "or there is no need to look twice";
+}
+
+/// What DecrypterMediaIn reads of it opens for alice.
+void expectOpens(const Bytes& message, const Bytes& body, const Names& unsupported = {}) {
+    const Outline outline(bufferOf(message));
+    EXPECT_EQ(outline.kind(), Outline::EnvelopedData);
+    EXPECT_EQ(outline.unsupported(), unsupported);
+    ASSERT_TRUE(outline.isReadable());
+    EXPECT_TRUE(openedBy(bytesOf(outline.readable(bufferOf(message))), storeOfKeys({&alice()})).body == body);
+}
+
+Bytes context(int number, const Bytes& content) {
+    return der::element(static_cast<unsigned char>(0xA0 + number), content);
+}
+
+/// Alice's EnvelopedData of version 2 with these elements around its recipients and behind its content.
+Bytes versionTwo(const Bytes& before, const std::vector<Bytes>& recipients, const Bytes& behind) {
+    Bytes all;
+    for (const Bytes& one : recipients) {
+        der::append(all, one);
+    }
+    Bytes parts = der::integer("2");
+    der::append(parts, before);
+    der::append(parts, der::element(0x31, all));
+    der::append(parts,
+                der::sequence({der::oid("1.2.840.113549.1.7.1"),
+                               der::sequence({der::oid("AES-128-CBC"), der::octetString(initializationVector())}),
+                               contentElement(encryptedContent(bodyOf(1000)))}));
+    der::append(parts, behind);
+    return der::sequence({der::oid("1.2.840.113549.1.7.3"), context(0, der::element(0x30, parts))});
+}
+
+} // namespace
+
+TEST(EnvelopeOutline, WhatPkcs7KnowsIsReadable) {
+    for (const unsigned int flags : {0U, static_cast<unsigned int>(CMS_STREAM)}) {
+        expectOpens(encryptedByOpenssl({&alice(), &bob()}, bodyOf(20000), EVP_aes_256_cbc(), flags), bodyOf(20000));
+    }
+}
+
+TEST(EnvelopeOutline, OtherKindsOfRecipientsAreNamed) {
+    expectUnreadable(madeByOpenssl(EVP_aes_128_cbc(), toCertificate(identities().ec)),
+                     {"recipients by key agreement (dhSinglePass-stdDH-sha1kdf-scheme (1.3.133.16.840.63.0.2))"});
+    expectUnreadable(madeByOpenssl(EVP_aes_128_cbc(), addSecretKey),
+                     {"recipients by key-encryption key (id-aes256-wrap (2.16.840.1.101.3.4.1.45))"});
+    expectUnreadable(madeByOpenssl(EVP_aes_128_cbc(), addPassword), {"recipients by password"});
+    expectUnreadable(madeByOpenssl(EVP_aes_128_cbc(), toCertificate(alice(), CMS_USE_KEYID)),
+                     {"recipients by subject key identifier"});
+}
+
+TEST(EnvelopeOutline, RecipientsThatPkcs7KnowsAreReadableAmongOthers) {
+    const auto all = [](CMS_ContentInfo* structure) {
+        addPassword(structure);
+        toCertificate(identities().ec)(structure);
+        toCertificate(alice())(structure);
+        toCertificate(bob(), CMS_USE_KEYID)(structure);
+        addSecretKey(structure);
+    };
+    for (const unsigned int flags : {0U, static_cast<unsigned int>(CMS_STREAM)}) {
+        const Bytes message = madeByOpenssl(EVP_aes_128_cbc(), all, flags);
+        const Outline outline(bufferOf(message));
+        EXPECT_EQ(outline.unsupported().size(), 4U);
+        expectOpens(message, bodyOf(1000), outline.unsupported());
+    }
+}
+
+TEST(EnvelopeOutline, AuthenticatedOnesAreNamedByTheirCipher) {
+    const Bytes message = encryptedByOpenssl({&alice()}, bodyOf(100), EVP_aes_256_gcm());
+    const Outline outline(bufferOf(message));
+    EXPECT_EQ(outline.kind(), Outline::AuthEnvelopedData);
+    EXPECT_FALSE(outline.isReadable());
+    EXPECT_EQ(outline.unsupported(), Names{"AuthEnvelopedData (id-aes256-GCM (2.16.840.1.101.3.4.1.46))"});
+}
+
+TEST(EnvelopeOutline, OriginatorInfoAndUnprotectedAttributesAreLeftOut) {
+    const Bytes attribute = der::sequence({der::oid("1.2.3.4"), der::element(0x31, der::octetString({1}))});
+    const Bytes originator = context(0, context(0, Bytes()));
+    const Bytes certificate = context(0, context(0, alice().certificate.der));
+    for (const Bytes& before : {Bytes(), originator, certificate}) {
+        for (const Bytes& behind : {Bytes(), context(1, attribute)}) {
+            expectOpens(versionTwo(before, {recipient(alice())}, behind), bodyOf(1000));
+        }
+    }
+}
+
+TEST(EnvelopeOutline, RecipientsOfOtherTypesAreNamedAndTheirNumberIsBounded) {
+    std::vector<Bytes> recipients;
+    Names expected;
+    for (int at = 0; at < 40; ++at) {
+        const std::string type = "1.2.3." + std::to_string(at);
+        recipients.push_back(context(4, [&] {
+            Bytes content = der::oid(type);
+            der::append(content, der::null());
+            return content;
+        }()));
+        if (at < 16) {
+            expected.push_back("recipients of the type " + type);
+        }
+    }
+    expected.emplace_back("others");
+    recipients.push_back(recipient(alice()));
+    expectOpens(versionTwo({}, recipients, {}), bodyOf(1000), expected);
+}
+
+TEST(EnvelopeOutline, OtherTypesAreNoDamage) {
+    EXPECT_EQ(Outline(bufferOf(signedByOpenssl(alice(), bodyOf(100), "SHA256", 0))).kind(), Outline::OtherType);
+    const Bytes message = der::sequence({der::oid("1.2.3.4"), context(0, der::octetString({65}))});
+    const Outline outline(bufferOf(message));
+    EXPECT_EQ(outline.kind(), Outline::OtherType);
+    EXPECT_FALSE(outline.isReadable());
+    EXPECT_TRUE(outline.unsupported().empty());
+}
+
+TEST(EnvelopeOutline, DamageIsDamage) {
+    for (const std::string& text :
+         {std::string(), std::string("0"), std::string("no structure"), std::string("0\x80")}) {
+        EXPECT_EQ(Outline(bufferOf(norvauthority::bytes(text))).kind(), Outline::Damaged) << text;
+    }
+    EXPECT_EQ(Outline(Buffer()).kind(), Outline::Damaged);
+    const auto all = [](CMS_ContentInfo* structure) {
+        addPassword(structure);
+        toCertificate(identities().ec)(structure);
+        toCertificate(alice())(structure);
+        addSecretKey(structure);
+    };
+    for (const unsigned int flags : {0U, static_cast<unsigned int>(CMS_STREAM)}) {
+        const Bytes message = madeByOpenssl(EVP_aes_128_cbc(), all, flags);
+        ASSERT_EQ(Outline(bufferOf(message)).kind(), Outline::EnvelopedData);
+        for (const Bytes& prefix : norvtest::properPrefixes(message)) {
+            const Outline outline(bufferOf(prefix));
+            EXPECT_EQ(outline.kind(), Outline::Damaged) << prefix.size();
+            EXPECT_TRUE(outline.unsupported().empty());
+        }
+        for (const Bytes& announced : norvtest::oversized(message)) {
+            const Outline outline(bufferOf(announced));
+            static_cast<void>(outline.readable(bufferOf(announced)));
+        }
+        for (std::size_t at = 0; at < message.size(); ++at) {
+            Bytes altered = message;
+            altered[at] ^= static_cast<unsigned char>(1U << (at % 8));
+            const Outline outline(bufferOf(altered));
+            static_cast<void>(outline.readable(bufferOf(altered)));
+        }
+    }
+    // A recipient that is none spoils the message.
+    EXPECT_EQ(Outline(bufferOf(versionTwo({}, {recipient(alice()), der::octetString({1})}, {}))).kind(),
+              Outline::Damaged);
+    EXPECT_EQ(Outline(bufferOf(versionTwo({}, {context(3, {})}, {}))).kind(), Outline::Damaged);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST(EnvelopeOutline, OthersBytesGiveNothingReadable) {
+    const Bytes message = encryptedByOpenssl({&alice()}, bodyOf(100), EVP_aes_256_cbc());
+    const Outline outline(bufferOf(message));
+    EXPECT_EQ(outline.readable(bufferOf(Bytes(100, 1))).length(), 0U);
+    EXPECT_EQ(outline.readable(Buffer()).length(), 0U);
+}
+
+// However deep elements are nested, no stack grows with them.
+TEST(EnvelopeOutline, DepthCostsNoStack) {
+    Bytes deep;
+    for (int at = 0; at < 1000000; ++at) {
+        der::append(deep, {0x30, 0x80});
+    }
+    EXPECT_EQ(Outline(bufferOf(deep)).kind(), Outline::Damaged);
+    deep.insert(deep.end(), 2000000, 0);
+    EXPECT_EQ(Outline(bufferOf(deep)).kind(), Outline::Damaged);
+}
