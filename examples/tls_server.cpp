@@ -75,7 +75,7 @@ bool isTrusted(const NVSSL::SSLSocket& client) {
         return false;
     }
     const NVX509::RefCertificate shown = NVX509::CertificateFactory()(certificate, false);
-    std::printf("%s\n", shown->subject().asString().c_str());
+    std::printf("%s\n", displayName(shown->subject()).c_str());
     return true;
 }
 

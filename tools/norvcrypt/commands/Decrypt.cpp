@@ -74,7 +74,7 @@ void addDecrypt(CLI::App& app, Action& action) {
     command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
         ->type_name("MSG")
         ->capture_default_str();
-    command->add_option("--out", options->out, "The body, written only when a key has served; \"-\" is standard output")
+    command->add_option("--out", options->out, "The body, written only when a key fitted; \"-\" is standard output")
         ->type_name("BODY")
         ->capture_default_str();
     command->footer(
