@@ -2,8 +2,8 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "read/CertificateFile.h"
 #include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcrypto/CMSVerification.h>

@@ -2,7 +2,8 @@
 #include "base/Failure.h"
 #include "openssl/OpenSsl.h"
 #include "openssl/Reasons.h"
-#include "read/KeysAndCertificates.h"
+#include "read/CertificateFile.h"
+#include "read/PrivateKeyFile.h"
 
 #include <filesystem>
 #include <list>
@@ -62,11 +63,10 @@ void watch(const SSL* connection, int where, int value) {
 
 void loadIdentity(const NVSSL::RefContext& context, const TlsFiles& files) {
     Inputs inputs;
-    const auto passphrase = files.passphraseFile ? std::make_unique<Passphrase>(inputs, *files.passphraseFile)
-                                                 : std::make_unique<Passphrase>();
+    const Passphrase passphrase(inputs, files.passphraseFile);
     try {
         const std::list<NVX509::RefCertificate> chain = readCertificates(inputs, *files.certificate);
-        context->privateKey(readPrivateKey(inputs, *files.key, *passphrase));
+        context->privateKey(readPrivateKey(inputs, *files.key, passphrase));
         context->certificate(chain.front());
         for (auto at = std::next(chain.begin()); at != chain.end(); ++at) {
             context->appendToCertificatePath(*at);
