@@ -35,7 +35,7 @@ detail::FileDescriptor openFile(const char* where, const std::string& path, int 
 }
 
 /// The memory of a stream. Keys and passphrases pass through it like anything else, and a stream cannot tell: what was
-/// in it is wiped before the memory goes. The whole is a fifth of what opening a file costs.
+/// in it is wiped before the memory goes.
 class StreamBuffer {
 public:
     StreamBuffer() : m_bytes(bufferSize) {}
