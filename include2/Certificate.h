@@ -144,8 +144,17 @@ private:
     friend class RefCertificate;
     friend class CertificateRevocationList;
 
-    [[nodiscard]] RefExtension find(const char* identifier) const;
-    template <class Handle> const Handle& typedExtension(Handle& cache, const char* identifier) const;
+    /// Extensions that were looked for and are not there, as bits.
+    enum Absent : unsigned int {
+        noAlternativeName = 1,
+        noConstraints = 2,
+        noPoints = 4,
+        noAuthorityKey = 8,
+        noOwnKey = 16
+    };
+
+    [[nodiscard]] RefExtension findOnce(const char* identifier, Absent bit) const;
+    template <class Handle> const Handle& typedExtension(Handle& cache, const char* identifier, Absent bit) const;
     void warmExtensions() const;
 
     /// Guards `warm()`, of certificates and lists.
@@ -168,6 +177,7 @@ private:
     mutable RefSubjectAlternativeName m_subjectAltName;
     mutable std::list<RefExtension> m_extensions;
     mutable detail::TriState m_caCert = detail::TriState::unknown;
+    mutable unsigned int m_absent = 0;
 };
 
 } // namespace Norvane::Crypto::NVX509

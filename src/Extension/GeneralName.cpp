@@ -3,6 +3,7 @@
 #include "Extension/Names.h"
 #include "failures/Events.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Name.h"
 
 #include <openssl/x509v3.h>
 
@@ -13,14 +14,6 @@
 namespace Norvane::Crypto::NVX509 {
 
 namespace {
-
-/// The content octets of a string as they are, zero bytes included.
-std::string octets(const ASN1_STRING* string) {
-    const int length = ASN1_STRING_length(string);
-    return length == 0 ? std::string()
-                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                                     static_cast<std::size_t>(length));
-}
 
 /// What the getters of other types answer.
 template <class Value> const Value& nothing() {
@@ -115,7 +108,7 @@ const Uri& GeneralName::uri() const {
     if (const auto* uri = kept<Uri>()) {
         return *uri;
     }
-    const std::string text = octets(m_name->d.uniformResourceIdentifier);
+    const std::string text = openssl::bytesOf(m_name->d.uniformResourceIdentifier);
     Uri parsed(text.data(), static_cast<unsigned int>(text.size()));
     return parsed.isNull() ? nothing<Uri>() : keep(std::move(parsed));
 }
@@ -127,7 +120,7 @@ const IPAddress& GeneralName::ipAddress() const {
     if (const auto* address = kept<IPAddress>()) {
         return *address;
     }
-    const IPAddress address(octets(m_name->d.iPAddress));
+    const IPAddress address(openssl::bytesOf(m_name->d.iPAddress));
     return address.isNull() ? nothing<IPAddress>() : keep(address);
 }
 
@@ -136,7 +129,7 @@ const EmailAddress& GeneralName::emailAddress() const {
         return nothing<EmailAddress>();
     }
     // Nothing is kept for the next call: each parses, and logs, anew.
-    const std::string text = octets(m_name->d.rfc822Name);
+    const std::string text = openssl::bytesOf(m_name->d.rfc822Name);
     const EmailAddress& address = keep(EmailAddress::rfc5321Parse(text, false));
     if (address.isEmptyAddress()) {
         failures::logX509(failures::X509Message::invalidAddress, "GeneralName::emailAddress: invalid address " + text);
