@@ -1,5 +1,6 @@
 #include "CMSVerification/Judge.h"
 
+#include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/Signatures.h"
@@ -20,7 +21,7 @@ SignatureResult refused(SignatureReason reason) {
     return {SignatureVerdict::refused, reason, {}, {}};
 }
 SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm = nullptr) {
-    return {SignatureVerdict::unsupported, reason, openssl::algorithmName(algorithm), {}};
+    return {SignatureVerdict::unsupported, reason, openssl::usualName(algorithm), {}};
 }
 
 /// Whether a body without signed attributes may be signed so (RFC 5652, 5.3).

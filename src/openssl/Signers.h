@@ -23,9 +23,6 @@ const ASN1_OBJECT* publicKeyAlgorithm(const X509* certificate) noexcept;
 /// elsewhere, or unknown.
 bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept;
 
-/// The standards' name of an algorithm where it is a usual one, else OpenSSL's long name or the digits.
-std::string algorithmName(const ASN1_OBJECT* algorithm);
-
 /// The digest that a signer names, possibly by a signature algorithm with it; null when OpenSSL has none such, or only
 /// one of variable length.
 const EVP_MD* signerDigest(const PKCS7_SIGNER_INFO* signer) noexcept;

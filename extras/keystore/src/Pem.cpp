@@ -42,6 +42,10 @@ std::list<RefCertificate> certificatesOf(const Buffer& pem) {
             break;
         }
         certificates.push_back(CertificateFactory()(certificate.release(), true));
+        if (static_cast<x509_st*>(certificates.back()) == nullptr) {
+            throw Refusal("certificate " + std::to_string(certificates.size()) +
+                          " in it is refused: too many distribution points relative to the issuer");
+        }
         certificates.back()->warm();
     }
     if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {

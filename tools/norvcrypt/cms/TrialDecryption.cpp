@@ -93,7 +93,7 @@ public:
 
     NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
         const OwnIdentity* const identity = m_state->find(issuer, serial);
-        m_state->trials.push_back({"issuer " + issuer.asString() + " serial number " + serial.hex(), identity});
+        m_state->trials.push_back({"issuer " + displayName(issuer) + " serial number " + serial.hex(), identity});
         // What an earlier attempt wrote is no part of the body.
         m_state->spill = emptySpill();
         return identity == nullptr ? NVX509::KeyCertificatePair(true)

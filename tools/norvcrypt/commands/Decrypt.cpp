@@ -74,7 +74,7 @@ void addDecrypt(CLI::App& app, Action& action) {
     command
         ->add_option(
             "--out", options->out,
-            "The body, written only when a key has served, and readable by its owner alone; \"-\" is standard output")
+            "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->type_name("BODY")
         ->capture_default_str();
     command->footer(

@@ -64,7 +64,7 @@ template <class Pointer, class Use> bool eachExtension(X509* certificate, int ni
 
 std::string placeOf(const GENERAL_NAME* name) {
     if (name->type == GEN_DIRNAME)
-        return Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName).asString();
+        return displayName(Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName));
     const bool text = name->type == GEN_URI || name->type == GEN_DNS || name->type == GEN_EMAIL;
     return text ? textOf(name->d.ia5) : std::string();
 }
@@ -73,7 +73,7 @@ void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
     if (name == nullptr)
         return;
     if (name->type == 1) {
-        places.push_back(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename).asString());
+        places.push_back(displayName(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename)));
         return;
     }
     for (int at = 0; at < sk_GENERAL_NAME_num(name->name.fullname); ++at)

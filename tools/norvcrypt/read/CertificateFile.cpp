@@ -2,6 +2,8 @@
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
 
+#include <norvcrypto/Acceptance.h>
+
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
@@ -15,8 +17,11 @@ std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::st
         if (object.kind != ObjectKind::certificate)
             continue;
         const NVX509::RefCertificate certificate = factory.readDER(object.der);
-        if (certificate.isNull())
-            throw Failure(inputName(path) + ": malformed certificate");
+        if (certificate.isNull()) {
+            const std::string refusal = Norvane::Crypto::refusal(object.der);
+            throw Failure(inputName(path) + ": " +
+                          (refusal.empty() ? std::string("malformed certificate") : "certificate " + refusal));
+        }
         certificates.push_back(certificate);
     }
     if (certificates.empty())

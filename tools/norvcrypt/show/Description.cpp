@@ -4,6 +4,7 @@
 #include "openssl/OpenSsl.h"
 
 #include <norvcmsg/Media.h>
+#include <norvcrypto/Acceptance.h>
 #include <norvcrypto/CMS.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
@@ -57,7 +58,7 @@ void putTime(Description& object, const char* key, const ASN1_TIME* time) {
 Description listFacts(const NVX509::RefCertificateRevocationList& list) {
     X509_CRL* const crl = list;
     Description facts = Description::object();
-    putText(facts, "issuer", list->crlInfo().issuer().asString());
+    putText(facts, "issuer", displayName(list->crlInfo().issuer()));
     putTime(facts, "thisUpdate", X509_CRL_get0_lastUpdate(crl));
     putTime(facts, "nextUpdate", X509_CRL_get0_nextUpdate(crl));
     const QuietQuestion quiet;
@@ -72,7 +73,7 @@ Description listFacts(const NVX509::RefCertificateRevocationList& list) {
 
 Description issuerAndSerial(const CMS::IssuerAndSerialNumber& name, const PKCS7_ISSUER_AND_SERIAL* raw) {
     Description facts = Description::object();
-    putText(facts, "issuer", name.issuer().asString());
+    putText(facts, "issuer", displayName(name.issuer()));
     if (raw != nullptr)
         putNumber(facts, "serial", "serial number", raw->serial);
     return facts;
@@ -141,8 +142,11 @@ std::string reasonFor(Decode decode, Release release, const Norvane::Buffer& der
 
 Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
-    if (certificate.isNull())
-        throw Failure("malformed certificate: " + reasonFor(d2i_X509, X509_free, der));
+    if (certificate.isNull()) {
+        const std::string refusal = Norvane::Crypto::refusal(der);
+        throw Failure(refusal.empty() ? "malformed certificate: " + reasonFor(d2i_X509, X509_free, der)
+                                      : "certificate " + refusal);
+    }
     return certificateFacts(certificate);
 }
 
@@ -178,8 +182,8 @@ Description typed(const char* type, const Description& facts) {
 Description certificateFacts(const NVX509::RefCertificate& certificate) {
     X509* const x509 = certificate;
     Description facts = Description::object();
-    putText(facts, "subject", certificate->subject().asString());
-    putText(facts, "issuer", certificate->issuer().asString());
+    putText(facts, "subject", displayName(certificate->subject()));
+    putText(facts, "issuer", displayName(certificate->issuer()));
     putNumber(facts, "serial", "serial number", X509_get0_serialNumber(x509));
     putTime(facts, "notBefore", X509_get0_notBefore(x509));
     putTime(facts, "notAfter", X509_get0_notAfter(x509));
