@@ -11,6 +11,7 @@
 #include <norvcrypto/Key.h>
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace Norvane::Crypto::NVX509 {
@@ -20,19 +21,19 @@ constexpr unsigned int longestPassphrase = 1023;
 
 /// What became of reading a private key.
 struct OpenedKey {
-    RefKey key;             ///< null when there is none that could be read; OpenSSL's error queue tells why
-    bool encrypted = false; ///< a passphrase was asked for
+    RefKey key;             ///< null when there is none that could be read
+    bool encrypted = false; ///< what was read, or was to be read, is encrypted
+    bool tooCostly = false; ///< refused: reading it would cost more than `PrivateKey` allows
+    std::string reason;     ///< why there is no key
 };
 
-/// How a file holds its key: in a PEM block (PKCS#8, RFC 5958, or the older forms of OpenSSL), or as the DER of an
-/// encrypted PKCS#8 structure.
-enum class KeyForm : int { pem, encryptedDer };
+/// Reads a private key as `PrivateKey::readUnattended` does, and answers instead of throwing: never prompts, an empty
+/// passphrase is one like any other, and without a passphrase an encrypted key is not read. Content that is no PEM is
+/// taken for encrypted.
+NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase);
 
-/// Reads the first private key. Never prompts: without a passphrase an encrypted key is not read. An empty passphrase is
-/// one like any other. The bytes are read where they are, so that no copy of a key stays behind.
-/// \throws std::bad_alloc
-NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, KeyForm form,
-                                           const std::optional<std::string_view>& passphrase);
+/// Whether a PEM block begins in the content, wherever that is.
+NORVCRYPTO_EXPORT bool isPem(const Buffer& content);
 
 /// Whether a private key and a certificate belong together; false when one of them is null or has no key that can be
 /// read. Leaves OpenSSL's error queue as it was.

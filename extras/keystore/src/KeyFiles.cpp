@@ -2,39 +2,43 @@
 
 #include "OpenSsl.h"
 
-#include <openssl/pem.h>
-
-#include <cstring>
-
 namespace Norvane::Crypto::NVX509 {
 
 namespace {
 
-struct Answer {
-    const std::optional<std::string_view>& passphrase;
-    bool asked = false;
-};
-
-/// OpenSSL's question for a passphrase. Without this answer it would ask on a terminal.
-int answerPassphrase(char* out, int size, int /*writing*/, void* data) {
-    auto& answer = *static_cast<Answer*>(data);
-    answer.asked = true;
-    if (!answer.passphrase || answer.passphrase->size() > static_cast<std::size_t>(size)) {
-        return -1;
-    }
-    std::memcpy(out, answer.passphrase->data(), answer.passphrase->size());
-    return static_cast<int>(answer.passphrase->size());
+bool holds(const Buffer& content, std::string_view part) {
+    return std::string_view(reinterpret_cast<const char*>(content.data()), content.length()).find(part) !=
+           std::string_view::npos;
 }
 
 } // namespace
 
-OpenedKey openPrivateKey(const Buffer& content, KeyForm form, const std::optional<std::string_view>& passphrase) {
-    const auto source = keystore::sourceOver(content);
-    Answer answer{passphrase};
-    keystore::Owned<EVP_PKEY> key(form == KeyForm::pem
-                                      ? PEM_read_bio_PrivateKey(source.get(), nullptr, answerPassphrase, &answer)
-                                      : d2i_PKCS8PrivateKey_bio(source.get(), nullptr, answerPassphrase, &answer));
-    return {key ? RefKey(new PrivateKey(key.release())) : RefKey(), answer.asked};
+OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase) {
+    Buffer secret;
+    secret.protect();
+    if (passphrase) {
+        secret.append(Buffer(reinterpret_cast<const unsigned char*>(passphrase->data()),
+                             static_cast<unsigned int>(passphrase->size()), false));
+    }
+    OpenedKey opened;
+    // PKCS#8 says so in the label, the older forms of OpenSSL in a header.
+    opened.encrypted = !isPem(content) || holds(content, "ENCRYPTED");
+    auto* const body = new PrivateKey(nullptr);
+    const RefKey key(body);
+    try {
+        body->readUnattended(content, passphrase ? &secret : nullptr);
+        opened.key = key;
+    } catch (const TooCostlyException& failure) {
+        opened.tooCostly = true;
+        opened.reason = failure.asString();
+    } catch (const Exception& failure) {
+        opened.reason = failure.asString();
+    }
+    return opened;
+}
+
+bool isPem(const Buffer& content) {
+    return holds(content, "-----BEGIN ");
 }
 
 bool belongTogether(const RefKey& key, const RefCertificate& certificate) {

@@ -81,12 +81,15 @@ RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase) 
     if (passphrase) {
         given.emplace(reinterpret_cast<const char*>(passphrase->data()), passphrase->length());
     }
-    const OpenedKey opened = openPrivateKey(pem, KeyForm::pem, given);
+    const OpenedKey opened = isPem(pem) ? openPrivateKey(pem, given) : OpenedKey();
     if (!opened.key.isNull()) {
         return opened.key;
     }
     if (secureHeapIsFull(pem.length())) {
         throw Exhausted("OpenSSL's secure heap has no room for the keys; a reload takes room for both contents");
+    }
+    if (opened.tooCostly) {
+        throw Refusal("would cost too much to read");
     }
     if (!opened.encrypted) {
         throw Refusal("holds no private key in PEM form");
