@@ -1,5 +1,6 @@
 #include "CMSVerification/Judge.h"
 
+#include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/Signatures.h"
@@ -19,7 +20,10 @@ using openssl::KeyFamily;
 SignatureResult refused(SignatureReason reason) {
     return {SignatureVerdict::refused, reason, {}, {}};
 }
-SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm = nullptr) {
+SignatureResult unsupported(SignatureReason reason) {
+    return {SignatureVerdict::unsupported, reason, {}, {}};
+}
+SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm) {
     return {SignatureVerdict::unsupported, reason, openssl::algorithmName(algorithm), {}};
 }
 

@@ -7,7 +7,6 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
-#include <array>
 
 namespace Norvane::Crypto::openssl {
 
@@ -69,26 +68,6 @@ const ASN1_OBJECT* publicKeyAlgorithm(const X509* certificate) noexcept {
 
 bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept {
     return keyAlgorithm != nullptr && familyOf(OBJ_obj2nid(keyAlgorithm)) == KeyFamily::rsa;
-}
-
-std::string algorithmName(const ASN1_OBJECT* algorithm) {
-    if (algorithm == nullptr) {
-        return {};
-    }
-    switch (OBJ_obj2nid(algorithm)) {
-    case NID_rsassaPss:
-        return "RSASSA-PSS";
-    case NID_ED25519:
-        return "Ed25519";
-    case NID_ED448:
-        return "Ed448";
-    default:
-        break;
-    }
-    const ErrorMark mark;
-    std::array<char, 256> text{};
-    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), algorithm, 0);
-    return length <= 0 ? std::string() : std::string(text.data());
 }
 
 const EVP_MD* signerDigest(const PKCS7_SIGNER_INFO* signer) noexcept {

@@ -6,7 +6,6 @@
 #include "openssl/Pointers.h"
 
 #include <cstdint>
-#include <string>
 
 namespace Norvane::Crypto::openssl {
 
@@ -22,9 +21,6 @@ const ASN1_OBJECT* publicKeyAlgorithm(const X509* certificate) noexcept;
 /// Whether keys of an algorithm decode unless they are damaged: those of RSA. Others may refer to parameters that are
 /// elsewhere, or unknown.
 bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept;
-
-/// The standards' name of an algorithm where it is a usual one, else OpenSSL's long name or the digits.
-std::string algorithmName(const ASN1_OBJECT* algorithm);
 
 /// The digest that a signer names, possibly by a signature algorithm with it; null when OpenSSL has none such, or only
 /// one of variable length.
