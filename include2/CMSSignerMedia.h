@@ -18,7 +18,7 @@
 /// const CMS::CMSVerifier verifier(received);
 /// const CMS::SignedData data = CMS::signedData(verifier.contentInfo());
 /// for (const CMS::SignerInfo& one : data.signerInfo()) {
-///     const bool good = verifier.isValid(sameBody, one, certificateOf(one)); // matched by issuer and serial number
+///     const bool good = verifier.isValid(sameBody, one, certificate); // the one that `one` names: issuer, serial number
 /// }
 /// \endcode
 ///
@@ -71,7 +71,8 @@ public:
     /// sends a second structure, which signs the body with those bytes repeated. End a stream once.
     ///
     /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, line 147, detail the OpenSSL
-    ///         errors: the key does not sign (a public key in the place of the private one)
+    ///         errors: the key does not sign (a public key in the place of the private one), or a piece of the body
+    ///         could not be digested when it was written, which `write` does not tell
     /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, without a fixed line, detail the
     ///         OpenSSL errors: the structure is not encoded (no memory)
     /// \throws Exception "operator->", code 1: nothing is attached

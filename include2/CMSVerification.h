@@ -96,8 +96,8 @@ inline constexpr std::uint64_t maximumWork = 500000;   ///< for a structure
 struct SignatureResult {
     SignatureVerdict verdict = SignatureVerdict::refused;
     SignatureReason reason = SignatureReason::signatureWrong;
-    /// For `digestAlgorithm`, `signatureAlgorithm`, `keyAlgorithm` and `keyTooLarge`: the algorithm that is in the way,
-    /// OpenSSL's short name with the object identifier, "RSASSA-PSS (1.2.840.113549.1.1.10)", or that alone.
+    /// For `digestAlgorithm`, `signatureAlgorithm`, `keyAlgorithm` and `keyTooLarge`: the algorithm that is in the way by
+    /// its usual name ("RSASSA-PSS", "Ed25519"), else by OpenSSL's long name or its object identifier in digits.
     std::string algorithm;
     /// The certificate that the verdict is about: the good one, else the first that the signer names; an empty handle
     /// when there is none. It may outlive the structure.

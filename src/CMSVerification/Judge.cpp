@@ -20,11 +20,8 @@ using openssl::KeyFamily;
 SignatureResult refused(SignatureReason reason) {
     return {SignatureVerdict::refused, reason, {}, {}};
 }
-SignatureResult unsupported(SignatureReason reason) {
-    return {SignatureVerdict::unsupported, reason, {}, {}};
-}
-SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm) {
-    return {SignatureVerdict::unsupported, reason, openssl::algorithmName(algorithm), {}};
+SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm = nullptr) {
+    return {SignatureVerdict::unsupported, reason, openssl::usualName(algorithm), {}};
 }
 
 /// Whether a body without signed attributes may be signed so (RFC 5652, 5.3).

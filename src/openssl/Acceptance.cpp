@@ -179,7 +179,7 @@ const std::array<const char*, refusals>& texts() noexcept {
     static constexpr std::array<const char*, refusals> table{
         nullptr,
         "refused: explicit elliptic curve parameters",
-        "refused: more than 1000 public keys in one structure",
+        "refused: more than 2500 public keys in one structure",
         "refused: too many distribution points relative to the issuer",
         "refused: nested too deeply",
         "refused: 2 GiB or more",

@@ -23,7 +23,7 @@ enum class Refusal : std::uint8_t {
 };
 
 /// The public keys that one structure may hold. Each takes a fraction of a millisecond.
-constexpr std::size_t mostPublicKeys = 1000;
+constexpr std::size_t mostPublicKeys = 2500;
 /// The octets of issuer names that OpenSSL may copy for one certificate: its relative distribution points, each times the
 /// encoded name of the issuer. Twenty points under a long name of 800 octets fit.
 constexpr std::size_t mostRelativeNames = 16384;

@@ -42,8 +42,9 @@ KeyPtr readPublicDer(BIO* in) noexcept {
     return decodeAcceptedFrom<KeyPtr, d2i_PUBKEY>(in, "d2i_PUBKEY_bio");
 }
 
-KeyPtr readPrivatePem(BIO* in, const std::string& passphrase) {
-    return KeyPtr(isWhole(passphrase) ? PEM_read_bio_PrivateKey(in, nullptr, nullptr, userData(passphrase)) : nullptr);
+PrivateKeyReading readPrivatePem(BIO* in, const std::string& passphrase) {
+    return isWhole(passphrase) ? readPrivatePem(in, PassphraseSource{nullptr, userData(passphrase)})
+                               : PrivateKeyReading();
 }
 
 bool writePublicPem(BIO* out, EVP_PKEY* key) {

@@ -41,19 +41,20 @@ CertificatePtr readCertificatePem(BIO* source) noexcept {
     return CertificatePtr(decodeAccepted<d2i_X509>(data, static_cast<unsigned int>(length)));
 }
 
-bool isAcceptedPem(const unsigned char* text, std::size_t length) {
+Refusal pemRefusalOf(const unsigned char* text, std::size_t length) noexcept {
+    if (length > INT_MAX) {
+        return Refusal::tooLong;
+    }
+    const ErrorMark mark;
+    const BioPtr source = memorySource(text, static_cast<unsigned int>(length));
     Refusal refusal = Refusal::none;
-    {
-        const ErrorMark mark;
-        const BioPtr source = length > INT_MAX ? nullptr : memorySource(text, static_cast<unsigned int>(length));
-        while (source && refusal == Refusal::none && BIO_pending(source.get()) > 0) {
-            Block block;
-            if (PEM_read_bio(source.get(), &block.label, &block.header, &block.data, &block.length) == 1) {
-                refusal = refusalOf(block.data, static_cast<std::size_t>(block.length));
-            }
+    while (source && refusal == Refusal::none && BIO_pending(source.get()) > 0) {
+        Block block; // a block that is damaged is passed over
+        if (PEM_read_bio(source.get(), &block.label, &block.header, &block.data, &block.length) == 1) {
+            refusal = refusalOf(block.data, static_cast<std::size_t>(block.length));
         }
     }
-    return isAccepted("PEM_read_bio_PUBKEY", refusal);
+    return refusal;
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -3,6 +3,7 @@
 /// \file
 /// Reading PEM without a person at hand.
 
+#include "openssl/Acceptance.h"
 #include "openssl/Pointers.h"
 
 #include <cstddef>
@@ -19,8 +20,8 @@ inline int refusePassphrase(char* /*passphrase*/, int /*size*/, int /*forWriting
 /// or is refused. May leave entries in the error queue.
 CertificatePtr readCertificatePem(BIO* source) noexcept;
 
-/// Whether no block of a PEM text holds a public key that is refused; queues the refusal otherwise. Blocks that are
-/// encrypted are not looked into.
-bool isAcceptedPem(const unsigned char* text, std::size_t length);
+/// The refusal of the first block of a PEM text that is refused. Blocks that are encrypted are not looked into. The error
+/// queue stays as it was.
+Refusal pemRefusalOf(const unsigned char* text, std::size_t length) noexcept;
 
 } // namespace Norvane::Crypto::openssl

@@ -360,19 +360,17 @@ TEST(SignatureVerifier, ABodyThatIsASetOfAttributesIsRefusedWithoutAttributes) {
 
 TEST(SignatureVerifier, NamesWhatItDoesNotSupport) {
     const auto& ids = identities();
-    expectUnsupported(SignatureReason::signatureAlgorithm, "RSASSA-PSS (1.2.840.113549.1.1.10)",
-                      reportOn(signedWithPss()));
-    expectUnsupported(SignatureReason::signatureAlgorithm, "RSASSA-PSS (1.2.840.113549.1.1.10)",
-                      reportOn(signedWithPss(CMS_NOATTR)));
+    expectUnsupported(SignatureReason::signatureAlgorithm, "RSASSA-PSS", reportOn(signedWithPss()));
+    expectUnsupported(SignatureReason::signatureAlgorithm, "RSASSA-PSS", reportOn(signedWithPss(CMS_NOATTR)));
     EXPECT_TRUE(only(reportOn(signedWithPss())).certificate == certificateOf(ids.rsa)) << "whom it would be about";
     const Bytes made = signedByOpenssl(ids.rsa, body(), "SHA256", CMS_DETACHED);
-    expectUnsupported(SignatureReason::signatureAlgorithm, "ED25519 (1.3.101.112)",
+    expectUnsupported(SignatureReason::signatureAlgorithm, "Ed25519",
                       reportOn(withAlgorithms(made, nullptr, "1.3.101.112")));
     expectUnsupported(SignatureReason::signatureAlgorithm, "1.2.3.4.5.6",
                       reportOn(withAlgorithms(made, nullptr, "1.2.3.4.5.6")));
     expectUnsupported(SignatureReason::digestAlgorithm, "1.2.3.4.5.6",
                       reportOn(withAlgorithms(made, "1.2.3.4.5.6", nullptr)));
-    expectUnsupported(SignatureReason::digestAlgorithm, "SHAKE256 (2.16.840.1.101.3.4.2.12)",
+    expectUnsupported(SignatureReason::digestAlgorithm, "shake256",
                       reportOn(withAlgorithms(made, "2.16.840.1.101.3.4.2.12", nullptr)));
     // What the digest tells of the body is told all the same.
     expectRefused(SignatureReason::bodyDiffers, reportOn(signedWithPss(), {}));
@@ -384,12 +382,9 @@ TEST(SignatureVerifier, KeysOfOtherKindsAreUnsupported) {
         PiecewiseIn in(body());
         return CMS::verifySignatures(decoded(made), in, {certificateOf(identity)});
     };
-    expectUnsupported(SignatureReason::keyAlgorithm, "ED25519 (1.3.101.112)",
-                      with(namedLikeRsa(norvauthority::Key::ed25519())));
-    expectUnsupported(SignatureReason::keyTooLarge, "rsaEncryption (1.2.840.113549.1.1.1)",
-                      with(namedLikeRsa(publicRsa(2048, 65))));
-    expectUnsupported(SignatureReason::keyTooLarge, "rsaEncryption (1.2.840.113549.1.1.1)",
-                      with(namedLikeRsa(publicRsa(16400, 64))));
+    expectUnsupported(SignatureReason::keyAlgorithm, "Ed25519", with(namedLikeRsa(norvauthority::Key::ed25519())));
+    expectUnsupported(SignatureReason::keyTooLarge, "rsaEncryption", with(namedLikeRsa(publicRsa(2048, 65))));
+    expectUnsupported(SignatureReason::keyTooLarge, "rsaEncryption", with(namedLikeRsa(publicRsa(16400, 64))));
     expectRefused(SignatureReason::signatureWrong, with(namedLikeRsa(publicRsa(2048, 64))));
 }
 

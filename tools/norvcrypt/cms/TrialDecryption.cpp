@@ -1,10 +1,10 @@
 #include "cms/TrialDecryption.h"
 #include "base/Failure.h"
 #include "openssl/CertificateDetails.h"
-#include "openssl/OpenSsl.h"
 
 #include <norvcmsg/Logger.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
+#include <norvcrypto-keystore/KeyFiles.h>
 #include <norvcrypto/KeyStore.h>
 
 #include <cstdlib>
@@ -26,40 +26,38 @@ Norvane::SwapBufferMediaOut emptySpill() {
     return {keptInMemory, (place + "/norvcrypt-XXXXXX").c_str()};
 }
 
-/// What one recipient of the structure came to.
-struct Attempt {
+/// A recipient while the library tries it.
+struct Trial {
     std::string recipient;
-    const OwnIdentity* identity = nullptr; ///< with the key that was tried
+    const OwnIdentity* identity = nullptr; ///< with the key that is tried
     bool failed = false;
 };
 
 bool belongsTogether(const OwnIdentity& identity) {
-    const QuietQuestion quiet;
-    return X509_check_private_key(identity.certificate, identity.key) == 1;
+    return NVX509::belongTogether(identity.key, identity.certificate);
 }
 
 bool isNamed(const OwnIdentity& identity, const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) {
     // Not through the certificate's own accessor, which refuses negative numbers.
-    const X509* const certificate = identity.certificate;
-    return serial.object() != nullptr && ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), serial.object()) == 0 &&
-           identity.certificate->issuer() == issuer;
+    return hasSerialNumber(identity.certificate, serial.object()) && identity.certificate->issuer() == issuer;
 }
 
-std::string resultOf(const Attempt& attempt) {
-    const OwnIdentity* const identity = attempt.identity;
-    if (!attempt.failed)
-        return "decrypted with the key in " + identity->keyFile + ", certificate SHA-256 " +
-               fingerprint(identity->certificate);
-    if (attempt.recipient.empty())
-        return "its serial number is negative, no key can be asked for (event 0x300005B)";
-    if (identity == nullptr)
-        return "no key for it (event 0x300005A)";
-    if (!belongsTogether(*identity))
-        return "the private key in " + identity->keyFile + " does not belong to its certificate (event 0x300005B)";
-    if (EVP_PKEY_get_base_id(identity->key) != EVP_PKEY_RSA)
-        return "the private key in " + identity->keyFile + " is no RSA key (event 0x300005B)";
-    return "decryption with the key in " + identity->keyFile +
-           " failed, the message is damaged or its cipher unknown (event 0x300005B)";
+Attempt::Outcome outcomeOf(const Trial& trial) {
+    using enum Attempt::Outcome;
+    if (!trial.failed)
+        return decrypted;
+    if (trial.recipient.empty())
+        return unnamed;
+    if (trial.identity == nullptr)
+        return noKey;
+    if (!belongsTogether(*trial.identity))
+        return foreignKey;
+    return isRsa(trial.identity->key) ? failed : noRsaKey;
+}
+
+Attempt attemptOf(const Trial& trial) {
+    return {trial.recipient, outcomeOf(trial),
+            trial.identity == nullptr ? std::nullopt : std::optional<OwnIdentity>(*trial.identity)};
 }
 
 } // namespace
@@ -67,7 +65,7 @@ std::string resultOf(const Attempt& attempt) {
 /// What the key store, the log and the target know of one run; the library drives them in turn, recipient by recipient.
 struct TrialDecryption::State {
     std::vector<OwnIdentity> identities;
-    std::vector<Attempt> attempts;
+    std::vector<Trial> trials;
     Norvane::SwapBufferMediaOut spill = emptySpill();
     bool notEnveloped = false;
     std::string unknownType;
@@ -95,7 +93,7 @@ public:
 
     NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
         const OwnIdentity* const identity = m_state->find(issuer, serial);
-        m_state->attempts.push_back({"issuer " + issuer.asString() + " serial number " + serial.hex(), identity});
+        m_state->trials.push_back({"issuer " + displayName(issuer) + " serial number " + serial.hex(), identity});
         // What an earlier attempt wrote is no part of the body.
         m_state->spill = emptySpill();
         return identity == nullptr ? NVX509::KeyCertificatePair(true)
@@ -128,7 +126,7 @@ public:
     explicit AttemptsSink(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
 
     void record(const Norvane::LogRecord& record) override {
-        auto& attempts = m_state->attempts;
+        auto& trials = m_state->trials;
         switch (record.event) {
         case 0x300005D:
             m_state->unknownType = record.fields.empty() ? "" : record.fields.front();
@@ -142,9 +140,9 @@ public:
         case 0x300005A:
         case 0x300005B:
             // The store was not asked: the library cannot name such a recipient.
-            if (attempts.empty() || attempts.back().failed)
-                attempts.push_back({});
-            attempts.back().failed = true;
+            if (trials.empty() || trials.back().failed)
+                trials.push_back({});
+            trials.back().failed = true;
             break;
         default:
             break;
@@ -178,26 +176,17 @@ void TrialDecryption::open(Norvane::MediaIn& structure) {
     m_decrypter.emplace(structure, keys);
 }
 
-bool TrialDecryption::run(const std::string& name) {
+DecryptionResult TrialDecryption::run(const std::string& name) {
     const Listening listening(std::make_shared<AttemptsSink>(m_state));
     Norvane::MediaOut target(Norvane::makeReference<SpillTarget, Norvane::MediaOutImpl>(m_state));
     m_decrypter->write(target);
     if (m_state->notEnveloped)
         throw Failure(name + " holds no encrypted body" +
                       (m_state->unknownType.empty() ? "" : " but the unknown type " + m_state->unknownType));
-    return m_decrypter->decryptionSucceeded();
-}
-
-std::vector<std::string> TrialDecryption::report() const {
-    if (m_state->contentMissing)
-        return {"the encrypted body is not in the structure (event 0x3000059)"};
-    if (m_state->attempts.empty())
-        return {"the structure names no recipient"};
-    std::vector<std::string> lines;
-    for (const Attempt& attempt : m_state->attempts)
-        lines.push_back("recipient " + std::to_string(lines.size() + 1) + ", " + attempt.recipient +
-                        (attempt.recipient.empty() ? "" : ": ") + resultOf(attempt));
-    return lines;
+    DecryptionResult result{m_decrypter->decryptionSucceeded(), m_state->contentMissing, {}};
+    for (const Trial& trial : m_state->trials)
+        result.attempts.push_back(attemptOf(trial));
+    return result;
 }
 
 Norvane::MediaIn TrialDecryption::body() const {

@@ -1,9 +1,9 @@
 #pragma once
 
 /// \file
-/// Decrypting with several identities, and telling for each recipient what became of it.
+/// Decrypting with several identities, and what became of each recipient.
 
-#include "identities/IdentityOptions.h"
+#include "identities/OwnIdentity.h"
 
 #include <norvcmsg/Media.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
@@ -14,6 +14,28 @@
 #include <vector>
 
 namespace norvcrypt {
+
+/// What one recipient of the structure came to.
+struct Attempt {
+    enum class Outcome : int {
+        decrypted,
+        unnamed,    ///< its serial number is negative: no key can be asked for
+        noKey,      ///< none of the identities is named
+        foreignKey, ///< the private key does not belong to the certificate
+        noRsaKey,
+        failed, ///< the message is damaged, or its cipher unknown
+    };
+    std::string recipient; ///< issuer and serial number, to be escaped; empty when it is unnamed
+    Outcome outcome = Outcome::decrypted;
+    std::optional<OwnIdentity> identity; ///< whose key was tried
+};
+
+/// What one structure came to.
+struct DecryptionResult {
+    bool decrypted = false;
+    bool contentMissing = false;   ///< the encrypted body is not in the structure
+    std::vector<Attempt> attempts; ///< in the structure's order
+};
 
 /// Decrypts one structure. The clear body is held back, in memory and beyond a limit in a private file without a name,
 /// until a key has served: an attempt that fails can have written some of it, or garbage.
@@ -26,11 +48,9 @@ public:
 
     /// Decodes the structure. \throws Norvane::Exception: it is malformed
     void open(Norvane::MediaIn& structure);
-    /// Tries the recipients in the structure's order. True when a key served. \throws Failure: nothing is encrypted in
-    /// the structure, which messages call `name`
-    bool run(const std::string& name);
-    /// A line for each recipient that was tried, or why there was none to try.
-    [[nodiscard]] std::vector<std::string> report() const;
+    /// Tries the recipients in the structure's order until a key serves. \throws Failure: nothing is encrypted in the
+    /// structure, which messages call `name`
+    DecryptionResult run(const std::string& name);
     /// The clear body, once a key has served.
     [[nodiscard]] Norvane::MediaIn body() const;
 

@@ -2,9 +2,10 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "identities/Store.h"
-#include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
+#include "read/CertificateFile.h"
+#include "read/PrivateKeyFile.h"
 #include "recognise/DigestNames.h"
+#include "write/CmsFile.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
 #include <norvcrypto/CMSVerification.h>
@@ -45,9 +46,8 @@ NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs
     chain.pop_front();
     if (options.chain)
         chain.splice(chain.end(), readCertificates(inputs, *options.chain));
-    const auto passphrase = options.passphraseFile ? std::make_unique<Passphrase>(inputs, *options.passphraseFile)
-                                                   : std::make_unique<Passphrase>();
-    return {readPrivateKey(inputs, options.key, *passphrase), certificate, chain};
+    const Passphrase passphrase(inputs, options.passphraseFile);
+    return {readPrivateKey(inputs, options.key, passphrase), certificate, chain};
 }
 
 /// Signs what is read from `body`. A signature over a set of attributes would also be one over another text that has

@@ -2,8 +2,8 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "read/CertificateFile.h"
 #include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcrypto/CMSVerification.h>
@@ -84,23 +84,24 @@ std::string eventOf(SignatureReason reason) {
 }
 
 std::string certificateText(const NVX509::RefCertificate& certificate) {
-    return "certificate SHA-256 " + fingerprint(certificate) + " " + certificate->subject().asString();
+    return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
 }
 
 std::string reasonText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
     if (result.reason == SignatureReason::certificateMissing) {
         const PKCS7_SIGNER_INFO* const raw = signer;
-        std::string text = "no certificate with issuer " + signer.issuerAndSerialNumber().issuer().asString();
+        std::string text = "no certificate with issuer " + displayName(signer.issuerAndSerialNumber().issuer());
         if (raw->issuer_and_serial != nullptr)
             text += " serial number " + hexNumber(raw->issuer_and_serial->serial);
         return text;
     }
     std::string text = CMS::textOf(result.reason);
     if (!result.algorithm.empty())
-        text += ": " + result.algorithm;
+        text += ": " + Norvane::escapeForDisplay(result.algorithm);
     return text + eventOf(result.reason);
 }
 
+/// To be shown as it is.
 std::string verdictText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
     std::string text = "good signature";
     if (result.verdict == SignatureVerdict::refused)
@@ -146,8 +147,7 @@ Exit verify(const VerifyOptions& options) {
     std::size_t number = 0;
     auto signer = data.signerInfo().begin();
     for (const CMS::SignatureResult& result : report.signers)
-        out.line("signer " + std::to_string(++number) + ": " +
-                 Norvane::escapeForDisplay(verdictText(result, *signer++)));
+        out.line("signer " + std::to_string(++number) + ": " + verdictText(result, *signer++));
     out.line(Norvane::escapeForDisplay(bodyText(report, options, carried)));
     out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
     out.flush();

@@ -1,15 +1,14 @@
 #include "read/CmsFile.h"
 #include "base/Failure.h"
+#include "recognise/CmsInText.h"
 #include "recognise/DerAndPem.h"
 
-#include <authority/Authority.h>
 #include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <optional>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -25,29 +24,6 @@ void refuseMore(const Norvane::Buffer& rest, const std::string& path) {
         throw Failure("bytes follow the CMS structure in " + inputName(path));
 }
 
-/// A structure as it travels in a mail: what to do, for whoever saved it as it came.
-std::string adviceOn(const Norvane::Buffer& content) {
-    static constexpr std::string_view header = "content-type:";
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
-    const auto sameLetter = [](char one, char other) { return std::tolower(static_cast<unsigned char>(one)) == other; };
-    if (std::search(text.begin(), text.end(), header.begin(), header.end(), sameLetter) != text.end())
-        return ", which looks like a mail: take it out with openssl smime -pk7out";
-    // SEQUENCE with a long or an indefinite length.
-    return text.starts_with("MI") ? ", which looks like base64: decode it with openssl base64 -d" : "";
-}
-
-Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::string& path) {
-    const std::vector<FoundObject> objects = objectsIn(content);
-    const auto isCms = [](const FoundObject& object) { return object.kind == ObjectKind::cms; };
-    const auto count = std::count_if(objects.begin(), objects.end(), isCms);
-    if (count > 1)
-        throw Failure("more than one CMS structure in " + inputName(path));
-    if (count == 0 && !looksLikeDer(content))
-        throw Failure("no CMS structure in " + inputName(path) + adviceOn(content));
-    // What looks binary and is none has the library tell what is wrong with it.
-    return count == 0 ? content : std::find_if(objects.begin(), objects.end(), isCms)->der;
-}
-
 } // namespace
 
 void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
@@ -60,7 +36,7 @@ void readStructure(Inputs& inputs, const std::string& path, const std::string& w
             decode(in);
             refuseMore(Inputs::readAll(in, path), path);
         } else {
-            Norvane::MemoryMediaIn der(structureInText(Inputs::readAll(in, path), path));
+            Norvane::MemoryMediaIn der(structureInText(Inputs::readAll(in, path), inputName(path)));
             decode(der);
         }
     } catch (const Norvane::Exception& failure) {
@@ -117,15 +93,6 @@ Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::st
         }
     });
     return *structure;
-}
-
-void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem) {
-    if (pem) {
-        const std::string text = norvauthority::pem("PKCS7", {der.data(), der.data() + der.length()});
-        out.write(text.data(), text.size());
-    } else {
-        out.write(der.data(), der.length());
-    }
 }
 
 } // namespace norvcrypt

@@ -1,12 +1,10 @@
 #pragma once
 
 /// \file
-/// A CMS structure in a file, as verifying and decrypting read it and as signing and encrypting write it.
+/// A CMS structure in a file, as verifying and decrypting read it.
 
 #include "files/Input.h"
-#include "files/Output.h"
 
-#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 #include <norvcrypto/CMS.h>
 
@@ -23,8 +21,5 @@ void readStructure(Inputs& inputs, const std::string& path, const std::string& w
 
 /// The one structure of a file, for verifying. \throws Failure as above; what is well formed and not supported is named
 Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::string& path);
-
-/// Writes the structure as it is, or as a PEM block. \throws Failure
-void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem);
 
 } // namespace norvcrypt
