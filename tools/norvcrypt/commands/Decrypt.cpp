@@ -49,13 +49,13 @@ Exit decrypt(const DecryptOptions& options) {
         Progress progress("decrypting");
         readStructure(
             inputs, options.in, "the encrypted message",
-            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+            [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(options.in)); }, &progress);
     }
-    const bool served = decryption.run(inputName(options.in));
+    const Exit result = decryption.run(inputName(options.in));
     for (const std::string& line : decryption.report())
         reportError(line);
-    if (!served)
-        return Exit::refused;
+    if (result != Exit::good)
+        return result;
     OutputStream body(out);
     decryption.body().write(body);
     out.commit();
@@ -74,13 +74,16 @@ void addDecrypt(CLI::App& app, Action& action) {
     command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
         ->type_name("MSG")
         ->capture_default_str();
-    command->add_option("--out", options->out, "The body, written only when a key has served; \"-\" is standard output")
+    command
+        ->add_option("--out", options->out,
+                     "The body, written only when a key has decrypted it; \"-\" is standard output")
         ->type_name("BODY")
         ->capture_default_str();
     command->footer(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
-        "names is tried for it.");
+        "names is tried for it. Exit code 1: no key decrypts the message; 2: it needs what is not supported, which is "
+        "named, or it cannot be read.");
     command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 

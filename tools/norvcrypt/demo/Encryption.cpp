@@ -35,9 +35,9 @@ std::string Demo::digestDecryptedBy(const std::string& name, const Identity& ide
         Progress progress("decrypting");
         readStructure(
             m_inputs, path("message.p7m"), "the encrypted message",
-            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+            [&](Norvane::MediaIn& structure) { decryption.open(structure, path("message.p7m")); }, &progress);
     }
-    const bool served = decryption.run(path("message.p7m"));
+    const bool served = decryption.run(path("message.p7m")) == Exit::good;
     for (const std::string& line : decryption.report())
         tell("      " + line);
     if (!served)
