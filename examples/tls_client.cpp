@@ -67,8 +67,10 @@ void printAnswer(Socket& server) {
 
 int converse(const std::string& address, const std::string& name, const std::string& trustedFile) {
     NVSSL::RefContext context = trusting(trustedFile);
-    NVSSL::SSLSocket server(context, SocketAddress(address));
-    server.timeLimit(30000);
+    const SocketAddress where(address);
+    NVSSL::SSLSocket server(context, where.family());
+    server.timeLimit(30000); // before connecting: it holds for that and for the handshake too
+    server.connect(where);
     if (!isTrusted(server, name)) {
         return 1;
     }
@@ -95,7 +97,7 @@ int main(int count, char** arguments) {
     try {
         return converse(arguments[1], arguments[2], arguments[3]);
     } catch (const Exception& failure) {
-        std::fprintf(stderr, "%s %s\n", failure.asString().c_str(), getErrString().c_str());
+        std::fprintf(stderr, "%s\n", failure.asString().c_str()); // OpenSSL's reasons are in it
         return 2;
     }
 }

@@ -12,6 +12,8 @@
 
 #include <openssl/ssl.h>
 
+#include <poll.h>
+
 #include <array>
 #include <cstdio>
 #include <iterator>
@@ -73,7 +75,7 @@ bool isTrusted(const NVSSL::SSLSocket& client) {
         return false;
     }
     const NVX509::RefCertificate shown = NVX509::CertificateFactory()(certificate, false);
-    std::printf("%s\n", shown->subject().asString().c_str());
+    std::printf("%s\n", displayName(shown->subject()).c_str());
     return true;
 }
 
@@ -100,8 +102,11 @@ void serve(const std::string& address, const std::string& chainFile, const std::
     listener.listen();
     std::printf("%s\n", listener.localAddress().asString().c_str());
     std::fflush(stdout);
-    NVSSL::SSLSocket client(
-        listener.accept()); // a server of many clients catches what a bad handshake throws, and goes on
+    pollfd arriving{listener.descriptor(), POLLIN, 0};
+    poll(&arriving, 1, -1);    // for as long as no client comes
+    listener.timeLimit(30000); // for each wait of the handshake
+    // A server of many clients catches what a bad handshake throws, and goes on.
+    NVSSL::SSLSocket client(listener.accept());
     client.timeLimit(30000);
     if (isTrusted(client)) {
         echo(client);
@@ -120,7 +125,7 @@ int main(int count, char** arguments) {
         serve(arguments[1], arguments[2], arguments[3], arguments[4]);
         return 0;
     } catch (const Exception& failure) {
-        std::fprintf(stderr, "%s %s\n", failure.asString().c_str(), getErrString().c_str());
+        std::fprintf(stderr, "%s\n", failure.asString().c_str());
         return 2;
     }
 }

@@ -1,6 +1,7 @@
 // Certificates, DER or PEM: every accessor, then written and read again.
 #include "Driver.h"
 
+#include <norvcmsg/Escape.h>
 #include <norvcmsg/Media.h>
 #include <norvcrypto/Certificate.h>
 
@@ -13,6 +14,9 @@ namespace {
 
 void look(const RefCertificate& certificate) {
     certificate->warm();
+    if (!isDisplayable(displayName(certificate->subject())) || !isDisplayable(displayName(certificate->issuer()))) {
+        std::abort();
+    }
     for (const GeneralName& name : certificate->subjectAlternativeName()
                                        ? certificate->subjectAlternativeName()->names()
                                        : std::list<GeneralName>()) {

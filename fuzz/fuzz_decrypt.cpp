@@ -1,5 +1,5 @@
-// Enveloped structures: outlined, decoded from a stream and decrypted with one key for whoever is named, so that mutations reach
-// the cipher. The corpus is encrypted for that key.
+// Enveloped structures: outlined, decoded from a stream and decrypted with one key for whoever is named, so that
+// mutations reach the cipher. The corpus is encrypted for that key.
 #include "Driver.h"
 #include "EnvelopeKey.h"
 

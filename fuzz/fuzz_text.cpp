@@ -28,10 +28,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 std::abort();
             }
         }
-        for (const char byte : escapeForDisplay(text)) {
+        const std::string shown = escapeForDisplay(text);
+        for (const char byte : shown) {
             if (static_cast<unsigned char>(byte) < 0x20) {
                 std::abort();
             }
+        }
+        if (!isDisplayable(shown)) {
+            std::abort();
         }
     });
 }

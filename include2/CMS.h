@@ -109,7 +109,8 @@ public:
     /// `in.atEnd()`. `in` may go once this returns.
     ///
     /// \throws Exception "CMS::_ContentInfo::_ContentInfo", code 4, file CMS, line 389, detail "ASN1 Decode failed:":
-    ///         the bytes are no structure, or end before it does; also logged, event 0x300005E with the OpenSSL errors
+    ///         the bytes are no structure, or end before it does, or it is refused (see Acceptance.h); also logged, event
+    ///         0x300005E with the OpenSSL errors, which end in "refused: " and the reason for one that is refused
     /// \throws what `in` throws while it is read, unchanged
     explicit _ContentInfo(MediaIn& in);
     ~_ContentInfo() override;

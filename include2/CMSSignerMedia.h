@@ -18,12 +18,17 @@
 /// const CMS::CMSVerifier verifier(received);
 /// const CMS::SignedData data = CMS::signedData(verifier.contentInfo());
 /// for (const CMS::SignerInfo& one : data.signerInfo()) {
-///     const bool good = verifier.isValid(sameBody, one, certificateOf(one)); // matched by issuer and serial number
+///     const bool good = verifier.isValid(sameBody, one, certificate); // the one that `one` names: issuer, serial number
 /// }
 /// \endcode
 ///
+/// - Signatures are made without signed attributes. A body that is itself a SET OF attributes must not be signed so: the
+///   signature would be one over those attributes, too, and with them over another text. Ask an `AttributeSetDetector`
+///   (CMSVerification.h) about bodies that others wrote.
 /// - Bytes are signed exactly as written: no line ending is changed, no MIME is looked at. S/MIME bodies have CRLF line
 ///   endings, and making them is the caller's work (RFC 8551, 3.1.1).
+/// - Check what strangers sent with `verifySignatures` (CMSVerification.h): it bounds the work, and refuses what RFC 5652
+///   forbids and this verifier accepts.
 /// - A good signature is not trust. The certificate is the caller's choice: it is not checked that the signer names it
 ///   by issuer and serial number, nor is it validated (see `CertificateVerifier`). A `true` tells only that the holder
 ///   of that certificate's key signed this body.
@@ -66,7 +71,8 @@ public:
     /// sends a second structure, which signs the body with those bytes repeated. End a stream once.
     ///
     /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, line 147, detail the OpenSSL
-    ///         errors: the key does not sign (a public key in the place of the private one)
+    ///         errors: the key does not sign (a public key in the place of the private one), or a piece of the body
+    ///         could not be digested when it was written, which `write` does not tell
     /// \throws Exception "CMS::SignerMediaOutImpl::end", code 4, file CMSSignerMedia, without a fixed line, detail the
     ///         OpenSSL errors: the structure is not encoded (no memory)
     /// \throws Exception "operator->", code 1: nothing is attached
@@ -112,7 +118,12 @@ public:
     void detach();
 };
 
-/// Checks the signers of one structure.
+/// Checks the signers of one structure, one at a time as the caller asks.
+///
+/// A loop over signers and certificates is dangerous on what strangers sent: both are as many as they like, a try is a
+/// public-key operation that a hostile key draws out to milliseconds, and each digest of a body costs a pass over it.
+/// `verifySignatures` (CMSVerification.h) is that loop with limits. Which body is judged must not be left to the sender
+/// either: see `carriedContent` there.
 class NORVCRYPTO_EXPORT CMSVerifier {
 public:
     /// Decodes the structure; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is not asked:
@@ -132,9 +143,14 @@ public:
     /// (PKCS#1 1.5), DSA and EC keys, with and without signed attributes; `digested` can be asked again, for another
     /// signer with the same digest too. It must not have been ended: the answer is false then.
     ///
-    /// Of the signed attributes only the message digest is compared, and the signature algorithm that the signer names
-    /// is not looked at: the key and the digest decide. Programs that check the content type attribute and that
-    /// algorithm too (RFC 5652, 5.3 and 11.1) refuse a few structures that are accepted here.
+    /// Deliberate: of the signed attributes only the first message digest is compared, and the signature algorithm that
+    /// the signer names is not looked at: the key and the digest decide. So a second message digest or value, and a
+    /// content type attribute that is missing, stands twice or is not the content's, are accepted here although RFC 5652
+    /// (5.3, 11.1, 11.2) forbids them; and so is a signature without attributes over a body that is a SET OF attributes,
+    /// which may have been made over them for another body. `verifySignatures` refuses all of these.
+    ///
+    /// A false may also mean that the algorithm is not supported (RSASSA-PSS, Edwards curves): `verifySignatures` tells
+    /// that apart.
     ///
     /// A bad signature is an answer, never an exception; the reason is logged at level 0, text "s_signatureVerify":
     /// event 0x300004E the body was digested with another algorithm than the signer's; 0x300004F signed attributes

@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// Certificate bindings: which certificate, and which private key where there is one, serves the mail owners that a
+/// Certificate bindings: which certificate, and which private key where there is one, belongs to the mail owners that a
 /// pattern over addresses matches. Bindings are made from configuration text and searched in sets (CertBindingSet.h).
 ///
 /// \code
@@ -42,12 +42,12 @@ public:
     CertBinding();
     /// \param id       the key of the binding in a set
     /// \param pattern  the addresses of the owners; the empty pattern matches the null address only
-    /// \param position the rank among bindings that serve one owner: lower ones come first
+    /// \param position the rank among bindings of one owner: lower ones come first
     CertBinding(int id, const StringPattern& pattern, KeyType keyType, KeyUsage keyUsage, unsigned int position,
                 int status);
     ~CertBinding() override;
 
-    /// The pair that serves the owners; copies share its body. A null pair counts as one without certificate.
+    /// The pair of the owners; copies share its body. A null pair counts as one without certificate.
     [[nodiscard]] virtual NVX509::KeyCertificatePair keyPairX509() const = 0;
 
     [[nodiscard]] int Id() const noexcept { return m_id; }

@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// Named sets of certificate bindings, and the ways to search them: by identifier, by owner (which binding serves this
+/// Named sets of certificate bindings, and the ways to search them: by identifier, by owner (which binding belongs to this
 /// address) and by certificate (which binding holds the certificate that a received message names).
 ///
 /// \code
@@ -10,9 +10,9 @@
 /// set->add(RefCertBinding(3, Norvane::StringPattern("*@example.com"), CertBinding::X509, usage, 1, 0, ...));
 ///
 /// const auto owner = Norvane::EmailAddress::rfc5321Parse("alice@example.com", false);
-/// CertBindingOwnerFilter serving(owner);
-/// const RefCertBinding& first = set->find(serving);               // smallest identifier, or a null handle
-/// for (const RefCertBinding& binding : set->findSet(serving)) {   // all of them, lowest position first
+/// CertBindingOwnerFilter ofOwner(owner);
+/// const RefCertBinding& first = set->find(ofOwner);               // smallest identifier, or a null handle
+/// for (const RefCertBinding& binding : set->findSet(ofOwner)) {   // all of them, lowest position first
 ///     use(binding->keyPairX509());
 /// }
 /// \endcode

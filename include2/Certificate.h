@@ -57,8 +57,10 @@ class RefCertificate;
 /// Every answer is kept once it was found; the `X509` must not change under the certificate.
 class NORVCRYPTO_EXPORT Certificate : public RefImpl, private NonCopyable {
 public:
-    /// \param x509 borrowed, and has to outlive the body; may be null, which gives a certificate of empty answers. Use
-    ///             `CertificateFactory::operator()` for a certificate that owns its `X509`.
+    /// \param x509 borrowed, and has to outlive the body; may be null, which gives a certificate of empty answers. So does
+    ///             one with more distribution points relative to its issuer than OpenSSL can be let loose on (see
+    ///             Acceptance.h): it is not touched. Use `CertificateFactory::operator()` for a certificate that owns its
+    ///             `X509`.
     explicit Certificate(x509_st* x509);
     /// Frees the `X509` if it is owned.
     ~Certificate() override;
@@ -142,8 +144,17 @@ private:
     friend class RefCertificate;
     friend class CertificateRevocationList;
 
-    [[nodiscard]] RefExtension find(const char* identifier) const;
-    template <class Handle> const Handle& typedExtension(Handle& cache, const char* identifier) const;
+    /// Extensions that were looked for and are not there, as bits.
+    enum Absent : unsigned int {
+        noAlternativeName = 1,
+        noConstraints = 2,
+        noPoints = 4,
+        noAuthorityKey = 8,
+        noOwnKey = 16
+    };
+
+    [[nodiscard]] RefExtension findOnce(const char* identifier, Absent bit) const;
+    template <class Handle> const Handle& typedExtension(Handle& cache, const char* identifier, Absent bit) const;
     void warmExtensions() const;
 
     /// Guards `warm()`, of certificates and lists.
@@ -166,6 +177,7 @@ private:
     mutable RefSubjectAlternativeName m_subjectAltName;
     mutable std::list<RefExtension> m_extensions;
     mutable detail::TriState m_caCert = detail::TriState::unknown;
+    mutable unsigned int m_absent = 0;
 };
 
 } // namespace Norvane::Crypto::NVX509
@@ -242,13 +254,17 @@ public:
     CertificateFactory& operator=(const CertificateFactory& other) = default;
     virtual ~CertificateFactory();
 
-    /// A certificate around an `X509`, which may be null.
-    /// \param own true: the certificate frees it; false: the caller keeps it and lets it outlive the certificate
+    /// A certificate around an `X509`, which may be null. One that is refused (see Acceptance.h) gives a certificate
+    /// without `X509`.
+    /// \param own true: the certificate frees it, one that is refused at once; false: the caller keeps it and lets it
+    ///            outlive the certificate
     RefCertificate operator()(x509_st* x509, bool own) const;
-    /// The certificate at the start of `der`; bytes after it are ignored. An empty handle when it does not decode.
+    /// The certificate at the start of `der`; bytes after it are ignored. An empty handle when it does not decode, and
+    /// when it is refused without being decoded (see Acceptance.h: `refusal` tells one from the other), as one of 2 GiB
+    /// and more is.
     [[nodiscard]] RefCertificate readDER(const Buffer& der) const;
     /// Appends the certificates of PEM text in order. Other text and blocks of other kinds are skipped; reading ends
-    /// silently at the first certificate block that does not decode. A block with an encryption header does not: no
+    /// silently at the first certificate block that does not decode or is refused. A block with an encryption header does not: no
     /// pass phrase is ever asked for.
     void readPem(const Buffer& pem, std::list<RefCertificate>& certificates) const;
     /// Appends the certificates of DER or PEM bytes (DER when the first byte is 0x30).

@@ -68,6 +68,7 @@ private:
     mutable DistinguishedName m_issuer;
     mutable std::list<RefExtension> m_extensions;
     mutable RefAuthorityKeyIdentifier m_authorityKeyIdentifier;
+    mutable bool m_withoutAuthorityKey = false;
 };
 
 /// The body of a list: owns or borrows one OpenSSL `X509_CRL`. Use it through `RefCertificateRevocationList`. What the

@@ -42,8 +42,8 @@ class NORVCRYPTO_EXPORT CrossCertificatePair : public RefImpl, private NonCopyab
 public:
     /// No pair: `decoded()` is false and both certificates are empty handles.
     CrossCertificatePair();
-    /// Decodes the pair at the start of `der`; bytes after it are ignored. When the bytes are none, this is as the one
-    /// above, and OpenSSL's error queue is left as it was.
+    /// Decodes the pair at the start of `der`; bytes after it are ignored. When the bytes are none, or one of the two
+    /// certificates is refused (see Acceptance.h), this is as the one above, and OpenSSL's error queue is left as it was.
     explicit CrossCertificatePair(const Buffer& der);
     ~CrossCertificatePair() override;
 

@@ -16,12 +16,15 @@
 /// }
 /// \endcode
 ///
-/// How the library reports failure: nothing returns an error code. Every failure is thrown as a `Norvane::Exception`
-/// (or its subclass `MediaException`) with a where-text, a code (4 for a failed OpenSSL operation, bad input or a
-/// failed construction; 1 for a null handle or a failed cast), the source module and the line. Where an OpenSSL call
-/// failed, a string parameter carries OpenSSL's errors in the form of `getErrString()`, and the calling thread's error
-/// queue is empty afterwards; an exception without such a text leaves the queue as it is. A failure that another one
-/// caused carries that one as its cause.
+/// How the library reports failure: it is thrown as a `Norvane::Exception` (or its subclasses `MediaException` and
+/// `SocketException`) with a where-text, a code (4 for a failed operation, bad input or a failed construction; 1 for a
+/// null handle, a failed cast or a socket that is not connected), the source module and the line. Where an OpenSSL call
+/// failed, a string parameter carries OpenSSL's errors in the form of `getErrString()`, or, where the parameters are fixed,
+/// as on TLS sockets, the cause does; the calling thread's error queue is empty afterwards. An exception without any
+/// parameter leaves the queue as it is. A failure that another one caused carries that one as its cause.
+///
+/// What answers instead of throwing says so where it is declared: tests and look-ups, readers that give an empty handle,
+/// `norvSSL_CTX::init`, which always answers 0, and a TLS socket's `send`, which answers 0 for some failures.
 
 #include <norvcrypto/Export.h>
 #include <norvcrypto/NorvRefcounted>

@@ -40,6 +40,7 @@
 #include <norvcrypto/detail/MaybeOwned.h>
 
 #include <list>
+#include <memory>
 
 struct AUTHORITY_KEYID_st;
 struct BASIC_CONSTRAINTS_st;
@@ -100,12 +101,16 @@ public:
     [[nodiscard]] const GENERAL_NAME_st* object() const noexcept { return m_name; }
 
 private:
+    class Kept;
+    template <class Value> class KeptAs;
+    /// The kept value, which is of the class that goes with the type of the entry; null when none is kept.
+    template <class Value> [[nodiscard]] const Value* kept() const noexcept;
+    template <class Value> const Value& keep(Value value) const;
+
     const GENERAL_NAME_st* m_name;
     mutable int m_type = -1;
-    mutable DistinguishedName m_dn;
-    mutable Uri m_uri;
-    mutable IPAddress m_ipAddress;
-    mutable EmailAddress m_emailAddress;
+    /// One value, since an entry is of one type: a certificate may hold half a million names of two octets each.
+    mutable std::unique_ptr<Kept> m_value;
 };
 
 /// Any extension; the base of the typed ones.

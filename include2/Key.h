@@ -24,6 +24,7 @@
 /// A filled key may be read by several threads at once; reading into a key, and writing one, is not synchronised.
 
 #include <norvcmsg/Buffer.h>
+#include <norvcmsg/Exception.h>
 #include <norvcrypto/Export.h>
 #include <norvcrypto/NorvRefcounted>
 
@@ -32,6 +33,27 @@
 struct evp_pkey_st;
 
 namespace Norvane::Crypto {
+
+/// Thrown in place of a plain `Exception`, with the same where-text, code and line, when a private key or a PKCS#12 file
+/// is refused for what it would cost to open or decode it. The string parameter says what that is. It is not damaged
+/// then, and nothing is known of whether the passphrase is right:
+///
+/// \code
+/// try {
+///     key->readPEM(pem, passphrase);
+/// } catch (const Norvane::Crypto::TooCostlyException& refused) {
+///     // made by somebody who wants to keep us busy, or with a number of iterations that nobody needs
+/// } catch (const Norvane::Exception& failure) {
+///     // no key, a damaged one, a wrong passphrase
+/// }
+/// \endcode
+class NORVCRYPTO_EXPORT TooCostlyException : public Exception {
+public:
+    using Exception::Exception;
+    TooCostlyException(const TooCostlyException& other) noexcept;
+    TooCostlyException& operator=(const TooCostlyException& other) noexcept;
+    ~TooCostlyException() override;
+};
 
 /// What public and private keys share. A key that holds no `EVP_PKEY` is empty.
 class NORVCRYPTO_EXPORT Key : public virtual RefImpl {
@@ -79,11 +101,13 @@ public:
     ~PublicKey() override;
 
     /// \throws Exception "Crypto::PublicKey::read", line 217, "Could not decode the public key:  " and OpenSSL's
-    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes
+    /// errors; "Crypto::MemoryBIO" for more than 2147483647 bytes. A text with a key that is refused (see Acceptance.h) in
+    /// any of its blocks is refused, with "refused: " and the reason as the last of the errors
     void readPEM(const Buffer& in) override;
     /// \throws Exception as above
     void readPEM(const Buffer& in, const std::string& passphrase) override;
-    /// \throws Exception "Crypto::PublicKey::read", line 241; "Crypto::MemoryBIO" for more than 2147483647 bytes
+    /// \throws Exception "Crypto::PublicKey::read", line 241; "Crypto::MemoryBIO" for more than 2147483647 bytes. A key
+    /// that is refused (see Acceptance.h) as in `readPEM`
     void read(const Buffer& in, bool base64) override;
     /// Deliberate: throws on success, so that it never returns a PEM text. An empty key, which OpenSSL cannot write, is
     /// the case in which it returns, with `out` empty. Use `write` and PEM-encode its DER instead. The passphrase is
@@ -96,6 +120,11 @@ public:
 };
 
 /// A private key. Its PEM and DER forms, and every buffer through which they pass, are wiped when they go.
+///
+/// Every read refuses, as a `TooCostlyException` and before anything is decoded: keys of more than 16,384 bytes; a number
+/// of more than 16,384 bits in an RSA key or 10,000 in any other (OpenSSL raises numbers of that length to powers as soon
+/// as it meets a DSA or DH key); and encrypted keys for which the passphrase would have to be hashed more than 50,000,000
+/// times. Usual programs hash it 2,000 to 4,000,000 times.
 class NORVCRYPTO_EXPORT PrivateKey : public Key {
 public:
     /// \param keyData an `EVP_PKEY*`, which this key owns from now on, or null for an empty key
@@ -111,6 +140,12 @@ public:
     /// \throws Exception "Crypto::PrivateKey::read", line 112: the bytes are no private key; line 105, without a
     /// detail: OpenSSL could not make its source, or `in` is longer than 2147483647 bytes
     void read(const Buffer& in, bool base64) override;
+    /// Reads what `readPEM` and `read` read, and encrypted PKCS#8 in DER (RFC 5958) too, without ever asking anybody for
+    /// a passphrase: for servers. Other than for `readPEM`, an empty passphrase is one.
+    /// \param in PEM when "-----BEGIN " stands in it, DER otherwise
+    /// \param passphrase at most 1024 bytes as they are; null: none, so that encrypted keys fail
+    /// \throws Exception as `readPEM` does for PEM, and as `read` does for DER
+    void readUnattended(const Buffer& in, const Buffer* passphrase);
     /// Writes PKCS#8, always encrypted with DES-EDE3-CBC: under `passphrase` (RFC 8018, PBES2), or under the empty
     /// password when it is empty. That empty password protects nothing: anyone can open it, and `readPEM` with an empty
     /// passphrase prompts for it. Of a passphrase OpenSSL uses the first 1024 bytes; one with an embedded NUL, at which

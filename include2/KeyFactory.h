@@ -17,7 +17,7 @@
 
 namespace Norvane::Crypto {
 
-/// Generates keys; holds nothing, so that one generator may serve several threads.
+/// Generates keys; holds nothing, so that several threads may use one generator.
 class NORVCRYPTO_EXPORT KeyGenerator {
 public:
     KeyGenerator();

@@ -34,6 +34,16 @@
 /// On both, server sides send no session tickets, a read never retries behind the caller's back (SSL_MODE_AUTO_RETRY is
 /// off), and what else is not said here is OpenSSL's default for the machine, its configuration file included.
 ///
+/// Peers may be hostile long before anybody knows who they are, so that both bound what one may cost:
+/// - Certificates that come to more than 65,536 bytes in all end the handshake ("excessive message size"), where OpenSSL
+///   takes 102,400; so does a longer list of names in a certificate request. SSL_CTX_set_max_cert_list changes it.
+/// - `refuseCostlyMessages` stands as the message callback of the context.
+/// - Contexts that a `ContextFactory` makes for `SSL_V23` agree on nothing below TLS 1.2, at whatever security level and
+///   without a word in the machine's configuration file; where that asks for more, it is obeyed.
+///   SSL_CTX_set_min_proto_version changes it. The versions of the appliance-wide context are the platform's alone.
+/// - A server refuses renegotiation that the client begins, which is OpenSSL's default. A client takes part in what the
+///   server begins; SSL_OP_NO_RENEGOTIATION ends that.
+///
 /// Failures are `Exception`s of code 4 and source module "NorvSSL"; where-text and line stand with each operation.
 ///
 /// Threads: set a context up in one thread; from then on it may be shared by any number of connections and threads.
@@ -43,6 +53,7 @@
 #include <norvcrypto/Key.h>
 #include <norvcrypto/NorvRefcounted>
 
+#include <cstddef>
 #include <list>
 
 struct ssl_ctx_st;
@@ -110,6 +121,21 @@ extern template class Ref<Crypto::NVSSL::Context>;
 
 namespace Norvane::Crypto::NVSSL {
 
+/// Ends a connection over what a peer sends to keep this side busy: a certificate that would cost too much to decode
+/// (OpenSSL decodes all that come, keys and extensions included, before anything can be asked about them), or more
+/// messages after the handshake than the data is worth: key updates and session tickets (RFC 8446, 4.6) count once, the
+/// handshakes of a server that renegotiates four times, and 64 are free, then one for each 4,096 bytes received. The
+/// failure is a handshake's, or that of `receive`, with the reason in front of OpenSSL's errors.
+///
+/// All contexts that this library makes have it as their message callback. A program that installs one of its own there
+/// (SSL_CTX_set_msg_callback, SSL_set_msg_callback) takes its place, and must call it first, with the arguments that it
+/// was given; it may also give it to a context that it made itself. It throws nothing, looks at nothing but handshake
+/// messages of TLS that came in, and makes a refused one malformed in place.
+/// \param isWritten 0 for what was received \param contentType, bytes, length as OpenSSL hands them in
+/// \param connection may be null, nothing is done then
+NORVCRYPTO_EXPORT void refuseCostlyMessages(int isWritten, int version, int contentType, const void* bytes,
+                                            std::size_t length, ssl_st* connection, void* argument) noexcept;
+
 /// A handle on a context.
 class NORVCRYPTO_EXPORT RefContext : public Ref<Context> {
 public:
@@ -135,7 +161,7 @@ public:
         SSL_V3 = 2, ///< SSL 3, which the installed OpenSSL may lack: `create` then fails
         TLS_V1 = 3, ///< TLS 1.0 and nothing else, at security level 0, without which it cannot shake hands; broken, for
                     ///< peers that know nothing better
-        SSL_V23 = 4 ///< what both sides know best, TLS 1.3 included
+        SSL_V23 = 4 ///< what both sides know best, TLS 1.3 included and nothing below TLS 1.2
     };
 
     ContextFactory();
@@ -146,7 +172,8 @@ public:
     /// Starts OpenSSL's TLS layer and loads its error texts. Call it before the first `create`; again is harmless.
     void init();
 
-    /// A new context without key, certificate, verify mode, trusted certificates or callbacks.
+    /// A new context without key, certificate, verify mode, trusted certificates or callbacks of
+    /// the program's; what bounds the cost of peers is set.
     /// \param client true: for connections that this program opens; false: for those that it accepts
     /// \throws Exception "virtual Norvane::Crypto::NVSSL::RefContext
     ///         Norvane::Crypto::NVSSL::ContextFactory::create(Norvane::Crypto::NVSSL::ContextFactory::Method, bool)":
@@ -173,7 +200,7 @@ namespace Norvane {
 /// on file; an issuer without a list passes. Deliberate: the outcome never ends a handshake. It is left for whoever
 /// uses the connection to read, with SSL_get_verify_result and SSL_get_peer_certificate.
 ///
-/// `init` runs once at start-up, before other threads use OpenSSL; `norvSSL_new` may be called from any thread then.
+/// `init` runs once at start-up, before other threads use the shared context; `norvSSL_new` may be called from any thread then.
 class NORVCRYPTO_EXPORT norvSSL_CTX {
 public:
     /// The side of the shared context. Both present the same identity.
@@ -184,7 +211,8 @@ public:
 
     norvSSL_CTX() = delete;
 
-    /// Installs OpenSSL's threading hooks and builds the shared context; the protocol versions are those that the
+    /// Offers OpenSSL a new set of locks, as it needed before release 1.1 (the installed one locks by itself and ignores
+    /// them: threads need no call of this), and builds the shared context; the protocol versions are those that the
     /// platform's `ssl_version_options` leaves (our own: TLS 1.2 and 1.3). Returns 0 in every case and throws nothing:
     /// `norvSSL_new` tells. The reasons of a failure are then in the OpenSSL queue of this thread, for
     /// `Norvane::Crypto::getErrString`.

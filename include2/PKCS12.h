@@ -22,7 +22,8 @@
 /// Keys of every kind that OpenSSL knows are imported (RSA, EC, DSA, Ed25519, ...). Further certificates in the file,
 /// a chain to its authority for instance, are ignored.
 ///
-/// Every failure is an `Exception` of code 4 and source module "PKCS12". One object is used by one thread at a time.
+/// Every failure is an `Exception` of code 4 and source module "PKCS12"; a `TooCostlyException` (Key.h) where opening the
+/// file was refused for what it would cost. One object is used by one thread at a time.
 
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Export.h>
@@ -68,9 +69,19 @@ public:
     /// \throws Exception "Crypto::PKCS12::read - parsing error.", line 67, OpenSSL's errors: the contents cannot be
     /// decrypted or decoded
     ///
-    /// \throws Exception "Crypto::PKCS12::read", the line of the throw, and the reason: there is no structure; or its
-    /// iteration counts add up to more than 20,000,000, which a hostile file can drive to hours (usual ones ask for
-    /// 2,000 to 1,000,000 each). The count of the MAC is looked at by itself, before the password.
+    /// \throws Exception "Crypto::PKCS12::read", the line of the throw: there is no structure
+    ///
+    /// \throws TooCostlyException likewise, and the reason: the file asks for more than 50,000,000 hash computations in all
+    /// (its maker chooses how often the password is hashed, and a hostile file can drive that to hours), or holds a private
+    /// key (see `PrivateKey`) or certificates that cost too much to decode. Refused before it is worked on, and a MAC that
+    /// asks for so many before the password is checked: nothing is known of the password then.
+    ///
+    /// How that is counted: an iteration of the MAC is one hash computation; one of PKCS#12's old schemes one for each
+    /// block of the hash that the key and the IV fill, three for 3DES; one of PBKDF2 two for each block of the key; scrypt
+    /// takes four times the product of its numbers. Hashes other than SHA-1, SHA-2, MD4 and MD5 count eightfold. Key,
+    /// certificates and MAC with 1,000,000 iterations each come to 5,000,000 or 7,000,000, and 10,000,000 each under
+    /// AES-256 and SHA-256 are just let through. A number of iterations below 1 or beyond 2^31 - 1 is refused too. Of
+    /// several keys only the first is decrypted, and counts.
     void read(const std::string& password);
 
     /// The private key; an empty handle before `read`, and when the file holds none. The handle owns it.

@@ -35,16 +35,21 @@
 /// SSL_get_peer_certificate are what counts. Neither compares the host name: X509_check_host does.
 ///
 /// Failures are `SocketException`s with the where-text "SocketException" and `Exception`s with that of the operation,
-/// source module "SSLSocket", code 4 where nothing else is said; what plain sockets throw comes as it is. Those without
-/// OpenSSL's errors leave them in the thread's queue, for `getErrString` to tell the reason. A peer that goes away
-/// never ends the process: nothing that is written here raises SIGPIPE.
+/// source module "SSLSocket", code 4 where nothing else is said; what plain sockets throw comes as it is. Where the
+/// parameters are fixed, OpenSSL's errors are those of the cause (where-text "OpenSSL", code 4), which `asString` tells as
+/// well; there is none when OpenSSL told none. The thread's error queue is empty after each of them: a later failure does
+/// not tell the reasons of this one. A peer that goes away never ends the process: nothing that is written here raises
+/// SIGPIPE.
 ///
 /// Waiting. A blocking socket waits for as long as the peer takes, or up to its `timeLimit` each time the peer has to
 /// do something; in `accept` it is the listening socket's limit that holds for the handshake. Without a limit, a peer
 /// that connects and says nothing keeps `accept` for ever, and with one, a peer that says a byte at a time keeps it for
-/// long: accept in threads of their own. Deliberate: on a non-blocking socket a handshake, and a
+/// long: accept in threads of their own. What a peer can send without any data in it is bounded (`refuseCostlyMessages`),
+/// so that it cannot keep `receive` busy without end, but the limit begins anew with each thing that comes: a program that
+/// wants an answer within a time shuts the socket down from another thread. Deliberate: on a non-blocking socket a handshake, and a
 /// `send` that the system does not take, is tried again at once and without end, which keeps the processor busy: shake
-/// hands and send large pieces in blocking mode.
+/// hands and send large pieces in blocking mode. A descriptor that the program made non-blocking by itself, while
+/// `isBlocking` is true, is waited for all the same in `send` and `receive`.
 ///
 /// Threads: a context may be shared by sockets of many threads. On one socket `send` and `receive` exclude each other:
 /// a thread that waits in `receive` keeps the other from sending. Connecting, accepting and destruction take no lock.
@@ -98,13 +103,15 @@ public:
     /// \throws SocketException line 76, "SSL_set_fd failed"; line 97, "SSL_connect failed"; or as `SocketImpl::connect`
     void connect(const SocketAddress& address) override;
     /// Receives what has arrived, up to `length` bytes. \return the number of bytes; 0 at the end of the stream, each
-    /// time, with `errno` 0; 0 when a non-blocking socket has nothing, with `errno` `EAGAIN`; 0 when `length` is 0 or
+    /// time, with `errno` 0; 0 when a non-blocking socket has nothing, or cannot write what TLS has
+    /// to answer, with `errno` `EAGAIN`; 0 when `length` is 0 or
     /// 2147483648 and more
     ///
     /// The end is the peer's close notify, or just that of the plain connection, which anyone on the way could have
     /// cut: after the latter, SSL_get_shutdown lacks SSL_RECEIVED_SHUTDOWN. Deliberate: an alert with which the peer
     /// gave up the connection (a TLS 1.3 server that wants another client certificate sends one after the handshake)
-    /// reads as the end too; its text is then in the OpenSSL queue, which is empty after the other two.
+    /// reads as the end too; its text is then in the OpenSSL queue, which is empty after the other two. Take it out with
+    /// `getErrString`, or a later failure of the thread may tell it as its own.
     ///
     /// Deliberate: the wait looks at the plain connection alone. Bytes of a TLS record that were decrypted and did not
     /// fit into `buffer` do not end it, so that a blocking call may wait for ever with bytes at hand. With a `buffer`
@@ -112,7 +119,7 @@ public:
     /// \throws SocketException line 212, code 1: not connected; line 249, "virtual int
     ///         Norvane::Crypto::NVSSL::SSLSocketImpl::receive(Norvane::uchar_t*, Norvane::uint_t)" and the number of
     ///         the SSL error: 1 (SSL_ERROR_SSL), what came is no TLS of this connection; 5 (SSL_ERROR_SYSCALL), the
-    ///         connection was reset or failed before; or as `SocketImpl::readable`
+    ///         connection was reset or failed before; or as `SocketImpl::readable` and `SocketImpl::writable`
     int receive(uchar_t* buffer, uint_t length) override;
 
     /// The connection, which stays this body's; null until the plain connection was made.

@@ -35,7 +35,7 @@ const RefCertificate& certificateOf(RefCertificate& cache, const openssl::Certif
 CrossCertificatePair::CrossCertificatePair() = default;
 
 CrossCertificatePair::CrossCertificatePair(const Buffer& der) {
-    if (auto* pair = openssl::decode<openssl::decodeCertificatePair>(der.data(), der.length())) {
+    if (auto* pair = openssl::decodeAccepted<openssl::decodeCertificatePair>(der.data(), der.length())) {
         m_pair = decltype(m_pair)::adopt(pair);
     }
 }

@@ -1,6 +1,7 @@
 #include "failures/Raise.h"
 #include "openssl/Bios.h"
 #include "openssl/KeyCoding.h"
+#include "openssl/Pem.h"
 
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Key.h>
@@ -10,6 +11,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace Norvane {
@@ -54,6 +57,34 @@ void takeDer(MemoryBIO& source, Buffer& out, bool base64) {
     out.protect();
 }
 
+constexpr std::string_view pemPrefix = "Could not decode the private key:  ";
+
+/// The key that was read; throws when there is none.
+EVP_PKEY* take(openssl::PrivateKeyReading reading, const failures::Failure& failure, std::string_view prefix = "") {
+    if (!reading.refusal.empty()) {
+        failures::raise<TooCostlyException>(failure, std::string(prefix) + reading.refusal);
+    }
+    if (!reading.key) {
+        failures::raiseWithErrors(failure, prefix);
+    }
+    return reading.key.release();
+}
+
+/// Answers OpenSSL's question for a passphrase with the buffer that `data` is; without one there is no answer.
+int answerPassphrase(char* out, int size, int /*forWriting*/, void* data) {
+    const auto* passphrase = static_cast<const Buffer*>(data);
+    if (passphrase == nullptr || passphrase->length() > static_cast<unsigned int>(size)) {
+        return -1;
+    }
+    std::copy_n(passphrase->data(), passphrase->length(), out);
+    return static_cast<int>(passphrase->length());
+}
+
+bool isPem(const Buffer& in) {
+    return std::string_view(reinterpret_cast<const char*>(in.data()), in.length()).find("-----BEGIN ") !=
+           std::string_view::npos;
+}
+
 using WriteDer = bool (*)(BIO*, EVP_PKEY*);
 
 /// Both kinds of `write`: a failure inside, the memory BIO's included, becomes the cause of the `outer` one.
@@ -72,6 +103,10 @@ void writeDer(const Key& key, Buffer& out, bool base64, WriteDer encode, const f
 }
 
 } // namespace
+
+TooCostlyException::TooCostlyException(const TooCostlyException& other) noexcept = default;
+TooCostlyException& TooCostlyException::operator=(const TooCostlyException& other) noexcept = default;
+TooCostlyException::~TooCostlyException() = default;
 
 Key::Key(void* keyData) : m_keyData(keyData) {}
 
@@ -98,7 +133,10 @@ void PublicKey::readPEM(const Buffer& in) {
 
 void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
     MemoryBIO source(in);
-    openssl::KeyPtr key = openssl::readPublicPem(source, passphrase);
+    // Of all blocks: the reader tries one after the other.
+    const openssl::Refusal refusal = openssl::pemRefusalOf(in.data(), in.length());
+    openssl::KeyPtr key =
+        openssl::isAccepted("PEM_read_bio_PUBKEY", refusal) ? openssl::readPublicPem(source, passphrase) : nullptr;
     if (!key) {
         failures::raiseWithErrors(failures::publicKeyReadPem, "Could not decode the public key:  ");
     }
@@ -107,7 +145,7 @@ void PublicKey::readPEM(const Buffer& in, const std::string& passphrase) {
 
 void PublicKey::read(const Buffer& in, bool base64) {
     MemoryBIO source(decodedDer(in, base64));
-    openssl::KeyPtr key(d2i_PUBKEY_bio(source, nullptr));
+    openssl::KeyPtr key = openssl::readPublicDer(source);
     if (!key) {
         failures::raiseWithErrors(failures::publicKeyRead);
     }
@@ -150,11 +188,7 @@ void PrivateKey::readPEM(const Buffer& in) {
 void PrivateKey::readPEM(const Buffer& in, const std::string& passphrase) {
     MemoryBIO source(in);
     source.protect();
-    openssl::KeyPtr key = openssl::readPrivatePem(source, passphrase);
-    if (!key) {
-        failures::raiseWithErrors(failures::privateKeyReadPem, "Could not decode the private key:  ");
-    }
-    keyData(key.release());
+    keyData(take(openssl::readPrivatePem(source, passphrase), failures::privateKeyReadPem, pemPrefix));
 }
 
 void PrivateKey::read(const Buffer& in, bool base64) {
@@ -165,12 +199,20 @@ void PrivateKey::read(const Buffer& in, bool base64) {
     if (!source) {
         failures::raise(failures::privateKeyReadSource);
     }
-    openssl::KeyPtr key(d2i_PrivateKey_bio(source.get(), nullptr));
-    source.reset();
-    if (!key) {
-        failures::raiseWithErrors(failures::privateKeyRead);
+    keyData(take(openssl::readPrivateDer(der.data(), in.length(), source.get()), failures::privateKeyRead));
+}
+
+void PrivateKey::readUnattended(const Buffer& in, const Buffer* passphrase) {
+    const openssl::PassphraseSource answer{answerPassphrase, const_cast<Buffer*>(passphrase)};
+    if (isPem(in)) {
+        MemoryBIO source(in);
+        source.protect();
+        keyData(take(openssl::readPrivatePem(source, answer), failures::privateKeyReadPem, pemPrefix));
+    } else if (openssl::isEncryptedDer(in.data(), in.length())) {
+        keyData(take(openssl::readEncryptedDer(in.data(), in.length(), answer), failures::privateKeyRead));
+    } else {
+        read(in, false);
     }
-    keyData(key.release());
 }
 
 void PrivateKey::writePEM(Buffer& out, const std::string& passphrase) {

@@ -2,7 +2,6 @@
 
 #include "failures/Raise.h"
 #include "openssl/Pkcs12.h"
-#include "openssl/Pkcs12Work.h"
 #include "openssl/TrueCountBio.h"
 
 #include <memory>
@@ -20,11 +19,6 @@ RefKey handleOn(openssl::KeyPtr key) {
     auto body = std::make_unique<PrivateKey>(key.get());
     static_cast<void>(key.release());
     return RefKey(body.release());
-}
-
-[[noreturn]] void raiseTooCostly() {
-    failures::raise(failures::pkcs12Read, "The PKCS#12 structure asks for more than " +
-                                              std::to_string(openssl::mostIterations) + " iterations");
 }
 
 } // namespace
@@ -46,19 +40,23 @@ void Store::read(const std::string& password) {
     if (!m_p12) {
         failures::raise(failures::pkcs12Read, "The store holds no PKCS#12 structure");
     }
-    if (!openssl::isMacAffordable(m_p12.get())) {
-        raiseTooCostly();
+    // One sum for the whole file: each part of it is paid for before it is opened.
+    openssl::DerivationWork work;
+    openssl::addMac(m_p12.get(), work);
+    if (!work.isAffordable()) {
+        failures::raise<TooCostlyException>(failures::pkcs12Read, openssl::tooManyHashes("The PKCS#12 structure"));
     }
     if (!openssl::verifyPassword(m_p12.get(), password)) {
         failures::raiseWithErrors(failures::pkcs12Password);
     }
-    if (!openssl::isContentAffordable(m_p12.get(), password)) {
-        raiseTooCostly();
+    openssl::Pkcs12Opening opening = openssl::openPkcs12(m_p12.get(), password, work);
+    if (!opening.refusal.empty()) {
+        failures::raise<TooCostlyException>(failures::pkcs12Read, opening.refusal);
     }
-    openssl::Identity found;
-    if (!openssl::parsePkcs12(m_p12.get(), password, found)) {
+    if (!opening.succeeded) {
         failures::raiseWithErrors(failures::pkcs12Parse);
     }
+    openssl::Identity& found = opening.found;
     const RefKey key = handleOn(std::move(found.key));
     const NVX509::RefCertificate certificate =
         found.certificate ? NVX509::CertificateFactory()(found.certificate.get(), false) : NVX509::RefCertificate();

@@ -34,12 +34,27 @@ detail::FileDescriptor openFile(const char* where, const std::string& path, int 
     return detail::FileDescriptor(descriptor);
 }
 
+/// The memory of a stream. Keys and passphrases pass through it like anything else, and a stream cannot tell: what was
+/// in it is wiped before the memory goes.
+class StreamBuffer {
+public:
+    StreamBuffer() : m_bytes(bufferSize) {}
+    ~StreamBuffer() { ::explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    StreamBuffer(const StreamBuffer&) = delete;
+    StreamBuffer& operator=(const StreamBuffer&) = delete;
+
+    [[nodiscard]] unsigned char* data() noexcept { return m_bytes.data(); }
+    [[nodiscard]] const unsigned char* data() const noexcept { return m_bytes.data(); }
+
+private:
+    std::vector<unsigned char> m_bytes;
+};
+
 class FileMediaInImpl : public MediaInImpl {
 public:
     explicit FileMediaInImpl(const File::Path& path)
         : m_path(path.asString()),
-          m_file(openFile("FileMediaIn", m_path, O_RDONLY, 0)),
-          m_buffer(bufferSize) {
+          m_file(openFile("FileMediaIn", m_path, O_RDONLY, 0)) {
         struct stat status {};
         if (::fstat(m_file.get(), &status) != 0) {
             detail::throwMediaErrno("FileMediaIn", "FileMedia", m_path, errno);
@@ -56,7 +71,7 @@ public:
             tellError();
             return -1;
         }
-        return m_buffer[m_next];
+        return m_buffer.data()[m_next];
     }
 
     using MediaInImpl::read;
@@ -134,7 +149,7 @@ private:
 
     std::string m_path;
     detail::FileDescriptor m_file;
-    mutable std::vector<unsigned char> m_buffer;
+    mutable StreamBuffer m_buffer;
     mutable unsigned int m_next = 0;
     mutable unsigned int m_held = 0;
     mutable int m_error = 0;
@@ -144,26 +159,25 @@ class FileMediaOutImpl : public MediaOutImpl {
 public:
     FileMediaOutImpl(const File::Path& path, unsigned int permissions)
         : m_path(path.asString()),
-          m_file(openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {
-        m_held.reserve(bufferSize);
-    }
+          m_file(openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {}
 
     ~FileMediaOutImpl() override {
         if (m_file.isOpen() && m_error == 0) {
-            static_cast<void>(detail::writeAll(m_file.get(), m_held.data(), heldLength()));
+            static_cast<void>(detail::writeAll(m_file.get(), m_buffer.data(), m_held));
         }
     }
 
     using MediaOutImpl::write;
     void write(const unsigned char* data, unsigned int length) override {
         requireUsable("FileMediaOut::write");
-        if (length > bufferSize - heldLength()) {
+        if (length > bufferSize - m_held) {
             flush("FileMediaOut::write");
         }
         if (length >= bufferSize) {
             writeFile("FileMediaOut::write", data, length);
         } else {
-            m_held.insert(m_held.end(), data, data + length);
+            std::copy_n(data, length, m_buffer.data() + m_held);
+            m_held += length;
         }
     }
 
@@ -180,7 +194,7 @@ public:
         }
     }
 
-    [[nodiscard]] unsigned long tell() const override { return m_position + heldLength(); }
+    [[nodiscard]] unsigned long tell() const override { return m_position + m_held; }
 
     void setpos(unsigned long position) override {
         requireUsable("FileMediaOut::setpos");
@@ -192,8 +206,6 @@ public:
     }
 
 private:
-    [[nodiscard]] unsigned int heldLength() const noexcept { return static_cast<unsigned int>(m_held.size()); }
-
     /// Throws when the file is closed, or once a write failed: bytes are missing then, so none may follow.
     void requireUsable(const char* where) const {
         if (!m_file.isOpen()) {
@@ -205,8 +217,8 @@ private:
     }
 
     void flush(const char* where) {
-        writeFile(where, m_held.data(), heldLength());
-        m_held.clear();
+        writeFile(where, m_buffer.data(), m_held);
+        m_held = 0;
     }
 
     void writeFile(const char* where, const unsigned char* data, unsigned int length) {
@@ -220,7 +232,8 @@ private:
 
     std::string m_path;
     detail::FileDescriptor m_file;
-    std::vector<unsigned char> m_held;
+    StreamBuffer m_buffer;
+    unsigned int m_held = 0;
     unsigned long m_position = 0; // of the first held byte
     int m_error = 0;              // of the first write that failed
 };

@@ -1,11 +1,10 @@
 #include <norvcrypto/Certificate.h>
 
+#include "Certificate/Writing.h"
+#include "openssl/Acceptance.h"
 #include "openssl/CertificateFields.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
-#include "openssl/StreamExceptions.h"
-
-#include <norvcrypto/BIOMediaImpl.h>
 
 #include <openssl/pem.h>
 
@@ -21,7 +20,7 @@ namespace Norvane::Crypto::NVX509 {
 
 Mutex Certificate::m_Mutex;
 
-Certificate::Certificate(x509_st* x509) : m_x509(x509) {
+Certificate::Certificate(x509_st* x509) : m_x509(openssl::hasTooManyRelativePoints(x509) ? nullptr : x509) {
     openssl::cacheExtensions(m_x509);
 }
 
@@ -137,21 +136,11 @@ bool Certificate::issuedBy(const RefCertificate& issuingCertificate, bool checkK
 }
 
 void Certificate::writeDER(MediaOut& out) {
-    if (m_x509 == nullptr) {
-        return;
-    }
-    const openssl::ErrorMark mark;
-    BIOMediaOut adapter(out);
-    openssl::rethrowingStreamErrors(adapter, [&] { return i2d_X509_bio(adapter, m_x509); });
+    writeTo<X509>(out, m_x509, i2d_X509_bio);
 }
 
 void Certificate::writePEM(MediaOut& out) {
-    if (m_x509 == nullptr) {
-        return;
-    }
-    const openssl::ErrorMark mark;
-    BIOMediaOut adapter(out);
-    openssl::rethrowingStreamErrors(adapter, [&] { return PEM_write_bio_X509(adapter, m_x509); });
+    writeTo<X509>(out, m_x509, PEM_write_bio_X509);
 }
 
 void Certificate::relinquishOwnerShip() {

@@ -25,35 +25,43 @@ RefExtension Certificate::find(const ASN1::RefObjectIdentifier& identifier) cons
     return {};
 }
 
-RefExtension Certificate::find(const char* identifier) const {
-    return find(ASN1::RefObjectIdentifier(std::string(identifier)));
+/// Whoever made the certificate chose how many extensions are searched, and `issuedBy` asks for each candidate: one that
+/// is not there is looked for once. Later calls write nothing: a warmed certificate is only read.
+RefExtension Certificate::findOnce(const char* identifier, Absent bit) const {
+    if ((m_absent & bit) != 0) {
+        return {};
+    }
+    RefExtension extension = find(ASN1::RefObjectIdentifier(std::string(identifier)));
+    if (extension.isNull()) {
+        m_absent |= bit;
+    }
+    return extension;
 }
 
-// An absent extension leaves the cache untouched, so that looking for it again writes nothing: a warmed certificate is
-// only read.
-template <class Handle> const Handle& Certificate::typedExtension(Handle& cache, const char* identifier) const {
+template <class Handle>
+const Handle& Certificate::typedExtension(Handle& cache, const char* identifier, Absent bit) const {
     return detail::fillWhenEmpty(cache, [&](auto& handle) {
-        if (const auto extension = find(identifier); !extension.isNull()) {
+        if (const auto extension = findOnce(identifier, bit); !extension.isNull()) {
             handle = extension;
         }
     });
 }
 
 const RefSubjectAlternativeName& Certificate::subjectAlternativeName() const {
-    return typedExtension(m_subjectAltName, "2.5.29.17");
+    return typedExtension(m_subjectAltName, "2.5.29.17", noAlternativeName);
 }
 
 const RefBasicConstraints& Certificate::basicConstraints() const {
-    return typedExtension(m_basicConstraints, "2.5.29.19");
+    return typedExtension(m_basicConstraints, "2.5.29.19", noConstraints);
 }
 
 const RefAuthorityKeyIdentifier& Certificate::authorityKeyIdentifier() const {
-    return typedExtension(m_authorityKeyId, "2.5.29.35");
+    return typedExtension(m_authorityKeyId, "2.5.29.35", noAuthorityKey);
 }
 
 RefCRLDistributionPoints Certificate::crlDistributionPoints() const {
     return detail::fillWhenEmpty(m_crlDistributionPoints, [this](auto& points) {
-        if (const auto extension = find("2.5.29.31"); !extension.isNull()) {
+        if (const auto extension = findOnce("2.5.29.31", noPoints); !extension.isNull()) {
             const auto& value = extension->derEncodedValue();
             points = RefCRLDistributionPoints(value->data(), value->length());
         }
@@ -67,7 +75,7 @@ const ASN1::RefOctetString& Certificate::subjectKeyIdentifier() const {
         }
         if (const auto* decoded = openssl::decodedSubjectKeyIdentifier(m_x509); decoded != nullptr) {
             identifier = ASN1::RefOctetString(decoded);
-        } else if (const auto extension = find("2.5.29.14"); !extension.isNull()) {
+        } else if (const auto extension = findOnce("2.5.29.14", noOwnKey); !extension.isNull()) {
             // The value of the extension is itself the DER of an OCTET STRING.
             const auto& value = extension->derEncodedValue();
             identifier = ASN1::RefOctetString(value->data(), value->length());

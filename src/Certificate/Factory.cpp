@@ -8,8 +8,6 @@
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/Certificate.h>
 
-#include <openssl/pem.h>
-
 #include <limits>
 #include <memory>
 
@@ -21,13 +19,15 @@ CertificateFactory::~CertificateFactory() = default;
 RefCertificate CertificateFactory::operator()(x509_st* x509, bool own) const {
     openssl::CertificatePtr taken(own ? x509 : nullptr); // taken over even if there is no memory for the body
     auto body = std::make_unique<Certificate>(x509);
-    body->m_owned = own;
-    static_cast<void>(taken.release());
+    if (body->m_x509 != nullptr) { // else the body refused it
+        body->m_owned = own;
+        static_cast<void>(taken.release());
+    }
     return RefCertificate(body.release());
 }
 
 RefCertificate CertificateFactory::readDER(const Buffer& der) const {
-    X509* x509 = openssl::decode<d2i_X509>(der.data(), der.length());
+    X509* x509 = openssl::decodeAccepted<d2i_X509>(der.data(), der.length());
     return x509 != nullptr ? operator()(x509, true) : RefCertificate();
 }
 
@@ -38,7 +38,7 @@ void CertificateFactory::readPem(const Buffer& pem, std::list<RefCertificate>& c
     const openssl::ErrorMark mark;
     MemoryBIO source(pem);
     for (;;) {
-        openssl::CertificatePtr x509(PEM_read_bio_X509(source, nullptr, openssl::refusePassphrase, nullptr));
+        openssl::CertificatePtr x509 = openssl::readCertificatePem(source);
         if (!x509) {
             return;
         }

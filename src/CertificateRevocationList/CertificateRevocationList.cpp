@@ -1,11 +1,9 @@
 #include <norvcrypto/CertificateRevocationList.h>
 
 #include "Certificate/ExtensionWarming.h"
+#include "Certificate/Writing.h"
 #include "openssl/CrlFields.h"
 #include "openssl/ErrorQueue.h"
-#include "openssl/StreamExceptions.h"
-
-#include <norvcrypto/BIOMediaImpl.h>
 
 #include <openssl/pem.h>
 
@@ -112,21 +110,11 @@ bool CertificateRevocationList::issuedBy(const RefCertificate& issuer, bool chec
 }
 
 void CertificateRevocationList::writeDER(MediaOut& out) {
-    if (m_list == nullptr) {
-        return;
-    }
-    const openssl::ErrorMark mark;
-    BIOMediaOut adapter(out);
-    openssl::rethrowingStreamErrors(adapter, [&] { return i2d_X509_CRL_bio(adapter, m_list); });
+    writeTo<X509_CRL>(out, m_list, i2d_X509_CRL_bio);
 }
 
 void CertificateRevocationList::writePEM(MediaOut& out) {
-    if (m_list == nullptr) {
-        return;
-    }
-    const openssl::ErrorMark mark;
-    BIOMediaOut adapter(out);
-    openssl::rethrowingStreamErrors(adapter, [&] { return PEM_write_bio_X509_CRL(adapter, m_list); });
+    writeTo<X509_CRL>(out, m_list, PEM_write_bio_X509_CRL);
 }
 
 void CertificateRevocationList::warm() const {

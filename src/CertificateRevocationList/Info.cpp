@@ -40,9 +40,13 @@ const RefExtension& CertificateRevocationListInfo::find(const ASN1::RefObjectIde
 
 const RefAuthorityKeyIdentifier& CertificateRevocationListInfo::authorityKeyIdentifier() const {
     return detail::fillWhenEmpty(m_authorityKeyIdentifier, [this](auto& identifier) {
-        const auto& extension = find(ASN1::RefObjectIdentifier(std::string("2.5.29.35")));
-        if (!extension.isNull()) { // otherwise nothing is written: a warmed list is only read
+        if (m_withoutAuthorityKey) {
+            return; // whoever made the list chose how many extensions would be searched; a warmed list is only read
+        }
+        if (const auto& extension = find(ASN1::RefObjectIdentifier(std::string("2.5.29.35"))); !extension.isNull()) {
             identifier = extension;
+        } else {
+            m_withoutAuthorityKey = true;
         }
     });
 }

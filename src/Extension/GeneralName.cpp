@@ -3,9 +3,11 @@
 #include "Extension/Names.h"
 #include "failures/Events.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Name.h"
 
 #include <openssl/x509v3.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -13,12 +15,10 @@ namespace Norvane::Crypto::NVX509 {
 
 namespace {
 
-/// The content octets of a string as they are, zero bytes included.
-std::string octets(const ASN1_STRING* string) {
-    const int length = ASN1_STRING_length(string);
-    return length == 0 ? std::string()
-                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                                     static_cast<std::size_t>(length));
+/// What the getters of other types answer.
+template <class Value> const Value& nothing() {
+    static const Value value{};
+    return value;
 }
 
 } // namespace
@@ -32,9 +32,36 @@ const std::list<GeneralName>& fillNames(std::list<GeneralName>& cache, const sta
     return cache;
 }
 
+class GeneralName::Kept {
+public:
+    Kept() = default;
+    virtual ~Kept() = default;
+    Kept& operator=(const Kept&) = delete;
+    [[nodiscard]] virtual std::unique_ptr<Kept> copy() const = 0;
+
+protected:
+    Kept(const Kept&) = default;
+};
+
+template <class Value> class GeneralName::KeptAs : public Kept {
+public:
+    explicit KeptAs(Value toKeep) : value(std::move(toKeep)) {}
+    [[nodiscard]] std::unique_ptr<Kept> copy() const override { return std::make_unique<KeptAs>(*this); }
+
+    const Value value;
+};
+
 GeneralName::GeneralName(const GENERAL_NAME_st* name) : m_name(name) {}
-GeneralName::GeneralName(const GeneralName& other) = default;
-GeneralName& GeneralName::operator=(const GeneralName& other) = default;
+GeneralName::GeneralName(const GeneralName& other)
+    : m_name(other.m_name),
+      m_type(other.m_type),
+      m_value(other.m_value ? other.m_value->copy() : nullptr) {}
+GeneralName& GeneralName::operator=(const GeneralName& other) {
+    m_value = other.m_value ? other.m_value->copy() : nullptr; // a copy before the old one goes: other may be this
+    m_name = other.m_name;
+    m_type = other.m_type;
+    return *this;
+}
 GeneralName::~GeneralName() = default;
 
 int GeneralName::type() const {
@@ -52,45 +79,62 @@ bool GeneralName::operator==(const GeneralName& other) const {
     return GENERAL_NAME_cmp(const_cast<GENERAL_NAME*>(m_name), const_cast<GENERAL_NAME*>(other.m_name)) == 0;
 }
 
+template <class Value> const Value* GeneralName::kept() const noexcept {
+    return m_value ? &static_cast<const KeptAs<Value>&>(*m_value).value : nullptr;
+}
+
+template <class Value> const Value& GeneralName::keep(Value value) const {
+    m_value = std::make_unique<KeptAs<Value>>(std::move(value));
+    return *kept<Value>();
+}
+
 const DistinguishedName& GeneralName::dn() const {
-    if (type() == GEN_DIRNAME && m_dn.isNull()) {
-        m_dn = DistinguishedName(m_name->d.directoryName);
+    if (type() != GEN_DIRNAME) {
+        return nothing<DistinguishedName>();
     }
-    return m_dn;
+    if (const auto* name = kept<DistinguishedName>()) {
+        return *name;
+    }
+    return m_name->d.directoryName == nullptr ? nothing<DistinguishedName>()
+                                              : keep(DistinguishedName(m_name->d.directoryName));
 }
 
 // A cache that stays empty, or as it is, is not written: threads may share a name whose getters were all called once.
 
 const Uri& GeneralName::uri() const {
-    if (type() == GEN_URI && m_uri.isNull() && m_name->d.uniformResourceIdentifier != nullptr) {
-        const std::string text = octets(m_name->d.uniformResourceIdentifier);
-        if (Uri parsed(text.data(), static_cast<unsigned int>(text.size())); !parsed.isNull()) {
-            m_uri = std::move(parsed); // nothing is written otherwise: a warmed certificate is only read
-        }
+    if (type() != GEN_URI || m_name->d.uniformResourceIdentifier == nullptr) {
+        return nothing<Uri>();
     }
-    return m_uri;
+    if (const auto* uri = kept<Uri>()) {
+        return *uri;
+    }
+    const std::string text = openssl::bytesOf(m_name->d.uniformResourceIdentifier);
+    Uri parsed(text.data(), static_cast<unsigned int>(text.size()));
+    return parsed.isNull() ? nothing<Uri>() : keep(std::move(parsed));
 }
 
 const IPAddress& GeneralName::ipAddress() const {
-    if (type() == GEN_IPADD && m_name->d.iPAddress != nullptr) {
-        if (const IPAddress address(octets(m_name->d.iPAddress)); !(address == m_ipAddress)) {
-            m_ipAddress = address;
-        }
+    if (type() != GEN_IPADD || m_name->d.iPAddress == nullptr) {
+        return nothing<IPAddress>();
     }
-    return m_ipAddress;
+    if (const auto* address = kept<IPAddress>()) {
+        return *address;
+    }
+    const IPAddress address(openssl::bytesOf(m_name->d.iPAddress));
+    return address.isNull() ? nothing<IPAddress>() : keep(address);
 }
 
 const EmailAddress& GeneralName::emailAddress() const {
-    // The name's cache is always empty for an address: each call parses, and logs, anew.
-    if (type() == GEN_EMAIL && m_name->d.rfc822Name != nullptr && m_dn.isNull()) {
-        const std::string text = octets(m_name->d.rfc822Name);
-        m_emailAddress = EmailAddress::rfc5321Parse(text, false);
-        if (m_emailAddress.isEmptyAddress()) {
-            failures::logX509(failures::X509Message::invalidAddress,
-                              "GeneralName::emailAddress: invalid address " + text);
-        }
+    if (type() != GEN_EMAIL || m_name->d.rfc822Name == nullptr) {
+        return nothing<EmailAddress>();
     }
-    return m_emailAddress;
+    // Nothing is kept for the next call: each parses, and logs, anew.
+    const std::string text = openssl::bytesOf(m_name->d.rfc822Name);
+    const EmailAddress& address = keep(EmailAddress::rfc5321Parse(text, false));
+    if (address.isEmptyAddress()) {
+        failures::logX509(failures::X509Message::invalidAddress, "GeneralName::emailAddress: invalid address " + text);
+    }
+    return address;
 }
 
 } // namespace Norvane::Crypto::NVX509

@@ -1,4 +1,5 @@
 #include "failures/Raise.h"
+#include "openssl/PeerMessages.h"
 
 #include <norvcrypto/NorvSSL.h>
 
@@ -66,6 +67,11 @@ void Context::certificatePath(const std::list<NVX509::RefCertificate>& path) {
             appendToCertificatePath(*at);
         }
     }
+}
+
+void refuseCostlyMessages(int isWritten, int /*version*/, int contentType, const void* bytes, std::size_t length,
+                          ssl_st* connection, void* /*argument*/) noexcept {
+    openssl::refuseCostlyMessage(isWritten != 0, contentType, bytes, length, connection);
 }
 
 RefContext::RefContext() = default;

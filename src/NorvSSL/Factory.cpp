@@ -43,6 +43,9 @@ RefContext ContextFactory::create(Method method, bool client) {
     if (context == nullptr) {
         failures::raiseWithErrors(failures::contextNew);
     }
+    if (protocol == openssl::Protocol::negotiated) {
+        openssl::refuseOldVersions(context.get());
+    }
     auto body = std::make_unique<Context>(context.get());
     static_cast<void>(context.release());
     return RefContext(body.release());

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <string>
 #include <utility>
 
 namespace Norvane::Crypto::NVSSL {
@@ -22,11 +23,27 @@ constexpr const char* sendText =
 constexpr const char* receiveText =
     "virtual int Norvane::Crypto::NVSSL::SSLSocketImpl::receive(Norvane::uchar_t*, Norvane::uint_t)";
 
+/// Throws a failure whose parameters are fixed, with OpenSSL's errors as its cause: they must not stay in the queue,
+/// where the next failure of the thread would tell them as its own.
+template <class E> [[noreturn]] void raiseBecauseOfOpenSsl(E exception) {
+    const std::string errors = openssl::drainErrorQueue();
+    if (!errors.empty()) {
+        exception.cause(Exception("OpenSSL", exception.code(), nullptr, 0).stringParameter(errors));
+    }
+    throw exception;
+}
+
+template <class E> [[noreturn]] void raiseWithText(const Failure& failure, const char* text) {
+    auto exception = failures::exceptionFor<E>(failure);
+    exception.stringParameter(text);
+    raiseBecauseOfOpenSsl(exception);
+}
+
 [[noreturn]] void raiseWithNumber(const Failure& failure, const char* text, int sslError) {
     auto exception = failures::exceptionFor<SocketException>(failure);
     exception.stringParameter(text);
     exception.intParameter(sslError);
-    throw exception;
+    raiseBecauseOfOpenSsl(exception);
 }
 
 void requireContext(const RefContext& context, const Failure& failure) {
@@ -44,10 +61,10 @@ void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failu
     }
     ssl = SSL_new(context);
     if (ssl == nullptr) {
-        failures::raise(noConnection, "Could not create an SSL instance.");
+        raiseWithText<Exception>(noConnection, "Could not create an SSL instance.");
     }
     if (!openssl::setDescriptor(ssl, descriptor)) {
-        failures::raise<SocketException>(noDescriptor, "SSL_set_fd failed");
+        raiseWithText<SocketException>(noDescriptor, "SSL_set_fd failed");
     }
 }
 
@@ -89,7 +106,7 @@ void SSLSocketImpl::connect(const SocketAddress& address) {
     attach(m_ssl, m_context, m_descriptor, failures::connectNew, failures::connectDescriptor);
     SSL_set_connect_state(m_ssl);
     if (!shakeHands(m_ssl, openssl::connectOnce, TimeLimit(m_descriptor, m_blocking ? timeLimit() : 0))) {
-        failures::raise<SocketException>(failures::connectHandshake, "SSL_connect failed");
+        raiseWithText<SocketException>(failures::connectHandshake, "SSL_connect failed");
     }
 }
 
@@ -127,6 +144,8 @@ int SSLSocketImpl::send(const uchar_t* data, uint_t length) {
             return sent;
         } else if (answer.error != SSL_ERROR_WANT_WRITE || limit.passed(openssl::bytesMoved(m_ssl))) {
             raiseWithNumber(failures::sendFailed, sendText, answer.error);
+        } else if (m_blocking) {
+            limit.waitToWrite();
         }
     }
     return sent;
@@ -146,10 +165,11 @@ int SSLSocketImpl::receive(uchar_t* buffer, uint_t length) {
         return 0;
     }
     const TimeLimit limit(m_descriptor, timeLimit());
+    bool mayWaitInRead = m_blocking && timeLimit() == 0;
     while (!openssl::closedByPeer(m_ssl)) {
         // The plain socket's own wait: what OpenSSL holds decrypted does not count. Where it holds nothing and there is no
-        // limit, its own read waits just so.
-        const bool readWaits = m_blocking && timeLimit() == 0 && SSL_has_pending(m_ssl) == 0;
+        // limit, its own read waits just so, unless the program made the descriptor non-blocking by itself.
+        const bool readWaits = mayWaitInRead && SSL_has_pending(m_ssl) == 0;
         while (!readWaits && !SocketImpl::readable()) {
             if (!m_blocking) {
                 errno = EAGAIN;
@@ -165,6 +185,12 @@ int SSLSocketImpl::receive(uchar_t* buffer, uint_t length) {
         }
         if (!answer.wantsIo()) {
             raiseWithNumber(failures::receiveFailed, receiveText, answer.error);
+        }
+        mayWaitInRead = false;
+        // An answer to the peer that the system does not take: what is there to be read must not end the wait.
+        if (answer.error == SSL_ERROR_WANT_WRITE && !SocketImpl::writable()) {
+            errno = EAGAIN;
+            return 0;
         }
     }
     errno = 0; // tells the end from a socket that has nothing yet

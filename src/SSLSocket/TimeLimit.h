@@ -5,12 +5,15 @@
 
 #include <norvcmsg/Types.h>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <utility>
 
 namespace Norvane::Crypto::NVSSL {
@@ -20,7 +23,7 @@ namespace Norvane::Crypto::NVSSL {
 class TimeLimit {
 public:
     /// \param milliseconds for each wait; 0: no limit
-    TimeLimit(int descriptor, uint_t milliseconds) : m_limit(milliseconds) {
+    TimeLimit(int descriptor, uint_t milliseconds) : m_descriptor(descriptor), m_limit(milliseconds) {
         if (milliseconds != 0) {
             const timeval wait{static_cast<time_t>(milliseconds / 1000),
                                static_cast<suseconds_t>(milliseconds % 1000) * 1000};
@@ -43,8 +46,21 @@ public:
         return Clock::now() - m_started >= m_limit;
     }
 
+    /// Waits until the descriptor takes bytes, or the limit is over: for a descriptor that the program made non-blocking
+    /// by itself, whose calls come back at once.
+    void waitToWrite() const {
+        pollfd polled{m_descriptor, POLLOUT, 0};
+        int left = -1;
+        if (m_limit.count() != 0) {
+            const auto rest = std::chrono::ceil<std::chrono::milliseconds>(m_started + m_limit - Clock::now()).count();
+            left = static_cast<int>(std::clamp<decltype(rest)>(rest, 0, std::numeric_limits<int>::max()));
+        }
+        ::poll(&polled, 1, left);
+    }
+
 private:
     using Clock = std::chrono::steady_clock;
+    int m_descriptor;
     std::chrono::milliseconds m_limit;
     Clock::time_point m_started;
     std::uint64_t m_moved = 0;

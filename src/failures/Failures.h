@@ -104,6 +104,11 @@ inline constexpr Failure signerEnd{"CMS::SignerMediaOutImpl::end", operationFail
 inline constexpr Failure signerWrite{"CMS::SignerMediaOutImpl::end", operationFailed, "CMSSignerMedia"};
 inline constexpr Failure signerAttach{"CMS::SignerMediaOut::attach", nullHandle, "CMSSignerMedia"};
 
+// CMSVerification
+inline constexpr Failure signatureVerifier{"CMS::SignatureVerifier::SignatureVerifier", operationFailed,
+                                           "CMSVerification"};
+inline constexpr Failure verifyEmbedded{"CMS::verifyEmbeddedSignatures", operationFailed, "CMSVerification"};
+
 // CMSEncryptionMedia
 inline constexpr const char* encrypterMediaConstructor = "CMS::EncrypterMediaOutImpl::EncrypterMediaOutImpl";
 inline constexpr Failure enveloperSetType{encrypterMediaConstructor, operationFailed, "CMSEncryptionMedia", 47};

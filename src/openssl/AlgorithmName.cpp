@@ -25,4 +25,24 @@ std::string algorithmName(const ASN1_OBJECT* identifier) {
     return nid == NID_undef ? dotted(identifier) : std::string(OBJ_nid2sn(nid)) + " (" + dotted(identifier) + ")";
 }
 
+std::string usualName(const ASN1_OBJECT* identifier) {
+    if (identifier == nullptr) {
+        return {};
+    }
+    switch (OBJ_obj2nid(identifier)) {
+    case NID_rsassaPss:
+        return "RSASSA-PSS";
+    case NID_ED25519:
+        return "Ed25519";
+    case NID_ED448:
+        return "Ed448";
+    default:
+        break;
+    }
+    const ErrorMark mark;
+    std::array<char, 256> text{};
+    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 0);
+    return length <= 0 ? std::string() : std::string(text.data());
+}
+
 } // namespace Norvane::Crypto::openssl

@@ -13,4 +13,7 @@ namespace Norvane::Crypto::openssl {
 /// Never long: what does not fit into 127 characters is cut off.
 std::string algorithmName(const ASN1_OBJECT* identifier);
 
+/// The standards' name of an algorithm where it is a usual one, else OpenSSL's long name or the digits; empty for null.
+std::string usualName(const ASN1_OBJECT* identifier);
+
 } // namespace Norvane::Crypto::openssl

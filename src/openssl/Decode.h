@@ -3,6 +3,7 @@
 /// \file
 /// Decoding of DER that may be hostile, and encoding.
 
+#include "openssl/Acceptance.h"
 #include "openssl/ErrorQueue.h"
 
 #include <norvcmsg/Buffer.h>
@@ -10,20 +11,27 @@
 #include <openssl/asn1.h>
 #include <openssl/err.h>
 
+#include <climits>
 #include <string>
 #include <utility>
 
 namespace Norvane::Crypto::openssl {
 
-/// Decodes with the `d2i_` function `Decode`. Null for no bytes and for bytes that do not decode; the error queue stays
-/// as it was. The caller owns the result.
+/// Decodes with the `d2i_` function `Decode`. Null for no bytes, for bytes that do not decode and for more than OpenSSL
+/// counts, which narrows lengths to an int on its way; the error queue stays as it was. The caller owns the result.
 template <auto Decode> [[nodiscard]] auto decode(const unsigned char* der, unsigned int length) {
     const ErrorMark mark;
     using Result = decltype(Decode(nullptr, nullptr, 0L));
-    if (der == nullptr || length == 0) {
+    if (der == nullptr || length == 0 || length > static_cast<unsigned int>(INT_MAX)) {
         return Result(nullptr);
     }
     return Decode(nullptr, &der, static_cast<long>(length));
+}
+
+/// Likewise for what holds public keys: null for what is refused, too.
+template <auto Decode> [[nodiscard]] auto decodeAccepted(const unsigned char* der, unsigned int length) {
+    using Result = decltype(Decode(nullptr, nullptr, 0L));
+    return refusalOf(der, length) == Refusal::none ? decode<Decode>(der, length) : Result(nullptr);
 }
 
 /// Makes the OpenSSL call `call()` and answers what it answers: null or false for failure. Only a failure leaves its
@@ -48,6 +56,23 @@ template <class Pointer, auto Decode> Pointer decodeFrom(BIO* source, const char
         queueError(function, ERR_LIB_ASN1, ASN1_R_NOT_ENOUGH_DATA);
     }
     return structure;
+}
+
+/// Decodes with the `d2i_` function `Decode` what is not refused; queues a refusal.
+template <auto Decode> void* decodeUnlessRefused(void** /*reused*/, const unsigned char** der, long length) {
+    return isAccepted("ASN1_d2i_bio", refusalOf(*der, static_cast<std::size_t>(length))) ? Decode(nullptr, der, length)
+                                                                                         : nullptr;
+}
+
+/// Reads one element as OpenSSL's own decoders from a source do, and sees its bytes before anything is decoded.
+template <auto Decode> auto readUnlessRefused(BIO* source, void* /*reused*/) {
+    using Result = decltype(Decode(nullptr, nullptr, 0L));
+    return static_cast<Result>(ASN1_d2i_bio(nullptr, decodeUnlessRefused<Decode>, source, nullptr));
+}
+
+/// `decodeFrom` for what holds public keys: a refusal, too, is a reason.
+template <class Pointer, auto Decode> Pointer decodeAcceptedFrom(BIO* source, const char* function) noexcept {
+    return decodeFrom<Pointer, readUnlessRefused<Decode>>(source, function);
 }
 
 /// The whole DER encoding of an integer; empty when it cannot be encoded.

@@ -1,5 +1,6 @@
 #include "openssl/KeyCoding.h"
 
+#include "openssl/Decode.h"
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/err.h>
@@ -37,8 +38,13 @@ KeyPtr readPublicPem(BIO* in, const std::string& passphrase) {
     return KeyPtr(isWhole(passphrase) ? PEM_read_bio_PUBKEY(in, nullptr, nullptr, userData(passphrase)) : nullptr);
 }
 
-KeyPtr readPrivatePem(BIO* in, const std::string& passphrase) {
-    return KeyPtr(isWhole(passphrase) ? PEM_read_bio_PrivateKey(in, nullptr, nullptr, userData(passphrase)) : nullptr);
+KeyPtr readPublicDer(BIO* in) noexcept {
+    return decodeAcceptedFrom<KeyPtr, d2i_PUBKEY>(in, "d2i_PUBKEY_bio");
+}
+
+PrivateKeyReading readPrivatePem(BIO* in, const std::string& passphrase) {
+    return isWhole(passphrase) ? readPrivatePem(in, PassphraseSource{nullptr, userData(passphrase)})
+                               : PrivateKeyReading();
 }
 
 bool writePublicPem(BIO* out, EVP_PKEY* key) {

@@ -5,6 +5,7 @@
 /// ones crash or keep silent on a null key.
 
 #include "openssl/Pointers.h"
+#include "openssl/PrivateKeys.h"
 
 #include <string>
 
@@ -13,7 +14,10 @@ namespace Norvane::Crypto::openssl {
 /// Read a PEM block; null on failure. With an empty passphrase an encrypted block makes OpenSSL prompt. Passphrases
 /// with an embedded NUL are refused: OpenSSL would use what stands before it.
 KeyPtr readPublicPem(BIO* in, const std::string& passphrase);
-KeyPtr readPrivatePem(BIO* in, const std::string& passphrase);
+PrivateKeyReading readPrivatePem(BIO* in, const std::string& passphrase);
+
+/// Decodes a SubjectPublicKeyInfo; null on failure, for one that is refused too.
+KeyPtr readPublicDer(BIO* in) noexcept;
 
 bool writePublicPem(BIO* out, EVP_PKEY* key);
 /// Writes PKCS#8 under DES-EDE3-CBC; under the empty password when the passphrase is empty.

@@ -7,15 +7,20 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 
 namespace Norvane::Crypto::openssl {
 
 namespace {
 
-std::string typeText(const ASN1_OBJECT* object) {
+/// Null for an object without one.
+const char* shortNameOf(const ASN1_OBJECT* object) {
     const int nid = OBJ_obj2nid(object);
-    const char* shortName = nid != NID_undef ? OBJ_nid2sn(nid) : nullptr;
-    if (shortName != nullptr) {
+    return nid != NID_undef ? OBJ_nid2sn(nid) : nullptr;
+}
+
+std::string typeText(const ASN1_OBJECT* object) {
+    if (const char* shortName = shortNameOf(object); shortName != nullptr) {
         return shortName;
     }
     std::array<char, 80> text{};
@@ -24,10 +29,8 @@ std::string typeText(const ASN1_OBJECT* object) {
 }
 
 std::string wholeTypeText(const ASN1_OBJECT* object) {
-    if (const int nid = OBJ_obj2nid(object); nid != NID_undef) {
-        if (const char* shortName = OBJ_nid2sn(nid); shortName != nullptr) {
-            return shortName;
-        }
+    if (const char* shortName = shortNameOf(object); shortName != nullptr) {
+        return shortName;
     }
     const int length = OBJ_obj2txt(nullptr, 0, object, 1); // the library refuses those of more than 586 octets
     if (length <= 0) {
@@ -37,13 +40,6 @@ std::string wholeTypeText(const ASN1_OBJECT* object) {
     OBJ_obj2txt(text.data(), length + 1, object, 1);
     text.pop_back();
     return text;
-}
-
-std::string bytesOf(const ASN1_STRING* string) {
-    const int length = ASN1_STRING_length(string);
-    return length == 0 ? std::string()
-                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                                     static_cast<std::size_t>(length));
 }
 
 std::string ownedText(unsigned char* bytes, int length) {
@@ -103,6 +99,13 @@ NameEntry textOf(const X509_NAME_ENTRY* entry) {
 
 } // namespace
 
+std::string bytesOf(const ASN1_STRING* string) {
+    const int length = ASN1_STRING_length(string);
+    return length == 0 ? std::string()
+                       : std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+                                     static_cast<std::size_t>(length));
+}
+
 std::vector<NameEntry> entriesOf(const X509_NAME* name) {
     const ErrorMark mark;
     std::vector<NameEntry> texts;
@@ -152,8 +155,8 @@ NamePtr copyOf(const X509_NAME* name) {
 }
 
 void appendEntry(X509_NAME* name, const std::string& type, const std::string& value) {
-    if (!mayBeIdentifier(type)) {
-        return; // as a type that OpenSSL does not know
+    if (!mayBeIdentifier(type) || value.size() > INT_MAX) {
+        return; // as a type that OpenSSL does not know; lengths it counts in int
     }
     const ErrorMark mark;
     const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());

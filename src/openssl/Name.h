@@ -10,6 +10,9 @@
 
 namespace Norvane::Crypto::openssl {
 
+/// The content octets of a string as they are, zero bytes included.
+[[nodiscard]] std::string bytesOf(const ASN1_STRING* string);
+
 /// One entry of a name as it stands: the text of its type and the bytes of its value.
 struct NameEntry {
     std::string type; ///< short name; else long name or dotted number, cut to 79 characters

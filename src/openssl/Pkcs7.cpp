@@ -71,7 +71,7 @@ std::vector<LastElement> lastElements(const unsigned char* der, std::size_t leng
 } // namespace
 
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept {
-    return decodeFrom<Pkcs7Ptr, d2i_PKCS7_bio>(source, "d2i_PKCS7_bio");
+    return decodeAcceptedFrom<Pkcs7Ptr, d2i_PKCS7>(source, "d2i_PKCS7_bio");
 }
 
 PKCS7_SIGNED* signedContent(const PKCS7* structure) noexcept {
@@ -162,11 +162,14 @@ const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept {
     return envelope == nullptr || envelope->enc_data == nullptr ? nullptr : envelope->enc_data->enc_data;
 }
 
-bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept {
-    const PKCS7_ISSUER_AND_SERIAL* name = recipient == nullptr ? nullptr : recipient->issuer_and_serial;
+bool namesCertificate(const PKCS7_ISSUER_AND_SERIAL* name, const X509* certificate) noexcept {
     return certificate != nullptr && name != nullptr &&
            X509_NAME_cmp(X509_get_issuer_name(certificate), name->issuer) == 0 &&
            ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), name->serial) == 0;
+}
+
+bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept {
+    return recipient != nullptr && namesCertificate(recipient->issuer_and_serial, certificate);
 }
 
 bool haveOneName(const PKCS7_RECIP_INFO* left, const PKCS7_RECIP_INFO* right) noexcept {

@@ -14,7 +14,8 @@
 namespace Norvane::Crypto::openssl {
 
 /// Decodes one structure from `source`, which leaves nothing in the error queue; null when the bytes are none, with the
-/// reasons in the queue: at least one, also where OpenSSL gives none (the source ended between two elements).
+/// reasons in the queue: at least one, also where OpenSSL gives none (the source ended between two elements), and the
+/// refusal where there is one.
 Pkcs7Ptr decodePkcs7(BIO* source) noexcept;
 
 /// The content of a structure of that type, else null. Null is answered for null.
@@ -48,6 +49,9 @@ std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t conten
 
 /// The encrypted content of an enveloped structure; null when there is none or `structure` is no such structure.
 const ASN1_OCTET_STRING* encryptedContent(const PKCS7* structure) noexcept;
+
+/// Whether a certificate is the one that issuer and serial number name; false for null.
+bool namesCertificate(const PKCS7_ISSUER_AND_SERIAL* name, const X509* certificate) noexcept;
 
 /// Whether a certificate is the one that a recipient is named by; false for null.
 bool namesRecipient(const X509* certificate, const PKCS7_RECIP_INFO* recipient) noexcept;

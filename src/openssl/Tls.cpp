@@ -3,6 +3,8 @@
 
 #include "openssl/Tls.h"
 
+#include "openssl/PeerMessages.h"
+
 #include <openssl/err.h>
 
 namespace Norvane::Crypto::openssl {
@@ -40,6 +42,7 @@ SslContextPtr newSslContext(Protocol protocol, Side side) {
     if (context == nullptr) {
         return context;
     }
+    boundPeers(context.get());
     SSL_CTX_clear_mode(context.get(), SSL_MODE_AUTO_RETRY);
     if (side == Side::server) {
         // A ticket that arrives after the handshake meets a client that writes, closes and never reads with a reset; in
@@ -51,6 +54,12 @@ SslContextPtr newSslContext(Protocol protocol, Side side) {
         SSL_CTX_set_security_level(context.get(), 0); // its signatures are SHA-1 and MD5, refused at any other
     }
     return context;
+}
+
+void refuseOldVersions(SSL_CTX* context) {
+    if (SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) { // the machine's configuration may ask for more
+        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+    }
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -1,4 +1,4 @@
-#include "support/Cms.h"
+#include "support/HandMadeSigners.h"
 
 #include <openssl/objects.h>
 
@@ -13,40 +13,6 @@ namespace {
 const Bytes& body() {
     static const Bytes content = bodyOf(5000);
     return content;
-}
-
-Bytes digestOf(const Bytes& content, const EVP_MD* digest = EVP_sha256()) {
-    Bytes value(static_cast<std::size_t>(EVP_MD_get_size(digest)));
-    EXPECT_EQ(EVP_Digest(content.data(), content.size(), value.data(), nullptr, digest, nullptr), 1);
-    return value;
-}
-
-ASN1_OCTET_STRING* octets(const Bytes& content) {
-    ASN1_OCTET_STRING* string = ASN1_OCTET_STRING_new();
-    EXPECT_EQ(ASN1_OCTET_STRING_set(string, content.data(), static_cast<int>(content.size())), 1);
-    return string;
-}
-
-/// A detached structure whose attributes are those that `fill` adds, signed properly.
-template <class Fill> Bytes signedAttributes(const Identity& identity, Fill fill) {
-    const Pkcs7 structure(PKCS7_new());
-    EXPECT_EQ(PKCS7_set_type(structure.get(), NID_pkcs7_signed), 1);
-    PKCS7_SIGNER_INFO* signer =
-        PKCS7_add_signature(structure.get(), identity.certificate.x509().get(), identity.key.get(), EVP_sha256());
-    EXPECT_NE(signer, nullptr);
-    EXPECT_EQ(PKCS7_content_new(structure.get(), NID_pkcs7_data), 1);
-    EXPECT_EQ(PKCS7_set_detached(structure.get(), 1), 1);
-    fill(signer);
-    EXPECT_EQ(PKCS7_SIGNER_INFO_sign(signer), 1);
-    return derOf(structure.get());
-}
-
-/// A structure of ours after `change` was made to its signer.
-template <class Change> Bytes changed(const Bytes& structure, Change change) {
-    const unsigned char* cursor = structure.data();
-    const Pkcs7 decoded(d2i_PKCS7(nullptr, &cursor, static_cast<long>(structure.size())));
-    change(sk_PKCS7_SIGNER_INFO_value(decoded->d.sign->signer_info, 0));
-    return derOf(decoded.get());
 }
 
 /// Expects a refusal with one log record under `event`.

@@ -230,6 +230,29 @@ TEST_F(GeneralNameTest, CopiesBorrowTheSameEntry) {
     EXPECT_EQ(assigned.type(), 4);
 }
 
+// Whoever issues a certificate may put half a million names of two octets into it.
+TEST_F(GeneralNameTest, TakesLittleRoom) {
+    EXPECT_LE(sizeof(GeneralName), 4 * sizeof(void*));
+}
+
+TEST_F(GeneralNameTest, CopiesHoldTheirOwnValues) {
+    const NamePtr uri = decoded(Issued::uri("http://ca.example/"));
+    GeneralName first(uri.get());
+    EXPECT_EQ(first.uri().host(), "ca.example");
+    const GeneralName copy = first;
+    EXPECT_EQ(copy.uri().host(), "ca.example");
+    EXPECT_NE(&copy.uri(), &first.uri());
+    const GeneralName& same = first;
+    first = same;
+    EXPECT_EQ(first.uri().host(), "ca.example");
+    const NamePtr address = decoded(Issued::ip("192.0.2.1"));
+    first = GeneralName(address.get());
+    EXPECT_TRUE(first.uri().isNull());
+    EXPECT_TRUE(first.ipAddress().isV4());
+    EXPECT_TRUE(first.dn().isNull());
+    EXPECT_TRUE(first.emailAddress().isEmptyAddress());
+}
+
 TEST_F(GeneralNameTest, MissingStrings) {
     const NamePtr email(GENERAL_NAME_new());
     email->type = GEN_EMAIL;

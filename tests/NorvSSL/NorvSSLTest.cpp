@@ -6,9 +6,14 @@
 
 #include <gmock/gmock.h>
 
+#include <openssl/conf.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <type_traits>
+#include <unistd.h>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -110,6 +115,49 @@ TEST_F(NorvSSLTest, Tls10HasSecurityLevelZeroAndTheOthersKeepTheMachines) {
         EXPECT_EQ(SSL_CTX_get_security_level(machine), SSL_CTX_get_security_level(create(4, client)));
     }
     SSL_CTX_free(machine);
+}
+
+/// OpenSSL's configuration of the machine, as a file of that content would make it.
+void configure(const std::string& settings) {
+    const std::string path = testing::TempDir() + "norvssl-" + std::to_string(getpid()) + ".cnf";
+    std::ofstream(path) << "openssl_conf = all\n[all]\nssl_conf = tls\n[tls]\nsystem_default = defaults\n[defaults]\n"
+                        << settings << '\n';
+    EXPECT_EQ(1, CONF_modules_load_file(path.c_str(), nullptr, 0));
+    std::remove(path.c_str());
+}
+
+TEST_F(NorvSSLTest, Tls12IsTheLeastUnlessTheMachineAsksForMore) {
+    for (const bool client : {true, false}) {
+        EXPECT_EQ(TLS1_2_VERSION, SSL_CTX_get_min_proto_version(create(4, client)));
+        configure("MinProtocol = TLSv1");
+        EXPECT_EQ(TLS1_2_VERSION, SSL_CTX_get_min_proto_version(create(4, client)));
+        configure("MinProtocol = TLSv1.3");
+        EXPECT_EQ(TLS1_3_VERSION, SSL_CTX_get_min_proto_version(create(4, client)));
+        configure("MinProtocol = None");
+    }
+}
+
+TEST_F(NorvSSLTest, Tls11IsNotAgreedOnEvenAtSecurityLevelZero) {
+    const auto weak = [](const RefContext& context) {
+        SSL_CTX_set_security_level(context, 0);
+        return context;
+    };
+    RefContext old(new Context(SSL_CTX_new(TLS_server_method())));
+    old->certificate(certificateOf(server()));
+    old->privateKey(keyOf(server()));
+    only(old, TLS1_1_VERSION);
+    SSLSocket listening = listener(weak(old));
+    auto client = std::async(std::launch::async, [&] {
+        return thrownBy<Norvane::SocketException>([&] { dial(weak(clientContext()), listening.localAddress()); });
+    });
+    expectFailure(thrownBy<Norvane::SocketException>([&] { static_cast<void>(listening.accept()); }), "SocketException",
+                  4, "SSLSocket", 146);
+    client.get();
+
+    const RefContext willing = weak(clientContext());
+    SSL_CTX_set_min_proto_version(willing, 0); // the program decides otherwise
+    Connection both = connectedTo(listening, willing);
+    EXPECT_EQ(TLS1_1_VERSION, SSL_version(both.client));
 }
 
 TEST_F(NorvSSLTest, MethodAndSideAreThoseAskedFor) {

@@ -40,6 +40,8 @@ protected:
             arguments.insert(arguments.end(), {"--in", "body"});
             const Answer refused = in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, body + "x");
             EXPECT_EQ(1, refused.status) << what << refused.out << refused.err;
+        } else {
+            arguments.emplace_back("--embedded");
         }
         const Answer answer = in(arguments);
         EXPECT_EQ(0, answer.status) << what << ": " << answer.out << answer.err;
@@ -132,7 +134,7 @@ TEST_F(InteropTest, SeveralSignersWithDifferentDigestsInOnePass) {
     OPENSSL_free(der);
     const Answer answer = in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, body);
     EXPECT_EQ(0, answer.status) << answer.out << answer.err;
-    EXPECT_EQ(3U, linesOf(answer.out).size());
+    EXPECT_EQ(4U, linesOf(answer.out).size());
     EXPECT_NE(std::string::npos, answer.out.find(alice().certificate.sha256()));
     EXPECT_NE(std::string::npos, answer.out.find(erin().certificate.sha256()));
     const Answer one = in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--cert", "erin.pem"}, body);
@@ -152,7 +154,50 @@ TEST_F(InteropTest, EmbeddedEmptyBodyIsNotDetached) {
     work.write("empty", std::string());
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nodetach", "-in", "empty", "-out", "sig"});
-    EXPECT_EQ(0, in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, "not asked for").status);
+    EXPECT_EQ(0, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--embedded"}).status);
+    EXPECT_EQ(2, in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, "not looked at").status);
+    EXPECT_EQ(1, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"}).status);
+}
+
+TEST_F(InteropTest, WhatIsNotSupportedIsNamedAndNeverCalledBad) {
+    const auto signedAs = [&](const std::string& who, const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{"openssl", "cms",     "-sign",      "-binary", "-outform",
+                                           "DER",     "-signer", who + ".pem", "-inkey",  who + ".key",
+                                           "-in",     "body",    "-out",       "sig"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        succeeds(arguments);
+        return in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"});
+    };
+    const std::vector<std::vector<std::string>> shapes{{}, {"-noattr"}, {"-nodetach"}};
+    for (const std::vector<std::string>& more : shapes) {
+        std::vector<std::string> pss = more;
+        pss.insert(pss.end(), {"-keyopt", "rsa_padding_mode:pss"});
+        const Answer named = signedAs("alice", pss);
+        EXPECT_EQ(2, named.status) << named.out << named.err;
+        EXPECT_EQ("signer 1: NOT JUDGED, the signature algorithm is not supported: RSASSA-PSS, certificate SHA-256 " +
+                      alice().certificate.sha256() + " CN=alice,O=Interop,C=DE",
+                  linesOf(named.out).at(0));
+        for (const char* who : {"alice", "erin"}) {
+            std::vector<std::string> identifier = more;
+            identifier.emplace_back("-keyid");
+            const Answer answer = signedAs(who, identifier);
+            EXPECT_EQ(2, answer.status) << answer.out << answer.err;
+            EXPECT_EQ("", answer.out);
+            EXPECT_EQ("norvcrypt: sig cannot be judged: it holds a signer that is named by a key identifier, which is "
+                      "not supported\n",
+                      answer.err);
+        }
+    }
+    // In PEM, and from standard input, where nothing can be read twice.
+    succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "PEM", "-signer", "alice.pem", "-inkey", "alice.key",
+              "-in", "body", "-out", "sig", "-keyid"});
+    const Answer piped =
+        in({norvtest::norvcryptProgram, "verify", "--signature", "-", "--in", "body"}, work.read("sig"));
+    EXPECT_EQ(2, piped.status);
+    EXPECT_NE(std::string::npos, piped.err.find("standard input cannot be judged: it holds a signer that is named by"))
+        << piped.err;
+    // What can be judged: SHA-3 with RSA.
+    EXPECT_EQ(0, signedAs("alice", {"-md", "sha3-256"}).status);
 }
 
 class GpgsmTest : public InteropTest {

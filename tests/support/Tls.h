@@ -2,6 +2,8 @@
 
 // Both ends of TLS connections over loopback, in one process.
 
+#include "support/Thrown.h"
+
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/SSLSocket.h>
 
@@ -155,6 +157,15 @@ inline std::string receive(Socket& socket, std::size_t length) {
         all += some;
     }
     return all;
+}
+
+/// OpenSSL's reasons for a failure whose parameters are fixed.
+inline std::string reasonOf(const Norvane::Exception& thrown) {
+    if (!thrown.hasCause()) {
+        return "<no cause>";
+    }
+    norvtest::expectFailure(*thrown.cause(), "OpenSSL", 4, "", 0);
+    return norvtest::detailOf(*thrown.cause());
 }
 
 /// Starts the library once for the test program; each test begins with an empty queue.

@@ -367,9 +367,10 @@ TEST_F(DecryptFaultsToolTest, HostileNamesCannotForgeALine) {
     encrypt({"child.pem"}, body);
     const Answer answer = decrypt();
     EXPECT_EQ(1, answer.status);
-    EXPECT_EQ("norvcrypt: recipient 1, issuer CN=evil\\x0Anorvcrypt: recipient 2: decrypted\\x1B[2J\\xFF serial number "
-              "66: no key for it (event 0x300005A)\n",
-              answer.err);
+    EXPECT_EQ(
+        "norvcrypt: recipient 1, issuer CN=evil\\\\0Anorvcrypt: recipient 2: decrypted\\\\1B[2J\xC3\xBF serial number "
+        "66: no key for it (event 0x300005A)\n",
+        answer.err);
 }
 
 } // namespace

@@ -70,9 +70,11 @@ Exit answer(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 Exit run(int argc, char** argv) {
-    CLI::App app("Signs, verifies, encrypts and decrypts mail bodies; inspects certificates, lists and keys.\n"
-                 "Exit code: 0 good, 1 a negative verdict, 2 bad usage, unreadable or malformed input.",
-                 "norvcrypt");
+    CLI::App app(
+        "Signs, verifies, encrypts and decrypts mail bodies; inspects certificates, lists and keys.\n"
+        "Exit code: 0 good, 1 a negative verdict, 2 bad usage or a failure: unreadable or malformed input, output "
+        "that cannot be written.",
+        "norvcrypt");
     app.set_version_flag("--version", "norvcrypt " NORVCRYPT_VERSION);
     app.require_subcommand(1);
     norvcrypt::Action action;

@@ -7,7 +7,7 @@
 /// using namespace Norvane::Crypto;
 /// NVX509::RefDirectoryKeyStore directory("/etc/mail/identities");          // reads all of it, once
 /// for (const auto& problem : directory->contents()->problems) {
-///     warn(problem.folder, problem.file, problem.reason);                   // skipped; the others serve
+///     warn(problem.folder, problem.file, problem.reason);                   // skipped; the others are used
 /// }
 /// auto store = NVX509::RefKeyStore::instance(true, false);
 /// store->add(directory.plugin());
@@ -91,7 +91,7 @@ public:
         unsuitableKey  ///< no: CMS streams cannot do it with this kind of key
     };
 
-    /// A folder that serves.
+    /// A folder that is used: an identity.
     struct Identity {
         std::string folder; ///< its name, any bytes: escape it before you show it
         RefCertificate certificate;
@@ -101,7 +101,7 @@ public:
         std::vector<Owner> owners;      ///< in the order of the file
     };
 
-    /// Something of the directory that does not serve.
+    /// Something of the directory that is not used.
     struct Problem {
         std::string folder; ///< the name of the entry
         std::string file;   ///< the file in it; empty when all of it is meant
@@ -143,10 +143,10 @@ public:
     /// loads by itself, one after the other.
     /// \throws Exception "DirectoryKeyStore::reload", code 4, source "DirectoryKeyStore", with the directory and the
     ///         reason: the directory cannot be opened or read, others than owner and group may write it, or the process
-    ///         ran out of descriptors, memory or room in OpenSSL's secure heap. What was loaded before serves on.
+    ///         ran out of descriptors, memory or room in OpenSSL's secure heap. What was loaded before stays in use.
     void reload();
 
-    /// What the last load that succeeded found: each folder that serves, each that does not and why, and the order in
+    /// What the last load that succeeded found: each folder that is used, each that is not and why, and the order in
     /// which the patterns win.
     [[nodiscard]] std::shared_ptr<const Contents> contents() const;
 

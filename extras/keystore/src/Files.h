@@ -14,7 +14,7 @@
 
 namespace Norvane::Crypto::NVX509::keystore {
 
-/// Why something of the store does not serve; the text is for people.
+/// Why something of the store is not used; the text is for people.
 class Refusal : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -4,6 +4,7 @@
 #include "Pem.h"
 
 #include <norvcmsg/Exception.h>
+#include <norvcrypto-keystore/KeyFiles.h>
 
 #include <openssl/x509v3.h>
 

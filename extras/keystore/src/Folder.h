@@ -7,7 +7,7 @@
 
 namespace Norvane::Crypto::NVX509::keystore {
 
-/// Reads one folder of the store, and adds what serves and what does not to a snapshot. \throws Exhausted
+/// Reads one folder of the store, and adds what is used and what is not to a snapshot. \throws Exhausted
 void readFolder(Snapshot& snapshot, const Descriptor& store, const std::string& name);
 
 } // namespace Norvane::Crypto::NVX509::keystore

@@ -22,7 +22,4 @@ Buffer passphraseOf(const Buffer& text);
 /// The first private key of a text. Never prompts. \throws Refusal, Exhausted
 RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase);
 
-/// Whether a private key and a certificate belong together.
-bool belongTogether(const RefKey& key, const RefCertificate& certificate);
-
 } // namespace Norvane::Crypto::NVX509::keystore

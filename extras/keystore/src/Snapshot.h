@@ -32,7 +32,7 @@ struct Snapshot : DirectoryKeyStore::Contents, std::enable_shared_from_this<Snap
     void index();
 
     [[nodiscard]] Fitness fitnessOf(std::size_t identity, Purpose purpose, std::time_t now) const;
-    /// The identity that serves an address.
+    /// The identity that an address leads to.
     [[nodiscard]] const Facts* find(const EmailAddress& address, Purpose purpose) const;
     [[nodiscard]] const Facts* find(const DistinguishedName& issuer, const ASN1::Integer& serial) const;
     /// All that matches, and the winner.

@@ -29,10 +29,12 @@ std::string vanishing;
 } // namespace
 
 // Notes the passphrase callback that the library hands to the PEM reader.
-extern "C" X509* PEM_read_bio_X509(BIO* bio, X509** x509, pem_password_cb* callback, void* data) {
+extern "C" int PEM_bytes_read_bio(unsigned char** der, long* length, char** found, const char* label, BIO* bio,
+                                  pem_password_cb* callback, void* data) {
     callbacks.push_back(callback);
-    static const auto original = reinterpret_cast<decltype(&PEM_read_bio_X509)>(dlsym(RTLD_NEXT, "PEM_read_bio_X509"));
-    return original(bio, x509, callback, data);
+    static const auto original =
+        reinterpret_cast<decltype(&PEM_bytes_read_bio)>(dlsym(RTLD_NEXT, "PEM_bytes_read_bio"));
+    return original(der, length, found, label, bio, callback, data);
 }
 
 // Takes one file away at the moment at which it is opened.

@@ -27,13 +27,13 @@ bool s_parsingFails = false;
 
 } // namespace
 
-extern "C" int PKCS12_parse(PKCS12_st* structure, const char* password, EVP_PKEY** key, X509** certificate,
-                            STACK_OF(X509) * *others) {
+/// The first thing that is asked of a structure whose password is right.
+extern "C" STACK_OF(PKCS7) * PKCS12_unpack_authsafes(const PKCS12_st* structure) {
     ++s_parsed;
     if (s_parsingFails) {
-        return 0;
+        return nullptr;
     }
-    return next<&PKCS12_parse>("PKCS12_parse")(structure, password, key, certificate, others);
+    return next<&PKCS12_unpack_authsafes>("PKCS12_unpack_authsafes")(structure);
 }
 
 namespace {

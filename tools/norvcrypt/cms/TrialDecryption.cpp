@@ -1,15 +1,14 @@
 #include "cms/TrialDecryption.h"
 #include "base/Failure.h"
 #include "openssl/CertificateDetails.h"
-#include "openssl/OpenSsl.h"
 
 #include <norvcmsg/Logger.h>
+#include <norvcrypto-keystore/KeyFiles.h>
 #include <norvcrypto/CMSEnvelopeOutline.h>
 #include <norvcrypto/KeyStore.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <iterator>
 #include <map>
 #include <utility>
 
@@ -21,7 +20,7 @@ namespace ASN1 = Norvane::Crypto::ASN1;
 
 namespace {
 
-using Attempt = CMS::DecrypterMediaIn::Attempt;
+using Told = CMS::DecrypterMediaIn::Attempt;
 
 constexpr unsigned int keptInMemory = 1U << 20U;
 constexpr unsigned long largestSecondLook = 256UL << 20U;
@@ -39,46 +38,33 @@ struct Question {
 };
 
 bool belongsTogether(const OwnIdentity& identity) {
-    const QuietQuestion quiet;
-    return X509_check_private_key(identity.certificate, identity.key) == 1;
+    return NVX509::belongTogether(identity.key, identity.certificate);
 }
 
 bool isNamed(const OwnIdentity& identity, const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) {
     // Not through the certificate's own accessor, which refuses negative numbers.
-    const X509* const certificate = identity.certificate;
-    return serial.object() != nullptr && ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), serial.object()) == 0 &&
-           identity.certificate->issuer() == issuer;
+    return hasSerialNumber(identity.certificate, serial.object()) && identity.certificate->issuer() == issuer;
 }
 
-std::string resultOf(const Attempt& attempt, const Question& question) {
-    const OwnIdentity* const identity = question.identity;
-    switch (attempt.outcome()) {
-    case Attempt::NegativeSerialNumber:
-        return "its serial number is negative, no key can be asked for (event 0x300005B)";
-    case Attempt::NotTried:
-        return "not tried, the message has more recipients than a message may cost (event 0x300005F)";
-    case Attempt::UnsupportedAlgorithm:
-        return attempt.algorithm() + " is not supported (event 0x300005B)";
+Attempt::Outcome outcomeOf(const Told& told, const Question& question) {
+    using enum Attempt::Outcome;
+    switch (told.outcome()) {
+    case Told::Succeeded:
+        return decrypted;
+    case Told::NegativeSerialNumber:
+        return unnamed;
+    case Told::NotTried:
+        return notTried;
+    case Told::UnsupportedAlgorithm:
+        return unsupported;
+    case Told::KeyOfAnotherCertificate:
+        return foreignKey;
     default:
         break;
     }
-    if (identity == nullptr || attempt.outcome() == Attempt::NoKey)
-        return "no key for it (event 0x300005A)";
-    if (attempt.outcome() == Attempt::Succeeded)
-        return "decrypted with the key in " + identity->keyFile + ", certificate SHA-256 " +
-               fingerprint(identity->certificate);
-    if (attempt.outcome() == Attempt::KeyOfAnotherCertificate)
-        return "the private key in " + identity->keyFile + " does not belong to its certificate (event 0x300005B)";
-    if (EVP_PKEY_get_base_id(identity->key) != EVP_PKEY_RSA)
-        return "the private key in " + identity->keyFile + " is no RSA key (event 0x300005B)";
-    return "decryption with the key in " + identity->keyFile + " failed, the message is damaged (event 0x300005B)";
-}
-
-std::string listed(const std::list<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
+    if (question.identity == nullptr || told.outcome() == Told::NoKey)
+        return noKey;
+    return isRsa(question.identity->key) ? failed : noRsaKey;
 }
 
 /// Delivers the bytes of a source and keeps a copy of them, as long as there is room for it.
@@ -143,7 +129,7 @@ public:
     NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
         const OwnIdentity* const identity = m_state->find(issuer, serial);
         m_state->questions[m_state->decrypter->attempts().size()] = {
-            "issuer " + issuer.asString() + " serial number " + serial.hex(), identity};
+            "issuer " + displayName(issuer) + " serial number " + serial.hex(), identity};
         return identity == nullptr ? NVX509::KeyCertificatePair(true)
                                    : NVX509::KeyCertificatePair(identity->key, identity->certificate);
     }
@@ -192,6 +178,18 @@ public:
 
 } // namespace
 
+bool DecryptionResult::needsMore() const {
+    const auto needs = [](const Attempt& one) { return one.outcome == Attempt::Outcome::unsupported; };
+    return !decrypted && (!unsupported.empty() || std::any_of(attempts.begin(), attempts.end(), needs));
+}
+
+std::string inOneLine(const std::list<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
 TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities)
     : m_state(std::make_shared<State>()),
       m_copy(emptySpill()),
@@ -238,10 +236,10 @@ Norvane::Buffer TrialDecryption::copied() const {
 
 void TrialDecryption::refuseUnsupported(const std::string& name) const {
     if (!m_unsupported.empty())
-        throw Failure(name + " needs what is not supported: " + listed(m_unsupported));
+        throw Failure(name + " needs what is not supported: " + inOneLine(m_unsupported));
 }
 
-Exit TrialDecryption::run(const std::string& name) {
+DecryptionResult TrialDecryption::run(const std::string& name) {
     const Listening listening(std::make_shared<StructureSink>(m_state));
     const bool decrypted = m_decrypter->decrypt(m_body);
     if (m_state->notEnveloped) {
@@ -250,44 +248,16 @@ Exit TrialDecryption::run(const std::string& name) {
         throw Failure(name + " holds no encrypted body" +
                       (m_state->unknownType.empty() ? "" : " but the unknown type " + m_state->unknownType));
     }
-    if (decrypted)
-        return Exit::good;
-    const auto& attempts = m_decrypter->attempts();
-    const bool supported =
-        m_unsupported.empty() && std::none_of(attempts.begin(), attempts.end(), [](const Attempt& one) {
-            return one.outcome() == Attempt::UnsupportedAlgorithm;
-        });
-    return supported ? Exit::refused : Exit::failed;
-}
-
-std::vector<std::string> TrialDecryption::report() const {
-    if (m_state->contentMissing)
-        return {"the encrypted body is not in the structure (event 0x3000059)"};
-    const auto& attempts = m_decrypter->attempts();
-    if (attempts.empty())
-        return {"the structure names no recipient"};
-    std::vector<std::string> lines;
-    std::size_t number = 0;
-    for (auto attempt = attempts.begin(); attempt != attempts.end(); ++attempt, ++number) {
-        const auto asked = m_state->questions.find(number);
+    DecryptionResult result{decrypted, m_state->contentMissing, {}, m_unsupported};
+    for (const Told& told : m_decrypter->attempts()) {
+        const auto asked = m_state->questions.find(result.attempts.size());
         const Question question = asked == m_state->questions.end() ? Question() : asked->second;
-        std::string who = "recipient " + std::to_string(number + 1) + ", ";
-        // Those that were not tried are as many as the sender likes.
-        const auto next = std::find_if(attempt, attempts.end(),
-                                       [](const Attempt& one) { return one.outcome() != Attempt::NotTried; });
-        const auto untried = static_cast<std::size_t>(std::distance(attempt, next));
-        if (untried > 1) {
-            who = "recipients " + std::to_string(number + 1) + " to " + std::to_string(number + untried) + ": ";
-            std::advance(attempt, untried - 1);
-            number += untried - 1;
-        } else if (!question.recipient.empty()) {
-            who += question.recipient + ": ";
-        }
-        lines.push_back(who + resultOf(*attempt, question));
+        result.attempts.push_back(
+            {question.recipient, outcomeOf(told, question),
+             question.identity == nullptr ? std::nullopt : std::optional<OwnIdentity>(*question.identity),
+             told.algorithm()});
     }
-    if (!m_unsupported.empty())
-        lines.push_back("not supported, and left out: " + listed(m_unsupported));
-    return lines;
+    return result;
 }
 
 Norvane::MediaIn TrialDecryption::body() const {

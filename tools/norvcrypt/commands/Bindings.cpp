@@ -49,7 +49,7 @@ Description identityFacts(const Store::Identity& identity) {
     facts["privateKey"] = identity.hasKey;
     facts["chain"] = Description::array();
     for (const auto& certificate : identity.chain)
-        facts["chain"].push_back({{"subject", certificate->subject().asString()}});
+        facts["chain"].push_back({{"subject", displayName(certificate->subject())}});
     facts["owners"] = Description::array();
     for (const Store::Owner& owner : identity.owners)
         facts["owners"].push_back(ownerFacts(owner));
@@ -196,7 +196,7 @@ Exit find(const BindingsOptions& options) {
         text += explanationText(purposeName(purpose), found, facts);
         all[purposeName(purpose)] = facts;
     }
-    // What was skipped might have served.
+    // What was skipped might have been used.
     text += problemsText(*store->contents());
     all["problems"] = problemsFacts(*store->contents());
     show(options.json ? asJson(all) : text);
@@ -218,7 +218,8 @@ CLI::App* addCommand(CLI::App& parent, Action& action, const std::shared_ptr<Bin
 
 void addBindings(CLI::App& app, Action& action) {
     auto options = std::make_shared<BindingsOptions>();
-    CLI::App* bindings = app.add_subcommand("bindings", "Tells which certificates and keys serve which mail addresses");
+    CLI::App* bindings =
+        app.add_subcommand("bindings", "Tells which certificates and keys belong to which mail addresses");
     bindings->require_subcommand(1);
     bindings->footer("A store is a directory with a folder for each identity: cert.pem, and chain.pem, key.pem, "
                      "passphrase and owners.txt, which holds one address pattern a line.");
@@ -240,7 +241,7 @@ void addBindings(CLI::App& app, Action& action) {
                  "Exit code: 0 no problem, 1 a problem, 2 the store cannot be read.");
 
     CLI::App* search = addCommand(*bindings, action, options, "find",
-                                  "Tells which certificate and key serve an address, and why", find);
+                                  "Tells which certificate and key belong to an address, and why", find);
     search->add_option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
     search->footer(
         "JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
@@ -248,7 +249,7 @@ void addBindings(CLI::App& app, Action& action) {
         "in which they are tried (folder, pattern, line, literals: their number of bytes, fitness: fit, "
         "outOfValidity, usageForbids, unsuitableKey, noKey), and problems (what was skipped: folder, file, reason). "
         "More literal bytes come first, then the earlier line.\n"
-        "Exit code: 0 somebody serves the address, 1 nobody, 2 bad usage or an unreadable store.");
+        "Exit code: 0 the address has an identity, 1 it has none, 2 bad usage or an unreadable store.");
 }
 
 } // namespace norvcrypt

@@ -1,11 +1,13 @@
 #include "cms/TrialDecryption.h"
 #include "commands/Command.h"
+#include "commands/IdentityOptions.h"
 #include "files/Input.h"
 #include "files/Output.h"
-#include "identities/IdentityOptions.h"
-#include "identities/Store.h"
 #include "read/CmsFile.h"
+#include "show/DecryptionReport.h"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,40 +24,35 @@ struct DecryptOptions {
 };
 
 /// Those of the command line come first.
-std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, const std::vector<IdentityFiles>& files,
-                                      Inputs& inputs) {
-    std::vector<OwnIdentity> identities = readIdentities(files, inputs);
-    if (!options.store)
-        return identities;
-    const auto store = openStore(*options.store);
-    for (const Store::Identity& identity : store->contents()->identities)
-        if (identity.hasKey)
-            identities.push_back(
-                {identity.certificate,
-                 store->find(identity.certificate->issuer(), identity.certificate->serialNumber())->key,
-                 *options.store + "/" + identity.folder + "/key.pem"});
-    return identities;
-}
-
-Exit decrypt(const DecryptOptions& options) {
-    Inputs inputs;
+std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inputs) {
     const std::vector<IdentityFiles> files = options.identities->files();
     if (files.empty() && !options.store)
         throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt decrypt "
                       "--help tells more)");
+    std::vector<OwnIdentity> identities = readIdentities(files, inputs);
+    if (options.store)
+        std::ranges::move(readIdentities(*options.store), std::back_inserter(identities));
+    return identities;
+}
+
+void openMessage(TrialDecryption& decryption, const std::string& path, Inputs& inputs) {
+    Progress progress("decrypting");
+    readStructure(
+        inputs, path, "the encrypted message",
+        [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(path)); }, &progress);
+}
+
+Exit decrypt(const DecryptOptions& options) {
+    Inputs inputs;
+    TrialDecryption decryption(identitiesOf(options, inputs));
+    // Opened now: a place that cannot be written to should not cost the reading of a long message.
     OutputFile out(options.out);
-    TrialDecryption decryption(identitiesOf(options, files, inputs));
-    {
-        Progress progress("decrypting");
-        readStructure(
-            inputs, options.in, "the encrypted message",
-            [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(options.in)); }, &progress);
-    }
-    const Exit result = decryption.run(inputName(options.in));
-    for (const std::string& line : decryption.report())
+    openMessage(decryption, options.in, inputs);
+    const DecryptionResult result = decryption.run(inputName(options.in));
+    for (const std::string& line : decryptionReport(result))
         reportError(line);
-    if (result != Exit::good)
-        return result;
+    if (!result.decrypted)
+        return result.needsMore() ? Exit::failed : Exit::refused;
     OutputStream body(out);
     decryption.body().write(body);
     out.commit();
@@ -74,9 +71,7 @@ void addDecrypt(CLI::App& app, Action& action) {
     command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
         ->type_name("MSG")
         ->capture_default_str();
-    command
-        ->add_option("--out", options->out,
-                     "The body, written only when a key has decrypted it; \"-\" is standard output")
+    command->add_option("--out", options->out, "The body, written only when a key fitted; \"-\" is standard output")
         ->type_name("BODY")
         ->capture_default_str();
     command->footer(

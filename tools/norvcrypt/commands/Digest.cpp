@@ -42,7 +42,7 @@ std::string digestLine(const std::string& digest, const std::string& path) {
         else
             name += letter == '\\' ? "\\\\" : letter == '\n' ? "\\n" : "\\r";
     }
-    if (isatty(STDOUT_FILENO) == 1)
+    if (isatty(STDOUT_FILENO) == 1 && !Norvane::isDisplayable(name))
         name = Norvane::escapeForDisplay(name);
     return (escaped ? "\\" : "") + digest + "  " + name;
 }

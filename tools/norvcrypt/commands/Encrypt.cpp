@@ -2,14 +2,15 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "identities/Store.h"
-#include "openssl/OpenSsl.h"
-#include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
+#include "openssl/CertificateDetails.h"
+#include "read/CertificateFile.h"
 #include "recognise/CipherNames.h"
+#include "write/CmsFile.h"
 
 #include <norvcrypto/CMSEncryptionMedia.h>
 
 #include <algorithm>
+#include <ctime>
 #include <list>
 #include <memory>
 #include <optional>
@@ -34,31 +35,30 @@ struct EncryptOptions {
 };
 
 void requireRsa(const NVX509::RefCertificate& certificate, const std::string& whose) {
-    const QuietQuestion quiet;
-    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
-    if (key == nullptr || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA)
+    if (!hasRsaKey(certificate))
         throw Failure("the certificate " + whose + " has no RSA key: nothing can be encrypted for it");
 }
 
 /// Whoever names a certificate may know why it serves all the same; who took the wrong file does not.
 void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& path) {
-    const QuietQuestion quiet;
     const auto warn = [&path](const char* what) {
         reportError("warning: the certificate in " + inputName(path) + " " + what);
     };
-    if (X509_cmp_current_time(X509_get0_notBefore(certificate)) >= 0)
+    const Period period = periodAt(certificate, std::time(nullptr));
+    if (period == Period::notYetValid)
         warn("is not valid yet");
-    else if (X509_cmp_current_time(X509_get0_notAfter(certificate)) <= 0)
+    else if (period == Period::expired)
         warn("has expired");
-    if ((X509_get_key_usage(certificate) & KU_KEY_ENCIPHERMENT) == 0) // every bit is set when nothing is said of it
+    if (!mayEncipherKeys(certificate))
         warn("is not meant for encryption: its key usage has no keyEncipherment");
 }
 
 /// A certificate that is named again, by its file or by an address, is one recipient.
 void addRecipient(std::list<NVX509::RefCertificate>& recipients, const NVX509::RefCertificate& certificate) {
     // Not with the certificate's own comparison, which refuses negative serial numbers.
-    if (std::none_of(recipients.begin(), recipients.end(),
-                     [&certificate](const NVX509::RefCertificate& other) { return X509_cmp(other, certificate) == 0; }))
+    if (std::none_of(recipients.begin(), recipients.end(), [&certificate](const NVX509::RefCertificate& other) {
+            return isSameCertificate(other, certificate);
+        }))
         recipients.push_back(certificate);
 }
 

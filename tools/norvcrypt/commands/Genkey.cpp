@@ -1,12 +1,10 @@
 #include "commands/Command.h"
 #include "files/Input.h"
 #include "files/Output.h"
-#include "read/KeysAndCertificates.h"
+#include "read/Passphrase.h"
+#include "write/PrivateKeyFile.h"
 
-#include <norvcrypto/Crypto.h>
 #include <norvcrypto/KeyFactory.h>
-
-#include <openssl/rsa.h>
 
 #include <memory>
 #include <optional>
@@ -17,6 +15,7 @@ namespace norvcrypt {
 namespace {
 
 constexpr unsigned int leastSafeBits = 2048;
+constexpr unsigned int largestBits = 16384; // OpenSSL works with no larger modulus
 
 struct GenkeyOptions {
     unsigned int bits = 3072;
@@ -25,15 +24,10 @@ struct GenkeyOptions {
     std::optional<std::string> passphraseFile;
 };
 
-std::unique_ptr<Passphrase> readPassphrase(const GenkeyOptions& options) {
-    if (!options.passphraseFile)
-        return std::make_unique<Passphrase>();
-    Inputs inputs;
-    auto passphrase = std::make_unique<Passphrase>(inputs, *options.passphraseFile);
-    if (passphrase->text().empty())
+void requireProtection(const Passphrase& passphrase, const GenkeyOptions& options) {
+    if (passphrase.given() && passphrase.text().empty())
         throw Failure("the passphrase in " + inputName(*options.passphraseFile) +
                       " is empty: it would protect nothing");
-    return passphrase;
 }
 
 Norvane::Crypto::RefKey generate(const GenkeyOptions& options) {
@@ -47,11 +41,13 @@ Norvane::Crypto::RefKey generate(const GenkeyOptions& options) {
 }
 
 Exit genkey(const GenkeyOptions& options) {
-    const auto passphrase = readPassphrase(options);
+    Inputs inputs;
+    const Passphrase passphrase(inputs, options.passphraseFile);
+    requireProtection(passphrase, options);
     // Opened first: a place that cannot be written to should not cost the generation.
     OutputFile out(options.out, OutputFile::Access::owner);
     const Norvane::Crypto::RefKey key = generate(options);
-    writePrivateKey(key, *passphrase, out);
+    writePrivateKey(key, passphrase.view(), out);
     out.commit();
     if (options.bits < leastSafeBits)
         reportError("warning: an RSA key of " + std::to_string(options.bits) + " bits is not safe; use " +
@@ -66,7 +62,7 @@ void addGenkey(CLI::App& app, Action& action) {
     CLI::App* command = app.add_subcommand("genkey", "Generates an RSA private key: PEM, readable by its owner alone");
     command->add_option("--bits", options->bits, "The size of the modulus")
         ->type_name("COUNT")
-        ->check(CLI::Range(0U, static_cast<unsigned int>(OPENSSL_RSA_MAX_MODULUS_BITS)))
+        ->check(CLI::Range(0U, largestBits))
         ->capture_default_str();
     command->add_option("--exponent", options->exponent, "The public exponent: odd and above 1")
         ->type_name("NUMBER")

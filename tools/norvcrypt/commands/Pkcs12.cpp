@@ -2,8 +2,8 @@
 #include "commands/Command.h"
 #include "files/Input.h"
 #include "files/Output.h"
-#include "read/KeysAndCertificates.h"
 #include "read/Pkcs12File.h"
+#include "write/PrivateKeyFile.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcmsg/Media.h>
@@ -51,7 +51,7 @@ private:
 /// Both files are complete before the first gets its name.
 void writeFiles(const Pkcs12Content& content, const std::string& keyPath, const std::string& certificatePath) {
     OutputFile key(keyPath, OutputFile::Access::owner);
-    writePrivateKey(content.key, Passphrase(), key);
+    writePrivateKey(content.key, std::nullopt, key);
     if (!content.certificate.isNull()) {
         OutputFile certificate(certificatePath);
         OutputStream stream(certificate);

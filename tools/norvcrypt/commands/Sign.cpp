@@ -2,13 +2,16 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "identities/Store.h"
-#include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
+#include "read/CertificateFile.h"
+#include "read/PrivateKeyFile.h"
 #include "recognise/DigestNames.h"
+#include "write/CmsFile.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
+#include <norvcrypto/CMSVerification.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <array>
 #include <list>
 #include <memory>
 #include <optional>
@@ -43,9 +46,22 @@ NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs
     chain.pop_front();
     if (options.chain)
         chain.splice(chain.end(), readCertificates(inputs, *options.chain));
-    const auto passphrase = options.passphraseFile ? std::make_unique<Passphrase>(inputs, *options.passphraseFile)
-                                                   : std::make_unique<Passphrase>();
-    return {readPrivateKey(inputs, options.key, *passphrase), certificate, chain};
+    const Passphrase passphrase(inputs, options.passphraseFile);
+    return {readPrivateKey(inputs, options.key, passphrase), certificate, chain};
+}
+
+/// Signs what is read from `body`. A signature over a set of attributes would also be one over another text that has
+/// them.
+void writeBody(Norvane::MediaIn& body, CMS::SignerMediaOut& signer, const std::string& path) {
+    CMS::AttributeSetDetector attributes;
+    std::array<unsigned char, 65536> piece{};
+    for (int count = body.read(piece.data(), piece.size()); count > 0; count = body.read(piece.data(), piece.size())) {
+        attributes.update(piece.data(), static_cast<std::size_t>(count));
+        signer.write(piece.data(), static_cast<unsigned int>(count));
+    }
+    if (attributes.isAttributeSet())
+        throw Failure("will not sign " + inputName(path) +
+                      ": it is a set of attributes, whose signature would be good for another body, too");
 }
 
 Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
@@ -57,7 +73,7 @@ Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
     try {
         CMS::SignerMediaOut signer(digest, pair);
         signer.attach(signature);
-        body.write(signer);
+        writeBody(body, signer, options.in);
         signer.end();
     } catch (const Norvane::Exception& failure) {
         throw Failure("cannot sign " + inputName(options.in), failure);

@@ -198,9 +198,9 @@ private:
     bool m_peerEnded = false;
 };
 
-/// On standard error, since standard output is the peer's.
+/// On standard error, since standard output is the peer's. The line is shown as it is.
 void tell(const std::string& line) {
-    const std::string text = Norvane::escapeForDisplay(line) + "\n";
+    const std::string text = line + "\n";
     static_cast<void>(!write(STDERR_FILENO, text.data(), text.size()));
 }
 
@@ -216,7 +216,7 @@ Exit connect(const ConnectOptions& options) {
     for (const std::string& line : describePeer(socket))
         tell(line);
     const bool matches = isForHost(socket, host.name);
-    tell("the certificate is " + std::string(matches ? "for " : "not for ") + host.name);
+    tell("the certificate is " + std::string(matches ? "for " : "not for ") + Norvane::escapeForDisplay(host.name));
     if (options.requireTrust && !(matches && isTrusted(socket))) {
         tell("the peer is not trusted: nothing was copied");
         return Exit::refused;

@@ -153,7 +153,7 @@ private:
         } catch (const Norvane::Exception& failure) {
             end = whyEnded(failure);
         }
-        tell(number, {end + ", " + std::to_string(received) + " bytes received"});
+        tell(number, {Norvane::escapeForDisplay(end) + ", " + std::to_string(received) + " bytes received"});
     }
 
     [[nodiscard]] std::string whyEnded(const Norvane::Exception& failure) const {
@@ -177,11 +177,11 @@ private:
         }
     }
 
-    /// All lines about a connection stay together. \throws Failure: standard output takes no more
+    /// All lines about a connection stay together, and are shown as they are. \throws Failure: standard output takes no more
     void tell(std::uint64_t number, const std::vector<std::string>& lines) {
         TextOutput out;
         for (const std::string& line : lines)
-            out.line("connection " + std::to_string(number) + ": " + Norvane::escapeForDisplay(line));
+            out.line("connection " + std::to_string(number) + ": " + line);
         const std::lock_guard lock(m_outputMutex);
         out.flush();
     }

@@ -2,17 +2,14 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "read/CertificateFile.h"
 #include "read/CmsFile.h"
-#include "read/KeysAndCertificates.h"
 
 #include <norvcmsg/Escape.h>
-#include <norvcmsg/Logger.h>
-#include <norvcrypto/CMSSignerMedia.h>
-#include <norvcrypto/Hasher.h>
+#include <norvcrypto/CMSVerification.h>
 
-#include <array>
+#include <algorithm>
 #include <list>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,7 +18,9 @@ namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
-using Norvane::Crypto::VerifierMediaOut;
+using CMS::CarriedContent;
+using CMS::SignatureReason;
+using CMS::SignatureVerdict;
 
 namespace {
 
@@ -29,155 +28,130 @@ struct VerifyOptions {
     std::string signature;
     std::optional<std::string> certificate;
     std::optional<std::string> in;
+    bool embedded = false;
 };
 
-CMS::CMSVerifier openSignature(const std::string& path, Inputs& inputs) {
-    std::optional<CMS::CMSVerifier> verifier;
-    readStructure(inputs, path, "the signature", [&verifier](Norvane::MediaIn& in) { verifier.emplace(in); });
-    return *verifier;
+/// The sender decides whether a structure carries its content; which body is judged is for the user to say.
+void checkBody(const VerifyOptions& options, CarriedContent carried) {
+    if (options.embedded && carried == CarriedContent::none)
+        throw Failure(inputName(options.signature) +
+                      " carries no content, the signature is detached: give its body with --in");
+    if (!options.embedded && !options.in && carried != CarriedContent::none)
+        throw Failure(inputName(options.signature) +
+                      " carries its content: give --embedded to judge that, or --in with "
+                      "the body that it is to be compared with");
 }
 
-/// One digest for each algorithm among the signers, all of them fed in one pass over the body.
-class Digests {
-public:
-    Digests(const CMS::CMSVerifier& verifier, const std::list<CMS::SignerInfo>& signers) {
-        for (const CMS::SignerInfo& signer : signers) {
-            const int nid = algorithmOf(signer);
-            if (m_streams.contains(nid))
-                continue;
-            try {
-                m_streams.emplace(nid, verifier.verifierMediaOut(signer));
-            } catch (const Norvane::Exception&) {
-                m_streams.emplace(nid, std::nullopt); // the signer's verdict tells
-            }
-        }
-    }
-
-    void feed(Norvane::MediaIn& body) {
-        std::array<unsigned char, 65536> chunk{};
-        for (int count = body.read(chunk.data(), chunk.size()); count > 0;
-             count = body.read(chunk.data(), chunk.size()))
-            for (auto& [nid, stream] : m_streams)
-                if (stream)
-                    stream->write(chunk.data(), static_cast<unsigned int>(count));
-    }
-
-    /// Null for an algorithm that is not available.
-    VerifierMediaOut* of(const CMS::SignerInfo& signer) {
-        auto& stream = m_streams.at(algorithmOf(signer));
-        return stream ? &*stream : nullptr;
-    }
-
-private:
-    static int algorithmOf(const CMS::SignerInfo& signer) {
-        const PKCS7_SIGNER_INFO* const raw = signer;
-        return OBJ_obj2nid(raw->digest_alg->algorithm);
-    }
-
-    std::map<int, std::optional<VerifierMediaOut>> m_streams;
-};
-
-/// The body is in a file, in the structure, or comes from standard input.
-Norvane::MediaIn openBody(const VerifyOptions& options, const CMS::CMSVerifier& verifier, Inputs& inputs,
-                          Progress& progress) {
-    if (options.in)
-        return inputs.open(*options.in, &progress);
-    Norvane::MediaIn embedded = CMS::embeddedContent(verifier.contentInfo());
-    return embedded.isNull() ? inputs.open("-", &progress) : embedded;
+CMS::SignatureReport judge(const CMS::RefContentInfo& structure, const VerifyOptions& options,
+                           const std::optional<std::list<NVX509::RefCertificate>>& certificates, Inputs& inputs) {
+    if (options.embedded)
+        return certificates ? CMS::verifyEmbeddedSignatures(structure, *certificates)
+                            : CMS::verifyEmbeddedSignatures(structure);
+    Progress progress("verifying");
+    Norvane::MediaIn body = inputs.open(options.in.value_or("-"), &progress);
+    return certificates ? CMS::verifySignatures(structure, body, *certificates)
+                        : CMS::verifySignatures(structure, body);
 }
 
-/// Why the library said no: it logs that, under numbers that operators know.
-std::string reasonOf(const Norvane::RecordingLogSink& log) {
-    for (const Norvane::LogRecord& record : log.records()) {
-        switch (record.event) {
-        case 0x300004E:
-            return "the digest algorithm is not the signer's (event 0x300004E)";
-        case 0x300004F:
-            return "the signed attributes hold no message digest (event 0x300004F)";
-        case 0x3000050:
-            return "the body is not the one that was signed (event 0x3000050)";
-        case 0x3000051:
-            return "the certificate has no usable public key (event 0x3000051)";
-        case 0x3000052:
-            return "the signature does not belong to this body and certificate (event 0x3000052)";
-        default:
-            break;
-        }
-    }
-    return "the signature is wrong";
+std::string bodyText(const CMS::SignatureReport& report, const VerifyOptions& options, CarriedContent carried) {
+    const std::string length = std::to_string(report.bodyLength) + " bytes";
+    const std::string content = "the content of " + inputName(options.signature);
+    if (options.embedded)
+        return "body: " + content + ", " + length;
+    const std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
+    if (carried == CarriedContent::none)
+        return given;
+    const bool differs = std::ranges::any_of(report.signers, [](const CMS::SignatureResult& signer) {
+        return signer.reason == SignatureReason::contentDiffers;
+    });
+    return given + (differs ? ", which is not " : ", which is ") + content;
 }
 
-struct Verdict {
-    bool good = false;
-    std::string text;
-};
+/// The numbers under which operators know what the library logs about a signature.
+std::string eventOf(SignatureReason reason) {
+    switch (reason) {
+    case SignatureReason::messageDigestMissing:
+        return " (event 0x300004F)";
+    case SignatureReason::bodyDiffers:
+        return " (event 0x3000050)";
+    case SignatureReason::keyUnusable:
+        return " (event 0x3000051)";
+    case SignatureReason::signatureWrong:
+        return " (event 0x3000052)";
+    default:
+        return "";
+    }
+}
 
 std::string certificateText(const NVX509::RefCertificate& certificate) {
-    return "certificate SHA-256 " + fingerprint(certificate) + " " + certificate->subject().asString();
+    return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
 }
 
-/// Tries the certificates that carry the signer's issuer and serial number; a stranger may have put in a second one.
-Verdict judge(const CMS::CMSVerifier& verifier, const CMS::SignerInfo& signer,
-              const std::list<NVX509::RefCertificate>& certificates, VerifierMediaOut* digested) {
-    const auto log = std::make_shared<Norvane::RecordingLogSink>();
-    Norvane::Logger::instance(false).sink(log);
-    const PKCS7_SIGNER_INFO* const raw = signer;
-    std::optional<Verdict> refused;
-    for (const NVX509::RefCertificate& certificate : certificates) {
-        if (!isNamedBy(raw->issuer_and_serial, certificate))
-            continue;
-        if (digested == nullptr)
-            return {false, "NOT VERIFIED, the digest algorithm " + objectName(raw->digest_alg->algorithm) +
-                               " is not available, " + certificateText(certificate)};
-        log->clear();
-        if (verifier.isValid(*digested, signer, certificate))
-            return {true, "good signature, " + certificateText(certificate)};
-        if (!refused)
-            refused = Verdict{false, "NOT VERIFIED, " + reasonOf(*log) + ", " + certificateText(certificate)};
+std::string reasonText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
+    if (result.reason == SignatureReason::certificateMissing) {
+        const PKCS7_SIGNER_INFO* const raw = signer;
+        std::string text = "no certificate with issuer " + displayName(signer.issuerAndSerialNumber().issuer());
+        if (raw->issuer_and_serial != nullptr)
+            text += " serial number " + hexNumber(raw->issuer_and_serial->serial);
+        return text;
     }
-    if (refused)
-        return *refused;
-    std::string name = "issuer " + signer.issuerAndSerialNumber().issuer().asString();
-    if (raw->issuer_and_serial != nullptr)
-        name += " serial number " + hexNumber(raw->issuer_and_serial->serial);
-    return {false, "NOT VERIFIED, no certificate with " + name};
+    std::string text = CMS::textOf(result.reason);
+    if (!result.algorithm.empty())
+        text += ": " + Norvane::escapeForDisplay(result.algorithm);
+    return text + eventOf(result.reason);
+}
+
+/// To be shown as it is.
+std::string verdictText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
+    std::string text = "good signature";
+    if (result.verdict == SignatureVerdict::refused)
+        text = "NOT VERIFIED, " + reasonText(result, signer);
+    else if (result.verdict == SignatureVerdict::unsupported)
+        text = "NOT JUDGED, " + reasonText(result, signer);
+    return static_cast<X509*>(result.certificate) == nullptr ? text : text + ", " + certificateText(result.certificate);
+}
+
+Exit exitOf(const CMS::SignatureReport& report) {
+    const auto has = [&report](SignatureVerdict verdict) {
+        return std::ranges::any_of(report.signers, [&](const auto& signer) { return signer.verdict == verdict; });
+    };
+    if (has(SignatureVerdict::refused))
+        return Exit::refused;
+    return has(SignatureVerdict::unsupported) ? Exit::failed : Exit::good;
 }
 
 Exit verify(const VerifyOptions& options) {
     Inputs inputs;
-    std::list<NVX509::RefCertificate> certificates;
+    std::optional<std::list<NVX509::RefCertificate>> certificates;
     if (options.certificate)
         certificates = readCertificates(inputs, *options.certificate);
-    const CMS::CMSVerifier verifier = openSignature(options.signature, inputs);
-    const PKCS7* const structure = verifier.contentInfo();
-    if (PKCS7_type_is_signed(structure) == 0)
-        throw Failure(inputName(options.signature) + " holds no signature but " + objectName(structure->type));
-    const CMS::SignedData data = CMS::signedData(verifier.contentInfo());
-    const std::list<CMS::SignerInfo>& signers = data.signerInfo();
+    const CMS::RefContentInfo structure = readSignature(inputs, options.signature);
+    if (const PKCS7* const raw = structure; PKCS7_type_is_signed(raw) == 0)
+        throw Failure(inputName(options.signature) + " holds no signature but " + objectName(raw->type));
+    const CMS::SignedData data = CMS::signedData(structure);
     TextOutput out;
-    if (signers.empty()) {
+    if (data.signerInfo().empty()) {
         out.line("no signer");
         out.flush();
         return Exit::refused;
     }
-    Digests digests(verifier, signers);
-    {
-        Progress progress("verifying");
-        Norvane::MediaIn body = openBody(options, verifier, inputs, progress);
-        digests.feed(body);
-    }
-    Exit code = Exit::good;
+    const CarriedContent carried = CMS::carriedContent(structure);
+    checkBody(options, carried);
+    const CMS::SignatureReport report = [&] {
+        try {
+            return judge(structure, options, certificates, inputs);
+        } catch (const Norvane::Exception& failure) {
+            throw Failure("cannot judge the signatures in " + inputName(options.signature), failure);
+        }
+    }();
     std::size_t number = 0;
-    for (const CMS::SignerInfo& signer : signers) {
-        const Verdict verdict =
-            judge(verifier, signer, options.certificate ? certificates : data.certificates(), digests.of(signer));
-        out.line("signer " + std::to_string(++number) + ": " + Norvane::escapeForDisplay(verdict.text));
-        if (!verdict.good)
-            code = Exit::refused;
-    }
+    auto signer = data.signerInfo().begin();
+    for (const CMS::SignatureResult& result : report.signers)
+        out.line("signer " + std::to_string(++number) + ": " + verdictText(result, *signer++));
+    out.line(Norvane::escapeForDisplay(bodyText(report, options, carried)));
     out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
     out.flush();
-    return code;
+    return exitOf(report);
 }
 
 } // namespace
@@ -195,10 +169,18 @@ void addVerify(CLI::App& app, Action& action) {
             "Certificates to verify with, instead of those in the structure; each signer takes the one with its "
             "issuer and serial number")
         ->type_name("FILE");
+    CLI::Option* body =
+        command
+            ->add_option(
+                "--in", options->in,
+                "The body; \"-\", as without it, is standard input. A content in the structure must be equal to it")
+            ->type_name("BODY");
     command
-        ->add_option("--in", options->in,
-                     "The body; without it the content of the structure, else standard input (\"-\")")
-        ->type_name("BODY");
+        ->add_flag("--embedded", options->embedded,
+                   "Judge the content that the structure carries; one that carries any needs this or --in")
+        ->excludes(body);
+    command->footer("Exit code: 0 every signature is good, 1 one is not, 2 an algorithm or a kind of signer is not "
+                    "supported, or there is nothing to judge.");
     command->callback([options, &action] { action = [options] { return verify(*options); }; });
 }
 

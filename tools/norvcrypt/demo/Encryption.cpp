@@ -1,6 +1,7 @@
 #include "cms/TrialDecryption.h"
 #include "demo/Demo.h"
 #include "read/CmsFile.h"
+#include "show/DecryptionReport.h"
 
 #include <norvcrypto/CMSEncryptionMedia.h>
 #include <norvcrypto/Hasher.h>
@@ -37,10 +38,10 @@ std::string Demo::digestDecryptedBy(const std::string& name, const Identity& ide
             m_inputs, path("message.p7m"), "the encrypted message",
             [&](Norvane::MediaIn& structure) { decryption.open(structure, path("message.p7m")); }, &progress);
     }
-    const bool served = decryption.run(path("message.p7m")) == Exit::good;
-    for (const std::string& line : decryption.report())
+    const DecryptionResult result = decryption.run(path("message.p7m"));
+    for (const std::string& line : decryptionReport(result))
         tell("      " + line);
-    if (!served)
+    if (!result.decrypted)
         return {};
     Norvane::Crypto::HasherMediaOut hasher(Norvane::Crypto::Hasher::SHA256);
     decryption.body().write(hasher);

@@ -4,10 +4,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <cstring> // explicit_bzero of <string.h> too
 #include <fcntl.h>
 #include <memory>
-#include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -142,7 +141,7 @@ Norvane::Buffer Inputs::readAll(Norvane::MediaIn& in, const std::string& path, b
         all.append(Norvane::Buffer(chunk.data(), static_cast<unsigned int>(count), true));
     }
     if (secret)
-        OPENSSL_cleanse(chunk.data(), chunk.size());
+        explicit_bzero(chunk.data(), chunk.size());
     return all;
 }
 

@@ -1,7 +1,6 @@
 #include "identities/StoreCheck.h"
 #include "identities/OwnerPatterns.h"
 #include "openssl/CertificateDetails.h"
-#include "openssl/OpenSsl.h"
 
 #include <algorithm>
 #include <array>
@@ -24,11 +23,9 @@ void checkValidity(Findings& findings, const Store::Contents& contents, std::siz
     const auto& certificate = contents.identities[at].certificate;
     if (certificate->validityPeriod().valid(now))
         return;
-    const QuietQuestion quiet;
-    const ASN1_TIME* start = X509_get0_notBefore(certificate);
-    const ASN1_TIME* end = X509_get0_notAfter(certificate);
-    const bool early = ASN1_TIME_cmp_time_t(start, now) > 0;
-    const auto text = isoTime(early ? start : end).value_or("a time that is no proper one");
+    const bool early = periodAt(certificate, now) == Period::notYetValid;
+    const auto text = isoTime(early ? X509_get0_notBefore(certificate) : X509_get0_notAfter(certificate))
+                          .value_or("a time that is no proper one");
     add(findings, contents, at,
         {.kind = early ? "notYetValid" : "expired",
          .file = "cert.pem",
@@ -36,8 +33,8 @@ void checkValidity(Findings& findings, const Store::Contents& contents, std::siz
 }
 
 void checkKey(Findings& findings, const Store::Contents& contents, std::size_t at) {
-    const EVP_PKEY* const key = X509_get0_pubkey(contents.identities[at].certificate);
-    if (key == nullptr)
+    const auto key = publicKeyDetails(contents.identities[at].certificate);
+    if (!key)
         return;
     static constexpr std::array<std::pair<int, int>, 5> limits{{{EVP_PKEY_RSA, leastFactoringBits},
                                                                 {EVP_PKEY_RSA_PSS, leastFactoringBits},
@@ -45,12 +42,12 @@ void checkKey(Findings& findings, const Store::Contents& contents, std::size_t a
                                                                 {EVP_PKEY_DH, leastFactoringBits},
                                                                 {EVP_PKEY_EC, leastCurveBits}}};
     for (const auto& [type, least] : limits)
-        if (EVP_PKEY_get_base_id(key) == type && EVP_PKEY_get_bits(key) < least)
+        if (key->kind == type && key->bits < least)
             add(findings, contents, at,
                 {.kind = "weakKey",
                  .file = "cert.pem",
-                 .reason = std::string("the ") + EVP_PKEY_get0_type_name(key) + " key has " +
-                           std::to_string(EVP_PKEY_get_bits(key)) + " bits, fewer than " + std::to_string(least)});
+                 .reason = "the " + key->name + " key has " + std::to_string(key->bits) + " bits, fewer than " +
+                           std::to_string(least)});
 }
 
 void checkDuplicates(Findings& findings, const Store::Contents& contents) {
@@ -66,7 +63,7 @@ void checkDuplicates(Findings& findings, const Store::Contents& contents) {
             continue;
         }
         const Store::Identity& other = contents.identities[*same];
-        const bool copy = X509_cmp(other.certificate, certificate) == 0;
+        const bool copy = isSameCertificate(other.certificate, certificate);
         add(findings, contents, at,
             {.kind = "duplicate",
              .file = "cert.pem",
@@ -78,16 +75,10 @@ void checkDuplicates(Findings& findings, const Store::Contents& contents) {
 
 /// True when whatever the later identity can be taken for, at whatever moment, the earlier one can be too.
 bool replaces(const Store::Identity& earlier, const Store::Identity& later) {
-    const QuietQuestion quiet;
     for (std::size_t purpose = 0; purpose < later.fitness.size(); ++purpose)
         if (later.fitness[purpose] == Store::Fitness::fit && earlier.fitness[purpose] != Store::Fitness::fit)
             return false;
-    const auto notLater = [](const ASN1_TIME* one, const ASN1_TIME* other) {
-        const int order = ASN1_TIME_compare(one, other); // -2 for a time that cannot be read
-        return order == 0 || order == -1;
-    };
-    return notLater(X509_get0_notBefore(earlier.certificate), X509_get0_notBefore(later.certificate)) &&
-           notLater(X509_get0_notAfter(later.certificate), X509_get0_notAfter(earlier.certificate));
+    return isValidWhenever(earlier.certificate, later.certificate);
 }
 
 /// Walks the patterns in their order of precedence and compares each with those before it that may cover it.

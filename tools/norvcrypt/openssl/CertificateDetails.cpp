@@ -64,7 +64,7 @@ template <class Pointer, class Use> bool eachExtension(X509* certificate, int ni
 
 std::string placeOf(const GENERAL_NAME* name) {
     if (name->type == GEN_DIRNAME)
-        return Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName).asString();
+        return displayName(Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName));
     const bool text = name->type == GEN_URI || name->type == GEN_DNS || name->type == GEN_EMAIL;
     return text ? textOf(name->d.ia5) : std::string();
 }
@@ -73,7 +73,7 @@ void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
     if (name == nullptr)
         return;
     if (name->type == 1) {
-        places.push_back(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename).asString());
+        places.push_back(displayName(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename)));
         return;
     }
     for (int at = 0; at < sk_GENERAL_NAME_num(name->name.fullname); ++at)
@@ -194,9 +194,54 @@ std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate&
     return names;
 }
 
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate) {
-    return name != nullptr && X509_NAME_cmp(name->issuer, X509_get_issuer_name(certificate)) == 0 &&
-           ASN1_INTEGER_cmp(name->serial, X509_get0_serialNumber(certificate)) == 0;
+Period periodAt(const X509* certificate, std::time_t when) {
+    const QuietQuestion quiet;
+    constexpr int unreadable = -2;
+    const int start = ASN1_TIME_cmp_time_t(X509_get0_notBefore(certificate), when);
+    if (start > 0 || start == unreadable)
+        return Period::notYetValid;
+    return ASN1_TIME_cmp_time_t(X509_get0_notAfter(certificate), when) < 0 ? Period::expired : Period::current;
+}
+
+bool isValidWhenever(const X509* one, const X509* other) {
+    const QuietQuestion quiet;
+    const auto notLater = [](const ASN1_TIME* first, const ASN1_TIME* second) {
+        const int order = ASN1_TIME_compare(first, second); // -2 for a time that cannot be read
+        return order == 0 || order == -1;
+    };
+    return notLater(X509_get0_notBefore(one), X509_get0_notBefore(other)) &&
+           notLater(X509_get0_notAfter(other), X509_get0_notAfter(one));
+}
+
+std::optional<PublicKeyDetails> publicKeyDetails(X509* certificate) {
+    const QuietQuestion quiet;
+    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
+    if (key == nullptr)
+        return std::nullopt;
+    const char* const name = EVP_PKEY_get0_type_name(key);
+    return PublicKeyDetails{EVP_PKEY_get_base_id(key), EVP_PKEY_get_bits(key), name == nullptr ? "" : name};
+}
+
+bool hasRsaKey(X509* certificate) {
+    const auto key = publicKeyDetails(certificate);
+    return key && key->kind == EVP_PKEY_RSA;
+}
+
+bool isRsa(const EVP_PKEY* key) {
+    return EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA;
+}
+
+bool mayEncipherKeys(X509* certificate) {
+    const QuietQuestion quiet;
+    return (X509_get_key_usage(certificate) & KU_KEY_ENCIPHERMENT) != 0; // every bit is set when nothing is said of it
+}
+
+bool isSameCertificate(const X509* one, const X509* other) {
+    return X509_cmp(one, other) == 0;
+}
+
+bool hasSerialNumber(const X509* certificate, const ASN1_INTEGER* number) {
+    return number != nullptr && ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), number) == 0;
 }
 
 } // namespace norvcrypt

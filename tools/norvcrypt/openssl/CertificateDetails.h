@@ -12,6 +12,7 @@
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,7 +50,30 @@ ListPlaces crlDistributionPoints(X509* certificate);
 /// "digitalSignature", ... in the order of RFC 5280; none when the certificate does not restrict its key.
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate);
 
-/// True when the certificate is the one that issuer and serial number name; negative numbers count like any others.
-bool isNamedBy(const PKCS7_ISSUER_AND_SERIAL* name, X509* certificate);
+/// Whether a certificate is valid at a moment, the last second of its validity included (RFC 5280). A period whose start
+/// cannot be read has not begun, one whose end cannot be read is over.
+enum class Period : int { current, notYetValid, expired };
+Period periodAt(const X509* certificate, std::time_t when);
+/// Whether one certificate is valid whenever the other is; false when that cannot be told.
+bool isValidWhenever(const X509* one, const X509* other);
+
+/// The public key of a certificate, for people and for limits; nothing when it cannot be read.
+struct PublicKeyDetails {
+    int kind = 0; ///< EVP_PKEY_RSA and so on
+    int bits = 0;
+    std::string name; ///< "RSA"
+};
+std::optional<PublicKeyDetails> publicKeyDetails(X509* certificate);
+bool hasRsaKey(X509* certificate);
+bool isRsa(const EVP_PKEY* key);
+
+/// Whether the key usage lets keys be encrypted to it; it does when there is none.
+bool mayEncipherKeys(X509* certificate);
+
+/// Whether two certificates are the same bytes; the library's comparison refuses negative serial numbers.
+bool isSameCertificate(const X509* one, const X509* other);
+
+/// Whether the certificate has that serial number, whatever its sign.
+bool hasSerialNumber(const X509* certificate, const ASN1_INTEGER* number);
 
 } // namespace norvcrypt

@@ -1,7 +1,21 @@
 #pragma once
 
 /// \file
-/// Owning pointers for what the tool asks OpenSSL directly.
+/// Owning pointers for what the tool asks OpenSSL directly, where the public surface of the library has no answer:
+///
+/// | where                  | what is asked, and why                                                                     |
+/// |------------------------|--------------------------------------------------------------------------------------------|
+/// | CertificateDetails     | numbers, times and names as they stand in a structure, also those that the library refuses |
+/// |                        | (negative serial numbers, improper times): whoever inspects them wants to see just these   |
+/// | Reasons                | OpenSSL's errors in the text form of the library, for calls that the tool makes itself     |
+/// | ../recognise/DerAndPem | which kind of object bytes are; the library reads a kind that its caller names             |
+/// | ../recognise/DigestNames | OpenSSL's names of digests; the library takes their numbers                              |
+/// | ../show/Description    | the parts of structures that nothing but a display needs, and why an object is malformed   |
+/// | ../write/PrivateKeyFile | keys in clear or under AES; the library writes them encrypted with triple DES only        |
+/// | ../commands/Cipher     | bytes from hexadecimal digits, wiped where they were in between                            |
+/// | ../demo/Message        | base64                                                                                     |
+/// | ../tls, ../commands/Tls... | versions, ciphers, alerts and verify results of a connection; files of trusted            |
+/// |                        | certificates and lists as OpenSSL finds them                                               |
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>

@@ -1,13 +1,12 @@
 #pragma once
 
 /// \file
-/// A CMS structure in a file, as verifying and decrypting read it and as signing and encrypting write it.
+/// A CMS structure in a file, as verifying and decrypting read it.
 
 #include "files/Input.h"
-#include "files/Output.h"
 
-#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
+#include <norvcrypto/CMS.h>
 
 #include <functional>
 #include <string>
@@ -20,7 +19,7 @@ namespace norvcrypt {
 void readStructure(Inputs& inputs, const std::string& path, const std::string& what,
                    const std::function<void(Norvane::MediaIn&)>& decode, Progress* progress = nullptr);
 
-/// Writes the structure as it is, or as a PEM block. \throws Failure
-void writeStructure(OutputFile& out, const Norvane::Buffer& der, bool pem);
+/// The one structure of a file, for verifying. \throws Failure as above; what is well formed and not supported is named
+Norvane::Crypto::CMS::RefContentInfo readSignature(Inputs& inputs, const std::string& path);
 
 } // namespace norvcrypt

@@ -4,7 +4,7 @@
 /// Keys and certificates from PKCS#12 files.
 
 #include "files/Input.h"
-#include "read/KeysAndCertificates.h"
+#include "read/Passphrase.h"
 
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Key.h>

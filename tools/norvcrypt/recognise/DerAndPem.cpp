@@ -200,11 +200,6 @@ std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
     return objects;
 }
 
-bool hasPemBlock(const Norvane::Buffer& content) {
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
-    return text.find("-----BEGIN ") != std::string_view::npos;
-}
-
 } // namespace
 
 bool beginsStructure(const Norvane::Buffer& start) {
@@ -213,6 +208,11 @@ bool beginsStructure(const Norvane::Buffer& start) {
     const unsigned char length = start.data()[1];
     const std::size_t inner = 2 + (length > 0x80 ? length & 0x7FU : 0U);
     return inner < start.length() && start.data()[inner] == V_ASN1_OBJECT;
+}
+
+bool hasPemBlock(const Norvane::Buffer& content) {
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    return text.find("-----BEGIN ") != std::string_view::npos;
 }
 
 bool looksLikeDer(const Norvane::Buffer& content) {

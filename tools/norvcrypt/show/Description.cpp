@@ -57,7 +57,7 @@ void putTime(Description& object, const char* key, const ASN1_TIME* time) {
 Description listFacts(const NVX509::RefCertificateRevocationList& list) {
     X509_CRL* const crl = list;
     Description facts = Description::object();
-    putText(facts, "issuer", list->crlInfo().issuer().asString());
+    putText(facts, "issuer", displayName(list->crlInfo().issuer()));
     putTime(facts, "thisUpdate", X509_CRL_get0_lastUpdate(crl));
     putTime(facts, "nextUpdate", X509_CRL_get0_nextUpdate(crl));
     const QuietQuestion quiet;
@@ -72,7 +72,7 @@ Description listFacts(const NVX509::RefCertificateRevocationList& list) {
 
 Description issuerAndSerial(const CMS::IssuerAndSerialNumber& name, const PKCS7_ISSUER_AND_SERIAL* raw) {
     Description facts = Description::object();
-    putText(facts, "issuer", name.issuer().asString());
+    putText(facts, "issuer", displayName(name.issuer()));
     if (raw != nullptr)
         putNumber(facts, "serial", "serial number", raw->serial);
     return facts;
@@ -178,8 +178,8 @@ Description typed(const char* type, const Description& facts) {
 Description certificateFacts(const NVX509::RefCertificate& certificate) {
     X509* const x509 = certificate;
     Description facts = Description::object();
-    putText(facts, "subject", certificate->subject().asString());
-    putText(facts, "issuer", certificate->issuer().asString());
+    putText(facts, "subject", displayName(certificate->subject()));
+    putText(facts, "issuer", displayName(certificate->issuer()));
     putNumber(facts, "serial", "serial number", X509_get0_serialNumber(x509));
     putTime(facts, "notBefore", X509_get0_notBefore(x509));
     putTime(facts, "notAfter", X509_get0_notAfter(x509));

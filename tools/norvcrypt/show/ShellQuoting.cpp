@@ -29,7 +29,7 @@ std::string quoted(const std::string& path) {
     static constexpr std::string_view plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./-+,:@%";
     if (argument.find_first_not_of(plain) == std::string::npos)
         return argument;
-    if (Norvane::escapeForDisplay(argument) != argument)
+    if (!Norvane::isDisplayable(argument))
         return printfOf(argument);
     std::string text = "'";
     for (const char letter : argument)

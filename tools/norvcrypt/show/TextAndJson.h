@@ -9,10 +9,10 @@ namespace norvcrypt {
 /// JSON in ASCII: whatever bytes the texts hold, it is valid and drives no terminal. Bytes that are no UTF-8 become
 /// \xNN, and a text that holds some has its backslashes doubled, as has one with a backslash and an x of its own: a
 /// value with \x in it is to be read back that way, any other as it stands, so that nothing is lost. "subject" and
-/// "issuer" keep the library's text form of names.
+/// "issuer" are names as the library shows them to people (RFC 4514), with the escapes of that form alone.
 std::string asJson(const Description& objects);
 
-/// Lines "key: value", one for each value, indented by depth; values are escaped for display.
+/// Lines "key: value", one for each value, indented by depth; values are escaped for display, names once.
 std::string asText(const Description& object);
 /// The same under a heading of the caller's, which is shown as it is.
 std::string asText(const std::string& heading, const Description& object);

@@ -2,11 +2,13 @@
 #include "base/Failure.h"
 #include "openssl/OpenSsl.h"
 #include "openssl/Reasons.h"
-#include "read/KeysAndCertificates.h"
+#include "read/CertificateFile.h"
+#include "read/PrivateKeyFile.h"
 
 #include <filesystem>
 #include <list>
 #include <memory>
+#include <sys/socket.h>
 #include <system_error>
 
 namespace norvcrypt {
@@ -38,13 +40,22 @@ const char* alertText(int value) {
     return text != nullptr ? text : SSL_alert_desc_string_long(value);
 }
 
+/// A connection whose start cannot be told ends there: no exception may pass through OpenSSL, which calls this.
+void tellStart(SSL* connection) noexcept {
+    try {
+        (*static_cast<const TlsStart*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection))))(connection);
+    } catch (...) {
+        ::shutdown(SSL_get_fd(connection), SHUT_RDWR);
+    }
+}
+
 /// Watches a connection: tells of its start, and remembers the alert with which a peer gives up, which reads like an
 /// orderly end.
 void watch(const SSL* connection, int where, int value) {
     SSL* const changed = const_cast<SSL*>(connection);
     const auto flags = static_cast<unsigned int>(where);
     if ((flags & SSL_CB_HANDSHAKE_START) != 0)
-        (*static_cast<const TlsStart*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection))))(changed);
+        tellStart(changed);
     const bool isFatal = value >> 8 == SSL3_AL_FATAL;
     if ((flags & SSL_CB_READ_ALERT) == SSL_CB_READ_ALERT && isFatal)
         SSL_set_app_data(changed, const_cast<char*>(alertText(value)));
@@ -52,11 +63,10 @@ void watch(const SSL* connection, int where, int value) {
 
 void loadIdentity(const NVSSL::RefContext& context, const TlsFiles& files) {
     Inputs inputs;
-    const auto passphrase = files.passphraseFile ? std::make_unique<Passphrase>(inputs, *files.passphraseFile)
-                                                 : std::make_unique<Passphrase>();
+    const Passphrase passphrase(inputs, files.passphraseFile);
     try {
         const std::list<NVX509::RefCertificate> chain = readCertificates(inputs, *files.certificate);
-        context->privateKey(readPrivateKey(inputs, *files.key, *passphrase));
+        context->privateKey(readPrivateKey(inputs, *files.key, passphrase));
         context->certificate(chain.front());
         for (auto at = std::next(chain.begin()); at != chain.end(); ++at) {
             context->appendToCertificatePath(*at);

@@ -12,8 +12,8 @@ namespace {
 
 std::string certificateLine(std::size_t number, X509* certificate) {
     const NVX509::RefCertificate handle = NVX509::CertificateFactory()(certificate, false);
-    return "peer certificate " + std::to_string(number) + ": " + handle->subject().asString() + ", issuer " +
-           handle->issuer().asString() + ", valid until " +
+    return "peer certificate " + std::to_string(number) + ": " + displayName(handle->subject()) + ", issuer " +
+           displayName(handle->issuer()) + ", valid until " +
            isoTime(X509_get0_notAfter(certificate)).value_or("no proper time") + ", SHA-256 " + fingerprint(handle);
 }
 

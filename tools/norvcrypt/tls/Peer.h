@@ -10,7 +10,7 @@
 
 namespace norvcrypt {
 
-/// What was agreed on, the peer's chain in the order in which it was sent, and the verify result; to be escaped.
+/// What was agreed on, the peer's chain in the order in which it was sent, and the verify result, as lines to be shown.
 std::vector<std::string> describePeer(SSL* connection);
 
 /// Whether the peer sent a certificate that verified.

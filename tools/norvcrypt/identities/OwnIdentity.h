@@ -1,16 +1,13 @@
 #pragma once
 
 /// \file
-/// The identities that a command line gives for decrypting: certificates with their private keys.
+/// Certificates with their private keys, as they are given for decrypting.
 
 #include "files/Input.h"
 
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Key.h>
 
-#include <CLI/CLI.hpp>
-
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,21 +29,10 @@ struct IdentityFiles {
     std::optional<std::string> passphrase;
 };
 
-/// The options for any number of identities, told apart by their order: an option that its identity has already, or a
-/// PKCS#12 file beside a certificate or key, begins the next one.
-class IdentityOptions {
-public:
-    explicit IdentityOptions(CLI::App& command);
-
-    /// What the command line said, once it was read; it may have none. \throws Failure: an identity lacks a file
-    [[nodiscard]] std::vector<IdentityFiles> files() const;
-
-private:
-    CLI::App* m_command;
-    std::vector<CLI::Option*> m_options;
-};
-
 /// Reads the files. \throws Failure
 std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs);
+
+/// The identities of a store that have a private key. \throws Failure
+std::vector<OwnIdentity> readIdentities(const std::string& store);
 
 } // namespace norvcrypt

@@ -1,15 +1,10 @@
-#include "identities/IdentityOptions.h"
+#include "commands/IdentityOptions.h"
 #include "base/Failure.h"
-#include "read/KeysAndCertificates.h"
-#include "read/Pkcs12File.h"
 
 #include <array>
 #include <map>
-#include <utility>
 
 namespace norvcrypt {
-
-namespace NVX509 = Norvane::Crypto::NVX509;
 
 namespace {
 
@@ -47,24 +42,6 @@ void requireComplete(const IdentityFiles& files) {
     }
 }
 
-OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
-    const auto content = readPkcs12(inputs, path, passphrase);
-    if (!content)
-        throw Failure("wrong passphrase for " + inputName(path));
-    if (content->key.isNull() || content->certificate.isNull())
-        throw Failure("no private key with its certificate in " + inputName(path));
-    return {content->certificate, content->key, inputName(path)};
-}
-
-OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
-    const auto passphrase =
-        files.passphrase ? std::make_unique<Passphrase>(inputs, *files.passphrase) : std::make_unique<Passphrase>();
-    if (files.pkcs12)
-        return fromPkcs12(*files.pkcs12, *passphrase, inputs);
-    const NVX509::RefCertificate certificate = readCertificates(inputs, *files.certificate).front();
-    return {certificate, readPrivateKey(inputs, *files.key, *passphrase), inputName(*files.key)};
-}
-
 } // namespace
 
 IdentityOptions::IdentityOptions(CLI::App& command) : m_command(&command) {
@@ -90,14 +67,6 @@ std::vector<IdentityFiles> IdentityOptions::files() const {
     for (const IdentityFiles& files : all)
         requireComplete(files);
     return all;
-}
-
-std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs) {
-    std::vector<OwnIdentity> identities;
-    identities.reserve(files.size());
-    for (const IdentityFiles& one : files)
-        identities.push_back(readIdentity(one, inputs));
-    return identities;
 }
 
 } // namespace norvcrypt

@@ -1,0 +1,75 @@
+#include "framing/Walk.h"
+
+namespace Norvane::Crypto::framing {
+
+Walk::Walk(const unsigned char* octets, std::size_t length) noexcept : m_octets(octets), m_length(length) {}
+
+Walk::Step Walk::last(Step step) noexcept {
+    m_last = step;
+    return step;
+}
+
+Walk::Step Walk::close(std::size_t at) noexcept {
+    const Open& closing = m_stack[--m_open];
+    m_elementSize = at - closing.start;
+    m_depth = m_open;
+    m_at = at;
+    return Step::closed;
+}
+
+/// Closes what cannot be read any further: everything up to the innermost element whose end is known, that included.
+Walk::Step Walk::abandon() noexcept {
+    if (m_open == 0) {
+        return last(Step::damaged);
+    }
+    const Open& closing = m_stack[m_open - 1];
+    m_abandoning = closing.indefinite;
+    return close(closing.indefinite ? m_at : closing.end);
+}
+
+Walk::Step Walk::enter(std::size_t start) noexcept {
+    if (m_open == deepest) {
+        return last(Step::tooDeep);
+    }
+    const std::size_t end =
+        m_header.indefinite ? limit() : m_contentAt + static_cast<std::size_t>(m_header.contentLength);
+    m_stack[m_open] = {start, end, m_header.indefinite};
+    m_depth = m_open++;
+    m_at = m_contentAt;
+    return Step::opened;
+}
+
+Walk::Step Walk::next() noexcept {
+    if (isLast(m_last)) {
+        return m_last;
+    }
+    if (m_abandoning) {
+        return abandon();
+    }
+    if (m_open == 0 && m_at != 0) {
+        return last(Step::finished);
+    }
+    const bool inside = m_open != 0;
+    if (inside && !m_stack[m_open - 1].indefinite && m_at == m_stack[m_open - 1].end) {
+        return close(m_at);
+    }
+    const std::size_t start = m_at;
+    const std::size_t left = limit() - start;
+    if (readHeader(m_octets + start, left, m_header) != HeaderState::complete ||
+        m_header.contentLength > left - m_header.size) {
+        return abandon();
+    }
+    m_contentAt = start + m_header.size;
+    if (inside && m_stack[m_open - 1].indefinite && m_header.isEndOfContents()) {
+        return close(m_contentAt);
+    }
+    if (m_header.constructed) {
+        return enter(start);
+    }
+    m_at = m_contentAt + static_cast<std::size_t>(m_header.contentLength);
+    m_depth = m_open;
+    m_elementSize = m_at - start;
+    return Step::primitive;
+}
+
+} // namespace Norvane::Crypto::framing

@@ -1,0 +1,326 @@
+// What a peer of a TLS connection may cost before anybody knows who it is: how often OpenSSL decodes a certificate, and
+// how often it is made to read without any data to show for it.
+
+#include "support/Interpose.h"
+#include "support/Tls.h"
+
+#include <gmock/gmock.h>
+
+#include <openssl/core_names.h>
+
+#include <functional>
+
+using namespace Norvane;
+using namespace Norvane::Crypto::NVSSL;
+using namespace tlstesting;
+using norvtest::detailOf;
+using norvtest::errorQueueIsEmpty;
+using norvtest::expectFailure;
+using norvtest::thrownBy;
+using testing::HasSubstr;
+
+namespace {
+
+thread_local int s_decoded = 0; ///< certificates that this thread decoded
+thread_local int s_reads = 0;
+
+} // namespace
+
+extern "C" {
+
+X509* d2i_X509(X509** certificate, const unsigned char** der, long length) {
+    ++s_decoded;
+    return norvtest::next<&d2i_X509>("d2i_X509")(certificate, der, length);
+}
+
+int SSL_read(SSL* ssl, void* buffer, int length) {
+    ++s_reads;
+    return norvtest::next<&SSL_read>("SSL_read")(ssl, buffer, length);
+}
+}
+
+namespace {
+
+class TlsHostilePeersTest : public TlsTest {};
+
+/// A chain certificate that OpenSSL would take long to decode or to use, and what a refusal of it says.
+struct Costly {
+    std::string name;
+    Identity identity;
+    std::string reason;
+};
+
+Identity withExplicitCurve() {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    EVP_PKEY_set_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING, OSSL_PKEY_EC_ENCODING_EXPLICIT);
+    Identity identity = norvauthority::issue(
+        {.subject = {{"CN", "explicit"}}, .key = norvauthority::Key::of(key), .ca = true, .keyUsage = 0x06U});
+    EVP_PKEY_free(key);
+    return identity;
+}
+
+/// So many distribution points under an issuer with a name of some 1,000 octets.
+Identity withRelativePoints(std::size_t count) {
+    const norvauthority::DistributionPoint point{.name = {{.relative = {{{"CN", "x"}}}}}};
+    return norvauthority::issue({.subject = {{"CN", std::string(1000, 'n')}},
+                                 .key = norvauthority::Key::ec(),
+                                 .ca = true,
+                                 .keyUsage = 0x06U,
+                                 .crlDistributionPoints = {count, point}});
+}
+
+const std::vector<Costly>& costlyOnes() {
+    static const std::vector<Costly> all{
+        {"explicit curve", withExplicitCurve(), "explicit elliptic curve parameters; "},
+        {"relative points", withRelativePoints(40), "too many distribution points relative to the issuer; "}};
+    return all;
+}
+
+/// A context of OpenSSL's own, which sends whatever it is given: an identity and one more certificate.
+RefContext plainContext(bool isClient, int version, const Identity& own, const Identity& further) {
+    RefContext made(new Context(SSL_CTX_new(isClient ? TLS_client_method() : TLS_server_method())));
+    SSL_CTX_set_security_level(made, 0);
+    made->certificate(certificateOf(own));
+    made->privateKey(keyOf(own));
+    SSL_CTX_add_extra_chain_cert(made, further.certificate.x509().release());
+    return only(made, version);
+}
+
+/// Asks for a certificate, and lets every client pass.
+RefContext askingServer(int version) {
+    const RefContext made = only(serverContext(), version);
+    SSL_CTX_set_verify(made, SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
+    return made;
+}
+
+/// The failure of a server of the library, with the client in another thread; an empty one when there is none.
+std::string refusalByServer(const RefContext& forServer, const RefContext& forClient) {
+    SSLSocket listening = listener(forServer);
+    auto client = std::async(std::launch::async, [&] {
+        try {
+            SSLSocket socket = dial(forClient, listening.localAddress());
+            receive(socket); // the alert, or the end
+        } catch (const SocketException&) {
+        }
+        ERR_clear_error();
+    });
+    std::string reason;
+    s_decoded = 0;
+    try {
+        static_cast<void>(listening.accept());
+    } catch (const SocketException& thrown) {
+        expectFailure(thrown, "SocketException", 4, "SSLSocket", 146);
+        reason = detailOf(thrown);
+    }
+    client.get();
+    return reason;
+}
+
+/// The same of a client, with the server in another thread; what the server was told is in `alert`.
+std::string refusalByClient(const RefContext& forClient, const RefContext& forServer, std::string* alert = nullptr) {
+    SSLSocket listening = listener(forServer);
+    auto server = std::async(std::launch::async, [&]() -> std::string {
+        try {
+            static_cast<void>(listening.accept());
+        } catch (const SocketException& thrown) {
+            return detailOf(thrown);
+        }
+        return {};
+    });
+    std::string reason;
+    s_decoded = 0;
+    try {
+        dial(forClient, listening.localAddress());
+    } catch (const SocketException& thrown) {
+        expectFailure(thrown, "SocketException", 4, "SSLSocket", 97);
+        EXPECT_EQ("SSL_connect failed", detailOf(thrown));
+        reason = reasonOf(thrown);
+    }
+    const std::string told = server.get();
+    if (alert != nullptr) {
+        *alert = told;
+    }
+    return reason;
+}
+
+constexpr std::array<int, 2> versions{TLS1_2_VERSION, TLS1_3_VERSION};
+
+TEST_F(TlsHostilePeersTest, CostlyCertificatesOfClientsAreRefusedBeforeAnyOfTheChainIsDecoded) {
+    for (const Costly& costly : costlyOnes()) {
+        for (const int version : versions) {
+            const std::string reason =
+                refusalByServer(askingServer(version), plainContext(clientSide, version, client(), costly.identity));
+            EXPECT_THAT(reason, HasSubstr(costly.reason)) << costly.name;
+            EXPECT_THAT(reason, testing::EndsWith("length mismatch; ")) << costly.name;
+            EXPECT_EQ(0, s_decoded) << costly.name << " in " << version;
+            EXPECT_TRUE(errorQueueIsEmpty());
+        }
+    }
+}
+
+TEST_F(TlsHostilePeersTest, CostlyCertificatesOfServersAreRefusedAndTheServerIsTold) {
+    for (const Costly& costly : costlyOnes()) {
+        for (const int version : versions) {
+            std::string alert;
+            const std::string reason = refusalByClient(
+                only(clientContext(), version), plainContext(serverSide, version, server(), costly.identity), &alert);
+            EXPECT_THAT(reason, HasSubstr(costly.reason)) << costly.name;
+            EXPECT_THAT(alert, HasSubstr("alert decode error; ")) << costly.name;
+            EXPECT_EQ(0, s_decoded) << costly.name << " in " << version;
+            EXPECT_TRUE(errorQueueIsEmpty());
+        }
+    }
+}
+
+TEST_F(TlsHostilePeersTest, HarmlessChainsAreDecodedAsEver) {
+    const Identity few = withRelativePoints(10);
+    for (const int version : versions) {
+        EXPECT_EQ("", refusalByServer(askingServer(version), plainContext(clientSide, version, client(), few)));
+        EXPECT_EQ(2, s_decoded);
+        EXPECT_EQ("",
+                  refusalByClient(only(clientContext(), version), plainContext(serverSide, version, server(), root())));
+        EXPECT_EQ(2, s_decoded);
+    }
+}
+
+TEST_F(TlsHostilePeersTest, CallbackOfTheProgramTakesItsPlaceAndMayHandOn) {
+    static bool s_guarded;
+    const auto own = [](int written, int version, int type, const void* data, std::size_t length, SSL* ssl,
+                        void* more) {
+        if (s_guarded) {
+            refuseCostlyMessages(written, version, type, data, length, ssl, more);
+        }
+    };
+    for (const bool guarded : {true, false}) {
+        s_guarded = guarded;
+        const RefContext forClient = clientContext();
+        SSL_CTX_set_msg_callback(forClient, own);
+        const auto& costly = costlyOnes().front();
+        EXPECT_EQ(
+            guarded,
+            !refusalByClient(forClient, plainContext(serverSide, TLS1_3_VERSION, server(), costly.identity)).empty())
+            << "a callback that does not hand on takes its place, deliberately";
+    }
+}
+
+/// A certificate with a comment of that length.
+Identity withComment(std::size_t length) {
+    return norvauthority::issue(
+        {.subject = {{"CN", "long"}},
+         .key = server().key,
+         .extensions = {{.oid = "2.16.840.1.113730.1.13",
+                         .value = norvauthority::der::element(0x16, norvauthority::Bytes(length, 'c'))}}});
+}
+
+TEST_F(TlsHostilePeersTest, CertificatesThatComeToMoreThan64KibAreRefused) {
+    const Identity fits = withComment(60000);
+    const Identity exceeds = withComment(65500);
+    ASSERT_LT(fits.certificate.der.size() + root().certificate.der.size(), 65000U);
+    ASSERT_GT(exceeds.certificate.der.size() + root().certificate.der.size(), 65536U);
+    for (const int version : versions) {
+        EXPECT_EQ("", refusalByServer(askingServer(version), plainContext(clientSide, version, fits, root())));
+        EXPECT_THAT(refusalByServer(askingServer(version), plainContext(clientSide, version, exceeds, root())),
+                    HasSubstr("excessive message size; "));
+        EXPECT_EQ(0, s_decoded);
+        EXPECT_THAT(refusalByClient(only(clientContext(), version), plainContext(serverSide, version, exceeds, root())),
+                    HasSubstr("excessive message size; "));
+        EXPECT_EQ(0, s_decoded);
+    }
+}
+
+TEST_F(TlsHostilePeersTest, BoundOfTheSizeIsThatOfEveryContext) {
+    for (const bool isClient : {true, false}) {
+        EXPECT_EQ(65536, SSL_CTX_get_max_cert_list(context(isClient)));
+        EXPECT_EQ(65536, SSL_CTX_get_max_cert_list(context(isClient, nullptr, ContextFactory::TLS_V1)));
+    }
+}
+
+/// What ends the client's `receive`, with a server that does something without end; how many reads it took is in s_reads.
+std::string floodOf(int version, const std::function<bool(SSL*)>& again) {
+    RefContext forServer(new Context(SSL_CTX_new(TLS_server_method())));
+    forServer->certificate(certificateOf(server()));
+    forServer->privateKey(keyOf(server()));
+    Connection both = connected(only(clientContext(), version), forServer);
+    auto flood = std::async(std::launch::async, [&] {
+        constexpr int many = 1000;
+        for (int i = 0; i < many && again(both.server); ++i) {
+        }
+        both.server.shutdown(false, true);
+        ERR_clear_error();
+    });
+    s_reads = 0;
+    std::string reason = "none";
+    try {
+        while (!receive(both.client).empty()) {
+        }
+    } catch (const SocketException& thrown) {
+        expectFailure(thrown, "SocketException", 4, "SSLSocket", 249);
+        EXPECT_EQ(Exception::Parameter(SSL_ERROR_SSL), thrown.parameters().back());
+        reason = reasonOf(thrown);
+    }
+    both.client.shutdown();
+    flood.get();
+    return reason;
+}
+
+TEST_F(TlsHostilePeersTest, KeyUpdatesWithoutEndEndTheConnection) {
+    for (const int kind : {SSL_KEY_UPDATE_NOT_REQUESTED, SSL_KEY_UPDATE_REQUESTED}) {
+        const std::string reason = floodOf(
+            TLS1_3_VERSION, [kind](SSL* ssl) { return SSL_key_update(ssl, kind) == 1 && SSL_do_handshake(ssl) == 1; });
+        EXPECT_THAT(reason, HasSubstr("too many key updates; "));
+        EXPECT_LE(s_reads, 140) << "of a thousand";
+    }
+}
+
+TEST_F(TlsHostilePeersTest, SessionTicketsWithoutEndEndTheConnection) {
+    const std::string reason = floodOf(
+        TLS1_3_VERSION, [](SSL* ssl) { return SSL_new_session_ticket(ssl) == 1 && SSL_do_handshake(ssl) == 1; });
+    EXPECT_THAT(reason, HasSubstr("unexpected message; "));
+    EXPECT_LE(s_reads, 90) << "a ticket has some hundred bytes, which count";
+}
+
+TEST_F(TlsHostilePeersTest, RenegotiationsWithoutEndEndTheConnection) {
+    int handshakes = 0;
+    const std::string reason = floodOf(TLS1_2_VERSION, [&](SSL* ssl) {
+        SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY); // reading comes back after the handshake, without data
+        char byte = 0;
+        const bool done = SSL_renegotiate(ssl) == 1 && SSL_do_handshake(ssl) == 1 &&
+                          SSL_get_error(ssl, SSL_peek(ssl, &byte, 1)) == SSL_ERROR_WANT_READ;
+        handshakes += done ? 1 : 0;
+        return done;
+    });
+    EXPECT_THAT(reason, HasSubstr("no renegotiation; "));
+    EXPECT_GE(handshakes, 10);
+    EXPECT_LE(handshakes, 30);
+}
+
+/// What `accept` throws when a client begins with so many times the same bytes.
+std::string refusalOfBeginning(const std::string& record, int times) {
+    SSLSocket listening = listener(serverContext());
+    Socket stranger(true);
+    stranger.connect(listening.localAddress());
+    for (int i = 0; i < times; ++i) {
+        tlstesting::send(stranger, record);
+    }
+    stranger.shutdown(false, true);
+    return detailOf(thrownBy<SocketException>([&] { static_cast<void>(listening.accept()); }));
+}
+
+// OpenSSL's own bound, which the library relies on.
+TEST_F(TlsHostilePeersTest, EmptyRecordsEndTheHandshake) {
+    const std::string empty("\x16\x03\x01\x00\x00", 5);
+    EXPECT_THAT(refusalOfBeginning(empty, 32), HasSubstr("unexpected eof"));
+    EXPECT_THAT(refusalOfBeginning(empty, 33), HasSubstr("record too small; "));
+}
+
+TEST_F(TlsHostilePeersTest, KeyUpdatesAreFreeWhereDataComesWithThem) {
+    Connection both = connected(only(clientContext(), TLS1_3_VERSION), serverContext());
+    const std::string piece(8192, 'd');
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(1, SSL_key_update(both.server, SSL_KEY_UPDATE_NOT_REQUESTED));
+        ASSERT_EQ(8192, send(both.server, piece));
+        ASSERT_EQ(piece, receive(both.client, piece.size()));
+    }
+}
+
+} // namespace

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "identities/OwnIdentity.h"
+
+#include <CLI/CLI.hpp>
+
+#include <vector>
+
+namespace norvcrypt {
+
+/// The options for any number of identities, told apart by their order: an option that its identity has already, or a
+/// PKCS#12 file beside a certificate or key, begins the next one.
+class IdentityOptions {
+public:
+    explicit IdentityOptions(CLI::App& command);
+
+    /// What the command line said, once it was read; it may have none. \throws Failure: an identity lacks a file
+    [[nodiscard]] std::vector<IdentityFiles> files() const;
+
+private:
+    CLI::App* m_command;
+    std::vector<CLI::Option*> m_options;
+};
+
+} // namespace norvcrypt

@@ -1,0 +1,53 @@
+#include "identities/OwnIdentity.h"
+#include "base/Failure.h"
+#include "identities/Store.h"
+#include "read/CertificateFile.h"
+#include "read/Pkcs12File.h"
+#include "read/PrivateKeyFile.h"
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+
+namespace {
+
+OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
+    const auto content = readPkcs12(inputs, path, passphrase);
+    if (!content)
+        throw Failure("wrong passphrase for " + inputName(path));
+    if (content->key.isNull() || content->certificate.isNull())
+        throw Failure("no private key with its certificate in " + inputName(path));
+    return {content->certificate, content->key, inputName(path)};
+}
+
+OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
+    const Passphrase passphrase(inputs, files.passphrase);
+    if (files.pkcs12)
+        return fromPkcs12(*files.pkcs12, passphrase, inputs);
+    const NVX509::RefCertificate certificate = readCertificates(inputs, *files.certificate).front();
+    return {certificate, readPrivateKey(inputs, *files.key, passphrase), inputName(*files.key)};
+}
+
+} // namespace
+
+std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs) {
+    std::vector<OwnIdentity> identities;
+    identities.reserve(files.size());
+    for (const IdentityFiles& one : files)
+        identities.push_back(readIdentity(one, inputs));
+    return identities;
+}
+
+std::vector<OwnIdentity> readIdentities(const std::string& store) {
+    const auto opened = openStore(store);
+    std::vector<OwnIdentity> identities;
+    for (const Store::Identity& identity : opened->contents()->identities)
+        if (identity.hasKey)
+            identities.push_back(
+                {identity.certificate,
+                 opened->find(identity.certificate->issuer(), identity.certificate->serialNumber())->key,
+                 store + "/" + identity.folder + "/key.pem"});
+    return identities;
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,54 @@
+#include "read/PrivateKeyFile.h"
+#include "base/Failure.h"
+#include "recognise/DerAndPem.h"
+
+#include <norvcrypto-keystore/KeyFiles.h>
+#include <norvcrypto/Crypto.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+using Norvane::Crypto::Key;
+using Norvane::Crypto::RefKey;
+
+namespace {
+
+/// Encrypted PEM says in its text how it is encrypted, encrypted DER in itself.
+RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
+    const auto form = hasPemBlock(content) ? NVX509::KeyForm::pem : NVX509::KeyForm::encryptedDer;
+    const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, form, passphrase.view());
+    if (opened.key.isNull())
+        throw Failure("cannot read the private key in " + name +
+                      ", the passphrase may be wrong: " + Norvane::Crypto::getErrString());
+    return opened.key;
+}
+
+} // namespace
+
+RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
+    const Norvane::Buffer content = inputs.readAll(path, true);
+    const std::string name = inputName(path);
+    const std::vector<FoundObject> objects = objectsIn(content);
+    const auto object = std::find_if(objects.begin(), objects.end(), [](const FoundObject& candidate) {
+        return candidate.kind == ObjectKind::privateKey || candidate.kind == ObjectKind::encryptedKey;
+    });
+    if (object == objects.end())
+        throw Failure("no private key in " + name +
+                      (objects.front().problem.empty() ? "" : ": " + objects.front().problem));
+    if (object->kind == ObjectKind::encryptedKey && !passphrase.given())
+        throw Failure("the private key in " + name + " is encrypted: give its passphrase with --passphrase-file");
+    if (object->kind == ObjectKind::encryptedKey)
+        return decryptedKey(content, passphrase, name);
+    try {
+        RefKey key(Key::PRIVATE_KEY);
+        key->read(object->der, false);
+        return key;
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot read the private key in " + name, failure);
+    }
+}
+
+} // namespace norvcrypt

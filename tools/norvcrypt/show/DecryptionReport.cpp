@@ -1,0 +1,62 @@
+#include "show/DecryptionReport.h"
+#include "openssl/CertificateDetails.h"
+
+#include <algorithm>
+
+namespace norvcrypt {
+
+namespace {
+
+std::string textOf(const Attempt& attempt) {
+    using enum Attempt::Outcome;
+    const std::string keyFile = attempt.identity ? attempt.identity->keyFile : "";
+    switch (attempt.outcome) {
+    case decrypted:
+        return "decrypted with the key in " + keyFile + ", certificate SHA-256 " +
+               fingerprint(attempt.identity->certificate);
+    case unnamed:
+        return "its serial number is negative, no key can be asked for (event 0x300005B)";
+    case noKey:
+        return "no key for it (event 0x300005A)";
+    case foreignKey:
+        return "the private key in " + keyFile + " does not belong to its certificate (event 0x300005B)";
+    case noRsaKey:
+        return "the private key in " + keyFile + " is no RSA key (event 0x300005B)";
+    case unsupported:
+        return attempt.algorithm + " is not supported (event 0x300005B)";
+    case notTried:
+        return "not tried, the message has more recipients than a message may cost (event 0x300005F)";
+    case failed:
+        break;
+    }
+    return "decryption with the key in " + keyFile + " failed, the message is damaged (event 0x300005B)";
+}
+
+} // namespace
+
+std::vector<std::string> decryptionReport(const DecryptionResult& result) {
+    if (result.contentMissing)
+        return {"the encrypted body is not in the structure (event 0x3000059)"};
+    if (result.attempts.empty())
+        return {"the structure names no recipient"};
+    std::vector<std::string> lines;
+    const auto begin = result.attempts.begin();
+    for (auto attempt = begin; attempt != result.attempts.end(); ++attempt) {
+        const std::string number = std::to_string(attempt - begin + 1);
+        // Those that were not tried are as many as the sender likes.
+        const auto next = std::find_if(attempt, result.attempts.end(),
+                                       [](const Attempt& one) { return one.outcome != Attempt::Outcome::notTried; });
+        if (next - attempt > 1) {
+            lines.push_back("recipients " + number + " to " + std::to_string(next - begin) + ": " + textOf(*attempt));
+            attempt = next - 1;
+        } else {
+            lines.push_back("recipient " + number + ", " + attempt->recipient +
+                            (attempt->recipient.empty() ? "" : ": ") + textOf(*attempt));
+        }
+    }
+    if (!result.unsupported.empty())
+        lines.push_back("not supported, and left out: " + inOneLine(result.unsupported));
+    return lines;
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "cms/TrialDecryption.h"
+
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+/// A line for each recipient that was tried, or why there was none to try; to be escaped.
+std::vector<std::string> decryptionReport(const DecryptionResult& result);
+
+} // namespace norvcrypt
