@@ -1,10 +1,11 @@
-// Enveloped structures: decoded from a stream and decrypted with one key for whoever is named, so that mutations reach
-// the cipher. The corpus is encrypted for that key.
+// Enveloped structures: outlined, decoded from a stream and decrypted with one key for whoever is named, so that
+// mutations reach the cipher. The corpus is encrypted for that key.
 #include "Driver.h"
 #include "EnvelopeKey.h"
 
 #include <norvcmsg/Media.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
+#include <norvcrypto/CMSEnvelopeOutline.h>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -43,7 +44,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::start();
     static const NVX509::RefKeyStore keys = makeStore();
     return fuzz::run(data, size, [](const Buffer& input) {
-        MemoryMediaIn source(input);
+        const CMS::EnvelopeOutline outline(input);
+        const Buffer readable = outline.readable(input);
+        if (outline.isReadable() != (readable.length() != 0) ||
+            (outline.kind() == CMS::EnvelopeOutline::Damaged && !outline.unsupported().empty())) {
+            std::abort();
+        }
+        MemoryMediaIn source(outline.isReadable() ? readable : input);
         CMS::DecrypterMediaIn decrypter(source, keys);
         NullMediaOut out;
         decrypter.write(out);

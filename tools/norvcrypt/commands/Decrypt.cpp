@@ -39,7 +39,7 @@ void openMessage(TrialDecryption& decryption, const std::string& path, Inputs& i
     Progress progress("decrypting");
     readStructure(
         inputs, path, "the encrypted message",
-        [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+        [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(path)); }, &progress);
 }
 
 Exit decrypt(const DecryptOptions& options) {
@@ -52,7 +52,7 @@ Exit decrypt(const DecryptOptions& options) {
     for (const std::string& line : decryptionReport(result))
         reportError(line);
     if (!result.decrypted)
-        return Exit::refused;
+        return result.needsMore() ? Exit::failed : Exit::refused;
     OutputStream body(out);
     decryption.body().write(body);
     out.commit();
@@ -77,7 +77,8 @@ void addDecrypt(CLI::App& app, Action& action) {
     command->footer(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
-        "names is tried for it.");
+        "names is tried for it. Exit code 1: no key decrypts the message; 2: it needs what is not supported, which is "
+        "named, or it cannot be read.");
     command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 
