@@ -31,7 +31,7 @@ std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inp
                       "--help tells more)");
     std::vector<OwnIdentity> identities = readIdentities(files, inputs);
     if (options.store)
-        std::ranges::move(readIdentities(*options.store), std::back_inserter(identities));
+        std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
     return identities;
 }
 
@@ -46,7 +46,7 @@ Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
     TrialDecryption decryption(identitiesOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs, OutputFile::Access::owner);
     openMessage(decryption, options.in, inputs);
     const DecryptionResult result = decryption.run(inputName(options.in));
     for (const std::string& line : decryptionReport(result))
@@ -71,7 +71,10 @@ void addDecrypt(CLI::App& app, Action& action) {
     command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
         ->type_name("MSG")
         ->capture_default_str();
-    command->add_option("--out", options->out, "The body, written only when a key fitted; \"-\" is standard output")
+    command
+        ->add_option(
+            "--out", options->out,
+            "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->type_name("BODY")
         ->capture_default_str();
     command->footer(

@@ -1,5 +1,6 @@
 #include "demo/Demo.h"
 #include "commands/Command.h"
+#include "commands/Force.h"
 
 #include <memory>
 
@@ -16,6 +17,7 @@ void addDemo(CLI::App& app, Action& action) {
     command->add_option("--dir", options->directory, "Where everything is left")
         ->type_name("DIR")
         ->capture_default_str();
+    addForce(*command, options->force);
     command->callback([options, &action] { action = [options] { return Demo(*options).run(); }; });
 }
 

@@ -75,8 +75,8 @@ NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
 }
 
 /// Whom the store names for the addresses.
-void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options) {
-    const NVX509::RefDirectoryKeyStore store = openStore(*options.store);
+void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options, Inputs& inputs) {
+    const NVX509::RefDirectoryKeyStore store = openStore(*options.store, &inputs);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
         addRecipient(recipients, identity.certificate);
@@ -89,7 +89,7 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
     for (const std::string& path : options.recipients)
         addRecipient(recipients, readRecipient(path, inputs));
     if (options.store)
-        addFromStore(recipients, options);
+        addFromStore(recipients, options, inputs);
     Progress progress("encrypting");
     Norvane::MediaIn body = inputs.open(options.in, &progress);
     try {
@@ -105,7 +105,7 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
 Exit encrypt(const EncryptOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs);
     if (options.pem) {
         Norvane::MemoryMediaOut structure;
         encryptInto(structure, options, inputs);

@@ -1,4 +1,5 @@
 #include "commands/Command.h"
+#include "commands/Force.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "read/Passphrase.h"
@@ -22,6 +23,7 @@ struct GenkeyOptions {
     unsigned int exponent = 65537;
     std::string out;
     std::optional<std::string> passphraseFile;
+    bool force = false;
 };
 
 void requireProtection(const Passphrase& passphrase, const GenkeyOptions& options) {
@@ -45,7 +47,7 @@ Exit genkey(const GenkeyOptions& options) {
     const Passphrase passphrase(inputs, options.passphraseFile);
     requireProtection(passphrase, options);
     // Opened first: a place that cannot be written to should not cost the generation.
-    OutputFile out(options.out, OutputFile::Access::owner);
+    OutputFile out(options.out, inputs, OutputFile::Access::owner, existingOf(options.force));
     const Norvane::Crypto::RefKey key = generate(options);
     writePrivateKey(key, passphrase.view(), out);
     out.commit();
@@ -72,6 +74,7 @@ void addGenkey(CLI::App& app, Action& action) {
         ->add_option("--passphrase-file", options->passphraseFile,
                      "Encrypt the key under this file's first line; without it the key is in clear")
         ->type_name("FILE");
+    addForce(*command, options->force);
     command->callback([options, &action] { action = [options] { return genkey(*options); }; });
 }
 

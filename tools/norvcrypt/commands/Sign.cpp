@@ -40,7 +40,7 @@ struct SignOptions {
 /// The signer's certificate comes first in its file; what follows belongs to the chain, like the file for the chain.
 NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs) {
     if (options.store)
-        return signerFor(*options.store, options.from);
+        return signerFor(*options.store, options.from, inputs);
     std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
     const NVX509::RefCertificate certificate = chain.front();
     chain.pop_front();
@@ -84,7 +84,7 @@ Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
 Exit sign(const SignOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs);
     const Norvane::Buffer der = signatureOver(options, inputs);
     writeStructure(out, der, options.pem);
     out.commit();

@@ -192,7 +192,8 @@ private:
 
     NVSSL::SSLSocket& m_socket;
     Source& m_source;
-    OutputFile m_out{"-"};
+    Inputs m_inputs;
+    OutputFile m_out{"-", m_inputs};
     unsigned int m_timeLimit;
     std::string m_pending;
     bool m_peerEnded = false;

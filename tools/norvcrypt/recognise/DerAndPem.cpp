@@ -1,5 +1,6 @@
 #include "recognise/DerAndPem.h"
 #include "openssl/OpenSsl.h"
+#include "recognise/Blanks.h"
 
 #include <norvcrypto/CrossCertificatePair.h>
 #include <norvcrypto/Crypto.h>
@@ -171,16 +172,22 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
     return objects;
 }
 
+/// Where the blanks begin that a content ends with; looked for once, however many objects it holds.
+std::size_t endWithoutBlanks(const Norvane::Buffer& content) {
+    std::size_t end = content.length();
+    while (end > 0 && isBlank(content.data()[end - 1]))
+        --end;
+    return end;
+}
+
 std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
     std::vector<FoundObject> objects;
     std::size_t at = 0;
-    const auto isBlank = [](unsigned char byte) { return byte == '\n' || byte == '\r' || byte == ' ' || byte == '\t'; };
-    while (at < content.length()) {
+    const std::size_t end = endWithoutBlanks(content);
+    // An editor's last line feed is no object.
+    while (at < content.length() && (objects.empty() || at < end)) {
         const unsigned char* start = content.data() + at;
         const std::size_t left = content.length() - at;
-        // An editor's last line feed is no object.
-        if (!objects.empty() && std::all_of(start, start + left, isBlank))
-            break;
         const auto header = headerOf(start, left);
         const std::size_t length = header ? header->headerLength + header->contentLength : left;
         Norvane::Buffer der;
