@@ -18,6 +18,8 @@ namespace {
 constexpr unsigned int leastSafeBits = 2048;
 constexpr unsigned int largestBits = 16384; // OpenSSL works with no larger modulus
 
+constexpr unsigned int leastBits = 512; // OpenSSL makes no smaller ones
+
 struct GenkeyOptions {
     unsigned int bits = 3072;
     unsigned int exponent = 65537;
@@ -62,9 +64,9 @@ Exit genkey(const GenkeyOptions& options) {
 void addGenkey(Command& commands, Action& action) {
     auto options = std::make_shared<GenkeyOptions>();
     Command* command = commands.command("genkey", "Generates an RSA private key: PEM, readable by its owner alone");
-    command->option("--bits", options->bits, "The size of the modulus")
+    command->option("--bits", options->bits, "The size of the modulus: 512 to 16384, and 2048 or more to be safe")
         ->typeName("COUNT")
-        ->range(0U, largestBits)
+        ->range(leastBits, largestBits)
         ->showDefault();
     command->option("--exponent", options->exponent, "The public exponent: odd and above 1")
         ->typeName("NUMBER")
