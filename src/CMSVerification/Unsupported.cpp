@@ -1,9 +1,8 @@
 // What keeps a well-formed structure from being decoded: a walk over its elements.
-#include "openssl/BerElements.h"
+#include "framing/Elements.h"
 
 #include <norvcrypto/CMSVerification.h>
 
-#include <openssl/asn1.h>
 #include <openssl/objects.h>
 
 #include <algorithm>
@@ -12,9 +11,9 @@
 
 namespace Norvane::Crypto::CMS {
 
-using openssl::BerBytes;
-using openssl::BerElement;
-using openssl::BerElements;
+using framing::Element;
+using framing::Elements;
+using framing::Octets;
 
 namespace {
 
@@ -29,22 +28,22 @@ void note(Finding& finding, Finding more) noexcept {
 }
 
 /// Whether an identifier is one of the types of PKCS#7 but data: 1.2.840.113549.1.7.2 to 6.
-bool isStructuredType(const BerElement& identifier) noexcept {
+bool isStructuredType(const Element& identifier) noexcept {
     static constexpr std::array<unsigned char, 8> arc{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07};
-    const BerBytes name = identifier.content;
+    const Octets name = identifier.content;
     return name.size() == arc.size() + 1 && std::equal(arc.begin(), arc.end(), name.begin()) && name.back() >= 2 &&
            name.back() <= 6;
 }
 
 /// EncapsulatedContentInfo (RFC 5652, 5.2).
-bool walkContent(BerElements content, Finding& finding) noexcept {
-    const auto type = content.nextUniversal(V_ASN1_OBJECT);
+bool walkContent(Elements content, Finding& finding) noexcept {
+    const auto type = content.nextUniversal(framing::objectIdentifier);
     if (!type) {
         return false;
     }
     if (const auto carried = content.nextContext(0)) {
-        const auto inside = BerElements(*carried).next();
-        if (inside && inside->isUniversal(V_ASN1_OCTET_STRING) && isStructuredType(*type)) {
+        const auto inside = Elements(*carried).next();
+        if (inside && inside->isUniversal(framing::octetString) && isStructuredType(*type)) {
             note(finding, "a content that is a structure in an OCTET STRING");
         }
     }
@@ -52,7 +51,7 @@ bool walkContent(BerElements content, Finding& finding) noexcept {
 }
 
 /// CertificateSet (RFC 5652, 10.2.3).
-bool walkCertificates(BerElements certificates, Finding& finding) noexcept {
+bool walkCertificates(Elements certificates, Finding& finding) noexcept {
     while (!certificates.atEnd()) {
         const auto certificate = certificates.next();
         if (!certificate) {
@@ -64,7 +63,7 @@ bool walkCertificates(BerElements certificates, Finding& finding) noexcept {
             note(finding, "an attribute certificate");
         } else if (certificate->isContext(3)) {
             note(finding, "a certificate of another format");
-        } else if (!certificate->isUniversal(V_ASN1_SEQUENCE)) {
+        } else if (!certificate->isUniversal(framing::sequence)) {
             return false;
         }
     }
@@ -72,7 +71,7 @@ bool walkCertificates(BerElements certificates, Finding& finding) noexcept {
 }
 
 /// RevocationInfoChoices (RFC 5652, 10.2.1).
-bool walkRevocations(BerElements revocations, Finding& finding) noexcept {
+bool walkRevocations(Elements revocations, Finding& finding) noexcept {
     while (!revocations.atEnd()) {
         const auto revocation = revocations.next();
         if (!revocation) {
@@ -80,7 +79,7 @@ bool walkRevocations(BerElements revocations, Finding& finding) noexcept {
         }
         if (revocation->isContext(1)) {
             note(finding, "revocation information that is no list");
-        } else if (!revocation->isUniversal(V_ASN1_SEQUENCE)) {
+        } else if (!revocation->isUniversal(framing::sequence)) {
             return false;
         }
     }
@@ -88,30 +87,30 @@ bool walkRevocations(BerElements revocations, Finding& finding) noexcept {
 }
 
 /// SignerInfo (RFC 5652, 5.3).
-bool walkSigner(BerElements signer, Finding& finding) noexcept {
-    if (!signer.nextUniversal(V_ASN1_INTEGER)) {
+bool walkSigner(Elements signer, Finding& finding) noexcept {
+    if (!signer.nextUniversal(framing::integer)) {
         return false;
     }
     if (signer.nextContext(0)) {
         note(finding, "a signer that is named by a key identifier");
-    } else if (!signer.nextUniversal(V_ASN1_SEQUENCE)) {
+    } else if (!signer.nextUniversal(framing::sequence)) {
         return false;
     }
-    if (!signer.nextUniversal(V_ASN1_SEQUENCE)) {
+    if (!signer.nextUniversal(framing::sequence)) {
         return false;
     }
     static_cast<void>(signer.nextContext(0)); // signed attributes
-    if (!signer.nextUniversal(V_ASN1_SEQUENCE) || !signer.nextUniversal(V_ASN1_OCTET_STRING)) {
+    if (!signer.nextUniversal(framing::sequence) || !signer.nextUniversal(framing::octetString)) {
         return false;
     }
     static_cast<void>(signer.nextContext(1)); // unsigned attributes
     return signer.atEnd();
 }
 
-bool walkSigners(BerElements signers, Finding& finding) noexcept {
+bool walkSigners(Elements signers, Finding& finding) noexcept {
     while (!signers.atEnd()) {
-        const auto signer = signers.nextUniversal(V_ASN1_SEQUENCE);
-        if (!signer || !walkSigner(BerElements(*signer), finding)) {
+        const auto signer = signers.nextUniversal(framing::sequence);
+        if (!signer || !walkSigner(Elements(*signer), finding)) {
             return false;
         }
     }
@@ -119,44 +118,44 @@ bool walkSigners(BerElements signers, Finding& finding) noexcept {
 }
 
 /// True when the signed data (RFC 5652, 5.1) is well formed as far as it is walked.
-bool walkSignedData(BerElements data, Finding& finding) noexcept {
-    if (!data.nextUniversal(V_ASN1_INTEGER) || !data.nextUniversal(V_ASN1_SET)) {
+bool walkSignedData(Elements data, Finding& finding) noexcept {
+    if (!data.nextUniversal(framing::integer) || !data.nextUniversal(framing::set)) {
         return false;
     }
-    const auto content = data.nextUniversal(V_ASN1_SEQUENCE);
-    if (!content || !walkContent(BerElements(*content), finding)) {
+    const auto content = data.nextUniversal(framing::sequence);
+    if (!content || !walkContent(Elements(*content), finding)) {
         return false;
     }
     const auto certificates = data.nextContext(0);
-    if (certificates && !walkCertificates(BerElements(*certificates), finding)) {
+    if (certificates && !walkCertificates(Elements(*certificates), finding)) {
         return false;
     }
     const auto revocations = data.nextContext(1);
-    if (revocations && !walkRevocations(BerElements(*revocations), finding)) {
+    if (revocations && !walkRevocations(Elements(*revocations), finding)) {
         return false;
     }
-    const auto signers = data.nextUniversal(V_ASN1_SET);
-    return signers && data.atEnd() && walkSigners(BerElements(*signers), finding);
+    const auto signers = data.nextUniversal(framing::set);
+    return signers && data.atEnd() && walkSigners(Elements(*signers), finding);
 }
 
-bool walk(BerBytes bytes, Finding& finding) noexcept {
-    const auto structure = openssl::firstElement(bytes);
-    if (!structure || !structure->isUniversal(V_ASN1_SEQUENCE)) {
+bool walk(Octets bytes, Finding& finding) noexcept {
+    const auto structure = framing::firstElement(bytes);
+    if (!structure || !structure->isUniversal(framing::sequence)) {
         return false;
     }
-    BerElements parts(*structure);
-    const auto type = parts.nextUniversal(V_ASN1_OBJECT);
+    Elements parts(*structure);
+    const auto type = parts.nextUniversal(framing::objectIdentifier);
     const ASN1_OBJECT* signedData = OBJ_nid2obj(NID_pkcs7_signed);
-    if (!type || !std::ranges::equal(type->content, BerBytes(OBJ_get0_data(signedData), OBJ_length(signedData)))) {
+    if (!type || !std::ranges::equal(type->content, Octets(OBJ_get0_data(signedData), OBJ_length(signedData)))) {
         return false;
     }
     const auto explicitContent = parts.nextContext(0);
     if (!explicitContent || !parts.atEnd()) {
         return false;
     }
-    BerElements inside(*explicitContent);
-    const auto data = inside.nextUniversal(V_ASN1_SEQUENCE);
-    return data && inside.atEnd() && walkSignedData(BerElements(*data), finding);
+    Elements inside(*explicitContent);
+    const auto data = inside.nextUniversal(framing::sequence);
+    return data && inside.atEnd() && walkSignedData(Elements(*data), finding);
 }
 
 } // namespace
@@ -166,7 +165,7 @@ std::string unsupportedPart(const unsigned char* structure, std::size_t length) 
         return {};
     }
     Finding finding;
-    return walk(BerBytes(structure, length), finding) ? std::string(finding) : std::string();
+    return walk(Octets(structure, length), finding) ? std::string(finding) : std::string();
 }
 
 std::string unsupportedPart(const Buffer& structure) {
