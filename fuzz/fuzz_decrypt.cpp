@@ -1,4 +1,4 @@
-// Enveloped structures: decoded from a stream and decrypted with one key for whoever is named, so that mutations reach
+// Enveloped structures: decoded from a stream, without what the decoder does not know, and decrypted with one key for whoever is named, so that mutations reach
 // the cipher. The corpus is encrypted for that key. Each is decrypted in both ways.
 #include "Driver.h"
 #include "EnvelopeKey.h"
@@ -7,6 +7,7 @@
 #include <norvcmsg/Media.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
+#include <norvcrypto/CMSEnvelopeOutline.h>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -41,13 +42,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::start();
     static const NVX509::RefKeyStore keys = fuzz::envelopeStore();
     const auto decryptInBothWays = [](const Buffer& input) {
-        MemoryMediaIn source(input);
+        const CMS::EnvelopeOutline outline(input);
+        const Buffer message = outline.isReadable() ? outline.readable(input) : input;
+        MemoryMediaIn source(message);
         DecrypterMediaIn streaming(source, keys);
         NullMediaOut unseen;
         streaming.write(unseen);
         checkAnswers(streaming, streaming.decryptionSucceeded());
 
-        MemoryMediaIn again(input);
+        MemoryMediaIn again(message);
         DecrypterMediaIn decrypter(again, keys);
         SwapBufferMediaOut out(1U << 20U, "/tmp/fuzzXXXXXX");
         const bool succeeded = decrypter.decrypt(out);

@@ -17,6 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (const std::string& feature : outline.unsupported()) {
             fuzz::require(!feature.empty() && isDisplayable(feature));
         }
+        fuzz::require(outline.kind() != EnvelopeOutline::Damaged || outline.unsupported().empty());
         const Buffer rest = outline.readable(input);
         fuzz::require(outline.isReadable() == !rest.empty());
         if (!outline.isReadable()) {

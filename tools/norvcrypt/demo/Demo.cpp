@@ -48,8 +48,9 @@ norvauthority::Key Demo::makeKey() {
 Demo::Identity Demo::makeIdentity(const std::string& name, norvauthority::CertificateRequest request) {
     request.key = makeKey();
     Identity identity = norvauthority::issue(request);
-    writeFile(path(name + ".key"), identity.key.pkcs8Pem(), OutputFile::Access::owner);
-    writeFile(path(name + ".pem"), identity.certificate.pem());
+    const auto existing = m_options.force ? OutputFile::Existing::replaced : OutputFile::Existing::refused;
+    writeFile(path(name + ".key"), m_inputs, identity.key.pkcs8Pem(), OutputFile::Access::owner, existing);
+    writeFile(path(name + ".pem"), m_inputs, identity.certificate.pem());
     tell("   " + path(name + ".pem") + "  SHA-256 " + identity.certificate.sha256());
     return identity;
 }
@@ -92,7 +93,7 @@ void Demo::makeIdentities() {
     m_mallory = makeIdentity("mallory", person("Mallory Example", "mallory@example.org", "0bad0bad"));
     const norvauthority::Crl list = norvauthority::issueList(
         {.issuer = &m_authority, .revoked = {{.serial = "0bad", .reason = 1}}, .crlNumber = "01"});
-    writeFile(path("ca.crl"), list.pem());
+    writeFile(path("ca.crl"), m_inputs, list.pem());
     tell("   " + path("ca.crl") + "  the authority's revocation list");
     command("openssl verify -purpose smimesign -CAfile " + argument("root.pem") + " -untrusted " + argument("ca.pem") +
             " " + argument("alice.pem") + " " + argument("bob.pem") + " " + argument("carol.pem") + " " +
@@ -103,7 +104,7 @@ void Demo::makeIdentities() {
 void Demo::makeMessage() {
     tell("2. The message");
     Norvane::Crypto::HasherMediaOut hasher(Hasher::SHA256);
-    OutputFile file(path("message.eml"));
+    OutputFile file(path("message.eml"), m_inputs);
     const auto write = [&](std::string_view bytes) {
         file.write(bytes.data(), bytes.size());
         hasher.write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned int>(bytes.size()));

@@ -19,6 +19,7 @@ namespace norvcrypt {
 struct DemoOptions {
     std::optional<std::string> in;
     std::string directory = "norvcrypt-demo";
+    bool force = false; ///< replace keys that are there already
 };
 
 /// The demonstration: each step says what it does, does it, and prints how to check it without this program.
