@@ -89,9 +89,9 @@ void pushDigests(PKCS7_SIGNER_INFO* signer, const std::vector<Bytes>& digests) {
     X509_ATTRIBUTE* attribute = X509_ATTRIBUTE_new();
     ASSERT_EQ(X509_ATTRIBUTE_set1_object(attribute, OBJ_nid2obj(NID_pkcs9_messageDigest)), 1);
     for (const Bytes& digest : digests) {
-        ASSERT_EQ(X509_ATTRIBUTE_set1_data(attribute, V_ASN1_OCTET_STRING, digest.data(),
-                                           static_cast<int>(digest.size())),
-                  1);
+        ASSERT_EQ(
+            X509_ATTRIBUTE_set1_data(attribute, V_ASN1_OCTET_STRING, digest.data(), static_cast<int>(digest.size())),
+            1);
     }
     if (signer->auth_attr == nullptr) {
         signer->auth_attr = sk_X509_ATTRIBUTE_new_null();

@@ -22,14 +22,16 @@ constexpr unsigned int longestPassphrase = 1023;
 /// What became of reading a private key.
 struct OpenedKey {
     RefKey key;             ///< null when there is none that could be read
-    bool encrypted = false; ///< what was read, or was to be read, is encrypted
-    bool tooCostly = false; ///< refused: reading it would cost more than `PrivateKey` allows
-    std::string reason;     ///< why there is no key
+    bool encrypted = false; ///< without a key: there is one, and it is encrypted
+    bool tooCostly = false; ///< without a key: it is refused before it is decrypted or decoded (`TooCostlyException`)
+    std::string reason;     ///< without a key: why, in the words of OpenSSL or of the refusal
 };
 
-/// Reads a private key as `PrivateKey::readUnattended` does, and answers instead of throwing: never prompts, an empty
-/// passphrase is one like any other, and without a passphrase an encrypted key is not read. Content that is no PEM is
-/// taken for encrypted.
+/// Reads the first private key, as `PrivateKey::readUnattended` does: keys that would take minutes to decrypt or to decode
+/// are refused. Never prompts: without a passphrase an encrypted key is not read. An empty passphrase is one like any
+/// other. Content that is no PEM is taken for encrypted. What memory held the key is wiped. Of OpenSSL's error queue a
+/// failure leaves nothing: what stood in it is in the reason.
+/// \throws std::bad_alloc
 NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase);
 
 /// Whether a PEM block begins in the content, wherever that is.

@@ -2,43 +2,80 @@
 
 #include "OpenSsl.h"
 
+#include <norvcmsg/Exception.h>
+
+#include <openssl/pem.h>
+
+#include <variant>
+
 namespace Norvane::Crypto::NVX509 {
 
 namespace {
 
-bool holds(const Buffer& content, std::string_view part) {
-    return std::string_view(reinterpret_cast<const char*>(content.data()), content.length()).find(part) !=
-           std::string_view::npos;
+/// Notes that OpenSSL asks for a passphrase, and has none. Without an answer it would ask on a terminal.
+int noteQuestion(char* /*out*/, int /*size*/, int /*writing*/, void* asked) {
+    *static_cast<bool*>(asked) = true;
+    return -1;
+}
+
+/// Whether the first private key of a text is encrypted: in PKCS#8, as its label tells, or in the older way, in which
+/// OpenSSL decrypts a block as soon as it finds it.
+bool isEncryptedPem(const Buffer& content) {
+    const keystore::QuietQuestion quiet;
+    const auto source = keystore::sourceOver(content);
+    bool asked = false;
+    unsigned char* data = nullptr;
+    long length = 0;
+    char* label = nullptr;
+    if (PEM_bytes_read_bio_secmem(&data, &length, &label, PEM_STRING_EVP_PKEY, source.get(), noteQuestion, &asked) !=
+        1) {
+        return asked;
+    }
+    const bool encrypted = std::string_view(label) == PEM_STRING_PKCS8;
+    OPENSSL_secure_clear_free(data, static_cast<std::size_t>(length));
+    OPENSSL_secure_free(label);
+    return encrypted;
+}
+
+/// What an exception of the library says about its cause.
+std::string detailOf(const Exception& failure) {
+    std::string detail;
+    for (const auto& parameter : failure.parameters()) {
+        if (const auto* text = std::get_if<std::string>(&parameter)) {
+            detail = *text;
+        }
+    }
+    // The library puts this in front of it; whoever reads the reason knows what was read.
+    constexpr std::string_view prefix = "Could not decode the private key:  ";
+    return detail.compare(0, prefix.size(), prefix) == 0 ? detail.substr(prefix.size()) : detail;
 }
 
 } // namespace
 
 OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase) {
-    Buffer secret;
-    secret.protect();
-    if (passphrase) {
-        secret.append(Buffer(reinterpret_cast<const unsigned char*>(passphrase->data()),
-                             static_cast<unsigned int>(passphrase->size()), false));
-    }
+    const std::string_view characters = passphrase.value_or("");
+    const Buffer answer(characters.data(), static_cast<unsigned int>(characters.size()), true);
     OpenedKey opened;
-    // PKCS#8 says so in the label, the older forms of OpenSSL in a header.
-    opened.encrypted = !isPem(content) || holds(content, "ENCRYPTED");
-    auto* const body = new PrivateKey(nullptr);
-    const RefKey key(body);
+    const keystore::QuietQuestion quiet;
+    auto* const key = new PrivateKey(nullptr);
+    const RefKey handle(key);
     try {
-        body->readUnattended(content, passphrase ? &secret : nullptr);
-        opened.key = key;
-    } catch (const TooCostlyException& failure) {
+        key->readUnattended(content, passphrase ? &answer : nullptr);
+        opened.key = handle;
+        return opened;
+    } catch (const TooCostlyException& refused) {
         opened.tooCostly = true;
-        opened.reason = failure.asString();
+        opened.reason = detailOf(refused);
     } catch (const Exception& failure) {
-        opened.reason = failure.asString();
+        opened.reason = detailOf(failure);
     }
+    opened.encrypted = !isPem(content) || isEncryptedPem(content);
     return opened;
 }
 
 bool isPem(const Buffer& content) {
-    return holds(content, "-----BEGIN ");
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    return text.find("-----BEGIN ") != std::string_view::npos;
 }
 
 bool belongTogether(const RefKey& key, const RefCertificate& certificate) {

@@ -36,7 +36,7 @@ std::string Demo::digestDecryptedBy(const std::string& name, const Identity& ide
         Progress progress("decrypting");
         readStructure(
             m_inputs, path("message.p7m"), "the encrypted message",
-            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+            [&](Norvane::MediaIn& structure) { decryption.open(structure, path("message.p7m")); }, &progress);
     }
     const DecryptionResult result = decryption.run(path("message.p7m"));
     for (const std::string& line : decryptionReport(result))

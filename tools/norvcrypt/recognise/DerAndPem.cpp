@@ -3,11 +3,10 @@
 #include "recognise/Blanks.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
-#include <norvcrypto/CrossCertificatePair.h>
 #include <norvcrypto/Crypto.h>
+#include <norvcrypto/EncodedKind.h>
 
 #include <openssl/pem.h>
-#include <openssl/pkcs12.h>
 
 #include <algorithm>
 #include <array>
@@ -48,42 +47,28 @@ std::optional<Header> headerOf(const unsigned char* bytes, std::size_t length) {
     return header;
 }
 
-template <class T, class Decode> bool decodes(Decode decode, void (*release)(T*), const Norvane::Buffer& der) {
-    const unsigned char* at = der.data();
-    T* object = decode(nullptr, &at, static_cast<long>(der.length()));
-    release(object);
-    return object != nullptr;
-}
-
-/// An empty SEQUENCE would be a pair too, of no certificates.
-bool isCrossPair(const Norvane::Buffer& der) {
-    const Norvane::Crypto::NVX509::CrossCertificatePair pair(der);
-    return pair.forward() || pair.reverse();
-}
-
-/// Tells a SEQUENCE by what it begins with, and where that leaves a choice by trying.
 ObjectKind kindOf(const Norvane::Buffer& der) {
-    const QuietQuestion quiet;
-    const auto outer = headerOf(der.data(), der.length());
-    if (!outer || outer->tag != V_ASN1_SEQUENCE)
-        return ObjectKind::unknown;
-    const auto inner = headerOf(der.data() + outer->headerLength, outer->contentLength);
-    if (!inner)
-        return isCrossPair(der) ? ObjectKind::crossPair : ObjectKind::unknown;
-    if (inner->tag == V_ASN1_OBJECT)
-        return ObjectKind::cms;
-    if (inner->tag == V_ASN1_INTEGER && decodes<EVP_PKEY>(d2i_AutoPrivateKey, EVP_PKEY_free, der))
-        return ObjectKind::privateKey;
-    if (inner->tag == V_ASN1_INTEGER && decodes<PKCS12>(d2i_PKCS12, PKCS12_free, der))
-        return ObjectKind::pkcs12;
-    if (decodes<X509>(d2i_X509, X509_free, der))
+    using Norvane::Crypto::EncodedKind;
+    switch (Norvane::Crypto::encodedKind(der)) {
+    case EncodedKind::certificate:
         return ObjectKind::certificate;
-    if (decodes<X509_CRL>(d2i_X509_CRL, X509_CRL_free, der))
+    case EncodedKind::certificateRevocationList:
         return ObjectKind::list;
-    if (decodes<EVP_PKEY>(d2i_PUBKEY, EVP_PKEY_free, der))
+    case EncodedKind::crossCertificatePair:
+        return ObjectKind::crossPair;
+    case EncodedKind::contentInfo:
+        return ObjectKind::cms;
+    case EncodedKind::publicKey:
         return ObjectKind::publicKey;
-    if (decodes<X509_SIG>(d2i_X509_SIG, X509_SIG_free, der))
+    case EncodedKind::privateKey:
+        return ObjectKind::privateKey;
+    case EncodedKind::encryptedPrivateKey:
         return ObjectKind::encryptedKey;
+    case EncodedKind::pkcs12:
+        return ObjectKind::pkcs12;
+    case EncodedKind::unknown:
+        break;
+    }
     return ObjectKind::unknown;
 }
 
