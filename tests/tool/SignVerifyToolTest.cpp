@@ -2,6 +2,8 @@
 
 #include "support/ToolTest.h"
 
+#include <authority/Der.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -399,6 +401,27 @@ TEST_F(SignVerifyToolTest, OutputUnderTheLongestName) {
     const Answer answer = sign({"--in", "body", "--out", name});
     EXPECT_EQ(0, answer.status) << answer.err;
     expectGood(tool({"verify", "--signature", name, "--in", "body"}));
+}
+
+TEST_F(SignVerifyToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {
+    using namespace norvauthority;
+    // PBES2 with 50,000,001 iterations, one more than are allowed.
+    const Bytes key =
+        sequence({sequence({oid("1.2.840.113549.1.5.13"),
+                            sequence({sequence({oid("1.2.840.113549.1.5.12"),
+                                                sequence({octetString(Bytes(8, 1)), integer("02faf081"),
+                                                          sequence({oid("1.2.840.113549.2.9"), null()})})}),
+                                      sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})}),
+                  octetString(Bytes(64))});
+    work.write("costly.key", pem("ENCRYPTED PRIVATE KEY", key));
+    work.write("costly.der", key);
+    work.write("pass", std::string("secret\n"));
+    before = work.names();
+    for (const char* name : {"costly.key", "costly.der"}) {
+        const Answer answer = tool({"sign", "--cert", "alice.pem", "--key", name, "--passphrase-file", "pass"}, "body");
+        expectFailure(answer, std::string("cannot read the private key in ") + name + ": ");
+        EXPECT_EQ(std::string::npos, answer.err.find("the passphrase may be wrong")) << answer.err;
+    }
 }
 
 TEST_F(SignVerifyToolTest, OutputOverTheInput) {
