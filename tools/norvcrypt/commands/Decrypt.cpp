@@ -61,28 +61,27 @@ Exit decrypt(const DecryptOptions& options) {
 
 } // namespace
 
-void addDecrypt(CLI::App& app, Action& action) {
+void addDecrypt(Command& commands, Action& action) {
     auto options = std::make_shared<DecryptOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "decrypt", "Decrypts a CMS structure with the first key that fits, and tells what became of each recipient");
     options->identities.emplace(*command);
-    command->add_option("--store", options->store, "A store: its identities with a key are tried after the others")
-        ->type_name("DIR");
-    command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
-        ->type_name("MSG")
-        ->capture_default_str();
+    command->option("--store", options->store, "A store: its identities with a key are tried after the others")
+        ->typeName("DIR");
+    command->option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
+        ->typeName("MSG")
+        ->showDefault();
     command
-        ->add_option(
-            "--out", options->out,
-            "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
-        ->type_name("BODY")
-        ->capture_default_str();
+        ->option("--out", options->out,
+                 "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
+        ->typeName("BODY")
+        ->showDefault();
     command->footer(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
         "names is tried for it. Exit code 1: no key decrypts the message; 2: it needs what is not supported, which is "
         "named, or it cannot be read.");
-    command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
+    command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 
 } // namespace norvcrypt

@@ -6,19 +6,17 @@
 
 namespace norvcrypt {
 
-void addDemo(CLI::App& app, Action& action) {
+void addDemo(Command& commands, Action& action) {
     auto options = std::make_shared<DemoOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "demo",
         "Makes a small CA, signs, verifies, encrypts and decrypts a message, and tells how to check each step with "
         "OpenSSL");
-    command->add_option("--in", options->in, "The message, instead of a generated one; \"-\" is standard input")
-        ->type_name("FILE");
-    command->add_option("--dir", options->directory, "Where everything is left")
-        ->type_name("DIR")
-        ->capture_default_str();
+    command->option("--in", options->in, "The message, instead of a generated one; \"-\" is standard input")
+        ->typeName("FILE");
+    command->option("--dir", options->directory, "Where everything is left")->typeName("DIR")->showDefault();
     addForce(*command, options->force);
-    command->callback([options, &action] { action = [options] { return Demo(*options).run(); }; });
+    command->whenChosen([options, &action] { action = [options] { return Demo(*options).run(); }; });
 }
 
 } // namespace norvcrypt

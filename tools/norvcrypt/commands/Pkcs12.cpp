@@ -95,22 +95,22 @@ Exit importPkcs12(const Pkcs12Options& options) {
 
 } // namespace
 
-void addPkcs12(CLI::App& app, Action& action) {
+void addPkcs12(Command& commands, Action& action) {
     auto options = std::make_shared<Pkcs12Options>();
-    CLI::App* command =
-        app.add_subcommand("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
-                                  "clear and readable by its owner alone, and DIR/cert.pem");
+    Command* command =
+        commands.command("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
+                                "clear and readable by its owner alone, and DIR/cert.pem");
     command->footer("Further certificates in the file, such as a chain to its authority, are not written. "
                     "Exit code 1: the passphrase is wrong, or the file holds no private key.");
-    command->add_option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
-    command->add_option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
-        ->type_name("FILE")
+    command->option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
+    command->option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
+        ->typeName("FILE")
         ->required();
-    command->add_option("--out-dir", options->directory, "Where to write; made when it is missing")
-        ->type_name("DIR")
+    command->option("--out-dir", options->directory, "Where to write; made when it is missing")
+        ->typeName("DIR")
         ->required();
     addForce(*command, options->force);
-    command->callback([options, &action] { action = [options] { return importPkcs12(*options); }; });
+    command->whenChosen([options, &action] { action = [options] { return importPkcs12(*options); }; });
 }
 
 } // namespace norvcrypt

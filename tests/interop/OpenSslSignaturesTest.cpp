@@ -1,13 +1,15 @@
-// What the tool signs, other programs accept; what they sign, the tool accepts.
+// What the tool and the library sign, OpenSSL accepts; what OpenSSL signs, they accept.
 
-#include "support/JudgedTest.h"
+#include "support/JudgedSignatures.h"
 
 #include <openssl/evp.h>
 
 #include <memory>
-#include <utility>
 
 using namespace interop;
+using cmstest::certificateOf;
+using Norvane::Crypto::Hasher;
+using norvauthority::Bytes;
 using norvauthority::Identity;
 
 namespace {
@@ -19,43 +21,15 @@ void addSigner(PKCS7* structure, const Identity& identity, const EVP_MD* digest)
     ASSERT_NE(nullptr, PKCS7_sign_add_signer(structure, certificate.get(), identity.key.get(), digest, signingFlags));
 }
 
-class InteropTest : public JudgedTest {
+class OpenSslSignaturesTest : public JudgedSignatures {
 protected:
-    void SetUp() override {
-        JudgedTest::SetUp();
-        body = sampleBody();
-        work.write("body", body);
-        put("alice", alice());
-        put("dora", dora());
-        put("erin", erin());
-    }
-    void toolSigns(const std::string& who, const std::string& digest) {
-        succeeds({norvtest::norvcryptProgram, "sign", "--cert", who + ".pem", "--key", who + ".key", "--chain",
-                  "root.pem", "--digest", digest, "--in", "body", "--out", "sig"});
-    }
-    /// The tool accepts "sig" over the body, and refuses it over another one when it is detached.
-    void toolAccepts(const std::string& what, bool detached) {
-        std::vector<std::string> arguments{norvtest::norvcryptProgram, "verify", "--signature", "sig"};
-        if (detached) {
-            arguments.insert(arguments.end(), {"--in", "body"});
-            const Answer refused = in({norvtest::norvcryptProgram, "verify", "--signature", "sig"}, body + "x");
-            EXPECT_EQ(1, refused.status) << what << refused.out << refused.err;
-        } else {
-            arguments.emplace_back("--embedded");
-        }
-        const Answer answer = in(arguments);
-        EXPECT_EQ(0, answer.status) << what << ": " << answer.out << answer.err;
-        EXPECT_NE(std::string::npos, answer.out.find(": good signature")) << what;
-    }
     Answer opensslVerifies(const std::string& content) {
         return in({"openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in", "sig", "-content", content,
                    "-CAfile", "root.pem", "-out", "/dev/null"});
     }
-
-    std::string body;
 };
 
-TEST_F(InteropTest, OpenSslAcceptsOurSignatures) {
+TEST_F(OpenSslSignaturesTest, OpenSslAcceptsOurSignatures) {
     work.write("other", body + "x");
     for (const char* who : {"alice", "dora", "erin"})
         for (const char* digest : {"sha1", "sha256"}) {
@@ -69,7 +43,7 @@ TEST_F(InteropTest, OpenSslAcceptsOurSignatures) {
     }
 }
 
-TEST_F(InteropTest, OpenSslReadsOurPem) {
+TEST_F(OpenSslSignaturesTest, OpenSslReadsOurPem) {
     succeeds({norvtest::norvcryptProgram, "sign", "--cert", "alice.pem", "--key", "alice.key", "--in", "body", "--out",
               "sig.pem", "--pem"});
     for (const char* command : {"cms", "smime"})
@@ -77,7 +51,7 @@ TEST_F(InteropTest, OpenSslReadsOurPem) {
                   "-CAfile", "root.pem", "-out", "/dev/null"});
 }
 
-TEST_F(InteropTest, WeAcceptWhatOpenSslSigns) {
+TEST_F(OpenSslSignaturesTest, WeAcceptWhatOpenSslSigns) {
     for (const char* who : {"alice", "dora", "erin"})
         for (const char* digest : {"sha1", "sha256", "sha512"})
             for (const bool attributes : {true, false})
@@ -111,14 +85,14 @@ TEST_F(InteropTest, WeAcceptWhatOpenSslSigns) {
                     }
 }
 
-TEST_F(InteropTest, StreamedSignatureIsReallyIndefiniteLength) {
+TEST_F(OpenSslSignaturesTest, StreamedSignatureIsReallyIndefiniteLength) {
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nodetach", "-stream", "-in", "body", "-out", "sig"});
     EXPECT_EQ("3080", norvauthority::toHex(norvauthority::bytes(work.read("sig").substr(0, 2))));
     toolAccepts("indefinite length", false);
 }
 
-TEST_F(InteropTest, SeveralSignersWithDifferentDigestsInOnePass) {
+TEST_F(OpenSslSignaturesTest, SeveralSignersWithDifferentDigestsInOnePass) {
     const norvauthority::Pkcs7Ptr structure(
         PKCS7_sign(nullptr, nullptr, nullptr, nullptr, signingFlags | PKCS7_PARTIAL));
     ASSERT_NE(nullptr, structure);
@@ -141,7 +115,7 @@ TEST_F(InteropTest, SeveralSignersWithDifferentDigestsInOnePass) {
     EXPECT_EQ(1, one.status) << "one of two signers is not enough";
 }
 
-TEST_F(InteropTest, SignatureWithoutCertificatesNeedsOne) {
+TEST_F(OpenSslSignaturesTest, SignatureWithoutCertificatesNeedsOne) {
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nocerts", "-in", "body", "-out", "sig"});
     EXPECT_EQ(1, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"}).status);
@@ -150,7 +124,7 @@ TEST_F(InteropTest, SignatureWithoutCertificatesNeedsOne) {
         in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body", "--cert", "alice.pem"}).status);
 }
 
-TEST_F(InteropTest, EmbeddedEmptyBodyIsNotDetached) {
+TEST_F(OpenSslSignaturesTest, EmbeddedEmptyBodyIsNotDetached) {
     work.write("empty", std::string());
     succeeds({"openssl", "cms", "-sign", "-binary", "-outform", "DER", "-signer", "alice.pem", "-inkey", "alice.key",
               "-nodetach", "-in", "empty", "-out", "sig"});
@@ -159,7 +133,7 @@ TEST_F(InteropTest, EmbeddedEmptyBodyIsNotDetached) {
     EXPECT_EQ(1, in({norvtest::norvcryptProgram, "verify", "--signature", "sig", "--in", "body"}).status);
 }
 
-TEST_F(InteropTest, WhatIsNotSupportedIsNamedAndNeverCalledBad) {
+TEST_F(OpenSslSignaturesTest, WhatIsNotSupportedIsNamedAndNeverCalledBad) {
     const auto signedAs = [&](const std::string& who, const std::vector<std::string>& more) {
         std::vector<std::string> arguments{"openssl", "cms",     "-sign",      "-binary", "-outform",
                                            "DER",     "-signer", who + ".pem", "-inkey",  who + ".key",
@@ -200,87 +174,78 @@ TEST_F(InteropTest, WhatIsNotSupportedIsNamedAndNeverCalledBad) {
     EXPECT_EQ(0, signedAs("alice", {"-md", "sha3-256"}).status);
 }
 
-class GpgsmTest : public InteropTest {
-protected:
-    void SetUp() override {
-        if (!hasGpgsm())
-            GTEST_SKIP() << "gpgsm is not installed";
-        InteropTest::SetUp();
-        makeGpgsmHome();
-    }
+struct Algorithms {
+    const char* name;
+    const Identity& (*identity)();
+    Hasher::Type type;
+    const char* digest;
 };
 
-TEST_F(GpgsmTest, AcceptsOurSignatures) {
-    for (const char* digest : {"sha256", "sha512"}) {
-        toolSigns("alice", digest);
-        const Answer good = in({"gpgsm", "--batch", "--status-fd", "1", "--verify", "sig", "body"});
-        EXPECT_EQ(0, good.status) << good.err;
-        EXPECT_NE(std::string::npos, good.out.find("[GNUPG:] GOODSIG")) << good.out << good.err;
-        work.write("other", body + "x");
-        EXPECT_NE(0, in({"gpgsm", "--batch", "--verify", "sig", "other"}).status);
-    }
-}
-
-TEST_F(GpgsmTest, WeAcceptItsSignatures) {
-    importIntoGpgsm("alice");
-    for (const bool detached : {true, false}) {
-        std::vector<std::string> arguments{"gpgsm",
-                                           "--batch",
-                                           "--yes",
-                                           "--pinentry-mode",
-                                           "loopback",
-                                           "--passphrase-fd",
-                                           "0",
-                                           "--local-user",
-                                           "alice@example.org",
-                                           "--output",
-                                           "sig",
-                                           "--sign"};
-        if (detached)
-            arguments.emplace_back("--detach-sign");
-        arguments.emplace_back("body");
-        succeeds(arguments, "x\n");
-        toolAccepts(detached ? "gpgsm, detached" : "gpgsm, attached", detached);
-    }
-}
-
-class CmsutilTest : public InteropTest {
+/// The library itself, which signs and judges without the tool.
+class OpenSslLibraryTest : public JudgedSignatures, public testing::WithParamInterface<Algorithms> {
 protected:
     void SetUp() override {
-        if (!hasNss())
-            GTEST_SKIP() << "the tools of NSS are not installed";
-        InteropTest::SetUp();
-        makeNssDatabase();
+        JudgedSignatures::SetUp();
+        put("signer", identity());
     }
+    [[nodiscard]] static const Identity& identity() { return GetParam().identity(); }
+    Answer opensslReads(const std::string& file) {
+        return in({"openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in", "sig", "-content", file, "-CAfile",
+                   "root.pem", "-out", "out"});
+    }
+
+    const Bytes content = cmstest::bodyOf(20000);
 };
 
-TEST_F(CmsutilTest, AcceptsOurSignatures) {
-    work.write("other", body + "x");
-    for (const auto& [who, digest] : {std::pair{"alice", "sha1"}, std::pair{"alice", "sha256"},
-                                      std::pair{"alice", "sha512"}, std::pair{"erin", "sha256"}}) {
-        toolSigns(who, digest);
-        const Answer good = in({"cmsutil", "-D", "-d", "nss", "-i", "sig", "-c", "body", "-n"});
-        EXPECT_EQ(0, good.status) << good.err;
-        const Answer signer = in({"cmsutil", "-D", "-d", "nss", "-i", "sig", "-c", "body", "-n", "-h", "0"});
-        EXPECT_NE(std::string::npos, (signer.out + signer.err).find("GoodSignature")) << signer.out << signer.err;
-        const Answer bad = in({"cmsutil", "-D", "-d", "nss", "-i", "sig", "-c", "other", "-n", "-h", "0"});
-        EXPECT_EQ(std::string::npos, (bad.out + bad.err).find("GoodSignature")) << bad.out << bad.err;
+TEST_P(OpenSslLibraryTest, OpensslAcceptsWhatIsSigned) {
+    for (const Bytes& one : {content, Bytes()}) {
+        librarySigns(identity(), one, 3000, GetParam().type);
+        const Answer answer = opensslReads("body");
+        EXPECT_EQ(0, answer.status) << answer.err;
+        EXPECT_EQ(work.read("out"), std::string(one.begin(), one.end()));
+        Bytes altered = one;
+        altered.push_back('!');
+        work.write("altered", altered);
+        EXPECT_NE(0, opensslReads("altered").status);
     }
 }
 
-TEST_F(CmsutilTest, WeAcceptItsSignatures) {
-    for (const char* who : {"alice", "erin"}) {
-        importIntoNss(who);
-        for (const char* digest : {"SHA1", "SHA256", "SHA512"})
-            for (const bool detached : {true, false}) {
-                std::vector<std::string> arguments{"cmsutil", "-S",   "-d", "nss", "-N", who,  "-H",  digest,
-                                                   "-i",      "body", "-o", "sig", "-G", "-Y", "NONE"};
-                if (detached)
-                    arguments.emplace_back("-T");
-                succeeds(arguments);
-                toolAccepts(std::string("cmsutil ") + who + " " + digest, detached);
+TEST_P(OpenSslLibraryTest, WhatOpensslSignsIsAccepted) {
+    work.write("body", content);
+    const std::vector<std::vector<std::string>> shapes{{}, {"-nodetach"}, {"-nodetach", "-stream"}};
+    for (const bool attributes : {true, false}) {
+        for (const auto& shape : shapes) {
+            SCOPED_TRACE(testing::PrintToString(shape) + (attributes ? "" : " -noattr"));
+            std::vector<std::string> arguments{
+                "openssl", "cms",        "-sign", "-binary",         "-outform", "DER",  "-signer", "signer.pem",
+                "-inkey",  "signer.key", "-md",   GetParam().digest, "-in",      "body", "-out",    "sig"};
+            arguments.insert(arguments.end(), shape.begin(), shape.end());
+            if (!attributes)
+                arguments.emplace_back("-noattr");
+            succeeds(arguments);
+            const cmstest::RecordedLog log;
+            const cmstest::Received received(norvauthority::bytes(work.read("sig")));
+            EXPECT_TRUE(received.accepts(content, certificateOf(identity())));
+            Norvane::MediaIn embedded = Norvane::Crypto::CMS::embeddedContent(received.verifier.contentInfo());
+            EXPECT_EQ(embedded.isNull(), shape.empty());
+            if (!embedded.isNull()) {
+                EXPECT_TRUE(received.verifier.isValid(embedded, received.signer(), certificateOf(identity())));
             }
+            EXPECT_TRUE(log.records().empty());
+            EXPECT_FALSE(received.accepts(cmstest::bodyOf(20001), certificateOf(identity())));
+        }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Openssl, OpenSslLibraryTest,
+                         testing::Values(Algorithms{"RsaSha1", alice, Hasher::SHA1, "sha1"},
+                                         Algorithms{"RsaSha256", alice, Hasher::SHA256, "sha256"},
+                                         Algorithms{"RsaSha512", alice, Hasher::SHA512, "sha512"},
+                                         Algorithms{"DsaSha1", dora, Hasher::SHA1, "sha1"},
+                                         Algorithms{"DsaSha256", dora, Hasher::SHA256, "sha256"},
+                                         Algorithms{"EcSha1", erin, Hasher::SHA1, "sha1"},
+                                         Algorithms{"EcSha256", erin, Hasher::SHA256, "sha256"},
+                                         Algorithms{"EcSha512", erin, Hasher::SHA512, "sha512"}),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 } // namespace
