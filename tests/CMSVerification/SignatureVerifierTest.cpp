@@ -89,9 +89,9 @@ void pushDigests(PKCS7_SIGNER_INFO* signer, const std::vector<Bytes>& digests) {
     X509_ATTRIBUTE* attribute = X509_ATTRIBUTE_new();
     ASSERT_EQ(X509_ATTRIBUTE_set1_object(attribute, OBJ_nid2obj(NID_pkcs9_messageDigest)), 1);
     for (const Bytes& digest : digests) {
-        ASSERT_EQ(X509_ATTRIBUTE_set1_data(attribute, V_ASN1_OCTET_STRING, digest.data(),
-                                           static_cast<int>(digest.size())),
-                  1);
+        ASSERT_EQ(
+            X509_ATTRIBUTE_set1_data(attribute, V_ASN1_OCTET_STRING, digest.data(), static_cast<int>(digest.size())),
+            1);
     }
     if (signer->auth_attr == nullptr) {
         signer->auth_attr = sk_X509_ATTRIBUTE_new_null();
@@ -118,11 +118,6 @@ Bytes signedWithPss(unsigned int flags = 0) {
     return signedWith(identities().rsa, flags, [](CMS_SignerInfo* signer) {
         EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING), 1);
     });
-}
-
-const Identity& identityOf(const std::string& name) {
-    const auto& ids = identities();
-    return name == "rsa" ? ids.rsa : name == "dsa" ? ids.dsa : ids.ec;
 }
 
 class Senders : public ::testing::TestWithParam<std::tuple<const char*, const char*, unsigned int, unsigned int>> {};
