@@ -1,8 +1,10 @@
 #pragma once
 
 /// \file
-/// What the fuzz targets share: the start of the library, the bytes as a buffer, and the one thing that every target
-/// holds: a failure of the library is an `Exception` and leaves nothing in the OpenSSL queue.
+/// What the fuzz targets share: the start of the library, the bytes as a buffer, and what every target holds: a failure of
+/// the library is an `Exception` and leaves nothing in the OpenSSL queue, and no input costs more than a budget.
+
+#include "Work.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Exception.h>
@@ -34,18 +36,26 @@ inline void start() {
     static_cast<void>(started);
 }
 
-/// Runs one input. What the library throws is an answer; anything else, or an error left in the queue, is a finding.
-template <class Parse> int run(const std::uint8_t* data, std::size_t size, Parse parse) {
+/// What an input must not make false.
+inline void require(bool holds) {
+    if (!holds) {
+        std::abort();
+    }
+}
+
+/// Runs one input. What the library throws is an answer; anything else, an error left in the queue, or more work than the
+/// budget allows, is a finding.
+template <class Parse> int run(const std::uint8_t* data, std::size_t size, Parse parse, Budget budget = {}) {
     start();
     ERR_clear_error();
+    Counting counting;
     try {
         parse(Norvane::Buffer(data, static_cast<unsigned int>(size), false));
     } catch (const Norvane::Exception& failure) {
         static_cast<void>(failure.asString());
     }
-    if (ERR_peek_error() != 0) {
-        std::abort();
-    }
+    budget.check(counting.stop(), size);
+    require(ERR_peek_error() == 0);
     return 0;
 }
 

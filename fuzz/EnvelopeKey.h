@@ -1,7 +1,11 @@
 #pragma once
 
 /// \file
-/// The recipient for whom the corpus of enveloped structures is encrypted, and whose key the target decrypts with.
+/// The recipient for whom the corpus of enveloped structures is encrypted, and a key store with that key for whoever is
+/// named.
+
+#include <norvcrypto/Certificate.h>
+#include <norvcrypto/KeyStore.h>
 
 #include <authority/Authority.h>
 
@@ -16,6 +20,40 @@ inline norvauthority::Identity envelopeIdentity() {
     return norvauthority::issue({.subject = {{"CN", "Bob"}},
                                  .key = norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}}),
                                  .serial = "b0b"});
+}
+
+/// Answers every question with one pair.
+class OneKey : public Norvane::Crypto::NVX509::KeyStorePlugin {
+public:
+    Norvane::Crypto::NVX509::KeyCertificatePair find(const Norvane::Crypto::NVX509::DistinguishedName& /*issuer*/,
+                                                     const Norvane::Crypto::ASN1::Integer& /*serial*/) override {
+        return m_pair;
+    }
+    Norvane::Crypto::NVX509::RefCertificate findEncryptionCertificate(
+        const Norvane::EmailAddress& /*address*/) override {
+        return {};
+    }
+    Norvane::Crypto::NVX509::KeyCertificatePair findSigningKey(const Norvane::EmailAddress& /*address*/) override {
+        return m_pair;
+    }
+    Norvane::Crypto::NVX509::KeyCertificatePair findDecryptionKey(const Norvane::EmailAddress& /*address*/) override {
+        return m_pair;
+    }
+
+private:
+    static Norvane::Crypto::NVX509::KeyCertificatePair pair() {
+        const norvauthority::Identity identity = envelopeIdentity();
+        return {Norvane::Crypto::RefKey(new Norvane::Crypto::PrivateKey(identity.key.newReference())),
+                Norvane::Crypto::NVX509::CertificateFactory()(identity.certificate.x509().release(), true)};
+    }
+    Norvane::Crypto::NVX509::KeyCertificatePair m_pair = pair();
+};
+
+/// A store that answers every question with that pair.
+inline Norvane::Crypto::NVX509::RefKeyStore envelopeStore() {
+    Norvane::Crypto::NVX509::RefKeyStore store(true);
+    store->add(Norvane::Crypto::NVX509::RefKeyStorePlugin(new OneKey));
+    return store;
 }
 
 } // namespace fuzz

@@ -11,14 +11,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     const std::uint8_t choice = data[0];
-    return fuzz::run(data + 1, size - 1, [choice](const Buffer& input) {
-        const RefKey key((choice & 1U) != 0 ? Key::PUBLIC_KEY : Key::PRIVATE_KEY);
-        if ((choice & 2U) != 0) {
-            key->readPEM(input, "passphrase");
-        } else {
-            key->read(input, (choice & 4U) != 0);
-        }
-        Buffer out;
-        key->write(out, false);
-    });
+    return fuzz::run(data + 1, size - 1,
+                     [choice](const Buffer& input) {
+                         const RefKey key((choice & 1U) != 0 ? Key::PUBLIC_KEY : Key::PRIVATE_KEY);
+                         if ((choice & 2U) != 0) {
+                             key->readPEM(input, "passphrase");
+                         } else {
+                             key->read(input, (choice & 4U) != 0);
+                         }
+                         Buffer out;
+                         key->write(out, false);
+                     },
+                     {.constant = fuzz::passwords});
 }

@@ -35,16 +35,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     const bool fits = (data[0] & 1U) != 0;
-    return fuzz::run(data + 1, size - 1, [fits](const Buffer& input) {
-        MemoryBIO source(fits ? withMac(input) : input);
-        Norvane::Crypto::PKCS12::Store store(source);
-        store.read(password);
-        if (!store.certificate().isNull()) {
-            NVX509::CertificateFactory()(store.certificate(), true)->warm();
-        }
-        Buffer out;
-        if (!store.privateKey().isNull()) {
-            store.privateKey()->write(out, false);
-        }
-    });
+    return fuzz::run(data + 1, size - 1,
+                     [fits](const Buffer& input) {
+                         MemoryBIO source(fits ? withMac(input) : input);
+                         Norvane::Crypto::PKCS12::Store store(source);
+                         store.read(password);
+                         if (!store.certificate().isNull()) {
+                             NVX509::CertificateFactory()(store.certificate(), true)->warm();
+                         }
+                         Buffer out;
+                         if (!store.privateKey().isNull()) {
+                             store.privateKey()->write(out, false);
+                         }
+                     },
+                     {.constant = fuzz::passwords});
 }

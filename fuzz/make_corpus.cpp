@@ -63,17 +63,28 @@ std::string envelopedData(STACK_OF(X509) * recipients, const EVP_CIPHER* cipher,
     return result;
 }
 
-void envelopes() {
+void envelope(const std::string& name, const std::string& structure) {
+    put("fuzz_decrypt", name, structure);
+    put("fuzz_outline", name, structure);
+}
+
+/// \param agreeing has a key on a curve, which structures of PKCS#7 know nothing of
+void envelopes(const Identity& agreeing) {
     const X509Ptr certificate = fuzz::envelopeIdentity().certificate.x509();
     STACK_OF(X509)* recipients = sk_X509_new_null();
-    put("fuzz_decrypt", "nobody.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    envelope("nobody.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
     sk_X509_push(recipients, certificate.get());
-    put("fuzz_decrypt", "aes.der", envelopedData(recipients, EVP_aes_256_cbc(), 0));
-    put("fuzz_decrypt", "des3.der", envelopedData(recipients, EVP_des_ede3_cbc(), 0));
-    put("fuzz_decrypt", "stream.der", envelopedData(recipients, EVP_aes_128_cbc(), CMS_STREAM));
-    put("fuzz_decrypt", "authenticated.der", envelopedData(recipients, EVP_aes_128_gcm(), 0));
+    envelope("aes.der", envelopedData(recipients, EVP_aes_256_cbc(), 0));
+    envelope("des3.der", envelopedData(recipients, EVP_des_ede3_cbc(), 0));
+    envelope("stream.der", envelopedData(recipients, EVP_aes_128_cbc(), CMS_STREAM));
+    envelope("authenticated.der", envelopedData(recipients, EVP_aes_128_gcm(), 0));
     sk_X509_push(recipients, certificate.get());
-    put("fuzz_decrypt", "two.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    envelope("two.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    put("fuzz_outline", "identifiers.der", envelopedData(recipients, EVP_aes_128_cbc(), CMS_USE_KEYID));
+    const X509Ptr onCurve = agreeing.certificate.x509();
+    sk_X509_push(recipients, onCurve.get());
+    put("fuzz_outline", "agreement.der", envelopedData(recipients, EVP_aes_128_cbc(), 0));
+    put("fuzz_outline", "stream.der", envelopedData(recipients, EVP_aes_128_cbc(), CMS_STREAM));
     sk_X509_free(recipients);
 }
 
@@ -117,6 +128,74 @@ void pkcs12(const Identity& holder) {
         put("fuzz_pkcs12", "as-it-is-" + std::to_string(cipher), '\0' + content);
         put("fuzz_pkcs12", "mac-made-" + std::to_string(cipher), '\1' + content);
     }
+}
+
+std::string twoBytes(std::size_t length) {
+    return {static_cast<char>(length >> 8U), static_cast<char>(length & 0xFFU)};
+}
+
+/// What is read of strangers without a key: files, frames, what is refused, names as they are shown.
+void withoutKeys(const Identity& ca, const Identity& alice) {
+    const Bytes unknown = der::sequence({der::oid("1.2.840.113549.1.7.3"), der::sequence({der::integer("0")})});
+    for (const char* target : {"fuzz_framing", "fuzz_refusal", "fuzz_files"}) {
+        put(target, "certificate", text(alice.certificate.der));
+        put(target, "public", text(alice.key.publicDer()));
+        put(target, "pair", text(crossPair(&alice.certificate, &ca.certificate)));
+        put(target, "unknown", text(unknown));
+    }
+    put("fuzz_framing", "indefinite", std::string("\x30\x80\x24\x80\x04\x01\x61\0\0\x1f\x81\x00\x00\0\0", 15));
+    put("fuzz_refusal", "pem", alice.certificate.pem() + alice.key.publicPem());
+    DistributionPoint relative;
+    relative.name.emplace();
+    relative.name->relative = Name{{"CN", "list"}};
+    put("fuzz_refusal", "relative",
+        text(issue({.subject = {{"CN", "CA"}}, .key = alice.key, .crlDistributionPoints = {3, relative}})
+                 .certificate.der));
+    put("fuzz_files", "pem", "text\n" + alice.certificate.pem() + alice.key.pkcs8Pem() + ca.certificate.pem());
+    put("fuzz_files", "private", text(alice.key.pkcs8()));
+    put("fuzz_files", "traditional", text(alice.key.traditionalDer()));
+    put("fuzz_files", "encrypted", alice.key.encryptedPem("secret"));
+    put("fuzz_files", "blanks", text(alice.certificate.der) + " \r\n\t " + text(ca.certificate.der) + "\n");
+    put("fuzz_display", "name", text(Name{{"CN", "a,b \\ \"+\""}, {"O", " #x "}, {"C", "US"}}.der()));
+    put("fuzz_display", "text", "a\\b\n\xE2\x80\xAE");
+    const auto points = [](const std::vector<GeneralName>& names) {
+        const Bytes encoded = distributionPoints({{.name = DistributionPointName{.full = names}}});
+        return twoBytes(encoded.size()) + text(encoded);
+    };
+    put("fuzz_points", "alike",
+        points({GeneralName::uri("a"), GeneralName::directory({{"CN", "x"}})}) +
+            points({GeneralName::dns("a"), GeneralName::directory({{"CN", "X"}})}));
+    put("fuzz_points", "apart", points({GeneralName::ip("192.0.2.1")}) + points({GeneralName::email("a@b")}));
+    const Bytes shorter = distributionPoints({relative});
+    put("fuzz_points", "relative", twoBytes(shorter.size()) + text(shorter) + twoBytes(shorter.size()) + text(shorter));
+}
+
+void unattended(const Key& key) {
+    put("fuzz_unattended", "private.der", '\0' + text(key.pkcs8()));
+    put("fuzz_unattended", "private.pem", '\0' + key.pkcs8Pem());
+    put("fuzz_unattended", "rsa.der", '\0' + text(fuzz::envelopeIdentity().key.traditionalDer()));
+    put("fuzz_unattended", "dsa.der", '\0' + text(Key::dsa().pkcs8()));
+    put("fuzz_unattended", "encrypted.pem", '\1' + key.encryptedPem("secret"));
+    PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key.get());
+    X509_SIG* sealed = PKCS8_encrypt(-1, EVP_aes_256_cbc(), "secret", 6, nullptr, 0, 1, info);
+    unsigned char* der = nullptr;
+    const int length = i2d_X509_SIG(sealed, &der);
+    put("fuzz_unattended", "encrypted.der",
+        '\1' + std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length)));
+    OPENSSL_free(der);
+    X509_SIG_free(sealed);
+    PKCS8_PRIV_KEY_INFO_free(info);
+}
+
+void signatures(const Identity& signer) {
+    for (const char* target : {"fuzz_cms", "fuzz_verify", "fuzz_files"}) {
+        put(target, "detached.der", signedData(signer, PKCS7_BINARY | PKCS7_DETACHED));
+        put(target, "attached.der", signedData(signer, PKCS7_BINARY));
+        put(target, "plain.der", signedData(signer, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
+        put(target, "data.der",
+            text(contentInfo({0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01}, Bytes{4, 1, 65})));
+    }
+    put("fuzz_verify", "attributes", text(der::set({der::sequence({der::oid("1.2.3"), der::set({der::null()})})})));
 }
 
 void texts() {
@@ -170,12 +249,10 @@ int main(int argc, char** argv) {
     put("fuzz_crosspair", "both.der", text(crossPair(&alice.certificate, &ca.certificate)));
     put("fuzz_crosspair", "forward.der", text(crossPair(&alice.certificate, nullptr)));
     texts();
-    envelopes();
-    put("fuzz_cms", "detached.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED));
-    put("fuzz_cms", "attached.der", signedData(alice, PKCS7_BINARY));
-    put("fuzz_cms", "plain.der", signedData(alice, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
-    put("fuzz_cms", "data.der",
-        text(contentInfo({0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01}, Bytes{4, 1, 65})));
+    envelopes(alice);
+    signatures(alice);
+    withoutKeys(ca, alice);
+    unattended(key);
     put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
     put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
     put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");

@@ -144,7 +144,8 @@ public:
     /// a passphrase: for servers. Other than for `readPEM`, an empty passphrase is one.
     /// \param in PEM when "-----BEGIN " stands in it, DER otherwise
     /// \param passphrase at most 1024 bytes as they are; null: none, so that encrypted keys fail
-    /// \throws Exception as `readPEM` does for PEM, and as `read` does for DER
+    /// \throws Exception as `readPEM` does for PEM, with line 82 for more than 2147483647 bytes, too, since the text is
+    ///         read where it is; as `read` does for DER
     void readUnattended(const Buffer& in, const Buffer* passphrase);
     /// Writes PKCS#8, always encrypted with DES-EDE3-CBC: under `passphrase` (RFC 8018, PBES2), or under the empty
     /// password when it is empty. That empty password protects nothing: anyone can open it, and `readPEM` with an empty

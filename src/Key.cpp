@@ -205,9 +205,12 @@ void PrivateKey::read(const Buffer& in, bool base64) {
 void PrivateKey::readUnattended(const Buffer& in, const Buffer* passphrase) {
     const openssl::PassphraseSource answer{answerPassphrase, const_cast<Buffer*>(passphrase)};
     if (isPem(in)) {
-        MemoryBIO source(in);
-        source.protect();
-        keyData(take(openssl::readPrivatePem(source, answer), failures::privateKeyReadPem, pemPrefix));
+        // Where it is: a copy of the text would be one more to wipe.
+        const openssl::BioPtr source = openssl::memorySource(in.data(), in.length());
+        if (!source) {
+            failures::raiseWithErrors(failures::privateKeyReadPem, pemPrefix);
+        }
+        keyData(take(openssl::readPrivatePem(source.get(), answer), failures::privateKeyReadPem, pemPrefix));
     } else if (openssl::isEncryptedDer(in.data(), in.length())) {
         keyData(take(openssl::readEncryptedDer(in.data(), in.length(), answer), failures::privateKeyRead));
     } else {

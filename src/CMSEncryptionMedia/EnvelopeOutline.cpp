@@ -1,12 +1,10 @@
 // What an encrypted message is made of, without decoding or decrypting it.
+#include "framing/Elements.h"
 #include "openssl/AlgorithmName.h"
-#include "openssl/BerElements.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
 
 #include <norvcrypto/CMSEnvelopeOutline.h>
-
-#include <openssl/asn1.h>
 
 #include <algorithm>
 #include <array>
@@ -15,9 +13,10 @@
 
 namespace Norvane::Crypto::CMS {
 
-using openssl::BerBytes;
-using openssl::BerElement;
-using openssl::BerElements;
+using framing::Element;
+using framing::Elements;
+using framing::Octets;
+using framing::TagClass;
 
 namespace {
 
@@ -27,46 +26,46 @@ constexpr std::array<unsigned char, 11> s_authEnvelopedData{0x2A, 0x86, 0x48, 0x
                                                             0x01, 0x09, 0x10, 0x01, 0x17};
 constexpr std::array<unsigned char, 3> s_version0{0x02, 0x01, 0x00};
 
-bool is(const BerElement& identifier, BerBytes value) {
+bool is(const Element& identifier, Octets value) {
     return std::equal(value.begin(), value.end(), identifier.content.begin(), identifier.content.end());
 }
 
 /// The parts of EnvelopedData (RFC 5652, 6.1), which AuthEnvelopedData begins with too.
 struct Frame {
-    BerElement type;
+    Element type;
     bool hasOriginatorInfo;
-    BerElement recipients;
-    BerElement content;
+    Element recipients;
+    Element content;
     bool hasMore;
 };
 
 /// The content and its type (RFC 5652, 3).
-std::optional<BerElement> contentOf(BerBytes message, BerElement& type) {
-    const auto outer = openssl::firstElement(message);
-    if (!outer || !outer->isUniversal(V_ASN1_SEQUENCE) || !outer->constructed) {
+std::optional<Element> contentOf(Octets message, Element& type) {
+    const auto outer = framing::firstElement(message);
+    if (!outer || !outer->isUniversal(framing::sequence) || !outer->header.constructed) {
         return std::nullopt;
     }
-    BerElements parts(*outer);
-    const auto identifier = parts.nextUniversal(V_ASN1_OBJECT);
+    Elements parts(*outer);
+    const auto identifier = parts.nextUniversal(framing::objectIdentifier);
     const auto explicitContent = parts.nextContext(0);
-    if (!identifier || !explicitContent || !explicitContent->constructed) {
+    if (!identifier || !explicitContent || !explicitContent->header.constructed) {
         return std::nullopt;
     }
     type = *identifier;
-    return BerElements(*explicitContent).next();
+    return Elements(*explicitContent).next();
 }
 
-std::optional<Frame> frameOf(BerBytes message) {
-    BerElement type;
+std::optional<Frame> frameOf(Octets message) {
+    Element type;
     const auto envelope = contentOf(message, type);
-    if (!envelope || !envelope->isUniversal(V_ASN1_SEQUENCE)) {
+    if (!envelope || !envelope->isUniversal(framing::sequence)) {
         return std::nullopt;
     }
-    BerElements parts(*envelope);
-    const auto version = parts.nextUniversal(V_ASN1_INTEGER);
+    Elements parts(*envelope);
+    const auto version = parts.nextUniversal(framing::integer);
     const auto originator = parts.nextContext(0);
-    const auto recipients = parts.nextUniversal(V_ASN1_SET);
-    const auto content = parts.nextUniversal(V_ASN1_SEQUENCE);
+    const auto recipients = parts.nextUniversal(framing::set);
+    const auto content = parts.nextUniversal(framing::sequence);
     if (!version || !recipients || !content) {
         return std::nullopt;
     }
@@ -74,8 +73,8 @@ std::optional<Frame> frameOf(BerBytes message) {
 }
 
 /// The name in an AlgorithmIdentifier.
-std::string nameIn(const std::optional<BerElement>& algorithm) {
-    const auto identifier = algorithm ? BerElements(*algorithm).nextUniversal(V_ASN1_OBJECT) : std::nullopt;
+std::string nameIn(const std::optional<Element>& algorithm) {
+    const auto identifier = algorithm ? Elements(*algorithm).nextUniversal(framing::objectIdentifier) : std::nullopt;
     if (!identifier) {
         return "no algorithm";
     }
@@ -86,39 +85,39 @@ std::string nameIn(const std::optional<BerElement>& algorithm) {
 }
 
 /// What a recipient is when PKCS#7 does not know it; empty for one by issuer and serial number; nothing for a damaged one.
-std::optional<std::string> otherKindOf(const BerElement& recipient) {
-    BerElements parts(recipient);
+std::optional<std::string> otherKindOf(const Element& recipient) {
+    Elements parts(recipient);
     if (recipient.isContext(4)) {
-        const auto type = parts.nextUniversal(V_ASN1_OBJECT);
+        const auto type = parts.nextUniversal(framing::objectIdentifier);
         return type ? std::optional("recipients of the type " + nameIn(recipient)) : std::nullopt;
     }
-    if (!parts.nextUniversal(V_ASN1_INTEGER)) {
+    if (!parts.nextUniversal(framing::integer)) {
         return std::nullopt;
     }
-    if (recipient.isUniversal(V_ASN1_SEQUENCE)) {
+    if (recipient.isUniversal(framing::sequence)) {
         const auto who = parts.next();
-        return !who                                ? std::nullopt
-               : who->isUniversal(V_ASN1_SEQUENCE) ? std::optional(std::string())
-               : who->isContext(0)                 ? std::optional(std::string("recipients by subject key identifier"))
-                                                   : std::nullopt;
+        return !who                                  ? std::nullopt
+               : who->isUniversal(framing::sequence) ? std::optional(std::string())
+               : who->isContext(0) ? std::optional(std::string("recipients by subject key identifier"))
+                                   : std::nullopt;
     }
     if (recipient.isContext(1)) {
         const auto originator = parts.nextContext(0);
         static_cast<void>(parts.nextContext(1));
-        const auto algorithm = parts.nextUniversal(V_ASN1_SEQUENCE);
+        const auto algorithm = parts.nextUniversal(framing::sequence);
         return originator && algorithm ? std::optional("recipients by key agreement (" + nameIn(algorithm) + ")")
                                        : std::nullopt;
     }
     if (recipient.isContext(2)) {
-        const auto identifier = parts.nextUniversal(V_ASN1_SEQUENCE);
-        const auto algorithm = parts.nextUniversal(V_ASN1_SEQUENCE);
+        const auto identifier = parts.nextUniversal(framing::sequence);
+        const auto algorithm = parts.nextUniversal(framing::sequence);
         return identifier && algorithm ? std::optional("recipients by key-encryption key (" + nameIn(algorithm) + ")")
                                        : std::nullopt;
     }
     return recipient.isContext(3) ? std::optional(std::string("recipients by password")) : std::nullopt;
 }
 
-bool isByIssuer(const BerElement& recipient) {
+bool isByIssuer(const Element& recipient) {
     const auto kind = otherKindOf(recipient);
     return kind && kind->empty();
 }
@@ -130,14 +129,14 @@ void add(std::list<std::string>& names, const std::string& name) {
     }
 }
 
-BerBytes bytesOf(const Buffer& message) {
+Octets bytesOf(const Buffer& message) {
     return {message.data(), message.length()};
 }
 
 } // namespace
 
 EnvelopeOutline::EnvelopeOutline(const Buffer& message) {
-    BerElement type;
+    Element type;
     if (!contentOf(bytesOf(message), type)) {
         return;
     }
@@ -151,12 +150,12 @@ EnvelopeOutline::EnvelopeOutline(const Buffer& message) {
         return;
     }
     if (authenticated) {
-        BerElements parts(frame->content);
-        static_cast<void>(parts.nextUniversal(V_ASN1_OBJECT));
-        add(m_unsupported, "AuthEnvelopedData (" + nameIn(parts.nextUniversal(V_ASN1_SEQUENCE)) + ")");
+        Elements parts(frame->content);
+        static_cast<void>(parts.nextUniversal(framing::objectIdentifier));
+        add(m_unsupported, "AuthEnvelopedData (" + nameIn(parts.nextUniversal(framing::sequence)) + ")");
     }
     bool hasReadable = false;
-    BerElements recipients(frame->recipients);
+    Elements recipients(frame->recipients);
     while (const auto recipient = recipients.next()) {
         const auto kind = otherKindOf(*recipient);
         if (!kind) {
@@ -181,21 +180,21 @@ Buffer EnvelopeOutline::readable(const Buffer& message) const {
     if (!frame) {
         return {};
     }
-    std::vector<BerBytes> chosen;
-    BerElements all(frame->recipients);
+    std::vector<Octets> chosen;
+    Elements all(frame->recipients);
     while (const auto recipient = all.next()) {
         if (isByIssuer(*recipient)) {
             chosen.push_back(recipient->whole);
         }
     }
-    const auto constructed = [](int tag, int tagClass, const std::vector<BerBytes>& parts) {
-        return openssl::berConstructed(tag, tagClass, parts);
+    const auto constructed = [](TagClass tagClass, std::uint32_t tag, const std::vector<Octets>& parts) {
+        return framing::constructed(tagClass, tag, parts);
     };
-    const auto recipients = constructed(V_ASN1_SET, V_ASN1_UNIVERSAL, chosen);
+    const auto recipients = constructed(TagClass::universal, framing::set, chosen);
     const auto envelope =
-        constructed(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, {s_version0, recipients, frame->content.whole});
-    const auto content = constructed(0, V_ASN1_CONTEXT_SPECIFIC, {envelope});
-    const auto whole = constructed(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, {frame->type.whole, content});
+        constructed(TagClass::universal, framing::sequence, {s_version0, recipients, frame->content.whole});
+    const auto content = constructed(TagClass::contextSpecific, 0, {envelope});
+    const auto whole = constructed(TagClass::universal, framing::sequence, {frame->type.whole, content});
     const bool complete = !recipients.empty() && !envelope.empty() && !content.empty();
     return complete ? Buffer(whole.data(), static_cast<unsigned int>(whole.size()), false) : Buffer();
 }

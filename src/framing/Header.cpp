@@ -1,5 +1,6 @@
 #include "framing/Header.h"
 
+#include <bit>
 #include <limits>
 
 namespace Norvane::Crypto::framing {
@@ -66,6 +67,11 @@ HeaderState readLength(Octets& octets, Header& header) noexcept {
     return HeaderState::complete;
 }
 
+/// How many digits of so many bits a number has.
+unsigned int digits(std::uint64_t number, unsigned int bits) noexcept {
+    return (static_cast<unsigned int>(std::bit_width(number)) + bits - 1) / bits;
+}
+
 } // namespace
 
 HeaderState readHeader(const unsigned char* octets, std::size_t available, Header& header) noexcept {
@@ -85,6 +91,31 @@ HeaderState readHeader(const unsigned char* octets, std::size_t available, Heade
     const HeaderState state = readLength(rest, header);
     header.size = static_cast<std::size_t>(rest.at - octets);
     return state;
+}
+
+std::size_t headerSize(std::uint32_t tag, std::uint64_t contentLength) noexcept {
+    return 2U + (tag < longForm ? 0 : digits(tag, 7)) + (contentLength < more ? 0 : digits(contentLength, 8));
+}
+
+void appendHeader(std::vector<unsigned char>& out, TagClass tagClass, bool constructed, std::uint32_t tag,
+                  std::uint64_t contentLength) {
+    const auto append = [&out](std::uint64_t octet) { out.push_back(static_cast<unsigned char>(octet)); };
+    append(static_cast<unsigned int>(tagClass) | (constructed ? constructedBit : 0U) |
+           (tag < longForm ? tag : longForm));
+    if (tag >= longForm) {
+        for (unsigned int left = digits(tag, 7); left-- != 0;) {
+            append((tag >> 7U * left & lowBits) | (left != 0 ? more : 0U));
+        }
+    }
+    if (contentLength < more) {
+        append(contentLength);
+        return;
+    }
+    const unsigned int octets = digits(contentLength, 8);
+    append(more | octets);
+    for (unsigned int left = octets; left-- != 0;) {
+        append(contentLength >> 8U * left & 0xFFU);
+    }
 }
 
 } // namespace Norvane::Crypto::framing

@@ -5,13 +5,23 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace Norvane::Crypto::framing {
 
 enum class TagClass : std::uint8_t { universal = 0x00, application = 0x40, contextSpecific = 0x80, privateUse = 0xC0 };
 
 /// Universal tag numbers that readers ask for.
-enum Universal : std::uint32_t { bitString = 3, octetString = 4, objectIdentifier = 6, sequence = 16, set = 17 };
+enum Universal : std::uint32_t {
+    integer = 2,
+    bitString = 3,
+    octetString = 4,
+    objectIdentifier = 6,
+    sequence = 16,
+    set = 17,
+    utcTime = 23,
+    generalizedTime = 24
+};
 
 struct Header {
     TagClass tagClass = TagClass::universal;
@@ -40,5 +50,11 @@ enum class HeaderState : std::uint8_t {
 /// OpenSSL's decoder takes, and understands the same by it: lengths in more octets than they need, small tag numbers in
 /// the long form. Tag numbers that do not fit 31 bits and lengths beyond 63 bits are malformed, as they are to OpenSSL.
 HeaderState readHeader(const unsigned char* octets, std::size_t available, Header& header) noexcept;
+
+/// The octets of a header as DER has it: in as few as there can be.
+std::size_t headerSize(std::uint32_t tag, std::uint64_t contentLength) noexcept;
+/// Appends such a header.
+void appendHeader(std::vector<unsigned char>& out, TagClass tagClass, bool constructed, std::uint32_t tag,
+                  std::uint64_t contentLength);
 
 } // namespace Norvane::Crypto::framing

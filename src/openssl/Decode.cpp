@@ -1,5 +1,6 @@
 #include "openssl/Decode.h"
 
+#include "framing/Elements.h"
 #include "openssl/Pointers.h"
 
 namespace Norvane::Crypto::openssl {
@@ -18,14 +19,9 @@ Buffer encodeInteger(const ASN1_INTEGER* integer) {
 
 Buffer integerContent(const ASN1_INTEGER* integer) {
     const Buffer encoded = encodeInteger(integer);
-    const unsigned char* content = encoded.data();
-    long length = 0;
-    int tag = 0;
-    int tagClass = 0;
-    if (encoded.empty() || (ASN1_get_object(&content, &length, &tag, &tagClass, encoded.length()) & 0x80) != 0) {
-        return {};
-    }
-    return {content, static_cast<unsigned int>(length), false};
+    const auto element = framing::firstElement({encoded.data(), encoded.length()});
+    return element ? Buffer(element->content.data(), static_cast<unsigned int>(element->content.size()), false)
+                   : Buffer();
 }
 
 ASN1_GENERALIZEDTIME* toGeneralizedTime(const ASN1_TIME* time) {

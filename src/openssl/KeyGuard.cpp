@@ -16,7 +16,6 @@ namespace {
 using framing::TagClass;
 using framing::Walk;
 
-constexpr std::uint32_t integerTag = 2;
 constexpr std::size_t longestPadding = 64; // of the ciphers that encrypt keys
 constexpr std::size_t dsaNumbers = 6;      // version, p, q, g, public and private key
 constexpr std::size_t rsaNumbers = 9;      // version, n, e, d, p, q and three for the remainders
@@ -40,7 +39,7 @@ Integers integersOf(const unsigned char* der, std::size_t length) noexcept {
     Integers found;
     Walk walk(der, length);
     for (auto step = walk.next(); !isLast(step); step = walk.next()) {
-        const bool isInteger = step == Walk::Step::primitive && walk.header().is(TagClass::universal, integerTag);
+        const bool isInteger = step == Walk::Step::primitive && walk.header().is(TagClass::universal, framing::integer);
         if (isInteger) {
             found.longest =
                 std::max(found.longest, bitsOf(walk.content(), static_cast<std::size_t>(walk.header().contentLength)));

@@ -1,11 +1,11 @@
 #include "openssl/Pkcs7.h"
 
+#include "framing/Elements.h"
 #include "openssl/Decode.h"
 
 #include <openssl/asn1t.h>
 #include <openssl/objects.h>
 
-#include <algorithm>
 #include <climits>
 
 namespace Norvane::Crypto::openssl {
@@ -31,39 +31,19 @@ bool isPkcs7Type(int nid) noexcept {
     }
 }
 
-/// An element that ends where the structure ends, and where its content begins.
-struct LastElement {
-    int tag;
-    int tagClass;
-    bool constructed;
-    std::size_t content;
-    std::size_t start;
-};
-
 /// The elements that end where `der` ends, from the outermost to the primitive one; empty when there is none such.
-std::vector<LastElement> lastElements(const unsigned char* der, std::size_t length) {
-    std::vector<LastElement> elements;
-    std::size_t at = 0;
-    while (at < length) {
-        const unsigned char* content = der + at;
-        long contentLength = 0;
-        int tag = 0;
-        int tagClass = 0;
-        const int flags = ASN1_get_object(&content, &contentLength, &tag, &tagClass, static_cast<long>(length - at));
-        if ((flags & 0x80) != 0) {
-            return {};
+std::vector<framing::Element> lastElements(framing::Octets der) {
+    std::vector<framing::Element> elements;
+    framing::Elements level(der);
+    while (const auto element = level.next()) {
+        if (!level.atEnd()) {
+            continue;
         }
-        const auto contentAt = static_cast<std::size_t>(content - der);
-        const std::size_t end = contentAt + static_cast<std::size_t>(contentLength);
-        if (end == length) {
-            elements.push_back({tag, tagClass, (flags & V_ASN1_CONSTRUCTED) != 0, contentAt, at});
-            if (!elements.back().constructed) {
-                return elements;
-            }
-            at = contentAt;
-        } else {
-            at = end;
+        elements.push_back(*element);
+        if (!element->header.constructed) {
+            return elements;
         }
+        level = framing::Elements(*element);
     }
     return {};
 }
@@ -131,28 +111,29 @@ std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t conten
     if (encodedLength <= 0) {
         return {};
     }
-    const std::vector<LastElement> elements = lastElements(encoded, static_cast<std::size_t>(encodedLength));
+    const auto elements = lastElements({encoded, static_cast<std::size_t>(encodedLength)});
     // Lengths from the innermost element outwards: each encloses what follows its header, the next element included.
-    std::vector<int> lengths(elements.size());
-    int length = contentLength > INT_MAX ? -1 : static_cast<int>(contentLength);
-    for (std::size_t i = elements.size(); i-- != 0 && length >= 0;) {
+    std::vector<std::size_t> lengths(elements.size());
+    std::size_t length = contentLength;
+    for (std::size_t i = elements.size(); i-- != 0 && length <= INT_MAX;) {
         if (i + 1 != elements.size()) {
-            const auto before = static_cast<int>(elements[i + 1].start - elements[i].content);
-            length = length > INT_MAX - before ? -1 : length + before;
+            length += static_cast<std::size_t>(elements[i + 1].whole.data() - elements[i].content.data());
         }
         lengths[i] = length;
-        length = ASN1_object_size(elements[i].constructed ? 1 : 0, length, elements[i].tag); // -1 for a length below 0
+        length += framing::headerSize(elements[i].header.tag, length);
     }
-    if (elements.empty() || length < 0) {
+    if (elements.empty() || length > INT_MAX) { // more than OpenSSL counts
         queueError("i2d_PKCS7", ERR_LIB_ASN1, ASN1_R_TOO_LONG);
         return {};
     }
-    std::vector<unsigned char> head(static_cast<std::size_t>(length) - contentLength);
-    unsigned char* out = head.data();
+    std::vector<unsigned char> head;
+    head.reserve(length - contentLength);
     for (std::size_t i = 0; i != elements.size(); ++i) {
-        ASN1_put_object(&out, elements[i].constructed ? 1 : 0, lengths[i], elements[i].tag, elements[i].tagClass);
-        const std::size_t end = i + 1 == elements.size() ? elements[i].content : elements[i + 1].start;
-        out = std::copy(encoded + elements[i].content, encoded + end, out);
+        const auto& [header, whole, content] = elements[i];
+        framing::appendHeader(head, header.tagClass, header.constructed, header.tag, lengths[i]);
+        if (i + 1 != elements.size()) {
+            head.insert(head.end(), content.data(), elements[i + 1].whole.data());
+        }
     }
     return head;
 }

@@ -7,7 +7,6 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
-#include <array>
 
 namespace Norvane::Crypto::openssl {
 

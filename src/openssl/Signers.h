@@ -6,7 +6,6 @@
 #include "openssl/Pointers.h"
 
 #include <cstdint>
-#include <string>
 
 namespace Norvane::Crypto::openssl {
 

@@ -124,3 +124,36 @@ TEST(FramingHeader, AgreesWithOpenSslOnAnyOctets) {
     }
     EXPECT_GT(compared, 50000);
 }
+
+TEST(FramingHeader, WritesTheOctetsThatOpenSslWrites) {
+    for (const std::uint32_t tag : {0U, 16U, 30U, 31U, 127U, 128U, 16383U, 16384U, 0x7FFFFFFFU}) {
+        for (const int length : {0, 1, 127, 128, 255, 256, 65535, 65536, 0xFFFFFF, 0x1000000, 0x7FFFFF00}) {
+            for (const TagClass tagClass : {TagClass::universal, TagClass::contextSpecific, TagClass::privateUse}) {
+                for (const bool constructed : {false, true}) {
+                    Bytes theirs(16);
+                    unsigned char* end = theirs.data();
+                    ASN1_put_object(&end, constructed ? 1 : 0, length, static_cast<int>(tag),
+                                    static_cast<int>(tagClass));
+                    theirs.resize(static_cast<std::size_t>(end - theirs.data()));
+                    Bytes ours;
+                    appendHeader(ours, tagClass, constructed, tag, static_cast<std::uint64_t>(length));
+                    ASSERT_EQ(ours, theirs) << tag << " " << length;
+                    ASSERT_EQ(headerSize(tag, static_cast<std::uint64_t>(length)), theirs.size());
+                }
+            }
+        }
+    }
+}
+
+TEST(FramingHeader, ReadsWhatItWroteWhateverTheLength) {
+    for (const std::uint64_t length :
+         std::initializer_list<std::uint64_t>{0x80000000U, 0x100000000U, 0x7FFFFFFFFFFFFFFFU}) {
+        Bytes octets;
+        appendHeader(octets, TagClass::application, true, 31, length);
+        Header header;
+        ASSERT_EQ(readHeader(octets.data(), octets.size(), header), HeaderState::complete);
+        EXPECT_TRUE(header.is(TagClass::application, 31));
+        EXPECT_EQ(header.contentLength, length);
+        EXPECT_EQ(header.size, octets.size());
+    }
+}

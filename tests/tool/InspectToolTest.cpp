@@ -1,5 +1,6 @@
 // norvcrypt inspect: what it recognises, the keys of its JSON, and what odd and hostile objects do to both.
 
+#include "support/Costly.h"
 #include "support/Process.h"
 #include "support/Workspace.h"
 
@@ -440,6 +441,37 @@ TEST_F(InspectToolTest, UnknownContent) {
     expectUnreadable("request", "request: a PEM block of the unknown kind CERTIFICATE REQUEST\n");
     expectUnreadable("none", "cannot open none: No such file or directory\n");
     expectUnreadable(".", "cannot read .: Is a directory\n");
+}
+
+TEST_F(InspectToolTest, WhatIsRefusedIsToldAsThatInDerToo) {
+    const std::string reason = "refused: explicit elliptic curve parameters";
+    work.write("certificate", norvtest::explicitIdentity().certificate.der);
+    expectUnreadable("certificate", "certificate: certificate " + reason + "\n");
+    work.write("key", norvtest::explicitIdentity().key.publicDer());
+    const Answer answer = inspect({"key"});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_NE(std::string::npos, answer.err.find("Crypto::PublicKey::read (code 4, Key:241): ")) << answer.err;
+    EXPECT_NE(std::string::npos, answer.err.find(reason)) << answer.err;
+    namespace der = norvauthority::der;
+    work.write("pair",
+               der::sequence({der::element(der::contextConstructed(0), norvtest::explicitIdentity().certificate.der)}));
+    expectUnreadable("pair", "pair: pair of certificates " + reason + "\n");
+}
+
+/// What has the shape of an object and is damaged deeper inside.
+TEST_F(InspectToolTest, MalformedObjectsInDerAreNamed) {
+    namespace der = norvauthority::der;
+    const Bytes algorithm = der::sequence({der::oid("1.2.840.113549.1.1.11"), der::null()});
+    const Bytes empty = der::sequence({});
+    const auto isSigned = [&](const std::vector<Bytes>& parts) {
+        return der::sequence({der::sequence(parts), algorithm, der::bitString({1})});
+    };
+    work.write("certificate", isSigned({der::integer("1"), algorithm, empty, empty, empty, empty}));
+    expectUnreadable("certificate", "certificate: malformed certificate: 0x");
+    work.write("list", isSigned({der::integer("1"), algorithm, empty, der::element(der::utcTimeTag, {}), der::null()}));
+    expectUnreadable("list", "list: malformed revocation list: 0x");
+    work.write("key", der::sequence({der::integer("0"), algorithm, der::octetString({1})}));
+    expectUnreadable("key", "key: Crypto::PrivateKey::read (code 4, Key:112): ");
 }
 
 TEST_F(InspectToolTest, TruncatedObjects) {

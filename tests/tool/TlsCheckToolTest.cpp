@@ -1,5 +1,6 @@
 // norvcrypt tls check: a set-up that is in order, and each problem on its own.
 
+#include "support/Costly.h"
 #include "support/ToolTest.h"
 
 #include <authority/Authority.h>
@@ -133,6 +134,18 @@ TEST_F(TlsCheckToolTest, AKeyOfAnotherCertificate) {
 TEST_F(TlsCheckToolTest, AKeyThatNeedsAPassphrase) {
     work.write(keyFile, server().key.encryptedPem("secret"));
     expectProblem(keyFile, "no private key in PEM without a passphrase: ");
+}
+
+TEST_F(TlsCheckToolTest, CertificatesThatCostTooMuchAreNotDecoded) {
+    const std::string costly = norvtest::explicitIdentity().certificate.pem();
+    work.write(bundle, authority().certificate.pem() + costly);
+    expectProblem(bundle, "a certificate that is refused: explicit elliptic curve parameters\n");
+    work.write(bundle, authority().certificate.pem());
+    add(authorities, "costly.pem", costly);
+    const Answer answer = check();
+    EXPECT_NE(std::string::npos,
+              answer.out.find("costly.pem: a certificate that is refused: explicit elliptic curve parameters\n"))
+        << answer.out;
 }
 
 TEST_F(TlsCheckToolTest, AChainThatIsNone) {

@@ -11,6 +11,7 @@
 #include <norvcrypto/Key.h>
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace Norvane::Crypto::NVX509 {
@@ -20,19 +21,21 @@ constexpr unsigned int longestPassphrase = 1023;
 
 /// What became of reading a private key.
 struct OpenedKey {
-    RefKey key;             ///< null when there is none that could be read; OpenSSL's error queue tells why
-    bool encrypted = false; ///< a passphrase was asked for
+    RefKey key;             ///< null when there is none that could be read
+    bool encrypted = false; ///< without a key: there is one, and it is encrypted
+    bool tooCostly = false; ///< without a key: it is refused before it is decrypted or decoded (`TooCostlyException`)
+    std::string reason;     ///< without a key: why, in the words of OpenSSL or of the refusal
 };
 
-/// How a file holds its key: in a PEM block (PKCS#8, RFC 5958, or the older forms of OpenSSL), or as the DER of an
-/// encrypted PKCS#8 structure.
-enum class KeyForm : int { pem, encryptedDer };
-
-/// Reads the first private key. Never prompts: without a passphrase an encrypted key is not read. An empty passphrase is
-/// one like any other. The bytes are read where they are, so that no copy of a key stays behind.
+/// Reads the first private key, as `PrivateKey::readUnattended` does: keys that would take minutes to decrypt or to decode
+/// are refused. Never prompts: without a passphrase an encrypted key is not read. An empty passphrase is one like any
+/// other. Content that is no PEM is taken for encrypted. What memory held the key is wiped. Of OpenSSL's error queue a
+/// failure leaves nothing: what stood in it is in the reason.
 /// \throws std::bad_alloc
-NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, KeyForm form,
-                                           const std::optional<std::string_view>& passphrase);
+NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase);
+
+/// Whether a PEM block begins in the content, wherever that is.
+NORVCRYPTO_EXPORT bool isPem(const Buffer& content);
 
 /// Whether a private key and a certificate belong together; false when one of them is null or has no key that can be
 /// read. Leaves OpenSSL's error queue as it was.

@@ -2,39 +2,80 @@
 
 #include "OpenSsl.h"
 
+#include <norvcmsg/Exception.h>
+
 #include <openssl/pem.h>
 
-#include <cstring>
+#include <variant>
 
 namespace Norvane::Crypto::NVX509 {
 
 namespace {
 
-struct Answer {
-    const std::optional<std::string_view>& passphrase;
-    bool asked = false;
-};
+/// Notes that OpenSSL asks for a passphrase, and has none. Without an answer it would ask on a terminal.
+int noteQuestion(char* /*out*/, int /*size*/, int /*writing*/, void* asked) {
+    *static_cast<bool*>(asked) = true;
+    return -1;
+}
 
-/// OpenSSL's question for a passphrase. Without this answer it would ask on a terminal.
-int answerPassphrase(char* out, int size, int /*writing*/, void* data) {
-    auto& answer = *static_cast<Answer*>(data);
-    answer.asked = true;
-    if (!answer.passphrase || answer.passphrase->size() > static_cast<std::size_t>(size)) {
-        return -1;
+/// Whether the first private key of a text is encrypted: in PKCS#8, as its label tells, or in the older way, in which
+/// OpenSSL decrypts a block as soon as it finds it.
+bool isEncryptedPem(const Buffer& content) {
+    const keystore::QuietQuestion quiet;
+    const auto source = keystore::sourceOver(content);
+    bool asked = false;
+    unsigned char* data = nullptr;
+    long length = 0;
+    char* label = nullptr;
+    if (PEM_bytes_read_bio_secmem(&data, &length, &label, PEM_STRING_EVP_PKEY, source.get(), noteQuestion, &asked) !=
+        1) {
+        return asked;
     }
-    std::memcpy(out, answer.passphrase->data(), answer.passphrase->size());
-    return static_cast<int>(answer.passphrase->size());
+    const bool encrypted = std::string_view(label) == PEM_STRING_PKCS8;
+    OPENSSL_secure_clear_free(data, static_cast<std::size_t>(length));
+    OPENSSL_secure_free(label);
+    return encrypted;
+}
+
+/// What an exception of the library says about its cause.
+std::string detailOf(const Exception& failure) {
+    std::string detail;
+    for (const auto& parameter : failure.parameters()) {
+        if (const auto* text = std::get_if<std::string>(&parameter)) {
+            detail = *text;
+        }
+    }
+    // The library puts this in front of it; whoever reads the reason knows what was read.
+    constexpr std::string_view prefix = "Could not decode the private key:  ";
+    return detail.compare(0, prefix.size(), prefix) == 0 ? detail.substr(prefix.size()) : detail;
 }
 
 } // namespace
 
-OpenedKey openPrivateKey(const Buffer& content, KeyForm form, const std::optional<std::string_view>& passphrase) {
-    const auto source = keystore::sourceOver(content);
-    Answer answer{passphrase};
-    keystore::Owned<EVP_PKEY> key(form == KeyForm::pem
-                                      ? PEM_read_bio_PrivateKey(source.get(), nullptr, answerPassphrase, &answer)
-                                      : d2i_PKCS8PrivateKey_bio(source.get(), nullptr, answerPassphrase, &answer));
-    return {key ? RefKey(new PrivateKey(key.release())) : RefKey(), answer.asked};
+OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase) {
+    const std::string_view characters = passphrase.value_or("");
+    const Buffer answer(characters.data(), static_cast<unsigned int>(characters.size()), true);
+    OpenedKey opened;
+    const keystore::QuietQuestion quiet;
+    auto* const key = new PrivateKey(nullptr);
+    const RefKey handle(key);
+    try {
+        key->readUnattended(content, passphrase ? &answer : nullptr);
+        opened.key = handle;
+        return opened;
+    } catch (const TooCostlyException& refused) {
+        opened.tooCostly = true;
+        opened.reason = detailOf(refused);
+    } catch (const Exception& failure) {
+        opened.reason = detailOf(failure);
+    }
+    opened.encrypted = !isPem(content) || isEncryptedPem(content);
+    return opened;
+}
+
+bool isPem(const Buffer& content) {
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    return text.find("-----BEGIN ") != std::string_view::npos;
 }
 
 bool belongTogether(const RefKey& key, const RefCertificate& certificate) {

@@ -4,11 +4,14 @@
 #include "OpenSsl.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
+#include <norvcrypto/Acceptance.h>
 
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 namespace Norvane::Crypto::NVX509::keystore {
 
@@ -30,6 +33,21 @@ bool secureHeapIsFull(std::size_t length) {
     return probe == nullptr;
 }
 
+/// The next block with a certificate, not decoded; nothing when there is no other. \throws Refusal: a damaged one
+std::optional<Buffer> nextCertificate(BIO* source, const std::string& which) {
+    unsigned char* data = nullptr;
+    long length = 0;
+    if (PEM_bytes_read_bio(&data, &length, nullptr, PEM_STRING_X509, source, noPassphrase, nullptr) != 1) {
+        if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {
+            throw Refusal(which + "does not decode");
+        }
+        return std::nullopt;
+    }
+    const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owned(
+        data, [](unsigned char* memory) { OPENSSL_free(memory); });
+    return Buffer(data, static_cast<unsigned int>(length), false);
+}
+
 } // namespace
 
 std::list<RefCertificate> certificatesOf(const Buffer& pem) {
@@ -37,19 +55,18 @@ std::list<RefCertificate> certificatesOf(const Buffer& pem) {
     const auto source = sourceOver(pem);
     std::list<RefCertificate> certificates;
     for (;;) {
-        Owned<X509> certificate(PEM_read_bio_X509(source.get(), nullptr, noPassphrase, nullptr));
-        if (!certificate) {
+        const std::string which = "certificate " + std::to_string(certificates.size() + 1) + " in it ";
+        const auto der = nextCertificate(source.get(), which);
+        if (!der) {
             break;
         }
-        certificates.push_back(CertificateFactory()(certificate.release(), true));
-        if (static_cast<x509_st*>(certificates.back()) == nullptr) {
-            throw Refusal("certificate " + std::to_string(certificates.size()) +
-                          " in it is refused: too many distribution points relative to the issuer");
+        RefCertificate certificate = CertificateFactory().readDER(*der);
+        if (certificate.isNull()) {
+            const std::string refused = refusal(*der);
+            throw Refusal(which + (refused.empty() ? "does not decode" : "is " + refused));
         }
-        certificates.back()->warm();
-    }
-    if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {
-        throw Refusal("certificate " + std::to_string(certificates.size() + 1) + " in it does not decode");
+        certificate->warm();
+        certificates.push_back(std::move(certificate));
     }
     if (certificates.empty()) {
         throw Refusal("holds no certificate in PEM form");
@@ -81,9 +98,12 @@ RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase) 
     if (passphrase) {
         given.emplace(reinterpret_cast<const char*>(passphrase->data()), passphrase->length());
     }
-    const OpenedKey opened = openPrivateKey(pem, KeyForm::pem, given);
+    const OpenedKey opened = isPem(pem) ? openPrivateKey(pem, given) : OpenedKey();
     if (!opened.key.isNull()) {
         return opened.key;
+    }
+    if (opened.tooCostly) {
+        throw Refusal("is refused: " + opened.reason);
     }
     if (secureHeapIsFull(pem.length())) {
         throw Exhausted("OpenSSL's secure heap has no room for the keys; a reload takes room for both contents");

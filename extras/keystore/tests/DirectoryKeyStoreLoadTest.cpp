@@ -1,9 +1,11 @@
 // What stands in the folders: the files, what is refused, and in which words.
 
 #include "Store.h"
+#include "support/Costly.h"
 #include "support/Thrown.h"
 
 #include <gmock/gmock.h>
+#include <openssl/pem.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
@@ -199,6 +201,75 @@ TEST_F(DirectoryKeyStoreLoadTest, AnEncryptedKeyWithoutItsPassphraseIsReportedAn
     m_store.folder("x");
     m_store.file("x/passphrase", "wrong\n");
     EXPECT_THAT(problemsWith("key.pem", encrypted), ElementsAre("x/key.pem: cannot be decrypted with the passphrase"));
+}
+
+TEST_F(DirectoryKeyStoreLoadTest, CertificatesThatCostTooMuchAreReportedAndTheOthersServe) {
+    const auto& costly = norvtest::explicitIdentity();
+    m_store.add("a", "*@a.example\n", costly);
+    m_store.add("b", "*@b.example\n");
+    m_store.file("b/chain.pem", identity("Root").certificate.pem() + costly.certificate.pem());
+    m_store.add("c", "*@c.example\n");
+    m_store.file("c/cert.pem", norvtest::relativePoints(400, 20, sharedKey()).pem());
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store),
+                ElementsAre("a/cert.pem: certificate 1 in it is refused: explicit elliptic curve parameters",
+                            "b/chain.pem: certificate 2 in it is refused: explicit elliptic curve parameters",
+                            "c/cert.pem: certificate 1 in it is refused: too many distribution points relative to the "
+                            "issuer"));
+    EXPECT_THAT(foldersOf(store), ElementsAre("b"));
+    EXPECT_EQ(signerFor(store, "x@b.example"), "b");
+}
+
+TEST_F(DirectoryKeyStoreLoadTest, KeysThatCostTooMuchAreReportedAndTheOthersServe) {
+    using namespace norvauthority::der;
+    const auto numberOf = [](std::size_t octets) {
+        norvauthority::Bytes content(octets, 0x55);
+        return element(integerTag, content);
+    };
+    const norvauthority::Bytes longModulus = sequence(
+        {integer("0"), sequence({oid("1.2.840.10040.4.1"), sequence({numberOf(1251), numberOf(20), integer("2")})}),
+         octetString(numberOf(20))});
+    const norvauthority::Bytes hashed = sequence(
+        {sequence({oid("1.2.840.113549.1.12.1.3"), sequence({octetString({1, 2, 3, 4}), integer("7fffffff")})}),
+         octetString(norvauthority::Bytes(64))});
+    m_store.add("a", "*@a.example\n");
+    m_store.file("a/key.pem", norvauthority::pem("PRIVATE KEY", longModulus));
+    m_store.add("b", "*@b.example\n");
+    m_store.file("b/key.pem", norvauthority::pem("ENCRYPTED PRIVATE KEY", hashed));
+    m_store.add("c", "*@c.example\n");
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store),
+                ElementsAre("a/key.pem: is refused: DSA modulus of 10007 bits, more than 10000",
+                            testing::StartsWith("b/key.pem: is refused: the encryption of the private key ")));
+    EXPECT_EQ(recipientFor(store, "x@a.example"), "a") << "its certificate is good";
+    EXPECT_EQ(signerFor(store, "x@a.example"), "nobody");
+    EXPECT_EQ(signerFor(store, "x@c.example"), "c");
+}
+
+TEST_F(DirectoryKeyStoreLoadTest, KeysThatAreEncryptedInTheOldWayAreOpenedToo) {
+    const std::unique_ptr<BIO, decltype(&BIO_free)> pem(BIO_new(BIO_s_mem()), BIO_free);
+    std::string passphrase = "open sesame";
+    ASSERT_EQ(PEM_write_bio_PrivateKey_traditional(pem.get(), sharedKey().get(), EVP_aes_128_cbc(),
+                                                   reinterpret_cast<unsigned char*>(passphrase.data()),
+                                                   static_cast<int>(passphrase.size()), nullptr, nullptr),
+              1);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(pem.get(), &text);
+    const std::string encrypted(text, static_cast<std::size_t>(length));
+    ASSERT_NE(encrypted.find("Proc-Type: 4,ENCRYPTED"), std::string::npos);
+    EXPECT_THAT(problemsWith("key.pem", encrypted),
+                ElementsAre("x/key.pem: is encrypted, and there is no passphrase for it"));
+    m_store.folder("x");
+    m_store.file("x/passphrase", "wrong\n");
+    EXPECT_THAT(problemsWith("key.pem", encrypted), ElementsAre("x/key.pem: cannot be decrypted with the passphrase"));
+    m_store.folder("x");
+    m_store.file("x/passphrase", passphrase);
+    EXPECT_THAT(problemsWith("key.pem", encrypted), IsEmpty());
+}
+
+TEST_F(DirectoryKeyStoreLoadTest, AClearKeyThatDoesNotDecodeIsNotCalledEncrypted) {
+    EXPECT_THAT(problemsWith("key.pem", "not ENCRYPTED\n" + norvauthority::pem("PRIVATE KEY", {0x30, 0x00})),
+                ElementsAre("x/key.pem: holds no private key in PEM form"));
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, BadPassphrasesAreReportedAndDoNotMatterToAClearKey) {

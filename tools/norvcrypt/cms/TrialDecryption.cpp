@@ -3,11 +3,13 @@
 #include "openssl/CertificateDetails.h"
 
 #include <norvcmsg/Logger.h>
-#include <norvcmsg/SwapBufferMediaOut.h>
 #include <norvcrypto-keystore/KeyFiles.h>
+#include <norvcrypto/CMSEnvelopeOutline.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <utility>
 
 namespace norvcrypt {
@@ -18,7 +20,10 @@ namespace ASN1 = Norvane::Crypto::ASN1;
 
 namespace {
 
+using Told = CMS::DecrypterMediaIn::Attempt;
+
 constexpr unsigned int keptInMemory = 1U << 20U;
+constexpr unsigned long largestSecondLook = 256UL << 20U;
 
 Norvane::SwapBufferMediaOut emptySpill() {
     const char* const directory = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): one thread
@@ -26,11 +31,10 @@ Norvane::SwapBufferMediaOut emptySpill() {
     return {keptInMemory, (place + "/norvcrypt-XXXXXX").c_str()};
 }
 
-/// A recipient while the library tries it.
-struct Trial {
+/// Whose key the library asked for, and the answer.
+struct Question {
     std::string recipient;
-    const OwnIdentity* identity = nullptr; ///< with the key that is tried
-    bool failed = false;
+    const OwnIdentity* identity = nullptr;
 };
 
 bool belongsTogether(const OwnIdentity& identity) {
@@ -42,31 +46,62 @@ bool isNamed(const OwnIdentity& identity, const NVX509::DistinguishedName& issue
     return hasSerialNumber(identity.certificate, serial.object()) && identity.certificate->issuer() == issuer;
 }
 
-Attempt::Outcome outcomeOf(const Trial& trial) {
+Attempt::Outcome outcomeOf(const Told& told, const Question& question) {
     using enum Attempt::Outcome;
-    if (!trial.failed)
+    switch (told.outcome()) {
+    case Told::Succeeded:
         return decrypted;
-    if (trial.recipient.empty())
+    case Told::NegativeSerialNumber:
         return unnamed;
-    if (trial.identity == nullptr)
-        return noKey;
-    if (!belongsTogether(*trial.identity))
+    case Told::NotTried:
+        return notTried;
+    case Told::UnsupportedAlgorithm:
+        return unsupported;
+    case Told::KeyOfAnotherCertificate:
         return foreignKey;
-    return isRsa(trial.identity->key) ? failed : noRsaKey;
+    default:
+        break;
+    }
+    if (question.identity == nullptr || told.outcome() == Told::NoKey)
+        return noKey;
+    return isRsa(question.identity->key) ? failed : noRsaKey;
 }
 
-Attempt attemptOf(const Trial& trial) {
-    return {trial.recipient, outcomeOf(trial),
-            trial.identity == nullptr ? std::nullopt : std::optional<OwnIdentity>(*trial.identity)};
-}
+/// Delivers the bytes of a source and keeps a copy of them, as long as there is room for it.
+class CopyingSource : public Norvane::MediaInImpl {
+public:
+    CopyingSource(const Norvane::MediaIn& source, const Norvane::SwapBufferMediaOut& copy)
+        : m_source(source),
+          m_copy(copy) {}
+
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_source.atEnd(); }
+    [[nodiscard]] int peek() const override { return m_source.peek(); }
+    int read(unsigned char* out, unsigned int length) override {
+        const int count = m_source.read(out, length);
+        try {
+            if (m_complete && count > 0)
+                m_copy.write(out, static_cast<unsigned int>(count));
+        } catch (const Norvane::Exception&) {
+            m_complete = false;
+            m_copy.clear();
+        }
+        return count;
+    }
+
+private:
+    Norvane::MediaIn m_source;
+    Norvane::SwapBufferMediaOut m_copy;
+    bool m_complete = true;
+};
 
 } // namespace
 
-/// What the key store, the log and the target know of one run; the library drives them in turn, recipient by recipient.
+/// What the key store and the log know of one run; the library drives them in turn, recipient by recipient.
 struct TrialDecryption::State {
     std::vector<OwnIdentity> identities;
-    std::vector<Trial> trials;
-    Norvane::SwapBufferMediaOut spill = emptySpill();
+    std::map<std::size_t, Question> questions; ///< by the recipient's place among the attempts
+    const CMS::DecrypterMediaIn* decrypter = nullptr;
     bool notEnveloped = false;
     std::string unknownType;
     bool contentMissing = false;
@@ -86,16 +121,15 @@ struct TrialDecryption::State {
 
 namespace {
 
-/// Answers with the identities, and begins an attempt with each question.
+/// Answers with the identities, and notes who was asked for.
 class IdentityPlugin : public NVX509::KeyStorePlugin {
 public:
     explicit IdentityPlugin(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
 
     NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
         const OwnIdentity* const identity = m_state->find(issuer, serial);
-        m_state->trials.push_back({"issuer " + displayName(issuer) + " serial number " + serial.hex(), identity});
-        // What an earlier attempt wrote is no part of the body.
-        m_state->spill = emptySpill();
+        m_state->questions[m_state->decrypter->attempts().size()] = {
+            "issuer " + displayName(issuer) + " serial number " + serial.hex(), identity};
         return identity == nullptr ? NVX509::KeyCertificatePair(true)
                                    : NVX509::KeyCertificatePair(identity->key, identity->certificate);
     }
@@ -108,25 +142,12 @@ private:
     std::shared_ptr<TrialDecryption::State> m_state;
 };
 
-/// Writes to the spill of the present attempt.
-class SpillTarget : public Norvane::MediaOutImpl {
-public:
-    explicit SpillTarget(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
-
-    using MediaOutImpl::write;
-    void write(const unsigned char* data, unsigned int length) override { m_state->spill.write(data, length); }
-
-private:
-    std::shared_ptr<TrialDecryption::State> m_state;
-};
-
 /// Takes from the log what the library's lists do not tell.
-class AttemptsSink : public Norvane::LogSink {
+class StructureSink : public Norvane::LogSink {
 public:
-    explicit AttemptsSink(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
+    explicit StructureSink(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
 
     void record(const Norvane::LogRecord& record) override {
-        auto& trials = m_state->trials;
         switch (record.event) {
         case 0x300005D:
             m_state->unknownType = record.fields.empty() ? "" : record.fields.front();
@@ -136,13 +157,6 @@ public:
             break;
         case 0x3000059:
             m_state->contentMissing = true;
-            break;
-        case 0x300005A:
-        case 0x300005B:
-            // The store was not asked: the library cannot name such a recipient.
-            if (trials.empty() || trials.back().failed)
-                trials.push_back({});
-            trials.back().failed = true;
             break;
         default:
             break;
@@ -164,33 +178,90 @@ public:
 
 } // namespace
 
-TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities) : m_state(std::make_shared<State>()) {
+bool DecryptionResult::needsMore() const {
+    const auto needs = [](const Attempt& one) { return one.outcome == Attempt::Outcome::unsupported; };
+    return !decrypted && (!unsupported.empty() || std::any_of(attempts.begin(), attempts.end(), needs));
+}
+
+std::string inOneLine(const std::list<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
+TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities)
+    : m_state(std::make_shared<State>()),
+      m_copy(emptySpill()),
+      m_body(emptySpill()) {
     m_state->identities = std::move(identities);
 }
 
 TrialDecryption::~TrialDecryption() = default;
 
-void TrialDecryption::open(Norvane::MediaIn& structure) {
+void TrialDecryption::decode(Norvane::MediaIn& structure) {
     const NVX509::RefKeyStore keys(true);
     keys->add(NVX509::RefKeyStorePlugin(new IdentityPlugin(m_state)));
     m_decrypter.emplace(structure, keys);
+    m_state->decrypter = &*m_decrypter;
+}
+
+void TrialDecryption::open(Norvane::MediaIn& structure, const std::string& name) {
+    try {
+        Norvane::MediaIn copying(Norvane::makeReference<CopyingSource, Norvane::MediaInImpl>(structure, m_copy));
+        decode(copying);
+    } catch (const Norvane::Exception&) {
+        // A sound message of a newer sender is not to pass for a damaged one.
+        const Norvane::Buffer message = copied();
+        const CMS::EnvelopeOutline outline(message);
+        m_unsupported = outline.unsupported();
+        if (!outline.isReadable()) {
+            refuseUnsupported(name);
+            throw;
+        }
+        Norvane::MemoryMediaIn readable(outline.readable(message));
+        decode(readable);
+    }
+}
+
+/// The message as it was read; empty when there was no room for it.
+Norvane::Buffer TrialDecryption::copied() const {
+    Norvane::Buffer message;
+    if (m_copy.length() <= largestSecondLook) {
+        Norvane::MediaIn in = m_copy.in();
+        in.read(message, 0);
+    }
+    return message;
+}
+
+void TrialDecryption::refuseUnsupported(const std::string& name) const {
+    if (!m_unsupported.empty())
+        throw Failure(name + " needs what is not supported: " + inOneLine(m_unsupported));
 }
 
 DecryptionResult TrialDecryption::run(const std::string& name) {
-    const Listening listening(std::make_shared<AttemptsSink>(m_state));
-    Norvane::MediaOut target(Norvane::makeReference<SpillTarget, Norvane::MediaOutImpl>(m_state));
-    m_decrypter->write(target);
-    if (m_state->notEnveloped)
+    const Listening listening(std::make_shared<StructureSink>(m_state));
+    const bool decrypted = m_decrypter->decrypt(m_body);
+    if (m_state->notEnveloped) {
+        m_unsupported = CMS::EnvelopeOutline(copied()).unsupported();
+        refuseUnsupported(name);
         throw Failure(name + " holds no encrypted body" +
                       (m_state->unknownType.empty() ? "" : " but the unknown type " + m_state->unknownType));
-    DecryptionResult result{m_decrypter->decryptionSucceeded(), m_state->contentMissing, {}};
-    for (const Trial& trial : m_state->trials)
-        result.attempts.push_back(attemptOf(trial));
+    }
+    DecryptionResult result{decrypted, m_state->contentMissing, {}, m_unsupported};
+    for (const Told& told : m_decrypter->attempts()) {
+        const auto asked = m_state->questions.find(result.attempts.size());
+        const Question question = asked == m_state->questions.end() ? Question() : asked->second;
+        result.attempts.push_back(
+            {question.recipient, outcomeOf(told, question),
+             question.identity == nullptr ? std::nullopt : std::optional<OwnIdentity>(*question.identity),
+             told.algorithm()});
+    }
     return result;
 }
 
 Norvane::MediaIn TrialDecryption::body() const {
-    return m_state->spill.in();
+    return m_body.in();
 }
 
 } // namespace norvcrypt

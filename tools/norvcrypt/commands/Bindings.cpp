@@ -203,24 +203,24 @@ Exit find(const BindingsOptions& options) {
     return served ? Exit::good : Exit::refused;
 }
 
-CLI::App* addCommand(CLI::App& parent, Action& action, const std::shared_ptr<BindingsOptions>& options,
-                     const std::string& name, const std::string& description, Exit (*run)(const BindingsOptions&)) {
-    CLI::App* command = parent.add_subcommand(name, description);
-    command->add_option("--store", options->store, "The directory: a folder for each identity")
-        ->type_name("DIR")
+Command* addCommand(Command& parent, Action& action, const std::shared_ptr<BindingsOptions>& options,
+                    const std::string& name, const std::string& description, Exit (*run)(const BindingsOptions&)) {
+    Command* command = parent.command(name, description);
+    command->option("--store", options->store, "The directory: a folder for each identity")
+        ->typeName("DIR")
         ->required();
-    command->add_flag("--json", options->json, "One JSON object");
-    command->callback([options, &action, run] { action = [options, run] { return run(*options); }; });
+    command->flag("--json", options->json, "One JSON object");
+    command->whenChosen([options, &action, run] { action = [options, run] { return run(*options); }; });
     return command;
 }
 
 } // namespace
 
-void addBindings(CLI::App& app, Action& action) {
+void addBindings(Command& commands, Action& action) {
     auto options = std::make_shared<BindingsOptions>();
-    CLI::App* bindings =
-        app.add_subcommand("bindings", "Tells which certificates and keys belong to which mail addresses");
-    bindings->require_subcommand(1);
+    Command* bindings =
+        commands.command("bindings", "Tells which certificates and keys belong to which mail addresses");
+    bindings->requireCommand();
     bindings->footer("A store is a directory with a folder for each identity: cert.pem, and chain.pem, key.pem, "
                      "passphrase and owners.txt, which holds one address pattern a line.");
 
@@ -240,9 +240,9 @@ void addBindings(CLI::App& app, Action& action) {
                  "JSON: store, identities (their number), problems (kind, folder, file, line, pattern, reason).\n"
                  "Exit code: 0 no problem, 1 a problem, 2 the store cannot be read.");
 
-    CLI::App* search = addCommand(*bindings, action, options, "find",
-                                  "Tells which certificate and key belong to an address, and why", find);
-    search->add_option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
+    Command* search = addCommand(*bindings, action, options, "find",
+                                 "Tells which certificate and key belong to an address, and why", find);
+    search->option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
     search->footer(
         "JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
         "line, privateKey, the keys of inspect for a certificate; null for none) and matches in the order "

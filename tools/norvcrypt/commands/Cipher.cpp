@@ -42,8 +42,8 @@ Buffer bytesOf(const std::string& hex, const char* option, unsigned int needed, 
 }
 
 /// The input through a stream that writes into the output.
-template <class Stream> void transform(Stream stream, OutputFile& out, const std::string& path, const char* what) {
-    Inputs inputs;
+template <class Stream>
+void transform(Stream stream, OutputFile& out, const std::string& path, Inputs& inputs, const char* what) {
     Progress progress(what);
     Norvane::MediaIn in = inputs.open(path, &progress);
     stream.attach(OutputStream(out));
@@ -55,13 +55,15 @@ Exit cipher(const CipherOptions& options) {
     const NamedCipher& cipher = cipherNamed(options.cipher);
     const Buffer key = bytesOf(options.keyHex, "--key-hex", cipher.keyLength, cipher);
     const Buffer iv = bytesOf(options.ivHex, "--iv-hex", cipher.ivLength, cipher);
-    OutputFile out(options.out);
-    if (options.direction == "encrypt") {
-        transform(EncrypterMediaOut(cipher.cipher, key, iv), out, options.in, "encrypting");
+    Inputs inputs;
+    const bool encrypts = options.direction == "encrypt";
+    OutputFile out(options.out, inputs, encrypts ? OutputFile::Access::everyone : OutputFile::Access::owner);
+    if (encrypts) {
+        transform(EncrypterMediaOut(cipher.cipher, key, iv), out, options.in, inputs, "encrypting");
     } else {
         DecrypterMediaOut decrypter(cipher.cipher, key, iv);
         try {
-            transform(decrypter, out, options.in, "decrypting");
+            transform(decrypter, out, options.in, inputs, "decrypting");
         } catch (const Norvane::Exception& failure) {
             reportError("cannot decrypt " + inputName(options.in) +
                         ", the key is wrong or the bytes are damaged: " + failure.asString());
@@ -74,26 +76,25 @@ Exit cipher(const CipherOptions& options) {
 
 } // namespace
 
-void addCipher(CLI::App& app, Action& action) {
+void addCipher(Command& commands, Action& action) {
     auto options = std::make_shared<CipherOptions>();
-    CLI::App* command = app.add_subcommand("cipher", "Encrypts or decrypts bytes under a key, without any structure");
-    command->add_option("DIRECTION", options->direction, "encrypt or decrypt")
-        ->required()
-        ->check(CLI::IsMember({"encrypt", "decrypt"}));
-    command->add_option("--cipher", options->cipher, "The cipher: " + cipherNames())->type_name("NAME")->required();
-    command->add_option("--key-hex", options->keyHex, "The key; other users of the machine can see it while this runs")
-        ->type_name("HEX")
+    Command* command = commands.command("cipher", "Encrypts or decrypts bytes under a key, without any structure");
+    command->option("DIRECTION", options->direction, "encrypt or decrypt")->required()->among({"encrypt", "decrypt"});
+    command->option("--cipher", options->cipher, "The cipher: " + cipherNames())->typeName("NAME")->required();
+    command->option("--key-hex", options->keyHex, "The key; other users of the machine can see it while this runs")
+        ->typeName("HEX")
         ->required();
-    command->add_option("--iv-hex", options->ivHex, "The initialisation vector")->type_name("HEX")->required();
-    command->add_option("--in", options->in, "What to encrypt or decrypt; \"-\" is standard input")
-        ->type_name("FILE")
-        ->capture_default_str();
+    command->option("--iv-hex", options->ivHex, "The initialisation vector")->typeName("HEX")->required();
+    command->option("--in", options->in, "What to encrypt or decrypt; \"-\" is standard input")
+        ->typeName("FILE")
+        ->showDefault();
     command
-        ->add_option("--out", options->out,
-                     "The result; \"-\" is standard output, which gets clear text before its end was checked")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->callback([options, &action] { action = [options] { return cipher(*options); }; });
+        ->option("--out", options->out,
+                 "The result, in clear readable by its owner alone; \"-\" is standard output, which gets clear text "
+                 "before its end was checked")
+        ->typeName("FILE")
+        ->showDefault();
+    command->whenChosen([options, &action] { action = [options] { return cipher(*options); }; });
 }
 
 } // namespace norvcrypt

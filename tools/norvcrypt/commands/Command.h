@@ -1,28 +1,21 @@
 #pragma once
 
-#include "base/Failure.h"
-
-#include <CLI/CLI.hpp>
-
-#include <functional>
+#include "commandline/CommandLine.h"
 
 namespace norvcrypt {
 
-/// What the command line asks for, once it was read.
-using Action = std::function<Exit()>;
-
 /// Each adds a sub-command that sets `action` when it is chosen.
-void addSign(CLI::App& app, Action& action);
-void addVerify(CLI::App& app, Action& action);
-void addEncrypt(CLI::App& app, Action& action);
-void addDecrypt(CLI::App& app, Action& action);
-void addGenkey(CLI::App& app, Action& action);
-void addPkcs12(CLI::App& app, Action& action);
-void addInspect(CLI::App& app, Action& action);
-void addDigest(CLI::App& app, Action& action);
-void addCipher(CLI::App& app, Action& action);
-void addTls(CLI::App& app, Action& action);
-void addBindings(CLI::App& app, Action& action);
-void addDemo(CLI::App& app, Action& action);
+void addSign(Command& commands, Action& action);
+void addVerify(Command& commands, Action& action);
+void addEncrypt(Command& commands, Action& action);
+void addDecrypt(Command& commands, Action& action);
+void addGenkey(Command& commands, Action& action);
+void addPkcs12(Command& commands, Action& action);
+void addInspect(Command& commands, Action& action);
+void addDigest(Command& commands, Action& action);
+void addCipher(Command& commands, Action& action);
+void addTls(Command& commands, Action& action);
+void addBindings(Command& commands, Action& action);
+void addDemo(Command& commands, Action& action);
 
 } // namespace norvcrypt

@@ -31,7 +31,7 @@ std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inp
                       "--help tells more)");
     std::vector<OwnIdentity> identities = readIdentities(files, inputs);
     if (options.store)
-        std::ranges::move(readIdentities(*options.store), std::back_inserter(identities));
+        std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
     return identities;
 }
 
@@ -39,20 +39,20 @@ void openMessage(TrialDecryption& decryption, const std::string& path, Inputs& i
     Progress progress("decrypting");
     readStructure(
         inputs, path, "the encrypted message",
-        [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+        [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(path)); }, &progress);
 }
 
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
     TrialDecryption decryption(identitiesOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs, OutputFile::Access::owner);
     openMessage(decryption, options.in, inputs);
     const DecryptionResult result = decryption.run(inputName(options.in));
     for (const std::string& line : decryptionReport(result))
         reportError(line);
     if (!result.decrypted)
-        return Exit::refused;
+        return result.needsMore() ? Exit::failed : Exit::refused;
     OutputStream body(out);
     decryption.body().write(body);
     out.commit();
@@ -61,24 +61,27 @@ Exit decrypt(const DecryptOptions& options) {
 
 } // namespace
 
-void addDecrypt(CLI::App& app, Action& action) {
+void addDecrypt(Command& commands, Action& action) {
     auto options = std::make_shared<DecryptOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "decrypt", "Decrypts a CMS structure with the first key that fits, and tells what became of each recipient");
     options->identities.emplace(*command);
-    command->add_option("--store", options->store, "A store: its identities with a key are tried after the others")
-        ->type_name("DIR");
-    command->add_option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
-        ->type_name("MSG")
-        ->capture_default_str();
-    command->add_option("--out", options->out, "The body, written only when a key fitted; \"-\" is standard output")
-        ->type_name("BODY")
-        ->capture_default_str();
+    command->option("--store", options->store, "A store: its identities with a key are tried after the others")
+        ->typeName("DIR");
+    command->option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
+        ->typeName("MSG")
+        ->showDefault();
+    command
+        ->option("--out", options->out,
+                 "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
+        ->typeName("BODY")
+        ->showDefault();
     command->footer(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
-        "names is tried for it.");
-    command->callback([options, &action] { action = [options] { return decrypt(*options); }; });
+        "names is tried for it. Exit code 1: no key decrypts the message; 2: it needs what is not supported, which is "
+        "named, or it cannot be read.");
+    command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 
 } // namespace norvcrypt

@@ -1,22 +1,22 @@
 #include "demo/Demo.h"
 #include "commands/Command.h"
+#include "commands/Force.h"
 
 #include <memory>
 
 namespace norvcrypt {
 
-void addDemo(CLI::App& app, Action& action) {
+void addDemo(Command& commands, Action& action) {
     auto options = std::make_shared<DemoOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "demo",
         "Makes a small CA, signs, verifies, encrypts and decrypts a message, and tells how to check each step with "
         "OpenSSL");
-    command->add_option("--in", options->in, "The message, instead of a generated one; \"-\" is standard input")
-        ->type_name("FILE");
-    command->add_option("--dir", options->directory, "Where everything is left")
-        ->type_name("DIR")
-        ->capture_default_str();
-    command->callback([options, &action] { action = [options] { return Demo(*options).run(); }; });
+    command->option("--in", options->in, "The message, instead of a generated one; \"-\" is standard input")
+        ->typeName("FILE");
+    command->option("--dir", options->directory, "Where everything is left")->typeName("DIR")->showDefault();
+    addForce(*command, options->force);
+    command->whenChosen([options, &action] { action = [options] { return Demo(*options).run(); }; });
 }
 
 } // namespace norvcrypt

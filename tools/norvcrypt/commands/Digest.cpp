@@ -70,12 +70,12 @@ Exit digest(const DigestOptions& options) {
 
 } // namespace
 
-void addDigest(CLI::App& app, Action& action) {
+void addDigest(Command& commands, Action& action) {
     auto options = std::make_shared<DigestOptions>();
-    CLI::App* command = app.add_subcommand("digest", "Prints digests, one line for each file as sha256sum does");
-    command->add_option("--type", options->type, "The digest: sha256, sha512, sha1, ...")->capture_default_str();
-    command->add_option("FILE", options->files, "What to digest; \"-\" or none is standard input");
-    command->callback([options, &action] { action = [options] { return digest(*options); }; });
+    Command* command = commands.command("digest", "Prints digests, one line for each file as sha256sum does");
+    command->option("--type", options->type, "The digest: sha256, sha512, sha1, ...")->showDefault();
+    command->option("FILE", options->files, "What to digest; \"-\" or none is standard input");
+    command->whenChosen([options, &action] { action = [options] { return digest(*options); }; });
 }
 
 } // namespace norvcrypt

@@ -75,8 +75,8 @@ NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
 }
 
 /// Whom the store names for the addresses.
-void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options) {
-    const NVX509::RefDirectoryKeyStore store = openStore(*options.store);
+void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options, Inputs& inputs) {
+    const NVX509::RefDirectoryKeyStore store = openStore(*options.store, &inputs);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
         addRecipient(recipients, identity.certificate);
@@ -89,7 +89,7 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
     for (const std::string& path : options.recipients)
         addRecipient(recipients, readRecipient(path, inputs));
     if (options.store)
-        addFromStore(recipients, options);
+        addFromStore(recipients, options, inputs);
     Progress progress("encrypting");
     Norvane::MediaIn body = inputs.open(options.in, &progress);
     try {
@@ -105,7 +105,7 @@ void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Input
 Exit encrypt(const EncryptOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs);
     if (options.pem) {
         Norvane::MemoryMediaOut structure;
         encryptInto(structure, options, inputs);
@@ -120,37 +120,35 @@ Exit encrypt(const EncryptOptions& options) {
 
 } // namespace
 
-void addEncrypt(CLI::App& app, Action& action) {
+void addEncrypt(Command& commands, Action& action) {
     auto options = std::make_shared<EncryptOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "encrypt", "Encrypts a body for one or more recipients: a CMS structure that holds it; whose the certificates "
                    "are is not checked");
-    command->add_option("--cipher", options->cipher, "The cipher: " + cipherNames())
-        ->type_name("NAME")
-        ->capture_default_str();
-    CLI::Option* certificates =
-        command->add_option("--to", options->recipients, "The certificates of the recipients, one a file")
-            ->type_name("CERT");
-    CLI::Option* store =
-        command->add_option("--store", options->store, "A store that has recipients by address")->type_name("DIR");
-    CLI::Option* addresses =
-        command->add_option("--to-address", options->addresses, "Addresses of recipients in the store, beside --to")
-            ->type_name("ADDRESS");
+    command->option("--cipher", options->cipher, "The cipher: " + cipherNames())->typeName("NAME")->showDefault();
+    Option* certificates =
+        command->option("--to", options->recipients, "The certificates of the recipients, one a file")
+            ->typeName("CERT");
+    Option* store =
+        command->option("--store", options->store, "A store that has recipients by address")->typeName("DIR");
+    Option* addresses =
+        command->option("--to-address", options->addresses, "Addresses of recipients in the store, beside --to")
+            ->typeName("ADDRESS");
     store->needs(addresses);
     addresses->needs(store);
-    command->add_option("--in", options->in, "The body, of less than 2 GiB; \"-\" is standard input")
-        ->type_name("BODY")
-        ->capture_default_str();
-    command->add_option("--out", options->out, "The structure; \"-\" is standard output")
-        ->type_name("MSG.p7m")
-        ->capture_default_str();
-    command->add_flag("--pem", options->pem, "Write PEM instead of DER");
+    command->option("--in", options->in, "The body, of less than 2 GiB; \"-\" is standard input")
+        ->typeName("BODY")
+        ->showDefault();
+    command->option("--out", options->out, "The structure; \"-\" is standard output")
+        ->typeName("MSG.p7m")
+        ->showDefault();
+    command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->footer(
         "A recipient in the store is the identity that norvcrypt bindings find names for encryption, as long "
         "as its certificate is valid.");
-    command->callback([options, &action, certificates, store] {
+    command->whenChosen([options, &action, certificates, store] {
         if (certificates->empty() && store->empty())
-            throw CLI::RequiredError("--to");
+            throw MissingOption("--to");
         action = [options] { return encrypt(*options); };
     });
 }

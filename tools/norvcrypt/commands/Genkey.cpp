@@ -1,4 +1,5 @@
 #include "commands/Command.h"
+#include "commands/Force.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "read/Passphrase.h"
@@ -17,11 +18,14 @@ namespace {
 constexpr unsigned int leastSafeBits = 2048;
 constexpr unsigned int largestBits = 16384; // OpenSSL works with no larger modulus
 
+constexpr unsigned int leastBits = 512; // OpenSSL makes no smaller ones
+
 struct GenkeyOptions {
     unsigned int bits = 3072;
     unsigned int exponent = 65537;
     std::string out;
     std::optional<std::string> passphraseFile;
+    bool force = false;
 };
 
 void requireProtection(const Passphrase& passphrase, const GenkeyOptions& options) {
@@ -45,7 +49,7 @@ Exit genkey(const GenkeyOptions& options) {
     const Passphrase passphrase(inputs, options.passphraseFile);
     requireProtection(passphrase, options);
     // Opened first: a place that cannot be written to should not cost the generation.
-    OutputFile out(options.out, OutputFile::Access::owner);
+    OutputFile out(options.out, inputs, OutputFile::Access::owner, existingOf(options.force));
     const Norvane::Crypto::RefKey key = generate(options);
     writePrivateKey(key, passphrase.view(), out);
     out.commit();
@@ -57,22 +61,23 @@ Exit genkey(const GenkeyOptions& options) {
 
 } // namespace
 
-void addGenkey(CLI::App& app, Action& action) {
+void addGenkey(Command& commands, Action& action) {
     auto options = std::make_shared<GenkeyOptions>();
-    CLI::App* command = app.add_subcommand("genkey", "Generates an RSA private key: PEM, readable by its owner alone");
-    command->add_option("--bits", options->bits, "The size of the modulus")
-        ->type_name("COUNT")
-        ->check(CLI::Range(0U, largestBits))
-        ->capture_default_str();
-    command->add_option("--exponent", options->exponent, "The public exponent: odd and above 1")
-        ->type_name("NUMBER")
-        ->capture_default_str();
-    command->add_option("--out", options->out, "The key; \"-\" is standard output")->type_name("KEY")->required();
+    Command* command = commands.command("genkey", "Generates an RSA private key: PEM, readable by its owner alone");
+    command->option("--bits", options->bits, "The size of the modulus: 512 to 16384, and 2048 or more to be safe")
+        ->typeName("COUNT")
+        ->range(leastBits, largestBits)
+        ->showDefault();
+    command->option("--exponent", options->exponent, "The public exponent: odd and above 1")
+        ->typeName("NUMBER")
+        ->showDefault();
+    command->option("--out", options->out, "The key; \"-\" is standard output")->typeName("KEY")->required();
     command
-        ->add_option("--passphrase-file", options->passphraseFile,
-                     "Encrypt the key under this file's first line; without it the key is in clear")
-        ->type_name("FILE");
-    command->callback([options, &action] { action = [options] { return genkey(*options); }; });
+        ->option("--passphrase-file", options->passphraseFile,
+                 "Encrypt the key under this file's first line; without it the key is in clear")
+        ->typeName("FILE");
+    addForce(*command, options->force);
+    command->whenChosen([options, &action] { action = [options] { return genkey(*options); }; });
 }
 
 } // namespace norvcrypt

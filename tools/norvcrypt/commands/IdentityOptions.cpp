@@ -44,24 +44,21 @@ void requireComplete(const IdentityFiles& files) {
 
 } // namespace
 
-IdentityOptions::IdentityOptions(CLI::App& command) : m_command(&command) {
+IdentityOptions::IdentityOptions(Command& command) : m_command(&command) {
     for (const IdentityOption& option : options)
-        m_options.push_back(command.add_option(option.name, option.help)
-                                ->type_name("FILE")
-                                ->expected(1)
-                                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll));
+        m_options.push_back(command.repeated(option.name, option.help)->typeName("FILE"));
 }
 
 std::vector<IdentityFiles> IdentityOptions::files() const {
     std::vector<IdentityFiles> all;
-    std::map<const CLI::Option*, std::size_t> taken;
-    for (const CLI::Option* const option : m_command->parse_order()) {
+    std::map<const Option*, std::size_t> taken;
+    for (const Option* const option : m_command->inOrderGiven()) {
         for (std::size_t at = 0; at < options.size(); ++at) {
             if (option != m_options[at])
                 continue;
             if (all.empty() || beginsNext(all.back(), options[at].member))
                 all.emplace_back();
-            all.back().*options[at].member = option->results().at(taken[option]++);
+            all.back().*options[at].member = option->values().at(taken[option]++);
         }
     }
     for (const IdentityFiles& files : all)

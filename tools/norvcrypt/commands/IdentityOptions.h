@@ -1,8 +1,7 @@
 #pragma once
 
+#include "commandline/CommandLine.h"
 #include "identities/OwnIdentity.h"
-
-#include <CLI/CLI.hpp>
 
 #include <vector>
 
@@ -12,14 +11,14 @@ namespace norvcrypt {
 /// PKCS#12 file beside a certificate or key, begins the next one.
 class IdentityOptions {
 public:
-    explicit IdentityOptions(CLI::App& command);
+    explicit IdentityOptions(Command& command);
 
     /// What the command line said, once it was read; it may have none. \throws Failure: an identity lacks a file
     [[nodiscard]] std::vector<IdentityFiles> files() const;
 
 private:
-    CLI::App* m_command;
-    std::vector<CLI::Option*> m_options;
+    Command* m_command;
+    std::vector<Option*> m_options;
 };
 
 } // namespace norvcrypt

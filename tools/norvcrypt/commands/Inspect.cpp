@@ -72,13 +72,13 @@ Exit inspect(const InspectOptions& options) {
 
 } // namespace
 
-void addInspect(CLI::App& app, Action& action) {
+void addInspect(Command& commands, Action& action) {
     auto options = std::make_shared<InspectOptions>();
-    CLI::App* command =
-        app.add_subcommand("inspect", "Tells what certificates, pairs of them, lists, keys and CMS structures say");
-    command->add_option("FILE", options->files, "DER or PEM, recognised by content; \"-\" or none is standard input");
-    command->add_flag("--json", options->json, "One JSON array with an object for each thing found");
-    command->callback([options, &action] { action = [options] { return inspect(*options); }; });
+    Command* command =
+        commands.command("inspect", "Tells what certificates, pairs of them, lists, keys and CMS structures say");
+    command->option("FILE", options->files, "DER or PEM, recognised by content; \"-\" or none is standard input");
+    command->flag("--json", options->json, "One JSON array with an object for each thing found");
+    command->whenChosen([options, &action] { action = [options] { return inspect(*options); }; });
 }
 
 } // namespace norvcrypt

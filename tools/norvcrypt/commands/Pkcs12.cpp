@@ -1,5 +1,6 @@
 // norvcrypt p12: takes a private key and its certificate out of a PKCS#12 file.
 #include "commands/Command.h"
+#include "commands/Force.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "read/Pkcs12File.h"
@@ -20,6 +21,7 @@ struct Pkcs12Options {
     std::string file;
     std::string passphraseFile;
     std::string directory;
+    bool force = false;
 };
 
 /// A folder that is made when it is missing, and goes again when nothing came to lie in it.
@@ -49,11 +51,12 @@ private:
 };
 
 /// Both files are complete before the first gets its name.
-void writeFiles(const Pkcs12Content& content, const std::string& keyPath, const std::string& certificatePath) {
-    OutputFile key(keyPath, OutputFile::Access::owner);
+void writeFiles(const Pkcs12Content& content, const std::string& keyPath, const std::string& certificatePath,
+                Inputs& inputs, OutputFile::Existing existing) {
+    OutputFile key(keyPath, inputs, OutputFile::Access::owner, existing);
     writePrivateKey(content.key, std::nullopt, key);
     if (!content.certificate.isNull()) {
-        OutputFile certificate(certificatePath);
+        OutputFile certificate(certificatePath, inputs, OutputFile::Access::everyone, existing);
         OutputStream stream(certificate);
         content.certificate->writePEM(stream);
         certificate.settle();
@@ -79,7 +82,7 @@ Exit importPkcs12(const Pkcs12Options& options) {
     const TargetFolder folder(options.directory);
     const std::string keyPath = folder.path("key.pem");
     const std::string certificatePath = folder.path("cert.pem");
-    writeFiles(*content, keyPath, certificatePath);
+    writeFiles(*content, keyPath, certificatePath, inputs, existingOf(options.force));
     TextOutput out;
     const auto tell = [&out](const std::string& text) { out.line(Norvane::escapeForDisplay(text)); };
     tell("key: " + keyPath);
@@ -92,21 +95,22 @@ Exit importPkcs12(const Pkcs12Options& options) {
 
 } // namespace
 
-void addPkcs12(CLI::App& app, Action& action) {
+void addPkcs12(Command& commands, Action& action) {
     auto options = std::make_shared<Pkcs12Options>();
-    CLI::App* command =
-        app.add_subcommand("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
-                                  "clear and readable by its owner alone, and DIR/cert.pem");
+    Command* command =
+        commands.command("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
+                                "clear and readable by its owner alone, and DIR/cert.pem");
     command->footer("Further certificates in the file, such as a chain to its authority, are not written. "
                     "Exit code 1: the passphrase is wrong, or the file holds no private key.");
-    command->add_option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
-    command->add_option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
-        ->type_name("FILE")
+    command->option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
+    command->option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
+        ->typeName("FILE")
         ->required();
-    command->add_option("--out-dir", options->directory, "Where to write; made when it is missing")
-        ->type_name("DIR")
+    command->option("--out-dir", options->directory, "Where to write; made when it is missing")
+        ->typeName("DIR")
         ->required();
-    command->callback([options, &action] { action = [options] { return importPkcs12(*options); }; });
+    addForce(*command, options->force);
+    command->whenChosen([options, &action] { action = [options] { return importPkcs12(*options); }; });
 }
 
 } // namespace norvcrypt

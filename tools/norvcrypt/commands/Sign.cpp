@@ -40,7 +40,7 @@ struct SignOptions {
 /// The signer's certificate comes first in its file; what follows belongs to the chain, like the file for the chain.
 NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs) {
     if (options.store)
-        return signerFor(*options.store, options.from);
+        return signerFor(*options.store, options.from, inputs);
     std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
     const NVX509::RefCertificate certificate = chain.front();
     chain.pop_front();
@@ -84,7 +84,7 @@ Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
 Exit sign(const SignOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
-    OutputFile out(options.out);
+    OutputFile out(options.out, inputs);
     const Norvane::Buffer der = signatureOver(options, inputs);
     writeStructure(out, der, options.pem);
     out.commit();
@@ -93,43 +93,38 @@ Exit sign(const SignOptions& options) {
 
 } // namespace
 
-void addSign(CLI::App& app, Action& action) {
+void addSign(Command& commands, Action& action) {
     auto options = std::make_shared<SignOptions>();
-    CLI::App* command = app.add_subcommand("sign", "Signs a body: a detached CMS signature over its bytes as they are");
-    CLI::Option* certificate =
-        command
-            ->add_option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
-            ->type_name("FILE");
-    CLI::Option* key = command->add_option("--key", options->key, "The signer's private key")->type_name("FILE");
-    CLI::Option* chain =
-        command->add_option("--chain", options->chain, "Certificates to put beside the signer's")->type_name("FILE");
-    CLI::Option* passphrase =
-        command
-            ->add_option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
-            ->type_name("FILE");
-    CLI::Option* store =
-        command->add_option("--store", options->store, "Instead of the above: the store with the signer")
-            ->type_name("DIR");
-    CLI::Option* from = command->add_option("--from", options->from, "The address that the store finds the signer by")
-                            ->type_name("ADDRESS");
+    Command* command = commands.command("sign", "Signs a body: a detached CMS signature over its bytes as they are");
+    Option* certificate =
+        command->option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
+            ->typeName("FILE");
+    Option* key = command->option("--key", options->key, "The signer's private key")->typeName("FILE");
+    Option* chain =
+        command->option("--chain", options->chain, "Certificates to put beside the signer's")->typeName("FILE");
+    Option* passphrase =
+        command->option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
+            ->typeName("FILE");
+    Option* store =
+        command->option("--store", options->store, "Instead of the above: the store with the signer")->typeName("DIR");
+    Option* from =
+        command->option("--from", options->from, "The address that the store finds the signer by")->typeName("ADDRESS");
     store->needs(from);
     from->needs(store);
-    for (CLI::Option* own : {certificate, key, chain, passphrase})
+    for (Option* own : {certificate, key, chain, passphrase})
         store->excludes(own);
-    command->add_option("--digest", options->digest, "The digest to sign")->capture_default_str();
-    command->add_option("--in", options->in, "The body; \"-\" is standard input")
-        ->type_name("BODY")
-        ->capture_default_str();
-    command->add_option("--out", options->out, "The signature; \"-\" is standard output")
-        ->type_name("SIG.p7s")
-        ->capture_default_str();
-    command->add_flag("--pem", options->pem, "Write PEM instead of DER");
+    command->option("--digest", options->digest, "The digest to sign")->showDefault();
+    command->option("--in", options->in, "The body; \"-\" is standard input")->typeName("BODY")->showDefault();
+    command->option("--out", options->out, "The signature; \"-\" is standard output")
+        ->typeName("SIG.p7s")
+        ->showDefault();
+    command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->footer(
         "The signer is either --cert and --key, or --store and --from: the identity that norvcrypt bindings "
         "find names for signing, with its chain, as long as its certificate is valid.");
-    command->callback([options, &action, certificate, key, store] {
+    command->whenChosen([options, &action, certificate, key, store] {
         if (store->empty() && (certificate->empty() || key->empty()))
-            throw CLI::RequiredError(certificate->empty() ? "--cert" : "--key");
+            throw MissingOption(certificate->empty() ? "--cert" : "--key");
         action = [options] { return sign(*options); };
     });
 }

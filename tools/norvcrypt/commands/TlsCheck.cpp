@@ -81,20 +81,20 @@ Exit check(const std::string& root, unsigned int days) {
 
 } // namespace
 
-void addTlsCheck(CLI::App& tls, Action& action) {
+void addTlsCheck(Command& tls, Action& action) {
     struct Options {
         std::string root;
         unsigned int days = 0;
     };
     auto options = std::make_shared<Options>();
-    CLI::App* command = tls.add_subcommand(
+    Command* command = tls.command(
         "check",
         "Checks the files of the appliance's TLS server: one line for each problem, exit code 1 if there is one");
-    command->add_option("--root", options->root, "Put in front of the fixed paths")->type_name("DIR");
-    command->add_option("--days", options->days, "Report certificates too that expire within so many days")
-        ->type_name("N")
-        ->check(CLI::Range(0U, 36500U));
-    command->callback([options, &action] { action = [options] { return check(options->root, options->days); }; });
+    command->option("--root", options->root, "Put in front of the fixed paths")->typeName("DIR");
+    command->option("--days", options->days, "Report certificates too that expire within so many days")
+        ->typeName("N")
+        ->range(0U, 36500U);
+    command->whenChosen([options, &action] { action = [options] { return check(options->root, options->days); }; });
 }
 
 } // namespace norvcrypt

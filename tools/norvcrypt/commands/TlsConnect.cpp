@@ -192,7 +192,8 @@ private:
 
     NVSSL::SSLSocket& m_socket;
     Source& m_source;
-    OutputFile m_out{"-"};
+    Inputs m_inputs;
+    OutputFile m_out{"-", m_inputs};
     unsigned int m_timeLimit;
     std::string m_pending;
     bool m_peerEnded = false;
@@ -231,18 +232,18 @@ Exit connect(const ConnectOptions& options) {
 
 } // namespace
 
-void addTlsConnect(CLI::App& tls, Action& action) {
+void addTlsConnect(Command& tls, Action& action) {
     auto options = std::make_shared<ConnectOptions>();
-    CLI::App* command = tls.add_subcommand(
+    Command* command = tls.command(
         "connect", "Connects as a client, tells about the peer on standard error, and copies bytes both ways until the "
                    "peer ends; whatever the peer's certificate is worth, unless --require-trust");
-    command->add_option("HOST:PORT", options->where, "The server; an IPv6 address stands in brackets")->required();
+    command->option("HOST:PORT", options->where, "The server; an IPv6 address stands in brackets")->required();
     addTlsFiles(*command, options->files, TlsSide::client);
-    command->add_option("--send", options->send, "What to send; without it standard input")->type_name("FILE");
-    command->add_flag("--require-trust", options->requireTrust,
-                      "Copy nothing and answer 1 unless the certificate verifies and is for the host");
+    command->option("--send", options->send, "What to send; without it standard input")->typeName("FILE");
+    command->flag("--require-trust", options->requireTrust,
+                  "Copy nothing and answer 1 unless the certificate verifies and is for the host");
     addTimeLimit(*command, options->timeLimit, "How many seconds the server may take each time; 0 for ever");
-    command->callback([options, &action] { action = [options] { return connect(*options); }; });
+    command->whenChosen([options, &action] { action = [options] { return connect(*options); }; });
 }
 
 } // namespace norvcrypt

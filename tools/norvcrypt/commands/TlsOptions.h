@@ -9,13 +9,13 @@
 namespace norvcrypt {
 
 /// Adds the options that fill `files`; a server needs a certificate and a key, a client may have them.
-void addTlsFiles(CLI::App& command, TlsFiles& files, TlsSide side);
+void addTlsFiles(Command& command, TlsFiles& files, TlsSide side);
 
 /// Adds --time-limit, in seconds.
-void addTimeLimit(CLI::App& command, unsigned int& seconds, const std::string& help);
+void addTimeLimit(Command& command, unsigned int& seconds, const std::string& help);
 
-void addTlsConnect(CLI::App& tls, Action& action);
-void addTlsServe(CLI::App& tls, Action& action);
-void addTlsCheck(CLI::App& tls, Action& action);
+void addTlsConnect(Command& tls, Action& action);
+void addTlsServe(Command& tls, Action& action);
+void addTlsCheck(Command& tls, Action& action);
 
 } // namespace norvcrypt

@@ -274,23 +274,21 @@ Exit serve(const ServeOptions& options) {
 
 } // namespace
 
-void addTlsServe(CLI::App& tls, Action& action) {
+void addTlsServe(Command& tls, Action& action) {
     auto options = std::make_shared<ServeOptions>();
-    CLI::App* command = tls.add_subcommand(
+    Command* command = tls.command(
         "serve", "Serves as many as 16 clients at once, each until it ends or falls silent, and tells about them on "
                  "standard output; no client is turned away. SIGTERM or SIGINT ends it");
     command
-        ->add_option("PORT", options->where,
-                     "The port, of every IPv4 address, or ADDRESS:PORT; for port 0 the system chooses")
+        ->option("PORT", options->where,
+                 "The port, of every IPv4 address, or ADDRESS:PORT; for port 0 the system chooses")
         ->required();
     addTlsFiles(*command, options->files, TlsSide::server);
-    command->add_flag("--echo", options->echo, "Send back what comes instead of dropping it");
-    command->add_option("--count", options->count, "End after so many connections")
-        ->type_name("N")
-        ->check(CLI::PositiveNumber);
+    command->flag("--echo", options->echo, "Send back what comes instead of dropping it");
+    command->option("--count", options->count, "End after so many connections")->typeName("N")->positive();
     addTimeLimit(*command, options->timeLimit,
                  "How many seconds a client may say nothing, or take nothing; 0 for ever");
-    command->callback([options, &action] { action = [options] { return serve(*options); }; });
+    command->whenChosen([options, &action] { action = [options] { return serve(*options); }; });
 }
 
 } // namespace norvcrypt

@@ -156,32 +156,29 @@ Exit verify(const VerifyOptions& options) {
 
 } // namespace
 
-void addVerify(CLI::App& app, Action& action) {
+void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
-    CLI::App* command = app.add_subcommand(
+    Command* command = commands.command(
         "verify", "Verifies every signature of a CMS structure; trust in the certificates is not checked");
-    command->add_option("--signature", options->signature, "The structure, DER or PEM")
-        ->type_name("SIG.p7s")
-        ->required();
+    command->option("--signature", options->signature, "The structure, DER or PEM")->typeName("SIG.p7s")->required();
     command
-        ->add_option(
-            "--cert", options->certificate,
-            "Certificates to verify with, instead of those in the structure; each signer takes the one with its "
-            "issuer and serial number")
-        ->type_name("FILE");
-    CLI::Option* body =
+        ->option("--cert", options->certificate,
+                 "Certificates to verify with, instead of those in the structure; each signer takes the one with its "
+                 "issuer and serial number")
+        ->typeName("FILE");
+    Option* body =
         command
-            ->add_option(
+            ->option(
                 "--in", options->in,
                 "The body; \"-\", as without it, is standard input. A content in the structure must be equal to it")
-            ->type_name("BODY");
+            ->typeName("BODY");
     command
-        ->add_flag("--embedded", options->embedded,
-                   "Judge the content that the structure carries; one that carries any needs this or --in")
+        ->flag("--embedded", options->embedded,
+               "Judge the content that the structure carries; one that carries any needs this or --in")
         ->excludes(body);
     command->footer("Exit code: 0 every signature is good, 1 one is not, 2 an algorithm or a kind of signer is not "
                     "supported, or there is nothing to judge.");
-    command->callback([options, &action] { action = [options] { return verify(*options); }; });
+    command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
 }
 
 } // namespace norvcrypt

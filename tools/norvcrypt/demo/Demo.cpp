@@ -28,6 +28,11 @@ void Demo::tell(const std::string& text) {
     m_out.flush();
 }
 
+void Demo::command(const std::string& line) {
+    m_out.line("      $ " + line);
+    m_out.flush();
+}
+
 void Demo::verdict(const std::string& what, bool asExpected) {
     tell("   " + what + (asExpected ? "" : ": THIS IS WRONG"));
     m_asExpected = m_asExpected && asExpected;
@@ -38,6 +43,12 @@ void Demo::makeDirectory() {
     std::filesystem::create_directories(m_options.directory, error);
     if (error)
         throw Failure("cannot make the directory " + m_options.directory, error.value());
+    // Asked for now: the keys would be made in vain.
+    for (const char* name :
+         {"root.key", "ca.key", "alice.key", "bob.key", "carol.key", "mallory.key", "alice.p12", "carol.p12",
+          "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"})
+        if (std::filesystem::exists(path(name), error))
+            static_cast<void>(OutputFile(path(name), m_inputs, OutputFile::Access::owner, existing()));
 }
 
 norvauthority::Key Demo::makeKey() {
@@ -48,8 +59,8 @@ norvauthority::Key Demo::makeKey() {
 Demo::Identity Demo::makeIdentity(const std::string& name, norvauthority::CertificateRequest request) {
     request.key = makeKey();
     Identity identity = norvauthority::issue(request);
-    writeFile(path(name + ".key"), identity.key.pkcs8Pem(), OutputFile::Access::owner);
-    writeFile(path(name + ".pem"), identity.certificate.pem());
+    writeFile(path(name + ".key"), m_inputs, identity.key.pkcs8Pem(), OutputFile::Access::owner, existing());
+    writeFile(path(name + ".pem"), m_inputs, identity.certificate.pem());
     tell("   " + path(name + ".pem") + "  SHA-256 " + identity.certificate.sha256());
     return identity;
 }
@@ -92,7 +103,7 @@ void Demo::makeIdentities() {
     m_mallory = makeIdentity("mallory", person("Mallory Example", "mallory@example.org", "0bad0bad"));
     const norvauthority::Crl list = norvauthority::issueList(
         {.issuer = &m_authority, .revoked = {{.serial = "0bad", .reason = 1}}, .crlNumber = "01"});
-    writeFile(path("ca.crl"), list.pem());
+    writeFile(path("ca.crl"), m_inputs, list.pem());
     tell("   " + path("ca.crl") + "  the authority's revocation list");
     command("openssl verify -purpose smimesign -CAfile " + argument("root.pem") + " -untrusted " + argument("ca.pem") +
             " " + argument("alice.pem") + " " + argument("bob.pem") + " " + argument("carol.pem") + " " +
@@ -103,7 +114,7 @@ void Demo::makeIdentities() {
 void Demo::makeMessage() {
     tell("2. The message");
     Norvane::Crypto::HasherMediaOut hasher(Hasher::SHA256);
-    OutputFile file(path("message.eml"));
+    OutputFile file(path("message.eml"), m_inputs);
     const auto write = [&](std::string_view bytes) {
         file.write(bytes.data(), bytes.size());
         hasher.write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned int>(bytes.size()));
@@ -141,6 +152,7 @@ Exit Demo::run() {
     encrypt();
     decrypt();
     refuseOutsider();
+    keepIdentities();
     tell(m_asExpected ? "Everything as it should be. All files are in " + m_options.directory +
                             "; the keys are not encrypted and serve for this demonstration only."
                       : "Something went wrong, see above.");

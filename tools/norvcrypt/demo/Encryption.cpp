@@ -14,7 +14,7 @@ namespace CMS = Norvane::Crypto::CMS;
 
 void Demo::encrypt() {
     tell("7. Encrypted for Alice, Bob and Carol, with AES-256");
-    OutputFile file(path("message.p7m"));
+    OutputFile file(path("message.p7m"), m_inputs);
     {
         Progress progress("encrypting");
         Norvane::MediaIn body = m_inputs.open(path("message.eml"), &progress);
@@ -36,7 +36,7 @@ std::string Demo::digestDecryptedBy(const std::string& name, const Identity& ide
         Progress progress("decrypting");
         readStructure(
             m_inputs, path("message.p7m"), "the encrypted message",
-            [&decryption](Norvane::MediaIn& structure) { decryption.open(structure); }, &progress);
+            [&](Norvane::MediaIn& structure) { decryption.open(structure, path("message.p7m")); }, &progress);
     }
     const DecryptionResult result = decryption.run(path("message.p7m"));
     for (const std::string& line : decryptionReport(result))

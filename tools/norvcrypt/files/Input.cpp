@@ -27,6 +27,8 @@ public:
     ~DescriptorSource() override {
         if (m_descriptor != STDIN_FILENO)
             close(m_descriptor);
+        // It may have been a key.
+        explicit_bzero(m_bytes.data(), m_bytes.size());
     }
     DescriptorSource(const DescriptorSource&) = delete;
     DescriptorSource& operator=(const DescriptorSource&) = delete;
@@ -108,17 +110,33 @@ Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
     } else if (std::exchange(m_standardInputTaken, true)) {
         throw Failure("standard input can be read only once");
     }
-    struct stat status {};
-    if (progress != nullptr && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
-        progress->expect(static_cast<std::uint64_t>(status.st_size));
-    return Norvane::MediaIn(
+    const Norvane::MediaIn in(
         Norvane::makeReference<DescriptorSource, Norvane::MediaInImpl>(descriptor, inputName(path), progress));
+    struct stat status {};
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        if (progress != nullptr)
+            progress->expect(static_cast<std::uint64_t>(status.st_size));
+        note(path, FileIdentity(status));
+    }
+    return in;
+}
+
+void Inputs::note(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+        note(path, FileIdentity(status));
+}
+
+void Inputs::note(const std::string& path, const FileIdentity& file) {
+    if (m_replaced.contains(file))
+        throw Failure("cannot read " + inputName(path) + ": it is the output too, which would replace it");
+    m_read.insert(file);
 }
 
 Norvane::MediaIn Inputs::lookAhead(Norvane::MediaIn& in, unsigned int length, Norvane::Buffer& start) {
-    std::vector<unsigned char> bytes(length);
-    const int count = in.read(bytes.data(), length);
-    start = Norvane::Buffer(bytes.data(), static_cast<unsigned int>(count), false);
+    start = Norvane::Buffer(static_cast<int>(length), 0);
+    start.protect();
+    start.length(static_cast<unsigned int>(in.read(start.data(), length)));
     return Norvane::MediaIn(Norvane::makeReference<ResumedSource, Norvane::MediaInImpl>(start, in));
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "files/FileIdentity.h"
 #include "files/Progress.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 
+#include <set>
 #include <string>
 
 namespace norvcrypt {
@@ -12,11 +14,13 @@ namespace norvcrypt {
 /// How an input is named in messages.
 std::string inputName(const std::string& path);
 
-/// The inputs of one command. "-" is standard input, which can be read only once.
+/// The inputs of one command, and the files that its outputs replace: none may be both. "-" is standard input, which can
+/// be read only once.
 class Inputs {
 public:
     /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
-    /// \throws Failure: there is no such file, or standard input was taken already
+    /// \throws Failure: there is no such file, standard input was taken already, or an output
+    /// replaces the file
     Norvane::MediaIn open(const std::string& path, Progress* progress = nullptr);
     /// All bytes of a file of at most 256 MiB, wiped with the last copy when they are secret. \throws Failure
     Norvane::Buffer readAll(const std::string& path, bool secret = false);
@@ -26,8 +30,20 @@ public:
     /// What is left of an open stream, with the same limit. \throws Failure
     static Norvane::Buffer readAll(Norvane::MediaIn& in, const std::string& path, bool secret = false);
 
+    /// Counts a file that is read by other means as an input, if it exists. \throws Failure: an output replaces it
+    void note(const std::string& path);
+    /// Whether a file is an input.
+    [[nodiscard]] bool hold(const FileIdentity& file) const { return m_read.contains(file); }
+    /// An output begins or ends to stand for a file that it replaces.
+    void beginReplacing(const FileIdentity& file) { m_replaced.insert(file); }
+    void endReplacing(const FileIdentity& file) { m_replaced.erase(file); }
+
 private:
+    void note(const std::string& path, const FileIdentity& file);
+
     bool m_standardInputTaken = false;
+    std::set<FileIdentity> m_read;
+    std::set<FileIdentity> m_replaced;
 };
 
 } // namespace norvcrypt

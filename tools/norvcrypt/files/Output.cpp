@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -33,6 +35,19 @@ extern "C" void removeTemporary(int signal) {
             static_cast<void>(unlink(temporary.name.data()));
     // The handler was reset when it was entered: the signal now ends the process as it would have without us.
     static_cast<void>(raise(signal));
+}
+
+/// As many as there are when none is free.
+std::size_t freeSlot() {
+    std::size_t slot = 0;
+    while (slot < s_temporaries.size() && s_temporaries[slot].exists != 0)
+        ++slot;
+    return slot;
+}
+
+void remember(std::size_t slot, const std::string& name) {
+    std::memcpy(s_temporaries[slot].name.data(), name.c_str(), name.size() + 1);
+    s_temporaries[slot].exists = 1;
 }
 
 /// Holds back the interrupts while a temporary file is made or renamed.
@@ -100,6 +115,16 @@ std::string directoryOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+/// A short name of its own, to be completed: the target's may be as long as a name can be.
+std::string temporaryName(const std::string& target) {
+    return directoryOf(target) + "/.norvcrypt.XXXXXX";
+}
+
+/// What the kernel has for an open file, with a name or without.
+std::string linkOf(int descriptor) {
+    return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
 } // namespace
 
 void prepareOutput() {
@@ -135,7 +160,11 @@ void TextOutput::flush() {
         throw Failure("cannot write standard output", error);
 }
 
-OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)), m_target(m_name) {
+OutputFile::OutputFile(std::string path, Inputs& inputs, Access access, Existing existing)
+    : m_name(std::move(path)),
+      m_target(m_name),
+      m_inputs(&inputs),
+      m_existing(existing) {
     if (m_name == "-") {
         m_name = "standard output";
         m_descriptor = STDOUT_FILENO;
@@ -152,26 +181,52 @@ OutputFile::OutputFile(std::string path, Access access) : m_name(std::move(path)
             fail(errno);
         return;
     }
-    if (exists) {
-        // The file behind a link is replaced, not the link.
-        const std::unique_ptr<char, decltype(&std::free)> real(realpath(m_name.c_str(), nullptr), std::free);
-        if (!real || ::access(real.get(), W_OK) != 0)
-            fail(errno);
-        m_target = real.get();
+    if (exists)
+        checkExisting(status, access);
+    m_mode = access == Access::owner ? 0600U : exists ? status.st_mode & 0777U : 0666U & ~creationMask();
+    openUnnamed();
+    if (!m_unnamed)
+        openTemporary();
+    if (m_replaced)
+        m_inputs->beginReplacing(*m_replaced);
+}
+
+void OutputFile::checkExisting(const struct stat& status, Access access) {
+    const FileIdentity file(status);
+    if (m_inputs->hold(file))
+        throw Failure("cannot write " + m_name + ": it is an input too, which would be lost");
+    if (m_existing == Existing::refused)
+        refuseExisting();
+    if (access == Access::owner && status.st_uid != geteuid())
+        throw Failure("cannot write " + m_name + ": it belongs to another user, and a secret is to be written");
+    // The file behind a link is replaced, not the link.
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(m_name.c_str(), nullptr), std::free);
+    if (!real || ::access(real.get(), W_OK) != 0)
+        fail(errno);
+    m_target = real.get();
+    m_replaced = file;
+    if (access == Access::everyone) {
         m_owner = status.st_uid;
         m_group = status.st_gid;
     }
-    m_mode = access == Access::owner ? 0600U : exists ? status.st_mode & 0777U : 0666U & ~creationMask();
-    openTemporary();
+}
+
+/// A file without a name goes with the process, however that ends.
+void OutputFile::openUnnamed() {
+    m_descriptor = open(directoryOf(m_target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    if (m_descriptor < 0)
+        return;
+    // It gets its name through /proc, which not every container has.
+    m_unnamed = temporaryName(m_target).size() < PATH_MAX && ::access(linkOf(m_descriptor).c_str(), F_OK) == 0;
+    if (!m_unnamed)
+        close(std::exchange(m_descriptor, -1));
 }
 
 void OutputFile::openTemporary() {
-    // A short name of its own: the target's may be as long as a name can be.
-    std::string name = directoryOf(m_target) + "/.norvcrypt.XXXXXX";
+    std::string name = temporaryName(m_target);
     if (name.size() >= PATH_MAX)
         fail(ENAMETOOLONG);
-    while (m_slot < s_temporaries.size() && s_temporaries[m_slot].exists != 0)
-        ++m_slot;
+    m_slot = freeSlot();
     if (m_slot == s_temporaries.size())
         fail(EMFILE);
     const Uninterrupted hold;
@@ -179,15 +234,16 @@ void OutputFile::openTemporary() {
     if (m_descriptor < 0)
         fail(errno);
     m_temporary = name;
-    std::memcpy(s_temporaries[m_slot].name.data(), name.c_str(), name.size() + 1);
-    s_temporaries[m_slot].exists = 1;
+    remember(m_slot, name);
 }
 
 OutputFile::~OutputFile() {
+    if (m_replaced)
+        m_inputs->endReplacing(*m_replaced);
     const Uninterrupted hold;
     if (!m_temporary.empty()) {
         static_cast<void>(unlink(m_temporary.c_str()));
-        s_temporaries[m_slot].exists = 0;
+        forgetTemporary();
     }
     if (m_descriptor > STDERR_FILENO)
         close(m_descriptor);
@@ -199,9 +255,9 @@ void OutputFile::write(const void* bytes, std::size_t length) {
 }
 
 void OutputFile::settle() {
-    if (m_temporary.empty())
+    if (!m_unnamed && m_temporary.empty())
         return;
-    // A file that is replaced stays its owner's, as far as we may give it away.
+    // A file that is replaced stays its owner's, as far as we may give it away; a secret is ours.
     if (m_owner != static_cast<uid_t>(-1))
         static_cast<void>(fchown(m_descriptor, m_owner, m_group) == 0 ||
                           fchown(m_descriptor, static_cast<uid_t>(-1), m_group) == 0);
@@ -211,14 +267,64 @@ void OutputFile::settle() {
 
 void OutputFile::commit() {
     settle();
-    if (m_temporary.empty())
+    if (!m_unnamed && m_temporary.empty())
         return;
     const Uninterrupted hold;
-    if (rename(m_temporary.c_str(), m_target.c_str()) != 0)
+    takeName();
+    synchronizeDirectory(directoryOf(m_target));
+}
+
+/// Only a name that is free can be given to a file without one; otherwise it gets one to be renamed from.
+void OutputFile::takeName() {
+    if (m_unnamed) {
+        if (!m_replaced &&
+            linkat(AT_FDCWD, linkOf(m_descriptor).c_str(), AT_FDCWD, m_target.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            m_unnamed = false;
+            return;
+        }
+        if (!m_replaced && errno == EEXIST && m_existing == Existing::refused)
+            refuseExisting();
+        nameTemporary();
+    }
+    const unsigned int flags = m_existing == Existing::refused ? RENAME_NOREPLACE : 0;
+    int result = renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(), flags);
+    if (result != 0 && errno == EINVAL && flags != 0) // the file system cannot promise that; nothing was there before
+        result = rename(m_temporary.c_str(), m_target.c_str());
+    if (result != 0 && errno == EEXIST)
+        refuseExisting();
+    if (result != 0)
         fail(errno);
+    forgetTemporary();
+}
+
+void OutputFile::nameTemporary() {
+    m_slot = freeSlot();
+    if (m_slot == s_temporaries.size())
+        fail(EMFILE);
+    std::random_device random;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string name = temporaryName(m_target);
+        for (std::size_t at = name.size() - 6; at < name.size(); ++at)
+            name[at] = static_cast<char>('a' + random() % 26);
+        if (linkat(AT_FDCWD, linkOf(m_descriptor).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            m_temporary = name;
+            m_unnamed = false;
+            remember(m_slot, name);
+            return;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    fail(errno);
+}
+
+void OutputFile::forgetTemporary() {
     m_temporary.clear();
     s_temporaries[m_slot].exists = 0;
-    synchronizeDirectory(directoryOf(m_target));
+}
+
+void OutputFile::refuseExisting() const {
+    throw Failure("will not replace " + m_name + ", which exists already: give --force to have it replaced");
 }
 
 void OutputFile::fail(int error) const {
@@ -228,8 +334,9 @@ void OutputFile::fail(int error) const {
 OutputStream::OutputStream(OutputFile& file)
     : MediaOut(Norvane::makeReference<OutputStreamImpl, Norvane::MediaOutImpl>(file)) {}
 
-void writeFile(const std::string& path, std::string_view content, OutputFile::Access access) {
-    OutputFile file(path, access);
+void writeFile(const std::string& path, Inputs& inputs, std::string_view content, OutputFile::Access access,
+               OutputFile::Existing existing) {
+    OutputFile file(path, inputs, access, existing);
     file.write(content.data(), content.size());
     file.commit();
 }

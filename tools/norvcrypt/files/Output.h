@@ -1,8 +1,11 @@
 #pragma once
 
+#include "files/Input.h"
+
 #include <norvcmsg/Media.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -26,14 +29,20 @@ private:
     std::string m_pending;
 };
 
-/// A file that appears under its name complete or not at all: it is written beside it and renamed. "-" is standard
-/// output, and what is no regular file (a device, a pipe) is written directly.
+/// A file that appears under its name complete or not at all: it has no name until then, or a temporary one where the
+/// file system knows no files without. "-" is standard output, and what is no regular file (a device, a pipe) is written
+/// directly.
 class OutputFile {
 public:
-    enum class Access { everyone, owner }; ///< owner: mode 0600, for private keys
+    /// owner: for secrets; mode 0600, ours, and never in the place of another user's file
+    enum class Access { everyone, owner };
+    /// What happens to a regular file that is there already.
+    enum class Existing { replaced, refused };
 
-    /// \throws Failure: the place cannot be written to
-    explicit OutputFile(std::string path, Access access = Access::everyone);
+    /// \throws Failure: the place cannot be written to, is that of one of the inputs (which must outlive this), or there
+    /// is a file that is not to be replaced
+    OutputFile(std::string path, Inputs& inputs, Access access = Access::everyone,
+               Existing existing = Existing::replaced);
     /// Takes away what was not committed.
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -48,13 +57,23 @@ public:
     void commit();
 
 private:
+    void checkExisting(const struct stat& status, Access access);
+    void openUnnamed();
     void openTemporary();
+    void nameTemporary();
+    void takeName();
+    void forgetTemporary();
     [[noreturn]] void fail(int error) const;
+    [[noreturn]] void refuseExisting() const;
 
     std::string m_name; ///< as the caller gave it, for messages
     std::string m_target;
-    std::string m_temporary;
-    std::size_t m_slot = 0; ///< of the temporary file, among those that an interrupt removes
+    Inputs* m_inputs;
+    Existing m_existing;
+    std::optional<FileIdentity> m_replaced;
+    bool m_unnamed = false;
+    std::string m_temporary; ///< its name, while it has one
+    std::size_t m_slot = 0;  ///< of the temporary file, among those that an interrupt removes
     int m_descriptor = -1;
     unsigned int m_mode = 0;
     uid_t m_owner = static_cast<uid_t>(-1); ///< of the file that is replaced
@@ -68,7 +87,8 @@ public:
 };
 
 /// Writes a whole file. \throws Failure
-void writeFile(const std::string& path, std::string_view content,
-               OutputFile::Access access = OutputFile::Access::everyone);
+void writeFile(const std::string& path, Inputs& inputs, std::string_view content,
+               OutputFile::Access access = OutputFile::Access::everyone,
+               OutputFile::Existing existing = OutputFile::Existing::replaced);
 
 } // namespace norvcrypt

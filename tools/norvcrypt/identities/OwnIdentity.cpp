@@ -38,8 +38,8 @@ std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files,
     return identities;
 }
 
-std::vector<OwnIdentity> readIdentities(const std::string& store) {
-    const auto opened = openStore(store);
+std::vector<OwnIdentity> readIdentities(const std::string& store, Inputs& inputs) {
+    const auto opened = openStore(store, &inputs);
     std::vector<OwnIdentity> identities;
     for (const Store::Identity& identity : opened->contents()->identities)
         if (identity.hasKey)

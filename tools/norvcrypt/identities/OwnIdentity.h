@@ -33,6 +33,6 @@ struct IdentityFiles {
 std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs);
 
 /// The identities of a store that have a private key. \throws Failure
-std::vector<OwnIdentity> readIdentities(const std::string& store);
+std::vector<OwnIdentity> readIdentities(const std::string& store, Inputs& inputs);
 
 } // namespace norvcrypt

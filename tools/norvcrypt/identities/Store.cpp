@@ -9,11 +9,20 @@ namespace {
 
 constexpr std::size_t longestShown = 300; // an address has 254 bytes at most
 
+void noteFiles(const std::string& directory, const Store::Contents& contents, Inputs& inputs) {
+    for (const Store::Identity& identity : contents.identities)
+        for (const char* name : {"cert.pem", "chain.pem", "key.pem", "passphrase", "owners.txt"})
+            inputs.note(directory + "/" + identity.folder + "/" + name);
+}
+
 } // namespace
 
-NVX509::RefDirectoryKeyStore openStore(const std::string& directory) {
+NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs) {
     try {
-        return NVX509::RefDirectoryKeyStore(directory);
+        NVX509::RefDirectoryKeyStore store(directory);
+        if (inputs != nullptr)
+            noteFiles(directory, *store->contents(), *inputs);
+        return store;
     } catch (const Norvane::Exception& failure) {
         throw Failure("cannot load the store " + directory, failure);
     }
@@ -58,8 +67,8 @@ Store::Identity identityFor(const NVX509::RefDirectoryKeyStore& store, const std
     return identity;
 }
 
-NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address) {
-    const NVX509::RefDirectoryKeyStore store = openStore(directory);
+NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address, Inputs& inputs) {
+    const NVX509::RefDirectoryKeyStore store = openStore(directory, &inputs);
     static_cast<void>(identityFor(store, directory, address, Store::Purpose::signing));
     return store->findSigningKey(mailAddress(address));
 }

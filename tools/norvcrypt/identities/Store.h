@@ -3,6 +3,8 @@
 /// \file
 /// A store of identities in a directory, as the commands use it.
 
+#include "files/Input.h"
+
 #include <norvcmsg/EmailAddress.h>
 #include <norvcrypto-keystore/DirectoryKeyStore.h>
 
@@ -12,8 +14,8 @@ namespace norvcrypt {
 
 using Store = Norvane::Crypto::NVX509::DirectoryKeyStore;
 
-/// Loads a store. \throws Failure: the directory cannot be read; folders that cannot are among its problems
-Norvane::Crypto::NVX509::RefDirectoryKeyStore openStore(const std::string& directory);
+/// Loads a store; its files count among the inputs, if there are any. \throws Failure: the directory cannot be read; folders that cannot are among its problems
+Norvane::Crypto::NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs = nullptr);
 
 /// A mail address, in the characters of RFC 6531 too; the empty text is the empty address. \throws Failure
 Norvane::EmailAddress mailAddress(const std::string& text);
@@ -26,6 +28,7 @@ Store::Identity identityFor(const Norvane::Crypto::NVX509::RefDirectoryKeyStore&
                             const std::string& address, Store::Purpose purpose);
 
 /// The pair of the identity that signs for an address. \throws Failure as `identityFor`
-Norvane::Crypto::NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address);
+Norvane::Crypto::NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address,
+                                                      Inputs& inputs);
 
 } // namespace norvcrypt

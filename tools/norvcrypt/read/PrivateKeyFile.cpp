@@ -3,7 +3,6 @@
 #include "recognise/DerAndPem.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
-#include <norvcrypto/Crypto.h>
 
 #include <algorithm>
 #include <vector>
@@ -16,13 +15,11 @@ using Norvane::Crypto::RefKey;
 
 namespace {
 
-/// Encrypted PEM says in its text how it is encrypted, encrypted DER in itself.
 RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
-    const auto form = hasPemBlock(content) ? NVX509::KeyForm::pem : NVX509::KeyForm::encryptedDer;
-    const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, form, passphrase.view());
+    const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, passphrase.view());
     if (opened.key.isNull())
         throw Failure("cannot read the private key in " + name +
-                      ", the passphrase may be wrong: " + Norvane::Crypto::getErrString());
+                      (opened.tooCostly ? ": " : ", the passphrase may be wrong: ") + opened.reason);
     return opened.key;
 }
 

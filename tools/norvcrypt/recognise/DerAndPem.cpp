@@ -1,11 +1,12 @@
 #include "recognise/DerAndPem.h"
 #include "openssl/OpenSsl.h"
+#include "recognise/Blanks.h"
 
-#include <norvcrypto/CrossCertificatePair.h>
+#include <norvcrypto-keystore/KeyFiles.h>
 #include <norvcrypto/Crypto.h>
+#include <norvcrypto/EncodedKind.h>
 
 #include <openssl/pem.h>
-#include <openssl/pkcs12.h>
 
 #include <algorithm>
 #include <array>
@@ -46,42 +47,28 @@ std::optional<Header> headerOf(const unsigned char* bytes, std::size_t length) {
     return header;
 }
 
-template <class T, class Decode> bool decodes(Decode decode, void (*release)(T*), const Norvane::Buffer& der) {
-    const unsigned char* at = der.data();
-    T* object = decode(nullptr, &at, static_cast<long>(der.length()));
-    release(object);
-    return object != nullptr;
-}
-
-/// An empty SEQUENCE would be a pair too, of no certificates.
-bool isCrossPair(const Norvane::Buffer& der) {
-    const Norvane::Crypto::NVX509::CrossCertificatePair pair(der);
-    return pair.forward() || pair.reverse();
-}
-
-/// Tells a SEQUENCE by what it begins with, and where that leaves a choice by trying.
 ObjectKind kindOf(const Norvane::Buffer& der) {
-    const QuietQuestion quiet;
-    const auto outer = headerOf(der.data(), der.length());
-    if (!outer || outer->tag != V_ASN1_SEQUENCE)
-        return ObjectKind::unknown;
-    const auto inner = headerOf(der.data() + outer->headerLength, outer->contentLength);
-    if (!inner)
-        return isCrossPair(der) ? ObjectKind::crossPair : ObjectKind::unknown;
-    if (inner->tag == V_ASN1_OBJECT)
-        return ObjectKind::cms;
-    if (inner->tag == V_ASN1_INTEGER && decodes<EVP_PKEY>(d2i_AutoPrivateKey, EVP_PKEY_free, der))
-        return ObjectKind::privateKey;
-    if (inner->tag == V_ASN1_INTEGER && decodes<PKCS12>(d2i_PKCS12, PKCS12_free, der))
-        return ObjectKind::pkcs12;
-    if (decodes<X509>(d2i_X509, X509_free, der))
+    using Norvane::Crypto::EncodedKind;
+    switch (Norvane::Crypto::encodedKind(der)) {
+    case EncodedKind::certificate:
         return ObjectKind::certificate;
-    if (decodes<X509_CRL>(d2i_X509_CRL, X509_CRL_free, der))
+    case EncodedKind::certificateRevocationList:
         return ObjectKind::list;
-    if (decodes<EVP_PKEY>(d2i_PUBKEY, EVP_PKEY_free, der))
+    case EncodedKind::crossCertificatePair:
+        return ObjectKind::crossPair;
+    case EncodedKind::contentInfo:
+        return ObjectKind::cms;
+    case EncodedKind::publicKey:
         return ObjectKind::publicKey;
-    if (decodes<X509_SIG>(d2i_X509_SIG, X509_SIG_free, der))
+    case EncodedKind::privateKey:
+        return ObjectKind::privateKey;
+    case EncodedKind::encryptedPrivateKey:
         return ObjectKind::encryptedKey;
+    case EncodedKind::pkcs12:
+        return ObjectKind::pkcs12;
+    case EncodedKind::unknown:
+        break;
+    }
     return ObjectKind::unknown;
 }
 
@@ -171,16 +158,22 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
     return objects;
 }
 
+/// Where the blanks begin that a content ends with; looked for once, however many objects it holds.
+std::size_t endWithoutBlanks(const Norvane::Buffer& content) {
+    std::size_t end = content.length();
+    while (end > 0 && isBlank(content.data()[end - 1]))
+        --end;
+    return end;
+}
+
 std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
     std::vector<FoundObject> objects;
     std::size_t at = 0;
-    const auto isBlank = [](unsigned char byte) { return byte == '\n' || byte == '\r' || byte == ' ' || byte == '\t'; };
-    while (at < content.length()) {
+    const std::size_t end = endWithoutBlanks(content);
+    // An editor's last line feed is no object.
+    while (at < content.length() && (objects.empty() || at < end)) {
         const unsigned char* start = content.data() + at;
         const std::size_t left = content.length() - at;
-        // An editor's last line feed is no object.
-        if (!objects.empty() && std::all_of(start, start + left, isBlank))
-            break;
         const auto header = headerOf(start, left);
         const std::size_t length = header ? header->headerLength + header->contentLength : left;
         Norvane::Buffer der;
@@ -210,11 +203,6 @@ bool beginsStructure(const Norvane::Buffer& start) {
     return inner < start.length() && start.data()[inner] == V_ASN1_OBJECT;
 }
 
-bool hasPemBlock(const Norvane::Buffer& content) {
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
-    return text.find("-----BEGIN ") != std::string_view::npos;
-}
-
 bool looksLikeDer(const Norvane::Buffer& content) {
     if (content.empty() || content.at(0) != 0x30)
         return false;
@@ -226,7 +214,7 @@ std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
     if (looksLikeDer(content))
         objects = objectsInDer(content);
     // A text may begin with the digit 0, which is the first byte of every DER object.
-    if (hasPemBlock(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
+    if (Norvane::Crypto::NVX509::isPem(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
         objects = objectsInPem(content);
     if (objects.empty())
         objects.push_back(

@@ -1,6 +1,8 @@
 #include "show/DecryptionReport.h"
 #include "openssl/CertificateDetails.h"
 
+#include <algorithm>
+
 namespace norvcrypt {
 
 namespace {
@@ -20,11 +22,14 @@ std::string textOf(const Attempt& attempt) {
         return "the private key in " + keyFile + " does not belong to its certificate (event 0x300005B)";
     case noRsaKey:
         return "the private key in " + keyFile + " is no RSA key (event 0x300005B)";
+    case unsupported:
+        return attempt.algorithm + " is not supported (event 0x300005B)";
+    case notTried:
+        return "not tried, the message has more recipients than a message may cost (event 0x300005F)";
     case failed:
         break;
     }
-    return "decryption with the key in " + keyFile +
-           " failed, the message is damaged or its cipher unknown (event 0x300005B)";
+    return "decryption with the key in " + keyFile + " failed, the message is damaged (event 0x300005B)";
 }
 
 } // namespace
@@ -35,9 +40,22 @@ std::vector<std::string> decryptionReport(const DecryptionResult& result) {
     if (result.attempts.empty())
         return {"the structure names no recipient"};
     std::vector<std::string> lines;
-    for (const Attempt& attempt : result.attempts)
-        lines.push_back("recipient " + std::to_string(lines.size() + 1) + ", " + attempt.recipient +
-                        (attempt.recipient.empty() ? "" : ": ") + textOf(attempt));
+    const auto begin = result.attempts.begin();
+    for (auto attempt = begin; attempt != result.attempts.end(); ++attempt) {
+        const std::string number = std::to_string(attempt - begin + 1);
+        // Those that were not tried are as many as the sender likes.
+        const auto next = std::find_if(attempt, result.attempts.end(),
+                                       [](const Attempt& one) { return one.outcome != Attempt::Outcome::notTried; });
+        if (next - attempt > 1) {
+            lines.push_back("recipients " + number + " to " + std::to_string(next - begin) + ": " + textOf(*attempt));
+            attempt = next - 1;
+        } else {
+            lines.push_back("recipient " + number + ", " + attempt->recipient +
+                            (attempt->recipient.empty() ? "" : ": ") + textOf(*attempt));
+        }
+    }
+    if (!result.unsupported.empty())
+        lines.push_back("not supported, and left out: " + inOneLine(result.unsupported));
     return lines;
 }
 

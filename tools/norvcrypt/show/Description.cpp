@@ -132,33 +132,37 @@ Description encryptedFacts() {
     return {{"encrypted", true}};
 }
 
-/// The library's readers answer without a reason; OpenSSL's own tells where the bytes go wrong.
+/// The library's readers answer without a reason; OpenSSL's own tells where the bytes go wrong, unless it must not see
+/// them.
 template <class Decode, class Release>
-std::string reasonFor(Decode decode, Release release, const Norvane::Buffer& der) {
+[[noreturn]] void throwReason(const std::string& noun, Decode decode, Release release, const Norvane::Buffer& der) {
+    if (const std::string refusal = Norvane::Crypto::refusal(der); !refusal.empty())
+        throw Failure(noun + " " + refusal);
     const unsigned char* at = der.data();
     release(decode(nullptr, &at, static_cast<long>(der.length())));
-    return Norvane::Crypto::getErrString();
+    throw Failure("malformed " + noun + ": " + Norvane::Crypto::getErrString());
 }
 
 Description readCertificate(const Norvane::Buffer& der) {
     const NVX509::RefCertificate certificate = NVX509::CertificateFactory().readDER(der);
-    if (certificate.isNull()) {
-        const std::string refusal = Norvane::Crypto::refusal(der);
-        throw Failure(refusal.empty() ? "malformed certificate: " + reasonFor(d2i_X509, X509_free, der)
-                                      : "certificate " + refusal);
-    }
+    if (certificate.isNull())
+        throwReason("certificate", d2i_X509, X509_free, der);
     return certificateFacts(certificate);
 }
 
 Description readList(const Norvane::Buffer& der) {
     const NVX509::RefCertificateRevocationList list = NVX509::CertificateRevocationListFactory().readDER(der);
     if (list.isNull())
-        throw Failure("malformed revocation list: " + reasonFor(d2i_X509_CRL, X509_CRL_free, der));
+        throwReason("revocation list", d2i_X509_CRL, X509_CRL_free, der);
     return listFacts(list);
 }
 
 Description pairFacts(const Norvane::Buffer& der) {
     const NVX509::CrossCertificatePair pair(der);
+    if (!pair.decoded()) {
+        const std::string refusal = Norvane::Crypto::refusal(der);
+        throw Failure(refusal.empty() ? "malformed pair of certificates" : "pair of certificates " + refusal);
+    }
     Description facts = Description::object();
     if (pair.forward())
         facts["forward"] = certificateFacts(pair.forward());

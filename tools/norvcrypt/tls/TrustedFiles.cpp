@@ -5,6 +5,8 @@
 #include "openssl/Reasons.h"
 #include "recognise/DerAndPem.h"
 
+#include <norvcrypto/Acceptance.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -63,14 +65,20 @@ template <class Traits> std::vector<typename Traits::Pointer> readObjects(const 
         }
         const QuietQuestion quiet;
         for (const FoundObject& found : objectsIn(content)) {
+            if (!found.problem.empty())
+                problems.add(path, found.problem);
+            if (!found.problem.empty() || found.kind != Traits::kind)
+                continue;
+            if (const std::string refusal = Norvane::Crypto::refusal(found.der); !refusal.empty()) {
+                problems.add(path, std::string("a ") + Traits::noun + " that is " + refusal);
+                continue;
+            }
             const unsigned char* at = found.der.data();
-            typename Traits::Pointer object(found.kind == Traits::kind
-                                                ? Traits::decode(nullptr, &at, static_cast<long>(found.der.length()))
-                                                : nullptr);
+            typename Traits::Pointer object(Traits::decode(nullptr, &at, static_cast<long>(found.der.length())));
             if (object)
                 objects.push_back(std::move(object));
-            else if (found.kind == Traits::kind || !found.problem.empty())
-                problems.add(path, found.problem.empty() ? std::string("a malformed ") + Traits::noun : found.problem);
+            else
+                problems.add(path, std::string("a malformed ") + Traits::noun);
         }
         if (objects.empty())
             problems.add(path, std::string("no ") + Traits::noun);
@@ -279,12 +287,11 @@ std::vector<CertificatePtr> checkTrustedFile(const std::string& path, Problems& 
         return {};
     const std::size_t before = problems.lines().size();
     std::vector<CertificatePtr> trusted = readObjects<CertificateKind>(path, problems);
-    // OpenSSL looks at all there is, and takes nothing at all when it cannot read one.
-    if (const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
-        X509_STORE_load_file(store.get(), path.c_str()) != 1) {
-        const std::string reasons = openSslReasons();
-        if (problems.lines().size() == before)
-            problems.add(path, "nothing in it is used: " + reasons);
+    // OpenSSL looks at all there is, and takes nothing at all when it cannot read one. What is refused it must not see.
+    if (problems.lines().size() == before) {
+        if (const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
+            X509_STORE_load_file(store.get(), path.c_str()) != 1)
+            problems.add(path, "nothing in it is used: " + openSslReasons());
     }
     for (const CertificatePtr& each : trusted)
         checkAuthority(path, each.get(), problems);
