@@ -3,6 +3,7 @@
 // What strangers can send that costs OpenSSL far more than its size, and ordinary things that look much like it.
 
 #include <authority/Authority.h>
+#include <authority/Der.h>
 
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
@@ -91,6 +92,18 @@ inline norvauthority::Bytes indefinite(const norvauthority::Bytes& der) {
         at += header + length;
     }
     return ber;
+}
+
+/// An encrypted private key (PBES2 of RFC 8018) in name: its passphrase would be hashed once more than is allowed.
+inline norvauthority::Bytes sealedWithTooManyIterations() {
+    using namespace norvauthority::der;
+    using norvauthority::Bytes;
+    const Bytes derivation = sequence({octetString(Bytes(8, 1)), integer("02faf081"), // 50,000,001
+                                       sequence({oid("1.2.840.113549.2.9"), null()})});
+    return sequence({sequence({oid("1.2.840.113549.1.5.13"),
+                               sequence({sequence({oid("1.2.840.113549.1.5.12"), derivation}),
+                                         sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})}),
+                     octetString(Bytes(64))});
 }
 
 } // namespace norvtest

@@ -1,8 +1,7 @@
 // norvcrypt sign and verify: every option, every form of input and output, every exit code.
 
+#include "support/Costly.h"
 #include "support/ToolTest.h"
-
-#include <authority/Der.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -404,17 +403,8 @@ TEST_F(SignVerifyToolTest, OutputUnderTheLongestName) {
 }
 
 TEST_F(SignVerifyToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {
-    using namespace norvauthority;
-    // PBES2 with 50,000,001 iterations, one more than are allowed.
-    const Bytes key =
-        sequence({sequence({oid("1.2.840.113549.1.5.13"),
-                            sequence({sequence({oid("1.2.840.113549.1.5.12"),
-                                                sequence({octetString(Bytes(8, 1)), integer("02faf081"),
-                                                          sequence({oid("1.2.840.113549.2.9"), null()})})}),
-                                      sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})}),
-                  octetString(Bytes(64))});
-    work.write("costly.key", pem("ENCRYPTED PRIVATE KEY", key));
-    work.write("costly.der", key);
+    work.write("costly.key", norvauthority::pem("ENCRYPTED PRIVATE KEY", norvtest::sealedWithTooManyIterations()));
+    work.write("costly.der", norvtest::sealedWithTooManyIterations());
     work.write("pass", std::string("secret\n"));
     before = work.names();
     for (const char* name : {"costly.key", "costly.der"}) {

@@ -4,8 +4,6 @@
 #include "support/Costly.h"
 #include "support/Thrown.h"
 
-#include <authority/Der.h>
-
 #include <gmock/gmock.h>
 #include <openssl/pem.h>
 #include <sys/socket.h>
@@ -197,19 +195,11 @@ TEST_F(DirectoryKeyStoreLoadTest, ThePassphraseKeepsItsBlanksAndMayHaveAllBytesA
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {
-    using namespace norvauthority;
-    // PBES2 with 50,000,001 iterations, one more than are allowed.
-    const Bytes key =
-        sequence({sequence({oid("1.2.840.113549.1.5.13"),
-                            sequence({sequence({oid("1.2.840.113549.1.5.12"),
-                                                sequence({octetString(Bytes(8, 1)), integer("02faf081"),
-                                                          sequence({oid("1.2.840.113549.2.9"), null()})})}),
-                                      sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})}),
-                  octetString(Bytes(64))});
     m_store.folder("x");
     m_store.file("x/passphrase", "secret\n");
-    EXPECT_THAT(problemsWith("key.pem", pem("ENCRYPTED PRIVATE KEY", key)),
-                ElementsAre("x/key.pem: would cost too much to read"));
+    EXPECT_THAT(
+        problemsWith("key.pem", norvauthority::pem("ENCRYPTED PRIVATE KEY", norvtest::sealedWithTooManyIterations())),
+        ElementsAre("x/key.pem: would cost too much to read"));
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, AnEncryptedKeyWithoutItsPassphraseIsReportedAndNobodyIsAsked) {
