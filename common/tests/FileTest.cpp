@@ -1,3 +1,5 @@
+#include "support/TemporaryFolder.h"
+
 #include <norvcmsg/Exception.h>
 #include <norvcmsg/File.h>
 
@@ -32,24 +34,16 @@ using Norvane::MediaException;
 
 class Files : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string folder = (fs::temp_directory_path() / "norvFileXXXXXX").string();
-        ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-        m_folder = folder;
-    }
-    void TearDown() override { fs::remove_all(m_folder); }
-
-    [[nodiscard]] std::string path(const std::string& name) const { return m_folder / name; }
+    [[nodiscard]] std::string path(const std::string& name) const { return m_folder.path(name); }
     [[nodiscard]] std::string with(const std::string& name, const std::string& content) const {
-        std::ofstream(path(name), std::ios::binary) << content;
-        return path(name);
+        return m_folder.write(name, content);
     }
     static std::string contentOf(const std::string& path) {
         std::ifstream in(path, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};
     }
 
-    fs::path m_folder;
+    const norvtest::TemporaryFolder m_folder;
 };
 
 using FilePath = Files;
@@ -109,7 +103,7 @@ TEST_F(FilePath, ExistsFollowsLinks) {
     fs::create_symlink(file, path("link"));
     fs::create_symlink(path("nowhere"), path("dangling"));
     EXPECT_TRUE(File::Path(file).exists());
-    EXPECT_TRUE(File::Path(m_folder.string()).exists());
+    EXPECT_TRUE(File::Path(m_folder.path()).exists());
     EXPECT_TRUE(File::Path(path("link")).exists());
     EXPECT_FALSE(File::Path(path("dangling")).exists());
     EXPECT_FALSE(File::Path(path("nowhere")).exists());
@@ -137,7 +131,7 @@ TEST_F(FilePath, StatusTellsSizeAndKind) {
     EXPECT_EQ(status.permissions(), 0400U);
     EXPECT_EQ(File::Path(path("link")).status(false).size(), 3U);
     EXPECT_TRUE(File::Path(path("link")).status(true).isLink());
-    EXPECT_TRUE(File::Path(m_folder.string()).status(false).isDirectory());
+    EXPECT_TRUE(File::Path(m_folder.path()).status(false).isDirectory());
 }
 
 TEST_F(FilePath, StatusTellsWhenTheFileChanged) {
@@ -247,8 +241,8 @@ TEST_F(FileIn, ReadsLines) {
 TEST_F(FileIn, FailuresOfOpeningTellTheReason) {
     expectFailure([&] { FileMediaIn(File::Path(path("nowhere"))); }, "FileMediaIn", path("nowhere"),
                   "No such file or directory", ENOENT);
-    expectFailure([&] { FileMediaIn(File::Path(m_folder.string())); }, "FileMediaIn", m_folder.string(),
-                  "Is a directory", EISDIR);
+    expectFailure([&] { FileMediaIn(File::Path(m_folder.path())); }, "FileMediaIn", m_folder.path(), "Is a directory",
+                  EISDIR);
     expectFailure([&] { FileMediaIn{File::Path()}; }, "FileMediaIn", "", "No such file or directory", ENOENT);
 }
 
@@ -295,7 +289,7 @@ TEST_F(FileIn, DescriptorsAreClosedWithTheLastHandle) {
         const FileMediaIn copy(in); // NOLINT(performance-unnecessary-copy-initialization)
         FileMediaOut out(File::Path(path("out")));
         EXPECT_EQ(open(), before + 2);
-        EXPECT_THROW(FileMediaIn(File::Path(m_folder.string())), MediaException);
+        EXPECT_THROW(FileMediaIn(File::Path(m_folder.path())), MediaException);
         EXPECT_EQ(open(), before + 2);
         out.end();
         EXPECT_EQ(open(), before + 1);
@@ -370,8 +364,8 @@ TEST_F(FileOut, PositionsAreKept) {
 TEST_F(FileOut, FailuresOfOpeningTellTheReason) {
     expectFailure([&] { FileMediaOut(File::Path(path("no/where"))); }, "FileMediaOut", path("no/where"),
                   "No such file or directory", ENOENT);
-    expectFailure([&] { FileMediaOut(File::Path(m_folder.string())); }, "FileMediaOut", m_folder.string(),
-                  "Is a directory", EISDIR);
+    expectFailure([&] { FileMediaOut(File::Path(m_folder.path())); }, "FileMediaOut", m_folder.path(), "Is a directory",
+                  EISDIR);
 }
 
 TEST_F(FileOut, AFullDiskIsToldByWriteAndAgainByEnd) {

@@ -1,3 +1,5 @@
+#include "support/TemporaryFolder.h"
+
 #include <norvcmsg/Exception.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
 
@@ -28,29 +30,21 @@ using Norvane::SwapBufferMediaOut;
 
 class SwapBuffer : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string folder = (fs::temp_directory_path() / "norvSwapXXXXXX").string();
-        ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-        m_folder = folder;
-        m_template = m_folder / "swapXXXXXX";
-    }
-    void TearDown() override { fs::remove_all(m_folder); }
-
     /// The descriptors that are open on files of this test's folder.
     [[nodiscard]] std::vector<std::string> openFiles() const {
         std::vector<std::string> open;
         for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
             const auto target = fs::read_symlink(entry, gone).string();
-            if (target.find(m_folder.string()) == 0) {
+            if (target.find(m_folder.path()) == 0) {
                 open.push_back(entry.path());
             }
         }
         return open;
     }
 
-    fs::path m_folder;
-    std::string m_template;
+    const norvtest::TemporaryFolder m_folder;
+    const std::string m_template = m_folder.path("swapXXXXXX");
 };
 
 void put(SwapBufferMediaOut& out, const std::string& text) {
@@ -114,7 +108,7 @@ TEST_F(SwapBuffer, TheFileHasNoNameAndIsItsOwnersAlone) {
     SwapBufferMediaOut out(1, m_template.c_str());
     put(out, "secret");
     ::umask(mask);
-    EXPECT_TRUE(fs::is_empty(m_folder));
+    EXPECT_TRUE(fs::is_empty(m_folder.path()));
     const auto open = openFiles();
     ASSERT_EQ(open.size(), 1U);
     struct stat status {};
@@ -241,11 +235,11 @@ TEST_F(SwapBuffer, AFolderThatCannotBeWrittenIsTold) {
                       "cannot make a temporary file from /proc/swapXXXXXX: No such file or directory", ENOENT);
         return;
     }
-    fs::permissions(m_folder, fs::perms::owner_read | fs::perms::owner_exec);
+    fs::permissions(m_folder.path(), fs::perms::owner_read | fs::perms::owner_exec);
     SwapBufferMediaOut out(0, m_template.c_str());
     expectFailure([&] { put(out, "a"); }, "cannot make a temporary file from " + m_template + ": Permission denied",
                   EACCES);
-    fs::permissions(m_folder, fs::perms::owner_all);
+    fs::permissions(m_folder.path(), fs::perms::owner_all);
 }
 
 TEST_F(SwapBuffer, AWrongTemplateIsTold) {

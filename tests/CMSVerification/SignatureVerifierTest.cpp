@@ -120,11 +120,6 @@ Bytes signedWithPss(unsigned int flags = 0) {
     });
 }
 
-const Identity& identityOf(const std::string& name) {
-    const auto& ids = identities();
-    return name == "rsa" ? ids.rsa : name == "dsa" ? ids.dsa : ids.ec;
-}
-
 class Senders : public ::testing::TestWithParam<std::tuple<const char*, const char*, unsigned int, unsigned int>> {};
 
 } // namespace

@@ -11,7 +11,6 @@
 using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace x509testing;
-using norvauthority::issue;
 using norvtest::thrownBy;
 
 namespace {

@@ -12,9 +12,6 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVX509;
 using namespace x509testing;
-using norvauthority::fromHex;
-using norvauthority::Identity;
-using norvauthority::issue;
 
 namespace {
 

@@ -12,7 +12,6 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVX509;
 using namespace x509testing;
-using norvauthority::issue;
 using IssuedTime = norvauthority::Time;
 
 namespace {

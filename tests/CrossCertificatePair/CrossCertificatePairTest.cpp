@@ -1,10 +1,10 @@
 // Pairs of cross-certificates: what each half says, absent halves, bytes that are no pair, and who owns what.
 #include "support/HostileDer.h"
+#include "support/Started.h"
 #include "support/Thrown.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/CrossCertificatePair.h>
-#include <norvcrypto/Crypto.h>
 
 #include <openssl/x509.h>
 
@@ -43,7 +43,6 @@ Bytes both() {
 
 class CrossPair : public x509testing::QuietQueue {
 protected:
-    static void SetUpTestSuite() { Crypto::initialize(); }
     /// No pair: both getters answer empty handles, each time.
     static void expectNoPair(const CrossCertificatePair& pair) {
         EXPECT_FALSE(pair.decoded());

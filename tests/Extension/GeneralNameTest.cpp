@@ -1,7 +1,7 @@
 #include "support/HostileDer.h"
+#include "support/RecordedLog.h"
 #include "support/Thrown.h"
 
-#include <norvcmsg/Logger.h>
 #include <norvcrypto/Extension.h>
 
 #include <authority/Authority.h>
@@ -34,12 +34,10 @@ NamePtr decoded(const Issued& issued) {
 /// Keeps what is logged while a test runs.
 class GeneralNameTest : public testing::Test {
 protected:
-    void SetUp() override { Norvane::Logger::instance(false).sink(m_log); }
-    void TearDown() override { Norvane::Logger::instance(false).sink(nullptr); }
-    [[nodiscard]] std::vector<Norvane::LogRecord> logged() const { return m_log->records(); }
+    [[nodiscard]] std::vector<Norvane::LogRecord> logged() const { return m_log.records(); }
 
 private:
-    std::shared_ptr<Norvane::RecordingLogSink> m_log = std::make_shared<Norvane::RecordingLogSink>();
+    const norvtest::RecordedLog m_log;
 };
 
 TEST_F(GeneralNameTest, NullName) {

@@ -1,4 +1,5 @@
 #include "support/Judge.h"
+#include "support/Keys.h"
 #include "support/Slots.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
@@ -29,6 +30,8 @@ using Norvane::Crypto::SignerRef;
 using Norvane::Crypto::Verifier;
 using Norvane::Crypto::VerifierMediaOut;
 using norvtest::bufferOf;
+using norvtest::privateKeyOf;
+using norvtest::publicKeyOf;
 using norvtest::textOf;
 
 static_assert(std::is_base_of_v<RefHasher, SignerRef> && std::is_base_of_v<RefHasher, RefVerifier>);
@@ -39,20 +42,9 @@ const norvauthority::Key& rsa() {
     return key;
 }
 
-RefKey privateOf(const norvauthority::Key& key) {
-    return RefKey(new PrivateKey(key.newReference()));
-}
-
-RefKey publicOf(const norvauthority::Key& key) {
-    const unsigned char* der = nullptr;
-    const auto encoded = key.publicDer();
-    der = encoded.data();
-    return RefKey(new PublicKey(d2i_PUBKEY(nullptr, &der, static_cast<long>(encoded.size()))));
-}
-
 Buffer signatureOf(const norvauthority::Key& key, const std::string& body, Hasher::Type type = Hasher::SHA256) {
     SignerRef signer(type);
-    signer->signingKey(privateOf(key));
+    signer->signingKey(privateKeyOf(key));
     signer->update(body);
     return signer->sign();
 }
@@ -60,7 +52,7 @@ Buffer signatureOf(const norvauthority::Key& key, const std::string& body, Hashe
 bool verifies(const norvauthority::Key& key, const std::string& body, const Buffer& signature,
               Hasher::Type type = Hasher::SHA256) {
     RefVerifier verifier(type);
-    verifier->verificationKey(publicOf(key));
+    verifier->verificationKey(publicKeyOf(key));
     verifier->update(body);
     return verifier->isValid(signature);
 }
@@ -145,7 +137,7 @@ TEST_F(Signatures, OfDsaVerify) {
 
 TEST_F(Signatures, TheContextStaysUsableAfterSigning) {
     SignerRef signer(Hasher::SHA256);
-    signer->signingKey(privateOf(rsa()));
+    signer->signingKey(privateKeyOf(rsa()));
     signer->update(std::string("one "));
     EXPECT_TRUE(verifies(rsa(), "one ", signer->sign()));
     EXPECT_TRUE(verifies(rsa(), "one ", signer->sign()));
@@ -157,7 +149,7 @@ TEST_F(Signatures, MayBeAskedAboutAgain) {
     const Buffer good = signatureOf(rsa(), "one ");
     const Buffer later = signatureOf(rsa(), "one two");
     RefVerifier verifier(Hasher::SHA256);
-    verifier->verificationKey(publicOf(rsa()));
+    verifier->verificationKey(publicKeyOf(rsa()));
     verifier->update(std::string("one "));
     EXPECT_FALSE(verifier->isValid(later));
     EXPECT_TRUE(verifier->isValid(good));
@@ -168,14 +160,14 @@ TEST_F(Signatures, MayBeAskedAboutAgain) {
 
 TEST_F(Signatures, APrivateKeyVerifiesToo) {
     RefVerifier verifier(Hasher::SHA256);
-    verifier->verificationKey(privateOf(rsa()));
+    verifier->verificationKey(privateKeyOf(rsa()));
     verifier->update(std::string("the body"));
     EXPECT_TRUE(verifier->isValid(signatureOf(rsa(), "the body")));
 }
 
 TEST_F(Signatures, FinalizeConsumesTheVerifier) {
     RefVerifier verifier(Hasher::SHA256);
-    verifier->verificationKey(publicOf(rsa()));
+    verifier->verificationKey(publicKeyOf(rsa()));
     verifier->finalize();
     const auto thrown = norvtest::thrownBy([&] { static_cast<void>(verifier->isValid(Buffer())); });
     norvtest::expectFailure(thrown, "virtual bool Norvane::Crypto::Verifier::isValid(const Norvane::Buffer&)", 4,
@@ -226,7 +218,7 @@ TEST_F(Signatures, AKeyThatCannotSignWithADigestThrowsWithOpenSslsErrors) {
 
 TEST_F(Signatures, APublicKeyCannotSign) {
     SignerRef signer(Hasher::SHA256);
-    signer->signingKey(publicOf(rsa()));
+    signer->signingKey(publicKeyOf(rsa()));
     signer->update(std::string("the body"));
     const auto thrown = norvtest::thrownBy([&] { static_cast<void>(signer->sign()); });
     norvtest::expectFailure(thrown, "Crypto::Signer::sign", 4, "Hasher");
@@ -248,7 +240,7 @@ TEST_F(Signatures, AMalformedStructureThrowsAndEmptiesTheQueue) {
 }
 
 TEST_F(Signatures, AKeyIsSharedNotCopied) {
-    RefKey key = privateOf(rsa());
+    RefKey key = privateKeyOf(rsa());
     EXPECT_EQ(key->referenceCount(), 1);
     SignerRef signer(Hasher::SHA256);
     signer->signingKey(key);
@@ -259,7 +251,7 @@ TEST_F(Signatures, AKeyIsSharedNotCopied) {
 
 TEST_F(Signatures, HandlesAreHasherHandlesToo) {
     SignerRef signer(Hasher::SHA256);
-    signer->signingKey(privateOf(rsa()));
+    signer->signingKey(privateKeyOf(rsa()));
     RefHasher& fed = signer;
     fed << std::string("the ") << std::string("body");
     EXPECT_TRUE(verifies(rsa(), "the body", signer->sign()));
@@ -294,7 +286,7 @@ TEST_F(Signatures, AStreamVerifiesWhatIsWritten) {
     stream.write(bufferOf("the "));
     stream.write(reinterpret_cast<const unsigned char*>("body"), 4);
     RefVerifier verifier = stream.verifier();
-    verifier->verificationKey(publicOf(rsa()));
+    verifier->verificationKey(publicKeyOf(rsa()));
     EXPECT_TRUE(verifier->isValid(signature));
 }
 
@@ -303,7 +295,7 @@ TEST_F(Signatures, AnEndedStreamsVerifierThrows) {
     stream.write(bufferOf("the body"));
     stream.end();
     const RefVerifier verifier = stream.verifier();
-    verifier->verificationKey(publicOf(rsa()));
+    verifier->verificationKey(publicKeyOf(rsa()));
     const auto thrown =
         norvtest::thrownBy([&] { static_cast<void>(verifier->isValid(signatureOf(rsa(), "the body"))); });
     EXPECT_EQ(norvtest::detailOf(thrown), "Finalized already called. Do not call finalize before isValid");

@@ -1,5 +1,6 @@
 // Public keys on curves that are spelled out.
 #include "support/Costly.h"
+#include "support/Streams.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/Key.h>
@@ -9,22 +10,12 @@
 using Norvane::Buffer;
 using Norvane::Crypto::Key;
 using Norvane::Crypto::RefKey;
+using norvtest::bufferOf;
 using norvtest::curveKey;
 using norvtest::detailOf;
 using norvtest::errorQueueIsEmpty;
 using norvtest::expectFailure;
 using norvtest::thrownBy;
-
-namespace {
-
-Buffer bufferOf(const norvauthority::Bytes& bytes) {
-    return {bytes.data(), static_cast<unsigned int>(bytes.size()), false};
-}
-Buffer bufferOf(const std::string& text) {
-    return {text.data(), static_cast<unsigned int>(text.size()), false};
-}
-
-} // namespace
 
 TEST(RefusedKeys, DerOnASpelledOutCurveIsSaidToBeRefused) {
     const norvauthority::Bytes der = curveKey("P-256", true).publicDer();

@@ -1,4 +1,6 @@
+#include "support/Keys.h"
 #include "support/Slots.h"
+#include "support/Thrown.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/KeyStore.h>
@@ -10,7 +12,6 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVX509;
 using namespace x509testing;
-using norvauthority::issue;
 
 namespace {
 
@@ -28,7 +29,7 @@ RefCertificate certificate(const char* name) {
 }
 
 RefKey privateKey() {
-    return RefKey(new PrivateKey(anyKey().newReference()));
+    return norvtest::privateKeyOf(anyKey());
 }
 
 EmailAddress address(const char* text) {
@@ -252,15 +253,9 @@ TEST_F(KeyStoreTest, AHandleKeepsAPluginBeyondItsStore) {
 }
 
 TEST_F(KeyStoreTest, NullPluginIsRefused) {
-    try {
-        const RefKeyStorePlugin handle(static_cast<KeyStorePlugin*>(nullptr));
-        FAIL() << "nothing was thrown";
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.where(), "RefCounted constructor for RefImpl failed.");
-        EXPECT_EQ(exception.code(), 4);
-        EXPECT_EQ(exception.fileName(), "");
-        EXPECT_EQ(exception.lineNumber(), 0U);
-    }
+    const auto thrown =
+        norvtest::thrownBy([] { const RefKeyStorePlugin handle(static_cast<KeyStorePlugin*>(nullptr)); });
+    norvtest::expectFailure(thrown, "RefCounted constructor for RefImpl failed.", 4, "", 0);
 }
 
 TEST_F(KeyStoreTest, PluginOperationsKeepTheirSlots) {

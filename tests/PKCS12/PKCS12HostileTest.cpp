@@ -2,11 +2,11 @@
 // reads; nothing crashes, hangs, leaks or stays in the error queue.
 #include "support/HostileDer.h"
 #include "support/Pkcs12.h"
+#include "support/Started.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/BIOMediaImpl.h>
-#include <norvcrypto/Crypto.h>
 
 #include <set>
 
@@ -33,8 +33,6 @@ Bytes sample() {
 
 class Pkcs12Hostile : public x509testing::QuietQueue {
 protected:
-    static void SetUpTestSuite() { Crypto::initialize(); }
-
     static void expectUndecodable(bio_st* in) {
         const auto thrown = thrownBy([&] { const Store store(in); });
         expectFailure(thrown, "Crypto::PKCS12::Store", 4, "PKCS12", 23);

@@ -15,10 +15,6 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVSSL;
 using namespace tlstesting;
-using norvtest::detailOf;
-using norvtest::errorQueueIsEmpty;
-using norvtest::expectFailure;
-using norvtest::thrownBy;
 
 namespace {
 

@@ -12,10 +12,6 @@ using namespace Norvane::Crypto::NVSSL;
 using namespace tlstesting;
 using norvauthority::issue;
 using norvauthority::Key;
-using norvtest::detailOf;
-using norvtest::errorQueueIsEmpty;
-using norvtest::expectFailure;
-using norvtest::thrownBy;
 
 namespace {
 

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 using namespace interop;
 
 namespace {
@@ -28,6 +32,23 @@ TEST(ExampleTest, SignBodySignsWhatOpenSslVerifies) {
         "-CAfile root.pem -out /dev/null";
     const Answer verified = run({.arguments = {"/bin/sh", "-c", check}, .directory = work.directory()});
     EXPECT_EQ(0, verified.status) << verified.err;
+}
+
+TEST(ExampleTest, TheReadmeShowsSignBodyAsItIs) {
+    const auto textOf = [](const char* name) {
+        std::ifstream file(std::filesystem::path(norvtest::sourceDirectory) / name);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    const std::string program = textOf("examples/sign_body.cpp");
+    const std::string shown = "```cpp\n" + program.substr(program.find("#include")) + "```\n";
+    EXPECT_NE(std::string::npos, textOf("README.md").find(shown));
+}
+
+TEST(ExampleTest, SignBodyOnAFileThatIsMissingTellsWhich) {
+    const Answer answer = run({.arguments = {signBody, "none", "none", "none"}});
+    EXPECT_LT(answer.status, 128) << answer.err;
+    EXPECT_NE(0, answer.status);
+    EXPECT_NE("", answer.err);
 }
 
 TEST(ExampleTest, SignBodyWithoutACertificateTellsItsUsage) {

@@ -19,22 +19,12 @@ protected:
     }
     /// Alice signs "body" into "sig".
     void signs(bool detached) {
-        std::vector<std::string> arguments{"gpgsm",
-                                           "--batch",
-                                           "--yes",
-                                           "--pinentry-mode",
-                                           "loopback",
-                                           "--passphrase-fd",
-                                           "0",
-                                           "--local-user",
-                                           "alice@example.org",
-                                           "--output",
-                                           "sig",
-                                           "--sign"};
+        std::vector<std::string> arguments{"--local-user", "alice@example.org", "--output", "sig", "--sign"};
         if (detached)
             arguments.emplace_back("--detach-sign");
         arguments.emplace_back("body");
-        succeeds(arguments, "x\n");
+        const Answer answer = gpgsmWith("x", arguments);
+        ASSERT_EQ(0, answer.status) << answer.err;
     }
 };
 
@@ -98,9 +88,8 @@ TEST_F(GpgsmEncryptionTest, EachSideDecryptsWhatTheOtherEncrypts) {
             succeeds(arguments);
         },
         [&] {
-            succeeds({"gpgsm", "--batch", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--output", "out",
-                      "--decrypt", "msg"},
-                     "x\n");
+            const Answer answer = gpgsmWith("x", {"--output", "out", "--decrypt", "msg"});
+            ASSERT_EQ(0, answer.status) << answer.err;
         });
 }
 
@@ -111,16 +100,18 @@ TEST_F(GpgsmPkcs12Test, GpgsmsFiles) {
         GTEST_SKIP() << "gpgsm is not installed";
     }
     makeGpgsmHome();
-    opensslExports({"-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES", "-macalg", "sha1", "-in", "alice.pem",
-                    "-inkey", "alice.key"});
-    const std::vector<std::string> gpgsm{"gpgsm",    "--batch",         "--yes", "--pinentry-mode",
-                                         "loopback", "--passphrase-fd", "0"};
-    auto import = gpgsm;
-    import.insert(import.end(), {"--import", "file.p12"});
-    succeeds(import, "secret\n");
-    auto write = gpgsm;
-    write.insert(write.end(), {"--output", "gpgsm.p12", "--export-secret-key-p12", "alice@example.org"});
-    succeeds(write, "secret\n");
+    succeedsWithSomeSalt([&] {
+        opensslExports({"-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES", "-macalg", "sha1", "-in", "alice.pem",
+                        "-inkey", "alice.key"});
+        return gpgsmWith("secret", {"--import", "file.p12"});
+    });
+    succeedsWithSomeSalt([&] {
+        const Answer written =
+            gpgsmWith("secret", {"--output", "gpgsm.p12", "--export-secret-key-p12", "alice@example.org"});
+        EXPECT_EQ(0, written.status) << written.err;
+        return in({"openssl", "pkcs12", "-legacy", "-in", "gpgsm.p12", "-passin", "pass:secret", "-nodes", "-out",
+                   "/dev/null"});
+    });
     expectImported(alice(), "gpgsm.p12");
     work.write("pass", std::string("another\n"));
     EXPECT_EQ(1, imports("gpgsm.p12").status);

@@ -2,10 +2,10 @@
 
 // The eight ciphers as their publications describe them, and one way through the streams for texts.
 
+#include "support/Started.h"
 #include "support/Streams.h"
 
 #include <authority/Authority.h>
-#include <norvcrypto/Crypto.h>
 #include <norvcrypto/Encryption.h>
 
 #include <gtest/gtest.h>
@@ -19,13 +19,6 @@ using Norvane::Buffer;
 using Norvane::Crypto::Cipher;
 using Norvane::Crypto::DecrypterMediaOut;
 using Norvane::Crypto::EncrypterMediaOut;
-
-/// Starts the library before the first test of an executable.
-class Started : public testing::Environment {
-public:
-    void SetUp() override { Norvane::Crypto::initialize(); }
-};
-inline testing::Environment* const started = testing::AddGlobalTestEnvironment(new Started);
 
 struct Facts {
     Cipher cipher;

@@ -4,11 +4,12 @@
 /// What the tests of CMS structures share: identities, streams that misbehave, recorded logs, signatures made by
 /// OpenSSL without this library.
 
+#include "support/Keys.h"
+#include "support/Started.h"
 #include "support/X509Testing.h"
 
 #include <authority/Authority.h>
 #include <norvcmsg/Exception.h>
-#include <norvcmsg/Logger.h>
 #include <norvcmsg/Media.h>
 #include <norvcrypto/CMSSignerMedia.h>
 #include <norvcrypto/Crypto.h>
@@ -31,6 +32,7 @@ namespace cmstest {
 using Norvane::Buffer;
 using norvauthority::Bytes;
 using norvauthority::Identity;
+using norvtest::RecordedLog;
 namespace Crypto = Norvane::Crypto;
 namespace CMS = Norvane::Crypto::CMS;
 namespace NVX509 = Norvane::Crypto::NVX509;
@@ -46,26 +48,6 @@ using Bio = std::unique_ptr<BIO, Freeing>;
 using Pkcs7 = std::unique_ptr<PKCS7, Freeing>;
 using CmsStructure = std::unique_ptr<CMS_ContentInfo, Freeing>;
 using X509Stack = std::unique_ptr<STACK_OF(X509), Freeing>;
-
-/// Starts the library before the first test of an executable.
-class Started : public ::testing::Environment {
-public:
-    void SetUp() override { Crypto::initialize(); }
-};
-inline ::testing::Environment* const started = ::testing::AddGlobalTestEnvironment(new Started);
-
-/// Keeps what is logged while it lives.
-class RecordedLog : public x509testing::Log {
-public:
-    /// The event codes, in order.
-    [[nodiscard]] std::vector<unsigned int> events() const {
-        std::vector<unsigned int> codes;
-        for (const auto& record : records()) {
-            codes.push_back(record.event);
-        }
-        return codes;
-    }
-};
 
 /// What a failure said.
 struct Caught {
@@ -222,11 +204,17 @@ inline const Identities& identities() {
     return all;
 }
 
+/// The one whose key is of that algorithm: "rsa", "dsa" or "ec".
+inline const Identity& identityOf(const std::string& algorithm) {
+    const Identities& all = identities();
+    return algorithm == "rsa" ? all.rsa : algorithm == "dsa" ? all.dsa : all.ec;
+}
+
 inline NVX509::RefCertificate certificateOf(const Identity& identity) {
     return NVX509::CertificateFactory().readDER(bufferOf(identity.certificate.der));
 }
 inline Crypto::RefKey keyOf(const Identity& identity) {
-    return Crypto::RefKey(new Crypto::PrivateKey(identity.key.newReference()));
+    return norvtest::privateKeyOf(identity.key);
 }
 inline NVX509::KeyCertificatePair pairOf(const Identity& identity,
                                          const std::list<NVX509::RefCertificate>& chain = {}) {

@@ -42,6 +42,10 @@ inline std::vector<Bytes> oversized(const Bytes& der) {
     return announced;
 }
 
+/// Beginnings of sequences that announce 1 GiB, 4 GiB and 2^64 - 1 bytes, and of some that announce no length.
+inline constexpr const char* hugeHeaders[] = {
+    "3084400000000282", "3084ffffffff0202", "3088ffffffffffffffff", "308000", "30ff", "30"};
+
 /// A pointer and length of bytes, as the decoding constructors take them.
 inline unsigned int lengthOf(const Bytes& bytes) {
     return static_cast<unsigned int>(bytes.size());

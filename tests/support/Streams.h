@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace norvtest {
 
@@ -90,9 +91,12 @@ inline std::string textOf(const Norvane::Buffer& buffer) {
     return {reinterpret_cast<const char*>(buffer.data()), buffer.length()};
 }
 
-/// A buffer with a copy of a text's bytes.
+/// A buffer with a copy of a text's bytes, or of bytes.
 inline Norvane::Buffer bufferOf(const std::string& text) {
     return {text.data(), static_cast<unsigned int>(text.size()), false};
+}
+inline Norvane::Buffer bufferOf(const std::vector<unsigned char>& bytes) {
+    return {bytes.data(), static_cast<unsigned int>(bytes.size()), false};
 }
 
 } // namespace norvtest

@@ -52,6 +52,14 @@ inline void expectFailure(const Norvane::Exception& thrown, const std::string& w
     EXPECT_EQ(thrown.lineNumber(), line);
 }
 
+/// Queues an error as a function of OpenSSL does that fails, and answers 0, as most of them do.
+inline int failIn(const char* function, int library, int reason, const char* file = "file.c") {
+    ERR_new();
+    ERR_set_debug(file, 1, function);
+    ERR_set_error(library, reason, nullptr);
+    return 0;
+}
+
 /// True when the calling thread's error queue is empty. Empties it otherwise, so that one leak fails one test.
 inline bool errorQueueIsEmpty() {
     const bool empty = ERR_peek_error() == 0;

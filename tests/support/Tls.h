@@ -2,6 +2,7 @@
 
 // Both ends of TLS connections over loopback, in one process.
 
+#include "support/Keys.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/Crypto.h>
@@ -28,6 +29,10 @@ using Norvane::Crypto::NVSSL::ContextFactory;
 using Norvane::Crypto::NVSSL::RefContext;
 using Norvane::Crypto::NVSSL::SSLSocket;
 using norvauthority::Identity;
+using norvtest::detailOf;
+using norvtest::errorQueueIsEmpty;
+using norvtest::expectFailure;
+using norvtest::thrownBy;
 
 constexpr bool clientSide = true;
 constexpr bool serverSide = false;
@@ -58,7 +63,7 @@ inline const Identity& client() {
 }
 
 inline Norvane::Crypto::RefKey keyOf(const Identity& identity) {
-    return Norvane::Crypto::RefKey(new Norvane::Crypto::PrivateKey(identity.key.newReference()));
+    return norvtest::privateKeyOf(identity.key);
 }
 
 /// A certificate that owns its X509.

@@ -5,9 +5,9 @@
 
 #include "support/Judge.h"
 #include "support/Places.h"
+#include "support/RecordedLog.h"
 
 #include <norvcmsg/Buffer.h>
-#include <norvcmsg/Logger.h>
 #include <norvcmsg/Media.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
@@ -28,6 +28,11 @@
 #include <vector>
 
 namespace x509testing {
+
+using norvauthority::fromHex;
+using norvauthority::Identity;
+using norvauthority::issue;
+using norvauthority::issueList;
 
 inline Norvane::Buffer buffer(const norvauthority::Bytes& bytes) {
     return {bytes.data(), static_cast<unsigned int>(bytes.size()), false};
@@ -79,19 +84,7 @@ protected:
     void TearDown() override { EXPECT_EQ(ERR_peek_error(), 0UL) << "left in the error queue"; }
 };
 
-/// Keeps what is logged while it lives.
-class Log {
-public:
-    Log() { Norvane::Logger::instance(false).sink(m_sink); }
-    ~Log() { Norvane::Logger::instance(false).sink(nullptr); }
-    Log(const Log&) = delete;
-    Log& operator=(const Log&) = delete;
-    [[nodiscard]] std::vector<Norvane::LogRecord> records() const { return m_sink->records(); }
-    void clear() { m_sink->clear(); }
-
-private:
-    std::shared_ptr<Norvane::RecordingLogSink> m_sink = std::make_shared<Norvane::RecordingLogSink>();
-};
+using Log = norvtest::RecordedLog;
 
 /// A sink that throws once more than `limit` bytes come in.
 class FullMediaOutImpl : public Norvane::MediaOutImpl {
@@ -111,6 +104,45 @@ private:
 
 inline Norvane::MediaOut fullMediaOut(unsigned int limit) {
     return Norvane::MediaOut(Norvane::makeReference<FullMediaOutImpl, Norvane::MediaOutImpl>(limit));
+}
+
+/// What a target throws while `written`, which the library made of `der`, is written to it arrives at the caller, and
+/// `written` is as good as before.
+template <class Handle> void expectTargetsExceptionArrives(const Handle& written, const norvauthority::Bytes& der) {
+    for (const unsigned int room : {0U, 1U, 100U}) {
+        for (const bool pem : {false, true}) {
+            Norvane::MediaOut target = fullMediaOut(room);
+            try {
+                pem ? written->writePEM(target) : written->writeDER(target);
+                FAIL() << "nothing was thrown with room for " << room;
+            } catch (const Norvane::MediaException& exception) {
+                EXPECT_EQ(exception.where(), "FullMediaOut");
+                EXPECT_EQ(exception.code(), 28);
+            }
+        }
+    }
+    Norvane::MemoryMediaOut out;
+    written->writeDER(out);
+    EXPECT_EQ(bytes(out.content()), der) << "still works";
+}
+
+/// `der` with each byte changed in four ways: `decode` reads or refuses it, and may be asked for all that it read;
+/// nothing crashes and nothing stays in the error queue.
+template <class Decode, class Ask> void expectChangedBytesDoNoHarm(norvauthority::Bytes der, Decode decode, Ask ask) {
+    int decoded = 0;
+    for (std::size_t i = 0; i < der.size(); ++i) {
+        const unsigned char original = der[i];
+        for (const unsigned int change : {0x01U, 0x20U, 0x80U, 0xFFU}) {
+            der[i] = static_cast<unsigned char>(original ^ change);
+            if (const auto made = decode(buffer(der)); !made.isNull()) {
+                ask(made);
+                ++decoded;
+            }
+            ASSERT_EQ(ERR_peek_error(), 0UL) << i << " ^ " << change;
+        }
+        der[i] = original;
+    }
+    EXPECT_GT(decoded, 0) << "changed signatures, names and entries still decode";
 }
 
 /// A sample beside the checkout; nothing when the folder is not there.

@@ -287,13 +287,16 @@ TEST_F(DecryptToolTest, OutputReplacesAFileOnlyWhenAKeyServed) {
     EXPECT_EQ("precious", work.read("out"));
     EXPECT_EQ(0, decrypt({"--cert", "bob.pem", "--key", "bob.key", "--in", "msg", "--out", "out"}).status);
     EXPECT_EQ(body, work.read("out"));
-    EXPECT_EQ(0640U, work.mode("out"));
+    EXPECT_EQ(0600U, work.mode("out"));
     EXPECT_EQ(before, work.names());
 }
 
 TEST_F(DecryptToolTest, OutputOverTheMessage) {
-    EXPECT_EQ(0, decrypt({"--cert", "alice.pem", "--key", "alice.key", "--in", "msg", "--out", "msg"}).status);
-    EXPECT_EQ(body, work.read("msg"));
+    const std::string message = work.read("msg");
+    before = work.names();
+    expectFailure(decrypt({"--cert", "alice.pem", "--key", "alice.key", "--in", "msg", "--out", "msg"}),
+                  "cannot read msg: it is the output too");
+    EXPECT_EQ(message, work.read("msg"));
 }
 
 } // namespace

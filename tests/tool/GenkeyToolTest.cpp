@@ -44,7 +44,7 @@ TEST_F(GenkeyToolTest, DefaultsAreWhatIsSafeToday) {
 
 TEST_F(GenkeyToolTest, OtherExponents) {
     for (const char* exponent : {"3", "4294967295"}) {
-        ASSERT_EQ(0, genkey({"--bits", "512", "--exponent", exponent, "--out", "key"}).status);
+        ASSERT_EQ(0, genkey({"--bits", "512", "--exponent", exponent, "--out", "key", "--force"}).status);
         const Answer text = openssl({"pkey", "-in", "key", "-noout", "-text"});
         EXPECT_NE(std::string::npos, text.out.find("publicExponent: " + std::string(exponent))) << text.out;
     }
@@ -69,7 +69,7 @@ TEST_F(GenkeyToolTest, FileIsItsOwnersAlone) {
         ASSERT_EQ(0, chmod(work.path("old").c_str(), mode));
         if (geteuid() != 0 && mode == 0400)
             continue; // only root may write to such a file
-        ASSERT_EQ(0, genkey({"--bits", "512", "--out", "old"}).status);
+        ASSERT_EQ(0, genkey({"--bits", "512", "--out", "old", "--force"}).status);
         EXPECT_EQ(0600U, work.mode("old")) << std::oct << mode;
         EXPECT_EQ(0U, work.read("old").find("-----BEGIN"));
         ASSERT_EQ(0, unlink(work.path("old").c_str()));
@@ -80,7 +80,7 @@ TEST_F(GenkeyToolTest, FileThroughALinkIsItsOwnersAloneToo) {
     work.write("target", std::string("old"));
     ASSERT_EQ(0, chmod(work.path("target").c_str(), 0644));
     ASSERT_EQ(0, symlink("target", work.path("link").c_str()));
-    ASSERT_EQ(0, genkey({"--bits", "512", "--out", "link"}).status);
+    ASSERT_EQ(0, genkey({"--bits", "512", "--out", "link", "--force"}).status);
     EXPECT_EQ(0600U, work.mode("target"));
     EXPECT_EQ(0U, work.read("target").find("-----BEGIN"));
 }
@@ -246,7 +246,7 @@ TEST_F(GenkeyToolTest, FailureLeavesAnOldKeyAlone) {
     work.write("key", std::string("precious"));
     ASSERT_EQ(0, chmod(work.path("key").c_str(), 0644));
     before = work.names();
-    expectFailure(genkey({"--bits", "511", "--out", "key"}), "cannot generate");
+    expectFailure(genkey({"--bits", "511", "--out", "key", "--force"}), "cannot generate");
     EXPECT_EQ("precious", work.read("key"));
 }
 

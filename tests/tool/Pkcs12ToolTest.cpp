@@ -36,6 +36,9 @@ protected:
     Answer p12(const std::string& file, const std::string& passphrase = "pass", const std::string& folder = "out") {
         return tool({"p12", file, "--passphrase-file", passphrase, "--out-dir", folder});
     }
+    Answer forced(const std::string& file) {
+        return tool({"p12", file, "--passphrase-file", "pass", "--out-dir", "out", "--force"});
+    }
     /// `p12` fails with exit code 2 and leaves nothing.
     void expectUnreadable(const std::string& file, const std::string& text) {
         before = work.names();
@@ -66,7 +69,7 @@ TEST_F(Pkcs12ToolTest, WhatItWritesSigns) {
 TEST_F(Pkcs12ToolTest, KeysOfOtherKinds) {
     for (const Identity* identity : {&alice(), &dora()}) {
         work.write("other.p12", pkcs12(identity, identity, "secret"));
-        ASSERT_EQ(0, p12("other.p12").status);
+        ASSERT_EQ(0, forced("other.p12").status);
         EXPECT_EQ(identity->key.pkcs8Pem(), work.read("out/key.pem"));
         EXPECT_EQ(identity->certificate.pem(), work.read("out/cert.pem"));
     }
@@ -83,8 +86,30 @@ TEST_F(Pkcs12ToolTest, KeyIsItsOwnersAloneAlsoWhereAFileWas) {
     work.write("out/key.pem", std::string("old"));
     work.write("out/cert.pem", std::string("old"));
     std::filesystem::permissions(work.path("out/key.pem"), std::filesystem::perms(0666));
-    EXPECT_EQ(0, p12("erin.p12").status);
+    EXPECT_EQ(0, forced("erin.p12").status);
     expectErinIn("out");
+}
+
+TEST_F(Pkcs12ToolTest, ReplacesNothingUnlessToldTo) {
+    std::filesystem::create_directory(work.path("out"));
+    for (const char* name : {"out/key.pem", "out/cert.pem"}) {
+        work.write(name, std::string("precious"));
+        before = work.names();
+        expectFailure(p12("erin.p12"),
+                      std::string("will not replace ") + name + ", which exists already: give --force");
+        EXPECT_EQ("precious", work.read(name));
+        EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(work.path("out")), {}));
+        std::filesystem::remove(work.path(name));
+    }
+}
+
+TEST_F(Pkcs12ToolTest, DoesNotReplaceTheFileThatItReads) {
+    std::filesystem::create_directory(work.path("out"));
+    std::filesystem::rename(work.path("erin.p12"), work.path("out/key.pem"));
+    const std::string held = work.read("out/key.pem");
+    before = work.names();
+    expectFailure(forced("out/key.pem"), "cannot write out/key.pem: it is an input too");
+    EXPECT_EQ(held, work.read("out/key.pem"));
 }
 
 TEST_F(Pkcs12ToolTest, WrongPassphraseIsAVerdict) {

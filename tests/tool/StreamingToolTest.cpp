@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
@@ -67,6 +68,18 @@ public:
     void endInput() {
         if (m_input >= 0)
             close(std::exchange(m_input, -1));
+    }
+    /// True once it writes a file there that has no name, or a temporary one: it waits for its input then.
+    [[nodiscard]] bool holdsAFileIn(const std::string& directory) const {
+        std::error_code error;
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(m_child) + "/fd", error)) {
+            const std::string name = std::filesystem::read_symlink(entry.path(), error).string();
+            if (name.starts_with(directory + "/") &&
+                (name.ends_with(" (deleted)") || name.find("/.norvcrypt.") != std::string::npos))
+                return true;
+        }
+        return false;
     }
     /// What standard error holds at this moment.
     void collect(int patience) {
@@ -140,13 +153,29 @@ TEST(StreamingToolTest, InterruptLeavesNothingHalfWritten) {
         work.write("alice.key", alice().key.pkcs8Pem());
         work.write("sig", std::string("precious"));
         Running command(work, arguments, false);
-        // The temporary file is there as soon as the tool waits for its input.
-        while (work.names().size() < 5)
+        while (!command.holdsAFileIn(work.directory()))
             command.collect(10);
         kill(command.id(), signal);
         EXPECT_EQ(128 + signal, command.finish());
         EXPECT_EQ((std::vector<std::string>{"alice.key", "alice.pem", "sig", "stdout"}), work.names());
         EXPECT_EQ("precious", work.read("sig"));
+    }
+}
+
+TEST(StreamingToolTest, NothingIsLeftWhenItIsKilled) {
+    for (const int signal : {SIGKILL, SIGSEGV}) {
+        const Workspace work;
+        const int unnamed = open(work.directory().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+        if (unnamed < 0)
+            GTEST_SKIP() << "the file system knows no files without a name";
+        close(unnamed);
+        work.write("alice.pem", alice().certificate.pem());
+        Running command(work, {"encrypt", "--to", "alice.pem", "--out", "msg"}, false);
+        while (!command.holdsAFileIn(work.directory()))
+            command.collect(10);
+        kill(command.id(), signal);
+        command.finish();
+        EXPECT_EQ((std::vector<std::string>{"alice.pem", "stdout"}), work.names()) << signal;
     }
 }
 

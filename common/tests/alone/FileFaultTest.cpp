@@ -1,5 +1,7 @@
 // Failures of the system that no file provokes at will: this executable's calls are the ones that the library makes.
 
+#include "support/TemporaryFolder.h"
+
 #include <norvcmsg/Exception.h>
 #include <norvcmsg/File.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
@@ -13,8 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -112,7 +112,6 @@ extern "C" int unlink(const char* path) noexcept {
 
 namespace {
 
-namespace fs = std::filesystem;
 using Norvane::Buffer;
 using Norvane::File;
 using Norvane::FileMediaIn;
@@ -122,22 +121,14 @@ using Norvane::SwapBufferMediaOut;
 
 class FileFaults : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string folder = (fs::temp_directory_path() / "norvFaultXXXXXX").string();
-        ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-        m_folder = folder;
-    }
-    void TearDown() override {
-        clear();
-        fs::remove_all(m_folder);
-    }
+    void TearDown() override { clear(); }
     static void clear() {
         s_faults = Faults();
         s_interrupted = 0;
     }
-    [[nodiscard]] File::Path path(const std::string& name) const { return (m_folder / name).string(); }
+    [[nodiscard]] File::Path path(const std::string& name) const { return m_folder.path(name); }
 
-    fs::path m_folder;
+    const norvtest::TemporaryFolder m_folder;
 };
 
 const std::string s_text = [] {

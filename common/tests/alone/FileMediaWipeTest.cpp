@@ -1,7 +1,7 @@
 // What streams on files leave behind: the memory that they give back is looked at.
 
 #include "support/FreedMemory.h"
-#include "support/Judge.h"
+#include "support/TemporaryFolder.h"
 
 #include <norvcmsg/File.h>
 

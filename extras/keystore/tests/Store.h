@@ -5,6 +5,7 @@
 #include "support/X509Testing.h"
 
 #include <norvcrypto-keystore/DirectoryKeyStore.h>
+#include <norvcrypto/CMSSignerMedia.h>
 
 #include <sys/stat.h>
 
@@ -120,6 +121,16 @@ inline std::vector<std::string> explained(const RefDirectoryKeyStore& store, con
                         fitness[static_cast<int>(match.fitness)] + (explanation.winner == i ? " *" : ""));
     }
     return lines;
+}
+
+/// Signs with a pair, as a mail layer does.
+inline void sign(const KeyCertificatePair& pair) {
+    Norvane::MemoryMediaOut signature;
+    CMS::SignerMediaOut signer(Hasher::SHA256, pair);
+    signer.attach(signature);
+    signer.write(x509testing::buffer(std::string("body")));
+    signer.end();
+    EXPECT_FALSE(signature.content().empty());
 }
 
 class DirectoryKeyStoreTest : public x509testing::QuietQueue {

@@ -1,5 +1,7 @@
+#include "support/BioCalls.h"
 #include "support/Interpose.h"
 #include "support/Streams.h"
+#include "support/TemporaryFolder.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/BIO.h>
@@ -14,41 +16,24 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
 
 namespace {
 
-bool s_newFails = false;
 bool s_memBufFails = false;
-bool s_counting = false;
-std::map<const void*, int>* s_freed = nullptr;
 
 } // namespace
 
 extern "C" {
 
-BIO* BIO_new(const BIO_METHOD* method) {
-    return s_newFails ? nullptr : norvtest::next<&BIO_new>("BIO_new")(method);
-}
-
 BIO* BIO_new_mem_buf(const void* bytes, int length) {
     if (s_memBufFails) {
-        ERR_new();
-        ERR_set_debug("bss_mem.c", 1, "BIO_new_mem_buf");
-        ERR_set_error(ERR_LIB_BIO, BIO_R_INVALID_ARGUMENT, nullptr);
+        norvtest::failIn("BIO_new_mem_buf", ERR_LIB_BIO, BIO_R_INVALID_ARGUMENT, "bss_mem.c");
         return nullptr;
     }
     return norvtest::next<&BIO_new_mem_buf>("BIO_new_mem_buf")(bytes, length);
-}
-
-int BIO_free(BIO* bio) {
-    if (s_counting) {
-        ++(*s_freed)[bio];
-    }
-    return norvtest::next<&BIO_free>("BIO_free")(bio);
 }
 }
 
@@ -58,6 +43,7 @@ using Norvane::Buffer;
 using Norvane::Crypto::FileBIO;
 using Norvane::Crypto::MemoryBIO;
 using norvtest::bufferOf;
+using norvtest::CountingFrees;
 using norvtest::During;
 using norvtest::textOf;
 
@@ -76,45 +62,12 @@ std::string readThroughOpenSsl(BIO* bio) {
     return count > 0 ? std::string(bytes, static_cast<std::size_t>(count)) : std::string();
 }
 
-/// Counts what BIO_free is called for while it lives.
-class CountingFrees {
-public:
-    CountingFrees() {
-        s_freed = &m_freed;
-        s_counting = true;
-    }
-    ~CountingFrees() { s_counting = false; }
-    CountingFrees(const CountingFrees&) = delete;
-    CountingFrees& operator=(const CountingFrees&) = delete;
-    int of(const BIO* bio) { return m_freed[bio]; }
-    int total() const {
-        int sum = 0;
-        for (const auto& entry : m_freed) {
-            sum += entry.second;
-        }
-        return sum;
-    }
-
-private:
-    std::map<const void*, int> m_freed;
-};
-
 class Files : public testing::Test {
 protected:
-    Files() {
-        char folder[] = "/tmp/norvcrypto-bio-XXXXXX";
-        m_folder = mkdtemp(folder);
-    }
-    ~Files() override {
-        for (const char* name : {"file", "written"}) {
-            unlink((m_folder + "/" + name).c_str());
-        }
-        rmdir(m_folder.c_str());
-    }
-    std::string path(const std::string& name) const { return m_folder + "/" + name; }
+    std::string path(const std::string& name) const { return m_folder.path(name); }
 
 private:
-    std::string m_folder;
+    const norvtest::TemporaryFolder m_folder;
 };
 
 TEST(MemoryBio, NothingWrittenConvertsToAnEmptyBuffer) {
@@ -226,7 +179,7 @@ TEST(MemoryBio, ProtectingKeepsABioOverABufferReadable) {
 TEST(MemoryBio, WithoutABioThrowsWithoutADetailAndLeavesTheQueueAlone) {
     ERR_raise(ERR_LIB_BIO, BIO_R_NULL_PARAMETER);
     const auto thrown = [] {
-        const During<bool> failing(s_newFails, true);
+        const During<bool> failing(norvtest::bioNewFails, true);
         return norvtest::thrownBy([] { const MemoryBIO bio; });
     }();
     norvtest::expectFailure(thrown, "Crypto::MemoryBIO", 4, "BIO");

@@ -1,3 +1,4 @@
+#include "support/BioCalls.h"
 #include "support/Interpose.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
@@ -11,32 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <new>
 #include <string>
 #include <vector>
-
-namespace {
-
-bool s_newFails = false;
-bool s_counting = false;
-std::map<const void*, int>* s_freed = nullptr;
-
-} // namespace
-
-extern "C" {
-
-BIO* BIO_new(const BIO_METHOD* method) {
-    return s_newFails ? nullptr : norvtest::next<&BIO_new>("BIO_new")(method);
-}
-
-int BIO_free(BIO* bio) {
-    if (s_counting) {
-        ++(*s_freed)[bio];
-    }
-    return norvtest::next<&BIO_free>("BIO_free")(bio);
-}
-}
 
 namespace {
 
@@ -361,15 +339,10 @@ TEST(BioMediaOut, AnExceptionUnderAControlCommandIsKeptToo) {
 
 class Lifetimes : public testing::Test {
 protected:
-    Lifetimes() {
-        s_freed = &m_freed;
-        s_counting = true;
-    }
-    ~Lifetimes() override { s_counting = false; }
-    int freed(const BIO* bio) { return m_freed[bio]; }
+    int freed(const BIO* bio) { return m_frees.of(bio); }
 
 private:
-    std::map<const void*, int> m_freed;
+    norvtest::CountingFrees m_frees;
 };
 
 TEST_F(Lifetimes, ABioIsFreedOnceWithItsBody) {
@@ -425,7 +398,7 @@ TEST_F(Lifetimes, ABioThatOpenSslStillHoldsAnswersZeroOnceItsBodyIsGone) {
 
 TEST(Adapters, RunOutOfMemoryWhenOpenSslDoes) {
     MemoryMediaIn source(std::string("abc"));
-    const norvtest::During<bool> failing(s_newFails, true);
+    const norvtest::During<bool> failing(norvtest::bioNewFails, true);
     EXPECT_THROW(BIOMediaIn{source}, std::bad_alloc);
     EXPECT_THROW(BIOMediaOut{}, std::bad_alloc);
 }

@@ -8,7 +8,6 @@
 using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace x509testing;
-using norvauthority::issue;
 
 namespace {
 

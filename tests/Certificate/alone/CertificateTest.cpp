@@ -1,3 +1,4 @@
+#include "support/Thrown.h"
 #include "support/X509Testing.h"
 
 #include <norvcrypto/Certificate.h>
@@ -13,10 +14,7 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVX509;
 using namespace x509testing;
-using norvauthority::fromHex;
 using AuthorityName = norvauthority::GeneralName;
-using norvauthority::Identity;
-using norvauthority::issue;
 
 namespace {
 
@@ -504,15 +502,9 @@ TEST_F(CertificateTest, EmptyHandles) {
 }
 
 TEST_F(CertificateTest, NullBodyIsRefused) {
-    try {
-        const RefCertificate handle(static_cast<NVX509::Certificate*>(nullptr));
-        FAIL() << "nothing was thrown";
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.where(), "RefCounted constructor for RefImpl failed.");
-        EXPECT_EQ(exception.code(), 4);
-        EXPECT_EQ(exception.fileName(), "");
-        EXPECT_EQ(exception.lineNumber(), 0U);
-    }
+    const auto thrown =
+        norvtest::thrownBy([] { const RefCertificate handle(static_cast<NVX509::Certificate*>(nullptr)); });
+    norvtest::expectFailure(thrown, "RefCounted constructor for RefImpl failed.", 4, "", 0);
 }
 
 TEST_F(CertificateTest, HandleTakesOverAFreshBodyAndSharesIt) {
@@ -560,33 +552,14 @@ TEST_F(CertificateTest, PemIsWrittenAndTheStreamNotEnded) {
 }
 
 TEST_F(CertificateTest, ExceptionOfTheTargetArrives) {
-    const auto certificate = read(alice());
-    for (const unsigned int room : {0U, 1U, 100U}) {
-        for (const bool pem : {false, true}) {
-            MediaOut full = fullMediaOut(room);
-            try {
-                pem ? certificate->writePEM(full) : certificate->writeDER(full);
-                FAIL() << "nothing was thrown with room for " << room;
-            } catch (const MediaException& exception) {
-                EXPECT_EQ(exception.where(), "FullMediaOut");
-                EXPECT_EQ(exception.code(), 28);
-            }
-        }
-    }
-    MemoryMediaOut out;
-    certificate->writeDER(out);
-    EXPECT_EQ(bytes(out.content()), alice().certificate.der) << "still works";
+    expectTargetsExceptionArrives(read(alice()), alice().certificate.der);
 }
 
 TEST_F(CertificateTest, WritingIntoANullStreamThrowsAsANullHandle) {
     MediaOut nowhere;
-    try {
-        read(alice())->writeDER(nowhere);
-        FAIL() << "nothing was thrown";
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.where(), "operator->");
-        EXPECT_EQ(exception.code(), 1);
-    }
+    const auto thrown = norvtest::thrownBy([&] { read(alice())->writeDER(nowhere); });
+    EXPECT_EQ(thrown.where(), "operator->");
+    EXPECT_EQ(thrown.code(), 1);
 }
 
 // Stacks

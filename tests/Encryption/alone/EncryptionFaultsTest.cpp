@@ -1,6 +1,7 @@
 // Failures that nobody outside can provoke: OpenSSL's functions are defined here, fail once on demand, and otherwise
 // forward.
 
+#include "support/AddressSpace.h"
 #include "support/Ciphers.h"
 #include "support/Faults.h"
 #include "support/Thrown.h"
@@ -8,8 +9,6 @@
 #include <gcrypt.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-
-#include <sys/mman.h>
 
 #include <new>
 
@@ -281,17 +280,15 @@ TEST_F(Faults, IdeaThatRefusesANewKeyDoesNotGoOnUnderTheOldOne) {
 
 TEST_F(Faults, AWriteOfMoreThanAGibibyteGoesInPieces) {
     constexpr std::size_t length = (std::size_t{1} << 30U) + 5;
-    void* bytes = mmap(nullptr, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(bytes, MAP_FAILED);
+    const norvtest::AddressSpace bytes(length, PROT_NONE);
     std::vector<int> updates;
     {
         Running<EncrypterMediaOut> running;
         const During<std::vector<int>*> noting(s_updates, &updates);
-        running.stream.write(static_cast<const unsigned char*>(bytes), static_cast<unsigned int>(length));
+        running.stream.write(bytes.data(), static_cast<unsigned int>(length));
         EXPECT_EQ(running.target.content().length(), 32U);
     }
     EXPECT_EQ(updates, (std::vector<int>{1 << 30, 5}));
-    munmap(bytes, length);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "support/Interpose.h"
 #include "support/Judge.h"
+#include "support/Keys.h"
 #include "support/Slots.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
@@ -42,10 +43,7 @@ int s_prompts = 0;
 std::string s_typed;
 
 int failing(const char* function) {
-    ERR_new();
-    ERR_set_debug("file.c", 1, function);
-    ERR_set_error(ERR_LIB_ASN1, ERR_R_NESTED_ASN1_ERROR, nullptr);
-    return 0;
+    return norvtest::failIn(function, ERR_LIB_ASN1, ERR_R_NESTED_ASN1_ERROR);
 }
 
 } // namespace
@@ -140,22 +138,16 @@ const norvauthority::Key& ec() {
     return key;
 }
 
-Buffer bufferOf(const norvauthority::Bytes& bytes) {
-    return Buffer(bytes.data(), static_cast<unsigned int>(bytes.size()), false);
-}
-
 Buffer base64Of(const Buffer& der) {
     return bufferOf(der.toBase64String());
 }
 
 RefKey privateKey(const norvauthority::Key& key = rsa()) {
-    return RefKey(new PrivateKey(key.newReference()));
+    return norvtest::privateKeyOf(key);
 }
 
 RefKey publicKey(const norvauthority::Key& key = rsa()) {
-    const auto der = key.publicDer();
-    const unsigned char* bytes = der.data();
-    return RefKey(new PublicKey(d2i_PUBKEY(nullptr, &bytes, static_cast<long>(der.size()))));
+    return norvtest::publicKeyOf(key);
 }
 
 bool isSameKey(const RefKey& read, const norvauthority::Key& key) {

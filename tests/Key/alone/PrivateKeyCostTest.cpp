@@ -1,6 +1,7 @@
 // Private keys that cost too much to decode or to decrypt. What OpenSSL computes is counted in OpenSSL itself, and left
 // out where it would take minutes.
 #include "support/Interpose.h"
+#include "support/Keys.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
 
@@ -67,14 +68,11 @@ using norvauthority::Bytes;
 using norvauthority::bytes;
 using norvtest::bufferOf;
 using norvtest::detailOf;
+using norvtest::encryptedPkcs8;
 using norvtest::expectFailure;
 using norvtest::thrownBy;
 
 constexpr const char* pemPrefix = "Could not decode the private key:  ";
-
-Buffer bufferOf(const Bytes& bytes) {
-    return Buffer(bytes.data(), static_cast<unsigned int>(bytes.size()), false);
-}
 
 /// An odd number of so many bits.
 Bytes number(std::size_t bits) {
@@ -142,20 +140,6 @@ Bytes sealedOldWay(const Bytes& iterations) {
     return sequence({sequence({oid("1.2.840.113549.1.12.1.3"), sequence({octetString(bytes("saltsalt")), iterations})}),
                      octetString(Bytes(64))});
 }
-/// Really encrypted under "secret".
-Bytes encrypted(const Bytes& info, int iterations = 1) {
-    const unsigned char* at = info.data();
-    PKCS8_PRIV_KEY_INFO* decoded = d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(info.size()));
-    X509_SIG* sealed = PKCS8_encrypt(-1, EVP_aes_256_cbc(), "secret", 6, nullptr, 0, iterations, decoded);
-    unsigned char* out = nullptr;
-    const int length = i2d_X509_SIG(sealed, &out);
-    Bytes result(out, out + length);
-    OPENSSL_free(out);
-    X509_SIG_free(sealed);
-    PKCS8_PRIV_KEY_INFO_free(decoded);
-    return result;
-}
-
 std::string pem(const char* label, const Bytes& der) {
     return norvauthority::pem(label, der);
 }
@@ -201,7 +185,7 @@ protected:
     static void expectRefused(const Bytes& info, const std::string& why) {
         expectRefusedDer(info, why);
         expectRefusedPem(pem("PRIVATE KEY", info), why);
-        const Bytes sealed = encrypted(info);
+        const Bytes sealed = encryptedPkcs8(info);
         expectRefusedPem(pem(sealedLabel, sealed), why, "secret");
         const Buffer passphrase = norvtest::bufferOf("secret");
         const auto thrown =
@@ -342,7 +326,7 @@ TEST_F(PrivateKeyCosts, LongEncryptedKeysAreNotDecrypted) {
 
 TEST_F(PrivateKeyCosts, AWrongPassphraseIsHashedOnce) {
     constexpr int iterations = 2000;
-    const std::string text = pem(sealedLabel, encrypted(norvauthority::Key::ec().pkcs8(), iterations));
+    const std::string text = pem(sealedLabel, encryptedPkcs8(norvauthority::Key::ec().pkcs8(), iterations));
     s_hashes = 0;
     const auto thrown = failureOf(text, "guessed");
     expectFailure(thrown, "Crypto::PrivateKey::read", 4, "Key", 82);
@@ -367,14 +351,14 @@ TEST_F(PrivateKeyCosts, UnattendedReadsTakeEveryForm) {
         expectReadAs(norvtest::bufferOf(pem("RSA PRIVATE KEY", key.traditionalDer())), passphrase);
     }
     expectReadAs(norvtest::bufferOf(key.encryptedPem("secret")), &secret);
-    expectReadAs(bufferOf(encrypted(key.pkcs8())), &secret);
+    expectReadAs(bufferOf(encryptedPkcs8(key.pkcs8())), &secret);
     EXPECT_EQ(s_prompts, 0);
 }
 
 TEST_F(PrivateKeyCosts, UnattendedReadsNeverAsk) {
     const auto key = norvauthority::Key::ec();
     const Buffer text = norvtest::bufferOf(key.encryptedPem("secret"));
-    const Buffer der = bufferOf(encrypted(key.pkcs8()));
+    const Buffer der = bufferOf(encryptedPkcs8(key.pkcs8()));
     const Buffer wrong = norvtest::bufferOf("guessed");
     const Buffer endless(2000, 2000);
     for (const Buffer* passphrase : {static_cast<const Buffer*>(nullptr), &wrong, &endless}) {

@@ -43,10 +43,7 @@ int watchIndex() {
 }
 
 int failing(const char* function) {
-    ERR_new();
-    ERR_set_debug("file.c", 1, function);
-    ERR_set_error(ERR_LIB_PEM, ERR_R_ASN1_LIB, nullptr);
-    return 0;
+    return norvtest::failIn(function, ERR_LIB_PEM, ERR_R_ASN1_LIB);
 }
 
 } // namespace

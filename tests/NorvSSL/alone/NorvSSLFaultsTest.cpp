@@ -8,10 +8,7 @@
 
 using namespace Norvane::Crypto;
 using namespace tlstesting;
-using norvtest::detailOf;
 using norvtest::During;
-using norvtest::expectFailure;
-using norvtest::thrownBy;
 
 namespace {
 

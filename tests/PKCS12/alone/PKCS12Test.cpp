@@ -1,11 +1,11 @@
 // Importing keys: what is found in a structure, which failures are told, and what the handles hold afterwards.
 #include "support/Pkcs12.h"
 #include "support/Interpose.h"
+#include "support/Started.h"
 #include "support/Streams.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/BIOMediaImpl.h>
-#include <norvcrypto/Crypto.h>
 
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -55,8 +55,6 @@ Bytes keyAndCertificate(const std::string& password = "secret") {
 
 class Pkcs12 : public x509testing::QuietQueue {
 protected:
-    static void SetUpTestSuite() { Crypto::initialize(); }
-
     static void expectEmpty(const Store& store) {
         EXPECT_TRUE(store.privateKey().isNull());
         EXPECT_TRUE(store.certificate().isNull());

@@ -1,10 +1,10 @@
 // Structures that ask for so many hash computations that opening them would take minutes to hours. What is really hashed
 // is counted in OpenSSL itself, and cut short where it would take too long.
 #include "support/Interpose.h"
+#include "support/Keys.h"
 #include "support/Pkcs12.h"
+#include "support/Started.h"
 #include "support/Thrown.h"
-
-#include <norvcrypto/Crypto.h>
 
 #include <limits>
 
@@ -94,7 +94,6 @@ Bytes pfx(const std::vector<Bytes>& safes, const Bytes& macIterations = integer(
 
 class Pkcs12Work : public x509testing::QuietQueue {
 protected:
-    static void SetUpTestSuite() { Crypto::initialize(); }
     void SetUp() override {
         QuietQueue::SetUp();
         s_checked = 0;
@@ -318,18 +317,8 @@ TEST_F(Pkcs12Work, EachPartOfTheNewSchemeIsHashedForOnce) {
 
 TEST_F(Pkcs12Work, OfSeveralKeysOnlyTheFirstIsHashedFor) {
     // A key store with a hundred keys opens; only one of them is asked for.
-    const auto key = norvauthority::Key::ed25519();
-    const auto info = key.pkcs8();
-    const unsigned char* at = info.data();
-    PKCS8_PRIV_KEY_INFO* decoded = d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(info.size()));
-    X509_SIG* encrypted = PKCS8_encrypt(-1, EVP_aes_256_cbc(), "secret", 6, nullptr, 0, 2000, decoded);
-    unsigned char* encoded = nullptr;
-    const int length = i2d_X509_SIG(encrypted, &encoded);
-    const Bytes bag =
-        sequence({oid("1.2.840.113549.1.12.10.1.2"), element(contextConstructed(0), Bytes(encoded, encoded + length))});
-    OPENSSL_free(encoded);
-    X509_SIG_free(encrypted);
-    PKCS8_PRIV_KEY_INFO_free(decoded);
+    const Bytes encrypted = encryptedPkcs8(norvauthority::Key::ed25519().pkcs8(), 2000);
+    const Bytes bag = sequence({oid("1.2.840.113549.1.12.10.1.2"), element(contextConstructed(0), encrypted)});
     std::vector<Bytes> bags(100, bag);
     bags.push_back(keyBag(pbe(thirdAndOne))); // not looked at either
     const auto store = storeOf(pfx({open(bags)}));

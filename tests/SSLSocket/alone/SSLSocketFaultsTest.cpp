@@ -13,11 +13,7 @@
 using namespace Norvane;
 using namespace Norvane::Crypto::NVSSL;
 using namespace tlstesting;
-using norvtest::detailOf;
 using norvtest::During;
-using norvtest::errorQueueIsEmpty;
-using norvtest::expectFailure;
-using norvtest::thrownBy;
 
 namespace {
 

@@ -15,9 +15,6 @@
 
 using namespace Norvane;
 using namespace tlstesting;
-using norvtest::detailOf;
-using norvtest::expectFailure;
-using norvtest::thrownBy;
 
 namespace {
 

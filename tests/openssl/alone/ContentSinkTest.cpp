@@ -2,13 +2,12 @@
 // that allocates the blocks, so that a gibibyte of them takes none.
 #include "openssl/ContentSink.h"
 #include "openssl/Pkcs7.h"
+#include "support/AddressSpace.h"
 #include "support/Interpose.h"
 
 #include <openssl/err.h>
 
 #include <gtest/gtest.h>
-
-#include <sys/mman.h>
 
 #include <climits>
 
@@ -82,20 +81,18 @@ TEST(EncodeHead, RefusesWhatIsLongerThanAnIntCounts) {
 
 TEST(ContentSink, RefusesMoreThanAStructureHolds) {
     constexpr int gibibyte = 1 << 30;
-    void* zeroes = mmap(nullptr, gibibyte, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(zeroes, MAP_FAILED);
+    const norvtest::AddressSpace zeroes(gibibyte);
     const norvtest::During<bool> sharing(s_sharing, true);
     ContentSink sink;
     const BioPtr bio = sink.bio();
-    EXPECT_EQ(BIO_write(bio.get(), zeroes, gibibyte), gibibyte);
+    EXPECT_EQ(BIO_write(bio.get(), zeroes.data(), gibibyte), gibibyte);
     EXPECT_FALSE(sink.failed());
-    EXPECT_EQ(BIO_write(bio.get(), zeroes, gibibyte), -1) << "a byte too many";
+    EXPECT_EQ(BIO_write(bio.get(), zeroes.data(), gibibyte), -1) << "a byte too many";
     EXPECT_TRUE(sink.failed());
     EXPECT_NE(ERR_get_error(), 0UL);
-    EXPECT_EQ(BIO_write(bio.get(), zeroes, 1), -1) << "there would be a gap";
+    EXPECT_EQ(BIO_write(bio.get(), zeroes.data(), 1), -1) << "there would be a gap";
     EXPECT_EQ(sink.length(), std::size_t{gibibyte});
     ERR_clear_error();
-    munmap(zeroes, gibibyte);
 }
 
 } // namespace

@@ -1,9 +1,9 @@
 // What norvcrypt bindings check says about patterns has to hold for every address: held against all short patterns and
 // all short texts.
 
+#include <identities/OwnerPatterns.h>
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/StringPattern.h>
-#include <identities/OwnerPatterns.h>
 
 #include <gtest/gtest.h>
 

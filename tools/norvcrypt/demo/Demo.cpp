@@ -28,6 +28,11 @@ void Demo::tell(const std::string& text) {
     m_out.flush();
 }
 
+void Demo::command(const std::string& line) {
+    m_out.line("      $ " + line);
+    m_out.flush();
+}
+
 void Demo::verdict(const std::string& what, bool asExpected) {
     tell("   " + what + (asExpected ? "" : ": THIS IS WRONG"));
     m_asExpected = m_asExpected && asExpected;
@@ -38,6 +43,12 @@ void Demo::makeDirectory() {
     std::filesystem::create_directories(m_options.directory, error);
     if (error)
         throw Failure("cannot make the directory " + m_options.directory, error.value());
+    // Asked for now: the keys would be made in vain.
+    for (const char* name :
+         {"root.key", "ca.key", "alice.key", "bob.key", "carol.key", "mallory.key", "alice.p12", "carol.p12",
+          "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"})
+        if (std::filesystem::exists(path(name), error))
+            static_cast<void>(OutputFile(path(name), m_inputs, OutputFile::Access::owner, existing()));
 }
 
 norvauthority::Key Demo::makeKey() {
@@ -48,8 +59,7 @@ norvauthority::Key Demo::makeKey() {
 Demo::Identity Demo::makeIdentity(const std::string& name, norvauthority::CertificateRequest request) {
     request.key = makeKey();
     Identity identity = norvauthority::issue(request);
-    const auto existing = m_options.force ? OutputFile::Existing::replaced : OutputFile::Existing::refused;
-    writeFile(path(name + ".key"), m_inputs, identity.key.pkcs8Pem(), OutputFile::Access::owner, existing);
+    writeFile(path(name + ".key"), m_inputs, identity.key.pkcs8Pem(), OutputFile::Access::owner, existing());
     writeFile(path(name + ".pem"), m_inputs, identity.certificate.pem());
     tell("   " + path(name + ".pem") + "  SHA-256 " + identity.certificate.sha256());
     return identity;
@@ -142,6 +152,7 @@ Exit Demo::run() {
     encrypt();
     decrypt();
     refuseOutsider();
+    keepIdentities();
     tell(m_asExpected ? "Everything as it should be. All files are in " + m_options.directory +
                             "; the keys are not encrypted and serve for this demonstration only."
                       : "Something went wrong, see above.");

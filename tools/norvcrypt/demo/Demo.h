@@ -34,7 +34,8 @@ private:
     [[nodiscard]] std::string path(const std::string& name) const { return m_options.directory + "/" + name; }
     [[nodiscard]] std::string argument(const std::string& name) const { return quoted(path(name)); }
     void tell(const std::string& text);
-    void command(const std::string& line) { tell("      $ " + line); }
+    /// Shows a command to be run as it stands: its paths are `argument`s, in which nothing is left to be escaped.
+    void command(const std::string& line);
     void verdict(const std::string& what, bool asExpected);
 
     static Norvane::Crypto::NVX509::RefCertificate certificateOf(const Identity& identity);
@@ -55,6 +56,12 @@ private:
     std::string digestDecryptedBy(const std::string& name, const Identity& identity);
     void decrypt();
     void refuseOutsider();
+    void makePkcs12Files();
+    void makeStore();
+    void keepIdentities();
+    [[nodiscard]] OutputFile::Existing existing() const {
+        return m_options.force ? OutputFile::Existing::replaced : OutputFile::Existing::refused;
+    }
 
     DemoOptions m_options;
     TextOutput m_out;

@@ -23,9 +23,9 @@ Passphrase::Passphrase(Inputs& inputs, const std::optional<std::string>& path) :
                       " bytes");
     if (std::find(start, end, '\0') != end)
         throw Failure("the passphrase in " + inputName(*path) + " holds a NUL byte");
-    // One allocation, so that no copy stays behind.
+    // One allocation and no temporary, so that no copy stays behind.
     m_text.reserve(longestPassphrase);
-    m_text.assign(start, end);
+    m_text.assign(reinterpret_cast<const char*>(start), static_cast<std::size_t>(end - start));
 }
 
 Passphrase::~Passphrase() {

@@ -2,6 +2,7 @@
 #include "openssl/OpenSsl.h"
 #include "recognise/Blanks.h"
 
+#include <norvcrypto-keystore/KeyFiles.h>
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/EncodedKind.h>
 
@@ -202,11 +203,6 @@ bool beginsStructure(const Norvane::Buffer& start) {
     return inner < start.length() && start.data()[inner] == V_ASN1_OBJECT;
 }
 
-bool hasPemBlock(const Norvane::Buffer& content) {
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
-    return text.find("-----BEGIN ") != std::string_view::npos;
-}
-
 bool looksLikeDer(const Norvane::Buffer& content) {
     if (content.empty() || content.at(0) != 0x30)
         return false;
@@ -218,7 +214,7 @@ std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
     if (looksLikeDer(content))
         objects = objectsInDer(content);
     // A text may begin with the digit 0, which is the first byte of every DER object.
-    if (hasPemBlock(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
+    if (Norvane::Crypto::NVX509::isPem(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
         objects = objectsInPem(content);
     if (objects.empty())
         objects.push_back(

@@ -31,9 +31,6 @@ constexpr unsigned int longestStart = 16;
 /// one that begins with the digit 0.
 bool beginsStructure(const Norvane::Buffer& start);
 
-/// True when a PEM block begins somewhere in the bytes.
-bool hasPemBlock(const Norvane::Buffer& content);
-
 /// True for bytes that begin a DER or BER structure rather than a text.
 bool looksLikeDer(const Norvane::Buffer& content);
 

@@ -2,8 +2,6 @@
 
 #include "../Store.h"
 
-#include <norvcrypto/CMSSignerMedia.h>
-
 #include <atomic>
 #include <thread>
 
@@ -50,15 +48,6 @@ void use(const KeyCertificatePair& pair) {
         EXPECT_NE(one->subject().hash(), 0UL);
         EXPECT_GT(one->serialNumber().asInt(), 0);
     }
-}
-
-void sign(const KeyCertificatePair& pair) {
-    Norvane::MemoryMediaOut signature;
-    CMS::SignerMediaOut signer(Hasher::SHA256, pair);
-    signer.attach(signature);
-    signer.write(x509testing::buffer(std::string("body")));
-    signer.end();
-    EXPECT_FALSE(signature.content().empty());
 }
 
 TEST_F(DirectoryKeyStoreConcurrencyTest, NoLookUpFailsWhileTheStoreIsReloaded) {

@@ -135,12 +135,7 @@ TEST_F(DirectoryKeyStoreReloadTest, WhatWasHandedOutStaysValid) {
     m_store.remove("a");
     store->reload();
     store = RefDirectoryKeyStore();
-    Norvane::MemoryMediaOut signature;
-    CMS::SignerMediaOut signer(Hasher::SHA256, pair);
-    signer.attach(signature);
-    signer.write(x509testing::buffer(std::string("body")));
-    signer.end();
-    EXPECT_FALSE(signature.content().empty());
+    sign(pair);
     ASSERT_EQ(explanation.matches.size(), 1U);
     EXPECT_EQ(explanation.contents->identities.at(explanation.matches[0].place.identity).folder, "a");
 }
