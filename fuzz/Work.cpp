@@ -98,8 +98,10 @@ Uncounted::~Uncounted() {
 
 void Budget::check(const Work& work, std::size_t size) const {
     const std::uint64_t most = constant + perOctet * size;
-    if (work.total() > most) {
-        std::fprintf(stderr, "%zu octets cost more than %llu: %s\n", size, static_cast<unsigned long long>(most),
+    const std::uint64_t mostComparisons = 500'000 + comparisonsPerOctet * size;
+    if (work.total() > most || work.comparisons > mostComparisons) {
+        std::fprintf(stderr, "%zu octets cost more than %llu, or more than %llu comparisons: %s\n", size,
+                     static_cast<unsigned long long>(most), static_cast<unsigned long long>(mostComparisons),
                      work.asString().c_str());
         std::abort();
     }

@@ -62,6 +62,9 @@ struct Budget {
     std::uint64_t constant = 4'000'000; ///< what OpenSSL fetches on first use is most of it
     std::uint64_t perOctet = 20'000;    ///< a public key of 100 octets on a curve, as a compressed point, is the most
 
+    /// Of our own comparisons, beside half a million: a name takes 700 for each octet.
+    std::uint64_t comparisonsPerOctet = 2'000;
+
     /// Aborts with the parts of the work when it is more.
     void check(const Work& work, std::size_t size) const;
 };
