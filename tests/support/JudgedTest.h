@@ -58,8 +58,8 @@ protected:
         arguments.insert(arguments.end(), more.begin(), more.end());
         return in(arguments, passphrase + "\n");
     }
-    /// Tries again with another salt what is derived from one: from about one in a hundred, gpgsm 2.2 derives a key that
-    /// nobody else does.
+    /// Tries again with another salt what is derived from one: with gpgsm 2.2 about one PKCS#12 file in a hundred does not
+    /// open, in both directions and without our code on either side.
     void succeedsWithSomeSalt(const std::function<Answer()>& act) {
         Answer answer = act();
         for (int more = 3; answer.status != 0 && more > 0; --more)
