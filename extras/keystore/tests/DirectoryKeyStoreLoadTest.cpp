@@ -199,7 +199,8 @@ TEST_F(DirectoryKeyStoreLoadTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefu
     m_store.file("x/passphrase", "secret\n");
     EXPECT_THAT(
         problemsWith("key.pem", norvauthority::pem("ENCRYPTED PRIVATE KEY", norvtest::sealedWithTooManyIterations())),
-        ElementsAre("x/key.pem: would cost too much to read"));
+        ElementsAre("x/key.pem: is refused: the encryption of the private key asks for more than 50000000 hash "
+                    "computations"));
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, AnEncryptedKeyWithoutItsPassphraseIsReportedAndNobodyIsAsked) {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <compare>
 #include <sys/stat.h>
+#include <tuple>
 
 namespace norvcrypt {
 
@@ -10,7 +10,9 @@ struct FileIdentity {
     dev_t device;
     ino_t number;
     explicit FileIdentity(const struct stat& status) : device(status.st_dev), number(status.st_ino) {}
-    auto operator<=>(const FileIdentity&) const = default;
+    bool operator<(const FileIdentity& other) const {
+        return std::tie(device, number) < std::tie(other.device, other.number);
+    }
 };
 
 } // namespace norvcrypt
