@@ -21,6 +21,7 @@ std::vector<PKCS7_SIGNER_INFO*> signersOf(const PKCS7_SIGNED* content) {
     if (static_cast<std::size_t>(count) > maximumSigners) {
         failures::raise(failures::signatureVerifier, "more than " + std::to_string(maximumSigners) + " signers");
     }
+    signers.reserve(static_cast<std::size_t>(count));
     for (int index = 0; index < count; ++index) {
         signers.push_back(sk_PKCS7_SIGNER_INFO_value(content->signer_info, index));
     }

@@ -57,9 +57,11 @@ GeneralName::GeneralName(const GeneralName& other)
       m_type(other.m_type),
       m_value(other.m_value ? other.m_value->copy() : nullptr) {}
 GeneralName& GeneralName::operator=(const GeneralName& other) {
-    m_value = other.m_value ? other.m_value->copy() : nullptr; // a copy before the old one goes: other may be this
-    m_name = other.m_name;
-    m_type = other.m_type;
+    if (this != &other) {
+        m_value = other.m_value ? other.m_value->copy() : nullptr;
+        m_name = other.m_name;
+        m_type = other.m_type;
+    }
     return *this;
 }
 GeneralName::~GeneralName() = default;
