@@ -63,7 +63,7 @@ std::list<RefCertificate> certificatesOf(const Buffer& pem) {
         RefCertificate certificate = CertificateFactory().readDER(*der);
         if (certificate.isNull()) {
             const std::string refused = refusal(*der);
-            throw Refusal(refused.empty() ? which + "does not decode" : which + "is " + refused);
+            throw Refusal(refused.empty() ? which + "does not decode" : (which + "is ").append(refused));
         }
         certificate->warm();
         certificates.push_back(std::move(certificate));
