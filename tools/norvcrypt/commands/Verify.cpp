@@ -58,7 +58,7 @@ std::string bodyText(const CMS::SignatureReport& report, const VerifyOptions& op
     const std::string content = "the content of " + inputName(options.signature);
     if (options.embedded)
         return "body: " + content + ", " + length;
-    const std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
+    std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
     if (carried == CarriedContent::none)
         return given;
     const bool differs = std::ranges::any_of(report.signers, [](const CMS::SignatureResult& signer) {

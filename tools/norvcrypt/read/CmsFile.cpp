@@ -49,7 +49,7 @@ namespace {
 /// Passes a stream on and keeps its beginning.
 class RememberingInImpl : public Norvane::MediaInImpl {
 public:
-    explicit RememberingInImpl(Norvane::MediaIn source) : m_source(std::move(source)) {}
+    explicit RememberingInImpl(const Norvane::MediaIn& source) : m_source(source) {}
 
     using MediaInImpl::read;
     bool atEnd() const override { return m_source.atEnd(); }
@@ -70,7 +70,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t longest = 64U * 1024U * 1024U;
+    static constexpr std::size_t longest = std::size_t{64} * 1024 * 1024;
 
     Norvane::MediaIn m_source;
     std::vector<unsigned char> m_start;
