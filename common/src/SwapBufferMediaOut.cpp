@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <string_view>
 
 namespace Norvane {
 
@@ -78,6 +79,29 @@ private:
         if (isSwapped()) {
             return;
         }
+        detail::FileDescriptor file = unnamedFile();
+        if (!file.isOpen()) {
+            file = fileThatLostItsName();
+        }
+        store(file, std::as_const(m_memory).data(), m_memory.length(), 0);
+        m_file = std::move(file);
+        m_memory = emptyMemory();
+    }
+
+    /// A file that never had a name, in the folder of the template: whatever ends the process, nothing of it stays. Not
+    /// open where the file system knows none such, or the template is none.
+    [[nodiscard]] detail::FileDescriptor unnamedFile() const {
+        static constexpr std::string_view end = "XXXXXX";
+        const auto length = m_template.size();
+        if (length < end.size() || m_template.compare(length - end.size(), end.size(), end) != 0) {
+            return detail::FileDescriptor(-1);
+        }
+        const auto slash = m_template.rfind('/');
+        const std::string folder = slash == std::string::npos ? "." : m_template.substr(0, slash + 1);
+        return detail::FileDescriptor(::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
+    }
+
+    [[nodiscard]] detail::FileDescriptor fileThatLostItsName() const {
         auto path = m_template;
         detail::FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
         if (!file.isOpen()) {
@@ -86,9 +110,7 @@ private:
         if (::unlink(path.c_str()) != 0) {
             fail("cannot take away the name of a temporary file from ", errno);
         }
-        store(file, std::as_const(m_memory).data(), m_memory.length(), 0);
-        m_file = std::move(file);
-        m_memory = emptyMemory();
+        return file;
     }
 
     void store(const detail::FileDescriptor& file, const unsigned char* data, unsigned int length,

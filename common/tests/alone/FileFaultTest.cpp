@@ -7,6 +7,7 @@
 #include <norvcmsg/SwapBufferMediaOut.h>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +15,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,7 @@ struct Faults {
     int closeError = 0;
     int statError = 0;
     int unlinkError = 0;
+    bool everyFileHasAName = false; ///< as on file systems that know no others
 };
 
 Faults s_faults;
@@ -108,6 +112,19 @@ extern "C" int unlink(const char* path) noexcept {
         return -1;
     }
     return real(path);
+}
+
+extern "C" int open(const char* path, int flags, ...) {
+    static const auto real = next<int (*)(const char*, int, ...)>("open");
+    std::va_list more;
+    va_start(more, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(more, mode_t) : 0;
+    va_end(more);
+    if (s_faults.everyFileHasAName && (flags & O_TMPFILE) == O_TMPFILE) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return real(path, flags, mode);
 }
 
 namespace {
@@ -270,7 +287,32 @@ TEST_F(FileFaults, AnInterruptedCloseIsNoError) {
     EXPECT_NO_THROW(out.end());
 }
 
+TEST_F(FileFaults, ASwapFileNeverHasANameWhereThatCanBe) {
+    const int probe = ::open(path("").asString().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (probe < 0) {
+        GTEST_SKIP() << "this file system knows no files without a name";
+    }
+    ::close(probe);
+    SwapBufferMediaOut swap(0, path("swapXXXXXX").asString().c_str());
+    s_faults.unlinkError = EBUSY; // nothing is there to be unlinked
+    swap.write(textBuffer());
+    EXPECT_TRUE(swap.isSwapped());
+}
+
+TEST_F(FileFaults, ASwapFileLosesItsNameWhereItHasToHaveOne) {
+    s_faults.everyFileHasAName = true;
+    SwapBufferMediaOut swap(0, path("swapXXXXXX").asString().c_str());
+    swap.write(textBuffer());
+    EXPECT_TRUE(swap.isSwapped());
+    EXPECT_TRUE(std::filesystem::is_empty(path("").asString()));
+    std::string all;
+    auto in = swap.in();
+    in.read(all);
+    EXPECT_EQ(all, s_text);
+}
+
 TEST_F(FileFaults, ASwapFileThatKeepsItsNameIsNotUsed) {
+    s_faults.everyFileHasAName = true;
     SwapBufferMediaOut swap(0, path("swapXXXXXX").asString().c_str());
     s_faults.unlinkError = EBUSY;
     EXPECT_EQ(failureOf([&] { swap.write(textBuffer()); }), "SwapBufferMediaOut::write: Device or resource busy");
