@@ -69,9 +69,8 @@ public:
 
     using MediaInImpl::read;
     int read(unsigned char* out, unsigned int length) override {
-        const unsigned long count =
-            std::min({static_cast<unsigned long>(length), left(),
-                      static_cast<unsigned long>(std::numeric_limits<int>::max())});
+        const unsigned long count = std::min(
+            {static_cast<unsigned long>(length), left(), static_cast<unsigned long>(std::numeric_limits<int>::max())});
         if (count != 0) {
             std::memcpy(out, rest(), count);
         }

@@ -91,6 +91,8 @@ inline constexpr Failure decrypterEnd{"Crypto::Decrypter::update", operationFail
 // CMS
 inline constexpr Failure contentInfoDecode{"CMS::_ContentInfo::_ContentInfo", operationFailed, "CMS", 389};
 inline constexpr Failure contentInfoCreate{"CMS::RefContentInfo::RefContentInfo", operationFailed, "CMS", 404};
+inline constexpr Failure certificateIdentifier{"CMS::CertificateIdentifier::CertificateIdentifier", operationFailed,
+                                               "CMSIdentifier"};
 
 // CMSSignerMedia
 inline constexpr const char* signerMediaConstructor = "CMS::SignerMediaOutImpl::SignerMediaOutImpl";

@@ -25,12 +25,18 @@ std::size_t smallerOf(std::size_t left, std::uint64_t right) noexcept {
 
 const char* Broken::what() const noexcept {
     switch (m_fault) {
-    case Fault::ended: return "the source ended before the structure";
-    case Fault::malformed: return "no BER or DER encoding";
-    case Fault::unexpected: return "an element that does not belong there";
-    case Fault::tooDeep: return "elements within elements to too many levels";
-    case Fault::tooLong: return "an element that is too long";
-    case Fault::tooMany: return "a string of too many segments";
+    case Fault::ended:
+        return "the source ended before the structure";
+    case Fault::malformed:
+        return "no BER or DER encoding";
+    case Fault::unexpected:
+        return "an element that does not belong there";
+    case Fault::tooDeep:
+        return "elements within elements to too many levels";
+    case Fault::tooLong:
+        return "an element that is too long";
+    case Fault::tooMany:
+        return "a string of too many segments";
     }
     return "";
 }
