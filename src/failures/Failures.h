@@ -169,4 +169,8 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
+// CMSStreamReader
+inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};
+inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "CMSEnvelopeReader"};
+
 } // namespace Norvane::Crypto::failures
