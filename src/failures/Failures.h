@@ -169,4 +169,7 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
+// CMSStreamReader: signed data
+inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSStreamReader"};
+
 } // namespace Norvane::Crypto::failures
