@@ -8,7 +8,6 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace Norvane::Crypto::CMS {
@@ -38,22 +37,19 @@ std::optional<SignatureReason> faultIn(const PKCS7_SIGNER_INFO* signer, const AS
     FoundAttribute foundType = found(type, V_ASN1_OBJECT);
     foundType.isRight = foundType.isRight && OBJ_cmp(type.value->value.object, contentType) == 0;
     const auto time = openssl::signedAttribute(signer, NID_pkcs9_signingTime);
-    return faultOfAttributes(
-        foundType, found(openssl::signedAttribute(signer, NID_pkcs9_messageDigest), V_ASN1_OCTET_STRING),
-        {time.count, time.value != nullptr, true});
+    return faultOfAttributes(foundType,
+                             found(openssl::signedAttribute(signer, NID_pkcs9_messageDigest), V_ASN1_OCTET_STRING),
+                             {time.count, time.value != nullptr, true});
 }
 
 framing::Octets octetsOf(const ASN1_OCTET_STRING* string) noexcept {
-    return string == nullptr ? framing::Octets()
-                             : framing::Octets(ASN1_STRING_get0_data(string),
-                                               static_cast<std::size_t>(ASN1_STRING_length(string)));
+    return string == nullptr
+               ? framing::Octets()
+               : framing::Octets(ASN1_STRING_get0_data(string), static_cast<std::size_t>(ASN1_STRING_length(string)));
 }
 
 bool announces(const ASN1_TYPE* value, const BodyDigest& digest) {
-    const int length = EVP_MD_get_size(digest.algorithm);
-    return ASN1_STRING_length(value->value.octet_string) == length &&
-           std::memcmp(ASN1_STRING_get0_data(value->value.octet_string), digest.value.data(),
-                       static_cast<std::size_t>(length)) == 0;
+    return std::ranges::equal(octetsOf(value->value.octet_string), framing::Octets(digest.value.data(), digest.length));
 }
 
 /// The digest of the signed attributes; false when they cannot be encoded.
@@ -73,20 +69,13 @@ SignatureResult Judge::operator()(const PKCS7_SIGNER_INFO* signer, const Candida
     if (auto fault = faultBesideSignature(signer, covered)) {
         return about(std::move(*fault), first);
     }
-    const auto length = static_cast<std::size_t>(EVP_MD_get_size(covered.algorithm));
-    const SignatureInQuestion signature{openssl::schemeOf(openssl::signatureFamily(signer->digest_enc_alg)),
-                                        covered.algorithm,
-                                        {{covered.value.begin(), covered.value.begin() + static_cast<long>(length)}},
-                                        octetsOf(signer->enc_digest)};
+    const SignatureInQuestion signature{
+        openssl::schemeOf(openssl::signatureFamily(signer->digest_enc_alg)),
+        covered.algorithm,
+        {{covered.value.begin(), covered.value.begin() + static_cast<long>(covered.length)}},
+        octetsOf(signer->enc_digest)};
     return bestOf(candidates.certificates, candidates.hasMore,
                   [&](X509* certificate) { return tryCertificate(signature, certificate); });
-}
-
-const BodyDigest* Judge::digestFor(const EVP_MD* algorithm) const {
-    const auto found = std::ranges::find_if(m_body.digests, [&](const BodyDigest& digest) {
-        return EVP_MD_get_type(digest.algorithm) == EVP_MD_get_type(algorithm);
-    });
-    return found == m_body.digests.end() ? nullptr : &*found;
 }
 
 std::optional<SignatureResult> Judge::faultBesideSignature(const PKCS7_SIGNER_INFO* signer, BodyDigest& covered) const {
@@ -94,15 +83,14 @@ std::optional<SignatureResult> Judge::faultBesideSignature(const PKCS7_SIGNER_IN
         return refused(SignatureReason::contentDiffers);
     }
     const bool hasAttributes = openssl::hasSignedAttributes(signer);
-    if (const auto fault =
-            hasAttributes ? faultIn(signer, m_body.contentType) : faultWithoutAttributes(m_body)) {
+    if (const auto fault = hasAttributes ? faultIn(signer, m_body.contentType) : faultWithoutAttributes(m_body)) {
         return refused(*fault);
     }
     const EVP_MD* algorithm = openssl::signerDigest(signer);
     if (algorithm == nullptr) {
         return unsupported(SignatureReason::digestAlgorithm, openssl::algorithmIdentifier(signer->digest_alg));
     }
-    const BodyDigest* digest = digestFor(algorithm);
+    const BodyDigest* digest = digestBy(algorithm, m_body.digests);
     if (digest == nullptr) {
         return unsupported(SignatureReason::tooManyDigests);
     }

@@ -3,6 +3,7 @@
 /// \file
 /// The verdict on one signer, once the body was digested.
 
+#include "CMSVerification/BodyDigests.h"
 #include "CMSVerification/Candidates.h"
 #include "CMSVerification/Trials.h"
 
@@ -29,7 +30,6 @@ public:
     SignatureResult operator()(const PKCS7_SIGNER_INFO* signer, const Candidates& candidates);
 
 private:
-    [[nodiscard]] const BodyDigest* digestFor(const EVP_MD* algorithm) const;
     /// What is wrong apart from the signature itself; sets what the signature covers otherwise.
     std::optional<SignatureResult> faultBesideSignature(const PKCS7_SIGNER_INFO* signer, BodyDigest& covered) const;
     /// The verdict with one certificate.

@@ -8,19 +8,12 @@
 
 #include <norvcrypto/CMSVerification.h>
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
 
 namespace Norvane::Crypto::CMS {
-
-/// The digest of a body under one algorithm.
-struct BodyDigest {
-    const EVP_MD* algorithm = nullptr;
-    std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
-};
 
 SignatureResult refused(SignatureReason reason);
 SignatureResult unsupported(SignatureReason reason, const ASN1_OBJECT* algorithm = nullptr);
@@ -59,8 +52,7 @@ private:
 
 /// The verdict of `attempt` on the first good one of `certificates`, else on one that leaves the question open, else on the
 /// first. \param hasMore whether there are certificates that are not tried
-template <class Attempt>
-SignatureResult bestOf(const std::vector<X509*>& certificates, bool hasMore, Attempt attempt) {
+template <class Attempt> SignatureResult bestOf(const std::vector<X509*>& certificates, bool hasMore, Attempt attempt) {
     std::optional<SignatureResult> answer;
     for (X509* certificate : certificates) {
         SignatureResult result = attempt(certificate);

@@ -40,8 +40,7 @@ std::string digitsOf(framing::Octets element) {
     const ErrorMark mark;
     const ObjectPtr object = objectOf(element);
     std::array<char, 128> text{};
-    const int length =
-        object == nullptr ? 0 : OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object.get(), 1);
+    const int length = object == nullptr ? 0 : OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object.get(), 1);
     return length <= 0 ? std::string() : std::string(text.data());
 }
 

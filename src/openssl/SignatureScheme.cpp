@@ -106,9 +106,8 @@ bool prepare(const SignatureScheme& scheme, const EVP_MD* algorithm, EVP_PKEY_CT
     if (EVP_PKEY_CTX_set_signature_md(context, algorithm) != 1) {
         return false;
     }
-    return scheme.kind != Kind::rsaPss ||
-           (EVP_PKEY_CTX_set_rsa_mgf1_md(context, scheme.maskDigest) == 1 &&
-            EVP_PKEY_CTX_set_rsa_pss_saltlen(context, scheme.saltLength) == 1);
+    return scheme.kind != Kind::rsaPss || (EVP_PKEY_CTX_set_rsa_mgf1_md(context, scheme.maskDigest) == 1 &&
+                                           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, scheme.saltLength) == 1);
 }
 
 Verified verifyMessage(Octets message, Octets signature, EVP_PKEY* key) noexcept {
