@@ -158,10 +158,18 @@ NamedCertificates SignedCertificates::namedBy(const SignerParts& signer) {
     std::vector<Octets> seen;
     openssl::NamePtr issuer;
     for (Entry& entry : m_entries) {
+        if (entry.isCopy) {
+            continue;
+        }
         const bool isNamed =
             byName ? std::ranges::equal(entry.serialNumber, signer.serialNumber) && isIssuer(entry, signer, issuer)
                    : !entry.keyIdentifier.empty() && std::ranges::equal(entry.keyIdentifier, signer.name);
-        if (!isNamed || std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, entry.whole); })) {
+        if (!isNamed) {
+            continue;
+        }
+        // Marked, so that no more is compared for the next signer.
+        entry.isCopy = std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, entry.whole); });
+        if (entry.isCopy) {
             continue;
         }
         if (seen.size() == maximumTries) {

@@ -41,6 +41,7 @@ private:
         bool issuerDecoded = false;
         NVX509::RefCertificate certificate;
         bool decoded = false;
+        bool isCopy = false; ///< of another one
     };
 
     void list();

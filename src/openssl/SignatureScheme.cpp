@@ -6,7 +6,8 @@
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
 
-#include <limits>
+#include <algorithm>
+#include <array>
 
 namespace Norvane::Crypto::openssl {
 
@@ -98,6 +99,36 @@ bool readPssParameters(Elements parameters, SignatureScheme& scheme) noexcept {
     return parameters.atEnd() && scheme.saltLength >= 0 && scheme.saltLength <= longestSalt;
 }
 
+/// What a signature algorithm is made of: those with SHA-3 (RFC 9688), which OpenSSL 3.0 names and does not take apart, too.
+bool findParts(int nid, int& digest, int& key) noexcept {
+    struct Parts {
+        int nid;
+        int digest;
+        int key;
+    };
+    static constexpr std::array<Parts, 12> table{{
+        {NID_RSA_SHA3_224, NID_sha3_224, NID_rsaEncryption},
+        {NID_RSA_SHA3_256, NID_sha3_256, NID_rsaEncryption},
+        {NID_RSA_SHA3_384, NID_sha3_384, NID_rsaEncryption},
+        {NID_RSA_SHA3_512, NID_sha3_512, NID_rsaEncryption},
+        {NID_ecdsa_with_SHA3_224, NID_sha3_224, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_256, NID_sha3_256, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_384, NID_sha3_384, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_512, NID_sha3_512, NID_X9_62_id_ecPublicKey},
+        {NID_dsa_with_SHA3_224, NID_sha3_224, NID_dsa},
+        {NID_dsa_with_SHA3_256, NID_sha3_256, NID_dsa},
+        {NID_dsa_with_SHA3_384, NID_sha3_384, NID_dsa},
+        {NID_dsa_with_SHA3_512, NID_sha3_512, NID_dsa},
+    }};
+    const auto found = std::ranges::find(table, nid, &Parts::nid);
+    if (found != table.end()) {
+        digest = found->digest;
+        key = found->key;
+        return true;
+    }
+    return nid != NID_undef && OBJ_find_sigid_algs(nid, &digest, &key) == 1;
+}
+
 /// Prepares what else a scheme wants of a verification; false when the key has no part in it.
 bool prepare(const SignatureScheme& scheme, const EVP_MD* algorithm, EVP_PKEY_CTX* context) noexcept {
     if (scheme.kind == Kind::rsaPss && EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) != 1) {
@@ -143,7 +174,7 @@ SignatureScheme signatureScheme(Octets algorithmIdentifier) noexcept {
     }
     int digest = NID_undef;
     int key = NID_undef;
-    const bool isPair = nid != NID_undef && OBJ_find_sigid_algs(nid, &digest, &key) == 1;
+    const bool isPair = findParts(nid, digest, key);
     scheme.kind = kindOf(isPair ? key : nid);
     if (isPair && digest != NID_undef && !scheme.coversMessage()) {
         scheme.namesDigest = true;
