@@ -173,4 +173,7 @@ inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 
 inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};
 inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "CMSEnvelopeReader"};
 
+// CMSStreamReader: signed data
+inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSStreamReader"};
+
 } // namespace Norvane::Crypto::failures
