@@ -169,4 +169,10 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
+// CMSStreamWriter, encrypting
+inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
+
 } // namespace Norvane::Crypto::failures
