@@ -1,6 +1,7 @@
 // Recipients as their callers make them.
 #include "CMSStreamWriter/EnvelopeRecipientState.h"
 #include "failures/Raise.h"
+#include "openssl/CertificateNames.h"
 #include "openssl/ErrorQueue.h"
 
 #include <utility>
@@ -33,11 +34,16 @@ CertificateKey keyOf(const NVX509::RefCertificate& certificate, NamedBy namedBy)
     if (work > maximumRecipientWork) {
         refuse("the RSA key has a modulus or a public exponent that no sound key has");
     }
-    try {
-        return {certificate, CertificateIdentifier(certificate, namedBy), key, kind, work};
-    } catch (const Exception& failure) {
-        failures::raiseBecause(failures::envelopeRecipient, failure);
+    const bool byKeyIdentifier = namedBy == NamedBy::subjectKeyIdentifier;
+    framing::Encoded name =
+        byKeyIdentifier ? openssl::subjectKeyIdentifier(x509) : openssl::issuerAndSerialNumber(x509);
+    if (name.empty() && byKeyIdentifier) {
+        refuse("the certificate has no subject key identifier");
     }
+    if (name.empty()) {
+        failures::raiseWithErrors(failures::envelopeRecipient);
+    }
+    return {certificate, namedBy, std::move(name), key, kind, work};
 }
 
 CertificateKey rsaKeyOf(const NVX509::RefCertificate& certificate, NamedBy namedBy) {
@@ -46,6 +52,21 @@ CertificateKey rsaKeyOf(const NVX509::RefCertificate& certificate, NamedBy named
         refuse("the key is " + openssl::recipientKeyName(key.key) + ", not RSA");
     }
     return key;
+}
+
+KeyTransport transportWith(CertificateKey to, const std::optional<OaepParameters>& parameters) {
+    openssl::Oaep oaep{};
+    if (parameters) {
+        oaep = {recipientDigest(parameters->digest),
+                recipientDigest(parameters->maskDigest.value_or(parameters->digest)), octetsOf(parameters->label)};
+    }
+    const openssl::Oaep* padding = parameters ? &oaep : nullptr;
+    KeyTransport transport{std::move(to), parameters};
+    transport.room = openssl::rsaRoom(transport.to.key, padding);
+    if (!transport.encryption.prepare(transport.to.key, padding)) {
+        failures::raiseWithErrors(failures::envelopeRecipient);
+    }
+    return transport;
 }
 
 Hasher::Type checkedDigest(Hasher::Type digest) {
@@ -100,7 +121,7 @@ template <class How> std::shared_ptr<const EnvelopeRecipient::State> stateOf(How
 }
 
 std::shared_ptr<const EnvelopeRecipient::State> stateFor(CertificateKey to) {
-    return to.kind == RecipientKeyKind::rsa ? stateOf(KeyTransport{std::move(to), std::nullopt})
+    return to.kind == RecipientKeyKind::rsa ? stateOf(transportWith(std::move(to), std::nullopt))
                                             : stateOf(agreementWith(std::move(to), {}));
 }
 
@@ -116,7 +137,7 @@ const CertificateKey* EnvelopeRecipient::State::certificate() const noexcept {
 
 std::string EnvelopeRecipient::State::name() const {
     if (const CertificateKey* key = certificate()) {
-        return key->identifier.asString();
+        return CertificateIdentifier(key->certificate, key->namedBy).asString();
     }
     return std::holds_alternative<SharedKey>(how) ? "key-encryption key" : "password";
 }
@@ -144,7 +165,7 @@ EnvelopeRecipient::EnvelopeRecipient(const NVX509::RefCertificate& certificate, 
     : m_state(stateFor(keyOf(certificate, namedBy))) {}
 
 EnvelopeRecipient EnvelopeRecipient::rsaPkcs1(const NVX509::RefCertificate& certificate, NamedBy namedBy) {
-    return EnvelopeRecipient(stateOf(KeyTransport{rsaKeyOf(certificate, namedBy), std::nullopt}));
+    return EnvelopeRecipient(stateOf(transportWith(rsaKeyOf(certificate, namedBy), std::nullopt)));
 }
 
 EnvelopeRecipient EnvelopeRecipient::rsaOaep(const NVX509::RefCertificate& certificate,
@@ -152,7 +173,7 @@ EnvelopeRecipient EnvelopeRecipient::rsaOaep(const NVX509::RefCertificate& certi
     static_cast<void>(checkedDigest(parameters.digest));
     static_cast<void>(checkedDigest(parameters.maskDigest.value_or(parameters.digest)));
     checkLength("the label", parameters.label, 0);
-    return EnvelopeRecipient(stateOf(KeyTransport{rsaKeyOf(certificate, namedBy), parameters}));
+    return EnvelopeRecipient(stateOf(transportWith(rsaKeyOf(certificate, namedBy), parameters)));
 }
 
 EnvelopeRecipient EnvelopeRecipient::keyAgreement(const NVX509::RefCertificate& certificate,

@@ -32,13 +32,8 @@ struct Message {
     }
 };
 
-/// RecipientIdentifier and the like: the key identifier stands under [0] in all of them.
-Encoded keyIdentifier(const CertificateIdentifier& identifier) {
-    return framing::primitive(framing::TagClass::contextSpecific, 0, octetsOf(identifier.octets()));
-}
-
 bool isByKeyIdentifier(const CertificateKey& key) noexcept {
-    return key.identifier.namedBy() == NamedBy::subjectKeyIdentifier;
+    return key.namedBy == NamedBy::subjectKeyIdentifier;
 }
 
 // Key transport (6.2.1)
@@ -67,26 +62,21 @@ Encoded oaepIdentifier(const OaepParameters& oaep) {
 }
 
 RecipientInfoElement encode(const KeyTransport& how, const Message& message) {
-    openssl::Oaep oaep{};
-    if (how.oaep) {
-        oaep = {recipientDigest(how.oaep->digest), recipientDigest(how.oaep->maskDigest.value_or(how.oaep->digest)),
-                octetsOf(how.oaep->label)};
-    }
-    const openssl::Oaep* padding = how.oaep ? &oaep : nullptr;
-    if (openssl::rsaRoom(how.to.key, padding) < static_cast<int>(message.contentKey.size())) {
+    if (how.room < static_cast<int>(message.contentKey.size())) {
         failures::raise(failures::envelopeWriter, message.who() + "an RSA key of " +
                                                       std::to_string(EVP_PKEY_get_bits(how.to.key)) +
                                                       " bits is too short for the content key and its padding");
     }
-    const auto encrypted = openssl::encryptWithRsa(how.to.key, padding, message.contentKey.octets());
+    const auto encrypted = how.encryption.encrypt(message.contentKey.octets());
     if (!encrypted) {
         failures::raiseWithErrors(failures::envelopeWriter, message.who());
     }
     const bool byKeyIdentifier = isByKeyIdentifier(how.to);
     const unsigned int version = byKeyIdentifier ? 2 : 0;
-    const Encoded name = byKeyIdentifier ? keyIdentifier(how.to.identifier) : Encoded();
+    const Encoded name =
+        byKeyIdentifier ? framing::primitive(framing::TagClass::contextSpecific, 0, how.to.name) : how.to.name;
     return {framing::sequenceOf(
-                {framing::integerOf(version), byKeyIdentifier ? Octets(name) : octetsOf(how.to.identifier.octets()),
+                {framing::integerOf(version), name,
                  how.oaep ? oaepIdentifier(*how.oaep) : algorithmIdentifier(NID_rsaEncryption, framing::null()),
                  framing::octetStringOf(*encrypted)}),
             version};
@@ -168,11 +158,9 @@ RecipientInfoElement encode(const KeyAgreement& how, const Message& message) {
     const Encoded originator = framing::contextOf( // parameters may be left out: the recipient knows the curve
         0, {framing::contextOf(1, {algorithmIdentifier(isX25519 ? NID_X25519 : NID_X9_62_id_ecPublicKey),
                                    framing::bitStringOf(ephemeral)})});
-    const Encoded name = isByKeyIdentifier(how.to)
-                             ? framing::contextOf(0, {framing::octetStringOf(octetsOf(how.to.identifier.octets()))})
-                             : Encoded();
-    const Encoded key = framing::sequenceOf(
-        {name.empty() ? octetsOf(how.to.identifier.octets()) : Octets(name), framing::octetStringOf(*encrypted)});
+    const Encoded name =
+        isByKeyIdentifier(how.to) ? framing::contextOf(0, {framing::octetStringOf(how.to.name)}) : how.to.name;
+    const Encoded key = framing::sequenceOf({name, framing::octetStringOf(*encrypted)});
     return {framing::contextOf(1, {framing::integerOf(version), originator,
                                    framing::sequenceOf({schemeIdentifier(how), wrapping}), framing::sequenceOf({key})}),
             version};

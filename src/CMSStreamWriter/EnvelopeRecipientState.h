@@ -17,7 +17,8 @@ namespace Norvane::Crypto::CMS {
 /// A certificate whose key encrypts.
 struct CertificateKey {
     NVX509::RefCertificate certificate; ///< owns the key
-    CertificateIdentifier identifier;
+    NamedBy namedBy;
+    framing::Encoded name; ///< IssuerAndSerialNumber, or the octets of the key identifier
     EVP_PKEY* key;
     openssl::RecipientKeyKind kind;
     std::uint64_t work; ///< see `openssl::encryptionWork`
@@ -26,6 +27,8 @@ struct CertificateKey {
 struct KeyTransport {
     CertificateKey to;
     std::optional<OaepParameters> oaep; ///< none: PKCS#1 1.5
+    openssl::RsaEncryption encryption{};
+    int room = 0; ///< octets that it takes
 };
 
 struct KeyAgreement {

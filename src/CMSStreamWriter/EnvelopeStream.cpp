@@ -238,11 +238,11 @@ void EnvelopeStream::passSegment(MediaOutImpl* target) {
     } else if (m_encoding == EnvelopeEncoding::der) {
         target->write(content(), static_cast<unsigned int>(m_filled));
     } else if (m_filled != 0) {
-        Encoded header;
-        framing::appendHeader(header, framing::TagClass::universal, false, framing::octetString, m_filled);
-        unsigned char* at = content() - header.size();
-        std::copy(header.begin(), header.end(), at);
-        target->write(at, static_cast<unsigned int>(header.size() + m_filled));
+        m_header.clear();
+        framing::appendHeader(m_header, framing::TagClass::universal, false, framing::octetString, m_filled);
+        unsigned char* at = content() - m_header.size();
+        std::copy(m_header.begin(), m_header.end(), at);
+        target->write(at, static_cast<unsigned int>(m_header.size() + m_filled));
     }
     m_filled = 0;
     m_encrypted = 0;

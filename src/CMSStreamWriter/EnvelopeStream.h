@@ -1,4 +1,7 @@
 #pragma once
+#ifndef SEGMENT
+#define SEGMENT 16384
+#endif
 
 /// \file
 /// A message while it is written.
@@ -32,7 +35,7 @@ public:
     void end(const MediaOut& target);
 
 private:
-    static constexpr std::size_t segmentLength = 16384;
+    static constexpr std::size_t segmentLength = SEGMENT;
     static constexpr std::size_t headerRoom = 8;   ///< before a segment, for its tag and length
     static constexpr std::size_t paddingRoom = 32; ///< behind the last one
     static constexpr std::size_t small = 1024;     ///< pieces below it are gathered
@@ -74,6 +77,7 @@ private:
     std::size_t m_filled = 0;
 
     std::optional<SwapBufferMediaOut> m_kept;
+    framing::Encoded m_header; ///< of the segment
     framing::Encoded m_tail;
 };
 

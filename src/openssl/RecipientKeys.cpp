@@ -169,13 +169,18 @@ int rsaRoom(const EVP_PKEY* key, const Oaep* oaep) noexcept {
     return EVP_PKEY_get_size(key) - (oaep == nullptr ? ofPkcs1 : 2 * EVP_MD_get_size(oaep->digest) + 2);
 }
 
-std::optional<framing::Encoded> encryptWithRsa(EVP_PKEY* key, const Oaep* oaep, framing::Octets contentKey) {
-    const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
-    if (context == nullptr || EVP_PKEY_encrypt_init(context.get()) != 1 ||
-        (oaep != nullptr && !setOaep(context.get(), *oaep))) { // PKCS#1 1.5 is OpenSSL's own choice
+bool RsaEncryption::prepare(EVP_PKEY* key, const Oaep* oaep) {
+    m_context.reset(EVP_PKEY_CTX_new(key, nullptr));
+    return m_context != nullptr && EVP_PKEY_encrypt_init(m_context.get()) == 1 &&
+           (oaep == nullptr || setOaep(m_context.get(), *oaep)); // PKCS#1 1.5 is OpenSSL's own choice
+}
+
+std::optional<framing::Encoded> RsaEncryption::encrypt(framing::Octets contentKey) const {
+    const KeyContextPtr context(EVP_PKEY_CTX_dup(m_context.get()));
+    if (context == nullptr) {
         return std::nullopt;
     }
-    std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key));
+    auto length = static_cast<std::size_t>(EVP_PKEY_get_size(EVP_PKEY_CTX_get0_pkey(context.get())));
     framing::Encoded encrypted(length);
     if (EVP_PKEY_encrypt(context.get(), encrypted.data(), &length, contentKey.data(), contentKey.size()) != 1) {
         return std::nullopt;

@@ -47,7 +47,18 @@ struct Oaep {
 /// How many octets a key encrypts at most, negative when it is too short for anything: with the padding of PKCS#1 1.5 when
 /// `oaep` is null.
 int rsaRoom(const EVP_PKEY* key, const Oaep* oaep) noexcept;
-std::optional<framing::Encoded> encryptWithRsa(EVP_PKEY* key, const Oaep* oaep, framing::Octets contentKey);
+
+/// RSA with a key and a padding. Made once, used by any number of threads: OpenSSL's preparations take as long as a quarter
+/// of the encryption itself.
+class RsaEncryption {
+public:
+    /// \param oaep null: the padding of PKCS#1 1.5 \return whether it was made
+    bool prepare(EVP_PKEY* key, const Oaep* oaep);
+    [[nodiscard]] std::optional<framing::Encoded> encrypt(framing::Octets contentKey) const;
+
+private:
+    KeyContextPtr m_context;
+};
 
 /// Makes a key of the kind of `recipient` for this once, and agrees on a secret with it. \param ephemeral becomes the public
 /// half: an uncompressed point, or the octets of an X25519 key

@@ -19,8 +19,13 @@ namespace der = norvauthority::der;
 
 /// A key for key agreement: "P-256", "P-384", "P-521" or "X25519".
 inline norvauthority::Key agreementKey(const std::string& curve) {
-    return curve == "X25519" ? norvauthority::Key::of(EVP_PKEY_Q_keygen(nullptr, nullptr, "X25519"))
-                             : norvauthority::Key::ec(curve);
+    if (curve != "X25519") {
+        return norvauthority::Key::ec(curve);
+    }
+    EVP_PKEY* made = EVP_PKEY_Q_keygen(nullptr, nullptr, "X25519");
+    norvauthority::Key key = norvauthority::Key::of(made);
+    EVP_PKEY_free(made);
+    return key;
 }
 
 /// Somebody with such a key, made once in a process.
