@@ -175,5 +175,10 @@ inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "
 
 // CMSStreamReader: signed data
 inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSStreamReader"};
+// CMSStreamWriter, encrypting
+inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
 
 } // namespace Norvane::Crypto::failures
