@@ -169,4 +169,10 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
+// CMSStreamWriter: signed data
+inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterEnd{"CMS::SignedWriter::end", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterAttach{"CMS::SignedWriter::attach", nullHandle, "CMSSignedWriter"};
+
 } // namespace Norvane::Crypto::failures
