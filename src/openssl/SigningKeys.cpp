@@ -83,10 +83,25 @@ std::string kindOf(const EVP_PKEY* key) {
     return name != nullptr ? name : shortName(EVP_PKEY_get_base_id(key));
 }
 
-/// The number of the algorithm that signs such a digest with such a key; NID_undef when none has one.
+/// The number of the algorithm that signs such a digest with such a key; NID_undef when none has one. OpenSSL has names
+/// for ECDSA over SHA-3, but does not know what they are made of.
 int signatureOf(int digest, int key) noexcept {
     int found = NID_undef;
-    return OBJ_find_sigid_by_algs(&found, digest, key) == 1 ? found : NID_undef;
+    if (OBJ_find_sigid_by_algs(&found, digest, key) == 1) {
+        return found;
+    }
+    switch (key == NID_X9_62_id_ecPublicKey ? digest : NID_undef) {
+    case NID_sha3_224:
+        return NID_ecdsa_with_SHA3_224;
+    case NID_sha3_256:
+        return NID_ecdsa_with_SHA3_256;
+    case NID_sha3_384:
+        return NID_ecdsa_with_SHA3_384;
+    case NID_sha3_512:
+        return NID_ecdsa_with_SHA3_512;
+    default:
+        return NID_undef;
+    }
 }
 
 } // namespace
