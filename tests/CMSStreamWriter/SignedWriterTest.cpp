@@ -247,6 +247,32 @@ TEST(SignedWriter, EdwardsCurvesSignAttributes) {
     }
 }
 
+TEST(SignedWriter, Ed25519IsVerifiedByGnuTls) {
+    if (!interop::installed("certtool")) {
+        GTEST_SKIP() << "certtool is not installed";
+    }
+    const norvtest::TemporaryFolder folder;
+    const Bytes body = bodyOf(5000);
+    const std::string authority = folder.write("authority.pem", identities().authority.certificate.pem());
+    const std::string bodyFile = folder.write("body", textOf(body));
+    const auto judged = [&](const Bytes& structure, bool detached) {
+        interop::Command command{.arguments = {"certtool", "--p7-verify", "--inder", "--load-ca-certificate", authority,
+                                               "--infile", folder.write("structure", textOf(structure))}};
+        if (detached) {
+            command.arguments.insert(command.arguments.end(), {"--load-data", bodyFile});
+        }
+        const interop::Answer answer = interop::run(command);
+        const bool good = (answer.out + answer.err).find("Signature status: ok") != std::string::npos;
+        EXPECT_EQ(answer.status == 0, good) << answer.out << answer.err;
+        return good;
+    };
+    for (const Form form : forms) {
+        const bool detached = form == Form::detached;
+        EXPECT_TRUE(judged(written(inForm(Signer(pairOf(ed25519())), form, body.size()), body), detached));
+    }
+    EXPECT_FALSE(judged(written(inForm(Signer(pairOf(ed25519())), Form::detached, 100), bodyOf(100)), true));
+}
+
 TEST(SignedWriter, EdwardsCurvesAreNamedAsRfc8419Demands) {
     OpenSsl openssl;
     const std::string of25519 = openssl.parse(written(optionsFor(ed25519()), bodyOf(1)));
