@@ -57,7 +57,10 @@
 
 namespace Norvane::Crypto::CMS {
 
-/// A sink that signs what is written to it, and its target's writer. Copies share the body.
+class SignedWork;
+
+/// A sink that signs what is written to it and writes the structure to the target that it is attached to. Copies share the
+/// body.
 class NORVCRYPTO_EXPORT SignedWriter : public MediaOut {
 public:
     enum class Content : int {
@@ -197,8 +200,7 @@ public:
     void detach();
 
 private:
-    class Work;
-    std::unique_ptr<Work> m_work;
+    std::unique_ptr<SignedWork> m_work;
 };
 
 } // namespace Norvane::Crypto::CMS

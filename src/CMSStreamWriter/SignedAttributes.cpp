@@ -1,6 +1,7 @@
 #include "CMSStreamWriter/SignedAttributes.h"
 
 #include "failures/Raise.h"
+#include "openssl/AlgorithmIdentifiers.h"
 #include "openssl/AttributeValues.h"
 #include "openssl/Decode.h"
 #include "openssl/SigningKeys.h"
@@ -8,12 +9,13 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <set>
 
 namespace Norvane::Crypto::CMS {
 
 namespace {
 
-using framing::Bytes;
+using framing::Encoded;
 using framing::Octets;
 
 constexpr unsigned int deepest = 64; ///< levels of the caller's elements
@@ -22,14 +24,12 @@ Octets octetsOf(const Buffer& buffer) noexcept {
     return {buffer.data(), buffer.length()};
 }
 
-Bytes identifier(int number) {
-    const ASN1_OBJECT* object = OBJ_nid2obj(number);
-    return framing::primitive(framing::objectIdentifier, Octets(OBJ_get0_data(object), OBJ_length(object)));
+std::string textOf(Octets octets) {
+    return {octets.begin(), octets.end()};
 }
 
-Bytes attribute(int type, const Bytes& value) {
-    return framing::sequenceOf(identifier(type),
-                               framing::constructedOf(framing::TagClass::universal, framing::set, value));
+Encoded attribute(int type, const Encoded& value) {
+    return framing::sequenceOf({openssl::objectIdentifier(type), framing::setOf({&value, 1})});
 }
 
 /// Whether octets are elements whose headers are as DER has them, all the way in.
@@ -89,12 +89,12 @@ Octets typeOf(Octets encoded, const std::string& who) {
     return type->whole;
 }
 
-Bytes capabilities(const std::vector<SignedWriter::Capability>& all, const std::string& who) {
-    std::vector<Bytes> encodings;
+Encoded capabilities(const std::vector<SignedWriter::Capability>& all, const std::string& who) {
+    std::vector<Encoded> encodings;
     for (const SignedWriter::Capability& one : all) {
         const std::string ofOne = who + "capability " + std::to_string(encodings.size() + 1) + ": ";
-        const Bytes type = openssl::identifierElement(one.identifier);
-        if (type.empty()) {
+        const auto type = openssl::objectIdentifier(one.identifier);
+        if (!type) {
             failures::raise(failures::signedWriter, ofOne + "no object identifier");
         }
         const Octets parameters = octetsOf(one.parameters);
@@ -102,18 +102,18 @@ Bytes capabilities(const std::vector<SignedWriter::Capability>& all, const std::
         if (!parameters.empty() && (!element || element->whole.size() != parameters.size() || !areDer(parameters))) {
             failures::raise(failures::signedWriter, ofOne + "the parameters are no element in DER");
         }
-        encodings.push_back(framing::sequenceOf(type, parameters));
+        encodings.push_back(framing::sequenceOf({*type, parameters}));
     }
     const std::vector<Octets> parts(encodings.begin(), encodings.end());
     return framing::constructed(framing::TagClass::universal, framing::sequence, parts);
 }
 
-Bytes signingCertificate(const SignedWriter::Signer& signer, const std::string& who) {
+Encoded signingCertificate(const SignedWriter::Signer& signer, const std::string& who) {
     const openssl::SignatureDigest digest = openssl::signatureDigest(signer.signingCertificateDigest);
     if (digest.algorithm == nullptr || digest.number == NID_shake256) {
         failures::raise(failures::signedWriter, who + "unsupported: the digest of the signing certificate");
     }
-    Bytes value = openssl::signingCertificateElement(signer.pair->certificate, digest.algorithm);
+    Encoded value = openssl::signingCertificateElement(signer.pair->certificate, digest.algorithm);
     if (value.empty()) {
         failures::raiseWithErrors(failures::signedWriter, who);
     }
@@ -122,7 +122,8 @@ Bytes signingCertificate(const SignedWriter::Signer& signer, const std::string& 
 
 } // namespace
 
-SignedAttributes::SignedAttributes(const SignedWriter::Signer& signer, const Bytes& contentType, const std::string& who)
+SignedAttributes::SignedAttributes(const SignedWriter::Signer& signer, const Encoded& contentType,
+                                   const std::string& who)
     : m_tellsTime(signer.signingTime),
       m_time(signer.signedAt) {
     if (m_tellsTime && m_time && openssl::timeElement(*m_time).empty()) {
@@ -135,36 +136,31 @@ SignedAttributes::SignedAttributes(const SignedWriter::Signer& signer, const Byt
     if (signer.signingCertificate) {
         m_constant.push_back(attribute(NID_id_smime_aa_signingCertificateV2, signingCertificate(signer, who)));
     }
-    std::vector<Bytes> types{identifier(NID_pkcs9_messageDigest)};
+    std::set<std::string> types{textOf(openssl::objectIdentifier(NID_pkcs9_messageDigest))};
     if (m_tellsTime) {
-        types.push_back(identifier(NID_pkcs9_signingTime));
+        types.insert(textOf(openssl::objectIdentifier(NID_pkcs9_signingTime)));
     }
-    for (const Bytes& own : m_constant) {
-        const Octets type = framing::Elements(*framing::firstElement(own)).next()->whole;
-        types.emplace_back(type.begin(), type.end());
+    for (const Encoded& own : m_constant) {
+        types.insert(textOf(framing::Elements(*framing::firstElement(own)).next()->whole));
     }
-    std::sort(types.begin(), types.end());
-    std::vector<Bytes> callers;
+    std::vector<Encoded> callers;
     for (const Buffer& one : signer.attributes) {
         const std::string ofOne = who + "attribute " + std::to_string(callers.size() + 1) + ": ";
-        const Octets octets = typeOf(octetsOf(one), ofOne);
-        Bytes type(octets.begin(), octets.end());
-        const auto place = std::lower_bound(types.begin(), types.end(), type);
-        if (place != types.end() && *place == type) {
+        if (!types.insert(textOf(typeOf(octetsOf(one), ofOne))).second) {
             failures::raise(failures::signedWriter, ofOne + "its type stands there already");
         }
-        types.insert(place, std::move(type));
         callers.emplace_back(one.data(), one.data() + one.length());
     }
     m_constant.insert(m_constant.end(), callers.begin(), callers.end());
 }
 
-Bytes SignedAttributes::set(Octets messageDigest, std::int64_t now) const {
-    std::vector<Bytes> all = m_constant;
-    all.push_back(attribute(NID_pkcs9_messageDigest, framing::primitive(framing::octetString, messageDigest)));
+Encoded SignedAttributes::set(Octets messageDigest, std::int64_t now) const {
+    std::vector<Encoded> all = m_constant;
+    all.push_back(attribute(NID_pkcs9_messageDigest, framing::octetStringOf(messageDigest)));
     if (m_tellsTime) {
         all.push_back(attribute(NID_pkcs9_signingTime, openssl::timeElement(m_time.value_or(now))));
     }
+    framing::sortForDer(all);
     return framing::setOf(all);
 }
 

@@ -3,7 +3,7 @@
 /// \file
 /// The signed attributes of one signer.
 
-#include "framing/Build.h"
+#include "framing/Encoding.h"
 
 #include <norvcrypto/CMSSignedWriter.h>
 
@@ -19,13 +19,13 @@ public:
     /// Makes those that do not depend on the body, and checks the caller's own.
     /// \param contentType its identifier, an element \param who stands before the reason of a refusal
     /// \throws Exception `signedWriter`
-    SignedAttributes(const SignedWriter::Signer& signer, const framing::Bytes& contentType, const std::string& who);
+    SignedAttributes(const SignedWriter::Signer& signer, const framing::Encoded& contentType, const std::string& who);
 
     /// All of them as the SET that is signed, in DER. Empty beyond 2 GiB. \param now the time unless the signer has one of its own
-    [[nodiscard]] framing::Bytes set(framing::Octets messageDigest, std::int64_t now) const;
+    [[nodiscard]] framing::Encoded set(framing::Octets messageDigest, std::int64_t now) const;
 
 private:
-    std::vector<framing::Bytes> m_constant;
+    std::vector<framing::Encoded> m_constant;
     bool m_tellsTime;
     std::optional<std::int64_t> m_time;
 };

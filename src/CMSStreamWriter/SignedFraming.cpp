@@ -6,7 +6,7 @@ namespace Norvane::Crypto::CMS {
 
 namespace {
 
-using framing::Bytes;
+using framing::Encoded;
 using framing::TagClass;
 
 constexpr std::array<unsigned char, 11> signedData{0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x02};
@@ -17,11 +17,13 @@ std::uint64_t elementSize(std::uint32_t tag, std::uint64_t content) noexcept {
     return framing::headerSize(tag, content) + content;
 }
 
-template <class Part> void append(Bytes& out, const Part& part) {
-    out.insert(out.end(), part.begin(), part.end());
+template <class Part> void append(Encoded& out, const Part& part) {
+    for (const unsigned char octet : part) { // a few; GCC 12 takes an insertion for a write beyond the end
+        out.push_back(octet);
+    }
 }
 
-void writeUnlessEmpty(MediaOut& out, const Bytes& part) {
+void writeUnlessEmpty(MediaOut& out, const Encoded& part) {
     if (!part.empty()) {
         out.write(part.data(), static_cast<unsigned int>(part.size()));
     }
@@ -29,14 +31,14 @@ void writeUnlessEmpty(MediaOut& out, const Bytes& part) {
 
 } // namespace
 
-Bytes SignedFraming::derHead(std::optional<std::uint64_t> bodyLength, std::size_t infos) const {
+Encoded SignedFraming::derHead(std::optional<std::uint64_t> bodyLength, std::size_t infos) const {
     const std::uint64_t octets = bodyLength ? elementSize(framing::octetString, *bodyLength) : 0;
     const std::uint64_t content = contentType.size() + (bodyLength ? elementSize(explicitContent, octets) : 0);
     const std::uint64_t inner = version.size() + digestAlgorithms.size() + elementSize(framing::sequence, content) +
                                 certificates.size() + revocationLists.size() + infos;
     const std::uint64_t tagged = elementSize(framing::sequence, inner);
 
-    Bytes out;
+    Encoded out;
     framing::appendHeader(out, TagClass::universal, true, framing::sequence,
                           signedData.size() + elementSize(explicitContent, tagged));
     append(out, signedData);
@@ -53,25 +55,18 @@ Bytes SignedFraming::derHead(std::optional<std::uint64_t> bodyLength, std::size_
     return out;
 }
 
-Bytes SignedFraming::berHead() const {
-    static constexpr std::array<unsigned char, 2> openedSequence{0x30, 0x80};
-    static constexpr std::array<unsigned char, 2> openedContent{0xA0, 0x80};
-    static constexpr std::array<unsigned char, 2> openedOctets{0x24, 0x80};
-    Bytes out;
-    append(out, openedSequence);
-    append(out, signedData);
-    append(out, openedContent);
-    append(out, openedSequence);
+Encoded SignedFraming::berHead() const {
+    // The structure, its type, the tag and the sequence around its parts, each of indefinite length.
+    Encoded out{0x30, 0x80, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x02, 0xA0, 0x80, 0x30, 0x80};
     append(out, version);
     append(out, digestAlgorithms);
-    append(out, openedSequence);
+    append(out, std::array<unsigned char, 2>{0x30, 0x80}); // the content
     append(out, contentType);
-    append(out, openedContent);
-    append(out, openedOctets);
+    append(out, std::array<unsigned char, 4>{0xA0, 0x80, 0x24, 0x80}); // the tag around its octets, and these
     return out;
 }
 
-void SignedFraming::writeTail(MediaOut& out, const Bytes& infos) const {
+void SignedFraming::writeTail(MediaOut& out, const Encoded& infos) const {
     writeUnlessEmpty(out, certificates);
     writeUnlessEmpty(out, revocationLists);
     writeUnlessEmpty(out, infos);

@@ -3,7 +3,7 @@
 /// \file
 /// What stands around the body and the signers of a SignedData, in DER and in BER of indefinite lengths.
 
-#include "framing/Build.h"
+#include "framing/Encoding.h"
 
 #include <norvcmsg/Media.h>
 
@@ -16,18 +16,18 @@ namespace Norvane::Crypto::CMS {
 
 /// The parts that are known before the body, as elements; those that are empty are left out.
 struct SignedFraming {
-    framing::Bytes version;
-    framing::Bytes digestAlgorithms;
-    framing::Bytes contentType;
-    framing::Bytes certificates;
-    framing::Bytes revocationLists;
+    framing::Encoded version;
+    framing::Encoded digestAlgorithms;
+    framing::Encoded contentType;
+    framing::Encoded certificates;
+    framing::Encoded revocationLists;
 
     /// What stands before a body of that many octets, or before where it would stand. \param infos the octets of the set of signers
-    [[nodiscard]] framing::Bytes derHead(std::optional<std::uint64_t> bodyLength, std::size_t infos) const;
+    [[nodiscard]] framing::Encoded derHead(std::optional<std::uint64_t> bodyLength, std::size_t infos) const;
     /// What stands before the segments of a body of unknown length.
-    [[nodiscard]] framing::Bytes berHead() const;
+    [[nodiscard]] framing::Encoded berHead() const;
     /// Writes what stands behind the body. \param infos the set of signers
-    void writeTail(MediaOut& out, const framing::Bytes& infos) const;
+    void writeTail(MediaOut& out, const framing::Encoded& infos) const;
 };
 
 /// The segments of an octet string of indefinite length: small pieces are gathered, large ones pass from where they lie.
@@ -43,7 +43,7 @@ private:
 
     void writeSegment(MediaOut& out, const unsigned char* data, std::size_t length);
 
-    framing::Bytes m_header; // kept, so that no segment takes memory
+    framing::Encoded m_header; // kept, so that no segment takes memory
     std::array<unsigned char, shortest> m_gathered{};
     std::size_t m_count = 0;
 };

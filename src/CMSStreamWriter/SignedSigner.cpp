@@ -6,7 +6,7 @@ namespace Norvane::Crypto::CMS {
 
 namespace {
 
-using framing::Bytes;
+using framing::Encoded;
 using framing::Octets;
 using framing::TagClass;
 
@@ -35,20 +35,20 @@ openssl::SigningKey keyOf(const SignedWriter::Signer& signer, const std::string&
     return made;
 }
 
-Bytes identifierOf(const SignedWriter::Signer& signer, const std::string& who) {
+Encoded identifierOf(const SignedWriter::Signer& signer, const std::string& who) {
     X509* certificate = signer.pair->certificate;
     if (signer.namedBy == NamedBy::subjectKeyIdentifier && X509_get0_subject_key_id(certificate) == nullptr) {
         failures::raise(failures::signedWriter, who + "the certificate has no subject key identifier");
     }
     const CertificateIdentifier name(signer.pair->certificate, signer.namedBy);
     const Octets octets(name.octets().data(), name.octets().length());
-    return signer.namedBy == NamedBy::subjectKeyIdentifier ? framing::primitive(0, octets, TagClass::contextSpecific)
-                                                           : Bytes(octets.begin(), octets.end());
+    return signer.namedBy == NamedBy::subjectKeyIdentifier ? framing::primitive(TagClass::contextSpecific, 0, octets)
+                                                           : Encoded(octets.begin(), octets.end());
 }
 
 } // namespace
 
-SignedSigner::SignedSigner(const SignedWriter::Signer& signer, const Bytes& contentType, bool isData,
+SignedSigner::SignedSigner(const SignedWriter::Signer& signer, const Encoded& contentType, bool isData,
                            const std::string& who)
     : m_key(keyOf(signer, who)),
       m_version(signer.namedBy == NamedBy::subjectKeyIdentifier ? 3 : 1),
@@ -65,13 +65,20 @@ SignedSigner::SignedSigner(const SignedWriter::Signer& signer, const Bytes& cont
     }
 }
 
-Bytes SignedSigner::attributes(Octets digest, std::int64_t now) const {
-    return m_attributes ? m_attributes->set(digest, now) : Bytes();
+Encoded SignedSigner::attributes(Octets digest, std::int64_t now) const {
+    if (!m_attributes) {
+        return {};
+    }
+    Encoded set = m_attributes->set(digest, now);
+    if (set.empty()) { // nothing must be signed in its place
+        failures::raise(failures::signedWriterEnd, "the structure is too long");
+    }
+    return set;
 }
 
-Bytes SignedSigner::info(Octets digest, std::int64_t now) const {
-    const Bytes signedSet = attributes(digest, now);
-    const Bytes signature = m_attributes ? m_key.signText(signedSet) : m_key.signDigest(digest);
+Encoded SignedSigner::info(Octets digest, std::int64_t now) const {
+    const Encoded signedSet = attributes(digest, now);
+    const Encoded signature = m_attributes ? m_key.signText(signedSet) : m_key.signDigest(digest);
     if (signature.empty()) {
         failures::raiseWithErrors(failures::signedWriterEnd);
     }
@@ -82,20 +89,18 @@ std::optional<std::size_t> SignedSigner::infoLength(std::int64_t now) const {
     if (m_key.fixedLength() == 0) {
         return std::nullopt;
     }
-    const Bytes digest(m_key.digest().length);
-    const Bytes signature(m_key.fixedLength());
+    const Encoded digest(m_key.digest().length);
+    const Encoded signature(m_key.fixedLength());
     return assemble(attributes(digest, now), signature).size();
 }
 
-Bytes SignedSigner::assemble(const Bytes& attributes, Octets signature) const {
-    Bytes tagged = attributes;
+Encoded SignedSigner::assemble(const Encoded& attributes, Octets signature) const {
+    Encoded tagged = attributes;
     if (!tagged.empty()) {
         tagged.front() = 0xA0; // signed as a SET, carried as [0] (RFC 5652, 5.4)
     }
-    const unsigned char version = static_cast<unsigned char>(m_version);
-    return framing::sequenceOf(framing::primitive(framing::integer, Octets(&version, 1)), m_identifier,
-                               m_key.digest().identifier, tagged, m_key.algorithm(),
-                               framing::primitive(framing::octetString, signature));
+    return framing::sequenceOf({framing::integerOf(m_version), m_identifier, m_key.digest().identifier, tagged,
+                                m_key.algorithm(), framing::octetStringOf(signature)});
 }
 
 } // namespace Norvane::Crypto::CMS

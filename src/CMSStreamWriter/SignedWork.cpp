@@ -1,11 +1,10 @@
 #include "CMSStreamWriter/SignedWork.h"
 
 #include "failures/Raise.h"
-#include "openssl/AttributeValues.h"
+#include "openssl/AlgorithmIdentifiers.h"
 #include "openssl/Encode.h"
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -15,7 +14,7 @@ namespace Norvane::Crypto::CMS {
 
 namespace {
 
-using framing::Bytes;
+using framing::Encoded;
 using framing::TagClass;
 
 constexpr std::uint64_t longestBody = std::uint64_t{1} << 62U; // what stands around it fits 63 bits
@@ -24,14 +23,14 @@ constexpr std::uint64_t longestBody = std::uint64_t{1} << 62U; // what stands ar
     failures::raise(failures::signedWriter, why);
 }
 
-void addEncoding(std::vector<Bytes>& all, Bytes encoding, const std::string& what) {
+void addEncoding(std::vector<Encoded>& all, Encoded encoding, const std::string& what) {
     if (encoding.empty()) {
         failures::raiseWithErrors(failures::signedWriter, what);
     }
     all.push_back(std::move(encoding));
 }
 
-void addCertificate(std::vector<Bytes>& all, const NVX509::RefCertificate& certificate, const std::string& what) {
+void addCertificate(std::vector<Encoded>& all, const NVX509::RefCertificate& certificate, const std::string& what) {
     X509* x509 = certificate;
     if (x509 == nullptr) {
         refuse(what + "the handle is empty");
@@ -39,8 +38,8 @@ void addCertificate(std::vector<Bytes>& all, const NVX509::RefCertificate& certi
     addEncoding(all, openssl::encode<i2d_X509>(x509), what);
 }
 
-std::vector<Bytes> certificatesOf(const SignedWriter::Options& options) {
-    std::vector<Bytes> all;
+std::vector<Encoded> certificatesOf(const SignedWriter::Options& options) {
+    std::vector<Encoded> all;
     std::size_t number = 0;
     for (const SignedWriter::Signer& signer : options.signers) {
         const std::string who = "signer " + std::to_string(++number) + ": ";
@@ -62,8 +61,8 @@ std::vector<Bytes> certificatesOf(const SignedWriter::Options& options) {
     return all;
 }
 
-std::vector<Bytes> revocationListsOf(const SignedWriter::Options& options) {
-    std::vector<Bytes> all;
+std::vector<Encoded> revocationListsOf(const SignedWriter::Options& options) {
+    std::vector<Encoded> all;
     for (const NVX509::RefCertificateRevocationList& list : options.revocationLists) {
         const std::string what = "revocation list " + std::to_string(all.size() + 1) + ": ";
         X509_CRL* crl = list;
@@ -76,13 +75,14 @@ std::vector<Bytes> revocationListsOf(const SignedWriter::Options& options) {
 }
 
 /// A set in which each member stands once, under a context-specific tag; nothing when it has none.
-Bytes setOfDifferent(std::vector<Bytes> members, std::uint32_t tag) {
-    std::sort(members.begin(), members.end());
+Encoded setOfDifferent(std::vector<Encoded> members, std::uint32_t tag) {
+    framing::sortForDer(members);
     members.erase(std::unique(members.begin(), members.end()), members.end());
     if (members.empty()) {
         return {};
     }
-    Bytes made = framing::setOf(members, TagClass::contextSpecific, tag);
+    const std::vector<framing::Octets> parts(members.begin(), members.end());
+    Encoded made = framing::constructed(TagClass::contextSpecific, tag, parts);
     if (made.empty()) {
         refuse("the certificates or revocation lists are too long");
     }
@@ -117,18 +117,19 @@ void checkCertificatesOnly(const SignedWriter::Options& options, bool isData) {
 
 } // namespace
 
-SignedWriterImpl::Work::Work(const SignedWriter::Options& options)
+SignedWork::SignedWork(const SignedWriter::Options& options)
     : m_announced(options.length),
       m_certificatesOnly(options.certificatesOnly),
       m_way(Way::nowhere) {
-    m_framing.contentType = openssl::identifierElement(options.contentType);
-    if (m_framing.contentType.empty()) {
+    const auto contentType = openssl::objectIdentifier(options.contentType);
+    if (!contentType) {
         refuse("the content type is no object identifier");
     }
+    m_framing.contentType = *contentType;
     if (m_announced.value_or(0) > longestBody) {
         refuse("the announced length is more than 2^62 octets");
     }
-    const bool isData = m_framing.contentType == openssl::identifierElement("1.2.840.113549.1.7.1");
+    const bool isData = m_framing.contentType == openssl::objectIdentifier(NID_pkcs7_data);
     checkCertificatesOnly(options, isData);
     addSigners(options, m_framing.contentType, isData);
     prepareFraming(options, isData);
@@ -138,7 +139,7 @@ SignedWriterImpl::Work::Work(const SignedWriter::Options& options)
     }
 }
 
-void SignedWriterImpl::Work::addSigners(const SignedWriter::Options& options, const Bytes& contentType, bool isData) {
+void SignedWork::addSigners(const SignedWriter::Options& options, const Encoded& contentType, bool isData) {
     m_signers.reserve(options.signers.size());
     for (const SignedWriter::Signer& signer : options.signers) {
         const std::string who = "signer " + std::to_string(m_signers.size() + 1) + ": ";
@@ -153,27 +154,27 @@ void SignedWriterImpl::Work::addSigners(const SignedWriter::Options& options, co
     }
 }
 
-SignedWriterImpl::Work::Digesting& SignedWriterImpl::Work::digesting(const openssl::SignatureDigest& digest) {
+SignedWork::Digesting& SignedWork::digesting(const openssl::SignatureDigest& digest) {
     const auto found = std::find_if(m_digests.begin(), m_digests.end(),
                                     [&](const Digesting& one) { return one.digest.number == digest.number; });
     return found != m_digests.end() ? *found : m_digests.emplace_back(Digesting{digest, nullptr, {}});
 }
 
-void SignedWriterImpl::Work::prepareFraming(const SignedWriter::Options& options, bool isData) {
+void SignedWork::prepareFraming(const SignedWriter::Options& options, bool isData) {
     const bool later = !isData || std::any_of(m_signers.begin(), m_signers.end(),
                                               [](const SignedSigner& signer) { return signer.version() == 3; });
-    const std::array<unsigned char, 1> version{static_cast<unsigned char>(later ? 3 : 1)}; // RFC 5652, 5.1
-    m_framing.version = framing::primitive(framing::integer, version);
-    std::vector<Bytes> algorithms;
+    m_framing.version = framing::integerOf(later ? 3 : 1); // RFC 5652, 5.1
+    std::vector<Encoded> algorithms;
     for (const Digesting& one : m_digests) {
         algorithms.push_back(one.digest.identifier);
     }
+    framing::sortForDer(algorithms);
     m_framing.digestAlgorithms = framing::setOf(algorithms);
     m_framing.certificates = setOfDifferent(certificatesOf(options), 0);
     m_framing.revocationLists = setOfDifferent(revocationListsOf(options), 1);
 }
 
-SignedWriterImpl::Work::Way SignedWriterImpl::Work::wayOf(const SignedWriter::Options& options) const {
+SignedWork::Way SignedWork::wayOf(const SignedWriter::Options& options) const {
     if (options.certificatesOnly || options.content == SignedWriter::Content::detached) {
         return Way::nowhere;
     }
@@ -186,7 +187,7 @@ SignedWriterImpl::Work::Way SignedWriterImpl::Work::wayOf(const SignedWriter::Op
     return foreseen ? Way::straight : Way::spill;
 }
 
-void SignedWriterImpl::Work::requireOpen(const failures::Failure& failure) const {
+void SignedWork::requireOpen(const failures::Failure& failure) const {
     if (m_state == State::ended) {
         failures::raise(failure, "the structure was ended");
     }
@@ -195,7 +196,7 @@ void SignedWriterImpl::Work::requireOpen(const failures::Failure& failure) const
     }
 }
 
-void SignedWriterImpl::Work::write(const unsigned char* data, unsigned int length) {
+void SignedWork::write(const unsigned char* data, unsigned int length) {
     requireOpen(failures::signedWriterWrite);
     if (length == 0) {
         return;
@@ -238,7 +239,7 @@ void SignedWriterImpl::Work::write(const unsigned char* data, unsigned int lengt
     m_state = State::begun;
 }
 
-void SignedWriterImpl::Work::begin() {
+void SignedWork::begin() {
     m_now = static_cast<std::int64_t>(std::time(nullptr));
     if (m_way == Way::segments) {
         put(m_framing.berHead());
@@ -247,7 +248,7 @@ void SignedWriterImpl::Work::begin() {
     }
 }
 
-std::size_t SignedWriterImpl::Work::lengthOfInfos() const {
+std::size_t SignedWork::lengthOfInfos() const {
     std::size_t length = 0;
     for (const SignedSigner& signer : m_signers) {
         length += signer.infoLength(m_now).value_or(0);
@@ -255,25 +256,26 @@ std::size_t SignedWriterImpl::Work::lengthOfInfos() const {
     return framing::headerSize(framing::set, length) + length;
 }
 
-Bytes SignedWriterImpl::Work::infos() {
+Encoded SignedWork::infos() {
     for (Digesting& one : m_digests) {
         one.result = one.digest.finish(one.context.get());
         if (one.result.empty()) {
             failures::raiseWithErrors(failures::signedWriterEnd);
         }
     }
-    std::vector<Bytes> all;
+    std::vector<Encoded> all;
     for (const SignedSigner& signer : m_signers) {
         all.push_back(signer.info(digesting(signer.key().digest()).result, m_now));
     }
-    Bytes set = framing::setOf(all);
+    framing::sortForDer(all);
+    Encoded set = framing::setOf(all);
     if (set.empty()) {
         failures::raise(failures::signedWriterEnd, "the structure is too long");
     }
     return set;
 }
 
-void SignedWriterImpl::Work::end() {
+void SignedWork::end() {
     requireOpen(failures::signedWriterEnd);
     static_cast<void>(m_target.operator->());
     const State before = std::exchange(m_state, State::broken);
@@ -289,9 +291,9 @@ void SignedWriterImpl::Work::end() {
     m_state = State::ended;
 }
 
-void SignedWriterImpl::Work::finish(const Bytes& infos) {
+void SignedWork::finish(const Encoded& infos) {
     // The ends of the octet string, of the tag around it and of the content; of the structure, its tag and what is around.
-    static const Bytes threeEnds(6);
+    static const Encoded threeEnds(6);
     switch (m_way) {
     case Way::nowhere:
         put(m_framing.derHead(std::nullopt, infos.size()));
@@ -316,7 +318,7 @@ void SignedWriterImpl::Work::finish(const Bytes& infos) {
     }
 }
 
-void SignedWriterImpl::Work::put(const Bytes& octets) {
+void SignedWork::put(const Encoded& octets) {
     m_target.write(octets.data(), static_cast<unsigned int>(octets.size()));
 }
 

@@ -18,10 +18,10 @@
 
 namespace Norvane::Crypto::CMS {
 
-class SignedWriterImpl::Work {
+class SignedWork {
 public:
     /// \throws Exception `signedWriter`
-    explicit Work(const SignedWriter::Options& options);
+    explicit SignedWork(const SignedWriter::Options& options);
 
     void write(const unsigned char* data, unsigned int length);
     void end();
@@ -41,10 +41,10 @@ private:
     struct Digesting {
         openssl::SignatureDigest digest;
         openssl::DigestContextPtr context;
-        framing::Bytes result;
+        framing::Encoded result;
     };
 
-    void addSigners(const SignedWriter::Options& options, const framing::Bytes& contentType, bool isData);
+    void addSigners(const SignedWriter::Options& options, const framing::Encoded& contentType, bool isData);
     Digesting& digesting(const openssl::SignatureDigest& digest);
     void prepareFraming(const SignedWriter::Options& options, bool isData);
     [[nodiscard]] Way wayOf(const SignedWriter::Options& options) const;
@@ -52,9 +52,9 @@ private:
     [[nodiscard]] bool writesWhileReading() const { return m_way == Way::segments || m_way == Way::straight; }
     void begin();
     [[nodiscard]] std::size_t lengthOfInfos() const;
-    [[nodiscard]] framing::Bytes infos();
-    void put(const framing::Bytes& octets);
-    void finish(const framing::Bytes& infos);
+    [[nodiscard]] framing::Encoded infos();
+    void put(const framing::Encoded& octets);
+    void finish(const framing::Encoded& infos);
 
     std::vector<SignedSigner> m_signers;
     std::vector<Digesting> m_digests;

@@ -19,7 +19,8 @@ std::vector<SignedWriter::Capability> SignedWriter::defaultCapabilities() {
             {"2.16.840.1.101.3.4.1.2", Buffer()}};
 }
 
-SignedWriterImpl::SignedWriterImpl(const SignedWriter::Options& options) : m_work(std::make_unique<Work>(options)) {}
+SignedWriterImpl::SignedWriterImpl(const SignedWriter::Options& options)
+    : m_work(std::make_unique<SignedWork>(options)) {}
 
 SignedWriterImpl::~SignedWriterImpl() = default;
 

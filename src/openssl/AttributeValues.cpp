@@ -1,18 +1,12 @@
 #include "openssl/AttributeValues.h"
 
 #include "openssl/Encode.h"
-#include "openssl/ObjectText.h"
 
 #include <openssl/ess.h>
 
 #include <ctime>
 
 namespace Norvane::Crypto::openssl {
-
-std::vector<unsigned char> identifierElement(const std::string& text) {
-    const ObjectPtr identifier(identifierFromText(text));
-    return encode<i2d_ASN1_OBJECT>(identifier.get());
-}
 
 std::vector<unsigned char> timeElement(std::int64_t seconds) {
     static constexpr std::int64_t yearZero = -62167219200;

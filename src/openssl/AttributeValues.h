@@ -7,13 +7,10 @@
 #include "openssl/Pointers.h"
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 namespace Norvane::Crypto::openssl {
 
-/// The identifier that a text stands for (see `identifierFromText`), as an element.
-std::vector<unsigned char> identifierElement(const std::string& text);
 /// Seconds since 1970 as a UTCTime from 1950 to 2049, else as a GeneralizedTime. Empty beyond the years 0 to 9999.
 std::vector<unsigned char> timeElement(std::int64_t seconds);
 /// A SigningCertificateV2 (RFC 5035) of one certificate, with its issuer and serial number.

@@ -1,8 +1,8 @@
 #include "openssl/SigningKeys.h"
 
-#include "framing/Build.h"
+#include "framing/Encoding.h"
+#include "openssl/AlgorithmIdentifiers.h"
 #include "openssl/Digests.h"
-#include "openssl/Encode.h"
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/core_names.h>
@@ -16,53 +16,26 @@ namespace Norvane::Crypto::openssl {
 
 namespace {
 
-using framing::Bytes;
-using AlgorithmPtr = Owned<X509_ALGOR, X509_ALGOR_free>;
+using framing::Encoded;
 
 constexpr std::size_t lengthOfShake256 = 64; // RFC 8419, 2.3
 
-/// An algorithm without parameters (V_ASN1_UNDEF) or with a null (V_ASN1_NULL).
-Bytes identifierOf(ASN1_OBJECT* identifier, int parameters) {
-    const AlgorithmPtr algorithm(X509_ALGOR_new());
-    const bool made = algorithm != nullptr && X509_ALGOR_set0(algorithm.get(), identifier, parameters, nullptr) == 1;
-    return made ? encode<i2d_X509_ALGOR>(algorithm.get()) : Bytes();
-}
-
-Bytes identifierOf(int number, int parameters = V_ASN1_UNDEF) {
-    return identifierOf(OBJ_nid2obj(number), parameters);
-}
-
-Bytes small(unsigned int number) {
-    return framing::primitive(framing::integer, std::array<unsigned char, 1>{static_cast<unsigned char>(number)});
-}
-
 /// SHAKE256 with its length in bits as the parameter: id-shake256-len (RFC 8419, 2.3), which OpenSSL has no name for.
-Bytes shake256Identifier() {
-    const ObjectPtr identifier(OBJ_txt2obj("2.16.840.1.101.3.4.2.18", 1));
-    static constexpr std::array<unsigned char, 2> bits{0x02, 0x00};
-    const Bytes octets = identifier == nullptr ? Bytes()
-                                               : Bytes(OBJ_get0_data(identifier.get()),
-                                                       OBJ_get0_data(identifier.get()) + OBJ_length(identifier.get()));
-    return framing::sequenceOf(framing::primitive(framing::objectIdentifier, octets),
-                               framing::primitive(framing::integer, bits));
+Encoded shake256Identifier() {
+    const auto identifier = objectIdentifier(std::string("2.16.840.1.101.3.4.2.18"));
+    return framing::sequenceOf({identifier.value(), framing::integerOf(8 * lengthOfShake256)});
 }
 
 /// RSASSA-PSS with its parameters (RFC 4055, 3.1). DER leaves out what is the default: all of it for SHA-1.
-Bytes pssIdentifier(const SignatureDigest& digest) {
-    using framing::TagClass;
-    const Bytes rsassaPss = identifierOf(NID_rsassaPss);
-    const framing::Octets identifier = framing::firstElement(rsassaPss)->content;
+Encoded pssIdentifier(const SignatureDigest& digest) {
     if (digest.number == NID_sha1) {
-        return framing::sequenceOf(identifier, framing::sequenceOf());
+        return algorithmIdentifier(NID_rsassaPss, framing::sequenceOf({}));
     }
-    const Bytes hash = identifierOf(digest.number, V_ASN1_NULL);
-    const Bytes plainMgf1 = identifierOf(NID_mgf1);
-    const Bytes mgf1 = framing::sequenceOf(framing::firstElement(plainMgf1)->content, hash);
-    return framing::sequenceOf(
-        identifier, framing::sequenceOf(framing::constructedOf(TagClass::contextSpecific, 0, hash),
-                                        framing::constructedOf(TagClass::contextSpecific, 1, mgf1),
-                                        framing::constructedOf(TagClass::contextSpecific, 2,
-                                                               small(static_cast<unsigned int>(digest.length)))));
+    const Encoded hash = algorithmIdentifier(digest.number, framing::null());
+    const Encoded mask = algorithmIdentifier(NID_mgf1, hash);
+    return algorithmIdentifier(NID_rsassaPss,
+                               framing::sequenceOf({framing::contextOf(0, {hash}), framing::contextOf(1, {mask}),
+                                                    framing::contextOf(2, {framing::integerOf(digest.length)})}));
 }
 
 /// Whether a key has that parameter. It is not copied: it may be the secret.
@@ -124,7 +97,7 @@ SignatureDigest signatureDigest(int number) {
     case NID_sha3_384:
     case NID_sha3_512:
         digest.algorithm = digestByNid(number);
-        digest.identifier = identifierOf(number);
+        digest.identifier = algorithmIdentifier(number);
         digest.length = digest.algorithm == nullptr ? 0 : static_cast<std::size_t>(EVP_MD_get_size(digest.algorithm));
         break;
     case NID_shake256:
@@ -225,9 +198,9 @@ void SigningKey::chooseRsa(int digest) {
         m_algorithm = pssIdentifier(m_digest);
     } else if (isSha3(digest)) {
         const int signature = signatureOf(digest, NID_rsaEncryption);
-        m_algorithm = signature == NID_undef ? Bytes() : identifierOf(signature, V_ASN1_NULL);
+        m_algorithm = signature == NID_undef ? Encoded() : algorithmIdentifier(signature, framing::null());
     } else { // every receiver must know this one: RFC 3370, 3.2, and RFC 5754, 3.2
-        m_algorithm = identifierOf(NID_rsaEncryption, V_ASN1_NULL);
+        m_algorithm = algorithmIdentifier(NID_rsaEncryption, framing::null());
     }
 }
 
@@ -241,7 +214,7 @@ void SigningKey::chooseEc(int digest) {
     chooseDigest(digest);
     if (m_refusal.empty()) {
         const int signature = signatureOf(digest, NID_X9_62_id_ecPublicKey);
-        m_algorithm = signature == NID_undef ? Bytes() : identifierOf(signature);
+        m_algorithm = signature == NID_undef ? Encoded() : algorithmIdentifier(signature);
     }
 }
 
@@ -254,7 +227,7 @@ void SigningKey::chooseEdwards(int digest, int demanded) {
     m_signsWhole = true;
     m_digest = signatureDigest(demanded);
     m_fixedLength = static_cast<std::size_t>(EVP_PKEY_get_size(m_key.get()));
-    m_algorithm = identifierOf(EVP_PKEY_get_base_id(m_key.get()));
+    m_algorithm = algorithmIdentifier(EVP_PKEY_get_base_id(m_key.get()));
 }
 
 KeyContextPtr SigningKey::context() const {
