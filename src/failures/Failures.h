@@ -180,5 +180,10 @@ inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFa
 inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
+// CMSStreamWriter: signed data
+inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterEnd{"CMS::SignedWriter::end", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterAttach{"CMS::SignedWriter::attach", nullHandle, "CMSSignedWriter"};
 
 } // namespace Norvane::Crypto::failures
