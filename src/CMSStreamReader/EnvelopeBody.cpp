@@ -116,6 +116,12 @@ std::string EnvelopeReaderImpl::cipher() const {
     return openssl::algorithmName(m_algorithm->algorithm);
 }
 
+void EnvelopeReaderImpl::spillTo(const std::string& fileTemplate) {
+    if (m_content != nullptr) {
+        m_content->spillTo(fileTemplate);
+    }
+}
+
 /// False for a message that is not supported, whoever it is for.
 bool EnvelopeReaderImpl::mayOpen() const {
     if (m_content == nullptr) {
@@ -166,9 +172,9 @@ const EnvelopeReaderImpl::Search::Answer& EnvelopeReaderImpl::Search::ask(const 
     Answer answer{NVX509::KeyCertificatePair(false), false};
     if (const auto identifier = identifierOf(parts)) {
         NVX509::KeyCertificatePair pair = keys.find(*identifier);
-        const bool named = pair && identifier->names(pair->certificate);
-        if (pair && isPrivateKey(pair->key) && (!named || belongTogether(pair->certificate, pair->key))) {
-            answer = {pair, named};
+        const X509* certificate = pair ? static_cast<X509*>(pair->certificate) : nullptr;
+        if (pair && isPrivateKey(pair->key) && (certificate == nullptr || belongTogether(certificate, pair->key))) {
+            answer = {pair, certificate != nullptr && identifier->names(pair->certificate)};
         }
     }
     return answers.emplace(parts, answer).first->second;

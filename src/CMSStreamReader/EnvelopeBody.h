@@ -30,7 +30,7 @@ public:
     [[nodiscard]] const std::vector<Recipient>& recipients();
     [[nodiscard]] const EnvelopeFrame& frame() const noexcept { return m_frame; }
     [[nodiscard]] std::string cipher() const;
-    void spillTo(const std::string& fileTemplate) { m_content->spillTo(fileTemplate); }
+    void spillTo(const std::string& fileTemplate);
 
     bool open(const KeyLookup& keys);
     bool open(const Recipient& recipient, const NVX509::KeyCertificatePair& pair);
@@ -65,7 +65,7 @@ private:
     Budget m_budget;
     EnvelopeFrame m_frame;
     openssl::AlgorithmPtr m_algorithm;
-    std::unique_ptr<EnvelopeContent> m_content;
+    std::unique_ptr<EnvelopeContent> m_content;                          ///< null when it is not supported
     std::shared_ptr<const std::vector<unsigned char>> m_recipientOctets; ///< what the values for callers refer to
     std::vector<Recipient> m_recipients;
     std::optional<std::size_t> m_opened;
