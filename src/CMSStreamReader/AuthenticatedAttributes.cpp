@@ -47,7 +47,7 @@ bool nameType(const Element& attributes, Octets type) {
 
 } // namespace
 
-bool authenticatedAttributes(const EnvelopeFrame& frame, std::vector<unsigned char>& associated) {
+bool authenticatedAttributes(const EnvelopeFraming& frame, std::vector<unsigned char>& associated) {
     const auto identifier = framing::firstElement(frame.contentType());
     if (!identifier) {
         return false;
