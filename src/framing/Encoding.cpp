@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace Norvane::Crypto::framing {
 
@@ -55,7 +56,12 @@ Encoded contextOf(std::uint32_t tag, std::initializer_list<Octets> elements) {
 }
 
 void sortForDer(std::vector<Encoded>& elements) {
-    std::sort(elements.begin(), elements.end()); // no element is the beginning of another one: nothing is padded
+    // No element is the beginning of another one, so that nothing needs to be padded. (Comparing the vectors themselves
+    // makes GCC 12 warn of what is not there.)
+    std::sort(elements.begin(), elements.end(), [](const Encoded& left, const Encoded& right) {
+        const int order = std::memcmp(left.data(), right.data(), std::min(left.size(), right.size()));
+        return order < 0 || (order == 0 && left.size() < right.size());
+    });
 }
 
 } // namespace Norvane::Crypto::framing
