@@ -174,5 +174,16 @@ inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMS
 inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};
 inline constexpr Failure signedWriterEnd{"CMS::SignedWriter::end", operationFailed, "CMSSignedWriter"};
 inline constexpr Failure signedWriterAttach{"CMS::SignedWriter::attach", nullHandle, "CMSSignedWriter"};
+// CMSStreamReader
+inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};
+inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "CMSEnvelopeReader"};
+
+// CMSStreamReader: signed data
+inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSStreamReader"};
+// CMSStreamWriter, encrypting
+inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
+inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
 
 } // namespace Norvane::Crypto::failures
