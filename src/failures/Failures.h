@@ -169,11 +169,6 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
-// CMSStreamWriter: signed data
-inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMSSignedWriter"};
-inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};
-inline constexpr Failure signedWriterEnd{"CMS::SignedWriter::end", operationFailed, "CMSSignedWriter"};
-inline constexpr Failure signedWriterAttach{"CMS::SignedWriter::attach", nullHandle, "CMSSignedWriter"};
 // CMSStreamReader
 inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};
 inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "CMSEnvelopeReader"};
@@ -185,5 +180,10 @@ inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFa
 inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
+// CMSStreamWriter: signed data
+inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterEnd{"CMS::SignedWriter::end", operationFailed, "CMSSignedWriter"};
+inline constexpr Failure signedWriterAttach{"CMS::SignedWriter::attach", nullHandle, "CMSSignedWriter"};
 
 } // namespace Norvane::Crypto::failures
