@@ -10,6 +10,7 @@
 #include <norvcrypto/DistinguishedName.h>
 #include <norvcrypto/Export.h>
 
+#include <memory>
 #include <string>
 
 namespace Norvane::Crypto::CMS {
@@ -20,8 +21,8 @@ enum class NamedBy : int {
     subjectKeyIdentifier = 1, ///< the octets of the certificate's extension (RFC 5280, 4.2.1.2)
 };
 
-/// The name of a certificate in a CMS structure. A value that owns its parts; copies are independent. Comparing takes
-/// time in proportion to the octets.
+/// The name of a certificate in a CMS structure. A value: copies share parts that never change, and may be used by several
+/// threads at once, each its own. It lives on without the structure or certificate that it came from.
 class NORVCRYPTO_EXPORT CertificateIdentifier {
 public:
     /// Names a certificate. \throws Exception "CMS::CertificateIdentifier::CertificateIdentifier", code 4, file
@@ -43,14 +44,15 @@ public:
     /// The serial number; a null handle for a key identifier, and for a negative number, which `ASN1::Integer` does not hold.
     [[nodiscard]] const ASN1::RefInteger& serialNumber() const noexcept { return m_serialNumber; }
 
-    /// Whether this names that certificate: issuer and serial number as RFC 5280, 7.1 compares them, or the octets of its
-    /// extension. False for an empty handle.
+    /// Whether this names that certificate: its issuer as RFC 5280, 7.1 compares names and its serial number, or the octets
+    /// of its extension. False for an empty handle.
     [[nodiscard]] bool names(const NVX509::RefCertificate& certificate) const;
 
-    /// For people: "CN=Alice, O=Example, serial number 1234", or "key identifier 0A:1B:2C". Control characters do not
-    /// show; see `NVX509::displayName`.
+    /// For people: "serial number 1f3c of CN=Alice,O=Example", the name as `NVX509::displayName` writes it, or
+    /// "key identifier 0a1b2c".
     [[nodiscard]] std::string asString() const;
 
+    /// Equal octets. Two encodings of one name (BER, or the case of letters) are not equal.
     friend bool operator==(const CertificateIdentifier& left, const CertificateIdentifier& right) noexcept {
         return left.m_namedBy == right.m_namedBy && left.m_octets == right.m_octets;
     }
@@ -59,10 +61,13 @@ public:
     }
 
 private:
+    struct Parts;
+
     CertificateIdentifier(NamedBy namedBy, const Buffer& octets);
 
     NamedBy m_namedBy;
     Buffer m_octets;
+    std::shared_ptr<const Parts> m_parts; // shared by copies; none for a key identifier
     NVX509::RefDistinguishedName m_issuer;
     ASN1::RefInteger m_serialNumber;
 };

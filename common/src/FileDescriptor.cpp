@@ -1,5 +1,8 @@
 #include "FileDescriptor.h"
 
+#include "MediaFailure.h"
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +69,20 @@ Moved writeAll(int descriptor, const unsigned char* data, unsigned int length, s
         moved.error = EIO; // a write that takes nothing and tells no reason must not lose bytes unnoticed
     }
     return moved;
+}
+
+FileDescriptor openFile(const char* where, const std::string& path, int flags, unsigned int permissions) {
+    if (path.find('\0') != std::string::npos) {
+        throwMediaErrno(where, "FileMedia", path, ENOENT);
+    }
+    int descriptor = -1;
+    do {
+        descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, permissions);
+    } while (descriptor < 0 && errno == EINTR);
+    if (descriptor < 0) {
+        throwMediaErrno(where, "FileMedia", path, errno);
+    }
+    return FileDescriptor(descriptor);
 }
 
 } // namespace Norvane::detail

@@ -4,6 +4,7 @@
 /// An owned file descriptor, and the system's calls on it with interruptions and short counts taken care of.
 
 #include <cstdint>
+#include <string>
 #include <utility>
 
 namespace Norvane::detail {
@@ -32,6 +33,10 @@ public:
 private:
     int m_descriptor = -1;
 };
+
+/// Opens a file as `open` does, for this process alone (a program it starts does not get it) and without making a terminal
+/// its own. \throws MediaException with `where` and the path: it cannot be opened, or the path holds a NUL
+[[nodiscard]] FileDescriptor openFile(const char* where, const std::string& path, int flags, unsigned int permissions);
 
 /// What a call moved: the number of bytes, and the error of the system that stopped it (0 for none).
 struct Moved {

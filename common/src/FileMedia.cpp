@@ -20,20 +20,6 @@ namespace {
 
 constexpr unsigned int bufferSize = 65536;
 
-detail::FileDescriptor openFile(const char* where, const std::string& path, int flags, unsigned int permissions) {
-    if (path.find('\0') != std::string::npos) {
-        detail::throwMediaErrno(where, "FileMedia", path, ENOENT);
-    }
-    int descriptor = -1;
-    do {
-        descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, permissions);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) {
-        detail::throwMediaErrno(where, "FileMedia", path, errno);
-    }
-    return detail::FileDescriptor(descriptor);
-}
-
 /// The memory of a stream. Keys and passphrases pass through it like anything else, and a stream cannot tell: what was
 /// in it is wiped before the memory goes.
 class StreamBuffer {
@@ -54,7 +40,7 @@ class FileMediaInImpl : public MediaInImpl {
 public:
     explicit FileMediaInImpl(const File::Path& path)
         : m_path(path.asString()),
-          m_file(openFile("FileMediaIn", m_path, O_RDONLY, 0)) {
+          m_file(detail::openFile("FileMediaIn", m_path, O_RDONLY, 0)) {
         struct stat status {};
         if (::fstat(m_file.get(), &status) != 0) {
             detail::throwMediaErrno("FileMediaIn", "FileMedia", m_path, errno);
@@ -159,7 +145,7 @@ class FileMediaOutImpl : public MediaOutImpl {
 public:
     FileMediaOutImpl(const File::Path& path, unsigned int permissions)
         : m_path(path.asString()),
-          m_file(openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {}
+          m_file(detail::openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {}
 
     ~FileMediaOutImpl() override {
         if (m_file.isOpen() && m_error == 0) {

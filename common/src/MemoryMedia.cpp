@@ -1,3 +1,4 @@
+#include <norvcmsg/BytesInMemory.h>
 #include <norvcmsg/Media.h>
 
 #include "MediaFailure.h"
@@ -17,7 +18,7 @@ Buffer bufferOf(const std::string& content) {
     return {content.data(), static_cast<unsigned int>(content.size()), true};
 }
 
-class MemoryMediaInImpl : public MediaInImpl {
+class MemoryMediaInImpl : public MediaInImpl, public BytesInMemory {
 public:
     explicit MemoryMediaInImpl(const Buffer& content) : m_content(content) {}
 
@@ -52,6 +53,10 @@ public:
         }
         m_position = static_cast<unsigned int>(position);
     }
+
+    [[nodiscard]] const unsigned char* rest() const noexcept override { return m_content.data() + m_position; }
+    [[nodiscard]] unsigned long left() const noexcept override { return m_content.length() - m_position; }
+    void skip(unsigned long count) noexcept override { m_position += static_cast<unsigned int>(count); }
 
 private:
     const Buffer m_content;

@@ -127,13 +127,14 @@ private:
     void need(std::size_t octets);
     [[nodiscard]] std::uint64_t certain() const noexcept;
     void readNext();
-    void push(const Header& header);
-    void pop() noexcept;
     void consumeHeader();
+    void push();
+    void pop() noexcept;
+    void passed() noexcept;
     void copy(std::uint64_t octets, std::vector<unsigned char>* into);
     void pass(std::vector<unsigned char>* into, std::size_t limit);
+    void nextSegment();
     Octets rawPiece();
-    bool nextSegment();
 
     MediaIn m_in;
     BytesInMemory* m_inMemory;
@@ -148,16 +149,18 @@ private:
     std::size_t m_open = 0;
     std::size_t m_indefinite = 0;          ///< levels of indefinite length among them
     std::size_t m_indefiniteOutside = 0;   ///< those outside of the outermost one of definite length
-    std::uint64_t m_definiteEnd = unknown; ///< where that one ends
+    std::size_t m_outermostDefinite = 0;   ///< which one that is
+    std::uint64_t m_definiteEnd = unknown; ///< where it ends, if there is one
     bool m_outermostPassed = false;
 
     Header m_header;
     bool m_haveHeader = false;
     bool m_atLevelEnd = false; ///< its end-of-contents octets, if it has such, stand next
 
+    std::uint64_t m_left = 0; ///< octets that are left of what is being passed or read
+
     // The string that is being read.
-    std::uint64_t m_left = 0; ///< octets of the segment
-    std::size_t m_stringDepth = 0;
+    std::size_t m_outsideString = 0; ///< the levels around it
     Segments m_segments = Segments::strict;
     bool m_inString = false;
     Octets m_pending;
