@@ -90,7 +90,7 @@ void Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, dou
             for (unsigned int j = 0; j != one.repetitions; ++j) {
                 one.run();
             }
-            std::printf("%s,%s,%zu,%u,%.9g\n", task.name.c_str(), one.who.c_str(), x, round,
+            std::printf("\"%s\",\"%s\",%zu,%u,%.9g\n", task.name.c_str(), one.who.c_str(), x, round,
                         (processorTime() - begin) / one.repetitions);
         }
         std::fflush(stdout);

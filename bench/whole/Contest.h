@@ -34,7 +34,7 @@ public:
     void add(const std::string& task, const std::string& who, Prepare prepare, std::size_t most = unlimited);
     /// The sizes or numbers that a task is done for.
     void over(const std::string& task, std::vector<std::size_t> points);
-    /// Runs the tasks whose name contains `filter`, and writes "task,who,x,round,seconds" lines to standard output. One that
+    /// Runs the tasks whose name contains `filter`, and writes lines of "task","who",x,round,seconds to standard output. One that
     /// fails is named on standard error and left out.
     void run(const std::string& filter, unsigned int rounds, double secondsForEach);
 

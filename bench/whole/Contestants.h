@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// Who takes part. A new reader or writer is one `add` in Ours.cpp; a new peer is one file and one line in main.cpp.
+/// Who takes part. A new reader or writer is one `add` in Ours.cpp or Streams.cpp; a new peer is one file and one line in main.cpp.
 ///
 /// The tasks over sizes: "digest" (SHA-256), "encrypt" and "decrypt" (AES-256-CBC under a given key), "sign" (a detached
 /// signature), "verify" (one with signed attributes and a certificate), "envelope" (a message for one recipient), "open" (one
@@ -16,6 +16,7 @@ namespace bench {
 
 void addPrimitives(Contest& contest, const Material& material);
 void addOurs(Contest& contest, const Material& material);
+void addStreams(Contest& contest, const Material& material);
 void addOpensslStructures(Contest& contest, const Material& material);
 void addBotan(Contest& contest, const Material& material);
 void addNss(Contest& contest, const Material& material);

@@ -57,7 +57,6 @@ struct Material {
 private:
     std::unique_ptr<Norvane::Crypto::NVX509::KeyCertificatePair> m_pair;
     std::unique_ptr<Norvane::Crypto::NVX509::RefKeyStore> m_store;
-    X509Ptr m_other; ///< a recipient whose key nobody has
 };
 
 } // namespace bench

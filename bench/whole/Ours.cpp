@@ -1,5 +1,6 @@
-// The library.
+// The library's older streams.
 #include "Contestants.h"
+#include "OurMedia.h"
 
 #include <norvcmsg/Media.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
@@ -16,25 +17,6 @@ using namespace Norvane;
 using namespace Norvane::Crypto;
 
 namespace {
-
-Buffer bufferOf(const Bytes& bytes) {
-    return {bytes.data(), static_cast<unsigned int>(bytes.size()), true};
-}
-
-void writeBody(MediaOut& out, std::size_t size) {
-    inPieces(body(size), size, [&](const unsigned char* data, unsigned int length) { out.write(data, length); });
-    out.end();
-}
-
-/// A stream between a body and a target that counts.
-template <class Make> Run writing(std::size_t size, Make make) {
-    const auto target = std::make_shared<NullMediaOut>();
-    return [size, target, make] {
-        auto out = make();
-        out.attach(*target);
-        writeBody(out, size);
-    };
-}
 
 Run cipherRun(std::size_t size, bool encrypt) {
     const Buffer key(32, 32);

@@ -89,8 +89,9 @@ Run opener(const Material& material, std::size_t size, const EVP_CIPHER* cipher,
     };
 }
 
-Run wrapper(const Material& material, std::size_t size, std::size_t recipients) {
-    return [&material, size, recipients] {
+Run wrapper(const Material& material, std::size_t size, std::size_t recipients,
+            const EVP_CIPHER* cipher = EVP_aes_256_cbc()) {
+    return [&material, size, recipients, cipher] {
         unsigned char random[48];
         RAND_bytes(random, 32);
         RAND_bytes(random + 32, 16);
@@ -99,7 +100,7 @@ Run wrapper(const Material& material, std::size_t size, std::size_t recipients) 
         }
         // Memory that nobody clears first, and that is fresh each time, as the structure's is.
         const std::unique_ptr<unsigned char[]> out(new unsigned char[size + 32]);
-        crypt(EVP_aes_256_cbc(), true, random, random + 32, body(size), size, out.get(), nullptr);
+        crypt(cipher, true, random, random + 32, body(size), size, out.get(), nullptr);
     };
 }
 
@@ -169,6 +170,8 @@ void addPrimitives(Contest& contest, const Material& material) {
         contest.add(task, who, [&material](std::size_t size) { return verifier(material, size, 1); });
     }
     contest.add("envelope", who, [&material](std::size_t size) { return wrapper(material, size, 1); });
+    contest.add("envelope authenticated", who,
+                [&material](std::size_t size) { return wrapper(material, size, 1, EVP_aes_256_gcm()); });
     for (const char* task : {"open", "open BER"}) {
         contest.add(task, who,
                     [&material](std::size_t size) { return opener(material, size, EVP_aes_256_cbc(), false); });
@@ -185,6 +188,15 @@ void addPrimitives(Contest& contest, const Material& material) {
             unsigned char digested[EVP_MAX_MD_SIZE];
             digest(body(1024), 1024, digested);
             sign(material.key.get(), digested);
+        };
+    });
+    contest.add("sign by signers", who, [&material](std::size_t count) -> Run {
+        return [&material, count] {
+            unsigned char digested[EVP_MAX_MD_SIZE];
+            digest(body(1024), 1024, digested);
+            for (std::size_t i = 0; i != count; ++i) {
+                sign(material.key.get(), digested);
+            }
         };
     });
     contest.add("verify among certificates", who, [&material](std::size_t) { return verifier(material, 1024, 1); });

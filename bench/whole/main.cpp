@@ -36,7 +36,7 @@ int main(int argc, char** argv) try {
         const std::vector<std::size_t> points =
             quick ? std::vector<std::size_t>{1, 10} : std::vector<std::size_t>{1, 3, 10, 30, 100, 300};
         for (const char* task : {"envelope for recipients", "open as last of recipients", "sign with certificates",
-                                 "verify among certificates", "verify signers"}) {
+                                 "sign by signers", "verify among certificates", "verify signers"}) {
             contest.over(task, points);
         }
         contest.over("read list of entries", quick ? std::vector<std::size_t>{10, 1000}
@@ -45,13 +45,14 @@ int main(int argc, char** argv) try {
         const std::vector<std::size_t> sizes =
             quick ? std::vector<std::size_t>{kilobyte, megabyte}
                   : std::vector<std::size_t>{kilobyte, 64 * kilobyte, megabyte, 64 * megabyte};
-        for (const char* task : {"digest", "encrypt", "decrypt", "sign", "verify", "envelope", "open", "open BER",
-                                 "open authenticated", "sign attached", "verify attached"}) {
+        for (const char* task : {"digest", "encrypt", "decrypt", "sign", "verify", "envelope", "envelope authenticated",
+                                 "open", "open BER", "open authenticated", "sign attached", "verify attached"}) {
             contest.over(task, sizes);
         }
     }
     bench::addPrimitives(contest, material);
     bench::addOurs(contest, material);
+    bench::addStreams(contest, material);
     bench::addOpensslStructures(contest, material);
 #ifdef NORV_BENCH_BOTAN
     bench::addBotan(contest, material);
