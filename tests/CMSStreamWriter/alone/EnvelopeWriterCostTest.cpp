@@ -100,7 +100,7 @@ norvauthority::Key rsaKey(int bits, const char* exponentInHex) {
     EVP_PKEY* key = nullptr;
     EVP_PKEY_fromdata_init(context);
     EXPECT_EQ(EVP_PKEY_fromdata(context, &key, EVP_PKEY_PUBLIC_KEY, parameters), 1);
-    const norvauthority::Key answer = norvauthority::Key::of(key);
+    norvauthority::Key answer = norvauthority::Key::of(key);
     EVP_PKEY_free(key);
     EVP_PKEY_CTX_free(context);
     OSSL_PARAM_free(parameters);
