@@ -70,6 +70,12 @@ enum class SignatureReason : int {
     signingTimeRepeated,   ///< a signing time that stands twice, or has not exactly one value (RFC 5652, 11.3)
     bodyIsAttributes,      ///< without signed attributes, over a body that is a set of attributes; see
                            ///< `AttributeSetDetector`
+    // from here on by `SignedReader` alone
+    certificateDamaged,        ///< the certificate that the signer names does not decode
+    digestDiffers,             ///< the signature algorithm is one with another digest than the signer's
+    parametersWrong,           ///< RSASSA-PSS with parameters that are missing or make no sense (RFC 4056)
+    signingCertificateDiffers, ///< the signing certificate attribute names another certificate (RFC 5035), or is damaged
+    contentTypeUnexpected,     ///< a countersignature with a content type attribute (RFC 5652, 11.4)
 
     // unsupported
     digestAlgorithm = 101, ///< the signer's digest algorithm
@@ -79,6 +85,11 @@ enum class SignatureReason : int {
     tooManyDigests,        ///< `maximumDigests` others were named before this signer's
     tooManyCertificates,   ///< `maximumTries` certificates of this name failed, and there are more
     tooMuchWork,           ///< the signers before this one spent `maximumWork`
+    // from here on by `SignedReader` alone
+    digestNotAnnounced, ///< the digest algorithm is none of those that stand in front of the content
+    contentNotKept,     ///< a signature over the content itself, which is longer than what is kept (Ed25519, Ed448)
+    attributesNotDer,   ///< long signed attributes that are not in DER
+    certificateRefused, ///< the certificate that the signer names is refused (see Acceptance.h)
 };
 
 /// One sentence without an end, in plain ASCII: "the body is not the one that was signed".
@@ -97,7 +108,8 @@ struct SignatureResult {
     SignatureVerdict verdict = SignatureVerdict::refused;
     SignatureReason reason = SignatureReason::signatureWrong;
     /// For `digestAlgorithm`, `signatureAlgorithm`, `keyAlgorithm` and `keyTooLarge`: the algorithm that is in the way by
-    /// its usual name ("RSASSA-PSS", "Ed25519"), else by OpenSSL's long name or its object identifier in digits.
+    /// its usual name ("RSASSA-PSS", "Ed25519"), else by OpenSSL's long name or its object identifier in digits. For
+    /// `certificateRefused` the reason: "refused: explicit elliptic curve parameters".
     std::string algorithm;
     /// The certificate that the verdict is about: the good one, else the first that the signer names; an empty handle
     /// when there is none. It may outlive the structure.

@@ -64,7 +64,7 @@ private:
     EnvelopeEncoding m_encoding;
     std::optional<std::uint64_t> m_announced;
     std::string m_temporaryFile;
-    EnvelopeFrame m_frame;
+    WrittenFrame m_frame;
     openssl::ContentEncryption m_encryption;
     Phase m_phase = Phase::open;
     std::uint64_t m_taken = 0; ///< bytes of the body

@@ -3,21 +3,16 @@
 /// \file
 /// The verdict on one signer, once the body was digested.
 
+#include "CMSVerification/BodyDigests.h"
 #include "CMSVerification/Candidates.h"
+#include "CMSVerification/Trials.h"
 
 #include <norvcrypto/CMSVerification.h>
 
-#include <array>
 #include <optional>
 #include <vector>
 
 namespace Norvane::Crypto::CMS {
-
-/// The digest of the body under one algorithm.
-struct BodyDigest {
-    const EVP_MD* algorithm = nullptr;
-    std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
-};
 
 /// What is known about the body.
 struct BodyFacts {
@@ -35,14 +30,13 @@ public:
     SignatureResult operator()(const PKCS7_SIGNER_INFO* signer, const Candidates& candidates);
 
 private:
-    [[nodiscard]] const BodyDigest* digestFor(const EVP_MD* algorithm) const;
     /// What is wrong apart from the signature itself; sets what the signature covers otherwise.
     std::optional<SignatureResult> faultBesideSignature(const PKCS7_SIGNER_INFO* signer, BodyDigest& covered) const;
     /// The verdict with one certificate.
-    SignatureResult tryCertificate(const PKCS7_SIGNER_INFO* signer, const BodyDigest& covered, X509* certificate);
+    SignatureResult tryCertificate(const SignatureInQuestion& signature, X509* certificate);
 
     const BodyFacts& m_body;
-    std::uint64_t m_spent = 0;
+    Trials m_trials;
 };
 
 } // namespace Norvane::Crypto::CMS

@@ -1,4 +1,5 @@
 // The body on its way into the digests, and the report.
+#include "CMSVerification/BodyDigests.h"
 #include "CMSVerification/Candidates.h"
 #include "CMSVerification/Judge.h"
 #include "failures/Raise.h"
@@ -28,27 +29,13 @@ std::vector<PKCS7_SIGNER_INFO*> signersOf(const PKCS7_SIGNED* content) {
     return signers;
 }
 
-/// A digest of the body under way.
-struct RunningDigest {
-    const EVP_MD* algorithm;
-    openssl::DigestContextPtr context;
-};
-
 /// A digest for each algorithm among the signers, up to the limit. One that does not start is left out.
-std::vector<RunningDigest> digestsFor(const std::vector<PKCS7_SIGNER_INFO*>& signers) {
+BodyDigests digestsFor(const std::vector<PKCS7_SIGNER_INFO*>& signers) {
     const openssl::ErrorMark mark;
-    std::vector<RunningDigest> digests;
+    BodyDigests digests;
     for (const PKCS7_SIGNER_INFO* signer : signers) {
-        const EVP_MD* algorithm = openssl::signerDigest(signer);
-        const bool running = std::ranges::any_of(digests, [&](const RunningDigest& digest) {
-            return algorithm != nullptr && EVP_MD_get_type(digest.algorithm) == EVP_MD_get_type(algorithm);
-        });
-        if (algorithm == nullptr || running || digests.size() == maximumDigests) {
-            continue;
-        }
-        openssl::DigestContextPtr context(EVP_MD_CTX_new());
-        if (context != nullptr && EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1) {
-            digests.push_back({algorithm, std::move(context)});
+        if (const EVP_MD* algorithm = openssl::signerDigest(signer)) {
+            static_cast<void>(digests.start(algorithm));
         }
     }
     return digests;
@@ -70,9 +57,7 @@ struct SignatureVerifier::State {
     }
 
     void write(const unsigned char* data, std::size_t count) {
-        for (const RunningDigest& digest : digests) {
-            static_cast<void>(EVP_DigestUpdate(digest.context.get(), data, count)); // fails for no digest
-        }
+        digests.update(data, count);
         attributes.update(data, count);
         if (carried != nullptr && !differs) {
             const auto left = static_cast<std::uint64_t>(ASN1_STRING_length(carried)) - length;
@@ -85,25 +70,12 @@ struct SignatureVerifier::State {
         return carried != nullptr && (differs || length != static_cast<std::uint64_t>(ASN1_STRING_length(carried)));
     }
 
-    /// Digests of the bytes so far, which go on.
-    [[nodiscard]] std::vector<BodyDigest> finished() const {
-        std::vector<BodyDigest> values;
-        for (const RunningDigest& digest : digests) {
-            BodyDigest value{digest.algorithm, {}};
-            const openssl::DigestContextPtr copy(EVP_MD_CTX_new());
-            if (copy != nullptr && EVP_MD_CTX_copy_ex(copy.get(), digest.context.get()) == 1 &&
-                EVP_DigestFinal_ex(copy.get(), value.value.data(), nullptr) == 1) {
-                values.push_back(value);
-            }
-        }
-        return values;
-    }
-
     /// `offerAll` offers the certificates.
     template <class OfferAll> [[nodiscard]] SignatureReport report(OfferAll offerAll) const {
         CandidateIndex index(signers);
         offerAll(index);
-        const BodyFacts facts{finished(), content->contents->type, attributes.isAttributeSet(), differsFromContent()};
+        const BodyFacts facts{digests.finished(), content->contents->type, attributes.isAttributeSet(),
+                              differsFromContent()};
         SignatureReport report;
         report.bodyLength = length;
         Judge judge(facts);
@@ -116,7 +88,7 @@ struct SignatureVerifier::State {
     RefContentInfo structure;
     const PKCS7_SIGNED* content;
     std::vector<PKCS7_SIGNER_INFO*> signers;
-    std::vector<RunningDigest> digests;
+    BodyDigests digests;
     AttributeSetDetector attributes;
     const ASN1_OCTET_STRING* carried = nullptr; // what the body must be equal to, too
     std::uint64_t length = 0;

@@ -89,6 +89,16 @@ const char* textOf(SignatureReason reason) noexcept {
         return "the signed attributes hold more or less than one signing time";
     case SignatureReason::bodyIsAttributes:
         return "the body is a set of attributes, so that the signature may have been made for another body";
+    case SignatureReason::certificateDamaged:
+        return "the certificate that the signer names does not decode";
+    case SignatureReason::digestDiffers:
+        return "the signature algorithm is one with another digest than the signer's";
+    case SignatureReason::parametersWrong:
+        return "the parameters of the signature algorithm are missing or make no sense";
+    case SignatureReason::signingCertificateDiffers:
+        return "the signing certificate attribute does not name the certificate";
+    case SignatureReason::contentTypeUnexpected:
+        return "a countersignature has a content type among its signed attributes";
     case SignatureReason::digestAlgorithm:
         return "the digest algorithm is not available";
     case SignatureReason::signatureAlgorithm:
@@ -103,6 +113,14 @@ const char* textOf(SignatureReason reason) noexcept {
         return "too many certificates have the signer's issuer and serial number";
     case SignatureReason::tooMuchWork:
         return "the signers before this one took too much work";
+    case SignatureReason::digestNotAnnounced:
+        return "the digest algorithm is none of those that the structure announces";
+    case SignatureReason::contentNotKept:
+        return "the signature covers the content itself, which is too long to be kept";
+    case SignatureReason::attributesNotDer:
+        return "the signed attributes are not in DER, and too long to be encoded anew";
+    case SignatureReason::certificateRefused:
+        return "the certificate that the signer names is refused";
     }
     return "";
 }

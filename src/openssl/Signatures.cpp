@@ -29,21 +29,4 @@ int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned in
     return result;
 }
 
-Verified verifyDigest(const unsigned char* digest, const EVP_MD* algorithm, const ASN1_OCTET_STRING* signature,
-                      EVP_PKEY* key) {
-    const ErrorMark mark;
-    const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
-    if (context == nullptr || EVP_PKEY_verify_init(context.get()) != 1 ||
-        EVP_PKEY_CTX_set_signature_md(context.get(), algorithm) != 1) {
-        return Verified::impossible;
-    }
-    if (signature == nullptr) {
-        return Verified::wrong;
-    }
-    const int result = EVP_PKEY_verify(context.get(), ASN1_STRING_get0_data(signature),
-                                       static_cast<std::size_t>(ASN1_STRING_length(signature)), digest,
-                                       static_cast<std::size_t>(EVP_MD_get_size(algorithm)));
-    return result == 1 ? Verified::good : Verified::wrong;
-}
-
 } // namespace Norvane::Crypto::openssl

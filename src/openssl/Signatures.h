@@ -16,14 +16,4 @@ bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& leng
 /// nothing.
 int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key);
 
-enum class Verified : int {
-    good,
-    wrong,
-    impossible, ///< such a key verifies no signatures over such a digest
-};
-
-/// Whether `signature` is the key's over a body with this digest. Leaves nothing in the error queue.
-Verified verifyDigest(const unsigned char* digest, const EVP_MD* algorithm, const ASN1_OCTET_STRING* signature,
-                      EVP_PKEY* key);
-
 } // namespace Norvane::Crypto::openssl

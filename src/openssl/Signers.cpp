@@ -71,7 +71,10 @@ bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept {
 }
 
 const EVP_MD* signerDigest(const PKCS7_SIGNER_INFO* signer) noexcept {
-    const int nid = digestNid(signer);
+    return usableDigest(digestNid(signer));
+}
+
+const EVP_MD* usableDigest(int nid) noexcept {
     const EVP_MD* digest = nid == NID_undef ? nullptr : EVP_get_digestbyname(OBJ_nid2sn(nid));
     return digest == nullptr || (EVP_MD_get_flags(digest) & EVP_MD_FLAG_XOF) != 0 ? nullptr : digest;
 }
@@ -80,21 +83,27 @@ std::uint64_t verificationWork(const EVP_PKEY* key) noexcept {
     static constexpr std::uint64_t longestRsaExponent = OPENSSL_RSA_MAX_PUBEXP_BITS; // also of short moduli
     const ErrorMark mark;
     const auto bits = static_cast<std::uint64_t>(std::max(EVP_PKEY_get_bits(key), 0));
-    switch (keyFamily(key)) {
-    case KeyFamily::rsa: {
+    switch (EVP_PKEY_get_base_id(key)) {
+    case EVP_PKEY_RSA:
+    case EVP_PKEY_RSA2:
+    case EVP_PKEY_RSA_PSS: {
         const std::uint64_t exponent = bitsOf(key, OSSL_PKEY_PARAM_RSA_E);
         const bool sound = exponent <= longestRsaExponent && bits <= OPENSSL_RSA_MAX_MODULUS_BITS;
         return sound ? powerWork(bits, exponent) : unknownWork;
     }
-    case KeyFamily::dsa: {
+    case EVP_PKEY_DSA:
+    case EVP_PKEY_DSA2: {
         const std::uint64_t power = powerWork(bits, bitsOf(key, OSSL_PKEY_PARAM_FFC_Q));
         return power == unknownWork ? power : power + power / 2; // two powers with one run of squarings
     }
-    case KeyFamily::ec: {
+    case EVP_PKEY_EC: {
         // The field is asked for, too: the order of a curve that the sender made up can be much smaller.
         const std::uint64_t field = bitsOf(key, OSSL_PKEY_PARAM_EC_P);
         return powerWork(field, std::max(bits, field), 14); // a doubling of a point takes many multiplications
     }
+    case EVP_PKEY_ED25519:
+    case EVP_PKEY_ED448:
+        return powerWork(bits, bits, 14);
     default:
         return unknownWork;
     }

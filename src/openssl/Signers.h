@@ -25,6 +25,8 @@ bool alwaysDecodes(const ASN1_OBJECT* keyAlgorithm) noexcept;
 /// The digest that a signer names, possibly by a signature algorithm with it; null when OpenSSL has none such, or only
 /// one of variable length.
 const EVP_MD* signerDigest(const PKCS7_SIGNER_INFO* signer) noexcept;
+/// The digest that a number names, likewise.
+const EVP_MD* usableDigest(int nid) noexcept;
 
 /// What one verification costs, in squarings of a 1024-bit number; the largest number for an RSA exponent beyond 64
 /// bits, and for a key that does not tell.

@@ -1,0 +1,232 @@
+#include "openssl/SignatureScheme.h"
+
+#include "openssl/ErrorQueue.h"
+#include "openssl/RawValues.h"
+
+#include <openssl/objects.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <array>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+using framing::Element;
+using framing::Elements;
+using framing::Octets;
+using Kind = SignatureScheme::Kind;
+
+constexpr int defaultSaltLength = 20; // RFC 4055, 3.1
+constexpr std::size_t longestPssParameters = 1024;
+constexpr int longestSalt = 2048; // that of a modulus of 16384 bits
+
+Kind kindOf(int keyType) noexcept {
+    switch (keyType) {
+    case NID_rsaEncryption:
+    case NID_rsa:
+        return Kind::rsaPkcs1;
+    case NID_rsassaPss:
+        return Kind::rsaPss;
+    case NID_dsa:
+    case NID_dsa_2:
+        return Kind::dsa;
+    case NID_X9_62_id_ecPublicKey:
+        return Kind::ecdsa;
+    case NID_ED25519:
+        return Kind::ed25519;
+    case NID_ED448:
+        return Kind::ed448;
+    default:
+        return Kind::unknown;
+    }
+}
+
+/// The digest that an AlgorithmIdentifier names; null for one that OpenSSL does not have.
+const EVP_MD* digestOf(Elements algorithm) noexcept {
+    const auto identifier = algorithm.nextUniversal(framing::objectIdentifier);
+    return identifier ? usableDigest(nidOf(identifier->whole)) : nullptr;
+}
+
+/// The value of a small INTEGER that is not negative; -1 for any other.
+int smallInteger(const Element& element) noexcept {
+    if (!element.isUniversal(framing::integer) || element.header.constructed || element.content.empty() ||
+        element.content.size() > 3 || element.content.front() >= 0x80U) {
+        return -1;
+    }
+    int value = 0;
+    for (const unsigned char octet : element.content) {
+        value = value << 8 | octet;
+    }
+    return value;
+}
+
+using PssParametersPtr = Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free>;
+
+/// RSASSA-PSS-params (RFC 4055, 3.1); false when they make no sense.
+bool readPssParameters(const Element& whole, SignatureScheme& scheme) noexcept {
+    const ErrorMark mark;
+    if (whole.whole.size() > longestPssParameters) {
+        return false;
+    }
+    const unsigned char* at = whole.whole.data();
+    const PssParametersPtr decoded(d2i_RSA_PSS_PARAMS(nullptr, &at, static_cast<long>(whole.whole.size())));
+    if (decoded == nullptr) {
+        return false;
+    }
+    Elements parameters(whole);
+    scheme.digest = EVP_sha1();
+    scheme.maskDigest = EVP_sha1();
+    scheme.saltLength = defaultSaltLength;
+    if (const auto digest = parameters.nextContext(0)) {
+        const auto algorithm = Elements(*digest).nextUniversal(framing::sequence);
+        if (!algorithm) {
+            return false;
+        }
+        scheme.digest = digestOf(Elements(*algorithm));
+    }
+    if (const auto mask = parameters.nextContext(1)) {
+        const auto algorithm = Elements(*mask).nextUniversal(framing::sequence);
+        if (!algorithm) {
+            return false;
+        }
+        Elements parts(*algorithm);
+        const auto function = parts.nextUniversal(framing::objectIdentifier);
+        const auto digest = parts.nextUniversal(framing::sequence);
+        if (!function || !digest) {
+            return false;
+        }
+        scheme.maskDigest = nidOf(function->whole) == NID_mgf1 ? digestOf(Elements(*digest)) : nullptr;
+    }
+    if (const auto salt = parameters.nextContext(2)) {
+        const auto length = Elements(*salt).next();
+        scheme.saltLength = length ? smallInteger(*length) : -1;
+    }
+    if (const auto trailer = parameters.nextContext(3)) {
+        const auto field = Elements(*trailer).next();
+        if (!field || smallInteger(*field) != 1) {
+            return false;
+        }
+    }
+    return parameters.atEnd() && scheme.saltLength >= 0 && scheme.saltLength <= longestSalt;
+}
+
+/// What a signature algorithm is made of: those with SHA-3 (RFC 9688), which OpenSSL 3.0 names and does not take apart, too.
+bool findParts(int nid, int& digest, int& key) noexcept {
+    struct Parts {
+        int nid;
+        int digest;
+        int key;
+    };
+    static constexpr std::array<Parts, 12> table{{
+        {NID_RSA_SHA3_224, NID_sha3_224, NID_rsaEncryption},
+        {NID_RSA_SHA3_256, NID_sha3_256, NID_rsaEncryption},
+        {NID_RSA_SHA3_384, NID_sha3_384, NID_rsaEncryption},
+        {NID_RSA_SHA3_512, NID_sha3_512, NID_rsaEncryption},
+        {NID_ecdsa_with_SHA3_224, NID_sha3_224, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_256, NID_sha3_256, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_384, NID_sha3_384, NID_X9_62_id_ecPublicKey},
+        {NID_ecdsa_with_SHA3_512, NID_sha3_512, NID_X9_62_id_ecPublicKey},
+        {NID_dsa_with_SHA3_224, NID_sha3_224, NID_dsa},
+        {NID_dsa_with_SHA3_256, NID_sha3_256, NID_dsa},
+        {NID_dsa_with_SHA3_384, NID_sha3_384, NID_dsa},
+        {NID_dsa_with_SHA3_512, NID_sha3_512, NID_dsa},
+    }};
+    const auto found = std::ranges::find(table, nid, &Parts::nid);
+    if (found != table.end()) {
+        digest = found->digest;
+        key = found->key;
+        return true;
+    }
+    return nid != NID_undef && OBJ_find_sigid_algs(nid, &digest, &key) == 1;
+}
+
+/// Prepares what else a scheme wants of a verification; false when the key has no part in it.
+bool prepare(const SignatureScheme& scheme, const EVP_MD* algorithm, EVP_PKEY_CTX* context) noexcept {
+    if (scheme.kind == Kind::rsaPss && EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) != 1) {
+        return false;
+    }
+    if (EVP_PKEY_CTX_set_signature_md(context, algorithm) != 1) {
+        return false;
+    }
+    return scheme.kind != Kind::rsaPss || (EVP_PKEY_CTX_set_rsa_mgf1_md(context, scheme.maskDigest) == 1 &&
+                                           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, scheme.saltLength) == 1);
+}
+
+Verified verifyMessage(Octets message, Octets signature, EVP_PKEY* key) noexcept {
+    const DigestContextPtr context(EVP_MD_CTX_new());
+    if (context == nullptr || EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) != 1) {
+        return Verified::impossible;
+    }
+    return EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(), message.size()) == 1
+               ? Verified::good
+               : Verified::wrong;
+}
+
+} // namespace
+
+SignatureScheme signatureScheme(Octets algorithmIdentifier) noexcept {
+    SignatureScheme scheme;
+    const auto whole = framing::firstElement(algorithmIdentifier);
+    if (!whole) {
+        return scheme;
+    }
+    Elements parts(*whole);
+    const auto identifier = parts.nextUniversal(framing::objectIdentifier);
+    const int nid = identifier ? nidOf(identifier->whole) : NID_undef;
+    if (nid == NID_rsassaPss) {
+        scheme.kind = Kind::rsaPss;
+        scheme.namesDigest = true;
+        const auto parameters = parts.nextUniversal(framing::sequence);
+        scheme.isSound = parameters && readPssParameters(*parameters, scheme);
+        if (scheme.isSound && (scheme.digest == nullptr || scheme.maskDigest == nullptr)) {
+            scheme.kind = Kind::unknown;
+        }
+        return scheme;
+    }
+    int digest = NID_undef;
+    int key = NID_undef;
+    const bool isPair = findParts(nid, digest, key);
+    scheme.kind = kindOf(isPair ? key : nid);
+    if (isPair && digest != NID_undef && !scheme.coversMessage()) {
+        scheme.namesDigest = true;
+        scheme.digest = usableDigest(digest);
+    }
+    return scheme;
+}
+
+SignatureScheme schemeOf(KeyFamily family) noexcept {
+    SignatureScheme scheme;
+    scheme.kind = family == KeyFamily::rsa   ? Kind::rsaPkcs1
+                  : family == KeyFamily::dsa ? Kind::dsa
+                  : family == KeyFamily::ec  ? Kind::ecdsa
+                                             : Kind::unknown;
+    return scheme;
+}
+
+bool fits(const SignatureScheme& scheme, const EVP_PKEY* key) noexcept {
+    const Kind kind = kindOf(EVP_PKEY_get_base_id(key));
+    return kind == scheme.kind || (scheme.kind == Kind::rsaPss && kind == Kind::rsaPkcs1);
+}
+
+bool isSigningKey(const EVP_PKEY* key) noexcept {
+    return kindOf(EVP_PKEY_get_base_id(key)) != Kind::unknown;
+}
+
+Verified verify(const SignatureScheme& scheme, const EVP_MD* algorithm, Octets covered, Octets signature,
+                EVP_PKEY* key) noexcept {
+    const ErrorMark mark;
+    if (scheme.coversMessage()) {
+        return verifyMessage(covered, signature, key);
+    }
+    const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
+    if (context == nullptr || EVP_PKEY_verify_init(context.get()) != 1 || !prepare(scheme, algorithm, context.get())) {
+        return Verified::impossible;
+    }
+    return EVP_PKEY_verify(context.get(), signature.data(), signature.size(), covered.data(), covered.size()) == 1
+               ? Verified::good
+               : Verified::wrong;
+}
+
+} // namespace Norvane::Crypto::openssl
