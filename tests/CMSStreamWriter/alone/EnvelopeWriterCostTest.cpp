@@ -353,6 +353,6 @@ TEST(EnvelopeCost, NamesThatOthersMadeLongAreLimited) {
     EXPECT_NO_THROW(CMS::EnvelopeWriter(std::vector<EnvelopeRecipient>(69, longName)));
     s_encryptions = 0;
     EXPECT_EQ(refused(std::vector<EnvelopeRecipient>(1000, longName)),
-              "the recipients take more than 4194304 bytes, which readers refuse");
+              "the recipients take more than 4193280 bytes, which readers refuse");
     EXPECT_EQ(s_encryptions, 70);
 }
