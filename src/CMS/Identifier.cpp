@@ -1,12 +1,12 @@
 // How a structure names a certificate.
 #include "failures/Raise.h"
 #include "framing/Elements.h"
+#include "openssl/CertificateNames.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 
 #include <norvcrypto/CMSIdentifier.h>
 
-#include <array>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -25,48 +25,23 @@ Buffer bufferOf(framing::Octets octets) {
     return {octets.data(), static_cast<unsigned int>(octets.size()), false};
 }
 
-Buffer issuerAndSerialNumberOf(const X509* certificate) {
-    std::array<openssl::OwnedMemory<unsigned char>, 2> memory;
-    const auto take = [](openssl::OwnedMemory<unsigned char>& into, unsigned char* encoded, int length) {
-        into.reset(encoded);
-        return framing::Octets(encoded, length < 0 ? 0 : static_cast<std::size_t>(length));
-    };
-    unsigned char* encoded = nullptr;
-    int length = i2d_X509_NAME(X509_get_issuer_name(certificate), &encoded);
-    const framing::Octets issuer = take(memory[0], encoded, length);
-    encoded = nullptr;
-    length = i2d_ASN1_INTEGER(X509_get0_serialNumber(certificate), &encoded);
-    const framing::Octets serial = take(memory[1], encoded, length);
-    const std::array<framing::Octets, 2> parts{issuer, serial};
-    if (issuer.empty() || serial.empty()) {
-        failures::raiseWithErrors(failures::certificateIdentifier);
-    }
-    return bufferOf(framing::constructed(framing::TagClass::universal, framing::sequence, parts));
-}
-
-openssl::OctetStringPtr keyIdentifierOf(const X509* certificate) {
-    const openssl::ErrorMark mark;
-    return openssl::OctetStringPtr(
-        static_cast<ASN1_OCTET_STRING*>(X509_get_ext_d2i(certificate, NID_subject_key_identifier, nullptr, nullptr)));
-}
-
-framing::Octets octetsOf(const ASN1_OCTET_STRING* string) noexcept {
-    return {ASN1_STRING_get0_data(string), static_cast<std::size_t>(ASN1_STRING_length(string))};
-}
-
 Buffer octetsNaming(const NVX509::RefCertificate& certificate, NamedBy namedBy) {
     const X509* x509 = certificate;
     if (x509 == nullptr) {
         failures::raise(failures::certificateIdentifier, "there is no certificate");
     }
     if (namedBy == NamedBy::issuerAndSerialNumber) {
-        return issuerAndSerialNumberOf(x509);
+        const framing::Encoded name = openssl::issuerAndSerialNumber(x509);
+        if (name.empty()) {
+            failures::raiseWithErrors(failures::certificateIdentifier);
+        }
+        return bufferOf(name);
     }
-    const openssl::OctetStringPtr identifier = keyIdentifierOf(x509);
-    if (identifier == nullptr) {
+    const framing::Encoded identifier = openssl::subjectKeyIdentifier(x509);
+    if (identifier.empty()) {
         failures::raise(failures::certificateIdentifier, "the certificate has no subject key identifier");
     }
-    return bufferOf(octetsOf(identifier.get()));
+    return bufferOf(identifier);
 }
 
 std::string inHex(const Buffer& octets) {
@@ -136,8 +111,8 @@ bool CertificateIdentifier::names(const NVX509::RefCertificate& certificate) con
     if (m_parts != nullptr) {
         return openssl::namesCertificate(m_parts->name.get(), x509);
     }
-    const openssl::OctetStringPtr identifier = keyIdentifierOf(x509);
-    return identifier != nullptr && m_octets == bufferOf(octetsOf(identifier.get()));
+    const framing::Encoded identifier = openssl::subjectKeyIdentifier(x509);
+    return !identifier.empty() && m_octets == bufferOf(identifier);
 }
 
 std::string CertificateIdentifier::asString() const {

@@ -1,4 +1,5 @@
 // The decrypting stream.
+#include "CMS/PairedKeys.h"
 #include "CMSEncryptionMedia/TryLimits.h"
 #include "failures/Events.h"
 #include "failures/Raise.h"
@@ -37,16 +38,8 @@ std::optional<DecrypterMediaIn::Identifier> identifierOf(const IssuerAndSerialNu
     }
 }
 
-/// A public key in its place would not be refused by OpenSSL: it goes on with a random content key, and one time in 256
-/// the result looks right.
 bool hasPrivateKey(const NVX509::KeyCertificatePair& pair) {
-    return pair && !pair->key.isNull() && dynamic_cast<const PublicKey*>(pair->key.operator->()) == nullptr &&
-           static_cast<EVP_PKEY*>(pair->key) != nullptr;
-}
-
-bool belongsTo(const X509* certificate, const EVP_PKEY* key) {
-    const openssl::ErrorMark mark;
-    return X509_check_private_key(certificate, key) == 1;
+    return pair && isPrivateKey(pair->key);
 }
 
 /// Tries a key of another name (a renewed certificate, a plug-in that knows one key) on the recipients. The one that was
@@ -204,7 +197,7 @@ bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pa
     const bool named = openssl::namesRecipient(certificate, asked);
     const std::string otherKeyEncryption = openssl::otherKeyEncryption(asked);
     // Its result would be one by chance.
-    if (named && !belongsTo(certificate, key)) {
+    if (named && !belongTogether(certificate, key)) {
         return recordFailure({identifier, Attempt::KeyOfAnotherCertificate});
     }
     if (!round.unsupportedCipher.empty()) {

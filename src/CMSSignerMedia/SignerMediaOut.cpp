@@ -3,6 +3,7 @@
 #include "failures/Raise.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
+#include "openssl/SigningKeys.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
 
@@ -19,14 +20,6 @@ namespace {
 [[noreturn]] void endForNullPair() {
     std::fputs("norvcrypto: a signing stream was made with a null pair. Test the pair for null first.\n", stderr);
     std::abort();
-}
-
-/// Whether the pair can sign. OpenSSL takes a missing key or certificate at first and crashes on it later.
-bool keyMatchesCertificate(const NVX509::_KeyCertificatePair& signer) {
-    X509* certificate = signer.certificate;
-    EVP_PKEY* key = signer.key;
-    const openssl::ErrorMark mark;
-    return certificate != nullptr && key != nullptr && X509_check_private_key(certificate, key) == 1;
 }
 
 const EVP_MD* digestOf(Hasher::Type type) {
@@ -68,7 +61,7 @@ SignerMediaOutImpl::SignerMediaOutImpl(Hasher::Type type, const NVX509::KeyCerti
     if (signer.get() == nullptr) {
         endForNullPair();
     }
-    if (!keyMatchesCertificate(*signer)) {
+    if (!openssl::keyMatchesCertificate(signer->certificate, signer->key)) {
         failures::raise(failures::signerKeyMismatch, "Private key does not match certificate");
     }
     setUp(m_stream->structure(), type, *signer);

@@ -50,9 +50,6 @@ Reader::Reader(const MediaIn& in, const Budget& budget)
     if (m_inMemory != nullptr) {
         m_window = m_inMemory->rest();
         m_filled = m_inMemory->left();
-    } else {
-        m_buffer.resize(windowSize);
-        m_window = m_buffer.data();
     }
 }
 
@@ -81,7 +78,11 @@ void Reader::need(std::size_t octets) {
         m_filled -= m_at;
         m_at = 0;
     }
-    const std::size_t wanted = std::max(octets, smallerOf(m_buffer.size(), certain()));
+    const std::size_t wanted = std::max(octets, smallerOf(windowSize, certain()));
+    if (m_buffer.size() < wanted) { // small structures take small memory
+        m_buffer.resize(wanted);
+        m_window = m_buffer.data();
+    }
     while (m_filled < octets) {
         const int count = m_in.read(m_buffer.data() + m_filled, static_cast<unsigned int>(wanted - m_filled));
         if (count <= 0) {

@@ -1,6 +1,7 @@
 #include "openssl/AlgorithmName.h"
 
 #include "openssl/ErrorQueue.h"
+#include "openssl/Pointers.h"
 
 #include <array>
 
@@ -8,11 +9,19 @@ namespace Norvane::Crypto::openssl {
 
 namespace {
 
+constexpr const char* unreadable = "an unreadable object identifier";
+
+ObjectPtr decodedIdentifier(std::span<const unsigned char> element) {
+    const ErrorMark mark;
+    const unsigned char* at = element.data();
+    return ObjectPtr(element.empty() ? nullptr : d2i_ASN1_OBJECT(nullptr, &at, static_cast<long>(element.size())));
+}
+
 std::string dotted(const ASN1_OBJECT* identifier) {
     std::array<char, 128> text{};
     const ErrorMark mark;
     const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 1);
-    return length <= 0 ? "an unreadable object identifier" : text.data();
+    return length <= 0 ? unreadable : text.data();
 }
 
 } // namespace
@@ -23,6 +32,16 @@ std::string algorithmName(const ASN1_OBJECT* identifier) {
     }
     const int nid = OBJ_obj2nid(identifier);
     return nid == NID_undef ? dotted(identifier) : std::string(OBJ_nid2sn(nid)) + " (" + dotted(identifier) + ")";
+}
+
+std::string encodedIdentifierName(std::span<const unsigned char> element) {
+    const ObjectPtr identifier = decodedIdentifier(element);
+    return identifier == nullptr ? unreadable : algorithmName(identifier.get());
+}
+
+std::string encodedIdentifierDigits(std::span<const unsigned char> element) {
+    const ObjectPtr identifier = decodedIdentifier(element);
+    return identifier == nullptr ? std::string() : dotted(identifier.get());
 }
 
 std::string usualName(const ASN1_OBJECT* identifier) {

@@ -5,11 +5,11 @@
 /// decrypts the content. The two are apart so that callers can count what each costs.
 
 #include "openssl/Pointers.h"
+#include "openssl/WipedBytes.h"
 
 #include <openssl/pkcs7.h>
 
 #include <string>
-#include <vector>
 
 namespace Norvane::Crypto::openssl {
 
@@ -32,9 +32,6 @@ class ContentDecryption {
 public:
     /// \param structure lent; it has encrypted content
     explicit ContentDecryption(const PKCS7* structure) noexcept : m_structure(structure) {}
-    ~ContentDecryption();
-    ContentDecryption(const ContentDecryption&) = delete;
-    ContentDecryption& operator=(const ContentDecryption&) = delete;
 
     /// One private-key operation: opens a recipient's content key. One that opens takes the place of the one before;
     /// nothing tells whether it did.
@@ -47,7 +44,7 @@ public:
 
 private:
     const PKCS7* m_structure;
-    std::vector<unsigned char> m_contentKey;
+    WipedBytes m_contentKey;
 };
 
 } // namespace Norvane::Crypto::openssl

@@ -1,6 +1,7 @@
 // What sound messages of newer senders need, told from damaged ones.
 #include "support/Decrypting.h"
 #include "support/HostileDer.h"
+#include "support/MadeByOpenssl.h"
 
 #include <norvcrypto/CMSEnvelopeOutline.h>
 
@@ -9,40 +10,6 @@ using Outline = CMS::EnvelopeOutline;
 using Names = std::list<std::string>;
 
 namespace {
-
-/// OpenSSL's CMS calls put the recipients in, `add` does.
-Bytes madeByOpenssl(const EVP_CIPHER* cipher, const std::function<void(CMS_ContentInfo*)>& add,
-                    unsigned int flags = 0) {
-    const Bytes body = bodyOf(1000);
-    const Bio content(BIO_new_mem_buf(body.data(), static_cast<int>(body.size())));
-    flags |= CMS_BINARY;
-    const CmsStructure structure(CMS_encrypt(nullptr, nullptr, cipher, flags | CMS_PARTIAL));
-    add(structure.get());
-    const Bio out(BIO_new(BIO_s_mem()));
-    if ((flags & CMS_STREAM) != 0) {
-        EXPECT_EQ(i2d_CMS_bio_stream(out.get(), structure.get(), content.get(), static_cast<int>(flags)), 1);
-    } else {
-        EXPECT_EQ(CMS_final(structure.get(), content.get(), nullptr, flags), 1);
-        EXPECT_EQ(i2d_CMS_bio(out.get(), structure.get()), 1);
-    }
-    return contentOf(out.get());
-}
-
-std::function<void(CMS_ContentInfo*)> toCertificate(const Identity& person, unsigned int flags = 0) {
-    return [&person, flags](CMS_ContentInfo* structure) {
-        const auto certificate = person.certificate.x509();
-        EXPECT_NE(CMS_add1_recipient_cert(structure, certificate.get(), flags), nullptr);
-    };
-}
-void addSecretKey(CMS_ContentInfo* structure) {
-    auto* key = static_cast<unsigned char*>(OPENSSL_memdup(Bytes(32, 1).data(), 32));
-    auto* identifier = static_cast<unsigned char*>(OPENSSL_memdup("id", 2));
-    EXPECT_NE(CMS_add0_recipient_key(structure, NID_undef, key, 32, identifier, 2, nullptr, nullptr, nullptr), nullptr);
-}
-void addPassword(CMS_ContentInfo* structure) {
-    auto* secret = reinterpret_cast<unsigned char*>(OPENSSL_strdup("secret"));
-    EXPECT_NE(CMS_add0_recipient_password(structure, -1, NID_undef, NID_undef, secret, -1, nullptr), nullptr);
-}
 
 void expectUnreadable(const Bytes& message, const Names& unsupported) {
     const Outline outline(bufferOf(message));

@@ -1,0 +1,225 @@
+#include "CMSStreamReader/EnvelopeContent.h"
+
+#include "CMSStreamReader/AuthenticatedAttributes.h"
+#include "framing/LentMediaIn.h"
+#include "openssl/ErrorQueue.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace Norvane::Crypto::CMS {
+
+using framing::Broken;
+using framing::Fault;
+using framing::Octets;
+
+namespace {
+
+/// Content up to this length is decrypted once, and kept until it is known to be authentic.
+constexpr std::uint64_t s_atOnce = 0x10000;
+constexpr unsigned int s_spillInMemory = 0x10000;
+constexpr std::size_t s_unlimited = std::numeric_limits<std::size_t>::max();
+
+[[noreturn]] void fail() {
+    throw Broken(Fault::malformed);
+}
+
+/// Takes `count` octets at most from the front.
+Octets takeFront(Octets& octets, std::size_t count) {
+    const Octets front = octets.first(std::min(octets.size(), count));
+    octets = octets.subspan(front.size());
+    return front;
+}
+
+} // namespace
+
+EnvelopeContent::~EnvelopeContent() {
+    if (m_scratch != nullptr) {
+        OPENSSL_cleanse(m_scratch.get(), s_pieceLength + EVP_MAX_BLOCK_LENGTH);
+    }
+}
+
+void EnvelopeContent::spillTo(const std::string& /*fileTemplate*/) {
+    // Nothing is kept that could go to a file.
+}
+
+unsigned char* EnvelopeContent::scratch() {
+    if (m_scratch == nullptr) {
+        m_scratch.reset(static_cast<unsigned char*>(OPENSSL_malloc(s_pieceLength + EVP_MAX_BLOCK_LENGTH)));
+        if (m_scratch == nullptr) {
+            throw std::bad_alloc();
+        }
+    }
+    return m_scratch.get();
+}
+
+Octets EnvelopeContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {
+    const openssl::ErrorMark mark;
+    int count = 0;
+    if (EVP_DecryptUpdate(context, scratch(), &count, encrypted.data(), static_cast<int>(encrypted.size())) != 1) {
+        fail();
+    }
+    return {scratch(), static_cast<std::size_t>(count)};
+}
+
+StreamedContent::StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit,
+                                 openssl::CipherContextPtr context) noexcept
+    : EnvelopeContent(frame, tailLimit),
+      m_context(std::move(context)) {}
+
+StreamedContent::~StreamedContent() = default;
+
+void StreamedContent::start(const openssl::WipedBytes& contentKey) {
+    const openssl::ErrorMark mark;
+    if (!openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
+        fail();
+    }
+}
+
+Octets StreamedContent::next() {
+    if (m_piece.empty()) {
+        m_piece = frame().piece();
+    }
+    if (!m_piece.empty()) {
+        return decrypt(m_context.get(), takeFront(m_piece, s_pieceLength));
+    }
+    frame().readTail(tailLimit());
+    const openssl::ErrorMark mark;
+    int count = 0;
+    if (EVP_DecryptFinal_ex(m_context.get(), scratch(), &count) != 1 || !m_trusted) {
+        fail();
+    }
+    complete();
+    return {scratch(), static_cast<std::size_t>(count)};
+}
+
+/// The encrypted content from its beginning, once more.
+class AuthenticatedContent::Pieces {
+public:
+    /// Of a message in memory, which was found to be well-formed before.
+    explicit Pieces(Octets message) : m_frame(std::in_place, framing::LentMediaIn(message)) {
+        m_frame->readHead(s_unlimited);
+    }
+    explicit Pieces(const SwapBufferMediaOut& spill) : m_spill(spill.in()), m_buffer(s_pieceLength) {}
+
+    /// The next octets, `s_pieceLength` at most; none at the end.
+    Octets next() {
+        if (!m_frame) {
+            const int count = m_spill.read(m_buffer.data(), static_cast<unsigned int>(m_buffer.size()));
+            return {m_buffer.data(), static_cast<std::size_t>(std::max(count, 0))};
+        }
+        if (m_piece.empty()) {
+            m_piece = m_frame->piece();
+        }
+        return takeFront(m_piece, s_pieceLength);
+    }
+
+private:
+    std::optional<EnvelopeFraming> m_frame;
+    Octets m_piece;
+    MediaIn m_spill;
+    std::vector<unsigned char> m_buffer;
+};
+
+AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit,
+                                           openssl::AuthenticatedCipher cipher, Octets source,
+                                           std::uint64_t spillLimit) noexcept
+    : EnvelopeContent(frame, tailLimit),
+      m_cipher(std::move(cipher)),
+      m_source(source),
+      m_spillLimit(spillLimit) {}
+
+AuthenticatedContent::~AuthenticatedContent() = default;
+
+void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
+    if (!m_cipher.start(contentKey)) {
+        fail();
+    }
+}
+
+/// Passes the content, which is kept unless it lies in memory, and reads what is behind it.
+void AuthenticatedContent::keep() {
+    if (m_source.empty()) {
+        m_spill.emplace(s_spillInMemory, m_template.c_str());
+    }
+    for (Octets piece = frame().piece(); !piece.empty(); piece = frame().piece()) {
+        m_length += piece.size();
+        if (m_spill) {
+            if (m_length > m_spillLimit) {
+                throw SpillTooLong();
+            }
+            m_spill->write(piece.data(), static_cast<unsigned int>(piece.size())); // never longer than a window
+        }
+    }
+    frame().readTail(tailLimit());
+}
+
+/// Decrypts all of a small content, which so is decrypted only once.
+void AuthenticatedContent::verifyAtOnce(Pieces& pieces, EVP_CIPHER_CTX* context) {
+    const openssl::ErrorMark mark;
+    m_atOnce = openssl::WipedBytes(static_cast<std::size_t>(m_length) + EVP_MAX_BLOCK_LENGTH);
+    std::size_t at = 0;
+    for (Octets piece = pieces.next(); !piece.empty(); piece = pieces.next()) {
+        int count = 0;
+        if (piece.size() > m_length - at || EVP_DecryptUpdate(context, m_atOnce.data() + at, &count, piece.data(),
+                                                              static_cast<int>(piece.size())) != 1) {
+            fail();
+        }
+        at += static_cast<std::size_t>(count);
+    }
+    m_atOnce.shorten(at);
+}
+
+void AuthenticatedContent::verify() {
+    keep();
+    std::vector<unsigned char> associated;
+    if (!authenticatedAttributes(frame(), associated)) {
+        fail();
+    }
+    const openssl::CipherContextPtr context = m_cipher.verifying(associated);
+    if (context == nullptr) {
+        fail();
+    }
+    const auto again = [this] {
+        return m_spill ? std::make_unique<Pieces>(*m_spill) : std::make_unique<Pieces>(m_source);
+    };
+    const auto pieces = again();
+    if (m_length <= s_atOnce) {
+        verifyAtOnce(*pieces, context.get());
+    } else {
+        for (Octets piece = pieces->next(); !piece.empty(); piece = pieces->next()) {
+            decrypt(context.get(), piece);
+        }
+    }
+    if (!m_cipher.isRight(context.get(), frame().tag())) {
+        fail();
+    }
+    m_verified = true;
+    if (m_length > s_atOnce) {
+        m_pieces = again();
+        m_context = m_cipher.verified();
+        if (m_context == nullptr) {
+            fail();
+        }
+    }
+}
+
+Octets AuthenticatedContent::next() {
+    if (!m_verified) {
+        verify();
+    }
+    if (m_pieces == nullptr) {
+        complete();
+        return m_atOnce.octets();
+    }
+    const Octets piece = m_pieces->next();
+    if (piece.empty()) {
+        complete();
+        return {};
+    }
+    return decrypt(m_context.get(), piece);
+}
+
+} // namespace Norvane::Crypto::CMS

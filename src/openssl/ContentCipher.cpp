@@ -1,0 +1,90 @@
+#include "openssl/ContentCipher.h"
+
+#include "openssl/AlgorithmName.h"
+#include "openssl/ErrorQueue.h"
+#include "openssl/Pkcs7.h"
+
+#include <openssl/objects.h>
+
+#include <algorithm>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+bool isForContent(const EVP_CIPHER* cipher) noexcept {
+    switch (EVP_CIPHER_get_mode(cipher)) {
+    case EVP_CIPH_CBC_MODE:
+    case EVP_CIPH_CFB_MODE:
+    case EVP_CIPH_OFB_MODE:
+    case EVP_CIPH_ECB_MODE:
+    case EVP_CIPH_STREAM_CIPHER:
+        return (EVP_CIPHER_get_flags(cipher) & EVP_CIPH_FLAG_AEAD_CIPHER) == 0;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+AlgorithmPtr decodeAlgorithm(std::span<const unsigned char> octets) {
+    const ErrorMark mark;
+    const unsigned char* at = octets.data();
+    AlgorithmPtr algorithm(d2i_X509_ALGOR(nullptr, &at, static_cast<long>(octets.size())));
+    return at == octets.data() + octets.size() ? std::move(algorithm) : nullptr;
+}
+
+AlgorithmPtr algorithmInParameters(const X509_ALGOR& algorithm) {
+    const ErrorMark mark;
+    return AlgorithmPtr(
+        static_cast<X509_ALGOR*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(X509_ALGOR), algorithm.parameter)));
+}
+
+CipherPtr cipherOf(const X509_ALGOR* algorithm) {
+    const ASN1_OBJECT* identifier = algorithmIdentifier(algorithm);
+    const int nid = identifier == nullptr ? NID_undef : OBJ_obj2nid(identifier);
+    if (nid == NID_undef) {
+        return nullptr;
+    }
+    const ErrorMark mark;
+    if (CipherPtr fetched{EVP_CIPHER_fetch(nullptr, OBJ_nid2sn(nid), nullptr)}) {
+        return fetched;
+    }
+    const EVP_CIPHER* listed = EVP_get_cipherbynid(nid);
+    // Freeing one that is no provider's does nothing.
+    return CipherPtr(const_cast<EVP_CIPHER*>(listed)); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+}
+
+std::string unsupportedContentCipher(const X509_ALGOR* algorithm) {
+    const CipherPtr cipher = cipherOf(algorithm);
+    return cipher != nullptr && isForContent(cipher.get()) ? "" : algorithmName(algorithmIdentifier(algorithm));
+}
+
+CipherContextPtr contextFor(const X509_ALGOR* algorithm) {
+    const CipherPtr cipher = cipherOf(algorithm);
+    if (cipher == nullptr || !isForContent(cipher.get()) ||
+        (EVP_CIPHER_get_iv_length(cipher.get()) != 0 && algorithm->parameter == nullptr)) {
+        return nullptr;
+    }
+    CipherContextPtr context(EVP_CIPHER_CTX_new());
+    if (context == nullptr || EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, nullptr, nullptr) != 1 ||
+        EVP_CIPHER_asn1_to_param(context.get(), algorithm->parameter) < 0) {
+        return nullptr;
+    }
+    return context;
+}
+
+bool setContentKey(EVP_CIPHER_CTX* context, const WipedBytes& contentKey, bool& trusted) {
+    const auto expected = static_cast<std::size_t>(std::max(0, EVP_CIPHER_CTX_get_key_length(context)));
+    WipedBytes random(expected);
+    const bool drawn = expected != 0 && EVP_CIPHER_CTX_rand_key(context, random.data()) == 1;
+    const bool exact = contentKey.size() == expected;
+    // Some senders' content keys have another length than the effective one that RC2's parameters announce.
+    const bool fits = exact || (!contentKey.empty() &&
+                                EVP_CIPHER_CTX_set_key_length(context, static_cast<int>(contentKey.size())) == 1);
+    trusted = exact || EVP_CIPHER_CTX_get_block_size(context) > 1;
+    return drawn &&
+           EVP_DecryptInit_ex(context, nullptr, nullptr, (fits ? contentKey : random).octets().data(), nullptr) == 1;
+}
+
+} // namespace Norvane::Crypto::openssl

@@ -1,0 +1,206 @@
+#include "openssl/KeyUnwrapping.h"
+
+#include "openssl/AlgorithmName.h"
+#include "openssl/ContentCipher.h"
+#include "openssl/ErrorQueue.h"
+#include "openssl/Pkcs7.h"
+
+#include <openssl/objects.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace Norvane::Crypto::openssl {
+
+namespace {
+
+using Pbkdf2Ptr = Owned<PBKDF2PARAM, PBKDF2PARAM_free>;
+
+bool isWrap(int nid) noexcept {
+    switch (nid) {
+    case NID_id_aes128_wrap:
+    case NID_id_aes192_wrap:
+    case NID_id_aes256_wrap:
+    case NID_id_aes128_wrap_pad:
+    case NID_id_aes192_wrap_pad:
+    case NID_id_aes256_wrap_pad:
+    case NID_id_smime_alg_CMS3DESwrap:
+        return true;
+    default:
+        return false;
+    }
+}
+
+Pbkdf2Ptr pbkdf2Of(const X509_ALGOR& derivation) {
+    const ErrorMark mark;
+    return Pbkdf2Ptr(
+        static_cast<PBKDF2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), derivation.parameter)));
+}
+
+/// The digest of a function that PBKDF2 repeats; HMAC with SHA-1 where none is named. Null for an unknown one.
+const EVP_MD* digestOf(const X509_ALGOR* function) {
+    int digest = NID_undef;
+    const int nid = function == nullptr ? NID_hmacWithSHA1 : OBJ_obj2nid(function->algorithm);
+    return EVP_PBE_find(EVP_PBE_TYPE_PRF, nid, nullptr, &digest, nullptr) == 1 ? EVP_get_digestbynid(digest) : nullptr;
+}
+
+WipedBytes keyOf(const X509_ALGOR& derivation, std::span<const unsigned char> password, std::size_t length) {
+    const Pbkdf2Ptr parameters = pbkdf2Of(derivation);
+    if (parameters == nullptr || parameters->salt->type != V_ASN1_OCTET_STRING || password.size() > INT_MAX) {
+        return {};
+    }
+    std::int64_t announced = 0;
+    if (parameters->keylength != nullptr && (ASN1_INTEGER_get_int64(&announced, parameters->keylength) != 1 ||
+                                             announced != static_cast<std::int64_t>(length))) {
+        return {};
+    }
+    const ASN1_OCTET_STRING* salt = parameters->salt->value.octet_string;
+    WipedBytes key(length);
+    const bool derived =
+        PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password.data()), static_cast<int>(password.size()),
+                          ASN1_STRING_get0_data(salt), ASN1_STRING_length(salt),
+                          static_cast<int>(ASN1_INTEGER_get(parameters->iter)), digestOf(parameters->prf),
+                          static_cast<int>(length), key.data()) == 1;
+    return derived ? std::move(key) : WipedBytes();
+}
+
+bool decryptBlocks(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, std::size_t length) {
+    int count = 0;
+    return EVP_DecryptUpdate(context, out, &count, in, static_cast<int>(length)) == 1 &&
+           count == static_cast<int>(length);
+}
+
+/// Undoes both of the encryptions of RFC 3211, 2.3.2: the blocks that the first one gave are the second one's text, whose
+/// initialisation vector is the last block of the first one.
+bool decryptTwice(EVP_CIPHER_CTX* context, std::span<const unsigned char> wrapped, std::size_t block,
+                  unsigned char* out) {
+    const std::size_t length = wrapped.size();
+    const std::size_t allButLast = length - block;
+    // The last block of the first encryption: it follows from the last two of the second one.
+    return decryptBlocks(context, out + allButLast - block, wrapped.data() + allButLast - block, 2 * block) &&
+           // Passing it through makes it the vector for the blocks from the first one on.
+           decryptBlocks(context, out, out + allButLast, block) &&
+           decryptBlocks(context, out, wrapped.data(), allButLast) &&
+           EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, nullptr) == 1 &&
+           decryptBlocks(context, out, out, length);
+}
+
+/// A length, three check bytes, the key, and padding (RFC 3211, 2.3.1).
+WipedBytes keyInside(const WipedBytes& opened) {
+    constexpr std::size_t before = 4;
+    const unsigned char* at = opened.data();
+    const std::size_t length = at[0];
+    const unsigned int check = (at[1] ^ at[4]) & (at[2] ^ at[5]) & (at[3] ^ at[6]);
+    if (check != 0xFFU || length < 3 || length > opened.size() - before) {
+        return {};
+    }
+    WipedBytes key(length);
+    std::copy_n(at + before, length, key.data());
+    return key;
+}
+
+} // namespace
+
+std::string unsupportedWrap(const X509_ALGOR* algorithm) {
+    const ASN1_OBJECT* identifier = algorithmIdentifier(algorithm);
+    return identifier != nullptr && isWrap(OBJ_obj2nid(identifier)) && cipherOf(algorithm) != nullptr
+               ? ""
+               : algorithmName(identifier);
+}
+
+std::size_t keyEncryptionKeyLength(const X509_ALGOR& algorithm) {
+    const CipherPtr cipher = cipherOf(&algorithm);
+    return cipher == nullptr ? 0 : static_cast<std::size_t>(std::max(0, EVP_CIPHER_get_key_length(cipher.get())));
+}
+
+WipedBytes unwrapKey(const X509_ALGOR& algorithm, std::span<const unsigned char> keyEncryptionKey,
+                     std::span<const unsigned char> wrapped) {
+    const ErrorMark mark;
+    const CipherPtr cipher = cipherOf(&algorithm);
+    const CipherContextPtr context(EVP_CIPHER_CTX_new());
+    if (cipher == nullptr || context == nullptr || wrapped.size() > longestWrappedKey ||
+        keyEncryptionKey.size() != static_cast<std::size_t>(std::max(0, EVP_CIPHER_get_key_length(cipher.get())))) {
+        return {};
+    }
+    EVP_CIPHER_CTX_set_flags(context.get(), EVP_CIPHER_CTX_FLAG_WRAP_ALLOW);
+    if (EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, keyEncryptionKey.data(), nullptr) != 1) {
+        return {};
+    }
+    WipedBytes opened(wrapped.size() + EVP_MAX_BLOCK_LENGTH);
+    int length = 0;
+    if (EVP_DecryptUpdate(context.get(), opened.data(), &length, wrapped.data(), static_cast<int>(wrapped.size())) !=
+            1 ||
+        length <= 0) {
+        return {};
+    }
+    opened.shorten(static_cast<std::size_t>(length));
+    return opened;
+}
+
+std::string unsupportedPassword(const PasswordEncryption& algorithms) {
+    const ErrorMark mark;
+    if (algorithms.derivation == nullptr) {
+        return "a key that is not derived from the password";
+    }
+    if (OBJ_obj2nid(algorithms.derivation->algorithm) != NID_id_pbkdf2) {
+        return algorithmName(algorithms.derivation->algorithm);
+    }
+    if (const Pbkdf2Ptr parameters = pbkdf2Of(*algorithms.derivation); parameters != nullptr) {
+        if (digestOf(parameters->prf) == nullptr) {
+            return "PBKDF2 with " + algorithmName(parameters->prf->algorithm);
+        }
+        if (parameters->salt->type != V_ASN1_OCTET_STRING) {
+            return "PBKDF2 with a salt of another source";
+        }
+    }
+    const ASN1_OBJECT* identifier = algorithmIdentifier(algorithms.encryption);
+    if (identifier == nullptr || OBJ_obj2nid(identifier) != NID_id_alg_PWRI_KEK) {
+        return algorithmName(identifier);
+    }
+    const AlgorithmPtr inner = algorithmInParameters(*algorithms.encryption);
+    if (inner == nullptr) {
+        return {};
+    }
+    const CipherPtr cipher = cipherOf(inner.get());
+    return cipher != nullptr && EVP_CIPHER_get_mode(cipher.get()) == EVP_CIPH_CBC_MODE
+               ? ""
+               : "id-alg-PWRI-KEK with " + algorithmName(inner->algorithm);
+}
+
+std::optional<std::int64_t> iterationsOf(const PasswordEncryption& algorithms) {
+    const ErrorMark mark;
+    const Pbkdf2Ptr parameters = algorithms.derivation == nullptr ? nullptr : pbkdf2Of(*algorithms.derivation);
+    std::int64_t iterations = 0;
+    if (parameters == nullptr) {
+        return 1; // nothing is hashed for it
+    }
+    if (ASN1_INTEGER_get_int64(&iterations, parameters->iter) != 1 || iterations < 1 || iterations > INT_MAX) {
+        return std::nullopt;
+    }
+    return iterations;
+}
+
+WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const unsigned char> password,
+                           std::span<const unsigned char> wrapped) {
+    const ErrorMark mark;
+    const AlgorithmPtr inner = algorithmInParameters(*algorithms.encryption);
+    const CipherContextPtr context = contextFor(inner.get());
+    if (context == nullptr || wrapped.size() > longestWrappedKey) {
+        return {};
+    }
+    const auto block = static_cast<std::size_t>(EVP_CIPHER_CTX_get_block_size(context.get()));
+    if (block < 2 || wrapped.size() < 2 * block || wrapped.size() % block != 0) {
+        return {};
+    }
+    const WipedBytes key =
+        keyOf(*algorithms.derivation, password, static_cast<std::size_t>(EVP_CIPHER_CTX_get_key_length(context.get())));
+    WipedBytes opened(wrapped.size());
+    if (key.empty() || EVP_DecryptInit_ex(context.get(), nullptr, nullptr, key.data(), nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
+        !decryptTwice(context.get(), wrapped, block, opened.data())) {
+        return {};
+    }
+    return keyInside(opened);
+}
+
+} // namespace Norvane::Crypto::openssl
