@@ -175,7 +175,8 @@ public:
     [[nodiscard]] bool hasContent() const;
 
     /// Where the file for the content of an authenticated message is made, as for `SwapBufferMediaOut`; to be called before
-    /// the first octet is read. "/var/tmp/swapXXXXXX" unless it is called.
+    /// the first octet is read. "norvcrypto-XXXXXX" in the system's folder for
+    /// temporary files unless it is called.
     void spillTo(const std::string& fileTemplate);
 
     /// Chooses the one key that the content is read with, by asking for each recipient until there is a key. True tells that

@@ -164,8 +164,9 @@ struct EnvelopeOptions {
     /// What the body is, as an object identifier in digits: id-data, unless it is another CMS structure. With GCM, another
     /// type is authenticated in a content-type attribute (RFC 5083, 2.1), which OpenSSL 3.0 does not read.
     std::string contentType = "1.2.840.113549.1.7.1";
-    /// Where the file is made, which has no name and is its owner's alone (see `SwapBufferMediaOut`).
-    std::string temporaryFile = "/var/spool/tmp/swapXXXXXX";
+    /// Where the file is made, which has no name and is its owner's alone: a path that ends in "XXXXXX" (see
+    /// `SwapBufferMediaOut`). Empty: "norvcrypto-XXXXXX" in the system's folder for temporary files.
+    std::string temporaryFile{};
 };
 
 /// The strongest cipher that all recipients say they can read (S/MIME capabilities; RFC 8551, 2.5.2 and 2.7.1): GCM before

@@ -1,5 +1,6 @@
 #include "CMSStreamReader/EnvelopeContent.h"
 
+#include "CMS/TemporaryFile.h"
 #include "CMSStreamReader/AuthenticatedAttributes.h"
 #include "framing/LentMediaIn.h"
 #include "openssl/ErrorQueue.h"
@@ -142,7 +143,7 @@ void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
 /// Passes the content, which is kept unless it lies in memory, and reads what is behind it.
 void AuthenticatedContent::keep() {
     if (m_source.empty()) {
-        m_spill.emplace(s_spillInMemory, m_template.c_str());
+        m_spill.emplace(s_spillInMemory, temporaryFile(m_template).c_str());
     }
     for (Octets piece = frame().piece(); !piece.empty(); piece = frame().piece()) {
         m_length += piece.size();

@@ -93,7 +93,7 @@ private:
     openssl::AuthenticatedCipher m_cipher;
     framing::Octets m_source;
     std::uint64_t m_spillLimit;
-    std::string m_template = "/var/tmp/swapXXXXXX";
+    std::string m_template;
     std::optional<SwapBufferMediaOut> m_spill;
     std::uint64_t m_length = 0; ///< of the content
     bool m_verified = false;

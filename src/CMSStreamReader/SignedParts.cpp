@@ -3,6 +3,7 @@
 #include "framing/Reader.h"
 
 #include <algorithm>
+#include <array>
 
 namespace Norvane::Crypto::CMS {
 
@@ -129,7 +130,15 @@ Octets stringOctets(const Element& string, KeptOctets& kept) {
     return whole;
 }
 
+/// SHAKE256 has two identifiers (RFC 8419, 2.3; RFC 8702, 3.1), one of which tells the length in bits.
+constexpr std::array<unsigned char, 11> s_shake256{0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x0C};
+constexpr std::array<unsigned char, 15> s_shake256WithLength{0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03,
+                                                             0x04, 0x02, 0x12, 0x02, 0x02, 0x02, 0x00};
+
 Octets algorithmOf(const Element& algorithm) {
+    if (std::ranges::equal(algorithm.content, s_shake256WithLength)) { // of the 512 bits that both mean
+        return s_shake256;
+    }
     constexpr std::uint32_t nullTag = 5;
     Elements parts(requiredConstructed(algorithm));
     const Element identifier = requiredPrimitive(parts.nextUniversal(framing::objectIdentifier));

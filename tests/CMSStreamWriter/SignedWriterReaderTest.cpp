@@ -46,7 +46,7 @@ void expectGood(const Options& options, const Bytes& body) {
 TEST(SignedRoundTrip, EveryKindOfKeyInEveryForm) {
     const Bytes body = bodyOf(10000);
     std::vector<Signer> signers;
-    for (const Identity* identity : {&identities().rsa, &identities().ec, &p384(), &p521(), &ed25519()}) {
+    for (const Identity* identity : {&identities().rsa, &identities().ec, &p384(), &p521(), &ed25519(), &ed448()}) {
         signers.emplace_back(pairOf(*identity));
     }
     signers.emplace_back(pairOf(identities().otherRsa));

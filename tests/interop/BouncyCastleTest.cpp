@@ -22,6 +22,12 @@ namespace {
 
 constexpr const char* s_jars = "/usr/share/java/bcpkix.jar:/usr/share/java/bcprov.jar:/usr/share/java/bcutil.jar";
 
+norvauthority::Key ed448Key() {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> made(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448"),
+                                                                   EVP_PKEY_free);
+    return norvauthority::Key::of(made.get());
+}
+
 const Identity& person(const std::string& name) {
     static const std::map<std::string, Identity> people = [] {
         const auto made = [](const std::string& who, const norvauthority::Key& key, const std::string& serial) {
@@ -33,7 +39,8 @@ const Identity& person(const std::string& name) {
                                                {"p256", made("p256", norvauthority::Key::ec("P-256"), "bc03")},
                                                {"p384", made("p384", norvauthority::Key::ec("P-384"), "bc04")},
                                                {"p521", made("p521", norvauthority::Key::ec("P-521"), "bc05")},
-                                               {"ed25519", made("ed25519", norvauthority::Key::ed25519(), "bc06")}};
+                                               {"ed25519", made("ed25519", norvauthority::Key::ed25519(), "bc06")},
+                                               {"ed448", made("ed448", ed448Key(), "bc07")}};
     }();
     return people.at(name);
 }
@@ -45,7 +52,7 @@ protected:
             GTEST_SKIP() << "no JDK, or no Bouncy Castle (libbcpkix-java)";
         initialize();
         JudgedTest::SetUp();
-        for (const char* name : {"alice", "bob", "p256", "p384", "p521", "ed25519"})
+        for (const char* name : {"alice", "bob", "p256", "p384", "p521", "ed25519", "ed448"})
             put(name, person(name));
         work.write("body", m_body);
         work.write("kek", std::string(32, '\x42'));
@@ -98,8 +105,8 @@ Buffer bufferOf(const std::string& text) {
 
 struct Signing {
     const char* who;
-    const char* algorithm; ///< as Bouncy Castle calls it
-    Hasher::Type digest;
+    const char* algorithm;              ///< as Bouncy Castle calls it
+    std::optional<Hasher::Type> digest; ///< unset: the one that the key demands
     bool pss;
     bool attributesAlone; ///< it signs attributes alone
 };
@@ -113,6 +120,7 @@ const std::vector<Signing> signings{
     {"p384", "SHA384WITHECDSA", Hasher::SHA384, false, false},
     {"p521", "SHA512WITHECDSA", Hasher::SHA512, false, false},
     {"ed25519", "ED25519", Hasher::SHA512, false, true},
+    {"ed448", "ED448", std::nullopt, false, true},
 };
 
 } // namespace
