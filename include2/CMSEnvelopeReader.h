@@ -95,7 +95,7 @@ private:
     std::unique_ptr<const Index> m_index;
 };
 
-struct EnvelopeRecipient;
+struct ReceivedRecipient;
 class EnvelopeReaderImpl;
 
 /// One message.
@@ -148,9 +148,9 @@ public:
     private:
         friend class EnvelopeReader;
         friend class EnvelopeReaderImpl;
-        explicit Recipient(std::shared_ptr<const EnvelopeRecipient> parts) noexcept;
+        explicit Recipient(std::shared_ptr<const ReceivedRecipient> parts) noexcept;
 
-        std::shared_ptr<const EnvelopeRecipient> m_parts;
+        std::shared_ptr<const ReceivedRecipient> m_parts;
     };
 
     /// Keeps `in`, which nobody else reads from now on, and reads up to the content.
@@ -169,7 +169,7 @@ public:
     /// The type of the content in digits: "1.2.840.113549.1.7.1" for data. Authenticated where the message is: a content
     /// of another type than data must come with the attribute that says so (RFC 5083, 2.1), else it counts as damaged.
     [[nodiscard]] std::string contentType() const;
-    /// The cipher by name and object identifier: "aes-256-cbc (2.16.840.1.101.3.4.1.42)".
+    /// The cipher by name and object identifier: "AES-256-CBC (2.16.840.1.101.3.4.1.42)".
     [[nodiscard]] std::string cipher() const;
     /// False when the message carries no encrypted content, because it is somewhere else. It cannot be opened then.
     [[nodiscard]] bool hasContent() const;

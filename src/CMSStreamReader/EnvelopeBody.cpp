@@ -106,7 +106,7 @@ const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
         RecipientWalk walk(*m_recipientOctets);
         while (const auto parts = walk.next()) {
             m_recipients.push_back(
-                Recipient(std::make_shared<const EnvelopeRecipient>(EnvelopeRecipient{m_recipientOctets, *parts})));
+                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{m_recipientOctets, *parts})));
         }
     }
     return m_recipients;
@@ -114,6 +114,12 @@ const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
 
 std::string EnvelopeReaderImpl::cipher() const {
     return openssl::algorithmName(m_algorithm->algorithm);
+}
+
+void EnvelopeReaderImpl::spillTo(const std::string& fileTemplate) {
+    if (m_content != nullptr) {
+        m_content->spillTo(fileTemplate);
+    }
 }
 
 /// False for a message that is not supported, whoever it is for.
@@ -166,9 +172,9 @@ const EnvelopeReaderImpl::Search::Answer& EnvelopeReaderImpl::Search::ask(const 
     Answer answer{NVX509::KeyCertificatePair(false), false};
     if (const auto identifier = identifierOf(parts)) {
         NVX509::KeyCertificatePair pair = keys.find(*identifier);
-        const bool named = pair && identifier->names(pair->certificate);
-        if (pair && isPrivateKey(pair->key) && (!named || belongTogether(pair->certificate, pair->key))) {
-            answer = {pair, named};
+        const X509* certificate = pair ? static_cast<X509*>(pair->certificate) : nullptr;
+        if (pair && isPrivateKey(pair->key) && (certificate == nullptr || belongTogether(certificate, pair->key))) {
+            answer = {pair, certificate != nullptr && identifier->names(pair->certificate)};
         }
     }
     return answers.emplace(parts, answer).first->second;

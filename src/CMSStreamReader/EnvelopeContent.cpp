@@ -64,7 +64,7 @@ Octets EnvelopeContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {
     return {scratch(), static_cast<std::size_t>(count)};
 }
 
-StreamedContent::StreamedContent(EnvelopeFrame& frame, std::size_t tailLimit,
+StreamedContent::StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit,
                                  openssl::CipherContextPtr context) noexcept
     : EnvelopeContent(frame, tailLimit),
       m_context(std::move(context)) {}
@@ -117,13 +117,13 @@ public:
     }
 
 private:
-    std::optional<EnvelopeFrame> m_frame;
+    std::optional<EnvelopeFraming> m_frame;
     Octets m_piece;
     MediaIn m_spill;
     std::vector<unsigned char> m_buffer;
 };
 
-AuthenticatedContent::AuthenticatedContent(EnvelopeFrame& frame, std::size_t tailLimit,
+AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit,
                                            openssl::AuthenticatedCipher cipher, Octets source,
                                            std::uint64_t spillLimit) noexcept
     : EnvelopeContent(frame, tailLimit),

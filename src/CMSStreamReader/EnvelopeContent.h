@@ -3,7 +3,7 @@
 /// \file
 /// Decrypting the content of an enveloped message piece by piece.
 
-#include "CMSStreamReader/EnvelopeFrame.h"
+#include "CMSStreamReader/EnvelopeFraming.h"
 #include "openssl/AuthenticatedCipher.h"
 #include "openssl/ContentCipher.h"
 
@@ -26,7 +26,7 @@ struct SpillTooLong {};
 class EnvelopeContent {
 public:
     /// \param limit of what is behind the content
-    EnvelopeContent(EnvelopeFrame& frame, std::size_t limit) noexcept : m_frame(frame), m_tailLimit(limit) {}
+    EnvelopeContent(EnvelopeFraming& frame, std::size_t limit) noexcept : m_frame(frame), m_tailLimit(limit) {}
     virtual ~EnvelopeContent();
     EnvelopeContent(const EnvelopeContent&) = delete;
     EnvelopeContent& operator=(const EnvelopeContent&) = delete;
@@ -43,7 +43,7 @@ protected:
     /// What is decrypted at once: enough for the calls not to count, and within a processor's nearer caches.
     static constexpr std::size_t s_pieceLength = 0x8000;
 
-    [[nodiscard]] EnvelopeFrame& frame() noexcept { return m_frame; }
+    [[nodiscard]] EnvelopeFraming& frame() noexcept { return m_frame; }
     [[nodiscard]] std::size_t tailLimit() const noexcept { return m_tailLimit; }
     void complete() noexcept { m_complete = true; }
     unsigned char* scratch();
@@ -51,7 +51,7 @@ protected:
     framing::Octets decrypt(EVP_CIPHER_CTX* context, framing::Octets encrypted);
 
 private:
-    EnvelopeFrame& m_frame;
+    EnvelopeFraming& m_frame;
     std::size_t m_tailLimit;
     openssl::OwnedMemory<unsigned char> m_scratch;
     bool m_complete = false;
@@ -61,7 +61,7 @@ private:
 class StreamedContent : public EnvelopeContent {
 public:
     /// \param context has the cipher and its parameters
-    StreamedContent(EnvelopeFrame& frame, std::size_t tailLimit, openssl::CipherContextPtr context) noexcept;
+    StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit, openssl::CipherContextPtr context) noexcept;
     ~StreamedContent() override;
     void start(const openssl::WipedBytes& contentKey) override;
     framing::Octets next() override;
@@ -76,7 +76,7 @@ private:
 class AuthenticatedContent : public EnvelopeContent {
 public:
     /// \param source the message from its first octet on where it lies in memory, else nothing
-    AuthenticatedContent(EnvelopeFrame& frame, std::size_t tailLimit, openssl::AuthenticatedCipher cipher,
+    AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit, openssl::AuthenticatedCipher cipher,
                          framing::Octets source, std::uint64_t spillLimit) noexcept;
     ~AuthenticatedContent() override;
     void spillTo(const std::string& fileTemplate) override { m_template = fileTemplate; }

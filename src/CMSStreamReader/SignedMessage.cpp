@@ -137,17 +137,16 @@ void SignedMessage::readDigestAlgorithms(Octets algorithms) {
     Elements elements(algorithms);
     while (!elements.atEnd()) {
         const auto algorithm = elements.nextUniversal(framing::sequence);
-        const auto identifier =
-            algorithm ? Elements(*algorithm).nextUniversal(framing::objectIdentifier) : std::nullopt;
-        if (!identifier) {
+        if (!algorithm) {
             throw Broken(Fault::malformed);
         }
+        const Octets identifier = algorithmOf(*algorithm);
         if (seen.size() == mostAnnounced ||
-            std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, identifier->whole); })) {
+            std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, identifier); })) {
             continue;
         }
-        seen.push_back(identifier->whole);
-        if (const EVP_MD* digest = contentDigest(identifier->whole)) {
+        seen.push_back(identifier);
+        if (const EVP_MD* digest = contentDigest(identifier)) {
             m_announced.push_back(digest);
         }
     }
