@@ -204,6 +204,12 @@ TEST(SignedReaderRefusal, WhatIsNotSupportedIsNamed) {
     Norvane::MediaOut digest = reader.digest();
     digest.write(bufferOf(body()));
     EXPECT_EQ(reader.report().signers.front().verdict, SignatureVerdict::good) << "its signers were known before";
+    message.digestAlgorithms = {};
+    StrictIn bare(message.made());
+    const SignedReader other(bare);
+    digest = other.digest();
+    digest.write(bufferOf(body()));
+    EXPECT_EQ(other.report().signers.front().verdict, SignatureVerdict::good) << "likewise";
 }
 
 TEST(SignedReaderRefusal, CertificatesThatCannotBeUsed) {

@@ -114,6 +114,7 @@ TEST_F(EnvelopeWriterOpenSsl, DecryptsEveryKindInBothEncodings) {
 TEST_F(EnvelopeWriterOpenSsl, DecryptsForEachOfMany) {
     const std::vector<Kind> all = kinds();
     std::vector<EnvelopeRecipient> recipients;
+    recipients.reserve(all.size());
     for (const Kind& kind : all)
         recipients.push_back(kind.recipient);
     write(recipients, {ContentCipher::aes256Cbc}, sampleBody());

@@ -276,6 +276,7 @@ TEST(SignedReaderWork, ThousandsOfAttributesAreDigestedOnceAndNotDecoded) {
 
 TEST(SignedReaderWork, NamesAreDecodedOnceHoweverManySignersThereAre) {
     std::vector<Bytes> certificates;
+    certificates.reserve(2501);
     for (int number = 0; number < 2500; ++number) {
         certificates.push_back(
             certificateLike(norvauthority::Name{{"CN", "not " + std::to_string(number)}}.der(), "a11ce"));

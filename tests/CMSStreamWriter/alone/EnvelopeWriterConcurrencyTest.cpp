@@ -6,10 +6,7 @@ using namespace cmstest;
 
 TEST(EnvelopeWriterConcurrency, ThreadsEncryptForTheSameRecipients) {
     const std::vector<Addressee> people = addressees();
-    std::vector<CMS::EnvelopeRecipient> recipients;
-    for (const Addressee& person : people) {
-        recipients.push_back(person.recipient);
-    }
+    const std::vector<CMS::EnvelopeRecipient> recipients = recipientsOf(people);
     const Bytes body = bodyOf(20000);
     std::atomic<int> good{0};
     norvtest::together([&](int number) {
