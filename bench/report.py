@@ -50,6 +50,10 @@ def quartiles(values):
     return tuple(statistics.quantiles(values, n=4, method="inclusive"))
 
 
+def short(ratio):
+    return f"{ratio:.2f}" if ratio >= 0.1 else f"{ratio:.2g}"
+
+
 def duration(seconds):
     for unit, size in (("s", 1.0), ("ms", 1e-3), ("us", 1e-6)):
         if seconds >= size or unit == "us":
@@ -124,11 +128,11 @@ def main():
                     numbers.append((task, who, x, f"{value:.0f}", "", "", ""))
                     continue
                 ratio = results.ratios(task, who, x)
-                numbers.append((task, who, x, f"{value:.4g}", *(f"{part:.3f}" for part in (ratio or ()))))
+                numbers.append((task, who, x, f"{value:.4g}", *(f"{part:.4g}" for part in (ratio or ()))))
                 if who == BASE:
                     cells.append(duration(value))
                 elif ratio:
-                    cells.append(f"{ratio[1]:.2f} ({ratio[0]:.2f}-{ratio[2]:.2f})")
+                    cells.append(f"{short(ratio[1])} ({short(ratio[0])}-{short(ratio[2])})")
                 else:
                     cells.append(duration(value))
                 line.append((x, value * 1e6 if name == "counts" else ratio[1] if ratio else 0))

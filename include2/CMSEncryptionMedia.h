@@ -62,7 +62,7 @@ public:
     EncrypterMediaOutImpl& operator=(const EncrypterMediaOutImpl&) = delete;
 
     /// Adds bytes to the body. They collect in a buffer of 4096 bytes that is passed on when the next piece does not
-    /// fit; a piece larger than the buffer makes it grow to that size, for good.
+    /// fit. A piece of more than 8192 bytes is encrypted at once, from where it lies.
     ///
     /// Deliberately odd: what is written after `end()` is dropped without a word, since the structure is finished.
     void write(const Buffer& data) override;

@@ -4,7 +4,7 @@
 /// What all contestants work on: one identity that lies in a folder in the forms that each of them reads, and messages made by
 /// OpenSSL.
 
-#include "Bodies.h"
+#include "../Bodies.h"
 
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/KeyStore.h>

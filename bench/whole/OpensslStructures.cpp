@@ -58,7 +58,7 @@ Run cmsSigner(const Material& material, std::size_t size, bool detached) {
             BIO_pop(chain.get()); // from the sink, which is freed alone
             require(i2d_CMS_bio(out.get(), structure.get()) == 1, "not written");
         } else {
-            const BioPtr content = reading(body(size));
+            const BioPtr content(BIO_new_mem_buf(body(size).data(), static_cast<int>(size)));
             require(i2d_CMS_bio_stream(out.get(), structure.get(), content.get(), static_cast<int>(flags)) == 1,
                     "not written");
         }

@@ -3,7 +3,7 @@
 /// \file
 /// How the library's streams are fed.
 
-#include "Bodies.h"
+#include "../Bodies.h"
 #include "Contest.h"
 #include "Material.h"
 

@@ -90,8 +90,8 @@ Run opener(const Material& material, std::size_t size, const EVP_CIPHER* cipher,
 }
 
 Run wrapper(const Material& material, std::size_t size, std::size_t recipients,
-            const EVP_CIPHER* cipher = EVP_aes_256_cbc()) {
-    return [&material, size, recipients, cipher] {
+            const EVP_CIPHER* cipher = EVP_aes_256_cbc(), bool keeps = false) {
+    return [&material, size, recipients, cipher, keeps] {
         unsigned char random[48];
         RAND_bytes(random, 32);
         RAND_bytes(random + 32, 16);
@@ -99,7 +99,7 @@ Run wrapper(const Material& material, std::size_t size, std::size_t recipients,
             keep(wrapped(material.key.get(), random));
         }
         // Memory that nobody clears first, and that is fresh each time, as the structure's is.
-        const std::unique_ptr<unsigned char[]> out(new unsigned char[size + 32]);
+        const std::unique_ptr<unsigned char[]> out(keeps ? new unsigned char[size + 32] : nullptr);
         crypt(cipher, true, random, random + 32, body(size), size, out.get(), nullptr);
     };
 }
@@ -170,6 +170,8 @@ void addPrimitives(Contest& contest, const Material& material) {
         contest.add(task, who, [&material](std::size_t size) { return verifier(material, size, 1); });
     }
     contest.add("envelope", who, [&material](std::size_t size) { return wrapper(material, size, 1); });
+    contest.add("envelope", "primitives, into memory", // as those do who must know the length first
+                [&material](std::size_t size) { return wrapper(material, size, 1, EVP_aes_256_cbc(), true); });
     contest.add("envelope authenticated", who,
                 [&material](std::size_t size) { return wrapper(material, size, 1, EVP_aes_256_gcm()); });
     for (const char* task : {"open", "open BER"}) {

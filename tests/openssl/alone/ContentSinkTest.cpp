@@ -121,7 +121,7 @@ TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
     std::string expected;
     for (int turn = 0; turn != 300; ++turn) {
         const auto room = sink.room();
-        const std::size_t count = std::min<std::size_t>(room.size(), turn % 7 * 3000);
+        const std::size_t count = std::min<std::size_t>(room.size(), std::size_t{3000} * (turn % 7));
         std::memset(room.data(), turn, count);
         ASSERT_TRUE(sink.filled(count));
         expected.append(count, static_cast<char>(turn));
