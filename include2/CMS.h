@@ -39,6 +39,7 @@
 #include <norvcrypto/detail/CachedValue.h>
 
 #include <list>
+#include <memory>
 
 struct X509_name_st;
 struct asn1_object_st;
@@ -51,7 +52,13 @@ struct pkcs7_recip_info_st;
 struct pkcs7_enc_content_st;
 struct pkcs7_issuer_and_serial_st;
 
+namespace Norvane::Crypto::openssl {
+class LazyPkcs7;
+}
+
 namespace Norvane::Crypto::CMS {
+
+struct StructureParts;
 
 /// The outer structure: a content type and the content of that type.
 class NORVCRYPTO_EXPORT ContentInfo : public NonCopyable {
@@ -80,18 +87,21 @@ public:
     /// An unrecognised type is logged on each call: event 0x300005D, the dotted text.
     ContentType typeAsEnum() const;
 
-    /// The structure, or null.
-    [[nodiscard]] pkcs7_st* structure() const noexcept { return m_structure; }
+    /// The structure, or null; all of it, which a decoded one is from the first call on (see the rules above).
+    /// \throws std::bad_alloc
+    [[nodiscard]] pkcs7_st* structure() const;
 
 protected:
     ContentInfo(pkcs7_st* structure, bool owns);
-    /// Decodes one structure from `source` and owns it; null when the bytes are none.
-    void decode(MediaIn& source);
+    /// Decodes one structure from `source` and owns it; false when the bytes are none.
+    bool decode(MediaIn& source);
 
 private:
+    friend struct StructureParts;
+
     pkcs7_st* m_structure;
     bool m_owns;
-    BIOMediaIn m_source; // the stream that a decoded structure came from; never read again
+    std::unique_ptr<openssl::LazyPkcs7> m_parts; // of a structure that was decoded, which it owns
     mutable detail::CachedValue<ASN1::ObjectIdentifier, asn1_object_st> m_type;
     mutable ContentType m_typeNumber = Unknown;
 };
@@ -209,7 +219,10 @@ public:
     const std::list<SignerInfo>& signerInfo() const;
 
 private:
+    friend struct StructureParts;
+
     const pkcs7_signed_st* m_value;
+    openssl::LazyPkcs7* m_parts = nullptr; // what of the structure is decoded when it is asked for
     mutable RefContentInfo m_contentInfo;
     mutable detail::CachedValue<ASN1::Integer, asn1_string_st> m_version;
     mutable std::list<NVX509::RefCertificate> m_certificates;
@@ -288,7 +301,10 @@ public:
     const EncryptedContentInfo& contentInfo() const;
 
 private:
+    friend struct StructureParts;
+
     const pkcs7_enveloped_st* m_value;
+    openssl::LazyPkcs7* m_parts = nullptr; // what of the structure is decoded when it is asked for
     mutable detail::CachedValue<ASN1::Integer, asn1_string_st> m_version;
     mutable std::list<RecipientInfo> m_recipientInfo;
     mutable detail::CachedValue<EncryptedContentInfo, pkcs7_enc_content_st> m_contentInfo;

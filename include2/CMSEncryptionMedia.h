@@ -44,6 +44,7 @@
 #include <norvcrypto/Export.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <string>
@@ -319,8 +320,8 @@ private:
     struct Round;
 
     bool tryRecipients(MediaOut& out, SwapBufferMediaOut* fresh);
-    bool isDecryptedFor(const RecipientInfo& recipient, Round& round);
-    bool isDecryptedWith(const NVX509::_KeyCertificatePair& pair, const RecipientInfo& recipient,
+    bool isDecryptedFor(std::size_t recipient, Round& round);
+    bool isDecryptedWith(const NVX509::_KeyCertificatePair& pair, std::size_t recipient,
                          const DecrypterMediaIn::Identifier& identifier, Round& round);
     bool recordFailure(const Attempt& attempt);
     bool recordUntried(const DecrypterMediaIn::Identifier& identifier, Round& round);
