@@ -137,46 +137,49 @@ private:
     GrowingOctets& m_kept;
 };
 
-/// Finds the end of the structure by the steps of OpenSSL's `asn1_d2i_read_bio`: a header is looked for in 8 octets at
-/// most, and where lengths are indefinite, any element of tag number 0 without content ends the innermost one.
+/// Finds the end of the structure, for which no octet behind it is read. False for what OpenSSL and its versions may see
+/// otherwise: tag numbers beyond one octet, lengths of more than eight, ends of contents that are none.
 bool StructureOctets::frame(Bytes& bytes) {
-    constexpr std::size_t headerSize = 8;
+    constexpr std::size_t smallestHeader = 2;
+    constexpr unsigned int longTag = 0x1F;
+    constexpr unsigned int longLength = 0x80;
+    const auto need = [&](std::size_t count) {
+        if (bytes.octets().size() < count) {
+            bytes.read(count - bytes.octets().size());
+        }
+        return bytes.octets().size() >= count;
+    };
     std::size_t end = 0;
     std::size_t open = 0;
-    for (;;) {
-        if (const std::size_t ahead = bytes.octets().size() - end; ahead < headerSize) {
-            bytes.read(headerSize - ahead);
+    do {
+        if (!need(end + smallestHeader) || (bytes.octets()[end] & longTag) == longTag) {
+            return false;
         }
-        const Octets ahead = bytes.octets().subspan(end);
+        const unsigned int length = bytes.octets()[end + 1];
+        const std::size_t more = length < longLength ? 0 : length - longLength;
         framing::Header header;
-        if (framing::readHeader(ahead.data(), ahead.size(), header) != framing::HeaderState::complete) {
+        if (more > sizeof(std::uint64_t) || !need(end + smallestHeader + more) ||
+            framing::readHeader(bytes.octets().data() + end, smallestHeader + more, header) !=
+                framing::HeaderState::complete) {
             return false;
         }
         end += header.size;
         if (header.indefinite) {
             ++open;
-            continue;
-        }
-        if (open != 0 && header.contentLength == 0 && header.tag == 0) {
+        } else if (open != 0 && header.isEndOfContents()) {
             --open;
+        } else if (header.contentLength > INT_MAX - std::min<std::size_t>(end, INT_MAX) ||
+                   (open != 0 && header.contentLength == 0 && header.tag == 0)) {
+            return false;
         } else {
-            if (header.contentLength > INT_MAX || end + header.contentLength > INT_MAX) {
+            end += static_cast<std::size_t>(header.contentLength);
+            if (!need(end)) {
                 return false;
             }
-            const std::size_t contentEnd = end + static_cast<std::size_t>(header.contentLength);
-            if (bytes.octets().size() < contentEnd) {
-                bytes.read(contentEnd - bytes.octets().size());
-                if (bytes.octets().size() < contentEnd) {
-                    return false;
-                }
-            }
-            end = contentEnd;
         }
-        if (open == 0) {
-            m_octets = bytes.octets().first(end);
-            return end <= INT_MAX;
-        }
-    }
+    } while (open != 0);
+    m_octets = bytes.octets().first(end);
+    return end <= INT_MAX;
 }
 
 StructureOctets::StructureOctets(MediaIn& source) {

@@ -35,8 +35,8 @@ private:
     std::size_t m_capacity = 0;
 };
 
-/// Reads one structure as OpenSSL's decoders from a source do: up to the same octet, and with the same opinion about where
-/// it ends. The octets are lent by the source where its bytes lie in memory, and kept otherwise.
+/// Reads one structure from a source, and not an octet of what follows it. The octets are lent by the source where its
+/// bytes lie in memory, and kept otherwise.
 class StructureOctets {
 public:
     /// No octets.
@@ -44,8 +44,8 @@ public:
     /// \throws what `source` throws, with OpenSSL's error queue empty
     explicit StructureOctets(MediaIn& source);
 
-    /// False when the source ended before the structure did, or what it holds is none. Then `octets` are those that were
-    /// read from the source, which stands behind them; for OpenSSL, which finds the same, to tell what is wrong.
+    /// False when the source ended before the structure did, or is not framed as senders do it. Then `octets` are those that
+    /// were read from the source, which stands behind them: no more than OpenSSL reads to tell what is wrong, if anything is.
     [[nodiscard]] bool isWhole() const noexcept { return m_isWhole; }
     [[nodiscard]] framing::Octets octets() const noexcept { return m_octets; }
 
