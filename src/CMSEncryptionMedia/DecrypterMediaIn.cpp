@@ -12,8 +12,6 @@
 
 #include <map>
 #include <new>
-#include <optional>
-#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -25,12 +23,6 @@ namespace {
 
 constexpr unsigned int s_spillLimit = 0x10000;
 constexpr const char* s_spillTemplate = "/var/spool/tmp/swapXXXXXX";
-
-std::string textOf(const ASN1::Integer& serial) {
-    std::ostringstream text;
-    text << serial;
-    return text.str();
-}
 
 /// The issuer of recipients, decoded and taken to text once however many name it, as those of one company do.
 struct Issuer {
@@ -75,43 +67,37 @@ public:
             const Issuer& known = issuers.of(name->issuer);
             m_issuer = &known.name;
             m_shared = known.shared;
-            const openssl::ErrorMark mark;
-            const unsigned char* at = name->serial.data();
-            m_decodedSerial.reset(d2i_ASN1_INTEGER(nullptr, &at, static_cast<long>(name->serial.size())));
-            if (m_decodedSerial == nullptr) {
-                throw std::bad_alloc();
-            }
-            readSerial(m_decodedSerial.get());
+            readSerial(
+                [&] { return ASN1::RefInteger(name->serial.data(), static_cast<unsigned int>(name->serial.size())); });
             return;
         }
         const PKCS7_ISSUER_AND_SERIAL* name = structure.recipient(index)->issuer_and_serial;
         m_own = NVX509::DistinguishedName(name->issuer);
         m_issuer = &m_own;
         m_shared = NVX509::RefDistinguishedName(m_own.asString());
-        readSerial(name->serial);
+        readSerial([&] { return ASN1::RefInteger(ASN1::Integer(name->serial)); });
     }
     RecipientName(const RecipientName&) = delete;
     RecipientName& operator=(const RecipientName&) = delete;
 
     [[nodiscard]] const NVX509::DistinguishedName& issuer() const noexcept { return *m_issuer; }
     [[nodiscard]] const NVX509::RefDistinguishedName& sharedIssuer() const noexcept { return m_shared; }
-    /// Nothing when the serial number is negative, which no `Integer` holds.
-    [[nodiscard]] const std::optional<ASN1::Integer>& serialNumber() const noexcept { return m_serial; }
+    /// A null handle when the serial number is negative, which no `Integer` holds.
+    [[nodiscard]] const ASN1::RefInteger& serialNumber() const noexcept { return m_serial; }
 
 private:
-    void readSerial(const ASN1_INTEGER* serial) {
+    template <class Read> void readSerial(Read read) {
         try {
-            m_serial.emplace(serial);
+            m_serial = read();
         } catch (const Exception&) {
-            m_serial.reset();
+            m_serial = ASN1::RefInteger();
         }
     }
 
     const NVX509::DistinguishedName* m_issuer = nullptr;
     NVX509::DistinguishedName m_own;
     NVX509::RefDistinguishedName m_shared;
-    openssl::IntegerPtr m_decodedSerial;
-    std::optional<ASN1::Integer> m_serial;
+    ASN1::RefInteger m_serial;
 };
 
 /// A public key in its place would not be refused by OpenSSL: it goes on with a random content key, and one time in 256
@@ -252,14 +238,13 @@ bool DecrypterMediaInImpl::tryRecipients(MediaOut& out, SwapBufferMediaOut* fres
 /// Asks for one recipient's key and tries it.
 bool DecrypterMediaInImpl::isDecryptedFor(std::size_t recipient, Round& round) {
     const RecipientName name(round.structure, recipient, round.issuers);
-    if (!name.serialNumber()) {
+    const DecrypterMediaIn::Identifier identifier(name.sharedIssuer(), name.serialNumber());
+    if (name.serialNumber().isNull()) {
         failures::logEvent(Event::recipientFailed, " ");
-        m_attempts.emplace_back(DecrypterMediaIn::Identifier(name.sharedIssuer(), ASN1::RefInteger()),
-                                Attempt::NegativeSerialNumber);
+        m_attempts.emplace_back(identifier, Attempt::NegativeSerialNumber);
         return false;
     }
     const ASN1::Integer& serialNumber = *name.serialNumber();
-    const DecrypterMediaIn::Identifier identifier(name.sharedIssuer(), ASN1::RefInteger(serialNumber));
     if (round.limits.hasTried() && round.limits.isNameUsedUp(round.structure.recipient(recipient))) {
         return recordUntried(identifier, round);
     }
@@ -267,7 +252,7 @@ bool DecrypterMediaInImpl::isDecryptedFor(std::size_t recipient, Round& round) {
     if (!hasPrivateKey(pair)) {
         m_failed.push_back(identifier);
         m_attempts.emplace_back(identifier, Attempt::NoKey);
-        failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), textOf(serialNumber));
+        failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), serialNumber.hex());
         return false;
     }
     return isDecryptedWith(*pair, recipient, identifier, round);

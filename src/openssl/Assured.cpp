@@ -310,14 +310,15 @@ bool isAssuredList(const Element& element) noexcept {
     return endsInExtensions(*body, 0) && endsSigned(*list);
 }
 
-std::optional<AssuredName> assuredRecipient(const Element& element) noexcept {
+std::optional<AssuredName> assuredRecipient(const Element& element, Octets known) noexcept {
     auto recipient = element.isUniversal(framing::sequence) ? inside(element) : std::nullopt;
     if (!recipient || !nextIs(*recipient, isInteger)) {
         return std::nullopt;
     }
     auto name = sequenceIn(*recipient);
     const auto issuer = name ? name->next() : std::nullopt;
-    const auto serial = isName(issuer) ? name->next() : std::nullopt;
+    const bool isNamed = issuer && (std::ranges::equal(issuer->whole, known) || isName(issuer));
+    const auto serial = isNamed ? name->next() : std::nullopt;
     if (!serial || !isInteger(*serial) || !name->atEnd() || !isAlgorithm(*recipient)) {
         return std::nullopt;
     }

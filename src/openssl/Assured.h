@@ -27,6 +27,7 @@ std::optional<AssuredName> assuredCertificate(const framing::Element& element) n
 bool isAssuredList(const framing::Element& element) noexcept;
 
 /// For a RecipientInfo of PKCS#7 (RFC 2315, 10.2); nothing when it is not assured.
-std::optional<AssuredName> assuredRecipient(const framing::Element& element) noexcept;
+/// \param known an issuer that was assured before, often the same one; may be empty
+std::optional<AssuredName> assuredRecipient(const framing::Element& element, framing::Octets known) noexcept;
 
 } // namespace Norvane::Crypto::openssl

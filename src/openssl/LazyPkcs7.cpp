@@ -352,7 +352,8 @@ bool LazyPkcs7::takeLists(Octets element) {
 
 bool LazyPkcs7::takeRecipients(Octets element) {
     return forEachElement(element, [this](const Element& recipient) {
-        const auto name = assuredRecipient(recipient);
+        const auto name =
+            assuredRecipient(recipient, m_recipients.empty() ? Octets() : m_recipients.back().name.issuer);
         if (name) {
             m_recipients.push_back({recipient.whole, *name});
         }
