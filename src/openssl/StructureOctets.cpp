@@ -21,9 +21,10 @@ using framing::Octets;
 
 namespace {
 
-/// From here on, pages are taken from the system, which moves them without a copy.
-constexpr std::size_t mappedFrom = 0x40000;
-constexpr std::size_t page = 0x1000;
+/// From here on, pages are taken from the system, which moves them without a copy: large ones where it has such, since
+/// handing out small ones takes it several times as long as filling them.
+constexpr std::size_t mappedFrom = 0x200000;
+constexpr std::size_t page = mappedFrom;
 
 bool isMapped(std::size_t capacity) noexcept {
     return capacity >= mappedFrom;
@@ -72,6 +73,7 @@ void GrowingOctets::reserve(std::size_t capacity) {
             }
             std::free(m_data);
         }
+        madvise(larger, capacity, MADV_HUGEPAGE); // refused where there are none, which makes no difference
         m_data = static_cast<unsigned char*>(larger);
     }
     m_capacity = capacity;
