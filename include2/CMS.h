@@ -21,6 +21,10 @@
 /// Rules of every view:
 /// - A view borrows the OpenSSL structure that it was made over and must not outlive it: what comes out of a
 ///   `RefContentInfo` (certificates and lists included) lives no longer than the last handle on that body.
+/// - Of a structure that was decoded from a source, the certificates, revocation lists, recipients and the encrypted
+///   content are decoded when they are first asked for: by their accessors through `signedData` and `envelopedData`, and
+///   all of them by `RefContentInfo`'s conversion to OpenSSL's structure. What decodes and what does not is told by the
+///   constructor all the same: what waits is known to decode. Pointers that were handed out before stay valid.
 /// - A view over null is allowed; its accessors answer an empty value, an empty list or a null handle.
 /// - An accessor decodes on its first call and answers the same object from then on; later changes of the structure are
 ///   not seen. A list without entries is looked up again on each call.
@@ -116,7 +120,9 @@ public:
     /// Decodes one structure, BER or DER, and owns it. `in` is read up to the end of the structure and not a byte
     /// further when the outermost length is definite and the structure has 8 bytes or more; up to 6 bytes further
     /// otherwise. What follows the structure is not looked at: a caller that allows nothing behind it asks
-    /// `in.atEnd()`. `in` may go once this returns.
+    /// `in.atEnd()`. `in` may go once this returns. Enveloped data keeps its octets until they are asked for: its own
+    /// copy, or, when the bytes of `in` lie in memory (`BytesInMemory`), a handle on the body of `in`, whose bytes must stay
+    /// as they are.
     ///
     /// \throws Exception "CMS::_ContentInfo::_ContentInfo", code 4, file CMS, line 389, detail "ASN1 Decode failed:":
     ///         the bytes are no structure, or end before it does, or it is refused (see Acceptance.h); also logged, event
