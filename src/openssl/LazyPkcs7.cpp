@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <limits>
 #include <new>
 #include <utility>
@@ -23,45 +22,14 @@ using framing::Reader;
 using framing::TagClass;
 
 constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
-/// Strings within strings as far as OpenSSL goes, below the level of the encrypted content.
+/// Levels down to strings within strings as far as OpenSSL goes, see EncryptedOctets.cpp.
 constexpr std::size_t deepest = 10;
-constexpr std::size_t deepestInContent = 6;
 
 bool isType(Octets element, int nid) noexcept {
     const auto identifier = framing::firstElement(element);
     const ASN1_OBJECT* type = OBJ_nid2obj(nid);
     return identifier && identifier->isUniversal(framing::objectIdentifier) && !identifier->header.constructed &&
            std::ranges::equal(identifier->content, Octets(OBJ_get0_data(type), OBJ_length(type)));
-}
-
-/// A string of a sound structure, in one piece.
-OctetStringPtr joined(Octets element) {
-    std::size_t length = 0;
-    const EncryptedOctets octets(element);
-    for (EncryptedOctets::Pieces pieces(octets);;) {
-        const Octets piece = pieces.next();
-        if (piece.empty()) {
-            break;
-        }
-        length += piece.size();
-    }
-    OctetStringPtr string(ASN1_OCTET_STRING_new());
-    OwnedMemory<unsigned char> data(static_cast<unsigned char*>(OPENSSL_malloc(length + 1)));
-    if (string == nullptr || data == nullptr) {
-        throw std::bad_alloc();
-    }
-    unsigned char* at = data.get();
-    for (EncryptedOctets::Pieces pieces(octets);;) {
-        const Octets piece = pieces.next();
-        if (piece.empty()) {
-            break;
-        }
-        std::memcpy(at, piece.data(), piece.size());
-        at += piece.size();
-    }
-    *at = 0; // as OpenSSL ends its strings
-    ASN1_STRING_set0(string.get(), data.release(), static_cast<int>(length));
-    return string;
 }
 
 /// A part that waited.
@@ -138,44 +106,6 @@ template <class Take> bool forEachElement(Octets whole, Take take) {
 }
 
 } // namespace
-
-// EncryptedOctets
-
-EncryptedOctets::EncryptedOctets(const ASN1_OCTET_STRING* octets) noexcept {
-    if (octets != nullptr) {
-        static constexpr unsigned char nothing = 0;
-        const unsigned char* data = ASN1_STRING_get0_data(octets);
-        m_octets = {data == nullptr ? &nothing : data, static_cast<std::size_t>(ASN1_STRING_length(octets))};
-    }
-}
-
-struct EncryptedOctets::Pieces::Segments {
-    explicit Segments(Octets element) : reader(octetsSource(element), {.depth = deepestInContent}) {
-        reader.openString(framing::Segments::strict);
-    }
-    Reader reader;
-};
-
-EncryptedOctets::Pieces::Pieces(const EncryptedOctets& content) : m_octets(content.m_octets) {
-    if (!content.m_isElement) {
-        return;
-    }
-    framing::Header header;
-    framing::readHeader(m_octets.data(), m_octets.size(), header);
-    if (header.constructed) {
-        m_segments = std::make_unique<Segments>(m_octets);
-    } else {
-        m_octets = m_octets.subspan(header.size);
-    }
-}
-
-EncryptedOctets::Pieces::~Pieces() = default;
-
-Octets EncryptedOctets::Pieces::next() {
-    return m_segments != nullptr ? m_segments->reader.piece() : std::exchange(m_octets, {});
-}
-
-// LazyPkcs7
 
 /// The elements of a content, and where they lie.
 struct LazyPkcs7::Parts {
@@ -329,25 +259,35 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
 bool LazyPkcs7::takeCertificates(Octets element) {
     std::vector<unsigned char>& kept = m_ofSigned[0];
     kept.assign(element.begin(), element.end());
-    return forEachElement(kept, [this](const Element& certificate) {
+    const bool assured = forEachElement(kept, [this](const Element& certificate) {
         const auto name = assuredCertificate(certificate);
         if (name) {
             m_certificates.push_back({certificate.whole, *name});
         }
         return name.has_value();
     });
+    if (!assured) {
+        m_certificates.clear();
+        kept = {};
+    }
+    return assured;
 }
 
 bool LazyPkcs7::takeLists(Octets element) {
     std::vector<unsigned char>& kept = m_ofSigned[1];
     kept.assign(element.begin(), element.end());
-    return forEachElement(kept, [this](const Element& list) {
-        if (!isAssuredList(list)) {
-            return false;
+    const bool assured = forEachElement(kept, [this](const Element& list) {
+        const bool is = isAssuredList(list);
+        if (is) {
+            m_lists.push_back({list.whole});
         }
-        m_lists.push_back({list.whole});
-        return true;
+        return is;
     });
+    if (!assured) {
+        m_lists.clear();
+        kept = {};
+    }
+    return assured;
 }
 
 bool LazyPkcs7::takeRecipients(Octets element) {

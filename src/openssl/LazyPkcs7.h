@@ -9,6 +9,7 @@
 /// and the encrypted content. Other types, and parts that are not assured, do not wait.
 
 #include "openssl/Assured.h"
+#include "openssl/EncryptedOctets.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/StructureOctets.h"
 
@@ -18,38 +19,6 @@
 #include <vector>
 
 namespace Norvane::Crypto::openssl {
-
-/// The octets of an encrypted content, in one piece or several, lent.
-class EncryptedOctets {
-public:
-    EncryptedOctets() noexcept = default;
-    explicit EncryptedOctets(const ASN1_OCTET_STRING* octets) noexcept;
-    /// An element that is a string, with its header, known to be sound.
-    explicit EncryptedOctets(framing::Octets element) noexcept : m_octets(element), m_isElement(true) {}
-
-    /// Whether there is a content, of no octets maybe.
-    [[nodiscard]] bool isThere() const noexcept { return m_isElement || m_octets.data() != nullptr; }
-
-    /// Hands them over from the beginning, as they lie in memory; segments of less than 1 KB are gathered.
-    class Pieces {
-    public:
-        explicit Pieces(const EncryptedOctets& content);
-        ~Pieces();
-        Pieces(const Pieces&) = delete;
-        Pieces& operator=(const Pieces&) = delete;
-        /// Valid until the next call; empty at the end.
-        framing::Octets next();
-
-    private:
-        framing::Octets m_octets;
-        struct Segments;
-        std::unique_ptr<Segments> m_segments;
-    };
-
-private:
-    framing::Octets m_octets;
-    bool m_isElement = false;
-};
 
 class LazyPkcs7 {
 public:

@@ -228,3 +228,23 @@ TEST(LazyWork, AMessageThatAnnouncesMoreThanItHasTakesNoMemory) {
     EXPECT_LT(memoryOf([&] { EXPECT_EQ(caught([&] { const CMS::RefContentInfo message(in); }).line, 389U); }),
               1'000'000U);
 }
+
+TEST(LazyWork, TheSourceMayBeReadOnAndMayGo) {
+    const Bytes content = bodyOf(100000);
+    Bytes input = encryptedByStream({&alice()}, content);
+    const std::size_t size = input.size();
+    input.insert(input.end(), {'m', 'o', 'r', 'e'});
+    auto in = std::make_unique<Norvane::MemoryMediaIn>(bufferOf(input));
+    CMS::DecrypterMediaIn decrypter(*in, aliceKeys());
+    EXPECT_EQ(in->tell(), size);
+    EXPECT_EQ(in->peek(), 'm');
+    std::string rest;
+    in->setpos(3);
+    EXPECT_EQ(in->read(rest), static_cast<int>(input.size() - 3));
+    in.reset();
+    Norvane::MemoryMediaOut out;
+    decrypter.write(out);
+    EXPECT_TRUE(bytesOf(out.content()) == content);
+    decrypter.write(out);
+    EXPECT_EQ(out.content().length(), 2 * content.size());
+}
