@@ -92,7 +92,7 @@ private:
 };
 
 /// A recipient with the octets that its parts lie in.
-struct ReceivedRecipient {
+struct KeptRecipient {
     std::shared_ptr<const std::vector<unsigned char>> octets;
     RecipientParts parts;
 };

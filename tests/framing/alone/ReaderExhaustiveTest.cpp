@@ -373,17 +373,17 @@ private:
 } // namespace
 
 TEST(FramingReaderExhaustively, AgreesWithASlowDecoderOnEveryShortString) {
-    // End-of-contents and a tag of zero; BOOLEAN, OCTET STRING and one in segments, SEQUENCE; lengths of 0, 1 and 4;
-    // indefinite length, and one in an octet of its own.
-    Exhaustively all({0x00, 0x01, 0x04, 0x24, 0x30, 0x80, 0x81});
+    // End-of-contents and a tag of zero; BOOLEAN, OCTET STRING and one in segments, SEQUENCE; lengths of 0, 1, 4 and more
+    // than there is; indefinite length.
+    Exhaustively all({0x00, 0x01, 0x04, 0x24, 0x30, 0x80});
     all.readAllThatBeginWith({});
     EXPECT_GT(all.accepted, 1000);
     EXPECT_GT(all.refused, 10000);
 }
 
-TEST(FramingReaderExhaustively, AgreesWithASlowDecoderOnEveryShortStringWithLongTags) {
-    // Tag numbers in octets of their own, primitive and constructed, some of which fit a short form; lengths in two.
-    Exhaustively all({0x00, 0x02, 0x1F, 0x3F, 0x80, 0x82});
+TEST(FramingReaderExhaustively, AgreesWithASlowDecoderOnEveryShortStringWithLongTagsAndLengths) {
+    // Tag numbers in octets of their own, primitive and constructed, some of which fit a short form; lengths likewise.
+    Exhaustively all({0x00, 0x01, 0x1F, 0x3F, 0x80, 0x81});
     all.readAllThatBeginWith({});
     EXPECT_GT(all.accepted, 100);
     EXPECT_GT(all.refused, 10000);
