@@ -100,7 +100,7 @@ private:
     std::unique_ptr<const Index> m_index;
 };
 
-struct KeptRecipient;
+struct ReceivedRecipient;
 class EnvelopeReaderImpl;
 
 /// One message.
@@ -154,9 +154,9 @@ public:
     private:
         friend class EnvelopeReader;
         friend class EnvelopeReaderImpl;
-        explicit Recipient(std::shared_ptr<const KeptRecipient> parts) noexcept;
+        explicit Recipient(std::shared_ptr<const ReceivedRecipient> parts) noexcept;
 
-        std::shared_ptr<const KeptRecipient> m_parts;
+        std::shared_ptr<const ReceivedRecipient> m_parts;
     };
 
     /// Keeps `in`, which nobody else reads from now on, and reads up to the content.

@@ -104,7 +104,7 @@ const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
         RecipientWalk walk(*m_recipientOctets);
         while (const auto parts = walk.next()) {
             m_recipients.push_back(
-                Recipient(std::make_shared<const KeptRecipient>(KeptRecipient{m_recipientOctets, *parts})));
+                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{m_recipientOctets, *parts})));
         }
     }
     return m_recipients;

@@ -11,7 +11,8 @@ namespace Norvane::Crypto::CMS {
 
 using Recipient = EnvelopeReader::Recipient;
 
-EnvelopeReader::Recipient::Recipient(std::shared_ptr<const KeptRecipient> parts) noexcept : m_parts(std::move(parts)) {}
+EnvelopeReader::Recipient::Recipient(std::shared_ptr<const ReceivedRecipient> parts) noexcept
+    : m_parts(std::move(parts)) {}
 
 Recipient::Kind EnvelopeReader::Recipient::kind() const noexcept {
     return m_parts->parts.kind;

@@ -97,7 +97,7 @@ private:
 };
 
 /// A recipient with the octets that its parts lie in.
-struct KeptRecipient {
+struct ReceivedRecipient {
     std::shared_ptr<const std::vector<unsigned char>> octets;
     RecipientParts parts;
 };

@@ -103,11 +103,6 @@ AttributeTable tableOf(Elements attributes) {
     return table;
 }
 
-/// The identifier of an AlgorithmIdentifier.
-Octets identifierOf(const Element& algorithm) {
-    return requiredPrimitive(Elements(algorithm).nextUniversal(framing::objectIdentifier)).whole;
-}
-
 } // namespace
 
 Octets stringOctets(const Element& string, KeptOctets& kept) {
@@ -132,6 +127,20 @@ Octets stringOctets(const Element& string, KeptOctets& kept) {
         }
     }
     return whole;
+}
+
+Octets algorithmOf(const Element& algorithm) {
+    constexpr std::uint32_t nullTag = 5;
+    Elements parts(requiredConstructed(algorithm));
+    const Element identifier = requiredPrimitive(parts.nextUniversal(framing::objectIdentifier));
+    if (!parts.atEnd()) {
+        const Element parameters = required(parts.next());
+        if (parameters.isUniversal(nullTag) && (parameters.header.constructed || !parameters.content.empty())) {
+            throw Broken(Fault::malformed);
+        }
+        requireEnd(parts);
+    }
+    return identifier.whole;
 }
 
 Octets shortestInteger(Octets content) noexcept {
@@ -159,14 +168,14 @@ SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
         signer.serialNumber = shortestInteger(requiredPrimitive(names.nextUniversal(framing::integer)).content);
         requireEnd(names);
     }
-    signer.digestAlgorithm = identifierOf(requiredConstructed(parts.nextUniversal(framing::sequence)));
+    signer.digestAlgorithm = algorithmOf(required(parts.nextUniversal(framing::sequence)));
     signer.signedAttributes = parts.nextContext(0);
     if (signer.signedAttributes) {
         signer.attributes = tableOf(Elements(requiredConstructed(signer.signedAttributes)));
     }
     const Element algorithm = requiredConstructed(parts.nextUniversal(framing::sequence));
     signer.signatureAlgorithm = algorithm.whole;
-    signer.signatureIdentifier = identifierOf(algorithm);
+    signer.signatureIdentifier = algorithmOf(algorithm);
     signer.signature = stringOctets(required(parts.nextUniversal(framing::octetString)), kept);
     if (const auto attributes = parts.nextContext(1)) {
         signer.unsignedAttributes = requiredConstructed(attributes).content;
