@@ -68,6 +68,10 @@ public:
     /// The pair for a recipient; a null pair, or one without a private key, when there is none. What it throws reaches
     /// the caller of `open`.
     [[nodiscard]] virtual NVX509::KeyCertificatePair find(const CertificateIdentifier& recipient) const = 0;
+    /// False when `find` has certainly no answer for a name, which so need not be decoded: with a hundred recipients that
+    /// takes longer than all else. True unless a class knows better. Throwing is up to `find`.
+    /// \param octets what `CertificateIdentifier::octets` gives: a borrowing buffer, not to be kept
+    [[nodiscard]] virtual bool mayFind(NamedBy namedBy, const Buffer& octets) const noexcept;
 };
 
 /// The key store, which finds by issuer and serial number alone.
@@ -89,6 +93,7 @@ public:
     explicit KeyListLookup(const std::list<NVX509::KeyCertificatePair>& pairs);
     ~KeyListLookup() override;
     [[nodiscard]] NVX509::KeyCertificatePair find(const CertificateIdentifier& recipient) const override;
+    [[nodiscard]] bool mayFind(NamedBy namedBy, const Buffer& octets) const noexcept override;
 
 private:
     struct Index;
@@ -102,7 +107,8 @@ class EnvelopeReaderImpl;
 class NORVCRYPTO_EXPORT EnvelopeReader : public MediaIn, private NonCopyable {
 public:
     /// What a sender, of whom nothing is known, may choose. What is beyond is refused with a `TooCostlyException` (Key.h)
-    /// whose text names the member; the message is not damaged then.
+    /// whose text names the member; the message is not damaged then. Elements within elements to more than 32 levels, which
+    /// no sender makes, count as damage.
     struct Budget {
         std::uint32_t head = 4U << 20U;   ///< octets before the content: originator information, recipients, algorithm
         std::uint32_t tail = 4U << 20U;   ///< octets behind it: attributes, tag

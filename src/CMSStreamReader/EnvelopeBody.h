@@ -51,12 +51,13 @@ private:
     struct Search;
 
     void readHead();
-    void countRecipients() const;
+    [[nodiscard]] std::unique_ptr<EnvelopeContent> authenticated(framing::Octets source);
+    [[nodiscard]] std::unique_ptr<EnvelopeContent> streamed();
     [[nodiscard]] bool mayOpen() const;
     [[nodiscard]] const RecipientParts& partsOf(const Recipient& recipient) const;
     bool consider(Search& search, const RecipientParts& parts, std::size_t number);
     bool tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number);
-    bool isUnsupported(const RecipientAlgorithms& algorithms);
+    bool isUnsupported(const std::string& name);
     bool choose(openssl::WipedBytes contentKey, std::size_t number);
     [[nodiscard]] std::size_t numberOf(const Recipient& recipient);
     bool fill();

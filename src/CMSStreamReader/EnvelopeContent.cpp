@@ -74,12 +74,15 @@ StreamedContent::~StreamedContent() = default;
 
 void StreamedContent::start(const openssl::WipedBytes& contentKey) {
     const openssl::ErrorMark mark;
-    if (!openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
-        fail();
-    }
+    // A key of a length that the cipher does not take is one that did not open.
+    m_usable = openssl::setContentKey(m_context.get(), contentKey, m_trusted) ||
+               openssl::setContentKey(m_context.get(), openssl::WipedBytes(), m_trusted);
 }
 
 Octets StreamedContent::next() {
+    if (!m_usable) {
+        fail();
+    }
     if (m_piece.empty()) {
         m_piece = frame().piece();
     }
@@ -135,9 +138,7 @@ AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t t
 AuthenticatedContent::~AuthenticatedContent() = default;
 
 void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
-    if (!m_cipher.start(contentKey)) {
-        fail();
-    }
+    m_usable = m_cipher.start(contentKey);
 }
 
 /// Passes the content, which is kept unless it lies in memory, and reads what is behind it.
@@ -208,6 +209,9 @@ void AuthenticatedContent::verify() {
 }
 
 Octets AuthenticatedContent::next() {
+    if (!m_usable) {
+        fail();
+    }
     if (!m_verified) {
         verify();
     }

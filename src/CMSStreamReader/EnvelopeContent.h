@@ -32,7 +32,7 @@ public:
     EnvelopeContent& operator=(const EnvelopeContent&) = delete;
 
     virtual void spillTo(const std::string& fileTemplate);
-    /// Takes the content key; none is one that did not open.
+    /// Takes the content key; none is one that did not open. Nothing tells at once whether OpenSSL can use it.
     virtual void start(const openssl::WipedBytes& contentKey) = 0;
     /// The next octets, valid until the next call; none, perhaps, before the end. \throws SpillTooLong, TooLong
     virtual framing::Octets next() = 0;
@@ -40,8 +40,8 @@ public:
     [[nodiscard]] bool isComplete() const noexcept { return m_complete; }
 
 protected:
-    /// What is decrypted at once: enough for the calls not to count, and within a processor's nearer caches.
-    static constexpr std::size_t s_pieceLength = 0x8000;
+    /// What is decrypted at once: enough for the calls not to count, and little enough to stay in a processor's nearest cache.
+    static constexpr std::size_t s_pieceLength = 0x4000;
 
     [[nodiscard]] EnvelopeFraming& frame() noexcept { return m_frame; }
     [[nodiscard]] std::size_t tailLimit() const noexcept { return m_tailLimit; }
@@ -69,7 +69,8 @@ public:
 private:
     openssl::CipherContextPtr m_context;
     framing::Octets m_piece;
-    bool m_trusted = false;
+    bool m_usable = false;  ///< OpenSSL took a key
+    bool m_trusted = false; ///< an end without an error is a success
 };
 
 /// AuthEnvelopedData: handed out after all of it was found authentic.
@@ -96,6 +97,7 @@ private:
     std::string m_template;
     std::optional<SwapBufferMediaOut> m_spill;
     std::uint64_t m_length = 0; ///< of the content
+    bool m_usable = false;      ///< OpenSSL took a key
     bool m_verified = false;
     std::unique_ptr<Pieces> m_pieces;
     openssl::CipherContextPtr m_context;

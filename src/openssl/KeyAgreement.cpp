@@ -168,7 +168,7 @@ std::string unsupportedKeyAgreement(const KeyAgreement& agreement) {
         return algorithmName(agreement.algorithm->algorithm);
     }
     if (const AlgorithmPtr wrap = algorithmInParameters(*agreement.algorithm); wrap != nullptr) {
-        if (const std::string name = unsupportedWrap(wrap.get()); !name.empty()) {
+        if (std::string name = unsupportedWrap(wrap.get()); !name.empty()) {
             return name;
         }
     }

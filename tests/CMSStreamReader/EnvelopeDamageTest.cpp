@@ -156,6 +156,27 @@ TEST(EnvelopeDamage, CiphersWithoutPaddingTakeNoOtherKey) {
     }
 }
 
+// Whether PKCS#1 1.5 gave a content key of some odd length is told no more than whether it gave one.
+TEST(EnvelopeDamage, ContentKeysOfAnyLengthLookLikeDamage) {
+    for (const char* cipher : {"BF-CBC", "RC2-CBC", "CAST5-CBC", "AES-128-CBC", "AES-128-CFB", "DES-EDE3-CBC", "RC4"}) {
+        for (const std::size_t length : {0U, 1U, 5U, 15U, 17U, 57U, 73U, 129U, 200U, 245U}) {
+            SCOPED_TRACE(std::string(cipher) + " " + std::to_string(length));
+            const std::string name = cipher;
+            const Bytes vector = der::octetString(Bytes(name.starts_with("AES") ? 16 : 8, 1));
+            const Bytes parameters = name == "RC2-CBC" ? der::sequence({der::integer("3a"), vector})
+                                     : name == "RC4"   ? Bytes()
+                                                       : vector;
+            const Bytes message =
+                envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), Bytes(length, 1)))},
+                          .cipher = der::sequence({der::oid(cipher), parameters}),
+                          .content = contentElement(bodyOf(64))});
+            const Outcome outcome = outcomeOf(message, From::memory, withKeys({&alice()}));
+            EXPECT_TRUE(outcome.opened) << outcome.text << outcome.unsupported;
+            EXPECT_TRUE(outcome.verdict == Reader::Complete || outcome.text == damagedText) << outcome.text;
+        }
+    }
+}
+
 TEST(EnvelopeDamage, StaysDamaged) {
     Bytes message = madeByOpenssl(EVP_aes_128_cbc(), toCertificate(alice()), 0, bodyOf(100000));
     message.resize(message.size() - 20);

@@ -82,6 +82,26 @@ TEST(KeyLookup, EachNameIsAskedForOnce) {
     EXPECT_EQ(none.asked, 1);
 }
 
+TEST(KeyLookup, AListKnowsWhatItCertainlyDoesNotHave) {
+    const CMS::KeyListLookup keys(
+        {pairOf(alice()), NVX509::KeyCertificatePair(false), NVX509::KeyCertificatePair(true)});
+    for (const CMS::NamedBy namedBy : {CMS::NamedBy::issuerAndSerialNumber, CMS::NamedBy::subjectKeyIdentifier}) {
+        const CMS::CertificateIdentifier hers(certificateOf(alice()), namedBy);
+        const CMS::CertificateIdentifier his(certificateOf(bob()), namedBy);
+        EXPECT_TRUE(keys.mayFind(namedBy, hers.octets()));
+        EXPECT_FALSE(keys.mayFind(namedBy, his.octets()));
+        EXPECT_TRUE(keys.find(hers));
+        EXPECT_FALSE(keys.find(his));
+        EXPECT_TRUE(CMS::KeyStoreLookup(storeOfKeys({})).mayFind(namedBy, his.octets()));
+        EXPECT_FALSE(keys.mayFind(namedBy, Buffer()));
+    }
+    // The same number under a longer length, and with zeros before it, is the same certificate's.
+    const Bytes odd =
+        der::concat({Bytes{0x30, 0x81, static_cast<unsigned char>(identities().authority.name.der().size() + 8)},
+                     identities().authority.name.der(), Bytes{2, 6, 0, 0, 0, 0x0A, 0x11, 0xCE}});
+    EXPECT_TRUE(keys.mayFind(CMS::NamedBy::issuerAndSerialNumber, bufferOf(odd)));
+}
+
 TEST(KeyLookup, NegativeSerialNumbersAreNobodys) {
     const Bytes message =
         envelope({.recipients = {recipientInfo(identities().authority.name.der(), "-1f", Bytes(256, 1))},

@@ -1,6 +1,7 @@
 // What a message may cost whoever opens it: calls of OpenSSL are counted.
 #include "../HandMade.h"
 #include "support/Interpose.h"
+#include "support/Thrown.h"
 
 using namespace cmstest;
 
@@ -12,8 +13,10 @@ struct Counts {
     int derivations = 0;
     int decoded = 0;
     int decrypted = 0;
+    int names = 0;
 };
 Counts s_counts;
+bool s_withoutProvider = false; ///< OpenSSL refuses ciphers before it is given a key
 
 Counts countsOf(const std::function<void()>& work) {
     s_counts = {};
@@ -41,6 +44,18 @@ extern "C" int PKCS5_PBKDF2_HMAC(const char* password, int passwordLength, const
 extern "C" X509_ALGOR* d2i_X509_ALGOR(X509_ALGOR** reused, const unsigned char** in, long length) {
     ++s_counts.decoded;
     return norvtest::next<&d2i_X509_ALGOR>("d2i_X509_ALGOR")(reused, in, length);
+}
+extern "C" PKCS7_ISSUER_AND_SERIAL* d2i_PKCS7_ISSUER_AND_SERIAL(PKCS7_ISSUER_AND_SERIAL** reused,
+                                                                const unsigned char** in, long length) {
+    ++s_counts.names;
+    return norvtest::next<&d2i_PKCS7_ISSUER_AND_SERIAL>("d2i_PKCS7_ISSUER_AND_SERIAL")(reused, in, length);
+}
+extern "C" int EVP_DecryptInit_ex(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, ENGINE* engine,
+                                  const unsigned char* key, const unsigned char* vector) {
+    if (s_withoutProvider && key == nullptr) {
+        return norvtest::failIn("EVP_DecryptInit_ex", ERR_LIB_EVP, EVP_R_UNSUPPORTED_CIPHER);
+    }
+    return norvtest::next<&EVP_DecryptInit_ex>("EVP_DecryptInit_ex")(context, cipher, engine, key, vector);
 }
 extern "C" int EVP_DecryptUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int* length, const unsigned char* in,
                                  int inLength) {
@@ -117,7 +132,7 @@ TEST(EnvelopeWork, RecipientsWithoutAKeyAreNotDecoded) {
         const Counts counts =
             countsOf([&] { EXPECT_TRUE(outcomeOf(message, From::stream, withKeys({&alice()})).body == bodyOf(10)); });
         EXPECT_EQ(counts.rsa, 1);
-        return counts.decoded;
+        return counts.decoded + counts.names;
     };
     EXPECT_GT(decodedFor(0), 0);
     EXPECT_EQ(decodedFor(0), decodedFor(1000));
@@ -164,9 +179,23 @@ TEST(EnvelopeWork, NothingIsDoneForAnUnsupportedCipher) {
     EXPECT_EQ(counts.rsa + counts.decrypted, 0);
 }
 
+TEST(EnvelopeWork, ACipherWithoutItsProviderIsUnsupported) {
+    const Bytes message = envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))},
+                                    .cipher = der::sequence({der::oid("BF-CBC"), der::octetString(Bytes(8, 1))}),
+                                    .content = contentElement(bodyOf(64))});
+    const norvtest::During<bool> without(s_withoutProvider, true);
+    const Counts counts = countsOf([&] {
+        const Outcome outcome = outcomeOf(message, From::memory, withKeys({&alice()}));
+        EXPECT_EQ(outcome.verdict, Reader::Unsupported);
+        EXPECT_EQ(outcome.unsupported, "BF-CBC (1.3.6.1.4.1.3029.1.2)");
+    });
+    EXPECT_EQ(counts.rsa, 0);
+}
+
 TEST(EnvelopeWork, SmallAuthenticatedContentIsDecryptedOnce) {
     AuthParts parts{.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))}};
-    for (const auto& [length, calls] : {std::pair{1000U, 1}, {32768U, 1}, {65536U, 2}, {65537U, 6}}) {
+    // In pieces of 16 KB; beyond 64 KB in a second pass as well.
+    for (const auto& [length, calls] : {std::pair{1000U, 1}, {16384U, 1}, {65536U, 4}, {65537U, 10}}) {
         parts.body = bodyOf(length);
         const Bytes message = authEnveloped(parts);
         EXPECT_EQ(
