@@ -350,7 +350,8 @@ TEST_P(Lazy, CutAnywhereIsRefusedAsOpensslRefusesIt) {
 TEST_P(Lazy, ChangedAnywhereIsWhatOpensslMakesOfIt) {
     Tally tally;
     std::mt19937 random(1); // the same in every run
-    for (std::size_t at = 0; at < seed().size() && !HasFailure(); ++at) {
+    const std::size_t step = 1 + seed().size() / 1500; // of dozens of alike certificates, not every octet
+    for (std::size_t at = 0; at < seed().size() && !HasFailure(); at += step) {
         SCOPED_TRACE(at);
         Bytes changed = seed();
         changed[at] = static_cast<unsigned char>(changed[at] ^ (1U << random() % 8));
