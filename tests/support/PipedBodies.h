@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// The memory of the tool on long bodies.
+/// The tool on bodies that come through a pipe, and its memory on long ones.
 
 #include "support/Process.h"
 #include "support/Workspace.h"
@@ -12,6 +12,13 @@
 #include <sys/resource.h>
 
 namespace interop {
+
+/// Runs the tool with that input through a pipe, whose length it cannot know.
+inline Answer pipedInto(const std::string& arguments, const std::string& input, const Workspace& work) {
+    return run({.arguments = {"sh", "-c", "cat | " + std::string(norvtest::norvcryptProgram) + " " + arguments},
+                .input = input,
+                .directory = work.directory()});
+}
 
 /// The largest memory of any program that this one started and waited for, those started by them included, in bytes.
 inline long peakOfChildren() {
