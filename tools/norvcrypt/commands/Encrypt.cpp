@@ -1,15 +1,17 @@
+#include "cms/Encrypting.h"
 #include "commands/Command.h"
-#include "files/Input.h"
+#include "files/Body.h"
 #include "files/Output.h"
 #include "identities/Store.h"
 #include "openssl/CertificateDetails.h"
 #include "read/CertificateFile.h"
+#include "read/KeyEncryptionKey.h"
+#include "read/Passphrase.h"
 #include "recognise/CipherNames.h"
+#include "recognise/DigestNames.h"
+#include "recognise/HexDigits.h"
 #include "write/CmsFile.h"
 
-#include <norvcrypto/CMSEncryptionMedia.h>
-
-#include <algorithm>
 #include <ctime>
 #include <list>
 #include <memory>
@@ -29,19 +31,21 @@ struct EncryptOptions {
     std::vector<std::string> recipients;
     std::optional<std::string> store;
     std::vector<std::string> addresses;
+    bool oaep = false;
+    std::string oaepDigest = "sha256";
+    bool keyIdentifier = false;
+    std::optional<std::string> passwordFile;
+    unsigned int iterations = CMS::PasswordParameters().iterations;
+    std::optional<std::string> kekFile;
+    std::string kekIdentifier;
     std::string in = "-";
     std::string out = "-";
     bool pem = false;
 };
 
-void requireRsa(const NVX509::RefCertificate& certificate, const std::string& whose) {
-    if (!hasRsaKey(certificate))
-        throw Failure("the certificate " + whose + " has no RSA key: nothing can be encrypted for it");
-}
-
 /// Whoever names a certificate may know why it serves all the same; who took the wrong file does not.
 void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& path) {
-    const auto warn = [&path](const char* what) {
+    const auto warn = [&path](const std::string& what) {
         reportError("warning: the certificate in " + inputName(path) + " " + what);
     };
     const Period period = periodAt(certificate, std::time(nullptr));
@@ -49,73 +53,102 @@ void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& 
         warn("is not valid yet");
     else if (period == Period::expired)
         warn("has expired");
-    if (!mayEncipherKeys(certificate))
-        warn("is not meant for encryption: its key usage has no keyEncipherment");
-}
-
-/// A certificate that is named again, by its file or by an address, is one recipient.
-void addRecipient(std::list<NVX509::RefCertificate>& recipients, const NVX509::RefCertificate& certificate) {
-    // Not with the certificate's own comparison, which refuses negative serial numbers.
-    if (std::none_of(recipients.begin(), recipients.end(), [&certificate](const NVX509::RefCertificate& other) {
-            return isSameCertificate(other, certificate);
-        }))
-        recipients.push_back(certificate);
+    if (const char* const missing = missingForEncryption(certificate))
+        warn("is not meant for encryption: its key usage has no " + std::string(missing));
 }
 
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's:
 /// guessing wrong would let somebody read the body, or keep somebody from it.
-NVX509::RefCertificate readRecipient(const std::string& path, Inputs& inputs) {
+void addFromFile(Recipients& recipients, const std::string& path, Inputs& inputs) {
     const std::list<NVX509::RefCertificate> certificates = readCertificates(inputs, path);
     if (certificates.size() > 1)
         throw Failure(inputName(path) + " holds " + std::to_string(certificates.size()) +
                       " certificates: give each recipient a file of its own");
-    requireRsa(certificates.front(), "in " + inputName(path));
+    recipients.add(certificates.front(), "in " + inputName(path));
     warnOfDoubts(certificates.front(), path);
-    return certificates.front();
 }
 
 /// Whom the store names for the addresses.
-void addFromStore(std::list<NVX509::RefCertificate>& recipients, const EncryptOptions& options, Inputs& inputs) {
+void addFromStore(Recipients& recipients, const EncryptOptions& options, Inputs& inputs) {
     const NVX509::RefDirectoryKeyStore store = openStore(*options.store, &inputs);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
-        addRecipient(recipients, identity.certificate);
+        recipients.add(identity.certificate, "of " + identity.folder + " in " + *options.store);
     }
 }
 
-void encryptInto(Norvane::MediaOut& target, const EncryptOptions& options, Inputs& inputs) {
-    const Norvane::Crypto::Cipher cipher = cipherNamed(options.cipher).cipher;
-    std::list<NVX509::RefCertificate> recipients;
+void addPassword(Recipients& recipients, const EncryptOptions& options, Inputs& inputs) {
+    const Passphrase password(inputs, options.passwordFile);
+    const std::string& text = password.text();
+    if (text.empty())
+        throw Failure("no password in the first line of " + inputName(*options.passwordFile));
+    Norvane::Buffer octets(text.data(), static_cast<unsigned int>(text.size()), false);
+    octets.protect();
+    recipients.add(CMS::EnvelopeRecipient::password(octets, {.iterations = options.iterations}));
+}
+
+void addKeyEncryptionKey(Recipients& recipients, const EncryptOptions& options, Inputs& inputs) {
+    const Norvane::Buffer identifier = octetsFromHex(options.kekIdentifier);
+    if (identifier.length() == 0 || identifier.length() > CMS::maximumParameterOctets)
+        throw Failure("--kek-id takes 1 to " + std::to_string(CMS::maximumParameterOctets) +
+                      " bytes, as two hexadecimal digits each");
+    recipients.add(
+        CMS::EnvelopeRecipient::keyEncryptionKey(readKeyEncryptionKey(inputs, *options.kekFile), identifier));
+}
+
+Recipients readRecipients(const EncryptOptions& options, Inputs& inputs) {
+    RecipientForm form{.keyIdentifier = options.keyIdentifier};
+    if (options.oaep)
+        form.oaepDigest = digestType(options.oaepDigest);
+    Recipients recipients(form);
     for (const std::string& path : options.recipients)
-        addRecipient(recipients, readRecipient(path, inputs));
+        addFromFile(recipients, path, inputs);
     if (options.store)
         addFromStore(recipients, options, inputs);
-    Progress progress("encrypting");
-    Norvane::MediaIn body = inputs.open(options.in, &progress);
-    try {
-        CMS::EncrypterMediaOut encrypter(cipher, recipients);
-        encrypter.attach(target);
-        body.write(encrypter);
-        encrypter.end();
-    } catch (const Norvane::Exception& failure) {
-        throw Failure("cannot encrypt " + inputName(options.in), failure);
-    }
+    if (options.kekFile)
+        addKeyEncryptionKey(recipients, options, inputs);
+    if (options.passwordFile)
+        addPassword(recipients, options, inputs);
+    return recipients;
 }
 
 Exit encrypt(const EncryptOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
     OutputFile out(options.out, inputs);
-    if (options.pem) {
-        Norvane::MemoryMediaOut structure;
-        encryptInto(structure, options, inputs);
-        writeStructure(out, structure.content(), true);
-    } else {
-        OutputStream structure(out);
-        encryptInto(structure, options, inputs);
-    }
+    const MessageCipher cipher = messageCipherNamed(options.cipher);
+    const Recipients recipients = readRecipients(options, inputs);
+    Progress progress("encrypting");
+    Body body(inputs, options.in, &progress);
+    StructureStream structure(out, !options.pem                  ? StructureForm::binary
+                                   : recipients.arePkcs7(cipher) ? StructureForm::pemPkcs7
+                                                                 : StructureForm::pemCms);
+    recipients.encrypt(body, inputName(options.in), cipher, structure);
     out.commit();
     return Exit::good;
+}
+
+void addSharedSecrets(Command& command, EncryptOptions& options) {
+    Option* password = command
+                           .option("--password-file", options.passwordFile,
+                                   "Whoever knows the password can decrypt: this file's first line")
+                           ->typeName("FILE");
+    command
+        .option("--iterations", options.iterations,
+                "How often the password is hashed: what each guess costs, and each decryption")
+        ->range(CMS::minimumPasswordIterations, CMS::maximumPasswordIterations)
+        ->typeName("N")
+        ->showDefault()
+        ->needs(password);
+    Option* key = command
+                      .option("--kek-file", options.kekFile,
+                              "Whoever has the key can decrypt: 16, 24 or 32 bytes, or as many in hexadecimal digits")
+                      ->typeName("FILE");
+    Option* identifier =
+        command.option("--kek-id", options.kekIdentifier, "What that key is called in the structure, for all to read")
+            ->typeName("HEX")
+            ->needs(key);
+    key->needs(identifier);
 }
 
 } // namespace
@@ -125,7 +158,9 @@ void addEncrypt(Command& commands, Action& action) {
     Command* command = commands.command(
         "encrypt", "Encrypts a body for one or more recipients: a CMS structure that holds it; whose the certificates "
                    "are is not checked");
-    command->option("--cipher", options->cipher, "The cipher: " + cipherNames())->typeName("NAME")->showDefault();
+    command->option("--cipher", options->cipher, "The cipher: " + messageCipherNames())
+        ->typeName("NAME")
+        ->showDefault();
     Option* certificates =
         command->option("--to", options->recipients, "The certificates of the recipients, one a file")
             ->typeName("CERT");
@@ -136,18 +171,30 @@ void addEncrypt(Command& commands, Action& action) {
             ->typeName("ADDRESS");
     store->needs(addresses);
     addresses->needs(store);
-    command->option("--in", options->in, "The body, of less than 2 GiB; \"-\" is standard input")
-        ->typeName("BODY")
-        ->showDefault();
+    addSharedSecrets(*command, *options);
+    Option* oaep = command->flag("--oaep", options->oaep, "Encrypt with RSAES-OAEP where the key is RSA");
+    command->option("--oaep-digest", options->oaepDigest, "Its digest: sha1, sha224, sha256, sha384 or sha512")
+        ->typeName("NAME")
+        ->showDefault()
+        ->needs(oaep);
+    command->flag(
+        "--key-identifier", options->keyIdentifier,
+        "Name recipients by the subject key identifier of their certificates, not by issuer and serial number");
+    command->option("--in", options->in, "The body; \"-\" is standard input")->typeName("BODY")->showDefault();
     command->option("--out", options->out, "The structure; \"-\" is standard output")
         ->typeName("MSG.p7m")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->footer(
-        "A recipient in the store is the identity that norvcrypt bindings find names for encryption, as long "
-        "as its certificate is valid.");
+        "Recipients may be mixed. A key on P-256, P-384, P-521 or X25519 takes part with a key agreement (ECDH), as "
+        "its "
+        "certificate says. A recipient in the store is the identity that norvcrypt bindings find names for encryption, "
+        "as long as its certificate is valid. The -gcm ciphers let the recipient see whether somebody changed the "
+        "message, and older programs do not read them. A body of more than 256 KiB from a pipe is written in BER, so "
+        "that it is never held in memory; with des-cbc, idea-cbc, bf-cbc and cast5-cbc it is, and has less than 2 "
+        "GiB.");
     command->whenChosen([options, &action, certificates, store] {
-        if (certificates->empty() && store->empty())
+        if (certificates->empty() && store->empty() && !options->passwordFile && !options->kekFile)
             throw MissingOption("--to");
         action = [options] { return encrypt(*options); };
     });

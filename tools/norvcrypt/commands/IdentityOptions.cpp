@@ -1,6 +1,7 @@
 #include "commands/IdentityOptions.h"
 #include "base/Failure.h"
 
+#include <algorithm>
 #include <array>
 #include <map>
 
@@ -16,7 +17,7 @@ struct IdentityOption {
     const char* help;
 };
 
-constexpr std::array options{
+constexpr std::array identityOptions{
     IdentityOption{"--cert", &IdentityFiles::certificate, "The certificate of an identity: the first one in its file"},
     IdentityOption{"--key", &IdentityFiles::key, "Its private key"},
     IdentityOption{"--p12", &IdentityFiles::pkcs12, "Certificate and key of an identity in one PKCS#12 file"},
@@ -45,20 +46,31 @@ void requireComplete(const IdentityFiles& files) {
 } // namespace
 
 IdentityOptions::IdentityOptions(Command& command) : m_command(&command) {
-    for (const IdentityOption& option : options)
+    for (const IdentityOption& option : identityOptions)
         m_options.push_back(command.repeated(option.name, option.help)->typeName("FILE"));
+}
+
+std::optional<std::string> IdentityOptions::missing() const {
+    const auto given = [this](Member member) {
+        const auto* const option =
+            std::ranges::find_if(identityOptions, [member](const IdentityOption& one) { return one.member == member; });
+        return !m_options[static_cast<std::size_t>(option - identityOptions.begin())]->empty();
+    };
+    if (given(&IdentityFiles::pkcs12) || (given(&IdentityFiles::certificate) && given(&IdentityFiles::key)))
+        return std::nullopt;
+    return given(&IdentityFiles::certificate) ? "--key" : "--cert";
 }
 
 std::vector<IdentityFiles> IdentityOptions::files() const {
     std::vector<IdentityFiles> all;
     std::map<const Option*, std::size_t> taken;
     for (const Option* const option : m_command->inOrderGiven()) {
-        for (std::size_t at = 0; at < options.size(); ++at) {
+        for (std::size_t at = 0; at < identityOptions.size(); ++at) {
             if (option != m_options[at])
                 continue;
-            if (all.empty() || beginsNext(all.back(), options[at].member))
+            if (all.empty() || beginsNext(all.back(), identityOptions[at].member))
                 all.emplace_back();
-            all.back().*options[at].member = option->values().at(taken[option]++);
+            all.back().*identityOptions[at].member = option->values().at(taken[option]++);
         }
     }
     for (const IdentityFiles& files : all)

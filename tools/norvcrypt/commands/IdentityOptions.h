@@ -3,6 +3,8 @@
 #include "commandline/CommandLine.h"
 #include "identities/OwnIdentity.h"
 
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace norvcrypt {
@@ -15,6 +17,9 @@ public:
 
     /// What the command line said, once it was read; it may have none. \throws Failure: an identity lacks a file
     [[nodiscard]] std::vector<IdentityFiles> files() const;
+    /// The option that has to be given before there can be an identity at all; nothing when one is there.
+    [[nodiscard]] std::optional<std::string> missing() const;
+    [[nodiscard]] const std::vector<Option*>& options() const noexcept { return m_options; }
 
 private:
     Command* m_command;

@@ -1,92 +1,68 @@
+#include "cms/Signing.h"
 #include "commands/Command.h"
-#include "files/Input.h"
+#include "commands/IdentityOptions.h"
+#include "files/Body.h"
 #include "files/Output.h"
 #include "identities/Store.h"
 #include "read/CertificateFile.h"
-#include "read/PrivateKeyFile.h"
 #include "recognise/DigestNames.h"
 #include "write/CmsFile.h"
 
-#include <norvcrypto/CMSSignerMedia.h>
-#include <norvcrypto/CMSVerification.h>
 #include <norvcrypto/KeyStore.h>
 
-#include <array>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
-namespace CMS = Norvane::Crypto::CMS;
 
 namespace {
 
 struct SignOptions {
-    std::string certificate;
-    std::string key;
+    std::optional<IdentityOptions> identities;
     std::optional<std::string> store;
     std::string from;
     std::optional<std::string> chain;
-    std::optional<std::string> passphraseFile;
-    std::string digest = "sha256";
+    std::optional<std::string> digest;
+    SignatureForm form;
     std::string in = "-";
     std::string out = "-";
     bool pem = false;
 };
 
-/// The signer's certificate comes first in its file; what follows belongs to the chain, like the file for the chain.
-NVX509::KeyCertificatePair readSigner(const SignOptions& options, Inputs& inputs) {
+/// What follows a signer's certificate in its file belongs to the chain, like the file for the chain.
+std::vector<NVX509::KeyCertificatePair> readSigners(const SignOptions& options, Inputs& inputs) {
     if (options.store)
-        return signerFor(*options.store, options.from, inputs);
-    std::list<NVX509::RefCertificate> chain = readCertificates(inputs, options.certificate);
-    const NVX509::RefCertificate certificate = chain.front();
-    chain.pop_front();
+        return {signerFor(*options.store, options.from, inputs)};
+    std::vector<NVX509::KeyCertificatePair> signers;
+    std::list<NVX509::RefCertificate> further;
     if (options.chain)
-        chain.splice(chain.end(), readCertificates(inputs, *options.chain));
-    const Passphrase passphrase(inputs, options.passphraseFile);
-    return {readPrivateKey(inputs, options.key, passphrase), certificate, chain};
-}
-
-/// Signs what is read from `body`. A signature over a set of attributes would also be one over another text that has
-/// them.
-void writeBody(Norvane::MediaIn& body, CMS::SignerMediaOut& signer, const std::string& path) {
-    CMS::AttributeSetDetector attributes;
-    std::array<unsigned char, 65536> piece{};
-    for (int count = body.read(piece.data(), piece.size()); count > 0; count = body.read(piece.data(), piece.size())) {
-        attributes.update(piece.data(), static_cast<std::size_t>(count));
-        signer.write(piece.data(), static_cast<unsigned int>(count));
+        further = readCertificates(inputs, *options.chain);
+    for (OwnIdentity& identity : readIdentities(options.identities->files(), inputs)) {
+        identity.chain.insert(identity.chain.end(), further.begin(), further.end());
+        signers.emplace_back(identity.key, identity.certificate, identity.chain);
     }
-    if (attributes.isAttributeSet())
-        throw Failure("will not sign " + inputName(path) +
-                      ": it is a set of attributes, whose signature would be good for another body, too");
-}
-
-Norvane::Buffer signatureOver(const SignOptions& options, Inputs& inputs) {
-    const auto digest = digestType(options.digest);
-    const NVX509::KeyCertificatePair pair = readSigner(options, inputs);
-    Progress progress("signing");
-    Norvane::MediaIn body = inputs.open(options.in, &progress);
-    Norvane::MemoryMediaOut signature;
-    try {
-        CMS::SignerMediaOut signer(digest, pair);
-        signer.attach(signature);
-        writeBody(body, signer, options.in);
-        signer.end();
-    } catch (const Norvane::Exception& failure) {
-        throw Failure("cannot sign " + inputName(options.in), failure);
-    }
-    return signature.content();
+    return signers;
 }
 
 Exit sign(const SignOptions& options) {
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
     OutputFile out(options.out, inputs);
-    const Norvane::Buffer der = signatureOver(options, inputs);
-    writeStructure(out, der, options.pem);
+    SignatureForm form = options.form;
+    if (options.digest)
+        form.digest = digestType(*options.digest);
+    const std::vector<NVX509::KeyCertificatePair> signers = readSigners(options, inputs);
+    Progress progress("signing");
+    Body body(inputs, options.in, &progress);
+    StructureStream structure(out, !options.pem            ? StructureForm::binary
+                                   : form.isPkcs7(signers) ? StructureForm::pemPkcs7
+                                                           : StructureForm::pemCms);
+    sign(body, inputName(options.in), signers, form, structure);
     out.commit();
     return Exit::good;
 }
@@ -95,36 +71,45 @@ Exit sign(const SignOptions& options) {
 
 void addSign(Command& commands, Action& action) {
     auto options = std::make_shared<SignOptions>();
-    Command* command = commands.command("sign", "Signs a body: a detached CMS signature over its bytes as they are");
-    Option* certificate =
-        command->option("--cert", options->certificate, "The signer's certificate; further ones in it join the chain")
-            ->typeName("FILE");
-    Option* key = command->option("--key", options->key, "The signer's private key")->typeName("FILE");
+    Command* command = commands.command(
+        "sign", "Signs a body: a CMS signature over its bytes as they are, detached unless --attached is given");
+    options->identities.emplace(*command);
     Option* chain =
-        command->option("--chain", options->chain, "Certificates to put beside the signer's")->typeName("FILE");
-    Option* passphrase =
-        command->option("--passphrase-file", options->passphraseFile, "The key's passphrase is this file's first line")
-            ->typeName("FILE");
+        command->option("--chain", options->chain, "Certificates to put beside the signers'")->typeName("FILE");
     Option* store =
         command->option("--store", options->store, "Instead of the above: the store with the signer")->typeName("DIR");
     Option* from =
         command->option("--from", options->from, "The address that the store finds the signer by")->typeName("ADDRESS");
     store->needs(from);
     from->needs(store);
-    for (Option* own : {certificate, key, chain, passphrase})
+    store->excludes(chain);
+    for (const Option* own : options->identities->options())
         store->excludes(own);
-    command->option("--digest", options->digest, "The digest to sign")->showDefault();
+    command
+        ->option("--digest", options->digest,
+                 "The digest to sign: sha256 unless given, or what Ed25519 and Ed448 keys demand, who take no other")
+        ->typeName("NAME");
+    command->flag("--attached", options->form.attached, "Put the body into the structure");
+    command->flag("--signed-attributes", options->form.signedAttributes,
+                  "Sign attributes: the body's type and digest, the time, the ciphers that the signer reads, and which "
+                  "certificate it is (signing-certificate-v2); always so with Ed25519 and Ed448 keys");
+    command->flag("--pss", options->form.pss, "Sign with RSASSA-PSS where the key is RSA");
+    command->flag("--key-identifier", options->form.keyIdentifier,
+                  "Name signers by the subject key identifier of their certificates, not by issuer and serial number");
     command->option("--in", options->in, "The body; \"-\" is standard input")->typeName("BODY")->showDefault();
     command->option("--out", options->out, "The signature; \"-\" is standard output")
         ->typeName("SIG.p7s")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->footer(
-        "The signer is either --cert and --key, or --store and --from: the identity that norvcrypt bindings "
-        "find names for signing, with its chain, as long as its certificate is valid.");
-    command->whenChosen([options, &action, certificate, key, store] {
-        if (store->empty() && (certificate->empty() || key->empty()))
-            throw MissingOption(certificate->empty() ? "--cert" : "--key");
+        "Each signer is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE; further "
+        "certificates in the file of --cert join the chain. Or the signer is --store and --from: the identity that "
+        "norvcrypt bindings find names for signing, with its chain, as long as its certificate is valid. An attached "
+        "body of more than 256 KiB is written in BER when it comes from a pipe or an elliptic curve key signs, so that "
+        "it is never held in memory.");
+    command->whenChosen([options, &action, store] {
+        if (const auto missing = options->identities->missing(); missing && store->empty())
+            throw MissingOption(*missing);
         action = [options] { return sign(*options); };
     });
 }

@@ -5,6 +5,8 @@
 #include "read/Pkcs12File.h"
 #include "read/PrivateKeyFile.h"
 
+#include <utility>
+
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
@@ -24,8 +26,10 @@ OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
     const Passphrase passphrase(inputs, files.passphrase);
     if (files.pkcs12)
         return fromPkcs12(*files.pkcs12, passphrase, inputs);
-    const NVX509::RefCertificate certificate = readCertificates(inputs, *files.certificate).front();
-    return {certificate, readPrivateKey(inputs, *files.key, passphrase), inputName(*files.key)};
+    std::list<NVX509::RefCertificate> chain = readCertificates(inputs, *files.certificate);
+    const NVX509::RefCertificate certificate = chain.front();
+    chain.pop_front();
+    return {certificate, readPrivateKey(inputs, *files.key, passphrase), inputName(*files.key), std::move(chain)};
 }
 
 } // namespace

@@ -8,17 +8,20 @@
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Key.h>
 
+#include <list>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace norvcrypt {
 
-/// A certificate, the private key given with it, and the file of that key as it is named in messages.
+/// A certificate, the private key given with it, the file of that key as it is named in messages, and the certificates that
+/// follow the first one in its file.
 struct OwnIdentity {
     Norvane::Crypto::NVX509::RefCertificate certificate;
     Norvane::Crypto::RefKey key;
     std::string keyFile;
+    std::list<Norvane::Crypto::NVX509::RefCertificate> chain{};
 };
 
 /// The files of one identity: a certificate and a key, or a PKCS#12 file, with the passphrase.

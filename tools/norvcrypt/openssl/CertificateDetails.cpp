@@ -231,9 +231,29 @@ bool isRsa(const EVP_PKEY* key) {
     return EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA;
 }
 
-bool mayEncipherKeys(X509* certificate) {
+SigningKey signingKey(const EVP_PKEY* key) {
+    switch (EVP_PKEY_get_base_id(key)) {
+    case EVP_PKEY_RSA:
+        return SigningKey::rsa;
+    case EVP_PKEY_RSA_PSS:
+        return SigningKey::rsaPss;
+    case EVP_PKEY_EC:
+        return SigningKey::curve;
+    case EVP_PKEY_ED25519:
+    case EVP_PKEY_ED448:
+        return SigningKey::edwards;
+    default:
+        return SigningKey::other;
+    }
+}
+
+const char* missingForEncryption(X509* certificate) {
     const QuietQuestion quiet;
-    return (X509_get_key_usage(certificate) & KU_KEY_ENCIPHERMENT) != 0; // every bit is set when nothing is said of it
+    const bool transports = hasRsaKey(certificate);
+    const std::uint32_t needed = transports ? KU_KEY_ENCIPHERMENT : KU_KEY_AGREEMENT;
+    if ((X509_get_key_usage(certificate) & needed) != 0) // every bit is set when nothing is said of it
+        return nullptr;
+    return transports ? "keyEncipherment" : "keyAgreement";
 }
 
 bool isSameCertificate(const X509* one, const X509* other) {

@@ -67,8 +67,19 @@ std::optional<PublicKeyDetails> publicKeyDetails(X509* certificate);
 bool hasRsaKey(X509* certificate);
 bool isRsa(const EVP_PKEY* key);
 
-/// Whether the key usage lets keys be encrypted to it; it does when there is none.
-bool mayEncipherKeys(X509* certificate);
+/// How a key signs.
+enum class SigningKey : int {
+    rsa,
+    rsaPss, ///< with RSASSA-PSS alone
+    curve,  ///< ECDSA, whose signatures vary in length
+    edwards,
+    other,
+};
+SigningKey signingKey(const EVP_PKEY* key);
+
+/// What the key usage of a certificate lacks for encryption to it: keyEncipherment for RSA keys, keyAgreement for others;
+/// null when it has that, or there is no key usage.
+const char* missingForEncryption(X509* certificate);
 
 /// Whether two certificates are the same bytes; the library's comparison refuses negative serial numbers.
 bool isSameCertificate(const X509* one, const X509* other);

@@ -18,14 +18,38 @@ constexpr std::array<NamedCipher, 8> ciphers{{{"des-cbc", Norvane::Crypto::DES_C
                                               {"aes-192-cbc", Norvane::Crypto::AES_192_CBC, 24, 16},
                                               {"aes-256-cbc", Norvane::Crypto::AES_256_CBC, 32, 16}}};
 
+using Norvane::Crypto::CMS::ContentCipher;
+
+struct NamedContentCipher {
+    const char* name;
+    ContentCipher cipher;
+};
+
+constexpr std::array<NamedContentCipher, 7> contentCiphers{{{"des-ede3-cbc", ContentCipher::tripleDesCbc},
+                                                            {"aes-128-cbc", ContentCipher::aes128Cbc},
+                                                            {"aes-192-cbc", ContentCipher::aes192Cbc},
+                                                            {"aes-256-cbc", ContentCipher::aes256Cbc},
+                                                            {"aes-128-gcm", ContentCipher::aes128Gcm},
+                                                            {"aes-192-gcm", ContentCipher::aes192Gcm},
+                                                            {"aes-256-gcm", ContentCipher::aes256Gcm}}};
+
+/// Null when there is none of that name.
+template <class Table> auto* find(const Table& table, const std::string& name) {
+    const auto found = std::find_if(table.begin(), table.end(),
+                                    [&name](const auto& one) { return strcasecmp(one.name, name.c_str()) == 0; });
+    return found == table.end() ? nullptr : &*found;
+}
+
+[[noreturn]] void refuse(const std::string& name, const std::string& names) {
+    throw Failure("unknown cipher: " + name + " (one of " + names + ")");
+}
+
 } // namespace
 
 const NamedCipher& cipherNamed(const std::string& name) {
-    const auto* const found = std::find_if(ciphers.begin(), ciphers.end(), [&name](const NamedCipher& one) {
-        return strcasecmp(one.name, name.c_str()) == 0;
-    });
-    if (found == ciphers.end())
-        throw Failure("unknown cipher: " + name + " (one of " + cipherNames() + ")");
+    const NamedCipher* const found = find(ciphers, name);
+    if (found == nullptr)
+        refuse(name, cipherNames());
     return *found;
 }
 
@@ -33,6 +57,22 @@ std::string cipherNames() {
     std::string names;
     for (const NamedCipher& one : ciphers)
         names += (names.empty() ? "" : ", ") + std::string(one.name);
+    return names;
+}
+
+MessageCipher messageCipherNamed(const std::string& name) {
+    if (const NamedContentCipher* const found = find(contentCiphers, name))
+        return {.content = found->cipher};
+    if (const NamedCipher* const found = find(ciphers, name))
+        return {.old = found->cipher};
+    refuse(name, messageCipherNames());
+}
+
+std::string messageCipherNames() {
+    std::string names = cipherNames();
+    for (const NamedContentCipher& one : contentCiphers)
+        if (find(ciphers, one.name) == nullptr)
+            names += ", " + std::string(one.name);
     return names;
 }
 

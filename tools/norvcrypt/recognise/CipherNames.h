@@ -1,7 +1,9 @@
 #pragma once
 
+#include <norvcrypto/CMSEnvelopeWriter.h>
 #include <norvcrypto/Encryption.h>
 
+#include <optional>
 #include <string>
 
 namespace norvcrypt {
@@ -19,5 +21,17 @@ const NamedCipher& cipherNamed(const std::string& name);
 
 /// All names, for help texts: "des-cbc, idea-cbc, ...".
 std::string cipherNames();
+
+/// A cipher for messages; which of the two members has it tells what can be made with it.
+struct MessageCipher {
+    std::optional<Norvane::Crypto::CMS::ContentCipher> content{}; ///< messages of every kind
+    std::optional<Norvane::Crypto::Cipher> old{};                 ///< EnvelopedData for RSA keys alone
+};
+
+/// The cipher of that name, as above or "aes-256-gcm" say. \throws Failure: there is none
+MessageCipher messageCipherNamed(const std::string& name);
+
+/// All names of them.
+std::string messageCipherNames();
 
 } // namespace norvcrypt
