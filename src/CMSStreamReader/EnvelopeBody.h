@@ -30,7 +30,11 @@ public:
     [[nodiscard]] const std::vector<Recipient>& recipients();
     [[nodiscard]] const EnvelopeFrame& frame() const noexcept { return m_frame; }
     [[nodiscard]] std::string cipher() const;
-    void spillTo(const std::string& fileTemplate) { m_content->spillTo(fileTemplate); }
+    void spillTo(const std::string& fileTemplate) {
+        if (m_content != nullptr) { // there is none of a cipher that is not supported
+            m_content->spillTo(fileTemplate);
+        }
+    }
 
     bool open(const KeyLookup& keys);
     bool open(const Recipient& recipient, const NVX509::KeyCertificatePair& pair);

@@ -84,11 +84,11 @@ TEST_F(VerifyToolTest, ChangedByteIsRefused) {
     changed[changed.size() / 2] ^= 1;
     const Answer answer = tool({"verify", "--signature", "sig"}, changed);
     EXPECT_EQ(1, answer.status);
-    EXPECT_EQ((std::vector<std::string>{"signer 1: NOT VERIFIED, the signature does not belong to this body and "
-                                        "certificate (event 0x3000052), certificate SHA-256 " +
-                                            alice().certificate.sha256() + " CN=alice,O=Interop,C=DE",
-                                        bodyLine("standard input", body.size()), trustLine}),
-              linesOf(answer.out));
+    expectLines({"signer 1: NOT VERIFIED, the signature does not belong to this body and "
+                 "certificate (event 0x3000052), certificate SHA-256 " +
+                     alice().certificate.sha256() + " CN=alice,O=Interop,C=DE",
+                 bodyLine("standard input", body.size()), trustLine},
+                answer);
     EXPECT_EQ("", answer.err);
 }
 
@@ -191,7 +191,7 @@ TEST_F(VerifyToolTest, HostileNamesCannotForgeAVerdict) {
     signBody();
     const Answer answer = tool({"verify", "--signature", "sig"}, "another body");
     EXPECT_EQ(1, answer.status);
-    EXPECT_EQ(3U, linesOf(answer.out).size());
+    EXPECT_EQ(4U, linesOf(answer.out).size());
     EXPECT_NE(std::string::npos, answer.out.find("CN=evil\\0Asigner 2: good signature\\1B[2J\xC3\xBF"));
 }
 
@@ -207,7 +207,8 @@ TEST_F(VerifyToolTest, StructuresThatAreNoSignature) {
     work.write("sig", std::string());
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "no CMS structure in sig");
     work.write("sig", alice().certificate.der);
-    expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "ASN1 Decode failed:");
+    expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}),
+                  "norvcrypt: cannot judge the signatures in sig: CMS::SignedReader (code 4, ");
     work.write("sig", norvauthority::contentInfo(norvauthority::fromHex("2a864886f70d010701"),
                                                  norvauthority::der::octetString({0x61})));
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "sig holds no signature but pkcs7-data");
@@ -222,7 +223,7 @@ TEST_F(VerifyToolTest, TruncatedSignatureIsMalformed) {
     std::string der = work.read("sig");
     der.resize(der.size() - 1);
     work.write("sig", der);
-    expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "ASN1 Decode failed:");
+    expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "the source ended before the structure");
 }
 
 TEST_F(VerifyToolTest, MissingBody) {
