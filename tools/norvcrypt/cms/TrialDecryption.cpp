@@ -88,7 +88,9 @@ void TrialDecryption::requireSupported(StructureFile& file) const {
         throw Failure(file.name() + " needs what is not supported: " + m_reader->unsupported());
 }
 
+/// The outcome is `failed`, for now, when there is one to try.
 void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& attempt) const {
+    using enum Attempt::Outcome;
     const auto key = distinctive(name);
     const auto found = key ? m_byName.find(*key) : m_byName.end();
     if (found == m_byName.end())
@@ -96,11 +98,14 @@ void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& a
     for (const OwnIdentity* const identity : found->second) {
         if (!name.names(identity->certificate))
             continue;
-        if (!attempt.identity)
-            attempt.identity = *identity;
         if (belongsTogether(*identity)) {
             attempt.identity = *identity;
+            attempt.outcome = attempt.kind == Recipient::keyTransport && !isRsa(identity->key) ? unfitKey : failed;
             return;
+        }
+        if (!attempt.identity) {
+            attempt.identity = *identity;
+            attempt.outcome = foreignKey;
         }
     }
 }
@@ -123,14 +128,6 @@ Attempt TrialDecryption::consider(const Recipient& recipient) const {
         }
         attempt.recipient = nameOf(*name);
         findIdentity(*name, attempt);
-        if (!attempt.identity)
-            return attempt;
-        if (!belongsTogether(*attempt.identity))
-            attempt.outcome = foreignKey;
-        else if (recipient.kind() == Recipient::keyTransport && !isRsa(attempt.identity->key))
-            attempt.outcome = unfitKey;
-        else
-            attempt.outcome = failed;
         break;
     }
     case Recipient::keyEncryptionKey:

@@ -135,7 +135,7 @@ SignatureResult judgeWith(const SignedReader& message, const SignedReader::Signe
         return message.verdict(signer, NVX509::RefCertificate());
     std::optional<SignatureResult> best;
     for (const NVX509::RefCertificate& certificate : named) {
-        const SignatureResult result = message.verdict(signer, certificate);
+        SignatureResult result = message.verdict(signer, certificate);
         if (result.verdict == SignatureVerdict::good)
             return result;
         if (!best || (best->verdict == SignatureVerdict::refused && result.verdict != SignatureVerdict::refused))
@@ -164,7 +164,7 @@ std::string bodyText(const JudgedBody& body, const VerifyOptions& options) {
     const std::string content = "the content of " + inputName(options.signature);
     if (options.embedded)
         return "body: " + content + ", " + length;
-    const std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
+    std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
     if (!body.isContent)
         return given;
     return given + (*body.isContent ? ", which is " : ", which is not ") + content;
