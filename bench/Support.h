@@ -3,6 +3,8 @@
 /// \file
 /// What the benchmarks share: one identity, bodies of a size, and the usual sizes.
 
+#include "Bodies.h"
+
 #include <authority/Authority.h>
 #include <norvcmsg/Buffer.h>
 #include <norvcrypto/Certificate.h>
@@ -10,9 +12,6 @@
 #include <norvcrypto/KeyStore.h>
 
 #include <benchmark/benchmark.h>
-
-#include <cstddef>
-#include <vector>
 
 namespace bench {
 
@@ -45,28 +44,9 @@ inline Norvane::Crypto::NVX509::KeyCertificatePair signerPair() {
     return {RefKey(new PrivateKey(signer().key.newReference())), certificate};
 }
 
-/// A body that does not compress into a pattern: a small linear generator, the same in every run.
-inline const std::vector<unsigned char>& body(std::size_t size) {
-    static std::vector<unsigned char> bytes;
-    for (unsigned int state = 12345; bytes.size() < size;) {
-        state = state * 1664525U + 1013904223U;
-        bytes.push_back(static_cast<unsigned char>(state >> 24U));
-    }
-    return bytes;
-}
-
 /// 1 KB, 64 KB, 1 MB, 64 MB.
 inline void sizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Arg(1 << 10)->Arg(64 << 10)->Arg(1 << 20)->Arg(64 << 20)->Unit(benchmark::kMicrosecond);
-}
-
-/// How a mail layer hands over a body: in pieces of 16 KB.
-inline constexpr std::size_t piece = 16384;
-
-template <class Write> void inPieces(const std::vector<unsigned char>& bytes, std::size_t size, Write write) {
-    for (std::size_t at = 0; at < size; at += piece) {
-        write(bytes.data() + at, static_cast<unsigned int>(std::min(piece, size - at)));
-    }
 }
 
 /// Counts the bytes of a run for the throughput column.

@@ -46,8 +46,8 @@ std::vector<unsigned char> inputOf(Cipher cipher, bool encrypt, std::size_t size
 template <class Stream> void stream(benchmark::State& state, Cipher cipher, bool encrypt) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const auto bytes = inputOf(cipher, encrypt, size);
+    Norvane::NullMediaOut target;
     for (auto _ : state) {
-        Norvane::NullMediaOut target;
         Stream out(cipher, key, iv);
         out.attach(target);
         bench::inPieces(bytes, size, [&](const unsigned char* data, unsigned int length) { out.write(data, length); });

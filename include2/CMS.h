@@ -21,6 +21,10 @@
 /// Rules of every view:
 /// - A view borrows the OpenSSL structure that it was made over and must not outlive it: what comes out of a
 ///   `RefContentInfo` (certificates and lists included) lives no longer than the last handle on that body.
+/// - Of a structure that was decoded from a source, the certificates, revocation lists, recipients and the encrypted
+///   content are decoded when they are first asked for: by their accessors through `signedData` and `envelopedData`, and
+///   all of them by `RefContentInfo`'s conversion to OpenSSL's structure. What decodes and what does not is told by the
+///   constructor all the same: what waits is known to decode. Pointers that were handed out before stay valid.
 /// - A view over null is allowed; its accessors answer an empty value, an empty list or a null handle.
 /// - An accessor decodes on its first call and answers the same object from then on; later changes of the structure are
 ///   not seen. A list without entries is looked up again on each call.
@@ -39,6 +43,7 @@
 #include <norvcrypto/detail/CachedValue.h>
 
 #include <list>
+#include <memory>
 
 struct X509_name_st;
 struct asn1_object_st;
@@ -51,7 +56,13 @@ struct pkcs7_recip_info_st;
 struct pkcs7_enc_content_st;
 struct pkcs7_issuer_and_serial_st;
 
+namespace Norvane::Crypto::openssl {
+class LazyPkcs7;
+}
+
 namespace Norvane::Crypto::CMS {
+
+struct StructureParts;
 
 /// The outer structure: a content type and the content of that type.
 class NORVCRYPTO_EXPORT ContentInfo : public NonCopyable {
@@ -80,18 +91,21 @@ public:
     /// An unrecognised type is logged on each call: event 0x300005D, the dotted text.
     ContentType typeAsEnum() const;
 
-    /// The structure, or null.
-    [[nodiscard]] pkcs7_st* structure() const noexcept { return m_structure; }
+    /// The structure, or null; all of it, which a decoded one is from the first call on (see the rules above).
+    /// \throws std::bad_alloc
+    [[nodiscard]] pkcs7_st* structure() const;
 
 protected:
     ContentInfo(pkcs7_st* structure, bool owns);
-    /// Decodes one structure from `source` and owns it; null when the bytes are none.
-    void decode(MediaIn& source);
+    /// Decodes one structure from `source` and owns it; false when the bytes are none.
+    bool decode(MediaIn& source);
 
 private:
+    friend struct StructureParts;
+
     pkcs7_st* m_structure;
     bool m_owns;
-    BIOMediaIn m_source; // the stream that a decoded structure came from; never read again
+    std::unique_ptr<openssl::LazyPkcs7> m_parts; // of a structure that was decoded, which it owns
     mutable detail::CachedValue<ASN1::ObjectIdentifier, asn1_object_st> m_type;
     mutable ContentType m_typeNumber = Unknown;
 };
@@ -106,7 +120,9 @@ public:
     /// Decodes one structure, BER or DER, and owns it. `in` is read up to the end of the structure and not a byte
     /// further when the outermost length is definite and the structure has 8 bytes or more; up to 6 bytes further
     /// otherwise. What follows the structure is not looked at: a caller that allows nothing behind it asks
-    /// `in.atEnd()`. `in` may go once this returns.
+    /// `in.atEnd()`. `in` may go once this returns. Enveloped data keeps its octets until they are asked for: its own
+    /// copy, or, when the bytes of `in` lie in memory (`BytesInMemory`), a handle on the body of `in`, whose bytes must stay
+    /// as they are.
     ///
     /// \throws Exception "CMS::_ContentInfo::_ContentInfo", code 4, file CMS, line 389, detail "ASN1 Decode failed:":
     ///         the bytes are no structure, or end before it does, or it is refused (see Acceptance.h); also logged, event
@@ -209,7 +225,10 @@ public:
     const std::list<SignerInfo>& signerInfo() const;
 
 private:
+    friend struct StructureParts;
+
     const pkcs7_signed_st* m_value;
+    openssl::LazyPkcs7* m_parts = nullptr; // what of the structure is decoded when it is asked for
     mutable RefContentInfo m_contentInfo;
     mutable detail::CachedValue<ASN1::Integer, asn1_string_st> m_version;
     mutable std::list<NVX509::RefCertificate> m_certificates;
@@ -288,7 +307,10 @@ public:
     const EncryptedContentInfo& contentInfo() const;
 
 private:
+    friend struct StructureParts;
+
     const pkcs7_enveloped_st* m_value;
+    openssl::LazyPkcs7* m_parts = nullptr; // what of the structure is decoded when it is asked for
     mutable detail::CachedValue<ASN1::Integer, asn1_string_st> m_version;
     mutable std::list<RecipientInfo> m_recipientInfo;
     mutable detail::CachedValue<EncryptedContentInfo, pkcs7_enc_content_st> m_contentInfo;

@@ -27,8 +27,9 @@
 ///   decryption failed, and sign what must not be changed.
 /// - Bytes are encrypted exactly as written: no line ending is changed, no MIME is looked at.
 /// - The encrypting side holds the encrypted body in memory until it is ended, once; the decrypting side holds the
-///   structure, and about 2.3 times its size while OpenSSL decodes it. The clear body passes in constant memory on both
-///   sides, written in pieces.
+///   structure, once, or nothing of it but a handle on a source whose bytes lie in memory (`MemoryMediaIn`,
+///   `MappedFileMediaIn`), where they are read in place. The clear body passes in constant memory on both sides, written in
+///   pieces.
 /// - One stream is used by one thread at a time; certificates, keys and the key store may be shared between streams of
 ///   several threads.
 
@@ -44,6 +45,7 @@
 #include <norvcrypto/Export.h>
 #include <norvcrypto/KeyStore.h>
 
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <string>
@@ -62,7 +64,7 @@ public:
     EncrypterMediaOutImpl& operator=(const EncrypterMediaOutImpl&) = delete;
 
     /// Adds bytes to the body. They collect in a buffer of 4096 bytes that is passed on when the next piece does not
-    /// fit; a piece larger than the buffer makes it grow to that size, for good.
+    /// fit. A piece of more than 8192 bytes is encrypted at once, from where it lies.
     ///
     /// Deliberately odd: what is written after `end()` is dropped without a word, since the structure is finished.
     void write(const Buffer& data) override;
@@ -151,7 +153,8 @@ public:
         /// Shares both handles.
         Identifier(const NVX509::RefDistinguishedName& issuer, const ASN1::RefInteger& serialNumber);
 
-        /// The issuer's name; never an empty handle when it came from a structure.
+        /// The issuer's name; never an empty handle when it came from a structure. The recipients of one message that
+        /// have the same issuer share it.
         [[nodiscard]] const NVX509::RefDistinguishedName& issuer() const noexcept { return m_issuer; }
         /// The serial number; a null handle for a structure without one.
         [[nodiscard]] const ASN1::RefInteger& serialNumber() const noexcept { return m_serialNumber; }
@@ -213,8 +216,8 @@ public:
         unsigned long m_bytesWritten;
     };
 
-    /// Decodes the structure at once; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is
-    /// not asked here. `in` may go once this returns. What is undecodable here may still be a sound message, with
+    /// Reads the structure at once; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is
+    /// not asked here. `in` may go once this returns; its body is kept where its bytes lie in memory. What is undecodable here may still be a sound message, with
     /// recipients of newer kinds or originator information: `EnvelopeOutline` (CMSEnvelopeOutline.h) tells.
     /// \param keys shared. An empty handle makes `write` throw "operator->", code 1, at the first recipient.
     DecrypterMediaIn(MediaIn& in, const NVX509::RefKeyStore& keys);
@@ -319,8 +322,8 @@ private:
     struct Round;
 
     bool tryRecipients(MediaOut& out, SwapBufferMediaOut* fresh);
-    bool isDecryptedFor(const RecipientInfo& recipient, Round& round);
-    bool isDecryptedWith(const NVX509::_KeyCertificatePair& pair, const RecipientInfo& recipient,
+    bool isDecryptedFor(std::size_t recipient, Round& round);
+    bool isDecryptedWith(const NVX509::_KeyCertificatePair& pair, std::size_t recipient,
                          const DecrypterMediaIn::Identifier& identifier, Round& round);
     bool recordFailure(const Attempt& attempt);
     bool recordUntried(const DecrypterMediaIn::Identifier& identifier, Round& round);

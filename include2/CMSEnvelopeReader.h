@@ -68,6 +68,10 @@ public:
     /// The pair for a recipient; a null pair, or one without a private key, when there is none. What it throws reaches
     /// the caller of `open`.
     [[nodiscard]] virtual NVX509::KeyCertificatePair find(const CertificateIdentifier& recipient) const = 0;
+    /// False when `find` has certainly no answer for a name, which so need not be decoded: with a hundred recipients that
+    /// takes longer than all else. True unless a class knows better. Throwing is up to `find`.
+    /// \param octets what `CertificateIdentifier::octets` gives: a borrowing buffer, not to be kept
+    [[nodiscard]] virtual bool mayFind(NamedBy namedBy, const Buffer& octets) const noexcept;
 };
 
 /// The key store, which finds by issuer and serial number alone.
@@ -89,20 +93,22 @@ public:
     explicit KeyListLookup(const std::list<NVX509::KeyCertificatePair>& pairs);
     ~KeyListLookup() override;
     [[nodiscard]] NVX509::KeyCertificatePair find(const CertificateIdentifier& recipient) const override;
+    [[nodiscard]] bool mayFind(NamedBy namedBy, const Buffer& octets) const noexcept override;
 
 private:
     struct Index;
     std::unique_ptr<const Index> m_index;
 };
 
-struct EnvelopeRecipient;
+struct ReceivedRecipient;
 class EnvelopeReaderImpl;
 
 /// One message.
 class NORVCRYPTO_EXPORT EnvelopeReader : public MediaIn, private NonCopyable {
 public:
     /// What a sender, of whom nothing is known, may choose. What is beyond is refused with a `TooCostlyException` (Key.h)
-    /// whose text names the member; the message is not damaged then.
+    /// whose text names the member; the message is not damaged then. Elements within elements to more than 32 levels, which
+    /// no sender makes, count as damage.
     struct Budget {
         std::uint32_t head = 4U << 20U;   ///< octets before the content: originator information, recipients, algorithm
         std::uint32_t tail = 4U << 20U;   ///< octets behind it: attributes, tag
@@ -148,9 +154,9 @@ public:
     private:
         friend class EnvelopeReader;
         friend class EnvelopeReaderImpl;
-        explicit Recipient(std::shared_ptr<const EnvelopeRecipient> parts) noexcept;
+        explicit Recipient(std::shared_ptr<const ReceivedRecipient> parts) noexcept;
 
-        std::shared_ptr<const EnvelopeRecipient> m_parts;
+        std::shared_ptr<const ReceivedRecipient> m_parts;
     };
 
     /// Keeps `in`, which nobody else reads from now on, and reads up to the content.
@@ -169,13 +175,14 @@ public:
     /// The type of the content in digits: "1.2.840.113549.1.7.1" for data. Authenticated where the message is: a content
     /// of another type than data must come with the attribute that says so (RFC 5083, 2.1), else it counts as damaged.
     [[nodiscard]] std::string contentType() const;
-    /// The cipher by name and object identifier: "aes-256-cbc (2.16.840.1.101.3.4.1.42)".
+    /// The cipher by name and object identifier: "AES-256-CBC (2.16.840.1.101.3.4.1.42)".
     [[nodiscard]] std::string cipher() const;
     /// False when the message carries no encrypted content, because it is somewhere else. It cannot be opened then.
     [[nodiscard]] bool hasContent() const;
 
     /// Where the file for the content of an authenticated message is made, as for `SwapBufferMediaOut`; to be called before
-    /// the first octet is read. "/var/tmp/swapXXXXXX" unless it is called.
+    /// the first octet is read. "norvcrypto-XXXXXX" in the system's folder for
+    /// temporary files unless it is called.
     void spillTo(const std::string& fileTemplate);
 
     /// Chooses the one key that the content is read with, by asking for each recipient until there is a key. True tells that

@@ -69,7 +69,8 @@ enum class EnvelopeEncoding : int {
 inline constexpr std::size_t maximumRecipients = 10000;
 /// The octets of all recipients together, which grow with the names that others put into certificates: what readers, ours
 /// too, take.
-inline constexpr std::size_t maximumRecipientOctets = std::size_t{4} << 20U;
+inline constexpr std::size_t maximumRecipientOctets =
+    (std::size_t{4} << 20U) - 1024; // and what else stands before the content
 /// What the public keys of all recipients together cost to encrypt with, which others chose, in squarings of a 1024-bit
 /// number of some 0.2 to 0.5 microseconds: 68 for RSA with 2048 bits, 2048 for P-256, 17264 for P-521. And what one may:
 /// RSA with 16384 bits and a 64-bit exponent, or P-521.
@@ -104,7 +105,7 @@ struct PasswordParameters {
 };
 
 /// Somebody who shall read a message. A value; copies share what is in it, secrets included, which are wiped with the last
-/// of them.
+/// of them. Making one for an RSA key takes half as long as encrypting with it: keep it for further messages.
 ///
 /// Every maker throws Exception "CMS::EnvelopeRecipient", code 4, file CMSEnvelopeWriter, with the reason as detail.
 class NORVCRYPTO_EXPORT EnvelopeRecipient {
@@ -163,8 +164,9 @@ struct EnvelopeOptions {
     /// What the body is, as an object identifier in digits: id-data, unless it is another CMS structure. With GCM, another
     /// type is authenticated in a content-type attribute (RFC 5083, 2.1), which OpenSSL 3.0 does not read.
     std::string contentType = "1.2.840.113549.1.7.1";
-    /// Where the file is made, which has no name and is its owner's alone (see `SwapBufferMediaOut`).
-    std::string temporaryFile = "/var/spool/tmp/swapXXXXXX";
+    /// Where the file is made, which has no name and is its owner's alone: a path that ends in "XXXXXX" (see
+    /// `SwapBufferMediaOut`). Empty: "norvcrypto-XXXXXX" in the system's folder for temporary files.
+    std::string temporaryFile{};
 };
 
 /// The strongest cipher that all recipients say they can read (S/MIME capabilities; RFC 8551, 2.5.2 and 2.7.1): GCM before

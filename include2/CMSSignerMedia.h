@@ -127,7 +127,8 @@ public:
 class NORVCRYPTO_EXPORT CMSVerifier {
 public:
     /// Decodes the structure; reads and throws as `RefContentInfo(MediaIn&)` does. What the structure is, is not asked:
-    /// `signedData(contentInfo())` has no signer when it is no signed data.
+    /// `signedData(contentInfo())` has no signer when it is no signed data. Certificates that come with it are decoded when
+    /// somebody asks for them, which no operation here does.
     explicit CMSVerifier(MediaIn& in);
     virtual ~CMSVerifier();
 

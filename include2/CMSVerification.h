@@ -86,7 +86,7 @@ enum class SignatureReason : int {
     tooManyCertificates,   ///< `maximumTries` certificates of this name failed, and there are more
     tooMuchWork,           ///< the signers before this one spent `maximumWork`
     // from here on by `SignedReader` alone
-    digestNotAnnounced, ///< the digest algorithm is none of those that stand in front of the content
+    digestNotAnnounced, ///< the digest algorithm is none of those that stand in front of the content, so that there is no digest
     contentNotKept,     ///< a signature over the content itself, which is longer than what is kept (Ed25519, Ed448)
     attributesNotDer,   ///< long signed attributes that are not in DER
     certificateRefused, ///< the certificate that the signer names is refused (see Acceptance.h)

@@ -1,4 +1,5 @@
 // The ways into a structure that ask for its type first, and the bytes that a signed one carries.
+#include "CMS/StructureParts.h"
 #include "openssl/Pkcs7.h"
 
 #include <norvcrypto/CMS.h>
@@ -39,16 +40,28 @@ private:
 
 } // namespace
 
+SignedData StructureParts::signedData(const RefContentInfo& content) {
+    SignedData view(openssl::signedContent(structureOf(content)));
+    view.m_parts = of(content);
+    return view;
+}
+
+EnvelopedData StructureParts::envelopedData(const RefContentInfo& content) {
+    EnvelopedData view(openssl::envelopedContent(structureOf(content)));
+    view.m_parts = of(content);
+    return view;
+}
+
 SignedData signedData(const RefContentInfo& content) {
-    return SignedData(openssl::signedContent(content));
+    return StructureParts::signedData(content);
 }
 
 EnvelopedData envelopedData(const RefContentInfo& content) {
-    return EnvelopedData(openssl::envelopedContent(content));
+    return StructureParts::envelopedData(content);
 }
 
 MediaIn embeddedContent(const RefContentInfo& content) {
-    const PKCS7_SIGNED* signedContent = openssl::signedContent(content);
+    const PKCS7_SIGNED* signedContent = openssl::signedContent(StructureParts::structureOf(content));
     const ASN1_OCTET_STRING* octets = signedContent == nullptr ? nullptr : openssl::dataOctets(signedContent->contents);
     if (octets == nullptr) {
         return MediaIn();

@@ -1,7 +1,7 @@
 // The outer structure: its type, and how it is decoded, made and freed.
 #include "failures/Events.h"
 #include "failures/Raise.h"
-#include "openssl/Pkcs7.h"
+#include "openssl/LazyPkcs7.h"
 #include "openssl/StreamExceptions.h"
 #include "openssl/TrueCountBio.h"
 
@@ -46,6 +46,16 @@ ContentInfo::ContentType numberOf(const ASN1::ObjectIdentifier& type) {
     return ContentInfo::Unknown;
 }
 
+/// Has OpenSSL read what is not framed as a structure: it knows what is wrong, and reads as far as it always did.
+std::unique_ptr<openssl::LazyPkcs7> decodeWhole(MediaIn& source, const openssl::StructureOctets& begun) {
+    MediaIn whole = begun.octets().empty() ? source : openssl::octetsSource(begun.octets(), source);
+    BIOMediaIn adapter(whole);
+    const openssl::BioPtr reader = openssl::trueCountBio(adapter);
+    openssl::Pkcs7Ptr structure =
+        openssl::rethrowingStreamErrors(adapter, [&] { return openssl::decodePkcs7(reader.get()); });
+    return structure == nullptr ? nullptr : std::make_unique<openssl::LazyPkcs7>(std::move(structure));
+}
+
 } // namespace
 
 ContentInfo::ContentInfo(const pkcs7_st* structure) : ContentInfo(const_cast<pkcs7_st*>(structure), false) {}
@@ -58,13 +68,22 @@ ContentInfo::~ContentInfo() {
     }
 }
 
-void ContentInfo::decode(MediaIn& source) {
-    m_source = BIOMediaIn(source);
-    const openssl::BioPtr reader = openssl::trueCountBio(m_source);
-    openssl::Pkcs7Ptr structure =
-        openssl::rethrowingStreamErrors(m_source, [&] { return openssl::decodePkcs7(reader.get()); });
-    m_structure = structure.release();
-    m_owns = true;
+bool ContentInfo::decode(MediaIn& source) {
+    openssl::StructureOctets octets(source);
+    if (octets.isWhole()) {
+        m_parts = openssl::LazyPkcs7::decode(std::move(octets));
+    } else {
+        m_parts = decodeWhole(source, octets);
+    }
+    m_structure = m_parts == nullptr ? nullptr : m_parts->structure();
+    return m_structure != nullptr;
+}
+
+pkcs7_st* ContentInfo::structure() const {
+    if (m_parts != nullptr) {
+        m_parts->decodeAll();
+    }
+    return m_structure;
 }
 
 const ASN1::ObjectIdentifier& ContentInfo::type() const {
@@ -87,8 +106,7 @@ _ContentInfo::_ContentInfo(const pkcs7_st* structure) : ContentInfo(structure) {
 _ContentInfo::_ContentInfo(pkcs7_st* structure, bool owns) : ContentInfo(structure, owns) {}
 
 _ContentInfo::_ContentInfo(MediaIn& in) : ContentInfo(nullptr, false) {
-    decode(in);
-    if (structure() == nullptr) {
+    if (!decode(in)) {
         failures::logEvent(failures::Event::contentInfoUndecodable,
                            "Norvane::Crypto::CMS::_ContentInfo::_ContentInfo(Norvane::MediaIn&)",
                            openssl::drainErrorQueue());

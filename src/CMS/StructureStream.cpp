@@ -4,6 +4,9 @@
 #include "openssl/Pkcs7.h"
 #include "openssl/StreamExceptions.h"
 
+#include <algorithm>
+#include <cstring>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -12,6 +15,10 @@ namespace Norvane::Crypto::CMS {
 namespace {
 
 constexpr int s_bufferSize = 4096;
+/// Pieces above this are long.
+constexpr unsigned int s_longPiece = 2 * s_bufferSize;
+/// How much of a long piece is copied while it is still in the processor's nearest cache.
+constexpr unsigned int s_step = 8192;
 
 } // namespace
 
@@ -36,11 +43,62 @@ void StructureStream::write(const Buffer& data) {
     if (m_sealed) {
         return;
     }
+    if (data.length() > s_longPiece) {
+        writeLong(data);
+        return;
+    }
     if (m_buffer.size() - m_buffer.length() < data.length()) {
-        m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
-        m_buffer.length(0);
+        emptyBuffer();
     }
     m_buffer.append(data);
+}
+
+void StructureStream::writeLong(const Buffer& data) {
+    const unsigned int length = data.length();
+    if (m_chain->collected() != nullptr) {
+        emptyBuffer(); // nothing passes it on a second time
+        m_chain->writeLong(data.data(), length);
+        return;
+    }
+    makeRoom(length); // first, so that a piece that there is no memory for is neither digested nor kept
+    passBuffered();
+    if (data.isProtected()) {
+        m_buffer.protect();
+    }
+    unsigned char* const kept = m_buffer.data() + m_buffer.length();
+    for (unsigned int done = 0; done < length;) {
+        const unsigned int count = std::min(length - done, s_step);
+        m_chain->write(data.data() + done, count);
+        std::memcpy(kept + done, data.data() + done, count); // behind the digest, which has fetched the bytes
+        done += count;
+    }
+    m_buffer.length(m_buffer.length() + length);
+    m_passed = m_buffer.length();
+}
+
+/// Empties the buffer when it has no room for that many bytes, and lets it grow as appending them would.
+void StructureStream::makeRoom(unsigned int length) {
+    if (m_buffer.size() - m_buffer.length() >= length) {
+        return;
+    }
+    emptyBuffer();
+    if (m_buffer.size() >= length) {
+        return;
+    }
+    constexpr unsigned int most = std::numeric_limits<unsigned int>::max();
+    m_buffer.length(std::max(length, m_buffer.size() > most / 2 ? most : m_buffer.size() * 2));
+    m_buffer.length(0);
+}
+
+void StructureStream::passBuffered() {
+    m_chain->write(std::as_const(m_buffer).data() + m_passed, m_buffer.length() - m_passed);
+    m_passed = m_buffer.length();
+}
+
+void StructureStream::emptyBuffer() {
+    passBuffered();
+    m_buffer.length(0);
+    m_passed = 0;
 }
 
 void StructureStream::end(const failures::Failure& finishing, const failures::Failure& writing) {
@@ -57,7 +115,8 @@ void StructureStream::end(const failures::Failure& finishing, const failures::Fa
 
 void StructureStream::finish(const failures::Failure& finishing) {
     if (!m_sealed) {
-        m_chain->write(std::as_const(m_buffer).data(), m_buffer.length());
+        passBuffered();
+        m_passed = 0; // the buffer keeps its bytes, and what comes next passes them on again
         m_chain->flush();
         m_sealed = m_chain->collected() != nullptr;
     }

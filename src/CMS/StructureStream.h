@@ -33,8 +33,9 @@ public:
     void attach(MediaOut& target);
     void detach();
 
-    /// Buffers `data`, after passing on what is buffered when there is no room for it. Dropped once a structure that
-    /// carries its content was ended.
+    /// Buffers `data`, after passing on what is buffered when there is no room for it. A long piece goes into the chain
+    /// at once: a structure that carries its content needs no copy of it, the other kind keeps one for what a second
+    /// `end()` passes on. Dropped once a structure that carries its content was ended.
     void write(const Buffer& data);
 
     /// Finishes the structure and sends it to the target, which is ended. A second call sends the same structure again
@@ -46,6 +47,10 @@ public:
     void end(const failures::Failure& finishing, const failures::Failure& writing);
 
 private:
+    void writeLong(const Buffer& data);
+    void passBuffered();
+    void emptyBuffer();
+    void makeRoom(unsigned int length);
     void finish(const failures::Failure& finishing);
     void send(const failures::Failure& writing);
     /// Sends the structure around its content, so that no more than one copy of that is ever made.
@@ -55,8 +60,9 @@ private:
     BIOMediaOut m_out;
     std::unique_ptr<openssl::ContentChain> m_chain;
     Buffer m_buffer;
-    bool m_sealed = false;   // all of the content was passed on, which is collected: nothing can follow it
-    bool m_finished = false; // and it is in the structure, which is finished once
+    unsigned int m_passed = 0; // how much of the buffer went into the chain already
+    bool m_sealed = false;     // all of the content was passed on, which is collected: nothing can follow it
+    bool m_finished = false;   // and it is in the structure, which is finished once
 };
 
 } // namespace Norvane::Crypto::CMS

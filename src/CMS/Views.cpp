@@ -1,5 +1,5 @@
 // The inner views. What their accessors share is in the two helpers; the rest names a field each.
-#include "openssl/Pkcs7.h"
+#include "openssl/LazyPkcs7.h"
 
 #include <norvcrypto/CMS.h>
 #include <norvcrypto/detail/Lazy.h>
@@ -89,6 +89,9 @@ const RefContentInfo& SignedData::contentInfo() const {
 }
 
 const std::list<NVX509::RefCertificate>& SignedData::certificates() const {
+    if (m_parts != nullptr) {
+        m_parts->decodeCertificates();
+    }
     return fillFrom(m_certificates, fieldOf(m_value, &pkcs7_signed_st::cert), [](auto& list, void* element) {
         NVX509::CertificateFactory factory;
         const NVX509::RefCertificate certificate = factory(static_cast<X509*>(element), false);
@@ -99,6 +102,9 @@ const std::list<NVX509::RefCertificate>& SignedData::certificates() const {
 }
 
 const std::list<NVX509::RefCertificateRevocationList>& SignedData::certificateRevocationLists() const {
+    if (m_parts != nullptr) {
+        m_parts->decodeLists();
+    }
     return fillFrom(m_revocationLists, fieldOf(m_value, &pkcs7_signed_st::crl), [](auto& list, void* element) {
         NVX509::CertificateRevocationListFactory factory;
         const NVX509::RefCertificateRevocationList revocationList = factory(static_cast<X509_CRL*>(element), false);
@@ -173,6 +179,9 @@ const ASN1::Integer& EnvelopedData::version() const {
 }
 
 const std::list<RecipientInfo>& EnvelopedData::recipientInfo() const {
+    if (m_parts != nullptr) {
+        m_parts->decodeRecipients();
+    }
     return fillFrom(m_recipientInfo, fieldOf(m_value, &pkcs7_enveloped_st::recipientinfo),
                     [](auto& list, void* element) {
                         if (element != nullptr) {
@@ -182,6 +191,9 @@ const std::list<RecipientInfo>& EnvelopedData::recipientInfo() const {
 }
 
 const EncryptedContentInfo& EnvelopedData::contentInfo() const {
+    if (m_parts != nullptr) {
+        m_parts->decodeContent();
+    }
     return m_contentInfo.around(fieldOf(m_value, &pkcs7_enveloped_st::enc_data));
 }
 

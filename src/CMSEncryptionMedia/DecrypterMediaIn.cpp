@@ -1,5 +1,6 @@
 // The decrypting stream.
 #include "CMS/PairedKeys.h"
+#include "CMS/StructureParts.h"
 #include "CMSEncryptionMedia/TryLimits.h"
 #include "failures/Events.h"
 #include "failures/Raise.h"
@@ -10,8 +11,9 @@
 
 #include <norvcrypto/CMSEncryptionMedia.h>
 
-#include <optional>
-#include <sstream>
+#include <map>
+#include <new>
+#include <string_view>
 #include <utility>
 
 namespace Norvane::Crypto::CMS {
@@ -23,20 +25,81 @@ namespace {
 constexpr unsigned int s_spillLimit = 0x10000;
 constexpr const char* s_spillTemplate = "/var/spool/tmp/swapXXXXXX";
 
-std::string textOf(const ASN1::Integer& serial) {
-    std::ostringstream text;
-    text << serial;
-    return text.str();
-}
+/// The issuer of recipients, decoded and taken to text once however many name it, as those of one company do.
+struct Issuer {
+    openssl::NamePtr decoded;
+    NVX509::DistinguishedName name;
+    NVX509::RefDistinguishedName shared; ///< parsed anew from its text, see `Identifier`
+};
 
-/// Who a recipient is, or nothing when its serial number is negative, which no `Integer` holds.
-std::optional<DecrypterMediaIn::Identifier> identifierOf(const IssuerAndSerialNumber& recipient) {
-    try {
-        return DecrypterMediaIn::Identifier(recipient);
-    } catch (const Exception&) {
-        return std::nullopt;
+class Issuers {
+public:
+    /// \param element a Name that OpenSSL is certain to decode
+    const Issuer& of(framing::Octets element) {
+        const std::string_view key(reinterpret_cast<const char*>(element.data()), element.size());
+        const auto [entry, isNew] = m_issuers.try_emplace(key);
+        Issuer& issuer = entry->second;
+        if (!isNew) {
+            // More than one record has this name from here on, and threads may have one each.
+            static_cast<void>(issuer.shared->asString());
+            static_cast<void>(issuer.shared->hash());
+            return issuer;
+        }
+        const openssl::ErrorMark mark;
+        const unsigned char* at = element.data();
+        issuer.decoded.reset(d2i_X509_NAME(nullptr, &at, static_cast<long>(element.size())));
+        if (issuer.decoded == nullptr) {
+            throw std::bad_alloc();
+        }
+        issuer.name = NVX509::DistinguishedName(issuer.decoded.get());
+        issuer.shared = NVX509::RefDistinguishedName(issuer.name.asString());
+        return issuer;
     }
-}
+
+private:
+    std::map<std::string_view, Issuer> m_issuers;
+};
+
+/// Who a recipient is, as a key store is asked.
+class RecipientName {
+public:
+    RecipientName(openssl::LazyPkcs7& structure, std::size_t index, Issuers& issuers) {
+        if (const openssl::AssuredName* name = structure.nameOfRecipient(index)) {
+            const Issuer& known = issuers.of(name->issuer);
+            m_issuer = &known.name;
+            m_shared = known.shared;
+            readSerial(
+                [&] { return ASN1::RefInteger(name->serial.data(), static_cast<unsigned int>(name->serial.size())); });
+            return;
+        }
+        const PKCS7_ISSUER_AND_SERIAL* name = structure.recipient(index)->issuer_and_serial;
+        m_own = NVX509::DistinguishedName(name->issuer);
+        m_issuer = &m_own;
+        m_shared = NVX509::RefDistinguishedName(m_own.asString());
+        readSerial([&] { return ASN1::RefInteger(ASN1::Integer(name->serial)); });
+    }
+    RecipientName(const RecipientName&) = delete;
+    RecipientName& operator=(const RecipientName&) = delete;
+
+    [[nodiscard]] const NVX509::DistinguishedName& issuer() const noexcept { return *m_issuer; }
+    [[nodiscard]] const NVX509::RefDistinguishedName& sharedIssuer() const noexcept { return m_shared; }
+    /// A null handle when the serial number is negative, which no `Integer` holds.
+    [[nodiscard]] const ASN1::RefInteger& serialNumber() const noexcept { return m_serial; }
+
+private:
+    template <class Read> void readSerial(Read read) {
+        try {
+            m_serial = read();
+        } catch (const Exception&) {
+            m_serial = ASN1::RefInteger();
+        }
+    }
+
+    const NVX509::DistinguishedName* m_issuer = nullptr;
+    NVX509::DistinguishedName m_own;
+    NVX509::RefDistinguishedName m_shared;
+    ASN1::RefInteger m_serial;
+};
 
 bool hasPrivateKey(const NVX509::KeyCertificatePair& pair) {
     return pair && isPrivateKey(pair->key);
@@ -44,11 +107,11 @@ bool hasPrivateKey(const NVX509::KeyCertificatePair& pair) {
 
 /// Tries a key of another name (a renewed certificate, a plug-in that knows one key) on the recipients. The one that was
 /// asked for comes last, so that its content key is taken when it opens; the work does not tell which ones open.
-void openAny(openssl::ContentDecryption& content, const std::list<RecipientInfo>& recipients,
-             const PKCS7_RECIP_INFO* asked, EVP_PKEY* key, TryLimits& limits) {
+void openAny(openssl::ContentDecryption& content, openssl::LazyPkcs7& structure, const PKCS7_RECIP_INFO* asked,
+             EVP_PKEY* key, TryLimits& limits) {
     const bool forAsked = !openssl::isOtherKeyEncryption(asked) && limits.takeOperation();
-    for (const RecipientInfo& other : recipients) {
-        const PKCS7_RECIP_INFO* one = other;
+    for (std::size_t at = 0; at != structure.recipients(); ++at) {
+        const PKCS7_RECIP_INFO* one = structure.recipient(at);
         if (one != asked && !openssl::isOtherKeyEncryption(one)) {
             if (!limits.takeOperation()) {
                 break;
@@ -67,8 +130,9 @@ void openAny(openssl::ContentDecryption& content, const std::list<RecipientInfo>
 struct DecrypterMediaInImpl::Round {
     MediaOut& out;
     SwapBufferMediaOut* fresh; ///< `out`, when each try starts afresh
-    const std::list<RecipientInfo>& recipients;
+    openssl::LazyPkcs7& structure;
     std::string unsupportedCipher;
+    Issuers issuers;
     TryLimits limits;
     int untried;
 };
@@ -148,16 +212,15 @@ bool DecrypterMediaInImpl::tryRecipients(MediaOut& out, SwapBufferMediaOut* fres
         failures::logEvent(Event::notEnveloped, " ");
         return false;
     }
-    if (openssl::encryptedContent(m_contentInfo) == nullptr) {
+    openssl::LazyPkcs7& structure = *StructureParts::of(m_contentInfo);
+    if (!structure.encryptedOctets().isThere()) {
         failures::logEvent(Event::encryptedContentMissing, "CMSEncryptionMedia.cpp", 250);
         return false;
     }
-    const EnvelopedData envelope = envelopedData(m_contentInfo);
-    const std::list<RecipientInfo>& recipients = envelope.recipientInfo();
-    Round round{out, fresh, recipients, openssl::unsupportedContentCipher(m_contentInfo), {}, 0};
+    Round round{out, fresh, structure, openssl::unsupportedContentCipher(structure.structure()), {}, {}, 0};
     bool good = false;
-    for (auto recipient = recipients.begin(); !good && recipient != recipients.end(); ++recipient) {
-        good = isDecryptedFor(*recipient, round);
+    for (std::size_t recipient = 0; !good && recipient != structure.recipients(); ++recipient) {
+        good = isDecryptedFor(recipient, round);
     }
     if (round.untried != 0) {
         failures::logEvent(Event::recipientsNotTried, "recipients not tried", round.untried);
@@ -166,32 +229,31 @@ bool DecrypterMediaInImpl::tryRecipients(MediaOut& out, SwapBufferMediaOut* fres
 }
 
 /// Asks for one recipient's key and tries it.
-bool DecrypterMediaInImpl::isDecryptedFor(const RecipientInfo& recipient, Round& round) {
-    const IssuerAndSerialNumber& name = recipient.issuerAndSerialNumber();
-    const auto identifier = identifierOf(name);
-    if (!identifier) {
+bool DecrypterMediaInImpl::isDecryptedFor(std::size_t recipient, Round& round) {
+    const RecipientName name(round.structure, recipient, round.issuers);
+    const DecrypterMediaIn::Identifier identifier(name.sharedIssuer(), name.serialNumber());
+    if (name.serialNumber().isNull()) {
         failures::logEvent(Event::recipientFailed, " ");
-        const NVX509::RefDistinguishedName issuer(name.issuer().asString());
-        m_attempts.emplace_back(DecrypterMediaIn::Identifier(issuer, ASN1::RefInteger()),
-                                Attempt::NegativeSerialNumber);
+        m_attempts.emplace_back(identifier, Attempt::NegativeSerialNumber);
         return false;
     }
-    if (round.limits.isNameUsedUp(recipient)) {
-        return recordUntried(*identifier, round);
+    const ASN1::Integer& serialNumber = *name.serialNumber();
+    if (round.limits.hasTried() && round.limits.isNameUsedUp(round.structure.recipient(recipient))) {
+        return recordUntried(identifier, round);
     }
-    const NVX509::KeyCertificatePair pair = m_keys->find(name.issuer(), name.serialNumber());
+    const NVX509::KeyCertificatePair pair = m_keys->find(name.issuer(), serialNumber);
     if (!hasPrivateKey(pair)) {
-        m_failed.push_back(*identifier);
-        m_attempts.emplace_back(*identifier, Attempt::NoKey);
-        failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), textOf(name.serialNumber()));
+        m_failed.push_back(identifier);
+        m_attempts.emplace_back(identifier, Attempt::NoKey);
+        failures::logEvent(Event::recipientKeyMissing, name.issuer().asString(), serialNumber.hex());
         return false;
     }
-    return isDecryptedWith(*pair, recipient, *identifier, round);
+    return isDecryptedWith(*pair, recipient, identifier, round);
 }
 
-bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pair, const RecipientInfo& recipient,
+bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pair, std::size_t recipient,
                                            const DecrypterMediaIn::Identifier& identifier, Round& round) {
-    const PKCS7_RECIP_INFO* asked = recipient;
+    const PKCS7_RECIP_INFO* asked = round.structure.recipient(recipient);
     X509* certificate = pair.certificate;
     EVP_PKEY* key = pair.key;
     const bool named = openssl::namesRecipient(certificate, asked);
@@ -214,12 +276,12 @@ bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pa
         return recordUntried(identifier, round);
     }
     round.limits.countTry(asked);
-    openssl::ContentDecryption content(m_contentInfo);
+    openssl::ContentDecryption content(round.structure);
     if (named) {
         content.open(asked, key);
     } else {
         round.limits.rememberOnAll(key);
-        openAny(content, round.recipients, asked, key, round.limits);
+        openAny(content, round.structure, asked, key, round.limits);
     }
     if (round.fresh != nullptr) {
         round.fresh->clear();

@@ -21,6 +21,8 @@ public:
     /// As many recipients as mail servers let a message have. Each is a private-key operation for a key of another name.
     static constexpr std::size_t s_otherNameOperations = 1000;
 
+    /// Whether there was a try: before one no name is used up.
+    [[nodiscard]] bool hasTried() const noexcept { return !m_tried.empty(); }
     [[nodiscard]] bool isNameUsedUp(const PKCS7_RECIP_INFO* recipient) const noexcept {
         const auto same = [recipient](const PKCS7_RECIP_INFO* tried) { return openssl::haveOneName(tried, recipient); };
         return static_cast<std::size_t>(std::count_if(m_tried.begin(), m_tried.end(), same)) >= s_triesOfOneName;

@@ -26,7 +26,8 @@ bool hasOneValue(Elements& attribute, Octets value) {
     return only && all.atEnd() && std::ranges::equal(only->content, value);
 }
 
-/// Whether attributes name this type once.
+/// Whether attributes name this type, once. They need not name data, which goes without saying: Bouncy Castle adds no
+/// such attribute to a sender's own.
 bool nameType(const Element& attributes, Octets type) {
     std::size_t named = 0;
     Elements all(attributes);
@@ -42,12 +43,12 @@ bool nameType(const Element& attributes, Octets type) {
             }
         }
     }
-    return named == 1 && all.atEnd();
+    return all.atEnd() && (named == 1 || std::ranges::equal(type, s_data));
 }
 
 } // namespace
 
-bool authenticatedAttributes(const EnvelopeFrame& frame, std::vector<unsigned char>& associated) {
+bool authenticatedAttributes(const EnvelopeFraming& frame, std::vector<unsigned char>& associated) {
     const auto identifier = framing::firstElement(frame.contentType());
     if (!identifier) {
         return false;

@@ -45,22 +45,10 @@ EnvelopeReaderImpl::EnvelopeReaderImpl(const MediaIn& in, const Budget& budget) 
     const Octets source = inMemory(in);
     try {
         readHead();
-        countRecipients();
-        if (m_unsupported.empty() && m_frame.isAuthenticated()) {
-            auto cipher = openssl::AuthenticatedCipher::of(*m_algorithm);
-            if (!cipher) {
-                throw Broken(Fault::unexpected);
-            }
-            m_content = std::make_unique<AuthenticatedContent>(m_frame, m_budget.tail, std::move(*cipher), source,
-                                                               m_budget.spill);
-        } else if (m_unsupported.empty()) {
-            const openssl::ErrorMark mark;
-            auto context = openssl::contextFor(m_algorithm.get());
-            if (context == nullptr) {
-                throw Broken(Fault::unexpected);
-            }
-            m_content = std::make_unique<StreamedContent>(m_frame, m_budget.tail, std::move(context));
+        if (countRecipients(m_frame.recipients(), m_budget.recipients) > m_budget.recipients) {
+            refuse("more recipients", m_budget.recipients, "recipients");
         }
+        m_content = m_frame.isAuthenticated() ? authenticated(source) : streamed();
     } catch (const OtherContentType& other) {
         failures::raise(failures::envelopeReader,
                         "the structure is of another type: " + openssl::encodedIdentifierName(other.identifier));
@@ -73,28 +61,38 @@ EnvelopeReaderImpl::EnvelopeReaderImpl(const MediaIn& in, const Budget& budget) 
 
 EnvelopeReaderImpl::~EnvelopeReaderImpl() = default;
 
+/// Null when the cipher is not supported.
+std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::authenticated(Octets source) {
+    if (isUnsupported(openssl::unsupportedAuthenticatedCipher(m_algorithm.get()))) {
+        return nullptr;
+    }
+    auto cipher = openssl::AuthenticatedCipher::of(*m_algorithm);
+    if (!cipher) {
+        throw Broken(Fault::unexpected);
+    }
+    return std::make_unique<AuthenticatedContent>(m_frame, m_budget.tail, std::move(*cipher), source, m_budget.spill);
+}
+
+/// Likewise.
+std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::streamed() {
+    const openssl::ErrorMark mark;
+    if (isUnsupported(openssl::unsupportedContentCipher(m_algorithm.get()))) {
+        return nullptr;
+    }
+    auto context = openssl::contextFor(m_algorithm.get());
+    if (context != nullptr) {
+        return std::make_unique<StreamedContent>(m_frame, m_budget.tail, std::move(context));
+    }
+    if (openssl::isAvailable(m_algorithm.get()) || !isUnsupported(cipher())) {
+        throw Broken(Fault::unexpected);
+    }
+    return nullptr;
+}
+
 void EnvelopeReaderImpl::readHead() {
     m_frame.readHead(m_budget.head);
     m_algorithm = openssl::decodeAlgorithm(m_frame.algorithm());
     if (m_algorithm == nullptr) {
-        throw Broken(Fault::malformed);
-    }
-    m_unsupported = m_frame.isAuthenticated() ? openssl::unsupportedAuthenticatedCipher(m_algorithm.get())
-                                              : openssl::unsupportedContentCipher(m_algorithm.get());
-    if (!m_unsupported.empty()) {
-        m_verdict = Verdict::Unsupported;
-    }
-}
-
-/// Goes over all recipients, as every search for a key does.
-void EnvelopeReaderImpl::countRecipients() const {
-    RecipientWalk walk(m_frame.recipients());
-    for (std::uint32_t count = 0; walk.next(); ++count) {
-        if (count == m_budget.recipients) {
-            refuse("more recipients", m_budget.recipients, "recipients");
-        }
-    }
-    if (walk.isDamaged()) {
         throw Broken(Fault::malformed);
     }
 }
@@ -106,7 +104,7 @@ const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
         RecipientWalk walk(*m_recipientOctets);
         while (const auto parts = walk.next()) {
             m_recipients.push_back(
-                Recipient(std::make_shared<const EnvelopeRecipient>(EnvelopeRecipient{m_recipientOctets, *parts})));
+                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{m_recipientOctets, *parts})));
         }
     }
     return m_recipients;
@@ -114,6 +112,12 @@ const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
 
 std::string EnvelopeReaderImpl::cipher() const {
     return openssl::algorithmName(m_algorithm->algorithm);
+}
+
+void EnvelopeReaderImpl::spillTo(const std::string& fileTemplate) {
+    if (m_content != nullptr) {
+        m_content->spillTo(fileTemplate);
+    }
 }
 
 /// False for a message that is not supported, whoever it is for.
@@ -155,23 +159,27 @@ struct EnvelopeReaderImpl::Search {
     std::string unsupported;
     const unsigned char* unsupportedAlgorithm = nullptr; ///< which the keys of one agreement share
 
-    const Answer& ask(const RecipientParts& parts);
+    const Answer* ask(const RecipientParts& parts);
 };
 
-const EnvelopeReaderImpl::Search::Answer& EnvelopeReaderImpl::Search::ask(const RecipientParts& parts) {
+/// Null when there is certainly no key.
+const EnvelopeReaderImpl::Search::Answer* EnvelopeReaderImpl::Search::ask(const RecipientParts& parts) {
+    if (!mayFind(keys, parts)) {
+        return nullptr;
+    }
     const auto known = answers.find(parts);
     if (known != answers.end()) {
-        return known->second;
+        return &known->second;
     }
     Answer answer{NVX509::KeyCertificatePair(false), false};
     if (const auto identifier = identifierOf(parts)) {
         NVX509::KeyCertificatePair pair = keys.find(*identifier);
-        const bool named = pair && identifier->names(pair->certificate);
-        if (pair && isPrivateKey(pair->key) && (!named || belongTogether(pair->certificate, pair->key))) {
-            answer = {pair, named};
+        const X509* certificate = pair ? static_cast<X509*>(pair->certificate) : nullptr;
+        if (pair && isPrivateKey(pair->key) && (certificate == nullptr || belongTogether(certificate, pair->key))) {
+            answer = {pair, certificate != nullptr && identifier->names(pair->certificate)};
         }
     }
-    return answers.emplace(parts, answer).first->second;
+    return &answers.emplace(parts, answer).first->second;
 }
 
 bool EnvelopeReaderImpl::open(const KeyLookup& keys) {
@@ -194,10 +202,7 @@ bool EnvelopeReaderImpl::open(const KeyLookup& keys) {
     if (search.failed) {
         return choose({}, *search.failed);
     }
-    if (!search.unsupported.empty()) {
-        m_unsupported = search.unsupported;
-        m_verdict = Verdict::Unsupported;
-    }
+    static_cast<void>(isUnsupported(search.unsupported));
     return false;
 }
 
@@ -206,17 +211,17 @@ bool EnvelopeReaderImpl::consider(Search& search, const RecipientParts& parts, s
     if (parts.kind != Recipient::keyTransport && parts.kind != Recipient::keyAgreement) {
         return false;
     }
-    const Search::Answer& answer = search.ask(parts);
-    if (!answer.pair) {
+    const Search::Answer* answer = search.ask(parts);
+    if (answer == nullptr || !answer->pair) {
         return false;
     }
-    if (!answer.named) {
+    if (!answer->named) {
         if (search.ofOtherNames.size() < m_budget.privateKeyOperations) {
-            search.ofOtherNames.push_back({parts, answer.pair, number});
+            search.ofOtherNames.push_back({parts, answer->pair, number});
         }
         return false;
     }
-    return tryKey(search, parts, answer.pair->key, number);
+    return tryKey(search, parts, answer->pair->key, number);
 }
 
 bool EnvelopeReaderImpl::tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number) {
@@ -249,8 +254,8 @@ const RecipientParts& EnvelopeReaderImpl::partsOf(const Recipient& recipient) co
     return recipient.m_parts->parts;
 }
 
-bool EnvelopeReaderImpl::isUnsupported(const RecipientAlgorithms& algorithms) {
-    const std::string name = algorithms.unsupported();
+/// Takes down what is not supported, unless it is nothing.
+bool EnvelopeReaderImpl::isUnsupported(const std::string& name) {
     if (!name.empty()) {
         m_unsupported = name;
         m_verdict = Verdict::Unsupported;
@@ -264,7 +269,7 @@ bool EnvelopeReaderImpl::open(const Recipient& recipient, const NVX509::KeyCerti
         return false;
     }
     const RecipientAlgorithms algorithms(parts);
-    if (isUnsupported(algorithms) || !pair || !isPrivateKey(pair->key) || !fits(parts.kind, pair->key)) {
+    if (isUnsupported(algorithms.unsupported()) || !pair || !isPrivateKey(pair->key) || !fits(parts.kind, pair->key)) {
         return false;
     }
     return choose(algorithms.open(pair->key), numberOf(recipient));
@@ -276,7 +281,7 @@ bool EnvelopeReaderImpl::open(const Recipient& recipient, const Buffer& key) {
         return false;
     }
     const RecipientAlgorithms algorithms(parts);
-    if (isUnsupported(algorithms) || parts.kind != Recipient::keyEncryptionKey) {
+    if (isUnsupported(algorithms.unsupported()) || parts.kind != Recipient::keyEncryptionKey) {
         return false;
     }
     return choose(algorithms.openWithKey(octetsOf(key)), numberOf(recipient));
@@ -288,7 +293,7 @@ bool EnvelopeReaderImpl::openWithPassword(const Recipient& recipient, const Buff
         return false;
     }
     const RecipientAlgorithms algorithms(parts);
-    if (isUnsupported(algorithms) || parts.kind != Recipient::password) {
+    if (isUnsupported(algorithms.unsupported()) || parts.kind != Recipient::password) {
         return false;
     }
     if (algorithms.isSound()) {
@@ -308,12 +313,7 @@ std::size_t EnvelopeReaderImpl::numberOf(const Recipient& recipient) {
 
 /// True, always.
 bool EnvelopeReaderImpl::choose(openssl::WipedBytes contentKey, std::size_t number) {
-    try {
-        m_content->start(contentKey);
-    } catch (const Broken&) {
-        // OpenSSL has no random numbers, or no memory.
-        failures::raise(failures::envelopeReader, "OpenSSL cannot use the cipher");
-    }
+    m_content->start(contentKey);
     m_opened = number;
     m_unsupported.clear();
     m_verdict = Verdict::Running;

@@ -5,7 +5,7 @@
 /// way.
 
 #include "CMSStreamReader/EnvelopeContent.h"
-#include "CMSStreamReader/EnvelopeFrame.h"
+#include "CMSStreamReader/EnvelopeFraming.h"
 #include "CMSStreamReader/EnvelopeRecipients.h"
 
 #include <norvcrypto/CMSEnvelopeReader.h>
@@ -28,13 +28,9 @@ public:
     ~EnvelopeReaderImpl() override;
 
     [[nodiscard]] const std::vector<Recipient>& recipients();
-    [[nodiscard]] const EnvelopeFrame& frame() const noexcept { return m_frame; }
+    [[nodiscard]] const EnvelopeFraming& frame() const noexcept { return m_frame; }
     [[nodiscard]] std::string cipher() const;
-    void spillTo(const std::string& fileTemplate) {
-        if (m_content != nullptr) { // there is none of a cipher that is not supported
-            m_content->spillTo(fileTemplate);
-        }
-    }
+    void spillTo(const std::string& fileTemplate);
 
     bool open(const KeyLookup& keys);
     bool open(const Recipient& recipient, const NVX509::KeyCertificatePair& pair);
@@ -55,21 +51,22 @@ private:
     struct Search;
 
     void readHead();
-    void countRecipients() const;
+    [[nodiscard]] std::unique_ptr<EnvelopeContent> authenticated(framing::Octets source);
+    [[nodiscard]] std::unique_ptr<EnvelopeContent> streamed();
     [[nodiscard]] bool mayOpen() const;
     [[nodiscard]] const RecipientParts& partsOf(const Recipient& recipient) const;
     bool consider(Search& search, const RecipientParts& parts, std::size_t number);
     bool tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number);
-    bool isUnsupported(const RecipientAlgorithms& algorithms);
+    bool isUnsupported(const std::string& name);
     bool choose(openssl::WipedBytes contentKey, std::size_t number);
     [[nodiscard]] std::size_t numberOf(const Recipient& recipient);
     bool fill();
     void step();
 
     Budget m_budget;
-    EnvelopeFrame m_frame;
+    EnvelopeFraming m_frame;
     openssl::AlgorithmPtr m_algorithm;
-    std::unique_ptr<EnvelopeContent> m_content;
+    std::unique_ptr<EnvelopeContent> m_content;                          ///< null when it is not supported
     std::shared_ptr<const std::vector<unsigned char>> m_recipientOctets; ///< what the values for callers refer to
     std::vector<Recipient> m_recipients;
     std::optional<std::size_t> m_opened;

@@ -1,5 +1,6 @@
 #include "CMSStreamReader/EnvelopeContent.h"
 
+#include "CMS/TemporaryFile.h"
 #include "CMSStreamReader/AuthenticatedAttributes.h"
 #include "framing/LentMediaIn.h"
 #include "openssl/ErrorQueue.h"
@@ -64,7 +65,7 @@ Octets EnvelopeContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {
     return {scratch(), static_cast<std::size_t>(count)};
 }
 
-StreamedContent::StreamedContent(EnvelopeFrame& frame, std::size_t tailLimit,
+StreamedContent::StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit,
                                  openssl::CipherContextPtr context) noexcept
     : EnvelopeContent(frame, tailLimit),
       m_context(std::move(context)) {}
@@ -73,12 +74,15 @@ StreamedContent::~StreamedContent() = default;
 
 void StreamedContent::start(const openssl::WipedBytes& contentKey) {
     const openssl::ErrorMark mark;
-    if (!openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
-        fail();
-    }
+    // A key of a length that the cipher does not take is one that did not open.
+    m_usable = openssl::setContentKey(m_context.get(), contentKey, m_trusted) ||
+               openssl::setContentKey(m_context.get(), openssl::WipedBytes(), m_trusted);
 }
 
 Octets StreamedContent::next() {
+    if (!m_usable) {
+        fail();
+    }
     if (m_piece.empty()) {
         m_piece = frame().piece();
     }
@@ -117,13 +121,13 @@ public:
     }
 
 private:
-    std::optional<EnvelopeFrame> m_frame;
+    std::optional<EnvelopeFraming> m_frame;
     Octets m_piece;
     MediaIn m_spill;
     std::vector<unsigned char> m_buffer;
 };
 
-AuthenticatedContent::AuthenticatedContent(EnvelopeFrame& frame, std::size_t tailLimit,
+AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit,
                                            openssl::AuthenticatedCipher cipher, Octets source,
                                            std::uint64_t spillLimit) noexcept
     : EnvelopeContent(frame, tailLimit),
@@ -134,15 +138,13 @@ AuthenticatedContent::AuthenticatedContent(EnvelopeFrame& frame, std::size_t tai
 AuthenticatedContent::~AuthenticatedContent() = default;
 
 void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
-    if (!m_cipher.start(contentKey)) {
-        fail();
-    }
+    m_usable = m_cipher.start(contentKey);
 }
 
 /// Passes the content, which is kept unless it lies in memory, and reads what is behind it.
 void AuthenticatedContent::keep() {
     if (m_source.empty()) {
-        m_spill.emplace(s_spillInMemory, m_template.c_str());
+        m_spill.emplace(s_spillInMemory, temporaryFile(m_template).c_str());
     }
     for (Octets piece = frame().piece(); !piece.empty(); piece = frame().piece()) {
         m_length += piece.size();
@@ -207,6 +209,9 @@ void AuthenticatedContent::verify() {
 }
 
 Octets AuthenticatedContent::next() {
+    if (!m_usable) {
+        fail();
+    }
     if (!m_verified) {
         verify();
     }

@@ -3,7 +3,7 @@
 /// \file
 /// Decrypting the content of an enveloped message piece by piece.
 
-#include "CMSStreamReader/EnvelopeFrame.h"
+#include "CMSStreamReader/EnvelopeFraming.h"
 #include "openssl/AuthenticatedCipher.h"
 #include "openssl/ContentCipher.h"
 
@@ -26,13 +26,13 @@ struct SpillTooLong {};
 class EnvelopeContent {
 public:
     /// \param limit of what is behind the content
-    EnvelopeContent(EnvelopeFrame& frame, std::size_t limit) noexcept : m_frame(frame), m_tailLimit(limit) {}
+    EnvelopeContent(EnvelopeFraming& frame, std::size_t limit) noexcept : m_frame(frame), m_tailLimit(limit) {}
     virtual ~EnvelopeContent();
     EnvelopeContent(const EnvelopeContent&) = delete;
     EnvelopeContent& operator=(const EnvelopeContent&) = delete;
 
     virtual void spillTo(const std::string& fileTemplate);
-    /// Takes the content key; none is one that did not open.
+    /// Takes the content key; none is one that did not open. Nothing tells at once whether OpenSSL can use it.
     virtual void start(const openssl::WipedBytes& contentKey) = 0;
     /// The next octets, valid until the next call; none, perhaps, before the end. \throws SpillTooLong, TooLong
     virtual framing::Octets next() = 0;
@@ -40,10 +40,10 @@ public:
     [[nodiscard]] bool isComplete() const noexcept { return m_complete; }
 
 protected:
-    /// What is decrypted at once: enough for the calls not to count, and within a processor's nearer caches.
-    static constexpr std::size_t s_pieceLength = 0x8000;
+    /// What is decrypted at once: enough for the calls not to count, and little enough to stay in a processor's nearest cache.
+    static constexpr std::size_t s_pieceLength = 0x4000;
 
-    [[nodiscard]] EnvelopeFrame& frame() noexcept { return m_frame; }
+    [[nodiscard]] EnvelopeFraming& frame() noexcept { return m_frame; }
     [[nodiscard]] std::size_t tailLimit() const noexcept { return m_tailLimit; }
     void complete() noexcept { m_complete = true; }
     unsigned char* scratch();
@@ -51,7 +51,7 @@ protected:
     framing::Octets decrypt(EVP_CIPHER_CTX* context, framing::Octets encrypted);
 
 private:
-    EnvelopeFrame& m_frame;
+    EnvelopeFraming& m_frame;
     std::size_t m_tailLimit;
     openssl::OwnedMemory<unsigned char> m_scratch;
     bool m_complete = false;
@@ -61,7 +61,7 @@ private:
 class StreamedContent : public EnvelopeContent {
 public:
     /// \param context has the cipher and its parameters
-    StreamedContent(EnvelopeFrame& frame, std::size_t tailLimit, openssl::CipherContextPtr context) noexcept;
+    StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit, openssl::CipherContextPtr context) noexcept;
     ~StreamedContent() override;
     void start(const openssl::WipedBytes& contentKey) override;
     framing::Octets next() override;
@@ -69,14 +69,15 @@ public:
 private:
     openssl::CipherContextPtr m_context;
     framing::Octets m_piece;
-    bool m_trusted = false;
+    bool m_usable = false;  ///< OpenSSL took a key
+    bool m_trusted = false; ///< an end without an error is a success
 };
 
 /// AuthEnvelopedData: handed out after all of it was found authentic.
 class AuthenticatedContent : public EnvelopeContent {
 public:
     /// \param source the message from its first octet on where it lies in memory, else nothing
-    AuthenticatedContent(EnvelopeFrame& frame, std::size_t tailLimit, openssl::AuthenticatedCipher cipher,
+    AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit, openssl::AuthenticatedCipher cipher,
                          framing::Octets source, std::uint64_t spillLimit) noexcept;
     ~AuthenticatedContent() override;
     void spillTo(const std::string& fileTemplate) override { m_template = fileTemplate; }
@@ -93,9 +94,10 @@ private:
     openssl::AuthenticatedCipher m_cipher;
     framing::Octets m_source;
     std::uint64_t m_spillLimit;
-    std::string m_template = "/var/tmp/swapXXXXXX";
+    std::string m_template;
     std::optional<SwapBufferMediaOut> m_spill;
     std::uint64_t m_length = 0; ///< of the content
+    bool m_usable = false;      ///< OpenSSL took a key
     bool m_verified = false;
     std::unique_ptr<Pieces> m_pieces;
     openssl::CipherContextPtr m_context;

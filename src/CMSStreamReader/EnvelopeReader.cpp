@@ -11,7 +11,7 @@ namespace Norvane::Crypto::CMS {
 
 using Recipient = EnvelopeReader::Recipient;
 
-EnvelopeReader::Recipient::Recipient(std::shared_ptr<const EnvelopeRecipient> parts) noexcept
+EnvelopeReader::Recipient::Recipient(std::shared_ptr<const ReceivedRecipient> parts) noexcept
     : m_parts(std::move(parts)) {}
 
 Recipient::Kind EnvelopeReader::Recipient::kind() const noexcept {

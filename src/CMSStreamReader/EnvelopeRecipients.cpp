@@ -156,6 +156,29 @@ std::optional<RecipientParts> RecipientWalk::next() {
     return nextKey();
 }
 
+std::uint64_t countRecipients(Octets recipients, std::uint64_t limit) {
+    Elements all(recipients);
+    std::uint64_t count = 0;
+    for (auto recipient = all.next(); recipient && count <= limit; recipient = all.next()) {
+        RecipientParts parts;
+        auto keys = recipient->isContext(agreementTag) ? readAgreement(*recipient, parts) : std::nullopt;
+        if (!keys || keys->atEnd()) {
+            ++count;
+            continue;
+        }
+        while (count <= limit && keys->next()) {
+            ++count;
+        }
+        if (count <= limit && !keys->atEnd()) {
+            throw framing::Broken(framing::Fault::malformed);
+        }
+    }
+    if (count <= limit && !all.atEnd()) {
+        throw framing::Broken(framing::Fault::malformed);
+    }
+    return count;
+}
+
 std::optional<CertificateIdentifier> identifierOf(const RecipientParts& parts) {
     if (parts.kind != Recipient::keyTransport && parts.kind != Recipient::keyAgreement) {
         return std::nullopt;
@@ -171,6 +194,15 @@ std::optional<CertificateIdentifier> identifierOf(const RecipientParts& parts) {
     } catch (const Exception&) {
         return std::nullopt; // no name that a certificate could have
     }
+}
+
+bool mayFind(const KeyLookup& keys, const RecipientParts& parts) {
+    const auto name = framing::firstElement(parts.name);
+    if (!name || (parts.namedBy == NamedBy::subjectKeyIdentifier && name->header.constructed)) {
+        return name.has_value();
+    }
+    const Octets octets = parts.namedBy == NamedBy::subjectKeyIdentifier ? name->content : name->whole;
+    return keys.mayFind(parts.namedBy, Buffer(octets.data(), static_cast<unsigned int>(octets.size()), true));
 }
 
 std::vector<unsigned char> octetsIn(Octets element) {

@@ -10,6 +10,7 @@
 
 #include <norvcrypto/CMSEnvelopeReader.h>
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,8 +37,6 @@ public:
     explicit RecipientWalk(framing::Octets recipients) noexcept : m_recipients(recipients), m_keys(framing::Octets()) {}
     /// The next one; nothing behind the last.
     std::optional<RecipientParts> next();
-    /// Behind the last one: whether something is left that is no element.
-    [[nodiscard]] bool isDamaged() const noexcept { return !m_recipients.atEnd() || !m_keys.atEnd(); }
 
 private:
     std::optional<RecipientParts> nextKey();
@@ -47,8 +46,14 @@ private:
     RecipientParts m_agreement;
 };
 
+/// How many recipients there are, the keys of agreements counted; at most one more than `limit`. \throws framing::Broken
+/// something is no element
+std::uint64_t countRecipients(framing::Octets recipients, std::uint64_t limit);
+
 /// The certificate that a recipient is named by; nothing when the name does not decode, and for other kinds.
 std::optional<CertificateIdentifier> identifierOf(const RecipientParts& parts);
+/// Whether a key may be found for a recipient, without decoding its name.
+bool mayFind(const KeyLookup& keys, const RecipientParts& parts);
 /// The octets of an octet string; empty when it is none.
 std::vector<unsigned char> octetsIn(framing::Octets element);
 
@@ -92,7 +97,7 @@ private:
 };
 
 /// A recipient with the octets that its parts lie in.
-struct EnvelopeRecipient {
+struct ReceivedRecipient {
     std::shared_ptr<const std::vector<unsigned char>> octets;
     RecipientParts parts;
 };

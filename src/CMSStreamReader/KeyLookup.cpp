@@ -6,6 +6,9 @@
 
 #include <map>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
 
 namespace Norvane::Crypto::CMS {
 
@@ -13,9 +16,9 @@ namespace {
 
 /// The serial number in a name, without the octets that do not count; the octets of a key identifier. What names the same
 /// certificate has the same.
-std::string distinctive(const CertificateIdentifier& name) {
-    framing::Octets octets(name.octets().data(), name.octets().length());
-    if (name.namedBy() == NamedBy::issuerAndSerialNumber) {
+std::string_view distinctive(NamedBy namedBy, const Buffer& name) noexcept {
+    framing::Octets octets(name.data(), name.length());
+    if (namedBy == NamedBy::issuerAndSerialNumber) {
         const auto both = framing::firstElement(octets);
         framing::Elements parts(both ? both->content : framing::Octets());
         parts.next();
@@ -25,7 +28,7 @@ std::string distinctive(const CertificateIdentifier& name) {
             octets = octets.subspan(1);
         }
     }
-    return {octets.begin(), octets.end()};
+    return {reinterpret_cast<const char*>(octets.data()), octets.size()};
 }
 
 std::optional<CertificateIdentifier> nameOf(const NVX509::RefCertificate& certificate, NamedBy namedBy) {
@@ -40,6 +43,10 @@ std::optional<CertificateIdentifier> nameOf(const NVX509::RefCertificate& certif
 
 KeyLookup::~KeyLookup() = default;
 
+bool KeyLookup::mayFind(NamedBy /*namedBy*/, const Buffer& /*octets*/) const noexcept {
+    return true;
+}
+
 KeyStoreLookup::KeyStoreLookup(const NVX509::RefKeyStore& keys) : m_keys(keys) {}
 
 KeyStoreLookup::~KeyStoreLookup() = default;
@@ -50,8 +57,13 @@ NVX509::KeyCertificatePair KeyStoreLookup::find(const CertificateIdentifier& rec
 }
 
 struct KeyListLookup::Index {
-    std::multimap<std::string, NVX509::KeyCertificatePair> bySerialNumber;
-    std::multimap<std::string, NVX509::KeyCertificatePair> byKeyIdentifier;
+    using Pairs = std::multimap<std::string, NVX509::KeyCertificatePair, std::less<>>;
+
+    [[nodiscard]] const Pairs& by(NamedBy namedBy) const noexcept {
+        return namedBy == NamedBy::issuerAndSerialNumber ? bySerialNumber : byKeyIdentifier;
+    }
+    Pairs bySerialNumber;
+    Pairs byKeyIdentifier;
 };
 
 KeyListLookup::KeyListLookup(const std::list<NVX509::KeyCertificatePair>& pairs) {
@@ -61,10 +73,10 @@ KeyListLookup::KeyListLookup(const std::list<NVX509::KeyCertificatePair>& pairs)
             continue;
         }
         if (const auto name = nameOf(pair->certificate, NamedBy::issuerAndSerialNumber)) {
-            index->bySerialNumber.emplace(distinctive(*name), pair);
+            index->bySerialNumber.emplace(distinctive(name->namedBy(), name->octets()), pair);
         }
         if (const auto name = nameOf(pair->certificate, NamedBy::subjectKeyIdentifier)) {
-            index->byKeyIdentifier.emplace(distinctive(*name), pair);
+            index->byKeyIdentifier.emplace(distinctive(name->namedBy(), name->octets()), pair);
         }
     }
     m_index = std::move(index);
@@ -73,15 +85,19 @@ KeyListLookup::KeyListLookup(const std::list<NVX509::KeyCertificatePair>& pairs)
 KeyListLookup::~KeyListLookup() = default;
 
 NVX509::KeyCertificatePair KeyListLookup::find(const CertificateIdentifier& recipient) const {
-    const auto& pairs =
-        recipient.namedBy() == NamedBy::issuerAndSerialNumber ? m_index->bySerialNumber : m_index->byKeyIdentifier;
-    const auto [first, last] = pairs.equal_range(distinctive(recipient));
+    const auto [first, last] =
+        m_index->by(recipient.namedBy()).equal_range(distinctive(recipient.namedBy(), recipient.octets()));
     for (auto one = first; one != last; ++one) {
         if (recipient.names(one->second->certificate)) {
             return one->second;
         }
     }
     return NVX509::KeyCertificatePair(false);
+}
+
+bool KeyListLookup::mayFind(NamedBy namedBy, const Buffer& octets) const noexcept {
+    const Index::Pairs& pairs = m_index->by(namedBy);
+    return pairs.find(distinctive(namedBy, octets)) != pairs.end();
 }
 
 } // namespace Norvane::Crypto::CMS

@@ -10,7 +10,6 @@
 
 namespace Norvane::Crypto::CMS {
 
-using framing::Element;
 using framing::Elements;
 using framing::Octets;
 using Encodings = std::vector<std::vector<unsigned char>>;

@@ -114,6 +114,7 @@ void SignedMessage::readHead() {
     m_contentType = takePrimitive(framing::objectIdentifier, longestIdentifier);
     if (m_reader.next() == nullptr) {
         m_isDetached = true;
+        m_announced.clear();
         m_reader.leave();
         readTail();
         return;
@@ -137,36 +138,29 @@ void SignedMessage::readDigestAlgorithms(Octets algorithms) {
     Elements elements(algorithms);
     while (!elements.atEnd()) {
         const auto algorithm = elements.nextUniversal(framing::sequence);
-        const auto identifier =
-            algorithm ? Elements(*algorithm).nextUniversal(framing::objectIdentifier) : std::nullopt;
-        if (!identifier) {
+        if (!algorithm) {
             throw Broken(Fault::malformed);
         }
+        const Octets identifier = algorithmOf(*algorithm);
         if (seen.size() == mostAnnounced ||
-            std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, identifier->whole); })) {
+            std::ranges::any_of(seen, [&](Octets one) { return std::ranges::equal(one, identifier); })) {
             continue;
         }
-        seen.push_back(identifier->whole);
-        if (const EVP_MD* digest = contentDigest(identifier->whole)) {
+        seen.push_back(identifier);
+        if (const EVP_MD* digest = contentDigest(identifier)) {
             m_announced.push_back(digest);
         }
     }
 }
 
-/// What is digested and kept. Of a detached message the signers are known, and what they need.
+/// What is digested and kept. Of a detached message the signers are known, and what they need, announced or not.
 void SignedMessage::startDigests() {
-    const auto isNamed = [this](const EVP_MD* digest) {
-        return std::ranges::any_of(m_signers, [&](const SignerParts& signer) {
-            const EVP_MD* own = contentDigest(signer.digestAlgorithm);
-            return own != nullptr && EVP_MD_get_type(own) == EVP_MD_get_type(digest);
-        });
-    };
-    for (const EVP_MD* digest : m_announced) {
-        if (!m_isDetached || isNamed(digest)) {
-            static_cast<void>(m_digests.start(digest));
-        }
-    }
     if (m_isDetached) {
+        for (const SignerParts& signer : m_signers) {
+            if (const EVP_MD* digest = contentDigest(signer.digestAlgorithm)) {
+                m_announced.push_back(digest);
+            }
+        }
         m_keepsContent = std::ranges::any_of(m_signers, [](const SignerParts& signer) {
             return !signer.signedAttributes && openssl::signatureScheme(signer.signatureAlgorithm).coversMessage();
         });
@@ -176,6 +170,9 @@ void SignedMessage::startDigests() {
                              const int type = EVP_MD_get_type(digest);
                              return type == NID_sha512 || type == NID_shake256;
                          });
+    }
+    for (const EVP_MD* digest : m_announced) {
+        static_cast<void>(m_digests.start(digest));
     }
 }
 

@@ -68,8 +68,8 @@ private:
     State m_state = State::reading;
     std::string m_failure;
 
-    framing::Octets m_contentType; // the octets of the identifier
-    std::vector<const EVP_MD*> m_announced;
+    framing::Octets m_contentType;          // the octets of the identifier
+    std::vector<const EVP_MD*> m_announced; // in front of the content, or by the signers of a detached message
     bool m_isDetached = false;
     framing::Octets m_piece; // what is left of the reader's
     framing::Octets m_slice; // what of that was digested and not yet taken

@@ -3,6 +3,7 @@
 #include "framing/Reader.h"
 
 #include <algorithm>
+#include <array>
 
 namespace Norvane::Crypto::CMS {
 
@@ -103,11 +104,6 @@ AttributeTable tableOf(Elements attributes) {
     return table;
 }
 
-/// The identifier of an AlgorithmIdentifier.
-Octets identifierOf(const Element& algorithm) {
-    return requiredPrimitive(Elements(algorithm).nextUniversal(framing::objectIdentifier)).whole;
-}
-
 } // namespace
 
 Octets stringOctets(const Element& string, KeptOctets& kept) {
@@ -132,6 +128,28 @@ Octets stringOctets(const Element& string, KeptOctets& kept) {
         }
     }
     return whole;
+}
+
+/// SHAKE256 has two identifiers (RFC 8419, 2.3; RFC 8702, 3.1), one of which tells the length in bits.
+constexpr std::array<unsigned char, 11> s_shake256{0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x0C};
+constexpr std::array<unsigned char, 15> s_shake256WithLength{0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03,
+                                                             0x04, 0x02, 0x12, 0x02, 0x02, 0x02, 0x00};
+
+Octets algorithmOf(const Element& algorithm) {
+    if (std::ranges::equal(algorithm.content, s_shake256WithLength)) { // of the 512 bits that both mean
+        return s_shake256;
+    }
+    constexpr std::uint32_t nullTag = 5;
+    Elements parts(requiredConstructed(algorithm));
+    const Element identifier = requiredPrimitive(parts.nextUniversal(framing::objectIdentifier));
+    if (!parts.atEnd()) {
+        const Element parameters = required(parts.next());
+        if (parameters.isUniversal(nullTag) && (parameters.header.constructed || !parameters.content.empty())) {
+            throw Broken(Fault::malformed);
+        }
+        requireEnd(parts);
+    }
+    return identifier.whole;
 }
 
 Octets shortestInteger(Octets content) noexcept {
@@ -159,14 +177,14 @@ SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
         signer.serialNumber = shortestInteger(requiredPrimitive(names.nextUniversal(framing::integer)).content);
         requireEnd(names);
     }
-    signer.digestAlgorithm = identifierOf(requiredConstructed(parts.nextUniversal(framing::sequence)));
+    signer.digestAlgorithm = algorithmOf(required(parts.nextUniversal(framing::sequence)));
     signer.signedAttributes = parts.nextContext(0);
     if (signer.signedAttributes) {
         signer.attributes = tableOf(Elements(requiredConstructed(signer.signedAttributes)));
     }
     const Element algorithm = requiredConstructed(parts.nextUniversal(framing::sequence));
     signer.signatureAlgorithm = algorithm.whole;
-    signer.signatureIdentifier = identifierOf(algorithm);
+    signer.signatureIdentifier = algorithmOf(algorithm);
     signer.signature = stringOctets(required(parts.nextUniversal(framing::octetString)), kept);
     if (const auto attributes = parts.nextContext(1)) {
         signer.unsignedAttributes = requiredConstructed(attributes).content;

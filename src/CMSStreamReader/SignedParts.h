@@ -77,6 +77,9 @@ void readCountersigners(SignerParts& signer, std::size_t most, std::size_t deepe
 /// The octets of a string, of one in segments too. \throws framing::Broken it is none
 framing::Octets stringOctets(const framing::Element& string, KeptOctets& kept);
 
+/// The whole identifier in an AlgorithmIdentifier. \throws framing::Broken it is none
+framing::Octets algorithmOf(const framing::Element& algorithm);
+
 /// The octets of an INTEGER, no more than it needs.
 framing::Octets shortestInteger(framing::Octets content) noexcept;
 

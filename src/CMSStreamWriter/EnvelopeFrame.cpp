@@ -40,11 +40,11 @@ struct Around {
 
 } // namespace
 
-Encoded EnvelopeFrame::start() const {
+Encoded WrittenFrame::start() const {
     return openssl::objectIdentifier(authenticated ? NID_id_smime_ct_authEnvelopedData : NID_pkcs7_enveloped);
 }
 
-Encoded EnvelopeFrame::afterContent(Octets tag) const {
+Encoded WrittenFrame::afterContent(Octets tag) const {
     Encoded out;
     if (!authenticated) {
         return out;
@@ -56,7 +56,7 @@ Encoded EnvelopeFrame::afterContent(Octets tag) const {
     return out;
 }
 
-Encoded EnvelopeFrame::head() const {
+Encoded WrittenFrame::head() const {
     Encoded out;
     open(out, s_sequence); // ContentInfo
     append(out, start());
@@ -71,7 +71,7 @@ Encoded EnvelopeFrame::head() const {
     return out;
 }
 
-Encoded EnvelopeFrame::head(std::uint64_t contentLength) const {
+Encoded WrittenFrame::head(std::uint64_t contentLength) const {
     const std::array<unsigned char, openssl::ContentEncryption::tagLength> anyTag{};
     const Encoded identifier = start();
     const Encoded number = framing::integerOf(version);
@@ -96,7 +96,7 @@ Encoded EnvelopeFrame::head(std::uint64_t contentLength) const {
     return out;
 }
 
-Encoded EnvelopeFrame::tail(bool indefinite, Octets tag) const {
+Encoded WrittenFrame::tail(bool indefinite, Octets tag) const {
     if (!indefinite) {
         return afterContent(tag);
     }

@@ -11,7 +11,7 @@
 namespace Norvane::Crypto::CMS {
 
 /// EnvelopedData or AuthEnvelopedData but for the content.
-struct EnvelopeFrame {
+struct WrittenFrame {
     bool authenticated = false;
     unsigned int version = 0;
     framing::Encoded recipients;  ///< the SET

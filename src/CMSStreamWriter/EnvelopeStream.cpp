@@ -1,5 +1,7 @@
 #include "CMSStreamWriter/EnvelopeStream.h"
 
+#include "CMS/TemporaryFile.h"
+
 #include "CMSStreamWriter/EnvelopeRecipientInfo.h"
 #include "openssl/AlgorithmIdentifiers.h"
 
@@ -85,7 +87,7 @@ EnvelopeStream::EnvelopeStream(const std::vector<EnvelopeRecipient>& recipients,
     : m_algorithm(algorithmOf(options.cipher)),
       m_encoding(options.encoding),
       m_announced(options.bodyLength),
-      m_temporaryFile(options.temporaryFile) {
+      m_temporaryFile(temporaryFile(options.temporaryFile)) {
     if (m_encoding != EnvelopeEncoding::ber && m_encoding != EnvelopeEncoding::der) {
         raise(failures::envelopeWriter, "no such encoding: " + std::to_string(static_cast<int>(m_encoding)));
     }

@@ -1,12 +1,13 @@
 #include "CMSStreamWriter/SignedWork.h"
 
+#include "CMS/TemporaryFile.h"
+
 #include "failures/Raise.h"
 #include "openssl/AlgorithmIdentifiers.h"
 #include "openssl/Encode.h"
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -89,14 +90,6 @@ Encoded setOfDifferent(std::vector<Encoded> members, std::uint32_t tag) {
     return made;
 }
 
-std::string spillFileOf(const SignedWriter::Options& options) {
-    if (!options.spillFile.empty()) {
-        return options.spillFile;
-    }
-    std::error_code failure;
-    return (std::filesystem::temp_directory_path(failure) / "norvcrypto-XXXXXX").string();
-}
-
 void checkCertificatesOnly(const SignedWriter::Options& options, bool isData) {
     if (!options.certificatesOnly) {
         if (options.signers.empty()) {
@@ -135,7 +128,7 @@ SignedWork::SignedWork(const SignedWriter::Options& options)
     prepareFraming(options, isData);
     m_way = wayOf(options);
     if (m_way == Way::spill) {
-        m_spill.emplace(options.memory, spillFileOf(options).c_str());
+        m_spill.emplace(options.memory, temporaryFile(options.spillFile).c_str());
     }
 }
 

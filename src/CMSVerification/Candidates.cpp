@@ -68,10 +68,24 @@ const Candidates& CandidateIndex::of(const PKCS7_SIGNER_INFO* signer) const {
     return entry == m_bySigner.end() ? m_none : entry->second->found;
 }
 
+bool CandidateIndex::mayName(framing::Octets serial) const {
+    constexpr unsigned char sign = 0x80;
+    const auto element = framing::firstElement(serial);
+    if (!element || element->content.empty() || element->content.front() >= sign) {
+        return true; // negative: OpenSSL has to make the number of it
+    }
+    const framing::Octets number = element->content;
+    return m_serials.contains(
+        keyOf(V_ASN1_INTEGER, number.size() > 1 && number.front() == 0 ? number.subspan(1) : number));
+}
+
+std::string CandidateIndex::keyOf(int type, framing::Octets number) {
+    return std::to_string(type) + ':' + std::string(reinterpret_cast<const char*>(number.data()), number.size());
+}
+
 std::string CandidateIndex::keyOf(const ASN1_INTEGER* serial) {
-    const auto* octets = reinterpret_cast<const char*>(ASN1_STRING_get0_data(serial));
-    return std::to_string(ASN1_STRING_type(serial)) + ':' +
-           std::string(octets, static_cast<std::size_t>(std::max(ASN1_STRING_length(serial), 0)));
+    return keyOf(ASN1_STRING_type(serial),
+                 {ASN1_STRING_get0_data(serial), static_cast<std::size_t>(std::max(ASN1_STRING_length(serial), 0))});
 }
 
 CandidateIndex::Entry* CandidateIndex::find(const Name& name, const X509_NAME* issuer) {

@@ -3,6 +3,7 @@
 /// \file
 /// Which certificates the signers of a structure name.
 
+#include "framing/Elements.h"
 #include "openssl/Pointers.h"
 
 #include <array>
@@ -26,6 +27,8 @@ class CandidateIndex {
 public:
     explicit CandidateIndex(const std::vector<PKCS7_SIGNER_INFO*>& signers);
 
+    /// Whether a certificate of that serial number (an INTEGER element) may be one that a signer names.
+    [[nodiscard]] bool mayName(framing::Octets serial) const;
     /// Keeps the certificate, which is borrowed, when a signer names it.
     void offer(X509* certificate);
     [[nodiscard]] const Candidates& of(const PKCS7_SIGNER_INFO* signer) const;
@@ -39,6 +42,7 @@ private:
         std::vector<Fingerprint> fingerprints;
     };
 
+    static std::string keyOf(int type, framing::Octets number);
     static std::string keyOf(const ASN1_INTEGER* serial);
     [[nodiscard]] Entry* find(const Name& name, const X509_NAME* issuer);
 

@@ -1,4 +1,5 @@
 // The body on its way into the digests, and the report.
+#include "CMS/StructureParts.h"
 #include "CMSVerification/BodyDigests.h"
 #include "CMSVerification/Candidates.h"
 #include "CMSVerification/Judge.h"
@@ -44,7 +45,9 @@ BodyDigests digestsFor(const std::vector<PKCS7_SIGNER_INFO*>& signers) {
 } // namespace
 
 struct SignatureVerifier::State {
-    explicit State(const RefContentInfo& handle) : structure(handle), content(openssl::signedContent(handle)) {
+    explicit State(const RefContentInfo& handle)
+        : structure(handle),
+          content(openssl::signedContent(StructureParts::structureOf(handle))) {
         if (content == nullptr || content->contents == nullptr) {
             failures::raise(failures::signatureVerifier, "no signed data");
         }
@@ -115,6 +118,14 @@ void SignatureVerifier::write(MediaIn& body) {
 
 SignatureReport SignatureVerifier::report() const {
     return m_state->report([this](CandidateIndex& index) {
+        openssl::LazyPkcs7* parts = StructureParts::of(m_state->structure);
+        const std::size_t waiting = parts == nullptr ? 0 : parts->waitingCertificates();
+        for (std::size_t at = 0; at != waiting; ++at) {
+            // The others need not be decoded to know that no signer means them.
+            if (index.mayName(parts->nameOfCertificate(at).serial)) {
+                index.offer(parts->certificate(at));
+            }
+        }
         const STACK_OF(X509)* certificates = m_state->content->cert;
         for (int at = 0; at < sk_X509_num(certificates); ++at) {
             index.offer(sk_X509_value(certificates, at));

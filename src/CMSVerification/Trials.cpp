@@ -59,7 +59,7 @@ SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* c
     if (!openssl::fits(signature.scheme, key)) {
         return refused(SignatureReason::algorithmDiffers);
     }
-    const std::uint64_t work = openssl::verificationWork(key);
+    const std::uint64_t work = openssl::verificationWork(certificate);
     if (work > maximumKeyWork) {
         return unsupported(SignatureReason::keyTooLarge, algorithm);
     }

@@ -1,4 +1,5 @@
 // The calls over a whole body, and the reasons in words.
+#include "CMS/StructureParts.h"
 #include "failures/Raise.h"
 #include "openssl/Pkcs7.h"
 
@@ -32,7 +33,7 @@ SignatureReport embedded(SignatureReport report) {
 } // namespace
 
 CarriedContent carriedContent(const RefContentInfo& structure) {
-    const PKCS7_SIGNED* content = openssl::signedContent(structure);
+    const PKCS7_SIGNED* content = openssl::signedContent(StructureParts::structureOf(structure));
     if (content == nullptr || content->contents == nullptr || content->contents->d.ptr == nullptr) {
         return CarriedContent::none;
     }

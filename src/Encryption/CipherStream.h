@@ -14,10 +14,8 @@
 #include <array>
 #include <memory>
 #include <new>
-#include <optional>
 #include <sstream>
 #include <string>
-#include <utility>
 
 namespace Norvane::Crypto {
 
@@ -97,9 +95,9 @@ public:
         if (m_context) {
             finalize();
         }
-        if (m_last) {
-            target.write(m_last->data(), m_last->length());
-            m_last.reset();
+        if (m_isLastLeft) {
+            target.write(m_last.data(), m_lastLength);
+            m_isLastLeft = false;
         }
         target.end();
         m_ended = true;
@@ -124,19 +122,20 @@ private:
 
     /// Once: finalising a second time would make another block. The key goes with the context.
     void finalize() {
-        Buffer last(EVP_MAX_BLOCK_LENGTH, 0);
         int length = 0;
-        if (Direction::finalize(m_context.get(), last.data(), &length) == 0) {
+        if (Direction::finalize(m_context.get(), m_last.data(), &length) == 0) {
             failures::raiseWithErrors(Direction::end);
         }
-        last.length(static_cast<unsigned int>(length));
-        m_last = std::move(last); // not a copy: without memory for it the next call would finalise again
+        m_lastLength = static_cast<unsigned int>(length);
+        m_isLastLeft = true;
         m_context.reset();
     }
 
     openssl::CipherContextPtr m_context; ///< null once it was finalised
     bool m_ended = false;
-    std::optional<Buffer> m_last; ///< until the target has taken it
+    bool m_isLastLeft = false; ///< from its making until the target has taken it
+    unsigned int m_lastLength = 0;
+    std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> m_last{};
 };
 
 } // namespace Norvane::Crypto

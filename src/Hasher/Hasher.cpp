@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <locale>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -91,7 +92,11 @@ void Hasher::update(const unsigned char* data, unsigned int length) {
 }
 
 void Hasher::finalize() {
-    const openssl::ErrorMark quiet; // the result is not looked at
+    // The result is not looked at. A digest that is finalised again may fail, and must do so without leaving an error.
+    std::optional<openssl::ErrorMark> quiet;
+    if (m_finalized) {
+        quiet.emplace();
+    }
     unsigned int length = m_digest.length();
     EVP_DigestFinal_ex(m_context.get(), m_digest.data(), &length);
     m_digest.length(length);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <span>
 #include <utility>
 
 namespace Norvane::Crypto::openssl {
@@ -32,7 +33,11 @@ bool replaceSink(BioChainPtr& head, BioPtr sink) {
 
 ContentChain::ContentChain(std::unique_ptr<ContentSink> sink, BioChainPtr head) noexcept
     : m_sink(std::move(sink)),
-      m_head(std::move(head)) {}
+      m_head(std::move(head)) {
+    if (m_sink != nullptr) {
+        static_cast<void>(BIO_get_cipher_ctx(m_head.get(), &m_cipher));
+    }
+}
 
 ContentChain::~ContentChain() = default;
 
@@ -49,6 +54,25 @@ void ContentChain::write(const unsigned char* bytes, std::size_t length) noexcep
     while (length != 0 && !m_failed) {
         const std::size_t piece = std::min<std::size_t>(length, INT_MAX);
         m_failed = BIO_write(m_head.get(), bytes, static_cast<int>(piece)) != static_cast<int>(piece);
+        bytes += piece;
+        length -= piece;
+    }
+}
+
+void ContentChain::writeLong(const unsigned char* bytes, std::size_t length) noexcept {
+    if (m_cipher == nullptr) {
+        write(bytes, length);
+        return;
+    }
+    // The cipher BIO holds nothing back between two writes, since the sink takes all or fails for good.
+    while (length != 0 && !m_failed) {
+        // Whole blocks of the cipher come out and the room is a whole number of them: what it held back fits too.
+        const std::span<unsigned char> room = m_sink->room();
+        const std::size_t piece = std::min(length, room.size());
+        int made = 0;
+        m_failed = room.empty() ||
+                   EVP_CipherUpdate(m_cipher, room.data(), &made, bytes, static_cast<int>(piece)) != 1 ||
+                   !m_sink->filled(static_cast<std::size_t>(made));
         bytes += piece;
         length -= piece;
     }

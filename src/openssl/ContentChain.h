@@ -28,6 +28,9 @@ public:
 
     /// Passes bytes of any number through the chain. A failure shows in `finish`.
     void write(const unsigned char* bytes, std::size_t length) noexcept;
+    /// The same, for many bytes: content that is collected is encrypted straight into the place where it collects,
+    /// instead of in pieces through the buffer of OpenSSL's cipher BIO.
+    void writeLong(const unsigned char* bytes, std::size_t length) noexcept;
     void flush() noexcept;
     /// Makes the structure from what passed; false with the reasons in the error queue, also when not all of it did.
     [[nodiscard]] bool finish(PKCS7* structure) noexcept;
@@ -40,6 +43,7 @@ private:
 
     std::unique_ptr<ContentSink> m_sink;
     BioChainPtr m_head;
+    EVP_CIPHER_CTX* m_cipher = nullptr; // the chain's; null when nothing is encrypted or nothing collected
     bool m_failed = false;
 };
 

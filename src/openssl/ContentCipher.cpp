@@ -60,6 +60,14 @@ std::string unsupportedContentCipher(const X509_ALGOR* algorithm) {
     return cipher != nullptr && isForContent(cipher.get()) ? "" : algorithmName(algorithmIdentifier(algorithm));
 }
 
+bool isAvailable(const X509_ALGOR* algorithm) {
+    const ErrorMark mark;
+    const CipherPtr cipher = cipherOf(algorithm);
+    const CipherContextPtr context(EVP_CIPHER_CTX_new());
+    return cipher != nullptr && context != nullptr &&
+           EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, nullptr, nullptr) == 1;
+}
+
 CipherContextPtr contextFor(const X509_ALGOR* algorithm) {
     const CipherPtr cipher = cipherOf(algorithm);
     if (cipher == nullptr || !isForContent(cipher.get()) ||

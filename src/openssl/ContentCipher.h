@@ -30,6 +30,9 @@ CipherPtr cipherOf(const X509_ALGOR* algorithm);
 /// empty.
 std::string unsupportedContentCipher(const X509_ALGOR* algorithm);
 
+/// Whether OpenSSL can use a cipher that it knows: those of long ago are known without the provider that has them.
+bool isAvailable(const X509_ALGOR* algorithm);
+
 /// A context with the cipher and parameters, which yet lacks the key; null when they cannot be used. OpenSSL would take
 /// a missing initialisation vector for zeroes.
 CipherContextPtr contextFor(const X509_ALGOR* algorithm);

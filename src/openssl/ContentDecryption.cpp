@@ -16,7 +16,7 @@ namespace Norvane::Crypto::openssl {
 
 namespace {
 
-constexpr int s_pieceLength = 0x4000;
+constexpr std::size_t s_pieceLength = 0x4000;
 /// id-rsa-kem, 1.2.840.113549.1.9.16.3.14, which OpenSSL has no number for.
 constexpr std::array<unsigned char, 11> s_rsaKem{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x10, 0x03, 0x0E};
 
@@ -26,18 +26,20 @@ const X509_ALGOR* contentAlgorithm(const PKCS7* structure) noexcept {
 }
 
 /// Decrypts in pieces. What was decrypted before a damage is written.
-bool decryptInto(BIO* out, EVP_CIPHER_CTX* context, const ASN1_OCTET_STRING* content) {
+bool decryptInto(BIO* out, EVP_CIPHER_CTX* context, const EncryptedOctets& content) {
     WipedBytes clear(s_pieceLength + EVP_MAX_BLOCK_LENGTH);
     const auto pass = [&](int length) { return length == 0 || BIO_write(out, clear.data(), length) == length; };
-    const unsigned char* at = ASN1_STRING_get0_data(content);
     int count = 0;
-    for (int left = ASN1_STRING_length(content); left > 0;) {
-        const int piece = std::min(left, s_pieceLength);
-        if (EVP_DecryptUpdate(context, clear.data(), &count, at, piece) != 1 || !pass(count)) {
-            return false;
+    EncryptedOctets::Pieces pieces(content);
+    for (auto octets = pieces.next(); !octets.empty(); octets = pieces.next()) {
+        while (!octets.empty()) {
+            const auto piece = octets.first(std::min(octets.size(), s_pieceLength));
+            if (EVP_DecryptUpdate(context, clear.data(), &count, piece.data(), static_cast<int>(piece.size())) != 1 ||
+                !pass(count)) {
+                return false;
+            }
+            octets = octets.subspan(piece.size());
         }
-        at += piece;
-        left -= piece;
     }
     return EVP_DecryptFinal_ex(context, clear.data(), &count) == 1 && pass(count);
 }
@@ -77,10 +79,10 @@ void ContentDecryption::open(const PKCS7_RECIP_INFO* recipient, EVP_PKEY* key) {
 }
 
 bool ContentDecryption::write(BIO* out) const {
-    const CipherContextPtr context = contextFor(contentAlgorithm(m_structure));
+    const CipherContextPtr context = contextFor(contentAlgorithm(m_structure.structure()));
     bool trusted = false;
     const bool good = context != nullptr && setContentKey(context.get(), m_contentKey, trusted) &&
-                      decryptInto(out, context.get(), encryptedContent(m_structure)) && trusted;
+                      decryptInto(out, context.get(), m_structure.encryptedOctets()) && trusted;
     ERR_clear_error();
     return good;
 }

@@ -4,6 +4,7 @@
 /// Decrypting the content of an enveloped structure: a private key opens a recipient's content key, the content key
 /// decrypts the content. The two are apart so that callers can count what each costs.
 
+#include "openssl/LazyPkcs7.h"
 #include "openssl/Pointers.h"
 #include "openssl/WipedBytes.h"
 
@@ -31,7 +32,7 @@ bool isOtherKeyEncryption(const PKCS7_RECIP_INFO* recipient) noexcept;
 class ContentDecryption {
 public:
     /// \param structure lent; it has encrypted content
-    explicit ContentDecryption(const PKCS7* structure) noexcept : m_structure(structure) {}
+    explicit ContentDecryption(const LazyPkcs7& structure) noexcept : m_structure(structure) {}
 
     /// One private-key operation: opens a recipient's content key. One that opens takes the place of the one before;
     /// nothing tells whether it did.
@@ -43,7 +44,7 @@ public:
     [[nodiscard]] bool write(BIO* out) const;
 
 private:
-    const PKCS7* m_structure;
+    const LazyPkcs7& m_structure;
     WipedBytes m_contentKey;
 };
 

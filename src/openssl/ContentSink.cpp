@@ -13,7 +13,8 @@
 namespace Norvane::Crypto::openssl {
 
 bool ContentSink::addBlock() noexcept {
-    OwnedMemory<unsigned char> block(static_cast<unsigned char*>(OPENSSL_malloc(blockSize)));
+    const std::size_t size = sizeOfBlock(m_blocks.size());
+    OwnedMemory<unsigned char> block(static_cast<unsigned char*>(OPENSSL_malloc(size)));
     if (block == nullptr) {
         return false;
     }
@@ -22,23 +23,47 @@ bool ContentSink::addBlock() noexcept {
     } catch (const std::bad_alloc&) {
         return false;
     }
+    m_room = size;
+    return true;
+}
+
+void ContentSink::refuse() noexcept {
+    m_failed = true;
+    queueError("BIO_write", ERR_LIB_BIO, ERR_R_MALLOC_FAILURE);
+}
+
+std::span<unsigned char> ContentSink::room() noexcept {
+    if (m_failed || (m_room == 0 && !addBlock())) {
+        refuse();
+        return {};
+    }
+    return {m_blocks.back().get() + sizeOfBlock(m_blocks.size() - 1) - m_room, m_room};
+}
+
+bool ContentSink::filled(std::size_t count) noexcept {
+    if (count > INT_MAX - m_length) {
+        refuse();
+        return false;
+    }
+    m_length += count;
+    m_room -= count;
     return true;
 }
 
 bool ContentSink::append(const char* data, std::size_t length) noexcept {
     if (m_failed || length > INT_MAX - m_length) {
-        m_failed = true;
+        refuse();
         return false;
     }
     while (length != 0) {
-        const std::size_t used = m_length % blockSize;
-        if (used == 0 && !addBlock()) {
-            m_failed = true;
+        const std::span<unsigned char> place = room();
+        if (place.empty()) {
             return false;
         }
-        const std::size_t count = std::min(length, blockSize - used);
-        std::memcpy(m_blocks.back().get() + used, data, count);
+        const std::size_t count = std::min(length, place.size());
+        std::memcpy(place.data(), data, count);
         m_length += count;
+        m_room -= count;
         data += count;
         length -= count;
     }
@@ -51,7 +76,6 @@ int ContentSink::onWrite(BIO* bio, const char* data, int length) {
         return 0;
     }
     if (!sink->append(data, static_cast<std::size_t>(length))) {
-        queueError("BIO_write", ERR_LIB_BIO, ERR_R_MALLOC_FAILURE);
         return -1; // not 0, at which the cipher in front would try again for ever
     }
     return length;

@@ -4,6 +4,7 @@
 #include "openssl/ContentCipher.h"
 #include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Oaep.h"
 
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
@@ -15,14 +16,12 @@ namespace {
 using OaepParametersPtr = Owned<RSA_OAEP_PARAMS, RSA_OAEP_PARAMS_free>;
 
 /// What the parameters of OAEP say (RFC 8017, A.2.1), and what of it is not known.
-struct Oaep {
-    const EVP_MD* digest = nullptr;
-    const EVP_MD* maskDigest = nullptr;
-    std::span<const unsigned char> label;
+struct ReadOaep {
+    Oaep oaep{nullptr, nullptr, {}};
     std::string unsupported;
     OaepParametersPtr decoded;
 
-    [[nodiscard]] bool isUsable() const noexcept { return digest != nullptr && maskDigest != nullptr; }
+    [[nodiscard]] bool isUsable() const noexcept { return oaep.digest != nullptr && oaep.maskDigest != nullptr; }
 };
 
 /// The digest that an algorithm identifier names; SHA-1 where there is none. Null for a digest that is not supported.
@@ -43,57 +42,39 @@ const EVP_MD* digestOf(const X509_ALGOR* algorithm, std::string& unsupported) {
     }
 }
 
-Oaep oaepOf(const X509_ALGOR& algorithm) {
-    Oaep oaep;
-    oaep.decoded.reset(
+ReadOaep oaepOf(const X509_ALGOR& algorithm) {
+    ReadOaep read;
+    read.decoded.reset(
         static_cast<RSA_OAEP_PARAMS*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(RSA_OAEP_PARAMS), algorithm.parameter)));
-    if (oaep.decoded == nullptr) {
-        return oaep;
+    if (read.decoded == nullptr) {
+        return read;
     }
-    const EVP_MD* digest = digestOf(oaep.decoded->hashFunc, oaep.unsupported);
+    const EVP_MD* digest = digestOf(read.decoded->hashFunc, read.unsupported);
     AlgorithmPtr maskHash;
-    if (const X509_ALGOR* mask = oaep.decoded->maskGenFunc; mask != nullptr) {
+    if (const X509_ALGOR* mask = read.decoded->maskGenFunc; mask != nullptr) {
         if (OBJ_obj2nid(mask->algorithm) != NID_mgf1) {
-            oaep.unsupported = "RSAES-OAEP with " + algorithmName(mask->algorithm);
-            return oaep;
+            read.unsupported = "RSAES-OAEP with " + algorithmName(mask->algorithm);
+            return read;
         }
         maskHash = algorithmInParameters(*mask);
         if (maskHash == nullptr) {
-            return oaep;
+            return read;
         }
     }
-    if (const X509_ALGOR* source = oaep.decoded->pSourceFunc; source != nullptr) {
+    if (const X509_ALGOR* source = read.decoded->pSourceFunc; source != nullptr) {
         if (OBJ_obj2nid(source->algorithm) != NID_pSpecified) {
-            oaep.unsupported = "RSAES-OAEP with " + algorithmName(source->algorithm);
-            return oaep;
+            read.unsupported = "RSAES-OAEP with " + algorithmName(source->algorithm);
+            return read;
         }
         if (source->parameter == nullptr || source->parameter->type != V_ASN1_OCTET_STRING) {
-            return oaep;
+            return read;
         }
         const ASN1_OCTET_STRING* label = source->parameter->value.octet_string;
-        oaep.label = {ASN1_STRING_get0_data(label), static_cast<std::size_t>(ASN1_STRING_length(label))};
+        read.oaep.label = {ASN1_STRING_get0_data(label), static_cast<std::size_t>(ASN1_STRING_length(label))};
     }
-    oaep.maskDigest = digestOf(maskHash.get(), oaep.unsupported);
-    oaep.digest = digest;
-    return oaep;
-}
-
-bool setOaep(EVP_PKEY_CTX* context, const Oaep& oaep) {
-    if (EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_OAEP_PADDING) != 1 ||
-        EVP_PKEY_CTX_set_rsa_oaep_md(context, oaep.digest) != 1 ||
-        EVP_PKEY_CTX_set_rsa_mgf1_md(context, oaep.maskDigest) != 1) {
-        return false;
-    }
-    if (oaep.label.empty()) {
-        return true;
-    }
-    OwnedMemory<void> label(OPENSSL_memdup(oaep.label.data(), oaep.label.size()));
-    if (label == nullptr ||
-        EVP_PKEY_CTX_set0_rsa_oaep_label(context, label.get(), static_cast<int>(oaep.label.size())) != 1) {
-        return false;
-    }
-    static_cast<void>(label.release());
-    return true;
+    read.oaep.maskDigest = digestOf(maskHash.get(), read.unsupported);
+    read.oaep.digest = digest;
+    return read;
 }
 
 template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsigned char> encrypted, SetUp setUp) {
@@ -145,11 +126,11 @@ WipedBytes openTransportedKey(const X509_ALGOR& algorithm, EVP_PKEY* key, std::s
         return openPkcs1Key(key, encrypted);
     }
     const ErrorMark mark;
-    const Oaep oaep = oaepOf(algorithm);
-    if (!oaep.isUsable()) {
+    const ReadOaep read = oaepOf(algorithm);
+    if (!read.isUsable()) {
         return {};
     }
-    return decryptKey(key, encrypted, [&oaep](EVP_PKEY_CTX* context) { return setOaep(context, oaep); });
+    return decryptKey(key, encrypted, [&read](EVP_PKEY_CTX* context) { return setOaep(context, read.oaep); });
 }
 
 } // namespace Norvane::Crypto::openssl

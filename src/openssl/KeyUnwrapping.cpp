@@ -4,6 +4,7 @@
 #include "openssl/ContentCipher.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
+#include "openssl/RecipientKeys.h"
 
 #include <openssl/objects.h>
 
@@ -44,24 +45,21 @@ const EVP_MD* digestOf(const X509_ALGOR* function) {
     return EVP_PBE_find(EVP_PBE_TYPE_PRF, nid, nullptr, &digest, nullptr) == 1 ? EVP_get_digestbynid(digest) : nullptr;
 }
 
-WipedBytes keyOf(const X509_ALGOR& derivation, std::span<const unsigned char> password, std::size_t length) {
+/// Fills the key that a password stands for.
+bool deriveKey(const X509_ALGOR& derivation, std::span<const unsigned char> password, Secret& key) {
     const Pbkdf2Ptr parameters = pbkdf2Of(derivation);
     if (parameters == nullptr || parameters->salt->type != V_ASN1_OCTET_STRING || password.size() > INT_MAX) {
-        return {};
+        return false;
     }
     std::int64_t announced = 0;
     if (parameters->keylength != nullptr && (ASN1_INTEGER_get_int64(&announced, parameters->keylength) != 1 ||
-                                             announced != static_cast<std::int64_t>(length))) {
-        return {};
+                                             announced != static_cast<std::int64_t>(key.size()))) {
+        return false;
     }
     const ASN1_OCTET_STRING* salt = parameters->salt->value.octet_string;
-    WipedBytes key(length);
-    const bool derived =
-        PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password.data()), static_cast<int>(password.size()),
-                          ASN1_STRING_get0_data(salt), ASN1_STRING_length(salt),
-                          static_cast<int>(ASN1_INTEGER_get(parameters->iter)), digestOf(parameters->prf),
-                          static_cast<int>(length), key.data()) == 1;
-    return derived ? std::move(key) : WipedBytes();
+    return derivePbkdf2(digestOf(parameters->prf), password,
+                        {ASN1_STRING_get0_data(salt), static_cast<std::size_t>(ASN1_STRING_length(salt))},
+                        static_cast<std::uint32_t>(ASN1_INTEGER_get(parameters->iter)), key);
 }
 
 bool decryptBlocks(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, std::size_t length) {
@@ -192,10 +190,10 @@ WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const
     if (block < 2 || wrapped.size() < 2 * block || wrapped.size() % block != 0) {
         return {};
     }
-    const WipedBytes key =
-        keyOf(*algorithms.derivation, password, static_cast<std::size_t>(EVP_CIPHER_CTX_get_key_length(context.get())));
+    Secret key(std::min(static_cast<std::size_t>(EVP_CIPHER_CTX_get_key_length(context.get())), Secret::most));
     WipedBytes opened(wrapped.size());
-    if (key.empty() || EVP_DecryptInit_ex(context.get(), nullptr, nullptr, key.data(), nullptr) != 1 ||
+    if (!deriveKey(*algorithms.derivation, password, key) ||
+        EVP_DecryptInit_ex(context.get(), nullptr, nullptr, key.octets().data(), nullptr) != 1 ||
         EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
         !decryptTwice(context.get(), wrapped, block, opened.data())) {
         return {};

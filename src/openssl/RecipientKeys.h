@@ -7,6 +7,7 @@
 /// Whatever answers `false`, or nothing, has left the reasons in the error queue.
 
 #include "framing/Encoding.h"
+#include "openssl/Oaep.h"
 #include "openssl/Pointers.h"
 #include "openssl/Secret.h"
 
@@ -36,13 +37,6 @@ std::string recipientKeyName(const EVP_PKEY* key);
 /// What encrypting for the key costs, in squarings of a 1024-bit number. The largest number for keys that are not used at
 /// all: RSA with an exponent below 3, which hides nothing, or beyond 64 bits, and moduli beyond OpenSSL's 16384 bits.
 std::uint64_t encryptionWork(const EVP_PKEY* key, RecipientKeyKind kind) noexcept;
-
-/// RSAES-OAEP (RFC 8017, 7.1).
-struct Oaep {
-    const EVP_MD* digest;
-    const EVP_MD* maskDigest;
-    framing::Octets label;
-};
 
 /// How many octets a key encrypts at most, negative when it is too short for anything: with the padding of PKCS#1 1.5 when
 /// `oaep` is null.

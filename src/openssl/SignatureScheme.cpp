@@ -19,7 +19,8 @@ using framing::Octets;
 using Kind = SignatureScheme::Kind;
 
 constexpr int defaultSaltLength = 20; // RFC 4055, 3.1
-constexpr int longestSalt = 2048;     // that of a modulus of 16384 bits
+constexpr std::size_t longestPssParameters = 1024;
+constexpr int longestSalt = 2048; // that of a modulus of 16384 bits
 
 Kind kindOf(int keyType) noexcept {
     switch (keyType) {
@@ -61,8 +62,20 @@ int smallInteger(const Element& element) noexcept {
     return value;
 }
 
+using PssParametersPtr = Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free>;
+
 /// RSASSA-PSS-params (RFC 4055, 3.1); false when they make no sense.
-bool readPssParameters(Elements parameters, SignatureScheme& scheme) noexcept {
+bool readPssParameters(const Element& whole, SignatureScheme& scheme) noexcept {
+    const ErrorMark mark;
+    if (whole.whole.size() > longestPssParameters) {
+        return false;
+    }
+    const unsigned char* at = whole.whole.data();
+    const PssParametersPtr decoded(d2i_RSA_PSS_PARAMS(nullptr, &at, static_cast<long>(whole.whole.size())));
+    if (decoded == nullptr) {
+        return false;
+    }
+    Elements parameters(whole);
     scheme.digest = EVP_sha1();
     scheme.maskDigest = EVP_sha1();
     scheme.saltLength = defaultSaltLength;
@@ -166,7 +179,7 @@ SignatureScheme signatureScheme(Octets algorithmIdentifier) noexcept {
         scheme.kind = Kind::rsaPss;
         scheme.namesDigest = true;
         const auto parameters = parts.nextUniversal(framing::sequence);
-        scheme.isSound = parameters && readPssParameters(Elements(*parameters), scheme);
+        scheme.isSound = parameters && readPssParameters(*parameters, scheme);
         if (scheme.isSound && (scheme.digest == nullptr || scheme.maskDigest == nullptr)) {
             scheme.kind = Kind::unknown;
         }

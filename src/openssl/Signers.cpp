@@ -1,5 +1,6 @@
 #include "openssl/Signers.h"
 
+#include "framing/Elements.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 
@@ -7,6 +8,7 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <bit>
 
 namespace Norvane::Crypto::openssl {
 
@@ -46,6 +48,25 @@ std::uint64_t powerWork(std::uint64_t bits, std::uint64_t exponent, unsigned int
     return known ? std::max<std::uint64_t>(1, (bits * bits * exponent) >> scale) : unknownWork;
 }
 
+std::uint64_t rsaWork(std::uint64_t bits, std::uint64_t exponent) noexcept {
+    static constexpr std::uint64_t longestExponent = OPENSSL_RSA_MAX_PUBEXP_BITS; // also of short moduli
+    const bool sound = exponent <= longestExponent && bits <= OPENSSL_RSA_MAX_MODULUS_BITS;
+    return sound ? powerWork(bits, exponent) : unknownWork;
+}
+
+/// The bits of the exponent in an RSAPublicKey (RFC 8017, A.1.1); 0 when it is none in DER.
+std::uint64_t exponentBits(framing::Octets publicKey) noexcept {
+    const auto key = framing::firstElement(publicKey);
+    framing::Elements numbers(key ? key->content : framing::Octets());
+    static_cast<void>(numbers.nextUniversal(framing::integer));
+    const auto exponent = numbers.nextUniversal(framing::integer);
+    framing::Octets octets = exponent ? exponent->content : framing::Octets();
+    while (!octets.empty() && octets.front() == 0) {
+        octets = octets.subspan(1);
+    }
+    return octets.empty() ? 0 : 8 * (octets.size() - 1) + static_cast<unsigned int>(std::bit_width(octets.front()));
+}
+
 } // namespace
 
 KeyFamily signatureFamily(const X509_ALGOR* algorithm) noexcept {
@@ -80,17 +101,13 @@ const EVP_MD* usableDigest(int nid) noexcept {
 }
 
 std::uint64_t verificationWork(const EVP_PKEY* key) noexcept {
-    static constexpr std::uint64_t longestRsaExponent = OPENSSL_RSA_MAX_PUBEXP_BITS; // also of short moduli
     const ErrorMark mark;
     const auto bits = static_cast<std::uint64_t>(std::max(EVP_PKEY_get_bits(key), 0));
     switch (EVP_PKEY_get_base_id(key)) {
     case EVP_PKEY_RSA:
     case EVP_PKEY_RSA2:
-    case EVP_PKEY_RSA_PSS: {
-        const std::uint64_t exponent = bitsOf(key, OSSL_PKEY_PARAM_RSA_E);
-        const bool sound = exponent <= longestRsaExponent && bits <= OPENSSL_RSA_MAX_MODULUS_BITS;
-        return sound ? powerWork(bits, exponent) : unknownWork;
-    }
+    case EVP_PKEY_RSA_PSS:
+        return rsaWork(bits, bitsOf(key, OSSL_PKEY_PARAM_RSA_E));
     case EVP_PKEY_DSA:
     case EVP_PKEY_DSA2: {
         const std::uint64_t power = powerWork(bits, bitsOf(key, OSSL_PKEY_PARAM_FFC_Q));
@@ -107,6 +124,21 @@ std::uint64_t verificationWork(const EVP_PKEY* key) noexcept {
     default:
         return unknownWork;
     }
+}
+
+std::uint64_t verificationWork(const X509* certificate) noexcept {
+    const EVP_PKEY* key = X509_get0_pubkey(certificate);
+    if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
+        const unsigned char* octets = nullptr;
+        int length = 0;
+        const X509_PUBKEY* encoded = X509_get_X509_PUBKEY(certificate);
+        if (X509_PUBKEY_get0_param(nullptr, &octets, &length, nullptr, encoded) == 1 && length > 0) {
+            const std::uint64_t exponent = exponentBits({octets, static_cast<std::size_t>(length)});
+            const auto bits = static_cast<std::uint64_t>(std::max(EVP_PKEY_get_bits(key), 0));
+            return exponent == 0 ? verificationWork(key) : rsaWork(bits, exponent);
+        }
+    }
+    return verificationWork(key);
 }
 
 SignedAttribute signedAttribute(const PKCS7_SIGNER_INFO* signer, int nid) noexcept {

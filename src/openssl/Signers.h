@@ -31,6 +31,8 @@ const EVP_MD* usableDigest(int nid) noexcept;
 /// What one verification costs, in squarings of a 1024-bit number; the largest number for an RSA exponent beyond 64
 /// bits, and for a key that does not tell.
 std::uint64_t verificationWork(const EVP_PKEY* key) noexcept;
+/// Likewise for the key of a certificate, which is decoded; sooner for RSA, whose exponent is read where it lies.
+std::uint64_t verificationWork(const X509* certificate) noexcept;
 
 /// An attribute among the signed ones of a signer.
 struct SignedAttribute {

@@ -63,6 +63,57 @@ TEST_F(Encrypter, WritesOfAllSizesMixedKeepTheirOrder) {
     expectOpens(bytesOf(target.content()), {&bob()}, body);
 }
 
+TEST_F(Encrypter, LongPiecesOfLengthsThatFillNoBlock) {
+    for (const auto cipher : {Crypto::AES_256_CBC, Crypto::DES_EDE3_CBC}) {
+        for (const std::size_t piece : {8193U, 16383U, 65535U, 65537U, 100001U, 1048577U}) {
+            const Bytes body = bodyOf(1700003);
+            expectOpens(encryptedByStream({&alice()}, body, cipher, piece), {&alice()}, body);
+        }
+    }
+}
+
+// Memory changes its size after half a mebibyte, and again is full a mebibyte later.
+TEST_F(Encrypter, BodiesAroundWhereMemoryIsAdded) {
+    for (const std::size_t place : {65536U, 524288U, 1572864U}) {
+        for (const std::size_t length : {place - 17, place - 16, place - 1, place, place + 1, place + 16}) {
+            const Bytes body = bodyOf(length);
+            for (const std::size_t piece : {4000U, 9001U, 2000000U}) {
+                expectOpens(encryptedByStream({&alice()}, body, Crypto::AES_128_CBC, piece), {&alice()}, body);
+            }
+        }
+    }
+}
+
+namespace {
+
+/// Notes the lengths of what it gets.
+class LengthsOut : public Norvane::MediaOutImpl {
+public:
+    explicit LengthsOut(std::vector<unsigned int>& lengths) : m_lengths(lengths) {}
+    using MediaOutImpl::write;
+    void write(const unsigned char* /*data*/, unsigned int length) override { m_lengths.push_back(length); }
+
+private:
+    std::vector<unsigned int>& m_lengths;
+};
+
+} // namespace
+
+TEST_F(Encrypter, SendsTheContentInPiecesOf64KilobytesHoweverItCame) {
+    for (const std::size_t piece : {4096U, 16384U, 2000000U}) {
+        std::vector<unsigned int> lengths;
+        Norvane::MediaOut target(Norvane::adoptReference<Norvane::MediaOutImpl>(new LengthsOut(lengths)));
+        CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+        encrypter.attach(target);
+        writeInPieces(encrypter, bodyOf(1700000), piece);
+        encrypter.end();
+        std::vector<unsigned int> expected(25, 65536);
+        expected.push_back(1700000 / 16 * 16 + 16 - 25 * 65536);
+        ASSERT_EQ(lengths.size(), 27U);
+        EXPECT_EQ(std::vector<unsigned int>(lengths.begin() + 1, lengths.end()), expected) << "behind the head";
+    }
+}
+
 TEST_P(EncrypterCipher, IsNamedAndOpens) {
     const auto [cipher, identifier] = GetParam();
     const Bytes body = bodyOf(5001);

@@ -9,26 +9,6 @@ using ::testing::Values;
 
 namespace {
 
-/// The same structure, made with OpenSSL alone in the plainest way: the whole body in its memory sink.
-Bytes signedPlainly(const Identity& identity, const Bytes& body, const EVP_MD* digest,
-                    const std::vector<const Identity*>& chain = {}) {
-    const Pkcs7 structure(PKCS7_new());
-    const auto certificate = identity.certificate.x509();
-    EXPECT_EQ(PKCS7_set_type(structure.get(), NID_pkcs7_signed), 1);
-    EXPECT_NE(PKCS7_add_signature(structure.get(), certificate.get(), identity.key.get(), digest), nullptr);
-    EXPECT_EQ(PKCS7_add_certificate(structure.get(), certificate.get()), 1);
-    for (const Identity* link : chain) {
-        EXPECT_EQ(PKCS7_add_certificate(structure.get(), link->certificate.x509().get()), 1);
-    }
-    EXPECT_EQ(PKCS7_content_new(structure.get(), NID_pkcs7_data), 1);
-    const Bio content(PKCS7_dataInit(structure.get(), nullptr));
-    EXPECT_EQ(BIO_write(content.get(), body.data(), static_cast<int>(body.size())), static_cast<int>(body.size()));
-    EXPECT_EQ(BIO_flush(content.get()), 1);
-    EXPECT_EQ(PKCS7_set_detached(structure.get(), 1), 1);
-    EXPECT_EQ(PKCS7_dataFinal(structure.get(), content.get()), 1);
-    return derOf(structure.get());
-}
-
 Caught constructionFailure(const NVX509::KeyCertificatePair& pair, Hasher::Type type = Hasher::SHA256) {
     const Caught failure = caught([&] { const CMS::SignerMediaOut signer(type, pair); });
     EXPECT_EQ(failure.where, "CMS::SignerMediaOutImpl::SignerMediaOutImpl");

@@ -13,8 +13,8 @@ struct Named {
     const EVP_CIPHER* cipher;
 };
 const std::vector<Named>& ciphers() {
-    static const std::vector<Named> all{{"aes-128-cbc", EVP_aes_128_cbc()},   {"aes-192-cbc", EVP_aes_192_cbc()},
-                                        {"aes-256-cbc", EVP_aes_256_cbc()},   {"des-ede3-cbc", EVP_des_ede3_cbc()},
+    static const std::vector<Named> all{{"AES-128-CBC", EVP_aes_128_cbc()},   {"AES-192-CBC", EVP_aes_192_cbc()},
+                                        {"AES-256-CBC", EVP_aes_256_cbc()},   {"DES-EDE3-CBC", EVP_des_ede3_cbc()},
                                         {"id-aes128-GCM", EVP_aes_128_gcm()}, {"id-aes192-GCM", EVP_aes_192_gcm()},
                                         {"id-aes256-GCM", EVP_aes_256_gcm()}};
     return all;

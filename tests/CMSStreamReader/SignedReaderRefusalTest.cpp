@@ -168,6 +168,8 @@ TEST(SignedReaderRefusal, ParametersOfRsassaPss) {
                   with({pss, der::sequence({sha256, mask, salt("20"),
                                             der::element(der::contextConstructed(3), der::integer("2"))})}));
     expectRefused(SignatureReason::parametersWrong, with({pss, der::sequence({salt("20"), sha256})}));
+    const Bytes two = der::element(der::contextConstructed(0), der::concat({algorithm("SHA256"), algorithm("SHA1")}));
+    expectRefused(SignatureReason::parametersWrong, with({pss, der::sequence({two, mask, salt("20")})}));
     expectRefused(SignatureReason::digestDiffers, with({pss, der::sequence({})})); // SHA-1
     expectUnsupported(SignatureReason::signatureAlgorithm, "RSASSA-PSS",
                       with({pss, der::sequence({der::element(der::contextConstructed(0), algorithm("1.2.3"))})}));
@@ -202,6 +204,12 @@ TEST(SignedReaderRefusal, WhatIsNotSupportedIsNamed) {
     Norvane::MediaOut digest = reader.digest();
     digest.write(bufferOf(body()));
     EXPECT_EQ(reader.report().signers.front().verdict, SignatureVerdict::good) << "its signers were known before";
+    message.digestAlgorithms = {};
+    StrictIn bare(message.made());
+    const SignedReader other(bare);
+    digest = other.digest();
+    digest.write(bufferOf(body()));
+    EXPECT_EQ(other.report().signers.front().verdict, SignatureVerdict::good) << "likewise";
 }
 
 TEST(SignedReaderRefusal, CertificatesThatCannotBeUsed) {
@@ -332,6 +340,17 @@ TEST(SignedReaderRefusal, WhatIsNoMessageIsSaidToBeNone) {
     message.content = der::octetString(body());
     message.signers = {der::sequence({der::integer("1")})};
     EXPECT_EQ(faultOf(message.made()), "no BER or DER encoding");
+    for (const Bytes& parameters :
+         {Bytes{0x05, 0x01, 0x00}, Bytes{0x25, 0x00}, Bytes{0x05}, der::concat({der::null(), der::null()})}) {
+        HandMadeSigner signer;
+        message.signers = {};
+        message.digestAlgorithms = {der::sequence({der::oid("SHA256"), parameters})};
+        EXPECT_EQ(faultOf(message.made()), "no BER or DER encoding");
+        signer.signatureAlgorithm = der::sequence({der::oid("rsaEncryption"), parameters});
+        message.digestAlgorithms = {};
+        message.signers = {signer.made(body())};
+        EXPECT_EQ(faultOf(message.made()), "no BER or DER encoding");
+    }
     message.signers = {der::integer("1")};
     EXPECT_EQ(faultOf(message.made()), "no BER or DER encoding");
 }

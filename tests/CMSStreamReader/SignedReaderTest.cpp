@@ -296,7 +296,7 @@ TEST(SignedReader, MessagesOfTheOpensslProgram) {
             if (shape == " -nodetach -stream" && options.find("pss") != std::string::npos) {
                 continue; // which that program cannot make
             }
-            const auto made = norvtest::run(start + options + shape);
+            const auto made = norvtest::run(std::string(start).append(options).append(shape));
             ASSERT_EQ(made.code, 0) << made.output;
             const std::string sig = folder.read("sig");
             const bool ec = options.find("ec.pem") != std::string::npos;

@@ -82,7 +82,7 @@ std::optional<Bytes> decrypted(const EVP_CIPHER* cipher, const Bytes& key, const
     if (EVP_DecryptFinal_ex(context.get(), clear.data() + first, &last) != 1) {
         return std::nullopt;
     }
-    clear.resize(static_cast<std::size_t>(first + last));
+    clear.resize(static_cast<std::size_t>(first) + static_cast<std::size_t>(last));
     return clear;
 }
 

@@ -27,14 +27,6 @@ const std::vector<Manner>& manners() {
     return all;
 }
 
-std::vector<EnvelopeRecipient> recipientsOf(const std::vector<Addressee>& people) {
-    std::vector<EnvelopeRecipient> recipients;
-    for (const Addressee& person : people) {
-        recipients.push_back(person.recipient);
-    }
-    return recipients;
-}
-
 void expectOpens(const Bytes& message, const Addressee& by, const Bytes& body) {
     const auto clear = opened(message, by);
     ASSERT_TRUE(clear) << by.name;

@@ -116,6 +116,15 @@ inline std::vector<Addressee> addressees() {
     return all;
 }
 
+inline std::vector<CMS::EnvelopeRecipient> recipientsOf(const std::vector<Addressee>& people) {
+    std::vector<CMS::EnvelopeRecipient> recipients;
+    recipients.reserve(people.size());
+    for (const Addressee& person : people) {
+        recipients.push_back(person.recipient);
+    }
+    return recipients;
+}
+
 /// How a message is written: encoding, announced length, size of the pieces (0: at once).
 struct Manner {
     CMS::EnvelopeEncoding encoding = CMS::EnvelopeEncoding::ber;

@@ -9,9 +9,10 @@ using namespace norvtest;
 namespace {
 
 BIO* s_chain = nullptr;
-/// How many blocks of the size in which encrypted content collects are given out before there is no more memory, or for
-/// one of them.
+/// How many blocks of a size in which encrypted content collects are given out before there is no more memory, or for one
+/// of them.
 int s_blocks = -1;
+std::size_t s_blockSize = 65536;
 bool s_once = false;
 /// How many BIOs of the library's are made before one is not.
 int s_passing = 0;
@@ -39,6 +40,10 @@ REPLACEMENT int BIO_write(BIO* out, const void* data, int length) {
     note("BIO_write " + std::to_string(length));
     return fails("BIO_write") ? length - 1 : FORWARD(BIO_write, out, data, length);
 }
+REPLACEMENT int EVP_CipherUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength, const unsigned char* in,
+                                 int length) {
+    return fails("EVP_CipherUpdate") ? 0 : FORWARD(EVP_CipherUpdate, context, out, outLength, in, length);
+}
 REPLACEMENT long BIO_ctrl(BIO* bio, int command, long number, void* argument) {
     if (bio != s_chain || command != BIO_CTRL_FLUSH) {
         return FORWARD(BIO_ctrl, bio, command, number, argument);
@@ -61,7 +66,7 @@ REPLACEMENT BIO* BIO_new(const BIO_METHOD* method) {
     return counts && s_passing-- == 0 && fails("BIO_new") ? nullptr : FORWARD(BIO_new, method);
 }
 REPLACEMENT void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
-    if (length == 65536 && s_blocks >= 0 && s_blocks-- == 0) {
+    if (length == s_blockSize && s_blocks >= 0 && s_blocks-- == 0) {
         s_blocks = s_once ? -1 : 0;
         return nullptr;
     }
@@ -77,6 +82,7 @@ protected:
         EXPECT_STREQ(s_failing, "") << "the fault was not reached";
         s_failing = "";
         s_blocks = -1;
+        s_blockSize = 65536;
         ERR_clear_error();
     }
     /// The constructor's failure when a function fails.
@@ -98,12 +104,12 @@ protected:
         EXPECT_NE(failure.details.front().find("0x4000002a"), std::string::npos) << failure.details.front();
     }
     /// Nothing is sent when a function fails while a stream of that body is ended.
-    static void expectEndFails(const char* function, const Bytes& body, unsigned int line) {
+    static void expectEndFails(const char* function, const Bytes& body, unsigned int line, std::size_t piece = 4000) {
         Norvane::MemoryMediaOut target;
         CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
         encrypter.attach(target);
         s_failing = function;
-        writeInPieces(encrypter, body, 4000);
+        writeInPieces(encrypter, body, piece);
         expectEnd(caught([&] { encrypter.end(); }), line);
         EXPECT_EQ(target.content().length(), 0U);
         EXPECT_FALSE(target.ended());
@@ -162,6 +168,22 @@ TEST_F(Fault, ABodyOf4096BytesIsBufferedUntilTheEnd) {
     EXPECT_EQ(openedByOpenssl(bytesOf(target.content()), alice()), body);
 }
 
+// Neither the buffer nor the cipher BIO copies it.
+TEST_F(Fault, ALongPieceIsEncryptedWhereItCollects) {
+    const Bytes body = bodyOf(300000);
+    Norvane::MemoryMediaOut target;
+    CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+    encrypter.attach(target);
+    s_calls.clear();
+    encrypter.write(body.data(), 100);
+    encrypter.write(body.data() + 100, 199900);
+    encrypter.write(body.data() + 200000, 10000);
+    encrypter.write(body.data() + 210000, 90000);
+    EXPECT_EQ(s_calls, std::vector<std::string>{"BIO_write 100"}) << "in order";
+    encrypter.end();
+    EXPECT_EQ(openedByOpenssl(bytesOf(target.content()), alice()), body);
+}
+
 TEST_F(Fault, TheStructureCannotBeTyped) {
     expectConstructor("PKCS7_set_type", 47);
 }
@@ -175,7 +197,7 @@ TEST_F(Fault, TheChainIsNotMade) {
 }
 
 TEST_F(Fault, TheSinkIsNotMade) {
-    s_passing = 2; // the adapters of the structure and of the target come first
+    s_passing = 1; // the adapter of the target comes first
     expectConstructor("BIO_new", 74);
 }
 
@@ -241,6 +263,28 @@ TEST_F(Fault, NoMemoryForTheContentFailsTheEndWhereverItRunsOut) {
             EXPECT_EQ(target.content().length(), 0U) << "there is a gap in it for ever";
         }
     }
+}
+
+TEST_F(Fault, NoMemoryForALongPieceFailsTheEndWhereverItRunsOut) {
+    for (const auto& [blockSize, blocks] : {std::pair<std::size_t, int>{65536, 8}, {1 << 20U, 2}}) {
+        s_blockSize = blockSize;
+        for (int turn = 0; turn != 2 * blocks; ++turn) {
+            Norvane::MemoryMediaOut target;
+            CMS::EncrypterMediaOut encrypter(Crypto::AES_128_CBC, certificatesOf({&alice()}));
+            encrypter.attach(target);
+            s_blocks = turn / 2;
+            s_once = turn % 2 == 1;
+            writeInPieces(encrypter, bodyOf(2000000), 90000);
+            expectEnd(caught([&] { encrypter.end(); }), 136);
+            s_blocks = -1;
+            EXPECT_EQ(target.content().length(), 0U);
+        }
+    }
+}
+
+TEST_F(Fault, ALongPieceThatTheCipherDidNotTakeFailsTheEnd) {
+    expectEndFails("EVP_CipherUpdate", bodyOf(20000), 136, 10000);
+    expectEndFails("EVP_CipherUpdate", bodyOf(20000), 136, 20000);
 }
 
 // The encrypted body is in blocks beside the chain: OpenSSL's memory sink would move it each time it grows, and the

@@ -10,6 +10,9 @@ using namespace norvtest;
 namespace {
 
 BIO* s_chain = nullptr;
+/// Where bytes lie that are to be digested there; how many were.
+const Bytes* s_watched = nullptr;
+std::size_t s_digestedThere = 0;
 
 } // namespace
 
@@ -41,6 +44,10 @@ REPLACEMENT BIO* PKCS7_dataInit(PKCS7* structure, BIO* sink) {
 REPLACEMENT int BIO_write(BIO* out, const void* data, int length) {
     if (out == s_chain) {
         note("BIO_write " + std::to_string(length));
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        if (s_watched != nullptr && bytes >= s_watched->data() && bytes < s_watched->data() + s_watched->size()) {
+            s_digestedThere += static_cast<std::size_t>(length);
+        }
     }
     return FORWARD(BIO_write, out, data, length);
 }
@@ -112,6 +119,20 @@ TEST_F(Fault, TheCallsComeInTheirOrder) {
     signer.end();
     EXPECT_EQ(s_calls, (std::vector<std::string>{"BIO_write 1000", "BIO_ctrl 11", "PKCS7_ctrl 1 1", "PKCS7_dataFinal",
                                                  "i2d_PKCS7_bio"}));
+}
+
+// Copied first and digested from the copy, it would be waited for in both steps.
+TEST_F(Fault, ALongPieceIsDigestedWhereItLies) {
+    const Bytes body = bodyOf(100000);
+    const During<const Bytes*> watching(s_watched, &body);
+    Norvane::MemoryMediaOut target;
+    CMS::SignerMediaOut signer(Hasher::SHA256, pairOf(identities().rsa));
+    signer.attach(target);
+    signer.write(body.data(), 60000);
+    signer.write(body.data() + 60000, 40000);
+    EXPECT_EQ(s_digestedThere, body.size());
+    signer.end();
+    EXPECT_EQ(s_digestedThere, body.size()) << "once";
 }
 
 TEST_F(Fault, TheSignerIsNotAdded) {

@@ -9,20 +9,24 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstring>
+#include <string>
 
 using namespace Norvane::Crypto::openssl;
 
 namespace {
 
-unsigned char s_block[ContentSink::blockSize];
+unsigned char s_block[ContentSink::largeBlockSize];
 bool s_sharing = false;
 
 } // namespace
 
 extern "C" void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
-    return s_sharing && length == sizeof s_block ? s_block
-                                                 : norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
+    return s_sharing && (length == sizeof s_block || length == ContentSink::blockSize)
+               ? s_block
+               : norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
 }
 extern "C" void CRYPTO_free(void* memory, const char* file, int line) {
     if (memory != s_block) {
@@ -93,6 +97,47 @@ TEST(ContentSink, RefusesMoreThanAStructureHolds) {
     EXPECT_EQ(BIO_write(bio.get(), zeroes.data(), 1), -1) << "there would be a gap";
     EXPECT_EQ(sink.length(), std::size_t{gibibyte});
     ERR_clear_error();
+}
+
+TEST(ContentSink, RoomIsCountedAsWritingIs) {
+    const norvtest::During<bool> sharing(s_sharing, true);
+    ContentSink sink;
+    for (std::size_t room = 0; sink.length() + room <= INT_MAX;) {
+        EXPECT_TRUE(sink.filled(room));
+        room = sink.room().size();
+        ASSERT_NE(room, 0U);
+    }
+    const std::size_t left = INT_MAX - sink.length();
+    EXPECT_FALSE(sink.filled(left + 1));
+    EXPECT_TRUE(sink.failed());
+    EXPECT_TRUE(sink.room().empty()) << "there would be a gap";
+    EXPECT_NE(ERR_get_error(), 0UL);
+    ERR_clear_error();
+}
+
+TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
+    ContentSink sink;
+    const BioPtr bio = sink.bio();
+    std::string expected;
+    for (int turn = 0; turn != 300; ++turn) {
+        const auto room = sink.room();
+        const std::size_t count = std::min<std::size_t>(room.size(), std::size_t{3000} * (turn % 7));
+        std::memset(room.data(), turn, count);
+        ASSERT_TRUE(sink.filled(count));
+        expected.append(count, static_cast<char>(turn));
+        const std::string written(turn % 5 * 2000 + 1, static_cast<char>(turn + 100));
+        ASSERT_EQ(BIO_write(bio.get(), written.data(), static_cast<int>(written.size())),
+                  static_cast<int>(written.size()));
+        expected += written;
+    }
+    static_cast<void>(sink.room()); // asked for, and not filled
+    std::string content;
+    sink.forEach([&](const unsigned char* bytes, unsigned int length) {
+        EXPECT_NE(length, 0U);
+        content.append(reinterpret_cast<const char*>(bytes), length);
+    });
+    EXPECT_TRUE(content == expected);
+    EXPECT_EQ(sink.length(), expected.size());
 }
 
 } // namespace

@@ -22,9 +22,9 @@ enum class TooLong : std::uint8_t { head, tail };
 
 /// One structure, read in order: `readHead`, all pieces, `readTail`. Each throws `framing::Broken` and what the source
 /// throws. The octets that are lent stay as long as the frame and the source.
-class EnvelopeFrame {
+class EnvelopeFraming {
 public:
-    explicit EnvelopeFrame(const MediaIn& in) : m_reader(in) {}
+    explicit EnvelopeFraming(const MediaIn& in) : m_reader(in) {}
 
     /// Reads up to the content. \throws OtherContentType, TooLong
     void readHead(std::size_t limit);

@@ -1,4 +1,4 @@
-#include "CMSStreamReader/EnvelopeFrame.h"
+#include "CMSStreamReader/EnvelopeFraming.h"
 
 #include "framing/LentMediaIn.h"
 
@@ -36,7 +36,7 @@ bool isContext(const framing::Header* header, std::uint32_t tag) noexcept {
 } // namespace
 
 /// The next element, which may end so many octets behind `from`.
-Octets EnvelopeFrame::take(std::size_t limit, std::uint64_t from, TooLong what) {
+Octets EnvelopeFraming::take(std::size_t limit, std::uint64_t from, TooLong what) {
     const std::uint64_t used = m_reader.position() - from;
     try {
         return m_reader.take(used > limit ? 0 : static_cast<std::size_t>(limit - used));
@@ -48,7 +48,7 @@ Octets EnvelopeFrame::take(std::size_t limit, std::uint64_t from, TooLong what) 
     }
 }
 
-void EnvelopeFrame::readType() {
+void EnvelopeFraming::readType() {
     const Octets identifier = m_reader.take(s_longestIdentifier);
     const Octets type = elementOf(identifier).content;
     m_authenticated = std::ranges::equal(type, s_authEnvelopedData);
@@ -57,7 +57,7 @@ void EnvelopeFrame::readType() {
     }
 }
 
-void EnvelopeFrame::readHead(std::size_t limit) {
+void EnvelopeFraming::readHead(std::size_t limit) {
     m_reader.expect(framing::sequence);
     m_reader.enter();
     m_reader.expect(framing::objectIdentifier);
@@ -87,7 +87,7 @@ void EnvelopeFrame::readHead(std::size_t limit) {
     }
 }
 
-void EnvelopeFrame::readTail(std::size_t limit) {
+void EnvelopeFraming::readTail(std::size_t limit) {
     const std::uint64_t from = m_reader.position();
     m_reader.leave(); // EncryptedContentInfo
     if (isContext(m_reader.next(), 1)) {

@@ -1,0 +1,72 @@
+// The whole library beside the bare primitives and other libraries and programs: see Contest.h, and scripts/bench.
+#include "Contestants.h"
+
+#include <norvcrypto/Crypto.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string_view>
+
+namespace {
+
+constexpr std::size_t kilobyte = 1U << 10U;
+constexpr std::size_t megabyte = 1U << 20U;
+
+} // namespace
+
+int main(int argc, char** argv) try {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts] [FILTER]\n", argv[0]);
+        return 2;
+    }
+    bool quick = false;
+    bool counts = false;
+    const char* filter = "";
+    for (int i = 2; i != argc; ++i) {
+        const std::string_view word = argv[i];
+        quick = quick || word == "--quick";
+        counts = counts || word == "--counts";
+        filter = word.substr(0, 2) == "--" ? filter : argv[i];
+    }
+    Norvane::Crypto::initialize();
+    bench::Contest contest;
+    const bench::Material material(argv[1]);
+    if (counts) {
+        const std::vector<std::size_t> points =
+            quick ? std::vector<std::size_t>{1, 10} : std::vector<std::size_t>{1, 3, 10, 30, 100, 300};
+        for (const char* task : {"envelope for recipients", "open as last of recipients", "sign with certificates",
+                                 "sign by signers", "verify among certificates", "verify signers"}) {
+            contest.over(task, points);
+        }
+        contest.over("read list of entries", quick ? std::vector<std::size_t>{10, 1000}
+                                                   : std::vector<std::size_t>{10, 100, 1000, 10000, 100000});
+    } else {
+        const std::vector<std::size_t> sizes =
+            quick ? std::vector<std::size_t>{kilobyte, megabyte}
+                  : std::vector<std::size_t>{kilobyte, 64 * kilobyte, megabyte, 64 * megabyte};
+        for (const char* task : {"digest", "encrypt", "decrypt", "sign", "verify", "envelope", "envelope authenticated",
+                                 "open", "open BER", "open authenticated", "sign attached", "verify attached"}) {
+            contest.over(task, sizes);
+        }
+    }
+    bench::addPrimitives(contest, material);
+    bench::addOurs(contest, material);
+    bench::addStreams(contest, material);
+    bench::addOpensslStructures(contest, material);
+#ifdef NORV_BENCH_BOTAN
+    bench::addBotan(contest, material);
+#endif
+#ifdef NORV_BENCH_NSS
+    bench::addNss(contest, material);
+#endif
+#ifdef NORV_BENCH_QCA
+    bench::addQca(contest, material);
+#endif
+    bench::addGpgsm(contest, material);
+    contest.run(filter, quick ? 3 : 11, quick ? 2.0 : 12.0);
+    return 0;
+} catch (const std::exception& failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+    return 1;
+}

@@ -1,0 +1,381 @@
+// Structures are decoded in parts, as they are asked for. What callers see must be what OpenSSL's own decoder gives, which
+// decodes all at once: for sound structures, for each of them cut and changed at every octet, and for thousands of others.
+#include "support/Decrypting.h"
+
+#include <norvcrypto/CMSVerification.h>
+
+#include <map>
+#include <random>
+#include <sstream>
+
+using namespace cmstest;
+
+namespace {
+
+/// What a caller sees of a structure, all of it.
+class Seen {
+public:
+    void put(const std::string& what, const std::string& value) { m_text << what << '=' << value << '\n'; }
+    template <class Get> void number(const std::string& what, Get get) {
+        try {
+            put(what, get().object() == nullptr ? "none" : get().hex());
+        } catch (const Norvane::Exception& failure) {
+            put(what, failure.asString());
+        }
+    }
+    void name(const CMS::IssuerAndSerialNumber& value) {
+        put("issuer", value.issuer().asString());
+        number(
+            "serial", [&]() -> const auto& { return value.serialNumber(); });
+    }
+    template <class Octets> void octets(const std::string& what, const Octets& value) {
+        put(what, norvauthority::toHex(value.data() == nullptr ? Bytes()
+                                                               : Bytes(value.data(), value.data() + value.length())));
+    }
+    void data(const CMS::SignedData& data) {
+        number(
+            "version", [&]() -> const auto& { return data.version(); });
+        put("content", data.contentInfo().isNull() ? "none" : data.contentInfo()->type().asString());
+        for (const auto& signer : data.signerInfo()) {
+            name(signer.issuerAndSerialNumber());
+            put("digest", signer.digestAlgorithm().asString());
+            put("algorithm", signer.signatureAlgorithm().asString());
+            octets("signature", signer.signature());
+        }
+        for (const auto& certificate : data.certificates()) {
+            put("certificate", certificate->subject().asString() + (certificate->key().isNull() ? "" : " key"));
+        }
+        for (const auto& list : data.certificateRevocationLists()) {
+            put("list", list->crlInfo().issuer().asString());
+        }
+    }
+    void data(const CMS::EnvelopedData& data) {
+        number(
+            "version", [&]() -> const auto& { return data.version(); });
+        for (const auto& recipient : data.recipientInfo()) {
+            name(recipient.issuerAndSerialNumber());
+        }
+        put("content", data.contentInfo().contentType().asString());
+        put("cipher", data.contentInfo().algorithm().asString());
+        octets("encrypted", data.contentInfo().data());
+    }
+    void signatures(const CMS::RefContentInfo& structure, const Bytes& body) {
+        try {
+            PiecewiseIn in(body);
+            for (const auto& signer : CMS::verifySignatures(structure, in).signers) {
+                put("verdict", CMS::textOf(signer.reason) + (" " + signer.algorithm));
+                put("by", signer.certificate.isNull() ? "" : signer.certificate->subject().asString());
+            }
+        } catch (const Norvane::Exception& failure) {
+            put("unjudged", failure.asString());
+        }
+    }
+    [[nodiscard]] std::string text() const { return m_text.str(); }
+
+private:
+    std::ostringstream m_text;
+};
+
+const Bytes& body() {
+    static const Bytes content = bodyOf(200);
+    return content;
+}
+
+std::string seenOf(const CMS::RefContentInfo& message, const CMS::SignedData& signedData,
+                   const CMS::EnvelopedData& envelopedData) {
+    Seen seen;
+    seen.put("type", std::to_string(static_cast<int>(message->typeAsEnum())) + message->type().asString());
+    seen.signatures(message, body());
+    seen.data(signedData);
+    seen.data(envelopedData);
+    if (Norvane::MediaIn content = CMS::embeddedContent(message); !content.isNull()) {
+        std::string text;
+        content.read(text);
+        seen.put("embedded", norvauthority::toHex(bytesOf(text)));
+    }
+    return seen.text();
+}
+
+/// OpenSSL's decoder from a source, its errors, and how much it read.
+struct Reference {
+    explicit Reference(const Bytes& input) {
+        const Bio source(BIO_new_mem_buf(input.empty() ? "" : static_cast<const void*>(input.data()),
+                                         static_cast<int>(input.size())));
+        BIO_set_mem_eof_return(source.get(), 0);
+        structure.reset(d2i_PKCS7_bio(source.get(), nullptr));
+        read = input.size() - BIO_pending(source.get());
+        if (structure == nullptr) {
+            errors = Crypto::getErrString();
+        }
+        ERR_clear_error();
+    }
+    Pkcs7 structure;
+    std::size_t read = 0;
+    std::string errors;
+};
+
+struct Tally {
+    std::size_t accepted = 0;
+    std::size_t refused = 0;
+    std::size_t ours = 0; ///< refused by the library alone, for what they cost
+    std::size_t opened = 0;
+};
+
+void expectRefused(const Norvane::Exception& failure, const RecordedLog& log, const Reference& reference,
+                   Tally& tally) {
+    EXPECT_EQ(failure.where(), "CMS::_ContentInfo::_ContentInfo");
+    EXPECT_EQ(failure.lineNumber(), 389U);
+    ASSERT_EQ(log.events(), std::vector<unsigned int>{0x300005E});
+    const std::string reasons = log.records().front().fields.at(1);
+    if (reasons.find("refused: ") != std::string::npos) {
+        ++tally.ours;
+        return;
+    }
+    EXPECT_EQ(reference.structure, nullptr);
+    if (!reference.errors.empty()) {
+        EXPECT_EQ(reasons, reference.errors);
+    }
+    ++tally.refused;
+}
+
+/// The private key of that recipient opens it: otherwise the content key is a random one, and so is what comes out.
+bool opens(const PKCS7* structure, const Identity& person) {
+    const auto* recipients = structure->d.enveloped->recipientinfo;
+    for (int at = 0; at < sk_PKCS7_RECIP_INFO_num(recipients); ++at) {
+        const ASN1_OCTET_STRING* wrapped = sk_PKCS7_RECIP_INFO_value(recipients, at)->enc_key;
+        const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
+            EVP_PKEY_CTX_new(person.key.get(), nullptr), EVP_PKEY_CTX_free);
+        Bytes key(1024);
+        std::size_t length = key.size();
+        EVP_PKEY_decrypt_init(context.get());
+        EVP_PKEY_CTX_ctrl_str(context.get(), "rsa_pkcs1_implicit_rejection", "0");
+        if (EVP_PKEY_decrypt(context.get(), key.data(), &length, wrapped->data,
+                             static_cast<std::size_t>(wrapped->length)) == 1 &&
+            length == contentKey().size()) {
+            return true;
+        }
+    }
+    ERR_clear_error();
+    return false;
+}
+
+void expectSameBody(Norvane::MediaIn& in, const Bytes& input, PKCS7* reference, Tally& tally) {
+    const RecordedLog log;
+    static const NVX509::RefKeyStore keys = storeOfKeys({&alice()});
+    CMS::DecrypterMediaIn decrypter(in, keys);
+    Norvane::MemoryMediaOut out;
+    decrypter.write(out);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+    if (OBJ_obj2nid(reference->type) != NID_pkcs7_enveloped || reference->d.enveloped == nullptr ||
+        reference->d.enveloped->enc_data->enc_data == nullptr) {
+        EXPECT_TRUE(decrypter.attempts().empty());
+        return;
+    }
+    // One attempt for each recipient, in their order, up to the one that opens.
+    const CMS::EnvelopedData all(reference->d.enveloped);
+    auto recipient = all.recipientInfo().begin();
+    for (const auto& attempt : decrypter.attempts()) {
+        ASSERT_NE(recipient, all.recipientInfo().end());
+        if (!attempt.recipient().serialNumber().isNull()) {
+            EXPECT_EQ(*attempt.recipient().serialNumber(), recipient->issuerAndSerialNumber().serialNumber());
+        }
+        ++recipient;
+    }
+    EXPECT_TRUE(decrypter.decryptionSucceeded() || recipient == all.recipientInfo().end());
+    if (!decrypter.decryptionSucceeded() || !opens(reference, alice())) {
+        return;
+    }
+    const auto expected = openedByOpenssl(Bytes(input.begin(), input.begin() + i2d_PKCS7(reference, nullptr)), alice());
+    if (expected) {
+        EXPECT_EQ(bytesOf(out.content()), *expected);
+        ++tally.opened;
+    }
+}
+
+/// One input against OpenSSL, from both kinds of sources or from memory alone.
+void compare(const Bytes& input, Tally& tally, bool alsoInPieces = true) {
+    const Reference reference(input);
+    std::string expected;
+    if (reference.structure != nullptr) {
+        const RecordedLog log;
+        const CMS::RefContentInfo whole(reference.structure.get());
+        expected = seenOf(whole, CMS::signedData(whole), CMS::envelopedData(whole));
+    }
+    for (const bool inMemory : {true, false}) {
+        if (!inMemory && !alsoInPieces) {
+            return;
+        }
+        SCOPED_TRACE(inMemory ? "in memory" : "in pieces");
+        const RecordedLog log;
+        Norvane::MediaIn in = inMemory ? Norvane::MediaIn(Norvane::MemoryMediaIn(bufferOf(input)))
+                                       : Norvane::MediaIn(PiecewiseIn(input, 100));
+        const auto position = [&] {
+            return inMemory ? in.tell() : dynamic_cast<const PiecewiseInImpl&>(*in).position();
+        };
+        if (reference.structure != nullptr) {
+            ERR_raise(ERR_LIB_USER, 77);
+        }
+        try {
+            const CMS::RefContentInfo message(in);
+            EXPECT_LE(position(), reference.read) << "some versions of OpenSSL read on where lengths are indefinite";
+            EXPECT_GE(position() + 6, reference.read);
+            ASSERT_NE(reference.structure, nullptr);
+            EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 77) << "the queue is left as it was";
+            EXPECT_EQ(ERR_peek_error(), 0UL);
+            EXPECT_EQ(seenOf(message, CMS::signedData(message), CMS::envelopedData(message)), expected);
+            EXPECT_TRUE(derOf(message) == derOf(reference.structure.get()));
+            if (inMemory) {
+                in.setpos(0);
+                expectSameBody(in, input, reference.structure.get(), tally);
+                ++tally.accepted;
+            }
+        } catch (const Norvane::Exception& failure) {
+            EXPECT_EQ(position(), reference.read) << norvauthority::toHex(input);
+            expectRefused(failure, log, reference, tally);
+        }
+        ERR_clear_error();
+    }
+}
+
+Bytes list() {
+    return norvauthority::issueList(
+               {.issuer = &identities().authority, .revoked = {{.serial = "1f"}, {.serial = "2a"}}, .crlNumber = "05"})
+        .der;
+}
+
+/// A structure with certificates and lists beside its own.
+Bytes with(const Bytes& structure, const std::vector<Bytes>& certificates, const std::vector<Bytes>& lists) {
+    const auto made = norvauthority::pkcs7(structure);
+    for (const Bytes& one : certificates) {
+        const unsigned char* at = one.data();
+        X509* certificate = d2i_X509(nullptr, &at, static_cast<long>(one.size()));
+        PKCS7_add_certificate(made.get(), certificate);
+        X509_free(certificate);
+    }
+    for (const Bytes& one : lists) {
+        const unsigned char* at = one.data();
+        X509_CRL* revoked = d2i_X509_CRL(nullptr, &at, static_cast<long>(one.size()));
+        PKCS7_add_crl(made.get(), revoked);
+        X509_CRL_free(revoked);
+    }
+    return derOf(made.get());
+}
+
+/// Names of the kinds of strings that there are.
+Bytes oddlyNamed() {
+    const norvauthority::Name name{{"CN", std::string("\0B\0m\0p", 6), 30},
+                                   {"O", "T\xE9l\xE9", 20},
+                                   {"OU", "M\xC3\xBCller", 12},
+                                   {"L", "IA5", 22}};
+    return norvauthority::issue({.subject = name, .key = identities().ec.key, .issuer = &identities().authority})
+        .certificate.der;
+}
+
+const std::map<std::string, Bytes>& seeds() {
+    static const std::map<std::string, Bytes> all = [] {
+        const auto& ids = identities();
+        std::map<std::string, Bytes> made;
+        made["detached"] = signedByOpenssl(ids.ec, body(), "SHA256", CMS_DETACHED);
+        made["attached"] = signedByOpenssl(ids.ec, body(), "SHA256", CMS_NOATTR);
+        made["stream"] = signedByOpenssl(ids.ec, body(), "SHA256", CMS_STREAM);
+        made["many"] = with(made["detached"], {oddlyNamed(), ids.ec.certificate.der}, {list()});
+        made["lists"] = with(signedByOpenssl(ids.ec, body(), "SHA256", CMS_NOCERTS), {}, {list(), list()});
+        made["envelope"] = handMade(body(), {recipient(bob()), recipient(alice())});
+        made["envelopeStream"] = encryptedByOpenssl({&alice()}, body(), EVP_aes_128_cbc(), CMS_STREAM);
+        Bytes pieces{0xA0, 0x80};
+        const Bytes encrypted = encryptedContent(body());
+        for (std::size_t at = 0; at < encrypted.size(); at += 16) {
+            const auto from = encrypted.begin() + static_cast<std::ptrdiff_t>(at);
+            der::append(pieces, der::octetString(Bytes(from, from + 16)));
+        }
+        der::append(pieces, {0, 0});
+        made["envelopePieces"] = envelope({.recipients = {recipient(alice())}, .content = pieces});
+        made["envelopeEmpty"] = envelope({.recipients = {recipient(alice())}});
+        made["data"] = norvauthority::contentInfo(norvauthority::fromHex("2a864886f70d010701"), der::octetString({65}));
+        return made;
+    }();
+    return all;
+}
+
+class Lazy : public ::testing::TestWithParam<std::string> {
+protected:
+    static const Bytes& seed() { return seeds().at(GetParam()); }
+};
+
+/// A change of the kind that gets far: of headers, of lengths, of single octets.
+void mutate(Bytes& input, std::mt19937& random) {
+    static constexpr unsigned char headers[]{0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x0C, 0x1E, 0x17,
+                                             0x24, 0x30, 0x31, 0x80, 0x81, 0xA0, 0xA1, 0xA3, 0x7F, 0xFF};
+    const std::size_t at = random() % input.size();
+    switch (random() % 5) {
+    case 0:
+        input[at] = static_cast<unsigned char>(random());
+        break;
+    case 1:
+        input[at] = static_cast<unsigned char>(input[at] + (random() % 2 == 0 ? 1 : -1));
+        break;
+    case 2:
+        input[at] = headers[random() % std::size(headers)];
+        break;
+    case 3:
+        input.erase(input.begin() + static_cast<std::ptrdiff_t>(at));
+        break;
+    default:
+        input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), headers[random() % std::size(headers)]);
+    }
+}
+
+} // namespace
+
+TEST_P(Lazy, IsWhatOpensslDecodes) {
+    Tally tally;
+    compare(seed(), tally);
+    EXPECT_EQ(tally.accepted, 1U);
+    Bytes more = seed();
+    more.insert(more.end(), 20, 0x30);
+    compare(more, tally);
+    EXPECT_EQ(tally.accepted, 2U);
+}
+
+TEST_P(Lazy, CutAnywhereIsRefusedAsOpensslRefusesIt) {
+    Tally tally;
+    for (std::size_t length = 0; length < seed().size() && !HasFailure(); ++length) {
+        SCOPED_TRACE(length);
+        compare(Bytes(seed().begin(), seed().begin() + static_cast<std::ptrdiff_t>(length)), tally);
+    }
+    EXPECT_EQ(tally.accepted, 0U);
+    EXPECT_EQ(tally.refused, 2 * seed().size());
+}
+
+TEST_P(Lazy, ChangedAnywhereIsWhatOpensslMakesOfIt) {
+    Tally tally;
+    std::mt19937 random(1); // the same in every run
+    const std::size_t step = 1 + seed().size() / 1500; // of dozens of alike certificates, not every octet
+    for (std::size_t at = 0; at < seed().size() && !HasFailure(); at += step) {
+        SCOPED_TRACE(at);
+        Bytes changed = seed();
+        changed[at] = static_cast<unsigned char>(changed[at] ^ (1U << random() % 8));
+        compare(changed, tally, at % 4 == 0);
+    }
+    EXPECT_GT(tally.refused, 0U);
+    EXPECT_GT(tally.accepted + (GetParam() == "data" ? 1 : 0), 0U);
+}
+
+TEST_P(Lazy, ChangedAtRandomIsWhatOpensslMakesOfIt) {
+    Tally tally;
+    std::mt19937 random(2); // the same in every run
+    for (int turn = 0; turn != 300 && !HasFailure(); ++turn) {
+        SCOPED_TRACE(turn);
+        Bytes changed = seed();
+        for (std::size_t count = 1 + random() % 2; count != 0; --count) {
+            mutate(changed, random);
+        }
+        compare(changed, tally, turn % 4 == 0);
+    }
+    EXPECT_GT(tally.refused, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Structures, Lazy,
+                         ::testing::Values("detached", "attached", "stream", "many", "lists", "envelope",
+                                           "envelopeStream", "envelopePieces", "envelopeEmpty", "data"),
+                         [](const auto& tested) { return tested.param; });

@@ -1,0 +1,137 @@
+// Content keys, key-encryption keys and passwords are wiped before their memory is given back.
+#include "support/EnvelopeWriting.h"
+#include "support/FreedMemory.h"
+#include "support/Interpose.h"
+#include "support/Wiping.h"
+
+#include <openssl/kdf.h>
+
+using namespace cmstest;
+using CMS::ContentCipher;
+using CMS::EnvelopeOptions;
+using CMS::EnvelopeRecipient;
+using norvtest::freedWith;
+using norvtest::wipesOf;
+
+namespace {
+
+const std::string s_contentKey = "the content key, 32 octets long.";
+const std::string s_keyEncryptionKey = "sixteen octets!!";
+const std::string s_password = "a password that is no other text";
+std::string s_derived; ///< what was derived last
+
+void* allocate(std::size_t size, const char* /*file*/, int /*line*/) {
+    return std::malloc(size == 0 ? 1 : size);
+}
+void give(void* memory, const char* /*file*/, int /*line*/) {
+    norvtest::noteFreed(memory, memory == nullptr ? 0 : malloc_usable_size(memory));
+    std::free(memory);
+}
+void* move(void* memory, std::size_t size, const char* file, int line) {
+    if (size == 0) {
+        give(memory, file, line);
+        return nullptr;
+    }
+    return std::realloc(memory, size);
+}
+const bool s_watching = CRYPTO_set_mem_functions(allocate, move, give) == 1;
+
+Buffer bufferOfText(const std::string& text) {
+    return Buffer(text.data(), static_cast<unsigned int>(text.size()), true);
+}
+
+void writeMessage(const std::vector<EnvelopeRecipient>& recipients) {
+    for (const ContentCipher cipher : {ContentCipher::aes256Cbc, ContentCipher::aes256Gcm}) {
+        EnvelopeOptions options;
+        options.cipher = cipher;
+        Norvane::NullMediaOut target;
+        CMS::EnvelopeWriter writer(recipients, options);
+        writer.attach(target);
+        writer.write(bodyOf(100).data(), 100);
+        writer.end();
+    }
+}
+
+EnvelopeRecipient keyed() {
+    return EnvelopeRecipient::keyEncryptionKey(bufferOfText(s_keyEncryptionKey), bufferOfText("name"));
+}
+EnvelopeRecipient withPassword() {
+    return EnvelopeRecipient::password(bufferOfText(s_password), {1000});
+}
+std::vector<EnvelopeRecipient> allKinds() {
+    return {EnvelopeRecipient(certificateOf(identities().rsa)),
+            EnvelopeRecipient::rsaOaep(certificateOf(identities().rsa)),
+            EnvelopeRecipient(certificateOf(onCurve("P-256"))),
+            EnvelopeRecipient(certificateOf(onCurve("X25519"))),
+            keyed(),
+            withPassword()};
+}
+
+} // namespace
+
+extern "C" int EVP_CIPHER_CTX_rand_key(EVP_CIPHER_CTX* /*context*/, unsigned char* key) {
+    std::copy(s_contentKey.begin(), s_contentKey.end(), key);
+    return 1;
+}
+extern "C" int EVP_KDF_derive(EVP_KDF_CTX* context, unsigned char* key, std::size_t length,
+                              const OSSL_PARAM parameters[]) {
+    const int answer = norvtest::next<&EVP_KDF_derive>("EVP_KDF_derive")(context, key, length, parameters);
+    if (answer == 1 && norvtest::s_soughtSecret.empty()) {
+        s_derived.assign(reinterpret_cast<const char*>(key), length);
+    }
+    return answer;
+}
+
+TEST(EnvelopeSecrets, TheContentKeyIsWiped) {
+    ASSERT_TRUE(s_watching);
+    const auto recipients = allKinds();
+    EXPECT_GE(wipesOf(s_contentKey, [&] { writeMessage(recipients); }), 2U);
+    EXPECT_EQ(freedWith(s_contentKey, [&] { writeMessage(recipients); }), 0);
+}
+
+TEST(EnvelopeSecrets, TheContentKeyIsWipedWithoutAnEnd) {
+    const auto recipients = allKinds();
+    EXPECT_EQ(freedWith(s_contentKey, [&] { CMS::EnvelopeWriter writer(recipients, {ContentCipher::aes256Cbc}); }), 0);
+}
+
+TEST(EnvelopeSecrets, WhatRecipientsHoldIsWiped) {
+    EXPECT_GE(wipesOf(s_keyEncryptionKey, [] { writeMessage({keyed()}); }), 1U);
+    EXPECT_EQ(freedWith(s_keyEncryptionKey, [] { writeMessage({keyed()}); }), 0);
+    EXPECT_GE(wipesOf(s_password, [] { writeMessage({withPassword()}); }), 1U);
+    EXPECT_EQ(freedWith(s_password, [] { writeMessage({withPassword()}); }), 0);
+}
+
+TEST(EnvelopeSecrets, TheContentKeyIsWipedBeforeAnythingIsWritten) {
+    norvtest::wiped.clear();
+    norvtest::watchingWipes = true;
+    const CMS::EnvelopeWriter writer({keyed()}, {ContentCipher::aes256Cbc});
+    norvtest::watchingWipes = false;
+    EXPECT_EQ(std::count(norvtest::wiped.begin(), norvtest::wiped.end(), s_contentKey), 1);
+}
+
+/// OpenSSL wipes what its contexts hold. The keys that they were given lie at the front of places of their own.
+TEST(EnvelopeSecrets, DerivedKeysAreWiped) {
+    for (const char* curve : {"P-256", "X25519"}) {
+        const EnvelopeRecipient recipient(certificateOf(onCurve(curve)));
+        norvtest::wiped.clear();
+        norvtest::watchingWipes = true;
+        writeMessage({recipient});
+        norvtest::watchingWipes = false;
+        ASSERT_EQ(s_derived.size(), 32U);
+        const std::string zeros(48, '\0');
+        EXPECT_EQ(std::count(norvtest::wiped.begin(), norvtest::wiped.end(), s_derived + zeros), 1) << curve;
+    }
+}
+
+TEST(EnvelopeSecrets, PlainTextThatWaitsIsWipedWithoutAnEnd) {
+    const std::string text = "what was written and never encrypted";
+    const EnvelopeRecipient recipient = keyed();
+    const auto work = [&] {
+        Norvane::NullMediaOut target;
+        CMS::EnvelopeWriter writer({recipient});
+        writer.attach(target);
+        writer.write(bufferOfText(text));
+    };
+    EXPECT_GE(wipesOf(text, work), 1U);
+    EXPECT_EQ(freedWith(text, work), 0);
+}
