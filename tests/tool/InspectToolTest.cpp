@@ -180,7 +180,13 @@ TEST_F(InspectToolTest, EnvelopedStructureHasRecipients) {
                      .status);
     const json object = objectsIn("enveloped").at(0);
     EXPECT_EQ("pkcs7-envelopedData", object["contentType"]);
-    EXPECT_EQ(json({{{"issuer", "CN=Interop Root,O=Interop,C=DE"}, {"serial", "2001"}}}), object["recipients"]);
+    EXPECT_EQ(false, object["authenticated"]);
+    EXPECT_EQ("AES-256-CBC (2.16.840.1.101.3.4.1.42)", object["cipher"]);
+    EXPECT_EQ(json({{{"kind", "keyTransport"},
+                     {"issuer", "CN=Interop Root,O=Interop,C=DE"},
+                     {"serial", "2001"},
+                     {"algorithm", "rsaEncryption (1.2.840.113549.1.1.1)"}}}),
+              object["recipients"]);
     EXPECT_FALSE(object.contains("signers"));
     EXPECT_FALSE(object.contains("detached"));
 }

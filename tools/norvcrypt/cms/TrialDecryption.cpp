@@ -1,267 +1,257 @@
 #include "cms/TrialDecryption.h"
 #include "base/Failure.h"
+#include "files/Spill.h"
 #include "openssl/CertificateDetails.h"
+#include "openssl/CmsNames.h"
 
-#include <norvcmsg/Logger.h>
 #include <norvcrypto-keystore/KeyFiles.h>
-#include <norvcrypto/CMSEnvelopeOutline.h>
+#include <norvcrypto/Key.h>
 #include <norvcrypto/KeyStore.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <map>
 #include <utility>
 
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
-namespace ASN1 = Norvane::Crypto::ASN1;
+using CMS::CertificateIdentifier;
+using CMS::EnvelopeReader;
+using CMS::NamedBy;
+using Recipient = EnvelopeReader::Recipient;
 
 namespace {
 
-using Told = CMS::DecrypterMediaIn::Attempt;
-
-constexpr unsigned int keptInMemory = 1U << 20U;
-constexpr unsigned long largestSecondLook = 256UL << 20U;
-
-Norvane::SwapBufferMediaOut emptySpill() {
-    const char* const directory = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): one thread
-    const std::string place = directory == nullptr || *directory == '\0' ? "/tmp" : directory;
-    return {keptInMemory, (place + "/norvcrypt-XXXXXX").c_str()};
-}
-
-/// Whose key the library asked for, and the answer.
-struct Question {
-    std::string recipient;
-    const OwnIdentity* identity = nullptr;
-};
+// What a message may cost: each try reads all of it. With one key for the many names that a recipient repeats, or with many.
+constexpr int mostTriesForOneName = 3;
+constexpr int mostTries = 12;
 
 bool belongsTogether(const OwnIdentity& identity) {
     return NVX509::belongTogether(identity.key, identity.certificate);
 }
 
-bool isNamed(const OwnIdentity& identity, const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) {
-    // Not through the certificate's own accessor, which refuses negative numbers.
-    return hasSerialNumber(identity.certificate, serial.object()) && identity.certificate->issuer() == issuer;
+/// What names of the same certificate have in common however they are encoded; nothing for a negative number.
+std::optional<std::string> distinctive(const CertificateIdentifier& name) {
+    if (name.namedBy() == NamedBy::subjectKeyIdentifier)
+        return "identifier " + hexText(name.octets());
+    return name.serialNumber().isNull() ? std::nullopt : std::optional("number " + name.serialNumber()->hex());
 }
 
-Attempt::Outcome outcomeOf(const Told& told, const Question& question) {
-    using enum Attempt::Outcome;
-    switch (told.outcome()) {
-    case Told::Succeeded:
-        return decrypted;
-    case Told::NegativeSerialNumber:
-        return unnamed;
-    case Told::NotTried:
-        return notTried;
-    case Told::UnsupportedAlgorithm:
-        return unsupported;
-    case Told::KeyOfAnotherCertificate:
-        return foreignKey;
-    default:
-        break;
+std::optional<CertificateIdentifier> nameFor(const OwnIdentity& identity, NamedBy namedBy) {
+    try {
+        return CertificateIdentifier(identity.certificate, namedBy);
+    } catch (const Norvane::Exception&) {
+        return std::nullopt; // it has no key identifier
     }
-    if (question.identity == nullptr || told.outcome() == Told::NoKey)
-        return noKey;
-    return isRsa(question.identity->key) ? failed : noRsaKey;
 }
-
-/// Delivers the bytes of a source and keeps a copy of them, as long as there is room for it.
-class CopyingSource : public Norvane::MediaInImpl {
-public:
-    CopyingSource(const Norvane::MediaIn& source, const Norvane::SwapBufferMediaOut& copy)
-        : m_source(source),
-          m_copy(copy) {}
-
-    using MediaInImpl::read;
-    [[nodiscard]] bool atEnd() const override { return m_source.atEnd(); }
-    [[nodiscard]] int peek() const override { return m_source.peek(); }
-    int read(unsigned char* out, unsigned int length) override {
-        const int count = m_source.read(out, length);
-        try {
-            if (m_complete && count > 0)
-                m_copy.write(out, static_cast<unsigned int>(count));
-        } catch (const Norvane::Exception&) {
-            m_complete = false;
-            m_copy.clear();
-        }
-        return count;
-    }
-
-private:
-    Norvane::MediaIn m_source;
-    Norvane::SwapBufferMediaOut m_copy;
-    bool m_complete = true;
-};
-
-} // namespace
-
-/// What the key store and the log know of one run; the library drives them in turn, recipient by recipient.
-struct TrialDecryption::State {
-    std::vector<OwnIdentity> identities;
-    std::map<std::size_t, Question> questions; ///< by the recipient's place among the attempts
-    const CMS::DecrypterMediaIn* decrypter = nullptr;
-    bool notEnveloped = false;
-    std::string unknownType;
-    bool contentMissing = false;
-
-    const OwnIdentity* find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) const {
-        const OwnIdentity* found = nullptr;
-        for (const OwnIdentity& identity : identities) {
-            if (!isNamed(identity, issuer, serial))
-                continue;
-            if (belongsTogether(identity))
-                return &identity;
-            found = found == nullptr ? &identity : found;
-        }
-        return found;
-    }
-};
-
-namespace {
-
-/// Answers with the identities, and notes who was asked for.
-class IdentityPlugin : public NVX509::KeyStorePlugin {
-public:
-    explicit IdentityPlugin(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
-
-    NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
-        const OwnIdentity* const identity = m_state->find(issuer, serial);
-        m_state->questions[m_state->decrypter->attempts().size()] = {
-            "issuer " + displayName(issuer) + " serial number " + serial.hex(), identity};
-        return identity == nullptr ? NVX509::KeyCertificatePair(true)
-                                   : NVX509::KeyCertificatePair(identity->key, identity->certificate);
-    }
-    NVX509::RefCertificate findEncryptionCertificate(const Norvane::EmailAddress&) override { return {}; }
-    NVX509::KeyCertificatePair findSigningKey(const Norvane::EmailAddress&) override { return none(); }
-    NVX509::KeyCertificatePair findDecryptionKey(const Norvane::EmailAddress&) override { return none(); }
-
-private:
-    static NVX509::KeyCertificatePair none() { return NVX509::KeyCertificatePair(true); }
-    std::shared_ptr<TrialDecryption::State> m_state;
-};
-
-/// Takes from the log what the library's lists do not tell.
-class StructureSink : public Norvane::LogSink {
-public:
-    explicit StructureSink(std::shared_ptr<TrialDecryption::State> state) : m_state(std::move(state)) {}
-
-    void record(const Norvane::LogRecord& record) override {
-        switch (record.event) {
-        case 0x300005D:
-            m_state->unknownType = record.fields.empty() ? "" : record.fields.front();
-            break;
-        case 0x3000058:
-            m_state->notEnveloped = true;
-            break;
-        case 0x3000059:
-            m_state->contentMissing = true;
-            break;
-        default:
-            break;
-        }
-    }
-
-private:
-    std::shared_ptr<TrialDecryption::State> m_state;
-};
-
-/// The log goes to a sink while this lives, and nowhere afterwards.
-class Listening {
-public:
-    explicit Listening(const std::shared_ptr<Norvane::LogSink>& sink) { Norvane::Logger::instance(false).sink(sink); }
-    ~Listening() { Norvane::Logger::instance(false).sink(std::make_shared<Norvane::RecordingLogSink>()); }
-    Listening(const Listening&) = delete;
-    Listening& operator=(const Listening&) = delete;
-};
 
 } // namespace
 
 bool DecryptionResult::needsMore() const {
-    const auto needs = [](const Attempt& one) { return one.outcome == Attempt::Outcome::unsupported; };
-    return !decrypted && (!unsupported.empty() || std::any_of(attempts.begin(), attempts.end(), needs));
+    const auto needs = [](const Attempt& one) {
+        return one.outcome == Attempt::Outcome::unsupported || one.outcome == Attempt::Outcome::tooCostly;
+    };
+    return !decrypted && std::any_of(attempts.begin(), attempts.end(), needs);
 }
 
-std::string inOneLine(const std::list<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
-}
-
-TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities)
-    : m_state(std::make_shared<State>()),
-      m_copy(emptySpill()),
-      m_body(emptySpill()) {
-    m_state->identities = std::move(identities);
+TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities, std::optional<SharedSecret> password,
+                                 std::optional<SharedSecret> keyEncryptionKey)
+    : m_identities(std::move(identities)),
+      m_password(std::move(password)),
+      m_keyEncryptionKey(std::move(keyEncryptionKey)) {
+    for (const OwnIdentity& identity : m_identities)
+        for (const NamedBy namedBy : {NamedBy::issuerAndSerialNumber, NamedBy::subjectKeyIdentifier})
+            if (const auto name = nameFor(identity, namedBy))
+                if (const auto key = distinctive(*name))
+                    m_byName[*key].push_back(&identity);
 }
 
 TrialDecryption::~TrialDecryption() = default;
 
-void TrialDecryption::decode(Norvane::MediaIn& structure) {
-    const NVX509::RefKeyStore keys(true);
-    keys->add(NVX509::RefKeyStorePlugin(new IdentityPlugin(m_state)));
-    m_decrypter.emplace(structure, keys);
-    m_state->decrypter = &*m_decrypter;
-}
-
-void TrialDecryption::open(Norvane::MediaIn& structure, const std::string& name) {
+void TrialDecryption::openReader(StructureFile& file) {
+    const auto& type = file.contentType();
     try {
-        Norvane::MediaIn copying(Norvane::makeReference<CopyingSource, Norvane::MediaInImpl>(structure, m_copy));
-        decode(copying);
-    } catch (const Norvane::Exception&) {
-        // A sound message of a newer sender is not to pass for a damaged one.
-        const Norvane::Buffer message = copied();
-        const CMS::EnvelopeOutline outline(message);
-        m_unsupported = outline.unsupported();
-        if (!outline.isReadable()) {
-            refuseUnsupported(name);
-            throw;
+        m_reader.emplace(file.structure());
+        m_reader->spillTo(spillTemplate());
+        m_readerIsUsed = false;
+    } catch (const Norvane::Exception& failure) {
+        if (!type.name.empty() && type.name != "pkcs7-envelopedData" && type.name != "id-smime-ct-authEnvelopedData")
+            throw Failure(file.name() + " holds no encrypted body" +
+                          (type.isKnown ? "" : " but the unknown type " + type.name));
+        throw Failure("cannot read the encrypted message in " + file.name(), failure);
+    }
+}
+
+/// What no key helps with.
+void TrialDecryption::requireSupported(StructureFile& file) const {
+    if (!m_reader->unsupported().empty())
+        throw Failure(file.name() + " needs what is not supported: " + m_reader->unsupported());
+}
+
+/// The outcome is `failed`, for now, when there is one to try.
+void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& attempt) const {
+    using enum Attempt::Outcome;
+    const auto key = distinctive(name);
+    const auto found = key ? m_byName.find(*key) : m_byName.end();
+    if (found == m_byName.end())
+        return;
+    for (const OwnIdentity* const identity : found->second) {
+        if (!name.names(identity->certificate))
+            continue;
+        if (belongsTogether(*identity)) {
+            attempt.identity = *identity;
+            attempt.outcome = attempt.kind == Recipient::keyTransport && !isRsa(identity->key) ? unfitKey : failed;
+            return;
         }
-        Norvane::MemoryMediaIn readable(outline.readable(message));
-        decode(readable);
+        if (!attempt.identity) {
+            attempt.identity = *identity;
+            attempt.outcome = foreignKey;
+        }
     }
 }
 
-/// The message as it was read; empty when there was no room for it.
-Norvane::Buffer TrialDecryption::copied() const {
-    Norvane::Buffer message;
-    if (m_copy.length() <= largestSecondLook) {
-        Norvane::MediaIn in = m_copy.in();
-        in.read(message, 0);
+/// Whether there is something to try; the outcome is `failed` then, for now.
+Attempt TrialDecryption::consider(const Recipient& recipient) const {
+    using enum Attempt::Outcome;
+    Attempt attempt;
+    attempt.kind = recipient.kind();
+    attempt.outcome = noKey;
+    switch (recipient.kind()) {
+    case Recipient::keyTransport:
+    case Recipient::keyAgreement: {
+        const auto name = recipient.identifier();
+        if (!name)
+            return attempt;
+        if (name->namedBy() == NamedBy::issuerAndSerialNumber && name->serialNumber().isNull()) {
+            attempt.outcome = unnamed;
+            return attempt;
+        }
+        attempt.recipient = nameOf(*name);
+        findIdentity(*name, attempt);
+        break;
     }
-    return message;
+    case Recipient::keyEncryptionKey:
+        attempt.recipient = "key-encryption key " + hexText(recipient.keyIdentifier());
+        if (m_keyEncryptionKey) {
+            attempt.outcome = failed;
+            attempt.secretFile = m_keyEncryptionKey->file;
+        }
+        break;
+    case Recipient::password:
+        attempt.recipient = "password";
+        if (m_password) {
+            attempt.outcome = failed;
+            attempt.secretFile = m_password->file;
+        }
+        break;
+    case Recipient::other:
+        attempt.outcome = failed; // for whom it is nobody knows
+        break;
+    }
+    if (attempt.outcome != failed)
+        return attempt;
+    attempt.algorithm = recipient.unsupported();
+    if (!attempt.algorithm.empty())
+        attempt.outcome = unsupported;
+    else if (recipient.kind() == Recipient::other)
+        attempt.outcome = noKey;
+    return attempt;
 }
 
-void TrialDecryption::refuseUnsupported(const std::string& name) const {
-    if (!m_unsupported.empty())
-        throw Failure(name + " needs what is not supported: " + inOneLine(m_unsupported));
+bool TrialDecryption::openWith(std::size_t number, const Attempt& attempt) {
+    const Recipient& recipient = m_reader->recipients().at(number);
+    m_readerIsUsed = true;
+    switch (attempt.kind) {
+    case Recipient::keyEncryptionKey:
+        return m_reader->open(recipient, m_keyEncryptionKey->octets);
+    case Recipient::password:
+        return m_reader->openWithPassword(recipient, m_password->octets);
+    default:
+        return m_reader->open(recipient,
+                              NVX509::KeyCertificatePair(attempt.identity->key, attempt.identity->certificate));
+    }
 }
 
-DecryptionResult TrialDecryption::run(const std::string& name) {
-    const Listening listening(std::make_shared<StructureSink>(m_state));
-    const bool decrypted = m_decrypter->decrypt(m_body);
-    if (m_state->notEnveloped) {
-        m_unsupported = CMS::EnvelopeOutline(copied()).unsupported();
-        refuseUnsupported(name);
-        throw Failure(name + " holds no encrypted body" +
-                      (m_state->unknownType.empty() ? "" : " but the unknown type " + m_state->unknownType));
+/// False for a message that does not decrypt.
+bool TrialDecryption::decryptInto(StructureFile& file, HeldBody& body) {
+    try {
+        if (m_reader->isAuthenticated())
+            static_cast<void>(m_reader->peek()); // all of it is verified before there is a first byte
+        else
+            m_reader->write(body.sink());
+        return true;
+    } catch (const Norvane::Crypto::TooCostlyException& failure) {
+        throw Failure("cannot read the encrypted message in " + file.name(), failure);
+    } catch (const Norvane::Exception&) {
+        if (m_reader->verdict() != EnvelopeReader::Damaged)
+            throw; // of where it goes
     }
-    DecryptionResult result{decrypted, m_state->contentMissing, {}, m_unsupported};
-    for (const Told& told : m_decrypter->attempts()) {
-        const auto asked = m_state->questions.find(result.attempts.size());
-        const Question question = asked == m_state->questions.end() ? Question() : asked->second;
-        result.attempts.push_back(
-            {question.recipient, outcomeOf(told, question),
-             question.identity == nullptr ? std::nullopt : std::optional<OwnIdentity>(*question.identity),
-             told.algorithm()});
+    if (file.endedEarly())
+        throw Failure("cannot read the encrypted message in " + file.name() + ": it ends before its end");
+    return false;
+}
+
+bool TrialDecryption::tryKey(StructureFile& file, std::size_t number, Attempt& attempt, HeldBody& body) {
+    if (m_readerIsUsed) {
+        body.restart();
+        openReader(file);
+    }
+    try {
+        if (!openWith(number, attempt)) {
+            attempt.outcome = Attempt::Outcome::unfitKey;
+            return false;
+        }
+    } catch (const Norvane::Crypto::TooCostlyException& failure) {
+        attempt.outcome = Attempt::Outcome::tooCostly;
+        attempt.algorithm = failure.asString();
+        return false;
+    }
+    if (!decryptInto(file, body))
+        return false;
+    file.requireEnd();
+    attempt.outcome = Attempt::Outcome::decrypted;
+    return true;
+}
+
+DecryptionResult TrialDecryption::run(StructureFile& file, HeldBody& body) {
+    openReader(file);
+    requireSupported(file);
+    DecryptionResult result;
+    result.contentMissing = !m_reader->hasContent();
+    if (result.contentMissing)
+        return result;
+    for (const Recipient& recipient : m_reader->recipients())
+        result.attempts.push_back(consider(recipient));
+
+    std::map<std::string, int> tries;
+    int allTries = 0;
+    auto toTry = std::count_if(result.attempts.begin(), result.attempts.end(),
+                               [](const Attempt& one) { return one.outcome == Attempt::Outcome::failed; });
+    for (std::size_t number = 0; number != result.attempts.size(); ++number) {
+        Attempt& attempt = result.attempts[number];
+        if (attempt.outcome != Attempt::Outcome::failed)
+            continue;
+        if (--toTry == 0)
+            file.readOnce();
+        if (allTries == mostTries || tries[attempt.recipient] == mostTriesForOneName) {
+            attempt.outcome = Attempt::Outcome::notTried;
+            continue;
+        }
+        ++allTries;
+        ++tries[attempt.recipient];
+        result.decrypted = tryKey(file, number, attempt, body);
+        if (result.decrypted) {
+            result.attempts.resize(number + 1);
+            break;
+        }
     }
     return result;
 }
 
-Norvane::MediaIn TrialDecryption::body() const {
-    return m_body.in();
+void TrialDecryption::deliver(HeldBody& body) {
+    body.release();
+    if (m_reader->isAuthenticated())
+        m_reader->write(body.sink());
 }
 
 } // namespace norvcrypt

@@ -1,16 +1,16 @@
 #pragma once
 
 /// \file
-/// Decrypting with several identities, and what became of each recipient.
+/// Decrypting with several identities and secrets, and what became of each recipient.
 
+#include "files/HeldBody.h"
 #include "identities/OwnIdentity.h"
+#include "read/StructureFile.h"
 
 #include <norvcmsg/Buffer.h>
-#include <norvcmsg/Media.h>
-#include <norvcmsg/SwapBufferMediaOut.h>
-#include <norvcrypto/CMSEncryptionMedia.h>
+#include <norvcrypto/CMSEnvelopeReader.h>
 
-#include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,69 +18,80 @@
 
 namespace norvcrypt {
 
+/// A password or a key-encryption key, and its file as it is named in messages.
+struct SharedSecret {
+    Norvane::Buffer octets;
+    std::string file;
+};
+
 /// What one recipient of the structure came to.
 struct Attempt {
     enum class Outcome : int {
         decrypted,
-        unnamed,    ///< its serial number is negative: no key can be asked for
-        noKey,      ///< none of the identities is named
-        foreignKey, ///< the private key does not belong to the certificate
-        noRsaKey,
-        failed,      ///< the message is damaged
+        unnamed,     ///< its serial number is negative: no key can be asked for
+        noKey,       ///< none of the identities is named, or the secret of its kind was not given
+        foreignKey,  ///< the private key does not belong to the certificate
+        unfitKey,    ///< the private key is of another kind than the recipient's
+        failed,      ///< the message is damaged, or the secret is another one
         unsupported, ///< it needs `algorithm`
+        tooCostly,   ///< to try it would cost too much, as `algorithm` tells
         notTried,    ///< the message has more recipients than a message may cost
     };
-    std::string recipient; ///< issuer and serial number, to be escaped; empty when it is unnamed
+    using Kind = Norvane::Crypto::CMS::EnvelopeReader::Recipient::Kind;
+
+    std::string recipient; ///< its name, to be escaped; empty when it has none
+    Kind kind = Kind::other;
     Outcome outcome = Outcome::decrypted;
     std::optional<OwnIdentity> identity; ///< whose key was tried
+    std::string secretFile;              ///< of the secret that was tried
     std::string algorithm;               ///< when it is unsupported
 };
 
 /// What one structure came to.
 struct DecryptionResult {
     bool decrypted = false;
-    bool contentMissing = false;        ///< the encrypted body is not in the structure
-    std::vector<Attempt> attempts;      ///< in the structure's order
-    std::list<std::string> unsupported; ///< what was left out of the message since it is not supported
+    bool contentMissing = false;   ///< the encrypted body is not in the structure
+    std::vector<Attempt> attempts; ///< in the structure's order, up to the one that decrypted it
 
-    /// Not decrypted, and might have been if all that the message has were supported.
+    /// Not decrypted, and might have been if all that the message has were supported and allowed.
     [[nodiscard]] bool needsMore() const;
 };
 
-/// With commas.
-std::string inOneLine(const std::list<std::string>& names);
-
-/// Decrypts one structure. The clear body is held back, in memory and beyond a limit in a private file without a name,
-/// until it is known to be decrypted: an attempt that fails can have written some of it, or garbage.
+/// Decrypts one structure, of any size, in constant memory. It is read once for each key that is tried, which is the only
+/// one as a rule.
 class TrialDecryption {
 public:
-    explicit TrialDecryption(std::vector<OwnIdentity> identities);
+    TrialDecryption(std::vector<OwnIdentity> identities, std::optional<SharedSecret> password,
+                    std::optional<SharedSecret> keyEncryptionKey);
     ~TrialDecryption();
     TrialDecryption(const TrialDecryption&) = delete;
     TrialDecryption& operator=(const TrialDecryption&) = delete;
 
-    /// Decodes the structure, which messages call `name`; what it has beside recipients that can be tried is left out.
-    /// \throws Norvane::Exception: it is malformed
-    /// \throws Failure: it is sound, and needs what is not supported
-    void open(Norvane::MediaIn& structure, const std::string& name);
-    /// Tries the recipients in the structure's order. \throws Failure: nothing is encrypted in the structure, or in a way
-    /// that is not supported
-    DecryptionResult run(const std::string& name);
-    /// The clear body, once it is decrypted.
-    [[nodiscard]] Norvane::MediaIn body() const;
-
-    struct State;
+    /// Tries the recipients in the structure's order. The clear body goes into `body`, except for an authenticated one, which
+    /// waits for `deliver`.
+    /// \throws Failure: the structure is malformed, beyond what a message may cost, needs what is not supported whoever has
+    /// the key, or nothing is encrypted in it
+    DecryptionResult run(StructureFile& file, HeldBody& body);
+    /// Gives out the rest of the clear body, after it was decrypted, and releases it.
+    void deliver(HeldBody& body);
 
 private:
-    void decode(Norvane::MediaIn& structure);
-    [[nodiscard]] Norvane::Buffer copied() const;
-    void refuseUnsupported(const std::string& name) const;
+    using Recipient = Norvane::Crypto::CMS::EnvelopeReader::Recipient;
 
-    std::shared_ptr<State> m_state;
-    Norvane::SwapBufferMediaOut m_copy; ///< the structure as it was read, for a second look
-    Norvane::SwapBufferMediaOut m_body;
-    std::optional<Norvane::Crypto::CMS::DecrypterMediaIn> m_decrypter;
-    std::list<std::string> m_unsupported;
+    void openReader(StructureFile& file);
+    void requireSupported(StructureFile& file) const;
+    [[nodiscard]] Attempt consider(const Recipient& recipient) const;
+    void findIdentity(const Norvane::Crypto::CMS::CertificateIdentifier& name, Attempt& attempt) const;
+    bool tryKey(StructureFile& file, std::size_t number, Attempt& attempt, HeldBody& body);
+    bool openWith(std::size_t number, const Attempt& attempt);
+    bool decryptInto(StructureFile& file, HeldBody& body);
+
+    std::vector<OwnIdentity> m_identities;
+    std::map<std::string, std::vector<const OwnIdentity*>> m_byName; ///< by what is distinctive in a name
+    std::optional<SharedSecret> m_password;
+    std::optional<SharedSecret> m_keyEncryptionKey;
+    std::optional<Norvane::Crypto::CMS::EnvelopeReader> m_reader;
+    bool m_readerIsUsed = false; ///< a key was chosen
 };
 
 } // namespace norvcrypt

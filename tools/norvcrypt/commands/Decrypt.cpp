@@ -1,9 +1,12 @@
 #include "cms/TrialDecryption.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
+#include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
-#include "read/CmsFile.h"
+#include "read/KeyEncryptionKey.h"
+#include "read/Passphrase.h"
+#include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
 
 #include <algorithm>
@@ -19,6 +22,8 @@ namespace {
 struct DecryptOptions {
     std::optional<IdentityOptions> identities;
     std::optional<std::string> store;
+    std::optional<std::string> password;
+    std::optional<std::string> keyEncryptionKey;
     std::string in = "-";
     std::string out = "-";
 };
@@ -26,35 +31,49 @@ struct DecryptOptions {
 /// Those of the command line come first.
 std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inputs) {
     const std::vector<IdentityFiles> files = options.identities->files();
-    if (files.empty() && !options.store)
-        throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt decrypt "
-                      "--help tells more)");
+    if (files.empty() && !options.store && !options.password && !options.keyEncryptionKey)
+        throw Failure(
+            "give an identity to decrypt with: --cert and --key, or --p12, or --store, or what both sides have: "
+            "--password-file or --kek-file (norvcrypt decrypt --help tells more)");
     std::vector<OwnIdentity> identities = readIdentities(files, inputs);
     if (options.store)
         std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
     return identities;
 }
 
-void openMessage(TrialDecryption& decryption, const std::string& path, Inputs& inputs) {
-    Progress progress("decrypting");
-    readStructure(
-        inputs, path, "the encrypted message",
-        [&](Norvane::MediaIn& structure) { decryption.open(structure, inputName(path)); }, &progress);
+std::optional<SharedSecret> passwordOf(const DecryptOptions& options, Inputs& inputs) {
+    if (!options.password)
+        return std::nullopt;
+    const Passphrase password(inputs, options.password);
+    SharedSecret secret{{}, inputName(*options.password)};
+    secret.octets.protect();
+    secret.octets.append(
+        Norvane::Buffer(password.text().data(), static_cast<unsigned int>(password.text().size()), true));
+    return secret;
+}
+
+std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, Inputs& inputs) {
+    if (!options.keyEncryptionKey)
+        return std::nullopt;
+    return SharedSecret{readKeyEncryptionKey(inputs, *options.keyEncryptionKey), inputName(*options.keyEncryptionKey)};
 }
 
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
-    TrialDecryption decryption(identitiesOf(options, inputs));
+    TrialDecryption decryption(identitiesOf(options, inputs), passwordOf(options, inputs),
+                               keyEncryptionKeyOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
     OutputFile out(options.out, inputs, OutputFile::Access::owner);
-    openMessage(decryption, options.in, inputs);
-    const DecryptionResult result = decryption.run(inputName(options.in));
+    HeldBody body(out);
+    Progress progress("decrypting");
+    StructureFile file(inputs, options.in, &progress);
+    const DecryptionResult result = decryption.run(file, body);
+    progress.clear();
     for (const std::string& line : decryptionReport(result))
         reportError(line);
     if (!result.decrypted)
         return result.needsMore() ? Exit::failed : Exit::refused;
-    OutputStream body(out);
-    decryption.body().write(body);
+    decryption.deliver(body);
     out.commit();
     return Exit::good;
 }
@@ -68,6 +87,14 @@ void addDecrypt(Command& commands, Action& action) {
     options->identities.emplace(*command);
     command->option("--store", options->store, "A store: its identities with a key are tried after the others")
         ->typeName("DIR");
+    command
+        ->option("--password-file", options->password,
+                 "The password for messages that are encrypted with one is this file's first line")
+        ->typeName("FILE");
+    command
+        ->option("--kek-file", options->keyEncryptionKey,
+                 "The key-encryption key that both sides have: 16, 24 or 32 bytes, or as many in hexadecimal digits")
+        ->typeName("FILE");
     command->option("--in", options->in, "The structure, DER, BER or PEM; \"-\" is standard input")
         ->typeName("MSG")
         ->showDefault();
@@ -79,8 +106,9 @@ void addDecrypt(Command& commands, Action& action) {
     command->footer(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
-        "names is tried for it. Exit code 1: no key decrypts the message; 2: it needs what is not supported, which is "
-        "named, or it cannot be read.");
+        "names, by issuer and serial number or by key identifier, is tried for it; so are the password and the "
+        "key-encryption key. Messages may have any size. Exit code 1: no key decrypts the message; 2: it needs what is "
+        "not supported or costs too much, which is named, or it cannot be read.");
     command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 

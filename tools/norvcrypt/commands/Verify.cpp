@@ -1,26 +1,30 @@
 #include "commands/Command.h"
+#include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "openssl/CmsNames.h"
 #include "read/CertificateFile.h"
-#include "read/CmsFile.h"
+#include "read/StructureFile.h"
 
 #include <norvcmsg/Escape.h>
-#include <norvcrypto/CMSVerification.h>
+#include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
-using CMS::CarriedContent;
 using CMS::SignatureReason;
+using CMS::SignatureResult;
 using CMS::SignatureVerdict;
+using CMS::SignedReader;
 
 namespace {
 
@@ -28,43 +32,142 @@ struct VerifyOptions {
     std::string signature;
     std::optional<std::string> certificate;
     std::optional<std::string> in;
+    std::optional<std::string> out;
     bool embedded = false;
 };
 
+/// Where the content goes when it is asked for.
+struct ContentFile {
+    OutputFile file;
+    HeldBody body;
+    ContentFile(const std::string& path, Inputs& inputs) : file(path, inputs), body(file) {}
+};
+
+/// Which body was judged, and whether it is the content, where there are both.
+struct JudgedBody {
+    std::uint64_t length = 0;
+    std::optional<bool> isContent;
+};
+
 /// The sender decides whether a structure carries its content; which body is judged is for the user to say.
-void checkBody(const VerifyOptions& options, CarriedContent carried) {
-    if (options.embedded && carried == CarriedContent::none)
+void checkBody(const VerifyOptions& options, bool isDetached) {
+    if (options.embedded && isDetached)
         throw Failure(inputName(options.signature) +
                       " carries no content, the signature is detached: give its body with --in");
-    if (!options.embedded && !options.in && carried != CarriedContent::none)
+    if (!options.embedded && !options.in && !isDetached)
         throw Failure(inputName(options.signature) +
                       " carries its content: give --embedded to judge that, or --in with "
                       "the body that it is to be compared with");
 }
 
-CMS::SignatureReport judge(const CMS::RefContentInfo& structure, const VerifyOptions& options,
-                           const std::optional<std::list<NVX509::RefCertificate>>& certificates, Inputs& inputs) {
-    if (options.embedded)
-        return certificates ? CMS::verifyEmbeddedSignatures(structure, *certificates)
-                            : CMS::verifyEmbeddedSignatures(structure);
-    Progress progress("verifying");
-    Norvane::MediaIn body = inputs.open(options.in.value_or("-"), &progress);
-    return certificates ? CMS::verifySignatures(structure, body, *certificates)
-                        : CMS::verifySignatures(structure, body);
+/// Runs what reads the structure.
+template <class Work> auto reading(const StructureFile& file, Work work) {
+    try {
+        return work();
+    } catch (const Norvane::Exception& failure) {
+        const ContentType& type = file.contentType();
+        if (!type.name.empty() && type.name != "pkcs7-signedData")
+            throw Failure(file.name() + " holds no signature but " + type.name);
+        throw Failure("cannot judge the signatures in " + file.name(), failure);
+    }
 }
 
-std::string bodyText(const CMS::SignatureReport& report, const VerifyOptions& options, CarriedContent carried) {
-    const std::string length = std::to_string(report.bodyLength) + " bytes";
+/// Reads both to their ends.
+JudgedBody compare(SignedReader& message, Norvane::MediaIn body) {
+    JudgedBody judged{0, true};
+    std::vector<unsigned char> piece(65536);
+    std::vector<unsigned char> other(piece.size());
+    for (;;) {
+        const int count = message.read(piece.data(), static_cast<unsigned int>(piece.size()));
+        const int otherCount = body.read(other.data(), static_cast<unsigned int>(other.size()));
+        if (count == 0 && otherCount == 0)
+            return judged;
+        judged.length += static_cast<std::uint64_t>(otherCount);
+        if (count != otherCount || !std::equal(piece.begin(), piece.begin() + count, other.begin()))
+            judged.isContent = false;
+    }
+}
+
+/// Passes the body, whichever it is, and the rest of the structure.
+JudgedBody passBody(SignedReader& message, const VerifyOptions& options, Inputs& inputs, Progress& progress,
+                    std::optional<ContentFile>& content) {
+    if (options.embedded) {
+        Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+        message.write(content ? content->body.sink() : nowhere);
+        return {message.bodyLength(), std::nullopt};
+    }
+    Norvane::MediaIn body = inputs.open(options.in.value_or("-"), &progress);
+    if (!message.isDetached())
+        return compare(message, body);
+    Norvane::MediaOut digest = message.digest();
+    body.write(digest);
+    return {message.bodyLength(), std::nullopt};
+}
+
+/// The name of the signer's certificate; nothing when it does not decode.
+std::optional<CMS::CertificateIdentifier> nameOfCertificate(const SignedReader::Signer& signer) {
+    try {
+        return signer.identifier();
+    } catch (const Norvane::Exception&) {
+        return std::nullopt;
+    }
+}
+
+/// The certificates that a signer names, each once.
+std::vector<NVX509::RefCertificate> namedBy(const SignedReader::Signer& signer,
+                                            const std::list<NVX509::RefCertificate>& certificates) {
+    std::vector<NVX509::RefCertificate> named;
+    const auto name = nameOfCertificate(signer);
+    for (const NVX509::RefCertificate& certificate : certificates) {
+        const auto isSame = [&](const NVX509::RefCertificate& one) { return isSameCertificate(one, certificate); };
+        if (name && name->names(certificate) && std::ranges::none_of(named, isSame))
+            named.push_back(certificate);
+    }
+    return named;
+}
+
+/// The verdict with the certificates given: that of the first good one, else of one that leaves the question open, else of
+/// the first.
+SignatureResult judgeWith(const SignedReader& message, const SignedReader::Signer& signer,
+                          const std::list<NVX509::RefCertificate>& certificates) {
+    const std::vector<NVX509::RefCertificate> named = namedBy(signer, certificates);
+    if (named.empty())
+        return message.verdict(signer, NVX509::RefCertificate());
+    std::optional<SignatureResult> best;
+    for (const NVX509::RefCertificate& certificate : named) {
+        SignatureResult result = message.verdict(signer, certificate);
+        if (result.verdict == SignatureVerdict::good)
+            return result;
+        if (!best || (best->verdict == SignatureVerdict::refused && result.verdict != SignatureVerdict::refused))
+            best = result;
+    }
+    return *best;
+}
+
+std::vector<SignatureResult> judge(const SignedReader& message, const JudgedBody& body,
+                                   const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
+    std::vector<SignatureResult> results;
+    for (const SignedReader::Signer& signer : message.signers()) {
+        SignatureResult result = certificates ? judgeWith(message, signer, *certificates) : message.verdict(signer);
+        if (!body.isContent.value_or(true)) {
+            result.verdict = SignatureVerdict::refused;
+            result.reason = SignatureReason::contentDiffers;
+            result.algorithm.clear();
+        }
+        results.push_back(result);
+    }
+    return results;
+}
+
+std::string bodyText(const JudgedBody& body, const VerifyOptions& options) {
+    const std::string length = std::to_string(body.length) + " bytes";
     const std::string content = "the content of " + inputName(options.signature);
     if (options.embedded)
         return "body: " + content + ", " + length;
     std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
-    if (carried == CarriedContent::none)
+    if (!body.isContent)
         return given;
-    const bool differs = std::ranges::any_of(report.signers, [](const CMS::SignatureResult& signer) {
-        return signer.reason == SignatureReason::contentDiffers;
-    });
-    return given + (differs ? ", which is not " : ", which is ") + content;
+    return given + (*body.isContent ? ", which is " : ", which is not ") + content;
 }
 
 /// The numbers under which operators know what the library logs about a signature.
@@ -87,14 +190,10 @@ std::string certificateText(const NVX509::RefCertificate& certificate) {
     return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
 }
 
-std::string reasonText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
-    if (result.reason == SignatureReason::certificateMissing) {
-        const PKCS7_SIGNER_INFO* const raw = signer;
-        std::string text = "no certificate with issuer " + displayName(signer.issuerAndSerialNumber().issuer());
-        if (raw->issuer_and_serial != nullptr)
-            text += " serial number " + hexNumber(raw->issuer_and_serial->serial);
-        return text;
-    }
+std::string reasonText(const SignatureResult& result, const SignedReader::Signer& signer) {
+    if (result.reason == SignatureReason::certificateMissing)
+        if (const auto name = nameOfCertificate(signer))
+            return "no certificate with " + nameOf(*name);
     std::string text = CMS::textOf(result.reason);
     if (!result.algorithm.empty())
         text += ": " + Norvane::escapeForDisplay(result.algorithm);
@@ -102,7 +201,7 @@ std::string reasonText(const CMS::SignatureResult& result, const CMS::SignerInfo
 }
 
 /// To be shown as it is.
-std::string verdictText(const CMS::SignatureResult& result, const CMS::SignerInfo& signer) {
+std::string verdictText(const SignatureResult& result, const SignedReader::Signer& signer) {
     std::string text = "good signature";
     if (result.verdict == SignatureVerdict::refused)
         text = "NOT VERIFIED, " + reasonText(result, signer);
@@ -111,13 +210,40 @@ std::string verdictText(const CMS::SignatureResult& result, const CMS::SignerInf
     return static_cast<X509*>(result.certificate) == nullptr ? text : text + ", " + certificateText(result.certificate);
 }
 
-Exit exitOf(const CMS::SignatureReport& report) {
-    const auto has = [&report](SignatureVerdict verdict) {
-        return std::ranges::any_of(report.signers, [&](const auto& signer) { return signer.verdict == verdict; });
+/// What a signer says of itself.
+std::string detailsText(const SignedReader::Signer& signer) {
+    std::string text = "signature algorithm " + signer.signatureAlgorithm() + ", digest " + signer.digestAlgorithm();
+    if (const auto time = signer.signingTime())
+        text += ", says to have signed at " + isoTime(*time);
+    return Norvane::escapeForDisplay(text);
+}
+
+Exit exitOf(const std::vector<SignatureResult>& results) {
+    const auto has = [&results](SignatureVerdict verdict) {
+        return std::ranges::any_of(results, [&](const auto& signer) { return signer.verdict == verdict; });
     };
     if (has(SignatureVerdict::refused))
         return Exit::refused;
     return has(SignatureVerdict::unsupported) ? Exit::failed : Exit::good;
+}
+
+void tell(const SignedReader& message, const std::vector<SignatureResult>& results, const std::string& body) {
+    const auto& signers = message.signers();
+    TextOutput out;
+    for (std::size_t at = 0; at != signers.size(); ++at)
+        out.line("signer " + std::to_string(at + 1) + ": " + verdictText(results[at], signers[at]));
+    out.line(Norvane::escapeForDisplay(body));
+    out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
+    for (std::size_t at = 0; at != signers.size(); ++at)
+        out.line("details of signer " + std::to_string(at + 1) + ": " + detailsText(signers[at]));
+    out.flush();
+}
+
+Exit tellNoSigner() {
+    TextOutput out;
+    out.line("no signer");
+    out.flush();
+    return Exit::refused;
 }
 
 Exit verify(const VerifyOptions& options) {
@@ -125,33 +251,37 @@ Exit verify(const VerifyOptions& options) {
     std::optional<std::list<NVX509::RefCertificate>> certificates;
     if (options.certificate)
         certificates = readCertificates(inputs, *options.certificate);
-    const CMS::RefContentInfo structure = readSignature(inputs, options.signature);
-    if (const PKCS7* const raw = structure; PKCS7_type_is_signed(raw) == 0)
-        throw Failure(inputName(options.signature) + " holds no signature but " + objectName(raw->type));
-    const CMS::SignedData data = CMS::signedData(structure);
-    TextOutput out;
-    if (data.signerInfo().empty()) {
-        out.line("no signer");
-        out.flush();
-        return Exit::refused;
-    }
-    const CarriedContent carried = CMS::carriedContent(structure);
-    checkBody(options, carried);
-    const CMS::SignatureReport report = [&] {
-        try {
-            return judge(structure, options, certificates, inputs);
-        } catch (const Norvane::Exception& failure) {
-            throw Failure("cannot judge the signatures in " + inputName(options.signature), failure);
+    if (options.out == "-")
+        throw Failure("the verdict goes to standard output: give --out a file for the content");
+    std::optional<ContentFile> content;
+    if (options.out)
+        content.emplace(*options.out, inputs);
+    Progress progress("verifying");
+    StructureFile file(inputs, options.signature, options.embedded ? &progress : nullptr);
+    file.readOnce();
+    return reading(file, [&] {
+        SignedReader message(file.structure());
+        if (message.isDetached()) {
+            file.requireEnd();
+            if (message.signers().empty())
+                return tellNoSigner();
         }
-    }();
-    std::size_t number = 0;
-    auto signer = data.signerInfo().begin();
-    for (const CMS::SignatureResult& result : report.signers)
-        out.line("signer " + std::to_string(++number) + ": " + verdictText(result, *signer++));
-    out.line(Norvane::escapeForDisplay(bodyText(report, options, carried)));
-    out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
-    out.flush();
-    return exitOf(report);
+        checkBody(options, message.isDetached());
+        const JudgedBody body = passBody(message, options, inputs, progress, content);
+        if (!message.isDetached())
+            file.requireEnd();
+        progress.clear();
+        if (message.signers().empty())
+            return tellNoSigner();
+        const std::vector<SignatureResult> results = judge(message, body, certificates);
+        tell(message, results, bodyText(body, options));
+        const Exit exit = exitOf(results);
+        if (content && exit == Exit::good) {
+            content->body.release();
+            content->file.commit();
+        }
+        return exit;
+    });
 }
 
 } // namespace
@@ -160,11 +290,13 @@ void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
     Command* command = commands.command(
         "verify", "Verifies every signature of a CMS structure; trust in the certificates is not checked");
-    command->option("--signature", options->signature, "The structure, DER or PEM")->typeName("SIG.p7s")->required();
+    command->option("--signature", options->signature, "The structure, DER, BER or PEM")
+        ->typeName("SIG.p7s")
+        ->required();
     command
         ->option("--cert", options->certificate,
-                 "Certificates to verify with, instead of those in the structure; each signer takes the one with its "
-                 "issuer and serial number")
+                 "Certificates to verify with, instead of those in the structure; each signer takes the one that it "
+                 "names")
         ->typeName("FILE");
     Option* body =
         command
@@ -172,12 +304,18 @@ void addVerify(Command& commands, Action& action) {
                 "--in", options->in,
                 "The body; \"-\", as without it, is standard input. A content in the structure must be equal to it")
             ->typeName("BODY");
+    Option* embedded =
+        command
+            ->flag("--embedded", options->embedded,
+                   "Judge the content that the structure carries; one that carries any needs this or --in")
+            ->excludes(body);
     command
-        ->flag("--embedded", options->embedded,
-               "Judge the content that the structure carries; one that carries any needs this or --in")
-        ->excludes(body);
-    command->footer("Exit code: 0 every signature is good, 1 one is not, 2 an algorithm or a kind of signer is not "
-                    "supported, or there is nothing to judge.");
+        ->option("--out", options->out,
+                 "The content that the structure carries, written only when every signature is good")
+        ->typeName("BODY")
+        ->needs(embedded);
+    command->footer("Structures and bodies may have any size. Exit code: 0 every signature is good, 1 one is not, 2 an "
+                    "algorithm is not supported, which is named, or there is nothing to judge.");
     command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
 }
 

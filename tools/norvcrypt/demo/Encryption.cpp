@@ -1,6 +1,7 @@
 #include "cms/TrialDecryption.h"
 #include "demo/Demo.h"
-#include "read/CmsFile.h"
+#include "files/HeldBody.h"
+#include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
 
 #include <norvcrypto/CMSEncryptionMedia.h>
@@ -31,20 +32,18 @@ void Demo::encrypt() {
 }
 
 std::string Demo::digestDecryptedBy(const std::string& name, const Identity& identity) {
-    TrialDecryption decryption({{certificateOf(identity), keyOf(identity), path(name + ".key")}});
-    {
-        Progress progress("decrypting");
-        readStructure(
-            m_inputs, path("message.p7m"), "the encrypted message",
-            [&](Norvane::MediaIn& structure) { decryption.open(structure, path("message.p7m")); }, &progress);
-    }
-    const DecryptionResult result = decryption.run(path("message.p7m"));
+    TrialDecryption decryption({{certificateOf(identity), keyOf(identity), path(name + ".key")}}, {}, {});
+    Norvane::Crypto::HasherMediaOut hasher(Norvane::Crypto::Hasher::SHA256);
+    HeldBody body(hasher);
+    Progress progress("decrypting");
+    StructureFile file(m_inputs, path("message.p7m"), &progress);
+    const DecryptionResult result = decryption.run(file, body);
+    progress.clear();
     for (const std::string& line : decryptionReport(result))
         tell("      " + line);
     if (!result.decrypted)
         return {};
-    Norvane::Crypto::HasherMediaOut hasher(Norvane::Crypto::Hasher::SHA256);
-    decryption.body().write(hasher);
+    decryption.deliver(body);
     hasher.end();
     return hasher.hasher()->digestAsHexString();
 }

@@ -17,13 +17,18 @@ namespace {
 
 constexpr unsigned int largestInMemory = 1U << 28U;
 
-/// Reads a descriptor through a buffer of fixed size.
+/// Reads a descriptor through a buffer of fixed size; much at once goes past the buffer. Goes back to where it began, if
+/// the descriptor is that of a file.
 class DescriptorSource : public Norvane::MediaInImpl {
 public:
     DescriptorSource(int descriptor, std::string name, Progress* progress)
         : m_descriptor(descriptor),
           m_name(std::move(name)),
-          m_progress(progress) {}
+          m_progress(progress) {
+        struct stat status {};
+        if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
+            m_begin = lseek(descriptor, 0, SEEK_CUR);
+    }
     ~DescriptorSource() override {
         if (m_descriptor != STDIN_FILENO)
             close(m_descriptor);
@@ -41,7 +46,16 @@ public:
     [[nodiscard]] int peek() const override { return atEnd() ? -1 : m_bytes[m_at]; }
     int read(unsigned char* out, unsigned int length) override {
         unsigned int done = 0;
-        while (done < length && !atEnd()) {
+        while (done < length) {
+            if (m_at == m_end && length - done >= atOnce) {
+                const std::size_t count = fetch(out + done, length - done);
+                if (count == 0)
+                    break;
+                done += static_cast<unsigned int>(count);
+                continue;
+            }
+            if (atEnd())
+                break;
             const auto count = std::min<std::size_t>(length - done, m_end - m_at);
             std::memcpy(out + done, m_bytes.data() + m_at, count);
             m_at += count;
@@ -49,30 +63,60 @@ public:
         }
         return static_cast<int>(done);
     }
+    Norvane::MediaOut& write(Norvane::MediaOut& out) override {
+        while (!atEnd()) {
+            out.write(m_bytes.data() + m_at, static_cast<unsigned int>(m_end - m_at));
+            m_at = m_end;
+        }
+        return out;
+    }
+    [[nodiscard]] unsigned long tell() const override {
+        return m_begin < 0 ? MediaInImpl::tell() : m_fetched - (m_end - m_at);
+    }
+    void setpos(unsigned long position) override {
+        if (m_begin < 0)
+            MediaInImpl::setpos(position);
+        if (lseek(m_descriptor, m_begin + static_cast<off_t>(position), SEEK_SET) < 0)
+            throw Failure("cannot read " + m_name, errno);
+        m_fetched = position;
+        m_at = m_end;
+        m_ended = false;
+    }
 
 private:
-    void fill() const {
-        if (m_at != m_end || m_ended)
-            return;
+    static constexpr unsigned int atOnce = 1U << 15U;
+
+    /// 0 at the end.
+    std::size_t fetch(unsigned char* out, std::size_t length) const {
+        if (m_ended)
+            return 0;
         ssize_t count = 0;
         do
-            count = ::read(m_descriptor, m_bytes.data(), m_bytes.size());
+            count = ::read(m_descriptor, out, length);
         while (count < 0 && errno == EINTR);
         if (count < 0)
             throw Failure("cannot read " + m_name, errno);
         m_ended = count == 0;
-        m_at = 0;
-        m_end = static_cast<std::size_t>(count);
+        m_fetched += static_cast<unsigned long>(count);
         if (m_progress != nullptr)
-            m_progress->advance(m_end);
+            m_progress->advance(static_cast<std::uint64_t>(count));
+        return static_cast<std::size_t>(count);
+    }
+    void fill() const {
+        if (m_at != m_end || m_ended)
+            return;
+        m_end = fetch(m_bytes.data(), m_bytes.size());
+        m_at = 0;
     }
 
     int m_descriptor;
     std::string m_name;
     Progress* m_progress;
+    off_t m_begin = -1; ///< where a file is gone back to
     mutable std::array<unsigned char, 65536> m_bytes{};
     mutable std::size_t m_at = 0;
     mutable std::size_t m_end = 0;
+    mutable unsigned long m_fetched = 0;
     mutable bool m_ended = false;
 };
 

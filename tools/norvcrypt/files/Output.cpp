@@ -254,8 +254,13 @@ void OutputFile::write(const void* bytes, std::size_t length) {
         fail(error);
 }
 
+void OutputFile::restart() {
+    if (isHeldBack() && (ftruncate(m_descriptor, 0) != 0 || lseek(m_descriptor, 0, SEEK_SET) != 0))
+        fail(errno);
+}
+
 void OutputFile::settle() {
-    if (!m_unnamed && m_temporary.empty())
+    if (!isHeldBack())
         return;
     // A file that is replaced stays its owner's, as far as we may give it away; a secret is ours.
     if (m_owner != static_cast<uid_t>(-1))
@@ -267,7 +272,7 @@ void OutputFile::settle() {
 
 void OutputFile::commit() {
     settle();
-    if (!m_unnamed && m_temporary.empty())
+    if (!isHeldBack())
         return;
     const Uninterrupted hold;
     takeName();

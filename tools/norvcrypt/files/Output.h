@@ -50,6 +50,10 @@ public:
 
     /// \throws Failure
     void write(const void* bytes, std::size_t length);
+    /// Whether what is written is seen by nobody before `commit`.
+    [[nodiscard]] bool isHeldBack() const noexcept { return m_unnamed || !m_temporary.empty(); }
+    /// Takes back all that was written, where that is held back. \throws Failure
+    void restart();
     /// Makes what was written durable, so that `commit` has little left that can fail: for files that belong together.
     /// \throws Failure
     void settle();

@@ -25,7 +25,11 @@ Progress::Progress(std::string what)
       m_next(std::chrono::steady_clock::now() + patience) {}
 
 Progress::~Progress() {
-    if (m_drawn)
+    clear();
+}
+
+void Progress::clear() {
+    if (std::exchange(m_drawn, false))
         show("\r\x1B[K");
 }
 

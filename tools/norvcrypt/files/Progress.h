@@ -19,6 +19,8 @@ public:
     void expect(std::uint64_t total) noexcept { m_total = total; }
     /// That many more bytes are done.
     void advance(std::uint64_t count);
+    /// Takes the bar away; it comes again when there is more.
+    void clear();
 
 private:
     void draw();

@@ -81,6 +81,14 @@ void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
             places.push_back(std::move(place));
 }
 
+std::string isoText(const std::tm& fields) {
+    std::array<char, 40> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "-%m-%dT%H:%M:%SZ", &fields);
+    // A year has four digits always, which %Y does not keep to.
+    const std::string year = std::to_string(10000 + fields.tm_year + 1900).substr(1);
+    return year + std::string(text.data(), length);
+}
+
 } // namespace
 
 std::string hexNumber(const ASN1_INTEGER* number) {
@@ -99,11 +107,12 @@ std::optional<std::string> isoTime(const ASN1_TIME* time) {
     // Null would mean the present time.
     if (time == nullptr || ASN1_TIME_to_tm(time, &fields) != 1)
         return std::nullopt;
-    std::array<char, 40> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "-%m-%dT%H:%M:%SZ", &fields);
-    // A year has four digits always, which %Y does not keep to.
-    const std::string year = std::to_string(10000 + fields.tm_year + 1900).substr(1);
-    return year + std::string(text.data(), length);
+    return isoText(fields);
+}
+
+std::string isoTime(std::time_t time) {
+    std::tm fields{};
+    return gmtime_r(&time, &fields) == nullptr ? std::string() : isoText(fields);
 }
 
 std::string objectName(const ASN1_OBJECT* object) {

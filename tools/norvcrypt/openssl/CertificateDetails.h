@@ -23,6 +23,7 @@ namespace norvcrypt {
 std::string hexNumber(const ASN1_INTEGER* number);
 /// "2026-01-31T12:00:00Z", or nothing for a time that is no proper one.
 std::optional<std::string> isoTime(const ASN1_TIME* time);
+std::string isoTime(std::time_t time);
 /// OpenSSL's long name of an object identifier, else its dotted form.
 std::string objectName(const ASN1_OBJECT* object);
 /// SHA-256 in lower-case hexadecimal of the DER that the library writes.

@@ -7,28 +7,57 @@ namespace norvcrypt {
 
 namespace {
 
+using Recipient = Norvane::Crypto::CMS::EnvelopeReader::Recipient;
+
+std::string noKeyText(Recipient::Kind kind) {
+    switch (kind) {
+    case Recipient::password:
+        return "no password was given (--password-file)";
+    case Recipient::keyEncryptionKey:
+        return "no key-encryption key was given (--kek-file)";
+    default:
+        return "no key for it (event 0x300005A)";
+    }
+}
+
+/// Of one whose secret both sides have.
+std::string textOfSecret(const Attempt& attempt) {
+    const bool isPassword = attempt.kind == Recipient::password;
+    const std::string secret = (isPassword ? "password in " : "key-encryption key in ") + attempt.secretFile;
+    if (attempt.outcome == Attempt::Outcome::decrypted)
+        return "decrypted with the " + secret;
+    return "decryption with the " + secret + " failed, it is another one or the message is damaged";
+}
+
 std::string textOf(const Attempt& attempt) {
     using enum Attempt::Outcome;
     const std::string keyFile = attempt.identity ? attempt.identity->keyFile : "";
     switch (attempt.outcome) {
-    case decrypted:
-        return "decrypted with the key in " + keyFile + ", certificate SHA-256 " +
-               fingerprint(attempt.identity->certificate);
     case unnamed:
         return "its serial number is negative, no key can be asked for (event 0x300005B)";
     case noKey:
-        return "no key for it (event 0x300005A)";
+        return noKeyText(attempt.kind);
     case foreignKey:
         return "the private key in " + keyFile + " does not belong to its certificate (event 0x300005B)";
-    case noRsaKey:
-        return "the private key in " + keyFile + " is no RSA key (event 0x300005B)";
+    case unfitKey:
+        return "the private key in " + keyFile +
+               (attempt.kind == Recipient::keyTransport ? " is no RSA key (event 0x300005B)"
+                                                        : " is none that agrees on keys in this way (event 0x300005B)");
     case unsupported:
         return attempt.algorithm + " is not supported (event 0x300005B)";
+    case tooCostly:
+        return "not tried, " + attempt.algorithm;
     case notTried:
         return "not tried, the message has more recipients than a message may cost (event 0x300005F)";
+    case decrypted:
     case failed:
         break;
     }
+    if (!attempt.identity)
+        return textOfSecret(attempt);
+    if (attempt.outcome == decrypted)
+        return "decrypted with the key in " + keyFile + ", certificate SHA-256 " +
+               fingerprint(attempt.identity->certificate);
     return "decryption with the key in " + keyFile + " failed, the message is damaged (event 0x300005B)";
 }
 
@@ -54,8 +83,6 @@ std::vector<std::string> decryptionReport(const DecryptionResult& result) {
                             (attempt->recipient.empty() ? "" : ": ") + textOf(*attempt));
         }
     }
-    if (!result.unsupported.empty())
-        lines.push_back("not supported, and left out: " + inOneLine(result.unsupported));
     return lines;
 }
 

@@ -2,10 +2,10 @@
 #include "base/Failure.h"
 #include "openssl/CertificateDetails.h"
 #include "openssl/OpenSsl.h"
+#include "show/CmsDescription.h"
+#include "show/Facts.h"
 
-#include <norvcmsg/Media.h>
 #include <norvcrypto/Acceptance.h>
-#include <norvcrypto/CMS.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
 #include <norvcrypto/CrossCertificatePair.h>
@@ -18,109 +18,10 @@
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
-namespace CMS = Norvane::Crypto::CMS;
 using Norvane::Crypto::Key;
 using Norvane::Crypto::RefKey;
 
 namespace {
-
-void problem(Description& object, const std::string& text) {
-    object["problems"].push_back(text);
-}
-
-void putText(Description& object, const char* key, const std::string& text) {
-    if (!text.empty())
-        object[key] = text;
-}
-
-void putTexts(Description& object, const char* key, const std::vector<std::string>& texts) {
-    if (!texts.empty())
-        object[key] = texts;
-}
-
-void putNumber(Description& object, const char* key, const char* what, const ASN1_INTEGER* number) {
-    if (number == nullptr)
-        return;
-    object[key] = hexNumber(number);
-    if (ASN1_STRING_type(number) == V_ASN1_NEG_INTEGER)
-        problem(object, std::string("a negative ") + what);
-}
-
-void putTime(Description& object, const char* key, const ASN1_TIME* time) {
-    if (time == nullptr)
-        return;
-    if (const auto text = isoTime(time))
-        object[key] = *text;
-    else
-        problem(object, std::string(key) + " is no proper time");
-}
-
-Description listFacts(const NVX509::RefCertificateRevocationList& list) {
-    X509_CRL* const crl = list;
-    Description facts = Description::object();
-    putText(facts, "issuer", displayName(list->crlInfo().issuer()));
-    putTime(facts, "thisUpdate", X509_CRL_get0_lastUpdate(crl));
-    putTime(facts, "nextUpdate", X509_CRL_get0_nextUpdate(crl));
-    const QuietQuestion quiet;
-    const IntegerPtr number(static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(crl, NID_crl_number, nullptr, nullptr)));
-    putNumber(facts, "crlNumber", "CRL number", number.get());
-    facts["delta"] = list->isDeltaCRL();
-    const STACK_OF(X509_REVOKED)* revoked = X509_CRL_get_REVOKED(crl);
-    facts["entries"] = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
-    facts["sha256"] = fingerprint(list);
-    return facts;
-}
-
-Description issuerAndSerial(const CMS::IssuerAndSerialNumber& name, const PKCS7_ISSUER_AND_SERIAL* raw) {
-    Description facts = Description::object();
-    putText(facts, "issuer", displayName(name.issuer()));
-    if (raw != nullptr)
-        putNumber(facts, "serial", "serial number", raw->serial);
-    return facts;
-}
-
-void putSigned(Description& facts, const CMS::RefContentInfo& content) {
-    const CMS::SignedData data = CMS::signedData(content);
-    facts["detached"] = CMS::embeddedContent(content).isNull();
-    facts["signers"] = Description::array();
-    for (const CMS::SignerInfo& signer : data.signerInfo()) {
-        const PKCS7_SIGNER_INFO* const raw = signer;
-        Description one = issuerAndSerial(signer.issuerAndSerialNumber(), raw->issuer_and_serial);
-        putText(one, "digestAlgorithm", objectName(raw->digest_alg->algorithm));
-        putText(one, "signatureAlgorithm", objectName(raw->digest_enc_alg->algorithm));
-        facts["signers"].push_back(one);
-    }
-    facts["certificates"] = Description::array();
-    for (const NVX509::RefCertificate& certificate : data.certificates())
-        facts["certificates"].push_back(certificateFacts(certificate));
-    facts["crls"] = Description::array();
-    for (const NVX509::RefCertificateRevocationList& list : data.certificateRevocationLists())
-        facts["crls"].push_back(listFacts(list));
-}
-
-void putRecipients(Description& facts, const STACK_OF(PKCS7_RECIP_INFO) * recipients) {
-    facts["recipients"] = Description::array();
-    for (int at = 0; at < sk_PKCS7_RECIP_INFO_num(recipients); ++at) {
-        const PKCS7_RECIP_INFO* const raw = sk_PKCS7_RECIP_INFO_value(recipients, at);
-        facts["recipients"].push_back(
-            issuerAndSerial(CMS::RecipientInfo(raw).issuerAndSerialNumber(), raw->issuer_and_serial));
-    }
-}
-
-Description cmsFacts(const Norvane::Buffer& der) {
-    Norvane::MemoryMediaIn in(der);
-    const CMS::RefContentInfo content(in);
-    const PKCS7* const structure = content;
-    Description facts = Description::object();
-    putText(facts, "contentType", objectName(structure->type));
-    if (PKCS7_type_is_signed(structure))
-        putSigned(facts, content);
-    else if (PKCS7_type_is_enveloped(structure) && structure->d.enveloped != nullptr)
-        putRecipients(facts, structure->d.enveloped->recipientinfo);
-    else if (PKCS7_type_is_signedAndEnveloped(structure) && structure->d.signed_and_enveloped != nullptr)
-        putRecipients(facts, structure->d.signed_and_enveloped->recipientinfo);
-    return facts;
-}
 
 Description keyFacts(Key::Type type, const Norvane::Buffer& der) {
     const RefKey key(type);
@@ -182,6 +83,22 @@ Description typed(const char* type, const Description& facts) {
 }
 
 } // namespace
+
+Description listFacts(const NVX509::RefCertificateRevocationList& list) {
+    X509_CRL* const crl = list;
+    Description facts = Description::object();
+    putText(facts, "issuer", displayName(list->crlInfo().issuer()));
+    putTime(facts, "thisUpdate", X509_CRL_get0_lastUpdate(crl));
+    putTime(facts, "nextUpdate", X509_CRL_get0_nextUpdate(crl));
+    const QuietQuestion quiet;
+    const IntegerPtr number(static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(crl, NID_crl_number, nullptr, nullptr)));
+    putNumber(facts, "crlNumber", "CRL number", number.get());
+    facts["delta"] = list->isDeltaCRL();
+    const STACK_OF(X509_REVOKED)* revoked = X509_CRL_get_REVOKED(crl);
+    facts["entries"] = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
+    facts["sha256"] = fingerprint(list);
+    return facts;
+}
 
 Description certificateFacts(const NVX509::RefCertificate& certificate) {
     X509* const x509 = certificate;

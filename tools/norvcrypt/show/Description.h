@@ -7,6 +7,7 @@
 #include "recognise/DerAndPem.h"
 
 #include <norvcrypto/Certificate.h>
+#include <norvcrypto/CertificateRevocationList.h>
 #include <norvcrypto/Key.h>
 
 #include <nlohmann/json.hpp>
@@ -19,7 +20,8 @@ using Description = nlohmann::ordered_json;
 /// object from being read stand under "problems". \throws Failure or Norvane::Exception: it cannot be read
 Description describe(const FoundObject& object);
 
-/// What `describe` tells of a certificate or a key, without the type.
+/// What `describe` tells of a certificate, a list or a key, without the type.
+Description listFacts(const Norvane::Crypto::NVX509::RefCertificateRevocationList& list);
 Description certificateFacts(const Norvane::Crypto::NVX509::RefCertificate& certificate);
 Description keyFacts(const Norvane::Crypto::RefKey& key);
 
