@@ -265,8 +265,8 @@ TEST_F(SignAlgorithmsToolTest, EmptyBodyAndBodiesAroundAPiece) {
 }
 
 TEST_F(SignAlgorithmsToolTest, SetOfAttributesIsSignedUnderAttributesAlone) {
-    const std::string attributes = "\x31\x0F\x30\x0D\x06\x09\x2A\x86\x48\x86\xF7\x0D\x01\x09\x03\x31\x00";
-    work.write("body", std::string(attributes.c_str(), 16) + std::string(1, '\0'));
+    work.write("body", norvauthority::Bytes{0x31, 0x0F, 0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D,
+                                            0x01, 0x09, 0x03, 0x31, 0x00});
     before = work.names();
     for (const char* how : {"--attached", "--pss", "--key-identifier"})
         expectFailure(sign({"alice"}, {how, "--in", "body", "--out", "new"}),

@@ -1,7 +1,7 @@
 #include "files/Body.h"
 
 #include <algorithm>
-#include <string.h> // explicit_bzero
+#include <cstring> // explicit_bzero of <string.h> too
 #include <sys/stat.h>
 #include <unistd.h>
 
