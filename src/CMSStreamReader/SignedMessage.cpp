@@ -86,6 +86,17 @@ Octets SignedMessage::takePrimitive(std::uint32_t tag, std::size_t limit) {
     return contentOf(m_reader.take(limit));
 }
 
+/// An identifier that OpenSSL takes for one. One without octets, above all, would let a countersignature, whose content
+/// has no type, pass for a signature.
+Octets SignedMessage::takeContentType() {
+    m_reader.expect(framing::objectIdentifier);
+    const Octets element = m_reader.take(longestIdentifier);
+    if (openssl::objectOf(element) == nullptr) {
+        throw Broken(Fault::malformed);
+    }
+    return contentOf(element);
+}
+
 /// The elements of the next one, which must be constructed.
 Octets SignedMessage::takeElements(std::size_t limit) {
     if (!m_reader.next()->constructed) {
@@ -111,7 +122,7 @@ void SignedMessage::readHead() {
     readDigestAlgorithms(takeElements(m_budget.head));
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_contentType = takePrimitive(framing::objectIdentifier, longestIdentifier);
+    m_contentType = takeContentType();
     if (m_reader.next() == nullptr) {
         m_isDetached = true;
         m_announced.clear();
