@@ -157,7 +157,9 @@ struct EnvelopeReaderImpl::Search {
     std::vector<Later> ofOtherNames;
     std::optional<std::size_t> failed; ///< the first one whose key did not open
     std::string unsupported;
-    const unsigned char* unsupportedAlgorithm = nullptr; ///< which the keys of one agreement share
+    // Those that were looked at last: the keys of one agreement share one.
+    const unsigned char* unsupportedAlgorithm = nullptr;
+    const unsigned char* unfittingAlgorithm = nullptr; ///< with a key of another kind
 
     const Answer* ask(const RecipientParts& parts);
 };
@@ -186,7 +188,7 @@ bool EnvelopeReaderImpl::open(const KeyLookup& keys) {
     if (!mayOpen()) {
         return false;
     }
-    Search search{keys, {}, {}, std::nullopt, {}, nullptr};
+    Search search{keys, {}, {}, std::nullopt, {}, nullptr, nullptr};
     RecipientWalk walk(m_frame.recipients());
     std::size_t number = 0;
     for (auto parts = walk.next(); parts; parts = walk.next(), ++number) {
@@ -225,13 +227,18 @@ bool EnvelopeReaderImpl::consider(Search& search, const RecipientParts& parts, s
 }
 
 bool EnvelopeReaderImpl::tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number) {
-    if (parts.algorithm.data() == search.unsupportedAlgorithm || !fits(parts.kind, key)) {
+    const bool fitting = fits(parts.kind, key);
+    if (parts.algorithm.data() == search.unsupportedAlgorithm ||
+        (!fitting && parts.algorithm.data() == std::exchange(search.unfittingAlgorithm, parts.algorithm.data()))) {
         return false;
     }
     const RecipientAlgorithms algorithms(parts);
     if (std::string name = algorithms.unsupported(); !name.empty()) {
         search.unsupported = search.unsupported.empty() ? std::move(name) : search.unsupported;
         search.unsupportedAlgorithm = parts.algorithm.data();
+        return false;
+    }
+    if (!fitting) {
         return false;
     }
     if (m_operations == m_budget.privateKeyOperations) {
