@@ -115,7 +115,7 @@ class NORVCRYPTO_EXPORT EnvelopeReader : public MediaIn, private NonCopyable {
 public:
     /// What a sender, of whom nothing is known, may choose. What is beyond is refused with a `TooCostlyException` (Key.h)
     /// whose text names the member; the message is not damaged then. Elements within elements to more than 32 levels, which
-    /// no sender makes, count as damage.
+    /// no sender makes, count as damage. 2^31 - 1 octets before and behind the content are the most whatever is asked for.
     struct Budget {
         std::uint32_t head = 4U << 20U;   ///< octets before the content: originator information, recipients, algorithm
         std::uint32_t tail = 4U << 20U;   ///< octets behind it: attributes, tag

@@ -43,6 +43,9 @@ Octets octetsOf(const Buffer& buffer) noexcept {
 
 EnvelopeReaderImpl::EnvelopeReaderImpl(const MediaIn& in, const Budget& budget) : m_budget(budget), m_frame(in) {
     const Octets source = inMemory(in);
+    constexpr std::uint32_t longest = std::numeric_limits<std::int32_t>::max(); // OpenSSL counts no further
+    m_budget.head = std::min(m_budget.head, longest);
+    m_budget.tail = std::min(m_budget.tail, longest);
     try {
         readHead();
         if (countRecipients(m_frame.recipients(), m_budget.recipients) > m_budget.recipients) {
@@ -100,12 +103,15 @@ void EnvelopeReaderImpl::readHead() {
 const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
     if (m_recipientOctets == nullptr) {
         const Octets all = m_frame.recipients();
-        m_recipientOctets = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
-        RecipientWalk walk(*m_recipientOctets);
+        const auto octets = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
+        std::vector<Recipient> recipients;
+        RecipientWalk walk(*octets);
         while (const auto parts = walk.next()) {
-            m_recipients.push_back(
-                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{m_recipientOctets, *parts})));
+            recipients.push_back(
+                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{octets, *parts})));
         }
+        m_recipients = std::move(recipients); // all of them, or none when there is no memory
+        m_recipientOctets = octets;
     }
     return m_recipients;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace Norvane::Crypto::CMS {
 
@@ -22,6 +23,7 @@ namespace {
 
 constexpr std::size_t longestIdentifier = 1024;
 constexpr std::size_t longestVersion = 64;
+constexpr std::size_t longestPart = std::numeric_limits<std::int32_t>::max();
 /// What is digested and handed on at once: it stays in the processor's cache from one to the other.
 constexpr std::size_t sliceSize = std::size_t{32} << 10U;
 /// Different digest algorithms that are looked up; there are not as many.
@@ -55,6 +57,9 @@ Octets requireChoices(Octets octets) {
 SignedMessage::SignedMessage(const MediaIn& in, const SignedReader::Budget& budget)
     : m_budget(budget),
       m_reader(in, {32, budget.segments}) {
+    // Buffers and OpenSSL count no further.
+    m_budget.head = std::min(m_budget.head, longestPart);
+    m_budget.tail = std::min(m_budget.tail, longestPart);
     guarded([this] { readHead(); });
 }
 
@@ -262,8 +267,8 @@ void SignedMessage::readSigners(Octets signers) {
 }
 
 void SignedMessage::write(const unsigned char* data, std::size_t count) {
+    forgetVerdicts(); // before what they refer to moves
     digest({data, count});
-    forgetVerdicts();
 }
 
 void SignedMessage::forgetVerdicts() {
