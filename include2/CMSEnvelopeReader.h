@@ -26,19 +26,26 @@
 /// all of it was found authentic: `isAuthenticated()` tells which one a message is. Neither says who sent it: anybody may
 /// encrypt for a recipient.
 ///
+/// WHETHER A MESSAGE IS AUTHENTICATED IS THE CHOICE OF WHOEVER SENT IT LAST. Both structures carry the content key in the same
+/// recipients, so that anybody on the way can take those of an AuthEnvelopedData, put its octets into an EnvelopedData under
+/// a cipher without authentication, CFB or CBC, and have parts of the text come out among what he chose (RFC 9709 tells
+/// how). Who expects authenticated messages asks `isAuthenticated()` before `open`, and opens no other.
+///
 /// What is supported:
 /// - key transport: RSA with PKCS#1 1.5 or OAEP (SHA-1, SHA-2, any label)
 /// - key agreement: ECDH (RFC 5753; standard and cofactor; X9.63 with SHA-1 or SHA-2) and X25519, X448 (RFC 8418); AES key
 ///   wrap and that of triple DES
 /// - key-encryption keys under the same wraps; passwords with PBKDF2 (RFC 5652, 6.2.3 and 6.2.4)
-/// - content: the ciphers that `DecrypterMediaIn` decrypts; authenticated AES-GCM (RFC 5084), ChaCha20-Poly1305 (RFC 8103)
+/// - content: the ciphers that `DecrypterMediaIn` decrypts; authenticated AES-GCM (RFC 5084) with nonces of up to 128
+///   octets, ChaCha20-Poly1305 (RFC 8103)
 ///
 /// A failure of the key and one of the content look alike and come to the same work (RFC 3218): where no content key
 /// opens, a random one is used. What is told apart follows from what everybody can read in the message.
 ///
 /// From a source whose bytes lie in memory (`BytesInMemory`) nothing is copied, and an authenticated message is decrypted
-/// twice in place. From any other source nothing is read beyond the structure, and the content of an authenticated message
-/// is kept, encrypted, in memory up to 64 KB and in a file without a name (mode 0600) beyond.
+/// twice in place: who changes the bytes in between, as others may those of a mapped file, changes what comes out. From any
+/// other source nothing is read beyond the structure, and the content of an authenticated message is kept, encrypted, in
+/// memory up to 64 KB and in a file without a name (mode 0600) beyond.
 ///
 /// One reader is used by one thread at a time.
 
@@ -108,7 +115,7 @@ class NORVCRYPTO_EXPORT EnvelopeReader : public MediaIn, private NonCopyable {
 public:
     /// What a sender, of whom nothing is known, may choose. What is beyond is refused with a `TooCostlyException` (Key.h)
     /// whose text names the member; the message is not damaged then. Elements within elements to more than 32 levels, which
-    /// no sender makes, count as damage.
+    /// no sender makes, count as damage. 2^31 - 1 octets before and behind the content are the most whatever is asked for.
     struct Budget {
         std::uint32_t head = 4U << 20U;   ///< octets before the content: originator information, recipients, algorithm
         std::uint32_t tail = 4U << 20U;   ///< octets behind it: attributes, tag
@@ -195,8 +202,9 @@ public:
     /// \throws Exception "CMS::EnvelopeReader", code 4: a key was chosen before, or there is no content
     /// \throws TooCostlyException beyond `Budget::privateKeyOperations`
     bool open(const KeyLookup& keys);
-    /// Chooses a key for one recipient, whatever the certificate's name is. False as above.
-    /// \throws Exception likewise; the recipient is of another message or kind
+    /// Chooses a key for one recipient, whatever the certificate's name is. False as above, and when the recipient is of
+    /// another kind than what is given.
+    /// \throws Exception likewise; the recipient is of another message
     bool open(const Recipient& recipient, const NVX509::KeyCertificatePair& pair);
     /// \param key the octets of a key-encryption key
     bool open(const Recipient& recipient, const Buffer& key);

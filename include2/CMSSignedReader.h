@@ -81,7 +81,7 @@ struct SignerParts;
 /// - what the source throws, unchanged, and afterwards the above: "the source failed".
 class NORVCRYPTO_EXPORT SignedReader : public MediaIn, private NonCopyable {
 public:
-    /// How much a message may be kept of, in octets.
+    /// How much a message may be kept of, in octets; no more than 2^31 - 1 for `head` and `tail`.
     struct Budget {
         std::size_t head = std::size_t{4} << 20U;     ///< the digest algorithms
         std::size_t tail = std::size_t{4} << 20U;     ///< certificates, revocation lists and signers, each

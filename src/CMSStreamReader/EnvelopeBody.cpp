@@ -43,6 +43,9 @@ Octets octetsOf(const Buffer& buffer) noexcept {
 
 EnvelopeReaderImpl::EnvelopeReaderImpl(const MediaIn& in, const Budget& budget) : m_budget(budget), m_frame(in) {
     const Octets source = inMemory(in);
+    constexpr std::uint32_t longest = std::numeric_limits<std::int32_t>::max(); // OpenSSL counts no further
+    m_budget.head = std::min(m_budget.head, longest);
+    m_budget.tail = std::min(m_budget.tail, longest);
     try {
         readHead();
         if (countRecipients(m_frame.recipients(), m_budget.recipients) > m_budget.recipients) {
@@ -100,12 +103,15 @@ void EnvelopeReaderImpl::readHead() {
 const std::vector<EnvelopeReader::Recipient>& EnvelopeReaderImpl::recipients() {
     if (m_recipientOctets == nullptr) {
         const Octets all = m_frame.recipients();
-        m_recipientOctets = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
-        RecipientWalk walk(*m_recipientOctets);
+        const auto octets = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
+        std::vector<Recipient> recipients;
+        RecipientWalk walk(*octets);
         while (const auto parts = walk.next()) {
-            m_recipients.push_back(
-                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{m_recipientOctets, *parts})));
+            recipients.push_back(
+                Recipient(std::make_shared<const ReceivedRecipient>(ReceivedRecipient{octets, *parts})));
         }
+        m_recipients = std::move(recipients); // all of them, or none when there is no memory
+        m_recipientOctets = octets;
     }
     return m_recipients;
 }
@@ -157,7 +163,9 @@ struct EnvelopeReaderImpl::Search {
     std::vector<Later> ofOtherNames;
     std::optional<std::size_t> failed; ///< the first one whose key did not open
     std::string unsupported;
-    const unsigned char* unsupportedAlgorithm = nullptr; ///< which the keys of one agreement share
+    // Those that were looked at last: the keys of one agreement share one.
+    const unsigned char* unsupportedAlgorithm = nullptr;
+    const unsigned char* unfittingAlgorithm = nullptr; ///< with a key of another kind
 
     const Answer* ask(const RecipientParts& parts);
 };
@@ -186,7 +194,7 @@ bool EnvelopeReaderImpl::open(const KeyLookup& keys) {
     if (!mayOpen()) {
         return false;
     }
-    Search search{keys, {}, {}, std::nullopt, {}, nullptr};
+    Search search{keys, {}, {}, std::nullopt, {}, nullptr, nullptr};
     RecipientWalk walk(m_frame.recipients());
     std::size_t number = 0;
     for (auto parts = walk.next(); parts; parts = walk.next(), ++number) {
@@ -225,13 +233,18 @@ bool EnvelopeReaderImpl::consider(Search& search, const RecipientParts& parts, s
 }
 
 bool EnvelopeReaderImpl::tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number) {
-    if (parts.algorithm.data() == search.unsupportedAlgorithm || !fits(parts.kind, key)) {
+    const bool fitting = fits(parts.kind, key);
+    if (parts.algorithm.data() == search.unsupportedAlgorithm ||
+        (!fitting && parts.algorithm.data() == std::exchange(search.unfittingAlgorithm, parts.algorithm.data()))) {
         return false;
     }
     const RecipientAlgorithms algorithms(parts);
     if (std::string name = algorithms.unsupported(); !name.empty()) {
         search.unsupported = search.unsupported.empty() ? std::move(name) : search.unsupported;
         search.unsupportedAlgorithm = parts.algorithm.data();
+        return false;
+    }
+    if (!fitting) {
         return false;
     }
     if (m_operations == m_budget.privateKeyOperations) {

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace Norvane::Crypto::CMS {
 
@@ -22,6 +23,7 @@ namespace {
 
 constexpr std::size_t longestIdentifier = 1024;
 constexpr std::size_t longestVersion = 64;
+constexpr std::size_t longestPart = std::numeric_limits<std::int32_t>::max();
 /// What is digested and handed on at once: it stays in the processor's cache from one to the other.
 constexpr std::size_t sliceSize = std::size_t{32} << 10U;
 /// Different digest algorithms that are looked up; there are not as many.
@@ -55,6 +57,9 @@ Octets requireChoices(Octets octets) {
 SignedMessage::SignedMessage(const MediaIn& in, const SignedReader::Budget& budget)
     : m_budget(budget),
       m_reader(in, {32, budget.segments}) {
+    // Buffers and OpenSSL count no further.
+    m_budget.head = std::min(m_budget.head, longestPart);
+    m_budget.tail = std::min(m_budget.tail, longestPart);
     guarded([this] { readHead(); });
 }
 
@@ -86,6 +91,17 @@ Octets SignedMessage::takePrimitive(std::uint32_t tag, std::size_t limit) {
     return contentOf(m_reader.take(limit));
 }
 
+/// An identifier that OpenSSL takes for one. One without octets, above all, would let a countersignature, whose content
+/// has no type, pass for a signature.
+Octets SignedMessage::takeContentType() {
+    m_reader.expect(framing::objectIdentifier);
+    const Octets element = m_reader.take(longestIdentifier);
+    if (openssl::objectOf(element) == nullptr) {
+        throw Broken(Fault::malformed);
+    }
+    return contentOf(element);
+}
+
 /// The elements of the next one, which must be constructed.
 Octets SignedMessage::takeElements(std::size_t limit) {
     if (!m_reader.next()->constructed) {
@@ -111,7 +127,7 @@ void SignedMessage::readHead() {
     readDigestAlgorithms(takeElements(m_budget.head));
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_contentType = takePrimitive(framing::objectIdentifier, longestIdentifier);
+    m_contentType = takeContentType();
     if (m_reader.next() == nullptr) {
         m_isDetached = true;
         m_announced.clear();
@@ -251,8 +267,8 @@ void SignedMessage::readSigners(Octets signers) {
 }
 
 void SignedMessage::write(const unsigned char* data, std::size_t count) {
+    forgetVerdicts(); // before what they refer to moves
     digest({data, count});
-    forgetVerdicts();
 }
 
 void SignedMessage::forgetVerdicts() {

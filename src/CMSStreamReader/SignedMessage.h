@@ -51,6 +51,7 @@ private:
 
     template <class Work> void guarded(Work work);
     framing::Octets takePrimitive(std::uint32_t tag, std::size_t limit);
+    framing::Octets takeContentType();
     framing::Octets takeElements(std::size_t limit);
     void readHead();
     void readDigestAlgorithms(framing::Octets algorithms);

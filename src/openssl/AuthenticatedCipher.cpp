@@ -56,7 +56,7 @@ bool readGcmParameters(const X509_ALGOR& algorithm, std::vector<unsigned char>& 
     }
     framing::Elements parts(*sequence);
     const auto octets = parts.nextUniversal(framing::octetString);
-    if (!octets || octets->header.constructed || octets->content.empty() || octets->content.size() > longestNonce) {
+    if (!octets || octets->header.constructed || octets->content.empty()) {
         return false;
     }
     nonce.assign(octets->content.begin(), octets->content.end());
@@ -88,7 +88,17 @@ CipherPtr counterMode(std::size_t keyLength) {
 } // namespace
 
 std::string unsupportedAuthenticatedCipher(const X509_ALGOR* algorithm) {
-    return authenticatedCipherOf(algorithm) != nullptr ? "" : algorithmName(algorithmIdentifier(algorithm));
+    const CipherPtr cipher = authenticatedCipherOf(algorithm);
+    std::vector<unsigned char> nonce;
+    std::size_t tagLength = 0;
+    if (cipher == nullptr) {
+        return algorithmName(algorithmIdentifier(algorithm));
+    }
+    if (EVP_CIPHER_get_mode(cipher.get()) == EVP_CIPH_GCM_MODE && readGcmParameters(*algorithm, nonce, tagLength) &&
+        nonce.size() > longestNonce) {
+        return algorithmName(algorithm->algorithm) + " with a nonce of " + std::to_string(nonce.size()) + " octets";
+    }
+    return {};
 }
 
 bool AuthenticatedCipher::isGcm() const noexcept {
@@ -99,9 +109,10 @@ std::optional<AuthenticatedCipher> AuthenticatedCipher::of(const X509_ALGOR& alg
     AuthenticatedCipher cipher;
     cipher.m_cipher = authenticatedCipherOf(&algorithm);
     cipher.m_tagLength = longestTag;
-    const bool sound =
-        cipher.m_cipher != nullptr && (cipher.isGcm() ? readGcmParameters(algorithm, cipher.m_nonce, cipher.m_tagLength)
-                                                      : readNonce(algorithm, cipher.m_nonce));
+    const bool sound = cipher.m_cipher != nullptr &&
+                       (cipher.isGcm() ? readGcmParameters(algorithm, cipher.m_nonce, cipher.m_tagLength) &&
+                                             cipher.m_nonce.size() <= longestNonce
+                                       : readNonce(algorithm, cipher.m_nonce));
     return sound ? std::optional(std::move(cipher)) : std::nullopt;
 }
 

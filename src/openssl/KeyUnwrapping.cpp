@@ -45,6 +45,15 @@ const EVP_MD* digestOf(const X509_ALGOR* function) {
     return EVP_PBE_find(EVP_PBE_TYPE_PRF, nid, nullptr, &digest, nullptr) == 1 ? EVP_get_digestbynid(digest) : nullptr;
 }
 
+/// Nothing for more than OpenSSL counts; zero for a number that stands for no hashing at all.
+std::optional<std::int64_t> valueOf(const ASN1_INTEGER* number) noexcept {
+    std::int64_t value = 0;
+    if (ASN1_STRING_type(number) == V_ASN1_NEG_INTEGER) {
+        return 0;
+    }
+    return ASN1_INTEGER_get_int64(&value, number) == 1 && value <= INT_MAX ? std::optional(value) : std::nullopt;
+}
+
 /// Fills the key that a password stands for.
 bool deriveKey(const X509_ALGOR& derivation, std::span<const unsigned char> password, Secret& key) {
     const Pbkdf2Ptr parameters = pbkdf2Of(derivation);
@@ -56,10 +65,14 @@ bool deriveKey(const X509_ALGOR& derivation, std::span<const unsigned char> pass
                                              announced != static_cast<std::int64_t>(key.size()))) {
         return false;
     }
+    const auto iterations = valueOf(parameters->iter);
+    if (!iterations || *iterations == 0) {
+        return false;
+    }
     const ASN1_OCTET_STRING* salt = parameters->salt->value.octet_string;
     return derivePbkdf2(digestOf(parameters->prf), password,
                         {ASN1_STRING_get0_data(salt), static_cast<std::size_t>(ASN1_STRING_length(salt))},
-                        static_cast<std::uint32_t>(ASN1_INTEGER_get(parameters->iter)), key);
+                        static_cast<std::uint32_t>(*iterations), key);
 }
 
 bool decryptBlocks(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, std::size_t length) {
@@ -168,14 +181,7 @@ std::string unsupportedPassword(const PasswordEncryption& algorithms) {
 std::optional<std::int64_t> iterationsOf(const PasswordEncryption& algorithms) {
     const ErrorMark mark;
     const Pbkdf2Ptr parameters = algorithms.derivation == nullptr ? nullptr : pbkdf2Of(*algorithms.derivation);
-    std::int64_t iterations = 0;
-    if (parameters == nullptr) {
-        return 1; // nothing is hashed for it
-    }
-    if (ASN1_INTEGER_get_int64(&iterations, parameters->iter) != 1 || iterations < 1 || iterations > INT_MAX) {
-        return std::nullopt;
-    }
-    return iterations;
+    return parameters == nullptr ? 0 : valueOf(parameters->iter);
 }
 
 WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const unsigned char> password,

@@ -35,7 +35,7 @@ struct PasswordEncryption {
 /// The name of what is in the way when it is not PBKDF2 with a known function, or the key is not encrypted under a
 /// cipher of blocks that are chained; else empty.
 std::string unsupportedPassword(const PasswordEncryption& algorithms);
-/// How often the password is hashed; nothing for a number that is below 1 or beyond 2^31 - 1.
+/// How often the password is hashed: zero for a number below 1, with which nothing opens; nothing for one beyond 2^31 - 1.
 std::optional<std::int64_t> iterationsOf(const PasswordEncryption& algorithms);
 /// The content key; empty when the password does not open it. The error queue stays as it is.
 /// \param algorithms supported ones whose iterations are affordable

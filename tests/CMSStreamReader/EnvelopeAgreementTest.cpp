@@ -130,6 +130,20 @@ TEST(EnvelopeAgreement, WhatIsNotSupportedIsNamed) {
                       "dhpublicnumber (1.2.840.10046.2.1)");
 }
 
+TEST(EnvelopeAgreement, WhatIsNotSupportedIsNamedWhateverTheKeyIs) {
+    // Who has a key for an agreement that is unknown here has one of a kind that agrees to nothing here.
+    const Identity person = personWith("ED25519", "113");
+    const Bytes key = der::sequence({nameIn(person), der::octetString(Bytes(24, 1))});
+    const Bytes originator = originatorKey("1.2.840.10046.2.1", Bytes(65, 4));
+    const Bytes message =
+        authEnveloped({.recipients = {agreement(
+                           {.scheme = "1.2.840.113549.1.9.16.3.5", .originator = originator, .keys = {key, key}})}});
+    const Outcome outcome = outcomeOf(message, From::memory, withKeys({&person}));
+    EXPECT_FALSE(outcome.opened);
+    EXPECT_EQ(outcome.verdict, Reader::Unsupported);
+    EXPECT_EQ(outcome.unsupported, "id-smime-alg-ESDH (1.2.840.113549.1.9.16.3.5)");
+}
+
 TEST(EnvelopeAgreement, KeysOfTheSenderThatAreNone) {
     const Identity person = personWith("P-256", "101");
     const norvauthority::Key other = keyOn("P-384");

@@ -80,10 +80,18 @@ TEST(EnvelopeAuthenticated, NoncesOfOneToAHundredAndTwentyEightOctets) {
             expectOpens(parts);
         }
     }
-    for (const std::size_t length : {0U, 129U, 1000U}) {
-        AuthParts parts = forAlice();
+    AuthParts parts = forAlice();
+    parts.parameters = gcmParameters(Bytes(), "");
+    expectNoStructure(parts);
+    for (const std::size_t length : {129U, 1000U}) { // of any length by NIST SP 800-38D, 5.2.1.1
         parts.parameters = gcmParameters(Bytes(length, 0x44), "");
-        expectNoStructure(parts);
+        for (const From from : {From::memory, From::stream}) {
+            const Outcome outcome = outcomeOf(authEnveloped(parts), from, withKeys({&alice()}));
+            EXPECT_FALSE(outcome.opened);
+            EXPECT_EQ(outcome.verdict, Reader::Unsupported);
+            EXPECT_EQ(outcome.unsupported,
+                      "id-aes128-GCM (2.16.840.1.101.3.4.1.6) with a nonce of " + std::to_string(length) + " octets");
+        }
     }
 }
 
@@ -206,6 +214,23 @@ TEST(EnvelopeAuthenticated, CiphersOfTheOtherStructureAreUnsupported) {
     expectUnsupported(unknown, "1.2.3.4");
     const Outcome read = outcomeOf(unknown, From::memory, [](Reader&) { return true; });
     EXPECT_EQ(read.text, "not supported: 1.2.3.4");
+}
+
+/// What the caller has to see: the same content key decrypts under a cipher without a tag, too (RFC 9709, 1).
+TEST(EnvelopeAuthenticated, OnTheWayAMessageCanBeMadeOneThatIsNot) {
+    const AuthParts parts = forAlice();
+    Bytes counter = parts.nonce;
+    der::append(counter, {0, 0, 0, 2});
+    const CipherContext context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    EVP_EncryptInit_ex(context.get(), EVP_aes_128_ctr(), nullptr, parts.key.data(), counter.data());
+    const Bytes first(parts.body.begin(), parts.body.begin() + 16);
+    const Bytes message =
+        envelope({.recipients = parts.recipients,
+                  .cipher = der::sequence({der::oid("2.16.840.1.101.3.4.1.4"), der::octetString(counter)}), // CFB
+                  .content = contentElement(encryptedWith(context.get(), first))});
+    EXPECT_TRUE(Reader(Norvane::MemoryMediaIn(bufferOf(authEnveloped(parts)))).isAuthenticated());
+    EXPECT_FALSE(Reader(Norvane::MemoryMediaIn(bufferOf(message))).isAuthenticated());
+    EXPECT_EQ(outcomeOf(message, From::memory, withKeys({&alice()})).body, first);
 }
 
 TEST(EnvelopeAuthenticated, LargeContentGoesToAFileWithoutAName) {

@@ -113,6 +113,23 @@ TEST(SignedReaderRefusal, ABodyThatIsASetOfAttributes) {
     expectRefused(SignatureReason::bodyIsAttributes, attachedBy(signer, attributes));
 }
 
+/// One signature is no other's: who countersigned octets has not signed them as a content.
+TEST(SignedReaderRefusal, ACountersignatureIsNoSignatureOfAContent) {
+    HandMadeSigner countersigner; // no content type among its attributes (RFC 5652, 11.4)
+    countersigner.attributes =
+        std::vector<Bytes>{attribute(messageDigestAttribute, {der::octetString(digestOf(body()))})};
+    HandMade message{.digestAlgorithms = {countersigner.digestAlgorithm},
+                     .content = der::octetString(body()),
+                     .certificates = {identities().rsa.certificate.der},
+                     .signers = {countersigner.made(body())}};
+    expectRefused(SignatureReason::contentTypeMissing, message.made());
+    // Identifiers that are none, which no attribute can name.
+    for (const Bytes& none : {Bytes(), Bytes{0x80, 1}, Bytes{0x2A, 0x86}}) {
+        message.contentType = der::element(0x06, none);
+        EXPECT_EQ(faultOf(message.made()), "no BER or DER encoding");
+    }
+}
+
 TEST(SignedReaderRefusal, AttributesThatAreNotSorted) {
     // Signed as they were sent, and signed as RFC 5652, 5.4 has it.
     const std::vector<Bytes> sorted = usualAttributes(body());

@@ -85,13 +85,22 @@ Bytes keyAgreement(std::size_t keys, const std::string& scheme) {
 } // namespace
 
 TEST(EnvelopeWork, PasswordsAreHashedWithinTheBudgetAlone) {
-    for (const char* iterations : {"989680", "0f4241", "7fffffff", "00ffffffff", "0100000001", "00", "-01"}) {
+    for (const char* iterations : {"989680", "0f4241", "7fffffff", "00ffffffff", "0100000001"}) {
         const Bytes message = around({passwordRecipient({.iterations = iterations, .wrapped = Bytes(32, 1)})});
         const Counts counts = countsOf([&] {
             const Outcome outcome = outcomeOf(message, From::memory, withPassword("secret"));
             EXPECT_EQ(outcome.text, "the password would be hashed more times than 1000000 (Budget::passwordIterations)")
                 << iterations;
             EXPECT_EQ(outcome.verdict, Reader::Unopened);
+        });
+        EXPECT_EQ(counts.derivations, 0);
+    }
+    for (const char* iterations : {"00", "-01"}) { // not too many, but none
+        const Bytes message = around({passwordRecipient({.iterations = iterations, .wrapped = Bytes(32, 1)})});
+        const Counts counts = countsOf([&] {
+            const Outcome outcome = outcomeOf(message, From::memory, withPassword("secret"));
+            EXPECT_EQ(outcome.text, damagedText) << iterations;
+            EXPECT_EQ(outcome.verdict, Reader::Damaged);
         });
         EXPECT_EQ(counts.derivations, 0);
     }
@@ -168,6 +177,24 @@ TEST(EnvelopeWork, AnAgreementThatIsNotSupportedIsDecodedOnce) {
             .decoded;
     };
     EXPECT_EQ(decodedFor(1), decodedFor(5000));
+}
+
+TEST(EnvelopeWork, AnAgreementThatAKeyIsNotForIsDecodedOnce) {
+    // The recipients have another name than the certificate of the key, which a store may give all the same.
+    class Any : public CMS::KeyLookup {
+    public:
+        NVX509::KeyCertificatePair find(const CMS::CertificateIdentifier&) const override { return pairOf(alice()); }
+    };
+    const auto decodedFor = [](std::size_t keys) {
+        const Bytes message = around({keyAgreement(keys, "1.3.132.1.11.1")});
+        return countsOf([&] {
+                   EXPECT_FALSE(
+                       outcomeOf(message, From::memory, [](Reader& reader) { return reader.open(Any()); }).opened);
+               })
+            .decoded;
+    };
+    EXPECT_EQ(decodedFor(2) - decodedFor(1), decodedFor(8) - decodedFor(7));
+    EXPECT_LE(decodedFor(2) - decodedFor(1), 1); // its name
 }
 
 TEST(EnvelopeWork, NothingIsDoneForAnUnsupportedCipher) {

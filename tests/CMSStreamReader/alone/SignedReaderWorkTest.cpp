@@ -8,6 +8,10 @@
 #include <cstdlib>
 #include <new>
 
+#include <norvcmsg/BytesInMemory.h>
+
+#include <sys/mman.h>
+
 using namespace cmstest;
 using CMS::SignatureReason;
 using CMS::SignatureReport;
@@ -335,6 +339,51 @@ TEST(SignedReaderWork, WhatIsKeptIsBounded) {
         EXPECT_THROW(SignedReader other(short_), Norvane::Exception);
         EXPECT_LT(s_allocated, 200000U);
     }
+}
+
+/// A source over memory that nobody else holds, most of which was never touched.
+class LargeIn : public Norvane::MediaInImpl, public Norvane::BytesInMemory {
+public:
+    explicit LargeIn(std::size_t length) : m_length(length) {
+        m_data = static_cast<unsigned char*>(
+            mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        EXPECT_NE(m_data, MAP_FAILED);
+    }
+    ~LargeIn() override { munmap(m_data, m_length); }
+    void put(std::size_t at, const Bytes& octets) { std::copy(octets.begin(), octets.end(), m_data + at); }
+    using MediaInImpl::read;
+    bool atEnd() const override { return left() == 0; }
+    int peek() const override { return atEnd() ? -1 : *rest(); }
+    int read(unsigned char*, unsigned int) override { return 0; }
+    const unsigned char* rest() const noexcept override { return m_data + m_position; }
+    unsigned long left() const noexcept override { return m_length - m_position; }
+    void skip(unsigned long count) noexcept override { m_position += count; }
+
+private:
+    std::size_t m_length;
+    std::size_t m_position = 0;
+    unsigned char* m_data = nullptr;
+};
+
+/// Elements that a `Buffer` cannot hold are refused, not cut off.
+TEST(SignedReaderWork, PartsBeyondTwoGibibytesAreRefusedWhateverTheBudgetIs) {
+    Bytes head{0x30, 0x80};
+    der::append(head, der::oid("1.2.840.113549.1.7.2"));
+    der::append(head, {0xA0, 0x80, 0x30, 0x80, 0x02, 0x01, 0x01, 0x31, 0x00});
+    der::append(head, der::sequence({der::oid("1.2.840.113549.1.7.1")}));
+    der::append(head, {0xA0, 0x88, 0, 0, 0, 1, 0, 0, 0, 26});
+    der::append(head, {0x30, 0x88, 0, 0, 0, 1, 0, 0, 0, 16}); // a certificate of 4 GiB
+    const std::size_t behind = head.size() + (std::size_t{1} << 32U) + 16;
+    const Bytes tail{0x31, 0x00, 0, 0, 0, 0, 0, 0};
+    const Norvane::MediaIn source(Norvane::makeReference<LargeIn, Norvane::MediaInImpl>(behind + tail.size()));
+    auto& memory = dynamic_cast<LargeIn&>(*source.operator->());
+    memory.put(0, head);
+    memory.put(behind, tail);
+    SignedReader::Budget budget;
+    budget.tail = std::numeric_limits<std::size_t>::max();
+    const auto thrown =
+        norvtest::thrownBy([&] { EXPECT_EQ(SignedReader(source, budget).encodedCertificates().front().length(), 0U); });
+    EXPECT_EQ(norvtest::detailOf(thrown), "an element that is too long");
 }
 
 TEST(SignedReaderWork, SegmentsCanBeBounded) {
