@@ -56,7 +56,9 @@ enum Cipher : int {
 };
 
 /// OpenSSL's description of a cipher (`const EVP_CIPHER*`); never null, and never to be freed. `initialize()` must have
-/// run before it is used: DES, Blowfish and CAST5 come from a provider that is loaded there, and IDEA from libgcrypt.
+/// run before it is used: DES, Blowfish and CAST5 come from a provider that is loaded there, and IDEA from libgcrypt. Streams
+/// keep AES and triple DES as OpenSSL's default provider has them from their first use on: default properties other than
+/// "fips" that a program sets later do not count for them.
 ///
 /// \throws Exception "const EVP_CIPHER* Norvane::Crypto::initializeCipher(Norvane::Crypto::Cipher)", code 4, file
 /// Encryption, line 81, "Unsupported CIPHER value " and the value in decimal: it is none of the eight
@@ -169,6 +171,9 @@ public:
     EncrypterMediaOut(const EncrypterMediaOut& other);
     EncrypterMediaOut& operator=(const EncrypterMediaOut& other);
     ~EncrypterMediaOut() override;
+
+    /// As `MediaOutDecorator::attach`, and sooner done for a handle that refers to the stream it was made with.
+    void attach(const MediaOut& target);
 };
 
 /// A sink that decrypts what is written to it; see `DecrypterMediaOutImpl` for writing and ending. Attach a target
@@ -186,6 +191,9 @@ public:
     DecrypterMediaOut(const DecrypterMediaOut& other);
     DecrypterMediaOut& operator=(const DecrypterMediaOut& other);
     ~DecrypterMediaOut() override;
+
+    /// As `MediaOutDecorator::attach`, and sooner done for a handle that refers to the stream it was made with.
+    void attach(const MediaOut& target);
 };
 
 } // namespace Norvane::Crypto

@@ -79,12 +79,12 @@ std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::authenticated(Octets source
 /// Likewise.
 std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::streamed() {
     const openssl::ErrorMark mark;
-    if (isUnsupported(openssl::unsupportedContentCipher(m_algorithm.get()))) {
-        return nullptr;
-    }
-    auto context = openssl::contextFor(m_algorithm.get());
+    auto context = openssl::contextFor(m_algorithm.get()); // null for a cipher that is not for content, too
     if (context != nullptr) {
         return std::make_unique<StreamedContent>(m_frame, m_budget.tail, std::move(context));
+    }
+    if (isUnsupported(openssl::unsupportedContentCipher(m_algorithm.get()))) {
+        return nullptr;
     }
     if (openssl::isAvailable(m_algorithm.get()) || !isUnsupported(cipher())) {
         throw Broken(Fault::unexpected);

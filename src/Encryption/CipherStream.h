@@ -4,6 +4,7 @@
 /// What encrypting and decrypting streams have in common, and what tells them apart.
 
 #include "failures/Raise.h"
+#include "openssl/DefaultCiphers.h"
 #include "openssl/Pointers.h"
 
 #include <norvcrypto/Encryption.h>
@@ -60,7 +61,7 @@ openssl::CipherContextPtr initializeContext(Cipher number, const Buffer& key, co
     if (!context) {
         throw std::bad_alloc();
     }
-    if (Direction::init(context.get(), cipher, key.data(), iv.data()) == 0) {
+    if (Direction::init(context.get(), openssl::implementationOf(cipher), key.data(), iv.data()) == 0) {
         failures::raise(Direction::context);
     }
     return context;

@@ -2,6 +2,7 @@
 #include "Encryption/CipherStream.h"
 
 #include <locale>
+#include <typeinfo>
 
 namespace Norvane::Crypto {
 
@@ -46,6 +47,27 @@ void DecrypterMediaOutImpl::end() {
     m_stream->end(target());
 }
 
+namespace {
+
+/// The stream of that very type that a handle refers to, or null. A cast from a virtual base walks through the classes and
+/// compares their names, which counts beside a short text; here one look at the type is enough.
+template <class Stream> Stream* exactly(MediaOutImpl* body) noexcept {
+    return body != nullptr && typeid(*body) == typeid(Stream) ? static_cast<Stream*>(dynamic_cast<void*>(body))
+                                                              : nullptr;
+}
+
+/// Whether the target was attached.
+template <class Stream> bool attachTo(MediaOutImpl* body, const MediaOut& target) {
+    auto* stream = exactly<Stream>(body);
+    if (stream == nullptr || (!target.isNull() && target.operator->() == body)) {
+        return false;
+    }
+    stream->attach(target);
+    return true;
+}
+
+} // namespace
+
 // The handle's reference is a virtual base, which the most derived class makes.
 EncrypterMediaOut::EncrypterMediaOut(Cipher cipher, const Buffer& key, const Buffer& iv)
     : MediaOut(makeReference<EncrypterMediaOutImpl, MediaOutImpl>(cipher, key, iv)) {}
@@ -59,6 +81,12 @@ EncrypterMediaOut& EncrypterMediaOut::operator=(const EncrypterMediaOut& other) 
 
 EncrypterMediaOut::~EncrypterMediaOut() = default;
 
+void EncrypterMediaOut::attach(const MediaOut& target) {
+    if (!attachTo<EncrypterMediaOutImpl>(bodyOrNull(), target)) {
+        MediaOutDecorator::attach(target);
+    }
+}
+
 DecrypterMediaOut::DecrypterMediaOut(Cipher cipher, const Buffer& key, const Buffer& iv)
     : MediaOut(makeReference<DecrypterMediaOutImpl, MediaOutImpl>(cipher, key, iv)) {}
 
@@ -70,5 +98,11 @@ DecrypterMediaOut& DecrypterMediaOut::operator=(const DecrypterMediaOut& other) 
 }
 
 DecrypterMediaOut::~DecrypterMediaOut() = default;
+
+void DecrypterMediaOut::attach(const MediaOut& target) {
+    if (!attachTo<DecrypterMediaOutImpl>(bodyOrNull(), target)) {
+        MediaOutDecorator::attach(target);
+    }
+}
 
 } // namespace Norvane::Crypto

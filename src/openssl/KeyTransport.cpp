@@ -7,6 +7,7 @@
 #include "openssl/Oaep.h"
 
 #include <openssl/objects.h>
+#include <openssl/params.h>
 #include <openssl/rsa.h>
 
 namespace Norvane::Crypto::openssl {
@@ -98,9 +99,12 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
 WipedBytes openPkcs1Key(EVP_PKEY* key, std::span<const unsigned char> encrypted) {
     const ErrorMark mark;
     return decryptKey(key, encrypted, [](EVP_PKEY_CTX* context) {
-        // Releases that answer a wrong padding with a random text would have it taken for a content key; those that do
-        // not know the setting refuse it.
-        static_cast<void>(EVP_PKEY_CTX_ctrl_str(context, "rsa_pkcs1_implicit_rejection", "0"));
+        // Releases that answer a wrong padding with a random text would have it taken for a content key. Those that do
+        // not know the setting refuse it, at some length, and are better not asked.
+        const OSSL_PARAM* known = EVP_PKEY_CTX_settable_params(context);
+        if (known == nullptr || OSSL_PARAM_locate_const(known, "implicit-rejection") != nullptr) {
+            static_cast<void>(EVP_PKEY_CTX_ctrl_str(context, "rsa_pkcs1_implicit_rejection", "0"));
+        }
         return true;
     });
 }
