@@ -349,7 +349,7 @@ TEST_P(Lazy, CutAnywhereIsRefusedAsOpensslRefusesIt) {
 
 TEST_P(Lazy, ChangedAnywhereIsWhatOpensslMakesOfIt) {
     Tally tally;
-    std::mt19937 random(1); // the same in every run
+    std::mt19937 random(1);                            // the same in every run
     const std::size_t step = 1 + seed().size() / 1500; // of dozens of alike certificates, not every octet
     for (std::size_t at = 0; at < seed().size() && !HasFailure(); at += step) {
         SCOPED_TRACE(at);
