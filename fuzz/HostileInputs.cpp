@@ -1,5 +1,7 @@
 #include "HostileInputs.h"
 
+#include "HostileMessages.h"
+
 #include "EnvelopeKey.h"
 
 #include "support/Costly.h"
@@ -314,7 +316,8 @@ const std::string emptySequence("\x30\x00", 2);
 // Growth is linear to the exponent 1; what sorts is a little above, and what a constant hides is below. Where the exponent
 // may be more, the size is bounded: beyond the bound stands in a row of its own.
 const std::vector<Case>& hostileInputs() {
-    static const std::vector<Case> all{
+    static const std::vector<Case> all = [] {
+        std::vector<Case> cases{
         {"certificate, relative points of a long name", "points, entries", 250, 1.2, relativePointsOfALongName},
         {"the same, within what is let in", "points, entries", 8, 1.2, relativePointsOfALongName},
         {"certificate, general names", "names", 1000, 1.2, manyGeneralNames},
@@ -344,7 +347,11 @@ const std::vector<Case>& hostileInputs() {
          [](std::size_t count) { return file(repeated(emptySequence, count)); }},
         {"file, damaged PEM blocks", "blocks", 500, 1.2,
          [](std::size_t count) { return file(repeated("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count)); }},
-    };
+        };
+        const std::vector<Case> messages = hostileMessages();
+        cases.insert(cases.end(), messages.begin(), messages.end());
+        return cases;
+    }();
     return all;
 }
 

@@ -233,7 +233,9 @@ const char* textOf(Outcome outcome) noexcept {
     case Outcome::missingParameters:
         return "a cipher without an initialisation vector, or behind one that is none (RFC 3565, 4.1)";
     case Outcome::attributesNotDer:
-        return "authenticated attributes that are not in DER (RFC 5083, 2.1)";
+        return "authenticated or signed attributes that are not in DER (RFC 5083, 2.1; RFC 5652, 5.4)";
+    case Outcome::contentTypeUnnamed:
+        return "authenticated content other than data without the attribute that says so (RFC 5083, 2.1)";
     case Outcome::severalStricter:
         return "several of the above together";
     case Outcome::attributesForbidden:
@@ -264,6 +266,8 @@ const char* textOf(Outcome outcome) noexcept {
         return "digest algorithms that no signer uses are not looked up";
     case Outcome::edwardsCurve:
         return "Ed25519 and Ed448, which OpenSSL 3.0's CMS cannot verify";
+    case Outcome::attributesInOrder:
+        return "signed attributes out of order: what is signed is their DER (RFC 5652, 5.4)";
     case Outcome::severalWider:
         return "several of the above together ";
     case Outcome::unexplained:

@@ -31,6 +31,7 @@ enum class Outcome : std::uint8_t {
     keyAlgorithms,
     missingParameters,
     attributesNotDer,
+    contentTypeUnnamed,
     severalStricter,
     attributesForbidden,
     algorithmsDiffer,
@@ -48,6 +49,7 @@ enum class Outcome : std::uint8_t {
     unsignedAttributes,
     otherDigestAlgorithms,
     edwardsCurve,
+    attributesInOrder,
     severalWider,
 
     unexplained,

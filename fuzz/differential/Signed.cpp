@@ -179,6 +179,67 @@ bool keepUsed(Node& root) {
     return std::erase_if(algorithms, isUnused) != 0;
 }
 
+/// The signed attributes of each signer.
+std::vector<Node*> signedAttributes(Node& root) {
+    const Parts parts(root);
+    std::vector<Node*> all;
+    if (parts.body != nullptr) {
+        for (Node& signer : parts.signers()) {
+            Node* const attributes = at(signer, {3});
+            if (attributes != nullptr && attributes->isContext(0)) {
+                all.push_back(attributes);
+            }
+        }
+    }
+    return all;
+}
+
+bool shorter(const Node& left, const Node& right) {
+    return encode(left) < encode(right);
+}
+
+/// Brings signed attributes into the order of DER.
+bool sortAttributes(Node& root) {
+    bool changed = false;
+    for (Node* const attributes : signedAttributes(root)) {
+        const Bytes before = encode(*attributes);
+        for (Node& attribute : attributes->parts) {
+            if (Node* const values = at(attribute, {1})) {
+                std::sort(values->parts.begin(), values->parts.end(), shorter);
+            }
+        }
+        std::sort(attributes->parts.begin(), attributes->parts.end(), shorter);
+        changed = changed || encode(*attributes) != before;
+    }
+    return changed;
+}
+
+/// Brings signed attributes into DER: lengths, and strings in one piece.
+bool encodeAttributes(Node& root) {
+    bool changed = false;
+    for (Node* const attributes : signedAttributes(root)) {
+        const Bytes before = encode(*attributes);
+        forEach(*attributes, [](Node& node) {
+            const bool isUniversal = (node.identifier.front() & 0xC0U) == 0;
+            if (isUniversal && node.isConstructed() && !node.isUniversal(16) && !node.isUniversal(17)) {
+                Node string = node;
+                string.setTag(0x24);
+                joinSegments(string, nullptr);
+                node.content = string.content;
+                node.parts.clear();
+                node.setConstructed(false);
+            }
+            node.indefinite = false;
+            node.lengthOctets = 1;
+            if (node.tag < 0x1F) {
+                node.setTag(static_cast<unsigned char>((node.identifier.front() & 0xE0U) | static_cast<unsigned int>(node.tag)));
+            }
+        });
+        changed = changed || encode(*attributes) != before;
+    }
+    return changed;
+}
+
 bool join(Node& root) {
     return joinSegments(root, nullptr);
 }
@@ -215,6 +276,7 @@ std::optional<Outcome> whyWider(const Bytes& octets, const Answer& reader, const
         {Outcome::revocationLists, dropLists},
         {Outcome::otherCertificates, [&](Node& root) { return keepNamed(root, judged.certificates); }},
         {Outcome::otherDigestAlgorithms, keepUsed},
+        {Outcome::attributesInOrder, sortAttributes},
         {Outcome::nestedSegments, join}};
     if (const auto outcome = explain(octets, drops, Outcome::severalWider, agrees)) {
         return outcome;
@@ -270,10 +332,13 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     const std::vector<Change> repairs{
         {Outcome::segmentOfAnotherTag, [](Node& root) { return retagSegments(root, Parts(root).content, false); }},
         {Outcome::segmentOfTagZero, [](Node& root) { return retagSegments(root, Parts(root).content, true); }},
-        {Outcome::primitiveSet, constructSets}};
+        {Outcome::primitiveSet, constructSets},
+        {Outcome::attributesNotDer, encodeAttributes}};
+    int reason = reader.reason;
     const auto agrees = [&](const Node& message) {
         Judged judged;
         const Answer answer = readerSays(encode(message), judged, finding);
+        reason = answer.reason;
         return answer.accepted && answer.content == openssl.content;
     };
     if (const auto outcome = explain(octets, repairs, Outcome::severalStricter, agrees)) {
@@ -286,7 +351,11 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     if (root && depthOf(*root) >= 32) {
         return Outcome::tooDeep;
     }
-    return reader.reason != 0 ? outcomeOf(reader.reason) : std::nullopt;
+    if (reader.reason != 0) {
+        return outcomeOf(reader.reason);
+    }
+    finding += "; after all repairs reason " + std::to_string(reason);
+    return std::nullopt;
 }
 
 } // namespace

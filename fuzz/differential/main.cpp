@@ -32,6 +32,7 @@ struct Options {
     std::size_t mostFindings = 20;
     std::string input;
     std::string folder;
+    std::string reader;
 };
 
 class Comparing {
@@ -101,6 +102,7 @@ int main(int argc, char** argv) {
     app.add_option("--cuts", options.cutStep, "every which octet messages are cut at");
     app.add_option("--findings", options.mostFindings, "how many are printed before it stops");
     app.add_option("--input", options.input, "one message in hexadecimal digits instead");
+    app.add_option("--reader", options.reader, "\"envelope\" or \"signed\": that one alone");
     app.add_option("--write", options.folder, "a folder that the messages are written to, unchanged, instead");
     CLI11_PARSE(app, argc, argv);
     Norvane::Crypto::initialize();
@@ -124,8 +126,11 @@ int main(int argc, char** argv) {
             }
             return EXIT_SUCCESS;
         }
-        const bool envelopes = Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
-        const bool messages = Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
+        const bool envelopes =
+            options.reader == "signed" ||
+            Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
+        const bool messages = options.reader == "envelope" ||
+                              Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
         return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::cerr << failure.what() << '\n';
