@@ -248,6 +248,12 @@ const char* textOf(Outcome outcome) noexcept {
         return "a certificate that is refused, with a reason";
     case Outcome::otherRecipients:
         return "recipients that were not chosen are not decoded";
+    case Outcome::originatorKeyInSegments:
+        return "an originator's key as a bit string in segments";
+    case Outcome::signatureAsDigest:
+        return "a signature algorithm in the place of the digest algorithm in it";
+    case Outcome::certificateExtensions:
+        return "a certificate with extensions that OpenSSL finds invalid, which are not judged here";
     case Outcome::originatorInformation:
         return "originator information is not decoded";
     case Outcome::unprotectedAttributes:

@@ -32,6 +32,7 @@ enum class Outcome : std::uint8_t {
     missingParameters,
     attributesNotDer,
     contentTypeUnnamed,
+    originatorKeyInSegments,
     severalStricter,
     attributesForbidden,
     algorithmsDiffer,
@@ -50,6 +51,8 @@ enum class Outcome : std::uint8_t {
     otherDigestAlgorithms,
     edwardsCurve,
     attributesInOrder,
+    signatureAsDigest,
+    certificateExtensions,
     severalWider,
 
     unexplained,

@@ -443,6 +443,19 @@ bool nameContentType(Node& root) {
     return type->content != before;
 }
 
+bool joinBitStrings(Node& root) {
+    bool changed = false;
+    forEach(root, [&changed](Node& node) {
+        if (node.isUniversal(3) && node.isConstructed()) {
+            node.setTag(0x24);
+            joinSegments(node, nullptr);
+            node.setTag(0x03);
+            changed = true;
+        }
+    });
+    return changed;
+}
+
 /// Gives a cipher the vector of zeros that OpenSSL takes where there is none.
 bool addVector(Node& root) {
     const Parts parts(root);
@@ -470,7 +483,8 @@ std::optional<Outcome> whyStricter(const Bytes& octets, Opener opener, const Ans
         {Outcome::segmentOfTagZero, [](Node& root) { return retagSegments(root, Parts(root).content, true); }},
         {Outcome::primitiveSet, constructSets},
         {Outcome::attributesNotDer, encodeAttributes},
-        {Outcome::contentTypeUnnamed, nameContentType}};
+        {Outcome::contentTypeUnnamed, nameContentType},
+        {Outcome::originatorKeyInSegments, joinBitStrings}};
     const auto agrees = [&](const Node& message) {
         const Answer answer = readerSays(encode(message), opener, finding);
         return answer.accepted && answer.content == openssl.content;

@@ -86,6 +86,40 @@ Answer opensslSays(const Bytes& octets) {
     return answer;
 }
 
+/// Whether each signature is right by OpenSSL's calls with the certificate that the reader found for it, whatever the
+/// certificate's extensions are.
+bool isRightWith(const Bytes& octets, const std::vector<Bytes>& certificates) {
+    std::size_t consumed = 0;
+    const CmsPtr structure = decoded(octets, consumed);
+    auto* const signers = structure == nullptr ? nullptr : CMS_get0_SignerInfos(structure.get());
+    const int count = sk_CMS_SignerInfo_num(signers);
+    if (count < 1 || static_cast<std::size_t>(count) != certificates.size()) {
+        return false;
+    }
+    const bool detached = CMS_is_detached(structure.get()) == 1;
+    BIO* const given =
+        detached ? BIO_new_mem_buf(detachedBody().data(), static_cast<int>(detachedBody().size())) : nullptr;
+    const BioPtr content(CMS_dataInit(structure.get(), given));
+    if (content == nullptr) {
+        ERR_clear_error();
+        return false;
+    }
+    Bytes piece(1000);
+    while (BIO_read(content.get(), piece.data(), static_cast<int>(piece.size())) > 0) {
+    }
+    bool good = true;
+    for (int i = 0; i < count && good; ++i) {
+        CMS_SignerInfo* const signer = sk_CMS_SignerInfo_value(signers, i);
+        const norvauthority::X509Ptr certificate =
+            norvauthority::Certificate{certificates[static_cast<std::size_t>(i)]}.x509();
+        CMS_SignerInfo_set1_signer_cert(signer, certificate.get());
+        good = (CMS_signed_get_attr_count(signer) < 0 || CMS_SignerInfo_verify(signer) == 1) &&
+               CMS_SignerInfo_verify_content(signer, content.get()) == 1;
+    }
+    ERR_clear_error();
+    return good;
+}
+
 /// Where the parts of a message are.
 struct Parts {
     explicit Parts(Node& root) : body(at(root, {1, 0})) {
@@ -177,6 +211,23 @@ bool keepUsed(Node& root) {
                std::find(used.begin(), used.end(), algorithm.parts[0].content) == used.end();
     };
     return std::erase_if(algorithms, isUnused) != 0;
+}
+
+/// Has each signer name the first digest algorithm of the message.
+bool nameDigest(Node& root) {
+    const Parts parts(root);
+    if (parts.body == nullptr || parts.algorithms().empty()) {
+        return false;
+    }
+    bool changed = false;
+    for (Node& signer : parts.signers()) {
+        Node* const algorithm = at(signer, {2});
+        if (algorithm != nullptr && encode(*algorithm) != encode(parts.algorithms()[0])) {
+            *algorithm = parts.algorithms()[0];
+            changed = true;
+        }
+    }
+    return changed;
 }
 
 /// The signed attributes of each signer.
@@ -285,8 +336,15 @@ std::optional<Outcome> whyWider(const Bytes& octets, const Answer& reader, const
     if (!root) {
         return std::nullopt;
     }
+    Node named = *root;
+    if (nameDigest(named) && agrees(named)) {
+        return Outcome::signatureAsDigest;
+    }
     for (const Change& drop : drops) {
         drop.apply(*root);
+    }
+    if (isRightWith(encode(*root), judged.certificates)) {
+        return Outcome::certificateExtensions;
     }
     return isEdwards(*root) ? std::optional(Outcome::edwardsCurve) : std::nullopt;
 }
