@@ -58,9 +58,9 @@ const CMS::KeyListLookup& keys() {
 }
 
 Bytes keyEncryptionRecipient() {
-    return inContext(2, der::concat({der::integer("4"), der::sequence({der::octetString({'k'})}),
-                                     der::sequence({der::oid("2.16.840.1.101.3.4.1.5")}),
-                                     der::octetString(Bytes(24, 1))}));
+    return inContext(
+        2, der::concat({der::integer("4"), der::sequence({der::octetString({'k'})}),
+                        der::sequence({der::oid("2.16.840.1.101.3.4.1.5")}), der::octetString(Bytes(24, 1))}));
 }
 
 /// Opens with the key, the secret or the password that the first recipients want, whatever comes of it.
@@ -113,12 +113,13 @@ Bytes transport() {
 
 Bytes agreement(std::size_t count) {
     const Bytes one = der::sequence({nobody(), der::octetString(Bytes(24, 1))});
-    const Bytes originator = inContext(
-        1, der::concat({der::sequence({der::oid("1.2.840.10045.2.1")}), der::bitString(Bytes(65, 4))}));
-    return inContext(1, der::concat({der::integer("3"), inContext(0, originator),
-                                     der::sequence({der::oid("1.3.132.1.11.1"),
-                                                    der::sequence({der::oid("2.16.840.1.101.3.4.1.5")})}),
-                                     der::element(der::sequenceTag, repeated(one, count))}));
+    const Bytes originator =
+        inContext(1, der::concat({der::sequence({der::oid("1.2.840.10045.2.1")}), der::bitString(Bytes(65, 4))}));
+    return inContext(
+        1,
+        der::concat({der::integer("3"), inContext(0, originator),
+                     der::sequence({der::oid("1.3.132.1.11.1"), der::sequence({der::oid("2.16.840.1.101.3.4.1.5")})}),
+                     der::element(der::sequenceTag, repeated(one, count))}));
 }
 
 Bytes password() {
@@ -157,11 +158,11 @@ struct SignedParts {
 
     static Bytes sha256() { return der::sequence({der::oid("2.16.840.1.101.3.4.2.1")}); }
     [[nodiscard]] Bytes made() const {
-        const Bytes body = der::sequence({der::integer("1"), der::element(der::setTag, algorithms),
-                                          der::sequence({der::oid("1.2.840.113549.1.7.1"), inContext(0, content)}),
-                                          certificates.empty() ? Bytes() : inContext(0, certificates),
-                                          lists.empty() ? Bytes() : inContext(1, lists),
-                                          der::element(der::setTag, signers)});
+        const Bytes body =
+            der::sequence({der::integer("1"), der::element(der::setTag, algorithms),
+                           der::sequence({der::oid("1.2.840.113549.1.7.1"), inContext(0, content)}),
+                           certificates.empty() ? Bytes() : inContext(0, certificates),
+                           lists.empty() ? Bytes() : inContext(1, lists), der::element(der::setTag, signers)});
         return der::sequence({der::oid("1.2.840.113549.1.7.2"), inContext(0, body)});
     }
 };
@@ -207,8 +208,11 @@ std::vector<Case> hostileMessages() {
         {"enveloped, openings without an end", "openings", 20000, 1.2,
          [=](std::size_t n) { return openingEnvelope(repeated(openings, n)); }},
         {"enveloped, segments opened without an end", "openings", 20000, 1.2,
-         [](std::size_t n) { return contentOf(repeated({0x24, 0x80}, n)); }},
-        {"enveloped, recipients by RSA", "recipients", 2000, 1.2, [](std::size_t n) { return recipients(transport(), n); }},
+         [](std::size_t n) {
+             return contentOf(repeated({0x24, 0x80}, n));
+         }},
+        {"enveloped, recipients by RSA", "recipients", 2000, 1.2,
+         [](std::size_t n) { return recipients(transport(), n); }},
         {"enveloped, agreements", "recipients", 2000, 1.2, [](std::size_t n) { return recipients(agreement(1), n); }},
         {"enveloped, keys of one agreement", "keys", 2000, 1.2,
          [](std::size_t n) { return openingEnvelope(envelope(agreement(n), someContent())); }},
@@ -220,8 +224,8 @@ std::vector<Case> hostileMessages() {
         {"the same, beyond the limit", "recipients", 20000, 1.2, [](std::size_t n) { return recipients(other(), n); }},
         {"enveloped, a recipient of megabytes", "octets", 500000, 1.2,
          [](std::size_t n) {
-             return openingEnvelope(envelope(inContext(4, der::concat({der::oid("1.2.3"), der::octetString(Bytes(n, 1))})),
-                                             someContent()));
+             return openingEnvelope(envelope(
+                 inContext(4, der::concat({der::oid("1.2.3"), der::octetString(Bytes(n, 1))})), someContent()));
          }},
         {"enveloped, originator certificates", "certificates", 500, 1.2,
          [](std::size_t n) {
@@ -267,13 +271,13 @@ std::vector<Case> hostileMessages() {
          [](std::size_t n) { return signedWith({.lists = repeated(der::sequence({}), n), .signers = signer()}); }},
         {"signed, signed attributes", "attributes", 2000, 1.2,
          [](std::size_t n) {
-             return signedWith({.signers = signer(der::concat(
-                                    {usualAttributes(), repeated(attribute("1.2.3", der::null()), n)}))});
+             return signedWith(
+                 {.signers = signer(der::concat({usualAttributes(), repeated(attribute("1.2.3", der::null()), n)}))});
          }},
         {"signed, values of an attribute", "values", 5000, 1.2,
          [](std::size_t n) {
-             return signedWith({.signers = signer(der::concat(
-                                    {usualAttributes(), attribute("1.2.3", repeated(der::null(), n))}))});
+             return signedWith(
+                 {.signers = signer(der::concat({usualAttributes(), attribute("1.2.3", repeated(der::null(), n))}))});
          }},
         {"signed, unsigned attributes", "attributes", 5000, 1.2,
          [](std::size_t n) {

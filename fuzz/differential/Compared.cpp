@@ -106,8 +106,7 @@ CmsPtr decoded(const Bytes& octets, std::size_t& consumed) {
 }
 
 Answer inBothWays(const Bytes& octets, const std::function<Answer(Norvane::MediaIn&)>& read, std::string& finding) {
-    Norvane::MemoryMediaIn memory(
-        Norvane::Buffer(octets.data(), static_cast<unsigned int>(octets.size()), true));
+    Norvane::MemoryMediaIn memory(Norvane::Buffer(octets.data(), static_cast<unsigned int>(octets.size()), true));
     Answer answer = read(memory);
     const auto* body = dynamic_cast<const Norvane::BytesInMemory*>(memory.operator->());
     answer.consumed = octets.size() - body->left();
@@ -156,7 +155,8 @@ bool retagSegments(Node& root, Node* content, bool ofTagZero) {
 bool constructSets(Node& root) {
     bool changed = false;
     forEach(root, [&changed](Node& node) {
-        const bool mayBeSet = node.isUniversal(16) || node.isUniversal(17) || (node.identifier.front() & 0xC0U) == 0x80U;
+        const bool mayBeSet =
+            node.isUniversal(16) || node.isUniversal(17) || (node.identifier.front() & 0xC0U) == 0x80U;
         if (node.isConstructed() || !mayBeSet) {
             return;
         }

@@ -32,9 +32,9 @@ struct Answer {
     bool accepted = false;
     Bytes content{};
     std::size_t consumed = 0;
-    std::string text{};   ///< of a refusal
-    bool costly = false;  ///< refused for what it would cost
-    int reason = 0;       ///< of a signature that is not good
+    std::string text{};  ///< of a refusal
+    bool costly = false; ///< refused for what it would cost
+    int reason = 0;      ///< of a signature that is not good
 
     [[nodiscard]] bool sameAs(const Answer& other) const {
         return accepted == other.accepted && (!accepted || (content == other.content && consumed == other.consumed));

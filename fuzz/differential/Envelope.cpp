@@ -127,7 +127,8 @@ struct Parts {
             return;
         }
         static const Bytes authenticated = norvauthority::der::oid("1.2.840.113549.1.9.16.1.23");
-        isAuthenticated = std::equal(type->content.begin(), type->content.end(), authenticated.begin() + 2, authenticated.end());
+        isAuthenticated =
+            std::equal(type->content.begin(), type->content.end(), authenticated.begin() + 2, authenticated.end());
         std::size_t index = 1;
         if (body->parts[index].isContext(0)) {
             originator = index++;
@@ -392,7 +393,7 @@ std::optional<Outcome> faultOfGcm(Node root) {
     Node& tag = parts.body->parts[parts.tag];
     joinSegments(tag, nullptr);
     return announced < 12 || announced > 16 || tag.content.size() != announced ? std::optional(Outcome::shortTag)
-                                                                              : std::nullopt;
+                                                                               : std::nullopt;
 }
 
 /// Brings the authenticated attributes into DER.
@@ -478,8 +479,7 @@ std::optional<Outcome> whyStricter(const Bytes& octets, Opener opener, const Ans
         return Outcome::budget;
     }
     const std::vector<Change> repairs{
-        {Outcome::segmentOfAnotherTag,
-         [](Node& root) { return retagSegments(root, Parts(root).content, false); }},
+        {Outcome::segmentOfAnotherTag, [](Node& root) { return retagSegments(root, Parts(root).content, false); }},
         {Outcome::segmentOfTagZero, [](Node& root) { return retagSegments(root, Parts(root).content, true); }},
         {Outcome::primitiveSet, constructSets},
         {Outcome::attributesNotDer, encodeAttributes},
@@ -517,9 +517,8 @@ Comparison compareFor(const Bytes& octets, Opener opener) {
         return {reader.accepted ? Outcome::unexplained : Outcome::budget, said()};
     }
     if (reader.accepted == openssl.accepted) {
-        return reader.sameAs(openssl)
-                   ? Comparison{reader.accepted ? Outcome::bothAccept : Outcome::bothRefuse, {}}
-                   : Comparison{Outcome::unexplained, said()};
+        return reader.sameAs(openssl) ? Comparison{reader.accepted ? Outcome::bothAccept : Outcome::bothRefuse, {}}
+                                      : Comparison{Outcome::unexplained, said()};
     }
     const auto why =
         reader.accepted ? whyWider(octets, opener, reader) : whyStricter(octets, opener, reader, openssl, finding);
@@ -570,7 +569,8 @@ Comparison compareEnvelope(const Bytes& octets) {
             comparison.detail = "opener " + std::to_string(static_cast<int>(opener)) + ": " + comparison.detail;
             return comparison;
         }
-        if (worst.outcome == Outcome::bothRefuse || (worst.outcome == Outcome::bothAccept && comparison.outcome != Outcome::bothRefuse)) {
+        if (worst.outcome == Outcome::bothRefuse ||
+            (worst.outcome == Outcome::bothAccept && comparison.outcome != Outcome::bothRefuse)) {
             worst = comparison;
         }
     }

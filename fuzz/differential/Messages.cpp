@@ -38,10 +38,11 @@ struct People {
 
 private:
     [[nodiscard]] Identity of(const std::string& name, const Key& key) const {
-        return norvauthority::issue({.subject = {{"CN", name}},
-                                     .key = key,
-                                     .issuer = &authority,
-                                     .serial = std::to_string(1000 + name.size() * 16 + static_cast<unsigned char>(name[0]))});
+        return norvauthority::issue(
+            {.subject = {{"CN", name}},
+             .key = key,
+             .issuer = &authority,
+             .serial = std::to_string(1000 + name.size() * 16 + static_cast<unsigned char>(name[0]))});
     }
 };
 
@@ -107,9 +108,9 @@ void segment(Node& root) {
     content.content.clear();
     content.setConstructed(true);
     for (std::size_t at = 0; at < all.size(); at += 50) {
-        content.parts.push_back(nodeOf(der::octetString(
-            Bytes(all.begin() + static_cast<std::ptrdiff_t>(at),
-                  all.begin() + static_cast<std::ptrdiff_t>(std::min(at + 50, all.size()))))));
+        content.parts.push_back(
+            nodeOf(der::octetString(Bytes(all.begin() + static_cast<std::ptrdiff_t>(at),
+                                          all.begin() + static_cast<std::ptrdiff_t>(std::min(at + 50, all.size()))))));
     }
 }
 
@@ -137,9 +138,9 @@ std::vector<Seed> makeEnvelopes() {
         {"rsa-identifier", EnvelopeRecipient::rsaPkcs1(rsa, byKey)},
         {"oaep", EnvelopeRecipient::rsaOaep(rsa)},
         {"agreement", EnvelopeRecipient::keyAgreement(agreeing)},
-        {"agreement-identifier",
-         EnvelopeRecipient::keyAgreement(agreeing, CMS::KeyAgreementParameters(), byKey)},
-        {"kek", EnvelopeRecipient::keyEncryptionKey(bufferOf(keyEncryptionKey()), bufferOf(keyEncryptionKeyIdentifier()))},
+        {"agreement-identifier", EnvelopeRecipient::keyAgreement(agreeing, CMS::KeyAgreementParameters(), byKey)},
+        {"kek",
+         EnvelopeRecipient::keyEncryptionKey(bufferOf(keyEncryptionKey()), bufferOf(keyEncryptionKeyIdentifier()))},
         {"password", EnvelopeRecipient::password(bufferOf(Bytes(messagePassword().begin(), messagePassword().end())),
                                                  {.iterations = 1000})},
     };

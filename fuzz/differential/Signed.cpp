@@ -61,7 +61,8 @@ Answer readOnce(Norvane::MediaIn& in, Judged& judged) {
 }
 
 Answer readerSays(const Bytes& octets, Judged& judged, std::string& finding) {
-    return inBothWays(octets, [&judged](Norvane::MediaIn& in) { return readOnce(in, judged); }, finding);
+    return inBothWays(
+        octets, [&judged](Norvane::MediaIn& in) { return readOnce(in, judged); }, finding);
 }
 
 Answer opensslSays(const Bytes& octets) {
@@ -71,8 +72,8 @@ Answer opensslSays(const Bytes& octets) {
     if (structure != nullptr && OBJ_obj2nid(CMS_get0_type(structure.get())) == NID_pkcs7_signed) {
         answer.consumed = static_cast<std::size_t>(cursor - octets.data());
         const bool detached = CMS_is_detached(structure.get()) == 1;
-        const BioPtr given(
-            detached ? BIO_new_mem_buf(detachedBody().data(), static_cast<int>(detachedBody().size())) : nullptr);
+        const BioPtr given(detached ? BIO_new_mem_buf(detachedBody().data(), static_cast<int>(detachedBody().size()))
+                                    : nullptr);
         const BioPtr out(BIO_new(BIO_s_mem()));
         answer.accepted = CMS_verify(structure.get(), nullptr, nullptr, given.get(), out.get(),
                                      CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY) == 1;
@@ -207,8 +208,7 @@ bool keepUsed(Node& root) {
     }
     auto& algorithms = parts.algorithms();
     const auto isUnused = [&used](const Node& algorithm) {
-        return algorithm.parts.empty() ||
-               std::find(used.begin(), used.end(), algorithm.parts[0].content) == used.end();
+        return algorithm.parts.empty() || std::find(used.begin(), used.end(), algorithm.parts[0].content) == used.end();
     };
     return std::erase_if(algorithms, isUnused) != 0;
 }
@@ -283,7 +283,8 @@ bool encodeAttributes(Node& root) {
             node.indefinite = false;
             node.lengthOctets = 1;
             if (node.tag < 0x1F) {
-                node.setTag(static_cast<unsigned char>((node.identifier.front() & 0xE0U) | static_cast<unsigned int>(node.tag)));
+                node.setTag(static_cast<unsigned char>((node.identifier.front() & 0xE0U) |
+                                                       static_cast<unsigned int>(node.tag)));
             }
         });
         changed = changed || encode(*attributes) != before;

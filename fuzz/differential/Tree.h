@@ -16,8 +16,8 @@ namespace fuzz {
 using norvauthority::Bytes;
 
 struct Node {
-    Bytes identifier;      ///< the octets of class, form and number
-    int tag = 0;           ///< the number
+    Bytes identifier; ///< the octets of class, form and number
+    int tag = 0;      ///< the number
     bool indefinite = false;
     std::size_t lengthOctets = 1; ///< at least so many are written
     Bytes content;                ///< where there are no parts

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -30,6 +31,7 @@ struct Options {
     std::uint64_t number = 1;
     std::size_t cutStep = 1;
     std::size_t mostFindings = 20;
+    long seconds = 0;
     std::string input;
     std::string folder;
     std::string reader;
@@ -53,7 +55,9 @@ public:
         }
         const std::vector<Bytes> octets = fuzz::octetsOf(seeds);
         fuzz::Mutator mutator(octets, m_options.number);
-        for (std::size_t i = 0; i < m_options.count && m_findings < m_options.mostFindings; ++i) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(m_options.seconds);
+        const auto inTime = [&] { return m_options.seconds == 0 || std::chrono::steady_clock::now() < end; };
+        for (std::size_t i = 0; i < m_options.count && m_findings < m_options.mostFindings && inTime(); ++i) {
             one(m_changed, mutator.next(), "changed");
         }
         print();
@@ -75,7 +79,9 @@ private:
         for (std::size_t i = 0; i < fuzz::outcomes; ++i) {
             if (m_seeds[i] + m_cuts[i] + m_changed[i] != 0) {
                 const auto outcome = static_cast<Outcome>(i);
-                const char* const side = fuzz::isStricter(outcome) ? "stricter: " : fuzz::isWider(outcome) ? "wider: " : "";
+                const char* const side = fuzz::isStricter(outcome) ? "stricter: "
+                                         : fuzz::isWider(outcome)  ? "wider: "
+                                                                   : "";
                 std::printf("%-80s %8zu %8zu %8zu\n", (std::string(side) + fuzz::textOf(outcome)).c_str(), m_seeds[i],
                             m_cuts[i], m_changed[i]);
             }
@@ -101,6 +107,7 @@ int main(int argc, char** argv) {
     app.add_option("--seed", options.number, "where the changes begin");
     app.add_option("--cuts", options.cutStep, "every which octet messages are cut at");
     app.add_option("--findings", options.mostFindings, "how many are printed before it stops");
+    app.add_option("--seconds", options.seconds, "for how long messages are changed at most; 0: until all are");
     app.add_option("--input", options.input, "one message in hexadecimal digits instead");
     app.add_option("--reader", options.reader, "\"envelope\" or \"signed\": that one alone");
     app.add_option("--write", options.folder, "a folder that the messages are written to, unchanged, instead");
@@ -126,9 +133,8 @@ int main(int argc, char** argv) {
             }
             return EXIT_SUCCESS;
         }
-        const bool envelopes =
-            options.reader == "signed" ||
-            Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
+        const bool envelopes = options.reader == "signed" ||
+                               Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
         const bool messages = options.reader == "envelope" ||
                               Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
         return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;

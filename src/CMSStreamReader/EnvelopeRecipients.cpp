@@ -250,8 +250,8 @@ void RecipientAlgorithms::readOriginator() {
         m_originatorAlgorithm = decoded(whole(elements.nextUniversal(framing::sequence)));
         const auto bits = elements.nextUniversal(framing::bitString);
         m_sound = m_sound && choice.atEnd() && key->header.constructed && elements.atEnd() &&
-                  m_originatorAlgorithm != nullptr && bits && !bits->header.constructed &&
-                  bits->content.size() > 1 && bits->content.front() == 0;
+                  m_originatorAlgorithm != nullptr && bits && !bits->header.constructed && bits->content.size() > 1 &&
+                  bits->content.front() == 0;
         if (m_sound) {
             m_originatorKey = bits->content.subspan(1);
         }

@@ -77,8 +77,8 @@ std::optional<Element> Elements::nextOf(TagClass tagClass, std::uint32_t number)
 bool isInteger(const Element& element) noexcept {
     constexpr unsigned int sign = 0x80;
     const Octets number = element.content;
-    const bool isPadded = number.size() > 1 && ((number[0] == 0 && number[1] < sign) ||
-                                                (number[0] == 0xFF && number[1] >= sign));
+    const bool isPadded =
+        number.size() > 1 && ((number[0] == 0 && number[1] < sign) || (number[0] == 0xFF && number[1] >= sign));
     return element.isUniversal(integer) && !element.header.constructed && !number.empty() && !isPadded;
 }
 
