@@ -413,6 +413,9 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     if (reader.reason != 0) {
         return outcomeOf(reader.reason);
     }
+    if (reason != 0 && outcomeOf(reason)) {
+        return Outcome::severalStricter;
+    }
     finding += "; after all repairs reason " + std::to_string(reason);
     return std::nullopt;
 }
