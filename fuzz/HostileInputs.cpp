@@ -1,5 +1,7 @@
 #include "HostileInputs.h"
 
+#include "HostileMessages.h"
+
 #include "EnvelopeKey.h"
 
 #include "support/Costly.h"
@@ -314,37 +316,42 @@ const std::string emptySequence("\x30\x00", 2);
 // Growth is linear to the exponent 1; what sorts is a little above, and what a constant hides is below. Where the exponent
 // may be more, the size is bounded: beyond the bound stands in a row of its own.
 const std::vector<Case>& hostileInputs() {
-    static const std::vector<Case> all{
-        {"certificate, relative points of a long name", "points, entries", 250, 1.2, relativePointsOfALongName},
-        {"the same, within what is let in", "points, entries", 8, 1.2, relativePointsOfALongName},
-        {"certificate, general names", "names", 1000, 1.2, manyGeneralNames},
-        {"distribution points that are compared", "names on each side", 1000, 1.2, comparedPoints},
-        {"revocation list", "entries", 1000, 1.2, longList},
-        {"elements in one another", "levels", 10000, 1.2, nested},
-        {"structure, keys on explicit curves", "certificates", 100, 1.2, explicitCurves},
-        {"structure, certificates", "certificates", 500, 1.2, certificatesInAStructure},
-        {"the same, beyond the limit", "certificates", 3000, 1.2, certificatesInAStructure},
-        {"signed, huge exponents", "signers, certificates", 25, 1.2,
-         [](std::size_t count) { return signersTimesCertificates(count, 3072, 3068); }},
-        {"signed, the largest keys that are used", "signers, certificates", 25, 1.2,
-         [](std::size_t count) { return signersTimesCertificates(count, 16384, 64); }},
-        {"encrypted, one recipient repeated", "recipients, 100 octets", 250, 1.2, repeatedRecipients},
-        {"PKCS#12, iterations", "iterations", 25000, 1.2, iterations},
-        {"the same, beyond the limit", "iterations", 60'000'000, 1.2, iterations},
-        {"private key, DSA", "bits", 2400, 3.2, dsaKey},
-        {"the same, beyond the limit", "bits", 12000, 1.2, dsaKey},
-        {"private key, RSA of many primes", "primes", 200, 2.2, rsaPrimes},
-        {"the same, beyond the limit", "primes", 2000, 1.2, rsaPrimes},
-        {"object identifier in a text", "digits", 64, 2.2, longIdentifier},
-        {"the same, beyond the limit", "digits", 10000, 1.2, longIdentifier},
-        {"name in a text", "attributes", 500, 1.2, longName},
-        {"file, blanks behind an object", "blanks", 5000, 1.2,
-         [](std::size_t count) { return file(emptySequence + std::string(count, ' ') + "x"); }},
-        {"file, empty objects", "objects", 5000, 1.2,
-         [](std::size_t count) { return file(repeated(emptySequence, count)); }},
-        {"file, damaged PEM blocks", "blocks", 500, 1.2,
-         [](std::size_t count) { return file(repeated("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count)); }},
-    };
+    static const std::vector<Case> all = [] {
+        std::vector<Case> cases{
+            {"certificate, relative points of a long name", "points, entries", 250, 1.2, relativePointsOfALongName},
+            {"the same, within what is let in", "points, entries", 8, 1.2, relativePointsOfALongName},
+            {"certificate, general names", "names", 1000, 1.2, manyGeneralNames},
+            {"distribution points that are compared", "names on each side", 1000, 1.2, comparedPoints},
+            {"revocation list", "entries", 1000, 1.2, longList},
+            {"elements in one another", "levels", 10000, 1.2, nested},
+            {"structure, keys on explicit curves", "certificates", 100, 1.2, explicitCurves},
+            {"structure, certificates", "certificates", 500, 1.2, certificatesInAStructure},
+            {"the same, beyond the limit", "certificates", 3000, 1.2, certificatesInAStructure},
+            {"signed, huge exponents", "signers, certificates", 25, 1.2,
+             [](std::size_t count) { return signersTimesCertificates(count, 3072, 3068); }},
+            {"signed, the largest keys that are used", "signers, certificates", 25, 1.2,
+             [](std::size_t count) { return signersTimesCertificates(count, 16384, 64); }},
+            {"encrypted, one recipient repeated", "recipients, 100 octets", 250, 1.2, repeatedRecipients},
+            {"PKCS#12, iterations", "iterations", 25000, 1.2, iterations},
+            {"the same, beyond the limit", "iterations", 60'000'000, 1.2, iterations},
+            {"private key, DSA", "bits", 2400, 3.2, dsaKey},
+            {"the same, beyond the limit", "bits", 12000, 1.2, dsaKey},
+            {"private key, RSA of many primes", "primes", 200, 2.2, rsaPrimes},
+            {"the same, beyond the limit", "primes", 2000, 1.2, rsaPrimes},
+            {"object identifier in a text", "digits", 64, 2.2, longIdentifier},
+            {"the same, beyond the limit", "digits", 10000, 1.2, longIdentifier},
+            {"name in a text", "attributes", 500, 1.2, longName},
+            {"file, blanks behind an object", "blanks", 5000, 1.2,
+             [](std::size_t count) { return file(emptySequence + std::string(count, ' ') + "x"); }},
+            {"file, empty objects", "objects", 5000, 1.2,
+             [](std::size_t count) { return file(repeated(emptySequence, count)); }},
+            {"file, damaged PEM blocks", "blocks", 500, 1.2,
+             [](std::size_t count) { return file(repeated("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count)); }},
+        };
+        const std::vector<Case> messages = hostileMessages();
+        cases.insert(cases.end(), messages.begin(), messages.end());
+        return cases;
+    }();
     return all;
 }
 

@@ -1,5 +1,6 @@
 // Writes small valid inputs for each fuzz target: make_corpus FOLDER.
 #include "EnvelopeKey.h"
+#include "differential/Messages.h"
 
 #include <authority/Authority.h>
 
@@ -253,6 +254,16 @@ int main(int argc, char** argv) {
     signatures(alice);
     withoutKeys(ca, alice);
     unattended(key);
+    for (const char* target : {"fuzz_envelope_reader", "fuzz_reader"}) {
+        for (const fuzz::Seed& seed : fuzz::envelopeSeeds()) {
+            put(target, seed.first, text(seed.second));
+        }
+    }
+    for (const char* target : {"fuzz_signed_reader", "fuzz_reader"}) {
+        for (const fuzz::Seed& seed : fuzz::signedSeeds()) {
+            put(target, seed.first, text(seed.second));
+        }
+    }
     put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
     put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
     put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");

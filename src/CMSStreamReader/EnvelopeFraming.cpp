@@ -48,8 +48,18 @@ Octets EnvelopeFraming::take(std::size_t limit, std::uint64_t from, TooLong what
     }
 }
 
-void EnvelopeFraming::readType() {
+/// The next element, which must be an object identifier.
+Octets EnvelopeFraming::takeIdentifier() {
+    m_reader.expect(framing::objectIdentifier);
     const Octets identifier = m_reader.take(s_longestIdentifier);
+    if (!framing::isObjectIdentifier(elementOf(identifier))) {
+        throw Broken(Fault::malformed);
+    }
+    return identifier;
+}
+
+void EnvelopeFraming::readType() {
+    const Octets identifier = takeIdentifier();
     const Octets type = elementOf(identifier).content;
     m_authenticated = std::ranges::equal(type, s_authEnvelopedData);
     if (!m_authenticated && !std::ranges::equal(type, s_envelopedData)) {
@@ -60,14 +70,15 @@ void EnvelopeFraming::readType() {
 void EnvelopeFraming::readHead(std::size_t limit) {
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_reader.expect(framing::objectIdentifier);
     readType();
     m_reader.expect(TagClass::contextSpecific, 0);
     m_reader.enter();
     m_reader.expect(framing::sequence);
     m_reader.enter();
     m_reader.expect(framing::integer);
-    m_reader.take(s_longestVersion);
+    if (!framing::isSmallInteger(elementOf(m_reader.take(s_longestVersion)))) {
+        throw Broken(Fault::malformed);
+    }
     if (isContext(m_reader.next(), 0)) {
         take(limit, 0, TooLong::head); // originator information: certificates and lists
     }
@@ -77,8 +88,7 @@ void EnvelopeFraming::readHead(std::size_t limit) {
     m_recipients = elementOf(take(limit, 0, TooLong::head)).content;
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_reader.expect(framing::objectIdentifier);
-    m_contentType = m_reader.take(s_longestIdentifier);
+    m_contentType = takeIdentifier();
     m_reader.expect(framing::sequence);
     m_algorithm = take(limit, 0, TooLong::head);
     m_hasContent = isContext(m_reader.next(), 0);

@@ -49,6 +49,7 @@ public:
 
 private:
     framing::Octets take(std::size_t limit, std::uint64_t from, TooLong what);
+    framing::Octets takeIdentifier();
     void readType();
 
     framing::Reader m_reader;

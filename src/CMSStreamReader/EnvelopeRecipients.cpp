@@ -32,6 +32,35 @@ Octets whole(const std::optional<Element>& element) noexcept {
     return element ? element->whole : Octets();
 }
 
+/// The next element when it is a SEQUENCE, which is constructed whatever OpenSSL's decoder lets pass elsewhere.
+std::optional<Element> nextSequence(Elements& elements) {
+    const auto sequence = elements.nextUniversal(framing::sequence);
+    return sequence && sequence->header.constructed ? sequence : std::nullopt;
+}
+
+/// Passes the version that a recipient begins with.
+bool passVersion(Elements& elements) {
+    const auto version = elements.nextUniversal(framing::integer);
+    return version && framing::isSmallInteger(*version);
+}
+
+/// What a KEKIdentifier and a RecipientKeyIdentifier consist of (RFC 5652, 6.2.2 and 6.2.3): the identifier, a date and
+/// another attribute. No octets when it is something else.
+Octets readKeyIdentifier(const Element& identifier) {
+    Elements elements(identifier);
+    const Octets name = whole(elements.nextUniversal(framing::octetString));
+    const auto date = elements.nextUniversal(framing::generalizedTime);
+    if (!elements.atEnd()) {
+        const auto attribute = nextSequence(elements);
+        Elements parts(attribute ? attribute->content : Octets());
+        const auto type = parts.nextUniversal(framing::objectIdentifier);
+        if (!type || !framing::isObjectIdentifier(*type) || (!parts.atEnd() && !parts.next()) || !parts.atEnd()) {
+            return {};
+        }
+    }
+    return identifier.header.constructed && elements.atEnd() && (!date || !date->header.constructed) ? name : Octets();
+}
+
 /// The algorithm and the encrypted key that end most kinds; false when there is something else.
 bool readEnd(Elements& elements, RecipientParts& parts) {
     parts.algorithm = whole(elements.nextUniversal(framing::sequence));
@@ -41,46 +70,55 @@ bool readEnd(Elements& elements, RecipientParts& parts) {
 
 bool readKeyTransport(const Element& recipient, RecipientParts& parts) {
     Elements elements(recipient);
-    elements.nextUniversal(framing::integer);
-    parts.name = whole(elements.nextUniversal(framing::sequence));
+    const bool hasVersion = passVersion(elements);
+    parts.name = whole(nextSequence(elements));
     if (parts.name.empty()) {
         parts.namedBy = NamedBy::subjectKeyIdentifier;
         parts.name = whole(elements.nextContext(0));
     }
     parts.kind = Recipient::keyTransport;
-    return !parts.name.empty() && readEnd(elements, parts);
+    return recipient.header.constructed && hasVersion && !parts.name.empty() && readEnd(elements, parts);
 }
 
 bool readKeyEncryptionKey(const Element& recipient, RecipientParts& parts) {
     Elements elements(recipient);
-    elements.nextUniversal(framing::integer);
-    if (const auto identifier = elements.nextUniversal(framing::sequence)) {
-        parts.name = whole(Elements(*identifier).nextUniversal(framing::octetString));
+    const bool hasVersion = passVersion(elements);
+    if (const auto identifier = nextSequence(elements)) {
+        parts.name = readKeyIdentifier(*identifier);
     }
     parts.kind = Recipient::keyEncryptionKey;
-    return !parts.name.empty() && readEnd(elements, parts);
+    return recipient.header.constructed && hasVersion && !parts.name.empty() && readEnd(elements, parts);
 }
 
 bool readPassword(const Element& recipient, RecipientParts& parts) {
     Elements elements(recipient);
-    elements.nextUniversal(framing::integer);
-    parts.derivation = whole(elements.nextContext(0));
+    const bool hasVersion = passVersion(elements);
+    const auto derivation = elements.nextContext(0);
+    parts.derivation = whole(derivation);
     parts.kind = Recipient::password;
-    return readEnd(elements, parts);
+    return recipient.header.constructed && hasVersion && (!derivation || derivation->header.constructed) &&
+           readEnd(elements, parts);
+}
+
+/// Whether there is one octet string, and nothing else, within an explicit tag.
+bool isOctetString(const Element& tagged) {
+    Elements elements(tagged);
+    return tagged.header.constructed && elements.nextUniversal(framing::octetString) && elements.atEnd();
 }
 
 /// What is common to all keys of an agreement; the elements of those.
 std::optional<Elements> readAgreement(const Element& recipient, RecipientParts& parts) {
     Elements elements(recipient);
-    elements.nextUniversal(framing::integer);
+    const bool hasVersion = passVersion(elements);
     const auto originator = elements.nextContext(0);
     const auto material = elements.nextContext(1);
     parts.kind = Recipient::keyAgreement;
     parts.originator = originator ? originator->content : Octets();
     parts.userKeyingMaterial = material ? material->content : Octets();
     parts.algorithm = whole(elements.nextUniversal(framing::sequence));
-    const auto keys = elements.nextUniversal(framing::sequence);
-    if (!originator || parts.algorithm.empty() || !keys || !elements.atEnd() ||
+    const auto keys = nextSequence(elements);
+    if (!recipient.header.constructed || !hasVersion || !originator || !originator->header.constructed ||
+        (material && !isOctetString(*material)) || parts.algorithm.empty() || !keys || !elements.atEnd() ||
         parts.algorithm.size() + parts.originator.size() + parts.userKeyingMaterial.size() > s_longestAgreement) {
         return std::nullopt;
     }
@@ -91,15 +129,16 @@ std::optional<Elements> readAgreement(const Element& recipient, RecipientParts& 
 bool readAgreementKey(const Element& key, RecipientParts& parts) {
     Elements elements(key);
     parts.namedBy = NamedBy::issuerAndSerialNumber;
-    parts.name = whole(elements.nextUniversal(framing::sequence));
+    parts.name = whole(nextSequence(elements));
     if (parts.name.empty()) {
         parts.namedBy = NamedBy::subjectKeyIdentifier;
         if (const auto identifier = elements.nextContext(0)) {
-            parts.name = whole(Elements(*identifier).nextUniversal(framing::octetString));
+            parts.name = readKeyIdentifier(*identifier);
         }
     }
     parts.encryptedKey = whole(elements.nextUniversal(framing::octetString));
-    return !parts.name.empty() && !parts.encryptedKey.empty() && elements.atEnd();
+    return key.isUniversal(framing::sequence) && key.header.constructed && !parts.name.empty() &&
+           !parts.encryptedKey.empty() && elements.atEnd();
 }
 
 RecipientParts other(const Element& recipient) {
@@ -242,8 +281,9 @@ void RecipientAlgorithms::readOriginator() {
         Elements elements(*key);
         m_originatorAlgorithm = decoded(whole(elements.nextUniversal(framing::sequence)));
         const auto bits = elements.nextUniversal(framing::bitString);
-        m_sound = m_sound && m_originatorAlgorithm != nullptr && bits && !bits->header.constructed &&
-                  bits->content.size() > 1 && bits->content.front() == 0;
+        m_sound = m_sound && choice.atEnd() && key->header.constructed && elements.atEnd() &&
+                  m_originatorAlgorithm != nullptr && bits && !bits->header.constructed && bits->content.size() > 1 &&
+                  bits->content.front() == 0;
         if (m_sound) {
             m_originatorKey = bits->content.subspan(1);
         }

@@ -83,23 +83,15 @@ template <class Work> void SignedMessage::guarded(Work work) {
     }
 }
 
-/// The octets of the next element, which must be primitive and of that kind.
-Octets SignedMessage::takePrimitive(std::uint32_t tag, std::size_t limit) {
-    if (m_reader.expect(tag).constructed) {
-        throw Broken(Fault::unexpected);
-    }
-    return contentOf(m_reader.take(limit));
-}
-
-/// An identifier that OpenSSL takes for one. One without octets, above all, would let a countersignature, whose content
-/// has no type, pass for a signature.
-Octets SignedMessage::takeContentType() {
+/// The octets of the next element, which must be an object identifier. A content type without octets, above all, would let
+/// a countersignature, whose content has no type, pass for a signature.
+Octets SignedMessage::takeIdentifier() {
     m_reader.expect(framing::objectIdentifier);
-    const Octets element = m_reader.take(longestIdentifier);
-    if (openssl::objectOf(element) == nullptr) {
+    const auto identifier = framing::firstElement(m_reader.take(longestIdentifier));
+    if (!identifier || !framing::isObjectIdentifier(*identifier)) {
         throw Broken(Fault::malformed);
     }
-    return contentOf(element);
+    return identifier->content;
 }
 
 /// The elements of the next one, which must be constructed.
@@ -114,7 +106,7 @@ Octets SignedMessage::takeElements(std::size_t limit) {
 void SignedMessage::readHead() {
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    if (!std::ranges::equal(takePrimitive(framing::objectIdentifier, longestIdentifier), idSignedData)) {
+    if (!std::ranges::equal(takeIdentifier(), idSignedData)) {
         m_failure = "no signed data";
         failures::raise(failures::signedReader, m_failure);
     }
@@ -122,12 +114,16 @@ void SignedMessage::readHead() {
     m_reader.enter();
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    takePrimitive(framing::integer, longestVersion);
+    m_reader.expect(framing::integer);
+    const auto version = framing::firstElement(m_reader.take(longestVersion));
+    if (!version || !framing::isSmallInteger(*version)) {
+        throw Broken(Fault::malformed);
+    }
     m_reader.expect(framing::set);
     readDigestAlgorithms(takeElements(m_budget.head));
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_contentType = takeContentType();
+    m_contentType = takeIdentifier();
     if (m_reader.next() == nullptr) {
         m_isDetached = true;
         m_announced.clear();

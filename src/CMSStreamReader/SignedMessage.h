@@ -50,8 +50,7 @@ private:
     enum class State : std::uint8_t { reading, complete, failed };
 
     template <class Work> void guarded(Work work);
-    framing::Octets takePrimitive(std::uint32_t tag, std::size_t limit);
-    framing::Octets takeContentType();
+    framing::Octets takeIdentifier();
     framing::Octets takeElements(std::size_t limit);
     void readHead();
     void readDigestAlgorithms(framing::Octets algorithms);

@@ -23,8 +23,15 @@ Element required(const std::optional<Element>& element) {
     return *element;
 }
 
-Element requiredPrimitive(const std::optional<Element>& element) {
-    if (!element || element->header.constructed) {
+Element requiredIdentifier(const std::optional<Element>& element) {
+    if (!element || !framing::isObjectIdentifier(*element)) {
+        throw Broken(Fault::malformed);
+    }
+    return *element;
+}
+
+Element requiredInteger(const std::optional<Element>& element) {
+    if (!element || !framing::isInteger(*element)) {
         throw Broken(Fault::malformed);
     }
     return *element;
@@ -79,7 +86,7 @@ std::optional<AttributeType> typeOf(Octets identifier) noexcept {
 template <class Take> void forEachAttribute(Elements attributes, Take take) {
     while (!attributes.atEnd()) {
         Elements parts(requiredConstructed(attributes.nextUniversal(framing::sequence)));
-        const Element identifier = requiredPrimitive(parts.nextUniversal(framing::objectIdentifier));
+        const Element identifier = requiredIdentifier(parts.nextUniversal(framing::objectIdentifier));
         const Element values = requiredConstructed(parts.nextUniversal(framing::set));
         requireEnd(parts);
         take(typeOf(identifier.content), Elements(values));
@@ -141,7 +148,7 @@ Octets algorithmOf(const Element& algorithm) {
     }
     constexpr std::uint32_t nullTag = 5;
     Elements parts(requiredConstructed(algorithm));
-    const Element identifier = requiredPrimitive(parts.nextUniversal(framing::objectIdentifier));
+    const Element identifier = requiredIdentifier(parts.nextUniversal(framing::objectIdentifier));
     if (!parts.atEnd()) {
         const Element parameters = required(parts.next());
         if (parameters.isUniversal(nullTag) && (parameters.header.constructed || !parameters.content.empty())) {
@@ -165,7 +172,9 @@ SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
     Elements outer(signerInfo);
     Elements parts(requiredConstructed(outer.nextUniversal(framing::sequence)));
     requireEnd(outer);
-    requiredPrimitive(parts.nextUniversal(framing::integer));
+    if (!framing::isSmallInteger(required(parts.nextUniversal(framing::integer)))) {
+        throw Broken(Fault::malformed);
+    }
     if (const auto identifier = parts.nextContext(0)) {
         signer.namedBy = NamedBy::subjectKeyIdentifier;
         signer.name = stringOctets(*identifier, kept);
@@ -174,7 +183,7 @@ SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
         Elements names(name);
         signer.name = name.whole;
         signer.issuer = requiredConstructed(names.nextUniversal(framing::sequence)).whole;
-        signer.serialNumber = shortestInteger(requiredPrimitive(names.nextUniversal(framing::integer)).content);
+        signer.serialNumber = requiredInteger(names.nextUniversal(framing::integer)).content;
         requireEnd(names);
     }
     signer.digestAlgorithm = algorithmOf(required(parts.nextUniversal(framing::sequence)));

@@ -74,6 +74,36 @@ std::optional<Element> Elements::nextOf(TagClass tagClass, std::uint32_t number)
     return header && header->is(tagClass, number) ? next() : std::nullopt;
 }
 
+bool isInteger(const Element& element) noexcept {
+    constexpr unsigned int sign = 0x80;
+    const Octets number = element.content;
+    const bool isPadded =
+        number.size() > 1 && ((number[0] == 0 && number[1] < sign) || (number[0] == 0xFF && number[1] >= sign));
+    return element.isUniversal(integer) && !element.header.constructed && !number.empty() && !isPadded;
+}
+
+bool isSmallInteger(const Element& element) noexcept {
+    constexpr std::size_t most = 4;
+    const bool isEmpty = element.isUniversal(integer) && !element.header.constructed && element.content.empty();
+    return isEmpty || (isInteger(element) && element.content.size() <= most);
+}
+
+bool isObjectIdentifier(const Element& element) noexcept {
+    constexpr unsigned int more = 0x80;
+    if (!element.isUniversal(objectIdentifier) || element.header.constructed || element.content.empty() ||
+        (element.content.back() & more) != 0) {
+        return false;
+    }
+    bool begins = true;
+    for (const unsigned char octet : element.content) {
+        if (begins && octet == more) {
+            return false;
+        }
+        begins = (octet & more) == 0;
+    }
+    return true;
+}
+
 std::vector<unsigned char> constructed(TagClass tagClass, std::uint32_t tag, std::span<const Octets> parts) {
     constexpr std::size_t most = std::numeric_limits<std::int32_t>::max();
     std::size_t length = 0;

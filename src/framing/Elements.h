@@ -58,6 +58,14 @@ private:
     Octets m_rest;
 };
 
+/// A primitive INTEGER in as few octets as it takes (X.690, 8.3).
+bool isInteger(const Element& element) noexcept;
+/// A primitive INTEGER of at most 32 bits in as few octets as that takes, as the versions of CMS are. None stands for 0,
+/// as OpenSSL takes it.
+bool isSmallInteger(const Element& element) noexcept;
+/// A primitive OBJECT IDENTIFIER that holds whole numbers, each in as few octets as it takes (X.690, 8.19).
+bool isObjectIdentifier(const Element& element) noexcept;
+
 /// A constructed element of definite length around parts that are elements already; empty when it would take 2 GiB or
 /// more, which OpenSSL does not count.
 std::vector<unsigned char> constructed(TagClass tagClass, std::uint32_t tag, std::span<const Octets> parts);

@@ -62,7 +62,7 @@ bool readGcmParameters(const X509_ALGOR& algorithm, std::vector<unsigned char>& 
     nonce.assign(octets->content.begin(), octets->content.end());
     tagLength = shortestTag;
     if (const auto number = parts.nextUniversal(framing::integer)) {
-        if (number->content.size() != 1) {
+        if (number->header.constructed || number->content.size() != 1) {
             return false;
         }
         tagLength = number->content.front();

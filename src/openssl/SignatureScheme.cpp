@@ -1,5 +1,6 @@
 #include "openssl/SignatureScheme.h"
 
+#include "openssl/ContentCipher.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/RawValues.h"
 
@@ -94,8 +95,8 @@ bool readPssParameters(const Element& whole, SignatureScheme& scheme) noexcept {
         Elements parts(*algorithm);
         const auto function = parts.nextUniversal(framing::objectIdentifier);
         const auto digest = parts.nextUniversal(framing::sequence);
-        if (!function || !digest) {
-            return false;
+        if (!function || !digest || decodeAlgorithm(digest->whole) == nullptr) {
+            return false; // OpenSSL leaves parameters of the mask undecoded until they are used
         }
         scheme.maskDigest = nidOf(function->whole) == NID_mgf1 ? digestOf(Elements(*digest)) : nullptr;
     }
