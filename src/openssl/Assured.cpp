@@ -44,29 +44,13 @@ std::optional<Elements> sequenceIn(Elements& elements) noexcept {
 }
 
 bool isIdentifier(const Element& element) noexcept {
-    if (!isPrimitive(element, framing::objectIdentifier) || element.content.empty() ||
-        element.content.size() > longestIdentifier) {
-        return false;
-    }
-    constexpr unsigned int more = 0x80;
-    bool begins = true;
-    for (const unsigned char octet : element.content) {
-        if (begins && octet == more) {
-            return false; // an arc with a leading zero
-        }
-        begins = (octet & more) == 0;
-    }
-    return begins;
+    return framing::isObjectIdentifier(element) && element.content.size() <= longestIdentifier;
 }
 
-bool isInteger(const Element& element) noexcept {
+/// Leaves out the negative numbers about whose padding releases of OpenSSL differ.
+bool isNumber(const Element& element) noexcept {
     constexpr unsigned char allOnes = 0xFF;
-    constexpr unsigned char sign = 0x80;
-    const Octets content = element.content;
-    if (!isPrimitive(element, framing::integer) || content.empty()) {
-        return false;
-    }
-    return content.size() == 1 || (content[0] != allOnes && (content[0] != 0 || content[1] >= sign));
+    return framing::isInteger(element) && (element.content.size() == 1 || element.content[0] != allOnes);
 }
 
 bool isBitString(const Element& element) noexcept {
@@ -162,7 +146,7 @@ bool isName(const std::optional<Element>& element) noexcept {
 
 /// The parameters of an algorithm; what stands inside a sequence is not decoded with it.
 bool isParameter(const Element& element) noexcept {
-    return isPrimitive(element, framing::octetString) || isIdentifier(element) || isInteger(element) ||
+    return isPrimitive(element, framing::octetString) || isIdentifier(element) || isNumber(element) ||
            (isPrimitive(element, null) && element.content.empty()) ||
            (element.isUniversal(framing::sequence) && element.header.constructed && !element.header.indefinite);
 }
@@ -245,7 +229,7 @@ bool areRevoked(const Element& element) noexcept {
     }
     while (!revoked->atEnd()) {
         auto one = sequenceIn(*revoked);
-        if (!one || !nextIs(*one, isInteger) || !nextIs(*one, isTime)) {
+        if (!one || !nextIs(*one, isNumber) || !nextIs(*one, isTime)) {
             return false;
         }
         if (!one->atEnd() && (!areExtensions(one->next()) || !one->atEnd())) {
@@ -265,12 +249,12 @@ std::optional<AssuredName> assuredCertificate(const Element& element) noexcept {
     }
     if (const auto version = body->nextContext(0)) {
         auto number = inside(version);
-        if (!number || !nextIs(*number, isInteger) || !number->atEnd()) {
+        if (!number || !nextIs(*number, isNumber) || !number->atEnd()) {
             return std::nullopt;
         }
     }
     const auto serial = body->next();
-    if (!serial || !isInteger(*serial) || !isAlgorithm(*body)) {
+    if (!serial || !isNumber(*serial) || !isAlgorithm(*body)) {
         return std::nullopt;
     }
     const auto issuer = body->next();
@@ -290,7 +274,7 @@ bool isAssuredList(const Element& element) noexcept {
     if (!body) {
         return false;
     }
-    if (const auto version = body->nextUniversal(framing::integer); version && !isInteger(*version)) {
+    if (const auto version = body->nextUniversal(framing::integer); version && !isNumber(*version)) {
         return false;
     }
     if (!isAlgorithm(*body) || !isName(body->next()) || !nextIs(*body, isTime)) {
@@ -312,14 +296,14 @@ bool isAssuredList(const Element& element) noexcept {
 
 std::optional<AssuredName> assuredRecipient(const Element& element, Octets known) noexcept {
     auto recipient = element.isUniversal(framing::sequence) ? inside(element) : std::nullopt;
-    if (!recipient || !nextIs(*recipient, isInteger)) {
+    if (!recipient || !nextIs(*recipient, isNumber)) {
         return std::nullopt;
     }
     auto name = sequenceIn(*recipient);
     const auto issuer = name ? name->next() : std::nullopt;
     const bool isNamed = issuer && (std::ranges::equal(issuer->whole, known) || isName(issuer));
     const auto serial = isNamed ? name->next() : std::nullopt;
-    if (!serial || !isInteger(*serial) || !name->atEnd() || !isAlgorithm(*recipient)) {
+    if (!serial || !isNumber(*serial) || !name->atEnd() || !isAlgorithm(*recipient)) {
         return std::nullopt;
     }
     const bool hasKey = nextIs(*recipient, [](const Element& key) { return isPrimitive(key, framing::octetString); });
