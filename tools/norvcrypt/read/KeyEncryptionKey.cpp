@@ -19,7 +19,7 @@ unsigned char valueOf(unsigned char digit) {
 } // namespace
 
 Norvane::Buffer readKeyEncryptionKey(Inputs& inputs, const std::string& path) {
-    const Norvane::Buffer content = inputs.readAll(path, true);
+    Norvane::Buffer content = inputs.readAll(path, true);
     const unsigned char* const start = content.data();
     const std::size_t length = content.length();
     const auto isDigit = [](unsigned char character) { return std::isxdigit(character) != 0; };
