@@ -162,7 +162,7 @@ struct EnvelopeOptions {
     /// error, in BER too. Without it, DER is kept until the end: encrypted, in a file beyond 64 KiB.
     std::optional<std::uint64_t> bodyLength{};
     /// What the body is, as an object identifier in digits: id-data, unless it is another CMS structure. With GCM, another
-    /// type is authenticated in a content-type attribute (RFC 5083, 2.1), which OpenSSL 3.0 does not read.
+    /// type is authenticated in a content-type attribute (RFC 5083, 2.1), which OpenSSL 3.0.19 does not read and 3.0.22 does.
     std::string contentType = "1.2.840.113549.1.7.1";
     /// Where the file is made, which has no name and is its owner's alone: a path that ends in "XXXXXX" (see
     /// `SwapBufferMediaOut`). Empty: "norvcrypto-XXXXXX" in the system's folder for temporary files.

@@ -298,7 +298,7 @@ TEST(EnvelopeStructure, RecipientsKeepTheirOrderInBerAndAreSortedInDer) {
     EXPECT_EQ(tags(EnvelopeEncoding::der), "30a1a2a3");
 }
 
-/// RFC 5083, 2.1: authenticated attributes must be there. OpenSSL 3.0 expects them under another tag, so this is opened by
+/// RFC 5083, 2.1: authenticated attributes must be there. OpenSSL 3.0.19 expects them under another tag, so this is opened by
 /// hand.
 TEST(EnvelopeStructure, AnotherContentTypeIsAuthenticated) {
     const Bytes body = bodyOf(3000);
