@@ -81,9 +81,10 @@ void GrowingOctets::reserve(std::size_t capacity) {
 
 unsigned char* GrowingOctets::room(std::size_t count, std::size_t most) {
     if (m_capacity - m_size < count) {
-        // A quarter more, so that growing is seldom, or what is known to be needed.
+        // A quarter more, so that growing is seldom: a stranger may have every two octets be asked for alone. What is mapped
+        // grows without a copy, and by no more than is known to be needed.
         const std::size_t ahead = m_capacity + m_capacity / 4;
-        reserve(std::max(m_size + count, std::min(ahead, most)));
+        reserve(std::max(m_size + count, isMapped(ahead) ? std::min(ahead, most) : ahead));
     }
     return m_data + m_size;
 }
