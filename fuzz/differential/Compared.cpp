@@ -228,8 +228,6 @@ const char* textOf(Outcome outcome) noexcept {
         return "GCM: parameters that are none (RFC 5084, 3.2)";
     case Outcome::cipher:
         return "a cipher that is not supported, named";
-    case Outcome::keyAlgorithms:
-        return "an algorithm of the recipient that is not supported, named";
     case Outcome::missingParameters:
         return "a cipher without an initialisation vector, or behind one that is none (RFC 3565, 4.1)";
     case Outcome::attributesNotDer:

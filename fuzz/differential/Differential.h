@@ -28,7 +28,6 @@ enum class Outcome : std::uint8_t {
     shortTag,
     gcmParameters,
     cipher,
-    keyAlgorithms,
     missingParameters,
     attributesNotDer,
     contentTypeUnnamed,

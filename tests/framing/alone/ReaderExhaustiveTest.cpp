@@ -41,7 +41,7 @@ public:
 
     /// All elements, one by one.
     Answer all() {
-        return answer([this] { element(0, unknown, 0); });
+        return answer([this] { element(0, unknown); });
     }
     /// The first element in one.
     Answer whole() {
@@ -146,7 +146,7 @@ private:
     /// Whether the two octets that end contents stand there.
     [[nodiscard]] bool endsAt(std::size_t at, std::size_t limit) const { return head(at, limit).isEnd; }
 
-    void element(std::size_t at, std::size_t limit, int depth) {
+    void element(std::size_t at, std::size_t limit) {
         const Head here = elementHead(at, limit);
         m_found.insert(m_found.end(), {here.isConstructed ? opened : primitive, here.identifier});
         if (!here.isConstructed) {
@@ -159,7 +159,7 @@ private:
         const std::size_t end = here.indefinite ? limit : here.content + here.length;
         m_length = here.content;
         while (here.indefinite ? !endsAt(m_length, end) : m_length != end) {
-            element(m_length, end, depth + 1);
+            element(m_length, end);
         }
         m_length += here.indefinite ? 2 : 0;
         m_found.push_back(closed);
