@@ -60,14 +60,29 @@ std::optional<Outcome> explain(const Bytes& octets, const std::vector<Change>& c
                                const std::function<bool(const Node&)>& holds);
 
 // The changes that make what OpenSSL takes what X.690 says.
-bool retagSegments(Node& root, Node* content, bool ofTagZero);
+
+/// The strings that have another tag than the universal one.
+using Strings = std::vector<const Node*>;
+
+bool retagSegments(Node& root, const Strings& strings, bool ofTagZero);
 bool constructSets(Node& root);
 /// Joins the segments of strings.
-bool joinSegments(Node& root, Node* content);
+bool joinSegments(Node& root, const Strings& strings = {});
+/// Empties what stands deeper than the readers go.
+bool flatten(Node& root);
+/// Brings attributes under an implicit tag, a set, into DER: lengths, tags, strings in one piece, the order.
+bool encodeInDer(Node& attributes);
+
+/// The content octets of an object identifier in digits.
+Bytes identifierContent(const char* digits);
+/// Whether the element there is that object identifier.
+bool isIdentifier(const Node* node, const Bytes& content);
 
 /// The element at these places, each within the one before; null when there is none.
 Node* at(Node& root, std::initializer_list<std::size_t> path);
 
 std::string described(const Answer& answer);
+/// What is in OpenSSL's error queue, which is empty afterwards.
+std::string opensslReasons();
 
 } // namespace fuzz

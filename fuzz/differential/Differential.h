@@ -48,6 +48,8 @@ enum class Outcome : std::uint8_t {
     revocationLists,
     unsignedAttributes,
     otherDigestAlgorithms,
+    digestsUnannounced,
+    digestParameters,
     edwardsCurve,
     attributesInOrder,
     signatureAsDigest,

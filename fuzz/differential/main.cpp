@@ -35,6 +35,7 @@ struct Options {
     std::string input;
     std::string folder;
     std::string reader;
+    std::string told;
 };
 
 class Comparing {
@@ -68,6 +69,9 @@ private:
     void one(fuzz::Counts& counts, const Bytes& octets, const std::string& what) {
         const fuzz::Comparison comparison = m_compare(octets);
         ++counts[static_cast<std::size_t>(comparison.outcome)];
+        if (!m_options.told.empty() && std::string(fuzz::textOf(comparison.outcome)).find(m_options.told) == 0) {
+            std::cerr << comparison.detail << '\n' << norvauthority::toHex(octets) << "\n\n";
+        }
         if (comparison.outcome == Outcome::unexplained && ++m_findings <= m_options.mostFindings) {
             std::cerr << m_name << ", " << what << ": " << comparison.detail << '\n'
                       << norvauthority::toHex(octets) << "\n\n";
@@ -110,6 +114,7 @@ int main(int argc, char** argv) {
     app.add_option("--seconds", options.seconds, "for how long messages are changed at most; 0: until all are");
     app.add_option("--input", options.input, "one message in hexadecimal digits instead");
     app.add_option("--reader", options.reader, "\"envelope\" or \"signed\": that one alone");
+    app.add_option("--tell", options.told, "also prints messages that differ in what begins so");
     app.add_option("--write", options.folder, "a folder that the messages are written to, unchanged, instead");
     CLI11_PARSE(app, argc, argv);
     Norvane::Crypto::initialize();
