@@ -32,8 +32,9 @@
 /// there. `write` is the fast way; it hands pieces of up to 64 KB on.
 ///
 /// What is verified: RSA (PKCS#1 1.5), RSASSA-PSS (RFC 4056), DSA, ECDSA on curves by name, Ed25519 and Ed448 (RFC 8419);
-/// every digest of a fixed length that OpenSSL has, and SHAKE256 with 512 bits for Edwards curves. Which of them are good
-/// enough is not decided here. A signature by Ed25519 or Ed448 without signed attributes covers the content itself: such
+/// every digest of a fixed length that OpenSSL has, and SHAKE256 with 512 bits for Edwards curves, beside which signed
+/// attributes may have any digest, not only the one that RFC 8419 has senders take. Which of them are good enough is not
+/// decided here. A signature by Ed25519 or Ed448 without signed attributes covers the content itself: such
 /// contents are kept up to `Budget::content` octets. An algorithm that is not verified is `unsupported`, with its name,
 /// and never `refused`.
 ///

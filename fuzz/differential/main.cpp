@@ -109,7 +109,7 @@ int main(int argc, char** argv) {
     CLI::App app("Compares the readers of CMS with OpenSSL");
     app.add_option("--count", options.count, "changed messages for each reader");
     app.add_option("--seed", options.number, "where the changes begin");
-    app.add_option("--cuts", options.cutStep, "every which octet messages are cut at");
+    app.add_option("--cuts", options.cutStep, "every which octet messages are cut at")->check(CLI::PositiveNumber);
     app.add_option("--findings", options.mostFindings, "how many are printed before it stops");
     app.add_option("--seconds", options.seconds, "for how long messages are changed at most; 0: until all are");
     app.add_option("--input", options.input, "one message in hexadecimal digits instead");
