@@ -76,7 +76,7 @@ struct SignerParts;
 /// A signed message that is being read; the content, if there is one, is what it delivers as a `MediaIn`.
 ///
 /// `read`, `peek`, `atEnd` and `write` throw
-/// - Exception "CMS::SignedReader", code 4, file CMSStreamReader, with the reason as detail: "the source ended before the
+/// - Exception "CMS::SignedReader", code 4, file CMSSignedReader, with the reason as detail: "the source ended before the
 ///   structure", for instance, or "more than 100 signers". What is behind the content is read together with its last byte.
 ///   They throw the same again when they are called again;
 /// - what the source throws, unchanged, and afterwards the above: "the source failed".
@@ -94,7 +94,7 @@ public:
 
     /// Reads up to the content; all of a message that has none. Keeps a handle on `in`, which nobody else reads until the
     /// end.
-    /// \throws Exception "CMS::SignedReader", code 4, file CMSStreamReader: what comes is no signed data ("no signed data"),
+    /// \throws Exception "CMS::SignedReader", code 4, file CMSSignedReader: what comes is no signed data ("no signed data"),
     ///         damaged, beyond the budget; or has a structure in the place of bytes (PKCS#7 1.5 allows it): "unsupported: the
     ///         content is a structure, not bytes"
     /// \throws what `in` throws

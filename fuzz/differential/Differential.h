@@ -29,6 +29,7 @@ enum class Outcome : std::uint8_t {
     gcmParameters,
     cipher,
     missingParameters,
+    transportUnknown,
     attributesNotDer,
     contentTypeUnnamed,
     originatorKeyInSegments,

@@ -126,6 +126,23 @@ bool joinBitStrings(Node& root) {
     return changed;
 }
 
+/// Names RSA where a recipient by RSA names an algorithm that is none.
+bool nameTransport(Node& root) {
+    const EnvelopeParts parts(root);
+    bool changed = false;
+    if (parts.body != nullptr) {
+        for (Node& recipient : parts.body->parts[parts.recipients].parts) {
+            Node* const identifier = recipient.isUniversal(16) ? at(recipient, {2, 0}) : nullptr;
+            if (identifier != nullptr && !isIdentifier(identifier, identifierContent("1.2.840.113549.1.1.1")) &&
+                !isIdentifier(identifier, identifierContent("1.2.840.113549.1.1.7"))) {
+                identifier->content = identifierContent("1.2.840.113549.1.1.1");
+                changed = true;
+            }
+        }
+    }
+    return changed;
+}
+
 /// Gives a cipher the vector of zeros that OpenSSL takes where there is none.
 bool addVector(Node& root) {
     const EnvelopeParts parts(root);
@@ -157,6 +174,7 @@ const std::vector<Change>& repairs() {
         {Outcome::contentTypeUnnamed, nameContentType},
         {Outcome::originatorKeyInSegments, joinBitStrings},
         {Outcome::missingParameters, addVector},
+        {Outcome::transportUnknown, nameTransport},
         {Outcome::tooDeep, flatten}};
     return all;
 }

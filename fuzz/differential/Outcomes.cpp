@@ -29,6 +29,8 @@ const char* textOf(Outcome outcome) noexcept {
         return "a cipher that is not supported, named";
     case Outcome::missingParameters:
         return "a cipher without an initialisation vector, or behind one that is none (RFC 3565, 4.1)";
+    case Outcome::transportUnknown:
+        return "a recipient's algorithm that is unknown, which OpenSSL takes for RSA PKCS#1 1.5";
     case Outcome::attributesNotDer:
         return "authenticated or signed attributes that are not in DER (RFC 5083, 2.1; RFC 5652, 5.4)";
     case Outcome::contentTypeUnnamed:

@@ -356,7 +356,7 @@ TEST(SignedReader, BehindTheContentAndNotBefore) {
     EXPECT_FALSE(message.isDetached());
     EXPECT_EQ(message.peek(), body().front());
     const auto early = norvtest::thrownBy([&] { static_cast<void>(message.signers()); });
-    norvtest::expectFailure(early, "CMS::SignedReader", 4, "CMSStreamReader");
+    norvtest::expectFailure(early, "CMS::SignedReader", 4, "CMSSignedReader");
     EXPECT_EQ(norvtest::detailOf(early), "the content was not read to its end");
     EXPECT_EQ(norvtest::detailOf(norvtest::thrownBy([&] { static_cast<void>(message.digest()); })),
               "the content is in the structure");
