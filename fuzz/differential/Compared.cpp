@@ -55,7 +55,7 @@ public:
     [[nodiscard]] const PiecesBody& body() const { return dynamic_cast<const PiecesBody&>(**this); }
 };
 
-bool isSegmented(const Node& node, const Strings& strings) {
+bool isSegmented(const Node& node, const Tagged& strings) {
     return node.isConstructed() &&
            (node.isUniversal(4) || std::find(strings.begin(), strings.end(), &node) != strings.end());
 }
@@ -133,15 +133,28 @@ std::optional<Outcome> explain(const Bytes& octets, const std::vector<Change>& c
             return change.outcome;
         }
     }
-    Node all = *root;
-    bool changed = false;
-    for (const Change& change : changes) {
-        changed = change.apply(all) || changed;
+    const auto holdsAfter = [&](const std::function<bool(std::size_t)>& isMeant) {
+        Node copy = *root;
+        bool changed = false;
+        for (std::size_t i = 0; i < changes.size(); ++i) {
+            changed = (isMeant(i) && changes[i].apply(copy)) || changed;
+        }
+        return changed && holds(copy);
+    };
+    if (holdsAfter([](std::size_t /*index*/) { return true; })) {
+        return several;
     }
-    return changed && holds(all) ? std::optional(several) : std::nullopt;
+    for (std::size_t first = 0; first < changes.size(); ++first) {
+        for (std::size_t second = first + 1; second < changes.size(); ++second) {
+            if (holdsAfter([=](std::size_t index) { return index == first || index == second; })) {
+                return several;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
-bool retagSegments(Node& root, const Strings& strings, bool ofTagZero) {
+bool retagSegments(Node& root, const Tagged& strings, bool ofTagZero) {
     bool changed = false;
     forEach(root, [&](Node& node) {
         if (isSegmented(node, strings)) {
@@ -151,16 +164,18 @@ bool retagSegments(Node& root, const Strings& strings, bool ofTagZero) {
     return changed;
 }
 
-bool constructSets(Node& root) {
+bool constructSets(Node& root, const Tagged& sets) {
     bool changed = false;
-    forEach(root, [&changed](Node& node) {
+    forEach(root, [&](Node& node) {
+        const bool isSet =
+            node.isUniversal(16) || node.isUniversal(17) || std::find(sets.begin(), sets.end(), &node) != sets.end();
         const bool mayBeSet =
             node.isUniversal(16) || node.isUniversal(17) || (node.identifier.front() & 0xC0U) == 0x80U;
         if (node.isConstructed() || !mayBeSet) {
             return;
         }
         auto parts = parseAll(node.content);
-        if (parts && (node.isUniversal(16) || node.isUniversal(17) || (!parts->empty() && areElements(*parts)))) {
+        if (parts && (isSet || (!parts->empty() && areElements(*parts)))) {
             node.parts = std::move(*parts);
             node.content.clear();
             node.setConstructed(true);
@@ -170,7 +185,7 @@ bool constructSets(Node& root) {
     return changed;
 }
 
-bool joinSegments(Node& root, const Strings& strings) {
+bool joinSegments(Node& root, const Tagged& strings) {
     bool changed = false;
     forEach(root, [&](Node& node) {
         if (isSegmented(node, strings)) {

@@ -38,6 +38,7 @@ enum class Outcome : std::uint8_t {
     algorithmsDiffer,
     notSupported,
     certificateRefused,
+    certificateNotDer,
 
     // The reader accepts what OpenSSL refuses.
     otherRecipients,

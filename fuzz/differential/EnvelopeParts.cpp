@@ -36,14 +36,24 @@ EnvelopeParts::EnvelopeParts(Node& root) {
     }
 }
 
-Strings EnvelopeParts::strings() const {
-    Strings all{content};
+Tagged EnvelopeParts::strings() const {
+    Tagged all{content};
     if (body != nullptr) {
         for (Node& recipient : body->parts[recipients].parts) {
             all.push_back(recipient.isUniversal(16) ? at(recipient, {1}) : at(recipient, {1, 0}));
             if (all.back() != nullptr && !all.back()->isContext(0)) {
                 all.pop_back();
             }
+        }
+    }
+    return all;
+}
+
+Tagged EnvelopeParts::sets() const {
+    Tagged all;
+    for (const std::size_t index : {originator, attributes, unprotected}) {
+        if (body != nullptr && index != 0) {
+            all.push_back(&body->parts[index]);
         }
     }
     return all;

@@ -11,7 +11,9 @@ struct EnvelopeParts {
     explicit EnvelopeParts(Node& root);
     void erase(std::size_t index) const { body->parts.erase(body->parts.begin() + static_cast<std::ptrdiff_t>(index)); }
     /// The content, and the key identifiers of recipients and originators.
-    [[nodiscard]] Strings strings() const;
+    [[nodiscard]] Tagged strings() const;
+    /// Originator information and attributes.
+    [[nodiscard]] Tagged sets() const;
 
     Node* body = nullptr; ///< null when it is no such message
     Node* content = nullptr;

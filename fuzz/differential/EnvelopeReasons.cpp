@@ -169,7 +169,7 @@ const std::vector<Change>& repairs() {
          [](Node& root) { return retagSegments(root, EnvelopeParts(root).strings(), false); }},
         {Outcome::segmentOfTagZero,
          [](Node& root) { return retagSegments(root, EnvelopeParts(root).strings(), true); }},
-        {Outcome::primitiveSet, constructSets},
+        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, EnvelopeParts(root).sets()); }},
         {Outcome::attributesNotDer, encodeAttributes},
         {Outcome::contentTypeUnnamed, nameContentType},
         {Outcome::originatorKeyInSegments, joinBitStrings},

@@ -45,6 +45,8 @@ const char* textOf(Outcome outcome) noexcept {
         return "an algorithm of a signature that is not supported, named";
     case Outcome::certificateRefused:
         return "a certificate that is refused, with a reason";
+    case Outcome::certificateNotDer:
+        return "a certificate with strings in segments, which DER does not have (RFC 5280, 4.1)";
     case Outcome::otherRecipients:
         return "recipients that were not chosen are not decoded";
     case Outcome::originatorKeyInSegments:

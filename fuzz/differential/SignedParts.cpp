@@ -16,14 +16,28 @@ SignedParts::SignedParts(Node& root) : body(at(root, {1, 0})) {
     }
 }
 
-Strings SignedParts::strings() const {
-    Strings all;
+Tagged SignedParts::strings() const {
+    Tagged all;
     if (body != nullptr) {
         for (Node& signer : signers()) {
             const Node* const name = at(signer, {1});
             if (name != nullptr && name->isContext(0)) {
                 all.push_back(name);
             }
+        }
+    }
+    return all;
+}
+
+Tagged SignedParts::sets() const {
+    Tagged all;
+    if (body != nullptr) {
+        for (std::size_t i = 3; i < body->parts.size(); ++i) {
+            all.push_back(&body->parts[i]);
+        }
+        for (Node& signer : signers()) {
+            all.push_back(attributesOf(signer));
+            all.push_back(signer.parts.empty() ? nullptr : &signer.parts.back());
         }
     }
     return all;

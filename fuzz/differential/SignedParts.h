@@ -17,7 +17,9 @@ struct SignedParts {
     [[nodiscard]] std::vector<Node>& contentInfo() const { return body->parts[2].parts; }
     [[nodiscard]] bool isDetached() const { return contentInfo().size() < 2; }
     /// The key identifiers of signers.
-    [[nodiscard]] Strings strings() const;
+    [[nodiscard]] Tagged strings() const;
+    /// Certificates, lists, and the attributes of signers.
+    [[nodiscard]] Tagged sets() const;
 
     Node* body;                   ///< null when it is no such message
     std::size_t certificates = 0; ///< 0: none

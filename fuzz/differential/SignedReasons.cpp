@@ -124,7 +124,14 @@ bool dropParameters(Node& root) {
 
 /// Brings signed attributes into the order of DER.
 bool sortAttributes(Node& root) {
-    const auto shorter = [](const Node& left, const Node& right) { return encode(left) < encode(right); };
+    const auto inDer = [](const Node& node) {
+        Node set;
+        set.setTag(0x31);
+        set.parts = {node};
+        encodeInDer(set);
+        return encode(set.parts[0]);
+    };
+    const auto shorter = [&inDer](const Node& left, const Node& right) { return inDer(left) < inDer(right); };
     const SignedParts parts(root);
     bool changed = false;
     if (parts.body != nullptr) {
@@ -155,6 +162,12 @@ bool encodeAttributes(Node& root) {
         }
     }
     return changed;
+}
+
+/// Joins the segments of octet strings in certificates.
+bool encodeCertificates(Node& root) {
+    const SignedParts parts(root);
+    return parts.body != nullptr && parts.certificates != 0 && joinSegments(parts.body->parts[parts.certificates]);
 }
 
 struct OpensslKeyFree {
@@ -265,8 +278,9 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
         {Outcome::segmentOfAnotherTag,
          [](Node& root) { return retagSegments(root, SignedParts(root).strings(), false); }},
         {Outcome::segmentOfTagZero, [](Node& root) { return retagSegments(root, SignedParts(root).strings(), true); }},
-        {Outcome::primitiveSet, constructSets},
+        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, SignedParts(root).sets()); }},
         {Outcome::attributesNotDer, encodeAttributes},
+        {Outcome::certificateNotDer, encodeCertificates},
         {Outcome::tooDeep, flatten}};
     if (reader.costly) {
         return Outcome::budget;
@@ -285,8 +299,8 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     if (!root) {
         return std::nullopt;
     }
-    if (reader.reason != 0) {
-        return faultIn(*root, reader.reason);
+    if (const auto fault = faultIn(*root, reader.reason)) {
+        return fault;
     }
     for (const Change& repair : repairs) {
         repair.apply(*root);
