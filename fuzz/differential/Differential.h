@@ -51,7 +51,7 @@ enum class Outcome : std::uint8_t {
     unsignedAttributes,
     otherDigestAlgorithms,
     digestsUnannounced,
-    digestParameters,
+    algorithmParameters,
     edwardsCurve,
     attributesInOrder,
     signatureAsDigest,

@@ -73,8 +73,8 @@ const char* textOf(Outcome outcome) noexcept {
         return "digest algorithms that no signer uses are not looked up";
     case Outcome::digestsUnannounced:
         return "a detached message that does not announce its signers' digests (RFC 5652, 5.1)";
-    case Outcome::digestParameters:
-        return "parameters of announced digest algorithms are not decoded";
+    case Outcome::algorithmParameters:
+        return "parameters of algorithms that have none are not decoded";
     case Outcome::edwardsCurve:
         return "Ed25519 and Ed448, which OpenSSL 3.0's CMS cannot verify";
     case Outcome::attributesInOrder:

@@ -109,14 +109,24 @@ bool announceUsed(Node& root) {
     return changed;
 }
 
-/// Leaves the identifiers of digest algorithms.
+/// Leaves the identifiers of algorithms that have no parameters: all but RSASSA-PSS.
 bool dropParameters(Node& root) {
     const SignedParts parts(root);
     bool changed = false;
+    const auto drop = [&changed](Node* algorithm) {
+        if (algorithm != nullptr && algorithm->parts.size() > 1 &&
+            !isIdentifier(algorithm->parts.data(), identifierContent("1.2.840.113549.1.1.10"))) {
+            algorithm->parts.resize(1);
+            changed = true;
+        }
+    };
     if (parts.body != nullptr) {
         for (Node& algorithm : parts.algorithms()) {
-            changed = changed || algorithm.parts.size() > 1;
-            algorithm.parts.resize(std::min<std::size_t>(algorithm.parts.size(), 1));
+            drop(&algorithm);
+        }
+        for (Node& signer : parts.signers()) {
+            drop(at(signer, {2}));
+            drop(at(signer, {attributesOf(signer) != nullptr ? 4U : 3U}));
         }
     }
     return changed;
@@ -249,7 +259,7 @@ std::optional<Outcome> whyWider(const Bytes& octets, const Answer& reader, const
         {Outcome::otherCertificates, [&](Node& root) { return keepNamed(root, judged.certificates); }},
         {Outcome::otherDigestAlgorithms, keepUsed},
         {Outcome::digestsUnannounced, announceUsed},
-        {Outcome::digestParameters, dropParameters},
+        {Outcome::algorithmParameters, dropParameters},
         {Outcome::attributesInOrder, sortAttributes},
         {Outcome::nestedSegments, [](Node& root) { return joinSegments(root, SignedParts(root).strings()); }}};
     if (const auto outcome = explain(octets, drops, Outcome::severalWider, agrees)) {
