@@ -295,11 +295,12 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     if (reader.costly) {
         return Outcome::budget;
     }
-    int reason = reader.reason;
-    const auto agrees = [&](const Node& message) {
+    const auto says = [&](const Node& message) {
         Judged judged;
-        const Answer answer = readerSays(encode(message), judged, finding);
-        reason = answer.reason;
+        return readerSays(encode(message), judged, finding);
+    };
+    const auto agrees = [&](const Node& message) {
+        const Answer answer = says(message);
         return answer.accepted && answer.content == openssl.content;
     };
     if (const auto outcome = explain(octets, repairs, Outcome::severalStricter, agrees)) {
@@ -315,10 +316,11 @@ std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, co
     for (const Change& repair : repairs) {
         repair.apply(*root);
     }
-    if (reason != 0 && faultIn(*root, reason)) {
+    const Answer repaired = says(*root);
+    if (faultIn(*root, repaired.reason)) {
         return Outcome::severalStricter;
     }
-    finding += "; after all repairs reason " + std::to_string(reason);
+    finding += "; after all repairs: " + described(repaired);
     return std::nullopt;
 }
 
