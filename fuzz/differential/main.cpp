@@ -102,9 +102,7 @@ private:
     std::size_t m_findings = 0;
 };
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     Options options;
     CLI::App app("Compares the readers of CMS with OpenSSL");
     app.add_option("--count", options.count, "changed messages for each reader");
@@ -119,32 +117,38 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     Norvane::Crypto::initialize();
     Norvane::Logger::instance(false).sink(std::make_shared<Silence>());
+    if (!options.input.empty()) {
+        const Bytes octets = norvauthority::fromHex(options.input);
+        for (auto* const compare : {fuzz::compareEnvelope, fuzz::compareSigned}) {
+            const fuzz::Comparison comparison = compare(octets);
+            std::cout << fuzz::textOf(comparison.outcome) << '\n' << comparison.detail << '\n';
+        }
+        return EXIT_SUCCESS;
+    }
+    if (!options.folder.empty()) {
+        for (const auto* const seeds : {&fuzz::envelopeSeeds(), &fuzz::signedSeeds()}) {
+            for (const fuzz::Seed& seed : *seeds) {
+                std::ofstream(options.folder + "/" + seed.first, std::ios::binary)
+                    .write(reinterpret_cast<const char*>(seed.second.data()),
+                           static_cast<std::streamsize>(seed.second.size()));
+            }
+        }
+        return EXIT_SUCCESS;
+    }
+    const bool envelopes = options.reader == "signed" ||
+                           Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
+    const bool messages = options.reader == "envelope" ||
+                          Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
+    return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
     try {
-        if (!options.input.empty()) {
-            const Bytes octets = norvauthority::fromHex(options.input);
-            for (auto* const compare : {fuzz::compareEnvelope, fuzz::compareSigned}) {
-                const fuzz::Comparison comparison = compare(octets);
-                std::cout << fuzz::textOf(comparison.outcome) << '\n' << comparison.detail << '\n';
-            }
-            return EXIT_SUCCESS;
-        }
-        if (!options.folder.empty()) {
-            for (const auto* const seeds : {&fuzz::envelopeSeeds(), &fuzz::signedSeeds()}) {
-                for (const fuzz::Seed& seed : *seeds) {
-                    std::ofstream(options.folder + "/" + seed.first, std::ios::binary)
-                        .write(reinterpret_cast<const char*>(seed.second.data()),
-                               static_cast<std::streamsize>(seed.second.size()));
-                }
-            }
-            return EXIT_SUCCESS;
-        }
-        const bool envelopes = options.reader == "signed" ||
-                               Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
-        const bool messages = options.reader == "envelope" ||
-                              Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
-        return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;
+        return run(argc, argv);
     } catch (const std::exception& failure) {
-        std::cerr << failure.what() << '\n';
+        std::fprintf(stderr, "%s\n", failure.what());
         return 2;
     }
 }
