@@ -58,7 +58,8 @@ bool beginDigest(EVP_MD_CTX* context, const EVP_MD* digest) noexcept {
     // Those in use today, by the place of their numbers; the others are looked up each time.
     static constexpr std::array<int, 5> kept{NID_sha1, NID_sha224, NID_sha256, NID_sha384, NID_sha512};
     static std::array<std::atomic<const EVP_MD_CTX*>, kept.size()> beginnings;
-    const auto* const place = std::find(kept.begin(), kept.end(), EVP_MD_get_type(digest));
+    const auto* const place =
+        std::find(kept.begin(), kept.end(), digest == nullptr ? NID_undef : EVP_MD_get_type(digest));
     if (place == kept.end() || !mayKeepImplementations()) {
         return EVP_DigestInit_ex(context, digest, nullptr) == 1;
     }
