@@ -23,9 +23,10 @@ struct NamedCommand {
     void (*add)(norvcrypt::Command& commands, norvcrypt::Action& action);
 };
 
-constexpr std::array<NamedCommand, 12> namedCommands{{
+constexpr std::array<NamedCommand, 13> namedCommands{{
     {"sign", norvcrypt::addSign},
     {"verify", norvcrypt::addVerify},
+    {"chain", norvcrypt::addChain},
     {"encrypt", norvcrypt::addEncrypt},
     {"decrypt", norvcrypt::addDecrypt},
     {"genkey", norvcrypt::addGenkey},
