@@ -2,7 +2,7 @@
 # on its own, twice over.
 set(NORV_HEADER_SOURCES)
 foreach(folder include2:norvcrypto common/include:norvcmsg extras/keystore/include:norvcrypto-keystore
-               extras/smime/include:norvcrypto-smime)
+               extras/trust/include:norvcrypto-trust extras/smime/include:norvcrypto-smime)
   string(REPLACE ":" ";" folder ${folder})
   list(GET folder 0 from)
   list(GET folder 1 spelled)
