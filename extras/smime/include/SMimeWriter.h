@@ -54,7 +54,7 @@
 /// which names what is of a message as it is: escape it (`asString()` does). They are listed with the functions. What the
 /// streams throw passes through unchanged, and so do the exceptions of `CMS::SignedWriter` and `CMS::EnvelopeWriter`.
 /// All that can be known beforehand is found before the first byte is written; a failure later leaves a message that is
-/// cut off, and its target not ended. `Limits` bounds what a stranger's mail may cost.
+/// cut off, and its target not ended. `WriteLimits` bounds what a stranger's mail may cost.
 ///
 /// **Threads.** Any number of calls may run at once, on streams of their own.
 
@@ -83,7 +83,7 @@ enum class LineEnds : int {
 };
 
 /// How the body and its signature go together. The numbers are fixed.
-enum class SignedForm : int {
+enum class SigningForm : int {
     multipartSigned = 0, ///< the signature is a part beside the body, which every mail program shows (RFC 8551, 3.5.3)
     opaque = 1,          ///< the body is inside the signature: application/pkcs7-mime (RFC 8551, 3.5.2)
 };
@@ -95,7 +95,7 @@ struct NORVCRYPTO_EXPORT SignOptions {
     SignOptions& operator=(const SignOptions& other);
     ~SignOptions();
 
-    SignedForm form = SignedForm::multipartSigned;
+    SigningForm form = SigningForm::multipartSigned;
     /// All who sign. Empty: the pair that `keys` has for the sender. The digest of each is named in the parameter micalg.
     std::vector<CMS::SignedWriter::Signer> signers;
     NVX509::RefKeyStore keys; ///< at first an empty handle
@@ -128,7 +128,7 @@ struct NORVCRYPTO_EXPORT EncryptOptions {
 };
 
 /// What a mail may have that is written; more is refused.
-struct Limits {
+struct WriteLimits {
     std::size_t headerOctets = std::size_t{256} << 10U; ///< of a header, and of that of each part
     std::size_t headerFields = 2000;                    ///< likewise
     std::size_t depth = 30;                             ///< parts within parts and forwarded messages
@@ -141,7 +141,7 @@ struct WriteOptions {
     LineEnds lineEnds = LineEnds::crlf;
     bool protectHeader = false;      ///< header protection, see the top of this file
     std::optional<std::time_t> at{}; ///< the moment at which certificates have to be valid; unset: now
-    Limits limits{};
+    WriteLimits limits{};
     /// Where a copy of the message is kept, if it must be: a path that ends in "XXXXXX" (see `SwapBufferMediaOut`). Empty:
     /// "norvcrypto-XXXXXX" in the system's folder for temporary files.
     std::string spillFile{};
@@ -206,6 +206,6 @@ struct Correspondents {
 
 /// Reads the header of a mail, and no more of it than buffering takes.
 /// \throws Exception as said above: the limits
-NORVCRYPTO_EXPORT Correspondents correspondentsOf(const MediaIn& message, const Limits& limits = Limits());
+NORVCRYPTO_EXPORT Correspondents correspondentsOf(const MediaIn& message, const WriteLimits& limits = WriteLimits());
 
 } // namespace Norvane::Crypto::SMime

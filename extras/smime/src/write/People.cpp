@@ -133,7 +133,7 @@ std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, co
 }
 
 std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options, const mime::Header& header,
-                                                  const Limits& limits, std::time_t at) {
+                                                  const WriteLimits& limits, std::time_t at) {
     std::vector<EmailAddress> addresses = options.addresses;
     if (options.addressesOfMessage) {
         Correspondents people;

@@ -92,7 +92,7 @@ void Preparation::look(const mime::Header& header, const mime::SharedOctets& bod
     m_parts.clear();
     m_next = 0;
     m_writing = false;
-    walk({header, body, {}});
+    walk({header, body, "1"});
 }
 
 void Preparation::write(const mime::Header& header, const mime::SharedOctets& body, std::string_view parameter,
@@ -102,7 +102,7 @@ void Preparation::write(const mime::Header& header, const mime::SharedOctets& bo
     m_target = target;
     m_parameter = parameter;
     m_further = further;
-    walk({header, body, {}});
+    walk({header, body, "1"});
     if (m_next != m_parts.size()) {
         failChanged();
     }
@@ -180,7 +180,7 @@ void Preparation::walkMessage(const Entity& entity, std::size_t number) {
     mime::Header header;
     readPartHeader(entity.body, "the message in " + nameOf(entity), header);
     const std::size_t first = m_writing ? 0 : m_parts.size();
-    walk({header, entity.body, entity.path.empty() ? "1" : entity.path + ".1", entity.depth + 1});
+    walk({header, entity.body, entity.path + ".1", entity.depth + 1});
     if (!m_writing) {
         m_parts[number].eightBit = m_parts[first].eightBit;
     }
@@ -197,7 +197,7 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
             put("\r\n");
         }
         put("--" + type.boundary + "\r\n");
-        const std::string path = (entity.path.empty() ? "" : entity.path + '.') + std::to_string(++count);
+        const std::string path = entity.path + '.' + std::to_string(++count);
         mime::Header header;
         readPartHeader(parts.part(), "part " + path, header);
         const std::size_t first = m_writing ? 0 : m_parts.size();

@@ -30,7 +30,7 @@ enum class Way : int {
 class Preparation {
 public:
     /// \param sevenBitAlone whether a part that must not be changed and is not 7-bit is refused
-    Preparation(const Limits& limits, bool sevenBitAlone) : m_limits(limits), m_sevenBitAlone(sevenBitAlone) {}
+    Preparation(const WriteLimits& limits, bool sevenBitAlone) : m_limits(limits), m_sevenBitAlone(sevenBitAlone) {}
 
     /// Looks at all of a message, whose header was read already. \throws Exception: it cannot be written
     void look(const mime::Header& header, const mime::SharedOctets& body);
@@ -54,7 +54,7 @@ private:
     struct Entity {
         const mime::Header& header;
         mime::SharedOctets body;
-        std::string path; ///< "1.2"; empty for the message
+        std::string path; ///< "1.2"; that of the message is "1"
         std::size_t depth = 0;
         bool ofDigest = false; ///< a message unless it says otherwise (RFC 2046, 5.1.5)
     };
@@ -77,7 +77,7 @@ private:
     [[nodiscard]] std::string headerOf(const Entity& entity, Kind kind, std::size_t number) const;
     void put(std::string_view text);
 
-    Limits m_limits;
+    WriteLimits m_limits;
     bool m_sevenBitAlone;
     bool m_writing = false;
     MediaOut m_target;

@@ -137,7 +137,7 @@ std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS:
     signing.certificates = options.certificates;
     signing.revocationLists = options.revocationLists;
     signing.spillFile = spillFile;
-    if (options.form == SignedForm::opaque) {
+    if (options.form == SigningForm::opaque) {
         return std::make_unique<StructureShell<CMS::SignedWriter>>(CMS::SignedWriter(signing),
                                                                    pkcs7Header("signed-data"));
     }

@@ -21,7 +21,7 @@ using namespace writing;
 
 constexpr std::size_t mostShells = 8;
 
-void readMessageHeader(mime::Octets& octets, const Limits& limits, mime::Header& header) {
+void readMessageHeader(mime::Octets& octets, const WriteLimits& limits, mime::Header& header) {
     switch (mime::readHeader(octets, {limits.headerOctets, limits.headerFields}, header)) {
     case mime::HeaderEnd::complete:
         return;
@@ -34,7 +34,7 @@ void readMessageHeader(mime::Octets& octets, const Limits& limits, mime::Header&
 
 /// The message, once more from its start: its header was read, its body lies ahead.
 struct Opened {
-    Opened(Source& source, const Limits& limits) : body(std::make_shared<mime::MediaOctets>(source.fromStart())) {
+    Opened(Source& source, const WriteLimits& limits) : body(std::make_shared<mime::MediaOctets>(source.fromStart())) {
         readMessageHeader(*body, limits, header);
     }
 
@@ -64,7 +64,7 @@ bool encrypts(const Wrapping& shell) noexcept {
 /// Whether the body stands in the mail as it is written inside the innermost shell.
 bool isSeen(const Wrapping& shell) noexcept {
     const auto* const signing = std::get_if<SignOptions>(&shell);
-    return signing != nullptr && signing->form == SignedForm::multipartSigned;
+    return signing != nullptr && signing->form == SigningForm::multipartSigned;
 }
 
 /// A layer of S/MIME or PGP.
@@ -89,7 +89,8 @@ DividedHeader divide(const mime::Header& header, const std::vector<Wrapping>& sh
 }
 
 /// Looks at all of a message, and answers whether one of the boundaries stands in it.
-bool look(Source& source, Preparation& preparation, const std::vector<std::string>& boundaries, const Limits& limits) {
+bool look(Source& source, Preparation& preparation, const std::vector<std::string>& boundaries,
+          const WriteLimits& limits) {
     BoundaryWatch watch(boundaries);
     const Opened message(source, limits);
     preparation.look(message.header, std::make_shared<WatchedOctets>(message.body, watch));
@@ -188,7 +189,7 @@ void writeCertificates(const MediaIn& message, const std::vector<NVX509::RefCert
     begin(divided(opened.header).outside, shells, out, how.lineEnds).end();
 }
 
-Correspondents correspondentsOf(const MediaIn& message, const Limits& limits) {
+Correspondents correspondentsOf(const MediaIn& message, const WriteLimits& limits) {
     mime::MediaOctets octets(message);
     mime::Header header;
     readMessageHeader(octets, limits, header);
