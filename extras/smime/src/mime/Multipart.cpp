@@ -129,7 +129,11 @@ private:
 
 Multipart::Multipart(SharedOctets body, const std::string& boundary)
     : m_body(std::move(body)),
-      m_delimiter("\n--" + boundary) {}
+      m_delimiter("\n--" + boundary) {
+    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes);
+    m_current = preamble.get();
+    m_part = preamble;
+}
 
 bool Multipart::next() {
     if (m_current == nullptr)

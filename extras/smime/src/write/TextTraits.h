@@ -40,8 +40,8 @@ public:
     [[nodiscard]] bool isRelayProof() const noexcept {
         return isSendable() && !m_trailingBlank && !m_fromLine && !m_dotLine;
     }
-    /// Whether quoted-printable is shorter than base64.
-    [[nodiscard]] bool isMostlyText() const noexcept { return (m_eightBit + m_controls) * 6 <= m_octets; }
+    /// Whether quoted-printable can be read by people, and is not much longer than base64.
+    [[nodiscard]] bool isMostlyText() const noexcept { return (m_eightBit + m_controls) * 4 <= m_octets; }
 
     /// Equal traits: the same bytes, as far as they matter here.
     bool operator==(const TextTraits& other) const noexcept;
