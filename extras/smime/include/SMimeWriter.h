@@ -65,6 +65,7 @@
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/CertificateRevocationList.h>
 #include <norvcrypto/Export.h>
+#include <norvcrypto/Hasher.h>
 #include <norvcrypto/KeyStore.h>
 
 #include <cstddef>
@@ -78,8 +79,9 @@ namespace Norvane::Crypto::SMime {
 
 /// How lines end in what is written. The numbers are fixed.
 enum class LineEnds : int {
-    crlf = 0, ///< as mail travels (RFC 5321, 2.3.8)
-    lf = 1,   ///< as mail lies in files of Unix; whoever sends it makes CRLF of it
+    crlf = 0,      ///< as mail travels (RFC 5321, 2.3.8)
+    lf = 1,        ///< as mail lies in files of Unix; whoever sends it makes CRLF of it
+    asMessage = 2, ///< as the first line of the message that comes in; CRLF for one without header fields
 };
 
 /// How the body and its signature go together. The numbers are fixed.
@@ -98,6 +100,9 @@ struct NORVCRYPTO_EXPORT SignOptions {
     SigningForm form = SigningForm::multipartSigned;
     /// All who sign. Empty: the pair that `keys` has for the sender. The digest of each is named in the parameter micalg.
     std::vector<CMS::SignedWriter::Signer> signers;
+    /// For every signer that names none. Unset: what suits each key, see `CMS::SignedWriter::Signer::digest`.
+    std::optional<Hasher::Type> digest;
+    bool pss = false;         ///< RSASSA-PSS for every signer with an RSA key
     NVX509::RefKeyStore keys; ///< at first an empty handle
     /// The sender; unset: the one address of From, or of Sender where From has several.
     std::optional<EmailAddress> from;
@@ -155,10 +160,10 @@ struct WriteOptions {
 ///         - "the certificate of CN=Anna expired on 2026-01-31T12:00:00Z", "... is not valid before ...", "... does not
 ///           allow signing: its key usage has neither digitalSignature nor nonRepudiation", "... its extended key usage has
 ///           no emailProtection"
-///         - "part 1.2 is signed already and not 7-bit ...", "part 1.2 has the transfer encoding x-uuencode and is not
+///         - "the part at 1.2 is signed already and not 7-bit ...", "the part at 1.2 has the transfer encoding x-uuencode and is not
 ///           7-bit ..." (in a multipart/signed alone)
-///         - "the header of part 1.2 has more than 262144 octets" and the other limits
-///         - "the field References of part 1.2 has a line of 1200 characters that cannot be folded"
+///         - "the header of the part at 1.2 has more than 262144 octets" and the other limits
+///         - "the field References of the part at 1.2 has a line of 1200 characters that cannot be folded"
 ///         - "the message changed while it was read"
 NORVCRYPTO_EXPORT void sign(const MediaIn& message, const SignOptions& options, MediaOut& out,
                             const WriteOptions& how = WriteOptions());

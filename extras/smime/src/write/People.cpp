@@ -123,10 +123,16 @@ std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, co
         }
         signers.emplace_back(pair);
     }
-    for (const CMS::SignedWriter::Signer& signer : signers) {
+    for (CMS::SignedWriter::Signer& signer : signers) {
         // What is empty, SignedWriter refuses with the signer's number.
         if (signer.pair && !signer.pair->certificate.isNull()) {
             requireUsable(signer.pair->certificate, Use::signing, at);
+            if (!signer.digest) {
+                signer.digest = options.digest ? options.digest : suitableDigest(signer.pair->certificate);
+            }
+        }
+        if (options.pss) {
+            signer.rsaScheme = CMS::SignedWriter::RsaScheme::pss;
         }
     }
     return signers;

@@ -16,7 +16,7 @@ namespace Norvane::Crypto::SMime::writing {
 /// The addresses of a header.
 Correspondents correspondentsIn(const mime::Header& header);
 
-/// All who sign. \throws Exception: nobody, or one who may not
+/// All who sign, each with a digest where it has a number. \throws Exception: nobody, or one who may not
 std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, const mime::Header& header,
                                                   std::time_t at);
 

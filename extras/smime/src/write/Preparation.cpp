@@ -115,7 +115,7 @@ void Preparation::put(std::string_view text) {
 }
 
 std::string Preparation::nameOf(const Entity& entity) {
-    return entity.depth == 0 ? "the message" : "part " + entity.path;
+    return entity.depth == 0 ? "the message" : "the part at " + entity.path;
 }
 
 Preparation::Kind Preparation::kindOf(const Entity& entity, const mime::ContentType& type) {
@@ -199,7 +199,7 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         put("--" + type.boundary + "\r\n");
         const std::string path = entity.path + '.' + std::to_string(++count);
         mime::Header header;
-        readPartHeader(parts.part(), "part " + path, header);
+        readPartHeader(parts.part(), "the part at " + path, header);
         const std::size_t first = m_writing ? 0 : m_parts.size();
         walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest"});
         eightBit = eightBit || (!m_writing && m_parts[first].eightBit);

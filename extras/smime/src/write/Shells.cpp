@@ -1,6 +1,5 @@
 #include "write/Shells.h"
 
-#include "write/CertificateUse.h"
 #include "write/Fields.h"
 #include "write/Filters.h"
 
@@ -129,11 +128,6 @@ std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS:
                                     const std::string& boundary, const std::string& spillFile) {
     CMS::SignedWriter::Options signing;
     signing.signers = std::move(signers);
-    for (CMS::SignedWriter::Signer& signer : signing.signers) {
-        if (!signer.digest && signer.pair && !signer.pair->certificate.isNull()) {
-            signer.digest = suitableDigest(signer.pair->certificate);
-        }
-    }
     signing.certificates = options.certificates;
     signing.revocationLists = options.revocationLists;
     signing.spillFile = spillFile;

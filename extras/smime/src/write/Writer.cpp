@@ -116,9 +116,10 @@ std::unique_ptr<Shell> readyShell(const Wrapping& shell, const mime::Header& hea
 }
 
 /// The start of the mail, and the sink for what is inside of all shells.
-MediaOut begin(const std::string& outside, std::vector<std::unique_ptr<Shell>>& shells, MediaOut& out,
-               LineEnds lineEnds) {
-    MediaOut target = lineEnds == LineEnds::lf ? lineFeeds(out) : out;
+MediaOut begin(const mime::Header& header, const std::string& outside, std::vector<std::unique_ptr<Shell>>& shells,
+               MediaOut& out, LineEnds lineEnds) {
+    const bool feeds = lineEnds == LineEnds::lf || (lineEnds == LineEnds::asMessage && !header.endsLinesInCrLf());
+    MediaOut target = feeds ? lineFeeds(out) : out;
     put(target, outside + "MIME-Version: 1.0\r\n");
     for (auto shell = shells.rbegin(); shell != shells.rend(); ++shell) {
         target = (*shell)->open(target);
@@ -158,7 +159,7 @@ void wrap(const MediaIn& message, const std::vector<Wrapping>& shells, MediaOut&
         fail("a boundary that was made at random stands in the message: try again");
     }
     const Opened opened(source, how.limits);
-    MediaOut inside = begin(divided.outside, ready, out, how.lineEnds);
+    MediaOut inside = begin(header, divided.outside, ready, out, how.lineEnds);
     preparation.write(opened.header, opened.body, divided.typeParameter, divided.inside, inside);
     inside.end();
 }
@@ -186,7 +187,7 @@ void writeCertificates(const MediaIn& message, const std::vector<NVX509::RefCert
     }
     std::vector<std::unique_ptr<Shell>> shells;
     shells.push_back(certificatesShell(certificates, revocationLists));
-    begin(divided(opened.header).outside, shells, out, how.lineEnds).end();
+    begin(opened.header, divided(opened.header).outside, shells, out, how.lineEnds).end();
 }
 
 Correspondents correspondentsOf(const MediaIn& message, const WriteLimits& limits) {

@@ -243,10 +243,10 @@ TEST(SmimePreparationTest, RefusesASignedPartThatWouldNotSurviveAndCarriesItOpaq
     std::string mail = signedAlready;
     mail.replace(mail.find("trailing"), 8, "tr\xe4iling");
     const std::string inside = "Content-Type: multipart/mixed; boundary=m\n\n--m\n\nx\n--m\n" + mail + "\n--m--\n";
-    EXPECT_EQ(
-        refusalOf(inside, {signedBy({&person("alice")})}),
-        "part 1.2 is signed already and not 7-bit text with short lines: a signature beside it would not survive its "
-        "way. Sign the message opaquely");
+    EXPECT_EQ(refusalOf(inside, {signedBy({&person("alice")})}),
+              "the part at 1.2 is signed already and not 7-bit text with short lines: a signature beside it would not "
+              "survive its "
+              "way. Sign the message opaquely");
     EXPECT_THAT(refusalOf(mail, {signedBy({&person("alice")})}), StartsWith("the message is signed already and"));
     EXPECT_EQ(verified(wrapped(inside, {opaquelySignedBy(person("alice"))})), withCrLf(inside));
     EXPECT_EQ(decrypted(wrapped(inside, {encryptedFor({&person("bob")})}), person("bob")), withCrLf(inside));
@@ -287,7 +287,7 @@ TEST(SmimePreparationTest, BoundsWhatAStrangerMayChoose) {
     EXPECT_EQ(refusalOf("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: " +
                             std::string(std::size_t{256} << 10U, 'x') + "\n--b--",
                         shells),
-              "the header of part 1.1 has more than 262144 octets");
+              "the header of the part at 1.1 has more than 262144 octets");
     std::string many;
     for (int at = 0; at <= 2000; ++at) {
         many += "A: b\n";

@@ -154,6 +154,14 @@ TEST(SmimeSigningTest, WritesLineFeedsWhenAsked) {
     }
 }
 
+TEST(SmimeSigningTest, EndsLinesAsTheMessageDoesWhenAsked) {
+    SMime::WriteOptions how;
+    how.lineEnds = SMime::LineEnds::asMessage;
+    expectLines(wrapped(plain, {signedBy({&person("alice")})}, how), "\n", 78);
+    expectLines(wrapped(withCrLf(plain), {signedBy({&person("alice")})}, how), "\r\n", 78);
+    expectLines(wrapped("", {signedBy({&person("alice")})}, how), "\r\n", 78);
+}
+
 TEST(SmimeSigningTest, SaysWhichCharacterSetATextWithoutTypeHas) {
     const auto typeOf = [](const std::string& body) {
         const std::string part = verified(wrapped("Subject: x\n\n" + body, {signedBy({&person("alice")})}));
