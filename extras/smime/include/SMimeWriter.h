@@ -54,7 +54,7 @@
 /// which names what is of a message as it is: escape it (`asString()` does). They are listed with the functions. What the
 /// streams throw passes through unchanged, and so do the exceptions of `CMS::SignedWriter` and `CMS::EnvelopeWriter`.
 /// All that can be known beforehand is found before the first byte is written; a failure later leaves a message that is
-/// cut off, and its target not ended. `WriteLimits` bounds what a stranger's mail may cost.
+/// cut off, and its target not ended. `WriteBudget` bounds what a stranger's mail may cost.
 ///
 /// **Threads.** Any number of calls may run at once, on streams of their own.
 
@@ -133,10 +133,10 @@ struct NORVCRYPTO_EXPORT EncryptOptions {
 };
 
 /// What a mail may have that is written; more is refused.
-struct WriteLimits {
+struct WriteBudget {
     std::size_t headerOctets = std::size_t{256} << 10U; ///< of a header, and of that of each part
     std::size_t headerFields = 2000;                    ///< likewise
-    std::size_t depth = 30;                             ///< parts within parts and forwarded messages
+    std::size_t depth = 20;                             ///< parts within parts and forwarded messages
     std::size_t parts = 10000;                          ///< in all
     std::size_t recipients = CMS::maximumRecipients;    ///< addresses of the message
 };
@@ -146,10 +146,10 @@ struct WriteOptions {
     LineEnds lineEnds = LineEnds::crlf;
     bool protectHeader = false;      ///< header protection, see the top of this file
     std::optional<std::time_t> at{}; ///< the moment at which certificates have to be valid; unset: now
-    WriteLimits limits{};
+    WriteBudget budget{};
     /// Where a copy of the message is kept, if it must be: a path that ends in "XXXXXX" (see `SwapBufferMediaOut`). Empty:
     /// "norvcrypto-XXXXXX" in the system's folder for temporary files.
-    std::string spillFile{};
+    std::string spillTemplate{};
 };
 
 /// Signs a mail, and ends `out`.
@@ -162,7 +162,7 @@ struct WriteOptions {
 ///           no emailProtection"
 ///         - "the part at 1.2 is signed already and not 7-bit ...", "the part at 1.2 has the transfer encoding x-uuencode and is not
 ///           7-bit ..." (in a multipart/signed alone)
-///         - "the header of the part at 1.2 has more than 262144 octets" and the other limits
+///         - "the header of the part at 1.2 has more than 262144 octets" and so on for all of `WriteBudget`
 ///         - "the field References of the part at 1.2 has a line of 1200 characters that cannot be folded"
 ///         - "the message changed while it was read"
 NORVCRYPTO_EXPORT void sign(const MediaIn& message, const SignOptions& options, MediaOut& out,
@@ -195,7 +195,7 @@ NORVCRYPTO_EXPORT void wrap(const MediaIn& message, const std::vector<Wrapping>&
 
 /// Writes a mail that carries certificates and revocation lists, signed by nobody (RFC 8551, 3.8: certs-only), and ends
 /// `out`. \param message its header fields; those that `sign` would take inside go, and its body is empty
-/// \throws Exception as said above: "a message of certificates has no body", the limits; and as `CMS::SignedWriter`
+/// \throws Exception as said above: "a message of certificates has no body", the budget; and as `CMS::SignedWriter`
 NORVCRYPTO_EXPORT void writeCertificates(const MediaIn& message,
                                          const std::vector<NVX509::RefCertificate>& certificates,
                                          const std::vector<NVX509::RefCertificateRevocationList>& revocationLists,
@@ -210,7 +210,7 @@ struct Correspondents {
 };
 
 /// Reads the header of a mail, and no more of it than buffering takes.
-/// \throws Exception as said above: the limits
-NORVCRYPTO_EXPORT Correspondents correspondentsOf(const MediaIn& message, const WriteLimits& limits = WriteLimits());
+/// \throws Exception as said above: the budget
+NORVCRYPTO_EXPORT Correspondents correspondentsOf(const MediaIn& message, const WriteBudget& budget = WriteBudget());
 
 } // namespace Norvane::Crypto::SMime

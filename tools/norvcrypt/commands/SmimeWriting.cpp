@@ -191,7 +191,7 @@ SMime::WriteOptions SmimeWritingOptions::how() const {
                        : m_lineEnds == "lf" ? SMime::LineEnds::lf
                                             : SMime::LineEnds::asMessage;
     options.protectHeader = m_protectHeader;
-    options.spillFile = spillTemplate();
+    options.spillTemplate = spillTemplate();
     return options;
 }
 

@@ -139,7 +139,7 @@ std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, co
 }
 
 std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options, const mime::Header& header,
-                                                  const WriteLimits& limits, std::time_t at) {
+                                                  const WriteBudget& budget, std::time_t at) {
     std::vector<EmailAddress> addresses = options.addresses;
     if (options.addressesOfMessage) {
         Correspondents people;
@@ -154,8 +154,8 @@ std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options,
     if (options.sender) {
         addresses.push_back(senderOf(options.from, header));
     }
-    if (addresses.size() > limits.recipients) {
-        fail("the message has more than " + std::to_string(limits.recipients) + " recipients");
+    if (addresses.size() > budget.recipients) {
+        fail("the message has more than " + std::to_string(budget.recipients) + " recipients");
     }
     if (!addresses.empty() && options.keys.isNull()) {
         fail("there is no store to find the recipients in");

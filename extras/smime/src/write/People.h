@@ -22,6 +22,6 @@ std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, co
 
 /// All who shall read. \throws Exception: nobody, or one to whom nothing may be encrypted
 std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options, const mime::Header& header,
-                                                  const WriteLimits& limits, std::time_t at);
+                                                  const WriteBudget& budget, std::time_t at);
 
 } // namespace Norvane::Crypto::SMime::writing

@@ -2,6 +2,7 @@
 
 #include "mime/Limits.h"
 #include "mime/Multipart.h"
+#include "write/BoundedHeader.h"
 #include "write/Fail.h"
 #include "write/Fields.h"
 #include "write/Filters.h"
@@ -32,8 +33,34 @@ bool isText(const mime::ContentType& type) {
 }
 
 bool isUsableBoundary(const std::string& boundary) {
-    return !boundary.empty() && boundary.size() <= mime::maximumBoundary &&
+    return !boundary.empty() && boundary.size() <= mime::maximumBoundary && boundary.back() != ' ' &&
            std::ranges::all_of(boundary, [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+/// Why a part must not be changed.
+std::string whyItStays(const mime::Header& header, const mime::ContentType& type) {
+    if (type.is("multipart", "signed")) {
+        return "is signed already";
+    }
+    if (type.is("multipart", "encrypted")) {
+        return "is encrypted already";
+    }
+    if (mime::transferOf(header) != mime::Transfer::identity) {
+        return "has the transfer encoding " + transferWord(header);
+    }
+    return "is a multipart without a proper boundary";
+}
+
+/// A Content-Type with the parameter of header protection. \throws Exception: it is not read from there
+std::string protectedType(const std::string& field, std::string_view parameter) {
+    std::string changed = withParameter(field, parameter);
+    mime::MemoryOctets octets(changed);
+    mime::Header header;
+    static_cast<void>(mime::readHeader(octets, {changed.size(), 1}, header));
+    if (mime::contentTypeOf(header).hp.empty()) {
+        fail("the Content-Type of the message is not one to which header protection can be added");
+    }
+    return changed;
 }
 
 const char* wordOf(Way way) {
@@ -95,13 +122,10 @@ void Preparation::look(const mime::Header& header, const mime::SharedOctets& bod
     walk({header, body, "1"});
 }
 
-void Preparation::write(const mime::Header& header, const mime::SharedOctets& body, std::string_view parameter,
-                        std::string_view further, const MediaOut& target) {
+void Preparation::write(const mime::Header& header, const mime::SharedOctets& body, const MediaOut& target) {
     m_next = 0;
     m_writing = true;
     m_target = target;
-    m_parameter = parameter;
-    m_further = further;
     walk({header, body, "1"});
     if (m_next != m_parts.size()) {
         failChanged();
@@ -138,11 +162,11 @@ std::size_t Preparation::begin(const Entity& entity) {
         }
         return m_next++;
     }
-    if (m_parts.size() == m_limits.parts) {
-        fail("the message has more than " + std::to_string(m_limits.parts) + " parts");
+    if (m_parts.size() == m_budget.parts) {
+        fail("the message has more than " + std::to_string(m_budget.parts) + " parts");
     }
-    if (entity.depth > m_limits.depth) {
-        fail("the parts of the message lie within one another more than " + std::to_string(m_limits.depth) + " deep");
+    if (entity.depth > m_budget.depth) {
+        fail("the parts of the message lie within one another more than " + std::to_string(m_budget.depth) + " deep");
     }
     m_parts.emplace_back();
     return m_parts.size() - 1;
@@ -178,7 +202,7 @@ void Preparation::walk(const Entity& entity) {
 
 void Preparation::walkMessage(const Entity& entity, std::size_t number) {
     mime::Header header;
-    readPartHeader(entity.body, "the message in " + nameOf(entity), header);
+    readBounded(*entity.body, m_budget, "the message in " + nameOf(entity), header);
     const std::size_t first = m_writing ? 0 : m_parts.size();
     walk({header, entity.body, entity.path + ".1", entity.depth + 1});
     if (!m_writing) {
@@ -199,7 +223,7 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         put("--" + type.boundary + "\r\n");
         const std::string path = entity.path + '.' + std::to_string(++count);
         mime::Header header;
-        readPartHeader(parts.part(), "the part at " + path, header);
+        readBounded(*parts.part(), m_budget, "the part at " + path, header);
         const std::size_t first = m_writing ? 0 : m_parts.size();
         walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest"});
         eightBit = eightBit || (!m_writing && m_parts[first].eightBit);
@@ -251,15 +275,9 @@ void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type
     if (!part.eightBit || !m_sevenBitAlone) {
         return;
     }
-    const std::string advice = " and not 7-bit text with short lines: a signature beside it would not survive its way. "
-                               "Sign the message opaquely";
-    if (type.is("multipart", "signed")) {
-        fail(nameOf(entity) + " is signed already" + advice);
-    }
-    if (type.is("multipart", "encrypted")) {
-        fail(nameOf(entity) + " is encrypted already" + advice);
-    }
-    fail(nameOf(entity) + " has the transfer encoding " + transferWord(entity.header) + advice);
+    fail(nameOf(entity) + ' ' + whyItStays(entity.header, type) +
+         " and not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
+         "opaquely");
 }
 
 Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits) const {
@@ -273,7 +291,7 @@ Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, cons
     case mime::Transfer::identity:
         break;
     }
-    if (!isText(type) && transferWord(entity.header) == "binary") {
+    if (transferWord(entity.header) == "binary" && (!isText(type) || traits.zeros() != 0)) {
         return Way::base64Exactly;
     }
     if (traits.isRelayProof()) {
@@ -287,18 +305,6 @@ void Preparation::writeLeaf(const Entity& entity, std::size_t number) {
     MediaOut filter = filterFor(part.way, keptOpen(m_target));
     if (taken(*entity.body, &filter) != part.traits) {
         failChanged();
-    }
-}
-
-void Preparation::readPartHeader(const mime::SharedOctets& octets, const std::string& where,
-                                 mime::Header& header) const {
-    switch (mime::readHeader(*octets, {m_limits.headerOctets, m_limits.headerFields}, header)) {
-    case mime::HeaderEnd::complete:
-        return;
-    case mime::HeaderEnd::tooLong:
-        fail("the header of " + where + " has more than " + std::to_string(m_limits.headerOctets) + " octets");
-    case mime::HeaderEnd::tooMany:
-        fail("the header of " + where + " has more than " + std::to_string(m_limits.headerFields) + " fields");
     }
 }
 
@@ -329,7 +335,7 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
         }
         std::string written = innerField(name, entity.header.valueOf(field), where);
         if (isMessage && !hasType && !m_parameter.empty() && mime::isSameName(name, "Content-Type")) {
-            written = withParameter(std::move(written), m_parameter);
+            written = protectedType(written, m_parameter);
         }
         hasType = hasType || mime::isSameName(name, "Content-Type");
         text += written;
@@ -338,8 +344,8 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
         const char* const charset = part.traits.eightBit() == 0 ? "us-ascii"
                                     : part.traits.isUtf8()      ? "utf-8"
                                                                 : "unknown-8bit";
-        std::string type = newField("Content-Type", std::string("text/plain; charset=") + charset);
-        text += m_parameter.empty() ? type : withParameter(std::move(type), m_parameter);
+        const std::string type = newField("Content-Type", std::string("text/plain; charset=") + charset);
+        text += m_parameter.empty() ? type : protectedType(type, m_parameter);
     }
     if (changesWord) {
         text += newField("Content-Transfer-Encoding", wordOf(part.way));

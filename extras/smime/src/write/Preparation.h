@@ -12,6 +12,7 @@
 #include <norvcrypto-smime/SMimeWriter.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Norvane::Crypto::SMime::writing {
@@ -30,15 +31,19 @@ enum class Way : int {
 class Preparation {
 public:
     /// \param sevenBitAlone whether a part that must not be changed and is not 7-bit is refused
-    Preparation(const WriteLimits& limits, bool sevenBitAlone) : m_limits(limits), m_sevenBitAlone(sevenBitAlone) {}
+    /// \param typeParameter of the Content-Type of the message in addition; empty: none
+    /// \param further fields that go inside
+    Preparation(const WriteBudget& budget, bool sevenBitAlone, std::string typeParameter, std::string further)
+        : m_budget(budget),
+          m_sevenBitAlone(sevenBitAlone),
+          m_parameter(std::move(typeParameter)),
+          m_further(std::move(further)) {}
 
     /// Looks at all of a message, whose header was read already. \throws Exception: it cannot be written
     void look(const mime::Header& header, const mime::SharedOctets& body);
-    /// Writes what goes inside: the Content- fields, `further` fields, the empty line and the body.
-    /// \param parameter of the Content-Type in addition; empty: none
+    /// Writes what goes inside: further fields, the Content- fields, the empty line and the body.
     /// \throws Exception: the message is another one than before
-    void write(const mime::Header& header, const mime::SharedOctets& body, std::string_view parameter,
-               std::string_view further, const MediaOut& target);
+    void write(const mime::Header& header, const mime::SharedOctets& body, const MediaOut& target);
 
 private:
     /// What was found of one part.
@@ -62,7 +67,6 @@ private:
     static Kind kindOf(const Entity& entity, const mime::ContentType& type);
     static std::string nameOf(const Entity& entity);
 
-    void restart(bool writing);
     std::size_t begin(const Entity& entity);
     void walk(const Entity& entity);
     void walkBody(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number);
@@ -73,16 +77,15 @@ private:
     void writeLeaf(const Entity& entity, std::size_t number);
     [[nodiscard]] Way wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits) const;
 
-    void readPartHeader(const mime::SharedOctets& octets, const std::string& where, mime::Header& header) const;
     [[nodiscard]] std::string headerOf(const Entity& entity, Kind kind, std::size_t number) const;
     void put(std::string_view text);
 
-    WriteLimits m_limits;
+    WriteBudget m_budget;
     bool m_sevenBitAlone;
     bool m_writing = false;
     MediaOut m_target;
-    std::string_view m_parameter;
-    std::string_view m_further;
+    std::string m_parameter;
+    std::string m_further;
     std::vector<Part> m_parts;
     std::size_t m_next = 0;
 };

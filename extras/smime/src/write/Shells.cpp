@@ -125,12 +125,12 @@ private:
 } // namespace
 
 std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS::SignedWriter::Signer> signers,
-                                    const std::string& boundary, const std::string& spillFile) {
+                                    const std::string& boundary, const std::string& spillTemplate) {
     CMS::SignedWriter::Options signing;
     signing.signers = std::move(signers);
     signing.certificates = options.certificates;
     signing.revocationLists = options.revocationLists;
-    signing.spillFile = spillFile;
+    signing.spillFile = spillTemplate;
     if (options.form == SigningForm::opaque) {
         return std::make_unique<StructureShell<CMS::SignedWriter>>(CMS::SignedWriter(signing),
                                                                    pkcs7Header("signed-data"));
@@ -140,12 +140,12 @@ std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS:
 }
 
 std::unique_ptr<Shell> encryptingShell(CMS::ContentCipher cipher, const std::vector<CMS::EnvelopeRecipient>& recipients,
-                                       const std::string& spillFile) {
+                                       const std::string& spillTemplate) {
     const bool authenticates = cipher == CMS::ContentCipher::aes128Gcm || cipher == CMS::ContentCipher::aes192Gcm ||
                                cipher == CMS::ContentCipher::aes256Gcm;
     CMS::EnvelopeOptions options;
     options.cipher = cipher;
-    options.temporaryFile = spillFile;
+    options.temporaryFile = spillTemplate;
     return std::make_unique<StructureShell<CMS::EnvelopeWriter>>(
         CMS::EnvelopeWriter(recipients, options), pkcs7Header(authenticates ? "authEnveloped-data" : "enveloped-data"));
 }

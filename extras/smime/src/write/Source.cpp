@@ -23,12 +23,12 @@ bool canReturn(MediaIn& stream, unsigned long& position) {
 
 } // namespace
 
-Source::Source(const MediaIn& message, const std::string& spillFile) : m_message(message) {
+Source::Source(const MediaIn& message, const std::string& spillTemplate) : m_message(message) {
     if (canReturn(m_message, m_start)) {
         return;
     }
     const std::string path =
-        spillFile.empty() ? (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string() : spillFile;
+        spillTemplate.empty() ? (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string() : spillTemplate;
     m_copy.emplace(keptInMemory, path.c_str());
     m_message.write(*m_copy);
 }

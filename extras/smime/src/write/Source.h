@@ -11,8 +11,8 @@ namespace Norvane::Crypto::SMime::writing {
 /// A message that is read more than once: where it is, or from a copy.
 class Source {
 public:
-    /// \param spillFile see `WriteOptions` \throws what reading and keeping the copy throw
-    Source(const MediaIn& message, const std::string& spillFile);
+    /// \param spillTemplate see `WriteOptions` \throws what reading and keeping the copy throw
+    Source(const MediaIn& message, const std::string& spillTemplate);
 
     /// A stream at the start of the message; the one before it is not to be used any more.
     MediaIn fromStart();

@@ -1,4 +1,5 @@
 #include "write/Boundary.h"
+#include "write/BoundedHeader.h"
 #include "write/Fail.h"
 #include "write/Filters.h"
 #include "write/HeaderProtection.h"
@@ -21,21 +22,10 @@ using namespace writing;
 
 constexpr std::size_t mostShells = 8;
 
-void readMessageHeader(mime::Octets& octets, const WriteLimits& limits, mime::Header& header) {
-    switch (mime::readHeader(octets, {limits.headerOctets, limits.headerFields}, header)) {
-    case mime::HeaderEnd::complete:
-        return;
-    case mime::HeaderEnd::tooLong:
-        fail("the header of the message has more than " + std::to_string(limits.headerOctets) + " octets");
-    case mime::HeaderEnd::tooMany:
-        fail("the header of the message has more than " + std::to_string(limits.headerFields) + " fields");
-    }
-}
-
 /// The message, once more from its start: its header was read, its body lies ahead.
 struct Opened {
-    Opened(Source& source, const WriteLimits& limits) : body(std::make_shared<mime::MediaOctets>(source.fromStart())) {
-        readMessageHeader(*body, limits, header);
+    Opened(Source& source, const WriteBudget& budget) : body(std::make_shared<mime::MediaOctets>(source.fromStart())) {
+        readBounded(*body, budget, "the message", header);
     }
 
     mime::SharedOctets body;
@@ -90,9 +80,9 @@ DividedHeader divide(const mime::Header& header, const std::vector<Wrapping>& sh
 
 /// Looks at all of a message, and answers whether one of the boundaries stands in it.
 bool look(Source& source, Preparation& preparation, const std::vector<std::string>& boundaries,
-          const WriteLimits& limits) {
+          const WriteBudget& budget) {
     BoundaryWatch watch(boundaries);
-    const Opened message(source, limits);
+    const Opened message(source, budget);
     preparation.look(message.header, std::make_shared<WatchedOctets>(message.body, watch));
     return watch.found();
 }
@@ -109,10 +99,10 @@ std::unique_ptr<Shell> readyShell(const Wrapping& shell, const mime::Header& hea
                                   const WriteOptions& how) {
     const std::time_t at = how.at.value_or(std::time(nullptr));
     if (const auto* const signing = std::get_if<SignOptions>(&shell)) {
-        return signingShell(*signing, signersFor(*signing, header, at), boundary, how.spillFile);
+        return signingShell(*signing, signersFor(*signing, header, at), boundary, how.spillTemplate);
     }
     const auto& encrypting = std::get<EncryptOptions>(shell);
-    return encryptingShell(encrypting.cipher, recipientsFor(encrypting, header, how.limits, at), how.spillFile);
+    return encryptingShell(encrypting.cipher, recipientsFor(encrypting, header, how.budget, at), how.spillTemplate);
 }
 
 /// The start of the mail, and the sink for what is inside of all shells.
@@ -146,21 +136,21 @@ void wrap(const MediaIn& message, const std::vector<Wrapping>& shells, MediaOut&
     if (shells.size() > mostShells) {
         fail("there are more than " + std::to_string(mostShells) + " shells");
     }
-    Source source(message, how.spillFile);
-    const mime::Header header = Opened(source, how.limits).header;
+    Source source(message, how.spillTemplate);
+    const mime::Header header = Opened(source, how.budget).header;
     const DividedHeader divided = divide(header, shells, how);
     std::vector<std::string> boundaries = newBoundaries(shells.size());
     std::vector<std::unique_ptr<Shell>> ready;
     for (std::size_t at = 0; at < shells.size(); ++at) {
         ready.push_back(readyShell(shells[at], header, boundaries[at], how));
     }
-    Preparation preparation(how.limits, isSeen(shells.front()));
-    if (look(source, preparation, boundaries, how.limits)) {
+    Preparation preparation(how.budget, isSeen(shells.front()), divided.typeParameter, divided.inside);
+    if (look(source, preparation, boundaries, how.budget)) {
         fail("a boundary that was made at random stands in the message: try again");
     }
-    const Opened opened(source, how.limits);
+    const Opened opened(source, how.budget);
     MediaOut inside = begin(header, divided.outside, ready, out, how.lineEnds);
-    preparation.write(opened.header, opened.body, divided.typeParameter, divided.inside, inside);
+    preparation.write(opened.header, opened.body, inside);
     inside.end();
 }
 
@@ -180,8 +170,8 @@ void signAndEncrypt(const MediaIn& message, const SignOptions& signing, const En
 void writeCertificates(const MediaIn& message, const std::vector<NVX509::RefCertificate>& certificates,
                        const std::vector<NVX509::RefCertificateRevocationList>& revocationLists, MediaOut& out,
                        const WriteOptions& how) {
-    Source source(message, how.spillFile);
-    const Opened opened(source, how.limits);
+    Source source(message, how.spillTemplate);
+    const Opened opened(source, how.budget);
     if (!opened.body->atEnd()) {
         fail("a message of certificates has no body");
     }
@@ -190,10 +180,10 @@ void writeCertificates(const MediaIn& message, const std::vector<NVX509::RefCert
     begin(opened.header, divided(opened.header).outside, shells, out, how.lineEnds).end();
 }
 
-Correspondents correspondentsOf(const MediaIn& message, const WriteLimits& limits) {
+Correspondents correspondentsOf(const MediaIn& message, const WriteBudget& budget) {
     mime::MediaOctets octets(message);
     mime::Header header;
-    readMessageHeader(octets, limits, header);
+    readBounded(octets, budget, "the message", header);
     return correspondentsIn(header);
 }
 

@@ -98,4 +98,13 @@ TEST(SmimeHeaderProtectionTest, IsForWhatIsNotProtectedYet) {
               "the header of the message is protected already");
 }
 
+TEST(SmimeHeaderProtectionTest, RefusesATypeThatTakesNoParameter) {
+    for (const char* const type : {"text/plain; charset=\"utf-8", ""}) {
+        EXPECT_EQ(
+            refusalOf("Content-Type: " + std::string(type) + "\n\nx", {signedBy({&person("alice")})}, protecting()),
+            "the Content-Type of the message is not one to which header protection can be added")
+            << type;
+    }
+}
+
 } // namespace

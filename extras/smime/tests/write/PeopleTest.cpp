@@ -108,7 +108,7 @@ TEST_F(SmimePeopleTest, NamesEveryRecipientWithoutACertificate) {
 
 TEST_F(SmimePeopleTest, BoundsRecipients) {
     SMime::WriteOptions how;
-    how.limits.recipients = 1;
+    how.budget.recipients = 1;
     EXPECT_EQ(refusalOf("To: bob@example.com, carol@example.com\n" + m_body, {m_encrypting}, how),
               "the message has more than 1 recipients");
 }

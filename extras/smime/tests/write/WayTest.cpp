@@ -103,7 +103,7 @@ TEST(SmimeWayTest, PassesOnWhatTheSourceThrows) {
 
 TEST(SmimeWayTest, TellsWhenAMessageFromAPipeCannotBeKept) {
     SMime::WriteOptions how;
-    how.spillFile = "/nowhere/at/all/XXXXXX";
+    how.spillTemplate = "/nowhere/at/all/XXXXXX";
     MemoryMediaOut out;
     SMime::sign(norvtest::PieceMediaIn(mail), signedBy({&person("alice")}), out, how); // short ones need no file
     verified(norvtest::textOf(out.content()));
@@ -113,7 +113,7 @@ TEST(SmimeWayTest, TellsWhenAMessageFromAPipeCannotBeKept) {
                  MediaException);
     EXPECT_EQ(nothing.body().content, "");
     const norvtest::TemporaryFolder folder;
-    how.spillFile = folder.path("XXXXXX");
+    how.spillTemplate = folder.path("XXXXXX");
     MemoryMediaOut sent;
     SMime::sign(norvtest::PieceMediaIn(longMail, 1000), signedBy({&person("alice")}), sent, how);
     verified(norvtest::textOf(sent.content()));
