@@ -23,12 +23,13 @@ struct NamedCommand {
     void (*add)(norvcrypt::Command& commands, norvcrypt::Action& action);
 };
 
-constexpr std::array<NamedCommand, 13> namedCommands{{
+constexpr std::array<NamedCommand, 14> namedCommands{{
     {"sign", norvcrypt::addSign},
     {"verify", norvcrypt::addVerify},
     {"chain", norvcrypt::addChain},
     {"encrypt", norvcrypt::addEncrypt},
     {"decrypt", norvcrypt::addDecrypt},
+    {"smime", norvcrypt::addSmime},
     {"genkey", norvcrypt::addGenkey},
     {"p12", norvcrypt::addPkcs12},
     {"inspect", norvcrypt::addInspect},
