@@ -159,12 +159,12 @@ private:
 /// As many characters in a line as fit 76, "=" for a soft break among them.
 class QuotedPrintableEncoder : public TextSink {
 public:
-    QuotedPrintableEncoder(TryOutput& out, bool startsEscaped) : m_out(&out), m_startsEscaped(startsEscaped) {}
+    QuotedPrintableEncoder(TryOutput& out, QuotedStyle style) : m_out(&out), m_style(style) {}
 
     void text(std::string_view octets) override {
         for (const char octet : octets) {
             // Whether a line begins with "From " shows five octets later.
-            if (m_startsEscaped && m_atStart && fits(octet)) {
+            if (m_style == QuotedStyle::starts && m_atStart && fits(octet)) {
                 m_start += octet;
                 continue;
             }
@@ -174,9 +174,11 @@ public:
     }
     void lineEnd(LineEnd end) override {
         startLine(true);
-        token(m_held == " " || m_held == "\t" ? escaped(m_held.front()) : m_held, true);
+        const bool isDot = m_held == "." && m_tokens == 1 && m_style == QuotedStyle::dots;
+        token(m_held == " " || m_held == "\t" || isDot ? escaped(m_held.front()) : m_held, true);
         m_held.clear();
         m_out->end(end);
+        m_tokens = 0;
         m_column = 0;
         m_atStart = true;
     }
@@ -184,7 +186,7 @@ public:
         startLine(true);
         token(m_held, true);
         m_held.clear();
-        m_column = 0;
+        m_column = m_tokens = 0;
         m_atStart = true;
     }
 
@@ -213,16 +215,18 @@ private:
     }
     void next(char octet) {
         const auto value = static_cast<unsigned char>(octet);
-        const bool isFirstDot = std::exchange(m_isFirst, false) && octet == '.' && m_startsEscaped;
+        const bool isFirstDot = std::exchange(m_isFirst, false) && octet == '.' && m_style == QuotedStyle::starts;
         const bool isPlain = (value >= ' ' && value <= '~' && octet != '=' && !isFirstDot) || octet == '\t';
         hold(isPlain ? std::string(1, octet) : escaped(octet));
     }
     void hold(std::string token) {
         this->token(m_held, false);
         m_held = std::move(token);
+        ++m_tokens;
     }
     void token(const std::string& token, bool isLast) {
-        if (m_column + token.size() > usualWidth - (isLast ? 0 : 1)) {
+        const bool fillsLine = isLast && (m_style != QuotedStyle::dots || token.size() == 1);
+        if (m_column + token.size() > usualWidth - (fillsLine ? 0 : 1)) {
             m_out->put("=");
             m_out->newLine();
             m_column = 0;
@@ -232,12 +236,13 @@ private:
     }
 
     TryOutput* m_out;
-    bool m_startsEscaped;
+    QuotedStyle m_style;
     bool m_atStart = true;
     bool m_isFirst = false;
     std::string m_start; ///< of a line, as far as it is that of "From "
     std::string m_held;  ///< the last character, as it is written unless the line ends
     std::size_t m_column = 0;
+    std::size_t m_tokens = 0; ///< in this line of the text
 };
 
 class Base64Encoder : public TextSink {
@@ -330,10 +335,10 @@ std::unique_ptr<TextDecoder> decoderOf(TransferEncoding encoding, TextSink& targ
     return std::make_unique<PlainDecoder>(target);
 }
 
-std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, bool startsEscaped, bool lineFeeds) {
+std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, QuotedStyle style, bool lineFeeds) {
     switch (encoding) {
     case TransferEncoding::quotedPrintable:
-        return std::make_unique<QuotedPrintableEncoder>(out, startsEscaped);
+        return std::make_unique<QuotedPrintableEncoder>(out, style);
     case TransferEncoding::base64:
         return std::make_unique<Base64Encoder>(out, lineFeeds);
     case TransferEncoding::none:

@@ -58,9 +58,15 @@ private:
     std::size_t m_column = 0;
 };
 
+/// Where the encoders of mail programs differ.
+enum class QuotedStyle : std::uint8_t {
+    least,  ///< nothing is escaped that need not be
+    dots,   ///< a line that is one dot is escaped, and an escape at the end of a line leaves room for a soft break
+    starts, ///< "From " and "." in front of lines are escaped
+};
+
 std::unique_ptr<TextDecoder> decoderOf(TransferEncoding encoding, TextSink& target);
-/// \param startsEscaped "From " and "." in front of lines are escaped in quoted-printable
 /// \param lineFeeds in base64, line ends of the text are LF, not CR LF
-std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, bool startsEscaped, bool lineFeeds);
+std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, QuotedStyle style, bool lineFeeds);
 
 } // namespace Norvane::Crypto::SMime::diagnosis

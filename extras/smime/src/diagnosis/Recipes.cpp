@@ -1,5 +1,6 @@
 #include "diagnosis/Recipes.h"
 
+#include <array>
 #include <utility>
 
 namespace Norvane::Crypto::SMime::diagnosis {
@@ -12,6 +13,11 @@ using enum TransferEncoding;
 constexpr const char* usualPreamble = "This is a multi-part message in MIME format.";
 constexpr const char* signedPreamble = "This is a cryptographically signed message in MIME format.";
 constexpr const char* mimePreamble = "This is a message in MIME format.";
+
+constexpr std::array<std::pair<QuotedStyle, const char*>, 3> styles{
+    {{QuotedStyle::least, ""},
+     {QuotedStyle::dots, " (with lone dots encoded)"},
+     {QuotedStyle::starts, R"( (with "From " and leading dots encoded))"}}};
 
 class RecipeList {
 public:
@@ -110,27 +116,23 @@ void RecipeList::addEncodings() {
     add(m_facts.hasCapitalHexDigits, again,
         R"(the quoted-printable of the signed text had small digits, as in "=3d"; they were made capitals on the way)",
         [](TryOutput& out) { return changeHexDigits(out, false); });
-    addRecoding(m_facts.hasQuotedPrintable, again,
-                "the quoted-printable of the signed text was decoded and encoded in another way",
-                {.from = {quotedPrintable}, .to = quotedPrintable});
-    addRecoding(
-        m_facts.hasQuotedPrintable, again,
-        R"(the quoted-printable of the signed text, which had "From " and leading dots encoded, was decoded and )"
-        "encoded in another way",
-        {.from = {quotedPrintable}, .to = quotedPrintable, .startsEscaped = true});
+    for (const auto& [style, how] : styles) {
+        addRecoding(m_facts.hasQuotedPrintable, again,
+                    "the quoted-printable of the signed text" + std::string(how) +
+                        " was decoded and encoded in another way",
+                    {.from = {quotedPrintable}, .to = quotedPrintable, .style = style});
+    }
 }
 
 void RecipeList::addConversions() {
-    for (const bool escaped : {false, true}) {
-        const std::string how = escaped ? R"(, with "From " and leading dots encoded)" : "";
-        addRecoding(
-            m_facts.hasBase64Text, Change::quotedPrintableMadeBase64,
-            "the signed text was quoted-printable" + how + "; base64 was made of it on the way",
-            {.from = {base64}, .to = quotedPrintable, .encodingName = "quoted-printable", .startsEscaped = escaped});
-        addRecoding(
-            m_facts.hasEightBitText, Change::madeEightBit,
-            "the signed text was quoted-printable" + how + "; 8-bit text was made of it on the way",
-            {.from = {eightBit}, .to = quotedPrintable, .encodingName = "quoted-printable", .startsEscaped = escaped});
+    for (const auto& [style, how] : styles) {
+        addRecoding(m_facts.hasBase64Text, Change::quotedPrintableMadeBase64,
+                    "the signed text was quoted-printable" + std::string(how) + "; base64 was made of it on the way",
+                    {.from = {base64}, .to = quotedPrintable, .encodingName = "quoted-printable", .style = style});
+        addRecoding(m_facts.hasEightBitText, Change::madeEightBit,
+                    "the signed text was quoted-printable" + std::string(how) +
+                        "; 8-bit text was made of it on the way",
+                    {.from = {eightBit}, .to = quotedPrintable, .encodingName = "quoted-printable", .style = style});
     }
     for (const bool lineFeeds : {false, true}) {
         const std::string how = lineFeeds ? " with line ends of LF inside" : "";

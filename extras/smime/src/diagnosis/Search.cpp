@@ -78,6 +78,7 @@ Diagnosis Search::run() {
             m_diagnosis.explanations.push_back(std::move(*open.explanation));
         }
     }
+    std::ranges::sort(m_diagnosis.explanations, {}, &Explanation::signer);
     return m_diagnosis;
 }
 
@@ -171,7 +172,6 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
             open.certificate = certificates.named(signer);
         }
         if (explainDigest(open, signer)) {
-            m_open.push_back(std::move(open));
             return;
         }
         if (!isSigned) {
@@ -190,14 +190,17 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
     if (static_cast<X509*>(open.certificate) == nullptr) {
         return;
     }
-    if (!open.about.empty() && fits(m_message, open)) {
-        open.explanation = Explanation{index, open.about, open.certificate};
+    if (fits(m_message, open)) { // the body is the one that was signed
+        if (!open.about.empty()) {
+            m_diagnosis.explanations.push_back({index, open.about, open.certificate});
+        }
+        return;
     }
     m_open.push_back(std::move(open));
 }
 
 /// Whether the digest is the body's by another algorithm, and the attributes with it were signed.
-bool Search::explainDigest(OpenSigner& open, const SignedReader::Signer& signer) {
+bool Search::explainDigest(const OpenSigner& open, const SignedReader::Signer& signer) {
     const auto digest = signer.messageDigest();
     if (!digest || static_cast<X509*>(open.certificate) == nullptr) {
         return false;
@@ -219,7 +222,7 @@ bool Search::explainDigest(OpenSigner& open, const SignedReader::Signer& signer)
                          ", but the digest that was signed is its " + name,
                      "the sender's program names the wrong algorithm: it has to be mended there"}};
                 findings.insert(findings.end(), open.about.begin(), open.about.end());
-                open.explanation = Explanation{open.index, std::move(findings), open.certificate};
+                m_diagnosis.explanations.push_back({open.index, std::move(findings), open.certificate});
                 return true;
             }
         }

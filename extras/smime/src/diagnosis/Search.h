@@ -18,7 +18,7 @@
 
 namespace Norvane::Crypto::SMime::diagnosis {
 
-/// A signer whose signature does not fit.
+/// A signer whose signature does not fit the body as it is.
 struct OpenSigner {
     std::size_t index = 0;
     bool hasAttributes = false;
@@ -51,7 +51,7 @@ private:
     [[nodiscard]] std::vector<EndMode> modes() const;
     void judge(const CMS::SignedReader& message, const EndChange& change) override;
     bool fits(const CMS::SignedReader& message, const OpenSigner& open);
-    bool explainDigest(OpenSigner& open, const CMS::SignedReader::Signer& signer);
+    bool explainDigest(const OpenSigner& open, const CMS::SignedReader::Signer& signer);
     void notLooked(const std::string& what);
 
     const Buffer& m_structure;

@@ -4,6 +4,7 @@
 /// What undoes one change by a mail system: takes a body apart and puts out what it was before.
 
 #include "diagnosis/BodyScanner.h"
+#include "diagnosis/Encodings.h"
 #include "diagnosis/TryOutput.h"
 
 #include <memory>
@@ -63,8 +64,8 @@ struct Recoding {
     bool withoutEncodingField = false; ///< the field is dropped
     std::string fromCharacterSet{};    ///< parts of this alone unless empty, in small letters
     std::string toCharacterSet{};      ///< put into the header
-    bool startsEscaped = false;        ///< quoted-printable: "From " and "." in front of lines
-    bool lineFeedsInside = false;      ///< base64: line ends of the text are LF, not CR LF
+    QuotedStyle style = QuotedStyle::least;
+    bool lineFeedsInside = false; ///< base64: line ends of the text are LF, not CR LF
 };
 /// Encodes texts anew.
 UndoingPtr recode(TryOutput& out, Recoding recoding);

@@ -1,5 +1,4 @@
 // Changes of transfer encodings and character sets.
-#include "diagnosis/Encodings.h"
 #include "diagnosis/Undoing.h"
 
 #include <algorithm>
@@ -165,7 +164,7 @@ public:
         putHeader(lines);
         const TransferEncoding to =
             m_recoding.encodingName.empty() && !m_recoding.withoutEncodingField ? part.encoding : m_recoding.to;
-        m_encoder = encoderOf(to, out(), m_recoding.startsEscaped, m_recoding.lineFeedsInside);
+        m_encoder = encoderOf(to, out(), m_recoding.style, m_recoding.lineFeedsInside);
         if (!m_recoding.fromCharacterSet.empty()) {
             m_converter = std::make_unique<CharacterSetConverter>(m_recoding, *m_encoder);
         }
