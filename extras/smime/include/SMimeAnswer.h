@@ -8,6 +8,8 @@
 /// own path: "1.1", "1.2". What a CMS structure holds is its only part, and so is the message within a message/rfc822: the
 /// text of an encrypted message is "1.1".
 
+#include <norvcrypto-trust/TrustSender.h>
+#include <norvcrypto-trust/TrustVerdict.h>
 #include <norvcrypto/CMSVerification.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Export.h>
@@ -48,6 +50,15 @@ struct LayerSigner {
     std::string digestAlgorithm;            ///< "sha256"
     std::string signatureAlgorithm;         ///< "rsaEncryption"
     std::optional<std::time_t> signingTime; ///< as the signer says
+    /// Whether to trust the certificate; nothing when nobody asked, or the signature is not good.
+    std::optional<Trust::Verdict> trust;
+    /// Whether it is that of the sender; nothing when the signature is not good.
+    std::optional<Trust::SenderMatch> sender;
+
+    /// A good signature by a certificate that is trusted and the sender's.
+    [[nodiscard]] bool isAccepted() const noexcept {
+        return result.verdict == CMS::SignatureVerdict::good && trust && trust->accepted && sender && sender->matches();
+    }
 };
 
 /// One who can open an encrypted layer.

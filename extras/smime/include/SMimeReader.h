@@ -40,6 +40,7 @@
 
 #include <norvcmsg/Media.h>
 #include <norvcrypto-smime/SMimeAnswer.h>
+#include <norvcrypto-trust/Trust.h>
 #include <norvcrypto/CMSEnvelopeReader.h>
 
 #include <cstddef>
@@ -66,10 +67,15 @@ struct ReadOptions {
     const CMS::KeyLookup* keys = nullptr;
     /// Certificates of signers, beside those in the messages.
     std::vector<NVX509::RefCertificate> certificates;
+    /// Who judges the certificates of signers; null: nobody, and no message is `accepted`. Borrowed.
+    const Trust::Verifier* trust = nullptr;
+    /// What it judges them by. With `atSigningTime` a signature is judged by the time at which its signer says to have signed.
+    Trust::Options trustOptions;
     /// True hands a whole message on: the header fields of the outermost one, protected fields in place of those outside,
     /// and the content with its own Content-* fields. False the content entity alone, as it stands.
     bool wholeMessage = false;
-    /// The addresses that the signer is compared with; those in From and Sender when there are none.
+    /// The addresses that the signer is compared with; those in From and Sender when there are none. Where the layers cover
+    /// a From of their own, the signer must be that of both.
     std::vector<std::string> from;
     ReadBudget budget;
     /// Where files without a name are made (mode 0600), as for `SwapBufferMediaOut`; the system's folder for temporary files
