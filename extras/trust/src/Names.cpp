@@ -55,6 +55,7 @@ constexpr std::pair<Code, const char*> reasonNames[] = {
     {Code::listInvalid, "list-invalid"},
     {Code::listCriticalExtensionUnknown, "list-critical-extension-unknown"},
     {Code::listNotUsed, "list-not-used"},
+    {Code::listAlgorithmUnsupported, "list-algorithm-unsupported"},
     {Code::senderDiffers, "sender-differs"},
     {Code::senderFieldOnly, "sender-field-only"},
     {Code::senderMissing, "sender-missing"},
