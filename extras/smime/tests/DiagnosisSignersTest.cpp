@@ -115,7 +115,7 @@ TEST(DiagnosisSigners, WithoutSignedAttributes) {
     EXPECT_EQ(Names{"last-line-end-added"}, namesOf(diagnosisOf(signature, text + "\r\n")));
     const SMime::Diagnosis changed = diagnosisOf(signature, text + "and more");
     EXPECT_TRUE(changed.explanations.empty());
-    EXPECT_LE(changed.verifications, 64U);
+    EXPECT_EQ("", changed.notLooked);
     const Bytes nobody = signatureOver(text, identities().rsa, "sha256", CMS_NOATTR | CMS_NOCERTS);
     EXPECT_EQ(Names{"certificate-renewed"}, namesOf(diagnosisOf(nobody, text, {{certificateOf(renewed())}})));
 }

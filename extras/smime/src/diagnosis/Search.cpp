@@ -273,6 +273,7 @@ void Search::startRecipes(const std::vector<Recipe>& recipes) {
 
 void Search::finish(Try& one) {
     m_findings = findingsOf(one.mode, m_facts);
+    m_isRecipe = one.recipe != nullptr;
     const bool isNew = one.mode == EndMode::asIs || !m_findings.empty();
     if (one.recipe != nullptr) {
         m_findings.push_back(findingOf(*one.recipe));
@@ -306,8 +307,11 @@ void Search::judge(const SignedReader& message, const EndChange& change) {
         const std::size_t count = m_findings.size() + (change.isNone() ? 0 : 1) + open.about.size();
         const bool isBody = !m_findings.empty() || !change.isNone();
         const bool isSimpler = !open.explanation || open.explanation->findings.size() > count;
-        const bool isUsual = change.linesLess == 0 && change.lineEndsLess <= 1 && change.lineEndsMore <= 1;
-        if (!isBody || !isSimpler || (!open.hasAttributes && !isUsual) || !fits(message, open)) {
+        // Without attributes each question costs a verification.
+        const bool isAsked =
+            open.hasAttributes || change.isNone() ||
+            (!m_isRecipe && change.linesLess == 0 && change.lineEndsLess <= 1 && change.lineEndsMore <= 1);
+        if (!isBody || !isSimpler || !isAsked || !fits(message, open)) {
             continue;
         }
         Explanation explanation{open.index, m_findings, open.certificate};

@@ -65,6 +65,7 @@ private:
     OtherDigests m_otherDigests;
     std::vector<OpenSigner> m_open;
     std::vector<Finding> m_findings; ///< of the try that is being judged
+    bool m_isRecipe = false;         ///< more than line ends is undone in it
     Diagnosis m_diagnosis;
 };
 
