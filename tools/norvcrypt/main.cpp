@@ -26,6 +26,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::addChain(commands, action);
     norvcrypt::addEncrypt(commands, action);
     norvcrypt::addDecrypt(commands, action);
+    norvcrypt::addSmime(commands, action);
     norvcrypt::addGenkey(commands, action);
     norvcrypt::addPkcs12(commands, action);
     norvcrypt::addInspect(commands, action);

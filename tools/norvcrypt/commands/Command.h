@@ -16,6 +16,7 @@ void addInspect(Command& commands, Action& action);
 void addDigest(Command& commands, Action& action);
 void addCipher(Command& commands, Action& action);
 void addTls(Command& commands, Action& action);
+void addSmime(Command& commands, Action& action);
 void addBindings(Command& commands, Action& action);
 void addDemo(Command& commands, Action& action);
 
