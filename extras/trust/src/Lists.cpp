@@ -1,0 +1,240 @@
+#include "Lists.h"
+
+#include <norvcrypto-trust/Trust.h>
+
+#include <algorithm>
+
+namespace Norvane::Crypto::Trust::detail {
+
+using NVX509::RefCertificateRevocationList;
+
+namespace {
+
+constexpr std::size_t mostUris = 100;   ///< of a certificate that are looked up in a list cache
+constexpr std::size_t mostIssuers = 16; ///< of lists that the distribution points of a certificate name
+constexpr std::size_t mostSigners = 4;  ///< of one name in the snapshot that may have signed a list
+/// Names of distribution points that are compared for one certificate: each of its own with each of all lists.
+constexpr std::size_t mostNamePairs = 1U << 20U;
+
+/// Walks through the elements of a value; `visit` answers whether to go into a constructed one.
+template <class Visit> void walk(const X509_EXTENSION* extension, Visit visit) {
+    const QuietQuestion quiet;
+    const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension));
+    const unsigned char* at = ASN1_STRING_get0_data(value);
+    const unsigned char* const end = at + ASN1_STRING_length(value);
+    while (at < end) {
+        long length = 0;
+        int tag = 0;
+        int tagClass = 0;
+        const int form = ASN1_get_object(&at, &length, &tag, &tagClass, end - at);
+        constexpr int unreadable = 0x80;
+        if ((form & unreadable) != 0) {
+            return;
+        }
+        if (!visit((form & V_ASN1_CONSTRUCTED) != 0)) {
+            at += length;
+        }
+    }
+}
+
+} // namespace
+
+std::size_t octetsOf(const X509_EXTENSION* extension) {
+    return extension == nullptr ? 0
+                                : static_cast<std::size_t>(ASN1_STRING_length(
+                                      X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension))));
+}
+
+std::size_t leavesOf(const X509_EXTENSION* extension) {
+    std::size_t count = 0;
+    if (extension != nullptr) {
+        walk(extension, [&count](bool constructed) {
+            count += constructed ? 0U : 1U;
+            return constructed;
+        });
+    }
+    return count;
+}
+
+std::size_t elementsOf(const X509_EXTENSION* extension) {
+    std::size_t count = 0;
+    if (extension != nullptr) {
+        bool outer = true;
+        walk(extension, [&](bool) {
+            count += outer ? 0U : 1U;
+            return std::exchange(outer, false);
+        });
+    }
+    return count;
+}
+
+const X509_EXTENSION* extensionOf(const X509* certificate, int nid) {
+    const int index = X509_get_ext_by_NID(certificate, nid, -1);
+    return index < 0 ? nullptr : X509_get_ext(certificate, index);
+}
+
+std::vector<std::string> urisOf(const CRL_DIST_POINTS* points, std::size_t most) {
+    std::vector<std::string> uris;
+    for (int i = 0; i < sk_DIST_POINT_num(points); ++i) {
+        const DIST_POINT* const point = sk_DIST_POINT_value(points, i);
+        if (point->distpoint == nullptr || point->distpoint->type != 0) {
+            continue;
+        }
+        const GENERAL_NAMES* const names = point->distpoint->name.fullname;
+        for (int j = 0; j < sk_GENERAL_NAME_num(names); ++j) {
+            const GENERAL_NAME* const name = sk_GENERAL_NAME_value(names, j);
+            if (uris.size() == most) {
+                return uris;
+            }
+            if (name->type == GEN_URI) {
+                const auto* const text = name->d.uniformResourceIdentifier;
+                uris.emplace_back(reinterpret_cast<const char*>(ASN1_STRING_get0_data(text)),
+                                  static_cast<std::size_t>(ASN1_STRING_length(text)));
+            }
+        }
+    }
+    return uris;
+}
+
+namespace {
+
+/// The directory names of those who issue the lists of a certificate, when it is not its issuer.
+std::vector<const X509_NAME*> listIssuersOf(const CRL_DIST_POINTS* points) {
+    std::vector<const X509_NAME*> issuers;
+    for (int i = 0; i < sk_DIST_POINT_num(points); ++i) {
+        const GENERAL_NAMES* const names = sk_DIST_POINT_value(points, i)->CRLissuer;
+        for (int j = 0; names != nullptr && j < sk_GENERAL_NAME_num(names) && issuers.size() < mostIssuers; ++j) {
+            const GENERAL_NAME* const name = sk_GENERAL_NAME_value(names, j);
+            if (name->type == GEN_DIRNAME) {
+                issuers.push_back(name->d.directoryName);
+            }
+        }
+    }
+    return issuers;
+}
+
+} // namespace
+
+/// The stack that is being filled.
+class Lists::Choice {
+public:
+    explicit Choice(std::size_t ownNames)
+        : m_ownNames(std::max<std::size_t>(ownNames, 1)),
+          m_stack(made(sk_X509_CRL_new_null())) {}
+
+    /// False when comparing the names of the list with those of the certificate would take too long.
+    bool add(X509_CRL* list) {
+        if (std::find(m_chosen.begin(), m_chosen.end(), list) != m_chosen.end()) {
+            return true;
+        }
+        const int index = X509_CRL_get_ext_by_NID(list, NID_issuing_distribution_point, -1);
+        const std::size_t names = index < 0 ? 1 : leavesOf(X509_CRL_get_ext(list, index)) + 1;
+        if (names > (mostNamePairs - m_pairs) / m_ownNames) {
+            return false;
+        }
+        m_pairs += names * m_ownNames;
+        if (X509_CRL_up_ref(list) != 1 || sk_X509_CRL_push(m_stack.get(), list) <= 0) {
+            throw std::bad_alloc();
+        }
+        m_chosen.push_back(list);
+        return true;
+    }
+    [[nodiscard]] const std::vector<X509_CRL*>& chosen() const { return m_chosen; }
+    Owned<STACK_OF(X509_CRL)> stack() { return std::move(m_stack); }
+
+private:
+    std::size_t m_ownNames;
+    std::size_t m_pairs = 0;
+    std::vector<X509_CRL*> m_chosen;
+    Owned<STACK_OF(X509_CRL)> m_stack;
+};
+
+Lists::Lists(const Snapshot& snapshot, const std::list<RefCertificateRevocationList>& fromMessage)
+    : m_snapshot(snapshot) {
+    for (const RefCertificateRevocationList& one : fromMessage) {
+        X509_CRL* const list = one;
+        if (list == nullptr) {
+            continue;
+        }
+        if (m_fromMessage.size() == maximumMessageLists) {
+            m_leftOut.push_back({one, "the message has more lists than are looked at"});
+            break;
+        }
+        m_fromMessage.push_back(list);
+        m_handles.emplace(list, one);
+    }
+}
+
+Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* issuerName, X509* issuer) {
+    const QuietQuestion quiet;
+    const auto points = distributionPointsOf(certificate);
+    Choice choice(leavesOf(extensionOf(certificate, NID_crl_distribution_points)));
+    std::vector<const X509_NAME*> issuers = listIssuersOf(points.get());
+    issuers.insert(issuers.begin(), issuerName);
+    const auto add = [&](X509_CRL* list) {
+        if (!choice.add(list)) {
+            leaveOut(list, "comparing its distribution points with those of the certificate would take too long");
+        }
+    };
+    for (const X509_NAME* name : issuers) {
+        m_snapshot.byIssuer.each(name, add);
+    }
+    for (const std::string& uri :
+         m_snapshot.filed.empty() ? std::vector<std::string>() : urisOf(points.get(), mostUris)) {
+        const auto found = m_snapshot.filed.find(listCacheName(uri));
+        if (found != m_snapshot.filed.end()) {
+            std::for_each(found->second.begin(), found->second.end(), add);
+        }
+    }
+    for (X509_CRL* list : m_fromMessage) {
+        const bool wanted = std::any_of(issuers.begin(), issuers.end(), [list](const X509_NAME* name) {
+            return X509_NAME_cmp(X509_CRL_get_issuer(list), name) == 0;
+        });
+        if (wanted && !isSigned(list, issuer)) {
+            leaveOut(list, "it came with the message, and its issuer did not sign it");
+        } else if (wanted) {
+            add(list);
+        }
+    }
+    m_handedOut.insert(m_handedOut.end(), choice.chosen().begin(), choice.chosen().end());
+    return choice.stack();
+}
+
+bool Lists::isSigned(X509_CRL* list, X509* issuer) {
+    if (issuer != nullptr && X509_NAME_cmp(X509_get_subject_name(issuer), X509_CRL_get_issuer(list)) == 0 &&
+        isSignedBy(list, issuer)) {
+        return true;
+    }
+    std::size_t tries = 0;
+    bool is = false;
+    m_snapshot.bySubject.each(X509_CRL_get_issuer(list),
+                              [&](X509* known) { is = is || (tries++ < mostSigners && isSignedBy(list, known)); });
+    return is;
+}
+
+bool Lists::isSignedBy(X509_CRL* list, X509* issuer) {
+    const auto [place, fresh] = m_signed.emplace(std::make_pair(list, issuer), false);
+    EVP_PKEY* const key = X509_get0_pubkey(issuer);
+    if (fresh && key != nullptr) {
+        place->second = X509_CRL_verify(list, key) == 1;
+    }
+    return place->second;
+}
+
+void Lists::leaveOut(X509_CRL* list, const char* why) {
+    const auto same = [list](const LeftOut& one) { return static_cast<X509_CRL*>(one.list) == list; };
+    if (std::none_of(m_leftOut.begin(), m_leftOut.end(), same)) {
+        m_leftOut.push_back({handleOf(list), why});
+    }
+}
+
+RefCertificateRevocationList Lists::handleOf(X509_CRL* list) const {
+    const auto known = m_snapshot.listOf.find(list);
+    if (known != m_snapshot.listOf.end()) {
+        return known->second;
+    }
+    const auto given = m_handles.find(list);
+    return given == m_handles.end() ? RefCertificateRevocationList() : given->second;
+}
+
+} // namespace Norvane::Crypto::Trust::detail

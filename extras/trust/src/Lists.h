@@ -1,0 +1,68 @@
+#pragma once
+
+/// \file
+/// Which revocation lists OpenSSL gets to choose from for a certificate.
+
+#include "OpenSsl.h"
+#include "Snapshot.h"
+
+#include <norvcrypto/CertificateRevocationList.h>
+
+#include <list>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Norvane::Crypto::Trust::detail {
+
+class Lists {
+public:
+    /// A list that is kept from OpenSSL.
+    struct LeftOut {
+        NVX509::RefCertificateRevocationList list;
+        const char* why;
+    };
+
+    Lists(const Snapshot& snapshot, const std::list<NVX509::RefCertificateRevocationList>& fromMessage);
+
+    /// The lists that may cover a certificate: those of its issuer, those that are filed under its distribution points, and
+    /// those of the issuers that the points name. All that are equally fit go onto one stack, so that the newest wins: lists
+    /// of the message that stood before the others would hide what was revoked since.
+    /// \param issuer whoever issued the certificate, if that is known: a list of the message counts only if it, or somebody
+    ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures
+    Owned<STACK_OF(X509_CRL)> of(const X509* certificate, const X509_NAME* issuerName, X509* issuer);
+
+    [[nodiscard]] const std::vector<X509_CRL*>& handedOut() const { return m_handedOut; }
+    [[nodiscard]] const std::vector<LeftOut>& leftOut() const { return m_leftOut; }
+    [[nodiscard]] NVX509::RefCertificateRevocationList handleOf(X509_CRL* list) const;
+
+private:
+    class Choice;
+
+    [[nodiscard]] bool isSigned(X509_CRL* list, X509* issuer);
+    [[nodiscard]] bool isSignedBy(X509_CRL* list, X509* issuer);
+    void leaveOut(X509_CRL* list, const char* why);
+
+    const Snapshot& m_snapshot;
+    std::unordered_map<const X509_CRL*, NVX509::RefCertificateRevocationList> m_handles;
+    std::vector<X509_CRL*> m_fromMessage;
+    std::map<std::pair<const X509_CRL*, const X509*>, bool> m_signed;
+    std::vector<X509_CRL*> m_handedOut;
+    std::vector<LeftOut> m_leftOut;
+};
+
+/// How many elements without elements in them an extension has: no fewer than names. 0 for a null extension.
+std::size_t leavesOf(const X509_EXTENSION* extension);
+/// How many elements the outer element of an extension has.
+std::size_t elementsOf(const X509_EXTENSION* extension);
+/// The octets of an extension's value.
+std::size_t octetsOf(const X509_EXTENSION* extension);
+/// An extension of a certificate, or null.
+const X509_EXTENSION* extensionOf(const X509* certificate, int nid);
+
+/// The URIs of the distribution points of a certificate, in their order, at most `most`.
+std::vector<std::string> urisOf(const CRL_DIST_POINTS* points, std::size_t most);
+
+} // namespace Norvane::Crypto::Trust::detail

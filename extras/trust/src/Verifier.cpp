@@ -1,0 +1,236 @@
+#include <norvcrypto-trust/Trust.h>
+
+#include "Cache.h"
+#include "Candidates.h"
+#include "Ways.h"
+
+#include <norvcmsg/Exception.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace Norvane::Crypto::Trust {
+
+namespace {
+
+using detail::Candidates;
+using detail::Fingerprint;
+using detail::Owned;
+using detail::Snapshot;
+using NVX509::RefCertificate;
+using NVX509::RefCertificateRevocationList;
+
+/// RFC 5280, 4.1.2.5: what has no end that is known.
+constexpr std::time_t endOfTime = 253402300799;
+
+std::vector<Owned<ASN1_OBJECT>> policiesOf(const Options& options) {
+    const detail::QuietQuestion quiet;
+    std::vector<Owned<ASN1_OBJECT>> policies;
+    for (const std::string& text : options.policies) {
+        constexpr std::size_t longest = 256;
+        const bool dotted =
+            !text.empty() && text.size() <= longest && text.find_first_not_of("0123456789.") == std::string::npos;
+        Owned<ASN1_OBJECT> policy(dotted ? OBJ_txt2obj(text.c_str(), 1) : nullptr);
+        if (!policy) {
+            throw Exception("Trust::Verifier", 4, "Trust", __LINE__)
+                .stringParameter("not an object identifier: " + detail::shown(text));
+        }
+        policies.push_back(std::move(policy));
+    }
+    return policies;
+}
+
+/// Everything that a verdict depends on but the time.
+class Key {
+public:
+    void add(std::uint64_t number) { m_bytes.append(reinterpret_cast<const char*>(&number), sizeof number); }
+    void add(const Fingerprint& print) { m_bytes.append(reinterpret_cast<const char*>(print.data()), print.size()); }
+    void add(const std::string& text) {
+        add(text.size());
+        m_bytes += text;
+    }
+    /// What comes in any order.
+    void add(std::vector<Fingerprint> prints) {
+        std::sort(prints.begin(), prints.end());
+        add(prints.size());
+        for (const Fingerprint& one : prints) {
+            add(one);
+        }
+    }
+    [[nodiscard]] Fingerprint print() const { return detail::fingerprintOf(m_bytes); }
+
+private:
+    std::string m_bytes;
+};
+
+void addOptions(Key& key, const Options& options) {
+    for (const int one : {static_cast<int>(options.purpose), static_cast<int>(options.revocation),
+                          options.partialChain ? 1 : 0, options.at ? 1 : 0}) {
+        key.add(static_cast<std::uint64_t>(one));
+    }
+    for (const unsigned int one :
+         {options.minimumRsaBits, options.minimumEcBits, options.minimumDigestBits, options.maximumDepth}) {
+        key.add(std::uint64_t{one});
+    }
+    key.add(static_cast<std::uint64_t>(options.at.value_or(0)));
+    key.add(options.policies.size());
+    for (const std::string& policy : options.policies) {
+        key.add(policy);
+    }
+}
+
+Fingerprint keyOf(const Snapshot& snapshot, const RefCertificate& certificate, const Candidates& candidates,
+                  const std::list<RefCertificateRevocationList>& lists, const Options& options) {
+    const detail::QuietQuestion quiet;
+    Key key;
+    key.add(snapshot.number);
+    key.add(detail::fingerprintOf(static_cast<const X509*>(certificate)));
+    // In their order, which OpenSSL chooses by.
+    for (const auto* group : {&candidates.fromMessage, &candidates.tooLarge}) {
+        key.add(group->size());
+        for (const X509* one : *group) {
+            key.add(detail::fingerprintOf(one));
+        }
+    }
+    key.add(candidates.given > maximumCandidates ? candidates.given : 0);
+    std::vector<Fingerprint> prints;
+    std::size_t count = 0;
+    for (const RefCertificateRevocationList& one : lists) {
+        const X509_CRL* const list = one;
+        if (options.revocation != Revocation::none && list != nullptr && count++ <= maximumMessageLists) {
+            prints.push_back(detail::fingerprintOf(list));
+        }
+    }
+    key.add(std::move(prints));
+    addOptions(key, options);
+    return key.print();
+}
+
+/// The first moment after `at` at which something begins or ends.
+class NextChange {
+public:
+    explicit NextChange(std::time_t at) : m_at(at) {}
+    void see(const ASN1_TIME* time) {
+        const auto seconds = detail::secondsOf(time);
+        if (seconds && *seconds > m_at) {
+            m_next = std::min(m_next, *seconds);
+        }
+    }
+    void see(const X509* certificate) {
+        see(X509_get0_notBefore(certificate));
+        see(X509_get0_notAfter(certificate));
+    }
+    void see(const X509_CRL* list) {
+        see(X509_CRL_get0_lastUpdate(list));
+        see(X509_CRL_get0_nextUpdate(list));
+    }
+    [[nodiscard]] std::time_t moment() const { return m_next; }
+
+private:
+    std::time_t m_at;
+    std::time_t m_next = endOfTime;
+};
+
+Verdict withoutCertificate(std::time_t at) {
+    Verdict verdict;
+    verdict.judgedAt = at;
+    verdict.validUntil = std::max(endOfTime, at + 1);
+    verdict.reasons.push_back(detail::worded(ReasonCode::certificateMissing, {}));
+    return verdict;
+}
+
+/// Judges anew.
+Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Candidates& candidates,
+                const std::list<RefCertificateRevocationList>& lists, const Options& options, std::time_t at) {
+    detail::Request request{certificate, {},      candidates.tooLarge, candidates.handles,
+                            lists,       options, policiesOf(options), at};
+    std::copy_if(candidates.known.begin(), candidates.known.end(), std::back_inserter(request.candidates),
+                 [&](const X509* one) { return snapshot.anchorSet.count(one) == 0; });
+    request.candidates.insert(request.candidates.end(), candidates.fromMessage.begin(), candidates.fromMessage.end());
+    auto [verdict, used] = detail::judgedByAnyWay(snapshot, std::move(request));
+    if (candidates.given > maximumCandidates) {
+        detail::Details details;
+        details.what = std::to_string(candidates.given);
+        verdict.notes.push_back(detail::worded(ReasonCode::tooManyCertificates, details));
+    }
+    NextChange next(at);
+    next.see(static_cast<const X509*>(certificate));
+    for (const auto* group : {&candidates.known, &candidates.fromMessage}) {
+        for (const X509* one : *group) {
+            next.see(one);
+        }
+    }
+    for (const RefCertificate& one : verdict.chain) {
+        next.see(static_cast<const X509*>(one));
+    }
+    for (const X509_CRL* list : used) {
+        next.see(list);
+    }
+    verdict.validUntil = std::max(next.moment(), at + 1);
+    return std::move(verdict);
+}
+
+std::shared_ptr<const Snapshot> emptySnapshot() {
+    static const auto empty = std::make_shared<const Snapshot>(std::vector<detail::Source>());
+    return empty;
+}
+
+} // namespace
+
+Verifier::Verifier(std::shared_ptr<const Material> material, const Options& defaults, const CacheLimits& limits)
+    : m_material(std::move(material)),
+      m_defaults(defaults),
+      m_cache(std::make_unique<detail::Cache>(limits)) {}
+
+Verifier::~Verifier() = default;
+
+Verdict Verifier::judge(const RefCertificate& certificate, const std::list<RefCertificate>& fromMessage,
+                        const std::list<RefCertificateRevocationList>& listsFromMessage, const Options& options) const {
+    const std::time_t at = options.at ? *options.at : std::time(nullptr);
+    if (static_cast<x509_st*>(certificate) == nullptr) {
+        return withoutCertificate(at);
+    }
+    const auto snapshot = m_material ? m_material->snapshot() : emptySnapshot();
+    Candidates candidates =
+        detail::candidatesFor(certificate, fromMessage, *snapshot, options.revocation != Revocation::none);
+    const Fingerprint key = keyOf(*snapshot, certificate, candidates, listsFromMessage, options);
+    if (const auto known = m_cache->find(key, at)) {
+        Verdict verdict = *known;
+        verdict.judgedAt = at;
+        return verdict;
+    }
+    auto verdict =
+        std::make_shared<Verdict>(reached(*snapshot, certificate, candidates, listsFromMessage, options, at));
+    const std::time_t latest =
+        options.at ? verdict->validUntil : at + static_cast<std::time_t>(m_cache->limits().seconds);
+    m_cache->keep(key, at, std::min(verdict->validUntil, latest), verdict);
+    return *verdict;
+}
+
+Verdict Verifier::judge(const RefCertificate& certificate) const {
+    return judge(certificate, {}, {}, m_defaults);
+}
+
+bool Verifier::isValid(const RefCertificate& certificate, int purpose, bool online) {
+    Options options = m_defaults;
+    switch (purpose) {
+    case static_cast<int>(Purpose::any):
+    case static_cast<int>(Purpose::sign):
+    case static_cast<int>(Purpose::encrypt):
+    case static_cast<int>(Purpose::authority):
+        options.purpose = static_cast<Purpose>(purpose);
+        break;
+    default:
+        return false;
+    }
+    if (online) {
+        options.revocation = Revocation::required;
+    }
+    return judge(certificate, {}, {}, options).accepted;
+}
+
+CacheCounts Verifier::cacheCounts() const {
+    return m_cache->counts();
+}
+
+} // namespace Norvane::Crypto::Trust

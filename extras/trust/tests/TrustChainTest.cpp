@@ -1,0 +1,282 @@
+// Reasons that lie in the certificates of a chain.
+
+#include "Chains.h"
+
+#include <gmock/gmock.h>
+
+using namespace trusttesting;
+using testing::HasSubstr;
+
+namespace {
+
+using Code = ReasonCode;
+using TrustChain = TrustTest;
+
+TEST_F(TrustChain, AGoodChainIsAccepted) {
+    const Verdict verdict = chain().judge(user(m_middle));
+    EXPECT_EQ(shown(verdict), "accepted ");
+    ASSERT_EQ(verdict.chain.size(), 3U);
+    EXPECT_EQ(verdict.chain[0]->subject().asString(), "CN=Anna");
+    EXPECT_EQ(verdict.chain[2]->subject().asString(), "CN=Root");
+    ASSERT_EQ(verdict.links.size(), 3U);
+    EXPECT_TRUE(verdict.links[1].fromMessage);
+    EXPECT_FALSE(verdict.links[1].anchor);
+    EXPECT_TRUE(verdict.links[2].anchor);
+    EXPECT_FALSE(verdict.links[2].fromMessage);
+    EXPECT_EQ(verdict.links[0].revocation, RevocationStatus::notLookedAt);
+    EXPECT_TRUE(verdict.notes.empty());
+}
+
+TEST_F(TrustChain, AnAnchorMayBeJudgedItself) {
+    Case one;
+    one.options.purpose = Purpose::any;
+    EXPECT_EQ(shown(one.anchor(m_root).judge(m_root)), "accepted ");
+}
+
+TEST_F(TrustChain, AMissingIssuerIsNamed) {
+    Case one;
+    const Verdict verdict = one.anchor(m_root).judge(user(m_middle));
+    EXPECT_EQ(shown(verdict), "refused issuer-missing 0");
+    EXPECT_EQ(verdict.reasons[0].text, "no certificate of CN=Middle is there that could have issued that of CN=Anna");
+    EXPECT_THAT(verdict.reasons[0].advice, HasSubstr("add the certificate of the issuer"));
+    EXPECT_EQ(verdict.chain.size(), 1U);
+}
+
+TEST_F(TrustChain, AnIssuerOfTheSameNameAndAnotherKeyIsNone) {
+    Case one;
+    one.anchor(m_root).message(authority("Middle", 5, &m_root));
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused issuer-missing 0");
+}
+
+TEST_F(TrustChain, RootsThatAreNoAnchors) {
+    Case one;
+    one.message(m_middle).message(m_root);
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused root-not-trusted 2");
+    Case alone;
+    alone.options.purpose = Purpose::any;
+    EXPECT_EQ(shown(alone.judge(m_root)), "refused self-signed 0");
+}
+
+TEST_F(TrustChain, AnAnchorThatSomebodyElseIssuedIsOneWhenAskedFor) {
+    Case one;
+    one.anchor(m_middle);
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused issuer-missing 1");
+    one.options.partialChain = true;
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "accepted ");
+}
+
+TEST_F(TrustChain, ALongChain) {
+    Case one = chain();
+    Identity last = m_middle;
+    for (std::size_t i = 0; i < 4; ++i) {
+        last = authority("Level " + std::to_string(i), 1, &last);
+        one.message(last);
+    }
+    EXPECT_EQ(shown(one.judge(user(last))), "accepted ");
+    one.options.maximumDepth = 5;
+    EXPECT_EQ(shown(one.judge(user(last))), "accepted ");
+    one.options.maximumDepth = 4;
+    const Verdict verdict = one.judge(user(last));
+    EXPECT_TRUE(verdict.has(Code::chainTooLong)) << shown(verdict);
+    EXPECT_FALSE(verdict.accepted);
+    EXPECT_THAT(find(verdict.reasons, Code::chainTooLong).text, HasSubstr("more than 4 certificates"));
+}
+
+TEST_F(TrustChain, NothingToJudge) {
+    const Verdict verdict = Verifier(nullptr).judge(RefCertificate());
+    EXPECT_EQ(shown(verdict), "refused certificate-missing 0");
+    EXPECT_TRUE(verdict.chain.empty());
+}
+
+TEST_F(TrustChain, WithoutMaterialNobodyIsBelieved) {
+    EXPECT_EQ(shown(Verifier(nullptr).judge(read(user(m_root)))), "refused issuer-missing 0");
+}
+
+TEST_F(TrustChain, TimesOfEveryCertificate) {
+    const std::time_t now = std::time(nullptr);
+    const Identity late = authority("Late", 2, &m_root, {.notBefore = Time::at(now + day)});
+    Case one;
+    one.anchor(m_root).message(late);
+    Verdict verdict = one.judge(user(late, {.notBefore = Time::at(now - 2 * day), .notAfter = Time::at(now - day)}));
+    EXPECT_EQ(shown(verdict), "refused certificate-expired 0, certificate-not-yet-valid 1");
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("CN=Anna expired on 20"));
+    EXPECT_EQ(verdict.reasons[1].certificate->subject().asString(), "CN=Late");
+    // Above a link that is missing, too: OpenSSL does not look there.
+    Case cut;
+    verdict = cut.judge(user(late, {.notBefore = Time::at(now - 2 * day), .notAfter = Time::at(now - day)}));
+    EXPECT_EQ(shown(verdict), "refused issuer-missing 0, certificate-expired 0");
+}
+
+TEST_F(TrustChain, TheMomentToJudgeBy) {
+    const Identity old =
+        user(m_middle, {.notBefore = Time::utc("200101000000Z"), .notAfter = Time::utc("210101000000Z")});
+    Case one;
+    const Identity root = authority("Old root", 0, nullptr, {.notBefore = Time::utc("100101000000Z")});
+    const Identity middle = authority("Middle", 1, &root, {.notBefore = Time::utc("100101000000Z")});
+    one.anchor(root).message(middle);
+    EXPECT_EQ(shown(one.judge(old)), "refused certificate-expired 0");
+    one.options.at = 1593561600; // 2020-07-01
+    Verdict verdict = one.judge(old);
+    EXPECT_EQ(shown(verdict), "accepted ");
+    EXPECT_EQ(verdict.judgedAt, 1593561600);
+    EXPECT_EQ(verdict.validUntil, 1609459200); // 2021-01-01
+    one.options.at = 1609459200;
+    EXPECT_EQ(shown(one.judge(old)), "refused certificate-expired 0");
+    one.options.at = 1577836799; // a second before 2020
+    verdict = one.judge(old);
+    EXPECT_EQ(shown(verdict), "refused certificate-not-yet-valid 0");
+    EXPECT_EQ(verdict.reasons[0].text, "the certificate of CN=Anna is valid from 2020-01-01 00:00:00 UTC on");
+    EXPECT_EQ(verdict.validUntil, 1577836800);
+}
+
+TEST_F(TrustChain, TimesThatAreNone) {
+    const Verdict verdict = chain().judge(user(m_middle, {.notAfter = Time::utc("hello")}));
+    EXPECT_EQ(shown(verdict), "refused validity-unreadable 0");
+}
+
+TEST_F(TrustChain, ForgedSignatures) {
+    Verdict verdict = chain().judge(user(m_middle, {.signingKey = key(7)}));
+    EXPECT_EQ(shown(verdict), "refused signature-wrong 0");
+    EXPECT_EQ(verdict.reasons[0].text, "the signature on the certificate of CN=Anna is not that of CN=Middle");
+    const Identity forged = authority("Forged", 2, &m_root, {.signingKey = key(7)});
+    Case one;
+    one.anchor(m_root).message(forged);
+    verdict = one.judge(user(forged));
+    EXPECT_EQ(shown(verdict), "refused signature-wrong 1");
+}
+
+/// The octets of the identifier of ecdsa-with-SHA256, and one that nobody has.
+Identity withAlgorithm(Identity identity, bool inside, bool outside) {
+    const auto known = norvauthority::der::oid("1.2.840.10045.4.3.2");
+    auto unknown = known;
+    unknown.back() = 0x7F;
+    auto& der = identity.certificate.der;
+    auto at = std::search(der.begin(), der.end(), known.begin(), known.end());
+    if (inside) {
+        std::copy(unknown.begin(), unknown.end(), at);
+    }
+    at = std::search(at + 1, der.end(), known.begin(), known.end());
+    if (outside) {
+        std::copy(unknown.begin(), unknown.end(), at);
+    }
+    return identity;
+}
+
+TEST_F(TrustChain, AlgorithmsThatAreNotKnownAreNotForged) {
+    const Verdict verdict = chain().judge(withAlgorithm(user(m_middle), true, true));
+    EXPECT_EQ(shown(verdict), "refused algorithm-unsupported 0");
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("1.2.840.10045.4.3.127"));
+}
+
+TEST_F(TrustChain, TwoAlgorithms) {
+    EXPECT_EQ(shown(chain().judge(withAlgorithm(user(m_middle), false, true))), "refused algorithms-differ 0");
+}
+
+TEST_F(TrustChain, AnIssuerWhoseKeyDoesNotDecode) {
+    Identity middle = m_middle;
+    // The identifier of the curve becomes another one, which is none.
+    const auto curve = norvauthority::der::oid("1.2.840.10045.3.1.7");
+    auto& der = middle.certificate.der;
+    const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
+    ASSERT_NE(at, der.end());
+    *(at + static_cast<std::ptrdiff_t>(curve.size()) - 1) = 0x7F;
+    Case one;
+    one.anchor(m_root).message(middle);
+    const Verdict verdict = one.judge(user(m_middle));
+    EXPECT_TRUE(verdict.has(Code::issuerKeyUnusable)) << shown(verdict);
+    EXPECT_FALSE(verdict.accepted);
+}
+
+TEST_F(TrustChain, ShortKeysAndWeakDigests) {
+    const Identity root = authority("RSA root", 0, nullptr, {.key = norvauthority::Key::rsa(1024)});
+    Case one;
+    one.anchor(root);
+    Verdict verdict = one.judge(user(root, {.digest = "SHA1"}));
+    EXPECT_EQ(shown(verdict), "refused digest-too-weak 0, key-too-short 1");
+    EXPECT_EQ(verdict.reasons[0].text, "the certificate of CN=Anna is signed with SHA1");
+    EXPECT_EQ(verdict.reasons[1].text, "the key of CN=RSA root is too short: RSA, 1024 bits");
+    EXPECT_EQ(shown(one.judge(user(root, {.digest = "MD5"}))), "refused digest-too-weak 0, key-too-short 1");
+    one.options.minimumDigestBits = 160;
+    one.options.minimumRsaBits = 1024;
+    EXPECT_EQ(shown(one.judge(user(root, {.digest = "SHA1"}))), "accepted ");
+    EXPECT_EQ(shown(one.judge(user(root, {.digest = "MD5"}))), "refused digest-too-weak 0");
+    one.options.minimumEcBits = 257;
+    EXPECT_EQ(shown(one.judge(user(root))), "refused key-too-short 0");
+}
+
+TEST_F(TrustChain, TheDigestOfAnAnchorDoesNotMatter) {
+    const Identity root = authority("Root", 0, nullptr, {.digest = "SHA1"});
+    Case one;
+    one.anchor(root);
+    EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
+}
+
+TEST_F(TrustChain, Ed25519HasNoDigestToChoose) {
+    const Identity root = authority("Root", 0, nullptr, {.key = norvauthority::Key::ed25519()});
+    Case one;
+    one.anchor(root);
+    EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
+}
+
+TEST_F(TrustChain, EveryReasonIsTold) {
+    const std::time_t now = std::time(nullptr);
+    const Identity middle =
+        authority("Middle", 1, &m_root, {.notAfter = Time::at(now - day), .ca = false, .digest = "SHA1"});
+    Case one;
+    one.anchor(m_root).message(middle);
+    const Verdict verdict = one.judge(user(middle, {.notAfter = Time::at(now - day),
+                                                    .keyUsage = 0x20,
+                                                    .extendedKeyUsage = {"serverAuth"},
+                                                    .extensions = {{"1.2.3.4", {0x05, 0x00}, true}},
+                                                    .digest = "SHA1"}));
+    EXPECT_FALSE(verdict.accepted);
+    for (const auto& [code, depth] : std::vector<std::pair<Code, unsigned int>>{{Code::certificateExpired, 0},
+                                                                                {Code::certificateExpired, 1},
+                                                                                {Code::digestTooWeak, 0},
+                                                                                {Code::digestTooWeak, 1},
+                                                                                {Code::notAnAuthority, 1},
+                                                                                {Code::keyUsageForbids, 0},
+                                                                                {Code::extendedKeyUsageForbids, 0},
+                                                                                {Code::criticalExtensionUnknown, 0}}) {
+        EXPECT_TRUE(std::any_of(
+            verdict.reasons.begin(), verdict.reasons.end(),
+            [code = code, depth = depth](const Reason& each) { return each.code == code && each.depth == depth; }))
+            << nameOf(code) << " " << depth << " in " << shown(verdict);
+    }
+}
+
+TEST_F(TrustChain, NamesOfStrangersAreEscaped) {
+    Case one;
+    CertificateRequest request;
+    request.subject = {{"CN", "Eve\n\x1b[31mall is well"}};
+    request.key = key(9);
+    request.issuer = &m_middle;
+    const Verdict verdict = one.judge(norvauthority::issue(request));
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("CN=Eve\\0A\\1B[31mall is well"));
+    EXPECT_EQ(verdict.reasons[0].text.find('\n'), std::string::npos);
+    request.subject = {{"CN", std::string(100000, 'x')}};
+    EXPECT_LT(one.judge(norvauthority::issue(request)).reasons[0].text.size(), 1000U);
+}
+
+TEST_F(TrustChain, TheSeamOfTheCore) {
+    auto material = std::make_shared<Material>();
+    material->addAnchor(read(m_root));
+    material->addUntrusted(read(m_middle));
+    Verifier verifier(material);
+    NVX509::CertificateVerifier& seam = verifier;
+    const RefCertificate anna = read(user(m_middle));
+    EXPECT_TRUE(seam.isValid(anna, 0, false));
+    EXPECT_TRUE(seam.isValid(anna, 1, false));
+    EXPECT_FALSE(seam.isValid(anna, 2, false)) << "encrypt: only digitalSignature";
+    EXPECT_FALSE(seam.isValid(anna, 3, false)) << "no authority";
+    EXPECT_TRUE(seam.isValid(read(m_middle), 3, false));
+    EXPECT_FALSE(seam.isValid(anna, 4, false));
+    EXPECT_FALSE(seam.isValid(anna, -1, false));
+    EXPECT_FALSE(seam.isValid(anna, 1, true)) << "there are no lists";
+    material->addList(read(list(m_middle)));
+    material->addList(read(list(m_root)));
+    EXPECT_TRUE(seam.isValid(anna, 1, true));
+    EXPECT_FALSE(seam.isValid(RefCertificate(), 0, false));
+}
+
+} // namespace

@@ -1,0 +1,37 @@
+#include <norvcrypto-trust/TrustVerdict.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+using namespace Norvane::Crypto::Trust;
+
+namespace {
+
+TEST(TrustNames, EveryReasonHasANumberAndANameOfItsOwn) {
+    std::set<std::string> names;
+    int before = 0;
+    for (const ReasonCode code : reasonCodes()) {
+        EXPECT_GT(static_cast<int>(code), before);
+        before = static_cast<int>(code);
+        EXPECT_TRUE(names.insert(nameOf(code)).second) << nameOf(code);
+    }
+    EXPECT_STREQ(nameOf(ReasonCode::certificateExpired), "certificate-expired");
+    EXPECT_EQ(static_cast<int>(ReasonCode::certificateExpired), 11);
+    EXPECT_STREQ(nameOf(static_cast<ReasonCode>(12345)), "other");
+}
+
+TEST(TrustNames, OptionsAreSpelledAsTheToolDoes) {
+    EXPECT_STREQ(nameOf(Revocation::none), "none");
+    EXPECT_STREQ(nameOf(Revocation::available), "available");
+    EXPECT_STREQ(nameOf(Revocation::required), "required");
+    EXPECT_STREQ(nameOf(Purpose::any), "any");
+    EXPECT_STREQ(nameOf(Purpose::sign), "sign");
+    EXPECT_STREQ(nameOf(Purpose::encrypt), "encrypt");
+    EXPECT_STREQ(nameOf(Purpose::authority), "authority");
+    EXPECT_STREQ(nameOf(RevocationStatus::notLookedAt), "not-looked-at");
+    EXPECT_STREQ(nameOf(RevocationStatus::revoked), "revoked");
+}
+
+} // namespace
