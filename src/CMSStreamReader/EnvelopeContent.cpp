@@ -153,6 +153,9 @@ void AuthenticatedContent::keep() {
                 throw SpillTooLong();
             }
             m_spill->write(piece.data(), static_cast<unsigned int>(piece.size())); // never longer than a window
+            if (m_check && !m_check->update(piece)) {
+                fail();
+            }
         }
     }
     frame().readTail(tailLimit());
@@ -174,20 +177,30 @@ void AuthenticatedContent::verifyAtOnce(Pieces& pieces, EVP_CIPHER_CTX* context)
     m_atOnce.shorten(at);
 }
 
-void AuthenticatedContent::verify() {
-    keep();
-    std::vector<unsigned char> associated;
-    if (!authenticatedAttributes(frame(), associated)) {
-        fail();
+std::unique_ptr<AuthenticatedContent::Pieces> AuthenticatedContent::fromTheBeginning() const {
+    return m_spill ? std::make_unique<Pieces>(*m_spill) : std::make_unique<Pieces>(m_source);
+}
+
+/// Checks the tag without decrypting: of what is in memory now, else it went along with what was kept.
+bool AuthenticatedContent::isChecked(Octets associated) {
+    if (!m_spill) {
+        const auto pieces = fromTheBeginning();
+        for (Octets piece = pieces->next(); !piece.empty(); piece = pieces->next()) {
+            if (!m_check->update(piece)) {
+                return false;
+            }
+        }
     }
+    const Octets tag = frame().tag();
+    return tag.size() == m_cipher.tagLength() && m_check->isRight(associated, tag);
+}
+
+bool AuthenticatedContent::isDecrypted(Octets associated) {
     const openssl::CipherContextPtr context = m_cipher.verifying(associated);
     if (context == nullptr) {
-        fail();
+        return false;
     }
-    const auto again = [this] {
-        return m_spill ? std::make_unique<Pieces>(*m_spill) : std::make_unique<Pieces>(m_source);
-    };
-    const auto pieces = again();
+    const auto pieces = fromTheBeginning();
     if (m_length <= s_atOnce) {
         verifyAtOnce(*pieces, context.get());
     } else {
@@ -195,12 +208,21 @@ void AuthenticatedContent::verify() {
             decrypt(context.get(), piece);
         }
     }
-    if (!m_cipher.isRight(context.get(), frame().tag())) {
+    return m_cipher.isRight(context.get(), frame().tag());
+}
+
+void AuthenticatedContent::verify() {
+    m_check = m_cipher.check();
+    keep();
+    std::vector<unsigned char> associated;
+    if (!authenticatedAttributes(frame(), associated) ||
+        !(m_check && m_length > s_atOnce ? isChecked(associated) : isDecrypted(associated))) {
         fail();
     }
+    m_check.reset();
     m_verified = true;
     if (m_length > s_atOnce) {
-        m_pieces = again();
+        m_pieces = fromTheBeginning();
         m_context = m_cipher.verified();
         if (m_context == nullptr) {
             fail();
