@@ -23,6 +23,7 @@ Exit run(int argc, char** argv) {
     norvcrypt::Action action;
     norvcrypt::addSign(commands, action);
     norvcrypt::addVerify(commands, action);
+    norvcrypt::addChain(commands, action);
     norvcrypt::addEncrypt(commands, action);
     norvcrypt::addDecrypt(commands, action);
     norvcrypt::addGenkey(commands, action);

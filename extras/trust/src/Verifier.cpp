@@ -2,7 +2,7 @@
 
 #include "Cache.h"
 #include "Candidates.h"
-#include "Judgement.h"
+#include "Ways.h"
 
 #include <norvcmsg/Exception.h>
 
@@ -168,8 +168,7 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
     std::copy_if(candidates.known.begin(), candidates.known.end(), std::back_inserter(request.candidates),
                  [&](const X509* one) { return snapshot.anchorSet.count(one) == 0; });
     request.candidates.insert(request.candidates.end(), candidates.fromMessage.begin(), candidates.fromMessage.end());
-    detail::Judgement judgement(snapshot, request);
-    Verdict verdict = judgement.reach();
+    auto [verdict, used] = detail::judgedByAnyWay(snapshot, std::move(request));
     if (candidates.given > maximumCandidates) {
         detail::Details details;
         details.what = std::to_string(candidates.given);
@@ -185,11 +184,11 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
     for (const RefCertificate& one : verdict.chain) {
         next.see(static_cast<const X509*>(one));
     }
-    for (const X509_CRL* list : judgement.lists()) {
+    for (const X509_CRL* list : used) {
         next.see(list);
     }
     verdict.validUntil = std::max(next.moment(), at + 1);
-    return verdict;
+    return std::move(verdict);
 }
 
 std::shared_ptr<const Snapshot> emptySnapshot() {

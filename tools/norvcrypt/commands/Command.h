@@ -11,6 +11,7 @@ void addEncrypt(Command& commands, Action& action);
 void addDecrypt(Command& commands, Action& action);
 void addGenkey(Command& commands, Action& action);
 void addPkcs12(Command& commands, Action& action);
+void addChain(Command& commands, Action& action);
 void addInspect(Command& commands, Action& action);
 void addDigest(Command& commands, Action& action);
 void addCipher(Command& commands, Action& action);

@@ -3,9 +3,13 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
-#include "openssl/CmsNames.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
+#include "show/SignatureReport.h"
+#include "show/TextAndJson.h"
+#include "trust/TrustJudge.h"
+#include "trust/TrustOptions.h"
+#include "trust/TrustReport.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcrypto/CMSSignedReader.h>
@@ -21,6 +25,7 @@ namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
+namespace Trust = Norvane::Crypto::Trust;
 using CMS::SignatureReason;
 using CMS::SignatureResult;
 using CMS::SignatureVerdict;
@@ -34,6 +39,7 @@ struct VerifyOptions {
     std::optional<std::string> in;
     std::optional<std::string> out;
     bool embedded = false;
+    std::unique_ptr<TrustOptions> trust;
 };
 
 /// Where the content goes when it is asked for.
@@ -104,15 +110,6 @@ JudgedBody passBody(SignedReader& message, const VerifyOptions& options, Inputs&
     return {message.bodyLength(), std::nullopt};
 }
 
-/// The name of the signer's certificate; nothing when it does not decode.
-std::optional<CMS::CertificateIdentifier> nameOfCertificate(const SignedReader::Signer& signer) {
-    try {
-        return signer.identifier();
-    } catch (const Norvane::Exception&) {
-        return std::nullopt;
-    }
-}
-
 /// The certificates that a signer names, each once.
 std::vector<NVX509::RefCertificate> namedBy(const SignedReader::Signer& signer,
                                             const std::list<NVX509::RefCertificate>& certificates) {
@@ -170,84 +167,135 @@ std::string bodyText(const JudgedBody& body, const VerifyOptions& options) {
     return given + (*body.isContent ? ", which is " : ", which is not ") + content;
 }
 
-/// The numbers under which operators know what the library logs about a signature.
-std::string eventOf(SignatureReason reason) {
-    switch (reason) {
-    case SignatureReason::messageDigestMissing:
-        return " (event 0x300004F)";
-    case SignatureReason::bodyDiffers:
-        return " (event 0x3000050)";
-    case SignatureReason::keyUnusable:
-        return " (event 0x3000051)";
-    case SignatureReason::signatureWrong:
-        return " (event 0x3000052)";
-    default:
-        return "";
+/// What became of one signer.
+struct Judged {
+    SignatureResult result;
+    std::optional<TrustAnswer> trust; ///< when that was asked, and the signature is good
+};
+
+/// Who is to be believed is asked of whoever signed, and nobody else.
+std::vector<Judged> withTrust(const SignedReader& message, const std::vector<SignatureResult>& results,
+                              const std::optional<TrustJudge>& judge,
+                              const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
+    std::vector<Judged> judged;
+    for (const SignatureResult& result : results) {
+        const SignedReader::Signer& signer = message.signers()[judged.size()];
+        judged.push_back({result, std::nullopt});
+        if (!judge || result.verdict != SignatureVerdict::good)
+            continue;
+        std::list<NVX509::RefCertificate> others = message.certificates();
+        if (certificates)
+            others.insert(others.end(), certificates->begin(), certificates->end());
+        judged.back().trust = judge->judge(result.certificate, others, message.revocationLists(), signer.signingTime());
+    }
+    return judged;
+}
+
+SignatureVerdict verdictOf(const std::vector<Judged>& signers) {
+    const auto has = [&signers](SignatureVerdict verdict) {
+        return std::ranges::any_of(signers, [&](const Judged& signer) {
+            return verdict == signer.result.verdict ||
+                   (verdict == SignatureVerdict::refused && signer.trust && !signer.trust->accepted());
+        });
+    };
+    if (signers.empty() || has(SignatureVerdict::refused))
+        return SignatureVerdict::refused;
+    return has(SignatureVerdict::unsupported) ? SignatureVerdict::unsupported : SignatureVerdict::good;
+}
+
+Exit exitOf(SignatureVerdict verdict) {
+    switch (verdict) {
+    case SignatureVerdict::good:
+        return Exit::good;
+    case SignatureVerdict::unsupported:
+        return Exit::failed;
+    case SignatureVerdict::refused:
+        break;
+    }
+    return Exit::refused;
+}
+
+void tellSigner(TextOutput& out, const std::string& number, const Judged& judged, const SignedReader::Signer& signer,
+                bool trustAsked) {
+    const Colours colours;
+    out.line("signer " + number + ": " + verdictText(judged.result, signer));
+    if (judged.trust) {
+        out.line("trust in signer " + number + ": " + trustSummary(*judged.trust, colours));
+        tellReasons(out, *judged.trust, colours);
+    } else if (trustAsked) {
+        out.line("trust in signer " + number + ": not judged, there is no good signature");
     }
 }
 
-std::string certificateText(const NVX509::RefCertificate& certificate) {
-    return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
-}
-
-std::string reasonText(const SignatureResult& result, const SignedReader::Signer& signer) {
-    if (result.reason == SignatureReason::certificateMissing)
-        if (const auto name = nameOfCertificate(signer))
-            return "no certificate with " + nameOf(*name);
-    std::string text = CMS::textOf(result.reason);
-    if (!result.algorithm.empty())
-        text += ": " + Norvane::escapeForDisplay(result.algorithm);
-    return text + eventOf(result.reason);
-}
-
-/// To be shown as it is.
-std::string verdictText(const SignatureResult& result, const SignedReader::Signer& signer) {
-    std::string text = "good signature";
-    if (result.verdict == SignatureVerdict::refused)
-        text = "NOT VERIFIED, " + reasonText(result, signer);
-    else if (result.verdict == SignatureVerdict::unsupported)
-        text = "NOT JUDGED, " + reasonText(result, signer);
-    return static_cast<X509*>(result.certificate) == nullptr ? text : text + ", " + certificateText(result.certificate);
-}
-
-/// What a signer says of itself.
-std::string detailsText(const SignedReader::Signer& signer) {
-    std::string text = "signature algorithm " + signer.signatureAlgorithm() + ", digest " + signer.digestAlgorithm();
-    if (const auto time = signer.signingTime())
-        text += ", says to have signed at " + isoTime(*time);
-    return Norvane::escapeForDisplay(text);
-}
-
-Exit exitOf(const std::vector<SignatureResult>& results) {
-    const auto has = [&results](SignatureVerdict verdict) {
-        return std::ranges::any_of(results, [&](const auto& signer) { return signer.verdict == verdict; });
-    };
-    if (has(SignatureVerdict::refused))
-        return Exit::refused;
-    return has(SignatureVerdict::unsupported) ? Exit::failed : Exit::good;
-}
-
-void tell(const SignedReader& message, const std::vector<SignatureResult>& results, const std::string& body) {
+void tell(const SignedReader& message, const std::vector<Judged>& judged, const std::string& body, bool trustAsked) {
     const auto& signers = message.signers();
     TextOutput out;
     for (std::size_t at = 0; at != signers.size(); ++at)
-        out.line("signer " + std::to_string(at + 1) + ": " + verdictText(results[at], signers[at]));
+        tellSigner(out, std::to_string(at + 1), judged[at], signers[at], trustAsked);
+    if (signers.empty()) {
+        out.line("no signer");
+        out.flush();
+        return;
+    }
     out.line(Norvane::escapeForDisplay(body));
-    out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
+    if (!trustAsked)
+        out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
     for (std::size_t at = 0; at != signers.size(); ++at)
         out.line("details of signer " + std::to_string(at + 1) + ": " + detailsText(signers[at]));
     out.flush();
 }
 
-Exit tellNoSigner() {
+void tellJson(const SignedReader& message, const std::vector<Judged>& judged, const VerifyOptions& options,
+              const std::optional<JudgedBody>& body, const std::optional<TrustJudge>& judge) {
+    Description facts{{"verdict", verdictName(verdictOf(judged))}};
+    if (body) {
+        facts["body"] = {{"file", options.embedded ? options.signature : options.in.value_or("-")},
+                         {"embedded", options.embedded},
+                         {"length", body->length}};
+        if (body->isContent)
+            facts["body"]["isContent"] = *body->isContent;
+    }
+    facts["trustChecked"] = judge.has_value();
+    facts["signers"] = Description::array();
+    for (std::size_t at = 0; at != judged.size(); ++at) {
+        Description signer = signerFacts(judged[at].result, message.signers()[at]);
+        if (judged[at].trust)
+            signer["trust"] = trustFacts(*judged[at].trust);
+        facts["signers"].push_back(std::move(signer));
+    }
+    facts["problems"] = judge ? Description(judge->problems()) : Description::array();
     TextOutput out;
-    out.line("no signer");
+    out.text(asJson(facts));
     out.flush();
-    return Exit::refused;
+}
+
+/// What is asked, and what answers it.
+struct Question {
+    const VerifyOptions& options;
+    const std::optional<std::list<NVX509::RefCertificate>>& certificates;
+    const std::optional<TrustJudge>& judge;
+};
+
+SignatureVerdict answer(const Question& question, const SignedReader& message, const std::optional<JudgedBody>& body) {
+    std::vector<Judged> judged;
+    if (body)
+        judged =
+            withTrust(message, judge(message, *body, question.certificates), question.judge, question.certificates);
+    if (question.options.trust->json()) {
+        tellJson(message, judged, question.options, body, question.judge);
+    } else {
+        if (question.judge)
+            tellUnused(*question.judge);
+        tell(message, judged, body ? bodyText(*body, question.options) : "", question.judge.has_value());
+    }
+    return verdictOf(judged);
 }
 
 Exit verify(const VerifyOptions& options) {
     Inputs inputs;
+    std::optional<TrustJudge> judge;
+    if (options.trust->asked())
+        judge.emplace(options.trust->request(), inputs);
     std::optional<std::list<NVX509::RefCertificate>> certificates;
     if (options.certificate)
         certificates = readCertificates(inputs, *options.certificate);
@@ -259,23 +307,21 @@ Exit verify(const VerifyOptions& options) {
     Progress progress("verifying");
     StructureFile file(inputs, options.signature, options.embedded ? &progress : nullptr);
     file.readOnce();
+    const Question question{options, certificates, judge};
     return reading(file, [&] {
         SignedReader message(file.structure());
         if (message.isDetached()) {
             file.requireEnd();
             if (message.signers().empty())
-                return tellNoSigner();
+                return exitOf(answer(question, message, std::nullopt));
         }
         checkBody(options, message.isDetached());
         const JudgedBody body = passBody(message, options, inputs, progress, content);
         if (!message.isDetached())
             file.requireEnd();
         progress.clear();
-        if (message.signers().empty())
-            return tellNoSigner();
-        const std::vector<SignatureResult> results = judge(message, body, certificates);
-        tell(message, results, bodyText(body, options));
-        const Exit exit = exitOf(results);
+        const Exit exit =
+            exitOf(answer(question, message, message.signers().empty() ? std::nullopt : std::optional(body)));
         if (content && exit == Exit::good) {
             content->body.release();
             content->file.commit();
@@ -289,7 +335,7 @@ Exit verify(const VerifyOptions& options) {
 void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
     Command* command = commands.command(
-        "verify", "Verifies every signature of a CMS structure; trust in the certificates is not checked");
+        "verify", "Verifies every signature of a CMS structure; trust in the certificates is checked with --ca");
     command->option("--signature", options->signature, "The structure, DER, BER or PEM")
         ->typeName("SIG.p7s")
         ->required();
@@ -314,8 +360,12 @@ void addVerify(Command& commands, Action& action) {
                  "The content that the structure carries, written only when every signature is good")
         ->typeName("BODY")
         ->needs(embedded);
-    command->footer("Structures and bodies may have any size. Exit code: 0 every signature is good, 1 one is not, 2 an "
-                    "algorithm is not supported, which is named, or there is nothing to judge.");
+    options->trust = std::make_unique<TrustOptions>(*command, Trust::Purpose::sign, TrustOptions::Anchors::optional);
+    command->footer(
+        "Structures and bodies may have any size.\n"
+        "Example: norvcrypt verify --signature body.p7s --in body --ca roots.pem --from anna@example.org\n"
+        "Exit code: 0 every signature is good (and with --ca, every signer is believed), 1 one is not, 2 an "
+        "algorithm is not supported, which is named, or there is nothing to judge.");
     command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
 }
 

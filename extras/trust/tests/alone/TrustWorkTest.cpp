@@ -100,13 +100,15 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     for (unsigned int i = 0; i < 2500; ++i) {
         one.message(unsignedCopy(m_middle, i));
     }
-    s_names = s_signatures = 0;
+    s_names = s_signatures = s_verified = 0;
     const Verdict verdict = one.judge(anna);
     EXPECT_FALSE(verdict.accepted);
-    // OpenSSL takes the first that fits; names are compared by sorting them.
-    EXPECT_EQ(s_signatures, 2);
+    // OpenSSL takes the first that fits, and other ways are tried eight times in all; names are compared by sorting them.
+    EXPECT_GE(s_signatures, 2);
+    EXPECT_LE(s_signatures, 16);
+    EXPECT_LE(s_verified, 8);
     EXPECT_GT(s_names, 0);
-    EXPECT_LE(s_names, 100000);
+    EXPECT_LE(s_names, 200000);
     one.message(m_middle);
     EXPECT_TRUE(one.judge(anna).mentions(Code::tooManyCertificates));
 }
@@ -126,8 +128,8 @@ TEST_F(TrustWork, IssuersThatIssueEachOther) {
     EXPECT_TRUE(verdict.has(Code::chainTooLong) || verdict.has(Code::issuerMissing)) << shown(verdict);
     EXPECT_LE(verdict.chain.size(), 34U) << "the default depth";
     EXPECT_GT(s_signatures, 1);
-    EXPECT_LE(s_signatures, 34);
-    EXPECT_EQ(s_verified, 1);
+    EXPECT_LE(s_signatures, 136);
+    EXPECT_LE(s_verified, 4) << "another way would take too long";
 }
 
 TEST_F(TrustWork, ACertificateInTheMessageAgainAndAgain) {
@@ -180,6 +182,23 @@ TEST_F(TrustWork, KeysWithHugeExponentsAreNotUsed) {
     // What the operator put there is used.
     one.material->addUntrusted(read(middle));
     EXPECT_FALSE(one.judge(anna).has(Code::keyTooLarge));
+}
+
+TEST_F(TrustWork, AllKeysOfAChainTogether) {
+    // Each is one that may be used.
+    const auto big = norvauthority::Key::ec("P-521");
+    Case one;
+    one.anchor(m_root);
+    Identity last = m_root;
+    for (int i = 0; i < 18; ++i) {
+        last = authority("Level " + std::to_string(i), 1, &last, {.key = big});
+        one.message(last);
+    }
+    const Identity anna = user(last);
+    s_signatures = 0;
+    const Verdict verdict = one.judge(anna);
+    EXPECT_EQ(shown(verdict), "refused too-much-work 0");
+    EXPECT_EQ(s_signatures, 0);
 }
 
 std::vector<GeneralName> addresses(int count) {

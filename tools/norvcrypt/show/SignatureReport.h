@@ -1,0 +1,31 @@
+#pragma once
+
+/// \file
+/// What became of a signature, for people and for programs.
+
+#include "show/Description.h"
+
+#include <norvcrypto/CMSSignedReader.h>
+
+#include <optional>
+#include <string>
+
+namespace norvcrypt {
+
+/// The name of the signer's certificate; nothing when it does not decode.
+std::optional<Norvane::Crypto::CMS::CertificateIdentifier> nameOfCertificate(
+    const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+
+/// The verdict on a signer. To be shown as it is.
+std::string verdictText(const Norvane::Crypto::CMS::SignatureResult& result,
+                        const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+/// What a signer says of itself. To be shown as it is.
+std::string detailsText(const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+
+/// "good", "refused", "unsupported".
+const char* verdictName(Norvane::Crypto::CMS::SignatureVerdict verdict);
+/// What docs/json.md calls a signer object.
+Description signerFacts(const Norvane::Crypto::CMS::SignatureResult& result,
+                        const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+
+} // namespace norvcrypt
