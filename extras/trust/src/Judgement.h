@@ -4,6 +4,7 @@
 /// One certificate judged once: OpenSSL builds and checks the chain, and what it says on the way is written down instead of
 /// ending it.
 
+#include "Checks.h"
 #include "Lists.h"
 #include "OpenSsl.h"
 #include "Snapshot.h"
@@ -14,6 +15,7 @@
 #include <exception>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace Norvane::Crypto::Trust::detail {
@@ -28,6 +30,7 @@ struct Request {
     const Options& options;
     std::vector<Owned<ASN1_OBJECT>> policies;
     std::time_t at;
+    Effort spent{}; ///< on other ways before
 };
 
 class Judgement {
@@ -43,6 +46,8 @@ public:
     Verdict reach();
     /// The lists that may have mattered.
     [[nodiscard]] const std::vector<X509_CRL*>& lists() const { return m_lists.handedOut(); }
+    /// What it took, and what was spent before.
+    [[nodiscard]] const Effort& effort() const noexcept { return m_effort; }
 
 private:
     /// What is known of a certificate of the chain.
@@ -85,6 +90,8 @@ private:
     void reason(ReasonCode code, unsigned int depth, X509* about, Details details = {}) {
         say(Weight::reason, code, depth, about, std::move(details));
     }
+    /// Whether that was said already, as a reason or a note.
+    [[nodiscard]] bool told(ReasonCode code, unsigned int depth) const;
     [[nodiscard]] NVX509::RefCertificate handleOf(X509* certificate) const;
     Place& place(unsigned int depth);
 
@@ -94,6 +101,8 @@ private:
     Verdict m_verdict;
     std::vector<Place> m_places;
     std::exception_ptr m_thrown;
+    std::unordered_set<const X509_CRL*> m_discredited; ///< lists whose entries do not count
+    Effort m_effort;
     X509_CRL* m_list = nullptr;    ///< the one that is looked at
     bool m_broken = false;         ///< the chain does not end at an anchor
     bool m_built = false;          ///< the chain stands
