@@ -101,6 +101,7 @@ TEST_F(TrustCache, OtherMaterialIsAnotherQuestion) {
     EXPECT_TRUE(judge(verifier, anna));
     m_material->addList(read(list(m_middle, {.revoked = {{.serial = "a1"}}})));
     EXPECT_FALSE(judge(verifier, anna));
+    EXPECT_EQ(verifier.cacheCounts().entries, 1U) << "what nobody can ask for any more does not stay";
 }
 
 TEST_F(TrustCache, NeverPastTheValidityOfAnything) {

@@ -9,7 +9,9 @@
 
 #include <gmock/gmock.h>
 
-#include <openssl/rsa.h>
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
+#include <openssl/x509v3.h>
 
 #include <filesystem>
 #include <idn2.h>
@@ -102,7 +104,8 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     const Verdict verdict = one.judge(anna);
     EXPECT_FALSE(verdict.accepted);
     // OpenSSL takes the first that fits; names are compared by sorting them.
-    EXPECT_LE(s_signatures, 3);
+    EXPECT_EQ(s_signatures, 2);
+    EXPECT_GT(s_names, 0);
     EXPECT_LE(s_names, 100000);
     one.message(m_middle);
     EXPECT_TRUE(one.judge(anna).mentions(Code::tooManyCertificates));
@@ -113,7 +116,7 @@ TEST_F(TrustWork, IssuersThatIssueEachOther) {
     Case one;
     const Identity a = authority("A", 2);
     const Identity b = authority("B", 3, &a);
-    for (unsigned int i = 0; i < 100; ++i) {
+    for (unsigned int i = 0; i < 20; ++i) {
         const std::string serial = std::to_string(1000 + i);
         one.message(authority("A", 2, &b, {.serial = serial})).message(authority("B", 3, &a, {.serial = serial}));
     }
@@ -122,32 +125,40 @@ TEST_F(TrustWork, IssuersThatIssueEachOther) {
     EXPECT_FALSE(verdict.accepted);
     EXPECT_TRUE(verdict.has(Code::chainTooLong) || verdict.has(Code::issuerMissing)) << shown(verdict);
     EXPECT_LE(verdict.chain.size(), 34U) << "the default depth";
-    EXPECT_LE(s_signatures, 70);
+    EXPECT_GT(s_signatures, 1);
+    EXPECT_LE(s_signatures, 34);
     EXPECT_EQ(s_verified, 1);
 }
 
 TEST_F(TrustWork, ACertificateInTheMessageAgainAndAgain) {
     Case one = chain();
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 200; ++i) {
         one.certificates.push_back(read(m_middle));
     }
     s_signatures = 0;
     EXPECT_TRUE(one.judge(user(m_middle)).accepted);
-    EXPECT_LE(s_signatures, 3);
+    EXPECT_EQ(s_signatures, 2);
 }
 
-/// An RSA key whose exponent has as many bits as its modulus; only its public half is ever used.
+/// An RSA key whose exponent is its modulus; only its public half is ever used.
 norvauthority::Key withHugeExponent() {
-    // A certificate's key need not be one that can sign: the modulus becomes the exponent, too.
     const auto rsa = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"));
     BIGNUM* modulus = nullptr;
-    EVP_PKEY_get_bn_param(rsa.get(), "n", &modulus);
-    RSA* made = RSA_new(); // NOLINT: the way to make a key of any numbers
-    RSA_set0_key(made, BN_dup(modulus), modulus, nullptr);
-    EVP_PKEY* key = EVP_PKEY_new();
-    EVP_PKEY_assign_RSA(key, made);
+    EVP_PKEY_get_bn_param(rsa.get(), OSSL_PKEY_PARAM_RSA_N, &modulus);
+    OSSL_PARAM_BLD* numbers = OSSL_PARAM_BLD_new();
+    OSSL_PARAM_BLD_push_BN(numbers, OSSL_PKEY_PARAM_RSA_N, modulus);
+    OSSL_PARAM_BLD_push_BN(numbers, OSSL_PKEY_PARAM_RSA_E, modulus);
+    OSSL_PARAM* parameters = OSSL_PARAM_BLD_to_param(numbers);
+    EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr);
+    EVP_PKEY* key = nullptr;
+    EVP_PKEY_fromdata_init(context);
+    EVP_PKEY_fromdata(context, &key, EVP_PKEY_PUBLIC_KEY, parameters);
     const auto result = norvauthority::Key::of(key);
     EVP_PKEY_free(key);
+    EVP_PKEY_CTX_free(context);
+    OSSL_PARAM_free(parameters);
+    OSSL_PARAM_BLD_free(numbers);
+    BN_free(modulus);
     return result;
 }
 
@@ -225,7 +236,7 @@ TEST_F(TrustWork, DistributionPointsTimesNamesOfLists) {
     one.lists.push_back(read(list(m_middle, request)));
     s_compared = 0;
     const Verdict verdict = one.judge(user(m_middle, {.crlDistributionPoints = {point}}));
-    EXPECT_EQ(s_compared, 0);
+    EXPECT_LT(s_compared, 100000) << "four million pairs; they are put in order where they are shown";
     EXPECT_TRUE(verdict.mentions(Code::listNotUsed)) << codesOf(verdict.notes);
     EXPECT_EQ(shown(verdict), "accepted ");
     one.options.revocation = Revocation::required;
