@@ -44,6 +44,7 @@ class Cache;
 } // namespace detail
 
 inline constexpr std::size_t maximumCandidates = 2500;  ///< certificates of a message that are looked at
+inline constexpr std::size_t maximumNamesakes = 64;     ///< of these, certificates of one name
 inline constexpr std::size_t maximumMessageLists = 100; ///< lists of a message that are looked at
 
 /// What a verifier keeps of the verdicts that it reached.
