@@ -115,7 +115,7 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     // OpenSSL takes the first that fits, and is asked for four ways; names are compared by sorting them.
     EXPECT_EQ(s_signatures, 4 * 2);
     EXPECT_GT(s_names, 0);
-    EXPECT_LE(s_names, 100000);
+    EXPECT_LE(s_names, 200000);
     one.message(m_middle);
     EXPECT_TRUE(one.judge(anna).mentions(Code::tooManyCertificates));
 }
@@ -136,7 +136,7 @@ TEST_F(TrustWork, IssuersThatIssueEachOther) {
     EXPECT_LE(verdict.chain.size(), 34U) << "the default depth";
     EXPECT_GT(s_signatures, 1);
     EXPECT_LE(s_signatures, 4 * 34);
-    EXPECT_EQ(s_verified, 4) << "four ways are tried";
+    EXPECT_LE(s_verified, 4) << "four ways are tried, unless another one would take too long";
 }
 
 TEST_F(TrustWork, ACertificateInTheMessageAgainAndAgain) {
@@ -189,6 +189,23 @@ TEST_F(TrustWork, KeysWithHugeExponentsAreNotUsed) {
     // What the operator put there is used.
     one.material->addUntrusted(read(middle));
     EXPECT_FALSE(one.judge(anna).has(Code::keyTooLarge));
+}
+
+TEST_F(TrustWork, AllKeysOfAChainTogether) {
+    // Each is one that may be used.
+    const auto big = norvauthority::Key::ec("P-521");
+    Case one;
+    one.anchor(m_root);
+    Identity last = m_root;
+    for (int i = 0; i < 18; ++i) {
+        last = authority("Level " + std::to_string(i), 1, &last, {.key = big});
+        one.message(last);
+    }
+    const Identity anna = user(last);
+    s_signatures = 0;
+    const Verdict verdict = one.judge(anna);
+    EXPECT_EQ(shown(verdict), "refused too-much-work 0");
+    EXPECT_EQ(s_signatures, 0);
 }
 
 std::vector<GeneralName> addresses(int count) {
