@@ -102,6 +102,23 @@ TEST(SMimeTrust, AForwardedMessageIsComparedWithItsOwnSender) {
     EXPECT_EQ(bare.answer.verdict, Verdict::notSMime);
 }
 
+// Who signs forty times has thirty-two chains built for him.
+TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const std::string mail =
+        fieldsOfAlice + signedBy(std::vector<const norvauthority::Identity*>(40, &alice()), plainEntity, detached);
+    const Outcome outcome = outcomeOf(mail, options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted);
+    EXPECT_EQ(outcome.answer.layers.at(0).signers.size(), 40U);
+    EXPECT_TRUE(outcome.answer.layers[0].signers[31].isAccepted());
+    EXPECT_FALSE(outcome.answer.layers[0].signers[32].isAccepted());
+    EXPECT_EQ(verifier.cacheCounts().hits + verifier.cacheCounts().misses, 32U);
+}
+
 TEST(SMimeTrust, AMisusedPolicyIsTheCallersFailure) {
     const Trust::Verifier verifier(std::make_shared<Trust::Material>());
     SMime::ReadOptions options;
