@@ -93,8 +93,8 @@ TEST(SMimeRead, AMicalgThatIsMissingOrWrongMakesNoDifference) {
 
 TEST(SMimeRead, AProtocolThatIsMissingOrOldMakesNoDifference) {
     const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
-    const std::string protocol = "protocol=\"application/x-pkcs7-signature\"";
-    for (const char* other : {"protocol=\"application/pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
+    const std::string protocol = "protocol=\"application/pkcs7-signature\"";
+    for (const char* other : {"protocol=\"application/x-pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
         EXPECT_EQ(outcomeOf(replaced(mail, protocol, other)).answer.verdict, Verdict::signatureGood) << other;
 }
 
