@@ -57,7 +57,8 @@ TEST(SMimeHostile, HeadersWithoutEnd) {
         EXPECT_EQ(outcome.answer.verdict, Verdict::tooCostly);
         EXPECT_THAT(outcome.answer.detail, HasSubstr("a header of more than"));
         // Within a signed part nothing is handed on of what was not looked at.
-        const Outcome inner = outcomeOf(fieldsOfAlice + signedBy(alice(), fields + "\r\nx", detached));
+        const std::string entity = std::string(fields).append("\r\nx");
+        const Outcome inner = outcomeOf(std::string(fieldsOfAlice).append(signedBy(alice(), entity, detached)));
         EXPECT_EQ(inner.answer.verdict, Verdict::tooCostly) << inner.answer.detail;
         EXPECT_EQ(inner.content, "");
     }
@@ -67,8 +68,9 @@ TEST(SMimeHostile, AThousandLevels) {
     std::string mixed;
     std::string messages;
     for (int level = 0; level < 1000; ++level) {
-        const std::string boundary = "b" + std::to_string(level);
-        mixed += "Content-Type: multipart/mixed; boundary=" + boundary + "\r\n\r\n--" + boundary + "\r\n";
+        const std::string boundary = std::to_string(level);
+        mixed.append("Content-Type: multipart/mixed; boundary=").append(boundary).append("\r\n\r\n--");
+        mixed.append(boundary).append("\r\n");
         messages += "Content-Type: message/rfc822\r\n\r\n";
     }
     const Outcome outcome = outcomeOf(fieldsOfAlice + mixed);
@@ -236,7 +238,7 @@ TEST(SMimeHostile, BoundariesThatAreMissingOrTooLong) {
 
 class FailingIn : public Norvane::MediaInImpl {
 public:
-    explicit FailingIn(std::string text) : m_in(text), m_left(static_cast<unsigned int>(text.size() / 2)) {}
+    explicit FailingIn(const std::string& text) : m_in(text), m_left(static_cast<unsigned int>(text.size() / 2)) {}
     using MediaInImpl::read;
     [[nodiscard]] bool atEnd() const override { return false; }
     [[nodiscard]] int peek() const override { return m_in.peek(); }
