@@ -9,6 +9,7 @@ void addSign(Command& commands, Action& action);
 void addVerify(Command& commands, Action& action);
 void addEncrypt(Command& commands, Action& action);
 void addDecrypt(Command& commands, Action& action);
+void addSmime(Command& commands, Action& action);
 void addGenkey(Command& commands, Action& action);
 void addPkcs12(Command& commands, Action& action);
 void addChain(Command& commands, Action& action);
@@ -16,7 +17,6 @@ void addInspect(Command& commands, Action& action);
 void addDigest(Command& commands, Action& action);
 void addCipher(Command& commands, Action& action);
 void addTls(Command& commands, Action& action);
-void addSmime(Command& commands, Action& action);
 void addBindings(Command& commands, Action& action);
 void addDemo(Command& commands, Action& action);
 

@@ -1,5 +1,6 @@
 // norvcrypt smime: what its commands that read a mail share.
 #include "commands/SmimeCommands.h"
+#include "commands/SmimeWriting.h"
 #include "files/Progress.h"
 #include "files/Spill.h"
 
@@ -55,8 +56,12 @@ ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* 
 }
 
 void addSmime(Command& commands, Action& action) {
-    Command* smime = commands.command("smime", "Whole S/MIME messages: verifies, decrypts and takes them apart");
+    Command* smime = commands.command(
+        "smime", "Whole S/MIME messages: signs, encrypts, verifies, decrypts them and takes them apart");
     smime->requireCommand();
+    addSmimeSign(*smime, action);
+    addSmimeEncrypt(*smime, action);
+    addSmimeSignEncrypt(*smime, action);
     addSmimeVerify(*smime, action);
     addSmimeDecrypt(*smime, action);
     addSmimeInspect(*smime, action);

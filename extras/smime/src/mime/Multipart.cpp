@@ -129,16 +129,15 @@ private:
 
 Multipart::Multipart(SharedOctets body, const std::string& boundary)
     : m_body(std::move(body)),
-      m_delimiter("\n--" + boundary) {}
+      m_delimiter("\n--" + boundary) {
+    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes);
+    m_current = preamble.get();
+    m_part = preamble;
+}
 
 bool Multipart::next() {
-    if (m_closed || (m_part && m_current == nullptr))
+    if (m_current == nullptr)
         return false;
-    if (!m_part) { // the preamble
-        const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes);
-        m_current = preamble.get();
-        m_part = preamble;
-    }
     drain(*m_current);
     const Delimiter::Kind kind = m_current->takeDelimiter();
     m_current = nullptr;

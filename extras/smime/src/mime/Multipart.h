@@ -35,7 +35,7 @@ public:
     /// Passes what is left of a part, or the preamble, and goes to the next one. False when there is none: behind the last
     /// delimiter, whose epilogue is left in the body, or where the body ends.
     bool next();
-    /// The part. It must not be read once `next` was called.
+    /// The part; before the first call of `next`, the preamble. It must not be read once `next` was called.
     [[nodiscard]] const SharedOctets& part() const noexcept { return m_part; }
     /// Whether the last delimiter was there; known once `next` was false.
     [[nodiscard]] bool isClosed() const noexcept { return m_closed; }

@@ -1,0 +1,193 @@
+// Encrypted mails, and several shells, read by OpenSSL's own reader of S/MIME.
+
+#include "Writing.h"
+
+#include <norvcmsg/SwapBufferMediaOut.h>
+
+namespace {
+
+using namespace smimetest;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string mail = "From: alice@example.com\nTo: bob@example.com\nSubject: Lunch\n"
+                         "Content-Type: text/plain; charset=utf-8\n\nAt noon, Gr\xc3\xbc\xc3\x9f"
+                         "e\n";
+const std::string entity =
+    "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n"
+    "At noon, Gr=C3=BC=C3=9F"
+    "e\r\n";
+
+TEST(SmimeEncryptingTest, EncryptsForAllRecipients) {
+    const std::string sent = wrapped(mail, {encryptedFor({&person("bob"), &person("carol"), &person("bob")})});
+    EXPECT_THAT(sent,
+                StartsWith("From: alice@example.com\r\nTo: bob@example.com\r\nSubject: Lunch\r\nMIME-Version: 1.0\r\n"
+                           "Content-Type: application/pkcs7-mime; smime-type=enveloped-data;\r\n"
+                           " name=\"smime.p7m\"\r\nContent-Transfer-Encoding: base64\r\n"
+                           "Content-Disposition: attachment; filename=\"smime.p7m\"\r\n\r\n"));
+    expectLines(sent, "\r\n", 78);
+    EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    EXPECT_EQ(decrypted(sent, person("carol")), entity);
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    EXPECT_EQ(sk_CMS_RecipientInfo_num(CMS_get0_RecipientInfos(structure.get())), 2);
+}
+
+TEST(SmimeEncryptingTest, NamesAuthenticatedMessagesAsTheyAre) {
+    for (const auto cipher :
+         {CMS::ContentCipher::aes128Gcm, CMS::ContentCipher::aes192Gcm, CMS::ContentCipher::aes256Gcm}) {
+        SMime::EncryptOptions options = encryptedFor({&person("bob")});
+        options.cipher = cipher;
+        const std::string sent = wrapped(mail, {options});
+        EXPECT_THAT(sent, HasSubstr("smime-type=authEnveloped-data;"));
+        EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    }
+    for (const auto cipher : {CMS::ContentCipher::aes128Cbc, CMS::ContentCipher::tripleDesCbc}) {
+        SMime::EncryptOptions options = encryptedFor({&person("bob")});
+        options.cipher = cipher;
+        EXPECT_EQ(decrypted(wrapped(mail, {options}), person("bob")), entity);
+    }
+}
+
+TEST(SmimeEncryptingTest, TakesRecipientsAsTheCallerMadeThem) {
+    SMime::EncryptOptions options;
+    options.recipients = {CMS::EnvelopeRecipient::rsaOaep(certificateOf(person("bob")))};
+    EXPECT_EQ(decrypted(wrapped(mail, {options}), person("bob")), entity);
+    const Identity& curve = person("agrees", {.key = norvauthority::Key::ec(), .keyUsage = 0x08});
+    EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&curve})}), curve), entity);
+}
+
+TEST(SmimeEncryptingTest, SignsAndEncryptsInOneStep) {
+    for (const auto& signing : {signedBy({&person("alice")}), opaquelySignedBy(person("alice"))}) {
+        MemoryMediaOut out;
+        SMime::signAndEncrypt(MemoryMediaIn(mail), signing, encryptedFor({&person("bob")}), out);
+        const std::string sent = norvtest::textOf(out.content());
+        EXPECT_THAT(sent, HasSubstr("enveloped-data"));
+        expectLines(sent, "\r\n", 78);
+        const std::string inner = decrypted(sent, person("bob"));
+        EXPECT_THAT(inner, StartsWith(signing.form == SMime::SigningForm::opaque
+                                          ? "Content-Type: application/pkcs7-mime; smime-type=signed-data;"
+                                          : "Content-Type: multipart/signed;"));
+        expectLines(inner, "\r\n", 78);
+        EXPECT_EQ(verified(inner), entity);
+    }
+}
+
+TEST(SmimeEncryptingTest, WrapsThreeTimes) {
+    const std::string sent =
+        wrapped(mail, {signedBy({&person("alice")}), encryptedFor({&person("bob")}), signedBy({&person("carol")})});
+    const std::string inner = verified(decrypted(verified(sent), person("bob")));
+    EXPECT_EQ(inner, entity);
+    SMime::WriteOptions how;
+    how.lineEnds = SMime::LineEnds::lf;
+    const std::string inFile = wrapped(
+        mail, {opaquelySignedBy(person("alice")), encryptedFor({&person("bob")}), opaquelySignedBy(person("carol"))},
+        how);
+    expectLines(inFile, "\n", 78);
+    EXPECT_EQ(verified(decrypted(verified(inFile), person("bob"))), entity);
+}
+
+TEST(SmimeEncryptingTest, AddsShellsToWhatHasSome) {
+    const std::string once = wrapped(mail, {signedBy({&person("alice")})});
+    const std::string twice = wrapped(once, {encryptedFor({&person("bob")})});
+    EXPECT_EQ(verified(decrypted(twice, person("bob"))), entity);
+    const std::string thrice = wrapped(twice, {signedBy({&person("carol")})});
+    EXPECT_EQ(verified(decrypted(verified(thrice), person("bob"))), entity);
+}
+
+TEST(SmimeEncryptingTest, RefusesNoShellsAndTooMany) {
+    EXPECT_EQ(refusalOf(mail, {}), "there is nothing to do with the message");
+    EXPECT_EQ(refusalOf(mail, std::vector<SMime::Wrapping>(9, signedBy({&person("alice")}))),
+              "there are more than 8 shells");
+    EXPECT_EQ(verified(wrapped(mail, {signedBy({&person("alice")})})), entity);
+}
+
+TEST(SmimeEncryptingTest, SendsCertificatesAlone) {
+    MemoryMediaOut out;
+    SMime::writeCertificates(MemoryMediaIn("From: alice@example.com\nContent-Type: text/plain\nMIME-Version: 1.0\n\n"),
+                             {certificateOf(person("alice")), certificateOf(root())}, {}, out);
+    const std::string sent = norvtest::textOf(out.content());
+    EXPECT_THAT(sent,
+                StartsWith("From: alice@example.com\r\nMIME-Version: 1.0\r\n"
+                           "Content-Type: application/pkcs7-mime; smime-type=certs-only; name=\"smime.p7c\"\r\n"));
+    expectLines(sent, "\r\n", 78);
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    ASSERT_NE(structure, nullptr) << opensslReason();
+    STACK_OF(X509)* const certificates = CMS_get1_certs(structure.get());
+    EXPECT_EQ(sk_X509_num(certificates), 2);
+    sk_X509_pop_free(certificates, X509_free);
+    EXPECT_EQ(refusal([&] { SMime::writeCertificates(MemoryMediaIn("A: b\n\nx"), {certificateOf(root())}, {}, out); }),
+              "a message of certificates has no body");
+}
+
+/// A source that gives `length` bytes of a text attachment behind a header, and knows its position or not.
+class GeneratedImpl : public MediaInImpl {
+public:
+    GeneratedImpl(std::string header, std::uint64_t length, bool returns)
+        : m_header(std::move(header)),
+          m_length(m_header.size() + length),
+          m_returns(returns) {
+        for (int column = 0; column < 4096; ++column) {
+            m_lines += column % 64 == 63 ? '\n' : static_cast<char>('A' + column % 26);
+        }
+    }
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_position == m_length; }
+    [[nodiscard]] int peek() const override { return atEnd() ? -1 : 'A'; }
+    int read(unsigned char* out, unsigned int length) override {
+        unsigned int done = 0;
+        while (done < length && !atEnd()) {
+            const bool inHeader = m_position < m_header.size();
+            const std::string& from = inHeader ? m_header : m_lines;
+            const std::size_t at = inHeader ? m_position : (m_position - m_header.size()) % m_lines.size();
+            const std::size_t count = std::min<std::uint64_t>({length - done, from.size() - at, m_length - m_position});
+            from.copy(reinterpret_cast<char*>(out) + done, count, at);
+            done += static_cast<unsigned int>(count);
+            m_position += count;
+        }
+        return static_cast<int>(done);
+    }
+    [[nodiscard]] unsigned long tell() const override { return m_returns ? m_position : MediaInImpl::tell(); }
+    void setpos(unsigned long position) override {
+        if (!m_returns) {
+            MediaInImpl::setpos(position);
+        }
+        m_position = position;
+    }
+
+private:
+    std::string m_header;
+    std::uint64_t m_length;
+    bool m_returns;
+    std::string m_lines;
+    std::uint64_t m_position = 0;
+};
+
+MediaIn generated(std::uint64_t length, bool returns) {
+    return MediaIn(makeReference<GeneratedImpl, MediaInImpl>(
+        "From: alice@example.com\nContent-Type: application/octet-stream\nContent-Transfer-Encoding: base64\n\n",
+        length, returns));
+}
+
+TEST(SmimeEncryptingTest, TakesMessagesFromPipesAndFilesAlike) {
+    for (const bool returns : {false, true}) {
+        MemoryMediaOut out;
+        SMime::sign(generated(300000, returns), signedBy({&person("alice")}), out);
+        const std::string part = verified(norvtest::textOf(out.content()));
+        EXPECT_EQ(part.size(), 300000 + 300000 / 64 +
+                                   std::string("Content-Type: application/octet-stream\r\n"
+                                               "Content-Transfer-Encoding: base64\r\n\r\n")
+                                       .size());
+    }
+}
+
+TEST(SmimeEncryptingTest, StreamsALongMessage) {
+    NullMediaOut out;
+    SMime::signAndEncrypt(generated(std::uint64_t{8} << 20U, true), signedBy({&person("alice")}),
+                          encryptedFor({&person("bob")}), out);
+    EXPECT_GT(out.tell(), std::uint64_t{8} << 20U);
+}
+
+} // namespace
