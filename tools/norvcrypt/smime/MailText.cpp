@@ -2,6 +2,7 @@
 #include "files/Colours.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
 #include "show/TextAndJson.h"
 #include "smime/MailReport.h"
 #include "trust/TrustReport.h"
@@ -71,6 +72,8 @@ void tellSigner(TextOutput& out, const SMime::LayerSigner& signer, const SMime::
     if (!signer.result.algorithm.empty())
         text += ": " + escapeForDisplay(signer.result.algorithm);
     out.line(text + ", " + certificateText(signer.result.certificate));
+    if (signer.explanation)
+        tellExplanation(out, "it", "  ", *signer.explanation);
     text = "  signature algorithm " + escapeForDisplay(signer.signatureAlgorithm) + ", digest " +
            escapeForDisplay(signer.digestAlgorithm);
     if (signer.signingTime)

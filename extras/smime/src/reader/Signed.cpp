@@ -155,7 +155,9 @@ void explainRefused(Session& session, const Detached& detached, std::vector<Laye
     Buffer structure;
     // One octet more than is looked at tells that there are more.
     detached.signature.in().read(structure, static_cast<unsigned int>(options.budget.structure + 1));
-    for (Explanation& explanation : explain(structure, [&] { return detached.part.in(); }, options).explanations)
+    for (Explanation& explanation : explain(
+                                        structure, [&] { return detached.part.in(); }, options)
+                                        .explanations)
         signers[explanation.signer].explanation = std::move(explanation);
 }
 
