@@ -13,17 +13,17 @@ using testing::StartsWith;
 
 const std::string text = "Content-Type: text/plain\r\n\r\nDear Bob,\r\nall is well.\r\n";
 
-std::string withLines(const std::string& text, const std::string& before, const std::string& after) {
+std::string withLines(const std::string& whole, const std::string& before, const std::string& after) {
     std::string changed;
-    for (const std::string& line : linesOf(text))
+    for (const std::string& line : linesOf(whole))
         changed += before + line + after;
     return changed;
 }
 
-std::string replacedIn(std::string text, const std::string& what, const std::string& by) {
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
-        text.replace(at, what.size(), by);
-    return text;
+std::string replacedIn(std::string whole, const std::string& what, const std::string& by) {
+    for (std::size_t at = whole.find(what); at != std::string::npos; at = whole.find(what, at + by.size()))
+        whole.replace(at, what.size(), by);
+    return whole;
 }
 
 class WhatPeopleHaveToolTest : public SigningToolTest {

@@ -52,6 +52,9 @@ std::vector<Description> objectsOf(const std::string& file, Inputs& inputs, Exit
     const bool isOnlyMail = found.size() == 1 && found.front().kind == ObjectKind::unknown && !descriptions.empty();
     if (isOnlyMail)
         return descriptions;
+    // A part of a mail that is a structure is no mail.
+    if (!descriptions.empty() && descriptions.front()["verdict"] == SMime::nameOf(SMime::Verdict::notSMime))
+        descriptions.clear();
     for (const FoundObject& object : found) {
         const std::size_t number = static_cast<std::size_t>(&object - found.data()) + 1;
         const std::string which = found.size() > 1 ? "object " + std::to_string(number) + ": " : "";
