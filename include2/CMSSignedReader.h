@@ -132,6 +132,18 @@ public:
     [[nodiscard]] bool isValid(const Signer& signer, const NVX509::RefCertificate& certificate) const;
     /// The verdicts on all signers, with the certificates in the message.
     [[nodiscard]] SignatureReport report() const;
+    /// The verdict on the signed attributes of a signer alone, as if the body had the message digest that stands in them.
+    /// For programs that find out why a body differs: `good` says that somebody signed a body of that digest, and nothing
+    /// about any body that is at hand.
+    ///
+    /// With the certificates in the message, or with `certificate` unless its handle is empty. `digestAlgorithm` ("sha512")
+    /// replaces the one that the signer names. All of them together take `maximumWork`, whatever is asked.
+    ///
+    /// A signer without signed attributes is refused with `messageDigestMissing`.
+    /// \throws Exception as above, detail "a signer of another message"
+    [[nodiscard]] SignatureResult verdictOnAttributes(const Signer& signer,
+                                                      const NVX509::RefCertificate& certificate = {},
+                                                      const std::string& digestAlgorithm = {}) const;
 
     /// The X.509 certificates in the message, decoded when they are first asked for. Damaged ones, refused ones (see
     /// Acceptance.h), and certificates of other formats are not among them.
@@ -177,6 +189,9 @@ public:
     /// The octets of the signature.
     [[nodiscard]] Buffer signature() const;
     [[nodiscard]] bool hasSignedAttributes() const noexcept;
+    /// The digest of the body that it says to have signed (RFC 5652, 11.2); nothing without signed attributes, and when the
+    /// attribute is missing, repeated or no OCTET STRING.
+    [[nodiscard]] std::optional<Buffer> messageDigest() const;
 
     /// When it says to have signed (RFC 5652, 11.3), in seconds since 1970; nothing when it does not say, or no valid time.
     [[nodiscard]] std::optional<std::time_t> signingTime() const;

@@ -1,4 +1,5 @@
 #include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
 #include "show/Facts.h"
 #include "show/SignatureReport.h"
 #include "smime/MailReport.h"
@@ -19,6 +20,8 @@ Description signerFacts(const SMime::LayerSigner& signer, const SMime::Answer& a
     putText(facts, "signatureAlgorithm", signer.signatureAlgorithm);
     if (signer.signingTime)
         facts["signingTime"] = isoTime(*signer.signingTime);
+    if (signer.explanation)
+        facts["explanation"] = explanationFacts(*signer.explanation);
     if (signer.sender)
         facts["senderRelation"] = Trust::nameOf(signer.sender->relation);
     if (signer.trust && trust)

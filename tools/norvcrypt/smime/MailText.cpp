@@ -2,6 +2,7 @@
 #include "files/Colours.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
 #include "show/SignatureReport.h"
 #include "show/TextAndJson.h"
 #include "smime/MailReport.h"
@@ -64,6 +65,8 @@ void tellSigner(TextOutput& out, const SMime::LayerSigner& signer, const SMime::
     const bool isGood = signer.result.verdict == CMS::SignatureVerdict::good;
     const std::string verdict = verdictText(signer.result, signer.identifier);
     out.line("  signer: " + (isGood ? verdict : colours.bad(verdict)));
+    if (signer.explanation)
+        tellExplanation(out, "it", "  ", *signer.explanation);
     std::string text = "  signature algorithm " + escapeForDisplay(signer.signatureAlgorithm) + ", digest " +
                        escapeForDisplay(signer.digestAlgorithm);
     if (signer.signingTime)

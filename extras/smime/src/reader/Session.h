@@ -77,6 +77,7 @@ public:
     std::size_t parts = 0;
     std::size_t structures = 0;
     std::size_t judgedByTrust = 0;
+    bool isExplained = false; ///< why a signature is refused was asked
 
     /// Runs what belongs to the caller: what it throws is for him, whatever layers it passes.
     template <class Work> auto outside(Work work) -> decltype(work()) {

@@ -144,6 +144,23 @@ bool bodyDiffers(const std::vector<LayerSigner>& signers) {
                                 [](const LayerSigner& one) { return one.result.verdict == SignatureVerdict::good; });
 }
 
+/// Says why signatures are refused, once in a message.
+void explainRefused(Session& session, const Detached& detached, std::vector<LayerSigner>& signers) {
+    const auto isRefused = [](const LayerSigner& one) { return one.result.verdict == SignatureVerdict::refused; };
+    if (!session.options.explain || session.isExplained || std::ranges::none_of(signers, isRefused))
+        return;
+    session.isExplained = true;
+    DiagnosisOptions options;
+    options.certificates.assign(session.options.certificates.begin(), session.options.certificates.end());
+    Buffer structure;
+    // One octet more than is looked at tells that there are more.
+    detached.signature.in().read(structure, static_cast<unsigned int>(options.budget.structure + 1));
+    for (Explanation& explanation : explain(
+                                        structure, [&] { return detached.part.in(); }, options)
+                                        .explanations)
+        signers[explanation.signer].explanation = std::move(explanation);
+}
+
 /// Judges a detached signature over one form of the part. False when another form should be tried.
 bool judgeForm(Session& session, std::size_t index, const Detached& detached, SignedForm form, bool isLast) {
     const SignedReader reader(detached.signature.in());
@@ -166,6 +183,7 @@ bool judgeForm(Session& session, std::size_t index, const Detached& detached, Si
     std::vector<LayerSigner> signers = signersOf(session, reader);
     if (!isLast && bodyDiffers(signers))
         return false;
+    explainRefused(session, detached, signers);
     for (LayerSigner& signer : signers)
         signer.trust = trustIn(session, reader, signer);
     layer.form = form;
