@@ -80,7 +80,7 @@ void become(int descriptor, int standard) {
 int openFor(const std::optional<std::string>& path, int flags, int otherwise) {
     if (!path)
         return otherwise;
-    const int descriptor = open(path->c_str(), flags | O_CLOEXEC, 0666);
+    const int descriptor = open(path->c_str(), flags | O_CLOEXEC | O_NOCTTY, 0666);
     if (descriptor < 0)
         throw std::runtime_error("cannot open " + *path);
     return descriptor;

@@ -91,6 +91,13 @@ TEST(SMimeRead, AMicalgThatIsMissingOrWrongMakesNoDifference) {
     EXPECT_EQ(outcomeOf(replaced(mail, "micalg=\"sha-256\"; ", "")).answer.verdict, Verdict::signatureGood);
 }
 
+TEST(SMimeRead, AProtocolThatIsMissingOrOldMakesNoDifference) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::string protocol = "protocol=\"application/x-pkcs7-signature\"";
+    for (const char* other : {"protocol=\"application/pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
+        EXPECT_EQ(outcomeOf(replaced(mail, protocol, other)).answer.verdict, Verdict::signatureGood) << other;
+}
+
 TEST(SMimeRead, OpaqueSignature) {
     const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), plainEntity, wire)));
     EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
@@ -166,6 +173,7 @@ TEST(SMimeRead, TypesAsRealSendersWriteThem) {
     for (const std::string& fields :
          {"Content-Type: application/x-pkcs7-mime; name=smime.p7m" + base64,
           "Content-Type: application/pkcs7-mime" + base64,
+          "Content-Type: application/cms; encapsulatingContent=data" + base64, // RFC 7193
           "Content-Type: Application/PKCS7-MIME; SMIME-Type=signed-data" + base64,
           "Content-Type: application/octet-stream\r\nContent-Disposition: attachment; filename=\"SMIME.P7M\"" + base64,
           "Content-Type: application/octet-stream; name*=utf-8''smime%2Ep7m" + base64,

@@ -16,15 +16,24 @@
 
 namespace Norvane::Crypto::Trust::detail {
 
-/// Any number of threads may use it at once.
+/// What a verdict depends on but the time.
+struct Question {
+    std::uint64_t snapshot;
+    Fingerprint print;
+};
+
+/// Any number of threads may use it at once. Verdicts of earlier snapshots go when a later one is asked about: nobody can ask
+/// for them any more, and they keep what was loaded then.
 class Cache {
 public:
     explicit Cache(const CacheLimits& limits) : m_limits(limits) {}
 
     /// A verdict that holds at a moment; null when there is none.
-    std::shared_ptr<const Verdict> find(const Fingerprint& key, std::time_t at);
+    std::shared_ptr<const Verdict> find(const Question& question, std::time_t at);
     /// \param until the first moment at which the verdict is not to be given again
-    void keep(const Fingerprint& key, std::time_t from, std::time_t until, std::shared_ptr<const Verdict> verdict);
+    /// \param bytes how much it keeps from being freed, about
+    void keep(const Question& question, std::time_t from, std::time_t until, std::size_t bytes,
+              std::shared_ptr<const Verdict> verdict);
     [[nodiscard]] CacheCounts counts() const;
     [[nodiscard]] const CacheLimits& limits() const noexcept { return m_limits; }
 
@@ -42,6 +51,7 @@ private:
     Entries m_entries;
     std::map<Fingerprint, Entries::iterator> m_byKey;
     CacheCounts m_counts;
+    std::uint64_t m_snapshot = 0; // the latest that was asked about
 };
 
 } // namespace Norvane::Crypto::Trust::detail

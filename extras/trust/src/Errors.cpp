@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 namespace Norvane::Crypto::Trust::detail {
@@ -129,20 +130,45 @@ bool Judgement::chainFailed(const X509_STORE_CTX* context, int error, X509* abou
         reason(Code::listIssuerMissing, depth, about, std::move(details));
         return true;
     }
+    if (meaning->code == Code::issuerMissing && m_verdict.has(Code::chainTooLong)) {
+        return true; // it was not looked for
+    }
     m_broken = true;
-    for (X509* const unused : m_request.tooLarge) {
-        if (meaning->code == Code::issuerMissing && about != nullptr &&
-            X509_NAME_cmp(X509_get_subject_name(unused), X509_get_issuer_name(about)) == 0) {
-            reason(Code::keyTooLarge, depthOf(context) + 1, unused, {"", "", "", tooLarge(unused), ""});
-            return true;
-        }
+    if (meaning->code == Code::issuerMissing && about != nullptr && issuerUnusable(depthOf(context), about)) {
+        return true;
     }
     reason(meaning->code, depthOf(context), about, {"", "", "", std::to_string(m_request.options.maximumDepth), ""});
     return true;
 }
 
+/// Says why nobody of the issuer's name could be its issuer, if that is more than that it is somebody else.
+bool Judgement::issuerUnusable(unsigned int depth, X509* about) {
+    const X509_NAME* const name = X509_get_issuer_name(about);
+    const auto named = [name](const X509* one) { return X509_NAME_cmp(X509_get_subject_name(one), name) == 0; };
+    const auto large = std::find_if(m_request.tooLarge.begin(), m_request.tooLarge.end(), named);
+    if (large != m_request.tooLarge.end()) {
+        reason(Code::keyTooLarge, depth + 1, *large, {"", "", "", tooLarge(*large), ""});
+        return true;
+    }
+    std::vector<X509*> issuers;
+    m_snapshot.bySubject.each(name, [&issuers](X509* one) { issuers.push_back(one); });
+    std::copy_if(m_request.candidates.begin(), m_request.candidates.end(), std::back_inserter(issuers), named);
+    for (X509* const one : issuers) {
+        const int error = X509_check_issued(one, about);
+        if (error == X509_V_ERR_UNSUPPORTED_SIGNATURE_ALGORITHM) {
+            signatureFailed(depth, about);
+            return true;
+        }
+        if (error == X509_V_ERR_NO_ISSUER_PUBLIC_KEY) {
+            reason(Code::issuerKeyUnusable, depth + 1, one);
+            return true;
+        }
+    }
+    return false;
+}
+
 bool Judgement::listFailed(X509_STORE_CTX* context, int error, X509* about) {
-    X509_CRL* const list = X509_STORE_CTX_get0_current_crl(context);
+    X509_CRL* const list = m_list;
     const Meaning* meaning = meaningOf(listErrors, error);
     if (meaning == nullptr && list != nullptr) {
         meaning = meaningOf(listErrorsToo, error);
@@ -155,6 +181,15 @@ bool Judgement::listFailed(X509_STORE_CTX* context, int error, X509* about) {
     const unsigned int depth = depthOf(outer);
     if (isAnchor(context, depthOf(context)) && code != Code::revoked) {
         return true; // nobody but the operator can take back an anchor; what its own list says still counts
+    }
+    if (code == Code::revoked && m_discredited.count(list) > 0) {
+        return true; // what stands in a list that its issuer did not sign, or that is for others, says nothing
+    }
+    if (code == Code::listMissing && outer == context && told(Code::listScopeDiffers, depth)) {
+        return true; // there is one, and it was said why it does not count
+    }
+    if (list != nullptr && code != Code::revoked && code != Code::listMissing && code != Code::listExpired) {
+        m_discredited.insert(list);
     }
     Details details;
     if (const auto handle = m_lists.handleOf(list); !handle.isNull()) {

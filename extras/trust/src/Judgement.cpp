@@ -15,6 +15,7 @@ namespace {
 /// What OpenSSL does itself where a judgement is asked first.
 struct Originals {
     X509_STORE_CTX_check_revocation_fn revocation;
+    X509_STORE_CTX_check_crl_fn list;
     X509_STORE_CTX_cert_crl_fn listEntry;
 };
 
@@ -27,7 +28,7 @@ const Originals& originals() {
             throw std::bad_alloc();
         }
         return Originals{X509_STORE_CTX_get_check_revocation(context.get()),
-                         X509_STORE_CTX_get_cert_crl(context.get())};
+                         X509_STORE_CTX_get_check_crl(context.get()), X509_STORE_CTX_get_cert_crl(context.get())};
     }();
     return found;
 }
@@ -42,11 +43,35 @@ template <class Result, class Work> Result guarded(std::exception_ptr& thrown, R
     }
 }
 
+void acceptPolicy(X509_VERIFY_PARAM* param, const ASN1_OBJECT* policy) {
+    auto copy = made(OBJ_dup(policy));
+    if (X509_VERIFY_PARAM_add0_policy(param, copy.get()) != 1) {
+        throw std::bad_alloc();
+    }
+    static_cast<void>(copy.release());
+}
+
 } // namespace
+
+/// OpenSSL forgets which list it has in hand once it found its times wrong, and those of indirect lists nest.
+class Judgement::ListInHand {
+public:
+    ListInHand(Judgement& judgement, X509_CRL* list)
+        : m_judgement(judgement),
+          m_before(std::exchange(judgement.m_list, list)) {}
+    ~ListInHand() { m_judgement.m_list = m_before; }
+    ListInHand(const ListInHand&) = delete;
+    ListInHand& operator=(const ListInHand&) = delete;
+
+private:
+    Judgement& m_judgement;
+    X509_CRL* m_before;
+};
 
 void Judgement::prepare(X509_STORE* store) {
     static_cast<void>(originals());
     X509_STORE_set_check_revocation(store, &Judgement::onRevocation);
+    X509_STORE_set_check_crl(store, &Judgement::onList);
     X509_STORE_set_cert_crl(store, &Judgement::onListEntry);
     X509_STORE_set_lookup_crls(store, &Judgement::onListsWanted);
 }
@@ -92,8 +117,15 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
     });
 }
 
+int Judgement::onList(X509_STORE_CTX* context, X509_CRL* list) {
+    Judgement& self = of(context);
+    const ListInHand inHand(self, list);
+    return originals().list(context, list);
+}
+
 int Judgement::onListEntry(X509_STORE_CTX* context, X509_CRL* list, X509* certificate) {
     Judgement& self = of(context);
+    const ListInHand inHand(self, list);
     return guarded(self.m_thrown, 0, [&] {
         const auto depth = static_cast<unsigned int>(X509_STORE_CTX_get_error_depth(context));
         if (X509_STORE_CTX_get0_parent_ctx(context) == nullptr && !self.isAnchor(context, depth)) {
@@ -133,12 +165,11 @@ void Judgement::setUp(X509_STORE_CTX* context, STACK_OF(X509) * untrusted) {
     flags |= options.partialChain ? X509_V_FLAG_PARTIAL_CHAIN : 0;
     flags |= m_request.policies.empty() ? 0 : X509_V_FLAG_EXPLICIT_POLICY;
     X509_VERIFY_PARAM_set_flags(param, flags);
+    if (m_request.policies.empty()) { // without a set OpenSSL takes a chain that demands a policy for one without any
+        acceptPolicy(param, OBJ_nid2obj(NID_any_policy));
+    }
     for (const auto& policy : m_request.policies) {
-        auto copy = made(OBJ_dup(policy.get()));
-        if (X509_VERIFY_PARAM_add0_policy(param, copy.get()) != 1) {
-            throw std::bad_alloc();
-        }
-        static_cast<void>(copy.release());
+        acceptPolicy(param, policy.get());
     }
     if (options.purpose == Purpose::sign || options.purpose == Purpose::encrypt) {
         X509_VERIFY_PARAM_set_purpose(param, options.purpose == Purpose::sign ? X509_PURPOSE_SMIME_SIGN
@@ -240,6 +271,12 @@ void Judgement::say(Weight weight, ReasonCode code, unsigned int depth, X509* ab
     if (!there) {
         all.push_back(std::move(found));
     }
+}
+
+bool Judgement::told(ReasonCode code, unsigned int depth) const {
+    const auto is = [&](const Reason& one) { return one.code == code && one.depth == depth; };
+    return std::any_of(m_verdict.reasons.begin(), m_verdict.reasons.end(), is) ||
+           std::any_of(m_verdict.notes.begin(), m_verdict.notes.end(), is);
 }
 
 RevocationStatus Judgement::statusOf(unsigned int depth) const {

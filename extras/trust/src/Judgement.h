@@ -14,6 +14,7 @@
 #include <exception>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace Norvane::Crypto::Trust::detail {
@@ -52,17 +53,20 @@ private:
         bool unusable = false;
         bool revoked = false;
     };
+    class ListInHand;
     enum class Weight : int { reason, note };
 
     static Judgement& of(const X509_STORE_CTX* context);
     static int onError(int good, X509_STORE_CTX* context);
     static int onRevocation(X509_STORE_CTX* context);
+    static int onList(X509_STORE_CTX* context, X509_CRL* list);
     static int onListEntry(X509_STORE_CTX* context, X509_CRL* list, X509* certificate);
     static STACK_OF(X509_CRL) * onListsWanted(const X509_STORE_CTX* context, const X509_NAME* issuer);
 
     void setUp(X509_STORE_CTX* context, STACK_OF(X509) * untrusted);
     void failed(X509_STORE_CTX* context);
     bool chainFailed(const X509_STORE_CTX* context, int error, X509* about);
+    bool issuerUnusable(unsigned int depth, X509* about);
     bool listFailed(X509_STORE_CTX* context, int error, X509* about);
     void certificateFailed(X509_STORE_CTX* context, int error, X509* about);
     void purposeFailed(unsigned int depth, X509* about);
@@ -82,6 +86,8 @@ private:
     void reason(ReasonCode code, unsigned int depth, X509* about, Details details = {}) {
         say(Weight::reason, code, depth, about, std::move(details));
     }
+    /// Whether that was said already, as a reason or a note.
+    [[nodiscard]] bool told(ReasonCode code, unsigned int depth) const;
     [[nodiscard]] NVX509::RefCertificate handleOf(X509* certificate) const;
     Place& place(unsigned int depth);
 
@@ -91,9 +97,11 @@ private:
     Verdict m_verdict;
     std::vector<Place> m_places;
     std::exception_ptr m_thrown;
-    bool m_broken = false;         ///< the chain does not end at an anchor
-    bool m_built = false;          ///< the chain stands
-    bool m_revocationDone = false; ///< lists were looked at
+    std::unordered_set<const X509_CRL*> m_discredited; ///< lists whose entries do not count
+    X509_CRL* m_list = nullptr;                        ///< the one that is looked at
+    bool m_broken = false;                             ///< the chain does not end at an anchor
+    bool m_built = false;                              ///< the chain stands
+    bool m_revocationDone = false;                     ///< lists were looked at
 };
 
 } // namespace Norvane::Crypto::Trust::detail

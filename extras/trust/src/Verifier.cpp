@@ -2,7 +2,7 @@
 
 #include "Cache.h"
 #include "Candidates.h"
-#include "Judgement.h"
+#include "Ways.h"
 
 #include <norvcmsg/Exception.h>
 
@@ -79,8 +79,8 @@ void addOptions(Key& key, const Options& options) {
     }
 }
 
-Fingerprint keyOf(const Snapshot& snapshot, const RefCertificate& certificate, const Candidates& candidates,
-                  const std::list<RefCertificateRevocationList>& lists, const Options& options) {
+detail::Question questionOf(const Snapshot& snapshot, const RefCertificate& certificate, const Candidates& candidates,
+                            const std::list<RefCertificateRevocationList>& lists, const Options& options) {
     const detail::QuietQuestion quiet;
     Key key;
     key.add(snapshot.number);
@@ -103,7 +103,28 @@ Fingerprint keyOf(const Snapshot& snapshot, const RefCertificate& certificate, c
     }
     key.add(std::move(prints));
     addOptions(key, options);
-    return key.print();
+    return {snapshot.number, key.print()};
+}
+
+/// About what a verdict keeps from being freed: what the snapshot holds goes with it.
+std::size_t sizeOf(const Verdict& verdict, const Snapshot& snapshot) {
+    constexpr int octetsDecoded = 8; // about what OpenSSL and the handle take for each octet of an encoding
+    std::size_t size = sizeof(Verdict);
+    const auto encoded = [&size](int length) { size += static_cast<std::size_t>(std::max(length, 0) * octetsDecoded); };
+    for (const auto* reasons : {&verdict.reasons, &verdict.notes}) {
+        for (const Reason& one : *reasons) {
+            size += sizeof(Reason) + one.text.size() + one.advice.size();
+        }
+    }
+    for (const Link& link : verdict.links) {
+        const X509* const certificate = link.certificate;
+        size += sizeof(Link);
+        encoded(snapshot.certificateOf.count(certificate) > 0 ? 0 : i2d_X509(certificate, nullptr));
+        for (const X509_CRL* const list : link.lists) {
+            encoded(snapshot.listOf.count(list) > 0 ? 0 : i2d_X509_CRL(list, nullptr));
+        }
+    }
+    return size;
 }
 
 /// The first moment after `at` at which something begins or ends.
@@ -147,8 +168,7 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
     std::copy_if(candidates.known.begin(), candidates.known.end(), std::back_inserter(request.candidates),
                  [&](const X509* one) { return snapshot.anchorSet.count(one) == 0; });
     request.candidates.insert(request.candidates.end(), candidates.fromMessage.begin(), candidates.fromMessage.end());
-    detail::Judgement judgement(snapshot, request);
-    Verdict verdict = judgement.reach();
+    auto [verdict, used] = detail::judgedByAnyWay(snapshot, std::move(request));
     if (candidates.given > maximumCandidates) {
         detail::Details details;
         details.what = std::to_string(candidates.given);
@@ -164,11 +184,11 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
     for (const RefCertificate& one : verdict.chain) {
         next.see(static_cast<const X509*>(one));
     }
-    for (const X509_CRL* list : judgement.lists()) {
+    for (const X509_CRL* list : used) {
         next.see(list);
     }
     verdict.validUntil = std::max(next.moment(), at + 1);
-    return verdict;
+    return std::move(verdict);
 }
 
 std::shared_ptr<const Snapshot> emptySnapshot() {
@@ -194,8 +214,8 @@ Verdict Verifier::judge(const RefCertificate& certificate, const std::list<RefCe
     const auto snapshot = m_material ? m_material->snapshot() : emptySnapshot();
     Candidates candidates =
         detail::candidatesFor(certificate, fromMessage, *snapshot, options.revocation != Revocation::none);
-    const Fingerprint key = keyOf(*snapshot, certificate, candidates, listsFromMessage, options);
-    if (const auto known = m_cache->find(key, at)) {
+    const detail::Question question = questionOf(*snapshot, certificate, candidates, listsFromMessage, options);
+    if (const auto known = m_cache->find(question, at)) {
         Verdict verdict = *known;
         verdict.judgedAt = at;
         return verdict;
@@ -204,7 +224,7 @@ Verdict Verifier::judge(const RefCertificate& certificate, const std::list<RefCe
         std::make_shared<Verdict>(reached(*snapshot, certificate, candidates, listsFromMessage, options, at));
     const std::time_t latest =
         options.at ? verdict->validUntil : at + static_cast<std::time_t>(m_cache->limits().seconds);
-    m_cache->keep(key, at, std::min(verdict->validUntil, latest), verdict);
+    m_cache->keep(question, at, std::min(verdict->validUntil, latest), sizeOf(*verdict, *snapshot), verdict);
     return *verdict;
 }
 

@@ -20,7 +20,7 @@ using norvauthority::CertificateRequest;
 using norvauthority::CrlRequest;
 using norvauthority::GeneralName;
 using norvauthority::Identity;
-using norvauthority::Key;
+
 using norvauthority::Time;
 using NVX509::RefCertificate;
 using NVX509::RefCertificateRevocationList;
@@ -28,10 +28,10 @@ using NVX509::RefCertificateRevocationList;
 inline constexpr long day = 86400;
 
 /// Keys that are made once in a process; curves, which take no time.
-inline const Key& key(std::size_t number) {
-    static std::vector<Key> keys;
+inline const norvauthority::Key& key(std::size_t number) {
+    static std::vector<norvauthority::Key> keys;
     while (keys.size() <= number) {
-        keys.push_back(Key::ec());
+        keys.push_back(norvauthority::Key::ec());
     }
     return keys[number];
 }

@@ -188,7 +188,7 @@ TEST_F(TrustChain, AnIssuerWhoseKeyDoesNotDecode) {
 }
 
 TEST_F(TrustChain, ShortKeysAndWeakDigests) {
-    const Identity root = authority("RSA root", 0, nullptr, {.key = Key::rsa(1024)});
+    const Identity root = authority("RSA root", 0, nullptr, {.key = norvauthority::Key::rsa(1024)});
     Case one;
     one.anchor(root);
     Verdict verdict = one.judge(user(root, {.digest = "SHA1"}));
@@ -212,7 +212,7 @@ TEST_F(TrustChain, TheDigestOfAnAnchorDoesNotMatter) {
 }
 
 TEST_F(TrustChain, Ed25519HasNoDigestToChoose) {
-    const Identity root = authority("Root", 0, nullptr, {.key = Key::ed25519()});
+    const Identity root = authority("Root", 0, nullptr, {.key = norvauthority::Key::ed25519()});
     Case one;
     one.anchor(root);
     EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
@@ -240,7 +240,7 @@ TEST_F(TrustChain, EveryReasonIsTold) {
                                                                                 {Code::criticalExtensionUnknown, 0}}) {
         EXPECT_TRUE(std::any_of(
             verdict.reasons.begin(), verdict.reasons.end(),
-            [code = code, depth = depth](const Reason& one) { return one.code == code && one.depth == depth; }))
+            [code = code, depth = depth](const Reason& each) { return each.code == code && each.depth == depth; }))
             << nameOf(code) << " " << depth << " in " << shown(verdict);
     }
 }
@@ -252,7 +252,7 @@ TEST_F(TrustChain, NamesOfStrangersAreEscaped) {
     request.key = key(9);
     request.issuer = &m_middle;
     const Verdict verdict = one.judge(norvauthority::issue(request));
-    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("\\x0A"));
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("CN=Eve\\0A\\1B[31mall is well"));
     EXPECT_EQ(verdict.reasons[0].text.find('\n'), std::string::npos);
     request.subject = {{"CN", std::string(100000, 'x')}};
     EXPECT_LT(one.judge(norvauthority::issue(request)).reasons[0].text.size(), 1000U);

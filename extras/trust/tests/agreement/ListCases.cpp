@@ -53,7 +53,7 @@ std::vector<Case> revocations() {
         required("RevokedWithADateToCome", alice, {rootList(), listOf(middle(), {.revoked = {later}})}, {{23, 0}},
                  {{Code::revoked, 0}}),
         required("RootRevokedByItsOwnList", alice, {listOf(root(), {.revoked = {revoked(root())}}), listOf(middle())},
-                 {{23, 2}}),
+                 {{23, 2}}, {{Code::revoked, 2}}),
         required("PersonOnHold", alice, {rootList(), listOf(middle(), {.revoked = {held}})}, {{23, 0}},
                  {{Code::revoked, 0}}),
         required("RemovedFromACompleteList", alice, {rootList(), listOf(middle(), {.revoked = {released}})}),

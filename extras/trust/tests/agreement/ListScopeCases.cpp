@@ -127,8 +127,7 @@ std::vector<Case> indirect() {
         made.untrusted = {middle().certificate, lists.certificate};
         return made;
     };
-    Case noSigner =
-        required("IndirectListWhoseSignerIsMissing", alice, {list({})}, {{3, 0}}, {{Code::listIssuerMissing, 0}});
+    Case noSigner = required("IndirectListWhoseSignerIsMissing", alice, {list({})}, {{3, 0}}, {{Code::listMissing, 0}});
     const Identity expired = norvauthority::issue({.subject = {{"CN", "Lists"}},
                                                    .key = Key::ec(),
                                                    .issuer = &root(),
@@ -136,12 +135,12 @@ std::vector<Case> indirect() {
                                                    .notAfter = ago(day),
                                                    .keyUsage = 0x02});
     Case expiredSigner = required("IndirectListWhoseSignerExpired", alice, {listOf(expired, {.scope = scope})},
-                                  {{10, 0, true}}, {{Code::listIssuerMissing, 0}});
+                                  {{10, 0, true}}, {{Code::certificateExpired, 0}});
     expiredSigner.opensslAccepts = true;
     expiredSigner.untrusted = {middle().certificate, expired.certificate};
     const Identity plain = person(middle());
-    Case notNamed = required("IndirectListThatTheCertificateDoesNotName", plain, {list({})}, {{44, 0}},
-                             {{Code::listScopeDiffers, 0}});
+    Case notNamed =
+        required("IndirectListThatTheCertificateDoesNotName", plain, {list({})}, {{44, 0}}, {{Code::listMissing, 0}});
     notNamed.untrusted = {middle().certificate, lists.certificate};
     return {
         with("IndirectList", list({})),

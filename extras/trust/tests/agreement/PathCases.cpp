@@ -249,7 +249,7 @@ std::vector<Case> authorities() {
          .leaf = person(noSigning).certificate,
          .untrusted = {noSigning.certificate},
          .openssl = {{79, 1}, {32, 1}},
-         .reasons = {{Code::notAnAuthority, 1}, {Code::certificateSigningForbidden, 1}}},
+         .reasons = {{Code::certificateSigningForbidden, 1}}},
     };
 }
 

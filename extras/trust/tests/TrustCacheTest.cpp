@@ -1,0 +1,177 @@
+// Verdicts that are kept.
+
+#include "Chains.h"
+
+#include <chrono>
+#include <thread>
+
+using namespace trusttesting;
+
+namespace {
+
+class TrustCache : public TrustTest {
+protected:
+    std::shared_ptr<Material> m_material = std::make_shared<Material>();
+    std::list<RefCertificate> m_certificates{read(m_middle)};
+    Options m_options;
+
+    void SetUp() override {
+        TrustTest::SetUp();
+        m_material->addAnchor(read(m_root));
+    }
+    bool judge(const Verifier& verifier, const Identity& who) const {
+        return verifier.judge(read(who), m_certificates, {}, m_options).accepted;
+    }
+    /// How often a verdict was at hand, and how often not.
+    static std::string counts(const Verifier& verifier) {
+        const auto found = verifier.cacheCounts();
+        return std::to_string(found.hits) + " " + std::to_string(found.misses);
+    }
+};
+
+TEST_F(TrustCache, TheSameQuestionIsAnsweredOnce) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    EXPECT_TRUE(judge(verifier, anna));
+    EXPECT_TRUE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "1 1");
+    // Certificates that names do not lead to change nothing, twice the same one neither.
+    m_certificates.push_front(read(authority("Elsewhere", 5)));
+    EXPECT_TRUE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "2 1");
+    EXPECT_GT(verifier.cacheCounts().bytes, 1000U);
+    EXPECT_EQ(verifier.cacheCounts().entries, 1U);
+}
+
+TEST_F(TrustCache, WhateverMattersIsPartOfTheQuestion) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle, {.keyUsage = 0x80});
+    EXPECT_TRUE(judge(verifier, anna));
+    m_options.purpose = Purpose::encrypt;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.revocation = Revocation::required;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.policies = {"1.2.3"};
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.minimumEcBits = 300;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.minimumDigestBits = 300;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.maximumDepth = 0;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_options.at = 0;
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options = Options();
+    m_certificates.clear();
+    EXPECT_FALSE(judge(verifier, anna)) << "the issuer is not there";
+    m_certificates = {read(m_middle)};
+    EXPECT_TRUE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "1 9");
+}
+
+TEST_F(TrustCache, ListsOfTheMessageAreAPartOfTheQuestion) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    m_options.revocation = Revocation::available;
+    const std::list<RefCertificateRevocationList> none;
+    const std::list<RefCertificateRevocationList> revoking{read(list(m_middle, {.revoked = {{.serial = "a1"}}}))};
+    EXPECT_TRUE(verifier.judge(read(anna), m_certificates, none, m_options).accepted);
+    EXPECT_FALSE(verifier.judge(read(anna), m_certificates, revoking, m_options).accepted);
+    EXPECT_TRUE(verifier.judge(read(anna), m_certificates, none, m_options).accepted);
+}
+
+TEST_F(TrustCache, ACopyWithAnotherSignatureIsAnotherCertificate) {
+    const Verifier verifier(m_material);
+    Identity anna = user(m_middle);
+    EXPECT_TRUE(judge(verifier, anna));
+    anna.certificate.der.back() ^= 1U;
+    EXPECT_FALSE(judge(verifier, anna));
+}
+
+TEST_F(TrustCache, OtherMaterialIsAnotherQuestion) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    m_options.revocation = Revocation::available;
+    EXPECT_TRUE(judge(verifier, anna));
+    m_material->addList(read(list(m_middle, {.revoked = {{.serial = "a1"}}})));
+    EXPECT_FALSE(judge(verifier, anna));
+    EXPECT_EQ(verifier.cacheCounts().entries, 1U) << "what nobody can ask for any more does not stay";
+}
+
+TEST_F(TrustCache, NeverPastTheValidityOfAnything) {
+    const Verifier verifier(m_material);
+    const std::time_t now = std::time(nullptr);
+    const auto holdsUntil = [&](const Identity& who) {
+        return verifier.judge(read(who), m_certificates, {}, m_options).validUntil;
+    };
+    EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 100);
+    EXPECT_EQ(holdsUntil(user(m_middle, {.notBefore = Time::at(now + 200)})), now + 200) << "a refusal, too";
+    const Identity other = authority("Middle", 1, &m_root, {.serial = "b3", .notBefore = Time::at(now + 50)});
+    m_certificates.push_back(read(other));
+    EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 50)
+        << "a certificate that is not in the chain may be in it then";
+    m_certificates = {read(m_middle)};
+    m_options.revocation = Revocation::required;
+    m_material->addList(read(list(m_root)));
+    m_material->addList(read(list(m_middle, {.nextUpdate = Time::at(now + 70)})));
+    EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 70);
+    m_material->addList(read(list(m_middle, {.thisUpdate = Time::at(now + 60)})));
+    EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 60) << "a list that is to come";
+}
+
+TEST_F(TrustCache, AVerdictIsNotGivenPastItsEnd) {
+    const Verifier verifier(m_material);
+    const std::time_t end = std::time(nullptr) + 2;
+    const Identity anna = user(m_middle, {.notAfter = Time::at(end)});
+    EXPECT_TRUE(judge(verifier, anna));
+    while (std::time(nullptr) < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_FALSE(judge(verifier, anna));
+}
+
+TEST_F(TrustCache, CountAndBytesAreBounded) {
+    CacheLimits limits;
+    limits.entries = 3;
+    const Verifier few(m_material, {}, limits);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(judge(few, user(m_middle, {.serial = std::to_string(1000 + i)})));
+        EXPECT_LE(few.cacheCounts().entries, 3U);
+    }
+    limits = CacheLimits();
+    limits.bytes = 40000;
+    const Verifier small(m_material, {}, limits);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(judge(small, user(m_middle, {.serial = std::to_string(1000 + i)})));
+        EXPECT_LE(small.cacheCounts().bytes, 40000U);
+    }
+    EXPECT_GT(small.cacheCounts().entries, 0U);
+    EXPECT_LT(small.cacheCounts().entries, 10U);
+    limits.entries = 0;
+    const Verifier none(m_material, {}, limits);
+    EXPECT_TRUE(judge(none, user(m_middle)));
+    EXPECT_TRUE(judge(none, user(m_middle)));
+    EXPECT_EQ(none.cacheCounts().entries, 0U);
+    EXPECT_EQ(none.cacheCounts().bytes, 0U);
+}
+
+TEST_F(TrustCache, TheOneThatWasNotAskedForLongestGoes) {
+    CacheLimits limits;
+    limits.entries = 2;
+    const Verifier verifier(m_material, {}, limits);
+    const Identity anna = user(m_middle, {.serial = "a1"});
+    judge(verifier, anna);
+    judge(verifier, user(m_middle, {.serial = "a2"}));
+    judge(verifier, anna);
+    judge(verifier, user(m_middle, {.serial = "a3"}));
+    judge(verifier, anna);
+    EXPECT_EQ(counts(verifier), "2 3");
+}
+
+} // namespace

@@ -1,0 +1,212 @@
+// What certificates may be used for: usages, constraints, policies.
+
+#include "Chains.h"
+#include "Extensions.h"
+
+#include <gmock/gmock.h>
+
+using namespace trusttesting;
+using testing::HasSubstr;
+
+namespace {
+
+using Code = ReasonCode;
+using norvauthority::Bytes;
+using TrustUsage = TrustTest;
+
+TEST_F(TrustUsage, KeyUsageForMail) {
+    struct Row {
+        unsigned int usage;
+        bool rsa, sign, encrypt;
+    };
+    const auto rsa = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"));
+    // RFC 8550, 4.4.2; RFC 5753, 8: keys on curves agree on a key.
+    for (const Row& row : {Row{0x80, true, true, false}, Row{0x40, true, true, false}, Row{0x20, true, false, true},
+                           Row{0x10, true, false, false}, Row{0x08, false, false, true}, Row{0x08, true, false, false},
+                           Row{0x80, false, true, false}}) {
+        CertificateRequest request;
+        request.keyUsage = row.usage;
+        request.key = row.rsa ? rsa : key(9);
+        const Identity who = user(m_middle, request);
+        Case one = chain();
+        one.options.purpose = Purpose::sign;
+        EXPECT_EQ(shown(one.judge(who)), row.sign ? "accepted " : "refused key-usage-forbids 0") << row.usage;
+        one.options.purpose = Purpose::encrypt;
+        EXPECT_EQ(shown(one.judge(who)), row.encrypt ? "accepted " : "refused key-usage-forbids 0") << row.usage;
+        one.options.purpose = Purpose::any;
+        EXPECT_EQ(shown(one.judge(who)), "accepted ") << row.usage;
+    }
+}
+
+TEST_F(TrustUsage, ExtendedKeyUsageForMail) {
+    const auto judged = [this](const std::string& usage, Purpose purpose) {
+        Case one = chain();
+        one.options.purpose = purpose;
+        return shown(one.judge(user(m_middle, {.keyUsage = 0xA0, .extendedKeyUsage = {usage}})));
+    };
+    EXPECT_EQ(judged("emailProtection", Purpose::sign), "accepted ");
+    EXPECT_EQ(judged("anyExtendedKeyUsage", Purpose::sign), "accepted ") << "RFC 8550, 4.4.4";
+    EXPECT_EQ(judged("serverAuth", Purpose::sign), "refused extended-key-usage-forbids 0");
+    EXPECT_EQ(judged("serverAuth", Purpose::encrypt), "refused extended-key-usage-forbids 0");
+    EXPECT_EQ(judged("serverAuth", Purpose::any), "accepted ");
+    // That of an authority limits those below it.
+    const Identity middle = authority("Middle", 1, &m_root, {.extendedKeyUsage = {"serverAuth"}});
+    Case one;
+    one.anchor(m_root).message(middle);
+    EXPECT_EQ(shown(one.judge(user(middle))), "refused extended-key-usage-forbids 1");
+}
+
+TEST_F(TrustUsage, NetscapesCertificateType) {
+    // A BIT STRING with the bit for TLS servers alone.
+    const Identity server = user(m_middle, {.extensions = {{"2.16.840.1.113730.1.1", {0x03, 0x02, 0x06, 0x40}}}});
+    EXPECT_EQ(shown(chain().judge(server)), "refused purpose-forbids 0");
+}
+
+TEST_F(TrustUsage, AuthoritiesAsThePurpose) {
+    Case one = chain();
+    one.options.purpose = Purpose::authority;
+    EXPECT_EQ(shown(one.judge(m_middle)), "accepted ");
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused not-an-authority 0");
+    EXPECT_EQ(shown(one.judge(authority("No signing", 3, &m_root, {.keyUsage = 0x02}))),
+              "refused certificate-signing-forbidden 0");
+}
+
+TEST_F(TrustUsage, IssuersThatMayNotIssue) {
+    Case one;
+    const Identity plain = authority("Plain", 2, &m_root, {.ca = false});
+    const Identity silent = authority("Silent", 3, &m_root, {.keyUsage = 0x80});
+    one.anchor(m_root).message(plain).message(silent);
+    EXPECT_EQ(shown(one.judge(user(plain))), "refused not-an-authority 1");
+    EXPECT_EQ(shown(one.judge(user(silent))), "refused certificate-signing-forbidden 1");
+}
+
+TEST_F(TrustUsage, PathLength) {
+    const Identity root = authority("Root", 0, nullptr, {.pathLength = 0});
+    const Identity middle = authority("Middle", 1, &root);
+    Case one;
+    one.anchor(root).message(middle);
+    EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
+    EXPECT_EQ(shown(one.judge(user(middle))), "refused path-length-exceeded 2");
+}
+
+TEST_F(TrustUsage, CriticalExtensionsThatNobodyKnows) {
+    const Verdict verdict = chain().judge(user(m_middle, {.extensions = {{"1.2.3.4", {0x05, 0x00}, true}}}));
+    EXPECT_EQ(shown(verdict), "refused critical-extension-unknown 0");
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("1.2.3.4"));
+    EXPECT_EQ(shown(chain().judge(user(m_middle, {.extensions = {{"1.2.3.4", {0x05, 0x00}, false}}}))), "accepted ");
+}
+
+TEST_F(TrustUsage, ExtensionsThatDoNotDecode) {
+    const Verdict verdict = chain().judge(user(m_middle, {.extensions = {{"2.5.29.19", {0x04, 0x00}, true}}}));
+    EXPECT_TRUE(verdict.has(Code::extensionInvalid)) << shown(verdict);
+}
+
+TEST_F(TrustUsage, ProxyCertificates) {
+    // RFC 3820: no path length, language id-ppl-inheritAll.
+    namespace der = norvauthority::der;
+    const Bytes proxy = der::sequence({der::sequence({der::oid("1.3.6.1.5.5.7.21.1")})});
+    const Identity anna = user(m_middle);
+    CertificateRequest request;
+    request.subject = {{"CN", "Anna"}, {"CN", "Proxy"}};
+    request.key = key(8);
+    request.issuer = &anna;
+    request.keyUsage = 0x80;
+    request.extensions = {{"1.3.6.1.5.5.7.1.14", proxy, true}};
+    Case one = chain();
+    const Verdict verdict = one.message(anna).judge(norvauthority::issue(request));
+    EXPECT_TRUE(verdict.has(Code::proxyCertificate)) << shown(verdict);
+}
+
+TEST_F(TrustUsage, NameConstraintsOnAddresses) {
+    const auto judged = [this](const Bytes& constraints, const std::string& address) {
+        const Identity middle = authority("Middle", 1, &m_root, {.extensions = {{"2.5.29.30", constraints, true}}});
+        Case one;
+        one.anchor(m_root).message(middle);
+        return shown(one.judge(user(middle, {.alternativeNames = {GeneralName::email(address)}})));
+    };
+    const Bytes permitted = nameConstraints({GeneralName::email("example.org")}, {});
+    EXPECT_EQ(judged(permitted, "anna@example.org"), "accepted ");
+    EXPECT_EQ(judged(permitted, "anna@example.net"), "refused name-not-permitted 0");
+    EXPECT_EQ(judged(nameConstraints({}, {GeneralName::email("example.org")}), "anna@example.org"),
+              "refused name-excluded 0");
+    EXPECT_EQ(judged(nameConstraints({}, {GeneralName::email("example.org")}), "anna@example.net"), "accepted ");
+    // A minimum other than 0 is what RFC 5280, 4.2.1.10 rules out.
+    const Bytes minimum = norvauthority::der::element(0x80, {0x01});
+    EXPECT_EQ(judged(nameConstraints({GeneralName::email("example.org")}, {}, minimum), "anna@example.org"),
+              "refused name-constraints-unsupported 0");
+    EXPECT_EQ(judged(permitted, "no address"), "refused name-unreadable 0");
+}
+
+TEST_F(TrustUsage, ConstraintsOfAKindThatIsNotSupported) {
+    const Bytes constraints = nameConstraints({GeneralName::registeredId("1.2.3")}, {});
+    const Identity middle = authority("Middle", 1, &m_root, {.extensions = {{"2.5.29.30", constraints, true}}});
+    Case one;
+    one.anchor(m_root).message(middle);
+    EXPECT_EQ(shown(one.judge(user(middle, {.alternativeNames = {GeneralName::registeredId("1.2.3.4")}}))),
+              "refused name-constraints-unsupported 0");
+}
+
+class TrustPolicies : public TrustUsage {
+protected:
+    /// An authority under a policy, with mappings, and somebody under another.
+    static std::string judged(const std::vector<std::string>& ofMiddle, const Bytes& mappings,
+                              const std::string& ofUser, const std::vector<std::string>& wanted,
+                              const Bytes& policyConstraints = {}) {
+        CertificateRequest request;
+        request.extensions = {{"2.5.29.32", certificatePolicies(ofMiddle)}};
+        if (!mappings.empty()) {
+            request.extensions.push_back({"2.5.29.33", mappings, true});
+        }
+        if (!policyConstraints.empty()) {
+            request.extensions.push_back({"2.5.29.36", policyConstraints, true});
+        }
+        const Identity root = authority("Root", 0);
+        const Identity middle = authority("Middle", 1, &root, request);
+        Case one;
+        one.anchor(root).message(middle);
+        one.options.policies = wanted;
+        CertificateRequest userRequest;
+        if (!ofUser.empty()) {
+            userRequest.extensions = {{"2.5.29.32", certificatePolicies({ofUser})}};
+        }
+        return shown(one.judge(user(middle, userRequest)));
+    }
+};
+
+TEST_F(TrustPolicies, OneThatIsAskedForMustHold) {
+    EXPECT_EQ(judged({"1.2.3"}, {}, "1.2.3", {"1.2.3"}), "accepted ");
+    EXPECT_EQ(judged({"1.2.3"}, {}, "1.2.3", {"1.2.4"}), "refused policy-missing 0");
+    EXPECT_EQ(judged({"1.2.3"}, {}, "1.2.3", {"1.2.4", "1.2.3"}), "accepted ");
+    EXPECT_EQ(judged({"1.2.3"}, {}, "1.2.4", {"1.2.4"}), "refused policy-missing 0") << "not that of the authority";
+    EXPECT_EQ(judged({"2.5.29.32.0"}, {}, "1.2.4", {"1.2.4"}), "accepted ") << "the authority has any";
+    EXPECT_EQ(judged({"1.2.3"}, {}, "", {"1.2.3"}), "refused policy-missing 0");
+    EXPECT_EQ(judged({"1.2.3"}, {}, "", {}), "accepted ") << "nobody asked";
+}
+
+TEST_F(TrustPolicies, MappingsCount) {
+    EXPECT_EQ(judged({"1.2.3"}, policyMappings({{"1.2.3", "1.9.9"}}), "1.9.9", {"1.2.3"}), "accepted ");
+    EXPECT_EQ(judged({"1.2.3"}, policyMappings({{"1.2.3", "1.9.9"}}), "1.2.3", {"1.2.3"}), "refused policy-missing 0");
+}
+
+TEST_F(TrustPolicies, ACertificateMayDemandOne) {
+    // requireExplicitPolicy 0 (RFC 5280, 4.2.1.11): nobody has to ask.
+    const Bytes demanded = norvauthority::der::sequence({norvauthority::der::element(0x80, {0x00})});
+    EXPECT_EQ(judged({"1.2.3"}, {}, "", {}, demanded), "refused policy-missing 0");
+    EXPECT_EQ(judged({"1.2.3"}, {}, "1.2.3", {}, demanded), "accepted ");
+}
+
+TEST_F(TrustPolicies, OnesThatContradictThemselves) {
+    const Verdict verdict =
+        chain().judge(user(m_middle, {.extensions = {{"2.5.29.32", certificatePolicies({"1.2.3", "1.2.3"})}}}));
+    EXPECT_TRUE(verdict.has(Code::policyInvalid)) << shown(verdict);
+}
+
+TEST_F(TrustPolicies, IdentifiersThatAreNoneAreTheCallersMistake) {
+    for (const char* text : {"", "hello", "1.2.x", "anyPolicy", "9.9.9.", "1"}) {
+        Case one = chain();
+        one.options.policies = {text};
+        EXPECT_THROW(one.judge(user(m_middle)), Norvane::Exception) << text;
+    }
+}
+
+} // namespace
