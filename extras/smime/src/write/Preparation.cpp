@@ -284,7 +284,7 @@ void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type
         return;
     }
     fail(nameOf(entity) + ' ' + whyItStays(entity.header, type) +
-         " and not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
+         " and is not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
          "opaquely");
 }
 
