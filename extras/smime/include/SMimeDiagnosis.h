@@ -115,7 +115,7 @@ struct DiagnosisBudget {
     std::uint64_t structure = std::uint64_t{1} << 20U; ///< octets that the structure may have
     std::uint64_t digested = std::uint64_t{2} << 30U;  ///< octets that all tries together may digest
     std::size_t signers = 8;                           ///< signers whose signature does not fit
-    std::size_t verifications = 256;                    ///< signatures that are verified, for all of them
+    std::size_t verifications = 256;                   ///< signatures that are verified, for all of them
 };
 
 struct DiagnosisOptions {

@@ -122,7 +122,7 @@ TEST(HeaderBlock, ItsFieldsKeepTheirBytes) {
 
 TEST(HeaderBlock, StopsAtItsLimits) {
     Header header;
-    MemoryOctets line(std::string(10000000, 'x'));
+    MemoryOctets line(std::string(8000000, 'x'));
     EXPECT_EQ(readHeader(line, {}, header), HeaderEnd::tooLong);
     EXPECT_EQ(header.octets().size(), 262144U);
     std::string many;
@@ -182,6 +182,10 @@ TEST(AddressValue, TakesGroupsApart) {
 TEST(AddressValue, TellsWhatIsNoAddress) {
     mailboxes("a@b@c", false);
     mailboxes("k", false);
+    std::string groups;
+    for (int group = 0; group < 8000; ++group)
+        groups += "g:";
+    mailboxes(groups, false);
     mailboxes(std::string("k@x\0y", 5), false);
 }
 
@@ -225,6 +229,51 @@ TEST(CanonicalLineEnds, MakeCrLfOfBareLfAlone) {
         EXPECT_EQ(counter.counted().crLf, 3U) << cut;
         EXPECT_EQ(counter.counted().bareLf, 2U) << cut;
         EXPECT_EQ(counter.counted().bareCr, 2U) << cut;
+    }
+}
+
+/// Counts how often it is asked, and for how much.
+class Counting : public MemoryOctets {
+public:
+    using MemoryOctets::MemoryOctets;
+    std::string_view view(std::size_t atLeast) override {
+        ++asked;
+        return MemoryOctets::view(atLeast).substr(0, std::max<std::size_t>(atLeast, 4096));
+    }
+    std::size_t asked = 0;
+};
+
+/// How often the source is asked for while a part, `depth` multiparts deep, is taken in pieces of `piece` bytes.
+std::size_t askedBy(std::size_t depth, std::size_t length, std::size_t piece) {
+    std::string text;
+    for (std::size_t level = 0; level < depth; ++level)
+        text += "--b" + std::to_string(level) + "\n\n";
+    const auto source = std::make_shared<Counting>(text + std::string(length, '\n'));
+    SharedOctets body = source;
+    std::vector<std::unique_ptr<Multipart>> walks;
+    for (std::size_t level = 0; level < depth; ++level) {
+        walks.push_back(std::make_unique<Multipart>(body, "b" + std::to_string(level)));
+        EXPECT_TRUE(walks.back()->next());
+        body = walks.back()->part();
+        Header header;
+        EXPECT_EQ(readHeader(*body, {}, header), HeaderEnd::complete);
+    }
+    source->asked = 0;
+    std::size_t taken = 0;
+    for (std::size_t left = body->view(1).size(); left > 0; left = body->view(1).size()) {
+        body->skip(std::min(left, piece));
+        taken += std::min(left, piece);
+    }
+    EXPECT_EQ(taken, length);
+    return source->asked;
+}
+
+// However small the pieces are and however deep the part lies, a byte is searched once at each level: the source is asked as
+// often as the reader asks, and once a level for each 4096 bytes that it has.
+TEST(MultipartWork, GrowsWithTheBytesAndNotWithTheirSquare) {
+    for (const std::size_t depth : {1U, 24U}) {
+        EXPECT_LE(askedBy(depth, 40000, 1), std::size_t{80000} + depth * 40) << depth;
+        EXPECT_LE(askedBy(depth, 40000, 4096), 100 + depth * 60) << depth;
     }
 }
 

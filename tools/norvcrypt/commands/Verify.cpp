@@ -1,4 +1,5 @@
 #include "commands/Command.h"
+#include "commands/SmimeCommands.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
@@ -6,6 +7,7 @@
 #include "openssl/CertificateDetails.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
+#include "recognise/Wrapped.h"
 #include "show/DiagnosisReport.h"
 #include "show/SignatureReport.h"
 #include "show/TextAndJson.h"
@@ -17,10 +19,12 @@
 #include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace norvcrypt {
@@ -252,7 +256,7 @@ void tellSigner(TextOutput& out, const std::string& number, const Judged& judged
     const Colours colours;
     out.line("signer " + number + ": " + verdictText(judged.result, signer));
     if (explanation != nullptr)
-        tellExplanation(out, number, *explanation);
+        tellExplanation(out, "signer " + number, "", *explanation);
     if (judged.trust) {
         out.line("trust in signer " + number + ": " + trustSummary(*judged.trust, colours));
         tellReasons(out, *judged.trust, colours);
@@ -339,6 +343,17 @@ SignatureVerdict answer(Question& question, const SignedReader& message, const s
     return verdictOf(judged);
 }
 
+/// Whether a file begins as a mail does. What comes through a pipe is not looked at: it can be read only once.
+bool isMail(const std::string& path, Inputs& inputs) {
+    std::error_code ignored;
+    if (path == "-" || !std::filesystem::is_regular_file(path, ignored))
+        return false;
+    Norvane::MediaIn in = inputs.open(path);
+    Norvane::Buffer start;
+    Inputs::lookAhead(in, 65536, start);
+    return looksLikeMail(start);
+}
+
 Exit verify(const VerifyOptions& options) {
     Inputs inputs;
     std::optional<TrustJudge> judge;
@@ -347,6 +362,11 @@ Exit verify(const VerifyOptions& options) {
     std::optional<std::list<NVX509::RefCertificate>> certificates;
     if (options.certificate)
         certificates = readCertificates(inputs, *options.certificate);
+    if (!options.in && !options.embedded && isMail(options.signature, inputs))
+        return verifyMail(options.signature, inputs, judge,
+                          certificates ? std::vector(certificates->begin(), certificates->end())
+                                       : std::vector<NVX509::RefCertificate>(),
+                          options.trust->json());
     if (options.out == "-")
         throw Failure("the verdict goes to standard output: give --out a file for the content");
     std::optional<ContentFile> content;
@@ -387,7 +407,10 @@ void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
     Command* command = commands.command(
         "verify", "Verifies every signature of a CMS structure; trust in the certificates is checked with --ca");
-    command->option("--signature", options->signature, "The structure, DER, BER or PEM")
+    command
+        ->option("--signature", options->signature,
+                 "The structure: DER, BER, PEM, base64, the part of a mail that it came in; or a whole mail, which is "
+                 "judged as norvcrypt smime verify does")
         ->typeName("SIG.p7s")
         ->required();
     command
@@ -413,7 +436,9 @@ void addVerify(Command& commands, Action& action) {
         ->needs(embedded);
     options->trust = std::make_unique<TrustOptions>(*command, Trust::Purpose::sign, TrustOptions::Anchors::optional);
     command->footer(
-        "Structures and bodies may have any size.\n"
+        "Structures and bodies may have any size. When a signature does not fit the body, it is tried what relays do "
+        "to "
+        "bodies, and said what made it so; it stays refused.\n"
         "Example: norvcrypt verify --signature body.p7s --in body --ca roots.pem --from anna@example.org\n"
         "Exit code: 0 every signature is good (and with --ca, every signer is believed), 1 one is not, 2 an "
         "algorithm is not supported, which is named, or there is nothing to judge.");

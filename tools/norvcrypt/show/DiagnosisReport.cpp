@@ -11,10 +11,11 @@ const SMime::Explanation* explanationOf(const SMime::Diagnosis& diagnosis, std::
     return found == diagnosis.explanations.end() ? nullptr : &*found;
 }
 
-void tellExplanation(TextOutput& out, const std::string& number, const SMime::Explanation& explanation) {
+void tellExplanation(TextOutput& out, const std::string& who, const std::string& indent,
+                     const SMime::Explanation& explanation) {
     for (const SMime::Finding& finding : explanation.findings) {
-        out.line("why signer " + number + " is refused: " + finding.text + " (" + SMime::nameOf(finding.change) + ")");
-        out.line("  what to do: " + finding.advice);
+        out.line(indent + "why " + who + " is refused: " + finding.text + " (" + SMime::nameOf(finding.change) + ")");
+        out.line(indent + "  what to do: " + finding.advice);
     }
 }
 

@@ -18,7 +18,9 @@ const Norvane::Crypto::SMime::Explanation* explanationOf(const Norvane::Crypto::
                                                          std::size_t signer);
 
 /// Tells each finding and what to do about it, behind the verdict on a signer.
-void tellExplanation(TextOutput& out, const std::string& number,
+/// \param who "signer 1"
+/// \param indent in front of each line
+void tellExplanation(TextOutput& out, const std::string& who, const std::string& indent,
                      const Norvane::Crypto::SMime::Explanation& explanation);
 /// What docs/json.md calls an explanation object.
 Description explanationFacts(const Norvane::Crypto::SMime::Explanation& explanation);

@@ -181,6 +181,11 @@ Addresses addressesOf(const Header& header, std::string_view name) {
             result.isReadable = false;
             continue;
         }
+        // The library calls itself for each group within a group, as deep as a stranger likes.
+        if (std::ranges::count(value, ':') > static_cast<std::ptrdiff_t>(maximumAddresses)) {
+            result.isReadable = false;
+            continue;
+        }
         startGmime();
         const GmimeObject<InternetAddressList> list(internet_address_list_parse(lenient().get(), value.c_str()));
         if (!list || !collect(list.get(), value, result.mailboxes))

@@ -121,7 +121,8 @@ bool isWrappedMessage(Session& session, const Header& header, const ContentType&
 bool isStructure(const ContentType& type, const std::string& fileName) {
     if (type.type != "application")
         return false;
-    if (type.subtype == "pkcs7-mime" || type.subtype == "x-pkcs7-mime" || isSignature(type, ""))
+    if (type.subtype == "pkcs7-mime" || type.subtype == "x-pkcs7-mime" || type.subtype == "cms" ||
+        isSignature(type, ""))
         return true;
     // Senders and relays that do not know the type leave the name.
     return type.subtype == "octet-stream" && (endsWith(fileName, ".p7m") || endsWith(fileName, ".p7c") ||
@@ -149,11 +150,14 @@ void readEntity(Session& session, const SharedOctets& in, const Place& place) {
 
 void readBody(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
               const Place& place) {
-    if (!type.oddity.empty())
+    if (!type.oddity.empty()) {
         session.addOddity(place, type.oddity);
+        if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
+            session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
+    }
     const bool isSigned = type.is("multipart", "signed");
-    if (isSigned && (type.protocol.empty() || type.protocol == "application/pkcs7-signature" ||
-                     type.protocol == "application/x-pkcs7-signature"))
+    if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
+                     type.protocol.starts_with("application/x-pkcs7-")))
         return readMultipartSigned(session, type, body, place);
     if (isSigned)
         session.addOddity(place, "signed as " + type.protocol + ", which is not S/MIME");
