@@ -122,7 +122,9 @@ struct NORVCRYPTO_EXPORT EncryptOptions {
     /// Recipients as the caller made them (a password, RSAES-OAEP), whose certificates are not looked at.
     std::vector<CMS::EnvelopeRecipient> recipients;
     std::vector<EmailAddress> addresses; ///< whose certificates `keys` has
-    bool addressesOfMessage = false;     ///< the addresses of To, Cc and Bcc likewise
+    /// The addresses of To, Cc and Bcc likewise. A message names the certificates of all its recipients, for each of them to
+    /// see: those in Bcc are hidden from the others only by messages of their own.
+    bool addressesOfMessage = false;
     /// The sender likewise, who could not read the own mail otherwise: `from`, or as `SignOptions::from` is read.
     bool sender = false;
     std::optional<EmailAddress> from;

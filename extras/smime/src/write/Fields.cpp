@@ -43,14 +43,14 @@ void fold(std::string_view line, std::string& out) {
         // Not within the blanks of the start: a line of blanks alone ends a header for some.
         const std::size_t from = std::min(line.find_first_not_of(" \t"), line.size());
         std::size_t at = line.find_last_of(" \t", ourLine);
+        at = at == std::string_view::npos ? at : line.find_last_not_of(" \t", at) + 1; // all blanks go to the next line
         if (at == std::string_view::npos || at <= from) {
             at = line.find_first_of(" \t", from);
         }
         if (at == std::string_view::npos || line.find_first_not_of(" \t", at) == std::string_view::npos) {
             break;
         }
-        const std::string_view before = line.substr(0, at);
-        out.append(before.substr(0, before.find_last_not_of(" \t") + 1)).append("\r\n");
+        out.append(line.substr(0, at)).append("\r\n");
         line.remove_prefix(at);
     }
     out.append(line).append("\r\n");
@@ -113,7 +113,7 @@ bool hasParameters(std::string_view name) {
 std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
-    if (std::ranges::count(utf8, ':') <= mostGroups) {
+    if (hasParameters(name) || std::ranges::count(utf8, ':') <= mostGroups) {
         std::string field = encodedByKind(name, utf8);
         if (isSevenBit(field) && allFit(field) && (hasParameters(name) || saysAll(field, name, utf8))) {
             return field;
@@ -175,14 +175,14 @@ std::string innerField(std::string_view name, std::string_view value, const std:
     const std::string content =
         unfolded.substr(std::min(unfolded.find_first_not_of(" \t", name.size() + 1), unfolded.size()));
     if (!isSevenBit(unfolded)) {
-        const std::string field = encoded(std::string(name), content);
+        std::string field = encoded(std::string(name), content);
         if (allFit(field)) {
             return field;
         }
-    } else if (const std::string field = newField(name, content); allFit(field)) {
+    } else if (std::string field = newField(name, content); allFit(field)) {
         return field;
     } else if (hasParameters(name)) {
-        const std::string split = encoded(std::string(name), content);
+        std::string split = encoded(std::string(name), content);
         if (allFit(split)) {
             return split;
         }
