@@ -132,6 +132,8 @@ struct NORVCRYPTO_EXPORT EncryptOptions {
     /// GCM gives an authEnveloped-data message (RFC 8551, 3.4), which older programs do not read, the others an
     /// enveloped-data message (3.3).
     CMS::ContentCipher cipher = CMS::ContentCipher::aes256Cbc;
+    /// Set: RSAES-OAEP for every certificate with an RSA key, which older programs do not read. Unset: PKCS#1 1.5.
+    std::optional<CMS::OaepParameters> oaep;
 };
 
 /// What a mail may have that is written; more is refused.

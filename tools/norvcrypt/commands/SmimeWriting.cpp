@@ -99,6 +99,11 @@ void SmimeWritingOptions::addEncrypting(Command& command) {
             "The cipher: aes-128-cbc, aes-192-cbc, aes-256-cbc, aes-128-gcm, aes-192-gcm, aes-256-gcm or des-ede3-cbc")
         ->typeName("NAME")
         ->showDefault();
+    Option* const oaep = command.flag("--oaep", m_oaep, "Encrypt with RSAES-OAEP where the key is RSA");
+    command.option("--oaep-digest", m_oaepDigest, "Its digest: sha1, sha224, sha256, sha384 or sha512")
+        ->typeName("NAME")
+        ->showDefault()
+        ->needs(oaep);
     if (!m_work.signs)
         command.option("--from", m_from, "Who the sender is, for --to-self; the message's From unless given")
             ->typeName("ADDRESS");
@@ -173,6 +178,8 @@ SMime::EncryptOptions SmimeWritingOptions::encrypting(const NVX509::RefKeyStore&
         options.certificates.push_back(recipientIn(path, inputs));
     for (const std::string& address : m_addresses)
         options.addresses.push_back(mailAddress(address));
+    if (m_oaep)
+        options.oaep = CMS::OaepParameters{.digest = digestType(m_oaepDigest)};
     options.addressesOfMessage = m_certificates.empty() && m_addresses.empty();
     if (m_toSelf && signsWithFiles()) {
         for (const CMS::SignedWriter::Signer& signer : signers)

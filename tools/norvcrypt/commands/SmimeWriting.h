@@ -55,6 +55,8 @@ private:
     std::vector<std::string> m_addresses;
     bool m_toSelf = false;
     std::string m_cipher = "aes-256-cbc";
+    bool m_oaep = false;
+    std::string m_oaepDigest = "sha256";
     bool m_protectHeader = false;
     std::string m_lineEnds = "same";
     std::string m_in = "-";

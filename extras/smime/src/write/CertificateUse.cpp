@@ -107,4 +107,8 @@ std::optional<Hasher::Type> suitableDigest(const NVX509::RefCertificate& certifi
     return Hasher::SHA256;
 }
 
+bool hasRsaKey(const NVX509::RefCertificate& certificate) {
+    return isRsa(certificate);
+}
+
 } // namespace Norvane::Crypto::SMime::writing

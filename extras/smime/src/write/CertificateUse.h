@@ -14,6 +14,9 @@ enum class Use : int { signing, encryption };
 /// (RFC 8550, 4.4.4) allow that use. \throws Exception: no, and why
 void requireUsable(const NVX509::RefCertificate& certificate, Use use, std::time_t at);
 
+/// Whether the key is an RSA key, of either kind.
+bool hasRsaKey(const NVX509::RefCertificate& certificate);
+
 /// The digest that suits the key of a certificate: what `CMS::SignedWriter` takes when it is left to it; nothing for a key
 /// whose digest has no number (Ed448).
 std::optional<Hasher::Type> suitableDigest(const NVX509::RefCertificate& certificate);

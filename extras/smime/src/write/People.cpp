@@ -183,14 +183,21 @@ std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options,
     }
     std::vector<CMS::EnvelopeRecipient> recipients;
     std::set<std::string> taken;
+    bool anyByOaep = false;
     for (const NVX509::RefCertificate& certificate : certificates) {
         if (certificate.isNull()) {
             fail("the certificate of a recipient is an empty handle");
         }
         if (taken.insert(derOf(certificate)).second) {
             requireUsable(certificate, Use::encryption, at);
-            recipients.emplace_back(certificate);
+            const bool byOaep = options.oaep && hasRsaKey(certificate);
+            recipients.push_back(byOaep ? CMS::EnvelopeRecipient::rsaOaep(certificate, *options.oaep)
+                                        : CMS::EnvelopeRecipient(certificate));
+            anyByOaep = anyByOaep || byOaep;
         }
+    }
+    if (options.oaep && !anyByOaep) {
+        fail("RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
     }
     recipients.insert(recipients.end(), options.recipients.begin(), options.recipients.end());
     if (recipients.empty()) {

@@ -57,6 +57,42 @@ TEST(SmimeEncryptingTest, TakesRecipientsAsTheCallerMadeThem) {
     EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&curve})}), curve), entity);
 }
 
+/// The object identifiers of the key encryption algorithms of a mail's recipients, key agreements left out.
+std::vector<std::string> keyTransportsOf(const std::string& sent) {
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    std::vector<std::string> names;
+    const auto* const recipients = CMS_get0_RecipientInfos(structure.get());
+    for (int index = 0; index < sk_CMS_RecipientInfo_num(recipients); ++index) {
+        CMS_RecipientInfo* const recipient = sk_CMS_RecipientInfo_value(recipients, index);
+        X509_ALGOR* algorithm = nullptr;
+        if (CMS_RecipientInfo_type(recipient) == CMS_RECIPINFO_TRANS &&
+            CMS_RecipientInfo_ktri_get0_algs(recipient, nullptr, nullptr, &algorithm) == 1) {
+            const ASN1_OBJECT* object = nullptr;
+            X509_ALGOR_get0(&object, nullptr, nullptr, algorithm);
+            char text[80] = "";
+            OBJ_obj2txt(text, sizeof text, object, 1);
+            names.emplace_back(text);
+        }
+    }
+    return names;
+}
+
+TEST(SmimeEncryptingTest, EncryptsWithOaepWhereTheKeyIsRsa) {
+    const Identity& curve = person("agrees with others", {.key = norvauthority::Key::ec(), .keyUsage = 0x08});
+    SMime::EncryptOptions options = encryptedFor({&person("bob"), &curve});
+    EXPECT_EQ(keyTransportsOf(wrapped(mail, {options})), std::vector<std::string>{"1.2.840.113549.1.1.1"});
+    options.oaep = CMS::OaepParameters{.digest = Hasher::SHA384};
+    const std::string sent = wrapped(mail, {options});
+    EXPECT_EQ(keyTransportsOf(sent), std::vector<std::string>{"1.2.840.113549.1.1.7"});
+    EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    EXPECT_EQ(decrypted(sent, curve), entity);
+
+    SMime::EncryptOptions withoutRsa = encryptedFor({&curve});
+    withoutRsa.oaep.emplace();
+    EXPECT_EQ(refusalOf(mail, {withoutRsa}), "RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
+}
+
 TEST(SmimeEncryptingTest, SignsAndEncryptsInOneStep) {
     for (const auto& signing : {signedBy({&person("alice")}), opaquelySignedBy(person("alice"))}) {
         MemoryMediaOut out;
