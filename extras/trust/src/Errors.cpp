@@ -35,6 +35,9 @@ constexpr Meaning buildingErrors[] = {
     {X509_V_ERR_SUBJECT_ISSUER_MISMATCH, Code::issuerMissing},
     {X509_V_ERR_AKID_SKID_MISMATCH, Code::issuerMissing},
     {X509_V_ERR_AKID_ISSUER_SERIAL_MISMATCH, Code::issuerMissing},
+    {X509_V_ERR_NO_ISSUER_PUBLIC_KEY, Code::issuerMissing},
+    {X509_V_ERR_UNSUPPORTED_SIGNATURE_ALGORITHM, Code::issuerMissing},
+    {X509_V_ERR_SIGNATURE_ALGORITHM_MISMATCH, Code::issuerMissing},
 };
 constexpr Meaning listErrors[] = {
     {X509_V_ERR_UNABLE_TO_GET_CRL, Code::listMissing},

@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <idn2.h>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,14 +23,15 @@ using namespace trusttesting;
 
 namespace {
 
-int s_signatures = 0; // of certificates that were checked
-int s_lists = 0;      // signatures of lists that were checked
-int s_compared = 0;   // general names
-int s_names = 0;      // distinguished names that were compared
-int s_idn = 0;        // domains that were converted
-int s_decoded = 0;    // certificates
-int s_verified = 0;   // chains
-int s_pushed = 0;     // onto stacks, among them that of the candidates
+int s_signatures = 0;                         // of certificates that were checked
+int s_lists = 0;                              // signatures of lists that were checked
+int s_compared = 0;                           // general names
+int s_names = 0;                              // distinguished names that were compared
+int s_idn = 0;                                // domains that were converted
+int s_decoded = 0;                            // certificates
+int s_verified = 0;                           // chains
+int s_pushed = 0;                             // onto stacks, among them that of the candidates
+std::optional<std::pair<int, int>> s_failure; // what OpenSSL answers and gives as error, when it fails in silence
 
 } // namespace
 
@@ -47,6 +49,10 @@ int X509_CRL_verify(X509_CRL* list, EVP_PKEY* key) {
 
 int X509_verify_cert(X509_STORE_CTX* context) {
     ++s_verified;
+    if (s_failure) {
+        X509_STORE_CTX_set_error(context, s_failure->second);
+        return s_failure->first;
+    }
     return norvtest::next<&X509_verify_cert>("X509_verify_cert")(context);
 }
 
@@ -118,6 +124,18 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     EXPECT_LE(s_names, 200000);
     one.message(m_middle);
     EXPECT_TRUE(one.judge(anna).mentions(Code::tooManyCertificates));
+}
+
+TEST_F(TrustWork, WhatOpenSslRefusesInSilenceIsRefused) {
+    const Identity anna = user(m_middle);
+    for (const auto& [answer, error] :
+         {std::pair{0, X509_V_ERR_APPLICATION_VERIFICATION}, {-1, X509_V_ERR_OUT_OF_MEM}, {0, X509_V_OK}}) {
+        s_failure.emplace(answer, error);
+        const Verdict verdict = chain().judge(anna);
+        s_failure.reset();
+        EXPECT_EQ(shown(verdict), "refused other 0") << answer;
+        EXPECT_THAT(verdict.reasons.at(0).text, testing::HasSubstr("CN=Anna is refused: "));
+    }
 }
 
 TEST_F(TrustWork, IssuersThatIssueEachOther) {
