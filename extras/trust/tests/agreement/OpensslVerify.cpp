@@ -1,6 +1,7 @@
 #include "OpensslVerify.h"
 
 #include "support/Process.h"
+#include "support/Workspace.h"
 
 #include <algorithm>
 #include <regex>
@@ -59,28 +60,47 @@ std::vector<Error> errorsIn(const std::string& text) {
     return errors;
 }
 
-} // namespace
-
-OpensslAnswer askOpenssl(const Case& one, const interop::Workspace& folder) {
-    std::vector<std::string> arguments{"openssl", "verify", "-CAfile", folder.write("anchors", pemOf(one.anchors))};
+/// One line of a shell: what the program says goes to standard output, and what it ends with behind that.
+std::string commandFor(const Case& one, const interop::Workspace& folder) {
+    std::vector<std::string> arguments{"verify", "-CAfile", folder.write(one.name + ".anchors", pemOf(one.anchors))};
     for (const std::string& option : optionsOf(one))
         arguments.push_back(option);
     if (!one.untrusted.empty()) {
         arguments.emplace_back("-untrusted");
-        arguments.push_back(folder.write("untrusted", pemOf(one.untrusted)));
+        arguments.push_back(folder.write(one.name + ".untrusted", pemOf(one.untrusted)));
     }
     if (!one.lists.empty()) {
         arguments.emplace_back("-CRLfile");
-        arguments.push_back(folder.write("lists", pemOf(one.lists)));
+        arguments.push_back(folder.write(one.name + ".lists", pemOf(one.lists)));
     }
-    arguments.push_back(folder.write("leaf", one.leaf.pem()));
-    const interop::Answer answer = interop::run({.arguments = arguments});
-    const std::string said = answer.out + answer.err;
-    const bool accepted = answer.status == 0 && answer.out.ends_with("leaf: OK\n");
-    const bool refused = answer.status == 2 && answer.err.find("verification failed") != std::string::npos;
+    arguments.push_back(folder.write(one.name + ".leaf", one.leaf.pem()));
+    std::string command = "openssl";
+    for (const std::string& argument : arguments)
+        command += " '" + argument + "'";
+    return command + " > " + folder.path(one.name) + " 2>&1; echo ends with $? >> " + folder.path(one.name) + "\n";
+}
+
+OpensslAnswer answerIn(const std::string& said) {
+    const bool accepted = said.ends_with("\nends with 0\n") && said.find("leaf: OK\n") != std::string::npos;
+    const bool refused =
+        said.ends_with("\nends with 2\n") && said.find("leaf: verification failed\n") != std::string::npos;
     if (accepted == refused)
         throw std::runtime_error("openssl verify could not be asked: " + said);
     return {accepted, errorsIn(said), said};
+}
+
+} // namespace
+
+std::map<std::string, OpensslAnswer> askOpenssl(const std::vector<Case>& cases) {
+    const interop::Workspace folder;
+    std::string script;
+    for (const Case& one : cases)
+        script += commandFor(one, folder);
+    interop::run({.arguments = {"sh", folder.write("script", script)}});
+    std::map<std::string, OpensslAnswer> answers;
+    for (const Case& one : cases)
+        answers[one.name] = answerIn(folder.read(one.name));
+    return answers;
 }
 
 } // namespace agreement

@@ -1,11 +1,11 @@
 #pragma once
 
 /// \file
-/// A case as `openssl verify` is asked about it.
+/// The cases as `openssl verify` is asked about them.
 
 #include "Cases.h"
 
-#include "support/Workspace.h"
+#include <map>
 
 namespace agreement {
 
@@ -15,7 +15,8 @@ struct OpensslAnswer {
     std::string said{};
 };
 
-/// One process; the files go into the folder.
-OpensslAnswer askOpenssl(const Case& one, const interop::Workspace& folder);
+/// The answers by the names of the cases: a process each, started by one shell, since forking a sanitized test takes longer
+/// than what the program does.
+std::map<std::string, OpensslAnswer> askOpenssl(const std::vector<Case>& cases);
 
 } // namespace agreement
