@@ -46,6 +46,7 @@ Extension nameConstraints(const std::vector<Subtree>& permitted, const std::vect
 
 Extension certificatePolicies(const std::vector<std::string>& policies, bool critical) {
     std::vector<Bytes> all;
+    all.reserve(policies.size());
     for (const std::string& policy : policies)
         all.push_back(der::sequence({der::oid(policy)}));
     return {.oid = "2.5.29.32", .value = der::sequence(all), .critical = critical};
@@ -53,6 +54,7 @@ Extension certificatePolicies(const std::vector<std::string>& policies, bool cri
 
 Extension policyMappings(const std::vector<std::pair<std::string, std::string>>& mappings) {
     std::vector<Bytes> all;
+    all.reserve(mappings.size());
     for (const auto& [ofIssuer, ofSubject] : mappings)
         all.push_back(der::sequence({der::oid(ofIssuer), der::oid(ofSubject)}));
     return {.oid = "2.5.29.33", .value = der::sequence(all), .critical = true};

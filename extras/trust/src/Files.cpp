@@ -130,7 +130,8 @@ std::vector<std::string> namesIn(const Descriptor& folder) {
 void readFolder(const Descriptor& folder, const std::string& path, FileCache& cache, ReadPath& result) {
     std::map<std::pair<dev_t, ino_t>, std::shared_ptr<const FileContents>> seen;
     for (const std::string& name : namesIn(folder)) {
-        const std::string whole = path + "/" + name;
+        std::string whole = path;
+        whole.append("/").append(name);
         try {
             const Descriptor file = opened(folder.get(), name);
             const struct stat status = statusOf(file);

@@ -109,9 +109,11 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
         if (!self.affordable(context)) {
             return 0;
         }
+        if (self.m_request.options.revocation == Revocation::none) {
+            return 1;
+        }
         const auto last = static_cast<unsigned int>(sk_X509_num(X509_STORE_CTX_get0_chain(context)) - 1);
-        const bool believed = !(first && self.m_broken) && self.isAnchor(context, last) && self.linksHold(context);
-        if (self.m_request.options.revocation == Revocation::none || !believed) {
+        if ((first && self.m_broken) || !self.isAnchor(context, last) || !self.linksHold(context)) {
             return 1; // what is not issued by somebody who is believed cannot be revoked by anybody
         }
         self.m_revocationDone = true;

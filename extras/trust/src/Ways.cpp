@@ -9,8 +9,6 @@ namespace Norvane::Crypto::Trust::detail {
 
 namespace {
 
-using NVX509::RefCertificate;
-
 /// Whether a reason about the first certificate may be gone with other issuers.
 bool comesFromAbove(ReasonCode code) {
     switch (code) {

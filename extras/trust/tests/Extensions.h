@@ -1,8 +1,9 @@
 #pragma once
 
-// Extensions that the test authority has no words for.
+// Values of extensions that take part in the validation of a path.
 
 #include <authority/Authority.h>
+#include <authority/Path.h>
 
 #include <string>
 #include <utility>
@@ -30,24 +31,11 @@ inline norvauthority::Bytes nameConstraints(const std::vector<norvauthority::Gen
     return der::sequence(parts);
 }
 
-/// CertificatePolicies without qualifiers (RFC 5280, 4.2.1.4).
 inline norvauthority::Bytes certificatePolicies(const std::vector<std::string>& policies) {
-    namespace der = norvauthority::der;
-    std::vector<norvauthority::Bytes> all;
-    for (const std::string& policy : policies) {
-        all.push_back(der::sequence({der::oid(policy)}));
-    }
-    return der::sequence(all);
+    return norvauthority::certificatePolicies(policies).value;
 }
-
-/// PolicyMappings (RFC 5280, 4.2.1.5): of the issuer's, and of the subject's domain.
 inline norvauthority::Bytes policyMappings(const std::vector<std::pair<std::string, std::string>>& mappings) {
-    namespace der = norvauthority::der;
-    std::vector<norvauthority::Bytes> all;
-    for (const auto& [issuers, subjects] : mappings) {
-        all.push_back(der::sequence({der::oid(issuers), der::oid(subjects)}));
-    }
-    return der::sequence(all);
+    return norvauthority::policyMappings(mappings).value;
 }
 
 } // namespace trusttesting

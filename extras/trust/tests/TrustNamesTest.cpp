@@ -1,7 +1,11 @@
 #include <norvcrypto-trust/TrustVerdict.h>
 
+#include "support/Places.h"
+
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 
@@ -20,6 +24,15 @@ TEST(TrustNames, EveryReasonHasANumberAndANameOfItsOwn) {
     EXPECT_STREQ(nameOf(ReasonCode::certificateExpired), "certificate-expired");
     EXPECT_EQ(static_cast<int>(ReasonCode::certificateExpired), 11);
     EXPECT_STREQ(nameOf(static_cast<ReasonCode>(12345)), "other");
+}
+
+TEST(TrustNames, EveryReasonIsExplainedToPeople) {
+    std::ifstream file(std::string(norvtest::sourceDirectory) + "/docs/trust.md");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    for (const ReasonCode code : reasonCodes()) {
+        const std::string row = "\n| " + std::to_string(static_cast<int>(code)) + " | `" + nameOf(code) + "` | ";
+        EXPECT_NE(text.find(row), std::string::npos) << nameOf(code);
+    }
 }
 
 TEST(TrustNames, OptionsAreSpelledAsTheToolDoes) {

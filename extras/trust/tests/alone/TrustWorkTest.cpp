@@ -30,8 +30,8 @@ int s_names = 0;                              // distinguished names that were c
 int s_idn = 0;                                // domains that were converted
 int s_decoded = 0;                            // certificates
 int s_verified = 0;                           // chains
-std::optional<std::pair<int, int>> s_failure; // what OpenSSL answers and gives as error, when it fails in silence
 int s_pushed = 0;                             // onto stacks, among them that of the candidates
+std::optional<std::pair<int, int>> s_failure; // what OpenSSL answers and gives as error, when it fails in silence
 
 } // namespace
 
