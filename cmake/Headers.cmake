@@ -2,7 +2,7 @@
 # on its own, twice over.
 set(NORV_HEADER_SOURCES)
 foreach(folder include2:norvcrypto common/include:norvcmsg extras/keystore/include:norvcrypto-keystore
-               extras/trust/include:norvcrypto-trust)
+               extras/trust/include:norvcrypto-trust extras/smime/include:norvcrypto-smime)
   string(REPLACE ":" ";" folder ${folder})
   list(GET folder 0 from)
   list(GET folder 1 spelled)
@@ -15,7 +15,7 @@ foreach(folder include2:norvcrypto common/include:norvcmsg extras/keystore/inclu
   endforeach()
 endforeach()
 add_library(norv_headers OBJECT ${NORV_HEADER_SOURCES})
-target_link_libraries(norv_headers PRIVATE norvcrypto norvcrypto-keystore norvcrypto-trust)
+target_link_libraries(norv_headers PRIVATE norvcrypto norvcrypto-keystore norvcrypto-smime)
 # Nothing of it is ever run: no instrumentation, no debug information.
 target_compile_options(norv_headers PRIVATE -Wall -Wextra -Wpedantic -Werror -fno-sanitize=all -g0)
 set_target_properties(norv_headers PROPERTIES CXX_STANDARD 17 CXX_EXTENSIONS OFF)

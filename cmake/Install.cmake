@@ -1,18 +1,20 @@
 # Install rules, exported targets (find_package(norvcrypto)) and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS norvrefcounted norvcmsg norvcrypto norvcrypto-keystore norvcrypto-trust EXPORT norvcryptoTargets
+install(TARGETS norvrefcounted norvcmsg norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime
+        EXPORT norvcryptoTargets
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS norvcrypt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-set_target_properties(norvcmsg norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypt
+set_target_properties(norvcmsg norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime norvcrypt
                       PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
 install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)
 install(DIRECTORY extras/keystore/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto-keystore)
 install(DIRECTORY extras/trust/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto-trust)
+install(DIRECTORY extras/smime/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto-smime)
 
 install(EXPORT norvcryptoTargets NAMESPACE norvcrypto:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
 configure_package_config_file(cmake/norvcryptoConfig.cmake.in "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake"
@@ -26,14 +28,16 @@ file(RELATIVE_PATH NORV_PREFIX_FROM_PC "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/
 configure_file(cmake/norvcrypto.pc.in "${PROJECT_BINARY_DIR}/norvcrypto.pc" @ONLY)
 configure_file(cmake/norvcrypto-keystore.pc.in "${PROJECT_BINARY_DIR}/norvcrypto-keystore.pc" @ONLY)
 configure_file(cmake/norvcrypto-trust.pc.in "${PROJECT_BINARY_DIR}/norvcrypto-trust.pc" @ONLY)
+configure_file(cmake/norvcrypto-smime.pc.in "${PROJECT_BINARY_DIR}/norvcrypto-smime.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/norvcrypto.pc" "${PROJECT_BINARY_DIR}/norvcrypto-keystore.pc"
-              "${PROJECT_BINARY_DIR}/norvcrypto-trust.pc"
+              "${PROJECT_BINARY_DIR}/norvcrypto-trust.pc" "${PROJECT_BINARY_DIR}/norvcrypto-smime.pc"
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 set(CPACK_PACKAGE_NAME norvcrypto)
 set(CPACK_PACKAGE_CONTACT "norvcrypto maintainers <maintainers@example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libgcrypt20") # loaded at run time, which is not seen in the programs
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libssl-dev") # for programs that are built against it
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

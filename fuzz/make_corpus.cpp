@@ -224,6 +224,26 @@ std::string clientHello(int version) {
     return result;
 }
 
+/// The seeds of the readers of CMS as messages, and one in parts.
+void mails() {
+    const auto mail = [](const std::string& name, const fuzz::Bytes& structure) {
+        const Norvane::Buffer octets(structure.data(), static_cast<unsigned int>(structure.size()), true);
+        put("fuzz_smime", name,
+            "From: alice@example.org\r\nContent-Type: application/pkcs7-mime; name=smime.p7m\r\n"
+            "Content-Transfer-Encoding: base64\r\n\r\n" +
+                octets.toBase64String() + "\r\n");
+    };
+    for (const fuzz::Seed& seed : fuzz::envelopeSeeds())
+        mail(seed.first, seed.second);
+    for (const fuzz::Seed& seed : fuzz::signedSeeds())
+        mail(seed.first, seed.second);
+    put("fuzz_smime", "parts",
+        "From: alice@example.org\r\nContent-Type: multipart/signed; protocol=\"application/pkcs7-signature\"; "
+        "micalg=sha-256; boundary=b\r\n\r\n--b\r\nContent-Type: message/rfc822; forwarded=no\r\n\r\n"
+        "From: alice@example.org\r\nHP-Outer: Subject: [...]\r\nContent-Type: text/plain; hp=\"cipher\"\r\n\r\n"
+        "hello\r\n--b\r\nContent-Type: application/pkcs7-signature\r\n\r\n\r\n--b--\r\n");
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -264,6 +284,7 @@ int main(int argc, char** argv) {
             put(target, seed.first, text(seed.second));
         }
     }
+    mails();
     put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
     put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
     put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");

@@ -9,6 +9,7 @@ void addSign(Command& commands, Action& action);
 void addVerify(Command& commands, Action& action);
 void addEncrypt(Command& commands, Action& action);
 void addDecrypt(Command& commands, Action& action);
+void addSmime(Command& commands, Action& action);
 void addGenkey(Command& commands, Action& action);
 void addPkcs12(Command& commands, Action& action);
 void addChain(Command& commands, Action& action);

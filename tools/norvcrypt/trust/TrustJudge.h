@@ -40,6 +40,10 @@ public:
         const std::list<Norvane::Crypto::NVX509::RefCertificateRevocationList>& listsFromMessage,
         std::optional<std::time_t> signingTime = std::nullopt) const;
 
+    /// Who judges, for readers that ask by themselves; and what the command line asked.
+    [[nodiscard]] const Norvane::Crypto::Trust::Verifier& verifier() const noexcept { return m_verifier; }
+    [[nodiscard]] const TrustRequest& request() const noexcept { return m_request; }
+
     /// What stands in the files and is not used: "FILE: reason", not escaped.
     [[nodiscard]] std::vector<std::string> problems() const;
 

@@ -1,0 +1,191 @@
+#include "Transfer.h"
+
+#include "Gmime.h"
+
+#include <algorithm>
+
+namespace Norvane::Crypto::SMime::mime {
+
+namespace {
+
+constexpr std::size_t pieceLength = 16384;
+
+/// The body of `decoded`.
+class DecodedOctets : public Octets {
+public:
+    DecodedOctets(SharedOctets body, Transfer transfer) : m_body(std::move(body)), m_decoder(transfer) {}
+
+    std::string_view view(std::size_t atLeast) override {
+        if (m_ready.size() - m_from < atLeast && !m_ended) {
+            m_ready.erase(0, m_from);
+            m_from = 0;
+            while (m_ready.size() < atLeast && !m_ended)
+                more();
+        }
+        return std::string_view(m_ready).substr(m_from);
+    }
+    void skip(std::size_t count) override { m_from += std::min(count, m_ready.size() - m_from); }
+
+private:
+    void more() {
+        const std::string_view piece = m_body->view(1).substr(0, pieceLength);
+        if (piece.empty()) {
+            m_decoder.end(m_ready);
+            m_ended = true;
+            return;
+        }
+        m_decoder.decode(piece, m_ready);
+        m_body->skip(piece.size());
+    }
+
+    SharedOctets m_body;
+    Decoder m_decoder;
+    std::string m_ready;
+    std::size_t m_from = 0;
+    bool m_ended = false;
+};
+
+class DecodingImpl : public MediaOutDecoratorImpl {
+public:
+    DecodingImpl(const MediaOut& to, Transfer transfer) : MediaOutDecoratorImpl(to), m_decoder(transfer) {}
+
+    using MediaOutDecoratorImpl::write;
+    void write(const unsigned char* data, unsigned int length) override {
+        std::string_view bytes(reinterpret_cast<const char*>(data), length);
+        while (!bytes.empty()) {
+            const std::string_view piece = bytes.substr(0, pieceLength);
+            m_out.clear();
+            m_decoder.decode(piece, m_out);
+            put(target(), m_out);
+            bytes.remove_prefix(piece.size());
+        }
+    }
+    void end() override {
+        m_out.clear();
+        m_decoder.end(m_out);
+        put(target(), m_out);
+        MediaOutDecoratorImpl::end();
+    }
+
+private:
+    Decoder m_decoder;
+    std::string m_out;
+};
+
+class CanonicalImpl : public MediaOutDecoratorImpl {
+public:
+    explicit CanonicalImpl(const MediaOut& to) : MediaOutDecoratorImpl(to) {}
+
+    using MediaOutDecoratorImpl::write;
+    void write(const unsigned char* data, unsigned int length) override {
+        const std::string_view bytes(reinterpret_cast<const char*>(data), length);
+        m_out.clear();
+        for (std::size_t from = 0; from < bytes.size();) {
+            const std::size_t end = std::min(bytes.find('\n', from), bytes.size());
+            m_out.append(bytes.substr(from, end - from));
+            if (end > from)
+                m_afterCr = bytes[end - 1] == '\r';
+            if (end == bytes.size())
+                break;
+            m_out += m_afterCr ? "\n" : "\r\n";
+            m_afterCr = false;
+            from = end + 1;
+        }
+        put(target(), m_out);
+    }
+
+private:
+    std::string m_out;
+    bool m_afterCr = false;
+};
+
+GMimeContentEncoding encodingOf(Transfer transfer) {
+    switch (transfer) {
+    case Transfer::base64:
+        return GMIME_CONTENT_ENCODING_BASE64;
+    case Transfer::quotedPrintable:
+        return GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE;
+    case Transfer::identity:
+    case Transfer::unknown:
+        break;
+    }
+    return GMIME_CONTENT_ENCODING_DEFAULT;
+}
+
+} // namespace
+
+struct Decoder::State {
+    GMimeEncoding encoding{};
+    bool isBase64 = false;
+};
+
+Decoder::Decoder(Transfer transfer) {
+    if (transfer == Transfer::identity || transfer == Transfer::unknown)
+        return;
+    startGmime();
+    m_state = std::make_unique<State>();
+    m_state->isBase64 = transfer == Transfer::base64;
+    g_mime_encoding_init_decode(&m_state->encoding, encodingOf(transfer));
+}
+
+Decoder::~Decoder() = default;
+
+void Decoder::decode(std::string_view piece, std::string& out) {
+    if (!m_state) {
+        out.append(piece);
+        return;
+    }
+    const std::size_t before = out.size();
+    out.resize(before + g_mime_encoding_outlen(&m_state->encoding, piece.size()));
+    out.resize(before + g_mime_encoding_step(&m_state->encoding, piece.data(), piece.size(), out.data() + before));
+}
+
+void Decoder::end(std::string& out) {
+    if (m_state && m_state->isBase64)
+        decode("==", out); // what is missing where padding was left out, and nothing otherwise
+    else
+        decode("", out);
+}
+
+SharedOctets decoded(const SharedOctets& body, Transfer transfer) {
+    if (transfer == Transfer::identity || transfer == Transfer::unknown)
+        return body;
+    return std::make_shared<DecodedOctets>(body, transfer);
+}
+
+DecodingMediaOut::DecodingMediaOut(const MediaOut& target, Transfer transfer)
+    : MediaOut(makeReference<DecodingImpl, MediaOutImpl>(target, transfer)) {}
+DecodingMediaOut::~DecodingMediaOut() = default;
+
+void LineEndCounter::update(std::string_view piece) noexcept {
+    for (std::size_t at = 0; at < piece.size();) {
+        if (m_afterCr) {
+            ++(piece[at] == '\n' ? m_counted.crLf : m_counted.bareCr);
+            m_afterCr = false;
+            if (piece[at] == '\n') {
+                ++at;
+                continue;
+            }
+        }
+        const std::size_t next = piece.find_first_of("\r\n", at);
+        if (next == std::string_view::npos)
+            return;
+        if (piece[next] == '\n')
+            ++m_counted.bareLf;
+        else
+            m_afterCr = true;
+        at = next + 1;
+    }
+}
+
+LineEnds LineEndCounter::counted() const noexcept {
+    LineEnds result = m_counted;
+    result.bareCr += m_afterCr ? 1 : 0;
+    return result;
+}
+
+CanonicalMediaOut::CanonicalMediaOut(const MediaOut& target)
+    : MediaOut(makeReference<CanonicalImpl, MediaOutImpl>(target)) {}
+CanonicalMediaOut::~CanonicalMediaOut() = default;
+
+} // namespace Norvane::Crypto::SMime::mime

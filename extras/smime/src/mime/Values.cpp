@@ -1,0 +1,208 @@
+#include "Values.h"
+
+#include "Gmime.h"
+
+#include <norvcmsg/EmailAddress.h>
+
+#include <algorithm>
+
+namespace Norvane::Crypto::SMime::mime {
+
+namespace {
+
+/// Stands for the "?" of "=?" where an encoded word must not be taken for one.
+constexpr char notAnEncodedWord = '\x01';
+
+std::string lowered(const char* text) {
+    std::string result = text == nullptr ? "" : text;
+    for (char& letter : result) {
+        if (letter >= 'A' && letter <= 'Z')
+            letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    return result;
+}
+
+/// The options under which unquoted values with blanks and signs are read as their senders meant them.
+GmimeOptions lenient() {
+    GmimeOptions options(g_mime_parser_options_new());
+    g_mime_parser_options_set_parameter_compliance_mode(options.get(), GMIME_RFC_COMPLIANCE_LOOSE);
+    g_mime_parser_options_set_address_compliance_mode(options.get(), GMIME_RFC_COMPLIANCE_LOOSE);
+    return options;
+}
+
+/// The parameters by name; the first one counts where one stands twice.
+class Parameters {
+public:
+    explicit Parameters(GMimeParamList* list) : m_list(list) {}
+    [[nodiscard]] const char* find(const char* name) const {
+        GMimeParam* found = at(name);
+        return found == nullptr ? "" : g_mime_param_get_value(found);
+    }
+    /// Whether two of them may be read as one or the other.
+    [[nodiscard]] bool stands(const char* name) const { return at(name) != nullptr; }
+    [[nodiscard]] int count(const char* name) const {
+        int count = 0;
+        for (int index = 0; index < g_mime_param_list_length(m_list); ++index) {
+            if (isSameName(g_mime_param_get_name(g_mime_param_list_get_parameter_at(m_list, index)), name))
+                ++count;
+        }
+        return count;
+    }
+
+private:
+    [[nodiscard]] GMimeParam* at(const char* name) const {
+        for (int index = 0; index < g_mime_param_list_length(m_list); ++index) {
+            GMimeParam* parameter = g_mime_param_list_get_parameter_at(m_list, index);
+            if (isSameName(g_mime_param_get_name(parameter), name))
+                return parameter;
+        }
+        return nullptr;
+    }
+
+    GMimeParamList* m_list;
+};
+
+/// The boundary, which is compared with bytes: an encoded word in it is none.
+std::string boundaryOf(const std::string& value) {
+    std::string shielded = value;
+    for (std::size_t at = shielded.find("=?"); at != std::string::npos; at = shielded.find("=?", at + 1))
+        shielded[at + 1] = notAnEncodedWord;
+    const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), shielded.c_str()));
+    std::string boundary = Parameters(g_mime_content_type_get_parameters(parsed.get())).find("boundary");
+    std::ranges::replace(boundary, notAnEncodedWord, '?');
+    return boundary;
+}
+
+bool isUsable(const std::string& value) {
+    return value.size() <= maximumValue && value.find('\0') == std::string::npos;
+}
+
+/// What is wrong with the fields of this name.
+std::string oddityOf(const Header& header, std::string_view name) {
+    if (header.count(name) > 1)
+        return std::string(name) + " stands there twice";
+    const std::string value = header.first(name).value_or("");
+    if (value.size() > maximumValue)
+        return std::string(name) + " is longer than " + std::to_string(maximumValue) + " bytes";
+    return value.find('\0') == std::string::npos ? std::string() : "a NUL byte in " + std::string(name);
+}
+
+/// Adds the mailboxes of a list, groups taken apart. False beyond the limit, and for what is no address.
+bool collect(InternetAddressList* list, const std::string& value, std::vector<std::string>& mailboxes) {
+    for (int index = 0; index < internet_address_list_length(list); ++index) {
+        InternetAddress* address = internet_address_list_get_address(list, index);
+        if (INTERNET_ADDRESS_IS_GROUP(address) != 0) {
+            if (!collect(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(address)), value, mailboxes))
+                return false;
+            continue;
+        }
+        const char* found = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(address));
+        const std::string mailbox = found == nullptr ? "" : found;
+        const EmailAddress checked = EmailAddress::rfc5321Parse(mailbox, true);
+        // "a@b@c": the library stops at the second "@", and a person reads on.
+        const std::size_t at = value.find(mailbox + '@');
+        if (checked.isNull() || checked.isEmptyAddress() || at != std::string::npos ||
+            mailboxes.size() == maximumAddresses)
+            return false;
+        mailboxes.push_back(mailbox);
+    }
+    return true;
+}
+
+} // namespace
+
+ContentType contentTypeOf(const Header& header) {
+    ContentType result;
+    const std::optional<std::string> value = header.first("Content-Type");
+    if (!value)
+        return result;
+    result.type = "application";
+    result.subtype = "octet-stream";
+    result.oddity = oddityOf(header, "Content-Type");
+    if (!isUsable(*value))
+        return result;
+    startGmime();
+    const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), value->c_str()));
+    if (!parsed)
+        return result;
+    result.type = lowered(g_mime_content_type_get_media_type(parsed.get()));
+    result.subtype = lowered(g_mime_content_type_get_media_subtype(parsed.get()));
+    const Parameters parameters(g_mime_content_type_get_parameters(parsed.get()));
+    if (parameters.stands("boundary"))
+        result.boundary = boundaryOf(*value);
+    if (parameters.count("boundary") > 1 && result.oddity.empty())
+        result.oddity = "the parameter boundary stands there twice";
+    result.protocol = lowered(parameters.find("protocol"));
+    result.micalg = lowered(parameters.find("micalg"));
+    result.smimeType = lowered(parameters.find("smime-type"));
+    result.name = parameters.find("name");
+    result.hp = lowered(parameters.find("hp"));
+    result.protectedHeaders = lowered(parameters.find("protected-headers"));
+    result.forwarded = lowered(parameters.find("forwarded"));
+    return result;
+}
+
+std::string fileNameOf(const Header& header, const ContentType& type) {
+    const std::string value = header.first("Content-Disposition").value_or("");
+    if (value.empty() || !isUsable(value))
+        return type.name;
+    startGmime();
+    const GmimeObject<GMimeContentDisposition> parsed(g_mime_content_disposition_parse(lenient().get(), value.c_str()));
+    if (!parsed)
+        return type.name;
+    const std::string name = Parameters(g_mime_content_disposition_get_parameters(parsed.get())).find("filename");
+    return name.empty() ? type.name : name;
+}
+
+Transfer transferOf(const Header& header) {
+    std::string value = lowered(header.first("Content-Transfer-Encoding").value_or("").c_str());
+    value = value.substr(0, value.find_first_of(" \t;("));
+    if (value.empty())
+        return Transfer::identity;
+    startGmime();
+    switch (g_mime_content_encoding_from_string(value.c_str())) {
+    case GMIME_CONTENT_ENCODING_7BIT:
+    case GMIME_CONTENT_ENCODING_8BIT:
+    case GMIME_CONTENT_ENCODING_BINARY:
+        return Transfer::identity;
+    case GMIME_CONTENT_ENCODING_BASE64:
+        return Transfer::base64;
+    case GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE:
+        return Transfer::quotedPrintable;
+    default:
+        return Transfer::unknown;
+    }
+}
+
+Addresses addressesOf(const Header& header, std::string_view name) {
+    Addresses result;
+    for (const std::string& value : header.all(name)) {
+        if (!isUsable(value)) {
+            result.isReadable = false;
+            continue;
+        }
+        // The library calls itself for each group within a group, as deep as a stranger likes.
+        if (std::ranges::count(value, ':') > static_cast<std::ptrdiff_t>(maximumAddresses)) {
+            result.isReadable = false;
+            continue;
+        }
+        startGmime();
+        const GmimeObject<InternetAddressList> list(internet_address_list_parse(lenient().get(), value.c_str()));
+        if (!list || !collect(list.get(), value, result.mailboxes))
+            result.isReadable = false;
+    }
+    return result;
+}
+
+std::string decodedText(const std::string& value) {
+    if (!isUsable(value))
+        return value.substr(0, std::min(value.find('\0'), maximumValue));
+    startGmime();
+    const GmimeText text(g_mime_utils_header_decode_text(lenient().get(), value.c_str()));
+    if (!text)
+        return value;
+    const GmimeText valid(g_utf8_make_valid(text.get(), -1));
+    return valid.get();
+}
+
+} // namespace Norvane::Crypto::SMime::mime

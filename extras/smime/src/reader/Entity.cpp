@@ -1,0 +1,204 @@
+// An entity: a layer that is opened, a multipart whose parts are looked at, or the content.
+
+#include "Session.h"
+
+#include "mime/Multipart.h"
+#include "mime/Transfer.h"
+
+#include <algorithm>
+
+namespace Norvane::Crypto::SMime {
+
+using mime::ContentType;
+using mime::Header;
+using mime::SharedOctets;
+
+namespace {
+
+bool endsWith(const std::string& name, std::string_view ending) {
+    return name.size() >= ending.size() &&
+           mime::isSameName(std::string_view(name).substr(name.size() - ending.size()), ending);
+}
+
+/// A header within the limits; false when it is not, which was told then.
+bool takeHeader(Session& session, mime::Octets& in, const Place& place, Header& header) {
+    const mime::HeaderLimits limits{session.options.budget.headerOctets, session.options.budget.headerFields};
+    switch (mime::readHeader(in, limits, header)) {
+    case mime::HeaderEnd::complete:
+        return true;
+    case mime::HeaderEnd::tooLong:
+        session.fail(place, LayerStatus::tooCostly,
+                     "a header of more than " + std::to_string(limits.octets) + " bytes");
+        return false;
+    case mime::HeaderEnd::tooMany:
+        session.fail(place, LayerStatus::tooCostly,
+                     "a header of more than " + std::to_string(limits.fields) + " fields");
+        return false;
+    }
+    return false;
+}
+
+/// Looks at the parts of a multipart that is no layer. What is not looked at stays in `body`.
+void walkParts(Session& session, const ContentType& type, const SharedOctets& body, const Place& place) {
+    if (type.boundary.empty() || type.boundary.size() > mime::maximumBoundary) {
+        session.addOddity(place, type.boundary.empty() ? "a multipart without a boundary"
+                                                       : "a multipart with too long a boundary");
+        return;
+    }
+    mime::Multipart parts(body, type.boundary);
+    for (std::size_t number = 1; parts.next(); ++number) {
+        if (++session.parts > session.options.budget.parts) {
+            session.addOddity(place, "more than " + std::to_string(session.options.budget.parts) +
+                                         " parts; the others were not looked at");
+            session.addUncovered(place.part(number), "and those behind it");
+            return;
+        }
+        readEntity(session, parts.part(), place.part(number));
+    }
+    if (!parts.isClosed())
+        session.addOddity(place, "the last boundary of the multipart is missing");
+    if (parts.lookAlikes() > 0)
+        session.addOddity(place, "lines begin with the boundary but go on: other readers may see other parts");
+}
+
+bool isSameMailboxes(std::vector<std::string> left, std::vector<std::string> right) {
+    const auto comparable = [](std::vector<std::string>& addresses) {
+        for (std::string& address : addresses)
+            address = Trust::comparableAddress(address);
+        std::ranges::sort(addresses);
+    };
+    comparable(left);
+    comparable(right);
+    return !left.empty() && left == right;
+}
+
+/// A message within the message.
+/// \param isWrapped it is the one that a layer holds, wrapped to protect its header fields: the content
+void readMessage(Session& session, const Header& header, const SharedOctets& encoded, const Place& place,
+                 bool isWrapped) {
+    const SharedOctets body = mime::decoded(encoded, mime::transferOf(header));
+    Place inner = place.part(1);
+    inner.role = isWrapped ? Role::main : Role::passing;
+    inner.isWrapped = isWrapped;
+    const std::size_t index = session.addLayer(LayerKind::forwarded, place);
+    session.layer(index).status = LayerStatus::good;
+    session.layer(index).detail.clear();
+    session.layer(index).coversContent = isWrapped;
+    if (inner.depth > session.options.budget.depth)
+        return session.fail(inner, LayerStatus::tooCostly, "it lies deeper than the budget allows");
+    Header innerHeader;
+    if (!takeHeader(session, *body, inner, innerHeader))
+        return;
+    if (!isWrapped) {
+        session.senders.push_back(sendersIn(innerHeader));
+        inner.message = session.senders.size() - 1;
+    }
+    readBody(session, innerHeader, mime::contentTypeOf(innerHeader), body, inner);
+}
+
+bool isMessage(const ContentType& type) {
+    return type.is("message", "rfc822") || type.is("message", "global");
+}
+
+/// Whether the message that a layer holds is the one that its sender wrapped to protect the header fields (RFC 8551, 3.1):
+/// when it says so, or is from the same sender. Any other is one that is forwarded.
+bool isWrappedMessage(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
+                      const Place& place) {
+    if (type.forwarded == "no")
+        return true;
+    if (mime::transferOf(header) != mime::Transfer::identity)
+        return false;
+    // Looked at without being taken; a header that does not end within this much is that of no wrapped message.
+    constexpr std::size_t lookedAt = 65536;
+    mime::MemoryOctets copy{std::string(body->view(lookedAt).substr(0, lookedAt))};
+    Header inner;
+    return mime::readHeader(copy, {}, inner) == mime::HeaderEnd::complete &&
+           isSameMailboxes(sendersIn(inner).from, session.senders[place.message].from);
+}
+
+} // namespace
+
+bool isStructure(const ContentType& type, const std::string& fileName) {
+    if (type.type != "application")
+        return false;
+    if (type.subtype == "pkcs7-mime" || type.subtype == "x-pkcs7-mime" || type.subtype == "cms" ||
+        isSignature(type, ""))
+        return true;
+    // Senders and relays that do not know the type leave the name.
+    return type.subtype == "octet-stream" && (endsWith(fileName, ".p7m") || endsWith(fileName, ".p7c") ||
+                                              endsWith(fileName, ".p7s") || endsWith(fileName, ".p7z"));
+}
+
+bool isSignature(const ContentType& type, const std::string& fileName) {
+    return (type.type == "application" && (type.subtype == "pkcs7-signature" || type.subtype == "x-pkcs7-signature")) ||
+           endsWith(fileName, ".p7s");
+}
+
+void readEntity(Session& session, const SharedOctets& in, const Place& place) {
+    if (place.depth > session.options.budget.depth)
+        return session.fail(place, LayerStatus::tooCostly, "it lies deeper than the budget allows");
+    Header header;
+    if (!takeHeader(session, *in, place, header))
+        return;
+    if (place.depth == 0) {
+        session.outer = header;
+        session.senders.push_back(sendersIn(header));
+    }
+    const ContentType type = mime::contentTypeOf(header);
+    readBody(session, header, type, in, place);
+}
+
+void readBody(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
+              const Place& place) {
+    if (!type.oddity.empty()) {
+        session.addOddity(place, type.oddity);
+        if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
+            session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
+    }
+    const bool isSigned = type.is("multipart", "signed");
+    if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
+                     type.protocol.starts_with("application/x-pkcs7-")))
+        return readMultipartSigned(session, type, body, place);
+    if (isSigned)
+        session.addOddity(place, "signed as " + type.protocol + ", which is not S/MIME");
+    if (isStructure(type, mime::fileNameOf(header, type)))
+        return readStructure(session, type, mime::transferOf(header), body, place);
+    if (place.role == Role::main) {
+        if (isMessage(type) && isWrappedMessage(session, header, type, body, place))
+            return readMessage(session, header, body, place, true);
+        return deliver(session, header, type, body, place);
+    }
+    if (type.type == "multipart")
+        return walkParts(session, type, body, place);
+    session.addUncovered(place, type.text());
+    if (isMessage(type))
+        readMessage(session, header, body, place, false);
+}
+
+void deliver(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
+             const Place& place) {
+    HeaderScheme scheme = HeaderScheme::none;
+    if (place.isWrapped)
+        scheme = HeaderScheme::wrapped;
+    else if (type.hp == "clear" || type.hp == "cipher")
+        scheme = type.hp == "clear" ? HeaderScheme::clear : HeaderScheme::cipher;
+    else if (type.protectedHeaders == "v1")
+        scheme = HeaderScheme::parameter;
+    session.answer.contentPath = place.path;
+    session.answer.contentType = type.text();
+    session.answer.headers = compareHeaders(header, scheme, session.outer);
+    if (scheme != HeaderScheme::none)
+        session.protectedSenders = sendersIn(header);
+
+    writeHeader(session, header, scheme);
+    Place passing = place;
+    passing.role = Role::passing;
+    const auto copied = std::make_shared<mime::CopiedOctets>(body, session.content);
+    if (type.type == "multipart")
+        walkParts(session, type, copied, passing);
+    else if (isMessage(type))
+        readMessage(session, header, copied, passing, false);
+    mime::drain(*copied);
+}
+
+} // namespace Norvane::Crypto::SMime

@@ -1,0 +1,175 @@
+// Which header fields the layers around the content cover (RFC 9788; RFC 8551, 3.1), and the header of what is handed on.
+
+#include "Session.h"
+
+#include <algorithm>
+#include <map>
+
+namespace Norvane::Crypto::SMime {
+
+using mime::Header;
+
+namespace {
+
+constexpr std::size_t maximumOutsideOnly = 100;
+
+std::string lowered(std::string_view name) {
+    std::string result(name);
+    for (char& letter : result) {
+        if (letter >= 'A' && letter <= 'Z')
+            letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    return result;
+}
+
+/// A value for people and for comparison: relays fold lines anew, and encode words in another way.
+std::string comparable(const std::string& value) {
+    const std::string text = mime::decodedText(value);
+    std::string result;
+    for (const char c : text) {
+        const bool isBlank = c == ' ' || c == '\t';
+        if (!isBlank)
+            result += c;
+        else if (!result.empty() && result.back() != ' ')
+            result += ' ';
+    }
+    return result;
+}
+
+/// The values of fields by name, each name's in their order.
+using Values = std::map<std::string, std::vector<std::string>>;
+
+Values valuesOf(const Header& header) {
+    Values values;
+    for (const Header::Field& field : header.fields())
+        values[lowered(header.nameOf(field))].push_back(comparable(header.unfolded(field)));
+    return values;
+}
+
+/// What the sender put outside, as HP-Outer says (RFC 9788, 2.2).
+Values announced(const Header& inner) {
+    Values values;
+    for (const std::string& value : inner.all("HP-Outer")) {
+        const std::size_t colon = value.find(':');
+        if (colon == std::string::npos)
+            continue;
+        const std::size_t begin = value.find_first_not_of(" \t", colon + 1);
+        values[lowered(value.substr(0, value.find_last_not_of(" \t", colon - 1) + 1))].push_back(
+            begin == std::string::npos ? std::string() : comparable(value.substr(begin)));
+    }
+    return values;
+}
+
+std::optional<std::string> at(const Values& values, const std::string& name, std::size_t index) {
+    const auto found = values.find(name);
+    if (found == values.end() || index >= found->second.size())
+        return std::nullopt;
+    return found->second[index];
+}
+
+bool isProtected(std::string_view name) {
+    return !name.empty() && !isStructural(name) && !mime::isSameName(name, "HP-Outer");
+}
+
+FieldState stateOf(const std::string& inside, const std::optional<std::string>& outside,
+                   const std::optional<std::string>& expected) {
+    if (outside == inside)
+        return FieldState::same;
+    if (outside == expected)
+        return FieldState::obscured;
+    return outside ? FieldState::differs : FieldState::missing;
+}
+
+/// A field with line ends like those of the header that it goes to.
+std::string withLineEnds(std::string_view field, bool isCrLf) {
+    std::string result;
+    for (std::size_t index = 0; index < field.size(); ++index) {
+        const bool isLineEnd = field[index] == '\r' && index + 1 < field.size() && field[index + 1] == '\n';
+        if (isLineEnd)
+            continue;
+        if (field[index] == '\n' && isCrLf)
+            result += '\r';
+        result += field[index];
+    }
+    if (result.empty() || result.back() != '\n')
+        result += isCrLf ? "\r\n" : "\n";
+    return result;
+}
+
+} // namespace
+
+bool isStructural(std::string_view name) {
+    constexpr std::string_view prefix = "Content-";
+    return mime::isSameName(name.substr(0, prefix.size()), prefix) || mime::isSameName(name, "MIME-Version");
+}
+
+Senders sendersIn(const Header& header) {
+    Senders result;
+    const auto collect = [&](std::string_view name, std::vector<std::string>& into) {
+        const mime::Addresses addresses = mime::addressesOf(header, name);
+        into = addresses.mailboxes;
+        // What cannot be read is compared with the signer, too, and fits nobody.
+        if (!addresses.isReadable)
+            into.push_back(comparable(header.first(name).value_or("")).substr(0, 100));
+    };
+    collect("From", result.from);
+    collect("Sender", result.sender);
+    return result;
+}
+
+HeaderProtection compareHeaders(const Header& inner, HeaderScheme scheme, const Header& outer) {
+    HeaderProtection result;
+    result.scheme = scheme;
+    if (scheme == HeaderScheme::none)
+        return result;
+    const Values outside = valuesOf(outer);
+    const Values said = announced(inner);
+    const bool isSaid = scheme == HeaderScheme::cipher || !said.empty();
+    std::map<std::string, std::size_t> seen;
+    for (const Header::Field& field : inner.fields()) {
+        const std::string_view spelled = inner.nameOf(field);
+        if (!isProtected(spelled))
+            continue;
+        const std::string name = lowered(spelled);
+        const std::size_t index = seen[name]++;
+        ProtectedField found;
+        found.name = spelled;
+        found.value = comparable(inner.unfolded(field));
+        found.outside = at(outside, name, index);
+        found.state = stateOf(found.value, found.outside,
+                              isSaid ? at(said, name, index) : std::optional<std::string>(found.value));
+        result.fields.push_back(std::move(found));
+    }
+    for (const auto& [name, values] : outside) {
+        if (isProtected(name) && seen.count(name) == 0 && result.outsideOnly.size() < maximumOutsideOnly)
+            result.outsideOnly.push_back(name);
+    }
+    return result;
+}
+
+void writeHeader(Session& session, const Header& header, HeaderScheme scheme) {
+    if (!session.options.wholeMessage) {
+        mime::put(session.content, header.octets());
+        return;
+    }
+    const bool isCrLf = header.endsLinesInCrLf();
+    const Values inside = valuesOf(header);
+    std::string fields;
+    for (const Header::Field& field : session.outer.fields()) {
+        const std::string_view name = session.outer.nameOf(field);
+        const bool isReplaced = scheme != HeaderScheme::none && inside.count(lowered(name)) > 0;
+        if (isProtected(name) && !isReplaced)
+            fields += withLineEnds(session.outer.octetsOf(field), isCrLf);
+    }
+    for (const Header::Field& field : header.fields()) {
+        const std::string_view name = header.nameOf(field);
+        if (isStructural(name) || (scheme != HeaderScheme::none && isProtected(name)))
+            fields += withLineEnds(header.octetsOf(field), isCrLf);
+    }
+    if (inside.count("mime-version") == 0)
+        fields += withLineEnds("MIME-Version: 1.0", isCrLf);
+    mime::put(session.content, fields);
+    mime::put(session.content, isCrLf ? "\r\n" : "\n");
+}
+
+} // namespace Norvane::Crypto::SMime

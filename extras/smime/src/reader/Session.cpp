@@ -1,0 +1,108 @@
+#include "Session.h"
+
+#include <filesystem>
+
+namespace Norvane::Crypto::SMime {
+
+namespace {
+
+constexpr std::size_t maximumOddities = 50;
+constexpr unsigned int keptInMemory = 65536;
+
+class GuardedIn : public MediaInImpl {
+public:
+    GuardedIn(Session& session, const MediaIn& in) : m_session(session), m_in(in) {}
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override {
+        return m_session.outside([&] { return m_in.atEnd(); });
+    }
+    [[nodiscard]] int peek() const override {
+        return m_session.outside([&] { return m_in.peek(); });
+    }
+    int read(unsigned char* out, unsigned int length) override {
+        return m_session.outside([&] { return m_in.read(out, length); });
+    }
+
+private:
+    Session& m_session;
+    MediaIn m_in;
+};
+
+class GuardedOut : public MediaOutImpl {
+public:
+    GuardedOut(Session& session, const MediaOut& out) : m_session(session), m_out(out) {}
+    using MediaOutImpl::write;
+    void write(const unsigned char* data, unsigned int length) override {
+        m_session.outside([&] { m_out.write(data, length); });
+    }
+
+private:
+    Session& m_session;
+    MediaOut m_out;
+};
+
+} // namespace
+
+Session::Session(const ReadOptions& theOptions, const MediaOut& theContent)
+    : options(theOptions),
+      content(makeReference<GuardedOut, MediaOutImpl>(*this, theContent)) {}
+
+MediaIn guarded(Session& session, const MediaIn& in) {
+    return MediaIn(makeReference<GuardedIn, MediaInImpl>(session, in));
+}
+
+std::size_t Session::addLayer(LayerKind kind, const Place& place) {
+    Layer added;
+    added.kind = kind;
+    added.path = place.path;
+    added.coversContent = place.role == Role::main;
+    added.detail = "it was not read to its end";
+    answer.layers.push_back(added);
+    messageOfLayer.push_back(place.message);
+    return answer.layers.size() - 1;
+}
+
+Role Session::take(std::size_t index, const Place& place) {
+    if (place.role != Role::candidate)
+        return place.role;
+    if (isTaken)
+        return Role::passing;
+    isTaken = true;
+    layer(index).coversContent = true;
+    return Role::main;
+}
+
+void Session::addUncovered(const Place& place, const std::string& type) {
+    if (!place.isCovered && place.depth > 0)
+        uncovered.push_back({place.path, type});
+}
+
+void Session::addOddity(const Place& place, const std::string& text) {
+    if (answer.oddities.size() < maximumOddities)
+        answer.oddities.push_back("part " + place.path + ": " + text);
+}
+
+void Session::fail(const Place& place, LayerStatus status, const std::string& text) {
+    const bool isMessage = place.depth == 0;
+    if ((place.role == Role::main || isMessage) && !failure)
+        failure.emplace(status, "part " + place.path + ": " + text);
+    else
+        addOddity(place, text + "; it was not looked at");
+}
+
+std::string Session::spillTemplate() const {
+    if (!options.spillTemplate.empty())
+        return options.spillTemplate;
+    return (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string();
+}
+
+SwapBufferMediaOut Session::spill() const {
+    return {keptInMemory, spillTemplate().c_str()};
+}
+
+bool Session::mayKeep(std::uint64_t octets) {
+    m_kept += octets;
+    return m_kept <= options.budget.spill;
+}
+
+} // namespace Norvane::Crypto::SMime

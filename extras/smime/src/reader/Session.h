@@ -1,0 +1,160 @@
+#pragma once
+
+/// \file
+/// What the reading of one message shares on its way through the layers.
+
+#include "mime/Header.h"
+#include "mime/Octets.h"
+#include "mime/Values.h"
+
+#include <norvcmsg/SwapBufferMediaOut.h>
+#include <norvcrypto-smime/SMimeReader.h>
+
+#include <exception>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Norvane::Crypto::SMime {
+
+/// What becomes of the entity that is looked at.
+enum class Role : int {
+    candidate, ///< the first layer that is met is that of the content
+    main,      ///< within the layers of the content
+    passing,   ///< looked at, and that is all
+};
+
+/// Where an entity lies.
+struct Place {
+    std::string path = "1";
+    std::size_t depth = 0;
+    Role role = Role::candidate;
+    bool isCovered = false;  ///< within a layer, whether good or not
+    bool isWrapped = false;  ///< the message that a layer holds as a message/rfc822
+    std::size_t message = 0; ///< whose header fields tell the sender, an index into `Session::senders`
+
+    /// A part of it.
+    [[nodiscard]] Place part(std::size_t number) const {
+        Place inner = *this;
+        inner.path += '.' + std::to_string(number);
+        ++inner.depth;
+        inner.isWrapped = false;
+        return inner;
+    }
+    /// What the layer at this place holds.
+    [[nodiscard]] Place payload(Role newRole) const {
+        Place inner = part(1);
+        inner.role = newRole;
+        inner.isCovered = true;
+        return inner;
+    }
+};
+
+/// Who sent a message, as its header says.
+struct Senders {
+    std::vector<std::string> from;
+    std::vector<std::string> sender;
+};
+
+/// The state of one `read`.
+class Session {
+public:
+    Session(const ReadOptions& theOptions, const MediaOut& theContent);
+
+    const ReadOptions& options;
+    Answer answer;
+    MediaOut content;   ///< guarded
+    mime::Header outer; ///< of the message itself
+    std::vector<Senders> senders;
+    std::vector<std::size_t> messageOfLayer; ///< beside `answer.layers`
+    std::vector<UncoveredPart> uncovered;
+    Senders protectedSenders;                                   ///< those that the layers of the content cover
+    bool isTaken = false;                                       ///< there is a layer of the content
+    std::optional<std::pair<LayerStatus, std::string>> failure; ///< of what lies within the layers of the content
+    /// Why a reader of the message may see another one than this, where no layer covers that.
+    std::string ambiguity;
+    std::size_t parts = 0;
+    std::size_t structures = 0;
+    std::size_t judgedByTrust = 0;
+    bool isExplained = false; ///< why a signature is refused was asked
+
+    /// Runs what belongs to the caller: what it throws is for him, whatever layers it passes.
+    template <class Work> auto outside(Work work) -> decltype(work()) {
+        try {
+            return work();
+        } catch (...) {
+            m_thrown = std::current_exception();
+            throw;
+        }
+    }
+    /// To be called in front of each handler's own work.
+    void rethrowOutside() const {
+        if (m_thrown)
+            std::rethrow_exception(m_thrown);
+    }
+
+    /// \returns its index; references into the layers do not last
+    std::size_t addLayer(LayerKind kind, const Place& place);
+    Layer& layer(std::size_t index) { return answer.layers[index]; }
+    /// The content lies within this layer from now on, if it is the first.
+    Role take(std::size_t layer, const Place& place);
+    /// Tells of a part that is shown to readers although no layer covers it.
+    void addUncovered(const Place& place, const std::string& type);
+    void addOddity(const Place& place, const std::string& text);
+    /// Something within the layers of the content that cannot be read on.
+    void fail(const Place& place, LayerStatus status, const std::string& text);
+    [[nodiscard]] std::string spillTemplate() const;
+    /// A place for bytes that are read again.
+    [[nodiscard]] SwapBufferMediaOut spill() const;
+    /// Counts octets that are kept. False beyond the budget.
+    [[nodiscard]] bool mayKeep(std::uint64_t octets);
+
+private:
+    std::exception_ptr m_thrown;
+    std::uint64_t m_kept = 0;
+};
+
+/// A source of the caller's, guarded.
+[[nodiscard]] MediaIn guarded(Session& session, const MediaIn& in);
+
+// The layers. Each takes what it needs of `body`; what is left is taken by the caller.
+
+/// An entity from its header on.
+void readEntity(Session& session, const mime::SharedOctets& in, const Place& place);
+/// The body of an entity whose header was taken.
+void readBody(Session& session, const mime::Header& header, const mime::ContentType& type,
+              const mime::SharedOctets& body, const Place& place);
+/// multipart/signed.
+void readMultipartSigned(Session& session, const mime::ContentType& type, const mime::SharedOctets& body,
+                         const Place& place);
+/// A CMS structure as the body of an entity.
+void readStructure(Session& session, const mime::ContentType& type, mime::Transfer transfer,
+                   const mime::SharedOctets& body, const Place& place);
+
+/// What a failure of a reader of CMS means.
+void tellFailure(Layer& layer, const Exception& failure);
+/// Hands an entity on as the content, looking at its parts meanwhile.
+void deliver(Session& session, const mime::Header& header, const mime::ContentType& type,
+             const mime::SharedOctets& body, const Place& place);
+/// Whether an entity is a CMS structure, by its type or its file name.
+[[nodiscard]] bool isStructure(const mime::ContentType& type, const std::string& fileName);
+/// Whether it is a detached signature.
+[[nodiscard]] bool isSignature(const mime::ContentType& type, const std::string& fileName);
+/// The body of an entity that is a structure, without its encoding: that which it names, or that which it has.
+[[nodiscard]] mime::SharedOctets structureOctets(const mime::SharedOctets& body, mime::Transfer transfer);
+
+/// Hands on the header that stands in front of the content.
+void writeHeader(Session& session, const mime::Header& header, HeaderScheme scheme);
+/// Who a header says is the sender.
+[[nodiscard]] Senders sendersIn(const mime::Header& header);
+/// Compares the fields of the content's header with those outside.
+[[nodiscard]] HeaderProtection compareHeaders(const mime::Header& inner, HeaderScheme scheme,
+                                              const mime::Header& outer);
+/// Whether a field belongs to the structure of an entity: Content-*, MIME-Version.
+[[nodiscard]] bool isStructural(std::string_view name);
+
+/// Reaches the verdict.
+void conclude(Session& session);
+
+} // namespace Norvane::Crypto::SMime

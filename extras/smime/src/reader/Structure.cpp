@@ -1,0 +1,193 @@
+// A CMS structure as the body of an entity: what it is, and encrypted layers.
+
+#include "Signed.h"
+
+#include "mime/Transfer.h"
+
+#include <norvcrypto/CMSEnvelopeReader.h>
+#include <norvcrypto/Key.h>
+
+#include <algorithm>
+#include <array>
+
+namespace Norvane::Crypto::SMime {
+
+using CMS::EnvelopeReader;
+using mime::SharedOctets;
+
+namespace {
+
+constexpr const char* dataType = "1.2.840.113549.1.7.1";
+
+/// The types of structures, by the octets of their object identifiers.
+struct StructureType {
+    std::string_view identifier;
+    LayerKind kind;
+    const char* name;
+};
+constexpr std::array<StructureType, 8> structureTypes{{
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x07\x02", LayerKind::opaqueSigned, "SignedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x07\x03", LayerKind::enveloped, "EnvelopedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01\x17", LayerKind::authEnveloped, "AuthEnvelopedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01\x09", LayerKind::other, "CompressedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x07\x04", LayerKind::other, "SignedAndEnvelopedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x07\x05", LayerKind::other, "DigestedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x07\x06", LayerKind::other, "EncryptedData"},
+    {"\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01\x02", LayerKind::other, "AuthenticatedData"},
+}};
+
+/// The type of the structure that begins here, BER or DER; null when it is none that is known.
+const StructureType* typeOf(std::string_view octets) {
+    const auto at = [&](std::size_t index) {
+        return index < octets.size() ? static_cast<unsigned char>(octets[index]) : 0U;
+    };
+    if (at(0) != 0x30)
+        return nullptr;
+    const std::size_t lengthOctets = at(1) > 0x80 ? at(1) - 0x80U : 0;
+    const std::size_t identifier = 2 + lengthOctets;
+    if (lengthOctets > 8 || at(identifier) != 0x06)
+        return nullptr;
+    const std::string_view value = octets.substr(std::min(identifier + 2, octets.size()), at(identifier + 1));
+    const auto* found = std::ranges::find(structureTypes, value, &StructureType::identifier);
+    return found == structureTypes.end() ? nullptr : found;
+}
+
+/// The caller's keys, guarded.
+class GuardedKeys : public CMS::KeyLookup {
+public:
+    GuardedKeys(Session& session, const CMS::KeyLookup& keys) : m_session(session), m_keys(keys) {}
+    [[nodiscard]] NVX509::KeyCertificatePair find(const CMS::CertificateIdentifier& recipient) const override {
+        return m_session.outside([&] { return m_keys.find(recipient); });
+    }
+    [[nodiscard]] bool mayFind(CMS::NamedBy namedBy, const Buffer& octets) const noexcept override {
+        return m_keys.mayFind(namedBy, octets);
+    }
+
+private:
+    Session& m_session;
+    const CMS::KeyLookup& m_keys;
+};
+
+void takeRecipients(Layer& layer, const EnvelopeReader& reader) {
+    constexpr std::size_t maximumTold = 100;
+    layer.cipher = reader.cipher();
+    layer.authenticated = reader.isAuthenticated();
+    for (const EnvelopeReader::Recipient& from : reader.recipients()) {
+        if (layer.recipients.size() == maximumTold)
+            break;
+        LayerRecipient recipient;
+        const auto identifier = from.identifier();
+        recipient.identifier = identifier ? identifier->asString() : "";
+        recipient.algorithm = from.algorithm();
+        recipient.opened = &from == reader.opened();
+        layer.recipients.push_back(recipient);
+    }
+}
+
+/// \returns whether there is a content to read
+bool openEnvelope(Session& session, Layer& layer, EnvelopeReader& reader) {
+    if (!reader.hasContent()) {
+        layer.status = LayerStatus::unsupported;
+        layer.detail = "the encrypted content is not in the message";
+        return false;
+    }
+    const bool isOpen = session.options.keys != nullptr && reader.open(GuardedKeys(session, *session.options.keys));
+    takeRecipients(layer, reader);
+    if (!isOpen) {
+        layer.status = reader.unsupported().empty() ? LayerStatus::noKey : LayerStatus::unsupported;
+        layer.detail = reader.unsupported().empty() ? "there is no key for any recipient" : reader.unsupported();
+        return false;
+    }
+    if (reader.contentType() != dataType) {
+        layer.status = LayerStatus::unsupported;
+        layer.detail = "what is encrypted is no MIME entity but " + reader.contentType();
+        return false;
+    }
+    return true;
+}
+
+void readEnvelope(Session& session, std::size_t index, const SharedOctets& octets, const Place& place) {
+    const Role role = session.take(index, place);
+    EnvelopeReader reader(mime::mediaOver(octets));
+    reader.spillTo(session.spillTemplate());
+    if (!openEnvelope(session, session.layer(index), reader))
+        return;
+    const auto content = std::make_shared<mime::MediaOctets>(reader);
+    readEntity(session, content, place.payload(role));
+    mime::drain(*content);
+    if (reader.verdict() == EnvelopeReader::Complete) {
+        session.layer(index).status = LayerStatus::good;
+        session.layer(index).detail.clear();
+    }
+}
+
+} // namespace
+
+void tellFailure(Layer& layer, const Exception& failure) {
+    std::string detail;
+    for (const Exception::Parameter& parameter : failure.parameters()) {
+        if (const auto* text = std::get_if<std::string>(&parameter))
+            detail += (detail.empty() ? "" : " ") + *text;
+    }
+    layer.detail = detail.empty() ? failure.where() : detail;
+    const bool isCostly =
+        dynamic_cast<const TooCostlyException*>(&failure) != nullptr || detail.starts_with("more than ");
+    layer.status = LayerStatus::damaged;
+    if (isCostly)
+        layer.status = LayerStatus::tooCostly;
+    else if (detail.starts_with("unsupported"))
+        layer.status = LayerStatus::unsupported;
+}
+
+SharedOctets structureOctets(const SharedOctets& body, mime::Transfer transfer) {
+    if (transfer != mime::Transfer::identity && transfer != mime::Transfer::unknown)
+        return mime::decoded(body, transfer);
+    // Relays drop the field that says base64, and some senders name another encoding: DER and BER begin with a SEQUENCE, and
+    // its base64 with an M.
+    constexpr std::string_view pem = "-----BEGIN ";
+    std::string_view start = body->view(256);
+    while (!start.empty() && (start.front() == '\r' || start.front() == '\n')) {
+        body->skip(1);
+        start = body->view(256);
+    }
+    if (start.starts_with(pem)) {
+        const std::size_t end = start.find('\n');
+        body->skip(end == std::string_view::npos ? 0 : end + 1);
+        return mime::decoded(body, mime::Transfer::base64);
+    }
+    return start.starts_with('M') ? mime::decoded(body, mime::Transfer::base64) : body;
+}
+
+void readStructure(Session& session, const mime::ContentType& contentType, mime::Transfer transfer,
+                   const SharedOctets& body, const Place& place) {
+    const std::size_t index = session.addLayer(LayerKind::other, place);
+    session.addUncovered(place, contentType.text());
+    if (++session.structures > session.options.budget.layers) {
+        session.take(index, place);
+        session.layer(index).status = LayerStatus::tooCostly;
+        session.layer(index).detail = "more than " + std::to_string(session.options.budget.layers) + " structures";
+        return;
+    }
+    const SharedOctets octets = structureOctets(body, transfer);
+    const StructureType* type = typeOf(octets->view(32));
+    Layer& layer = session.layer(index);
+    if (type == nullptr || type->kind == LayerKind::other) {
+        session.take(index, place);
+        layer.status = type == nullptr ? LayerStatus::damaged : LayerStatus::unsupported;
+        layer.detail = type == nullptr ? "no CMS structure is there" : std::string("a structure of type ") + type->name;
+        return;
+    }
+    layer.kind = type->kind;
+    try {
+        if (type->kind == LayerKind::opaqueSigned)
+            readOpaque(session, index, octets, place);
+        else
+            readEnvelope(session, index, octets, place);
+    } catch (const Exception& failure) {
+        session.rethrowOutside();
+        session.take(index, place);
+        tellFailure(session.layer(index), failure);
+    }
+}
+
+} // namespace Norvane::Crypto::SMime

@@ -1,0 +1,199 @@
+#include "write/Fields.h"
+
+#include "mime/Gmime.h"
+#include "mime/Header.h"
+#include "write/Fail.h"
+#include "write/TextTraits.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Norvane::Crypto::SMime::writing {
+
+namespace {
+
+constexpr std::size_t ourLine = 78;
+/// GMime goes down a level for each group of addresses that it takes to begin within another one.
+constexpr std::ptrdiff_t mostGroups = 100;
+
+/// The lines without their ends; a CR elsewhere, and a NUL, are blanks.
+std::vector<std::string> linesOf(std::string_view octets) {
+    std::vector<std::string> lines;
+    while (!octets.empty()) {
+        const std::size_t end = std::min(octets.find('\n'), octets.size());
+        std::string line(octets.substr(0, end));
+        octets.remove_prefix(std::min(end + 1, octets.size()));
+        if (line.ends_with('\r')) {
+            line.pop_back();
+        }
+        std::ranges::replace_if(
+            line, [](char byte) { return byte == '\r' || byte == '\0'; }, ' ');
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+bool fits(std::string_view line) noexcept {
+    return line.size() <= longestSentLine;
+}
+
+/// Breaks a line in front of blanks; what has none stays in one.
+void fold(std::string_view line, std::string& out) {
+    while (line.size() > ourLine) {
+        // Not within the blanks of the start: a line of blanks alone ends a header for some.
+        const std::size_t from = std::min(line.find_first_not_of(" \t"), line.size());
+        std::size_t at = line.find_last_of(" \t", ourLine);
+        at = at == std::string_view::npos ? at : line.find_last_not_of(" \t", at) + 1; // all blanks go to the next line
+        if (at == std::string_view::npos || at <= from) {
+            at = line.find_first_of(" \t", from);
+        }
+        if (at == std::string_view::npos || line.find_first_not_of(" \t", at) == std::string_view::npos) {
+            break;
+        }
+        out.append(line.substr(0, at)).append("\r\n");
+        line.remove_prefix(at);
+    }
+    out.append(line).append("\r\n");
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text.append(line).append("\r\n");
+    }
+    return text;
+}
+
+bool allFit(const std::string& text) {
+    return std::ranges::all_of(linesOf(text), fits);
+}
+
+/// Nothing of what relays change at the ends of lines, and no line that looks empty to some.
+std::vector<std::string> tidied(std::vector<std::string> lines) {
+    for (std::string& line : lines) {
+        line.erase(line.find_last_not_of(" \t") + 1);
+    }
+    std::erase(lines, std::string());
+    return lines;
+}
+
+std::string withCrLf(const char* text) {
+    return joined(tidied(linesOf(text)));
+}
+
+/// A text without what may come and go when a field is encoded.
+std::string bare(std::string text) {
+    std::erase_if(text, [](char byte) { return byte == '"' || byte == '\\' || (byte >= 0 && byte <= ' '); });
+    return text;
+}
+
+/// Whether a field that GMime encoded still says all of its value: of what it cannot read it leaves parts out.
+bool saysAll(const std::string& field, const std::string& name, const std::string& value) {
+    const mime::GmimeText decoded(g_mime_utils_header_decode_text(nullptr, field.substr(name.size() + 1).c_str()));
+    return bare(decoded.get()) == bare(value);
+}
+
+/// The field as GMime writes it: each in the way of its kind.
+std::string encodedByKind(const std::string& name, const std::string& value) {
+    const mime::GmimeObject<GMimeHeaderList> list(g_mime_header_list_new(nullptr));
+    g_mime_header_list_append(list.get(), name.c_str(), value.c_str(), "utf-8");
+    const mime::GmimeText text(g_mime_header_list_to_string(list.get(), nullptr));
+    return withCrLf(text.get());
+}
+
+std::string encodedAsText(const std::string& name, const std::string& value) {
+    const mime::GmimeText text(g_mime_utils_header_encode_text(nullptr, value.c_str(), "utf-8"));
+    return newField(name, text.get());
+}
+
+bool hasParameters(std::string_view name) {
+    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
+}
+
+std::string encoded(const std::string& name, const std::string& value) {
+    mime::startGmime();
+    const std::string utf8 = asUtf8(value);
+    if (hasParameters(name) || std::ranges::count(utf8, ':') <= mostGroups) {
+        std::string field = encodedByKind(name, utf8);
+        if (isSevenBit(field) && allFit(field) && (hasParameters(name) || saysAll(field, name, utf8))) {
+            return field;
+        }
+    }
+    return encodedAsText(name, utf8);
+}
+
+} // namespace
+
+bool isSevenBit(std::string_view text) noexcept {
+    return std::ranges::none_of(text, [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
+}
+
+std::string asUtf8(std::string_view bytes) {
+    if (g_utf8_validate(bytes.data(), static_cast<gssize>(bytes.size()), nullptr) != 0) {
+        return std::string(bytes);
+    }
+    std::string text;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        if (value < 0x80) {
+            text += byte;
+        } else {
+            text += static_cast<char>(0xc0U | (value >> 6U));
+            text += static_cast<char>(0x80U | (value & 0x3fU));
+        }
+    }
+    return text;
+}
+
+std::string newField(std::string_view name, std::string_view value) {
+    std::string field;
+    fold(std::string(name) + ": " + std::string(value), field);
+    return field;
+}
+
+std::string outerField(std::string_view octets) {
+    std::string text;
+    for (const std::string& line : linesOf(octets)) {
+        if (fits(line)) {
+            text.append(line).append("\r\n");
+        } else {
+            fold(line, text);
+        }
+    }
+    return text;
+}
+
+std::string innerField(std::string_view name, std::string_view value, const std::string& where) {
+    const std::vector<std::string> lines = tidied(linesOf(std::string(name) + ':' + std::string(value)));
+    std::string unfolded;
+    for (const std::string& line : lines) {
+        unfolded += line;
+    }
+    if (isSevenBit(unfolded) && std::ranges::all_of(lines, fits)) {
+        return joined(lines);
+    }
+    const std::string content =
+        unfolded.substr(std::min(unfolded.find_first_not_of(" \t", name.size() + 1), unfolded.size()));
+    if (!isSevenBit(unfolded)) {
+        std::string field = encoded(std::string(name), content);
+        if (allFit(field)) {
+            return field;
+        }
+    } else if (std::string field = newField(name, content); allFit(field)) {
+        return field;
+    } else if (hasParameters(name)) {
+        std::string split = encoded(std::string(name), content);
+        if (allFit(split)) {
+            return split;
+        }
+    }
+    fail("the field " + std::string(name) + " of " + where + " has a line of " +
+         std::to_string(std::ranges::max(lines, {}, &std::string::size).size()) + " characters that cannot be folded");
+}
+
+std::string withParameter(std::string field, std::string_view parameter) {
+    field.erase(field.find_last_not_of(" \t\r\n;") + 1);
+    return field.append(";\r\n ").append(parameter).append("\r\n");
+}
+
+} // namespace Norvane::Crypto::SMime::writing

@@ -1,0 +1,250 @@
+#include "write/Filters.h"
+
+#include <gmime/gmime-encodings.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <string>
+
+namespace Norvane::Crypto::SMime::writing {
+
+namespace {
+
+constexpr std::size_t base64LineLength = 76;
+
+/// A filter that makes its output of a piece in a text, which goes on in one write.
+class GatheringImpl : public MediaOutDecoratorImpl {
+public:
+    using MediaOutDecoratorImpl::MediaOutDecoratorImpl;
+    using MediaOutDecoratorImpl::write;
+
+    void write(const unsigned char* data, unsigned int length) override {
+        // In pieces, so that what is gathered stays small whatever comes in.
+        while (length != 0) {
+            const unsigned int count = std::min(length, 16384U);
+            take({reinterpret_cast<const char*>(data), count});
+            pass();
+            data += count;
+            length -= count;
+        }
+    }
+    void end() override {
+        finish();
+        pass();
+        MediaOutDecoratorImpl::end();
+    }
+
+protected:
+    virtual void take(std::string_view piece) = 0;
+    virtual void finish() = 0;
+    std::string& gathered() noexcept { return m_gathered; }
+
+private:
+    void pass() {
+        put(target(), m_gathered);
+        m_gathered.clear();
+    }
+
+    std::string m_gathered;
+};
+
+class CanonicalImpl : public GatheringImpl {
+public:
+    CanonicalImpl(const MediaOut& target, LoneReturn loneReturn)
+        : GatheringImpl(target),
+          m_loneReturn(loneReturn == LoneReturn::lineEnd ? "\r\n" : "\r") {}
+
+protected:
+    void take(std::string_view piece) override {
+        while (!piece.empty()) {
+            if (m_afterReturn) {
+                m_afterReturn = false;
+                if (piece.front() == '\n') {
+                    gathered() += "\r\n";
+                    piece.remove_prefix(1);
+                    continue;
+                }
+                gathered() += m_loneReturn;
+            }
+            const auto* const special =
+                std::find_if(piece.begin(), piece.end(), [](char byte) { return byte == '\r' || byte == '\n'; });
+            const auto plain = static_cast<std::size_t>(special - piece.begin());
+            gathered().append(piece.substr(0, plain));
+            piece.remove_prefix(plain);
+            if (piece.empty()) {
+                return;
+            }
+            if (piece.front() == '\r') {
+                m_afterReturn = true;
+            } else {
+                gathered() += "\r\n";
+            }
+            piece.remove_prefix(1);
+        }
+    }
+    void finish() override {
+        if (m_afterReturn) {
+            gathered() += m_loneReturn;
+            m_afterReturn = false;
+        }
+    }
+
+private:
+    std::string_view m_loneReturn;
+    bool m_afterReturn = false;
+};
+
+class LineFeedsImpl : public GatheringImpl {
+public:
+    using GatheringImpl::GatheringImpl;
+
+protected:
+    void take(std::string_view piece) override {
+        for (const char byte : piece) {
+            if (m_afterReturn && byte != '\n') {
+                gathered() += '\r';
+            }
+            m_afterReturn = byte == '\r';
+            if (!m_afterReturn) {
+                gathered() += byte;
+            }
+        }
+    }
+    void finish() override {
+        if (m_afterReturn) {
+            gathered() += '\r';
+            m_afterReturn = false;
+        }
+    }
+
+private:
+    bool m_afterReturn = false;
+};
+
+/// GMime makes the letters; its own lines have LF at their ends, so each line is given to it by itself.
+class Base64Impl : public GatheringImpl {
+public:
+    using GatheringImpl::GatheringImpl;
+
+protected:
+    void take(std::string_view piece) override {
+        while (!piece.empty()) {
+            const std::size_t count = std::min(piece.size(), m_line.size() - m_held);
+            piece.copy(m_line.data() + m_held, count);
+            m_held += count;
+            piece.remove_prefix(count);
+            if (m_held == m_line.size()) {
+                writeLine();
+            }
+        }
+    }
+    void finish() override {
+        if (m_held != 0) {
+            writeLine();
+        }
+    }
+
+private:
+    void writeLine() {
+        std::array<char, GMIME_BASE64_ENCODE_LEN(base64LineLength)> letters{};
+        GMimeEncoding encoding{};
+        g_mime_encoding_init_encode(&encoding, GMIME_CONTENT_ENCODING_BASE64);
+        std::size_t count = g_mime_encoding_flush(&encoding, m_line.data(), m_held, letters.data());
+        count = static_cast<std::size_t>(std::remove(letters.begin(), letters.begin() + count, '\n') - letters.begin());
+        gathered().append(letters.data(), count).append("\r\n");
+        m_held = 0;
+    }
+
+    std::array<char, base64LineLength / 4 * 3> m_line{};
+    std::size_t m_held = 0;
+};
+
+class Base64AnewImpl : public GatheringImpl {
+public:
+    using GatheringImpl::GatheringImpl;
+
+protected:
+    void take(std::string_view piece) override {
+        for (const char byte : piece) {
+            if (!isLetter(byte)) {
+                continue;
+            }
+            gathered() += byte;
+            if (++m_column == base64LineLength) {
+                finish();
+            }
+        }
+    }
+    void finish() override {
+        if (m_column != 0) {
+            gathered() += "\r\n";
+            m_column = 0;
+        }
+    }
+
+private:
+    static bool isLetter(char byte) noexcept {
+        return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9') ||
+               byte == '+' || byte == '/' || byte == '=';
+    }
+
+    std::size_t m_column = 0;
+};
+
+class KeptOpenImpl : public MediaOutDecoratorImpl {
+public:
+    using MediaOutDecoratorImpl::MediaOutDecoratorImpl;
+    void end() override {}
+};
+
+class BothImpl : public MediaOutImpl {
+public:
+    BothImpl(const MediaOut& first, const MediaOut& second) : m_first(first), m_second(second) {}
+    using MediaOutImpl::write;
+    void write(const unsigned char* data, unsigned int length) override {
+        m_first.write(data, length);
+        m_second.write(data, length);
+    }
+
+private:
+    MediaOut m_first;
+    MediaOut m_second;
+};
+
+} // namespace
+
+MediaOut canonicalLineEnds(const MediaOut& target, LoneReturn loneReturn) {
+    return MediaOut(makeReference<CanonicalImpl, MediaOutImpl>(target, loneReturn));
+}
+
+MediaOut lineFeeds(const MediaOut& target) {
+    return MediaOut(makeReference<LineFeedsImpl, MediaOutImpl>(target));
+}
+
+MediaOut base64Lines(const MediaOut& target) {
+    return MediaOut(makeReference<Base64Impl, MediaOutImpl>(target));
+}
+
+MediaOut base64LinesAnew(const MediaOut& target) {
+    return MediaOut(makeReference<Base64AnewImpl, MediaOutImpl>(target));
+}
+
+MediaOut keptOpen(const MediaOut& target) {
+    return MediaOut(makeReference<KeptOpenImpl, MediaOutImpl>(target));
+}
+
+MediaOut toBoth(const MediaOut& first, const MediaOut& second) {
+    return MediaOut(makeReference<BothImpl, MediaOutImpl>(first, second));
+}
+
+void put(MediaOut& target, std::string_view text) {
+    constexpr std::size_t most = std::numeric_limits<unsigned int>::max();
+    while (!text.empty()) {
+        const std::size_t count = std::min(text.size(), most);
+        target.write(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(count));
+        text.remove_prefix(count);
+    }
+}
+
+} // namespace Norvane::Crypto::SMime::writing

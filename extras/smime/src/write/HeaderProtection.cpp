@@ -1,0 +1,85 @@
+#include "write/HeaderProtection.h"
+
+#include "write/Fail.h"
+#include "write/Fields.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace Norvane::Crypto::SMime::writing {
+
+namespace {
+
+using mime::isSameName;
+
+bool begins(std::string_view name, std::string_view prefix) {
+    return isSameName(name.substr(0, prefix.size()), prefix);
+}
+
+/// Written anew outside, or moved inside in any case.
+bool describesBody(std::string_view name) {
+    return begins(name, "Content-") || isSameName(name, "MIME-Version");
+}
+
+/// What its writer did not say to the readers: Bcc, and what the mail met on its way.
+bool isRepeated(std::string_view name) {
+    static constexpr std::array<std::string_view, 7> others{
+        "Bcc", "Received", "Return-Path", "Delivered-To", "DKIM-Signature", "X-Original-To", "Authentication-Results"};
+    static constexpr std::array<std::string_view, 3> families{"Resent-", "ARC-", "HP-"};
+    return std::ranges::none_of(others, [name](std::string_view one) { return isSameName(name, one); }) &&
+           std::ranges::none_of(families, [name](std::string_view one) { return begins(name, one); });
+}
+
+/// What stands outside in place of a field that is hidden (RFC 9788, 3.2.1: hcp_baseline).
+std::string hidden(std::string_view name, const std::string& field) {
+    if (isSameName(name, "Subject")) {
+        return newField(name, "[...]");
+    }
+    return isSameName(name, "Comments") || isSameName(name, "Keywords") ? std::string() : field;
+}
+
+/// The field as it stands inside and, unless it is hidden, outside: in 7 bits, so that both are the same.
+std::string protectedField(const mime::Header& header, const mime::Header::Field& field) {
+    const std::string_view name = header.nameOf(field);
+    return innerField(name, header.valueOf(field), "the message");
+}
+
+} // namespace
+
+DividedHeader divided(const mime::Header& header) {
+    DividedHeader result;
+    for (const mime::Header::Field& field : header.fields()) {
+        if (!describesBody(header.nameOf(field))) {
+            result.outside += outerField(header.octetsOf(field));
+        }
+    }
+    return result;
+}
+
+DividedHeader dividedWithProtection(const mime::Header& header, bool encrypts) {
+    DividedHeader result;
+    std::string outer;
+    for (const mime::Header::Field& field : header.fields()) {
+        const std::string_view name = header.nameOf(field);
+        if (describesBody(name)) {
+            continue;
+        }
+        if (name.empty() || !isRepeated(name)) {
+            result.outside += outerField(header.octetsOf(field));
+            continue;
+        }
+        const std::string text = protectedField(header, field);
+        result.inside += text;
+        const std::string shown = encrypts ? hidden(name, text) : text;
+        result.outside += shown;
+        if (encrypts && !shown.empty()) {
+            outer += "HP-Outer: " + shown;
+        }
+    }
+    result.inside += outer;
+    result.typeParameter = encrypts ? "hp=\"cipher\"" : "hp=\"clear\"";
+    return result;
+}
+
+} // namespace Norvane::Crypto::SMime::writing

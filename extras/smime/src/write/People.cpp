@@ -1,0 +1,209 @@
+#include "write/People.h"
+
+#include "mime/Gmime.h"
+#include "write/CertificateUse.h"
+#include "write/Fail.h"
+
+#include <algorithm>
+#include <set>
+
+namespace Norvane::Crypto::SMime::writing {
+
+namespace {
+
+/// GMime goes down a level of the stack for each group that begins within another one, which no sound field does.
+constexpr std::ptrdiff_t mostColons = 1000;
+
+/// "a@b@c": GMime stops in front of the second "@", and another reader might not.
+bool hasDoubleAt(std::string_view value) {
+    for (std::size_t at = value.find('@'); at != std::string_view::npos;) {
+        const std::size_t next = value.find('@', at + 1);
+        if (next == std::string_view::npos) {
+            return false;
+        }
+        if (value.substr(at, next - at).find_first_of(" \t,;:<>\"()[]") == std::string_view::npos) {
+            return true;
+        }
+        at = next;
+    }
+    return false;
+}
+
+void collect(InternetAddressList* list, std::vector<EmailAddress>& addresses, std::vector<std::string>& others) {
+    for (int index = 0; index < internet_address_list_length(list); ++index) {
+        InternetAddress* const address = internet_address_list_get_address(list, index);
+        if (INTERNET_ADDRESS_IS_GROUP(address) != 0) {
+            collect(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(address)), addresses, others);
+            continue;
+        }
+        const char* const text = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(address));
+        EmailAddress parsed = EmailAddress::rfc5321Parse(text == nullptr ? "" : text, true);
+        if (parsed.isEmptyAddress()) {
+            others.emplace_back(text == nullptr ? "" : text);
+        } else {
+            addresses.push_back(std::move(parsed));
+        }
+    }
+}
+
+void addAddresses(const mime::Header& header, std::string_view name, std::vector<EmailAddress>& addresses,
+                  std::vector<std::string>& others) {
+    for (const std::string& value : header.all(name)) {
+        if (value.empty()) {
+            continue;
+        }
+        const bool isReadable = std::ranges::count(value, ':') <= mostColons && !hasDoubleAt(value) &&
+                                value.find('\0') == std::string::npos;
+        mime::startGmime();
+        const mime::GmimeObject<InternetAddressList> list(
+            isReadable ? internet_address_list_parse(nullptr, value.c_str()) : nullptr);
+        if (list) {
+            collect(list.get(), addresses, others);
+        } else {
+            others.push_back(value.substr(0, 200));
+        }
+    }
+}
+
+/// The address that signs.
+EmailAddress senderOf(const std::optional<EmailAddress>& given, const mime::Header& header) {
+    if (given) {
+        return *given;
+    }
+    std::vector<EmailAddress> from;
+    std::vector<std::string> others;
+    addAddresses(header, "From", from, others);
+    if (from.size() == 1 && others.empty()) {
+        return from.front();
+    }
+    std::vector<EmailAddress> sender;
+    addAddresses(header, "Sender", sender, others);
+    if (from.size() > 1 && sender.size() == 1 && others.empty()) {
+        return sender.front();
+    }
+    if (from.size() > 1) {
+        fail("the message has several From addresses and no Sender: say who signs");
+    }
+    fail(header.count("From") == 0 ? "the message has no From" : "the From of the message is no address");
+}
+
+std::string derOf(const NVX509::RefCertificate& certificate) {
+    MemoryMediaOut der;
+    certificate->writeDER(der);
+    return {reinterpret_cast<const char*>(der.content().data()), der.content().length()};
+}
+
+std::string listed(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) {
+        text.append(text.empty() ? "" : ", ").append(name);
+    }
+    return text;
+}
+
+} // namespace
+
+Correspondents correspondentsIn(const mime::Header& header) {
+    Correspondents people;
+    addAddresses(header, "From", people.from, people.noAddresses);
+    addAddresses(header, "Sender", people.sender, people.noAddresses);
+    for (const char* const name : {"To", "Cc", "Bcc"}) {
+        addAddresses(header, name, people.to, people.noAddresses);
+    }
+    return people;
+}
+
+std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, const mime::Header& header,
+                                                  std::time_t at) {
+    std::vector<CMS::SignedWriter::Signer> signers = options.signers;
+    if (signers.empty()) {
+        if (options.keys.isNull()) {
+            fail("there is nobody to sign: no signer was given, and no store to find the sender in");
+        }
+        const EmailAddress sender = senderOf(options.from, header);
+        const NVX509::KeyCertificatePair pair = options.keys->findSigningKey(sender);
+        if (!pair || pair->certificate.isNull() || pair->key.isNull()) {
+            fail("there is no key to sign with for " + sender.address());
+        }
+        signers.emplace_back(pair);
+    }
+    for (CMS::SignedWriter::Signer& signer : signers) {
+        // What is empty, SignedWriter refuses with the signer's number.
+        if (signer.pair && !signer.pair->certificate.isNull()) {
+            requireUsable(signer.pair->certificate, Use::signing, at);
+            if (!signer.digest) {
+                signer.digest = options.digest ? options.digest : suitableDigest(signer.pair->certificate);
+            }
+        }
+        if (options.pss) {
+            signer.rsaScheme = CMS::SignedWriter::RsaScheme::pss;
+        }
+    }
+    return signers;
+}
+
+std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options, const mime::Header& header,
+                                                  const WriteBudget& budget, std::time_t at) {
+    std::vector<EmailAddress> addresses = options.addresses;
+    if (options.addressesOfMessage) {
+        Correspondents people;
+        for (const char* const name : {"To", "Cc", "Bcc"}) {
+            addAddresses(header, name, people.to, people.noAddresses);
+        }
+        if (!people.noAddresses.empty()) {
+            fail("To, Cc or Bcc of the message have what is no address: " + people.noAddresses.front());
+        }
+        addresses.insert(addresses.end(), people.to.begin(), people.to.end());
+    }
+    if (options.sender) {
+        addresses.push_back(senderOf(options.from, header));
+    }
+    if (addresses.size() > budget.recipients) {
+        fail("the message has more than " + std::to_string(budget.recipients) + " recipients");
+    }
+    if (!addresses.empty() && options.keys.isNull()) {
+        fail("there is no store to find the recipients in");
+    }
+    std::vector<NVX509::RefCertificate> certificates = options.certificates;
+    std::vector<std::string> missing;
+    std::set<std::string> asked;
+    for (const EmailAddress& address : addresses) {
+        if (!asked.insert(address.address()).second) {
+            continue;
+        }
+        const NVX509::RefCertificate found = options.keys->findEncryptionCertificate(address);
+        if (found.isNull()) {
+            missing.push_back(address.address());
+        } else {
+            certificates.push_back(found);
+        }
+    }
+    if (!missing.empty()) {
+        fail("there is no certificate for " + listed(missing));
+    }
+    std::vector<CMS::EnvelopeRecipient> recipients;
+    std::set<std::string> taken;
+    bool anyByOaep = false;
+    for (const NVX509::RefCertificate& certificate : certificates) {
+        if (certificate.isNull()) {
+            fail("the certificate of a recipient is an empty handle");
+        }
+        if (taken.insert(derOf(certificate)).second) {
+            requireUsable(certificate, Use::encryption, at);
+            const bool byOaep = options.oaep && hasRsaKey(certificate);
+            recipients.push_back(byOaep ? CMS::EnvelopeRecipient::rsaOaep(certificate, *options.oaep)
+                                        : CMS::EnvelopeRecipient(certificate));
+            anyByOaep = anyByOaep || byOaep;
+        }
+    }
+    if (options.oaep && !anyByOaep) {
+        fail("RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
+    }
+    recipients.insert(recipients.end(), options.recipients.begin(), options.recipients.end());
+    if (recipients.empty()) {
+        fail("there is nobody to encrypt to");
+    }
+    return recipients;
+}
+
+} // namespace Norvane::Crypto::SMime::writing

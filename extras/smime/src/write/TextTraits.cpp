@@ -1,0 +1,97 @@
+#include "write/TextTraits.h"
+
+#include <algorithm>
+
+namespace Norvane::Crypto::SMime::writing {
+
+void TextTraits::see(const unsigned char* data, std::size_t length) {
+    m_octets += length;
+    for (const unsigned char* const past = data + length; data != past; ++data) {
+        const unsigned char byte = *data;
+        // Most bytes are letters within a line.
+        if (byte > ' ' && byte < 0x7f && !m_afterReturn && m_column >= m_start.size() && m_continuations == 0) {
+            m_last = byte;
+            ++m_column;
+        } else {
+            seeByte(byte);
+        }
+    }
+}
+
+void TextTraits::seeByte(unsigned char byte) {
+    if (byte == '\n') {
+        m_afterReturn = false;
+        seeUtf8(byte);
+        endLine();
+        return;
+    }
+    if (m_afterReturn) {
+        m_afterReturn = false;
+        ++m_loneReturns;
+        ++m_controls;
+        m_last = '\r';
+        ++m_column;
+    }
+    seeUtf8(byte);
+    if (byte == '\r') {
+        m_afterReturn = true;
+        return;
+    }
+    if (byte >= 0x80) {
+        ++m_eightBit;
+    } else if (byte == 0x7f || (byte < ' ' && byte != '\t')) {
+        ++m_controls;
+        m_zeros += byte == 0 ? 1 : 0;
+    }
+    if (m_column < m_start.size()) {
+        m_start[m_column] = static_cast<char>(byte);
+    }
+    m_last = byte;
+    ++m_column;
+}
+
+/// RFC 3629: no overlong forms, no surrogates, nothing beyond U+10FFFF.
+void TextTraits::seeUtf8(unsigned char byte) {
+    if (m_continuations != 0) {
+        m_utf8 = m_utf8 && byte >= m_leastNext && byte <= m_mostNext;
+        m_continuations = m_utf8 ? m_continuations - 1 : 0;
+        m_leastNext = 0x80;
+        m_mostNext = 0xbf;
+        return;
+    }
+    if (byte < 0x80 || !m_utf8) {
+        return;
+    }
+    m_utf8 = byte >= 0xc2 && byte <= 0xf4;
+    m_continuations = !m_utf8 ? 0 : byte < 0xe0 ? 1 : byte < 0xf0 ? 2 : 3;
+    m_leastNext = byte == 0xe0 ? 0xa0 : byte == 0xf0 ? 0x90 : 0x80;
+    m_mostNext = byte == 0xed ? 0x9f : byte == 0xf4 ? 0x8f : 0xbf;
+}
+
+void TextTraits::endLine() {
+    m_longest = std::max(m_longest, m_column);
+    m_trailingBlank = m_trailingBlank || (m_column != 0 && (m_last == ' ' || m_last == '\t'));
+    m_dotLine = m_dotLine || (m_column == 1 && m_last == '.');
+    m_fromLine =
+        m_fromLine || (m_column >= m_start.size() && std::string_view(m_start.data(), m_start.size()) == "From ");
+    m_column = 0;
+}
+
+void TextTraits::end() {
+    if (m_afterReturn) {
+        m_afterReturn = false;
+        ++m_loneReturns;
+        ++m_controls;
+        m_last = '\r';
+        ++m_column;
+    }
+    endLine();
+}
+
+bool TextTraits::operator==(const TextTraits& other) const noexcept {
+    return m_octets == other.m_octets && m_eightBit == other.m_eightBit && m_controls == other.m_controls &&
+           m_zeros == other.m_zeros && m_loneReturns == other.m_loneReturns && m_longest == other.m_longest &&
+           isRelayProof() == other.isRelayProof() && isUtf8() == other.isUtf8();
+}
+
+} // namespace Norvane::Crypto::SMime::writing

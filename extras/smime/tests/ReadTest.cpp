@@ -1,0 +1,361 @@
+#include "Mails.h"
+
+#include <array>
+#include <thread>
+
+using namespace smimetest;
+using interop::alice;
+using interop::bob;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr unsigned int wire = CMS_BINARY | CMS_CRLFEOL;
+constexpr unsigned int detached = wire | CMS_DETACHED;
+
+std::string mailOf(const std::string& entity) {
+    return fieldsOfAlice + entity;
+}
+
+TEST(SMimeRead, MultipartSignedOnTheWire) {
+    const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), plainEntity, detached)));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1 good"));
+    const SMime::Layer& layer = outcome.answer.layers.front();
+    EXPECT_EQ(layer.form, SMime::SignedForm::asTheyStand);
+    EXPECT_EQ(layer.micalg, "sha-256");
+    ASSERT_EQ(layer.signers.size(), 1U);
+    EXPECT_EQ(layer.signers[0].digestAlgorithm, "sha256");
+    EXPECT_TRUE(layer.signers[0].signingTime);
+    EXPECT_EQ(layer.certificates.size(), 1U);
+    EXPECT_TRUE(outcome.answer.notCovered.empty());
+    EXPECT_TRUE(outcome.answer.oddities.empty());
+    EXPECT_EQ(outcome.answer.contentPath, "1.1");
+    EXPECT_EQ(outcome.answer.contentType, "text/plain");
+    EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org"));
+}
+
+// `openssl cms -sign` writes LF and digests CRLF.
+TEST(SMimeRead, MultipartSignedInAFileWithLf) {
+    const Outcome outcome = outcomeOf(withLf(mailOf(signedBy(alice(), plainEntity, CMS_DETACHED))));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::canonical);
+    EXPECT_EQ(outcome.content, withLf(plainEntity));
+}
+
+// Signed with bare LF by a sender that knows no better.
+TEST(SMimeRead, MultipartSignedOverLfAsItStands) {
+    const std::string entity = withLf(plainEntity);
+    const std::string mail = signedBy(alice(), entity, CMS_DETACHED | CMS_BINARY);
+    const Outcome outcome = outcomeOf(withLf(fieldsOfAlice) + mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::asTheyStand);
+    EXPECT_EQ(outcome.content, entity);
+}
+
+TEST(SMimeRead, MixedLineEndsAreTriedAsTheyStandAndCanonical) {
+    const std::string mixed = "Content-Type: text/plain\r\n\r\none\ntwo\r\nthree\rfour\r\n";
+    EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), mixed, CMS_DETACHED | CMS_BINARY))).answer.layers.front().form,
+              SMime::SignedForm::asTheyStand);
+    const std::string canonical =
+        signedBy(alice(), "Content-Type: text/plain\r\n\r\none\r\ntwo\r\nthree\r\n", detached);
+    const Outcome outcome = outcomeOf(mailOf(replaced(canonical, "one\r\n", "one\n")));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::canonical);
+}
+
+// What is signed is what stands there: each of these bytes counts.
+TEST(SMimeRead, SignedBytesAreExact) {
+    for (const std::string& entity :
+         {std::string(
+              "Content-Type: text/plain;\r\n\tcharset=utf-8\r\nX-Odd :  folded \r\n  twice\t\r\n\r\nbody  \r\n\r\n"),
+          std::string("\r\nno header, no final line end"), std::string("\r\n"), std::string(),
+          std::string("Content-Type: text/plain\r\n\r\n--boundary\r\n---- look-alike\r\n.\r\nFrom x\r\n"),
+          std::string("Content-Type: multipart/mixed; boundary=in\r\n\r\npre\r\n--in\r\n\r\none\r\n--in "
+                      "\t\r\n\r\n\r\n--in--\r\nepi"),
+          std::string("Content-Type: text/plain\r\nContent-Transfer-Encoding: 8bit\r\n\r\n\xff\x00\xfe\r\n", 66)}) {
+        const std::string mail = mailOf(signedBy(alice(), entity, detached));
+        const Outcome outcome = outcomeOf(mail);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail << '\n' << entity;
+        EXPECT_EQ(outcome.content, entity);
+        if (entity.size() > 4) {
+            const Outcome changed = outcomeOf(replaced(mail, entity, entity + " "));
+            EXPECT_EQ(changed.answer.verdict, Verdict::refused) << entity;
+            EXPECT_EQ(changed.answer.layers.front().signers.front().result.reason, CMS::SignatureReason::bodyDiffers);
+        }
+    }
+}
+
+TEST(SMimeRead, AMicalgThatIsMissingOrWrongMakesNoDifference) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    EXPECT_EQ(outcomeOf(replaced(mail, "micalg=\"sha-256\"", "micalg=md5")).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(replaced(mail, "micalg=\"sha-256\"; ", "")).answer.verdict, Verdict::signatureGood);
+}
+
+TEST(SMimeRead, AProtocolThatIsMissingOrOldMakesNoDifference) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::string protocol = "protocol=\"application/pkcs7-signature\"";
+    for (const char* other : {"protocol=\"application/x-pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
+        EXPECT_EQ(outcomeOf(replaced(mail, protocol, other)).answer.verdict, Verdict::signatureGood) << other;
+}
+
+// Programs that know PKCS#7 1.5 alone, such as `openssl smime`.
+TEST(SMimeRead, MessagesOfOlderPrograms) {
+    const auto certificate = bob().certificate.x509();
+    const int flags = PKCS7_BINARY | PKCS7_CRLFEOL | PKCS7_STREAM;
+    const auto written = [&](PKCS7* structure, int more) {
+        const norvauthority::Pkcs7Ptr owned(structure);
+        const Bio content = sourceOf(plainEntity);
+        const Bio out(BIO_new(BIO_s_mem()));
+        EXPECT_EQ(SMIME_write_PKCS7(out.get(), structure, content.get(), flags | more), 1);
+        ERR_clear_error();
+        return mailOf(textOf(out.get()));
+    };
+    const auto alices = alice().certificate.x509();
+    for (const int more : {PKCS7_DETACHED, 0}) {
+        const Bio content = sourceOf(plainEntity);
+        PKCS7* made = PKCS7_sign(alices.get(), alice().key.get(), nullptr, content.get(), flags | more);
+        const Outcome outcome = outcomeOf(written(made, more));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+    }
+    const std::unique_ptr<STACK_OF(X509), Freeing> certificates(sk_X509_new_null());
+    sk_X509_push(certificates.get(), certificate.get());
+    const Bio content = sourceOf(plainEntity);
+    PKCS7* made = PKCS7_encrypt(certificates.get(), content.get(), EVP_aes_128_cbc(), flags);
+    const Outcome outcome = outcomeOf(written(made, 0));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+}
+
+// Another Content-Type beside the one that was judged: some show the one, some the other.
+TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const Outcome twice = outcomeOf(mailOf(replaced(mail, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n")));
+    EXPECT_EQ(twice.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(twice.answer.detail, HasSubstr("Content-Type stands there twice"));
+    // Within the signed part its sender chose it.
+    const std::string inside = "Content-Type: text/html\r\n" + plainEntity;
+    const Outcome covered = outcomeOf(mailOf(signedBy(alice(), inside, detached)));
+    EXPECT_EQ(covered.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(covered.answer.oddities.size(), 1U);
+}
+
+TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {
+    const Outcome outcome = outcomeOf("Content-Type: multipart/signed; boundary=b\r\n\r\n--b\r\n\r\nx\r\n--b\r\n"
+                                      "Content-Type: application/pgp-signature\r\n\r\ny\r\n--b--\r\n");
+    EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr("application/pgp-signature"));
+}
+
+TEST(SMimeRead, OpaqueSignature) {
+    const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), plainEntity, wire)));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("opaque-signed 1 good"));
+}
+
+TEST(SMimeRead, EncryptedWithAndWithoutAKey) {
+    const std::string mail = mailOf(encryptedFor({&alice(), &bob()}, plainEntity));
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    const SMime::Layer& layer = outcome.answer.layers.front();
+    EXPECT_EQ(layer.kind, LayerKind::enveloped);
+    EXPECT_FALSE(layer.authenticated);
+    EXPECT_THAT(layer.cipher, HasSubstr("AES-256-CBC"));
+    ASSERT_EQ(layer.recipients.size(), 2U);
+    EXPECT_FALSE(layer.recipients[0].opened);
+    EXPECT_TRUE(layer.recipients[1].opened);
+
+    const Outcome closed = outcomeOf(mail, {});
+    EXPECT_EQ(closed.answer.verdict, Verdict::noKey);
+    EXPECT_EQ(closed.content, "");
+}
+
+TEST(SMimeRead, AuthenticatedEncryption) {
+    const std::string mail = mailOf(encryptedFor({&bob()}, plainEntity, EVP_aes_256_gcm()));
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("auth-enveloped 1 good"));
+    EXPECT_TRUE(outcome.answer.layers.front().authenticated);
+}
+
+TEST(SMimeRead, TripleWrapped) {
+    const std::string inner = signedBy(alice(), plainEntity, detached);
+    const std::string mail = mailOf(signedBy(bob(), encryptedFor({&bob()}, inner), wire));
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_THAT(layersOf(outcome.answer),
+                ElementsAre("opaque-signed 1 good", "enveloped 1.1 good", "multipart-signed 1.1.1 good"));
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_EQ(outcome.answer.contentPath, "1.1.1.1");
+}
+
+TEST(SMimeRead, CertificatesAlone) {
+    const Structure structure(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_DETACHED | CMS_BINARY));
+    CMS_add1_cert(structure.get(), alice().certificate.x509().get());
+    CMS_add1_cert(structure.get(), bob().certificate.x509().get());
+    const Bio out(BIO_new(BIO_s_mem()));
+    const Bio empty = sourceOf("");
+    CMS_final(structure.get(), empty.get(), nullptr, CMS_DETACHED);
+    ERR_clear_error();
+    ASSERT_EQ(i2d_CMS_bio(out.get(), structure.get()), 1);
+    const std::string mail = fieldsOfAlice +
+                             "Content-Type: application/pkcs7-mime; smime-type=certs-only; name=smime.p7c\r\n"
+                             "Content-Transfer-Encoding: binary\r\n\r\n" +
+                             textOf(out.get());
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::certificates) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.front().certificates.size(), 2U);
+    EXPECT_EQ(outcome.content, "");
+}
+
+TEST(SMimeRead, TypesAsRealSendersWriteThem) {
+    const std::string entity = encryptedFor({&bob()}, plainEntity);
+    const std::string header = entity.substr(0, entity.find("\r\n\r\n"));
+    const std::string body = entity.substr(entity.find("\r\n\r\n") + 4);
+    const auto read = [&](const std::string& fields, const std::string& encoded) {
+        return outcomeOf(fieldsOfAlice + fields + "\r\n\r\n" + encoded);
+    };
+    const std::string base64 = "\r\nContent-Transfer-Encoding: base64";
+    for (const std::string& fields :
+         {"Content-Type: application/x-pkcs7-mime; name=smime.p7m" + base64,
+          "Content-Type: application/pkcs7-mime" + base64,
+          "Content-Type: application/cms; encapsulatingContent=data" + base64, // RFC 7193
+          "Content-Type: Application/PKCS7-MIME; SMIME-Type=signed-data" + base64,
+          "Content-Type: application/octet-stream\r\nContent-Disposition: attachment; filename=\"SMIME.P7M\"" + base64,
+          "Content-Type: application/octet-stream; name*=utf-8''smime%2Ep7m" + base64,
+          std::string("Content-Type: application/pkcs7-mime"),
+          std::string("Content-Type: application/pkcs7-mime\r\nContent-Transfer-Encoding: 7bit"),
+          std::string("Content-Type: application/pkcs7-mime\r\nContent-Transfer-Encoding: BASE64 (yes)")}) {
+        const Outcome outcome = read(fields, body);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << fields << '\n' << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+    }
+    const std::string type = "Content-Type: application/pkcs7-mime";
+    EXPECT_EQ(read(type, "-----BEGIN CMS-----\r\n" + body + "-----END CMS-----\r\n").content, plainEntity);
+    EXPECT_EQ(read("Content-Type: application/octet-stream; name=x.bin" + base64, body).answer.verdict,
+              Verdict::notSMime);
+}
+
+// A list adds its footer: what was signed is judged, and what was not is named and left out.
+TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
+    const std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                             signedBy(alice(), plainEntity, detached) +
+                             "\r\n--list\r\nContent-Type: text/html\r\n\r\nfooter\r\n--list--\r\n";
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1.1 good"));
+    ASSERT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.2"));
+    EXPECT_EQ(outcome.answer.notCovered[0].type, "text/html");
+}
+
+// What was decrypted never stands beside what a stranger wrote.
+TEST(SMimeRead, DecryptedTextIsHandedOnAlone) {
+    const std::string mail = fieldsOfAlice +
+                             "Content-Type: multipart/mixed; boundary=x\r\n\r\n"
+                             "--x\r\nContent-Type: text/html\r\n\r\n<img src=\"http://example.org/\r\n--x\r\n" +
+                             encryptedFor({&bob()}, plainEntity) + "\r\n--x\r\n" +
+                             encryptedFor({&bob()}, "\r\nanother\r\n") +
+                             "\r\n--x\r\nContent-Type: text/html\r\n\r\n\">\r\n--x--\r\n";
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted);
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.1", "1.3", "1.4"));
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("enveloped 1.2 good", "enveloped 1.3 good"));
+    EXPECT_FALSE(outcome.answer.layers[1].coversContent);
+}
+
+TEST(SMimeRead, AThirdPartOfAMultipartSignedIsNotCovered) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = entity.find("boundary=\"") + 10;
+    const std::string boundary = entity.substr(at, entity.find('"', at) - at);
+    const std::string mail =
+        mailOf(replaced(entity, "--" + boundary + "--", "--" + boundary + "\r\n\r\nmore\r\n--" + boundary + "--"));
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.3"));
+}
+
+// The signed part holds a message that somebody else had signed and encrypted: looked at in passing.
+TEST(SMimeRead, WhatIsForwardedIsJudgedByItself) {
+    const std::string forwarded = "From: bob@example.org\r\n" + signedBy(bob(), plainEntity, detached);
+    const std::string entity = "Content-Type: multipart/mixed; boundary=f\r\n\r\n--f\r\n\r\nsee below\r\n--f\r\n"
+                               "Content-Type: message/rfc822\r\n\r\n" +
+                               forwarded + "\r\n--f--\r\n";
+    const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), entity, detached)));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, entity);
+    EXPECT_THAT(layersOf(outcome.answer),
+                ElementsAre("multipart-signed 1 good", "forwarded 1.1.2 good", "multipart-signed 1.1.2.1 good"));
+    EXPECT_TRUE(outcome.answer.layers[0].coversContent);
+    EXPECT_FALSE(outcome.answer.layers[2].coversContent);
+    EXPECT_TRUE(outcome.answer.notCovered.empty());
+
+    // Forwarded without a signature of its own: nothing of the message itself is signed.
+    const Outcome bare = outcomeOf(fieldsOfAlice + entity);
+    EXPECT_EQ(bare.answer.verdict, Verdict::notSMime);
+    EXPECT_EQ(bare.content, "");
+    EXPECT_THAT(layersOf(bare.answer), ElementsAre("forwarded 1.2 good", "multipart-signed 1.2.1 good"));
+}
+
+TEST(SMimeRead, NothingOfSMime) {
+    for (const std::string& mail :
+         {fieldsOfAlice + plainEntity, std::string(), std::string("\r\n"), std::string("no header"),
+          fieldsOfAlice + "Content-Type: multipart/signed; protocol=\"application/pgp-signature\"; boundary=b\r\n\r\n"
+                          "--b\r\n\r\nx\r\n--b\r\nContent-Type: application/pgp-signature\r\n\r\ny\r\n--b--\r\n"}) {
+        const Outcome outcome = outcomeOf(mail);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::notSMime) << mail;
+        EXPECT_EQ(outcome.content, "");
+        EXPECT_TRUE(outcome.answer.layers.empty());
+    }
+}
+
+TEST(SMimeRead, AWholeMessageKeepsTheFieldsOutside) {
+    static const Keys keys({&bob()});
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    options.wholeMessage = true;
+    const Outcome outcome = outcomeOf(mailOf(encryptedFor({&bob()}, plainEntity)), options);
+    EXPECT_EQ(outcome.content, fieldsOfAlice + "Content-Type: text/plain; charset=utf-8\r\nMIME-Version: 1.0\r\n\r\n"
+                                               "Hello Bob,\r\n\r\nyours\r\n");
+}
+
+TEST(SMimeRead, SeveralThreadsReadMessagesAtOnce) {
+    const std::string entity = "From: =?iso-8859-15?q?=E4?= <alice@example.org>\r\nSubject: =?utf-8?b?w6Q=?=\r\n"
+                               "Content-Type: text/plain; hp=clear; name*=iso-8859-1''%E4\r\n\r\nx\r\n";
+    const std::string mail = fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), entity, detached));
+    static_cast<void>(outcomeOf(mail)); // what is made once
+    std::array<bool, 4> isRead{};
+    std::vector<std::thread> threads;
+    for (bool& done : isRead)
+        threads.emplace_back([&mail, &entity, &done] {
+            bool all = true;
+            for (int round = 0; round < 5; ++round)
+                all = outcomeOf(mail).content == entity && all;
+            done = all;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_THAT(isRead, testing::Each(true));
+}
+
+TEST(SMimeRead, LargePartsGoToAFileWithoutAName) {
+    interop::Workspace workspace;
+    const std::string entity = "\r\n" + std::string(300000, 'x') + "\r\n";
+    SMime::ReadOptions options;
+    options.spillTemplate = workspace.path("spillXXXXXX");
+    const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), entity, detached)), options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcome.content, entity);
+    EXPECT_THAT(workspace.names(), ElementsAre());
+    options.budget.spill = 200000;
+    EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), entity, detached)), options).answer.verdict, Verdict::tooCostly);
+}
+
+} // namespace

@@ -1,0 +1,134 @@
+// Whom to believe, and whether that is the sender.
+#include "Mails.h"
+
+using namespace smimetest;
+using interop::alice;
+using interop::bob;
+using testing::ElementsAre;
+using testing::HasSubstr;
+namespace Trust = Norvane::Crypto::Trust;
+
+namespace {
+
+constexpr unsigned int detached = CMS_BINARY | CMS_CRLFEOL | CMS_DETACHED;
+
+/// Judged by the root that issued everybody.
+Outcome judged(const std::string& mail, const std::vector<std::string>& from = {}) {
+    static const auto material = [] {
+        auto made = std::make_shared<Trust::Material>();
+        made->addAnchor(x509testing::read(interop::root()));
+        return made;
+    }();
+    static const Trust::Verifier verifier(material);
+    static const Keys keys({&bob()});
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    options.trust = &verifier;
+    options.from = from;
+    return outcomeOf(mail, options);
+}
+
+std::string signedMail(const std::string& from, const std::string& entity = plainEntity) {
+    return from + "\r\nSubject: x\r\n" + signedBy(alice(), entity, detached);
+}
+
+TEST(SMimeTrust, SignedByItsSenderWhoIsTrusted) {
+    const Outcome outcome = judged(signedMail("From: \"Alice, A.\" <alice@EXAMPLE.org>"));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted) << outcome.answer.detail;
+    ASSERT_EQ(outcome.answer.layers.size(), 1U);
+    const SMime::LayerSigner& signer = outcome.answer.layers[0].signers.at(0);
+    EXPECT_TRUE(signer.isAccepted());
+    EXPECT_EQ(signer.trust->chain.size(), 2U);
+    EXPECT_EQ(signer.sender->relation, Trust::SenderRelation::from);
+}
+
+TEST(SMimeTrust, NobodyIsTrustedWithoutAnchors) {
+    const Trust::Verifier verifier(std::make_shared<Trust::Material>());
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const Outcome outcome = outcomeOf(signedMail("From: alice@example.org"), options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+    const SMime::LayerSigner& signer = outcome.answer.layers.at(0).signers.at(0);
+    EXPECT_EQ(signer.result.verdict, CMS::SignatureVerdict::good);
+    EXPECT_TRUE(signer.trust->has(Trust::ReasonCode::issuerMissing));
+    EXPECT_EQ(outcome.answer.detail, signer.trust->reasons.front().text);
+}
+
+TEST(SMimeTrust, AnotherSenderIsRefused) {
+    for (const std::string& from :
+         {std::string("From: mallory@example.org"), std::string("From: alice@example.org\r\nfrom: mallory@example.org"),
+          std::string("From: alice@example.org, mallory@example.org"), std::string("X: y"),
+          std::string("From: alice@example.org@example.net"),
+          std::string("From: \"alice@example.org\" <m@example.org>"),
+          std::string("From: =?utf-8?q?alice=40example=2Eorg?= <m@example.org>"),
+          std::string("From: m@example.org\r\nSender: alice@example.org")}) {
+        const Outcome outcome = judged(signedMail(from));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << from;
+        EXPECT_TRUE(outcome.answer.layers.at(0).signers.at(0).trust->accepted);
+        EXPECT_FALSE(outcome.answer.layers[0].signers[0].sender->matches()) << from;
+    }
+    EXPECT_EQ(judged(signedMail("From: m@example.org"), {"alice@example.org"}).answer.verdict, Verdict::accepted);
+}
+
+// What a mail client shows is the one From or the other.
+TEST(SMimeTrust, TheSignerIsBothTheSenderOutsideAndTheOneThatIsCovered) {
+    const std::string inside = "From: alice@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: alice@example.org", inside)).answer.verdict, Verdict::accepted);
+    const Outcome outcome = judged(signedMail("From: boss@example.org", inside));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+    EXPECT_THAT(outcome.answer.from, ElementsAre("boss@example.org", "alice@example.org"));
+    const std::string other = "From: boss@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: alice@example.org", other)).answer.verdict, Verdict::refused);
+}
+
+TEST(SMimeTrust, OneOfTheLayersIsTheSenders) {
+    const std::string inner = signedBy(alice(), plainEntity, detached);
+    const std::string gateway = fieldsOfAlice + signedBy(bob(), encryptedFor({&bob()}, inner), detached);
+    EXPECT_EQ(judged(gateway).answer.verdict, Verdict::accepted);
+    const std::string nobody = fieldsOfAlice + signedBy(bob(), plainEntity, detached);
+    EXPECT_EQ(judged(nobody).answer.verdict, Verdict::refused);
+}
+
+TEST(SMimeTrust, AForwardedMessageIsComparedWithItsOwnSender) {
+    const std::string entity = "Content-Type: multipart/mixed; boundary=f\r\n\r\n--f\r\n"
+                               "Content-Type: message/rfc822\r\n\r\nFrom: bob@example.org\r\n" +
+                               signedBy(bob(), plainEntity, detached) + "\r\n--f--\r\n";
+    const Outcome outcome = judged(signedMail("From: alice@example.org", entity));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted) << outcome.answer.detail;
+    ASSERT_EQ(outcome.answer.layers.size(), 3U);
+    EXPECT_TRUE(outcome.answer.layers[2].signers.at(0).isAccepted());
+    // A trusted signature within an attachment says nothing about the message.
+    const Outcome bare = judged("From: bob@example.org\r\n" + entity);
+    EXPECT_EQ(bare.answer.verdict, Verdict::notSMime);
+}
+
+// Fourteen parts, each signed by three people: thirty-two chains are built.
+TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const std::string part = signedBy({&alice(), &bob(), &interop::carol()}, plainEntity, detached);
+    std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=many\r\n";
+    for (int count = 0; count < 14; ++count)
+        mail += "\r\n--many\r\n" + part;
+    const Outcome outcome = outcomeOf(mail + "\r\n--many--\r\n", options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.size(), 14U);
+    EXPECT_EQ(verifier.cacheCounts().hits + verifier.cacheCounts().misses, 32U);
+    EXPECT_FALSE(outcome.answer.layers.back().signers.at(0).trust);
+    EXPECT_EQ(outcome.answer.layers.back().status, LayerStatus::good);
+}
+
+TEST(SMimeTrust, AMisusedPolicyIsTheCallersFailure) {
+    const Trust::Verifier verifier(std::make_shared<Trust::Material>());
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    options.trustOptions.policies = {"no identifier"};
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    EXPECT_THROW(SMime::read(Norvane::MemoryMediaIn(signedMail("From: alice@example.org")), nowhere, options),
+                 Norvane::Exception);
+}
+
+} // namespace

@@ -1,0 +1,179 @@
+// Encrypted mails, and several shells, read by OpenSSL's own reader of S/MIME.
+
+#include "Generated.h"
+#include "Writing.h"
+
+namespace {
+
+using namespace smimetest;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string mail = "From: alice@example.com\nTo: bob@example.com\nSubject: Lunch\n"
+                         "Content-Type: text/plain; charset=utf-8\n\nAt noon, Gr\xc3\xbc\xc3\x9f"
+                         "e\n";
+const std::string entity =
+    "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n"
+    "At noon, Gr=C3=BC=C3=9F"
+    "e\r\n";
+
+TEST(SmimeEncryptingTest, EncryptsForAllRecipients) {
+    const std::string sent = wrapped(mail, {encryptedFor({&person("bob"), &person("carol"), &person("bob")})});
+    EXPECT_THAT(sent,
+                StartsWith("From: alice@example.com\r\nTo: bob@example.com\r\nSubject: Lunch\r\nMIME-Version: 1.0\r\n"
+                           "Content-Type: application/pkcs7-mime; smime-type=enveloped-data;\r\n"
+                           " name=\"smime.p7m\"\r\nContent-Transfer-Encoding: base64\r\n"
+                           "Content-Disposition: attachment; filename=\"smime.p7m\"\r\n\r\n"));
+    expectLines(sent, "\r\n", 78);
+    EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    EXPECT_EQ(decrypted(sent, person("carol")), entity);
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    EXPECT_EQ(sk_CMS_RecipientInfo_num(CMS_get0_RecipientInfos(structure.get())), 2);
+}
+
+TEST(SmimeEncryptingTest, NamesAuthenticatedMessagesAsTheyAre) {
+    for (const auto cipher :
+         {CMS::ContentCipher::aes128Gcm, CMS::ContentCipher::aes192Gcm, CMS::ContentCipher::aes256Gcm}) {
+        SMime::EncryptOptions options = encryptedFor({&person("bob")});
+        options.cipher = cipher;
+        const std::string sent = wrapped(mail, {options});
+        EXPECT_THAT(sent, HasSubstr("smime-type=authEnveloped-data;"));
+        EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    }
+    for (const auto cipher : {CMS::ContentCipher::aes128Cbc, CMS::ContentCipher::tripleDesCbc}) {
+        SMime::EncryptOptions options = encryptedFor({&person("bob")});
+        options.cipher = cipher;
+        EXPECT_EQ(decrypted(wrapped(mail, {options}), person("bob")), entity);
+    }
+}
+
+TEST(SmimeEncryptingTest, TakesRecipientsAsTheCallerMadeThem) {
+    SMime::EncryptOptions options;
+    options.recipients = {CMS::EnvelopeRecipient::rsaOaep(certificateOf(person("bob")))};
+    EXPECT_EQ(decrypted(wrapped(mail, {options}), person("bob")), entity);
+    const Identity& curve = person("agrees", {.key = norvauthority::Key::ec(), .keyUsage = 0x08});
+    EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&curve})}), curve), entity);
+}
+
+/// The object identifiers of the key encryption algorithms of a mail's recipients, key agreements left out.
+std::vector<std::string> keyTransportsOf(const std::string& sent) {
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    std::vector<std::string> names;
+    const auto* const recipients = CMS_get0_RecipientInfos(structure.get());
+    for (int index = 0; index < sk_CMS_RecipientInfo_num(recipients); ++index) {
+        CMS_RecipientInfo* const recipient = sk_CMS_RecipientInfo_value(recipients, index);
+        X509_ALGOR* algorithm = nullptr;
+        if (CMS_RecipientInfo_type(recipient) == CMS_RECIPINFO_TRANS &&
+            CMS_RecipientInfo_ktri_get0_algs(recipient, nullptr, nullptr, &algorithm) == 1) {
+            const ASN1_OBJECT* object = nullptr;
+            X509_ALGOR_get0(&object, nullptr, nullptr, algorithm);
+            char text[80] = "";
+            OBJ_obj2txt(text, sizeof text, object, 1);
+            names.emplace_back(text);
+        }
+    }
+    return names;
+}
+
+TEST(SmimeEncryptingTest, EncryptsWithOaepWhereTheKeyIsRsa) {
+    const Identity& curve = person("agrees with others", {.key = norvauthority::Key::ec(), .keyUsage = 0x08});
+    SMime::EncryptOptions options = encryptedFor({&person("bob"), &curve});
+    EXPECT_EQ(keyTransportsOf(wrapped(mail, {options})), std::vector<std::string>{"1.2.840.113549.1.1.1"});
+    options.oaep = CMS::OaepParameters{.digest = Hasher::SHA384};
+    const std::string sent = wrapped(mail, {options});
+    EXPECT_EQ(keyTransportsOf(sent), std::vector<std::string>{"1.2.840.113549.1.1.7"});
+    EXPECT_EQ(decrypted(sent, person("bob")), entity);
+    EXPECT_EQ(decrypted(sent, curve), entity);
+
+    SMime::EncryptOptions withoutRsa = encryptedFor({&curve});
+    withoutRsa.oaep.emplace();
+    EXPECT_EQ(refusalOf(mail, {withoutRsa}), "RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
+}
+
+TEST(SmimeEncryptingTest, SignsAndEncryptsInOneStep) {
+    for (const auto& signing : {signedBy({&person("alice")}), opaquelySignedBy(person("alice"))}) {
+        MemoryMediaOut out;
+        SMime::signAndEncrypt(MemoryMediaIn(mail), signing, encryptedFor({&person("bob")}), out);
+        const std::string sent = norvtest::textOf(out.content());
+        EXPECT_THAT(sent, HasSubstr("enveloped-data"));
+        expectLines(sent, "\r\n", 78);
+        const std::string inner = decrypted(sent, person("bob"));
+        EXPECT_THAT(inner, StartsWith(signing.form == SMime::SigningForm::opaque
+                                          ? "Content-Type: application/pkcs7-mime; smime-type=signed-data;"
+                                          : "Content-Type: multipart/signed;"));
+        expectLines(inner, "\r\n", 78);
+        EXPECT_EQ(verified(inner), entity);
+    }
+}
+
+TEST(SmimeEncryptingTest, WrapsThreeTimes) {
+    const std::string sent =
+        wrapped(mail, {signedBy({&person("alice")}), encryptedFor({&person("bob")}), signedBy({&person("carol")})});
+    const std::string inner = verified(decrypted(verified(sent), person("bob")));
+    EXPECT_EQ(inner, entity);
+    SMime::WriteOptions how;
+    how.lineEnds = SMime::LineEnds::lf;
+    const std::string inFile = wrapped(
+        mail, {opaquelySignedBy(person("alice")), encryptedFor({&person("bob")}), opaquelySignedBy(person("carol"))},
+        how);
+    expectLines(inFile, "\n", 78);
+    EXPECT_EQ(verified(decrypted(verified(inFile), person("bob"))), entity);
+}
+
+TEST(SmimeEncryptingTest, AddsShellsToWhatHasSome) {
+    const std::string once = wrapped(mail, {signedBy({&person("alice")})});
+    const std::string twice = wrapped(once, {encryptedFor({&person("bob")})});
+    EXPECT_EQ(verified(decrypted(twice, person("bob"))), entity);
+    const std::string thrice = wrapped(twice, {signedBy({&person("carol")})});
+    EXPECT_EQ(verified(decrypted(verified(thrice), person("bob"))), entity);
+}
+
+TEST(SmimeEncryptingTest, RefusesNoShellsAndTooMany) {
+    EXPECT_EQ(refusalOf(mail, {}), "there is nothing to do with the message");
+    EXPECT_EQ(refusalOf(mail, std::vector<SMime::Wrapping>(9, signedBy({&person("alice")}))),
+              "there are more than 8 shells");
+    EXPECT_EQ(verified(wrapped(mail, {signedBy({&person("alice")})})), entity);
+}
+
+TEST(SmimeEncryptingTest, SendsCertificatesAlone) {
+    MemoryMediaOut out;
+    SMime::writeCertificates(MemoryMediaIn("From: alice@example.com\nContent-Type: text/plain\nMIME-Version: 1.0\n\n"),
+                             {certificateOf(person("alice")), certificateOf(root())}, {}, out);
+    const std::string sent = norvtest::textOf(out.content());
+    EXPECT_THAT(sent,
+                StartsWith("From: alice@example.com\r\nMIME-Version: 1.0\r\n"
+                           "Content-Type: application/pkcs7-mime; smime-type=certs-only; name=\"smime.p7c\"\r\n"));
+    expectLines(sent, "\r\n", 78);
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    ASSERT_NE(structure, nullptr) << opensslReason();
+    STACK_OF(X509)* const certificates = CMS_get1_certs(structure.get());
+    EXPECT_EQ(sk_X509_num(certificates), 2);
+    sk_X509_pop_free(certificates, X509_free);
+    EXPECT_EQ(refusal([&] { SMime::writeCertificates(MemoryMediaIn("A: b\n\nx"), {certificateOf(root())}, {}, out); }),
+              "a message of certificates has no body");
+}
+
+TEST(SmimeEncryptingTest, TakesMessagesFromPipesAndFilesAlike) {
+    for (const bool returns : {false, true}) {
+        MemoryMediaOut out;
+        SMime::sign(generated(300000, returns), signedBy({&person("alice")}), out);
+        const std::string part = verified(norvtest::textOf(out.content()));
+        EXPECT_EQ(part.size(), 300000 + 300000 / 64 +
+                                   std::string("Content-Type: application/octet-stream\r\n"
+                                               "Content-Transfer-Encoding: base64\r\n\r\n")
+                                       .size());
+    }
+}
+
+TEST(SmimeEncryptingTest, StreamsALongMessage) {
+    NullMediaOut out;
+    SMime::signAndEncrypt(generated(std::uint64_t{8} << 20U, true), signedBy({&person("alice")}),
+                          encryptedFor({&person("bob")}), out);
+    EXPECT_GT(out.tell(), std::uint64_t{8} << 20U);
+}
+
+} // namespace

@@ -1,0 +1,197 @@
+// Who signs and who reads: by certificate and by address.
+
+#include "Writing.h"
+
+namespace {
+
+using namespace smimetest;
+using testing::HasSubstr;
+
+/// Keys by address.
+class Keys : public NVX509::KeyStorePlugin {
+public:
+    NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& /*issuer*/,
+                                    const ASN1::Integer& /*serial*/) override {
+        return NVX509::KeyCertificatePair(true);
+    }
+    NVX509::RefCertificate findEncryptionCertificate(const EmailAddress& address) override {
+        asked.push_back(address.address());
+        const auto found = people.find(address.address());
+        return found == people.end() ? NVX509::RefCertificate() : certificateOf(*found->second);
+    }
+    NVX509::KeyCertificatePair findSigningKey(const EmailAddress& address) override {
+        asked.push_back(address.address());
+        const auto found = people.find(address.address());
+        return found == people.end() ? NVX509::KeyCertificatePair(true) : pairOf(*found->second);
+    }
+    NVX509::KeyCertificatePair findDecryptionKey(const EmailAddress& /*address*/) override {
+        return NVX509::KeyCertificatePair(true);
+    }
+
+    std::map<std::string, const Identity*> people{{"alice@example.com", &person("alice")},
+                                                  {"bob@example.com", &person("bob")},
+                                                  {"carol@example.com", &person("carol")}};
+    std::vector<std::string> asked;
+};
+
+class SmimePeopleTest : public testing::Test {
+protected:
+    SmimePeopleTest() : m_store(true), m_keys(new Keys) {
+        m_store->add(NVX509::RefKeyStorePlugin(m_keys));
+        m_signing.keys = m_store;
+        m_encrypting.keys = m_store;
+        m_encrypting.addressesOfMessage = true;
+    }
+
+    std::string m_body = "\nx\n";
+    NVX509::RefKeyStore m_store;
+    Keys* m_keys;
+    SMime::SignOptions m_signing;
+    SMime::EncryptOptions m_encrypting;
+};
+
+TEST_F(SmimePeopleTest, FindsTheSenderInTheMessage) {
+    for (const char* const from :
+         {"alice@example.com", "Alice <alice@example.com>", "=?utf-8?q?A=2C_B?= <alice@example.com>",
+          "\"eve@example.com\" <alice@example.com>", "(c) alice@example.com (d)", "Alice\n <alice@example.com>"}) {
+        verified(wrapped(std::string("From: ") + from + "\n" + m_body, {m_signing}));
+        EXPECT_EQ(m_keys->asked, std::vector<std::string>{"alice@example.com"}) << from;
+        m_keys->asked.clear();
+    }
+    verified(wrapped("From: eve@example.com, dora@example.com\nSender: alice@example.com\n" + m_body, {m_signing}));
+    m_signing.from = EmailAddress::rfc5321Parse("bob@example.com", false);
+    EXPECT_THAT(wrapped("From: eve@example.com\n" + m_body, {m_signing}), HasSubstr("multipart/signed"));
+    EXPECT_EQ(m_keys->asked, (std::vector<std::string>{"alice@example.com", "bob@example.com"}));
+}
+
+TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
+    EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_signing}), "the message has no From");
+    EXPECT_EQ(refusalOf("From: undisclosed:;\n" + m_body, {m_signing}), "the From of the message is no address");
+    EXPECT_EQ(refusalOf("From: Alice\n" + m_body, {m_signing}), "the From of the message is no address");
+    EXPECT_EQ(refusalOf("From: alice@example.com, somebody else\n" + m_body, {m_signing}),
+              "the From of the message is no address");
+    EXPECT_EQ(refusalOf("From: alice@example.com@evil.example\n" + m_body, {m_signing}),
+              "the From of the message is no address");
+    const std::string several = "the message has several From addresses and no Sender: say who signs";
+    EXPECT_EQ(refusalOf("From: alice@example.com, bob@example.com\n" + m_body, {m_signing}), several);
+    EXPECT_EQ(refusalOf("From: alice@example.com\nFrom: bob@example.com\n" + m_body, {m_signing}), several);
+    EXPECT_EQ(refusalOf("From: eve@example.com\n" + m_body, {m_signing}),
+              "there is no key to sign with for eve@example.com");
+    EXPECT_EQ(refusalOf("From: alice@example.com\n" + m_body, {SMime::SignOptions()}),
+              "there is nobody to sign: no signer was given, and no store to find the sender in");
+}
+
+TEST_F(SmimePeopleTest, EncryptsToAllWhomTheMessageNames) {
+    const std::string sent = wrapped("From: alice@example.com\nTo: Group: bob@example.com, Bob <bob@example.com>;\n"
+                                     "Cc: carol@example.com,\n" +
+                                         m_body,
+                                     {m_encrypting});
+    decrypted(sent, person("bob"));
+    decrypted(sent, person("carol"));
+    EXPECT_EQ(m_keys->asked, (std::vector<std::string>{"bob@example.com", "carol@example.com"}));
+    m_encrypting.sender = true;
+    decrypted(wrapped("From: alice@example.com\nBcc: bob@example.com\n" + m_body, {m_encrypting}), person("alice"));
+}
+
+TEST_F(SmimePeopleTest, NamesEveryRecipientWithoutACertificate) {
+    EXPECT_EQ(refusalOf("To: eve@example.com, bob@example.com\nCc: mallory@example.org\n" + m_body, {m_encrypting}),
+              "there is no certificate for eve@example.com, mallory@example.org");
+    EXPECT_EQ(refusalOf("To: bob@example.com, nobody\n" + m_body, {m_encrypting}),
+              "To, Cc or Bcc of the message have what is no address: nobody");
+    EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_encrypting}), "there is nobody to encrypt to");
+    EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {SMime::EncryptOptions()}), "there is nobody to encrypt to");
+    m_encrypting.keys = NVX509::RefKeyStore(false);
+    EXPECT_EQ(refusalOf("To: bob@example.com\n" + m_body, {m_encrypting}),
+              "there is no store to find the recipients in");
+    m_encrypting.certificates.emplace_back();
+    m_encrypting.addressesOfMessage = false;
+    EXPECT_EQ(refusalOf(m_body, {m_encrypting}), "the certificate of a recipient is an empty handle");
+}
+
+TEST_F(SmimePeopleTest, BoundsRecipients) {
+    SMime::WriteOptions how;
+    how.budget.recipients = 1;
+    EXPECT_EQ(refusalOf("To: bob@example.com, carol@example.com\n" + m_body, {m_encrypting}, how),
+              "the message has more than 1 recipients");
+}
+
+TEST_F(SmimePeopleTest, TakesNoMoreGroupsThanTheStackHasRoomFor) {
+    std::string groups = "To: ";
+    for (int at = 0; at < 120000; ++at) {
+        groups += "a:";
+    }
+    EXPECT_THAT(refusalOf(groups + "\n" + m_body, {m_encrypting}),
+                testing::StartsWith("To, Cc or Bcc of the message have what is no address: a:a:"));
+    // Inside, where fields are encoded, too.
+    SMime::WriteOptions how;
+    how.protectHeader = true;
+    EXPECT_THAT(wrapped(groups + "\xc3\xa4\n" + m_body, {signedBy({&person("alice")})}, how),
+                HasSubstr("hp=\"clear\""));
+}
+
+const Identity& late() {
+    return person("late", {.key = norvauthority::Key::fromPem(norvtest::storedKeyPem("carol")),
+                           .notBefore = norvauthority::Time::at(1767225600),  // 2026-01-01T00:00:00Z
+                           .notAfter = norvauthority::Time::at(1769860800)}); // 2026-01-31T12:00:00Z
+}
+
+TEST_F(SmimePeopleTest, RefusesCertificatesOutOfTheirTime) {
+    SMime::WriteOptions how;
+    how.at = 1769860801;
+    const std::string expired = "the certificate of CN=late expired on 2026-01-31T12:00:00Z";
+    EXPECT_EQ(refusalOf(m_body, {signedBy({&late()})}, how), expired);
+    EXPECT_EQ(refusalOf(m_body, {encryptedFor({&late()})}, how), expired);
+    how.at = 1769860800;
+    EXPECT_THAT(wrapped(m_body, {signedBy({&late()})}, how), HasSubstr("multipart/signed"));
+    how.at = 1767225599;
+    EXPECT_EQ(refusalOf(m_body, {signedBy({&late()})}, how),
+              "the certificate of CN=late is not valid before 2026-01-01T00:00:00Z");
+    m_keys->people["alice@example.com"] = &late();
+    EXPECT_EQ(refusalOf("From: alice@example.com\n" + m_body, {m_signing}, how),
+              "the certificate of CN=late is not valid before 2026-01-01T00:00:00Z");
+}
+
+TEST_F(SmimePeopleTest, RefusesCertificatesForOtherUses) {
+    const auto key = [] { return norvauthority::Key::fromPem(norvtest::storedKeyPem("bob")); };
+    const Identity& signs = person("signs", {.key = key(), .keyUsage = 0x40});
+    const Identity& reads = person("reads", {.key = key(), .keyUsage = 0x20});
+    const Identity& serves = person("serves", {.key = key(), .extendedKeyUsage = {"serverAuth"}});
+    const Identity& mails = person("mails", {.key = key(), .extendedKeyUsage = {"serverAuth", "emailProtection"}});
+    const Identity& curve = person("curve", {.key = norvauthority::Key::ec(), .keyUsage = 0x80});
+    EXPECT_EQ(refusalOf(m_body, {signedBy({&reads})}),
+              "the certificate of CN=reads does not allow signing: its key usage has "
+              "neither digitalSignature nor nonRepudiation");
+    EXPECT_EQ(refusalOf(m_body, {encryptedFor({&signs})}),
+              "the certificate of CN=signs does not allow encryption: its key usage has no keyEncipherment");
+    EXPECT_EQ(refusalOf(m_body, {encryptedFor({&curve})}),
+              "the certificate of CN=curve does not allow encryption: its key usage has no keyAgreement");
+    EXPECT_EQ(
+        refusalOf(m_body, {signedBy({&serves})}),
+        "the certificate of CN=serves does not allow signing of mail: its extended key usage has no emailProtection");
+    EXPECT_EQ(refusalOf(m_body, {encryptedFor({&serves})}),
+              "the certificate of CN=serves does not allow encryption of mail: its extended key usage has no "
+              "emailProtection");
+    verified(wrapped(m_body, {signedBy({&signs})}));
+    decrypted(wrapped(m_body, {encryptedFor({&reads})}), reads);
+    decrypted(wrapped(m_body, {encryptedFor({&mails})}), mails);
+}
+
+TEST_F(SmimePeopleTest, TellsTheAddressesOfAMessage) {
+    const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn(
+        "from: A <a@example.com>\nSENDER: b@example.com\nTo: c@example.com, X: d@example.com;, odd\nCc: e@example.com\n"
+        "Bcc: <f@example.com>\nReply-To: g@example.com\n\nTo: h@example.com\n"));
+    const auto texts = [](const std::vector<EmailAddress>& addresses) {
+        std::vector<std::string> all;
+        for (const EmailAddress& address : addresses) {
+            all.push_back(address.address());
+        }
+        return all;
+    };
+    EXPECT_THAT(texts(people.from), testing::ElementsAre("a@example.com"));
+    EXPECT_THAT(texts(people.sender), testing::ElementsAre("b@example.com"));
+    EXPECT_THAT(texts(people.to),
+                testing::ElementsAre("c@example.com", "d@example.com", "e@example.com", "f@example.com"));
+    EXPECT_THAT(people.noAddresses, testing::ElementsAre("odd"));
+}
+
+} // namespace

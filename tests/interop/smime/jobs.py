@@ -1,0 +1,100 @@
+"""What is exchanged: each job is a message of one or more layers, the innermost first."""
+
+from dataclasses import dataclass
+
+SIGNERS = {"rsa": "alice", "pss": "alice", "ecdsa": "erin", "ed25519": "frank"}
+RECIPIENTS = {"rsa": "bob", "oaep": "bob", "ecdh": "erin"}
+NAMES = {
+    "rsa": "RSA PKCS#1 1.5",
+    "pss": "RSA-PSS",
+    "ecdsa": "ECDSA P-256",
+    "ed25519": "Ed25519",
+    "oaep": "RSA-OAEP",
+    "ecdh": "ECDH P-256",
+}
+
+
+@dataclass(frozen=True)
+class Signature:
+    scheme: str
+    opaque: bool = False
+    digest: str | None = "sha256"
+    protects: bool = False
+    signs = True
+
+    @property
+    def who(self):
+        return SIGNERS[self.scheme]
+
+    def text(self):
+        digest = "" if self.digest is None else ", " + self.digest.upper().replace("SHA", "SHA-")
+        return NAMES[self.scheme] + digest + (", opaque" if self.opaque else ", multipart/signed")
+
+
+@dataclass(frozen=True)
+class Envelope:
+    transport: str
+    cipher: str
+    protects: bool = False
+    signs = False
+
+    @property
+    def whom(self):
+        return RECIPIENTS[self.transport]
+
+    def text(self):
+        cipher = {"des-ede3-cbc": "Triple DES-CBC"}.get(self.cipher, self.cipher.upper())
+        return f"{NAMES[self.transport]}, {cipher}"
+
+
+@dataclass(frozen=True)
+class Job:
+    id: str
+    group: str
+    layers: tuple
+    text: str
+    oursAlone: bool = False  # what others have no way to be asked for
+
+    @property
+    def sender(self):
+        signers = [layer.who for layer in self.layers if layer.signs]
+        return signers[-1] if signers else "alice"
+
+
+def _sign(scheme, opaque=False, digest="sha256"):
+    layer = Signature(scheme, opaque, digest)
+    name = f"sign-{scheme}{'' if digest in ('sha256', None) else '-' + digest}-{'opaque' if opaque else 'detached'}"
+    return Job(name, "Signed", (layer,), layer.text())
+
+
+def _encrypt(transport, cipher):
+    layer = Envelope(transport, cipher)
+    return Job(f"encrypt-{transport}-{cipher}", "Encrypted", (layer,), layer.text())
+
+
+def _layers(name, text, *layers, oursAlone=False):
+    return Job(name, "Both", layers, text, oursAlone)
+
+
+def all_jobs():
+    jobs = [_sign(scheme, opaque) for scheme in ("rsa", "pss", "ecdsa") for opaque in (False, True)]
+    jobs += [_sign("ed25519", opaque, None) for opaque in (False, True)]
+    jobs += [_sign("rsa", False, "sha512")]
+    for cipher in ("des-ede3-cbc", "aes-128-cbc", "aes-192-cbc", "aes-256-cbc", "aes-128-gcm", "aes-256-gcm"):
+        jobs.append(_encrypt("rsa", cipher))
+    for transport in ("oaep", "ecdh"):
+        for cipher in ("aes-128-cbc", "aes-256-cbc", "aes-256-gcm"):
+            jobs.append(_encrypt(transport, cipher))
+    rsa, opaque = Signature("rsa"), Signature("rsa", True)
+    jobs += [
+        _layers("both-detached", "signed (multipart/signed), encrypted: RSA, AES-128-CBC", rsa, Envelope("rsa", "aes-128-cbc")),
+        _layers("both-opaque", "signed (opaque), encrypted: RSA, AES-128-CBC", opaque, Envelope("rsa", "aes-128-cbc")),
+        _layers("both-gcm", "signed (multipart/signed), encrypted: RSA, AES-256-GCM", rsa, Envelope("rsa", "aes-256-gcm")),
+        _layers("both-ec", "signed (multipart/signed), encrypted: ECDSA, ECDH, AES-256-CBC", Signature("ecdsa"), Envelope("ecdh", "aes-256-cbc")),
+        _layers("outer-signature", "encrypted, signed (multipart/signed): RSA, AES-128-CBC", Envelope("rsa", "aes-128-cbc"), rsa),
+        _layers("triple", "signed, encrypted, signed again: RSA, AES-128-CBC", rsa, Envelope("rsa", "aes-128-cbc"), rsa),
+        _layers("protected-signed", "signed with its header fields (RFC 9788): RSA", Signature("rsa", protects=True), oursAlone=True),
+        _layers("protected-both", "signed and encrypted with its header fields (RFC 9788): RSA, AES-128-CBC", Signature("rsa", protects=True), Envelope("rsa", "aes-128-cbc"), oursAlone=True),
+    ]
+    return jobs
+

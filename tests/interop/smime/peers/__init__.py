@@ -1,0 +1,1 @@
+"""The programs that exchange messages with ours."""

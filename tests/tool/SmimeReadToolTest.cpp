@@ -1,0 +1,151 @@
+// norvcrypt smime verify, decrypt and inspect, over mails that openssl made.
+
+#include "support/ToolTest.h"
+
+#include <nlohmann/json.hpp>
+
+using namespace interop;
+
+namespace {
+
+class SmimeReadToolTest : public ToolTest {
+protected:
+    SmimeReadToolTest() {
+        work.write("root.pem", root().certificate.pem());
+        for (const auto& [name, person] : {std::pair("alice", &alice()), std::pair("bob", &bob())}) {
+            work.write(std::string(name) + ".pem", person->certificate.pem());
+            work.write(std::string(name) + ".key", person->key.pkcs8Pem());
+        }
+        work.write("body", "Content-Type: text/plain\r\n\r\nhello\r\n");
+    }
+    /// A mail by `openssl cms`.
+    void make(const std::string& mail, const std::vector<std::string>& arguments) {
+        std::vector<std::string> all{"openssl", "cms", "-out", mail};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        const Answer made = run(Command{.arguments = all, .directory = work.directory()});
+        ASSERT_EQ(made.status, 0) << made.err;
+    }
+    void makeSigned(const std::string& mail, const std::string& from = "alice@example.org",
+                    const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments{"-sign", "-in", "body", "-signer", "alice.pem", "-inkey",   "alice.key",
+                                           "-from", from,  "-to",  "bob@x.y", "-subject",  "greetings"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        make(mail, arguments);
+    }
+};
+
+TEST_F(SmimeReadToolTest, VerifiesWithAndWithoutTrust) {
+    makeSigned("mail");
+    const Answer unasked = tool({"smime", "verify", "--in", "mail", "--out", "content"});
+    EXPECT_EQ(unasked.status, 0) << unasked.err;
+    EXPECT_EQ(unasked.out.find("verdict: signature-good: trust was not checked\n"), 0U) << unasked.out;
+    EXPECT_NE(unasked.out.find("a good signature does not tell who signed"), std::string::npos);
+    EXPECT_EQ(work.read("content"), "Content-Type: text/plain\r\n\r\nhello\r\n");
+    EXPECT_EQ(work.mode("content"), 0600U);
+
+    const Answer trusted = tool({"smime", "verify", "--ca", "root.pem"}, work.read("mail"));
+    EXPECT_EQ(trusted.status, 0) << trusted.out << trusted.err;
+    EXPECT_EQ(trusted.out.find("verdict: accepted:"), 0U) << trusted.out;
+
+    makeSigned("forged", "boss@example.org");
+    const Answer forged = tool({"smime", "verify", "--ca", "root.pem", "--in", "forged", "--out", "nothing"});
+    EXPECT_EQ(forged.status, 1);
+    EXPECT_EQ(forged.out.find("verdict: refused:"), 0U) << forged.out;
+    EXPECT_NE(forged.out.find("boss@example.org"), std::string::npos) << forged.out;
+    EXPECT_FALSE(work.exists("nothing"));
+    EXPECT_EQ(tool({"smime", "verify", "--ca", "root.pem", "--from", "alice@example.org", "--in", "forged"}).status, 0);
+    EXPECT_EQ(tool({"smime", "verify", "--ca", "bob.pem", "--in", "mail"}).status, 1);
+}
+
+TEST_F(SmimeReadToolTest, RefusesWhatWasChangedAndWhatIsNotSigned) {
+    makeSigned("mail");
+    std::string mail = work.read("mail");
+    mail.replace(mail.find("hello"), 5, "jello");
+    const Answer changed = tool({"smime", "verify"}, mail);
+    EXPECT_EQ(changed.status, 1);
+    EXPECT_EQ(changed.out.find("verdict: refused: part 1: the body is not the one that was signed"), 0U) << changed.out;
+    EXPECT_EQ(tool({"smime", "verify"}, "Subject: x\n\nhello\n").status, 1);
+    EXPECT_EQ(tool({"smime", "verify"}, "").status, 1);
+    EXPECT_EQ(tool({"smime", "verify"}, mail.substr(0, mail.size() / 2)).status, 2);
+}
+
+TEST_F(SmimeReadToolTest, AFooterIsRefusedUnlessTheSignedPartAloneIsAskedFor) {
+    makeSigned("mail");
+    const std::string mail = "From: alice@example.org\nContent-Type: multipart/mixed; boundary=l\n\n--l\n" +
+                             work.read("mail") + "\n--l\nContent-Type: text/plain\n\nfooter\n--l--\n";
+    const Answer whole = tool({"smime", "verify"}, mail);
+    EXPECT_EQ(whole.status, 1);
+    EXPECT_EQ(whole.out.find("verdict: signature-good, in part"), 0U) << whole.out;
+    EXPECT_NE(whole.out.find("not covered: part"), std::string::npos) << whole.out;
+    EXPECT_NE(whole.out.find(" 1.2, text/plain\n"), std::string::npos) << whole.out;
+    EXPECT_EQ(tool({"smime", "verify", "--covered-only", "--out", "content"}, mail).status, 0);
+    EXPECT_EQ(work.read("content"), "Content-Type: text/plain\r\n\r\nhello\r\n");
+}
+
+TEST_F(SmimeReadToolTest, DecryptsAndJudgesWhatIsWithin) {
+    makeSigned("signed");
+    make("mail", {"-encrypt", "-in", "signed", "-aes-256-cbc", "-from", "alice@example.org", "bob.pem"});
+    const std::vector<std::string> decrypt{"smime", "decrypt", "--in", "mail", "--cert", "bob.pem", "--key", "bob.key"};
+    const Answer clear = tool(decrypt);
+    EXPECT_EQ(clear.status, 0) << clear.err;
+    EXPECT_EQ(clear.out, "Content-Type: text/plain\r\n\r\nhello\r\n");
+    EXPECT_NE(clear.err.find("not authenticated"), std::string::npos) << clear.err;
+
+    std::vector<std::string> whole = decrypt;
+    whole.emplace_back("--whole");
+    EXPECT_EQ(tool(whole).out.find("From: alice@example.org\r\n"), 0U);
+
+    const Answer closed =
+        tool({"smime", "decrypt", "--in", "mail", "--cert", "alice.pem", "--key", "alice.key", "--out", "none"});
+    EXPECT_EQ(closed.status, 1);
+    EXPECT_NE(closed.err.find("there is no key for any recipient"), std::string::npos) << closed.err;
+    EXPECT_FALSE(work.exists("none"));
+    EXPECT_EQ(tool({"smime", "verify", "--in", "mail"}).status, 2);
+    EXPECT_EQ(
+        tool({"smime", "verify", "--in", "mail", "--ca", "root.pem", "--cert", "bob.pem", "--key", "bob.key"}).status,
+        0);
+
+    before = work.names();
+    expectFailure(tool({"smime", "decrypt", "--in", "mail"}), "give an identity to decrypt with");
+}
+
+TEST_F(SmimeReadToolTest, AWrongSignatureWithinIsWrittenOnlyWhenThatIsAskedFor) {
+    makeSigned("signed");
+    std::string inner = work.read("signed");
+    inner.replace(inner.find("hello"), 5, "jello");
+    work.write("signed", inner);
+    make("mail", {"-encrypt", "-in", "signed", "-aes-256-cbc", "bob.pem"});
+    const std::vector<std::string> decrypt{"smime", "decrypt", "--in", "mail", "--cert", "bob.pem", "--key", "bob.key"};
+    const Answer refused = tool(decrypt);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    std::vector<std::string> any = decrypt;
+    any.emplace_back("--any-signature");
+    const Answer taken = tool(any);
+    EXPECT_EQ(taken.status, 0);
+    EXPECT_EQ(taken.out, "Content-Type: text/plain\r\n\r\njello\r\n");
+    EXPECT_NE(taken.err.find("the body is not the one that was signed"), std::string::npos) << taken.err;
+}
+
+TEST_F(SmimeReadToolTest, InspectsAndTellsPrograms) {
+    makeSigned("mail");
+    const Answer text = tool({"smime", "inspect", "--in", "mail"});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_NE(text.out.find("part 1: signed (multipart/signed): good\n"), std::string::npos) << text.out;
+    const Answer answer = tool({"smime", "verify", "--in", "mail", "--ca", "root.pem", "--json"});
+    EXPECT_EQ(answer.status, 0);
+    const auto json = nlohmann::json::parse(answer.out);
+    EXPECT_EQ(json.at("verdict"), "accepted");
+    EXPECT_EQ(json.at("trustChecked"), true);
+    EXPECT_EQ(json.at("from"), nlohmann::json::array({"alice@example.org"}));
+    const auto& layer = json.at("layers").at(0);
+    EXPECT_EQ(layer.at("kind"), "multipart-signed");
+    EXPECT_EQ(layer.at("part"), "1");
+    EXPECT_EQ(layer.at("signers").at(0).at("verdict"), "good");
+    EXPECT_EQ(layer.at("signers").at(0).at("senderRelation"), "from");
+    EXPECT_TRUE(layer.at("signers").at(0).contains("trust"));
+    EXPECT_EQ(json.at("notCovered"), nlohmann::json::array());
+    EXPECT_EQ(tool({"smime", "inspect"}, "garbage").status, 0);
+}
+
+} // namespace

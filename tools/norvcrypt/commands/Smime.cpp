@@ -1,0 +1,85 @@
+// norvcrypt smime: what its commands that read a mail share.
+#include "commands/SmimeCommands.h"
+#include "commands/SmimeWriting.h"
+#include "files/Progress.h"
+#include "files/Spill.h"
+
+#include <algorithm>
+#include <iterator>
+#include <list>
+#include <utility>
+#include <vector>
+
+namespace norvcrypt {
+
+namespace NVX509 = Norvane::Crypto::NVX509;
+namespace CMS = Norvane::Crypto::CMS;
+namespace SMime = Norvane::Crypto::SMime;
+
+namespace {
+
+std::list<NVX509::KeyCertificatePair> pairsOf(const MailOptions& options, Inputs& inputs) {
+    std::vector<OwnIdentity> identities = readIdentities(options.identities.files(), inputs);
+    if (options.store)
+        std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
+    std::list<NVX509::KeyCertificatePair> pairs;
+    for (const OwnIdentity& identity : identities)
+        pairs.emplace_back(identity.key, identity.certificate, identity.chain);
+    return pairs;
+}
+
+ReadMail readMail(const std::string& path, SMime::ReadOptions reading, Inputs& inputs, const TrustJudge* judge,
+                  Norvane::MediaOut& content) {
+    reading.spillTemplate = spillTemplate();
+    reading.explain = true;
+    ReadMail mail;
+    mail.file = path;
+    if (judge != nullptr) {
+        reading.trust = &judge->verifier();
+        reading.trustOptions = judge->request().options;
+        reading.from = judge->request().from;
+        mail.trust = reading.trustOptions;
+    }
+    Progress progress("reading");
+    const Norvane::MediaIn in = inputs.open(path, &progress);
+    mail.answer = SMime::read(in, content, reading);
+    return mail;
+}
+
+} // namespace
+
+MailOptions::MailOptions(Command& command) : identities(command) {
+    command.option("--store", store, "A store: its identities with a key are tried after the others")->typeName("DIR");
+    command.option("--in", in, "The mail as it was sent; \"-\" is standard input")->typeName("MAIL")->showDefault();
+}
+
+ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
+                  bool isWhole) {
+    const CMS::KeyListLookup keys(pairsOf(options, inputs));
+    SMime::ReadOptions reading;
+    reading.keys = &keys;
+    reading.wholeMessage = isWhole;
+    return readMail(options.in, std::move(reading), inputs, judge, content);
+}
+
+ReadMail readMail(const std::string& path, const std::vector<NVX509::RefCertificate>& certificates, Inputs& inputs,
+                  const TrustJudge* judge) {
+    SMime::ReadOptions reading;
+    reading.certificates = certificates;
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    return readMail(path, std::move(reading), inputs, judge, nowhere);
+}
+
+void addSmime(Command& commands, Action& action) {
+    Command* smime = commands.command(
+        "smime", "Whole S/MIME messages: signs, encrypts, verifies, decrypts them and takes them apart");
+    smime->requireCommand();
+    addSmimeSign(*smime, action);
+    addSmimeEncrypt(*smime, action);
+    addSmimeSignEncrypt(*smime, action);
+    addSmimeVerify(*smime, action);
+    addSmimeDecrypt(*smime, action);
+    addSmimeInspect(*smime, action);
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,98 @@
+#include "commands/SmimeCommands.h"
+#include "files/Output.h"
+#include "smime/MailReport.h"
+#include "trust/TrustReport.h"
+
+#include <algorithm>
+
+namespace norvcrypt {
+
+namespace SMime = Norvane::Crypto::SMime;
+namespace Trust = Norvane::Crypto::Trust;
+
+namespace {
+
+struct SmimeDecryptOptions {
+    explicit SmimeDecryptOptions(Command& command)
+        : mail(command),
+          trust(command, Trust::Purpose::sign, TrustOptions::Anchors::optional) {}
+    MailOptions mail;
+    TrustOptions trust;
+    std::string out = "-";
+    bool whole = false;
+    bool anySignature = false;
+};
+
+bool isEncrypted(const SMime::Layer& layer) {
+    return layer.coversContent &&
+           (layer.kind == SMime::LayerKind::enveloped || layer.kind == SMime::LayerKind::authEnveloped);
+}
+
+Exit exitOf(const SMime::Answer& answer, bool anySignature) {
+    switch (answer.verdict) {
+    case SMime::Verdict::accepted:
+    case SMime::Verdict::signatureGood:
+    case SMime::Verdict::decrypted:
+        return Exit::good;
+    case SMime::Verdict::refused:
+        return anySignature ? Exit::good : Exit::refused;
+    case SMime::Verdict::noKey:
+        return Exit::refused;
+    default:
+        return Exit::failed;
+    }
+}
+
+Exit decrypt(const SmimeDecryptOptions& options) {
+    Inputs inputs;
+    if (!options.mail.hasIdentities())
+        throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt smime "
+                      "decrypt --help tells more)");
+    if (options.trust.json() && options.out == "-")
+        throw Failure("with --json the report goes to standard output: give --out a file for the content");
+    std::optional<TrustJudge> judge;
+    if (options.trust.asked())
+        judge.emplace(options.trust.request(), inputs);
+    OutputFile out(options.out, inputs, OutputFile::Access::owner);
+    HeldBody body(out);
+    const ReadMail mail = readMail(options.mail, inputs, judge ? &*judge : nullptr, body.sink(), options.whole);
+    if (judge)
+        tellUnused(*judge);
+    if (options.trust.json())
+        tellMail(mail.answer, mail.trust, mail.file, true);
+    else
+        tellMailOnError(mail.answer);
+    if (std::ranges::none_of(mail.answer.layers, isEncrypted) && mail.answer.verdict != SMime::Verdict::tooCostly)
+        throw Failure("nothing is encrypted in " + inputName(options.mail.in));
+    const Exit exit = exitOf(mail.answer, options.anySignature);
+    if (exit == Exit::good) {
+        body.release();
+        out.commit();
+    }
+    return exit;
+}
+
+} // namespace
+
+void addSmimeDecrypt(Command& smime, Action& action) {
+    Command* command = smime.command("decrypt", "Decrypts a mail, and judges the signatures within");
+    auto options = std::make_shared<SmimeDecryptOptions>(*command);
+    command
+        ->option("--out", options->out,
+                 "What was encrypted, written only when the exit code is 0, and readable by its owner alone; \"-\" is "
+                 "standard output")
+        ->typeName("CONTENT")
+        ->showDefault();
+    command->flag("--whole", options->whole, "Write a whole mail: the header fields outside, and what was encrypted");
+    command->flag("--any-signature", options->anySignature,
+                  "Write it although a signature within is wrong, or its signer not to be believed");
+    command->footer(
+        "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE, or "
+        "all "
+        "of a --store DIR. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
+        "decrypted, 1 no key fits, or a signature within is refused, 2 damaged, not supported, too costly, or nothing "
+        "is encrypted.");
+    command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
+}
+
+} // namespace norvcrypt

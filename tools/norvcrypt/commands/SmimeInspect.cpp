@@ -1,0 +1,39 @@
+#include "commands/SmimeCommands.h"
+#include "smime/MailReport.h"
+
+#include <norvcmsg/Media.h>
+
+namespace norvcrypt {
+
+namespace SMime = Norvane::Crypto::SMime;
+
+namespace {
+
+struct SmimeInspectOptions {
+    explicit SmimeInspectOptions(Command& command) : mail(command) {}
+    MailOptions mail;
+    bool json = false;
+};
+
+Exit inspect(const SmimeInspectOptions& options) {
+    Inputs inputs;
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    const ReadMail mail = readMail(options.mail, inputs, nullptr, nowhere, false);
+    tellMail(mail.answer, mail.trust, mail.file, options.json);
+    const bool isRead =
+        mail.answer.verdict != SMime::Verdict::damaged && mail.answer.verdict != SMime::Verdict::tooCostly;
+    return isRead ? Exit::good : Exit::failed;
+}
+
+} // namespace
+
+void addSmimeInspect(Command& smime, Action& action) {
+    Command* command = smime.command("inspect", "Tells how a mail is signed and encrypted, layer by layer");
+    auto options = std::make_shared<SmimeInspectOptions>(*command);
+    command->flag("--json", options->json, "One JSON object");
+    command->footer("With identities it looks into encrypted parts, too. Exit code: 0 whatever the signatures are, 2 "
+                    "the mail cannot be read to its end.");
+    command->whenChosen([options, &action] { action = [options] { return inspect(*options); }; });
+}
+
+} // namespace norvcrypt

@@ -1,0 +1,105 @@
+#include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
+#include "show/Facts.h"
+#include "show/SignatureReport.h"
+#include "smime/MailReport.h"
+#include "trust/TrustReport.h"
+
+namespace norvcrypt {
+
+namespace SMime = Norvane::Crypto::SMime;
+namespace Trust = Norvane::Crypto::Trust;
+
+namespace {
+
+Description signerFacts(const SMime::LayerSigner& signer, const SMime::Answer& answer,
+                        const std::optional<Trust::Options>& trust) {
+    Description facts = resultFacts(signer.result, signer.identifier);
+    putText(facts, "identifier", signer.identifier);
+    putText(facts, "digestAlgorithm", signer.digestAlgorithm);
+    putText(facts, "signatureAlgorithm", signer.signatureAlgorithm);
+    if (signer.signingTime)
+        facts["signingTime"] = isoTime(*signer.signingTime);
+    if (signer.explanation)
+        facts["explanation"] = explanationFacts(*signer.explanation);
+    if (signer.sender)
+        facts["senderRelation"] = Trust::nameOf(signer.sender->relation);
+    if (signer.trust && trust)
+        facts["trust"] = trustFacts({*signer.trust, *trust, answer.from, signer.sender});
+    return facts;
+}
+
+Description recipientFacts(const SMime::LayerRecipient& recipient) {
+    Description facts = Description::object();
+    putText(facts, "identifier", recipient.identifier);
+    putText(facts, "algorithm", recipient.algorithm);
+    facts["opened"] = recipient.opened;
+    return facts;
+}
+
+Description layerFacts(const SMime::Layer& layer, const SMime::Answer& answer,
+                       const std::optional<Trust::Options>& trust) {
+    Description facts{{"part", layer.path},
+                      {"kind", SMime::nameOf(layer.kind)},
+                      {"status", SMime::nameOf(layer.status)},
+                      {"coversContent", layer.coversContent}};
+    putText(facts, "detail", layer.detail);
+    putText(facts, "micalg", layer.micalg);
+    if (layer.kind == SMime::LayerKind::multipartSigned && layer.status == SMime::LayerStatus::good)
+        facts["signedForm"] = SMime::nameOf(layer.form);
+    for (const SMime::LayerSigner& signer : layer.signers)
+        facts["signers"].push_back(signerFacts(signer, answer, trust));
+    if (!layer.cipher.empty()) {
+        facts["cipher"] = layer.cipher;
+        facts["authenticated"] = layer.authenticated;
+    }
+    for (const SMime::LayerRecipient& recipient : layer.recipients)
+        facts["recipients"].push_back(recipientFacts(recipient));
+    if (layer.kind == SMime::LayerKind::certificatesOnly)
+        for (const auto& certificate : layer.certificates)
+            facts["certificates"].push_back(
+                {{"subject", displayName(certificate->subject())}, {"fingerprintSha256", fingerprint(certificate)}});
+    return facts;
+}
+
+Description headerFacts(const SMime::HeaderProtection& headers) {
+    Description facts{{"scheme", SMime::nameOf(headers.scheme)},
+                      {"signed", headers.isSigned},
+                      {"encrypted", headers.isEncrypted},
+                      {"fields", Description::array()}};
+    for (const SMime::ProtectedField& field : headers.fields) {
+        Description one{{"name", field.name}, {"value", field.value}, {"state", SMime::nameOf(field.state)}};
+        if (field.outside)
+            one["outside"] = *field.outside;
+        facts["fields"].push_back(one);
+    }
+    facts["outsideOnly"] = headers.outsideOnly;
+    return facts;
+}
+
+} // namespace
+
+Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Options>& trust,
+                      const std::string& file) {
+    Description facts{{"file", file},
+                      {"type", "S/MIME message"},
+                      {"verdict", SMime::nameOf(answer.verdict)},
+                      {"detail", answer.detail},
+                      {"trustChecked", trust.has_value()}};
+    putTexts(facts, "from", answer.from);
+    putTexts(facts, "sender", answer.sender);
+    putText(facts, "contentPart", answer.contentPath);
+    putText(facts, "contentType", answer.contentType);
+    facts["layers"] = Description::array();
+    for (const SMime::Layer& layer : answer.layers)
+        facts["layers"].push_back(layerFacts(layer, answer, trust));
+    if (answer.headers.scheme != SMime::HeaderScheme::none)
+        facts["headerProtection"] = headerFacts(answer.headers);
+    facts["notCovered"] = Description::array();
+    for (const SMime::UncoveredPart& part : answer.notCovered)
+        facts["notCovered"].push_back({{"part", part.path}, {"contentType", part.type}});
+    putTexts(facts, "oddities", answer.oddities);
+    return facts;
+}
+
+} // namespace norvcrypt

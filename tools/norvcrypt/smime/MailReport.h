@@ -1,0 +1,26 @@
+#pragma once
+
+/// \file
+/// What became of a mail, for people and for programs.
+
+#include "show/Description.h"
+
+#include <norvcrypto-smime/SMimeAnswer.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace norvcrypt {
+
+/// What docs/json.md calls a mail object. \param trust what signers were judged by, if trust was asked
+Description mailFacts(const Norvane::Crypto::SMime::Answer& answer,
+                      const std::optional<Norvane::Crypto::Trust::Options>& trust, const std::string& file);
+
+/// Tells it on standard output.
+void tellMail(const Norvane::Crypto::SMime::Answer& answer, const std::optional<Norvane::Crypto::Trust::Options>& trust,
+              const std::string& file, bool json);
+/// Tells what matters to who reads the content, on standard error.
+void tellMailOnError(const Norvane::Crypto::SMime::Answer& answer);
+
+} // namespace norvcrypt
