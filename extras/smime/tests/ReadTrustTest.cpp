@@ -5,7 +5,6 @@ using namespace smimetest;
 using interop::alice;
 using interop::bob;
 using testing::ElementsAre;
-using testing::HasSubstr;
 namespace Trust = Norvane::Crypto::Trust;
 
 namespace {
