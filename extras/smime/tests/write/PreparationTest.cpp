@@ -14,7 +14,7 @@ using testing::StartsWith;
 /// What is signed of a mail: 7-bit, with short lines, and good for OpenSSL.
 std::string prepared(const std::string& mail) {
     const std::string sent = wrapped(mail, {signedBy({&person("alice")})});
-    const std::string part = verified(sent);
+    std::string part = verified(sent);
     EXPECT_TRUE(std::ranges::none_of(part, [](char byte) { return byte < 0 || byte == '\0'; })) << part;
     EXPECT_EQ(std::ranges::count(part, '\r'), std::ranges::count(part, '\n'));
     return part;
@@ -22,7 +22,7 @@ std::string prepared(const std::string& mail) {
 
 /// Likewise, and GMime reads the same parts.
 std::string sameParts(const std::string& mail) {
-    const std::string part = prepared(mail);
+    std::string part = prepared(mail);
     const GmimeMail before = readByGmime(mail);
     const GmimeMail after = readByGmime(part);
     EXPECT_EQ(before.parts.size(), after.parts.size());
