@@ -182,6 +182,7 @@ TEST_F(SmimePeopleTest, TellsTheAddressesOfAMessage) {
         "Bcc: <f@example.com>\nReply-To: g@example.com\n\nTo: h@example.com\n"));
     const auto texts = [](const std::vector<EmailAddress>& addresses) {
         std::vector<std::string> all;
+        all.reserve(addresses.size());
         for (const EmailAddress& address : addresses) {
             all.push_back(address.address());
         }

@@ -280,7 +280,7 @@ TEST(SmimePreparationTest, BoundsWhatAStrangerMayChoose) {
     how = {};
     std::string deep = "x";
     for (int level = 0; level < 21; ++level) {
-        deep = "Content-Type: message/rfc822\n\n" + deep;
+        deep.insert(0, "Content-Type: message/rfc822\n\n");
     }
     EXPECT_EQ(refusalOf(deep, shells), "the parts of the message lie within one another more than 20 deep");
     EXPECT_EQ(refusalOf("A: " + std::string(std::size_t{256} << 10U, 'x') + "\n\n", shells),
