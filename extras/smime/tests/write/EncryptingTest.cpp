@@ -7,7 +7,6 @@ namespace {
 
 using namespace smimetest;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 const std::string mail = "From: alice@example.com\nTo: bob@example.com\nSubject: Lunch\n"

@@ -12,7 +12,6 @@ namespace {
 
 using namespace smimetest;
 using testing::HasSubstr;
-using testing::Not;
 
 class SmimeExampleTest : public testing::Test {
 protected:

@@ -35,7 +35,7 @@ std::string filtered(const Filter& filter, const std::string& text, std::size_t 
 
 /// What comes out, the same for all pieces.
 std::string through(const Filter& filter, const std::string& text) {
-    const std::string whole = filtered(filter, text, text.size() + 1);
+    std::string whole = filtered(filter, text, text.size() + 1);
     for (const std::size_t piece : {1, 2, 3, 7, 76}) {
         EXPECT_EQ(filtered(filter, text, piece), whole) << "in pieces of " << piece;
     }

@@ -10,7 +10,6 @@
 namespace {
 
 using namespace smimetest;
-using testing::HasSubstr;
 
 const std::string mail = "From: alice@example.org\nTo: bob@example.org\nSubject: Lunch\n"
                          "Content-Type: text/plain; charset=utf-8\n\nAt noon in the caf\xc3\xa9? \nFrom me.\n";

@@ -68,7 +68,7 @@ TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_signing}), "the message has no From");
     EXPECT_EQ(refusalOf("From: undisclosed:;\n" + m_body, {m_signing}), "the From of the message is no address");
     EXPECT_EQ(refusalOf("From: Alice\n" + m_body, {m_signing}), "the From of the message is no address");
-    EXPECT_EQ(refusalOf("From: alice@example.com, somebody else\n" + m_body, {m_signing}),
+    EXPECT_EQ(refusalOf("From: alice@example.com, eve\n" + m_body, {m_signing}),
               "the From of the message is no address");
     EXPECT_EQ(refusalOf("From: alice@example.com@evil.example\n" + m_body, {m_signing}),
               "the From of the message is no address");
@@ -182,6 +182,7 @@ TEST_F(SmimePeopleTest, TellsTheAddressesOfAMessage) {
         "Bcc: <f@example.com>\nReply-To: g@example.com\n\nTo: h@example.com\n"));
     const auto texts = [](const std::vector<EmailAddress>& addresses) {
         std::vector<std::string> all;
+        all.reserve(addresses.size());
         for (const EmailAddress& address : addresses) {
             all.push_back(address.address());
         }

@@ -14,7 +14,7 @@ using testing::StartsWith;
 /// What is signed of a mail: 7-bit, with short lines, and good for OpenSSL.
 std::string prepared(const std::string& mail) {
     const std::string sent = wrapped(mail, {signedBy({&person("alice")})});
-    const std::string part = verified(sent);
+    std::string part = verified(sent);
     EXPECT_TRUE(std::ranges::none_of(part, [](char byte) { return byte < 0 || byte == '\0'; })) << part;
     EXPECT_EQ(std::ranges::count(part, '\r'), std::ranges::count(part, '\n'));
     return part;
@@ -22,7 +22,7 @@ std::string prepared(const std::string& mail) {
 
 /// Likewise, and GMime reads the same parts.
 std::string sameParts(const std::string& mail) {
-    const std::string part = prepared(mail);
+    std::string part = prepared(mail);
     const GmimeMail before = readByGmime(mail);
     const GmimeMail after = readByGmime(part);
     EXPECT_EQ(before.parts.size(), after.parts.size());
@@ -280,7 +280,7 @@ TEST(SmimePreparationTest, BoundsWhatAStrangerMayChoose) {
     how = {};
     std::string deep = "x";
     for (int level = 0; level < 21; ++level) {
-        deep = "Content-Type: message/rfc822\n\n" + deep;
+        deep.insert(0, "Content-Type: message/rfc822\n\n");
     }
     EXPECT_EQ(refusalOf(deep, shells), "the parts of the message lie within one another more than 20 deep");
     EXPECT_EQ(refusalOf("A: " + std::string(std::size_t{256} << 10U, 'x') + "\n\n", shells),

@@ -8,8 +8,6 @@ namespace {
 using namespace smimetest;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::Not;
 using testing::StartsWith;
 
 const std::string plain = "From: Alice <alice@example.com>\n"

@@ -7,7 +7,6 @@
 namespace {
 
 using namespace smimetest;
-using testing::HasSubstr;
 
 const std::string mail = "From: alice@example.com\nTo: bob@example.com\nContent-Type: multipart/mixed; boundary=b\n\n"
                          "A preamble.\n--b\nContent-Type: text/plain; charset=utf-8\n\n"
