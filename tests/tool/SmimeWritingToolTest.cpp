@@ -41,7 +41,7 @@ protected:
     }
     /// What the openssl program finds signed in a file.
     std::string verified(const std::string& name) {
-        const Answer answer = openssl({"-verify", "-binary", "-in", name, "-CAfile", "root.pem"});
+        const Answer answer = openssl({"-verify", "-in", name, "-CAfile", "root.pem"});
         EXPECT_EQ(0, answer.status) << answer.err << work.read(name);
         return answer.out;
     }

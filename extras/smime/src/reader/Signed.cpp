@@ -220,6 +220,9 @@ bool takeSignature(Session& session, std::size_t index, mime::Multipart& parts, 
     }
     const ContentType type = mime::contentTypeOf(header);
     if (!isSignature(type, mime::fileNameOf(header, type)) && !isStructure(type, "")) {
+        // Signed in another way, by a sender that does not say in which.
+        if (type.type == "application")
+            layer.status = LayerStatus::unsupported;
         layer.detail = "the second part of the multipart/signed is no S/MIME signature but " + type.text();
         return false;
     }

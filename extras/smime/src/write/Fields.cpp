@@ -68,8 +68,29 @@ bool allFit(const std::string& text) {
     return std::ranges::all_of(linesOf(text), fits);
 }
 
+/// Nothing of what relays change at the ends of lines, and no line that looks empty to some.
+std::vector<std::string> tidied(std::vector<std::string> lines) {
+    for (std::string& line : lines) {
+        line.erase(line.find_last_not_of(" \t") + 1);
+    }
+    std::erase(lines, std::string());
+    return lines;
+}
+
 std::string withCrLf(const char* text) {
-    return joined(linesOf(text));
+    return joined(tidied(linesOf(text)));
+}
+
+/// A text without what may come and go when a field is encoded.
+std::string bare(std::string text) {
+    std::erase_if(text, [](char byte) { return byte == '"' || byte == '\\' || (byte >= 0 && byte <= ' '); });
+    return text;
+}
+
+/// Whether a field that GMime encoded still says all of its value: of what it cannot read it leaves parts out.
+bool saysAll(const std::string& field, const std::string& name, const std::string& value) {
+    const mime::GmimeText decoded(g_mime_utils_header_decode_text(nullptr, field.substr(name.size() + 1).c_str()));
+    return bare(decoded.get()) == bare(value);
 }
 
 /// The field as GMime writes it: each in the way of its kind.
@@ -85,20 +106,20 @@ std::string encodedAsText(const std::string& name, const std::string& value) {
     return newField(name, text.get());
 }
 
+bool hasParameters(std::string_view name) {
+    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
+}
+
 std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
     if (std::ranges::count(utf8, ':') <= mostGroups) {
         std::string field = encodedByKind(name, utf8);
-        if (isSevenBit(field) && allFit(field)) {
+        if (isSevenBit(field) && allFit(field) && (hasParameters(name) || saysAll(field, name, utf8))) {
             return field;
         }
     }
     return encodedAsText(name, utf8);
-}
-
-bool hasParameters(std::string_view name) {
-    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
 
 } // namespace
@@ -143,11 +164,7 @@ std::string outerField(std::string_view octets) {
 }
 
 std::string innerField(std::string_view name, std::string_view value, const std::string& where) {
-    std::vector<std::string> lines = linesOf(std::string(name) + ':' + std::string(value));
-    for (std::string& line : lines) {
-        line.erase(line.find_last_not_of(" \t") + 1);
-    }
-    std::erase(lines, std::string());
+    const std::vector<std::string> lines = tidied(linesOf(std::string(name) + ':' + std::string(value)));
     std::string unfolded;
     for (const std::string& line : lines) {
         unfolded += line;

@@ -41,7 +41,7 @@ public:
         return isSendable() && !m_trailingBlank && !m_fromLine && !m_dotLine;
     }
     /// Whether quoted-printable can be read by people, and is not much longer than base64.
-    [[nodiscard]] bool isMostlyText() const noexcept { return (m_eightBit + m_controls) * 4 <= m_octets; }
+    [[nodiscard]] bool isMostlyText() const noexcept { return (m_eightBit + m_controls) * 3 <= m_octets; }
 
     /// Equal traits: the same bytes, as far as they matter here.
     bool operator==(const TextTraits& other) const noexcept;

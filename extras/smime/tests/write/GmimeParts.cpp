@@ -63,22 +63,74 @@ void collect(GMimeObject* object, std::vector<GmimePart>& parts) {
     }
 }
 
-} // namespace
-
-GmimeMail readByGmime(const std::string& mail) {
+Owned<GMimeMessage> parsed(const std::string& mail) {
     g_mime_init();
     const Owned<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(mail.data(), mail.size()));
     const Owned<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
-    const Owned<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
+    Owned<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
     if (!message) {
         throw std::runtime_error("GMime reads no message");
     }
+    return message;
+}
+
+std::string reasonOf(GError* error) {
+    std::string text = error == nullptr ? "no reason" : textOf(error->message);
+    g_clear_error(&error);
+    return text;
+}
+
+} // namespace
+
+GmimeMail readByGmime(const std::string& mail) {
+    const Owned<GMimeMessage> message = parsed(mail);
     GmimeMail result;
     collect(g_mime_message_get_mime_part(message.get()), result.parts);
     result.subject = textOf(g_mime_message_get_subject(message.get()));
     char* const from = internet_address_list_to_string(g_mime_message_get_from(message.get()), nullptr, FALSE);
     result.from = textOf(from);
     g_free(from);
+    return result;
+}
+
+std::string verdictOfGmime(const std::string& mail) {
+    const Owned<GMimeMessage> message = parsed(mail);
+    GMimeObject* const part = g_mime_message_get_mime_part(message.get());
+    GError* error = nullptr;
+    GMimeObject* content = nullptr;
+    const Owned<GMimeSignatureList> list(
+        GMIME_IS_MULTIPART_SIGNED(part)
+            ? g_mime_multipart_signed_verify(GMIME_MULTIPART_SIGNED(part), GMIME_VERIFY_NONE, &error)
+            : g_mime_application_pkcs7_mime_verify(GMIME_APPLICATION_PKCS7_MIME(part), GMIME_VERIFY_NONE, &content,
+                                                   &error));
+    const Owned<GMimeObject> freed(content);
+    if (!list) {
+        return reasonOf(error);
+    }
+    std::string verdict;
+    for (int at = 0; at < g_mime_signature_list_length(list.get()); ++at) {
+        const int status = g_mime_signature_get_status(g_mime_signature_list_get_signature(list.get(), at));
+        verdict += (verdict.empty() ? "" : ", ");
+        verdict += (status & GMIME_SIGNATURE_STATUS_VALID) != 0 ? "valid" : "status " + std::to_string(status);
+    }
+    return verdict;
+}
+
+std::string decryptedByGmime(const std::string& mail) {
+    const Owned<GMimeMessage> message = parsed(mail);
+    GMimeObject* const part = g_mime_message_get_mime_part(message.get());
+    if (!GMIME_IS_APPLICATION_PKCS7_MIME(part)) {
+        return "no application/pkcs7-mime";
+    }
+    GError* error = nullptr;
+    const Owned<GMimeObject> content(g_mime_application_pkcs7_mime_decrypt(
+        GMIME_APPLICATION_PKCS7_MIME(part), GMIME_DECRYPT_NONE, nullptr, nullptr, &error));
+    if (!content) {
+        return reasonOf(error);
+    }
+    char* const text = g_mime_object_to_string(content.get(), nullptr);
+    std::string result = textOf(text);
+    g_free(text);
     return result;
 }
 

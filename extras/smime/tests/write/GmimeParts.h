@@ -26,4 +26,10 @@ struct GmimeMail {
 /// Line ends of texts are LF.
 GmimeMail readByGmime(const std::string& mail);
 
+/// What GMime's own S/MIME (by gpgsm, with the keyring that GNUPGHOME names) says to a signed mail: "valid" for each
+/// signature that is good and trusted.
+std::string verdictOfGmime(const std::string& mail);
+/// The entity that it decrypts, or what it says.
+std::string decryptedByGmime(const std::string& mail);
+
 } // namespace smimetest
