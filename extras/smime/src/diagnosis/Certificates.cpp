@@ -130,7 +130,9 @@ std::optional<FittingCertificate> CertificateSearch::find(const SignedReader::Si
     }
     std::ranges::stable_sort(candidates, {}, [](const auto& candidate) { return candidate.first; });
     std::vector<const NVX509::RefCertificate*> tried;
-    for (const auto& [rank, certificate] : candidates) {
+    for (const auto& candidate : candidates) {
+        const int rank = candidate.first;
+        const NVX509::RefCertificate* const certificate = candidate.second;
         const auto isTried = [&](const NVX509::RefCertificate* one) { return isSame(*one, *certificate); };
         if (std::ranges::any_of(tried, isTried)) {
             continue;

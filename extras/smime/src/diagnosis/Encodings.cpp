@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <utility>
 
 namespace Norvane::Crypto::SMime::diagnosis {
@@ -21,11 +22,11 @@ int hexValue(char digit) noexcept {
     return value == std::string_view::npos ? -1 : static_cast<int>(value);
 }
 
-constexpr std::array<signed char, 256> base64Values = [] {
-    std::array<signed char, 256> values{};
+constexpr std::array<std::int16_t, 256> base64Values = [] {
+    std::array<std::int16_t, 256> values{};
     values.fill(-1);
     for (std::size_t value = 0; value != base64Alphabet.size(); ++value) {
-        values[static_cast<unsigned char>(base64Alphabet[value])] = static_cast<signed char>(value);
+        values[static_cast<unsigned char>(base64Alphabet[value])] = static_cast<std::int16_t>(value);
     }
     return values;
 }();

@@ -13,6 +13,7 @@ using enum TransferEncoding;
 constexpr const char* usualPreamble = "This is a multi-part message in MIME format.";
 constexpr const char* signedPreamble = "This is a cryptographically signed message in MIME format.";
 constexpr const char* mimePreamble = "This is a message in MIME format.";
+constexpr const char* smimePreamble = "This is an S/MIME signed message";
 
 constexpr std::array<std::pair<QuotedStyle, const char*>, 3> styles{
     {{QuotedStyle::least, ""},
@@ -95,7 +96,7 @@ void RecipeList::addAroundParts() {
             [lines = std::move(lines)](TryOutput& out) { return replacePreamble(out, lines); });
     };
     addPreamble("an empty line", {""});
-    for (const char* const text : {usualPreamble, signedPreamble, mimePreamble}) {
+    for (const char* const text : {usualPreamble, signedPreamble, mimePreamble, smimePreamble}) {
         const std::string quoted = '"' + std::string(text) + '"';
         addPreamble("the line " + quoted, {text});
         addPreamble("the line " + quoted + " and an empty one", {text, ""});

@@ -145,6 +145,7 @@ void TryOutput::finish(BodyJudge& judge) {
     std::size_t passed = 0;
     const std::vector<std::size_t> ends = endsIn(m_kept);
     std::vector<EndChange> changes;
+    changes.reserve(ends.size());
     for (const std::size_t end : ends) {
         changes.push_back(leavingOut(m_kept, end));
     }
