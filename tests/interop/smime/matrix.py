@@ -119,7 +119,7 @@ def with_control(peer, job, answer, reason):
     if written_answer != "yes":
         return answer, reason
     other = read(peer, mail, job)[0]
-    return answer, reason + ("; it reads what openssl cms writes" if other == "yes" else "; nor does it read openssl cms")
+    return answer, reason + ("; it reads what openssl cms writes" if other == "yes" else "; nor does it read what openssl cms writes")
 
 
 def exchange_with(peer, ours, jobs, ours_written, folder):

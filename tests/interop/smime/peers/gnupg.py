@@ -3,7 +3,7 @@
 import re
 
 import mail as mime
-from peers.base import Cannot, Peer, first_line, has
+from peers.base import Cannot, Peer, lines_of, has
 
 PINENTRY = """#!/bin/sh
 # Types the passphrase.
@@ -89,7 +89,7 @@ class GnuPg(Peer):
             if done.returncode == 0:
                 return None
         self.setting.run(["gpgsm", "--import", self.setting.pem(who)])
-        return "gpgsm does not import the key: " + self.reason(first_line(done.stderr))
+        return "gpgsm does not import the key: " + self.reason(lines_of(done.stderr))
 
     def need_key(self, who):
         if who in self.without_key:
@@ -109,7 +109,7 @@ class GnuPg(Peer):
                 if layer.transport == "oaep":
                     raise Cannot("no option to encrypt with OAEP")
                 if cipher not in CIPHERS:
-                    raise Cannot(f"no option to encrypt with {cipher}")
+                    raise Cannot("no option to encrypt with this cipher")
         self.choose(cipher, digest)
 
     def reason(self, lines):
