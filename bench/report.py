@@ -4,7 +4,8 @@ same in numbers) and a plot NAME-task.svg for each task.
 
 For NAME "sizes" and "counts" the input is that of bench_whole, "task,who,x,round,seconds": a ratio is the time of the bare
 primitives divided by the contestant's, taken round by round; tables show the median and the quartiles of these. For NAME "memory"
-it is "task,who,x,round,KiB": tables show the median growth over an empty body.
+it is "task,who,x,round,KiB": tables show the median growth over an empty body; for NAME "tool" it is that of tool.py, and the base is
+`openssl cms`.
 """
 import csv
 import datetime
@@ -15,7 +16,7 @@ import statistics
 import subprocess
 import sys
 
-BASE = "primitives"
+BASES = {"tool": "openssl cms"}  # and "primitives" else
 
 
 def said(*command):
@@ -62,7 +63,8 @@ def duration(seconds):
 
 
 class Results:
-    def __init__(self, rows):
+    def __init__(self, rows, base):
+        self.base = base
         self.values = {}  # (task, who, x) -> {round: value}
         self.tasks, self.contestants, self.points = [], {}, {}
         for task, who, x, turn, value in rows:
@@ -79,7 +81,7 @@ class Results:
         return None if values is None else statistics.median(values.values())
 
     def ratios(self, task, who, x):
-        own, base = self.values.get((task, who, x)), self.values.get((task, BASE, x))
+        own, base = self.values.get((task, who, x)), self.values.get((task, self.base, x))
         if own is None or base is None:
             return None
         return quartiles([base[turn] / own[turn] for turn in own if turn in base and own[turn] > 0])
@@ -103,9 +105,12 @@ def main():
     os.makedirs(folder, exist_ok=True)
     reader = csv.reader(sys.stdin)
     next(reader)
-    results = Results(reader)
+    results = Results(reader, BASES.get(name, "primitives"))
     out, numbers = [f"# {name.capitalize()}\n", machine()], []
-    if name != "memory":
+    if name == "tool":
+        out.append("Ratios: processor time of `openssl cms` (3.0) divided by norvcrypt's, a process each, from its start to its end; "
+                   "above 1 is faster; median of the rounds (first and third quartile). One run, in turns.\n")
+    elif name != "memory":
         out.append("Ratios: processor time of the bare primitives divided by the contestant's, above 1 is faster; median of the "
                    "rounds (first and third quartile). Primitives make and read no structure. One run, contestants in turns.\n")
     else:
@@ -129,7 +134,7 @@ def main():
                     continue
                 ratio = results.ratios(task, who, x)
                 numbers.append((task, who, x, f"{value:.4g}", *(f"{part:.4g}" for part in (ratio or ()))))
-                if who == BASE:
+                if who == results.base:
                     cells.append(duration(value))
                 elif ratio:
                     cells.append(f"{short(ratio[1])} ({short(ratio[0])}-{short(ratio[2])})")
@@ -143,6 +148,7 @@ def main():
         image = f"{name}-{re.sub('[^a-z0-9]+', '-', task.lower()).strip('-')}.svg"
         axes = {
             "sizes": ['set xlabel "bytes"', 'set ylabel "primitives / contestant, processor time"', "set yrange [0:*]"],
+            "tool": ['set xlabel "bytes"', 'set ylabel "openssl cms / norvcrypt, processor time"', "set yrange [0:*]"],
             "counts": ['set xlabel "number"', 'set ylabel "microseconds of processor time"', "set logscale y"],
             "memory": ['set xlabel "bytes"', 'set ylabel "MiB above an empty body"', "set logscale y"],
         }[name]

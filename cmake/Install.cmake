@@ -37,6 +37,7 @@ set(CPACK_PACKAGE_NAME norvcrypto)
 set(CPACK_PACKAGE_CONTACT "norvcrypto maintainers <maintainers@example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libgcrypt20") # loaded at run time, which is not seen in the programs
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libssl-dev") # for programs that are built against it
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

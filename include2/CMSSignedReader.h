@@ -32,8 +32,9 @@
 /// there. `write` is the fast way; it hands pieces of up to 64 KB on.
 ///
 /// What is verified: RSA (PKCS#1 1.5), RSASSA-PSS (RFC 4056), DSA, ECDSA on curves by name, Ed25519 and Ed448 (RFC 8419);
-/// every digest of a fixed length that OpenSSL has, and SHAKE256 with 512 bits for Edwards curves. Which of them are good
-/// enough is not decided here. A signature by Ed25519 or Ed448 without signed attributes covers the content itself: such
+/// every digest of a fixed length that OpenSSL has, and SHAKE256 with 512 bits for Edwards curves, beside which signed
+/// attributes may have any digest, not only the one that RFC 8419 has senders take. Which of them are good enough is not
+/// decided here. A signature by Ed25519 or Ed448 without signed attributes covers the content itself: such
 /// contents are kept up to `Budget::content` octets. An algorithm that is not verified is `unsupported`, with its name,
 /// and never `refused`.
 ///
@@ -75,7 +76,7 @@ struct SignerParts;
 /// A signed message that is being read; the content, if there is one, is what it delivers as a `MediaIn`.
 ///
 /// `read`, `peek`, `atEnd` and `write` throw
-/// - Exception "CMS::SignedReader", code 4, file CMSStreamReader, with the reason as detail: "the source ended before the
+/// - Exception "CMS::SignedReader", code 4, file CMSSignedReader, with the reason as detail: "the source ended before the
 ///   structure", for instance, or "more than 100 signers". What is behind the content is read together with its last byte.
 ///   They throw the same again when they are called again;
 /// - what the source throws, unchanged, and afterwards the above: "the source failed".
@@ -93,7 +94,7 @@ public:
 
     /// Reads up to the content; all of a message that has none. Keeps a handle on `in`, which nobody else reads until the
     /// end.
-    /// \throws Exception "CMS::SignedReader", code 4, file CMSStreamReader: what comes is no signed data ("no signed data"),
+    /// \throws Exception "CMS::SignedReader", code 4, file CMSSignedReader: what comes is no signed data ("no signed data"),
     ///         damaged, beyond the budget; or has a structure in the place of bytes (PKCS#7 1.5 allows it): "unsupported: the
     ///         content is a structure, not bytes"
     /// \throws what `in` throws
@@ -132,6 +133,18 @@ public:
     [[nodiscard]] bool isValid(const Signer& signer, const NVX509::RefCertificate& certificate) const;
     /// The verdicts on all signers, with the certificates in the message.
     [[nodiscard]] SignatureReport report() const;
+    /// The verdict on the signed attributes of a signer alone, as if the body had the message digest that stands in them.
+    /// For programs that find out why a body differs: `good` says that somebody signed a body of that digest, and nothing
+    /// about any body that is at hand.
+    ///
+    /// With the certificates in the message, or with `certificate` unless its handle is empty. `digestAlgorithm` ("sha512")
+    /// replaces the one that the signer names. All of them together take `maximumWork`, whatever is asked.
+    ///
+    /// A signer without signed attributes is refused with `messageDigestMissing`.
+    /// \throws Exception as above, detail "a signer of another message"
+    [[nodiscard]] SignatureResult verdictOnAttributes(const Signer& signer,
+                                                      const NVX509::RefCertificate& certificate = {},
+                                                      const std::string& digestAlgorithm = {}) const;
 
     /// The X.509 certificates in the message, decoded when they are first asked for. Damaged ones, refused ones (see
     /// Acceptance.h), and certificates of other formats are not among them.
@@ -177,6 +190,9 @@ public:
     /// The octets of the signature.
     [[nodiscard]] Buffer signature() const;
     [[nodiscard]] bool hasSignedAttributes() const noexcept;
+    /// The digest of the body that it says to have signed (RFC 5652, 11.2); nothing without signed attributes, and when the
+    /// attribute is missing, repeated or no OCTET STRING.
+    [[nodiscard]] std::optional<Buffer> messageDigest() const;
 
     /// When it says to have signed (RFC 5652, 11.3), in seconds since 1970; nothing when it does not say, or no valid time.
     [[nodiscard]] std::optional<std::time_t> signingTime() const;

@@ -2,10 +2,10 @@
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include "Platform.h"
+#include "Providers.h"
 
 #include <openssl/crypto.h>
 #include <openssl/objects.h>
-#include <openssl/provider.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <openssl/ssl.h>
@@ -16,11 +16,7 @@
 extern "C" {
 
 __attribute__((weak)) int openssl_init_with_rng() {
-    // Held for the life of the process, once however often this is called. The default provider goes first: with the
-    // legacy one alone, later calls cannot fetch a random generator.
-    static const OSSL_PROVIDER* const standard = OSSL_PROVIDER_try_load(nullptr, "default", 1);
-    static const OSSL_PROVIDER* const legacy = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
-    return standard != nullptr && legacy != nullptr && RAND_status() == 1 ? 1 : 0;
+    return Norvane::Crypto::platform::loadProviders() && RAND_status() == 1 ? 1 : 0;
 }
 
 __attribute__((weak)) int fips_rsa_consistency_test(rsa_st* rsa) {

@@ -70,7 +70,7 @@ void Contest::over(const std::string& task, std::vector<std::size_t> points) {
 void Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds) {
     std::vector<Running> running;
     for (const Contestant& contestant : m_contestants) {
-        if (contestant.task != task.name || x > contestant.most) {
+        if (contestant.task != task.name || x > contestant.most || (!m_only.empty() && contestant.who != m_only)) {
             continue;
         }
         try {
@@ -104,6 +104,9 @@ void Contest::run(const std::string& filter, unsigned int rounds, double seconds
             continue;
         }
         for (const std::size_t x : task.points) {
+            if (m_onlyAt != 0 && x != m_onlyAt) {
+                continue;
+            }
             std::fprintf(stderr, "%s, %zu\n", task.name.c_str(), x);
             runPoint(task, x, rounds, secondsForEach);
         }

@@ -34,6 +34,11 @@ public:
     void add(const std::string& task, const std::string& who, Prepare prepare, std::size_t most = unlimited);
     /// The sizes or numbers that a task is done for.
     void over(const std::string& task, std::vector<std::size_t> points);
+    /// Leaves out all others, for profiles: nobody for an empty name, no size or number for 0.
+    void only(const std::string& who, std::size_t x) {
+        m_only = who;
+        m_onlyAt = x;
+    }
     /// Runs the tasks whose name contains `filter`, and writes lines of "task","who",x,round,seconds to standard output. One that
     /// fails is named on standard error and left out.
     void run(const std::string& filter, unsigned int rounds, double secondsForEach);
@@ -51,6 +56,8 @@ private:
     };
     void runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds);
 
+    std::string m_only;
+    std::size_t m_onlyAt = 0;
     std::vector<Task> m_tasks;
     std::vector<Contestant> m_contestants;
 };

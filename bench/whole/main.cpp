@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -17,16 +18,20 @@ constexpr std::size_t megabyte = 1U << 20U;
 
 int main(int argc, char** argv) try {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts] [FILTER]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts] [--who=WHO] [--at=X] [FILTER]\n", argv[0]);
         return 2;
     }
     bool quick = false;
     bool counts = false;
     const char* filter = "";
+    std::string who;
+    std::size_t at = 0;
     for (int i = 2; i != argc; ++i) {
         const std::string_view word = argv[i];
         quick = quick || word == "--quick";
         counts = counts || word == "--counts";
+        who = word.starts_with("--who=") ? std::string(word.substr(6)) : who;
+        at = word.starts_with("--at=") ? std::strtoull(argv[i] + 5, nullptr, 10) : at;
         filter = word.substr(0, 2) == "--" ? filter : argv[i];
     }
     Norvane::Crypto::initialize();
@@ -64,7 +69,9 @@ int main(int argc, char** argv) try {
     bench::addQca(contest, material);
 #endif
     bench::addGpgsm(contest, material);
-    contest.run(filter, quick ? 3 : 11, quick ? 2.0 : 12.0);
+    contest.only(who, at);
+    // One point is for profiles: as many rounds as fit.
+    contest.run(filter, at != 0 ? 1000000 : quick ? 3 : 11, quick ? 2.0 : 12.0);
     return 0;
 } catch (const std::exception& failure) {
     std::fprintf(stderr, "%s\n", failure.what());

@@ -3,8 +3,6 @@
 #include <openssl/err.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <stdexcept>
 
@@ -57,8 +55,9 @@ public:
     [[nodiscard]] const PiecesBody& body() const { return dynamic_cast<const PiecesBody&>(**this); }
 };
 
-bool isSegmented(const Node& node, const Node* content) {
-    return node.isConstructed() && (node.isUniversal(4) || &node == content);
+bool isSegmented(const Node& node, const Tagged& strings) {
+    return node.isConstructed() &&
+           (node.isUniversal(4) || std::find(strings.begin(), strings.end(), &node) != strings.end());
 }
 
 /// Retags what stands in a string.
@@ -134,34 +133,49 @@ std::optional<Outcome> explain(const Bytes& octets, const std::vector<Change>& c
             return change.outcome;
         }
     }
-    Node all = *root;
-    bool changed = false;
-    for (const Change& change : changes) {
-        changed = change.apply(all) || changed;
+    const auto holdsAfter = [&](const std::function<bool(std::size_t)>& isMeant) {
+        Node copy = *root;
+        bool changed = false;
+        for (std::size_t i = 0; i < changes.size(); ++i) {
+            changed = (isMeant(i) && changes[i].apply(copy)) || changed;
+        }
+        return changed && holds(copy);
+    };
+    if (holdsAfter([](std::size_t /*index*/) { return true; })) {
+        return several;
     }
-    return changed && holds(all) ? std::optional(several) : std::nullopt;
+    for (std::size_t first = 0; first < changes.size(); ++first) {
+        for (std::size_t second = first + 1; second < changes.size(); ++second) {
+            if (holdsAfter([=](std::size_t index) { return index == first || index == second; })) {
+                return several;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
-bool retagSegments(Node& root, Node* content, bool ofTagZero) {
+bool retagSegments(Node& root, const Tagged& strings, bool ofTagZero) {
     bool changed = false;
     forEach(root, [&](Node& node) {
-        if (isSegmented(node, content)) {
+        if (isSegmented(node, strings)) {
             changed = retagWithin(node, ofTagZero) || changed;
         }
     });
     return changed;
 }
 
-bool constructSets(Node& root) {
+bool constructSets(Node& root, const Tagged& sets) {
     bool changed = false;
-    forEach(root, [&changed](Node& node) {
+    forEach(root, [&](Node& node) {
+        const bool isSet =
+            node.isUniversal(16) || node.isUniversal(17) || std::find(sets.begin(), sets.end(), &node) != sets.end();
         const bool mayBeSet =
             node.isUniversal(16) || node.isUniversal(17) || (node.identifier.front() & 0xC0U) == 0x80U;
         if (node.isConstructed() || !mayBeSet) {
             return;
         }
         auto parts = parseAll(node.content);
-        if (parts && (node.isUniversal(16) || node.isUniversal(17) || (!parts->empty() && areElements(*parts)))) {
+        if (parts && (isSet || (!parts->empty() && areElements(*parts)))) {
             node.parts = std::move(*parts);
             node.content.clear();
             node.setConstructed(true);
@@ -171,10 +185,10 @@ bool constructSets(Node& root) {
     return changed;
 }
 
-bool joinSegments(Node& root, Node* content) {
+bool joinSegments(Node& root, const Tagged& strings) {
     bool changed = false;
     forEach(root, [&](Node& node) {
-        if (isSegmented(node, content)) {
+        if (isSegmented(node, strings)) {
             Bytes all;
             appendLeaves(node, all);
             node.content = std::move(all);
@@ -185,6 +199,62 @@ bool joinSegments(Node& root, Node* content) {
         }
     });
     return changed;
+}
+
+bool flatten(Node& root) {
+    constexpr std::size_t deepest = 24; // the readers go 32 levels down
+    const auto emptyAt = [](const auto& self, Node& node, std::size_t depth) -> bool {
+        if (depth == deepest) {
+            const bool changed = !node.parts.empty();
+            node.parts.clear();
+            return changed;
+        }
+        bool changed = false;
+        for (Node& part : node.parts) {
+            changed = self(self, part, depth + 1) || changed;
+        }
+        return changed;
+    };
+    return depthOf(root) > 32 && emptyAt(emptyAt, root, 1);
+}
+
+bool encodeInDer(Node& attributes) {
+    const Bytes before = encode(attributes);
+    const auto shorter = [](const Node& left, const Node& right) { return encode(left) < encode(right); };
+    const auto normalise = [&shorter](const auto& self, Node& node) -> void {
+        const bool isUniversal = (node.identifier.front() & 0xC0U) == 0;
+        if (isUniversal && node.isConstructed() && !node.isUniversal(16) && !node.isUniversal(17)) {
+            Bytes all;
+            appendLeaves(node, all);
+            node.content = std::move(all);
+            node.parts.clear();
+            node.setConstructed(false);
+        }
+        node.indefinite = false;
+        node.lengthOctets = 1;
+        if (node.tag < 0x1F) {
+            node.setTag(
+                static_cast<unsigned char>((node.identifier.front() & 0xE0U) | static_cast<unsigned int>(node.tag)));
+        }
+        for (Node& part : node.parts) {
+            self(self, part);
+        }
+        if (node.isUniversal(17)) {
+            std::sort(node.parts.begin(), node.parts.end(), shorter);
+        }
+    };
+    normalise(normalise, attributes);
+    std::sort(attributes.parts.begin(), attributes.parts.end(), shorter);
+    return encode(attributes) != before;
+}
+
+Bytes identifierContent(const char* digits) {
+    const Bytes encoded = norvauthority::der::oid(digits);
+    return {encoded.begin() + 2, encoded.end()};
+}
+
+bool isIdentifier(const Node* node, const Bytes& content) {
+    return node != nullptr && node->isUniversal(6) && node->content == content;
 }
 
 Node* at(Node& root, std::initializer_list<std::size_t> path) {
@@ -198,101 +268,21 @@ Node* at(Node& root, std::initializer_list<std::size_t> path) {
     return node;
 }
 
+std::string opensslReasons() {
+    std::string text = "OpenSSL";
+    for (unsigned long code = ERR_get_error(); code != 0; code = ERR_get_error()) {
+        const char* reason = ERR_reason_error_string(code);
+        text += std::string(" / ") + (reason == nullptr ? "?" : reason);
+    }
+    return text;
+}
+
 std::string described(const Answer& answer) {
     if (!answer.accepted) {
         return "refused: " + answer.text;
     }
     return "accepted " + std::to_string(answer.consumed) + " octets with a content of " +
            std::to_string(answer.content.size()) + ", " + norvauthority::toHex(answer.content).substr(0, 80);
-}
-
-const char* textOf(Outcome outcome) noexcept {
-    switch (outcome) {
-    case Outcome::bothAccept:
-        return "both accept, the same content and length";
-    case Outcome::bothRefuse:
-        return "both refuse";
-    case Outcome::segmentOfAnotherTag:
-        return "a segment that is no octet string (X.690, 8.7.3.2)";
-    case Outcome::segmentOfTagZero:
-        return "a segment of tag 00, which ends contents (X.690, 8.1.5)";
-    case Outcome::primitiveSet:
-        return "a set or sequence that says to be primitive (X.690, 8.12.1)";
-    case Outcome::budget:
-        return "more than the budget";
-    case Outcome::tooDeep:
-        return "elements within elements to more than 32 levels";
-    case Outcome::shortTag:
-        return "GCM: a tag of less than 12 octets, or not of aes-ICVlen (RFC 5084, 3.2)";
-    case Outcome::gcmParameters:
-        return "GCM: parameters that are none (RFC 5084, 3.2)";
-    case Outcome::cipher:
-        return "a cipher that is not supported, named";
-    case Outcome::missingParameters:
-        return "a cipher without an initialisation vector, or behind one that is none (RFC 3565, 4.1)";
-    case Outcome::attributesNotDer:
-        return "authenticated or signed attributes that are not in DER (RFC 5083, 2.1; RFC 5652, 5.4)";
-    case Outcome::contentTypeUnnamed:
-        return "authenticated content other than data without the attribute that says so (RFC 5083, 2.1)";
-    case Outcome::severalStricter:
-        return "several of the above together";
-    case Outcome::attributesForbidden:
-        return "signed attributes that RFC 5652 forbids";
-    case Outcome::algorithmsDiffer:
-        return "algorithms of a signer that contradict each other";
-    case Outcome::notSupported:
-        return "an algorithm of a signature that is not supported, named";
-    case Outcome::certificateRefused:
-        return "a certificate that is refused, with a reason";
-    case Outcome::otherRecipients:
-        return "recipients that were not chosen are not decoded";
-    case Outcome::originatorKeyInSegments:
-        return "an originator's key as a bit string in segments";
-    case Outcome::signatureAsDigest:
-        return "a signature algorithm in the place of the digest algorithm in it";
-    case Outcome::certificateExtensions:
-        return "a certificate with extensions that OpenSSL finds invalid, which are not judged here";
-    case Outcome::originatorInformation:
-        return "originator information is not decoded";
-    case Outcome::unprotectedAttributes:
-        return "unprotected attributes are not decoded";
-    case Outcome::authenticatedAttributes:
-        return "authenticated attributes (RFC 5083), which older releases of OpenSSL 3.0 do not decode";
-    case Outcome::nestedSegments:
-        return "segments within segments to more levels than OpenSSL's five";
-    case Outcome::otherCertificates:
-        return "certificates that no signer names are not decoded";
-    case Outcome::revocationLists:
-        return "revocation lists are not decoded";
-    case Outcome::unsignedAttributes:
-        return "unsigned attributes are not decoded";
-    case Outcome::otherDigestAlgorithms:
-        return "digest algorithms that no signer uses are not looked up";
-    case Outcome::edwardsCurve:
-        return "Ed25519 and Ed448, which OpenSSL 3.0's CMS cannot verify";
-    case Outcome::attributesInOrder:
-        return "signed attributes out of order: what is signed is their DER (RFC 5652, 5.4)";
-    case Outcome::severalWider:
-        return "several of the above together ";
-    case Outcome::unexplained:
-        return "UNEXPLAINED";
-    }
-    return "";
-}
-
-bool isStricter(Outcome outcome) noexcept {
-    return outcome > Outcome::bothRefuse && outcome < Outcome::otherRecipients;
-}
-
-bool isWider(Outcome outcome) noexcept {
-    return outcome >= Outcome::otherRecipients && outcome < Outcome::unexplained;
-}
-
-void require(const Comparison& comparison, const Bytes& octets) {
-    if (comparison.outcome == Outcome::unexplained) {
-        std::fprintf(stderr, "%s\n%s\n", comparison.detail.c_str(), norvauthority::toHex(octets).c_str());
-        std::abort();
-    }
 }
 
 } // namespace fuzz

@@ -55,19 +55,35 @@ struct Change {
     std::function<bool(Node&)> apply;
 };
 
-/// Tries the changes, each alone and then all together: the outcome of the one after which `holds` is true.
+/// Tries the changes, each alone, then all together, then each two: the outcome of the one after which `holds` is true.
 std::optional<Outcome> explain(const Bytes& octets, const std::vector<Change>& changes, Outcome several,
                                const std::function<bool(const Node&)>& holds);
 
 // The changes that make what OpenSSL takes what X.690 says.
-bool retagSegments(Node& root, Node* content, bool ofTagZero);
-bool constructSets(Node& root);
+
+/// Elements of a kind that have another tag than the universal one.
+using Tagged = std::vector<const Node*>;
+
+bool retagSegments(Node& root, const Tagged& strings, bool ofTagZero);
+/// \param sets those under another tag that may be empty
+bool constructSets(Node& root, const Tagged& sets);
 /// Joins the segments of strings.
-bool joinSegments(Node& root, Node* content);
+bool joinSegments(Node& root, const Tagged& strings = {});
+/// Empties what stands deeper than the readers go.
+bool flatten(Node& root);
+/// Brings attributes under an implicit tag, a set, into DER: lengths, tags, strings in one piece, the order.
+bool encodeInDer(Node& attributes);
+
+/// The content octets of an object identifier in digits.
+Bytes identifierContent(const char* digits);
+/// Whether the element there is that object identifier.
+bool isIdentifier(const Node* node, const Bytes& content);
 
 /// The element at these places, each within the one before; null when there is none.
 Node* at(Node& root, std::initializer_list<std::size_t> path);
 
 std::string described(const Answer& answer);
+/// What is in OpenSSL's error queue, which is empty afterwards.
+std::string opensslReasons();
 
 } // namespace fuzz

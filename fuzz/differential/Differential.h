@@ -29,6 +29,7 @@ enum class Outcome : std::uint8_t {
     gcmParameters,
     cipher,
     missingParameters,
+    transportUnknown,
     attributesNotDer,
     contentTypeUnnamed,
     originatorKeyInSegments,
@@ -37,6 +38,7 @@ enum class Outcome : std::uint8_t {
     algorithmsDiffer,
     notSupported,
     certificateRefused,
+    certificateNotDer,
 
     // The reader accepts what OpenSSL refuses.
     otherRecipients,
@@ -48,6 +50,8 @@ enum class Outcome : std::uint8_t {
     revocationLists,
     unsignedAttributes,
     otherDigestAlgorithms,
+    digestsUnannounced,
+    algorithmParameters,
     edwardsCurve,
     attributesInOrder,
     signatureAsDigest,

@@ -35,6 +35,7 @@ struct Options {
     std::string input;
     std::string folder;
     std::string reader;
+    std::string told;
 };
 
 class Comparing {
@@ -68,6 +69,9 @@ private:
     void one(fuzz::Counts& counts, const Bytes& octets, const std::string& what) {
         const fuzz::Comparison comparison = m_compare(octets);
         ++counts[static_cast<std::size_t>(comparison.outcome)];
+        if (!m_options.told.empty() && std::string(fuzz::textOf(comparison.outcome)).find(m_options.told) == 0) {
+            std::cerr << comparison.detail << '\n' << norvauthority::toHex(octets) << "\n\n";
+        }
         if (comparison.outcome == Outcome::unexplained && ++m_findings <= m_options.mostFindings) {
             std::cerr << m_name << ", " << what << ": " << comparison.detail << '\n'
                       << norvauthority::toHex(octets) << "\n\n";
@@ -98,48 +102,53 @@ private:
     std::size_t m_findings = 0;
 };
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     Options options;
     CLI::App app("Compares the readers of CMS with OpenSSL");
     app.add_option("--count", options.count, "changed messages for each reader");
     app.add_option("--seed", options.number, "where the changes begin");
-    app.add_option("--cuts", options.cutStep, "every which octet messages are cut at");
+    app.add_option("--cuts", options.cutStep, "every which octet messages are cut at")->check(CLI::PositiveNumber);
     app.add_option("--findings", options.mostFindings, "how many are printed before it stops");
     app.add_option("--seconds", options.seconds, "for how long messages are changed at most; 0: until all are");
     app.add_option("--input", options.input, "one message in hexadecimal digits instead");
     app.add_option("--reader", options.reader, "\"envelope\" or \"signed\": that one alone");
+    app.add_option("--tell", options.told, "also prints messages that differ in what begins so");
     app.add_option("--write", options.folder, "a folder that the messages are written to, unchanged, instead");
     CLI11_PARSE(app, argc, argv);
     Norvane::Crypto::initialize();
     Norvane::Logger::instance(false).sink(std::make_shared<Silence>());
+    if (!options.input.empty()) {
+        const Bytes octets = norvauthority::fromHex(options.input);
+        for (auto* const compare : {fuzz::compareEnvelope, fuzz::compareSigned}) {
+            const fuzz::Comparison comparison = compare(octets);
+            std::cout << fuzz::textOf(comparison.outcome) << '\n' << comparison.detail << '\n';
+        }
+        return EXIT_SUCCESS;
+    }
+    if (!options.folder.empty()) {
+        for (const auto* const seeds : {&fuzz::envelopeSeeds(), &fuzz::signedSeeds()}) {
+            for (const fuzz::Seed& seed : *seeds) {
+                std::ofstream(options.folder + "/" + seed.first, std::ios::binary)
+                    .write(reinterpret_cast<const char*>(seed.second.data()),
+                           static_cast<std::streamsize>(seed.second.size()));
+            }
+        }
+        return EXIT_SUCCESS;
+    }
+    const bool envelopes = options.reader == "signed" ||
+                           Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
+    const bool messages = options.reader == "envelope" ||
+                          Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
+    return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
     try {
-        if (!options.input.empty()) {
-            const Bytes octets = norvauthority::fromHex(options.input);
-            for (auto* const compare : {fuzz::compareEnvelope, fuzz::compareSigned}) {
-                const fuzz::Comparison comparison = compare(octets);
-                std::cout << fuzz::textOf(comparison.outcome) << '\n' << comparison.detail << '\n';
-            }
-            return EXIT_SUCCESS;
-        }
-        if (!options.folder.empty()) {
-            for (const auto* const seeds : {&fuzz::envelopeSeeds(), &fuzz::signedSeeds()}) {
-                for (const fuzz::Seed& seed : *seeds) {
-                    std::ofstream(options.folder + "/" + seed.first, std::ios::binary)
-                        .write(reinterpret_cast<const char*>(seed.second.data()),
-                               static_cast<std::streamsize>(seed.second.size()));
-                }
-            }
-            return EXIT_SUCCESS;
-        }
-        const bool envelopes = options.reader == "signed" ||
-                               Comparing("EnvelopeReader", fuzz::compareEnvelope, options).run(fuzz::envelopeSeeds());
-        const bool messages = options.reader == "envelope" ||
-                              Comparing("SignedReader", fuzz::compareSigned, options).run(fuzz::signedSeeds());
-        return envelopes && messages ? EXIT_SUCCESS : EXIT_FAILURE;
+        return run(argc, argv);
     } catch (const std::exception& failure) {
-        std::cerr << failure.what() << '\n';
+        std::fprintf(stderr, "%s\n", failure.what());
         return 2;
     }
 }

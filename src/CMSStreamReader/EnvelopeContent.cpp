@@ -21,6 +21,8 @@ namespace {
 /// Content up to this length is decrypted once, and kept until it is known to be authentic.
 constexpr std::uint64_t s_atOnce = 0x10000;
 constexpr unsigned int s_spillInMemory = 0x10000;
+/// What is written to the file and read from it at once: in pieces of 16 KB it takes nearly twice as long.
+constexpr std::size_t s_spillPiece = 0x40000;
 constexpr std::size_t s_unlimited = std::numeric_limits<std::size_t>::max();
 
 [[noreturn]] void fail() {
@@ -106,16 +108,17 @@ public:
     explicit Pieces(Octets message) : m_frame(std::in_place, framing::LentMediaIn(message)) {
         m_frame->readHead(s_unlimited);
     }
-    explicit Pieces(const SwapBufferMediaOut& spill) : m_spill(spill.in()), m_buffer(s_pieceLength) {}
+    Pieces(const SwapBufferMediaOut& spill, std::uint64_t length)
+        : m_spill(spill.in()),
+          m_buffer(static_cast<std::size_t>(std::min<std::uint64_t>(length, s_spillPiece))) {}
 
     /// The next octets, `s_pieceLength` at most; none at the end.
     Octets next() {
-        if (!m_frame) {
-            const int count = m_spill.read(m_buffer.data(), static_cast<unsigned int>(m_buffer.size()));
-            return {m_buffer.data(), static_cast<std::size_t>(std::max(count, 0))};
-        }
-        if (m_piece.empty()) {
+        if (m_piece.empty() && m_frame) {
             m_piece = m_frame->piece();
+        } else if (m_piece.empty()) {
+            const int count = m_spill.read(m_buffer.data(), static_cast<unsigned int>(m_buffer.size()));
+            m_piece = {m_buffer.data(), static_cast<std::size_t>(std::max(count, 0))};
         }
         return takeFront(m_piece, s_pieceLength);
     }
@@ -146,14 +149,29 @@ void AuthenticatedContent::keep() {
     if (m_source.empty()) {
         m_spill.emplace(s_spillInMemory, temporaryFile(m_template).c_str());
     }
+    std::vector<unsigned char> gathered;
+    const auto pass = [&] {
+        m_spill->write(gathered.data(), static_cast<unsigned int>(gathered.size()));
+        gathered.clear();
+    };
     for (Octets piece = frame().piece(); !piece.empty(); piece = frame().piece()) {
         m_length += piece.size();
-        if (m_spill) {
-            if (m_length > m_spillLimit) {
-                throw SpillTooLong();
-            }
-            m_spill->write(piece.data(), static_cast<unsigned int>(piece.size())); // never longer than a window
+        if (!m_spill) {
+            continue;
         }
+        if (m_length > m_spillLimit) {
+            throw SpillTooLong();
+        }
+        if (m_check && !m_check->update(piece)) {
+            fail();
+        }
+        gathered.insert(gathered.end(), piece.begin(), piece.end()); // never longer than a window
+        if (gathered.size() >= s_spillPiece) {
+            pass();
+        }
+    }
+    if (!gathered.empty()) {
+        pass();
     }
     frame().readTail(tailLimit());
 }
@@ -174,20 +192,30 @@ void AuthenticatedContent::verifyAtOnce(Pieces& pieces, EVP_CIPHER_CTX* context)
     m_atOnce.shorten(at);
 }
 
-void AuthenticatedContent::verify() {
-    keep();
-    std::vector<unsigned char> associated;
-    if (!authenticatedAttributes(frame(), associated)) {
-        fail();
+std::unique_ptr<AuthenticatedContent::Pieces> AuthenticatedContent::fromTheBeginning() const {
+    return m_spill ? std::make_unique<Pieces>(*m_spill, m_length) : std::make_unique<Pieces>(m_source);
+}
+
+/// Checks the tag without decrypting: of what is in memory now, else it went along with what was kept.
+bool AuthenticatedContent::isChecked(Octets associated) {
+    if (!m_spill) {
+        const auto pieces = fromTheBeginning();
+        for (Octets piece = pieces->next(); !piece.empty(); piece = pieces->next()) {
+            if (!m_check->update(piece)) {
+                return false;
+            }
+        }
     }
+    const Octets tag = frame().tag();
+    return tag.size() == m_cipher.tagLength() && m_check->isRight(associated, tag);
+}
+
+bool AuthenticatedContent::isDecrypted(Octets associated) {
     const openssl::CipherContextPtr context = m_cipher.verifying(associated);
     if (context == nullptr) {
-        fail();
+        return false;
     }
-    const auto again = [this] {
-        return m_spill ? std::make_unique<Pieces>(*m_spill) : std::make_unique<Pieces>(m_source);
-    };
-    const auto pieces = again();
+    const auto pieces = fromTheBeginning();
     if (m_length <= s_atOnce) {
         verifyAtOnce(*pieces, context.get());
     } else {
@@ -195,12 +223,21 @@ void AuthenticatedContent::verify() {
             decrypt(context.get(), piece);
         }
     }
-    if (!m_cipher.isRight(context.get(), frame().tag())) {
+    return m_cipher.isRight(context.get(), frame().tag());
+}
+
+void AuthenticatedContent::verify() {
+    m_check = m_cipher.check();
+    keep();
+    std::vector<unsigned char> associated;
+    if (!authenticatedAttributes(frame(), associated) ||
+        !(m_check && m_length > s_atOnce ? isChecked(associated) : isDecrypted(associated))) {
         fail();
     }
+    m_check.reset();
     m_verified = true;
     if (m_length > s_atOnce) {
-        m_pieces = again();
+        m_pieces = fromTheBeginning();
         m_context = m_cipher.verified();
         if (m_context == nullptr) {
             fail();

@@ -90,6 +90,9 @@ private:
     void keep();
     void verify();
     void verifyAtOnce(Pieces& pieces, EVP_CIPHER_CTX* context);
+    [[nodiscard]] std::unique_ptr<Pieces> fromTheBeginning() const;
+    [[nodiscard]] bool isChecked(framing::Octets associated);
+    [[nodiscard]] bool isDecrypted(framing::Octets associated);
 
     openssl::AuthenticatedCipher m_cipher;
     framing::Octets m_source;
@@ -99,6 +102,7 @@ private:
     std::uint64_t m_length = 0; ///< of the content
     bool m_usable = false;      ///< OpenSSL took a key
     bool m_verified = false;
+    std::optional<openssl::GcmCheck> m_check;
     std::unique_ptr<Pieces> m_pieces;
     openssl::CipherContextPtr m_context;
     openssl::WipedBytes m_atOnce; ///< all of a small content

@@ -119,7 +119,7 @@ bool cover(SignatureInQuestion& question, const Encodings& encodings) {
 
 std::optional<SignatureResult> faultWithAttributes(const SignerParts& signer, const BodyDigest& digest,
                                                    SignatureInQuestion& question) {
-    const auto announced = valueOf(signer.attribute(AttributeType::messageDigest), framing::octetString);
+    const auto announced = announcedDigest(signer);
     if (!announced || !std::ranges::equal(*announced, Octets(digest.value.data(), digest.length))) {
         return refused(SignatureReason::bodyDiffers);
     }
@@ -189,6 +189,10 @@ std::optional<SignatureResult> faultOfSigningCertificate(const SignerParts& sign
 }
 
 } // namespace
+
+std::optional<Octets> announcedDigest(const SignerParts& signer) noexcept {
+    return valueOf(signer.attribute(AttributeType::messageDigest), framing::octetString);
+}
 
 const EVP_MD* contentDigest(Octets identifier) noexcept {
     const int nid = openssl::nidOf(identifier);

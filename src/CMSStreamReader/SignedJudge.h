@@ -28,6 +28,9 @@ SignedOctets signatureOf(const SignerParts& signer, const EVP_MD* algorithm);
 /// The digest that a signer names, SHAKE256 with 512 bits among them (RFC 8419); null for one that OpenSSL does not have.
 const EVP_MD* contentDigest(framing::Octets identifier) noexcept;
 
+/// The octets of the message digest attribute; nothing when there is none that counts.
+std::optional<framing::Octets> announcedDigest(const SignerParts& signer) noexcept;
+
 /// What is wrong apart from the signature; nothing when `question` is what is left to ask.
 std::optional<SignatureResult> faultBesideSignature(const SignerParts& signer, const SignedOctets& content,
                                                     SignatureInQuestion& question);

@@ -39,6 +39,18 @@ Octets contentOf(Octets element) {
     return whole->content;
 }
 
+/// The whole identifier of an algorithm of that name; empty when OpenSSL does not know it.
+std::vector<unsigned char> identifierOf(const std::string& name) {
+    std::vector<unsigned char> element;
+    if (const openssl::ObjectPtr object(OBJ_txt2obj(name.c_str(), 0)); object != nullptr) {
+        const unsigned char* const octets = OBJ_get0_data(object.get());
+        framing::appendHeader(element, framing::TagClass::universal, false, framing::objectIdentifier,
+                              OBJ_length(object.get()));
+        element.insert(element.end(), octets, octets + OBJ_length(object.get()));
+    }
+    return element;
+}
+
 /// Sees to it that octets are elements of a CertificateSet or of RevocationInfoChoices, and nothing else.
 Octets requireChoices(Octets octets) {
     Elements elements(octets);
@@ -311,13 +323,17 @@ std::optional<SignatureResult> SignedMessage::faultOf(const SignerParts& signer,
                                       question);
 }
 
+SignedCertificates& SignedMessage::named() {
+    if (!m_named) {
+        m_named.emplace(m_certificateSet);
+    }
+    return *m_named;
+}
+
 SignatureResult SignedMessage::verdict(SignerParts& signer) {
     if (!signer.verdict) {
         const openssl::ErrorMark mark;
-        if (!m_named) {
-            m_named.emplace(m_certificateSet);
-        }
-        const NamedCertificates named = m_named->namedBy(signer);
+        const NamedCertificates named = this->named().namedBy(signer);
         SignatureInQuestion question;
         if (auto fault = faultOf(signer, question)) {
             signer.verdict = std::move(*fault);
@@ -351,12 +367,42 @@ SignatureResult SignedMessage::verdict(const SignerParts& signer, const NVX509::
     return result;
 }
 
+SignatureResult SignedMessage::verdictOnAttributes(const SignerParts& signer, const NVX509::RefCertificate& certificate,
+                                                   const std::string& digestAlgorithm) {
+    const openssl::ErrorMark mark;
+    X509* const x509 = certificate;
+    const auto announced = announcedDigest(signer);
+    if (!announced) {
+        return about(refused(SignatureReason::messageDigestMissing), x509);
+    }
+    SignerParts parts = signer;
+    std::vector<unsigned char> replacement;
+    if (!digestAlgorithm.empty()) {
+        replacement = identifierOf(digestAlgorithm);
+        parts.digestAlgorithm = replacement;
+    }
+    // A body of that digest, whatever its length.
+    SignedOctets content;
+    content.contentType = signer.signer == nullptr ? m_contentType : Octets();
+    if (const EVP_MD* digest = contentDigest(parts.digestAlgorithm);
+        digest != nullptr && announced->size() <= EVP_MAX_MD_SIZE) {
+        BodyDigest& value = content.digests.emplace_back();
+        value.algorithm = digest;
+        value.length = announced->size();
+        std::ranges::copy(*announced, value.value.begin());
+        content.announced = {digest};
+    }
+    SignatureInQuestion question;
+    if (auto fault = faultBesideSignature(parts, content, question)) {
+        return about(std::move(*fault), x509);
+    }
+    return x509 == nullptr ? judgeWithNamed(parts, question, m_attributeTrials, named().namedBy(parts))
+                           : about(judgeWith(parts, question, m_attributeTrials, x509), x509);
+}
+
 const std::list<NVX509::RefCertificate>& SignedMessage::certificates() {
     if (!m_certificates) {
-        if (!m_named) {
-            m_named.emplace(m_certificateSet);
-        }
-        if (m_named->areTooMany()) {
+        if (named().areTooMany()) {
             failures::raise(failures::signedReader,
                             "more than " + std::to_string(openssl::mostPublicKeys) + " certificates");
         }

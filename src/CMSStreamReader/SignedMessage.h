@@ -43,6 +43,9 @@ public:
 
     SignatureResult verdict(SignerParts& signer);
     SignatureResult verdict(const SignerParts& signer, const NVX509::RefCertificate& certificate);
+    /// With `certificate` unless it is empty; `digestAlgorithm` replaces the signer's unless that is empty.
+    SignatureResult verdictOnAttributes(const SignerParts& signer, const NVX509::RefCertificate& certificate,
+                                        const std::string& digestAlgorithm);
     const std::list<NVX509::RefCertificate>& certificates();
     const std::list<NVX509::RefCertificateRevocationList>& revocationLists();
 
@@ -60,6 +63,7 @@ private:
     void digest(framing::Octets octets);
     bool load();
     const SignedOctets& signedContent();
+    SignedCertificates& named();
     std::optional<SignatureResult> faultOf(const SignerParts& signer, SignatureInQuestion& question);
     void forgetVerdicts();
 
@@ -87,6 +91,7 @@ private:
     std::vector<SignerParts> m_signers;
     std::optional<SignedCertificates> m_named;
     Trials m_trials;
+    Trials m_attributeTrials; ///< not forgotten when the body goes on
     std::optional<std::list<NVX509::RefCertificate>> m_certificates;
     std::optional<std::list<NVX509::RefCertificateRevocationList>> m_revocationLists;
 };

@@ -162,6 +162,15 @@ SignatureReport SignedReader::report() const {
     return report;
 }
 
+SignatureResult SignedReader::verdictOnAttributes(const Signer& signer, const NVX509::RefCertificate& certificate,
+                                                  const std::string& digestAlgorithm) const {
+    m_message->requireComplete();
+    if (signer.m_message != m_message) {
+        failures::raise(failures::signedReader, "a signer of another message");
+    }
+    return m_message->verdictOnAttributes(*signer.m_parts, certificate, digestAlgorithm);
+}
+
 const std::list<NVX509::RefCertificate>& SignedReader::certificates() const {
     m_message->requireComplete();
     return m_message->certificates();

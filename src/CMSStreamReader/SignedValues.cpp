@@ -89,6 +89,11 @@ bool SignedReader::Signer::hasSignedAttributes() const noexcept {
     return m_parts->signedAttributes.has_value();
 }
 
+std::optional<Buffer> SignedReader::Signer::messageDigest() const {
+    const auto value = announcedDigest(*m_parts);
+    return value ? std::optional(copyOf(*value)) : std::nullopt;
+}
+
 std::optional<std::time_t> SignedReader::Signer::signingTime() const {
     const auto value = valueOf(m_parts->attribute(AttributeType::signingTime));
     return value ? openssl::momentOf(value->whole) : std::nullopt;

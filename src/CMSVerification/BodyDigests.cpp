@@ -1,5 +1,6 @@
 #include "CMSVerification/BodyDigests.h"
 
+#include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
 
 #include <norvcrypto/CMSVerification.h>
@@ -44,7 +45,7 @@ bool BodyDigests::start(const EVP_MD* algorithm) {
     }
     const openssl::ErrorMark mark;
     openssl::DigestContextPtr context(EVP_MD_CTX_new());
-    if (context == nullptr || EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1) {
+    if (context == nullptr || !openssl::beginDigest(context.get(), algorithm)) {
         return false;
     }
     m_running.push_back({algorithm, std::move(context)});

@@ -56,7 +56,7 @@ Hasher::Hasher(Type type) : m_context(EVP_MD_CTX_new()), m_type(type), m_digest(
     if (digest == nullptr) {
         failures::raise(failures::hasher, unrecognized(type));
     }
-    if (!m_context || EVP_DigestInit_ex(m_context.get(), digest, nullptr) == 0) {
+    if (!m_context || !openssl::beginDigest(m_context.get(), digest)) {
         failures::raise(failures::hasher);
     }
 }

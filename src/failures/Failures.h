@@ -169,17 +169,19 @@ inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
 
-// CMSStreamReader
+// CMSStreamReader: enveloped data
 inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};
 inline constexpr Failure envelopeReaderBody{"CMS::EnvelopeReader", nullHandle, "CMSEnvelopeReader"};
 
 // CMSStreamReader: signed data
-inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSStreamReader"};
-// CMSStreamWriter, encrypting
+inline constexpr Failure signedReader{"CMS::SignedReader", operationFailed, "CMSSignedReader"};
+
+// CMSStreamWriter: enveloped data
 inline constexpr Failure envelopeRecipient{"CMS::EnvelopeRecipient", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeWriter{"CMS::EnvelopeWriter", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeWrite{"CMS::EnvelopeWriter::write", operationFailed, "CMSEnvelopeWriter"};
 inline constexpr Failure envelopeEnd{"CMS::EnvelopeWriter::end", operationFailed, "CMSEnvelopeWriter"};
+
 // CMSStreamWriter: signed data
 inline constexpr Failure signedWriter{"CMS::SignedWriter", operationFailed, "CMSSignedWriter"};
 inline constexpr Failure signedWriterWrite{"CMS::SignedWriter::write", operationFailed, "CMSSignedWriter"};

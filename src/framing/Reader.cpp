@@ -331,25 +331,37 @@ Octets Reader::rawPiece() {
     return {};
 }
 
+/// Adds what follows to the short piece that there is.
+void Reader::gather() {
+    while (m_gathered.size() < gatheredMost) {
+        const Octets more = rawPiece();
+        if (more.size() >= gatheredBelow) {
+            m_pending = more;
+            return;
+        }
+        if (more.empty()) {
+            return;
+        }
+        m_gathered.insert(m_gathered.end(), more.begin(), more.end());
+    }
+}
+
 Octets Reader::piece() {
     if (!m_pending.empty()) {
         return std::exchange(m_pending, {});
+    }
+    if (m_pendingFault) {
+        throw Broken(*m_pendingFault);
     }
     const Octets first = rawPiece();
     if (first.empty() || first.size() >= gatheredBelow) {
         return first;
     }
     m_gathered.assign(first.begin(), first.end());
-    while (m_gathered.size() < gatheredMost) {
-        const Octets more = rawPiece();
-        if (more.size() >= gatheredBelow) {
-            m_pending = more;
-            break;
-        }
-        if (more.empty()) {
-            break;
-        }
-        m_gathered.insert(m_gathered.end(), more.begin(), more.end());
+    try {
+        gather();
+    } catch (const Broken& broken) { // what came before it comes out first
+        m_pendingFault = broken.fault();
     }
     return m_gathered;
 }

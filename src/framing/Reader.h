@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <exception>
 #include <list>
+#include <optional>
 #include <vector>
 
 namespace Norvane::Crypto::framing {
@@ -100,7 +101,7 @@ public:
     /// Begins to read the next element as a string, whatever its tag: its content, or that of its segments.
     void openString(Segments segments);
     /// The next octets of it, valid until the next call; none at its end, behind which the reader stands then. Segments of
-    /// less than 1 KB come gathered.
+    /// less than 1 KB come gathered. All octets before a fault come before it is thrown.
     Octets piece();
 
     /// To be called behind the outermost element, at whose end the source stands then.
@@ -135,6 +136,7 @@ private:
     void pass(std::vector<unsigned char>* into, std::size_t limit);
     void nextSegment();
     Octets rawPiece();
+    void gather();
 
     MediaIn m_in;
     BytesInMemory* m_inMemory;
@@ -164,6 +166,7 @@ private:
     Segments m_segments = Segments::strict;
     bool m_inString = false;
     Octets m_pending;
+    std::optional<Fault> m_pendingFault;
     std::vector<unsigned char> m_gathered;
 
     std::list<std::vector<unsigned char>> m_kept;

@@ -162,6 +162,10 @@ bool AuthenticatedCipher::isRight(EVP_CIPHER_CTX* context, std::span<const unsig
            EVP_DecryptFinal_ex(context, none.data(), &count) == 1;
 }
 
+std::optional<GcmCheck> AuthenticatedCipher::check() const {
+    return isGcm() ? std::optional<GcmCheck>(std::in_place, m_cipher.get(), m_key.octets(), m_nonce) : std::nullopt;
+}
+
 CipherContextPtr AuthenticatedCipher::verified() const {
     if (!isGcm() || m_nonce.size() != usualNonce) {
         return verifying({});

@@ -4,6 +4,7 @@
 /// The ciphers of AuthEnvelopedData: AES-GCM (RFC 5084) and ChaCha20-Poly1305 (RFC 8103).
 
 #include "openssl/ContentCipher.h"
+#include "openssl/GcmCheck.h"
 #include "openssl/Pointers.h"
 #include "openssl/WipedBytes.h"
 
@@ -35,6 +36,8 @@ public:
     [[nodiscard]] CipherContextPtr verifying(std::span<const unsigned char> associated) const;
     /// Whether the tag is right, after all content went through such a context.
     [[nodiscard]] bool isRight(EVP_CIPHER_CTX* context, std::span<const unsigned char> tag) const;
+    /// Checks the tag without decrypting; nothing for a cipher that cannot.
+    [[nodiscard]] std::optional<GcmCheck> check() const;
     /// A context that decrypts from the beginning what was verified, without verifying it once more.
     [[nodiscard]] CipherContextPtr verified() const;
 

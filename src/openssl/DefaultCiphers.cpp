@@ -22,8 +22,7 @@ public:
         }
         const ErrorMark quiet;
         Owned<EVP_CIPHER, EVP_CIPHER_free> found(EVP_CIPHER_fetch(nullptr, EVP_CIPHER_get0_name(constant), nullptr));
-        if (found == nullptr ||
-            std::strcmp(OSSL_PROVIDER_get0_name(EVP_CIPHER_get0_provider(found.get())), "default") != 0) {
+        if (found == nullptr || !isOfDefaultProvider(EVP_CIPHER_get0_provider(found.get()))) {
             return constant;
         }
         const EVP_CIPHER* other = nullptr;
@@ -37,13 +36,17 @@ private:
     std::atomic<const EVP_CIPHER*> m_cipher = nullptr;
 };
 
-bool mayKeep() noexcept {
+} // namespace
+
+bool mayKeepImplementations() noexcept {
     // Without an argument the current context is answered, and not changed.
     return OSSL_LIB_CTX_set0_default(nullptr) == OSSL_LIB_CTX_get0_global_default() &&
            EVP_default_properties_is_fips_enabled(nullptr) == 0;
 }
 
-} // namespace
+bool isOfDefaultProvider(const OSSL_PROVIDER* provider) noexcept {
+    return std::strcmp(OSSL_PROVIDER_get0_name(provider), "default") == 0;
+}
 
 const EVP_CIPHER* implementationOf(const EVP_CIPHER* constant) noexcept {
     static Kept tripleDes;
@@ -67,7 +70,7 @@ const EVP_CIPHER* implementationOf(const EVP_CIPHER* constant) noexcept {
     default:
         return constant;
     }
-    return mayKeep() ? kept->of(constant) : constant;
+    return mayKeepImplementations() ? kept->of(constant) : constant;
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -15,4 +15,8 @@ namespace Norvane::Crypto::openssl {
 /// change where that cipher comes from. Threads: from any.
 const EVP_CIPHER* implementationOf(const EVP_CIPHER* constant) noexcept;
 
+/// Whether what was looked up in the default provider once may be used again, in this thread and now.
+bool mayKeepImplementations() noexcept;
+bool isOfDefaultProvider(const OSSL_PROVIDER* provider) noexcept;
+
 } // namespace Norvane::Crypto::openssl

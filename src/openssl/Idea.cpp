@@ -6,6 +6,7 @@
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
 
+#include <dlfcn.h>
 #include <gcrypt.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -23,6 +24,57 @@ namespace {
 constexpr int blockLength = 8;
 constexpr int keyLength = 16;
 
+/// The functions of libgcrypt that are used. It is loaded by the first key ever: few processes have one, and loading it takes a
+/// short-lived process as long as verifying a signature. A program that has libgcrypt already gets its own.
+class Gcrypt {
+public:
+    /// Null without libgcrypt, or where it refuses the cipher.
+    static const Gcrypt* instance() {
+        static const Gcrypt loaded;
+        return loaded.m_usable ? &loaded : nullptr;
+    }
+
+    decltype(&gcry_cipher_open) open = nullptr;
+    decltype(&gcry_cipher_close) close = nullptr;
+    decltype(&gcry_cipher_setkey) setKey = nullptr;
+    decltype(&gcry_cipher_setiv) setVector = nullptr;
+    decltype(&gcry_cipher_encrypt) encrypt = nullptr;
+    decltype(&gcry_cipher_decrypt) decrypt = nullptr;
+
+private:
+    Gcrypt() {
+        void* const library = dlopen("libgcrypt.so.20", RTLD_NOW | RTLD_LOCAL); // for good, as we are
+        decltype(&gcry_check_version) start = nullptr;
+        m_usable = library != nullptr && find(library, "gcry_check_version", start) &&
+                   find(library, "gcry_cipher_open", open) && find(library, "gcry_cipher_close", close) &&
+                   find(library, "gcry_cipher_setkey", setKey) && find(library, "gcry_cipher_setiv", setVector) &&
+                   find(library, "gcry_cipher_encrypt", encrypt) && find(library, "gcry_cipher_decrypt", decrypt);
+        if (!m_usable) {
+            return;
+        }
+        start(nullptr); // what else there is to set is for the program to choose
+        // The first key makes libgcrypt test its IDEA and keep the result without a lock.
+        static constexpr std::array<unsigned char, keyLength> first{};
+        gcry_cipher_hd_t handle = nullptr;
+        if (open(&handle, GCRY_CIPHER_IDEA, GCRY_CIPHER_MODE_CBC, 0) == 0) {
+            static_cast<void>(setKey(handle, first.data(), first.size()));
+            close(handle);
+        }
+    }
+
+    /// A program's own definition goes first, as it would for a function that the linker finds.
+    template <class Function> static bool find(void* library, const char* name, Function& function) {
+        void* found = dlsym(RTLD_DEFAULT, name);
+        if (found == nullptr) {
+            found = dlsym(library, name);
+        }
+        function = reinterpret_cast<Function>(found);
+        return function != nullptr;
+    }
+
+    bool m_usable = false;
+};
+
 /// What a context keeps: zeroed by OpenSSL at first. The key is there because libgcrypt cannot copy a handle.
 struct State {
     gcry_cipher_hd_t handle;
@@ -35,8 +87,10 @@ State& stateOf(EVP_CIPHER_CTX* context) {
 
 /// Gives the handle, which is made when there is none, the key of the state.
 bool useKey(State& state) {
-    if ((state.handle == nullptr && gcry_cipher_open(&state.handle, GCRY_CIPHER_IDEA, GCRY_CIPHER_MODE_CBC, 0) != 0) ||
-        gcry_cipher_setkey(state.handle, state.key, keyLength) != 0) {
+    const Gcrypt* const gcrypt = Gcrypt::instance();
+    if (gcrypt == nullptr ||
+        (state.handle == nullptr && gcrypt->open(&state.handle, GCRY_CIPHER_IDEA, GCRY_CIPHER_MODE_CBC, 0) != 0) ||
+        gcrypt->setKey(state.handle, state.key, keyLength) != 0) {
         queueError("idea_cbc", ERR_LIB_EVP, EVP_R_INITIALIZATION_ERROR);
         return false;
     }
@@ -44,7 +98,9 @@ bool useKey(State& state) {
 }
 
 void wipe(State& state) {
-    gcry_cipher_close(state.handle); // wipes the key schedule
+    if (state.handle != nullptr) {
+        Gcrypt::instance()->close(state.handle); // wipes the key schedule
+    }
     OPENSSL_cleanse(&state, sizeof state);
 }
 
@@ -75,8 +131,9 @@ int crypt(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, 
     if (!encrypt) {
         std::memcpy(next.data(), in + length - blockLength, blockLength); // `out` may be `in`
     }
-    if (gcry_cipher_setiv(state.handle, iv, blockLength) != 0 ||
-        (encrypt ? gcry_cipher_encrypt : gcry_cipher_decrypt)(state.handle, out, length, in, length) != 0) {
+    const Gcrypt& gcrypt = *Gcrypt::instance(); // which made the handle
+    if (gcrypt.setVector(state.handle, iv, blockLength) != 0 ||
+        (encrypt ? gcrypt.encrypt : gcrypt.decrypt)(state.handle, out, length, in, length) != 0) {
         queueError("idea_cbc", ERR_LIB_EVP, ERR_R_INTERNAL_ERROR);
         return 0;
     }
@@ -119,11 +176,6 @@ const EVP_CIPHER* make() {
         EVP_CIPHER_meth_set_cleanup(cipher.get(), end) != 1 || EVP_CIPHER_meth_set_ctrl(cipher.get(), control) != 1) {
         throw std::bad_alloc();
     }
-    gcry_check_version(nullptr); // starts libgcrypt; what else there is to set is for the program to choose
-    // The first key ever makes libgcrypt test its IDEA and keep the result without a lock.
-    State first{};
-    useKey(first);
-    wipe(first);
     if (EVP_add_cipher(cipher.get()) != 1) {
         throw std::bad_alloc();
     }

@@ -7,9 +7,9 @@
 
 namespace Norvane::Crypto::openssl {
 
-/// IDEA in CBC mode as an OpenSSL cipher like any other; never null. The first call starts libgcrypt, where the process
-/// has not yet, and adds the cipher to OpenSSL's table: from then on OpenSSL finds it by name, as it does to decrypt a
-/// structure. \throws std::bad_alloc
+/// IDEA in CBC mode as an OpenSSL cipher like any other; never null. The first call adds the cipher to OpenSSL's table: from
+/// then on OpenSSL finds it by name, as it does to decrypt a structure. The first key that it gets loads libgcrypt and starts
+/// it, where the process has not yet; without libgcrypt it takes no key. \throws std::bad_alloc
 const EVP_CIPHER* ideaCbc();
 
 /// That first call for the start of the library, which does not fail: without memory a later use adds the cipher.

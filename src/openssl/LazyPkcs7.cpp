@@ -70,13 +70,6 @@ Pkcs7Ptr decodeStructure(Octets octets) {
     return Pkcs7Ptr(d2i_PKCS7(nullptr, &at, static_cast<long>(octets.size())));
 }
 
-/// Passes a string.
-void skipString(Reader& reader) {
-    reader.openString(framing::Segments::strict);
-    while (!reader.piece().empty()) {
-    }
-}
-
 /// What is inside the [0] that a structure's content stands in, which ends it.
 template <class Walk> void walkContent(Reader& reader, Walk walk) {
     reader.expect(TagClass::contextSpecific, 0);
@@ -105,6 +98,18 @@ template <class Take> bool forEachElement(Octets whole, Take take) {
     return true;
 }
 
+/// Keeps an element whose parts `take` adds to `parts`; nothing is kept, and it is false, when it does not take one.
+template <class Parts, class Take>
+bool keepElements(Octets element, std::vector<unsigned char>& kept, Parts& parts, Take take) {
+    kept.assign(element.begin(), element.end());
+    const bool taken = forEachElement(kept, take);
+    if (!taken) {
+        parts.clear();
+        kept = {};
+    }
+    return taken;
+}
+
 } // namespace
 
 /// The elements of a content, and where they lie.
@@ -116,6 +121,14 @@ struct LazyPkcs7::Parts {
     Octets take() { return reader.take(unlimited); }
     [[nodiscard]] Octets since(std::uint64_t start) const {
         return all.subspan(static_cast<std::size_t>(start), static_cast<std::size_t>(reader.position() - start));
+    }
+    /// A string, in one piece or in segments.
+    Octets takeString() {
+        const std::uint64_t start = reader.position();
+        reader.openString(framing::Segments::strict);
+        while (!reader.piece().empty()) {
+        }
+        return since(start);
     }
 };
 
@@ -184,9 +197,7 @@ Pkcs7Ptr LazyPkcs7::decodeSigned(Octets type, Parts& parts) {
                 reader.expect(TagClass::contextSpecific, 0);
                 reader.enter();
                 reader.expect(framing::octetString);
-                const std::uint64_t start = reader.position();
-                skipString(reader);
-                carried = parts.since(start);
+                carried = parts.takeString();
                 reader.leave();
             } else {
                 reader.skip();
@@ -237,9 +248,7 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
         algorithm = parts.take();
         if (reader.next() != nullptr) {
             reader.expect(TagClass::contextSpecific, 0);
-            const std::uint64_t start = reader.position();
-            skipString(reader);
-            m_content = parts.since(start);
+            m_content = parts.takeString();
         }
         reader.leave();
     });
@@ -257,37 +266,23 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
 
 /// Keeps the certificates of the element for later; false when there is none or they are not assured.
 bool LazyPkcs7::takeCertificates(Octets element) {
-    std::vector<unsigned char>& kept = m_ofSigned[0];
-    kept.assign(element.begin(), element.end());
-    const bool assured = forEachElement(kept, [this](const Element& certificate) {
+    return keepElements(element, m_ofSigned[0], m_certificates, [this](const Element& certificate) {
         const auto name = assuredCertificate(certificate);
         if (name) {
             m_certificates.push_back({certificate.whole, *name});
         }
         return name.has_value();
     });
-    if (!assured) {
-        m_certificates.clear();
-        kept = {};
-    }
-    return assured;
 }
 
 bool LazyPkcs7::takeLists(Octets element) {
-    std::vector<unsigned char>& kept = m_ofSigned[1];
-    kept.assign(element.begin(), element.end());
-    const bool assured = forEachElement(kept, [this](const Element& list) {
-        const bool is = isAssuredList(list);
-        if (is) {
+    return keepElements(element, m_ofSigned[1], m_lists, [this](const Element& list) {
+        const bool assured = isAssuredList(list);
+        if (assured) {
             m_lists.push_back({list.whole});
         }
-        return is;
+        return assured;
     });
-    if (!assured) {
-        m_lists.clear();
-        kept = {};
-    }
-    return assured;
 }
 
 bool LazyPkcs7::takeRecipients(Octets element) {

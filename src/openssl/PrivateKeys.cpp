@@ -62,6 +62,24 @@ struct Passphrase {
     std::array<char, PEM_BUFSIZE> text{};
 };
 
+/// A PrivateKeyInfo with a key of one of the usual kinds. By the name of a kind OpenSSL finds its decoders several times faster
+/// than by the object identifier, which is what it goes by when it is not told the kind. Null without a trace for all else.
+KeyPtr decodeUsual(const unsigned char* der, std::size_t length) {
+    const ErrorMark mark;
+    const unsigned char* at = der;
+    const InfoPtr info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(length)));
+    const ASN1_OBJECT* algorithm = nullptr;
+    if (!info || PKCS8_pkey_get0(&algorithm, nullptr, nullptr, nullptr, info.get()) != 1) {
+        return nullptr;
+    }
+    const int type = OBJ_obj2nid(algorithm);
+    if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) {
+        return nullptr;
+    }
+    at = der;
+    return KeyPtr(d2i_PrivateKey(type, nullptr, &at, static_cast<long>(length)));
+}
+
 PrivateKeyReading decode(const PKCS8_PRIV_KEY_INFO* info) {
     if (std::string refusal = refusalOfPrivateKey(info); !refusal.empty()) {
         return refused(std::move(refusal));
@@ -126,6 +144,9 @@ PrivateKeyReading readPrivateDer(const unsigned char* der, std::size_t length, B
         if (std::string refusal = refusalOfPrivateKey(der, length); !refusal.empty()) {
             return refused(std::move(refusal));
         }
+        if (KeyPtr key = decodeUsual(der, length)) {
+            return {std::move(key), {}};
+        }
         return {KeyPtr(d2i_PrivateKey_bio(source, nullptr)), {}};
     });
 }
@@ -156,6 +177,9 @@ PrivateKeyReading readPrivatePem(BIO* in, const PassphraseSource& passphrase) {
         }
         if (std::string refusal = refusalOfPrivateKey(block.data, length); !refusal.empty()) {
             return refused(std::move(refusal));
+        }
+        if (KeyPtr key = decodeUsual(block.data, length)) {
+            return {std::move(key), {}};
         }
         const unsigned char* at = block.data;
         return decode(InfoPtr(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, block.length)).get());

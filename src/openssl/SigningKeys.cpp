@@ -114,7 +114,7 @@ SignatureDigest signatureDigest(int number) {
 
 DigestContextPtr SignatureDigest::start() const {
     DigestContextPtr context(EVP_MD_CTX_new());
-    return context != nullptr && EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1 ? std::move(context)
+    return context != nullptr && beginDigest(context.get(), algorithm) ? std::move(context)
                                                                                            : nullptr;
 }
 

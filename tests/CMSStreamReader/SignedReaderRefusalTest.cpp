@@ -67,7 +67,7 @@ std::string faultOf(const Bytes& structure, const SignedReader::Budget& budget =
         Norvane::NullMediaOut out;
         message.write(out);
     });
-    norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSStreamReader");
+    norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");
     return norvtest::detailOf(thrown);
 }
 

@@ -110,6 +110,38 @@ TEST(SignedReaderValues, NamesAndAlgorithms) {
     EXPECT_FALSE(byKey.signer().hasMoreCountersigners());
 }
 
+TEST(SignedReaderValues, MessageDigest) {
+    const Read made(signedMessage({&identities().rsa}, {"SHA384"}, body(), 0));
+    ASSERT_TRUE(made.signer().messageDigest());
+    EXPECT_EQ(bytesOf(*made.signer().messageDigest()), digestOf(body(), EVP_sha384()));
+    EXPECT_FALSE(Read(signedMessage({&identities().rsa}, {"SHA256"}, body(), CMS_NOATTR)).signer().messageDigest());
+}
+
+TEST(SignedReaderValues, TheVerdictOnAttributesTakesNoBody) {
+    const Bytes detached = signedMessage({&identities().rsa}, {"SHA256"}, body(), CMS_DETACHED);
+    const Read made(detached); // over no body
+    EXPECT_EQ(made.message.verdict(made.signer()).reason, CMS::SignatureReason::bodyDiffers);
+    const CMS::SignatureResult result = made.message.verdictOnAttributes(made.signer());
+    EXPECT_EQ(result.verdict, CMS::SignatureVerdict::good);
+    EXPECT_TRUE(result.certificate == certificateOf(identities().rsa));
+    const auto with = [&](const Identity& identity, const std::string& digest = "") {
+        return made.message.verdictOnAttributes(made.signer(), certificateOf(identity), digest).reason;
+    };
+    EXPECT_EQ(with(identities().rsa), CMS::SignatureReason::none);
+    EXPECT_EQ(with(identities().otherRsa), CMS::SignatureReason::signatureWrong);
+    EXPECT_EQ(with(identities().rsa, "sha256"), CMS::SignatureReason::none);
+    EXPECT_EQ(with(identities().rsa, "sha512"), CMS::SignatureReason::signatureWrong);
+    EXPECT_EQ(with(identities().rsa, "no digest"), CMS::SignatureReason::digestAlgorithm);
+    // It is no verdict on any body, and leaves that as it was.
+    EXPECT_EQ(made.message.verdict(made.signer()).reason, CMS::SignatureReason::bodyDiffers);
+
+    const Read bare(signedMessage({&identities().rsa}, {"SHA256"}, body(), CMS_NOATTR));
+    EXPECT_EQ(bare.message.verdictOnAttributes(bare.signer()).reason, CMS::SignatureReason::messageDigestMissing);
+    const Read other(detached);
+    EXPECT_EQ(caught([&] { static_cast<void>(made.message.verdictOnAttributes(other.signer())); }).details,
+              std::vector<std::string>{"a signer of another message"});
+}
+
 TEST(SignedReaderValues, SigningTime) {
     const std::time_t before = std::time(nullptr);
     const Read made(signedMessage({&identities().rsa}, {"SHA256"}, body(), 0));

@@ -146,6 +146,43 @@ TEST_P(FramingReader, StringsOfAnySegmentsGiveTheirOctets) {
     }
 }
 
+TEST_P(FramingReader, AllOctetsBeforeAFaultComeOut) {
+    // A string that breaks off; segments before one that is no octet string, before a header that is none, before the end.
+    for (const auto& [hex, fault] : {std::pair("0409616263", Fault::ended),
+                                     std::pair("2480"
+                                               "040161"
+                                               "04026263"
+                                               "0c0164",
+                                               Fault::unexpected),
+                                     std::pair("2409"
+                                               "040161"
+                                               "04026263"
+                                               "0405",
+                                               Fault::malformed),
+                                     std::pair("2480"
+                                               "0403616263",
+                                               Fault::ended)}) {
+        Reader reader(sourceOf(hex));
+        reader.openString(Segments::strict);
+        std::string octets;
+        EXPECT_EQ(faultOf([&] {
+                      for (Octets piece = reader.piece(); !piece.empty(); piece = reader.piece()) {
+                          octets.append(piece.begin(), piece.end());
+                      }
+                  }),
+                  fault)
+            << hex;
+        EXPECT_EQ(octets, "abc") << hex;
+    }
+    // From a source that answers with an octet at a time, too.
+    PiecesIn slow(fromHex("0409616263"));
+    slow.splitAt(~UINT64_C(0));
+    Reader reader(slow);
+    reader.openString(Segments::strict);
+    EXPECT_EQ(hexOf(reader.piece()), "616263");
+    EXPECT_EQ(faultOf([&] { static_cast<void>(reader.piece()); }), Fault::ended);
+}
+
 TEST_P(FramingReader, DefiniteContentInMemoryIsOnePiece) {
     Bytes whole;
     appendHeader(whole, TagClass::contextSpecific, false, 0, 1000000);

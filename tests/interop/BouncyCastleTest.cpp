@@ -2,6 +2,7 @@
 // program on its side is bouncycastle/Peer.java.
 #include "support/Cms.h"
 #include "support/JudgedTest.h"
+#include "support/SignedMessages.h"
 
 #include <norvcrypto/CMSEnvelopeReader.h>
 #include <norvcrypto/CMSEnvelopeWriter.h>
@@ -220,6 +221,34 @@ TEST_F(BouncyCastleTest, SignsWhatIsVerifiedHere) {
             EXPECT_EQ(other.verdict(other.signers().front()).verdict, CMS::SignatureVerdict::refused);
         }
     }
+}
+
+// RFC 8419, 3.1, demands SHA-512 beside Ed25519 and SHAKE256 beside Ed448.
+TEST_F(BouncyCastleTest, EdwardsCurvesBesideOtherDigestsAreVerifiedOnBothSides) {
+    const std::vector<std::tuple<const char*, const char*, const char*>> cases{
+        {"ed25519", "ED25519", "SHA256"}, {"ed25519", "ED25519", "SHA384"}, {"ed448", "ED448", "SHA512"}};
+    const norvauthority::Bytes content(m_body.begin(), m_body.end());
+    for (const auto& [who, scheme, digest] : cases) {
+        const Identity& identity = person(who);
+        const EVP_MD* const type = EVP_get_digestbyname(digest);
+        cmstest::HandMadeSigner signer{.identity = &identity,
+                                       .digestAlgorithm = cmstest::algorithm(digest),
+                                       .signatureAlgorithm = cmstest::algorithm(scheme),
+                                       .digest = nullptr,
+                                       .attributes = cmstest::usualAttributes(content, type)};
+        signer.name = cmstest::der::sequence({root().name.der(), cmstest::der::integer(identity.serial)});
+        const auto message = cmstest::attachedBy(signer, content);
+        const std::string name = std::string(who) + digest;
+        work.write(name, std::string(message.begin(), message.end()));
+        task(name, "verify " + name + " body " + who);
+
+        CMS::SignedReader reader(file(name));
+        Norvane::MemoryMediaOut out;
+        reader.write(out);
+        const CMS::SignatureResult result = reader.verdict(reader.signers().front());
+        EXPECT_EQ(result.verdict, CMS::SignatureVerdict::good) << name << CMS::textOf(result.reason);
+    }
+    allAreDone(cases.size());
 }
 
 TEST_F(BouncyCastleTest, OpensWhatIsEncryptedHere) {

@@ -6,6 +6,8 @@
 
 #include <norvcmsg/File.h>
 
+#include <openssl/crypto.h>
+
 using namespace interop;
 using namespace Norvane::Crypto;
 using CMS::ContentCipher;
@@ -120,6 +122,43 @@ TEST_F(EnvelopeWriterOpenSsl, DecryptsForEachOfMany) {
     write(recipients, {ContentCipher::aes256Cbc}, sampleBody());
     for (const Kind& kind : all)
         opens(kind, sampleBody());
+}
+
+/// A type other than data has to be named by an authenticated attribute (RFC 5083, 2.1), which is what the tag covers beside
+/// the content.
+TEST_F(EnvelopeWriterOpenSsl, DecryptsContentOfOtherTypesWithAuthenticatedAttributes) {
+    const std::vector<Kind> all = kinds();
+    bool isRead = false;
+    for (const ContentCipher cipher : {ContentCipher::aes128Gcm, ContentCipher::aes192Gcm, ContentCipher::aes256Gcm})
+        for (const EnvelopeEncoding encoding : {EnvelopeEncoding::ber, EnvelopeEncoding::der}) {
+            CMS::EnvelopeOptions options;
+            options.cipher = cipher;
+            options.encoding = encoding;
+            options.bodyLength = sampleBody().size();
+            options.contentType = "1.2.840.113549.1.7.2";
+            write({all.front().recipient}, options, sampleBody());
+            const Answer printed =
+                in({"openssl", "cms", "-cmsout", "-print", "-noout", "-inform", "DER", "-in", "msg"});
+            EXPECT_NE(std::string::npos, printed.out.find("contentType: pkcs7-signedData")) << printed.out;
+            EXPECT_NE(std::string::npos, printed.out.find("object: contentType")) << printed.out;
+            if (!isRead) {
+                const Answer answer = in({"openssl", "cms", "-decrypt", "-binary", "-inform", "DER", "-in", "msg",
+                                          "-out", "out", "-recip", "bob.pem", "-inkey", "bob.key"});
+                if (answer.status != 0 && OpenSSL_version_num() < 0x30000160) // 3.0.19 does not, 3.0.22 does
+                    GTEST_SKIP() << "this release of OpenSSL does not read authenticated attributes: " << answer.err;
+            }
+            isRead = true;
+            opens(all.front(), sampleBody());
+        }
+    // And what the attribute says is under the tag.
+    std::string message = work.read("msg");
+    const std::string signedData = "\x2A\x86\x48\x86\xF7\x0D\x01\x07\x02";
+    ASSERT_NE(message.rfind(signedData), message.find(signedData));
+    message[message.rfind(signedData) + signedData.size() - 1] = '\x03';
+    work.write("msg", message);
+    const Answer answer = in({"openssl", "cms", "-decrypt", "-binary", "-inform", "DER", "-in", "msg", "-out", "out",
+                              "-recip", "bob.pem", "-inkey", "bob.key"});
+    EXPECT_NE(0, answer.status) << "changed";
 }
 
 /// Version numbers and algorithms as another program names them.

@@ -55,6 +55,33 @@ protected:
         send(writer, "msg");
     }
 
+    /// Has each kind of signature that somebody makes here looked at.
+    template <class Look> void forEachSignature(const std::string& who, Look look, bool pss = false) {
+        for (const bool attached : {true, false}) {
+            for (const bool der : {false, true}) {
+                for (const bool attributes : {true, false}) {
+                    SCOPED_TRACE(who + (attached ? " attached" : " detached") + (der ? " DER" : " BER") +
+                                 (attributes ? " attributes" : "") + (pss ? " PSS" : ""));
+                    sign(who, attached, der, attributes, pss);
+                    look(attached);
+                }
+            }
+        }
+    }
+    /// Has a message to these people under each cipher that everybody knows looked at.
+    template <class Look> void forEachMessage(const std::vector<std::string>& to, Look look) {
+        using CMS::ContentCipher;
+        for (const auto cipher : {ContentCipher::aes128Cbc, ContentCipher::aes192Cbc, ContentCipher::aes256Cbc,
+                                  ContentCipher::tripleDesCbc}) {
+            for (const bool der : {true, false}) {
+                SCOPED_TRACE(der ? "DER" : "BER");
+                encrypt(to, cipher, der);
+                look();
+                EXPECT_TRUE(work.read("out") == m_body);
+            }
+        }
+    }
+
     /// Whether "sig" is signed by that person over the body.
     void accepts(const std::string& who, bool attached) {
         CMS::SignedReader reader(Norvane::MemoryMediaIn(work.read("sig")));
@@ -99,8 +126,6 @@ private:
     }
 };
 
-constexpr const char* s_formName[] = {"attached BER", "attached DER", "detached BER", "detached DER"};
-
 } // namespace
 
 TEST_F(StreamsTest, GpgsmReadsSignaturesMadeHere) {
@@ -108,19 +133,14 @@ TEST_F(StreamsTest, GpgsmReadsSignaturesMadeHere) {
         GTEST_SKIP() << "gpgsm is not installed";
     makeGpgsmHome();
     for (const char* who : {"alice", "erin"}) {
-        for (int form = 0; form < 4; ++form) {
-            for (const bool attributes : {true, false}) {
-                SCOPED_TRACE(std::string(who) + " " + s_formName[form] + (attributes ? " attributes" : ""));
-                const bool attached = form < 2;
-                sign(who, attached, form % 2 == 1, attributes);
-                std::vector<std::string> arguments{"gpgsm", "--batch", "--status-fd", "1", "--verify", "sig"};
-                if (!attached)
-                    arguments.emplace_back("body");
-                const Answer good = in(arguments);
-                EXPECT_EQ(0, good.status) << good.err;
-                EXPECT_NE(std::string::npos, good.out.find("[GNUPG:] GOODSIG")) << good.out << good.err;
-            }
-        }
+        forEachSignature(who, [this](bool attached) {
+            std::vector<std::string> arguments{"gpgsm", "--batch", "--status-fd", "1", "--verify", "sig"};
+            if (!attached)
+                arguments.emplace_back("body");
+            const Answer good = in(arguments);
+            EXPECT_EQ(0, good.status) << good.err;
+            EXPECT_NE(std::string::npos, good.out.find("[GNUPG:] GOODSIG")) << good.out << good.err;
+        });
     }
 }
 
@@ -146,16 +166,10 @@ TEST_F(StreamsTest, GpgsmOpensWhatIsEncryptedHereAndTheReverse) {
     makeGpgsmHome();
     for (const char* who : {"alice", "bob"})
         importIntoGpgsm(who);
-    using CMS::ContentCipher;
-    for (const auto cipher :
-         {ContentCipher::aes128Cbc, ContentCipher::aes192Cbc, ContentCipher::aes256Cbc, ContentCipher::tripleDesCbc}) {
-        for (const bool der : {true, false}) {
-            encrypt({"alice", "bob"}, cipher, der);
-            const Answer answer = gpgsmWith("x", {"--output", "out", "--decrypt", "msg"});
-            EXPECT_EQ(0, answer.status) << answer.err;
-            EXPECT_TRUE(work.read("out") == m_body);
-        }
-    }
+    forEachMessage({"alice", "bob"}, [this] {
+        const Answer answer = gpgsmWith("x", {"--output", "out", "--decrypt", "msg"});
+        EXPECT_EQ(0, answer.status) << answer.err;
+    });
     for (const char* cipher : {"AES", "AES256", "3DES"}) {
         succeeds({"gpgsm", "--batch", "--yes", "--cipher-algo", cipher, "--output", "msg", "--recipient",
                   "alice@example.org", "--recipient", "bob@example.org", "--encrypt", "body"});
@@ -169,18 +183,13 @@ TEST_F(StreamsTest, NssReadsSignaturesMadeHereAndTheReverse) {
         GTEST_SKIP() << "the tools of NSS are not installed";
     makeNssDatabase();
     for (const char* who : {"alice", "erin"}) {
-        for (int form = 0; form < 4; ++form) {
-            for (const bool attributes : {true, false}) {
-                SCOPED_TRACE(std::string(who) + " " + s_formName[form] + (attributes ? " attributes" : ""));
-                const bool attached = form < 2;
-                sign(who, attached, form % 2 == 1, attributes);
-                std::vector<std::string> arguments{"cmsutil", "-D", "-d", "nss", "-i", "sig", "-n", "-h", "0"};
-                if (!attached)
-                    arguments.insert(arguments.end(), {"-c", "body"});
-                const Answer good = in(arguments);
-                EXPECT_NE(std::string::npos, (good.out + good.err).find("GoodSignature")) << good.out << good.err;
-            }
-        }
+        forEachSignature(who, [this](bool attached) {
+            std::vector<std::string> arguments{"cmsutil", "-D", "-d", "nss", "-i", "sig", "-n", "-h", "0"};
+            if (!attached)
+                arguments.insert(arguments.end(), {"-c", "body"});
+            const Answer good = in(arguments);
+            EXPECT_NE(std::string::npos, (good.out + good.err).find("GoodSignature")) << good.out << good.err;
+        });
         importIntoNss(who);
         for (const bool attached : {true, false}) {
             std::vector<std::string> arguments{"cmsutil", "-S",   "-d", "nss", "-N", who,  "-H",  "SHA256",
@@ -199,17 +208,10 @@ TEST_F(StreamsTest, NssOpensWhatIsEncryptedHereAndTheReverse) {
     makeNssDatabase();
     for (const char* who : {"alice", "bob"})
         importIntoNss(who);
-    using CMS::ContentCipher;
-    for (const auto cipher :
-         {ContentCipher::aes128Cbc, ContentCipher::aes192Cbc, ContentCipher::aes256Cbc, ContentCipher::tripleDesCbc}) {
-        for (const bool der : {true, false}) {
-            SCOPED_TRACE(der ? "DER" : "BER");
-            encrypt({"alice"}, cipher, der);
-            const Answer answer = in({"cmsutil", "-D", "-d", "nss", "-i", "msg", "-o", "out"});
-            EXPECT_EQ(0, answer.status) << answer.err;
-            EXPECT_TRUE(work.read("out") == m_body);
-        }
-    }
+    forEachMessage({"alice"}, [this] {
+        const Answer answer = in({"cmsutil", "-D", "-d", "nss", "-i", "msg", "-o", "out"});
+        EXPECT_EQ(0, answer.status) << answer.err;
+    });
     succeeds({"cmsutil", "-E", "-d", "nss", "-r", "alice@example.org,bob@example.org", "-i", "body", "-o", "msg"});
     opens("alice");
     opens("bob");
@@ -222,20 +224,17 @@ TEST_F(StreamsTest, GnuTlsReadsSignaturesMadeHereAndTheReverse) {
         for (const bool pss : {false, true}) {
             if (pss && std::string(who) == "erin")
                 continue;
-            for (int form = 0; form < 4; ++form) {
-                for (const bool attributes : {true, false}) {
-                    SCOPED_TRACE(std::string(who) + " " + s_formName[form] + (attributes ? " attributes" : "") +
-                                 (pss ? " PSS" : ""));
-                    const bool attached = form < 2;
-                    sign(who, attached, form % 2 == 1, attributes, pss);
+            forEachSignature(
+                who,
+                [this](bool attached) {
                     std::vector<std::string> arguments{"certtool", "--p7-verify",           "--inder", "--infile",
                                                        "sig",      "--load-ca-certificate", "root.pem"};
                     if (!attached)
                         arguments.insert(arguments.end(), {"--load-data", "body"});
                     const Answer good = in(arguments);
                     EXPECT_EQ(0, good.status) << good.out << good.err;
-                }
-            }
+                },
+                pss);
         }
         for (const bool attached : {true, false}) {
             succeeds({"certtool", attached ? "--p7-sign" : "--p7-detached-sign", "--load-privkey",

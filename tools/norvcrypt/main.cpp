@@ -6,12 +6,54 @@
 #include <norvcmsg/Logger.h>
 #include <norvcrypto/Crypto.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string_view>
 
 namespace {
 
 using norvcrypt::Exit;
+
+struct NamedCommand {
+    std::string_view name;
+    void (*add)(norvcrypt::Command& commands, norvcrypt::Action& action);
+};
+
+constexpr std::array<NamedCommand, 14> namedCommands{{
+    {"sign", norvcrypt::addSign},
+    {"verify", norvcrypt::addVerify},
+    {"chain", norvcrypt::addChain},
+    {"encrypt", norvcrypt::addEncrypt},
+    {"decrypt", norvcrypt::addDecrypt},
+    {"smime", norvcrypt::addSmime},
+    {"genkey", norvcrypt::addGenkey},
+    {"p12", norvcrypt::addPkcs12},
+    {"inspect", norvcrypt::addInspect},
+    {"digest", norvcrypt::addDigest},
+    {"cipher", norvcrypt::addCipher},
+    {"tls", norvcrypt::addTls},
+    {"bindings", norvcrypt::addBindings},
+    {"demo", norvcrypt::addDemo},
+}};
+
+/// Adds those whose names are among the arguments, which the parser then sees as it would see all of them; all when the line
+/// does not begin with one, since help and errors are about all then. Describing all commands would cost a short-lived
+/// process a tenth of its time.
+void addCommands(norvcrypt::Command& commands, norvcrypt::Action& action, std::span<char* const> arguments) {
+    const auto given = [&arguments](const NamedCommand& command) {
+        return std::ranges::find(arguments, command.name) != arguments.end();
+    };
+    const bool some = !arguments.empty() && std::ranges::any_of(namedCommands, [&](const NamedCommand& command) {
+        return command.name == arguments.front();
+    });
+    for (const NamedCommand& command : namedCommands)
+        if (!some || given(command))
+            command.add(commands, action);
+}
 
 Exit run(int argc, char** argv) {
     norvcrypt::CommandLine line(
@@ -19,22 +61,8 @@ Exit run(int argc, char** argv) {
         "Exit code: 0 good, 1 a negative verdict, 2 bad usage or a failure: unreadable or malformed input, output "
         "that cannot be written.",
         "norvcrypt", "norvcrypt " NORVCRYPT_VERSION);
-    norvcrypt::Command& commands = line.commands();
     norvcrypt::Action action;
-    norvcrypt::addSign(commands, action);
-    norvcrypt::addVerify(commands, action);
-    norvcrypt::addChain(commands, action);
-    norvcrypt::addEncrypt(commands, action);
-    norvcrypt::addDecrypt(commands, action);
-    norvcrypt::addSmime(commands, action);
-    norvcrypt::addGenkey(commands, action);
-    norvcrypt::addPkcs12(commands, action);
-    norvcrypt::addInspect(commands, action);
-    norvcrypt::addDigest(commands, action);
-    norvcrypt::addCipher(commands, action);
-    norvcrypt::addTls(commands, action);
-    norvcrypt::addBindings(commands, action);
-    norvcrypt::addDemo(commands, action);
+    addCommands(line.commands(), action, {argv + 1, static_cast<std::size_t>(std::max(argc - 1, 0))});
     const std::optional<Exit> answered = line.read(argc, argv);
     return answered ? *answered : action();
 }
@@ -61,5 +89,11 @@ int main(int argc, char** argv) {
     Norvane::Logger::instance(false).sink(std::make_shared<Norvane::RecordingLogSink>());
     const Exit code = guarded(argc, argv);
     Norvane::Crypto::cleanup();
+#ifdef NDEBUG
+    // All output is written and committed. OpenSSL would go on to give back one by one what the process gives back at once;
+    // builds that look for leaks let it.
+    std::_Exit(static_cast<int>(code));
+#else
     return static_cast<int>(code);
+#endif
 }

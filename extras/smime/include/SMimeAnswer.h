@@ -8,6 +8,7 @@
 /// own path: "1.1", "1.2". What a CMS structure holds is its only part, and so is the message within a message/rfc822: the
 /// text of an encrypted message is "1.1".
 
+#include <norvcrypto-smime/SMimeDiagnosis.h>
 #include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto-trust/TrustVerdict.h>
 #include <norvcrypto/CMSVerification.h>
@@ -54,6 +55,9 @@ struct LayerSigner {
     std::optional<Trust::Verdict> trust;
     /// Whether it is that of the sender; nothing when the signature is not good.
     std::optional<Trust::SenderMatch> sender;
+    /// Why a detached signature is refused, where that was asked and found out (see `ReadOptions::explain`). It changes
+    /// nothing: what arrived is not what was signed.
+    std::optional<Explanation> explanation;
 
     /// A good signature by a certificate that is trusted and the sender's.
     [[nodiscard]] bool isAccepted() const noexcept {

@@ -77,6 +77,8 @@ struct ReadOptions {
     /// The addresses that the signer is compared with; those in From and Sender when there are none. Where the layers cover
     /// a From of their own, the signer must be that of both.
     std::vector<std::string> from;
+    /// Whether to find out why a detached signature is refused, for the first one that is; see SMimeDiagnosis.h.
+    bool explain = false;
     ReadBudget budget;
     /// Where files without a name are made (mode 0600), as for `SwapBufferMediaOut`; the system's folder for temporary files
     /// when it is empty. Signed parts of up to 64 KB stay in memory.

@@ -122,7 +122,9 @@ struct NORVCRYPTO_EXPORT EncryptOptions {
     /// Recipients as the caller made them (a password, RSAES-OAEP), whose certificates are not looked at.
     std::vector<CMS::EnvelopeRecipient> recipients;
     std::vector<EmailAddress> addresses; ///< whose certificates `keys` has
-    bool addressesOfMessage = false;     ///< the addresses of To, Cc and Bcc likewise
+    /// The addresses of To, Cc and Bcc likewise. A message names the certificates of all its recipients, for each of them to
+    /// see: those in Bcc are hidden from the others only by messages of their own.
+    bool addressesOfMessage = false;
     /// The sender likewise, who could not read the own mail otherwise: `from`, or as `SignOptions::from` is read.
     bool sender = false;
     std::optional<EmailAddress> from;
@@ -162,11 +164,16 @@ struct WriteOptions {
 ///         - "the certificate of CN=Anna expired on 2026-01-31T12:00:00Z", "... is not valid before ...", "... does not
 ///           allow signing: its key usage has neither digitalSignature nor nonRepudiation", "... its extended key usage has
 ///           no emailProtection"
-///         - "the part at 1.2 is signed already and not 7-bit ...", "the part at 1.2 has the transfer encoding x-uuencode and is not
-///           7-bit ..." (in a multipart/signed alone)
+///         - "the part at 1.2 is signed already and is not 7-bit ...", "the part at 1.2 has the transfer encoding x-uuencode and
+///           is not 7-bit ...", "the part at 1.2 is a multipart without any part, ..." (for a signature beside it alone). The
+///           message is at 1, its parts are at 1.1, 1.2, as the reader counts them
 ///         - "the header of the part at 1.2 has more than 262144 octets" and so on for all of `WriteBudget`
-///         - "the field References of the part at 1.2 has a line of 1200 characters that cannot be folded"
+///         - "the field Content-ID of the part at 1.2 has a line of 1200 characters that cannot be folded"
+///         - with header protection: "the header of a message that is signed or encrypted already cannot be protected: sign and
+///           encrypt it in one step", "the header of the message is protected already", "the Content-Type of the message is
+///           not one to which header protection can be added"
 ///         - "the message changed while it was read"
+///         - "there are no random bytes for a boundary", "a boundary that was made at random stands in the message: try again"
 NORVCRYPTO_EXPORT void sign(const MediaIn& message, const SignOptions& options, MediaOut& out,
                             const WriteOptions& how = WriteOptions());
 
@@ -174,10 +181,10 @@ NORVCRYPTO_EXPORT void sign(const MediaIn& message, const SignOptions& options, 
 /// \throws Exception as `sign`, and:
 ///         - "there is nobody to encrypt to"
 ///         - "there is no certificate for bert@example.com, carla@example.org": all of them at once
-///         - "To of the message has what is no address: ...", "the message has more than 10000 recipients"
+///         - "To, Cc or Bcc of the message have what is no address: ...", "the message has more than 10000 recipients", "there is
+///           no store to find the recipients in", "the certificate of a recipient is an empty handle"
 ///         - "the certificate of CN=Bert does not allow encryption: its key usage has no keyEncipherment" (keyAgreement for
 ///           keys on elliptic curves)
-///         - "the header of a message that is signed already cannot be protected: sign and encrypt it in one step"
 NORVCRYPTO_EXPORT void encrypt(const MediaIn& message, const EncryptOptions& options, MediaOut& out,
                                const WriteOptions& how = WriteOptions());
 

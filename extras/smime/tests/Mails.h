@@ -13,6 +13,7 @@
 
 #include <openssl/cms.h>
 #include <openssl/err.h>
+#include <openssl/pkcs7.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

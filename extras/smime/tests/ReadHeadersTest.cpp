@@ -4,7 +4,6 @@
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
-using SMime::FieldState;
 using SMime::HeaderScheme;
 using testing::ElementsAre;
 
@@ -74,7 +73,7 @@ TEST(SMimeHeaders, AnOlderParameterIsUnderstood) {
 TEST(SMimeHeaders, AWrappedMessageIsTheContent) {
     const std::string message = insideFields + "Content-Type: text/plain\r\n\r\nhello\r\n";
     for (const std::string& type : {std::string("message/rfc822"), std::string("message/rfc822; forwarded=no")}) {
-        const std::string entity = "Content-Type: " + type + "\r\n\r\n" + message;
+        const std::string entity = std::string("Content-Type: ").append(type).append("\r\n\r\n").append(message);
         const Outcome outcome = outcomeOf(fieldsOfAlice + signedBy(alice(), entity, detached));
         EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
         EXPECT_EQ(outcome.answer.headers.scheme, HeaderScheme::wrapped);

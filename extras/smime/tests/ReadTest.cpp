@@ -1,5 +1,8 @@
 #include "Mails.h"
 
+#include <array>
+#include <thread>
+
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
@@ -93,9 +96,58 @@ TEST(SMimeRead, AMicalgThatIsMissingOrWrongMakesNoDifference) {
 
 TEST(SMimeRead, AProtocolThatIsMissingOrOldMakesNoDifference) {
     const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
-    const std::string protocol = "protocol=\"application/x-pkcs7-signature\"";
-    for (const char* other : {"protocol=\"application/pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
+    const std::string protocol = "protocol=\"application/pkcs7-signature\"";
+    for (const char* other : {"protocol=\"application/x-pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
         EXPECT_EQ(outcomeOf(replaced(mail, protocol, other)).answer.verdict, Verdict::signatureGood) << other;
+}
+
+// Programs that know PKCS#7 1.5 alone, such as `openssl smime`.
+TEST(SMimeRead, MessagesOfOlderPrograms) {
+    const auto certificate = bob().certificate.x509();
+    const int flags = PKCS7_BINARY | PKCS7_CRLFEOL | PKCS7_STREAM;
+    const auto written = [&](PKCS7* structure, int more) {
+        const norvauthority::Pkcs7Ptr owned(structure);
+        const Bio content = sourceOf(plainEntity);
+        const Bio out(BIO_new(BIO_s_mem()));
+        EXPECT_EQ(SMIME_write_PKCS7(out.get(), structure, content.get(), flags | more), 1);
+        ERR_clear_error();
+        return mailOf(textOf(out.get()));
+    };
+    const auto alices = alice().certificate.x509();
+    for (const int more : {PKCS7_DETACHED, 0}) {
+        const Bio content = sourceOf(plainEntity);
+        PKCS7* made = PKCS7_sign(alices.get(), alice().key.get(), nullptr, content.get(), flags | more);
+        const Outcome outcome = outcomeOf(written(made, more));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+    }
+    const std::unique_ptr<STACK_OF(X509), Freeing> certificates(sk_X509_new_null());
+    sk_X509_push(certificates.get(), certificate.get());
+    const Bio content = sourceOf(plainEntity);
+    PKCS7* made = PKCS7_encrypt(certificates.get(), content.get(), EVP_aes_128_cbc(), flags);
+    const Outcome outcome = outcomeOf(written(made, 0));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+}
+
+// Another Content-Type beside the one that was judged: some show the one, some the other.
+TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const Outcome twice = outcomeOf(mailOf(replaced(mail, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n")));
+    EXPECT_EQ(twice.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(twice.answer.detail, HasSubstr("Content-Type stands there twice"));
+    // Within the signed part its sender chose it.
+    const std::string inside = "Content-Type: text/html\r\n" + plainEntity;
+    const Outcome covered = outcomeOf(mailOf(signedBy(alice(), inside, detached)));
+    EXPECT_EQ(covered.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(covered.answer.oddities.size(), 1U);
+}
+
+TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {
+    const Outcome outcome = outcomeOf("Content-Type: multipart/signed; boundary=b\r\n\r\n--b\r\n\r\nx\r\n--b\r\n"
+                                      "Content-Type: application/pgp-signature\r\n\r\ny\r\n--b--\r\n");
+    EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr("application/pgp-signature"));
 }
 
 TEST(SMimeRead, OpaqueSignature) {
@@ -272,6 +324,25 @@ TEST(SMimeRead, AWholeMessageKeepsTheFieldsOutside) {
     const Outcome outcome = outcomeOf(mailOf(encryptedFor({&bob()}, plainEntity)), options);
     EXPECT_EQ(outcome.content, fieldsOfAlice + "Content-Type: text/plain; charset=utf-8\r\nMIME-Version: 1.0\r\n\r\n"
                                                "Hello Bob,\r\n\r\nyours\r\n");
+}
+
+TEST(SMimeRead, SeveralThreadsReadMessagesAtOnce) {
+    const std::string entity = "From: =?iso-8859-15?q?=E4?= <alice@example.org>\r\nSubject: =?utf-8?b?w6Q=?=\r\n"
+                               "Content-Type: text/plain; hp=clear; name*=iso-8859-1''%E4\r\n\r\nx\r\n";
+    const std::string mail = fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), entity, detached));
+    static_cast<void>(outcomeOf(mail)); // what is made once
+    std::array<bool, 4> isRead{};
+    std::vector<std::thread> threads;
+    for (bool& done : isRead)
+        threads.emplace_back([&mail, &entity, &done] {
+            bool all = true;
+            for (int round = 0; round < 5; ++round)
+                all = outcomeOf(mail).content == entity && all;
+            done = all;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_THAT(isRead, testing::Each(true));
 }
 
 TEST(SMimeRead, LargePartsGoToAFileWithoutAName) {

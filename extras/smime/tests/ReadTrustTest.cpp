@@ -102,6 +102,25 @@ TEST(SMimeTrust, AForwardedMessageIsComparedWithItsOwnSender) {
     EXPECT_EQ(bare.answer.verdict, Verdict::notSMime);
 }
 
+// Fourteen parts, each signed by three people: thirty-two chains are built.
+TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const std::string part = signedBy({&alice(), &bob(), &interop::carol()}, plainEntity, detached);
+    std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=many\r\n";
+    for (int count = 0; count < 14; ++count)
+        mail += "\r\n--many\r\n" + part;
+    const Outcome outcome = outcomeOf(mail + "\r\n--many--\r\n", options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.size(), 14U);
+    EXPECT_EQ(verifier.cacheCounts().hits + verifier.cacheCounts().misses, 32U);
+    EXPECT_FALSE(outcome.answer.layers.back().signers.at(0).trust);
+    EXPECT_EQ(outcome.answer.layers.back().status, LayerStatus::good);
+}
+
 TEST(SMimeTrust, AMisusedPolicyIsTheCallersFailure) {
     const Trust::Verifier verifier(std::make_shared<Trust::Material>());
     SMime::ReadOptions options;

@@ -34,6 +34,7 @@
 #include <norvcrypto/Export.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 
@@ -44,7 +45,12 @@ class Cache;
 } // namespace detail
 
 inline constexpr std::size_t maximumCandidates = 2500;  ///< certificates of a message that are looked at
+inline constexpr std::size_t maximumNamesakes = 64;     ///< of these, certificates of one name
 inline constexpr std::size_t maximumMessageLists = 100; ///< lists of a message that are looked at
+/// What checking the signatures of a chain may take, with those of other chains that are tried in its place, in the unit of
+/// `CMS::maximumKeyWork`: 128 signatures with keys on P-256, 15 on P-521, 1900 of RSA with 2048 bits. Each is checked twice when
+/// lists are looked at.
+inline constexpr std::uint64_t maximumVerdictWork = 131072;
 
 /// What a verifier keeps of the verdicts that it reached.
 struct CacheLimits {

@@ -38,8 +38,16 @@ public:
 private:
     void look(const X509_NAME* name, bool messageToo) {
         m_snapshot.bySubject.each(name, [this](X509* one) { take(one, m_found.known); });
+        std::size_t namesakes = 0;
+        const auto takeFew = [&](X509* one) {
+            if (namesakes++ < maximumNamesakes) {
+                take(one, m_found.fromMessage);
+            } else {
+                m_found.crowded = true;
+            }
+        };
         if (messageToo) {
-            m_message.each(name, [this](X509* one) { take(one, m_found.fromMessage); });
+            m_message.each(name, takeFew);
         }
     }
 

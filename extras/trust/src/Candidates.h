@@ -19,6 +19,7 @@ struct Candidates {
     std::vector<X509*> tooLarge;    ///< of the message, but not to be used, for their keys
     std::unordered_map<const X509*, NVX509::RefCertificate> handles; ///< of the message
     std::size_t given = 0;                                           ///< how many certificates the message has
+    bool crowded = false;                                            ///< more of one name than `maximumNamesakes`
 };
 
 /// \param lists whether those count, too, who issue lists for them

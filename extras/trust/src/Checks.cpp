@@ -42,6 +42,22 @@ std::string kindOf(const EVP_PKEY* key) {
     return name == nullptr ? "a key" : name;
 }
 
+/// What one signature takes to check, in squarings of a 1024-bit number.
+std::uint64_t workOf(const EVP_PKEY* key) {
+    const std::uint64_t bits = bitsOf(key);
+    if (isCurve(key)) { // a doubling for each bit, of numbers of as many bits, each of many multiplications
+        constexpr unsigned int scale = 14;
+        return bits * bits * bits >> scale;
+    }
+    constexpr unsigned int scale = 20;
+    if (isRsa(key)) {
+        return bits * bits * bitsOf(key, OSSL_PKEY_PARAM_RSA_E) >> scale;
+    }
+    // Two powers with one run of squarings.
+    const std::uint64_t order = std::max<std::uint64_t>(bitsOf(key, OSSL_PKEY_PARAM_FFC_Q), 1);
+    return bits * bits * (order + order / 2) >> scale;
+}
+
 } // namespace
 
 std::string tooLarge(const X509* certificate) {
@@ -50,21 +66,14 @@ std::string tooLarge(const X509* certificate) {
     if (key == nullptr || isCurve(key)) {
         return {};
     }
-    const std::uint64_t bits = bitsOf(key);
     constexpr std::uint64_t largestModulus = 16384;
-    if (bits > largestModulus) {
-        return kindOf(key) + ", " + std::to_string(bits) + " bits";
-    }
     constexpr std::uint64_t longestExponent = 64;
-    if (isRsa(key)) {
+    if (bitsOf(key) <= largestModulus && isRsa(key)) {
         const std::uint64_t exponent = bitsOf(key, OSSL_PKEY_PARAM_RSA_E);
         return exponent > longestExponent ? "RSA with an exponent of " + std::to_string(exponent) + " bits" : "";
     }
-    // Two powers with one run of squarings; counted in squarings of a 1024-bit number.
-    constexpr std::uint64_t unit = 1024 * 1024;
-    const std::uint64_t order = std::max<std::uint64_t>(bitsOf(key, OSSL_PKEY_PARAM_FFC_Q), 1);
-    const std::uint64_t work = bits * bits * (order + order / 2) / unit;
-    return work > CMS::maximumKeyWork ? kindOf(key) + ", " + std::to_string(bits) + " bits" : "";
+    const bool sound = bitsOf(key) <= largestModulus && workOf(key) <= CMS::maximumKeyWork;
+    return sound ? "" : kindOf(key) + ", " + std::to_string(bitsOf(key)) + " bits";
 }
 
 std::string unsupported(const X509_ALGOR* algorithm) {
@@ -141,12 +150,15 @@ bool usageAllowsMail(X509* certificate, bool sign) {
     return (usage & (agrees ? KU_KEY_AGREEMENT | KU_KEY_ENCIPHERMENT : KU_KEY_ENCIPHERMENT)) != 0;
 }
 
-NameWork nameWorkOf(STACK_OF(X509) * chain) {
-    NameWork work;
+Effort effortOf(STACK_OF(X509) * chain) {
+    const QuietQuestion quiet;
+    Effort work;
     std::uint64_t names = 0;
     std::uint64_t nameOctets = 0;
     for (int i = 0; i < sk_X509_num(chain); ++i) {
         const X509* const one = sk_X509_value(chain, i);
+        const EVP_PKEY* const key = i == 0 ? nullptr : X509_get0_pubkey(one);
+        work.keys += key == nullptr ? 0 : workOf(key);
         const X509_EXTENSION* const constraints = extensionOf(one, NID_name_constraints);
         if (constraints != nullptr) {
             // Two lists of trees of one name each, of more than one leaf when it is a directory's.

@@ -40,12 +40,20 @@ bool extendedUsageAllowsMail(X509* certificate);
 /// Whether key usage allows to sign, or else to encrypt, mail (RFC 8550, 4.4.2; RFC 5753 for keys that agree on one).
 bool usageAllowsMail(X509* certificate, bool sign);
 
-/// How much comparing the names of a chain with the constraints above them takes.
-struct NameWork {
-    std::uint64_t pairs = 0;  ///< of a name and a constraint
+/// What checking chains takes.
+struct Effort {
+    std::uint64_t keys = 0;   ///< signatures, in the unit of `CMS::maximumKeyWork`
+    std::uint64_t pairs = 0;  ///< of a name and a constraint that are compared
     std::uint64_t octets = 0; ///< that these comparisons may read
+
+    Effort& operator+=(const Effort& other) noexcept {
+        keys += other.keys;
+        pairs += other.pairs;
+        octets += other.octets;
+        return *this;
+    }
 };
-NameWork nameWorkOf(STACK_OF(X509) * chain);
+Effort effortOf(STACK_OF(X509) * chain);
 
 /// " (key compromise)", or empty.
 std::string revocationReasonOf(const X509_REVOKED* entry);

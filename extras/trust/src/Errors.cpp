@@ -3,6 +3,8 @@
 #include "Checks.h"
 #include "Judgement.h"
 
+#include <norvcrypto-trust/Trust.h>
+
 #include <algorithm>
 #include <array>
 #include <iterator>
@@ -33,6 +35,9 @@ constexpr Meaning buildingErrors[] = {
     {X509_V_ERR_SUBJECT_ISSUER_MISMATCH, Code::issuerMissing},
     {X509_V_ERR_AKID_SKID_MISMATCH, Code::issuerMissing},
     {X509_V_ERR_AKID_ISSUER_SERIAL_MISMATCH, Code::issuerMissing},
+    {X509_V_ERR_NO_ISSUER_PUBLIC_KEY, Code::issuerMissing},
+    {X509_V_ERR_UNSUPPORTED_SIGNATURE_ALGORITHM, Code::issuerMissing},
+    {X509_V_ERR_SIGNATURE_ALGORITHM_MISMATCH, Code::issuerMissing},
 };
 constexpr Meaning listErrors[] = {
     {X509_V_ERR_UNABLE_TO_GET_CRL, Code::listMissing},
@@ -188,7 +193,8 @@ bool Judgement::listFailed(X509_STORE_CTX* context, int error, X509* about) {
     if (code == Code::listMissing && outer == context && told(Code::listScopeDiffers, depth)) {
         return true; // there is one, and it was said why it does not count
     }
-    if (list != nullptr && code != Code::revoked && code != Code::listMissing && code != Code::listExpired) {
+    const bool onlyItsTime = code == Code::listExpired || code == Code::listNotYetValid; // what it revokes is revoked
+    if (list != nullptr && code != Code::revoked && code != Code::listMissing && !onlyItsTime) {
         m_discredited.insert(list);
     }
     Details details;
@@ -300,13 +306,22 @@ void Judgement::signatureFailed(unsigned int depth, X509* about) {
 bool Judgement::affordable(X509_STORE_CTX* context) {
     constexpr std::uint64_t mostPairs = 1U << 18U;
     constexpr std::uint64_t mostOctets = 1U << 26U;
-    const NameWork work = nameWorkOf(X509_STORE_CTX_get0_chain(context));
-    if (work.pairs <= mostPairs && work.octets <= mostOctets) {
-        return true;
+    Effort chain = effortOf(X509_STORE_CTX_get0_chain(context));
+    if (m_request.options.revocation != Revocation::none) {
+        chain.keys *= 2; // once before lists are looked at
     }
-    reason(Code::tooMuchWork, 0, m_request.certificate,
-           {"", "", "", "the names of the chain and the constraints on them are too many to compare", ""});
-    return false;
+    m_effort += chain;
+    if (m_effort.pairs > mostPairs || m_effort.octets > mostOctets) {
+        reason(Code::tooMuchWork, 0, m_request.certificate,
+               {"", "", "", "the names of the chain and the constraints on them are too many to compare", ""});
+        return false;
+    }
+    if (m_effort.keys > maximumVerdictWork) {
+        reason(Code::tooMuchWork, 0, m_request.certificate,
+               {"", "", "", "the keys of the chain take too long to use", ""});
+        return false;
+    }
+    return true;
 }
 
 bool Judgement::linksHold(X509_STORE_CTX* context) const {

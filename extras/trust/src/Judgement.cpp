@@ -79,7 +79,8 @@ void Judgement::prepare(X509_STORE* store) {
 Judgement::Judgement(const Snapshot& snapshot, const Request& request)
     : m_snapshot(snapshot),
       m_request(request),
-      m_lists(snapshot, request.listsFromMessage) {}
+      m_lists(snapshot, request.listsFromMessage),
+      m_effort(request.spent) {}
 
 /// The issuer of an indirect list is checked in a context within the one of the certificate.
 Judgement& Judgement::of(const X509_STORE_CTX* context) {
@@ -108,8 +109,9 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
         if (!self.affordable(context)) {
             return 0;
         }
-        if (self.m_request.options.revocation == Revocation::none || (first && self.m_broken) ||
-            !self.linksHold(context)) {
+        const auto last = static_cast<unsigned int>(sk_X509_num(X509_STORE_CTX_get0_chain(context)) - 1);
+        const bool believed = !(first && self.m_broken) && self.isAnchor(context, last) && self.linksHold(context);
+        if (self.m_request.options.revocation == Revocation::none || !believed) {
             return 1; // what is not issued by somebody who is believed cannot be revoked by anybody
         }
         self.m_revocationDone = true;

@@ -4,6 +4,7 @@
 /// One certificate judged once: OpenSSL builds and checks the chain, and what it says on the way is written down instead of
 /// ending it.
 
+#include "Checks.h"
 #include "Lists.h"
 #include "OpenSsl.h"
 #include "Snapshot.h"
@@ -29,6 +30,7 @@ struct Request {
     const Options& options;
     std::vector<Owned<ASN1_OBJECT>> policies;
     std::time_t at;
+    Effort spent{}; ///< on other ways before
 };
 
 class Judgement {
@@ -44,6 +46,8 @@ public:
     Verdict reach();
     /// The lists that may have mattered.
     [[nodiscard]] const std::vector<X509_CRL*>& lists() const { return m_lists.handedOut(); }
+    /// What it took, and what was spent before.
+    [[nodiscard]] const Effort& effort() const noexcept { return m_effort; }
 
 private:
     /// What is known of a certificate of the chain.
@@ -98,10 +102,11 @@ private:
     std::vector<Place> m_places;
     std::exception_ptr m_thrown;
     std::unordered_set<const X509_CRL*> m_discredited; ///< lists whose entries do not count
-    X509_CRL* m_list = nullptr;                        ///< the one that is looked at
-    bool m_broken = false;                             ///< the chain does not end at an anchor
-    bool m_built = false;                              ///< the chain stands
-    bool m_revocationDone = false;                     ///< lists were looked at
+    Effort m_effort;
+    X509_CRL* m_list = nullptr;    ///< the one that is looked at
+    bool m_broken = false;         ///< the chain does not end at an anchor
+    bool m_built = false;          ///< the chain stands
+    bool m_revocationDone = false; ///< lists were looked at
 };
 
 } // namespace Norvane::Crypto::Trust::detail

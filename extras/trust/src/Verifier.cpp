@@ -92,7 +92,7 @@ detail::Question questionOf(const Snapshot& snapshot, const RefCertificate& cert
             key.add(detail::fingerprintOf(one));
         }
     }
-    key.add(candidates.given > maximumCandidates ? candidates.given : 0);
+    key.add(candidates.given > maximumCandidates || candidates.crowded ? candidates.given : 0);
     std::vector<Fingerprint> prints;
     std::size_t count = 0;
     for (const RefCertificateRevocationList& one : lists) {
@@ -169,7 +169,7 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
                  [&](const X509* one) { return snapshot.anchorSet.count(one) == 0; });
     request.candidates.insert(request.candidates.end(), candidates.fromMessage.begin(), candidates.fromMessage.end());
     auto [verdict, used] = detail::judgedByAnyWay(snapshot, std::move(request));
-    if (candidates.given > maximumCandidates) {
+    if (candidates.given > maximumCandidates || candidates.crowded) {
         detail::Details details;
         details.what = std::to_string(candidates.given);
         verdict.notes.push_back(detail::worded(ReasonCode::tooManyCertificates, details));

@@ -1,5 +1,7 @@
 #include "Ways.h"
 
+#include <norvcrypto-trust/Trust.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -64,6 +66,7 @@ Judged judgedByAnyWay(const Snapshot& snapshot, Request request) {
     for (std::size_t way = 0; way != maximumWays; ++way) {
         Judgement judgement(snapshot, request);
         Verdict verdict = judgement.reach();
+        request.spent = judgement.effort();
         first.lists.insert(first.lists.end(), judgement.lists().begin(), judgement.lists().end());
         const QuietQuestion quiet;
         const X509* const leftOut =
@@ -77,7 +80,7 @@ Judged judgedByAnyWay(const Snapshot& snapshot, Request request) {
         if (way == 0 || accepted) {
             first.verdict = std::move(verdict);
         }
-        if (leftOut == nullptr) {
+        if (leftOut == nullptr || request.spent.keys > maximumVerdictWork) {
             break;
         }
     }

@@ -11,7 +11,7 @@
 namespace Norvane::Crypto::Trust::detail {
 
 /// How many ways are tried for one verdict.
-inline constexpr std::size_t maximumWays = 8;
+inline constexpr std::size_t maximumWays = 4;
 
 struct Judged {
     Verdict verdict;

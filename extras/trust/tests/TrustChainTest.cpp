@@ -168,6 +168,17 @@ TEST_F(TrustChain, AlgorithmsThatAreNotKnownAreNotForged) {
     EXPECT_THAT(verdict.reasons[0].text, HasSubstr("1.2.840.10045.4.3.127"));
 }
 
+TEST_F(TrustChain, NorAreThoseThatAnAnchorSignedWith) {
+    EXPECT_EQ(shown(chain().judge(withAlgorithm(user(m_root), true, true))), "refused algorithm-unsupported 0");
+}
+
+TEST_F(TrustChain, ASignatureOfAnotherKindThanTheIssuersKey) {
+    const Identity anna = user(m_root, {.signingKey = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"))});
+    EXPECT_EQ(shown(chain().judge(anna)), "refused issuer-missing 0");
+    const Identity bob = user(m_middle, {.signingKey = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"))});
+    EXPECT_EQ(shown(chain().judge(bob)), "refused issuer-missing 0");
+}
+
 TEST_F(TrustChain, TwoAlgorithms) {
     EXPECT_EQ(shown(chain().judge(withAlgorithm(user(m_middle), false, true))), "refused algorithms-differ 0");
 }

@@ -343,7 +343,8 @@ TEST_F(TrustIndirectLists, FromStrangersDoNotCount) {
     one.material->addUntrusted(read(lister));
     const Verdict verdict = one.judge(m_covered);
     EXPECT_FALSE(verdict.accepted);
-    EXPECT_TRUE(verdict.has(Code::listIssuerMissing) || verdict.has(Code::listMissing)) << shown(verdict);
+    EXPECT_EQ(shown(verdict), "refused list-issuer-missing 0");
+    EXPECT_EQ(states(verdict), "unusable, good, not-looked-at");
 }
 
 TEST_F(TrustRevocation, ListsOfACacheAreFoundByWhereTheyAreDistributed) {

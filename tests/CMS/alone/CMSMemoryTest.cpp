@@ -1,11 +1,11 @@
 // What happens when there is no memory: every allocation of each operation fails once. The operation throws
 // std::bad_alloc, and the sanitizers tell when something is lost or freed twice on the way out.
+#include "support/Allocations.h"
 #include "support/Envelope.h"
 #include "support/Pkcs12.h"
 
 #include <norvcrypto/KeyStore.h>
 
-#include <cstdlib>
 #include <new>
 
 using namespace cmstest;
@@ -15,41 +15,15 @@ namespace {
 /// How many allocations succeed before one fails; negative: none fails.
 long s_left = -1;
 
-void* allocate(std::size_t length) {
+void failInTurn(std::size_t /*length*/) {
     if (s_left >= 0 && s_left-- == 0) {
         throw std::bad_alloc();
     }
-    if (void* memory = std::malloc(length == 0 ? 1 : length)) {
-        return memory;
-    }
-    throw std::bad_alloc();
 }
-
-} // namespace
-
-void* operator new(std::size_t length) {
-    return allocate(length);
-}
-void* operator new[](std::size_t length) {
-    return allocate(length);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*length*/) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t /*length*/) noexcept {
-    std::free(memory);
-}
-
-namespace {
 
 /// Lets the first allocation of `work` fail, then the second one, and so on until all succeed.
 template <class Work> void expectEveryShortageThrown(Work work) {
+    norvtest::s_beforeAllocation = failInTurn;
     work(); // what is made once and kept is not lost
     long shortages = 0;
     for (bool thrown = true; thrown; ++shortages) {

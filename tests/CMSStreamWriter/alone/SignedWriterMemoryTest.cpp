@@ -2,11 +2,11 @@
 // name the same one.
 #include "../SignedWriting.h"
 
+#include "support/Allocations.h"
 #include "support/Interpose.h"
 
 #include <atomic>
 #include <cstdlib>
-#include <new>
 
 using namespace signedtest;
 
@@ -32,39 +32,15 @@ void countedFree(void* memory, const char* /*file*/, int /*line*/) {
 }
 
 // Possible only before OpenSSL's first allocation.
-const bool s_counting = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) == 1;
+const bool s_counting = [] {
+    norvtest::s_beforeAllocation = count;
+    return CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) == 1;
+}();
 
 /// What was digested, while somebody looks.
 std::vector<std::pair<const void*, std::size_t>>* s_digested = nullptr;
 
-void* allocate(std::size_t length) {
-    count(length);
-    if (void* memory = std::malloc(length == 0 ? 1 : length)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
 } // namespace
-
-void* operator new(std::size_t length) {
-    return allocate(length);
-}
-void* operator new[](std::size_t length) {
-    return allocate(length);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*length*/) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t /*length*/) noexcept {
-    std::free(memory);
-}
 
 extern "C" int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) {
     if (s_digested != nullptr) {

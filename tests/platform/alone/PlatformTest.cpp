@@ -14,7 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -41,6 +43,21 @@ TEST(PlatformStart, AnswersOneAndLoadsTheDefaultAndTheLegacyProvider) {
     EXPECT_EQ(OSSL_PROVIDER_available(nullptr, "legacy"), 1);
     EXPECT_EQ(RAND_status(), 1);
     EXPECT_TRUE(norvtest::errorQueueIsEmpty());
+}
+
+TEST(PlatformStart, EachProviderIsThereOnce) {
+    ASSERT_EQ(openssl_init_with_rng(), 1);
+    EVP_MD_free(
+        EVP_MD_fetch(nullptr, "SHA256", nullptr)); // the first look-up is where OpenSSL starts its own providers
+    std::map<std::string, int> counts;
+    OSSL_PROVIDER_do_all(
+        nullptr,
+        [](OSSL_PROVIDER* provider, void* to) {
+            ++(*static_cast<std::map<std::string, int>*>(to))[OSSL_PROVIDER_get0_name(provider)];
+            return 1;
+        },
+        &counts);
+    EXPECT_EQ(counts, (std::map<std::string, int>{{"default", 1}, {"legacy", 1}}));
 }
 
 TEST(PlatformStart, MayBeCalledAgain) {

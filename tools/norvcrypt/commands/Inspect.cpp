@@ -1,14 +1,22 @@
 #include "commands/Command.h"
 #include "files/Input.h"
 #include "files/Output.h"
+#include "files/Spill.h"
+#include "recognise/Wrapped.h"
 #include "show/Description.h"
 #include "show/TextAndJson.h"
+#include "smime/MailReport.h"
+
+#include <norvcrypto-smime/SMimeReader.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace norvcrypt {
+
+namespace SMime = Norvane::Crypto::SMime;
 
 namespace {
 
@@ -17,6 +25,18 @@ struct InspectOptions {
     bool json = false;
 };
 
+/// How a mail is signed and encrypted; nothing when it is neither.
+std::optional<Description> mailIn(const Norvane::Buffer& content, const std::string& file) {
+    SMime::ReadOptions options;
+    options.spillTemplate = spillTemplate();
+    options.explain = true;
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    const SMime::Answer answer = SMime::read(Norvane::MemoryMediaIn(content), nowhere, options);
+    if (answer.layers.empty())
+        return std::nullopt;
+    return mailFacts(answer, std::nullopt, file);
+}
+
 /// What could be read of one file; each object that could not is told and leaves the others alone.
 std::vector<Description> objectsOf(const std::string& file, Inputs& inputs, Exit& code) {
     std::vector<Description> descriptions;
@@ -24,7 +44,17 @@ std::vector<Description> objectsOf(const std::string& file, Inputs& inputs, Exit
         reportError(inputName(file) + ": " + reason);
         code = Exit::failed;
     };
-    const std::vector<FoundObject> found = objectsIn(inputs.readAll(file, true));
+    const Norvane::Buffer content = inputs.readAll(file, true);
+    if (looksLikeMail(content))
+        if (const auto mail = mailIn(content, file))
+            descriptions.push_back(*mail);
+    const std::vector<FoundObject> found = objectsIn(content);
+    const bool isOnlyMail = found.size() == 1 && found.front().kind == ObjectKind::unknown && !descriptions.empty();
+    if (isOnlyMail)
+        return descriptions;
+    // A part of a mail that is a structure is no mail.
+    if (!descriptions.empty() && descriptions.front()["verdict"] == SMime::nameOf(SMime::Verdict::notSMime))
+        descriptions.clear();
     for (const FoundObject& object : found) {
         const std::size_t number = static_cast<std::size_t>(&object - found.data()) + 1;
         const std::string which = found.size() > 1 ? "object " + std::to_string(number) + ": " : "";
@@ -74,9 +104,11 @@ Exit inspect(const InspectOptions& options) {
 
 void addInspect(Command& commands, Action& action) {
     auto options = std::make_shared<InspectOptions>();
-    Command* command =
-        commands.command("inspect", "Tells what certificates, pairs of them, lists, keys and CMS structures say");
-    command->option("FILE", options->files, "DER or PEM, recognised by content; \"-\" or none is standard input");
+    Command* command = commands.command(
+        "inspect", "Tells what certificates, pairs of them, lists, keys, CMS structures and mails say");
+    command->option(
+        "FILE", options->files,
+        "DER, PEM, base64, a mail or a part of one, recognised by content; \"-\" or none is standard input");
     command->flag("--json", options->json, "One JSON array with an object for each thing found");
     command->whenChosen([options, &action] { action = [options] { return inspect(*options); }; });
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <list>
+#include <utility>
 #include <vector>
 
 namespace norvcrypt {
@@ -27,6 +28,24 @@ std::list<NVX509::KeyCertificatePair> pairsOf(const MailOptions& options, Inputs
     return pairs;
 }
 
+ReadMail readMail(const std::string& path, SMime::ReadOptions reading, Inputs& inputs, const TrustJudge* judge,
+                  Norvane::MediaOut& content) {
+    reading.spillTemplate = spillTemplate();
+    reading.explain = true;
+    ReadMail mail;
+    mail.file = path;
+    if (judge != nullptr) {
+        reading.trust = &judge->verifier();
+        reading.trustOptions = judge->request().options;
+        reading.from = judge->request().from;
+        mail.trust = reading.trustOptions;
+    }
+    Progress progress("reading");
+    const Norvane::MediaIn in = inputs.open(path, &progress);
+    mail.answer = SMime::read(in, content, reading);
+    return mail;
+}
+
 } // namespace
 
 MailOptions::MailOptions(Command& command) : identities(command) {
@@ -40,19 +59,15 @@ ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* 
     SMime::ReadOptions reading;
     reading.keys = &keys;
     reading.wholeMessage = isWhole;
-    reading.spillTemplate = spillTemplate();
-    ReadMail mail;
-    mail.file = options.in;
-    if (judge != nullptr) {
-        reading.trust = &judge->verifier();
-        reading.trustOptions = judge->request().options;
-        reading.from = judge->request().from;
-        mail.trust = reading.trustOptions;
-    }
-    Progress progress("reading");
-    const Norvane::MediaIn in = inputs.open(options.in, &progress);
-    mail.answer = SMime::read(in, content, reading);
-    return mail;
+    return readMail(options.in, std::move(reading), inputs, judge, content);
+}
+
+ReadMail readMail(const std::string& path, const std::vector<NVX509::RefCertificate>& certificates, Inputs& inputs,
+                  const TrustJudge* judge) {
+    SMime::ReadOptions reading;
+    reading.certificates = certificates;
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    return readMail(path, std::move(reading), inputs, judge, nowhere);
 }
 
 void addSmime(Command& commands, Action& action) {

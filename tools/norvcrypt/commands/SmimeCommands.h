@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace norvcrypt {
 
@@ -45,5 +46,11 @@ struct ReadMail {
 /// Reads a mail. \param judge null: trust is not asked \throws Failure: it cannot be read
 ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
                   bool isWhole);
+/// Reads a mail that nothing opens. \param certificates of signers, beside those in it
+ReadMail readMail(const std::string& path, const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates,
+                  Inputs& inputs, const TrustJudge* judge);
+/// What `norvcrypt smime verify` does with such a mail.
+Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<TrustJudge>& judge,
+                const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates, bool json);
 
 } // namespace norvcrypt

@@ -13,7 +13,9 @@ void addSmimeEncrypt(Command& smime, Action& action) {
         "bob@example.org\n"
         "Header fields stay outside and can be read by everybody, the Subject too unless --protect-header is given. "
         "With "
-        "--store alone, the recipients are those of the message (To, Cc and Bcc). A certificate that is expired or not "
+        "--store alone, the recipients are those of the message (To, Cc and Bcc); the message names the certificates "
+        "of "
+        "all of them, for each to see. A certificate that is expired or not "
         "meant for encrypting mail is refused. The -gcm ciphers let the recipient see whether somebody changed the "
         "message, and older programs do not read them.");
 }

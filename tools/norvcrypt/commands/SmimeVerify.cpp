@@ -66,6 +66,15 @@ Exit verify(const SmimeVerifyOptions& options) {
 
 } // namespace
 
+Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<TrustJudge>& judge,
+                const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates, bool json) {
+    const ReadMail mail = readMail(path, certificates, inputs, judge ? &*judge : nullptr);
+    if (judge)
+        tellUnused(*judge);
+    tellMail(mail.answer, mail.trust, mail.file, json);
+    return exitOf(mail.answer, false);
+}
+
 void addSmimeVerify(Command& smime, Action& action) {
     Command* command = smime.command("verify", "Judges the signatures of a mail, and whom to believe");
     auto options = std::make_shared<SmimeVerifyOptions>(*command);

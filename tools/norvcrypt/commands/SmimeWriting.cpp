@@ -137,7 +137,7 @@ bool SmimeWritingOptions::signsWithFiles() const {
 
 std::optional<std::string> SmimeWritingOptions::missing() const {
     if (m_work.signs && (signsWithFiles() || !m_store))
-        if (const auto option = m_identities->missing())
+        if (auto option = m_identities->missing())
             return option;
     const bool needsStore = !m_addresses.empty() || (m_toSelf && !signsWithFiles()) || (m_from && !signsWithFiles());
     if (needsStore && !m_store)

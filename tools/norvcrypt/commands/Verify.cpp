@@ -1,10 +1,14 @@
 #include "commands/Command.h"
+#include "commands/SmimeCommands.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
+#include "files/RepeatableBody.h"
 #include "openssl/CertificateDetails.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
+#include "recognise/Wrapped.h"
+#include "show/DiagnosisReport.h"
 #include "show/SignatureReport.h"
 #include "show/TextAndJson.h"
 #include "trust/TrustJudge.h"
@@ -15,16 +19,19 @@
 #include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
+namespace SMime = Norvane::Crypto::SMime;
 namespace Trust = Norvane::Crypto::Trust;
 using CMS::SignatureReason;
 using CMS::SignatureResult;
@@ -96,17 +103,18 @@ JudgedBody compare(SignedReader& message, Norvane::MediaIn body) {
 
 /// Passes the body, whichever it is, and the rest of the structure.
 JudgedBody passBody(SignedReader& message, const VerifyOptions& options, Inputs& inputs, Progress& progress,
-                    std::optional<ContentFile>& content) {
+                    std::optional<ContentFile>& content, std::optional<RepeatableBody>& detached) {
     if (options.embedded) {
         Norvane::MediaOut nowhere = Norvane::NullMediaOut();
         message.write(content ? content->body.sink() : nowhere);
         return {message.bodyLength(), std::nullopt};
     }
-    Norvane::MediaIn body = inputs.open(options.in.value_or("-"), &progress);
+    const std::string path = options.in.value_or("-");
     if (!message.isDetached())
-        return compare(message, body);
+        return compare(message, inputs.open(path, &progress));
     Norvane::MediaOut digest = message.digest();
-    body.write(digest);
+    detached.emplace(inputs, path, SMime::DiagnosisBudget().body, &progress);
+    detached->write(digest);
     return {message.bodyLength(), std::nullopt};
 }
 
@@ -191,6 +199,34 @@ std::vector<Judged> withTrust(const SignedReader& message, const std::vector<Sig
     return judged;
 }
 
+/// Why signatures do not fit, as far as that can be found out; it changes no verdict. \param body null: it is the content
+SMime::Diagnosis diagnosisOf(const SignedReader& message, StructureFile& file, RepeatableBody* body,
+                             const std::vector<SignatureResult>& results,
+                             const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
+    const auto isRefused = [](const SignatureResult& result) {
+        return result.verdict == SignatureVerdict::refused && result.reason != SignatureReason::contentDiffers;
+    };
+    if (std::ranges::none_of(results, isRefused))
+        return {};
+    SMime::DiagnosisOptions options;
+    if (certificates)
+        options.certificates = *certificates;
+    if (body == nullptr)
+        return SMime::explainSigners(message, options);
+    if (!body->canRepeat()) {
+        SMime::Diagnosis diagnosis = SMime::explainSigners(message, options);
+        diagnosis.notLooked = "the body has more than " + std::to_string(options.budget.body) +
+                              " bytes: what may have happened to it was not tried";
+        return diagnosis;
+    }
+    Norvane::MediaIn structure = file.structure();
+    Norvane::Buffer octets;
+    // One byte more than is looked at tells that there are more.
+    structure.read(octets, static_cast<unsigned int>(options.budget.structure + 1));
+    return SMime::explain(
+        octets, [body] { return body->again(); }, options);
+}
+
 SignatureVerdict verdictOf(const std::vector<Judged>& signers) {
     const auto has = [&signers](SignatureVerdict verdict) {
         return std::ranges::any_of(signers, [&](const Judged& signer) {
@@ -216,9 +252,11 @@ Exit exitOf(SignatureVerdict verdict) {
 }
 
 void tellSigner(TextOutput& out, const std::string& number, const Judged& judged, const SignedReader::Signer& signer,
-                bool trustAsked) {
+                const SMime::Explanation* explanation, bool trustAsked) {
     const Colours colours;
     out.line("signer " + number + ": " + verdictText(judged.result, signer));
+    if (explanation != nullptr)
+        tellExplanation(out, "signer " + number, "", *explanation);
     if (judged.trust) {
         out.line("trust in signer " + number + ": " + trustSummary(*judged.trust, colours));
         tellReasons(out, *judged.trust, colours);
@@ -227,11 +265,14 @@ void tellSigner(TextOutput& out, const std::string& number, const Judged& judged
     }
 }
 
-void tell(const SignedReader& message, const std::vector<Judged>& judged, const std::string& body, bool trustAsked) {
+void tell(const SignedReader& message, const std::vector<Judged>& judged, const SMime::Diagnosis& diagnosis,
+          const std::string& body, bool trustAsked) {
     const auto& signers = message.signers();
     TextOutput out;
     for (std::size_t at = 0; at != signers.size(); ++at)
-        tellSigner(out, std::to_string(at + 1), judged[at], signers[at], trustAsked);
+        tellSigner(out, std::to_string(at + 1), judged[at], signers[at], explanationOf(diagnosis, at), trustAsked);
+    if (!diagnosis.notLooked.empty())
+        out.line("why it is refused was not looked into everywhere: " + diagnosis.notLooked);
     if (signers.empty()) {
         out.line("no signer");
         out.flush();
@@ -245,8 +286,9 @@ void tell(const SignedReader& message, const std::vector<Judged>& judged, const 
     out.flush();
 }
 
-void tellJson(const SignedReader& message, const std::vector<Judged>& judged, const VerifyOptions& options,
-              const std::optional<JudgedBody>& body, const std::optional<TrustJudge>& judge) {
+void tellJson(const SignedReader& message, const std::vector<Judged>& judged, const SMime::Diagnosis& diagnosis,
+              const VerifyOptions& options, const std::optional<JudgedBody>& body,
+              const std::optional<TrustJudge>& judge) {
     Description facts{{"verdict", verdictName(verdictOf(judged))}};
     if (body) {
         facts["body"] = {{"file", options.embedded ? options.signature : options.in.value_or("-")},
@@ -261,8 +303,12 @@ void tellJson(const SignedReader& message, const std::vector<Judged>& judged, co
         Description signer = signerFacts(judged[at].result, message.signers()[at]);
         if (judged[at].trust)
             signer["trust"] = trustFacts(*judged[at].trust);
+        if (const SMime::Explanation* const explanation = explanationOf(diagnosis, at))
+            signer["explanation"] = explanationFacts(*explanation);
         facts["signers"].push_back(std::move(signer));
     }
+    if (!diagnosis.notLooked.empty())
+        facts["notLooked"] = diagnosis.notLooked;
     facts["problems"] = judge ? Description(judge->problems()) : Description::array();
     TextOutput out;
     out.text(asJson(facts));
@@ -274,21 +320,38 @@ struct Question {
     const VerifyOptions& options;
     const std::optional<std::list<NVX509::RefCertificate>>& certificates;
     const std::optional<TrustJudge>& judge;
+    StructureFile& file;
+    std::optional<RepeatableBody> detached{};
 };
 
-SignatureVerdict answer(const Question& question, const SignedReader& message, const std::optional<JudgedBody>& body) {
+SignatureVerdict answer(Question& question, const SignedReader& message, const std::optional<JudgedBody>& body) {
     std::vector<Judged> judged;
-    if (body)
-        judged =
-            withTrust(message, judge(message, *body, question.certificates), question.judge, question.certificates);
+    SMime::Diagnosis diagnosis;
+    if (body) {
+        const std::vector<SignatureResult> results = judge(message, *body, question.certificates);
+        judged = withTrust(message, results, question.judge, question.certificates);
+        diagnosis = diagnosisOf(message, question.file, question.detached ? &*question.detached : nullptr, results,
+                                question.certificates);
+    }
     if (question.options.trust->json()) {
-        tellJson(message, judged, question.options, body, question.judge);
+        tellJson(message, judged, diagnosis, question.options, body, question.judge);
     } else {
         if (question.judge)
             tellUnused(*question.judge);
-        tell(message, judged, body ? bodyText(*body, question.options) : "", question.judge.has_value());
+        tell(message, judged, diagnosis, body ? bodyText(*body, question.options) : "", question.judge.has_value());
     }
     return verdictOf(judged);
+}
+
+/// Whether a file begins as a mail does. What comes through a pipe is not looked at: it can be read only once.
+bool isMail(const std::string& path, Inputs& inputs) {
+    std::error_code ignored;
+    if (path == "-" || !std::filesystem::is_regular_file(path, ignored))
+        return false;
+    Norvane::MediaIn in = inputs.open(path);
+    Norvane::Buffer start;
+    Inputs::lookAhead(in, 65536, start);
+    return looksLikeMail(start);
 }
 
 Exit verify(const VerifyOptions& options) {
@@ -299,6 +362,11 @@ Exit verify(const VerifyOptions& options) {
     std::optional<std::list<NVX509::RefCertificate>> certificates;
     if (options.certificate)
         certificates = readCertificates(inputs, *options.certificate);
+    if (!options.in && !options.embedded && isMail(options.signature, inputs))
+        return verifyMail(options.signature, inputs, judge,
+                          certificates ? std::vector(certificates->begin(), certificates->end())
+                                       : std::vector<NVX509::RefCertificate>(),
+                          options.trust->json());
     if (options.out == "-")
         throw Failure("the verdict goes to standard output: give --out a file for the content");
     std::optional<ContentFile> content;
@@ -306,17 +374,20 @@ Exit verify(const VerifyOptions& options) {
         content.emplace(*options.out, inputs);
     Progress progress("verifying");
     StructureFile file(inputs, options.signature, options.embedded ? &progress : nullptr);
-    file.readOnce();
-    const Question question{options, certificates, judge};
+    if (options.embedded)
+        file.readOnce();
+    Question question{options, certificates, judge, file};
     return reading(file, [&] {
         SignedReader message(file.structure());
+        if (!message.isDetached())
+            file.readOnce();
         if (message.isDetached()) {
             file.requireEnd();
             if (message.signers().empty())
                 return exitOf(answer(question, message, std::nullopt));
         }
         checkBody(options, message.isDetached());
-        const JudgedBody body = passBody(message, options, inputs, progress, content);
+        const JudgedBody body = passBody(message, options, inputs, progress, content, question.detached);
         if (!message.isDetached())
             file.requireEnd();
         progress.clear();
@@ -336,7 +407,10 @@ void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
     Command* command = commands.command(
         "verify", "Verifies every signature of a CMS structure; trust in the certificates is checked with --ca");
-    command->option("--signature", options->signature, "The structure, DER, BER or PEM")
+    command
+        ->option("--signature", options->signature,
+                 "The structure: DER, BER, PEM, base64, the part of a mail that it came in; or a whole mail, which is "
+                 "judged as norvcrypt smime verify does")
         ->typeName("SIG.p7s")
         ->required();
     command
@@ -362,7 +436,9 @@ void addVerify(Command& commands, Action& action) {
         ->needs(embedded);
     options->trust = std::make_unique<TrustOptions>(*command, Trust::Purpose::sign, TrustOptions::Anchors::optional);
     command->footer(
-        "Structures and bodies may have any size.\n"
+        "Structures and bodies may have any size. When a signature does not fit the body, it is tried what relays do "
+        "to "
+        "bodies, and said what made it so; it stays refused.\n"
         "Example: norvcrypt verify --signature body.p7s --in body --ca roots.pem --from anna@example.org\n"
         "Exit code: 0 every signature is good (and with --ca, every signer is believed), 1 one is not, 2 an "
         "algorithm is not supported, which is named, or there is nothing to judge.");

@@ -1,7 +1,6 @@
 #include "files/Body.h"
 
 #include <algorithm>
-#include <cstring> // explicit_bzero of <string.h> too
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,11 +8,18 @@ namespace norvcrypt {
 
 namespace {
 
+/// What has less than this has a known length wherever it comes from.
+constexpr unsigned int longestForeseen = 1U << 18U;
 /// Fewer calls of the system do not get faster from here on, and it stays in the processor's cache.
-constexpr unsigned int pieceLength = 1U << 18U;
+constexpr unsigned int pieceLength = 1U << 16U;
 
-/// What a regular file has from its present position on. Files of the kernel say to have nothing, or too much.
-std::optional<std::uint64_t> sizeOf(const std::string& path) {
+/// What a regular file has from its present position on.
+struct FileSize {
+    std::uint64_t size;
+    bool isStored; ///< files of the kernel say to have nothing, or too much, and take up no space
+};
+
+std::optional<FileSize> sizeOf(const std::string& path) {
     struct stat status {};
     const bool standardInput = path == "-";
     const int result = standardInput ? fstat(STDIN_FILENO, &status) : stat(path.c_str(), &status);
@@ -22,34 +28,34 @@ std::optional<std::uint64_t> sizeOf(const std::string& path) {
     const off_t position = standardInput ? lseek(STDIN_FILENO, 0, SEEK_CUR) : 0;
     if (position < 0 || position > status.st_size)
         return std::nullopt;
-    return static_cast<std::uint64_t>(status.st_size - position);
+    return FileSize{.size = static_cast<std::uint64_t>(status.st_size - position), .isStored = status.st_blocks > 0};
 }
 
 } // namespace
 
 Body::Body(Inputs& inputs, const std::string& path, Progress* progress)
-    : m_size(sizeOf(path)),
-      m_in(inputs.open(path, progress)),
-      m_piece(new unsigned char[pieceLength]) {
-    fill();
-    if (m_filled < pieceLength)
+    : m_in(inputs.open(path, progress)),
+      m_piece(longestForeseen) {
+    const std::optional<FileSize> file = sizeOf(path);
+    // Memory that is never touched costs nothing: of a long file, one piece is enough to begin with.
+    const bool isLong = file && file->isStored && file->size > longestForeseen;
+    const unsigned int first = isLong ? pieceLength : longestForeseen;
+    fill(first);
+    if (m_filled < first)
         m_length = m_filled;
-    else if (m_size && *m_size >= m_filled)
-        m_length = m_size;
-}
-
-Body::~Body() {
-    explicit_bzero(m_piece.get(), m_used);
+    else if (file && file->size >= m_filled)
+        m_length = file->size;
 }
 
 void Body::write(Norvane::MediaOut& target) {
-    for (; m_filled != 0; fill())
-        target.write(m_piece.get(), m_filled);
+    for (; m_filled != 0; fill(pieceLength))
+        for (unsigned int done = 0; done < m_filled; done += pieceLength)
+            target.write(m_piece.data() + done, std::min(m_filled - done, pieceLength));
 }
 
-void Body::fill() {
-    m_filled = static_cast<unsigned int>(m_in.read(m_piece.get(), pieceLength));
-    m_used = std::max<std::size_t>(m_used, m_filled);
+void Body::fill(unsigned int length) {
+    m_filled = static_cast<unsigned int>(m_in.read(m_piece.data(), length));
+    m_piece.used(m_filled);
 }
 
 } // namespace norvcrypt

@@ -2,12 +2,11 @@
 
 #include "files/Input.h"
 #include "files/Progress.h"
+#include "files/Scratch.h"
 
 #include <norvcmsg/Media.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,9 +18,6 @@ class Body {
 public:
     /// Reads the first piece. \throws Failure as `Inputs::open`, or the file cannot be read
     Body(Inputs& inputs, const std::string& path, Progress* progress);
-    ~Body();
-    Body(const Body&) = delete;
-    Body& operator=(const Body&) = delete;
 
     /// How many bytes it has; nothing for a pipe. A file that changes meanwhile will have another number of them.
     [[nodiscard]] std::optional<std::uint64_t> length() const noexcept { return m_length; }
@@ -29,13 +25,11 @@ public:
     void write(Norvane::MediaOut& target);
 
 private:
-    void fill();
+    void fill(unsigned int length);
 
-    std::optional<std::uint64_t> m_size; ///< of the file
     Norvane::MediaIn m_in;
-    std::unique_ptr<unsigned char[]> m_piece; // NOLINT(*-avoid-c-arrays): not filled with zeros first
+    Scratch m_piece;
     unsigned int m_filled = 0;
-    std::size_t m_used = 0; ///< what is to be wiped
     std::optional<std::uint64_t> m_length;
 };
 

@@ -1,10 +1,10 @@
 #include "files/Input.h"
 #include "base/Failure.h"
+#include "files/Scratch.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring> // explicit_bzero of <string.h> too
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -32,8 +32,6 @@ public:
     ~DescriptorSource() override {
         if (m_descriptor != STDIN_FILENO)
             close(m_descriptor);
-        // It may have been a key.
-        explicit_bzero(m_bytes.data(), m_bytes.size());
     }
     DescriptorSource(const DescriptorSource&) = delete;
     DescriptorSource& operator=(const DescriptorSource&) = delete;
@@ -43,7 +41,7 @@ public:
         fill();
         return m_at == m_end;
     }
-    [[nodiscard]] int peek() const override { return atEnd() ? -1 : m_bytes[m_at]; }
+    [[nodiscard]] int peek() const override { return atEnd() ? -1 : m_bytes.data()[m_at]; }
     int read(unsigned char* out, unsigned int length) override {
         unsigned int done = 0;
         while (done < length) {
@@ -106,14 +104,15 @@ private:
         if (m_at != m_end || m_ended)
             return;
         m_end = fetch(m_bytes.data(), m_bytes.size());
+        m_bytes.used(m_end);
         m_at = 0;
     }
 
     int m_descriptor;
     std::string m_name;
     Progress* m_progress;
-    off_t m_begin = -1; ///< where a file is gone back to
-    mutable std::array<unsigned char, 65536> m_bytes{};
+    off_t m_begin = -1;             ///< where a file is gone back to
+    mutable Scratch m_bytes{65536}; // it may be a key that passes
     mutable std::size_t m_at = 0;
     mutable std::size_t m_end = 0;
     mutable unsigned long m_fetched = 0;
@@ -193,17 +192,16 @@ Norvane::Buffer Inputs::readAll(Norvane::MediaIn& in, const std::string& path, b
     Norvane::Buffer all;
     if (secret)
         all.protect();
-    std::array<unsigned char, 65536> chunk{};
+    Scratch chunk(65536);
     for (;;) {
-        const int count = in.read(chunk.data(), chunk.size());
+        const int count = in.read(chunk.data(), static_cast<unsigned int>(chunk.size()));
         if (count == 0)
             break;
+        chunk.used(static_cast<std::size_t>(count));
         if (all.length() + static_cast<unsigned int>(count) > largestInMemory)
             throw Failure(inputName(path) + " is larger than 256 MiB");
         all.append(Norvane::Buffer(chunk.data(), static_cast<unsigned int>(count), true));
     }
-    if (secret)
-        explicit_bzero(chunk.data(), chunk.size());
     return all;
 }
 

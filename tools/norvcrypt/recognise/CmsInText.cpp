@@ -1,25 +1,19 @@
 #include "recognise/CmsInText.h"
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
+#include "recognise/Wrapped.h"
 
 #include <algorithm>
-#include <cctype>
-#include <string_view>
+#include <string>
 #include <vector>
 
 namespace norvcrypt {
 
 namespace {
 
-/// A structure as it travels in a mail: what to do, for whoever saved it as it came.
+/// What to do, for whoever saved a mail as it came.
 std::string adviceOn(const Norvane::Buffer& content) {
-    static constexpr std::string_view header = "content-type:";
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
-    const auto sameLetter = [](char one, char other) { return std::tolower(static_cast<unsigned char>(one)) == other; };
-    if (std::search(text.begin(), text.end(), header.begin(), header.end(), sameLetter) != text.end())
-        return ", which looks like a mail: take it out with openssl smime -pk7out";
-    // SEQUENCE with a long or an indefinite length.
-    return text.starts_with("MI") ? ", which looks like base64: decode it with openssl base64 -d" : "";
+    return looksLikeMail(content) ? ", which is a mail: norvcrypt smime verify, decrypt and inspect read those" : "";
 }
 
 } // namespace

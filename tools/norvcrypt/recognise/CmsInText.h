@@ -6,7 +6,7 @@
 
 namespace norvcrypt {
 
-/// The one CMS structure in a PEM text, or the content itself where it looks binary: the library then tells what is
+/// The one CMS structure in a text, PEM or wrapped otherwise, or the content itself where it looks binary: the library then tells what is
 /// wrong with it. Messages call the content `name`. \throws Failure: there is none, or more than one
 Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::string& name);
 

@@ -1,6 +1,7 @@
 #include "recognise/DerAndPem.h"
 #include "openssl/OpenSsl.h"
 #include "recognise/Blanks.h"
+#include "recognise/Wrapped.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
 #include <norvcrypto/Crypto.h>
@@ -107,8 +108,18 @@ Norvane::Buffer subjectPublicKeyInfo(const Norvane::Buffer& der) {
     return {encoded, static_cast<unsigned int>(length), false};
 }
 
-FoundObject objectOf(const std::string& label, const std::string& header, const Norvane::Buffer& der) {
+/// What stands in a block counts, where that can be told, and not how it is labelled: "PKCS7 SIGNED", "CERTIFICATE" for
+/// a structure with certificates.
+ObjectKind kindOf(const std::string& label, const Norvane::Buffer& der) {
     const ObjectKind kind = kindOfLabel(label);
+    const bool mayBeAnother = kind == ObjectKind::unknown || kind == ObjectKind::certificate ||
+                              kind == ObjectKind::list || kind == ObjectKind::cms;
+    const ObjectKind content = mayBeAnother ? kindOf(der) : ObjectKind::unknown;
+    return content == ObjectKind::unknown ? kind : content;
+}
+
+FoundObject objectOf(const std::string& label, const std::string& header, const Norvane::Buffer& der) {
+    const ObjectKind kind = kindOf(label, der);
     if (kind == ObjectKind::unknown)
         return {kind, der, "a PEM block of the unknown kind " + label};
     if (header.find("ENCRYPTED") == std::string::npos)
@@ -193,6 +204,19 @@ std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
     return objects;
 }
 
+/// What a text holds that is no proper PEM. Nothing when nothing of it is known: what is wrong is told of the text itself.
+std::vector<FoundObject> objectsWrapped(const Norvane::Buffer& content) {
+    std::vector<FoundObject> objects;
+    for (const WrappedObject& wrapped : wrappedIn(content)) {
+        const std::vector<FoundObject> found = wrapped.label.empty()
+                                                   ? objectsInDer(wrapped.der)
+                                                   : std::vector<FoundObject>{objectOf(wrapped.label, "", wrapped.der)};
+        objects.insert(objects.end(), found.begin(), found.end());
+    }
+    const auto isUnknown = [](const FoundObject& object) { return object.kind == ObjectKind::unknown; };
+    return std::ranges::all_of(objects, isUnknown) ? std::vector<FoundObject>() : objects;
+}
+
 } // namespace
 
 bool beginsStructure(const Norvane::Buffer& start) {
@@ -216,6 +240,10 @@ std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
     // A text may begin with the digit 0, which is the first byte of every DER object.
     if (Norvane::Crypto::NVX509::isPem(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
         objects = objectsInPem(content);
+    const auto isUnknown = [](const FoundObject& object) { return object.kind == ObjectKind::unknown; };
+    if (std::ranges::all_of(objects, isUnknown))
+        if (std::vector<FoundObject> wrapped = objectsWrapped(content); !wrapped.empty())
+            objects = std::move(wrapped);
     if (objects.empty())
         objects.push_back(
             {ObjectKind::unknown, {}, content.empty() ? "empty" : "no certificate, list, key or CMS structure"});

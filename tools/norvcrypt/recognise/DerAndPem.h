@@ -19,7 +19,8 @@ struct FoundObject {
     std::string problem; ///< why it cannot be read, when it cannot
 };
 
-/// The objects in a PEM text (text around the blocks is skipped) or in DER, one after another. DER whose kind cannot be
+/// The objects in a PEM text (text around the blocks is skipped) or in DER, one after another, or else what a text wraps
+/// (see Wrapped.h). DER whose kind cannot be
 /// told (a stretch of it is one object), and blocks that are damaged or of an unknown label, are objects with a problem.
 /// There is always at least one.
 std::vector<FoundObject> objectsIn(const Norvane::Buffer& content);

@@ -109,14 +109,19 @@ bool hasCertificate(const SignatureResult& result) {
 }
 
 /// Escaped for display.
-std::string reasonText(const SignatureResult& result, const SignedReader::Signer& signer) {
-    if (result.reason == SignatureReason::certificateMissing)
-        if (const auto name = nameOfCertificate(signer))
-            return "no certificate with " + nameOf(*name);
+std::string reasonText(const SignatureResult& result, const std::string& name) {
+    if (result.reason == SignatureReason::certificateMissing && !name.empty())
+        return "no certificate with " + name;
     std::string text = CMS::textOf(result.reason);
     if (!result.algorithm.empty())
         text += ": " + Norvane::escapeForDisplay(result.algorithm);
     return text;
+}
+
+/// To be shown as it is; empty when it does not decode.
+std::string certificateNameIn(const SignedReader::Signer& signer) {
+    const auto name = nameOfCertificate(signer);
+    return name ? nameOf(*name) : std::string();
 }
 
 } // namespace
@@ -130,10 +135,14 @@ std::optional<CMS::CertificateIdentifier> nameOfCertificate(const SignedReader::
 }
 
 std::string verdictText(const SignatureResult& result, const SignedReader::Signer& signer) {
+    return verdictText(result, certificateNameIn(signer));
+}
+
+std::string verdictText(const SignatureResult& result, const std::string& name) {
     std::string text = "good signature";
     if (result.verdict != SignatureVerdict::good) {
         text = (result.verdict == SignatureVerdict::refused ? "NOT VERIFIED, " : "NOT JUDGED, ") +
-               reasonText(result, signer);
+               reasonText(result, name);
         if (const std::string event = eventOf(result.reason); !event.empty())
             text += " (event " + event + ")";
     }
@@ -159,16 +168,21 @@ const char* verdictName(SignatureVerdict verdict) {
     return "refused";
 }
 
-Description signerFacts(const SignatureResult& result, const SignedReader::Signer& signer) {
+Description resultFacts(const SignatureResult& result, const std::string& name) {
     Description facts{{"verdict", verdictName(result.verdict)}};
     if (result.verdict != SignatureVerdict::good) {
         facts["reason"] = codeOf(result.reason);
-        facts["text"] = reasonText(result, signer);
+        facts["text"] = reasonText(result, name);
         if (const std::string event = eventOf(result.reason); !event.empty())
             facts["event"] = event;
     }
     if (hasCertificate(result))
         facts["certificate"] = certificateFacts(result.certificate);
+    return facts;
+}
+
+Description signerFacts(const SignatureResult& result, const SignedReader::Signer& signer) {
+    Description facts = resultFacts(result, certificateNameIn(signer));
     facts["signatureAlgorithm"] = signer.signatureAlgorithm();
     facts["digestAlgorithm"] = signer.digestAlgorithm();
     if (const auto time = signer.signingTime())

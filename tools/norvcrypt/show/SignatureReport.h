@@ -19,6 +19,8 @@ std::optional<Norvane::Crypto::CMS::CertificateIdentifier> nameOfCertificate(
 /// The verdict on a signer. To be shown as it is.
 std::string verdictText(const Norvane::Crypto::CMS::SignatureResult& result,
                         const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+/// Likewise. \param name that of the certificate that the signer names, not escaped; may be empty
+std::string verdictText(const Norvane::Crypto::CMS::SignatureResult& result, const std::string& name);
 /// What a signer says of itself. To be shown as it is.
 std::string detailsText(const Norvane::Crypto::CMS::SignedReader::Signer& signer);
 
@@ -27,5 +29,8 @@ const char* verdictName(Norvane::Crypto::CMS::SignatureVerdict verdict);
 /// What docs/json.md calls a signer object.
 Description signerFacts(const Norvane::Crypto::CMS::SignatureResult& result,
                         const Norvane::Crypto::CMS::SignedReader::Signer& signer);
+
+/// What of it is about the verdict.
+Description resultFacts(const Norvane::Crypto::CMS::SignatureResult& result, const std::string& name);
 
 } // namespace norvcrypt

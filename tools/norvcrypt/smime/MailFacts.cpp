@@ -1,43 +1,27 @@
 #include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
 #include "show/Facts.h"
+#include "show/SignatureReport.h"
 #include "smime/MailReport.h"
 #include "trust/TrustReport.h"
 
 namespace norvcrypt {
 
-namespace CMS = Norvane::Crypto::CMS;
 namespace SMime = Norvane::Crypto::SMime;
 namespace Trust = Norvane::Crypto::Trust;
 
 namespace {
 
-const char* nameOf(CMS::SignatureVerdict verdict) {
-    switch (verdict) {
-    case CMS::SignatureVerdict::good:
-        return "good";
-    case CMS::SignatureVerdict::unsupported:
-        return "unsupported";
-    case CMS::SignatureVerdict::refused:
-        break;
-    }
-    return "refused";
-}
-
 Description signerFacts(const SMime::LayerSigner& signer, const SMime::Answer& answer,
                         const std::optional<Trust::Options>& trust) {
-    Description facts{{"verdict", nameOf(signer.result.verdict)}};
-    if (signer.result.verdict != CMS::SignatureVerdict::good)
-        facts["reason"] = CMS::textOf(signer.result.reason);
-    putText(facts, "algorithm", signer.result.algorithm);
+    Description facts = resultFacts(signer.result, signer.identifier);
     putText(facts, "identifier", signer.identifier);
-    if (!signer.result.certificate.isNull() && static_cast<X509*>(signer.result.certificate) != nullptr) {
-        facts["subject"] = displayName(signer.result.certificate->subject());
-        facts["fingerprintSha256"] = fingerprint(signer.result.certificate);
-    }
     putText(facts, "digestAlgorithm", signer.digestAlgorithm);
     putText(facts, "signatureAlgorithm", signer.signatureAlgorithm);
     if (signer.signingTime)
         facts["signingTime"] = isoTime(*signer.signingTime);
+    if (signer.explanation)
+        facts["explanation"] = explanationFacts(*signer.explanation);
     if (signer.sender)
         facts["senderRelation"] = Trust::nameOf(signer.sender->relation);
     if (signer.trust && trust)

@@ -2,6 +2,8 @@
 #include "files/Colours.h"
 #include "files/Output.h"
 #include "openssl/CertificateDetails.h"
+#include "show/DiagnosisReport.h"
+#include "show/SignatureReport.h"
 #include "show/TextAndJson.h"
 #include "smime/MailReport.h"
 #include "trust/TrustReport.h"
@@ -55,24 +57,18 @@ std::string layerText(const SMime::Layer& layer, const Colours& colours) {
 }
 
 std::string certificateText(const Norvane::Crypto::NVX509::RefCertificate& certificate) {
-    if (certificate.isNull() || static_cast<X509*>(certificate) == nullptr)
-        return "no certificate";
     return "certificate SHA-256 " + fingerprint(certificate) + " " + displayName(certificate->subject());
 }
 
 void tellSigner(TextOutput& out, const SMime::LayerSigner& signer, const SMime::Answer& answer,
                 const std::optional<Trust::Options>& trust, const Colours& colours) {
-    std::string text = "  signer: ";
-    if (signer.result.verdict == CMS::SignatureVerdict::good)
-        text += colours.good("good signature");
-    else
-        text += colours.bad(signer.result.verdict == CMS::SignatureVerdict::refused ? "NOT VERIFIED" : "NOT JUDGED") +
-                ", " + CMS::textOf(signer.result.reason);
-    if (!signer.result.algorithm.empty())
-        text += ": " + escapeForDisplay(signer.result.algorithm);
-    out.line(text + ", " + certificateText(signer.result.certificate));
-    text = "  signature algorithm " + escapeForDisplay(signer.signatureAlgorithm) + ", digest " +
-           escapeForDisplay(signer.digestAlgorithm);
+    const bool isGood = signer.result.verdict == CMS::SignatureVerdict::good;
+    const std::string verdict = verdictText(signer.result, signer.identifier);
+    out.line("  signer: " + (isGood ? verdict : colours.bad(verdict)));
+    if (signer.explanation)
+        tellExplanation(out, "it", "  ", *signer.explanation);
+    std::string text = "  signature algorithm " + escapeForDisplay(signer.signatureAlgorithm) + ", digest " +
+                       escapeForDisplay(signer.digestAlgorithm);
     if (signer.signingTime)
         text += ", says to have signed at " + isoTime(*signer.signingTime);
     out.line(text);
@@ -123,7 +119,7 @@ std::string coverText(const SMime::HeaderProtection& headers) {
     return headers.isEncrypted ? "encrypted, not signed" : "not covered by a good signature";
 }
 
-std::string verdictText(const SMime::Answer& answer, const Colours& colours) {
+std::string overallText(const SMime::Answer& answer, const Colours& colours) {
     const std::string name = SMime::nameOf(answer.verdict);
     switch (answer.verdict) {
     case SMime::Verdict::accepted:
@@ -149,7 +145,7 @@ void tellMail(const SMime::Answer& answer, const std::optional<Trust::Options>& 
         return;
     }
     const Colours colours;
-    out.line("verdict: " + verdictText(answer, colours) + ": " + escapeForDisplay(answer.detail));
+    out.line("verdict: " + overallText(answer, colours) + ": " + escapeForDisplay(answer.detail));
     for (const SMime::Layer& layer : answer.layers)
         tellLayer(out, layer, answer, trust, colours);
     if (answer.headers.scheme != SMime::HeaderScheme::none) {

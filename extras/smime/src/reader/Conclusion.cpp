@@ -115,6 +115,8 @@ void conclude(Session& session) {
         return conclusion(verdictOf((*bad)->status), "part " + (*bad)->path + ": " + (*bad)->detail);
     if (session.failure)
         return conclusion(verdictOf(session.failure->first), session.failure->second);
+    if (!session.ambiguity.empty())
+        return conclusion(Verdict::damaged, session.ambiguity);
     if (!answer.headers.isSigned)
         return conclusion(Verdict::decrypted, "nobody signed it");
     if (session.options.trust == nullptr)

@@ -150,8 +150,11 @@ void readEntity(Session& session, const SharedOctets& in, const Place& place) {
 
 void readBody(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
               const Place& place) {
-    if (!type.oddity.empty())
+    if (!type.oddity.empty()) {
         session.addOddity(place, type.oddity);
+        if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
+            session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
+    }
     const bool isSigned = type.is("multipart", "signed");
     if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
                      type.protocol.starts_with("application/x-pkcs7-")))

@@ -72,9 +72,12 @@ public:
     Senders protectedSenders;                                   ///< those that the layers of the content cover
     bool isTaken = false;                                       ///< there is a layer of the content
     std::optional<std::pair<LayerStatus, std::string>> failure; ///< of what lies within the layers of the content
+    /// Why a reader of the message may see another one than this, where no layer covers that.
+    std::string ambiguity;
     std::size_t parts = 0;
     std::size_t structures = 0;
     std::size_t judgedByTrust = 0;
+    bool isExplained = false; ///< why a signature is refused was asked
 
     /// Runs what belongs to the caller: what it throws is for him, whatever layers it passes.
     template <class Work> auto outside(Work work) -> decltype(work()) {

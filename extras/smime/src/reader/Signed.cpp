@@ -144,6 +144,23 @@ bool bodyDiffers(const std::vector<LayerSigner>& signers) {
                                 [](const LayerSigner& one) { return one.result.verdict == SignatureVerdict::good; });
 }
 
+/// Says why signatures are refused, once in a message.
+void explainRefused(Session& session, const Detached& detached, std::vector<LayerSigner>& signers) {
+    const auto isRefused = [](const LayerSigner& one) { return one.result.verdict == SignatureVerdict::refused; };
+    if (!session.options.explain || session.isExplained || std::ranges::none_of(signers, isRefused))
+        return;
+    session.isExplained = true;
+    DiagnosisOptions options;
+    options.certificates.assign(session.options.certificates.begin(), session.options.certificates.end());
+    Buffer structure;
+    // One octet more than is looked at tells that there are more.
+    detached.signature.in().read(structure, static_cast<unsigned int>(options.budget.structure + 1));
+    for (Explanation& explanation : explain(
+                                        structure, [&] { return detached.part.in(); }, options)
+                                        .explanations)
+        signers[explanation.signer].explanation = std::move(explanation);
+}
+
 /// Judges a detached signature over one form of the part. False when another form should be tried.
 bool judgeForm(Session& session, std::size_t index, const Detached& detached, SignedForm form, bool isLast) {
     const SignedReader reader(detached.signature.in());
@@ -166,6 +183,7 @@ bool judgeForm(Session& session, std::size_t index, const Detached& detached, Si
     std::vector<LayerSigner> signers = signersOf(session, reader);
     if (!isLast && bodyDiffers(signers))
         return false;
+    explainRefused(session, detached, signers);
     for (LayerSigner& signer : signers)
         signer.trust = trustIn(session, reader, signer);
     layer.form = form;
@@ -202,6 +220,9 @@ bool takeSignature(Session& session, std::size_t index, mime::Multipart& parts, 
     }
     const ContentType type = mime::contentTypeOf(header);
     if (!isSignature(type, mime::fileNameOf(header, type)) && !isStructure(type, "")) {
+        // Signed in another way, by a sender that does not say in which.
+        if (type.type == "application")
+            layer.status = LayerStatus::unsupported;
         layer.detail = "the second part of the multipart/signed is no S/MIME signature but " + type.text();
         return false;
     }

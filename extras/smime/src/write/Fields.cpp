@@ -43,14 +43,14 @@ void fold(std::string_view line, std::string& out) {
         // Not within the blanks of the start: a line of blanks alone ends a header for some.
         const std::size_t from = std::min(line.find_first_not_of(" \t"), line.size());
         std::size_t at = line.find_last_of(" \t", ourLine);
+        at = at == std::string_view::npos ? at : line.find_last_not_of(" \t", at) + 1; // all blanks go to the next line
         if (at == std::string_view::npos || at <= from) {
             at = line.find_first_of(" \t", from);
         }
         if (at == std::string_view::npos || line.find_first_not_of(" \t", at) == std::string_view::npos) {
             break;
         }
-        const std::string_view before = line.substr(0, at);
-        out.append(before.substr(0, before.find_last_not_of(" \t") + 1)).append("\r\n");
+        out.append(line.substr(0, at)).append("\r\n");
         line.remove_prefix(at);
     }
     out.append(line).append("\r\n");
@@ -68,8 +68,29 @@ bool allFit(const std::string& text) {
     return std::ranges::all_of(linesOf(text), fits);
 }
 
+/// Nothing of what relays change at the ends of lines, and no line that looks empty to some.
+std::vector<std::string> tidied(std::vector<std::string> lines) {
+    for (std::string& line : lines) {
+        line.erase(line.find_last_not_of(" \t") + 1);
+    }
+    std::erase(lines, std::string());
+    return lines;
+}
+
 std::string withCrLf(const char* text) {
-    return joined(linesOf(text));
+    return joined(tidied(linesOf(text)));
+}
+
+/// A text without what may come and go when a field is encoded.
+std::string bare(std::string text) {
+    std::erase_if(text, [](char byte) { return byte == '"' || byte == '\\' || (byte >= 0 && byte <= ' '); });
+    return text;
+}
+
+/// Whether a field that GMime encoded still says all of its value: of what it cannot read it leaves parts out.
+bool saysAll(const std::string& field, const std::string& name, const std::string& value) {
+    const mime::GmimeText decoded(g_mime_utils_header_decode_text(nullptr, field.substr(name.size() + 1).c_str()));
+    return bare(decoded.get()) == bare(value);
 }
 
 /// The field as GMime writes it: each in the way of its kind.
@@ -85,20 +106,20 @@ std::string encodedAsText(const std::string& name, const std::string& value) {
     return newField(name, text.get());
 }
 
+bool hasParameters(std::string_view name) {
+    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
+}
+
 std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
-    if (std::ranges::count(utf8, ':') <= mostGroups) {
+    if (hasParameters(name) || std::ranges::count(utf8, ':') <= mostGroups) {
         std::string field = encodedByKind(name, utf8);
-        if (isSevenBit(field) && allFit(field)) {
+        if (isSevenBit(field) && allFit(field) && (hasParameters(name) || saysAll(field, name, utf8))) {
             return field;
         }
     }
     return encodedAsText(name, utf8);
-}
-
-bool hasParameters(std::string_view name) {
-    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
 
 } // namespace
@@ -143,11 +164,7 @@ std::string outerField(std::string_view octets) {
 }
 
 std::string innerField(std::string_view name, std::string_view value, const std::string& where) {
-    std::vector<std::string> lines = linesOf(std::string(name) + ':' + std::string(value));
-    for (std::string& line : lines) {
-        line.erase(line.find_last_not_of(" \t") + 1);
-    }
-    std::erase(lines, std::string());
+    const std::vector<std::string> lines = tidied(linesOf(std::string(name) + ':' + std::string(value)));
     std::string unfolded;
     for (const std::string& line : lines) {
         unfolded += line;
@@ -158,14 +175,14 @@ std::string innerField(std::string_view name, std::string_view value, const std:
     const std::string content =
         unfolded.substr(std::min(unfolded.find_first_not_of(" \t", name.size() + 1), unfolded.size()));
     if (!isSevenBit(unfolded)) {
-        const std::string field = encoded(std::string(name), content);
+        std::string field = encoded(std::string(name), content);
         if (allFit(field)) {
             return field;
         }
-    } else if (const std::string field = newField(name, content); allFit(field)) {
+    } else if (std::string field = newField(name, content); allFit(field)) {
         return field;
     } else if (hasParameters(name)) {
-        const std::string split = encoded(std::string(name), content);
+        std::string split = encoded(std::string(name), content);
         if (allFit(split)) {
             return split;
         }

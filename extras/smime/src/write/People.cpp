@@ -70,14 +70,18 @@ EmailAddress senderOf(const std::optional<EmailAddress>& given, const mime::Head
     if (given) {
         return *given;
     }
-    const Correspondents people = correspondentsIn(header);
-    if (people.from.size() == 1) {
-        return people.from.front();
+    std::vector<EmailAddress> from;
+    std::vector<std::string> others;
+    addAddresses(header, "From", from, others);
+    if (from.size() == 1 && others.empty()) {
+        return from.front();
     }
-    if (people.from.size() > 1) {
-        if (people.sender.size() == 1) {
-            return people.sender.front();
-        }
+    std::vector<EmailAddress> sender;
+    addAddresses(header, "Sender", sender, others);
+    if (from.size() > 1 && sender.size() == 1 && others.empty()) {
+        return sender.front();
+    }
+    if (from.size() > 1) {
         fail("the message has several From addresses and no Sender: say who signs");
     }
     fail(header.count("From") == 0 ? "the message has no From" : "the From of the message is no address");

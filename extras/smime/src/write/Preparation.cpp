@@ -37,6 +37,14 @@ bool isUsableBoundary(const std::string& boundary) {
            std::ranges::all_of(boundary, [](char c) { return c >= ' ' && c <= '~'; });
 }
 
+/// A line with CRLF; nothing when it does not arrive as it is sent.
+std::string sendableLine(std::string_view octets) {
+    TextTraits traits;
+    traits.see(octets);
+    traits.end();
+    return traits.isRelayProof() ? outerField(octets) : std::string();
+}
+
 /// Why a part must not be changed.
 std::string whyItStays(const mime::Header& header, const mime::ContentType& type) {
     if (type.is("multipart", "signed")) {
@@ -276,7 +284,7 @@ void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type
         return;
     }
     fail(nameOf(entity) + ' ' + whyItStays(entity.header, type) +
-         " and not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
+         " and is not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
          "opaquely");
 }
 
@@ -327,7 +335,8 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
             continue;
         }
         if (name.empty()) {
-            text += outerField(entity.header.octetsOf(field));
+            // No field at all: readers pass over it, as over a preamble.
+            text += sendableLine(entity.header.octetsOf(field));
             continue;
         }
         if (changesWord && mime::isSameName(name, "Content-Transfer-Encoding")) {

@@ -68,6 +68,8 @@ TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_signing}), "the message has no From");
     EXPECT_EQ(refusalOf("From: undisclosed:;\n" + m_body, {m_signing}), "the From of the message is no address");
     EXPECT_EQ(refusalOf("From: Alice\n" + m_body, {m_signing}), "the From of the message is no address");
+    EXPECT_EQ(refusalOf("From: alice@example.com, somebody else\n" + m_body, {m_signing}),
+              "the From of the message is no address");
     EXPECT_EQ(refusalOf("From: alice@example.com@evil.example\n" + m_body, {m_signing}),
               "the From of the message is no address");
     const std::string several = "the message has several From addresses and no Sender: say who signs";

@@ -242,15 +242,17 @@ TEST(SmimePreparationTest, RefusesASignedPartThatWouldNotSurviveAndCarriesItOpaq
     std::string mail = signedAlready;
     mail.replace(mail.find("trailing"), 8, "tr\xe4iling");
     const std::string inside = "Content-Type: multipart/mixed; boundary=m\n\n--m\n\nx\n--m\n" + mail + "\n--m--\n";
-    EXPECT_EQ(refusalOf(inside, {signedBy({&person("alice")})}),
-              "the part at 1.2 is signed already and not 7-bit text with short lines: a signature beside it would not "
-              "survive its "
-              "way. Sign the message opaquely");
-    EXPECT_THAT(refusalOf(mail, {signedBy({&person("alice")})}), StartsWith("the message is signed already and"));
+    EXPECT_EQ(
+        refusalOf(inside, {signedBy({&person("alice")})}),
+        "the part at 1.2 is signed already and is not 7-bit text with short lines: a signature beside it would not "
+        "survive its "
+        "way. Sign the message opaquely");
+    EXPECT_THAT(refusalOf(mail, {signedBy({&person("alice")})}),
+                StartsWith("the message is signed already and is not"));
     EXPECT_EQ(verified(wrapped(inside, {opaquelySignedBy(person("alice"))})), withCrLf(inside));
     EXPECT_EQ(decrypted(wrapped(inside, {encryptedFor({&person("bob")})}), person("bob")), withCrLf(inside));
     EXPECT_THAT(refusalOf("Content-Transfer-Encoding: X-Uuencode\n\n\xe4", {signedBy({&person("alice")})}),
-                StartsWith("the message has the transfer encoding x-uuencode and not 7-bit"));
+                StartsWith("the message has the transfer encoding x-uuencode and is not 7-bit"));
     EXPECT_EQ(
         prepared("Content-Transfer-Encoding: x-uuencode\n\nbegin 644 x \n"),
         "Content-Transfer-Encoding: x-uuencode\r\nContent-Type: text/plain; charset=us-ascii\r\n\r\nbegin 644 x \r\n");

@@ -116,4 +116,94 @@ TEST(SmimeRoundTripTest, SendsCertificatesThatTheReaderFinds) {
     EXPECT_EQ(read.answer.verdict, Verdict::certificates);
 }
 
+/// Small mistakes everywhere: bytes changed, dropped, repeated and put in, at places and of kinds that a number chooses.
+std::string changed(std::string text, unsigned int round) {
+    std::uint64_t state = round * UINT64_C(0x9e3779b97f4a7c15) + 1;
+    const auto next = [&state](std::size_t below) {
+        state = state * UINT64_C(6364136223846793005) + UINT64_C(1442695040888963407);
+        return static_cast<std::size_t>((state >> 33U) % below);
+    };
+    static const std::vector<std::string> pieces{"\r",
+                                                 "\n",
+                                                 "\r\n",
+                                                 "\n\n",
+                                                 std::string(1, '\0'),
+                                                 "\xe4",
+                                                 "\xc3\xa4",
+                                                 "--b",
+                                                 "\n--b\n",
+                                                 "=",
+                                                 "=3",
+                                                 "\n--b--\n",
+                                                 " \n",
+                                                 "\t",
+                                                 "From ",
+                                                 "\nFrom x",
+                                                 "\n.\n",
+                                                 ":",
+                                                 ";",
+                                                 "\"",
+                                                 "(",
+                                                 "boundary=b",
+                                                 "\n\nContent-Type: message/rfc822\n\n",
+                                                 "Content-Transfer-Encoding: quoted-printable\n",
+                                                 "Content-Transfer-Encoding: base64\n",
+                                                 "Content-Transfer-Encoding: binary\n",
+                                                 std::string(1100, 'x')};
+    for (std::size_t count = 1 + next(6); count > 0; --count) {
+        const std::size_t at = next(text.size() + 1);
+        switch (next(3)) {
+        case 0:
+            text.insert(at, pieces[next(pieces.size())]);
+            break;
+        case 1:
+            text.erase(at, 1 + next(4));
+            break;
+        default:
+            text.insert(at, text.substr(next(text.size()), 1 + next(60)));
+        }
+    }
+    return text;
+}
+
+TEST(SmimeRoundTripTest, KeepsItsWordForDamagedMails) {
+    const std::string more =
+        "X: y\nContent-Type: multipart/mixed; boundary=a\n\npreamble\n--a\n" + mail +
+        "\n--a\n"
+        "Content-Transfer-Encoding: quoted-printable\n\nsoft =\nbreak=20\n--a\n"
+        "Content-Type: application/x; name=x\nContent-Transfer-Encoding: base64\n\nAAECAwQF\n--a--\nepilogue\n";
+    const Identity& signer = person("quick", {.key = norvauthority::Key::ec()});
+    unsigned int written = 0;
+    for (unsigned int round = 0; round < 300; ++round) {
+        const std::string damaged = changed(round % 2 == 0 ? more : withCrLf(more), round);
+        SMime::WriteOptions how;
+        how.protectHeader = round % 3 == 0;
+        std::string sent;
+        try {
+            MemoryMediaOut out;
+            SMime::sign(MemoryMediaIn(damaged), signedBy({&signer}), out, how);
+            sent = norvtest::textOf(out.content());
+        } catch (const Exception& failure) {
+            EXPECT_EQ(failure.where(), "SMime::Writer") << damaged;
+            continue;
+        }
+        ++written;
+        const Read read = readBy(sent, person("bob"));
+        ASSERT_EQ(read.answer.verdict, Verdict::signatureGood) << round << "\n"
+                                                               << read.answer.detail << "\n"
+                                                               << damaged;
+        EXPECT_EQ(read.content, firstPart(sent));
+        expectLines(read.content + (read.content.ends_with("\r\n") ? "" : "\r\n"), "\r\n", 998);
+        // What was prepared once needs nothing more.
+        MemoryMediaOut again;
+        how.protectHeader = false;
+        SMime::sign(MemoryMediaIn(read.content), signedBy({&signer}), again, how);
+        const std::string twice = firstPart(norvtest::textOf(again.content()));
+        if (round % 3 != 0) {
+            EXPECT_EQ(twice, read.content) << round;
+        }
+    }
+    EXPECT_GT(written, 200U);
+}
+
 } // namespace

@@ -105,7 +105,8 @@ TEST(SmimeSigningTest, LetsNobodyAddFieldsWithALoneReturn) {
 TEST(SmimeSigningTest, FoldsFieldsThatAreTooLong) {
     std::string references = "References:";
     for (int at = 0; at < 100; ++at) {
-        references += " <" + std::to_string(at) + "@example.com>";
+        references +=
+            std::string(1 + static_cast<std::size_t>(at % 3), ' ') + "<" + std::to_string(at) + "@example.com>";
     }
     const std::string mail = wrapped(references + "\n\nx", {signedBy({&person("alice")})});
     expectLines(mail, "\r\n", 78);

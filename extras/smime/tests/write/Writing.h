@@ -214,7 +214,8 @@ inline void expectLines(const std::string& mail, const std::string& end, std::si
         EXPECT_LE(line.size(), longest) << line;
         from = at + 1;
     }
-    EXPECT_TRUE(std::ranges::none_of(mail, [](char byte) { return byte < 0 || byte == '\0'; }));
+    const auto odd = std::ranges::find_if(mail, [](char byte) { return byte < 0 || byte == '\0'; });
+    EXPECT_EQ(odd, mail.end()) << std::string(mail.begin() + std::max<std::ptrdiff_t>(0, odd - mail.begin() - 60), odd);
 }
 
 inline std::string withCrLf(const std::string& text) {

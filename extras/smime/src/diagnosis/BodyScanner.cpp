@@ -1,0 +1,326 @@
+#include "diagnosis/BodyScanner.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Norvane::Crypto::SMime::diagnosis {
+
+namespace {
+
+constexpr std::size_t longestHeader = std::size_t{64} << 10U;
+constexpr std::size_t deepest = 32;
+constexpr std::size_t mostHeaders = 1000;
+
+char smallLetter(char letter) noexcept {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+bool isBlank(char octet) noexcept {
+    return octet == ' ' || octet == '\t';
+}
+
+std::string_view trimmed(std::string_view text) noexcept {
+    while (!text.empty() && isBlank(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && isBlank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+TransferEncoding encodingOf(std::string_view value) {
+    const std::string name = smallLetters(trimmed(value));
+    if (name == "base64") {
+        return TransferEncoding::base64;
+    }
+    if (name == "quoted-printable") {
+        return TransferEncoding::quotedPrintable;
+    }
+    if (name == "8bit") {
+        return TransferEncoding::eightBit;
+    }
+    return name == "7bit" ? TransferEncoding::none : TransferEncoding::other;
+}
+
+/// The fields of a block, each on one line.
+std::vector<std::string> unfolded(const std::vector<HeaderLine>& lines) {
+    std::vector<std::string> fields;
+    for (const HeaderLine& line : lines) {
+        if (continues(line.octets) && !fields.empty()) {
+            fields.back() += line.octets;
+        } else {
+            fields.push_back(line.octets);
+        }
+    }
+    return fields;
+}
+
+struct ReadHeader {
+    PartHeader part;
+    std::string boundary;
+    bool isMessage = false;
+};
+
+ReadHeader readHeader(const std::vector<HeaderLine>& lines) {
+    ReadHeader read;
+    for (const std::string& field : unfolded(lines)) {
+        const std::string_view name = fieldName(field);
+        const std::string_view value =
+            name.empty() ? std::string_view() : std::string_view(field).substr(name.size() + 1);
+        if (sameLetters(name, "Content-Transfer-Encoding")) {
+            read.part.encoding = encodingOf(value);
+        } else if (sameLetters(name, "Content-Type")) {
+            const std::string type = smallLetters(trimmed(value.substr(0, value.find(';'))));
+            read.part.isText = type.starts_with("text/");
+            read.part.isMultipart = type.starts_with("multipart/");
+            read.isMessage = type == "message/rfc822" || type == "message/global";
+            read.part.characterSet = smallLetters(parameterOf(field, "charset"));
+            read.boundary = read.part.isMultipart ? parameterOf(field, "boundary") : "";
+        }
+    }
+    return read;
+}
+
+} // namespace
+
+std::string_view octetsOf(LineEnd end) noexcept {
+    switch (end) {
+    case LineEnd::lf:
+        return "\n";
+    case LineEnd::crLf:
+        return "\r\n";
+    case LineEnd::cr:
+        return "\r";
+    case LineEnd::crCrLf:
+        return "\r\r\n";
+    case LineEnd::none:
+        break;
+    }
+    return "";
+}
+
+std::string smallLetters(std::string_view text) {
+    std::string small(text);
+    std::ranges::transform(small, small.begin(), smallLetter);
+    return small;
+}
+
+bool sameLetters(std::string_view left, std::string_view right) noexcept {
+    return std::ranges::equal(left, right, {}, smallLetter, smallLetter);
+}
+
+bool continues(std::string_view line) noexcept {
+    return !line.empty() && isBlank(line.front());
+}
+
+std::string_view fieldName(std::string_view line) noexcept {
+    const std::size_t colon = line.find(':');
+    if (colon == 0 || colon == std::string_view::npos) {
+        return {};
+    }
+    const std::string_view name = line.substr(0, colon);
+    const bool isName = std::ranges::all_of(name, [](char letter) { return letter > ' ' && letter < '\x7F'; });
+    return isName ? name : std::string_view();
+}
+
+std::string parameterOf(std::string_view field, std::string_view name) {
+    for (std::size_t at = field.find(';'); at != std::string_view::npos; at = field.find(';', at)) {
+        std::string_view rest = field.substr(++at);
+        const std::size_t equals = rest.substr(0, rest.find(';')).find('=');
+        if (equals == std::string_view::npos || !sameLetters(trimmed(rest.substr(0, equals)), name)) {
+            continue;
+        }
+        rest = trimmed(rest.substr(equals + 1));
+        if (!rest.starts_with('"')) {
+            return std::string(trimmed(rest.substr(0, rest.find(';'))));
+        }
+        std::string value;
+        for (std::size_t in = 1; in < rest.size() && rest[in] != '"'; ++in) {
+            if (rest[in] == '\\' && in + 1 < rest.size()) {
+                ++in;
+            }
+            value += rest[in];
+        }
+        return value;
+    }
+    return {};
+}
+
+void BodyScanner::write(std::string_view octets) {
+    if (!m_carry.empty()) {
+        m_carry.append(octets);
+        const std::string both = std::exchange(m_carry, {});
+        scan(both, false);
+        return;
+    }
+    scan(octets, false);
+}
+
+void BodyScanner::finish() {
+    const std::string rest = std::exchange(m_carry, {});
+    scan(rest, true);
+    if (m_lineBegun || !m_line.empty()) {
+        lineOctets({}, LineEnd::none, true);
+    }
+    if (m_inHeader && !m_header.empty()) {
+        m_atStart ? giveUpHeader() : endHeader();
+    }
+    for (BodyConsumer* consumer : m_consumers) {
+        consumer->finish();
+    }
+}
+
+/// Cuts at line ends: LF, CR LF, CR CR LF, and CR that none of these has.
+void BodyScanner::scan(std::string_view octets, bool last) {
+    while (!octets.empty()) {
+        const std::size_t at = octets.find_first_of("\r\n");
+        if (at == std::string_view::npos) {
+            lineOctets(octets, LineEnd::none, false);
+            return;
+        }
+        LineEnd end = LineEnd::lf;
+        if (octets[at] == '\r') {
+            const std::string_view rest = octets.substr(at);
+            if (!last && (rest == "\r" || rest == "\r\r")) {
+                lineOctets(octets.substr(0, at), LineEnd::none, false);
+                m_carry = rest;
+                return;
+            }
+            if (rest.starts_with("\r\n")) {
+                end = LineEnd::crLf;
+            } else {
+                end = rest.starts_with("\r\r\n") ? LineEnd::crCrLf : LineEnd::cr;
+            }
+        }
+        lineOctets(octets.substr(0, at), end, true);
+        octets.remove_prefix(at + octetsOf(end).size());
+    }
+}
+
+void BodyScanner::lineOctets(std::string_view octets, LineEnd end, bool ends) {
+    if (m_inHeader) {
+        m_line.append(octets);
+        if (ends) {
+            const std::string line = std::exchange(m_line, {});
+            headerLine(line, end);
+        } else if (m_headerLength + m_line.size() > longestHeader) {
+            giveUpHeader();
+        }
+        return;
+    }
+    while (!octets.empty() || ends) {
+        const bool fits = m_line.size() + octets.size() <= longestPiece;
+        if (!ends && fits) {
+            m_line.append(octets);
+            return;
+        }
+        const std::size_t count = fits ? octets.size() : longestPiece - m_line.size();
+        std::string_view piece = octets.substr(0, count);
+        if (!m_line.empty()) {
+            m_line.append(piece);
+            piece = m_line;
+        }
+        octets.remove_prefix(count);
+        const bool isLast = ends && octets.empty();
+        if (!m_lineBegun) {
+            classify(piece);
+        }
+        emit({piece, !m_lineBegun, isLast, isLast ? end : LineEnd::none, m_place, m_isOutermost});
+        m_lineBegun = !isLast;
+        m_line.clear();
+        if (isLast) {
+            if (m_place == Place::boundary) {
+                m_inHeader = std::exchange(m_startsHeader, false);
+                m_place = m_placeBehind;
+            }
+            return;
+        }
+    }
+}
+
+/// What a line is that begins so; only boundaries change it.
+void BodyScanner::classify(std::string_view start) {
+    if (m_open.empty() || !start.starts_with("--")) {
+        return;
+    }
+    for (std::size_t open = m_open.size(); open-- != 0;) {
+        std::string_view rest = start.substr(2);
+        if (!rest.starts_with(m_open[open])) {
+            continue;
+        }
+        rest.remove_prefix(m_open[open].size());
+        const bool closes = rest.starts_with("--");
+        if (!trimmed(closes ? rest.substr(2) : rest).empty()) {
+            continue;
+        }
+        m_isOutermost = open == 0;
+        m_open.resize(closes ? open : open + 1);
+        m_place = Place::boundary;
+        m_startsHeader = !closes && m_headers < mostHeaders;
+        m_placeBehind = closes ? Place::epilogue : Place::body;
+        return;
+    }
+}
+
+void BodyScanner::headerLine(std::string_view octets, LineEnd end) {
+    if (trimmed(octets).empty() && !(m_atStart && m_header.empty())) {
+        m_header.push_back({std::string(octets), end});
+        endHeader();
+        return;
+    }
+    const bool belongs = !fieldName(octets).empty() || (continues(octets) && !m_header.empty());
+    const bool isBoundary = !m_open.empty() && octets.starts_with("--");
+    if (!belongs || isBoundary || m_headerLength + octets.size() > longestHeader) {
+        // A body without header fields, or a header block without an end.
+        m_line = octets;
+        m_atStart ? giveUpHeader() : endHeader();
+        lineOctets({}, end, true);
+        return;
+    }
+    m_headerLength += octets.size();
+    m_header.push_back({std::string(octets), end});
+}
+
+void BodyScanner::endHeader() {
+    ReadHeader read = readHeader(m_header);
+    for (BodyConsumer* consumer : m_consumers) {
+        consumer->header(m_header, read.part);
+    }
+    ++m_headers;
+    m_header.clear();
+    m_headerLength = 0;
+    m_atStart = false;
+    m_isOutermost = false;
+    m_inHeader = read.isMessage && m_depth < deepest;
+    m_place = Place::body;
+    if (read.isMessage) {
+        ++m_depth;
+    }
+    if (!read.boundary.empty() && m_open.size() < deepest) {
+        m_isOutermost = m_open.empty();
+        m_open.push_back(std::move(read.boundary));
+        m_place = Place::preamble;
+    }
+}
+
+/// What looked like a header block is text.
+void BodyScanner::giveUpHeader() {
+    m_inHeader = false;
+    m_atStart = false;
+    const std::vector<HeaderLine> lines = std::exchange(m_header, {});
+    const std::string begun = std::exchange(m_line, {});
+    m_headerLength = 0;
+    for (const HeaderLine& line : lines) {
+        lineOctets(line.octets, line.end, true);
+    }
+    lineOctets(begun, LineEnd::none, false);
+}
+
+void BodyScanner::emit(const LinePiece& piece) {
+    for (BodyConsumer* consumer : m_consumers) {
+        consumer->line(piece);
+    }
+}
+
+} // namespace Norvane::Crypto::SMime::diagnosis

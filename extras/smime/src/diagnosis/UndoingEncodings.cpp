@@ -1,0 +1,244 @@
+// Changes of transfer encodings and character sets.
+#include "diagnosis/Undoing.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include <iconv.h>
+
+namespace Norvane::Crypto::SMime::diagnosis {
+
+namespace {
+
+bool isBase64(std::string_view line) noexcept {
+    return !line.empty() && std::ranges::all_of(line, [](char octet) {
+        return (octet >= 'A' && octet <= 'Z') || (octet >= 'a' && octet <= 'z') || (octet >= '0' && octet <= '9') ||
+               octet == '+' || octet == '/' || octet == '=' || octet == ' ' || octet == '\t';
+    });
+}
+
+class Base64Rewrapping : public Undoing {
+public:
+    Base64Rewrapping(TryOutput& out, std::size_t width) : Undoing(out), m_lines(out, width) {}
+
+    void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
+        putHeldEnd();
+        m_isEncoded = part.encoding == TransferEncoding::base64;
+        Undoing::header(lines, part);
+    }
+    void line(const LinePiece& piece) override {
+        if (!m_isEncoded || piece.place != Place::body || !isBase64(piece.octets)) {
+            putHeldEnd();
+            Undoing::line(piece);
+            return;
+        }
+        m_held = LineEnd::none;
+        m_lines.put(piece.octets);
+        if (piece.ends) {
+            m_held = piece.end;
+        }
+    }
+    void finish() override { putHeldEnd(); }
+
+private:
+    void putHeldEnd() {
+        out().end(std::exchange(m_held, LineEnd::none));
+        m_lines.restart();
+    }
+
+    LineWrapper m_lines;
+    bool m_isEncoded = false;
+    LineEnd m_held = LineEnd::none; ///< of the last line, in case no more base64 follows
+};
+
+class HexDigitsChanging : public Undoing {
+public:
+    HexDigitsChanging(TryOutput& out, bool capital) : Undoing(out), m_capital(capital) {}
+
+    void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
+        m_isEncoded = part.encoding == TransferEncoding::quotedPrintable;
+        Undoing::header(lines, part);
+    }
+    void line(const LinePiece& piece) override {
+        if (!m_isEncoded || piece.place != Place::body) {
+            Undoing::line(piece);
+            return;
+        }
+        std::string text(piece.octets);
+        for (std::size_t at = text.find('='); at != std::string::npos; at = text.find('=', at + 1)) {
+            for (std::size_t digit = at + 1; digit < std::min(at + 3, text.size()); ++digit) {
+                char& letter = text[digit];
+                if (m_capital && letter >= 'a' && letter <= 'f') {
+                    letter = static_cast<char>(letter - 'a' + 'A');
+                } else if (!m_capital && letter >= 'A' && letter <= 'F') {
+                    letter = static_cast<char>(letter - 'A' + 'a');
+                }
+            }
+        }
+        LinePiece changed = piece;
+        changed.octets = text;
+        Undoing::line(changed);
+    }
+
+private:
+    bool m_capital;
+    bool m_isEncoded = false;
+};
+
+/// Another character set, for a text that passes. What it cannot say is left as it is: then nothing fits.
+class CharacterSetConverter : public TextSink {
+public:
+    CharacterSetConverter(const Recoding& recoding, TextSink& target)
+        : m_converter(iconv_open(recoding.toCharacterSet.c_str(), recoding.fromCharacterSet.c_str())),
+          m_target(&target) {}
+    CharacterSetConverter(const CharacterSetConverter&) = delete;
+    CharacterSetConverter& operator=(const CharacterSetConverter&) = delete;
+    ~CharacterSetConverter() override {
+        if (isOpen()) {
+            iconv_close(m_converter);
+        }
+    }
+
+    void text(std::string_view octets) override {
+        if (!isOpen()) {
+            m_target->text(octets);
+            return;
+        }
+        m_text.append(octets);
+        char* at = m_text.data();
+        std::size_t left = m_text.size();
+        std::array<char, 4096> converted{};
+        while (left != 0) {
+            char* out = converted.data();
+            std::size_t room = converted.size();
+            const std::size_t result = iconv(m_converter, &at, &left, &out, &room);
+            const int fault = errno;
+            m_target->text({converted.data(), converted.size() - room});
+            if (result != static_cast<std::size_t>(-1) || fault == EINVAL) {
+                break; // done, or the rest of a character is to come
+            }
+            if (fault == EILSEQ) {
+                m_target->text({at, 1});
+                ++at;
+                --left;
+            }
+        }
+        m_text.erase(0, m_text.size() - left);
+    }
+    void lineEnd(LineEnd end) override {
+        flush();
+        m_target->lineEnd(end);
+    }
+    void endPart(bool isFollowed) override {
+        flush();
+        m_target->endPart(isFollowed);
+    }
+
+private:
+    [[nodiscard]] bool isOpen() const noexcept {
+        return m_converter != reinterpret_cast<iconv_t>(-1); // NOLINT(performance-no-int-to-ptr): as POSIX has it
+    }
+    void flush() {
+        if (!m_text.empty()) {
+            m_target->text(std::exchange(m_text, {}));
+        }
+    }
+
+    iconv_t m_converter;
+    TextSink* m_target;
+    std::string m_text; ///< the beginning of a character
+};
+
+class Recoder : public Undoing {
+public:
+    Recoder(TryOutput& out, Recoding recoding) : Undoing(out), m_recoding(std::move(recoding)) {}
+
+    void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
+        endPart(true);
+        if (!concerns(part)) {
+            Undoing::header(lines, part);
+            return;
+        }
+        putHeader(lines);
+        const TransferEncoding to =
+            m_recoding.encodingName.empty() && !m_recoding.withoutEncodingField ? part.encoding : m_recoding.to;
+        m_encoder = encoderOf(to, out(), m_recoding.style, m_recoding.lineFeedsInside);
+        if (!m_recoding.fromCharacterSet.empty()) {
+            m_converter = std::make_unique<CharacterSetConverter>(m_recoding, *m_encoder);
+        }
+        m_decoder = decoderOf(part.encoding, m_converter ? *m_converter : *m_encoder);
+    }
+    void line(const LinePiece& piece) override {
+        if (piece.place != Place::body) {
+            endPart(true);
+        }
+        if (m_decoder) {
+            m_decoder->piece(piece);
+        } else {
+            Undoing::line(piece);
+        }
+    }
+    void finish() override { endPart(false); }
+
+private:
+    [[nodiscard]] bool concerns(const PartHeader& part) const {
+        const auto& from = m_recoding.from;
+        return part.isText && !part.isMultipart && (from.empty() || std::ranges::count(from, part.encoding) != 0) &&
+               (m_recoding.fromCharacterSet.empty() || part.characterSet == m_recoding.fromCharacterSet);
+    }
+    void putHeader(const std::vector<HeaderLine>& lines) {
+        bool isEncoding = false;
+        for (const HeaderLine& line : lines) {
+            const std::string_view name = continues(line.octets) ? std::string_view() : fieldName(line.octets);
+            if (!continues(line.octets)) {
+                isEncoding = sameLetters(name, "Content-Transfer-Encoding");
+            }
+            if (isEncoding && m_recoding.withoutEncodingField) {
+                continue;
+            }
+            HeaderLine changed = line;
+            if (isEncoding && !name.empty() && !m_recoding.encodingName.empty()) {
+                const std::size_t value = line.octets.find_first_not_of(" \t", name.size() + 1);
+                changed.octets = line.octets.substr(0, value) + m_recoding.encodingName;
+            }
+            if (!m_recoding.toCharacterSet.empty()) {
+                const std::size_t at = smallLetters(changed.octets).find(m_recoding.fromCharacterSet);
+                if (at != std::string::npos) {
+                    changed.octets.replace(at, m_recoding.fromCharacterSet.size(), m_recoding.toCharacterSet);
+                }
+            }
+            put(changed);
+        }
+    }
+    void endPart(bool isFollowed) {
+        if (m_decoder) {
+            m_decoder->endPart(isFollowed);
+        }
+        m_decoder.reset();
+        m_converter.reset();
+        m_encoder.reset();
+    }
+
+    Recoding m_recoding;
+    std::unique_ptr<TextSink> m_encoder;
+    std::unique_ptr<TextSink> m_converter;
+    std::unique_ptr<TextDecoder> m_decoder;
+};
+
+} // namespace
+
+UndoingPtr rewrapBase64(TryOutput& out, std::size_t width) {
+    return std::make_unique<Base64Rewrapping>(out, width);
+}
+
+UndoingPtr changeHexDigits(TryOutput& out, bool capital) {
+    return std::make_unique<HexDigitsChanging>(out, capital);
+}
+
+UndoingPtr recode(TryOutput& out, Recoding recoding) {
+    return std::make_unique<Recoder>(out, std::move(recoding));
+}
+
+} // namespace Norvane::Crypto::SMime::diagnosis

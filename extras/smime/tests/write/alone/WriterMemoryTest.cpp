@@ -1,0 +1,106 @@
+// What a mail costs beside its streams: the same memory, however long it is.
+#include "../Generated.h"
+#include "../Writing.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <malloc.h>
+#include <new>
+
+namespace {
+
+std::atomic<std::size_t> s_live{0};
+std::atomic<std::size_t> s_most{0};
+
+void* taken(void* memory) {
+    if (memory != nullptr) {
+        const std::size_t now = s_live += malloc_usable_size(memory);
+        std::size_t most = s_most;
+        while (now > most && !s_most.compare_exchange_weak(most, now)) {
+        }
+    }
+    return memory;
+}
+void release(void* memory) {
+    if (memory != nullptr) {
+        s_live -= malloc_usable_size(memory);
+        std::free(memory);
+    }
+}
+void* countedMalloc(std::size_t length, const char* /*file*/, int /*line*/) {
+    return taken(std::malloc(length));
+}
+void* countedRealloc(void* memory, std::size_t length, const char* /*file*/, int /*line*/) {
+    const std::size_t before = memory == nullptr ? 0 : malloc_usable_size(memory);
+    void* const moved = std::realloc(memory, length);
+    if (moved != nullptr) {
+        s_live -= before;
+    }
+    return taken(moved);
+}
+void countedFree(void* memory, const char* /*file*/, int /*line*/) {
+    release(memory);
+}
+
+// Possible only before OpenSSL's first allocation.
+const bool s_counting = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) == 1;
+
+void* allocate(std::size_t length) {
+    if (void* memory = std::malloc(length == 0 ? 1 : length)) {
+        return taken(memory);
+    }
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+void* operator new(std::size_t length) {
+    return allocate(length);
+}
+void* operator new[](std::size_t length) {
+    return allocate(length);
+}
+void operator delete(void* memory) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, std::size_t /*length*/) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory, std::size_t /*length*/) noexcept {
+    release(memory);
+}
+
+namespace {
+
+using namespace smimetest;
+
+/// The most memory that wrapping a mail of a length takes at any moment.
+std::size_t mostFor(std::uint64_t length, bool returns, const std::vector<SMime::Wrapping>& shells) {
+    NullMediaOut out;
+    const MediaIn mail = generated(length, returns);
+    const std::size_t before = s_live;
+    s_most = before;
+    SMime::wrap(mail, shells, out);
+    return s_most - before;
+}
+
+TEST(SmimeWriterMemoryTest, IsTheSameForEveryLength) {
+    ASSERT_TRUE(s_counting);
+    for (const auto& shells :
+         {std::vector<SMime::Wrapping>{signedBy({&person("alice")}), encryptedFor({&person("bob")})},
+          std::vector<SMime::Wrapping>{opaquelySignedBy(person("alice"))}}) {
+        for (const bool returns : {true, false}) {
+            mostFor(1000, returns, shells); // what is made once
+            const std::size_t little = mostFor(std::uint64_t{1} << 18U, returns, shells);
+            const std::size_t much = mostFor(std::uint64_t{1} << 22U, returns, shells);
+            EXPECT_GT(little, std::size_t{1} << 15U) << "something is not counted";
+            EXPECT_LT(little, std::size_t{1} << 20U);
+            EXPECT_LT(much, little + 4096);
+        }
+    }
+}
+
+} // namespace
