@@ -57,7 +57,7 @@ def lines_of(octets, setting=None):
 
 
 class Peer:
-    """A program: what it is asked for, in octets. `signature` and `envelope` are the jobs' descriptions of algorithms."""
+    """A program: what it is asked for, in octets. `signature` and `envelope` are what jobs say of a layer."""
 
     name = ""
     note = ""  # for the page

@@ -79,13 +79,16 @@ class GnuPg(Peer):
     def _import(self, who):
         """With the key; or the certificate alone, and the reason, where gpgsm does not take the key."""
         file = self.home / f"{who}.p12"
-        for _ in range(4 if who in ("alice", "bob") else 1):  # one RSA key in a hundred is not taken, whoever made the file
+        # One file in a hundred with an RSA key is not taken, whoever made it.
+        for _ in range(4 if who in ("alice", "bob") else 1):
             self.succeeds(
                 ["openssl", "pkcs12", "-export", "-in", self.setting.pem(who), "-inkey", self.setting.key(who)]
                 + ["-out", file, "-passout", "pass:x", "-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES"]
                 + ["-macalg", "sha1"]
             )
-            done = self.setting.run(["gpgsm", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--import", file], b"x\n")
+            done = self.setting.run(
+                ["gpgsm", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--import", file], b"x\n"
+            )
             if done.returncode == 0:
                 return None
         self.setting.run(["gpgsm", "--import", self.setting.pem(who)])
