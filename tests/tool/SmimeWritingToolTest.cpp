@@ -135,6 +135,21 @@ TEST_F(SmimeWritingToolTest, EncryptsForRecipientsThatOpenSSLDecryptsFor) {
     EXPECT_EQ(part, decrypted("out", "carol"));
 }
 
+TEST_F(SmimeWritingToolTest, EncryptsWithOaep) {
+    const auto structureOf = [&](const std::string& name) {
+        return openssl({"-cmsout", "-print", "-noout", "-in", name}).out;
+    };
+    writes({"encrypt", "--to", "bob.pem"});
+    EXPECT_THAT(structureOf("out"), Not(HasSubstr("rsaesOaep")));
+    writes({"encrypt", "--to", "bob.pem", "--oaep", "--oaep-digest", "sha384"});
+    EXPECT_EQ(part, decrypted("out", "bob"));
+    EXPECT_THAT(structureOf("out"), HasSubstr("rsaesOaep (1.2.840.113549.1.1.7)"));
+    work.write("erin.pem", erin().certificate.pem());
+    before = work.names();
+    fails({"encrypt", "--to", "erin.pem", "--oaep"},
+          "cannot encrypt mail: RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
+}
+
 TEST_F(SmimeWritingToolTest, EncryptsForThoseWhomTheMessageNames) {
     writes({"encrypt", "--store", "store"});
     EXPECT_EQ(part, decrypted("out", "bob"));

@@ -184,7 +184,7 @@ int main(int argc, char* argv[]) {
     try {
         act(argv[1], argc > 2 ? argv[2] : "");
     } catch (const Failure& failure) {
-        std::cerr << "GMime: " << failure.what() << '\n';
+        std::cerr << failure.what() << '\n';
         return 1;
     }
     g_mime_shutdown();

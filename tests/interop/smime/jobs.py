@@ -85,16 +85,24 @@ def all_jobs():
     for transport in ("oaep", "ecdh"):
         for cipher in ("aes-128-cbc", "aes-256-cbc", "aes-256-gcm"):
             jobs.append(_encrypt(transport, cipher))
-    rsa, opaque = Signature("rsa"), Signature("rsa", True)
+    rsa, opaque, ecdsa = Signature("rsa"), Signature("rsa", True), Signature("ecdsa")
+    protects = Signature("rsa", protects=True)
+    cbc, gcm, ecdh = Envelope("rsa", "aes-128-cbc"), Envelope("rsa", "aes-256-gcm"), Envelope("ecdh", "aes-256-cbc")
+    part, ours = "signed (multipart/signed)", {"oursAlone": True}
     jobs += [
-        _layers("both-detached", "signed (multipart/signed), encrypted: RSA, AES-128-CBC", rsa, Envelope("rsa", "aes-128-cbc")),
-        _layers("both-opaque", "signed (opaque), encrypted: RSA, AES-128-CBC", opaque, Envelope("rsa", "aes-128-cbc")),
-        _layers("both-gcm", "signed (multipart/signed), encrypted: RSA, AES-256-GCM", rsa, Envelope("rsa", "aes-256-gcm")),
-        _layers("both-ec", "signed (multipart/signed), encrypted: ECDSA, ECDH, AES-256-CBC", Signature("ecdsa"), Envelope("ecdh", "aes-256-cbc")),
-        _layers("outer-signature", "encrypted, signed (multipart/signed): RSA, AES-128-CBC", Envelope("rsa", "aes-128-cbc"), rsa),
-        _layers("triple", "signed, encrypted, signed again: RSA, AES-128-CBC", rsa, Envelope("rsa", "aes-128-cbc"), rsa),
-        _layers("protected-signed", "signed with its header fields (RFC 9788): RSA", Signature("rsa", protects=True), oursAlone=True),
-        _layers("protected-both", "signed and encrypted with its header fields (RFC 9788): RSA, AES-128-CBC", Signature("rsa", protects=True), Envelope("rsa", "aes-128-cbc"), oursAlone=True),
+        _layers("both-detached", f"{part}, encrypted: RSA, AES-128-CBC", rsa, cbc),
+        _layers("both-opaque", "signed (opaque), encrypted: RSA, AES-128-CBC", opaque, cbc),
+        _layers("both-gcm", f"{part}, encrypted: RSA, AES-256-GCM", rsa, gcm),
+        _layers("both-ec", f"{part}, encrypted: ECDSA, ECDH, AES-256-CBC", ecdsa, ecdh),
+        _layers("outer-signature", f"encrypted, {part}: RSA, AES-128-CBC", cbc, rsa),
+        _layers("triple", "signed, encrypted, signed again: RSA, AES-128-CBC", rsa, cbc, rsa),
+        _layers("protected-signed", "signed with its header fields (RFC 9788): RSA", protects, **ours),
+        _layers(
+            "protected-both",
+            "signed and encrypted with its header fields (RFC 9788): RSA, AES-128-CBC",
+            protects,
+            cbc,
+            **ours,
+        ),
     ]
     return jobs
-

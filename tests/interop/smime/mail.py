@@ -8,7 +8,8 @@ from email.message import Message
 from email.mime.application import MIMEApplication
 from email.mime.multipart import MIMEMultipart
 
-# A line that mail systems change unless it is encoded, one that they take for the end, an octet above 127, a trailing blank.
+# A line that mail systems change unless it is encoded, one that they take for the end, letters beyond ASCII, a blank at
+# the end of a line.
 TEXT = (
     "Dear Bob,\n"
     "please pay 100 euro to Anna Müller, today. \n"

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Exchanges S/MIME messages between the tool and other programs, in both directions, and writes what became of each as JSON.
+"""Exchanges S/MIME messages between the tool and other programs, in both directions; what became of each comes out as JSON.
 
-A message counts as read when the text in its middle comes out as it went in and, where it is signed or authenticated on the
-outside, the same message with another text is refused. Exit code 0 whatever the programs answered."""
+A message counts as read when the text in its middle comes out as it went in and, where it is signed or authenticated on
+the outside, the same message with another text is refused. Exit code 0 whatever the programs answered."""
 
 import argparse
 import json
@@ -57,7 +57,7 @@ OIDS = {
 
 
 def unlike(mail, layer):
-    """What of the outermost layer the message does not have: a program may choose something else than it was asked for."""
+    """What the outermost layer should have and has not: a program may choose something else than it was asked for."""
     named = [layer.scheme, layer.digest] if layer.signs else [layer.transport, layer.cipher]
     structures = mime.structures(mail)
     for name in named:
@@ -84,7 +84,7 @@ def read(reader, mail, job):
         return "yes", ""
     try:
         reader.read(mime.altered(mail), job.layers)
-    except (Cannot, Refused) as refused:
+    except (Cannot, Refused, subprocess.TimeoutExpired) as refused:
         return "yes", str(refused)
     return "no", "accepts the message with another text"
 
@@ -118,8 +118,8 @@ def with_control(peer, job, answer, reason):
     mail, written_answer, _ = written(OpenSsl(peer.setting), job)
     if written_answer != "yes":
         return answer, reason
-    other = read(peer, mail, job)[0]
-    return answer, reason + ("; it reads what openssl cms writes" if other == "yes" else "; nor does it read openssl cms")
+    other = "it reads" if read(peer, mail, job)[0] == "yes" else "nor does it read"
+    return answer, f"{reason}; {other} what openssl cms writes"
 
 
 def exchange_with(peer, ours, jobs, ours_written, folder):

@@ -6,22 +6,18 @@ import sys
 
 # What is known about a refusal beyond the program's own words: (peer, part of the reason), text.
 REMARKS = [
-    ("gmime", "import the key", "gpgsm 2.2 has no private keys on elliptic curves"),
-    ("gpgsm", "import the key", "gpgsm 2.2 has no private keys on elliptic curves"),
-    ("neomutt", "import the key", "gpgsm 2.2 has no private keys on elliptic curves"),
+    ("gmime", "import the key", "gpgsm 2.2 takes in no private keys on elliptic curves"),
+    ("gpgsm", "import the key", "gpgsm 2.2 takes in no private keys on elliptic curves"),
+    ("neomutt", "import the key", "gpgsm 2.2 takes in no private keys on elliptic curves"),
     ("neomutt", "application/pkcs7-mime is unsupported", "it does not know `smime-type=authEnveloped-data`"),
-    (
-        "pkijs",
-        "operation-specific",
-        "nor does it decrypt what `openssl cms` encrypts so: it wants the optional user keying material of RFC 5753",
-    ),
+    ("pkijs", "operation-specific", "it takes user keying material that is absent, RFC 5753, for some that is empty"),
     (
         "pkijs",
         "GCM",
         "it puts AES-GCM into EnvelopedData, with its nonce alone for parameters; RFC 5083 and 5084 have "
         "AuthEnvelopedData and a sequence",
     ),
-    ("pkijs", "Unrecognized algorithm", "the browsers' WebCrypto, on which it stands, has no RSA PKCS#1 1.5 encryption"),
+    ("pkijs", "Unrecognized algorithm", "WebCrypto, on which it stands, has no RSA PKCS#1 1.5 encryption"),
 ]
 TEXT = """# Who reads whose S/MIME messages
 
@@ -31,6 +27,7 @@ programs did; do not edit it.
 - **yes**: the text comes out as it went in, and the signer is believed under the same root. Where the outermost layer is
   signed or authenticated, the same message with another text was tried, too, and refused.
 - **no**: it does not; the number leads to the reason, in the words of the program that refuses.
+  "Nor does it read what openssl cms writes" says what became of a message of the same kind that is not ours.
 - **cannot**: the program does not know the algorithm or the form, or has no way to be asked for it.
 
 The text has letters beyond ASCII, a blank at the end of a line, a line that begins with "From " and one that is a dot.
@@ -60,8 +57,7 @@ def table(results, direction, reasons):
                 continue
             cell = "cannot" if result["answer"] == "not written" else result["answer"]
             if result["reason"] and result["answer"] != "yes":
-                key = (peers[peer]["name"], reason_of(result))
-                cell += f" [{reasons.setdefault(key, len(reasons) + 1)}]"
+                cell += f" [{reasons.setdefault(reason_of(result), len(reasons) + 1)}]"
             cells.append(cell)
         if any(cells):
             text = job["text"] if job["group"] == "Both" else f"{job['group'].lower()}: {job['text']}"
@@ -80,7 +76,7 @@ def main():
     lines += ["", "## They read what we write", "", *table(results, "reads ours", reasons)]
     lines += ["", "## We read what they write", "", *table(results, "ours reads", reasons)]
     lines += ["", "## Reasons", ""]
-    lines += [f"{number}. {name}: {escaped(reason)}" for (name, reason), number in reasons.items()]
+    lines += [f"{number}. {escaped(reason)}" for reason, number in reasons.items()]
     print("\n".join(lines))
 
 

@@ -46,19 +46,18 @@ class Setting:
         )
 
 
-def first_line(octets, setting=None):
-    """What a program said, as one line without places, addresses in memory and colours."""
+def lines_of(octets, setting=None):
+    """What a program said, without places and colours."""
     text = octets.decode("utf-8", "replace")
     text = re.sub(r"\x1b\[[0-9;]*m", "", text)
     if setting:
         for folder in (setting.work, setting.people, setting.programs):
             text = text.replace(str(folder) + "/", "").replace(str(folder), "")
-    lines = [line.strip() for line in text.splitlines() if line.strip()]
-    return lines
+    return [" ".join(line.split()) for line in text.splitlines() if line.strip()]
 
 
 class Peer:
-    """A program: what it is asked for, in octets. `signature` and `envelope` are the jobs' descriptions of algorithms."""
+    """A program: what it is asked for, in octets. `signature` and `envelope` are what jobs say of a layer."""
 
     name = ""
     note = ""  # for the page
@@ -116,7 +115,7 @@ class Peer:
         return lines[-1] if lines else "no reason given"
 
     def fail(self, said):
-        lines = first_line(said, self.setting)
+        lines = lines_of(said, self.setting)
         reason = self.reason(lines)
         if any(re.search(pattern, line) for pattern in self.unknown for line in lines):
             raise Cannot(reason)

@@ -3,7 +3,7 @@
 import re
 
 import mail as mime
-from peers.base import Cannot, Peer, first_line, has
+from peers.base import Cannot, Peer, lines_of, has
 
 PINENTRY = """#!/bin/sh
 # Types the passphrase.
@@ -79,17 +79,20 @@ class GnuPg(Peer):
     def _import(self, who):
         """With the key; or the certificate alone, and the reason, where gpgsm does not take the key."""
         file = self.home / f"{who}.p12"
-        for _ in range(4 if who in ("alice", "bob") else 1):  # one RSA key in a hundred is not taken, whoever made the file
+        # One file in a hundred with an RSA key is not taken, whoever made it.
+        for _ in range(4 if who in ("alice", "bob") else 1):
             self.succeeds(
                 ["openssl", "pkcs12", "-export", "-in", self.setting.pem(who), "-inkey", self.setting.key(who)]
                 + ["-out", file, "-passout", "pass:x", "-keypbe", "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES"]
                 + ["-macalg", "sha1"]
             )
-            done = self.setting.run(["gpgsm", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--import", file], b"x\n")
+            done = self.setting.run(
+                ["gpgsm", "--pinentry-mode", "loopback", "--passphrase-fd", "0", "--import", file], b"x\n"
+            )
             if done.returncode == 0:
                 return None
         self.setting.run(["gpgsm", "--import", self.setting.pem(who)])
-        return "gpgsm does not import the key: " + self.reason(first_line(done.stderr))
+        return "gpgsm does not import the key: " + self.reason(lines_of(done.stderr))
 
     def need_key(self, who):
         if who in self.without_key:
@@ -109,7 +112,7 @@ class GnuPg(Peer):
                 if layer.transport == "oaep":
                     raise Cannot("no option to encrypt with OAEP")
                 if cipher not in CIPHERS:
-                    raise Cannot(f"no option to encrypt with {cipher}")
+                    raise Cannot("no option to encrypt with this cipher")
         self.choose(cipher, digest)
 
     def reason(self, lines):

@@ -11,7 +11,7 @@ import termios
 import time
 
 import mail as mime
-from peers.base import Cannot, Refused, has
+from peers.base import Cannot, has
 from peers.gnupg import GnuPg
 
 CONFIGURATION = """
@@ -146,11 +146,13 @@ class NeoMutt(GnuPg):
         notes = re.findall(r"(?m)^\[-- (.*) --\]$", body)
         signatures = sum(layer.signs for layer in layers)
         judged = re.findall(r"(?ms)^\[-- Begin signature information --\]$(.*?)^\[-- End signature", body)
-        told = " / ".join(line for one in judged for line in one.strip().splitlines())
+        told = "; ".join(one.strip().splitlines()[0] for one in judged)
         if len(judged) < signatures or any("Good signature from" not in one for one in judged) or "BAD" in told:
             self.fail((told or "; ".join(notes) or "it shows no signature").encode())
         text = re.sub(r"(?ms)^\[-- Begin signature information --\]$.*?^\[-- End signature[^\n]*$", "", body)
         text = re.sub(r"(?m)^\[-- .* --\]$", "", text).strip("\n") + "\n"
+        if layers[0].protects:  # it shows the field that was signed or encrypted above the text
+            text = text.removeprefix(f"Subject: {mime.SUBJECT}\n\n")
         if not text.strip() and notes:
-            raise Refused("; ".join(notes))
+            self.fail("; ".join(notes).encode())
         return b"Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n" + text.encode()

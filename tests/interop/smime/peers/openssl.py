@@ -28,7 +28,7 @@ class OpenSsl(Peer):
 
     def reason(self, lines):
         told = [line for line in lines if ":error:" in line]
-        return ":".join(told[-1].split(":error:")[1].split(":")[1:4]) if told else super().reason(lines)
+        return ":".join(told[0].split(":error:")[1].split(":")[1:4]) if told else super().reason(lines)
 
     def sign(self, part, signature):
         arguments = ["-signer", self.setting.pem(signature.who), "-inkey", self.setting.key(signature.who)]

@@ -63,7 +63,7 @@ class PkiJs(Peer):
 
     def encrypt(self, part, envelope):
         if not envelope.cipher.startswith("aes"):
-            raise Cannot(f"no {envelope.cipher}")
+            raise Cannot("no Triple DES")
         cms = self._does(
             "encrypt",
             part,

@@ -1,5 +1,6 @@
-// PKI.js signs, verifies, encrypts and decrypts a CMS structure. Standard input and output are the octets in and out; the one
-// argument is a JSON object: {action, certificate, key, root, scheme, digest, detached, transport, cipher}, files by path.
+// PKI.js signs, verifies, encrypts and decrypts a CMS structure. Standard input and output are the octets in and out; the
+// one argument is a JSON object, with files by path: {action, certificate, key, root, structure, scheme, digest, detached,
+// transport, cipher}.
 import { webcrypto } from "node:crypto";
 import { readFileSync } from "node:fs";
 import * as asn1js from "asn1js";
@@ -8,7 +9,8 @@ import * as pkijs from "pkijs";
 const task = JSON.parse(process.argv[2]);
 pkijs.setEngine("node", new pkijs.CryptoEngine({ name: "node", crypto: webcrypto }));
 
-const derOf = (file) => new Uint8Array(Buffer.from(readFileSync(file, "latin1").replace(/-----[^-]+-----/g, ""), "base64"));
+const derOf = (file) =>
+  new Uint8Array(Buffer.from(readFileSync(file, "latin1").replace(/-----[^-]+-----/g, ""), "base64"));
 const certificateIn = (file) => pkijs.Certificate.fromBER(derOf(file));
 const octets = (buffer) => new Uint8Array(buffer).slice().buffer;
 const given = octets(readFileSync(0));
