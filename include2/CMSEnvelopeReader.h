@@ -43,9 +43,10 @@
 /// opens, a random one is used. What is told apart follows from what everybody can read in the message.
 ///
 /// From a source whose bytes lie in memory (`BytesInMemory`) nothing is copied, and an authenticated message is gone through
-/// twice in place, for its tag (with AES-GCM beyond 64 KB without decrypting) and for its content: who changes the bytes in between, as others may those of a mapped file, changes what comes out. From any
-/// other source nothing is read beyond the structure, and the content of an authenticated message is kept, encrypted, in
-/// memory up to 64 KB and in a file without a name (mode 0600) beyond.
+/// twice in place, for its tag (with AES-GCM beyond 64 KB without decrypting) and for its content: who changes the bytes in
+/// between, as others may those of a mapped file, changes what comes out. From any other source nothing is read beyond the
+/// structure, and the content of an authenticated message is kept, encrypted, in memory up to 64 KB and in a file without a
+/// name (mode 0600) beyond.
 ///
 /// One reader is used by one thread at a time.
 

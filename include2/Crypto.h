@@ -35,9 +35,9 @@ namespace Norvane::Crypto {
 
 /// Starts OpenSSL: its random generator, ciphers, digests, TLS layer and error texts. Loads the default and the legacy
 /// provider into OpenSSL's default library context, which changes the whole host process: other users of OpenSSL in it
-/// find the legacy algorithms too, and IDEA, which comes from libgcrypt. That is loaded and started by the first key for IDEA, in
-/// whichever thread: a program that configures libgcrypt does so before. A second call repeats everything, which is harmless.
-/// Never throws; what OpenSSL answers is ignored.
+/// find the legacy algorithms too, and IDEA, which comes from libgcrypt. That is loaded and started by the first key for IDEA
+/// or the first message under it, in whichever thread: a program that configures libgcrypt does so before. A second call
+/// repeats everything, which is harmless. Never throws; what OpenSSL answers is ignored.
 ///
 /// The first step is the function `openssl_init_with_rng`, with C linkage, which a program may replace by defining its
 /// own.

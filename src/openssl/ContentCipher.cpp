@@ -2,6 +2,7 @@
 
 #include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Idea.h"
 #include "openssl/Pkcs7.h"
 
 #include <openssl/objects.h>
@@ -13,6 +14,10 @@ namespace Norvane::Crypto::openssl {
 namespace {
 
 bool isForContent(const EVP_CIPHER* cipher) noexcept {
+    // Ours is in OpenSSL's table whether its library is there or not, and fails with a key only, as a wrong one would.
+    if (EVP_CIPHER_get_nid(cipher) == NID_idea_cbc && EVP_CIPHER_get0_provider(cipher) == nullptr && !isIdeaUsable()) {
+        return false;
+    }
     switch (EVP_CIPHER_get_mode(cipher)) {
     case EVP_CIPH_CBC_MODE:
     case EVP_CIPH_CFB_MODE:

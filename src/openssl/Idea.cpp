@@ -28,7 +28,7 @@ constexpr int keyLength = 16;
 /// short-lived process as long as verifying a signature. A program that has libgcrypt already gets its own.
 class Gcrypt {
 public:
-    /// Null without libgcrypt, or where it refuses the cipher.
+    /// Null without libgcrypt.
     static const Gcrypt* instance() {
         static const Gcrypt loaded;
         return loaded.m_usable ? &loaded : nullptr;
@@ -187,6 +187,14 @@ const EVP_CIPHER* make() {
 const EVP_CIPHER* ideaCbc() {
     static const EVP_CIPHER* const cipher = make();
     return cipher;
+}
+
+bool isIdeaUsable() noexcept {
+    const ErrorMark mark;
+    State probe{};
+    const bool usable = useKey(probe);
+    wipe(probe);
+    return usable;
 }
 
 void addIdea() noexcept {

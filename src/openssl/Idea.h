@@ -12,6 +12,10 @@ namespace Norvane::Crypto::openssl {
 /// it, where the process has not yet; without libgcrypt it takes no key. \throws std::bad_alloc
 const EVP_CIPHER* ideaCbc();
 
+/// Whether it takes keys, for which libgcrypt is loaded. False without libgcrypt, or where that refuses IDEA. The error queue
+/// stays as it is. Threads: from any.
+bool isIdeaUsable() noexcept;
+
 /// That first call for the start of the library, which does not fail: without memory a later use adds the cipher.
 void addIdea() noexcept;
 

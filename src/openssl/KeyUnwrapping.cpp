@@ -173,7 +173,8 @@ std::string unsupportedPassword(const PasswordEncryption& algorithms) {
         return {};
     }
     const CipherPtr cipher = cipherOf(inner.get());
-    return cipher != nullptr && EVP_CIPHER_get_mode(cipher.get()) == EVP_CIPH_CBC_MODE
+    return cipher != nullptr && EVP_CIPHER_get_mode(cipher.get()) == EVP_CIPH_CBC_MODE &&
+                   unsupportedContentCipher(inner.get()).empty()
                ? ""
                : "id-alg-PWRI-KEK with " + algorithmName(inner->algorithm);
 }
