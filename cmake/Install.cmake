@@ -7,7 +7,9 @@ install(TARGETS norvrefcounted norvcmsg norvcrypto norvcrypto-keystore norvcrypt
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS norvcrypt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-set_target_properties(norvcmsg norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime norvcrypt
+# Only those that need another one of these: of a program that needs none, CMake would fill the path up with colons in the build
+# tree, and the loader take each for the current folder.
+set_target_properties(norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime
                       PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)

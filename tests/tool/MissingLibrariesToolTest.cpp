@@ -1,0 +1,62 @@
+// The tool where a library that it loads when it needs it is not installed: told on one line, and all else goes on.
+
+#include "support/ToolTest.h"
+
+using namespace interop;
+
+namespace {
+
+constexpr const char* mail = "From: alice@example.org\r\nTo: bob@example.org\r\nSubject: none\r\n"
+                             "Content-Type: text/plain; charset=utf-8\r\n\r\nhello\r\n";
+
+class MissingLibraries : public ToolTest {
+protected:
+    /// Has the loader find, under the name of a library, what is none.
+    void hide(const std::string& library) {
+        work.write(library, "this is no library");
+        before = work.names();
+    }
+    Answer tool(const std::vector<std::string>& arguments, const std::string& input = "") {
+        return norvcrypt(Command{.arguments = arguments,
+                                 .input = input,
+                                 .directory = work.directory(),
+                                 .environment = {{"LD_LIBRARY_PATH", work.directory()}}});
+    }
+};
+
+// What is thrown for the missing library once passed through a frame of C, where the tool's own unwinder aborted.
+TEST_F(MissingLibraries, WithoutGmimeMailsAreRefusedOnOneLine) {
+    hide("libgmime-3.0.so.0");
+    const std::string missing = "libgmime-3.0.so.0 is not installed, or another version of it";
+    expectFailure(tool({"smime", "inspect"}, mail), missing);
+    expectFailure(tool({"smime", "verify"}, mail), missing);
+    work.write("mail.eml", mail);
+    before = work.names();
+    expectFailure(tool({"smime", "verify", "--in", "mail.eml"}), missing);
+}
+
+TEST_F(MissingLibraries, WithoutGmimeAllElseGoesOn) {
+    hide("libgmime-3.0.so.0");
+    const Answer answer = tool({"digest"}, "abc"); // FIPS 180-2, the example "abc"
+    EXPECT_EQ(answer.status, 0) << answer.err;
+    EXPECT_NE(answer.out.find("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"), std::string::npos);
+}
+
+TEST_F(MissingLibraries, WithoutLibgcryptIdeaFailsOnOneLine) {
+    hide("libgcrypt.so.20");
+    expectFailure(tool({"cipher", "encrypt", "--cipher", "idea-cbc", "--key-hex", std::string(32, '1'), "--iv-hex",
+                        std::string(16, '2')},
+                       "text"),
+                  "s_initializeEncryptionContext");
+}
+
+TEST_F(MissingLibraries, LibrariesInTheCurrentFolderAreNotLoaded) {
+    for (const char* const library : {"libgmime-3.0.so.0", "libgcrypt.so.20", "libcrypto.so.3", "libssl.so.3"})
+        hide(library);
+    const Answer answer =
+        norvcrypt(Command{.arguments = {"smime", "inspect"}, .input = mail, .directory = work.directory()});
+    EXPECT_EQ(answer.err, "");
+    EXPECT_NE(answer.status, 2);
+}
+
+} // namespace
