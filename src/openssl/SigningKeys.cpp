@@ -114,8 +114,7 @@ SignatureDigest signatureDigest(int number) {
 
 DigestContextPtr SignatureDigest::start() const {
     DigestContextPtr context(EVP_MD_CTX_new());
-    return context != nullptr && beginDigest(context.get(), algorithm) ? std::move(context)
-                                                                                           : nullptr;
+    return context != nullptr && beginDigest(context.get(), algorithm) ? std::move(context) : nullptr;
 }
 
 std::vector<unsigned char> SignatureDigest::finish(EVP_MD_CTX* context) const {

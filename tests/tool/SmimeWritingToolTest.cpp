@@ -144,9 +144,11 @@ TEST_F(SmimeWritingToolTest, EncryptsWithOaep) {
     writes({"encrypt", "--to", "bob.pem", "--oaep", "--oaep-digest", "sha384"});
     EXPECT_EQ(part, decrypted("out", "bob"));
     EXPECT_THAT(structureOf("out"), HasSubstr("rsaesOaep (1.2.840.113549.1.1.7)"));
-    work.write("erin.pem", erin().certificate.pem());
+    const norvauthority::Identity curve =
+        norvauthority::issue({.subject = {{"CN", "curve"}}, .key = erin().key, .issuer = &root(), .keyUsage = 0x08});
+    work.write("curve.pem", curve.certificate.pem());
     before = work.names();
-    fails({"encrypt", "--to", "erin.pem", "--oaep"},
+    fails({"encrypt", "--to", "curve.pem", "--oaep"},
           "cannot encrypt mail: RSAES-OAEP is for RSA keys, and no certificate of a recipient has one");
 }
 

@@ -1,6 +1,5 @@
 #include "support/SigningToolTest.h"
 
-
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 

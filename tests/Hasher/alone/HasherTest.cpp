@@ -369,6 +369,7 @@ TEST_F(Hashing, ADigestThatDoesNotStartThrowsWithoutADetail) {
 }
 
 TEST_F(Hashing, AConstructorThatThrowsReleasesItsContext) {
+    const RefHasher first(Hasher::SHA256); // leaves a context to the process, of which later ones are copies
     const int before = s_contexts;
     EXPECT_THROW(RefHasher(static_cast<Hasher::Type>(19)), Norvane::Exception);
     EXPECT_EQ(s_contexts, before);

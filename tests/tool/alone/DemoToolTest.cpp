@@ -183,7 +183,7 @@ TEST_F(DemoToolTest, CommandsOfTheReadmeHoldInItsFolder) {
         EXPECT_EQ(0, answer.status) << (*at)[1] << "\n" << answer.err;
         ++count;
     }
-    EXPECT_EQ(12, count);
+    EXPECT_EQ(15, count);
     EXPECT_EQ(s_work->read("norvcrypt-demo/message.eml"), s_work->read("norvcrypt-demo/clear.eml"));
 }
 

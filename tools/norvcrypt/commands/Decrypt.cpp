@@ -95,7 +95,9 @@ void addDecrypt(Command& commands, Action& action) {
         ->option("--kek-file", options->keyEncryptionKey,
                  "The key-encryption key that both sides have: 16, 24 or 32 bytes, or as many in hexadecimal digits")
         ->typeName("FILE");
-    command->option("--in", options->in, "The structure: DER, BER, PEM, base64, or the mail that it came in; \"-\" is standard input")
+    command
+        ->option("--in", options->in,
+                 "The structure: DER, BER, PEM, base64, or the mail that it came in; \"-\" is standard input")
         ->typeName("MSG")
         ->showDefault();
     command
