@@ -256,6 +256,38 @@ TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
 }
 
 // What was decrypted never stands beside what a stranger wrote.
+// Readers show the text of such parts, or part of it.
+TEST(SMimeRead, PartsThatCannotBeLookedIntoAreNotCovered) {
+    const std::string longHeader = "X: " + std::string(300000, 'x') + "\r\nContent-Type: text/plain\r\n\r\nfoot\r\n";
+    const std::string longBoundary(201, 'b');
+    for (const std::string& part :
+         {std::string("Content-Type: multipart/mixed\r\n\r\nfoot\r\n"),
+          "Content-Type: multipart/mixed; boundary=" + longBoundary + "\r\n\r\n--" + longBoundary + "\r\n\r\nfoot\r\n",
+          std::string("Content-Type: multipart/mixed; boundary=none\r\n\r\nfoot\r\n"), longHeader}) {
+        const Outcome outcome =
+            outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                      signedBy(alice(), plainEntity, detached) + "\r\n--list\r\n" + part + "\r\n--list--\r\n");
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+        EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.2")) << part.substr(0, 100);
+    }
+}
+
+// As deep as is not looked at any more.
+TEST(SMimeRead, PartsThatLieTooDeepAreNotCovered) {
+    std::string deep = "Content-Type: text/plain\r\n\r\nfoot\r\n";
+    for (int level = 0; level < 200; ++level) {
+        const std::string name = "d" + std::to_string(level);
+        deep = "Content-Type: multipart/mixed; boundary=" + name + "-\r\n\r\n--" + name + "-\r\n" + deep + "\r\n--" +
+               name + "---\r\n";
+    }
+    const Outcome outcome =
+        outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                  signedBy(alice(), plainEntity, detached) + "\r\n--list\r\n" + deep + "\r\n--list--\r\n");
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.notCovered.size(), 1U);
+}
+
 TEST(SMimeRead, DecryptedTextIsHandedOnAlone) {
     const std::string mail = fieldsOfAlice +
                              "Content-Type: multipart/mixed; boundary=x\r\n\r\n"

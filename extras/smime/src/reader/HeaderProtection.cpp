@@ -108,9 +108,9 @@ Senders sendersIn(const Header& header) {
     const auto collect = [&](std::string_view name, std::vector<std::string>& into) {
         const mime::Addresses addresses = mime::addressesOf(header, name);
         into = addresses.mailboxes;
-        // What cannot be read is compared with the signer, too, and fits nobody.
+        // What cannot be read is compared with the signer, too, and fits nobody: these words are no address.
         if (!addresses.isReadable)
-            into.push_back(comparable(header.first(name).value_or("")).substr(0, 100));
+            into.push_back("not readable: " + comparable(header.first(name).value_or("")).substr(0, 100));
     };
     collect("From", result.from);
     collect("Sender", result.sender);

@@ -84,10 +84,12 @@ void Session::addOddity(const Place& place, const std::string& text) {
 
 void Session::fail(const Place& place, LayerStatus status, const std::string& text) {
     const bool isMessage = place.depth == 0;
-    if ((place.role == Role::main || isMessage) && !failure)
+    if ((place.role == Role::main || isMessage) && !failure) {
         failure.emplace(status, "part " + place.path + ": " + text);
-    else
+    } else {
         addOddity(place, text + "; it was not looked at");
+        addUncovered(place, "not looked at");
+    }
 }
 
 std::string Session::spillTemplate() const {
