@@ -256,6 +256,20 @@ TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
 }
 
 // What was decrypted never stands beside what a stranger wrote.
+// RFC 2046, 5.1.1: a reader may compare the start of a line alone.
+TEST(SMimeRead, LinesThatLookLikeABoundaryInFrontOfTheFirstPartAreAmbiguous) {
+    const std::string evil = "--listEVIL\r\nContent-Type: text/plain\r\n\r\nevil\r\n";
+    const std::string start = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n";
+    const std::string end = "--list\r\n" + signedBy(alice(), plainEntity, detached) + "\r\n--list--\r\n";
+    EXPECT_EQ(outcomeOf(start + end).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(start + evil + end).answer.verdict, Verdict::damaged);
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::size_t from = mail.find("boundary=\"") + 10;
+    const std::string boundary = mail.substr(from, mail.find('"', from) - from);
+    const std::string before = "\r\n--" + boundary + "EVIL\r\n\r\nevil\r\n--" + boundary + "\r\n";
+    EXPECT_EQ(outcomeOf(replaced(mail, "\r\n--" + boundary + "\r\n", before)).answer.verdict, Verdict::damaged);
+}
+
 // Readers show the text of such parts, or part of it.
 TEST(SMimeRead, PartsThatCannotBeLookedIntoAreNotCovered) {
     const std::string longHeader = "X: " + std::string(300000, 'x') + "\r\nContent-Type: text/plain\r\n\r\nfoot\r\n";

@@ -90,6 +90,18 @@ TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
 }
 
+// Some readers leave blanks and NUL bytes out, and end lines at a CR.
+TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
+    const std::string nul(1, '\0');
+    for (const std::string& line :
+         {std::string(" From: boss@example.org\r\n"), "Fro" + nul + "m: boss@example.org\r\n",
+          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\r\rfrom : boss@example.org\r\n")}) {
+        EXPECT_EQ(judged(signedMail(line + "From: alice@example.org")).answer.verdict, Verdict::refused) << line;
+    }
+    for (const char* const line : {"From alice@example.org Sun Nov 22 11:07:48 2026\r\n", "X: y\r\n From: folded\r\n"})
+        EXPECT_EQ(judged(signedMail(line + std::string("From: alice@example.org"))).answer.verdict, Verdict::accepted);
+}
+
 // Whoever reads the content as a message is shown this From.
 TEST(SMimeTrust, AFromThatIsHandedOnIsTheSignersWhetherDeclaredOrNot) {
     const std::string boss = "From: boss@example.org\r\nContent-Type: text/plain\r\n\r\nhello\r\n";

@@ -49,6 +49,8 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
     mime::Multipart parts(body, type.boundary);
     std::size_t number = 1;
     for (; parts.next(); ++number) {
+        if (number == 1)
+            session.lookAtPreamble(place, parts);
         if (++session.parts > session.options.budget.parts) {
             session.addOddity(place, "more than " + std::to_string(session.options.budget.parts) +
                                          " parts; the others were not looked at");
