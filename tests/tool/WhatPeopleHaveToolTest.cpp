@@ -144,6 +144,27 @@ TEST_F(WhatPeopleHaveToolTest, WholeMailsAreJudgedAsTheyAre) {
                   "which is a mail: norvcrypt smime verify");
 }
 
+// Whoever made the signature does not choose that the body is not looked at.
+TEST_F(WhatPeopleHaveToolTest, ABodyOnStandardInputIsNotPassedOverForAMail) {
+    work.write("mail", "From: alice@example.org\n" + signedBy({}));
+    before = work.names();
+    expectFailure(tool({"verify", "--signature", "mail"}, "pay mallory"), "which is a mail: norvcrypt smime verify");
+    const Answer piped = run(Command{
+        .arguments = {"sh", "-c", "echo pay mallory | \"$0\" verify --signature mail", norvtest::norvcryptProgram},
+        .directory = work.directory()});
+    expectFailure(piped, "which is a mail: norvcrypt smime verify");
+}
+
+// As for a structure: those that are given stand in the place of those in the mail.
+TEST_F(WhatPeopleHaveToolTest, AMailIsJudgedByTheCertificatesThatAreGiven) {
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("mail", "From: alice@example.org\n" + signedBy({}));
+    EXPECT_EQ(0, tool({"verify", "--signature", "mail", "--cert", "alice.pem"}).status);
+    const Answer other = tool({"verify", "--signature", "mail", "--cert", "bob.pem"});
+    EXPECT_EQ(1, other.status) << other.out;
+    EXPECT_EQ(std::string::npos, other.out.find("signature-good")) << other.out;
+}
+
 TEST_F(WhatPeopleHaveToolTest, WhatIsNoStructureIsStillNone) {
     before = work.names();
     for (const std::string& content :

@@ -67,6 +67,9 @@ struct ReadOptions {
     const CMS::KeyLookup* keys = nullptr;
     /// Certificates of signers, beside those in the messages.
     std::vector<NVX509::RefCertificate> certificates;
+    /// Whether those alone are used, and none of the messages: nobody else's signature is good then, since anybody may put
+    /// a certificate of his own into a message.
+    bool onlyTheseCertificates = false;
     /// Who judges the certificates of signers; null: nobody, and no message is `accepted`. Borrowed.
     const Trust::Verifier* trust = nullptr;
     /// What it judges them by. With `atSigningTime` a signature is judged by the time at which its signer says to have signed.

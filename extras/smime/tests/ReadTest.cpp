@@ -256,6 +256,52 @@ TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
 }
 
 // What was decrypted never stands beside what a stranger wrote.
+// RFC 2046, 5.1.1: a reader may compare the start of a line alone.
+TEST(SMimeRead, LinesThatLookLikeABoundaryInFrontOfTheFirstPartAreAmbiguous) {
+    const std::string evil = "--listEVIL\r\nContent-Type: text/plain\r\n\r\nevil\r\n";
+    const std::string start = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n";
+    const std::string end = "--list\r\n" + signedBy(alice(), plainEntity, detached) + "\r\n--list--\r\n";
+    EXPECT_EQ(outcomeOf(start + end).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(start + evil + end).answer.verdict, Verdict::damaged);
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::size_t from = mail.find("boundary=\"") + 10;
+    const std::string boundary = mail.substr(from, mail.find('"', from) - from);
+    const std::string before = "\r\n--" + boundary + "EVIL\r\n\r\nevil\r\n--" + boundary + "\r\n";
+    EXPECT_EQ(outcomeOf(replaced(mail, "\r\n--" + boundary + "\r\n", before)).answer.verdict, Verdict::damaged);
+}
+
+// Readers show the text of such parts, or part of it.
+TEST(SMimeRead, PartsThatCannotBeLookedIntoAreNotCovered) {
+    const std::string longHeader = "X: " + std::string(300000, 'x') + "\r\nContent-Type: text/plain\r\n\r\nfoot\r\n";
+    const std::string longBoundary(201, 'b');
+    for (const std::string& part :
+         {std::string("Content-Type: multipart/mixed\r\n\r\nfoot\r\n"),
+          "Content-Type: multipart/mixed; boundary=" + longBoundary + "\r\n\r\n--" + longBoundary + "\r\n\r\nfoot\r\n",
+          std::string("Content-Type: multipart/mixed; boundary=none\r\n\r\nfoot\r\n"), longHeader}) {
+        const Outcome outcome =
+            outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                      signedBy(alice(), plainEntity, detached) + "\r\n--list\r\n" + part + "\r\n--list--\r\n");
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+        EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.2")) << part.substr(0, 100);
+    }
+}
+
+// As deep as is not looked at any more.
+TEST(SMimeRead, PartsThatLieTooDeepAreNotCovered) {
+    std::string deep = "Content-Type: text/plain\r\n\r\nfoot\r\n";
+    for (int level = 0; level < 200; ++level) {
+        const std::string name = "d" + std::to_string(level);
+        deep = "Content-Type: multipart/mixed; boundary=" + name + "-\r\n\r\n--" + name + "-\r\n" + deep + "\r\n--" +
+               name + "---\r\n";
+    }
+    const Outcome outcome =
+        outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                  signedBy(alice(), plainEntity, detached) + "\r\n--list\r\n" + deep + "\r\n--list--\r\n");
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.notCovered.size(), 1U);
+}
+
 TEST(SMimeRead, DecryptedTextIsHandedOnAlone) {
     const std::string mail = fieldsOfAlice +
                              "Content-Type: multipart/mixed; boundary=x\r\n\r\n"

@@ -69,6 +69,47 @@ TEST(SMimeTrust, AnotherSenderIsRefused) {
     EXPECT_EQ(judged(signedMail("From: m@example.org"), {"alice@example.org"}).answer.verdict, Verdict::accepted);
 }
 
+// Some readers show the one whom the library for addresses leaves out.
+TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
+    const std::string nul(1, '\0');
+    for (const std::string& from :
+         {"alice@example.org" + nul + " <boss@example.org>",
+          std::string("alice@example.org\r\nFrom: boss@example.org@example.net"),
+          "alice@example.org\r\nFrom: boss@example.org" + nul, std::string("alice@example.org; boss@example.org"),
+          std::string("boss@example.org (, alice@example.org"), std::string("boss@example.org <, alice@example.org"),
+          std::string("alice@example.org\" , boss@example.org"), std::string("alice@example.org [boss@example.org]"),
+          "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
+        const Outcome outcome = judged(signedMail("From: " + from));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << from;
+        EXPECT_TRUE(outcome.answer.layers.at(0).signers.at(0).trust->accepted);
+    }
+    for (const char* const from :
+         {"Alice <alice@example.org>", "alice@example.org <alice@example.org>", "(c (d)) alice@example.org (e@f)",
+          "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "alice@example.org,",
+          "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
+        EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
+}
+
+// Some readers leave blanks and NUL bytes out, and end lines at a CR.
+TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
+    const std::string nul(1, '\0');
+    for (const std::string& line :
+         {std::string(" From: boss@example.org\r\n"), "Fro" + nul + "m: boss@example.org\r\n",
+          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\r\rfrom : boss@example.org\r\n")}) {
+        EXPECT_EQ(judged(signedMail(line + "From: alice@example.org")).answer.verdict, Verdict::refused) << line;
+    }
+    for (const char* const line : {"From alice@example.org Sun Nov 22 11:07:48 2026\r\n", "X: y\r\n From: folded\r\n"})
+        EXPECT_EQ(judged(signedMail(line + std::string("From: alice@example.org"))).answer.verdict, Verdict::accepted);
+}
+
+// Whoever reads the content as a message is shown this From.
+TEST(SMimeTrust, AFromThatIsHandedOnIsTheSignersWhetherDeclaredOrNot) {
+    const std::string boss = "From: boss@example.org\r\nContent-Type: text/plain\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: alice@example.org", boss)).answer.verdict, Verdict::refused);
+    const std::string own = "From: alice@example.org\r\nContent-Type: text/plain\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: alice@example.org", own)).answer.verdict, Verdict::accepted);
+}
+
 // What a mail client shows is the one From or the other.
 TEST(SMimeTrust, TheSignerIsBothTheSenderOutsideAndTheOneThatIsCovered) {
     const std::string inside = "From: alice@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";

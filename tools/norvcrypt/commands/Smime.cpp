@@ -66,6 +66,7 @@ ReadMail readMail(const std::string& path, const std::vector<NVX509::RefCertific
                   const TrustJudge* judge) {
     SMime::ReadOptions reading;
     reading.certificates = certificates;
+    reading.onlyTheseCertificates = !certificates.empty();
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
     return readMail(path, std::move(reading), inputs, judge, nowhere);
 }

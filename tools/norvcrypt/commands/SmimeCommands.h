@@ -46,7 +46,7 @@ struct ReadMail {
 /// Reads a mail. \param judge null: trust is not asked \throws Failure: it cannot be read
 ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
                   bool isWhole);
-/// Reads a mail that nothing opens. \param certificates of signers, beside those in it
+/// Reads a mail that nothing opens. \param certificates of signers, in the place of those in it; none: those in it
 ReadMail readMail(const std::string& path, const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates,
                   Inputs& inputs, const TrustJudge* judge);
 /// What `norvcrypt smime verify` does with such a mail.

@@ -24,7 +24,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace norvcrypt {
@@ -343,10 +345,20 @@ SignatureVerdict answer(Question& question, const SignedReader& message, const s
     return verdictOf(judged);
 }
 
+/// Whether a body may come through standard input, which is not passed over because a file of signatures says to be a mail.
+bool hasStandardInput() {
+    struct stat status {};
+    if (fstat(STDIN_FILENO, &status) != 0)
+        return false;
+    if (S_ISREG(status.st_mode))
+        return lseek(STDIN_FILENO, 0, SEEK_CUR) < status.st_size;
+    return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+}
+
 /// Whether a file begins as a mail does. What comes through a pipe is not looked at: it can be read only once.
 bool isMail(const std::string& path, Inputs& inputs) {
     std::error_code ignored;
-    if (path == "-" || !std::filesystem::is_regular_file(path, ignored))
+    if (path == "-" || hasStandardInput() || !std::filesystem::is_regular_file(path, ignored))
         return false;
     Norvane::MediaIn in = inputs.open(path);
     Norvane::Buffer start;

@@ -1,5 +1,6 @@
 #include "Values.h"
 
+#include "AddressItems.h"
 #include "Gmime.h"
 
 #include <norvcmsg/EmailAddress.h>
@@ -188,7 +189,9 @@ Addresses addressesOf(const Header& header, std::string_view name) {
         }
         startGmime();
         const GmimeObject<InternetAddressList> list(internet_address_list_parse(lenient().get(), value.c_str()));
-        if (!list || !collect(list.get(), value, result.mailboxes))
+        const std::size_t before = result.mailboxes.size();
+        if (!list || !collect(list.get(), value, result.mailboxes) ||
+            countAddresses(value) != result.mailboxes.size() - before)
             result.isReadable = false;
     }
     return result;

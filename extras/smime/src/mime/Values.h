@@ -50,7 +50,7 @@ enum class Transfer : int {
 /// The addresses in fields of a header.
 struct Addresses {
     std::vector<std::string> mailboxes; ///< addr-specs in UTF-8, groups taken apart, in their order
-    bool isReadable = true;             ///< false: something is no address, or there are more than `maximumAddresses`
+    bool isReadable = true; ///< false: not all of it is addresses, or there are more than `maximumAddresses`
 };
 /// Those of all fields of this name: "From" may stand there twice.
 [[nodiscard]] Addresses addressesOf(const Header& header, std::string_view name);

@@ -43,10 +43,14 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
     if (type.boundary.empty() || type.boundary.size() > mime::maximumBoundary) {
         session.addOddity(place, type.boundary.empty() ? "a multipart without a boundary"
                                                        : "a multipart with too long a boundary");
+        session.addUncovered(place, type.text()); // some readers show its text
         return;
     }
     mime::Multipart parts(body, type.boundary);
-    for (std::size_t number = 1; parts.next(); ++number) {
+    std::size_t number = 1;
+    for (; parts.next(); ++number) {
+        if (number == 1)
+            session.lookAtPreamble(place, parts);
         if (++session.parts > session.options.budget.parts) {
             session.addOddity(place, "more than " + std::to_string(session.options.budget.parts) +
                                          " parts; the others were not looked at");
@@ -55,6 +59,8 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
         }
         readEntity(session, parts.part(), place.part(number));
     }
+    if (number == 1)
+        session.addUncovered(place, type.text()); // some readers show it as a text
     if (!parts.isClosed())
         session.addOddity(place, "the last boundary of the multipart is missing");
     if (parts.lookAlikes() > 0)
@@ -187,8 +193,8 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     session.answer.contentPath = place.path;
     session.answer.contentType = type.text();
     session.answer.headers = compareHeaders(header, scheme, session.outer);
-    if (scheme != HeaderScheme::none)
-        session.protectedSenders = sendersIn(header);
+    // Declared or not: who opens what is handed on is shown this From.
+    session.protectedSenders = sendersIn(header);
 
     writeHeader(session, header, scheme);
     Place passing = place;

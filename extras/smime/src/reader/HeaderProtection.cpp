@@ -80,6 +80,24 @@ FieldState stateOf(const std::string& inside, const std::optional<std::string>& 
     return outside ? FieldState::differs : FieldState::missing;
 }
 
+/// Whether somebody who leaves NUL bytes and the blanks at the start of a header out, and ends lines at a CR, finds more From
+/// fields than there are.
+bool hasHiddenFrom(const Header& header) {
+    std::string octets = header.octets();
+    std::erase(octets, '\0');
+    std::size_t found = 0;
+    for (std::size_t begin = octets.find_first_not_of(" \t"); begin < octets.size();) {
+        const std::size_t end = std::min(octets.find_first_of("\r\n", begin), octets.size());
+        const std::string_view line = std::string_view(octets).substr(begin, end - begin);
+        const std::string_view name = line.substr(0, line.find(':'));
+        const bool isFrom =
+            name.size() < line.size() && mime::isSameName(name.substr(0, name.find_last_not_of(" \t") + 1), "From");
+        found += isFrom ? 1 : 0;
+        begin = end + 1;
+    }
+    return found > header.count("From");
+}
+
 /// A field with line ends like those of the header that it goes to.
 std::string withLineEnds(std::string_view field, bool isCrLf) {
     std::string result;
@@ -108,11 +126,13 @@ Senders sendersIn(const Header& header) {
     const auto collect = [&](std::string_view name, std::vector<std::string>& into) {
         const mime::Addresses addresses = mime::addressesOf(header, name);
         into = addresses.mailboxes;
-        // What cannot be read is compared with the signer, too, and fits nobody.
+        // What cannot be read is compared with the signer, too, and fits nobody: these words are no address.
         if (!addresses.isReadable)
-            into.push_back(comparable(header.first(name).value_or("")).substr(0, 100));
+            into.push_back("not readable: " + comparable(header.first(name).value_or("")).substr(0, 100));
     };
     collect("From", result.from);
+    if (hasHiddenFrom(header))
+        result.from.emplace_back("not readable: a line that others may take for a From");
     collect("Sender", result.sender);
     return result;
 }

@@ -82,12 +82,20 @@ void Session::addOddity(const Place& place, const std::string& text) {
         answer.oddities.push_back("part " + place.path + ": " + text);
 }
 
+void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipart) {
+    if (multipart.lookAlikes() > 0 && !place.isCovered && place.role != Role::passing && ambiguity.empty())
+        ambiguity = "part " + place.path +
+                    ": lines in front of the first part begin with the boundary, so that others may see other parts";
+}
+
 void Session::fail(const Place& place, LayerStatus status, const std::string& text) {
     const bool isMessage = place.depth == 0;
-    if ((place.role == Role::main || isMessage) && !failure)
+    if ((place.role == Role::main || isMessage) && !failure) {
         failure.emplace(status, "part " + place.path + ": " + text);
-    else
+    } else {
         addOddity(place, text + "; it was not looked at");
+        addUncovered(place, "not looked at");
+    }
 }
 
 std::string Session::spillTemplate() const {

@@ -4,6 +4,7 @@
 /// What the reading of one message shares on its way through the layers.
 
 #include "mime/Header.h"
+#include "mime/Multipart.h"
 #include "mime/Octets.h"
 #include "mime/Values.h"
 
@@ -102,6 +103,8 @@ public:
     /// Tells of a part that is shown to readers although no layer covers it.
     void addUncovered(const Place& place, const std::string& type);
     void addOddity(const Place& place, const std::string& text);
+    /// To be called when the first part of a multipart was reached.
+    void lookAtPreamble(const Place& place, const mime::Multipart& multipart);
     /// Something within the layers of the content that cannot be read on.
     void fail(const Place& place, LayerStatus status, const std::string& text);
     [[nodiscard]] std::string spillTemplate() const;

@@ -33,10 +33,11 @@ std::string identifierOf(const SignedReader::Signer& signer) {
     }
 }
 
-/// With the caller's certificates where the message has none for a signer.
-SignatureResult verdictOn(const SignedReader& reader, const SignedReader::Signer& signer,
-                          const std::vector<NVX509::RefCertificate>& certificates) {
-    SignatureResult result = reader.verdict(signer);
+/// With the caller's certificates where the message has none for a signer, or where those alone count.
+SignatureResult verdictOn(const SignedReader& reader, const SignedReader::Signer& signer, const ReadOptions& options) {
+    const std::vector<NVX509::RefCertificate>& certificates = options.certificates;
+    SignatureResult result =
+        options.onlyTheseCertificates ? reader.verdict(signer, NVX509::RefCertificate()) : reader.verdict(signer);
     if (result.reason != SignatureReason::certificateMissing || certificates.empty() || identifierOf(signer).empty())
         return result;
     const CMS::CertificateIdentifier named = signer.identifier();
@@ -68,7 +69,7 @@ std::vector<LayerSigner> signersOf(Session& session, const SignedReader& reader)
     std::vector<LayerSigner> signers;
     for (const SignedReader::Signer& from : reader.signers()) {
         LayerSigner signer;
-        signer.result = verdictOn(reader, from, session.options.certificates);
+        signer.result = verdictOn(reader, from, session.options);
         signer.identifier = identifierOf(from);
         signer.digestAlgorithm = from.digestAlgorithm();
         signer.signatureAlgorithm = from.signatureAlgorithm();
@@ -315,6 +316,7 @@ void readMultipartSigned(Session& session, const ContentType& type, const Shared
         session.layer(index).detail = "there is no part";
         return;
     }
+    session.lookAtPreamble(place, parts);
     Detached detached{session.spill(), session.spill(), {}};
     mime::LineEndCounter counter;
     session.parts += 2;

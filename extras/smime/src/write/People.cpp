@@ -1,5 +1,6 @@
 #include "write/People.h"
 
+#include "mime/AddressItems.h"
 #include "mime/Gmime.h"
 #include "write/CertificateUse.h"
 #include "write/Fail.h"
@@ -57,9 +58,14 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
         mime::startGmime();
         const mime::GmimeObject<InternetAddressList> list(
             isReadable ? internet_address_list_parse(nullptr, value.c_str()) : nullptr);
+        const std::size_t before = addresses.size();
+        const std::size_t othersBefore = others.size();
         if (list) {
             collect(list.get(), addresses, others);
-        } else {
+        }
+        // GMime leaves out what it cannot read, and nobody is to be left out in silence.
+        const bool isAll = list && mime::countAddresses(value) == addresses.size() - before;
+        if (!isAll && others.size() == othersBefore) {
             others.push_back(value.substr(0, 200));
         }
     }

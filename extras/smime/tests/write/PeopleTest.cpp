@@ -98,6 +98,11 @@ TEST_F(SmimePeopleTest, NamesEveryRecipientWithoutACertificate) {
               "there is no certificate for eve@example.com, mallory@example.org");
     EXPECT_EQ(refusalOf("To: bob@example.com, nobody\n" + m_body, {m_encrypting}),
               "To, Cc or Bcc of the message have what is no address: nobody");
+    // Nobody is left out in silence.
+    for (const char* const to : {"bob@example.com; eve@example.com", "eve@example.com (, bob@example.com",
+                                 "bob@example.com [eve@example.com]", "bob@example.com\" , eve@example.com"})
+        EXPECT_EQ(refusalOf(std::string("To: ") + to + "\n" + m_body, {m_encrypting}),
+                  std::string("To, Cc or Bcc of the message have what is no address: ") + to);
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_encrypting}), "there is nobody to encrypt to");
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {SMime::EncryptOptions()}), "there is nobody to encrypt to");
     m_encrypting.keys = NVX509::RefKeyStore(false);

@@ -1,0 +1,18 @@
+#pragma once
+
+/// \file
+/// How many addresses the text of an address field has, for telling whether GMime found all of them: of what it cannot read
+/// it leaves parts out, which other readers may show.
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+namespace Norvane::Crypto::SMime::mime {
+
+/// Counts what stands between commas, semicolons and colons (RFC 5322, 3.4) and has an "@" outside of quotes and comments; in
+/// front of "<" it may stand in a name that nobody quoted.
+/// \returns nothing for quotes, comments and angle brackets that are not closed, and for an item with more than one address
+[[nodiscard]] std::optional<std::size_t> countAddresses(std::string_view value);
+
+} // namespace Norvane::Crypto::SMime::mime
