@@ -216,10 +216,10 @@ bool Search::explainDigest(const OpenSigner& open, const SignedReader::Signer& s
             }
             const SignatureResult result = m_message.verdictOnAttributes(signer, open.certificate, by);
             if (result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result))) {
+                std::string text = "the signer says to have digested the text by ";
+                text.append(named).append(", but the digest that was signed is its ").append(name);
                 std::vector<Finding> findings{
-                    {Change::digestOfOtherAlgorithm,
-                     "the signer says to have digested the text by " + named +
-                         ", but the digest that was signed is its " + name,
+                    {Change::digestOfOtherAlgorithm, text,
                      "the sender's program names the wrong algorithm: it has to be mended there"}};
                 findings.insert(findings.end(), open.about.begin(), open.about.end());
                 m_diagnosis.explanations.push_back({open.index, std::move(findings), open.certificate});
