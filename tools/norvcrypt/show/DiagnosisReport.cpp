@@ -14,7 +14,9 @@ const SMime::Explanation* explanationOf(const SMime::Diagnosis& diagnosis, std::
 void tellExplanation(TextOutput& out, const std::string& who, const std::string& indent,
                      const SMime::Explanation& explanation) {
     for (const SMime::Finding& finding : explanation.findings) {
-        out.line(indent + "why " + who + " is refused: " + finding.text + " (" + SMime::nameOf(finding.change) + ")");
+        std::string line = indent;
+        line.append("why ").append(who).append(" is refused: ").append(finding.text);
+        out.line(line.append(" (").append(SMime::nameOf(finding.change)).append(")"));
         out.line(indent + "  what to do: " + finding.advice);
     }
 }
