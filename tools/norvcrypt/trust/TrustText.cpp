@@ -37,7 +37,7 @@ std::string revocationText(Trust::Revocation revocation) {
 }
 
 std::string momentText(const TrustAnswer& answer) {
-    const std::string moment = isoTime(answer.verdict.judgedAt);
+    std::string moment = isoTime(answer.verdict.judgedAt);
     if (!answer.options.atSigningTime)
         return moment;
     return moment +
