@@ -1,6 +1,6 @@
 #pragma once
 
-// Eight threads that do the same at the same time.
+// Eight threads that do the same at the same time, among themselves or beside something else.
 
 #include <openssl/err.h>
 
@@ -33,6 +33,30 @@ template <class Work> void together(Work work) {
             waitForAll(working);
         });
     }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+/// Runs `work` in eight threads, again and again, until `main` is through and each thread had a turn.
+template <class Work, class Main> void beside(Work work, Main main) {
+    std::atomic<bool> over{false};
+    std::atomic<int> waiting{threadCount};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&] {
+            work();
+            --waiting;
+            while (!over) {
+                work();
+            }
+        });
+    }
+    while (waiting > 0) {
+        std::this_thread::yield();
+    }
+    main();
+    over = true;
     for (auto& thread : threads) {
         thread.join();
     }

@@ -1,6 +1,7 @@
 // Meant for the thread sanitizer: look-ups in eight threads while the store is changed and loaded anew.
 
 #include "../Store.h"
+#include "support/Threads.h"
 
 #include <atomic>
 #include <thread>
@@ -10,31 +11,9 @@ using Purpose = DirectoryKeyStore::Purpose;
 
 namespace {
 
-class DirectoryKeyStoreConcurrencyTest : public DirectoryKeyStoreTest {};
+using norvtest::beside;
 
-/// Runs `work` in eight threads, again and again, until `main` is through and each thread had a turn.
-template <class Work, class Main> void beside(Work work, Main main) {
-    std::atomic<bool> over{false};
-    std::atomic<int> waiting{8};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            work();
-            --waiting;
-            while (!over) {
-                work();
-            }
-        });
-    }
-    while (waiting > 0) {
-        std::this_thread::yield();
-    }
-    main();
-    over = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
+class DirectoryKeyStoreConcurrencyTest : public DirectoryKeyStoreTest {};
 
 /// Uses what a look-up gave as a mail layer does.
 void use(const KeyCertificatePair& pair) {

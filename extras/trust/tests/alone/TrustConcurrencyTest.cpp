@@ -2,43 +2,21 @@
 
 #include "../Chains.h"
 #include "support/TemporaryFolder.h"
+#include "support/Threads.h"
 
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 using namespace trusttesting;
 
 namespace {
 
-class TrustConcurrencyTest : public TrustTest {};
+using norvtest::beside;
 
-/// Runs `work` in eight threads, again and again, until `main` is through and each thread had a turn.
-template <class Work, class Main> void beside(Work work, Main main) {
-    std::atomic<bool> over{false};
-    std::atomic<int> waiting{8};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            work();
-            --waiting;
-            while (!over) {
-                work();
-            }
-        });
-    }
-    while (waiting > 0) {
-        std::this_thread::yield();
-    }
-    main();
-    over = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
+class TrustConcurrencyTest : public TrustTest {};
 
 /// Uses a verdict as a mail layer does; others use the same certificates at the same time.
 void use(const Verdict& verdict) {
