@@ -166,8 +166,8 @@ TEST(EnvelopeWork, PrivateKeysAreUsedWithinTheBudget) {
                                       der::octetString(Bytes(256, 1))});
     expectRefused(around(std::vector<Bytes>(9, oaep)), alice(), &Counts::rsa);
     expectRefused(around({keyAgreement(5000, "1.3.132.1.11.1")}), onCurve(), &Counts::agreements);
-    const Bytes eight = around(std::vector<Bytes>(8, oaep));
-    EXPECT_EQ(countsOf([&] { expectDamaged(eight, withKeys({&alice()}), false); }).rsa, 16);
+    const Bytes eight = authEnveloped({.recipients = std::vector<Bytes>(8, oaep)});
+    EXPECT_EQ(countsOf([&] { expectDamaged(eight, withKeys({&alice()}), true); }).rsa, 16);
 }
 
 TEST(EnvelopeWork, AnAgreementThatIsNotSupportedIsDecodedOnce) {
