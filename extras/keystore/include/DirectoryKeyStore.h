@@ -51,6 +51,7 @@
 /// `GeneralName::emailAddress()`. The pairs are shared with every other caller: do not change their fields, and do not
 /// read into or write from their keys in several threads at once. Signing and decrypting with them is safe.
 
+#include <norvcmsg/Buffer.h>
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Mutex.h>
 #include <norvcmsg/StringPattern.h>
@@ -67,7 +68,7 @@
 namespace Norvane::Crypto::NVX509 {
 
 namespace keystore {
-struct Snapshot;
+class Snapshot;
 } // namespace keystore
 
 /// The plug-in. Hold it through `RefDirectoryKeyStore`, which can also `reload()` it.
@@ -134,8 +135,21 @@ public:
         std::optional<std::size_t> winner;        ///< the index of the match that won; nothing when none is fit
     };
 
+    /// When the certificates and keys of the folders are read.
+    enum class Reading : int {
+        whenAsked, ///< each when a look-up comes to it: a store of any size is open at once
+        ahead ///< all when the directory is loaded: afterwards no look-up reads anything, or fails for what became of a file
+    };
+
+    /// An identity that a look-up found.
+    struct Found {
+        std::string folder;      ///< its name, any bytes: escape it before you show it
+        KeyCertificatePair pair; ///< shared with every other caller
+        bool isValid;            ///< the certificate, at the moment of the look-up
+    };
+
     /// Loads the directory. \throws Exception as `reload()`
-    explicit DirectoryKeyStore(const std::string& directory);
+    explicit DirectoryKeyStore(const std::string& directory, Reading reading = Reading::whenAsked);
     ~DirectoryKeyStore() override;
 
     /// Loads the directory anew beside what is there, and then takes its place in one step: every look-up is answered
@@ -173,14 +187,27 @@ public:
     /// certificates of the same owner are found by issuer and serial number.
     KeyCertificatePair findDecryptionKey(const EmailAddress& address) override;
 
+    // The same look-ups, for programs that want to know more of what was found.
+
+    /// The identity that signs, is encrypted to or decrypts for an address. For encryption nothing but the certificate is
+    /// read: the pair has neither the key nor the certificates of `chain.pem`.
+    [[nodiscard]] std::optional<Found> search(const EmailAddress& address, Purpose purpose) const;
+    /// As `find`.
+    [[nodiscard]] std::optional<Found> search(const DistinguishedName& issuer, const ASN1::Integer& serial) const;
+    /// The identity with a key whose certificate has a subject key identifier (RFC 5280, 4.2.1.2), the other name of a
+    /// recipient. Of several the first folder with a key answers.
+    [[nodiscard]] std::optional<Found> searchKeyIdentifier(const Buffer& keyIdentifier) const;
+
 private:
+    [[nodiscard]] std::shared_ptr<const keystore::Snapshot> load() const;
     [[nodiscard]] std::shared_ptr<const keystore::Snapshot> snapshot() const;
-    [[nodiscard]] KeyCertificatePair findPair(const EmailAddress& address, Purpose purpose) const;
+    template <class Question> auto ask(Question question) const;
 
     std::string m_directory;
-    Mutex m_loading;       ///< held by the one load that runs
-    mutable Mutex m_mutex; ///< guards `m_snapshot`, the handle, and is never held for longer than its copy
-    std::shared_ptr<const keystore::Snapshot> m_snapshot;
+    Reading m_reading;
+    mutable Mutex m_loading; ///< held by the one load that runs
+    mutable Mutex m_mutex;   ///< guards `m_snapshot`, the handle, and is never held for longer than its copy
+    mutable std::shared_ptr<const keystore::Snapshot> m_snapshot;
 };
 
 } // namespace Norvane::Crypto::NVX509
@@ -198,7 +225,8 @@ public:
     /// An empty handle.
     RefDirectoryKeyStore();
     /// Loads the directory. \throws Exception as `DirectoryKeyStore::reload()`
-    explicit RefDirectoryKeyStore(const std::string& directory);
+    explicit RefDirectoryKeyStore(const std::string& directory,
+                                  DirectoryKeyStore::Reading reading = DirectoryKeyStore::Reading::whenAsked);
     RefDirectoryKeyStore(const RefDirectoryKeyStore& other);
     RefDirectoryKeyStore& operator=(const RefDirectoryKeyStore& other);
     ~RefDirectoryKeyStore() override;
