@@ -57,6 +57,7 @@ private:
 struct FileState {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
+    std::uint32_t mode = 0; ///< type and permissions
     std::int64_t size = 0;
     std::int64_t modifiedSeconds = 0; ///< of the content, since 1970
     std::int64_t modifiedNanoseconds = 0;

@@ -17,7 +17,7 @@ namespace Norvane {
 namespace {
 
 auto all(const FileState& state) {
-    return std::tie(state.device, state.inode, state.size, state.modifiedSeconds, state.modifiedNanoseconds,
+    return std::tie(state.device, state.inode, state.mode, state.size, state.modifiedSeconds, state.modifiedNanoseconds,
                     state.changedSeconds, state.changedNanoseconds);
 }
 
@@ -36,6 +36,7 @@ int FileDescriptor::close() noexcept {
 FileState::FileState(const struct stat& status) noexcept
     : device(status.st_dev),
       inode(status.st_ino),
+      mode(status.st_mode),
       size(status.st_size),
       modifiedSeconds(status.st_mtim.tv_sec),
       modifiedNanoseconds(status.st_mtim.tv_nsec),

@@ -4,7 +4,7 @@
 
 #include <norvcmsg/Strings.h>
 
-#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <array>
