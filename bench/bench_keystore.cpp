@@ -46,7 +46,7 @@ public:
             write(number, person.certificate.pem(), keyPem);
             sk_X509_push(m_stack, person.certificate.x509().release());
         }
-        m_directory = NVX509::RefDirectoryKeyStore(m_path);
+        m_directory = NVX509::RefDirectoryKeyStore(m_path, NVX509::DirectoryKeyStore::Reading::ahead);
         std::filesystem::remove_all(m_path);
     }
     ~Store() { sk_X509_pop_free(m_stack, X509_free); }

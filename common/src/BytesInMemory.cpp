@@ -1,6 +1,6 @@
 #include <norvcmsg/BytesInMemory.h>
 
-#include "FileDescriptor.h"
+#include "FileCalls.h"
 #include "MediaFailure.h"
 
 #include <fcntl.h>
@@ -25,7 +25,7 @@ class Mapping {
 public:
     explicit Mapping(const std::string& path) {
         // Not blocking: opening a pipe would wait for somebody who writes, only to be refused.
-        const detail::FileDescriptor file = detail::openFile(s_where, path, O_RDONLY | O_NONBLOCK, 0);
+        const FileDescriptor file = detail::openFile(s_where, path, O_RDONLY | O_NONBLOCK, 0);
         struct stat status {};
         if (::fstat(file.get(), &status) != 0) {
             detail::throwMediaErrno(s_where, "BytesInMemory", path, errno);

@@ -1,37 +1,24 @@
-#include "FileDescriptor.h"
+#include <norvcmsg/FileDescriptor.h>
 
-#include "MediaFailure.h"
+#include "FileCalls.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <tuple>
 
-namespace Norvane::detail {
+namespace Norvane {
 
 namespace {
 
-/// Linux moves no more at once.
-constexpr unsigned int mostAtOnce = 0x40000000;
-
-/// Repeats `call(done, left)` until everything is moved, nothing moves or an error that is no interruption stops it.
-template <class Call> Moved moveAll(unsigned int length, Call call) noexcept {
-    Moved moved;
-    while (moved.bytes < length) {
-        const auto count = call(moved.bytes, std::min(length - moved.bytes, mostAtOnce));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            moved.error = errno;
-        }
-        if (count <= 0) {
-            break;
-        }
-        moved.bytes += static_cast<unsigned int>(count);
-    }
-    return moved;
+auto all(const FileState& state) {
+    return std::tie(state.device, state.inode, state.mode, state.size, state.modifiedSeconds, state.modifiedNanoseconds,
+                    state.changedSeconds, state.changedNanoseconds);
 }
 
 } // namespace
@@ -46,43 +33,68 @@ int FileDescriptor::close() noexcept {
     return descriptor < 0 || ::close(descriptor) == 0 || errno == EINTR ? 0 : errno;
 }
 
-Moved readAll(int descriptor, unsigned char* out, unsigned int length, std::int64_t offset) noexcept {
-    return moveAll(length, [=](unsigned int done, unsigned int left) {
-        return offset < 0 ? ::read(descriptor, out + done, left) : ::pread(descriptor, out + done, left, offset + done);
-    });
+FileState::FileState(const struct stat& status) noexcept
+    : device(status.st_dev),
+      inode(status.st_ino),
+      mode(status.st_mode),
+      size(status.st_size),
+      modifiedSeconds(status.st_mtim.tv_sec),
+      modifiedNanoseconds(status.st_mtim.tv_nsec),
+      changedSeconds(status.st_ctim.tv_sec),
+      changedNanoseconds(status.st_ctim.tv_nsec) {}
+
+bool FileState::operator==(const FileState& other) const noexcept {
+    return all(*this) == all(other);
 }
 
-Moved readSome(int descriptor, unsigned char* out, unsigned int length) noexcept {
-    ssize_t count = 0;
-    do {
-        count = ::read(descriptor, out, length);
-    } while (count < 0 && errno == EINTR);
-    return count < 0 ? Moved{0, errno} : Moved{static_cast<unsigned int>(count), 0};
+bool FileState::operator<(const FileState& other) const noexcept {
+    return all(*this) < all(other);
 }
 
-Moved writeAll(int descriptor, const unsigned char* data, unsigned int length, std::int64_t offset) noexcept {
-    auto moved = moveAll(length, [=](unsigned int done, unsigned int left) {
-        return offset < 0 ? ::write(descriptor, data + done, left)
-                          : ::pwrite(descriptor, data + done, left, offset + done);
-    });
-    if (moved.bytes < length && moved.error == 0) {
-        moved.error = EIO; // a write that takes nothing and tells no reason must not lose bytes unnoticed
+bool FileState::isSettled(std::time_t readAt) const noexcept {
+    constexpr std::time_t grain = 2;
+    return modifiedSeconds + grain < readAt && changedSeconds + grain < readAt;
+}
+
+FolderNames namesIn(const FileDescriptor& folder) {
+    FolderNames listed;
+    FileDescriptor own(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(own.isOpen() ? fdopendir(own.get()) : nullptr, closedir);
+    if (!stream) {
+        listed.error = errno;
+        return listed;
     }
-    return moved;
+    static_cast<void>(own.release()); // the stream closes it
+    errno = 0;
+    while (const dirent* entry = readdir(stream.get())) {
+        if (entry->d_name[0] != '.') {
+            listed.names.emplace_back(entry->d_name);
+        }
+        errno = 0;
+    }
+    listed.error = errno;
+    std::sort(listed.names.begin(), listed.names.end());
+    return listed;
 }
 
-FileDescriptor openFile(const char* where, const std::string& path, int flags, unsigned int permissions) {
-    if (path.find('\0') != std::string::npos) {
-        throwMediaErrno(where, "FileMedia", path, ENOENT);
+FileContent readWhole(const FileDescriptor& file, unsigned int size, bool secret) {
+    FileContent content;
+    content.bytes = Buffer(static_cast<int>(size + 1), 0);
+    if (secret) {
+        content.bytes.protect();
     }
-    int descriptor = -1;
-    do {
-        descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, permissions);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) {
-        throwMediaErrno(where, "FileMedia", path, errno);
-    }
-    return FileDescriptor(descriptor);
+    unsigned int length = 0;
+    do { // a byte more is asked for, so that a file that grew is seen without another call
+        const auto moved = detail::readSome(file.get(), content.bytes.data() + length, size + 1 - length);
+        if (moved.bytes == 0) {
+            content.error = moved.error;
+            break;
+        }
+        length += moved.bytes;
+    } while (length < size);
+    content.changed = content.error == 0 && length != size;
+    content.bytes.length(std::min(length, size));
+    return content;
 }
 
-} // namespace Norvane::detail
+} // namespace Norvane

@@ -1,6 +1,6 @@
 #include <norvcmsg/File.h>
 
-#include "FileDescriptor.h"
+#include "FileCalls.h"
 #include "MediaFailure.h"
 
 #include <fcntl.h>
@@ -134,7 +134,7 @@ private:
     }
 
     std::string m_path;
-    detail::FileDescriptor m_file;
+    FileDescriptor m_file;
     mutable StreamBuffer m_buffer;
     mutable unsigned int m_next = 0;
     mutable unsigned int m_held = 0;
@@ -217,7 +217,7 @@ private:
     }
 
     std::string m_path;
-    detail::FileDescriptor m_file;
+    FileDescriptor m_file;
     StreamBuffer m_buffer;
     unsigned int m_held = 0;
     unsigned long m_position = 0; // of the first held byte

@@ -3,7 +3,7 @@
 /// \file
 /// What the sources of `SocketImpl` share.
 
-#include "FileDescriptor.h"
+#include "FileCalls.h"
 #include "SocketFailure.h"
 
 #include <norvcmsg/SocketAddress.h>

@@ -125,7 +125,7 @@ void SocketImpl::open(const char* where, int family) {
     if (m_descriptor >= 0) {
         return;
     }
-    detail::FileDescriptor made(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    FileDescriptor made(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!made.isOpen()) {
         fail(where, errno);
     }

@@ -1,6 +1,6 @@
 #include <norvcmsg/SwapBufferMediaOut.h>
 
-#include "FileDescriptor.h"
+#include "FileCalls.h"
 #include "MediaFailure.h"
 
 #include <fcntl.h>
@@ -44,7 +44,7 @@ public:
 
     void clear() {
         m_memory = emptyMemory();
-        m_file = detail::FileDescriptor();
+        m_file = FileDescriptor();
         m_length = 0;
     }
 
@@ -79,7 +79,7 @@ private:
         if (isSwapped()) {
             return;
         }
-        detail::FileDescriptor file = unnamedFile();
+        FileDescriptor file = unnamedFile();
         if (!file.isOpen()) {
             file = fileThatLostItsName();
         }
@@ -90,20 +90,20 @@ private:
 
     /// A file that never had a name, in the folder of the template: whatever ends the process, nothing of it stays. Not
     /// open where the file system knows none such, or the template is none.
-    [[nodiscard]] detail::FileDescriptor unnamedFile() const {
+    [[nodiscard]] FileDescriptor unnamedFile() const {
         static constexpr std::string_view end = "XXXXXX";
         const auto length = m_template.size();
         if (length < end.size() || m_template.compare(length - end.size(), end.size(), end) != 0) {
-            return detail::FileDescriptor(-1);
+            return FileDescriptor(-1);
         }
         const auto slash = m_template.rfind('/');
         const std::string folder = slash == std::string::npos ? "." : m_template.substr(0, slash + 1);
-        return detail::FileDescriptor(::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
+        return FileDescriptor(::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
     }
 
-    [[nodiscard]] detail::FileDescriptor fileThatLostItsName() const {
+    [[nodiscard]] FileDescriptor fileThatLostItsName() const {
         auto path = m_template;
-        detail::FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
+        FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
         if (!file.isOpen()) {
             fail("cannot make a temporary file from ", errno);
         }
@@ -113,7 +113,7 @@ private:
         return file;
     }
 
-    void store(const detail::FileDescriptor& file, const unsigned char* data, unsigned int length,
+    void store(const FileDescriptor& file, const unsigned char* data, unsigned int length,
                unsigned long position) const {
         const auto moved = detail::writeAll(file.get(), data, length, static_cast<std::int64_t>(position));
         if (moved.error != 0) {
@@ -128,7 +128,7 @@ private:
     unsigned int m_limit;
     std::string m_template;
     Buffer m_memory;
-    detail::FileDescriptor m_file;
+    FileDescriptor m_file;
     unsigned long m_length = 0;
 };
 

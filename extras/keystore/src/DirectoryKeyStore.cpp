@@ -1,6 +1,6 @@
 #include <norvcrypto-keystore/DirectoryKeyStore.h>
 
-#include "Folder.h"
+#include "Snapshot.h"
 
 #include <norvcmsg/Exception.h>
 
@@ -13,19 +13,32 @@ namespace Norvane::Crypto::NVX509 {
 
 namespace {
 
-std::shared_ptr<const keystore::Snapshot> load(const std::string& directory) {
-    auto snapshot = std::make_shared<keystore::Snapshot>();
-    const auto store = keystore::openStore(directory);
-    for (const auto& name : keystore::namesIn(store)) {
-        keystore::readFolder(*snapshot, store, name);
+using keystore::Snapshot;
+
+[[noreturn]] void raise(const char* where, const std::string& directory, const char* reason, int line) {
+    throw Exception(where, 4, "DirectoryKeyStore", line).stringParameter(directory + ": " + reason);
+}
+
+/// What a look-up led to, for whoever uses it.
+std::optional<DirectoryKeyStore::Found> found(const std::optional<Snapshot::Hit>& hit) {
+    if (!hit) {
+        return std::nullopt;
     }
-    snapshot->index();
-    return snapshot;
+    return DirectoryKeyStore::Found{
+        hit->entry->name(),
+        hit->holding ? hit->holding->pair : KeyCertificatePair(RefKey(), hit->leaf->certificate, hit->leaf->following),
+        hit->isValid};
+}
+
+KeyCertificatePair pairOf(const std::optional<Snapshot::Hit>& hit) {
+    return hit ? hit->holding->pair : KeyCertificatePair(true);
 }
 
 } // namespace
 
-DirectoryKeyStore::DirectoryKeyStore(const std::string& directory) : m_directory(directory) {
+DirectoryKeyStore::DirectoryKeyStore(const std::string& directory, Reading reading)
+    : m_directory(directory),
+      m_reading(reading) {
     reload();
 }
 
@@ -34,55 +47,88 @@ DirectoryKeyStore::~DirectoryKeyStore() = default;
 void DirectoryKeyStore::reload() {
     const Synchronized loading(m_loading);
     try {
-        auto loaded = load(m_directory); // outlives the lock, and takes the earlier content away after it
-        const Synchronized lock(m_mutex);
-        m_snapshot.swap(loaded);
+        static_cast<void>(load());
     } catch (const std::runtime_error& failure) { // a refusal, or what every file needs is exhausted
-        throw Exception("DirectoryKeyStore::reload", 4, "DirectoryKeyStore", __LINE__)
-            .stringParameter(m_directory + ": " + failure.what());
+        raise("DirectoryKeyStore::reload", m_directory, failure.what(), __LINE__);
     }
 }
 
-std::shared_ptr<const keystore::Snapshot> DirectoryKeyStore::snapshot() const {
+/// With `m_loading` held.
+std::shared_ptr<const Snapshot> DirectoryKeyStore::load() const {
+    const auto before = snapshot();
+    std::shared_ptr<const Snapshot> loaded = std::make_shared<const Snapshot>(m_directory, before.get(), m_reading);
+    const Synchronized lock(m_mutex); // let go before `before`, with which the earlier content goes
+    return m_snapshot = loaded;
+}
+
+std::shared_ptr<const Snapshot> DirectoryKeyStore::snapshot() const {
     const Synchronized lock(m_mutex);
     return m_snapshot;
 }
 
+/// Asks the content, and a newer one when the directory turns out to have changed since it was listed.
+template <class Question> auto DirectoryKeyStore::ask(Question question) const {
+    constexpr int mostLoads = 16;
+    try {
+        auto content = snapshot();
+        for (int loads = 0; loads < mostLoads; ++loads) {
+            try {
+                return question(*content);
+            } catch (const keystore::Changed&) {
+                const Synchronized loading(m_loading);
+                const auto now = snapshot();
+                content = now == content ? load() : now;
+            }
+        }
+        throw keystore::Refusal("changes again and again while it is read");
+    } catch (const std::runtime_error& failure) { // `Exception` is none
+        raise("DirectoryKeyStore::find", m_directory, failure.what(), __LINE__);
+    }
+}
+
 std::shared_ptr<const DirectoryKeyStore::Contents> DirectoryKeyStore::contents() const {
-    return snapshot();
+    return ask([](const Snapshot& content) { return content.contents(); });
 }
 
 DirectoryKeyStore::Explanation DirectoryKeyStore::explain(const EmailAddress& address, Purpose purpose) const {
-    return snapshot()->explain(address, purpose);
+    return ask([&](const Snapshot& content) { return content.explain(address, purpose); });
 }
 
 KeyCertificatePair DirectoryKeyStore::find(const DistinguishedName& issuer, const ASN1::Integer& serial) {
-    const auto content = snapshot();
-    const auto* found = content->find(issuer, serial);
-    return found == nullptr ? KeyCertificatePair(true) : found->pair;
+    return ask([&](const Snapshot& content) { return pairOf(content.find(issuer, serial)); });
 }
 
 RefCertificate DirectoryKeyStore::findEncryptionCertificate(const EmailAddress& address) {
-    return findPair(address, Purpose::encryption)->certificate;
+    return ask([&](const Snapshot& content) {
+        const auto hit = content.find(address, Purpose::encryption);
+        return hit ? hit->leaf->certificate : RefCertificate();
+    });
 }
 
 KeyCertificatePair DirectoryKeyStore::findSigningKey(const EmailAddress& address) {
-    return findPair(address, Purpose::signing);
+    return ask([&](const Snapshot& content) { return pairOf(content.find(address, Purpose::signing)); });
 }
 
 KeyCertificatePair DirectoryKeyStore::findDecryptionKey(const EmailAddress& address) {
-    return findPair(address, Purpose::decryption);
+    return ask([&](const Snapshot& content) { return pairOf(content.find(address, Purpose::decryption)); });
 }
 
-KeyCertificatePair DirectoryKeyStore::findPair(const EmailAddress& address, Purpose purpose) const {
-    const auto content = snapshot();
-    const auto* found = content->find(address, purpose);
-    return found == nullptr ? KeyCertificatePair(true) : found->pair;
+std::optional<DirectoryKeyStore::Found> DirectoryKeyStore::search(const EmailAddress& address, Purpose purpose) const {
+    return ask([&](const Snapshot& content) { return found(content.find(address, purpose)); });
+}
+
+std::optional<DirectoryKeyStore::Found> DirectoryKeyStore::search(const DistinguishedName& issuer,
+                                                                  const ASN1::Integer& serial) const {
+    return ask([&](const Snapshot& content) { return found(content.find(issuer, serial)); });
+}
+
+std::optional<DirectoryKeyStore::Found> DirectoryKeyStore::searchKeyIdentifier(const Buffer& keyIdentifier) const {
+    return ask([&](const Snapshot& content) { return found(content.findKeyIdentifier(keyIdentifier)); });
 }
 
 RefDirectoryKeyStore::RefDirectoryKeyStore() = default;
-RefDirectoryKeyStore::RefDirectoryKeyStore(const std::string& directory)
-    : Ref(makeReference<DirectoryKeyStore>(directory)) {}
+RefDirectoryKeyStore::RefDirectoryKeyStore(const std::string& directory, DirectoryKeyStore::Reading reading)
+    : Ref(makeReference<DirectoryKeyStore>(directory, reading)) {}
 RefDirectoryKeyStore::RefDirectoryKeyStore(const RefDirectoryKeyStore& other) = default;
 RefDirectoryKeyStore& RefDirectoryKeyStore::operator=(const RefDirectoryKeyStore& other) = default;
 RefDirectoryKeyStore::~RefDirectoryKeyStore() = default;

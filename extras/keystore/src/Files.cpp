@@ -1,15 +1,12 @@
 #include "Files.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
+#include <utility>
 
 namespace Norvane::Crypto::NVX509::keystore {
 
@@ -32,7 +29,7 @@ std::string octal(mode_t mode) {
     return text.data();
 }
 
-struct stat statusOf(const Descriptor& file) {
+struct stat statusOf(const FileDescriptor& file) {
     struct stat status {};
     if (fstat(file.get(), &status) != 0) {
         throwErrno("cannot be examined", errno);
@@ -52,93 +49,76 @@ void refuseUsableByOthers(mode_t mode) {
     }
 }
 
-Descriptor folderOrRefusal(int opened, int parent, const std::string& name) {
+/// Why what was met in place of a folder is not used.
+[[noreturn]] void refuseOther(mode_t mode) {
+    throw Refusal(S_ISLNK(mode) ? "is a symbolic link, which is not followed" : "is no folder");
+}
+
+FileDescriptor folderOrRefusal(int opened, int parent, const std::string& name) {
     const int error = errno;
     struct stat status {};
     if (opened < 0 && (error == ENOTDIR || error == ELOOP) &&
         fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(status.st_mode)) {
-        throw Refusal(S_ISLNK(status.st_mode) ? "is a symbolic link, which is not followed" : "is no folder");
+        refuseOther(status.st_mode);
     }
     if (opened < 0) {
         throwErrno("cannot be opened", error);
     }
-    Descriptor folder(opened);
+    FileDescriptor folder(opened);
     refuseWritableByAll(statusOf(folder).st_mode);
     return folder;
 }
 
-/// Reads until the end, or one byte more than expected.
-Buffer readAll(const Descriptor& file, unsigned int expected, bool secret) {
-    Buffer content(static_cast<int>(expected + 1), 0);
-    if (secret) {
-        content.protect();
-    }
-    unsigned int length = 0;
-    while (length <= expected) {
-        const auto count = ::read(file.get(), content.data() + length, expected + 1 - length);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            throwErrno("cannot be read", errno);
-        }
-        if (count == 0) {
-            break;
-        }
-        length += static_cast<unsigned int>(count);
-    }
-    if (length != expected) {
-        throw Refusal("changed while it was read");
-    }
-    content.length(length);
-    return content;
-}
-
 } // namespace
 
-Descriptor::~Descriptor() {
-    if (m_number >= 0) {
-        ::close(m_number);
-    }
-}
-
-Descriptor openStore(const std::string& path) {
+FileDescriptor openStore(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         throw Refusal("the path holds a NUL byte");
     }
     return folderOrRefusal(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), AT_FDCWD, path);
 }
 
-Descriptor openFolder(const Descriptor& parent, const std::string& name) {
+FileDescriptor openFolder(const FileDescriptor& parent, const std::string& name) {
     return folderOrRefusal(::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC),
                            parent.get(), name);
 }
 
-std::vector<std::string> namesIn(const Descriptor& folder) {
-    const int own = ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(own < 0 ? nullptr : fdopendir(own), closedir);
-    if (!stream) {
-        const Descriptor closing(own);
-        throwErrno("cannot be listed", errno);
+FileState folderState(const FileDescriptor& parent, const std::string& name) {
+    struct stat status {};
+    if (fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        throwErrno("cannot be opened", errno);
     }
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = readdir(stream.get())) {
-        if (entry->d_name[0] != '.') {
-            names.emplace_back(entry->d_name);
-        }
-        errno = 0;
+    if (!S_ISDIR(status.st_mode)) {
+        refuseOther(status.st_mode);
     }
-    if (errno != 0) {
-        throwErrno("cannot be listed", errno);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
+    refuseWritableByAll(status.st_mode);
+    return FileState(status);
 }
 
-std::optional<Buffer> readFile(const Descriptor& folder, const char* name, Content content) {
+std::vector<std::string> foldersOf(const FileDescriptor& store) {
+    FolderNames listed = namesIn(store);
+    if (listed.error != 0) {
+        throwErrno("cannot be listed", listed.error);
+    }
+    return std::move(listed.names);
+}
+
+FileState stateOf(const FileDescriptor& file) {
+    return FileState(statusOf(file));
+}
+
+std::optional<FileState> stateAt(const FileDescriptor& folder, const std::string& name) {
+    struct stat status {};
+    if (fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return std::nullopt;
+    }
+    return FileState(status);
+}
+
+std::optional<Buffer> readFile(const FileDescriptor& folder, const std::string& name, Content content,
+                               std::optional<FileState>& state) {
     // Without O_NONBLOCK a FIFO would hold up the load until somebody writes to it.
-    const int opened = ::openat(folder.get(), name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int opened = ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (opened < 0) {
         if (errno == ENOENT) {
             return std::nullopt;
@@ -148,8 +128,9 @@ std::optional<Buffer> readFile(const Descriptor& folder, const char* name, Conte
         }
         throwErrno("cannot be opened", errno);
     }
-    const Descriptor file(opened);
+    const FileDescriptor file(opened);
     const struct stat status = statusOf(file);
+    state.emplace(status);
     if (!S_ISREG(status.st_mode)) {
         throw Refusal("is no regular file");
     }
@@ -157,7 +138,14 @@ std::optional<Buffer> readFile(const Descriptor& folder, const char* name, Conte
     if (status.st_size > static_cast<off_t>(largestFile)) {
         throw Refusal("is larger than 1 MiB");
     }
-    return readAll(file, static_cast<unsigned int>(status.st_size), content == Content::secret);
+    FileContent all = readWhole(file, static_cast<unsigned int>(status.st_size), content == Content::secret);
+    if (all.error != 0) {
+        throwErrno("cannot be read", all.error);
+    }
+    if (all.changed) {
+        throw Refusal("changed while it was read");
+    }
+    return std::move(all.bytes);
 }
 
 } // namespace Norvane::Crypto::NVX509::keystore

@@ -74,6 +74,15 @@ std::list<RefCertificate> certificatesOf(const Buffer& pem) {
     return certificates;
 }
 
+std::optional<Buffer> firstCertificate(const Buffer& pem) {
+    const QuietQuestion quiet;
+    try {
+        return nextCertificate(sourceOver(pem).get(), "");
+    } catch (const Refusal&) {
+        return std::nullopt;
+    }
+}
+
 Buffer passphraseOf(const Buffer& text) {
     const unsigned char* const bytes = text.data();
     unsigned int length = text.length();

@@ -16,6 +16,9 @@ namespace Norvane::Crypto::NVX509::keystore {
 /// does not decode
 std::list<RefCertificate> certificatesOf(const Buffer& pem);
 
+/// The first certificate of a text, not decoded; nothing when there is none or it is damaged.
+std::optional<Buffer> firstCertificate(const Buffer& pem);
+
 /// The one line of a passphrase file, without its end. \throws Refusal
 Buffer passphraseOf(const Buffer& text);
 

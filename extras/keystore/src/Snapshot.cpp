@@ -1,8 +1,10 @@
 #include "Snapshot.h"
 
+#include "Names.h"
+
 #include <norvcmsg/Strings.h>
 
-#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <array>
@@ -42,54 +44,75 @@ std::string keyOf(const std::string& pattern) {
     return anyDomain ? std::string() : domainKey(pattern);
 }
 
-/// An issuer and serial number in the order of the index.
-struct Key {
-    const ASN1::Integer& serial;
-    const X509_NAME* issuer;
+bool isValidAt(const Entry::Leaf& leaf, std::time_t now) {
+    return now >= leaf.validFrom && now < leaf.validUntil;
+}
 
-    bool operator<(const Key& other) const {
-        if (serial < other.serial || other.serial < serial) {
-            return serial < other.serial;
-        }
-        return X509_NAME_cmp(issuer, other.issuer) < 0;
+/// What an identity can be taken for while its certificate is valid.
+std::array<Fitness, 3> fitnessOf(const Entry::Leaf& leaf, bool hasKey) {
+    auto fitness = leaf.fitness;
+    if (!hasKey) {
+        fitness.at(static_cast<std::size_t>(Purpose::signing)) = Fitness::noKey;
+        fitness.at(static_cast<std::size_t>(Purpose::decryption)) = Fitness::noKey;
     }
-};
-
-Key keyOf(const KeyCertificatePair& pair) {
-    return {pair->certificate->serialNumber(), pair->certificate->issuer().object()};
+    return fitness;
 }
 
 } // namespace
 
-void Snapshot::add(Identity identity, const Facts& facts) {
-    if (identity.hasKey) {
-        m_bySerial.push_back(identities.size());
+Snapshot::Snapshot(const std::string& directory, const Snapshot* before, DirectoryKeyStore::Reading reading)
+    : m_store(openStore(directory)) {
+    const auto names = foldersOf(m_store);
+    m_entries.reserve(names.size());
+    auto known = before == nullptr ? m_entries.cend() : before->m_entries.cbegin();
+    const auto end = before == nullptr ? m_entries.cend() : before->m_entries.cend();
+    for (const auto& name : names) {
+        while (known != end && (*known)->name() < name) {
+            ++known;
+        }
+        const bool isKnown = known != end && (*known)->name() == name;
+        m_entries.push_back(isKnown ? Entry::listAgain(*known, m_store) : Entry::list(m_store, name));
+        if (reading == DirectoryKeyStore::Reading::ahead) {
+            readAhead(m_entries.back());
+        }
     }
-    for (std::size_t owner = 0; owner < identity.owners.size(); ++owner) {
-        precedence.push_back({identities.size(), owner});
-    }
-    identities.push_back(std::move(identity));
-    m_facts.push_back(facts);
+    indexPatterns();
 }
 
-void Snapshot::index() {
-    std::stable_sort(m_bySerial.begin(), m_bySerial.end(), [this](std::size_t left, std::size_t right) {
-        return keyOf(m_facts[left].pair) < keyOf(m_facts[right].pair);
-    });
+/// A folder that changes while it is read is listed anew, and left as it was listed when it goes on changing.
+void Snapshot::readAhead(std::shared_ptr<Entry>& entry) {
+    constexpr int mostAttempts = 3;
+    for (int attempt = 0; attempt < mostAttempts && !entry->refusal(); ++attempt) {
+        try {
+            static_cast<void>(entry->holding(m_store, Asker::lookUp));
+            return;
+        } catch (const Changed&) {
+            entry = Entry::list(m_store, entry->name());
+        }
+    }
+}
+
+void Snapshot::indexPatterns() {
+    for (std::size_t entry = 0; entry < m_entries.size(); ++entry) {
+        for (std::size_t owner = 0; owner < m_entries[entry]->owners().size(); ++owner) {
+            m_precedence.push_back({entry, owner});
+        }
+    }
     std::vector<std::tuple<std::int64_t, std::size_t, std::size_t>> order; // in which less comes first
-    order.reserve(precedence.size());
-    for (const auto& place : precedence) {
-        order.emplace_back(-static_cast<std::int64_t>(patternAt(place).literalLength()), place.owner, place.identity);
+    order.reserve(m_precedence.size());
+    for (const auto& place : m_precedence) {
+        order.emplace_back(-static_cast<std::int64_t>(patternAt(place).literalLength()), place.owner, place.entry);
     }
     std::sort(order.begin(), order.end());
+    m_byText.reserve(order.size());
     for (std::size_t rank = 0; rank < order.size(); ++rank) {
-        precedence[rank] = {.identity = std::get<2>(order[rank]), .owner = std::get<1>(order[rank])};
-        m_byText[keyOf(patternAt(precedence[rank]).text())].push_back(rank);
+        m_precedence[rank] = {.entry = std::get<2>(order[rank]), .owner = std::get<1>(order[rank])};
+        m_byText[keyOf(patternAt(m_precedence[rank]).text())].push_back(rank);
     }
 }
 
-const StringPattern& Snapshot::patternAt(const DirectoryKeyStore::Place& place) const {
-    return identities[place.identity].owners[place.owner].pattern;
+const StringPattern& Snapshot::patternAt(const Place& place) const {
+    return m_entries[place.entry]->owners()[place.owner].pattern;
 }
 
 template <class Visit> void Snapshot::eachMatch(const std::string& address, Visit visit) const {
@@ -113,58 +136,202 @@ template <class Visit> void Snapshot::eachMatch(const std::string& address, Visi
             return;
         }
         const std::size_t rank = (*lists[next])[heads[next]++];
-        if (patternAt(precedence[rank]).matches(address) && visit(rank)) {
+        if (patternAt(m_precedence[rank]).matches(address) && visit(rank)) {
             return;
         }
     }
 }
 
-Fitness Snapshot::fitnessOf(std::size_t identity, Purpose purpose, std::time_t now) const {
-    const Facts& facts = m_facts[identity];
-    const Fitness whileValid = identities[identity].fitness.at(static_cast<std::size_t>(purpose));
-    if (whileValid != Fitness::fit) {
-        return whileValid;
-    }
-    return now < facts.validFrom || now >= facts.validUntil ? Fitness::outOfValidity : Fitness::fit;
-}
-
-const Snapshot::Facts* Snapshot::find(const EmailAddress& address, Purpose purpose) const {
+std::optional<Snapshot::Hit> Snapshot::find(const EmailAddress& address, Purpose purpose) const {
     const std::time_t now = std::time(nullptr);
-    const Facts* best = nullptr;
+    std::optional<Hit> best;
     eachMatch(address.address(), [&](std::size_t rank) {
-        const auto identity = precedence[rank].identity;
-        const auto fitness = fitnessOf(identity, purpose, now);
-        if (fitness == Fitness::fit || (fitness == Fitness::outOfValidity && best == nullptr)) {
-            best = &m_facts[identity];
+        Entry& entry = *m_entries[m_precedence[rank].entry];
+        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp), nullptr, false};
+        if (hit.leaf->certificate.isNull() || hit.leaf->fitness.at(static_cast<std::size_t>(purpose)) != Fitness::fit) {
+            return false;
         }
-        return fitness == Fitness::fit;
+        hit.isValid = isValidAt(*hit.leaf, now);
+        if (!hit.isValid && best) {
+            return false;
+        }
+        if (purpose != Purpose::encryption) { // a key takes the longest to read, and is asked for last
+            hit.holding = entry.holding(m_store, Asker::lookUp);
+            if (!hit.holding->hasKey) {
+                return false;
+            }
+        }
+        best = std::move(hit);
+        return best->isValid;
     });
     return best;
 }
 
-const Snapshot::Facts* Snapshot::find(const DistinguishedName& issuer, const ASN1::Integer& serial) const {
+std::shared_ptr<const Snapshot::NameIndex> Snapshot::nameIndex() const {
+    const Synchronized lock(m_indexing);
+    if (m_nameIndex) {
+        return m_nameIndex;
+    }
+    auto made = std::make_shared<NameIndex>();
+    IssuerHashes hashes;
+    for (std::size_t entry = 0; entry < m_entries.size(); ++entry) {
+        if (m_entries[entry]->refusal()) {
+            continue;
+        }
+        if (const auto names = m_entries[entry]->names(m_store, hashes)) {
+            made->byIssuerAndSerial[names->issuerAndSerial].push_back(entry);
+            if (!names->keyIdentifier.empty()) {
+                made->byKeyIdentifier[names->keyIdentifier].push_back(entry);
+            }
+        }
+    }
+    return m_nameIndex = made;
+}
+
+template <class HasName> std::optional<Snapshot::Hit> Snapshot::firstWithKey(const Index& index,
+                                                                             const std::string& name,
+                                                                             HasName hasName) const {
+    const auto filed = index.find(name);
+    if (filed == index.end()) {
+        return std::nullopt;
+    }
+    for (const std::size_t at : filed->second) {
+        Entry& entry = *m_entries[at];
+        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp), nullptr, false};
+        if (hit.leaf->certificate.isNull() || !hasName(static_cast<X509*>(hit.leaf->certificate))) {
+            continue;
+        }
+        hit.holding = entry.holding(m_store, Asker::lookUp);
+        if (hit.holding->hasKey) {
+            hit.isValid = isValidAt(*hit.leaf, std::time(nullptr));
+            return hit;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Snapshot::Hit> Snapshot::find(const DistinguishedName& issuer, const ASN1::Integer& serial) const {
     if (issuer.isNull() || serial.object() == nullptr) {
-        return nullptr;
+        return std::nullopt;
     }
-    const Key wanted{serial, issuer.object()};
-    const auto found =
-        std::lower_bound(m_bySerial.begin(), m_bySerial.end(), wanted,
-                         [this](std::size_t identity, const Key& key) { return keyOf(m_facts[identity].pair) < key; });
-    if (found == m_bySerial.end() || wanted < keyOf(m_facts[*found].pair)) {
-        return nullptr;
+    const auto name = issuerAndSerial(issuer.object(), serial.object());
+    if (!name) {
+        return std::nullopt;
     }
-    return &m_facts[*found];
+    return firstWithKey(nameIndex()->byIssuerAndSerial, *name, [&](X509* certificate) {
+        return ASN1_INTEGER_cmp(X509_get0_serialNumber(certificate), serial.object()) == 0 &&
+               X509_NAME_cmp(X509_get_issuer_name(certificate), issuer.object()) == 0;
+    });
+}
+
+std::optional<Snapshot::Hit> Snapshot::findKeyIdentifier(const Buffer& keyIdentifier) const {
+    const std::string name(reinterpret_cast<const char*>(keyIdentifier.data()), keyIdentifier.length());
+    return firstWithKey(nameIndex()->byKeyIdentifier, name, [&](X509* certificate) {
+        const ASN1_OCTET_STRING* own = X509_get0_subject_key_id(certificate);
+        return own != nullptr && name == std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(own)),
+                                                     static_cast<std::size_t>(ASN1_STRING_length(own)));
+    });
+}
+
+class Snapshot::Survey {
+public:
+    explicit Survey(const Snapshot& snapshot) : m_snapshot(snapshot) {}
+
+    /// Takes up an entry; those that matter come in their order.
+    void add(std::size_t at) {
+        Entry& entry = *m_snapshot.m_entries[at];
+        if (entry.refusal()) {
+            m_contents->problems.push_back(*entry.refusal());
+            return;
+        }
+        const auto leaf = entry.leaf(m_snapshot.m_store, Asker::survey);
+        take(leaf->problems);
+        if (leaf->certificate.isNull()) {
+            return;
+        }
+        const auto holding = entry.holding(m_snapshot.m_store, Asker::survey);
+        take(holding->problems);
+        take(entry.ownersRefusal());
+        take(leaf->onlyByName);
+        m_identities.emplace(at, m_contents->identities.size());
+        m_leaves.push_back(leaf);
+        m_contents->identities.push_back({entry.name(), leaf->certificate, holding->pair->chain, holding->hasKey,
+                                          fitnessOf(*leaf, holding->hasKey), entry.owners()});
+    }
+    /// Takes up what was found wrong when an entry was listed, and nothing else of it.
+    void addListed(std::size_t at) {
+        take(m_snapshot.m_entries[at]->refusal());
+        take(m_snapshot.m_entries[at]->ownersRefusal());
+    }
+    /// The place of a pattern of an entry that was taken up; nothing for one that is not used.
+    std::optional<DirectoryKeyStore::Place> addPattern(const Place& place) {
+        const auto identity = m_identities.find(place.entry);
+        if (identity == m_identities.end()) {
+            return std::nullopt;
+        }
+        m_contents->precedence.push_back({identity->second, place.owner});
+        return m_contents->precedence.back();
+    }
+    [[nodiscard]] Fitness fitnessOf(std::size_t identity, Purpose purpose, std::time_t now) const {
+        const Fitness whileValid = m_contents->identities[identity].fitness.at(static_cast<std::size_t>(purpose));
+        return whileValid == Fitness::fit && !isValidAt(*m_leaves[identity], now) ? Fitness::outOfValidity : whileValid;
+    }
+    [[nodiscard]] std::shared_ptr<const DirectoryKeyStore::Contents> contents() const { return m_contents; }
+
+private:
+    static std::array<Fitness, 3> fitnessOf(const Entry::Leaf& leaf, bool hasKey) {
+        return keystore::fitnessOf(leaf, hasKey);
+    }
+    void take(const std::vector<Problem>& problems) {
+        m_contents->problems.insert(m_contents->problems.end(), problems.begin(), problems.end());
+    }
+    void take(const std::optional<Problem>& problem) {
+        if (problem) {
+            m_contents->problems.push_back(*problem);
+        }
+    }
+
+    const Snapshot& m_snapshot;
+    std::shared_ptr<DirectoryKeyStore::Contents> m_contents = std::make_shared<DirectoryKeyStore::Contents>();
+    std::vector<std::shared_ptr<const Entry::Leaf>> m_leaves;
+    std::unordered_map<std::size_t, std::size_t> m_identities; ///< by entry
+};
+
+std::shared_ptr<const DirectoryKeyStore::Contents> Snapshot::contents() const {
+    const Synchronized lock(m_surveying);
+    if (!m_contents) {
+        Survey survey(*this);
+        for (std::size_t entry = 0; entry < m_entries.size(); ++entry) {
+            survey.add(entry);
+        }
+        for (const auto& place : m_precedence) {
+            static_cast<void>(survey.addPattern(place));
+        }
+        m_contents = survey.contents();
+    }
+    return m_contents;
 }
 
 DirectoryKeyStore::Explanation Snapshot::explain(const EmailAddress& address, Purpose purpose) const {
     const std::time_t now = std::time(nullptr);
-    DirectoryKeyStore::Explanation explanation{shared_from_this(), {}, std::nullopt};
-    auto& matches = explanation.matches;
+    std::vector<std::size_t> ranks;
+    std::vector<bool> matched(m_entries.size());
     eachMatch(address.address(), [&](std::size_t rank) {
-        const auto& place = precedence[rank];
-        matches.push_back({place, fitnessOf(place.identity, purpose, now)});
+        ranks.push_back(rank);
+        matched[m_precedence[rank].entry] = true;
         return false;
     });
+    Survey survey(*this);
+    for (std::size_t entry = 0; entry < m_entries.size(); ++entry) {
+        matched[entry] ? survey.add(entry) : survey.addListed(entry);
+    }
+    DirectoryKeyStore::Explanation explanation{survey.contents(), {}, std::nullopt};
+    auto& matches = explanation.matches;
+    for (const std::size_t rank : ranks) {
+        if (const auto place = survey.addPattern(m_precedence[rank])) {
+            matches.push_back({*place, survey.fitnessOf(place->identity, purpose, now)});
+        }
+    }
     for (const auto wanted : {Fitness::fit, Fitness::outOfValidity}) {
         const auto first = std::find_if(matches.begin(), matches.end(),
                                         [wanted](const auto& match) { return match.fitness == wanted; });

@@ -1,9 +1,10 @@
 #pragma once
 
 /// \file
-/// What one load found, and the look-ups in it. It never changes, so that any number of threads may ask it.
+/// What one load found, and the look-ups in it. What it lists never changes, so that any number of threads may ask it; what a
+/// folder holds is read when a look-up comes to it.
 
-#include <norvcrypto-keystore/DirectoryKeyStore.h>
+#include "Entry.h"
 
 #include <cstdint>
 #include <ctime>
@@ -14,42 +15,67 @@
 
 namespace Norvane::Crypto::NVX509::keystore {
 
-using Fitness = DirectoryKeyStore::Fitness;
-using Identity = DirectoryKeyStore::Identity;
-using Purpose = DirectoryKeyStore::Purpose;
+class Snapshot {
+public:
+    /// Lists a directory. What did not change since `before`, if there is one, is taken over from it. \throws Refusal, Exhausted
+    Snapshot(const std::string& directory, const Snapshot* before, DirectoryKeyStore::Reading reading);
 
-struct Snapshot : DirectoryKeyStore::Contents, std::enable_shared_from_this<Snapshot> {
-    /// What look-ups want to know of an identity.
-    struct Facts {
-        KeyCertificatePair pair; ///< its key may be empty
-        std::int64_t validFrom;
-        std::int64_t validUntil;
+    /// An identity that a look-up led to.
+    struct Hit {
+        const Entry* entry;
+        std::shared_ptr<const Entry::Leaf> leaf;
+        std::shared_ptr<const Entry::Holding> holding; ///< null when no key was asked for
+        bool isValid;
     };
 
-    /// Adds an identity; folders come in the order of their names.
-    void add(Identity identity, const Facts& facts);
-    /// Makes the indexes, once all identities are there.
-    void index();
+    // All of these: \throws Changed, Exhausted
 
-    [[nodiscard]] Fitness fitnessOf(std::size_t identity, Purpose purpose, std::time_t now) const;
     /// The identity that an address leads to.
-    [[nodiscard]] const Facts* find(const EmailAddress& address, Purpose purpose) const;
-    [[nodiscard]] const Facts* find(const DistinguishedName& issuer, const ASN1::Integer& serial) const;
+    [[nodiscard]] std::optional<Hit> find(const EmailAddress& address, Purpose purpose) const;
+    /// The identity with a key whose certificate has a name.
+    [[nodiscard]] std::optional<Hit> find(const DistinguishedName& issuer, const ASN1::Integer& serial) const;
+    [[nodiscard]] std::optional<Hit> findKeyIdentifier(const Buffer& keyIdentifier) const;
     /// All that matches, and the winner.
     [[nodiscard]] DirectoryKeyStore::Explanation explain(const EmailAddress& address, Purpose purpose) const;
+    /// All that there is, read.
+    [[nodiscard]] std::shared_ptr<const DirectoryKeyStore::Contents> contents() const;
 
 private:
     using Ranks = std::vector<std::size_t>;
+    /// Indices of entries in their order, by what names their certificates.
+    using Index = std::unordered_map<std::string, std::vector<std::size_t>>;
+    /// A pattern: an entry's, by their indices.
+    struct Place {
+        std::size_t entry;
+        std::size_t owner;
+    };
+    struct NameIndex {
+        Index byIssuerAndSerial;
+        Index byKeyIdentifier;
+    };
+    /// Identities while they are put together, and where those of the entries are.
+    class Survey;
 
-    [[nodiscard]] const StringPattern& patternAt(const DirectoryKeyStore::Place& place) const;
-    /// Hands the ranks (indices into `precedence`) of the patterns that match to `visit`, first the one that wins,
+    void readAhead(std::shared_ptr<Entry>& entry);
+    void indexPatterns();
+    [[nodiscard]] const StringPattern& patternAt(const Place& place) const;
+    /// Hands the ranks (indices into `m_precedence`) of the patterns that match to `visit`, first the one that wins,
     /// until it answers true.
     template <class Visit> void eachMatch(const std::string& address, Visit visit) const;
+    [[nodiscard]] std::shared_ptr<const NameIndex> nameIndex() const;
+    template <class HasName>
+    [[nodiscard]] std::optional<Hit> firstWithKey(const Index& index, const std::string& name, HasName hasName) const;
 
-    std::vector<Facts> m_facts; ///< beside `identities`
+    FileDescriptor m_store;
+    std::vector<std::shared_ptr<Entry>> m_entries; ///< by the bytes of their names
+    std::vector<Place> m_precedence;               ///< all patterns, those first that win over the later ones
     /// The patterns that can match at all: by the whole address, by its domain, and the rest under an empty text.
     std::unordered_map<std::string, Ranks> m_byText;
-    std::vector<std::size_t> m_bySerial; ///< identities with a key, by serial number, issuer and folder
+
+    mutable Mutex m_indexing; ///< guards the next one, which is made when somebody asks for a name
+    mutable std::shared_ptr<const NameIndex> m_nameIndex;
+    mutable Mutex m_surveying; ///< guards the next one, which is made when somebody asks for it
+    mutable std::shared_ptr<const DirectoryKeyStore::Contents> m_contents;
 };
 
 } // namespace Norvane::Crypto::NVX509::keystore

@@ -20,6 +20,7 @@ using namespace Norvane::Crypto;
 using namespace Norvane::Crypto::NVX509;
 using Norvane::EmailAddress;
 using norvauthority::CertificateRequest;
+using Reading = DirectoryKeyStore::Reading;
 
 /// The key that all identities share: RSA, since to other keys nothing can be encrypted.
 inline const norvauthority::Key& sharedKey() {
@@ -137,7 +138,9 @@ class DirectoryKeyStoreTest : public x509testing::QuietQueue {
 protected:
     Store m_store;
 
-    [[nodiscard]] RefDirectoryKeyStore open() const { return RefDirectoryKeyStore(m_store.path()); }
+    [[nodiscard]] RefDirectoryKeyStore open(Reading reading = Reading::whenAsked) const {
+        return RefDirectoryKeyStore(m_store.path(), reading);
+    }
 };
 
 } // namespace keystoretesting

@@ -3,9 +3,9 @@
 /// \file
 /// What files and directories hold: certificates and lists, and what of it cannot be used.
 
+#include <norvcmsg/FileDescriptor.h>
 #include <norvcrypto-trust/TrustMaterial.h>
 
-#include <cstdint>
 #include <ctime>
 #include <map>
 #include <memory>
@@ -50,23 +50,17 @@ struct ReadPath {
 /// The contents of files by what tells that they did not change.
 class FileCache {
 public:
-    struct State {
-        std::uint64_t device, inode;
-        std::int64_t size, seconds, nanoseconds, changedSeconds, changedNanoseconds;
-        bool operator<(const State& other) const;
-    };
-
     /// What was read before, or null. What is asked for stays for the next load.
-    std::shared_ptr<const FileContents> find(const State& state);
+    std::shared_ptr<const FileContents> find(const FileState& state);
     /// \param readAt when reading began: a file that was written in those seconds is read again next time, since a second
     ///               change might leave its times as they are
-    void keep(const State& state, std::time_t readAt, std::shared_ptr<const FileContents> contents);
+    void keep(const FileState& state, std::time_t readAt, std::shared_ptr<const FileContents> contents);
     /// Forgets what was neither asked for nor kept since the last call.
     void forgetUnused();
 
 private:
-    std::map<State, std::shared_ptr<const FileContents>> m_used;
-    std::map<State, std::shared_ptr<const FileContents>> m_before;
+    std::map<FileState, std::shared_ptr<const FileContents>> m_used;
+    std::map<FileState, std::shared_ptr<const FileContents>> m_before;
 };
 
 enum class Expected : int { fileOrDirectory, directory };

@@ -54,9 +54,10 @@ bool DecryptionResult::needsMore() const {
     return !decrypted && std::any_of(attempts.begin(), attempts.end(), needs);
 }
 
-TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities, std::optional<SharedSecret> password,
-                                 std::optional<SharedSecret> keyEncryptionKey)
+TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
+                                 std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey)
     : m_identities(std::move(identities)),
+      m_store(std::move(store)),
       m_password(std::move(password)),
       m_keyEncryptionKey(std::move(keyEncryptionKey)) {
     for (const OwnIdentity& identity : m_identities)
@@ -91,16 +92,18 @@ void TrialDecryption::requireSupported(StructureFile& file) const {
 /// The outcome is `failed`, for now, when there is one to try.
 void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& attempt) const {
     using enum Attempt::Outcome;
+    const auto take = [&attempt](const OwnIdentity& identity) {
+        attempt.identity = identity;
+        attempt.outcome = attempt.kind == Recipient::keyTransport && !isRsa(identity.key) ? unfitKey : failed;
+    };
     const auto key = distinctive(name);
     const auto found = key ? m_byName.find(*key) : m_byName.end();
-    if (found == m_byName.end())
-        return;
-    for (const OwnIdentity* const identity : found->second) {
+    static const std::vector<const OwnIdentity*> none;
+    for (const OwnIdentity* const identity : found == m_byName.end() ? none : found->second) {
         if (!name.names(identity->certificate))
             continue;
         if (belongsTogether(*identity)) {
-            attempt.identity = *identity;
-            attempt.outcome = attempt.kind == Recipient::keyTransport && !isRsa(identity->key) ? unfitKey : failed;
+            take(*identity);
             return;
         }
         if (!attempt.identity) {
@@ -108,6 +111,8 @@ void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& a
             attempt.outcome = foreignKey;
         }
     }
+    if (const auto stored = m_store && key ? m_store->find(name) : std::nullopt)
+        take(*stored);
 }
 
 /// Whether there is something to try; the outcome is `failed` then, for now.

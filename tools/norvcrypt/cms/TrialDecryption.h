@@ -61,8 +61,9 @@ struct DecryptionResult {
 /// one as a rule.
 class TrialDecryption {
 public:
-    TrialDecryption(std::vector<OwnIdentity> identities, std::optional<SharedSecret> password,
-                    std::optional<SharedSecret> keyEncryptionKey);
+    /// \param store asked for recipients that none of the identities is
+    TrialDecryption(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
+                    std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey);
     ~TrialDecryption();
     TrialDecryption(const TrialDecryption&) = delete;
     TrialDecryption& operator=(const TrialDecryption&) = delete;
@@ -87,6 +88,7 @@ private:
     bool decryptInto(StructureFile& file, HeldBody& body);
 
     std::vector<OwnIdentity> m_identities;
+    std::optional<StoreIdentities> m_store;
     std::map<std::string, std::vector<const OwnIdentity*>> m_byName; ///< by what is distinctive in a name
     std::optional<SharedSecret> m_password;
     std::optional<SharedSecret> m_keyEncryptionKey;

@@ -62,24 +62,30 @@ std::string placeOf(const std::string& folder, const std::string& file) {
 }
 
 /// What was skipped, for programs and for people.
-Description problemsFacts(const Store::Contents& contents) {
+Description problemsFacts(const std::vector<Store::Problem>& problems) {
     Description all = Description::array();
-    for (const Store::Problem& problem : contents.problems)
+    for (const Store::Problem& problem : problems)
         all.push_back(problemFacts(problem));
     return all;
 }
 
-std::string problemsText(const Store::Contents& contents) {
+std::string problemsText(const std::vector<Store::Problem>& problems) {
     std::string text;
-    for (const Store::Problem& problem : contents.problems)
+    for (const Store::Problem& problem : problems)
         text += placeOf(problem.folder, problem.file) + ": skipped: " + escapeForDisplay(problem.reason) + "\n";
     return text;
 }
 
+std::shared_ptr<const Store::Contents> contentsOf(const std::string& directory) {
+    const auto store = openStore(directory);
+    return askStore(directory, [&] { return store->contents(); });
+}
+
 Exit list(const BindingsOptions& options) {
-    const auto contents = openStore(options.store)->contents();
-    Description all{
-        {"store", options.store}, {"identities", Description::array()}, {"problems", problemsFacts(*contents)}};
+    const auto contents = contentsOf(options.store);
+    Description all{{"store", options.store},
+                    {"identities", Description::array()},
+                    {"problems", problemsFacts(contents->problems)}};
     std::string text;
     for (const Store::Identity& identity : contents->identities) {
         Description facts = identityFacts(identity);
@@ -91,13 +97,13 @@ Exit list(const BindingsOptions& options) {
             facts["owners"].push_back(owner.pattern.text() + " (line " + std::to_string(owner.line) + ")");
         text += asText(escapeForDisplay(identity.folder) + ": identity", facts);
     }
-    text += problemsText(*contents);
+    text += problemsText(contents->problems);
     show(options.json ? asJson(all) : text);
     return Exit::good;
 }
 
 Exit check(const BindingsOptions& options) {
-    const auto contents = openStore(options.store)->contents();
+    const auto contents = contentsOf(options.store);
     const std::vector<Finding> findings = findingsIn(*contents, std::time(nullptr));
     Description all{
         {"store", options.store}, {"identities", contents->identities.size()}, {"problems", Description::array()}};
@@ -189,16 +195,17 @@ Exit find(const BindingsOptions& options) {
     Description all{{"store", options.store}, {"address", options.address}};
     std::string text;
     bool served = false;
+    std::vector<Store::Problem> problems;
     for (const Purpose purpose : {Purpose::signing, Purpose::encryption, Purpose::decryption}) {
-        const Store::Explanation found = store->explain(address, purpose);
+        const Store::Explanation found = askStore(options.store, [&] { return store->explain(address, purpose); });
         const Description facts = explanationFacts(found);
         served = served || found.winner.has_value();
         text += explanationText(purposeName(purpose), found, facts);
         all[purposeName(purpose)] = facts;
+        problems = found.contents->problems; // which might have been used; the same for every purpose
     }
-    // What was skipped might have been used.
-    text += problemsText(*store->contents());
-    all["problems"] = problemsFacts(*store->contents());
+    text += problemsText(problems);
+    all["problems"] = problemsFacts(problems);
     show(options.json ? asJson(all) : text);
     return served ? Exit::good : Exit::refused;
 }

@@ -9,8 +9,6 @@
 #include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
 
-#include <algorithm>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,17 +26,17 @@ struct DecryptOptions {
     std::string out = "-";
 };
 
-/// Those of the command line come first.
 std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inputs) {
     const std::vector<IdentityFiles> files = options.identities->files();
     if (files.empty() && !options.store && !options.password && !options.keyEncryptionKey)
         throw Failure(
             "give an identity to decrypt with: --cert and --key, or --p12, or --store, or what both sides have: "
             "--password-file or --kek-file (norvcrypt decrypt --help tells more)");
-    std::vector<OwnIdentity> identities = readIdentities(files, inputs);
-    if (options.store)
-        std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
-    return identities;
+    return readIdentities(files, inputs);
+}
+
+std::optional<StoreIdentities> storeOf(const DecryptOptions& options, Inputs& inputs) {
+    return options.store ? std::optional<StoreIdentities>(std::in_place, *options.store, inputs) : std::nullopt;
 }
 
 std::optional<SharedSecret> passwordOf(const DecryptOptions& options, Inputs& inputs) {
@@ -60,7 +58,7 @@ std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, In
 
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
-    TrialDecryption decryption(identitiesOf(options, inputs), passwordOf(options, inputs),
+    TrialDecryption decryption(identitiesOf(options, inputs), storeOf(options, inputs), passwordOf(options, inputs),
                                keyEncryptionKeyOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
     OutputFile out(options.out, inputs, OutputFile::Access::owner);

@@ -73,7 +73,7 @@ void addFromStore(Recipients& recipients, const EncryptOptions& options, Inputs&
     const NVX509::RefDirectoryKeyStore store = openStore(*options.store, &inputs);
     for (const std::string& address : options.addresses) {
         const auto identity = identityFor(store, *options.store, address, Store::Purpose::encryption);
-        recipients.add(identity.certificate, "of " + identity.folder + " in " + *options.store);
+        recipients.add(identity.pair->certificate, "of " + identity.folder + " in " + *options.store);
     }
 }
 

@@ -4,8 +4,6 @@
 #include "files/Progress.h"
 #include "files/Spill.h"
 
-#include <algorithm>
-#include <iterator>
 #include <list>
 #include <utility>
 #include <vector>
@@ -19,14 +17,34 @@ namespace SMime = Norvane::Crypto::SMime;
 namespace {
 
 std::list<NVX509::KeyCertificatePair> pairsOf(const MailOptions& options, Inputs& inputs) {
-    std::vector<OwnIdentity> identities = readIdentities(options.identities.files(), inputs);
-    if (options.store)
-        std::ranges::move(readIdentities(*options.store, inputs), std::back_inserter(identities));
     std::list<NVX509::KeyCertificatePair> pairs;
-    for (const OwnIdentity& identity : identities)
+    for (const OwnIdentity& identity : readIdentities(options.identities.files(), inputs))
         pairs.emplace_back(identity.key, identity.certificate, identity.chain);
     return pairs;
 }
+
+/// The keys in files, and after them those of a store.
+class MailKeys : public CMS::KeyLookup {
+public:
+    MailKeys(const MailOptions& options, Inputs& inputs) : m_files(pairsOf(options, inputs)) {
+        if (options.store)
+            m_store.emplace(*options.store, inputs);
+    }
+    [[nodiscard]] NVX509::KeyCertificatePair find(const CMS::CertificateIdentifier& recipient) const override {
+        auto pair = m_files.find(recipient);
+        if (pair || !m_store)
+            return pair;
+        const auto stored = m_store->find(recipient);
+        return stored ? NVX509::KeyCertificatePair(stored->key, stored->certificate, stored->chain) : pair;
+    }
+    [[nodiscard]] bool mayFind(CMS::NamedBy namedBy, const Norvane::Buffer& octets) const noexcept override {
+        return m_store || m_files.mayFind(namedBy, octets);
+    }
+
+private:
+    CMS::KeyListLookup m_files;
+    std::optional<StoreIdentities> m_store;
+};
 
 ReadMail readMail(const std::string& path, SMime::ReadOptions reading, Inputs& inputs, const TrustJudge* judge,
                   Norvane::MediaOut& content) {
@@ -55,7 +73,7 @@ MailOptions::MailOptions(Command& command) : identities(command) {
 
 ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
                   bool isWhole) {
-    const CMS::KeyListLookup keys(pairsOf(options, inputs));
+    const MailKeys keys(options, inputs);
     SMime::ReadOptions reading;
     reading.keys = &keys;
     reading.wholeMessage = isWhole;

@@ -32,7 +32,7 @@ void Demo::encrypt() {
 }
 
 std::string Demo::digestDecryptedBy(const std::string& name, const Identity& identity) {
-    TrialDecryption decryption({{certificateOf(identity), keyOf(identity), path(name + ".key")}}, {}, {});
+    TrialDecryption decryption({{certificateOf(identity), keyOf(identity), path(name + ".key")}}, {}, {}, {});
     Norvane::Crypto::HasherMediaOut hasher(Norvane::Crypto::Hasher::SHA256);
     HeldBody body(hasher);
     Progress progress("decrypting");

@@ -170,6 +170,19 @@ void Inputs::note(const std::string& path) {
         note(path, FileIdentity(status));
 }
 
+void Inputs::noteLater(EachFile eachFile) {
+    if (m_replaced.empty())
+        m_later.push_back(std::move(eachFile));
+    else
+        eachFile([this](const std::string& path) { note(path); });
+}
+
+bool Inputs::hold(const FileIdentity& file) {
+    for (const EachFile& eachFile : std::exchange(m_later, {}))
+        eachFile([this](const std::string& path) { note(path); });
+    return m_read.contains(file);
+}
+
 void Inputs::note(const std::string& path, const FileIdentity& file) {
     if (m_replaced.contains(file))
         throw Failure("cannot read " + inputName(path) + ": it is the output too, which would replace it");

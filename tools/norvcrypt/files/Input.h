@@ -6,8 +6,10 @@
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 
+#include <functional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace norvcrypt {
 
@@ -18,6 +20,8 @@ std::string inputName(const std::string& path);
 /// be read only once.
 class Inputs {
 public:
+    using EachFile = std::function<void(const std::function<void(const std::string& path)>&)>;
+
     /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
     /// \throws Failure: there is no such file, standard input was taken already, or an output
     /// replaces the file
@@ -32,8 +36,12 @@ public:
 
     /// Counts a file that is read by other means as an input, if it exists. \throws Failure: an output replaces it
     void note(const std::string& path);
+    /// Counts files as inputs that are so many that they are looked up when an output replaces a file, and not before.
+    /// \param eachFile hands the path of each to the function that it is given
+    /// \throws Failure: an output replaces one of them
+    void noteLater(EachFile eachFile);
     /// Whether a file is an input.
-    [[nodiscard]] bool hold(const FileIdentity& file) const { return m_read.contains(file); }
+    [[nodiscard]] bool hold(const FileIdentity& file);
     /// An output begins or ends to stand for a file that it replaces.
     void beginReplacing(const FileIdentity& file) { m_replaced.insert(file); }
     void endReplacing(const FileIdentity& file) { m_replaced.erase(file); }
@@ -42,6 +50,7 @@ private:
     void note(const std::string& path, const FileIdentity& file);
 
     bool m_standardInputTaken = false;
+    std::vector<EachFile> m_later;
     std::set<FileIdentity> m_read;
     std::set<FileIdentity> m_replaced;
 };

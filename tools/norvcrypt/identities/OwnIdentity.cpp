@@ -1,6 +1,5 @@
 #include "identities/OwnIdentity.h"
 #include "base/Failure.h"
-#include "identities/Store.h"
 #include "read/CertificateFile.h"
 #include "read/Pkcs12File.h"
 #include "read/PrivateKeyFile.h"
@@ -10,6 +9,8 @@
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
+using Norvane::Crypto::CMS::CertificateIdentifier;
+using Norvane::Crypto::CMS::NamedBy;
 
 namespace {
 
@@ -42,16 +43,20 @@ std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files,
     return identities;
 }
 
-std::vector<OwnIdentity> readIdentities(const std::string& store, Inputs& inputs) {
-    const auto opened = openStore(store, &inputs);
-    std::vector<OwnIdentity> identities;
-    for (const Store::Identity& identity : opened->contents()->identities)
-        if (identity.hasKey)
-            identities.push_back(
-                {identity.certificate,
-                 opened->find(identity.certificate->issuer(), identity.certificate->serialNumber())->key,
-                 store + "/" + identity.folder + "/key.pem"});
-    return identities;
+StoreIdentities::StoreIdentities(const std::string& directory, Inputs& inputs)
+    : m_directory(directory),
+      m_store(openStore(directory, &inputs)) {}
+
+std::optional<OwnIdentity> StoreIdentities::find(const CertificateIdentifier& name) const {
+    const auto found = askStore(m_directory, [&]() -> std::optional<Store::Found> {
+        if (name.namedBy() == NamedBy::subjectKeyIdentifier)
+            return m_store->searchKeyIdentifier(name.octets());
+        return name.serialNumber().isNull() ? std::nullopt : m_store->search(*name.issuer(), *name.serialNumber());
+    });
+    if (!found)
+        return std::nullopt;
+    return OwnIdentity{found->pair->certificate, found->pair->key, m_directory + "/" + found->folder + "/key.pem",
+                       found->pair->chain};
 }
 
 } // namespace norvcrypt

@@ -4,7 +4,9 @@
 /// Certificates with their private keys, as they are given for decrypting.
 
 #include "files/Input.h"
+#include "identities/Store.h"
 
+#include <norvcrypto/CMSIdentifier.h>
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/Key.h>
 
@@ -35,7 +37,18 @@ struct IdentityFiles {
 /// Reads the files. \throws Failure
 std::vector<OwnIdentity> readIdentities(const std::vector<IdentityFiles>& files, Inputs& inputs);
 
-/// The identities of a store that have a private key. \throws Failure
-std::vector<OwnIdentity> readIdentities(const std::string& store, Inputs& inputs);
+/// The identities of a store that have a private key, each read when a message names it.
+class StoreIdentities {
+public:
+    /// \throws Failure: the store cannot be read
+    StoreIdentities(const std::string& directory, Inputs& inputs);
+
+    /// The one that a recipient means; of several the first. \throws Failure: the store cannot be read any more
+    [[nodiscard]] std::optional<OwnIdentity> find(const Norvane::Crypto::CMS::CertificateIdentifier& name) const;
+
+private:
+    std::string m_directory;
+    Norvane::Crypto::NVX509::RefDirectoryKeyStore m_store;
+};
 
 } // namespace norvcrypt

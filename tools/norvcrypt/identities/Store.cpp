@@ -1,6 +1,11 @@
 #include "identities/Store.h"
 #include "base/Failure.h"
 
+#include <norvcmsg/FileDescriptor.h>
+
+#include <fcntl.h>
+#include <functional>
+
 namespace norvcrypt {
 
 namespace NVX509 = Norvane::Crypto::NVX509;
@@ -9,23 +14,21 @@ namespace {
 
 constexpr std::size_t longestShown = 300; // an address has 254 bytes at most
 
-void noteFiles(const std::string& directory, const Store::Contents& contents, Inputs& inputs) {
-    for (const Store::Identity& identity : contents.identities)
+/// Every file that may be one of a store's.
+void eachFile(const std::string& directory, const std::function<void(const std::string&)>& tell) {
+    const Norvane::FileDescriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (const std::string& folder : Norvane::namesIn(opened).names)
         for (const char* name : {"cert.pem", "chain.pem", "key.pem", "passphrase", "owners.txt"})
-            inputs.note(directory + "/" + identity.folder + "/" + name);
+            tell(directory + "/" + folder + "/" + name);
 }
 
 } // namespace
 
 NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs) {
-    try {
-        NVX509::RefDirectoryKeyStore store(directory);
-        if (inputs != nullptr)
-            noteFiles(directory, *store->contents(), *inputs);
-        return store;
-    } catch (const Norvane::Exception& failure) {
-        throw Failure("cannot load the store " + directory, failure);
-    }
+    NVX509::RefDirectoryKeyStore store = askStore(directory, [&] { return NVX509::RefDirectoryKeyStore(directory); });
+    if (inputs != nullptr)
+        inputs->noteLater([directory](const auto& tell) { eachFile(directory, tell); });
+    return store;
 }
 
 Norvane::EmailAddress mailAddress(const std::string& text) {
@@ -47,30 +50,29 @@ const char* purposeName(Store::Purpose purpose) {
     return "decryption";
 }
 
-Store::Identity identityFor(const NVX509::RefDirectoryKeyStore& store, const std::string& directory,
-                            const std::string& address, Store::Purpose purpose) {
-    const auto found = store->explain(mailAddress(address), purpose);
+Store::Found identityFor(const NVX509::RefDirectoryKeyStore& store, const std::string& directory,
+                         const std::string& address, Store::Purpose purpose) {
+    const auto parsed = mailAddress(address);
+    const auto found = askStore(directory, [&] { return store->search(parsed, purpose); });
     const std::string tellsMore = " (norvcrypt bindings find tells more)";
     const std::string wanted = std::string(purposeName(purpose)) + " for " + address;
-    if (!found.winner) {
-        const std::size_t skipped = found.contents->problems.size();
+    if (!found) {
+        const std::size_t skipped =
+            askStore(directory, [&] { return store->explain(parsed, purpose); }).contents->problems.size();
         throw Failure(
             "the store " + directory + " has nothing for " + wanted +
             (skipped == 0 ? "" : ", and " + std::to_string(skipped) + " of its files or folders are skipped") +
             tellsMore);
     }
-    const Store::Match& match = found.matches[*found.winner];
-    const Store::Identity& identity = found.contents->identities[match.place.identity];
-    if (match.fitness != Store::Fitness::fit)
-        throw Failure("the certificate of " + identity.folder + " in " + directory + ", found for " + wanted +
+    if (!found->isValid)
+        throw Failure("the certificate of " + found->folder + " in " + directory + ", found for " + wanted +
                       ", is expired or not yet valid" + tellsMore);
-    return identity;
+    return *found;
 }
 
 NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address, Inputs& inputs) {
     const NVX509::RefDirectoryKeyStore store = openStore(directory, &inputs);
-    static_cast<void>(identityFor(store, directory, address, Store::Purpose::signing));
-    return store->findSigningKey(mailAddress(address));
+    return identityFor(store, directory, address, Store::Purpose::signing).pair;
 }
 
 } // namespace norvcrypt

@@ -3,6 +3,7 @@
 /// \file
 /// A store of identities in a directory, as the commands use it.
 
+#include "base/Failure.h"
 #include "files/Input.h"
 
 #include <norvcmsg/EmailAddress.h>
@@ -23,9 +24,18 @@ Norvane::EmailAddress mailAddress(const std::string& text);
 /// "signing", "encryption", "decryption".
 const char* purposeName(Store::Purpose purpose);
 
+/// Runs what asks a store. \throws Failure: the store cannot be read
+template <class Question> auto askStore(const std::string& directory, Question question) {
+    try {
+        return question();
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot load the store " + directory, failure);
+    }
+}
+
 /// The identity that serves an address at this moment. \throws Failure: there is none, or its certificate is not valid
-Store::Identity identityFor(const Norvane::Crypto::NVX509::RefDirectoryKeyStore& store, const std::string& directory,
-                            const std::string& address, Store::Purpose purpose);
+Store::Found identityFor(const Norvane::Crypto::NVX509::RefDirectoryKeyStore& store, const std::string& directory,
+                         const std::string& address, Store::Purpose purpose);
 
 /// The pair of the identity that signs for an address. \throws Failure as `identityFor`
 Norvane::Crypto::NVX509::KeyCertificatePair signerFor(const std::string& directory, const std::string& address,

@@ -104,7 +104,7 @@ protected:
 TEST_F(DirectoryKeyStoreReloadTest, SeesWhatCameWentAndChanged) {
     m_store.add("a", "*@a.example\n");
     m_store.add("b", "*@b.example\n");
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     m_store.remove("a");
     m_store.add("b", "*@bb.example\n");
     m_store.add("c", "*@c.example\n");
@@ -154,7 +154,7 @@ TEST_F(DirectoryKeyStoreReloadTest, ALinkToTheStoreIsFollowedAnewByEachLoad) {
 
 TEST_F(DirectoryKeyStoreReloadTest, WhenItFailsAsAWholeTheOldContentServesOn) {
     m_store.add("a", "*@a.example\n");
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     m_store.folder(".", 0777);
     EXPECT_EQ(reloadFailure(store), "everybody may write it (mode 0777); chmod o-w takes that away");
     m_store.remove("");
@@ -167,7 +167,7 @@ TEST_F(DirectoryKeyStoreReloadTest, WhenItFailsAsAWholeTheOldContentServesOn) {
 // Going on would take every identity away that nothing is wrong with.
 TEST_F(DirectoryKeyStoreReloadTest, WhenDescriptorsOrMemoryRunOutItFailsAsAWhole) {
     m_store.add("a", "*@a.example\n");
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     for (const int error : {EMFILE, ENFILE, ENOMEM}) {
         const auto reason = std::generic_category().message(error);
         s_onOpen = [error](const char* name) { return std::string(name) == "key.pem" ? error : 0; };
@@ -186,7 +186,7 @@ TEST_F(DirectoryKeyStoreReloadTest, WhenTheDirectoryCannotBeListedToItsEndItFail
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatCannotBeReadToItsEndIsReported) {
     m_store.add("a", "*@a.example\n");
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     {
         const During<int> failing(s_readError, EIO);
         store->reload();
@@ -204,7 +204,7 @@ TEST_F(DirectoryKeyStoreReloadTest, ReadingThatASignalInterruptsGoesOn) {
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatGrowsOrShrinksWhileItIsReadIsReported) {
     m_store.add("a", "*@a.example\n");
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     for (const long difference : {1L, -1L}) {
         const During<long> changing(s_sizeError, difference);
         store->reload();
@@ -216,7 +216,7 @@ TEST_F(DirectoryKeyStoreReloadTest, FoldersAndFilesThatVanishDuringTheLoadAreRep
     for (const char* name : {"a", "b", "c"}) {
         m_store.add(name, "*@" + std::string(name) + ".example\n");
     }
-    const auto store = open();
+    const auto store = open(Reading::ahead);
     s_onOpen = [this](const char* name) {
         if (std::string(name) == "a") { // between the listing and the reading
             m_store.remove("b");

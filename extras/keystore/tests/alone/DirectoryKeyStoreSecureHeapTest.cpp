@@ -15,6 +15,20 @@ namespace {
 class DirectoryKeyStoreSecureHeapTest : public DirectoryKeyStoreTest {
 protected:
     static void SetUpTestSuite() { ASSERT_NE(CRYPTO_secure_malloc_init(1U << 16U, 16), 0); }
+
+    /// What is thrown when the heap has no room left.
+    template <class Work> static auto whileFull(Work work) {
+        std::vector<void*> taken;
+        while (void* piece = CRYPTO_secure_malloc(64, __FILE__, __LINE__)) {
+            taken.push_back(piece);
+        }
+        ERR_clear_error();
+        auto thrown = norvtest::thrownBy(work);
+        for (void* piece : taken) {
+            CRYPTO_secure_free(piece, __FILE__, __LINE__);
+        }
+        return thrown;
+    }
 };
 
 TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfAnRsaKeyAndIsGivenBack) {
@@ -22,6 +36,7 @@ TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfAnRsaKeyAndIsGive
     const auto before = CRYPTO_secure_used();
     {
         const auto store = open();
+        EXPECT_EQ(signerFor(store, "a@x.example"), "x");
         EXPECT_THAT(problemsOf(store), IsEmpty());
         EXPECT_GE(CRYPTO_secure_used() - before, 2048U / 8U * 7U / 2U); // d, p, q, and the three of the CRT
     }
@@ -34,7 +49,7 @@ TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfOtherKeysToo) {
     for (const Key& key : {Key::ec(), Key::dsa(), Key::ed25519()}) {
         m_store.add("x", "*\n", identity("x", {.key = key, .issuer = &root}));
         const auto before = CRYPTO_secure_used();
-        const auto store = open();
+        const auto store = open(Reading::ahead);
         EXPECT_THAT(problemsOf(store), IsEmpty());
         EXPECT_GE(CRYPTO_secure_used() - before, 20U);
     }
@@ -43,22 +58,33 @@ TEST_F(DirectoryKeyStoreSecureHeapTest, HoldsTheSecretNumbersOfOtherKeysToo) {
 // Going on would take every key away that nothing is wrong with.
 TEST_F(DirectoryKeyStoreSecureHeapTest, WhenItIsFullALoadFailsAsAWholeAndTheOldContentServesOn) {
     m_store.add("x", "*\n");
-    const auto store = open();
-    std::vector<void*> taken;
-    while (void* piece = CRYPTO_secure_malloc(64, __FILE__, __LINE__)) {
-        taken.push_back(piece);
-    }
-    ERR_clear_error();
-    const auto thrown = norvtest::thrownBy([&] { store->reload(); });
-    for (void* piece : taken) {
-        CRYPTO_secure_free(piece, __FILE__, __LINE__);
-    }
+    const auto store = open(Reading::ahead);
+    const auto thrown = whileFull([&] { store->reload(); });
     EXPECT_EQ(norvtest::detailOf(thrown),
               m_store.path() +
                   ": OpenSSL's secure heap has no room for the keys; a reload takes room for both contents");
     EXPECT_EQ(signerFor(store, "a@x.example"), "x");
     store->reload();
     EXPECT_EQ(signerFor(store, "a@x.example"), "x");
+}
+
+// An answer without the key would let somebody else sign, or nobody.
+TEST_F(DirectoryKeyStoreSecureHeapTest, WhenItIsFullALookUpThatNeedsAKeyFailsAndTheNextOneAnswers) {
+    m_store.add("x", "*\n");
+    const auto store = open();
+    const auto thrown = whileFull([&] { static_cast<void>(store->findSigningKey(address("a@x.example"))); });
+    norvtest::expectFailure(thrown, "DirectoryKeyStore::find", 4, "DirectoryKeyStore");
+    EXPECT_THAT(norvtest::detailOf(thrown), testing::HasSubstr("secure heap has no room"));
+    EXPECT_EQ(signerFor(store, "a@x.example"), "x");
+}
+
+TEST_F(DirectoryKeyStoreSecureHeapTest, WhatIsOnlyCheckedIsLetGo) {
+    m_store.add("x", "*\n");
+    const auto store = open();
+    const auto before = CRYPTO_secure_used();
+    EXPECT_TRUE(store->contents()->identities.at(0).hasKey);
+    EXPECT_EQ(CRYPTO_secure_used(), before);
+    EXPECT_FALSE(store->findSigningKey(address("a@x.example"))->key.isNull());
 }
 
 TEST_F(DirectoryKeyStoreSecureHeapTest, ABadKeyIsStillReportedAsOne) {

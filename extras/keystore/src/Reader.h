@@ -1,0 +1,16 @@
+#pragma once
+
+/// \file
+/// Reading the files of one folder.
+
+#include "Entry.h"
+
+namespace Norvane::Crypto::NVX509::keystore {
+
+/// Reads `cert.pem`. \throws Exhausted
+Entry::Leaf readLeaf(const FileDescriptor& folder, const std::string& name);
+
+/// Reads `chain.pem`, `passphrase` and `key.pem`, which have to go with a certificate. \throws Exhausted
+Entry::Holding readHolding(const FileDescriptor& folder, const std::string& name, const Entry::Leaf& leaf, Asker asker);
+
+} // namespace Norvane::Crypto::NVX509::keystore
