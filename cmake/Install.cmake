@@ -21,7 +21,7 @@ install(DIRECTORY extras/smime/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/
 install(EXPORT norvcryptoTargets NAMESPACE norvcrypto:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
 configure_package_config_file(cmake/norvcryptoConfig.cmake.in "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake"
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
-write_basic_package_version_file("${PROJECT_BINARY_DIR}/norvcryptoConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/norvcryptoConfigVersion.cmake" COMPATIBILITY ${NORV_COMPATIBILITY})
 install(FILES "${PROJECT_BINARY_DIR}/norvcryptoConfig.cmake" "${PROJECT_BINARY_DIR}/norvcryptoConfigVersion.cmake"
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norvcrypto)
 
@@ -34,14 +34,3 @@ configure_file(cmake/norvcrypto-smime.pc.in "${PROJECT_BINARY_DIR}/norvcrypto-sm
 install(FILES "${PROJECT_BINARY_DIR}/norvcrypto.pc" "${PROJECT_BINARY_DIR}/norvcrypto-keystore.pc"
               "${PROJECT_BINARY_DIR}/norvcrypto-trust.pc" "${PROJECT_BINARY_DIR}/norvcrypto-smime.pc"
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-set(CPACK_PACKAGE_NAME norvcrypto)
-set(CPACK_PACKAGE_CONTACT "norvcrypto maintainers <maintainers@example.org>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libgcrypt20") # loaded at run time, which is not seen in the programs
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libssl-dev") # for programs that are built against it
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-include(CPack)

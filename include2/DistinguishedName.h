@@ -52,7 +52,7 @@ namespace Norvane::Crypto::NVX509 {
 /// One attribute of a name as text.
 struct RDNPair {
     std::string type;  ///< the attribute's short name (CN, O, emailAddress, ...) or its dotted object identifier
-    std::string value; ///< the printable value; bytes outside 0x20 to 0x7E are written as \xHH
+    std::string value; ///< the printable value; bytes outside 0x20 to 0x7E are written as `\xHH`
 };
 
 /// A name, which may be empty: the null name.
@@ -63,7 +63,7 @@ public:
     /// Borrows a name; null gives the null name.
     explicit DistinguishedName(const X509_name_st* name);
     /// Builds a name of its own from the entries, in their order, through their texts: a value with bytes outside 0x20
-    /// to 0x7E keeps the \xHH of its text, and a type that OpenSSL does not know by that text is left out. Without
+    /// to 0x7E keeps the `\xHH` of its text, and a type that OpenSSL does not know by that text is left out. Without
     /// entries it is the null name.
     explicit DistinguishedName(const stack_st_X509_NAME_ENTRY* entries);
     /// Parses a text: components between commas, each a type, "=" and a value, with blanks around each dropped. Types
@@ -112,8 +112,8 @@ private:
 };
 
 /// A name as people are to read it, in the form of RFC 4514: the attributes in the order of `asString()`, values in
-/// UTF-8, attributes of one RDN joined by "+". What has a meaning there (`,` `+` `"` `\` `<` `>` `;`, a leading `#`,
-/// blanks at the ends) has a backslash before it; bytes that are no UTF-8 and characters that would not be seen
+/// UTF-8, attributes of one RDN joined by "+". What has a meaning there (comma, plus sign, double quote, backslash,
+/// less-than and greater-than sign, semicolon, a leading number sign, blanks at the ends) has a backslash before it; bytes that are no UTF-8 and characters that would not be seen
 /// (`utf8::isHidden`) are written as `\HH`, a byte each; a value that is no text as "#" and its DER in hex digits. So the
 /// text breaks no line, drives no terminal, and values of other characters look different: show it as it is. It is not
 /// `asString()`, which does not escape what others chose to look like an escape, and no input for the constructor from a

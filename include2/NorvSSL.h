@@ -30,6 +30,7 @@
 /// the program calls SSL_CTX_set_verify. The appliance-wide context asks, and lets every peer pass: a handshake never
 /// ends because a certificate is unknown, expired or revoked. Whoever uses the connection has to look at both
 /// SSL_get_verify_result and SSL_get_peer_certificate, since a peer without a certificate has the result X509_V_OK.
+/// `ConnectionOptions::requireTrust` (SSLConnection.h) has sockets do that, the host name included.
 ///
 /// On both, server sides send no session tickets, a read never retries behind the caller's back (SSL_MODE_AUTO_RETRY is
 /// off), and what else is not said here is OpenSSL's default for the machine, its configuration file included.
@@ -52,6 +53,7 @@
 #include <norvcrypto/Export.h>
 #include <norvcrypto/Key.h>
 #include <norvcrypto/NorvRefcounted>
+#include <norvcrypto/SSLConnection.h>
 
 #include <cstddef>
 #include <list>
@@ -105,11 +107,16 @@ public:
     /// \throws Exception as `certificate` and `appendToCertificatePath`
     void certificatePath(const std::list<NVX509::RefCertificate>& path);
 
+    /// What `SSLSocket`s on this context ask of their connections, unless they have options of their own; nothing at first.
+    void connectionOptions(const ConnectionOptions& options) { m_options = options; }
+    [[nodiscard]] const ConnectionOptions& connectionOptions() const noexcept { return m_options; }
+
     /// The `SSL_CTX`, which stays this body's; null when it was made around null.
     [[nodiscard]] ssl_ctx_st* sslContext() const noexcept { return m_context; }
 
 private:
     ssl_ctx_st* m_context;
+    ConnectionOptions m_options;
 };
 
 } // namespace Norvane::Crypto::NVSSL

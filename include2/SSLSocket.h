@@ -10,12 +10,12 @@
 /// NVSSL::RefContext context = NVSSL::ContextFactory().create(NVSSL::ContextFactory::SSL_V23, true);
 /// SSL_CTX_load_verify_locations(context, "trusted.pem", nullptr);
 ///
-/// NVSSL::SSLSocket socket(context, SocketAddress("192.0.2.1:465"));      // TCP and TLS: connected, or an exception
-/// X509* peer = SSL_get0_peer_certificate(socket);                        // OpenSSL's questions go to the SSL
-/// if (peer == nullptr || SSL_get_verify_result(socket) != X509_V_OK || X509_check_host(peer, "mx.example.org", 0, 0,
-///                                                                                      nullptr) != 1) {
-///     return;                                                            // nobody checked it before
-/// }
+/// NVSSL::ConnectionOptions options;                                      // see SSLConnection.h
+/// options.timeLimit = 30000;                                             // milliseconds
+/// options.handshakeLimit = 10000;
+/// options.hostName = "mx.example.org";
+/// options.requireTrust = true;
+/// NVSSL::SSLSocket socket(context, SocketAddress("192.0.2.1:465"), options); // TCP and TLS with that host, or an exception
 /// socket.send(reinterpret_cast<const uchar_t*>("QUIT\r\n"), 6);
 /// uchar_t answer[16384];                                                 // a whole TLS record, see `receive`
 /// const int got = socket.receive(answer, sizeof answer);                 // 0 at the end
@@ -30,9 +30,24 @@
 /// NVSSL::SSLSocket peer(listener.accept());                              // the accepted socket, with its SSL
 /// \endcode
 ///
+/// STARTTLS (RFC 3207 and its like): a plain connection turns into TLS once both sides agreed to. What the program has
+/// received and not used yet is handed in, and must be nothing: whoever sits between the two could have put it there, to
+/// be taken for what the server says under TLS.
+///
+/// \code
+/// Socket plain(true);
+/// plain.timeLimit(30000);
+/// plain.connect(SocketAddress("192.0.2.1:25"));
+/// Buffer unread;
+/// ...                                                                    // "STARTTLS", and "220 go ahead" in answer
+/// NVSSL::SSLSocket socket = NVSSL::SSLSocket::upgradeClient(context, plain, unread, options);
+/// socket.session().cipher;                                               // "TLS_AES_256_GCM_SHA384"
+/// \endcode
+///
 /// Trust. A handshake that ends well says nothing about the peer unless the context was told to verify; with a context
 /// that lets everybody pass, as the appliance-wide one does, the answers of SSL_get_verify_result and
-/// SSL_get_peer_certificate are what counts. Neither compares the host name: X509_check_host does.
+/// SSL_get_peer_certificate are what counts. Neither compares the host name: `ConnectionOptions::hostName` does. With
+/// `ConnectionOptions::requireTrust` there is no connection with a peer that is not trusted; otherwise `session` tells.
 ///
 /// Failures are `SocketException`s with the where-text "SocketException" and `Exception`s with that of the operation,
 /// source module "SSLSocket", code 4 where nothing else is said; what plain sockets throw comes as it is. Where the
@@ -44,11 +59,11 @@
 /// Waiting. A blocking socket waits for as long as the peer takes, or up to its `timeLimit` each time the peer has to
 /// do something; in `accept` it is the listening socket's limit that holds for the handshake. Without a limit, a peer
 /// that connects and says nothing keeps `accept` for ever, and with one, a peer that says a byte at a time keeps it for
-/// long: accept in threads of their own. What a peer can send without any data in it is bounded (`refuseCostlyMessages`),
+/// long: `ConnectionOptions::handshakeLimit` ends both, and still it is best to accept in threads of their own. What a peer can send without any data in it is bounded (`refuseCostlyMessages`),
 /// so that it cannot keep `receive` busy without end, but the limit begins anew with each thing that comes: a program that
 /// wants an answer within a time shuts the socket down from another thread. Deliberate: on a non-blocking socket a handshake, and a
-/// `send` that the system does not take, is tried again at once and without end, which keeps the processor busy: shake
-/// hands and send large pieces in blocking mode. A descriptor that the program made non-blocking by itself, while
+/// `send` that the system does not take, is tried again at once and without end, which keeps the processor busy: give it a
+/// `handshakeLimit`, or shake hands in blocking mode, and send large pieces there. A descriptor that the program made non-blocking by itself, while
 /// `isBlocking` is true, is waited for all the same in `send` and `receive`.
 ///
 /// Threads: a context may be shared by sockets of many threads. On one socket `send` and `receive` exclude each other:
@@ -57,8 +72,17 @@
 #include <norvcmsg/Socket.h>
 #include <norvcrypto/Export.h>
 #include <norvcrypto/NorvSSL.h>
+#include <norvcrypto/SSLConnection.h>
+
+#include <optional>
+
+namespace Norvane {
+class Buffer;
+}
 
 namespace Norvane::Crypto::NVSSL {
+
+class Handshake;
 
 /// The body of an SSL socket: the plain socket's, a context and the connection made on it.
 class NORVCRYPTO_EXPORT SSLSocketImpl : public SocketImpl {
@@ -68,6 +92,8 @@ public:
     SSLSocketImpl(RefContext& context, int family);
     /// Connected. \throws what `connect` throws
     SSLSocketImpl(RefContext& context, const SocketAddress& address);
+    /// Connected as `options` say. \throws what `connect` throws
+    SSLSocketImpl(RefContext& context, const SocketAddress& address, const ConnectionOptions& options);
     /// Tells the peer that the connection ends (one close notify, no wait for the peer's), and closes it. Waits, as
     /// `send` does, when the peer has stopped reading and the system holds all it will.
     ~SSLSocketImpl() override;
@@ -75,11 +101,13 @@ public:
     /// Takes the next connection of a listening socket and shakes hands as the server. The new socket is a blocking one
     /// on the same context. A null handle with `errno` `EAGAIN` when a non-blocking listener has none.
     ///
+    /// The options, `hostName` aside, hold for the connection that is accepted.
+    ///
     /// A failure is the connection's, not the listener's: call again.
     /// \throws Exception "virtual Norvane::Socket Norvane::Crypto::NVSSL::SSLSocketImpl::accept()": line 107,
     ///         "NVSSL::Context must not be empty."; line 119, "Could not create an SSL instance."
-    /// \throws SocketException line 125, "SSL_set_fd failed"; line 146, OpenSSL's errors: the handshake failed; or
-    ///         as `SocketImpl::accept`
+    /// \throws SocketException line 125, "SSL_set_fd failed"; line 146, OpenSSL's errors: the handshake failed; "the peer is
+    ///         not trusted: " and why (`requireTrust`); or as `SocketImpl::accept`
     Socket accept() override;
     /// Sends all of `data`. \return the bytes sent, `length` or 0
     ///
@@ -100,7 +128,10 @@ public:
     /// made. After a failure the socket is of no more use.
     /// \throws Exception "virtual void Norvane::Crypto::NVSSL::SSLSocketImpl::connect(const Norvane::SocketAddress&)":
     ///         line 62, "NVSSL::Context must not be empty."; line 69, "Could not create an SSL instance."
-    /// \throws SocketException line 76, "SSL_set_fd failed"; line 97, "SSL_connect failed"; or as `SocketImpl::connect`
+    /// \throws SocketException line 76, "SSL_set_fd failed"; line 97, "SSL_connect failed"; "the peer is not trusted: " and
+    ///         why (`requireTrust`); or as `SocketImpl::connect`. When the handshake took longer than its limit, OpenSSL's
+    ///         errors tell of a connection that timed out.
+    /// \throws Exception as `asciiHostName`, before anything is connected
     void connect(const SocketAddress& address) override;
     /// Receives what has arrived, up to `length` bytes. \return the number of bytes; 0 at the end of the stream, each
     /// time, with `errno` 0; 0 when a non-blocking socket has nothing, or cannot write what TLS has
@@ -122,12 +153,22 @@ public:
     ///         connection was reset or failed before; or as `SocketImpl::readable` and `SocketImpl::writable`
     int receive(uchar_t* buffer, uint_t length) override;
 
+    /// See `SSLSocket`.
+    void options(const ConnectionOptions& options) { m_options = options; }
+    [[nodiscard]] const ConnectionOptions& options() const;
+    [[nodiscard]] SessionFacts session() const;
+    void upgrade(Socket& plain, const Buffer& unread, bool client);
+
     /// The connection, which stays this body's; null until the plain connection was made.
     [[nodiscard]] ssl_st* ssl() const noexcept { return m_ssl; }
 
 private:
+    void shakeHandsAsClient(const Handshake& handshake, bool waits);
+    void shakeHandsAsServer(const Handshake& handshake, uint_t eachWait, bool waits);
+
     RefContext m_context;
     ssl_st* m_ssl = nullptr;
+    std::optional<ConnectionOptions> m_options; ///< none: the context's
 };
 
 /// A handle on an SSL socket.
@@ -139,11 +180,40 @@ public:
     SSLSocket(RefContext& context, int family);
     /// Connected to a server; blocking. \throws what `SSLSocketImpl::connect` throws
     SSLSocket(RefContext& context, const SocketAddress& address);
+    /// The same, as `options` say.
+    SSLSocket(RefContext& context, const SocketAddress& address, const ConnectionOptions& options);
     /// The same connection as `socket`; null when that is null or no SSL socket.
     explicit SSLSocket(const Socket& socket);
     SSLSocket(const SSLSocket& other);
     SSLSocket& operator=(const SSLSocket& other);
     ~SSLSocket() override;
+
+    /// Shakes hands as the client over a plain connection that stands: STARTTLS. The connection moves into the socket that
+    /// is returned, with its mode and time limit; `plain` and its copies are not open from then on, whatever becomes of
+    /// the handshake. Nothing else may use them meanwhile. A non-blocking socket is waited for, as a blocking one is.
+    ///
+    /// \param unread what the program has received and not used; has to be empty. What has arrived and was not received
+    ///        is looked at, too: a server that speaks TLS says nothing before the client does
+    /// \throws SocketException "came in plain text before the handshake", with the number of bytes: somebody may have put
+    ///         them in front of what the server says under TLS. `plain` is left as it was: close it
+    /// \throws SocketException code 1, "not connected"; "speaks TLS already"; and what `connect` throws after that
+    static SSLSocket upgradeClient(RefContext& context, Socket& plain, const Buffer& unread);
+    static SSLSocket upgradeClient(RefContext& context, Socket& plain, const Buffer& unread,
+                                   const ConnectionOptions& options);
+    /// The same as the server, after it has sent its consent. The client may have begun the handshake by then: what was not
+    /// received is taken for TLS, and ends the handshake when it is none. What follows the client's request in `unread`
+    /// came before the consent, and is refused.
+    /// \throws as `upgradeClient`, and what `accept` throws after it took a connection
+    static SSLSocket upgradeServer(RefContext& context, Socket& plain, const Buffer& unread);
+    static SSLSocket upgradeServer(RefContext& context, Socket& plain, const Buffer& unread,
+                                   const ConnectionOptions& options);
+
+    /// What is asked of the connection, to be set before it connects or listens; the context's options hold otherwise.
+    void options(const ConnectionOptions& options);
+    [[nodiscard]] const ConnectionOptions& options() const;
+    /// What the connection is after its handshake, asked of OpenSSL each time. Not while another thread sends or receives.
+    /// \throws SocketException code 1, "not connected": no handshake has ended well
+    [[nodiscard]] SessionFacts session() const;
 
     /// The connection, for OpenSSL's questions about it; it lives as long as the socket. Null before the plain
     /// connection was made, and for a null handle.

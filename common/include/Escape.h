@@ -15,7 +15,7 @@
 
 namespace Norvane {
 
-/// `text` with every byte that must not be shown as it is written as \xNN (two upper-case hex digits): bytes that are no
+/// `text` with every byte that must not be shown as it is written as `\xNN` (two upper-case hex digits): bytes that are no
 /// well-formed UTF-8, and each byte of a character that `utf8::isHidden`: control characters (below 0x20, 0x7F, U+0080 to
 /// U+009F), separators of lines and paragraphs (U+2028, U+2029), controls of the direction of writing (U+061C, U+200E,
 /// U+200F, U+202A to U+202E, U+2066 to U+2069), characters without width (U+200B to U+200D, U+2060 to U+2064, U+FEFF and

@@ -4,7 +4,7 @@
 /// The appliance's log. A record has an event code (32 bits, what operators match on), a level and a message made from
 /// a printf-style format whose fields are separated by the byte 0x01. Where records go is decided by sinks: standard
 /// error unless told otherwise, syslog on request, or a sink of the caller's. The library's own sinks write one line
-/// per record, escaped as by `escapeForDisplay`, fields separated by " | " (a bar inside a field is shown as \x7C) and
+/// per record, escaped as by `escapeForDisplay`, fields separated by " | " (a bar inside a field is shown as `\x7C`) and
 /// cut after 2048 bytes each. They show levels below 0 as errors, 0 as warnings, 1 as information, higher ones as
 /// debug.
 ///

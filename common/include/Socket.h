@@ -43,7 +43,7 @@ namespace Norvane {
 class Socket;
 
 /// The body of a socket: owns the descriptor, which is made by the first `bind`, `listen` or `connect` or filled in by
-/// `accept(SocketImpl*)`. The destructor closes it, nothing earlier, so that no thread can meet its number reused (only
+/// `accept(SocketImpl*)`. The destructor closes it, nothing earlier (`moveTo` hands it on), so that no thread can meet its number reused (only
 /// what could not be opened wholly is closed at once).
 ///
 /// A derived body may override the five virtual operations, no more. It runs the plain ones by their qualified names
@@ -91,6 +91,11 @@ public:
     /// \throws SocketException "SocketImpl::accept". Of its errors `EMFILE`, `ENFILE`, `ENOBUFS` and `ENOMEM` pass: pause
     /// and call again; `EINVAL` tells that the socket does not listen, or no more (`shutdown`)
     [[nodiscard]] bool accept(SocketImpl* target);
+
+    /// Gives the connection to `target`, which must not be open, with mode, time limit and family, as when the plain
+    /// connection goes on under TLS. This socket is not open then. No other thread may use either meanwhile.
+    /// \throws SocketException "SocketImpl::moveTo", code 1: not open; code 4: it listens, or `target` is open
+    void moveTo(SocketImpl& target);
 
     /// See `Socket::set`; only type 1 is there.
     void set(int type, bool nonBlocking, bool reuseAddress, int family);

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace Norvane {
 
@@ -90,6 +91,19 @@ void SocketImpl::listen(int backlog) {
     m_listening = true;
     applyMode(where);
     opening.keep();
+}
+
+void SocketImpl::moveTo(SocketImpl& target) {
+    constexpr auto where = "SocketImpl::moveTo";
+    requireOpen(where);
+    if (m_listening || target.m_descriptor >= 0) {
+        fail(where, m_listening ? EINVAL : EISCONN);
+    }
+    target.m_blocking = m_blocking;
+    target.m_timeLimit = m_timeLimit;
+    target.m_family = m_family;
+    target.m_peer = m_peer;
+    target.m_descriptor = std::exchange(m_descriptor, -1);
 }
 
 void SocketImpl::shutdown(bool receiving, bool sending) {

@@ -202,6 +202,42 @@ TEST(Socket, AListenerNeverBlocksInTheSystem) {
     EXPECT_FALSE(blocks(listener));
 }
 
+TEST(Socket, MovesAConnectionIntoAnotherBody) {
+    Socket listener = listening(SocketAddress("127.0.0.1:0"));
+    Socket from(true);
+    from.timeLimit(1234);
+    from.connect(listener.localAddress());
+    from.blocking(false);
+    Socket peer = listener.accept();
+    const int descriptor = from.descriptor();
+    Socket into(true);
+    from->moveTo(*into);
+    EXPECT_EQ(descriptor, into.descriptor());
+    EXPECT_EQ(-1, from.descriptor());
+    EXPECT_FALSE(into.isBlocking());
+    EXPECT_EQ(1234U, into.timeLimit());
+    from.close();
+    EXPECT_EQ(1, into.send(reinterpret_cast<const uchar_t*>("x"), 1)) << "the first body closed nothing";
+    uchar_t got = 0;
+    EXPECT_EQ(1, peer.receive(&got, 1));
+    EXPECT_EQ('x', got);
+
+    const auto codeOf = [](Socket& socket, Socket& target) {
+        try {
+            socket->moveTo(*target);
+        } catch (const Norvane::SocketException& failure) {
+            EXPECT_EQ("SocketImpl::moveTo", failure.where());
+            return failure.code();
+        }
+        return 0;
+    };
+    Socket closed(true);
+    EXPECT_EQ(1, codeOf(closed, into));
+    EXPECT_EQ(4, codeOf(peer, into)) << "the target is open";
+    EXPECT_EQ(4, codeOf(into, into));
+    EXPECT_EQ(4, codeOf(listener, closed)) << "it listens";
+}
+
 TEST(Socket, AnAcceptedSocketIsBlockingAndATargetKeepsItsMode) {
     Socket listener = listening();
     listener.blocking(false);

@@ -1,13 +1,16 @@
+#include "SSLSocket/Handshake.h"
 #include "SSLSocket/TimeLimit.h"
 #include "failures/Raise.h"
 #include "openssl/Connection.h"
 
+#include <norvcmsg/Buffer.h>
 #include <norvcrypto/SSLSocket.h>
 
 #include <openssl/err.h>
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -68,19 +71,39 @@ void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failu
     }
 }
 
-/// True when the handshake is through. Tries at once and without end as long as it only has to wait, unless the time
-/// limit is over.
-bool shakeHands(ssl_st* ssl, openssl::SslAnswer (*once)(ssl_st*), TimeLimit limit) {
-    while (true) {
-        const openssl::SslAnswer answer = once(ssl);
-        if (answer.result != -1 || !answer.wantsIo()) {
-            return answer.result == 1;
-        }
-        if (limit.passed(openssl::bytesMoved(ssl))) {
-            openssl::queueError("SSL_do_handshake", ERR_LIB_SYS, ETIMEDOUT);
-            return false;
-        }
+/// Frees a connection whose handshake was good and whose peer is not: nothing may go over it.
+[[noreturn]] void raiseDistrust(ssl_st*& ssl, const std::string& why) {
+    const std::string text = "the peer is not trusted: " + why;
+    auto exception = failures::exceptionFor<SocketException>(failures::peerNotTrusted);
+    exception.stringParameter(text);
+    if (ssl != nullptr) {
+        openssl::shutdownAndFree(std::exchange(ssl, nullptr));
     }
+    raiseBecauseOfOpenSsl(exception);
+}
+
+void prepare(const Handshake& handshake, ssl_st* ssl, const Failure& failure) {
+    if (!handshake.prepare(ssl)) {
+        raiseWithText<Exception>(failure, "Could not create an SSL instance.");
+    }
+}
+
+[[noreturn]] void refuseUpgrade(const std::string& why) {
+    failures::raise<SocketException>(failures::upgradeRefused, why);
+}
+
+void refusePlainText(std::size_t count, bool orMore) {
+    if (count != 0) {
+        refuseUpgrade(std::to_string(count) + (orMore ? " or more" : "") +
+                      " bytes came in plain text before the handshake");
+    }
+}
+
+/// What has arrived and was not received, up to a number.
+std::size_t arrived(int descriptor) {
+    std::array<char, 64> some{};
+    const auto count = ::recv(descriptor, some.data(), some.size(), MSG_PEEK | MSG_DONTWAIT);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 } // namespace
@@ -93,6 +116,12 @@ SSLSocketImpl::SSLSocketImpl(RefContext& context, const SocketAddress& address)
     SSLSocketImpl::connect(address);
 }
 
+SSLSocketImpl::SSLSocketImpl(RefContext& context, const SocketAddress& address, const ConnectionOptions& options)
+    : SSLSocketImpl(context, address.family()) {
+    m_options = options;
+    SSLSocketImpl::connect(address);
+}
+
 SSLSocketImpl::~SSLSocketImpl() {
     if (m_ssl != nullptr) {
         const TimeLimit limit(m_descriptor, timeLimit());
@@ -100,14 +129,47 @@ SSLSocketImpl::~SSLSocketImpl() {
     }
 }
 
-void SSLSocketImpl::connect(const SocketAddress& address) {
-    SocketImpl::connect(address);
+const ConnectionOptions& SSLSocketImpl::options() const {
+    static const ConnectionOptions none;
+    return m_options ? *m_options : m_context.isNull() ? none : m_context->connectionOptions();
+}
+
+void SSLSocketImpl::shakeHandsAsClient(const Handshake& handshake, bool waits) {
     requireContext(m_context, failures::connectWithoutContext);
     attach(m_ssl, m_context, m_descriptor, failures::connectNew, failures::connectDescriptor);
     SSL_set_connect_state(m_ssl);
-    if (!shakeHands(m_ssl, openssl::connectOnce, TimeLimit(m_descriptor, m_blocking ? timeLimit() : 0))) {
+    prepare(handshake, m_ssl, failures::connectNew);
+    const Patience patience{m_descriptor, m_blocking, timeLimit(), options().handshakeLimit, waits};
+    const bool done = handshake.run(m_ssl, patience);
+    if (const std::string why = handshake.distrust(m_ssl, done); !why.empty()) {
+        raiseDistrust(m_ssl, why);
+    }
+    if (!done) {
         raiseWithText<SocketException>(failures::connectHandshake, "SSL_connect failed");
     }
+}
+
+void SSLSocketImpl::shakeHandsAsServer(const Handshake& handshake, uint_t eachWait, bool waits) {
+    requireContext(m_context, failures::acceptWithoutContext);
+    attach(m_ssl, m_context, m_descriptor, failures::acceptNew, failures::acceptDescriptor);
+    prepare(handshake, m_ssl, failures::acceptNew);
+    const Patience patience{m_descriptor, m_blocking, eachWait, options().handshakeLimit, waits};
+    const bool done = handshake.run(m_ssl, patience);
+    if (const std::string why = handshake.distrust(m_ssl, done); !why.empty()) {
+        raiseDistrust(m_ssl, why);
+    }
+    if (!done) {
+        failures::raiseWithErrors<SocketException>(failures::acceptHandshake);
+    }
+}
+
+void SSLSocketImpl::connect(const SocketAddress& address) {
+    const Handshake handshake(options(), true);
+    if (timeLimit() == 0) {
+        timeLimit(options().timeLimit);
+    }
+    SocketImpl::connect(address);
+    shakeHandsAsClient(handshake, false);
 }
 
 Socket SSLSocketImpl::accept() {
@@ -117,11 +179,35 @@ Socket SSLSocketImpl::accept() {
     if (!SocketImpl::accept(&body)) {
         return {};
     }
-    attach(body.m_ssl, m_context, body.m_descriptor, failures::acceptNew, failures::acceptDescriptor);
-    if (!shakeHands(body.m_ssl, openssl::acceptOnce, TimeLimit(body.m_descriptor, timeLimit()))) {
-        failures::raiseWithErrors<SocketException>(failures::acceptHandshake);
-    }
+    body.m_options = m_options;
+    const Handshake handshake(options(), false);
+    body.shakeHandsAsServer(handshake, timeLimit() == 0 ? options().timeLimit : timeLimit(), false);
     return accepted;
+}
+
+void SSLSocketImpl::upgrade(Socket& plain, const Buffer& unread, bool client) {
+    const Handshake handshake(options(), client);
+    if (dynamic_cast<SSLSocketImpl*>(&*plain) != nullptr) {
+        refuseUpgrade("speaks TLS already");
+    }
+    if (!plain.connected()) {
+        failures::raise<SocketException>(failures::sslNotConnected, "not connected");
+    }
+    requireContext(m_context, client ? failures::connectWithoutContext : failures::acceptWithoutContext);
+    refusePlainText(unread.length(), false);
+    if (client) {
+        const std::size_t count = arrived(plain.descriptor());
+        refusePlainText(count, true);
+    }
+    plain->moveTo(*this);
+    if (timeLimit() == 0) {
+        timeLimit(options().timeLimit);
+    }
+    if (client) {
+        shakeHandsAsClient(handshake, true);
+    } else {
+        shakeHandsAsServer(handshake, timeLimit(), true);
+    }
 }
 
 int SSLSocketImpl::send(const uchar_t* data, uint_t length) {

@@ -150,6 +150,7 @@ inline constexpr const char* contextCreate =
 inline constexpr Failure contextClientMethod{contextCreate, operationFailed, "NorvSSL", 147};
 inline constexpr Failure contextServerMethod{contextCreate, operationFailed, "NorvSSL", 169};
 inline constexpr Failure contextNew{contextCreate, operationFailed, "NorvSSL", 181};
+inline constexpr Failure noHostName{"NVSSL::asciiHostName", operationFailed, "NorvSSL"};
 
 // SSLSocket
 inline constexpr const char* sslConnect =
@@ -168,6 +169,9 @@ inline constexpr Failure sendNotConnected{onTheWire, nullHandle, "SSLSocket", 16
 inline constexpr Failure sendFailed{onTheWire, operationFailed, "SSLSocket", 198};
 inline constexpr Failure receiveNotConnected{onTheWire, nullHandle, "SSLSocket", 212};
 inline constexpr Failure receiveFailed{onTheWire, operationFailed, "SSLSocket", 249};
+inline constexpr Failure peerNotTrusted{onTheWire, operationFailed, "SSLSocket"};
+inline constexpr Failure upgradeRefused{onTheWire, operationFailed, "SSLSocket"};
+inline constexpr Failure sslNotConnected{onTheWire, nullHandle, "SSLSocket"};
 
 // CMSStreamReader: enveloped data
 inline constexpr Failure envelopeReader{"CMS::EnvelopeReader", operationFailed, "CMSEnvelopeReader"};

@@ -4,6 +4,8 @@
 #include "support/Places.h"
 #include "support/Tls.h"
 
+#include <norvcmsg/Buffer.h>
+
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -46,14 +48,61 @@ protected:
 TEST_F(TlsClientExampleTest, PrintsTheAnswerOfATrustedServer) {
     const Outcome outcome = clientAgainst(serverContext(), "localhost", answer);
     EXPECT_EQ(0, outcome.code) << outcome.output;
-    EXPECT_EQ("answer\n", outcome.output);
+    EXPECT_EQ("TLSv1.3, TLS_AES_256_GCM_SHA384\nanswer\n", outcome.output);
+}
+
+/// Runs the client with --starttls against a server in this program, which says `consent` to STARTTLS and then `serve`s.
+class StartTlsExampleTest : public TlsExampleTest {
+protected:
+    template <class Serve> Outcome clientAgainst(const std::string& consent, Serve serve) {
+        Socket listening = tlstesting::listening(Socket(true));
+        auto outcome = std::async(std::launch::async, [&] {
+            return norvtest::run("(echo question | " + programs + "tls_client --starttls " +
+                                 listening.localAddress().asString() + " localhost " +
+                                 m_folder.write("root.pem", root().certificate.pem()) + ")");
+        });
+        {
+            Socket plain = listening.accept();
+            send(plain, "220-relay.example\r\n220 at your service\r\n");
+            EXPECT_EQ("EHLO client.example.org\r\n", receive(plain, 25));
+            send(plain, "250-relay.example\r\n250 STARTTLS\r\n");
+            EXPECT_EQ("STARTTLS\r\n", receive(plain, 10));
+            send(plain, consent);
+            serve(plain);
+        }
+        return outcome.get();
+    }
+};
+
+TEST_F(StartTlsExampleTest, GoesOnUnderTls) {
+    const Outcome outcome = clientAgainst("220 go ahead\r\n", [](Socket& plain) {
+        RefContext context = serverContext();
+        SSLSocket secured = SSLSocket::upgradeServer(context, plain, Buffer());
+        EXPECT_EQ("question\n", receive(secured, 9));
+        send(secured, "answer\n");
+    });
+    EXPECT_EQ(0, outcome.code) << outcome.output;
+    EXPECT_EQ("TLSv1.3, TLS_AES_256_GCM_SHA384\nanswer\n", outcome.output);
+}
+
+TEST_F(StartTlsExampleTest, RefusesWhatSomebodyPutBehindTheConsent) {
+    const Outcome outcome = clientAgainst("220 go ahead\r\n250 injected\r\n",
+                                          [](Socket& plain) { EXPECT_EQ("", receive(plain)) << "no handshake"; });
+    EXPECT_EQ(2, outcome.code);
+    EXPECT_THAT(outcome.output, HasSubstr("14 bytes came in plain text before the handshake"));
+}
+
+TEST_F(StartTlsExampleTest, SendsNothingToAServerThatDoesNotStartTls) {
+    const Outcome outcome = clientAgainst("454 not today\r\n", [](Socket& plain) { EXPECT_EQ("", receive(plain)); });
+    EXPECT_EQ(2, outcome.code);
+    EXPECT_THAT(outcome.output, HasSubstr("the server does not start TLS"));
 }
 
 TEST_F(TlsClientExampleTest, SendsNothingToAServerOfAnotherName) {
     const Outcome outcome =
         clientAgainst(serverContext(), "example.org", [](Socket& client) { EXPECT_EQ("", receive(client)); });
     EXPECT_EQ(1, outcome.code);
-    EXPECT_EQ("not trusted: the certificate is not that of example.org\n", outcome.output);
+    EXPECT_EQ("not trusted: hostname mismatch\n", outcome.output);
 }
 
 TEST_F(TlsClientExampleTest, SendsNothingToAnUnknownServer) {
