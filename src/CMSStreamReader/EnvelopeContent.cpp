@@ -5,6 +5,8 @@
 #include "framing/LentMediaIn.h"
 #include "openssl/ErrorQueue.h"
 
+#include <openssl/err.h>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -38,33 +40,10 @@ Octets takeFront(Octets& octets, std::size_t count) {
 
 } // namespace
 
-EnvelopeContent::~EnvelopeContent() {
-    if (m_scratch != nullptr) {
-        OPENSSL_cleanse(m_scratch.get(), s_pieceLength + EVP_MAX_BLOCK_LENGTH);
-    }
-}
+EnvelopeContent::~EnvelopeContent() = default;
 
 void EnvelopeContent::spillTo(const std::string& /*fileTemplate*/) {
     // Nothing is kept that could go to a file.
-}
-
-unsigned char* EnvelopeContent::scratch() {
-    if (m_scratch == nullptr) {
-        m_scratch.reset(static_cast<unsigned char*>(OPENSSL_malloc(s_pieceLength + EVP_MAX_BLOCK_LENGTH)));
-        if (m_scratch == nullptr) {
-            throw std::bad_alloc();
-        }
-    }
-    return m_scratch.get();
-}
-
-Octets EnvelopeContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {
-    const openssl::ErrorMark mark;
-    int count = 0;
-    if (EVP_DecryptUpdate(context, scratch(), &count, encrypted.data(), static_cast<int>(encrypted.size())) != 1) {
-        fail();
-    }
-    return {scratch(), static_cast<std::size_t>(count)};
 }
 
 StreamedContent::StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit,
@@ -77,28 +56,34 @@ StreamedContent::~StreamedContent() = default;
 void StreamedContent::start(const openssl::WipedBytes& contentKey) {
     const openssl::ErrorMark mark;
     // A key of a length that the cipher does not take is one that did not open.
-    m_usable = openssl::setContentKey(m_context.get(), contentKey, m_trusted) ||
-               openssl::setContentKey(m_context.get(), openssl::WipedBytes(), m_trusted);
+    if (openssl::setContentKey(m_context.get(), contentKey, m_trusted) ||
+        openssl::setContentKey(m_context.get(), openssl::WipedBytes(), m_trusted)) {
+        m_decryption.emplace(m_context.get());
+    }
 }
 
 Octets StreamedContent::next() {
-    if (!m_usable) {
+    if (!m_decryption) {
         fail();
     }
     if (m_piece.empty()) {
         m_piece = frame().piece();
     }
     if (!m_piece.empty()) {
-        return decrypt(m_context.get(), takeFront(m_piece, s_pieceLength));
+        const auto clear = m_decryption->update(takeFront(m_piece, openssl::PaddedDecryption::s_pieceLength));
+        if (!clear) {
+            ERR_clear_error(); // which no message brings about; a mark for each piece is dearer than all around it
+            fail();
+        }
+        return *clear;
     }
     frame().readTail(tailLimit());
-    const openssl::ErrorMark mark;
-    int count = 0;
-    if (EVP_DecryptFinal_ex(m_context.get(), scratch(), &count) != 1 || !m_trusted) {
+    const auto rest = m_decryption->finish();
+    if (!rest || !m_trusted) {
         fail();
     }
     complete();
-    return {scratch(), static_cast<std::size_t>(count)};
+    return *rest;
 }
 
 /// The encrypted content from its beginning, once more.
@@ -138,7 +123,30 @@ AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t t
       m_source(source),
       m_spillLimit(spillLimit) {}
 
-AuthenticatedContent::~AuthenticatedContent() = default;
+AuthenticatedContent::~AuthenticatedContent() {
+    if (m_scratch != nullptr) {
+        OPENSSL_cleanse(m_scratch.get(), s_pieceLength + EVP_MAX_BLOCK_LENGTH);
+    }
+}
+
+unsigned char* AuthenticatedContent::scratch() {
+    if (m_scratch == nullptr) {
+        m_scratch.reset(static_cast<unsigned char*>(OPENSSL_malloc(s_pieceLength + EVP_MAX_BLOCK_LENGTH)));
+        if (m_scratch == nullptr) {
+            throw std::bad_alloc();
+        }
+    }
+    return m_scratch.get();
+}
+
+Octets AuthenticatedContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {
+    const openssl::ErrorMark mark;
+    int count = 0;
+    if (EVP_DecryptUpdate(context, scratch(), &count, encrypted.data(), static_cast<int>(encrypted.size())) != 1) {
+        fail();
+    }
+    return {scratch(), static_cast<std::size_t>(count)};
+}
 
 void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
     m_usable = m_cipher.start(contentKey);

@@ -6,6 +6,7 @@
 #include "CMSStreamReader/EnvelopeFraming.h"
 #include "openssl/AuthenticatedCipher.h"
 #include "openssl/ContentCipher.h"
+#include "openssl/PaddedDecryption.h"
 
 #include <norvcmsg/Media.h>
 #include <norvcmsg/SwapBufferMediaOut.h>
@@ -40,20 +41,13 @@ public:
     [[nodiscard]] bool isComplete() const noexcept { return m_complete; }
 
 protected:
-    /// What is decrypted at once: enough for the calls not to count, and little enough to stay in a processor's nearest cache.
-    static constexpr std::size_t s_pieceLength = 0x4000;
-
     [[nodiscard]] EnvelopeFraming& frame() noexcept { return m_frame; }
     [[nodiscard]] std::size_t tailLimit() const noexcept { return m_tailLimit; }
     void complete() noexcept { m_complete = true; }
-    unsigned char* scratch();
-    /// Decrypts `s_pieceLength` octets at most into the scratch.
-    framing::Octets decrypt(EVP_CIPHER_CTX* context, framing::Octets encrypted);
 
 private:
     EnvelopeFraming& m_frame;
     std::size_t m_tailLimit;
-    openssl::OwnedMemory<unsigned char> m_scratch;
     bool m_complete = false;
 };
 
@@ -69,8 +63,8 @@ public:
 private:
     openssl::CipherContextPtr m_context;
     framing::Octets m_piece;
-    bool m_usable = false;  ///< OpenSSL took a key
-    bool m_trusted = false; ///< an end without an error is a success
+    std::optional<openssl::PaddedDecryption> m_decryption; ///< when OpenSSL took a key
+    bool m_trusted = false;                                ///< an end without an error is a success
 };
 
 /// AuthEnvelopedData: handed out after all of it was found authentic.
@@ -86,7 +80,12 @@ public:
 
 private:
     class Pieces;
+    /// What is decrypted at once.
+    static constexpr std::size_t s_pieceLength = openssl::PaddedDecryption::s_pieceLength;
 
+    unsigned char* scratch();
+    /// Decrypts `s_pieceLength` octets at most into the scratch.
+    framing::Octets decrypt(EVP_CIPHER_CTX* context, framing::Octets encrypted);
     void keep();
     void verify();
     void verifyAtOnce(Pieces& pieces, EVP_CIPHER_CTX* context);
@@ -106,6 +105,7 @@ private:
     std::unique_ptr<Pieces> m_pieces;
     openssl::CipherContextPtr m_context;
     openssl::WipedBytes m_atOnce; ///< all of a small content
+    openssl::OwnedMemory<unsigned char> m_scratch;
 };
 
 } // namespace Norvane::Crypto::CMS

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace Norvane::Crypto::framing {
@@ -50,6 +51,21 @@ enum class HeaderState : std::uint8_t {
 /// OpenSSL's decoder takes, and understands the same by it: lengths in more octets than they need, small tag numbers in
 /// the long form. Tag numbers that do not fit 31 bits and lengths beyond 63 bits are malformed, as they are to OpenSSL.
 HeaderState readHeader(const unsigned char* octets, std::size_t available, Header& header) noexcept;
+
+/// Asks for the memory of a header further on: that of the segment which stands there when the next ones are as long as this
+/// one, as a sender cuts a body. Walking from header to header waits for memory otherwise.
+/// \param octets begin with the header that was read, and end where there is nothing to read
+inline void prefetchHeader(std::span<const unsigned char> octets, const Header& header) noexcept {
+    constexpr std::size_t ahead = 16;     // as many at once as a processor waits for
+    constexpr std::size_t shortest = 256; // shorter ones are in what it reads ahead by itself
+    constexpr std::size_t longest = 1U << 20U;
+    if (header.contentLength >= shortest && header.contentLength <= longest) {
+        const std::size_t distance = ahead * (header.size + static_cast<std::size_t>(header.contentLength));
+        if (distance < octets.size()) {
+            __builtin_prefetch(octets.data() + distance);
+        }
+    }
+}
 
 /// The octets of a header as DER has it: in as few as there can be.
 std::size_t headerSize(std::uint32_t tag, std::uint64_t contentLength) noexcept;

@@ -63,13 +63,13 @@ std::uint64_t Reader::certain() const noexcept {
     return m_left + endOfContentsSize * m_indefinite;
 }
 
-/// Makes so many octets lie next to each other.
-void Reader::need(std::size_t octets) {
+/// Makes so many octets lie next to each other; false when the source ends before.
+bool Reader::fetch(std::size_t octets) {
     if (atHand() >= octets) {
-        return;
+        return true;
     }
     if (isInPlace()) {
-        throw Broken(Fault::ended);
+        return false;
     }
     if (m_at != 0) {
         std::copy(m_buffer.begin() + static_cast<std::ptrdiff_t>(m_at),
@@ -86,9 +86,16 @@ void Reader::need(std::size_t octets) {
     while (m_filled < octets) {
         const int count = m_in.read(m_buffer.data() + m_filled, static_cast<unsigned int>(wanted - m_filled));
         if (count <= 0) {
-            throw Broken(Fault::ended);
+            return false;
         }
         m_filled += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void Reader::need(std::size_t octets) {
+    if (!fetch(octets)) {
+        throw Broken(Fault::ended);
     }
 }
 
@@ -307,6 +314,9 @@ void Reader::nextSegment() {
     if (m_header.constructed) {
         push();
     } else {
+        if (isInPlace()) {
+            prefetchHeader(Octets(here(), atHand()), m_header);
+        }
         consumeHeader();
         m_left = m_header.contentLength;
     }
@@ -315,7 +325,10 @@ void Reader::nextSegment() {
 Octets Reader::rawPiece() {
     while (m_inString) {
         if (m_left != 0) {
-            need(1);
+            // The few octets that came with a header go out with those that follow them, not on their own.
+            if (atHand() < gatheredBelow && atHand() < m_left && !fetch(atHand() + 1) && atHand() == 0) {
+                throw Broken(Fault::ended);
+            }
             const Octets octets(here(), smallerOf(atHand(), m_left));
             m_at += octets.size();
             m_left -= octets.size();

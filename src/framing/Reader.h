@@ -125,6 +125,7 @@ private:
 
     [[nodiscard]] std::size_t atHand() const noexcept { return m_filled - m_at; }
     [[nodiscard]] const unsigned char* here() const noexcept { return m_window + m_at; }
+    bool fetch(std::size_t octets);
     void need(std::size_t octets);
     [[nodiscard]] std::uint64_t certain() const noexcept;
     void readNext();

@@ -66,6 +66,7 @@ Walk::Step Walk::next() noexcept {
     if (m_header.constructed) {
         return enter(start);
     }
+    prefetchHeader({m_octets + start, left}, m_header);
     m_at = m_contentAt + static_cast<std::size_t>(m_header.contentLength);
     m_depth = m_open;
     m_elementSize = m_at - start;

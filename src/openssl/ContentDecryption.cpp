@@ -3,6 +3,7 @@
 #include "openssl/AlgorithmName.h"
 #include "openssl/ContentCipher.h"
 #include "openssl/KeyTransport.h"
+#include "openssl/PaddedDecryption.h"
 #include "openssl/Pkcs7.h"
 
 #include <openssl/err.h>
@@ -16,7 +17,6 @@ namespace Norvane::Crypto::openssl {
 
 namespace {
 
-constexpr std::size_t s_pieceLength = 0x4000;
 /// id-rsa-kem, 1.2.840.113549.1.9.16.3.14, which OpenSSL has no number for.
 constexpr std::array<unsigned char, 11> s_rsaKem{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x10, 0x03, 0x0E};
 
@@ -27,21 +27,22 @@ const X509_ALGOR* contentAlgorithm(const PKCS7* structure) noexcept {
 
 /// Decrypts in pieces. What was decrypted before a damage is written.
 bool decryptInto(BIO* out, EVP_CIPHER_CTX* context, const EncryptedOctets& content) {
-    WipedBytes clear(s_pieceLength + EVP_MAX_BLOCK_LENGTH);
-    const auto pass = [&](int length) { return length == 0 || BIO_write(out, clear.data(), length) == length; };
-    int count = 0;
+    PaddedDecryption decryption(context);
+    const auto pass = [&](const auto& clear) {
+        const int length = clear ? static_cast<int>(clear->size()) : -1;
+        return length == 0 || (length > 0 && BIO_write(out, clear->data(), length) == length);
+    };
     EncryptedOctets::Pieces pieces(content);
     for (auto octets = pieces.next(); !octets.empty(); octets = pieces.next()) {
         while (!octets.empty()) {
-            const auto piece = octets.first(std::min(octets.size(), s_pieceLength));
-            if (EVP_DecryptUpdate(context, clear.data(), &count, piece.data(), static_cast<int>(piece.size())) != 1 ||
-                !pass(count)) {
+            const auto piece = octets.first(std::min(octets.size(), PaddedDecryption::s_pieceLength));
+            if (!pass(decryption.update(piece))) {
                 return false;
             }
             octets = octets.subspan(piece.size());
         }
     }
-    return EVP_DecryptFinal_ex(context, clear.data(), &count) == 1 && pass(count);
+    return pass(decryption.finish());
 }
 
 } // namespace

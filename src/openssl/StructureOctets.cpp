@@ -91,32 +91,28 @@ unsigned char* GrowingOctets::room(std::size_t count, std::size_t most) {
 
 // StructureOctets
 
-/// Where the octets come from, as far as they were asked for.
-class StructureOctets::Bytes {
-public:
-    virtual ~Bytes() = default;
-    /// Those that are there.
-    [[nodiscard]] virtual Octets octets() const noexcept = 0;
-    /// Asks for more; there are fewer only at the source's end.
-    virtual void read(std::size_t count) = 0;
-};
-
-class StructureOctets::Lent : public Bytes {
+/// Where the octets come from, as far as they were asked for. `octets` are those that are there, `read` asks for more: there
+/// are fewer only at the source's end.
+class StructureOctets::Lent {
 public:
     explicit Lent(const BytesInMemory& source) noexcept : m_all(source.rest(), source.left()) {}
-    [[nodiscard]] Octets octets() const noexcept override { return m_all.first(m_read); }
-    void read(std::size_t count) override { m_read += std::min(count, m_all.size() - m_read); }
+    [[nodiscard]] Octets octets() const noexcept { return m_all.first(m_read); }
+    void expectMore(std::size_t at, const framing::Header& header) const noexcept {
+        framing::prefetchHeader(m_all.subspan(at), header);
+    }
+    void read(std::size_t count) { m_read += std::min(count, m_all.size() - m_read); }
 
 private:
     Octets m_all;
     std::size_t m_read = 0;
 };
 
-class StructureOctets::Read : public Bytes {
+class StructureOctets::Read {
 public:
     Read(MediaIn& source, GrowingOctets& kept) noexcept : m_source(source), m_kept(kept) {}
-    [[nodiscard]] Octets octets() const noexcept override { return m_kept.octets(); }
-    void read(std::size_t count) override {
+    [[nodiscard]] Octets octets() const noexcept { return m_kept.octets(); }
+    void expectMore(std::size_t /*at*/, const framing::Header& /*header*/) const noexcept {}
+    void read(std::size_t count) {
         const std::size_t wanted = m_kept.octets().size() + count;
         while (m_kept.octets().size() != wanted) {
             // No more room at once than what has come already justifies: an announcement costs nothing.
@@ -142,7 +138,7 @@ private:
 
 /// Finds the end of the structure, for which no octet behind it is read. False for what OpenSSL and its versions may see
 /// otherwise: tag numbers beyond one octet, lengths of more than eight, ends of contents that are none.
-bool StructureOctets::frame(Bytes& bytes) {
+template <class Bytes> bool StructureOctets::frame(Bytes& bytes) {
     constexpr std::size_t smallestHeader = 2;
     constexpr unsigned int longTag = 0x1F;
     constexpr unsigned int longLength = 0x80;
@@ -166,6 +162,7 @@ bool StructureOctets::frame(Bytes& bytes) {
                 framing::HeaderState::complete) {
             return false;
         }
+        bytes.expectMore(end, header);
         end += header.size;
         if (header.indefinite) {
             ++open;

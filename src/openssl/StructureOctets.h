@@ -50,10 +50,9 @@ public:
     [[nodiscard]] framing::Octets octets() const noexcept { return m_octets; }
 
 private:
-    class Bytes;
     class Lent;
     class Read;
-    bool frame(Bytes& bytes);
+    template <class Bytes> bool frame(Bytes& bytes);
 
     MediaIn m_source; ///< what lends the octets
     GrowingOctets m_kept;

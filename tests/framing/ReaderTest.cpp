@@ -146,6 +146,21 @@ TEST_P(FramingReader, StringsOfAnySegmentsGiveTheirOctets) {
     }
 }
 
+TEST(FramingReader, SegmentsOfAMessageComeWholeFromAnySource) {
+    // Around them are levels of indefinite length, so that a few octets of each segment are read with its header.
+    Bytes message = segmented(10U << 12U, 1U << 12U);
+    message.insert(message.begin(), {0x30, 0x80, 0x30, 0x80, 0x30, 0x80});
+    message.insert(message.end(), {0, 0, 0, 0, 0, 0});
+    PiecesIn in(message);
+    Reader reader(in);
+    for (int level = 0; level != 3; ++level) {
+        reader.enter();
+    }
+    const auto [octets, pieces] = stringIn(reader);
+    EXPECT_EQ(octets.size(), 10U << 12U);
+    EXPECT_EQ(pieces, 10U);
+}
+
 TEST_P(FramingReader, AllOctetsBeforeAFaultComeOut) {
     // A string that breaks off; segments before one that is no octet string, before a header that is none, before the end.
     for (const auto& [hex, fault] : {std::pair("0409616263", Fault::ended),

@@ -1,0 +1,60 @@
+#include "openssl/PaddedDecryption.h"
+
+#include "openssl/ErrorQueue.h"
+
+#include <algorithm>
+
+namespace Norvane::Crypto::openssl {
+
+PaddedDecryption::PaddedDecryption(EVP_CIPHER_CTX* context)
+    : m_context(context),
+      m_block(static_cast<std::size_t>(std::max(1, EVP_CIPHER_CTX_get_block_size(context)))),
+      m_clear(s_pieceLength + 2 * EVP_MAX_BLOCK_LENGTH) {
+    EVP_CIPHER_CTX_set_padding(context, 0);
+}
+
+std::optional<std::span<const unsigned char>> PaddedDecryption::update(std::span<const unsigned char> encrypted) {
+    unsigned char* const front = m_clear.data();
+    std::copy(m_held.begin(), m_held.end(), front);
+    const std::size_t before = m_held.size();
+    int count = 0;
+    if (EVP_DecryptUpdate(m_context, front + before, &count, encrypted.data(), static_cast<int>(encrypted.size())) !=
+        1) {
+        return std::nullopt;
+    }
+    const std::size_t clear = before + static_cast<std::size_t>(count);
+    m_partial = (m_partial + encrypted.size()) % m_block;
+    const std::size_t held = m_block == 1 || m_partial != 0 ? 0 : std::min(m_block, clear);
+    m_held = {front + (clear - held), held};
+    return std::span<const unsigned char>(front, clear - held);
+}
+
+/// The length of the last block without its padding. What is wrong with it does not show in the time that this takes.
+std::optional<std::size_t> PaddedDecryption::unpadded() const noexcept {
+    if (m_held.size() != m_block) {
+        return std::nullopt;
+    }
+    const std::size_t padding = m_held.back();
+    unsigned int wrong = static_cast<unsigned int>(padding == 0) | static_cast<unsigned int>(padding > m_block);
+    for (std::size_t i = 0; i != m_block; ++i) {
+        const unsigned int differs = static_cast<unsigned int>(m_held[i] != padding);
+        wrong |= differs & static_cast<unsigned int>(i + padding >= m_block);
+    }
+    return wrong != 0 ? std::nullopt : std::optional(m_block - padding);
+}
+
+std::optional<std::span<const unsigned char>> PaddedDecryption::finish() {
+    const ErrorMark mark;
+    unsigned char none[EVP_MAX_BLOCK_LENGTH];
+    int count = 0;
+    if (EVP_DecryptFinal_ex(m_context, none, &count) != 1) {
+        return std::nullopt;
+    }
+    if (m_block == 1) {
+        return std::span<const unsigned char>();
+    }
+    const auto length = unpadded();
+    return length ? std::optional<std::span<const unsigned char>>(m_held.first(*length)) : std::nullopt;
+}
+
+} // namespace Norvane::Crypto::openssl
