@@ -12,6 +12,7 @@ bench_packages=(libbenchmark-dev)
 peer_packages=(libbotan-2-dev libnss3-dev libnss3-tools libqca-qt5-2-dev libqca-qt5-2-plugins gpgsm gpg-agent gnuplot-nox
   python3)
 fuzz_packages=(clang libclang-rt-14-dev)
+mail_packages=(postfix swaks)
 
 # install PACKAGE...: installs what is missing, as root or through sudo.
 install() {
@@ -25,6 +26,23 @@ install() {
   echo "Installing ${missing[*]}" >&2
   "${root[@]}" apt-get update -qq >&2
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+# install_mail: Postfix and swaks, for hosts of their own that tests and demonstration start. The system's Postfix is left
+# unconfigured, so that it cannot start; where another mail server is installed, nothing is: it would have to go.
+install_mail() {
+  if command -v postconf >/dev/null || [ -x /usr/sbin/postconf ]; then
+    install "${mail_packages[@]}"
+    return
+  fi
+  if command -v sendmail >/dev/null || [ -x /usr/sbin/sendmail ]; then
+    echo "There is another mail server on this machine, which Postfix would replace: not installing it" >&2
+    return
+  fi
+  local root=()
+  [ "$(id -u)" -eq 0 ] || root=(sudo)
+  "${root[@]}" debconf-set-selections <<<"postfix postfix/main_mailer_type select No configuration"
+  install "${mail_packages[@]}"
 }
 
 # A compiler cache is used where the machine has one; precompiled headers need the two words. Folders that are configured
