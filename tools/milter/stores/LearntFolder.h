@@ -1,0 +1,5 @@
+#pragma once
+
+namespace norvmilter {
+class LearntFolder {};
+} // namespace norvmilter
