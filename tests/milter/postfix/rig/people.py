@@ -20,7 +20,7 @@ keyUsage = critical, digitalSignature, keyEncipherment
 extendedKeyUsage = emailProtection
 subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid
-subjectAltName = email:{address}
+subjectAltName = {names}
 """
 
 
@@ -45,21 +45,22 @@ class Authority:
         self.database = self.folder / "index.txt"
         self.database.touch()
 
-    def settings(self, address):
+    def settings(self, *addresses):
         path = self.folder / "openssl.cnf"
-        path.write_text(OPENSSL_SETTINGS.format(address=address))
+        path.write_text(OPENSSL_SETTINGS.format(names=", ".join(f"email:{address}" for address in addresses)))
         return path
 
-    def issue(self, address, days=365, begins=None, ends=None):
-        """A person with a key and a certificate; `begins` and `ends` (YYYYMMDDHHMMSSZ) for one whose time is over."""
-        person = Person(self.folder / address, address, self)
+    def issue(self, address, others=(), days=365, begins=None, ends=None):
+        """A person with a key and a certificate for an address and `others`; `begins` and `ends` (YYYYMMDDHHMMSSZ) for one
+        whose time is over."""
+        person = Person(self.folder / address, [address, *others], self)
         person.folder.mkdir(exist_ok=True)
         request = person.folder / "request.pem"
         openssl("req", "-new", "-newkey", "rsa:2048", "-nodes", "-keyout", person.key, "-out", request, "-subj",
-                f"/O=Rig/CN={address}", "-config", self.settings(address))
+                f"/O=Rig/CN={address}", "-config", self.settings(address, *others))
         self.serial += 1
         settings = self.folder / "ca.cnf"
-        settings.write_text(OPENSSL_SETTINGS.format(address=address) + f"""
+        settings.write_text(self.settings(address, *others).read_text() + f"""
 [ca]
 default_ca = this
 [this]
@@ -94,21 +95,22 @@ commonName = supplied
 
 
 class Person:
-    def __init__(self, folder, address, authority):
+    def __init__(self, folder, addresses, authority):
         self.folder = folder
-        self.address = address
+        self.address = addresses[0]
+        self.addresses = addresses
         self.authority = authority
         self.certificate = folder / "cert.pem"
         self.key = folder / "key.pem"
 
 
-def keep(store, person, owner, with_key, pattern=None, name=None):
+def keep(store, person, owner, with_key, name=None):
     """Puts somebody into a folder of identities as docs/keystore.md has it."""
     folder = Path(store) / (name or person.address)
     folder.mkdir(parents=True, exist_ok=True)
     shutil.copy(person.certificate, folder / "cert.pem")
     shutil.copy(person.authority.certificate, folder / "chain.pem")
-    (folder / "owners.txt").write_text((pattern or person.address) + "\n")
+    (folder / "owners.txt").write_text("".join(f"{address}\n" for address in person.addresses))
     if with_key:
         shutil.copy(person.key, folder / "key.pem")
         (folder / "key.pem").chmod(0o600)
@@ -117,8 +119,9 @@ def keep(store, person, owner, with_key, pattern=None, name=None):
 
 
 def hand_over(path, owner):
-    """Gives a folder and what is in it to a user of the system."""
+    """Gives a file, or a folder and what is in it, to a user of the system."""
     entry = pwd.getpwnam(owner)
+    os.chown(path, entry.pw_uid, entry.pw_gid)
     for base, folders, files in os.walk(path):
-        for name in [".", *folders, *files]:
+        for name in [*folders, *files]:
             os.chown(os.path.join(base, name), entry.pw_uid, entry.pw_gid)

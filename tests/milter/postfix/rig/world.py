@@ -64,12 +64,11 @@ class World:
                 keep(self.incoming.store, person, USER, with_key=True)
 
     def make_hosts(self, milters, default_action):
-        self.out_port, self.back_port, self.login_port, self.in_port, self.plain_port = free_ports(5)
+        (self.out_port, self.back_port, self.login_port, self.careless_port, self.in_port) = free_ports(5)
         for_a, for_b = milters or (self.outgoing and self.outgoing.address, self.incoming and self.incoming.address)
         milter = {"milter_default_action": default_action, "milter_protocol": "6"}
         self.b = Postfix(self.folder / "b", "b.example", [
-            Listener(self.in_port, milter_macro_daemon_name="IN", smtpd_milters=for_b or ""),
-            Listener(self.plain_port)], smtpd_relay_restrictions="reject_unauth_destination", **milter)
+            Listener(self.in_port, milter_macro_daemon_name="IN", smtpd_milters=for_b or "")], smtpd_relay_restrictions="reject_unauth_destination", **milter)
         self.tap = Tap(self.in_port)
         self.a = Postfix(self.folder / "a", "a.example", [
             Listener(self.out_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or ""),
@@ -77,7 +76,10 @@ class World:
             Listener(self.back_port, syslog_name="postfix-a.example/back"),
             # Where tests say who logged in, and from where.
             Listener(self.login_port, milter_macro_daemon_name="LOGIN", smtpd_milters=for_a or "",
-                     smtpd_authorized_xclient_hosts="127.0.0.1")],
+                     smtpd_authorized_xclient_hosts="127.0.0.1"),
+            # Where a filter that is not there does not matter.
+            Listener(self.careless_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
+                     milter_default_action="accept")],
             relay=self.tap.port, **milter)
         if self.outgoing:
             self.outgoing.settings.change("outgoing", submit=f"smtp://127.0.0.1:{self.back_port}")

@@ -1,4 +1,4 @@
-// A filter that is asked about everything and changes nothing: what the protocol alone costs, and what tests of the rig stand on.
+// A filter that is asked about everything and changes nothing: what the protocol alone costs.
 #include <libmilter/mfapi.h>
 
 #include <cstdio>
