@@ -50,6 +50,8 @@ enum class LogLevel { error, warning, info, debug };
 /// "incoming", as in the file.
 [[nodiscard]] const char* nameOf(Direction direction) noexcept;
 [[nodiscard]] const char* nameOf(Wish wish) noexcept;
+/// "aes-256-gcm"
+[[nodiscard]] const char* nameOf(Norvane::Crypto::CMS::ContentCipher cipher) noexcept;
 
 /// A range of addresses: "192.0.2.0/24".
 struct Network {
@@ -104,7 +106,7 @@ struct OutgoingRule {
 struct Config {
     /// Reads a file. \throws ConfigError
     [[nodiscard]] static Config load(const std::string& path);
-    /// Reads a text. \param path for messages; relative paths in the text are taken from its folder
+    /// Reads a text. \param path for messages; relative paths in the text are taken from its folder. \throws ConfigError
     [[nodiscard]] static Config parse(std::string_view text, const std::string& path);
 
     std::string path; ///< of the file itself
@@ -155,7 +157,9 @@ struct Config {
     struct Outgoing {
         Refusal noKey = Refusal::pass;
         Refusal senderMismatch = Refusal::reject;
-        std::string submit; ///< "smtp://127.0.0.1:10026"; empty: nothing can be submitted
+        std::string submit;                       ///< "smtp://127.0.0.1:10026"; empty: nothing can be submitted
+        unsigned int separateMessages = 50;       ///< that one message is split into at most
+        std::uint64_t separateBytes = 1073741824; ///< that those have together at most
         std::vector<OutgoingRule> rules;
     } outgoing;
 
