@@ -8,7 +8,6 @@ way of a message until Postfix has taken it. In each round every contestant has 
 of the rounds count."""
 
 import os
-import shutil
 import smtplib
 import statistics
 import subprocess
@@ -21,6 +20,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tests/milter/postfix"))
 from rig import mail, postfix
 from rig.gateway import USER, Filter, Settings
+from rig.guard import Guard
 from rig.people import Authority, keep
 from rig.postfix import Listener, Postfix, free_ports, wait_for_port
 
@@ -103,6 +103,8 @@ class Bench:
         self.rounds = 2 if quick else 7
         self.idle = {}
         self.host = None
+        self.guard = Guard()
+        self.guard.folder(folder)
         authority = Authority(folder / "authority", "Bench Root")
         people = {address: authority.issue(address) for address in (SENDER, RECIPIENT)}
         self.filters = {}
@@ -143,17 +145,20 @@ class Bench:
                      **{task: self.filters[task].address for task in self.filters}}
         os.umask(0)  # Postfix may use the socket
         for who, name in (("idle", addresses["idle"]), ("port", f"inet:{port}@127.0.0.1")):
-            self.idle[who] = subprocess.Popen([self.programs / "idle_milter", name], stdin=subprocess.DEVNULL)
+            self.idle[who] = subprocess.Popen([self.programs / "idle_milter", name], stdin=subprocess.DEVNULL, start_new_session=True)
+            self.guard.session(self.idle[who])
         os.umask(0o022)
         if not wait_for_port(port) or not mail.until(lambda: (self.folder / "idle.sock").exists(), 10):
             raise RuntimeError("the filter that does nothing did not start")
         for filter_ in self.filters.values():
+            filter_.guard = self.guard
             filter_.start()
         self.ports = dict(zip(NAMES, free_ports(len(NAMES))))
         self.host = Postfix(self.folder / "host", "a.example", [
             Listener(self.ports[who], smtpd_milters=addresses[who], milter_macro_daemon_name="IN" if who == "read" else "OUT")
             for who in NAMES], relay="1", milter_default_action="tempfail", default_transport="discard", relay_transport="discard",
             relayhost="")
+        self.host.guard = self.guard
         self.host.start()
 
     def stop(self):
@@ -162,8 +167,10 @@ class Bench:
         for idle in self.idle.values():
             idle.terminate()
             idle.wait()
+            self.guard.session_ended(idle)
         for filter_ in self.filters.values():
             filter_.stop()
+        self.guard.close()
 
     def measure(self, size):
         data = {who: (self.sealed if who == "read" else self.clear)[size].read_bytes() for who in NAMES}
@@ -251,17 +258,14 @@ def main():
         raise SystemExit(f"gateway.py: {problem}")
     folder = Path(tempfile.mkdtemp(prefix="mail-bench-"))
     folder.chmod(0o755)
+    bench = Bench(programs, folder, quick)
     try:
-        bench = Bench(programs, folder, quick)
-        try:
-            bench.start()
-            results = {size: bench.measure(size) for size in SIZES}
-        finally:
-            bench.stop()
-        result.parent.mkdir(parents=True, exist_ok=True)
-        result.write_text(report(results, bench.rounds))
+        bench.start()
+        results = {size: bench.measure(size) for size in SIZES}
     finally:
-        shutil.rmtree(folder, ignore_errors=True)
+        bench.stop()
+    result.parent.mkdir(parents=True, exist_ok=True)
+    result.write_text(report(results, bench.rounds))
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@
 NORV_MILTER_LONG=1 makes the load larger. Exit code 77, which ctest shows as skipped, where no Postfix can be started."""
 
 import os
+import signal
 import sys
 import unittest
 
@@ -96,6 +97,7 @@ def main():
     if problem:
         print(f"SKIPPED: {problem}")
         raise SystemExit(SKIPPED)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what runs is stopped then, too
     sys.stdout.reconfigure(line_buffering=True)
     unittest.main(module="__main__", verbosity=2)
 

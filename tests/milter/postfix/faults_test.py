@@ -158,8 +158,7 @@ class Faults(Case):
             self.assertTrue(self.world.settled())
             self.assertEqual([], self.wire("no anchors"))
         finally:
-            if filter_.process.poll() is None:
-                filter_.stop()
+            filter_.stop()
             filter_.anchors.rmdir()
             hidden.rename(filter_.anchors)
             filter_.start()

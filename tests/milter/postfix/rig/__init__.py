@@ -5,5 +5,6 @@ tap.py       an SMTP proxy between the hosts that keeps what passes, and changes
 people.py    a certificate authority and identities, by the openssl program
 gateway.py   the filter as a process, and what its configuration says
 mail.py      sending, waiting for what arrives, and the openssl program as a reader and writer of mails
+guard.py     a process that cleans up when a rig was killed
 world.py     all of these together
 """

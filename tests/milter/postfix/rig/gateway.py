@@ -69,6 +69,7 @@ class Filter:
         self.settings = settings
         self.environment = environment or {}
         self.process = None
+        self.guard = None
         self.port, = free_ports(1)
         self.store = self.folder / "identities"
         self.anchors = self.folder / "anchors"
@@ -131,6 +132,8 @@ class Filter:
                                             stdout=log, stderr=log, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[],
                                             start_new_session=True, cwd=self.folder,
                                             env={**os.environ, **libraries, **self.environment})
+        if self.guard:
+            self.guard.session(self.process)
         if wait and not mail.until(self.listens, seconds=30, every=0.02):
             raise RuntimeError(f"the filter did not start:\n{self.log_text()}")
         return self
@@ -198,7 +201,13 @@ class Filter:
             os.killpg(self.process.pid, signal.SIGKILL)
         except ProcessLookupError:
             pass
+        self.ended()
+
+    def ended(self):
         self.process.wait()
+        if self.guard:
+            self.guard.session_ended(self.process)
+        self.process = None
 
     def stop(self, seconds=30):
         """Asks it to end; answers its exit code."""
@@ -210,12 +219,9 @@ class Filter:
                 self.process.wait(timeout=seconds)
             except subprocess.TimeoutExpired:
                 self.kill()
-                raise RuntimeError(f"the filter did not end:\n{self.log_text()}")
+                raise RuntimeError(f"the filter did not end:\n{self.log_text()}") from None
         code = self.process.returncode
-        try:
-            os.killpg(self.process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
+        self.kill()  # nothing of its session may be left
         return code
 
     def metrics(self):

@@ -104,6 +104,7 @@ postlog    unix-dgram n - n - 1 postlogd
         self.mailboxes = self.folder / "mailboxes"
         self.log = self.folder / "mail.log"
         self.master = None
+        self.guard = None
         owner = pwd.getpwnam(MAILBOX_USER)
         self.settings = {
             "compatibility_level": "3.6",
@@ -174,6 +175,8 @@ postlog    unix-dgram n - n - 1 postlogd
         self.master = subprocess.Popen([f"{default_setting('daemon_directory')}/master", "-c", self.config, "-d"],
                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                        start_new_session=True)
+        if self.guard:
+            self.guard.session(self.master)
         for listener in self.listeners:
             if not wait_for_port(listener.port, alive=lambda: self.master.poll() is None):
                 raise RuntimeError(f"Postfix for {self.domain} did not start:\n{self.log_text()}")
@@ -221,4 +224,6 @@ postlog    unix-dgram n - n - 1 postlogd
         except ProcessLookupError:
             pass
         self.master.wait()
+        if self.guard:
+            self.guard.session_ended(self.master)
         self.master = None

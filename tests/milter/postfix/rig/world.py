@@ -1,11 +1,12 @@
 """Two hosts with a filter each: a.example sends through A, whose filter works for outgoing mail, over the tap to B, whose
 filter works for incoming mail, and there lie the mailboxes of b.example. A keeps mailboxes too: bounces come back."""
 
-import shutil
 import tempfile
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from .gateway import Filter, Settings
+from .guard import Guard
 from .people import Authority, keep
 from .gateway import USER
 from .mail import Mailboxes, send, until
@@ -21,6 +22,8 @@ class World:
         """`program` is the filter; `milters` instead, (for A, for B), are addresses of filters that run already."""
         self.folder = Path(tempfile.mkdtemp(prefix="mail-rig-"))
         self.folder.chmod(0o755)
+        self.guard = Guard()
+        self.guard.folder(self.folder)
         self.program = program
         self.outgoing = self.incoming = self.a = self.b = self.tap = None
         try:
@@ -90,7 +93,12 @@ class World:
         try:
             for part in (self.outgoing, self.incoming, self.b, self.a):
                 if part:
-                    part.start()
+                    part.guard = self.guard
+            # Each waits for others most of its time.
+            with ThreadPoolExecutor() as pool:
+                starting = [pool.submit(part.start) for part in (self.outgoing, self.incoming, self.b, self.a) if part]
+            for part in starting:
+                part.result()
         except BaseException:
             self.stop()
             raise
@@ -130,4 +138,4 @@ class World:
                     part.stop()
                 except Exception as failure:  # the others must be stopped, too
                     print(f"stopping: {failure}")
-        shutil.rmtree(self.folder, ignore_errors=True)
+        self.guard.close()
