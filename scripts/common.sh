@@ -5,7 +5,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
 
 build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev libspdlog-dev liburiparser-dev
-  libgcrypt20-dev libidn2-dev libgmime-3.0-dev libcli11-dev nlohmann-json3-dev libtomlplusplus-dev)
+  libgcrypt20-dev libidn2-dev libgmime-3.0-dev libcli11-dev nlohmann-json3-dev libtomlplusplus-dev
+  libmilter-dev libcurl4-openssl-dev prometheus-cpp-dev)
 test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools gnutls-bin default-jdk-headless libbcpkix-java python3)
 check_packages=(clang-format clang-tidy git)
 bench_packages=(libbenchmark-dev)

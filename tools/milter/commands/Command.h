@@ -12,6 +12,8 @@ namespace norvmilter {
 
 using Action = std::function<int()>;
 
+/// --config FILE [--foreground] [--user NAME] [--allow-root]: the action when no sub-command is given
+void addRun(CLI::App& app, Action& action);
 /// check --config FILE
 void addCheck(CLI::App& app, Action& action);
 /// explain --config FILE --from A --to B... [--incoming]

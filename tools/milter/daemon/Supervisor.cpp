@@ -207,6 +207,8 @@ void Supervisor::lookAtTimes() {
 
 int Supervisor::untilNext() const {
     Clock::time_point next = m_worker <= 0 ? m_startAt : m_pingAt;
+    if (m_worker > 0 && !m_isReady)
+        next = Clock::now() + m_times.longestPause;
     if (m_isStopping)
         next = m_killAt;
     const auto left = std::chrono::ceil<Milliseconds>(next - Clock::now());
