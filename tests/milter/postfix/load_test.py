@@ -22,14 +22,14 @@ class Load(Case):
             {"name": "sealed", "recipient": "*@b.example", "sign": "must", "encrypt": "must"}]
         cls.world.incoming.settings.change("incoming", deliver="content")
 
-    def pour(self, name, count, port, make):
-        """Sends `count` messages over CONNECTIONS connections at once; answers what went wrong."""
+    def pour(self, name, numbers, port, make):
+        """Sends a message for each of `numbers` over CONNECTIONS connections at once; answers what went wrong."""
         failures = []
 
         def one(connection):
             try:
                 with smtplib.SMTP("127.0.0.1", port, local_hostname="client.example", timeout=120) as session:
-                    for number in range(connection, count, CONNECTIONS):
+                    for number in numbers[connection::CONNECTIONS]:
                         recipient, data = make(f"{name} {number}")
                         session.sendmail(SENDER, [recipient], data)
             except Exception as failure:
@@ -65,31 +65,37 @@ class Load(Case):
 
     def test_many_messages_while_both_filters_are_reloaded(self):
         filters = (self.world.outgoing, self.world.incoming)
-        reloaded = 0
-        done = threading.Event()
+        reloaded = []
+        ended = threading.Event()
 
         def reload():
-            nonlocal reloaded
-            while reloaded < RELOADS:
-                for filter_ in filters:
-                    filter_.reload()
-                reloaded += 1
-                time.sleep(0.05)
-            done.set()
+            while not ended.is_set():
+                reloaded.append(all(filter_.reload_and_wait() for filter_ in filters))
 
         workers = [filter_.workers() for filter_ in filters]
         reloading = threading.Thread(target=reload)
         reloading.start()
         began = time.monotonic()
-        self.assertEqual([], self.pour("load", MESSAGES, self.world.out_port, self.make))
-        print(f"{MESSAGES} messages taken in {time.monotonic() - began:.1f} s, {reloaded} reloads of both filters meanwhile")
-        reloading.join()
-        self.check_all("load", MESSAGES, self.text)
+        count = MESSAGES
+        try:
+            failures = self.pour("load", range(MESSAGES), self.world.out_port, self.make)
+            print(f"{MESSAGES} messages taken in {time.monotonic() - began:.1f} s, {len(reloaded)} reloads of both filters meanwhile")
+            while not failures and len(reloaded) < RELOADS:
+                failures = self.pour("load", range(count, count + CONNECTIONS), self.world.out_port, self.make)
+                count += CONNECTIONS
+        finally:
+            ended.set()
+            reloading.join()
+        self.assertEqual([], failures)
+        print(f"{count} messages and {len(reloaded)} reloads in {time.monotonic() - began:.1f} s")
+        self.assertGreaterEqual(len(reloaded), RELOADS)
+        self.assertTrue(all(reloaded))
+        self.check_all("load", count, self.text)
         print(f"delivered after {time.monotonic() - began:.1f} s")
-        # The same processes did all of it.
+        # The same processes did all of it, and left nothing behind.
         self.assertEqual(workers, [filter_.workers() for filter_ in filters])
         for filter_ in filters:
-            self.assertEqual([], [entry for entry in os.listdir(filter_.spool)])
+            self.assertEqual([], os.listdir(filter_.spool))
 
 
 if __name__ == "__main__":

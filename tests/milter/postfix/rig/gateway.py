@@ -126,6 +126,7 @@ class Filter:
         self.write_settings()
         self.own()
         program, libraries = self.runnable()
+        size = self.log_size()
         entry = pwd.getpwnam(USER)
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen([program, "--config", self.config, "--foreground"], stdin=subprocess.DEVNULL,
@@ -134,7 +135,8 @@ class Filter:
                                             env={**os.environ, **libraries, **self.environment})
         if self.guard:
             self.guard.session(self.process)
-        if wait and not mail.until(self.listens, seconds=30, every=0.02):
+        # Its socket is there before it can do anything: connections wait.
+        if wait and not mail.until(lambda: self.listens() and "event=loaded" in self.logged_since(size), seconds=30, every=0.02):
             raise RuntimeError(f"the filter did not start:\n{self.log_text()}")
         return self
 
@@ -191,9 +193,11 @@ class Filter:
     def reload(self):
         self.process.send_signal(signal.SIGHUP)
 
-    def kill_workers(self):
-        for worker in self.workers():
-            os.kill(worker, signal.SIGKILL)
+    def reload_and_wait(self, seconds=30):
+        """Whether everything was read anew."""
+        size = self.log_size()
+        self.reload()
+        return mail.until(lambda: "event=reloaded" in self.logged_since(size), seconds, every=0.01)
 
     def kill(self):
         """As a crash of all of it."""

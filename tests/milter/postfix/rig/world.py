@@ -124,11 +124,9 @@ class World:
         self.reconfigure(self.outgoing)
 
     @staticmethod
-    def reconfigure(filter_, logged="reloaded"):
+    def reconfigure(filter_):
         filter_.write_settings()
-        size = filter_.log_size()
-        filter_.reload()
-        if not until(lambda: logged in filter_.logged_since(size), 30):
+        if not filter_.reload_and_wait():
             raise RuntimeError(f"the filter did not reload:\n{filter_.log_text()}")
 
     def stop(self):
