@@ -15,10 +15,10 @@ int run(int argc, char** argv) {
     CLI::App app("Signs, encrypts, decrypts and verifies the mails that an MTA asks about.", "norvcrypt-milter");
     app.set_version_flag("--version", "norvcrypt-milter " NORVCRYPT_MILTER_VERSION);
     norvmilter::Action action;
-    norvmilter::addRun(app, action);
     norvmilter::addCheck(app, action);
     norvmilter::addExplain(app, action);
     norvmilter::addLearnt(app, action);
+    norvmilter::addRun(app, action);
     app.require_subcommand(0, 1);
     try {
         app.parse(argc, argv);

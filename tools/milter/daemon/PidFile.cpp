@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace norvmilter {
@@ -21,6 +22,8 @@ PidFile::PidFile(const std::string& path) : m_path(path) {
     m_file = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, readable));
     if (!m_file)
         refuse(path, std::generic_category().message(errno));
+    // Other users may read it whatever the mask says.
+    ::fchmod(m_file.get(), readable);
     // The lock goes with the last process that has the file open, whatever ended it.
     if (::flock(m_file.get(), LOCK_EX | LOCK_NB) != 0)
         refuse(path, errno == EWOULDBLOCK ? "another one runs" : std::generic_category().message(errno));

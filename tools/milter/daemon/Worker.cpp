@@ -91,6 +91,7 @@ private:
 
     void listen() {
         // Of a socket that listens already.
+        ::getsockname(m_options.milterSocket, reinterpret_cast<sockaddr*>(&m_place), &m_placeLength);
         std::string socket = "fd:" + std::to_string(m_options.milterSocket);
         smfi_settimeout(static_cast<int>(m_config->milter.timeout));
         if (smfi_setconn(socket.data()) != MI_SUCCESS || smfi_register(callbacksFor(m_front)) != MI_SUCCESS ||
@@ -138,19 +139,22 @@ private:
     void endLibmilter() {
         m_log.event(m_front.inHand() == 0 ? LogLevel::info : LogLevel::warning, "worker-stopping",
                     {{"in_hand", std::to_string(m_front.inHand())}});
+        // What is to be told is told under a lock that libmilter keeps while it waits for connections, up to five seconds: it
+        // gets some.
+        std::thread connecting([this] { connectAgainAndAgain(); });
         smfi_stop();
-        // It looks at that every five seconds, or when somebody connects.
-        sockaddr_storage place{};
-        socklen_t length = sizeof place;
-        const Descriptor asking(::getsockname(m_options.milterSocket, reinterpret_cast<sockaddr*>(&place), &length) == 0
-                                    ? ::socket(place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)
-                                    : -1);
-        ::connect(asking.get(), reinterpret_cast<const sockaddr*>(&place), length);
-        constexpr int longest = 700;
-        for (int waited = 0; !m_hasEnded && waited < longest; ++waited)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        connecting.join();
         if (!m_hasEnded)
             std::_Exit(m_exitCode);
+    }
+
+    void connectAgainAndAgain() {
+        constexpr std::chrono::milliseconds pause(20);
+        for (std::chrono::milliseconds waited{}; !m_hasEnded && waited < std::chrono::seconds(7); waited += pause) {
+            const Descriptor asking(::socket(m_place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            ::connect(asking.get(), reinterpret_cast<const sockaddr*>(&m_place), m_placeLength);
+            std::this_thread::sleep_for(pause);
+        }
     }
 
     unsigned int stopTimeout() {
@@ -221,6 +225,8 @@ private:
     Log m_log;
     Metrics m_metrics;
     Front m_front;
+    sockaddr_storage m_place{}; // of the milter's socket
+    socklen_t m_placeLength = sizeof(sockaddr_storage);
     std::atomic<bool> m_hasEnded{false};
     std::atomic<int> m_exitCode{0};
     bool m_isAlone = false; // the supervisor is gone
