@@ -26,8 +26,12 @@ namespace {
 
 class Work {
 public:
-    Work(const std::string& store, const std::string& roots, std::string task, const std::string& mail, const std::string& recipient)
-        : m_task(std::move(task)), m_directory(store), m_keys(true), m_recipient(EmailAddress::rfc5321Parse(recipient, true)) {
+    Work(const std::string& store, const std::string& roots, std::string task, const std::string& mail,
+         const std::string& recipient)
+        : m_task(std::move(task)),
+          m_directory(store),
+          m_keys(true),
+          m_recipient(EmailAddress::rfc5321Parse(recipient, true)) {
         m_keys->add(m_directory.plugin());
         const auto material = std::make_shared<Trust::Material>();
         material->addAnchors(roots);
@@ -122,7 +126,8 @@ int run(char** argv, const char* written) {
 
 int main(int argc, char* argv[]) {
     if (argc != 8 && argc != 9) {
-        std::cerr << "usage: smime_alone STORE ROOTS (sign|sign-encrypt|read) THREADS SECONDS MAIL RECIPIENT [WRITTEN]\n";
+        std::cerr
+            << "usage: smime_alone STORE ROOTS (sign|sign-encrypt|read) THREADS SECONDS MAIL RECIPIENT [WRITTEN]\n";
         return 2;
     }
     initialize(); // once, before anything else
