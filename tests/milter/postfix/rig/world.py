@@ -19,7 +19,7 @@ RECIPIENT = "recipient@b.example"
 
 class World:
     def __init__(self, program=None, milters=None, people=True, default_action="tempfail", filter_environment=None):
-        """`program` is the filter; `milters` instead, (for A, for B), are addresses of filters that run already."""
+        """`people`: False for none, "few" for those that load needs. `program` is the filter; `milters` instead, (for A, for B), are addresses of filters that run already."""
         self.folder = Path(tempfile.mkdtemp(prefix="mail-rig-"))
         self.folder.chmod(0o755)
         self.guard = Guard()
@@ -41,7 +41,11 @@ class World:
             return
         self.authority = Authority(self.folder / "authority", "Rig Root")
         self.stranger = Authority(self.folder / "stranger", "Stranger Root")
-        for address in (SENDER, "second@a.example", RECIPIENT, "friend@b.example", "third@b.example"):
+        for address in (SENDER, RECIPIENT, "friend@b.example"):
+            self.people[address] = self.authority.issue(address)
+        if wanted == "few":
+            return
+        for address in ("second@a.example", "third@b.example"):
             self.people[address] = self.authority.issue(address)
         self.people["expired@b.example"] = self.authority.issue("expired@b.example", begins="20200101000000Z",
                                                                 ends="20210101000000Z")
