@@ -87,7 +87,7 @@ class Faults(Case):
         filter_.kill()
         with self.assertRaises(mail.Refused) as refused:
             self.world.send(RECIPIENT, self.message("not there"))
-        self.assertEqual(451, refused.exception.code)
+        self.assertEqual(4, refused.exception.code // 100, refused.exception)
         filter_.start()
         self.until_sent("not there")
 
@@ -247,13 +247,14 @@ class Faults(Case):
         try:
             answers = []
             for _ in range(8):
-                session = smtplib.SMTP("127.0.0.1", self.world.out_port, timeout=30)
-                held.append(session)
                 try:
-                    code = session.ehlo()[0]
-                    answers.append(session.mail(SENDER)[0] if code == 250 else code)
-                except smtplib.SMTPServerDisconnected:
-                    answers.append(421)
+                    session = smtplib.SMTP("127.0.0.1", self.world.out_port, timeout=30)
+                except smtplib.SMTPConnectError as refused:
+                    answers.append(refused.smtp_code)
+                    continue
+                held.append(session)
+                session.ehlo()
+                answers.append(session.mail(SENDER)[0])
             self.assertTrue(all(code == 250 or 400 <= code < 500 for code in answers), answers)
             self.assertTrue(any(code == 250 for code in answers), answers)
             self.assertTrue(any(code != 250 for code in answers), answers)

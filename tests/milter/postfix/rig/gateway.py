@@ -200,11 +200,15 @@ class Filter:
         return mail.until(lambda: "event=reloaded" in self.logged_since(size), seconds, every=0.01)
 
     def kill(self):
-        """As a crash of all of it."""
-        try:
-            os.killpg(self.process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
+        """As a crash of all of it. A worker is in a group of its own, and would end what it has in hand."""
+        workers = self.workers() if self.process.poll() is None else []
+        for process in [self.process.pid, *workers]:
+            try:
+                os.kill(process, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        # They are somebody else's children now.
+        mail.until(lambda: not any(Path(f"/proc/{worker}").exists() for worker in workers), 10)
         self.ended()
 
     def ended(self):
@@ -225,7 +229,7 @@ class Filter:
                 self.kill()
                 raise RuntimeError(f"the filter did not end:\n{self.log_text()}") from None
         code = self.process.returncode
-        self.kill()  # nothing of its session may be left
+        self.ended()
         return code
 
     def metrics(self):

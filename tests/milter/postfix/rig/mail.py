@@ -30,6 +30,13 @@ def send(port, sender, recipients, data, options=(), before=()):
     """Over SMTP, as bytes; raises Refused. `before` are commands that are sent first (XCLIENT)."""
     if isinstance(recipients, str):
         recipients = [recipients]
+    try:
+        return converse(port, sender, recipients, data, options, before)
+    except smtplib.SMTPConnectError as refused:
+        raise Refused(refused.smtp_code, refused.smtp_error.decode(errors="replace")) from None
+
+
+def converse(port, sender, recipients, data, options, before):
     with smtplib.SMTP("127.0.0.1", port, local_hostname="client.example", timeout=120) as session:
         session.ehlo()
         for command in before:

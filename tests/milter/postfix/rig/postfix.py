@@ -138,6 +138,8 @@ postlog    unix-dgram n - n - 1 postlogd
             "message_size_limit": str(200 << 20),
             "relayhost": f"[127.0.0.1]:{relay}" if relay else "",
             "default_transport": "smtp" if relay else "error:no way to other domains",
+            # Or it would make blanks of CRs that stand alone, on its own.
+            "cleanup_replace_stray_cr_lf": "no",
             "in_flow_delay": "0",
             "queue_run_delay": "2s",
             "minimal_backoff_time": "2s",

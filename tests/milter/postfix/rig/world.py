@@ -83,7 +83,7 @@ class World:
             Listener(self.back_port, syslog_name="postfix-a.example/back"),
             # Where tests say who logged in, and from where.
             Listener(self.login_port, milter_macro_daemon_name="LOGIN", smtpd_milters=for_a or "",
-                     smtpd_authorized_xclient_hosts="127.0.0.1"),
+                     smtpd_authorized_xclient_hosts="127.0.0.1", mynetworks="0.0.0.0/0 [::]/0"),
             # Where a filter that is not there does not matter.
             Listener(self.careless_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
                      milter_default_action="accept")],
