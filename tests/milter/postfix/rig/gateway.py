@@ -64,7 +64,7 @@ class Filter:
     """Runs as an unprivileged user; its folder holds the store, the trust anchors, the spool and the log."""
 
     def __init__(self, program, folder, settings, environment=None):
-        self.program = Path(program)
+        self.program = Path(program).resolve()
         self.folder = Path(folder)
         self.settings = settings
         self.environment = environment or {}
