@@ -6,11 +6,13 @@ install(TARGETS norvrefcounted norvcmsg norvcrypto norvcrypto-keystore norvcrypt
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS norvcrypt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS norvcrypt norvcrypt-milter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Only those that need another one of these: of a program that needs none, CMake would fill the path up with colons in the build
 # tree, and the loader take each for the current folder.
-set_target_properties(norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime
+set_target_properties(norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime norvcrypt-milter
                       PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+install(FILES tools/milter/norvcrypt-milter.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
 install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)

@@ -5,7 +5,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
 
 build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev libspdlog-dev liburiparser-dev
-  libgcrypt20-dev libidn2-dev libgmime-3.0-dev libcli11-dev nlohmann-json3-dev)
+  libgcrypt20-dev libidn2-dev libgmime-3.0-dev libcli11-dev nlohmann-json3-dev libtomlplusplus-dev
+  libmilter-dev libcurl4-openssl-dev prometheus-cpp-dev)
 test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools gnutls-bin default-jdk-headless libbcpkix-java python3)
 check_packages=(clang-format clang-tidy git doxygen)
 reference_packages=(doxygen)
@@ -14,6 +15,7 @@ bench_packages=(libbenchmark-dev)
 peer_packages=(libbotan-2-dev libnss3-dev libnss3-tools libqca-qt5-2-dev libqca-qt5-2-plugins gpgsm gpg-agent gnuplot-nox
   python3)
 fuzz_packages=(clang libclang-rt-14-dev)
+mail_packages=(postfix swaks)
 
 # install PACKAGE...: installs what is missing, as root or through sudo.
 install() {
@@ -27,6 +29,23 @@ install() {
   echo "Installing ${missing[*]}" >&2
   "${root[@]}" apt-get update -qq >&2
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+# install_mail: Postfix and swaks, for hosts of their own that tests and demonstration start. The system's Postfix is left
+# unconfigured, so that it cannot start; where another mail server is installed, nothing is: it would have to go.
+install_mail() {
+  if command -v postconf >/dev/null || [ -x /usr/sbin/postconf ]; then
+    install "${mail_packages[@]}"
+    return
+  fi
+  if command -v sendmail >/dev/null || [ -x /usr/sbin/sendmail ]; then
+    echo "There is another mail server on this machine, which Postfix would replace: not installing it" >&2
+    return
+  fi
+  local root=()
+  [ "$(id -u)" -eq 0 ] || root=(sudo)
+  "${root[@]}" debconf-set-selections <<<"postfix postfix/main_mailer_type select No configuration"
+  install "${mail_packages[@]}"
 }
 
 # A compiler cache is used where the machine has one; precompiled headers need the two words. Folders that are configured

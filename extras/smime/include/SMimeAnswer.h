@@ -165,6 +165,9 @@ struct Answer {
     std::vector<std::string> sender; ///< likewise of the field Sender
     std::string contentPath;         ///< of the entity that was handed on; empty when none was
     std::string contentType;         ///< of that entity
+    /// Of the entity that was handed on: `contentPath`, or that of a signed one around it with `ReadOptions::keepSignatures`;
+    /// empty when none was.
+    std::string deliveredPath;
     /// What a reader of the message is shown beside the content although nothing covers it. Whoever takes the verdict for
     /// the whole message asks that it is empty.
     std::vector<UncoveredPart> notCovered;

@@ -77,6 +77,11 @@ struct ReadOptions {
     /// True hands a whole message on: the header fields of the outermost one, protected fields in place of those outside,
     /// and the content with its own Content-* fields. False the content entity alone, as it stands.
     bool wholeMessage = false;
+    /// True takes encryption off and leaves signatures on: where the content lies within an encrypted layer, the entity that the
+    /// innermost of these holds is handed on as it stands, with all signed layers in it (`Answer::deliveredPath`). So who gets
+    /// it can verify it once more. It is kept until its layer was read to its end: of one that is damaged, nothing is handed on.
+    /// Where nothing is encrypted, the content as with false.
+    bool keepSignatures = false;
     /// The addresses that the signer is compared with; those in From and Sender when there are none. Where the layers cover
     /// a From of their own, the signer must be that of both.
     std::vector<std::string> from;

@@ -196,10 +196,16 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     // Declared or not: who opens what is handed on is shown this From.
     session.protectedSenders = sendersIn(header);
 
-    writeHeader(session, header, scheme);
     Place passing = place;
     passing.role = Role::passing;
-    const auto copied = std::make_shared<mime::CopiedOctets>(body, session.content);
+    SharedOctets copied = body;
+    if (place.isKept) {
+        session.contentHeader = header;
+    } else {
+        session.answer.deliveredPath = place.path;
+        writeHeader(session, header, scheme, header);
+        copied = std::make_shared<mime::CopiedOctets>(body, session.content);
+    }
     if (type.type == "multipart")
         walkParts(session, type, copied, passing);
     else if (isMessage(type))

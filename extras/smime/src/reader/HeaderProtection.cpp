@@ -167,13 +167,13 @@ HeaderProtection compareHeaders(const Header& inner, HeaderScheme scheme, const 
     return result;
 }
 
-void writeHeader(Session& session, const Header& header, HeaderScheme scheme) {
+void writeHeader(Session& session, const Header& covered, HeaderScheme scheme, const Header& entity) {
     if (!session.options.wholeMessage) {
-        mime::put(session.content, header.octets());
+        mime::put(session.content, entity.octets());
         return;
     }
-    const bool isCrLf = header.endsLinesInCrLf();
-    const Values inside = valuesOf(header);
+    const bool isCrLf = entity.endsLinesInCrLf();
+    const Values inside = valuesOf(covered);
     std::string fields;
     for (const Header::Field& field : session.outer.fields()) {
         const std::string_view name = session.outer.nameOf(field);
@@ -181,12 +181,17 @@ void writeHeader(Session& session, const Header& header, HeaderScheme scheme) {
         if (isProtected(name) && !isReplaced)
             fields += withLineEnds(session.outer.octetsOf(field), isCrLf);
     }
-    for (const Header::Field& field : header.fields()) {
-        const std::string_view name = header.nameOf(field);
-        if (isStructural(name) || (scheme != HeaderScheme::none && isProtected(name)))
-            fields += withLineEnds(header.octetsOf(field), isCrLf);
+    const bool isEntity = &covered == &entity;
+    for (const Header::Field& field : covered.fields()) {
+        const std::string_view name = covered.nameOf(field);
+        if ((isEntity && isStructural(name)) || (scheme != HeaderScheme::none && isProtected(name)))
+            fields += withLineEnds(covered.octetsOf(field), isCrLf);
     }
-    if (inside.count("mime-version") == 0)
+    for (const Header::Field& field : entity.fields()) {
+        if (!isEntity && isStructural(entity.nameOf(field)))
+            fields += withLineEnds(entity.octetsOf(field), isCrLf);
+    }
+    if (entity.count("MIME-Version") == 0)
         fields += withLineEnds("MIME-Version: 1.0", isCrLf);
     mime::put(session.content, fields);
     mime::put(session.content, isCrLf ? "\r\n" : "\n");

@@ -33,6 +33,7 @@ struct Place {
     Role role = Role::candidate;
     bool isCovered = false;  ///< within a layer, whether good or not
     bool isWrapped = false;  ///< the message that a layer holds as a message/rfc822
+    bool isKept = false;     ///< what lies here is handed on by the encrypted layer around it (`ReadOptions::keepSignatures`)
     std::size_t message = 0; ///< whose header fields tell the sender, an index into `Session::senders`
 
     /// A part of it.
@@ -79,6 +80,8 @@ public:
     std::size_t structures = 0;
     std::size_t judgedByTrust = 0;
     bool isExplained = false; ///< why a signature is refused was asked
+    /// With `ReadOptions::keepSignatures`: the header of the content, whose fields are told with the entity around it.
+    mime::Header contentHeader;
 
     /// Runs what belongs to the caller: what it throws is for him, whatever layers it passes.
     template <class Work> auto outside(Work work) -> decltype(work()) {
@@ -148,7 +151,9 @@ void deliver(Session& session, const mime::Header& header, const mime::ContentTy
 [[nodiscard]] mime::SharedOctets structureOctets(const mime::SharedOctets& body, mime::Transfer transfer);
 
 /// Hands on the header that stands in front of the content.
-void writeHeader(Session& session, const mime::Header& header, HeaderScheme scheme);
+/// \param covered the header of the content, whose fields are protected as the scheme says
+/// \param entity  that of the entity that is handed on
+void writeHeader(Session& session, const mime::Header& covered, HeaderScheme scheme, const mime::Header& entity);
 /// Who a header says is the sender.
 [[nodiscard]] Senders sendersIn(const mime::Header& header);
 /// Compares the fields of the content's header with those outside.

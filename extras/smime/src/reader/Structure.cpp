@@ -13,6 +13,7 @@
 namespace Norvane::Crypto::SMime {
 
 using CMS::EnvelopeReader;
+using mime::Header;
 using mime::SharedOctets;
 
 namespace {
@@ -106,18 +107,79 @@ bool openEnvelope(Session& session, Layer& layer, EnvelopeReader& reader) {
     return true;
 }
 
+/// The octets of a source, kept while they are taken.
+class KeptOctets : public mime::Octets {
+public:
+    KeptOctets(Session& session, SharedOctets from)
+        : m_session(session),
+          m_from(std::move(from)),
+          m_kept(session.spill()) {}
+    std::string_view view(std::size_t atLeast) override { return m_from->view(atLeast); }
+    void skip(std::size_t count) override {
+        m_isAll = m_isAll && m_session.mayKeep(count);
+        if (m_isAll) {
+            const std::string_view taken = m_from->view(count).substr(0, count);
+            m_session.outside([&] { mime::put(m_kept, taken); }); // a full disk is no fault of the message
+        }
+        m_from->skip(count);
+    }
+    /// Within the budget.
+    [[nodiscard]] bool isAll() const noexcept { return m_isAll; }
+    [[nodiscard]] MediaIn in() const { return m_kept.in(); }
+
+private:
+    Session& m_session;
+    SharedOctets m_from;
+    SwapBufferMediaOut m_kept;
+    bool m_isAll = true;
+};
+
+/// Hands on what an encrypted layer holds, unless one within it did.
+void handOn(Session& session, const KeptOctets& kept, const Place& place) {
+    if (session.answer.contentPath.empty() || !session.answer.deliveredPath.empty())
+        return;
+    if (!kept.isAll())
+        return session.fail(place, LayerStatus::tooCostly, "the parts to be kept are longer than the budget allows");
+    SharedOctets octets = std::make_shared<mime::MediaOctets>(kept.in());
+    Header entity;
+    const mime::HeaderLimits limits{session.options.budget.headerOctets, session.options.budget.headerFields};
+    static_cast<void>(mime::readHeader(*octets, limits, entity)); // the walk took it
+    session.answer.deliveredPath = place.path;
+    // Nobody signed the message that was wrapped to protect its header: it would be shown as one that is forwarded.
+    const bool isWrapped = session.answer.headers.scheme == HeaderScheme::wrapped;
+    if (isWrapped && session.answer.contentPath == place.part(1).path) {
+        octets = mime::decoded(octets, mime::transferOf(entity));
+        entity = Header();
+        static_cast<void>(mime::readHeader(*octets, limits, entity));
+        session.answer.deliveredPath = session.answer.contentPath;
+        writeHeader(session, entity, HeaderScheme::wrapped, entity);
+    } else {
+        writeHeader(session, session.contentHeader, session.answer.headers.scheme, entity);
+    }
+    mime::copy(*octets, session.content);
+}
+
 void readEnvelope(Session& session, std::size_t index, const SharedOctets& octets, const Place& place) {
     const Role role = session.take(index, place);
     EnvelopeReader reader(mime::mediaOver(octets));
     reader.spillTo(session.spillTemplate());
     if (!openEnvelope(session, session.layer(index), reader))
         return;
-    const auto content = std::make_shared<mime::MediaOctets>(reader);
-    readEntity(session, content, place.payload(role));
+    SharedOctets content = std::make_shared<mime::MediaOctets>(reader);
+    Place payload = place.payload(role);
+    std::shared_ptr<KeptOctets> kept;
+    if (session.options.keepSignatures && role == Role::main) {
+        payload.isKept = true;
+        kept = std::make_shared<KeptOctets>(session, content);
+        content = kept;
+    }
+    readEntity(session, content, payload);
     mime::drain(*content);
     if (reader.verdict() == EnvelopeReader::Complete) {
         session.layer(index).status = LayerStatus::good;
         session.layer(index).detail.clear();
+        if (kept)
+            handOn(session, *kept, payload);
     }
 }
 

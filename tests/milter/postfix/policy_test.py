@@ -1,0 +1,238 @@
+#!/usr/bin/env python3
+"""What becomes of outgoing mail, by rule, sender and recipient: every cell, and several recipients in one message."""
+
+import itertools
+
+from checks import SENDER, Case, mail, main
+from rig.gateway import USER
+from rig.people import keep
+
+WISHES = ("never", "possible", "must")
+KEYLESS = "keyless@a.example"  # of whom there is no identity
+
+# What holds for a recipient's certificate -> whether it can be encrypted to.
+CERTIFICATES = {"good": True, "none": False, "expired": False, "stranger": False}
+
+CLEAR, SIGNED, ENCRYPTED, BOTH = "clear", "signed", "encrypted", "signed and encrypted"
+NO_CERTIFICATE, NO_KEY = "no certificate to encrypt to for", "no "
+
+# (sign, encrypt) -> sender with a key: recipient with, without a usable certificate; sender without a key: with, without.
+EXPECTED = {
+    ("never", "never"): (CLEAR, CLEAR, CLEAR, CLEAR),
+    ("never", "possible"): (ENCRYPTED, CLEAR, ENCRYPTED, CLEAR),
+    ("never", "must"): (ENCRYPTED, NO_CERTIFICATE, ENCRYPTED, NO_CERTIFICATE),
+    ("possible", "never"): (SIGNED, SIGNED, CLEAR, CLEAR),
+    ("possible", "possible"): (BOTH, SIGNED, ENCRYPTED, CLEAR),
+    ("possible", "must"): (BOTH, NO_CERTIFICATE, ENCRYPTED, NO_CERTIFICATE),
+    ("must", "never"): (SIGNED, SIGNED, NO_KEY, NO_KEY),
+    ("must", "possible"): (BOTH, SIGNED, NO_KEY, NO_KEY),
+    ("must", "must"): (BOTH, NO_CERTIFICATE, NO_KEY, NO_KEY),
+}
+
+
+def address(sign, encrypt, certificate):
+    return f"{certificate}-{sign}-{encrypt}@b.example"
+
+
+class Cells(Case):
+    @classmethod
+    def prepare(cls):
+        world = cls.world
+        cells = list(itertools.product(WISHES, WISHES))
+        for name, authority, period in (("good", world.authority, {}), ("stranger", world.stranger, {}),
+                                        ("expired", world.authority, {"begins": "20200101000000Z", "ends": "20210101000000Z"})):
+            addresses = [address(sign, encrypt, name) for sign, encrypt in cells]
+            person = authority.issue(addresses[0], addresses[1:], **period)
+            keep(world.outgoing.store, person, USER, with_key=False, name=name)
+            if name == "good":
+                cls.good = person
+        world.outgoing.settings.rules = [
+            {"name": f"{sign}-{encrypt}", "recipient": f"*-{sign}-{encrypt}@b.example", "sign": sign, "encrypt": encrypt}
+            for sign, encrypt in cells]
+
+    def test_every_cell(self):
+        sent = []
+        for (sign, encrypt), outcomes in EXPECTED.items():
+            for sender, certificate in itertools.product((SENDER, KEYLESS), CERTIFICATES):
+                recipient = address(sign, encrypt, certificate)
+                subject = f"{sender.split('@')[0]} {recipient.split('@')[0]}"
+                expected = outcomes[(0 if sender == SENDER else 2) + (0 if CERTIFICATES[certificate] else 1)]
+                data = mail.compose(sender, recipient, subject, f"This is {subject}.\r\n".encode())
+                with self.subTest(subject):
+                    if expected in (NO_CERTIFICATE, NO_KEY):
+                        refused = self.assert_refused(550, expected, lambda: self.world.send(recipient, data, sender=sender))
+                        self.assertTrue(refused.text.startswith("5.7."), refused.text)
+                        if expected == NO_CERTIFICATE:
+                            self.assertIn(recipient, refused.text)
+                        sent.append((subject, recipient, None, data))
+                    else:
+                        self.world.send(recipient, data, sender=sender)
+                        sent.append((subject, recipient, expected, data))
+        self.assertEqual(72, len(sent))
+        self.assertTrue(self.world.settled())
+        for subject, recipient, expected, data in sent:
+            with self.subTest(subject):
+                passed = self.wire(subject)
+                if expected is None:
+                    self.assertEqual([], passed)
+                    continue
+                self.assertEqual(1, len(passed))
+                self.check_wire(passed[0].data, expected, data)
+                self.assertEqual(1, len([m for m in self.world.mailboxes.all(recipient)
+                                         if subject in mail.field(m, "Subject")]))
+
+    def check_wire(self, data, expected, original):
+        text = mail.split(original)[1]
+        if expected == CLEAR:
+            self.assertEqual(original, self.world.mailboxes.without_trace(data.replace(b"\r\n", b"\n")))
+            return
+        if expected in (ENCRYPTED, BOTH):
+            self.assertEqual("encrypted", mail.kind(data))
+            self.assertNotIn(text.strip(), data)
+            self.assertEqual([self.good.serial], mail.recipients_of(data))
+            data = mail.opened(self.good, data)
+        if expected in (SIGNED, BOTH):
+            self.assertEqual("signed", mail.kind(data))
+            data = mail.verified(self.world.authority, data)
+        else:
+            self.assertEqual("clear", mail.kind(data))
+        self.assertTrue(data.endswith(text), data)
+
+
+class SeveralRecipients(Case):
+    @classmethod
+    def prepare(cls):
+        cls.world.outgoing.settings.rules = [
+            {"name": "must", "recipient": "friend@b.example", "encrypt": "must"},
+            {"name": "refuses", "recipient": "*.strict@b.example", "encrypt": "possible", "mixed": "reject"},
+            {"name": "others", "recipient": "*@b.example", "encrypt": "possible"}]
+        world = cls.world
+        strict = world.authority.issue("a.strict@b.example")
+        world.people["a.strict@b.example"] = strict
+        keep(world.outgoing.store, strict, USER, with_key=False)
+        keep(world.incoming.store, strict, USER, with_key=True)
+
+    def send(self, subject, to, hidden=(), extra=()):
+        data = mail.compose(SENDER, to, subject, f"For {subject}.\r\n".encode(), extra)
+        self.world.send([*to, *hidden], data)
+        self.assertTrue(self.world.settled())
+        return self.wire(subject)
+
+    def serials(self, *addresses):
+        return sorted(self.world.people[address].serial for address in addresses)
+
+    def test_all_of_them_get_one_encrypted_message(self):
+        people = ["recipient@b.example", "friend@b.example", "third@b.example"]
+        passed = self.send("all three", people)
+        self.assertEqual(sorted(people), sorted(recipient for message in passed for recipient in message.recipients))
+        for message in passed:
+            self.assertEqual(self.serials(*people), mail.recipients_of(message.data))
+        for person in people:
+            self.assert_verdict(self.arrived(person, "all three"), "pass")
+
+    def test_who_has_no_certificate_gets_a_clear_message_of_their_own(self):
+        people = ["recipient@b.example", "friend@b.example", "nobody@b.example", "expired@b.example"]
+        passed = self.send("mixed", people)
+        self.assertEqual(sorted(people), sorted(recipient for message in passed for recipient in message.recipients))
+        for message in passed:
+            for recipient in message.recipients:
+                if recipient in ("nobody@b.example", "expired@b.example"):
+                    self.assertEqual("signed", mail.kind(message.data), recipient)
+                else:
+                    self.assertEqual("encrypted", mail.kind(message.data), recipient)
+                    self.assertEqual(self.serials("recipient@b.example", "friend@b.example"), mail.recipients_of(message.data))
+        for person in people:
+            self.assertEqual(1, len([m for m in self.world.mailboxes.all(person) if "mixed" in mail.field(m, "Subject")]), person)
+
+    def test_or_the_message_is_refused_where_policy_says_so(self):
+        data = mail.compose(SENDER, "x", "strict")
+        self.assert_refused(550, "5.7.1", lambda: self.world.send(["a.strict@b.example", "b.strict@b.example"], data))
+        self.assertEqual([], self.wire("strict"))
+
+    def test_one_without_a_certificate_under_must_refuses_the_message_for_all(self):
+        self.world.policy({"name": "all", "encrypt": "must"})
+        try:
+            data = mail.compose(SENDER, "x", "under must")
+            refused = self.assert_refused(550, "no certificate to encrypt to for", lambda: self.world.send(
+                ["recipient@b.example", "nobody@b.example", "expired@b.example", "stranger@b.example"], data))
+            for address in ("nobody@b.example", "expired@b.example", "stranger@b.example"):
+                self.assertIn(address, refused.text)
+            self.assertNotIn("recipient@b.example", refused.text)
+            self.assertTrue(self.world.settled())
+            self.assertEqual([], self.wire("under must"))
+        finally:
+            self.prepare_rules()
+
+    def prepare_rules(self):
+        self.world.policy(
+            {"name": "must", "recipient": "friend@b.example", "encrypt": "must"},
+            {"name": "refuses", "recipient": "*.strict@b.example", "encrypt": "possible", "mixed": "reject"},
+            {"name": "others", "recipient": "*@b.example", "encrypt": "possible"})
+
+    def test_hidden_recipients_get_messages_of_their_own(self):
+        passed = self.send("hidden", ["recipient@b.example"], ["friend@b.example", "third@b.example"],
+                           ["Bcc: friend@b.example, third@b.example"])
+        found = {recipient: message for message in passed for recipient in message.recipients}
+        self.assertEqual({"recipient@b.example", "friend@b.example", "third@b.example"}, set(found))
+        for recipient, message in found.items():
+            self.assertEqual([recipient], message.recipients)
+            self.assertEqual(self.serials(recipient), mail.recipients_of(message.data))
+            self.assertEqual([], mail.field(message.data, "Bcc"))
+            self.assertEqual([], mail.field(self.arrived(recipient, "hidden"), "Bcc"))
+            self.assert_verdict(self.arrived(recipient, "hidden"), "pass")
+
+    def test_a_bounce_of_the_host_itself_is_not_signed(self):
+        self.world.send("unknown@elsewhere.example", mail.compose(SENDER, "unknown@elsewhere.example", "to come back"))
+        self.assertTrue(self.world.settled())
+
+
+class Direction(Case):
+    """By listener, login and network; never by From."""
+
+    @classmethod
+    def prepare(cls):
+        cls.world.outgoing.settings.direction = [
+            {"listener": "OUT", "direction": "outgoing"},
+            {"listener": "LOGIN", "networks": ["192.0.2.0/24", "2001:db8::/32"], "direction": "outgoing"},
+            {"listener": "LOGIN", "networks": ["203.0.113.0/24"], "direction": "ignore"},
+            {"authenticated": "*", "direction": "outgoing"}]
+        cls.world.outgoing.settings.rules = [{"name": "all", "sign": "possible", "encrypt": "never"}]
+
+    def go(self, subject, *client):
+        """As what the message passed the wire, for a client with these attributes."""
+        data = mail.compose(SENDER, "nobody@b.example", subject)
+        mail.send(self.world.login_port, SENDER, "nobody@b.example", data, before=[f"XCLIENT {' '.join(client)}"] if client else ())
+        self.assertTrue(self.world.settled())
+        passed, = self.wire(subject)
+        return mail.kind(passed.data)
+
+    def test_the_listener(self):
+        self.world.send("nobody@b.example", mail.compose(SENDER, "nobody@b.example", "by listener"))
+        self.assertTrue(self.world.settled())
+        self.assertEqual("signed", mail.kind(self.wire("by listener")[0].data))
+
+    def test_nothing_says_so(self):
+        self.assertEqual("clear", self.go("from alone"))
+
+    def test_the_network(self):
+        self.assertEqual("signed", self.go("by network", "ADDR=192.0.2.7"))
+        self.assertEqual("clear", self.go("by no network", "ADDR=198.51.100.7"))
+        self.assertEqual("signed", self.go("by network 6", "ADDR=IPV6:2001:db8::7"))
+        self.assertEqual("clear", self.go("ignored", "ADDR=203.0.113.7"))
+
+    def test_the_user(self):
+        self.assertEqual("signed", self.go("by user", "LOGIN=sender"))
+
+    def test_a_from_address_of_somebody_else_is_not_signed_for(self):
+        data = mail.compose("second@a.example", "nobody@b.example", "not mine")
+        self.assert_refused(550, "5.7.", lambda: self.world.send("nobody@b.example", data, sender=SENDER))
+        self.assertEqual([], self.wire("not mine"))
+
+    def test_mail_that_comes_in_with_a_from_of_ours_is_not_signed(self):
+        data = mail.compose(SENDER, "recipient@b.example", "forged from")
+        mail.send(self.world.in_port, SENDER, "recipient@b.example", data)
+        self.assertEqual(data, self.arrived("recipient@b.example", "forged from"))
+
+
+if __name__ == "__main__":
+    main()

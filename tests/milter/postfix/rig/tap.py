@@ -1,0 +1,109 @@
+"""An SMTP proxy that keeps every message that passes, with its envelope, and changes one when it is asked to."""
+
+import re
+import socket
+import threading
+
+
+class Passed:
+    """A message as it went over the wire, lines ending in CRLF, dots unstuffed."""
+
+    def __init__(self, sender, recipients, data):
+        self.sender = sender
+        self.recipients = recipients
+        self.data = data
+        self.reply = b""
+
+
+class Tap:
+    def __init__(self, target):
+        self.target = target
+        self.passed = []
+        self.change = None  # a function of a Passed that answers other data
+        self.hide = {b"PIPELINING", b"CHUNKING", b"STARTTLS"}  # so that a command has one answer, and DATA is the one way
+        self.lock = threading.Lock()
+        self.listening = socket.create_server(("127.0.0.1", 0), backlog=100)
+        self.port = self.listening.getsockname()[1]
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self):
+        while True:
+            try:
+                connection, _ = self.listening.accept()
+            except OSError:
+                return
+            threading.Thread(target=self.converse, args=(connection,), daemon=True).start()
+
+    def converse(self, connection):
+        try:
+            with connection, socket.create_connection(("127.0.0.1", self.target)) as onward:
+                client, server = connection.makefile("rwb"), onward.makefile("rwb")
+                self.relay(client, server)
+        except OSError:
+            pass  # one of both went away, which the other sees from the closed connection
+
+    def relay(self, client, server):
+        self.answer(client, server)
+        sender, recipients = b"", []
+        for line in iter(client.readline, b""):
+            verb = line[:4].upper()
+            server.write(line)
+            server.flush()
+            reply = self.answer(client, server, ehlo=verb == b"EHLO")
+            if reply.startswith(b"2"):
+                if verb == b"MAIL":
+                    sender, recipients = self.path(line), []
+                elif verb == b"RCPT":
+                    recipients.append(self.path(line))
+            if verb == b"DATA" and reply.startswith(b"354"):
+                self.body(client, server, sender.decode(), [r.decode() for r in recipients])
+
+    @staticmethod
+    def path(line):
+        return line[line.index(b"<") + 1:line.index(b">")]
+
+    def answer(self, client, server, ehlo=False):
+        lines = []
+        while True:
+            line = server.readline()
+            if not line:
+                raise OSError("the server went away")
+            lines.append(line)
+            if line[3:4] != b"-":
+                break
+        if ehlo:
+            kept = [line for line in lines if line[4:].split(None, 1)[:1] and line[4:].split()[0] not in self.hide]
+            lines = [line[:3] + b"-" + line[4:] for line in kept[:-1]] + [kept[-1][:3] + b" " + kept[-1][4:]]
+        client.write(b"".join(lines))
+        client.flush()
+        return lines[-1]
+
+    def body(self, client, server, sender, recipients):
+        lines = []
+        for line in iter(client.readline, b""):
+            if line == b".\r\n":
+                break
+            lines.append(line[1:] if line.startswith(b".") else line)
+        else:
+            return
+        passed = Passed(sender, recipients, b"".join(lines))
+        if self.change:
+            passed.data = self.change(passed)
+        server.write(re.sub(rb"(?m)^\.", b"..", passed.data))
+        server.write(b".\r\n")
+        server.flush()
+        # Kept before the client hears of it: whoever waits for the end of the delivery finds it here.
+        with self.lock:
+            self.passed.append(passed)
+        passed.reply = self.answer(client, server)
+
+    def messages(self):
+        with self.lock:
+            return list(self.passed)
+
+    def clear(self):
+        with self.lock:
+            self.passed.clear()
+
+    def stop(self):
+        self.listening.close()

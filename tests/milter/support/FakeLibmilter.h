@@ -1,0 +1,21 @@
+#pragma once
+
+/// \file
+/// What the front sees of libmilter, without a connection: each call is kept, and fails when it is told to.
+
+#include <libmilter/mfapi.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+/// libmilter's name for what a connection is to it.
+struct smfi_str {
+    std::map<std::string, std::string> macros;
+    std::vector<std::string> calls; ///< "addheader X: y", "replacebody 5", "setreply 550 5.7.1 no"
+    std::string body;               ///< pieces of a new one put together
+    int callsUntilFailure = -1;     ///< changes that succeed before all fail; negative: none fails
+    std::atomic<int> progress{0};
+    void* kept = nullptr;
+};

@@ -1,0 +1,109 @@
+#pragma once
+
+/// \file
+/// A front with a judge of the test's, asked as libmilter asks.
+
+#include "front/Callbacks.h"
+#include "milter/support/FakeLibmilter.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace norvtest {
+
+/// Keeps the lines.
+class KeptLog : public norvmilter::Log {
+public:
+    KeptLog() : Log(norvmilter::LogTarget::standardError, norvmilter::LogLevel::debug) {}
+    std::vector<std::string> lines;
+
+protected:
+    void write(norvmilter::LogLevel /*level*/, const std::string& line) override { lines.push_back(line); }
+};
+
+using Judge = std::function<norvmilter::Outcome(const norvmilter::Message&, const norvmilter::Deadline&)>;
+
+class FrontBench {
+public:
+    explicit FrontBench(Judge judge = [](const auto&, const auto&) { return norvmilter::Outcome(); },
+                        norvmilter::FrontLimits limits = {})
+        : generation{std::move(limits), std::move(judge), [](const auto&) {}} {}
+
+    /// What all is to be changed in before `front()` is called first.
+    norvmilter::Generation generation;
+    KeptLog log;
+    norvmilter::Metrics metrics;
+
+    norvmilter::Front& front() {
+        if (!m_front)
+            m_front = std::make_unique<norvmilter::Front>(log, metrics,
+                                                          std::make_shared<const norvmilter::Generation>(generation),
+                                                          std::chrono::milliseconds(20));
+        return *m_front;
+    }
+
+private:
+    std::unique_ptr<norvmilter::Front> m_front;
+};
+
+/// All that Postfix offers.
+constexpr unsigned long allActions = 0x1FF;
+constexpr unsigned long allSteps = 0x1FFFFF;
+
+/// A connection of an MTA.
+class Asking {
+public:
+    explicit Asking(FrontBench& bench) : m_callbacks(norvmilter::callbacksFor(bench.front())) {}
+    Asking(const Asking&) = delete;
+    Asking& operator=(const Asking&) = delete;
+    ~Asking() { close(); }
+
+    smfi_str context;
+
+    sfsistat negotiate(unsigned long actions = allActions, unsigned long steps = allSteps) {
+        unsigned long reserved = 0;
+        return m_callbacks.xxfi_negotiate(&context, actions, steps, 0, 0, &agreedActions, &agreedSteps, &reserved, &reserved);
+    }
+    sfsistat connect(sockaddr* client = nullptr) { return m_callbacks.xxfi_connect(&context, name(), client); }
+    sfsistat sender(std::string path) {
+        char* arguments[] = {path.data(), nullptr};
+        return m_callbacks.xxfi_envfrom(&context, arguments);
+    }
+    sfsistat recipient(std::string path) {
+        char* arguments[] = {path.data(), nullptr};
+        return m_callbacks.xxfi_envrcpt(&context, arguments);
+    }
+    sfsistat header(std::string name, std::string value) {
+        return m_callbacks.xxfi_header(&context, name.data(), value.data());
+    }
+    sfsistat body(std::string octets) {
+        return m_callbacks.xxfi_body(&context, reinterpret_cast<unsigned char*>(octets.data()), octets.size());
+    }
+    sfsistat end() { return m_callbacks.xxfi_eom(&context); }
+    void abort() { m_callbacks.xxfi_abort(&context); }
+    void close() { m_callbacks.xxfi_close(&context); }
+
+    /// Up to the last octet.
+    void message(const std::string& body = "hello\r\n", const std::vector<std::string>& recipients = {"<b@b.example>"}) {
+        sender("<a@a.example>");
+        for (const std::string& one : recipients)
+            recipient(one);
+        header("Subject", " greetings");
+        this->body(body);
+    }
+
+    unsigned long agreedActions = 0;
+    unsigned long agreedSteps = 0;
+
+private:
+    static char* name() {
+        static char text[] = "client.example";
+        return text;
+    }
+    smfiDesc m_callbacks;
+};
+
+} // namespace norvtest

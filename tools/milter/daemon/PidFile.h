@@ -1,0 +1,28 @@
+#pragma once
+
+/// \file
+/// The file with the number of the process, which keeps a second daemon of the same configuration from starting.
+
+#include "daemon/Descriptor.h"
+
+#include <string>
+
+namespace norvmilter {
+
+class PidFile {
+public:
+    /// Takes the file, before privileges go and the process gets its last number. \param path empty: there is none
+    /// \throws std::runtime_error it cannot be made, or a process that runs has it
+    explicit PidFile(const std::string& path);
+
+    /// Writes the number of this process. \throws std::runtime_error the disk is full
+    void write() const;
+    /// Empties the file, and removes it where the folder lets this user.
+    void remove() noexcept;
+
+private:
+    std::string m_path;
+    Descriptor m_file;
+};
+
+} // namespace norvmilter

@@ -1,0 +1,64 @@
+#pragma once
+
+/// \file
+/// Tells the MTA from time to time that a message is still worked on, so that it does not give up.
+///
+/// \code
+/// Progress progress(std::chrono::seconds(10));
+/// const Progress::Task task(progress, [context] { smfi_progress(context); });
+/// ... // long work
+/// \endcode
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+
+namespace norvmilter {
+
+/// One thread for all messages. Any number of threads may have tasks.
+class Progress {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// \param every the time between two calls for a task
+    explicit Progress(Clock::duration every = std::chrono::seconds(10));
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    /// No task is left by then.
+    ~Progress();
+
+    class Task {
+    public:
+        /// \param tell is called from the thread of `progress`, never once this object is gone; it throws nothing
+        Task(Progress& progress, std::function<void()> tell);
+        Task(const Task&) = delete;
+        Task& operator=(const Task&) = delete;
+        ~Task();
+
+    private:
+        friend class Progress;
+        Progress& m_progress;
+        std::function<void()> m_tell;
+        Clock::time_point m_begun;
+        Clock::time_point m_next;
+        std::list<Task*>::iterator m_place;
+    };
+
+    /// How long the oldest task has been there; 0 without any.
+    [[nodiscard]] Clock::duration longest() const;
+
+private:
+    void run();
+
+    const Clock::duration m_every;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::list<Task*> m_tasks; // the oldest first
+    bool m_ending = false;
+    std::thread m_thread;
+};
+
+} // namespace norvmilter

@@ -1,0 +1,319 @@
+#include "front/Session.h"
+
+#include "submit/Submit.h"
+
+#include <norvcmsg/Exception.h>
+
+#include <arpa/inet.h>
+#include <array>
+#include <cstring>
+#include <exception>
+#include <netinet/in.h>
+#include <new>
+#include <sys/socket.h>
+
+namespace norvmilter {
+
+namespace {
+
+constexpr unsigned long neededActions = SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CHGBODY;
+/// What is not asked about, and what makes the rest cheaper or more exact.
+constexpr unsigned long wantedSteps =
+    SMFIP_NOHELO | SMFIP_NOEOH | SMFIP_NODATA | SMFIP_NOUNKNOWN | SMFIP_SKIP | SMFIP_NR_HDR | SMFIP_HDR_LEADSPC;
+
+std::string macro(SMFICTX* context, const char* name) {
+    const char* value = smfi_getsymval(context, const_cast<char*>(name));
+    return value == nullptr ? std::string() : std::string(value);
+}
+
+void wantMacros(SMFICTX* context, int step, const char* names) {
+    // Where it cannot be wished for, the MTA's own list holds.
+    static_cast<void>(smfi_setsymlist(context, step, const_cast<char*>(names)));
+}
+
+std::string addressOf(const sockaddr* client) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (client == nullptr)
+        return {};
+    if (client->sa_family == AF_INET) {
+        sockaddr_in address{};
+        std::memcpy(&address, client, sizeof address);
+        return ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size()) == nullptr ? "" : text.data();
+    }
+    if (client->sa_family != AF_INET6)
+        return {};
+    sockaddr_in6 address{};
+    std::memcpy(&address, client, sizeof address);
+    // An IPv4 address that came over an IPv6 socket.
+    constexpr std::size_t mapped = 12;
+    const bool isMapped = IN6_IS_ADDR_V4MAPPED(&address.sin6_addr);
+    const char* shown = isMapped ? ::inet_ntop(AF_INET, address.sin6_addr.s6_addr + mapped, text.data(), text.size())
+                                 : ::inet_ntop(AF_INET6, &address.sin6_addr, text.data(), text.size());
+    return shown == nullptr ? "" : shown;
+}
+
+/// "<anna@a.example>" as anna@a.example.
+std::string mailbox(const char* path) {
+    std::string address = path == nullptr ? "" : path;
+    if (address.size() >= 2 && address.front() == '<' && address.back() == '>')
+        address = address.substr(1, address.size() - 2);
+    return address;
+}
+
+Outcome withReply(Outcome::Action action, int code, const char* enhanced, const std::string& text) {
+    Outcome outcome;
+    outcome.action = action;
+    outcome.reply = replyOf(code, enhanced, text);
+    outcome.tell("reason", text);
+    return outcome;
+}
+
+/// What the client is told of trouble on this side says nothing about this side.
+Outcome troubled(const std::string& why) {
+    Outcome outcome;
+    outcome.action = Outcome::Action::tempfail;
+    outcome.reply = replyOf(451, "4.3.0", "mail cannot be judged now, please try again later");
+    outcome.tell("reason", why);
+    return outcome;
+}
+
+const char* nameOf(Outcome::Action action) {
+    switch (action) {
+    case Outcome::Action::pass:
+        return "pass";
+    case Outcome::Action::change:
+        return "change";
+    case Outcome::Action::reject:
+        return "reject";
+    case Outcome::Action::tempfail:
+        return "tempfail";
+    }
+    return "tempfail";
+}
+
+/// What failed, with what was found before.
+Outcome instead(const Outcome& outcome, Outcome failed) {
+    for (const Fact& fact : outcome.facts) {
+        if (fact.name != "reason")
+            failed.facts.push_back(fact);
+    }
+    return failed;
+}
+
+bool goesOn(const Outcome& outcome) {
+    return outcome.action == Outcome::Action::pass || outcome.action == Outcome::Action::change;
+}
+
+} // namespace
+
+Session::Mail::Mail(Front& front, std::shared_ptr<const Generation> by)
+    : inHand(front),
+      generation(std::move(by)),
+      message(generation->limits.spool) {}
+
+bool Session::negotiate(SMFICTX* context, unsigned long offeredActions, unsigned long offeredSteps,
+                        unsigned long& actions, unsigned long& steps) {
+    if ((offeredActions & neededActions) != neededActions)
+        return false;
+    actions = offeredActions & (neededActions | SMFIF_DELRCPT | SMFIF_SETSYMLIST);
+    steps = offeredSteps & wantedSteps;
+    m_agreed.leadingBlank = (steps & SMFIP_HDR_LEADSPC) != 0;
+    m_agreed.noReplyToHeader = (steps & SMFIP_NR_HDR) != 0;
+    m_agreed.skip = (steps & SMFIP_SKIP) != 0;
+    m_agreed.removesRecipients = (actions & SMFIF_DELRCPT) != 0;
+    if ((actions & SMFIF_SETSYMLIST) != 0) {
+        wantMacros(context, SMFIM_CONNECT, "{daemon_name}");
+        wantMacros(context, SMFIM_ENVFROM, "i {auth_authen}");
+        wantMacros(context, SMFIM_ENVRCPT, "i");
+        wantMacros(context, SMFIM_EOM, "i");
+    }
+    return true;
+}
+
+sfsistat Session::connect(SMFICTX* context, const sockaddr* client) {
+    m_mail.reset();
+    m_client = addressOf(client);
+    m_listener = macro(context, "{daemon_name}");
+    m_connected.reset();
+    m_connected.emplace(m_front);
+    if (m_front.isDraining() || !m_connected->isWithinLimit()) {
+        m_front.metrics().refused();
+        m_front.log().event(LogLevel::warning, "connection-refused",
+                            {{"client", m_client}, {"reason", m_front.isDraining() ? "stopping" : "too many connections"}});
+        return answerWith(context, {421, "4.3.2", "mail filter: no more connections now"});
+    }
+    m_front.log().event(LogLevel::debug, "connection", {{"client", m_client}, {"listener", m_listener}});
+    return SMFIS_CONTINUE;
+}
+
+sfsistat Session::sender(SMFICTX* context, const char* path) {
+    m_mail.reset();
+    if (m_front.isDraining())
+        return answerWith(context, {451, "4.3.2", "mail filter: stopping"});
+    m_mail = std::make_unique<Mail>(m_front, m_front.generation());
+    Envelope& envelope = m_mail->message.envelope;
+    envelope.clientAddress = m_client;
+    envelope.sender = mailbox(path);
+    envelope.authenticated = macro(context, "{auth_authen}");
+    readMacros(context);
+    return SMFIS_CONTINUE;
+}
+
+void Session::readMacros(SMFICTX* context) {
+    Envelope& envelope = m_mail->message.envelope;
+    if (envelope.queueId.empty())
+        envelope.queueId = macro(context, "i");
+    const std::string listener = macro(context, "{daemon_name}");
+    envelope.listener = listener.empty() ? m_listener : listener;
+}
+
+sfsistat Session::recipient(SMFICTX* context, const char* path) {
+    if (!m_mail)
+        return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
+    Envelope& envelope = m_mail->message.envelope;
+    if (envelope.recipients.size() >= m_mail->generation->limits.recipients)
+        return answerWith(context, {452, "4.5.3", "too many recipients"});
+    envelope.recipients.push_back(mailbox(path));
+    m_mail->written.try_emplace(envelope.recipients.back(), path == nullptr ? "" : path);
+    readMacros(context);
+    return SMFIS_CONTINUE;
+}
+
+void Session::header(const char* name, const char* value) {
+    if (!m_mail || m_mail->failed)
+        return;
+    const FrontLimits& limits = m_mail->generation->limits;
+    HeaderField field{name == nullptr ? "" : name, value == nullptr ? "" : value};
+    if (!m_agreed.leadingBlank)
+        field.value.insert(0, 1, ' ');
+    const std::size_t length = field.name.size() + field.value.size() + 3;
+    m_mail->headerOctets += length;
+    m_mail->octets += length;
+    if (m_mail->headerOctets > limits.headerBytes || m_mail->message.header.size() >= limits.headerFields) {
+        // Fields that nobody looked at could say anything in our name: such a message cannot pass.
+        m_mail->failed = withReply(Outcome::Action::reject, 552, "5.3.4", "the header of the message is too large");
+        return;
+    }
+    m_mail->message.header.push_back(std::move(field));
+}
+
+sfsistat Session::body(const unsigned char* octets, std::size_t length) {
+    if (!m_mail)
+        return SMFIS_CONTINUE;
+    m_mail->octets += length;
+    const std::uint64_t most = m_mail->generation->limits.messageBytes;
+    if (most != 0 && m_mail->octets > most)
+        m_mail->message.tooLarge = true;
+    if (m_mail->message.tooLarge || m_mail->failed)
+        return m_agreed.skip ? SMFIS_SKIP : SMFIS_CONTINUE;
+    m_mail->message.addBody(octets, length);
+    return SMFIS_CONTINUE;
+}
+
+void Session::fail(const std::string& why) {
+    if (m_mail && !m_mail->failed)
+        m_mail->failed = troubled(why);
+    else
+        m_front.log().event(LogLevel::error, "callback-failed", {{"client", m_client}, {"reason", why}});
+}
+
+void Session::abort() {
+    if (m_mail)
+        m_front.metrics().aborted();
+    m_mail.reset();
+}
+
+Outcome Session::judge(SMFICTX* context, const Mail& mail) const {
+    if (mail.failed)
+        return *mail.failed;
+    const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
+    try {
+        return mail.generation->judge(mail.message, Deadline::in(mail.generation->limits.perMessage));
+    } catch (const std::bad_alloc&) {
+        return troubled("out of memory");
+    } catch (const Norvane::Exception& failure) {
+        return troubled(failure.asString());
+    } catch (const std::exception& failure) {
+        return troubled(failure.what());
+    }
+}
+
+std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const Outcome& outcome) const {
+    if (outcome.submissions.empty())
+        return std::nullopt;
+    const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
+    try {
+        mail.generation->submit(outcome.submissions);
+        return std::nullopt;
+    } catch (const SubmissionFailure& failure) {
+        m_front.metrics().submissionFailed();
+        Outcome failed =
+            failure.isPermanent()
+                ? withReply(Outcome::Action::reject, 550, "5.7.1", std::string("a part was refused: ") + failure.what())
+                : troubled(std::string("submission: ") + failure.what());
+        return failed;
+    } catch (const std::exception& failure) {
+        m_front.metrics().submissionFailed();
+        return troubled(std::string("submission: ") + failure.what());
+    }
+}
+
+sfsistat Session::endOfMessage(SMFICTX* context) {
+    // Whatever happens now, the message is not in hand afterwards.
+    const std::unique_ptr<Mail> mail = std::move(m_mail);
+    if (!mail)
+        return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
+    const Front::Clock::time_point begun = Front::Clock::now();
+    if (mail->message.envelope.queueId.empty())
+        mail->message.envelope.queueId = macro(context, "i");
+
+    Outcome outcome = judge(context, *mail);
+    if (goesOn(outcome)) {
+        if (std::optional<Outcome> failed = submit(context, *mail, outcome))
+            outcome = instead(outcome, std::move(*failed));
+    }
+    const bool isWhollySubmitted =
+        outcome.action == Outcome::Action::change && !outcome.submissions.empty() &&
+        outcome.removeRecipients.size() == mail->message.envelope.recipients.size();
+    if (outcome.action == Outcome::Action::change && !isWhollySubmitted &&
+        !applyChanges(context, m_agreed, mail->written, outcome))
+        outcome = instead(outcome, troubled("the MTA does not take a change"));
+
+    tell(*mail, outcome, isWhollySubmitted ? "discard" : nameOf(outcome.action), begun);
+    if (isWhollySubmitted)
+        return SMFIS_DISCARD;
+    return goesOn(outcome) ? SMFIS_CONTINUE : answerWith(context, outcome.reply);
+}
+
+void Session::tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const {
+    const std::chrono::duration<double> took = Front::Clock::now() - begun;
+    const Envelope& envelope = mail.message.envelope;
+    LogFields fields{{"queue", envelope.queueId},
+                     {"action", action},
+                     {"client", envelope.clientAddress},
+                     {"listener", envelope.listener},
+                     {"authenticated", envelope.authenticated},
+                     {"sender", envelope.sender},
+                     {"recipients", std::to_string(envelope.recipients.size())},
+                     {"bytes", std::to_string(mail.octets)},
+                     {"ms", std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(took).count())}};
+    if (!goesOn(outcome))
+        fields.emplace_back("reply", std::to_string(outcome.reply.code) + ' ' + outcome.reply.enhanced);
+    if (!outcome.submissions.empty())
+        fields.emplace_back("submitted", std::to_string(outcome.submissions.size()));
+    for (const Fact& fact : outcome.facts) {
+        // One that says "action" says what a rule wants; the line has what became of it.
+        fields.emplace_back(fact.name == "action" ? "wanted" : fact.name, fact.value);
+    }
+    const bool isTrouble = outcome.action == Outcome::Action::tempfail;
+    m_front.log().event(isTrouble ? LogLevel::warning : LogLevel::info, "message", fields);
+    m_front.metrics().message({.direction = outcome.told("direction"),
+                               .outcome = action,
+                               .verdict = outcome.told("verdict"),
+                               .seconds = took.count(),
+                               .octets = mail.octets,
+                               .spilled = mail.message.isSpilled(),
+                               .submitted = outcome.submissions.size()});
+}
+
+} // namespace norvmilter

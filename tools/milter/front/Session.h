@@ -1,0 +1,72 @@
+#pragma once
+
+/// \file
+/// One connection of the MTA: what it says of one message after the other.
+///
+/// The MTA is trusted to speak the protocol, and not to: callbacks may come in any order, any number of times. Whatever
+/// fails on the way is answered at the end of the message, so that each message has one answer and one line in the log.
+
+#include "front/Answer.h"
+#include "front/Front.h"
+
+#include <libmilter/mfapi.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace norvmilter {
+
+/// Used by one thread at a time, as libmilter sees to.
+class Session {
+public:
+    explicit Session(Front& front) : m_front(front) {}
+
+    /// What is offered and wanted. False: the MTA can do too little.
+    [[nodiscard]] bool negotiate(SMFICTX* context, unsigned long offeredActions, unsigned long offeredSteps,
+                                 unsigned long& actions, unsigned long& steps);
+    [[nodiscard]] sfsistat connect(SMFICTX* context, const sockaddr* client);
+    [[nodiscard]] sfsistat sender(SMFICTX* context, const char* path);
+    [[nodiscard]] sfsistat recipient(SMFICTX* context, const char* path);
+    void header(const char* name, const char* value);
+    [[nodiscard]] sfsistat body(const unsigned char* octets, std::size_t length);
+    [[nodiscard]] sfsistat endOfMessage(SMFICTX* context);
+    void abort();
+
+    /// What is answered to each field of the header.
+    [[nodiscard]] sfsistat afterHeader() const noexcept {
+        return m_agreed.noReplyToHeader ? SMFIS_NOREPLY : SMFIS_CONTINUE;
+    }
+    /// Something is wrong on this side: the message is to be answered with 4xx.
+    void fail(const std::string& why);
+
+private:
+    /// A message that has begun.
+    struct Mail {
+        Mail(Front& front, std::shared_ptr<const Generation> by);
+
+        Front::InHand inHand;
+        std::shared_ptr<const Generation> generation;
+        Message message;
+        std::map<std::string, std::string> written; // recipients as the MTA wrote them, by the address
+        std::uint64_t octets = 2;                   // those that came; there is an empty line between header and body
+        std::size_t headerOctets = 0;
+        std::optional<Outcome> failed; // what it is answered with whatever it holds
+    };
+
+    [[nodiscard]] Outcome judge(SMFICTX* context, const Mail& mail) const;
+    [[nodiscard]] std::optional<Outcome> submit(SMFICTX* context, const Mail& mail, const Outcome& outcome) const;
+    void tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const;
+    void readMacros(SMFICTX* context);
+
+    Front& m_front;
+    Agreed m_agreed;
+    std::optional<Front::Connected> m_connected;
+    std::string m_client;
+    std::string m_listener;
+    std::unique_ptr<Mail> m_mail;
+};
+
+} // namespace norvmilter

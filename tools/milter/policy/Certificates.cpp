@@ -1,0 +1,101 @@
+#include "policy/Certificates.h"
+
+#include "stores/LearntFolder.h"
+
+#include <norvcmsg/EmailAddress.h>
+#include <norvcmsg/Escape.h>
+#include <norvcrypto/DistinguishedName.h>
+
+namespace norvmilter {
+
+namespace {
+
+using namespace Norvane::Crypto;
+using Store = NVX509::DirectoryKeyStore;
+
+constexpr std::size_t mostTried = 16; ///< of the patterns that match one address
+
+const char* reasonOf(Store::Fitness fitness) {
+    switch (fitness) {
+    case Store::Fitness::usageForbids:
+        return "its key usage does not allow it to be encrypted to";
+    case Store::Fitness::unsuitableKey:
+        return "nothing can be encrypted to its kind of key";
+    case Store::Fitness::noKey:
+    case Store::Fitness::outOfValidity:
+    case Store::Fitness::fit:
+        break;
+    }
+    return "";
+}
+
+class Search {
+public:
+    Search(const LoadedStores& stores, const Deadline& deadline) : m_stores(stores), m_deadline(deadline) {
+        m_options = m_stores.verifier->defaults();
+        m_options.purpose = Trust::Purpose::encrypt;
+    }
+
+    FoundCertificate found;
+
+    bool take(const NVX509::RefCertificate& certificate, const std::list<NVX509::RefCertificate>& chain,
+              const std::string& source) {
+        m_deadline.check();
+        const Trust::Verdict verdict = m_stores.verifier->judge(certificate, chain, {}, m_options);
+        if (verdict.accepted) {
+            found.certificate = certificate;
+            found.source = source;
+            return true;
+        }
+        found.refusals.push_back(source + ": " + (verdict.reasons.empty() ? "refused" : verdict.reasons.front().text));
+        return false;
+    }
+
+    void inStore(const Norvane::EmailAddress& address) {
+        if (m_stores.directory.isNull())
+            return;
+        const Store::Explanation explanation = m_stores.directory->explain(address, Store::Purpose::encryption);
+        std::size_t tried = 0;
+        for (const Store::Match& match : explanation.matches) {
+            const Store::Identity& identity = explanation.contents->identities[match.place.identity];
+            const std::string source = "identity " + Norvane::escapeForDisplay(identity.folder) + " by its pattern " +
+                                       Norvane::escapeForDisplay(identity.owners[match.place.owner].pattern.text());
+            if (++tried > mostTried)
+                return;
+            if (*reasonOf(match.fitness) != '\0')
+                found.refusals.push_back(source + ": " + reasonOf(match.fitness));
+            else if (take(identity.certificate, identity.chain, source))
+                return;
+        }
+    }
+
+private:
+    const LoadedStores& m_stores;
+    const Deadline& m_deadline;
+    Trust::Options m_options;
+};
+
+} // namespace
+
+FoundCertificate encryptionCertificateFor(const LoadedStores& stores, const LearntFolder* learnt,
+                                          const std::string& address, const Deadline& deadline) {
+    deadline.check();
+    if (!stores.verifier)
+        throw Temporary("there are no trust anchors to judge certificates by");
+    const Norvane::EmailAddress parsed = Norvane::EmailAddress::rfc5321Parse(address, true);
+    Search search(stores, deadline);
+    if (parsed.isEmptyAddress()) {
+        search.found.refusals.emplace_back("it is no mail address");
+        return search.found;
+    }
+    search.inStore(parsed);
+    if (!search.found.certificate.isNull() || learnt == nullptr)
+        return search.found;
+    for (const NVX509::RefCertificate& certificate : learnt->find(address)) {
+        if (search.take(certificate, {}, "learnt certificate of " + NVX509::displayName(certificate->subject())))
+            break;
+    }
+    return search.found;
+}
+
+} // namespace norvmilter

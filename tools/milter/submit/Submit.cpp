@@ -1,0 +1,120 @@
+#include "submit/Submit.h"
+
+#include "submit/Smtp.h"
+
+#include <algorithm>
+#include <array>
+
+namespace norvmilter {
+
+namespace {
+
+bool isEightBit(char one) {
+    return (static_cast<unsigned char>(one) & 0x80U) != 0;
+}
+
+bool isEightBit(const std::string& text) {
+    return std::ranges::any_of(text, [](char one) { return isEightBit(one); });
+}
+
+bool isEightBit(Norvane::MediaIn source) {
+    std::array<unsigned char, 16384> piece{};
+    for (int length = 0; (length = source.read(piece.data(), piece.size())) > 0;) {
+        if (std::any_of(piece.begin(), piece.begin() + length, [](unsigned char one) { return (one & 0x80U) != 0; }))
+            return true;
+    }
+    return false;
+}
+
+/// Whether it can stand between "<" and ">" of a command and end nothing there.
+bool isWritable(const std::string& address) {
+    bool isQuoted = false;
+    for (std::size_t index = 0; index < address.size(); ++index) {
+        const auto one = static_cast<unsigned char>(address[index]);
+        if (one < ' ' || one == 0x7F || (!isQuoted && (one == ' ' || one == '<' || one == '>')))
+            return false;
+        if (one == '\\' && isQuoted)
+            ++index;
+        else if (one == '"')
+            isQuoted = !isQuoted;
+    }
+    return !isQuoted && address.size() <= 1000;
+}
+
+class Submitting {
+public:
+    explicit Submitting(const SubmitTo& to) : m_smtp(to) {}
+
+    void all(const std::vector<Submission>& submissions) {
+        if (submissions.size() > 1) {
+            for (const Submission& one : submissions) {
+                begin(one);
+                require("RSET", m_smtp.command("RSET"), 2);
+            }
+        }
+        for (const Submission& one : submissions) {
+            begin(one);
+            require("DATA", m_smtp.command("DATA"), 3);
+            require("the message", m_smtp.content(one.whole.in()), 2);
+            ++m_done;
+        }
+        m_smtp.quit();
+    }
+
+private:
+    void begin(const Submission& one) {
+        std::string parameters;
+        if (m_smtp.offers("SIZE"))
+            parameters += " SIZE=" + std::to_string(one.whole.length());
+        if (m_smtp.offers("8BITMIME"))
+            parameters += " BODY=8BITMIME";
+        else if (isEightBit(one.whole.in()))
+            refuse("the server takes no octets above 127, and the message has some");
+        if (isEightBit(one.sender) || std::ranges::any_of(one.recipients, [](const std::string& recipient) {
+                return isEightBit(recipient);
+            })) {
+            if (!m_smtp.offers("SMTPUTF8"))
+                refuse("the server takes no addresses with octets above 127");
+            parameters += " SMTPUTF8";
+        }
+        const std::string from = "MAIL FROM:<" + written(one.sender) + '>';
+        require(from, m_smtp.command(from + parameters), 2);
+        for (const std::string& recipient : one.recipients) {
+            const std::string command = "RCPT TO:<" + written(recipient) + '>';
+            require(command, m_smtp.command(command), 2);
+        }
+    }
+
+    const std::string& written(const std::string& address) const {
+        if (!isWritable(address))
+            refuse("an address that no command can hold: " + address);
+        return address;
+    }
+
+    void require(const std::string& what, const SmtpAnswer& answer, int hundreds) const {
+        if (answer.code / 100 == hundreds)
+            return;
+        const std::string said = what + ": " + std::to_string(answer.code) + ' ' + answer.text;
+        if (answer.code / 100 == 5)
+            refuse(said);
+        throw SubmissionFailure(said, false);
+    }
+
+    [[noreturn]] void refuse(const std::string& what) const {
+        throw SubmissionFailure(what, m_done == 0);
+    }
+
+    Smtp m_smtp;
+    std::size_t m_done = 0;
+};
+
+} // namespace
+
+void submit(const SubmitTo& to, const std::vector<Submission>& submissions) {
+    if (to.url.empty())
+        throw SubmissionFailure("there is no server to hand messages to (outgoing.submit)", false);
+    if (!submissions.empty())
+        Submitting(to).all(submissions);
+}
+
+} // namespace norvmilter
