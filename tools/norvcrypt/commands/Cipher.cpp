@@ -94,6 +94,8 @@ void addCipher(Command& commands, Action& action) {
                  "before its end was checked")
         ->typeName("FILE")
         ->showDefault();
+    command->example("norvcrypt cipher encrypt --cipher aes-128-cbc --key-hex 000102030405060708090a0b0c0d0e0f "
+                     "--iv-hex 0f0e0d0c0b0a09080706050403020100 --in letter.eml --out letter.aes");
     command->whenChosen([options, &action] { action = [options] { return cipher(*options); }; });
 }
 

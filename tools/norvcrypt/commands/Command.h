@@ -19,5 +19,9 @@ void addCipher(Command& commands, Action& action);
 void addTls(Command& commands, Action& action);
 void addBindings(Command& commands, Action& action);
 void addDemo(Command& commands, Action& action);
+void addHelp(Command& commands, Action& action);
+
+/// Of the tool and of the libraries that it works with on this machine, a line each.
+std::string versions();
 
 } // namespace norvcrypt

@@ -105,12 +105,16 @@ void addDecrypt(Command& commands, Action& action) {
                  "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->typeName("BODY")
         ->showDefault();
-    command->footer(
+    command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
         "names, by issuer and serial number or by key identifier, is tried for it; so are the password and the "
         "key-encryption key. Messages may have any size. Exit code 1: no key decrypts the message; 2: it needs what is "
         "not supported or costs too much, which is named, or it cannot be read.");
+    command->example("norvcrypt decrypt --cert bob.pem --key bob.key --in message.p7m --out for-bob.eml");
+    command->example("norvcrypt decrypt --p12 alice.p12 --passphrase-file secret --in message.p7m --out for-alice.eml");
+    command->example("norvcrypt decrypt --store identities --in message.p7m --out for-us.eml");
+    command->example("norvcrypt decrypt --cert mallory.pem --key mallory.key --in message.p7m # exit code 1");
     command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 

@@ -75,6 +75,8 @@ void addDigest(Command& commands, Action& action) {
     Command* command = commands.command("digest", "Prints digests, one line for each file as sha256sum does");
     command->option("--type", options->type, "The digest: sha256, sha512, sha1, ...")->showDefault();
     command->option("FILE", options->files, "What to digest; \"-\" or none is standard input");
+    command->example("norvcrypt digest message.eml message-changed.eml");
+    command->example("norvcrypt digest --type sha512 < message.eml");
     command->whenChosen([options, &action] { action = [options] { return digest(*options); }; });
 }
 

@@ -185,7 +185,7 @@ void addEncrypt(Command& commands, Action& action) {
         ->typeName("MSG.p7m")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
-    command->footer(
+    command->note(
         "Recipients may be mixed. A key on P-256, P-384, P-521 or X25519 takes part with a key agreement (ECDH), as "
         "its "
         "certificate says. A recipient in the store is the identity that norvcrypt bindings find names for encryption, "
@@ -193,6 +193,10 @@ void addEncrypt(Command& commands, Action& action) {
         "message, and older programs do not read them. A body of more than 256 KiB from a pipe is written in BER, so "
         "that it is never held in memory; with des-cbc, idea-cbc, bf-cbc and cast5-cbc it is, and has less than 2 "
         "GiB.");
+    command->example("norvcrypt encrypt --to bob.pem carol.pem --in message.eml --out for-both.p7m");
+    command->example("norvcrypt encrypt --store identities --to-address bob@example.org --cipher aes-256-gcm "
+                     "--in message.eml --out for-bob.p7m");
+    command->example("norvcrypt encrypt --password-file secret --in message.eml --out for-all-who-know.p7m");
     command->whenChosen([options, &action, certificates, store] {
         if (certificates->empty() && store->empty() && !options->passwordFile && !options->kekFile)
             throw MissingOption("--to");

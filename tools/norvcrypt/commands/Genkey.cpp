@@ -77,6 +77,7 @@ void addGenkey(Command& commands, Action& action) {
                  "Encrypt the key under this file's first line; without it the key is in clear")
         ->typeName("FILE");
     addForce(*command, options->force);
+    command->example("norvcrypt genkey --out new.key");
     command->whenChosen([options, &action] { action = [options] { return genkey(*options); }; });
 }
 

@@ -110,6 +110,8 @@ void addInspect(Command& commands, Action& action) {
         "FILE", options->files,
         "DER, PEM, base64, a mail or a part of one, recognised by content; \"-\" or none is standard input");
     command->flag("--json", options->json, "One JSON array with an object for each thing found");
+    command->example("norvcrypt inspect alice.pem ca.crl message.p7s");
+    command->example("norvcrypt inspect message.p7m --json");
     command->whenChosen([options, &action] { action = [options] { return inspect(*options); }; });
 }
 

@@ -100,8 +100,8 @@ void addPkcs12(Command& commands, Action& action) {
     Command* command =
         commands.command("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
                                 "clear and readable by its owner alone, and DIR/cert.pem");
-    command->footer("Further certificates in the file, such as a chain to its authority, are not written. "
-                    "Exit code 1: the passphrase is wrong, or the file holds no private key.");
+    command->note("Further certificates in the file, such as a chain to its authority, are not written. "
+                  "Exit code 1: the passphrase is wrong, or the file holds no private key.");
     command->option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
     command->option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
         ->typeName("FILE")
@@ -110,6 +110,7 @@ void addPkcs12(Command& commands, Action& action) {
         ->typeName("DIR")
         ->required();
     addForce(*command, options->force);
+    command->example("norvcrypt p12 carol.p12 --passphrase-file secret --out-dir from-carol");
     command->whenChosen([options, &action] { action = [options] { return importPkcs12(*options); }; });
 }
 

@@ -101,12 +101,15 @@ void addSign(Command& commands, Action& action) {
         ->typeName("SIG.p7s")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
-    command->footer(
+    command->note(
         "Each signer is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE; further "
         "certificates in the file of --cert join the chain. Or the signer is --store and --from: the identity that "
         "norvcrypt bindings find names for signing, with its chain, as long as its certificate is valid. An attached "
         "body of more than 256 KiB is written in BER when it comes from a pipe or an elliptic curve key signs, so that "
         "it is never held in memory.");
+    command->example(
+        "norvcrypt sign --cert alice.pem --key alice.key --chain ca.pem --in message.eml --out by-alice.p7s");
+    command->example("norvcrypt sign --store identities --from bob@example.org --in message.eml --out by-bob.p7s");
     command->whenChosen([options, &action, store] {
         if (const auto missing = options->identities->missing(); missing && store->empty())
             throw MissingOption(*missing);

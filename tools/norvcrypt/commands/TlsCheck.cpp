@@ -94,6 +94,7 @@ void addTlsCheck(Command& tls, Action& action) {
     command->option("--days", options->days, "Report certificates too that expire within so many days")
         ->typeName("N")
         ->range(0U, 36500U);
+    command->example("norvcrypt tls check --root appliance");
     command->whenChosen([options, &action] { action = [options] { return check(options->root, options->days); }; });
 }
 

@@ -243,6 +243,7 @@ void addTlsConnect(Command& tls, Action& action) {
     command->flag("--require-trust", options->requireTrust,
                   "Copy nothing and answer 1 unless the certificate verifies and is for the host");
     addTimeLimit(*command, options->timeLimit, "How many seconds the server may take each time; 0 for ever");
+    command->example("norvcrypt tls connect localhost:4433 --ca root.pem --require-trust --send letter.eml");
     command->whenChosen([options, &action] { action = [options] { return connect(*options); }; });
 }
 
