@@ -23,7 +23,7 @@ struct NamedCommand {
     void (*add)(norvcrypt::Command& commands, norvcrypt::Action& action);
 };
 
-constexpr std::array<NamedCommand, 15> namedCommands{{
+constexpr std::array<NamedCommand, 16> namedCommands{{
     {"sign", norvcrypt::addSign},
     {"verify", norvcrypt::addVerify},
     {"chain", norvcrypt::addChain},
@@ -31,6 +31,7 @@ constexpr std::array<NamedCommand, 15> namedCommands{{
     {"decrypt", norvcrypt::addDecrypt},
     {"smime", norvcrypt::addSmime},
     {"genkey", norvcrypt::addGenkey},
+    {"request", norvcrypt::addRequest},
     {"p12", norvcrypt::addPkcs12},
     {"inspect", norvcrypt::addInspect},
     {"digest", norvcrypt::addDigest},
@@ -74,7 +75,10 @@ Exit guarded(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const Norvane::Exception& failure) {
-        norvcrypt::reportError(failure.asString());
+        norvcrypt::reportError(norvcrypt::inPlainWords(failure));
+    } catch (const norvcrypt::Failure& failure) {
+        norvcrypt::reportError(failure.what());
+        return norvcrypt::exitOf(failure);
     } catch (const std::bad_alloc&) {
         norvcrypt::reportError("out of memory");
     } catch (const std::exception& failure) {

@@ -153,6 +153,10 @@ OptionFacts Option::facts() const {
     return facts;
 }
 
+Command::Command(CLI::App* app) : m_app(app) {
+    m_app->add_flag_callback("--debug", [] { tellAll(true); });
+}
+
 Command* Command::command(const std::string& name, const std::string& description) {
     return &m_commands.emplace_back(m_app->add_subcommand(name, description));
 }
@@ -230,6 +234,8 @@ CommandFacts Command::facts() const {
         facts.options.push_back(option.facts());
     if (m_app->get_version_ptr() != nullptr)
         facts.options.push_back({.name = "--version", .text = "Tell the version, and those of the libraries in use"});
+    facts.options.push_back(
+        {.name = "--debug", .text = "Tell of failures, too, where in the program they arose and what OpenSSL says"});
     facts.options.push_back({.name = "--help", .text = "Tell this"});
     for (const Command& one : m_commands)
         facts.commands.push_back(one.facts());

@@ -68,7 +68,7 @@ private:
 /// A command or sub-command. What it gives out lives as long as it does.
 class Command {
 public:
-    explicit Command(CLI::App* app) : m_app(app) {}
+    explicit Command(CLI::App* app);
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 

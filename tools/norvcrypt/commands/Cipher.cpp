@@ -66,7 +66,7 @@ Exit cipher(const CipherOptions& options) {
             transform(decrypter, out, options.in, inputs, "decrypting");
         } catch (const Norvane::Exception& failure) {
             reportError("cannot decrypt " + inputName(options.in) +
-                        ", the key is wrong or the bytes are damaged: " + failure.asString());
+                        ", the key is wrong or the bytes are damaged: " + inPlainWords(failure));
             return Exit::refused;
         }
     }

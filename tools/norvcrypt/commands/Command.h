@@ -10,6 +10,7 @@ void addVerify(Command& commands, Action& action);
 void addEncrypt(Command& commands, Action& action);
 void addDecrypt(Command& commands, Action& action);
 void addSmime(Command& commands, Action& action);
+void addRequest(Command& commands, Action& action);
 void addGenkey(Command& commands, Action& action);
 void addPkcs12(Command& commands, Action& action);
 void addChain(Command& commands, Action& action);

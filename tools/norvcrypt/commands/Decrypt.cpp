@@ -8,6 +8,7 @@
 #include "read/Passphrase.h"
 #include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
+#include "show/TextAndJson.h"
 
 #include <algorithm>
 #include <iterator>
@@ -26,6 +27,7 @@ struct DecryptOptions {
     std::optional<std::string> keyEncryptionKey;
     std::string in = "-";
     std::string out = "-";
+    bool json = false;
 };
 
 /// Those of the command line come first.
@@ -58,8 +60,23 @@ std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, In
     return SharedSecret{readKeyEncryptionKey(inputs, *options.keyEncryptionKey), inputName(*options.keyEncryptionKey)};
 }
 
+void tell(const DecryptionResult& result, const DecryptOptions& options) {
+    if (!options.json) {
+        for (const std::string& line : decryptionReport(result))
+            reportError(line);
+        return;
+    }
+    Description facts{{"file", options.in}};
+    facts.update(decryptionFacts(result));
+    TextOutput out;
+    out.text(asJson(facts));
+    out.flush();
+}
+
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
+    if (options.json && options.out == "-")
+        throw Failure("with --json the report goes to standard output: give --out a file for the body");
     TrialDecryption decryption(identitiesOf(options, inputs), passwordOf(options, inputs),
                                keyEncryptionKeyOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
@@ -69,8 +86,7 @@ Exit decrypt(const DecryptOptions& options) {
     StructureFile file(inputs, options.in, &progress);
     const DecryptionResult result = decryption.run(file, body);
     progress.clear();
-    for (const std::string& line : decryptionReport(result))
-        reportError(line);
+    tell(result, options);
     if (!result.decrypted)
         return result.needsMore() ? Exit::failed : Exit::refused;
     decryption.deliver(body);
@@ -105,6 +121,7 @@ void addDecrypt(Command& commands, Action& action) {
                  "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->typeName("BODY")
         ->showDefault();
+    command->flag("--json", options->json, "Tell what became of each recipient in JSON (docs/json.md)");
     command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "

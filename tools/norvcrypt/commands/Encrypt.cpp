@@ -1,4 +1,5 @@
 #include "cms/Encrypting.h"
+#include "commands/CertificateDoubts.h"
 #include "commands/Command.h"
 #include "files/Body.h"
 #include "files/Output.h"
@@ -43,18 +44,10 @@ struct EncryptOptions {
     bool pem = false;
 };
 
-/// Whoever names a certificate may know why it serves all the same; who took the wrong file does not.
-void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& path) {
-    const auto warn = [&path](const std::string& what) {
-        reportError("warning: the certificate in " + inputName(path) + " " + what);
-    };
-    const Period period = periodAt(certificate, std::time(nullptr));
-    if (period == Period::notYetValid)
-        warn("is not valid yet");
-    else if (period == Period::expired)
-        warn("has expired");
+void warnOfUsage(const NVX509::RefCertificate& certificate, const std::string& path) {
     if (const char* const missing = missingForEncryption(certificate))
-        warn("is not meant for encryption: its key usage has no " + std::string(missing));
+        reportError("warning: the certificate in " + inputName(path) +
+                    " is not meant for encryption: its key usage has no " + std::string(missing));
 }
 
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's:
@@ -66,6 +59,7 @@ void addFromFile(Recipients& recipients, const std::string& path, Inputs& inputs
                       " certificates: give each recipient a file of its own");
     recipients.add(certificates.front(), "in " + inputName(path));
     warnOfDoubts(certificates.front(), path);
+    warnOfUsage(certificates.front(), path);
 }
 
 /// Whom the store names for the addresses.

@@ -1,4 +1,5 @@
 #include "cms/Signing.h"
+#include "commands/CertificateDoubts.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
 #include "files/Body.h"
@@ -42,7 +43,10 @@ std::vector<NVX509::KeyCertificatePair> readSigners(const SignOptions& options, 
     std::list<NVX509::RefCertificate> further;
     if (options.chain)
         further = readCertificates(inputs, *options.chain);
-    for (OwnIdentity& identity : readIdentities(options.identities->files(), inputs)) {
+    const std::vector<IdentityFiles> files = options.identities->files();
+    for (OwnIdentity& identity : readIdentities(files, inputs)) {
+        const IdentityFiles& own = files[signers.size()];
+        warnOfDoubts(identity.certificate, own.pkcs12 ? *own.pkcs12 : *own.certificate);
         identity.chain.insert(identity.chain.end(), further.begin(), further.end());
         signers.emplace_back(identity.key, identity.certificate, identity.chain);
     }

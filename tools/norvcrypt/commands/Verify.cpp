@@ -82,7 +82,8 @@ template <class Work> auto reading(const StructureFile& file, Work work) {
     } catch (const Norvane::Exception& failure) {
         const ContentType& type = file.contentType();
         if (!type.name.empty() && type.name != "pkcs7-signedData")
-            throw Failure(file.name() + " holds no signature but " + type.name);
+            throw Failure(file.name() + " holds no signature but " + type.name +
+                          (type.name.find("nveloped") != std::string::npos ? ", which norvcrypt decrypt reads" : ""));
         throw Failure("cannot judge the signatures in " + file.name(), failure);
     }
 }
@@ -276,7 +277,9 @@ void tell(const SignedReader& message, const std::vector<Judged>& judged, const 
     if (!diagnosis.notLooked.empty())
         out.line("why it is refused was not looked into everywhere: " + diagnosis.notLooked);
     if (signers.empty()) {
-        out.line("no signer");
+        out.line(message.certificates().empty() ? "no signer"
+                                                : "no signer: the structure holds certificates alone, which norvcrypt "
+                                                  "inspect shows");
         out.flush();
         return;
     }

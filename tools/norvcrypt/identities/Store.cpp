@@ -54,7 +54,7 @@ Store::Identity identityFor(const NVX509::RefDirectoryKeyStore& store, const std
     const std::string wanted = std::string(purposeName(purpose)) + " for " + address;
     if (!found.winner) {
         const std::size_t skipped = found.contents->problems.size();
-        throw Failure(
+        throw Refusal(
             "the store " + directory + " has nothing for " + wanted +
             (skipped == 0 ? "" : ", and " + std::to_string(skipped) + " of its files or folders are skipped") +
             tellsMore);
@@ -62,7 +62,7 @@ Store::Identity identityFor(const NVX509::RefDirectoryKeyStore& store, const std
     const Store::Match& match = found.matches[*found.winner];
     const Store::Identity& identity = found.contents->identities[match.place.identity];
     if (match.fitness != Store::Fitness::fit)
-        throw Failure("the certificate of " + identity.folder + " in " + directory + ", found for " + wanted +
+        throw Refusal("the certificate of " + identity.folder + " in " + directory + ", found for " + wanted +
                       ", is expired or not yet valid" + tellsMore);
     return identity;
 }
