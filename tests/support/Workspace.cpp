@@ -33,6 +33,9 @@ std::string Workspace::write(const std::string& name, const std::string& content
     file.close();
     if (!file)
         throw std::runtime_error("cannot write " + path(name));
+    // A key that others can read is warned of.
+    if (name.ends_with("key"))
+        fs::permissions(path(name), fs::perms::owner_read | fs::perms::owner_write);
     return path(name);
 }
 

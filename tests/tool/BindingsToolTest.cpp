@@ -452,17 +452,17 @@ TEST_F(StoreSignTest, TheChainOfTheStoreGoesWithTheSignature) {
 }
 
 TEST_F(StoreSignTest, NobodyForTheSenderIsTold) {
-    expectFailure(sign("a@elsewhere.example"), "the store store has nothing for signing for a@elsewhere.example");
-    expectFailure(sign("partner@partner.example"),
+    expectRefusal(sign("a@elsewhere.example"), "the store store has nothing for signing for a@elsewhere.example");
+    expectRefusal(sign("partner@partner.example"),
                   "the store store has nothing for signing for partner@partner.example");
     expectFailure(sign("nobody"), "no mail address: nobody");
     folder("empty");
-    expectFailure(sign("a@elsewhere.example"), "and 1 of its files or folders are skipped");
+    expectRefusal(sign("a@elsewhere.example"), "and 1 of its files or folders are skipped");
 }
 
 TEST_F(StoreSignTest, AnExpiredCertificateDoesNotSign) {
     fs::remove_all(work.path("store/others"));
-    expectFailure(
+    expectRefusal(
         sign("old@example.com"),
         "the certificate of old in store, found for signing for old@example.com, is expired or not yet valid");
 }
@@ -539,15 +539,15 @@ TEST_F(StoreEncryptTest, AnExpiredIdentityDecryptsButIsNotEncryptedTo) {
     ASSERT_EQ(0, encrypt({"--to", "store/old/cert.pem"}).status);
     expectDecrypted({"--store", "store"});
     fs::remove(work.path("msg"));
-    expectFailure(encryptTo({"old@example.com"}),
+    expectRefusal(encryptTo({"old@example.com"}),
                   "the certificate of old in store, found for encryption for old@example.com, is expired");
 }
 
 TEST_F(StoreEncryptTest, WhoCannotBeEncryptedToIsTold) {
-    expectFailure(encryptTo({"alice@example.com", "nobody@elsewhere.example"}),
+    expectRefusal(encryptTo({"alice@example.com", "nobody@elsewhere.example"}),
                   "the store store has nothing for encryption for nobody@elsewhere.example");
-    expectFailure(encryptTo({"signer@example.com"}), "has nothing for encryption for signer@example.com");
-    expectFailure(encryptTo({"curve@example.com"}), "has nothing for encryption for curve@example.com");
+    expectRefusal(encryptTo({"signer@example.com"}), "has nothing for encryption for signer@example.com");
+    expectRefusal(encryptTo({"curve@example.com"}), "has nothing for encryption for curve@example.com");
     expectFailure(encryptTo({"alice"}), "no mail address: alice");
     expectFailure(encrypt({"--store", "store"}), "--store requires --to-address");
     expectFailure(encrypt({"--to-address", "a@b"}), "--to-address requires --store");

@@ -159,7 +159,8 @@ TEST_F(DecryptFaultsToolTest, Garbage) {
     const std::string der = work.read("msg");
     for (const std::string& content : {std::string(), std::string("no message at all"), std::string(5000, '\0')}) {
         work.write("msg", content);
-        expectFailure(decrypt({"--out", "out"}), "no CMS structure in msg\n");
+        expectFailure(decrypt({"--out", "out"}),
+                      content.empty() ? "no CMS structure in msg: it is empty\n" : "no CMS structure in msg\n");
     }
     for (const std::string& content : {std::string(5000, '\x30'), der.substr(20)}) {
         work.write("msg", content);
@@ -186,13 +187,14 @@ TEST_F(DecryptFaultsToolTest, MailsAndBase64AreTakenAsTheyAre) {
     // One that holds more than a structure.
     work.write("msg", "Content-Type: multipart/mixed; boundary=b\n\n--b\n" + work.read("msg") + "--b--\n");
     before = work.names();
-    expectFailure(decrypt(), "norvcrypt: no CMS structure in msg, which is a mail: norvcrypt smime verify, decrypt and "
+    expectFailure(decrypt(), "norvcrypt: no CMS structure in msg: it is a mail; norvcrypt smime verify, decrypt and "
                              "inspect read those\n");
 }
 
 TEST_F(DecryptFaultsToolTest, StructuresThatAreNotEncrypted) {
     ASSERT_EQ(0, tool({"sign", "--cert", "alice.pem", "--key", "alice.key", "--out", "msg"}, body).status);
-    expectFailure(decrypt({"--out", "out"}), "norvcrypt: msg holds no encrypted body\n");
+    expectFailure(decrypt({"--out", "out"}),
+                  "norvcrypt: msg holds no encrypted body but what norvcrypt verify reads\n");
 }
 
 TEST_F(DecryptFaultsToolTest, SoundMessagesThatNeedMoreAreNamedAndNotCalledDamaged) {

@@ -117,10 +117,9 @@ TEST_F(GenkeyToolTest, SmallKeysAreMadeWithAWarning) {
 }
 
 TEST_F(GenkeyToolTest, ExponentsThatTheLibraryRefuses) {
-    const std::string refused = "Crypto::KeyGenerator::s_generateRSA write RSA PublicKey (code 4, KeyFactory:27): ";
     for (const char* exponent : {"0", "1", "2", "4", "65536"})
         expectFailure(genkey({"--bits", "512", "--exponent", exponent, "--out", "key"}),
-                      "with the exponent " + std::string(exponent) + ": " + refused);
+                      "with the exponent " + std::string(exponent) + ": ");
 }
 
 TEST_F(GenkeyToolTest, NumbersThatAreNone) {

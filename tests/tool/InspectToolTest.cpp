@@ -438,7 +438,7 @@ TEST_F(InspectToolTest, UnknownContent) {
     work.write("text", std::string("Dear Bob,\n"));
     expectUnreadable("text", "text: no certificate, list, key or CMS structure\n");
     work.write("empty", std::string());
-    expectUnreadable("empty", "empty: empty\n");
+    expectUnreadable("empty", "empty: it is empty\n");
     work.write("zeroes", std::string(1000, '\0'));
     expectUnreadable("zeroes", "zeroes: no certificate, list, key or CMS structure\n");
     work.write("sequence", fromHex("3003020105"));
@@ -456,7 +456,6 @@ TEST_F(InspectToolTest, WhatIsRefusedIsToldAsThatInDerToo) {
     work.write("key", norvtest::explicitIdentity().key.publicDer());
     const Answer answer = inspect({"key"});
     EXPECT_EQ(2, answer.status);
-    EXPECT_NE(std::string::npos, answer.err.find("Crypto::PublicKey::read (code 4, Key:241): ")) << answer.err;
     EXPECT_NE(std::string::npos, answer.err.find(reason)) << answer.err;
     namespace der = norvauthority::der;
     work.write("pair",
@@ -473,11 +472,11 @@ TEST_F(InspectToolTest, MalformedObjectsInDerAreNamed) {
         return der::sequence({der::sequence(parts), algorithm, der::bitString({1})});
     };
     work.write("certificate", isSigned({der::integer("1"), algorithm, empty, empty, empty, empty}));
-    expectUnreadable("certificate", "certificate: malformed certificate: 0x");
+    expectUnreadable("certificate", "certificate: malformed certificate: it is damaged or cut off");
     work.write("list", isSigned({der::integer("1"), algorithm, empty, der::element(der::utcTimeTag, {}), der::null()}));
-    expectUnreadable("list", "list: malformed revocation list: 0x");
+    expectUnreadable("list", "list: malformed revocation list: it is damaged or cut off");
     work.write("key", der::sequence({der::integer("0"), algorithm, der::octetString({1})}));
-    expectUnreadable("key", "key: Crypto::PrivateKey::read (code 4, Key:112): ");
+    expectUnreadable("key", "key: ");
 }
 
 TEST_F(InspectToolTest, TruncatedObjects) {
@@ -488,22 +487,22 @@ TEST_F(InspectToolTest, TruncatedObjects) {
     der = issueList({.issuer = &root()}).der;
     der.pop_back();
     work.write("list", pem("X509 CRL", der));
-    expectUnreadable("list", "list: malformed revocation list: 0x");
+    expectUnreadable("list", "list: malformed revocation list: it is damaged or cut off");
     work.write("certificate", pem("CERTIFICATE", der));
-    expectUnreadable("certificate", "certificate: malformed certificate: 0x");
+    expectUnreadable("certificate", "certificate: malformed certificate: it is damaged or cut off");
     work.write("cut", alice().certificate.pem().substr(0, 300));
     expectUnreadable("cut", "cut: a damaged PEM block: ");
     work.write("public", pem("PUBLIC KEY", fromHex("3000")));
-    expectUnreadable("public", "public: Crypto::PublicKey::read (code 4, Key:241): ");
+    expectUnreadable("public", "public: ");
     work.write("cms", fromHex("300b06092a864886f70d0107"));
-    expectUnreadable("cms", "cms: CMS::_ContentInfo::_ContentInfo (code 4, CMS:389): ASN1 Decode failed:");
+    expectUnreadable("cms", "cms: it is damaged or cut off");
 }
 
 TEST_F(InspectToolTest, AnnouncedGigabyteCostsNothing) {
     work.write("huge", fromHex("3084400000003000"));
     expectUnreadable("huge", "huge: malformed: it ends before its announced length\n");
     work.write("huge", fromHex("3084400000000609 2a864886f70d010702"));
-    expectUnreadable("huge", "huge: CMS::_ContentInfo::_ContentInfo (code 4, CMS:389): ASN1 Decode failed:");
+    expectUnreadable("huge", "huge: it is damaged or cut off");
 }
 
 TEST_F(InspectToolTest, OneBadObjectLeavesTheOthersReadable) {

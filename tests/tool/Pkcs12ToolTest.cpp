@@ -166,9 +166,11 @@ TEST_F(Pkcs12ToolTest, UnreadableFiles) {
     const std::string whole = work.read("erin.p12");
     work.write("cut", whole.substr(0, whole.size() - 1));
     work.write("unchecked", pkcs12(&erin(), &erin(), "secret", false));
-    for (const char* file : {"text", "empty", "certificate", "cut"})
-        expectUnreadable(file, std::string("cannot read the PKCS#12 file ") + file + ": Crypto::PKCS12::Store");
-    expectUnreadable("unchecked", "mac absent");
+    expectUnreadable("text", "no PKCS#12 structure in text");
+    expectUnreadable("empty", "no PKCS#12 structure in empty: it is empty");
+    expectUnreadable("certificate", "no PKCS#12 structure in certificate: it holds a certificate");
+    expectUnreadable("cut", "cannot read the PKCS#12 file cut: it is damaged or cut off");
+    expectUnreadable("unchecked", "it has no checksum (MAC) that would tell whether the passphrase is right");
     expectUnreadable("missing", "cannot open missing: No such file or directory");
     before = work.names();
     expectFailure(p12("erin.p12", "missing"), "cannot open missing: No such file or directory");

@@ -132,8 +132,8 @@ TEST_F(SignMaterialToolTest, WrongPassphrase) {
     work.write("alice.key", alice().key.encryptedPem("open sesame"));
     work.write("pass", std::string("open barley\n"));
     before = work.names();
-    expectFailure(sign({"--passphrase-file", "pass", "--in", "body", "--out", "sig"}),
-                  "cannot read the private key in alice.key, the passphrase may be wrong: ");
+    expectRefusal(sign({"--passphrase-file", "pass", "--in", "body", "--out", "sig"}),
+                  "the passphrase for the private key in alice.key is wrong, or the file is damaged\n");
 }
 
 TEST_F(SignMaterialToolTest, PassphrasesThatOpenSslWouldCutAreRefused) {
@@ -148,8 +148,7 @@ TEST_F(SignMaterialToolTest, PassphrasesThatOpenSslWouldCutAreRefused) {
 TEST_F(SignMaterialToolTest, KeyOfSomebodyElse) {
     work.write("alice.key", erin().key.pkcs8Pem());
     expectFailure(sign({"--in", "body", "--out", "sig"}),
-                  "norvcrypt: cannot sign body: CMS::SignerMediaOutImpl::SignerMediaOutImpl (code 4, "
-                  "CMSSignerMedia:43): Private key does not match certificate");
+                  "norvcrypt: cannot sign body: Private key does not match certificate\n");
 }
 
 TEST_F(SignMaterialToolTest, UnreadableMaterial) {
@@ -181,7 +180,7 @@ TEST_F(SignMaterialToolTest, DamagedCertificateAndKey) {
     work.write("alice.pem", alice().certificate.pem());
     work.write("alice.key", norvauthority::pem("PRIVATE KEY", {0x30, 0x03, 0x02, 0x01, 0x05}));
     expectFailure(sign({"--in", "body", "--out", "sig"}),
-                  "cannot read the private key in alice.key: Crypto::PrivateKey::read (code 4, Key:112): ");
+                  "cannot read the private key in alice.key: ");
 }
 
 TEST_F(SignMaterialToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {
@@ -192,7 +191,7 @@ TEST_F(SignMaterialToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) 
     for (const char* name : {"costly.key", "costly.der"}) {
         const Answer answer = tool({"sign", "--cert", "alice.pem", "--key", name, "--passphrase-file", "pass"}, "body");
         expectFailure(answer, std::string("cannot read the private key in ") + name + ": ");
-        EXPECT_EQ(std::string::npos, answer.err.find("the passphrase may be wrong")) << answer.err;
+        EXPECT_EQ(std::string::npos, answer.err.find("the passphrase")) << answer.err;
     }
 }
 

@@ -62,7 +62,8 @@ protected:
     void fails(std::vector<std::string> arguments, const std::string& text) {
         arguments.insert(arguments.begin(), "smime");
         arguments.insert(arguments.end(), {"--in", "mail", "--out", "out"});
-        expectFailure(tool(arguments), text);
+        const bool nobody = text.find("there is no ") != std::string::npos;
+        nobody ? expectRefusal(tool(arguments), text) : expectFailure(tool(arguments), text);
     }
     static std::string withCrLf(const std::string& text) {
         std::string out;

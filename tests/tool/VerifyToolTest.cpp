@@ -208,7 +208,7 @@ TEST_F(VerifyToolTest, StructuresThatAreNoSignature) {
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "no CMS structure in sig");
     work.write("sig", alice().certificate.der);
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}),
-                  "norvcrypt: cannot judge the signatures in sig: CMS::SignedReader (code 4, ");
+                  "norvcrypt: cannot judge the signatures in sig: ");
     work.write("sig", norvauthority::contentInfo(norvauthority::fromHex("2a864886f70d010701"),
                                                  norvauthority::der::octetString({0x61})));
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body"}), "sig holds no signature but pkcs7-data");

@@ -23,7 +23,7 @@ struct NamedCommand {
     void (*add)(norvcrypt::Command& commands, norvcrypt::Action& action);
 };
 
-constexpr std::array<NamedCommand, 14> namedCommands{{
+constexpr std::array<NamedCommand, 16> namedCommands{{
     {"sign", norvcrypt::addSign},
     {"verify", norvcrypt::addVerify},
     {"chain", norvcrypt::addChain},
@@ -31,6 +31,7 @@ constexpr std::array<NamedCommand, 14> namedCommands{{
     {"decrypt", norvcrypt::addDecrypt},
     {"smime", norvcrypt::addSmime},
     {"genkey", norvcrypt::addGenkey},
+    {"request", norvcrypt::addRequest},
     {"p12", norvcrypt::addPkcs12},
     {"inspect", norvcrypt::addInspect},
     {"digest", norvcrypt::addDigest},
@@ -38,18 +39,20 @@ constexpr std::array<NamedCommand, 14> namedCommands{{
     {"tls", norvcrypt::addTls},
     {"bindings", norvcrypt::addBindings},
     {"demo", norvcrypt::addDemo},
+    {"help", norvcrypt::addHelp},
 }};
 
 /// Adds those whose names are among the arguments, which the parser then sees as it would see all of them; all when the line
-/// does not begin with one, since help and errors are about all then. Describing all commands would cost a short-lived
+/// does not begin with one or asks for help, since help and errors are about all then. Describing all commands would cost a short-lived
 /// process a tenth of its time.
 void addCommands(norvcrypt::Command& commands, norvcrypt::Action& action, std::span<char* const> arguments) {
     const auto given = [&arguments](const NamedCommand& command) {
         return std::ranges::find(arguments, command.name) != arguments.end();
     };
-    const bool some = !arguments.empty() && std::ranges::any_of(namedCommands, [&](const NamedCommand& command) {
-        return command.name == arguments.front();
-    });
+    const bool some = !arguments.empty() && arguments.front() != std::string_view("help") &&
+                      std::ranges::any_of(namedCommands, [&](const NamedCommand& command) {
+                          return command.name == arguments.front();
+                      });
     for (const NamedCommand& command : namedCommands)
         if (!some || given(command))
             command.add(commands, action);
@@ -57,10 +60,11 @@ void addCommands(norvcrypt::Command& commands, norvcrypt::Action& action, std::s
 
 Exit run(int argc, char** argv) {
     norvcrypt::CommandLine line(
-        "Signs, verifies, encrypts and decrypts mail bodies; inspects certificates, lists and keys.\n"
-        "Exit code: 0 good, 1 a negative verdict, 2 bad usage or a failure: unreadable or malformed input, output "
-        "that cannot be written.",
-        "norvcrypt", "norvcrypt " NORVCRYPT_VERSION);
+        "Signs, verifies, encrypts and decrypts mails and mail bodies; inspects certificates, lists and keys",
+        "norvcrypt", norvcrypt::versions);
+    line.commands().example("norvcrypt sign --cert alice.pem --key alice.key --in message.eml --out signature.p7s");
+    line.commands().example("norvcrypt verify --signature message.p7s --in message.eml --ca root.pem");
+    line.commands().example("norvcrypt help sign");
     norvcrypt::Action action;
     addCommands(line.commands(), action, {argv + 1, static_cast<std::size_t>(std::max(argc - 1, 0))});
     const std::optional<Exit> answered = line.read(argc, argv);
@@ -71,7 +75,10 @@ Exit guarded(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const Norvane::Exception& failure) {
-        norvcrypt::reportError(failure.asString());
+        norvcrypt::reportError(norvcrypt::inPlainWords(failure));
+    } catch (const norvcrypt::Failure& failure) {
+        norvcrypt::reportError(failure.what());
+        return norvcrypt::exitOf(failure);
     } catch (const std::bad_alloc&) {
         norvcrypt::reportError("out of memory");
     } catch (const std::exception& failure) {

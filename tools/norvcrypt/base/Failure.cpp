@@ -10,6 +10,10 @@ namespace norvcrypt {
 Failure::Failure(const std::string& text, int error)
     : std::runtime_error(text + ": " + std::generic_category().message(error)) {}
 
+Exit exitOf(const Failure& failure) noexcept {
+    return dynamic_cast<const Refusal*>(&failure) != nullptr ? Exit::refused : Exit::failed;
+}
+
 void reportError(const std::string& text) {
     // One call, so that lines of processes that share a terminal stay whole; nobody is left to tell when it fails.
     const std::string line = "norvcrypt: " + Norvane::escapeForDisplay(text) + "\n";

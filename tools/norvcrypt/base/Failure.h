@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/PlainWords.h"
+
 #include <norvcmsg/Exception.h>
 
 #include <stdexcept>
@@ -17,9 +19,18 @@ public:
     explicit Failure(const std::string& text) : std::runtime_error(text) {}
     /// With the errno of a failed call behind it: "text: No such file or directory".
     Failure(const std::string& text, int error);
-    /// With the library's failure, its detail and causes behind it.
-    Failure(const std::string& text, const Norvane::Exception& cause) : Failure(text + ": " + cause.asString()) {}
+    /// With the library's failure behind it, in plain words.
+    Failure(const std::string& text, const Norvane::Exception& cause) : Failure(text + ": " + inPlainWords(cause)) {}
 };
+
+/// The answer is no: a wrong passphrase, nobody in the store for an address. Told likewise, exit code 1.
+class Refusal : public Failure {
+public:
+    using Failure::Failure;
+};
+
+/// The exit code that goes with a failure.
+Exit exitOf(const Failure& failure) noexcept;
 
 /// Shows one line on standard error: "norvcrypt: " and the text, escaped.
 void reportError(const std::string& text);

@@ -78,7 +78,10 @@ void TrialDecryption::openReader(StructureFile& file) {
     } catch (const Norvane::Exception& failure) {
         if (!type.name.empty() && type.name != "pkcs7-envelopedData" && type.name != "id-smime-ct-authEnvelopedData")
             throw Failure(file.name() + " holds no encrypted body" +
-                          (type.isKnown ? "" : " but the unknown type " + type.name));
+                          (!type.isKnown ? " but the unknown type " + type.name
+                           : type.name == "pkcs7-signedData"
+                               ? " but what norvcrypt verify reads: signatures or certificates"
+                               : " but " + type.name));
         throw Failure("cannot read the encrypted message in " + file.name(), failure);
     }
 }
@@ -208,7 +211,7 @@ bool TrialDecryption::tryKey(StructureFile& file, std::size_t number, Attempt& a
         }
     } catch (const Norvane::Crypto::TooCostlyException& failure) {
         attempt.outcome = Attempt::Outcome::tooCostly;
-        attempt.algorithm = failure.asString();
+        attempt.algorithm = inPlainWords(failure);
         return false;
     }
     if (!decryptInto(file, body))

@@ -39,35 +39,50 @@ void takeMarksAway(CLI::App& app) {
     }
 }
 
-/// The command as far as it was understood: "norvcrypt tls serve".
-std::string chosen(const CLI::App& app) {
-    std::string name = app.get_name();
-    if (const std::vector<CLI::App*> commands = app.get_subcommands(); !commands.empty())
-        name += " " + chosen(*commands.front());
-    return name;
+/// Shows a text that was asked for.
+Exit show(const std::string& text) {
+    TextOutput out;
+    out.text(text);
+    out.flush();
+    return Exit::good;
 }
 
-/// Help and version are answers; everything else is bad usage, told on one line.
-Exit answer(const CLI::App& app, const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-        TextOutput out;
-        out.text(dynamic_cast<const CLI::CallForVersion*>(&error) != nullptr ? std::string(error.what()) + "\n"
-                                                                             : app.help());
-        out.flush();
-        return Exit::good;
+std::string guess(const std::string& word, const std::vector<std::string>& known) {
+    const std::optional<std::string> meant = likeliest(word, known);
+    return meant ? ": did you mean " + *meant + "?" : "";
+}
+
+/// What is wrong with a word that was not understood.
+std::string unknownWord(const std::string& word, const CommandFacts& command) {
+    std::vector<std::string> known;
+    if (word.starts_with('-') && word.size() > 1) {
+        for (const OptionFacts& option : command.options)
+            if (!option.isPositional())
+                known.push_back(option.name);
+        return "unknown option " + word + guess(word.substr(0, word.find('=')), known);
     }
-    // Without a sub-command the parser would not say which word it could not make one of.
-    const std::vector<std::string> unknown = app.remaining();
-    std::string what =
-        unknown.empty() || !app.get_subcommands().empty() ? error.what() : "unknown command: " + unknown.front();
-    std::erase(what, mark);
-    reportError(what + " (" + chosen(app) + " --help tells more)");
-    return Exit::failed;
+    if (command.commands.empty())
+        return "unexpected argument " + word;
+    for (const CommandFacts& one : command.commands)
+        known.push_back(one.name.substr(command.name.size() + 1));
+    return "unknown command: " + word + guess(word, known);
+}
+
+/// The names of its commands: "sign, encrypt or inspect".
+std::string commandNames(const CommandFacts& command) {
+    std::string text;
+    for (const CommandFacts& one : command.commands)
+        text += (&one == &command.commands.front()  ? ""
+                 : &one == &command.commands.back() ? " or "
+                                                    : ", ") +
+                one.name.substr(command.name.size() + 1);
+    return text;
 }
 
 } // namespace
 
 Option* Option::typeName(const std::string& name) {
+    m_value = name;
     m_option->type_name(name);
     return this;
 }
@@ -93,6 +108,7 @@ Option* Option::excludes(const Option* other) {
 }
 
 Option* Option::among(const std::vector<std::string>& values) {
+    m_choices = values;
     m_option->check(CLI::IsMember(values));
     return this;
 }
@@ -115,6 +131,32 @@ std::vector<std::string> Option::values() const {
     return m_option->results();
 }
 
+OptionFacts Option::facts() const {
+    OptionFacts facts{.name = m_option->get_positional() ? m_option->get_name(true) : m_option->get_name(false, false),
+                      .value = m_option->get_items_expected_max() == 0 ? "" : m_value,
+                      .text = m_text,
+                      .preset = m_option->get_default_str(),
+                      .choices = m_choices,
+                      .needs = {},
+                      .excludes = {},
+                      .isRequired = m_option->get_required(),
+                      .isRepeatable = m_option->get_items_expected_max() > 1};
+    if (facts.value.empty() && m_option->get_items_expected_max() > 0)
+        facts.value = "VALUE";
+    for (const CLI::Option* const other : m_option->get_needs())
+        facts.needs.push_back(other->get_name());
+    for (const CLI::Option* const other : m_option->get_excludes())
+        facts.excludes.push_back(other->get_name());
+    // They come in the order of their addresses.
+    std::ranges::sort(facts.needs);
+    std::ranges::sort(facts.excludes);
+    return facts;
+}
+
+Command::Command(CLI::App* app) : m_app(app) {
+    m_app->add_flag_callback("--debug", [] { tellAll(true); });
+}
+
 Command* Command::command(const std::string& name, const std::string& description) {
     return &m_commands.emplace_back(m_app->add_subcommand(name, description));
 }
@@ -123,12 +165,12 @@ void Command::requireCommand() {
     m_app->require_subcommand(1);
 }
 
-Option* Command::keep(CLI::Option* option) {
-    return &m_options.emplace_back(option);
+Option* Command::keep(CLI::Option* option, const std::string& text) {
+    return &m_options.emplace_back(option, text);
 }
 
 template <class Target> Option* Command::option(const std::string& name, Target& target, const std::string& help) {
-    return keep(m_app->add_option(name, target, help));
+    return keep(m_app->add_option(name, target), help);
 }
 
 template Option* Command::option(const std::string&, std::string&, const std::string&);
@@ -139,11 +181,11 @@ template Option* Command::option(const std::string&, std::optional<unsigned int>
 template Option* Command::option(const std::string&, std::optional<std::uint64_t>&, const std::string&);
 
 Option* Command::flag(const std::string& name, bool& target, const std::string& help) {
-    return keep(m_app->add_flag(name, target, help));
+    return keep(m_app->add_flag(name, target), help);
 }
 
 Option* Command::repeated(const std::string& name, const std::string& help) {
-    return keep(m_app->add_option(name, help)->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll));
+    return keep(m_app->add_option(name)->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll), help);
 }
 
 std::vector<const Option*> Command::inOrderGiven() const {
@@ -157,8 +199,13 @@ std::vector<const Option*> Command::inOrderGiven() const {
     return given;
 }
 
-Command* Command::footer(const std::string& text) {
-    m_app->footer(text);
+Command* Command::note(const std::string& text) {
+    m_notes.push_back(text);
+    return this;
+}
+
+Command* Command::example(const std::string& line) {
+    m_examples.push_back(line);
     return this;
 }
 
@@ -172,21 +219,68 @@ void Command::whenChosen(std::function<void()> work) {
     });
 }
 
-CommandLine::CommandLine(const std::string& description, const std::string& name, const std::string& version)
+const Command& Command::chosen() const {
+    for (const Command& one : m_commands)
+        if (one.m_app->parsed())
+            return one.chosen();
+    return *this;
+}
+
+CommandFacts Command::facts() const {
+    CommandFacts facts{.name = m_app->get_name(), .text = m_app->get_description()};
+    for (const CLI::App* parent = m_app->get_parent(); parent != nullptr; parent = parent->get_parent())
+        facts.name.insert(0, parent->get_name() + " ");
+    for (const Option& option : m_options)
+        facts.options.push_back(option.facts());
+    if (m_app->get_version_ptr() != nullptr)
+        facts.options.push_back({.name = "--version", .text = "Tell the version, and those of the libraries in use"});
+    facts.options.push_back(
+        {.name = "--debug", .text = "Tell of failures, too, where in the program they arose and what OpenSSL says"});
+    facts.options.push_back({.name = "--help", .text = "Tell this"});
+    for (const Command& one : m_commands)
+        facts.commands.push_back(one.facts());
+    facts.notes = m_notes;
+    facts.examples = m_examples;
+    return facts;
+}
+
+CommandLine::CommandLine(const std::string& description, const std::string& name, std::function<std::string()> version)
     : m_app(std::make_unique<CLI::App>(description, name)),
       m_commands(m_app.get()) {
-    m_app->set_version_flag("--version", version);
+    m_app->set_version_flag("--version", std::move(version));
     m_commands.requireCommand();
 }
 
 CommandLine::~CommandLine() = default;
 
+/// Bad usage, told on one line: a word that is not known before what is missing, since the one may be meant to be the other.
+Exit CommandLine::answer(const std::string& failure) {
+    const CommandFacts command = m_commands.chosen().facts();
+    std::vector<std::string> unknown = m_app->remaining(true);
+    std::ranges::transform(unknown, unknown.begin(), unmarked);
+    const auto option = std::ranges::find_if(unknown, [](const std::string& word) { return word.starts_with('-'); });
+    std::string what = failure;
+    if (option != unknown.end())
+        what = unknownWord(*option, command);
+    else if (!unknown.empty())
+        what = unknownWord(unknown.front(), command);
+    else if (!command.commands.empty())
+        what = "a command is missing: " + commandNames(command);
+    std::erase(what, mark);
+    reportError(what + " (" + command.name + " --help tells more)");
+    return Exit::failed;
+}
+
 std::optional<Exit> CommandLine::read(int argc, char** argv) {
     takeMarksAway(*m_app);
     try {
         m_app->parse(markedArguments(argc, argv));
+    } catch (const CLI::CallForVersion& version) {
+        return show(std::string(version.what()) + "\n");
+    } catch (const CLI::Success&) {
+        return show(helpText(m_commands.chosen().facts()));
     } catch (const CLI::ParseError& error) {
-        return answer(*m_app, error);
+        return answer(error.what());
     }
     return std::nullopt;
 }

@@ -5,6 +5,7 @@
 /// take longer to compile than everything else of a command.
 
 #include "base/Failure.h"
+#include "commandline/Reference.h"
 
 #include <cstdint>
 #include <deque>
@@ -13,6 +14,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace CLI {
@@ -34,7 +36,7 @@ public:
 /// An option or a positional argument of a command. The setters answer the option itself.
 class Option {
 public:
-    explicit Option(CLI::Option* option) : m_option(option) {}
+    Option(CLI::Option* option, std::string text) : m_option(option), m_text(std::move(text)) {}
     Option(const Option&) = delete;
     Option& operator=(const Option&) = delete;
 
@@ -55,13 +57,18 @@ public:
 
 private:
     friend class Command;
+    [[nodiscard]] OptionFacts facts() const;
+
     CLI::Option* m_option;
+    std::string m_text;
+    std::string m_value;
+    std::vector<std::string> m_choices;
 };
 
 /// A command or sub-command. What it gives out lives as long as it does.
 class Command {
 public:
-    explicit Command(CLI::App* app) : m_app(app) {}
+    explicit Command(CLI::App* app);
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
@@ -78,22 +85,34 @@ public:
     /// The options in the order in which they were given, as often as they were.
     [[nodiscard]] std::vector<const Option*> inOrderGiven() const;
 
-    Command* footer(const std::string& text);
+    /// Adds a paragraph behind the options in the help.
+    Command* note(const std::string& text);
+    /// Adds a line that runs as it stands in the folder that the demonstration leaves, and is done there by a test.
+    Command* example(const std::string& line);
     /// Called when the command was chosen and its options are read.
     void whenChosen(std::function<void()> work);
 
+    /// All that was said about it and its own commands.
+    [[nodiscard]] CommandFacts facts() const;
+
 private:
-    Option* keep(CLI::Option* option);
+    friend class CommandLine;
+    Option* keep(CLI::Option* option, const std::string& text);
+    /// The command that was asked for, as far as the line was understood.
+    [[nodiscard]] const Command& chosen() const;
 
     CLI::App* m_app;
     std::deque<Command> m_commands;
     std::deque<Option> m_options;
+    std::vector<std::string> m_notes;
+    std::vector<std::string> m_examples;
 };
 
 /// The whole of it.
 class CommandLine {
 public:
-    CommandLine(const std::string& description, const std::string& name, const std::string& version);
+    /// \param version asked when the user asks
+    CommandLine(const std::string& description, const std::string& name, std::function<std::string()> version);
     ~CommandLine();
     CommandLine(const CommandLine&) = delete;
     CommandLine& operator=(const CommandLine&) = delete;
@@ -105,6 +124,8 @@ public:
     std::optional<Exit> read(int argc, char** argv);
 
 private:
+    Exit answer(const std::string& failure);
+
     std::unique_ptr<CLI::App> m_app;
     Command m_commands;
 };

@@ -228,35 +228,40 @@ void addBindings(Command& commands, Action& action) {
     Command* bindings =
         commands.command("bindings", "Tells which certificates and keys belong to which mail addresses");
     bindings->requireCommand();
-    bindings->footer("A store is a directory with a folder for each identity: cert.pem, and chain.pem, key.pem, "
-                     "passphrase and owners.txt, which holds one address pattern a line.");
+    bindings->note("A store is a directory with a folder for each identity: cert.pem, and chain.pem, key.pem, "
+                   "passphrase and owners.txt, which holds one address pattern a line.");
 
+    bindings->example("norvcrypt bindings find alice@example.org --store identities");
     addCommand(*bindings, action, options, "list", "Lists the identities of a store, and what was skipped", list)
-        ->footer("JSON: store, identities (folder, the keys of inspect for a certificate, key, privateKey, chain, "
-                 "owners with pattern and line), problems (folder, file, reason).");
+        ->note("JSON: store, identities (folder, the keys of inspect for a certificate, key, privateKey, chain, "
+               "owners with pattern and line), problems (folder, file, reason).")
+        ->example("norvcrypt bindings list --store identities");
 
     const std::string limits =
         std::to_string(leastFactoringBits) + " bits (RSA, DSA, DH) or " + std::to_string(leastCurveBits) + " bits (EC)";
     addCommand(*bindings, action, options, "check", "Looks for what should be mended in a store", check)
-        ->footer("Kinds of problems: unreadable (a file or folder was skipped; a key that does not belong to its "
-                 "certificate too), expired, notYetValid, weakKey (below " +
-                 limits +
-                 "), duplicate (issuer and serial number of another identity), useless (no purpose is left to it), "
-                 "impossible (the pattern matches no address), shadowed (an earlier pattern always wins). Patterns are "
-                 "told only where it is certain.\n"
-                 "JSON: store, identities (their number), problems (kind, folder, file, line, pattern, reason).\n"
-                 "Exit code: 0 no problem, 1 a problem, 2 the store cannot be read.");
+        ->note("Kinds of problems: unreadable (a file or folder was skipped; a key that does not belong to its "
+               "certificate too), expired, notYetValid, weakKey (below " +
+               limits +
+               "), duplicate (issuer and serial number of another identity), useless (no purpose is left to it), "
+               "impossible (the pattern matches no address), shadowed (an earlier pattern always wins). Patterns are "
+               "told only where it is certain.\n"
+               "JSON: store, identities (their number), problems (kind, folder, file, line, pattern, reason).\n"
+               "Exit code: 0 no problem, 1 a problem, 2 the store cannot be read.")
+        ->example("norvcrypt bindings check --store identities");
 
     Command* search = addCommand(*bindings, action, options, "find",
                                  "Tells which certificate and key belong to an address, and why", find);
     search->option("ADDRESS", options->address, "The mail address; \"\" is the empty one of a bounce")->required();
-    search->footer(
+    search->note(
         "JSON: store, address, then for each of signing, encryption, decryption: winner (folder, pattern, "
         "line, privateKey, the keys of inspect for a certificate; null for none) and matches in the order "
         "in which they are tried (folder, pattern, line, literals: their number of bytes, fitness: fit, "
         "outOfValidity, usageForbids, unsuitableKey, noKey), and problems (what was skipped: folder, file, reason). "
         "More literal bytes come first, then the earlier line.\n"
         "Exit code: 0 the address has an identity, 1 it has none, 2 bad usage or an unreadable store.");
+    search->example("norvcrypt bindings find alice@example.org --store identities");
+    search->example("norvcrypt bindings find nobody@example.org --store identities # exit code 1");
 }
 
 } // namespace norvcrypt

@@ -53,8 +53,9 @@ void addChain(Command& commands, Action& action) {
             "The certificate, DER or PEM, \"-\" is standard input; others behind it in the file help to find a way")
         ->required();
     auto options = std::make_shared<TrustOptions>(*command, Trust::Purpose::any, TrustOptions::Anchors::required);
-    command->footer("Example: norvcrypt chain anna.pem --ca roots.pem --untrusted chain.pem --purpose sign\n"
-                    "Exit code: 0 the certificate is accepted, 1 it is refused, 2 that could not be judged.");
+    command->note("Exit code: 0 the certificate is accepted, 1 it is refused, 2 that could not be judged.");
+    command->example("norvcrypt chain alice.pem --ca root.pem --untrusted ca.pem --crl ca.crl --purpose sign");
+    command->example("norvcrypt chain alice.pem --ca root.pem # exit code 1: nobody knows the authority in between");
     command->whenChosen([file, options, &action] { action = [file, options] { return chain(*file, *options); }; });
 }
 

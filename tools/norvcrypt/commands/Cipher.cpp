@@ -66,7 +66,7 @@ Exit cipher(const CipherOptions& options) {
             transform(decrypter, out, options.in, inputs, "decrypting");
         } catch (const Norvane::Exception& failure) {
             reportError("cannot decrypt " + inputName(options.in) +
-                        ", the key is wrong or the bytes are damaged: " + failure.asString());
+                        ", the key is wrong or the bytes are damaged: " + inPlainWords(failure));
             return Exit::refused;
         }
     }
@@ -94,6 +94,8 @@ void addCipher(Command& commands, Action& action) {
                  "before its end was checked")
         ->typeName("FILE")
         ->showDefault();
+    command->example("norvcrypt cipher encrypt --cipher aes-128-cbc --key-hex 000102030405060708090a0b0c0d0e0f "
+                     "--iv-hex 0f0e0d0c0b0a09080706050403020100 --in letter.eml --out letter.aes");
     command->whenChosen([options, &action] { action = [options] { return cipher(*options); }; });
 }
 

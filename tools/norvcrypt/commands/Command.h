@@ -10,6 +10,7 @@ void addVerify(Command& commands, Action& action);
 void addEncrypt(Command& commands, Action& action);
 void addDecrypt(Command& commands, Action& action);
 void addSmime(Command& commands, Action& action);
+void addRequest(Command& commands, Action& action);
 void addGenkey(Command& commands, Action& action);
 void addPkcs12(Command& commands, Action& action);
 void addChain(Command& commands, Action& action);
@@ -19,5 +20,9 @@ void addCipher(Command& commands, Action& action);
 void addTls(Command& commands, Action& action);
 void addBindings(Command& commands, Action& action);
 void addDemo(Command& commands, Action& action);
+void addHelp(Command& commands, Action& action);
+
+/// Of the tool and of the libraries that it works with on this machine, a line each.
+std::string versions();
 
 } // namespace norvcrypt

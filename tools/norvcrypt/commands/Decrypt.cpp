@@ -8,6 +8,7 @@
 #include "read/Passphrase.h"
 #include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
+#include "show/TextAndJson.h"
 
 #include <memory>
 #include <optional>
@@ -24,6 +25,7 @@ struct DecryptOptions {
     std::optional<std::string> keyEncryptionKey;
     std::string in = "-";
     std::string out = "-";
+    bool json = false;
 };
 
 std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inputs) {
@@ -56,8 +58,23 @@ std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, In
     return SharedSecret{readKeyEncryptionKey(inputs, *options.keyEncryptionKey), inputName(*options.keyEncryptionKey)};
 }
 
+void tell(const DecryptionResult& result, const DecryptOptions& options) {
+    if (!options.json) {
+        for (const std::string& line : decryptionReport(result))
+            reportError(line);
+        return;
+    }
+    Description facts{{"file", options.in}};
+    facts.update(decryptionFacts(result));
+    TextOutput out;
+    out.text(asJson(facts));
+    out.flush();
+}
+
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
+    if (options.json && options.out == "-")
+        throw Failure("with --json the report goes to standard output: give --out a file for the body");
     TrialDecryption decryption(identitiesOf(options, inputs), storeOf(options, inputs), passwordOf(options, inputs),
                                keyEncryptionKeyOf(options, inputs));
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
@@ -67,8 +84,7 @@ Exit decrypt(const DecryptOptions& options) {
     StructureFile file(inputs, options.in, &progress);
     const DecryptionResult result = decryption.run(file, body);
     progress.clear();
-    for (const std::string& line : decryptionReport(result))
-        reportError(line);
+    tell(result, options);
     if (!result.decrypted)
         return result.needsMore() ? Exit::failed : Exit::refused;
     decryption.deliver(body);
@@ -103,12 +119,17 @@ void addDecrypt(Command& commands, Action& action) {
                  "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->typeName("BODY")
         ->showDefault();
-    command->footer(
+    command->flag("--json", options->json, "Tell what became of each recipient in JSON (docs/json.md)");
+    command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
         "FILE, or all of a --store DIR, whatever their validity; the first one whose certificate a recipient "
         "names, by issuer and serial number or by key identifier, is tried for it; so are the password and the "
         "key-encryption key. Messages may have any size. Exit code 1: no key decrypts the message; 2: it needs what is "
         "not supported or costs too much, which is named, or it cannot be read.");
+    command->example("norvcrypt decrypt --cert bob.pem --key bob.key --in message.p7m --out for-bob.eml");
+    command->example("norvcrypt decrypt --p12 alice.p12 --passphrase-file secret --in message.p7m --out for-alice.eml");
+    command->example("norvcrypt decrypt --store identities --in message.p7m --out for-us.eml");
+    command->example("norvcrypt decrypt --cert mallory.pem --key mallory.key --in message.p7m # exit code 1");
     command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 

@@ -16,6 +16,7 @@ void addDemo(Command& commands, Action& action) {
         ->typeName("FILE");
     command->option("--dir", options->directory, "Where everything is left")->typeName("DIR")->showDefault();
     addForce(*command, options->force);
+    command->example("norvcrypt demo --in letter.eml --dir demonstration-of-a-letter");
     command->whenChosen([options, &action] { action = [options] { return Demo(*options).run(); }; });
 }
 

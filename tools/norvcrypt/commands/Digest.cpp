@@ -2,6 +2,8 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "recognise/DigestNames.h"
+#include "show/Description.h"
+#include "show/TextAndJson.h"
 
 #include <norvcmsg/Escape.h>
 #include <norvcrypto/Hasher.h>
@@ -18,6 +20,7 @@ namespace {
 struct DigestOptions {
     std::string type = "sha256";
     std::vector<std::string> files;
+    bool json = false;
 };
 
 std::string digestOf(Norvane::Crypto::Hasher::Type type, Inputs& inputs, const std::string& path) {
@@ -53,18 +56,26 @@ Exit digest(const DigestOptions& options) {
     Inputs inputs;
     TextOutput out;
     Exit code = Exit::good;
+    Description all = Description::array();
     for (const std::string& file : files) {
         std::string line;
         try {
-            line = digestLine(digestOf(type, inputs, file), file);
+            const std::string digest = digestOf(type, inputs, file);
+            line = digestLine(digest, file);
+            all.push_back({{"file", file}, {"type", options.type}, {"digest", digest}});
         } catch (const Failure& failure) {
             reportError(failure.what());
             code = Exit::failed;
             continue;
         }
+        if (options.json)
+            continue;
         out.line(line);
         out.flush();
     }
+    if (options.json)
+        out.text(asJson(all));
+    out.flush();
     return code;
 }
 
@@ -73,8 +84,11 @@ Exit digest(const DigestOptions& options) {
 void addDigest(Command& commands, Action& action) {
     auto options = std::make_shared<DigestOptions>();
     Command* command = commands.command("digest", "Prints digests, one line for each file as sha256sum does");
-    command->option("--type", options->type, "The digest: sha256, sha512, sha1, ...")->showDefault();
+    command->option("--type", options->type, "The digest: sha256, sha512, sha1, ...")->typeName("NAME")->showDefault();
     command->option("FILE", options->files, "What to digest; \"-\" or none is standard input");
+    command->flag("--json", options->json, "One JSON array with an object for each file (docs/json.md)");
+    command->example("norvcrypt digest message.eml message-changed.eml");
+    command->example("norvcrypt digest --type sha512 < message.eml");
     command->whenChosen([options, &action] { action = [options] { return digest(*options); }; });
 }
 

@@ -1,4 +1,5 @@
 #include "cms/Encrypting.h"
+#include "commands/CertificateDoubts.h"
 #include "commands/Command.h"
 #include "files/Body.h"
 #include "files/Output.h"
@@ -43,18 +44,10 @@ struct EncryptOptions {
     bool pem = false;
 };
 
-/// Whoever names a certificate may know why it serves all the same; who took the wrong file does not.
-void warnOfDoubts(const NVX509::RefCertificate& certificate, const std::string& path) {
-    const auto warn = [&path](const std::string& what) {
-        reportError("warning: the certificate in " + inputName(path) + " " + what);
-    };
-    const Period period = periodAt(certificate, std::time(nullptr));
-    if (period == Period::notYetValid)
-        warn("is not valid yet");
-    else if (period == Period::expired)
-        warn("has expired");
+void warnOfUsage(const NVX509::RefCertificate& certificate, const std::string& path) {
     if (const char* const missing = missingForEncryption(certificate))
-        warn("is not meant for encryption: its key usage has no " + std::string(missing));
+        reportError("warning: the certificate in " + inputName(path) +
+                    " is not meant for encryption: its key usage has no " + std::string(missing));
 }
 
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's:
@@ -66,6 +59,7 @@ void addFromFile(Recipients& recipients, const std::string& path, Inputs& inputs
                       " certificates: give each recipient a file of its own");
     recipients.add(certificates.front(), "in " + inputName(path));
     warnOfDoubts(certificates.front(), path);
+    warnOfUsage(certificates.front(), path);
 }
 
 /// Whom the store names for the addresses.
@@ -185,7 +179,7 @@ void addEncrypt(Command& commands, Action& action) {
         ->typeName("MSG.p7m")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
-    command->footer(
+    command->note(
         "Recipients may be mixed. A key on P-256, P-384, P-521 or X25519 takes part with a key agreement (ECDH), as "
         "its "
         "certificate says. A recipient in the store is the identity that norvcrypt bindings find names for encryption, "
@@ -193,6 +187,10 @@ void addEncrypt(Command& commands, Action& action) {
         "message, and older programs do not read them. A body of more than 256 KiB from a pipe is written in BER, so "
         "that it is never held in memory; with des-cbc, idea-cbc, bf-cbc and cast5-cbc it is, and has less than 2 "
         "GiB.");
+    command->example("norvcrypt encrypt --to bob.pem carol.pem --in message.eml --out for-both.p7m");
+    command->example("norvcrypt encrypt --store identities --to-address bob@example.org --cipher aes-256-gcm "
+                     "--in message.eml --out for-bob.p7m");
+    command->example("norvcrypt encrypt --password-file secret --in message.eml --out for-all-who-know.p7m");
     command->whenChosen([options, &action, certificates, store] {
         if (certificates->empty() && store->empty() && !options->passwordFile && !options->kekFile)
             throw MissingOption("--to");

@@ -6,8 +6,8 @@
 namespace norvcrypt {
 
 /// Adds --force to a command that writes private keys.
-inline void addForce(Command& command, bool& force) {
-    command.flag("--force", force, "Replace files that are there already, which may be the only copy of a key");
+inline Option* addForce(Command& command, bool& force) {
+    return command.flag("--force", force, "Replace files that are there already, which may be the only copy of a key");
 }
 
 inline OutputFile::Existing existingOf(bool force) {

@@ -4,6 +4,8 @@
 #include "files/Input.h"
 #include "files/Output.h"
 #include "read/Pkcs12File.h"
+#include "show/Description.h"
+#include "show/TextAndJson.h"
 #include "write/PrivateKeyFile.h"
 
 #include <norvcmsg/Escape.h>
@@ -22,6 +24,7 @@ struct Pkcs12Options {
     std::string passphraseFile;
     std::string directory;
     bool force = false;
+    bool json = false;
 };
 
 /// A folder that is made when it is missing, and goes again when nothing came to lie in it.
@@ -72,7 +75,7 @@ Exit importPkcs12(const Pkcs12Options& options) {
     const auto content = readPkcs12(inputs, options.file, passphrase);
     const std::string name = inputName(options.file);
     if (!content) {
-        reportError("wrong passphrase for " + name);
+        reportError("wrong passphrase for " + name + passphrase.oddity());
         return Exit::refused;
     }
     if (content->key.isNull()) {
@@ -83,12 +86,20 @@ Exit importPkcs12(const Pkcs12Options& options) {
     const std::string keyPath = folder.path("key.pem");
     const std::string certificatePath = folder.path("cert.pem");
     writeFiles(*content, keyPath, certificatePath, inputs, existingOf(options.force));
+    const bool hasCertificate = !content->certificate.isNull();
     TextOutput out;
     const auto tell = [&out](const std::string& text) { out.line(Norvane::escapeForDisplay(text)); };
-    tell("key: " + keyPath);
-    tell(content->certificate.isNull()
-             ? "no certificate in " + name + " belongs to the key: " + certificatePath + " is not written"
-             : "certificate: " + certificatePath);
+    if (options.json) {
+        Description facts{{"file", options.file}, {"key", keyPath}};
+        if (hasCertificate)
+            facts["certificate"] = certificatePath;
+        out.text(asJson(facts));
+    } else {
+        tell("key: " + keyPath);
+        tell(hasCertificate
+                 ? "certificate: " + certificatePath
+                 : "no certificate in " + name + " belongs to the key: " + certificatePath + " is not written");
+    }
     out.flush();
     return Exit::good;
 }
@@ -100,8 +111,8 @@ void addPkcs12(Command& commands, Action& action) {
     Command* command =
         commands.command("p12", "Takes a private key and its certificate out of a PKCS#12 file: DIR/key.pem, in "
                                 "clear and readable by its owner alone, and DIR/cert.pem");
-    command->footer("Further certificates in the file, such as a chain to its authority, are not written. "
-                    "Exit code 1: the passphrase is wrong, or the file holds no private key.");
+    command->note("Further certificates in the file, such as a chain to its authority, are not written. "
+                  "Exit code 1: the passphrase is wrong, or the file holds no private key.");
     command->option("FILE", options->file, "The PKCS#12 file (.p12, .pfx); \"-\" is standard input")->required();
     command->option("--passphrase-file", options->passphraseFile, "Its passphrase is this file's first line")
         ->typeName("FILE")
@@ -110,6 +121,8 @@ void addPkcs12(Command& commands, Action& action) {
         ->typeName("DIR")
         ->required();
     addForce(*command, options->force);
+    command->flag("--json", options->json, "Tell what was written in JSON (docs/json.md)");
+    command->example("norvcrypt p12 carol.p12 --passphrase-file secret --out-dir from-carol");
     command->whenChosen([options, &action] { action = [options] { return importPkcs12(*options); }; });
 }
 

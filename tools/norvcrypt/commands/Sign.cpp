@@ -1,4 +1,5 @@
 #include "cms/Signing.h"
+#include "commands/CertificateDoubts.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
 #include "files/Body.h"
@@ -42,7 +43,10 @@ std::vector<NVX509::KeyCertificatePair> readSigners(const SignOptions& options, 
     std::list<NVX509::RefCertificate> further;
     if (options.chain)
         further = readCertificates(inputs, *options.chain);
-    for (OwnIdentity& identity : readIdentities(options.identities->files(), inputs)) {
+    const std::vector<IdentityFiles> files = options.identities->files();
+    for (OwnIdentity& identity : readIdentities(files, inputs)) {
+        const IdentityFiles& own = files[signers.size()];
+        warnOfDoubts(identity.certificate, own.pkcs12 ? *own.pkcs12 : *own.certificate);
         identity.chain.insert(identity.chain.end(), further.begin(), further.end());
         signers.emplace_back(identity.key, identity.certificate, identity.chain);
     }
@@ -101,12 +105,15 @@ void addSign(Command& commands, Action& action) {
         ->typeName("SIG.p7s")
         ->showDefault();
     command->flag("--pem", options->pem, "Write PEM instead of DER");
-    command->footer(
+    command->note(
         "Each signer is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE; further "
         "certificates in the file of --cert join the chain. Or the signer is --store and --from: the identity that "
         "norvcrypt bindings find names for signing, with its chain, as long as its certificate is valid. An attached "
         "body of more than 256 KiB is written in BER when it comes from a pipe or an elliptic curve key signs, so that "
         "it is never held in memory.");
+    command->example(
+        "norvcrypt sign --cert alice.pem --key alice.key --chain ca.pem --in message.eml --out by-alice.p7s");
+    command->example("norvcrypt sign --store identities --from bob@example.org --in message.eml --out by-bob.p7s");
     command->whenChosen([options, &action, store] {
         if (const auto missing = options->identities->missing(); missing && store->empty())
             throw MissingOption(*missing);

@@ -93,6 +93,8 @@ void addSmime(Command& commands, Action& action) {
     Command* smime = commands.command(
         "smime", "Whole S/MIME messages: signs, encrypts, verifies, decrypts them and takes them apart");
     smime->requireCommand();
+    smime->example("norvcrypt smime sign --store identities --in letter.eml --out letter-mine.eml");
+    smime->example("norvcrypt smime verify --in letter-signed.eml --ca root.pem");
     addSmimeSign(*smime, action);
     addSmimeEncrypt(*smime, action);
     addSmimeSignEncrypt(*smime, action);

@@ -86,12 +86,15 @@ void addSmimeDecrypt(Command& smime, Action& action) {
     command->flag("--whole", options->whole, "Write a whole mail: the header fields outside, and what was encrypted");
     command->flag("--any-signature", options->anySignature,
                   "Write it although a signature within is wrong, or its signer not to be believed");
-    command->footer(
+    command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE, or "
         "all "
         "of a --store DIR. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
         "decrypted, 1 no key fits, or a signature within is refused, 2 damaged, not supported, too costly, or nothing "
         "is encrypted.");
+    command->example(
+        "norvcrypt smime decrypt --in letter-secret.eml --cert bob.pem --key bob.key --ca root.pem --whole "
+        "--out letter-clear.eml");
     command->whenChosen([options, &action] { action = [options] { return decrypt(*options); }; });
 }
 

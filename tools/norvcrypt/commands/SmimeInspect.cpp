@@ -31,8 +31,9 @@ void addSmimeInspect(Command& smime, Action& action) {
     Command* command = smime.command("inspect", "Tells how a mail is signed and encrypted, layer by layer");
     auto options = std::make_shared<SmimeInspectOptions>(*command);
     command->flag("--json", options->json, "One JSON object");
-    command->footer("With identities it looks into encrypted parts, too. Exit code: 0 whatever the signatures are, 2 "
-                    "the mail cannot be read to its end.");
+    command->note("With identities it looks into encrypted parts, too. Exit code: 0 whatever the signatures are, 2 "
+                  "the mail cannot be read to its end.");
+    command->example("norvcrypt smime inspect --in letter-secret.eml --p12 alice.p12 --passphrase-file secret");
     command->whenChosen([options, &action] { action = [options] { return inspect(*options); }; });
 }
 

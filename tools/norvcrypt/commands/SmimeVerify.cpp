@@ -87,11 +87,12 @@ void addSmimeVerify(Command& smime, Action& action) {
         ->needs(out);
     command->flag("--covered-only", options->coveredOnly,
                   "Judge the signed part alone, whatever stands beside it, such as the footer of a mailing list");
-    command->footer(
+    command->note(
         "With --ca a mail is good when one who is trusted signed it and is its sender; without, trust is not checked. "
         "Encrypted mails are opened with the identities given, as norvcrypt decrypt takes them. Exit code: 0 good, 1 "
         "refused, not signed, or with parts that nobody signed, 2 it could not be judged: no key, damaged, not "
         "supported, too costly.");
+    command->example("norvcrypt smime verify --in letter-signed.eml --ca root.pem --out letter-content.txt");
     command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
 }
 

@@ -36,7 +36,7 @@ std::string reasonOf(const Norvane::Exception& failure) {
     if (failure.where() == "SMime::Writer" && failure.parameters().size() == 1)
         if (const auto* const reason = std::get_if<std::string>(&failure.parameters().front()))
             return *reason;
-    return failure.asString();
+    return inPlainWords(failure);
 }
 
 /// Of several certificates in a file one may be a recipient's and the others its authorities', or each a recipient's.
@@ -223,8 +223,14 @@ Exit SmimeWritingOptions::run() const {
     try {
         SMime::wrap(message, shells, target, how());
     } catch (const Norvane::Exception& failure) {
-        throw Failure(std::string(m_work.encrypts ? "cannot encrypt " : "cannot sign ") + inputName(m_in) + ": " +
-                      reasonOf(failure));
+        const std::string reason = reasonOf(failure);
+        const std::string what =
+            (m_work.encrypts ? "cannot encrypt " : "cannot sign ") + inputName(m_in) + ": " + reason;
+        // Nobody in the store is an answer, and it is no.
+        if (reason.starts_with("there is no certificate for ") ||
+            reason.starts_with("there is no key to sign with for "))
+            throw Refusal(what);
+        throw Failure(what);
     }
     out.commit();
     return Exit::good;

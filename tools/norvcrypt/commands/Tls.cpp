@@ -32,6 +32,7 @@ void addTimeLimit(Command& command, unsigned int& seconds, const std::string& he
 void addTls(Command& commands, Action& action) {
     Command* tls = commands.command("tls", "Talks TLS as a client or a server, and checks the files of the server");
     tls->requireCommand();
+    tls->example("norvcrypt tls check --root appliance");
     addTlsConnect(*tls, action);
     addTlsServe(*tls, action);
     addTlsCheck(*tls, action);

@@ -2,6 +2,8 @@
 #include "files/Output.h"
 #include "openssl/OpenSsl.h"
 #include "openssl/Reasons.h"
+#include "show/Description.h"
+#include "show/TextAndJson.h"
 #include "tls/TrustedFiles.h"
 
 #include <norvcmsg/Escape.h>
@@ -59,7 +61,23 @@ void checkChain(SSL_CTX* context, const std::string& path, bool keyIsLoaded, Pro
     }
 }
 
-Exit check(const std::string& root, unsigned int days) {
+void tell(const Problems& problems, const std::string& root, bool json) {
+    TextOutput out;
+    if (json) {
+        Description facts{{"root", root}, {"problems", Description::array()}};
+        for (const Problems::Problem& one : problems.all())
+            facts["problems"].push_back({{"file", one.file}, {"reason", one.reason}});
+        out.text(asJson(facts));
+    } else {
+        for (const Problems::Problem& one : problems.all())
+            out.line(Norvane::escapeForDisplay(one.file + ": " + one.reason));
+        if (problems.all().empty())
+            out.line("no problems");
+    }
+    out.flush();
+}
+
+Exit check(const std::string& root, unsigned int days, bool json) {
     Problems problems(days);
     NVSSL::ContextFactory factory;
     factory.init();
@@ -70,13 +88,8 @@ Exit check(const std::string& root, unsigned int days) {
     std::vector<CertificatePtr> trusted = checkTrustedFile(root + trustedFile, problems);
     checkTrustedDirectory(root + trustedDirectory, problems, trusted);
     checkListDirectory(root + listDirectory, problems, trusted);
-    TextOutput out;
-    for (const std::string& line : problems.lines())
-        out.line(Norvane::escapeForDisplay(line));
-    if (problems.lines().empty())
-        out.line("no problems");
-    out.flush();
-    return problems.lines().empty() ? Exit::good : Exit::refused;
+    tell(problems, root, json);
+    return problems.all().empty() ? Exit::good : Exit::refused;
 }
 
 } // namespace
@@ -85,6 +98,7 @@ void addTlsCheck(Command& tls, Action& action) {
     struct Options {
         std::string root;
         unsigned int days = 0;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     Command* command = tls.command(
@@ -94,7 +108,10 @@ void addTlsCheck(Command& tls, Action& action) {
     command->option("--days", options->days, "Report certificates too that expire within so many days")
         ->typeName("N")
         ->range(0U, 36500U);
-    command->whenChosen([options, &action] { action = [options] { return check(options->root, options->days); }; });
+    command->flag("--json", options->json, "One JSON object (docs/json.md)");
+    command->example("norvcrypt tls check --root appliance");
+    command->whenChosen(
+        [options, &action] { action = [options] { return check(options->root, options->days, options->json); }; });
 }
 
 } // namespace norvcrypt

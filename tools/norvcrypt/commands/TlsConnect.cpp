@@ -51,7 +51,7 @@ Host hostOf(const std::string& where) {
     if (inBrackets)
         host.name = host.name.substr(1, host.name.size() - 2);
     if (error != std::errc() || last != end || host.port == 0 || host.name.empty() || isAmbiguous)
-        throw Failure("not a host and port: " + where);
+        throw Failure("not a host and port: " + where + " (write it as mail.example.org:465 or [::1]:465)");
     return host;
 }
 
@@ -59,9 +59,22 @@ bool isOfPlainConnection(const Norvane::SocketException& failure) {
     return failure.where() == "SocketImpl::connect";
 }
 
+/// The peer's address once, whoever put it in front of the reason.
+std::string withoutPrefix(const std::string& reason, const std::string& address) {
+    return address + (reason.starts_with(address) ? reason.substr(address.size()) : reason);
+}
+
+std::vector<SocketAddress> addressesOf(const Host& host) {
+    try {
+        return SocketAddress::resolve(host.name, host.port);
+    } catch (const Norvane::Exception& failure) {
+        throw Failure("cannot find the host: " + inPlainWords(failure));
+    }
+}
+
 /// Tries the addresses of the host in turn until one accepts the plain connection.
 NVSSL::SSLSocket connectTo(const Host& host, NVSSL::RefContext& context, unsigned int timeLimit) {
-    const auto addresses = SocketAddress::resolve(host.name, host.port);
+    const auto addresses = addressesOf(host);
     for (std::size_t at = 0;; ++at) {
         NVSSL::SSLSocket socket(context, addresses[at].family());
         socket.timeLimit(timeLimit * milliseconds);
@@ -71,7 +84,7 @@ NVSSL::SSLSocket connectTo(const Host& host, NVSSL::RefContext& context, unsigne
         } catch (const Norvane::SocketException& failure) {
             if (isOfPlainConnection(failure) && at + 1 < addresses.size())
                 continue;
-            throw Failure("cannot connect to " + addresses[at].asString() + ": " + reasonOf(failure));
+            throw Failure("cannot connect to " + withoutPrefix(reasonOf(failure), addresses[at].asString() + ": "));
         }
     }
 }
@@ -243,6 +256,7 @@ void addTlsConnect(Command& tls, Action& action) {
     command->flag("--require-trust", options->requireTrust,
                   "Copy nothing and answer 1 unless the certificate verifies and is for the host");
     addTimeLimit(*command, options->timeLimit, "How many seconds the server may take each time; 0 for ever");
+    command->example("norvcrypt tls connect localhost:4433 --ca root.pem --require-trust --send letter.eml");
     command->whenChosen([options, &action] { action = [options] { return connect(*options); }; });
 }
 

@@ -288,6 +288,7 @@ void addTlsServe(Command& tls, Action& action) {
     command->option("--count", options->count, "End after so many connections")->typeName("N")->positive();
     addTimeLimit(*command, options->timeLimit,
                  "How many seconds a client may say nothing, or take nothing; 0 for ever");
+    command->example("norvcrypt tls serve 127.0.0.1:4433 --cert server.pem --key server.key --echo --count 1");
     command->whenChosen([options, &action] { action = [options] { return serve(*options); }; });
 }
 

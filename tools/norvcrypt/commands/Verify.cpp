@@ -82,7 +82,8 @@ template <class Work> auto reading(const StructureFile& file, Work work) {
     } catch (const Norvane::Exception& failure) {
         const ContentType& type = file.contentType();
         if (!type.name.empty() && type.name != "pkcs7-signedData")
-            throw Failure(file.name() + " holds no signature but " + type.name);
+            throw Failure(file.name() + " holds no signature but " + type.name +
+                          (type.name.find("nveloped") != std::string::npos ? ", which norvcrypt decrypt reads" : ""));
         throw Failure("cannot judge the signatures in " + file.name(), failure);
     }
 }
@@ -276,7 +277,9 @@ void tell(const SignedReader& message, const std::vector<Judged>& judged, const 
     if (!diagnosis.notLooked.empty())
         out.line("why it is refused was not looked into everywhere: " + diagnosis.notLooked);
     if (signers.empty()) {
-        out.line("no signer");
+        out.line(message.certificates().empty() ? "no signer"
+                                                : "no signer: the structure holds certificates alone, which norvcrypt "
+                                                  "inspect shows");
         out.flush();
         return;
     }
@@ -447,13 +450,15 @@ void addVerify(Command& commands, Action& action) {
         ->typeName("BODY")
         ->needs(embedded);
     options->trust = std::make_unique<TrustOptions>(*command, Trust::Purpose::sign, TrustOptions::Anchors::optional);
-    command->footer(
+    command->note(
         "Structures and bodies may have any size. When a signature does not fit the body, it is tried what relays do "
         "to "
         "bodies, and said what made it so; it stays refused.\n"
-        "Example: norvcrypt verify --signature body.p7s --in body --ca roots.pem --from anna@example.org\n"
         "Exit code: 0 every signature is good (and with --ca, every signer is believed), 1 one is not, 2 an "
         "algorithm is not supported, which is named, or there is nothing to judge.");
+    command->example(
+        "norvcrypt verify --signature message.p7s --in message.eml --ca root.pem --from alice@example.org");
+    command->example("norvcrypt verify --signature message.p7s --in message-changed.eml # exit code 1");
     command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
 }
 

@@ -46,7 +46,7 @@ void Demo::makeDirectory() {
     // Asked for now: the keys would be made in vain.
     for (const char* name :
          {"root.key", "ca.key", "alice.key", "bob.key", "carol.key", "mallory.key", "alice.p12", "carol.p12",
-          "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"})
+          "server.key", "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"})
         if (std::filesystem::exists(path(name), error))
             static_cast<void>(OutputFile(path(name), m_inputs, OutputFile::Access::owner, existing()));
 }
@@ -103,7 +103,8 @@ void Demo::makeIdentities() {
     m_mallory = makeIdentity("mallory", person("Mallory Example", "mallory@example.org", "0bad0bad"));
     const norvauthority::Crl list = norvauthority::issueList(
         {.issuer = &m_authority, .revoked = {{.serial = "0bad", .reason = 1}}, .crlNumber = "01"});
-    writeFile(path("ca.crl"), m_inputs, list.pem());
+    m_list = list.pem();
+    writeFile(path("ca.crl"), m_inputs, m_list);
     tell("   " + path("ca.crl") + "  the authority's revocation list");
     command("openssl verify -purpose smimesign -CAfile " + argument("root.pem") + " -untrusted " + argument("ca.pem") +
             " " + argument("alice.pem") + " " + argument("bob.pem") + " " + argument("carol.pem") + " " +

@@ -58,6 +58,8 @@ private:
     void refuseOutsider();
     void makePkcs12Files();
     void makeStore();
+    void makeLetter();
+    void makeServer();
     void keepIdentities();
     [[nodiscard]] OutputFile::Existing existing() const {
         return m_options.force ? OutputFile::Existing::replaced : OutputFile::Existing::refused;
@@ -72,6 +74,7 @@ private:
     Identity m_bob;
     Identity m_carol;
     Identity m_mallory;
+    std::string m_list; ///< the authority's revocation list, PEM
     std::uint64_t m_size = 0;
     std::string m_digest; ///< of the message, SHA-256
     bool m_asExpected = true;

@@ -69,6 +69,8 @@ void Demo::keepIdentities() {
     tell("10. The same people in other forms, for commands of your own");
     makePkcs12Files();
     makeStore();
+    makeLetter();
+    makeServer();
 }
 
 } // namespace norvcrypt

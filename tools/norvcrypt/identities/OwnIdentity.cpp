@@ -3,7 +3,9 @@
 #include "read/CertificateFile.h"
 #include "read/Pkcs12File.h"
 #include "read/PrivateKeyFile.h"
+#include "recognise/DerAndPem.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace norvcrypt {
@@ -17,17 +19,37 @@ namespace {
 OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, Inputs& inputs) {
     const auto content = readPkcs12(inputs, path, passphrase);
     if (!content)
-        throw Failure("wrong passphrase for " + inputName(path));
+        throw Refusal("wrong passphrase for " + inputName(path) + passphrase.oddity());
     if (content->key.isNull() || content->certificate.isNull())
         throw Failure("no private key with its certificate in " + inputName(path));
     return {content->certificate, content->key, inputName(path)};
+}
+
+bool holds(Inputs& inputs, const std::string& path, ObjectKind kind) {
+    const std::vector<FoundObject> objects = objectsIn(inputs.readAll(path, true));
+    return std::ranges::any_of(objects, [kind](const FoundObject& one) { return one.kind == kind; });
+}
+
+/// Those of --cert. Whoever mixed the two options up is told so.
+std::list<NVX509::RefCertificate> certificatesOf(const IdentityFiles& files, Inputs& inputs) {
+    try {
+        return readCertificates(inputs, *files.certificate);
+    } catch (const Failure&) {
+        const bool canBeReadAgain = *files.certificate != "-" && *files.key != "-";
+        if (canBeReadAgain && holds(inputs, *files.key, ObjectKind::certificate) &&
+            (holds(inputs, *files.certificate, ObjectKind::privateKey) ||
+             holds(inputs, *files.certificate, ObjectKind::encryptedKey)))
+            throw Failure("--cert and --key are swapped: " + *files.certificate + " holds the private key, and " +
+                          *files.key + " the certificate");
+        throw;
+    }
 }
 
 OwnIdentity readIdentity(const IdentityFiles& files, Inputs& inputs) {
     const Passphrase passphrase(inputs, files.passphrase);
     if (files.pkcs12)
         return fromPkcs12(*files.pkcs12, passphrase, inputs);
-    std::list<NVX509::RefCertificate> chain = readCertificates(inputs, *files.certificate);
+    std::list<NVX509::RefCertificate> chain = certificatesOf(files, inputs);
     const NVX509::RefCertificate certificate = chain.front();
     chain.pop_front();
     return {certificate, readPrivateKey(inputs, *files.key, passphrase), inputName(*files.key), std::move(chain)};

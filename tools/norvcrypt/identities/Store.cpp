@@ -59,13 +59,13 @@ Store::Found identityFor(const NVX509::RefDirectoryKeyStore& store, const std::s
     if (!found) {
         const std::size_t skipped =
             askStore(directory, [&] { return store->explain(parsed, purpose); }).contents->problems.size();
-        throw Failure(
+        throw Refusal(
             "the store " + directory + " has nothing for " + wanted +
             (skipped == 0 ? "" : ", and " + std::to_string(skipped) + " of its files or folders are skipped") +
             tellsMore);
     }
     if (!found->isValid)
-        throw Failure("the certificate of " + found->folder + " in " + directory + ", found for " + wanted +
+        throw Refusal("the certificate of " + found->folder + " in " + directory + ", found for " + wanted +
                       ", is expired or not yet valid" + tellsMore);
     return *found;
 }

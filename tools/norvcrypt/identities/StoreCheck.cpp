@@ -36,18 +36,12 @@ void checkKey(Findings& findings, const Store::Contents& contents, std::size_t a
     const auto key = publicKeyDetails(contents.identities[at].certificate);
     if (!key)
         return;
-    static constexpr std::array<std::pair<int, int>, 5> limits{{{EVP_PKEY_RSA, leastFactoringBits},
-                                                                {EVP_PKEY_RSA_PSS, leastFactoringBits},
-                                                                {EVP_PKEY_DSA, leastFactoringBits},
-                                                                {EVP_PKEY_DH, leastFactoringBits},
-                                                                {EVP_PKEY_EC, leastCurveBits}}};
-    for (const auto& [type, least] : limits)
-        if (key->kind == type && key->bits < least)
-            add(findings, contents, at,
-                {.kind = "weakKey",
-                 .file = "cert.pem",
-                 .reason = "the " + key->name + " key has " + std::to_string(key->bits) + " bits, fewer than " +
-                           std::to_string(least)});
+    if (const auto least = leastSafeBits(*key))
+        add(findings, contents, at,
+            {.kind = "weakKey",
+             .file = "cert.pem",
+             .reason = "the " + key->name + " key has " + std::to_string(key->bits) + " bits, fewer than " +
+                       std::to_string(*least)});
 }
 
 void checkDuplicates(Findings& findings, const Store::Contents& contents) {
@@ -127,6 +121,18 @@ void checkPatterns(Findings& findings, const Store::Contents& contents) {
 }
 
 } // namespace
+
+std::optional<int> leastSafeBits(const PublicKeyDetails& key) {
+    static constexpr std::array<std::pair<int, int>, 5> limits{{{EVP_PKEY_RSA, leastFactoringBits},
+                                                                {EVP_PKEY_RSA_PSS, leastFactoringBits},
+                                                                {EVP_PKEY_DSA, leastFactoringBits},
+                                                                {EVP_PKEY_DH, leastFactoringBits},
+                                                                {EVP_PKEY_EC, leastCurveBits}}};
+    for (const auto& [type, least] : limits)
+        if (key.kind == type && key.bits < least)
+            return least;
+    return std::nullopt;
+}
 
 std::vector<Finding> findingsIn(const Store::Contents& contents, std::time_t now) {
     Findings findings(contents.identities.size());

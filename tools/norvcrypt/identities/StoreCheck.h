@@ -4,6 +4,7 @@
 /// Looking for what an operator would want to mend in a store.
 
 #include "identities/Store.h"
+#include "openssl/CertificateDetails.h"
 
 #include <ctime>
 #include <optional>
@@ -14,6 +15,9 @@ namespace norvcrypt {
 
 constexpr int leastFactoringBits = 2048; ///< RSA, DSA and DH; shorter keys are weak
 constexpr int leastCurveBits = 224;      ///< EC
+
+/// How many bits a key of that kind should have, when it has fewer.
+std::optional<int> leastSafeBits(const PublicKeyDetails& key);
 
 /// Something to mend.
 struct Finding {

@@ -18,6 +18,8 @@ using Norvane::Crypto::HasherMediaOut;
 
 namespace {
 
+using UsagesPtr = Owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
+
 struct FreeingMemory {
     void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
 };
@@ -201,6 +203,35 @@ std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate&
         if ((usage & bit) != 0)
             names.emplace_back(name);
     return names;
+}
+
+std::vector<std::string> extendedKeyUsage(X509* certificate) {
+    std::vector<std::string> names;
+    static_cast<void>(eachExtension<UsagesPtr>(certificate, NID_ext_key_usage, [&names](const EXTENDED_KEY_USAGE* all) {
+        for (int at = 0; at < sk_ASN1_OBJECT_num(all); ++at) {
+            const ASN1_OBJECT* const one = sk_ASN1_OBJECT_value(all, at);
+            const int nid = OBJ_obj2nid(one);
+            names.push_back(nid == NID_undef ? objectName(one) : OBJ_nid2sn(nid));
+        }
+    }));
+    return names;
+}
+
+std::string signatureAlgorithm(const X509_ALGOR* algorithm) {
+    if (algorithm == nullptr)
+        return "";
+    const QuietQuestion quiet;
+    const std::string name = objectName(algorithm->algorithm);
+    if (OBJ_obj2nid(algorithm->algorithm) != NID_rsassaPss)
+        return name;
+    const Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free> parameters(static_cast<RSA_PSS_PARAMS*>(
+        algorithm->parameter == nullptr
+            ? nullptr
+            : ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(RSA_PSS_PARAMS), algorithm->parameter)));
+    if (!parameters)
+        return name;
+    const X509_ALGOR* const digest = parameters->hashAlgorithm;
+    return name + " with " + (digest == nullptr ? "sha1" : objectName(digest->algorithm));
 }
 
 Period periodAt(const X509* certificate, std::time_t when) {

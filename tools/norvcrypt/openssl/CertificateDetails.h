@@ -51,6 +51,12 @@ ListPlaces crlDistributionPoints(X509* certificate);
 /// "digitalSignature", ... in the order of RFC 5280; none when the certificate does not restrict its key.
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate);
 
+/// "emailProtection", ... in the order of the certificate, dotted where there is no name; none when it does not restrict
+/// itself.
+std::vector<std::string> extendedKeyUsage(X509* certificate);
+/// "sha256WithRSAEncryption"; RSASSA-PSS with its digest.
+std::string signatureAlgorithm(const X509_ALGOR* algorithm);
+
 /// Whether a certificate is valid at a moment, the last second of its validity included (RFC 5280). A period whose start
 /// cannot be read has not begun, one whose end cannot be read is over.
 enum class Period : int { current, notYetValid, expired };

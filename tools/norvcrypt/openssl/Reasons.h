@@ -6,7 +6,7 @@
 
 namespace norvcrypt {
 
-/// OpenSSL's queue of errors, which is empty then.
+/// What OpenSSL's queue of errors says, in plain words; it is empty then.
 std::string openSslReasons();
 
 /// What failed, with OpenSSL's reasons where the failure does not hold them itself.

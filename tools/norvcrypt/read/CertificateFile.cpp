@@ -1,6 +1,7 @@
 #include "read/CertificateFile.h"
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
+#include "recognise/WhatElse.h"
 
 #include <norvcrypto/Acceptance.h>
 
@@ -11,9 +12,10 @@ namespace NVX509 = Norvane::Crypto::NVX509;
 std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::string& path) {
     const NVX509::CertificateFactory factory;
     std::list<NVX509::RefCertificate> certificates;
-    for (const FoundObject& object : objectsIn(inputs.readAll(path, true))) {
+    const Norvane::Buffer content = inputs.readAll(path, true);
+    for (const FoundObject& object : objectsIn(content)) {
         if (!object.problem.empty())
-            throw Failure(inputName(path) + ": " + object.problem);
+            throw Failure("no certificate in " + inputName(path) + ": " + object.problem);
         if (object.kind != ObjectKind::certificate)
             continue;
         const NVX509::RefCertificate certificate = factory.readDER(object.der);
@@ -25,7 +27,7 @@ std::list<NVX509::RefCertificate> readCertificates(Inputs& inputs, const std::st
         certificates.push_back(certificate);
     }
     if (certificates.empty())
-        throw Failure("no certificate in " + inputName(path));
+        throw Failure("no certificate in " + inputName(path) + whatElseIsIn(content));
     return certificates;
 }
 

@@ -23,7 +23,12 @@ public:
     /// The text, if it was given.
     [[nodiscard]] std::optional<std::string_view> view() const;
 
+    /// What may be odd about it, behind "the passphrase is wrong": " (the line in FILE ends with a blank, which counts)";
+    /// empty when nothing is.
+    [[nodiscard]] std::string oddity() const;
+
 private:
+    std::string m_path;
     std::string m_text;
     bool m_given = false;
 };

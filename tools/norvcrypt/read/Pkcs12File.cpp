@@ -1,10 +1,14 @@
 #include "read/Pkcs12File.h"
 #include "base/Failure.h"
+#include "recognise/DerAndPem.h"
+#include "recognise/WhatElse.h"
 
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/PKCS12.h>
 
+#include <algorithm>
 #include <variant>
+#include <vector>
 
 namespace norvcrypt {
 
@@ -23,7 +27,12 @@ bool isWrongPassword(const Norvane::Exception& failure) {
 } // namespace
 
 std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
-    Norvane::Crypto::MemoryBIO source(inputs.readAll(path, true));
+    const Norvane::Buffer file = inputs.readAll(path, true);
+    if (const std::vector<FoundObject> found = objectsIn(file);
+        std::ranges::none_of(found, [](const FoundObject& one) { return one.kind == ObjectKind::pkcs12; }) &&
+        (found.front().kind != ObjectKind::unknown || !looksLikeDer(file)))
+        throw Failure("no PKCS#12 structure in " + inputName(path) + whatElseIsIn(file));
+    Norvane::Crypto::MemoryBIO source(file);
     try {
         Norvane::Crypto::PKCS12::Store store(source);
         store.read(passphrase.text());

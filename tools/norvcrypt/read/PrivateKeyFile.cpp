@@ -1,10 +1,13 @@
 #include "read/PrivateKeyFile.h"
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
+#include "recognise/WhatElse.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
 
 #include <algorithm>
+#include <array>
+#include <sys/stat.h>
 #include <vector>
 
 namespace norvcrypt {
@@ -15,12 +18,30 @@ using Norvane::Crypto::RefKey;
 
 namespace {
 
+/// Whether OpenSSL's reason is that it does not know how the key was encrypted. With a wrong passphrase it may find any
+/// other: what comes out is garbage.
+bool isUnsupported(const std::string& reason) {
+    constexpr std::array words{"unknown pbe algorithm", "unsupported prf",       "unsupported cipher",
+                               "unsupported keylength", "unsupported salt type", "unknown cipher"};
+    return std::ranges::any_of(words, [&reason](const char* word) { return reason.find(word) != reason.npos; });
+}
+
 RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
     const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, passphrase.view());
-    if (opened.key.isNull())
-        throw Failure("cannot read the private key in " + name +
-                      (opened.tooCostly ? ": " : ", the passphrase may be wrong: ") + opened.reason);
-    return opened.key;
+    if (!opened.key.isNull())
+        return opened.key;
+    if (opened.tooCostly || isUnsupported(opened.reason))
+        throw Failure("cannot read the private key in " + name + ": " + inPlainWords(opened.reason));
+    throw Refusal("the passphrase for the private key in " + name + " is wrong, or the file is damaged" +
+                  passphrase.oddity() + (tellsAll() ? ": " + opened.reason : ""));
+}
+
+/// A key in clear is protected by the mode of its file alone.
+void warnOfReaders(const std::string& path) {
+    struct stat status {};
+    if (path != "-" && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+        (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+        reportError("warning: others can read the private key in " + path + ": chmod go= " + path);
 }
 
 } // namespace
@@ -34,7 +55,9 @@ RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase&
     });
     if (object == objects.end())
         throw Failure("no private key in " + name +
-                      (objects.front().problem.empty() ? "" : ": " + objects.front().problem));
+                      (objects.front().problem.empty() ? whatElseIsIn(content) : ": " + objects.front().problem));
+    if (object->kind == ObjectKind::privateKey)
+        warnOfReaders(path);
     if (object->kind == ObjectKind::encryptedKey && !passphrase.given())
         throw Failure("the private key in " + name + " is encrypted: give its passphrase with --passphrase-file");
     if (object->kind == ObjectKind::encryptedKey)

@@ -1,22 +1,13 @@
 #include "recognise/CmsInText.h"
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
-#include "recognise/Wrapped.h"
+#include "recognise/WhatElse.h"
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
 namespace norvcrypt {
-
-namespace {
-
-/// What to do, for whoever saved a mail as it came.
-std::string adviceOn(const Norvane::Buffer& content) {
-    return looksLikeMail(content) ? ", which is a mail: norvcrypt smime verify, decrypt and inspect read those" : "";
-}
-
-} // namespace
 
 Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::string& name) {
     const std::vector<FoundObject> objects = objectsIn(content);
@@ -25,7 +16,7 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
     if (count > 1)
         throw Failure("more than one CMS structure in " + name);
     if (count == 0 && !looksLikeDer(content))
-        throw Failure("no CMS structure in " + name + adviceOn(content));
+        throw Failure("no CMS structure in " + name + whatElseIsIn(content));
     // What looks binary and is none has the library tell what is wrong with it.
     return count == 0 ? content : std::find_if(objects.begin(), objects.end(), isCms)->der;
 }

@@ -1,6 +1,8 @@
 #include "recognise/DerAndPem.h"
+#include "base/PlainWords.h"
 #include "openssl/OpenSsl.h"
 #include "recognise/Blanks.h"
+#include "recognise/WhatElse.h"
 #include "recognise/Wrapped.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
@@ -19,6 +21,8 @@
 namespace norvcrypt {
 
 namespace {
+
+constexpr const char* nothingKnown = "no certificate, list, key or CMS structure";
 
 /// An element's header, as far as it lies within the bytes.
 struct Header {
@@ -48,6 +52,27 @@ std::optional<Header> headerOf(const unsigned char* bytes, std::size_t length) {
     return header;
 }
 
+/// A certificate request (RFC 2986) begins with what no other structure here does: a version, a name, a public key and
+/// attributes under [0].
+bool isRequest(const Norvane::Buffer& der) {
+    const QuietQuestion quiet;
+    const unsigned char* at = der.data();
+    const unsigned char* const end = at + der.length();
+    const auto enter = [&](int tagWanted, int classWanted, bool skip) {
+        long content = 0;
+        int tag = 0;
+        int tagClass = 0;
+        const int flags = at == end ? 0x80 : ASN1_get_object(&at, &content, &tag, &tagClass, end - at);
+        if ((static_cast<unsigned int>(flags) & 0x81U) != 0 || tag != tagWanted || tagClass != classWanted)
+            return false;
+        at += skip ? content : 0;
+        return true;
+    };
+    return enter(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, false) && enter(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, false) &&
+           enter(V_ASN1_INTEGER, V_ASN1_UNIVERSAL, true) && enter(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true) &&
+           enter(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true) && enter(0, V_ASN1_CONTEXT_SPECIFIC, false);
+}
+
 ObjectKind kindOf(const Norvane::Buffer& der) {
     using Norvane::Crypto::EncodedKind;
     switch (Norvane::Crypto::encodedKind(der)) {
@@ -70,10 +95,10 @@ ObjectKind kindOf(const Norvane::Buffer& der) {
     case EncodedKind::unknown:
         break;
     }
-    return ObjectKind::unknown;
+    return isRequest(der) ? ObjectKind::request : ObjectKind::unknown;
 }
 
-constexpr std::array<std::pair<std::string_view, ObjectKind>, 10> labels{{
+constexpr std::array<std::pair<std::string_view, ObjectKind>, 12> labels{{
     {"CERTIFICATE", ObjectKind::certificate},
     {"X509 CERTIFICATE", ObjectKind::certificate},
     {"TRUSTED CERTIFICATE", ObjectKind::certificate},
@@ -84,6 +109,8 @@ constexpr std::array<std::pair<std::string_view, ObjectKind>, 10> labels{{
     {"PUBLIC KEY", ObjectKind::publicKey},
     {"RSA PUBLIC KEY", ObjectKind::publicKey},
     {"ENCRYPTED PRIVATE KEY", ObjectKind::encryptedKey},
+    {"CERTIFICATE REQUEST", ObjectKind::request},
+    {"NEW CERTIFICATE REQUEST", ObjectKind::request},
 }};
 
 ObjectKind kindOfLabel(std::string_view label) {
@@ -120,6 +147,8 @@ ObjectKind kindOf(const std::string& label, const Norvane::Buffer& der) {
 
 FoundObject objectOf(const std::string& label, const std::string& header, const Norvane::Buffer& der) {
     const ObjectKind kind = kindOf(label, der);
+    if (label == "OPENSSH PRIVATE KEY")
+        return {ObjectKind::unknown, der, "a key of OpenSSH, which ssh-keygen -p -m PKCS8 turns into PEM"};
     if (kind == ObjectKind::unknown)
         return {kind, der, "a PEM block of the unknown kind " + label};
     if (header.find("ENCRYPTED") == std::string::npos)
@@ -164,7 +193,9 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
         const std::string errors = Norvane::Crypto::getErrString();
         if (noMore)
             break;
-        objects.push_back({ObjectKind::unknown, {}, "a damaged PEM block: " + errors});
+        if (const std::string armour = foreignArmourIn(content); !armour.empty())
+            return {{ObjectKind::unknown, {}, armour}};
+        objects.push_back({ObjectKind::unknown, {}, "a damaged PEM block: " + inPlainWords(errors)});
     }
     return objects;
 }
@@ -245,8 +276,7 @@ std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
         if (std::vector<FoundObject> wrapped = objectsWrapped(content); !wrapped.empty())
             objects = std::move(wrapped);
     if (objects.empty())
-        objects.push_back(
-            {ObjectKind::unknown, {}, content.empty() ? "empty" : "no certificate, list, key or CMS structure"});
+        objects.push_back({ObjectKind::unknown, {}, content.empty() ? "it is empty" : nothingKnown});
     return objects;
 }
 

@@ -10,7 +10,18 @@
 
 namespace norvcrypt {
 
-enum class ObjectKind : int { certificate, list, cms, publicKey, privateKey, encryptedKey, pkcs12, crossPair, unknown };
+enum class ObjectKind : int {
+    certificate,
+    list,
+    cms,
+    publicKey,
+    privateKey,
+    encryptedKey,
+    pkcs12,
+    crossPair,
+    request,
+    unknown
+};
 
 /// One object of a file.
 struct FoundObject {

@@ -38,23 +38,6 @@ void putName(Description& facts, const std::optional<CMS::CertificateIdentifier>
         problem(facts, "a negative serial number");
 }
 
-const char* nameOfKind(EnvelopeReader::Recipient::Kind kind) {
-    using Recipient = EnvelopeReader::Recipient;
-    switch (kind) {
-    case Recipient::keyTransport:
-        return "keyTransport";
-    case Recipient::keyAgreement:
-        return "keyAgreement";
-    case Recipient::keyEncryptionKey:
-        return "keyEncryptionKey";
-    case Recipient::password:
-        return "password";
-    case Recipient::other:
-        break;
-    }
-    return "other";
-}
-
 void putEnveloped(Description& facts, const Norvane::Buffer& structure) {
     const EnvelopeReader message{Norvane::MemoryMediaIn(structure)};
     // The reader has read up to the content; what is cut off behind that is damaged all the same.
@@ -125,6 +108,23 @@ void requirePkcs7(const Norvane::Buffer& structure) {
 
 } // namespace
 
+const char* nameOfKind(EnvelopeReader::Recipient::Kind kind) {
+    using Recipient = EnvelopeReader::Recipient;
+    switch (kind) {
+    case Recipient::keyTransport:
+        return "keyTransport";
+    case Recipient::keyAgreement:
+        return "keyAgreement";
+    case Recipient::keyEncryptionKey:
+        return "keyEncryptionKey";
+    case Recipient::password:
+        return "password";
+    case Recipient::other:
+        break;
+    }
+    return "other";
+}
+
 Description cmsFacts(const Norvane::Buffer& structure) {
     const std::string type = contentTypeOf(structure).name;
     Description facts = Description::object();
@@ -141,7 +141,7 @@ Description cmsFacts(const Norvane::Buffer& structure) {
     } catch (const Norvane::Exception& failure) {
         requirePkcs7(structure);
         facts = {{"contentType", type}};
-        problem(facts, failure.asString());
+        problem(facts, inPlainWords(failure));
     }
     return facts;
 }

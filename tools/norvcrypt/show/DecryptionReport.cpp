@@ -1,5 +1,6 @@
 #include "show/DecryptionReport.h"
 #include "openssl/CertificateDetails.h"
+#include "show/CmsDescription.h"
 
 #include <algorithm>
 
@@ -61,7 +62,48 @@ std::string textOf(const Attempt& attempt) {
     return "decryption with the key in " + keyFile + " failed, the message is damaged (event 0x300005B)";
 }
 
+const char* codeOf(Attempt::Outcome outcome) {
+    switch (outcome) {
+    case Attempt::Outcome::decrypted:
+        return "decrypted";
+    case Attempt::Outcome::unnamed:
+        return "negative-serial";
+    case Attempt::Outcome::noKey:
+        return "no-key";
+    case Attempt::Outcome::foreignKey:
+        return "key-of-another-certificate";
+    case Attempt::Outcome::unfitKey:
+        return "key-unfit";
+    case Attempt::Outcome::unsupported:
+        return "unsupported";
+    case Attempt::Outcome::tooCostly:
+        return "too-costly";
+    case Attempt::Outcome::notTried:
+        return "not-tried";
+    case Attempt::Outcome::failed:
+        break;
+    }
+    return "failed";
+}
+
 } // namespace
+
+Description decryptionFacts(const DecryptionResult& result) {
+    Description facts{{"decrypted", result.decrypted}, {"contentMissing", result.contentMissing}};
+    facts["recipients"] = Description::array();
+    for (const Attempt& attempt : result.attempts) {
+        Description one{{"kind", nameOfKind(attempt.kind)}, {"outcome", codeOf(attempt.outcome)}};
+        if (!attempt.recipient.empty())
+            one["identifier"] = attempt.recipient;
+        one["text"] = textOf(attempt);
+        if (attempt.identity) {
+            one["keyFile"] = attempt.identity->keyFile;
+            one["certificateSha256"] = fingerprint(attempt.identity->certificate);
+        }
+        facts["recipients"].push_back(std::move(one));
+    }
+    return facts;
+}
 
 std::vector<std::string> decryptionReport(const DecryptionResult& result) {
     if (result.contentMissing)

@@ -1,7 +1,9 @@
 #include "show/Description.h"
 #include "base/Failure.h"
 #include "openssl/CertificateDetails.h"
+#include "openssl/ListEntries.h"
 #include "openssl/OpenSsl.h"
+#include "openssl/RequestDetails.h"
 #include "show/CmsDescription.h"
 #include "show/Facts.h"
 
@@ -12,6 +14,7 @@
 #include <norvcrypto/Crypto.h>
 #include <norvcrypto/Key.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -41,7 +44,7 @@ template <class Decode, class Release>
         throw Failure(noun + " " + refusal);
     const unsigned char* at = der.data();
     release(decode(nullptr, &at, static_cast<long>(der.length())));
-    throw Failure("malformed " + noun + ": " + Norvane::Crypto::getErrString());
+    throw Failure("malformed " + noun + ": " + inPlainWords(Norvane::Crypto::getErrString()));
 }
 
 Description readCertificate(const Norvane::Buffer& der) {
@@ -51,11 +54,11 @@ Description readCertificate(const Norvane::Buffer& der) {
     return certificateFacts(certificate);
 }
 
-Description readList(const Norvane::Buffer& der) {
+Description readList(const Norvane::Buffer& der, const EntryRange& range) {
     const NVX509::RefCertificateRevocationList list = NVX509::CertificateRevocationListFactory().readDER(der);
     if (list.isNull())
         throwReason("revocation list", d2i_X509_CRL, X509_CRL_free, der);
-    return listFacts(list);
+    return listFacts(list, range);
 }
 
 Description pairFacts(const Norvane::Buffer& der) {
@@ -72,6 +75,31 @@ Description pairFacts(const Norvane::Buffer& der) {
     return facts;
 }
 
+void putEntries(Description& facts, const STACK_OF(X509_REVOKED) * revoked, const EntryRange& range) {
+    const auto count = static_cast<std::size_t>(revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked));
+    for (std::size_t number = range.first; number <= std::min(range.last, count); ++number) {
+        const RevokedEntry entry = revokedEntry(sk_X509_REVOKED_value(revoked, static_cast<int>(number - 1)));
+        Description one{{"entry", number}, {"serial", entry.serial}};
+        putText(one, "time", entry.time);
+        putText(one, "reason", entry.reason);
+        facts["revoked"].push_back(std::move(one));
+    }
+}
+
+Description requestFacts(const Norvane::Buffer& der) {
+    const RequestDetails request = requestDetails(der);
+    Description facts = Description::object();
+    putText(facts, "subject", request.subject);
+    if (!request.key.isNull())
+        facts["publicKey"] = norvcrypt::keyFacts(request.key);
+    putText(facts, "signatureAlgorithm", request.signatureAlgorithm);
+    facts["signedWithItsKey"] = request.signedWithItsKey;
+    putTexts(facts, "emails", request.emails);
+    putTexts(facts, "dns", request.dns);
+    putTexts(facts, "extensions", request.extensions);
+    return facts;
+}
+
 Description pkcs12Facts() {
     return {{"readBy", "norvcrypt p12"}};
 }
@@ -84,7 +112,7 @@ Description typed(const char* type, const Description& facts) {
 
 } // namespace
 
-Description listFacts(const NVX509::RefCertificateRevocationList& list) {
+Description listFacts(const NVX509::RefCertificateRevocationList& list, const EntryRange& range) {
     X509_CRL* const crl = list;
     Description facts = Description::object();
     putText(facts, "issuer", displayName(list->crlInfo().issuer()));
@@ -93,11 +121,19 @@ Description listFacts(const NVX509::RefCertificateRevocationList& list) {
     const QuietQuestion quiet;
     const IntegerPtr number(static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(crl, NID_crl_number, nullptr, nullptr)));
     putNumber(facts, "crlNumber", "CRL number", number.get());
+    const X509_ALGOR* algorithm = nullptr;
+    X509_CRL_get0_signature(crl, nullptr, &algorithm);
+    putText(facts, "signatureAlgorithm", signatureAlgorithm(algorithm));
     facts["delta"] = list->isDeltaCRL();
     const STACK_OF(X509_REVOKED)* revoked = X509_CRL_get_REVOKED(crl);
     facts["entries"] = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
     facts["sha256"] = fingerprint(list);
+    putEntries(facts, revoked, range);
     return facts;
+}
+
+Description listFacts(const NVX509::RefCertificateRevocationList& list) {
+    return listFacts(list, {1, 0});
 }
 
 Description certificateFacts(const NVX509::RefCertificate& certificate) {
@@ -111,7 +147,11 @@ Description certificateFacts(const NVX509::RefCertificate& certificate) {
     facts["sha256"] = fingerprint(certificate);
     facts["selfSigned"] = certificate->isSelfSigned();
     facts["ca"] = certificate->isCACert();
+    if (const auto key = publicKeyDetails(x509))
+        facts["publicKey"] = {{"algorithm", key->name}, {"bits", key->bits}};
+    putText(facts, "signatureAlgorithm", signatureAlgorithm(X509_get0_tbs_sigalg(x509)));
     putTexts(facts, "keyUsage", keyUsage(certificate));
+    putTexts(facts, "extendedKeyUsage", extendedKeyUsage(x509));
     const AlternativeNames names = alternativeNames(x509);
     putTexts(facts, "emails", names.emails);
     putTexts(facts, "dns", names.dns);
@@ -137,14 +177,14 @@ Description keyFacts(const RefKey& key) {
     return facts;
 }
 
-Description describe(const FoundObject& object) {
+Description describe(const FoundObject& object, const EntryRange& range) {
     if (!object.problem.empty())
         throw Failure(object.problem);
     switch (object.kind) {
     case ObjectKind::certificate:
         return typed("certificate", readCertificate(object.der));
     case ObjectKind::list:
-        return typed("crl", readList(object.der));
+        return typed("crl", readList(object.der, range));
     case ObjectKind::cms:
         return typed("cms", cmsFacts(object.der));
     case ObjectKind::publicKey:
@@ -157,6 +197,8 @@ Description describe(const FoundObject& object) {
         return typed("pkcs12", pkcs12Facts());
     case ObjectKind::crossPair:
         return typed("cross-pair", pairFacts(object.der));
+    case ObjectKind::request:
+        return typed("request", requestFacts(object.der));
     case ObjectKind::unknown:
         break;
     }

@@ -285,10 +285,10 @@ void checkPeriod(const std::string& path, X509* certificate, Problems& problems)
 std::vector<CertificatePtr> checkTrustedFile(const std::string& path, Problems& problems) {
     if (!checkFile(path, writeForOthers, problems))
         return {};
-    const std::size_t before = problems.lines().size();
+    const std::size_t before = problems.all().size();
     std::vector<CertificatePtr> trusted = readObjects<CertificateKind>(path, problems);
     // OpenSSL looks at all there is, and takes nothing at all when it cannot read one. What is refused it must not see.
-    if (problems.lines().size() == before) {
+    if (problems.all().size() == before) {
         if (const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
             X509_STORE_load_file(store.get(), path.c_str()) != 1)
             problems.add(path, "nothing in it is used: " + openSslReasons());

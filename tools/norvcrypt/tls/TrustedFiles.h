@@ -19,12 +19,16 @@ public:
     /// \param days certificates must be valid for so long still
     explicit Problems(unsigned int days) : m_horizon(std::time(nullptr) + std::time_t{days} * 86400) {}
     [[nodiscard]] std::time_t horizon() const { return m_horizon; }
-    void add(const std::string& path, const std::string& problem) { m_lines.push_back(path + ": " + problem); }
-    [[nodiscard]] const std::vector<std::string>& lines() const { return m_lines; }
+    struct Problem {
+        std::string file;
+        std::string reason;
+    };
+    void add(const std::string& path, const std::string& problem) { m_all.push_back({path, problem}); }
+    [[nodiscard]] const std::vector<Problem>& all() const { return m_all; }
 
 private:
     std::time_t m_horizon;
-    std::vector<std::string> m_lines;
+    std::vector<Problem> m_all;
 };
 
 /// False, and reported, when there is no file under that path that this process can read. Reports as well that others

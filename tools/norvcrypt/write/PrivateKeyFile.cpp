@@ -15,7 +15,7 @@ void writePrivateKey(const Norvane::Crypto::RefKey& key, const std::optional<std
     const std::string_view secret = passphrase.value_or("");
     if (!pem || PEM_write_bio_PKCS8PrivateKey(pem.get(), key, cipher, secret.data(), static_cast<int>(secret.size()),
                                               nullptr, nullptr) != 1)
-        throw Failure("cannot encode the private key: " + Norvane::Crypto::getErrString());
+        throw Failure("cannot encode the private key: " + inPlainWords(Norvane::Crypto::getErrString()));
     // OpenSSL wipes its buffer when it goes.
     char* text = nullptr;
     const long length = BIO_get_mem_data(pem.get(), &text);

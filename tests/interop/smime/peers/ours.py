@@ -8,7 +8,7 @@ class Ours(Peer):
     name = "norvcrypt"
 
     def version(self):
-        return self.succeeds([self.setting.ours, "--version"]).decode().split()[-1]
+        return self.succeeds([self.setting.ours, "--version"]).decode().split()[1]
 
     def reason(self, lines):
         return lines[0] if lines else "no reason given"
