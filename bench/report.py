@@ -2,7 +2,7 @@
 """report.py RESULTS NAME: makes of the rounds of a contest, read from standard input, RESULTS/NAME.md (tables), NAME.csv (the
 same in numbers) and a plot NAME-task.svg for each task.
 
-For NAME "sizes" and "counts" the input is that of bench_whole, "task,who,x,round,seconds": a ratio is the time of the bare
+For NAME "sizes", "messages" and "counts" the input is that of bench_whole, "task,who,x,round,seconds": a ratio is the time of the bare
 primitives divided by the contestant's, taken round by round; tables show the median and the quartiles of these. For NAME "memory"
 it is "task,who,x,round,KiB": tables show the median growth over an empty body; for NAME "tool" it is that of tool.py, and the base is
 `openssl cms`.
@@ -148,6 +148,7 @@ def main():
         image = f"{name}-{re.sub('[^a-z0-9]+', '-', task.lower()).strip('-')}.svg"
         axes = {
             "sizes": ['set xlabel "bytes"', 'set ylabel "primitives / contestant, processor time"', "set yrange [0:*]"],
+            "messages": ['set xlabel "bytes"', 'set ylabel "primitives / contestant, processor time"', "set yrange [0:*]"],
             "tool": ['set xlabel "bytes"', 'set ylabel "openssl cms / norvcrypt, processor time"', "set yrange [0:*]"],
             "counts": ['set xlabel "number"', 'set ylabel "microseconds of processor time"', "set logscale y"],
             "memory": ['set xlabel "bytes"', 'set ylabel "MiB above an empty body"', "set logscale y"],

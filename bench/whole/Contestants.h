@@ -8,6 +8,10 @@
 /// with definite lengths), "open BER" (one in segments of 4096 bytes), "open authenticated" (AuthEnvelopedData), "sign attached",
 /// "verify attached". Over numbers, with a body of 1 KB: "envelope for recipients", "open as last of recipients", "sign with
 /// certificates", "verify among certificates", "verify signers", "read list of entries".
+///
+/// The tasks over whole messages (Messages.cpp), for which x is the size of the mail that is signed or encrypted: "sign a message"
+/// (multipart/signed), "sign a message opaquely", "encrypt a message", "sign and encrypt a message", "verify a message", "verify
+/// an opaque message", "decrypt a message", "decrypt and verify a message".
 
 #include "Contest.h"
 #include "Material.h"
@@ -17,6 +21,7 @@ namespace bench {
 void addPrimitives(Contest& contest, const Material& material);
 void addOurs(Contest& contest, const Material& material);
 void addStreams(Contest& contest, const Material& material);
+void addMessages(Contest& contest, const Material& material);
 void addOpensslStructures(Contest& contest, const Material& material);
 void addBotan(Contest& contest, const Material& material);
 void addNss(Contest& contest, const Material& material);

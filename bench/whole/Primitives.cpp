@@ -139,6 +139,80 @@ Run verifier(const Material& material, std::size_t size, std::size_t signers) {
     };
 }
 
+using EncodingPtr = std::unique_ptr<EVP_ENCODE_CTX, With<EVP_ENCODE_CTX_free>>;
+
+/// The letters of so many octets, in OpenSSL's lines of 64, or back.
+void base64(const Bytes& bytes, std::size_t size, bool encode) {
+    static unsigned char letters[2 * piece];
+    const EncodingPtr context(EVP_ENCODE_CTX_new());
+    int count = 0;
+    encode ? EVP_EncodeInit(context.get()) : EVP_DecodeInit(context.get());
+    inPieces(bytes, size, [&](const unsigned char* data, unsigned int length) {
+        const int done = encode ? EVP_EncodeUpdate(context.get(), letters, &count, data, static_cast<int>(length))
+                                : EVP_DecodeUpdate(context.get(), letters, &count, data, static_cast<int>(length));
+        require(done >= 0, "no base64");
+        keep(letters);
+    });
+}
+
+std::shared_ptr<Bytes> lettersOf(std::size_t size) {
+    const auto letters = std::make_shared<Bytes>(size / 3 * 4 + size / 48 + 100);
+    const EncodingPtr context(EVP_ENCODE_CTX_new());
+    int first = 0;
+    int last = 0;
+    EVP_EncodeInit(context.get());
+    EVP_EncodeUpdate(context.get(), letters->data(), &first, body(size).data(), static_cast<int>(size));
+    EVP_EncodeFinal(context.get(), letters->data() + first, &last);
+    letters->resize(static_cast<std::size_t>(first + last));
+    return letters;
+}
+
+Run both(Run first, Run second) {
+    return [first = std::move(first), second = std::move(second)] {
+        first();
+        second();
+    };
+}
+
+Run signer(const Material& material, std::size_t size) {
+    return [&material, size] {
+        unsigned char digested[EVP_MAX_MD_SIZE];
+        digest(body(size), size, digested);
+        sign(material.key.get(), digested);
+    };
+}
+
+Run encoder(std::size_t size) {
+    return [size] { base64(body(size), size, true); };
+}
+
+Run decoder(std::size_t size) {
+    return [letters = lettersOf(size)] { base64(*letters, letters->size(), false); };
+}
+
+/// What a message is made of: base64 is among it where the body travels within a structure.
+void addMessagePrimitives(Contest& contest, const Material& material) {
+    constexpr const char* who = "primitives";
+    const auto add = [&](const char* task, auto make) {
+        contest.add(task, who, [make](std::size_t size) -> Run { return make(size); });
+    };
+    const auto opened = [&material](std::size_t size) { return opener(material, size, EVP_aes_256_cbc(), false); };
+    add("sign a message", [&material](std::size_t size) { return signer(material, size); });
+    add("sign a message opaquely",
+        [&material](std::size_t size) { return both(signer(material, size), encoder(size)); });
+    add("encrypt a message", [&material](std::size_t size) { return both(wrapper(material, size, 1), encoder(size)); });
+    add("sign and encrypt a message", [&material](std::size_t size) {
+        return both(signer(material, size), both(wrapper(material, size, 1), encoder(size)));
+    });
+    add("verify a message", [&material](std::size_t size) { return verifier(material, size, 1); });
+    add("verify an opaque message",
+        [&material](std::size_t size) { return both(verifier(material, size, 1), decoder(size)); });
+    add("decrypt a message", [opened](std::size_t size) { return both(decoder(size), opened(size)); });
+    add("decrypt and verify a message", [&material, opened](std::size_t size) {
+        return both(both(decoder(size), opened(size)), verifier(material, size, 1));
+    });
+}
+
 } // namespace
 
 void addPrimitives(Contest& contest, const Material& material) {
@@ -215,6 +289,7 @@ void addPrimitives(Contest& contest, const Material& material) {
         };
     });
     contest.add("verify signers", who, [&material](std::size_t count) { return verifier(material, 1024, count); });
+    addMessagePrimitives(contest, material);
 }
 
 } // namespace bench

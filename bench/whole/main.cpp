@@ -18,11 +18,13 @@ constexpr std::size_t megabyte = 1U << 20U;
 
 int main(int argc, char** argv) try {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts] [--who=WHO] [--at=X] [FILTER]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts|--messages] [--who=WHO] [--at=X] [FILTER]\n",
+                     argv[0]);
         return 2;
     }
     bool quick = false;
     bool counts = false;
+    bool messages = false;
     const char* filter = "";
     std::string who;
     std::size_t at = 0;
@@ -30,6 +32,7 @@ int main(int argc, char** argv) try {
         const std::string_view word = argv[i];
         quick = quick || word == "--quick";
         counts = counts || word == "--counts";
+        messages = messages || word == "--messages";
         who = word.starts_with("--who=") ? std::string(word.substr(6)) : who;
         at = word.starts_with("--at=") ? std::strtoull(argv[i] + 5, nullptr, 10) : at;
         filter = word.substr(0, 2) == "--" ? filter : argv[i];
@@ -46,6 +49,14 @@ int main(int argc, char** argv) try {
         }
         contest.over("read list of entries", quick ? std::vector<std::size_t>{10, 1000}
                                                    : std::vector<std::size_t>{10, 100, 1000, 10000, 100000});
+    } else if (messages) {
+        const std::vector<std::size_t> sizes = quick ? std::vector<std::size_t>{4 * kilobyte, megabyte}
+                                                     : std::vector<std::size_t>{4 * kilobyte, megabyte, 64 * megabyte};
+        for (const char* task :
+             {"sign a message", "sign a message opaquely", "encrypt a message", "sign and encrypt a message",
+              "verify a message", "verify an opaque message", "decrypt a message", "decrypt and verify a message"}) {
+            contest.over(task, sizes);
+        }
     } else {
         const std::vector<std::size_t> sizes =
             quick ? std::vector<std::size_t>{kilobyte, megabyte}
@@ -58,6 +69,7 @@ int main(int argc, char** argv) try {
     bench::addPrimitives(contest, material);
     bench::addOurs(contest, material);
     bench::addStreams(contest, material);
+    bench::addMessages(contest, material);
     bench::addOpensslStructures(contest, material);
 #ifdef NORV_BENCH_BOTAN
     bench::addBotan(contest, material);

@@ -2,10 +2,13 @@
 // scripts/memory-curve. Bodies are made on the way; what readers read comes through a pipe from a child process, whose memory
 // does not count.
 #include "Contest.h"
+#include "Mails.h"
 #include "Material.h"
 #include "OurMedia.h"
 
 #include <norvcmsg/File.h>
+#include <norvcrypto-smime/SMimeReader.h>
+#include <norvcrypto-smime/SMimeWriter.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
 #include <norvcrypto/CMSEnvelopeReader.h>
 #include <norvcrypto/CMSEnvelopeWriter.h>
@@ -109,7 +112,7 @@ struct Work {
 constexpr std::uint64_t any = ~UINT64_C(0);
 constexpr std::uint64_t inMemory = UINT64_C(512) << 20U; ///< for those who hold it
 
-std::vector<Work> works(const Material& material) {
+std::vector<Work> parts(const Material& material) {
     using Encoding = CMS::EnvelopeEncoding;
     using Content = CMS::SignedWriter::Content;
     constexpr auto cbc = CMS::ContentCipher::aes256Cbc;
@@ -182,6 +185,102 @@ std::vector<Work> works(const Material& material) {
         {"open", "EnvelopeReader", any, [open, cbc](std::uint64_t size) { open(size, cbc); }},
         {"open", "EnvelopeReader, authenticated", any, [open, gcm](std::uint64_t size) { open(size, gcm); }},
     };
+}
+
+/// A mail in a file that is nowhere: it can be read again.
+class MailIn : public MediaInImpl {
+public:
+    explicit MailIn(std::uint64_t size) : m_mail(size) {}
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_position == m_mail.length(); }
+    [[nodiscard]] int peek() const override {
+        return atEnd() ? -1 : static_cast<unsigned char>(m_mail.at(m_position).front());
+    }
+    int read(unsigned char* out, unsigned int length) override {
+        unsigned int done = 0;
+        while (done != length && !atEnd()) {
+            const auto count = static_cast<unsigned int>(
+                m_mail.at(m_position).copy(reinterpret_cast<char*>(out) + done, length - done));
+            done += count;
+            m_position += count;
+        }
+        return static_cast<int>(done);
+    }
+    [[nodiscard]] unsigned long tell() const override { return m_position; }
+    void setpos(unsigned long position) override { m_position = position; }
+
+private:
+    Mail m_mail;
+    std::uint64_t m_position = 0;
+};
+
+constexpr const char* spillTemplate = "/var/tmp/bench-XXXXXX"; // not in memory, as /tmp may be
+
+void wrapMail(const MediaIn& mail, const std::vector<SMime::Wrapping>& shells, MediaOut& out) {
+    SMime::WriteOptions how;
+    how.spillTemplate = spillTemplate;
+    SMime::wrap(mail, shells, out, how);
+}
+
+/// Whole messages: what is written comes through a pipe, so that a copy of it has to be kept for the second look.
+std::vector<Work> messages(const Material& material) {
+    SMime::SignOptions clear;
+    clear.signers.emplace_back(material.pair());
+    SMime::SignOptions opaque = clear;
+    opaque.form = SMime::SigningForm::opaque;
+    SMime::EncryptOptions encrypting;
+    encrypting.certificates.push_back(material.pair()->certificate);
+    struct Kind {
+        const char* writing;
+        const char* reading;
+        std::vector<SMime::Wrapping> shells;
+        SMime::Verdict verdict;
+    };
+    const std::vector<Kind> kinds{
+        {"sign", "verify", {clear}, SMime::Verdict::signatureGood},
+        {"sign opaquely", "verify, opaque", {opaque}, SMime::Verdict::signatureGood},
+        {"encrypt", "decrypt", {encrypting}, SMime::Verdict::decrypted},
+        {"sign and encrypt", "decrypt and verify", {clear, encrypting}, SMime::Verdict::signatureGood},
+    };
+    std::vector<Work> works;
+    for (const Kind& kind : kinds) {
+        works.push_back({"write a message", kind.writing, any, [shells = kind.shells](std::uint64_t size) {
+                             const Piped mail([size](MediaOut& out) {
+                                 writeMail(Mail(size), [&out](std::string_view part) {
+                                     out.write(reinterpret_cast<const unsigned char*>(part.data()),
+                                               static_cast<unsigned int>(part.size()));
+                                 });
+                                 out.end();
+                             });
+                             NullMediaOut target;
+                             wrapMail(mail.in(), shells, target);
+                             require(target.tell() >= size, "not written");
+                         }});
+    }
+    for (const Kind& kind : kinds) {
+        works.push_back({"read a message", kind.reading, any, [&material, kind](std::uint64_t size) {
+                             const Piped message([size, &kind](MediaOut& out) {
+                                 wrapMail(MediaIn(makeReference<MailIn, MediaInImpl>(size)), kind.shells, out);
+                             });
+                             const CMS::KeyStoreLookup keys(material.store());
+                             SMime::ReadOptions options;
+                             options.keys = &keys;
+                             options.spillTemplate = spillTemplate;
+                             NullMediaOut target;
+                             const SMime::Answer answer = SMime::read(message.in(), target, options);
+                             require(answer.verdict == kind.verdict && target.tell() + 512 >= size,
+                                     answer.detail.c_str());
+                         }});
+    }
+    return works;
+}
+
+std::vector<Work> works(const Material& material) {
+    std::vector<Work> all = parts(material);
+    for (Work& work : messages(material)) {
+        all.push_back(std::move(work));
+    }
+    return all;
 }
 
 } // namespace

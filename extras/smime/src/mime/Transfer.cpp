@@ -158,23 +158,24 @@ DecodingMediaOut::DecodingMediaOut(const MediaOut& target, Transfer transfer)
 DecodingMediaOut::~DecodingMediaOut() = default;
 
 void LineEndCounter::update(std::string_view piece) noexcept {
-    for (std::size_t at = 0; at < piece.size();) {
-        if (m_afterCr) {
-            ++(piece[at] == '\n' ? m_counted.crLf : m_counted.bareCr);
-            m_afterCr = false;
-            if (piece[at] == '\n') {
-                ++at;
-                continue;
-            }
-        }
-        const std::size_t next = piece.find_first_of("\r\n", at);
-        if (next == std::string_view::npos)
+    if (m_afterCr && !piece.empty()) {
+        m_afterCr = false;
+        ++(piece.front() == '\n' ? m_counted.crLf : m_counted.bareCr);
+        piece.remove_prefix(piece.front() == '\n' ? 1 : 0);
+    }
+    while (!piece.empty()) {
+        const std::size_t end = piece.find('\n');
+        std::string_view line = piece.substr(0, end);
+        const bool endsInCr = line.ends_with('\r');
+        line.remove_suffix(endsInCr ? 1 : 0);
+        for (std::size_t cr = line.find('\r'); cr != std::string_view::npos; cr = line.find('\r', cr + 1))
+            ++m_counted.bareCr;
+        if (end == std::string_view::npos) {
+            m_afterCr = endsInCr;
             return;
-        if (piece[next] == '\n')
-            ++m_counted.bareLf;
-        else
-            m_afterCr = true;
-        at = next + 1;
+        }
+        ++(endsInCr ? m_counted.crLf : m_counted.bareLf);
+        piece.remove_prefix(end + 1);
     }
 }
 

@@ -1,6 +1,6 @@
 #include "write/Filters.h"
 
-#include <gmime/gmime-encodings.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <array>
@@ -67,20 +67,22 @@ protected:
                 }
                 gathered() += m_loneReturn;
             }
-            const auto* const special =
-                std::find_if(piece.begin(), piece.end(), [](char byte) { return byte == '\r' || byte == '\n'; });
-            const auto plain = static_cast<std::size_t>(special - piece.begin());
-            gathered().append(piece.substr(0, plain));
-            piece.remove_prefix(plain);
-            if (piece.empty()) {
+            const std::size_t end = piece.find('\n');
+            std::string_view line = piece.substr(0, end);
+            // A last one may belong to the line end.
+            for (std::size_t cr = line.find('\r'); cr != std::string_view::npos && cr + 1 != line.size();
+                 cr = line.find('\r')) {
+                gathered().append(line.substr(0, cr)).append(m_loneReturn);
+                line.remove_prefix(cr + 1);
+            }
+            const bool endsInReturn = line.ends_with('\r');
+            gathered().append(line.substr(0, line.size() - (endsInReturn ? 1 : 0)));
+            if (end == std::string_view::npos) {
+                m_afterReturn = endsInReturn;
                 return;
             }
-            if (piece.front() == '\r') {
-                m_afterReturn = true;
-            } else {
-                gathered() += "\r\n";
-            }
-            piece.remove_prefix(1);
+            gathered() += "\r\n";
+            piece.remove_prefix(end + 1);
         }
     }
     void finish() override {
@@ -101,14 +103,23 @@ public:
 
 protected:
     void take(std::string_view piece) override {
-        for (const char byte : piece) {
-            if (m_afterReturn && byte != '\n') {
+        if (m_afterReturn && !piece.empty()) {
+            m_afterReturn = false;
+            if (piece.front() != '\n') {
                 gathered() += '\r';
             }
-            m_afterReturn = byte == '\r';
-            if (!m_afterReturn) {
-                gathered() += byte;
+        }
+        while (!piece.empty()) {
+            const std::size_t end = piece.find('\n');
+            const std::string_view line = piece.substr(0, end);
+            const bool endsInReturn = line.ends_with('\r');
+            gathered().append(line.substr(0, line.size() - (endsInReturn ? 1 : 0)));
+            if (end == std::string_view::npos) {
+                m_afterReturn = endsInReturn;
+                return;
             }
+            gathered() += '\n';
+            piece.remove_prefix(end + 1);
         }
     }
     void finish() override {
@@ -122,38 +133,42 @@ private:
     bool m_afterReturn = false;
 };
 
-/// GMime makes the letters; its own lines have LF at their ends, so each line is given to it by itself.
 class Base64Impl : public GatheringImpl {
 public:
     using GatheringImpl::GatheringImpl;
 
 protected:
     void take(std::string_view piece) override {
-        while (!piece.empty()) {
+        if (m_held != 0) {
             const std::size_t count = std::min(piece.size(), m_line.size() - m_held);
             piece.copy(m_line.data() + m_held, count);
             m_held += count;
             piece.remove_prefix(count);
-            if (m_held == m_line.size()) {
-                writeLine();
+            if (m_held < m_line.size()) {
+                return;
             }
+            writeLine({m_line.data(), m_held});
         }
+        for (; piece.size() >= m_line.size(); piece.remove_prefix(m_line.size())) {
+            writeLine(piece.substr(0, m_line.size()));
+        }
+        m_held = piece.copy(m_line.data(), piece.size());
     }
     void finish() override {
         if (m_held != 0) {
-            writeLine();
+            writeLine({m_line.data(), m_held});
+            m_held = 0;
         }
     }
 
 private:
-    void writeLine() {
-        std::array<char, GMIME_BASE64_ENCODE_LEN(base64LineLength)> letters{};
-        GMimeEncoding encoding{};
-        g_mime_encoding_init_encode(&encoding, GMIME_CONTENT_ENCODING_BASE64);
-        std::size_t count = g_mime_encoding_flush(&encoding, m_line.data(), m_held, letters.data());
-        count = static_cast<std::size_t>(std::remove(letters.begin(), letters.begin() + count, '\n') - letters.begin());
-        gathered().append(letters.data(), count).append("\r\n");
-        m_held = 0;
+    void writeLine(std::string_view octets) {
+        std::array<unsigned char, base64LineLength + 1> letters{}; // and a NUL
+        const int count = EVP_EncodeBlock(letters.data(), reinterpret_cast<const unsigned char*>(octets.data()),
+                                          static_cast<int>(octets.size()));
+        gathered()
+            .append(reinterpret_cast<const char*>(letters.data()), static_cast<std::size_t>(count))
+            .append("\r\n");
     }
 
     std::array<char, base64LineLength / 4 * 3> m_line{};

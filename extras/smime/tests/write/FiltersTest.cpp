@@ -77,6 +77,50 @@ TEST(SmimeFiltersTest, MakesOneKindOfLineEndOfAll) {
     EXPECT_EQ(through(lineFeeds, "a\r\nb\rc\r\r\n\nd\r"), "a\nb\rc\r\n\nd\r");
 }
 
+/// All texts of up to six of these bytes.
+std::vector<std::string> textsOf(std::string_view bytes) {
+    std::vector<std::string> texts{""};
+    for (std::size_t at = 0; texts[at].size() < 6; ++at) {
+        for (const char byte : bytes) {
+            texts.push_back(texts[at] + byte);
+        }
+    }
+    return texts;
+}
+
+TEST(SmimeFiltersTest, TakesEndsOfLinesInAnyOrder) {
+    for (const std::string& text : textsOf("\r\na")) {
+        std::string returnsAreData;
+        std::string returnsEndLines;
+        std::string feeds;
+        mime::LineEnds ends;
+        for (std::size_t at = 0; at < text.size(); ++at) {
+            const bool isReturn = text[at] == '\r';
+            const bool isPair = text.substr(at, 2) == "\r\n";
+            const bool isEnd = isPair || text[at] == '\n';
+            returnsAreData += isEnd ? "\r\n" : text.substr(at, 1);
+            returnsEndLines += isEnd || isReturn ? "\r\n" : text.substr(at, 1);
+            feeds += isEnd ? "\n" : text.substr(at, 1);
+            ends.crLf += isPair ? 1 : 0;
+            ends.bareCr += isReturn && !isPair ? 1 : 0;
+            ends.bareLf += isEnd && !isPair ? 1 : 0;
+            at += isPair ? 1 : 0;
+        }
+        EXPECT_EQ(through(canonical(LoneReturn::data), text), returnsAreData);
+        EXPECT_EQ(through(canonical(LoneReturn::lineEnd), text), returnsEndLines);
+        EXPECT_EQ(through(lineFeeds, text), feeds);
+        for (const std::size_t cut : {0, 1, 3}) {
+            mime::LineEndCounter counter;
+            counter.update(std::string_view(text).substr(0, cut));
+            counter.update(std::string_view(text).substr(std::min(cut, text.size())));
+            const mime::LineEnds counted = counter.counted();
+            EXPECT_EQ(counted.crLf, ends.crLf);
+            EXPECT_EQ(counted.bareCr, ends.bareCr);
+            EXPECT_EQ(counted.bareLf, ends.bareLf);
+        }
+    }
+}
+
 TEST(SmimeFiltersTest, WritesBase64InLinesOfSeventySix) {
     EXPECT_EQ(through(base64Lines, ""), "");
     EXPECT_EQ(through(base64Lines, "any carnal pleas"), "YW55IGNhcm5hbCBwbGVhcw==\r\n"); // RFC 4648 has the alphabet
@@ -187,6 +231,34 @@ TEST(SmimeTextTraitsTest, KnowsWhatArrivesAsItIsSent) {
     }
     EXPECT_TRUE(traitsOf(std::string(990, 'x') + "\r\n" + std::string(990, 'x')).isRelayProof());
     EXPECT_EQ(traitsOf("ab\r\nabc\ra\n").longestLine(), 5U);
+}
+
+/// Runs of letters are looked at together: what stands among them, wherever, is found.
+TEST(SmimeTextTraitsTest, MissesNothingAmongLetters) {
+    for (std::size_t at = 0; at != 80; ++at) {
+        for (const char byte : {'\0', '\x01', '\x7f', '\x80', '\xff', '\r', '\n', '\t', ' '}) {
+            std::string text(80, 'a');
+            text[at] = byte;
+            TextTraits whole;
+            whole.see(text);
+            whole.end();
+            TextTraits single;
+            for (const char one : text) {
+                single.see({&one, 1});
+            }
+            single.end();
+            EXPECT_EQ(whole, single) << at;
+            const bool isHigh = static_cast<unsigned char>(byte) >= 0x80;
+            EXPECT_EQ(whole.eightBit(), isHigh ? 1U : 0U);
+            EXPECT_EQ(whole.zeros(), byte == '\0' ? 1U : 0U);
+            EXPECT_EQ(whole.loneReturns(), byte == '\r' ? 1U : 0U);
+            EXPECT_EQ(whole.controls(), byte == '\0' || byte == '\x01' || byte == '\x7f' || byte == '\r' ? 1U : 0U);
+            EXPECT_EQ(whole.longestLine(), byte == '\n' ? std::max(at, 79 - at) : 80U);
+            EXPECT_EQ(whole.isUtf8(), !isHigh);
+            EXPECT_EQ(whole.isRelayProof(),
+                      !isHigh && byte != '\0' && byte != '\r' && !(at == 79 && (byte == ' ' || byte == '\t')));
+        }
+    }
 }
 
 TEST(SmimeTextTraitsTest, TellsUtf8FromOtherText) {
