@@ -106,7 +106,7 @@ TEST(ConfigFile, EachErrorHasItsLineAndKey) {
         {least + "[[outgoing.rule]]\nname = \"a\"\n[[outgoing.rule]]\nname = \"a\"\n",
          "m.toml:7: outgoing.rule.name: another rule has this name"},
         {least + "[outgoing]\nsubmit = \"smtp://me@host:25/x\"\n",
-         "m.toml:5: outgoing.submit: the port is a number from 1 to 65535"},
+         "m.toml:5: outgoing.submit: the host is a name or an address, IPv6 in brackets"},
         {least + "[learn]\nenabled = true\n", "m.toml:5: learn.enabled: learn.folder says where; it is missing\n"
                                               "m.toml:5: learn.enabled: nobody is trusted without trust.anchors"},
         {least + "[incoming]\nrefuse = [\"none\"]\n",

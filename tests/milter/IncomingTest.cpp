@@ -318,15 +318,16 @@ TEST_F(Incoming, OnlyOneOfBothIsWanted) {
 
 /// Names in certificates go into the header.
 TEST_F(Incoming, NamesOfStrangers) {
-    const std::string evil = "x\r\nX-Injected: yes\r\n\r\nbody\"; dkim=pass (\xff" + std::string(1, '\0') + "\\";
+    const std::string evil = "x\r\nX-Injected: yes\r\n\r\nbody\"; dkim=pass (\xc3\xa4" + std::string(1, '\0') + "\\";
+    const std::string bytes = evil + "\xff\x80";
     const Identity ca = norvauthority::issue({.subject = {{"CN", evil}, {"O", std::string(5000, 'o')}},
                                               .key = norvauthority::Key::fromPem(norvtest::storedKeyPem("carol")),
                                               .ca = true});
     const Identity who = person("x", "alice",
-                                {.subject = {{"CN", evil}, {"emailAddress", evil, 22}},
+                                {.subject = {{"CN", evil}, {"emailAddress", bytes, 22}},
                                  .issuer = &ca,
                                  .serial = std::string(400, '7'),
-                                 .alternativeNames = {norvauthority::GeneralName::email(evil + "@a.example")}});
+                                 .alternativeNames = {norvauthority::GeneralName::email(bytes + "@a.example")}});
     const Message message = messageOf(wrapped(plain, {signedBy(who)}));
     const Outcome outcome = handled(message, "client_headers = true\n");
     const Delivered got = delivered(message, outcome);

@@ -66,7 +66,7 @@ TEST_F(LearningFromMail, IsLearntUsedListedAndRevoked) {
     EXPECT_TRUE(list().front().revoked);
     // At once, without loading anything anew.
     EXPECT_EQ(engine.handle(message, Deadline()).action, Action::reject);
-    EXPECT_EQ(received(engine, mail).told("learned"), "");
+    EXPECT_EQ(received(engine, mail).told("learned"), "revoked");
     m_world.stores().reload();
     EXPECT_EQ(m_world.stores().learnt()->size(), 0U);
     EXPECT_EQ(received(engine, mail).told("learned"), "revoked");
