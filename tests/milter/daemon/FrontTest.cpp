@@ -222,7 +222,8 @@ TEST(MilterFront, RepliesGoOutAsTheyAre) {
         asking.negotiate();
         asking.connect();
         asking.message();
-        return std::pair(asking.end(), lastCall(asking));
+        const sfsistat status = asking.end();
+        return std::pair(status, lastCall(asking));
     };
     EXPECT_EQ(std::pair(SMFIS_REJECT, std::string("setreply 550 5.7.1 no certificate for b@b.example")),
               answered(550, "no certificate for b@b.example"));
@@ -370,6 +371,7 @@ TEST(MilterFront, SubmissionsComeBeforeTheAnswer) {
     EXPECT_EQ("delrcpt <c@c.example>", lastCall(asking));
 
     // All of them elsewhere: nothing is left to deliver.
+    asking.context.calls.clear();
     outcome.removeRecipients = {"b@b.example"};
     asking.message();
     EXPECT_EQ(SMFIS_DISCARD, asking.end());

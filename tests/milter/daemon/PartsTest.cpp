@@ -69,7 +69,7 @@ TEST(MilterLog, Lines) {
     EXPECT_EQ("a=\"b=c\"", logField("a", "b=c"));
     EXPECT_EQ("a=\"\\\"\\\\\"", logField("a", "\"\\"));
     EXPECT_EQ("a=\"\\x0A\\x1B\\xFF\"", logField("a", "\n\x1B\xFF"));
-    EXPECT_EQ(1000U + 8, logField("a", std::string(5000, 'x')).size());
+    EXPECT_EQ(1000U + std::string("a=\"...\"").size(), logField("a", std::string(5000, 'x')).size());
     EXPECT_EQ("level=error event=e a=1 b=2", logLine(LogLevel::error, "e", {{"a", "1"}, {"b", "2"}}));
 }
 

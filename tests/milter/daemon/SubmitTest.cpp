@@ -68,7 +68,7 @@ TEST(MilterSubmit, DotsAndLineEnds) {
     EXPECT_EQ("X: 1\r\n\r\nno end\r\n", sent("X: 1\r\n\r\nno end"));
     // A line feed alone in front of a dot ends a message for some servers and is text for others.
     EXPECT_EQ("X: 1\r\n\r\na\r\n..\r\nb\r\n", sent("X: 1\r\n\r\na\n.\r\nb\r\n"));
-    EXPECT_EQ("", sent("").substr(2));
+    EXPECT_EQ("", sent(""));
     // Around the places where the content is cut into pieces.
     for (const std::size_t length : {16381UL, 16382UL, 16383UL, 16384UL, 16385UL}) {
         const std::string line(length, 'x');

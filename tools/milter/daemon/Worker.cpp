@@ -240,7 +240,9 @@ private:
 } // namespace
 
 int runWorker(const WorkerOptions& options, const Channel& channel, unsigned long restarts) {
+    // What cannot be written is an error where it is written, and not the end of all messages.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         // Before any thread is there.
         confine(Config::load(options.config).limits.memoryBytes);
