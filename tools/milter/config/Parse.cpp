@@ -27,7 +27,7 @@ public:
     Reader(const toml::table& table, const std::string& path)
         : m_problems(path),
           m_folder(std::filesystem::path(path).parent_path()),
-          m_root(m_problems, table, "") {
+          m_root(m_problems, &table, 1, "") {
         m_config.path = path;
     }
 
@@ -285,7 +285,8 @@ Config Config::parse(std::string_view text, const std::string& path) {
         table = toml::parse(text, path);
     } catch (const toml::parse_error& failure) {
         Problems problems(path);
-        problems.add(failure.source(), "", Norvane::escapeForDisplay(failure.description()));
+        problems.add(static_cast<unsigned int>(failure.source().begin.line), "",
+                     Norvane::escapeForDisplay(failure.description()));
         problems.throwIfAny();
     }
     return Reader(table, path).read();

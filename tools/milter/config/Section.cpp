@@ -10,6 +10,10 @@ namespace norvmilter {
 
 namespace {
 
+unsigned int lineOf(const toml::node& node) {
+    return static_cast<unsigned int>(node.source().begin.line);
+}
+
 const char* typeOf(const toml::node& node) {
     if (node.is_string())
         return "a text";
@@ -32,10 +36,6 @@ void Problems::add(unsigned int line, const std::string& key, const std::string&
     m_lines.emplace_back(line, where + named + what);
 }
 
-void Problems::add(const toml::source_region& where, const std::string& key, const std::string& what) {
-    add(static_cast<unsigned int>(where.begin.line), key, what);
-}
-
 void Problems::throwIfAny() {
     if (m_lines.empty())
         return;
@@ -46,13 +46,14 @@ void Problems::throwIfAny() {
     throw ConfigError(text);
 }
 
-Section::Section(Problems& problems, const toml::table& table, std::string name)
+Section::Section(Problems& problems, const toml::table* table, unsigned int line, std::string name)
     : m_problems(&problems),
       m_table(table),
+      m_line(line),
       m_name(std::move(name)) {}
 
-unsigned int Section::line() const {
-    return static_cast<unsigned int>(m_table.source().begin.line);
+const toml::node* Section::find(std::string_view key) const {
+    return m_table == nullptr ? nullptr : m_table->get(key);
 }
 
 std::string Section::nameOf(std::string_view key) const {
@@ -60,17 +61,17 @@ std::string Section::nameOf(std::string_view key) const {
 }
 
 void Section::problem(std::string_view key, const std::string& what) {
-    const toml::node* const node = m_table.get(key);
-    m_problems->add(node == nullptr ? m_table.source() : node->source(), nameOf(key), what);
+    const toml::node* const node = find(key);
+    m_problems->add(node == nullptr ? m_line : lineOf(*node), nameOf(key), what);
 }
 
 const toml::node* Section::take(std::string_view key) {
     m_asked.emplace_back(key);
-    return m_table.get(key);
+    return find(key);
 }
 
 bool Section::isRead(std::string_view key) const {
-    const toml::node* const node = m_table.get(key);
+    const toml::node* const node = find(key);
     return node != nullptr && node->is_string();
 }
 
@@ -120,7 +121,7 @@ void Section::read(std::string_view key, std::vector<std::string>& into) {
         if (entry.is_string() && entry.as_string()->get().find('\0') == std::string::npos)
             into.push_back(entry.as_string()->get());
         else
-            m_problems->add(entry.source(), nameOf(key), std::string("a text is wanted, not ") + typeOf(entry));
+            m_problems->add(lineOf(entry), nameOf(key), std::string("a text is wanted, not ") + typeOf(entry));
     }
 }
 
@@ -139,7 +140,7 @@ std::int64_t Section::number(std::string_view key, std::int64_t unset, std::int6
 }
 
 void Section::need(std::string_view key) {
-    const toml::node* const node = m_table.get(key);
+    const toml::node* const node = find(key);
     if (node == nullptr || (node->is_string() && node->as_string()->get().empty()))
         problem(key, "it is missing, and nothing can take its place");
 }
@@ -148,7 +149,8 @@ Section Section::section(std::string_view key) {
     const toml::node* const node = take(key);
     if (node != nullptr && !node->is_table())
         problem(key, std::string("a table is wanted, not ") + typeOf(*node));
-    return {*m_problems, node != nullptr && node->is_table() ? *node->as_table() : toml::table(), nameOf(key)};
+    const toml::table* const table = node == nullptr ? nullptr : node->as_table();
+    return {*m_problems, table, node == nullptr ? m_line : lineOf(*node), nameOf(key)};
 }
 
 std::vector<Section> Section::sections(std::string_view key) {
@@ -162,17 +164,20 @@ std::vector<Section> Section::sections(std::string_view key) {
     }
     for (const toml::node& entry : *node->as_array()) {
         if (entry.is_table())
-            found.emplace_back(*m_problems, *entry.as_table(), nameOf(key));
+            found.emplace_back(*m_problems, entry.as_table(), lineOf(entry), nameOf(key));
         else
-            m_problems->add(entry.source(), nameOf(key), std::string("a table is wanted, not ") + typeOf(entry));
+            m_problems->add(lineOf(entry), nameOf(key), std::string("a table is wanted, not ") + typeOf(entry));
     }
     return found;
 }
 
 void Section::finish() {
-    for (const auto& [key, node] : m_table) {
+    if (m_table == nullptr)
+        return;
+    for (const auto& [key, node] : *m_table) {
         if (std::ranges::find(m_asked, key.str()) == m_asked.end())
-            m_problems->add(key.source(), nameOf(key.str()), "there is no such key");
+            m_problems->add(static_cast<unsigned int>(key.source().begin.line), nameOf(key.str()),
+                            "there is no such key");
     }
 }
 

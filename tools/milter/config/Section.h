@@ -21,7 +21,6 @@ namespace norvmilter {
 class Problems {
 public:
     explicit Problems(std::string path) : m_path(std::move(path)) {}
-    void add(const toml::source_region& where, const std::string& key, const std::string& what);
     void add(unsigned int line, const std::string& key, const std::string& what);
     /// \throws ConfigError when there is any
     void throwIfAny();
@@ -34,11 +33,13 @@ private:
 /// A table. Members keep what they are where the key is missing or wrong.
 class Section {
 public:
-    /// \param name "outgoing.rule"; empty for the whole file
-    Section(Problems& problems, const toml::table& table, std::string name);
+    /// \param table borrowed; null is one without keys
+    /// \param line  where it begins, or what it is missing in
+    /// \param name  "outgoing.rule"; empty for the whole file
+    Section(Problems& problems, const toml::table* table, unsigned int line, std::string name);
 
-    [[nodiscard]] unsigned int line() const;
-    [[nodiscard]] bool has(std::string_view key) const { return m_table.contains(key); }
+    [[nodiscard]] unsigned int line() const noexcept { return m_line; }
+    [[nodiscard]] bool has(std::string_view key) const { return find(key) != nullptr; }
     /// Tells that something is wrong with a key, which may be missing.
     void problem(std::string_view key, const std::string& what);
 
@@ -77,6 +78,7 @@ public:
 
 private:
     [[nodiscard]] std::int64_t number(std::string_view key, std::int64_t unset, std::int64_t least, std::int64_t most);
+    [[nodiscard]] const toml::node* find(std::string_view key) const;
     [[nodiscard]] const toml::node* take(std::string_view key);
     [[nodiscard]] std::string nameOf(std::string_view key) const;
     /// Whether there is a text under this key.
@@ -84,7 +86,8 @@ private:
     [[nodiscard]] static std::string notAmong(const std::string& text, const std::vector<std::string>& names);
 
     Problems* m_problems;
-    toml::table m_table;
+    const toml::table* m_table;
+    unsigned int m_line;
     std::string m_name;
     std::vector<std::string> m_asked;
 };

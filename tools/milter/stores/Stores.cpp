@@ -18,12 +18,22 @@ struct Stores::Places {
 
 namespace {
 
+/// What a failure says to people: its texts.
+std::string reasonOf(const Norvane::Exception& failure) {
+    std::string reason;
+    for (const Norvane::Exception::Parameter& parameter : failure.parameters()) {
+        if (const auto* text = std::get_if<std::string>(&parameter))
+            reason.append(reason.empty() ? "" : ": ").append(Norvane::escapeForDisplay(*text));
+    }
+    return reason.empty() ? failure.asString() : reason;
+}
+
 /// Runs one step of loading; what cannot be loaded now may be there later.
 template <class Work> void load(Work work) {
     try {
         work();
     } catch (const Norvane::Exception& failure) {
-        throw Temporary(failure.asString());
+        throw Temporary(reasonOf(failure));
     }
 }
 
