@@ -313,6 +313,21 @@ TEST(MilterSupervisor, TellsTheWorkerOfSignals) {
     EXPECT_EQ(0, supervised.end());
 }
 
+TEST(MilterSupervisor, AReloadThatIsAskedForWhileTheWorkerStartsIsNotForgotten) {
+    Supervised supervised(
+        [](const Channel& channel, unsigned long) {
+            say("has read\n");
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            return obedient(channel, [](const std::string& text) { say(text + '\n'); });
+        },
+        quick());
+    supervised.wait("has read");
+    supervised.signal(SIGHUP);
+    supervised.wait("reload\n");
+    supervised.signal(SIGTERM);
+    EXPECT_EQ(0, supervised.end());
+}
+
 TEST(MilterSupervisor, AWorkerThatEndsIsStartedAnewAfterLongerAndLongerPauses) {
     Supervised supervised(
         [](const Channel& channel, unsigned long restarts) {

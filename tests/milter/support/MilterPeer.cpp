@@ -88,10 +88,8 @@ char MilterPeer::ask(char kind, const std::string& data) {
 }
 
 char MilterPeer::begin(const std::string& client) {
-    return negotiate() ? connect(client) : '\0';
-}
-
-char MilterPeer::connect(const std::string& client) {
+    if (!negotiate())
+        return 0;
     macros('C', {"{daemon_name}", "smtpd"});
     return ask('C', "client.example" + zero + "4" + std::string("\x12\x34", 2) + client + zero);
 }

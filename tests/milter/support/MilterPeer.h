@@ -46,8 +46,6 @@ public:
     void macros(char command, const std::vector<std::string>& namesAndValues) const;
     /// Negotiation and connect. \return the answer to the latter
     char begin(const std::string& client = "127.0.0.1");
-    /// The latter alone, as behind 'K'.
-    char connect(const std::string& client);
     /// Up to the empty line behind the header. \return false: something was not answered with "continue"
     bool header(const std::string& queueId, const std::string& sender, const std::vector<std::string>& recipients,
                 const std::vector<std::pair<std::string, std::string>>& fields);

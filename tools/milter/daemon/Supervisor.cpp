@@ -88,9 +88,8 @@ void Supervisor::takeSignals() {
     while (::read(m_signals.get(), &one, sizeof one) == sizeof one) {
         switch (one.ssi_signo) {
         case SIGHUP:
-            // A worker that is not there yet reads everything when it starts.
-            if (m_channel && m_isReady)
-                m_channel->tell("reload");
+            // One that is only starting may have read everything already: it is told when it is ready.
+            m_isReloadWanted = !(m_channel && m_isReady && m_channel->tell("reload"));
             break;
         case SIGCHLD:
             reap();
@@ -137,6 +136,8 @@ void Supervisor::heard(const std::string& text) {
     if (word == "ready") {
         m_isReady = true;
         notifyManager("READY=1\nSTATUS=takes mail");
+        if (std::exchange(m_isReloadWanted, false))
+            m_channel->tell("reload");
         if (!std::exchange(m_wasReady, true))
             m_hooks.ready();
     } else if (word == "failed") {

@@ -71,6 +71,7 @@ private:
     unsigned long m_starts = 0;
     bool m_wasReady = false; // any worker
     bool m_isReady = false;  // this one
+    bool m_isReloadWanted = false;
     bool m_isStopping = false;
     std::optional<int> m_result;
     std::string m_failure;
