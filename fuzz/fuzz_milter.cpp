@@ -2,7 +2,9 @@
 // is made up. Each message that is ended has one answer, nothing is in hand when the connections are gone, and what passes is
 // not changed.
 #include "Driver.h"
+#include "EnvelopeKey.h"
 #include "milter/support/FakeLibmilter.h"
+#include "support/TemporaryFolder.h"
 
 #include "engine/Engine.h"
 #include "front/Callbacks.h"
@@ -10,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <netinet/in.h>
 #include <string>
@@ -19,7 +22,7 @@ using namespace norvmilter;
 
 namespace {
 
-constexpr std::string_view settings = R"([milter]
+constexpr const char* settings = R"([milter]
 socket = "unix:/nonexistent/milter.sock"
 authserv_id = "mx.a.example"
 [limits]
@@ -32,6 +35,12 @@ direction = "outgoing"
 [[direction]]
 listener = "PASS"
 direction = "ignore"
+[store]
+directory = "store"
+[trust]
+anchors = ["roots.pem"]
+[outgoing]
+submit = "smtp://127.0.0.1:9"
 [[outgoing.rule]]
 recipient = "*@must.example"
 encrypt = "must"
@@ -54,11 +63,24 @@ protected:
 struct Filter {
     Quiet log;
     Metrics metrics;
-    std::shared_ptr<const Config> config = std::make_shared<const Config>(Config::parse(settings, "milter.toml"));
+    norvtest::TemporaryFolder folder; // as long as the process runs: stores read files when they are asked for
+    std::shared_ptr<const Config> config = written(folder);
     std::shared_ptr<Stores> stores = std::make_shared<Stores>(*config);
     std::shared_ptr<const Engine> engine = std::make_shared<const Engine>(config, stores);
     Front front{log, metrics, generation(), std::chrono::hours(1)};
     smfiDesc callbacks = callbacksFor(front);
+
+    /// With a store of one pair, the same for every run.
+    static std::shared_ptr<const Config> written(const norvtest::TemporaryFolder& folder) {
+        const norvauthority::Identity bob = fuzz::envelopeIdentity();
+        std::filesystem::create_directories(folder.path("store/bob"));
+        folder.write("roots.pem", bob.certificate.pem());
+        folder.write("store/bob/cert.pem", bob.certificate.pem());
+        folder.write("store/bob/owners.txt", "*@b.example\n");
+        std::filesystem::permissions(folder.write("store/bob/key.pem", bob.key.pkcs8Pem()),
+                                     std::filesystem::perms::owner_read);
+        return std::make_shared<const Config>(Config::parse(settings, folder.path("milter.toml")));
+    }
 
     std::shared_ptr<const Generation> generation() const {
         Generation made;
@@ -190,7 +212,7 @@ void step(const Filter& filter, smfi_str& context, Choices& choices) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::start();
-    static Filter& filter = *std::make_unique<Filter>().release();
+    static Filter filter;
     Choices choices({reinterpret_cast<const char*>(data), size});
     // Two connections beside each other.
     std::array<smfi_str, 2> contexts;

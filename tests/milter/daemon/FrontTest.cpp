@@ -2,6 +2,7 @@
 #include "milter/support/FrontBench.h"
 #include "submit/Submit.h"
 #include "support/TemporaryFolder.h"
+#include "support/Threads.h"
 
 #include <arpa/inet.h>
 #include <filesystem>
@@ -92,8 +93,8 @@ TEST(MilterFront, AMessageIsJudgedAsItCame) {
     EXPECT_EQ("192.0.2.7", envelope.clientAddress);
     EXPECT_EQ("anna@a.example", envelope.sender);
     EXPECT_THAT(envelope.recipients, ElementsAre("bert@b.example", "\"carl <c>\"@c.example"));
-    EXPECT_THAT(asking.context.calls,
-                ElementsAre("setsymlist 0 {daemon_name}", "setsymlist 2 i {auth_authen}", "setsymlist 3 i", "setsymlist 5 i"));
+    EXPECT_THAT(asking.context.calls, ElementsAre("setsymlist 0 {daemon_name}", "setsymlist 2 i {auth_authen}",
+                                                  "setsymlist 3 i", "setsymlist 5 i"));
 }
 
 TEST(MilterFront, AddressesOfClients) {
@@ -181,10 +182,10 @@ TEST(MilterFront, ChangesAreMadeInTheirOrder) {
     asking.message();
     asking.context.calls.clear();
     EXPECT_EQ(SMFIS_CONTINUE, asking.end());
-    EXPECT_THAT(asking.context.calls,
-                ElementsAre("chgheader Content-Type 2 (null)", "chgheader Content-Type 1 (null)",
-                            "insheader 0 Authentication-Results: mx;\n smime=pass", "addheader Content-Type: text/plain",
-                            "replacebody 65535", "replacebody 65535", "replacebody 65535", "replacebody 3395"));
+    EXPECT_THAT(asking.context.calls, ElementsAre("chgheader Content-Type 2 (null)", "chgheader Content-Type 1 (null)",
+                                                  "insheader 0 Authentication-Results: mx;\n smime=pass",
+                                                  "addheader Content-Type: text/plain", "replacebody 65535",
+                                                  "replacebody 65535", "replacebody 65535", "replacebody 3395"));
     EXPECT_EQ(body, asking.context.body);
 }
 
@@ -324,6 +325,7 @@ TEST(MilterFront, RecipientsAndConnectionsHaveTheirLimits) {
         EXPECT_EQ("setreply 421 4.3.2 mail filter: no more connections now", lastCall(second));
     }
     asking.close();
+    EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_connections 0\n"));
     Asking third(bench);
     third.negotiate();
     EXPECT_EQ(SMFIS_CONTINUE, third.connect());
@@ -492,6 +494,33 @@ TEST(MilterFront, AMessageIsFinishedByWhatItBeganWith) {
     EXPECT_THAT(judges, ElementsAre("old", "new"));
 }
 
+TEST(MilterFrontConcurrency, ConnectionsWhileAllIsLoadedAnew) {
+    FrontBench bench([](const auto& message, const auto&) {
+        Outcome outcome;
+        outcome.tell("direction", message.envelope.recipients.empty() ? "outgoing" : "incoming");
+        return outcome;
+    });
+    bench.front();
+    norvtest::together([&](int thread) {
+        for (int i = 0; i < 20; ++i) {
+            if (thread == 0) {
+                bench.front().use(std::make_shared<const Generation>(bench.generation));
+                static_cast<void>(bench.metrics.text());
+                static_cast<void>(bench.front().isDrained());
+                continue;
+            }
+            Asking asking(bench);
+            asking.negotiate();
+            asking.connect();
+            asking.message();
+            EXPECT_EQ(SMFIS_CONTINUE, asking.end());
+        }
+    });
+    EXPECT_EQ(0U, bench.front().inHand());
+    EXPECT_THAT(bench.metrics.text(),
+                HasSubstr("norvcrypt_milter_messages_total{direction=\"incoming\",outcome=\"pass\"} 140\n"));
+}
+
 TEST(MilterFront, CallbacksOutOfOrderAreAnswered) {
     FrontBench bench;
     Asking asking(bench);
@@ -526,9 +555,10 @@ TEST(MilterFront, OneLineAMessageWhateverItHolds) {
     asking.sender("<evil\n@a.example>");
     asking.end();
     const std::string& line = bench.log.lines.back();
-    EXPECT_EQ(0U, line.find("level=info event=message queue=4F2C1 action=pass client=\"\" listener=\"\" authenticated=\"\" "
-                            "sender=\"evil\\x0A@a.example\" recipients=0 bytes=2 ms="));
-    EXPECT_THAT(line, testing::EndsWith(
-                          "verdict=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
+    EXPECT_EQ(0U,
+              line.find("level=info event=message queue=4F2C1 action=pass client=\"\" listener=\"\" authenticated=\"\" "
+                        "sender=\"evil\\x0A@a.example\" recipients=0 bytes=2 ms="));
+    EXPECT_THAT(line,
+                testing::EndsWith("verdict=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
     EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_verdicts_total{verdict=\"pass\"} 1\n"));
 }

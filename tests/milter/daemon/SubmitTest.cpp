@@ -1,7 +1,7 @@
 // Messages that are handed to an MTA beside the one in hand.
+#include "submit/Submit.h"
 #include "message/Message.h"
 #include "milter/support/FakeSmtp.h"
-#include "submit/Submit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -120,9 +120,8 @@ TEST(MilterSubmit, ServersThatFailOnTheWay) {
         EXPECT_FALSE(failureOf(to(server), one).second) << odd;
     }
     {
-        FakeSmtp server([&](const std::string& said) {
-            return said == "DATA" ? std::string(100000, '3') : FakeSmtp::usual(said);
-        });
+        FakeSmtp server(
+            [&](const std::string& said) { return said == "DATA" ? std::string(100000, '3') : FakeSmtp::usual(said); });
         EXPECT_EQ("the server answers with a line that has no end", failureOf(to(server), one).first);
     }
     {

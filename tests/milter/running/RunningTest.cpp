@@ -1,8 +1,8 @@
 // The daemon as a process, asked by a peer that speaks the milter protocol, or does not.
+#include "support/Running.h"
 #include "milter/support/MilterPeer.h"
 #include "support/Places.h"
 #include "support/Process.h"
-#include "support/Running.h"
 #include "support/TemporaryFolder.h"
 
 #include <atomic>
@@ -33,8 +33,9 @@ protected:
     std::string configure(const std::string& keys = "", const std::string& more = "") {
         std::filesystem::create_directories(m_folder.path("spool"));
         return m_folder.write("milter.toml", "[milter]\nsocket = \"unix:" + socket() +
-                                                 "\"\nauthserv_id = \"mx.a.example\"\nspool = \"" + m_folder.path("spool") +
-                                                 "\"\n" + keys + "\n[metrics]\nsocket = \"unix:" + m_folder.path("metrics.sock") +
+                                                 "\"\nauthserv_id = \"mx.a.example\"\nspool = \"" +
+                                                 m_folder.path("spool") + "\"\n" + keys +
+                                                 "\n[metrics]\nsocket = \"unix:" + m_folder.path("metrics.sock") +
                                                  "\"\n[log]\nlevel = \"debug\"\n" + more);
     }
     void start(const std::string& keys = "", const std::string& more = "") {
@@ -76,11 +77,12 @@ protected:
         wait("event=message queue=" + queueId + " action=pass");
     }
     std::string metrics() const {
-        return interop::run({.arguments = {"python3", "-c",
-                                           "import socket,sys\ns=socket.socket(socket.AF_UNIX)\ns.connect(sys.argv[1])\n"
-                                           "s.sendall(b'GET /metrics HTTP/1.0\\r\\n\\r\\n')\n"
-                                           "while True:\n d=s.recv(65536)\n if not d: break\n sys.stdout.write(d.decode())",
-                                           m_folder.path("metrics.sock")}})
+        return interop::run(
+                   {.arguments = {"python3", "-c",
+                                  "import socket,sys\ns=socket.socket(socket.AF_UNIX)\ns.connect(sys.argv[1])\n"
+                                  "s.sendall(b'GET /metrics HTTP/1.0\\r\\n\\r\\n')\n"
+                                  "while True:\n d=s.recv(65536)\n if not d: break\n sys.stdout.write(d.decode())",
+                                  m_folder.path("metrics.sock")}})
             .out;
     }
 
@@ -134,8 +136,12 @@ TEST_F(MilterRunning, ForgedResultsAreTakenOut) {
     ASSERT_EQ(2U, answer.changes.size());
     using namespace std::string_literals;
     EXPECT_EQ('m', answer.changes[0].kind);
-    EXPECT_EQ("\0\0\0\x03"s "Authentication-Results\0\0"s, answer.changes[0].data);
-    EXPECT_EQ("\0\0\0\x01"s "Authentication-Results\0\0"s, answer.changes[1].data);
+    EXPECT_EQ("\0\0\0\x03"s
+              "Authentication-Results\0\0"s,
+              answer.changes[0].data);
+    EXPECT_EQ("\0\0\0\x01"s
+              "Authentication-Results\0\0"s,
+              answer.changes[1].data);
 }
 
 TEST_F(MilterRunning, MalformedPacketsHurtNobodyElse) {
@@ -154,16 +160,23 @@ TEST_F(MilterRunning, MalformedPacketsHurtNobodyElse) {
         MilterPeer::packet('E', ""),
         negotiation + MilterPeer::packet('C', ""),
         negotiation + MilterPeer::packet('C', "no zero"),
-        negotiation + MilterPeer::packet('C', "x\0" "4"s),
-        negotiation + MilterPeer::packet('C', "x\0" "9\0\0" "1.2.3.4\0"s),
-        negotiation + MilterPeer::packet('C', "x\0" "4\0\x19not an address\0"s),
-        negotiation + MilterPeer::packet('C', "x\0" "6\0\x19IPv6::::::\0"s),
+        negotiation + MilterPeer::packet('C', "x\0"
+                                              "4"s),
+        negotiation + MilterPeer::packet('C', "x\0"
+                                              "9\0\0"
+                                              "1.2.3.4\0"s),
+        negotiation + MilterPeer::packet('C', "x\0"
+                                              "4\0\x19not an address\0"s),
+        negotiation + MilterPeer::packet('C', "x\0"
+                                              "6\0\x19IPv6::::::\0"s),
         negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', ""),
         negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', "no zero"),
         negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('L', "a\0b\0"s),
-        negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', "<a>\0"s) + MilterPeer::packet('L', "only one"),
-        negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', "<a>\0"s) + MilterPeer::packet('R', "\0"s) +
-            MilterPeer::packet('B', "") + MilterPeer::packet('E', "rest") + MilterPeer::packet('E', ""),
+        negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', "<a>\0"s) +
+            MilterPeer::packet('L', "only one"),
+        negotiation + MilterPeer::packet('C', "x\0U"s) + MilterPeer::packet('M', "<a>\0"s) +
+            MilterPeer::packet('R', "\0"s) + MilterPeer::packet('B', "") + MilterPeer::packet('E', "rest") +
+            MilterPeer::packet('E', ""),
         negotiation + MilterPeer::packet('D', "") + MilterPeer::packet('D', "M") + MilterPeer::packet('D', "Mi\0"s) +
             MilterPeer::packet('D', std::string(60000, '\0')),
         negotiation + MilterPeer::packet('?', "what") + MilterPeer::packet('\0', ""),
@@ -233,7 +246,8 @@ TEST_F(MilterRunning, AHundredConnectionsAndOneMore) {
     EXPECT_EQ('y', last.begin());
     // All of them have a message in hand at the same time.
     for (int i = 0; i < 100; ++i)
-        EXPECT_TRUE(peers[static_cast<std::size_t>(i)]->header("Q" + std::to_string(i), "<a@a.example>", {"<b@b.example>"}, {}));
+        EXPECT_TRUE(peers[static_cast<std::size_t>(i)]->header("Q" + std::to_string(i), "<a@a.example>",
+                                                               {"<b@b.example>"}, {}));
     for (const auto& peer : peers)
         EXPECT_TRUE(peer->body("hello\r\n"));
     for (const auto& peer : peers)
@@ -271,7 +285,9 @@ TEST_F(MilterRunning, ReloadedAHundredTimesUnderLoad) {
                 if (peer.begin() != 'c')
                     ++bad;
                 for (int i = 0; i < 5; ++i) {
-                    const bool isGood = peer.message("T" + std::to_string(thread) + "X" + std::to_string(sent++), "hello\r\n").kind == 'c';
+                    const bool isGood =
+                        peer.message("T" + std::to_string(thread) + "X" + std::to_string(sent++), "hello\r\n").kind ==
+                        'c';
                     ++(isGood ? good : bad);
                 }
             }
@@ -378,7 +394,8 @@ TEST_F(MilterRunning, AFullDiskIsTemporary) {
     const std::string config = configure();
     // Files end at 64 KB: as much as there is room on the disk.
     m_daemon = std::make_unique<Running>(
-        std::vector<std::string>{"sh", "-c", "ulimit -f 128; exec \"$0\" --config \"$1\" --foreground --allow-root", program, config},
+        std::vector<std::string>{"sh", "-c", "ulimit -f 128; exec \"$0\" --config \"$1\" --foreground --allow-root",
+                                 program, config},
         m_folder.path());
     wait("event=loaded");
     MilterPeer peer(socket());

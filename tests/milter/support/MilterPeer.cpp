@@ -94,7 +94,8 @@ char MilterPeer::begin(const std::string& client) {
     return ask('C', "client.example" + zero + "4" + std::string("\x12\x34", 2) + client + zero);
 }
 
-bool MilterPeer::header(const std::string& queueId, const std::string& sender, const std::vector<std::string>& recipients,
+bool MilterPeer::header(const std::string& queueId, const std::string& sender,
+                        const std::vector<std::string>& recipients,
                         const std::vector<std::pair<std::string, std::string>>& fields) {
     if (ask('M', sender + zero) != 'c')
         return false;
@@ -104,9 +105,8 @@ bool MilterPeer::header(const std::string& queueId, const std::string& sender, c
             return false;
     }
     // No reply is wanted to these.
-    return std::ranges::all_of(fields, [this](const auto& field) {
-        return send('L', field.first + zero + field.second + zero);
-    });
+    return std::ranges::all_of(
+        fields, [this](const auto& field) { return send('L', field.first + zero + field.second + zero); });
 }
 
 bool MilterPeer::body(const std::string& octets) {

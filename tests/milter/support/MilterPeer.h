@@ -20,8 +20,8 @@ struct Packet {
 
 /// What a filter answered to a message: the last packet, and the changes before it.
 struct MilterAnswer {
-    char kind = 0;      ///< 'c' continue, 'a' accept, 'r' reject, 't' tempfail, 'y' with a reply, 'd' discard; 0: hung up
-    std::string reply;  ///< of 'y'
+    char kind = 0; ///< 'c' continue, 'a' accept, 'r' reject, 't' tempfail, 'y' with a reply, 'd' discard; 0: hung up
+    std::string reply; ///< of 'y'
     std::vector<Packet> changes;
     std::string body; ///< of all 'b' together
 };

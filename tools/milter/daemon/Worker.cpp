@@ -9,8 +9,8 @@
 #include <norvcmsg/Logger.h>
 
 #include <atomic>
-#include <csignal>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -35,7 +35,9 @@ public:
         std::string text;
         for (const std::string& field : record.fields)
             text += (text.empty() ? "" : " | ") + field;
-        const LogLevel level = record.level < 0 ? LogLevel::error : record.level == 0 ? LogLevel::warning : LogLevel::debug;
+        const LogLevel level = record.level < 0    ? LogLevel::error
+                               : record.level == 0 ? LogLevel::warning
+                                                   : LogLevel::debug;
         m_log.event(level, "library", {{"code", std::to_string(record.event)}, {"text", text}});
     }
 
