@@ -1,5 +1,6 @@
 #include "identities/Store.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 
 namespace norvcrypt {
 
@@ -18,6 +19,7 @@ void noteFiles(const std::string& directory, const Store::Contents& contents, In
 } // namespace
 
 NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs) {
+    needAllAlgorithms(); // its keys may be encrypted
     try {
         NVX509::RefDirectoryKeyStore store(directory);
         if (inputs != nullptr)

@@ -1,5 +1,6 @@
 #include "read/Pkcs12File.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 
 #include <norvcrypto/BIO.h>
 #include <norvcrypto/PKCS12.h>
@@ -23,6 +24,7 @@ bool isWrongPassword(const Norvane::Exception& failure) {
 } // namespace
 
 std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
+    needAllAlgorithms();
     Norvane::Crypto::MemoryBIO source(inputs.readAll(path, true));
     try {
         Norvane::Crypto::PKCS12::Store store(source);

@@ -1,5 +1,6 @@
 #include "read/PrivateKeyFile.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 #include "recognise/DerAndPem.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
@@ -16,6 +17,7 @@ using Norvane::Crypto::RefKey;
 namespace {
 
 RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
+    needAllAlgorithms();
     const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, passphrase.view());
     if (opened.key.isNull())
         throw Failure("cannot read the private key in " + name +
