@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""tool.py FOLDER PROGRAM [--quick]: norvcrypt beside `openssl cms`, over sizes of the body, as processes in turns; writes lines of
-task,who,x,round,seconds to standard output. FOLDER is one of scripts/bench-folder.
+"""tool.py FOLDER PROGRAM [--quick] [--most=MB]: norvcrypt beside `openssl cms`, over sizes of the body, as processes in turns; writes
+lines of task,who,x,round,seconds to standard output. FOLDER is one of scripts/bench-folder.
 
 What counts is the processor time of a process from its start to its end, its own and the kernel's for it. Each run writes a file of
 its own, since replacing one costs what taking the old one away costs. norvcrypt's files appear whole and are on the disk then, and
@@ -14,7 +14,9 @@ import tempfile
 folder, program = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 quick = "--quick" in sys.argv
 MEGABYTE = 1 << 20
+most = next((int(word[7:]) for word in sys.argv if word.startswith("--most=")), 512) * MEGABYTE
 POINTS = [(MEGABYTE, 3)] if quick else [(MEGABYTE, 81), (16 * MEGABYTE, 21), (64 * MEGABYTE, 11), (512 * MEGABYTE, 5)]
+POINTS = [point for point in POINTS if point[0] <= most]
 FEW = 8 * MEGABYTE  # written files up to this are left until the end: removing them now and then makes making them slower
 
 

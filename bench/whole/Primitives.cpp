@@ -74,18 +74,51 @@ Bytes wrapped(EVP_PKEY* key, const unsigned char* contentKey) {
     return out;
 }
 
+/// Opens a content key of 32 bytes.
+void unwrap(const Material& material, const Bytes& wrappedKey, unsigned char (&opened)[512]) {
+    const KeyContextPtr context(EVP_PKEY_CTX_new(material.key.get(), nullptr));
+    std::size_t count = sizeof opened;
+    require(EVP_PKEY_decrypt_init(context.get()) == 1 &&
+                EVP_PKEY_decrypt(context.get(), opened, &count, wrappedKey.data(), wrappedKey.size()) == 1,
+            "no key");
+}
+
 Run opener(const Material& material, std::size_t size, const EVP_CIPHER* cipher, bool authenticated) {
     auto tag = std::make_shared<Bytes>(16);
     const auto secret = std::make_shared<Bytes>(encrypted(cipher, size, authenticated ? tag->data() : nullptr));
     const auto key = std::make_shared<Bytes>(wrapped(material.key.get(), s_key));
     return [&material, secret, key, tag, cipher, authenticated] {
-        const KeyContextPtr context(EVP_PKEY_CTX_new(material.key.get(), nullptr));
         unsigned char opened[512];
-        std::size_t count = sizeof opened;
-        require(EVP_PKEY_decrypt_init(context.get()) == 1 &&
-                    EVP_PKEY_decrypt(context.get(), opened, &count, key->data(), key->size()) == 1,
-                "no key");
+        unwrap(material, *key, opened);
         crypt(cipher, false, opened, s_vector, *secret, secret->size(), nullptr, authenticated ? tag->data() : nullptr);
+    };
+}
+
+/// As those who decrypt segments where they lie: a call for each, whose header is known.
+Run segmentOpener(const Material& material, std::size_t size) {
+    static constexpr std::size_t header = 4;
+    static constexpr std::size_t segment = 4096;
+    const Bytes secret = encrypted(EVP_aes_256_cbc(), size, nullptr);
+    const auto laid = std::make_shared<Bytes>();
+    for (std::size_t at = 0; at < secret.size(); at += segment) {
+        laid->insert(laid->end(), header, 0);
+        laid->insert(laid->end(), secret.begin() + static_cast<std::ptrdiff_t>(at),
+                     secret.begin() + static_cast<std::ptrdiff_t>(std::min(at + segment, secret.size())));
+    }
+    const auto key = std::make_shared<Bytes>(wrapped(material.key.get(), s_key));
+    return [&material, laid, key] {
+        unsigned char opened[512];
+        unwrap(material, *key, opened);
+        unsigned char scratch[segment + EVP_MAX_BLOCK_LENGTH];
+        const CipherPtr context(EVP_CIPHER_CTX_new());
+        require(EVP_DecryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, opened, s_vector) == 1, "no cipher");
+        int count = 0;
+        for (std::size_t at = header; at < laid->size(); at += header + segment) {
+            EVP_DecryptUpdate(context.get(), scratch, &count, laid->data() + at,
+                              static_cast<int>(std::min(segment, laid->size() - at)));
+            keep(scratch);
+        }
+        require(EVP_DecryptFinal_ex(context.get(), scratch, &count) == 1, "not decrypted");
     };
 }
 
@@ -252,6 +285,8 @@ void addPrimitives(Contest& contest, const Material& material) {
         contest.add(task, who,
                     [&material](std::size_t size) { return opener(material, size, EVP_aes_256_cbc(), false); });
     }
+    contest.add("open BER", "primitives, in segments",
+                [&material](std::size_t size) { return segmentOpener(material, size); });
     contest.add("open authenticated", who,
                 [&material](std::size_t size) { return opener(material, size, EVP_aes_256_gcm(), true); });
 

@@ -9,7 +9,7 @@ namespace Norvane::Crypto::openssl {
 PaddedDecryption::PaddedDecryption(EVP_CIPHER_CTX* context)
     : m_context(context),
       m_block(static_cast<std::size_t>(std::max(1, EVP_CIPHER_CTX_get_block_size(context)))),
-      m_clear(s_pieceLength + 2 * EVP_MAX_BLOCK_LENGTH) {
+      m_clear(s_pieceLength + EVP_MAX_BLOCK_LENGTH + EVP_MAX_BLOCK_LENGTH) {
     EVP_CIPHER_CTX_set_padding(context, 0);
 }
 

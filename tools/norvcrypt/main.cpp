@@ -2,6 +2,7 @@
 
 #include "commands/Command.h"
 #include "files/Output.h"
+#include "openssl/Start.h"
 
 #include <norvcmsg/Logger.h>
 #include <norvcrypto/Crypto.h>
@@ -91,7 +92,7 @@ Exit guarded(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     norvcrypt::prepareOutput();
-    Norvane::Crypto::initialize();
+    norvcrypt::startFor(argc > 1 ? argv[1] : "");
     // The commands tell themselves what matters; records of the library would only repeat it in between.
     Norvane::Logger::instance(false).sink(std::make_shared<Norvane::RecordingLogSink>());
     const Exit code = guarded(argc, argv);

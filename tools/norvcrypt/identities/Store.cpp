@@ -1,5 +1,6 @@
 #include "identities/Store.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 
 #include <norvcmsg/FileDescriptor.h>
 
@@ -25,6 +26,7 @@ void eachFile(const std::string& directory, const std::function<void(const std::
 } // namespace
 
 NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs) {
+    needAllAlgorithms(); // its keys may be encrypted
     NVX509::RefDirectoryKeyStore store = askStore(directory, [&] { return NVX509::RefDirectoryKeyStore(directory); });
     if (inputs != nullptr)
         inputs->noteLater([directory](const auto& tell) { eachFile(directory, tell); });

@@ -1,5 +1,6 @@
 #include "read/Pkcs12File.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 #include "recognise/DerAndPem.h"
 #include "recognise/WhatElse.h"
 
@@ -27,6 +28,7 @@ bool isWrongPassword(const Norvane::Exception& failure) {
 } // namespace
 
 std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
+    needAllAlgorithms();
     const Norvane::Buffer file = inputs.readAll(path, true);
     if (const std::vector<FoundObject> found = objectsIn(file);
         std::ranges::none_of(found, [](const FoundObject& one) { return one.kind == ObjectKind::pkcs12; }) &&

@@ -1,5 +1,6 @@
 #include "read/PrivateKeyFile.h"
 #include "base/Failure.h"
+#include "openssl/Start.h"
 #include "recognise/DerAndPem.h"
 #include "recognise/WhatElse.h"
 
@@ -27,6 +28,7 @@ bool isUnsupported(const std::string& reason) {
 }
 
 RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
+    needAllAlgorithms();
     const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, passphrase.view());
     if (!opened.key.isNull())
         return opened.key;
