@@ -162,7 +162,7 @@ TEST_F(SmimeReadToolTest, InspectGoesInside) {
                              "contains: part"
                              " 1.1.1.2, application/pdf, named \"a\\x1B.pdf\", base64, 9 bytes\n",
                              "contains: part"
-                             " 1.1.2, application/x-pkcs7-signature, named \"smime.p7s\", base64, ",
+                             " 1.1.2, application/pkcs7-signature, named \"smime.p7s\", base64, ",
                              "contains: part"
                              " 1.2, text/plain, 7bit, 6 bytes\n",
                              "not covered: part"
