@@ -8,6 +8,7 @@
 #include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
+#include <vector>
 
 namespace CMS = Norvane::Crypto::CMS;
 namespace SMime = Norvane::Crypto::SMime;
@@ -37,6 +38,7 @@ Outcome outcomeOf(const Norvane::MediaIn& in, bool isWhole) {
     SMime::ReadOptions options;
     options.keys = &keys;
     options.wholeMessage = isWhole;
+    options.listParts = true;
     options.budget.spill = 1U << 20U;
     Norvane::MemoryMediaOut content;
     Outcome outcome;
@@ -52,6 +54,14 @@ bool isCertain(const SMime::Answer& answer) {
     });
 }
 
+std::vector<std::uint64_t> lengthsOf(const SMime::Answer& answer) {
+    std::vector<std::uint64_t> lengths;
+    for (const SMime::LeafPart& part : answer.parts) {
+        lengths.push_back(part.octets);
+    }
+    return lengths;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -62,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         fuzz::require(whole.answer.verdict != SMime::Verdict::notSMime || whole.content.empty());
         if (isCertain(whole.answer)) {
             fuzz::require(whole.answer.verdict == pieces.answer.verdict && whole.content == pieces.content &&
-                          whole.answer.layers.size() == pieces.answer.layers.size());
+                          whole.answer.layers.size() == pieces.answer.layers.size() &&
+                          lengthsOf(whole.answer) == lengthsOf(pieces.answer));
         }
         const std::string mark = "a mark that stands outside";
         const std::string around = "Content-Type: multipart/mixed; boundary=\"=around=\"\r\n\r\n--=around=\r\n\r\n" +

@@ -267,6 +267,30 @@ void mails() {
     put("fuzz_milter", "outgoing", told(fields, "hello\r\n", true));
 }
 
+/// Mails to be signed and encrypted, behind the byte that chooses what is done.
+void unsignedMails() {
+    const std::string fields = "From: Alice <alice@example.org>\r\nTo: bob@example.org, \"C, D\" <c@example.org>\r\n"
+                               "Cc: friends: e@example.org;\r\nSubject: =?utf-8?q?caf=C3=A9?=\r\n";
+    const std::string parts =
+        "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\npreamble\r\n--b\r\n\r\none\r\n--b\r\n"
+        "Content-Type: application/pdf; name=\"caf\xC3\xA9.pdf\"\r\nContent-Transfer-Encoding: base64"
+        "\r\n\r\nMTIzNDU2Nzg5\r\n--b\r\nContent-Type: message/rfc822\r\n\r\nFrom: x@y.z\r\n\r\n"
+        "From the start\r\n.\r\nblanks \r\n--b--\r\nepilogue\r\n";
+    const std::string quoted = "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable"
+                               "\r\n\r\ncaf=C3=A9 =\r\nsoft\r\n";
+    const std::string eightBit = "Content-Type: text/html; charset=utf-8\r\n\r\n<p>caf\xC3\xA9\r\nlone\rreturn\r\n";
+    const std::string digest = "Content-Type: multipart/digest; boundary=d\n\n--d\n\nSubject: inner\n\ntext\n--d--\n";
+    const std::string bytes = "Content-Type: image/png\r\nContent-Transfer-Encoding: binary\r\n\r\n" +
+                              std::string("\x89PNG\r\n\x1A\n\0\xFF", 10);
+    char choice = 0;
+    for (const std::string& entity : {parts, quoted, eightBit, digest, bytes, std::string("\r\nplain\r\n")}) {
+        for (int turn = 0; turn < 4; ++turn) {
+            put("fuzz_smime_writer", "mail" + std::to_string(choice), choice + fields + entity);
+            choice = static_cast<char>(choice + 11);
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -308,6 +332,7 @@ int main(int argc, char** argv) {
         }
     }
     mails();
+    unsignedMails();
     put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
     put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
     put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");

@@ -148,4 +148,49 @@ TEST_F(SmimeReadToolTest, InspectsAndTellsPrograms) {
     EXPECT_EQ(tool({"smime", "inspect"}, "garbage").status, 0);
 }
 
+TEST_F(SmimeReadToolTest, InspectGoesInside) {
+    work.write("body", "Content-Type: multipart/mixed; boundary=in\r\n\r\n--in\r\n\r\none\r\n--in\r\n"
+                       "Content-Type: application/pdf; name=\"a\x1b.pdf\"\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+                       "MTIzNDU2Nzg5\r\n--in--\r\n");
+    makeSigned("signed", "alice@example.org", {"-binary"});
+    const std::string mail = "From: alice@example.org\nContent-Type: multipart/mixed; boundary=l\n\n--l\n" +
+                             work.read("signed") + "\n--l\nContent-Type: text/plain\n\nfooter\n--l--\n";
+    const Answer text = tool({"smime", "inspect"}, mail);
+    EXPECT_EQ(text.status, 0) << text.err;
+    for (const char* line : {"contains: part"
+                             " 1.1.1.1, text/plain, 7bit, 3 bytes\n",
+                             "contains: part"
+                             " 1.1.1.2, application/pdf, named \"a\\x1B.pdf\", base64, 9 bytes\n",
+                             "contains: part"
+                             " 1.1.2, application/pkcs7-signature, named \"smime.p7s\", base64, ",
+                             "contains: part"
+                             " 1.2, text/plain, 7bit, 6 bytes\n",
+                             "not covered: part"
+                             " 1.2, text/plain\n"})
+        EXPECT_NE(text.out.find(line), std::string::npos) << line << "in\n" << text.out;
+    EXPECT_EQ(tool({"smime", "verify"}, mail).out.find("contains:"), std::string::npos);
+
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"smime", "inspect", "--json"}, {"inspect", "--json"}}) {
+        const Answer answer = tool(command, mail);
+        EXPECT_EQ(answer.status, 0) << answer.err;
+        const auto json = nlohmann::json::parse(answer.out);
+        const auto& parts = (json.is_array() ? json.at(0) : json).at("parts");
+        ASSERT_EQ(parts.size(), 4U);
+        EXPECT_EQ(parts.at(1), nlohmann::json({{"part", "1.1.1.2"},
+                                               {"contentType", "application/pdf"},
+                                               {"name", "a\x1b.pdf"},
+                                               {"transferEncoding", "base64"},
+                                               {"octets", 9}}));
+        EXPECT_FALSE(parts.at(0).contains("name"));
+    }
+    // A mail without any layer, too.
+    const Answer plain = tool({"inspect", "--json"}, "From: a@b.c\nContent-Type: text/html\n\n<p>\n");
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    const auto json = nlohmann::json::parse(plain.out).at(0);
+    EXPECT_EQ(json.at("type"), "mail");
+    EXPECT_EQ(json.at("verdict"), "not-smime");
+    EXPECT_EQ(json.at("parts").at(0).at("octets"), 4);
+}
+
 } // namespace

@@ -137,7 +137,7 @@ TEST_F(WhatPeopleHaveToolTest, WholeMailsAreJudgedAsTheyAre) {
     EXPECT_THAT(refused.out, HasSubstr("why it is refused: the signed text ended before the last 2 lines"));
     const Answer asJson = tool({"smime", "verify", "--in", "mail", "--json"});
     EXPECT_THAT(asJson.out, HasSubstr("\"footer-at-end\""));
-    // With a body, or through a pipe, the mail is pointed on.
+    // With a body the mail is pointed on.
     before = work.names();
     expectFailure(tool({"verify", "--signature", "mail", "--in", "text"}), "which is a mail: norvcrypt smime verify");
     expectFailure(tool({"verify", "--signature", "-", "--in", "text"}, mail),
@@ -153,6 +153,29 @@ TEST_F(WhatPeopleHaveToolTest, ABodyOnStandardInputIsNotPassedOverForAMail) {
         .arguments = {"sh", "-c", "echo pay mallory | \"$0\" verify --signature mail", norvtest::norvcryptProgram},
         .directory = work.directory()});
     expectFailure(piped, "which is a mail: norvcrypt smime verify");
+}
+
+TEST_F(WhatPeopleHaveToolTest, AMailComesThroughAPipe) {
+    const std::string mail = "From: alice@example.org\n" + signedBy({});
+    const Answer good = tool({"verify", "--signature", "-"}, mail);
+    EXPECT_EQ(0, good.status) << good.err;
+    EXPECT_EQ(0U, good.out.find("verdict: signature-good: trust was not checked\n")) << good.out;
+    const Answer asJson = tool({"verify", "--signature", "-", "--json"}, mail);
+    EXPECT_THAT(asJson.out, HasSubstr("\"signature-good\""));
+    std::string changed = mail;
+    changed.replace(changed.find("Dear"), 4, "Near");
+    EXPECT_EQ(1, tool({"verify", "--signature", "-"}, changed).status);
+    // A pipe of another name.
+    work.write("mail", mail);
+    const Answer named = run(Command{
+        .arguments = {"bash", "-c", "\"$0\" verify --signature <(cat mail) </dev/null", norvtest::norvcryptProgram},
+        .directory = work.directory()});
+    EXPECT_EQ(0, named.status) << named.err;
+    // Longer than what is looked at to recognise it.
+    EXPECT_EQ(0, tool({"verify", "--signature", "-"}, mail + std::string(100000, '\n')).status);
+    // What is no mail, and needs a body, has none.
+    before = work.names();
+    expectFailure(tool({"verify", "--signature", "-"}, "MIIB"), "");
 }
 
 // As for a structure: those that are given stand in the place of those in the mail.

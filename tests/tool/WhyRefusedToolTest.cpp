@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
+
 namespace interop {
 
 namespace {
@@ -22,6 +24,11 @@ protected:
         work.write("text", text);
         // By another program.
         openssl({"-certfile", "root.pem", "-out", "sig"});
+    }
+    void putInStore(const std::string& name, const norvauthority::Certificate& certificate) {
+        std::filesystem::create_directories(work.path("store/" + name));
+        work.write("store/" + name + "/cert.pem", certificate.pem());
+        work.write("store/" + name + "/owners.txt", name + "@example.org\n");
     }
     void openssl(const std::vector<std::string>& more) {
         std::vector<std::string> arguments{"openssl", "cms",       "-sign",  "-binary",   "-in",      "text",
@@ -90,6 +97,53 @@ TEST_F(WhyRefusedToolTest, NamesTheCertificateWhoseKeyItIs) {
     const Answer embedded = tool({"verify", "--signature", "opaque", "--embedded", "--cert", "renewed.pem"});
     EXPECT_EQ(1, embedded.status);
     EXPECT_THAT(embedded.out, HasSubstr("(certificate-renewed)"));
+}
+
+TEST_F(WhyRefusedToolTest, LooksThroughAStore) {
+    const norvauthority::Identity renewed =
+        norvauthority::issue({.subject = {{"CN", "alice"}}, .key = alice().key, .issuer = &root(), .serial = "7777"});
+    putInStore("alice", renewed.certificate);
+    putInStore("bob", bob().certificate);
+    openssl({"-nocerts", "-out", "bare"});
+    const Answer unasked = tool({"verify", "--signature", "bare", "--in", "text"});
+    EXPECT_EQ(1, unasked.status);
+    EXPECT_THAT(unasked.out, Not(HasSubstr("why")));
+    const Answer asked = tool({"verify", "--signature", "bare", "--in", "text", "--store", "store"});
+    EXPECT_EQ(1, asked.status) << asked.err;
+    EXPECT_THAT(asked.out, HasSubstr("(certificate-renewed)"));
+    EXPECT_THAT(asked.out, HasSubstr("serial number 7777 of "));
+    // A whole mail, both ways.
+    const Answer mail = run({.arguments = {"openssl", "cms", "-sign", "-in", "text", "-signer", "alice.pem", "-inkey",
+                                           "alice.key", "-nocerts", "-from", "alice@example.org", "-out", "mail"},
+                             .directory = work.directory()});
+    ASSERT_EQ(0, mail.status) << mail.err;
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"verify", "--signature", "mail"}, {"smime", "verify", "--in", "mail"}}) {
+        EXPECT_THAT(tool(command).out, Not(HasSubstr("why"))) << command[0];
+        std::vector<std::string> withStore = command;
+        withStore.insert(withStore.end(), {"--store", "store"});
+        const Answer answer = tool(withStore);
+        EXPECT_EQ(1, answer.status) << answer.err;
+        EXPECT_THAT(answer.out, HasSubstr("(certificate-renewed)")) << command[0];
+    }
+}
+
+// A certificate that the signer names and did not send along is found in the store.
+TEST_F(WhyRefusedToolTest, TakesTheCertificateThatIsNamedFromAStore) {
+    putInStore("alice", alice().certificate);
+    openssl({"-nocerts", "-out", "bare"});
+    EXPECT_EQ(1, tool({"verify", "--signature", "bare", "--in", "text"}).status);
+    const Answer answer = tool({"verify", "--signature", "bare", "--in", "text", "--store", "store"});
+    EXPECT_EQ(0, answer.status) << answer.out;
+    EXPECT_EQ(1, tool({"verify", "--signature", "bare", "--store", "store"}, "another text").status);
+    // It is named, so that nothing else is to be told of it.
+    EXPECT_THAT(answer.out, Not(HasSubstr("why")));
+    work.write("bob.pem", bob().certificate.pem());
+    EXPECT_EQ(0,
+              tool({"verify", "--signature", "bare", "--in", "text", "--store", "store", "--cert", "bob.pem"}).status);
+    const Answer missing = tool({"verify", "--signature", "bare", "--in", "text", "--store", "nowhere"});
+    EXPECT_EQ(2, missing.status);
+    EXPECT_THAT(missing.err, HasSubstr("cannot load the store nowhere"));
 }
 
 TEST_F(WhyRefusedToolTest, LongBodiesAreSaidNotToBeLookedAt) {

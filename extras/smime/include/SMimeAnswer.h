@@ -141,6 +141,16 @@ struct UncoveredPart {
     std::string type; ///< "text/plain"
 };
 
+/// A part that holds no others: a text, an attachment, a CMS structure. Which of the latter were opened tell the layers of the
+/// same path; what they hold follows them.
+struct LeafPart {
+    std::string path;
+    std::string type; ///< "application/pdf"
+    std::string name; ///< of the file, UTF-8 as its sender chose it; may be empty, and is no path to write to
+    std::string transferEncoding; ///< the word that stands there, in lower case; "7bit" where none does
+    std::uint64_t octets = 0;     ///< of its body, without the transfer encoding
+};
+
 /// What is to be said of the whole message; the numbers are fixed.
 enum class Verdict : int {
     notSMime = 0,      ///< nothing of the message itself is signed or encrypted; nothing was handed on
@@ -171,6 +181,8 @@ struct Answer {
     /// What a reader of the message is shown beside the content although nothing covers it. Whoever takes the verdict for
     /// the whole message asks that it is empty.
     std::vector<UncoveredPart> notCovered;
+    /// With `ReadOptions::listParts`, in the message's order, at most `ReadBudget::parts`.
+    std::vector<LeafPart> parts;
     /// What is odd about the message, for people: parts that were not looked at, a last boundary that is missing, fields
     /// that stand twice.
     std::vector<std::string> oddities;

@@ -87,6 +87,8 @@ struct ReadOptions {
     std::vector<std::string> from;
     /// Whether to find out why a detached signature is refused, for the first one that is; see SMimeDiagnosis.h.
     bool explain = false;
+    /// Whether to list the parts that hold no others in `Answer::parts`.
+    bool listParts = false;
     ReadBudget budget;
     /// Where files without a name are made (mode 0600), as for `SwapBufferMediaOut`; the system's folder for temporary files
     /// when it is empty. Signed parts of up to 64 KB stay in memory.

@@ -6,8 +6,12 @@
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -141,6 +145,95 @@ TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
     const Outcome covered = outcomeOf(mailOf(signedBy(alice(), inside, detached)));
     EXPECT_EQ(covered.answer.verdict, Verdict::signatureGood);
     EXPECT_EQ(covered.answer.oddities.size(), 1U);
+}
+
+// RFC 2045, 6.4: a multipart has no transfer encoding, and is read as it stands when it says to have one.
+TEST(SMimeRead, AMultipartThatSaysToBeEncodedIsOdd) {
+    const std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\nContent-Transfer-Encoding: "
+                              "quoted-printable\r\n\r\n--in\r\n\r\none=\r\n--in--\r\n";
+    const std::string mail = signedBy(alice(), mixed, detached);
+    for (const std::string word : {"base64", "quoted-printable", "x-unheard-of"}) {
+        const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: " + word + "\r\n" + mail, {});
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, mixed);
+        const std::string told = word == "x-unheard-of" ? "of another name" : word;
+        EXPECT_THAT(outcome.answer.oddities,
+                    UnorderedElementsAre(HasSubstr(" 1: a multipart with the transfer encoding " + told),
+                                         HasSubstr(" 1.1: a multipart with the transfer encoding quoted-printable")));
+    }
+    EXPECT_THAT(
+        outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: 8BIT\r\n" + signedBy(alice(), plainEntity, detached), {})
+            .answer.oddities,
+        IsEmpty());
+}
+
+/// Path, type, name, encoding and size of the parts that hold no others.
+std::vector<std::string> leavesOf(const Answer& answer) {
+    std::vector<std::string> lines;
+    for (const SMime::LeafPart& part : answer.parts)
+        lines.push_back(part.path + ' ' + part.type + " \"" + part.name + "\" " + part.transferEncoding + ' ' +
+                        std::to_string(part.octets));
+    return lines;
+}
+
+TEST(SMimeRead, ListsThePartsThatHoldNoOthers) {
+    const std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\n\r\n--in\r\n\r\none\r\n--in\r\n"
+                              "Content-Type: application/pdf; name*=utf-8''caf%C3%A9.pdf\r\n"
+                              "Content-Transfer-Encoding: BASE64\r\n\r\nMTIzN\r\nDU2Nzg5\r\n--in\r\n"
+                              "Content-Type: message/rfc822\r\n\r\nFrom: x@y.z\r\nContent-Type: text/html\r\n"
+                              "Content-Transfer-Encoding: quoted-printable\r\n\r\n=3Cb=3E\r\n--in--\r\n";
+    const Keys keys({&bob()});
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    options.listParts = true;
+    const std::string mail =
+        fieldsOfAlice + "Content-Type: multipart/mixed; boundary=out\r\n\r\n--out\r\n" +
+        encryptedFor({&bob()}, signedBy(alice(), mixed, detached)) +
+        "\r\n--out\r\nContent-Disposition: attachment; filename=foot.txt\r\n\r\nfooter\r\n--out--\r\n";
+    const Outcome outcome = outcomeOf(mail, options);
+    EXPECT_EQ(outcome.content, mixed);
+    const std::vector<std::string> leaves = leavesOf(outcome.answer);
+    ASSERT_EQ(leaves.size(), 6U);
+    EXPECT_THAT(leaves[0], StartsWith("1.1 application/pkcs7-mime \"smime.p7m\" base64 "));
+    EXPECT_EQ(leaves[1], "1.1.1.1.1 text/plain \"\" 7bit 3");
+    EXPECT_EQ(leaves[2], "1.1.1.1.2 application/pdf \"caf\u00e9.pdf\" base64 9");
+    EXPECT_EQ(leaves[3], "1.1.1.1.3.1 text/html \"\" quoted-printable 3");
+    EXPECT_THAT(leaves[4], StartsWith("1.1.1.2 application/pkcs7-signature \"smime.p7s\" base64 "));
+    EXPECT_EQ(leaves[5], "1.2 text/plain \"foot.txt\" 7bit 6");
+    // The size of a structure is that of its DER, whether it is opened or not.
+    EXPECT_EQ(leavesOf(outcomeOf(mail,
+                                 [] {
+                                     SMime::ReadOptions closed;
+                                     closed.listParts = true;
+                                     return closed;
+                                 }())
+                           .answer),
+              (std::vector{leaves[0], leaves[5]}));
+    const std::string base64 = mail.substr(mail.find("\r\n\r\n", mail.find("pkcs7-mime")) + 4);
+    const std::size_t length = base64.find("\r\n\r\n--out");
+    std::size_t letters = 0;
+    std::size_t padding = 0;
+    for (const char letter : base64.substr(0, length)) {
+        letters += letter != '\r' && letter != '\n' ? 1 : 0;
+        padding += letter == '=' ? 1 : 0;
+    }
+    EXPECT_THAT(leaves[0], testing::EndsWith(" " + std::to_string(letters / 4 * 3 - padding)));
+    EXPECT_THAT(outcomeOf(mail).answer.parts, IsEmpty());
+}
+
+TEST(SMimeRead, ListsNoMorePartsThanTheBudgetAllows) {
+    SMime::ReadOptions options;
+    options.listParts = true;
+    options.budget.parts = 20;
+    std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\n\r\n";
+    for (int number = 0; number < 30; ++number)
+        mixed += "--in\r\n\r\nx\r\n";
+    const Outcome many = outcomeOf(fieldsOfAlice + mixed + "--in--\r\n", options);
+    EXPECT_EQ(many.answer.parts.size(), 20U);
+    EXPECT_THAT(many.answer.oddities, Contains(HasSubstr("more than 20 parts")));
+    // A mail that is no multipart is one.
+    EXPECT_THAT(leavesOf(outcomeOf(fieldsOfAlice + "\r\nhello\r\n", options).answer),
+                ElementsAre("1 text/plain \"\" 7bit 7"));
 }
 
 TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {

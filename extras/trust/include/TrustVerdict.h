@@ -114,6 +114,7 @@ enum class ReasonCode : int {
     listCriticalExtensionUnknown = 69, ///< the list means something that is not understood
     listNotUsed = 70,                  ///< a note: a list of the message that its issuer did not sign, or one too many
     listAlgorithmUnsupported = 71, ///< the list is signed in a way that cannot be checked here; neither good nor bad
+    listSignerMissing = 72, ///< the one whom the certificate names for its lists issued one, and is not there himself
 
     // the sender of a mail (`matchSender`)
     senderDiffers = 80,             ///< an address of From is not in the certificate

@@ -104,8 +104,9 @@ const X509_STORE_CTX* outermost(const X509_STORE_CTX* context) {
 
 /// Of what OpenSSL says about a list in passing, in the mode `available`.
 bool isNoReason(Code code, Revocation mode) {
-    return mode == Revocation::available && (code == Code::listMissing || code == Code::listExpired ||
-                                             code == Code::listNotYetValid || code == Code::listScopeDiffers);
+    return mode == Revocation::available &&
+           (code == Code::listMissing || code == Code::listSignerMissing || code == Code::listExpired ||
+            code == Code::listNotYetValid || code == Code::listScopeDiffers);
 }
 
 } // namespace
@@ -198,7 +199,14 @@ bool Judgement::listFailed(X509_STORE_CTX* context, int error, X509* about) {
         m_discredited.insert(list);
     }
     Details details;
-    if (const auto handle = m_lists.handleOf(list); !handle.isNull()) {
+    X509_CRL* named = list;
+    if (code == Code::listMissing && outer == context && about != nullptr) {
+        if (X509_CRL* const unsignedList = m_lists.withoutSigner(about, m_request.candidates)) {
+            code = Code::listSignerMissing;
+            named = unsignedList;
+        }
+    }
+    if (const auto handle = m_lists.handleOf(named); !handle.isNull()) {
         handle->warm();
         details.issuer = shortened(NVX509::displayName(handle->crlInfo().issuer()));
     }
@@ -223,7 +231,7 @@ bool Judgement::listFailed(X509_STORE_CTX* context, int error, X509* about) {
         details.where += (details.where.empty() ? "" : " or ") + shown(uri);
     }
     Place& found = place(depth);
-    const bool missing = code == Code::listMissing || code == Code::listScopeDiffers;
+    const bool missing = code == Code::listMissing || code == Code::listSignerMissing || code == Code::listScopeDiffers;
     found.revoked = found.revoked || (code == Code::revoked && outer == context);
     found.missing = found.missing || (missing && outer == context);
     const Weight weight = isNoReason(code, m_request.options.revocation) ? Weight::note : Weight::reason;

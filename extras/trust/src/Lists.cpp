@@ -200,6 +200,33 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     return choice.stack();
 }
 
+X509_CRL* Lists::withoutSigner(const X509* certificate, const std::vector<X509*>& candidates) const {
+    const QuietQuestion quiet;
+    const auto points = distributionPointsOf(certificate);
+    for (const X509_NAME* const name : listIssuersOf(points.get())) {
+        if (X509_NAME_cmp(name, X509_get_issuer_name(certificate)) == 0) {
+            continue;
+        }
+        for (X509_CRL* const list : m_handedOut) {
+            if (X509_NAME_cmp(X509_CRL_get_issuer(list), name) != 0) {
+                continue;
+            }
+            const Owned<AUTHORITY_KEYID> key(static_cast<AUTHORITY_KEYID*>(
+                X509_CRL_get_ext_d2i(list, NID_authority_key_identifier, nullptr, nullptr)));
+            const auto maySign = [&](X509* one) {
+                return X509_NAME_cmp(X509_get_subject_name(one), name) == 0 &&
+                       X509_check_akid(one, key.get()) == X509_V_OK;
+            };
+            bool isKnown = std::any_of(candidates.begin(), candidates.end(), maySign);
+            m_snapshot.bySubject.each(name, [&](X509* one) { isKnown = isKnown || maySign(one); });
+            if (!isKnown) {
+                return list;
+            }
+        }
+    }
+    return nullptr;
+}
+
 bool Lists::isSigned(X509_CRL* list, X509* issuer) {
     if (issuer != nullptr && X509_NAME_cmp(X509_get_subject_name(issuer), X509_CRL_get_issuer(list)) == 0 &&
         isSignedBy(list, issuer)) {

@@ -34,6 +34,10 @@ public:
     ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures
     Owned<STACK_OF(X509_CRL)> of(const X509* certificate, const X509_NAME* issuerName, X509* issuer);
 
+    /// A list by one whom the certificate names for its lists beside its issuer, when nobody is known who may have signed
+    /// it; null when there is none. \param candidates what is known beside the snapshot
+    [[nodiscard]] X509_CRL* withoutSigner(const X509* certificate, const std::vector<X509*>& candidates) const;
+
     [[nodiscard]] const std::vector<X509_CRL*>& handedOut() const { return m_handedOut; }
     [[nodiscard]] const std::vector<LeftOut>& leftOut() const { return m_leftOut; }
     [[nodiscard]] NVX509::RefCertificateRevocationList handleOf(X509_CRL* list) const;

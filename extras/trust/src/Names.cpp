@@ -56,6 +56,7 @@ constexpr std::pair<Code, const char*> reasonNames[] = {
     {Code::listCriticalExtensionUnknown, "list-critical-extension-unknown"},
     {Code::listNotUsed, "list-not-used"},
     {Code::listAlgorithmUnsupported, "list-algorithm-unsupported"},
+    {Code::listSignerMissing, "list-signer-missing"},
     {Code::senderDiffers, "sender-differs"},
     {Code::senderFieldOnly, "sender-field-only"},
     {Code::senderMissing, "sender-missing"},

@@ -105,6 +105,9 @@ constexpr Row rows[] = {
     {Code::listNotUsed, "a revocation list of $i was not used: $x", "fetch the list from $u"},
     {Code::listAlgorithmUnsupported, "the revocation list of $i is signed with $x, which cannot be checked here",
      "tell the authority: its lists cannot be used"},
+    {Code::listSignerMissing,
+     "the revocation list for the certificate of $w is there, but not the certificate of $i, who issued the list",
+     "add the certificate of the issuer of the list to the intermediates"},
 
     {Code::senderDiffers, "the certificate is for $w, and not for $x, from whom the message says it is",
      "ask the sender by another way whether the message is theirs"},

@@ -319,7 +319,14 @@ protected:
 TEST_F(TrustIndirectLists, WhoIssuesThemIsChecked) {
     Case one = with(Revocation::required);
     one.known(list(m_root)).known(indirect(""));
-    EXPECT_FALSE(one.judge(m_covered).accepted) << "nobody knows who the lister is";
+    const Verdict unknown = one.judge(m_covered);
+    EXPECT_EQ(shown(unknown), "refused list-signer-missing 0");
+    EXPECT_EQ(unknown.reasons.front().text.find("the revocation list for the certificate of "), 0U);
+    EXPECT_NE(unknown.reasons.front().text.find("CN=Lister"), std::string::npos) << unknown.reasons.front().text;
+    one.options.revocation = Revocation::available;
+    EXPECT_EQ(shown(one.judge(m_covered)), "accepted ");
+    EXPECT_TRUE(one.judge(m_covered).mentions(Code::listSignerMissing));
+    one.options.revocation = Revocation::required;
     one.material->addUntrusted(read(m_lister));
     EXPECT_EQ(shown(one.judge(m_covered)), "accepted ");
     one.known(list(m_root, {.revoked = {{.serial = "c3"}}, .thisUpdate = Time::fromNow(-60)}));

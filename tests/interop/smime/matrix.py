@@ -18,13 +18,14 @@ import jobs as exchange
 import mail as mime
 from peers.base import Cannot, Refused, Setting
 from peers.gnupg import GMime, Gpgsm
-from peers.neomutt import NeoMutt
+from peers.neomutt import NeoMutt, NeoMuttOpenSsl
 from peers.nss import Nss
 from peers.openssl import OpenSsl
 from peers.ours import Ours
 from peers.pkijs import PkiJs
 
-PEERS = {"openssl": OpenSsl, "gmime": GMime, "gpgsm": Gpgsm, "nss": Nss, "neomutt": NeoMutt, "pkijs": PkiJs}
+PEERS = {"openssl": OpenSsl, "gmime": GMime, "gpgsm": Gpgsm, "nss": Nss, "neomutt": NeoMutt,
+         "neomutt-openssl": NeoMuttOpenSsl, "pkijs": PkiJs}
 
 
 def oid(text):

@@ -30,15 +30,14 @@ struct InspectOptions {
     std::optional<std::string> entries;
 };
 
-/// How a mail is signed and encrypted; nothing when it is neither.
-std::optional<Description> mailIn(const Norvane::Buffer& content, const std::string& file) {
+/// What a mail holds, and how it is signed and encrypted.
+Description mailIn(const Norvane::Buffer& content, const std::string& file) {
     SMime::ReadOptions options;
     options.spillTemplate = spillTemplate();
     options.explain = true;
+    options.listParts = true;
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
     const SMime::Answer answer = SMime::read(Norvane::MemoryMediaIn(content), nowhere, options);
-    if (answer.layers.empty())
-        return std::nullopt;
     return mailFacts(answer, std::nullopt, file);
 }
 
@@ -51,8 +50,7 @@ std::vector<Description> objectsOf(const std::string& file, const EntryRange& ra
     };
     const Norvane::Buffer content = inputs.readAll(file, true);
     if (looksLikeMail(content))
-        if (const auto mail = mailIn(content, file))
-            descriptions.push_back(*mail);
+        descriptions.push_back(mailIn(content, file));
     const std::vector<FoundObject> found = objectsIn(content);
     const bool isOnlyMail = found.size() == 1 && found.front().kind == ObjectKind::unknown && !descriptions.empty();
     if (isOnlyMail)

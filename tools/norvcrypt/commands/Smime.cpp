@@ -3,6 +3,7 @@
 #include "commands/SmimeWriting.h"
 #include "files/Progress.h"
 #include "files/Spill.h"
+#include "identities/Store.h"
 
 #include <list>
 #include <utility>
@@ -67,24 +68,34 @@ ReadMail readMail(const std::string& path, SMime::ReadOptions reading, Inputs& i
 } // namespace
 
 MailOptions::MailOptions(Command& command) : identities(command) {
-    command.option("--store", store, "A store: its identities with a key are tried after the others")->typeName("DIR");
+    command
+        .option("--store", store,
+                "A store: its identities with a key are tried after the others, and its certificates are those of "
+                "signers that the mail has none for")
+        ->typeName("DIR");
     command.option("--in", in, "The mail as it was sent; \"-\" is standard input")->typeName("MAIL")->showDefault();
 }
 
 ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
-                  bool isWhole) {
+                  bool isWhole, bool lists) {
     const MailKeys keys(options, inputs);
     SMime::ReadOptions reading;
     reading.keys = &keys;
     reading.wholeMessage = isWhole;
+    reading.listParts = lists;
+    if (options.store) {
+        const auto certificates = certificatesOfStore(*options.store, inputs);
+        reading.certificates.assign(certificates.begin(), certificates.end());
+    }
     return readMail(options.in, std::move(reading), inputs, judge, content);
 }
 
-ReadMail readMail(const std::string& path, const std::vector<NVX509::RefCertificate>& certificates, Inputs& inputs,
+ReadMail readMail(const std::string& path, const SignerCertificates& certificates, Inputs& inputs,
                   const TrustJudge* judge) {
     SMime::ReadOptions reading;
-    reading.certificates = certificates;
-    reading.onlyTheseCertificates = !certificates.empty();
+    const auto all = certificates.all();
+    reading.certificates.assign(all.begin(), all.end());
+    reading.onlyTheseCertificates = certificates.given.has_value();
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
     return readMail(path, std::move(reading), inputs, judge, nowhere);
 }

@@ -3,6 +3,7 @@
 /// \file
 /// The commands of `norvcrypt smime`, and what those that read a mail share.
 
+#include "cms/Judging.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
 #include "files/HeldBody.h"
@@ -44,13 +45,14 @@ struct ReadMail {
 };
 
 /// Reads a mail. \param judge null: trust is not asked \throws Failure: it cannot be read
+/// \param lists whether its parts are listed
 ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
-                  bool isWhole);
-/// Reads a mail that nothing opens. \param certificates of signers, in the place of those in it; none: those in it
-ReadMail readMail(const std::string& path, const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates,
-                  Inputs& inputs, const TrustJudge* judge);
+                  bool isWhole, bool lists = false);
+/// Reads a mail that nothing opens.
+ReadMail readMail(const std::string& path, const SignerCertificates& certificates, Inputs& inputs,
+                  const TrustJudge* judge);
 /// What `norvcrypt smime verify` does with such a mail.
 Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<TrustJudge>& judge,
-                const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates, bool json);
+                const SignerCertificates& certificates, bool json);
 
 } // namespace norvcrypt

@@ -18,7 +18,7 @@ struct SmimeInspectOptions {
 Exit inspect(const SmimeInspectOptions& options) {
     Inputs inputs;
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
-    const ReadMail mail = readMail(options.mail, inputs, nullptr, nowhere, false);
+    const ReadMail mail = readMail(options.mail, inputs, nullptr, nowhere, false, true);
     tellMail(mail.answer, mail.trust, mail.file, options.json);
     const bool isRead =
         mail.answer.verdict != SMime::Verdict::damaged && mail.answer.verdict != SMime::Verdict::tooCostly;

@@ -67,7 +67,7 @@ Exit verify(const SmimeVerifyOptions& options) {
 } // namespace
 
 Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<TrustJudge>& judge,
-                const std::vector<Norvane::Crypto::NVX509::RefCertificate>& certificates, bool json) {
+                const SignerCertificates& certificates, bool json) {
     const ReadMail mail = readMail(path, certificates, inputs, judge ? &*judge : nullptr);
     if (judge)
         tellUnused(*judge);

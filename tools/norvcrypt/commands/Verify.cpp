@@ -1,10 +1,11 @@
+#include "cms/Judging.h"
 #include "commands/Command.h"
 #include "commands/SmimeCommands.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "files/RepeatableBody.h"
-#include "openssl/CertificateDetails.h"
+#include "identities/Store.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
 #include "recognise/Wrapped.h"
@@ -19,13 +20,11 @@
 #include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -45,6 +44,7 @@ namespace {
 struct VerifyOptions {
     std::string signature;
     std::optional<std::string> certificate;
+    std::optional<std::string> store;
     std::optional<std::string> in;
     std::optional<std::string> out;
     bool embedded = false;
@@ -56,12 +56,6 @@ struct ContentFile {
     OutputFile file;
     HeldBody body;
     ContentFile(const std::string& path, Inputs& inputs) : file(path, inputs), body(file) {}
-};
-
-/// Which body was judged, and whether it is the content, where there are both.
-struct JudgedBody {
-    std::uint64_t length = 0;
-    std::optional<bool> isContent;
 };
 
 /// The sender decides whether a structure carries its content; which body is judged is for the user to say.
@@ -121,52 +115,6 @@ JudgedBody passBody(SignedReader& message, const VerifyOptions& options, Inputs&
     return {message.bodyLength(), std::nullopt};
 }
 
-/// The certificates that a signer names, each once.
-std::vector<NVX509::RefCertificate> namedBy(const SignedReader::Signer& signer,
-                                            const std::list<NVX509::RefCertificate>& certificates) {
-    std::vector<NVX509::RefCertificate> named;
-    const auto name = nameOfCertificate(signer);
-    for (const NVX509::RefCertificate& certificate : certificates) {
-        const auto isSame = [&](const NVX509::RefCertificate& one) { return isSameCertificate(one, certificate); };
-        if (name && name->names(certificate) && std::ranges::none_of(named, isSame))
-            named.push_back(certificate);
-    }
-    return named;
-}
-
-/// The verdict with the certificates given: that of the first good one, else of one that leaves the question open, else of
-/// the first.
-SignatureResult judgeWith(const SignedReader& message, const SignedReader::Signer& signer,
-                          const std::list<NVX509::RefCertificate>& certificates) {
-    const std::vector<NVX509::RefCertificate> named = namedBy(signer, certificates);
-    if (named.empty())
-        return message.verdict(signer, NVX509::RefCertificate());
-    std::optional<SignatureResult> best;
-    for (const NVX509::RefCertificate& certificate : named) {
-        SignatureResult result = message.verdict(signer, certificate);
-        if (result.verdict == SignatureVerdict::good)
-            return result;
-        if (!best || (best->verdict == SignatureVerdict::refused && result.verdict != SignatureVerdict::refused))
-            best = result;
-    }
-    return *best;
-}
-
-std::vector<SignatureResult> judge(const SignedReader& message, const JudgedBody& body,
-                                   const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
-    std::vector<SignatureResult> results;
-    for (const SignedReader::Signer& signer : message.signers()) {
-        SignatureResult result = certificates ? judgeWith(message, signer, *certificates) : message.verdict(signer);
-        if (!body.isContent.value_or(true)) {
-            result.verdict = SignatureVerdict::refused;
-            result.reason = SignatureReason::contentDiffers;
-            result.algorithm.clear();
-        }
-        results.push_back(result);
-    }
-    return results;
-}
-
 std::string bodyText(const JudgedBody& body, const VerifyOptions& options) {
     const std::string length = std::to_string(body.length) + " bytes";
     const std::string content = "the content of " + inputName(options.signature);
@@ -186,8 +134,7 @@ struct Judged {
 
 /// Who is to be believed is asked of whoever signed, and nobody else.
 std::vector<Judged> withTrust(const SignedReader& message, const std::vector<SignatureResult>& results,
-                              const std::optional<TrustJudge>& judge,
-                              const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
+                              const std::optional<TrustJudge>& judge, const SignerCertificates& certificates) {
     std::vector<Judged> judged;
     for (const SignatureResult& result : results) {
         const SignedReader::Signer& signer = message.signers()[judged.size()];
@@ -195,39 +142,11 @@ std::vector<Judged> withTrust(const SignedReader& message, const std::vector<Sig
         if (!judge || result.verdict != SignatureVerdict::good)
             continue;
         std::list<NVX509::RefCertificate> others = message.certificates();
-        if (certificates)
-            others.insert(others.end(), certificates->begin(), certificates->end());
+        if (certificates.given)
+            others.insert(others.end(), certificates.given->begin(), certificates.given->end());
         judged.back().trust = judge->judge(result.certificate, others, message.revocationLists(), signer.signingTime());
     }
     return judged;
-}
-
-/// Why signatures do not fit, as far as that can be found out; it changes no verdict. \param body null: it is the content
-SMime::Diagnosis diagnosisOf(const SignedReader& message, StructureFile& file, RepeatableBody* body,
-                             const std::vector<SignatureResult>& results,
-                             const std::optional<std::list<NVX509::RefCertificate>>& certificates) {
-    const auto isRefused = [](const SignatureResult& result) {
-        return result.verdict == SignatureVerdict::refused && result.reason != SignatureReason::contentDiffers;
-    };
-    if (std::ranges::none_of(results, isRefused))
-        return {};
-    SMime::DiagnosisOptions options;
-    if (certificates)
-        options.certificates = *certificates;
-    if (body == nullptr)
-        return SMime::explainSigners(message, options);
-    if (!body->canRepeat()) {
-        SMime::Diagnosis diagnosis = SMime::explainSigners(message, options);
-        diagnosis.notLooked = "the body has more than " + std::to_string(options.budget.body) +
-                              " bytes: what may have happened to it was not tried";
-        return diagnosis;
-    }
-    Norvane::MediaIn structure = file.structure();
-    Norvane::Buffer octets;
-    // One byte more than is looked at tells that there are more.
-    structure.read(octets, static_cast<unsigned int>(options.budget.structure + 1));
-    return SMime::explain(
-        octets, [body] { return body->again(); }, options);
 }
 
 SignatureVerdict verdictOf(const std::vector<Judged>& signers) {
@@ -323,7 +242,7 @@ void tellJson(const SignedReader& message, const std::vector<Judged>& judged, co
 /// What is asked, and what answers it.
 struct Question {
     const VerifyOptions& options;
-    const std::optional<std::list<NVX509::RefCertificate>>& certificates;
+    const SignerCertificates& certificates;
     const std::optional<TrustJudge>& judge;
     StructureFile& file;
     std::optional<RepeatableBody> detached{};
@@ -333,7 +252,7 @@ SignatureVerdict answer(Question& question, const SignedReader& message, const s
     std::vector<Judged> judged;
     SMime::Diagnosis diagnosis;
     if (body) {
-        const std::vector<SignatureResult> results = judge(message, *body, question.certificates);
+        const std::vector<SignatureResult> results = judgeSigners(message, *body, question.certificates);
         judged = withTrust(message, results, question.judge, question.certificates);
         diagnosis = diagnosisOf(message, question.file, question.detached ? &*question.detached : nullptr, results,
                                 question.certificates);
@@ -358,15 +277,9 @@ bool hasStandardInput() {
     return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
 }
 
-/// Whether a file begins as a mail does. What comes through a pipe is not looked at: it can be read only once.
+/// Whether what is to be judged begins as a mail does. Where it comes from standard input, nothing else can.
 bool isMail(const std::string& path, Inputs& inputs) {
-    std::error_code ignored;
-    if (path == "-" || hasStandardInput() || !std::filesystem::is_regular_file(path, ignored))
-        return false;
-    Norvane::MediaIn in = inputs.open(path);
-    Norvane::Buffer start;
-    Inputs::lookAhead(in, 65536, start);
-    return looksLikeMail(start);
+    return (path == "-" || !hasStandardInput()) && looksLikeMail(inputs.start(path, 65536));
 }
 
 Exit verify(const VerifyOptions& options) {
@@ -374,14 +287,13 @@ Exit verify(const VerifyOptions& options) {
     std::optional<TrustJudge> judge;
     if (options.trust->asked())
         judge.emplace(options.trust->request(), inputs);
-    std::optional<std::list<NVX509::RefCertificate>> certificates;
+    SignerCertificates certificates;
     if (options.certificate)
-        certificates = readCertificates(inputs, *options.certificate);
+        certificates.given = readCertificates(inputs, *options.certificate);
+    if (options.store)
+        certificates.ofStore = certificatesOfStore(*options.store, inputs);
     if (!options.in && !options.embedded && isMail(options.signature, inputs))
-        return verifyMail(options.signature, inputs, judge,
-                          certificates ? std::vector(certificates->begin(), certificates->end())
-                                       : std::vector<NVX509::RefCertificate>(),
-                          options.trust->json());
+        return verifyMail(options.signature, inputs, judge, certificates, options.trust->json());
     if (options.out == "-")
         throw Failure("the verdict goes to standard output: give --out a file for the content");
     std::optional<ContentFile> content;
@@ -425,7 +337,7 @@ void addVerify(Command& commands, Action& action) {
     command
         ->option("--signature", options->signature,
                  "The structure: DER, BER, PEM, base64, the part of a mail that it came in; or a whole mail, which is "
-                 "judged as norvcrypt smime verify does")
+                 "judged as norvcrypt smime verify does. \"-\" is standard input")
         ->typeName("SIG.p7s")
         ->required();
     command
@@ -433,6 +345,12 @@ void addVerify(Command& commands, Action& action) {
                  "Certificates to verify with, instead of those in the structure; each signer takes the one that it "
                  "names")
         ->typeName("FILE");
+    command
+        ->option(
+            "--store", options->store,
+            "A store: its certificates are those of signers that neither the structure nor --cert has one for; when "
+            "a signature does not fit, it is told whether it is by the key of one of them")
+        ->typeName("DIR");
     Option* body =
         command
             ->option(

@@ -144,7 +144,23 @@ std::string inputName(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
 
+Norvane::Buffer Inputs::start(const std::string& path, unsigned int length) {
+    Norvane::MediaIn in = open(path);
+    Norvane::Buffer start;
+    const Norvane::MediaIn all = lookAhead(in, length, start);
+    try {
+        in.setpos(0);
+        if (path == "-")
+            m_begun.insert_or_assign(path, in);
+    } catch (const Norvane::Exception&) {
+        m_begun.insert_or_assign(path, all); // a pipe
+    }
+    return start;
+}
+
 Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
+    if (const auto begun = m_begun.extract(path); !begun.empty())
+        return begun.mapped();
     int descriptor = STDIN_FILENO;
     if (path != "-") {
         descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

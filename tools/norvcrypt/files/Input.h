@@ -7,6 +7,7 @@
 #include <norvcmsg/Media.h>
 
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -34,6 +35,10 @@ public:
     /// What is left of an open stream, with the same limit. \throws Failure
     static Norvane::Buffer readAll(Norvane::MediaIn& in, const std::string& path, bool secret = false);
 
+    /// How an input begins, at most `length` bytes of it: what comes through a pipe is then delivered from there by the next
+    /// `open`. \throws Failure as `open`
+    Norvane::Buffer start(const std::string& path, unsigned int length);
+
     /// Counts a file that is read by other means as an input, if it exists. \throws Failure: an output replaces it
     void note(const std::string& path);
     /// Counts files as inputs that are so many that they are looked up when an output replaces a file, and not before.
@@ -51,6 +56,7 @@ private:
 
     bool m_standardInputTaken = false;
     std::vector<EachFile> m_later;
+    std::map<std::string, Norvane::MediaIn> m_begun; ///< of what can be read only once
     std::set<FileIdentity> m_read;
     std::set<FileIdentity> m_replaced;
 };

@@ -33,6 +33,16 @@ NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inp
     return store;
 }
 
+std::list<NVX509::RefCertificate> certificatesOfStore(const std::string& directory, Inputs& inputs) {
+    const auto contents = openStore(directory, &inputs)->contents();
+    std::list<NVX509::RefCertificate> certificates;
+    for (const Store::Identity& identity : contents->identities)
+        certificates.push_back(identity.certificate);
+    for (const Store::Identity& identity : contents->identities)
+        certificates.insert(certificates.end(), identity.chain.begin(), identity.chain.end());
+    return certificates;
+}
+
 Norvane::EmailAddress mailAddress(const std::string& text) {
     auto address = Norvane::EmailAddress::rfc5321Parse(text, true);
     if (address.isNull())

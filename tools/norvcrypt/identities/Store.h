@@ -9,6 +9,7 @@
 #include <norvcmsg/EmailAddress.h>
 #include <norvcrypto-keystore/DirectoryKeyStore.h>
 
+#include <list>
 #include <string>
 
 namespace norvcrypt {
@@ -17,6 +18,10 @@ using Store = Norvane::Crypto::NVX509::DirectoryKeyStore;
 
 /// Loads a store; its files count among the inputs, if there are any. \throws Failure: the directory cannot be read; folders that cannot are among its problems
 Norvane::Crypto::NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inputs = nullptr);
+
+/// All certificates of a store, whatever they are for: those of the identities first, then those that go with them.
+/// \throws Failure as `openStore`
+std::list<Norvane::Crypto::NVX509::RefCertificate> certificatesOfStore(const std::string& directory, Inputs& inputs);
 
 /// A mail address, in the characters of RFC 6531 too; the empty text is the empty address. \throws Failure
 Norvane::EmailAddress mailAddress(const std::string& text);

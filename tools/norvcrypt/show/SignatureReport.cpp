@@ -1,4 +1,5 @@
 #include "show/SignatureReport.h"
+#include "cms/Judging.h"
 #include "openssl/CertificateDetails.h"
 #include "openssl/CmsNames.h"
 
@@ -125,14 +126,6 @@ std::string certificateNameIn(const SignedReader::Signer& signer) {
 }
 
 } // namespace
-
-std::optional<CMS::CertificateIdentifier> nameOfCertificate(const SignedReader::Signer& signer) {
-    try {
-        return signer.identifier();
-    } catch (const Norvane::Exception&) {
-        return std::nullopt;
-    }
-}
 
 std::string verdictText(const SignatureResult& result, const SignedReader::Signer& signer) {
     return verdictText(result, certificateNameIn(signer));

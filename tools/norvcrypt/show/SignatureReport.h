@@ -12,10 +12,6 @@
 
 namespace norvcrypt {
 
-/// The name of the signer's certificate; nothing when it does not decode.
-std::optional<Norvane::Crypto::CMS::CertificateIdentifier> nameOfCertificate(
-    const Norvane::Crypto::CMS::SignedReader::Signer& signer);
-
 /// The verdict on a signer. To be shown as it is.
 std::string verdictText(const Norvane::Crypto::CMS::SignatureResult& result,
                         const Norvane::Crypto::CMS::SignedReader::Signer& signer);

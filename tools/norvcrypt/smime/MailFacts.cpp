@@ -82,7 +82,7 @@ Description headerFacts(const SMime::HeaderProtection& headers) {
 Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Options>& trust,
                       const std::string& file) {
     Description facts{{"file", file},
-                      {"type", "S/MIME message"},
+                      {"type", answer.layers.empty() ? "mail" : "S/MIME message"},
                       {"verdict", SMime::nameOf(answer.verdict)},
                       {"detail", answer.detail},
                       {"trustChecked", trust.has_value()}};
@@ -98,6 +98,13 @@ Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Op
     facts["notCovered"] = Description::array();
     for (const SMime::UncoveredPart& part : answer.notCovered)
         facts["notCovered"].push_back({{"part", part.path}, {"contentType", part.type}});
+    for (const SMime::LeafPart& part : answer.parts) {
+        Description one{{"part", part.path}, {"contentType", part.type}};
+        putText(one, "name", part.name);
+        one["transferEncoding"] = part.transferEncoding;
+        one["octets"] = part.octets;
+        facts["parts"].push_back(std::move(one));
+    }
     putTexts(facts, "oddities", answer.oddities);
     return facts;
 }

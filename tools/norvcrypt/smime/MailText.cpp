@@ -98,6 +98,12 @@ void tellLayer(TextOutput& out, const SMime::Layer& layer, const SMime::Answer& 
             out.line("  " + certificateText(certificate));
 }
 
+std::string leafText(const SMime::LeafPart& part) {
+    return "part " + part.path + ", " + escapeForDisplay(part.type) +
+           (part.name.empty() ? "" : ", named \"" + escapeForDisplay(part.name) + '"') + ", " +
+           escapeForDisplay(part.transferEncoding) + ", " + std::to_string(part.octets) + " bytes";
+}
+
 std::string fieldText(const SMime::ProtectedField& field, const Colours& colours) {
     std::string text = "  " + escapeForDisplay(field.name + ": " + field.value);
     const std::string outside = field.outside ? "outside: " + escapeForDisplay(*field.outside) : "not outside";
@@ -153,6 +159,8 @@ void tellMail(const SMime::Answer& answer, const std::optional<Trust::Options>& 
         for (const SMime::ProtectedField& field : answer.headers.fields)
             out.line(fieldText(field, colours));
     }
+    for (const SMime::LeafPart& part : answer.parts)
+        out.line("contains: " + leafText(part));
     for (const SMime::UncoveredPart& part : answer.notCovered)
         out.line(colours.doubtful("not covered") + ": part " + part.path + ", " + escapeForDisplay(part.type));
     for (const std::string& oddity : answer.oddities)

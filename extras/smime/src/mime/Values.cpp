@@ -155,9 +155,14 @@ std::string fileNameOf(const Header& header, const ContentType& type) {
     return name.empty() ? type.name : name;
 }
 
-Transfer transferOf(const Header& header) {
+std::string transferWordOf(const Header& header) {
     std::string value = lowered(header.first("Content-Transfer-Encoding").value_or("").c_str());
-    value = value.substr(0, value.find_first_of(" \t;("));
+    value.erase(std::min(value.find_first_of(" \t;("), value.size()));
+    return value;
+}
+
+Transfer transferOf(const Header& header) {
+    const std::string value = transferWordOf(header);
     if (value.empty())
         return Transfer::identity;
     startGmime();

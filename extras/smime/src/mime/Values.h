@@ -46,6 +46,8 @@ enum class Transfer : int {
     unknown, ///< another word: the bytes are taken as they stand
 };
 [[nodiscard]] Transfer transferOf(const Header& header);
+/// The word that stands there, in lower case; empty when none does.
+[[nodiscard]] std::string transferWordOf(const Header& header);
 
 /// The addresses in fields of a header.
 struct Addresses {

@@ -1,6 +1,6 @@
 // An entity: a layer that is opened, a multipart whose parts are looked at, or the content.
 
-#include "Session.h"
+#include "LeafParts.h"
 
 #include "mime/Multipart.h"
 #include "mime/Transfer.h"
@@ -102,6 +102,18 @@ void readMessage(Session& session, const Header& header, const SharedOctets& enc
     readBody(session, innerHeader, mime::contentTypeOf(innerHeader), body, inner);
 }
 
+/// RFC 2045, 6.4: a multipart has no encoding but those of its parts. It is read as it stands; who decodes it sees another one.
+void tellEncoding(Session& session, const Header& header, const Place& place) {
+    const mime::Transfer transfer = mime::transferOf(header);
+    if (transfer == mime::Transfer::identity)
+        return;
+    const char* const name = transfer == mime::Transfer::base64            ? "base64"
+                             : transfer == mime::Transfer::quotedPrintable ? "quoted-printable"
+                                                                           : "of another name";
+    session.addOddity(place, std::string("a multipart with the transfer encoding ") + name +
+                                 ", which none may have (RFC 2045, 6.4): it was read as it stands");
+}
+
 bool isMessage(const ContentType& type) {
     return type.is("message", "rfc822") || type.is("message", "global");
 }
@@ -161,14 +173,19 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
         if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
             session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
     }
+    if (type.type == "multipart")
+        tellEncoding(session, header, place);
     const bool isSigned = type.is("multipart", "signed");
     if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
                      type.protocol.starts_with("application/x-pkcs7-")))
         return readMultipartSigned(session, type, body, place);
     if (isSigned)
         session.addOddity(place, "signed as " + type.protocol + ", which is not S/MIME");
-    if (isStructure(type, mime::fileNameOf(header, type)))
-        return readStructure(session, type, mime::transferOf(header), body, place);
+    if (isStructure(type, mime::fileNameOf(header, type))) {
+        ListedPart part(session, header, type, body, place);
+        readStructure(session, type, mime::transferOf(header), part.body(), place);
+        return part.finish();
+    }
     if (place.role == Role::main) {
         if (isMessage(type) && isWrappedMessage(session, header, type, body, place))
             return readMessage(session, header, body, place, true);
@@ -178,7 +195,8 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
         return walkParts(session, type, body, place);
     session.addUncovered(place, type.text());
     if (isMessage(type))
-        readMessage(session, header, body, place, false);
+        return readMessage(session, header, body, place, false);
+    ListedPart(session, header, type, body, place).finish();
 }
 
 void deliver(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
@@ -210,6 +228,8 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
         walkParts(session, type, copied, passing);
     else if (isMessage(type))
         readMessage(session, header, copied, passing, false);
+    else
+        ListedPart(session, header, type, copied, place).finish();
     mime::drain(*copied);
 }
 

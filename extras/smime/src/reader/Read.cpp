@@ -1,4 +1,4 @@
-#include "Session.h"
+#include "LeafParts.h"
 
 namespace Norvane::Crypto::SMime {
 
@@ -8,6 +8,7 @@ Answer read(const MediaIn& message, MediaOut& content, const ReadOptions& option
     readEntity(session, octets, Place());
     mime::drain(*octets);
     conclude(session);
+    sortByPath(session.answer.parts);
     return std::move(session.answer);
 }
 

@@ -77,6 +77,7 @@ public:
     /// Why a reader of the message may see another one than this, where no layer covers that.
     std::string ambiguity;
     std::size_t parts = 0;
+    bool isListFull = false; ///< which was told
     std::size_t structures = 0;
     std::size_t judgedByTrust = 0;
     bool isExplained = false; ///< why a signature is refused was asked

@@ -2,6 +2,8 @@
 
 #include "Signed.h"
 
+#include "LeafParts.h"
+
 #include "mime/Multipart.h"
 #include "mime/Transfer.h"
 
@@ -206,7 +208,8 @@ void judgeDetached(Session& session, std::size_t index, const Detached& detached
 }
 
 /// The part with the signature. False when there is none that can be used; the layer tells why then.
-bool takeSignature(Session& session, std::size_t index, mime::Multipart& parts, Detached& detached) {
+bool takeSignature(Session& session, std::size_t index, const Place& place, mime::Multipart& parts,
+                   Detached& detached) {
     Layer& layer = session.layer(index);
     if (!parts.next()) {
         layer.detail = "the part with the signature is missing";
@@ -227,8 +230,11 @@ bool takeSignature(Session& session, std::size_t index, mime::Multipart& parts, 
         layer.detail = "the second part of the multipart/signed is no S/MIME signature but " + type.text();
         return false;
     }
-    const SharedOctets octets = structureOctets(parts.part(), mime::transferOf(header));
-    if (!keep(session, *octets, detached.signature)) {
+    ListedPart part(session, header, type, parts.part(), place.part(2));
+    const SharedOctets octets = structureOctets(part.body(), mime::transferOf(header));
+    const bool isKept = keep(session, *octets, detached.signature);
+    part.finish();
+    if (!isKept) {
         layer.status = LayerStatus::tooCostly;
         layer.detail = "the parts to be kept are longer than the budget allows";
         return false;
@@ -247,6 +253,7 @@ void tellMoreParts(Session& session, mime::Multipart& parts, const Place& place)
         static_cast<void>(mime::readHeader(*parts.part(), {}, header)); // as far as it goes
         session.addUncovered(place.part(number), mime::contentTypeOf(header).text());
         session.addOddity(place.part(number), "a third part in a multipart/signed");
+        ListedPart(session, header, mime::contentTypeOf(header), parts.part(), place.part(number)).finish();
     }
     if (!parts.isClosed())
         session.addOddity(place, "the last boundary of the multipart is missing");
@@ -326,7 +333,7 @@ void readMultipartSigned(Session& session, const ContentType& type, const Shared
         return;
     }
     detached.lineEnds = counter.counted();
-    if (takeSignature(session, index, parts, detached)) {
+    if (takeSignature(session, index, place, parts, detached)) {
         tellMoreParts(session, parts, place);
         judgeDetached(session, index, detached);
     }

@@ -18,16 +18,6 @@ namespace {
     fail("the message changed while it was read");
 }
 
-/// The word of Content-Transfer-Encoding in lower case.
-std::string transferWord(const mime::Header& header) {
-    std::string word = header.first("Content-Transfer-Encoding").value_or("");
-    word.erase(std::min(word.find_first_of(" \t;("), word.size()));
-    std::ranges::transform(word, word.begin(), [](char letter) {
-        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-    });
-    return word;
-}
-
 bool isText(const mime::ContentType& type) {
     return type.type == "text" || type.type == "message" || type.type == "multipart";
 }
@@ -54,7 +44,7 @@ std::string whyItStays(const mime::Header& header, const mime::ContentType& type
         return "is encrypted already";
     }
     if (mime::transferOf(header) != mime::Transfer::identity) {
-        return "has the transfer encoding " + transferWord(header);
+        return "has the transfer encoding " + mime::transferWordOf(header);
     }
     return "is a multipart without a proper boundary";
 }
@@ -299,7 +289,7 @@ Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, cons
     case mime::Transfer::identity:
         break;
     }
-    if (transferWord(entity.header) == "binary" && (!isText(type) || traits.zeros() != 0)) {
+    if (mime::transferWordOf(entity.header) == "binary" && (!isText(type) || traits.zeros() != 0)) {
         return Way::base64Exactly;
     }
     if (traits.isRelayProof()) {
@@ -324,7 +314,7 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
     if (isMessage) {
         text += m_further;
     }
-    const std::string word = transferWord(entity.header);
+    const std::string word = mime::transferWordOf(entity.header);
     const bool changesWord =
         part.way != Way::asItIs || ((word == "8bit" || word == "binary") && !part.eightBit && kind != Kind::sealed);
     bool hasType = false;

@@ -43,7 +43,7 @@ std::set<Code> reasonsOf(const Error& error) {
     static const std::map<int, std::set<Code>> table{
         {1, {Code::tooMuchWork}},
         {2, {Code::issuerMissing}},
-        {3, {Code::listMissing}},
+        {3, {Code::listMissing, Code::listSignerMissing}},
         {7, {Code::signatureWrong}},
         {8, {Code::listSignatureWrong}},
         {9, {Code::certificateNotYetValid}},

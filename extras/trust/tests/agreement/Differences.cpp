@@ -55,6 +55,7 @@ const std::map<std::string, std::vector<Finding>>& fromMessages() {
         {"IndirectListRevokesANamesakeOfItsOwn", missing},
         {"IndirectListRevokesInTheRowOfAnIssuer", missing},
         {"IndirectListWhoseSignerExpired", missing},
+        {"IndirectListWhoseSignerIsMissing", missing},
         // Forged.
         {"ListForged", missing},
         {"ListForgedThatRevokes", missing},

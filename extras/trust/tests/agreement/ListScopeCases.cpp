@@ -127,7 +127,8 @@ std::vector<Case> indirect() {
         made.untrusted = {middle().certificate, lists.certificate};
         return made;
     };
-    Case noSigner = required("IndirectListWhoseSignerIsMissing", alice, {list({})}, {{3, 0}}, {{Code::listMissing, 0}});
+    Case noSigner =
+        required("IndirectListWhoseSignerIsMissing", alice, {list({})}, {{3, 0}}, {{Code::listSignerMissing, 0}});
     const Identity expired = norvauthority::issue({.subject = {{"CN", "Lists"}},
                                                    .key = Key::ec(),
                                                    .issuer = &root(),

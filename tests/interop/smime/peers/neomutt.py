@@ -1,4 +1,4 @@
-"""neomutt, with gpgsm behind it: a terminal is made for it, and keys are typed."""
+"""neomutt, with gpgsm or openssl behind it: a terminal is made for it, and keys are typed."""
 
 import fcntl
 import os
@@ -11,7 +11,7 @@ import termios
 import time
 
 import mail as mime
-from peers.base import Cannot, has
+from peers.base import Cannot, Peer, has
 from peers.gnupg import GnuPg
 
 CONFIGURATION = """
@@ -54,22 +54,16 @@ cat >"{work}/sent"
 """
 
 
-class NeoMutt(GnuPg):
-    name = "neomutt"
-    note = "through a terminal, with gpgsm behind it"
+class Terminal:
+    """The program in a terminal of its own."""
 
-    def missing(self):
-        return has("neomutt") or super().missing()
+    def program_version(self):
+        return re.search(r"NeoMutt (\S+)", self.succeeds(["neomutt", "-v"]).decode()).group(1)
 
-    def version(self):
-        said = self.succeeds(["neomutt", "-v"]).decode()
-        return re.search(r"NeoMutt (\S+)", said).group(1) + ", gpgsm " + super().version()
-
-    def prepare(self):
-        super().prepare()
+    def configure(self, more=""):
         work = self.setting.work
         (work / "mail").mkdir()
-        (work / "configuration").write_text(CONFIGURATION.format(work=work))
+        (work / "configuration").write_text(CONFIGURATION.format(work=work) + more)
         for name, text in (("keep", KEEP), ("send", SEND)):
             (work / name).write_text(text.format(work=work))
             (work / name).chmod(0o700)
@@ -111,38 +105,75 @@ class NeoMutt(GnuPg):
             self.fail("\n".join(line for line in lines if line.strip()).encode() or b"it ends without a mail")
         return wanted.read_bytes()
 
-    def write(self, sender, layers, part):
-        signs = [layer for layer in layers if layer.signs]
-        encrypts = [layer for layer in layers if not layer.signs]
-        if any(layer.opaque for layer in signs):
+    def check(self, layers):
+        """Whether there are options for layers like these."""
+        if any(layer.opaque for layer in layers if layer.signs):
             raise Cannot("no option to sign in any other form than multipart/signed")
         if len(layers) > 2 or (len(layers) == 2 and layers[-1].signs):
             raise Cannot("no option for layers in this order")
-        self.choose_for(layers)
+
+    def send(self, sender, layers, options, prompts=()):
+        """The mail that it sends, signed and encrypted by what `options` set."""
+        signs = [layer for layer in layers if layer.signs]
+        encrypts = [layer for layer in layers if not layer.signs]
         body = self.setting.work / "body"
         body.write_text(mime.TEXT, encoding="utf-8")
         arguments = ["-s", mime.SUBJECT, "-i", str(body), "-e", f"set from = {sender}@example.org"]
         arguments += ["-e", f"set crypt_autosign = {'yes' if signs else 'no'}"]
         arguments += ["-e", f"set crypt_autoencrypt = {'yes' if encrypts else 'no'}"]
-        if signs:
-            arguments += ["-e", f"set smime_sign_as = {signs[0].who}@example.org"]
+        for option in options:
+            arguments += ["-e", option]
         whom = encrypts[0].whom if encrypts else "bob"
-        typed = [(rb"To: ", b"\r"), (rb"Subject: ", b"\r"), (rb"y:Send", b"y")]
+        typed = [(rb"To: ", b"\r"), (rb"Subject: ", b"\r"), (rb"y:Send", b"y"), *prompts]
         return self._run([*arguments, f"{whom}@example.org"], typed, self.setting.work / "sent")
 
-    def read(self, mail, layers):
-        for layer in layers:
-            if not layer.signs:
-                self.need_key(layer.whom)
+    def show(self, mail, prompts=()):
+        """What it shows below the header."""
         start = b"From alice@example.org Mon Mar  2 10:00:00 2026\n"
         lines = re.sub(rb"(?m)^(>*From )", rb">\1", mail.replace(b"\r\n", b"\n"))
         (self.setting.work / "box").write_bytes(start + lines + b"\n")
         shown = self._run(
             ["-f", str(self.setting.work / "box"), "-e", 'push "<display-message><exit>"'],
-            [],
+            prompts,
             self.setting.work / "shown",
         ).decode("utf-8", "replace")
-        body = shown.split("\n\n", 2)[-1]  # after a line of its own, and the header
+        return shown.split("\n\n", 2)[-1]  # after a line of its own, and the header
+
+    def text_in(self, body, layers, notes):
+        """The text alone, as an entity. body: without what is told about signatures"""
+        text = re.sub(r"(?m)^\[-- .* --\]$", "", body).strip("\n") + "\n"
+        if layers[0].protects:  # it shows the field that was signed or encrypted above the text
+            text = text.removeprefix(f"Subject: {mime.SUBJECT}\n\n")
+        if not text.strip() and notes:
+            self.fail("; ".join(notes).encode())
+        return b"Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n" + text.encode()
+
+
+class NeoMutt(Terminal, GnuPg):
+    name = "neomutt"
+    note = "through a terminal, with gpgsm behind it"
+
+    def missing(self):
+        return has("neomutt") or super().missing()
+
+    def version(self):
+        return self.program_version() + ", gpgsm " + super().version()
+
+    def prepare(self):
+        super().prepare()
+        self.configure()
+
+    def write(self, sender, layers, part):
+        self.check(layers)
+        self.choose_for(layers)
+        signs = [layer for layer in layers if layer.signs]
+        return self.send(sender, layers, [f"set smime_sign_as = {layer.who}@example.org" for layer in signs[:1]])
+
+    def read(self, mail, layers):
+        for layer in layers:
+            if not layer.signs:
+                self.need_key(layer.whom)
+        body = self.show(mail)
         notes = re.findall(r"(?m)^\[-- (.*) --\]$", body)
         signatures = sum(layer.signs for layer in layers)
         judged = re.findall(r"(?ms)^\[-- Begin signature information --\]$(.*?)^\[-- End signature", body)
@@ -150,9 +181,79 @@ class NeoMutt(GnuPg):
         if len(judged) < signatures or any("Good signature from" not in one for one in judged) or "BAD" in told:
             self.fail((told or "; ".join(notes) or "it shows no signature").encode())
         text = re.sub(r"(?ms)^\[-- Begin signature information --\]$.*?^\[-- End signature[^\n]*$", "", body)
-        text = re.sub(r"(?m)^\[-- .* --\]$", "", text).strip("\n") + "\n"
-        if layers[0].protects:  # it shows the field that was signed or encrypted above the text
-            text = text.removeprefix(f"Subject: {mime.SUBJECT}\n\n")
-        if not text.strip() and notes:
-            self.fail("; ".join(notes).encode())
-        return b"Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n" + text.encode()
+        return self.text_in(text, layers, notes)
+
+
+OPENSSL_MODE = """
+source /etc/neomuttrc.d/smime.rc
+set crypt_use_gpgme = no
+set smime_ask_cert_label = no
+set smime_decrypt_use_default_key = yes
+set smime_timeout = 3600
+set smime_ca_location = "{root}"
+set smime_certificates = "{work}/certificates"
+set smime_keys = "{work}/keys"
+"""
+CIPHERS = {"des-ede3-cbc": "des3", "aes-128-cbc": "aes128", "aes-192-cbc": "aes192", "aes-256-cbc": "aes256"}
+
+
+class NeoMuttOpenSsl(Terminal, Peer):
+    """The commands that its package configures for openssl, and a folder of certificates and keys by their hashes."""
+
+    name = "neomutt (openssl)"
+    note = "through a terminal, with the commands of Debian's smime.rc behind it"
+    unknown = ("unsupported", "unknown cipher", "not supported", "invalid digest", "no default digest")
+
+    def missing(self):
+        rc = None if os.path.exists("/etc/neomuttrc.d/smime.rc") else "its smime.rc is not installed"
+        return has("neomutt", "openssl") or rc
+
+    def version(self):
+        return self.program_version() + ", openssl " + self.succeeds(["openssl", "version"]).decode().split()[1]
+
+    def prepare(self):
+        work = self.setting.work
+        self.configure(OPENSSL_MODE.format(work=work, root=self.setting.pem("root")))
+        for folder in ("certificates", "keys"):
+            (work / folder).mkdir(mode=0o700)
+        self.hashes = {}
+        for who in ("alice", "bob", "erin", "frank"):
+            printed = self.succeeds(["openssl", "x509", "-in", self.setting.pem(who), "-noout", "-hash"])
+            self.hashes[who] = name = printed.decode().strip() + ".0"
+            for folder, file in (("certificates", self.setting.pem(who)), ("keys", self.setting.key(who))):
+                with open(file, "rb") as octets:
+                    (work / folder / name).write_bytes(octets.read())
+                with open(work / folder / ".index", "a", encoding="ascii") as index:
+                    index.write(f"{who}@example.org {name} {who} ? t\n")
+
+    def write(self, sender, layers, part):
+        self.check(layers)
+        options, prompts = [], []
+        for layer in layers:
+            if layer.signs:
+                if layer.scheme == "pss":
+                    raise Cannot("no option to sign with PSS")
+                options.append(f"set smime_sign_as = {self.hashes[layer.who]}")
+                options.append(f"set smime_sign_digest_alg = {layer.digest or 'sha256'}")
+                prompts.append((rb"passphrase", b"x\r"))
+            else:
+                if layer.transport == "oaep":
+                    raise Cannot("no option to encrypt with OAEP")
+                options.append(f"set smime_encrypt_with = {CIPHERS.get(layer.cipher, layer.cipher)}")
+        return self.send(sender, layers, options, prompts)
+
+    def read(self, mail, layers):
+        encrypts = [layer for layer in layers if not layer.signs]
+        if encrypts:
+            name = self.hashes[encrypts[0].whom]
+            with open(self.setting.work / "configuration", "a", encoding="utf-8") as configuration:
+                configuration.write(f'set smime_default_key = "{name}"\n')
+        body = self.show(mail, [(rb"passphrase", b"x\r")] * len(encrypts))
+        told = re.findall(r"(?ms)^\[-- OpenSSL output follows[^\n]*$(.*?)^\[-- End of OpenSSL output --\]$", body)
+        notes = re.findall(r"(?m)^\[-- (.*) --\]$", body)
+        good = sum("Verification successful" in one for one in told)
+        if good < sum(layer.signs for layer in layers):
+            said = [line for one in told for line in one.splitlines() if line.strip()]
+            self.fail(("; ".join(said[-1:]) or "; ".join(notes) or "it shows no signature").encode())
+        text = re.sub(r"(?ms)^\[-- OpenSSL output follows.*?^\[-- End of OpenSSL output --\]$", "", body)
+        return self.text_in(text, layers, notes)

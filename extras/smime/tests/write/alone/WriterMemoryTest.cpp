@@ -1,9 +1,13 @@
-// What a mail costs beside its streams: the same memory, however long it is.
+// What a mail costs beside its streams, on its way out and back in: the same memory, however long it is.
 #include "../Generated.h"
 #include "../Writing.h"
 
+#include <norvcmsg/SwapBufferMediaOut.h>
+#include <norvcrypto-smime/SMimeReader.h>
+
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <malloc.h>
 #include <new>
 
@@ -100,6 +104,40 @@ TEST(SmimeWriterMemoryTest, IsTheSameForEveryLength) {
             EXPECT_LT(little, std::size_t{1} << 20U);
             EXPECT_LT(much, little + 4096);
         }
+    }
+}
+
+/// The most that reading takes at any moment, and the answer.
+std::pair<std::size_t, SMime::Answer> mostForReading(const SwapBufferMediaOut& mail, MediaOut& content) {
+    const CMS::KeyListLookup keys({pairOf(person("bob"))});
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    const std::size_t before = s_live;
+    s_most = before;
+    SMime::Answer answer = SMime::read(mail.in(), content, options);
+    return {s_most - before, answer};
+}
+
+TEST(SmimeWriterMemoryTest, AnAttachmentOfFiftyMegabytesGoesOutAndComesBack) {
+    ASSERT_TRUE(s_counting);
+    const std::string header = "Content-Type: application/octet-stream\r\nContent-Transfer-Encoding: base64\r\n\r\n";
+    const std::string place = (std::filesystem::temp_directory_path() / "fifty-XXXXXX").string();
+    for (const std::uint64_t length : {std::uint64_t{1} << 10U, std::uint64_t{50} << 20U}) {
+        SwapBufferMediaOut mail(0x10000, place.c_str());
+        const MediaIn in = generated(length, true);
+        const std::size_t before = s_live;
+        s_most = before;
+        SMime::signAndEncrypt(in, signedBy({&person("alice")}), encryptedFor({&person("bob")}), mail);
+        EXPECT_LT(s_most - before, std::size_t{1} << 20U);
+        EXPECT_GT(mail.length(), length * 4 / 3); // base64 once more
+
+        NullMediaOut content;
+        const auto [most, answer] = mostForReading(mail, content);
+        EXPECT_EQ(answer.verdict, SMime::Verdict::signatureGood) << answer.detail;
+        ASSERT_EQ(answer.layers.size(), 2U);
+        // All of it, lines of 63 letters with CRLF: what was signed fits.
+        EXPECT_EQ(content.tell(), header.size() + length + length / 64);
+        EXPECT_LT(most, std::size_t{1} << 20U);
     }
 }
 
