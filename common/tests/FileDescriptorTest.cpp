@@ -121,6 +121,7 @@ TEST_F(FileDescriptorTest, AStateTellsEveryChange) {
         --*part;
     }
     chmod(path("a").c_str(), 0600);
+    chmod(path("b").c_str(), 0640);
     EXPECT_NE(FileState(statusOf("a")).mode, FileState(statusOf("b")).mode);
     struct timespec times[] = {{1, 5}, {1, 7}};
     ASSERT_EQ(utimensat(AT_FDCWD, path("a").c_str(), times, 0), 0);

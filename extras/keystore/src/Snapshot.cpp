@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <tuple>
 #include <utility>
 
@@ -42,6 +43,10 @@ std::string keyOf(const std::string& pattern) {
     const auto domain = domainOf(pattern);
     const bool anyDomain = domain == pattern.size() || pattern.find_first_of(wildcards, domain) != std::string::npos;
     return anyDomain ? std::string() : domainKey(pattern);
+}
+
+std::size_t hashOf(const std::string& text) {
+    return std::hash<std::string>()(text);
 }
 
 bool isValidAt(const Entry::Leaf& leaf, std::time_t now) {
@@ -107,8 +112,9 @@ void Snapshot::indexPatterns() {
     m_byText.reserve(order.size());
     for (std::size_t rank = 0; rank < order.size(); ++rank) {
         m_precedence[rank] = {.entry = std::get<2>(order[rank]), .owner = std::get<1>(order[rank])};
-        m_byText[keyOf(patternAt(m_precedence[rank]).text())].push_back(rank);
+        m_byText.emplace_back(hashOf(keyOf(patternAt(m_precedence[rank]).text())), rank);
     }
+    std::sort(m_byText.begin(), m_byText.end());
 }
 
 const StringPattern& Snapshot::patternAt(const Place& place) const {
@@ -116,26 +122,28 @@ const StringPattern& Snapshot::patternAt(const Place& place) const {
 }
 
 template <class Visit> void Snapshot::eachMatch(const std::string& address, Visit visit) const {
-    static const Ranks none;
-    const auto filedUnder = [this](const std::string& key) -> const Ranks& {
-        const auto found = m_byText.find(key);
-        return found == m_byText.end() ? none : found->second;
-    };
-    const std::array<const Ranks*, 3> lists = {&filedUnder(wholeKey(address)), &filedUnder(domainKey(address)),
-                                               &filedUnder(std::string())};
-    std::array<std::size_t, 3> heads{};
+    using At = decltype(m_byText)::const_iterator;
+    const std::array hashes = {hashOf(wholeKey(address)), hashOf(domainKey(address)), hashOf(std::string())};
+    std::array<At, 3> heads{};
+    for (std::size_t i = 0; i < heads.size(); ++i) {
+        const auto* const before = std::find(hashes.begin(), hashes.end(), hashes.at(i));
+        heads.at(i) = before != &hashes.at(i) // two texts of one hash: each pattern is tried once
+                          ? m_byText.end()
+                          : std::lower_bound(m_byText.begin(), m_byText.end(), std::pair(hashes.at(i), std::size_t{0}));
+    }
     for (;;) {
-        std::size_t next = lists.size();
-        for (std::size_t i = 0; i < lists.size(); ++i) {
-            if (heads[i] < lists[i]->size() &&
-                (next == lists.size() || (*lists[i])[heads[i]] < (*lists[next])[heads[next]])) {
+        std::size_t next = heads.size();
+        for (std::size_t i = 0; i < heads.size(); ++i) {
+            const At at = heads.at(i);
+            if (at != m_byText.end() && at->first == hashes.at(i) &&
+                (next == heads.size() || at->second < heads.at(next)->second)) {
                 next = i;
             }
         }
-        if (next == lists.size()) {
+        if (next == heads.size()) {
             return;
         }
-        const std::size_t rank = (*lists[next])[heads[next]++];
+        const std::size_t rank = (heads.at(next)++)->second;
         if (patternAt(m_precedence[rank]).matches(address) && visit(rank)) {
             return;
         }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Norvane::Crypto::NVX509::keystore {
@@ -41,7 +42,6 @@ public:
     [[nodiscard]] std::shared_ptr<const DirectoryKeyStore::Contents> contents() const;
 
 private:
-    using Ranks = std::vector<std::size_t>;
     /// Indices of entries in their order, by what names their certificates.
     using Index = std::unordered_map<std::string, std::vector<std::size_t>>;
     /// A pattern: an entry's, by their indices.
@@ -69,8 +69,9 @@ private:
     FileDescriptor m_store;
     std::vector<std::shared_ptr<Entry>> m_entries; ///< by the bytes of their names
     std::vector<Place> m_precedence;               ///< all patterns, those first that win over the later ones
-    /// The patterns that can match at all: by the whole address, by its domain, and the rest under an empty text.
-    std::unordered_map<std::string, Ranks> m_byText;
+    /// Hashes of the texts that patterns are filed under, with their ranks: those that can match an address have the hash of
+    /// all of it, of its domain, or of the empty text. In one piece of memory, since there are hundreds of thousands.
+    std::vector<std::pair<std::size_t, std::size_t>> m_byText;
 
     mutable Mutex m_indexing; ///< guards the next one, which is made when somebody asks for a name
     mutable std::shared_ptr<const NameIndex> m_nameIndex;
