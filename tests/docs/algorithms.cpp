@@ -339,11 +339,9 @@ void pkcs12() {
         row({name, tried([&, number = cipher] {
                  const auto der = norvtest::pkcs12(
                      {.key = &rsa, .certificate = &rsa, .keyCipher = number, .certificateCipher = number});
-                 MemoryBIO bio(bufferOf(std::string(der.begin(), der.end())));
-                 PKCS12::Store store(bio);
-                 store.read("secret");
-                 const auto owned = NVX509::CertificateFactory()(store.certificate(), true);
-                 return sameEncoding(owned, certificateOf(rsa));
+                 const auto store = norvtest::storeOf(der);
+                 store->read("secret");
+                 return sameEncoding(norvtest::owned(*store), certificateOf(rsa));
              })});
     }
 }
