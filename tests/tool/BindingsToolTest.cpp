@@ -1,6 +1,7 @@
 // norvcrypt bindings: whom a store serves and why, what should be mended in it, and what hostile stores do to both; and
 // the commands that take their certificates and keys from a store.
 
+#include "support/Refusals.h"
 #include "support/ToolTest.h"
 
 #include <nlohmann/json.hpp>

@@ -1,5 +1,6 @@
 // norvcrypt decrypt: identities in every form, what is told of each recipient, and that nothing half decrypted stays.
 
+#include "support/Refusals.h"
 #include "support/ToolTest.h"
 
 #include <sys/stat.h>

@@ -1,6 +1,7 @@
 // norvcrypt sign: certificates, keys, passphrases and digests in every form, and what is wrong with them.
 
 #include "support/Costly.h"
+#include "support/Refusals.h"
 #include "support/SigningToolTest.h"
 
 using namespace interop;
