@@ -221,7 +221,7 @@ TEST_F(DocumentedCommands, ManualPagesAreProper) {
     for (const auto& entry : fs::directory_iterator(s_work->path("norvcrypt-demo/manual")))
         if (entry.path().extension() == ".1")
             pages.push_back(entry.path().filename());
-    EXPECT_EQ(28U, pages.size());
+    EXPECT_EQ(29U, pages.size());
     // The same source: what the help says of an option is in the page.
     const std::string page = s_work->read("norvcrypt-demo/manual/norvcrypt-tls-connect.1");
     EXPECT_NE(std::string::npos, page.find("\n.B \"\\-\\-require\\-trust\"\nCopy nothing and answer 1 unless"));
