@@ -313,10 +313,14 @@ TEST_F(InspectToolTest, TextHasALineForEachValue) {
     EXPECT_EQ("  serial: 2001", lines.at(3));
     EXPECT_EQ("  sha256: " + alice().certificate.sha256(), lines.at(6));
     EXPECT_EQ("  selfSigned: false", lines.at(7));
-    EXPECT_EQ("  keyUsage: digitalSignature", lines.at(9));
-    EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(10));
-    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(11));
-    EXPECT_EQ("  emails: alice@example.org", lines.at(12));
+    EXPECT_EQ("  publicKey:", lines.at(9));
+    EXPECT_EQ("    algorithm: RSA", lines.at(10));
+    EXPECT_EQ("    bits: 2048", lines.at(11));
+    EXPECT_EQ("  signatureAlgorithm: sha256WithRSAEncryption", lines.at(12));
+    EXPECT_EQ("  keyUsage: digitalSignature", lines.at(13));
+    EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(14));
+    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(15));
+    EXPECT_EQ("  emails: alice@example.org", lines.at(16));
 }
 
 TEST_F(InspectToolTest, NegativeSerialNumberIsToldAndTheRestGoesOn) {

@@ -102,7 +102,9 @@ TEST_F(Rfc4134ToolTest, RecipientByAKeyThatBothSidesHave) {
     EXPECT_EQ("4d61696c4c697374524332", object["recipients"][1]["keyIdentifier"]);
     const Answer answer = verify("5.2.bin");
     EXPECT_EQ(2, answer.status);
-    EXPECT_EQ("norvcrypt: " + *rfc4134("5.2.bin") + " holds no signature but pkcs7-envelopedData\n", answer.err);
+    EXPECT_EQ("norvcrypt: " + *rfc4134("5.2.bin") +
+                  " holds no signature but pkcs7-envelopedData, which norvcrypt decrypt reads\n",
+              answer.err);
 }
 
 TEST_F(Rfc4134ToolTest, StructuresBeyondPkcs7AreRefused) {
