@@ -30,13 +30,6 @@ protected:
         EXPECT_EQ(before, work.names());
     }
 
-    /// The same, but that the answer is no.
-    void expectRefusal(Answer answer, const std::string& text) {
-        EXPECT_EQ(1, answer.status);
-        answer.status = 2;
-        expectFailure(answer, text);
-    }
-
     Workspace work;
     std::vector<std::string> before;
 };

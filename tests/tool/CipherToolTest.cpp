@@ -132,28 +132,25 @@ Answer decryptedToFile(const std::string& content, const std::string& key, const
     return answer;
 }
 
-void expectRefused(const Answer& answer, const std::string& reason) {
+void expectRefused(const Answer& answer) {
     EXPECT_EQ(1, answer.status);
     EXPECT_EQ("", answer.out);
-    EXPECT_EQ(1U, linesOf(answer.err).size()) << answer.err;
-    EXPECT_EQ(0U, answer.err.find("norvcrypt: cannot decrypt secret, the key is wrong or the bytes are damaged: "))
-        << answer.err;
-    EXPECT_NE(std::string::npos, answer.err.find(reason)) << answer.err;
+    EXPECT_EQ("norvcrypt: cannot decrypt secret: the key is wrong or the bytes are damaged\n", answer.err);
 }
 
 TEST(CipherToolTest, AWrongKeyIsRefusedAndLeavesNoFile) {
     const std::string secret = ours("encrypt", aes128, bodyOf(5000)).out;
-    expectRefused(decryptedToFile(secret, "2b7e151628aed2a6abf7158809cf4f3d"), "bad decrypt");
-    expectRefused(decryptedToFile(secret, "2b7e151628aed2a6abf7158809cf4f3d", "what was there"), "bad decrypt");
+    expectRefused(decryptedToFile(secret, "2b7e151628aed2a6abf7158809cf4f3d"));
+    expectRefused(decryptedToFile(secret, "2b7e151628aed2a6abf7158809cf4f3d", "what was there"));
 }
 
 TEST(CipherToolTest, DamagedPaddingAndCutBytesAreRefusedAndLeaveNoFile) {
     std::string secret = ours("encrypt", aes128, bodyOf(15)).out; // padding: 01
     secret += secret;                                             // now the end of another chain
-    expectRefused(decryptedToFile(secret, keyOf(aes128)), "bad decrypt");
+    expectRefused(decryptedToFile(secret, keyOf(aes128)));
     secret.resize(17);
-    expectRefused(decryptedToFile(secret, keyOf(aes128)), "wrong final block length");
-    expectRefused(decryptedToFile("", keyOf(aes128)), "wrong final block length");
+    expectRefused(decryptedToFile(secret, keyOf(aes128)));
+    expectRefused(decryptedToFile("", keyOf(aes128)));
 }
 
 TEST(CipherToolTest, BadUsageIsToldAndRepeatsNoKey) {

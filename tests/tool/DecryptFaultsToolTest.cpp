@@ -194,7 +194,7 @@ TEST_F(DecryptFaultsToolTest, MailsAndBase64AreTakenAsTheyAre) {
 TEST_F(DecryptFaultsToolTest, StructuresThatAreNotEncrypted) {
     ASSERT_EQ(0, tool({"sign", "--cert", "alice.pem", "--key", "alice.key", "--out", "msg"}, body).status);
     expectFailure(decrypt({"--out", "out"}),
-                  "norvcrypt: msg holds no encrypted body but what norvcrypt verify reads\n");
+                  "norvcrypt: msg holds no encrypted body but what norvcrypt verify reads: ");
 }
 
 TEST_F(DecryptFaultsToolTest, SoundMessagesThatNeedMoreAreNamedAndNotCalledDamaged) {
@@ -276,7 +276,7 @@ TEST_F(DecryptFaultsToolTest, LongBodyIsHeldBackInAFileThatDoesNotStay) {
     };
     EXPECT_TRUE(longBody == in("spool").out);
     EXPECT_TRUE(std::filesystem::is_empty(work.path("spool")));
-    expectFailure(in("none"), "SwapBufferMediaOut::write");
+    expectFailure(in("none"), "cannot make a temporary file from ");
 }
 
 TEST_F(DecryptFaultsToolTest, PlacesThatCannotBeWrittenTo) {

@@ -1,5 +1,6 @@
 // norvcrypt decrypt: identities in every form, what is told of each recipient, and that nothing half decrypted stays.
 
+#include "support/Refusals.h"
 #include "support/ToolTest.h"
 
 #include <sys/stat.h>
@@ -224,8 +225,7 @@ TEST_F(DecryptToolTest, Pkcs12FilesThatCannotBeUsed) {
         return decrypt({"--p12", file, "--passphrase-file", passphrase, "--in", "msg", "--out", "out"});
     };
     expectRefusal(with("alice.p12", "wrong"), "norvcrypt: wrong passphrase for alice.p12\n");
-    expectFailure(with("alice.pem", "pass"),
-                  "no PKCS#12 structure in alice.pem: it holds a certificate\n");
+    expectFailure(with("alice.pem", "pass"), "no PKCS#12 structure in alice.pem: it holds a certificate\n");
     expectFailure(with("none", "pass"), "cannot open none: No such file or directory");
     expectFailure(with("alice.p12", "none"), "cannot open none: No such file or directory");
     exportPkcs12("alice", {"-nokeys"});

@@ -64,10 +64,10 @@ TEST_F(InspectToolTest, CertificateHasEveryKeyInOrder) {
     work.write("full", full.certificate.der);
     const Answer answer = inspect({"--json", "full"});
     EXPECT_EQ(0, answer.status);
-    EXPECT_EQ(
-        (std::vector<std::string>{"file", "type", "subject", "issuer", "serial", "notBefore", "notAfter", "sha256",
-                                  "selfSigned", "ca", "keyUsage", "emails", "dns", "uris", "crlDistributionPoints"}),
-        keysOf(answer.out));
+    EXPECT_EQ((std::vector<std::string>{"file", "type", "subject", "issuer", "serial", "notBefore", "notAfter",
+                                        "sha256", "selfSigned", "ca", "publicKey", "signatureAlgorithm", "keyUsage",
+                                        "emails", "dns", "uris", "crlDistributionPoints"}),
+              keysOf(answer.out));
     const json object = json::parse(answer.out).at(0);
     EXPECT_EQ("full", object["file"]);
     EXPECT_EQ("certificate", object["type"]);
@@ -91,7 +91,7 @@ TEST_F(InspectToolTest, AbsentValuesAreLeftOut) {
     work.write("bare", bare.certificate.pem());
     const Answer answer = inspect({"--json", "bare"});
     EXPECT_EQ((std::vector<std::string>{"file", "type", "subject", "issuer", "serial", "notBefore", "notAfter",
-                                        "sha256", "selfSigned", "ca"}),
+                                        "sha256", "selfSigned", "ca", "publicKey", "signatureAlgorithm"}),
               keysOf(answer.out));
     const json object = json::parse(answer.out).at(0);
     EXPECT_EQ("01", object["serial"]);
@@ -122,8 +122,8 @@ TEST_F(InspectToolTest, ListHasEveryKeyInOrder) {
             work.write("list", list.der);
         const Answer answer = inspect({"--json", "list"});
         EXPECT_EQ(0, answer.status) << answer.err;
-        EXPECT_EQ((std::vector<std::string>{"file", "type", "issuer", "thisUpdate", "nextUpdate", "crlNumber", "delta",
-                                            "entries", "sha256"}),
+        EXPECT_EQ((std::vector<std::string>{"file", "type", "issuer", "thisUpdate", "nextUpdate", "crlNumber",
+                                            "signatureAlgorithm", "delta", "entries", "sha256", "revoked"}),
                   keysOf(answer.out));
         const json object = json::parse(answer.out).at(0);
         EXPECT_EQ("crl", object["type"]);
@@ -313,10 +313,14 @@ TEST_F(InspectToolTest, TextHasALineForEachValue) {
     EXPECT_EQ("  serial: 2001", lines.at(3));
     EXPECT_EQ("  sha256: " + alice().certificate.sha256(), lines.at(6));
     EXPECT_EQ("  selfSigned: false", lines.at(7));
-    EXPECT_EQ("  keyUsage: digitalSignature", lines.at(9));
-    EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(10));
-    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(11));
-    EXPECT_EQ("  emails: alice@example.org", lines.at(12));
+    EXPECT_EQ("  publicKey:", lines.at(9));
+    EXPECT_EQ("    algorithm: RSA", lines.at(10));
+    EXPECT_EQ("    bits: 2048", lines.at(11));
+    EXPECT_EQ("  signatureAlgorithm: sha256WithRSAEncryption", lines.at(12));
+    EXPECT_EQ("  keyUsage: digitalSignature", lines.at(13));
+    EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(14));
+    EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(15));
+    EXPECT_EQ("  emails: alice@example.org", lines.at(16));
 }
 
 TEST_F(InspectToolTest, NegativeSerialNumberIsToldAndTheRestGoesOn) {
@@ -444,7 +448,7 @@ TEST_F(InspectToolTest, UnknownContent) {
     work.write("sequence", fromHex("3003020105"));
     expectUnreadable("sequence", "sequence: no certificate, list, key or CMS structure, or a malformed one\n");
     work.write("request", pem("CERTIFICATE REQUEST", fromHex("3000")));
-    expectUnreadable("request", "request: a PEM block of the unknown kind CERTIFICATE REQUEST\n");
+    expectUnreadable("request", "request: malformed certificate request: it is damaged or cut off");
     expectUnreadable("none", "cannot open none: No such file or directory\n");
     expectUnreadable(".", "cannot read .: Is a directory\n");
 }

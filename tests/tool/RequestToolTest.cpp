@@ -1,5 +1,6 @@
 // norvcrypt request and genkey by kind, judged by the openssl program; what inspect says of requests, lists and encodings.
 
+#include "support/Costly.h"
 #include "support/ToolTest.h"
 
 #include <nlohmann/json.hpp>
@@ -67,6 +68,19 @@ TEST_F(RequestToolTest, EachKindOfKeyAsksAndOpensslAgrees) {
     const json facts = json::parse(tool({"inspect", "request.der", "changed.der", "--json"}).out);
     EXPECT_EQ(true, facts.at(0).at("signedWithItsKey"));
     EXPECT_EQ(false, facts.at(1).at("signedWithItsKey"));
+}
+
+/// Decoding such a key takes a quarter of a second before anybody is asked.
+TEST_F(RequestToolTest, RequestsThatCostTooMuchAreRefused) {
+    namespace der = norvauthority::der;
+    const norvauthority::Bytes algorithm = der::sequence({der::oid("1.2.840.10045.4.3.2")});
+    const norvauthority::Bytes body =
+        der::sequence({der::integer("0"), norvauthority::Name{{"CN", "x"}}.der(),
+                       norvtest::explicitIdentity().key.publicDer(), der::element(der::contextConstructed(0), {})});
+    work.write("request", der::sequence({body, algorithm, der::bitString({1})}));
+    const Answer answer = tool({"inspect", "request"});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ("norvcrypt: request: certificate request refused: explicit elliptic curve parameters\n", answer.err);
 }
 
 TEST_F(RequestToolTest, FromAKeyThatThereIs) {
@@ -229,8 +243,9 @@ TEST_F(RequestToolTest, JsonIsAsDocumented) {
         0, tool({"encrypt", "--to", "bob.pem", "alice.pem", "--password-file", "pass", "--in", "body", "--out", "msg"})
                .status);
 
+    work.write("bob.key", bob().key.pkcs8Pem());
     const Answer decrypted =
-        tool({"decrypt", "--cert", "alice.pem", "--key", "alice.key", "--in", "msg", "--out", "clear", "--json"});
+        tool({"decrypt", "--cert", "bob.pem", "--key", "bob.key", "--in", "msg", "--out", "clear", "--json"});
     ASSERT_EQ(0, decrypted.status) << decrypted.err;
     EXPECT_EQ("", decrypted.err);
     EXPECT_EQ(sampleBody(), work.read("clear"));
@@ -242,7 +257,7 @@ TEST_F(RequestToolTest, JsonIsAsDocumented) {
         expectKeys(one, {"kind", "outcome", "text"}, {"identifier", "keyFile", "certificateSha256"});
     EXPECT_EQ("no-key", report.at("recipients").at(0).at("outcome"));
     EXPECT_EQ("decrypted", report.at("recipients").at(1).at("outcome"));
-    EXPECT_EQ("alice.key", report.at("recipients").at(1).at("keyFile"));
+    EXPECT_EQ("bob.key", report.at("recipients").at(1).at("keyFile"));
     EXPECT_EQ(2, tool({"decrypt", "--cert", "alice.pem", "--key", "alice.key", "--in", "msg", "--json"}).status);
 
     const Answer digested = tool({"digest", "body", "nothing", "alice.pem", "--json"});

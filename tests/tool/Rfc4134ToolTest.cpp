@@ -80,7 +80,7 @@ TEST_F(Rfc4134ToolTest, SecondSignerWithInheritedParametersIsNotSupported) {
 TEST_F(Rfc4134ToolTest, StructureWithoutSignerIsNoVerdictInFavour) {
     const Answer answer = verify("4.11.bin");
     EXPECT_EQ(1, answer.status);
-    EXPECT_EQ("no signer\n", answer.out);
+    EXPECT_EQ("no signer: the structure holds certificates alone, which norvcrypt inspect shows\n", answer.out);
     EXPECT_EQ("", answer.err);
 }
 
@@ -102,7 +102,9 @@ TEST_F(Rfc4134ToolTest, RecipientByAKeyThatBothSidesHave) {
     EXPECT_EQ("4d61696c4c697374524332", object["recipients"][1]["keyIdentifier"]);
     const Answer answer = verify("5.2.bin");
     EXPECT_EQ(2, answer.status);
-    EXPECT_EQ("norvcrypt: " + *rfc4134("5.2.bin") + " holds no signature but pkcs7-envelopedData\n", answer.err);
+    EXPECT_EQ("norvcrypt: " + *rfc4134("5.2.bin") +
+                  " holds no signature but pkcs7-envelopedData, which norvcrypt decrypt reads\n",
+              answer.err);
 }
 
 TEST_F(Rfc4134ToolTest, StructuresBeyondPkcs7AreRefused) {
@@ -155,8 +157,9 @@ TEST_F(Rfc4134ToolTest, BobDecryptsHisMessage) {
     };
     const Answer answer = decrypt("BobRSASignByCarl.cer", "BobPrivRSAEncrypt.pri");
     EXPECT_EQ(0, answer.status) << answer.err;
-    EXPECT_EQ(0U, answer.err.find("norvcrypt: recipient 1, issuer CN=CarlRSA serial number "
-                                  "46346bc7800056bc11d36e2ecd5d71d0: decrypted with the key in "))
+    // A warning of the sample's mode may stand in front.
+    EXPECT_NE(std::string::npos, answer.err.find("norvcrypt: recipient 1, issuer CN=CarlRSA serial number "
+                                                 "46346bc7800056bc11d36e2ecd5d71d0: decrypted with the key in "))
         << answer.err;
     EXPECT_EQ("This is some sample content.", work.read("out"));
     const Answer refused = decrypt("AliceRSASignByCarl.cer", "AlicePrivRSASign.pri");

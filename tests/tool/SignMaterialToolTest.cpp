@@ -1,6 +1,7 @@
 // norvcrypt sign: certificates, keys, passphrases and digests in every form, and what is wrong with them.
 
 #include "support/Costly.h"
+#include "support/Refusals.h"
 #include "support/SigningToolTest.h"
 
 using namespace interop;
@@ -205,8 +206,7 @@ TEST_F(SignMaterialToolTest, DamagedCertificateAndKey) {
     expectFailure(sign({"--in", "body", "--out", "sig"}), "alice.pem: malformed: it ends before its announced length");
     work.write("alice.pem", alice().certificate.pem());
     work.write("alice.key", norvauthority::pem("PRIVATE KEY", {0x30, 0x03, 0x02, 0x01, 0x05}));
-    expectFailure(sign({"--in", "body", "--out", "sig"}),
-                  "cannot read the private key in alice.key: ");
+    expectFailure(sign({"--in", "body", "--out", "sig"}), "cannot read the private key in alice.key: ");
 }
 
 TEST_F(SignMaterialToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {

@@ -1,5 +1,6 @@
 // norvcrypt smime sign, encrypt and sign-encrypt: the openssl program reads what they write.
 
+#include "support/Refusals.h"
 #include "support/ToolTest.h"
 
 #include <gmock/gmock.h>

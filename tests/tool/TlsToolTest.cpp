@@ -301,7 +301,7 @@ TEST_F(TlsToolTest, AnEncryptedKeyNeedsItsPassphrase) {
 }
 
 TEST_F(TlsToolTest, BadUsageIsToldOnOneLine) {
-    expectFailure(timed({norvtest::norvcryptProgram, "tls"}), "A subcommand is required");
+    expectFailure(timed({norvtest::norvcryptProgram, "tls"}), "a command is missing: connect, serve or check");
     expectFailure(timed({norvtest::norvcryptProgram, "tls", "serve", "0"}), "--cert is required");
     expectFailure(timed({norvtest::norvcryptProgram, "tls", "connect", "localhost:1", "--cert", "good.pem"}),
                   "--cert requires --key");

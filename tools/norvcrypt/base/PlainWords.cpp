@@ -14,6 +14,7 @@ namespace {
 
 bool allIsTold = false;
 
+constexpr const char* unexplained = "--debug tells why";
 constexpr const char* damaged = "it is damaged or cut off, or no such thing";
 
 /// OpenSSL's reasons, or how they begin, and what they mean to whoever gave the file. The first line that fits one of
@@ -99,7 +100,7 @@ std::string meaningOf(const std::vector<std::string_view>& reasons) {
     for (const std::string_view reason : reasons)
         if (const std::size_t alert = reason.find("alert "); alert != std::string_view::npos)
             return "the peer gave up: " + std::string(reason.substr(alert + 6));
-    return "--debug tells why";
+    return unexplained;
 }
 
 /// Without blanks and marks of a list at the end.
@@ -149,7 +150,10 @@ std::string inPlainWords(const std::string& text) {
         plain = damaged + plain.substr(decoder.size());
     if (reasons.empty() || plain == damaged)
         return plain;
-    return (plain.empty() ? "" : plain + ": ") + meaningOf(reasons);
+    std::string meaning = meaningOf(reasons);
+    if (meaning == unexplained && text.find("asn1 encoding routines") != std::string::npos)
+        meaning = damaged;
+    return (plain.empty() ? "" : plain + ": ") + meaning;
 }
 
 std::string inPlainWords(const Norvane::Exception& failure) {
@@ -161,9 +165,11 @@ std::string inPlainWords(const Norvane::Exception& failure) {
             plain += (plain.empty() ? "" : ": ") + one;
     if (!plain.empty())
         return plain;
+    if (failure.where().find("initializeEncryptionContext") != std::string::npos)
+        return "the cipher is not supported here (IDEA needs libgcrypt)";
     // Some say what happened behind the name of the function.
     const std::size_t said = failure.where().find(" - ");
-    return said == std::string::npos ? "--debug tells why" : trimmed(failure.where().substr(said + 3));
+    return said == std::string::npos ? "it failed: --debug tells why" : trimmed(failure.where().substr(said + 3));
 }
 
 } // namespace norvcrypt

@@ -65,8 +65,10 @@ Exit cipher(const CipherOptions& options) {
         try {
             transform(decrypter, out, options.in, inputs, "decrypting");
         } catch (const Norvane::Exception& failure) {
-            reportError("cannot decrypt " + inputName(options.in) +
-                        ", the key is wrong or the bytes are damaged: " + inPlainWords(failure));
+            if (failure.where().find("initialize") != std::string::npos)
+                throw; // the cipher is not there
+            reportError("cannot decrypt " + inputName(options.in) + ": the key is wrong or the bytes are damaged" +
+                        (tellsAll() ? ": " + failure.asString() : ""));
             return Exit::refused;
         }
     }

@@ -51,7 +51,7 @@ Host hostOf(const std::string& where) {
     if (inBrackets)
         host.name = host.name.substr(1, host.name.size() - 2);
     if (error != std::errc() || last != end || host.port == 0 || host.name.empty() || isAmbiguous)
-        throw Failure("not a host and port: " + where + " (write it as mail.example.org:465 or [::1]:465)");
+        throw Failure("not a host and port: " + where + " (write it as mail.example.org:465)");
     return host;
 }
 

@@ -25,9 +25,14 @@ OwnIdentity fromPkcs12(const std::string& path, const Passphrase& passphrase, In
     return {content->certificate, content->key, inputName(path)};
 }
 
+/// False for a file that cannot be read, too: what was wrong with the other one is told then.
 bool holds(Inputs& inputs, const std::string& path, ObjectKind kind) {
-    const std::vector<FoundObject> objects = objectsIn(inputs.readAll(path, true));
-    return std::ranges::any_of(objects, [kind](const FoundObject& one) { return one.kind == kind; });
+    try {
+        const std::vector<FoundObject> objects = objectsIn(inputs.readAll(path, true));
+        return std::ranges::any_of(objects, [kind](const FoundObject& one) { return one.kind == kind; });
+    } catch (const Failure&) {
+        return false;
+    }
 }
 
 /// Those of --cert. Whoever mixed the two options up is told so.

@@ -83,6 +83,7 @@ void loadIdentity(const NVSSL::RefContext& context, const TlsFiles& files) {
 void loadTrust(SSL_CTX* context, const TlsFiles& files, TlsSide side) {
     ERR_clear_error();
     if (files.ca) {
+        static_cast<void>(Inputs().open(*files.ca)); // OpenSSL tells of no file only that it is none
         if (SSL_CTX_load_verify_file(context, files.ca->c_str()) != 1)
             throw Failure("cannot read the trusted certificates in " + *files.ca + ": " + openSslReasons());
         if (side == TlsSide::server)
