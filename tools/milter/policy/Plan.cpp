@@ -2,6 +2,7 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
+#include <norvcmsg/Time.h>
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
@@ -50,6 +51,14 @@ bool mayUse(const Config& config, const Envelope& envelope, const std::vector<st
                        rule.from, [&](const Norvane::StringPattern& pattern) { return pattern.matches(address); });
                });
     });
+}
+
+/// As `ValidityPeriod::valid`, which would write a line of its own into the log.
+bool isValidNow(const NVX509::RefCertificate& certificate) {
+    const auto& begin = certificate->validityPeriod().notBefore();
+    const auto& end = certificate->validityPeriod().notAfter();
+    const Norvane::Time now = Norvane::Time::now();
+    return !begin.isNull() && !end.isNull() && !(now < begin->asTime()) && !(end->asTime() < now);
 }
 
 class Planner {
@@ -153,7 +162,7 @@ private:
         }
         if (!mayUse(m_config, m_envelope, m_people.from))
             return refuseMismatch(from);
-        if (!pair->certificate->validityPeriod().valid(0)) {
+        if (!isValidNow(pair->certificate)) {
             m_isKeyMissing = true;
             m_plan.whyUnsigned = "the certificate to sign with for " + escapeForDisplay(from) + " is not valid now";
             return;
@@ -181,13 +190,15 @@ private:
     void makeGroups(Protection protection) {
         using Key = std::tuple<bool, bool, bool, bool, bool, int, int, bool, std::size_t>;
         std::map<Key, std::size_t> places;
+        std::map<std::string, std::size_t> firsts; // an address may stand twice among the recipients
         bool isSplittable = true;
         for (std::size_t index = 0; index < m_plan.recipients.size(); ++index) {
             const RecipientPlan& recipient = m_plan.recipients[index];
             const Group wanted = groupOf(recipient, protection);
             const OutgoingRule& rule = *wanted.rule;
             // What a message is encrypted to tells the others of whoever is hidden from them.
-            const std::size_t alone = recipient.hidden && wanted.encrypt ? index + 1 : 0;
+            const std::size_t own = firsts.try_emplace(recipient.address, index + 1).first->second;
+            const std::size_t alone = recipient.hidden && wanted.encrypt ? own : 0;
             const Key key{wanted.sign,
                           wanted.encrypt,
                           wanted.sign && rule.pss,
