@@ -42,9 +42,11 @@ anchors = ["roots.pem"]
 [outgoing]
 submit = "smtp://127.0.0.1:9"
 [[outgoing.rule]]
+name = "must"
 recipient = "*@must.example"
 encrypt = "must"
 [[outgoing.rule]]
+name = "others"
 sign = "possible"
 encrypt = "possible"
 [incoming]
