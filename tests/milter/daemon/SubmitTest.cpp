@@ -41,7 +41,7 @@ std::pair<std::string, bool> failureOf(const SubmitTo& where, const std::vector<
 TEST(MilterSubmit, OneMessageForSeveral) {
     FakeSmtp server;
     submit(to(server), {submission("anna@a.example", {"bert@b.example", "\"c >d\"@c.example"}, shortMessage)});
-    EXPECT_THAT(server.commands(),
+    EXPECT_THAT(server.commandsUntilQuit(),
                 ElementsAre("EHLO mx.a.example", "MAIL FROM:<anna@a.example> SIZE=15 BODY=8BITMIME",
                             "RCPT TO:<bert@b.example>", "RCPT TO:<\"c >d\"@c.example>", "DATA", "QUIT"));
     EXPECT_THAT(server.messages(), ElementsAre(shortMessage));
@@ -50,12 +50,24 @@ TEST(MilterSubmit, OneMessageForSeveral) {
 TEST(MilterSubmit, AllAreAskedForBeforeTheFirstIsSent) {
     FakeSmtp server;
     submit(to(server), {submission("", {"b@b.example"}, shortMessage), submission("", {"c@c.example"}, shortMessage)});
-    EXPECT_THAT(server.commands(),
+    EXPECT_THAT(server.commandsUntilQuit(),
                 ElementsAre("EHLO mx.a.example", "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<b@b.example>", "RSET",
                             "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<c@c.example>", "RSET",
                             "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<b@b.example>", "DATA",
                             "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<c@c.example>", "DATA", "QUIT"));
     EXPECT_EQ(2U, server.messages().size());
+}
+
+TEST(MilterSubmit, ManyAreAskedForOverSeveralConnections) {
+    // A server that counts as Postfix does: a hundred RSET without a message, and it hangs up.
+    int resets = 0;
+    FakeSmtp server([&](const std::string& said) {
+        if (said.starts_with("EHLO") || said == "(message)")
+            resets = 0;
+        return said == "RSET" && ++resets > 100 ? std::string() : FakeSmtp::usual(said);
+    });
+    submit(to(server), std::vector<Submission>(230, submission("", {"b@b.example"}, shortMessage)));
+    EXPECT_EQ(230U, server.messages().size());
 }
 
 TEST(MilterSubmit, DotsAndLineEnds) {

@@ -51,6 +51,16 @@ public:
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_commands;
     }
+    /// Until the last one came, which nobody waits for.
+    [[nodiscard]] std::vector<std::string> commandsUntilQuit() const {
+        for (int waited = 0; waited < 2000; ++waited) {
+            std::vector<std::string> now = commands();
+            if (!now.empty() && now.back() == "QUIT")
+                return now;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return commands();
+    }
     /// As they were sent, dots and all, without the last line.
     [[nodiscard]] std::vector<std::string> messages() const {
         const std::lock_guard<std::mutex> guard(m_mutex);
@@ -103,7 +113,7 @@ private:
                 m_commands.push_back(command);
             }
             const std::string answer = m_answer(command);
-            if (!say(client, answer))
+            if (!say(client, answer) || command == "QUIT")
                 return;
             if (command == "DATA" && answer.starts_with("354") && !takeMessage(client))
                 return;
