@@ -1,11 +1,10 @@
-#!/usr/bin/env python3
 """Bodies of every kind on their whole way: signed and encrypted by the first host's filter, opened by the second's."""
 
 import email
 import email.policy
 import random
 
-from checks import RECIPIENT, SENDER, Case, mail, main
+from checks import RECIPIENT, SENDER, Case, mail
 
 
 class Bodies(Case):
@@ -112,7 +111,3 @@ class Bodies(Case):
         lines = [b"%08d %s\r\n" % (number, b"x" * 60) for number in range(1000)]
         body = b"".join(lines) * (40_000_000 // sum(map(len, lines)))
         self.same("forty megabytes", body, ["Content-Type: text/plain"], recipients=(RECIPIENT,), seconds=120)
-
-
-if __name__ == "__main__":
-    main()

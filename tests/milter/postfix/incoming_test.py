@@ -1,7 +1,6 @@
-#!/usr/bin/env python3
 """What becomes of mail that comes in: made by the openssl program, sent straight to the receiving host."""
 
-from checks import RECIPIENT, SENDER, Case, mail, main
+from checks import RECIPIENT, SENDER, Case, mail
 
 TEXT = b"Content-Type: text/plain; charset=utf-8\r\n\r\nThe price is 100 euros.\r\n"
 
@@ -162,7 +161,3 @@ class Incoming(Case):
         finally:
             filter_.settings.change("trust", lists=[], revocation="none")
             self.world.reconfigure(filter_)
-
-
-if __name__ == "__main__":
-    main()

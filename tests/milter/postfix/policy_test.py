@@ -1,9 +1,8 @@
-#!/usr/bin/env python3
 """What becomes of outgoing mail, by rule, sender and recipient: every cell, and several recipients in one message."""
 
 import itertools
 
-from checks import SENDER, Case, mail, main
+from checks import SENDER, Case, mail
 from rig.gateway import USER
 from rig.people import keep
 
@@ -193,7 +192,7 @@ class Direction(Case):
     def prepare(cls):
         cls.world.outgoing.settings.direction = [
             {"listener": "OUT", "direction": "outgoing"},
-            {"listener": "LOGIN", "networks": ["192.0.2.0/24", "2001:db8::/32"], "direction": "outgoing"},
+            {"listener": "LOGIN", "networks": ["192.0.2.0/24", "198.51.100.128/25"], "direction": "outgoing"},
             {"listener": "LOGIN", "networks": ["203.0.113.0/24"], "direction": "ignore"},
             {"authenticated": "*", "direction": "outgoing"}]
         cls.world.outgoing.settings.rules = [{"name": "all", "sign": "possible", "encrypt": "never"}]
@@ -217,7 +216,7 @@ class Direction(Case):
     def test_the_network(self):
         self.assertEqual("signed", self.go("by network", "ADDR=192.0.2.7"))
         self.assertEqual("clear", self.go("by no network", "ADDR=198.51.100.7"))
-        self.assertEqual("signed", self.go("by network 6", "ADDR=IPV6:2001:db8::7"))
+        self.assertEqual("signed", self.go("by another network", "ADDR=198.51.100.135"))
         self.assertEqual("clear", self.go("ignored", "ADDR=203.0.113.7"))
 
     def test_the_user(self):
@@ -232,7 +231,3 @@ class Direction(Case):
         data = mail.compose(SENDER, "recipient@b.example", "forged from")
         mail.send(self.world.in_port, SENDER, "recipient@b.example", data)
         self.assertEqual(data, self.arrived("recipient@b.example", "forged from"))
-
-
-if __name__ == "__main__":
-    main()
