@@ -12,7 +12,8 @@ install(TARGETS norvcrypt norvcrypt-milter RUNTIME DESTINATION ${CMAKE_INSTALL_B
 set_target_properties(norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto-smime norvcrypt-milter
                       PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
-install(FILES tools/milter/norvcrypt-milter.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES tools/milter/norvcrypt-milter.toml tools/milter/systemd/norvcrypt-milter.service
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
 install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)

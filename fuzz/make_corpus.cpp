@@ -225,13 +225,32 @@ std::string clientHello(int version) {
 }
 
 /// The seeds of the readers of CMS as messages, and one in parts.
+/// What an MTA tells the mail filter of a message, see fuzz_milter.cpp: a byte for the connection, one for what it is, and
+/// texts that end with 0xFE.
+std::string told(const std::string& fields, const std::string& body, bool isOutgoing) {
+    const auto step = [](char kind, const std::string& rest) { return std::string(1, '\0') + kind + rest; };
+    const std::string end = "\xFE";
+    std::string steps = step(0, "\1\1") + step(1, std::string(2, '\0') + "client.example" + end + "\1");
+    if (isOutgoing)
+        steps += step(3, std::string(1, '\0'));
+    steps += step(4, "<bob@b.example>" + end + std::string("\1\0", 2)) + step(4, "<bob@b.example>" + end + "\1\1");
+    for (std::size_t begin = 0; begin < fields.size();) {
+        const std::size_t colon = fields.find(':', begin);
+        const std::size_t next = fields.find("\r\n", begin);
+        steps += step(6, fields.substr(begin, colon - begin) + end + fields.substr(colon + 1, next - colon - 1) + end);
+        begin = next + 2;
+    }
+    return steps + step(9, body + end + "\1") + step(11, "\1");
+}
+
 void mails() {
     const auto mail = [](const std::string& name, const fuzz::Bytes& structure) {
         const Norvane::Buffer octets(structure.data(), static_cast<unsigned int>(structure.size()), true);
-        put("fuzz_smime", name,
-            "From: alice@example.org\r\nContent-Type: application/pkcs7-mime; name=smime.p7m\r\n"
-            "Content-Transfer-Encoding: base64\r\n\r\n" +
-                octets.toBase64String() + "\r\n");
+        const std::string fields = "From: alice@example.org\r\nContent-Type: application/pkcs7-mime; name=smime.p7m\r\n"
+                                   "Content-Transfer-Encoding: base64\r\n";
+        const std::string body = octets.toBase64String() + "\r\n";
+        put("fuzz_smime", name, fields + "\r\n" + body);
+        put("fuzz_milter", name, told(fields, body, false));
     };
     for (const fuzz::Seed& seed : fuzz::envelopeSeeds())
         mail(seed.first, seed.second);
@@ -242,6 +261,10 @@ void mails() {
         "micalg=sha-256; boundary=b\r\n\r\n--b\r\nContent-Type: message/rfc822; forwarded=no\r\n\r\n"
         "From: alice@example.org\r\nHP-Outer: Subject: [...]\r\nContent-Type: text/plain; hp=\"cipher\"\r\n\r\n"
         "hello\r\n--b\r\nContent-Type: application/pkcs7-signature\r\n\r\n\r\n--b--\r\n");
+    const std::string fields =
+        "From: bob@b.example\r\nTo: bob@b.example\r\nAuthentication-Results: mx.a.example; smime=pass\r\n";
+    put("fuzz_milter", "incoming", told(fields, "hello\r\n", false));
+    put("fuzz_milter", "outgoing", told(fields, "hello\r\n", true));
 }
 
 } // namespace

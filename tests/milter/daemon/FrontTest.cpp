@@ -92,8 +92,8 @@ TEST(MilterFront, AMessageIsJudgedAsItCame) {
     EXPECT_EQ("192.0.2.7", envelope.clientAddress);
     EXPECT_EQ("anna@a.example", envelope.sender);
     EXPECT_THAT(envelope.recipients, ElementsAre("bert@b.example", "\"carl <c>\"@c.example"));
-    EXPECT_THAT(asking.context.calls,
-                ElementsAre("setsymlist 0 {daemon_name}", "setsymlist 2 i {auth_authen}", "setsymlist 3 i", "setsymlist 5 i"));
+    EXPECT_THAT(asking.context.calls, ElementsAre("setsymlist 0 {daemon_name}", "setsymlist 2 i {auth_authen}",
+                                                  "setsymlist 3 i", "setsymlist 5 i"));
 }
 
 TEST(MilterFront, AddressesOfClients) {
@@ -181,10 +181,10 @@ TEST(MilterFront, ChangesAreMadeInTheirOrder) {
     asking.message();
     asking.context.calls.clear();
     EXPECT_EQ(SMFIS_CONTINUE, asking.end());
-    EXPECT_THAT(asking.context.calls,
-                ElementsAre("chgheader Content-Type 2 (null)", "chgheader Content-Type 1 (null)",
-                            "insheader 0 Authentication-Results: mx;\n smime=pass", "addheader Content-Type: text/plain",
-                            "replacebody 65535", "replacebody 65535", "replacebody 65535", "replacebody 3395"));
+    EXPECT_THAT(asking.context.calls, ElementsAre("chgheader Content-Type 2 (null)", "chgheader Content-Type 1 (null)",
+                                                  "insheader 0 Authentication-Results: mx;\n smime=pass",
+                                                  "addheader Content-Type: text/plain", "replacebody 65535",
+                                                  "replacebody 65535", "replacebody 65535", "replacebody 3395"));
     EXPECT_EQ(body, asking.context.body);
 }
 
@@ -222,7 +222,8 @@ TEST(MilterFront, RepliesGoOutAsTheyAre) {
         asking.negotiate();
         asking.connect();
         asking.message();
-        return std::pair(asking.end(), lastCall(asking));
+        const sfsistat status = asking.end();
+        return std::pair(status, lastCall(asking));
     };
     EXPECT_EQ(std::pair(SMFIS_REJECT, std::string("setreply 550 5.7.1 no certificate for b@b.example")),
               answered(550, "no certificate for b@b.example"));
@@ -323,6 +324,7 @@ TEST(MilterFront, RecipientsAndConnectionsHaveTheirLimits) {
         EXPECT_EQ("setreply 421 4.3.2 mail filter: no more connections now", lastCall(second));
     }
     asking.close();
+    EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_connections 0\n"));
     Asking third(bench);
     third.negotiate();
     EXPECT_EQ(SMFIS_CONTINUE, third.connect());
@@ -370,6 +372,7 @@ TEST(MilterFront, SubmissionsComeBeforeTheAnswer) {
     EXPECT_EQ("delrcpt <c@c.example>", lastCall(asking));
 
     // All of them elsewhere: nothing is left to deliver.
+    asking.context.calls.clear();
     outcome.removeRecipients = {"b@b.example"};
     asking.message();
     EXPECT_EQ(SMFIS_DISCARD, asking.end());
@@ -524,9 +527,10 @@ TEST(MilterFront, OneLineAMessageWhateverItHolds) {
     asking.sender("<evil\n@a.example>");
     asking.end();
     const std::string& line = bench.log.lines.back();
-    EXPECT_EQ(0U, line.find("level=info event=message queue=4F2C1 action=pass client=\"\" listener=\"\" authenticated=\"\" "
-                            "sender=\"evil\\x0A@a.example\" recipients=0 bytes=2 ms="));
-    EXPECT_THAT(line, testing::EndsWith(
-                          "verdict=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
+    EXPECT_EQ(0U,
+              line.find("level=info event=message queue=4F2C1 action=pass client=\"\" listener=\"\" authenticated=\"\" "
+                        "sender=\"evil\\x0A@a.example\" recipients=0 bytes=2 ms="));
+    EXPECT_THAT(line,
+                testing::EndsWith("verdict=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
     EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_verdicts_total{verdict=\"pass\"} 1\n"));
 }

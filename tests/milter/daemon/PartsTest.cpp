@@ -69,7 +69,7 @@ TEST(MilterLog, Lines) {
     EXPECT_EQ("a=\"b=c\"", logField("a", "b=c"));
     EXPECT_EQ("a=\"\\\"\\\\\"", logField("a", "\"\\"));
     EXPECT_EQ("a=\"\\x0A\\x1B\\xFF\"", logField("a", "\n\x1B\xFF"));
-    EXPECT_EQ(1000U + 8, logField("a", std::string(5000, 'x')).size());
+    EXPECT_EQ(1000U + std::string("a=\"...\"").size(), logField("a", std::string(5000, 'x')).size());
     EXPECT_EQ("level=error event=e a=1 b=2", logLine(LogLevel::error, "e", {{"a", "1"}, {"b", "2"}}));
 }
 
@@ -85,8 +85,14 @@ TEST(MilterLog, LevelsAreKept) {
 TEST(MilterMetrics, LabelsAreOfFixedSets) {
     Metrics metrics(3);
     for (int i = 0; i < 1000; ++i)
-        metrics.message({.direction = "x" + std::to_string(i), .outcome = "\"\n", .verdict = std::to_string(i), .seconds = 0.02});
-    metrics.message({.direction = "incoming", .outcome = "change", .verdict = "pass", .seconds = 0.02, .octets = 10, .spilled = true});
+        metrics.message(
+            {.direction = "x" + std::to_string(i), .outcome = "\"\n", .verdict = std::to_string(i), .seconds = 0.02});
+    metrics.message({.direction = "incoming",
+                     .outcome = "change",
+                     .verdict = "pass",
+                     .seconds = 0.02,
+                     .octets = 10,
+                     .spilled = true});
     metrics.reloaded(false);
     const std::string text = metrics.text();
     EXPECT_THAT(text, HasSubstr("norvcrypt_milter_messages_total{direction=\"other\",outcome=\"other\"} 1000\n"));
@@ -113,9 +119,7 @@ TEST(MilterMetrics, AnswersRequestsAndNothingElse) {
     EXPECT_THAT(asked(path, "POST /metrics HTTP/1.0\r\n\r\n"), StartsWith("HTTP/1.0 405 "));
     // Without an end: no more than 4 KB is read.
     EXPECT_THAT(asked(path, "GET /" + std::string(8000, 'x')).substr(0, 13), testing::AnyOf("HTTP/1.0 400 ", ""));
-    {
-        const Descriptor gone = connectedTo(path);
-    }
+    { const Descriptor gone = connectedTo(path); }
     {
         // One that says nothing is waited for for two seconds, and then the next has its turn.
         const Descriptor silent = connectedTo(path);
@@ -162,7 +166,8 @@ TEST(MilterSocket, InternetSockets) {
     const ListenSocket any("inet:0@127.0.0.1", 0);
     EXPECT_GE(any.descriptor(), 0);
     EXPECT_EQ("", any.path());
-    EXPECT_THAT(failureOf([] { ListenSocket("inet:25@mail.example", 0); }), HasSubstr("cannot listen on inet:25@mail.example"));
+    EXPECT_THAT(failureOf([] { ListenSocket("inet:25@mail.example", 0); }),
+                HasSubstr("cannot listen on inet:25@mail.example"));
     EXPECT_THAT(failureOf([] { ListenSocket("inet6:0@127.0.0.1", 0); }), HasSubstr("cannot listen"));
 }
 
@@ -230,7 +235,9 @@ public:
             Log log(LogTarget::standardError, LogLevel::debug);
             Supervisor supervisor(log, std::move(work), times,
                                   {[&log] { log.event(LogLevel::info, "takes-mail"); },
-                                   [&log](const std::string& why) { log.event(LogLevel::info, "told", {{"why", why}}); }});
+                                   [&log](const std::string& why) {
+                                       log.event(LogLevel::info, "told", {{"why", why}});
+                                   }});
             ::_exit(supervisor.run());
         }
     }
@@ -277,7 +284,8 @@ private:
 
 Supervisor::Times quick() {
     using std::chrono::milliseconds;
-    return {milliseconds(10), milliseconds(80), milliseconds(60000), milliseconds(50), milliseconds(5000), milliseconds(5000)};
+    return {milliseconds(10), milliseconds(80),   milliseconds(60000),
+            milliseconds(50), milliseconds(5000), milliseconds(5000)};
 }
 
 /// A worker that obeys, and tells what it hears.
@@ -303,13 +311,30 @@ void say(const std::string& text) {
 
 TEST(MilterSupervisor, TellsTheWorkerOfSignals) {
     Supervised supervised(
-        [](const Channel& channel, unsigned long) { return obedient(channel, [](const std::string& text) { say(text + '\n'); }); },
+        [](const Channel& channel, unsigned long) {
+            return obedient(channel, [](const std::string& text) { say(text + '\n'); });
+        },
         quick());
     supervised.wait("event=takes-mail");
     supervised.signal(SIGHUP);
     supervised.wait("reload\n");
     supervised.signal(SIGTERM);
     EXPECT_THAT(supervised.wait("event=stopped"), HasSubstr("worker=\"exit 0\""));
+    EXPECT_EQ(0, supervised.end());
+}
+
+TEST(MilterSupervisor, AReloadThatIsAskedForWhileTheWorkerStartsIsNotForgotten) {
+    Supervised supervised(
+        [](const Channel& channel, unsigned long) {
+            say("has read\n");
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            return obedient(channel, [](const std::string& text) { say(text + '\n'); });
+        },
+        quick());
+    supervised.wait("has read");
+    supervised.signal(SIGHUP);
+    supervised.wait("reload\n");
+    supervised.signal(SIGTERM);
     EXPECT_EQ(0, supervised.end());
 }
 
@@ -325,8 +350,9 @@ TEST(MilterSupervisor, AWorkerThatEndsIsStartedAnewAfterLongerAndLongerPauses) {
         },
         quick());
     const std::string log = supervised.wait("event=worker-started", 6);
-    for (const char* text : {"reason=\"signal 9 (Killed)\" pause_ms=10 starts=1", "reason=\"exit 3\" pause_ms=20 starts=2",
-                             "pause_ms=40 starts=3", "pause_ms=80 starts=4", "pause_ms=80 starts=5"})
+    for (const char* text :
+         {"reason=\"signal 9 (Killed)\" pause_ms=10 starts=1", "reason=\"exit 3\" pause_ms=20 starts=2",
+          "pause_ms=40 starts=3", "pause_ms=80 starts=4", "pause_ms=80 starts=5"})
         EXPECT_THAT(log, HasSubstr(text));
     // Reloading is not heard while there is no worker, and stopping ends at once.
     supervised.signal(SIGHUP);

@@ -1,7 +1,7 @@
 // Messages that are handed to an MTA beside the one in hand.
+#include "submit/Submit.h"
 #include "message/Message.h"
 #include "milter/support/FakeSmtp.h"
-#include "submit/Submit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -68,7 +68,7 @@ TEST(MilterSubmit, DotsAndLineEnds) {
     EXPECT_EQ("X: 1\r\n\r\nno end\r\n", sent("X: 1\r\n\r\nno end"));
     // A line feed alone in front of a dot ends a message for some servers and is text for others.
     EXPECT_EQ("X: 1\r\n\r\na\r\n..\r\nb\r\n", sent("X: 1\r\n\r\na\n.\r\nb\r\n"));
-    EXPECT_EQ("", sent("").substr(2));
+    EXPECT_EQ("", sent(""));
     // Around the places where the content is cut into pieces.
     for (const std::size_t length : {16381UL, 16382UL, 16383UL, 16384UL, 16385UL}) {
         const std::string line(length, 'x');
@@ -120,9 +120,8 @@ TEST(MilterSubmit, ServersThatFailOnTheWay) {
         EXPECT_FALSE(failureOf(to(server), one).second) << odd;
     }
     {
-        FakeSmtp server([&](const std::string& said) {
-            return said == "DATA" ? std::string(100000, '3') : FakeSmtp::usual(said);
-        });
+        FakeSmtp server(
+            [&](const std::string& said) { return said == "DATA" ? std::string(100000, '3') : FakeSmtp::usual(said); });
         EXPECT_EQ("the server answers with a line that has no end", failureOf(to(server), one).first);
     }
     {

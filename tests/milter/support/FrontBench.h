@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,15 +22,22 @@ public:
     std::vector<std::string> lines;
 
 protected:
-    void write(norvmilter::LogLevel /*level*/, const std::string& line) override { lines.push_back(line); }
+    void write(norvmilter::LogLevel /*level*/, const std::string& line) override {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        lines.push_back(line);
+    }
+
+private:
+    std::mutex m_mutex;
 };
 
 using Judge = std::function<norvmilter::Outcome(const norvmilter::Message&, const norvmilter::Deadline&)>;
 
 class FrontBench {
 public:
-    explicit FrontBench(Judge judge = [](const auto&, const auto&) { return norvmilter::Outcome(); },
-                        norvmilter::FrontLimits limits = {})
+    explicit FrontBench(
+        Judge judge = [](const auto&, const auto&) { return norvmilter::Outcome(); },
+        norvmilter::FrontLimits limits = {})
         : generation{std::move(limits), std::move(judge), [](const auto&) {}} {}
 
     /// What all is to be changed in before `front()` is called first.
@@ -65,7 +73,8 @@ public:
 
     sfsistat negotiate(unsigned long actions = allActions, unsigned long steps = allSteps) {
         unsigned long reserved = 0;
-        return m_callbacks.xxfi_negotiate(&context, actions, steps, 0, 0, &agreedActions, &agreedSteps, &reserved, &reserved);
+        return m_callbacks.xxfi_negotiate(&context, actions, steps, 0, 0, &agreedActions, &agreedSteps, &reserved,
+                                          &reserved);
     }
     sfsistat connect(sockaddr* client = nullptr) { return m_callbacks.xxfi_connect(&context, name(), client); }
     sfsistat sender(std::string path) {
@@ -87,7 +96,8 @@ public:
     void close() { m_callbacks.xxfi_close(&context); }
 
     /// Up to the last octet.
-    void message(const std::string& body = "hello\r\n", const std::vector<std::string>& recipients = {"<b@b.example>"}) {
+    void message(const std::string& body = "hello\r\n",
+                 const std::vector<std::string>& recipients = {"<b@b.example>"}) {
         sender("<a@a.example>");
         for (const std::string& one : recipients)
             recipient(one);

@@ -8,6 +8,7 @@
 #include "daemon/Supervisor.h"
 #include "daemon/Worker.h"
 
+#include <csignal>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -33,6 +34,8 @@ int runDaemon(const DaemonOptions& options) {
     const std::string path = std::filesystem::absolute(options.config).string();
     const Config config = Config::load(path);
     ::umask(077);
+    // A log that nobody reads any more is no reason to end.
+    std::signal(SIGPIPE, SIG_IGN);
     ::openlog("norvcrypt-milter", LOG_PID, LOG_MAIL);
     Log log(options.isForeground ? config.log.target : LogTarget::syslog, config.log.level);
 

@@ -39,10 +39,10 @@ Loaded load(const std::string& path) {
     loaded.stores = std::make_shared<Stores>(*loaded.config);
     const auto engine = std::make_shared<const Engine>(loaded.config, loaded.stores);
     const SubmitTo to{.url = loaded.config->outgoing.submit, .name = loaded.config->milter.authservId};
-    loaded.generation = std::make_shared<const Generation>(
-        Generation{limitsOf(*loaded.config),
-                   [engine](const Message& message, const Deadline& deadline) { return engine->handle(message, deadline); },
-                   [to](const std::vector<Submission>& submissions) { submit(to, submissions); }});
+    loaded.generation = std::make_shared<const Generation>(Generation{
+        limitsOf(*loaded.config),
+        [engine](const Message& message, const Deadline& deadline) { return engine->handle(message, deadline); },
+        [to](const std::vector<Submission>& submissions) { submit(to, submissions); }});
     return loaded;
 }
 

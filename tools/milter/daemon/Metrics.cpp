@@ -28,7 +28,8 @@ template <std::size_t Count> std::string oneOf(const std::array<const char*, Cou
     return std::ranges::find(known, value) == known.end() ? "other" : std::string(value);
 }
 
-const Histogram::BucketBoundaries latencies{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30, 60};
+const Histogram::BucketBoundaries latencies{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25,
+                                            0.5,   1,      2.5,   5,    10,    30,   60};
 
 } // namespace
 
@@ -46,8 +47,7 @@ struct Metrics::Families {
     Family<Counter>& judged = counters("norvcrypt_milter_verdicts_total", "Verdicts on S/MIME of incoming messages");
     Family<Counter>& reloads = counters("norvcrypt_milter_reloads_total", "Reloads of configuration, store and trust");
     Counter& octets = counters("norvcrypt_milter_message_bytes_total", "Octets of messages that were answered").Add({});
-    Counter& spills =
-        counters("norvcrypt_milter_spills_total", "Messages whose body was kept in a file").Add({});
+    Counter& spills = counters("norvcrypt_milter_spills_total", "Messages whose body was kept in a file").Add({});
     Counter& submitted =
         counters("norvcrypt_milter_submitted_total", "Messages handed over beside the one in hand").Add({});
     Counter& submissionFailures =

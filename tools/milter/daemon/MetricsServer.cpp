@@ -57,7 +57,9 @@ std::string answerWith(const char* status, const char* type, const std::string& 
 } // namespace
 
 MetricsServer::MetricsServer(int listening, std::function<std::string()> text)
-    : m_listening(listening), m_text(std::move(text)), m_thread([this] { run(); }) {}
+    : m_listening(listening),
+      m_text(std::move(text)),
+      m_thread([this] { run(); }) {}
 
 MetricsServer::~MetricsServer() {
     m_stop.first.tell("stop");

@@ -60,8 +60,7 @@ User userNamed(const std::string& name) {
 
 void become(const User& user) {
     if (::geteuid() != user.user || ::getegid() != user.group) {
-        if (::initgroups(user.name.c_str(), user.group) != 0 ||
-            ::setresgid(user.group, user.group, user.group) != 0 ||
+        if (::initgroups(user.name.c_str(), user.group) != 0 || ::setresgid(user.group, user.group, user.group) != 0 ||
             ::setresuid(user.user, user.user, user.user) != 0)
             failed(("cannot become the user " + user.name).c_str());
     }

@@ -88,9 +88,8 @@ void Supervisor::takeSignals() {
     while (::read(m_signals.get(), &one, sizeof one) == sizeof one) {
         switch (one.ssi_signo) {
         case SIGHUP:
-            // A worker that is not there yet reads everything when it starts.
-            if (m_channel && m_isReady)
-                m_channel->tell("reload");
+            // One that is only starting may have read everything already: it is told when it is ready.
+            m_isReloadWanted = !(m_channel && m_isReady && m_channel->tell("reload"));
             break;
         case SIGCHLD:
             reap();
@@ -137,6 +136,8 @@ void Supervisor::heard(const std::string& text) {
     if (word == "ready") {
         m_isReady = true;
         notifyManager("READY=1\nSTATUS=takes mail");
+        if (std::exchange(m_isReloadWanted, false))
+            m_channel->tell("reload");
         if (!std::exchange(m_wasReady, true))
             m_hooks.ready();
     } else if (word == "failed") {
@@ -173,14 +174,20 @@ void Supervisor::end(const char* reason) {
     if (now - m_startedAt >= m_times.steady)
         m_pause = m_times.firstPause;
     m_startAt = now + m_pause;
-    m_log.event(LogLevel::error, "worker-ended",
-                {{"reason", reason}, {"pause_ms", std::to_string(m_pause.count())}, {"starts", std::to_string(m_starts)}});
+    m_log.event(
+        LogLevel::error, "worker-ended",
+        {{"reason", reason}, {"pause_ms", std::to_string(m_pause.count())}, {"starts", std::to_string(m_starts)}});
     notifyManager("STATUS=the worker ended; it is started anew");
     m_pause = std::min(m_pause * 2, m_times.longestPause);
 }
 
 void Supervisor::lookAtTimes() {
     const Clock::time_point now = Clock::now();
+    // systemd watches this process, and this process the worker.
+    if (now >= m_aliveAt) {
+        m_aliveAt = now + m_times.ping;
+        notifyManager("WATCHDOG=1");
+    }
     if (m_worker <= 0) {
         if (now >= m_startAt)
             start();
@@ -201,7 +208,6 @@ void Supervisor::lookAtTimes() {
     if (now >= m_pingAt) {
         m_pingAt = now + m_times.ping;
         m_channel ? static_cast<void>(m_channel->tell("ping")) : static_cast<void>(::kill(m_worker, SIGKILL));
-        notifyManager("WATCHDOG=1");
     }
 }
 
@@ -211,7 +217,7 @@ int Supervisor::untilNext() const {
         next = Clock::now() + m_times.longestPause;
     if (m_isStopping)
         next = m_killAt;
-    const auto left = std::chrono::ceil<Milliseconds>(next - Clock::now());
+    const auto left = std::chrono::ceil<Milliseconds>(std::min(next, m_aliveAt) - Clock::now());
     return static_cast<int>(std::clamp<Milliseconds::rep>(left.count(), 0, m_times.longestPause.count()));
 }
 

@@ -28,17 +28,17 @@ public:
     using Milliseconds = std::chrono::milliseconds;
 
     struct Times {
-        Milliseconds firstPause{100};        ///< between the end of a worker and the next; doubled each time
+        Milliseconds firstPause{100}; ///< between the end of a worker and the next; doubled each time
         Milliseconds longestPause{30000};
-        Milliseconds steady{60000};          ///< a worker that ran so long makes the pause the first one again
+        Milliseconds steady{60000}; ///< a worker that ran so long makes the pause the first one again
         Milliseconds ping{10000};
-        Milliseconds silence{90000};         ///< a worker that does not answer so long is ended
-        Milliseconds stop{65000};            ///< one that was told to stop is ended after that
+        Milliseconds silence{90000}; ///< a worker that does not answer so long is ended
+        Milliseconds stop{65000};    ///< one that was told to stop is ended after that
     };
     /// What the worker does in its process, which ends with what this returns. \param restarts how many there were before
     using Work = std::function<int(Channel channel, unsigned long restarts)>;
     struct Hooks {
-        std::function<void()> ready = [] {};                          ///< the first worker takes mail
+        std::function<void()> ready = [] {};                                        ///< the first worker takes mail
         std::function<void(const std::string&)> failed = [](const std::string&) {}; ///< it never did
     };
 
@@ -71,6 +71,7 @@ private:
     unsigned long m_starts = 0;
     bool m_wasReady = false; // any worker
     bool m_isReady = false;  // this one
+    bool m_isReloadWanted = false;
     bool m_isStopping = false;
     std::optional<int> m_result;
     std::string m_failure;
@@ -78,6 +79,7 @@ private:
     Clock::time_point m_startedAt;
     Clock::time_point m_heardAt;
     Clock::time_point m_pingAt;
+    Clock::time_point m_aliveAt;
     Clock::time_point m_startAt;
     Clock::time_point m_killAt = Clock::time_point::max();
 };

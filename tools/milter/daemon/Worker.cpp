@@ -9,8 +9,8 @@
 #include <norvcmsg/Logger.h>
 
 #include <atomic>
-#include <csignal>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -35,7 +35,9 @@ public:
         std::string text;
         for (const std::string& field : record.fields)
             text += (text.empty() ? "" : " | ") + field;
-        const LogLevel level = record.level < 0 ? LogLevel::error : record.level == 0 ? LogLevel::warning : LogLevel::debug;
+        const LogLevel level = record.level < 0    ? LogLevel::error
+                               : record.level == 0 ? LogLevel::warning
+                                                   : LogLevel::debug;
         m_log.event(level, "library", {{"code", std::to_string(record.event)}, {"text", text}});
     }
 
@@ -240,7 +242,9 @@ private:
 } // namespace
 
 int runWorker(const WorkerOptions& options, const Channel& channel, unsigned long restarts) {
+    // What cannot be written is an error where it is written, and not the end of all messages.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         // Before any thread is there.
         confine(Config::load(options.config).limits.memoryBytes);

@@ -52,7 +52,8 @@ bool replaceBody(SMFICTX* context, Norvane::MediaIn body) {
     return true;
 }
 
-bool removeRecipient(SMFICTX* context, const std::map<std::string, std::string>& written, const std::string& recipient) {
+bool removeRecipient(SMFICTX* context, const std::map<std::string, std::string>& written,
+                     const std::string& recipient) {
     const auto found = written.find(recipient);
     return smfi_delrcpt(context, text(found == written.end() ? '<' + recipient + '>' : found->second)) == MI_SUCCESS;
 }
@@ -80,7 +81,8 @@ sfsistat answerWith(SMFICTX* context, const Reply& reply) {
             line += one == '%' ? std::string("%%") : std::string(1, one);
     }
     // The text is for people: without it the MTA has one of its own.
-    static_cast<void>(smfi_setreply(context, text(code), reply.enhanced.empty() ? nullptr : text(reply.enhanced), text(line)));
+    static_cast<void>(
+        smfi_setreply(context, text(code), reply.enhanced.empty() ? nullptr : text(reply.enhanced), text(line)));
     return isPermanent ? SMFIS_REJECT : SMFIS_TEMPFAIL;
 }
 

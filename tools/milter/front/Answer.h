@@ -17,14 +17,14 @@ struct Agreed {
     /// Values of fields go both ways with the blank behind the colon. Older MTAs take it away and put it back.
     bool leadingBlank = false;
     bool noReplyToHeader = false;
-    bool skip = false;             ///< the rest of a body can be left out
+    bool skip = false; ///< the rest of a body can be left out
     bool removesRecipients = false;
 };
 
 /// Makes the changes. \param written recipients as the MTA wrote them, by the address
 /// False: the MTA did not take one of them, and the message must not go on.
-[[nodiscard]] bool applyChanges(SMFICTX* context, const Agreed& agreed, const std::map<std::string, std::string>& written,
-                                const Outcome& outcome);
+[[nodiscard]] bool applyChanges(SMFICTX* context, const Agreed& agreed,
+                                const std::map<std::string, std::string>& written, const Outcome& outcome);
 
 /// Sets the text of an answer and tells its status: SMFIS_REJECT or SMFIS_TEMPFAIL.
 [[nodiscard]] sfsistat answerWith(SMFICTX* context, const Reply& reply);

@@ -24,13 +24,13 @@ namespace norvmilter {
 
 /// How much is taken from the MTA.
 struct FrontLimits {
-    std::string spool;                        ///< the folder for bodies; empty: the system's
-    std::uint64_t messageBytes = 104857600;   ///< of header and body; 0: no limit
-    std::size_t headerBytes = 1048576;        ///< of all fields: they are kept in memory
+    std::string spool;                      ///< the folder for bodies; empty: the system's
+    std::uint64_t messageBytes = 104857600; ///< of header and body; 0: no limit
+    std::size_t headerBytes = 1048576;      ///< of all fields: they are kept in memory
     std::size_t headerFields = 10000;
     std::size_t recipients = 1000;
     std::size_t connections = 100;
-    std::chrono::seconds perMessage{60};      ///< for judging one; 0: no limit
+    std::chrono::seconds perMessage{60}; ///< for judging one; 0: no limit
 };
 
 /// What one load of the configuration made. A message is finished by what was there when it began.

@@ -137,9 +137,12 @@ sfsistat Session::connect(SMFICTX* context, const sockaddr* client) {
     m_connected.reset();
     m_connected.emplace(m_front);
     if (m_front.isDraining() || !m_connected->isWithinLimit()) {
+        // It does not count for the limit while the MTA thinks about the answer.
+        m_connected.reset();
         m_front.metrics().refused();
-        m_front.log().event(LogLevel::warning, "connection-refused",
-                            {{"client", m_client}, {"reason", m_front.isDraining() ? "stopping" : "too many connections"}});
+        m_front.log().event(
+            LogLevel::warning, "connection-refused",
+            {{"client", m_client}, {"reason", m_front.isDraining() ? "stopping" : "too many connections"}});
         return answerWith(context, {421, "4.3.2", "mail filter: no more connections now"});
     }
     m_front.log().event(LogLevel::debug, "connection", {{"client", m_client}, {"listener", m_listener}});
@@ -247,10 +250,9 @@ std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const
         return std::nullopt;
     } catch (const SubmissionFailure& failure) {
         m_front.metrics().submissionFailed();
-        Outcome failed =
-            failure.isPermanent()
-                ? withReply(Outcome::Action::reject, 550, "5.7.1", std::string("a part was refused: ") + failure.what())
-                : troubled(std::string("submission: ") + failure.what());
+        Outcome failed = failure.isPermanent() ? withReply(Outcome::Action::reject, 550, "5.7.1",
+                                                           std::string("a part was refused: ") + failure.what())
+                                               : troubled(std::string("submission: ") + failure.what());
         return failed;
     } catch (const std::exception& failure) {
         m_front.metrics().submissionFailed();
@@ -272,9 +274,8 @@ sfsistat Session::endOfMessage(SMFICTX* context) {
         if (std::optional<Outcome> failed = submit(context, *mail, outcome))
             outcome = instead(outcome, std::move(*failed));
     }
-    const bool isWhollySubmitted =
-        outcome.action == Outcome::Action::change && !outcome.submissions.empty() &&
-        outcome.removeRecipients.size() == mail->message.envelope.recipients.size();
+    const bool isWhollySubmitted = outcome.action == Outcome::Action::change && !outcome.submissions.empty() &&
+                                   outcome.removeRecipients.size() == mail->message.envelope.recipients.size();
     if (outcome.action == Outcome::Action::change && !isWhollySubmitted &&
         !applyChanges(context, m_agreed, mail->written, outcome))
         outcome = instead(outcome, troubled("the MTA does not take a change"));

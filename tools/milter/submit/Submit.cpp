@@ -70,9 +70,8 @@ private:
             parameters += " BODY=8BITMIME";
         else if (isEightBit(one.whole.in()))
             refuse("the server takes no octets above 127, and the message has some");
-        if (isEightBit(one.sender) || std::ranges::any_of(one.recipients, [](const std::string& recipient) {
-                return isEightBit(recipient);
-            })) {
+        if (isEightBit(one.sender) ||
+            std::ranges::any_of(one.recipients, [](const std::string& recipient) { return isEightBit(recipient); })) {
             if (!m_smtp.offers("SMTPUTF8"))
                 refuse("the server takes no addresses with octets above 127");
             parameters += " SMTPUTF8";
@@ -100,9 +99,7 @@ private:
         throw SubmissionFailure(said, false);
     }
 
-    [[noreturn]] void refuse(const std::string& what) const {
-        throw SubmissionFailure(what, m_done == 0);
-    }
+    [[noreturn]] void refuse(const std::string& what) const { throw SubmissionFailure(what, m_done == 0); }
 
     Smtp m_smtp;
     std::size_t m_done = 0;

@@ -28,7 +28,9 @@ struct SubmitTo {
 /// A message was not taken.
 class SubmissionFailure : public std::runtime_error {
 public:
-    SubmissionFailure(const std::string& text, bool isPermanent) : std::runtime_error(text), m_isPermanent(isPermanent) {}
+    SubmissionFailure(const std::string& text, bool isPermanent)
+        : std::runtime_error(text),
+          m_isPermanent(isPermanent) {}
     /// The server said 5xx, and no message was handed over before: trying again is no use, and refusing the whole tells its
     /// sender the truth.
     [[nodiscard]] bool isPermanent() const noexcept { return m_isPermanent; }
