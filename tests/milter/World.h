@@ -149,6 +149,22 @@ inline Delivered delivered(const Message& message, const Outcome& outcome) {
     return result;
 }
 
+/// What of a value stands in no quoted text.
+inline std::string outsideOfQuotes(const std::string& value) {
+    std::string outside;
+    bool isQuoted = false;
+    for (std::size_t index = 0; index < value.size(); ++index) {
+        if (isQuoted && value[index] == '\\')
+            ++index;
+        else if (value[index] == '"')
+            isQuoted = !isQuoted;
+        else if (!isQuoted)
+            outside += value[index];
+    }
+    EXPECT_FALSE(isQuoted) << value;
+    return outside;
+}
+
 inline void setBody(Message& message, const std::string& body) {
     message.addBody(reinterpret_cast<const unsigned char*>(body.data()), body.size());
 }

@@ -188,6 +188,28 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
+/// A text without its comments, as far as those end.
+std::string withoutComments(std::string_view text) {
+    std::string result;
+    std::size_t depth = 0;
+    for (const char one : text) {
+        if (one == '(')
+            ++depth;
+        else if (one == ')' && depth > 0)
+            --depth;
+        else if (depth == 0)
+            result += one;
+    }
+    return result;
+}
+
+/// Whether a name is in a text, whatever stands between its letters that is in no name.
+bool isIn(std::string_view text, const std::string& name, const std::string& comparableName) {
+    std::string plain = lowered(text);
+    std::erase_if(plain, [](char one) { return !isLetterOrDigit(one) && one != '.' && one != '-' && one >= 0; });
+    return plain.find(lowered(name)) != std::string::npos || plain.find(comparableName) != std::string::npos;
+}
+
 /// A form in which two identifiers are compared.
 std::string comparable(std::string_view identifier) {
     while (identifier.ends_with('.'))
@@ -236,9 +258,7 @@ bool claims(std::string_view value, const std::string& authservId) {
     if (identifier)
         return comparable(*identifier) == ours;
     // Readers that are more generous may find it where it cannot be found here.
-    std::string plain = lowered(value);
-    std::erase_if(plain, [](char one) { return !isLetterOrDigit(one) && one != '.' && one != '-' && one >= 0; });
-    return plain.find(lowered(authservId)) != std::string::npos || plain.find(ours) != std::string::npos;
+    return isIn(value, authservId, ours) || isIn(withoutComments(value), authservId, ours);
 }
 
 } // namespace norvmilter

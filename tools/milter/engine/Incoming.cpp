@@ -190,7 +190,9 @@ private:
             return;
         }
         addFacts(answer, result, replaced, m_outcome);
-        if (m_config.incoming.refuse.count(result.result) > 0) {
+        // Of an encrypted message the answer would tell its sender whether it was decrypted, and so in the end what is in it.
+        const bool isEncryptedSomewhere = std::ranges::any_of(answer.layers, isEncrypted);
+        if (!isEncryptedSomewhere && m_config.incoming.refuse.count(result.result) > 0) {
             refuse(result);
             return;
         }

@@ -85,8 +85,8 @@ private:
     unsigned int m_perAddress;
     unsigned int m_total;
     mutable std::mutex m_mutex;
+    std::size_t m_count = 0; ///< of `m_names`, which sets it
     Names m_names;
-    std::size_t m_count = 0;
 };
 
 } // namespace norvmilter
