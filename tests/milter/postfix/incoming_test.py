@@ -1,6 +1,10 @@
 """What becomes of mail that comes in: made by the openssl program, sent straight to the receiving host."""
 
+import os
+import subprocess
+
 from checks import RECIPIENT, SENDER, Case, mail
+from rig.gateway import USER
 
 TEXT = b"Content-Type: text/plain; charset=utf-8\r\n\r\nThe price is 100 euros.\r\n"
 
@@ -161,3 +165,43 @@ class Incoming(Case):
         finally:
             filter_.settings.change("trust", lists=[], revocation="none")
             self.world.reconfigure(filter_)
+
+
+class Learning(Case):
+    """A certificate that came with a mail is encrypted to, until it is taken back."""
+
+    NEWCOMER = "newcomer@b.example"
+
+    @classmethod
+    def prepare(cls):
+        filter_ = cls.world.outgoing
+        filter_.settings.change("learn", enabled=True, folder=filter_.learned)
+        filter_.settings.rules = [{"name": "all", "sign": "never", "encrypt": "must"}]
+
+    def command(self, *arguments):
+        """What `learnt` of the program says, as the filter's user."""
+        filter_ = self.world.outgoing
+        program, libraries = filter_.runnable()
+        done = subprocess.run([program, "learnt", "--config", filter_.config, *arguments], stdin=subprocess.DEVNULL, capture_output=True,
+                              text=True, user=USER, extra_groups=[], env={**os.environ, **libraries})
+        self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+        return done.stdout
+
+    def test_from_the_first_mail_to_taking_it_back(self):
+        newcomer = self.world.authority.issue(self.NEWCOMER)
+        send = lambda subject: self.world.send(self.NEWCOMER, mail.compose(SENDER, self.NEWCOMER, subject))
+        self.assert_refused(550, "no certificate to encrypt to", lambda: send("too early"))
+        # In at a listener that nothing says to be outgoing.
+        entity = mail.signed(newcomer, TEXT)
+        mail.send(self.world.login_port, self.NEWCOMER, SENDER, mail.mail_of(entity, self.NEWCOMER, SENDER, "hello"))
+        self.assertIsNotNone(self.world.bounces.one(SENDER, "hello"))
+        listed = self.command("list")
+        self.assertIn(self.NEWCOMER, listed)
+        send("learnt")
+        self.assertTrue(self.world.settled())
+        passed, = self.wire("learnt")
+        self.assertEqual([newcomer.serial], mail.recipients_of(passed.data))
+        name = next(entry.name for entry in self.world.outgoing.learned.iterdir() if not entry.name.startswith("."))
+        self.command("revoke", name)
+        self.assertTrue(self.world.outgoing.reload_and_wait())
+        self.assert_refused(550, "no certificate to encrypt to", lambda: send("taken back"))

@@ -231,3 +231,48 @@ class Direction(Case):
         data = mail.compose(SENDER, "recipient@b.example", "forged from")
         mail.send(self.world.in_port, SENDER, "recipient@b.example", data)
         self.assertEqual(data, self.arrived("recipient@b.example", "forged from"))
+
+
+class Ways(Case):
+    """How it is signed and encrypted, and what becomes of senders without a key or with another's address."""
+
+    def journey(self, subject, **rule):
+        """The mail on the wire and the one that arrived, with a verdict that was looked at."""
+        self.world.policy({"name": subject, "sign": "must", "encrypt": "must", **rule})
+        self.world.send("recipient@b.example", mail.compose(SENDER, "recipient@b.example", subject))
+        self.assertTrue(self.world.settled())
+        passed = next(p for p in self.world.tap.messages() if subject in mail.field(p.data, "Message-ID")[0])
+        arrived = next(m for m in self.world.mailboxes.all() if subject in mail.field(m, "Message-ID")[0])
+        self.assert_verdict(arrived, "pass")
+        return passed.data, arrived
+
+    def test_algorithms(self):
+        person = self.world.people["recipient@b.example"]
+        for subject, rule, sign in (("gcm", {"cipher": "aes-256-gcm"}, "aes-256-gcm"), ("cbc128", {"cipher": "aes-128-cbc"}, "aes-128-cbc"),
+                                    ("oaep", {"oaep": True}, "rsaesOaep")):
+            with self.subTest(subject):
+                sealed, _ = self.journey(subject, **rule)
+                self.assertIn(sign.lower(), mail.openssl("cms", "-cmsout", "-print", "-noout", given=sealed).decode().lower())
+                self.assertIn(b"Hello.", mail.verified(self.world.authority, mail.opened(person, sealed)))
+
+    def test_pss(self):
+        sealed, _ = self.journey("pss", encrypt="never", form="opaque", pss=True)
+        self.assertIn("rsassapss", mail.openssl("cms", "-cmsout", "-print", "-noout", given=sealed).decode().lower())
+        self.assertIn(b"Hello.", mail.verified(self.world.authority, sealed))
+
+    def test_header_protection(self):
+        sealed, arrived = self.journey("hidden.subject", protect_header=True)
+        self.assertEqual(["[...]"], mail.field(sealed, "Subject"))
+        self.assertIn(b"Subject: hidden.subject", arrived)
+
+    def test_senders_without_a_key(self):
+        self.world.policy({"name": "all", "sign": "possible"}, no_key="reject")
+        data = mail.compose(KEYLESS, "nobody@b.example", "no key")
+        self.assert_refused(550, "5.7.", lambda: self.world.send("nobody@b.example", data, sender=KEYLESS))
+
+    def test_an_address_of_somebody_else_may_pass_unsigned(self):
+        self.world.policy({"name": "all", "sign": "possible"}, sender_mismatch="pass")
+        self.world.send("nobody@b.example", mail.compose("second@a.example", "nobody@b.example", "mismatch"))
+        self.assertTrue(self.world.settled())
+        passed, = self.wire("mismatch")
+        self.assertEqual("clear", mail.kind(passed.data))
