@@ -58,6 +58,18 @@ TEST(MilterSubmit, AllAreAskedForBeforeTheFirstIsSent) {
     EXPECT_EQ(2U, server.messages().size());
 }
 
+TEST(MilterSubmit, ManyAreAskedForOverSeveralConnections) {
+    // A server that counts as Postfix does: a hundred RSET without a message, and it hangs up.
+    int resets = 0;
+    FakeSmtp server([&](const std::string& said) {
+        if (said.starts_with("EHLO") || said == "(message)")
+            resets = 0;
+        return said == "RSET" && ++resets > 100 ? std::string() : FakeSmtp::usual(said);
+    });
+    submit(to(server), std::vector<Submission>(230, submission("", {"b@b.example"}, shortMessage)));
+    EXPECT_EQ(230U, server.messages().size());
+}
+
 TEST(MilterSubmit, DotsAndLineEnds) {
     const auto sent = [](const std::string& message) {
         FakeSmtp server;

@@ -103,7 +103,7 @@ private:
                 m_commands.push_back(command);
             }
             const std::string answer = m_answer(command);
-            if (!say(client, answer))
+            if (!say(client, answer) || command == "QUIT")
                 return;
             if (command == "DATA" && answer.starts_with("354") && !takeMessage(client))
                 return;

@@ -43,7 +43,10 @@ int Smtp::keepAnswers(CURL* /*handle*/, curl_infotype type, char* data, std::siz
     return 0;
 }
 
-Smtp::Smtp(const SubmitTo& to) : m_silence(to.silence), m_end(Clock::now() + to.total) {
+Smtp::Smtp(const SubmitTo& to, Clock::time_point end)
+    : m_greeting(std::make_unique<std::string>()),
+      m_silence(to.silence),
+      m_end(end) {
     startCurl();
     m_handle.reset(::curl_easy_init());
     if (!m_handle)
@@ -62,19 +65,19 @@ Smtp::Smtp(const SubmitTo& to) : m_silence(to.silence), m_end(Clock::now() + to.
     ::curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, most);
     ::curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
     ::curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, keepAnswers);
-    ::curl_easy_setopt(handle, CURLOPT_DEBUGDATA, &m_greeting);
+    ::curl_easy_setopt(handle, CURLOPT_DEBUGDATA, m_greeting.get());
     const CURLcode result = ::curl_easy_perform(handle);
     ::curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
     if (result != CURLE_OK)
         fail(to.url + ": " + ::curl_easy_strerror(result));
-    std::ranges::transform(m_greeting, m_greeting.begin(), upper);
+    std::ranges::transform(*m_greeting, m_greeting->begin(), upper);
 }
 
 bool Smtp::offers(std::string_view extension) const {
     // "250-8BITMIME", "250 SIZE 10240000"
-    for (std::size_t begin = 0; begin < m_greeting.size();) {
-        const std::size_t end = std::min(m_greeting.find('\n', begin), m_greeting.size());
-        std::string_view one = std::string_view(m_greeting).substr(begin, end - begin);
+    for (std::size_t begin = 0; begin < m_greeting->size();) {
+        const std::size_t end = std::min(m_greeting->find('\n', begin), m_greeting->size());
+        std::string_view one = std::string_view(*m_greeting).substr(begin, end - begin);
         begin = end + 1;
         if (!one.starts_with("250") || one.size() < 4)
             continue;

@@ -26,7 +26,8 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// Connects. \throws SubmissionFailure, as all that follows
-    explicit Smtp(const SubmitTo& to);
+    /// \param end when all has to be over
+    Smtp(const SubmitTo& to, Clock::time_point end);
 
     [[nodiscard]] bool offers(std::string_view extension) const;
     /// Sends a line, without its end, and waits for the answer.
@@ -47,7 +48,8 @@ private:
     std::string line();
     void wait(short events);
 
-    std::string m_greeting; // what the server said until it was connected
+    // What the server said until it was connected; libcurl knows its place.
+    std::unique_ptr<std::string> m_greeting;
     std::unique_ptr<CURL, Closing> m_handle;
     std::chrono::seconds m_silence;
     Clock::time_point m_end;

@@ -43,12 +43,18 @@ bool isWritable(const std::string& address) {
 
 class Submitting {
 public:
-    explicit Submitting(const SubmitTo& to) : m_smtp(to) {}
+    explicit Submitting(const SubmitTo& to) : m_to(to), m_end(Smtp::Clock::now() + to.total), m_smtp(to, m_end) {}
 
     void all(const std::vector<Submission>& submissions) {
         if (submissions.size() > 1) {
-            for (const Submission& one : submissions) {
-                begin(one);
+            // Postfix hangs up when there are more than a hundred RSET without a message.
+            constexpr std::size_t most = 50;
+            for (std::size_t index = 0; index < submissions.size(); ++index) {
+                if (index > 0 && index % most == 0) {
+                    m_smtp.quit();
+                    m_smtp = Smtp(m_to, m_end);
+                }
+                begin(submissions[index]);
                 require("RSET", m_smtp.command("RSET"), 2);
             }
         }
@@ -101,6 +107,8 @@ private:
 
     [[noreturn]] void refuse(const std::string& what) const { throw SubmissionFailure(what, m_done == 0); }
 
+    const SubmitTo& m_to;
+    Smtp::Clock::time_point m_end;
     Smtp m_smtp;
     std::size_t m_done = 0;
 };
