@@ -2,6 +2,7 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
+#include <norvcmsg/Time.h>
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
@@ -50,6 +51,14 @@ bool mayUse(const Config& config, const Envelope& envelope, const std::vector<st
                        rule.from, [&](const Norvane::StringPattern& pattern) { return pattern.matches(address); });
                });
     });
+}
+
+/// As `ValidityPeriod::valid`, which would write a line of its own into the log.
+bool isValidNow(const NVX509::RefCertificate& certificate) {
+    const auto& begin = certificate->validityPeriod().notBefore();
+    const auto& end = certificate->validityPeriod().notAfter();
+    const Norvane::Time now = Norvane::Time::now();
+    return !begin.isNull() && !end.isNull() && !(now < begin->asTime()) && !(end->asTime() < now);
 }
 
 class Planner {
@@ -153,7 +162,7 @@ private:
         }
         if (!mayUse(m_config, m_envelope, m_people.from))
             return refuseMismatch(from);
-        if (!pair->certificate->validityPeriod().valid(0)) {
+        if (!isValidNow(pair->certificate)) {
             m_isKeyMissing = true;
             m_plan.whyUnsigned = "the certificate to sign with for " + escapeForDisplay(from) + " is not valid now";
             return;
