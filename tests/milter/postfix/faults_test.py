@@ -176,6 +176,7 @@ class Faults(Case):
 
     def test_no_room_for_what_waits(self):
         filter_ = self.world.outgoing
+        self.world.guard.mount(filter_.spool)
         mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m,mode=777", "none", filter_.spool], stderr=subprocess.PIPE)
         if mounted.returncode:
             self.skipTest(f"no file system of its own for the spool: {mounted.stderr.decode().strip()}")
