@@ -219,11 +219,10 @@ def report(results, rounds):
     load = os.getloadavg()[0]
     text = f"""# The mail filter on a Postfix
 
-Made by `scripts/bench --gateway`: medians of {rounds} rounds in one run on {os.cpu_count()} cores, {CONNECTIONS} connections at once,
-RSA-2048, SHA-256, AES-256-CBC; the load of the machine at the end was {load:.1f}. Postfix {postfix.default_setting('mail_version')} takes
-messages and discards them; client, Postfix and filter share the cores. Filters are asked over a Unix socket where nothing else is said.
-"beside nothing" is the rate divided by that of the filter
-that does nothing.
+Made by `scripts/bench --gateway`: medians of {rounds} rounds in one run on {os.cpu_count()} cores, {CONNECTIONS} connections at once, RSA-2048,
+SHA-256, AES-256-CBC; the load of the machine at the end was {load:.1f}. Postfix {postfix.default_setting('mail_version')} takes messages and discards them;
+client, Postfix and filter share the cores. Filters are asked over a Unix socket where nothing else is said. "beside nothing" is the
+rate divided by that of the filter that does nothing.
 """
     for size, (found, alone) in results.items():
         text += f"""
