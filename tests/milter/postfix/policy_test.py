@@ -180,6 +180,33 @@ class SeveralRecipients(Case):
             self.assertEqual([], mail.field(self.arrived(recipient, "hidden"), "Bcc"))
             self.assert_verdict(self.arrived(recipient, "hidden"), "pass")
 
+    def test_more_hidden_recipients_than_one_connection_takes(self):
+        # Postfix hangs up on who begins and gives up too many messages over one connection.
+        addresses = [f"crowd{number}@b.example" for number in range(120)]
+        crowd = self.world.authority.issue(addresses[0], addresses[1:])
+        keep(self.world.outgoing.store, crowd, USER, with_key=False, name="crowd")
+        self.world.outgoing.settings.change("outgoing", separate_messages=200)
+        self.world.reconfigure(self.world.outgoing)
+        passed = self.send("crowd", ["recipient@b.example"], addresses)
+        self.assertEqual(sorted([["recipient@b.example"], *([address] for address in addresses)]),
+                         sorted(message.recipients for message in passed))
+        for message in passed:
+            self.assertEqual("encrypted", mail.kind(message.data))
+        for message in passed[:5] + passed[-5:]:
+            self.assertEqual(1, len(mail.recipients_of(message.data)))
+
+    def test_recipients_in_other_letters_quoted_and_named_twice(self):
+        data = mail.compose(SENDER, 'recipient@B.EXAMPLE, "no body"@b.example', "letters", b"For letters.\r\n")
+        self.world.send(["recipient@B.EXAMPLE", '"no body"@b.example', '"no body"@b.example', "FRIEND@b.example"], data)
+        self.assertTrue(self.world.settled())
+        found = {}
+        for message in self.wire("letters"):
+            for recipient in message.recipients:
+                self.assertNotIn(recipient.lower(), found)
+                found[recipient.lower()] = mail.kind(message.data)
+        # Capital letters in front of the "@" are another address, for which no rule of these and no certificate is.
+        self.assertEqual({"recipient@b.example": "encrypted", '"no body"@b.example': "signed", "friend@b.example": "signed"}, found)
+
     def test_a_bounce_of_the_host_itself_is_not_signed(self):
         self.world.send("unknown@elsewhere.example", mail.compose(SENDER, "unknown@elsewhere.example", "to come back"))
         self.assertTrue(self.world.settled())
