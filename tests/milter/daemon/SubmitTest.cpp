@@ -41,7 +41,7 @@ std::pair<std::string, bool> failureOf(const SubmitTo& where, const std::vector<
 TEST(MilterSubmit, OneMessageForSeveral) {
     FakeSmtp server;
     submit(to(server), {submission("anna@a.example", {"bert@b.example", "\"c >d\"@c.example"}, shortMessage)});
-    EXPECT_THAT(server.commands(),
+    EXPECT_THAT(server.commandsUntilQuit(),
                 ElementsAre("EHLO mx.a.example", "MAIL FROM:<anna@a.example> SIZE=15 BODY=8BITMIME",
                             "RCPT TO:<bert@b.example>", "RCPT TO:<\"c >d\"@c.example>", "DATA", "QUIT"));
     EXPECT_THAT(server.messages(), ElementsAre(shortMessage));
@@ -50,7 +50,7 @@ TEST(MilterSubmit, OneMessageForSeveral) {
 TEST(MilterSubmit, AllAreAskedForBeforeTheFirstIsSent) {
     FakeSmtp server;
     submit(to(server), {submission("", {"b@b.example"}, shortMessage), submission("", {"c@c.example"}, shortMessage)});
-    EXPECT_THAT(server.commands(),
+    EXPECT_THAT(server.commandsUntilQuit(),
                 ElementsAre("EHLO mx.a.example", "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<b@b.example>", "RSET",
                             "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<c@c.example>", "RSET",
                             "MAIL FROM:<> SIZE=15 BODY=8BITMIME", "RCPT TO:<b@b.example>", "DATA",

@@ -51,6 +51,16 @@ public:
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_commands;
     }
+    /// Until the last one came, which nobody waits for.
+    [[nodiscard]] std::vector<std::string> commandsUntilQuit() const {
+        for (int waited = 0; waited < 2000; ++waited) {
+            std::vector<std::string> now = commands();
+            if (!now.empty() && now.back() == "QUIT")
+                return now;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return commands();
+    }
     /// As they were sent, dots and all, without the last line.
     [[nodiscard]] std::vector<std::string> messages() const {
         const std::lock_guard<std::mutex> guard(m_mutex);
