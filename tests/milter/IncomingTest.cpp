@@ -283,8 +283,9 @@ TEST_F(Incoming, EncryptedMailIsNeverRefused) {
     const std::string changed = replaced(wrapped(plain, {signedBy(anna())}), "this is all", "this is some");
     std::string damaged = wrapped(changed, {encryptedTo({&bert()})});
     damaged.resize(damaged.size() - 200);
-    for (const std::string& mail : {wrapped(changed, {encryptedTo({&bert()})}), damaged,
-                                    wrapped(plain, {signedBy(person("eve@a.example", "alice")), encryptedTo({&bert()})})})
+    for (const std::string& mail :
+         {wrapped(changed, {encryptedTo({&bert()})}), damaged,
+          wrapped(plain, {signedBy(person("eve@a.example", "alice")), encryptedTo({&bert()})})})
         EXPECT_EQ(handled(messageOf(mail), "refuse = [\"fail\", \"policy\", \"permerror\"]\n").action, Action::change);
 }
 

@@ -144,6 +144,16 @@ TEST_F(Outgoing, HiddenRecipientsGetMessagesOfTheirOwn) {
     EXPECT_EQ(refused.action, Action::reject);
 }
 
+TEST_F(Outgoing, AHiddenRecipientWhoStandsTwiceGetsOneMessage) {
+    const Message message = mailOf({"cleo@b.example", "bert@b.example", "cleo@b.example"}, "bert@b.example");
+    const Outcome outcome = handled(m_world, rule("never", "must"), message);
+    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
+    ASSERT_EQ(outcome.submissions.size(), 1U);
+    EXPECT_THAT(outcome.submissions.front().recipients, ElementsAre("bert@b.example"));
+    EXPECT_THAT(outcome.removeRecipients, ElementsAre("bert@b.example"));
+    EXPECT_EQ(read(delivered(message, outcome).text(), {&cleo()}).recipients(), 1U);
+}
+
 /// Nobody stands in To: each is hidden from the others, and one of them keeps the message.
 TEST_F(Outgoing, AllRecipientsHidden) {
     const Message message = mailOf({"bert@b.example", "cleo@b.example"}, "undisclosed-recipients:;");

@@ -1,5 +1,7 @@
 #include "engine/AuthenticationResults.h"
 
+#include "message/Message.h"
+
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
@@ -180,13 +182,6 @@ private:
     std::string_view m_text;
     std::size_t m_at = 0;
 };
-
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    for (char& one : result)
-        one = one >= 'A' && one <= 'Z' ? static_cast<char>(one - 'A' + 'a') : one;
-    return result;
-}
 
 /// A text without its comments, as far as those end.
 std::string withoutComments(std::string_view text) {

@@ -8,12 +8,6 @@ namespace norvmilter {
 
 namespace {
 
-std::string lowered(std::string text) {
-    for (char& one : text)
-        one = one >= 'A' && one <= 'Z' ? static_cast<char>(one - 'A' + 'a') : one;
-    return text;
-}
-
 std::map<std::string, std::vector<std::string>> valuesOf(const std::vector<HeaderField>& header) {
     std::map<std::string, std::vector<std::string>> values;
     for (const HeaderField& field : header)

@@ -230,10 +230,7 @@ bool isMarked(const Message& message) {
     return std::ranges::any_of(message.header, [](const HeaderField& field) {
         if (!isSameName(field.name, "Content-Type"))
             return false;
-        std::string value = field.value;
-        std::ranges::transform(value, value.begin(), [](char one) {
-            return one >= 'A' && one <= 'Z' ? static_cast<char>(one - 'A' + 'a') : one;
-        });
+        const std::string value = lowered(field.value);
         return value.find("application/") != std::string::npos || value.find("multipart/signed") != std::string::npos ||
                value.find("multipart/encrypted") != std::string::npos;
     });

@@ -40,7 +40,7 @@ private:
     MediaIn m_second;
 };
 
-char lowered(char one) noexcept {
+char smallLetter(char one) noexcept {
     return one >= 'A' && one <= 'Z' ? static_cast<char>(one - 'A' + 'a') : one;
 }
 
@@ -83,8 +83,14 @@ std::string octetsOf(const std::vector<HeaderField>& header) {
     return octets;
 }
 
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::ranges::transform(result, result.begin(), smallLetter);
+    return result;
+}
+
 bool isSameName(std::string_view left, std::string_view right) noexcept {
-    return std::ranges::equal(left, right, {}, lowered, lowered);
+    return std::ranges::equal(left, right, {}, smallLetter, smallLetter);
 }
 
 MediaIn joined(const std::string& first, const MediaIn& second) {

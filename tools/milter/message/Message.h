@@ -55,6 +55,8 @@ constexpr unsigned int keptInMemory = 65536;
 [[nodiscard]] std::string octetsOf(const HeaderField& field);
 [[nodiscard]] std::string octetsOf(const std::vector<HeaderField>& header);
 
+/// A text with small letters in place of capital ones, of ASCII alone.
+[[nodiscard]] std::string lowered(std::string_view text);
 /// Whether two names of fields are the same: capital or small letters do not count.
 [[nodiscard]] bool isSameName(std::string_view left, std::string_view right) noexcept;
 

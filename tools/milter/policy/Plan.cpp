@@ -190,13 +190,15 @@ private:
     void makeGroups(Protection protection) {
         using Key = std::tuple<bool, bool, bool, bool, bool, int, int, bool, std::size_t>;
         std::map<Key, std::size_t> places;
+        std::map<std::string, std::size_t> firsts; // an address may stand twice among the recipients
         bool isSplittable = true;
         for (std::size_t index = 0; index < m_plan.recipients.size(); ++index) {
             const RecipientPlan& recipient = m_plan.recipients[index];
             const Group wanted = groupOf(recipient, protection);
             const OutgoingRule& rule = *wanted.rule;
             // What a message is encrypted to tells the others of whoever is hidden from them.
-            const std::size_t alone = recipient.hidden && wanted.encrypt ? index + 1 : 0;
+            const std::size_t own = firsts.try_emplace(recipient.address, index + 1).first->second;
+            const std::size_t alone = recipient.hidden && wanted.encrypt ? own : 0;
             const Key key{wanted.sign,
                           wanted.encrypt,
                           wanted.sign && rule.pss,
