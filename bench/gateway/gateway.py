@@ -28,7 +28,8 @@ SENDER, RECIPIENT = "sender@a.example", "recipient@b.example"
 CONNECTIONS = 8
 SIZES = {"4 KB": 4 << 10, "1 MB": 1 << 20}
 TASKS = ("sign", "sign-encrypt", "read")
-NAMES = {"none": "no filter", "idle": "a filter that does nothing", "port": "a filter that does nothing, over a port", "sign": "signs", "sign-encrypt": "signs and encrypts",
+NAMES = {"none": "no filter", "idle": "a filter that does nothing", "port": "a filter that does nothing, over a port",
+         "sign": "signs", "sign-encrypt": "signs and encrypts",
          "read": "decrypts and verifies"}
 
 
@@ -134,8 +135,8 @@ class Bench:
     def alone(self, task, size, seconds, written=None):
         """Messages a second of the library on both cores, and processor milliseconds of each."""
         given = (self.sealed if task == "read" else self.clear)[size]
-        done = subprocess.run([self.programs / "smime_alone", self.store, self.roots, task, str(os.cpu_count()), str(seconds), given,
-                               RECIPIENT, *([written] if written else [])], check=True, capture_output=True, text=True)
+        done = subprocess.run([self.programs / "smime_alone", self.store, self.roots, task, str(os.cpu_count()), str(seconds),
+                               given, RECIPIENT, *([written] if written else [])], check=True, capture_output=True, text=True)
         messages, passed, used = map(float, done.stdout.split())
         return messages / passed, 1000 * used / messages
 
@@ -145,7 +146,8 @@ class Bench:
                      **{task: self.filters[task].address for task in self.filters}}
         os.umask(0)  # Postfix may use the socket
         for who, name in (("idle", addresses["idle"]), ("port", f"inet:{port}@127.0.0.1")):
-            self.idle[who] = subprocess.Popen([self.programs / "idle_milter", name], stdin=subprocess.DEVNULL, start_new_session=True)
+            self.idle[who] = subprocess.Popen([self.programs / "idle_milter", name], stdin=subprocess.DEVNULL,
+                                              start_new_session=True)
             self.guard.session(self.idle[who])
         os.umask(0o022)
         if not wait_for_port(port) or not mail.until(lambda: (self.folder / "idle.sock").exists(), 10):
@@ -219,11 +221,10 @@ def report(results, rounds):
     load = os.getloadavg()[0]
     text = f"""# The mail filter on a Postfix
 
-Made by `scripts/bench --gateway`: medians of {rounds} rounds in one run on {os.cpu_count()} cores, {CONNECTIONS} connections at once,
-RSA-2048, SHA-256, AES-256-CBC; the load of the machine at the end was {load:.1f}. Postfix {postfix.default_setting('mail_version')} takes
-messages and discards them; client, Postfix and filter share the cores. Filters are asked over a Unix socket where nothing else is said.
-"beside nothing" is the rate divided by that of the filter
-that does nothing.
+Made by `scripts/bench --gateway`: medians of {rounds} rounds in one run on {os.cpu_count()} cores, {CONNECTIONS} connections at once, RSA-2048,
+SHA-256, AES-256-CBC; the load of the machine at the end was {load:.1f}. Postfix {postfix.default_setting('mail_version')} takes messages and discards them;
+client, Postfix and filter share the cores. Filters are asked over a Unix socket where nothing else is said. "beside nothing" is the
+rate divided by that of the filter that does nothing.
 """
     for size, (found, alone) in results.items():
         text += f"""

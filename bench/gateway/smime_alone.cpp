@@ -136,6 +136,8 @@ int main(int argc, char* argv[]) {
         status = run(argv, argc == 9 ? argv[8] : nullptr);
     } catch (const Exception& failure) {
         std::cerr << failure.asString() << '\n';
+    } catch (const std::exception& failure) {
+        std::cerr << failure.what() << '\n';
     }
     cleanup();
     return status;

@@ -1,11 +1,11 @@
-#!/usr/bin/env python3
 """Bodies of every kind on their whole way: signed and encrypted by the first host's filter, opened by the second's."""
 
+import base64
 import email
 import email.policy
 import random
 
-from checks import RECIPIENT, SENDER, Case, mail, main
+from checks import RECIPIENT, SENDER, Case, mail
 
 
 class Bodies(Case):
@@ -53,18 +53,21 @@ class Bodies(Case):
             self.assertEqual(body, self.content(arrived), f"{subject} for {recipient}")
 
     def test_text(self):
-        self.same("text", b"One line.\r\n.a dot\r\n..\r\nFrom here on\r\n-- \r\ntrailing blanks  \t\r\n\r\n\r\n", ["Content-Type: text/plain"])
+        self.same("text", b"One line.\r\n.a dot\r\n..\r\nFrom here on\r\n-- \r\ntrailing blanks  \t\r\n\r\n\r\n",
+                  ["Content-Type: text/plain"])
 
     def test_eight_bits(self):
         self.same("eight bits", "Grüße aus Köln, 日本語\r\n".encode() * 20)
 
     def test_octets_that_are_no_text(self):
-        self.same("octets", bytes(range(1, 10)) + bytes(range(14, 256)) + b"\r\n", ["Content-Type: text/plain", "Content-Transfer-Encoding: 8bit"])
+        self.same("octets", bytes(range(1, 10)) + bytes(range(14, 256)) + b"\r\n",
+                  ["Content-Type: text/plain", "Content-Transfer-Encoding: 8bit"])
 
     def test_binary_body_as_base64(self):
         octets = random.Random(7).randbytes(100_000)
-        body = mail.crlf(__import__("base64").encodebytes(octets))
-        for recipient, arrived in self.journey("base64", body, ["Content-Type: application/octet-stream", "Content-Transfer-Encoding: base64"]):
+        body = mail.crlf(base64.encodebytes(octets))
+        extra = ["Content-Type: application/octet-stream", "Content-Transfer-Encoding: base64"]
+        for recipient, arrived in self.journey("base64", body, extra):
             self.assertEqual(octets, self.content(arrived), recipient)
 
     def test_nul_octets(self):
@@ -81,8 +84,8 @@ class Bodies(Case):
         self.same("one line end", b"\r\n")
 
     def test_a_multipart(self):
-        body = (b"--b1\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\n" + "Grüße\r\n".encode()
-                + b"--b1\r\nContent-Type: image/png\r\nContent-Transfer-Encoding: base64\r\n\r\niVBORw0KGgo=\r\n--b1--\r\n")
+        body = (b"--b1\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\n"
+                + "Grüße\r\n".encode() + b"--b1\r\nContent-Type: image/png\r\nContent-Transfer-Encoding: base64\r\n\r\niVBORw0KGgo=\r\n--b1--\r\n")
         for recipient, arrived in self.journey("multipart", body, ['Content-Type: multipart/mixed; boundary="b1"']):
             message = email.message_from_bytes(arrived, policy=email.policy.SMTP)
             if message.get_content_type() == "multipart/signed":
@@ -112,7 +115,3 @@ class Bodies(Case):
         lines = [b"%08d %s\r\n" % (number, b"x" * 60) for number in range(1000)]
         body = b"".join(lines) * (40_000_000 // sum(map(len, lines)))
         self.same("forty megabytes", body, ["Content-Type: text/plain"], recipients=(RECIPIENT,), seconds=120)
-
-
-if __name__ == "__main__":
-    main()

@@ -1,63 +1,50 @@
-"""What the tests of this folder have in common: a rig for each class, and how a program of tests ends.
+"""What the tests of this folder have in common: one rig for all of them, and what they look at."""
 
-    NORV_MILTER=build/asan/bin/norvcrypt-milter python3 tests/milter/postfix/policy_test.py [Class.test]
-
-NORV_MILTER_LONG=1 makes the load larger. Exit code 77, which ctest shows as skipped, where no Postfix can be started."""
-
+import copy
 import os
-import signal
-import sys
+import time
 import unittest
+from pathlib import Path
 
-from rig import mail, postfix
+from rig import mail
 from rig.world import RECIPIENT, SENDER, World
 
-SKIPPED = 77
 LONG = bool(os.environ.get("NORV_MILTER_LONG"))
 
 
 class Case(unittest.TestCase):
-    """One world for all tests of a class."""
+    """All classes share one world: starting hosts and making keys takes longer than the tests. Each begins with the settings of
+    a new one and with those of its own."""
 
+    shared = None
+    pristine = None
     world = None
-    world_options = {}
 
     @classmethod
     def setUpClass(cls):
-        cls.world = World(os.environ["NORV_MILTER"], **cls.world_options)
+        if Case.shared is None:
+            began = time.monotonic()
+            Case.shared = World(os.environ["NORV_MILTER"])
+            Case.pristine = copy.deepcopy([filter_.settings for filter_ in (Case.shared.outgoing, Case.shared.incoming)])
+            Case.shared.start()
+            print(f"    two hosts and their filters: {time.monotonic() - began:.1f} s", flush=True)
+        cls.world = Case.shared
+        cls.world.outgoing.settings, cls.world.incoming.settings = copy.deepcopy(Case.pristine)
         cls.prepare()
-        try:
-            cls.world.start()
-        except BaseException:
-            cls.world.stop()
-            raise
+        for filter_ in (cls.world.outgoing, cls.world.incoming):
+            cls.world.reconfigure(filter_)
+        cls.world.tap.clear()
+        cls.world.mailboxes.clear()
+        cls.world.bounces.clear()
+
+    def run(self, result=None):
+        began = time.monotonic()
+        super().run(result)
+        print(f"    {time.monotonic() - began:.1f} s", flush=True)
 
     @classmethod
     def prepare(cls):
-        """Settings before the filters start."""
-
-    @classmethod
-    def tearDownClass(cls):
-        keep = os.environ.get("NORV_MILTER_LOGS")  # a folder for the logs, to look at what went wrong
-        if keep:
-            for filter_ in (cls.world.outgoing, cls.world.incoming):
-                with open(os.path.join(keep, f"{cls.__name__}-{filter_.folder.name}.log"), "w") as log:
-                    log.write(filter_.log_text())
-            for host in (cls.world.a, cls.world.b):
-                with open(os.path.join(keep, f"{cls.__name__}-postfix-{host.domain}.log"), "w") as log:
-                    log.write(host.log_text())
-        try:
-            for filter_ in (cls.world.outgoing, cls.world.incoming):
-                cls.check_log(filter_)
-        finally:
-            cls.world.stop()
-
-    @classmethod
-    def check_log(cls, filter_):
-        text = filter_.log_text()
-        for sign in ("AddressSanitizer", "LeakSanitizer", "runtime error:", "terminate called"):
-            if sign in text:
-                raise AssertionError(f"{filter_.folder.name}: {text[-6000:]}")
+        """Settings of the class."""
 
     def arrived(self, address, subject, seconds=40):
         data = self.world.mailboxes.one(address, subject, seconds)
@@ -90,16 +77,22 @@ class Case(unittest.TestCase):
         return refused.exception
 
 
-def main():
-    problem = postfix.missing()
-    if not os.environ.get("NORV_MILTER"):
-        raise SystemExit("NORV_MILTER says which program to test")
-    if problem:
-        print(f"SKIPPED: {problem}")
-        raise SystemExit(SKIPPED)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what runs is stopped then, too
-    sys.stdout.reconfigure(line_buffering=True)
-    unittest.main(module="__main__", verbosity=2)
+def finish(world):
+    """Stops a world. What its filters must never write is looked for."""
+    keep = os.environ.get("NORV_MILTER_LOGS")  # a folder for the logs, to look at what went wrong
+    logs = {part.folder.name: part for part in (world.outgoing, world.incoming, world.a, world.b)}
+    try:
+        for filter_ in (world.outgoing, world.incoming):
+            filter_.stop()
+    finally:
+        texts = {name: part.log_text() for name, part in logs.items()}
+        world.stop()
+    for name, text in texts.items():
+        if keep:
+            Path(keep, f"{name}.log").write_text(text)
+        for sign in ("Sanitizer", "runtime error:", "terminate called"):
+            if sign in text:
+                raise AssertionError(f"{name}: {text[text.index(sign) - 200:][:6000]}")
 
 
-__all__ = ["Case", "LONG", "RECIPIENT", "SENDER", "World", "mail", "main"]
+__all__ = ["Case", "LONG", "RECIPIENT", "SENDER", "World", "finish", "mail"]

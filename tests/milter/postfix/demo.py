@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Shows the filter at work between two Postfix hosts; scripts/demo-mail installs, builds and calls it."""
 
+import os
 import subprocess
 import sys
 import textwrap
 
 from rig import mail, postfix
+from rig.gateway import USER
 from rig.world import RECIPIENT, SENDER, World
 
 FRIEND = "friend@b.example"
@@ -83,7 +85,16 @@ def show(world):
     must(all(NOBODY not in passed.recipients for passed in world.tap.messages()), "it went over the wire")
     print("  nothing of it went over the wire")
 
-    headline("6. What the filters logged")
+    headline("6. What the operator of a.example is told about that")
+    arguments = ["explain", "--config", str(world.outgoing.config), "--from", SENDER, "--to", NOBODY, "--listener", "OUT"]
+    print("$ norvcrypt-milter " + " ".join(arguments))
+    program, libraries = world.outgoing.runnable()
+    explained = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, text=True, user=USER,
+                               extra_groups=[], env={**os.environ, **libraries})
+    indented(explained.stdout + explained.stderr)
+    must("rule newcomers" in explained.stdout, "the rule is not named")
+
+    headline("7. What the filters logged")
     for name, filter_ in (("a.example", world.outgoing), ("b.example", world.incoming)):
         print(f"  {name}:")
         indented("\n".join(line for line in filter_.log_text().splitlines() if "queue" in line)[-1600:], 8)
@@ -102,7 +113,7 @@ def main():
     world.incoming.settings.change("incoming", refuse=["fail"])
     with world:
         show(world)
-        headline("7. Everything is stopped and removed")
+        headline("8. Everything is stopped and removed")
     print("Done.")
 
 

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What becomes of mail when the filter is killed, restarted or stopped, and when its store, its disk or its way back to Postfix
 are out of order."""
 
@@ -9,7 +8,7 @@ import subprocess
 import threading
 import time
 
-from checks import RECIPIENT, SENDER, Case, mail, main
+from checks import RECIPIENT, SENDER, Case, World, finish, mail
 from rig.postfix import free_ports
 
 BODY = b"For your eyes alone.\r\n"
@@ -93,7 +92,7 @@ class Faults(Case):
 
     def test_stopped_with_a_message_in_hand(self):
         filter_ = self.world.outgoing
-        body = b"".join(b"%08d %s\r\n" % (number, b"y" * 60) for number in range(300_000))
+        body = b"".join(b"%08d %s\r\n" % (number, b"y" * 60) for number in range(100_000))
         outcome = []
 
         def go():
@@ -177,6 +176,7 @@ class Faults(Case):
 
     def test_no_room_for_what_waits(self):
         filter_ = self.world.outgoing
+        self.world.guard.mount(filter_.spool)
         mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m,mode=777", "none", filter_.spool], stderr=subprocess.PIPE)
         if mounted.returncode:
             self.skipTest(f"no file system of its own for the spool: {mounted.stderr.decode().strip()}")
@@ -275,20 +275,23 @@ class Faults(Case):
 
 class OverAUnixSocket(Case):
     @classmethod
-    def prepare(cls):
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.world = World(cls.world.program, people=cls.world)
         for filter_ in (cls.world.outgoing, cls.world.incoming):
             filter_.settings.change("milter", socket=f"unix:{filter_.run}/milter.sock", socket_mode="0666")
         cls.world.a.listeners[0].settings["smtpd_milters"] = cls.world.outgoing.address
         cls.world.b.listeners[0].settings["smtpd_milters"] = cls.world.incoming.address
+        cls.world.start()
+
+    @classmethod
+    def tearDownClass(cls):
+        finish(cls.world)
 
     def test_it_goes_as_over_ports(self):
-        for attempt in ("first", "after a restart"):
+        for attempt in ("first", "after a crash"):
             self.world.send(RECIPIENT, mail.compose(SENDER, RECIPIENT, attempt))
             self.assert_verdict(self.arrived(RECIPIENT, attempt), "pass")
             # A file that was left behind is no obstacle.
             self.world.incoming.kill()
             self.world.incoming.start()
-
-
-if __name__ == "__main__":
-    main()

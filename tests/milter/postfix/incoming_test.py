@@ -1,7 +1,10 @@
-#!/usr/bin/env python3
 """What becomes of mail that comes in: made by the openssl program, sent straight to the receiving host."""
 
-from checks import RECIPIENT, SENDER, Case, mail, main
+import os
+import subprocess
+
+from checks import RECIPIENT, SENDER, Case, mail
+from rig.gateway import USER
 
 TEXT = b"Content-Type: text/plain; charset=utf-8\r\n\r\nThe price is 100 euros.\r\n"
 
@@ -19,10 +22,11 @@ class Incoming(Case):
         return "".join(f"{field}\r\n" for field in extra).encode() + data
 
     def test_plain_mail_is_not_touched(self):
-        extra = ["X-Folded: one\r\n\ttwo\r\n   three", "X-Empty:", "X-Wide:no blank", "X-Octets: \xe4\xf6".encode("latin-1").decode("latin-1"),
+        extra = ["X-Folded: one\r\n\ttwo\r\n   three", "X-Empty:", "X-Wide:no blank", "X-Octets: äöü",
                  "Authentication-Results: mx.elsewhere.example; spf=pass smtp.mailfrom=a.example",
                  "DKIM-Signature: v=1; a=rsa-sha256; d=a.example;\r\n\tb=abc=", "X-Folded: again"]
-        data = mail.compose(SENDER, RECIPIENT, "plain", b"\r\n\r\n.dots\r\n..\r\n trailing  \r\nbare \r return\r\n\xff\xfe\r\n\r\n", extra)
+        body = b"\r\n\r\n.dots\r\n..\r\n trailing  \r\nbare \r return\r\n\xff\xfe\r\n\r\n"
+        data = mail.compose(SENDER, RECIPIENT, "plain", body, extra)
         self.assertEqual(data, self.deliver(data, "plain"))
 
     def test_a_body_that_is_empty_or_absent_is_not_touched(self):
@@ -98,7 +102,8 @@ class Incoming(Case):
     def test_damaged(self):
         whole = self.made(mail.encrypted([self.person(RECIPIENT)], TEXT), "damaged")
         head, body = whole.split(b"\r\n\r\n", 1)
-        for subject, broken in (("damaged cut", body[:len(body) // 8 * 4]), ("damaged none", b""), ("damaged text", b"!!!\r\n" * 5)):
+        for subject, broken in (("damaged cut", body[:len(body) // 8 * 4]), ("damaged none", b""),
+                                ("damaged text", b"!!!\r\n" * 5)):
             with self.subTest(subject):
                 data = head.replace(b"Subject: damaged", f"Subject: {subject}".encode()) + b"\r\n\r\n" + broken
                 if not data.endswith(b"\r\n"):
@@ -109,7 +114,8 @@ class Incoming(Case):
 
     def test_parts_that_no_signature_covers(self):
         signed = mail.signed(self.person(), TEXT)
-        entity = (b'Content-Type: multipart/mixed; boundary="outer"\r\n\r\n--outer\r\nContent-Type: text/plain\r\n\r\nThe price is 1 euro.\r\n'
+        entity = (b'Content-Type: multipart/mixed; boundary="outer"\r\n\r\n--outer\r\n'
+                  b'Content-Type: text/plain\r\n\r\nThe price is 1 euro.\r\n'
                   b"--outer\r\n" + mail.re.sub(rb"(?i)^MIME-Version:[^\r\n]*\r\n", b"", signed) + b"\r\n--outer--\r\n")
         data = self.made(entity, "uncovered")
         arrived = self.deliver(data, "uncovered")
@@ -164,5 +170,41 @@ class Incoming(Case):
             self.world.reconfigure(filter_)
 
 
-if __name__ == "__main__":
-    main()
+class Learning(Case):
+    """A certificate that came with a mail is encrypted to, until it is taken back."""
+
+    NEWCOMER = "newcomer@b.example"
+
+    @classmethod
+    def prepare(cls):
+        filter_ = cls.world.outgoing
+        filter_.settings.change("learn", enabled=True, folder=filter_.learned)
+        filter_.settings.rules = [{"name": "all", "sign": "never", "encrypt": "must"}]
+
+    def command(self, *arguments):
+        """What `learnt` of the program says, as the filter's user."""
+        filter_ = self.world.outgoing
+        program, libraries = filter_.runnable()
+        done = subprocess.run([program, "learnt", "--config", filter_.config, *arguments], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, user=USER, extra_groups=[], env={**os.environ, **libraries})
+        self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+        return done.stdout
+
+    def test_from_the_first_mail_to_taking_it_back(self):
+        newcomer = self.world.authority.issue(self.NEWCOMER)
+        send = lambda subject: self.world.send(self.NEWCOMER, mail.compose(SENDER, self.NEWCOMER, subject))
+        self.assert_refused(550, "no certificate to encrypt to", lambda: send("too early"))
+        # In at a listener that nothing says to be outgoing.
+        entity = mail.signed(newcomer, TEXT)
+        mail.send(self.world.login_port, self.NEWCOMER, SENDER, mail.mail_of(entity, self.NEWCOMER, SENDER, "hello"))
+        self.assertIsNotNone(self.world.bounces.one(SENDER, "hello"))
+        listed = self.command("list")
+        self.assertIn(self.NEWCOMER, listed)
+        send("learnt")
+        self.assertTrue(self.world.settled())
+        passed, = self.wire("learnt")
+        self.assertEqual([newcomer.serial], mail.recipients_of(passed.data))
+        name = next(entry.name for entry in self.world.outgoing.learned.iterdir() if not entry.name.startswith("."))
+        self.command("revoke", name)
+        self.assertTrue(self.world.outgoing.reload_and_wait())
+        self.assert_refused(550, "no certificate to encrypt to", lambda: send("taken back"))

@@ -27,6 +27,9 @@ class Guard:
     def folder(self, path):
         self.tell("folder", path)
 
+    def mount(self, path):
+        self.tell("mount", path)
+
     def close(self):
         """What is left of what it was told about goes now."""
         self.process.stdin.close()
@@ -35,13 +38,15 @@ class Guard:
 
 def main():
     signal.signal(signal.SIGINT, signal.SIG_IGN)
-    sessions, folders = [], []
+    sessions, folders, mounts = [], [], []
     for line in sys.stdin:
         word, _, what = line.rstrip("\n").partition(" ")
         if word == "session":
             sessions.append(int(what))
         elif word == "ended":
             sessions.remove(int(what))
+        elif word == "mount":
+            mounts.append(what)
         else:
             folders.append(what)
     for number in (signal.SIGTERM, signal.SIGKILL):
@@ -52,6 +57,9 @@ def main():
                 pass
         if sessions and number == signal.SIGTERM:
             time.sleep(1)
+    for mount in mounts:
+        if os.path.ismount(mount):
+            subprocess.run(["umount", "-l", mount])
     for folder in folders:
         shutil.rmtree(folder, ignore_errors=True)
 

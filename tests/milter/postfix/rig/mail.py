@@ -93,7 +93,7 @@ def split(data):
 
 def field(data, name):
     """The values of all fields of that name."""
-    return [value for known, value in split(data)[0] if known.lower() == name.lower()]
+    return [value for known, value in split(data[:data.find(b"\r\n\r\n") + 4])[0] if known.lower() == name.lower()]
 
 
 class Mailboxes:

@@ -79,18 +79,18 @@ class Tap:
         return lines[-1]
 
     def body(self, client, server, sender, recipients):
-        lines = []
-        for line in iter(client.readline, b""):
-            if line == b".\r\n":
-                break
-            lines.append(line[1:] if line.startswith(b".") else line)
-        else:
-            return
-        passed = Passed(sender, recipients, b"".join(lines))
+        # The client waits for an answer behind the final dot, so that nothing comes after it.
+        raw = bytearray()
+        while not raw.endswith(b"\r\n.\r\n") and raw != b".\r\n":
+            piece = client.read1(1 << 16)
+            if not piece:
+                return
+            raw += piece
+        passed = Passed(sender, recipients, re.sub(rb"(?m)^\.", b"", bytes(raw[:-3])))
         if self.change:
             passed.data = self.change(passed)
-        server.write(re.sub(rb"(?m)^\.", b"..", passed.data))
-        server.write(b".\r\n")
+            raw = re.sub(rb"(?m)^\.", b"..", passed.data) + b".\r\n"
+        server.write(raw)
         server.flush()
         # Kept before the client hears of it: whoever waits for the end of the delivery finds it here.
         with self.lock:

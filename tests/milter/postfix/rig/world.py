@@ -19,7 +19,8 @@ RECIPIENT = "recipient@b.example"
 
 class World:
     def __init__(self, program=None, milters=None, people=True, default_action="tempfail", filter_environment=None):
-        """`people`: False for none, "few" for those that load needs. `program` is the filter; `milters` instead, (for A, for B), are addresses of filters that run already."""
+        """`program` is the filter; `milters` instead, (for A, for B), are addresses of filters that run already. `people`: False for
+        none, or another world that lends its own."""
         self.folder = Path(tempfile.mkdtemp(prefix="mail-rig-"))
         self.folder.chmod(0o755)
         self.guard = Guard()
@@ -37,15 +38,13 @@ class World:
 
     def make_people(self, wanted):
         self.people = {}
-        if not wanted:
+        if isinstance(wanted, World):
+            self.people, self.authority, self.stranger = wanted.people, wanted.authority, wanted.stranger
+        if not wanted or self.people:
             return
         self.authority = Authority(self.folder / "authority", "Rig Root")
         self.stranger = Authority(self.folder / "stranger", "Stranger Root")
-        for address in (SENDER, RECIPIENT, "friend@b.example"):
-            self.people[address] = self.authority.issue(address)
-        if wanted == "few":
-            return
-        for address in ("second@a.example", "third@b.example"):
+        for address in (SENDER, "second@a.example", RECIPIENT, "friend@b.example", "third@b.example"):
             self.people[address] = self.authority.issue(address)
         self.people["expired@b.example"] = self.authority.issue("expired@b.example", begins="20200101000000Z",
                                                                 ends="20210101000000Z")
@@ -75,7 +74,8 @@ class World:
         for_a, for_b = milters or (self.outgoing and self.outgoing.address, self.incoming and self.incoming.address)
         milter = {"milter_default_action": default_action, "milter_protocol": "6"}
         self.b = Postfix(self.folder / "b", "b.example", [
-            Listener(self.in_port, milter_macro_daemon_name="IN", smtpd_milters=for_b or "")], smtpd_relay_restrictions="reject_unauth_destination", **milter)
+            Listener(self.in_port, milter_macro_daemon_name="IN", smtpd_milters=for_b or "")],
+            smtpd_relay_restrictions="reject_unauth_destination", **milter)
         self.tap = Tap(self.in_port)
         self.a = Postfix(self.folder / "a", "a.example", [
             Listener(self.out_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or ""),
