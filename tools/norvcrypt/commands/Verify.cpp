@@ -34,7 +34,6 @@ namespace NVX509 = Norvane::Crypto::NVX509;
 namespace CMS = Norvane::Crypto::CMS;
 namespace SMime = Norvane::Crypto::SMime;
 namespace Trust = Norvane::Crypto::Trust;
-using CMS::SignatureReason;
 using CMS::SignatureResult;
 using CMS::SignatureVerdict;
 using CMS::SignedReader;
