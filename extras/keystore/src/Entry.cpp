@@ -29,7 +29,7 @@ bool isStill(const FileDescriptor& store, const std::string& path, const FileSta
 } // namespace
 
 std::shared_ptr<Entry> Entry::list(const FileDescriptor& store, const std::string& name) {
-    const std::shared_ptr<Entry> entry(new Entry(name));
+    std::shared_ptr<Entry> entry(new Entry(name));
     entry->m_listedAt = std::time(nullptr);
     try {
         entry->m_folderState = folderState(store, name);
@@ -60,7 +60,7 @@ std::shared_ptr<Entry> Entry::listAgain(const std::shared_ptr<Entry>& before, co
     if (before->isReadAs(store)) {
         return before;
     }
-    const std::shared_ptr<Entry> entry(new Entry(name));
+    std::shared_ptr<Entry> entry(new Entry(name));
     entry->m_owners = before->m_owners;
     entry->m_folderState = before->m_folderState;
     entry->m_ownersState = before->m_ownersState;

@@ -20,7 +20,7 @@ void eachFile(const std::string& directory, const std::function<void(const std::
     const Norvane::FileDescriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (const std::string& folder : Norvane::namesIn(opened).names)
         for (const char* name : {"cert.pem", "chain.pem", "key.pem", "passphrase", "owners.txt"})
-            tell(directory + "/" + folder + "/" + name);
+            tell(std::string(directory).append("/").append(folder).append("/").append(name));
 }
 
 } // namespace
