@@ -320,7 +320,8 @@ TEST_F(InspectToolTest, TextHasALineForEachValue) {
     EXPECT_EQ("  keyUsage: digitalSignature", lines.at(13));
     EXPECT_EQ("  keyUsage: nonRepudiation", lines.at(14));
     EXPECT_EQ("  keyUsage: keyEncipherment", lines.at(15));
-    EXPECT_EQ("  emails: alice@example.org", lines.at(16));
+    EXPECT_EQ("  extendedKeyUsage: emailProtection", lines.at(16));
+    EXPECT_EQ("  emails: alice@example.org", lines.at(17));
 }
 
 TEST_F(InspectToolTest, NegativeSerialNumberIsToldAndTheRestGoesOn) {

@@ -152,6 +152,8 @@ std::string inPlainWords(const std::string& text) {
     // Some say no more than that a decoder failed.
     if (constexpr std::string_view decoder = "ASN1 Decode failed"; plain.starts_with(decoder))
         return "it does not decode: it is damaged, cut off, or of a form that is not supported";
+    if (plain == "SSL_connect failed" || plain == "SSL_accept failed")
+        plain = "the TLS handshake failed";
     if (reasons.empty())
         return plain;
     std::string meaning = meaningOf(reasons);
