@@ -114,7 +114,8 @@ std::string detailsOf(const Norvane::Exception& failure) {
     std::string all;
     for (const Norvane::Exception::Parameter& parameter : failure.parameters())
         if (const auto* const text = std::get_if<std::string>(&parameter))
-            if (const std::string one = inPlainWords(*text); !one.empty())
+            // Some name the function.
+            if (const std::string one = inPlainWords(*text); !one.empty() && one.find("Norvane::") == std::string::npos)
                 all += (all.empty() ? "" : ", ") + one;
     return all;
 }
@@ -134,6 +135,7 @@ std::string inPlainWords(const std::string& text) {
         return text;
     std::string plain;
     std::vector<std::string_view> reasons;
+    std::string_view ofSystem; // "Connection reset by peer", which is plain
     for (std::size_t at = 0; at < text.size();) {
         std::size_t end = 0;
         const std::string_view reason = text.compare(at, 2, "0x") == 0 ? reasonAt(text, at, end) : std::string_view();
@@ -141,18 +143,24 @@ std::string inPlainWords(const std::string& text) {
             plain += text[at++];
         } else {
             reasons.push_back(reason);
+            if (text.substr(at, end - at).find(": system library / ") != std::string::npos)
+                ofSystem = reason;
             at = end;
         }
     }
     plain = trimmed(plain);
     // Some say no more than that a decoder failed.
     if (constexpr std::string_view decoder = "ASN1 Decode failed"; plain.starts_with(decoder))
-        plain = damaged + plain.substr(decoder.size());
-    if (reasons.empty() || plain == damaged)
+        return "it does not decode: it is damaged, cut off, or of a form that is not supported";
+    if (plain == "SSL_connect failed" || plain == "SSL_accept failed")
+        plain = "the TLS handshake failed";
+    if (reasons.empty())
         return plain;
     std::string meaning = meaningOf(reasons);
     if (meaning == unexplained && text.find("asn1 encoding routines") != std::string::npos)
         meaning = damaged;
+    if (meaning == unexplained && !ofSystem.empty())
+        meaning = ofSystem;
     return (plain.empty() ? "" : plain + ": ") + meaning;
 }
 
