@@ -40,7 +40,7 @@ template <class Work> void load(Work work) {
 void loadKeys(const std::string& directory, LoadedStores& loaded) {
     std::list<NVX509::KeyCertificatePair> pairs;
     if (!directory.empty()) {
-        loaded.directory = NVX509::RefDirectoryKeyStore(directory);
+        loaded.directory = NVX509::RefDirectoryKeyStore(directory, NVX509::DirectoryKeyStore::Reading::ahead);
         loaded.keys->add(loaded.directory.plugin());
         const auto contents = loaded.directory->contents();
         for (const auto& problem : contents->problems)
