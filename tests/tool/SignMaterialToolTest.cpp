@@ -51,6 +51,17 @@ TEST_F(SignMaterialToolTest, DigestIsTheOneInTheStructure) {
     EXPECT_EQ(std::string::npos, print.out.find(":sha256\n"));
 }
 
+TEST_F(SignMaterialToolTest, ADigestThatTheKeyDoesNotSignWithIsNamedAsTheReason) {
+    expectFailure(
+        tool({"sign", "--cert", "alice.pem", "--key", "alice.key", "--digest", "sm3", "--out", "sig"}, "body"),
+        "cannot sign standard input: that digest is not supported with this kind of key");
+    work.write("erin.pem", erin().certificate.pem());
+    work.write("erin.key", erin().key.pkcs8Pem());
+    before = work.names();
+    expectFailure(tool({"sign", "--cert", "erin.pem", "--key", "erin.key", "--digest", "md5", "--out", "sig"}, "body"),
+                  "cannot sign standard input: that digest is not supported with this kind of key");
+}
+
 TEST_F(SignMaterialToolTest, UnknownDigest) {
     expectFailure(sign({"--digest", "sha257", "--in", "body", "--out", "sig"}), "unknown digest: sha257");
 }
