@@ -280,7 +280,7 @@ TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
         client.send(reinterpret_cast<const Norvane::uchar_t*>(greeting.data()),
                     static_cast<Norvane::uint_t>(greeting.size()));
         server.waitFor(
-            "connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: the TLS handshake failed: ");
+            "connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: ");
     }
     EXPECT_EQ("still there", connect(port, {}, "still there").out);
     EXPECT_EQ(0, server.end());

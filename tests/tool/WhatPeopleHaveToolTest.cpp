@@ -139,20 +139,19 @@ TEST_F(WhatPeopleHaveToolTest, WholeMailsAreJudgedAsTheyAre) {
     EXPECT_THAT(asJson.out, HasSubstr("\"footer-at-end\""));
     // With a body the mail is pointed on.
     before = work.names();
-    expectFailure(tool({"verify", "--signature", "mail", "--in", "text"}), "which is a mail: norvcrypt smime verify");
-    expectFailure(tool({"verify", "--signature", "-", "--in", "text"}, mail),
-                  "which is a mail: norvcrypt smime verify");
+    expectFailure(tool({"verify", "--signature", "mail", "--in", "text"}), "it is a mail; norvcrypt smime verify");
+    expectFailure(tool({"verify", "--signature", "-", "--in", "text"}, mail), "it is a mail; norvcrypt smime verify");
 }
 
 // Whoever made the signature does not choose that the body is not looked at.
 TEST_F(WhatPeopleHaveToolTest, ABodyOnStandardInputIsNotPassedOverForAMail) {
     work.write("mail", "From: alice@example.org\n" + signedBy({}));
     before = work.names();
-    expectFailure(tool({"verify", "--signature", "mail"}, "pay mallory"), "which is a mail: norvcrypt smime verify");
+    expectFailure(tool({"verify", "--signature", "mail"}, "pay mallory"), "it is a mail; norvcrypt smime verify");
     const Answer piped = run(Command{
         .arguments = {"sh", "-c", "echo pay mallory | \"$0\" verify --signature mail", norvtest::norvcryptProgram},
         .directory = work.directory()});
-    expectFailure(piped, "which is a mail: norvcrypt smime verify");
+    expectFailure(piped, "it is a mail; norvcrypt smime verify");
 }
 
 TEST_F(WhatPeopleHaveToolTest, AMailComesThroughAPipe) {
