@@ -279,8 +279,7 @@ TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
         const std::string greeting = "EHLO client.example.org\r\n";
         client.send(reinterpret_cast<const Norvane::uchar_t*>(greeting.data()),
                     static_cast<Norvane::uint_t>(greeting.size()));
-        server.waitFor(
-            "connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: ");
+        server.waitFor("connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: ");
     }
     EXPECT_EQ("still there", connect(port, {}, "still there").out);
     EXPECT_EQ(0, server.end());
