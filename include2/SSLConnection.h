@@ -50,7 +50,9 @@ struct ConnectionOptions {
     /// Whether `hostName` is sent, where it is a DNS name.
     bool sendHostName = true;
     /// Whether a connection is refused whose peer has no certificate, or one that does not verify, or that of another host
-    /// than `hostName`; the context's callbacks cannot let it pass. Servers then insist on certificates of their clients.
+    /// than `hostName`. A callback of the context's that only lets the handshake go on does not let it pass; one that verifies
+    /// in OpenSSL's place (`SSL_CTX_set_cert_verify_callback`) is believed what it says of the chain, good when it says nothing,
+    /// and not asked about the host. Servers then insist on certificates of their clients.
     bool requireTrust = false;
 };
 

@@ -99,6 +99,10 @@ openssl::Host hostOf(const std::string& name) {
     if (!ascii.empty() && ascii.back() == '.') {
         ascii.pop_back();
     }
+    // With a dot behind it, or in letters of another script, it is an address still, which wildcards must not match.
+    if (const auto address = IPAddress::fromText(ascii); !address.isNull()) {
+        return {{}, address.octets()};
+    }
     if (!isHostName(ascii)) {
         refuse("no host name", name);
     }

@@ -245,6 +245,7 @@ TEST_F(SSLSocketOptionsTest, AsciiHostNameConvertsAndRefuses) {
     EXPECT_EQ("MX.example.org", asciiHostName("MX.example.org."));
     EXPECT_EQ("xn--fa-hia.de", asciiHostName("fa\xC3\x9F.de")) << "IDNA 2008 keeps the sharp s";
     EXPECT_EQ("2001:db8::1", asciiHostName("2001:DB8:0:0::1"));
+    EXPECT_EQ("192.0.2.1", asciiHostName("192.0.2.1"));
     EXPECT_EQ(std::string(63, 'a') + ".b", asciiHostName(std::string(63, 'a') + ".b"));
     const std::string long253 = std::string(62, 'a') + "." + std::string(62, 'a') + "." + std::string(62, 'a') + "." +
                                 std::string(62, 'a') + ".b";
@@ -281,6 +282,27 @@ TEST_F(SSLSocketOptionsTest, IsIssuedToAsksOneCertificate) {
     EXPECT_FALSE(isIssuedTo(certificateOf(server()), "localhost.example"));
     EXPECT_FALSE(isIssuedTo(Norvane::Crypto::NVX509::RefCertificate(), "localhost"));
     EXPECT_TRUE(errorQueueIsEmpty());
+}
+
+// The text of an address is never a name, however it is written: a wildcard would match it.
+TEST_F(SSLSocketOptionsTest, AddressesAreComparedWithAddressesAlone) {
+    const auto issuedTo = [](const GeneralName& name) {
+        return certificateOf(
+            norvauthority::issue({.subject = {{"CN", "a"}}, .key = Key::ec(), .alternativeNames = {name}}));
+    };
+    const auto named = issuedTo(GeneralName::dns("192.0.2.1"));
+    const auto wild = issuedTo(GeneralName::dns("*.0.2.1"));
+    const auto addressed = issuedTo(GeneralName::ip("192.0.2.1"));
+    for (const std::string text : {"192.0.2.1", "192.0.2.1.",
+                                   "\xEF\xBC\x91"
+                                   "92.0.2.1",
+                                   "192\xE3\x80\x82"
+                                   "0.2.1"}) {
+        EXPECT_EQ("192.0.2.1", asciiHostName(text));
+        EXPECT_FALSE(isIssuedTo(named, text)) << text;
+        EXPECT_FALSE(isIssuedTo(wild, text)) << text;
+        EXPECT_TRUE(isIssuedTo(addressed, text)) << text;
+    }
 }
 
 TEST_F(SSLSocketOptionsTest, RequiredTrustHoldsWhateverTheContextLetsPass) {

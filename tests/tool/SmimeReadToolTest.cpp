@@ -193,4 +193,15 @@ TEST_F(SmimeReadToolTest, InspectGoesInside) {
     EXPECT_EQ(json.at("parts").at(0).at("octets"), 4);
 }
 
+// What is read of it is told, and nobody takes that for all of it.
+TEST_F(SmimeReadToolTest, AMailThatCannotBeReadToItsEndIsInspectedWithAnExitCodeOfItsOwn) {
+    const std::string mail = "From: a@b.c\nMIME-Version: 1.0\nContent-Type: application/pkcs7-mime; "
+                             "smime-type=enveloped-data\nContent-Transfer-Encoding: base64\n\nMIIB!!!AAAA\n";
+    for (const std::vector<std::string>& command : {std::vector<std::string>{"smime", "inspect"}, {"inspect"}}) {
+        const Answer answer = tool(command, mail);
+        EXPECT_EQ(answer.status, 2) << answer.err;
+        EXPECT_NE(answer.out.find("verdict: damaged"), std::string::npos) << answer.out;
+    }
+}
+
 } // namespace

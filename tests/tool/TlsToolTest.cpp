@@ -75,6 +75,22 @@ TEST_F(TlsToolTest, AClientThatNeedsTrustTalksToWhoHasIt) {
     EXPECT_NE(std::string::npos, answer.err.find("the certificate is for localhost\n")) << answer.err;
 }
 
+// As for programs that give a host name: RFC 9525.
+TEST_F(TlsToolTest, ACommonNameIsNoHostName) {
+    using namespace norvauthority;
+    const Identity named = issue({.subject = {{"CN", "localhost"}}, .key = Key::ec()});
+    work.write("named.pem", named.certificate.pem());
+    work.write("named.key", named.key.pkcs8Pem());
+    Running server({norvtest::norvcryptProgram, "tls", "serve", "127.0.0.1:0", "--cert", "named.pem", "--key",
+                    "named.key", "--count", "1"},
+                   work.directory());
+    const Answer answer = connect(portOf(server), {"--ca", "named.pem", "--require-trust"}, "secret");
+    EXPECT_EQ(1, answer.status);
+    EXPECT_NE(std::string::npos, answer.err.find("verify result 0: ok\nthe certificate is not for localhost\n"))
+        << answer.err;
+    EXPECT_EQ(0, server.end());
+}
+
 TEST_F(TlsToolTest, AServerOfManyNamesIsToldWhichIsMeant) {
     const auto certificateFor = [this](const std::string& host) {
         Running server({"openssl", "s_server", "-accept", "127.0.0.1:0", "-rev", "-naccept", "1", "-cert", "good.pem",
@@ -263,8 +279,7 @@ TEST_F(TlsToolTest, AClientWithoutTlsDisturbsNobody) {
         const std::string greeting = "EHLO client.example.org\r\n";
         client.send(reinterpret_cast<const Norvane::uchar_t*>(greeting.data()),
                     static_cast<Norvane::uint_t>(greeting.size()));
-        server.waitFor(
-            "connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: ");
+        server.waitFor("connection 1: from 127\\.0\\.0\\.1:\\d+\nconnection 1: no connection: ");
     }
     EXPECT_EQ("still there", connect(port, {}, "still there").out);
     EXPECT_EQ(0, server.end());

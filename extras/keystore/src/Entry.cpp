@@ -79,8 +79,8 @@ bool Entry::isReadAs(const FileDescriptor& store) {
     if (m_leaf && (!m_leaf->problems.empty() || !isStill(store, path("cert.pem"), *m_leaf->state, m_leaf->readAt))) {
         return false;
     }
-    if (!m_leaf && m_names && m_names->certificate &&
-        !isStill(store, path("cert.pem"), *m_names->certificate, m_names->readAt)) {
+    // Beside a certificate, too: it may have been read later, from what the file had become.
+    if (m_names && m_names->certificate && !isStill(store, path("cert.pem"), *m_names->certificate, m_names->readAt)) {
         return false;
     }
     if (!m_holding) {
@@ -179,7 +179,7 @@ Entry::KnownNames Entry::readNames(const FileDescriptor& store, IssuerHashes& ha
         }
         return known;
     }
-    if (stateAt(store, path("key.pem"))) {
+    if (mayExist(store, path("key.pem"))) {
         std::optional<CertificateNames> found;
         try {
             if (const auto pem = readFile(store, path("cert.pem"), Content::open, known.certificate)) {

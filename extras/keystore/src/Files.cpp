@@ -115,6 +115,11 @@ std::optional<FileState> stateAt(const FileDescriptor& folder, const std::string
     return FileState(status);
 }
 
+bool mayExist(const FileDescriptor& folder, const std::string& name) {
+    struct stat status {};
+    return fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+}
+
 std::optional<Buffer> readFile(const FileDescriptor& folder, const std::string& name, Content content,
                                std::optional<FileState>& state) {
     // Without O_NONBLOCK a FIFO would hold up the load until somebody writes to it.

@@ -43,6 +43,9 @@ FileState stateOf(const FileDescriptor& file);
 /// What a name leads to at this moment, a link being one; nothing when there is no such name or it cannot be examined.
 std::optional<FileState> stateAt(const FileDescriptor& folder, const std::string& name);
 
+/// False when there certainly is nothing of that name: true when it cannot be examined, too.
+bool mayExist(const FileDescriptor& folder, const std::string& name);
+
 enum class Content : int { open, secret };
 
 /// All of a file below an open folder, in a buffer that is wiped when the content is secret; nothing when there is no such

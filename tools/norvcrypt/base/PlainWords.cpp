@@ -32,6 +32,8 @@ constexpr auto meanings = std::to_array<std::pair<std::string_view, std::string_
     {"unsupported cipher", "its cipher is not supported"},
     {"unsupported prf", "it is encrypted in a way that is not supported"},
     {"unknown cipher", "its cipher is not supported"},
+    {"digest not allowed", "that digest is not supported with this kind of key"},
+    {"invalid digest", "that digest is not supported with this kind of key"},
     {"unknown digest", "its digest is not supported"},
     {"key values mismatch", "key and certificate do not belong together"},
     {"key type mismatch", "key and certificate do not belong together"},
@@ -175,6 +177,8 @@ std::string inPlainWords(const Norvane::Exception& failure) {
         return plain;
     if (failure.where().find("initializeEncryptionContext") != std::string::npos)
         return "the cipher is not supported here (IDEA needs libgcrypt)";
+    if (failure.where() == "CMS::SignerMediaOutImpl::SignerMediaOutImpl")
+        return "that digest is not supported with this kind of key";
     // Some say what happened behind the name of the function.
     const std::size_t said = failure.where().find(" - ");
     return said == std::string::npos ? "it failed: --debug tells why" : trimmed(failure.where().substr(said + 3));

@@ -31,13 +31,15 @@ struct InspectOptions {
 };
 
 /// What a mail holds, and how it is signed and encrypted.
-Description mailIn(const Norvane::Buffer& content, const std::string& file) {
+Description mailIn(const Norvane::Buffer& content, const std::string& file, Exit& code) {
     SMime::ReadOptions options;
     options.spillTemplate = spillTemplate();
     options.explain = true;
     options.listParts = true;
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
     const SMime::Answer answer = SMime::read(Norvane::MemoryMediaIn(content), nowhere, options);
+    if (!isRead(answer))
+        code = Exit::failed;
     return mailFacts(answer, std::nullopt, file);
 }
 
@@ -50,7 +52,7 @@ std::vector<Description> objectsOf(const std::string& file, const EntryRange& ra
     };
     const Norvane::Buffer content = inputs.readAll(file, true);
     if (looksLikeMail(content))
-        descriptions.push_back(mailIn(content, file));
+        descriptions.push_back(mailIn(content, file, code));
     const std::vector<FoundObject> found = objectsIn(content);
     const bool isOnlyMail = found.size() == 1 && found.front().kind == ObjectKind::unknown && !descriptions.empty();
     if (isOnlyMail)

@@ -20,9 +20,7 @@ Exit inspect(const SmimeInspectOptions& options) {
     Norvane::MediaOut nowhere = Norvane::NullMediaOut();
     const ReadMail mail = readMail(options.mail, inputs, nullptr, nowhere, false, true);
     tellMail(mail.answer, mail.trust, mail.file, options.json);
-    const bool isRead =
-        mail.answer.verdict != SMime::Verdict::damaged && mail.answer.verdict != SMime::Verdict::tooCostly;
-    return isRead ? Exit::good : Exit::failed;
+    return isRead(mail.answer) ? Exit::good : Exit::failed;
 }
 
 } // namespace

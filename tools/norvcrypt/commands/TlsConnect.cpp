@@ -212,6 +212,16 @@ private:
     bool m_peerEnded = false;
 };
 
+/// What the server is told of the host, without a dot at the end (RFC 6066, 3); nothing for an address.
+std::string serverName(const std::string& host) {
+    try {
+        std::string name = NVSSL::asciiHostName(host);
+        return Norvane::IPAddress::fromText(name).isNull() ? name : "";
+    } catch (const Norvane::Exception&) {
+        return {}; // no host name: an address with an interface
+    }
+}
+
 /// On standard error, since standard output is the peer's. The line is shown as it is.
 void tell(const std::string& line) {
     const std::string text = line + "\n";
@@ -220,9 +230,9 @@ void tell(const std::string& line) {
 
 Exit connect(const ConnectOptions& options) {
     const Host host = hostOf(options.where);
-    const TlsStart start = [&host](SSL* connection) {
-        if (Norvane::IPAddress::fromText(host.name).isNull())
-            SSL_set_tlsext_host_name(connection, host.name.c_str());
+    const TlsStart start = [name = serverName(host.name)](SSL* connection) {
+        if (!name.empty())
+            SSL_set_tlsext_host_name(connection, name.c_str());
     };
     NVSSL::RefContext context = tlsContext(options.files, TlsSide::client, start);
     Source source(options.send);

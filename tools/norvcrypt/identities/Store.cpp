@@ -34,7 +34,8 @@ NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inp
 }
 
 std::list<NVX509::RefCertificate> certificatesOfStore(const std::string& directory, Inputs& inputs) {
-    const auto contents = openStore(directory, &inputs)->contents();
+    const NVX509::RefDirectoryKeyStore store = openStore(directory, &inputs);
+    const auto contents = askStore(directory, [&] { return store->contents(); });
     std::list<NVX509::RefCertificate> certificates;
     for (const Store::Identity& identity : contents->identities)
         certificates.push_back(identity.certificate);

@@ -79,6 +79,10 @@ Description headerFacts(const SMime::HeaderProtection& headers) {
 
 } // namespace
 
+bool isRead(const SMime::Answer& answer) noexcept {
+    return answer.verdict != SMime::Verdict::damaged && answer.verdict != SMime::Verdict::tooCostly;
+}
+
 Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Options>& trust,
                       const std::string& file) {
     Description facts{{"file", file},

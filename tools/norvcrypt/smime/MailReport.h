@@ -17,6 +17,9 @@ namespace norvcrypt {
 Description mailFacts(const Norvane::Crypto::SMime::Answer& answer,
                       const std::optional<Norvane::Crypto::Trust::Options>& trust, const std::string& file);
 
+/// Whether the mail could be read to its end, whatever became of its signatures.
+[[nodiscard]] bool isRead(const Norvane::Crypto::SMime::Answer& answer) noexcept;
+
 /// Tells it on standard output.
 void tellMail(const Norvane::Crypto::SMime::Answer& answer, const std::optional<Norvane::Crypto::Trust::Options>& trust,
               const std::string& file, bool json);

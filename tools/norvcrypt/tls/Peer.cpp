@@ -2,7 +2,8 @@
 #include "openssl/CertificateDetails.h"
 #include "openssl/OpenSsl.h"
 
-#include <norvcmsg/IPAddress.h>
+#include <norvcmsg/Exception.h>
+#include <norvcrypto/SSLConnection.h>
 
 namespace norvcrypt {
 
@@ -51,13 +52,14 @@ bool isTrusted(SSL* connection) {
 }
 
 bool isForHost(SSL* connection, const std::string& host) {
-    const QuietQuestion quiet;
     X509* const certificate = SSL_get0_peer_certificate(connection);
     if (certificate == nullptr)
         return false;
-    return Norvane::IPAddress::fromText(host).isNull()
-               ? X509_check_host(certificate, host.data(), host.size(), 0, nullptr) == 1
-               : X509_check_ip_asc(certificate, host.c_str(), 0) == 1;
+    try {
+        return Norvane::Crypto::NVSSL::isIssuedTo(NVX509::CertificateFactory()(certificate, false), host);
+    } catch (const Norvane::Exception&) {
+        return false; // no host name: an address with an interface
+    }
 }
 
 TlsEnd endOf(const SSL* connection) {

@@ -16,7 +16,8 @@ std::vector<std::string> describePeer(SSL* connection);
 /// Whether the peer sent a certificate that verified.
 bool isTrusted(SSL* connection);
 
-/// Whether the peer's certificate is for that host: a name, or an address as text.
+/// Whether the peer's certificate is for that host, a name or an address as text, as programs have it compared
+/// (SSLConnection.h): the common name counts for nothing.
 bool isForHost(SSL* connection, const std::string& host);
 
 /// How a connection ended.

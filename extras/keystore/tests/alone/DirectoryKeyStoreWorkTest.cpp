@@ -27,6 +27,7 @@ std::map<std::string, int> s_opened; ///< by the last part of the name
 int s_reads = 0;
 std::atomic<int> s_decoded{0};
 std::time_t s_later = 0;
+int s_statError = 0; ///< of keys
 std::function<void(const std::string&)> s_onOpen;
 
 } // namespace
@@ -41,6 +42,14 @@ extern "C" int openat(int folder, const char* name, int flags, ...) {
         s_onOpen(whole);
     }
     return norvtest::next<&openat>("openat")(folder, name, flags);
+}
+
+extern "C" int fstatat(int folder, const char* name, struct stat* status, int flags) {
+    if (s_statError != 0 && std::string(name).ends_with("key.pem")) {
+        errno = s_statError;
+        return -1;
+    }
+    return norvtest::next<&fstatat>("fstatat")(folder, name, status, flags);
 }
 
 extern "C" ssize_t read(int file, void* out, std::size_t length) {
@@ -249,6 +258,41 @@ TEST_F(DirectoryKeyStoreWorkTest, AReloadSeesEveryFileThatChanges) {
     reload();
     EXPECT_EQ(signerFor(store, "y@example.com"), "second");
     EXPECT_EQ(signerFor(store, "x@example.com"), "nobody");
+}
+
+// The index was made from one certificate and the look-up by address read the next one, in the same file.
+TEST_F(DirectoryKeyStoreWorkTest, NamesThatWereReadBeforeTheCertificateAreReadAgainByAReload) {
+    const auto old = identity("old");
+    const auto renewed = identity("renewed");
+    m_store.add("x", "x@example.com\n", old);
+    const auto store = open();
+    const auto named = [&](const norvauthority::Identity& whose) {
+        const auto certificate = x509testing::read(whose);
+        return who(store->find(certificate->issuer(), certificate->serialNumber()));
+    };
+    EXPECT_EQ(named(renewed), "nobody");
+    m_store.file("x/cert.pem", renewed.certificate.pem());
+    const timespec times[] = {{.tv_sec = 1, .tv_nsec = 0}, {.tv_sec = 1, .tv_nsec = 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, m_store.path("x/cert.pem").c_str(), times, 0), 0);
+    EXPECT_EQ(recipientFor(store, "x@example.com"), "renewed");
+    s_later += 1000;
+    store->reload();
+    EXPECT_EQ(named(renewed), "renewed");
+    EXPECT_EQ(named(old), "nobody");
+}
+
+TEST_F(DirectoryKeyStoreWorkTest, AKeyThatCannotBeExaminedForAMomentIsNotTakenForNone) {
+    const auto whose = identity("x");
+    m_store.add("x", "x@example.com\n", whose);
+    const auto store = open();
+    const auto certificate = x509testing::read(whose);
+    const auto found = [&] { return who(store->find(certificate->issuer(), certificate->serialNumber())); };
+    {
+        const During<int> failing(s_statError, EIO);
+        EXPECT_EQ(found(), "x");
+    }
+    store->reload();
+    EXPECT_EQ(found(), "x");
 }
 
 // A second change in the same tick of the file system's clock leaves the times as they are.
