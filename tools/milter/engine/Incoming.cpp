@@ -21,15 +21,10 @@ constexpr std::string_view ownPrefix = "X-Norvcrypt-";
 /// The header of what was decrypted may be as long as that of the message, and the body shorter.
 constexpr std::uint64_t roomForHeader = std::uint64_t{16} << 20U;
 
-std::string nameOf(const HeaderField& field) {
-    return field.name.substr(0, field.name.find_last_not_of(" \t") + 1);
-}
-
 bool isForged(const Config& config, const HeaderField& field) {
-    const std::string name = nameOf(field);
-    if (isSameName(name.substr(0, ownPrefix.size()), ownPrefix))
+    if (isSameName(field.name.substr(0, ownPrefix.size()), ownPrefix))
         return true;
-    return isSameName(name, "Authentication-Results") && claims(field.value, config.milter.authservId);
+    return isSameName(field.name, "Authentication-Results") && claims(field.value, config.milter.authservId);
 }
 
 /// What the way of a message wrote, and what this filter does: nothing that was encrypted or signed takes its place.
