@@ -9,7 +9,6 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
-#include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto/DistinguishedName.h>
 
 #include <iostream>
@@ -96,10 +95,10 @@ private:
     }
 
     int explainOutgoing(const Envelope& envelope) {
-        People people;
-        people.from = {m_question.from};
+        std::vector<HeaderField> header{{"From", ' ' + m_question.from}};
         for (const std::string& address : m_question.to)
-            people.visible.insert(Trust::comparableAddress(address));
+            header.push_back({"To", " <" + address + '>'});
+        const People people = peopleOf(header);
         const Plan plan =
             planFor(m_config, *m_loaded, m_stores.learnt(), envelope, people, Protection::none, Deadline());
         std::cout << "sender " << escapeForDisplay(plan.sender) << ": "
