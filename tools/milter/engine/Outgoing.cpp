@@ -210,7 +210,7 @@ private:
 };
 
 /// A message that was not kept because of its length.
-Outcome handleTooLarge(const Config& config, const Plan& plan) {
+Outcome handleTooLarge(const Config& config, const Message& message, const Plan& plan) {
     const auto mustBeChanged = [](const RecipientPlan& one) {
         return one.rule->encrypt == Wish::must || one.rule->sign == Wish::must;
     };
@@ -220,7 +220,13 @@ Outcome handleTooLarge(const Config& config, const Plan& plan) {
         return rejected("5.3.4", text);
     if (config.limits.tooLarge == TooLarge::tempfail)
         return temporary(text);
+    // Who may not send it so when it is small may not when it is large.
+    if (plan.refusal)
+        return *plan.refusal;
     Outcome outcome;
+    outcome.edits = removals(message.header, [](const HeaderField& field) { return isBcc(field.name); });
+    if (!outcome.edits.empty())
+        outcome.action = Outcome::Action::change;
     outcome.tell("action", "none");
     outcome.tell("unsigned", text);
     return outcome;
@@ -272,7 +278,7 @@ Outcome handleOutgoing(const Config& config, const LoadedStores& stores, const L
     const Protection protection = message.tooLarge ? Protection::none : protectionOf(config, message, deadline);
     const Plan plan = planFor(config, stores, learnt, message.envelope, people, protection, deadline);
     if (message.tooLarge)
-        return handleTooLarge(config, plan);
+        return handleTooLarge(config, message, plan);
     if (plan.refusal)
         return *plan.refusal;
     return Worker(config, stores, learnt, message, plan, deadline).work();
