@@ -100,6 +100,11 @@ TEST(AuthenticationResults, IsWritten) {
               " mx.example.org; smime=fail reason=\"revoked\"\n"
               " body.smime-part=2 body.smime-identifier=anna@a.example body.smime-serial=1f\n"
               " body.smime-issuer=\"CN=CA,O=Example\"");
+    // What is not ASCII would have to be escaped, and be nobody's then.
+    EXPECT_EQ(valueOf("mx.b\xc3\xbc"
+                      "cher.example",
+                      {"none", "", "", "", "", ""}),
+              " mx.xn--bcher-kva.example; smime=none");
     const std::string long1 = valueOf(
         "mx.example.org",
         {"policy", std::string(40, 'x') + " " + std::string(40, 'y') + " " + std::string(100, 'z'), "", "", "", ""});

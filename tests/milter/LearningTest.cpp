@@ -146,6 +146,19 @@ TEST_F(LearningFromMail, IsBoundedForEachAddressAndInAll) {
     EXPECT_EQ(again.find("a@a.example").size(), 2U);
 }
 
+/// Several filters share a folder, and so do an old and a new configuration while one takes the other's place.
+TEST_F(LearningFromMail, WhatAnotherLearntIsUsedOnceItIsSeenAgain) {
+    LearntFolder one(m_world.path("learnt"), 4, 10);
+    LearntFolder other(m_world.path("learnt"), 4, 10);
+    const auto certificate = certificateOf(person("a@a.example", "alice"));
+    ASSERT_EQ(one.learn("a@a.example", certificate, "", ""), Learning::learnt);
+    EXPECT_EQ(other.learn("a@a.example", certificate, "", ""), Learning::known);
+    EXPECT_EQ(other.find("a@a.example").size(), 1U);
+    EXPECT_EQ(other.size(), 1U);
+    EXPECT_EQ(other.learn("a@a.example", certificate, "", ""), Learning::known);
+    EXPECT_EQ(other.size(), 1U);
+}
+
 /// What is there goes once the new one is on the disk: without it the next message would leave in clear.
 TEST_F(LearningFromMail, AFullDiskTakesNothingAway) {
     LearntFolder folder(m_world.path("learnt"), 1, 3);

@@ -517,6 +517,10 @@ TEST_F(Outgoing, KeysOfOtherKinds) {
     const Found found = read(delivered(message, outcome).text(), {&agrees});
     EXPECT_TRUE(found.isEncrypted());
     EXPECT_THAT(found.content, HasSubstr("this is all."));
+    // OAEP is for those who have a key for it.
+    const Outcome oaep = handled(m_world, rule("possible", "must", "oaep = true\n"), message);
+    ASSERT_EQ(oaep.action, Action::change) << oaep.reply.text;
+    EXPECT_TRUE(read(delivered(message, oaep).text(), {&agrees}).isEncrypted());
     // digitalSignature; and keyEncipherment, which is for other keys.
     for (const unsigned int usage : {0x80U, 0x20U}) {
         m_world.add("eva", made(key, usage), "eva@b.example", false);

@@ -218,7 +218,9 @@ std::string comparable(std::string_view identifier) {
 std::string valueOf(const std::string& authservId, const SMimeResult& result) {
     constexpr std::string_view name = "Authentication-Results:";
     Folder folder(name.size());
-    folder.add(pvalue(authservId) + ";");
+    // Letters beyond ASCII would be escaped, which would make another identifier.
+    const bool isAscii = std::ranges::all_of(authservId, [](char one) { return one >= 0; });
+    folder.add(pvalue(isAscii ? authservId : comparable(authservId)) + ";");
     folder.add("smime=" + result.result);
     if (!result.reason.empty())
         folder.add("reason=" + quoted(result.reason));

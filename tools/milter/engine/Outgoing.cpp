@@ -7,6 +7,7 @@
 #include <norvcmsg/Escape.h>
 #include <norvcrypto-smime/SMimeReader.h>
 #include <norvcrypto-smime/SMimeWriter.h>
+#include <norvcrypto/CMSEnvelopeWriter.h>
 #include <norvcrypto/DistinguishedName.h>
 
 #include <algorithm>
@@ -41,6 +42,15 @@ std::string reasonOf(const Norvane::Exception& failure) {
             return Norvane::escapeForDisplay(*text);
     }
     return Norvane::escapeForDisplay(failure.where());
+}
+
+bool takesOaep(const NVX509::RefCertificate& certificate) {
+    try {
+        static_cast<void>(CMS::EnvelopeRecipient::rsaOaep(certificate));
+        return true;
+    } catch (const Norvane::Exception&) {
+        return false;
+    }
 }
 
 /// A message while it is made.
@@ -99,8 +109,6 @@ private:
     [[nodiscard]] SMime::EncryptOptions encrypting(const Group& group) const {
         SMime::EncryptOptions options;
         options.cipher = group.rule->cipher;
-        if (group.rule->oaep)
-            options.oaep = CMS::OaepParameters();
         for (const std::size_t index : group.recipients)
             options.certificates.push_back(m_plan.recipients[index].certificate.certificate);
         if (group.rule->encryptToSender) {
@@ -108,6 +116,9 @@ private:
             if (!own.certificate.isNull())
                 options.certificates.push_back(own.certificate);
         }
+        // Those with keys on curves alone are encrypted to by agreement, whatever a rule says of RSA.
+        if (group.rule->oaep && std::ranges::any_of(options.certificates, takesOaep))
+            options.oaep = CMS::OaepParameters();
         return options;
     }
 

@@ -285,8 +285,14 @@ Learning LearntFolder::learn(const std::string& address, const RefCertificate& c
         return Learning::revoked;
     const auto known = m_names.find(ofAddress);
     const std::set<std::string> names = known == m_names.end() ? std::set<std::string>() : known->second;
-    if (names.count(name) > 0 || access(path.c_str(), F_OK) == 0)
+    if (names.count(name) > 0)
         return Learning::known;
+    if (access(path.c_str(), F_OK) == 0) {
+        // Another filter, or the one before a reload, was faster.
+        m_names[ofAddress].insert(name);
+        ++m_count;
+        return Learning::known;
+    }
     const std::optional<std::string> leaving = outlived(names, certificate);
     if (!leaving)
         return Learning::notNewer;

@@ -9,7 +9,7 @@
 ///     learnt/.revoked-3f0c...-91ab.../   the same, once it was revoked: it is neither used nor learnt again
 ///
 /// The name is made of the digests of address and certificate, so that a look-up opens only what it wants, and several filters may
-/// share the folder: what one learns the others find when they load the folder anew.
+/// share the folder: what one learns the others find when they load the folder anew, or would learn it themselves.
 ///
 /// Everything may be called from any number of threads at once.
 
