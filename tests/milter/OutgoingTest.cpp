@@ -468,6 +468,26 @@ TEST_F(Outgoing, TooLargeMessagesTellOfNobodyHidden) {
               "the sender <eve@a.example> may not sign as anna@a.example");
 }
 
+/// Mail of one user to another of the same host comes by no other way.
+TEST_F(Outgoing, UsersWriteNoResultsOfTheFilter) {
+    Message message = mailOf({"bert@b.example", "cleo@b.example"});
+    message.header.insert(message.header.begin(), {"Authentication-Results", " mx.example.org; smime=pass"});
+    message.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    message.header.push_back({"Authentication-Results", " other.example; dkim=pass"});
+    for (const bool tooLarge : {false, true}) {
+        for (const char* const encrypt : {"never", "possible"}) {
+            message.tooLarge = tooLarge;
+            const Outcome outcome = handled(m_world, rule("never", encrypt), message);
+            ASSERT_EQ(outcome.action, Action::change);
+            const Delivered mail = delivered(message, outcome);
+            EXPECT_EQ(mail.value("Authentication-Results"), " other.example; dkim=pass");
+            EXPECT_TRUE(mail.values("X-Norvcrypt-Signature").empty());
+            for (const Submission& one : outcome.submissions)
+                EXPECT_THAT(octetsOf(one), Not(HasSubstr("smime=pass")));
+        }
+    }
+}
+
 /// RFC 5322, 4.5: blanks may stand in front of the colon.
 TEST_F(Outgoing, BlanksBehindTheNameOfAField) {
     Message message = mailOf({"bert@b.example", "cleo@b.example"});

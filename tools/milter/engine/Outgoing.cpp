@@ -1,6 +1,7 @@
 #include "engine/Outgoing.h"
 
 #include "engine/HeaderEdits.h"
+#include "engine/Incoming.h"
 #include "engine/Streams.h"
 
 #include <norvcmsg/EmailAddress.h>
@@ -30,9 +31,18 @@ bool isBcc(const std::string& name) {
     return isSameName(name, "Bcc") || isSameName(name, "Resent-Bcc");
 }
 
-std::vector<HeaderField> withoutBcc(std::vector<HeaderField> header) {
-    std::erase_if(header, [](const HeaderField& field) { return isBcc(field.name); });
+/// What no outgoing message keeps: hidden recipients, and results that a user wrote for those who are served by the same host.
+bool isUnwanted(const Config& config, const HeaderField& field) {
+    return isBcc(field.name) || isForged(config, field);
+}
+
+std::vector<HeaderField> cleaned(const Config& config, std::vector<HeaderField> header) {
+    std::erase_if(header, [&](const HeaderField& field) { return isUnwanted(config, field); });
     return header;
+}
+
+std::vector<HeaderEdit> cleaning(const Config& config, const std::vector<HeaderField>& header) {
+    return removals(header, [&](const HeaderField& field) { return isUnwanted(config, field); });
 }
 
 /// The reason in a failure, without where in the program it happened.
@@ -70,7 +80,7 @@ public:
           m_message(message),
           m_plan(plan),
           m_deadline(deadline),
-          m_header(withoutBcc(message.header)),
+          m_header(cleaned(config, message.header)),
           m_octetsOfHeader(octetsOf(m_header) + "\r\n"),
           m_left(std::max(config.outgoing.separateBytes, std::uint64_t{2} * message.length())) {}
 
@@ -179,7 +189,6 @@ private:
     }
 
     void changeThis(Outcome& outcome) {
-        const auto isUnwanted = [](const HeaderField& field) { return isBcc(field.name); };
         if (m_plan.groups.empty())
             return;
         const Group& group = m_plan.groups.front();
@@ -196,7 +205,7 @@ private:
             }
         }
         if (action.empty())
-            outcome.edits = removals(m_message.header, isUnwanted);
+            outcome.edits = cleaning(m_config, m_message.header);
         outcome.tell("action", action.empty() ? "none" : action);
         outcome.tell("rule", group.rule->title());
         if (!outcome.submissions.empty())
@@ -235,7 +244,7 @@ Outcome handleTooLarge(const Config& config, const Message& message, const Plan&
     if (plan.refusal)
         return *plan.refusal;
     Outcome outcome;
-    outcome.edits = removals(message.header, [](const HeaderField& field) { return isBcc(field.name); });
+    outcome.edits = cleaning(config, message.header);
     if (!outcome.edits.empty())
         outcome.action = Outcome::Action::change;
     outcome.tell("action", "none");
