@@ -57,11 +57,19 @@ TEST(AuthenticationResults, WhatClaimsToBeOurs) {
              " \"mx.example.org; smime=pass",
              " @mx.example.org; smime=pass",
              " ;mx.example.org; smime=pass",
+             " \"mx.example.org. \"; smime=pass",
+             // Nobody's, which a reader who looks for the result alone takes for ours.
+             " smime=pass body.smime-part=1",
+             " ; smime=pass",
+             " \"\"; smime=pass",
+             " mx.(\\(x)example.org; SMIME=pass",
+             " =?utf-8?B?bXguZXhhbXBsZS5vcmc=?=; smime=pass",
          })
         EXPECT_TRUE(claims(value, ours)) << value;
     for (const std::string value :
          {" mx.example.net; x=mx.example.org", " other.example; smime=pass (by mx.example.org)",
-          " xmx.example.org; none", " mx.example.org.evil.example; none", "", " ;"})
+          " spf=pass smtp.mailfrom=a.example", " ; dkim=pass", " xmx.example.org; none",
+          " mx.example.org.evil.example; none", "", " ;"})
         EXPECT_FALSE(claims(value, ours)) << value;
     EXPECT_TRUE(claims(" mx.b\xc3\xbc"
                        "cher.example; none",
@@ -92,6 +100,11 @@ TEST(AuthenticationResults, IsWritten) {
               " mx.example.org; smime=fail reason=\"revoked\"\n"
               " body.smime-part=2 body.smime-identifier=anna@a.example body.smime-serial=1f\n"
               " body.smime-issuer=\"CN=CA,O=Example\"");
+    // What is not ASCII would have to be escaped, and be nobody's then.
+    EXPECT_EQ(valueOf("mx.b\xc3\xbc"
+                      "cher.example",
+                      {"none", "", "", "", "", ""}),
+              " mx.xn--bcher-kva.example; smime=none");
     const std::string long1 = valueOf(
         "mx.example.org",
         {"policy", std::string(40, 'x') + " " + std::string(40, 'y') + " " + std::string(100, 'z'), "", "", "", ""});

@@ -84,6 +84,28 @@ TEST_F(Commands, ExplainWhyNot) {
     EXPECT_THAT(refused.text, HasSubstr("refused: 550 5.7.1 no certificate to encrypt to for old@b.example\n"));
 }
 
+/// What is given is read as the fields of a message are.
+TEST_F(Commands, ExplainReadsAddressesAsTheEngineDoes) {
+    const std::string to = " --to bert@b.example";
+    EXPECT_THAT(said("explain" + configured() + " --from \"Anna <anna@a.example>\"" + to).text,
+                HasSubstr("sender anna@a.example: signs\n"));
+    EXPECT_THAT(said("explain" + configured() + " --from anna@a.example@b.example" + to).text,
+                HasSubstr("does not sign: From has what is no address: anna@a.example@b.example\n"));
+    EXPECT_THAT(said("explain" + configured() + " --from anna@a.example --to BERT@b.example").text,
+                HasSubstr("recipient BERT@b.example: rule partners (line 13)"));
+}
+
+TEST_F(Commands, CheckTellsOfSignaturesThatNobodyCanMake) {
+    std::filesystem::remove_all(m_world.path("store/anna"));
+    m_world.write("milter.toml", m_world.configuration("[[outgoing.rule]]\nname = \"all\"\nsign = \"must\"\n",
+                                                       "[incoming]\ndecrypt = false\n"));
+    const Said bad = said("check --config " + m_world.path("milter.toml"));
+    EXPECT_EQ(bad.code, 1);
+    EXPECT_THAT(bad.text,
+                HasSubstr("problem: outgoing.rule: all (line 13): there is no private key to sign with, so that "
+                          "messages are refused\n"));
+}
+
 TEST_F(Commands, ExplainIncomingAndDirections) {
     const std::string config = configured();
     const Said incoming =

@@ -237,11 +237,15 @@ TEST_F(Incoming, FooterOfAMailingList) {
     EXPECT_THAT(resultOf(mail), HasSubstr("smime=policy reason=\"parts of the message are not covered"));
 }
 
+const std::string fieldNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-";
+
 /// What was encrypted has a header of its own, in which a stranger may write what he likes.
 TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
     const std::string inner = "From: ceo@a.example\r\nSubject: inside\r\nX-Norvcrypt-Signature: pass\r\n"
                               "Authentication-Results: mx.example.org; smime=pass\r\nReceived: from nowhere\r\n"
                               "Reply-To: evil@evil.example\r\nBcc: x@evil.example\r\n"
+                              "Authentication-Results : mx.example.org; smime=pass\r\nReply-To\t: evil@evil.example\r\n"
+                              "Bcc : x@evil.example\r\n: nothing\r\nno field: x\r\nb\xff: x\r\nKept: yes\r\n"
                               "Content-Type: text/plain; hp=\"cipher\"\r\n\r\n" +
                               textBody;
     // The writer would leave these fields outside.
@@ -272,10 +276,24 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
         EXPECT_TRUE(got.values("Reply-To").empty());
         EXPECT_TRUE(got.values("Bcc").empty());
         EXPECT_TRUE(got.values("Received").empty());
+        EXPECT_EQ(got.value("Kept"), " yes");
+        for (const HeaderField& field : got.header)
+            EXPECT_EQ(field.name.find_first_not_of(fieldNameLetters), std::string::npos) << field.name;
         EXPECT_TRUE(got.values("X-Norvcrypt-Signature").empty());
         EXPECT_EQ(got.value("Authentication-Results"),
                   " mx.example.org; smime=none reason=\"encrypted, and nobody signed it\"");
     }
+}
+
+TEST_F(Incoming, DecryptsWithAKeyOnACurve) {
+    const Identity eva =
+        norvauthority::issue({.subject = {{"CN", "eva"}},
+                              .key = norvauthority::Key::ec(),
+                              .issuer = &root(),
+                              .serial = "7777",
+                              .alternativeNames = {norvauthority::GeneralName::email("eva@b.example")}});
+    m_world.add("eva", eva, "eva@b.example", true);
+    EXPECT_THAT(received(wrapped(plain, {encryptedTo({&eva})})).body, HasSubstr("this is all"));
 }
 
 /// Whether it could be decrypted is nothing that a sender gets to know: he could find the text out, asking often enough.

@@ -2,6 +2,9 @@
 
 #include "World.h"
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 
 using namespace miltertesting;
@@ -36,7 +39,7 @@ Message mailToAnna() {
 
 TEST_F(LearningFromMail, IsOffByDefault) {
     const Engine engine = m_world.engine("");
-    EXPECT_EQ(received(engine, wrapped(plain, {signedBy(anna())})).told("learned"), "");
+    EXPECT_EQ(received(engine, wrapped(plain, {signedBy(anna())})).told("learnt"), "");
     EXPECT_EQ(m_world.stores().learnt(), nullptr);
     EXPECT_TRUE(list().empty());
 }
@@ -45,8 +48,8 @@ TEST_F(LearningFromMail, IsLearntUsedListedAndRevoked) {
     const Engine engine = m_world.engine(mustEncrypt, learning);
     EXPECT_EQ(engine.handle(mailToAnna(), Deadline()).action, Action::reject);
     const std::string mail = wrapped(plain, {signedBy(anna())});
-    EXPECT_EQ(received(engine, mail).told("learned"), "learnt");
-    EXPECT_EQ(received(engine, mail).told("learned"), "");
+    EXPECT_EQ(received(engine, mail).told("learnt"), "learnt");
+    EXPECT_EQ(received(engine, mail).told("learnt"), "");
     ASSERT_EQ(list().size(), 1U);
     const LearntEntry entry = list().front();
     EXPECT_EQ(entry.address, "anna@a.example");
@@ -66,17 +69,17 @@ TEST_F(LearningFromMail, IsLearntUsedListedAndRevoked) {
     EXPECT_TRUE(list().front().revoked);
     // At once, without loading anything anew.
     EXPECT_EQ(engine.handle(message, Deadline()).action, Action::reject);
-    EXPECT_EQ(received(engine, mail).told("learned"), "revoked");
+    EXPECT_EQ(received(engine, mail).told("learnt"), "revoked");
     m_world.stores().reload();
     EXPECT_EQ(m_world.stores().learnt()->size(), 0U);
-    EXPECT_EQ(received(engine, mail).told("learned"), "revoked");
+    EXPECT_EQ(received(engine, mail).told("learnt"), "revoked");
     EXPECT_EQ(engine.handle(message, Deadline()).action, Action::reject);
 }
 
 /// The layout is that of a store.
 TEST_F(LearningFromMail, TheFolderIsAStore) {
     const Engine engine = m_world.engine("", learning);
-    EXPECT_EQ(received(engine, wrapped(plain, {signedBy(anna())})).told("learned"), "learnt");
+    EXPECT_EQ(received(engine, wrapped(plain, {signedBy(anna())})).told("learnt"), "learnt");
     const NVX509::RefDirectoryKeyStore store(m_world.path("learnt"));
     EXPECT_TRUE(store->contents()->problems.empty());
     EXPECT_TRUE(NVX509::sameEncoding(
@@ -99,7 +102,7 @@ TEST_F(LearningFromMail, OnlyWhomTheVerdictAccepts) {
         wrapped("From: anna@a.example, eve@a.example\r\n" + plain.substr(plain.find("To:")), {signedBy(anna())}),
     };
     for (const std::string& mail : mails)
-        EXPECT_EQ(received(engine, mail).told("learned"), "");
+        EXPECT_EQ(received(engine, mail).told("learnt"), "");
     EXPECT_TRUE(list().empty());
 }
 
@@ -110,7 +113,7 @@ TEST_F(LearningFromMail, TheOtherCertificateOfTheSigner) {
     const Identity encryption = person("anna@a.example", "carol", {.keyUsage = 0x20});
     SMime::SignOptions options = signedBy(signing);
     options.certificates = {certificateOf(encryption), certificateOf(bert()), certificateOf(root())};
-    EXPECT_EQ(received(engine, wrapped(plain, {options})).told("learned"), "learnt");
+    EXPECT_EQ(received(engine, wrapped(plain, {options})).told("learnt"), "learnt");
     ASSERT_EQ(list().size(), 1U);
     const auto found = m_world.stores().learnt()->find("anna@a.example");
     ASSERT_EQ(found.size(), 1U);
@@ -141,6 +144,50 @@ TEST_F(LearningFromMail, IsBoundedForEachAddressAndInAll) {
     LearntFolder again(m_world.path("learnt"), 2, 3);
     EXPECT_EQ(again.size(), 3U);
     EXPECT_EQ(again.find("a@a.example").size(), 2U);
+}
+
+/// Several filters share a folder, and so do an old and a new configuration while one takes the other's place.
+TEST_F(LearningFromMail, WhatAnotherLearntIsUsedOnceItIsSeenAgain) {
+    LearntFolder one(m_world.path("learnt"), 4, 10);
+    LearntFolder other(m_world.path("learnt"), 4, 10);
+    const auto certificate = certificateOf(person("a@a.example", "alice"));
+    ASSERT_EQ(one.learn("a@a.example", certificate, "", ""), Learning::learnt);
+    EXPECT_EQ(other.learn("a@a.example", certificate, "", ""), Learning::known);
+    EXPECT_EQ(other.find("a@a.example").size(), 1U);
+    EXPECT_EQ(other.size(), 1U);
+    EXPECT_EQ(other.learn("a@a.example", certificate, "", ""), Learning::known);
+    EXPECT_EQ(other.size(), 1U);
+}
+
+/// What is there goes once the new one is on the disk: without it the next message would leave in clear.
+TEST_F(LearningFromMail, AFullDiskTakesNothingAway) {
+    LearntFolder folder(m_world.path("learnt"), 1, 3);
+    const auto certificate = [](long days) {
+        return certificateOf(person("a@a.example", "alice", {.notAfter = norvauthority::Time::fromNow(days * 86400)}));
+    };
+    ASSERT_EQ(folder.learn("a@a.example", certificate(10), "", ""), Learning::learnt);
+    const auto later = certificate(20);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    bool isTold = false;
+    try {
+        static_cast<void>(folder.learn("a@a.example", later, "", ""));
+    } catch (const Temporary&) {
+        isTold = true;
+    }
+    setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_TRUE(isTold);
+    EXPECT_EQ(folder.size(), 1U);
+    EXPECT_EQ(folder.find("a@a.example").size(), 1U);
+    EXPECT_EQ(list().size(), 1U);
+    EXPECT_EQ(folder.learn("a@a.example", later, "", ""), Learning::learnt);
+    ASSERT_EQ(folder.find("a@a.example").size(), 1U);
+    EXPECT_TRUE(NVX509::sameEncoding(folder.find("a@a.example").front(), later));
+    EXPECT_EQ(list().size(), 1U);
 }
 
 /// An address that would mean others too in the file of owners.
@@ -188,7 +235,7 @@ TEST_F(LearningFromMail, TroubleWithTheFolderIsToldAndNoMore) {
     const Outcome outcome = received(engine, wrapped(plain, {signedBy(anna())}));
     EXPECT_EQ(outcome.action, Action::change);
     EXPECT_EQ(outcome.told("smime"), "pass");
-    EXPECT_THAT(outcome.told("learned"), HasSubstr("No such file"));
+    EXPECT_THAT(outcome.told("learnt"), HasSubstr("No such file"));
 }
 
 } // namespace

@@ -197,6 +197,59 @@ TEST_F(Outgoing, RulesAreAskedInTheirOrderForEachRecipient) {
     EXPECT_EQ(outcome.told("rule"), "partners (line 13)");
 }
 
+/// Every spelling of a mailbox that a rule says "must" for, and what an MTA would send on to it.
+TEST_F(Outgoing, NoSpellingGetsAroundMust) {
+    const std::string rules =
+        "[[outgoing.rule]]\nname = \"friend\"\nrecipient = \"Friend@b.example\"\nencrypt = \"must\"\n"
+        "[[outgoing.rule]]\nname = \"letters\"\nrecipient = \"*@b\xc3\xbc"
+        "cher.example\"\nencrypt = \"must\"\n" +
+        rule("possible", "never");
+    const std::string deep = "friend%b.example%1%2%3%4%5%6%7%8%9%10%11%12%13%14%15%16%17%18@a.example";
+    for (const std::string recipient :
+         {"friend@b.example", "FRIEND@b.example", "fRIEND@B.EXAMPLE", "\"friend\"@b.example", "\"f\\riend\"@b.example",
+          "friend@b.example.", "friend%b.example@a.example", "friend%b.example", "b.example!friend@a.example",
+          "b.example!friend", "\"friend@b.example\"@a.example", "FRIEND%b.example%c.example@a.example",
+          "c.example!b.example!friend@a.example", deep.c_str(), "x@xn--bcher-kva.example",
+          "x@B\xc3\xbc"
+          "cher.example"}) {
+        SCOPED_TRACE(recipient);
+        const Outcome outcome = handled(m_world, rules, mailOf({recipient}, "bert@b.example"));
+        EXPECT_EQ(outcome.action, Action::reject);
+        EXPECT_THAT(outcome.reply.text, StartsWith("no certificate to encrypt to for "));
+    }
+    for (const std::string recipient :
+         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "friend"})
+        EXPECT_EQ(handled(m_world, rules, mailOf({recipient}, recipient)).action, Action::change) << recipient;
+    // The store is asked for the address as it is given.
+    const std::string must = "[[outgoing.rule]]\nname = \"bert\"\nrecipient = \"BERT@b.example\"\nencrypt = \"must\"\n";
+    EXPECT_EQ(handled(m_world, must, mailOf()).action, Action::change);
+    EXPECT_EQ(handled(m_world, must, mailOf({"Bert@b.example"})).reply.text,
+              "no certificate to encrypt to for Bert@b.example");
+}
+
+/// Nobody gets out of his own rule by what he writes into From.
+TEST_F(Outgoing, AFromThatTheSenderMayNotUseDoesNotChooseTheRule) {
+    const std::string rules =
+        "[[outgoing.rule]]\nname = \"house\"\nsender = \"*@A.example\"\nsign = \"possible\"\nencrypt = "
+        "\"must\"\n";
+    const auto sent = [&](const std::string& name, const std::string& from, const std::string& envelope,
+                          const std::string& more = "") {
+        Message message = mailOf({"zoe@c.example"}, "zoe@c.example");
+        message.header[1] = {name, from};
+        message.envelope.sender = envelope;
+        return handled(m_world, rules, message, canSplit + more).action;
+    };
+    EXPECT_EQ(sent("From", " anna@a.example", "anna@a.example"), Action::reject);
+    EXPECT_EQ(sent("From", " ANNA@a.example", "anna@a.example"), Action::reject);
+    EXPECT_EQ(sent("From", " eve@else.example", "anna@a.example"), Action::reject);
+    EXPECT_EQ(sent("From", " eve@else.example, anna@a.example", "bounce@else.example"), Action::reject);
+    EXPECT_EQ(sent("From ", " anna@a.example", "bounce@else.example"), Action::reject);
+    EXPECT_EQ(sent("From", " eve@else.example", "bounce@else.example"), Action::pass);
+    const std::string allowed = "[[sender]]\nauthenticated = \"ANNA\"\nenvelope = \"Anna@A.example\"\n"
+                                "from = [\"EVE@else.example\"]\n";
+    EXPECT_EQ(sent("From", " eve@else.example", "anna@a.example", allowed), Action::pass);
+}
+
 TEST_F(Outgoing, NoKeyForTheSender) {
     Message message = mailOf();
     message.header[1].value = " otto@a.example";
@@ -401,6 +454,103 @@ TEST_F(Outgoing, TooLargeMessages) {
     EXPECT_EQ(handled(m_world, rule("must", "never"), message).action, Action::reject);
     EXPECT_EQ(handled(m_world, rule("possible", "never"), message, "[limits]\ntoo_large = \"tempfail\"\n").action,
               Action::tempfail);
+}
+
+TEST_F(Outgoing, TooLargeMessagesTellOfNobodyHidden) {
+    Message message = mailOf();
+    message.header.push_back({"Bcc", " cleo@b.example"});
+    message.tooLarge = true;
+    const Outcome passed = handled(m_world, rule("possible", "possible"), message);
+    EXPECT_EQ(passed.action, Action::change);
+    EXPECT_TRUE(delivered(message, passed).values("Bcc").empty());
+    message.envelope.sender = "eve@a.example";
+    EXPECT_EQ(handled(m_world, rule("possible", "possible"), message).reply.text,
+              "the sender <eve@a.example> may not sign as anna@a.example");
+}
+
+/// Mail of one user to another of the same host comes by no other way.
+TEST_F(Outgoing, UsersWriteNoResultsOfTheFilter) {
+    Message message = mailOf({"bert@b.example", "cleo@b.example"});
+    message.header.insert(message.header.begin(), {"Authentication-Results", " mx.example.org; smime=pass"});
+    message.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    message.header.push_back({"Authentication-Results", " other.example; dkim=pass"});
+    for (const bool tooLarge : {false, true}) {
+        for (const char* const encrypt : {"never", "possible"}) {
+            message.tooLarge = tooLarge;
+            const Outcome outcome = handled(m_world, rule("never", encrypt), message);
+            ASSERT_EQ(outcome.action, Action::change);
+            const Delivered mail = delivered(message, outcome);
+            EXPECT_EQ(mail.value("Authentication-Results"), " other.example; dkim=pass");
+            EXPECT_TRUE(mail.values("X-Norvcrypt-Signature").empty());
+            for (const Submission& one : outcome.submissions)
+                EXPECT_THAT(octetsOf(one), Not(HasSubstr("smime=pass")));
+        }
+    }
+}
+
+/// RFC 5322, 4.5: blanks may stand in front of the colon.
+TEST_F(Outgoing, BlanksBehindTheNameOfAField) {
+    Message message = mailOf({"bert@b.example", "cleo@b.example"});
+    message.header.push_back({"Bcc ", " cleo@b.example"});
+    message.header.push_back({"Resent-Bcc \t", " cleo@b.example"});
+    for (const char* const encrypt : {"never", "must"}) {
+        const Outcome outcome = handled(m_world, rule("never", encrypt), message);
+        ASSERT_EQ(outcome.action, Action::change);
+        const Delivered mail = delivered(message, outcome);
+        EXPECT_TRUE(mail.values("Bcc").empty() && mail.values("Resent-Bcc").empty());
+        for (const Submission& one : outcome.submissions)
+            EXPECT_THAT(octetsOf(one), Not(HasSubstr("Bcc")));
+        for (const HeaderEdit& edit : outcome.edits)
+            EXPECT_FALSE(edit.name.ends_with(' ') || edit.name.ends_with('\t')) << edit.name;
+    }
+}
+
+/// Of addresses that have no form in which they could be compared nobody is another one.
+TEST_F(Outgoing, HiddenRecipientsWhoCannotBeCompared) {
+    const std::string domain = "\xe2\x98\x95.example";
+    m_world.add("shown", bert(), "shown@" + domain, false);
+    m_world.add("hidden", cleo(), "hidden@" + domain, false);
+    const Message message = mailOf({"shown@" + domain, "hidden@" + domain}, "shown@" + domain);
+    const Outcome outcome = handled(m_world, rule("never", "must"), message);
+    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
+    ASSERT_EQ(outcome.submissions.size(), 1U);
+    EXPECT_EQ(read(octetsOf(outcome.submissions.front()), {}).recipients(), 1U);
+    EXPECT_EQ(read(delivered(message, outcome).text(), {}).recipients(), 1U);
+}
+
+/// Of keys that are not of RSA those that agree on a key are encrypted to, and the others are told of.
+TEST_F(Outgoing, KeysOfOtherKinds) {
+    const auto made = [](const norvauthority::Key& key, unsigned int usage) {
+        return norvauthority::issue({.subject = {{"CN", "eva"}},
+                                     .key = key,
+                                     .issuer = &root(),
+                                     .serial = std::to_string(7000 + usage),
+                                     .keyUsage = usage,
+                                     .alternativeNames = {norvauthority::GeneralName::email("eva@b.example")}});
+    };
+    const norvauthority::Key key = norvauthority::Key::ec();
+    const Message message = mailOf({"eva@b.example"}, "eva@b.example");
+    const Identity agrees = made(key, 0x88);
+    m_world.add("eva", agrees, "eva@b.example", false);
+    const Outcome outcome = handled(m_world, rule("possible", "must"), message);
+    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
+    const Found found = read(delivered(message, outcome).text(), {&agrees});
+    EXPECT_TRUE(found.isEncrypted());
+    EXPECT_THAT(found.content, HasSubstr("this is all."));
+    // OAEP is for those who have a key for it.
+    const Outcome oaep = handled(m_world, rule("possible", "must", "oaep = true\n"), message);
+    ASSERT_EQ(oaep.action, Action::change) << oaep.reply.text;
+    EXPECT_TRUE(read(delivered(message, oaep).text(), {&agrees}).isEncrypted());
+    // digitalSignature; and keyEncipherment, which is for other keys.
+    for (const unsigned int usage : {0x80U, 0x20U}) {
+        m_world.add("eva", made(key, usage), "eva@b.example", false);
+        EXPECT_EQ(handled(m_world, rule("possible", "must"), message).reply.text,
+                  "no certificate to encrypt to for eva@b.example");
+        const Message both = mailOf({"eva@b.example", "bert@b.example"}, "bert@b.example, eva@b.example");
+        const Outcome split = handled(m_world, rule("possible", "possible"), both);
+        EXPECT_EQ(split.action, Action::change) << split.reply.text;
+        EXPECT_EQ(split.submissions.size(), 1U);
+    }
 }
 
 TEST_F(Outgoing, ManyHiddenRecipientsAreBounded) {

@@ -197,15 +197,23 @@ class SeveralRecipients(Case):
 
     def test_recipients_in_other_letters_quoted_and_named_twice(self):
         data = mail.compose(SENDER, 'recipient@B.EXAMPLE, "no body"@b.example', "letters", b"For letters.\r\n")
-        self.world.send(["recipient@B.EXAMPLE", '"no body"@b.example', '"no body"@b.example', "FRIEND@b.example"], data)
+        self.world.send(["recipient@B.EXAMPLE", '"no body"@b.example', '"no body"@b.example', "nobody@b.example"], data)
         self.assertTrue(self.world.settled())
         found = {}
         for message in self.wire("letters"):
             for recipient in message.recipients:
                 self.assertNotIn(recipient.lower(), found)
                 found[recipient.lower()] = mail.kind(message.data)
-        # Capital letters in front of the "@" are another address, for which no rule of these and no certificate is.
-        self.assertEqual({"recipient@b.example": "encrypted", '"no body"@b.example': "signed", "friend@b.example": "signed"}, found)
+        self.assertEqual({"recipient@b.example": "encrypted", '"no body"@b.example': "signed", "nobody@b.example": "signed"}, found)
+
+    def test_no_spelling_of_a_mailbox_gets_around_must(self):
+        # Whom the rule for friend@b.example means, and for whom, spelled so, the store has no certificate.
+        data = mail.compose(SENDER, "x", "spelled")
+        for address in ("FRIEND@b.example", "Friend@B.EXAMPLE"):
+            with self.subTest(address):
+                self.assert_refused(550, "no certificate to encrypt to for", lambda: self.world.send([address], data))
+        self.assertTrue(self.world.settled())
+        self.assertEqual([], self.wire("spelled"))
 
     def test_a_bounce_of_the_host_itself_is_not_signed(self):
         self.world.send("unknown@elsewhere.example", mail.compose(SENDER, "unknown@elsewhere.example", "to come back"))

@@ -73,6 +73,11 @@ private:
             if (m_config.trust.revocation == Norvane::Crypto::Trust::Revocation::required && loaded->trust.lists == 0 &&
                 m_config.trust.listCache.empty())
                 problem("trust.revocation: lists are required, and there is none");
+            for (const OutgoingRule& rule : m_config.outgoing.rules) {
+                if (rule.sign == Wish::must && loaded->privateKeys == 0)
+                    problem("outgoing.rule: " + rule.title() +
+                            ": there is no private key to sign with, so that messages are refused");
+            }
             if (m_config.incoming.decrypt && loaded->privateKeys == 0)
                 problem("incoming.decrypt: there is no private key to decrypt with");
         } catch (const Temporary& failure) {

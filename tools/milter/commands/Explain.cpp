@@ -9,7 +9,6 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
-#include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto/DistinguishedName.h>
 
 #include <iostream>
@@ -52,7 +51,9 @@ public:
         envelope.listener = m_question.listener;
         envelope.authenticated = m_question.authenticated;
         envelope.clientAddress = m_question.client;
-        envelope.sender = m_question.sender.empty() ? m_question.from : m_question.sender;
+        const People people = peopleAsked();
+        const std::string from = people.from.size() == 1 ? people.from.front() : m_question.from;
+        envelope.sender = m_question.sender.empty() ? from : m_question.sender;
         envelope.recipients = m_question.to;
         envelope.recipients.insert(envelope.recipients.end(), m_question.hidden.begin(), m_question.hidden.end());
         Direction direction = m_question.incoming ? Direction::incoming : Direction::outgoing;
@@ -64,7 +65,7 @@ public:
         }
         std::cout << "direction: " << norvmilter::nameOf(direction) << " (" << by << ")\n";
         if (direction == Direction::outgoing)
-            return explainOutgoing(envelope);
+            return explainOutgoing(envelope, people);
         if (direction == Direction::incoming)
             explainIncoming(envelope);
         else
@@ -95,11 +96,15 @@ private:
             std::cout << "  nothing in the store or learnt is for this address\n";
     }
 
-    int explainOutgoing(const Envelope& envelope) {
-        People people;
-        people.from = {m_question.from};
+    /// As they would stand in the message.
+    [[nodiscard]] People peopleAsked() const {
+        std::vector<HeaderField> header{{"From", ' ' + m_question.from}};
         for (const std::string& address : m_question.to)
-            people.visible.insert(Trust::comparableAddress(address));
+            header.push_back({"To", " <" + address + '>'});
+        return peopleOf(header);
+    }
+
+    int explainOutgoing(const Envelope& envelope, const People& people) {
         const Plan plan =
             planFor(m_config, *m_loaded, m_stores.learnt(), envelope, people, Protection::none, Deadline());
         std::cout << "sender " << escapeForDisplay(plan.sender) << ": "

@@ -10,7 +10,8 @@
 ///
 /// A value without behaviour, which any number of threads may read.
 
-#include <norvcmsg/StringPattern.h>
+#include "config/AddressPattern.h"
+
 #include <norvcrypto-smime/SMimeWriter.h>
 #include <norvcrypto-trust/TrustVerdict.h>
 
@@ -78,17 +79,17 @@ struct DirectionRule {
 
 /// [[sender]]: whose From addresses somebody may use.
 struct SenderRule {
-    Norvane::StringPattern authenticated{"*"}; ///< of {auth_authen}; "*" takes those in who did not authenticate
-    Norvane::StringPattern envelope{"*"};      ///< of the envelope's sender
-    std::vector<Norvane::StringPattern> from;  ///< the addresses that may stand in From
+    NamePattern authenticated{"*"};   ///< of {auth_authen}; "*" takes those in who did not authenticate
+    AddressPattern envelope{"*"};     ///< of the envelope's sender
+    std::vector<AddressPattern> from; ///< the addresses that may stand in From
     unsigned int line = 0;
 };
 
 /// [[outgoing.rule]]
 struct OutgoingRule {
     std::string name;
-    Norvane::StringPattern sender{"*"};    ///< of the address in From
-    Norvane::StringPattern recipient{"*"}; ///< of the envelope's recipient
+    AddressPattern sender{"*"};    ///< of the address in From
+    AddressPattern recipient{"*"}; ///< of the envelope's recipient
     Wish sign = Wish::possible;
     Wish encrypt = Wish::never;
     Mixed mixed = Mixed::separate;

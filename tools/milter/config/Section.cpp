@@ -104,10 +104,16 @@ void Section::read(std::string_view key, std::string& into) {
     into = text;
 }
 
-void Section::read(std::string_view key, Norvane::StringPattern& into) {
+void Section::read(std::string_view key, AddressPattern& into) {
     std::string text = into.text();
     read(key, text);
-    into = Norvane::StringPattern(text);
+    into = AddressPattern(text);
+}
+
+void Section::read(std::string_view key, NamePattern& into) {
+    std::string text = into.text();
+    read(key, text);
+    into = NamePattern(text);
 }
 
 void Section::read(std::string_view key, std::vector<std::string>& into) {

@@ -4,7 +4,7 @@
 /// A table of the configuration file while it is read: every key is asked for once, what is wrong is collected, and what nobody
 /// asked for is an error, too.
 
-#include <norvcmsg/StringPattern.h>
+#include "config/AddressPattern.h"
 
 #include <array>
 #include <cstdint>
@@ -45,7 +45,8 @@ public:
 
     void read(std::string_view key, bool& into);
     void read(std::string_view key, std::string& into);
-    void read(std::string_view key, Norvane::StringPattern& into);
+    void read(std::string_view key, AddressPattern& into);
+    void read(std::string_view key, NamePattern& into);
     void read(std::string_view key, std::vector<std::string>& into);
     template <class Number> void read(std::string_view key, Number& into, std::int64_t least, std::int64_t most) {
         into = static_cast<Number>(number(key, static_cast<std::int64_t>(into), least, most));

@@ -207,12 +207,8 @@ bool isIn(std::string_view text, const std::string& name, const std::string& com
 
 /// A form in which two identifiers are compared.
 std::string comparable(std::string_view identifier) {
-    while (identifier.ends_with('.'))
-        identifier.remove_suffix(1);
-    while (identifier.starts_with(' ') || identifier.starts_with('\t'))
-        identifier.remove_prefix(1);
-    while (identifier.ends_with(' ') || identifier.ends_with('\t'))
-        identifier.remove_suffix(1);
+    const std::size_t begin = std::min(identifier.find_first_not_of(" \t"), identifier.size());
+    identifier = identifier.substr(begin, identifier.find_last_not_of(" \t.") + 1 - begin);
     const std::string asDomain = Norvane::Crypto::Trust::comparableAddress("x@" + std::string(identifier));
     return asDomain.empty() ? lowered(identifier) : asDomain.substr(2);
 }
@@ -222,7 +218,9 @@ std::string comparable(std::string_view identifier) {
 std::string valueOf(const std::string& authservId, const SMimeResult& result) {
     constexpr std::string_view name = "Authentication-Results:";
     Folder folder(name.size());
-    folder.add(pvalue(authservId) + ";");
+    // Letters beyond ASCII would be escaped, which would make another identifier.
+    const bool isAscii = std::ranges::all_of(authservId, [](char one) { return one >= 0; });
+    folder.add(pvalue(isAscii ? authservId : comparable(authservId)) + ";");
     folder.add("smime=" + result.result);
     if (!result.reason.empty())
         folder.add("reason=" + quoted(result.reason));
@@ -250,10 +248,12 @@ std::optional<std::string> authservIdOf(std::string_view value) {
 bool claims(std::string_view value, const std::string& authservId) {
     const std::string ours = comparable(authservId);
     const std::optional<std::string> identifier = authservIdOf(value);
-    if (identifier)
+    if (identifier && !comparable(*identifier).empty())
         return comparable(*identifier) == ours;
-    // Readers that are more generous may find it where it cannot be found here.
-    return isIn(value, authservId, ours) || isIn(withoutComments(value), authservId, ours);
+    // Readers that are more generous may find it where it cannot be found here, or ask for the result alone. Hosts that leave
+    // the identifier out write of other methods than this one.
+    return lowered(value).find("smime") != std::string::npos || isIn(value, authservId, ours) ||
+           isIn(withoutComments(value), authservId, ours);
 }
 
 } // namespace norvmilter

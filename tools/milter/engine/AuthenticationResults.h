@@ -29,8 +29,8 @@ struct SMimeResult {
 [[nodiscard]] std::optional<std::string> authservIdOf(std::string_view value);
 
 /// Whether somebody could take a field for one that `authservId` wrote: its identifier is that one (RFC 8601, 5: capital and small
-/// letters are the same, and so are U-labels and A-labels of a domain, with or without a last dot), or it cannot be read and has
-/// it in it.
+/// letters are the same, and so are U-labels and A-labels of a domain, with or without a last dot), or there is none that can be
+/// read, and it has it in it or speaks of S/MIME.
 [[nodiscard]] bool claims(std::string_view value, const std::string& authservId);
 
 } // namespace norvmilter

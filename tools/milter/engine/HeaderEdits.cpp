@@ -11,7 +11,7 @@ namespace {
 std::map<std::string, std::vector<std::string>> valuesOf(const std::vector<HeaderField>& header) {
     std::map<std::string, std::vector<std::string>> values;
     for (const HeaderField& field : header)
-        values[lowered(field.name)].push_back(editable(field.value));
+        values[comparableName(field.name)].push_back(editable(field.value));
     return values;
 }
 
@@ -37,9 +37,9 @@ std::vector<HeaderEdit> removals(const std::vector<HeaderField>& header,
     std::vector<HeaderEdit> edits;
     std::map<std::string, std::size_t> seen;
     for (const HeaderField& field : header) {
-        const std::size_t occurrence = ++seen[lowered(field.name)];
+        const std::size_t occurrence = ++seen[comparableName(field.name)];
         if (isUnwanted(field))
-            edits.push_back({HeaderEdit::Kind::remove, field.name, occurrence, ""});
+            edits.push_back({HeaderEdit::Kind::remove, std::string(trimmedName(field.name)), occurrence, ""});
     }
     std::ranges::reverse(edits);
     return edits;
@@ -60,10 +60,10 @@ std::vector<HeaderEdit> difference(const std::vector<HeaderField>& header, const
             changed.insert(name);
     }
     std::vector<HeaderEdit> edits =
-        removals(header, [&](const HeaderField& field) { return changed.count(lowered(field.name)) > 0; });
+        removals(header, [&](const HeaderField& field) { return changed.count(comparableName(field.name)) > 0; });
     for (const HeaderField& field : wanted) {
-        if (changed.count(lowered(field.name)) > 0)
-            edits.push_back({HeaderEdit::Kind::append, field.name, 0, editable(field.value)});
+        if (changed.count(comparableName(field.name)) > 0)
+            edits.push_back({HeaderEdit::Kind::append, std::string(trimmedName(field.name)), 0, editable(field.value)});
     }
     return edits;
 }

@@ -21,17 +21,6 @@ constexpr std::string_view ownPrefix = "X-Norvcrypt-";
 /// The header of what was decrypted may be as long as that of the message, and the body shorter.
 constexpr std::uint64_t roomForHeader = std::uint64_t{16} << 20U;
 
-std::string nameOf(const HeaderField& field) {
-    return field.name.substr(0, field.name.find_last_not_of(" \t") + 1);
-}
-
-bool isForged(const Config& config, const HeaderField& field) {
-    const std::string name = nameOf(field);
-    if (isSameName(name.substr(0, ownPrefix.size()), ownPrefix))
-        return true;
-    return isSameName(name, "Authentication-Results") && claims(field.value, config.milter.authservId);
-}
-
 /// What the way of a message wrote, and what this filter does: nothing that was encrypted or signed takes its place.
 bool isOfTheWay(const std::string& name) {
     constexpr std::array<std::string_view, 11> names{
@@ -234,6 +223,12 @@ private:
 };
 
 } // namespace
+
+bool isForged(const Config& config, const HeaderField& field) {
+    if (isSameName(field.name.substr(0, ownPrefix.size()), ownPrefix))
+        return true;
+    return isSameName(field.name, "Authentication-Results") && claims(field.value, config.milter.authservId);
+}
 
 Outcome handleIncoming(const Config& config, const LoadedStores& stores, LearntFolder* learnt, const Message& message,
                        const Deadline& deadline) {

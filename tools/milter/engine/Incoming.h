@@ -18,6 +18,10 @@ namespace norvmilter {
 [[nodiscard]] Outcome handleIncoming(const Config& config, const LoadedStores& stores, LearntFolder* learnt,
                                      const Message& message, const Deadline& deadline);
 
+/// Whether a field claims to be this filter's own, which only this filter writes: whoever hands a message over, a user who
+/// authenticated included, did not get it from here (RFC 8601, 5).
+[[nodiscard]] bool isForged(const Config& config, const HeaderField& field);
+
 /// What the reader's answer is in the words of RFC 7281.
 [[nodiscard]] SMimeResult resultOf(const Norvane::Crypto::SMime::Answer& answer);
 

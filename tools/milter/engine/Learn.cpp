@@ -65,9 +65,9 @@ void learnFrom(const SMime::Answer& answer, const LoadedStores& stores, LearntFo
             const Learning result =
                 learnt.learn(answer.from.front(), certificate, messageIdOf(message), message.envelope.queueId);
             if (result != Learning::known)
-                outcome.tell("learned", nameOf(result));
+                outcome.tell("learnt", nameOf(result));
         } catch (const Temporary& failure) {
-            outcome.tell("learned", failure.what());
+            outcome.tell("learnt", failure.what());
             return;
         }
     }

@@ -1,12 +1,14 @@
 #include "engine/Outgoing.h"
 
 #include "engine/HeaderEdits.h"
+#include "engine/Incoming.h"
 #include "engine/Streams.h"
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
 #include <norvcrypto-smime/SMimeReader.h>
 #include <norvcrypto-smime/SMimeWriter.h>
+#include <norvcrypto/CMSEnvelopeWriter.h>
 #include <norvcrypto/DistinguishedName.h>
 
 #include <algorithm>
@@ -29,9 +31,18 @@ bool isBcc(const std::string& name) {
     return isSameName(name, "Bcc") || isSameName(name, "Resent-Bcc");
 }
 
-std::vector<HeaderField> withoutBcc(std::vector<HeaderField> header) {
-    std::erase_if(header, [](const HeaderField& field) { return isBcc(field.name); });
+/// What no outgoing message keeps: hidden recipients, and results that a user wrote for those who are served by the same host.
+bool isUnwanted(const Config& config, const HeaderField& field) {
+    return isBcc(field.name) || isForged(config, field);
+}
+
+std::vector<HeaderField> cleaned(const Config& config, std::vector<HeaderField> header) {
+    std::erase_if(header, [&](const HeaderField& field) { return isUnwanted(config, field); });
     return header;
+}
+
+std::vector<HeaderEdit> cleaning(const Config& config, const std::vector<HeaderField>& header) {
+    return removals(header, [&](const HeaderField& field) { return isUnwanted(config, field); });
 }
 
 /// The reason in a failure, without where in the program it happened.
@@ -41,6 +52,15 @@ std::string reasonOf(const Norvane::Exception& failure) {
             return Norvane::escapeForDisplay(*text);
     }
     return Norvane::escapeForDisplay(failure.where());
+}
+
+bool takesOaep(const NVX509::RefCertificate& certificate) {
+    try {
+        static_cast<void>(CMS::EnvelopeRecipient::rsaOaep(certificate));
+        return true;
+    } catch (const Norvane::Exception&) {
+        return false;
+    }
 }
 
 /// A message while it is made.
@@ -60,7 +80,7 @@ public:
           m_message(message),
           m_plan(plan),
           m_deadline(deadline),
-          m_header(withoutBcc(message.header)),
+          m_header(cleaned(config, message.header)),
           m_octetsOfHeader(octetsOf(m_header) + "\r\n"),
           m_left(std::max(config.outgoing.separateBytes, std::uint64_t{2} * message.length())) {}
 
@@ -99,8 +119,6 @@ private:
     [[nodiscard]] SMime::EncryptOptions encrypting(const Group& group) const {
         SMime::EncryptOptions options;
         options.cipher = group.rule->cipher;
-        if (group.rule->oaep)
-            options.oaep = CMS::OaepParameters();
         for (const std::size_t index : group.recipients)
             options.certificates.push_back(m_plan.recipients[index].certificate.certificate);
         if (group.rule->encryptToSender) {
@@ -108,6 +126,9 @@ private:
             if (!own.certificate.isNull())
                 options.certificates.push_back(own.certificate);
         }
+        // Those with keys on curves alone are encrypted to by agreement, whatever a rule says of RSA.
+        if (group.rule->oaep && std::ranges::any_of(options.certificates, takesOaep))
+            options.oaep = CMS::OaepParameters();
         return options;
     }
 
@@ -168,7 +189,6 @@ private:
     }
 
     void changeThis(Outcome& outcome) {
-        const auto isUnwanted = [](const HeaderField& field) { return isBcc(field.name); };
         if (m_plan.groups.empty())
             return;
         const Group& group = m_plan.groups.front();
@@ -185,7 +205,7 @@ private:
             }
         }
         if (action.empty())
-            outcome.edits = removals(m_message.header, isUnwanted);
+            outcome.edits = cleaning(m_config, m_message.header);
         outcome.tell("action", action.empty() ? "none" : action);
         outcome.tell("rule", group.rule->title());
         if (!outcome.submissions.empty())
@@ -210,7 +230,7 @@ private:
 };
 
 /// A message that was not kept because of its length.
-Outcome handleTooLarge(const Config& config, const Plan& plan) {
+Outcome handleTooLarge(const Config& config, const Message& message, const Plan& plan) {
     const auto mustBeChanged = [](const RecipientPlan& one) {
         return one.rule->encrypt == Wish::must || one.rule->sign == Wish::must;
     };
@@ -220,7 +240,13 @@ Outcome handleTooLarge(const Config& config, const Plan& plan) {
         return rejected("5.3.4", text);
     if (config.limits.tooLarge == TooLarge::tempfail)
         return temporary(text);
+    // Who may not send it so when it is small may not when it is large.
+    if (plan.refusal)
+        return *plan.refusal;
     Outcome outcome;
+    outcome.edits = cleaning(config, message.header);
+    if (!outcome.edits.empty())
+        outcome.action = Outcome::Action::change;
     outcome.tell("action", "none");
     outcome.tell("unsigned", text);
     return outcome;
@@ -272,7 +298,7 @@ Outcome handleOutgoing(const Config& config, const LoadedStores& stores, const L
     const Protection protection = message.tooLarge ? Protection::none : protectionOf(config, message, deadline);
     const Plan plan = planFor(config, stores, learnt, message.envelope, people, protection, deadline);
     if (message.tooLarge)
-        return handleTooLarge(config, plan);
+        return handleTooLarge(config, message, plan);
     if (plan.refusal)
         return *plan.refusal;
     return Worker(config, stores, learnt, message, plan, deadline).work();

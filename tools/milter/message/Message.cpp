@@ -89,8 +89,16 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
+std::string_view trimmedName(std::string_view name) noexcept {
+    return name.substr(0, name.find_last_not_of(" \t") + 1);
+}
+
+std::string comparableName(std::string_view name) {
+    return lowered(trimmedName(name));
+}
+
 bool isSameName(std::string_view left, std::string_view right) noexcept {
-    return std::ranges::equal(left, right, {}, smallLetter, smallLetter);
+    return std::ranges::equal(trimmedName(left), trimmedName(right), {}, smallLetter, smallLetter);
 }
 
 MediaIn joined(const std::string& first, const MediaIn& second) {

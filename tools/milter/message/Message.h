@@ -57,7 +57,12 @@ constexpr unsigned int keptInMemory = 65536;
 
 /// A text with small letters in place of capital ones, of ASCII alone.
 [[nodiscard]] std::string lowered(std::string_view text);
-/// Whether two names of fields are the same: capital or small letters do not count.
+/// The name of a field as names are compared: small letters, and without the blanks that may stand in front of the colon (RFC 5322,
+/// 4.5), which no MTA and no mail program counts as a part of it.
+[[nodiscard]] std::string comparableName(std::string_view name);
+/// A name without those blanks.
+[[nodiscard]] std::string_view trimmedName(std::string_view name) noexcept;
+/// Whether two names of fields are the same: capital or small letters do not count, nor do blanks in front of the colon.
 [[nodiscard]] bool isSameName(std::string_view left, std::string_view right) noexcept;
 
 /// Reads the octets of one source after those of another. It knows its position and goes back when both can.

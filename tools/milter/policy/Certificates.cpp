@@ -4,6 +4,7 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
+#include <norvcrypto-smime/SMimeWriter.h>
 #include <norvcrypto/DistinguishedName.h>
 
 namespace norvmilter {
@@ -19,14 +20,30 @@ const char* reasonOf(Store::Fitness fitness) {
     switch (fitness) {
     case Store::Fitness::usageForbids:
         return "its key usage does not allow it to be encrypted to";
-    case Store::Fitness::unsuitableKey:
-        return "nothing can be encrypted to its kind of key";
+    case Store::Fitness::unsuitableKey: // of the store's older streams: by agreement others can be encrypted to as well
     case Store::Fitness::noKey:
     case Store::Fitness::outOfValidity:
     case Store::Fitness::fit:
         break;
     }
     return "";
+}
+
+/// Why nothing can be encrypted to a certificate; empty when it can. Asks those who will do it, with an empty message.
+std::string hindrance(const NVX509::RefCertificate& certificate) {
+    SMime::EncryptOptions options;
+    options.certificates = {certificate};
+    try {
+        Norvane::NullMediaOut nowhere;
+        SMime::wrap(Norvane::MemoryMediaIn(std::string("\r\n")), {options}, nowhere);
+    } catch (const Norvane::Exception& failure) {
+        for (const Norvane::Exception::Parameter& parameter : failure.parameters()) {
+            if (const auto* text = std::get_if<std::string>(&parameter))
+                return Norvane::escapeForDisplay(*text);
+        }
+        return "nothing can be encrypted to it";
+    }
+    return {};
 }
 
 class Search {
@@ -38,10 +55,16 @@ public:
 
     FoundCertificate found;
 
+    /// \param isFit the key is one of those that are encrypted to every day, and its usage allows that
     bool take(const NVX509::RefCertificate& certificate, const std::list<NVX509::RefCertificate>& chain,
-              const std::string& source) {
+              const std::string& source, bool isFit) {
         m_deadline.check();
         const Trust::Verdict verdict = m_stores.verifier->judge(certificate, chain, {}, m_options);
+        const std::string why = verdict.accepted && !isFit ? hindrance(certificate) : "";
+        if (!why.empty()) {
+            found.refusals.push_back(source + ": " + why);
+            return false;
+        }
         if (verdict.accepted) {
             found.certificate = certificate;
             found.source = source;
@@ -64,7 +87,7 @@ public:
                 return;
             if (*reasonOf(match.fitness) != '\0')
                 found.refusals.push_back(source + ": " + reasonOf(match.fitness));
-            else if (take(identity.certificate, identity.chain, source))
+            else if (take(identity.certificate, identity.chain, source, match.fitness == Store::Fitness::fit))
                 return;
         }
     }
@@ -92,7 +115,7 @@ FoundCertificate encryptionCertificateFor(const LoadedStores& stores, const Lear
     if (!search.found.certificate.isNull() || learnt == nullptr)
         return search.found;
     for (const NVX509::RefCertificate& certificate : learnt->find(address)) {
-        if (search.take(certificate, {}, "learnt certificate of " + NVX509::displayName(certificate->subject())))
+        if (search.take(certificate, {}, "learnt certificate of " + NVX509::displayName(certificate->subject()), false))
             break;
     }
     return search.found;

@@ -1,7 +1,5 @@
 #include "policy/Direction.h"
 
-#include <norvcmsg/StringPattern.h>
-
 #include <algorithm>
 
 namespace norvmilter {
@@ -12,8 +10,8 @@ bool fits(const DirectionRule& rule, const Envelope& envelope) {
     if (!rule.listener.empty() && rule.listener != envelope.listener)
         return false;
     if (!rule.authenticated.empty()) {
-        const bool isWanted = !envelope.authenticated.empty() &&
-                              Norvane::StringPattern(rule.authenticated).matches(envelope.authenticated);
+        const bool isWanted =
+            !envelope.authenticated.empty() && NamePattern(rule.authenticated).matches(envelope.authenticated);
         if (!isWanted)
             return false;
     }

@@ -1,5 +1,7 @@
 #include "policy/Plan.h"
 
+#include "policy/Rules.h"
+
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
 #include <norvcmsg/Time.h>
@@ -18,39 +20,12 @@ using Norvane::escapeForDisplay;
 
 constexpr std::size_t mostNamed = 20; ///< recipients in an answer
 
-const OutgoingRule& noRule() {
-    static const OutgoingRule rule;
-    return rule;
-}
-
-const OutgoingRule& ruleFor(const Config& config, const std::string& sender, const std::string& recipient) {
-    for (const OutgoingRule& rule : config.outgoing.rules) {
-        if (rule.sender.matches(sender) && rule.recipient.matches(recipient))
-            return rule;
-    }
-    return noRule();
-}
-
 std::string listed(const std::vector<std::string>& addresses) {
     std::string text;
     for (std::size_t index = 0; index < std::min(addresses.size(), mostNamed); ++index)
         text.append(text.empty() ? "" : ", ").append(escapeForDisplay(addresses[index]));
     return addresses.size() <= mostNamed ? text
                                          : text + " and " + std::to_string(addresses.size() - mostNamed) + " more";
-}
-
-/// Whether the sender of the envelope may use these addresses as From.
-bool mayUse(const Config& config, const Envelope& envelope, const std::vector<std::string>& from) {
-    const std::string sender = Trust::comparableAddress(envelope.sender);
-    if (from.size() == 1 && !sender.empty() && sender == Trust::comparableAddress(from.front()))
-        return true;
-    return std::ranges::any_of(config.senders, [&](const SenderRule& rule) {
-        return rule.authenticated.matches(envelope.authenticated) && rule.envelope.matches(envelope.sender) &&
-               std::ranges::all_of(from, [&](const std::string& address) {
-                   return std::ranges::any_of(
-                       rule.from, [&](const Norvane::StringPattern& pattern) { return pattern.matches(address); });
-               });
-    });
 }
 
 /// As `ValidityPeriod::valid`, which would write a line of its own into the log.
@@ -70,9 +45,9 @@ public:
           m_learnt(learnt),
           m_envelope(envelope),
           m_people(people),
-          m_deadline(deadline) {
-        const bool isOne = m_people.from.size() == 1 && m_people.problem.empty();
-        m_plan.sender = isOne ? m_people.from.front() : m_envelope.sender;
+          m_deadline(deadline),
+          m_rules(config, envelope, people) {
+        m_plan.sender = m_rules.sender();
     }
 
     Plan plan(Protection protection) {
@@ -95,8 +70,10 @@ private:
         m_deadline.check();
         RecipientPlan recipient;
         recipient.address = address;
-        recipient.rule = &ruleFor(m_config, m_plan.sender, address);
-        recipient.hidden = m_people.visible.count(Trust::comparableAddress(address)) == 0;
+        recipient.rule = &m_rules.ruleFor(address);
+        // Those that cannot be compared could be anybody's.
+        const std::string comparable = Trust::comparableAddress(address);
+        recipient.hidden = comparable.empty() || m_people.visible.count(comparable) == 0;
         m_plan.recipients.push_back(std::move(recipient));
     }
 
@@ -183,7 +160,7 @@ private:
         group.sign = m_plan.signer && recipient.rule->sign != Wish::never;
         group.mustSign = recipient.rule->sign == Wish::must && protection == Protection::none;
         group.encrypt = recipient.encrypt;
-        group.rule = group.sign || group.encrypt ? recipient.rule : &noRule();
+        group.rule = group.sign || group.encrypt ? recipient.rule : &Rules::none();
         return group;
     }
 
@@ -233,6 +210,7 @@ private:
     const Envelope& m_envelope;
     const People& m_people;
     const Deadline& m_deadline;
+    Rules m_rules;
     Plan m_plan;
     bool m_isKeyMissing = false;
 };

@@ -251,9 +251,10 @@ std::vector<RefCertificate> LearntFolder::find(const std::string& address) const
     return certificates;
 }
 
-bool LearntFolder::makeRoom(const std::set<std::string>& names, const RefCertificate& certificate) {
+std::optional<std::string> LearntFolder::outlived(const std::set<std::string>& names,
+                                                  const RefCertificate& certificate) const {
     if (names.size() < m_perAddress)
-        return true;
+        return std::string();
     std::string first;
     std::int64_t firstEnd = 0;
     for (const std::string& name : names) {
@@ -265,11 +266,8 @@ bool LearntFolder::makeRoom(const std::set<std::string>& names, const RefCertifi
         }
     }
     if (first.empty() || firstEnd >= endOf(certificate))
-        return false;
-    removeFolder(m_folder + '/' + first);
-    m_names[first.substr(0, digestLength)].erase(first);
-    --m_count;
-    return true;
+        return std::nullopt;
+    return first;
 }
 
 Learning LearntFolder::learn(const std::string& address, const RefCertificate& certificate,
@@ -287,11 +285,18 @@ Learning LearntFolder::learn(const std::string& address, const RefCertificate& c
         return Learning::revoked;
     const auto known = m_names.find(ofAddress);
     const std::set<std::string> names = known == m_names.end() ? std::set<std::string>() : known->second;
-    if (names.count(name) > 0 || access(path.c_str(), F_OK) == 0)
+    if (names.count(name) > 0)
         return Learning::known;
-    if (!makeRoom(names, certificate))
+    if (access(path.c_str(), F_OK) == 0) {
+        // Another filter, or the one before a reload, was faster.
+        m_names[ofAddress].insert(name);
+        ++m_count;
+        return Learning::known;
+    }
+    const std::optional<std::string> leaving = outlived(names, certificate);
+    if (!leaving)
         return Learning::notNewer;
-    if (m_count >= m_total)
+    if (leaving->empty() && m_count >= m_total)
         return Learning::full;
     std::string made = m_folder + "/.new-XXXXXX";
     if (mkdtemp(made.data()) == nullptr)
@@ -308,6 +313,12 @@ Learning LearntFolder::learn(const std::string& address, const RefCertificate& c
     }
     m_names[ofAddress].insert(name);
     ++m_count;
+    // At last: on a full disk the address keeps what it has.
+    if (!leaving->empty()) {
+        removeFolder(m_folder + '/' + *leaving);
+        m_names[ofAddress].erase(*leaving);
+        --m_count;
+    }
     return Learning::learnt;
 }
 

@@ -9,7 +9,7 @@
 ///     learnt/.revoked-3f0c...-91ab.../   the same, once it was revoked: it is neither used nor learnt again
 ///
 /// The name is made of the digests of address and certificate, so that a look-up opens only what it wants, and several filters may
-/// share the folder: what one learns the others find when they load the folder anew.
+/// share the folder: what one learns the others find when they load the folder anew, or would learn it themselves.
 ///
 /// Everything may be called from any number of threads at once.
 
@@ -19,6 +19,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -78,8 +79,9 @@ private:
     using Names = std::map<std::string, std::set<std::string>>;
 
     [[nodiscard]] static Names namesIn(const std::string& folder, std::size_t& count);
-    /// Makes room for one that lasts until then. False when nothing may go for it.
-    bool makeRoom(const std::set<std::string>& names, const Norvane::Crypto::NVX509::RefCertificate& certificate);
+    /// Which of an address's makes room for one: empty when there is room. Nothing when none may go for it.
+    [[nodiscard]] std::optional<std::string> outlived(const std::set<std::string>& names,
+                                                      const Norvane::Crypto::NVX509::RefCertificate& certificate) const;
 
     std::string m_folder;
     unsigned int m_perAddress;

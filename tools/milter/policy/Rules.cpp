@@ -1,0 +1,126 @@
+#include "policy/Rules.h"
+
+#include <norvcrypto-trust/TrustSender.h>
+
+#include <algorithm>
+
+namespace norvmilter {
+
+namespace {
+
+constexpr std::size_t mostRoutes = 16; ///< of one address
+
+std::string withoutQuotes(const std::string& local) {
+    if (local.size() < 2 || local.front() != '"' || local.back() != '"')
+        return local;
+    std::string plain;
+    for (std::size_t at = 1; at + 1 < local.size(); ++at) {
+        if (local[at] == '\\' && at + 2 < local.size())
+            ++at;
+        plain += local[at];
+    }
+    return plain;
+}
+
+/// The addresses that are packed into a local part, those in them included, as MTAs unpack them. Ends beyond the limit.
+std::vector<std::string> routesIn(const std::string& address) {
+    std::vector<std::string> found{address};
+    for (std::size_t next = 0; next < found.size() && found.size() <= mostRoutes; ++next) {
+        const std::string local = withoutQuotes(found[next].substr(0, found[next].rfind('@')));
+        const auto add = [&](std::string route) {
+            if (std::ranges::find(found, route) == found.end())
+                found.push_back(std::move(route));
+        };
+        if (local.find('@') != std::string::npos) {
+            add(local);
+            continue;
+        }
+        const std::size_t bang = local.find('!');
+        if (bang != std::string::npos)
+            add(local.substr(bang + 1) + '@' + local.substr(0, bang));
+        const std::size_t percent = local.rfind('%');
+        if (percent != std::string::npos)
+            add(local.substr(0, percent) + '@' + local.substr(percent + 1));
+    }
+    found.erase(found.begin());
+    return found;
+}
+
+} // namespace
+
+bool mayUse(const Config& config, const Envelope& envelope, const std::vector<std::string>& from) {
+    using Norvane::Crypto::Trust::comparableAddress;
+    const std::string sender = comparableAddress(envelope.sender);
+    if (from.size() == 1 && !sender.empty() && sender == comparableAddress(from.front()))
+        return true;
+    return std::ranges::any_of(config.senders, [&](const SenderRule& rule) {
+        return rule.authenticated.matches(envelope.authenticated) && rule.envelope.matches(envelope.sender) &&
+               std::ranges::all_of(from, [&](const std::string& address) {
+                   return std::ranges::any_of(rule.from,
+                                              [&](const AddressPattern& pattern) { return pattern.matches(address); });
+               });
+    });
+}
+
+Rules::Rules(const Config& config, const Envelope& envelope, const People& people) : m_config(config) {
+    const bool isOne = people.from.size() == 1 && people.problem.empty();
+    m_sender = isOne ? people.from.front() : envelope.sender;
+    m_fits = fitsOf(m_sender);
+    if (isOne && mayUse(config, envelope, people.from))
+        return;
+    for (const std::string& address : people.from)
+        m_others.insert(fitsOf(address));
+    if (!envelope.sender.empty())
+        m_others.insert(fitsOf(envelope.sender));
+    m_others.erase(m_fits);
+}
+
+Rules::Fits Rules::fitsOf(const std::string& sender) const {
+    const AddressForms forms(sender);
+    Fits fits;
+    for (const OutgoingRule& rule : m_config.outgoing.rules)
+        fits.push_back(rule.sender.matches(forms));
+    return fits;
+}
+
+const OutgoingRule& Rules::none() {
+    static const OutgoingRule rule;
+    return rule;
+}
+
+const OutgoingRule& Rules::first(const Fits& fits, const AddressForms& recipient) const {
+    for (std::size_t index = 0; index < fits.size(); ++index) {
+        if (fits[index] && m_config.outgoing.rules[index].recipient.matches(recipient))
+            return m_config.outgoing.rules[index];
+    }
+    return none();
+}
+
+const OutgoingRule& Rules::ruleFor(const std::string& recipient) const {
+    const AddressForms given(recipient);
+    const OutgoingRule& rule = first(m_fits, given);
+    const OutgoingRule* strictest = &rule;
+    const auto ask = [&](const AddressForms& address, const Fits& fits) {
+        if (strictest->encrypt != Wish::must && first(fits, address).encrypt == Wish::must)
+            strictest = &first(fits, address);
+    };
+    for (const Fits& other : m_others)
+        ask(given, other);
+    const std::vector<std::string> routes = routesIn(recipient);
+    for (const std::string& route : routes) {
+        const AddressForms forms(route);
+        ask(forms, m_fits);
+        for (const Fits& other : m_others)
+            ask(forms, other);
+    }
+    if (routes.size() >= mostRoutes && strictest->encrypt != Wish::must) {
+        // Nobody has such an address, and what it may be sent on to is not looked for any further.
+        for (const OutgoingRule& one : m_config.outgoing.rules) {
+            if (one.encrypt == Wish::must)
+                return one;
+        }
+    }
+    return *strictest;
+}
+
+} // namespace norvmilter
