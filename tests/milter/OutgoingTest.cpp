@@ -403,6 +403,22 @@ TEST_F(Outgoing, TooLargeMessages) {
               Action::tempfail);
 }
 
+TEST_F(Outgoing, TooLargeMessagesKeepNoSecretsAndFollowTheRules) {
+    Message message = mailOf();
+    message.tooLarge = true;
+    message.header.push_back({"Bcc", " hidden@b.example"});
+    const Outcome outcome = handled(m_world, rule("possible", "possible"), message);
+    EXPECT_EQ(outcome.action, Action::change);
+    EXPECT_TRUE(delivered(message, outcome).values("Bcc").empty());
+    EXPECT_FALSE(outcome.body);
+
+    // Whoever may not sign as somebody else may not send longer mail as them either.
+    message.envelope.sender = "mallory@a.example";
+    const Outcome refused = handled(m_world, rule("possible", "never"), message);
+    EXPECT_EQ(refused.action, Action::reject);
+    EXPECT_EQ(refused.reply.text.find("the sender <mallory@a.example> may not sign as"), 0U) << refused.reply.text;
+}
+
 TEST_F(Outgoing, ManyHiddenRecipientsAreBounded) {
     m_world.add("all", bert(), "*@many.example", false);
     std::vector<std::string> recipients;

@@ -210,7 +210,7 @@ private:
 };
 
 /// A message that was not kept because of its length.
-Outcome handleTooLarge(const Config& config, const Plan& plan) {
+Outcome handleTooLarge(const Config& config, const Message& message, const Plan& plan) {
     const auto mustBeChanged = [](const RecipientPlan& one) {
         return one.rule->encrypt == Wish::must || one.rule->sign == Wish::must;
     };
@@ -221,6 +221,9 @@ Outcome handleTooLarge(const Config& config, const Plan& plan) {
     if (config.limits.tooLarge == TooLarge::tempfail)
         return temporary(text);
     Outcome outcome;
+    outcome.edits = removals(message.header, [](const HeaderField& field) { return isBcc(field.name); });
+    if (!outcome.edits.empty())
+        outcome.action = Outcome::Action::change;
     outcome.tell("action", "none");
     outcome.tell("unsigned", text);
     return outcome;
@@ -271,10 +274,11 @@ Outcome handleOutgoing(const Config& config, const LoadedStores& stores, const L
     const People people = peopleOf(message.header);
     const Protection protection = message.tooLarge ? Protection::none : protectionOf(config, message, deadline);
     const Plan plan = planFor(config, stores, learnt, message.envelope, people, protection, deadline);
-    if (message.tooLarge)
-        return handleTooLarge(config, plan);
-    if (plan.refusal)
+    // Nothing is made of it that would have to be split.
+    if (plan.refusal && !(message.tooLarge && plan.isRefusedForSplit))
         return *plan.refusal;
+    if (message.tooLarge)
+        return handleTooLarge(config, message, plan);
     return Worker(config, stores, learnt, message, plan, deadline).work();
 }
 
