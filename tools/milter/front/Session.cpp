@@ -1,8 +1,7 @@
 #include "front/Session.h"
 
+#include "front/Failure.h"
 #include "submit/Submit.h"
-
-#include <norvcmsg/Exception.h>
 
 #include <arpa/inet.h>
 #include <array>
@@ -183,7 +182,7 @@ sfsistat Session::recipient(SMFICTX* context, const char* path) {
 }
 
 void Session::header(const char* name, const char* value) {
-    if (!m_mail || m_mail->failed)
+    if (!m_mail || m_mail->isSpoilt || m_mail->failed)
         return;
     const FrontLimits& limits = m_mail->generation->limits;
     HeaderField field{name == nullptr ? "" : name, value == nullptr ? "" : value};
@@ -207,10 +206,15 @@ sfsistat Session::body(const unsigned char* octets, std::size_t length) {
     const std::uint64_t most = m_mail->generation->limits.messageBytes;
     if (most != 0 && m_mail->octets > most)
         m_mail->message.tooLarge = true;
-    if (m_mail->message.tooLarge || m_mail->failed)
+    if (m_mail->message.tooLarge || m_mail->isSpoilt || m_mail->failed)
         return m_agreed.skip ? SMFIS_SKIP : SMFIS_CONTINUE;
     m_mail->message.addBody(octets, length);
     return SMFIS_CONTINUE;
+}
+
+void Session::spoil() noexcept {
+    if (m_mail)
+        m_mail->isSpoilt = true;
 }
 
 void Session::fail(const std::string& why) {
@@ -229,15 +233,23 @@ void Session::abort() {
 Outcome Session::judge(SMFICTX* context, const Mail& mail) const {
     if (mail.failed)
         return *mail.failed;
+    if (mail.isSpoilt)
+        return troubled("out of memory");
     const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
     try {
         return mail.generation->judge(mail.message, Deadline::in(mail.generation->limits.perMessage));
-    } catch (const std::bad_alloc&) {
-        return troubled("out of memory");
-    } catch (const Norvane::Exception& failure) {
-        return troubled(failure.asString());
-    } catch (const std::exception& failure) {
-        return troubled(failure.what());
+    } catch (const std::exception&) {
+        return troubled(currentFailure());
+    }
+}
+
+std::optional<Outcome> Session::change(SMFICTX* context, const Mail& mail, const Outcome& outcome) const {
+    try {
+        if (applyChanges(context, m_agreed, mail.written, outcome))
+            return std::nullopt;
+        return troubled("the MTA does not take a change");
+    } catch (const std::exception&) {
+        return troubled("a change: " + currentFailure());
     }
 }
 
@@ -250,13 +262,12 @@ std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const
         return std::nullopt;
     } catch (const SubmissionFailure& failure) {
         m_front.metrics().submissionFailed();
-        Outcome failed = failure.isPermanent() ? withReply(Outcome::Action::reject, 550, "5.7.1",
-                                                           std::string("a part was refused: ") + failure.what())
-                                               : troubled(std::string("submission: ") + failure.what());
-        return failed;
-    } catch (const std::exception& failure) {
+        return failure.isPermanent() ? withReply(Outcome::Action::reject, 550, "5.7.1",
+                                                 std::string("a part was refused: ") + failure.what())
+                                     : troubled(std::string("submission: ") + failure.what());
+    } catch (const std::exception&) {
         m_front.metrics().submissionFailed();
-        return troubled(std::string("submission: ") + failure.what());
+        return troubled("submission: " + currentFailure());
     }
 }
 
@@ -270,18 +281,24 @@ sfsistat Session::endOfMessage(SMFICTX* context) {
         mail->message.envelope.queueId = macro(context, "i");
 
     Outcome outcome = judge(context, *mail);
-    if (goesOn(outcome)) {
-        if (std::optional<Outcome> failed = submit(context, *mail, outcome))
-            outcome = instead(outcome, std::move(*failed));
-    }
     const bool isWhollySubmitted = outcome.action == Outcome::Action::change && !outcome.submissions.empty() &&
                                    outcome.removeRecipients.size() == mail->message.envelope.recipients.size();
-    if (outcome.action == Outcome::Action::change && !isWhollySubmitted &&
-        !applyChanges(context, m_agreed, mail->written, outcome))
-        outcome = instead(outcome, troubled("the MTA does not take a change"));
+    // A message that is refused in the end is not changed at all, whereas what was submitted is gone: that comes last.
+    std::optional<Outcome> failed;
+    if (outcome.action == Outcome::Action::change && !isWhollySubmitted)
+        failed = change(context, *mail, outcome);
+    if (!failed && goesOn(outcome))
+        failed = submit(context, *mail, outcome);
+    if (failed)
+        outcome = instead(outcome, std::move(*failed));
 
-    tell(*mail, outcome, isWhollySubmitted ? "discard" : nameOf(outcome.action), begun);
-    if (isWhollySubmitted)
+    const bool isDiscarded = isWhollySubmitted && goesOn(outcome);
+    try {
+        tell(*mail, outcome, isDiscarded ? "discard" : nameOf(outcome.action), begun);
+    } catch (const std::bad_alloc&) {
+        // A line that cannot be written is lost. The answer is not: what was submitted must not come again for that.
+    }
+    if (isDiscarded)
         return SMFIS_DISCARD;
     return goesOn(outcome) ? SMFIS_CONTINUE : answerWith(context, outcome.reply);
 }
