@@ -390,6 +390,33 @@ TEST_F(MilterRunning, AWorkerWithoutASupervisorEnds) {
     expectMailPasses("NEXT");
 }
 
+// It finishes what it has in hand, and is in nobody's way meanwhile.
+TEST_F(MilterRunning, AWorkerWithoutASupervisorTakesNothingMore) {
+    const std::string keys = "pid_file = \"" + m_folder.path("pid") + "\"\n";
+    start(keys);
+    const pid_t last = worker();
+    MilterPeer peer(socket());
+    ASSERT_EQ('c', peer.begin());
+    ASSERT_TRUE(peer.header("LAST", "<a@a.example>", {"<b@b.example>"}, {{"Subject", " a"}}));
+    daemon().signal(SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, daemon().end());
+    bool isClosed = false;
+    for (int i = 0; i < 500 && !isClosed; ++i) {
+        isClosed = !MilterPeer(socket()).isConnected();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(isClosed);
+    EXPECT_EQ(0, ::kill(last, 0)) << "it has a message in hand";
+    start(keys);
+    expectMailPasses("NEXT");
+    EXPECT_TRUE(peer.body("hello\r\n"));
+    EXPECT_EQ('c', peer.end().kind);
+    for (int i = 0; i < 1000 && ::kill(last, 0) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_NE(0, ::kill(last, 0));
+    EXPECT_EQ(0, stop());
+}
+
 TEST_F(MilterRunning, AFullDiskIsTemporary) {
     const std::string config = configure();
     // Files end at 64 KB: as much as there is room on the disk.
