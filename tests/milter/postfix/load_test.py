@@ -11,8 +11,10 @@ from rig.gateway import USER
 from rig.people import keep
 
 CONNECTIONS = 20
-MESSAGES = 5000 if LONG else 1000
-RELOADS = 100
+# In both each connection sends again and again while the filters are reloaded; a hundred reloads of a filter by itself are among
+# the tests of the daemon.
+MESSAGES = 5000 if LONG else 400
+RELOADS = 100 if LONG else 30
 
 
 class Load(Case):
