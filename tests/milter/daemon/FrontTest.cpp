@@ -301,6 +301,25 @@ TEST(MilterFront, AHeaderHasItsLimits) {
     EXPECT_EQ(0, judged);
 }
 
+// Each is kept as long as the message, and there may be thousands.
+TEST(MilterFront, AddressesHaveTheirLimit) {
+    Seen seen;
+    FrontBench bench(seen.judge());
+    Asking asking(bench);
+    asking.negotiate();
+    asking.connect();
+    const std::string longest(991, 'x');
+    EXPECT_EQ(SMFIS_REJECT, asking.sender("<" + longest + "0123456789@a.example>"));
+    EXPECT_EQ("setreply 553 5.1.7 the address is too long", lastCall(asking));
+    EXPECT_EQ(0U, bench.front().inHand());
+    asking.sender("<a@a.example>");
+    EXPECT_EQ(SMFIS_CONTINUE, asking.recipient("<" + longest + "@b.exampl>"));
+    EXPECT_EQ(SMFIS_REJECT, asking.recipient("<" + longest + "@b.example>"));
+    EXPECT_EQ("setreply 553 5.1.3 the address is too long", lastCall(asking));
+    asking.end();
+    EXPECT_THAT(seen.envelopes.at(0).recipients, ElementsAre(longest + "@b.exampl"));
+}
+
 TEST(MilterFront, RecipientsAndConnectionsHaveTheirLimits) {
     FrontLimits limits;
     limits.recipients = 2;

@@ -441,11 +441,10 @@ TEST_F(MilterRunning, AFullDiskIsTemporary) {
 TEST_F(MilterRunning, SystemdUnderstandsTheUnit) {
     const std::string unit = m_folder.path("norvcrypt-milter.service");
     // systemd looks for the program, too.
-    const interop::Answer made =
-        interop::run({.arguments = {"sh", "-c", "sed \"s|/usr/bin/norvcrypt-milter|$0|\" \"$1\" > \"$2\"", program,
-                                    std::string(norvtest::sourceDirectory) +
-                                        "/tools/milter/systemd/norvcrypt-milter.service",
-                                    unit}});
+    const interop::Answer made = interop::run(
+        {.arguments = {"sh", "-c", "sed \"s|/usr/bin/norvcrypt-milter|$0|\" \"$1\" > \"$2\"", program,
+                       std::string(norvtest::sourceDirectory) + "/tools/milter/systemd/norvcrypt-milter.service",
+                       unit}});
     ASSERT_EQ(0, made.status) << made.err;
     if (interop::run({.arguments = {"sh", "-c", "command -v systemd-analyze"}}).status != 0)
         GTEST_SKIP() << "systemd-analyze is not installed";

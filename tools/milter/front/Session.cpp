@@ -20,6 +20,14 @@ constexpr unsigned long neededActions = SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CH
 constexpr unsigned long wantedSteps =
     SMFIP_NOHELO | SMFIP_NOEOH | SMFIP_NODATA | SMFIP_NOUNKNOWN | SMFIP_SKIP | SMFIP_NR_HDR | SMFIP_HDR_LEADSPC;
 
+/// No command can hold longer ones when a message is handed over (`submit`), and SMTP has 256 (RFC 5321, 4.5.3.1.3).
+constexpr std::size_t longestAddress = 1000;
+
+bool isTooLong(const char* path) {
+    constexpr std::size_t brackets = 2;
+    return path != nullptr && std::strlen(path) > longestAddress + brackets;
+}
+
 std::string macro(SMFICTX* context, const char* name) {
     const char* value = smfi_getsymval(context, const_cast<char*>(name));
     return value == nullptr ? std::string() : std::string(value);
@@ -152,6 +160,8 @@ sfsistat Session::sender(SMFICTX* context, const char* path) {
     m_mail.reset();
     if (m_front.isDraining())
         return answerWith(context, {451, "4.3.2", "mail filter: stopping"});
+    if (isTooLong(path))
+        return answerWith(context, {553, "5.1.7", "the address is too long"});
     m_mail = std::make_unique<Mail>(m_front, m_front.generation());
     Envelope& envelope = m_mail->message.envelope;
     envelope.clientAddress = m_client;
@@ -172,6 +182,8 @@ void Session::readMacros(SMFICTX* context) {
 sfsistat Session::recipient(SMFICTX* context, const char* path) {
     if (!m_mail)
         return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
+    if (isTooLong(path))
+        return answerWith(context, {553, "5.1.3", "the address is too long"});
     Envelope& envelope = m_mail->message.envelope;
     if (envelope.recipients.size() >= m_mail->generation->limits.recipients)
         return answerWith(context, {452, "4.5.3", "too many recipients"});
@@ -293,17 +305,24 @@ sfsistat Session::endOfMessage(SMFICTX* context) {
         outcome = instead(outcome, std::move(*failed));
 
     const bool isDiscarded = isWhollySubmitted && goesOn(outcome);
-    try {
-        tell(*mail, outcome, isDiscarded ? "discard" : nameOf(outcome.action), begun);
-    } catch (const std::bad_alloc&) {
-        // A line that cannot be written is lost. The answer is not: what was submitted must not come again for that.
-    }
+    tell(*mail, outcome, isDiscarded ? "discard" : nameOf(outcome.action), begun);
     if (isDiscarded)
         return SMFIS_DISCARD;
     return goesOn(outcome) ? SMFIS_CONTINUE : answerWith(context, outcome.reply);
 }
 
-void Session::tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const {
+void Session::tell(const Mail& mail, const Outcome& outcome, const char* action,
+                   Front::Clock::time_point begun) const noexcept {
+    try {
+        report(mail, outcome, action, begun);
+    } catch (const std::exception&) {
+        // A line that there is no memory for is lost. The answer is not: what was submitted must not come again for that.
+        return;
+    }
+}
+
+void Session::report(const Mail& mail, const Outcome& outcome, const char* action,
+                     Front::Clock::time_point begun) const {
     const std::chrono::duration<double> took = Front::Clock::now() - begun;
     const Envelope& envelope = mail.message.envelope;
     LogFields fields{{"queue", envelope.queueId},

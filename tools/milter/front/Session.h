@@ -63,7 +63,9 @@ private:
     /// What failed, if something did.
     [[nodiscard]] std::optional<Outcome> change(SMFICTX* context, const Mail& mail, const Outcome& outcome) const;
     [[nodiscard]] std::optional<Outcome> submit(SMFICTX* context, const Mail& mail, const Outcome& outcome) const;
-    void tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const;
+    void tell(const Mail& mail, const Outcome& outcome, const char* action,
+              Front::Clock::time_point begun) const noexcept;
+    void report(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const;
     void readMacros(SMFICTX* context);
 
     Front& m_front;
