@@ -43,6 +43,8 @@ protected:
         m_daemon = std::make_unique<Running>(
             std::vector<std::string>{program, "--config", config, "--foreground", "--allow-root"}, m_folder.path());
         wait("event=loaded");
+        // The supervisor writes by itself, and may come later.
+        wait("restarts=0");
     }
     [[nodiscard]] std::string socket() const { return m_folder.path("milter.sock"); }
     [[nodiscard]] Running& daemon() const { return *m_daemon; }
