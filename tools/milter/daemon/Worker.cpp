@@ -176,7 +176,7 @@ private:
 
     static void connectTo(const sockaddr_storage& place, socklen_t length) {
         const Descriptor asking(::socket(place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        ::connect(asking.get(), reinterpret_cast<const sockaddr*>(&place), length);
+        static_cast<void>(::connect(asking.get(), reinterpret_cast<const sockaddr*>(&place), length));
     }
 
     unsigned int stopTimeout() {
