@@ -463,6 +463,7 @@ TEST_F(Outgoing, TooLargeMessagesTellOfNobodyHidden) {
     const Outcome passed = handled(m_world, rule("possible", "possible"), message);
     EXPECT_EQ(passed.action, Action::change);
     EXPECT_TRUE(delivered(message, passed).values("Bcc").empty());
+    EXPECT_FALSE(passed.body);
     message.envelope.sender = "eve@a.example";
     EXPECT_EQ(handled(m_world, rule("possible", "possible"), message).reply.text,
               "the sender <eve@a.example> may not sign as anna@a.example");

@@ -182,7 +182,11 @@ TEST(MilterSubmit, WhatAServerCannotTakeIsNotSent) {
 
 TEST(MilterSubmit, AddressesEndNoCommand) {
     for (const std::string bad : {"b@b.example>\r\nRSET", "b@b.example> NOTIFY=NEVER", "b b@b.example", "\"b@b.example",
-                                  "\"a\\\"@b.example", "b\n@b.example"}) {
+                                  "\"a\\\"@b.example", "b\n@b.example",
+                                  // What a backslash stands in front of ends a command as well.
+                                  "\"b\\\r\nRSET\r\n\"@b.example", "\"b\\\n\"@b.example",
+                                  // Servers that take a quotation mark behind a backslash for text see the end here.
+                                  "b\\\"> NOTIFY=NEVER ORCPT=\"@b.example", "b\\"}) {
         FakeSmtp server;
         const auto [text, isPermanent] = failureOf(to(server), {submission("a@a.example", {bad}, shortMessage)});
         EXPECT_THAT(text, HasSubstr("an address that no command can hold")) << bad;

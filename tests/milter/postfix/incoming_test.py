@@ -39,7 +39,9 @@ class Incoming(Case):
                 "Authentication-Results: (comment) mx.b.example; none",
                 'Authentication-Results: "mx.b.example"; smime=pass',
                 "Authentication-Results:\r\n mx.b.example ;\r\n smime=pass",
-                "X-Norvcrypt-Verdict: accepted"]
+                # What some mail programs take for the field, too.
+                "Authentication-Results : mx.b.example; smime=pass", "AUTHENTICATION-RESULTS:mx.b.example;smime=pass",
+                "X-Norvcrypt-Verdict: accepted", "x-norvcrypt-signer : somebody"]
         others = ["Authentication-Results: mx.bb.example; smime=pass", "Authentication-Results: mx.b.example.net; smime=pass",
                   "X-Other: mx.b.example; smime=pass"]
         clean = mail.compose(SENDER, RECIPIENT, "forged", b"x\r\n", others)

@@ -3,7 +3,7 @@
 
     NORV_MILTER=build/asan/bin/norvcrypt-milter python3 tests/milter/postfix/run.py [policy_test | policy_test.Cells ...]
 
-NORV_MILTER_LONG=1 makes the load larger. Exit code 77, which ctest shows as skipped, where no Postfix can be started."""
+NORV_MILTER_LONG=1 makes the load larger: 5,000 messages. Exit code 77, which ctest shows as skipped, where no Postfix can be started."""
 
 import os
 import signal

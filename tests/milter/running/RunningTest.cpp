@@ -43,6 +43,8 @@ protected:
         m_daemon = std::make_unique<Running>(
             std::vector<std::string>{program, "--config", config, "--foreground", "--allow-root"}, m_folder.path());
         wait("event=loaded");
+        // The supervisor writes by itself, and may come later.
+        wait("restarts=0");
     }
     [[nodiscard]] std::string socket() const { return m_folder.path("milter.sock"); }
     [[nodiscard]] Running& daemon() const { return *m_daemon; }
@@ -390,6 +392,33 @@ TEST_F(MilterRunning, AWorkerWithoutASupervisorEnds) {
     expectMailPasses("NEXT");
 }
 
+// It finishes what it has in hand, and is in nobody's way meanwhile.
+TEST_F(MilterRunning, AWorkerWithoutASupervisorTakesNothingMore) {
+    const std::string keys = "pid_file = \"" + m_folder.path("pid") + "\"\n";
+    start(keys);
+    const pid_t last = worker();
+    MilterPeer peer(socket());
+    ASSERT_EQ('c', peer.begin());
+    ASSERT_TRUE(peer.header("LAST", "<a@a.example>", {"<b@b.example>"}, {{"Subject", " a"}}));
+    daemon().signal(SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, daemon().end());
+    bool isClosed = false;
+    for (int i = 0; i < 500 && !isClosed; ++i) {
+        isClosed = !MilterPeer(socket()).isConnected();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(isClosed);
+    EXPECT_EQ(0, ::kill(last, 0)) << "it has a message in hand";
+    start(keys);
+    expectMailPasses("NEXT");
+    EXPECT_TRUE(peer.body("hello\r\n"));
+    EXPECT_EQ('c', peer.end().kind);
+    for (int i = 0; i < 1000 && ::kill(last, 0) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_NE(0, ::kill(last, 0));
+    EXPECT_EQ(0, stop());
+}
+
 TEST_F(MilterRunning, AFullDiskIsTemporary) {
     const std::string config = configure();
     // Files end at 64 KB: as much as there is room on the disk.
@@ -409,6 +438,21 @@ TEST_F(MilterRunning, AFullDiskIsTemporary) {
     EXPECT_EQ('c', peer.message("STILL", "hello\r\n").kind);
     EXPECT_EQ(1, count("event=worker-started"));
     EXPECT_EQ(0, stop());
+}
+
+TEST_F(MilterRunning, SystemdUnderstandsTheUnit) {
+    const std::string unit = m_folder.path("norvcrypt-milter.service");
+    // systemd looks for the program, too.
+    const interop::Answer made = interop::run(
+        {.arguments = {"sh", "-c", "sed \"s|/usr/bin/norvcrypt-milter|$0|\" \"$1\" > \"$2\"", program,
+                       std::string(norvtest::sourceDirectory) + "/tools/milter/systemd/norvcrypt-milter.service",
+                       unit}});
+    ASSERT_EQ(0, made.status) << made.err;
+    if (interop::run({.arguments = {"sh", "-c", "command -v systemd-analyze"}}).status != 0)
+        GTEST_SKIP() << "systemd-analyze is not installed";
+    const interop::Answer answer = interop::run({.arguments = {"systemd-analyze", "verify", "--man=no", unit}});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("", answer.err);
 }
 
 TEST_F(MilterRunning, StartsThatFailSayWhy) {

@@ -1,5 +1,6 @@
 #include "milter/support/FakeLibmilter.h"
 
+#include <new>
 #include <string>
 
 namespace {
@@ -62,6 +63,8 @@ int smfi_delrcpt(SMFICTX* context, char* recipient) {
 }
 
 int smfi_replacebody(SMFICTX* context, unsigned char* octets, int length) {
+    if (context->throwsAtBody)
+        throw std::bad_alloc();
     const int result = change(context, "replacebody " + std::to_string(length));
     if (result == MI_SUCCESS)
         context->body.append(reinterpret_cast<const char*>(octets), static_cast<std::size_t>(length));

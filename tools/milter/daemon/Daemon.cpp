@@ -64,9 +64,14 @@ int runDaemon(const DaemonOptions& options) {
     const WorkerOptions worker{path, milter.descriptor(), metrics ? metrics->descriptor() : -1, !options.isForeground};
     Supervisor::Times times;
     times.stop = std::chrono::seconds(config.milter.stopTimeout + 10);
-    Supervisor supervisor(
-        log, [&worker](const Channel& channel, unsigned long restarts) { return runWorker(worker, channel, restarts); },
-        times, {[&] { tellStarter("ready"); }, tellStarter});
+    Supervisor supervisor(log,
+                          [&](const Channel& channel, unsigned long restarts) {
+                              // A worker whose supervisor was killed keeps no other one from starting.
+                              pidFile.leave();
+                              starter.close();
+                              return runWorker(worker, channel, restarts);
+                          },
+                          times, {[&] { tellStarter("ready"); }, tellStarter});
     const int code = supervisor.run();
     milter.remove();
     if (metrics)

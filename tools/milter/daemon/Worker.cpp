@@ -4,20 +4,22 @@
 #include "daemon/MetricsServer.h"
 #include "daemon/Process.h"
 #include "front/Callbacks.h"
+#include "front/Failure.h"
 
-#include <norvcmsg/Exception.h>
 #include <norvcmsg/Logger.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
+#include <utility>
 
 namespace norvmilter {
 
@@ -44,16 +46,6 @@ public:
 private:
     Log& m_log;
 };
-
-std::string reasonOf(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const Norvane::Exception& known) {
-        return known.asString();
-    } catch (const std::exception& known) {
-        return known.what();
-    }
-}
 
 class Worker {
 public:
@@ -115,6 +107,8 @@ private:
                 askToLoad(false);
             if (stopAt && (m_front.isDrained() || Clock::now() >= *stopAt))
                 break;
+            if (!text)
+                leaveSockets();
             m_isAlone = m_isAlone || !text;
             if (m_isAlone)
                 std::this_thread::sleep_for(often);
@@ -125,6 +119,28 @@ private:
         }
         askToLoad(true);
         endLibmilter();
+    }
+
+    /// The supervisor is gone: the sockets are for the next one, while what is in hand is finished. libmilter has to run until
+    /// then, and takes a socket that fails for its end: it gets one that nobody knows of.
+    void leaveSockets() {
+        m_front.drain();
+        if (m_options.metricsSocket >= 0)
+            ::shutdown(m_options.metricsSocket, SHUT_RDWR);
+        const Descriptor quiet(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        sockaddr_storage none{};
+        none.ss_family = AF_UNIX;
+        // Without a name it gets one of the kernel's.
+        if (!quiet || ::bind(quiet.get(), reinterpret_cast<const sockaddr*>(&none), sizeof none.ss_family) != 0 ||
+            ::listen(quiet.get(), 1) != 0 || ::dup3(quiet.get(), m_options.milterSocket, O_CLOEXEC) < 0)
+            return;
+        const sockaddr_storage old = std::exchange(m_place, {});
+        const socklen_t oldLength = std::exchange(m_placeLength, sizeof m_place);
+        ::getsockname(m_options.milterSocket, reinterpret_cast<sockaddr*>(&m_place), &m_placeLength);
+        // The old one is there for as long as libmilter waits on it. A connection to it wakes libmilter, which looks at the new
+        // one then.
+        connectTo(m_place, m_placeLength);
+        connectTo(old, oldLength);
     }
 
     /// A message that is judged for much longer than it may be is one that nothing in this process ends.
@@ -150,13 +166,17 @@ private:
             std::_Exit(m_exitCode);
     }
 
-    void connectAgainAndAgain() {
+    void connectAgainAndAgain() const {
         constexpr std::chrono::milliseconds pause(20);
         for (std::chrono::milliseconds waited{}; !m_hasEnded && waited < std::chrono::seconds(7); waited += pause) {
-            const Descriptor asking(::socket(m_place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            ::connect(asking.get(), reinterpret_cast<const sockaddr*>(&m_place), m_placeLength);
+            connectTo(m_place, m_placeLength);
             std::this_thread::sleep_for(pause);
         }
+    }
+
+    static void connectTo(const sockaddr_storage& place, socklen_t length) {
+        const Descriptor asking(::socket(place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        static_cast<void>(::connect(asking.get(), reinterpret_cast<const sockaddr*>(&place), length));
     }
 
     unsigned int stopTimeout() {
@@ -203,7 +223,7 @@ private:
             m_log.event(LogLevel::info, "reloaded");
             m_channel.tell("reloaded");
         } catch (const std::exception&) {
-            const std::string reason = reasonOf(std::current_exception());
+            const std::string reason = currentFailure();
             m_metrics.reloaded(false);
             m_log.event(LogLevel::error, "reload-failed", {{"reason", reason}});
             m_channel.tell("reload-failed " + reason);
@@ -253,7 +273,7 @@ int runWorker(const WorkerOptions& options, const Channel& channel, unsigned lon
             std::make_unique<Worker>(options, channel, restarts, load(options.config)).release();
         return worker->run();
     } catch (const std::exception&) {
-        channel.tell("failed " + reasonOf(std::current_exception()));
+        channel.tell("failed " + currentFailure());
         return 1;
     }
 }

@@ -240,8 +240,8 @@ Outcome handleTooLarge(const Config& config, const Message& message, const Plan&
         return rejected("5.3.4", text);
     if (config.limits.tooLarge == TooLarge::tempfail)
         return temporary(text);
-    // Who may not send it so when it is small may not when it is large.
-    if (plan.refusal)
+    // Who may not send it so when it is small may not when it is large; but nothing is made of it that would have to be split.
+    if (plan.refusal && !plan.isRefusedForSplit)
         return *plan.refusal;
     Outcome outcome;
     outcome.edits = cleaning(config, message.header);

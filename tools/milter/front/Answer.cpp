@@ -46,7 +46,8 @@ bool replaceBody(SMFICTX* context, Norvane::MediaIn body) {
     // An empty body is a change, too: one piece without octets.
     do {
         const int length = body.read(piece.data(), longestPiece);
-        if (smfi_replacebody(context, piece.data(), length) != MI_SUCCESS)
+        if (length < 0 || (length == 0 && !body.atEnd()) ||
+            smfi_replacebody(context, piece.data(), length) != MI_SUCCESS)
             return false;
     } while (!body.atEnd());
     return true;

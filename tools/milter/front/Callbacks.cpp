@@ -1,8 +1,7 @@
 #include "front/Callbacks.h"
 
+#include "front/Failure.h"
 #include "front/Session.h"
-
-#include <norvcmsg/Exception.h>
 
 #include <atomic>
 #include <exception>
@@ -25,12 +24,17 @@ Session& sessionOf(SMFICTX* context) {
     return *session.release();
 }
 
-void failed(SMFICTX* context, const std::string& why) noexcept {
+/// In a `catch`.
+void failed(SMFICTX* context) noexcept {
+    void* kept = smfi_getpriv(context);
+    if (kept == nullptr)
+        return;
+    auto* session = static_cast<Session*>(kept);
+    // A part of the message is missing from here on, even where there is no memory for saying so.
+    session->spoil();
     try {
-        if (void* kept = smfi_getpriv(context))
-            static_cast<Session*>(kept)->fail(why);
+        session->fail(currentFailure());
     } catch (const std::exception&) {
-        // Without memory even for that. What is answered to the message then is that it has not begun.
         return;
     }
 }
@@ -39,12 +43,8 @@ void failed(SMFICTX* context, const std::string& why) noexcept {
 template <class Work> sfsistat guarded(SMFICTX* context, sfsistat onFailure, Work work) noexcept {
     try {
         return work(sessionOf(context));
-    } catch (const Norvane::Exception& failure) {
-        failed(context, failure.asString());
-    } catch (const std::bad_alloc&) {
-        failed(context, "out of memory");
-    } catch (const std::exception& failure) {
-        failed(context, failure.what());
+    } catch (const std::exception&) {
+        failed(context);
     }
     return onFailure;
 }

@@ -1,8 +1,7 @@
 #include "front/Session.h"
 
+#include "front/Failure.h"
 #include "submit/Submit.h"
-
-#include <norvcmsg/Exception.h>
 
 #include <arpa/inet.h>
 #include <array>
@@ -20,6 +19,14 @@ constexpr unsigned long neededActions = SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CH
 /// What is not asked about, and what makes the rest cheaper or more exact.
 constexpr unsigned long wantedSteps =
     SMFIP_NOHELO | SMFIP_NOEOH | SMFIP_NODATA | SMFIP_NOUNKNOWN | SMFIP_SKIP | SMFIP_NR_HDR | SMFIP_HDR_LEADSPC;
+
+/// No command can hold longer ones when a message is handed over (`submit`), and SMTP has 256 (RFC 5321, 4.5.3.1.3).
+constexpr std::size_t longestAddress = 1000;
+
+bool isTooLong(const char* path) {
+    constexpr std::size_t brackets = 2;
+    return path != nullptr && std::strlen(path) > longestAddress + brackets;
+}
 
 std::string macro(SMFICTX* context, const char* name) {
     const char* value = smfi_getsymval(context, const_cast<char*>(name));
@@ -153,6 +160,8 @@ sfsistat Session::sender(SMFICTX* context, const char* path) {
     m_mail.reset();
     if (m_front.isDraining())
         return answerWith(context, {451, "4.3.2", "mail filter: stopping"});
+    if (isTooLong(path))
+        return answerWith(context, {553, "5.1.7", "the address is too long"});
     m_mail = std::make_unique<Mail>(m_front, m_front.generation());
     Envelope& envelope = m_mail->message.envelope;
     envelope.clientAddress = m_client;
@@ -173,6 +182,8 @@ void Session::readMacros(SMFICTX* context) {
 sfsistat Session::recipient(SMFICTX* context, const char* path) {
     if (!m_mail)
         return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
+    if (isTooLong(path))
+        return answerWith(context, {553, "5.1.3", "the address is too long"});
     Envelope& envelope = m_mail->message.envelope;
     if (envelope.recipients.size() >= m_mail->generation->limits.recipients)
         return answerWith(context, {452, "4.5.3", "too many recipients"});
@@ -183,7 +194,7 @@ sfsistat Session::recipient(SMFICTX* context, const char* path) {
 }
 
 void Session::header(const char* name, const char* value) {
-    if (!m_mail || m_mail->failed)
+    if (!m_mail || m_mail->isSpoilt || m_mail->failed)
         return;
     const FrontLimits& limits = m_mail->generation->limits;
     HeaderField field{name == nullptr ? "" : name, value == nullptr ? "" : value};
@@ -207,10 +218,15 @@ sfsistat Session::body(const unsigned char* octets, std::size_t length) {
     const std::uint64_t most = m_mail->generation->limits.messageBytes;
     if (most != 0 && m_mail->octets > most)
         m_mail->message.tooLarge = true;
-    if (m_mail->message.tooLarge || m_mail->failed)
+    if (m_mail->message.tooLarge || m_mail->isSpoilt || m_mail->failed)
         return m_agreed.skip ? SMFIS_SKIP : SMFIS_CONTINUE;
     m_mail->message.addBody(octets, length);
     return SMFIS_CONTINUE;
+}
+
+void Session::spoil() noexcept {
+    if (m_mail)
+        m_mail->isSpoilt = true;
 }
 
 void Session::fail(const std::string& why) {
@@ -229,15 +245,23 @@ void Session::abort() {
 Outcome Session::judge(SMFICTX* context, const Mail& mail) const {
     if (mail.failed)
         return *mail.failed;
+    if (mail.isSpoilt)
+        return troubled("out of memory");
     const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
     try {
         return mail.generation->judge(mail.message, Deadline::in(mail.generation->limits.perMessage));
-    } catch (const std::bad_alloc&) {
-        return troubled("out of memory");
-    } catch (const Norvane::Exception& failure) {
-        return troubled(failure.asString());
-    } catch (const std::exception& failure) {
-        return troubled(failure.what());
+    } catch (const std::exception&) {
+        return troubled(currentFailure());
+    }
+}
+
+std::optional<Outcome> Session::change(SMFICTX* context, const Mail& mail, const Outcome& outcome) const {
+    try {
+        if (applyChanges(context, m_agreed, mail.written, outcome))
+            return std::nullopt;
+        return troubled("the MTA does not take a change");
+    } catch (const std::exception&) {
+        return troubled("a change: " + currentFailure());
     }
 }
 
@@ -250,13 +274,12 @@ std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const
         return std::nullopt;
     } catch (const SubmissionFailure& failure) {
         m_front.metrics().submissionFailed();
-        Outcome failed = failure.isPermanent() ? withReply(Outcome::Action::reject, 550, "5.7.1",
-                                                           std::string("a part was refused: ") + failure.what())
-                                               : troubled(std::string("submission: ") + failure.what());
-        return failed;
-    } catch (const std::exception& failure) {
+        return failure.isPermanent() ? withReply(Outcome::Action::reject, 550, "5.7.1",
+                                                 std::string("a part was refused: ") + failure.what())
+                                     : troubled(std::string("submission: ") + failure.what());
+    } catch (const std::exception&) {
         m_front.metrics().submissionFailed();
-        return troubled(std::string("submission: ") + failure.what());
+        return troubled("submission: " + currentFailure());
     }
 }
 
@@ -270,23 +293,36 @@ sfsistat Session::endOfMessage(SMFICTX* context) {
         mail->message.envelope.queueId = macro(context, "i");
 
     Outcome outcome = judge(context, *mail);
-    if (goesOn(outcome)) {
-        if (std::optional<Outcome> failed = submit(context, *mail, outcome))
-            outcome = instead(outcome, std::move(*failed));
-    }
     const bool isWhollySubmitted = outcome.action == Outcome::Action::change && !outcome.submissions.empty() &&
                                    outcome.removeRecipients.size() == mail->message.envelope.recipients.size();
-    if (outcome.action == Outcome::Action::change && !isWhollySubmitted &&
-        !applyChanges(context, m_agreed, mail->written, outcome))
-        outcome = instead(outcome, troubled("the MTA does not take a change"));
+    // A message that is refused in the end is not changed at all, whereas what was submitted is gone: that comes last.
+    std::optional<Outcome> failed;
+    if (outcome.action == Outcome::Action::change && !isWhollySubmitted)
+        failed = change(context, *mail, outcome);
+    if (!failed && goesOn(outcome))
+        failed = submit(context, *mail, outcome);
+    if (failed)
+        outcome = instead(outcome, std::move(*failed));
 
-    tell(*mail, outcome, isWhollySubmitted ? "discard" : nameOf(outcome.action), begun);
-    if (isWhollySubmitted)
+    const bool isDiscarded = isWhollySubmitted && goesOn(outcome);
+    tell(*mail, outcome, isDiscarded ? "discard" : nameOf(outcome.action), begun);
+    if (isDiscarded)
         return SMFIS_DISCARD;
     return goesOn(outcome) ? SMFIS_CONTINUE : answerWith(context, outcome.reply);
 }
 
-void Session::tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const {
+void Session::tell(const Mail& mail, const Outcome& outcome, const char* action,
+                   Front::Clock::time_point begun) const noexcept {
+    try {
+        report(mail, outcome, action, begun);
+    } catch (const std::exception&) {
+        // A line that there is no memory for is lost. The answer is not: what was submitted must not come again for that.
+        return;
+    }
+}
+
+void Session::report(const Mail& mail, const Outcome& outcome, const char* action,
+                     Front::Clock::time_point begun) const {
     const std::chrono::duration<double> took = Front::Clock::now() - begun;
     const Envelope& envelope = mail.message.envelope;
     LogFields fields{{"queue", envelope.queueId},

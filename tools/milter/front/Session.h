@@ -39,6 +39,8 @@ public:
     [[nodiscard]] sfsistat afterHeader() const noexcept {
         return m_agreed.noReplyToHeader ? SMFIS_NOREPLY : SMFIS_CONTINUE;
     }
+    /// A part of the message was lost: it is not to be judged.
+    void spoil() noexcept;
     /// Something is wrong on this side: the message is to be answered with 4xx.
     void fail(const std::string& why);
 
@@ -53,12 +55,17 @@ private:
         std::map<std::string, std::string> written; // recipients as the MTA wrote them, by the address
         std::uint64_t octets = 2;                   // those that came; there is an empty line between header and body
         std::size_t headerOctets = 0;
+        bool isSpoilt = false;         // it is not here as it came
         std::optional<Outcome> failed; // what it is answered with whatever it holds
     };
 
     [[nodiscard]] Outcome judge(SMFICTX* context, const Mail& mail) const;
+    /// What failed, if something did.
+    [[nodiscard]] std::optional<Outcome> change(SMFICTX* context, const Mail& mail, const Outcome& outcome) const;
     [[nodiscard]] std::optional<Outcome> submit(SMFICTX* context, const Mail& mail, const Outcome& outcome) const;
-    void tell(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const;
+    void tell(const Mail& mail, const Outcome& outcome, const char* action,
+              Front::Clock::time_point begun) const noexcept;
+    void report(const Mail& mail, const Outcome& outcome, const char* action, Front::Clock::time_point begun) const;
     void readMacros(SMFICTX* context);
 
     Front& m_front;

@@ -64,7 +64,7 @@ struct Outcome {
     std::vector<HeaderEdit> edits;
     std::optional<Norvane::SwapBufferMediaOut> body; ///< takes the place of the body
     std::vector<std::string> removeRecipients;       ///< as they stand in `Envelope::recipients`
-    /// All are handed over before this message is answered; when one fails the answer is 451 and nothing else is done. Where
+    /// All are handed over behind the changes and before this message is answered; when one fails the answer is 451. Where
     /// `removeRecipients` has all recipients, the message itself is dropped then ("discard" of the protocol).
     std::vector<Submission> submissions;
     std::vector<Fact> facts;

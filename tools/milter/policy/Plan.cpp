@@ -202,6 +202,7 @@ private:
         else if (m_plan.groups.size() - 1 > m_config.outgoing.separateMessages)
             refuse("5.5.3", "the message would have to be split into " + std::to_string(m_plan.groups.size()) +
                                 ": send it to fewer recipients at once");
+        m_plan.isRefusedForSplit = m_plan.refusal.has_value();
     }
 
     const Config& m_config;

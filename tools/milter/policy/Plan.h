@@ -48,6 +48,7 @@ struct Plan {
     Norvane::Crypto::NVX509::KeyCertificatePair signer{false};
     std::string whyUnsigned;        ///< why not, escaped
     std::optional<Outcome> refusal; ///< the whole message is refused
+    bool isRefusedForSplit = false; ///< for nothing else than that it cannot be split
 };
 
 /// \throws Temporary there is nobody to judge certificates, or the time is over

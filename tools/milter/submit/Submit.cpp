@@ -29,14 +29,15 @@ bool isEightBit(Norvane::MediaIn source) {
 /// Whether it can stand between "<" and ">" of a command and end nothing there.
 bool isWritable(const std::string& address) {
     bool isQuoted = false;
-    for (std::size_t index = 0; index < address.size(); ++index) {
-        const auto one = static_cast<unsigned char>(address[index]);
-        if (one < ' ' || one == 0x7F || (!isQuoted && (one == ' ' || one == '<' || one == '>')))
+    bool isEscaped = false;
+    for (const char character : address) {
+        const auto one = static_cast<unsigned char>(character);
+        // Outside of quotation marks servers differ on what a backslash does to the next one.
+        if (one < ' ' || one == 0x7F || (!isQuoted && (one == ' ' || one == '<' || one == '>' || one == '\\')))
             return false;
-        if (one == '\\' && isQuoted)
-            ++index;
-        else if (one == '"')
+        if (one == '"' && !isEscaped)
             isQuoted = !isQuoted;
+        isEscaped = one == '\\' && !isEscaped;
     }
     return !isQuoted && address.size() <= 1000;
 }
