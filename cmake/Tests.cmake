@@ -41,7 +41,7 @@ function(norv_test name)
   endforeach()
   if(ARG_WHOLE)
     add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 COST 60 LABELS "${ARG_LABELS}") # long ones begin first
   else()
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
   endif()
