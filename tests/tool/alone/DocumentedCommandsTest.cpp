@@ -134,7 +134,9 @@ TEST_F(DocumentedCommands, OfTheDocumentation) {
     std::size_t count = 0;
     std::vector<fs::path> texts;
     for (const auto& entry : fs::directory_iterator(fs::path(norvtest::sourceDirectory) / "docs"))
-        if (entry.path().extension() == ".md")
+        // DocsTest runs two of them, with the commands of others between those of the tool.
+        if (entry.path().extension() == ".md" && entry.path().stem() != "from-openssl" &&
+            entry.path().stem() != "operating")
             texts.push_back(entry.path());
     std::ranges::sort(texts);
     for (const fs::path& path : texts) {
