@@ -31,9 +31,10 @@ struct Place {
     std::string path = "1";
     std::size_t depth = 0;
     Role role = Role::candidate;
-    bool isCovered = false;  ///< within a layer, whether good or not
-    bool isWrapped = false;  ///< the message that a layer holds as a message/rfc822
-    bool isKept = false;     ///< what lies here is handed on by the encrypted layer around it (`ReadOptions::keepSignatures`)
+    bool isCovered = false; ///< within a layer, whether good or not
+    bool isWrapped = false; ///< the message that a layer holds as a message/rfc822
+    bool isKept =
+        false; ///< what lies here is handed on by the encrypted layer around it (`ReadOptions::keepSignatures`)
     std::size_t message = 0; ///< whose header fields tell the sender, an index into `Session::senders`
 
     /// A part of it.
