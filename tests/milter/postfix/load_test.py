@@ -11,8 +11,6 @@ from rig.gateway import USER
 from rig.people import keep
 
 CONNECTIONS = 20
-# In both each connection sends again and again while the filters are reloaded; a hundred reloads of a filter by itself are among
-# the tests of the daemon.
 MESSAGES = 5000 if LONG else 1000
 RELOADS = 100
 
