@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_ASN1_H
+#define NORVCRYPTO_ASN1_H
 
 /// \file
 /// ASN.1 values: the integers, object identifiers, strings and times that certificates, revocation lists and CMS
@@ -430,3 +431,5 @@ NORVCRYPTO_EXPORT std::ostream& operator<<(std::ostream& out, const asn1_string_
 /// Deliberately odd: a byte of 0x80 or more prints from its sign-extended value (0xE9 gives "0xffffffe9"), and the
 /// stream's base is left at hexadecimal (`out << std::dec` before the next number).
 NORVCRYPTO_EXPORT std::ostream& operator<<(std::ostream& out, const asn1_string_st& string);
+
+#endif

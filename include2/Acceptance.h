@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_ACCEPTANCE_H
+#define NORVCRYPTO_ACCEPTANCE_H
 
 /// \file
 /// What the readers of this library refuse although it may be encoded well, and why. Certificates, public keys and CMS
@@ -37,3 +38,5 @@ namespace Norvane::Crypto {
 NORVCRYPTO_EXPORT std::string refusal(const Buffer& encoded);
 
 } // namespace Norvane::Crypto
+
+#endif

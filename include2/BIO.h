@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_BIO_H
+#define NORVCRYPTO_BIO_H
 
 /// \file
 /// OpenSSL BIOs whose lifetime is that of an object: in memory and on a file.
@@ -81,3 +82,5 @@ private:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

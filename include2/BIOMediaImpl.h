@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_BIO_MEDIA_IMPL_H
+#define NORVCRYPTO_BIO_MEDIA_IMPL_H
 
 /// \file
 /// Bridges between the appliance's streams and OpenSSL: OpenSSL functions read from any `MediaIn` through a
@@ -147,3 +148,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

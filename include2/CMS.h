@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_H
+#define NORVCRYPTO_CMS_H
 
 /// \file
 /// Read-only views of the CMS (PKCS#7) structures that carry S/MIME bodies: what kind a received structure is, who
@@ -328,3 +329,5 @@ NORVCRYPTO_EXPORT EnvelopedData envelopedData(const RefContentInfo& content);
 NORVCRYPTO_EXPORT MediaIn embeddedContent(const RefContentInfo& content);
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

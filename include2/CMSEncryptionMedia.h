@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_ENCRYPTION_MEDIA_H
+#define NORVCRYPTO_CMS_ENCRYPTION_MEDIA_H
 
 /// \file
 /// Encrypting a mail body while it streams through, and decrypting one with whatever key of a key store fits.
@@ -337,3 +338,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_ENVELOPE_OUTLINE_H
+#define NORVCRYPTO_CMS_ENVELOPE_OUTLINE_H
 
 /// \file
 /// What an encrypted message needs of whoever opens it, read from its frame without a key (RFC 5652, RFC 5083).
@@ -69,3 +70,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_ENVELOPE_READER_H
+#define NORVCRYPTO_CMS_ENVELOPE_READER_H
 
 /// \file
 /// Encrypted messages of any size, read in constant memory: EnvelopedData (RFC 5652, 6) and AuthEnvelopedData (RFC 5083),
@@ -236,3 +237,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_ENVELOPE_WRITER_H
+#define NORVCRYPTO_CMS_ENVELOPE_WRITER_H
 
 /// \file
 /// Encrypting a mail body of any size while it streams through, for recipients of every kind that CMS has: a sink that
@@ -247,3 +248,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

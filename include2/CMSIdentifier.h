@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_IDENTIFIER_H
+#define NORVCRYPTO_CMS_IDENTIFIER_H
 
 /// \file
 /// How CMS names whose key is meant: the issuer and serial number of a certificate, or a key identifier (RFC 5652,
@@ -73,3 +74,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

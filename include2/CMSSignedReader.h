@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_SIGNED_READER_H
+#define NORVCRYPTO_CMS_SIGNED_READER_H
 
 /// \file
 /// Reading signed messages (CMS SignedData, RFC 5652, 5) of any size in one pass and constant memory: the content is read
@@ -216,3 +217,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_SIGNED_WRITER_H
+#define NORVCRYPTO_CMS_SIGNED_WRITER_H
 
 /// \file
 /// Writing CMS SignedData (RFC 5652, section 5; RFC 8551) while a body of any size streams through: with the body inside
@@ -204,3 +205,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_SIGNER_MEDIA_H
+#define NORVCRYPTO_CMS_SIGNER_MEDIA_H
 
 /// \file
 /// Signing a mail body while it streams through, and checking such a signature. `SignerMediaOut` takes the body in
@@ -169,3 +170,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

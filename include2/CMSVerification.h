@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CMS_VERIFICATION_H
+#define NORVCRYPTO_CMS_VERIFICATION_H
 
 /// \file
 /// All signatures of one structure over one body, judged with bounded work: the loop that a caller of `CMSVerifier`
@@ -234,3 +235,5 @@ NORVCRYPTO_EXPORT std::string unsupportedPart(const unsigned char* structure, st
 NORVCRYPTO_EXPORT std::string unsupportedPart(const Buffer& structure);
 
 } // namespace Norvane::Crypto::CMS
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CRL_DISTRIBUTION_POINT_H
+#define NORVCRYPTO_CRL_DISTRIBUTION_POINT_H
 
 /// \file
 /// Where revocation lists are found, as a certificate tells it (cRLDistributionPoints, RFC 5280, 4.2.1.13), and what a
@@ -199,3 +200,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CERT_BINDING_H
+#define NORVCRYPTO_CERT_BINDING_H
 
 /// \file
 /// Certificate bindings: which certificate, and which private key where there is one, belongs to the mail owners that a
@@ -136,3 +137,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CERT_BINDING_SET_H
+#define NORVCRYPTO_CERT_BINDING_SET_H
 
 /// \file
 /// Named sets of certificate bindings, and the ways to search them: by identifier, by owner (which binding belongs to this
@@ -160,3 +161,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

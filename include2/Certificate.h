@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CERTIFICATE_H
+#define NORVCRYPTO_CERTIFICATE_H
 
 /// \file
 /// X.509 certificates (RFC 5280): reading them from DER, PEM or a file, asking them questions, keeping them in stacks,
@@ -362,3 +363,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CERTIFICATE_REVOCATION_LIST_H
+#define NORVCRYPTO_CERTIFICATE_REVOCATION_LIST_H
 
 /// \file
 /// Certificate revocation lists (RFC 5280, section 5): reading them, and asking who issued them, when, with which
@@ -209,3 +210,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CROSS_CERTIFICATE_PAIR_H
+#define NORVCRYPTO_CROSS_CERTIFICATE_PAIR_H
 
 /// \file
 /// Cross-certificate pairs (X.509, 11.2.3; RFC 4523, 2.3): the directory attribute that holds the certificate that one
@@ -88,3 +89,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_CRYPTO_H
+#define NORVCRYPTO_CRYPTO_H
 
 /// \file
 /// Start, stop and error text of the library. A program calls `initialize()` once, before any other operation of the
@@ -82,3 +83,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_DISTINGUISHED_NAME_H
+#define NORVCRYPTO_DISTINGUISHED_NAME_H
 
 /// \file
 /// Distinguished names (ITU-T X.501, RFC 5280 section 4.1.2.4): the issuers and subjects of certificates.
@@ -150,3 +151,5 @@ NORVCRYPTO_EXPORT RefDistinguishedName getParent(const DistinguishedName& name);
 NORVCRYPTO_EXPORT RefDistinguishedName getParent(const RefDistinguishedName& name);
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_ENCODED_KIND_H
+#define NORVCRYPTO_ENCODED_KIND_H
 
 /// \file
 /// What an encoding is, told by its shape. Trying one reader after the other would answer the same question at the price
@@ -38,3 +39,5 @@ enum class EncodedKind : int {
 [[nodiscard]] NORVCRYPTO_EXPORT EncodedKind encodedKind(const Buffer& encoded) noexcept;
 
 } // namespace Norvane::Crypto
+
+#endif

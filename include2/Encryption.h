@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_ENCRYPTION_H
+#define NORVCRYPTO_ENCRYPTION_H
 
 /// \file
 /// Symmetric encryption: the ciphers, random initialisation vectors, and sinks that encrypt or decrypt what is written
@@ -197,3 +198,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

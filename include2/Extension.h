@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_EXTENSION_H
+#define NORVCRYPTO_EXTENSION_H
 
 /// \file
 /// Extensions of certificates and revocation lists (RFC 5280, sections 4.2 and 5.2). `Extension` shows any extension's
@@ -322,3 +323,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

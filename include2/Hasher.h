@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_HASHER_H
+#define NORVCRYPTO_HASHER_H
 
 /// \file
 /// Digests over buffers, values and streams, and signatures made and checked over the same bytes.
@@ -289,3 +290,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_KEY_H
+#define NORVCRYPTO_KEY_H
 
 /// \file
 /// Public and private keys: one OpenSSL `EVP_PKEY` each, read from and written to buffers as DER, base64 of DER, or
@@ -189,3 +190,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

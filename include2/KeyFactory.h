@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_KEY_FACTORY_H
+#define NORVCRYPTO_KEY_FACTORY_H
 
 /// \file
 /// Makes RSA key pairs.
@@ -38,3 +39,5 @@ public:
 };
 
 } // namespace Norvane::Crypto
+
+#endif

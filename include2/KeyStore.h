@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_KEY_STORE_H
+#define NORVCRYPTO_KEY_STORE_H
 
 /// \file
 /// Private keys with their certificates, and the process-wide store that finds them by asking plug-ins. The store holds
@@ -168,3 +169,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

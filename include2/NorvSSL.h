@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_NORV_SSL_H
+#define NORVCRYPTO_NORV_SSL_H
 
 /// \file
 /// TLS contexts: what a program sets up once and shares between its connections. There are two ways to one. A
@@ -235,3 +236,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

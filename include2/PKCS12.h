@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_PKCS12_H
+#define NORVCRYPTO_PKCS12_H
 
 /// \file
 /// Import of a private key and its certificate from a PKCS#12 file (RFC 7292): what browsers, mail programs and
@@ -103,3 +104,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::PKCS12
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SSL_CONNECTION_H
+#define NORVCRYPTO_SSL_CONNECTION_H
 
 /// \file
 /// What may be asked of a TLS connection before it is made, and what is known about it once it stands, as values.
@@ -102,3 +103,5 @@ struct SessionFacts {
 [[nodiscard]] NORVCRYPTO_EXPORT bool isIssuedTo(const NVX509::RefCertificate& certificate, const std::string& hostName);
 
 } // namespace Norvane::Crypto::NVSSL
+
+#endif

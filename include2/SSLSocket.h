@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SSL_SOCKET_H
+#define NORVCRYPTO_SSL_SOCKET_H
 
 /// \file
 /// Stream sockets whose bytes pass through TLS: a `Socket` of the common library with a body that shakes hands when it
@@ -221,3 +222,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVSSL
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_VALIDITY_H
+#define NORVCRYPTO_VALIDITY_H
 
 /// \file
 /// The time in which a certificate is meant to be used (RFC 5280, 4.1.2.5).
@@ -53,3 +54,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_BUFFER_H
+#define NORVCMSG_BUFFER_H
 
 /// \file
 /// The byte buffer in which bytes cross every interface of the appliance. A buffer has a length (the bytes it holds)
@@ -87,3 +88,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

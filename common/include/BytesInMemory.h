@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_BYTES_IN_MEMORY_H
+#define NORVCMSG_BYTES_IN_MEMORY_H
 
 /// \file
 /// Sources whose bytes can be read in place, without a copy: what a reader of a large structure asks a source for before
@@ -51,3 +52,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

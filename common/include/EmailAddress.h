@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_EMAIL_ADDRESS_H
+#define NORVCMSG_EMAIL_ADDRESS_H
 
 /// \file
 /// Mail addresses: the Mailbox of RFC 5321 section 4.1.2, with the characters beyond ASCII of RFC 6531 on request.
@@ -57,3 +58,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_ESCAPE_H
+#define NORVCMSG_ESCAPE_H
 
 /// \file
 /// Showing bytes that somebody else chose. Texts of messages and certificates go through `escapeForDisplay` before they
@@ -29,3 +30,5 @@ namespace Norvane {
 [[nodiscard]] NORVCMSG_EXPORT bool isDisplayable(std::string_view text) noexcept;
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_EXCEPTION_H
+#define NORVCMSG_EXCEPTION_H
 
 /// \file
 /// The exceptions of the appliance. A failure is told by where it happened, a code, the source module and line, any
@@ -99,3 +100,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_FILE_H
+#define NORVCMSG_FILE_H
 
 /// \file
 /// Files by path, and streams over them.
@@ -96,3 +97,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

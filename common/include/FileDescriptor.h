@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_FILE_DESCRIPTOR_H
+#define NORVCMSG_FILE_DESCRIPTOR_H
 
 /// \file
 /// Files and folders that are open, as POSIX numbers them: owned, listed, read as a whole, and told from what they were.
@@ -98,3 +99,5 @@ struct FileContent {
 NORVCMSG_EXPORT FileContent readWhole(const FileDescriptor& file, unsigned int size, bool secret);
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_IP_ADDRESS_H
+#define NORVCMSG_IP_ADDRESS_H
 
 /// \file
 /// Addresses of the Internet Protocol, versions 4 and 6.
@@ -43,3 +44,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

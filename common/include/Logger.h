@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_LOGGER_H
+#define NORVCMSG_LOGGER_H
 
 /// \file
 /// The appliance's log. A record has an event code (32 bits, what operators match on), a level and a message made from
@@ -82,3 +83,5 @@ protected:
 };
 
 } // namespace Norvane
+
+#endif

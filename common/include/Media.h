@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_MEDIA_H
+#define NORVCMSG_MEDIA_H
 
 /// \file
 /// Streams. `MediaIn` is a source and `MediaOut` a sink of bytes; both are handles (see NorvRefcounted) on bodies,
@@ -191,3 +192,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

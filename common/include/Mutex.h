@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_MUTEX_H
+#define NORVCMSG_MUTEX_H
 
 /// \file
 /// Locks.
@@ -45,3 +46,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_SLEEP_H
+#define NORVCMSG_SLEEP_H
 
 /// \file
 /// A short sleep. It is called `pause`, since POSIX has `sleep` in the global namespace.
@@ -15,3 +16,5 @@ namespace Norvane {
 NORVCMSG_EXPORT void pause(unsigned int seconds, unsigned int milliseconds);
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_SOCKET_H
+#define NORVCMSG_SOCKET_H
 
 /// \file
 /// Stream sockets: TCP over IPv4 and IPv6. `Socket` is a handle (see NorvRefcounted) on a body, `SocketImpl`; another
@@ -224,3 +225,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

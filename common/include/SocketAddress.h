@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_SOCKET_ADDRESS_H
+#define NORVCMSG_SOCKET_ADDRESS_H
 
 /// \file
 /// Where a TCP connection begins or ends: an Internet address and a port.
@@ -77,3 +78,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_SOURCE_LOCATION_H
+#define NORVCMSG_SOURCE_LOCATION_H
 
 /// \file
 /// The place of a call: `std::source_location`, or as much of it as is used here where the compiler lacks it (clang
@@ -26,3 +27,5 @@ private:
 #endif
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_STRING_PATTERN_H
+#define NORVCMSG_STRING_PATTERN_H
 
 /// \file
 /// Patterns with wildcards, made for mail addresses.
@@ -45,3 +46,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

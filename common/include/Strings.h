@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_STRINGS_H
+#define NORVCMSG_STRINGS_H
 
 /// \file
 /// Small operations on texts. They know ASCII only: letters beyond it are left alone and the locale plays no part.
@@ -31,3 +32,5 @@ NORVCMSG_EXPORT std::string& stringToUpperNoCopy(std::string& text);
                                                        unsigned int maximum);
 
 } // namespace Norvane
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_SWAP_BUFFER_MEDIA_OUT_H
+#define NORVCMSG_SWAP_BUFFER_MEDIA_OUT_H
 
 /// \file
 /// A sink that keeps what it gets, in memory while it is small and in a temporary file beyond.
@@ -45,3 +46,5 @@ public:
 };
 
 } // namespace Norvane
+
+#endif

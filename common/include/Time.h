@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_TIME_H
+#define NORVCMSG_TIME_H
 
 /// \file
 /// A point in time as broken-down calendar fields, in UTC.
@@ -70,3 +71,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

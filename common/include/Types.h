@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_TYPES_H
+#define NORVCMSG_TYPES_H
 
 namespace Norvane {
 
@@ -9,3 +10,5 @@ using uchar_t = unsigned char;
 using uint_t = unsigned int;
 
 } // namespace Norvane
+
+#endif

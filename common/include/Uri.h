@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_URI_H
+#define NORVCMSG_URI_H
 
 /// \file
 /// Uniform resource identifiers (RFC 3986).
@@ -57,3 +58,5 @@ private:
 };
 
 } // namespace Norvane
+
+#endif

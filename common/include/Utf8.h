@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCMSG_UTF8_H
+#define NORVCMSG_UTF8_H
 
 /// \file
 /// Reading UTF-8 (RFC 3629) character by character, without copies.
@@ -40,3 +41,5 @@ struct Character {
 [[nodiscard]] NORVCMSG_EXPORT bool isWellFormed(std::string_view text) noexcept;
 
 } // namespace Norvane::utf8
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_DETAIL_CACHED_VALUE_H
+#define NORVCRYPTO_DETAIL_CACHED_VALUE_H
 
 /// \file
 /// The cache behind an accessor that wraps a field of a C structure.
@@ -28,3 +29,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::detail
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_DETAIL_LAZY_H
+#define NORVCRYPTO_DETAIL_LAZY_H
 
 /// \file
 /// The caches of the accessors: filled on first use, never refreshed, without a lock.
@@ -44,3 +45,5 @@ template <class Slot, class Fill> Slot& fillWhenEmpty(Slot& slot, Fill fill) {
 }
 
 } // namespace Norvane::Crypto::detail
+
+#endif

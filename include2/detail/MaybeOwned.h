@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_DETAIL_MAYBE_OWNED_H
+#define NORVCRYPTO_DETAIL_MAYBE_OWNED_H
 
 /// \file
 /// The pointer at the heart of every wrapper: an OpenSSL object that the wrapper either owns or borrows.
@@ -55,3 +56,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::detail
+
+#endif

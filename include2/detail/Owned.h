@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_DETAIL_OWNED_H
+#define NORVCRYPTO_DETAIL_OWNED_H
 
 /// \file
 /// Owning pointers to OpenSSL objects for the members of public classes; OpenSSL's own headers stay out.
@@ -26,3 +27,5 @@ using OwnedIssuingPoint = std::unique_ptr<ISSUING_DIST_POINT_st, Freeing>;
 using OwnedPkcs12 = std::unique_ptr<PKCS12_st, Freeing>;
 
 } // namespace Norvane::Crypto::detail
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_KEYSTORE_DIRECTORY_KEY_STORE_H
+#define NORVCRYPTO_KEYSTORE_DIRECTORY_KEY_STORE_H
 
 /// \file
 /// A key store plug-in over a directory with one folder per identity. It is a library of its own, libnorvcrypto-keystore.
@@ -256,3 +257,5 @@ public:
 };
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

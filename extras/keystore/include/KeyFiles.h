@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_KEYSTORE_KEY_FILES_H
+#define NORVCRYPTO_KEYSTORE_KEY_FILES_H
 
 /// \file
 /// Private keys as files hold them: what the store and the command-line tool both ask. Part of libnorvcrypto-keystore.
@@ -42,3 +43,5 @@ NORVCRYPTO_EXPORT bool isPem(const Buffer& content);
 NORVCRYPTO_EXPORT bool belongTogether(const RefKey& key, const RefCertificate& certificate);
 
 } // namespace Norvane::Crypto::NVX509
+
+#endif

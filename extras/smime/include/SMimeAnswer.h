@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SMIME_SMIME_ANSWER_H
+#define NORVCRYPTO_SMIME_SMIME_ANSWER_H
 
 /// \file
 /// What was found in a message (see SMimeReader.h). Plain values: they outlive the message, and copies may be used by
@@ -197,3 +198,5 @@ NORVCRYPTO_EXPORT const char* nameOf(FieldState state) noexcept;
 NORVCRYPTO_EXPORT const char* nameOf(Verdict verdict) noexcept;
 
 } // namespace Norvane::Crypto::SMime
+
+#endif

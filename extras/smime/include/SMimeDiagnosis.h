@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SMIME_SMIME_DIAGNOSIS_H
+#define NORVCRYPTO_SMIME_SMIME_DIAGNOSIS_H
 
 /// \file
 /// Why a signature does not fit: finds out what was done on the way to the body of a detached signature, or which
@@ -154,3 +155,5 @@ NORVCRYPTO_EXPORT Diagnosis explain(const Buffer& structure, const BodySource& b
 NORVCRYPTO_EXPORT Diagnosis explainSigners(const CMS::SignedReader& message, const DiagnosisOptions& options = {});
 
 } // namespace Norvane::Crypto::SMime
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SMIME_SMIME_READER_H
+#define NORVCRYPTO_SMIME_SMIME_READER_H
 
 /// \file
 /// Whole S/MIME messages (RFC 8551), read in one go and constant memory: signatures judged, encrypted parts opened, layer by
@@ -101,3 +102,5 @@ struct ReadOptions {
 NORVCRYPTO_EXPORT Answer read(const MediaIn& message, MediaOut& content, const ReadOptions& options);
 
 } // namespace Norvane::Crypto::SMime
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_SMIME_SMIME_WRITER_H
+#define NORVCRYPTO_SMIME_SMIME_WRITER_H
 
 /// \file
 /// Writing S/MIME messages (RFC 8551): a mail goes in, and a mail that is signed, encrypted, or both comes out. Part of
@@ -223,3 +224,5 @@ struct Correspondents {
 NORVCRYPTO_EXPORT Correspondents correspondentsOf(const MediaIn& message, const WriteBudget& budget = WriteBudget());
 
 } // namespace Norvane::Crypto::SMime
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_TRUST_TRUST_H
+#define NORVCRYPTO_TRUST_TRUST_H
 
 /// \file
 /// Whether to believe a certificate, and if not, why: chains are built and checked by OpenSSL (RFC 5280, section 6), every
@@ -113,3 +114,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::Trust
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_TRUST_TRUST_MATERIAL_H
+#define NORVCRYPTO_TRUST_TRUST_MATERIAL_H
 
 /// \file
 /// What a verifier believes and builds on: anchors, intermediate certificates and revocation lists, from files, directories
@@ -106,3 +107,5 @@ private:
 };
 
 } // namespace Norvane::Crypto::Trust
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_TRUST_TRUST_SENDER_H
+#define NORVCRYPTO_TRUST_TRUST_SENDER_H
 
 /// \file
 /// Whether a certificate is that of the sender of a mail (RFC 8550, section 3; RFC 9598).
@@ -63,3 +64,5 @@ struct SenderMatch {
 [[nodiscard]] NORVCRYPTO_EXPORT std::string comparableAddress(const std::string& address);
 
 } // namespace Norvane::Crypto::Trust
+
+#endif

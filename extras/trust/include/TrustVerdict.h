@@ -1,4 +1,5 @@
-#pragma once
+#ifndef NORVCRYPTO_TRUST_TRUST_VERDICT_H
+#define NORVCRYPTO_TRUST_TRUST_VERDICT_H
 
 /// \file
 /// What is asked about a certificate, and what is answered: values without behaviour, which may be copied, kept and shared
@@ -207,3 +208,5 @@ struct Verdict {
 };
 
 } // namespace Norvane::Crypto::Trust
+
+#endif
