@@ -1,4 +1,4 @@
-include(GoogleTest)
+include(${CMAKE_CURRENT_LIST_DIR}/Skipped.cmake)
 
 # The test programs that have concurrency tests: what the ThreadSanitizer run builds.
 add_custom_target(concurrency_tests)
@@ -21,8 +21,9 @@ target_link_libraries(norvtest_places PRIVATE norv_warnings)
 target_compile_definitions(norvtest_places PRIVATE NORV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                                                    NORV_PROGRAM_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
 
-# norv_test(NAME SOURCES... [LIBRARIES ...] [LABELS ...] [WHOLE]): one test executable, its cases discovered when it is
-# built. WHOLE runs them in one process, for suites that share what takes long to make.
+# norv_test(NAME SOURCES... [LIBRARIES ...] [LABELS ...] [WHOLE]): one test executable, its suites discovered when it is built and
+# run in a process each: a process for each test would spend half the time on starting sanitized programs. WHOLE runs all in
+# one process, for suites that share what takes long to make.
 # Tests are run without a terminal and with standard input closed (scripts/test sees to it), so that nothing can prompt.
 function(norv_test name)
   cmake_parse_arguments(ARG "WHOLE" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
@@ -41,9 +42,18 @@ function(norv_test name)
   endforeach()
   if(ARG_WHOLE)
     add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES TIMEOUT 300 COST 60 LABELS "${ARG_LABELS}") # long ones begin first
+    set_tests_properties(${name} PROPERTIES TIMEOUT 600 COST 60 LABELS "${ARG_LABELS}" # long ones begin first
+                                    SKIP_REGULAR_EXPRESSION "${NORV_SKIPPED}")
   else()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
+    set(suites ${CMAKE_CURRENT_BINARY_DIR}/${name}_suites.cmake)
+    add_custom_command(TARGET ${name} POST_BUILD VERBATIM BYPRODUCTS ${suites}
+                       COMMAND ${CMAKE_COMMAND} -D PROGRAM=$<TARGET_FILE:${name}> -D FILE=${suites} -D TIMEOUT=600
+                               -D "LABELS=${ARG_LABELS}"
+                               -P ${PROJECT_SOURCE_DIR}/cmake/DiscoverSuites.cmake)
+    # A program that was not built yet is a test that fails, so that it is missed.
+    file(WRITE ${suites}.include "if(EXISTS [[${suites}]])\n  include([[${suites}]])\nelse()\n"
+                                 "  add_test([[${name}_NOT_BUILT]] [[${name}_NOT_BUILT]])\nendif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${suites}.include)
   endif()
 endfunction()
 
