@@ -15,7 +15,7 @@ bench_packages=(libbenchmark-dev)
 peer_packages=(libbotan-2-dev libnss3-dev libnss3-tools libqca-qt5-2-dev libqca-qt5-2-plugins gpgsm gpg-agent gnuplot-nox
   python3)
 fuzz_packages=(clang libclang-rt-14-dev)
-mail_packages=(postfix swaks)
+mail_packages=(postfix swaks sasl2-bin libsasl2-modules)
 
 # install PACKAGE...: installs what is missing, as root or through sudo.
 install() {
@@ -31,7 +31,7 @@ install() {
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
-# install_mail: Postfix and swaks, for hosts of their own that tests and demonstration start. The system's Postfix is left
+# install_mail: Postfix, swaks, and passwords for logins, for hosts of their own that tests and demonstration start. The system's Postfix is left
 # unconfigured, so that it cannot start; where another mail server is installed, nothing is: it would have to go.
 install_mail() {
   if command -v postconf >/dev/null || [ -x /usr/sbin/postconf ]; then

@@ -150,6 +150,36 @@ TEST_F(Commands, CheckFindsWhatWouldNotWork) {
     EXPECT_THROW(static_cast<void>(said("check --config " + m_world.path("nothing.toml"))), ConfigError);
 }
 
+/// The value of a setting in the unit that is shipped.
+std::string settingOfUnit(const std::string& name) {
+    std::ifstream unit(std::string(norvtest::sourceDirectory) + "/tools/milter/systemd/norvcrypt-milter.service");
+    for (std::string line; std::getline(unit, line);) {
+        if (line.starts_with(name + '='))
+            return line.substr(name.size() + 1);
+    }
+    return {};
+}
+
+TEST_F(Commands, CheckTellsOfLimitsThatDoNotFit) {
+    // What the unit says is what is told of it: TasksMax=512, and 3 threads for each of 165 connections with 16 more are 511.
+    EXPECT_EQ(settingOfUnit("TasksMax"), "512");
+    EXPECT_EQ(settingOfUnit("MemoryMax"), "2G");
+    const auto told = [&](const std::string& limits) { return said("check" + configured("[limits]\n" + limits)).text; };
+    EXPECT_THAT(told("connections = 165\n"), Not(HasSubstr("limits.")));
+    EXPECT_THAT(told("connections = 166\n"),
+                HasSubstr("limits.connections: 166 connections may need 514 threads: the systemd unit allows 512 "
+                          "(TasksMax), raise it as well\n"));
+    EXPECT_THAT(told("connections = 100\nmemory_bytes = 268435456\n"),
+                HasSubstr("limits.connections: 100 connections may need 316 MiB for the stacks of threads, more than "
+                          "half of limits.memory_bytes (256 MiB)\n"));
+    EXPECT_THAT(told("connections = 20\nmemory_bytes = 268435456\n"), Not(HasSubstr("limits.")));
+    for (const char* const much : {"0", "3221225472"})
+        EXPECT_THAT(told(std::string("memory_bytes = ") + much + "\n"),
+                    HasSubstr("limits.memory_bytes: the systemd unit allows 2048 MiB (MemoryMax)"));
+    // It is for the operator to know, and keeps nothing from working.
+    EXPECT_EQ(said("check" + configured("[limits]\nconnections = 1000\n")).code, 0);
+}
+
 TEST_F(Commands, LearntIsListedAndRevoked) {
     const std::string config = configured("[learn]\nenabled = true\nfolder = \"learnt\"\n");
     LearntFolder folder(m_world.path("learnt"), 4, 100);

@@ -4,6 +4,8 @@
 
 #include "config/Sockets.h"
 
+#include <map>
+
 namespace {
 
 using namespace miltertesting;
@@ -62,6 +64,91 @@ TEST(ConfigFile, TheExample) {
     const OutgoingRule rule;
     EXPECT_EQ(config.outgoing.rules.front().cipher, rule.cipher);
     EXPECT_EQ(config.outgoing.rules.front().mixed, rule.mixed);
+}
+
+std::vector<std::string> linesOf(const std::string& document) {
+    std::ifstream file(std::string(norvtest::sourceDirectory) + "/docs/" + document);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        lines.push_back(line);
+    EXPECT_FALSE(lines.empty()) << document;
+    return lines;
+}
+
+/// The text between the first two `mark`s of a text, and what is behind them.
+std::string between(std::string& text, char mark) {
+    const std::size_t begin = text.find(mark);
+    const std::size_t end = begin == std::string::npos ? begin : text.find(mark, begin + 1);
+    if (end == std::string::npos) {
+        text.clear();
+        return {};
+    }
+    const std::string found = text.substr(begin + 1, end - begin - 1);
+    text.erase(0, end + 1);
+    return found;
+}
+
+/// What rules need.
+const std::string storeAndTrust = "[store]\ndirectory = \"identities\"\n[trust]\nanchors = [\"roots\"]\n";
+
+/// The pages for operators, who copy from them.
+TEST(ConfigFile, TheExamplesOfTheDocumentation) {
+    int found = 0;
+    for (const char* const document : {"gateway.md", "gateway-configuration.md", "gateway-operation.md"}) {
+        std::string block;
+        bool isToml = false;
+        for (const std::string& line : linesOf(document)) {
+            if (isToml && line == "```") {
+                ++found;
+                EXPECT_EQ("", problemsOf(least + storeAndTrust + block)) << document << '\n' << block;
+                block.clear();
+            }
+            if (isToml && line != "```")
+                block += line + '\n';
+            isToml = line == "```toml" || (isToml && line != "```");
+        }
+    }
+    EXPECT_GE(found, 2);
+}
+
+/// Each example of each key in the tables: | `key`, `other` | `example`, `another` | ...
+TEST(ConfigFile, TheTablesOfTheDocumentation) {
+    const std::map<std::string, std::string> required{{"[[direction]]", "direction = \"incoming\"\n"},
+                                                      {"[[outgoing.rule]]", "name = \"rule\"\n"}};
+    std::string section;
+    int tried = 0;
+    bool isOfKeys = false;
+    for (const std::string& line : linesOf("gateway-configuration.md")) {
+        if (line.starts_with("## ") || line.starts_with("### "))
+            section = line.find('[') == std::string::npos ? "" : line.substr(line.find('['));
+        if (!line.starts_with("|"))
+            isOfKeys = false;
+        if (line.starts_with("| key | example |"))
+            isOfKeys = true;
+        if (section.empty() || !isOfKeys || !line.starts_with("| `"))
+            continue;
+        const std::size_t second = line.find(" | ");
+        const std::size_t third = line.find(" | ", second + 3);
+        std::string keys = line.substr(0, second);
+        for (std::string key = between(keys, '`'); !key.empty(); key = between(keys, '`')) {
+            std::string examples = line.substr(second, third - second);
+            for (std::string value = between(examples, '`'); !value.empty(); value = between(examples, '`')) {
+                const auto other = required.find(section);
+                const bool isRequired = other != required.end() && other->second.starts_with(key + ' ');
+                std::string text = section + '\n' + key + " = " + value + '\n' +
+                                   (other == required.end() || isRequired ? "" : other->second);
+                if (section == "[milter]") {
+                    text += key == "socket" ? "" : "socket = \"unix:/run/m.sock\"\n";
+                    text += key == "authserv_id" ? "" : "authserv_id = \"mx.example.org\"\n";
+                } else {
+                    text.insert(0, least + (section == "[trust]" ? "" : storeAndTrust));
+                }
+                ++tried;
+                EXPECT_EQ("", problemsOf(text)) << line;
+            }
+        }
+    }
+    EXPECT_GE(tried, 50);
 }
 
 TEST(ConfigFile, EachErrorHasItsLineAndKey) {

@@ -1,30 +1,10 @@
-// Outgoing messages: signed, encrypted, split or refused, as the rules have it.
+// Outgoing messages: signed, encrypted or refused, as the rules have it, and what they look like then.
 
-#include "World.h"
+#include "OutgoingMail.h"
 
 namespace {
 
 using namespace miltertesting;
-
-/// [[outgoing.rule]] with these wishes, for everybody.
-std::string rule(const std::string& sign, const std::string& encrypt, const std::string& more = "") {
-    return "[[outgoing.rule]]\nname = \"all\"\nsign = \"" + sign + "\"\nencrypt = \"" + encrypt + "\"\n" + more;
-}
-const std::string canSplit = "[outgoing]\nsubmit = \"smtp://127.0.0.1:10026\"\n";
-
-Outcome handled(World& world, const std::string& rules, const Message& message, const std::string& more = canSplit) {
-    return world.engine(rules, more).handle(message, Deadline());
-}
-
-std::string octetsOf(const Submission& submission) {
-    return contentOf(submission.whole.in());
-}
-
-class Outgoing : public testing::Test {
-protected:
-    void SetUp() override { m_world.addPeople(); }
-    World m_world;
-};
 
 /// sign x encrypt x a certificate or none, one recipient.
 TEST_F(Outgoing, EachCellForOneRecipient) {
@@ -85,249 +65,6 @@ TEST_F(Outgoing, EachCellForOneRecipient) {
     }
 }
 
-TEST_F(Outgoing, NoCertificateNamesAllWhoHaveNone) {
-    const Outcome outcome = handled(m_world, rule("possible", "must"),
-                                    mailOf({"zoe@c.example", "bert@b.example", "yan@c.example"}, "zoe@c.example"));
-    EXPECT_EQ(outcome.action, Action::reject);
-    EXPECT_EQ(outcome.reply.text, "no certificate to encrypt to for zoe@c.example, yan@c.example");
-    EXPECT_TRUE(outcome.submissions.empty());
-}
-
-/// Two who get it encrypted, one who gets it signed.
-TEST_F(Outgoing, SplitsRecipientsWithAndWithoutCertificates) {
-    const Message message =
-        mailOf({"bert@b.example", "zoe@c.example", "cleo@b.example"}, "bert@b.example, zoe@c.example, cleo@b.example");
-    const Outcome outcome = handled(m_world, rule("possible", "possible"), message);
-    ASSERT_EQ(outcome.action, Action::change);
-    EXPECT_THAT(outcome.removeRecipients, ElementsAre("zoe@c.example"));
-    const Found encrypted = read(delivered(message, outcome).text(), {&cleo()});
-    EXPECT_TRUE(encrypted.isEncrypted());
-    EXPECT_EQ(encrypted.recipients(), 2U);
-    EXPECT_THAT(encrypted.content, HasSubstr("this is all."));
-    ASSERT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_EQ(outcome.submissions.front().sender, "anna@a.example");
-    EXPECT_THAT(outcome.submissions.front().recipients, ElementsAre("zoe@c.example"));
-    const Found clear = read(octetsOf(outcome.submissions.front()), {});
-    EXPECT_TRUE(clear.isSigned());
-    EXPECT_FALSE(clear.isEncrypted());
-}
-
-TEST_F(Outgoing, RefusesToSplitWhereThePolicySaysSo) {
-    const Message message = mailOf({"bert@b.example", "zoe@c.example"}, "bert@b.example, zoe@c.example");
-    const Outcome outcome = handled(m_world, rule("possible", "possible", "mixed = \"reject\"\n"), message);
-    EXPECT_EQ(outcome.action, Action::reject);
-    EXPECT_EQ(outcome.reply.text,
-              "the recipients must not all get the same message: send it to each of them separately");
-    const Outcome nowhere = handled(m_world, rule("possible", "possible"), message, "");
-    EXPECT_EQ(nowhere.action, Action::reject);
-    EXPECT_THAT(nowhere.reply.text, HasSubstr("outgoing.submit is not set"));
-}
-
-TEST_F(Outgoing, HiddenRecipientsGetMessagesOfTheirOwn) {
-    Message message = mailOf({"bert@b.example", "cleo@b.example"}, "bert@b.example");
-    message.header.push_back({"Bcc", " cleo@b.example"});
-    const Outcome outcome = handled(m_world, rule("possible", "must"), message);
-    ASSERT_EQ(outcome.action, Action::change);
-    const Delivered mail = delivered(message, outcome);
-    EXPECT_TRUE(mail.values("Bcc").empty());
-    EXPECT_EQ(read(mail.text(), {&bert()}).recipients(), 1U);
-    EXPECT_EQ(read(mail.text(), {&cleo()}).answer.verdict, SMime::Verdict::noKey);
-    EXPECT_THAT(outcome.removeRecipients, ElementsAre("cleo@b.example"));
-    ASSERT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_THAT(outcome.submissions.front().recipients, ElementsAre("cleo@b.example"));
-    const std::string own = octetsOf(outcome.submissions.front());
-    EXPECT_EQ(own.find("\nBcc:"), std::string::npos);
-    EXPECT_EQ(read(own, {&bert()}).answer.verdict, SMime::Verdict::noKey);
-    EXPECT_THAT(read(own, {&cleo()}).content, HasSubstr("this is all."));
-
-    const Outcome refused = handled(m_world, rule("possible", "must", "mixed = \"reject\"\n"), message);
-    EXPECT_EQ(refused.action, Action::reject);
-}
-
-TEST_F(Outgoing, AHiddenRecipientWhoStandsTwiceGetsOneMessage) {
-    const Message message = mailOf({"cleo@b.example", "bert@b.example", "cleo@b.example"}, "bert@b.example");
-    const Outcome outcome = handled(m_world, rule("never", "must"), message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    ASSERT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_THAT(outcome.submissions.front().recipients, ElementsAre("bert@b.example"));
-    EXPECT_THAT(outcome.removeRecipients, ElementsAre("bert@b.example"));
-    EXPECT_EQ(read(delivered(message, outcome).text(), {&cleo()}).recipients(), 1U);
-}
-
-/// Nobody stands in To: each is hidden from the others, and one of them keeps the message.
-TEST_F(Outgoing, AllRecipientsHidden) {
-    const Message message = mailOf({"bert@b.example", "cleo@b.example"}, "undisclosed-recipients:;");
-    const Outcome outcome = handled(m_world, rule("never", "must"), message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    EXPECT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_EQ(read(delivered(message, outcome).text(), {&bert()}).recipients(), 1U);
-}
-
-TEST_F(Outgoing, HiddenRecipientsOfClearMailNeedNoMessageOfTheirOwn) {
-    Message message = mailOf({"bert@b.example", "cleo@b.example"}, "bert@b.example");
-    message.header.push_back({"Bcc", " cleo@b.example"});
-    const Outcome outcome = handled(m_world, rule("never", "never"), message);
-    ASSERT_EQ(outcome.action, Action::change);
-    EXPECT_TRUE(outcome.submissions.empty());
-    EXPECT_TRUE(delivered(message, outcome).values("Bcc").empty());
-    EXPECT_FALSE(outcome.body);
-}
-
-/// A recipient who is named in another form than in the envelope is not hidden.
-TEST_F(Outgoing, DomainsAreComparedWithoutCase) {
-    const Message message = mailOf({"bert@b.example", "cleo@B.EXAMPLE"}, "Bert <bert@B.Example>, cleo@b.example");
-    const Outcome outcome = handled(m_world, rule("never", "must"), message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    EXPECT_TRUE(outcome.submissions.empty());
-    EXPECT_EQ(read(delivered(message, outcome).text(), {&bert()}).recipients(), 2U);
-}
-
-TEST_F(Outgoing, RulesAreAskedInTheirOrderForEachRecipient) {
-    const std::string rules = "[[outgoing.rule]]\nname = \"partners\"\nsender = \"*@a.example\"\n"
-                              "recipient = \"*@b.example\"\nencrypt = \"must\"\nsign = \"never\"\n" +
-                              rule("must", "never");
-    const Message message = mailOf({"bert@b.example", "zoe@c.example"}, "bert@b.example, zoe@c.example");
-    const Outcome outcome = handled(m_world, rules, message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    const Found encrypted = read(delivered(message, outcome).text(), {&bert()});
-    EXPECT_TRUE(encrypted.isEncrypted());
-    EXPECT_FALSE(encrypted.isSigned());
-    ASSERT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_TRUE(read(octetsOf(outcome.submissions.front()), {}).isSigned());
-    EXPECT_EQ(outcome.told("rule"), "partners (line 13)");
-}
-
-/// Every spelling of a mailbox that a rule says "must" for, and what an MTA would send on to it.
-TEST_F(Outgoing, NoSpellingGetsAroundMust) {
-    const std::string rules =
-        "[[outgoing.rule]]\nname = \"friend\"\nrecipient = \"Friend@b.example\"\nencrypt = \"must\"\n"
-        "[[outgoing.rule]]\nname = \"letters\"\nrecipient = \"*@b\xc3\xbc"
-        "cher.example\"\nencrypt = \"must\"\n" +
-        rule("possible", "never");
-    const std::string deep = "friend%b.example%1%2%3%4%5%6%7%8%9%10%11%12%13%14%15%16%17%18@a.example";
-    for (const std::string recipient :
-         {"friend@b.example", "FRIEND@b.example", "fRIEND@B.EXAMPLE", "\"friend\"@b.example", "\"f\\riend\"@b.example",
-          "friend@b.example.", "friend%b.example@a.example", "friend%b.example", "b.example!friend@a.example",
-          "b.example!friend", "\"friend@b.example\"@a.example", "FRIEND%b.example%c.example@a.example",
-          "c.example!b.example!friend@a.example", deep.c_str(), "x@xn--bcher-kva.example",
-          "x@B\xc3\xbc"
-          "cher.example"}) {
-        SCOPED_TRACE(recipient);
-        const Outcome outcome = handled(m_world, rules, mailOf({recipient}, "bert@b.example"));
-        EXPECT_EQ(outcome.action, Action::reject);
-        EXPECT_THAT(outcome.reply.text, StartsWith("no certificate to encrypt to for "));
-    }
-    for (const std::string recipient :
-         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "friend"})
-        EXPECT_EQ(handled(m_world, rules, mailOf({recipient}, recipient)).action, Action::change) << recipient;
-    // The store is asked for the address as it is given.
-    const std::string must = "[[outgoing.rule]]\nname = \"bert\"\nrecipient = \"BERT@b.example\"\nencrypt = \"must\"\n";
-    EXPECT_EQ(handled(m_world, must, mailOf()).action, Action::change);
-    EXPECT_EQ(handled(m_world, must, mailOf({"Bert@b.example"})).reply.text,
-              "no certificate to encrypt to for Bert@b.example");
-}
-
-/// Nobody gets out of his own rule by what he writes into From.
-TEST_F(Outgoing, AFromThatTheSenderMayNotUseDoesNotChooseTheRule) {
-    const std::string rules =
-        "[[outgoing.rule]]\nname = \"house\"\nsender = \"*@A.example\"\nsign = \"possible\"\nencrypt = "
-        "\"must\"\n";
-    const auto sent = [&](const std::string& name, const std::string& from, const std::string& envelope,
-                          const std::string& more = "") {
-        Message message = mailOf({"zoe@c.example"}, "zoe@c.example");
-        message.header[1] = {name, from};
-        message.envelope.sender = envelope;
-        return handled(m_world, rules, message, canSplit + more).action;
-    };
-    EXPECT_EQ(sent("From", " anna@a.example", "anna@a.example"), Action::reject);
-    EXPECT_EQ(sent("From", " ANNA@a.example", "anna@a.example"), Action::reject);
-    EXPECT_EQ(sent("From", " eve@else.example", "anna@a.example"), Action::reject);
-    EXPECT_EQ(sent("From", " eve@else.example, anna@a.example", "bounce@else.example"), Action::reject);
-    EXPECT_EQ(sent("From ", " anna@a.example", "bounce@else.example"), Action::reject);
-    EXPECT_EQ(sent("From", " eve@else.example", "bounce@else.example"), Action::pass);
-    const std::string allowed = "[[sender]]\nauthenticated = \"ANNA\"\nenvelope = \"Anna@A.example\"\n"
-                                "from = [\"EVE@else.example\"]\n";
-    EXPECT_EQ(sent("From", " eve@else.example", "anna@a.example", allowed), Action::pass);
-}
-
-TEST_F(Outgoing, NoKeyForTheSender) {
-    Message message = mailOf();
-    message.header[1].value = " otto@a.example";
-    message.envelope.sender = "otto@a.example";
-    const std::string text = "no key to sign with for otto@a.example";
-    const Outcome passed = handled(m_world, rule("possible", "never"), message);
-    EXPECT_EQ(passed.action, Action::pass);
-    EXPECT_EQ(passed.told("unsigned"), text);
-    const Outcome rejected = handled(m_world, rule("possible", "never"), message, "[outgoing]\nno_key = \"reject\"\n");
-    EXPECT_EQ(rejected.action, Action::reject);
-    EXPECT_EQ(rejected.reply.text, text);
-    const Outcome must = handled(m_world, rule("must", "never"), message);
-    EXPECT_EQ(must.action, Action::reject);
-    EXPECT_EQ(must.reply.text, "the message must be signed: " + text);
-    EXPECT_EQ(handled(m_world, rule("never", "never"), message, "[outgoing]\nno_key = \"reject\"\n").action,
-              Action::pass);
-}
-
-/// Whoever may send cannot sign as somebody else by writing that name into From.
-TEST_F(Outgoing, NobodySignsAsSomebodyElse) {
-    Message message = mailOf();
-    message.envelope.sender = "eve@a.example";
-    message.envelope.authenticated = "eve";
-    const Outcome refused = handled(m_world, rule("possible", "never"), message);
-    EXPECT_EQ(refused.action, Action::reject);
-    EXPECT_EQ(refused.reply.text, "the sender <eve@a.example> may not sign as anna@a.example");
-    const std::string pass = "[outgoing]\nsender_mismatch = \"pass\"\n";
-    EXPECT_EQ(handled(m_world, rule("possible", "never"), message, pass).action, Action::pass);
-    EXPECT_EQ(handled(m_world, rule("must", "never"), message, pass).action, Action::reject);
-    const std::string allowed = "[[sender]]\nauthenticated = \"eve\"\nfrom = [\"anna@a.example\"]\n";
-    EXPECT_EQ(handled(m_world, rule("possible", "never"), message, allowed).action, Action::change);
-    message.envelope.authenticated = "mallory";
-    EXPECT_EQ(handled(m_world, rule("possible", "never"), message, allowed).action, Action::reject);
-    // A bounce is from nobody, and goes on.
-    message.envelope.sender.clear();
-    EXPECT_EQ(handled(m_world, rule("possible", "never"), message).action, Action::pass);
-    EXPECT_EQ(handled(m_world, rule("must", "never"), message).action, Action::reject);
-}
-
-TEST_F(Outgoing, OddFromFields) {
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {" anna@a.example, eve@a.example", "the message has several From addresses"},
-        {" anna@a.example\n , eve@a.example", "the message has several From addresses"},
-        {"", "the message has no From"},
-        {" ", "the message has no From"},
-        {" undisclosed:;", "the message has no From"},
-        {" anna@a.example@b.example", "From has what is no address: anna@a.example@b.example"},
-        {" <>", "From has what is no address: "},
-    };
-    for (const auto& [from, why] : cases) {
-        SCOPED_TRACE(from);
-        Message message = mailOf();
-        message.header[1].value = from;
-        const Outcome passed = handled(m_world, rule("possible", "never"), message);
-        EXPECT_EQ(passed.action, Action::pass);
-        EXPECT_THAT(passed.told("unsigned"), StartsWith(why));
-        const Outcome must = handled(m_world, rule("must", "never"), message);
-        EXPECT_EQ(must.action, Action::reject);
-        EXPECT_THAT(must.reply.text, StartsWith("the message must be signed: " + why));
-    }
-    Message two = mailOf();
-    two.header.push_back({"From", " eve@a.example"});
-    EXPECT_EQ(handled(m_world, rule("must", "never"), two).action, Action::reject);
-    Message none = mailOf();
-    none.header.erase(none.header.begin() + 1);
-    EXPECT_EQ(handled(m_world, rule("must", "never"), none).action, Action::reject);
-}
-
-TEST_F(Outgoing, AddressesInQuotes) {
-    m_world.add("odd", person("\"odd, one\"@a.example", "alice"), "\"odd, one\"@a.example", true);
-    Message message = mailOf();
-    message.header[1].value = " \"A, B <x>\" <\"odd, one\"@a.example>";
-    message.envelope.sender = "\"odd, one\"@a.example";
-    const Outcome outcome = handled(m_world, rule("must", "never"), message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    EXPECT_TRUE(read(delivered(message, outcome).text(), {}).isSigned());
-}
-
 TEST_F(Outgoing, TrustMaterialThatIsMissingIsForLater) {
     m_world.write("roots.pem", "nothing\n");
     for (const char* const encrypt : {"possible", "must"}) {
@@ -356,15 +93,6 @@ TEST_F(Outgoing, CertificatesThatTheVerdictRefuses) {
     m_world.add("zz", bert(), "*@b.example", false);
     EXPECT_EQ(handled(m_world, rule("never", "must"), mailOf({"old@b.example"}, "old@b.example")).action,
               Action::change);
-}
-
-TEST_F(Outgoing, AnExpiredPairDoesNotSign) {
-    m_world.add("anna", person("anna@a.example", "alice", {.notAfter = norvauthority::Time::fromNow(-10)}),
-                "anna@a.example", true);
-    EXPECT_EQ(handled(m_world, rule("possible", "never"), mailOf()).action, Action::pass);
-    const Outcome must = handled(m_world, rule("must", "never"), mailOf());
-    EXPECT_EQ(must.action, Action::reject);
-    EXPECT_THAT(must.reply.text, HasSubstr("is not valid now"));
 }
 
 TEST_F(Outgoing, WhatIsSignedOrEncryptedAlready) {
@@ -506,19 +234,6 @@ TEST_F(Outgoing, BlanksBehindTheNameOfAField) {
     }
 }
 
-/// Of addresses that have no form in which they could be compared nobody is another one.
-TEST_F(Outgoing, HiddenRecipientsWhoCannotBeCompared) {
-    const std::string domain = "\xe2\x98\x95.example";
-    m_world.add("shown", bert(), "shown@" + domain, false);
-    m_world.add("hidden", cleo(), "hidden@" + domain, false);
-    const Message message = mailOf({"shown@" + domain, "hidden@" + domain}, "shown@" + domain);
-    const Outcome outcome = handled(m_world, rule("never", "must"), message);
-    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
-    ASSERT_EQ(outcome.submissions.size(), 1U);
-    EXPECT_EQ(read(octetsOf(outcome.submissions.front()), {}).recipients(), 1U);
-    EXPECT_EQ(read(delivered(message, outcome).text(), {}).recipients(), 1U);
-}
-
 /// Of keys that are not of RSA those that agree on a key are encrypted to, and the others are told of.
 TEST_F(Outgoing, KeysOfOtherKinds) {
     const auto made = [](const norvauthority::Key& key, unsigned int usage) {
@@ -552,42 +267,6 @@ TEST_F(Outgoing, KeysOfOtherKinds) {
         EXPECT_EQ(split.action, Action::change) << split.reply.text;
         EXPECT_EQ(split.submissions.size(), 1U);
     }
-}
-
-TEST_F(Outgoing, ManyHiddenRecipientsAreBounded) {
-    m_world.add("all", bert(), "*@many.example", false);
-    std::vector<std::string> recipients;
-    for (int index = 0; index < 60; ++index)
-        recipients.push_back("r" + std::to_string(index) + "@many.example");
-    const Outcome outcome = handled(m_world, rule("never", "must"), mailOf(recipients));
-    EXPECT_EQ(outcome.action, Action::reject);
-    EXPECT_EQ(outcome.reply.enhanced, "5.5.3");
-    EXPECT_TRUE(outcome.submissions.empty());
-
-    recipients.resize(10);
-    const std::string small = "[outgoing]\nsubmit = \"smtp://127.0.0.1:1\"\nseparate_bytes = 20000\n";
-    const Outcome large =
-        handled(m_world, rule("never", "must"), mailOf(recipients, "bert@b.example", std::string(8000, 'x')), small);
-    EXPECT_EQ(large.action, Action::reject);
-    EXPECT_EQ(large.reply.enhanced, "5.3.4");
-}
-
-TEST_F(Outgoing, AHundredThousandRecipients) {
-    std::vector<std::string> recipients;
-    for (int index = 0; index < 100000; ++index)
-        recipients.push_back("r" + std::to_string(index) + "@c.example");
-    const Message message = mailOf(recipients);
-    const Outcome clear = handled(m_world, rule("possible", "never"), message);
-    EXPECT_EQ(clear.action, Action::change);
-    EXPECT_TRUE(clear.submissions.empty());
-    const Outcome must = handled(m_world, rule("possible", "must"), message);
-    EXPECT_EQ(must.action, Action::reject);
-    EXPECT_LE(must.reply.text.size(), 400U);
-    EXPECT_THAT(must.reply.text, HasSubstr("no certificate to encrypt to for r0@c.example, r1@c.example, "));
-    Deadline over(Deadline::Clock::now());
-    const Outcome late = m_world.engine(rule("possible", "must"), canSplit).handle(message, over);
-    EXPECT_EQ(late.action, Action::tempfail);
-    EXPECT_EQ(late.told("reason"), "the time for judging the message is over");
 }
 
 TEST_F(Outgoing, HugeHeaders) {

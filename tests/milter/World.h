@@ -6,6 +6,7 @@
 #include "engine/Engine.h"
 #include "stores/LearntFolder.h"
 #include "support/Keys.h"
+#include "support/MailAuthority.h"
 #include "support/Places.h"
 #include "support/Started.h"
 #include "support/Streams.h"
@@ -35,6 +36,8 @@ using namespace norvmilter;
 using namespace Norvane::Crypto;
 using norvauthority::CertificateRequest;
 using norvauthority::Identity;
+using norvtest::certificateOf;
+using norvtest::pairOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -43,12 +46,7 @@ using testing::StartsWith;
 using Action = Outcome::Action;
 
 inline const Identity& root() {
-    static const Identity made =
-        norvauthority::issue({.subject = {{"CN", "Mail CA"}, {"O", "Example"}},
-                              .key = norvauthority::Key::fromPem(norvtest::storedKeyPem("authority")),
-                              .ca = true,
-                              .keyUsage = 0x06});
-    return made;
+    return norvtest::mailAuthority();
 }
 
 /// A certificate of that address by the root, for one of the stored RSA keys.
@@ -77,13 +75,6 @@ inline const Identity& bert() {
 inline const Identity& cleo() {
     static const Identity made = person("cleo@b.example", "carol");
     return made;
-}
-
-inline NVX509::RefCertificate certificateOf(const Identity& identity) {
-    return NVX509::CertificateFactory().readDER(norvtest::bufferOf(identity.certificate.der));
-}
-inline NVX509::KeyCertificatePair pairOf(const Identity& identity) {
-    return {norvtest::privateKeyOf(identity.key), certificateOf(identity)};
 }
 
 inline std::string contentOf(Norvane::MediaIn in) {

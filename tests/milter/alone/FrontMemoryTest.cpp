@@ -31,12 +31,7 @@ struct NoMemory {
 /// How a message ends of which a part came while there was no memory, and how the next one does.
 template <class Part> void expectPutOff(Part part, const FrontLimits& limits = {}) {
     int judged = 0;
-    FrontBench bench(
-        [&](const auto&, const auto&) {
-            ++judged;
-            return Outcome();
-        },
-        limits);
+    FrontBench bench(norvtest::counting(judged), limits);
     Asking asking(bench);
     asking.negotiate();
     asking.connect();

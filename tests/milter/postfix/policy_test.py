@@ -1,8 +1,12 @@
 """What becomes of outgoing mail, by rule, sender and recipient: every cell, and several recipients in one message."""
 
 import itertools
+import shutil
+import subprocess
+import unittest
 
 from checks import SENDER, Case, mail
+from rig import logins, postfix
 from rig.gateway import USER
 from rig.people import keep
 
@@ -215,6 +219,43 @@ class SeveralRecipients(Case):
         self.assertTrue(self.world.settled())
         self.assertEqual([], self.wire("spelled"))
 
+    def send_past(self, port, subject, *to):
+        """What passed the wire of a message one of whose recipients is refused."""
+        refused = []
+        data = mail.compose(SENDER, list(to), subject, f"For {subject}.\r\n".encode())
+        mail.send(port, SENDER, list(to), data, refused=refused)
+        self.assertEqual(["picky@b.example"], refused)
+        self.assertTrue(self.world.settled())
+        return self.wire(subject)
+
+    def test_recipients_who_are_refused_before_the_filter_sees_them_are_none(self):
+        for name, port in (("a milter in front", self.world.picky_first_port), ("Postfix itself", self.world.choosy_port)):
+            for certificate in (False, True):
+                with self.subTest(name, certificate=certificate):
+                    self.set_certificate_of_the_picky(certificate)
+                    passed, = self.send_past(port, f"{name} {certificate}", "recipient@b.example", "picky@b.example")
+                    self.assertEqual(["recipient@b.example"], passed.recipients)
+                    self.assertEqual(self.serials("recipient@b.example"), mail.recipients_of(passed.data))
+
+    def test_recipients_whom_a_later_milter_refuses_are_still_recipients_for_the_filter(self):
+        # The protocol tells nobody of what later ones say. Whoever has to know is told to put this filter last.
+        self.set_certificate_of_the_picky(True)
+        passed, = self.send_past(self.world.picky_last_port, "refused later", "recipient@b.example", "picky@b.example")
+        self.assertEqual(["recipient@b.example"], passed.recipients)
+        self.assertEqual(2, len(mail.recipients_of(passed.data)), "one more who could read it, and does not get it")
+        self.set_certificate_of_the_picky(False)
+        passed = self.send_past(self.world.picky_last_port, "split later", "recipient@b.example", "picky@b.example")
+        self.assertEqual([["picky@b.example"], ["recipient@b.example"]], sorted(message.recipients for message in passed),
+                         "what is handed over beside the message goes past the milter that refused it")
+
+    def set_certificate_of_the_picky(self, wanted):
+        world = self.world
+        if wanted:
+            keep(world.outgoing.store, world.authority.issue("picky@b.example"), USER, with_key=False, name="picky")
+        else:
+            shutil.rmtree(world.outgoing.store / "picky", ignore_errors=True)
+        world.reconfigure(world.outgoing)
+
     def test_a_bounce_of_the_host_itself_is_not_signed(self):
         self.world.send("unknown@elsewhere.example", mail.compose(SENDER, "unknown@elsewhere.example", "to come back"))
         self.assertTrue(self.world.settled())
@@ -256,6 +297,28 @@ class Direction(Case):
 
     def test_the_user(self):
         self.assertEqual("signed", self.go("by user", "LOGIN=sender"))
+
+    @unittest.skipIf(logins.missing() or not postfix.program("swaks"), logins.missing() or "swaks is not installed")
+    def test_a_user_who_logs_in(self):
+        def swaks(subject, *login):
+            return subprocess.run(["swaks", "--server", "127.0.0.1", "--port", str(self.world.auth_port), "--from", SENDER,
+                                   "--to", "nobody@b.example", "--header", f"From: {SENDER}", "--header", f"Subject: {subject}",
+                                   "--body", "Hello.", *login], stdin=subprocess.DEVNULL, capture_output=True, text=True)
+
+        refused = swaks("nobody logs in")
+        self.assertEqual(24, refused.returncode, refused.stdout)  # of swaks: no recipient was accepted
+        for mechanism in ("PLAIN", "LOGIN"):
+            wrong = swaks(f"wrong by {mechanism}", "--auth", mechanism, "--auth-user", "sender", "--auth-password", "wrong")
+            self.assertEqual(28, wrong.returncode, wrong.stdout)  # the login was refused
+            right = swaks(f"right by {mechanism}", "--auth", mechanism, "--auth-user", "sender", "--auth-password", "right")
+            self.assertEqual(0, right.returncode, right.stdout + self.world.a.log_text()[-2000:])
+        self.assertTrue(self.world.settled())
+        for mechanism in ("PLAIN", "LOGIN"):
+            passed, = self.wire(f"right by {mechanism}")
+            self.assertEqual("signed", mail.kind(passed.data))
+            self.assertEqual([], self.wire(f"wrong by {mechanism}"))
+        self.assertEqual([], self.wire("nobody logs in"))
+        self.assertIn("authenticated=sender@a.example sender=sender@a.example", self.world.outgoing.log_text())
 
     def test_a_from_address_of_somebody_else_is_not_signed_for(self):
         data = mail.compose("second@a.example", "nobody@b.example", "not mine")

@@ -116,4 +116,48 @@ private:
     smfiDesc m_callbacks;
 };
 
+/// Keeps what the judge saw.
+struct Seen {
+    std::vector<norvmilter::Envelope> envelopes;
+    std::vector<std::string> messages;
+    std::vector<bool> tooLarge;
+
+    Judge judge(norvmilter::Outcome outcome = {}) {
+        return [this, outcome](const norvmilter::Message& message, const norvmilter::Deadline&) {
+            std::string whole;
+            message.whole().read(whole);
+            envelopes.push_back(message.envelope);
+            messages.push_back(whole);
+            tooLarge.push_back(message.tooLarge);
+            return outcome;
+        };
+    }
+};
+
+/// A body as the engine makes it.
+inline Norvane::SwapBufferMediaOut spilled(const std::string& text) {
+    Norvane::SwapBufferMediaOut out = norvmilter::spillIn("");
+    out.write(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
+    out.end();
+    return out;
+}
+
+inline norvmilter::Outcome changing() {
+    norvmilter::Outcome outcome;
+    outcome.action = norvmilter::Outcome::Action::change;
+    return outcome;
+}
+
+inline std::string lastCall(const Asking& asking) {
+    return asking.context.calls.empty() ? "" : asking.context.calls.back();
+}
+
+/// Passes all, and counts.
+inline Judge counting(int& judged) {
+    return [&judged](const auto&, const auto&) {
+        ++judged;
+        return norvmilter::Outcome();
+    };
+}
+
 } // namespace norvtest

@@ -2,6 +2,7 @@
 
 #include "commands/Command.h"
 #include "config/Config.h"
+#include "daemon/Process.h"
 #include "message/Message.h"
 #include "message/Temporary.h"
 #include "stores/LearntFolder.h"
@@ -39,6 +40,7 @@ public:
         checkSocket("metrics.socket", m_config.metrics.socket);
         if (!m_config.milter.pidFile.empty())
             checkFolder("milter.pid_file", files::path(m_config.milter.pidFile).parent_path().string());
+        checkLimits();
         checkRules();
         if (m_problems == 0)
             std::cout << "all is well\n";
@@ -105,6 +107,25 @@ private:
             checkFolder(key, files::path(socket.substr(prefix.size())).parent_path().string());
         else if (!socket.empty() && !socket.ends_with("@127.0.0.1") && !socket.ends_with("@::1"))
             note(key + ": whoever reaches " + escapeForDisplay(socket) + " may use it: nothing there asks who it is");
+    }
+
+    /// What may be too little. It is no problem by itself: a unit can be changed, and the most is seldom needed.
+    void checkLimits() {
+        constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20U;
+        const Config::Limits& limits = m_config.limits;
+        const std::size_t threads = mostThreads(limits.connections);
+        const std::string needed =
+            "limits.connections: " + std::to_string(limits.connections) + " connections may need ";
+        if (threads > threadsOfUnit)
+            note(needed + std::to_string(threads) + " threads: the systemd unit allows " +
+                 std::to_string(threadsOfUnit) + " (TasksMax), raise it as well");
+        if (limits.memoryBytes != 0 && threads * bytesOfStack > limits.memoryBytes / 2)
+            note(needed + std::to_string(threads * bytesOfStack / mebibyte) +
+                 " MiB for the stacks of threads, more than half of limits.memory_bytes (" +
+                 std::to_string(limits.memoryBytes / mebibyte) + " MiB)");
+        if (limits.memoryBytes == 0 || limits.memoryBytes > memoryOfUnit)
+            note("limits.memory_bytes: the systemd unit allows " + std::to_string(memoryOfUnit / mebibyte) +
+                 " MiB (MemoryMax); what needs more is killed in place of being put off");
     }
 
     void checkRules() {

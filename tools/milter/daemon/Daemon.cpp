@@ -61,7 +61,8 @@ int runDaemon(const DaemonOptions& options) {
     };
     pidFile.write();
 
-    const WorkerOptions worker{path, milter.descriptor(), metrics ? metrics->descriptor() : -1, !options.isForeground};
+    const WorkerOptions worker{path, milter.descriptor(), metrics ? metrics->descriptor() : -1, !options.isForeground,
+                               options.stuckGrace};
     Supervisor::Times times;
     times.stop = std::chrono::seconds(config.milter.stopTimeout + 10);
     Supervisor supervisor(log,

@@ -3,6 +3,7 @@
 /// \file
 /// The whole daemon, from the command line on.
 
+#include <chrono>
 #include <string>
 
 namespace norvmilter {
@@ -12,6 +13,8 @@ struct DaemonOptions {
     bool isForeground = false;
     std::string user;        ///< started by root: who it becomes
     bool isRootGood = false; ///< stays root
+    /// How long beyond four times `limits.seconds_per_message` one message may be judged.
+    std::chrono::seconds stuckGrace{60};
 };
 
 /// Runs until it is told to stop. \return the exit code \throws std::exception it cannot start

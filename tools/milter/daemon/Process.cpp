@@ -108,11 +108,10 @@ void confine(std::uint64_t memoryBytes) {
         return;
     ::prctl(PR_SET_DUMPABLE, 0);
     // A connection costs a thread: its stack counts as data when it is made.
-    constexpr std::size_t stack = 1024UL * 1024;
     constexpr int arenas = 4;
     pthread_attr_t attributes;
     if (::pthread_attr_init(&attributes) == 0) {
-        ::pthread_attr_setstacksize(&attributes, stack);
+        ::pthread_attr_setstacksize(&attributes, bytesOfStack);
         ::pthread_setattr_default_np(&attributes);
         ::pthread_attr_destroy(&attributes);
     }

@@ -145,9 +145,8 @@ private:
 
     /// A message that is judged for much longer than it may be is one that nothing in this process ends.
     bool isStuck() {
-        constexpr std::chrono::seconds grace(60);
         const std::chrono::seconds most = m_front.generation()->limits.perMessage;
-        if (most.count() == 0 || m_front.progress().longest() < 4 * most + grace)
+        if (most.count() == 0 || m_front.progress().longest() < 4 * most + m_options.stuckGrace)
             return false;
         m_log.event(LogLevel::error, "message-stuck", {{"seconds", std::to_string(most.count())}});
         m_exitCode = messageStuck;
@@ -201,7 +200,11 @@ private:
                 return;
             m_loadingWanted = false;
             guard.unlock();
-            reload();
+            try {
+                reload();
+            } catch (const std::exception&) {
+                // There was no memory for saying what failed: the old ones stay all the same.
+            }
             guard.lock();
         }
     }

@@ -6,6 +6,7 @@
 #include "daemon/Channel.h"
 #include "daemon/Log.h"
 
+#include <chrono>
 #include <string>
 
 namespace norvmilter {
@@ -15,6 +16,8 @@ struct WorkerOptions {
     int milterSocket = -1;       ///< listens; so that connections wait while a worker is started anew
     int metricsSocket = -1;      ///< listens; negative: no metrics are told
     bool isInBackground = false; ///< there is no standard error
+    /// How long beyond four times `limits.seconds_per_message` one message may be judged before the worker ends.
+    std::chrono::seconds stuckGrace{60};
 };
 
 /// Until it is told to stop, or the supervisor is gone. \param restarts how many workers there were before

@@ -1,6 +1,6 @@
 #include "front/Progress.h"
 
-#include <algorithm>
+#include <system_error>
 #include <utility>
 
 namespace norvmilter {
@@ -26,8 +26,30 @@ Progress::Task::Task(Progress& progress, std::function<void()> tell)
 }
 
 Progress::Task::~Task() {
-    const std::lock_guard<std::mutex> guard(m_progress.m_mutex);
-    m_progress.m_tasks.erase(m_place);
+    {
+        const std::lock_guard<std::mutex> guard(m_progress.m_mutex);
+        m_progress.m_tasks.erase(m_place);
+    }
+    // Without the lock: it may take as long as the MTA does not read.
+    if (m_telling.joinable())
+        m_telling.join();
+}
+
+void Progress::Task::tellFrom(Clock::time_point now) {
+    // The one before has told already, and ends at once.
+    if (m_telling.joinable())
+        m_telling.join();
+    m_next = now + m_progress.m_every;
+    m_isTelling = true;
+    try {
+        m_telling = std::thread([this] {
+            m_tell();
+            m_isTelling = false;
+        });
+    } catch (const std::system_error&) {
+        // There is no room for a thread: the next time, perhaps.
+        m_isTelling = false;
+    }
 }
 
 Progress::Clock::duration Progress::longest() const {
@@ -42,10 +64,8 @@ void Progress::run() {
         m_changed.wait_for(guard, m_every / 4);
         const Clock::time_point now = Clock::now();
         for (Task* task : m_tasks) {
-            if (task->m_next > now)
-                continue;
-            task->m_tell();
-            task->m_next = now + m_every;
+            if (task->m_next <= now && !task->m_isTelling)
+                task->tellFrom(now);
         }
     }
 }

@@ -9,6 +9,7 @@
 /// ... // long work
 /// \endcode
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -18,7 +19,8 @@
 
 namespace norvmilter {
 
-/// One thread for all messages. Any number of threads may have tasks.
+/// One thread for all messages, and one more for each that tells at the moment: an MTA that does not read what it is told keeps
+/// nobody waiting but its own message. Any number of threads may have tasks.
 class Progress {
 public:
     using Clock = std::chrono::steady_clock;
@@ -32,18 +34,24 @@ public:
 
     class Task {
     public:
-        /// \param tell is called from the thread of `progress`, never once this object is gone; it throws nothing
+        /// \param tell is called from a thread of `progress`, by one at a time, never once this object is gone; it may take its
+        /// time, and throws nothing
         Task(Progress& progress, std::function<void()> tell);
         Task(const Task&) = delete;
         Task& operator=(const Task&) = delete;
+        /// Waits for `tell`, if it is being called.
         ~Task();
 
     private:
         friend class Progress;
+        void tellFrom(Clock::time_point now);
+
         Progress& m_progress;
         std::function<void()> m_tell;
         Clock::time_point m_begun;
         Clock::time_point m_next;
+        std::atomic<bool> m_isTelling{false};
+        std::thread m_telling;
         std::list<Task*>::iterator m_place;
     };
 

@@ -118,6 +118,13 @@ Session::Mail::Mail(Front& front, std::shared_ptr<const Generation> by)
       generation(std::move(by)),
       message(generation->limits.spool) {}
 
+void Session::Mail::grow(std::size_t length) noexcept {
+    octets += length;
+    const std::uint64_t most = generation->limits.messageBytes;
+    if (most != 0 && octets > most)
+        message.tooLarge = true;
+}
+
 bool Session::negotiate(SMFICTX* context, unsigned long offeredActions, unsigned long offeredSteps,
                         unsigned long& actions, unsigned long& steps) {
     if ((offeredActions & neededActions) != neededActions)
@@ -202,7 +209,7 @@ void Session::header(const char* name, const char* value) {
         field.value.insert(0, 1, ' ');
     const std::size_t length = field.name.size() + field.value.size() + 3;
     m_mail->headerOctets += length;
-    m_mail->octets += length;
+    m_mail->grow(length);
     if (m_mail->headerOctets > limits.headerBytes || m_mail->message.header.size() >= limits.headerFields) {
         // Fields that nobody looked at could say anything in our name: such a message cannot pass.
         m_mail->failed = withReply(Outcome::Action::reject, 552, "5.3.4", "the header of the message is too large");
@@ -214,10 +221,7 @@ void Session::header(const char* name, const char* value) {
 sfsistat Session::body(const unsigned char* octets, std::size_t length) {
     if (!m_mail)
         return SMFIS_CONTINUE;
-    m_mail->octets += length;
-    const std::uint64_t most = m_mail->generation->limits.messageBytes;
-    if (most != 0 && m_mail->octets > most)
-        m_mail->message.tooLarge = true;
+    m_mail->grow(length);
     if (m_mail->message.tooLarge || m_mail->isSpoilt || m_mail->failed)
         return m_agreed.skip ? SMFIS_SKIP : SMFIS_CONTINUE;
     m_mail->message.addBody(octets, length);
@@ -247,8 +251,8 @@ Outcome Session::judge(SMFICTX* context, const Mail& mail) const {
         return *mail.failed;
     if (mail.isSpoilt)
         return troubled("out of memory");
-    const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
     try {
+        const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
         return mail.generation->judge(mail.message, Deadline::in(mail.generation->limits.perMessage));
     } catch (const std::exception&) {
         return troubled(currentFailure());
@@ -268,8 +272,8 @@ std::optional<Outcome> Session::change(SMFICTX* context, const Mail& mail, const
 std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const Outcome& outcome) const {
     if (outcome.submissions.empty())
         return std::nullopt;
-    const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
     try {
+        const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
         mail.generation->submit(outcome.submissions);
         return std::nullopt;
     } catch (const SubmissionFailure& failure) {

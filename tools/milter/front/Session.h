@@ -48,6 +48,8 @@ private:
     /// A message that has begun.
     struct Mail {
         Mail(Front& front, std::shared_ptr<const Generation> by);
+        /// By octets that came.
+        void grow(std::size_t length) noexcept;
 
         Front::InHand inHand;
         std::shared_ptr<const Generation> generation;

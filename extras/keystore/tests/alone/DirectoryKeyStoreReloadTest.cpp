@@ -3,6 +3,7 @@
 
 #include "../Store.h"
 #include "support/Interpose.h"
+#include "support/LaterClock.h"
 #include "support/Thrown.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
@@ -25,7 +26,6 @@ int s_readError = 0;
 int s_interruptions = 0; ///< of reading
 int s_listError = 0;
 long s_sizeError = 0;
-std::time_t s_later = 0;
 
 } // namespace
 
@@ -65,12 +65,6 @@ extern "C" int fstat(int file, struct stat* status) {
         status->st_size += s_sizeError;
     }
     return result;
-}
-
-extern "C" std::time_t time(std::time_t* out) {
-    const std::time_t now =
-        norvtest::next<static_cast<std::time_t (*)(std::time_t*)>(&time)>("time")(nullptr) + s_later;
-    return out == nullptr ? now : *out = now;
 }
 
 namespace {
@@ -263,7 +257,7 @@ TEST_F(DirectoryKeyStoreReloadTest, ValidityIsJudgedWhenALookUpComes) {
     m_store.add("b", "*\n", identity("b", {.notBefore = Time::fromNow(1000)}));
     const auto store = open();
     EXPECT_EQ(signerFor(store, "x@a.example"), "a");
-    const During<std::time_t> later(s_later, 2000);
+    const During<std::time_t> later(norvtest::secondsAhead, 2000);
     EXPECT_EQ(signerFor(store, "x@a.example"), "b");
 }
 
@@ -273,7 +267,7 @@ TEST_F(DirectoryKeyStoreReloadTest, TheFirstMomentIsInsideAndTheLastIsNot) {
     m_store.add("a", "*\n", identity("a", {.notBefore = Time::at(start), .notAfter = Time::at(start + 10)}));
     const auto store = open();
     const auto fitnessAt = [&](std::time_t moment) {
-        const During<std::time_t> later(s_later, moment - time(nullptr));
+        const During<std::time_t> later(norvtest::secondsAhead, moment - time(nullptr));
         return store->explain(address("x@a.example"), DirectoryKeyStore::Purpose::signing).matches.at(0).fitness;
     };
     EXPECT_EQ(fitnessAt(start - 5), DirectoryKeyStore::Fitness::outOfValidity);

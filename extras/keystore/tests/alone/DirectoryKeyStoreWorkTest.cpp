@@ -3,6 +3,7 @@
 
 #include "../Store.h"
 #include "support/Interpose.h"
+#include "support/LaterClock.h"
 #include "support/Thrown.h"
 
 #include <norvcmsg/Logger.h>
@@ -26,7 +27,6 @@ std::mutex s_mutex;
 std::map<std::string, int> s_opened; ///< by the last part of the name
 int s_reads = 0;
 std::atomic<int> s_decoded{0};
-std::time_t s_later = 0;
 int s_statError = 0; ///< of keys
 std::function<void(const std::string&)> s_onOpen;
 
@@ -60,12 +60,6 @@ extern "C" ssize_t read(int file, void* out, std::size_t length) {
 extern "C" X509* d2i_X509(X509** out, const unsigned char** in, long length) {
     ++s_decoded;
     return norvtest::next<&d2i_X509>("d2i_X509")(out, in, length);
-}
-
-extern "C" std::time_t time(std::time_t* out) {
-    const std::time_t now =
-        norvtest::next<static_cast<std::time_t (*)(std::time_t*)>(&time)>("time")(nullptr) + s_later;
-    return out == nullptr ? now : *out = now;
 }
 
 namespace {
@@ -118,7 +112,7 @@ protected:
 
     static constexpr int people = 40;
     /// As if all files had been written long ago.
-    const During<std::time_t> m_later{s_later, 100};
+    const During<std::time_t> m_later{norvtest::secondsAhead, 100};
 };
 
 TEST_F(DirectoryKeyStoreWorkTest, OpeningReadsThePatternsAlone) {
@@ -201,7 +195,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AReloadReadsWhatChangedAlone) {
     m_store.add("p9", "nine@example.com\n");
     m_store.add("new", "new@example.com\n");
     m_store.remove("p10");
-    s_later += 1000;
+    norvtest::secondsAhead += 1000;
     EXPECT_THAT(openedBy([&] { store->reload(); }), ElementsAre(Pair("owners.txt", 2)));
     EXPECT_EQ(signerFor(store, "nine@example.com"), "p9");
     EXPECT_EQ(signerFor(store, "new@example.com"), "new");
@@ -218,7 +212,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AReloadSeesEveryFileThatChanges) {
     const auto chainOf = [&] { return store->findSigningKey(address("x@example.com"))->chain; };
     EXPECT_EQ(who(chainOf().front()), "Root");
     const auto reload = [&] {
-        s_later += 1000;
+        norvtest::secondsAhead += 1000;
         store->reload();
     };
     long moment = 0;
@@ -275,7 +269,7 @@ TEST_F(DirectoryKeyStoreWorkTest, NamesThatWereReadBeforeTheCertificateAreReadAg
     const timespec times[] = {{.tv_sec = 1, .tv_nsec = 0}, {.tv_sec = 1, .tv_nsec = 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, m_store.path("x/cert.pem").c_str(), times, 0), 0);
     EXPECT_EQ(recipientFor(store, "x@example.com"), "renewed");
-    s_later += 1000;
+    norvtest::secondsAhead += 1000;
     store->reload();
     EXPECT_EQ(named(renewed), "renewed");
     EXPECT_EQ(named(old), "nobody");
@@ -297,7 +291,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AKeyThatCannotBeExaminedForAMomentIsNotTakenFo
 
 // A second change in the same tick of the file system's clock leaves the times as they are.
 TEST_F(DirectoryKeyStoreWorkTest, WhatWasWrittenJustBeforeItWasReadIsReadAgain) {
-    const During<std::time_t> now(s_later, 0);
+    const During<std::time_t> now(norvtest::secondsAhead, 0);
     m_store.add("x", "x@example.com\n");
     const auto store = open();
     EXPECT_EQ(signerFor(store, "x@example.com"), "x");

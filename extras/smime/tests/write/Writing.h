@@ -3,6 +3,7 @@
 // What the tests of the writer share: people with keys, and OpenSSL's own reader of S/MIME.
 
 #include "support/Keys.h"
+#include "support/MailAuthority.h"
 #include "support/Places.h"
 #include "support/Started.h"
 #include "support/Streams.h"
@@ -27,14 +28,11 @@ namespace smimetest {
 using namespace Norvane;
 using namespace Norvane::Crypto;
 using norvauthority::Identity;
+using norvtest::certificateOf;
+using norvtest::pairOf;
 
 inline const Identity& root() {
-    static const Identity made =
-        norvauthority::issue({.subject = {{"CN", "Mail CA"}, {"O", "Example"}},
-                              .key = norvauthority::Key::fromPem(norvtest::storedKeyPem("authority")),
-                              .ca = true,
-                              .keyUsage = 0x06});
-    return made;
+    return norvtest::mailAuthority();
 }
 
 /// Somebody with the stored key of that name, made once in a process.
@@ -52,13 +50,6 @@ inline const Identity& person(const std::string& name, norvauthority::Certificat
     request.serial = std::to_string(made.size() + 10);
     request.alternativeNames = {norvauthority::GeneralName::email(name + "@example.com")};
     return made.emplace(name, norvauthority::issue(request)).first->second;
-}
-
-inline NVX509::RefCertificate certificateOf(const Identity& identity) {
-    return NVX509::CertificateFactory().readDER(norvtest::bufferOf(identity.certificate.der));
-}
-inline NVX509::KeyCertificatePair pairOf(const Identity& identity) {
-    return {norvtest::privateKeyOf(identity.key), certificateOf(identity)};
 }
 
 inline SMime::SignOptions signedBy(const std::vector<const Identity*>& people) {

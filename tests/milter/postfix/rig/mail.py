@@ -26,17 +26,18 @@ def compose(sender, to, subject, body=b"Hello.\r\n", extra=()):
     return "\r\n".join(lines).encode() + b"\r\n\r\n" + body
 
 
-def send(port, sender, recipients, data, options=(), before=()):
-    """Over SMTP, as bytes; raises Refused. `before` are commands that are sent first (XCLIENT)."""
+def send(port, sender, recipients, data, options=(), before=(), refused=None):
+    """Over SMTP, as bytes; raises Refused. `before` are commands that are sent first (XCLIENT); recipients that are refused end it
+    unless `refused`, a list, takes them."""
     if isinstance(recipients, str):
         recipients = [recipients]
     try:
-        return converse(port, sender, recipients, data, options, before)
-    except smtplib.SMTPConnectError as refused:
-        raise Refused(refused.smtp_code, refused.smtp_error.decode(errors="replace")) from None
+        return converse(port, sender, recipients, data, options, before, refused)
+    except smtplib.SMTPConnectError as failure:
+        raise Refused(failure.smtp_code, failure.smtp_error.decode(errors="replace")) from None
 
 
-def converse(port, sender, recipients, data, options, before):
+def converse(port, sender, recipients, data, options, before, refused):
     with smtplib.SMTP("127.0.0.1", port, local_hostname="client.example", timeout=120) as session:
         session.ehlo()
         for command in before:
@@ -49,7 +50,9 @@ def converse(port, sender, recipients, data, options, before):
             raise Refused(code, text.decode(errors="replace"))
         for recipient in recipients:
             code, text = session.rcpt(recipient)
-            if code != 250:
+            if code == 550 and refused is not None:
+                refused.append(recipient)
+            elif code != 250:
                 raise Refused(code, text.decode(errors="replace"))
         # Not session.data(): it would change bare CRs and LFs.
         code, text = session.docmd("DATA")

@@ -6,10 +6,12 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from .gateway import Filter, Settings
+from . import logins
 from .guard import Guard
 from .people import Authority, keep
 from .gateway import USER
 from .mail import Mailboxes, send, until
+from .picky import Picky
 from .postfix import Listener, Postfix, free_ports
 from .tap import Tap
 
@@ -26,7 +28,7 @@ class World:
         self.guard = Guard()
         self.guard.folder(self.folder)
         self.program = program
-        self.outgoing = self.incoming = self.a = self.b = self.tap = None
+        self.outgoing = self.incoming = self.a = self.b = self.tap = self.picky = None
         try:
             self.make_people(people)
             if program:
@@ -70,13 +72,19 @@ class World:
                 keep(self.incoming.store, person, USER, with_key=True)
 
     def make_hosts(self, milters, default_action):
-        (self.out_port, self.back_port, self.login_port, self.careless_port, self.in_port) = free_ports(5)
+        (self.out_port, self.back_port, self.login_port, self.careless_port, self.in_port, self.auth_port, self.picky_first_port,
+         self.picky_last_port, self.choosy_port) = free_ports(9)
         for_a, for_b = milters or (self.outgoing and self.outgoing.address, self.incoming and self.incoming.address)
         milter = {"milter_default_action": default_action, "milter_protocol": "6"}
         self.b = Postfix(self.folder / "b", "b.example", [
             Listener(self.in_port, milter_macro_daemon_name="IN", smtpd_milters=for_b or "")],
             smtpd_relay_restrictions="reject_unauth_destination", **milter)
         self.tap = Tap(self.in_port)
+        login, users = {}, {}
+        if not logins.missing():
+            users = logins.settings(self.folder / "a" / "config", "sender", "right")
+            login = {"smtpd_sasl_auth_enable": "yes"}
+        self.picky = Picky("picky")
         self.a = Postfix(self.folder / "a", "a.example", [
             Listener(self.out_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or ""),
             # Where the filter hands over messages that it made: past the filter, or it would see them again.
@@ -86,8 +94,16 @@ class World:
                      smtpd_authorized_xclient_hosts="127.0.0.1", mynetworks="0.0.0.0/0 [::]/0"),
             # Where a filter that is not there does not matter.
             Listener(self.careless_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
-                     milter_default_action="accept")],
-            relay=self.tap.port, **milter)
+                     milter_default_action="accept"),
+            # Where nobody may send who does not log in.
+            Listener(self.auth_port, smtpd_milters=for_a or "",
+                     smtpd_relay_restrictions="permit_sasl_authenticated, reject", **login),
+            # Where recipients are refused: by another milter in front of ours and behind it, and by Postfix itself.
+            Listener(self.picky_first_port, milter_macro_daemon_name="OUT", smtpd_milters=f"{self.picky.address}, {for_a or ''}"),
+            Listener(self.picky_last_port, milter_macro_daemon_name="OUT", smtpd_milters=f"{for_a or ''}, {self.picky.address}"),
+            Listener(self.choosy_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
+                     smtpd_recipient_restrictions="check_recipient_access inline:{{ picky@b.example = 550 5.1.1 not here }}, permit")],
+            relay=self.tap.port, **milter, **users)
         if self.outgoing:
             self.outgoing.settings.change("outgoing", submit=f"smtp://127.0.0.1:{self.back_port}")
         self.mailboxes = Mailboxes(self.b.mailboxes)
@@ -134,7 +150,7 @@ class World:
             raise RuntimeError(f"the filter did not reload:\n{filter_.log_text()}")
 
     def stop(self):
-        for part in (self.a, self.b, self.tap, self.outgoing, self.incoming):
+        for part in (self.a, self.b, self.tap, self.outgoing, self.incoming, self.picky):
             if part:
                 try:
                     part.stop()
