@@ -75,26 +75,25 @@ Exit run(int argc, char** argv) {
 Exit guarded(int argc, char** argv) {
     try {
         return run(argc, argv);
-    } catch (const Norvane::Exception& failure) {
-        norvcrypt::reportError(norvcrypt::inPlainWords(failure));
-    } catch (const norvcrypt::Failure& failure) {
-        norvcrypt::reportError(failure.what());
-        return norvcrypt::exitOf(failure);
-    } catch (const std::bad_alloc&) {
-        norvcrypt::reportError("out of memory");
-    } catch (const std::exception& failure) {
-        norvcrypt::reportError(failure.what());
+    } catch (...) {
+        const norvcrypt::Told told = norvcrypt::toldOfException();
+        norvcrypt::reportError(told.text);
+        return told.exit;
     }
-    return Exit::failed;
 }
+
+/// The commands tell themselves what matters; records of the library would only repeat it in between.
+class NoLog : public Norvane::LogSink {
+public:
+    void record(const Norvane::LogRecord& /*record*/) override {}
+};
 
 } // namespace
 
 int main(int argc, char** argv) {
     norvcrypt::prepareOutput();
     norvcrypt::startFor(argc > 1 ? argv[1] : "");
-    // The commands tell themselves what matters; records of the library would only repeat it in between.
-    Norvane::Logger::instance(false).sink(std::make_shared<Norvane::RecordingLogSink>());
+    Norvane::Logger::instance(false).sink(std::make_shared<NoLog>());
     const Exit code = guarded(argc, argv);
     Norvane::Crypto::cleanup();
 #ifdef NDEBUG

@@ -184,6 +184,10 @@ public:
     ///         loaded any more or changes again and again. With `Reading::ahead` none of them throws.
     [[nodiscard]] std::shared_ptr<const Contents> contents() const;
 
+    /// The certificates of all folders that are used, by the bytes of the folders' names, and behind all of them those that
+    /// go with them: what there is to verify with. Reads neither keys nor passphrases, whatever the folders hold.
+    [[nodiscard]] std::list<RefCertificate> certificates() const;
+
     /// Every pattern that matches an address, whether its identity is fit for the purpose, and which one won: the
     /// answer that the look-up for that purpose gives at this moment. Walks all patterns of the store, and reads and checks
     /// all files of the identities that match.

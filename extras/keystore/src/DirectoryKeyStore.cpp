@@ -90,6 +90,10 @@ std::shared_ptr<const DirectoryKeyStore::Contents> DirectoryKeyStore::contents()
     return ask([](const Snapshot& content) { return content.contents(); });
 }
 
+std::list<RefCertificate> DirectoryKeyStore::certificates() const {
+    return ask([](const Snapshot& content) { return content.certificates(); });
+}
+
 DirectoryKeyStore::Explanation DirectoryKeyStore::explain(const EmailAddress& address, Purpose purpose) const {
     return ask([&](const Snapshot& content) { return content.explain(address, purpose); });
 }

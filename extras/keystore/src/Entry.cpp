@@ -133,6 +133,24 @@ std::shared_ptr<const Entry::Leaf> Entry::leaf(const FileDescriptor& store, Aske
     return m_leaf;
 }
 
+std::list<RefCertificate> Entry::chain(const FileDescriptor& store) {
+    const Synchronized lock(m_mutex);
+    const Leaf& leaf = leafLocked(store, Asker::survey);
+    if (leaf.certificate.isNull()) {
+        return {};
+    }
+    if (m_holding) {
+        return m_holding->pair->chain;
+    }
+    try {
+        std::vector<Problem> untold; // whoever asks for the key, or for all that there is, hears of it
+        std::optional<FileState> state;
+        return readChain(openAsListed(store), m_name, leaf, untold, state);
+    } catch (const Refusal&) {
+        return leaf.following;
+    }
+}
+
 std::shared_ptr<const Entry::Holding> Entry::holding(const FileDescriptor& store, Asker asker) {
     const Synchronized lock(m_mutex);
     const Leaf& leaf = leafLocked(store, asker);

@@ -89,6 +89,9 @@ public:
     std::shared_ptr<const Leaf> leaf(const FileDescriptor& store, Asker asker);
     /// Null for a folder without a certificate that can be used. \throws Changed, Exhausted
     std::shared_ptr<const Holding> holding(const FileDescriptor& store, Asker asker);
+    /// The certificates that go with the one of `leaf`, in their order; none without it. Reads no key, and keeps nothing.
+    /// \throws Changed, Exhausted
+    std::list<RefCertificate> chain(const FileDescriptor& store);
     /// What its certificate is named by; null when there is none or no private key goes with it. Decodes nothing else.
     /// \throws Changed, Exhausted
     std::shared_ptr<const CertificateNames> names(const FileDescriptor& store, IssuerHashes& hashes);

@@ -96,17 +96,23 @@ Entry::Leaf readLeaf(const FileDescriptor& folder, const std::string& name) {
     return leaf;
 }
 
+std::list<RefCertificate> readChain(const FileDescriptor& folder, const std::string& name, const Entry::Leaf& leaf,
+                                    std::vector<Problem>& problems, std::optional<FileState>& state) {
+    std::list<RefCertificate> chain = leaf.following;
+    attempt(problems, name, "chain.pem", [&] {
+        if (const auto pem = readFile(folder, "chain.pem", Content::open, state)) {
+            appendToChain(chain, certificatesOf(*pem), leaf.certificate);
+        }
+    });
+    return chain;
+}
+
 Entry::Holding readHolding(const FileDescriptor& folder, const std::string& name, const Entry::Leaf& leaf,
                            Asker asker) {
     Entry::Holding holding;
     holding.readAt = std::time(nullptr);
     auto& [chainState, passphraseState, keyState] = holding.states;
-    std::list<RefCertificate> chain = leaf.following;
-    attempt(holding.problems, name, "chain.pem", [&, &state = chainState] {
-        if (const auto pem = readFile(folder, "chain.pem", Content::open, state)) {
-            appendToChain(chain, certificatesOf(*pem), leaf.certificate);
-        }
-    });
+    const std::list<RefCertificate> chain = readChain(folder, name, leaf, holding.problems, chainState);
     std::optional<Buffer> passphrase;
     attempt(holding.problems, name, "passphrase", [&, &state = passphraseState] {
         if (const auto text = readFile(folder, "passphrase", Content::secret, state)) {

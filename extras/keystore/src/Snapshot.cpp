@@ -320,6 +320,23 @@ std::shared_ptr<const DirectoryKeyStore::Contents> Snapshot::contents() const {
     return m_contents;
 }
 
+std::list<RefCertificate> Snapshot::certificates() const {
+    std::list<RefCertificate> own;
+    std::list<RefCertificate> others;
+    for (const auto& entry : m_entries) {
+        if (entry->refusal()) {
+            continue;
+        }
+        const auto leaf = entry->leaf(m_store, Asker::survey);
+        if (!leaf->certificate.isNull()) {
+            own.push_back(leaf->certificate);
+            others.splice(others.end(), entry->chain(m_store));
+        }
+    }
+    own.splice(own.end(), others);
+    return own;
+}
+
 DirectoryKeyStore::Explanation Snapshot::explain(const EmailAddress& address, Purpose purpose) const {
     const std::time_t now = std::time(nullptr);
     std::vector<std::size_t> ranks;

@@ -40,6 +40,8 @@ public:
     [[nodiscard]] DirectoryKeyStore::Explanation explain(const EmailAddress& address, Purpose purpose) const;
     /// All that there is, read.
     [[nodiscard]] std::shared_ptr<const DirectoryKeyStore::Contents> contents() const;
+    /// The certificates of all entries that are used, and behind all of them those that go with them.
+    [[nodiscard]] std::list<RefCertificate> certificates() const;
 
 private:
     /// Indices of entries in their order, by what names their certificates.

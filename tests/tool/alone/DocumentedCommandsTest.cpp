@@ -154,7 +154,7 @@ TEST_F(DocumentedCommands, OfTheDocumentation) {
         SCOPED_TRACE(path.filename());
         expectAllHold(serversFirst(lines));
     }
-    EXPECT_EQ(8U, count);
+    EXPECT_EQ(11U, count);
 }
 
 TEST_F(DocumentedCommands, OfTheHelp) {

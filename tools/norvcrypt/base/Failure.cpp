@@ -2,6 +2,7 @@
 
 #include <norvcmsg/Escape.h>
 
+#include <new>
 #include <system_error>
 #include <unistd.h>
 
@@ -12,6 +13,20 @@ Failure::Failure(const std::string& text, int error)
 
 Exit exitOf(const Failure& failure) noexcept {
     return dynamic_cast<const Refusal*>(&failure) != nullptr ? Exit::refused : Exit::failed;
+}
+
+Told toldOfException() {
+    try {
+        throw;
+    } catch (const Norvane::Exception& failure) {
+        return {.exit = Exit::failed, .text = inPlainWords(failure)};
+    } catch (const Failure& failure) {
+        return {.exit = exitOf(failure), .text = failure.what()};
+    } catch (const std::bad_alloc&) {
+        return {.exit = Exit::failed, .text = "out of memory"};
+    } catch (const std::exception& failure) {
+        return {.exit = Exit::failed, .text = failure.what()};
+    }
 }
 
 void reportError(const std::string& text) {

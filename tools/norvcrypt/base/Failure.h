@@ -32,6 +32,13 @@ public:
 /// The exit code that goes with a failure.
 Exit exitOf(const Failure& failure) noexcept;
 
+/// What the exception that is being handled tells, and the exit code that goes with it.
+struct Told {
+    Exit exit = Exit::failed;
+    std::string text;
+};
+Told toldOfException();
+
 /// Shows one line on standard error: "norvcrypt: " and the text, escaped.
 void reportError(const std::string& text);
 

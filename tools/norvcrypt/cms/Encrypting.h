@@ -3,6 +3,7 @@
 /// \file
 /// Encrypting a body for recipients of every kind.
 
+#include "cms/Sharing.h"
 #include "files/Body.h"
 #include "recognise/CipherNames.h"
 
@@ -36,6 +37,8 @@ public:
 
     /// Whether what is made for them with the cipher is the EnvelopedData that PKCS#7 has.
     [[nodiscard]] bool arePkcs7(const MessageCipher& cipher) const noexcept;
+    /// Before several threads encrypt for them at a time.
+    void prepareToShare() const { warmAll(m_certificates); }
     /// Writes the structure to `target` and ends that: DER, or BER when the length of the body is not known. Messages call
     /// the body `name`. \throws Failure
     void encrypt(Body& body, const std::string& name, const MessageCipher& cipher, Norvane::MediaOut& target) const;

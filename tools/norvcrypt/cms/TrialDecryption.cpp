@@ -54,18 +54,24 @@ bool DecryptionResult::needsMore() const {
     return !decrypted && std::any_of(attempts.begin(), attempts.end(), needs);
 }
 
-TrialDecryption::TrialDecryption(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
-                                 std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey)
+DecryptionKeys::DecryptionKeys(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
+                               std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey)
     : m_identities(std::move(identities)),
       m_store(std::move(store)),
       m_password(std::move(password)),
       m_keyEncryptionKey(std::move(keyEncryptionKey)) {
-    for (const OwnIdentity& identity : m_identities)
+    for (const OwnIdentity& identity : m_identities) {
+        identity.certificate->warm(); // threads share it
         for (const NamedBy namedBy : {NamedBy::issuerAndSerialNumber, NamedBy::subjectKeyIdentifier})
             if (const auto name = nameFor(identity, namedBy))
                 if (const auto key = distinctive(*name))
                     m_byName[*key].push_back(&identity);
+    }
 }
+
+DecryptionKeys::~DecryptionKeys() = default;
+
+TrialDecryption::TrialDecryption(const DecryptionKeys& keys) : m_keys(keys) {}
 
 TrialDecryption::~TrialDecryption() = default;
 
@@ -92,8 +98,7 @@ void TrialDecryption::requireSupported(StructureFile& file) const {
         throw Failure(file.name() + " needs what is not supported: " + m_reader->unsupported());
 }
 
-/// The outcome is `failed`, for now, when there is one to try.
-void TrialDecryption::findIdentity(const CertificateIdentifier& name, Attempt& attempt) const {
+void DecryptionKeys::find(const CertificateIdentifier& name, Attempt& attempt) const {
     using enum Attempt::Outcome;
     const auto take = [&attempt](const OwnIdentity& identity) {
         attempt.identity = identity;
@@ -135,21 +140,21 @@ Attempt TrialDecryption::consider(const Recipient& recipient) const {
             return attempt;
         }
         attempt.recipient = nameOf(*name);
-        findIdentity(*name, attempt);
+        m_keys.find(*name, attempt);
         break;
     }
     case Recipient::keyEncryptionKey:
         attempt.recipient = "key-encryption key " + hexText(recipient.keyIdentifier());
-        if (m_keyEncryptionKey) {
+        if (m_keys.keyEncryptionKey()) {
             attempt.outcome = failed;
-            attempt.secretFile = m_keyEncryptionKey->file;
+            attempt.secretFile = m_keys.keyEncryptionKey()->file;
         }
         break;
     case Recipient::password:
         attempt.recipient = "password";
-        if (m_password) {
+        if (m_keys.password()) {
             attempt.outcome = failed;
-            attempt.secretFile = m_password->file;
+            attempt.secretFile = m_keys.password()->file;
         }
         break;
     case Recipient::other:
@@ -171,9 +176,9 @@ bool TrialDecryption::openWith(std::size_t number, const Attempt& attempt) {
     m_readerIsUsed = true;
     switch (attempt.kind) {
     case Recipient::keyEncryptionKey:
-        return m_reader->open(recipient, m_keyEncryptionKey->octets);
+        return m_reader->open(recipient, m_keys.keyEncryptionKey()->octets);
     case Recipient::password:
-        return m_reader->openWithPassword(recipient, m_password->octets);
+        return m_reader->openWithPassword(recipient, m_keys.password()->octets);
     default:
         return m_reader->open(recipient,
                               NVX509::KeyCertificatePair(attempt.identity->key, attempt.identity->certificate));

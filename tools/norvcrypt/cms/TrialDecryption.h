@@ -57,13 +57,35 @@ struct DecryptionResult {
     [[nodiscard]] bool needsMore() const;
 };
 
+/// All that there is to decrypt with; several threads may use it at once.
+class DecryptionKeys {
+public:
+    /// \param store asked for recipients that none of the identities is
+    DecryptionKeys(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
+                   std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey);
+    ~DecryptionKeys();
+    DecryptionKeys(const DecryptionKeys&) = delete;
+    DecryptionKeys& operator=(const DecryptionKeys&) = delete;
+
+    [[nodiscard]] const std::optional<SharedSecret>& password() const noexcept { return m_password; }
+    [[nodiscard]] const std::optional<SharedSecret>& keyEncryptionKey() const noexcept { return m_keyEncryptionKey; }
+    /// Whose key is to be tried for a recipient: `attempt` gets it and the outcome `failed`, for now, or why it is none.
+    void find(const Norvane::Crypto::CMS::CertificateIdentifier& name, Attempt& attempt) const;
+
+private:
+    std::vector<OwnIdentity> m_identities;
+    std::optional<StoreIdentities> m_store;
+    std::map<std::string, std::vector<const OwnIdentity*>> m_byName; ///< by what is distinctive in a name
+    std::optional<SharedSecret> m_password;
+    std::optional<SharedSecret> m_keyEncryptionKey;
+};
+
 /// Decrypts one structure, of any size, in constant memory. It is read once for each key that is tried, which is the only
 /// one as a rule.
 class TrialDecryption {
 public:
-    /// \param store asked for recipients that none of the identities is
-    TrialDecryption(std::vector<OwnIdentity> identities, std::optional<StoreIdentities> store,
-                    std::optional<SharedSecret> password, std::optional<SharedSecret> keyEncryptionKey);
+    /// `keys` must outlive this.
+    explicit TrialDecryption(const DecryptionKeys& keys);
     ~TrialDecryption();
     TrialDecryption(const TrialDecryption&) = delete;
     TrialDecryption& operator=(const TrialDecryption&) = delete;
@@ -82,16 +104,11 @@ private:
     void openReader(StructureFile& file);
     void requireSupported(StructureFile& file) const;
     [[nodiscard]] Attempt consider(const Recipient& recipient) const;
-    void findIdentity(const Norvane::Crypto::CMS::CertificateIdentifier& name, Attempt& attempt) const;
     bool tryKey(StructureFile& file, std::size_t number, Attempt& attempt, HeldBody& body);
     bool openWith(std::size_t number, const Attempt& attempt);
     bool decryptInto(StructureFile& file, HeldBody& body);
 
-    std::vector<OwnIdentity> m_identities;
-    std::optional<StoreIdentities> m_store;
-    std::map<std::string, std::vector<const OwnIdentity*>> m_byName; ///< by what is distinctive in a name
-    std::optional<SharedSecret> m_password;
-    std::optional<SharedSecret> m_keyEncryptionKey;
+    const DecryptionKeys& m_keys;
     std::optional<Norvane::Crypto::CMS::EnvelopeReader> m_reader;
     bool m_readerIsUsed = false; ///< a key was chosen
 };

@@ -8,8 +8,8 @@ namespace norvcrypt {
 
 namespace {
 
-constexpr std::array<std::string_view, 9> fileValues{"FILE", "FILE|DIR", "CERT",    "KEY",    "BODY",
-                                                     "MAIL", "CONTENT",  "SIG.p7s", "MSG.p7m"};
+constexpr std::array<std::string_view, 10> fileValues{"FILE", "FILE|DIR", "CERT",    "KEY",     "BODY",
+                                                      "MSG",  "MAIL",     "CONTENT", "SIG.p7s", "MSG.p7m"};
 
 std::string joined(const std::vector<std::string>& words, const std::string& between) {
     std::string all;

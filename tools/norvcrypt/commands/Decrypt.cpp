@@ -4,11 +4,14 @@
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
+#include "many/ManyOptions.h"
 #include "read/KeyEncryptionKey.h"
 #include "read/Passphrase.h"
 #include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
 #include "show/TextAndJson.h"
+
+#include <norvcmsg/Escape.h>
 
 #include <memory>
 #include <optional>
@@ -23,7 +26,7 @@ struct DecryptOptions {
     std::optional<std::string> store;
     std::optional<std::string> password;
     std::optional<std::string> keyEncryptionKey;
-    std::string in = "-";
+    std::unique_ptr<ManyOptions> in;
     std::string out = "-";
     bool json = false;
 };
@@ -58,38 +61,70 @@ std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, In
     return SharedSecret{readKeyEncryptionKey(inputs, *options.keyEncryptionKey), inputName(*options.keyEncryptionKey)};
 }
 
+Exit exitOf(const DecryptionResult& result) {
+    return result.decrypted ? Exit::good : result.needsMore() ? Exit::failed : Exit::refused;
+}
+
 void tell(const DecryptionResult& result, const DecryptOptions& options) {
     if (!options.json) {
         for (const std::string& line : decryptionReport(result))
             reportError(line);
         return;
     }
-    Description facts{{"file", options.in}};
+    Description facts{{"file", options.in->one()}};
     facts.update(decryptionFacts(result));
     TextOutput out;
     out.text(asJson(facts));
     out.flush();
 }
 
+/// For the line of one of many.
+Outcome outcomeOf(const DecryptionResult& result, bool inJson) {
+    std::string reason;
+    for (const std::string& line : decryptionReport(result))
+        reason += (reason.empty() ? "" : "; ") + Norvane::escapeForDisplay(line);
+    return {.exit = exitOf(result),
+            .verdict = result.decrypted ? "decrypted" : "not decrypted",
+            .reason = result.decrypted ? "" : reason,
+            .facts = inJson ? decryptionFacts(result) : Description::object()};
+}
+
+Outcome decryptOne(const Item& item, const DecryptionKeys& keys, Inputs& inputs) {
+    OutputFile out(item.output, inputs, OutputFile::Access::owner);
+    HeldBody body(out);
+    StructureFile file(inputs, item.path, nullptr);
+    TrialDecryption decryption(keys);
+    const DecryptionResult result = decryption.run(file, body);
+    if (result.decrypted) {
+        decryption.deliver(body);
+        out.commit();
+    }
+    return outcomeOf(result, item.inJson);
+}
+
 Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
-    if (options.json && options.out == "-")
+    if (!options.in->areMany() && options.json && options.out == "-")
         throw Failure("with --json the report goes to standard output: give --out a file for the body");
-    TrialDecryption decryption(identitiesOf(options, inputs), storeOf(options, inputs), passwordOf(options, inputs),
-                               keyEncryptionKeyOf(options, inputs));
+    const DecryptionKeys keys(identitiesOf(options, inputs), storeOf(options, inputs), passwordOf(options, inputs),
+                              keyEncryptionKeyOf(options, inputs));
+    if (options.in->areMany())
+        return options.in->run(inputs, options.json, withoutSignatureEnding, OutputFile::Access::owner,
+                               [&keys](const Item& item, Inputs& own) { return decryptOne(item, keys, own); });
+    TrialDecryption decryption(keys);
     // Opened now: a place that cannot be written to should not cost the reading of a long message.
     OutputFile out(options.out, inputs, OutputFile::Access::owner);
     HeldBody body(out);
     Progress progress("decrypting");
-    StructureFile file(inputs, options.in, &progress);
+    StructureFile file(inputs, options.in->one(), &progress);
     const DecryptionResult result = decryption.run(file, body);
     progress.clear();
     tell(result, options);
-    if (!result.decrypted)
-        return result.needsMore() ? Exit::failed : Exit::refused;
-    decryption.deliver(body);
-    out.commit();
-    return Exit::good;
+    if (result.decrypted) {
+        decryption.deliver(body);
+        out.commit();
+    }
+    return exitOf(result);
 }
 
 } // namespace
@@ -109,16 +144,17 @@ void addDecrypt(Command& commands, Action& action) {
         ->option("--kek-file", options->keyEncryptionKey,
                  "The key-encryption key that both sides have: 16, 24 or 32 bytes, or as many in hexadecimal digits")
         ->typeName("FILE");
-    command
-        ->option("--in", options->in,
-                 "The structure: DER, BER, PEM, base64, or the mail that it came in; \"-\" is standard input")
-        ->typeName("MSG")
-        ->showDefault();
+    options->in = std::make_unique<ManyOptions>(*command, "--in", "MSG",
+                                                "The structure: DER, BER, PEM, base64, or the mail that it came in; or "
+                                                "several with --out-dir; \"-\", as without "
+                                                "it, is standard input",
+                                                ManyOptions::Outputs::needed, ManyOptions::Json::ofCommand);
     command
         ->option("--out", options->out,
                  "The body, written only when a key fitted, and readable by its owner alone; \"-\" is standard output")
         ->typeName("BODY")
-        ->showDefault();
+        ->showDefault()
+        ->excludes(options->in->outDirectory());
     command->flag("--json", options->json, "Tell what became of each recipient in JSON (docs/json.md)");
     command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file "
@@ -127,6 +163,7 @@ void addDecrypt(Command& commands, Action& action) {
         "key-encryption key. Messages may have any size. Exit code 1: no key decrypts the message; 2: it needs what is "
         "not supported or costs too much, which is named, or it cannot be read.");
     command->example("norvcrypt decrypt --cert bob.pem --key bob.key --in message.p7m --out for-bob.eml");
+    command->example("norvcrypt decrypt --cert bob.pem --key bob.key --in message.p7m --out-dir clear");
     command->example("norvcrypt decrypt --p12 alice.p12 --passphrase-file secret --in message.p7m --out for-alice.eml");
     command->example("norvcrypt decrypt --store identities --in message.p7m --out for-us.eml");
     command->example("norvcrypt decrypt --cert mallory.pem --key mallory.key --in message.p7m # exit code 1");

@@ -4,6 +4,7 @@
 #include "files/Body.h"
 #include "files/Output.h"
 #include "identities/Store.h"
+#include "many/ManyOptions.h"
 #include "openssl/CertificateDetails.h"
 #include "read/CertificateFile.h"
 #include "read/KeyEncryptionKey.h"
@@ -39,7 +40,7 @@ struct EncryptOptions {
     unsigned int iterations = CMS::PasswordParameters().iterations;
     std::optional<std::string> kekFile;
     std::string kekIdentifier;
-    std::string in = "-";
+    std::unique_ptr<ManyOptions> in;
     std::string out = "-";
     bool pem = false;
 };
@@ -106,19 +107,48 @@ Recipients readRecipients(const EncryptOptions& options, Inputs& inputs) {
     return recipients;
 }
 
+/// What every body is encrypted with.
+struct Encryption {
+    MessageCipher cipher;
+    Recipients recipients;
+    bool pem;
+
+    Encryption(const EncryptOptions& options, Inputs& inputs)
+        : cipher(messageCipherNamed(options.cipher)),
+          recipients(readRecipients(options, inputs)),
+          pem(options.pem) {}
+
+    void write(const std::string& in, OutputFile& out, Inputs& inputs, Progress* progress) const {
+        Body body(inputs, in, progress);
+        StructureStream structure(out, !pem                          ? StructureForm::binary
+                                       : recipients.arePkcs7(cipher) ? StructureForm::pemPkcs7
+                                                                     : StructureForm::pemCms);
+        recipients.encrypt(body, inputName(in), cipher, structure);
+        out.commit();
+    }
+};
+
+Exit encryptMany(const EncryptOptions& options) {
+    Inputs shared;
+    const Encryption encryption(options, shared);
+    encryption.recipients.prepareToShare();
+    return options.in->run(shared, false, withEnding(".p7m"), OutputFile::Access::everyone,
+                           [&encryption](const Item& item, Inputs& inputs) {
+                               OutputFile out(item.output, inputs);
+                               encryption.write(item.path, out, inputs, nullptr);
+                               return Outcome{.verdict = "encrypted"};
+                           });
+}
+
 Exit encrypt(const EncryptOptions& options) {
+    if (options.in->areMany())
+        return encryptMany(options);
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
     OutputFile out(options.out, inputs);
-    const MessageCipher cipher = messageCipherNamed(options.cipher);
-    const Recipients recipients = readRecipients(options, inputs);
+    const Encryption encryption(options, inputs);
     Progress progress("encrypting");
-    Body body(inputs, options.in, &progress);
-    StructureStream structure(out, !options.pem                  ? StructureForm::binary
-                                   : recipients.arePkcs7(cipher) ? StructureForm::pemPkcs7
-                                                                 : StructureForm::pemCms);
-    recipients.encrypt(body, inputName(options.in), cipher, structure);
-    out.commit();
+    encryption.write(options.in->one(), out, inputs, &progress);
     return Exit::good;
 }
 
@@ -174,10 +204,13 @@ void addEncrypt(Command& commands, Action& action) {
     command->flag(
         "--key-identifier", options->keyIdentifier,
         "Name recipients by the subject key identifier of their certificates, not by issuer and serial number");
-    command->option("--in", options->in, "The body; \"-\" is standard input")->typeName("BODY")->showDefault();
+    options->in = std::make_unique<ManyOptions>(
+        *command, "--in", "BODY", "The body, or several with --out-dir; \"-\", as without it, is standard input",
+        ManyOptions::Outputs::needed, ManyOptions::Json::added);
     command->option("--out", options->out, "The structure; \"-\" is standard output")
         ->typeName("MSG.p7m")
-        ->showDefault();
+        ->showDefault()
+        ->excludes(options->in->outDirectory());
     command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->note(
         "Recipients may be mixed. A key on P-256, P-384, P-521 or X25519 takes part with a key agreement (ECDH), as "
@@ -186,8 +219,9 @@ void addEncrypt(Command& commands, Action& action) {
         "as long as its certificate is valid. The -gcm ciphers let the recipient see whether somebody changed the "
         "message, and older programs do not read them. A body of more than 256 KiB from a pipe is written in BER, so "
         "that it is never held in memory; with des-cbc, idea-cbc, bf-cbc and cast5-cbc it is, and has less than 2 "
-        "GiB.");
+        "GiB. Of several bodies each becomes a structure in --out-dir, named as it with \".p7m\" behind.");
     command->example("norvcrypt encrypt --to bob.pem carol.pem --in message.eml --out for-both.p7m");
+    command->example("norvcrypt encrypt --to bob.pem --in message.eml letter.eml --out-dir encrypted");
     command->example("norvcrypt encrypt --store identities --to-address bob@example.org --cipher aes-256-gcm "
                      "--in message.eml --out for-bob.p7m");
     command->example("norvcrypt encrypt --password-file secret --in message.eml --out for-all-who-know.p7m");

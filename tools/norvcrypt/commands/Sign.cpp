@@ -1,3 +1,4 @@
+#include "cms/Sharing.h"
 #include "cms/Signing.h"
 #include "commands/CertificateDoubts.h"
 #include "commands/Command.h"
@@ -5,6 +6,7 @@
 #include "files/Body.h"
 #include "files/Output.h"
 #include "identities/Store.h"
+#include "many/ManyOptions.h"
 #include "read/CertificateFile.h"
 #include "recognise/DigestNames.h"
 #include "write/CmsFile.h"
@@ -30,7 +32,7 @@ struct SignOptions {
     std::optional<std::string> chain;
     std::optional<std::string> digest;
     SignatureForm form;
-    std::string in = "-";
+    std::unique_ptr<ManyOptions> in;
     std::string out = "-";
     bool pem = false;
 };
@@ -53,21 +55,50 @@ std::vector<NVX509::KeyCertificatePair> readSigners(const SignOptions& options, 
     return signers;
 }
 
+/// What every body is signed with.
+struct Signing {
+    std::vector<NVX509::KeyCertificatePair> signers;
+    SignatureForm form;
+    bool pem;
+
+    Signing(const SignOptions& options, Inputs& inputs) : form(options.form), pem(options.pem) {
+        if (options.digest)
+            form.digest = digestType(*options.digest);
+        signers = readSigners(options, inputs);
+    }
+
+    void write(const std::string& in, OutputFile& out, Inputs& inputs, Progress* progress) const {
+        Body body(inputs, in, progress);
+        StructureStream structure(out, !pem                    ? StructureForm::binary
+                                       : form.isPkcs7(signers) ? StructureForm::pemPkcs7
+                                                               : StructureForm::pemCms);
+        sign(body, inputName(in), signers, form, structure);
+        out.commit();
+    }
+};
+
+Exit signMany(const SignOptions& options) {
+    Inputs shared;
+    const Signing signing(options, shared);
+    for (const NVX509::KeyCertificatePair& signer : signing.signers)
+        warm(signer);
+    return options.in->run(shared, false, withEnding(options.form.attached ? ".p7m" : ".p7s"),
+                           OutputFile::Access::everyone, [&signing](const Item& item, Inputs& inputs) {
+                               OutputFile out(item.output, inputs);
+                               signing.write(item.path, out, inputs, nullptr);
+                               return Outcome{.verdict = "signed"};
+                           });
+}
+
 Exit sign(const SignOptions& options) {
+    if (options.in->areMany())
+        return signMany(options);
     Inputs inputs;
     // Opened first: a place that cannot be written to should not cost the reading of a long body.
     OutputFile out(options.out, inputs);
-    SignatureForm form = options.form;
-    if (options.digest)
-        form.digest = digestType(*options.digest);
-    const std::vector<NVX509::KeyCertificatePair> signers = readSigners(options, inputs);
+    const Signing signing(options, inputs);
     Progress progress("signing");
-    Body body(inputs, options.in, &progress);
-    StructureStream structure(out, !options.pem            ? StructureForm::binary
-                                   : form.isPkcs7(signers) ? StructureForm::pemPkcs7
-                                                           : StructureForm::pemCms);
-    sign(body, inputName(options.in), signers, form, structure);
-    out.commit();
+    signing.write(options.in->one(), out, inputs, &progress);
     return Exit::good;
 }
 
@@ -100,19 +131,25 @@ void addSign(Command& commands, Action& action) {
     command->flag("--pss", options->form.pss, "Sign with RSASSA-PSS where the key is RSA");
     command->flag("--key-identifier", options->form.keyIdentifier,
                   "Name signers by the subject key identifier of their certificates, not by issuer and serial number");
-    command->option("--in", options->in, "The body; \"-\" is standard input")->typeName("BODY")->showDefault();
+    options->in = std::make_unique<ManyOptions>(
+        *command, "--in", "BODY", "The body, or several with --out-dir; \"-\", as without it, is standard input",
+        ManyOptions::Outputs::needed, ManyOptions::Json::added);
     command->option("--out", options->out, "The signature; \"-\" is standard output")
         ->typeName("SIG.p7s")
-        ->showDefault();
+        ->showDefault()
+        ->excludes(options->in->outDirectory());
     command->flag("--pem", options->pem, "Write PEM instead of DER");
     command->note(
         "Each signer is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE; further "
         "certificates in the file of --cert join the chain. Or the signer is --store and --from: the identity that "
         "norvcrypt bindings find names for signing, with its chain, as long as its certificate is valid. An attached "
         "body of more than 256 KiB is written in BER when it comes from a pipe or an elliptic curve key signs, so that "
-        "it is never held in memory.");
+        "it is never held in memory. Of several bodies each gets a signature in --out-dir, named as it with \".p7s\" "
+        "behind "
+        "(\".p7m\" with --attached).");
     command->example(
         "norvcrypt sign --cert alice.pem --key alice.key --chain ca.pem --in message.eml --out by-alice.p7s");
+    command->example("norvcrypt sign --cert alice.pem --key alice.key --in message.eml letter.eml --out-dir signed");
     command->example("norvcrypt sign --store identities --from bob@example.org --in message.eml --out by-bob.p7s");
     command->whenChosen([options, &action, store] {
         if (const auto missing = options->identities->missing(); missing && store->empty())

@@ -1,9 +1,13 @@
 // norvcrypt smime: what its commands that read a mail share.
+#include "cms/Sharing.h"
 #include "commands/SmimeCommands.h"
 #include "commands/SmimeWriting.h"
 #include "files/Progress.h"
 #include "files/Spill.h"
 #include "identities/Store.h"
+#include "smime/MailReport.h"
+
+#include <norvcmsg/Escape.h>
 
 #include <list>
 #include <utility>
@@ -19,8 +23,10 @@ namespace {
 
 std::list<NVX509::KeyCertificatePair> pairsOf(const MailOptions& options, Inputs& inputs) {
     std::list<NVX509::KeyCertificatePair> pairs;
-    for (const OwnIdentity& identity : readIdentities(options.identities.files(), inputs))
+    for (const OwnIdentity& identity : readIdentities(options.identities.files(), inputs)) {
         pairs.emplace_back(identity.key, identity.certificate, identity.chain);
+        warm(pairs.back()); // threads share it
+    }
     return pairs;
 }
 
@@ -47,57 +53,66 @@ private:
     std::optional<StoreIdentities> m_store;
 };
 
-ReadMail readMail(const std::string& path, SMime::ReadOptions reading, Inputs& inputs, const TrustJudge* judge,
-                  Norvane::MediaOut& content) {
-    reading.spillTemplate = spillTemplate();
-    reading.explain = true;
-    ReadMail mail;
-    mail.file = path;
-    if (judge != nullptr) {
-        reading.trust = &judge->verifier();
-        reading.trustOptions = judge->request().options;
-        reading.from = judge->request().from;
-        mail.trust = reading.trustOptions;
-    }
-    Progress progress("reading");
-    const Norvane::MediaIn in = inputs.open(path, &progress);
-    mail.answer = SMime::read(in, content, reading);
-    return mail;
-}
-
 } // namespace
 
-MailOptions::MailOptions(Command& command) : identities(command) {
+MailOptions::MailOptions(Command& command, ManyOptions::Outputs outputs) : identities(command) {
     command
         .option("--store", store,
                 "A store: its identities with a key are tried after the others, and its certificates are those of "
                 "signers that the mail has none for")
         ->typeName("DIR");
-    command.option("--in", in, "The mail as it was sent; \"-\" is standard input")->typeName("MAIL")->showDefault();
+    in = std::make_unique<ManyOptions>(command, "--in", "MAIL",
+                                       "The mail as it was sent, or several; \"-\", as without it, is standard input",
+                                       outputs, ManyOptions::Json::ofCommand);
 }
 
-ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
-                  bool isWhole, bool lists) {
-    const MailKeys keys(options, inputs);
-    SMime::ReadOptions reading;
-    reading.keys = &keys;
-    reading.wholeMessage = isWhole;
-    reading.listParts = lists;
-    if (options.store) {
-        const auto certificates = certificatesOfStore(*options.store, inputs);
-        reading.certificates.assign(certificates.begin(), certificates.end());
-    }
-    return readMail(options.in, std::move(reading), inputs, judge, content);
+MailReading::MailReading(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, bool isWhole, bool lists)
+    : MailReading({.given = {},
+                   .ofStore = options.store ? certificatesOfStore(*options.store, inputs)
+                                            : std::list<NVX509::RefCertificate>()},
+                  judge) {
+    m_keys = std::make_unique<const MailKeys>(options, inputs);
+    m_options.keys = m_keys.get();
+    m_options.wholeMessage = isWhole;
+    m_options.listParts = lists;
 }
 
-ReadMail readMail(const std::string& path, const SignerCertificates& certificates, Inputs& inputs,
-                  const TrustJudge* judge) {
-    SMime::ReadOptions reading;
+MailReading::MailReading(const SignerCertificates& certificates, const TrustJudge* judge) {
     const auto all = certificates.all();
-    reading.certificates.assign(all.begin(), all.end());
-    reading.onlyTheseCertificates = certificates.given.has_value();
-    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
-    return readMail(path, std::move(reading), inputs, judge, nowhere);
+    warmAll(all);
+    m_options.certificates.assign(all.begin(), all.end());
+    m_options.onlyTheseCertificates = certificates.given.has_value();
+    m_options.spillTemplate = spillTemplate();
+    m_options.explain = true;
+    if (judge != nullptr) {
+        m_options.trust = &judge->verifier();
+        m_options.trustOptions = judge->request().options;
+        m_options.from = judge->request().from;
+    }
+}
+
+MailReading::~MailReading() = default;
+
+ReadMail MailReading::read(const std::string& path, Inputs& inputs, Norvane::MediaOut& content,
+                           Progress* progress) const {
+    ReadMail mail;
+    mail.file = path;
+    if (m_options.trust != nullptr)
+        mail.trust = m_options.trustOptions;
+    const Norvane::MediaIn in = inputs.open(path, progress);
+    mail.answer = SMime::read(in, content, m_options);
+    return mail;
+}
+
+Outcome outcomeOf(const ReadMail& mail, Exit exit, bool inJson) {
+    const SMime::Answer& answer = mail.answer;
+    std::string verdict = SMime::nameOf(answer.verdict);
+    if (!answer.notCovered.empty())
+        verdict += ", in part";
+    return {.exit = exit,
+            .verdict = verdict,
+            .reason = Norvane::escapeForDisplay(answer.detail),
+            .facts = inJson ? mailFacts(answer, mail.trust, mail.file) : Description::object()};
 }
 
 void addSmime(Command& commands, Action& action) {

@@ -8,6 +8,7 @@
 #include "commands/IdentityOptions.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
+#include "many/ManyOptions.h"
 #include "trust/TrustJudge.h"
 #include "trust/TrustOptions.h"
 
@@ -27,9 +28,9 @@ void addSmimeInspect(Command& smime, Action& action);
 /// The mail, and what it is opened with.
 struct MailOptions {
     /// Adds the options to a command.
-    explicit MailOptions(Command& command);
+    MailOptions(Command& command, ManyOptions::Outputs outputs);
 
-    std::string in = "-";
+    std::unique_ptr<ManyOptions> in;
     std::optional<std::string> store;
     IdentityOptions identities;
 
@@ -44,15 +45,32 @@ struct ReadMail {
     std::string file;
 };
 
-/// Reads a mail. \param judge null: trust is not asked \throws Failure: it cannot be read
-/// \param lists whether its parts are listed
-ReadMail readMail(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, Norvane::MediaOut& content,
-                  bool isWhole, bool lists = false);
-/// Reads a mail that nothing opens.
-ReadMail readMail(const std::string& path, const SignerCertificates& certificates, Inputs& inputs,
-                  const TrustJudge* judge);
+/// Reads mails, with what is read once for all of them: several threads may do so at once.
+class MailReading {
+public:
+    /// \param lists whether the parts of mails are listed
+    MailReading(const MailOptions& options, Inputs& inputs, const TrustJudge* judge, bool isWhole, bool lists = false);
+    /// For mails that nothing opens.
+    MailReading(const SignerCertificates& certificates, const TrustJudge* judge);
+    ~MailReading();
+    MailReading(const MailReading&) = delete;
+    MailReading& operator=(const MailReading&) = delete;
+
+    /// \throws Failure: it cannot be read
+    ReadMail read(const std::string& path, Inputs& inputs, Norvane::MediaOut& content,
+                  Progress* progress = nullptr) const;
+
+private:
+    std::unique_ptr<const Norvane::Crypto::CMS::KeyLookup> m_keys;
+    Norvane::Crypto::SMime::ReadOptions m_options;
+};
+
+/// The line of one of many mails.
+Outcome outcomeOf(const ReadMail& mail, Exit exit, bool inJson);
 /// What `norvcrypt smime verify` does with such a mail.
 Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<TrustJudge>& judge,
                 const SignerCertificates& certificates, bool json);
+/// The same for one of many.
+Outcome verifyOneMail(const Item& item, Inputs& inputs, const MailReading& reading);
 
 } // namespace norvcrypt

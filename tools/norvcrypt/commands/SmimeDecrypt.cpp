@@ -14,7 +14,7 @@ namespace {
 
 struct SmimeDecryptOptions {
     explicit SmimeDecryptOptions(Command& command)
-        : mail(command),
+        : mail(command, ManyOptions::Outputs::needed),
           trust(command, Trust::Purpose::sign, TrustOptions::Anchors::optional) {}
     MailOptions mail;
     TrustOptions trust;
@@ -43,31 +43,68 @@ Exit exitOf(const SMime::Answer& answer, bool anySignature) {
     }
 }
 
+/// Nothing was there to decrypt, as far as the mail was looked at.
+bool isClear(const SMime::Answer& answer) {
+    return std::ranges::none_of(answer.layers, isEncrypted) && answer.verdict != SMime::Verdict::tooCostly;
+}
+
+Outcome decryptOne(const Item& item, const SmimeDecryptOptions& options, const MailReading& reading, Inputs& inputs) {
+    OutputFile out(item.output, inputs, OutputFile::Access::owner);
+    HeldBody body(out);
+    const ReadMail mail = reading.read(item.path, inputs, body.sink());
+    const Exit exit = exitOf(mail.answer, options.anySignature);
+    if (isClear(mail.answer)) {
+        Outcome outcome = outcomeOf(mail, Exit::failed, item.inJson);
+        outcome.facts["error"] = outcome.reason = "nothing is encrypted in it";
+        return outcome;
+    }
+    if (exit == Exit::good) {
+        body.release();
+        out.commit();
+    }
+    return outcomeOf(mail, exit, item.inJson);
+}
+
 Exit decrypt(const SmimeDecryptOptions& options) {
     Inputs inputs;
+    const bool areMany = options.mail.in->areMany();
     if (!options.mail.hasIdentities())
         throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt smime "
                       "decrypt --help tells more)");
-    if (options.trust.json() && options.out == "-")
+    if (!areMany && options.trust.json() && options.out == "-")
         throw Failure("with --json the report goes to standard output: give --out a file for the content");
     std::optional<TrustJudge> judge;
     if (options.trust.asked())
         judge.emplace(options.trust.request(), inputs);
-    OutputFile out(options.out, inputs, OutputFile::Access::owner);
-    HeldBody body(out);
-    const ReadMail mail = readMail(options.mail, inputs, judge ? &*judge : nullptr, body.sink(), options.whole);
+    std::optional<OutputFile> out;
+    if (!areMany)
+        out.emplace(options.out, inputs, OutputFile::Access::owner);
+    const MailReading reading(options.mail, inputs, judge ? &*judge : nullptr, options.whole);
+    if (areMany) {
+        if (judge)
+            tellUnused(*judge);
+        const OutputName name =
+            options.whole ? OutputName([](const std::string& one) { return one; }) : OutputName(withoutSignatureEnding);
+        return options.mail.in->run(
+            inputs, options.trust.json(), name, OutputFile::Access::owner,
+            [&](const Item& item, Inputs& own) { return decryptOne(item, options, reading, own); });
+    }
+    HeldBody body(*out);
+    Progress progress("reading");
+    const ReadMail mail = reading.read(options.mail.in->one(), inputs, body.sink(), &progress);
+    progress.clear();
     if (judge)
         tellUnused(*judge);
     if (options.trust.json())
         tellMail(mail.answer, mail.trust, mail.file, true);
     else
         tellMailOnError(mail.answer);
-    if (std::ranges::none_of(mail.answer.layers, isEncrypted) && mail.answer.verdict != SMime::Verdict::tooCostly)
-        throw Failure("nothing is encrypted in " + inputName(options.mail.in));
+    if (isClear(mail.answer))
+        throw Failure("nothing is encrypted in " + inputName(options.mail.in->one()));
     const Exit exit = exitOf(mail.answer, options.anySignature);
     if (exit == Exit::good) {
         body.release();
-        out.commit();
+        out->commit();
     }
     return exit;
 }
@@ -82,7 +119,8 @@ void addSmimeDecrypt(Command& smime, Action& action) {
                  "What was encrypted, written only when the exit code is 0, and readable by its owner alone; \"-\" is "
                  "standard output")
         ->typeName("CONTENT")
-        ->showDefault();
+        ->showDefault()
+        ->excludes(options->mail.in->outDirectory());
     command->flag("--whole", options->whole, "Write a whole mail: the header fields outside, and what was encrypted");
     command->flag("--any-signature", options->anySignature,
                   "Write it although a signature within is wrong, or its signer not to be believed");
@@ -91,7 +129,9 @@ void addSmimeDecrypt(Command& smime, Action& action) {
         "all "
         "of a --store DIR. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
         "decrypted, 1 no key fits, or a signature within is refused, 2 damaged, not supported, too costly, or nothing "
-        "is encrypted.");
+        "is encrypted. Of several mails each goes to --out-dir under its name with \".content\" behind, or, with "
+        "--whole, "
+        "under its name.");
     command->example(
         "norvcrypt smime decrypt --in letter-secret.eml --cert bob.pem --key bob.key --ca root.pem --whole "
         "--out letter-clear.eml");

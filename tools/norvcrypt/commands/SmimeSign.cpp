@@ -19,6 +19,7 @@ void addSmimeSign(Command& smime, Action& action) {
     command->example(
         "norvcrypt smime sign --cert alice.pem --key alice.key --chain ca.pem --in letter.eml --out signed.eml");
     command->example("norvcrypt smime sign --store identities --in letter.eml");
+    command->example("norvcrypt smime sign --store identities --in letter.eml message.eml --out-dir signed-mails");
 }
 
 void addSmimeSignEncrypt(Command& smime, Action& action) {

@@ -1,4 +1,5 @@
 #include "commands/SmimeWriting.h"
+#include "cms/Sharing.h"
 #include "files/Output.h"
 #include "files/Spill.h"
 #include "identities/Store.h"
@@ -122,12 +123,15 @@ void SmimeWritingOptions::addMessage(Command& command) {
         ->among({"same", "crlf", "lf"})
         ->typeName("HOW")
         ->showDefault();
-    command.option("--in", m_in, "The message: header fields, an empty line, the body; \"-\" is standard input")
-        ->typeName("MAIL")
-        ->showDefault();
+    m_in = std::make_unique<ManyOptions>(
+        command, "--in", "MAIL",
+        "The message: header fields, an empty line, the body; or several with --out-dir, where each keeps its name; "
+        "\"-\", as without it, is standard input",
+        ManyOptions::Outputs::needed, ManyOptions::Json::added);
     command.option("--out", m_out, "The message that is made; \"-\" is standard output")
         ->typeName("MAIL")
-        ->showDefault();
+        ->showDefault()
+        ->excludes(m_in->outDirectory());
 }
 
 bool SmimeWritingOptions::signsWithFiles() const {
@@ -202,10 +206,7 @@ SMime::WriteOptions SmimeWritingOptions::how() const {
     return options;
 }
 
-Exit SmimeWritingOptions::run() const {
-    Inputs inputs;
-    // Opened first: a place that cannot be written to should not cost the reading of a long message.
-    OutputFile out(m_out, inputs);
+std::vector<SMime::Wrapping> SmimeWritingOptions::shells(Inputs& inputs) const {
     const NVX509::RefKeyStore keys = keysOf(m_store, inputs);
     std::vector<SMime::Wrapping> shells;
     std::vector<CMS::SignedWriter::Signer> signers;
@@ -216,16 +217,20 @@ Exit SmimeWritingOptions::run() const {
     }
     if (m_work.encrypts)
         shells.emplace_back(encrypting(keys, signers, inputs));
-    Progress progress(m_work.encrypts ? "encrypting" : "signing");
-    const Norvane::MediaIn message = inputs.open(m_in, &progress);
-    expectTwice(progress, m_in);
+    return shells;
+}
+
+void SmimeWritingOptions::write(const std::string& in, OutputFile& out, const std::vector<SMime::Wrapping>& shells,
+                                Inputs& inputs, Progress* progress) const {
+    const Norvane::MediaIn message = inputs.open(in, progress);
+    if (progress != nullptr)
+        expectTwice(*progress, in);
     OutputStream target(out);
     try {
         SMime::wrap(message, shells, target, how());
     } catch (const Norvane::Exception& failure) {
         const std::string reason = reasonOf(failure);
-        const std::string what =
-            (m_work.encrypts ? "cannot encrypt " : "cannot sign ") + inputName(m_in) + ": " + reason;
+        const std::string what = (m_work.encrypts ? "cannot encrypt " : "cannot sign ") + inputName(in) + ": " + reason;
         // Nobody in the store is an answer, and it is no.
         if (reason.starts_with("there is no certificate for ") ||
             reason.starts_with("there is no key to sign with for "))
@@ -233,6 +238,39 @@ Exit SmimeWritingOptions::run() const {
         throw Failure(what);
     }
     out.commit();
+}
+
+Exit SmimeWritingOptions::runMany() const {
+    Inputs shared;
+    const std::vector<SMime::Wrapping> around = shells(shared);
+    for (const SMime::Wrapping& shell : around) {
+        if (const auto* const signing = std::get_if<SMime::SignOptions>(&shell)) {
+            for (const CMS::SignedWriter::Signer& signer : signing->signers)
+                warm(signer.pair);
+            warmAll(signing->certificates);
+        } else if (const auto* const encrypting = std::get_if<SMime::EncryptOptions>(&shell)) {
+            warmAll(encrypting->certificates);
+        }
+    }
+    const char* const done = !m_work.encrypts ? "signed" : m_work.signs ? "signed and encrypted" : "encrypted";
+    return m_in->run(
+        shared, false, [](const std::string& name) { return name; }, OutputFile::Access::everyone,
+        [&](const Item& item, Inputs& inputs) {
+            OutputFile out(item.output, inputs);
+            write(item.path, out, around, inputs, nullptr);
+            return Outcome{.verdict = done};
+        });
+}
+
+Exit SmimeWritingOptions::run() const {
+    if (m_in->areMany())
+        return runMany();
+    Inputs inputs;
+    // Opened first: a place that cannot be written to should not cost the reading of a long message.
+    OutputFile out(m_out, inputs);
+    const std::vector<SMime::Wrapping> around = shells(inputs);
+    Progress progress(m_work.encrypts ? "encrypting" : "signing");
+    write(m_in->one(), out, around, inputs, &progress);
     return Exit::good;
 }
 

@@ -5,9 +5,11 @@
 
 #include "commandline/CommandLine.h"
 #include "commands/IdentityOptions.h"
+#include "many/ManyOptions.h"
 
 #include <norvcrypto-smime/SMimeWriter.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,7 +42,11 @@ private:
     [[nodiscard]] Norvane::Crypto::SMime::EncryptOptions encrypting(
         const Norvane::Crypto::NVX509::RefKeyStore& keys,
         const std::vector<Norvane::Crypto::CMS::SignedWriter::Signer>& signers, Inputs& inputs) const;
+    [[nodiscard]] std::vector<Norvane::Crypto::SMime::Wrapping> shells(Inputs& inputs) const;
     [[nodiscard]] Norvane::Crypto::SMime::WriteOptions how() const;
+    void write(const std::string& in, OutputFile& out, const std::vector<Norvane::Crypto::SMime::Wrapping>& shells,
+               Inputs& inputs, Progress* progress) const;
+    [[nodiscard]] Exit runMany() const;
     [[nodiscard]] bool signsWithFiles() const;
 
     SmimeWork m_work;
@@ -59,7 +65,7 @@ private:
     std::string m_oaepDigest = "sha256";
     bool m_protectHeader = false;
     std::string m_lineEnds = "same";
-    std::string m_in = "-";
+    std::unique_ptr<ManyOptions> m_in;
     std::string m_out = "-";
 };
 

@@ -1,29 +1,31 @@
 #include "cms/Judging.h"
 #include "commands/Command.h"
 #include "commands/SmimeCommands.h"
+#include "commands/VerifyReport.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "files/RepeatableBody.h"
 #include "identities/Store.h"
+#include "many/ManyOptions.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
 #include "recognise/Wrapped.h"
-#include "show/DiagnosisReport.h"
 #include "show/SignatureReport.h"
 #include "show/TextAndJson.h"
 #include "trust/TrustJudge.h"
 #include "trust/TrustOptions.h"
 #include "trust/TrustReport.h"
 
-#include <norvcmsg/Escape.h>
 #include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -41,10 +43,11 @@ using CMS::SignedReader;
 namespace {
 
 struct VerifyOptions {
-    std::string signature;
+    std::unique_ptr<ManyOptions> signatures;
     std::optional<std::string> certificate;
     std::optional<std::string> store;
     std::optional<std::string> in;
+    std::optional<std::string> bodies;
     std::optional<std::string> out;
     bool embedded = false;
     std::unique_ptr<TrustOptions> trust;
@@ -58,12 +61,15 @@ struct ContentFile {
 };
 
 /// The sender decides whether a structure carries its content; which body is judged is for the user to say.
-void checkBody(const VerifyOptions& options, bool isDetached) {
-    if (options.embedded && isDetached)
-        throw Failure(inputName(options.signature) +
+void checkBody(const Subject& subject, bool isDetached) {
+    if (subject.embedded && isDetached)
+        throw Failure(inputName(subject.signature) +
                       " carries no content, the signature is detached: give its body with --in");
-    if (!options.embedded && !options.in && !isDetached)
-        throw Failure(inputName(options.signature) +
+    if (!subject.embedded && isDetached && !subject.noBody.empty())
+        throw Failure("the signature in " + subject.signature +
+                      " is detached, and there is no body: " + subject.noBody);
+    if (!subject.embedded && !subject.body && !isDetached)
+        throw Failure(inputName(subject.signature) +
                       " carries its content: give --embedded to judge that, or --in with "
                       "the body that it is to be compared with");
 }
@@ -98,67 +104,67 @@ JudgedBody compare(SignedReader& message, Norvane::MediaIn body) {
 }
 
 /// Passes the body, whichever it is, and the rest of the structure.
-JudgedBody passBody(SignedReader& message, const VerifyOptions& options, Inputs& inputs, Progress& progress,
+JudgedBody passBody(SignedReader& message, const Subject& subject, Inputs& inputs, Progress* progress,
                     std::optional<ContentFile>& content, std::optional<RepeatableBody>& detached) {
-    if (options.embedded) {
+    if (subject.embedded) {
         Norvane::MediaOut nowhere = Norvane::NullMediaOut();
         message.write(content ? content->body.sink() : nowhere);
         return {message.bodyLength(), std::nullopt};
     }
-    const std::string path = options.in.value_or("-");
+    const std::string path = subject.body.value_or("-");
     if (!message.isDetached())
-        return compare(message, inputs.open(path, &progress));
+        return compare(message, inputs.open(path, progress));
     Norvane::MediaOut digest = message.digest();
-    detached.emplace(inputs, path, SMime::DiagnosisBudget().body, &progress);
+    detached.emplace(inputs, path, SMime::DiagnosisBudget().body, progress);
     detached->write(digest);
     return {message.bodyLength(), std::nullopt};
 }
 
-std::string bodyText(const JudgedBody& body, const VerifyOptions& options) {
-    const std::string length = std::to_string(body.length) + " bytes";
-    const std::string content = "the content of " + inputName(options.signature);
-    if (options.embedded)
-        return "body: " + content + ", " + length;
-    std::string given = "body: " + inputName(options.in.value_or("-")) + ", " + length;
-    if (!body.isContent)
-        return given;
-    return given + (*body.isContent ? ", which is " : ", which is not ") + content;
-}
+/// Who is believed and which certificates there are: what is read once.
+struct Judging {
+    std::optional<TrustJudge> judge;
+    SignerCertificates certificates;
 
-/// What became of one signer.
-struct Judged {
-    SignatureResult result;
-    std::optional<TrustAnswer> trust; ///< when that was asked, and the signature is good
-};
-
-/// Who is to be believed is asked of whoever signed, and nobody else.
-std::vector<Judged> withTrust(const SignedReader& message, const std::vector<SignatureResult>& results,
-                              const std::optional<TrustJudge>& judge, const SignerCertificates& certificates) {
-    std::vector<Judged> judged;
-    for (const SignatureResult& result : results) {
-        const SignedReader::Signer& signer = message.signers()[judged.size()];
-        judged.push_back({result, std::nullopt});
-        if (!judge || result.verdict != SignatureVerdict::good)
-            continue;
-        std::list<NVX509::RefCertificate> others = message.certificates();
-        if (certificates.given)
-            others.insert(others.end(), certificates.given->begin(), certificates.given->end());
-        judged.back().trust = judge->judge(result.certificate, others, message.revocationLists(), signer.signingTime());
+    Judging(const VerifyOptions& options, Inputs& inputs) {
+        if (options.trust->asked())
+            judge.emplace(options.trust->request(), inputs);
+        if (options.certificate)
+            certificates.given = readCertificates(inputs, *options.certificate);
+        if (options.store)
+            certificates.ofStore = certificatesOfStore(*options.store, inputs);
     }
-    return judged;
-}
 
-SignatureVerdict verdictOf(const std::vector<Judged>& signers) {
-    const auto has = [&signers](SignatureVerdict verdict) {
-        return std::ranges::any_of(signers, [&](const Judged& signer) {
-            return verdict == signer.result.verdict ||
-                   (verdict == SignatureVerdict::refused && signer.trust && !signer.trust->accepted());
-        });
-    };
-    if (signers.empty() || has(SignatureVerdict::refused))
-        return SignatureVerdict::refused;
-    return has(SignatureVerdict::unsupported) ? SignatureVerdict::unsupported : SignatureVerdict::good;
-}
+    [[nodiscard]] const TrustJudge* judgeOrNull() const { return judge ? &*judge : nullptr; }
+    /// Who is to be believed is asked of whoever signed, and nobody else.
+    [[nodiscard]] std::vector<JudgedSigner> withTrust(const SignedReader& message,
+                                                      const std::vector<SignatureResult>& results) const {
+        std::vector<JudgedSigner> judged;
+        for (const SignatureResult& result : results) {
+            const SignedReader::Signer& signer = message.signers()[judged.size()];
+            judged.push_back({result, std::nullopt});
+            if (!judge || result.verdict != SignatureVerdict::good)
+                continue;
+            std::list<NVX509::RefCertificate> others = message.certificates();
+            if (certificates.given)
+                others.insert(others.end(), certificates.given->begin(), certificates.given->end());
+            judged.back().trust =
+                judge->judge(result.certificate, others, message.revocationLists(), signer.signingTime());
+        }
+        return judged;
+    }
+    [[nodiscard]] JudgedStructure answer(const SignedReader& message, StructureFile& file,
+                                         const std::optional<JudgedBody>& body,
+                                         std::optional<RepeatableBody>& detached) const {
+        JudgedStructure judged{.message = message};
+        if (message.signers().empty() || !body)
+            return judged;
+        const std::vector<SignatureResult> results = judgeSigners(message, *body, certificates);
+        judged.signers = withTrust(message, results);
+        judged.diagnosis = diagnosisOf(message, file, detached ? &*detached : nullptr, results, certificates);
+        judged.body = body;
+        return judged;
+    }
+};
 
 Exit exitOf(SignatureVerdict verdict) {
     switch (verdict) {
@@ -170,100 +176,6 @@ Exit exitOf(SignatureVerdict verdict) {
         break;
     }
     return Exit::refused;
-}
-
-void tellSigner(TextOutput& out, const std::string& number, const Judged& judged, const SignedReader::Signer& signer,
-                const SMime::Explanation* explanation, bool trustAsked) {
-    const Colours colours;
-    out.line("signer " + number + ": " + verdictText(judged.result, signer));
-    if (explanation != nullptr)
-        tellExplanation(out, "signer " + number, "", *explanation);
-    if (judged.trust) {
-        out.line("trust in signer " + number + ": " + trustSummary(*judged.trust, colours));
-        tellReasons(out, *judged.trust, colours);
-    } else if (trustAsked) {
-        out.line("trust in signer " + number + ": not judged, there is no good signature");
-    }
-}
-
-void tell(const SignedReader& message, const std::vector<Judged>& judged, const SMime::Diagnosis& diagnosis,
-          const std::string& body, bool trustAsked) {
-    const auto& signers = message.signers();
-    TextOutput out;
-    for (std::size_t at = 0; at != signers.size(); ++at)
-        tellSigner(out, std::to_string(at + 1), judged[at], signers[at], explanationOf(diagnosis, at), trustAsked);
-    if (!diagnosis.notLooked.empty())
-        out.line("why it is refused was not looked into everywhere: " + diagnosis.notLooked);
-    if (signers.empty()) {
-        out.line(message.certificates().empty() ? "no signer"
-                                                : "no signer: the structure holds certificates alone, which norvcrypt "
-                                                  "inspect shows");
-        out.flush();
-        return;
-    }
-    out.line(Norvane::escapeForDisplay(body));
-    if (!trustAsked)
-        out.line("Trust in the certificates was not checked: a good signature does not tell who signed.");
-    for (std::size_t at = 0; at != signers.size(); ++at)
-        out.line("details of signer " + std::to_string(at + 1) + ": " + detailsText(signers[at]));
-    out.flush();
-}
-
-void tellJson(const SignedReader& message, const std::vector<Judged>& judged, const SMime::Diagnosis& diagnosis,
-              const VerifyOptions& options, const std::optional<JudgedBody>& body,
-              const std::optional<TrustJudge>& judge) {
-    Description facts{{"verdict", verdictName(verdictOf(judged))}};
-    if (body) {
-        facts["body"] = {{"file", options.embedded ? options.signature : options.in.value_or("-")},
-                         {"embedded", options.embedded},
-                         {"length", body->length}};
-        if (body->isContent)
-            facts["body"]["isContent"] = *body->isContent;
-    }
-    facts["trustChecked"] = judge.has_value();
-    facts["signers"] = Description::array();
-    for (std::size_t at = 0; at != judged.size(); ++at) {
-        Description signer = signerFacts(judged[at].result, message.signers()[at]);
-        if (judged[at].trust)
-            signer["trust"] = trustFacts(*judged[at].trust);
-        if (const SMime::Explanation* const explanation = explanationOf(diagnosis, at))
-            signer["explanation"] = explanationFacts(*explanation);
-        facts["signers"].push_back(std::move(signer));
-    }
-    if (!diagnosis.notLooked.empty())
-        facts["notLooked"] = diagnosis.notLooked;
-    facts["problems"] = judge ? Description(judge->problems()) : Description::array();
-    TextOutput out;
-    out.text(asJson(facts));
-    out.flush();
-}
-
-/// What is asked, and what answers it.
-struct Question {
-    const VerifyOptions& options;
-    const SignerCertificates& certificates;
-    const std::optional<TrustJudge>& judge;
-    StructureFile& file;
-    std::optional<RepeatableBody> detached{};
-};
-
-SignatureVerdict answer(Question& question, const SignedReader& message, const std::optional<JudgedBody>& body) {
-    std::vector<Judged> judged;
-    SMime::Diagnosis diagnosis;
-    if (body) {
-        const std::vector<SignatureResult> results = judgeSigners(message, *body, question.certificates);
-        judged = withTrust(message, results, question.judge, question.certificates);
-        diagnosis = diagnosisOf(message, question.file, question.detached ? &*question.detached : nullptr, results,
-                                question.certificates);
-    }
-    if (question.options.trust->json()) {
-        tellJson(message, judged, diagnosis, question.options, body, question.judge);
-    } else {
-        if (question.judge)
-            tellUnused(*question.judge);
-        tell(message, judged, diagnosis, body ? bodyText(*body, question.options) : "", question.judge.has_value());
-    }
-    return verdictOf(judged);
 }
 
 /// Whether a body may come through standard input, which is not passed over because a file of signatures says to be a mail.
@@ -281,49 +193,120 @@ bool isMail(const std::string& path, Inputs& inputs) {
     return (path == "-" || !hasStandardInput()) && looksLikeMail(inputs.start(path, 65536));
 }
 
-Exit verify(const VerifyOptions& options) {
-    Inputs inputs;
-    std::optional<TrustJudge> judge;
-    if (options.trust->asked())
-        judge.emplace(options.trust->request(), inputs);
-    SignerCertificates certificates;
-    if (options.certificate)
-        certificates.given = readCertificates(inputs, *options.certificate);
-    if (options.store)
-        certificates.ofStore = certificatesOfStore(*options.store, inputs);
-    if (!options.in && !options.embedded && isMail(options.signature, inputs))
-        return verifyMail(options.signature, inputs, judge, certificates, options.trust->json());
-    if (options.out == "-")
-        throw Failure("the verdict goes to standard output: give --out a file for the content");
+/// Hands the verdict to `tell`; the content is written when every signature is good.
+/// \param out the file for it; nothing: it is not written
+Exit judge(const Subject& subject, const Judging& judging, const std::optional<std::string>& out, Inputs& inputs,
+           Progress* progress, const std::function<void(const JudgedStructure&)>& tell) {
     std::optional<ContentFile> content;
-    if (options.out)
-        content.emplace(*options.out, inputs);
-    Progress progress("verifying");
-    StructureFile file(inputs, options.signature, options.embedded ? &progress : nullptr);
-    if (options.embedded)
+    if (out)
+        content.emplace(*out, inputs);
+    StructureFile file(inputs, subject.signature, subject.embedded ? progress : nullptr);
+    if (subject.embedded)
         file.readOnce();
-    Question question{options, certificates, judge, file};
     return reading(file, [&] {
         SignedReader message(file.structure());
+        std::optional<RepeatableBody> detached;
         if (!message.isDetached())
             file.readOnce();
         if (message.isDetached()) {
             file.requireEnd();
-            if (message.signers().empty())
-                return exitOf(answer(question, message, std::nullopt));
+            if (message.signers().empty()) {
+                tell({.message = message});
+                return Exit::refused;
+            }
         }
-        checkBody(options, message.isDetached());
-        const JudgedBody body = passBody(message, options, inputs, progress, content, question.detached);
+        checkBody(subject, message.isDetached());
+        const JudgedBody body = passBody(message, subject, inputs, progress, content, detached);
         if (!message.isDetached())
             file.requireEnd();
-        progress.clear();
-        const Exit exit =
-            exitOf(answer(question, message, message.signers().empty() ? std::nullopt : std::optional(body)));
+        const JudgedStructure judged = judging.answer(message, file, body, detached);
+        if (progress != nullptr)
+            progress->clear();
+        tell(judged);
+        const Exit exit = exitOf(judged.verdict());
         if (content && exit == Exit::good) {
             content->body.release();
             content->file.commit();
         }
         return exit;
+    });
+}
+
+/// The body of one of many signatures: that of --in, the content, or for "NAME.p7s" the file NAME, beside it or in --body-dir.
+Subject subjectOf(const std::string& path, const VerifyOptions& options) {
+    Subject subject{.signature = path, .body = options.in, .embedded = options.embedded};
+    if (options.in || options.embedded)
+        return subject;
+    constexpr std::string_view ending = ".p7s";
+    if (!path.ends_with(ending)) {
+        subject.noBody = "its name does not end in .p7s, before which the body's name would stand; give --in";
+        return subject;
+    }
+    std::string body = path.substr(0, path.size() - ending.size());
+    if (options.bodies)
+        body = *options.bodies + "/" + body.substr(body.rfind('/') + 1);
+    if (access(body.c_str(), F_OK) == 0)
+        subject.body = body;
+    else
+        subject.noBody = body + " is not there";
+    return subject;
+}
+
+/// A file whose name says that it is the signature of a body is no whole mail, whatever is in it: whoever made it does not
+/// choose that the body is not looked at.
+Outcome verifyOne(const Item& item, const VerifyOptions& options, const Judging& judging, const MailReading& mails,
+                  Inputs& inputs) {
+    const Subject subject = subjectOf(item.path, options);
+    if (!subject.body && !subject.embedded && !item.path.ends_with(".p7s") &&
+        looksLikeMail(inputs.start(item.path, 65536)))
+        return verifyOneMail(item, inputs, mails);
+    Outcome outcome;
+    outcome.exit = judge(subject, judging, item.output.empty() ? std::nullopt : std::optional(item.output), inputs,
+                         nullptr, [&](const JudgedStructure& judged) {
+                             outcome.verdict = verdictName(judged.verdict());
+                             outcome.reason = verdictInOneLine(judged);
+                             if (item.inJson)
+                                 outcome.facts = verdictFacts(judged, subject, judging.judgeOrNull());
+                         });
+    return outcome;
+}
+
+Exit verifyMany(const VerifyOptions& options) {
+    if (options.in == "-")
+        throw Failure("the body of several signatures is no standard input, which can be read only once");
+    if (!options.signatures->outDirectory()->empty() && !options.embedded)
+        throw Failure("--out-dir is for the contents of structures: give --embedded, too");
+    Inputs shared;
+    const Judging judging(options, shared);
+    const MailReading mails(judging.certificates, judging.judgeOrNull()); // which prepares certificates to be shared
+    if (judging.judge)
+        tellUnused(*judging.judge);
+    return options.signatures->run(
+        shared, options.trust->json(), withoutSignatureEnding, OutputFile::Access::everyone,
+        [&](const Item& item, Inputs& inputs) { return verifyOne(item, options, judging, mails, inputs); });
+}
+
+Exit verify(const VerifyOptions& options) {
+    if (options.signatures->areMany())
+        return verifyMany(options);
+    Inputs inputs;
+    const Judging judging(options, inputs);
+    const Subject subject{.signature = options.signatures->one(), .body = options.in, .embedded = options.embedded};
+    if (!options.in && !options.embedded && isMail(subject.signature, inputs))
+        return verifyMail(subject.signature, inputs, judging.judge, judging.certificates, options.trust->json());
+    if (options.out == "-")
+        throw Failure("the verdict goes to standard output: give --out a file for the content");
+    Progress progress("verifying");
+    return judge(subject, judging, options.out, inputs, &progress, [&](const JudgedStructure& judged) {
+        if (options.trust->json()) {
+            TextOutput out;
+            out.text(asJson(verdictFacts(judged, subject, judging.judgeOrNull())));
+            out.flush();
+            return;
+        }
+        if (judging.judge)
+            tellUnused(*judging.judge);
+        tellVerdict(judged, subject, judging.judge.has_value());
     });
 }
 
@@ -333,12 +316,11 @@ void addVerify(Command& commands, Action& action) {
     auto options = std::make_shared<VerifyOptions>();
     Command* command = commands.command(
         "verify", "Verifies every signature of a CMS structure; trust in the certificates is checked with --ca");
-    command
-        ->option("--signature", options->signature,
-                 "The structure: DER, BER, PEM, base64, the part of a mail that it came in; or a whole mail, which is "
-                 "judged as norvcrypt smime verify does. \"-\" is standard input")
-        ->typeName("SIG.p7s")
-        ->required();
+    options->signatures = std::make_unique<ManyOptions>(
+        *command, "--signature", "SIG.p7s",
+        "The structure: DER, BER, PEM, base64, the part of a mail that it came in; or a whole mail, which is judged as "
+        "norvcrypt smime verify does. \"-\" is standard input. Of several a line each is told",
+        ManyOptions::Outputs::possible, ManyOptions::Json::ofCommand);
     command
         ->option("--cert", options->certificate,
                  "Certificates to verify with, instead of those in the structure; each signer takes the one that it "
@@ -356,6 +338,11 @@ void addVerify(Command& commands, Action& action) {
                 "--in", options->in,
                 "The body; \"-\", as without it, is standard input. A content in the structure must be equal to it")
             ->typeName("BODY");
+    command
+        ->option("--body-dir", options->bodies,
+                 "The folder with the bodies of several signatures: that of NAME.p7s is NAME; without it, beside it")
+        ->typeName("DIR")
+        ->excludes(body);
     Option* embedded =
         command
             ->flag("--embedded", options->embedded,
@@ -365,18 +352,24 @@ void addVerify(Command& commands, Action& action) {
         ->option("--out", options->out,
                  "The content that the structure carries, written only when every signature is good")
         ->typeName("BODY")
-        ->needs(embedded);
+        ->needs(embedded)
+        ->excludes(options->signatures->outDirectory());
     options->trust = std::make_unique<TrustOptions>(*command, Trust::Purpose::sign, TrustOptions::Anchors::optional);
     command->note(
         "Structures and bodies may have any size. When a signature does not fit the body, it is tried what relays do "
         "to "
         "bodies, and said what made it so; it stays refused.\n"
         "Exit code: 0 every signature is good (and with --ca, every signer is believed), 1 one is not, 2 an "
-        "algorithm is not supported, which is named, or there is nothing to judge.");
+        "algorithm is not supported, which is named, or there is nothing to judge. Of several structures, the worst.");
     command->example(
         "norvcrypt verify --signature message.p7s --in message.eml --ca root.pem --from alice@example.org");
     command->example("norvcrypt verify --signature message.p7s --in message-changed.eml # exit code 1");
-    command->whenChosen([options, &action] { action = [options] { return verify(*options); }; });
+    command->example("norvcrypt verify --signature letter-signed.eml letter.eml --ca root.pem # exit code 1");
+    command->whenChosen([options, &action] {
+        if (!options->signatures->isNamed())
+            throw MissingOption("--signature");
+        action = [options] { return verify(*options); };
+    });
 }
 
 } // namespace norvcrypt

@@ -32,7 +32,8 @@ void Demo::encrypt() {
 }
 
 std::string Demo::digestDecryptedBy(const std::string& name, const Identity& identity) {
-    TrialDecryption decryption({{certificateOf(identity), keyOf(identity), path(name + ".key")}}, {}, {}, {});
+    const DecryptionKeys keys({{certificateOf(identity), keyOf(identity), path(name + ".key")}}, {}, {}, {});
+    TrialDecryption decryption(keys);
     Norvane::Crypto::HasherMediaOut hasher(Norvane::Crypto::Hasher::SHA256);
     HeldBody body(hasher);
     Progress progress("decrypting");

@@ -196,7 +196,7 @@ void Inputs::noteLater(EachFile eachFile) {
 bool Inputs::hold(const FileIdentity& file) {
     for (const EachFile& eachFile : std::exchange(m_later, {}))
         eachFile([this](const std::string& path) { note(path); });
-    return m_read.contains(file);
+    return m_read.contains(file) || (m_shared != nullptr && m_shared->m_read.contains(file));
 }
 
 void Inputs::note(const std::string& path, const FileIdentity& file) {

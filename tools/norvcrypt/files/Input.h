@@ -23,6 +23,13 @@ class Inputs {
 public:
     using EachFile = std::function<void(const std::function<void(const std::string& path)>&)>;
 
+    Inputs() = default;
+    /// The inputs of one of several pieces of work, beside those that all of them have in common: these are only looked at, and
+    /// `shared` outlives this.
+    explicit Inputs(const Inputs* shared) : m_shared(shared) {}
+    Inputs(const Inputs&) = delete;
+    Inputs& operator=(const Inputs&) = delete;
+
     /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
     /// \throws Failure: there is no such file, standard input was taken already, or an output
     /// replaces the file
@@ -54,6 +61,7 @@ public:
 private:
     void note(const std::string& path, const FileIdentity& file);
 
+    const Inputs* m_shared = nullptr;
     bool m_standardInputTaken = false;
     std::vector<EachFile> m_later;
     std::map<std::string, Norvane::MediaIn> m_begun; ///< of what can be read only once

@@ -1,5 +1,6 @@
 #include "files/Output.h"
 #include "base/Failure.h"
+#include "files/Interrupts.h"
 
 #include <array>
 #include <cerrno>
@@ -19,55 +20,6 @@ namespace norvcrypt {
 
 namespace {
 
-/// A temporary file, for the signal handler.
-struct Temporary {
-    std::array<char, PATH_MAX> name;
-    volatile std::sig_atomic_t exists;
-};
-/// No command writes more files at a time.
-std::array<Temporary, 2> s_temporaries{};
-
-constexpr std::array interrupts{SIGHUP, SIGINT, SIGTERM};
-
-extern "C" void removeTemporary(int signal) {
-    for (const Temporary& temporary : s_temporaries)
-        if (temporary.exists != 0)
-            static_cast<void>(unlink(temporary.name.data()));
-    // The handler was reset when it was entered: the signal now ends the process as it would have without us.
-    static_cast<void>(raise(signal));
-}
-
-/// As many as there are when none is free.
-std::size_t freeSlot() {
-    std::size_t slot = 0;
-    while (slot < s_temporaries.size() && s_temporaries[slot].exists != 0)
-        ++slot;
-    return slot;
-}
-
-void remember(std::size_t slot, const std::string& name) {
-    std::memcpy(s_temporaries[slot].name.data(), name.c_str(), name.size() + 1);
-    s_temporaries[slot].exists = 1;
-}
-
-/// Holds back the interrupts while a temporary file is made or renamed.
-class Uninterrupted {
-public:
-    Uninterrupted() {
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        for (const int signal : interrupts)
-            sigaddset(&blocked, signal);
-        pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
-    }
-    ~Uninterrupted() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    Uninterrupted(const Uninterrupted&) = delete;
-    Uninterrupted& operator=(const Uninterrupted&) = delete;
-
-private:
-    sigset_t m_before{};
-};
-
 /// 0, or the errno of the failure.
 int writeAll(int descriptor, const char* bytes, std::size_t length) {
     while (length > 0) {
@@ -82,9 +34,13 @@ int writeAll(int descriptor, const char* bytes, std::size_t length) {
     return 0;
 }
 
+/// Asked once: it is told by setting another one, which the other threads would see.
 mode_t creationMask() {
-    const mode_t mask = umask(0);
-    umask(mask);
+    static const mode_t mask = [] {
+        const mode_t before = umask(0);
+        umask(before);
+        return before;
+    }();
     return mask;
 }
 
@@ -129,15 +85,7 @@ std::string linkOf(int descriptor) {
 
 void prepareOutput() {
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-    struct sigaction action {};
-    action.sa_handler = removeTemporary;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    for (const int signal : interrupts) {
-        struct sigaction before {};
-        // What the caller ignores (nohup) stays ignored.
-        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
-            sigaction(signal, &action, nullptr);
-    }
+    prepareInterrupts();
     // A closed standard stream is opened the wrong way round: using it then fails instead of hitting a file of ours.
     for (const auto& [descriptor, mode] :
          {std::pair{STDIN_FILENO, O_WRONLY}, std::pair{STDOUT_FILENO, O_RDONLY}, std::pair{STDERR_FILENO, O_RDONLY}})
@@ -226,15 +174,11 @@ void OutputFile::openTemporary() {
     std::string name = temporaryName(m_target);
     if (name.size() >= PATH_MAX)
         fail(ENAMETOOLONG);
-    m_slot = freeSlot();
-    if (m_slot == s_temporaries.size())
-        fail(EMFILE);
     const Uninterrupted hold;
     m_descriptor = mkostemp(name.data(), O_CLOEXEC);
     if (m_descriptor < 0)
         fail(errno);
-    m_temporary = name;
-    remember(m_slot, name);
+    keepTemporary(name);
 }
 
 OutputFile::~OutputFile() {
@@ -243,7 +187,7 @@ OutputFile::~OutputFile() {
     const Uninterrupted hold;
     if (!m_temporary.empty()) {
         static_cast<void>(unlink(m_temporary.c_str()));
-        forgetTemporary();
+        loseTemporary();
     }
     if (m_descriptor > STDERR_FILENO)
         close(m_descriptor);
@@ -274,8 +218,10 @@ void OutputFile::commit() {
     settle();
     if (!isHeldBack())
         return;
-    const Uninterrupted hold;
-    takeName();
+    {
+        const Uninterrupted hold;
+        takeName();
+    }
     synchronizeDirectory(directoryOf(m_target));
 }
 
@@ -299,22 +245,18 @@ void OutputFile::takeName() {
         refuseExisting();
     if (result != 0)
         fail(errno);
-    forgetTemporary();
+    loseTemporary();
 }
 
 void OutputFile::nameTemporary() {
-    m_slot = freeSlot();
-    if (m_slot == s_temporaries.size())
-        fail(EMFILE);
     std::random_device random;
     for (int attempt = 0; attempt < 100; ++attempt) {
         std::string name = temporaryName(m_target);
         for (std::size_t at = name.size() - 6; at < name.size(); ++at)
             name[at] = static_cast<char>('a' + random() % 26);
         if (linkat(AT_FDCWD, linkOf(m_descriptor).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
-            m_temporary = name;
             m_unnamed = false;
-            remember(m_slot, name);
+            keepTemporary(name);
             return;
         }
         if (errno != EEXIST)
@@ -323,9 +265,19 @@ void OutputFile::nameTemporary() {
     fail(errno);
 }
 
-void OutputFile::forgetTemporary() {
+void OutputFile::keepTemporary(const std::string& name) {
+    const std::optional<std::size_t> slot = rememberTemporary(name);
+    if (!slot) {
+        static_cast<void>(unlink(name.c_str()));
+        fail(EMFILE);
+    }
+    m_slot = *slot;
+    m_temporary = name;
+}
+
+void OutputFile::loseTemporary() {
     m_temporary.clear();
-    s_temporaries[m_slot].exists = 0;
+    forgetTemporary(m_slot);
 }
 
 void OutputFile::refuseExisting() const {

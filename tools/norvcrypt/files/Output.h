@@ -66,7 +66,8 @@ private:
     void openTemporary();
     void nameTemporary();
     void takeName();
-    void forgetTemporary();
+    void keepTemporary(const std::string& name);
+    void loseTemporary();
     [[noreturn]] void fail(int error) const;
     [[noreturn]] void refuseExisting() const;
 

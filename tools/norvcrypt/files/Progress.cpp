@@ -19,8 +19,9 @@ void show(const std::string& text) {
 
 } // namespace
 
-Progress::Progress(std::string what)
+Progress::Progress(std::string what, Unit unit)
     : m_what(std::move(what)),
+      m_unit(unit),
       m_terminal(isatty(STDERR_FILENO) == 1),
       m_next(std::chrono::steady_clock::now() + patience) {}
 
@@ -50,7 +51,8 @@ void Progress::draw() {
         line += "[" + std::string(filled, '#') + std::string(barWidth - filled, ' ') + "] " +
                 std::to_string(done / (m_total / 100 + 1)) + "% ";
     }
-    show(line + std::to_string(m_done / mebibyte) + " MiB\x1B[K");
+    line += m_unit == Unit::bytes ? std::to_string(m_done / mebibyte) + " MiB" : std::to_string(m_done) + " done";
+    show(line + "\x1B[K");
     m_drawn = true;
 }
 

@@ -10,14 +10,17 @@ namespace norvcrypt {
 /// goes away with the object.
 class Progress {
 public:
-    explicit Progress(std::string what);
+    /// What is counted.
+    enum class Unit { bytes, inputs };
+
+    explicit Progress(std::string what, Unit unit = Unit::bytes);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /// How many bytes there will be in all; 0, as at first, is not known.
+    /// How many there will be in all; 0, as at first, is not known.
     void expect(std::uint64_t total) noexcept { m_total = total; }
-    /// That many more bytes are done.
+    /// That many more are done.
     void advance(std::uint64_t count);
     /// Takes the bar away; it comes again when there is more.
     void clear();
@@ -26,6 +29,7 @@ private:
     void draw();
 
     std::string m_what;
+    Unit m_unit;
     bool m_terminal;
     bool m_drawn = false;
     std::uint64_t m_total = 0;

@@ -11,7 +11,7 @@ constexpr unsigned int keptInMemory = 1U << 20U;
 } // namespace
 
 std::string spillTemplate() {
-    const char* const directory = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): one thread
+    const char* const directory = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): no thread sets it
     return std::string(directory == nullptr || *directory == '\0' ? "/tmp" : directory) + "/norvcrypt-XXXXXX";
 }
 

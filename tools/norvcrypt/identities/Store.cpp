@@ -35,13 +35,7 @@ NVX509::RefDirectoryKeyStore openStore(const std::string& directory, Inputs* inp
 
 std::list<NVX509::RefCertificate> certificatesOfStore(const std::string& directory, Inputs& inputs) {
     const NVX509::RefDirectoryKeyStore store = openStore(directory, &inputs);
-    const auto contents = askStore(directory, [&] { return store->contents(); });
-    std::list<NVX509::RefCertificate> certificates;
-    for (const Store::Identity& identity : contents->identities)
-        certificates.push_back(identity.certificate);
-    for (const Store::Identity& identity : contents->identities)
-        certificates.insert(certificates.end(), identity.chain.begin(), identity.chain.end());
-    return certificates;
+    return askStore(directory, [&] { return store->certificates(); });
 }
 
 Norvane::EmailAddress mailAddress(const std::string& text) {

@@ -85,6 +85,10 @@ std::string asJson(const Description& objects) {
     return withSafeTexts(objects).dump(2, ' ', true) + "\n";
 }
 
+std::string asJsonLine(const Description& object) {
+    return withSafeTexts(object).dump(-1, ' ', true) + "\n";
+}
+
 std::string asText(const Description& object) {
     const std::string heading =
         Norvane::escapeForDisplay(object.at("file").get<std::string>()) + ": " + object.at("type").get<std::string>();

@@ -11,6 +11,8 @@ namespace norvcrypt {
 /// value with \x in it is to be read back that way, any other as it stands, so that nothing is lost. "subject" and
 /// "issuer" are names as the library shows them to people (RFC 4514), with the escapes of that form alone.
 std::string asJson(const Description& objects);
+/// The same on one line.
+std::string asJsonLine(const Description& object);
 
 /// Lines "key: value", one for each value, indented by depth; values are escaped for display, names once.
 std::string asText(const Description& object);

@@ -183,6 +183,33 @@ TEST_F(DirectoryKeyStoreWorkTest, NamesOfRecipientsAreFoundWithoutDecodingTheOth
     EXPECT_EQ(s_decoded, 1);
 }
 
+TEST_F(DirectoryKeyStoreWorkTest, CertificatesAreReadWithoutKeys) {
+    addPeople();
+    const auto authority = identity("authority");
+    m_store.file("p3/chain.pem", authority.certificate.pem());
+    m_store.add("partner", "*@partner.example\n", identity("partner"), false);
+    // A key that nobody can open, and one of somebody else, take no certificate away; a folder that is refused does.
+    m_store.file("p4/key.pem", "no key\n");
+    m_store.file("p5/key.pem", norvtest::storedKeyPem("bob"));
+    m_store.folder("p6", 0777);
+    const auto store = open();
+    std::vector<std::string> names;
+    const Counts files = openedBy([&] {
+        for (const auto& certificate : store->certificates()) {
+            names.push_back(who(certificate));
+        }
+    });
+    EXPECT_THAT(files, UnorderedElementsAre(Pair("cert.pem", people), Pair("chain.pem", people)));
+    ASSERT_EQ(names.size(), static_cast<std::size_t>(people) + 1); // p6 is not used, partner is
+    EXPECT_EQ(names.front(), "p0");
+    EXPECT_EQ(names.at(names.size() - 2), "partner");
+    EXPECT_EQ(names.back(), "authority"); // behind all others
+    EXPECT_EQ(std::count(names.begin(), names.end(), "p6"), 0);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "p4"), 1);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "p5"), 1);
+    EXPECT_EQ(openedBy([&] { EXPECT_EQ(signerFor(store, "p7@example.com"), "p7"); })["key.pem"], 1);
+}
+
 TEST_F(DirectoryKeyStoreWorkTest, AReloadReadsWhatChangedAlone) {
     addPeople();
     const auto store = open();

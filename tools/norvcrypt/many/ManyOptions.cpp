@@ -1,0 +1,260 @@
+#include "many/ManyOptions.h"
+#include "files/Colours.h"
+#include "files/FileIdentity.h"
+#include "files/Interrupts.h"
+#include "files/Progress.h"
+#include "many/OrderedWork.h"
+#include "openssl/Start.h"
+#include "show/TextAndJson.h"
+
+#include <norvcmsg/Escape.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+#include <utility>
+
+namespace norvcrypt {
+
+using Norvane::escapeForDisplay;
+
+namespace {
+
+/// The last part of a path; slashes at its end do not count.
+std::string lastPartOf(std::string path) {
+    path.erase(std::min(path.find_last_not_of('/') + 1, path.size()));
+    return path.substr(path.rfind('/') + 1);
+}
+
+/// The names in a list: behind each a NUL byte, or, where there is none in the whole list, a line feed.
+std::vector<std::string> namesIn(const Norvane::Buffer& list) {
+    const char* const begin = reinterpret_cast<const char*>(list.data());
+    const char* const end = begin + list.length();
+    const char separator = std::find(begin, end, '\0') == end ? '\n' : '\0';
+    std::vector<std::string> names;
+    for (const char* at = begin; at != end;) {
+        const char* const stop = std::find(at, end, separator);
+        if (stop != at)
+            names.emplace_back(at, stop);
+        at = stop == end ? end : stop + 1;
+    }
+    return names;
+}
+
+/// What tells apart two outputs: links that lead to one file are one.
+std::string placeOf(const std::string& output) {
+    struct stat status {};
+    if (lstat(output.c_str(), &status) != 0 || !S_ISLNK(status.st_mode))
+        return output;
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(output.c_str(), nullptr), std::free);
+    return real ? real.get() : output;
+}
+
+void refuseFolder(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+        throw Failure(path + " is a folder: give the files in it");
+}
+
+/// Counts what came of the inputs, and tells it.
+class Lines {
+public:
+    Lines(std::size_t count, bool quiet)
+        : m_count(count),
+          m_quiet(quiet),
+          m_progress("working on " + std::to_string(count) + " inputs", Progress::Unit::inputs) {
+        m_progress.expect(count);
+    }
+
+    void tell(const Report& report) {
+        ++m_of[static_cast<std::size_t>(report.exit)];
+        if (!m_quiet || report.exit != Exit::good) {
+            m_progress.clear();
+            TextOutput out;
+            out.text(report.text);
+            out.flush();
+        }
+        m_progress.advance(1);
+    }
+    /// The worst wins; what is not good is summed up on standard error.
+    Exit end() {
+        m_progress.clear();
+        if (m_of[0] == m_count)
+            return Exit::good;
+        reportError(std::to_string(m_count) + " inputs: " + std::to_string(m_of[0]) + " done, " +
+                    std::to_string(m_of[1]) + " refused, " + std::to_string(m_of[2]) + " failed");
+        return m_of[2] != 0 ? Exit::failed : Exit::refused;
+    }
+
+private:
+    std::size_t m_count;
+    bool m_quiet;
+    Progress m_progress;
+    std::array<std::size_t, 3> m_of{}; ///< by exit code
+};
+
+std::string lineOf(const Item& item, const Outcome& outcome) {
+    const Colours colours;
+    const std::string verdict = outcome.exit == Exit::good      ? colours.good(outcome.verdict)
+                                : outcome.exit == Exit::refused ? colours.bad(outcome.verdict)
+                                                                : colours.doubtful(outcome.verdict);
+    return escapeForDisplay(item.path) + ": " + verdict + (outcome.reason.empty() ? "" : ": " + outcome.reason) + "\n";
+}
+
+std::string jsonLineOf(const Item& item, const Outcome& outcome) {
+    Description line{{"file", item.path}, {"exitCode", static_cast<int>(outcome.exit)}};
+    if (!item.output.empty() && outcome.exit == Exit::good)
+        line["output"] = item.output;
+    line.update(outcome.facts);
+    return asJsonLine(line);
+}
+
+/// What cannot be done with one keeps none of the others from being done.
+Outcome outcomeOf(const Item& item, const Inputs& shared, const WorkOnItem& work) {
+    try {
+        refuseFolder(item.path);
+        Inputs inputs(&shared);
+        return work(item, inputs);
+    } catch (...) {
+        const Told told = toldOfException();
+        return {.exit = told.exit,
+                .verdict = told.exit == Exit::refused ? "refused" : "failed",
+                .reason = escapeForDisplay(told.text),
+                .facts = {{"error", told.text}}};
+    }
+}
+
+} // namespace
+
+OutputName withEnding(const std::string& ending) {
+    return [ending](const std::string& name) { return name + ending; };
+}
+
+std::string withoutSignatureEnding(const std::string& name) {
+    constexpr std::size_t length = 4;
+    if (name.size() > length) {
+        std::string ending = name.substr(name.size() - length);
+        std::ranges::transform(ending, ending.begin(), [](char one) {
+            return static_cast<char>(std::tolower(static_cast<unsigned char>(one)));
+        });
+        if (ending == ".p7m" || ending == ".p7s")
+            return name.substr(0, name.size() - length);
+    }
+    return name + ".content";
+}
+
+ManyOptions::ManyOptions(Command& command, const std::string& name, const std::string& value, const std::string& help,
+                         Outputs outputs, Json json)
+    : m_option(name),
+      m_outputs(outputs) {
+    command.option(name, m_named, help)->typeName(value);
+    command
+        .option("--files-from", m_list,
+                "More of " + name +
+                    ": their names in a file, a line each, or behind each a NUL byte (find -print0); "
+                    "\"-\" is standard input")
+        ->typeName("FILE");
+    if (outputs != Outputs::none)
+        m_outDirectory = command
+                             .option("--out-dir", m_folder,
+                                     "The folder for what is made of each of several inputs, under the input's name; "
+                                     "it is made when it is not there")
+                             ->typeName("DIR");
+    command.option("--jobs", m_jobs, "How many inputs to work on at a time; without it, as many as there are cores")
+        ->range(1, mostWriters)
+        ->typeName("N");
+    command.flag("--quiet", m_quiet, "Tell nothing of inputs that are done, or good");
+    if (json == Json::added)
+        command.flag("--json", m_json, "Tell of each of several inputs in JSON, a line each (docs/json.md)");
+}
+
+bool ManyOptions::areMany() const {
+    return m_named.size() > 1 || m_list || m_folder || m_jobs || m_quiet || m_json;
+}
+
+std::vector<std::string> ManyOptions::paths(Inputs& shared) const {
+    std::vector<std::string> paths = m_named;
+    if (m_list) {
+        const std::vector<std::string> listed = namesIn(shared.readAll(*m_list));
+        if (listed.empty())
+            throw Failure("there is no name in " + inputName(*m_list));
+        paths.insert(paths.end(), listed.begin(), listed.end());
+    }
+    if (paths.empty() || std::ranges::find(paths, "-") != paths.end())
+        throw Failure("standard input is not one of several inputs, or one with --out-dir: name files with " +
+                      m_option);
+    return paths;
+}
+
+std::string ManyOptions::outputOf(const std::string& path, const OutputName& name) const {
+    return m_folder && name ? *m_folder + (m_folder->ends_with('/') ? "" : "/") + name(lastPartOf(path)) : "";
+}
+
+/// Before anything is written: no output may be that of two inputs, or one of the inputs.
+void ManyOptions::checkOutputs(const std::vector<std::string>& paths, const OutputName& name, Inputs& shared) const {
+    std::unordered_map<std::string, const std::string*> places;
+    places.reserve(paths.size());
+    std::vector<std::pair<std::string, FileIdentity>> existing;
+    for (const std::string& path : paths) {
+        const std::string output = outputOf(path, name);
+        const auto [other, isNew] = places.try_emplace(placeOf(output), &path);
+        if (!isNew)
+            throw Failure("two inputs would be written to " + output + ": " + *other->second + " and " + path);
+        struct stat status {};
+        if (stat(output.c_str(), &status) == 0)
+            existing.emplace_back(output, FileIdentity(status));
+    }
+    if (existing.empty())
+        return;
+    for (const std::string& path : paths)
+        shared.note(path);
+    for (const auto& [output, file] : existing)
+        if (shared.hold(file))
+            throw Failure("cannot write " + output + ": it is an input too, which would be lost");
+}
+
+void ManyOptions::prepareFolder(OutputFile::Access access) const {
+    if (mkdir(m_folder->c_str(), access == OutputFile::Access::owner ? 0700 : 0777) == 0)
+        return;
+    if (errno != EEXIST)
+        throw Failure("cannot make the folder " + *m_folder, errno);
+    struct stat status {};
+    if (stat(m_folder->c_str(), &status) != 0)
+        throw Failure("cannot write to the folder " + *m_folder, errno);
+    if (!S_ISDIR(status.st_mode))
+        throw Failure(*m_folder + " is no folder");
+    if (::access(m_folder->c_str(), W_OK | X_OK) != 0)
+        throw Failure("cannot write to the folder " + *m_folder, errno);
+}
+
+Exit ManyOptions::run(Inputs& shared, bool json, const OutputName& name, OutputFile::Access access,
+                      const WorkOnItem& work) const {
+    if (m_outputs == Outputs::needed && !m_folder)
+        throw Failure("several inputs need --out-dir: the folder for what is made of each");
+    const std::vector<std::string> all = paths(shared);
+    if (m_folder) {
+        checkOutputs(all, name, shared);
+        prepareFolder(access);
+    }
+    needAllAlgorithms(); // no thread has to make them known
+    const bool inJson = json || m_json;
+    Lines lines(all.size(), m_quiet);
+    doInOrder(
+        all.size(), m_jobs.value_or(std::min<unsigned int>(availableCores(), mostWriters)),
+        [&](std::size_t at) {
+            const Item item{all[at], outputOf(all[at], name), inJson};
+            const Outcome outcome = outcomeOf(item, shared, work);
+            if (m_quiet && outcome.exit == Exit::good)
+                return Report{};
+            return Report{.exit = outcome.exit, .text = inJson ? jsonLineOf(item, outcome) : lineOf(item, outcome)};
+        },
+        [&](const Report& report) { lines.tell(report); });
+    return lines.end();
+}
+
+} // namespace norvcrypt
