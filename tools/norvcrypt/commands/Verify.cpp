@@ -244,6 +244,7 @@ struct Question {
     const SignerCertificates& certificates;
     const std::optional<TrustJudge>& judge;
     StructureFile& file;
+    Progress& progress;
     std::optional<RepeatableBody> detached{};
 };
 
@@ -253,8 +254,10 @@ SignatureVerdict answer(Question& question, const SignedReader& message, const s
     if (body) {
         const std::vector<SignatureResult> results = judgeSigners(message, *body, question.certificates);
         judged = withTrust(message, results, question.judge, question.certificates);
+        question.progress.expect(0); // how often a body is read again, nobody knows before
         diagnosis = diagnosisOf(message, question.file, question.detached ? &*question.detached : nullptr, results,
                                 question.certificates);
+        question.progress.clear(); // or the verdict would stand behind a bar
     }
     if (question.options.trust->json()) {
         tellJson(message, judged, diagnosis, question.options, body, question.judge);
@@ -302,7 +305,7 @@ Exit verify(const VerifyOptions& options) {
     StructureFile file(inputs, options.signature, options.embedded ? &progress : nullptr);
     if (options.embedded)
         file.readOnce();
-    Question question{options, certificates, judge, file};
+    Question question{options, certificates, judge, file, progress};
     return reading(file, [&] {
         SignedReader message(file.structure());
         if (!message.isDetached())
