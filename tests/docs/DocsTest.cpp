@@ -125,6 +125,17 @@ TEST_F(DocsTest, EveryProgramOfTheTourIsShownAndPrintsWhatThePageSays) {
     EXPECT_LT(files, commands);
 }
 
+TEST_F(DocsTest, RecordingShowsWhatItsCommandsPrint) {
+    if (!installed("python3")) {
+        GTEST_SKIP() << "python3 is not installed";
+    }
+    const Answer answer =
+        run({.arguments = {"python3", "-B", norvtest::sourceDirectory + std::string("/scripts/recording"), "--check",
+                           "--programs", norvtest::programDirectory, "--demo", "demo"},
+             .directory = m_folder.directory()});
+    EXPECT_EQ(0, answer.status) << answer.err;
+}
+
 TEST(DocsAlgorithmsTest, TablesAreWhatTheLibraryDoes) {
     const Answer probed = run({.arguments = {std::string(norvtest::programDirectory) + "probe_algorithms"}});
     EXPECT_EQ(0, probed.status) << probed.err << probed.out;

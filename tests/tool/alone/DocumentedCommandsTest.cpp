@@ -125,7 +125,7 @@ TEST_F(DocumentedCommands, OfTheReadme) {
     std::vector<std::string> lines;
     for (std::sregex_iterator at(readme.begin(), readme.end(), command), end; at != end; ++at)
         lines.push_back((*at)[1]);
-    EXPECT_EQ(17U, lines.size());
+    EXPECT_EQ(19U, lines.size());
     expectAllHold(lines);
     EXPECT_EQ(s_work->read("norvcrypt-demo/message.eml"), s_work->read("norvcrypt-demo/clear.eml"));
 }

@@ -219,9 +219,11 @@ Exit judge(const Subject& subject, const Judging& judging, const std::optional<s
         const JudgedBody body = passBody(message, subject, inputs, progress, content, detached);
         if (!message.isDetached())
             file.requireEnd();
+        if (progress != nullptr)
+            progress->expect(0); // how often a body is read again for a diagnosis, nobody knows before
         const JudgedStructure judged = judging.answer(message, file, body, detached);
         if (progress != nullptr)
-            progress->clear();
+            progress->clear(); // or the verdict would stand behind a bar
         tell(judged);
         const Exit exit = exitOf(judged.verdict());
         if (content && exit == Exit::good) {
