@@ -4,22 +4,17 @@
 /// The recipient for whom the corpus of enveloped structures is encrypted, and a key store with that key for whoever is
 /// named.
 
+#include "differential/StoredKey.h"
+
 #include <norvcrypto/Certificate.h>
 #include <norvcrypto/KeyStore.h>
 
 #include <authority/Authority.h>
 
-#include <fstream>
-#include <iterator>
-#include <string>
-
 namespace fuzz {
 
 inline norvauthority::Identity envelopeIdentity() {
-    std::ifstream file(NORV_KEYS "/bob.pem");
-    return norvauthority::issue({.subject = {{"CN", "Bob"}},
-                                 .key = norvauthority::Key::fromPem({std::istreambuf_iterator<char>(file), {}}),
-                                 .serial = "b0b"});
+    return norvauthority::issue({.subject = {{"CN", "Bob"}}, .key = storedKey("bob"), .serial = "b0b"});
 }
 
 /// Answers every question with one pair.

@@ -9,11 +9,12 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include <sanitizer/allocator_interface.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+
+extern "C" __attribute__((weak)) int __sanitizer_install_malloc_and_free_hooks(
+    void (*onMalloc)(const volatile void* memory, std::size_t size), void (*onFree)(const volatile void* memory));
 
 namespace fuzz {
 
@@ -31,7 +32,10 @@ void onAllocation(const volatile void* /*memory*/, std::size_t size) {
 }
 void onRelease(const volatile void* /*memory*/) {}
 
-[[maybe_unused]] const int s_hooked = __sanitizer_install_malloc_and_free_hooks(onAllocation, onRelease);
+/// Only AddressSanitizer tells of allocations.
+[[maybe_unused]] const int s_hooked = __sanitizer_install_malloc_and_free_hooks == nullptr
+                                          ? 0
+                                          : __sanitizer_install_malloc_and_free_hooks(onAllocation, onRelease);
 
 /// Counts an operation unless it is part of another.
 class Operation {
@@ -227,6 +231,7 @@ int X509_NAME_cmp(const X509_NAME* left, const X509_NAME* right) {
     return next<&X509_NAME_cmp>("X509_NAME_cmp")(left, right);
 }
 
+#ifdef __clang__ // the only one that has calls for them
 // Clang has every comparison of numbers call these. The linker (--wrap) puts ours before those of libFuzzer, which go by
 // the address that they return to: nothing may be on the stack between.
 #define NORV_COMPARISON(name, type)                                                                                    \
@@ -245,5 +250,6 @@ NORV_COMPARISON(__sanitizer_cov_trace_const_cmp2, std::uint16_t)
 NORV_COMPARISON(__sanitizer_cov_trace_const_cmp4, std::uint32_t)
 NORV_COMPARISON(__sanitizer_cov_trace_const_cmp8, std::uint64_t)
 #undef NORV_COMPARISON
+#endif
 
 } // extern "C"

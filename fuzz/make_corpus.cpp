@@ -1,5 +1,6 @@
 // Writes small valid inputs for each fuzz target: make_corpus FOLDER.
 #include "EnvelopeKey.h"
+#include "Seeds.h"
 #include "differential/Messages.h"
 
 #include <authority/Authority.h>
@@ -8,7 +9,6 @@
 #include <openssl/cms.h>
 #include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
-#include <openssl/ssl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -20,15 +20,12 @@ using namespace norvauthority;
 
 namespace {
 
+using fuzz::put;
+
 std::filesystem::path corpus;
 
 std::string text(const Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
-}
-
-void put(const std::string& target, const std::string& name, const std::string& content) {
-    std::filesystem::create_directories(corpus / target);
-    std::ofstream(corpus / target / name, std::ios::binary) << content;
 }
 
 std::string signedData(const Identity& signer, int flags) {
@@ -67,6 +64,7 @@ std::string envelopedData(STACK_OF(X509) * recipients, const EVP_CIPHER* cipher,
 void envelope(const std::string& name, const std::string& structure) {
     put("fuzz_decrypt", name, structure);
     put("fuzz_outline", name, structure);
+    put("fuzz_show", name, structure);
 }
 
 /// \param agreeing has a key on a curve, which structures of PKCS#7 know nothing of
@@ -105,6 +103,7 @@ void certificatesAndLists(const Identity& ca, const Identity& alice) {
                    }});
     put("fuzz_crl", "list.der", text(list.der));
     put("fuzz_crl", "list.pem", list.pem());
+    put("fuzz_show", "list", text(list.der));
 }
 
 void keys(const Key& key) {
@@ -138,7 +137,7 @@ std::string twoBytes(std::size_t length) {
 /// What is read of strangers without a key: files, frames, what is refused, names as they are shown.
 void withoutKeys(const Identity& ca, const Identity& alice) {
     const Bytes unknown = der::sequence({der::oid("1.2.840.113549.1.7.3"), der::sequence({der::integer("0")})});
-    for (const char* target : {"fuzz_framing", "fuzz_refusal", "fuzz_files"}) {
+    for (const char* target : {"fuzz_framing", "fuzz_refusal", "fuzz_files", "fuzz_show"}) {
         put(target, "certificate", text(alice.certificate.der));
         put(target, "public", text(alice.key.publicDer()));
         put(target, "pair", text(crossPair(&alice.certificate, &ca.certificate)));
@@ -189,7 +188,7 @@ void unattended(const Key& key) {
 }
 
 void signatures(const Identity& signer) {
-    for (const char* target : {"fuzz_cms", "fuzz_verify", "fuzz_files"}) {
+    for (const char* target : {"fuzz_cms", "fuzz_verify", "fuzz_files", "fuzz_show"}) {
         put(target, "detached.der", signedData(signer, PKCS7_BINARY | PKCS7_DETACHED));
         put(target, "attached.der", signedData(signer, PKCS7_BINARY));
         put(target, "plain.der", signedData(signer, PKCS7_BINARY | PKCS7_DETACHED | PKCS7_NOATTR));
@@ -208,23 +207,6 @@ void texts() {
     put("fuzz_text", "base64", "aGVsbG8gd29ybGQ=");
 }
 
-/// What a TLS client says first.
-std::string clientHello(int version) {
-    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
-    SSL_CTX_set_max_proto_version(context, version);
-    SSL* ssl = SSL_new(context);
-    BIO* said = BIO_new(BIO_s_mem());
-    SSL_set_bio(ssl, BIO_new(BIO_s_mem()), said);
-    SSL_connect(ssl); // wants to read the answer
-    char* bytes = nullptr;
-    const long length = BIO_get_mem_data(said, &bytes);
-    const std::string result(bytes, static_cast<std::size_t>(length));
-    SSL_free(ssl);
-    SSL_CTX_free(context);
-    return result;
-}
-
-/// The seeds of the readers of CMS as messages, and one in parts.
 /// What an MTA tells the mail filter of a message, see fuzz_milter.cpp: a byte for the connection, one for what it is, and
 /// texts that end with 0xFE.
 std::string told(const std::string& fields, const std::string& body, bool isOutgoing) {
@@ -243,6 +225,7 @@ std::string told(const std::string& fields, const std::string& body, bool isOutg
     return steps + step(9, body + end + "\1") + step(11, "\1");
 }
 
+/// The seeds of the readers of CMS as messages, and one in parts.
 void mails() {
     const auto mail = [](const std::string& name, const fuzz::Bytes& structure) {
         const Norvane::Buffer octets(structure.data(), static_cast<unsigned int>(structure.size()), true);
@@ -293,6 +276,11 @@ void unsignedMails() {
 
 } // namespace
 
+void fuzz::put(const std::string& target, const std::string& name, const std::string& content) {
+    std::filesystem::create_directories(corpus / target);
+    std::ofstream(corpus / target / name, std::ios::binary) << content;
+}
+
 int main(int argc, char** argv) {
     if (argc != 2) {
         std::cerr << "make_corpus FOLDER\n";
@@ -333,8 +321,9 @@ int main(int argc, char** argv) {
     }
     mails();
     unsignedMails();
-    put("fuzz_tls", "tls13", clientHello(TLS1_3_VERSION));
-    put("fuzz_tls", "tls12", clientHello(TLS1_2_VERSION));
-    put("fuzz_tls", "http", "GET / HTTP/1.1\r\n\r\n");
+    fuzz::chainSeeds();
+    fuzz::extensionSeeds();
+    fuzz::fileSeeds();
+    fuzz::tlsSeeds();
     return EXIT_SUCCESS;
 }

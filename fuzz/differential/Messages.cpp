@@ -1,5 +1,7 @@
 #include "Messages.h"
 
+#include "StoredKey.h"
+
 #include "../EnvelopeKey.h"
 
 #include <norvcmsg/Media.h>
@@ -21,11 +23,6 @@ namespace CMS = Norvane::Crypto::CMS;
 namespace NVX509 = Norvane::Crypto::NVX509;
 using norvauthority::Identity;
 using norvauthority::Key;
-
-Key storedKey(const std::string& name) {
-    std::ifstream file(std::string(NORV_KEYS) + "/" + name + ".pem");
-    return Key::fromPem({std::istreambuf_iterator<char>(file), {}});
-}
 
 struct People {
     Identity authority = norvauthority::issue(

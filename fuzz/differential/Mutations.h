@@ -17,11 +17,12 @@ public:
     Mutator(const std::vector<Bytes>& seeds, std::uint64_t number) : m_seeds(seeds), m_random(number) {}
     /// One of the seeds, changed once to three times.
     Bytes next();
+    /// Changes one element of a tree. Where lengths are indefinite, it may no longer be read as what it is.
+    void changeTree(Node& root);
 
 private:
     std::size_t below(std::size_t count) { return count == 0 ? 0 : static_cast<std::size_t>(m_random() % count); }
     void changeOctets(Bytes& octets);
-    void changeTree(Node& root);
     void changeElement(Node& node);
     void changeList(Node& parent);
     void inSegments(Node& node);

@@ -15,7 +15,7 @@ namespace {
 
 using keystore::Snapshot;
 
-[[noreturn]] void raise(const char* where, const std::string& directory, const char* reason, int line) {
+[[noreturn]] void raise(const char* where, const std::string& directory, const char* reason, unsigned int line) {
     throw Exception(where, 4, "DirectoryKeyStore", line).stringParameter(directory + ": " + reason);
 }
 
