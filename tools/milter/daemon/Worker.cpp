@@ -200,12 +200,17 @@ private:
                 return;
             m_loadingWanted = false;
             guard.unlock();
-            try {
-                reload();
-            } catch (const std::exception&) {
-                // There was no memory for saying what failed: the old ones stay all the same.
-            }
+            reloadIfItCan();
             guard.lock();
+        }
+    }
+
+    void reloadIfItCan() noexcept {
+        try {
+            reload();
+        } catch (const std::exception&) {
+            // There was no memory for saying what failed: the old ones stay all the same.
+            return;
         }
     }
 
