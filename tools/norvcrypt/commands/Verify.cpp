@@ -6,6 +6,7 @@
 #include "files/Output.h"
 #include "files/RepeatableBody.h"
 #include "identities/Store.h"
+#include "openssl/Start.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
 #include "recognise/Wrapped.h"
@@ -253,6 +254,8 @@ SignatureVerdict answer(Question& question, const SignedReader& message, const s
     if (body) {
         const std::vector<SignatureResult> results = judgeSigners(message, *body, question.certificates);
         judged = withTrust(message, results, question.judge, question.certificates);
+        if (verdictOf(judged) != SignatureVerdict::good)
+            needOlderAlgorithms(); // all is tried that may tell why
         diagnosis = diagnosisOf(message, question.file, question.detached ? &*question.detached : nullptr, results,
                                 question.certificates);
     }
@@ -281,8 +284,23 @@ bool isMail(const std::string& path, Inputs& inputs) {
     return (path == "-" || !hasStandardInput()) && looksLikeMail(inputs.start(path, 65536));
 }
 
+/// Whether nothing but one structure is read that names the algorithms of today, so that what OpenSSL keeps for older ones, a
+/// tenth of a short run to load, is not asked for. Only what lies there as a whole can be looked through before.
+bool needsNothingOld(const VerifyOptions& options, Inputs& inputs) {
+    constexpr unsigned int mostLookedThrough = 16384;
+    constexpr unsigned char sequence = 0x30;
+    constexpr unsigned char longLength = 0x80; // no text has such an octet there
+    if (options.signature == "-" || options.trust->asked() || options.certificate || options.store)
+        return false;
+    const Norvane::Buffer start = inputs.start(options.signature, mostLookedThrough);
+    return start.length() > 1 && start.length() < mostLookedThrough && start.data()[0] == sequence &&
+           start.data()[1] >= longLength && !mayNameLegacyDigest(start);
+}
+
 Exit verify(const VerifyOptions& options) {
     Inputs inputs;
+    if (!needsNothingOld(options, inputs))
+        needOlderAlgorithms();
     std::optional<TrustJudge> judge;
     if (options.trust->asked())
         judge.emplace(options.trust->request(), inputs);
