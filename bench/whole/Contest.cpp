@@ -70,7 +70,8 @@ void Contest::over(const std::string& task, std::vector<std::size_t> points) {
 void Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds) {
     std::vector<Running> running;
     for (const Contestant& contestant : m_contestants) {
-        if (contestant.task != task.name || x > contestant.most || (!m_only.empty() && contestant.who != m_only)) {
+        if (contestant.task != task.name || x > contestant.most ||
+            (!m_only.empty() && !m_only.contains(contestant.who))) {
             continue;
         }
         try {

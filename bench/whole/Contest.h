@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,8 @@ public:
     void add(const std::string& task, const std::string& who, Prepare prepare, std::size_t most = unlimited);
     /// The sizes or numbers that a task is done for.
     void over(const std::string& task, std::vector<std::size_t> points);
-    /// Leaves out all others, for profiles: nobody for an empty name, no size or number for 0.
-    void only(const std::string& who, std::size_t x) {
+    /// Leaves out all others, for profiles and quick comparisons: nobody for no names, no size or number for 0.
+    void only(const std::set<std::string>& who, std::size_t x) {
         m_only = who;
         m_onlyAt = x;
     }
@@ -56,7 +57,7 @@ private:
     };
     void runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds);
 
-    std::string m_only;
+    std::set<std::string> m_only;
     std::size_t m_onlyAt = 0;
     std::vector<Task> m_tasks;
     std::vector<Contestant> m_contestants;

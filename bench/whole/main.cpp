@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -18,7 +19,7 @@ constexpr std::size_t megabyte = 1U << 20U;
 
 int main(int argc, char** argv) try {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts|--messages] [--who=WHO] [--at=X] [FILTER]\n",
+        std::fprintf(stderr, "usage: %s FOLDER [--quick] [--counts|--messages] [--who=WHO]... [--at=X] [FILTER]\n",
                      argv[0]);
         return 2;
     }
@@ -26,14 +27,16 @@ int main(int argc, char** argv) try {
     bool counts = false;
     bool messages = false;
     const char* filter = "";
-    std::string who;
+    std::set<std::string> who;
     std::size_t at = 0;
     for (int i = 2; i != argc; ++i) {
         const std::string_view word = argv[i];
         quick = quick || word == "--quick";
         counts = counts || word == "--counts";
         messages = messages || word == "--messages";
-        who = word.starts_with("--who=") ? std::string(word.substr(6)) : who;
+        if (word.starts_with("--who=")) {
+            who.emplace(word.substr(6));
+        }
         at = word.starts_with("--at=") ? std::strtoull(argv[i] + 5, nullptr, 10) : at;
         filter = word.substr(0, 2) == "--" ? filter : argv[i];
     }

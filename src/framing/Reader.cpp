@@ -83,14 +83,61 @@ bool Reader::fetch(std::size_t octets) {
         m_buffer.resize(wanted);
         m_window = m_buffer.data();
     }
+    if (m_sourceFailure != nullptr) {
+        std::rethrow_exception(m_sourceFailure);
+    }
     while (m_filled < octets) {
-        const int count = m_in.read(m_buffer.data() + m_filled, static_cast<unsigned int>(wanted - m_filled));
-        if (count <= 0) {
+        if (readSource(wanted - m_filled) == 0) {
             return false;
         }
-        m_filled += static_cast<std::size_t>(count);
+    }
+    if (m_inString && m_open != m_outsideString && m_definiteEnd == unknown) {
+        readAhead();
     }
     return true;
+}
+
+/// Reads so many octets at most into the window, which has room for them.
+std::size_t Reader::readSource(std::size_t octets) {
+    const int count = m_in.read(m_buffer.data() + m_filled, static_cast<unsigned int>(octets));
+    const std::size_t got = count <= 0 ? 0 : smallerOf(octets, static_cast<std::uint64_t>(count));
+    m_filled += got;
+    return got;
+}
+
+/// Fills the window with the segments behind this one, as long as the source has at hand what it is asked for. Where a string of
+/// indefinite length ends is known from one segment to the next, so that none can be asked for together with the one before; but
+/// the memory of a source that copies comes sooner when it is read in a row than between two calls of a cipher.
+void Reader::readAhead() {
+    for (std::uint64_t ahead = m_left; ahead <= atHand();) {
+        Header header;
+        const auto at = static_cast<std::size_t>(ahead);
+        if (readHeader(here() + at, atHand() - at, header) != HeaderState::complete ||
+            !header.is(TagClass::universal, octetString) || header.constructed || header.contentLength > windowSize) {
+            return;
+        }
+        ahead += header.size + header.contentLength;
+        const std::uint64_t wanted = ahead + endOfContentsSize * m_indefinite;
+        if (m_at + wanted > windowSize) {
+            return;
+        }
+        if (wanted <= atHand()) {
+            continue;
+        }
+        if (m_buffer.size() < windowSize) {
+            m_buffer.resize(windowSize);
+            m_window = m_buffer.data();
+        }
+        const std::size_t missing = static_cast<std::size_t>(wanted) - atHand();
+        try {
+            if (readSource(missing) != missing) {
+                return;
+            }
+        } catch (...) { // what came before it comes out first
+            m_sourceFailure = std::current_exception();
+            return;
+        }
+    }
 }
 
 void Reader::need(std::size_t octets) {
@@ -299,8 +346,39 @@ void Reader::openString(Segments segments) {
     }
 }
 
+void Reader::know(const SegmentRun& known) noexcept {
+    if (isInPlace() && known.end() <= m_filled) {
+        m_known = known;
+    }
+}
+
+/// Whether a segment that is known stands next.
+bool Reader::isAtKnown() const noexcept {
+    return m_known.count != 0 && m_known.start == m_at && m_left == 0 && !m_haveHeader && !m_atLevelEnd &&
+           m_known.count <= m_budget.segments;
+}
+
+void Reader::skipString(Segments segments) {
+    openString(segments);
+    while (!rawPiece().empty()) {
+        if (isAtKnown()) {
+            m_at += m_known.size();
+            m_budget.segments -= m_known.count;
+            m_known.count = 0;
+        }
+    }
+}
+
 /// Goes into the next segment, or out of a string that ends.
 void Reader::nextSegment() {
+    if (isAtKnown()) {
+        m_at += m_known.headerSize;
+        m_left = m_known.contentLength;
+        m_known.start += m_known.stride();
+        --m_known.count;
+        --m_budget.segments;
+        return;
+    }
     if (next() == nullptr) {
         pop();
         return;

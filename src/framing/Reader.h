@@ -23,7 +23,7 @@
 /// does not belong to the structure: what follows it is still in the source. There is no recursion; memory is a window
 /// of 64 KB and what `take` was allowed to keep.
 
-#include "framing/Elements.h"
+#include "framing/SegmentRun.h"
 
 #include <norvcmsg/BytesInMemory.h>
 #include <norvcmsg/Media.h>
@@ -104,6 +104,12 @@ public:
     /// less than 1 KB come gathered. All octets before a fault come before it is thrown.
     Octets piece();
 
+    /// Segments that were found in what is read, which must be read in place: their headers are not looked at again.
+    /// \param known counted from the first octet of the structure
+    void know(const SegmentRun& known) noexcept;
+    /// Passes the next element as a string, whatever its tag.
+    void skipString(Segments segments);
+
     /// To be called behind the outermost element, at whose end the source stands then.
     void finish();
 
@@ -126,6 +132,8 @@ private:
     [[nodiscard]] std::size_t atHand() const noexcept { return m_filled - m_at; }
     [[nodiscard]] const unsigned char* here() const noexcept { return m_window + m_at; }
     bool fetch(std::size_t octets);
+    std::size_t readSource(std::size_t octets);
+    void readAhead();
     void need(std::size_t octets);
     [[nodiscard]] std::uint64_t certain() const noexcept;
     void readNext();
@@ -136,6 +144,7 @@ private:
     void copy(std::uint64_t octets, std::vector<unsigned char>* into);
     void pass(std::vector<unsigned char>* into, std::size_t limit);
     void nextSegment();
+    [[nodiscard]] bool isAtKnown() const noexcept;
     Octets rawPiece();
     void gather();
 
@@ -145,7 +154,8 @@ private:
     std::vector<unsigned char> m_buffer;
     std::size_t m_at = 0;
     std::size_t m_filled = 0;
-    std::uint64_t m_windowStart = 0; ///< the position of the window's first octet
+    std::uint64_t m_windowStart = 0;    ///< the position of the window's first octet
+    std::exception_ptr m_sourceFailure; ///< what the source threw while more was read than was needed yet
 
     Budget m_budget;
     std::array<Level, deepest> m_levels; // what is not open is not read
@@ -166,6 +176,7 @@ private:
     std::size_t m_outsideString = 0; ///< the levels around it
     Segments m_segments = Segments::strict;
     bool m_inString = false;
+    SegmentRun m_known; ///< what of it is not passed yet
     Octets m_pending;
     std::optional<Fault> m_pendingFault;
     std::vector<unsigned char> m_gathered;

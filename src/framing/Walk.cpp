@@ -39,6 +39,14 @@ Walk::Step Walk::enter(std::size_t start) noexcept {
     return Step::opened;
 }
 
+bool Walk::pass(std::size_t octets) noexcept {
+    if (octets > limit() - m_at) {
+        return false;
+    }
+    m_at += octets;
+    return true;
+}
+
 Walk::Step Walk::next() noexcept {
     if (isLast(m_last)) {
         return m_last;

@@ -41,6 +41,9 @@ public:
 
     /// Goes on. The last step (`finished`, `damaged`, `tooDeep`) is answered again and again.
     Step next() noexcept;
+    /// After `primitive`: passes so many octets of elements behind it that stand in the same one and are known. False, and
+    /// nothing is passed, when it does not hold so many.
+    bool pass(std::size_t octets) noexcept;
 
     /// The header of the element that was opened or found last; after `closed` that of no particular one.
     [[nodiscard]] const Header& header() const noexcept { return m_header; }

@@ -67,7 +67,10 @@ struct Shape {
 /// Follows a walk and finds public keys and distribution points by their shape, wherever they stand.
 class Inspection {
 public:
-    Inspection(const unsigned char* der, std::size_t length) noexcept : m_walk(der, length) {}
+    Inspection(const unsigned char* der, std::size_t length, const framing::SegmentRun& known) noexcept
+        : m_known(known),
+          m_knownContent(der + known.start + known.headerSize),
+          m_walk(der, length) {}
 
     Refusal run() noexcept {
         for (;;) {
@@ -79,10 +82,27 @@ public:
             if (refusal != Refusal::none) {
                 return refusal;
             }
+            if (step == Walk::Step::primitive && m_walk.content() == m_knownContent && m_known.count > 1) {
+                passKnown();
+            }
         }
     }
 
 private:
+    /// The rest of a run, whose first element was found. Nothing is looked for among strings in a string.
+    void passKnown() noexcept {
+        Shape* parent = m_walk.depth() == 0 ? nullptr : &m_shapes[m_walk.depth() - 1];
+        const std::size_t rest = m_known.count - 1;
+        if (parent == nullptr || parent->isSequence || !m_walk.pass(rest * m_known.stride())) {
+            return;
+        }
+        parent->children += static_cast<std::uint32_t>(rest);
+        remember(*parent);
+        if (rest > 1) {
+            remember(*parent);
+        }
+    }
+
     Refusal found(bool opened) noexcept {
         const Header& header = m_walk.header();
         const std::size_t depth = m_walk.depth();
@@ -168,6 +188,8 @@ private:
 
     void remember(Shape& parent) noexcept { parent.last = {parent.last[1], parent.last[2], m_walk.elementSize()}; }
 
+    framing::SegmentRun m_known;
+    const unsigned char* m_knownContent; ///< of its first element
     Walk m_walk;
     std::array<Shape, Walk::deepest> m_shapes; // those of elements that are open are read
     std::size_t m_publicKeys = 0;
@@ -204,11 +226,11 @@ int refusalLibrary() {
 
 } // namespace
 
-Refusal refusalOf(const unsigned char* der, std::size_t length) noexcept {
+Refusal refusalOf(const unsigned char* der, std::size_t length, const framing::SegmentRun& known) noexcept {
     if (length > INT_MAX) {
         return Refusal::tooLong;
     }
-    return der == nullptr ? Refusal::none : Inspection(der, length).run();
+    return der == nullptr ? Refusal::none : Inspection(der, length, known).run();
 }
 
 bool isAcceptableCertificate(const unsigned char* der, std::size_t length) noexcept {

@@ -5,6 +5,8 @@
 /// to its size. OpenSSL decodes public keys as soon as it meets them, and copies an issuer's name for each distribution
 /// point that is named relative to it.
 
+#include "framing/SegmentRun.h"
+
 #include <openssl/x509.h>
 
 #include <cstddef>
@@ -32,7 +34,9 @@ constexpr std::size_t mostRelativeNames = 16384;
 /// level: a certificate, a bare key (SubjectPublicKeyInfo), a pair of certificates, a CMS structure. Octets in which
 /// there is no element to look at are not refused, since nothing is decoded from them either. The error queue is not
 /// touched. For the octets in a string (a bag of PKCS#12) ask again.
-[[nodiscard]] Refusal refusalOf(const unsigned char* der, std::size_t length) noexcept;
+/// \param known segments that were found in the element, whose headers need not be looked at
+[[nodiscard]] Refusal refusalOf(const unsigned char* der, std::size_t length,
+                                const framing::SegmentRun& known = {}) noexcept;
 
 /// Whether OpenSSL may decode and use a certificate of a stranger; true for octets that are no certificate.
 [[nodiscard]] bool isAcceptableCertificate(const unsigned char* der, std::size_t length) noexcept;

@@ -25,24 +25,32 @@ const X509_ALGOR* contentAlgorithm(const PKCS7* structure) noexcept {
     return envelope == nullptr || envelope->enc_data == nullptr ? nullptr : envelope->enc_data->algorithm;
 }
 
-/// Decrypts in pieces. What was decrypted before a damage is written.
+/// Decrypts in pieces, and writes once for several short ones. What was decrypted before a damage is written.
 bool decryptInto(BIO* out, EVP_CIPHER_CTX* context, const EncryptedOctets& content) {
     PaddedDecryption decryption(context);
-    const auto pass = [&](const auto& clear) {
-        const int length = clear ? static_cast<int>(clear->size()) : -1;
-        return length == 0 || (length > 0 && BIO_write(out, clear->data(), length) == length);
+    const auto pass = [&](std::span<const unsigned char> clear) {
+        const int length = static_cast<int>(clear.size());
+        return length == 0 || BIO_write(out, clear.data(), length) == length;
     };
     EncryptedOctets::Pieces pieces(content);
     for (auto octets = pieces.next(); !octets.empty(); octets = pieces.next()) {
         while (!octets.empty()) {
             const auto piece = octets.first(std::min(octets.size(), PaddedDecryption::s_pieceLength));
-            if (!pass(decryption.update(piece))) {
+            if (piece.size() > decryption.room() && !pass(decryption.take())) {
+                return false;
+            }
+            if (!decryption.add(piece)) {
+                static_cast<void>(pass(decryption.take()));
                 return false;
             }
             octets = octets.subspan(piece.size());
         }
     }
-    return pass(decryption.finish());
+    if (!pass(decryption.take())) {
+        return false;
+    }
+    const auto last = decryption.finish();
+    return last && pass(*last);
 }
 
 } // namespace

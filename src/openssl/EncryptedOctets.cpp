@@ -28,7 +28,9 @@ EncryptedOctets::EncryptedOctets(const ASN1_OCTET_STRING* octets) noexcept {
 }
 
 struct EncryptedOctets::Pieces::Segments {
-    explicit Segments(Octets element) : reader(octetsSource(element), {.depth = deepestInContent}) {
+    Segments(Octets element, const framing::SegmentRun& known)
+        : reader(octetsSource(element), {.depth = deepestInContent}) {
+        reader.know(known);
         reader.openString(framing::Segments::strict);
     }
     Reader reader;
@@ -41,7 +43,7 @@ EncryptedOctets::Pieces::Pieces(const EncryptedOctets& content) : m_octets(conte
     framing::Header header;
     framing::readHeader(m_octets.data(), m_octets.size(), header);
     if (header.constructed) {
-        m_segments = std::make_unique<Segments>(m_octets);
+        m_segments = std::make_unique<Segments>(m_octets, content.m_known);
     } else {
         m_octets = m_octets.subspan(header.size);
     }
@@ -53,9 +55,8 @@ Octets EncryptedOctets::Pieces::next() {
     return m_segments != nullptr ? m_segments->reader.piece() : std::exchange(m_octets, {});
 }
 
-OctetStringPtr joined(Octets element) {
+OctetStringPtr joined(const EncryptedOctets& octets) {
     std::size_t length = 0;
-    const EncryptedOctets octets(element);
     for (EncryptedOctets::Pieces pieces(octets);;) {
         const Octets piece = pieces.next();
         if (piece.empty()) {

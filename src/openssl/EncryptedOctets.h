@@ -4,7 +4,7 @@
 /// The octets of a content where they lie: in a structure of OpenSSL's, or in the encoding that it was read from, in pieces
 /// maybe.
 
-#include "framing/Elements.h"
+#include "framing/SegmentRun.h"
 #include "openssl/Pointers.h"
 
 #include <memory>
@@ -17,7 +17,11 @@ public:
     EncryptedOctets() noexcept = default;
     explicit EncryptedOctets(const ASN1_OCTET_STRING* octets) noexcept;
     /// An element that is a string, with its header, known to be sound.
-    explicit EncryptedOctets(framing::Octets element) noexcept : m_octets(element), m_isElement(true) {}
+    /// \param known segments that were found in it, counted from its header
+    explicit EncryptedOctets(framing::Octets element, const framing::SegmentRun& known = {}) noexcept
+        : m_octets(element),
+          m_known(known),
+          m_isElement(true) {}
 
     /// Whether there is a content, of no octets maybe.
     [[nodiscard]] bool isThere() const noexcept { return m_isElement || m_octets.data() != nullptr; }
@@ -40,10 +44,11 @@ public:
 
 private:
     framing::Octets m_octets;
+    framing::SegmentRun m_known;
     bool m_isElement = false;
 };
 
-/// A string of a sound structure, in one piece. \throws std::bad_alloc
-OctetStringPtr joined(framing::Octets element);
+/// The octets in one piece. \throws std::bad_alloc
+OctetStringPtr joined(const EncryptedOctets& octets);
 
 } // namespace Norvane::Crypto::openssl

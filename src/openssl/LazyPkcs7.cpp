@@ -115,20 +115,26 @@ bool keepElements(Octets element, std::vector<unsigned char>& kept, Parts& parts
 /// The elements of a content, and where they lie.
 struct LazyPkcs7::Parts {
     Octets all;
+    framing::SegmentRun segments;
     Reader reader;
 
-    explicit Parts(const MediaIn& source, Octets octets) : all(octets), reader(source, {.depth = deepest}) {}
+    explicit Parts(const StructureOctets& octets)
+        : all(octets.octets()),
+          segments(octets.segments()),
+          reader(octetsSource(all), {.depth = deepest}) {
+        reader.know(segments);
+    }
     Octets take() { return reader.take(unlimited); }
     [[nodiscard]] Octets since(std::uint64_t start) const {
         return all.subspan(static_cast<std::size_t>(start), static_cast<std::size_t>(reader.position() - start));
     }
     /// A string, in one piece or in segments.
-    Octets takeString() {
-        const std::uint64_t start = reader.position();
-        reader.openString(framing::Segments::strict);
-        while (!reader.piece().empty()) {
-        }
-        return since(start);
+    EncryptedOctets takeString() {
+        const auto start = static_cast<std::size_t>(reader.position());
+        reader.skipString(framing::Segments::strict);
+        const Octets element = since(start);
+        const bool isIn = segments.start >= start && segments.end() - start <= element.size();
+        return EncryptedOctets(element, isIn ? segments.within(start) : framing::SegmentRun());
     }
 };
 
@@ -136,7 +142,7 @@ std::unique_ptr<LazyPkcs7> LazyPkcs7::decode(StructureOctets octets) {
     auto lazy = std::make_unique<LazyPkcs7>(Pkcs7Ptr());
     lazy->m_octets = std::move(octets);
     const Octets all = lazy->m_octets.octets();
-    if (!isAccepted("ASN1_d2i_bio", refusalOf(all.data(), all.size()))) {
+    if (!isAccepted("ASN1_d2i_bio", refusalOf(all.data(), all.size(), lazy->m_octets.segments()))) {
         return nullptr;
     }
     lazy->m_structure = lazy->decodeSkeleton();
@@ -157,7 +163,7 @@ Pkcs7Ptr LazyPkcs7::decodeSkeleton() {
     const ErrorMark mark;
     Pkcs7Ptr structure;
     try {
-        Parts parts(octetsSource(m_octets.octets()), m_octets.octets());
+        Parts parts(m_octets);
         parts.reader.expect(framing::sequence);
         parts.reader.enter();
         const Octets type = parts.take();
@@ -182,7 +188,7 @@ Pkcs7Ptr LazyPkcs7::decodeSigned(Octets type, Parts& parts) {
     Octets contentType;
     Octets contents;
     Octets signers;
-    Octets carried;
+    EncryptedOctets carried;
     Octets certificates;
     Octets lists;
     walkContent(reader, [&] {
@@ -219,14 +225,14 @@ Pkcs7Ptr LazyPkcs7::decodeSigned(Octets type, Parts& parts) {
     m_certificatesWait = takeCertificates(certificates);
     m_listsWait = takeLists(lists);
     std::vector<unsigned char> typeAlone;
-    if (!carried.empty()) {
+    if (carried.isThere()) {
         typeAlone = framing::constructed(TagClass::universal, framing::sequence, std::array{contentType});
         contents = typeAlone;
     }
     Pkcs7Ptr structure = decodeStructure(
         contentInfo(type, std::array{version, algorithms, contents, m_certificatesWait ? Octets() : certificates,
                                      m_listsWait ? Octets() : lists, signers}));
-    if (structure != nullptr && !carried.empty()) {
+    if (structure != nullptr && carried.isThere()) {
         structure->d.sign->contents->d.data = joined(carried).release();
     }
     return structure;
@@ -255,7 +261,7 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
     if (reader.position() != parts.all.size()) {
         return nullptr;
     }
-    m_contentWaits = !m_content.empty();
+    m_contentWaits = m_content.isThere();
     m_recipientsWait = takeRecipients(recipients);
     static constexpr std::array<unsigned char, 2> emptySet{0x31, 0};
     const std::vector<unsigned char> encrypted =
@@ -375,7 +381,7 @@ const PKCS7_RECIP_INFO* LazyPkcs7::recipient(std::size_t index) {
 }
 
 EncryptedOctets LazyPkcs7::encryptedOctets() const noexcept {
-    return m_contentWaits ? EncryptedOctets(m_content) : EncryptedOctets(encryptedContent(m_structure.get()));
+    return m_contentWaits ? m_content : EncryptedOctets(encryptedContent(m_structure.get()));
 }
 
 } // namespace Norvane::Crypto::openssl

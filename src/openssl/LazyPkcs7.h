@@ -80,7 +80,7 @@ private:
     std::vector<Waiting<CertificatePtr>> m_certificates;
     std::vector<Waiting<CrlPtr>> m_lists;
     std::vector<Waiting<RecipientPtr>> m_recipients;
-    framing::Octets m_content;
+    EncryptedOctets m_content; ///< none when it does not wait
     bool m_certificatesWait = false;
     bool m_listsWait = false;
     bool m_recipientsWait = false;

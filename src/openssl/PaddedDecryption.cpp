@@ -13,20 +13,33 @@ PaddedDecryption::PaddedDecryption(EVP_CIPHER_CTX* context)
     EVP_CIPHER_CTX_set_padding(context, 0);
 }
 
-std::optional<std::span<const unsigned char>> PaddedDecryption::update(std::span<const unsigned char> encrypted) {
-    unsigned char* const front = m_clear.data();
-    std::copy(m_held.begin(), m_held.end(), front);
-    const std::size_t before = m_held.size();
-    int count = 0;
-    if (EVP_DecryptUpdate(m_context, front + before, &count, encrypted.data(), static_cast<int>(encrypted.size())) !=
-        1) {
-        return std::nullopt;
+bool PaddedDecryption::add(std::span<const unsigned char> encrypted) {
+    if (m_added == 0) {
+        std::copy(m_held.begin(), m_held.end(), m_clear.data());
+        m_clearLength = m_held.size();
     }
-    const std::size_t clear = before + static_cast<std::size_t>(count);
-    m_partial = (m_partial + encrypted.size()) % m_block;
-    const std::size_t held = m_block == 1 || m_partial != 0 ? 0 : std::min(m_block, clear);
-    m_held = {front + (clear - held), held};
-    return std::span<const unsigned char>(front, clear - held);
+    int count = 0;
+    if (EVP_DecryptUpdate(m_context, m_clear.data() + m_clearLength, &count, encrypted.data(),
+                          static_cast<int>(encrypted.size())) != 1) {
+        return false;
+    }
+    m_added += encrypted.size();
+    m_clearLength += static_cast<std::size_t>(count);
+    return true;
+}
+
+std::span<const unsigned char> PaddedDecryption::take() noexcept {
+    m_partial = (m_partial + m_added) % m_block;
+    m_added = 0;
+    const std::size_t held = m_block == 1 || m_partial != 0 ? 0 : std::min(m_block, m_clearLength);
+    const std::size_t taken = m_clearLength - held;
+    m_held = {m_clear.data() + taken, held};
+    m_clearLength = held;
+    return {m_clear.data(), taken};
+}
+
+std::optional<std::span<const unsigned char>> PaddedDecryption::update(std::span<const unsigned char> encrypted) {
+    return add(encrypted) ? std::optional(take()) : std::nullopt;
 }
 
 /// The length of the last block without its padding. What is wrong with it does not show in the time that this takes.

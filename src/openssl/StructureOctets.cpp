@@ -97,8 +97,10 @@ class StructureOctets::Lent {
 public:
     explicit Lent(const BytesInMemory& source) noexcept : m_all(source.rest(), source.left()) {}
     [[nodiscard]] Octets octets() const noexcept { return m_all.first(m_read); }
-    void expectMore(std::size_t at, const framing::Header& header) const noexcept {
-        framing::prefetchHeader(m_all.subspan(at), header);
+    /// How many elements with this header stand from there on, of which the first may not be there as a whole.
+    [[nodiscard]] std::size_t countAlike(std::size_t at, const framing::Header& header) const noexcept {
+        const Octets counted = m_all.first(std::min<std::size_t>(m_all.size(), INT_MAX)); // as OpenSSL counts
+        return at < counted.size() ? framing::countAlike(counted.subspan(at), header) : 1;
     }
     void read(std::size_t count) { m_read += std::min(count, m_all.size() - m_read); }
 
@@ -111,7 +113,9 @@ class StructureOctets::Read {
 public:
     Read(MediaIn& source, GrowingOctets& kept) noexcept : m_source(source), m_kept(kept) {}
     [[nodiscard]] Octets octets() const noexcept { return m_kept.octets(); }
-    void expectMore(std::size_t /*at*/, const framing::Header& /*header*/) const noexcept {}
+    [[nodiscard]] static std::size_t countAlike(std::size_t /*at*/, const framing::Header& /*header*/) noexcept {
+        return 1; // the next one is not there yet
+    }
     void read(std::size_t count) {
         const std::size_t wanted = m_kept.octets().size() + count;
         while (m_kept.octets().size() != wanted) {
@@ -148,6 +152,7 @@ template <class Bytes> bool StructureOctets::frame(Bytes& bytes) {
         }
         return bytes.octets().size() >= count;
     };
+    framing::LongestRun run;
     std::size_t end = 0;
     std::size_t open = 0;
     do {
@@ -162,7 +167,7 @@ template <class Bytes> bool StructureOctets::frame(Bytes& bytes) {
                 framing::HeaderState::complete) {
             return false;
         }
-        bytes.expectMore(end, header);
+        const std::size_t start = end;
         end += header.size;
         if (header.indefinite) {
             ++open;
@@ -172,14 +177,21 @@ template <class Bytes> bool StructureOctets::frame(Bytes& bytes) {
                    (open != 0 && header.contentLength == 0 && header.tag == 0)) {
             return false;
         } else {
-            end += static_cast<std::size_t>(header.contentLength);
+            const std::size_t stride = header.size + static_cast<std::size_t>(header.contentLength);
+            const std::size_t alike = open != 0 ? bytes.countAlike(start, header) : 1;
+            run.add(start, header, alike);
+            end = start + alike * stride;
             if (!need(end)) {
                 return false;
             }
         }
     } while (open != 0);
+    if (end > INT_MAX) {
+        return false;
+    }
     m_octets = bytes.octets().first(end);
-    return end <= INT_MAX;
+    m_segments = run.longest();
+    return true;
 }
 
 StructureOctets::StructureOctets(MediaIn& source) {

@@ -3,7 +3,7 @@
 /// \file
 /// The octets of one structure from a source, before anything is decoded.
 
-#include "framing/Elements.h"
+#include "framing/SegmentRun.h"
 
 #include <norvcmsg/Media.h>
 
@@ -48,6 +48,8 @@ public:
     /// were read from the source, which stands behind them: no more than OpenSSL reads to tell what is wrong, if anything is.
     [[nodiscard]] bool isWhole() const noexcept { return m_isWhole; }
     [[nodiscard]] framing::Octets octets() const noexcept { return m_octets; }
+    /// The longest run of segments in them, if they are whole.
+    [[nodiscard]] const framing::SegmentRun& segments() const noexcept { return m_segments; }
 
 private:
     class Lent;
@@ -57,6 +59,7 @@ private:
     MediaIn m_source; ///< what lends the octets
     GrowingOctets m_kept;
     framing::Octets m_octets;
+    framing::SegmentRun m_segments;
     bool m_isWhole = false;
 };
 

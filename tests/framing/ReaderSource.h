@@ -25,7 +25,8 @@ public:
         if (m_at >= throwAt || length > throwAt - m_at) {
             throw Norvane::MediaException("PiecesIn", 4, "ReaderSource", 0);
         }
-        std::size_t count = std::min<std::size_t>(length, m_octets.size() - m_at);
+        ++reads;
+        std::size_t count = std::min<std::size_t>({length, most, m_octets.size() - m_at});
         for (std::size_t size = 1; size < count; ++size) {
             if (m_at + size < 64 && (splits >> (m_at + size - 1) & 1U) != 0) {
                 count = size;
@@ -40,6 +41,8 @@ public:
 
     std::uint64_t splits = 0; ///< a read ends behind octet n + 1 for each bit n
     std::size_t throwAt = SIZE_MAX;
+    std::size_t most = SIZE_MAX; ///< octets that a read gives at most
+    std::size_t reads = 0;
     [[nodiscard]] std::size_t taken() const noexcept { return m_at; }
 
 private:
@@ -59,6 +62,8 @@ public:
         m_body->setpos(0);
     }
     void throwAt(std::size_t octet) { m_body->throwAt = octet; }
+    void giveAtMost(std::size_t octets) { m_body->most = octets; }
+    [[nodiscard]] std::size_t reads() const noexcept { return m_body->reads; }
     /// How many octets were read.
     [[nodiscard]] std::size_t taken() const noexcept { return m_body->taken(); }
 

@@ -161,6 +161,71 @@ TEST(FramingReader, SegmentsOfAMessageComeWholeFromAnySource) {
     EXPECT_EQ(pieces, 10U);
 }
 
+namespace {
+
+/// A string of that many segments of 4 KB within levels of indefinite length, and something else behind it.
+Bytes messageOf(std::size_t segments) {
+    Bytes message = segmented(segments << 12U, 1U << 12U);
+    message.insert(message.begin(), {0x30, 0x80, 0x30, 0x80, 0x30, 0x80});
+    message.insert(message.end(), {0, 0, 0, 0, 0, 0, 'm', 'o', 'r', 'e'});
+    return message;
+}
+
+void enterMessage(Reader& reader) {
+    for (int level = 0; level != 3; ++level) {
+        reader.enter();
+    }
+    reader.openString(Segments::strict);
+}
+
+} // namespace
+
+TEST(FramingReader, SegmentsAreReadInARowWhileTheSourceHasThem) {
+    const Bytes message = messageOf(100);
+    PiecesIn in(message);
+    Reader reader(in);
+    enterMessage(reader);
+    std::size_t pieces = 0;
+    std::size_t rows = 0; // of reads, between which pieces are handed out
+    for (std::size_t reads = in.reads(); !reader.piece().empty(); reads = in.reads()) {
+        ++pieces;
+        rows += in.reads() != reads ? 1U : 0U;
+        EXPECT_LE(in.taken(), (pieces << 12U) + 0x10000 + 500);
+    }
+    EXPECT_EQ(pieces, 100U);
+    EXPECT_LE(rows, 8U) << "a window of 64 KB takes 15 segments";
+    for (int level = 0; level != 3; ++level) {
+        reader.leave();
+    }
+    reader.finish();
+    EXPECT_EQ(in.taken(), message.size() - 4);
+}
+
+TEST(FramingReader, ASourceThatGaveLessThanItWasAskedForIsNotAskedForMore) {
+    PiecesIn in(messageOf(10));
+    in.giveAtMost(3000);
+    Reader reader(in);
+    enterMessage(reader);
+    std::size_t handedOut = 0;
+    for (Octets piece = reader.piece(); !piece.empty(); piece = reader.piece()) {
+        handedOut += piece.size();
+        // Headers are not counted. What is at hand waits for no second read.
+        EXPECT_LE(in.taken(), handedOut + 4 * (handedOut >> 12U) + 3100) << "one read at most ahead";
+    }
+    EXPECT_EQ(handedOut, 10U << 12U);
+}
+
+TEST(FramingReader, WhatASourceGaveBeforeItThrewComesOutFirst) {
+    PiecesIn in(messageOf(10));
+    in.throwAt(5U << 12U);
+    Reader reader(in);
+    enterMessage(reader);
+    std::size_t pieces = 0;
+    EXPECT_THROW(
+        while (!reader.piece().empty()) { ++pieces; }, Norvane::MediaException);
+    EXPECT_EQ(pieces, 4U);
+}
+
 TEST_P(FramingReader, AllOctetsBeforeAFaultComeOut) {
     // A string that breaks off; segments before one that is no octet string, before a header that is none, before the end.
     for (const auto& [hex, fault] : {std::pair("0409616263", Fault::ended),

@@ -47,6 +47,27 @@ std::string stepsOf(const std::string& hex) {
     return walk(fromHex(hex)).steps;
 }
 
+} // namespace
+
+TEST(FramingWalk, ElementsThatAreKnownArePassedWithinTheOneAroundThem) {
+    const Bytes octets = fromHex("3080"
+                                 "24060401010401020500"
+                                 "0000");
+    Walk through(octets.data(), octets.size());
+    EXPECT_EQ(through.next(), Walk::Step::opened);
+    EXPECT_EQ(through.next(), Walk::Step::opened);
+    EXPECT_EQ(through.next(), Walk::Step::primitive);
+    EXPECT_FALSE(through.pass(4)) << "the outer one holds so many, this one does not";
+    EXPECT_TRUE(through.pass(3));
+    EXPECT_EQ(through.next(), Walk::Step::closed);
+    EXPECT_EQ(through.elementSize(), 8U);
+    EXPECT_EQ(through.next(), Walk::Step::primitive);
+    EXPECT_EQ(through.next(), Walk::Step::closed);
+    EXPECT_EQ(through.next(), Walk::Step::finished);
+}
+
+namespace {
+
 Bytes nested(std::size_t levels, bool indefinite) {
     Bytes octets;
     if (indefinite) {

@@ -88,6 +88,35 @@ TEST_F(VerifyKindsToolTest, SignerByKeyIdentifier) {
     EXPECT_EQ(0U, refused.out.find("signer 1: NOT VERIFIED, no certificate with key identifier ")) << refused.out;
 }
 
+// What OpenSSL keeps for older algorithms takes a tenth of a short run to load.
+TEST_F(VerifyKindsToolTest, OldDigestsAreLoadedForThoseWhoNameThem) {
+    const auto loads = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{"verify", "--signature", "sig"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Answer answer = norvcrypt(
+            Command{.arguments = arguments, .directory = work.directory(), .environment = {{"LD_DEBUG", "files"}}});
+        EXPECT_EQ(0, answer.status) << answer.out;
+        EXPECT_EQ(0U, answer.out.find("signer 1: good signature, ")) << answer.out;
+        EXPECT_NE(std::string::npos, answer.err.find("libcrypto.so")) << "the loader tells what it loads";
+        return answer.err.find("legacy.so") != std::string::npos;
+    };
+    openssl("alice", {"-md", "sha256"});
+    EXPECT_FALSE(loads({"--in", "body"}));
+    EXPECT_TRUE(loads({"--in", "body", "--cert", "alice.pem"})) << "who knows what is in there";
+    openssl("alice", {"-md", "sha256", "-nodetach"});
+    EXPECT_FALSE(loads({"--embedded"}));
+    for (const char* signedAttributes : {"-md", "-noattr"}) { // -md twice changes nothing
+        std::vector<std::string> more{"-md", "md4", "-provider", "legacy", "-provider", "default", signedAttributes};
+        if (more.back() == "-md")
+            more.emplace_back("md4");
+        openssl("alice", more);
+        EXPECT_TRUE(loads({"--in", "body"}));
+        more.insert(more.end(), {"-outform", "PEM"});
+        openssl("alice", more);
+        EXPECT_TRUE(loads({"--in", "body"}));
+    }
+}
+
 TEST_F(VerifyKindsToolTest, AnAlgorithmThatIsNotSupportedIsNamed) {
     openssl("alice", {"-noattr"});
     std::string der = work.read("sig");

@@ -8,6 +8,7 @@
 #include "files/RepeatableBody.h"
 #include "identities/Store.h"
 #include "many/ManyOptions.h"
+#include "openssl/Start.h"
 #include "read/CertificateFile.h"
 #include "read/StructureFile.h"
 #include "recognise/Wrapped.h"
@@ -160,6 +161,8 @@ struct Judging {
             return judged;
         const std::vector<SignatureResult> results = judgeSigners(message, *body, certificates);
         judged.signers = withTrust(message, results);
+        if (judged.verdict() != SignatureVerdict::good)
+            needOlderAlgorithms(); // all is tried that may tell why
         judged.diagnosis = diagnosisOf(message, file, detached ? &*detached : nullptr, results, certificates);
         judged.body = body;
         return judged;
@@ -288,10 +291,28 @@ Exit verifyMany(const VerifyOptions& options) {
         [&](const Item& item, Inputs& inputs) { return verifyOne(item, options, judging, mails, inputs); });
 }
 
+/// Whether nothing but one structure is read that names the algorithms of today, so that what OpenSSL keeps for older ones, a
+/// tenth of a short run to load, is not asked for. Only what lies there as a whole can be looked through before.
+bool needsNothingOld(const VerifyOptions& options, Inputs& inputs) {
+    constexpr unsigned int mostLookedThrough = 16384;
+    constexpr unsigned char sequence = 0x30;
+    constexpr unsigned char longLength = 0x80; // no text has such an octet there
+    const std::string signature = options.signatures->one();
+    if (signature == "-" || options.trust->asked() || options.certificate || options.store)
+        return false;
+    const Norvane::Buffer start = inputs.start(signature, mostLookedThrough);
+    return start.length() > 1 && start.length() < mostLookedThrough && start.data()[0] == sequence &&
+           start.data()[1] >= longLength && !mayNameLegacyDigest(start);
+}
+
 Exit verify(const VerifyOptions& options) {
-    if (options.signatures->areMany())
+    if (options.signatures->areMany()) {
+        needOlderAlgorithms();
         return verifyMany(options);
+    }
     Inputs inputs;
+    if (!needsNothingOld(options, inputs))
+        needOlderAlgorithms();
     const Judging judging(options, inputs);
     const Subject subject{.signature = options.signatures->one(), .body = options.in, .embedded = options.embedded};
     if (!options.in && !options.embedded && isMail(subject.signature, inputs))

@@ -3,6 +3,7 @@
 /// \file
 /// What OpenSSL is started with. Starting all of it takes a tenth of a short run.
 
+#include <norvcmsg/Buffer.h>
 #include <norvcrypto/Crypto.h>
 
 #include <string_view>
@@ -10,7 +11,7 @@
 namespace norvcrypt {
 
 /// In the place of the library's `initialize`: signing with a key in clear and verifying need neither TLS nor the texts of
-/// errors, until there is one, and signing nothing of the legacy provider.
+/// errors, until there is one, nor the legacy provider, until a signature names a digest that is there alone.
 void startFor(std::string_view command);
 
 /// Makes all algorithms known that there are. To be called before anything that may need one of them: what was encrypted
@@ -18,5 +19,12 @@ void startFor(std::string_view command);
 inline void needAllAlgorithms() {
     Norvane::Crypto::initialize();
 }
+
+/// Makes the algorithms of the legacy provider known to a command that was started without.
+void needOlderAlgorithms();
+
+/// Whether a structure may name a digest that is in the legacy provider alone.
+/// \param structure all of it, in BER or DER
+bool mayNameLegacyDigest(const Norvane::Buffer& structure);
 
 } // namespace norvcrypt
