@@ -8,9 +8,9 @@ build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev
   libgcrypt20-dev libidn2-dev libgmime-3.0-dev libcli11-dev nlohmann-json3-dev libtomlplusplus-dev
   libmilter-dev libcurl4-openssl-dev prometheus-cpp-dev)
 test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools gnutls-bin default-jdk-headless libbcpkix-java python3)
-check_packages=(clang-format clang-tidy git doxygen)
+check_packages=(clang-format clang-tidy git doxygen abigail-tools)
 reference_packages=(doxygen)
-package_packages=(debhelper dpkg-dev doxygen lintian)
+package_packages=(debhelper dpkg-dev doxygen lintian abigail-tools)
 bench_packages=(libbenchmark-dev)
 peer_packages=(libbotan-2-dev libnss3-dev libnss3-tools libqca-qt5-2-dev libqca-qt5-2-plugins gpgsm gpg-agent gnuplot-nox
   python3)

@@ -10,14 +10,15 @@ namespace {
 constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::uint8_t invalid = 0xFF;
 
-constexpr auto values = [] {
+constexpr std::array<std::uint8_t, 256> valuesOfDigits() {
     std::array<std::uint8_t, 256> table{};
     table.fill(invalid);
     for (std::size_t i = 0; i < alphabet.size(); ++i) {
         table[static_cast<unsigned char>(alphabet[i])] = static_cast<std::uint8_t>(i);
     }
     return table;
-}();
+}
+constexpr auto values = valuesOfDigits();
 
 constexpr bool isWhiteSpace(char character) {
     return character == ' ' || (character >= '\t' && character <= '\r');

@@ -66,6 +66,8 @@ FolderNames namesIn(const FileDescriptor& folder) {
     }
     static_cast<void>(own.release()); // the stream closes it
     errno = 0;
+    // The stream is this function's own, and readdir_r is deprecated: names may be longer than it has room for.
+    // cppcheck-suppress readdirCalled
     while (const dirent* entry = readdir(stream.get())) {
         if (entry->d_name[0] != '.') {
             listed.names.emplace_back(entry->d_name);

@@ -132,8 +132,8 @@ TEST(StreamingToolTest, BarOnATerminalGoesAwayAgain) {
 }
 
 /// What a terminal that stands for both standard output and standard error got.
-std::string toldOnATerminal(const Workspace& work, const std::vector<std::string>& arguments,
-                            const std::string& input) {
+std::string toldOnATerminal(const Workspace& work, const std::vector<std::string>& arguments, const std::string& input,
+                            unsigned int wait) {
     std::array<int, 2> terminal{};
     std::array<int, 2> pipe{};
     if (openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr) != 0 || pipe2(pipe.data(), O_CLOEXEC) != 0)
@@ -156,7 +156,7 @@ std::string toldOnATerminal(const Workspace& work, const std::vector<std::string
     close(pipe[0]);
     close(terminal[1]);
     // The bar comes half a second after the start; what is read before that shows none.
-    usleep(700'000);
+    usleep(wait * 1000);
     EXPECT_EQ(static_cast<ssize_t>(input.size()), write(pipe[1], input.data(), input.size()));
     close(pipe[1]);
     std::string told;
@@ -177,16 +177,18 @@ TEST(StreamingToolTest, VerdictDoesNotStandBehindTheBar) {
     ASSERT_EQ(0, norvcrypt({"sign", "--cert", work.path("alice.pem"), "--key", work.path("alice.key"), "--in",
                             work.path("small"), "--out", work.path("sig")})
                      .status);
-    // Why the signature does not fit this body is looked for in further readings of it, until a bar came with one.
-    for (std::size_t length = 1U << 22U; length <= 1U << 26U; length *= 4) {
-        work.write("body", std::string(length, 'x'));
+    std::string body;
+    while (body.size() < 1U << 23U)
+        body += "a line of a body whose every line is like the others\r\n";
+    work.write("body", body);
+    // Why the signature does not fit is looked for in further readings of the body. How long the tool takes to start, nobody knows.
+    for (unsigned int wait = 700; wait < 30'000; wait *= 2) {
         const std::string told =
-            toldOnATerminal(work, {"verify", "--signature", "-", "--in", "body"}, work.read("sig"));
+            toldOnATerminal(work, {"verify", "--signature", "-", "--in", "body"}, work.read("sig"), wait);
         const std::size_t verdict = told.find("signer 1: NOT VERIFIED");
         ASSERT_NE(std::string::npos, verdict) << told;
         if (told.find("\r\x1B[K\rverifying") == std::string::npos)
             continue;
-        ASSERT_LE(4U, verdict) << told;
         EXPECT_EQ("\r\x1B[K", told.substr(verdict - 4, 4)) << told;
         return;
     }

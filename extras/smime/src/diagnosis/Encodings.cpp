@@ -22,14 +22,15 @@ int hexValue(char digit) noexcept {
     return value == std::string_view::npos ? -1 : static_cast<int>(value);
 }
 
-constexpr std::array<std::int16_t, 256> base64Values = [] {
+constexpr std::array<std::int16_t, 256> valuesOfBase64() {
     std::array<std::int16_t, 256> values{};
     values.fill(-1);
     for (std::size_t value = 0; value != base64Alphabet.size(); ++value) {
         values[static_cast<unsigned char>(base64Alphabet[value])] = static_cast<std::int16_t>(value);
     }
     return values;
-}();
+}
+constexpr std::array<std::int16_t, 256> base64Values = valuesOfBase64();
 
 class PlainDecoder : public TextDecoder {
 public:
