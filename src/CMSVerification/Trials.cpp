@@ -1,6 +1,7 @@
 #include "CMSVerification/Trials.h"
 
 #include "openssl/AlgorithmName.h"
+#include "openssl/ErrorQueue.h"
 #include "openssl/Signers.h"
 
 #include <algorithm>
@@ -48,8 +49,10 @@ std::optional<SignatureReason> faultOfAttributes(const FoundAttribute& contentTy
 
 SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* certificate) {
     const ASN1_OBJECT* algorithm = openssl::publicKeyAlgorithm(certificate);
+    const openssl::ErrorMark mark;
     EVP_PKEY* key = X509_get0_pubkey(certificate);
     if (key == nullptr) {
+        mark.throwWithoutMemory();
         return openssl::alwaysDecodes(algorithm) ? refused(SignatureReason::keyUnusable)
                                                  : unsupported(SignatureReason::keyAlgorithm, algorithm);
     }
