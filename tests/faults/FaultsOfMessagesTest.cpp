@@ -478,4 +478,24 @@ std::vector<Operation> operations() {
 
 NORV_FAULTS(Messages, operations);
 
+// What the table in driver/OpensslDefects.cpp says, with OpenSSL alone.
+TEST(OpensslWithoutMemory, SaysThatEqualKeysDiffer) {
+    Norvane::Crypto::initialize();
+    const norvauthority::Bytes der = curve().key.publicDer();
+    const unsigned char* at = der.data();
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> other(
+        d2i_PUBKEY(nullptr, &at, static_cast<long>(der.size())), EVP_PKEY_free);
+    ASSERT_EQ(EVP_PKEY_eq(curve().key.get(), other.get()), 1);
+    int differing = 0;
+    bool came = true;
+    for (long number = 1; came; ++number) {
+        faults::arm(faults::Kind::opensslAllocation, number);
+        const int answer = EVP_PKEY_eq(curve().key.get(), other.get());
+        came = faults::disarm();
+        differing += answer == 0 ? 1 : 0;
+        ERR_clear_error();
+    }
+    EXPECT_GT(differing, 0);
+}
+
 } // namespace

@@ -432,6 +432,12 @@ struct Server {
     NVSSL::SSLSocket listening;
     Norvane::SocketAddress address = listening.localAddress();
 };
+/// Keeps no sessions, which would count as memory that is not given back.
+NVSSL::RefContext servingContext() {
+    const NVSSL::RefContext context = tlstesting::serverContext();
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    return context;
+}
 std::shared_ptr<Server> serverOn(const NVSSL::RefContext& context) {
     const faults::Pause pause;
     return std::make_shared<Server>(context);
@@ -446,7 +452,7 @@ NVSSL::ConnectionOptions trusting() {
 }
 
 Operation connects(const std::string& name, const Identity& trusted, int version, bool bad) {
-    const NVSSL::RefContext serving = tlstesting::serverContext();
+    const NVSSL::RefContext serving = servingContext();
     const auto context = std::make_shared<NVSSL::RefContext>(tlstesting::only(tlstesting::clientContext(), version));
     tlstesting::trust(*context, trusted);
     SSL_CTX_set_verify(*context, SSL_VERIFY_PEER, nullptr);
@@ -483,7 +489,7 @@ Operation connects(const std::string& name, const Identity& trusted, int version
 }
 
 Operation accepts() {
-    const NVSSL::RefContext serving = tlstesting::serverContext();
+    const NVSSL::RefContext serving = servingContext();
     const auto context = std::make_shared<NVSSL::RefContext>(tlstesting::clientContext());
     return {.name = "TLS server",
             .act =

@@ -34,6 +34,7 @@ struct Board {
 struct Outcome {
     bool came = false;
     bool thrown = false;
+    bool mayLeaveQueue = false; // of no memory, and of what has no parameter to tell it in
     Answer answer;
     std::string place;
     std::string queue; // what was left in OpenSSL's error queue
@@ -62,10 +63,12 @@ Outcome attempt(const Operation& operation, Kind kind, long number) {
     } catch (const Norvane::Exception& failure) {
         outcome.came = disarm();
         outcome.thrown = true;
+        outcome.mayLeaveQueue = failure.parameters().empty();
         outcome.answer = {Answer::refused, failure.asString()};
     } catch (const std::bad_alloc&) {
         outcome.came = disarm();
         outcome.thrown = true;
+        outcome.mayLeaveQueue = true;
         outcome.answer = {Answer::refused, "bad_alloc"};
     } catch (const StreamFailure&) {
         outcome.came = disarm();
@@ -177,7 +180,7 @@ private:
         } else if (!m_operation.mustRefuse && isHarmless(kind) && outcome.answer.verdict != Answer::done) {
             tell(kind, number, outcome.place, "not carried on: " + text);
         }
-        if (!outcome.queue.empty() && !m_operation.leavesQueue) {
+        if (!outcome.queue.empty() && !m_operation.leavesQueue && !outcome.mayLeaveQueue) {
             tell(kind, number, outcome.place, "left in the error queue: " + outcome.queue + " after " + text);
         }
     }

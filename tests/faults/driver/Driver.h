@@ -58,7 +58,7 @@ struct Tried {
 /// How many places of each kind are tried: all of them, or about so many.
 struct Extent {
     bool all = false;
-    long places = 30;
+    long places = 8;
 };
 /// As the environment says: NORV_FAULTS=all, or a number.
 Extent extent();
