@@ -16,6 +16,7 @@
 #include <norvcmsg/Buffer.h>
 #include <norvcmsg/Export.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -52,6 +53,16 @@ public:
 private:
     int m_descriptor = -1;
 };
+
+/// Makes a call of the system's again as long as a signal interrupts it (EINTR), as opening does on network file systems.
+/// \param call answers below 0 for a failure, with errno
+template <class Call> int callUninterrupted(Call call) {
+    int result = call();
+    while (result < 0 && errno == EINTR) {
+        result = call();
+    }
+    return result;
+}
 
 /// What tells that a file or a folder is another one, or was changed: a folder is when an entry of it comes, goes or is
 /// renamed, a file when its content, owner, mode or number of names changes.

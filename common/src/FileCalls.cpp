@@ -65,10 +65,8 @@ FileDescriptor openFile(const char* where, const std::string& path, int flags, u
     if (path.find('\0') != std::string::npos) {
         throwMediaErrno(where, "FileMedia", path, ENOENT);
     }
-    int descriptor = -1;
-    do {
-        descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, permissions);
-    } while (descriptor < 0 && errno == EINTR);
+    const int descriptor =
+        callUninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, permissions); });
     if (descriptor < 0) {
         throwMediaErrno(where, "FileMedia", path, errno);
     }

@@ -58,7 +58,8 @@ bool FileState::isSettled(std::time_t readAt) const noexcept {
 
 FolderNames namesIn(const FileDescriptor& folder) {
     FolderNames listed;
-    FileDescriptor own(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor own(
+        callUninterrupted([&] { return ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(own.isOpen() ? fdopendir(own.get()) : nullptr, closedir);
     if (!stream) {
         listed.error = errno;

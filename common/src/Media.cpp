@@ -26,6 +26,19 @@ void requireCountable(const MediaInImpl& source, unsigned int total) {
     }
 }
 
+/// What passes through may be a secret: it is wiped.
+class Chunk {
+public:
+    Chunk() = default;
+    ~Chunk() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    Chunk(const Chunk&) = delete;
+    Chunk& operator=(const Chunk&) = delete;
+    [[nodiscard]] unsigned char* data() noexcept { return m_bytes.data(); }
+
+private:
+    std::array<unsigned char, chunkSize> m_bytes{};
+};
+
 } // namespace
 
 MediaInImpl::MediaInImpl() = default;
@@ -86,7 +99,7 @@ int MediaInImpl::read(Buffer& out) {
 }
 
 int MediaInImpl::read(std::string& out) {
-    std::array<unsigned char, chunkSize> chunk{};
+    Chunk chunk;
     out.clear();
     int count = 0;
     while ((count = read(chunk.data(), chunkSize)) > 0) {
@@ -107,7 +120,7 @@ void MediaInImpl::setpos(unsigned long /*position*/) {
 }
 
 MediaOut& MediaInImpl::write(MediaOut& out) {
-    std::array<unsigned char, chunkSize> chunk{};
+    Chunk chunk;
     int count = 0;
     while ((count = read(chunk.data(), chunkSize)) > 0) {
         out.write(chunk.data(), static_cast<unsigned int>(count));

@@ -98,12 +98,16 @@ private:
         }
         const auto slash = m_template.rfind('/');
         const std::string folder = slash == std::string::npos ? "." : m_template.substr(0, slash + 1);
-        return FileDescriptor(::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
+        return FileDescriptor(
+            callUninterrupted([&] { return ::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600); }));
     }
 
     [[nodiscard]] FileDescriptor fileThatLostItsName() const {
-        auto path = m_template;
-        FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
+        std::string path;
+        FileDescriptor file(callUninterrupted([&] {
+            path = m_template;
+            return ::mkostemp(path.data(), O_CLOEXEC);
+        }));
         if (!file.isOpen()) {
             fail("cannot make a temporary file from ", errno);
         }

@@ -82,6 +82,9 @@ CertificateIdentifier::CertificateIdentifier(NamedBy namedBy, const Buffer& octe
         failures::raise(failures::certificateIdentifier, "no issuer and serial number");
     }
     IssuerAndSerialPtr name(d2i_PKCS7_ISSUER_AND_SERIAL(nullptr, &at, static_cast<long>(m_octets.length())));
+    if (name == nullptr) {
+        mark.throwWithoutMemory();
+    }
     if (name == nullptr || at != std::as_const(m_octets).data() + m_octets.length()) {
         failures::raise(failures::certificateIdentifier, "no issuer and serial number");
     }

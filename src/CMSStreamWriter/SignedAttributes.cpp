@@ -158,7 +158,11 @@ Encoded SignedAttributes::set(Octets messageDigest, std::int64_t now) const {
     std::vector<Encoded> all = m_constant;
     all.push_back(attribute(NID_pkcs9_messageDigest, framing::octetStringOf(messageDigest)));
     if (m_tellsTime) {
-        all.push_back(attribute(NID_pkcs9_signingTime, openssl::timeElement(m_time.value_or(now))));
+        const Encoded time = openssl::timeElement(m_time.value_or(now));
+        if (time.empty()) { // no memory: an attribute without value would be signed
+            failures::raiseWithErrors(failures::signedWriterEnd);
+        }
+        all.push_back(attribute(NID_pkcs9_signingTime, time));
     }
     framing::sortForDer(all);
     return framing::setOf(all);

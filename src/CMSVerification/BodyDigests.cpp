@@ -6,6 +6,7 @@
 #include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
+#include <new>
 
 namespace Norvane::Crypto::CMS {
 
@@ -45,7 +46,12 @@ bool BodyDigests::start(const EVP_MD* algorithm) {
     }
     const openssl::ErrorMark mark;
     openssl::DigestContextPtr context(EVP_MD_CTX_new());
-    if (context == nullptr || !openssl::beginDigest(context.get(), algorithm)) {
+    if (context == nullptr) {
+        throw std::bad_alloc();
+    }
+    // OpenSSL does not tell a digest that it has no memory for from one that it does not have.
+    if (!openssl::beginDigest(context.get(), algorithm) && !openssl::beginDigest(context.get(), algorithm)) {
+        mark.throwWithoutMemory();
         return false;
     }
     m_running.push_back({algorithm, std::move(context)});

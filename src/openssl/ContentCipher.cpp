@@ -36,6 +36,9 @@ AlgorithmPtr decodeAlgorithm(std::span<const unsigned char> octets) {
     const ErrorMark mark;
     const unsigned char* at = octets.data();
     AlgorithmPtr algorithm(d2i_X509_ALGOR(nullptr, &at, static_cast<long>(octets.size())));
+    if (algorithm == nullptr) {
+        mark.throwWithoutMemory();
+    }
     return at == octets.data() + octets.size() ? std::move(algorithm) : nullptr;
 }
 

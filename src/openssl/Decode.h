@@ -19,13 +19,18 @@ namespace Norvane::Crypto::openssl {
 
 /// Decodes with the `d2i_` function `Decode`. Null for no bytes, for bytes that do not decode and for more than OpenSSL
 /// counts, which narrows lengths to an int on its way; the error queue stays as it was. The caller owns the result.
+/// \throws std::bad_alloc: without memory nothing is known of the bytes
 template <auto Decode> [[nodiscard]] auto decode(const unsigned char* der, unsigned int length) {
     const ErrorMark mark;
     using Result = decltype(Decode(nullptr, nullptr, 0L));
     if (der == nullptr || length == 0 || length > static_cast<unsigned int>(INT_MAX)) {
         return Result(nullptr);
     }
-    return Decode(nullptr, &der, static_cast<long>(length));
+    const Result decoded = Decode(nullptr, &der, static_cast<long>(length));
+    if (decoded == nullptr) {
+        mark.throwWithoutMemory();
+    }
+    return decoded;
 }
 
 /// Likewise for what holds public keys: null for what is refused, too.

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <locale>
+#include <new>
 #include <sstream>
 
 namespace Norvane::Crypto::openssl {
@@ -61,12 +62,29 @@ void queueError(const char* function, int library, int reason, const char* file,
     ERR_set_error(library, reason, nullptr);
 }
 
-ErrorMark::ErrorMark() noexcept {
+ErrorMark::ErrorMark() noexcept : m_onlyOurs(ERR_peek_error() == 0) {
     ERR_set_mark();
 }
 
 ErrorMark::~ErrorMark() {
     ERR_pop_to_mark();
+}
+
+bool ErrorMark::ranOutOfMemory() const noexcept {
+    if (!m_onlyOurs) {
+        return ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE;
+    }
+    bool told = false;
+    while (const unsigned long code = ERR_get_error()) {
+        told = told || ERR_GET_REASON(code) == ERR_R_MALLOC_FAILURE;
+    }
+    return told;
+}
+
+void ErrorMark::throwWithoutMemory() const {
+    if (ranOutOfMemory()) {
+        throw std::bad_alloc();
+    }
 }
 
 } // namespace Norvane::Crypto::openssl

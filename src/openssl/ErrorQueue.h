@@ -24,6 +24,15 @@ public:
     ~ErrorMark();
     ErrorMark(const ErrorMark&) = delete;
     ErrorMark& operator=(const ErrorMark&) = delete;
+
+    /// To be asked once OpenSSL said no: whether it did for lack of memory, which says nothing of what was looked at. Drops
+    /// what is queued.
+    [[nodiscard]] bool ranOutOfMemory() const noexcept;
+    /// \throws std::bad_alloc where that is so
+    void throwWithoutMemory() const;
+
+private:
+    bool m_onlyOurs; // nothing was queued before; otherwise only the last entry can be looked at
 };
 
 } // namespace Norvane::Crypto::openssl

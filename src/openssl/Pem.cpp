@@ -31,7 +31,7 @@ struct Block {
 
 } // namespace
 
-CertificatePtr readCertificatePem(BIO* source) noexcept {
+CertificatePtr readCertificatePem(BIO* source) {
     unsigned char* data = nullptr;
     long length = 0;
     if (PEM_bytes_read_bio(&data, &length, nullptr, PEM_STRING_X509, source, refusePassphrase, nullptr) != 1) {

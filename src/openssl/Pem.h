@@ -18,7 +18,7 @@ inline int refusePassphrase(char* /*passphrase*/, int /*size*/, int /*forWriting
 
 /// The next certificate of a PEM text, as `PEM_read_bio_X509` reads it; null at the end, and for one that does not decode
 /// or is refused. May leave entries in the error queue.
-CertificatePtr readCertificatePem(BIO* source) noexcept;
+CertificatePtr readCertificatePem(BIO* source);
 
 /// The refusal of the first block of a PEM text that is refused. Blocks that are encrypted are not looked into. The error
 /// queue stays as it was.

@@ -66,7 +66,7 @@ int smallInteger(const Element& element) noexcept {
 using PssParametersPtr = Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free>;
 
 /// RSASSA-PSS-params (RFC 4055, 3.1); false when they make no sense.
-bool readPssParameters(const Element& whole, SignatureScheme& scheme) noexcept {
+bool readPssParameters(const Element& whole, SignatureScheme& scheme) {
     const ErrorMark mark;
     if (whole.whole.size() > longestPssParameters) {
         return false;
@@ -74,6 +74,7 @@ bool readPssParameters(const Element& whole, SignatureScheme& scheme) noexcept {
     const unsigned char* at = whole.whole.data();
     const PssParametersPtr decoded(d2i_RSA_PSS_PARAMS(nullptr, &at, static_cast<long>(whole.whole.size())));
     if (decoded == nullptr) {
+        mark.throwWithoutMemory();
         return false;
     }
     Elements parameters(whole);
@@ -165,9 +166,20 @@ Verified verifyMessage(Octets message, Octets signature, EVP_PKEY* key) noexcept
                : Verified::wrong;
 }
 
+Verified verifyDigest(const SignatureScheme& scheme, const EVP_MD* algorithm, Octets digest, Octets signature,
+                      EVP_PKEY* key) noexcept {
+    const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
+    if (context == nullptr || EVP_PKEY_verify_init(context.get()) != 1 || !prepare(scheme, algorithm, context.get())) {
+        return Verified::impossible;
+    }
+    return EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(), digest.size()) == 1
+               ? Verified::good
+               : Verified::wrong;
+}
+
 } // namespace
 
-SignatureScheme signatureScheme(Octets algorithmIdentifier) noexcept {
+SignatureScheme signatureScheme(Octets algorithmIdentifier) {
     SignatureScheme scheme;
     const auto whole = framing::firstElement(algorithmIdentifier);
     if (!whole) {
@@ -216,18 +228,14 @@ bool isSigningKey(const EVP_PKEY* key) noexcept {
 }
 
 Verified verify(const SignatureScheme& scheme, const EVP_MD* algorithm, Octets covered, Octets signature,
-                EVP_PKEY* key) noexcept {
+                EVP_PKEY* key) {
     const ErrorMark mark;
-    if (scheme.coversMessage()) {
-        return verifyMessage(covered, signature, key);
+    const Verified verified = scheme.coversMessage() ? verifyMessage(covered, signature, key)
+                                                     : verifyDigest(scheme, algorithm, covered, signature, key);
+    if (verified != Verified::good) {
+        mark.throwWithoutMemory();
     }
-    const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
-    if (context == nullptr || EVP_PKEY_verify_init(context.get()) != 1 || !prepare(scheme, algorithm, context.get())) {
-        return Verified::impossible;
-    }
-    return EVP_PKEY_verify(context.get(), signature.data(), signature.size(), covered.data(), covered.size()) == 1
-               ? Verified::good
-               : Verified::wrong;
+    return verified;
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -26,7 +26,7 @@ struct SignatureScheme {
 
 /// The scheme that a whole AlgorithmIdentifier names (RFC 3370, RFC 4056, RFC 5753, RFC 5754, RFC 8419). `unknown` for
 /// what is not verified here.
-[[nodiscard]] SignatureScheme signatureScheme(framing::Octets algorithmIdentifier) noexcept;
+[[nodiscard]] SignatureScheme signatureScheme(framing::Octets algorithmIdentifier);
 /// The scheme of a PKCS#7 signer, where the key alone decides.
 [[nodiscard]] SignatureScheme schemeOf(KeyFamily family) noexcept;
 
@@ -42,8 +42,8 @@ enum class Verified : int {
 };
 
 /// Whether `signature` is the key's over `covered`: a digest by `algorithm`, or the message (see `coversMessage`). Leaves
-/// nothing in the error queue.
+/// nothing in the error queue. \throws std::bad_alloc: without memory nothing is known of the signature
 [[nodiscard]] Verified verify(const SignatureScheme& scheme, const EVP_MD* algorithm, framing::Octets covered,
-                              framing::Octets signature, EVP_PKEY* key) noexcept;
+                              framing::Octets signature, EVP_PKEY* key);
 
 } // namespace Norvane::Crypto::openssl

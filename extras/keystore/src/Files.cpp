@@ -75,12 +75,14 @@ FileDescriptor openStore(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         throw Refusal("the path holds a NUL byte");
     }
-    return folderOrRefusal(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), AT_FDCWD, path);
+    const int opened = callUninterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    return folderOrRefusal(opened, AT_FDCWD, path);
 }
 
 FileDescriptor openFolder(const FileDescriptor& parent, const std::string& name) {
-    return folderOrRefusal(::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC),
-                           parent.get(), name);
+    const int opened = callUninterrupted(
+        [&] { return ::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
+    return folderOrRefusal(opened, parent.get(), name);
 }
 
 FileState folderState(const FileDescriptor& parent, const std::string& name) {
@@ -123,7 +125,9 @@ bool mayExist(const FileDescriptor& folder, const std::string& name) {
 std::optional<Buffer> readFile(const FileDescriptor& folder, const std::string& name, Content content,
                                std::optional<FileState>& state) {
     // Without O_NONBLOCK a FIFO would hold up the load until somebody writes to it.
-    const int opened = ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int opened = callUninterrupted([&] {
+        return ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    });
     if (opened < 0) {
         if (errno == ENOENT) {
             return std::nullopt;

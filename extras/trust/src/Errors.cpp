@@ -332,11 +332,12 @@ bool Judgement::affordable(X509_STORE_CTX* context) {
     return true;
 }
 
-bool Judgement::linksHold(X509_STORE_CTX* context) const {
+bool Judgement::linksHold(X509_STORE_CTX* context) {
     STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
     for (int i = 0; i + 1 < sk_X509_num(chain); ++i) {
         EVP_PKEY* const key = X509_get0_pubkey(sk_X509_value(chain, i + 1));
         if (key == nullptr || X509_verify(sk_X509_value(chain, i), key) != 1) {
+            m_linkFailed = true;
             return false;
         }
     }

@@ -26,7 +26,8 @@ constexpr std::int64_t largestFile = std::int64_t{64} << 20U;
 
 /// Without O_NONBLOCK a FIFO would hold up the load until somebody writes to it.
 FileDescriptor opened(int folder, const std::string& path) {
-    const int number = ::openat(folder, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int number =
+        callUninterrupted([&] { return ::openat(folder, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); });
     if (number < 0) {
         throwErrno("cannot be opened", errno);
     }

@@ -154,7 +154,9 @@ void Judgement::setUp(X509_STORE_CTX* context, STACK_OF(X509) * untrusted) {
     if (X509_STORE_CTX_init(context, m_snapshot.store.get(), m_request.certificate, untrusted) != 1) {
         throw std::bad_alloc();
     }
-    X509_STORE_CTX_set_app_data(context, this);
+    if (X509_STORE_CTX_set_app_data(context, this) != 1) {
+        throw std::bad_alloc();
+    }
     X509_STORE_CTX_set_verify_cb(context, &Judgement::onError);
     X509_VERIFY_PARAM* const param = X509_STORE_CTX_get0_param(context);
     X509_VERIFY_PARAM_set_time(param, m_request.at);
@@ -202,8 +204,16 @@ Verdict Judgement::reach() {
         describe(chain);
     }
     const int error = X509_STORE_CTX_get_error(context.get());
+    const bool multiplies = error == X509_V_ERR_OUT_OF_MEM && m_built;
+    if (!multiplies && (answer != 1 || !m_verdict.reasons.empty())) {
+        quiet.throwWithoutMemory(); // whatever was found wrong
+    }
+    if (m_linkFailed && answer == 1 && m_verdict.reasons.empty()) {
+        // OpenSSL found the signature right that was wrong before: there was no memory, and no list was looked at.
+        throw std::bad_alloc();
+    }
     if (answer != 1 && m_verdict.reasons.empty()) {
-        if (error == X509_V_ERR_OUT_OF_MEM && m_built) { // what OpenSSL says when policies and their mappings multiply
+        if (multiplies) { // what OpenSSL says when policies and their mappings multiply
             reason(ReasonCode::tooMuchWork, 0, m_request.certificate,
                    {"", "", "", "certificate policies that multiply", ""});
         } else {

@@ -76,7 +76,7 @@ private:
     void purposeFailed(unsigned int depth, X509* about);
     void signatureFailed(unsigned int depth, X509* about);
     [[nodiscard]] bool affordable(X509_STORE_CTX* context);
-    [[nodiscard]] bool linksHold(X509_STORE_CTX* context) const;
+    [[nodiscard]] bool linksHold(X509_STORE_CTX* context);
     [[nodiscard]] bool isAnchor(const X509_STORE_CTX* context, unsigned int depth) const;
 
     void lookAt(STACK_OF(X509) * chain);
@@ -106,6 +106,7 @@ private:
     X509_CRL* m_list = nullptr;    ///< the one that is looked at
     bool m_broken = false;         ///< the chain does not end at an anchor
     bool m_built = false;          ///< the chain stands
+    bool m_linkFailed = false;     ///< a signature in the chain was found wrong before lists were looked at
     bool m_revocationDone = false; ///< lists were looked at
 };
 

@@ -13,7 +13,22 @@ template <class Digest> Fingerprint fingerprint(Digest digest) {
     return bytes;
 }
 
+bool tellsOfMemory(unsigned long code) noexcept {
+    return ERR_GET_REASON(code) == ERR_R_MALLOC_FAILURE;
+}
+
 } // namespace
+
+bool QuietQuestion::ranOutOfMemory() const noexcept {
+    if (!m_onlyOurs) {
+        return tellsOfMemory(ERR_peek_last_error());
+    }
+    bool told = false;
+    while (const unsigned long code = ERR_get_error()) {
+        told = told || tellsOfMemory(code);
+    }
+    return told;
+}
 
 Fingerprint fingerprintOf(const X509* certificate) {
     return fingerprint(
@@ -33,8 +48,12 @@ Fingerprint fingerprintOf(const std::string& bytes) {
 
 Owned<CRL_DIST_POINTS> distributionPointsOf(const X509* certificate) {
     const QuietQuestion quiet;
-    return Owned<CRL_DIST_POINTS>(
+    Owned<CRL_DIST_POINTS> points(
         static_cast<CRL_DIST_POINTS*>(X509_get_ext_d2i(certificate, NID_crl_distribution_points, nullptr, nullptr)));
+    if (!points) {
+        quiet.throwWithoutMemory(); // a list would not be found that revokes
+    }
+    return points;
 }
 
 std::optional<std::time_t> secondsOf(const ASN1_TIME* time) {

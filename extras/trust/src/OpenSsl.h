@@ -49,10 +49,23 @@ template <class T> Owned<T> made(T* object) {
 /// Leaves OpenSSL's error queue as it was.
 class QuietQuestion {
 public:
-    QuietQuestion() noexcept { ERR_set_mark(); }
+    QuietQuestion() noexcept : m_onlyOurs(ERR_peek_error() == 0) { ERR_set_mark(); }
     ~QuietQuestion() { ERR_pop_to_mark(); }
     QuietQuestion(const QuietQuestion&) = delete;
     QuietQuestion& operator=(const QuietQuestion&) = delete;
+
+    /// To be asked once OpenSSL said no: whether it did for lack of memory, which says nothing of what was looked at. Takes
+    /// the entries out of the queue.
+    [[nodiscard]] bool ranOutOfMemory() const noexcept;
+    /// \throws std::bad_alloc where that is so
+    void throwWithoutMemory() const {
+        if (ranOutOfMemory()) {
+            throw std::bad_alloc();
+        }
+    }
+
+private:
+    bool m_onlyOurs; ///< nothing was in the queue before; otherwise only its last entry can be looked at
 };
 
 using Fingerprint = std::array<unsigned char, 32>; ///< SHA-256 of an encoding

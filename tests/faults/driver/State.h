@@ -1,0 +1,34 @@
+#pragma once
+
+#include "Faults.h"
+
+namespace faults {
+
+/// What is armed in a thread.
+struct State {
+    bool armed = false;
+    int paused = 0;
+    Kind kind = Kind::allocation;
+    long left = 0; ///< until the fault
+    bool came = false;
+    const char* place = "";
+    int line = 0;
+};
+extern thread_local State state;
+
+/// Counts one of its kind: true when the fault comes now.
+inline bool comes(Kind kind, const char* place, int line = 0) noexcept {
+    State& mine = state;
+    if (!mine.armed || mine.paused != 0 || mine.kind != kind || --mine.left != 0) {
+        return false;
+    }
+    mine.came = true;
+    mine.place = place;
+    mine.line = line;
+    return true;
+}
+
+/// Forks when that is the fault. In the child `ChildLeaves` is thrown, or the process left at once where nothing may be thrown.
+void forkHere(const char* place, bool mayThrow);
+
+} // namespace faults
