@@ -129,7 +129,7 @@ TEST_F(VerifyToolTest, NamesThatTheParserWouldTakeApart) {
         expectGood(tool({"verify", "--signature", signature, "--in", name}), shown);
     }
     before = work.names();
-    expectFailure(tool({"verify", "--signature", "sig", "[extra]"}), "unexpected argument [extra] (");
+    expectFailure(tool({"verify", "--signature", "sig", "--in", "body", "[extra]"}), "unexpected argument [extra] (");
 }
 
 TEST_F(VerifyToolTest, VerdictThatCannotBeWrittenIsNoSuccess) {

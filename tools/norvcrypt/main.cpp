@@ -44,8 +44,8 @@ constexpr std::array<NamedCommand, 16> namedCommands{{
 }};
 
 /// Adds those whose names are among the arguments, which the parser then sees as it would see all of them; all when the line
-/// does not begin with one or asks for help, since help and errors are about all then. Describing all commands would cost a short-lived
-/// process a tenth of its time.
+/// does not begin with one or asks for help, since help and errors are about all then; none for the version. Describing all commands
+/// would cost a short-lived process a tenth of its time.
 void addCommands(norvcrypt::Command& commands, norvcrypt::Action& action, std::span<char* const> arguments) {
     const auto given = [&arguments](const NamedCommand& command) {
         return std::ranges::find(arguments, command.name) != arguments.end();
@@ -54,8 +54,9 @@ void addCommands(norvcrypt::Command& commands, norvcrypt::Action& action, std::s
                       std::ranges::any_of(namedCommands, [&](const NamedCommand& command) {
                           return command.name == arguments.front();
                       });
+    const bool none = arguments.size() == 1 && arguments.front() == std::string_view("--version");
     for (const NamedCommand& command : namedCommands)
-        if (!some || given(command))
+        if (!none && (!some || given(command)))
             command.add(commands, action);
 }
 

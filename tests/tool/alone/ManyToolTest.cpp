@@ -45,7 +45,8 @@ protected:
     static std::vector<std::string> with(std::vector<std::string> arguments, const std::string& option,
                                          const std::vector<std::string>& values,
                                          const std::vector<std::string>& more = {}) {
-        arguments.push_back(option);
+        if (!values.empty())
+            arguments.push_back(option);
         arguments.insert(arguments.end(), values.begin(), values.end());
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
@@ -254,6 +255,7 @@ TEST_F(ManyToolTest, WhatIsRefusedBeforeAnythingIsWritten) {
     // What all have in common is an input, too.
     fs::create_directory(work.path("keys"));
     work.write("keys/in.p7s", alice().key.pkcs8Pem());
+    fs::permissions(work.path("keys/in.p7s"), fs::perms(0600));
     work.write("in/in", std::string("body"));
     before = work.names();
     expectFailure(tool({"sign", "--cert", "alice.pem", "--key", "keys/in.p7s", "--in", "in/in", "--out-dir", "keys"}),

@@ -55,6 +55,7 @@ Outcome decryptOne(const Item& item, const SmimeDecryptOptions& options, const M
     const Exit exit = exitOf(mail.answer, options.anySignature);
     if (isClear(mail.answer)) {
         Outcome outcome = outcomeOf(mail, Exit::failed, item.inJson);
+        outcome.verdict = "failed";
         outcome.facts["error"] = outcome.reason = "nothing is encrypted in it";
         return outcome;
     }

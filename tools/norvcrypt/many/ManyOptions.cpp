@@ -204,7 +204,8 @@ void ManyOptions::checkOutputs(const std::vector<std::string>& paths, const Outp
         const std::string output = outputOf(path, name);
         const auto [other, isNew] = places.try_emplace(placeOf(output), &path);
         if (!isNew)
-            throw Failure("two inputs would be written to " + output + ": " + *other->second + " and " + path);
+            throw Failure("two inputs would be written to " + output + ": " +
+                          std::string(*other->second).append(" and ").append(path));
         struct stat status {};
         if (stat(output.c_str(), &status) == 0)
             existing.emplace_back(output, FileIdentity(status));
