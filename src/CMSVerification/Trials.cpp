@@ -4,10 +4,7 @@
 #include "openssl/ErrorQueue.h"
 #include "openssl/Signers.h"
 
-#include <openssl/err.h>
-
 #include <algorithm>
-#include <new>
 
 namespace Norvane::Crypto::CMS {
 
@@ -55,10 +52,6 @@ SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* c
     const openssl::ErrorMark mark;
     EVP_PKEY* key = X509_get0_pubkey(certificate);
     if (key == nullptr) {
-        // OpenSSL keeps that a key did not decode with its certificate, and tries once more to tell why: this one would.
-        if (ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_INTERNAL_ERROR) {
-            throw std::bad_alloc();
-        }
         mark.throwWithoutMemory();
         return openssl::alwaysDecodes(algorithm) ? refused(SignatureReason::keyUnusable)
                                                  : unsupported(SignatureReason::keyAlgorithm, algorithm);

@@ -498,4 +498,21 @@ TEST(OpensslWithoutMemory, SaysThatEqualKeysDiffer) {
     EXPECT_GT(differing, 0);
 }
 
+TEST(OpensslWithoutMemory, ReadsACertificateWithoutItsKey) {
+    Norvane::Crypto::initialize();
+    const norvauthority::Bytes der = alice().certificate.der;
+    int withoutKey = 0;
+    bool came = true;
+    for (long number = 1; came; ++number) {
+        const unsigned char* at = der.data();
+        faults::arm(faults::Kind::opensslAllocation, number);
+        X509* const certificate = d2i_X509(nullptr, &at, static_cast<long>(der.size()));
+        came = faults::disarm();
+        withoutKey += certificate != nullptr && X509_get0_pubkey(certificate) == nullptr ? 1 : 0;
+        X509_free(certificate);
+        ERR_clear_error();
+    }
+    EXPECT_GT(withoutKey, 0);
+}
+
 } // namespace

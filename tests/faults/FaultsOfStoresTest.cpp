@@ -68,7 +68,8 @@ Operation importsPkcs12(const std::string& password, bool bad) {
                                ? Answer{Answer::done}
                                : Answer{Answer::wrong, "another key or certificate"};
                 },
-            .mustRefuse = bad};
+            .mustRefuse = bad,
+            .mayRefuse = true};
 }
 
 // Key stores.

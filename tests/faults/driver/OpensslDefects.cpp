@@ -11,15 +11,20 @@ namespace {
 
 struct Defect {
     const char* operation; ///< what its name begins with
-    const char* what;      ///< what the finding begins with
+    const char* what;      ///< likewise what was found
     const char* why;
 };
 
-constexpr std::array<Defect, 1> defects{{
+constexpr const char* keyless = "d2i_X509 succeeds without memory for the public key, and tells nobody: the "
+                                "certificate counts as one whose key does not decode";
+
+constexpr std::array<Defect, 3> defects{{
     {"EnvelopeReader ECDH", "misjudged: not opened",
      "EVP_PKEY_eq says that two keys are not the same when there is no memory to compare them: the pair counts as one "
      "whose "
      "parts do not belong together"},
+    {"", "misjudged: the certificate has no usable public key", keyless},
+    {"SMime::read", "misjudged: refused: the public key of", keyless},
 }};
 
 } // namespace
