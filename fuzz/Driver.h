@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -36,9 +37,10 @@ inline void start() {
     static_cast<void>(started);
 }
 
-/// What an input must not make false.
-inline void require(bool holds) {
+/// What an input must not make false. Tells where it does: optimised builds forget.
+inline void require(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     if (!holds) {
+        std::fprintf(stderr, "%s:%d does not hold\n", file, line);
         std::abort();
     }
 }

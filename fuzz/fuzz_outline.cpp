@@ -11,7 +11,7 @@ using namespace Norvane::Crypto;
 using CMS::EnvelopeOutline;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto outline = [](const Buffer& input) {
+    const auto look = [](const Buffer& input) {
         const EnvelopeOutline outline(input);
         fuzz::require(outline.unsupported().size() <= 17);
         for (const std::string& feature : outline.unsupported()) {
@@ -29,5 +29,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         MemoryMediaIn source(rest);
         static_cast<void>(CMS::RefContentInfo(source).isNull()); // throws for what is damaged within
     };
-    return fuzz::run(data, size, outline);
+    return fuzz::run(data, size, look);
 }

@@ -32,7 +32,7 @@ void showObjects(const Buffer& input) {
             continue;
         }
         const fuzz::Uncounted aside; // of what is shown, what is looked at is not what it costs
-        const std::string text = asText(described);
+        const std::string text = asText("object", described);
         fuzz::require(std::all_of(text.begin(), text.end(), [](char byte) {
             return byte == '\n' || (static_cast<unsigned char>(byte) >= 0x20 && byte != 0x7F);
         }));

@@ -115,6 +115,14 @@ bool haveSameLeaves(const SMime::Answer& before, const SMime::Answer& after) {
                       });
 }
 
+/// Whether the mail is nothing but another one: inside of a layer it is taken for one whose fields are to be protected.
+bool isForwarded(const std::string& mail) {
+    mime::MemoryOctets octets(mail);
+    mime::Header header;
+    static_cast<void>(mime::readHeader(octets, {1U << 20U, 10000}, header));
+    return mime::contentTypeOf(header).type == "message";
+}
+
 /// The body of a mail that is no multipart, without its encoding; nothing for others.
 std::string bodyOf(const std::string& mail) {
     const auto octets = std::make_shared<mime::MemoryOctets>(mail);
@@ -127,6 +135,21 @@ std::string bodyOf(const std::string& mail) {
     Norvane::MemoryMediaOut out;
     static_cast<void>(mime::copy(*mime::decoded(octets, mime::transferOf(header)), out));
     return fuzz::text(out.content());
+}
+
+/// Whether an "=" stands where quoted-printable has none (RFC 2045, 6.7): decoders make different things of it.
+bool hasBrokenQuoting(const std::string& mail) {
+    if (mail.find("rintable") == std::string::npos && mail.find("RINTABLE") == std::string::npos) {
+        return false;
+    }
+    for (std::size_t at = mail.find('=', mail.find("\r\n\r\n")); at != std::string::npos; at = mail.find('=', at + 1)) {
+        const std::string next = mail.substr(at + 1, 2);
+        const bool isOctet = next.size() == 2 && next.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
+        if (!isOctet && next != "\r\n") {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// Behind the header, which stays as it came: 7-bit, lines that relays do not break, each with the end that was asked for.
@@ -160,14 +183,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         SMime::wrap(Norvane::MemoryMediaIn(mail), shellsOf(choice), out, how);
         const std::string written = fuzz::text(out.content());
         requireSendable(written, choice.feeds);
+        const Outcome before = outcomeOf(mail);
+        // What was signed or encrypted before, or says that it was, has a say in the verdict; so may what others read in another
+        // way already (a NUL byte in a Content-Type), which is read in another way afterwards.
+        if (before.answer.verdict != SMime::Verdict::notSMime || !before.answer.oddities.empty()) {
+            return;
+        }
         const Outcome read = outcomeOf(written);
         fuzz::require(read.answer.verdict ==
                       (choice.signs ? SMime::Verdict::signatureGood : SMime::Verdict::decrypted));
         fuzz::require(read.answer.notCovered.empty());
         const std::string content = canonical(read.content); // it has the line ends that were asked for
-        const Outcome before = outcomeOf(mail);
-        // What others may read in another way already (a NUL byte in a Content-Type) is read in another way afterwards.
-        if (before.answer.oddities.empty()) {
+        if (!hasBrokenQuoting(mail) && !isForwarded(mail)) {
             fuzz::require(haveSameLeaves(before.answer, outcomeOf(content).answer));
             fuzz::require(bodyOf(content) == bodyOf(mail));
         }

@@ -162,4 +162,13 @@ inline std::vector<std::string> layersOf(const Answer& answer) {
     return lines;
 }
 
+/// Path, type, name, encoding and size of the parts that hold no others.
+inline std::vector<std::string> leavesOf(const Answer& answer) {
+    std::vector<std::string> lines;
+    for (const SMime::LeafPart& part : answer.parts)
+        lines.push_back(part.path + ' ' + part.type + " \"" + part.name + "\" " + part.transferEncoding + ' ' +
+                        std::to_string(part.octets));
+    return lines;
+}
+
 } // namespace smimetest

@@ -167,15 +167,6 @@ TEST(SMimeRead, AMultipartThatSaysToBeEncodedIsOdd) {
         IsEmpty());
 }
 
-/// Path, type, name, encoding and size of the parts that hold no others.
-std::vector<std::string> leavesOf(const Answer& answer) {
-    std::vector<std::string> lines;
-    for (const SMime::LeafPart& part : answer.parts)
-        lines.push_back(part.path + ' ' + part.type + " \"" + part.name + "\" " + part.transferEncoding + ' ' +
-                        std::to_string(part.octets));
-    return lines;
-}
-
 TEST(SMimeRead, ListsThePartsThatHoldNoOthers) {
     const std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\n\r\n--in\r\n\r\none\r\n--in\r\n"
                               "Content-Type: application/pdf; name*=utf-8''caf%C3%A9.pdf\r\n"

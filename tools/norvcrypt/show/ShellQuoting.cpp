@@ -27,7 +27,7 @@ std::string printfOf(const std::string& argument) {
 std::string quoted(const std::string& path) {
     std::string argument = path.starts_with('-') ? "./" + path : path;
     static constexpr std::string_view plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./-+,:@%";
-    if (argument.find_first_not_of(plain) == std::string::npos)
+    if (!argument.empty() && argument.find_first_not_of(plain) == std::string::npos)
         return argument;
     if (!Norvane::isDisplayable(argument))
         return printfOf(argument);

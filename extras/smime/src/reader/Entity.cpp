@@ -57,7 +57,9 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
             session.addUncovered(place.part(number), "and those behind it");
             return;
         }
-        readEntity(session, parts.part(), place.part(number));
+        Place inner = place.part(number);
+        inner.isOfDigest = type.subtype == "digest";
+        readEntity(session, parts.part(), inner);
     }
     if (number == 1)
         session.addUncovered(place, type.text()); // some readers show it as a text
@@ -162,7 +164,11 @@ void readEntity(Session& session, const SharedOctets& in, const Place& place) {
         session.outer = header;
         session.senders.push_back(sendersIn(header));
     }
-    const ContentType type = mime::contentTypeOf(header);
+    ContentType type = mime::contentTypeOf(header);
+    if (place.isOfDigest && header.count("Content-Type") == 0) {
+        type.type = "message";
+        type.subtype = "rfc822";
+    }
     readBody(session, header, type, in, place);
 }
 

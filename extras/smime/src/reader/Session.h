@@ -31,8 +31,9 @@ struct Place {
     std::string path = "1";
     std::size_t depth = 0;
     Role role = Role::candidate;
-    bool isCovered = false; ///< within a layer, whether good or not
-    bool isWrapped = false; ///< the message that a layer holds as a message/rfc822
+    bool isCovered = false;  ///< within a layer, whether good or not
+    bool isWrapped = false;  ///< the message that a layer holds as a message/rfc822
+    bool isOfDigest = false; ///< a part of a multipart/digest: what has no type is a message (RFC 2046, 5.1.5)
     bool isKept =
         false; ///< what lies here is handed on by the encrypted layer around it (`ReadOptions::keepSignatures`)
     std::size_t message = 0; ///< whose header fields tell the sender, an index into `Session::senders`
@@ -43,6 +44,7 @@ struct Place {
         inner.path += '.' + std::to_string(number);
         ++inner.depth;
         inner.isWrapped = false;
+        inner.isOfDigest = false;
         return inner;
     }
     /// What the layer at this place holds.
