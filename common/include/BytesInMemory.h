@@ -11,6 +11,8 @@
 ///     use(bytes->rest(), bytes->left());
 /// }
 /// \endcode
+///
+/// Threads: one stream is used by one thread at a time (see Media.h).
 
 #include <norvcmsg/Export.h>
 #include <norvcmsg/File.h>

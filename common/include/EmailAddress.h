@@ -9,6 +9,8 @@
 /// address.domain();                                                       // "example.com"
 /// Norvane::EmailAddress::rfc5321Parse("fred@@example.com", false).isNull(); // true
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 

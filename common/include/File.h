@@ -14,6 +14,9 @@
 ///
 /// Failures of the system are thrown as `MediaException` with code 4, the path and the reason as text and the error
 /// number as second parameter. Sizes and positions are bytes in 64 bits.
+///
+/// Threads: paths and statuses are values, which several threads may read at once; one stream is used by one thread at
+/// a time (see Media.h).
 
 #include <norvcmsg/Export.h>
 #include <norvcmsg/Media.h>

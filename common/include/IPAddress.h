@@ -8,6 +8,8 @@
 /// Norvane::IPAddress(std::string("\xC0\x00\x02\x01", 4)).asString(); // "192.0.2.1"
 /// Norvane::IPAddress::fromText("2001:DB8::1").asString();           // "2001:db8::1"
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 

@@ -10,6 +10,8 @@
 /// Norvane::SocketAddress(Norvane::IPAddress::fromText("::1"), 0);           // bind to it: the kernel chooses the port
 /// for (const auto& address : Norvane::SocketAddress::resolve("mx.example.org", 25)) { ... } // asks the name service
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 #include <norvcmsg/IPAddress.h>

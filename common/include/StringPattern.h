@@ -9,6 +9,8 @@
 /// pattern.matches("fred@Mail.Example.COM"); // true
 /// pattern.matches("fred@example.com");      // false
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 

@@ -10,6 +10,8 @@
 /// body.end();
 /// body.in().write(destination);
 /// \endcode
+///
+/// Threads: one at a time for the handle, its copies and all sources over its bytes together (see Media.h).
 
 #include <norvcmsg/Export.h>
 #include <norvcmsg/Media.h>

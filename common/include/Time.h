@@ -11,6 +11,8 @@
 /// time.dayOfMonth(20);
 /// time.calendarSeconds(); // 1795132800
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 

@@ -9,6 +9,8 @@
 /// uri.host(); // "ca.example"
 /// uri.port(); // 8080
 /// \endcode
+///
+/// Threads: a value. It may be read by several threads at once, and copies belong to whoever has them.
 
 #include <norvcmsg/Export.h>
 

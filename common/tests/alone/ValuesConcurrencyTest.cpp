@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,7 +18,8 @@ using namespace Norvane;
 TEST(ValuesConcurrency, OneValueIsReadFromEightThreads) {
     const StringPattern pattern("*@example.?rg");
     const EmailAddress address = EmailAddress::rfc5321Parse("anna@example.org", true);
-    const Uri uri("http://example.org:8080/list.crl?x=1");
+    const std::string text = "http://example.org:8080/list.crl?x=1";
+    const Uri uri(text.data(), static_cast<unsigned int>(text.size()));
     const IPAddress ip("192.0.2.1");
     const SocketAddress socket("192.0.2.1:465");
     const Buffer buffer("some bytes", 10, false);
