@@ -1,9 +1,13 @@
 // Memory that is gone while a message comes in. The program has an allocator of its own, which fails when it is told to.
+#include "front/Progress.h"
 #include "milter/support/FrontBench.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <new>
+#include <thread>
 
 using namespace norvmilter;
 using norvtest::Asking;
@@ -12,12 +16,25 @@ using norvtest::FrontBench;
 namespace {
 
 thread_local bool isMemoryGone = false;
+thread_local bool isSpared = false;
+std::atomic<bool> isMemoryGoneForOthers{false}; ///< for threads that are not spared
+std::atomic<int> refusals{0};
 
 void* allocate(std::size_t size) {
-    void* memory = isMemoryGone ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr)
+    const bool isGone = isMemoryGone || (isMemoryGoneForOthers && !isSpared);
+    void* memory = isGone ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        ++refusals;
         throw std::bad_alloc();
+    }
     return memory;
+}
+
+/// True as soon as `isIt`; false after a minute.
+template <class Condition> bool waitUntil(Condition isIt) {
+    for (int waited = 0; waited < 12000 && !isIt(); ++waited)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return isIt();
 }
 
 /// While it is there no memory is to be had.
@@ -96,4 +113,18 @@ TEST(MilterFrontMemory, ARecipientThatWasLostPutsTheMessageOff) {
         const NoMemory none;
         EXPECT_EQ(SMFIS_TEMPFAIL, asking.recipient(std::move(path)));
     });
+}
+
+// A note less, and not the end of the worker with all messages that it has in hand.
+TEST(MilterFrontMemory, AThreadThatThereIsNoMemoryForIsOneNoteLess) {
+    isSpared = true;
+    Progress progress(std::chrono::milliseconds(1));
+    std::atomic<int> told{0};
+    refusals = 0;
+    isMemoryGoneForOthers = true;
+    const Progress::Task task(progress, [&] { ++told; });
+    EXPECT_TRUE(waitUntil([] { return refusals >= 3; }));
+    EXPECT_EQ(0, told);
+    isMemoryGoneForOthers = false;
+    EXPECT_TRUE(waitUntil([&] { return told >= 1; }));
 }

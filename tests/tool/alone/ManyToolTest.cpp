@@ -149,9 +149,13 @@ TEST_F(ManyToolTest, SignaturesAreJudgedOverTheBodiesBesideThem) {
         ": good: good signature, certificate SHA-256 " + alice().certificate.sha256() + " CN=alice,O=Interop,C=DE";
     Answer answer = verify({});
     EXPECT_EQ(0, answer.status);
+    const auto over = [&](int at) {
+        return "; body: in/" + std::to_string(at) + ".eml, " + std::to_string(bodyOf(at).size()) + " bytes";
+    };
     for (std::size_t at = 0; at != 4; ++at)
-        EXPECT_EQ(signatures[at] + good, linesOf(answer.out).at(at));
-    EXPECT_EQ(signatures[0] + good + ", trust: accepted", linesOf(verify({"--ca", "root.pem"}).out).at(0));
+        EXPECT_EQ(signatures[at] + good + "; trust was not checked" + over(static_cast<int>(at)),
+                  linesOf(answer.out).at(at));
+    EXPECT_EQ(signatures[0] + good + ", trust: accepted" + over(0), linesOf(verify({"--ca", "root.pem"}).out).at(0));
 
     // One of them fails, and then one more cannot be asked.
     work.write(paths[1], std::string("another body"));
@@ -195,13 +199,17 @@ TEST_F(ManyToolTest, AMailUnderTheNameOfASignatureIsNotJudgedForItsBody) {
     fs::copy_file(work.path("in/mail.eml"), work.path("in/forged.p7s"));
     work.write("in/forged", std::string("what nobody signed"));
     work.write("in/opaque", std::string("what nobody signed"));
-    const std::vector<std::string> files{"in/mail.eml", "in/forged.p7s", "in/opaque.p7s"};
+    // Whatever the letters of the name's end.
+    fs::copy_file(work.path("in/mail.eml"), work.path("in/FORGED.P7S"));
+    work.write("in/FORGED", std::string("what nobody signed"));
+    const std::vector<std::string> files{"in/mail.eml", "in/forged.p7s", "in/opaque.p7s", "in/FORGED.P7S"};
     const Answer answer = tool(with({"verify"}, "--signature", files, {"--json"}));
     const std::vector<json> lines = jsonLines(answer);
-    ASSERT_EQ(3U, lines.size());
+    ASSERT_EQ(4U, lines.size());
     EXPECT_EQ("signature-good", lines[0]["verdict"]);
     EXPECT_NE(0, lines[1]["exitCode"]);
     EXPECT_NE(0, lines[2]["exitCode"]);
+    EXPECT_EQ(2, lines[3]["exitCode"]) << lines[3];
     fs::remove(work.path("in/forged"));
     fs::remove(work.path("in/opaque"));
     for (const json& line :
@@ -220,6 +228,63 @@ TEST_F(ManyToolTest, ContentsOfStructures) {
     EXPECT_EQ((std::vector<std::string>{"0.eml", "2.eml"}), namesIn("out"));
     EXPECT_EQ(bodyOf(2), work.read("out/2.eml"));
     EXPECT_EQ(2, tool(with({"verify"}, "--signature", structures, {"--out-dir", "out"})).status);
+}
+
+// Left unwritten without a word it would be taken for what was there before.
+TEST_F(ManyToolTest, TheOutputOfOneInputIsNotForSeveral) {
+    const std::vector<std::string> paths = makeBodies(2);
+    ASSERT_EQ(0, sign(paths, {"--attached", "--out-dir", "."}).status);
+    ASSERT_EQ(
+        0, tool({"smime", "sign", "--cert", "alice.pem", "--key", "alice.key", "--in", "in/0.eml", "--out", "mail.eml"})
+               .status);
+    before = work.names();
+    const std::string text = "--out takes what is made of one input: give --out-dir for several";
+    expectFailure(tool({"verify", "--signature", "0.eml.p7m", "1.eml.p7m", "--embedded", "--out", "content"}), text);
+    expectFailure(tool({"verify", "--signature", "0.eml.p7m", "--quiet", "--embedded", "--out", "content"}), text);
+    expectFailure(tool({"smime", "verify", "--in", "mail.eml", "mail.eml", "--out", "content"}), text);
+}
+
+// The names are chosen by whoever puts files into the folder.
+TEST_F(ManyToolTest, ANameSpeaksForNoOther) {
+    work.write("in/0.eml: signed", std::string("body"));
+    work.write("in/a: b: c", std::string("body"));
+    work.write("in/a\n0.eml: signed", std::string("body"));
+    EXPECT_EQ("in/0.eml\\x3A signed: signed\nin/a\\x3A b\\x3A c: signed\nin/a\\x0A0.eml\\x3A signed: signed\n",
+              sign({"in/0.eml: signed", "in/a: b: c", "in/a\n0.eml: signed"}, {"--out-dir", "out"}).out);
+    const std::vector<json> lines = jsonLines(sign({"in/0.eml: signed"}, {"--out-dir", "out", "--json"}));
+    EXPECT_EQ((json{{"file", "in/0.eml: signed"}, {"exitCode", 0}, {"output", "out/0.eml: signed.p7s"}}), lines.at(0));
+}
+
+TEST_F(ManyToolTest, AFileCalledAsStandardInputIsOneOfThose) {
+    work.write("-", std::string("body"));
+    work.write("list", std::string("-\n"));
+    EXPECT_EQ("./-: signed\n", sign({}, {"--files-from", "list", "--out-dir", "."}).out);
+    work.write("list", std::string("-.p7s\n"));
+    const Answer answer = tool({"verify", "--files-from", "list", "--json"}, "another body");
+    EXPECT_EQ(0, answer.status) << answer.out;
+    EXPECT_EQ("./-", jsonLines(answer).at(0)["body"]["file"]);
+}
+
+TEST_F(ManyToolTest, WhatIsNoFileKeepsNobodyWaiting) {
+    const std::vector<std::string> paths = makeBodies(3);
+    ASSERT_EQ(0, sign(paths, {"--out-dir", "signatures"}).status);
+    ASSERT_EQ(0, mkfifo(work.path("in/pipe").c_str(), 0600));
+    fs::create_symlink("/dev/zero", work.path("in/endless"));
+    fs::create_directory(work.path("out"));
+    ASSERT_EQ(0, mkfifo(work.path("out/1.eml.p7s").c_str(), 0600));
+    Answer answer = sign({"in/pipe", "in/0.eml", "in/endless", "in/1.eml", "in/2.eml"}, {"--out-dir", "out"});
+    EXPECT_EQ(2, answer.status);
+    const std::string why = ": it is no file (of many inputs and outputs each has to be one)";
+    EXPECT_EQ("in/pipe: failed: cannot read in/pipe" + why +
+                  "\nin/0.eml: signed\nin/endless: failed: cannot read in/endless" + why +
+                  "\nin/1.eml: failed: cannot write out/1.eml.p7s" + why + "\nin/2.eml: signed\n",
+              answer.out);
+    // Nor a body.
+    fs::remove(work.path("in/1.eml"));
+    ASSERT_EQ(0, mkfifo(work.path("in/1.eml").c_str(), 0600));
+    answer =
+        tool({"verify", "--signature", "signatures/0.eml.p7s", "signatures/1.eml.p7s", "--body-dir", "in", "--quiet"});
+    EXPECT_EQ("signatures/1.eml.p7s: failed: cannot read in/1.eml" + why + "\n", answer.out);
 }
 
 TEST_F(ManyToolTest, WhatIsRefusedBeforeAnythingIsWritten) {
@@ -252,6 +317,14 @@ TEST_F(ManyToolTest, WhatIsRefusedBeforeAnythingIsWritten) {
     expectFailure(sign({"in/0.eml", "in/1.eml"}, {"--out", "x", "--out-dir", "y"}), "--out");
     expectFailure(sign({}, {"--files-from", "list-of-none", "--out-dir", "out"}), "there is no name in list-of-none");
     expectFailure(sign({"in/0.eml"}, {"--jobs", "0", "--out-dir", "out"}), "--jobs");
+    // One of the names is a link to the other one.
+    fs::create_directory(work.path("links"));
+    work.write("links/0.eml.p7s", std::string("old"));
+    fs::create_symlink("0.eml.p7s", work.path("links/1.eml.p7s"));
+    before = work.names();
+    refused({"in/0.eml", "in/1.eml"}, "links", "two inputs would be written to links/1.eml.p7s: in/0.eml and in/1.eml");
+    refused({"in/1.eml", "in/0.eml"}, "in/../links/.", "two inputs would be written to in/../links/./0.eml.p7s");
+    EXPECT_EQ("old", work.read("links/0.eml.p7s"));
     // What all have in common is an input, too.
     fs::create_directory(work.path("keys"));
     work.write("keys/in.p7s", alice().key.pkcs8Pem());
@@ -400,12 +473,12 @@ TEST_F(ManyToolTest, AFullDiskIsToldForEach) {
     makeBodies(2);
     work.write("in/large", std::string(300000, 'x'));
     work.write("in/larger", std::string(400000, 'x'));
-    const Answer answer = run(
-        Command{.arguments = {"/bin/bash", "-c",
-                              "trap '' XFSZ; ulimit -f 100; exec \"$0\" encrypt --to bob.pem --in in/0.eml in/large "
-                              "in/1.eml in/larger --out-dir out",
-                              norvtest::norvcryptProgram},
-                .directory = work.directory()});
+    const Answer answer =
+        run(Command{.arguments = {"/bin/bash", "-c",
+                                  "ulimit -f 100; exec \"$0\" encrypt --to bob.pem --in in/0.eml in/large "
+                                  "in/1.eml in/larger --out-dir out",
+                                  norvtest::norvcryptProgram},
+                    .directory = work.directory()});
     EXPECT_EQ(2, answer.status);
     const std::vector<std::string> lines = linesOf(answer.out);
     ASSERT_EQ(4U, lines.size()) << answer.out << answer.err;
@@ -432,25 +505,43 @@ TEST_F(ManyToolTest, NobodyListens) {
     }
 }
 
-// One input is a pipe that nothing comes through; the others wait behind it.
+// All of them take minutes of work.
 TEST_F(ManyToolTest, AnInterruptLeavesNothingHalfWritten) {
-    std::vector<std::string> paths = makeBodies(300);
-    ASSERT_EQ(0, mkfifo(work.path("in/pipe").c_str(), 0600));
-    paths.insert(paths.begin() + 3, "in/pipe");
-    Running tool(with({norvtest::norvcryptProgram, "encrypt", "--to", "bob.pem"}, "--in", paths,
-                      {"--out-dir", "out", "--jobs", "3"}),
+    const std::vector<std::string> paths = makeBodies(300);
+    work.write("password", std::string("known to both sides\n"));
+    Running tool(with({norvtest::norvcryptProgram, "encrypt", "--to", "bob.pem", "--password-file", "password",
+                       "--iterations", "1000000"},
+                      "--in", paths, {"--out-dir", "out", "--jobs", "3"}),
                  work.directory());
     tool.waitFor("in/2.eml: encrypted");
     tool.signal(SIGINT);
     EXPECT_EQ(128 + SIGINT, tool.end());
     const std::vector<std::string> names = namesIn("out");
     EXPECT_LE(3U, names.size());
+    EXPECT_GT(300U, names.size());
     for (const std::string& name : names) {
         EXPECT_NE('.', name.front()) << name;
         EXPECT_EQ(0, openssl({"-decrypt", "-binary", "-inform", "DER", "-in", "out/" + name, "-recip", "bob.pem",
                               "-inkey", "bob.key", "-out", "/dev/null"}))
             << name;
     }
+}
+
+TEST_F(ManyToolTest, NoneFailsForWantOfADescriptorThatAnotherHas) {
+    makeBodies(60);
+    std::string list;
+    for (int at = 0; at != 60; ++at)
+        list += "in/" + std::to_string(at) + ".eml\n";
+    work.write("list", list);
+    const Answer answer =
+        run(Command{.arguments = {"/bin/bash", "-c",
+                                  "ulimit -n 40; exec \"$0\" encrypt --to bob.pem --files-from list --out-dir out "
+                                  "--jobs 60 --quiet --password-file list --iterations 20000",
+                                  norvtest::norvcryptProgram},
+                    .directory = work.directory()});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ("", answer.out);
+    EXPECT_EQ(60U, namesIn("out").size());
 }
 
 TEST_F(ManyToolTest, TwoThousandInputs) {

@@ -165,6 +165,19 @@ TEST(OrderedWorkConcurrencyTest, AnInterruptTakesTheTemporaryFilesAway) {
     std::filesystem::remove_all(folder);
 }
 
+// Whoever waits may have seen already that all is over.
+TEST(OrderedWorkConcurrencyTest, AWakingThatComesLateEndsNothing) {
+    const int status = inAnotherProcess([] {
+        norvcrypt::SharedInterrupts interrupts;
+        std::thread([&] {
+            interrupts.wake();
+            interrupts.wake();
+        }).join();
+        interrupts.wait();
+    });
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+}
+
 TEST(OrderedWorkConcurrencyTest, WhatTheCallerIgnoresStaysIgnored) {
     const int status = inAnotherProcess([] {
         static_cast<void>(std::signal(SIGHUP, SIG_IGN));

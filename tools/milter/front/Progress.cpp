@@ -1,6 +1,6 @@
 #include "front/Progress.h"
 
-#include <system_error>
+#include <exception>
 #include <utility>
 
 namespace norvmilter {
@@ -46,8 +46,8 @@ void Progress::Task::tellFrom(Clock::time_point now) {
             m_tell();
             m_isTelling = false;
         });
-    } catch (const std::system_error&) {
-        // There is no room for a thread: the next time, perhaps.
+    } catch (const std::exception&) {
+        // There is no room or no memory for a thread: the next time, perhaps.
         m_isTelling = false;
     }
 }

@@ -130,9 +130,8 @@ void addSmimeDecrypt(Command& smime, Action& action) {
         "all "
         "of a --store DIR. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
         "decrypted, 1 no key fits, or a signature within is refused, 2 damaged, not supported, too costly, or nothing "
-        "is encrypted. Of several mails each goes to --out-dir under its name with \".content\" behind, or, with "
-        "--whole, "
-        "under its name.");
+        "is encrypted. Of several mails each goes to --out-dir under its name with \".content\" behind (in the "
+        "place of \".p7m\" or \".p7s\"), or, with --whole, under its name.");
     command->example(
         "norvcrypt smime decrypt --in letter-secret.eml --cert bob.pem --key bob.key --ca root.pem --whole "
         "--out letter-clear.eml");

@@ -67,6 +67,8 @@ Exit verify(const SmimeVerifyOptions& options) {
     Inputs inputs;
     if (options.out == "-")
         throw Failure("the verdict goes to standard output: give --out a file for the content");
+    if (options.out && options.mail.in->areMany())
+        throw Failure(outOfMany);
     std::optional<TrustJudge> judge;
     if (options.trust.asked())
         judge.emplace(options.trust.request(), inputs);
@@ -133,7 +135,9 @@ void addSmimeVerify(Command& smime, Action& action) {
         "refused, not signed, or with parts that nobody signed, 2 it could not be judged: no key, damaged, not "
         "supported, too costly. Of several mails a line each is told; what was signed goes to --out-dir, if that is "
         "given, "
-        "under the mail's name with \".content\" behind, or, with --whole, under its name.");
+        "under the mail's name with \".content\" behind (in the place of \".p7m\" or \".p7s\"), or, with --whole, "
+        "under "
+        "its name.");
     command->example("norvcrypt smime verify --in letter-signed.eml --ca root.pem --out letter-content.txt");
     command->example("norvcrypt smime verify --in letter-signed.eml letter.eml --ca root.pem # exit code 1");
     command->whenChosen([options, &action, out] {

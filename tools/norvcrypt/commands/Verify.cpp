@@ -21,6 +21,7 @@
 #include <norvcrypto/CMSSignedReader.h>
 
 #include <algorithm>
+#include <cctype>
 #include <functional>
 #include <list>
 #include <memory>
@@ -237,19 +238,26 @@ Exit judge(const Subject& subject, const Judging& judging, const std::optional<s
     });
 }
 
+constexpr std::string_view signatureEnding = ".p7s";
+
+/// In any case of letters, as outputs are named.
+bool isNamedAsSignature(const std::string& path) {
+    return path.size() >= signatureEnding.size() &&
+           std::ranges::equal(path.substr(path.size() - signatureEnding.size()), signatureEnding, {},
+                              [](char one) { return std::tolower(static_cast<unsigned char>(one)); });
+}
+
 /// The body of one of many signatures: that of --in, the content, or for "NAME.p7s" the file NAME, beside it or in --body-dir.
 Subject subjectOf(const std::string& path, const VerifyOptions& options) {
     Subject subject{.signature = path, .body = options.in, .embedded = options.embedded};
     if (options.in || options.embedded)
         return subject;
-    constexpr std::string_view ending = ".p7s";
-    if (!path.ends_with(ending)) {
+    if (!isNamedAsSignature(path)) {
         subject.noBody = "its name does not end in .p7s, before which the body's name would stand; give --in";
         return subject;
     }
-    std::string body = path.substr(0, path.size() - ending.size());
-    if (options.bodies)
-        body = *options.bodies + "/" + body.substr(body.rfind('/') + 1);
+    std::string body = path.substr(0, path.size() - signatureEnding.size());
+    body = options.bodies ? *options.bodies + "/" + body.substr(body.rfind('/') + 1) : fileNamed(body);
     if (access(body.c_str(), F_OK) == 0)
         subject.body = body;
     else
@@ -262,14 +270,14 @@ Subject subjectOf(const std::string& path, const VerifyOptions& options) {
 Outcome verifyOne(const Item& item, const VerifyOptions& options, const Judging& judging, const MailReading& mails,
                   Inputs& inputs) {
     const Subject subject = subjectOf(item.path, options);
-    if (!subject.body && !subject.embedded && !item.path.ends_with(".p7s") &&
+    if (!subject.body && !subject.embedded && !isNamedAsSignature(item.path) &&
         looksLikeMail(inputs.start(item.path, 65536)))
         return verifyOneMail(item, inputs, mails);
     Outcome outcome;
     outcome.exit = judge(subject, judging, item.output.empty() ? std::nullopt : std::optional(item.output), inputs,
                          nullptr, [&](const JudgedStructure& judged) {
                              outcome.verdict = verdictName(judged.verdict());
-                             outcome.reason = verdictInOneLine(judged);
+                             outcome.reason = verdictInOneLine(judged, subject, judging.judge.has_value());
                              if (item.inJson)
                                  outcome.facts = verdictFacts(judged, subject, judging.judgeOrNull());
                          });
@@ -281,6 +289,8 @@ Exit verifyMany(const VerifyOptions& options) {
         throw Failure("the body of several signatures is no standard input, which can be read only once");
     if (!options.signatures->outDirectory()->empty() && !options.embedded)
         throw Failure("--out-dir is for the contents of structures: give --embedded, too");
+    if (options.out)
+        throw Failure(outOfMany);
     Inputs shared;
     const Judging judging(options, shared);
     const MailReading mails(judging.certificates, judging.judgeOrNull()); // which prepares certificates to be shared

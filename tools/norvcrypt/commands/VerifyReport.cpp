@@ -129,7 +129,7 @@ Description verdictFacts(const JudgedStructure& judged, const Subject& subject, 
     return facts;
 }
 
-std::string verdictInOneLine(const JudgedStructure& judged) {
+std::string verdictInOneLine(const JudgedStructure& judged, const Subject& subject, bool trustAsked) {
     if (judged.message.signers().empty())
         return noSignerText(judged.message);
     std::string text;
@@ -138,6 +138,10 @@ std::string verdictInOneLine(const JudgedStructure& judged) {
             text += (at == 0 ? "signer " : "; signer ") + std::to_string(at + 1) + ": ";
         text += inOneLine(judged.signers[at], judged.message.signers()[at], explanationOf(judged.diagnosis, at));
     }
+    if (!trustAsked)
+        text += "; trust was not checked";
+    if (judged.body)
+        text += "; " + Norvane::escapeForDisplay(bodyText(*judged.body, subject));
     return text;
 }
 

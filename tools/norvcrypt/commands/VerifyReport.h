@@ -43,6 +43,6 @@ void tellVerdict(const JudgedStructure& judged, const Subject& subject, bool tru
 /// What docs/json.md says. \param judge null: trust was not asked
 Description verdictFacts(const JudgedStructure& judged, const Subject& subject, const TrustJudge* judge);
 /// In one line, to be shown as it is.
-std::string verdictInOneLine(const JudgedStructure& judged);
+std::string verdictInOneLine(const JudgedStructure& judged, const Subject& subject, bool trustAsked);
 
 } // namespace norvcrypt

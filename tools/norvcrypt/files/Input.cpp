@@ -163,7 +163,9 @@ Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
         return begun.mapped();
     int descriptor = STDIN_FILENO;
     if (path != "-") {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        // What is one of many may be anything; opening a pipe would wait for somebody who writes to it.
+        const int flags = areOfOneOfMany() ? O_NONBLOCK | O_NOCTTY : 0;
+        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
         if (descriptor < 0)
             throw Failure("cannot open " + path, errno);
     } else if (std::exchange(m_standardInputTaken, true)) {
@@ -172,10 +174,13 @@ Norvane::MediaIn Inputs::open(const std::string& path, Progress* progress) {
     const Norvane::MediaIn in(
         Norvane::makeReference<DescriptorSource, Norvane::MediaInImpl>(descriptor, inputName(path), progress));
     struct stat status {};
-    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+    const bool isKnown = fstat(descriptor, &status) == 0;
+    if (isKnown && S_ISREG(status.st_mode)) {
         if (progress != nullptr)
             progress->expect(static_cast<std::uint64_t>(status.st_size));
         note(path, FileIdentity(status));
+    } else if (areOfOneOfMany() && !(isKnown && S_ISDIR(status.st_mode))) {
+        throw Failure("cannot read " + inputName(path) + ": " + notAFile); // reading a folder fails in its own words
     }
     return in;
 }

@@ -14,6 +14,9 @@
 
 namespace norvcrypt {
 
+/// Why one of many inputs or outputs is refused that is a pipe, a device or the like.
+inline constexpr const char* notAFile = "it is no file (of many inputs and outputs each has to be one)";
+
 /// How an input is named in messages.
 std::string inputName(const std::string& path);
 
@@ -25,14 +28,15 @@ public:
 
     Inputs() = default;
     /// The inputs of one of several pieces of work, beside those that all of them have in common: these are only looked at, and
-    /// `shared` outlives this.
+    /// `shared` outlives this. They are regular files, whatever their names lead to: a pipe that nobody writes to would keep all
+    /// the others waiting, and a device has no end.
     explicit Inputs(const Inputs* shared) : m_shared(shared) {}
     Inputs(const Inputs&) = delete;
     Inputs& operator=(const Inputs&) = delete;
 
     /// A stream over a file of any size. `progress` is told how far reading has come and must outlive the stream.
-    /// \throws Failure: there is no such file, standard input was taken already, or an output
-    /// replaces the file
+    /// \throws Failure: there is no such file, standard input was taken already, an output
+    /// replaces the file, or it is no regular file and one of many
     Norvane::MediaIn open(const std::string& path, Progress* progress = nullptr);
     /// All bytes of a file of at most 256 MiB, wiped with the last copy when they are secret. \throws Failure
     Norvane::Buffer readAll(const std::string& path, bool secret = false);
@@ -52,6 +56,8 @@ public:
     /// \param eachFile hands the path of each to the function that it is given
     /// \throws Failure: an output replaces one of them
     void noteLater(EachFile eachFile);
+    /// Whether these are the inputs of one of several pieces of work.
+    [[nodiscard]] bool areOfOneOfMany() const noexcept { return m_shared != nullptr; }
     /// Whether a file is an input.
     [[nodiscard]] bool hold(const FileIdentity& file);
     /// An output begins or ends to stand for a file that it replaces.

@@ -94,6 +94,13 @@ SharedInterrupts::SharedInterrupts() : m_waiting(pthread_self()), m_awaited(heed
 }
 
 SharedInterrupts::~SharedInterrupts() {
+    // What was to wake may have come when nobody waited any more; let through, it would end the process.
+    constexpr timespec now{.tv_sec = 0, .tv_nsec = 0};
+    sigset_t waking;
+    sigemptyset(&waking);
+    sigaddset(&waking, SIGRTMIN);
+    while (sigtimedwait(&waking, nullptr, &now) == SIGRTMIN)
+        continue;
     pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
 }
 

@@ -43,6 +43,7 @@ void forgetTemporary(std::size_t slot);
 class SharedInterrupts {
 public:
     SharedInterrupts();
+    /// No thread calls `wake` any more.
     ~SharedInterrupts();
     SharedInterrupts(const SharedInterrupts&) = delete;
     SharedInterrupts& operator=(const SharedInterrupts&) = delete;

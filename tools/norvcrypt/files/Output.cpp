@@ -85,6 +85,7 @@ std::string linkOf(int descriptor) {
 
 void prepareOutput() {
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN)); // a file that becomes too large is a failure to write it
     prepareInterrupts();
     // A closed standard stream is opened the wrong way round: using it then fails instead of hitting a file of ours.
     for (const auto& [descriptor, mode] :
@@ -124,6 +125,8 @@ OutputFile::OutputFile(std::string path, Inputs& inputs, Access access, Existing
     if (const int error = errno; !exists && (error != ENOENT || lstat(m_name.c_str(), &status) == 0))
         fail(error);
     if (exists && !S_ISREG(status.st_mode)) {
+        if (inputs.areOfOneOfMany())
+            throw Failure("cannot write " + m_name + ": " + notAFile);
         m_descriptor = open(m_name.c_str(), O_WRONLY | O_CLOEXEC);
         if (m_descriptor < 0)
             fail(errno);

@@ -12,7 +12,7 @@
 
 namespace norvcrypt {
 
-/// Prepares the process for output that may fail: no death by SIGPIPE, no file that takes the place of a closed
+/// Prepares the process for output that may fail: no death by SIGPIPE or SIGXFSZ, no file that takes the place of a closed
 /// standard stream, and no temporary file left behind by an interrupt. Call it first in main.
 void prepareOutput();
 
@@ -31,7 +31,7 @@ private:
 
 /// A file that appears under its name complete or not at all: it has no name until then, or a temporary one where the
 /// file system knows no files without. "-" is standard output, and what is no regular file (a device, a pipe) is written
-/// directly.
+/// directly; of one of several pieces of work it is refused.
 class OutputFile {
 public:
     /// owner: for secrets; mode 0600, ours, and never in the place of another user's file

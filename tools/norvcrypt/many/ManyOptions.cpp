@@ -14,6 +14,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
@@ -46,19 +47,41 @@ std::vector<std::string> namesIn(const Norvane::Buffer& list) {
     return names;
 }
 
+/// Without links; as it is given where there is nothing.
+std::string realPathOf(const std::string& path) {
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), std::free);
+    return real ? real.get() : path;
+}
+
 /// What tells apart two outputs: links that lead to one file are one.
-std::string placeOf(const std::string& output) {
+/// \param folder the real path of the output's
+std::string placeOf(const std::string& folder, const std::string& output) {
     struct stat status {};
-    if (lstat(output.c_str(), &status) != 0 || !S_ISLNK(status.st_mode))
-        return output;
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(output.c_str(), nullptr), std::free);
-    return real ? real.get() : output;
+    if (lstat(output.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+        return realPathOf(output);
+    return folder + (folder == "/" ? "" : "/") + lastPartOf(output);
 }
 
 void refuseFolder(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
         throw Failure(path + " is a folder: give the files in it");
+}
+
+/// As many at a time as there are descriptors for, so that none fails for want of one that another has.
+unsigned int jobsWithDescriptors(unsigned int jobs) {
+    constexpr rlim_t ofEach = 6; // the input, its body, the output and its folder, what is kept aside
+    constexpr rlim_t ofAll = 16;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return jobs;
+    if (const rlim_t wanted = std::min(jobs * ofEach + ofAll, limit.rlim_max); limit.rlim_cur < wanted) {
+        const rlimit more{.rlim_cur = wanted, .rlim_max = limit.rlim_max};
+        if (setrlimit(RLIMIT_NOFILE, &more) == 0)
+            limit = more;
+    }
+    const rlim_t room = limit.rlim_cur > ofAll ? (limit.rlim_cur - ofAll) / ofEach : 0;
+    return static_cast<unsigned int>(std::clamp<rlim_t>(room, 1, jobs));
 }
 
 /// Counts what came of the inputs, and tells it.
@@ -98,12 +121,20 @@ private:
     std::array<std::size_t, 3> m_of{}; ///< by exit code
 };
 
+/// The name ends in front of the first ": " of a line, whatever it is: a file called "other: good" speaks for no other.
+std::string nameInLine(const std::string& path) {
+    std::string name = escapeForDisplay(path);
+    for (std::size_t at = 0; (at = name.find(": ", at)) != std::string::npos;)
+        name.replace(at, 1, "\\x3A");
+    return name;
+}
+
 std::string lineOf(const Item& item, const Outcome& outcome) {
     const Colours colours;
     const std::string verdict = outcome.exit == Exit::good      ? colours.good(outcome.verdict)
                                 : outcome.exit == Exit::refused ? colours.bad(outcome.verdict)
                                                                 : colours.doubtful(outcome.verdict);
-    return escapeForDisplay(item.path) + ": " + verdict + (outcome.reason.empty() ? "" : ": " + outcome.reason) + "\n";
+    return nameInLine(item.path) + ": " + verdict + (outcome.reason.empty() ? "" : ": " + outcome.reason) + "\n";
 }
 
 std::string jsonLineOf(const Item& item, const Outcome& outcome) {
@@ -114,18 +145,26 @@ std::string jsonLineOf(const Item& item, const Outcome& outcome) {
     return asJsonLine(line);
 }
 
-/// What cannot be done with one keeps none of the others from being done.
-Outcome outcomeOf(const Item& item, const Inputs& shared, const WorkOnItem& work) {
+Report reportOf(const Item& item, const Outcome& outcome, bool quiet) {
+    if (quiet && outcome.exit == Exit::good)
+        return {};
+    return {.exit = outcome.exit, .text = item.inJson ? jsonLineOf(item, outcome) : lineOf(item, outcome)};
+}
+
+/// What cannot be done with one, or told of it, keeps none of the others from being done.
+Report reportOf(const Item& item, const Inputs& shared, const WorkOnItem& work, bool quiet) {
     try {
         refuseFolder(item.path);
         Inputs inputs(&shared);
-        return work(item, inputs);
+        return reportOf(item, work(item, inputs), quiet);
     } catch (...) {
         const Told told = toldOfException();
-        return {.exit = told.exit,
-                .verdict = told.exit == Exit::refused ? "refused" : "failed",
-                .reason = escapeForDisplay(told.text),
-                .facts = {{"error", told.text}}};
+        return reportOf(item,
+                        {.exit = told.exit,
+                         .verdict = told.exit == Exit::refused ? "refused" : "failed",
+                         .reason = escapeForDisplay(told.text),
+                         .facts = {{"error", told.text}}},
+                        quiet);
     }
 }
 
@@ -146,6 +185,10 @@ std::string withoutSignatureEnding(const std::string& name) {
             return name.substr(0, name.size() - length);
     }
     return name + ".content";
+}
+
+std::string fileNamed(const std::string& name) {
+    return name == "-" ? "./-" : name;
 }
 
 ManyOptions::ManyOptions(Command& command, const std::string& name, const std::string& value, const std::string& help,
@@ -183,7 +226,8 @@ std::vector<std::string> ManyOptions::paths(Inputs& shared) const {
         const std::vector<std::string> listed = namesIn(shared.readAll(*m_list));
         if (listed.empty())
             throw Failure("there is no name in " + inputName(*m_list));
-        paths.insert(paths.end(), listed.begin(), listed.end());
+        for (const std::string& name : listed)
+            paths.push_back(fileNamed(name));
     }
     if (paths.empty() || std::ranges::find(paths, "-") != paths.end())
         throw Failure("standard input is not one of several inputs, or one with --out-dir: name files with " +
@@ -197,12 +241,13 @@ std::string ManyOptions::outputOf(const std::string& path, const OutputName& nam
 
 /// Before anything is written: no output may be that of two inputs, or one of the inputs.
 void ManyOptions::checkOutputs(const std::vector<std::string>& paths, const OutputName& name, Inputs& shared) const {
+    const std::string folder = realPathOf(*m_folder);
     std::unordered_map<std::string, const std::string*> places;
     places.reserve(paths.size());
     std::vector<std::pair<std::string, FileIdentity>> existing;
     for (const std::string& path : paths) {
         const std::string output = outputOf(path, name);
-        const auto [other, isNew] = places.try_emplace(placeOf(output), &path);
+        const auto [other, isNew] = places.try_emplace(placeOf(folder, output), &path);
         if (!isNew)
             throw Failure("two inputs would be written to " + output + ": " +
                           std::string(*other->second).append(" and ").append(path));
@@ -246,13 +291,9 @@ Exit ManyOptions::run(Inputs& shared, bool json, const OutputName& name, OutputF
     const bool inJson = json || m_json;
     Lines lines(all.size(), m_quiet);
     doInOrder(
-        all.size(), m_jobs.value_or(std::min<unsigned int>(availableCores(), mostWriters)),
+        all.size(), jobsWithDescriptors(m_jobs.value_or(std::min<unsigned int>(availableCores(), mostWriters))),
         [&](std::size_t at) {
-            const Item item{all[at], outputOf(all[at], name), inJson};
-            const Outcome outcome = outcomeOf(item, shared, work);
-            if (m_quiet && outcome.exit == Exit::good)
-                return Report{};
-            return Report{.exit = outcome.exit, .text = inJson ? jsonLineOf(item, outcome) : lineOf(item, outcome)};
+            return reportOf({all[at], outputOf(all[at], name), inJson}, shared, work, m_quiet);
         },
         [&](const Report& report) { lines.tell(report); });
     return lines.end();

@@ -23,6 +23,10 @@ struct Item {
     bool inJson; ///< the line is an object, for which `Outcome::facts` are wanted
 };
 
+/// Refuses the option for one output, where there may be none.
+inline constexpr const char* outOfMany =
+    "--out takes what is made of one input: give --out-dir for several (--files-from, --jobs, --quiet)";
+
 /// What became of it. The texts are shown as they are.
 struct Outcome {
     Exit exit = Exit::good;
@@ -41,6 +45,9 @@ using OutputName = std::function<std::string(const std::string& name)>;
 OutputName withEnding(const std::string& ending);
 /// The name without ".p7m" or ".p7s" at its end; one that has neither gets ".content".
 std::string withoutSignatureEnding(const std::string& name);
+
+/// The file of that name, where a name is no more than that: "-" is a file, too.
+std::string fileNamed(const std::string& name);
 
 /// The options that make a command take many inputs. Lives until the action has run.
 class ManyOptions {

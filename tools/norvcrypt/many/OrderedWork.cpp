@@ -8,7 +8,6 @@
 #include <mutex>
 #include <optional>
 #include <sched.h>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -97,8 +96,8 @@ bool doInThreads(Work& work, unsigned int count) {
                     interrupts.wake();
             });
         }
-    } catch (const std::system_error&) {
-        --alive; // there can be no more
+    } catch (const std::exception&) {
+        --alive; // there can be no more, or there is no memory for more
     }
     if (--alive != 0)
         interrupts.wait();
