@@ -31,7 +31,7 @@ bool announcesUnknownDigest() {
 
 /// Whether each signer's key has signed the attributes, and these have the digest of the content.
 bool areSignersGood(CMS_ContentInfo* structure, const Buffer& content) {
-    if (CMS_set1_signers_certs(structure, nullptr, 0) <= 0) {
+    if (CMS_set1_signers_certs(structure, nullptr, 0) < 0) { // counts those that it had not found before
         return false;
     }
     STACK_OF(CMS_SignerInfo)* const signers = CMS_get0_SignerInfos(structure);
