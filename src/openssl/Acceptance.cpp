@@ -164,7 +164,7 @@ private:
             m_shapes[m_walk.depth()].isSplitValue = true;
             return Refusal::none;
         }
-        return judge(relativePoints(m_walk.content(), m_walk.elementSize()));
+        return judge(relativePoints(m_walk.content(), static_cast<std::size_t>(m_walk.header().contentLength)));
     }
 
     Refusal closed() noexcept {

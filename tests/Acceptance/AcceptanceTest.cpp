@@ -189,6 +189,14 @@ TEST(Acceptance, PointsInAValueThatIsInPartsAreEstimated) {
     EXPECT_EQ(refusalOf(split(1024, 110)), tooManyPoints);
 }
 
+// The value goes on beyond the end of the extension by its own account; ASan sees who follows it.
+TEST(Acceptance, DistributionPointsAreLookedForInTheirValueAlone) {
+    for (const char* const value : {"300604020000", "30080402000030", "3081"}) {
+        const Bytes extension = der::sequence({der::oid("2.5.29.31"), der::octetString(fromHex(value))});
+        EXPECT_EQ(refusalOf(Bytes(extension.begin(), extension.end())), "");
+    }
+}
+
 TEST(Acceptance, PublicKeysInOneStructureAreBounded) {
     const Bytes& one = ordinary().certificate.der;
     EXPECT_EQ(refusalOf(certificatesOnly(std::vector<Bytes>(50, one))), "");

@@ -35,6 +35,13 @@
 /// content. Header fields of parts that are not 7-bit or too long are encoded (RFC 2047, RFC 2231) and folded. A preamble or
 /// epilogue, which no reader shows, is left out when it is none that can be sent.
 ///
+/// Malformed quoted-printable ("==", "=4Z", an "=" at the end), of which readers make different things, keeps its octets. Where
+/// it is not 7-bit or has too long lines, and the signature is a part beside it, it becomes base64 of what `read` makes of it.
+///
+/// Lines in the header of a part or forwarded message that are no field stay as they are, but for a "From " line of a mailbox
+/// and blanks at their ends where the signature is a part beside the body. There, one that would not arrive as it is sent is
+/// refused; opaque signatures and encryption carry all of them, octet for octet.
+///
 /// Nothing is changed but line ends in parts that are signed or encrypted already (multipart/signed, multipart/encrypted).
 /// Where such a part is not 7-bit, a multipart/signed around it would not survive its way and is refused; opaque signatures
 /// and encryption carry it as it is.
@@ -168,6 +175,7 @@ struct WriteOptions {
 ///         - "the part at 1.2 is signed already and is not 7-bit ...", "the part at 1.2 has the transfer encoding x-uuencode and
 ///           is not 7-bit ...", "the part at 1.2 is a multipart without any part, ..." (for a signature beside it alone). The
 ///           message is at 1, its parts are at 1.1, 1.2, as the reader counts them
+///         - "the header of the part at 1.2 has a line that is no field and not 7-bit text with short lines: ..." (likewise)
 ///         - "the header of the part at 1.2 has more than 262144 octets" and so on for all of `WriteBudget`
 ///         - "the field Content-ID of the part at 1.2 has a line of 1200 characters that cannot be folded"
 ///         - with header protection: "the header of a message that is signed or encrypted already cannot be protected: sign and

@@ -99,6 +99,50 @@ private:
     bool m_afterCr = false;
 };
 
+/// Takes away the blanks at the ends of lines, which GMime would keep, and with which it finds no soft line break.
+class BlankTrimmer {
+public:
+    void take(std::string_view piece, std::string& out) {
+        while (!piece.empty()) {
+            if (m_held.empty()) {
+                const std::size_t plain = std::min(piece.find_first_of(" \t\r"), piece.size());
+                out.append(piece.substr(0, plain));
+                piece.remove_prefix(plain);
+                if (piece.empty())
+                    return;
+            }
+            takeByte(piece.front(), out);
+            piece.remove_prefix(1);
+        }
+    }
+    void end(std::string& out) {
+        if (m_held.ends_with('\r'))
+            out += m_held;
+        m_held.clear();
+    }
+
+private:
+    void takeByte(char byte, std::string& out) {
+        const bool afterReturn = m_held.ends_with('\r');
+        if (byte == '\n') {
+            out += afterReturn ? "\r\n" : "\n";
+            m_held.clear();
+            return;
+        }
+        const bool isBlank = byte == ' ' || byte == '\t';
+        if (afterReturn || (!isBlank && byte != '\r') || m_held.size() > mostTrailingBlanks) {
+            out += m_held;
+            m_held.clear();
+        }
+        if (isBlank || byte == '\r')
+            m_held += byte;
+        else
+            out += byte;
+    }
+
+    std::string m_held; ///< blanks, and a CR behind them
+};
+
 GMimeContentEncoding encodingOf(Transfer transfer) {
     switch (transfer) {
     case Transfer::base64:
@@ -117,6 +161,14 @@ GMimeContentEncoding encodingOf(Transfer transfer) {
 struct Decoder::State {
     GMimeEncoding encoding{};
     bool isBase64 = false;
+    BlankTrimmer trimmer; ///< of quoted-printable
+    std::string trimmed;
+
+    void step(std::string_view piece, std::string& out) {
+        const std::size_t before = out.size();
+        out.resize(before + g_mime_encoding_outlen(&encoding, piece.size()));
+        out.resize(before + g_mime_encoding_step(&encoding, piece.data(), piece.size(), out.data() + before));
+    }
 };
 
 Decoder::Decoder(Transfer transfer) {
@@ -135,16 +187,25 @@ void Decoder::decode(std::string_view piece, std::string& out) {
         out.append(piece);
         return;
     }
-    const std::size_t before = out.size();
-    out.resize(before + g_mime_encoding_outlen(&m_state->encoding, piece.size()));
-    out.resize(before + g_mime_encoding_step(&m_state->encoding, piece.data(), piece.size(), out.data() + before));
+    if (m_state->isBase64) {
+        m_state->step(piece, out);
+        return;
+    }
+    m_state->trimmed.clear();
+    m_state->trimmer.take(piece, m_state->trimmed);
+    m_state->step(m_state->trimmed, out);
 }
 
 void Decoder::end(std::string& out) {
-    if (m_state && m_state->isBase64)
-        decode("==", out); // what is missing where padding was left out, and nothing otherwise
-    else
-        decode("", out);
+    if (!m_state)
+        return;
+    if (m_state->isBase64) {
+        m_state->step("==", out); // what is missing where padding was left out, and nothing otherwise
+        return;
+    }
+    m_state->trimmed.clear();
+    m_state->trimmer.end(m_state->trimmed);
+    m_state->step(m_state->trimmed, out);
 }
 
 SharedOctets decoded(const SharedOctets& body, Transfer transfer) {

@@ -13,7 +13,9 @@
 namespace Norvane::Crypto::SMime::mime {
 
 /// Takes an encoding off, piece by piece. Bytes that do not belong to it are left out as mail clients do: garbage in base64;
-/// a base64 text ends at its first "=", and one without its last padding counts as padded.
+/// a base64 text ends at its first "=", and one without its last padding counts as padded. Blanks at the ends of lines of
+/// quoted-printable, which mail systems added, go (RFC 2045, 6.7, rule 3); an "=" that begins neither an octet nor a soft
+/// line break means itself.
 class Decoder {
 public:
     explicit Decoder(Transfer transfer);
@@ -30,6 +32,9 @@ private:
     struct State;
     std::unique_ptr<State> m_state; ///< none: the bytes pass as they are
 };
+
+/// How many blanks at the end of a line of quoted-printable are looked for: more than a line may have in all.
+inline constexpr std::size_t mostTrailingBlanks = 76;
 
 /// The body of an entity with its encoding taken off, to be read.
 [[nodiscard]] SharedOctets decoded(const SharedOctets& body, Transfer transfer);

@@ -163,6 +163,30 @@ std::string outerField(std::string_view octets) {
     return text;
 }
 
+std::string linesAsTheyStand(std::string_view octets) {
+    std::string text;
+    while (!octets.empty()) {
+        const std::size_t end = std::min(octets.find('\n'), octets.size());
+        std::string_view line = octets.substr(0, end);
+        octets.remove_prefix(std::min(end + 1, octets.size()));
+        line.remove_suffix(line.ends_with('\r') ? 1 : 0);
+        text.append(line).append("\r\n");
+    }
+    return text;
+}
+
+std::string withoutTrailingBlanks(std::string_view lines) {
+    std::string text;
+    for (std::size_t end = lines.find("\r\n"); end != std::string_view::npos; end = lines.find("\r\n")) {
+        const std::string_view line = lines.substr(0, end);
+        if (const std::size_t last = line.find_last_not_of(" \t"); last != std::string_view::npos) {
+            text.append(line.substr(0, last + 1)).append("\r\n");
+        }
+        lines.remove_prefix(end + 2);
+    }
+    return text;
+}
+
 std::string innerField(std::string_view name, std::string_view value, const std::string& where) {
     const std::vector<std::string> lines = tidied(linesOf(std::string(name) + ':' + std::string(value)));
     std::string unfolded;

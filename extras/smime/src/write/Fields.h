@@ -18,6 +18,13 @@ std::string outerField(std::string_view octets);
 /// \throws Exception: it cannot be folded
 std::string innerField(std::string_view name, std::string_view value, const std::string& where);
 
+/// What is no field, with CRLF at the ends of its lines and all else as it stands.
+std::string linesAsTheyStand(std::string_view octets);
+
+/// Lines without blanks at their ends, which relays cut off, and without lines that have nothing else, which end a header for
+/// some.
+std::string withoutTrailingBlanks(std::string_view lines);
+
 /// A field that is ours: of 7-bit characters, folded at blanks to lines of 78.
 std::string newField(std::string_view name, std::string_view value);
 

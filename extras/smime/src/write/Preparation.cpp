@@ -2,6 +2,7 @@
 
 #include "mime/Limits.h"
 #include "mime/Multipart.h"
+#include "mime/Transfer.h"
 #include "write/BoundedHeader.h"
 #include "write/Fail.h"
 #include "write/Fields.h"
@@ -27,12 +28,28 @@ bool isUsableBoundary(const std::string& boundary) {
            std::ranges::all_of(boundary, [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// A line with CRLF; nothing when it does not arrive as it is sent.
-std::string sendableLine(std::string_view octets) {
+TextTraits traitsOf(std::string_view octets) {
     TextTraits traits;
     traits.see(octets);
     traits.end();
-    return traits.isRelayProof() ? outerField(octets) : std::string();
+    return traits;
+}
+
+/// Lines of a header that are no field, fit to be sent. \throws Exception: they cannot be, and nothing stands for them
+std::string sendableLines(std::string_view octets, const std::string& where) {
+    std::string text = linesAsTheyStand(octets);
+    // A mailbox put it in front of the message (RFC 4155), and would put ">" in front of this one.
+    if (text.starts_with("From ") && text.find('\n') + 1 == text.size()) {
+        return {};
+    }
+    text = withoutTrailingBlanks(text);
+    if (!traitsOf(text).isRelayProof()) {
+        fail(
+            "the header of " + where +
+            " has a line that is no field and not 7-bit text with short lines: a signature beside it would not survive "
+            "its way. Sign the message opaquely");
+    }
+    return text;
 }
 
 /// Why a part must not be changed.
@@ -69,6 +86,7 @@ const char* wordOf(Way way) {
     case Way::base64:
     case Way::base64Exactly:
     case Way::base64Anew:
+    case Way::base64Read:
         return "base64";
     case Way::asItIs:
         break;
@@ -88,23 +106,32 @@ MediaOut filterFor(Way way, const MediaOut& target) {
         return base64Lines(target);
     case Way::base64Anew:
         return base64LinesAnew(target);
+    case Way::base64Read:
+        return canonicalLineEnds(mime::DecodingMediaOut(base64Lines(target), mime::Transfer::quotedPrintable),
+                                 LoneReturn::data);
     case Way::asItIs:
         break;
     }
     return canonicalLineEnds(target, LoneReturn::data);
 }
 
-/// Takes all that is left, shows it to `seen`, and passes it on where there is a target.
-TextTraits taken(mime::Octets& octets, MediaOut* target) {
+/// Takes all that is left, looks at it, and passes it on where there is a target.
+TextTraits taken(mime::Octets& octets, MediaOut* target, QuotedPrintableCheck* check = nullptr) {
     TextTraits traits;
     for (std::string_view piece = octets.view(1); !piece.empty(); piece = octets.view(1)) {
         traits.see(piece);
+        if (check != nullptr) {
+            check->see(piece);
+        }
         if (target != nullptr) {
             put(*target, piece);
         }
         octets.skip(piece.size());
     }
     traits.end();
+    if (check != nullptr) {
+        check->end();
+    }
     if (target != nullptr) {
         target->end();
     }
@@ -178,7 +205,7 @@ void Preparation::walk(const Entity& entity) {
         put(headerOf(entity, kind, number));
     } else {
         // What it throws is found before anything is written.
-        static_cast<void>(headerOf(entity, kind, number));
+        m_parts[number].eightBitHeader = !traitsOf(headerOf(entity, kind, number)).isSendable();
     }
     switch (kind) {
     case Kind::multipart:
@@ -204,7 +231,7 @@ void Preparation::walkMessage(const Entity& entity, std::size_t number) {
     const std::size_t first = m_writing ? 0 : m_parts.size();
     walk({header, entity.body, entity.path + ".1", entity.depth + 1});
     if (!m_writing) {
-        m_parts[number].eightBit = m_parts[first].eightBit;
+        m_parts[number].eightBit = m_parts[first].eightBit || m_parts[first].eightBitHeader;
     }
 }
 
@@ -224,7 +251,7 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         readBounded(*parts.part(), m_budget, "the part at " + path, header);
         const std::size_t first = m_writing ? 0 : m_parts.size();
         walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest"});
-        eightBit = eightBit || (!m_writing && m_parts[first].eightBit);
+        eightBit = eightBit || (!m_writing && (m_parts[first].eightBit || m_parts[first].eightBitHeader));
     }
     if (count != 0) {
         put("\r\n");
@@ -265,10 +292,12 @@ bool Preparation::walkFrame(const mime::SharedOctets& octets, bool kept) {
 }
 
 void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number) {
-    const TextTraits traits = taken(*entity.body, nullptr);
+    QuotedPrintableCheck check;
+    const bool isQuoted = mime::transferOf(entity.header) == mime::Transfer::quotedPrintable;
+    const TextTraits traits = taken(*entity.body, nullptr, isQuoted ? &check : nullptr);
     Part& part = m_parts[number];
     part.traits = traits;
-    part.way = kind == Kind::sealed ? Way::asItIs : wayOf(entity, type, traits);
+    part.way = kind == Kind::sealed ? Way::asItIs : wayOf(entity, type, traits, check.isWellFormed());
     part.eightBit = part.way == Way::asItIs && !traits.isSendable();
     if (!part.eightBit || !m_sevenBitAlone) {
         return;
@@ -278,12 +307,17 @@ void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type
          "opaquely");
 }
 
-Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits) const {
+Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits,
+                       bool wellQuoted) const {
     switch (mime::transferOf(entity.header)) {
     case mime::Transfer::base64:
         return traits.isRelayProof() ? Way::asItIs : Way::base64Anew;
     case mime::Transfer::quotedPrintable:
-        return traits.isRelayProof() ? Way::asItIs : Way::quotedAnew;
+        if (traits.isRelayProof() || wellQuoted) {
+            return traits.isRelayProof() ? Way::asItIs : Way::quotedAnew;
+        }
+        // Nobody can tell what its writer meant: the octets stay, or else become what they were to one reader.
+        return traits.isSendable() || !m_sevenBitAlone ? Way::asItIs : Way::base64Read;
     case mime::Transfer::unknown:
         return Way::asItIs;
     case mime::Transfer::identity:
@@ -325,8 +359,8 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
             continue;
         }
         if (name.empty()) {
-            // No field at all: readers pass over it, as over a preamble.
-            text += sendableLine(entity.header.octetsOf(field));
+            const std::string_view octets = entity.header.octetsOf(field);
+            text += m_sevenBitAlone ? sendableLines(octets, where) : linesAsTheyStand(octets);
             continue;
         }
         if (changesWord && mime::isSameName(name, "Content-Transfer-Encoding")) {

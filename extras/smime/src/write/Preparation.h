@@ -25,6 +25,7 @@ enum class Way : int {
     base64,        ///< of its lines with CRLF
     base64Exactly, ///< of its bytes
     base64Anew,    ///< from such
+    base64Read,    ///< of what the reader of this library makes of malformed quoted-printable
 };
 
 /// Walks through a message twice: first it looks, then it writes in the ways that it has chosen.
@@ -49,8 +50,9 @@ private:
     /// What was found of one part.
     struct Part {
         Way way = Way::asItIs;
-        bool eightBit = false; ///< as it will be written
-        bool preamble = true;  ///< which can be sent; likewise:
+        bool eightBit = false;       ///< as it will be written; likewise:
+        bool eightBitHeader = false; ///< which is of concern to what is around it
+        bool preamble = true;        ///< which can be sent; likewise:
         bool epilogue = true;
         TextTraits traits{}; ///< of the body of a leaf
     };
@@ -75,7 +77,8 @@ private:
     bool walkFrame(const mime::SharedOctets& octets, bool kept);
     void lookAtLeaf(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number);
     void writeLeaf(const Entity& entity, std::size_t number);
-    [[nodiscard]] Way wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits) const;
+    [[nodiscard]] Way wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits,
+                            bool wellQuoted) const;
 
     [[nodiscard]] std::string headerOf(const Entity& entity, Kind kind, std::size_t number) const;
     void put(std::string_view text);

@@ -1,5 +1,6 @@
 #include "write/QuotedPrintable.h"
 
+#include "mime/Transfer.h"
 #include "write/Filters.h"
 
 #include <algorithm>
@@ -238,6 +239,53 @@ private:
 
 MediaOut quotedPrintable(const MediaOut& target, QuotedFrom from) {
     return MediaOut(makeReference<QuotedPrintableImpl, MediaOutImpl>(target, from));
+}
+
+void QuotedPrintableCheck::see(std::string_view piece) {
+    for (auto byte = piece.begin(); m_wellFormed && byte != piece.end(); ++byte) {
+        seeByte(*byte);
+    }
+}
+
+void QuotedPrintableCheck::end() {
+    endLine();
+    m_wellFormed = m_wellFormed && m_escape == Escape::none;
+}
+
+void QuotedPrintableCheck::seeByte(char byte) {
+    if (m_escape != Escape::none) {
+        seeEscaped(byte);
+    } else if (byte == '=') {
+        m_escape = Escape::begun;
+    }
+    if (isBlank(byte)) {
+        ++m_blanks;
+    } else if (byte == '\r' || byte == '\n') {
+        endLine();
+    } else {
+        m_blanks = 0;
+    }
+}
+
+void QuotedPrintableCheck::seeEscaped(char byte) {
+    const bool digits = m_escape == Escape::begun || m_escape == Escape::oneDigit;
+    if (digits && isHexDigit(byte)) {
+        m_escape = m_escape == Escape::begun ? Escape::oneDigit : Escape::none;
+    } else if (byte == '\n' && m_escape != Escape::oneDigit) {
+        m_escape = Escape::none;
+    } else if (byte == '\r' && (m_escape == Escape::begun || m_escape == Escape::blanks)) {
+        m_escape = Escape::returned;
+    } else if (isBlank(byte) && (m_escape == Escape::begun || m_escape == Escape::blanks)) {
+        m_escape = Escape::blanks;
+    } else {
+        m_wellFormed = false;
+    }
+}
+
+/// Which of so many blanks go is up to the decoder.
+void QuotedPrintableCheck::endLine() {
+    m_wellFormed = m_wellFormed && m_blanks <= mime::mostTrailingBlanks;
+    m_blanks = 0;
 }
 
 } // namespace Norvane::Crypto::SMime::writing

@@ -2,6 +2,9 @@
 
 #include <norvcmsg/Media.h>
 
+#include <cstddef>
+#include <string_view>
+
 namespace Norvane::Crypto::SMime::writing {
 
 /// What comes into the filter below.
@@ -17,5 +20,26 @@ enum class QuotedFrom : int {
 /// Of what was quoted already the content stays the same: each `=` with its digits stays together, and blanks at the ends of
 /// lines go, as readers drop them (RFC 2045, 6.7, rule 3).
 MediaOut quotedPrintable(const MediaOut& target, QuotedFrom from);
+
+/// Whether all decoders make the same of quoted-printable: each `=` begins an octet or a soft line break that a line follows
+/// (RFC 2045, 6.7). Of "==" or "=4Z" some leave parts out, and some do not. Bytes that need an octet and have none (8-bit, NUL)
+/// are no fault here: they mean themselves.
+class QuotedPrintableCheck {
+public:
+    void see(std::string_view piece);
+    /// Nothing follows.
+    void end();
+    [[nodiscard]] bool isWellFormed() const noexcept { return m_wellFormed; }
+
+private:
+    enum class Escape : int { none, begun, oneDigit, blanks, returned };
+    void seeByte(char byte);
+    void seeEscaped(char byte);
+    void endLine();
+
+    bool m_wellFormed = true;
+    Escape m_escape = Escape::none;
+    std::size_t m_blanks = 0; ///< in a row
+};
 
 } // namespace Norvane::Crypto::SMime::writing

@@ -50,13 +50,13 @@ Filter quoted(QuotedFrom from) {
     return [from](const MediaOut& target) { return quotedPrintable(target, from); };
 }
 
-/// Quoted-printable decoded by GMime, with LF for CRLF.
+MediaOut unquoting(const MediaOut& target) {
+    return mime::DecodingMediaOut(target, mime::Transfer::quotedPrintable);
+}
+
+/// Quoted-printable as the reader decodes it.
 std::string unquoted(const std::string& text) {
-    std::string out;
-    mime::Decoder decoder(mime::Transfer::quotedPrintable);
-    decoder.decode(text, out);
-    decoder.end(out);
-    return out;
+    return filtered(unquoting, text, text.size() + 1);
 }
 
 void expectShortLines(const std::string& text, std::size_t most) {
@@ -77,10 +77,10 @@ TEST(SmimeFiltersTest, MakesOneKindOfLineEndOfAll) {
     EXPECT_EQ(through(lineFeeds, "a\r\nb\rc\r\r\n\nd\r"), "a\nb\rc\r\n\nd\r");
 }
 
-/// All texts of up to six of these bytes.
-std::vector<std::string> textsOf(std::string_view bytes) {
+/// All texts of up to so many of these bytes.
+std::vector<std::string> textsOf(std::string_view bytes, std::size_t longest) {
     std::vector<std::string> texts{""};
-    for (std::size_t at = 0; texts[at].size() < 6; ++at) {
+    for (std::size_t at = 0; texts[at].size() < longest; ++at) {
         for (const char byte : bytes) {
             texts.push_back(texts[at] + byte);
         }
@@ -89,7 +89,7 @@ std::vector<std::string> textsOf(std::string_view bytes) {
 }
 
 TEST(SmimeFiltersTest, TakesEndsOfLinesInAnyOrder) {
-    for (const std::string& text : textsOf("\r\na")) {
+    for (const std::string& text : textsOf("\r\na", 6)) {
         std::string returnsAreData;
         std::string returnsEndLines;
         std::string feeds;
@@ -196,6 +196,58 @@ TEST(SmimeFiltersTest, MendsQuotedPrintableWithoutChangingItsContent) {
     const std::string lines = through(mended, std::string(300, 'y') + "=E4=E4" + std::string(300, ' ') + "z\r\n");
     expectShortLines(lines, 76);
     EXPECT_EQ(unquoted(lines), std::string(300, 'y') + "\xe4\xe4" + std::string(300, ' ') + "z\r\n");
+}
+
+TEST(SmimeFiltersTest, ReadsBlanksAtTheEndsOfQuotedLinesAsAdded) {
+    // RFC 2045, 6.7, rule 3.
+    EXPECT_EQ(through(unquoting, "a \t\r\nb\t\nc\r\n \r\nd "), "a\r\nb\nc\r\n\r\nd");
+    EXPECT_EQ(through(unquoting, "soft= \t\r\nbreak =\nx=20 \r\n=09\n"), "softbreak x \r\n\t\n");
+    EXPECT_EQ(through(unquoting, " in \t the\tline"), " in \t the\tline");
+    // A CR alone ends none.
+    EXPECT_EQ(through(unquoting, "a \rb\r \rc \r\r\nd\r"), "a \rb\r \rc \r\r\nd\r");
+    EXPECT_EQ(through(unquoting, "a==\r\n=4z\r\n=\tb"), "a==\r\n=4z\r\n=\tb");
+    EXPECT_EQ(through(unquoting, "a" + std::string(76, ' ') + "\r\n"), "a\r\n");
+}
+
+bool isWellQuoted(const std::string& text) {
+    QuotedPrintableCheck whole;
+    whole.see(text);
+    whole.end();
+    QuotedPrintableCheck bytes;
+    for (const char& byte : text) {
+        bytes.see({&byte, 1});
+    }
+    bytes.end();
+    EXPECT_EQ(whole.isWellFormed(), bytes.isWellFormed()) << text;
+    return whole.isWellFormed();
+}
+
+TEST(SmimeFiltersTest, KnowsQuotedPrintableThatIsReadInOneWay) {
+    const std::string blanks(76, '\t');
+    for (const std::string& text :
+         {std::string("\0\xe4\r \r\n", 6), std::string("=3D=c3=A4=20=3d"), std::string("a=\nb= \t\r\n=\r\n"),
+          "a" + blanks + "\r\n" + blanks + " x", "=" + blanks + "\n"}) {
+        EXPECT_TRUE(isWellQuoted(text)) << text;
+    }
+    for (const std::string& text :
+         {std::string("="), std::string("x="), std::string("=\r"), std::string("=\rb"), std::string("= "),
+          std::string("=4"), std::string("=4\n"), std::string("=4=41"), std::string("=g1"), std::string("= b"),
+          std::string("=\0", 2), "a " + blanks + "\n", " " + blanks, "= " + blanks + "\n"}) {
+        EXPECT_FALSE(isWellQuoted(text)) << text;
+        EXPECT_FALSE(isWellQuoted("=20\r\n" + text)) << text;
+    }
+}
+
+TEST(SmimeFiltersTest, MendsToWhatTheReaderReadsUnlessItIsMalformed) {
+    unsigned int wellFormed = 0;
+    for (const std::string& text : textsOf("=\r\n 4\xe4", 5)) {
+        if (isWellQuoted(text)) {
+            const std::string lines = filtered(canonical(LoneReturn::data), text, text.size() + 1);
+            EXPECT_EQ(unquoted(filtered(quoted(QuotedFrom::quoted), lines, 1)), unquoted(lines)) << text;
+            ++wellFormed;
+        }
+    }
+    EXPECT_GT(wellFormed, 1000U);
 }
 
 TextTraits traitsOf(const std::string& text, std::size_t piece) {

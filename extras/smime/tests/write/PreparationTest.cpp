@@ -116,6 +116,32 @@ TEST(SmimePreparationTest, MendsEncodedPartsThatAreNotSevenBit) {
     EXPECT_THAT(sameParts(text("UVFR\n", "base64")), EndsWith("base64\r\n\r\nUVFR\r\n"));
 }
 
+TEST(SmimePreparationTest, LeavesMalformedQuotedPrintableAsItStands) {
+    for (const char* const body : {"a== \n", "a=4Z \n", "a= b \n", "From =4\n", "x \na=\r\n=", "=\tb\nFrom \n"}) {
+        const std::string mail = text(body, "quoted-printable");
+        EXPECT_EQ(sameParts(mail), withCrLf(withLf(mail)));
+        EXPECT_EQ(verified(wrapped(mail, {opaquelySignedBy(person("alice"))})), withCrLf(withLf(mail)));
+    }
+    // More blanks than a line may have: some decoders drop all of them, some those that they look at.
+    const std::string blanks = text("a" + std::string(77, ' ') + "\nb\n", "quoted-printable");
+    EXPECT_EQ(sameParts(blanks), withCrLf(blanks));
+}
+
+TEST(SmimePreparationTest, EncodesTheContentOfMalformedQuotedPrintableThatCannotBeSent) {
+    const std::string mail = text("a==\xe4\n", "quoted-printable");
+    EXPECT_THAT(sameParts(mail), EndsWith("Content-Transfer-Encoding: base64\r\n\r\nYT095A0K\r\n"));
+    const std::string sendable = text("a==\n\xe4=\n", "quoted-printable");
+    EXPECT_THAT(sameParts(sendable), EndsWith("base64\r\n\r\nYT09DQrk\r\n"));
+    EXPECT_THAT(sameParts(text("=\n=4" + std::string(991, 'x'), "quoted-printable")), HasSubstr("base64\r\n\r\nPTR4"));
+    // Inside of a signature nothing has to be 7-bit.
+    EXPECT_EQ(verified(wrapped(mail, {opaquelySignedBy(person("alice"))})), withCrLf(mail));
+    EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&person("bob")})}), person("bob")), withCrLf(mail));
+}
+
+TEST(SmimePreparationTest, DropsBlanksAtTheEndsOfQuotedLines) {
+    EXPECT_THAT(prepared(text("a \t\nb= \nc \n \n", "quoted-printable")), EndsWith("\r\n\r\na\r\nb=\r\nc\r\n\r\n"));
+}
+
 const std::string nested = "Content-Type: multipart/mixed; boundary=\"outer b\"\n"
                            "Content-Transfer-Encoding: 8bit\n"
                            "\n"
@@ -225,6 +251,41 @@ TEST(SmimePreparationTest, KeepsOddFieldsOfPartsFromBreakingOnTheirWay) {
     EXPECT_EQ(readByGmime(prepared(words + "\n\nx")).parts.at(0).description, words.substr(21));
     EXPECT_EQ(refusalOf("Content-ID: <" + std::string(1200, 'i') + ">\n\nx", {signedBy({&person("alice")})}),
               "the field Content-ID of the message has a line of 1214 characters that cannot be folded");
+}
+
+/// A forwarded message whose header has these lines in the middle.
+std::string forwarded(const std::string& lines) {
+    return "Content-Type: message/rfc822\nContent-Transfer-Encoding: 8bit\n\nSubject: x\n" + lines +
+           "Content-Type: text/plain\n\ny\n";
+}
+
+TEST(SmimePreparationTest, KeepsLinesOfHeadersThatAreNoFields) {
+    const std::string sevenBit =
+        "Content-Type: message/rfc822\r\nContent-Transfer-Encoding: 7bit\r\n\r\nSubject: x\r\n";
+    const std::string rest = "Content-Type: text/plain\r\n\r\ny\r\n";
+    EXPECT_EQ(prepared(forwarded(">From a b\n")), sevenBit + ">From a b\r\n" + rest);
+    EXPECT_EQ(prepared(forwarded("no field \n  \n and more\t\n")), sevenBit + "no field\r\n and more\r\n" + rest);
+    // What a mailbox writes between messages is part of none.
+    EXPECT_EQ(prepared(forwarded("From a@example.com Mon Jan  5 10:00:00 2026\n")), sevenBit + rest);
+}
+
+TEST(SmimePreparationTest, RefusesLinesOfHeadersThatWouldNotSurviveAndCarriesThemOpaquely) {
+    const std::string parts = "Content-Type: multipart/mixed; boundary=m\n\n--m\n\nx\n--m\n";
+    for (const std::string& lines :
+         {std::string("caf\xe9 \n"), std::string("a\rb\n"), std::string("a\0b\n", 4), std::string(991, 'x') + "\n",
+          std::string(".\n"), std::string("From a\n and more\n")}) {
+        const std::string mail = forwarded(lines);
+        EXPECT_EQ(refusalOf(parts + mail + "--m--\n", {signedBy({&person("alice")})}),
+                  "the header of the part at 1.2.1 has a line that is no field and not 7-bit text with short lines: a "
+                  "signature beside it would not survive its way. Sign the message opaquely");
+        const bool isSevenBit = lines == ".\n" || lines.starts_with("From ");
+        std::string kept = withCrLf(mail);
+        if (isSevenBit) {
+            kept.replace(kept.find("8bit"), 4, "7bit");
+        }
+        EXPECT_EQ(verified(wrapped(mail, {opaquelySignedBy(person("alice"))})), kept);
+        EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&person("bob")})}), person("bob")), kept);
+    }
 }
 
 const std::string signedAlready =
