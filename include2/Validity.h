@@ -29,7 +29,8 @@ public:
     virtual ~ValidityPeriod();
 
     /// The first moment of the period, in UTC; an empty handle when there is no period. A UTCTime is given in the form
-    /// with a four-digit year. A time that does not parse is a handle on an empty value.
+    /// with a four-digit year. A time that does not parse is a handle on an empty value. A time with a zone offset, which
+    /// RFC 5280 forbids, may keep it: its fields are given as they stand (see `ASN1::GeneralizedTime`).
     [[nodiscard]] const ASN1::RefGeneralizedTime& notBefore() const;
     /// The end of the period, as `notBefore`.
     [[nodiscard]] const ASN1::RefGeneralizedTime& notAfter() const;
