@@ -55,9 +55,7 @@ StreamedContent::~StreamedContent() = default;
 
 void StreamedContent::start(const openssl::WipedBytes& contentKey) {
     const openssl::ErrorMark mark;
-    // A key of a length that the cipher does not take is one that did not open.
-    if (openssl::setContentKey(m_context.get(), contentKey, m_trusted) ||
-        openssl::setContentKey(m_context.get(), openssl::WipedBytes(), m_trusted)) {
+    if (openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
         m_decryption.emplace(m_context.get());
     }
 }

@@ -5,7 +5,9 @@
 #include "openssl/Idea.h"
 #include "openssl/Pkcs7.h"
 
+#include <openssl/core_names.h>
 #include <openssl/objects.h>
+#include <openssl/params.h>
 
 #include <algorithm>
 
@@ -28,6 +30,17 @@ bool isForContent(const EVP_CIPHER* cipher) noexcept {
     default:
         return false;
     }
+}
+
+/// OpenSSL's flag for it is not set of what comes from a provider.
+bool hasKeysOfAnyLength(const EVP_CIPHER* cipher) noexcept {
+    const OSSL_PARAM* settable = EVP_CIPHER_settable_ctx_params(cipher);
+    return (EVP_CIPHER_get_flags(cipher) & EVP_CIPH_VARIABLE_LENGTH) != 0 ||
+           (settable != nullptr && OSSL_PARAM_locate_const(settable, OSSL_CIPHER_PARAM_KEYLEN) != nullptr);
+}
+
+bool setKey(EVP_CIPHER_CTX* context, const WipedBytes& key) {
+    return EVP_DecryptInit_ex(context, nullptr, nullptr, key.data(), nullptr) == 1;
 }
 
 } // namespace
@@ -95,12 +108,19 @@ bool setContentKey(EVP_CIPHER_CTX* context, const WipedBytes& contentKey, bool& 
     WipedBytes random(expected);
     const bool drawn = expected != 0 && EVP_CIPHER_CTX_rand_key(context, random.data()) == 1;
     const bool exact = contentKey.size() == expected;
-    // Some senders' content keys have another length than the effective one that RC2's parameters announce.
-    const bool fits = exact || (!contentKey.empty() &&
-                                EVP_CIPHER_CTX_set_key_length(context, static_cast<int>(contentKey.size())) == 1);
     trusted = exact || EVP_CIPHER_CTX_get_block_size(context) > 1;
-    return drawn &&
-           EVP_DecryptInit_ex(context, nullptr, nullptr, (fits ? contentKey : random).octets().data(), nullptr) == 1;
+    // Some senders' content keys have another length than the effective one that RC2's parameters announce. A cipher whose
+    // keys have one length is not asked: its refusal takes longer than a padding that is wrong, and so tells it from that.
+    const bool isVariable = hasKeysOfAnyLength(EVP_CIPHER_CTX_get0_cipher(context));
+    const bool mayFit = isVariable && !exact && !contentKey.empty();
+    if (mayFit) {
+        if (EVP_CIPHER_CTX_set_key_length(context, static_cast<int>(contentKey.size())) == 1 &&
+            setKey(context, contentKey)) {
+            return drawn;
+        }
+        static_cast<void>(EVP_CIPHER_CTX_set_key_length(context, static_cast<int>(expected)));
+    }
+    return drawn && setKey(context, exact ? contentKey : random);
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -37,7 +37,8 @@ bool isAvailable(const X509_ALGOR* algorithm);
 /// a missing initialisation vector for zeroes.
 CipherContextPtr contextFor(const X509_ALGOR* algorithm);
 
-/// Gives such a context its key: the content key when it fits, else a random one.
+/// Gives such a context its key: the content key when it fits, else a random one. Which of them takes the same work, but for
+/// ciphers whose keys have various lengths (RC2, RC4, Blowfish, CAST5).
 /// \param trusted becomes whether decrypting may be taken for a success when it ends as one: a cipher without padding
 ///                notices no wrong key
 /// \returns false when OpenSSL fails
