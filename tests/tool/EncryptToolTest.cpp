@@ -151,7 +151,7 @@ TEST_F(EncryptToolTest, BadUsage) {
     expectFailure(encrypt({"--to", "alice.pem", "--nonsense"}), "--nonsense (norvcrypt encrypt --help tells more)\n");
     expectFailure(tool({"tls", "check", "--nonsense"}), "--nonsense (norvcrypt tls check --help tells more)\n");
     expectFailure(encrypt({"alice.pem"}), "alice.pem");
-    expectFailure(encrypt({"--to", "alice.pem", "--in", "body", "--in", "body"}), "--in");
+    expectFailure(encrypt({"--to", "alice.pem", "--in", "body", "--in", "body"}), "several inputs need --out-dir");
 }
 
 TEST_F(EncryptToolTest, CertificateNamedTwiceIsOneRecipient) {

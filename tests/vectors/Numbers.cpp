@@ -9,7 +9,7 @@
 #include <norvcrypto/Hasher.h>
 #include <norvcrypto/Key.h>
 
-#include "authority/Der.h"
+#include <authority/Der.h>
 
 #include <openssl/evp.h>
 #include <openssl/objects.h>
