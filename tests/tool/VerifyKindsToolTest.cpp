@@ -100,6 +100,7 @@ TEST_F(VerifyKindsToolTest, OldDigestsAreLoadedForThoseWhoNameThem) {
         EXPECT_NE(std::string::npos, answer.err.find("libcrypto.so")) << "the loader tells what it loads";
         return answer.err.find("legacy.so") != std::string::npos;
     };
+    work.write("body", "a body that is short enough to be looked through\r\n");
     openssl("alice", {"-md", "sha256"});
     EXPECT_FALSE(loads({"--in", "body"}));
     EXPECT_TRUE(loads({"--in", "body", "--cert", "alice.pem"})) << "who knows what is in there";
@@ -161,7 +162,7 @@ TEST_F(VerifyKindsToolTest, PlacesForTheContent) {
     expectFailure(verify({"--embedded", "--out", "none/content"}),
                   "cannot write none/content: No such file or directory");
     expectFailure(verify({"--in", "body", "--out", "content"}), "--out");
-    expectFailure(verify({"--embedded", "--out", "sig"}), "cannot read sig: it is the output too");
+    expectFailure(verify({"--embedded", "--out", "sig"}), "cannot write sig: it is an input too, which would be lost");
     EXPECT_EQ(2, verify({"--embedded", "--out", "/dev/full"}).status);
 }
 
