@@ -17,6 +17,7 @@ class Result:
         self.outcome = outcome                # "read": both read it; "refused": neither does; "differs"
         self.differences = list(differences)  # (what, theirs, ours)
         self.reason = None
+        self.passphrase = None
         self.task = {}
         self.der = b""
         try:
@@ -67,6 +68,8 @@ def certificate(one, program):
         theirs.update(asn1.certificate(one.der()))
     except (asn1.Damaged, ValueError, IndexError):
         pass  # BER, or not even that: openssl's facts are left
+    if ours["key"] == UNENCODABLE:
+        ours["key"] = None
     theirs["serial"] = serial_of(theirs["serial"])
     ours["serial"] = serial_of(ours["serial"])
     return compared(one, "certificate", theirs, ours)
@@ -125,6 +128,7 @@ def pkcs12(one, program):
         return Result(one, "PKCS#12", "refused")
     ours = program.ask({**ask, "passphrase": theirs["passphrase"]})
     if result := accepts(one, "PKCS#12", theirs, ours.get("failed")):
+        result.passphrase = theirs["passphrase"]
         return result
     key = theirs["keys"][0] if theirs["keys"] else None
     owned = [name for name, public in theirs["certificates"].items() if key is not None and public == key]
@@ -148,7 +152,7 @@ def message(one, program, content=None, stored=None):
     reader, views = signed.get("reader", signed), signed.get("views", signed)
     if theirs is None:
         if "failed" not in reader or "failed" not in views:
-            return Result(one, "CMS", "differs", [("accepts", False, True)])
+            return Result(one, "CMS", "differs", [("accepts", False, signed)])
         return Result(one, "CMS", "refused")
     if theirs["type"] in (ENVELOPED, AUTHENTICATED):
         ours = program.ask({**task, "do": "envelopedData"})
@@ -208,6 +212,6 @@ def results(one, program, folder):
              pkcs12(one, program), message(one, program)]
     known = [result for result in tried if result.outcome != "refused"]
     if any(result.kind == "PKCS#12" for result in known):
-        # The program that reads keys opens these, too.
-        known = [result for result in known if result.kind != "private key"]
+        # The programs that read keys and certificates open these, too.
+        known = [result for result in known if result.kind not in ("private key", "certificate")]
     return known or [Result(one, "nothing known", "refused")]
