@@ -17,7 +17,6 @@ class Result:
         self.outcome = outcome                # "read": both read it; "refused": neither does; "differs"
         self.differences = list(differences)  # (what, theirs, ours)
         self.reason = None
-        self.passphrase = None
         self.task = {}
         self.der = b""
         try:
@@ -126,9 +125,11 @@ def pkcs12(one, program):
             if "failed" not in program.ask({**ask, "passphrase": passphrase}):
                 return Result(one, "PKCS#12", "differs", [("accepts", False, True)])
         return Result(one, "PKCS#12", "refused")
-    ours = program.ask({**ask, "passphrase": theirs["passphrase"]})
+    # Made without any password, or under the empty one: openssl tries both.
+    asked = [{**ask, "passphrase": theirs["passphrase"]}, *([ask] if theirs["passphrase"] == "" else [])]
+    answers = [program.ask(task) for task in asked]
+    ours = next((answer for answer in answers if "failed" not in answer), answers[0])
     if result := accepts(one, "PKCS#12", theirs, ours.get("failed")):
-        result.passphrase = theirs["passphrase"]
         return result
     key = theirs["keys"][0] if theirs["keys"] else None
     owned = [name for name, public in theirs["certificates"].items() if key is not None and public == key]
@@ -159,6 +160,8 @@ def message(one, program, content=None, stored=None):
         return accepts(one, "CMS", theirs, ours.get("failed")) or Result(one, "CMS", "read")
     if theirs["type"] != SIGNED:
         return Result(one, "CMS", "refused" if "failed" in reader else "differs", [("accepts", theirs["type"], True)])
+    if reader.get("failed") and not theirs["valid"]:
+        reader = {"signers": ["failed"]}
     if failed := reader.get("failed"):
         return Result(one, "CMS", "differs", [("accepts", True, failed)])
     differences = []
