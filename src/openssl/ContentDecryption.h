@@ -46,6 +46,7 @@ public:
 private:
     const LazyPkcs7& m_structure;
     WipedBytes m_contentKey;
+    WipedBytes m_notOpened; ///< empty; its memory goes when the key's would
 };
 
 } // namespace Norvane::Crypto::openssl

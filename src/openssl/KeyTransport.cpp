@@ -86,11 +86,10 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     }
     WipedBytes opened(static_cast<std::size_t>(largest));
     std::size_t length = opened.size();
-    if (EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) != 1 ||
-        length > opened.size()) {
-        return {};
-    }
-    opened.shorten(length);
+    const bool good =
+        EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) == 1 &&
+        length <= opened.size();
+    opened.shorten(good ? length : 0); // the same steps for what was opened and what was not
     return opened;
 }
 
