@@ -5,7 +5,9 @@
 #include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Oaep.h"
+#include "openssl/Signatures.h"
 
+#include <openssl/err.h>
 #include <openssl/objects.h>
 #include <openssl/params.h>
 #include <openssl/rsa.h>
@@ -88,6 +90,9 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     std::size_t length = opened.size();
     if (EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) != 1 ||
         length > opened.size()) {
+        if (ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE) {
+            renewBlinding(key);
+        }
         return {};
     }
     opened.shorten(length);
