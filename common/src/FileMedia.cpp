@@ -148,7 +148,8 @@ public:
           m_file(detail::openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {}
 
     ~FileMediaOutImpl() override {
-        if (m_file.isOpen() && m_error == 0) {
+        // What a process has collected is not for its children to write once more when they go.
+        if (m_file.isOpen() && m_error == 0 && m_process == ::getpid()) {
             static_cast<void>(detail::writeAll(m_file.get(), m_buffer.data(), m_held));
         }
     }
@@ -162,6 +163,9 @@ public:
         if (length >= bufferSize) {
             writeFile("FileMediaOut::write", data, length);
         } else {
+            if (m_held == 0) {
+                m_process = ::getpid();
+            }
             std::copy_n(data, length, m_buffer.data() + m_held);
             m_held += length;
         }
@@ -222,6 +226,7 @@ private:
     unsigned int m_held = 0;
     unsigned long m_position = 0; // of the first held byte
     int m_error = 0;              // of the first write that failed
+    pid_t m_process = -1;         // that began what is held
 };
 
 } // namespace
