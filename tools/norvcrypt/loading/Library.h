@@ -23,6 +23,7 @@ public:
         void* const found = library == nullptr ? nullptr : dlsym(library, function);
         if (found == nullptr)
             throw Failure(std::string(m_name) + " is not installed, or another version of it");
+        // cppcheck-suppress resourceLeak ; it stays
         return reinterpret_cast<Function*>(found);
     }
 
