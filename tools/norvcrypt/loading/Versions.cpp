@@ -12,10 +12,10 @@ namespace {
 std::string answered(const std::string& name, const char* file, const char* function) {
     void* const library = dlopen(file, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
-        // cppcheck-suppress resourceLeak ; there is none
         return name + " is not installed";
     const auto ask = reinterpret_cast<const char* (*)(const char*)>(dlsym(library, function));
     const char* const version = ask == nullptr ? nullptr : ask(nullptr);
+    // cppcheck-suppress resourceLeak ; it stays
     return name + " " + (version == nullptr ? "of an unknown version" : version);
 }
 
