@@ -24,6 +24,7 @@ public:
         if (found == nullptr)
             // cppcheck-suppress resourceLeak ; it stays
             throw Failure(std::string(m_name) + " is not installed, or another version of it");
+        // cppcheck-suppress resourceLeak ; likewise
         return reinterpret_cast<Function*>(found);
     }
 
