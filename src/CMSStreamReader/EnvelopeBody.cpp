@@ -251,9 +251,9 @@ bool EnvelopeReaderImpl::tryKey(Search& search, const RecipientParts& parts, EVP
         refuse("more operations with private keys", m_budget.privateKeyOperations, "privateKeyOperations");
     }
     ++m_operations;
-    openssl::WipedBytes contentKey = algorithms.open(key);
+    const openssl::WipedBytes contentKey = algorithms.open(key);
     if (algorithms.isUncertain() || !contentKey.empty()) {
-        return choose(std::move(contentKey), number);
+        return choose(contentKey, number);
     }
     search.failed = search.failed.value_or(number);
     return false;
@@ -325,7 +325,7 @@ std::size_t EnvelopeReaderImpl::numberOf(const Recipient& recipient) {
 }
 
 /// True, always.
-bool EnvelopeReaderImpl::choose(openssl::WipedBytes contentKey, std::size_t number) {
+bool EnvelopeReaderImpl::choose(const openssl::WipedBytes& contentKey, std::size_t number) {
     m_content->start(contentKey);
     m_opened = number;
     m_unsupported.clear();

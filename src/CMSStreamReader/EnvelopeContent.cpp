@@ -114,6 +114,7 @@ private:
 };
 
 AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t tailLimit,
+                                           // cppcheck-suppress passedByValue ; it is moved from
                                            openssl::AuthenticatedCipher cipher, Octets source,
                                            std::uint64_t spillLimit) noexcept
     : EnvelopeContent(frame, tailLimit),

@@ -37,9 +37,17 @@ std::optional<SignatureReason> faultIn(const PKCS7_SIGNER_INFO* signer, const AS
     FoundAttribute foundType = found(type, V_ASN1_OBJECT);
     foundType.isRight = foundType.isRight && OBJ_cmp(type.value->value.object, contentType) == 0;
     const auto time = openssl::signedAttribute(signer, NID_pkcs9_signingTime);
-    return faultOfAttributes(foundType,
-                             found(openssl::signedAttribute(signer, NID_pkcs9_messageDigest), V_ASN1_OCTET_STRING),
-                             {time.count, time.value != nullptr, true});
+    if (const auto fault = faultOfAttributes(
+            foundType, found(openssl::signedAttribute(signer, NID_pkcs9_messageDigest), V_ASN1_OCTET_STRING),
+            {time.count, time.value != nullptr, true})) {
+        return fault;
+    }
+    if (openssl::hasMisplacedAttribute(signer)) {
+        return SignatureReason::attributeMisplaced;
+    }
+    const auto receipt = openssl::signedAttribute(signer, NID_id_smime_aa_receiptRequest);
+    return receipt.count != 0 && receipt.value == nullptr ? std::optional(SignatureReason::receiptRequestRepeated)
+                                                          : std::nullopt;
 }
 
 framing::Octets octetsOf(const ASN1_OCTET_STRING* string) noexcept {

@@ -97,6 +97,7 @@ const DistinguishedName& GeneralName::dn() const {
     if (const auto* name = kept<DistinguishedName>()) {
         return *name;
     }
+    // cppcheck-suppress returnTempReference ; both sides are references to what is kept
     return m_name->d.directoryName == nullptr ? nothing<DistinguishedName>()
                                               : keep(DistinguishedName(m_name->d.directoryName));
 }
@@ -112,6 +113,7 @@ const Uri& GeneralName::uri() const {
     }
     const std::string text = openssl::bytesOf(m_name->d.uniformResourceIdentifier);
     Uri parsed(text.data(), static_cast<unsigned int>(text.size()));
+    // cppcheck-suppress returnTempReference ; as above
     return parsed.isNull() ? nothing<Uri>() : keep(std::move(parsed));
 }
 
@@ -123,6 +125,7 @@ const IPAddress& GeneralName::ipAddress() const {
         return *address;
     }
     const IPAddress address(openssl::bytesOf(m_name->d.iPAddress));
+    // cppcheck-suppress returnTempReference ; as above
     return address.isNull() ? nothing<IPAddress>() : keep(address);
 }
 

@@ -23,6 +23,7 @@ template <class Body> Body& dereference(Extension& body) {
     if (typed == nullptr) {
         static_cast<void>(Ref<Extension>().operator*());
     }
+    // cppcheck-suppress nullPointerRedundantCheck ; what is above throws
     return *typed;
 }
 

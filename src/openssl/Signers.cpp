@@ -8,6 +8,7 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 
 namespace Norvane::Crypto::openssl {
@@ -152,6 +153,21 @@ SignedAttribute signedAttribute(const PKCS7_SIGNER_INFO* signer, int nid) noexce
         found.value = X509_ATTRIBUTE_get0_type(const_cast<X509_ATTRIBUTE*>(attribute), 0);
     }
     return found;
+}
+
+bool hasMisplacedAttribute(const PKCS7_SIGNER_INFO* signer) noexcept {
+    static constexpr std::array mustBeSigned{NID_pkcs9_contentType,
+                                             NID_pkcs9_messageDigest,
+                                             NID_pkcs9_signingTime,
+                                             NID_id_smime_aa_signingCertificate,
+                                             NID_id_smime_aa_signingCertificateV2,
+                                             NID_id_smime_aa_receiptRequest};
+    const auto stands = [](const STACK_OF(X509_ATTRIBUTE) * among, int nid) {
+        return X509at_get_attr_by_NID(among, nid, -1) >= 0;
+    };
+    return stands(signer->auth_attr, NID_pkcs9_countersignature) ||
+           std::any_of(mustBeSigned.begin(), mustBeSigned.end(),
+                       [&](int nid) { return stands(signer->unauth_attr, nid); });
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -41,4 +41,8 @@ struct SignedAttribute {
 };
 SignedAttribute signedAttribute(const PKCS7_SIGNER_INFO* signer, int nid) noexcept;
 
+/// Whether an attribute that must be signed stands among the unsigned ones (RFC 5652, 11.1 to 11.3; RFC 2634, 2.7 and 5.4; RFC
+/// 5035, 3), or a countersignature among the signed ones (RFC 5652, 11.4).
+bool hasMisplacedAttribute(const PKCS7_SIGNER_INFO* signer) noexcept;
+
 } // namespace Norvane::Crypto::openssl

@@ -63,6 +63,7 @@ void GrowingOctets::reserve(std::size_t capacity) {
         capacity = (capacity + page - 1) / page * page;
         void* larger = isMapped(m_capacity)
                            ? mremap(m_data, m_capacity, capacity, MREMAP_MAYMOVE)
+                           // cppcheck-suppress invalidFunctionArg ; no file
                            : mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (larger == MAP_FAILED) {
             throw std::bad_alloc();

@@ -19,7 +19,6 @@
 using namespace Norvane::Crypto::NVX509;
 using namespace std::string_view_literals;
 using norvauthority::Name;
-using norvauthority::NameEntry;
 
 namespace {
 

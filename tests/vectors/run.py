@@ -139,4 +139,5 @@ def main():
     return 1 if unexplained or complaints else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

@@ -70,6 +70,8 @@ constexpr std::pair<Code, const char*> reasonNames[] = {
 template <class Enum, std::size_t count>
 const char* at(const std::array<const char*, count>& names, Enum value) noexcept {
     const auto index = static_cast<std::size_t>(value);
+    // It takes the arrays below, whose type is deduced, for arrays of numbers.
+    // cppcheck-suppress CastIntegerToAddressAtReturn
     return index < count ? names[index] : "other";
 }
 

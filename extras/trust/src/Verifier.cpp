@@ -188,6 +188,7 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
         next.see(list);
     }
     verdict.validUntil = std::max(next.moment(), at + 1);
+    // cppcheck-suppress returnStdMoveLocal ; a part of a pair, which would be copied
     return std::move(verdict);
 }
 

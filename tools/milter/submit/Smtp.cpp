@@ -134,6 +134,7 @@ void Smtp::wait(short events) {
 void Smtp::send(std::string_view octets) {
     while (!octets.empty()) {
         std::size_t sent = 0;
+        // cppcheck-suppress invalidLifetime ; it takes a caller's text for one of its own
         const CURLcode result = ::curl_easy_send(m_handle.get(), octets.data(), octets.size(), &sent);
         if (result == CURLE_AGAIN)
             wait(POLLOUT);

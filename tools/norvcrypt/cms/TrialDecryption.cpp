@@ -107,6 +107,7 @@ void DecryptionKeys::find(const CertificateIdentifier& name, Attempt& attempt) c
     const auto key = distinctive(name);
     const auto found = key ? m_byName.find(*key) : m_byName.end();
     static const std::vector<const OwnIdentity*> none;
+    // cppcheck-suppress derefInvalidIterator ; the end is not looked at
     for (const OwnIdentity* const identity : found == m_byName.end() ? none : found->second) {
         if (!name.names(identity->certificate))
             continue;

@@ -48,6 +48,7 @@ void checkDuplicates(Findings& findings, const Store::Contents& contents) {
     std::map<std::pair<unsigned long, std::string>, std::vector<std::size_t>> seen; // by issuer's hash and number
     for (std::size_t at = 0; at < contents.identities.size(); ++at) {
         const auto& certificate = contents.identities[at].certificate;
+        // cppcheck-suppress iterators3 ; it takes the braces for a list
         auto& before = seen[{certificate->issuer().hash(), certificate->serialNumber().hex()}];
         const auto same = std::find_if(before.begin(), before.end(), [&](std::size_t other) {
             return contents.identities[other].certificate->issuer() == certificate->issuer();

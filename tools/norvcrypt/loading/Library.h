@@ -22,7 +22,9 @@ public:
         void* const library = dlopen(m_name, RTLD_NOW | RTLD_LOCAL);
         void* const found = library == nullptr ? nullptr : dlsym(library, function);
         if (found == nullptr)
+            // cppcheck-suppress resourceLeak ; it stays
             throw Failure(std::string(m_name) + " is not installed, or another version of it");
+        // cppcheck-suppress resourceLeak ; likewise
         return reinterpret_cast<Function*>(found);
     }
 

@@ -15,6 +15,7 @@ std::string answered(const std::string& name, const char* file, const char* func
         return name + " is not installed";
     const auto ask = reinterpret_cast<const char* (*)(const char*)>(dlsym(library, function));
     const char* const version = ask == nullptr ? nullptr : ask(nullptr);
+    // cppcheck-suppress resourceLeak ; it stays
     return name + " " + (version == nullptr ? "of an unknown version" : version);
 }
 
