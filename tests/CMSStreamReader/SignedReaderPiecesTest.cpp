@@ -218,3 +218,15 @@ TEST(SignedReaderPieces, MoreListsThanAreDecoded) {
     EXPECT_EQ(norvtest::detailOf(thrown), "more than 2500 revocation lists");
     EXPECT_EQ(read.message.encodedRevocationLists().size(), 2501U);
 }
+
+TEST(SignedReaderPieces, TheDigestOfADetachedBodyTellsHowMuchItTook) {
+    const Bytes structure = signedMessage({&identities().rsa}, {"SHA256"}, body(), CMS_DETACHED);
+    const StrictIn in(structure);
+    const SignedReader message(in);
+    Norvane::MediaOut digest = message.digest();
+    EXPECT_EQ(digest->tell(), 0U);
+    digest.write(body().data(), 100);
+    EXPECT_EQ(digest->tell(), 100U);
+    digest.write(body().data() + 100, 200);
+    EXPECT_EQ(digest->tell(), 300U);
+}
