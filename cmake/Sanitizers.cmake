@@ -1,9 +1,25 @@
-# Instrumentation of the whole tree: sanitizers and coverage.
+# Instrumentation: sanitizers for the whole tree, coverage for the libraries.
 if(NORV_SANITIZE)
   add_compile_options(-fsanitize=${NORV_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${NORV_SANITIZE})
 endif()
-if(NORV_COVERAGE)
-  add_compile_options(--coverage)
+if(NOT "${NORV_COVERAGE}" STREQUAL OFF)
   add_link_options(--coverage)
 endif()
+
+# norv_measured(TARGET...): what scripts/coverage measures and scripts/mutate changes. Tests are compiled as in the test build, where
+# a compiler cache has them; sanitizers are kept out of these, since each of their checks would count as a branch, and take time.
+# NORV_COVERAGE may be a regular expression, too: sources that it does not fit are left as in the test build, and so are the sanitizers.
+function(norv_measured)
+  foreach(target IN LISTS ARGN)
+    if(NORV_MUTANTS)
+      target_compile_options(${target} PRIVATE -g0 -w -fno-sanitize=all)
+    elseif("${NORV_COVERAGE}" STREQUAL ON)
+      target_compile_options(${target} PRIVATE -g0 --coverage -fprofile-update=atomic -fno-sanitize=all)
+    elseif(NOT "${NORV_COVERAGE}" STREQUAL OFF)
+      get_target_property(sources ${target} SOURCES)
+      list(FILTER sources INCLUDE REGEX "${PROJECT_SOURCE_DIR}/(${NORV_COVERAGE})")
+      set_property(SOURCE ${sources} APPEND PROPERTY COMPILE_OPTIONS --coverage -fprofile-update=atomic)
+    endif()
+  endforeach()
+endfunction()

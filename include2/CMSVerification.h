@@ -77,6 +77,7 @@ enum class SignatureReason : int {
     parametersWrong,           ///< RSASSA-PSS with parameters that are missing or make no sense (RFC 4056)
     signingCertificateDiffers, ///< the signing certificate attribute names another certificate (RFC 5035), or is damaged
     contentTypeUnexpected,     ///< a countersignature with a content type attribute (RFC 5652, 11.4)
+    // by all again
     attributeMisplaced, ///< beside signed attributes, an unsigned one that must be signed: content type, message digest,
                         ///< signing time (RFC 5652, 11), signing certificate, receipt request (RFC 2634); or a signed
                         ///< countersignature

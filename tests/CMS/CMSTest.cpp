@@ -381,6 +381,41 @@ TEST(RecipientInfo, CopiesKeepNameAndSerial) {
     EXPECT_EQ(copy.issuerAndSerialNumber().issuer(), original.issuerAndSerialNumber().issuer());
 }
 
+TEST(Views, CopiesAndAssignedOnesTellTheSame) {
+    const CMS::RefContentInfo signedMessage = decoded(signedWithSigners({signerInfo(der::integer("5"))}));
+    const CMS::RefContentInfo envelope = decoded(enveloped({recipient(der::integer("7"))}));
+    const CMS::SignedData original = CMS::signedData(signedMessage);
+    const CMS::SignedData copy = original;
+    CMS::SignedData assigned(nullptr);
+    assigned = copy;
+    for (const CMS::SignedData* data : {&copy, static_cast<const CMS::SignedData*>(&assigned)}) {
+        EXPECT_EQ(data->version().asInt(), 1);
+        EXPECT_EQ(data->signerInfo().size(), 1U);
+    }
+    CMS::SignerInfo signer(nullptr);
+    signer = assigned.signerInfo().front();
+    EXPECT_EQ(signer.issuerAndSerialNumber().serialNumber().asInt(), 5);
+    EXPECT_EQ(static_cast<pkcs7_signer_info_st*>(signer),
+              static_cast<pkcs7_signer_info_st*>(original.signerInfo().front()));
+
+    const CMS::EnvelopedData envelopeCopy = CMS::EnvelopedData(CMS::envelopedData(envelope));
+    CMS::EnvelopedData envelopeAssigned(nullptr);
+    envelopeAssigned = envelopeCopy;
+    const CMS::EncryptedContentInfo content = envelopeAssigned.contentInfo();
+    EXPECT_EQ(content.algorithm().asString(), "1.2.840.113549.3.7");
+    CMS::RecipientInfo recipientOf(nullptr);
+    EXPECT_EQ(static_cast<pkcs7_recip_info_st*>(recipientOf), nullptr);
+    recipientOf = envelopeAssigned.recipientInfo().front();
+    EXPECT_EQ(recipientOf.issuerAndSerialNumber().serialNumber().asInt(), 7);
+    EXPECT_EQ(static_cast<pkcs7_recip_info_st*>(recipientOf),
+              sk_PKCS7_RECIP_INFO_value(static_cast<pkcs7_st*>(envelope)->d.enveloped->recipientinfo, 0));
+    const CMS::EncapsulatedContentInfo inner(static_cast<pkcs7_st*>(envelope)->d.enveloped->enc_data);
+    const CMS::EncapsulatedContentInfo innerCopy = inner;
+    CMS::EncapsulatedContentInfo innerAssigned(nullptr);
+    innerAssigned = innerCopy;
+    EXPECT_EQ(innerAssigned.data().length(), 2U);
+}
+
 TEST(TypedAccess, AsksForTheTypeBeforeItReadsTheUnion) {
     const CMS::RefContentInfo envelope = decoded(enveloped({recipient(der::integer("7"))}));
     EXPECT_TRUE(CMS::signedData(envelope).signerInfo().empty());

@@ -383,3 +383,19 @@ TEST(Decrypter, IsNotCopiedAndItsOperationsStandInTheSlotsOfASource) {
     EXPECT_EQ(norvtest::slotOf(static_cast<int (Body::*)(unsigned char*, unsigned int)>(&Body::read)), 8U);
     EXPECT_EQ(norvtest::slotOf(static_cast<Norvane::MediaOut& (Body::*)(Norvane::MediaOut&)>(&Body::write)), 11U);
 }
+
+TEST(Decrypter, IdentifiersAreMadeOfWhatAStructureNames) {
+    const CMS::RefContentInfo structure = [] {
+        PiecewiseIn in(encryptedByOpenssl({&alice(), &bob()}, bodyOf(10), EVP_aes_256_cbc()));
+        return CMS::RefContentInfo(in);
+    }();
+    const CMS::EnvelopedData envelope = CMS::envelopedData(structure);
+    const CMS::IssuerAndSerialNumber& named = envelope.recipientInfo().front().issuerAndSerialNumber();
+    const CMS::DecrypterMediaIn::Identifier identifier(named);
+    EXPECT_TRUE(*identifier.serialNumber() == named.serialNumber());
+    EXPECT_EQ(identifier.issuer()->asString(), named.issuer().asString());
+    const CMS::DecrypterMediaIn::DecryptedOutput output(named);
+    EXPECT_EQ(output.identifier().issuer()->asString(), named.issuer().asString());
+    EXPECT_TRUE(*output.identifier().serialNumber() == named.serialNumber());
+    EXPECT_EQ(output.output().tell(), 0U) << "always empty";
+}

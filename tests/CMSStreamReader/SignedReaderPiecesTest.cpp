@@ -134,6 +134,7 @@ TEST(SignedReaderPieces, TheCertificateOfAKeyIdentifierIsFoundAmongWhatIsNone) {
         der::sequence({}),
         der::sequence({der::sequence({})}),
         der::sequence({der::sequence({der::integer("1"), algorithm("SHA256")})}),
+        der::sequence({der::sequence({der::integer("1"), algorithm("SHA256"), identities().authority.name.der()})}),
         withKeyIdentifier(der::sequence({})),
         withKeyIdentifier(der::sequence({der::oid("subjectKeyIdentifier")})),
         withKeyIdentifier(der::sequence({der::oid("subjectKeyIdentifier"), der::octetString({})})),
@@ -217,4 +218,44 @@ TEST(SignedReaderPieces, MoreListsThanAreDecoded) {
     norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");
     EXPECT_EQ(norvtest::detailOf(thrown), "more than 2500 revocation lists");
     EXPECT_EQ(read.message.encodedRevocationLists().size(), 2501U);
+}
+
+TEST(SignedReaderPieces, TheDigestOfADetachedBodyTellsHowMuchItTook) {
+    const Bytes structure = signedMessage({&identities().rsa}, {"SHA256"}, body(), CMS_DETACHED);
+    const StrictIn in(structure);
+    const SignedReader message(in);
+    Norvane::MediaOut digest = message.digest();
+    EXPECT_EQ(digest->tell(), 0U);
+    digest.write(body().data(), 100);
+    EXPECT_EQ(digest->tell(), 100U);
+    digest.write(body().data() + 100, 200);
+    EXPECT_EQ(digest->tell(), 300U);
+}
+
+TEST(SignedReaderPieces, SerialNumbersWithPaddingNameACertificateThatDoesNotDecode) {
+    // X.690, 8.3.2: the first nine bits of an INTEGER are not all equal.
+    for (const Bytes& serial : {Bytes{0x02, 0x02, 0x00, 0x05}, Bytes{0x02, 0x04, 0x00, 0x00, 0x00, 0x05}}) {
+        const Bytes padded =
+            der::sequence({der::sequence({serial, algorithm("SHA256"), identities().authority.name.der(),
+                                          der::sequence({}), identities().authority.name.der(), der::sequence({})}),
+                           algorithm("SHA256"), der::bitString({1})});
+        const HandMadeSigner signer{.name = der::sequence({identities().authority.name.der(), der::integer("5")})};
+        const Read read(messageBy({signer.made(body())}, {padded}));
+        EXPECT_EQ(read.verdict().verdict, SignatureVerdict::refused);
+        EXPECT_EQ(read.verdict().reason, SignatureReason::certificateDamaged);
+    }
+}
+
+TEST(SignedReaderPieces, AttributesOfNeighbouringTypesAreOthers) {
+    // Beside id-aa-signingCertificate, which is 1.2.840.113549.1.9.16.2.12, and what stands beside the types of PKCS #9.
+    for (const char* type : {"1.2.840.113549.1.9.16.1.12", "1.2.840.113549.1.9.16.2.13", "1.2.840.113549.1.9.17.2.12",
+                             "1.2.840.113549.1.9.16.2.12.1", "1.2.840.113549.1.9.16.2", "1.2.840.113549.1.9.2",
+                             "1.2.840.113549.1.9.7", "1.2.840.113549.1.8.3"}) {
+        HandMadeSigner signer;
+        signer.attributes = usualAttributes(body());
+        signer.attributes->push_back(attribute(type, {der::null(), der::integer("1")}));
+        const Read read(attachedBy(signer, body()));
+        EXPECT_EQ(read.verdict().verdict, SignatureVerdict::good) << type << CMS::textOf(read.verdict().reason);
+        EXPECT_TRUE(read.message.signers().front().signingCertificates().empty());
+    }
 }

@@ -142,3 +142,14 @@ TEST(AttributeSet, AnAnswerCanBeAskedForOnTheWay) {
     detector.update(whole.data(), 1);
     EXPECT_FALSE(detector.isAttributeSet());
 }
+
+TEST(AttributeSet, AMovedDetectorGoesOn) {
+    const Bytes set = der::set({contentType(), messageDigest()});
+    CMS::AttributeSetDetector first;
+    first.update(set.data(), 5);
+    CMS::AttributeSetDetector second;
+    second.update(set.data() + 1, 1);
+    second = std::move(first);
+    second.update(set.data() + 5, set.size() - 5);
+    EXPECT_TRUE(second.isAttributeSet());
+}

@@ -463,6 +463,39 @@ TEST(SignatureVerifier, EveryReasonHasAText) {
     EXPECT_EQ(texts.count(""), 0U);
 }
 
+TEST(SignatureVerifier, AnEmbeddedBodyWithTheCertificatesGiven) {
+    const Bytes made = signedByOpenssl(identities().rsa, bodyOf(50), "SHA256", CMS_NOCERTS);
+    EXPECT_EQ(CMS::verifyEmbeddedSignatures(decoded(made)).signers.front().reason, SignatureReason::certificateMissing);
+    const SignatureReport report = CMS::verifyEmbeddedSignatures(
+        decoded(made), {certificateOf(identities().otherRsa), certificateOf(identities().rsa)});
+    EXPECT_TRUE(report.allGood());
+    EXPECT_TRUE(report.signers.front().certificate == certificateOf(identities().rsa));
+    const SignatureReport wrong = CMS::verifyEmbeddedSignatures(decoded(made), {certificateOf(identities().otherRsa)});
+    EXPECT_EQ(wrong.signers.front().reason, SignatureReason::certificateMissing);
+}
+
+TEST(SignatureVerifier, ACertificateWithANegativeSerialNumberIsFound) {
+    // RFC 5280, 4.1.2.2 forbids it, and asks of programs that they cope with it.
+    for (const char* serial : {"-1f", "-80", "-1234567890abcdef1234"}) {
+        const Identity person = norvauthority::issue({.subject = {{"CN", "below"}},
+                                                      .key = identities().rsa.key,
+                                                      .issuer = &identities().authority,
+                                                      .serial = serial});
+        const Bytes made = signedByOpenssl(person, bodyOf(50), "SHA256", 0);
+        EXPECT_TRUE(CMS::verifyEmbeddedSignatures(decoded(made)).allGood()) << serial;
+    }
+}
+
+TEST(SignatureVerifier, MovedOnesGoOn) {
+    const Bytes made = signedByOpenssl(identities().rsa, bodyOf(50), "SHA256", CMS_DETACHED);
+    CMS::SignatureVerifier verifier(decoded(made));
+    CMS::SignatureVerifier other(decoded(signedByOpenssl(identities().ec, bodyOf(3), "SHA256", CMS_DETACHED)));
+    verifier.write(bodyOf(50).data(), 20);
+    other = std::move(verifier);
+    other.write(bodyOf(50).data() + 20, 30);
+    EXPECT_TRUE(other.report().allGood());
+}
+
 TEST(SignatureVerifier, EachReasonIsOneSentenceOfItsOwn) {
     std::set<std::string> texts;
     const auto expectSentences = [&](SignatureReason first, SignatureReason last) {

@@ -269,6 +269,64 @@ TEST_F(TrustChain, NamesOfStrangersAreEscaped) {
     EXPECT_LT(one.judge(norvauthority::issue(request)).reasons[0].text.size(), 1000U);
 }
 
+TEST_F(TrustChain, TheNamelessAreToldByTheirNumber) {
+    const Identity nameless = norvauthority::issue({.subject = {},
+                                                    .key = key(9),
+                                                    .issuer = &m_middle,
+                                                    .serial = "a1b2",
+                                                    .notAfter = Time::fromNow(-day),
+                                                    .keyUsage = 0x80,
+                                                    .extendedKeyUsage = {"emailProtection"},
+                                                    .alternativeNames = {GeneralName::email("anna@example.org")}});
+    const Verdict verdict = chain().judge(nameless);
+    EXPECT_EQ(shown(verdict), "refused certificate-expired 0");
+    EXPECT_THAT(verdict.reasons[0].text, HasSubstr("the nameless holder of the serial number A1B2 expired on "));
+}
+
+TEST_F(TrustChain, LongNamesAreCutBetweenCharactersAndEscapes) {
+    // A name of 64 characters is the longest of its type (RFC 5280, A.1); of several there may be more.
+    const auto textWith = [&](const std::string& part, std::size_t before) {
+        norvauthority::Name name{{"CN", std::string(before, 'x')}};
+        for (int count = 0; count < 10; ++count) {
+            std::string value;
+            while (value.size() + part.size() <= 60) {
+                value += part;
+            }
+            name.add("OU", value);
+        }
+        const Identity long_ = norvauthority::issue({.subject = name,
+                                                     .key = key(9),
+                                                     .issuer = &m_middle,
+                                                     .notAfter = Time::fromNow(-day),
+                                                     .keyUsage = 0x80,
+                                                     .extendedKeyUsage = {"emailProtection"}});
+        const std::string text = find(chain().judge(long_).reasons, Code::certificateExpired).text;
+        const std::size_t end = text.find("...");
+        EXPECT_NE(end, std::string::npos) << text;
+        return text.substr(0, end);
+    };
+    for (std::size_t before = 1; before <= 4; ++before) {
+        const std::string cut = textWith("\xE2\x82\xAC", before); // the euro sign: three octets of UTF-8
+        const unsigned char last = static_cast<unsigned char>(cut.back());
+        if (last >= 0x80) {
+            EXPECT_EQ(cut.substr(cut.size() - 3), "\xE2\x82\xAC");
+        }
+        EXPECT_LT(cut.size(), 400U);
+        const std::string escaped = textWith("\n", before); // shown as \0A
+        const std::size_t backslash = escaped.rfind('\\');
+        EXPECT_TRUE(backslash == std::string::npos || escaped.size() - backslash >= 3) << escaped;
+    }
+}
+
+TEST_F(TrustChain, DsaIsOneOfTheAlgorithms) {
+    const Identity signer = authority("DSA", 0, &m_root, {.key = norvauthority::Key::dsa()});
+    Case one;
+    one.anchor(m_root).message(signer);
+    const Verdict verdict = one.judge(user(signer));
+    EXPECT_EQ(find(verdict.reasons, Code::signatureWrong).text, "") << shown(verdict);
+    EXPECT_EQ(find(verdict.reasons, Code::keyTooLarge).text, "") << shown(verdict);
+}
+
 TEST_F(TrustChain, TheSeamOfTheCore) {
     auto material = std::make_shared<Material>();
     material->addAnchor(read(m_root));

@@ -126,6 +126,29 @@ TEST_F(TrustMaterial, WhatIsNotUsedIsTold) {
                     "8-der: is no certificate and no revocation list", "a-base64: block 1 in it is damaged"));
 }
 
+TEST_F(TrustMaterial, BlocksThatAreNotUsedAreTold) {
+    const norvauthority::Bytes broken{0x30, 0x03, 0x02, 0x01, 0x01};
+    std::string encrypted = m_root.certificate.pem();
+    encrypted.insert(encrypted.find('\n') + 1,
+                     "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+    m_material.addAnchors(m_folder.write("all.pem", norvauthority::pem("X509 CRL", broken) +
+                                                        norvauthority::pem("PKCS7", broken) + encrypted +
+                                                        m_root.certificate.pem()));
+    EXPECT_EQ(counts(), "1 0 0");
+    EXPECT_THAT(problems(), testing::UnorderedElementsAre(
+                                "all.pem: block 1 in it does not decode",
+                                "all.pem: block 2 in it is a structure that does not decode, or is no signed data",
+                                "all.pem: block 3 in it is encrypted"));
+}
+
+TEST_F(TrustMaterial, FilesThatAreTooLargeAreNotRead) {
+    m_folder.write("large.pem", m_root.certificate.pem());
+    std::filesystem::resize_file(m_folder.path("large.pem"), (64U << 20U) + 1); // takes no room
+    m_material.addAnchors(m_folder.path());
+    EXPECT_EQ(counts(), "0 0 0");
+    EXPECT_THAT(problems(), testing::ElementsAre("large.pem: is larger than 64 MiB"));
+}
+
 TEST_F(TrustMaterial, CertificatesAmongListsAreNotUsed) {
     m_material.addLists(m_folder.write("mixed.pem", m_middle.certificate.pem() + list(m_middle).pem()));
     EXPECT_EQ(counts(), "0 0 1");

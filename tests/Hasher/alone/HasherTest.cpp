@@ -22,6 +22,7 @@ namespace {
 
 int s_contexts = 0;
 bool s_recording = false;
+bool s_finalFails = false;
 std::vector<std::size_t> s_updates;
 
 } // namespace
@@ -44,6 +45,14 @@ int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) 
         return 1;
     }
     return norvtest::next<&EVP_DigestUpdate>("EVP_DigestUpdate")(context, data, length);
+}
+
+int EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* digest, unsigned int* length) {
+    if (s_finalFails) { // as releases of OpenSSL do that take a digest only once
+        ERR_raise(ERR_LIB_EVP, EVP_R_FINAL_ERROR);
+        return 0;
+    }
+    return norvtest::next<&EVP_DigestFinal_ex>("EVP_DigestFinal_ex")(context, digest, length);
 }
 }
 
@@ -245,6 +254,20 @@ TEST_F(Hashing, BeforeFinalizeThereIsNoDigest) {
     hasher->update(std::string("abc"));
     EXPECT_EQ(hasher->digest().length(), 0U);
     EXPECT_EQ(hasher->digestAsHexString(), "");
+}
+
+TEST_F(Hashing, ASecondFinalizeThatFailsLeavesNoErrorAndAFirstOneDoes) {
+    ERR_clear_error();
+    const RefHasher again(Hasher::SHA256);
+    again->finalize();
+    s_finalFails = true;
+    again->finalize();
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+    const RefHasher first(Hasher::SHA256);
+    first->finalize();
+    s_finalFails = false;
+    EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), EVP_R_FINAL_ERROR);
+    ERR_clear_error();
 }
 
 TEST_F(Hashing, ASecondFinalizeAndALaterUpdateAreNotRefused) {
