@@ -1,5 +1,6 @@
 #include "HostileInputs.h"
 
+#include "HostileMails.h"
 #include "HostileMessages.h"
 
 #include "EnvelopeKey.h"
@@ -350,6 +351,8 @@ const std::vector<Case>& hostileInputs() {
         };
         const std::vector<Case> messages = hostileMessages();
         cases.insert(cases.end(), messages.begin(), messages.end());
+        const std::vector<Case> mails = hostileMails();
+        cases.insert(cases.end(), mails.begin(), mails.end());
         return cases;
     }();
     return all;

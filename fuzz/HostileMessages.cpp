@@ -11,6 +11,8 @@
 
 #include <openssl/err.h>
 
+#include <array>
+#include <cstdio>
 #include <list>
 #include <string>
 
@@ -122,13 +124,25 @@ Bytes agreement(std::size_t count) {
                      der::element(der::sequenceTag, repeated(one, count))}));
 }
 
-Bytes password() {
+Bytes password(const std::string& iterations = "01") {
     const Bytes derivation = der::concat(
-        {der::oid("1.2.840.113549.1.5.12"), der::sequence({der::octetString(Bytes(8, 1)), der::integer("01")})});
+        {der::oid("1.2.840.113549.1.5.12"), der::sequence({der::octetString(Bytes(8, 1)), der::integer(iterations)})});
     const Bytes cipher = der::sequence({der::oid("2.16.840.1.101.3.4.1.2"), der::octetString(Bytes(16, 1))});
     return inContext(3, der::concat({der::integer("0"), inContext(0, derivation),
                                      der::sequence({der::oid("1.2.840.113549.1.9.16.3.9"), cipher}),
                                      der::octetString(Bytes(32, 1))}));
+}
+
+/// Opens with a password that is hashed that often.
+Prepared passwordIterations(std::size_t count) {
+    std::array<char, 17> digits{};
+    std::snprintf(digits.data(), digits.size(), "%016zx", count);
+    return reading(envelope(password(digits.data()), someContent()), [](const Norvane::MediaIn& in) {
+        CMS::EnvelopeReader reader(in);
+        static_cast<void>(reader.openWithPassword(reader.recipients().front(), Norvane::Buffer("secret", 6, false)));
+        Norvane::NullMediaOut out;
+        reader.write(out);
+    });
 }
 
 Bytes other() {
@@ -219,6 +233,8 @@ std::vector<Case> hostileMessages() {
         {"enveloped, key-encryption keys", "recipients", 2000, 1.2,
          [](std::size_t n) { return recipients(keyEncryptionRecipient(), n); }},
         {"enveloped, passwords", "recipients", 2000, 1.2, [](std::size_t n) { return recipients(password(), n); }},
+        {"enveloped, iterations of a password", "iterations", 25000, 1.2, passwordIterations},
+        {"the same, beyond the limit", "iterations", 1'100'000, 1.2, passwordIterations},
         {"enveloped, recipients of other kinds", "recipients", 2000, 1.2,
          [](std::size_t n) { return recipients(other(), n); }},
         {"the same, beyond the limit", "recipients", 20000, 1.2, [](std::size_t n) { return recipients(other(), n); }},

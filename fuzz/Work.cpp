@@ -16,11 +16,14 @@
 extern "C" __attribute__((weak)) int __sanitizer_install_malloc_and_free_hooks(
     void (*onMalloc)(const volatile void* memory, std::size_t size), void (*onFree)(const volatile void* memory));
 
+extern "C" __attribute__((weak)) std::size_t __sanitizer_get_allocated_size(const volatile void* memory);
+
 namespace fuzz {
 
 namespace {
 
 Work s_work;
+std::uint64_t s_held = 0; ///< of what was allocated while it was counted
 bool s_counting = false;
 int s_inside = 0; ///< operations that call other counted ones count once
 
@@ -28,9 +31,16 @@ void onAllocation(const volatile void* /*memory*/, std::size_t size) {
     if (s_counting) {
         ++s_work.allocations;
         s_work.allocated += size;
+        s_held += size;
+        s_work.held = std::max(s_work.held, s_held);
     }
 }
-void onRelease(const volatile void* /*memory*/) {}
+/// What was there before does not make room.
+void onRelease(const volatile void* memory) {
+    if (s_counting && memory != nullptr) {
+        s_held -= std::min<std::uint64_t>(s_held, __sanitizer_get_allocated_size(memory));
+    }
+}
 
 /// Only AddressSanitizer tells of allocations.
 [[maybe_unused]] const int s_hooked = __sanitizer_install_malloc_and_free_hooks == nullptr
@@ -84,6 +94,7 @@ std::string Work::asString() const {
 
 Counting::Counting() noexcept {
     s_work = {};
+    s_held = 0;
     s_counting = true;
 }
 

@@ -20,6 +20,7 @@ struct Work {
     std::uint64_t comparisons = 0; ///< of numbers, in our own code: loops have one in each round
     std::uint64_t allocations = 0;
     std::uint64_t allocated = 0; ///< octets in all, freed ones included
+    std::uint64_t held = 0;      ///< octets at once, at the most
 
     /// One number for all of it, roughly nanoseconds of an optimised build. What the parts weigh is in no need of being
     /// exact: what grows out of proportion shows in any unit.

@@ -1,12 +1,15 @@
 // What hostile inputs cost, counted in operations (Work.h), for three sizes of each: how the work and the memory grow, and
 // whether they grow no faster than they may. See docs/costs.md.
 #include "Driver.h"
-#include "HostileInputs.h"
+#include "HostileMails.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -45,16 +48,54 @@ bool measure(const fuzz::Case& input) {
     return good;
 }
 
+double processorSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+/// Prints a row; true when it costs no more than it may. The time is that of a build with sanitizers, and tells nothing of good or bad.
+bool measure(const fuzz::SmallMessage& message) {
+    const fuzz::Prepared made = message.prepare();
+    static_cast<void>(workOf(made));
+    const double before = processorSeconds();
+    const fuzz::Work work = workOf(made);
+    const double milliseconds = 1000 * (processorSeconds() - before);
+    const bool good = work.total() <= fuzz::smallWork && work.held <= fuzz::smallMemory;
+    std::printf("%-64s %6zu %13llu %11llu %9llu %8.1f%s\n", message.input, made.octets, number(work.total()),
+                number(work.allocated), number(work.held), milliseconds, good ? "" : "  <-- TOO MUCH");
+    return good;
+}
+
+/// Whether a row is asked for: its number, from 1 on, lies in "FROM-TO", or nothing was said.
+bool isAsked(const std::vector<std::string>& arguments, std::size_t number) {
+    if (arguments.empty()) {
+        return true;
+    }
+    const std::size_t dash = arguments.front().find('-');
+    return dash != std::string::npos && number >= std::stoul(arguments.front()) &&
+           number <= std::stoul(arguments.front().substr(dash + 1));
+}
+
 } // namespace
 
-int main() {
+int main(int count, char** values) {
     try {
+        const std::vector<std::string> arguments(values + 1, values + count);
+        std::size_t row = 0;
         fuzz::start();
         std::printf("%11s %10s %12s %12s %10s %9s %11s %11s %13s\n", "n", "octets", "products", "hashed", "ciphered",
                     "elements", "comparisons", "allocated", "work");
         bool good = true;
         for (const fuzz::Case& input : fuzz::hostileInputs()) {
-            good = measure(input) && good;
+            good = (!isAsked(arguments, ++row) || measure(input)) && good;
+            std::fflush(stdout);
+        }
+        std::printf("\nOf 1 KB: work up to %llu, octets held at once up to %llu\n%-64s %6s %13s %11s %9s %8s\n",
+                    number(fuzz::smallWork), number(fuzz::smallMemory), "", "octets", "work", "allocated", "held",
+                    "ms");
+        for (const fuzz::SmallMessage& message : fuzz::smallMessages()) {
+            good = (!isAsked(arguments, ++row) || measure(message)) && good;
             std::fflush(stdout);
         }
         return good ? EXIT_SUCCESS : EXIT_FAILURE;

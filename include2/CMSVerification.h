@@ -108,6 +108,9 @@ inline constexpr std::size_t maximumTries = 4;     ///< different certificates f
 /// the exponent 65537, 1024 for P-256, 8632 for P-521. An RSA exponent has 64 bits at most.
 inline constexpr std::uint64_t maximumKeyWork = 16384; ///< for one operation: RSA with 16384 bits and a 64-bit exponent
 inline constexpr std::uint64_t maximumWork = 500000;   ///< for a structure
+/// How often names of signers are compared with certificates that a program has besides those in a message: for programs that go
+/// over a list of theirs for each signer, `SMime::read` among them. One signer is looked for in a list of any length.
+inline constexpr std::uint64_t maximumComparisons = 4'000'000;
 
 /// What became of one signer.
 struct SignatureResult {

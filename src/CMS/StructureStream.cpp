@@ -27,6 +27,9 @@ StructureStream::StructureStream() : m_structure(true), m_buffer(s_bufferSize, 0
 StructureStream::~StructureStream() = default;
 
 bool StructureStream::open(openssl::ContentChain::Sink sink) {
+    if (sink == openssl::ContentChain::Sink::collect) { // what comes is encrypted
+        m_buffer.protect();
+    }
     m_chain = openssl::ContentChain::open(m_structure, sink);
     return m_chain != nullptr;
 }

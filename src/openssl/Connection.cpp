@@ -32,7 +32,8 @@ template <class Call> SslAnswer framed(SSL* ssl, const char* name, Call call) {
 /// From now on the end of the plain connection is no error. In the handshake it is one, and its reason is told.
 SslAnswer afterHandshake(SSL* ssl, SslAnswer answer) {
     if (answer.result == 1) {
-        SSL_set_options(ssl, SSL_OP_IGNORE_UNEXPECTED_EOF);
+        // What was received would lie in OpenSSL's buffer until more comes, and in its memory behind the connection.
+        SSL_set_options(ssl, SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
         ERR_clear_error(); // a chain that did not verify and was let through
     }
     return answer;

@@ -66,7 +66,8 @@ struct ReadBudget {
 struct ReadOptions {
     /// What encrypted parts are opened with; null: nothing is opened. Borrowed.
     const CMS::KeyLookup* keys = nullptr;
-    /// Certificates of signers, beside those in the messages.
+    /// Certificates of signers, beside those in the messages. How often signers are compared with them is bounded, see
+    /// `CMS::maximumComparisons`; `CMS::maximumTries` different ones are tried for one signer.
     std::vector<NVX509::RefCertificate> certificates;
     /// Whether those alone are used, and none of the messages: nobody else's signature is good then, since anybody may put
     /// a certificate of his own into a message.

@@ -66,7 +66,7 @@ int smfi_replacebody(SMFICTX* context, unsigned char* octets, int length) {
     if (context->throwsAtBody)
         throw std::bad_alloc();
     const int result = change(context, "replacebody " + std::to_string(length));
-    if (result == MI_SUCCESS)
+    if (result == MI_SUCCESS && context->keepsBody)
         context->body.append(reinterpret_cast<const char*>(octets), static_cast<std::size_t>(length));
     return result;
 }

@@ -15,6 +15,7 @@ struct smfi_str {
     std::map<std::string, std::string> macros;
     std::vector<std::string> calls; ///< "addheader X: y", "replacebody 5", "setreply 550 5.7.1 no"
     std::string body;               ///< pieces of a new one put together
+    bool keepsBody = true;          ///< false: there is none
     int callsUntilFailure = -1;     ///< changes that succeed before all fail; negative: none fails
     bool throwsAtBody = false;      ///< there is no memory for a piece of a new one
     std::atomic<int> progress{0};

@@ -1,6 +1,10 @@
 #include "engine/Streams.h"
 
+#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Exception.h>
+
+#include <algorithm>
+#include <string_view>
 
 namespace norvmilter {
 
@@ -34,7 +38,9 @@ public:
     WrittenMailImpl(const std::string& spool, const Deadline& deadline, std::uint64_t most)
         : body(spillIn(spool)),
           m_deadline(deadline),
-          m_most(most) {}
+          m_most(most) {
+        m_header.protect(); // with the header, the body begins in it
+    }
     using MediaOutImpl::write;
 
     void write(const unsigned char* data, unsigned int length) override {
@@ -44,23 +50,25 @@ public:
             throw TooMuch("more than " + std::to_string(m_most) + " bytes would have to be written");
         if (m_isBody)
             return body.write(data, length);
-        const std::size_t before = header.size();
-        header.append(reinterpret_cast<const char*>(data), length);
-        const bool isEmpty = header.starts_with("\r\n");
-        const std::size_t end = isEmpty ? 0 : header.find("\r\n\r\n", before < 3 ? 0 : before - 3);
+        const std::size_t before = m_header.length();
+        m_header.append(Norvane::Buffer(data, length, true));
+        const std::string_view text = header();
+        const bool isEmpty = text.starts_with("\r\n");
+        const std::size_t end = isEmpty ? 0 : text.find("\r\n\r\n", before < 3 ? 0 : before - 3);
         if (end == std::string::npos) {
-            if (header.size() > longestHeader)
+            if (text.size() > longestHeader)
                 throw TooMuch("a header that does not end");
             return;
         }
         const std::size_t begin = end + (isEmpty ? 2 : 4);
         m_isBody = true;
-        body.write(reinterpret_cast<const unsigned char*>(header.data()) + begin,
-                   static_cast<unsigned int>(header.size() - begin));
-        header.resize(isEmpty ? 0 : end + 2);
+        body.write(m_header.data() + begin, static_cast<unsigned int>(text.size() - begin));
+        m_header.length(isEmpty ? 0 : static_cast<unsigned int>(end + 2));
     }
 
-    std::string header;
+    [[nodiscard]] std::string_view header() const {
+        return {reinterpret_cast<const char*>(m_header.data()), m_header.length()};
+    }
     Norvane::SwapBufferMediaOut body;
     [[nodiscard]] std::uint64_t written() const noexcept { return m_written; }
 
@@ -68,6 +76,7 @@ private:
     Deadline m_deadline;
     std::uint64_t m_most;
     std::uint64_t m_written = 0;
+    Norvane::Buffer m_header;
     bool m_isBody = false;
 };
 
@@ -95,11 +104,11 @@ std::uint64_t WrittenMail::length() const {
 }
 
 std::vector<HeaderField> WrittenMail::header() const {
-    const std::string& octets = bodyOf(*this).header;
+    const std::string_view octets = bodyOf(*this).header();
     std::vector<HeaderField> fields;
     for (std::size_t begin = 0; begin < octets.size();) {
         const std::size_t end = std::min(octets.find("\r\n", begin), octets.size());
-        const std::string line = octets.substr(begin, end - begin);
+        const std::string line(octets.substr(begin, end - begin));
         begin = end + 2;
         const bool isFold = !line.empty() && (line.front() == ' ' || line.front() == '\t');
         const std::size_t colon = line.find(':');

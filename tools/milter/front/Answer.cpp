@@ -1,9 +1,9 @@
 #include "front/Answer.h"
 
+#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 
 #include <algorithm>
-#include <vector>
 
 namespace norvmilter {
 
@@ -42,7 +42,8 @@ bool apply(SMFICTX* context, const Agreed& agreed, const HeaderEdit& edit) {
 }
 
 bool replaceBody(SMFICTX* context, Norvane::MediaIn body) {
-    std::vector<unsigned char> piece(longestPiece);
+    Norvane::Buffer piece(static_cast<int>(longestPiece), 0);
+    piece.protect(); // it may have been encrypted
     // An empty body is a change, too: one piece without octets.
     do {
         const int length = body.read(piece.data(), longestPiece);

@@ -17,14 +17,37 @@ using CMS::SignedReader;
 
 namespace {
 
-/// The certificates that a signer names, each once.
+SignatureResult unsupported(SignatureReason reason) {
+    SignatureResult result;
+    result.verdict = SignatureVerdict::unsupported;
+    result.reason = reason;
+    return result;
+}
+
+/// What signers are looked for in the lists that the user gave.
+class Search {
+public:
+    /// Whether one more may be looked for among so many certificates: the first one always.
+    [[nodiscard]] bool mayCompare(std::size_t certificates) noexcept {
+        const bool isFirst = m_comparisons == 0;
+        m_comparisons += certificates;
+        return isFirst || m_comparisons <= CMS::maximumComparisons;
+    }
+
+private:
+    std::uint64_t m_comparisons = 0;
+};
+
+/// The certificates that a signer names, each once, and one more than are tried at the most.
 std::vector<NVX509::RefCertificate> namedBy(const SignedReader::Signer& signer,
                                             const std::list<NVX509::RefCertificate>& certificates) {
     std::vector<NVX509::RefCertificate> named;
     const auto name = nameOfCertificate(signer);
     for (const NVX509::RefCertificate& certificate : certificates) {
         const auto isSame = [&](const NVX509::RefCertificate& one) { return isSameCertificate(one, certificate); };
-        if (name && name->names(certificate) && std::ranges::none_of(named, isSame))
+        if (!name || named.size() > CMS::maximumTries)
+            break;
+        if (name->names(certificate) && std::ranges::none_of(named, isSame))
             named.push_back(certificate);
     }
     return named;
@@ -33,12 +56,17 @@ std::vector<NVX509::RefCertificate> namedBy(const SignedReader::Signer& signer,
 /// The verdict with the certificates given: that of the first good one, else of one that leaves the question open, else of
 /// the first.
 SignatureResult judgeWith(const SignedReader& message, const SignedReader::Signer& signer,
-                          const std::list<NVX509::RefCertificate>& certificates) {
+                          const std::list<NVX509::RefCertificate>& certificates, Search& search) {
+    if (!search.mayCompare(certificates.size()))
+        return unsupported(SignatureReason::tooMuchWork);
     const std::vector<NVX509::RefCertificate> named = namedBy(signer, certificates);
     if (named.empty())
         return message.verdict(signer, NVX509::RefCertificate());
     std::optional<SignatureResult> best;
+    std::size_t tries = 0;
     for (const NVX509::RefCertificate& certificate : named) {
+        if (tries++ == CMS::maximumTries)
+            return unsupported(SignatureReason::tooManyCertificates);
         SignatureResult result = message.verdict(signer, certificate);
         if (result.verdict == SignatureVerdict::good)
             return result;
@@ -67,11 +95,12 @@ std::optional<CMS::CertificateIdentifier> nameOfCertificate(const SignedReader::
 std::vector<SignatureResult> judgeSigners(const SignedReader& message, const JudgedBody& body,
                                           const SignerCertificates& certificates) {
     std::vector<SignatureResult> results;
+    Search search;
     for (const SignedReader::Signer& signer : message.signers()) {
         SignatureResult result =
-            certificates.given ? judgeWith(message, signer, *certificates.given) : message.verdict(signer);
+            certificates.given ? judgeWith(message, signer, *certificates.given, search) : message.verdict(signer);
         if (result.reason == SignatureReason::certificateMissing && !certificates.ofStore.empty())
-            result = judgeWith(message, signer, certificates.ofStore);
+            result = judgeWith(message, signer, certificates.ofStore, search);
         if (!body.isContent.value_or(true)) {
             result.verdict = SignatureVerdict::refused;
             result.reason = SignatureReason::contentDiffers;

@@ -9,7 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <filesystem>
+#include <mutex>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -18,6 +21,18 @@ namespace norvcrypt {
 namespace {
 
 constexpr unsigned int looksAt = 64;
+
+constexpr std::uintmax_t longText = std::uintmax_t{1} << 20U;
+
+/// A long text is in memory with what is decoded from it for as long as it is worked on: one at a time, in however many threads
+/// inputs are worked on. A thread may have several.
+using Turn = std::unique_lock<std::recursive_mutex>;
+Turn turnOf(const Inputs& inputs, const std::string& path) {
+    static std::recursive_mutex longTexts;
+    std::error_code failure;
+    const bool isLong = inputs.areOfOneOfMany() && std::filesystem::file_size(path, failure) > longText && !failure;
+    return isLong ? Turn(longTexts) : Turn();
+}
 
 bool knowsItsPosition(const Norvane::MediaIn& in) {
     try {
@@ -32,6 +47,7 @@ bool knowsItsPosition(const Norvane::MediaIn& in) {
 
 /// What the streams over one file share.
 struct StructureFile::State {
+    Turn turn; // given up last
     Norvane::MediaIn file;
     std::optional<Norvane::SwapBufferMediaOut> kept; ///< all that was read, of what cannot be gone back in
     bool keeping = false;
@@ -91,6 +107,7 @@ StructureFile::StructureFile(Inputs& inputs, std::string path, Progress* progres
     start.length(m_state->readFile(start.data(), looksAt));
     if (!beginsStructure(start)) {
         m_state->keeping = false;
+        m_state->turn = turnOf(inputs, m_path);
         Norvane::MediaIn text = structure();
         const Norvane::Buffer der = structureInText(Inputs::readAll(text, m_path), name());
         m_state->kept.reset();

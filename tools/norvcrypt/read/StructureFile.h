@@ -14,7 +14,8 @@
 
 namespace norvcrypt {
 
-/// The one structure of a file, BER or PEM. A text is taken into memory (256 MiB at most); what is binary passes.
+/// The one structure of a file, BER or PEM. A text is taken into memory (256 MiB at most), of many inputs at a time one that is longer than 1 MiB;
+/// what is binary passes.
 class StructureFile {
 public:
     /// \throws Failure: there is no structure in it

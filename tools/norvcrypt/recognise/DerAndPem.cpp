@@ -176,6 +176,7 @@ struct Block {
 
 std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
     std::vector<FoundObject> objects;
+    bool isLookedFor = false; // another armour
     const BioPtr bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.length())));
     while (bio && BIO_pending(bio.get()) > 0) {
         Block block;
@@ -193,8 +194,10 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
         const std::string errors = Norvane::Crypto::getErrString();
         if (noMore)
             break;
-        if (const std::string armour = foreignArmourIn(content); !armour.empty())
+        // Looked for once, however many blocks are damaged: it goes through all of the content.
+        if (const std::string armour = isLookedFor ? "" : foreignArmourIn(content); !armour.empty())
             return {{ObjectKind::unknown, {}, armour}};
+        isLookedFor = true;
         objects.push_back({ObjectKind::unknown, {}, "a damaged PEM block: " + inPlainWords(errors)});
     }
     return objects;

@@ -150,7 +150,7 @@ std::string parameterOf(std::string_view field, std::string_view name) {
 void BodyScanner::write(std::string_view octets) {
     if (!m_carry.empty()) {
         m_carry.append(octets);
-        const std::string both = std::exchange(m_carry, {});
+        const mime::WipedText both = std::exchange(m_carry, {});
         scan(both, false);
         return;
     }
@@ -158,7 +158,7 @@ void BodyScanner::write(std::string_view octets) {
 }
 
 void BodyScanner::finish() {
-    const std::string rest = std::exchange(m_carry, {});
+    const mime::WipedText rest = std::exchange(m_carry, {});
     scan(rest, true);
     if (m_lineBegun || !m_line.empty()) {
         lineOctets({}, LineEnd::none, true);
@@ -202,7 +202,7 @@ void BodyScanner::lineOctets(std::string_view octets, LineEnd end, bool ends) {
     if (m_inHeader) {
         m_line.append(octets);
         if (ends) {
-            const std::string line = std::exchange(m_line, {});
+            const mime::WipedText line = std::exchange(m_line, {});
             headerLine(line, end);
         } else if (m_headerLength + m_line.size() > longestHeader) {
             giveUpHeader();
@@ -309,7 +309,7 @@ void BodyScanner::giveUpHeader() {
     m_inHeader = false;
     m_atStart = false;
     const std::vector<HeaderLine> lines = std::exchange(m_header, {});
-    const std::string begun = std::exchange(m_line, {});
+    const mime::WipedText begun = std::exchange(m_line, {});
     m_headerLength = 0;
     for (const HeaderLine& line : lines) {
         lineOctets(line.octets, line.end, true);

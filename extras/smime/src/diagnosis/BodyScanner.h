@@ -4,6 +4,8 @@
 /// A body taken apart into lines and header blocks, exactly, as far as changes by mail systems are about them: no octet is
 /// left out, whatever the body is made of.
 
+#include "mime/Wiped.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -77,8 +79,8 @@ private:
     void classify(std::string_view start);
 
     std::vector<BodyConsumer*> m_consumers;
-    std::string m_carry; ///< CRs at the end of a piece, of which the next one tells what they are
-    std::string m_line;  ///< the beginning of a line
+    mime::WipedText m_carry; ///< CRs at the end of a piece, of which the next one tells what they are
+    mime::WipedText m_line;  ///< the beginning of a line
     bool m_lineBegun = false;
     bool m_inHeader = true;
     bool m_atStart = true; ///< of the body: it may begin with a header block, or not

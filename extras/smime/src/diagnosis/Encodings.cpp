@@ -53,7 +53,7 @@ public:
         const std::size_t used = m_text.size() > mostHeld ? m_text.size() : m_text.find_last_not_of(" \t") + 1;
         std::size_t done = 0;
         bool isSoft = false;
-        std::string decoded;
+        mime::WipedText decoded;
         while (done < used) {
             if (m_text[done] != '=') {
                 decoded += m_text[done++];
@@ -64,7 +64,7 @@ public:
                     break;
                 }
                 isSoft = done + 1 == used;
-                decoded += isSoft ? std::string() : m_text.substr(done, used - done);
+                decoded.append(m_text, done, isSoft ? 0 : used - done);
                 done = used;
                 continue;
             }
@@ -81,7 +81,7 @@ public:
     }
 
 private:
-    std::string m_text; ///< of which the rest of the line tells what it is
+    mime::WipedText m_text; ///< of which the rest of the line tells what it is
 };
 
 /// Base64 of a text: its line ends are told apart from the lines of the encoding.
@@ -139,7 +139,7 @@ private:
         m_text.clear();
     }
 
-    std::string m_text;
+    mime::WipedText m_text;
     unsigned int m_bits = 0;
     unsigned int m_count = 0;
     bool m_hasReturn = false;

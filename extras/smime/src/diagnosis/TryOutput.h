@@ -4,6 +4,7 @@
 /// What one try makes of a body, on its way into the digests of a detached message, and where it is asked whether that fits.
 
 #include "diagnosis/BodyScanner.h"
+#include "mime/Wiped.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcrypto/CMSSignedReader.h>
@@ -69,7 +70,7 @@ private:
     MediaOut m_digest;
     EndMode m_mode;
     LineEnd m_newLine;
-    std::string m_kept;
+    mime::WipedText m_kept;
     std::uint64_t m_length = 0;
 };
 

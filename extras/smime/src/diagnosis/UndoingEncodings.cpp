@@ -66,7 +66,7 @@ public:
             Undoing::line(piece);
             return;
         }
-        std::string text(piece.octets);
+        mime::WipedText text(piece.octets);
         for (std::size_t at = text.find('='); at != std::string::npos; at = text.find('=', at + 1)) {
             for (std::size_t digit = at + 1; digit < std::min(at + 3, text.size()); ++digit) {
                 char& letter = text[digit];
@@ -125,6 +125,7 @@ public:
                 --left;
             }
         }
+        explicit_bzero(converted.data(), converted.size());
         m_text.erase(0, m_text.size() - left);
     }
     void lineEnd(LineEnd end) override {
@@ -148,7 +149,7 @@ private:
 
     iconv_t m_converter;
     TextSink* m_target;
-    std::string m_text; ///< the beginning of a character
+    mime::WipedText m_text; ///< the beginning of a character
 };
 
 class Recoder : public Undoing {

@@ -93,7 +93,7 @@ bool Header::endsLinesInCrLf() const {
 HeaderEnd readHeader(Octets& from, const HeaderLimits& limits, Header& header) {
     header.m_octets.clear();
     header.m_fields.clear();
-    std::string& octets = header.m_octets;
+    WipedText& octets = header.m_octets;
     std::size_t lineBegin = 0;
     for (;;) {
         // A line at a time out of what lies ready; one that goes on beyond it is put together in `octets`.

@@ -30,7 +30,7 @@ public:
     };
 
     /// The whole block, its empty line included.
-    [[nodiscard]] const std::string& octets() const noexcept { return m_octets; }
+    [[nodiscard]] std::string_view octets() const noexcept { return m_octets; }
     [[nodiscard]] const std::vector<Field>& fields() const noexcept { return m_fields; }
     /// A field as it stands, line ends and folding included.
     [[nodiscard]] std::string_view octetsOf(const Field& field) const;
@@ -53,7 +53,7 @@ public:
 private:
     friend HeaderEnd readHeader(Octets& from, const HeaderLimits& limits, Header& header);
 
-    std::string m_octets;
+    WipedText m_octets;
     std::vector<Field> m_fields;
 };
 

@@ -4,14 +4,14 @@
 /// Bytes that are looked at before they are taken: what the walk through a message reads from. A part of a message is a
 /// view into the bytes of what it lies in, so that nothing is copied on the way down.
 
+#include "Wiped.h"
+
 #include <norvcmsg/Media.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <string_view>
-#include <vector>
 
 namespace Norvane::Crypto::SMime::mime {
 
@@ -41,7 +41,7 @@ public:
 
 private:
     MediaIn m_in;
-    std::vector<char> m_buffer;
+    WipedOctets m_buffer;
     std::size_t m_from = 0;
     std::size_t m_until = 0;
     bool m_ended = false;
@@ -50,12 +50,12 @@ private:
 /// Bytes that lie in memory: a copy.
 class MemoryOctets : public Octets {
 public:
-    explicit MemoryOctets(std::string bytes) : m_bytes(std::move(bytes)) {}
+    explicit MemoryOctets(std::string_view bytes) : m_bytes(bytes) {}
     std::string_view view(std::size_t /*atLeast*/) override { return std::string_view(m_bytes).substr(m_from); }
     void skip(std::size_t count) override { m_from += count; }
 
 private:
-    std::string m_bytes;
+    WipedText m_bytes;
     std::size_t m_from = 0;
 };
 

@@ -40,7 +40,7 @@ private:
 
     SharedOctets m_body;
     Decoder m_decoder;
-    std::string m_ready;
+    WipedText m_ready;
     std::size_t m_from = 0;
     bool m_ended = false;
 };
@@ -69,7 +69,7 @@ public:
 
 private:
     Decoder m_decoder;
-    std::string m_out;
+    WipedText m_out;
 };
 
 class CanonicalImpl : public MediaOutDecoratorImpl {
@@ -95,14 +95,14 @@ public:
     }
 
 private:
-    std::string m_out;
+    WipedText m_out;
     bool m_afterCr = false;
 };
 
 /// Takes away the blanks at the ends of lines, which GMime would keep, and with which it finds no soft line break.
 class BlankTrimmer {
 public:
-    void take(std::string_view piece, std::string& out) {
+    void take(std::string_view piece, WipedText& out) {
         while (!piece.empty()) {
             if (m_held.empty()) {
                 const std::size_t plain = std::min(piece.find_first_of(" \t\r"), piece.size());
@@ -115,14 +115,14 @@ public:
             piece.remove_prefix(1);
         }
     }
-    void end(std::string& out) {
+    void end(WipedText& out) {
         if (m_held.ends_with('\r'))
             out += m_held;
         m_held.clear();
     }
 
 private:
-    void takeByte(char byte, std::string& out) {
+    void takeByte(char byte, WipedText& out) {
         const bool afterReturn = m_held.ends_with('\r');
         if (byte == '\n') {
             out += afterReturn ? "\r\n" : "\n";
@@ -140,7 +140,7 @@ private:
             out += byte;
     }
 
-    std::string m_held; ///< blanks, and a CR behind them
+    WipedText m_held; ///< blanks, and a CR behind them
 };
 
 GMimeContentEncoding encodingOf(Transfer transfer) {
@@ -159,12 +159,17 @@ GMimeContentEncoding encodingOf(Transfer transfer) {
 } // namespace
 
 struct Decoder::State {
+    State() = default;
+    ~State() { explicit_bzero(&encoding, sizeof encoding); } // it holds octets back
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
     GMimeEncoding encoding{};
     bool isBase64 = false;
     BlankTrimmer trimmer; ///< of quoted-printable
-    std::string trimmed;
+    WipedText trimmed;
 
-    void step(std::string_view piece, std::string& out) {
+    void step(std::string_view piece, WipedText& out) {
         const std::size_t before = out.size();
         out.resize(before + g_mime_encoding_outlen(&encoding, piece.size()));
         out.resize(before + g_mime_encoding_step(&encoding, piece.data(), piece.size(), out.data() + before));
@@ -182,7 +187,7 @@ Decoder::Decoder(Transfer transfer) {
 
 Decoder::~Decoder() = default;
 
-void Decoder::decode(std::string_view piece, std::string& out) {
+void Decoder::decode(std::string_view piece, WipedText& out) {
     if (!m_state) {
         out.append(piece);
         return;
@@ -196,7 +201,7 @@ void Decoder::decode(std::string_view piece, std::string& out) {
     m_state->step(m_state->trimmed, out);
 }
 
-void Decoder::end(std::string& out) {
+void Decoder::end(WipedText& out) {
     if (!m_state)
         return;
     if (m_state->isBase64) {

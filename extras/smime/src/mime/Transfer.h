@@ -8,7 +8,6 @@
 #include "Values.h"
 
 #include <memory>
-#include <string>
 
 namespace Norvane::Crypto::SMime::mime {
 
@@ -24,9 +23,9 @@ public:
     Decoder& operator=(const Decoder&) = delete;
 
     /// Appends what a piece gives.
-    void decode(std::string_view piece, std::string& out);
+    void decode(std::string_view piece, WipedText& out);
     /// Appends what was held back.
-    void end(std::string& out);
+    void end(WipedText& out);
 
 private:
     struct State;

@@ -130,7 +130,7 @@ bool isWrappedMessage(Session& session, const Header& header, const ContentType&
         return false;
     // Looked at without being taken; a header that does not end within this much is that of no wrapped message.
     constexpr std::size_t lookedAt = 65536;
-    mime::MemoryOctets copy{std::string(body->view(lookedAt).substr(0, lookedAt))};
+    mime::MemoryOctets copy(body->view(lookedAt).substr(0, lookedAt));
     Header inner;
     return mime::readHeader(copy, {}, inner) == mime::HeaderEnd::complete &&
            isSameMailboxes(sendersIn(inner).from, session.senders[place.message].from);

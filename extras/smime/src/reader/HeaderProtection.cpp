@@ -83,7 +83,7 @@ FieldState stateOf(const std::string& inside, const std::optional<std::string>& 
 /// Whether somebody who leaves NUL bytes and the blanks at the start of a header out, and ends lines at a CR, finds more From
 /// fields than there are.
 bool hasHiddenFrom(const Header& header) {
-    std::string octets = header.octets();
+    mime::WipedText octets(header.octets());
     std::erase(octets, '\0');
     std::size_t found = 0;
     for (std::size_t begin = octets.find_first_not_of(" \t"); begin < octets.size();) {
@@ -99,8 +99,9 @@ bool hasHiddenFrom(const Header& header) {
 }
 
 /// A field with line ends like those of the header that it goes to.
-std::string withLineEnds(std::string_view field, bool isCrLf) {
-    std::string result;
+mime::WipedText withLineEnds(std::string_view field, bool isCrLf) {
+    mime::WipedText result;
+    result.reserve(field.size() + 2);
     for (std::size_t index = 0; index < field.size(); ++index) {
         const bool isLineEnd = field[index] == '\r' && index + 1 < field.size() && field[index + 1] == '\n';
         if (isLineEnd)
@@ -174,7 +175,7 @@ void writeHeader(Session& session, const Header& covered, HeaderScheme scheme, c
     }
     const bool isCrLf = entity.endsLinesInCrLf();
     const Values inside = valuesOf(covered);
-    std::string fields;
+    mime::WipedText fields;
     for (const Header::Field& field : session.outer.fields()) {
         const std::string_view name = session.outer.nameOf(field);
         const bool isReplaced = scheme != HeaderScheme::none && inside.count(lowered(name)) > 0;

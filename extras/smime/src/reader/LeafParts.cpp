@@ -33,7 +33,7 @@ private:
 
     mime::SharedOctets m_from;
     mime::Decoder m_decoder;
-    std::string m_decoded;
+    mime::WipedText m_decoded;
     std::uint64_t m_octets = 0;
 };
 

@@ -35,17 +35,40 @@ std::string identifierOf(const SignedReader::Signer& signer) {
     }
 }
 
+/// The different ones that are named, one more than are tried at the most.
+std::vector<NVX509::RefCertificate> namedAmong(const std::vector<NVX509::RefCertificate>& certificates,
+                                               const CMS::CertificateIdentifier& name) {
+    std::vector<NVX509::RefCertificate> named;
+    for (const NVX509::RefCertificate& certificate : certificates) {
+        const auto isSame = [&](const NVX509::RefCertificate& one) { return X509_cmp(one, certificate) == 0; };
+        if (named.size() <= CMS::maximumTries && name.names(certificate) && std::ranges::none_of(named, isSame))
+            named.push_back(certificate);
+    }
+    return named;
+}
+
 /// With the caller's certificates where the message has none for a signer, or where those alone count.
-SignatureResult verdictOn(const SignedReader& reader, const SignedReader::Signer& signer, const ReadOptions& options) {
+SignatureResult verdictOn(Session& session, const SignedReader& reader, const SignedReader::Signer& signer) {
+    const ReadOptions& options = session.options;
     const std::vector<NVX509::RefCertificate>& certificates = options.certificates;
     SignatureResult result =
         options.onlyTheseCertificates ? reader.verdict(signer, NVX509::RefCertificate()) : reader.verdict(signer);
     if (result.reason != SignatureReason::certificateMissing || certificates.empty() || identifierOf(signer).empty())
         return result;
-    const CMS::CertificateIdentifier named = signer.identifier();
-    for (const NVX509::RefCertificate& certificate : certificates) {
-        if (!named.names(certificate))
-            continue;
+    const bool isFirst = session.comparisons == 0;
+    session.comparisons += certificates.size();
+    if (!isFirst && session.comparisons > CMS::maximumComparisons) {
+        result.verdict = SignatureVerdict::unsupported;
+        result.reason = SignatureReason::tooMuchWork;
+        return result;
+    }
+    std::size_t tries = 0;
+    for (const NVX509::RefCertificate& certificate : namedAmong(certificates, signer.identifier())) {
+        if (tries++ == CMS::maximumTries) {
+            result.verdict = SignatureVerdict::unsupported;
+            result.reason = SignatureReason::tooManyCertificates;
+            break;
+        }
         result = reader.verdict(signer, certificate);
         if (result.verdict == SignatureVerdict::good)
             break;
@@ -71,7 +94,7 @@ std::vector<LayerSigner> signersOf(Session& session, const SignedReader& reader)
     std::vector<LayerSigner> signers;
     for (const SignedReader::Signer& from : reader.signers()) {
         LayerSigner signer;
-        signer.result = verdictOn(reader, from, session.options);
+        signer.result = verdictOn(session, reader, from);
         signer.identifier = identifierOf(from);
         signer.digestAlgorithm = from.digestAlgorithm();
         signer.signatureAlgorithm = from.signatureAlgorithm();

@@ -1,5 +1,7 @@
 #include "write/Filters.h"
 
+#include "mime/Wiped.h"
+
 #include <openssl/evp.h>
 
 #include <algorithm>
@@ -38,15 +40,15 @@ public:
 protected:
     virtual void take(std::string_view piece) = 0;
     virtual void finish() = 0;
-    std::string& gathered() noexcept { return m_gathered; }
+    mime::WipedText& gathered() noexcept { return m_gathered; }
 
 private:
     void pass() {
-        put(target(), m_gathered);
+        writing::put(target(), m_gathered); // there is one in `mime`, too
         m_gathered.clear();
     }
 
-    std::string m_gathered;
+    mime::WipedText m_gathered;
 };
 
 class CanonicalImpl : public GatheringImpl {
@@ -136,6 +138,9 @@ private:
 class Base64Impl : public GatheringImpl {
 public:
     using GatheringImpl::GatheringImpl;
+    ~Base64Impl() override { explicit_bzero(m_line.data(), m_line.size()); }
+    Base64Impl(const Base64Impl&) = delete;
+    Base64Impl& operator=(const Base64Impl&) = delete;
 
 protected:
     void take(std::string_view piece) override {
@@ -163,12 +168,13 @@ protected:
 
 private:
     void writeLine(std::string_view octets) {
-        std::array<unsigned char, base64LineLength + 1> letters{}; // and a NUL
-        const int count = EVP_EncodeBlock(letters.data(), reinterpret_cast<const unsigned char*>(octets.data()),
-                                          static_cast<int>(octets.size()));
-        gathered()
-            .append(reinterpret_cast<const char*>(letters.data()), static_cast<std::size_t>(count))
-            .append("\r\n");
+        const std::size_t before = gathered().size();
+        gathered().resize(before + base64LineLength + 1); // and a NUL
+        const int count =
+            EVP_EncodeBlock(reinterpret_cast<unsigned char*>(gathered().data()) + before,
+                            reinterpret_cast<const unsigned char*>(octets.data()), static_cast<int>(octets.size()));
+        gathered().resize(before + static_cast<std::size_t>(count));
+        gathered() += "\r\n";
     }
 
     std::array<char, base64LineLength / 4 * 3> m_line{};

@@ -127,7 +127,7 @@ private:
 
     /// What began like an octet is none: its characters mean themselves.
     void giveUpEscape() {
-        const std::string characters = m_escape;
+        const mime::WipedText characters = m_escape;
         m_escape.clear();
         for (const char character : characters) {
             writeByte(character); // "=" as an octet
@@ -135,7 +135,7 @@ private:
     }
 
     void writeBlanks() {
-        const std::string blanks = m_blanks;
+        const mime::WipedText blanks = m_blanks;
         m_blanks.clear();
         for (const char blank : blanks) {
             writeToken({&blank, 1});
@@ -163,7 +163,7 @@ private:
     }
 
     bool holdsStart(char byte) {
-        const std::string start = m_start + byte;
+        const mime::WipedText start = m_start + byte;
         const auto begins = [&start](std::string_view one) { return one.starts_with(start); };
         const auto* const found = std::ranges::find_if(protectedStarts, begins);
         if (found == protectedStarts.end()) {
@@ -181,7 +181,7 @@ private:
     }
 
     void flushStart() {
-        const std::string start = m_start;
+        const mime::WipedText start = m_start;
         m_start.clear();
         for (const char character : start) {
             writeUnchecked({&character, 1});
@@ -222,17 +222,17 @@ private:
     }
 
     void pass() {
-        put(target(), m_out);
+        writing::put(target(), m_out); // there is one in `mime`, too
         m_out.clear();
     }
 
     bool m_quoted;
     bool m_afterReturn = false;
     std::size_t m_column = 0; ///< how much of the line that is written has gone out
-    std::string m_blanks;     ///< which may be the last of their line
-    std::string m_escape;     ///< of what was quoted: "=" and a digit, or blanks
-    std::string m_start;      ///< the first characters of a line, while they may be the beginning of a protected start
-    std::string m_out;
+    mime::WipedText m_blanks; ///< which may be the last of their line
+    mime::WipedText m_escape; ///< of what was quoted: "=" and a digit, or blanks
+    mime::WipedText m_start;  ///< the first characters of a line, while they may be the beginning of a protected start
+    mime::WipedText m_out;
 };
 
 } // namespace
