@@ -80,6 +80,17 @@ ReadOaep oaepOf(const X509_ALGOR& algorithm) {
     return read;
 }
 
+/// Whether an RSA operation that failed did not come as far as its padding, which leaves an entry of its own: it may have
+/// left the key's blinding half renewed. Nothing of a wrong padding leads here, which would be seen in the time.
+bool brokeOff() noexcept {
+    if (ERR_peek_error() == 0) {
+        return true;
+    }
+    const unsigned long last = ERR_peek_last_error();
+    return ERR_GET_LIB(last) == ERR_LIB_BN || ERR_GET_REASON(last) == ERR_R_MALLOC_FAILURE ||
+           ERR_GET_REASON(last) == ERR_R_BN_LIB || ERR_GET_REASON(ERR_peek_error()) == ERR_R_MALLOC_FAILURE;
+}
+
 template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsigned char> encrypted, SetUp setUp) {
     const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
     const int largest = EVP_PKEY_get_size(key);
@@ -90,7 +101,7 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     std::size_t length = opened.size();
     if (EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) != 1 ||
         length > opened.size()) {
-        if (ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE) {
+        if (brokeOff()) {
             renewBlinding(key);
         }
         return {};
