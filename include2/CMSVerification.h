@@ -77,6 +77,10 @@ enum class SignatureReason : int {
     parametersWrong,           ///< RSASSA-PSS with parameters that are missing or make no sense (RFC 4056)
     signingCertificateDiffers, ///< the signing certificate attribute names another certificate (RFC 5035), or is damaged
     contentTypeUnexpected,     ///< a countersignature with a content type attribute (RFC 5652, 11.4)
+    attributeMisplaced, ///< beside signed attributes, an unsigned one that must be signed: content type, message digest,
+                        ///< signing time (RFC 5652, 11), signing certificate, receipt request (RFC 2634); or a signed
+                        ///< countersignature
+    receiptRequestRepeated, ///< a receipt request that stands twice, or has not exactly one value (RFC 2634, 2.7)
 
     // unsupported
     digestAlgorithm = 101, ///< the signer's digest algorithm

@@ -7,6 +7,7 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <array>
 
 namespace fuzz {
 
@@ -64,7 +65,17 @@ bool isAnnounced(const SignedParts& message, Node& signer) {
            });
 }
 
-/// What RFC 5652, 5.3 and 11, forbid.
+/// Whether one of the unsigned attributes is one that must be signed.
+bool mustBeSigned(Node& signer) {
+    const Node* const attributes = unsignedAttributesOf(signer);
+    return attributes != nullptr &&
+           std::ranges::any_of(
+               std::array{"1.2.840.113549.1.9.3", "1.2.840.113549.1.9.4", "1.2.840.113549.1.9.5",
+                          "1.2.840.113549.1.9.16.2.1", "1.2.840.113549.1.9.16.2.12", "1.2.840.113549.1.9.16.2.47"},
+               [&](const char* type) { return attributeOf(*attributes, identifierContent(type)).count != 0; });
+}
+
+/// What RFC 5652, 5.3 and 11, RFC 2634 and RFC 5035 forbid.
 bool isForbidden(const SignedParts& message, Node& signer, SignatureReason reason) {
     static const Bytes contentType = identifierContent("1.2.840.113549.1.9.3");
     static const Bytes data = identifierContent("1.2.840.113549.1.7.1");
@@ -89,6 +100,10 @@ bool isForbidden(const SignedParts& message, Node& signer, SignatureReason reaso
         return isRepeated(digest);
     case SignatureReason::signingTimeRepeated:
         return isRepeated(time);
+    case SignatureReason::attributeMisplaced:
+        return attributeOf(*attributes, identifierContent("1.2.840.113549.1.9.6")).count != 0 || mustBeSigned(signer);
+    case SignatureReason::receiptRequestRepeated:
+        return isRepeated(attributeOf(*attributes, identifierContent("1.2.840.113549.1.9.16.2.1")));
     case SignatureReason::signingCertificateDiffers:
         return attributeOf(*attributes, identifierContent("1.2.840.113549.1.9.16.2.12")).count +
                    attributeOf(*attributes, identifierContent("1.2.840.113549.1.9.16.2.47")).count !=
@@ -124,6 +139,8 @@ Outcome outcomeOf(SignatureReason reason) {
     case SignatureReason::messageDigestMissing:
     case SignatureReason::messageDigestRepeated:
     case SignatureReason::signingTimeRepeated:
+    case SignatureReason::attributeMisplaced:
+    case SignatureReason::receiptRequestRepeated:
     case SignatureReason::bodyIsAttributes:
     case SignatureReason::signingCertificateDiffers:
         return Outcome::attributesForbidden;

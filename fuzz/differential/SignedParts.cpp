@@ -60,6 +60,11 @@ const Node* signatureOf(Node& signer) {
     return at(signer, {attributesOf(signer) != nullptr ? 5U : 4U});
 }
 
+const Node* unsignedAttributesOf(Node& signer) {
+    const Node* const last = at(signer, {attributesOf(signer) != nullptr ? 6U : 5U});
+    return last != nullptr && last->isContext(1) ? last : nullptr;
+}
+
 Attribute attributeOf(const Node& attributes, const Bytes& type) {
     Attribute found;
     for (Node attribute : attributes.parts) {

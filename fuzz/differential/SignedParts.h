@@ -30,6 +30,8 @@ struct SignedParts {
 const Node* digestOf(Node& signer);
 /// The signed attributes of a signer, or null.
 Node* attributesOf(Node& signer);
+/// The unsigned ones, or null.
+const Node* unsignedAttributesOf(Node& signer);
 /// The identifier of its signature algorithm.
 const Node* signatureAlgorithmOf(Node& signer);
 /// The signature.

@@ -38,7 +38,8 @@ FoundAttribute found(const AttributeParts& attribute, bool isRight) noexcept {
     return {static_cast<int>(std::min<std::size_t>(attribute.count, 2)), attribute.isSingle(), isRight};
 }
 
-/// What RFC 5652 forbids among the signed attributes (5.3, 11.1 to 11.4), apart from the digest's value.
+/// What RFC 5652 (5.3, 11.1 to 11.4), RFC 2634 and RFC 5035 forbid among the attributes of a signer who signed some, apart
+/// from the digest's value.
 std::optional<SignatureReason> faultOfSignedAttributes(const SignerParts& signer, Octets contentType) noexcept {
     const AttributeParts& type = signer.attribute(AttributeType::contentType);
     const AttributeParts& digest = signer.attribute(AttributeType::messageDigest);
@@ -53,8 +54,16 @@ std::optional<SignatureReason> faultOfSignedAttributes(const SignerParts& signer
         const auto value = valueOf(type, framing::objectIdentifier);
         foundType.isRight = value && std::ranges::equal(*value, contentType);
     }
-    return faultOfAttributes(foundType, found(digest, valueOf(digest, framing::octetString).has_value()),
-                             found(time, true));
+    if (const auto fault = faultOfAttributes(
+            foundType, found(digest, valueOf(digest, framing::octetString).has_value()), found(time, true))) {
+        return fault;
+    }
+    if (signer.unsignedOnesMustBeSigned || signer.attribute(AttributeType::countersignature).count != 0) {
+        return SignatureReason::attributeMisplaced;
+    }
+    const AttributeParts& receipt = signer.attribute(AttributeType::receiptRequest);
+    return receipt.count != 0 && !receipt.isSingle() ? std::optional(SignatureReason::receiptRequestRepeated)
+                                                     : std::nullopt;
 }
 
 std::optional<SignatureReason> faultWithoutAttributes(const SignedOctets& content) noexcept {

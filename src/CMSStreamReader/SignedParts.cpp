@@ -50,7 +50,7 @@ void requireEnd(const Elements& elements) {
     }
 }
 
-/// Which of the attributes that are looked for is meant (RFC 5652, 11; RFC 8551, 2.5.2; RFC 5035): 1.2.840.113549.1.9.n, or
+/// Which of the attributes that are looked for is meant (RFC 5652, 11; RFC 8551, 2.5.2; RFC 2634; RFC 5035): 1.2.840.113549.1.9.n, or
 /// 1.2.840.113549.1.9.16.2.n.
 std::optional<AttributeType> typeOf(Octets identifier) noexcept {
     static constexpr std::array<unsigned char, 8> pkcs9{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09};
@@ -75,11 +75,35 @@ std::optional<AttributeType> typeOf(Octets identifier) noexcept {
         }
     }
     if (rest.size() == 3 && rest[0] == 16 && rest[1] == 2) {
-        return rest[2] == 12   ? std::optional(AttributeType::signingCertificate)
-               : rest[2] == 47 ? std::optional(AttributeType::signingCertificateV2)
-                               : std::nullopt;
+        switch (rest[2]) {
+        case 1:
+            return AttributeType::receiptRequest;
+        case 12:
+            return AttributeType::signingCertificate;
+        case 47:
+            return AttributeType::signingCertificateV2;
+        default:
+            return std::nullopt;
+        }
     }
     return std::nullopt;
+}
+
+/// An attribute that the signer must have signed (RFC 5652, 11.1 to 11.3; RFC 2634, 2.7 and 5.4; RFC 5035, 3).
+bool mustBeSigned(AttributeType type) noexcept {
+    switch (type) {
+    case AttributeType::contentType:
+    case AttributeType::messageDigest:
+    case AttributeType::signingTime:
+    case AttributeType::signingCertificate:
+    case AttributeType::signingCertificateV2:
+    case AttributeType::receiptRequest:
+        return true;
+    case AttributeType::countersignature:
+    case AttributeType::capabilities:
+        break;
+    }
+    return false;
 }
 
 /// Hands each attribute to `take`: its type, where it is looked for, and its values.
@@ -197,7 +221,9 @@ SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
     signer.signature = stringOctets(required(parts.nextUniversal(framing::octetString)), kept);
     if (const auto attributes = parts.nextContext(1)) {
         signer.unsignedAttributes = requiredConstructed(attributes).content;
-        forEachAttribute(Elements(signer.unsignedAttributes), [](std::optional<AttributeType>, Elements) {});
+        forEachAttribute(Elements(signer.unsignedAttributes), [&](std::optional<AttributeType> type, const Elements&) {
+            signer.unsignedOnesMustBeSigned |= type && mustBeSigned(*type);
+        });
     }
     requireEnd(parts);
     return signer;

@@ -28,8 +28,9 @@ enum class AttributeType : std::size_t {
     capabilities,
     signingCertificate,
     signingCertificateV2,
+    receiptRequest,
 };
-inline constexpr std::size_t attributeTypes = 7;
+inline constexpr std::size_t attributeTypes = 8;
 
 /// What stands of one of them.
 struct AttributeParts {
@@ -53,7 +54,8 @@ struct SignerParts {
     std::optional<framing::Element> signedAttributes;
     AttributeTable attributes; ///< the signed ones
     framing::Octets signature;
-    framing::Octets unsignedAttributes; ///< the elements
+    framing::Octets unsignedAttributes;    ///< the elements
+    bool unsignedOnesMustBeSigned = false; ///< one of them at least
 
     const SignerParts* signer = nullptr; ///< whose signature this one countersigns
     std::size_t depth = 0;               ///< how many signers that are

@@ -100,6 +100,10 @@ const char* textOf(SignatureReason reason) noexcept {
         return "the signing certificate attribute does not name the certificate";
     case SignatureReason::contentTypeUnexpected:
         return "a countersignature has a content type among its signed attributes";
+    case SignatureReason::attributeMisplaced:
+        return "an attribute that must be signed stands among the unsigned ones, or the other way round";
+    case SignatureReason::receiptRequestRepeated:
+        return "the signed attributes hold more or less than one receipt request";
     case SignatureReason::digestAlgorithm:
         return "the digest algorithm is not available";
     case SignatureReason::signatureAlgorithm:

@@ -6,15 +6,27 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <new>
+#include <sys/mman.h>
 #include <utility>
 
 namespace Norvane::Crypto::openssl {
 
+unsigned char* ContentSink::begin(std::size_t index) const noexcept {
+    unsigned char* const block = m_blocks[index].get();
+    if (!isLarge(index)) {
+        return block;
+    }
+    return block + (hugePage - reinterpret_cast<std::uintptr_t>(block) % hugePage) % hugePage;
+}
+
 bool ContentSink::addBlock() noexcept {
-    const std::size_t size = sizeOfBlock(m_blocks.size());
-    OwnedMemory<unsigned char> block(static_cast<unsigned char*>(OPENSSL_malloc(size)));
+    const std::size_t index = m_blocks.size();
+    const std::size_t size = sizeOfBlock(index);
+    OwnedMemory<unsigned char> block(
+        static_cast<unsigned char*>(OPENSSL_malloc(isLarge(index) ? size + hugePage : size)));
     if (block == nullptr) {
         return false;
     }
@@ -22,6 +34,9 @@ bool ContentSink::addBlock() noexcept {
         m_blocks.push_back(std::move(block));
     } catch (const std::bad_alloc&) {
         return false;
+    }
+    if (isLarge(index)) {
+        madvise(begin(index), size, MADV_HUGEPAGE); // refused where there are none, which makes no difference
     }
     m_room = size;
     return true;
@@ -37,7 +52,8 @@ std::span<unsigned char> ContentSink::room() noexcept {
         refuse();
         return {};
     }
-    return {m_blocks.back().get() + sizeOfBlock(m_blocks.size() - 1) - m_room, m_room};
+    const std::size_t last = m_blocks.size() - 1;
+    return {begin(last) + sizeOfBlock(last) - m_room, m_room};
 }
 
 bool ContentSink::filled(std::size_t count) noexcept {

@@ -15,10 +15,15 @@ namespace Norvane::Crypto::openssl {
 class ContentSink {
 public:
     static constexpr std::size_t blockSize = 65536;
-    /// The first blocks have that size, the others this one: where all are small, the C library gives their memory back to the
+    /// The first blocks have that size, the next this one: where all are small, the C library gives their memory back to the
     /// system at the end of each structure, and gets it back page by page for the next.
     static constexpr std::size_t smallBlocks = 8;
-    static constexpr std::size_t largeBlockSize = 1U << 20U;
+    static constexpr std::size_t mediumBlockSize = 1U << 20U;
+    /// All others are as large as some huge pages, and asked for with one more, so that they can begin where one does: the system
+    /// hands out fresh memory in pieces of 2 MiB then. What is not used of them is never touched.
+    static constexpr std::size_t mediumBlocks = 8;
+    static constexpr std::size_t hugePage = 2U << 20U;
+    static constexpr std::size_t largeBlockSize = 4 * hugePage;
 
     ContentSink() = default;
     ContentSink(const ContentSink&) = delete;
@@ -46,7 +51,7 @@ public:
         for (std::size_t i = 0; i != m_blocks.size(); ++i) {
             for (std::size_t at = 0; at != sizeOfBlock(i) && left != 0;) {
                 const std::size_t count = left < blockSize ? left : blockSize;
-                take(m_blocks[i].get() + at, static_cast<unsigned int>(count));
+                take(begin(i) + at, static_cast<unsigned int>(count));
                 at += count;
                 left -= count;
             }
@@ -59,8 +64,13 @@ private:
     static long onControl(BIO* bio, int command, long number, void* argument);
 
     [[nodiscard]] static constexpr std::size_t sizeOfBlock(std::size_t index) noexcept {
-        return index < smallBlocks ? blockSize : largeBlockSize;
+        return index < smallBlocks ? blockSize : isLarge(index) ? largeBlockSize : mediumBlockSize;
     }
+    [[nodiscard]] static constexpr bool isLarge(std::size_t index) noexcept {
+        return index >= smallBlocks + mediumBlocks;
+    }
+    /// Where the bytes of a block begin.
+    [[nodiscard]] unsigned char* begin(std::size_t index) const noexcept;
     [[nodiscard]] bool append(const char* data, std::size_t length) noexcept;
     [[nodiscard]] bool addBlock() noexcept;
     void refuse() noexcept;

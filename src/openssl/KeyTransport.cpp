@@ -80,15 +80,20 @@ ReadOaep oaepOf(const X509_ALGOR& algorithm) {
     return read;
 }
 
-/// Whether an RSA operation that failed did not come as far as its padding, which leaves an entry of its own: it may have
-/// left the key's blinding half renewed. Nothing of a wrong padding leads here, which would be seen in the time.
-bool brokeOff() noexcept {
-    if (ERR_peek_error() == 0) {
-        return true;
-    }
-    const unsigned long last = ERR_peek_last_error();
-    return ERR_GET_LIB(last) == ERR_LIB_BN || ERR_GET_REASON(last) == ERR_R_MALLOC_FAILURE ||
-           ERR_GET_REASON(last) == ERR_R_BN_LIB || ERR_GET_REASON(ERR_peek_error()) == ERR_R_MALLOC_FAILURE;
+bool isOfNumbers(unsigned long error) noexcept {
+    const int reason = ERR_GET_REASON(error);
+    return static_cast<bool>(static_cast<unsigned int>(reason == ERR_R_MALLOC_FAILURE) |
+                             static_cast<unsigned int>(reason == ERR_R_BN_LIB) |
+                             static_cast<unsigned int>(ERR_GET_LIB(error) == ERR_LIB_BN));
+}
+
+/// Whether an RSA operation did not come as far as its padding: for want of memory, which can leave the key's blinding half
+/// renewed and no error at all. A wrong padding leaves an error of its own, and is answered as a good one is.
+bool brokeOff(int answer) noexcept {
+    const unsigned long first = ERR_peek_error();
+    const auto silent = static_cast<unsigned int>(answer != 1) & static_cast<unsigned int>(first == 0);
+    return static_cast<bool>(silent | static_cast<unsigned int>(isOfNumbers(first)) |
+                             static_cast<unsigned int>(isOfNumbers(ERR_peek_last_error())));
 }
 
 template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsigned char> encrypted, SetUp setUp) {
@@ -99,14 +104,13 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     }
     WipedBytes opened(static_cast<std::size_t>(largest));
     std::size_t length = opened.size();
-    if (EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) != 1 ||
-        length > opened.size()) {
-        if (brokeOff()) {
-            renewBlinding(key);
-        }
-        return {};
+    const int answer = EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size());
+    // The same steps for what was opened and what was not: no branch either, which the processor would guess.
+    if (brokeOff(answer)) {
+        renewBlinding(key);
     }
-    opened.shorten(length);
+    const auto good = static_cast<std::size_t>(answer == 1) & static_cast<std::size_t>(length <= opened.size());
+    opened.shorten(length & (std::size_t{0} - good));
     return opened;
 }
 

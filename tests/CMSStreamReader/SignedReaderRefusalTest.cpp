@@ -107,6 +107,69 @@ TEST(SignedReaderRefusal, AttributesThatRfc5652Forbids) {
                   withAttributes({type, attribute(messageDigestAttribute, {der::octetString(wrong)})}));
 }
 
+/// What OpenSSL says of the same message, without looking at the certificate's issuer.
+bool isGoodToOpenssl(const Bytes& structure) {
+    const Bio in(BIO_new_mem_buf(structure.data(), static_cast<int>(structure.size())));
+    const CmsStructure message(d2i_CMS_bio(in.get(), nullptr));
+    const Bio out(BIO_new(BIO_s_null()));
+    const bool isGood =
+        CMS_verify(message.get(), nullptr, nullptr, nullptr, out.get(), CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1;
+    ERR_clear_error();
+    return isGood;
+}
+
+/// Where an attribute may stand (RFC 5652, 11; RFC 2634, 2.7, 5.4; RFC 5035, 3); OpenSSL agrees about each.
+TEST(SignedReaderRefusal, AttributesInTheWrongPlace) {
+    const Bytes time = der::element(der::utcTimeTag, norvauthority::bytes("250102030405Z"));
+    const auto message = [](std::vector<Bytes> more, std::vector<Bytes> unsignedOnes, bool hasSignedOnes) {
+        HandMadeSigner signer;
+        if (hasSignedOnes) {
+            signer.attributes = usualAttributes(body());
+            signer.attributes->insert(signer.attributes->end(), more.begin(), more.end());
+        }
+        signer.unsignedAttributes = std::move(unsignedOnes);
+        return attachedBy(signer, body());
+    };
+    const std::string ofSmime = "1.2.840.113549.1.9.16.2.";
+    for (const std::string& type : {std::string(contentTypeAttribute), std::string(messageDigestAttribute),
+                                    std::string(signingTimeAttribute), ofSmime + "1", ofSmime + "12", ofSmime + "47"}) {
+        SCOPED_TRACE(type);
+        const Bytes misplaced = message({}, {attribute(type, {time})}, true);
+        expectRefused(SignatureReason::attributeMisplaced, misplaced);
+        EXPECT_FALSE(isGoodToOpenssl(misplaced));
+        const Bytes withoutSigned = message({}, {attribute(type, {time})}, false);
+        expectGood(withoutSigned);
+        EXPECT_TRUE(isGoodToOpenssl(withoutSigned));
+    }
+    const Bytes countersigned = message({attribute(countersignatureAttribute, {time})}, {}, true);
+    expectRefused(SignatureReason::attributeMisplaced, countersigned);
+    EXPECT_FALSE(isGoodToOpenssl(countersigned));
+    for (const char* const free : {"1.2.840.113549.1.9.15", "1.2.840.113549.1.9.16.2.4", "1.2.3.4"}) {
+        const Bytes allowed = message({attribute(free, {time})}, {attribute(free, {time, time})}, true);
+        expectGood(allowed);
+        EXPECT_TRUE(isGoodToOpenssl(allowed)) << free;
+    }
+}
+
+TEST(SignedReaderRefusal, AReceiptRequestThatStandsTwice) {
+    const Bytes value = der::octetString({1});
+    const auto message = [](const std::vector<Bytes>& more) {
+        HandMadeSigner signer;
+        signer.attributes = usualAttributes(body());
+        signer.attributes->insert(signer.attributes->end(), more.begin(), more.end());
+        return attachedBy(signer, body());
+    };
+    const std::string receiptRequest = "1.2.840.113549.1.9.16.2.1";
+    const Bytes once = attribute(receiptRequest, {value});
+    expectGood(message({once}));
+    EXPECT_TRUE(isGoodToOpenssl(message({once})));
+    for (const Bytes& repeated : {message({once, once}), message({attribute(receiptRequest, {value, value})}),
+                                  message({attribute(receiptRequest, {})})}) {
+        expectRefused(SignatureReason::receiptRequestRepeated, repeated);
+        EXPECT_FALSE(isGoodToOpenssl(repeated));
+    }
+}
+
 TEST(SignedReaderRefusal, ABodyThatIsASetOfAttributes) {
     const HandMadeSigner signer;
     const Bytes attributes = der::set(usualAttributes(body()));

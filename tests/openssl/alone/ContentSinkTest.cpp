@@ -18,13 +18,14 @@ using namespace Norvane::Crypto::openssl;
 
 namespace {
 
-unsigned char s_block[ContentSink::largeBlockSize];
+unsigned char s_block[ContentSink::largeBlockSize + ContentSink::hugePage];
 bool s_sharing = false;
 
 } // namespace
 
 extern "C" void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
-    return s_sharing && (length == sizeof s_block || length == ContentSink::blockSize)
+    return s_sharing && (length == sizeof s_block || length == ContentSink::mediumBlockSize ||
+                         length == ContentSink::blockSize)
                ? s_block
                : norvtest::next<&CRYPTO_malloc>("CRYPTO_malloc")(length, file, line);
 }
@@ -121,7 +122,7 @@ TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
     std::string expected;
     for (int turn = 0; turn != 300; ++turn) {
         const auto room = sink.room();
-        const std::size_t count = std::min<std::size_t>(room.size(), std::size_t{3000} * (turn % 7));
+        const std::size_t count = std::min<std::size_t>(room.size(), std::size_t{30000} * (turn % 7));
         std::memset(room.data(), turn, count);
         ASSERT_TRUE(sink.filled(count));
         expected.append(count, static_cast<char>(turn));
@@ -138,6 +139,9 @@ TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
     });
     EXPECT_TRUE(content == expected);
     EXPECT_EQ(sink.length(), expected.size());
+    EXPECT_GT(sink.length(), ContentSink::smallBlocks * ContentSink::blockSize +
+                                 ContentSink::mediumBlocks * ContentSink::mediumBlockSize + ContentSink::largeBlockSize)
+        << "blocks of each size";
 }
 
 } // namespace

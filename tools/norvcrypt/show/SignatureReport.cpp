@@ -75,6 +75,10 @@ const char* codeOf(SignatureReason reason) {
         return "signing-certificate-differs";
     case SignatureReason::contentTypeUnexpected:
         return "content-type-unexpected";
+    case SignatureReason::attributeMisplaced:
+        return "attribute-misplaced";
+    case SignatureReason::receiptRequestRepeated:
+        return "receipt-request-repeated";
     case SignatureReason::digestAlgorithm:
         return "digest-algorithm";
     case SignatureReason::signatureAlgorithm:
