@@ -7,6 +7,7 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <new>
 
 namespace Norvane::Crypto::CMS {
 
@@ -108,22 +109,21 @@ std::optional<SignatureResult> findDigest(const SignerParts& signer, const Signe
                          signer.digestAlgorithm);
 }
 
-/// What the signature covers, by the octets that are signed: they or their digest.
-bool cover(SignatureInQuestion& question, const Encodings& encodings) {
+/// What the signature covers, by the octets that are signed: they or their digest. \throws std::bad_alloc
+void cover(SignatureInQuestion& question, const Encodings& encodings) {
     if (question.scheme.coversMessage()) {
         question.covered = encodings;
-        return true;
+        return;
     }
     for (const std::vector<unsigned char>& encoding : encodings) {
         std::vector<unsigned char> value(EVP_MAX_MD_SIZE);
         unsigned int length = 0;
         if (EVP_Digest(encoding.data(), encoding.size(), value.data(), &length, question.digest, nullptr) != 1) {
-            return false;
+            throw std::bad_alloc(); // the body was digested with the same algorithm: no memory is what is left
         }
         value.resize(length);
         question.covered.push_back(std::move(value));
     }
-    return true;
 }
 
 std::optional<SignatureResult> faultWithAttributes(const SignerParts& signer, const BodyDigest& digest,
@@ -136,7 +136,8 @@ std::optional<SignatureResult> faultWithAttributes(const SignerParts& signer, co
     if (encodings.empty()) {
         return unsupported(SignatureReason::attributesNotDer);
     }
-    return cover(question, encodings) ? std::nullopt : std::optional(refused(SignatureReason::signatureWrong));
+    cover(question, encodings);
+    return std::nullopt;
 }
 
 /// One certificate of a signing certificate attribute (RFC 2634, 5.4; RFC 5035, 3): the digest algorithm, null for one that

@@ -70,7 +70,10 @@ std::vector<BodyDigest> BodyDigests::finished() const {
     for (const Running& one : m_running) {
         BodyDigest value{one.algorithm, {}, 0};
         const openssl::DigestContextPtr copy(EVP_MD_CTX_new());
-        if (copy != nullptr && EVP_MD_CTX_copy_ex(copy.get(), one.context.get()) == 1 && finish(copy.get(), value)) {
+        if (copy == nullptr || EVP_MD_CTX_copy_ex(copy.get(), one.context.get()) != 1) {
+            throw std::bad_alloc(); // a digest that is missing would count as one too many
+        }
+        if (finish(copy.get(), value)) {
             values.push_back(value);
         }
     }

@@ -6,14 +6,23 @@
 #include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
+#include <array>
+#include <new>
 
 namespace Norvane::Crypto::CMS {
 
 namespace {
 
-unsigned long hashOf(const X509_NAME* name) noexcept {
+/// 0 where names cannot be hashed at all, which are compared then. \throws std::bad_alloc: it would count as another name
+unsigned long hashOf(const X509_NAME* name) {
+    static const bool canHash = EVP_Digest("", 0, std::array<unsigned char, EVP_MAX_MD_SIZE>().data(), nullptr,
+                                           EVP_sha1(), nullptr) == 1; // which the hash of a name is made with
     int ok = 0;
-    return X509_NAME_hash_ex(name, nullptr, nullptr, &ok); // 0 for a name that cannot be hashed, which is compared
+    const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+    if (ok != 1 && canHash) {
+        throw std::bad_alloc();
+    }
+    return hash;
 }
 
 } // namespace
@@ -51,8 +60,10 @@ void CandidateIndex::offer(X509* certificate) {
     }
     Fingerprint fingerprint{};
     unsigned int length = 0;
-    if (X509_digest(certificate, EVP_sha256(), fingerprint.data(), &length) != 1 ||
-        std::ranges::find(entry->fingerprints, fingerprint) != entry->fingerprints.end()) {
+    if (X509_digest(certificate, EVP_sha256(), fingerprint.data(), &length) != 1) {
+        throw std::bad_alloc(); // nothing else keeps it from being digested
+    }
+    if (std::ranges::find(entry->fingerprints, fingerprint) != entry->fingerprints.end()) {
         return;
     }
     if (entry->found.certificates.size() == maximumTries) {

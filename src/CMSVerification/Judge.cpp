@@ -8,6 +8,7 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Norvane::Crypto::CMS {
@@ -60,12 +61,19 @@ bool announces(const ASN1_TYPE* value, const BodyDigest& digest) {
     return std::ranges::equal(octetsOf(value->value.octet_string), framing::Octets(digest.value.data(), digest.length));
 }
 
-/// The digest of the signed attributes; false when they cannot be encoded.
+/// The digest of the signed attributes; false when they cannot be encoded. \throws std::bad_alloc
 bool digestAttributes(const PKCS7_SIGNER_INFO* signer, BodyDigest& digest) {
     int length = 0;
     const auto attributes = openssl::encodeSignedAttributes(signer, length);
-    return length != 0 && EVP_Digest(attributes.get(), static_cast<std::size_t>(length), digest.value.data(), nullptr,
-                                     digest.algorithm, nullptr) == 1;
+    if (length == 0) {
+        return false;
+    }
+    // The body was digested with the same algorithm: no memory is what is left.
+    if (EVP_Digest(attributes.get(), static_cast<std::size_t>(length), digest.value.data(), nullptr, digest.algorithm,
+                   nullptr) != 1) {
+        throw std::bad_alloc();
+    }
+    return true;
 }
 
 } // namespace

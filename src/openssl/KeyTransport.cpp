@@ -80,6 +80,22 @@ ReadOaep oaepOf(const X509_ALGOR& algorithm) {
     return read;
 }
 
+bool isOfNumbers(unsigned long error) noexcept {
+    const int reason = ERR_GET_REASON(error);
+    return static_cast<bool>(static_cast<unsigned int>(reason == ERR_R_MALLOC_FAILURE) |
+                             static_cast<unsigned int>(reason == ERR_R_BN_LIB) |
+                             static_cast<unsigned int>(ERR_GET_LIB(error) == ERR_LIB_BN));
+}
+
+/// Whether an RSA operation did not come as far as its padding: for want of memory, which can leave the key's blinding half
+/// renewed and no error at all. A wrong padding leaves an error of its own, and is answered as a good one is.
+bool brokeOff(int answer) noexcept {
+    const unsigned long first = ERR_peek_error();
+    const auto silent = static_cast<unsigned int>(answer != 1) & static_cast<unsigned int>(first == 0);
+    return static_cast<bool>(silent | static_cast<unsigned int>(isOfNumbers(first)) |
+                             static_cast<unsigned int>(isOfNumbers(ERR_peek_last_error())));
+}
+
 template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsigned char> encrypted, SetUp setUp) {
     const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
     const int largest = EVP_PKEY_get_size(key);
@@ -90,7 +106,7 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     std::size_t length = opened.size();
     const int answer = EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size());
     // The same steps for what was opened and what was not: no branch either, which the processor would guess.
-    if (ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE) {
+    if (brokeOff(answer)) {
         renewBlinding(key);
     }
     const auto good = static_cast<std::size_t>(answer == 1) & static_cast<std::size_t>(length <= opened.size());

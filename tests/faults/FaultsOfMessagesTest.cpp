@@ -301,9 +301,10 @@ std::string shown(const NVX509::RefCertificate& certificate) {
                       std::to_string(certificate->extensions().size()) + "|" +
                       std::to_string(static_cast<int>(certificate->isCACert())) +
                       std::to_string(static_cast<int>(certificate->isSelfSigned()));
+    all += "|"; // in one piece, since a certificate without memory may have none
     if (!certificate->subjectAlternativeName().isNull()) {
         for (const auto& name : certificate->subjectAlternativeName()->names()) {
-            all += "|" + name.emailAddress().address();
+            all += name.emailAddress().address() + ",";
         }
     }
     all += certificate->authorityKeyIdentifier().isNull()
@@ -506,7 +507,9 @@ void runEachStack(const Operation& operation) {
     extent.only = faults::Kind::opensslAllocation;
     faults::Tried tried;
     for (const faults::Finding& finding : faults::run(operation, extent, tried)) {
-        ADD_FAILURE() << textOf(finding);
+        if (!isOpensslsOwn(finding)) {
+            ADD_FAILURE() << textOf(finding);
+        }
     }
     EXPECT_GT(tried.places, 20);
 }
@@ -549,6 +552,18 @@ bool opensslVerifies(EVP_PKEY* key, const Bytes& signature) {
         EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(), digest.size()) == 1;
     ERR_clear_error();
     return good;
+}
+
+// A message is not called wrong for want of memory, and the next one is read.
+TEST(ReadingWithoutMemory, CallsNoSignatureWrong) {
+    Norvane::Crypto::initialize();
+    const Bytes detached = signedByOpenssl(alice(), body(), "SHA256", CMS_DETACHED);
+    runEachStack(readsSigned("good", detached, textOf(body()), false));
+}
+TEST(ReadingWithoutMemory, LeavesKeysThatDecryptTheNextMessage) {
+    Norvane::Crypto::initialize();
+    const Bytes message = encryptedByOpenssl({&alice()}, body(), EVP_aes_128_cbc(), CMS_STREAM);
+    runEachStack(decryptsAsPrescribed("good", message, storeOfKeys({&alice()}), false));
 }
 
 // What the table in driver/OpensslDefects.cpp says, with OpenSSL alone.
