@@ -62,7 +62,7 @@ public:
     /// \param password its UTF-8 bytes (bytes that are no UTF-8 are taken as Latin-1). One with an embedded NUL is
     ///                 checked as a whole but opens nothing: the parsing fails, or the check already. Empty: the empty
     ///                 password. A file that was made without any, which is something else, is refused as if the
-    ///                 password were wrong.
+    ///                 password were wrong: see `readWithoutPassword`.
     ///
     /// \throws Exception "Crypto::PKCS12::read - Incorrect password", line 56: the password is wrong (without a
     /// detail), or the structure carries no MAC by which to tell or a malformed one (OpenSSL's errors)
@@ -84,6 +84,12 @@ public:
     /// AES-256 and SHA-256 are just let through. A number of iterations below 1 or beyond 2^31 - 1 is refused too. Of
     /// several keys only the first is decrypted, and counts.
     void read(const std::string& password);
+
+    /// As `read`, of a file that was made without any password: what several programs make where none is typed, while others
+    /// take the empty one then. Whoever does not know which tries both.
+    ///
+    /// \throws those of `read`
+    void readWithoutPassword();
 
     /// The private key; an empty handle before `read`, and when the file holds none. The handle owns it.
     [[nodiscard]] const RefKey& privateKey() const;

@@ -21,6 +21,37 @@ RefKey handleOn(openssl::KeyPtr key) {
     return RefKey(body.release());
 }
 
+/// \param password null: none; \param key, certificate: left alone unless all went well
+void open(PKCS12_st* structure, const std::string* password, RefKey& key, NVX509::RefCertificate& certificate) {
+    if (structure == nullptr) {
+        failures::raise(failures::pkcs12Read, "The store holds no PKCS#12 structure");
+    }
+    // One sum for the whole file: each part of it is paid for before it is opened.
+    openssl::DerivationWork work;
+    openssl::addMac(structure, work);
+    if (!work.isAffordable()) {
+        failures::raise<TooCostlyException>(failures::pkcs12Read, openssl::tooManyHashes("The PKCS#12 structure"));
+    }
+    if (!openssl::verifyPassword(structure, password)) {
+        failures::raiseWithErrors(failures::pkcs12Password);
+    }
+    openssl::Pkcs12Opening opening = openssl::openPkcs12(structure, password, work);
+    if (!opening.refusal.empty()) {
+        failures::raise<TooCostlyException>(failures::pkcs12Read, opening.refusal);
+    }
+    if (!opening.succeeded) {
+        failures::raiseWithErrors(failures::pkcs12Parse);
+    }
+    openssl::Identity& found = opening.found;
+    const RefKey newKey = handleOn(std::move(found.key));
+    const NVX509::RefCertificate newCertificate =
+        found.certificate ? NVX509::CertificateFactory()(found.certificate.get(), false) : NVX509::RefCertificate();
+    certificate = {}; // copying a handle takes memory: the earlier one must not be left beside the new key
+    key = newKey;
+    certificate = newCertificate;
+    static_cast<void>(found.certificate.release()); // nobody owns it: callers rely on it outliving every handle
+}
+
 } // namespace
 
 Store::Store() = default;
@@ -37,33 +68,11 @@ Store::Store(bio_st* in) {
 Store::~Store() = default;
 
 void Store::read(const std::string& password) {
-    if (!m_p12) {
-        failures::raise(failures::pkcs12Read, "The store holds no PKCS#12 structure");
-    }
-    // One sum for the whole file: each part of it is paid for before it is opened.
-    openssl::DerivationWork work;
-    openssl::addMac(m_p12.get(), work);
-    if (!work.isAffordable()) {
-        failures::raise<TooCostlyException>(failures::pkcs12Read, openssl::tooManyHashes("The PKCS#12 structure"));
-    }
-    if (!openssl::verifyPassword(m_p12.get(), password)) {
-        failures::raiseWithErrors(failures::pkcs12Password);
-    }
-    openssl::Pkcs12Opening opening = openssl::openPkcs12(m_p12.get(), password, work);
-    if (!opening.refusal.empty()) {
-        failures::raise<TooCostlyException>(failures::pkcs12Read, opening.refusal);
-    }
-    if (!opening.succeeded) {
-        failures::raiseWithErrors(failures::pkcs12Parse);
-    }
-    openssl::Identity& found = opening.found;
-    const RefKey key = handleOn(std::move(found.key));
-    const NVX509::RefCertificate certificate =
-        found.certificate ? NVX509::CertificateFactory()(found.certificate.get(), false) : NVX509::RefCertificate();
-    m_certificate = {}; // copying a handle takes memory: the earlier one must not be left beside the new key
-    m_key = key;
-    m_certificate = certificate;
-    static_cast<void>(found.certificate.release()); // nobody owns it: callers rely on it outliving every handle
+    open(m_p12.get(), &password, m_key, m_certificate);
+}
+
+void Store::readWithoutPassword() {
+    open(m_p12.get(), nullptr, m_key, m_certificate);
 }
 
 const RefKey& Store::privateKey() const {

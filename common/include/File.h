@@ -87,7 +87,7 @@ public:
 /// A sink into a file, which it holds open. Bytes are collected; `end()` writes what is left and closes the file, and
 /// only its success says that all bytes arrived. A second `end()` does nothing; a write after it throws. Once a write
 /// failed, every later one and `end()` fail with the same reason. A stream that goes without `end()` writes what it can
-/// and keeps silent about failures.
+/// and keeps silent about failures; in the child of a fork it writes nothing unless the child wrote to it.
 class NORVCMSG_EXPORT FileMediaOut : public MediaOut {
 public:
     /// Creates the file, or empties the one that is there. \param permissions of a new file, before the umask

@@ -4,10 +4,12 @@
 #include "MediaFailure.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -19,6 +21,11 @@ namespace Norvane {
 namespace {
 
 constexpr unsigned int bufferSize = 65536;
+
+/// How many forks lie between this process and the one that loaded the library; asking the system who one is costs more than a
+/// short write.
+std::atomic<unsigned int> s_generation = 0;
+[[maybe_unused]] const int s_counting = ::pthread_atfork(nullptr, nullptr, [] { ++s_generation; });
 
 /// The memory of a stream. Keys and passphrases pass through it like anything else, and a stream cannot tell: what was
 /// in it is wiped before the memory goes.
@@ -148,7 +155,8 @@ public:
           m_file(detail::openFile("FileMediaOut", m_path, O_WRONLY | O_CREAT | O_TRUNC, permissions)) {}
 
     ~FileMediaOutImpl() override {
-        if (m_file.isOpen() && m_error == 0) {
+        // What a process has collected is not for its children to write once more when they go.
+        if (m_file.isOpen() && m_error == 0 && m_generation == s_generation.load(std::memory_order_relaxed)) {
             static_cast<void>(detail::writeAll(m_file.get(), m_buffer.data(), m_held));
         }
     }
@@ -162,6 +170,7 @@ public:
         if (length >= bufferSize) {
             writeFile("FileMediaOut::write", data, length);
         } else {
+            m_generation = s_generation.load(std::memory_order_relaxed);
             std::copy_n(data, length, m_buffer.data() + m_held);
             m_held += length;
         }
@@ -220,8 +229,9 @@ private:
     FileDescriptor m_file;
     StreamBuffer m_buffer;
     unsigned int m_held = 0;
-    unsigned long m_position = 0; // of the first held byte
-    int m_error = 0;              // of the first write that failed
+    unsigned long m_position = 0;  // of the first held byte
+    int m_error = 0;               // of the first write that failed
+    unsigned int m_generation = 0; // of the process that wrote last what is held
 };
 
 } // namespace

@@ -124,6 +124,7 @@ RefCounted<_ContentInfo>* newStructure(bool create) {
     }
     openssl::Pkcs7Ptr structure(PKCS7_new());
     if (structure == nullptr) {
+        static_cast<void>(openssl::drainErrorQueue()); // the text is fixed
         failures::raise(failures::contentInfoCreate, "Creation failed");
     }
     auto body = std::make_unique<_ContentInfo>(structure.get(), true);

@@ -1,5 +1,11 @@
 #include "openssl/ContentChain.h"
 
+#include "openssl/ErrorQueue.h"
+#include "openssl/Signatures.h"
+
+#include <openssl/err.h>
+#include <openssl/pkcs7.h>
+
 #include <algorithm>
 #include <climits>
 #include <span>
@@ -26,6 +32,26 @@ bool replaceSink(BioChainPtr& head, BioPtr sink) {
     static_cast<void>(BIO_pop(collecting));
     BIO_free(collecting);
     BIO_push(head.get(), sink.release());
+    return true;
+}
+
+/// Whether each signature of the structure is one: see Signatures.h.
+bool areSigned(PKCS7* structure, BIO* chain) {
+    const STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(structure);
+    for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
+        const PKCS7_SIGNER_INFO* signer = sk_PKCS7_SIGNER_INFO_value(signers, i);
+        const int length = ASN1_STRING_length(signer->enc_digest);
+        if (length < 0 || !isLengthOfSignature(signer->pkey, static_cast<std::size_t>(length))) {
+            return false;
+        }
+        EVP_MD_CTX* digested = nullptr;
+        if (isRsa(signer->pkey) && (BIO_get_md_ctx(BIO_find_type(chain, BIO_TYPE_MD), &digested) <= 0 ||
+                                    verifyFinal(digested, ASN1_STRING_get0_data(signer->enc_digest),
+                                                static_cast<unsigned int>(length), signer->pkey) != 1)) {
+            renewBlinding(signer->pkey);
+            return false;
+        }
+    }
     return true;
 }
 
@@ -86,7 +112,17 @@ void ContentChain::flush() noexcept {
 
 bool ContentChain::finish(PKCS7* structure) noexcept {
     const bool lost = m_failed || (m_sink != nullptr && m_sink->failed());
-    return !lost && PKCS7_dataFinal(structure, m_head.get()) == 1;
+    // Twice, since a wrong signature renews what made it wrong.
+    for (int turn = 0; turn < 2; ++turn) {
+        if (lost || PKCS7_dataFinal(structure, m_head.get()) != 1) {
+            return false;
+        }
+        if (areSigned(structure, m_head.get())) {
+            return true;
+        }
+    }
+    queueError("PKCS7_dataFinal", ERR_LIB_PKCS7, PKCS7_R_SIGNATURE_FAILURE);
+    return false;
 }
 
 } // namespace Norvane::Crypto::openssl

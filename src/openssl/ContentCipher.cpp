@@ -10,6 +10,7 @@
 #include <openssl/params.h>
 
 #include <algorithm>
+#include <span>
 
 namespace Norvane::Crypto::openssl {
 
@@ -105,10 +106,11 @@ CipherContextPtr contextFor(const X509_ALGOR* algorithm) {
 
 bool setContentKey(EVP_CIPHER_CTX* context, const WipedBytes& contentKey, bool& trusted) {
     const auto expected = static_cast<std::size_t>(std::max(0, EVP_CIPHER_CTX_get_key_length(context)));
-    WipedBytes random(expected);
-    const bool drawn = expected != 0 && EVP_CIPHER_CTX_rand_key(context, random.data()) == 1;
+    WipedBytes key(expected);
+    const bool drawn = expected != 0 && EVP_CIPHER_CTX_rand_key(context, key.data()) == 1;
     const bool exact = contentKey.size() == expected;
-    trusted = exact || EVP_CIPHER_CTX_get_block_size(context) > 1;
+    const auto isPadded = static_cast<unsigned int>(EVP_CIPHER_CTX_get_block_size(context) > 1);
+    trusted = (static_cast<unsigned int>(exact) | isPadded) != 0;
     // Some senders' content keys have another length than the effective one that RC2's parameters announce. A cipher whose
     // keys have one length is not asked: its refusal takes longer than a padding that is wrong, and so tells it from that.
     const bool isVariable = hasKeysOfAnyLength(EVP_CIPHER_CTX_get0_cipher(context));
@@ -120,7 +122,14 @@ bool setContentKey(EVP_CIPHER_CTX* context, const WipedBytes& contentKey, bool& 
         }
         static_cast<void>(EVP_CIPHER_CTX_set_key_length(context, static_cast<int>(expected)));
     }
-    return drawn && setKey(context, exact ? contentKey : random);
+    // The random key stays where the other one does not fit. No branch, which the processor would guess: whether it fits must not
+    // show in the time.
+    const auto fits = static_cast<unsigned char>(0U - static_cast<unsigned int>(exact));
+    const std::span<const unsigned char> opened = contentKey.room();
+    for (std::size_t i = 0; i != std::min(expected, opened.size()); ++i) {
+        key.data()[i] = static_cast<unsigned char>((key.data()[i] & ~fits) | (opened[i] & fits));
+    }
+    return drawn && setKey(context, key);
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -82,8 +82,11 @@ void ContentDecryption::open(const PKCS7_RECIP_INFO* recipient, EVP_PKEY* key) {
     }
     WipedBytes opened =
         openPkcs1Key(key, {ASN1_STRING_get0_data(encrypted), static_cast<std::size_t>(ASN1_STRING_length(encrypted))});
-    // The same steps for what was opened and what was not, until the end of this object: their time reaches the sender.
-    (opened.empty() ? m_notOpened : m_contentKey) = std::move(opened);
+    // With one recipient the same steps, whether it was opened or not: the sender may measure the time.
+    const auto isFirst = static_cast<unsigned int>(m_contentKey.room().empty());
+    if ((isFirst | static_cast<unsigned int>(!opened.empty())) != 0) {
+        m_contentKey = std::move(opened);
+    }
 }
 
 bool ContentDecryption::write(BIO* out) const {

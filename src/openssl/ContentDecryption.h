@@ -46,7 +46,6 @@ public:
 private:
     const LazyPkcs7& m_structure;
     WipedBytes m_contentKey;
-    WipedBytes m_notOpened; ///< empty; its memory goes when the key's would
 };
 
 } // namespace Norvane::Crypto::openssl

@@ -5,7 +5,9 @@
 #include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Oaep.h"
+#include "openssl/Signatures.h"
 
+#include <openssl/err.h>
 #include <openssl/objects.h>
 #include <openssl/params.h>
 #include <openssl/rsa.h>
@@ -86,10 +88,13 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     }
     WipedBytes opened(static_cast<std::size_t>(largest));
     std::size_t length = opened.size();
-    const bool good =
-        EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size()) == 1 &&
-        length <= opened.size();
-    opened.shorten(good ? length : 0); // the same steps for what was opened and what was not
+    const int answer = EVP_PKEY_decrypt(context.get(), opened.data(), &length, encrypted.data(), encrypted.size());
+    // The same steps for what was opened and what was not: no branch either, which the processor would guess.
+    if (ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE) {
+        renewBlinding(key);
+    }
+    const auto good = static_cast<std::size_t>(answer == 1) & static_cast<std::size_t>(length <= opened.size());
+    opened.shorten(length & (std::size_t{0} - good));
     return opened;
 }
 

@@ -71,7 +71,7 @@ bool label(X509* certificate, const ASN1_STRING* name, const ASN1_STRING* identi
 /// Opens a structure part by part. What answers false has queued the reason, or set the refusal.
 class Opener {
 public:
-    Opener(const std::string& password, DerivationWork& work) noexcept : m_password(password), m_work(work) {}
+    Opener(const char* password, DerivationWork& work) noexcept : m_password(password), m_work(work) {}
 
     bool open(const PKCS12_st* structure) {
         const SafesPtr safes(PKCS12_unpack_authsafes(structure));
@@ -123,7 +123,7 @@ private:
         if (encrypted != nullptr && encrypted->enc_data != nullptr && !pay(encrypted->enc_data->algorithm)) {
             return false;
         }
-        const BagsPtr bags(PKCS12_unpack_p7encdata(given, m_password.c_str(), -1));
+        const BagsPtr bags(PKCS12_unpack_p7encdata(given, m_password, -1));
         return bags && openBags(bags.get());
     }
 
@@ -165,7 +165,7 @@ private:
         }
         const X509_ALGOR* algorithm = nullptr;
         X509_SIG_get0(encrypted, &algorithm, nullptr);
-        return pay(algorithm) && takeKey(InfoPtr(PKCS12_decrypt_skey(bag, m_password.c_str(), -1)).get());
+        return pay(algorithm) && takeKey(InfoPtr(PKCS12_decrypt_skey(bag, m_password, -1)).get());
     }
 
     bool takeKey(const PKCS8_PRIV_KEY_INFO* info) {
@@ -196,7 +196,7 @@ private:
         return true;
     }
 
-    const std::string& m_password;
+    const char* m_password; ///< null: none
     DerivationWork& m_work;
     std::string m_refusal;
     KeyPtr m_key;
@@ -218,23 +218,26 @@ void addMac(const PKCS12_st* structure, DerivationWork& work) noexcept {
     }
 }
 
-bool verifyPassword(PKCS12_st* structure, const std::string& password) noexcept {
+bool verifyPassword(PKCS12_st* structure, const std::string* password) noexcept {
+    if (password == nullptr) {
+        return queueingOnlyFailure([&] { return PKCS12_verify_mac(structure, nullptr, 0) == 1; });
+    }
     // OpenSSL takes the length as an int, and a negative one as "measure the text".
-    if (password.length() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    if (password->length() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
         queueError("PKCS12_verify_mac", ERR_LIB_PKCS12, ERR_R_PASSED_INVALID_ARGUMENT);
         return false;
     }
     return queueingOnlyFailure(
-        [&] { return PKCS12_verify_mac(structure, password.c_str(), static_cast<int>(password.length())) == 1; });
+        [&] { return PKCS12_verify_mac(structure, password->c_str(), static_cast<int>(password->length())) == 1; });
 }
 
-Pkcs12Opening openPkcs12(const PKCS12_st* structure, const std::string& password, DerivationWork& work) {
+Pkcs12Opening openPkcs12(const PKCS12_st* structure, const std::string* password, DerivationWork& work) {
     Pkcs12Opening opening;
-    if (password.find('\0') != std::string::npos) {
+    if (password != nullptr && password->find('\0') != std::string::npos) {
         queueError("PKCS12_parse", ERR_LIB_PKCS12, PKCS12_R_MAC_VERIFY_FAILURE);
         return opening;
     }
-    Opener opener(password, work);
+    Opener opener(password == nullptr ? nullptr : password->c_str(), work);
     ERR_set_mark();
     opening.succeeded = opener.open(structure);
     opening.refusal = opener.refusal();

@@ -18,8 +18,8 @@ Pkcs12Ptr decodePkcs12(BIO* source) noexcept;
 void addMac(const PKCS12_st* structure, DerivationWork& work) noexcept;
 
 /// Whether the structure's MAC belongs to it and the password, all of whose bytes count. False for a structure without
-/// MAC.
-bool verifyPassword(PKCS12_st* structure, const std::string& password) noexcept;
+/// MAC. A null password is none at all, which is not the empty one (RFC 7292, B.1: that is two bytes of zero).
+bool verifyPassword(PKCS12_st* structure, const std::string* password) noexcept;
 
 /// What a structure holds; either pointer may be null.
 struct Identity {
@@ -38,6 +38,6 @@ struct Pkcs12Opening {
 /// certificates. Derives each key once, and none without having added it to `work` and found that affordable; keys and
 /// certificates that cost too much to decode are not decoded. Does not check the MAC again. A password with an embedded
 /// NUL, at which OpenSSL would cut it, opens nothing.
-Pkcs12Opening openPkcs12(const PKCS12_st* structure, const std::string& password, DerivationWork& work);
+Pkcs12Opening openPkcs12(const PKCS12_st* structure, const std::string* password, DerivationWork& work);
 
 } // namespace Norvane::Crypto::openssl

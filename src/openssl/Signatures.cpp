@@ -3,15 +3,63 @@
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include <array>
+#include <memory>
+#include <new>
 
 namespace Norvane::Crypto::openssl {
+
+bool isLengthOfSignature(EVP_PKEY* key, std::size_t length) noexcept {
+    const int most = EVP_PKEY_get_size(key);
+    return length != 0 && most > 0 && length <= static_cast<std::size_t>(most);
+}
+
+bool isRsa(EVP_PKEY* key) noexcept {
+    return EVP_PKEY_is_a(key, "RSA") == 1 || EVP_PKEY_is_a(key, "RSA-PSS") == 1;
+}
+
+void renewBlinding(EVP_PKEY* key) noexcept {
+    static constexpr int uses = 33; // one more than there are between two blindings
+    static constexpr std::array<unsigned char, 32> digest{};
+    if (!isRsa(key)) {
+        return;
+    }
+    const ErrorMark mark;
+    // Without memory the next caller finds the blinding as it is, and comes here again.
+    std::unique_ptr<unsigned char[]> signature(
+        new (std::nothrow) unsigned char[static_cast<std::size_t>(EVP_PKEY_get_size(key))]);
+    for (int use = 0; use < uses && signature != nullptr; ++use) {
+        const KeyContextPtr signing(EVP_PKEY_CTX_new(key, nullptr));
+        const KeyContextPtr checking(EVP_PKEY_CTX_new(key, nullptr));
+        auto length = static_cast<std::size_t>(EVP_PKEY_get_size(key));
+        if (signing != nullptr && checking != nullptr && EVP_PKEY_sign_init(signing.get()) == 1 &&
+            EVP_PKEY_verify_init(checking.get()) == 1 &&
+            EVP_PKEY_sign(signing.get(), signature.get(), &length, digest.data(), digest.size()) == 1 &&
+            EVP_PKEY_verify(checking.get(), signature.get(), length, digest.data(), digest.size()) == 1) {
+            return;
+        }
+    }
+}
 
 bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& length, EVP_PKEY* key) {
     if (key == nullptr) {
         queueError("EVP_SignFinal", ERR_LIB_EVP, ERR_R_PASSED_NULL_PARAMETER);
         return false;
     }
-    return EVP_SignFinal(context, signature, &length, key) != 0;
+    // Twice, since a wrong signature renews what made it wrong.
+    for (int turn = 0; turn < 2; ++turn) {
+        if (EVP_SignFinal(context, signature, &length, key) == 0) {
+            return false;
+        }
+        if (isLengthOfSignature(key, length) && (!isRsa(key) || verifyFinal(context, signature, length, key) == 1)) {
+            return true;
+        }
+        renewBlinding(key);
+    }
+    queueError("EVP_SignFinal", ERR_LIB_EVP, ERR_R_INTERNAL_ERROR);
+    return false;
 }
 
 int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key) {

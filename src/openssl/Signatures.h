@@ -1,11 +1,23 @@
 #pragma once
 
 /// \file
-/// Signing and verifying over a digest context, which is copied and stays usable.
+/// Signing and verifying over a digest context, which is copied and stays usable; and what OpenSSL 3.0 calls a signature
+/// where it has no memory. ECDSA then succeeds with a length of 0 or 4294967295, and nothing written. RSA fails, but leaves the
+/// blinding that the key keeps half renewed: all that the key computes from then on is wrong, and succeeds, until the
+/// blinding is made anew after 32 uses.
 
 #include "openssl/Pointers.h"
 
 namespace Norvane::Crypto::openssl {
+
+/// Whether a signature of this length was really made.
+bool isLengthOfSignature(EVP_PKEY* key, std::size_t length) noexcept;
+
+/// Whether the key is one of RSA, whose signatures have to be verified before they go out (a thirtieth of making them).
+bool isRsa(EVP_PKEY* key) noexcept;
+
+/// Uses an RSA key until what it computes is right again. For other keys nothing. Leaves the error queue as it was.
+void renewBlinding(EVP_PKEY* key) noexcept;
 
 /// Signs what the context digested. `signature` has room for EVP_PKEY_size(key) bytes; `length` becomes the
 /// signature's. False, with an entry in the error queue, on failure; a null key is one.

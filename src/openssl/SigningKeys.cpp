@@ -4,6 +4,7 @@
 #include "openssl/AlgorithmIdentifiers.h"
 #include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/Signatures.h"
 
 #include <openssl/core_names.h>
 #include <openssl/objects.h>
@@ -154,7 +155,7 @@ SigningKey::SigningKey(EVP_PKEY* key, RsaPadding padding, int digest) {
     if (m_refusal.empty() && m_algorithm.empty()) {
         m_refusal = "unsupported: keys of type " + kindOf(key) + " with the digest " + shortName(m_digest.number);
     }
-    if (m_refusal.empty() && !m_signsWhole && context() == nullptr) {
+    if (m_refusal.empty() && !m_signsWhole && context(EVP_PKEY_sign_init) == nullptr) {
         m_refusal = "the key does not sign with the digest " + shortName(m_digest.number) + ": " + drainErrorQueue();
     }
     if (m_refusal.empty() && !holdsPrivatePart()) {
@@ -229,11 +230,11 @@ void SigningKey::chooseEdwards(int digest, int demanded) {
     m_algorithm = algorithmIdentifier(EVP_PKEY_get_base_id(m_key.get()));
 }
 
-KeyContextPtr SigningKey::context() const {
+KeyContextPtr SigningKey::context(int (*begin)(EVP_PKEY_CTX*)) const {
     KeyContextPtr made(EVP_PKEY_CTX_new(m_key.get(), nullptr));
     EVP_PKEY_CTX* const context = made.get();
     const bool ready =
-        context != nullptr && EVP_PKEY_sign_init(context) == 1 &&
+        context != nullptr && begin(context) == 1 &&
         (!m_rsa || EVP_PKEY_CTX_set_rsa_padding(context, m_pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) == 1) &&
         EVP_PKEY_CTX_set_signature_md(context, m_digest.algorithm) == 1 &&
         (!m_pss || (EVP_PKEY_CTX_set_rsa_pss_saltlen(context, RSA_PSS_SALTLEN_DIGEST) == 1 &&
@@ -251,14 +252,28 @@ bool SigningKey::holdsPrivatePart() const {
 }
 
 std::vector<unsigned char> SigningKey::signDigest(framing::Octets digest) const {
-    const KeyContextPtr ready = context();
-    std::vector<unsigned char> signature(static_cast<std::size_t>(EVP_PKEY_get_size(m_key.get())));
-    std::size_t length = signature.size();
-    if (ready == nullptr || EVP_PKEY_sign(ready.get(), signature.data(), &length, digest.data(), digest.size()) != 1) {
-        return {};
+    // Twice, since a wrong signature renews what made it wrong.
+    for (int turn = 0; turn < 2; ++turn) {
+        const KeyContextPtr signing = context(EVP_PKEY_sign_init);
+        std::vector<unsigned char> signature(static_cast<std::size_t>(EVP_PKEY_get_size(m_key.get())));
+        std::size_t length = signature.size();
+        if (signing == nullptr ||
+            EVP_PKEY_sign(signing.get(), signature.data(), &length, digest.data(), digest.size()) != 1 ||
+            !isLengthOfSignature(m_key.get(), length)) {
+            return {};
+        }
+        signature.resize(length);
+        if (!m_rsa) {
+            return signature;
+        }
+        const KeyContextPtr checking = context(EVP_PKEY_verify_init);
+        if (checking != nullptr &&
+            EVP_PKEY_verify(checking.get(), signature.data(), signature.size(), digest.data(), digest.size()) == 1) {
+            return signature;
+        }
+        renewBlinding(m_key.get());
     }
-    signature.resize(length);
-    return signature;
+    return {};
 }
 
 std::vector<unsigned char> SigningKey::signText(framing::Octets text) const {
@@ -272,7 +287,8 @@ std::vector<unsigned char> SigningKey::signText(framing::Octets text) const {
     std::vector<unsigned char> signature(m_fixedLength);
     std::size_t length = signature.size();
     if (context == nullptr || EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, m_key.get()) != 1 ||
-        EVP_DigestSign(context.get(), signature.data(), &length, text.data(), text.size()) != 1) {
+        EVP_DigestSign(context.get(), signature.data(), &length, text.data(), text.size()) != 1 ||
+        !isLengthOfSignature(m_key.get(), length)) {
         return {};
     }
     signature.resize(length);

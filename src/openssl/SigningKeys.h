@@ -62,7 +62,8 @@ private:
     void chooseEc(int digest);
     void chooseEdwards(int digest, int demanded);
     void chooseDigest(int digest);
-    [[nodiscard]] KeyContextPtr context() const;
+    /// \param begin EVP_PKEY_sign_init or EVP_PKEY_verify_init
+    [[nodiscard]] KeyContextPtr context(int (*begin)(EVP_PKEY_CTX*)) const;
     [[nodiscard]] bool holdsPrivatePart() const;
 
     KeyPtr m_key;

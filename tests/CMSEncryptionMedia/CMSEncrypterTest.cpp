@@ -20,6 +20,26 @@ void expectOpens(const Bytes& structure, const std::vector<const Identity*>& peo
     }
 }
 
+/// The content key, as alice opens it, and the vector.
+std::pair<Bytes, Bytes> keyAndVectorOf(const Bytes& structure) {
+    const unsigned char* at = structure.data();
+    const std::unique_ptr<PKCS7, decltype(&PKCS7_free)> decoded(
+        d2i_PKCS7(nullptr, &at, static_cast<long>(structure.size())), PKCS7_free);
+    const PKCS7_ENVELOPE* enveloped = decoded->d.enveloped;
+    const ASN1_OCTET_STRING* wrapped = sk_PKCS7_RECIP_INFO_value(enveloped->recipientinfo, 0)->enc_key;
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
+        EVP_PKEY_CTX_new(alice().key.get(), nullptr), EVP_PKEY_CTX_free);
+    Bytes key(512);
+    std::size_t length = key.size();
+    EXPECT_EQ(EVP_PKEY_decrypt_init(context.get()), 1);
+    EXPECT_EQ(EVP_PKEY_decrypt(context.get(), key.data(), &length, ASN1_STRING_get0_data(wrapped),
+                               static_cast<std::size_t>(ASN1_STRING_length(wrapped))),
+              1);
+    key.resize(length);
+    const ASN1_OCTET_STRING* vector = enveloped->enc_data->algorithm->parameter->value.octet_string;
+    return {key, Bytes(ASN1_STRING_get0_data(vector), ASN1_STRING_get0_data(vector) + ASN1_STRING_length(vector))};
+}
+
 CMS::RefContentInfo decoded(const Bytes& structure) {
     PiecewiseIn in(structure);
     const CMS::RefContentInfo message(in);
@@ -201,7 +221,12 @@ TEST_F(Encrypter, AThousandRecipients) {
 }
 
 TEST_F(Encrypter, TwoStreamsUseTwoKeysAndVectors) {
-    EXPECT_NE(encryptedByStream({&alice()}, bodyOf(100)), encryptedByStream({&alice()}, bodyOf(100)));
+    const auto [key, vector] = keyAndVectorOf(encryptedByStream({&alice()}, bodyOf(100)));
+    const auto [otherKey, otherVector] = keyAndVectorOf(encryptedByStream({&alice()}, bodyOf(100)));
+    EXPECT_EQ(key.size(), otherKey.size());
+    EXPECT_EQ(vector.size(), 16U);
+    EXPECT_NE(key, otherKey);
+    EXPECT_NE(vector, otherVector);
 }
 
 TEST_F(Encrypter, WritesNothingBeforeItsEndAndEndsItsTarget) {

@@ -5,6 +5,8 @@
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
 
+#include <set>
+
 using namespace cmstest;
 namespace der = norvauthority::der;
 using CMS::SignatureReason;
@@ -459,4 +461,22 @@ TEST(SignatureVerifier, EveryReasonHasAText) {
     }
     EXPECT_EQ(texts.size(), 22U);
     EXPECT_EQ(texts.count(""), 0U);
+}
+
+TEST(SignatureVerifier, EachReasonIsOneSentenceOfItsOwn) {
+    std::set<std::string> texts;
+    const auto expectSentences = [&](SignatureReason first, SignatureReason last) {
+        for (int number = static_cast<int>(first); number <= static_cast<int>(last); ++number) {
+            const std::string text = textOf(static_cast<SignatureReason>(number));
+            EXPECT_THAT(text, testing::MatchesRegex("[a-z][ -~]*[a-zR]")) << number;
+            EXPECT_TRUE(texts.insert(text).second) << text;
+        }
+    };
+    expectSentences(SignatureReason::none, SignatureReason::receiptRequestRepeated);
+    expectSentences(SignatureReason::digestAlgorithm, SignatureReason::certificateRefused);
+    EXPECT_EQ(texts.size(), 33U); // as many as the header names
+    EXPECT_STREQ(textOf(SignatureReason::bodyDiffers), "the body is not the one that was signed");
+    for (const int unknown : {-1, 22, 100, 112}) {
+        EXPECT_STREQ(textOf(static_cast<SignatureReason>(unknown)), "") << unknown;
+    }
 }

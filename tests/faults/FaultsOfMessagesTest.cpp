@@ -14,6 +14,7 @@
 #include <norvcrypto/CertificateRevocationList.h>
 #include <norvcrypto/Hasher.h>
 
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -98,6 +99,25 @@ Operation signs(const std::string& name, const Identity& who,
                 writeInPieces(writer, body(), 1000);
                 writer.end();
                 return verified(target, body(), who);
+            }};
+}
+
+Operation signsADigest() {
+    const Crypto::RefKey key = pairOf(alice())->key;
+    return {.name = "Signer", .act = [key] {
+                const Crypto::SignerRef signer(Hasher::SHA256);
+                signer->signingKey(key);
+                signer->update(body().data(), static_cast<unsigned int>(body().size()));
+                const Norvane::Buffer signature = signer->sign();
+                const faults::Pause pause;
+                const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                                      EVP_MD_CTX_free);
+                const bool good =
+                    EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, alice().key.get()) == 1 &&
+                    EVP_DigestVerify(context.get(), signature.data(), signature.length(), body().data(),
+                                     body().size()) == 1;
+                ERR_clear_error();
+                return good ? Answer{Answer::done} : Answer{Answer::wrong, "the signature is not good"};
             }};
 }
 
@@ -438,6 +458,7 @@ std::vector<Operation> operations() {
     const std::string text = textOf(body());
     return {
         signsAsPrescribed(),
+        signsADigest(),
         signs("RSA", alice(), [](auto&) {}),
         signs("detached, ECDSA", curve(), [](auto& options) { options.content = SignedWriter::Content::detached; }),
         signs("DER, ECDSA, spilled", curve(), [](auto& options) { options.encoding = SignedWriter::Encoding::der; }),
@@ -478,7 +499,92 @@ std::vector<Operation> operations() {
 
 NORV_FAULTS(Messages, operations);
 
+/// Whether the operation is what it should be when OpenSSL has no memory, from each stack of calls once.
+void runEachStack(const Operation& operation) {
+    faults::Extent extent;
+    extent.stacks = true;
+    extent.only = faults::Kind::opensslAllocation;
+    faults::Tried tried;
+    for (const faults::Finding& finding : faults::run(operation, extent, tried)) {
+        ADD_FAILURE() << textOf(finding);
+    }
+    EXPECT_GT(tried.places, 20);
+}
+
+// Without memory OpenSSL calls signatures good that are not, and goes on with keys that only make such ones.
+TEST(SigningWithoutMemory, SendsNothingWrongAndGoesOnAsPrescribed) {
+    Norvane::Crypto::initialize();
+    runEachStack(signsAsPrescribed());
+}
+TEST(SigningWithoutMemory, GivesOutNothingWrong) {
+    Norvane::Crypto::initialize();
+    runEachStack(signsADigest());
+}
+TEST(SigningWithoutMemory, SendsNothingWrongUnderRsa) {
+    Norvane::Crypto::initialize();
+    runEachStack(signs("RSA", alice(), [](auto&) {}));
+}
+TEST(SigningWithoutMemory, SendsNothingWrongUnderEcdsa) {
+    Norvane::Crypto::initialize();
+    runEachStack(signs("ECDSA", curve(), [](auto& options) { options.content = SignedWriter::Content::detached; }));
+}
+
+/// Signs with OpenSSL alone: the length that it tells, or nothing.
+std::optional<std::size_t> opensslSigns(EVP_PKEY* key, Bytes& signature) {
+    static const Bytes digest(32);
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
+                                                                              EVP_PKEY_CTX_free);
+    std::size_t length = signature.size();
+    const bool signedIt = context != nullptr && EVP_PKEY_sign_init(context.get()) == 1 &&
+                          EVP_PKEY_sign(context.get(), signature.data(), &length, digest.data(), digest.size()) == 1;
+    ERR_clear_error();
+    return signedIt ? std::optional<std::size_t>(length) : std::nullopt;
+}
+bool opensslVerifies(EVP_PKEY* key, const Bytes& signature) {
+    static const Bytes digest(32);
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
+                                                                              EVP_PKEY_CTX_free);
+    const bool good =
+        EVP_PKEY_verify_init(context.get()) == 1 &&
+        EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(), digest.size()) == 1;
+    ERR_clear_error();
+    return good;
+}
+
 // What the table in driver/OpensslDefects.cpp says, with OpenSSL alone.
+TEST(OpensslWithoutMemory, SignsWronglyWithAnRsaKeyAfterwards) {
+    Norvane::Crypto::initialize();
+    EVP_PKEY* const key = alice().key.get();
+    Bytes signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+    ASSERT_TRUE(opensslSigns(key, signature)); // makes the blinding
+    int wrong = 0;
+    // How often the key was used before decides at which allocation its blinding is made anew: every 32 uses.
+    for (int uses = 0; uses != 32 && wrong == 0; ++uses) {
+        static_cast<void>(opensslSigns(key, signature));
+        bool came = true;
+        for (long number = 1; came && wrong == 0; ++number) {
+            faults::arm(faults::Kind::opensslAllocation, number);
+            static_cast<void>(opensslSigns(key, signature));
+            came = faults::disarm();
+            wrong += opensslSigns(key, signature) && !opensslVerifies(key, signature) ? 1 : 0;
+        }
+    }
+    EXPECT_GT(wrong, 0);
+}
+TEST(OpensslWithoutMemory, TellsALengthOfEcdsaThatItNeverWrote) {
+    Norvane::Crypto::initialize();
+    EVP_PKEY* const key = curve().key.get();
+    int odd = 0;
+    bool came = true;
+    for (long number = 1; came; ++number) {
+        Bytes signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+        faults::arm(faults::Kind::opensslAllocation, number);
+        const auto length = opensslSigns(key, signature);
+        came = faults::disarm();
+        odd += length && (*length == 0 || *length > signature.size()) ? 1 : 0;
+    }
+    EXPECT_GT(odd, 0);
+}
 TEST(OpensslWithoutMemory, SaysThatEqualKeysDiffer) {
     Norvane::Crypto::initialize();
     const norvauthority::Bytes der = curve().key.publicDer();

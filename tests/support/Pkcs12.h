@@ -31,6 +31,7 @@ struct Pkcs12Request {
     bool mac = true;
     std::optional<std::string> macPassword{}; ///< all of its bytes count; `password` when unset
     bool macUnderNullPassword = false;        ///< no password at all, which is not the empty one
+    bool allUnderNullPassword = false;        ///< likewise, contents and MAC
     int macIterations = 1;
 };
 
@@ -69,18 +70,20 @@ inline norvauthority::Bytes pkcs12(const Pkcs12Request& request) {
     }
     const norvauthority::X509Ptr certificate =
         request.certificate == nullptr ? nullptr : request.certificate->certificate.x509();
-    const std::unique_ptr<PKCS12_st, detail::FreeingPkcs12> structure(PKCS12_create(
-        request.password.c_str(), nullptr, request.key == nullptr ? nullptr : request.key->key.get(), certificate.get(),
-        chain, request.keyCipher, request.certificateCipher, request.iterations, -1, 0));
+    const std::unique_ptr<PKCS12_st, detail::FreeingPkcs12> structure(
+        PKCS12_create(request.allUnderNullPassword ? nullptr : request.password.c_str(), nullptr,
+                      request.key == nullptr ? nullptr : request.key->key.get(), certificate.get(), chain,
+                      request.keyCipher, request.certificateCipher, request.iterations, -1, 0));
     sk_X509_free(chain);
     if (!structure) {
         throw std::runtime_error("PKCS12_create");
     }
     if (request.mac || request.macUnderNullPassword) {
+        const bool underNull = request.macUnderNullPassword || request.allUnderNullPassword;
         const std::string password = request.macPassword.value_or(request.password);
-        if (PKCS12_set_mac(structure.get(), request.macUnderNullPassword ? nullptr : password.data(),
-                           request.macUnderNullPassword ? 0 : static_cast<int>(password.size()), nullptr, 0,
-                           request.macIterations, nullptr) != 1) {
+        if (PKCS12_set_mac(structure.get(), underNull ? nullptr : password.data(),
+                           underNull ? 0 : static_cast<int>(password.size()), nullptr, 0, request.macIterations,
+                           nullptr) != 1) {
             throw std::runtime_error("PKCS12_set_mac");
         }
     }

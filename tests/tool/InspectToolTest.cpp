@@ -359,6 +359,18 @@ TEST_F(InspectToolTest, MalformedExtensionsAreTold) {
               objectsIn("odd").at(0)["problems"]);
 }
 
+TEST_F(InspectToolTest, KeyUsageThatStandsTwiceIsTold) {
+    // Nothing may be done with the key then, while a certificate without the extension allows everything.
+    const Identity odd = issue(
+        {.subject = {{"CN", "Odd"}},
+         .key = Key::ec(),
+         .extensions = {{.oid = "2.5.29.15", .value = {3, 2, 1, 6}}, {.oid = "2.5.29.15", .value = {3, 2, 1, 6}}}});
+    work.write("odd", odd.certificate.der);
+    const json object = objectsIn("odd").at(0);
+    EXPECT_FALSE(object.contains("keyUsage"));
+    EXPECT_EQ(json({"an extension that is malformed or stands twice"}), object["problems"]);
+}
+
 TEST_F(InspectToolTest, HostileTextsNeitherBreakNorForge) {
     const Identity evil = issue({.subject = {{"CN", "evil\n  issuer: CN=Good\x1B[2J\xFF", V_ASN1_T61STRING}},
                                  .key = Key::ec(),

@@ -13,11 +13,11 @@ using norvauthority::Identity;
 
 namespace {
 
-/// A PKCS#12 structure with few iterations; null leaves a part out.
-Bytes pkcs12(const Identity* key, const Identity* certificate, const std::string& password, bool mac = true) {
+/// A PKCS#12 structure with few iterations; null leaves a part out, and for the password is none at all.
+Bytes pkcs12(const Identity* key, const Identity* certificate, const char* password, bool mac = true) {
     const norvauthority::X509Ptr x509 = certificate == nullptr ? nullptr : certificate->certificate.x509();
-    PKCS12* const structure = PKCS12_create(password.c_str(), nullptr, key == nullptr ? nullptr : key->key.get(),
-                                            x509.get(), nullptr, 0, 0, 1, mac ? 1 : -1, 0);
+    PKCS12* const structure = PKCS12_create(password, nullptr, key == nullptr ? nullptr : key->key.get(), x509.get(),
+                                            nullptr, 0, 0, 1, mac ? 1 : -1, 0);
     unsigned char* encoded = nullptr;
     const int length = i2d_PKCS12(structure, &encoded);
     Bytes der(encoded, encoded + length);
@@ -134,6 +134,15 @@ TEST_F(Pkcs12ToolTest, EmptyPassphrase) {
     EXPECT_EQ(0, p12("empty.p12", "none").status);
     expectErinIn("out");
     EXPECT_EQ(1, p12("empty.p12", "pass").status);
+}
+
+TEST_F(Pkcs12ToolTest, FileWithoutAnyPassphraseOpensUnderTheEmptyOne) {
+    work.write("bare.p12", pkcs12(&erin(), &erin(), nullptr));
+    work.write("none", std::string());
+    EXPECT_EQ(1, p12("bare.p12", "pass").status);
+    const Answer answer = p12("bare.p12", "none");
+    EXPECT_EQ(0, answer.status) << answer.err;
+    expectErinIn("out");
 }
 
 TEST_F(Pkcs12ToolTest, KeyWithoutCertificate) {

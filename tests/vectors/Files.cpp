@@ -182,7 +182,11 @@ Json pkcs12(const Json& task) {
     const std::unique_ptr<BIO, void (*)(BIO*)> in(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())),
                                                   [](BIO* bio) { BIO_free_all(bio); });
     Norvane::Crypto::PKCS12::Store store(in.get());
-    store.read(task.at("passphrase"));
+    if (task.contains("passphrase")) {
+        store.read(task.at("passphrase"));
+    } else {
+        store.readWithoutPassword();
+    }
     Json facts{{"key", store.privateKey().isNull() ? Json() : keyFact(store.privateKey())}, {"certificate", nullptr}};
     if (!store.certificate().isNull()) {
         const NVX509::RefCertificate owning = NVX509::CertificateFactory()(store.certificate(), true);

@@ -173,6 +173,17 @@ Json signature(const Json& task) {
     return {{"valid", verifier->isValid(bufferOf(value))}};
 }
 
+Json signing(const Json& task) {
+    const Bytes encoded = octetsOf(task, "key");
+    const RefKey key(Key::PRIVATE_KEY);
+    key->read(bufferOf(encoded), false);
+    SignerRef signer(digestNamed(task));
+    signer->signingKey(key);
+    const Bytes message = octetsOf(task, "message");
+    signer->update(message.data(), static_cast<unsigned int>(message.size()));
+    return {{"signature", hexOf(bytesOf(signer->sign()))}};
+}
+
 Json messageSignature(const Json& task) {
     const Bytes content = octetsOf(task, "message");
     const Bytes digestAlgorithm = der::sequence({der::oid(task.at("digest"))});

@@ -49,7 +49,8 @@ Json mail(const Json& task);
 
 // Numbers
 Json digest(const Json& task);
-Json signature(const Json& task);        ///< by the verifier
+Json signature(const Json& task); ///< by the verifier
+Json signing(const Json& task);
 Json messageSignature(const Json& task); ///< in a signed message that is made for it
 Json blockCipher(const Json& task);
 Json authenticatedCipher(const Json& task); ///< in an encrypted message that is made for it

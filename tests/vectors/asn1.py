@@ -76,7 +76,7 @@ def certificate(octets):
     fields = children(first(whole[1])[1])
     version = 0
     if fields[0][0] == 0xA0:
-        version = int.from_bytes(first(fields[0][1])[1], "big")
+        version = int.from_bytes(first(fields[0][1])[1], "big", signed=True)
         fields = fields[1:]
     issuer, subject = fields[2], fields[4]
     found = next((extensions(content) for tag, content, _ in fields[6:] if tag == 0xA3), [])

@@ -67,6 +67,8 @@ def certificate(one, program):
         theirs.update(asn1.certificate(one.der()))
     except (asn1.Damaged, ValueError, IndexError):
         pass  # BER, or not even that: openssl's facts are left
+    if ours["key"] == UNENCODABLE:
+        ours["key"] = None
     theirs["serial"] = serial_of(theirs["serial"])
     ours["serial"] = serial_of(ours["serial"])
     return compared(one, "certificate", theirs, ours)
@@ -123,7 +125,10 @@ def pkcs12(one, program):
             if "failed" not in program.ask({**ask, "passphrase": passphrase}):
                 return Result(one, "PKCS#12", "differs", [("accepts", False, True)])
         return Result(one, "PKCS#12", "refused")
-    ours = program.ask({**ask, "passphrase": theirs["passphrase"]})
+    # Made without any password, or under the empty one: openssl tries both.
+    asked = [{**ask, "passphrase": theirs["passphrase"]}, *([ask] if theirs["passphrase"] == "" else [])]
+    answers = [program.ask(task) for task in asked]
+    ours = next((answer for answer in answers if "failed" not in answer), answers[0])
     if result := accepts(one, "PKCS#12", theirs, ours.get("failed")):
         return result
     key = theirs["keys"][0] if theirs["keys"] else None
@@ -148,13 +153,15 @@ def message(one, program, content=None, stored=None):
     reader, views = signed.get("reader", signed), signed.get("views", signed)
     if theirs is None:
         if "failed" not in reader or "failed" not in views:
-            return Result(one, "CMS", "differs", [("accepts", False, True)])
+            return Result(one, "CMS", "differs", [("accepts", False, signed)])
         return Result(one, "CMS", "refused")
     if theirs["type"] in (ENVELOPED, AUTHENTICATED):
         ours = program.ask({**task, "do": "envelopedData"})
         return accepts(one, "CMS", theirs, ours.get("failed")) or Result(one, "CMS", "read")
     if theirs["type"] != SIGNED:
         return Result(one, "CMS", "refused" if "failed" in reader else "differs", [("accepts", theirs["type"], True)])
+    if reader.get("failed") and not theirs["valid"]:
+        reader = {"signers": ["failed"]}
     if failed := reader.get("failed"):
         return Result(one, "CMS", "differs", [("accepts", True, failed)])
     differences = []
@@ -208,6 +215,6 @@ def results(one, program, folder):
              pkcs12(one, program), message(one, program)]
     known = [result for result in tried if result.outcome != "refused"]
     if any(result.kind == "PKCS#12" for result in known):
-        # The program that reads keys opens these, too.
-        known = [result for result in known if result.kind != "private key"]
+        # The programs that read keys and certificates open these, too.
+        known = [result for result in known if result.kind not in ("private key", "certificate")]
     return known or [Result(one, "nothing known", "refused")]

@@ -11,6 +11,8 @@ LARGEST = 1 << 21
 BLOCK = re.compile(rb"-----BEGIN ([A-Z0-9 .]+)-----(.*?)-----END \1-----", re.S)
 # In sources of programs the lines of a block are the strings of a language.
 QUOTED = re.compile(rb'^[\s"\']*|(?:\\r)?(?:\\n)?["\'\s,;+\\)]*$')
+LITERAL = re.compile(rb'"((?:[A-Za-z0-9+/=]|\\[nr])*)"')
+STRINGS = re.compile(rb'"M(?:[A-Za-z0-9+/=]|\\[nr])*"(?:\s*\+\s*"(?:[A-Za-z0-9+/=]|\\[nr])*")*')
 
 KINDS = {b"CERTIFICATE": "certificate", b"X509 CERTIFICATE": "certificate", b"TRUSTED CERTIFICATE": "certificate",
          b"X509 CRL": "list", b"CRL": "list", b"PKCS7": "message", b"CMS": "message", b"PUBLIC KEY": "public key"}
@@ -64,27 +66,50 @@ def block(match):
     return b"-----BEGIN " + match.group(1) + b"-----\n" + body + b"\n-----END " + match.group(1) + b"-----\n"
 
 
+def is_text(octets):
+    return all(octet in b"\t\n\r" or 0x20 <= octet < 0x7F for octet in octets[:64])
+
+
+def strings(content):
+    """Structures in Base64 that stand in sources of Java, in strings put together by "+"."""
+    for match in STRINGS.finditer(content):
+        text = b"".join(LITERAL.findall(match.group())).replace(b"\\n", b"").replace(b"\\r", b"")
+        try:
+            octets = base64.b64decode(text, validate=True)
+            if octets[:2] == b"\x30\x80" or asn1.first(octets)[0] == 0x30:
+                yield octets
+        except (ValueError, asn1.Damaged):
+            pass
+
+
 def of_file(package, origin, content):
     if origin.suffix == ".eml" or origin.name.endswith(".smime"):
         yield Input(package, origin, "mail", "mail", content)
-    elif b"-----BEGIN " in content:
+    elif content[:1] == b"\x30" and not is_text(content):
+        yield Input(package, origin, None, "DER", content)
+    else:
         for match in BLOCK.finditer(content):
             if kind := kind_of(match.group(1)):
                 yield Input(package, origin, kind, "PEM", block(match), match.group(1).decode())
-    elif content[:1] == b"\x30" and b"\0" in content + b"\0" and not content[:64].isascii():
-        yield Input(package, origin, None, "DER", content)
-    elif content[:2] == b"\x30\x80":
-        yield Input(package, origin, None, "DER", content)
+        if origin.suffix == ".java":
+            for octets in strings(content):
+                yield Input(package, origin, None, "DER", octets)
 
 
-def of_folder(package, folder):
-    """Each input once, however often the package has it."""
+def of_folder(package, folder, walked):
+    """Each input once, however often the package has it. `walked` counts the files."""
     seen = set()
     folder = pathlib.Path(folder)
     for path in sorted(folder.rglob("*")):
-        if not path.is_file() or path.is_symlink() or path.stat().st_size > LARGEST:
+        if not path.is_file() or path.is_symlink():
             continue
-        for found in of_file(package, path.relative_to(folder), path.read_bytes()):
+        walked["files"] += 1
+        if path.stat().st_size > LARGEST:
+            walked["too large"] += 1
+            continue
+        inputs = list(of_file(package, path.relative_to(folder), path.read_bytes()))
+        walked["with inputs"] += bool(inputs)
+        for found in inputs:
             key = (found.kind, found.content)
             if key not in seen:
                 seen.add(key)

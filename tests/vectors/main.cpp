@@ -69,6 +69,7 @@ const std::map<std::string, Json (*)(const Json&)> tasks = {
     {"mail", mail},
     {"digest", digest},
     {"signature", signature},
+    {"signing", signing},
     {"messageSignature", messageSignature},
     {"blockCipher", blockCipher},
     {"authenticatedCipher", authenticatedCipher},

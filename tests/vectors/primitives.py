@@ -6,11 +6,16 @@ import json
 import pathlib
 import re
 
+import asn1
+
 HASHES = {"SHA1": "sha1", "SHA-1": "sha1", "SHA224": "sha224", "SHA256": "sha256", "SHA384": "sha384", "SHA512": "sha512",
           "SHA-224": "sha224", "SHA-256": "sha256", "SHA-384": "sha384", "SHA-512": "sha512"}
 SHORT = {"sha1": "SHA1", "sha224": "SHA224", "sha256": "SHA256", "sha384": "SHA384", "sha512": "SHA512"}
 DIGESTS = {"sha1": "2b0e03021a", "sha224": "608648016503040204", "sha256": "608648016503040201", "sha384": "608648016503040202",
            "sha512": "608648016503040203"}
+
+
+WHAT_IS_TRIED = b"What the key that was transported is tried on.".hex()
 
 
 def element(tag, *parts):
@@ -41,6 +46,10 @@ def oid(dotted):
     return element(6, octets)
 
 
+def tagged(number_, *parts):
+    return element(0xA0 | number_, *parts)
+
+
 def digest_oid(name):
     return oid({"sha1": "1.3.14.3.2.26", "sha224": "2.16.840.1.101.3.4.2.4", "sha256": "2.16.840.1.101.3.4.2.1",
                 "sha384": "2.16.840.1.101.3.4.2.2", "sha512": "2.16.840.1.101.3.4.2.3"}[name])
@@ -50,12 +59,31 @@ NULL = element(5)
 RSA = sequence(oid("1.2.840.113549.1.1.1"), NULL)
 
 
+def mask_algorithm(name):
+    return sequence(oid("1.2.840.113549.1.1.8"), sequence(digest_oid(name), NULL))
+
+
+def pss_algorithm(digest, mask, salt):
+    return sequence(oid("1.2.840.113549.1.1.10"), sequence(tagged(0, sequence(digest_oid(digest), NULL)), tagged(1, mask_algorithm(mask)),
+                                                           tagged(2, integer(salt))))
+
+
+def oaep_algorithm(digest, mask):
+    return sequence(oid("1.2.840.113549.1.1.7"), sequence(tagged(0, sequence(digest_oid(digest), NULL)), tagged(1, mask_algorithm(mask))))
+
+
 def public(algorithm, key):
     return sequence(algorithm, element(3, b"\0", key))
 
 
 def rsa_public(modulus, exponent):
     return public(RSA, sequence(integer(modulus), integer(exponent)))
+
+
+def rsa_private(modulus, public_exponent, exponent, prime1, prime2):
+    """RSAPrivateKey (RFC 8017, A.1.2)."""
+    return sequence(*(integer(one) for one in (0, modulus, public_exponent, exponent, prime1, prime2, exponent % (prime1 - 1),
+                                               exponent % (prime2 - 1), pow(prime2, -1, prime1))))
 
 
 def dsa_public(p, q, g, y):
@@ -97,15 +125,19 @@ def records(path):
         fields[name.strip()] = value.strip()
 
 
+OTHER_HASHES = {"blake2b.txt": "BLAKE2b512", "blake2s.txt": "BLAKE2s256", "oscca.txt": "SM3", "ripevectors.txt": "RIPEMD160",
+                "rfc-1321.txt": "MD5"}
+
+
 def hashes(folder):
-    for path in sorted(folder.rglob("*Msg.rsp")):
-        name = re.match(r"(SHA3_\d+|SHA512_\d+|SHA\d+)(?:Short|Long)Msg", path.name)
-        if not name:
+    for path in sorted(folder.rglob("*")):
+        name = re.match(r"(SHA3_\d+|SHA512_\d+|SHA\d+)(?:Short|Long)Msg\.rsp", path.name)
+        if not name and path.name not in OTHER_HASHES:
             continue
-        short = name.group(1).replace("SHA3_", "SHA3-").replace("SHA512_", "SHA512-")
+        short = OTHER_HASHES.get(path.name) or name.group(1).replace("SHA3_", "SHA3-").replace("SHA512_", "SHA512-")
         for _, fields in records(path):
-            if "MD" in fields:
-                message = fields["Msg"] if int(fields["Len"]) else ""
+            if "MD" in fields and "Key" not in fields:
+                message = fields["Msg"] if int(fields.get("Len", "1")) else ""
                 yield "digest", path, {"do": "digest", "digest": short, "message": message}, {"digest": fields["MD"].lower()}
 
 
@@ -129,14 +161,87 @@ def number(text):
 
 
 def nist_rsa(path):
-    modulus = None
+    key = {}
     for _, fields in records(path):
-        modulus = fields.get("n", modulus)
+        key = {name: number(fields[name]) if name in fields else key.get(name) for name in "npqed"}
         if "S" not in fields:
             continue
         digest = HASHES[fields["SHAAlg"]]
-        task = {"key": rsa_public(number(modulus), number(fields["e"])).hex(), "message": fields["Msg"], "signature": fields["S"]}
-        yield from both_ways(path, "RSA PKCS#1 1.5", task, RSA, digest, fields["Result"].startswith("P"))
+        valid = fields.get("Result", "P").startswith("P")
+        task = {"key": rsa_public(key["n"], key["e"]).hex(), "message": fields["Msg"], "signature": fields["S"]}
+        yield from both_ways(path, "RSA PKCS#1 1.5", task, RSA, digest, valid)
+        if valid and key["d"]:
+            private = rsa_private(key["n"], key["e"], key["d"], key["p"], key["q"])
+            yield signing(path, private, digest, fields["Msg"], fields["S"])
+
+
+def signing(path, private, digest, message, signature):
+    """What PKCS#1 1.5 signs is always the same."""
+    return ("RSA PKCS#1 1.5, signing", path,
+            {"do": "signing", "digest": SHORT[digest], "key": private.hex(), "message": message}, {"signature": signature.lower()})
+
+
+def nist_pss(path, salt):
+    key = {}
+    for _, fields in records(path):
+        key = {name: number(fields[name]) if name in fields else key.get(name) for name in "ne"}
+        if "S" in fields:
+            yield pss(path, rsa_public(key["n"], key["e"]), HASHES[fields["SHAAlg"]], salt, fields["Msg"], fields["S"],
+                      fields.get("Result", "P").startswith("P"))
+
+
+def pss(path, key, digest, salt, message, signature, valid):
+    return ("RSASSA-PSS in a message", path,
+            {"do": "messageSignature", "digest": SHORT[digest], "key": key.hex(), "message": message, "signature": signature,
+             "algorithm": pss_algorithm(digest, digest, salt).hex()}, {"valid": True} if valid else False)
+
+
+def labelled(path):
+    """(public key, private key, fields) of each example in RSA Laboratories' files: "# Name:" and lines of digits below it."""
+    names, key, fields = [], None, {}
+    for line in [*path.read_text("latin-1").splitlines(), "# Message:"]:
+        found = re.match(r"#\s*([A-Z][A-Za-z0-9 ]*):\s*$", line)
+        if found:
+            name = found.group(1).removesuffix(" to be signed")
+            if name == "Message" and "Coefficient" in fields:
+                values = [number(fields[one]) for one in ("Modulus", "Public exponent", "Exponent", "Prime 1", "Prime 2")]
+                key = rsa_public(*values[:2]), rsa_private(*values)
+            elif {"Encryption", "Signature"} & fields.keys():
+                yield *key, fields
+            if name == "Message" or {"Encryption", "Signature"} & fields.keys():
+                fields = {}
+            fields[name] = ""
+            names = [name]
+        elif line.startswith(("#", "=")):
+            names = []
+        elif names and re.fullmatch(r"[0-9a-fA-F ]+", line.strip()):
+            fields[names[0]] += line.replace(" ", "").strip()
+
+
+def rsa_laboratories(folder):
+    for path, kind in ((folder / "pkcs1v15sign-vectors.txt", "sign"), (folder / "pkcs-1v2-1d2-vec/pss-vect.txt", "pss")):
+        for key, private, fields in labelled(path):
+            if kind == "pss":
+                yield pss(path, key, "sha1", 20, fields["Message"], fields["Signature"], True)
+                continue
+            task = {"key": key.hex(), "message": fields["Message"], "signature": fields["Signature"]}
+            yield from both_ways(path, "RSA PKCS#1 1.5", task, RSA, "sha1", True)
+            yield signing(path, private, "sha1", fields["Message"], fields["Signature"])
+    transports = [(folder / "pkcs1v15crypt-vectors.txt", RSA), (folder / "pkcs-1v2-1d2-vec/oaep-vect.txt", oaep_algorithm("sha1", "sha1"))]
+    for path in sorted((folder / "oaep-custom").glob("oaep-*.txt")):
+        _, mask, digest = path.stem.split("-")
+        transports.append((path, oaep_algorithm(digest, mask)))
+    for path, algorithm in transports:
+        for key, private, fields in labelled(path):
+            yield from transport(path, key, private, algorithm, fields["Message"], fields["Encryption"])
+
+
+def transport(path, key, private, algorithm, clear, secret):
+    """Where the message has the length of a key for AES: it is taken for one."""
+    if len(clear) in (32, 48, 64):
+        yield ("RSA PKCS#1 1.5 decryption in a message" if algorithm == RSA else "RSAES-OAEP in a message", path,
+               {"do": "keyTransport", "key": private.hex(), "publicKey": key.hex(), "algorithm": algorithm.hex(), "secret": secret,
+                "clear": clear}, {"content": WHAT_IS_TRIED})
 
 
 def nist_dsa(path):
@@ -195,9 +300,6 @@ def gcm(path):
         yield "AES-GCM in a message", path, task, {"content": clear.lower()} if clear is not None else False
 
 
-WHAT_IS_TRIED = b"What the key that was transported is tried on.".hex()
-
-
 def key_wrap(path):
     for _, fields in records(path):
         # Keys of AES alone. Where unwrapping has to fail there is nothing to see: a key that does not come out and one that is
@@ -206,15 +308,6 @@ def key_wrap(path):
         if len(clear) in (32, 48, 64):
             task = {"do": "keyTransport", "wrappingKey": fields["K"], "secret": fields["C"], "clear": clear}
             yield "AES key wrap in a message", path, task, {"content": WHAT_IS_TRIED}
-
-
-def pss_algorithm(digest, mask, salt):
-    def tagged(number_, *parts):
-        return element(0xA0 | number_, *parts)
-    return sequence(oid("1.2.840.113549.1.1.10"),
-                    sequence(tagged(0, sequence(digest_oid(digest), NULL)),
-                             tagged(1, sequence(oid("1.2.840.113549.1.1.8"), sequence(digest_oid(mask), NULL))),
-                             tagged(2, integer(salt))))
 
 
 def json_vectors(path):
@@ -247,10 +340,12 @@ def json_vectors(path):
 
 
 def structures(path):
-    """(words, octet strings) of each test vector in a header of NSS: the braces of C++, and names of strings above."""
+    """(words, octet strings) of each test vector in a header of NSS: the braces of C++, and names of strings above or, for the keys
+    of OAEP, in the header of the same digest with SHA-1 beside it."""
     text = re.sub(r"//.*|/\*.*?\*/", "", path.read_text(), flags=re.M)
+    beside = path.with_name(re.sub(r"mgf1sha\d+", "mgf1sha1", path.name)).read_text()
     named = {name: bytes(int(one, 16) for one in re.findall("0x([0-9a-f]{2})", octets))
-             for name, octets in re.findall(r"std::vector<uint8_t> (\w+)\{([^}]*)\}", text)}
+             for name, octets in re.findall(r"std::vector<uint8_t> (\w+)\{([^}]*)\}", beside + text)}
     table = text[text.index("Vectors[] = {"):] if "Vectors[] = {" in text else ""
     for entry in re.findall(r"\{((?:[^{}]|\{[^{}]*\})+?(?:true|false))\s*\}", table):
         parts = re.findall(r"\{([^{}]*)\}|(\w+)", entry)
@@ -265,9 +360,32 @@ def structures(path):
         yield words, strings
 
 
+def public_half(private):
+    """(modulus, public exponent) of a PrivateKeyInfo."""
+    key = asn1.children(asn1.first(asn1.children(asn1.first(private)[1])[2][1])[1])
+    return tuple(int.from_bytes(content, "big") for _, content, _ in key[1:3])
+
+
+def wrapped_keys(path):
+    strings_ = r"\{([^{}]*)\},\s*" * 3
+    for entry in re.finditer(r"\{\d+,\s*" + strings_ + r"\{\{Action::WRAP.*?\{Action::UNWRAP, \{(\w+), (\w+)\}\}", path.read_text(), re.S):
+        key, clear, secret = ("".join(re.findall("0x([0-9a-f]{2})", octets)) for octets in entry.groups()[:3])
+        if entry.group(4, 5) == ("SECSuccess", "true") and len(clear) in (32, 48, 64):
+            yield ("AES key wrap in a message", path, {"do": "keyTransport", "wrappingKey": key, "secret": secret, "clear": clear},
+                   {"content": WHAT_IS_TRIED})
+
+
 def headers(path):
     for words, strings in structures(path):
         valid = words[-1] == "true"
+        if re.match(r"rsa_(oaep|pkcs1)_", path.name) and valid:
+            clear, secret, *label, private = strings
+            if any(label):
+                continue  # RFC 3560 has no place for one in a message
+            algorithm = RSA
+            if "oaep" in path.name:
+                algorithm = oaep_algorithm(*(f"sha{one}" for one in re.search(r"sha(\d+)_mgf1sha(\d+)", path.name).groups()))
+            yield from transport(path, rsa_public(*public_half(private)), private, algorithm, clear.hex(), secret.hex())
         if "ecdsa" in path.name or "rsa_signature" in path.name:
             digest = words[0].rpartition("_")[2].lower()
             if digest not in SHORT or len(strings) != 3:
@@ -284,7 +402,14 @@ def of_package(package, folder):
     if package == "python3-cryptography-vectors":
         base = next(folder.rglob("cryptography_vectors"))
         yield from hashes(base / "hashes")
-        yield from nist_rsa(base / "asymmetric/RSA/FIPS_186-2/SigVer15_186-3.rsp")
+        rsa = base / "asymmetric/RSA/FIPS_186-2"
+        for name in ("SigVer15_186-3.rsp", "SigGen15_186-2.rsp", "SigGen15_186-3.rsp"):
+            yield from nist_rsa(rsa / name)
+        for name in ("SigVerPSS_186-3.rsp", "SigGenPSS_186-2.rsp", "SigGenPSS_186-3.rsp"):
+            salt = re.search(r"# Salt len: *(\d+)", (rsa / name).read_text("latin-1"))
+            if salt:
+                yield from nist_pss(rsa / name, int(salt.group(1)))
+        yield from rsa_laboratories(base / "asymmetric/RSA")
         yield from nist_dsa(base / "asymmetric/DSA/FIPS_186-3/SigVer.rsp")
         yield from nist_ecdsa(base / "asymmetric/ECDSA/FIPS_186-3/SigVer.rsp")
         yield from ed25519(base / "asymmetric/Ed25519/sign.input")
@@ -292,6 +417,8 @@ def of_package(package, folder):
             yield from cbc(path, lambda key: f"AES-{len(key) * 4}-CBC")
         for path in sorted((base / "ciphers/3DES/CBC").glob("TCBC[MV]*.rsp")):
             yield from cbc(path, lambda key: "DES-EDE3-CBC")
+        for name, cipher in (("Blowfish/bf-cbc.txt", "BF-CBC"), ("CAST5/cast5-cbc.txt", "CAST5-CBC"), ("IDEA/idea-cbc.txt", "IDEA-CBC")):
+            yield from cbc(base / "ciphers" / name, lambda _, cipher=cipher: cipher)
         for path in sorted((base / "ciphers/AES/GCM").glob("gcmDecrypt*.rsp")):
             yield from gcm(path)
         for path in sorted((base / "keywrap/kwtestvectors").glob("KW_AD_???.txt")):
@@ -301,6 +428,7 @@ def of_package(package, folder):
             yield from json_vectors(path)
         for path in sorted((folder / "gtests/common/testvectors").glob("*.h")):
             yield from headers(path)
+        yield from wrapped_keys(folder / "gtests/common/testvectors/kw-vectors.h")
 
 
 def agrees(task, expected, answer):

@@ -10,6 +10,8 @@ namespace {
 template <class Number, std::size_t count>
 const char* nameIn(const std::array<const char*, count>& names, Number number) noexcept {
     const auto index = static_cast<std::size_t>(number);
+    // It takes the arrays below, whose type is deduced, for arrays of numbers.
+    // cppcheck-suppress CastIntegerToAddressAtReturn
     return index < count ? names[index] : "unknown";
 }
 

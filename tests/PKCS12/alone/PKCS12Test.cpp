@@ -110,6 +110,37 @@ TEST_F(Pkcs12, KeysOfEveryKindAreImported) {
     }
 }
 
+TEST_F(Pkcs12, WithoutAnyPassword) {
+    // 0 is PBES2, whose PBKDF2 makes the same of no password and of the empty one; PKCS#12's own schemes do not.
+    for (const int cipher : {NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC, 0, -1}) {
+        const auto store = storeOf(pkcs12({.key = &holder(),
+                                           .certificate = &holder(),
+                                           .keyCipher = cipher,
+                                           .certificateCipher = cipher,
+                                           .allUnderNullPassword = true}));
+        const auto thrown = thrownBy([&] { store->read(""); });
+        expectFailure(thrown, "Crypto::PKCS12::read - Incorrect password", 4, "PKCS12", 56);
+        store->readWithoutPassword();
+        const auto certificate = owned(*store);
+        ASSERT_FALSE(certificate.isNull());
+        EXPECT_EQ(certificate->subject().asString(), "CN=Holder");
+        EXPECT_EQ(EVP_PKEY_eq(store->privateKey(), holder().key.get()), 1);
+        EXPECT_TRUE(errorQueueIsEmpty());
+    }
+}
+
+TEST_F(Pkcs12, PasswordsAreNotNone) {
+    for (const char* password : {"", "secret"}) {
+        const auto store = storeOf(pkcs12({.key = &holder(), .certificate = &holder(), .password = password}));
+        const auto thrown = thrownBy([&] { store->readWithoutPassword(); });
+        expectFailure(thrown, "Crypto::PKCS12::read - Incorrect password", 4, "PKCS12", 56);
+        expectEmpty(*store);
+        expectOpens(*store, password);
+    }
+    const auto none = thrownBy([] { Store().readWithoutPassword(); });
+    expectFailure(none, "Crypto::PKCS12::read", 4, "PKCS12");
+}
+
 TEST_F(Pkcs12, OldAndNewCiphersAndNone) {
     for (const int cipher : {NID_pbe_WithSHA1And40BitRC2_CBC, NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_aes_128_cbc,
                              NID_aes_256_cbc, -1}) {

@@ -1,8 +1,6 @@
 #include "Driver.h"
 
-#include <norvcmsg/Exception.h>
-
-#include <openssl/err.h>
+#include "Worker.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -13,217 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <new>
 #include <regex>
 #include <sstream>
+#include <utility>
 
 namespace faults {
 
 namespace {
-
-/// What the worker tells: in memory that both processes have.
-struct Board {
-    int kind;
-    long number; // the fault that is being tried
-    bool over;
-    Tried tried;
-    char place[200];
-};
-
-/// One try.
-struct Outcome {
-    bool came = false;
-    bool thrown = false;
-    bool mayLeaveQueue = false; // of no memory, and of what has no parameter to tell it in
-    Answer answer;
-    std::string place;
-    std::string queue; // what was left in OpenSSL's error queue
-};
-
-std::string queueText() {
-    std::string text;
-    while (const unsigned long code = ERR_get_error()) {
-        char line[256];
-        ERR_error_string_n(code, line, sizeof line);
-        text += std::string(text.empty() ? "" : "; ") + line;
-    }
-    ERR_clear_error(); // the entries keep texts of their own until then
-    return text;
-}
-
-Outcome attempt(const Operation& operation, Kind kind, long number) {
-    const pid_t self = getpid();
-    Outcome outcome;
-    try {
-        arm(kind, number);
-        outcome.answer = operation.act();
-        outcome.came = disarm();
-    } catch (const ChildLeaves&) {
-        _exit(0);
-    } catch (const Norvane::Exception& failure) {
-        outcome.came = disarm();
-        outcome.thrown = true;
-        outcome.mayLeaveQueue = failure.parameters().empty();
-        outcome.answer = {Answer::refused, failure.asString()};
-    } catch (const std::bad_alloc&) {
-        outcome.came = disarm();
-        outcome.thrown = true;
-        outcome.mayLeaveQueue = true;
-        outcome.answer = {Answer::refused, "bad_alloc"};
-    } catch (const StreamFailure&) {
-        outcome.came = disarm();
-        outcome.thrown = true;
-        outcome.answer = {Answer::refused, "stream"};
-    } catch (const std::exception& failure) {
-        outcome.came = disarm();
-        outcome.thrown = true;
-        outcome.answer = {Answer::wrong, std::string("an exception that is not documented: ") + failure.what()};
-    }
-    if (getpid() != self) {
-        _exit(3); // a child of a fault that did not leave
-    }
-    outcome.place = placeOfFault();
-    outcome.queue = queueText();
-    return outcome;
-}
-
-class Worker {
-public:
-    Worker(const Operation& operation, const Extent& extent, Board& board, int findings)
-        : m_operation(operation),
-          m_extent(extent),
-          m_board(board),
-          m_findings(findings) {}
-
-    /// From a kind and number on.
-    void work(int firstKind, long firstNumber) {
-        static constexpr long never = 1000000000;
-        for (int warm = 0; warm < 3; ++warm) {
-            const Outcome outcome = attempt(m_operation, Kind::allocation, never);
-            if (!isSound(outcome)) {
-                tell(Kind::allocation, 0, outcome.place, "without any fault: " + outcome.answer.text);
-                return;
-            }
-        }
-        for (int number = firstKind; number < kindCount; ++number) {
-            const auto kind = static_cast<Kind>(number);
-            attempt(m_operation, kind, never);
-            const long total = never - leftOver();
-            const long places = std::max(1L, m_extent.places / m_operation.weight);
-            const long step = m_extent.all ? 1 : std::max(1L, total / places);
-            for (long at = number == firstKind && firstNumber != 0 ? firstNumber : 1 + total % step; at <= total;
-                 at += step) {
-                m_step = step;
-                m_board.kind = number;
-                m_board.number = at;
-                alarm(120);
-                tryOne(kind, at);
-            }
-        }
-        m_board.over = true;
-    }
-
-private:
-    [[nodiscard]] bool isSound(const Outcome& outcome) const {
-        return m_operation.mustRefuse ? outcome.answer.verdict == Answer::refused
-                                      : !outcome.thrown && outcome.answer.verdict == Answer::done;
-    }
-    void tell(Kind kind, long number, const std::string& place, const std::string& what) const {
-        std::string line = std::string(nameOf(kind)) + "\t" + std::to_string(number) + "\t" + place + "\t" + what;
-        std::replace(line.begin(), line.end(), '\n', ' ');
-        line += '\n';
-        if (::write(m_findings, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-            std::abort();
-        }
-    }
-    void tryOne(Kind kind, long number) {
-        const long memories = liveMemories();
-        const int descriptors = openDescriptors();
-        const int children = failedChildren();
-        const Outcome outcome = attempt(m_operation, kind, number);
-        if (!outcome.came) {
-            return;
-        }
-        std::snprintf(m_board.place, sizeof m_board.place, "%s", outcome.place.c_str());
-        ++m_board.tried.places;
-        judge(kind, number, outcome);
-        if (failedChildren() != children) {
-            tell(kind, number, outcome.place, "the child that was forked came to a bad end");
-        }
-        const Outcome next = attempt(m_operation, Kind::allocation, 1000000000);
-        if (!isSound(next)) {
-            tell(kind, number, outcome.place, "the next operation fails: " + next.answer.text);
-        }
-        if (openDescriptors() != descriptors) {
-            tell(kind, number, outcome.place, "descriptors are left open");
-        }
-        if (liveMemories() > memories) {
-            confirmLeak(kind, number);
-        }
-    }
-    void judge(Kind kind, long number, const Outcome& outcome) {
-        const std::string& text = outcome.answer.text;
-        if (outcome.thrown) {
-            ++m_board.tried.thrown;
-        } else if (outcome.answer.verdict == Answer::done) {
-            ++m_board.tried.done;
-        } else {
-            ++m_board.tried.refused;
-        }
-        if (outcome.answer.verdict == Answer::wrong) {
-            tell(kind, number, outcome.place, "wrong: " + text);
-        } else if (m_operation.mustRefuse && outcome.answer.verdict == Answer::done) {
-            tell(kind, number, outcome.place, "wrong: what is bad was taken: " + text);
-        } else if (!outcome.thrown && outcome.answer.verdict == Answer::refused && !m_operation.mustRefuse &&
-                   !m_operation.mayRefuse) {
-            tell(kind, number, outcome.place, "misjudged: " + text);
-        } else if (!m_operation.mustRefuse && isHarmless(kind) && outcome.answer.verdict != Answer::done) {
-            tell(kind, number, outcome.place, "not carried on: " + text);
-        }
-        // OpenSSL may go on without a memory and leave the word of it.
-        const bool ofMemory = kind == Kind::opensslAllocation && outcome.answer.verdict == Answer::done &&
-                              outcome.queue.find("malloc failure") != std::string::npos;
-        if (!outcome.queue.empty() && !m_operation.leavesQueue && !outcome.mayLeaveQueue && !ofMemory) {
-            tell(kind, number, outcome.place, "left in the error queue: " + outcome.queue + " after " + text);
-        }
-    }
-    /// What nobody outside must notice.
-    static bool isHarmless(Kind kind) {
-        return kind == Kind::readIsShort || kind == Kind::writeIsShort || kind == Kind::callIsInterrupted ||
-               kind == Kind::forks;
-    }
-    /// Something may have been made for good, once. A leak is what each run adds.
-    void confirmLeak(Kind kind, long number) {
-        long grown = 0;
-        for (int turn = 0; turn < 3; ++turn) {
-            const long before = liveMemories();
-            if (turn == 2) {
-                recordMemories();
-            }
-            attempt(m_operation, kind, number);
-            if (turn == 2) {
-                m_leaks = recordedMemories();
-            }
-            attempt(m_operation, Kind::allocation, 1000000000);
-            if (liveMemories() <= before) {
-                return;
-            }
-            grown = liveMemories() - before;
-        }
-        std::string text = "leak: " + std::to_string(grown);
-        for (std::size_t i = 0; i < std::min<std::size_t>(m_leaks.size(), 3); ++i) {
-            text += " | " + m_leaks[i];
-        }
-        tell(kind, number, placeOfFault(), text);
-    }
-
-    const Operation& m_operation;
-    Extent m_extent;
-    Board& m_board;
-    int m_findings;
-    long m_step = 1;
-    std::vector<std::string> m_leaks;
-};
 
 /// What the worker left on standard error, as "reason: function < function ...".
 std::string crashOf(const std::string& output, int status) {
@@ -257,25 +51,6 @@ std::string contentOf(std::FILE* file) {
     return all;
 }
 
-Finding findingOf(const std::string& operation, const std::string& line) {
-    Finding finding;
-    finding.operation = operation;
-    std::istringstream in(line);
-    std::string kind;
-    std::string number;
-    std::getline(in, kind, '\t');
-    std::getline(in, number, '\t');
-    std::getline(in, finding.place, '\t');
-    std::getline(in, finding.what);
-    for (int i = 0; i < kindCount; ++i) {
-        if (kind == nameOf(static_cast<Kind>(i))) {
-            finding.kind = static_cast<Kind>(i);
-        }
-    }
-    finding.number = std::stol(number);
-    return finding;
-}
-
 } // namespace
 
 std::string textOf(const Finding& finding) {
@@ -283,21 +58,38 @@ std::string textOf(const Finding& finding) {
            finding.place + ": " + finding.what;
 }
 
+Tried& Tried::operator+=(const Tried& other) {
+    places += other.places;
+    done += other.done;
+    refused += other.refused;
+    thrown += other.thrown;
+    return *this;
+}
+
 Extent extent() {
-    const char* const asked = std::getenv("NORV_FAULTS");
-    if (asked == nullptr) {
-        return {};
+    Extent extent;
+    if (const char* const asked = std::getenv("NORV_FAULTS"); asked != nullptr) {
+        extent.all = std::strcmp(asked, "all") == 0;
+        extent.stacks = std::strcmp(asked, "stacks") == 0;
+        extent.places = extent.all || extent.stacks ? 0 : std::max(1L, std::atol(asked));
     }
-    return std::strcmp(asked, "all") == 0 ? Extent{true, 0} : Extent{false, std::max(1L, std::atol(asked))};
+    if (const char* const file = std::getenv("NORV_FAULTS_RECORD"); file != nullptr) {
+        extent.record = file;
+    }
+    return extent;
 }
 
 std::vector<Finding> run(const Operation& operation, const Extent& extent, Tried& tried) {
     auto* const board =
         static_cast<Board*>(mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     *board = Board();
-    std::vector<Finding> findings;
-    int kind = 0;
-    long number = 0;
+    const Record record(extent.record);
+    Record::Known known = record.known(operation.name);
+    std::vector<Finding> findings = std::move(known.findings);
+    for (const auto& [kind, progress] : known.kinds) {
+        board->kinds.at(static_cast<std::size_t>(kind)) = progress;
+    }
+    std::pair<int, long> last{-1, -1};
     while (!board->over) {
         std::FILE* const lines = std::tmpfile();
         std::FILE* const output = std::tmpfile();
@@ -305,31 +97,31 @@ std::vector<Finding> run(const Operation& operation, const Extent& extent, Tried
         const pid_t child = fork();
         if (child == 0) {
             dup2(fileno(output), STDERR_FILENO);
-            Worker(operation, extent, *board, fileno(lines)).work(kind, number);
+            Worker(operation, extent, *board, fileno(lines)).work();
             _exit(0);
         }
         int status = -1;
         waitpid(child, &status, 0);
         std::istringstream told(contentOf(lines));
         for (std::string line; std::getline(told, line);) {
-            findings.push_back(findingOf(operation.name, line));
+            findings.push_back(findingOf(line));
         }
         if (status != 0) {
-            Finding crash;
-            crash.operation = operation.name;
-            crash.kind = static_cast<Kind>(board->kind);
-            crash.number = board->number;
-            crash.what = "crash: " + crashOf(contentOf(output), status);
-            findings.push_back(crash);
+            findings.push_back({operation.name, static_cast<Kind>(board->kind), board->number, "",
+                                "crash: " + crashOf(contentOf(output), status)});
+            record.write(lineOf(findings.back()));
+            const std::pair<int, long> place{board->kind, board->number};
+            board->over = place == last; // it does not even come as far as the next fault
+            last = place;
         } else if (!board->over) {
             board->over = true; // it fails without a fault
         }
         std::fclose(lines);
         std::fclose(output);
-        kind = board->kind;
-        number = board->number + 1;
     }
-    tried = board->tried;
+    for (const Progress& progress : board->kinds) {
+        tried += progress.tried;
+    }
     munmap(board, sizeof(Board));
     return findings;
 }

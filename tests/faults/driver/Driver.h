@@ -5,6 +5,7 @@
 #include "Faults.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,14 +54,19 @@ struct Tried {
     long done = 0;
     long refused = 0;
     long thrown = 0;
+    Tried& operator+=(const Tried& other);
 };
 
 /// How many places of each kind are tried: all of them, or about so many.
 struct Extent {
     bool all = false;
+    bool stacks = false; ///< or one for each stack of calls from which a fault can come
     long places = 8;
+    std::optional<Kind> only{}; ///< the one kind that is tried; all of them when there is none
+    /// A file that keeps what was tried, so that another run goes on there; none when it is empty.
+    std::string record;
 };
-/// As the environment says: NORV_FAULTS=all, or a number.
+/// As the environment says: NORV_FAULTS=all, stacks, or a number; NORV_FAULTS_RECORD=FILE.
 Extent extent();
 
 /// Runs the operation with all kinds of faults, in processes of its own, so that a crash is a finding like others.

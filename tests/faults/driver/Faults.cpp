@@ -1,16 +1,21 @@
 #include "State.h"
 
 #include <dirent.h>
+#include <execinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <string_view>
 
 namespace faults {
 
 thread_local State state;
+thread_local std::vector<std::size_t>* stacks = nullptr;
 
 namespace {
 
@@ -22,6 +27,9 @@ std::size_t passing(Kind kind, std::size_t count, const char* place) {
     State& mine = state;
     if (!mine.armed || mine.paused != 0 || mine.kind != kind || mine.came) {
         return count;
+    }
+    if (stacks != nullptr) {
+        noteStack(count);
     }
     if (mine.left > static_cast<long>(count)) {
         mine.left -= static_cast<long>(count);
@@ -100,6 +108,30 @@ void arm(Kind kind, long number) {
 bool disarm() {
     state.armed = false;
     return state.came;
+}
+
+void noteStack(std::size_t times) noexcept {
+    const Pause pause;
+    std::array<void*, 40> frames{};
+    const int depth = backtrace(frames.data(), static_cast<int>(frames.size()));
+    const std::string_view bytes(reinterpret_cast<const char*>(frames.data()),
+                                 sizeof(void*) * static_cast<std::size_t>(depth));
+    stacks->insert(stacks->end(), times, std::hash<std::string_view>()(bytes));
+}
+
+std::vector<long> placesOfDifferentStacks(const std::function<void()>& act) {
+    std::vector<std::size_t> found;
+    stacks = &found;
+    act();
+    stacks = nullptr;
+    std::set<std::size_t> seen;
+    std::vector<long> places;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        if (seen.insert(found[i]).second) {
+            places.push_back(static_cast<long>(i) + 1);
+        }
+    }
+    return places;
 }
 
 long leftOver() {

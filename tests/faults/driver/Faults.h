@@ -7,6 +7,7 @@
 #include <norvcmsg/Media.h>
 
 #include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -43,6 +44,9 @@ void arm(Kind kind, long number);
 bool disarm();
 /// How many more of its kind the fault that was armed last would have needed.
 long leftOver();
+/// The numbers of the faults of which each has another stack of calls than those before it, when `act` arms one that never
+/// comes and does what it does.
+std::vector<long> placesOfDifferentStacks(const std::function<void()>& act);
 /// Where the fault came, as far as it is known: "crypto/asn1/a_object.c:123", "pread".
 std::string placeOfFault();
 

@@ -185,6 +185,11 @@ ListPlaces crlDistributionPoints(X509* certificate) {
     return result;
 }
 
+bool hasUnusableExtension(X509* certificate) {
+    const QuietQuestion quiet;
+    return (X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0;
+}
+
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate) {
     static constexpr std::array<std::pair<unsigned int, const char*>, 9> bits{{
         {KU_DIGITAL_SIGNATURE, "digitalSignature"},

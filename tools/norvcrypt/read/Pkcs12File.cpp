@@ -25,6 +25,16 @@ bool isWrongPassword(const Norvane::Exception& failure) {
     return reason != nullptr && reason->empty();
 }
 
+void readUnder(const std::string& passphrase, Norvane::Crypto::PKCS12::Store& store) {
+    try {
+        store.read(passphrase);
+    } catch (const Norvane::Exception& failure) {
+        if (!passphrase.empty() || !isWrongPassword(failure))
+            throw;
+        store.readWithoutPassword(); // programs differ in what they make where nothing is typed
+    }
+}
+
 } // namespace
 
 std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
@@ -37,7 +47,7 @@ std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path,
     Norvane::Crypto::MemoryBIO source(file);
     try {
         Norvane::Crypto::PKCS12::Store store(source);
-        store.read(passphrase.text());
+        readUnder(passphrase.text(), store);
         Pkcs12Content content{store.privateKey(), {}};
         // The store's own certificate is nobody's.
         if (!store.certificate().isNull())

@@ -162,6 +162,8 @@ Description certificateFacts(const NVX509::RefCertificate& certificate) {
     putTexts(facts, "crlDistributionPoints", lists.places);
     if (lists.malformed)
         problem(facts, "malformed CRL distribution points");
+    if (!names.malformed && !lists.malformed && hasUnusableExtension(x509))
+        problem(facts, "an extension that is malformed or stands twice");
     return facts;
 }
 

@@ -85,7 +85,8 @@ Field continuedBy(Field field, const char* lead) {
 Field blanksBehindColon(Field field, const char* blanks) {
     std::string& line = field.front().octets;
     const std::size_t colon = line.find(':') + 1;
-    line = line.substr(0, colon) + blanks + std::string(withoutBlanksInFront(std::string_view(line).substr(colon)));
+    const std::string rest(withoutBlanksInFront(std::string_view(line).substr(colon)));
+    line.replace(colon, std::string::npos, blanks + rest);
     return field;
 }
 
