@@ -263,10 +263,11 @@ void unsignedMails() {
                                "\r\n\r\ncaf=C3=A9 =\r\nsoft\r\n";
     const std::string eightBit = "Content-Type: text/html; charset=utf-8\r\n\r\n<p>caf\xC3\xA9\r\nlone\rreturn\r\n";
     const std::string digest = "Content-Type: multipart/digest; boundary=d\n\n--d\n\nSubject: inner\n\ntext\n--d--\n";
+    const std::string noParts = "Content-Type: multipart/mixed; boundary=b\n\npreamble\n--b--\n--b\n\nhidden\n--b--\n";
     const std::string bytes = "Content-Type: image/png\r\nContent-Transfer-Encoding: binary\r\n\r\n" +
                               std::string("\x89PNG\r\n\x1A\n\0\xFF", 10);
     char choice = 0;
-    for (const std::string& entity : {parts, quoted, eightBit, digest, bytes, std::string("\r\nplain\r\n")}) {
+    for (const std::string& entity : {parts, quoted, eightBit, digest, bytes, std::string("\r\nplain\r\n"), noParts}) {
         for (int turn = 0; turn < 4; ++turn) {
             put("fuzz_smime_writer", "mail" + std::to_string(choice), choice + fields + entity);
             choice = static_cast<char>(choice + 11);

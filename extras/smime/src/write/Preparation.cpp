@@ -253,10 +253,10 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest"});
         eightBit = eightBit || (!m_writing && (m_parts[first].eightBit || m_parts[first].eightBitHeader));
     }
-    if (count != 0) {
-        put("\r\n");
-    }
     if (count != 0 || parts.isClosed()) {
+        if (count != 0 || hasPreamble) {
+            put("\r\n");
+        }
         put("--" + type.boundary + "--\r\n");
     }
     const bool hasEpilogue = walkFrame(entity.body, m_parts[number].epilogue);

@@ -201,6 +201,14 @@ TEST(SmimePreparationTest, ClosesAMultipartThatIsCutOff) {
               "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b--\r\n");
 }
 
+// A delimiter on the line of the preamble would be none: what comes behind it, which nobody was shown, would be a part.
+TEST(SmimePreparationTest, TheLastDelimiterOfAMultipartWithoutPartsHasALineOfItsOwn) {
+    EXPECT_EQ(prepared("Content-Type: multipart/mixed; boundary=b\n\npreamble\n--b--\n--b\n\nhidden\n--b--\n"),
+              "Content-Type: multipart/mixed; boundary=b\r\n\r\npreamble\r\n--b--\r\n--b\r\n\r\nhidden\r\n--b--\r\n");
+    EXPECT_EQ(prepared("Content-Type: multipart/mixed; boundary=b\n\n--b--\nepilogue\n"),
+              "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b--\r\nepilogue\r\n");
+}
+
 TEST(SmimePreparationTest, KeepsPartsThatHaveNothing) {
     EXPECT_EQ(prepared("Content-Type: multipart/mixed; boundary=b\n\n--b\n--b\n\n--b\n\n\n--b\nContent-ID: <x>\n--b--"),
               "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n\r\n\r\n--b\r\n\r\n\r\n--b\r\n\r\n\r\n"
