@@ -164,12 +164,13 @@ bool addVector(Node& root) {
 }
 
 const std::vector<Change>& repairs() {
+    // Sets first: what they hold is not seen before.
     static const std::vector<Change> all{
+        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, EnvelopeParts(root).sets()); }},
         {Outcome::segmentOfAnotherTag,
          [](Node& root) { return retagSegments(root, EnvelopeParts(root).strings(), false); }},
         {Outcome::segmentOfTagZero,
          [](Node& root) { return retagSegments(root, EnvelopeParts(root).strings(), true); }},
-        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, EnvelopeParts(root).sets()); }},
         {Outcome::attributesNotDer, encodeAttributes},
         {Outcome::contentTypeUnnamed, nameContentType},
         {Outcome::originatorKeyInSegments, joinBitStrings},

@@ -284,11 +284,12 @@ std::optional<Outcome> whyWider(const Bytes& octets, const Answer& reader, const
 
 std::optional<Outcome> whyStricter(const Bytes& octets, const Answer& reader, const Answer& openssl,
                                    std::string& finding) {
+    // Sets first: what they hold is not seen before.
     static const std::vector<Change> repairs{
+        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, SignedParts(root).sets()); }},
         {Outcome::segmentOfAnotherTag,
          [](Node& root) { return retagSegments(root, SignedParts(root).strings(), false); }},
         {Outcome::segmentOfTagZero, [](Node& root) { return retagSegments(root, SignedParts(root).strings(), true); }},
-        {Outcome::primitiveSet, [](Node& root) { return constructSets(root, SignedParts(root).sets()); }},
         {Outcome::attributesNotDer, encodeAttributes},
         {Outcome::certificateNotDer, encodeCertificates},
         {Outcome::tooDeep, flatten}};
