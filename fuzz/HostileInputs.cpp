@@ -41,17 +41,6 @@ Buffer bufferOf(const std::string& text) {
     return {text.data(), static_cast<unsigned int>(text.size()), false};
 }
 
-/// Does something that may be answered with an exception.
-template <class Act> Prepared prepared(std::size_t octets, Act act) {
-    return {octets, [act] {
-                try {
-                    act();
-                } catch (const Norvane::Exception&) {
-                    ERR_clear_error();
-                }
-            }};
-}
-
 const Key& anyKey() {
     static const Key key = Key::ec();
     return key;

@@ -44,16 +44,6 @@ std::string repeated(const std::string& text, std::size_t count) {
     return all;
 }
 
-template <class Act> Prepared prepared(std::size_t octets, Act act) {
-    return {octets, [act] {
-                try {
-                    act();
-                } catch (const Norvane::Exception&) {
-                    ERR_clear_error();
-                }
-            }};
-}
-
 // Mails
 
 Prepared mail(const std::string& text) {

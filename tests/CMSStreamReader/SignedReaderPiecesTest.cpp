@@ -16,17 +16,6 @@ const Bytes& body() {
     return content;
 }
 
-/// A message that was read to its end.
-struct Read {
-    explicit Read(const Bytes& structure) : in(structure), message(in) {
-        Norvane::NullMediaOut out;
-        message.write(out);
-    }
-    [[nodiscard]] SignatureResult verdict() const { return message.verdict(message.signers().front()); }
-    StrictIn in;
-    SignedReader message;
-};
-
 std::string faultOf(const Bytes& structure) {
     const auto thrown = norvtest::thrownBy([&] { const Read read(structure); });
     norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");

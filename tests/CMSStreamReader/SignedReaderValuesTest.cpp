@@ -16,18 +16,6 @@ const Bytes& body() {
     return content;
 }
 
-/// A message that was read to its end.
-struct Read {
-    explicit Read(const Bytes& structure) : in(structure), message(in) {
-        Norvane::NullMediaOut out;
-        message.write(out);
-    }
-    [[nodiscard]] Signer signer() const { return message.signers().front(); }
-    [[nodiscard]] SignatureResult verdict() const { return message.verdict(signer()); }
-    StrictIn in;
-    SignedReader message;
-};
-
 Bytes withMore(const std::vector<Bytes>& attributes, const std::vector<Bytes>& unsignedOnes = {}) {
     HandMadeSigner signer;
     signer.attributes = usualAttributes(body());

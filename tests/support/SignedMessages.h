@@ -181,4 +181,16 @@ inline Bytes attachedBy(const HandMadeSigner& signer, const Bytes& body) {
     return message.made();
 }
 
+/// A message that was read to its end.
+struct Read {
+    explicit Read(const Bytes& structure) : in(structure), message(in) {
+        Norvane::NullMediaOut out;
+        message.write(out);
+    }
+    [[nodiscard]] CMS::SignedReader::Signer signer() const { return message.signers().front(); }
+    [[nodiscard]] CMS::SignatureResult verdict() const { return message.verdict(signer()); }
+    StrictIn in;
+    CMS::SignedReader message;
+};
+
 } // namespace cmstest
