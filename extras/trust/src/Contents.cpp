@@ -46,9 +46,16 @@ void addList(const Buffer& der, const std::string& which, FileContents& contents
 
 /// The certificates and lists of a structure outlive it: OpenSSL counts the handles on them.
 void addStructure(const Buffer& der, const std::string& which, FileContents& contents) {
+    const auto isOfNoUse = [&] {
+        contents.problems.push_back(which + "is a structure that does not decode, or is no signed data");
+    };
     try {
         MemoryMediaIn source(der);
         const CMS::RefContentInfo structure(source);
+        if (const PKCS7* const decoded = structure; decoded == nullptr || !PKCS7_type_is_signed(decoded)) {
+            isOfNoUse();
+            return;
+        }
         const auto signedData = CMS::signedData(structure);
         for (const RefCertificate& one : signedData.certificates()) {
             if (X509* const x509 = one; x509 != nullptr && X509_up_ref(x509) == 1) {
@@ -63,7 +70,7 @@ void addStructure(const Buffer& der, const std::string& which, FileContents& con
             }
         }
     } catch (const Exception&) {
-        contents.problems.push_back(which + "is a structure that does not decode, or is no signed data");
+        isOfNoUse();
     }
 }
 

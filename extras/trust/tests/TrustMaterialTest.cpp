@@ -128,17 +128,20 @@ TEST_F(TrustMaterial, WhatIsNotUsedIsTold) {
 
 TEST_F(TrustMaterial, BlocksThatAreNotUsedAreTold) {
     const norvauthority::Bytes broken{0x30, 0x03, 0x02, 0x01, 0x01};
+    const norvauthority::Bytes plainData{0x30, 0x0F, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, // id-data, empty
+                                         0x0D, 0x01, 0x07, 0x01, 0xA0, 0x02, 0x04, 0x00};
     std::string encrypted = m_root.certificate.pem();
     encrypted.insert(encrypted.find('\n') + 1,
                      "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
-    m_material.addAnchors(m_folder.write("all.pem", norvauthority::pem("X509 CRL", broken) +
-                                                        norvauthority::pem("PKCS7", broken) + encrypted +
-                                                        m_root.certificate.pem()));
+    m_material.addAnchors(
+        m_folder.write("all.pem", norvauthority::pem("X509 CRL", broken) + norvauthority::pem("PKCS7", broken) +
+                                      encrypted + m_root.certificate.pem() + norvauthority::pem("CMS", plainData)));
     EXPECT_EQ(counts(), "1 0 0");
     EXPECT_THAT(problems(), testing::UnorderedElementsAre(
                                 "all.pem: block 1 in it does not decode",
                                 "all.pem: block 2 in it is a structure that does not decode, or is no signed data",
-                                "all.pem: block 3 in it is encrypted"));
+                                "all.pem: block 3 in it is encrypted",
+                                "all.pem: block 5 in it is a structure that does not decode, or is no signed data"));
 }
 
 TEST_F(TrustMaterial, FilesThatAreTooLargeAreNotRead) {
