@@ -9,6 +9,8 @@
 
 #include <norvcrypto/CMSSignedReader.h>
 
+#include <openssl/x509.h>
+
 #include <algorithm>
 #include <array>
 
