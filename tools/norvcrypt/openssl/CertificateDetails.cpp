@@ -226,7 +226,7 @@ std::string signatureAlgorithm(const X509_ALGOR* algorithm) {
     if (algorithm == nullptr)
         return "";
     const QuietQuestion quiet;
-    const std::string name = objectName(algorithm->algorithm);
+    std::string name = objectName(algorithm->algorithm);
     if (OBJ_obj2nid(algorithm->algorithm) != NID_rsassaPss)
         return name;
     const Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free> parameters(static_cast<RSA_PSS_PARAMS*>(
