@@ -62,9 +62,11 @@ NamePtr nameOf(const std::string& subject) {
             const QuietQuestion quiet;
             const bool known = OBJ_txt2nid(type.c_str()) != NID_undef;
             ERR_clear_error();
-            throw Failure(known
-                              ? "the value of " + type + " in the subject is too long, too short or no UTF-8: " + value
-                              : "no kind of name: " + type + " (CN, O, OU, L, ST, C and emailAddress are some)");
+            std::string reason = known ? "the value of " : "no kind of name: ";
+            reason += type;
+            reason += known ? " in the subject is too long, too short or no UTF-8: " + value
+                            : " (CN, O, OU, L, ST, C and emailAddress are some)";
+            throw Failure(reason);
         }
     }
     return name;
