@@ -41,14 +41,10 @@ bool areSigned(PKCS7* structure, BIO* chain) {
     for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
         const PKCS7_SIGNER_INFO* signer = sk_PKCS7_SIGNER_INFO_value(signers, i);
         const int length = ASN1_STRING_length(signer->enc_digest);
-        if (length < 0 || !isLengthOfSignature(signer->pkey, static_cast<std::size_t>(length))) {
-            return false;
-        }
         EVP_MD_CTX* digested = nullptr;
-        if (isRsa(signer->pkey) && (BIO_get_md_ctx(BIO_find_type(chain, BIO_TYPE_MD), &digested) <= 0 ||
-                                    verifyFinal(digested, ASN1_STRING_get0_data(signer->enc_digest),
-                                                static_cast<unsigned int>(length), signer->pkey) != 1)) {
-            renewBlinding(signer->pkey);
+        if (length < 0 || BIO_get_md_ctx(BIO_find_type(chain, BIO_TYPE_MD), &digested) <= 0 ||
+            !isSound(digested, ASN1_STRING_get0_data(signer->enc_digest), static_cast<std::size_t>(length),
+                     signer->pkey)) {
             return false;
         }
     }

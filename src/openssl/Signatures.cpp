@@ -43,6 +43,16 @@ void renewBlinding(EVP_PKEY* key) noexcept {
     }
 }
 
+bool isSound(EVP_MD_CTX* context, const unsigned char* signature, std::size_t length, EVP_PKEY* key) noexcept {
+    const ErrorMark mark;
+    if (isLengthOfSignature(key, length) &&
+        (!isRsa(key) || verifyFinal(context, signature, static_cast<unsigned int>(length), key) == 1)) {
+        return true;
+    }
+    renewBlinding(key);
+    return false;
+}
+
 bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& length, EVP_PKEY* key) {
     if (key == nullptr) {
         queueError("EVP_SignFinal", ERR_LIB_EVP, ERR_R_PASSED_NULL_PARAMETER);
@@ -53,16 +63,15 @@ bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& leng
         if (EVP_SignFinal(context, signature, &length, key) == 0) {
             return false;
         }
-        if (isLengthOfSignature(key, length) && (!isRsa(key) || verifyFinal(context, signature, length, key) == 1)) {
+        if (isSound(context, signature, length, key)) {
             return true;
         }
-        renewBlinding(key);
     }
     queueError("EVP_SignFinal", ERR_LIB_EVP, ERR_R_INTERNAL_ERROR);
     return false;
 }
 
-int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key) {
+int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key) noexcept {
     if (key == nullptr) {
         queueError("EVP_VerifyFinal", ERR_LIB_EVP, ERR_R_PASSED_NULL_PARAMETER);
         return -1;

@@ -19,6 +19,10 @@ bool isRsa(EVP_PKEY* key) noexcept;
 /// Uses an RSA key until what it computes is right again. For other keys nothing. Leaves the error queue as it was.
 void renewBlinding(EVP_PKEY* key) noexcept;
 
+/// Whether this was just made with the key over what the context digested. If not, the next one will be. Leaves the error
+/// queue as it was.
+bool isSound(EVP_MD_CTX* context, const unsigned char* signature, std::size_t length, EVP_PKEY* key) noexcept;
+
 /// Signs what the context digested. `signature` has room for EVP_PKEY_size(key) bytes; `length` becomes the
 /// signature's. False, with an entry in the error queue, on failure; a null key is one.
 bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& length, EVP_PKEY* key);
@@ -26,6 +30,6 @@ bool signFinal(EVP_MD_CTX* context, unsigned char* signature, unsigned int& leng
 /// 1: the signature is good, 0: it is wrong, which leaves nothing in the error queue; negative: it could not be
 /// checked, a null key included. What OpenSSL queued then stays in the queue; for a malformed DSA or EC signature it is
 /// nothing.
-int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key);
+int verifyFinal(EVP_MD_CTX* context, const unsigned char* signature, unsigned int length, EVP_PKEY* key) noexcept;
 
 } // namespace Norvane::Crypto::openssl

@@ -266,6 +266,7 @@ std::vector<unsigned char> SigningKey::signDigest(framing::Octets digest) const 
         if (!m_rsa) {
             return signature;
         }
+        const ErrorMark mark;
         const KeyContextPtr checking = context(EVP_PKEY_verify_init);
         if (checking != nullptr &&
             EVP_PKEY_verify(checking.get(), signature.data(), signature.size(), digest.data(), digest.size()) == 1) {

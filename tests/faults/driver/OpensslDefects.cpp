@@ -1,5 +1,5 @@
 // What OpenSSL 3.0 does without memory that nobody who calls it can tell from something else. Each row has an experiment
-// with OpenSSL alone in FaultsOfMessagesTest.
+// with OpenSSL alone in messages/WithoutMemoryTest.cpp.
 
 #include "OpensslDefects.h"
 
