@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <poll.h>
 #include <span>
 
@@ -29,6 +30,20 @@ bool isHostName(const std::string& name) {
         return std::isalnum(one) != 0 || one == '-' || one == '.';
     });
 }
+
+/// Of a message, which may be a secret: wiped when it goes.
+struct Piece {
+    Piece() { sent.reserve(2 * read.size()); } // at most two for each, so that it never moves
+    ~Piece() {
+        ::explicit_bzero(read.data(), read.size());
+        ::explicit_bzero(sent.data(), sent.capacity());
+    }
+    Piece(const Piece&) = delete;
+    Piece& operator=(const Piece&) = delete;
+
+    std::array<unsigned char, 16384> read{};
+    std::string sent;
+};
 
 char upper(char one) {
     return static_cast<char>(std::toupper(static_cast<unsigned char>(one)));
@@ -94,13 +109,13 @@ SmtpAnswer Smtp::command(const std::string& line) {
 }
 
 SmtpAnswer Smtp::content(Norvane::MediaIn whole) {
-    std::array<unsigned char, 16384> piece{};
-    std::string out;
+    Piece piece;
+    std::string& out = piece.sent;
     bool isAtBegin = true;
     bool hasCr = false;
-    for (int length = 0; (length = whole.read(piece.data(), piece.size())) > 0;) {
+    for (int length = 0; (length = whole.read(piece.read.data(), piece.read.size())) > 0;) {
         out.clear();
-        for (const unsigned char octet : std::span(piece.data(), static_cast<std::size_t>(length))) {
+        for (const unsigned char octet : std::span(piece.read).first(static_cast<std::size_t>(length))) {
             // A line feed by itself, which servers differ on, must not make a line here that is none there.
             if (octet == '\n' && !hasCr)
                 out += '\r';
