@@ -17,25 +17,13 @@ import subprocess
 import sys
 import tempfile
 
+from processes import openssl_cms, processor_seconds
+
 folder, program, result = (os.path.abspath(word) for word in sys.argv[1:4])
 options = dict(word[2:].split("=", 1) for word in sys.argv[4:] if "=" in word)
 mails, rounds = int(options.get("mails", 1000)), int(options.get("rounds", 5))
 certificate, key, root = (os.path.join(folder, name) for name in ("certificate.pem", "key.pem", "root.pem"))
 OPENSSL, STARTS, TOOL = "`openssl cms`, a process each", "`openssl version`, as often", "norvcrypt, one process"
-nowhere = os.open(os.devnull, os.O_RDWR)
-
-
-def cost(command):
-    streams = [(os.POSIX_SPAWN_DUP2, nowhere, descriptor) for descriptor in (0, 1, 2)]
-    child = os.posix_spawnp(command[0], command, os.environ, file_actions=streams)
-    _, status, used = os.wait4(child, 0)
-    if status != 0:
-        sys.exit(f"failed: {' '.join(command)[:300]}")
-    return used.ru_utime + used.ru_stime
-
-
-def openssl(*arguments):
-    return ["openssl", "cms", "-binary", *arguments]
 
 
 def tasks(work):
@@ -44,17 +32,17 @@ def tasks(work):
     listed = ["--files-from", os.path.join(work, "list")]
     return [
         ("sign", "", ".p7s",
-         lambda name, out: openssl("-sign", "-in", name, "-signer", certificate, "-inkey", key, "-outform", "DER", "-out", out),
+         lambda name, out: openssl_cms("-sign", "-in", name, "-signer", certificate, "-inkey", key, "-outform", "DER", "-out", out),
          lambda out: ["sign", *identity, *listed, "--out-dir", out]),
         ("verify", ".p7s", None,
-         lambda name, out: openssl("-verify", "-inform", "DER", "-in", name, "-content", name[:-4], "-CAfile", root, "-out",
+         lambda name, out: openssl_cms("-verify", "-inform", "DER", "-in", name, "-content", name[:-4], "-CAfile", root, "-out",
                                    os.devnull),
          lambda out: ["verify", "--ca", root, *listed]),
         ("encrypt", "", ".p7m",
-         lambda name, out: openssl("-encrypt", "-aes256", "-in", name, "-recip", certificate, "-outform", "DER", "-out", out),
+         lambda name, out: openssl_cms("-encrypt", "-aes256", "-in", name, "-recip", certificate, "-outform", "DER", "-out", out),
          lambda out: ["encrypt", "--to", certificate, *listed, "--out-dir", out]),
         ("decrypt", ".p7m", "",
-         lambda name, out: openssl("-decrypt", "-inform", "DER", "-in", name, "-recip", certificate, "-inkey", key, "-out", out),
+         lambda name, out: openssl_cms("-decrypt", "-inform", "DER", "-in", name, "-recip", certificate, "-inkey", key, "-out", out),
          lambda out: ["decrypt", *identity, *listed, "--out-dir", out]),
     ]
 
@@ -78,7 +66,7 @@ with tempfile.TemporaryDirectory(dir=folder) as work:
         if options.get("only", task) != task:
             if before == "":  # what another task reads is wanted all the same
                 for name in names:
-                    cost(one(name, name + after))
+                    processor_seconds(one(name, name + after))
             continue
         inputs = [name + before for name in names]
         with open(os.path.join(work, "list"), "w", encoding="utf-8") as listed:
@@ -91,11 +79,11 @@ with tempfile.TemporaryDirectory(dir=folder) as work:
                 shutil.rmtree(out, ignore_errors=True)
                 os.mkdir(out)
                 if who == OPENSSL:
-                    used = sum(cost(one(name, os.path.join(out, os.path.basename(name)))) for name in inputs)
+                    used = sum(processor_seconds(one(name, os.path.join(out, os.path.basename(name)))) for name in inputs)
                 elif who == STARTS:
-                    used = sum(cost(["openssl", "version"]) for _ in inputs)
+                    used = sum(processor_seconds(["openssl", "version"]) for _ in inputs)
                 else:
-                    used = cost([program, *many(out), "--quiet"])
+                    used = processor_seconds([program, *many(out), "--quiet"])
                     if after is not None and len(os.listdir(out)) != mails:
                         sys.exit("not all were made")
                 seconds[who].append(used)

@@ -11,6 +11,8 @@ import shutil
 import sys
 import tempfile
 
+from processes import openssl_cms, processor_seconds
+
 folder, program = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 quick = "--quick" in sys.argv
 MEGABYTE = 1 << 20
@@ -20,44 +22,24 @@ POINTS = [point for point in POINTS if point[0] <= most]
 FEW = 8 * MEGABYTE  # written files up to this are left until the end: removing them now and then makes making them slower
 
 
-def openssl(*arguments):
-    return ["openssl", "cms", "-binary", *arguments]
-
-
 def tasks(work):
     certificate, key, root = (os.path.join(folder, name) for name in ("certificate.pem", "key.pem", "root.pem"))
     body, signature, message = (os.path.join(work, name) for name in ("body", "signature", "message"))
     identity = ["--cert", certificate, "--key", key]
-    sign = openssl("-sign", "-in", body, "-signer", certificate, "-inkey", key, "-outform", "DER", "-out")
-    encrypt = openssl("-encrypt", "-aes256", "-in", body, "-recip", certificate, "-outform", "DER", "-out")
-    prepare([*sign, signature])
-    prepare([*encrypt, message])
+    sign = openssl_cms("-sign", "-in", body, "-signer", certificate, "-inkey", key, "-outform", "DER", "-out")
+    encrypt = openssl_cms("-encrypt", "-aes256", "-in", body, "-recip", certificate, "-outform", "DER", "-out")
+    processor_seconds([*sign, signature])
+    processor_seconds([*encrypt, message])
     return [
         ("sign", [*sign, None], [program, "sign", *identity, "--in", body, "--out", None]),
         ("verify",
-         openssl("-verify", "-inform", "DER", "-in", signature, "-content", body, "-CAfile", root, "-out", "/dev/null"),
+         openssl_cms("-verify", "-inform", "DER", "-in", signature, "-content", body, "-CAfile", root, "-out", "/dev/null"),
          [program, "verify", "--signature", signature, "--in", body]),
         ("encrypt", [*encrypt, None], [program, "encrypt", "--to", certificate, "--in", body, "--out", None]),
         ("decrypt",
-         openssl("-decrypt", "-inform", "DER", "-in", message, "-recip", certificate, "-inkey", key, "-out", None),
+         openssl_cms("-decrypt", "-inform", "DER", "-in", message, "-recip", certificate, "-inkey", key, "-out", None),
          [program, "decrypt", *identity, "--in", message, "--out", None]),
     ]
-
-
-nowhere = os.open(os.devnull, os.O_RDWR)
-
-
-def run(command):
-    streams = [(os.POSIX_SPAWN_DUP2, nowhere, descriptor) for descriptor in (0, 1, 2)]
-    child = os.posix_spawnp(command[0], command, os.environ, file_actions=streams)
-    _, status, used = os.wait4(child, 0)
-    if status != 0:
-        sys.exit(f"failed: {' '.join(command)}")
-    return used.ru_utime + used.ru_stime
-
-
-def prepare(command):
-    run(command)
 
 
 print("task,who,x,round,seconds")
@@ -77,7 +59,7 @@ for size, rounds in POINTS:
                 for who, command in contestants[turn % 2:] + contestants[:turn % 2]:
                     number += 1
                     target = os.path.join(made, str(number))
-                    seconds = run([target if word is None else word for word in command])
+                    seconds = processor_seconds([target if word is None else word for word in command])
                     print(f"{task},{who},{size},{turn},{seconds:.9g}", flush=True)
                     if size > FEW:
                         shutil.rmtree(made)
