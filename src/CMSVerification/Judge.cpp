@@ -63,9 +63,11 @@ bool announces(const ASN1_TYPE* value, const BodyDigest& digest) {
 
 /// The digest of the signed attributes; false when they cannot be encoded. \throws std::bad_alloc
 bool digestAttributes(const PKCS7_SIGNER_INFO* signer, BodyDigest& digest) {
+    const openssl::ErrorMark mark;
     int length = 0;
     const auto attributes = openssl::encodeSignedAttributes(signer, length);
     if (length == 0) {
+        mark.throwWithoutMemory();
         return false;
     }
     // The body was digested with the same algorithm: no memory is what is left.

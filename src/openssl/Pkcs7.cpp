@@ -2,6 +2,7 @@
 
 #include "framing/Elements.h"
 #include "openssl/Decode.h"
+#include "openssl/Encode.h"
 
 #include <openssl/asn1t.h>
 #include <openssl/objects.h>
@@ -97,11 +98,7 @@ const ASN1_OCTET_STRING* messageDigest(const PKCS7_SIGNER_INFO* signer) noexcept
 }
 
 OwnedMemory<unsigned char> encodeSignedAttributes(const PKCS7_SIGNER_INFO* signer, int& length) noexcept {
-    unsigned char* encoded = nullptr;
-    const int written = ASN1_item_i2d(reinterpret_cast<const ASN1_VALUE*>(signer->auth_attr), &encoded,
-                                      ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
-    length = encoded == nullptr || written < 0 ? 0 : written;
-    return OwnedMemory<unsigned char>(encoded);
+    return encodeItem(signer->auth_attr, ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY), length);
 }
 
 std::vector<unsigned char> encodeHead(const PKCS7* structure, std::size_t contentLength) {

@@ -39,7 +39,7 @@ bool hasSignedAttributes(const PKCS7_SIGNER_INFO* signer) noexcept;
 const ASN1_OCTET_STRING* messageDigest(const PKCS7_SIGNER_INFO* signer) noexcept;
 
 /// The bytes that a signature over signed attributes covers: their set, encoded under the universal tag, in the order
-/// received. `length` is 0 when encoding fails.
+/// received. `length` is 0 when encoding fails; where memory was wanting the error queue says so.
 OwnedMemory<unsigned char> encodeSignedAttributes(const PKCS7_SIGNER_INFO* signer, int& length) noexcept;
 
 /// The DER of a structure up to the content that ends it, announced with `contentLength` bytes in the place of the empty

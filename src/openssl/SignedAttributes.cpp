@@ -1,12 +1,15 @@
 #include "openssl/SignedAttributes.h"
 
+#include "framing/Encoding.h"
 #include "framing/Walk.h"
+#include "openssl/Encode.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pointers.h"
 
 #include <openssl/asn1t.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Norvane::Crypto::openssl {
 
@@ -69,15 +72,20 @@ bool areSorted(const Element& attributes) noexcept {
     return true;
 }
 
-/// Adds the attributes as OpenSSL encodes them by that template.
-void addEncoded(Encodings& encodings, const STACK_OF(X509_ATTRIBUTE) * attributes, const ASN1_ITEM* item) {
-    unsigned char* encoded = nullptr;
-    const int length = ASN1_item_i2d(reinterpret_cast<const ASN1_VALUE*>(attributes), &encoded, item);
-    const OwnedMemory<unsigned char> owner(encoded);
-    if (encoded == nullptr || length <= 0) {
-        return;
+/// The set with its elements in the order of DER. Not by OpenSSL, which without memory to sort in writes what lay there before.
+framing::Encoded sorted(Octets encodedSet) {
+    std::vector<framing::Encoded> each;
+    if (const auto whole = framing::firstElement(encodedSet)) {
+        Elements elements(*whole);
+        for (auto element = elements.next(); element; element = elements.next()) {
+            each.emplace_back(element->whole.begin(), element->whole.end());
+        }
     }
-    std::vector<unsigned char> encoding(encoded, encoded + length);
+    framing::sortForDer(each);
+    return framing::setOf(each);
+}
+
+void addNew(Encodings& encodings, framing::Encoded encoding) {
     if (std::ranges::find(encodings, encoding) == encodings.end()) {
         encodings.push_back(std::move(encoding));
     }
@@ -98,10 +106,15 @@ std::vector<std::vector<unsigned char>> signedAttributeEncodings(const Element& 
         const unsigned char* at = encodings.front().data();
         const AttributesPtr decoded(reinterpret_cast<STACK_OF(X509_ATTRIBUTE)*>(
             ASN1_item_d2i(nullptr, &at, static_cast<long>(encodings.front().size()), ASN1_ITEM_rptr(PKCS7_ATTR_SIGN))));
-        if (decoded != nullptr) {
-            addEncoded(encodings, decoded.get(), ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
-            addEncoded(encodings, decoded.get(), ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
+        int length = 0;
+        const auto encoded = encodeItem(decoded.get(), ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY), length);
+        if (length == 0) {
+            mark.throwWithoutMemory();
+            return encodings;
         }
+        const Octets inOrderSent{encoded.get(), static_cast<std::size_t>(length)};
+        addNew(encodings, {inOrderSent.begin(), inOrderSent.end()});
+        addNew(encodings, sorted(inOrderSent));
     }
     return encodings;
 }

@@ -31,7 +31,8 @@ int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) 
 }
 
 int ASN1_item_i2d(const ASN1_VALUE* value, unsigned char** out, const ASN1_ITEM* item) {
-    s_attributeEncodings += item == ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY) ? 1 : 0;
+    s_attributeEncodings +=
+        out != nullptr && item == ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY) ? 1 : 0; // not those that ask for the length
     return norvtest::next<&ASN1_item_i2d>("ASN1_item_i2d")(value, out, item);
 }
 

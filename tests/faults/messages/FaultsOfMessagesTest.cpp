@@ -3,6 +3,8 @@
 
 #include "Operations.h"
 
+#include "support/SignedMessages.h"
+
 namespace {
 
 using namespace faultsofmessages;
@@ -22,6 +24,21 @@ Addressee addressee(const std::string& name) {
         }
     }
     throw std::out_of_range(name);
+}
+
+/// Attached, with an attribute of two values; sent out of order, or as signed.
+Bytes withTwoValues(bool inOrder) {
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    // The shortest comes first in DER.
+    signer.attributes->insert(signer.attributes->begin(),
+                              attribute("1.2.3.4", {norvauthority::der::octetString(Bytes(3, 'a')),
+                                                    norvauthority::der::octetString(Bytes(5, 'b'))}));
+    if (!inOrder) {
+        const std::vector<Bytes> reversed(signer.attributes->rbegin(), signer.attributes->rend());
+        signer.sentAttributes = norvauthority::der::concat(reversed);
+    }
+    return attachedBy(signer, body());
 }
 
 std::vector<Operation> operations() {
@@ -62,7 +79,9 @@ std::vector<Operation> operations() {
         verifies("good", detached, body(), false),
         verifies("of another body", detached, otherBody(), true),
         verifies("forged", forged, body(), true),
+        verifies("good, an attribute of two values", withTwoValues(true), body(), false),
         readsSigned("good", detached, text, false),
+        readsSigned("good, attributes out of order", withTwoValues(false), text, false),
         readsSigned("good, ECDSA, attached", attached, text, false),
         readsSigned("of another body", detached, textOf(otherBody()), true),
         readsSigned("forged", forged, text, true),
