@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <new>
 #include <utility>
 
 namespace Norvane::Crypto::CMS {
@@ -71,6 +72,9 @@ std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::authenticated(Octets source
     }
     auto cipher = openssl::AuthenticatedCipher::of(*m_algorithm);
     if (!cipher) {
+        if (openssl::AuthenticatedCipher::of(*m_algorithm)) {
+            throw std::bad_alloc(); // see `streamed`
+        }
         throw Broken(Fault::unexpected);
     }
     return std::make_unique<AuthenticatedContent>(m_frame, m_budget.tail, std::move(*cipher), source, m_budget.spill);
@@ -87,6 +91,9 @@ std::unique_ptr<EnvelopeContent> EnvelopeReaderImpl::streamed() {
         return nullptr;
     }
     if (openssl::isAvailable(m_algorithm.get()) || !isUnsupported(cipher())) {
+        if (openssl::contextFor(m_algorithm.get()) != nullptr) {
+            throw std::bad_alloc(); // there was none before, of which OpenSSL says nothing
+        }
         throw Broken(Fault::unexpected);
     }
     return nullptr;

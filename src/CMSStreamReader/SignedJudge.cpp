@@ -190,8 +190,10 @@ std::optional<SignatureResult> faultOfSigningCertificate(const SignerParts& sign
         }
         std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
         unsigned int length = 0;
-        if (X509_digest(certificate, announced->algorithm, value.data(), &length) != 1 ||
-            !std::ranges::equal(announced->value, Octets(value.data(), length))) {
+        if (X509_digest(certificate, announced->algorithm, value.data(), &length) != 1) {
+            throw std::bad_alloc(); // of a digest that OpenSSL has, over a certificate that it decoded
+        }
+        if (!std::ranges::equal(announced->value, Octets(value.data(), length))) {
             return refused(SignatureReason::signingCertificateDiffers);
         }
     }

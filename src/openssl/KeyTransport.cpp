@@ -12,6 +12,8 @@
 #include <openssl/params.h>
 #include <openssl/rsa.h>
 
+#include <new>
+
 namespace Norvane::Crypto::openssl {
 
 namespace {
@@ -96,10 +98,15 @@ bool brokeOff(int answer) noexcept {
                              static_cast<unsigned int>(isOfNumbers(ERR_peek_last_error())));
 }
 
+/// With no errors before. \throws std::bad_alloc
 template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsigned char> encrypted, SetUp setUp) {
     const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
     const int largest = EVP_PKEY_get_size(key);
-    if (context == nullptr || EVP_PKEY_decrypt_init(context.get()) != 1 || largest <= 0 || !setUp(context.get())) {
+    const bool begun = context != nullptr && EVP_PKEY_decrypt_init(context.get()) == 1;
+    if (!begun && isRsa(key)) {
+        throw std::bad_alloc();
+    }
+    if (!begun || largest <= 0 || !setUp(context.get())) {
         return {};
     }
     WipedBytes opened(static_cast<std::size_t>(largest));
@@ -108,6 +115,9 @@ template <class SetUp> WipedBytes decryptKey(EVP_PKEY* key, std::span<const unsi
     // The same steps for what was opened and what was not: no branch either, which the processor would guess.
     if (brokeOff(answer)) {
         renewBlinding(key);
+        if (answer != 1) {
+            throw std::bad_alloc(); // which says nothing of the message
+        }
     }
     const auto good = static_cast<std::size_t>(answer == 1) & static_cast<std::size_t>(length <= opened.size());
     opened.shorten(length & (std::size_t{0} - good));

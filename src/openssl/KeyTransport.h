@@ -12,7 +12,7 @@
 namespace Norvane::Crypto::openssl {
 
 /// The content key under the padding of PKCS#1 1.5; empty when it does not open. One private-key operation. The error
-/// queue stays as it is.
+/// queue stays as it is. \throws std::bad_alloc
 WipedBytes openPkcs1Key(EVP_PKEY* key, std::span<const unsigned char> encrypted);
 
 /// Whether the algorithm identifier is that of PKCS#1 1.5, which does not tell whether what was opened is a content key.
@@ -23,7 +23,7 @@ bool isPkcs1(const X509_ALGOR& algorithm) noexcept;
 std::string unsupportedKeyTransport(const X509_ALGOR& algorithm);
 
 /// The content key; empty when it does not open. One private-key operation at most. The error queue stays as it is.
-/// \param algorithm a supported one
+/// \param algorithm a supported one. \throws std::bad_alloc
 WipedBytes openTransportedKey(const X509_ALGOR& algorithm, EVP_PKEY* key, std::span<const unsigned char> encrypted);
 
 } // namespace Norvane::Crypto::openssl

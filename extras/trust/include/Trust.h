@@ -89,7 +89,8 @@ public:
     ///                         left out, and so are those beyond `maximumCandidates`
     /// \param listsFromMessage lists that are used when the issuer in the chain, or a certificate of the material, signed them
     /// \throws Exception "Trust::Verifier", code 4, source "Trust": a policy that is no object identifier
-    /// \throws std::bad_alloc
+    /// \throws std::bad_alloc where there is no memory, which OpenSSL takes for something wrong without saying so: a refusal is
+    ///                        reached twice, and is none when the second one has other reasons
     [[nodiscard]] Verdict judge(const NVX509::RefCertificate& certificate,
                                 const std::list<NVX509::RefCertificate>& fromMessage,
                                 const std::list<NVX509::RefCertificateRevocationList>& listsFromMessage,

@@ -24,6 +24,9 @@ public:
         const detail::QuietQuestion quiet;
         const Owned names(
             static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+        if (!names) {
+            quiet.throwWithoutMemory();
+        }
         for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
             addName(sk_GENERAL_NAME_value(names.get(), i));
         }

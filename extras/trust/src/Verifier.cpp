@@ -7,6 +7,7 @@
 #include <norvcmsg/Exception.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Norvane::Crypto::Trust {
@@ -192,6 +193,46 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
     return std::move(verdict);
 }
 
+bool isSame(const Reason& one, const Reason& other) {
+    return one.code == other.code && one.depth == other.depth && one.text == other.text;
+}
+
+/// Decoded anew, but for what the snapshot holds, which is known by its address.
+RefCertificate copyOf(X509* certificate, const RefCertificate& handle, const Snapshot& snapshot) {
+    if (snapshot.certificateOf.count(certificate) > 0) {
+        return handle;
+    }
+    X509* const copy = X509_dup(certificate);
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    return NVX509::CertificateFactory()(copy, true);
+}
+
+/// Judges anew; a refusal is reached twice, the second time over certificates decoded once more. What OpenSSL has no memory for
+/// it calls wrong, often without an error that says so, and remembers some of it with the certificate; and a refusal is kept.
+Verdict confirmed(const Snapshot& snapshot, const RefCertificate& certificate, Candidates& candidates,
+                  const std::list<RefCertificateRevocationList>& lists, const Options& options, std::time_t at) {
+    Verdict verdict = reached(snapshot, certificate, candidates, lists, options, at);
+    if (verdict.accepted) {
+        return verdict;
+    }
+    std::list<RefCertificate> copies;
+    for (const auto* group : {&candidates.fromMessage, &candidates.tooLarge}) {
+        for (X509* one : *group) {
+            copies.push_back(copyOf(one, candidates.handles.at(one), snapshot));
+        }
+    }
+    const RefCertificate copy = copyOf(certificate, certificate, snapshot);
+    Candidates anew = detail::candidatesFor(copy, copies, snapshot, options.revocation != Revocation::none);
+    const Verdict again = reached(snapshot, copy, anew, lists, options, at);
+    if (!std::equal(verdict.reasons.begin(), verdict.reasons.end(), again.reasons.begin(), again.reasons.end(),
+                    isSame)) {
+        throw std::bad_alloc();
+    }
+    return verdict;
+}
+
 std::shared_ptr<const Snapshot> emptySnapshot() {
     static const auto empty = std::make_shared<const Snapshot>(std::vector<detail::Source>());
     return empty;
@@ -222,7 +263,7 @@ Verdict Verifier::judge(const RefCertificate& certificate, const std::list<RefCe
         return verdict;
     }
     auto verdict =
-        std::make_shared<Verdict>(reached(*snapshot, certificate, candidates, listsFromMessage, options, at));
+        std::make_shared<Verdict>(confirmed(*snapshot, certificate, candidates, listsFromMessage, options, at));
     const std::time_t latest =
         options.at ? verdict->validUntil : at + static_cast<std::time_t>(m_cache->limits().seconds);
     m_cache->keep(question, at, std::min(verdict->validUntil, latest), sizeOf(*verdict, *snapshot), verdict);

@@ -21,11 +21,13 @@ constexpr const char* keyless = "d2i_X509 succeeds without memory for the public
 constexpr const char* derivation = "EVP_KDF_CTX_new ends the process without memory for the context of ANSI X9.63's "
                                    "derivation, into which it writes all the same";
 
-constexpr std::array<Defect, 5> defects{{
-    {"EnvelopeReader", "misjudged: not opened",
-     "EVP_PKEY_eq says that two keys are not the same when there is no memory to compare them: the pair counts as one "
-     "whose "
-     "parts do not belong together"},
+constexpr const char* unlike =
+    "EVP_PKEY_eq says that two keys are not the same, and EVP_PKEY_is_a that a key is of no type, when there is no "
+    "memory to compare: the key counts as one that does not fit";
+
+constexpr std::array<Defect, 6> defects{{
+    {"EnvelopeReader", "misjudged: not opened", unlike},
+    {"SMime::read", "misjudged: no-key: part 1: there is no key for any recipient", unlike},
     {"", "misjudged: the certificate has no usable public key", keyless},
     {"SMime::read", "misjudged: refused: the public key of", keyless},
     {"EnvelopeWriter ECDH", "crash: exit code 1 AddressSanitizer: SEGV", derivation},

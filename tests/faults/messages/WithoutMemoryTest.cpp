@@ -180,7 +180,19 @@ TEST(OpensslWithoutMemory, SaysThatEqualKeysDiffer) {
     }
     EXPECT_GT(differing, 0);
 }
-
+TEST(OpensslWithoutMemory, SaysThatAKeyIsOfNoType) {
+    Norvane::Crypto::initialize();
+    int ofNone = 0;
+    bool came = true;
+    for (long number = 1; came; ++number) {
+        faults::arm(faults::Kind::opensslAllocation, number);
+        const int answer = EVP_PKEY_is_a(curve().key.get(), "EC");
+        came = faults::disarm();
+        ofNone += answer == 0 ? 1 : 0;
+        ERR_clear_error();
+    }
+    EXPECT_GT(ofNone, 0);
+}
 TEST(OpensslWithoutMemory, ReadsACertificateWithoutItsKey) {
     Norvane::Crypto::initialize();
     const norvauthority::Bytes der = alice().certificate.der;
