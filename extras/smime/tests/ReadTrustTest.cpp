@@ -90,6 +90,34 @@ TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
 }
 
+/// Mails of RFC 6532 have their addresses in UTF-8, certificates have domains as A-labels.
+TEST(SMimeTrust, InternationalSenders) {
+    const auto utf8Mailbox = norvauthority::GeneralName::otherName(
+        "1.3.6.1.5.5.7.8.9",
+        norvauthority::der::element(0x0C, norvauthority::bytes("\u00e4nna@xn--bcher-kva.example")));
+    const Identity both = norvauthority::issue(
+        {.subject = {{"CN", "both"}},
+         .key = norvauthority::Key::ec(),
+         .issuer = &interop::root(),
+         .serial = "99",
+         .keyUsage = 0x80,
+         .alternativeNames = {norvauthority::GeneralName::email("anna@xn--bcher-kva.example"), utf8Mailbox}});
+    const auto verdictOf = [&](const std::string& from) {
+        return judged("From: " + from + "\r\n" + signedBy(both, plainEntity, detached)).answer.verdict;
+    };
+    for (const char* const from :
+         {"anna@xn--bcher-kva.example", "Anna <anna@b\u00fccher.example>", "<anna@B\u00dcCHER.example>",
+          "\u00e4nna@b\u00fccher.example", "\u00c4. <\u00e4nna@XN--bcher-kva.example>",
+          "anna@b\u00fccher.example, \u00e4nna@b\u00fccher.example", "\"anna\"@b\u00fccher.example",
+          "g\u00e4ste: anna@b\u00fccher.example, \"x, y\" <\u00e4nna@b\u00fccher.example>;"})
+        EXPECT_EQ(verdictOf(from), Verdict::accepted) << from;
+    for (const char* const from : {"\u00c4nna@b\u00fccher.example", "anna@bucher.example", "Anna@b\u00fccher.example",
+                                   "anna@b\u00fccher.example, eve@b\u00fccher.example",
+                                   "anna@b\xfc"
+                                   "cher.example"})
+        EXPECT_EQ(verdictOf(from), Verdict::refused) << from;
+}
+
 // Some readers leave blanks and NUL bytes out, and end lines at a CR.
 TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
     const std::string nul(1, '\0');
