@@ -189,6 +189,55 @@ TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
     EXPECT_EQ(outcome.answer.layers.back().status, LayerStatus::good);
 }
 
+/// Signed when the signer says so.
+std::string signedAt(const std::string& time, const Identity& signer) {
+    const unsigned int flags = detached | CMS_PARTIAL | CMS_STREAM;
+    const Structure structure(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
+    CMS_SignerInfo* const one =
+        CMS_add1_signer(structure.get(), signer.certificate.x509().get(), signer.key.get(), EVP_sha256(), flags);
+    const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> moment(ASN1_TIME_new(), &ASN1_TIME_free);
+    EXPECT_EQ(ASN1_TIME_set_string(moment.get(), time.c_str()), 1) << time;
+    EXPECT_EQ(CMS_signed_add1_attr_by_NID(one, NID_pkcs9_signingTime, moment->type, moment.get(), -1), 1);
+    const Bio out(BIO_new(BIO_s_mem()));
+    const Bio content = sourceOf(plainEntity);
+    EXPECT_EQ(SMIME_write_CMS(out.get(), structure.get(), content.get(), static_cast<int>(flags)), 1);
+    ERR_clear_error();
+    return "From: old@example.org\r\n" + textOf(out.get());
+}
+
+/// By now, or by the time that the signer states, when that is asked for.
+TEST(SMimeTrust, TheSigningTimeIsTheMomentWhenAskedFor) {
+    using norvauthority::Time;
+    const Identity root = norvauthority::issue({.subject = {{"CN", "Old Root"}},
+                                                .key = norvauthority::Key::ec(),
+                                                .notBefore = Time::utc("100101000000Z"),
+                                                .ca = true,
+                                                .keyUsage = 0x06});
+    const Identity old =
+        norvauthority::issue({.subject = {{"CN", "old"}},
+                              .key = norvauthority::Key::ec(),
+                              .issuer = &root,
+                              .serial = "5",
+                              .notBefore = Time::utc("200101000000Z"),
+                              .notAfter = Time::utc("210101000000Z"),
+                              .keyUsage = 0x80,
+                              .alternativeNames = {norvauthority::GeneralName::email("old@example.org")}});
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(root));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const auto read = [&](const std::string& time) { return outcomeOf(signedAt(time, old), options).answer; };
+    EXPECT_EQ(read("20200701000000Z").verdict, Verdict::refused) << "now";
+    options.trustOptions.atSigningTime = true;
+    const Answer then = read("20200701000000Z");
+    EXPECT_EQ(then.verdict, Verdict::accepted) << then.detail;
+    EXPECT_EQ(then.layers.at(0).signers.at(0).trust->judgedAt, 1593561600); // 2020-07-01
+    EXPECT_TRUE(read("20220701000000Z").layers.at(0).signers.at(0).trust->has(Trust::ReasonCode::certificateExpired));
+    for (const char* const strange : {"00000101000000Z", "99991231235959Z"}) // a stranger chooses it
+        EXPECT_EQ(read(strange).verdict, Verdict::refused) << strange;
+}
+
 TEST(SMimeTrust, AMisusedPolicyIsTheCallersFailure) {
     const Trust::Verifier verifier(std::make_shared<Trust::Material>());
     SMime::ReadOptions options;
