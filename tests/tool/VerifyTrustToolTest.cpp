@@ -145,6 +145,48 @@ TEST_F(VerifyTrustToolTest, Policies) {
     expectFailure(believing({"--policy", "no policy"}), "no policy");
 }
 
+/// The signer sends its own certificate alone: what stands between it and the root is in the store.
+TEST_F(VerifyTrustToolTest, CertificatesOfTheStoreHelpToFindAWay) {
+    const Identity middle = issue({.subject = {{"CN", "Middle"}},
+                                   .key = Key::ec(),
+                                   .issuer = &root(),
+                                   .serial = "77",
+                                   .ca = true,
+                                   .keyUsage = 6});
+    const Identity dora = issue({.subject = {{"CN", "dora"}},
+                                 .key = Key::ec(),
+                                 .issuer = &middle,
+                                 .serial = "78",
+                                 .alternativeNames = {GeneralName::email("dora@example.org")}});
+    work.write("dora.pem", dora.certificate.pem());
+    work.write("dora.key", dora.key.pkcs8Pem());
+    work.write("mail", std::string("From: dora@example.org\nSubject: x\n\nhello\n"));
+    for (const char* const folder : {"store/middle", "empty"})
+        std::filesystem::create_directories(work.path(folder));
+    work.write("store/middle/cert.pem", middle.certificate.pem());
+    work.write("store/middle/owners.txt", std::string("middle@example.org\n"));
+    const auto made = [&](const std::vector<std::string>& arguments) {
+        const Answer answer = tool(arguments);
+        EXPECT_EQ(0, answer.status) << answer.err;
+    };
+    made({"sign", "--cert", "dora.pem", "--key", "dora.key", "--in", "body", "--out", "by-dora"});
+    made({"smime", "sign", "--cert", "dora.pem", "--key", "dora.key", "--in", "mail", "--out", "signed"});
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"verify", "--signature", "by-dora", "--in", "body"},
+          std::vector<std::string>{"smime", "verify", "--in", "signed"}}) {
+        const auto with = [&](const std::string& store) {
+            std::vector<std::string> all = command;
+            all.insert(all.end(), {"--ca", "root.pem", "--store", store});
+            return tool(all);
+        };
+        const Answer refused = with("empty");
+        EXPECT_EQ(1, refused.status) << refused.err;
+        EXPECT_NE(std::string::npos, refused.out.find("issuer-missing")) << refused.out;
+        const Answer accepted = with("store");
+        EXPECT_EQ(0, accepted.status) << accepted.out << accepted.err;
+    }
+}
+
 TEST_F(VerifyTrustToolTest, TrustCannotBeAskedWithoutAnybodyToBelieve) {
     for (const char* option : {"--untrusted", "--crl", "--from", "--policy"})
         expectFailure(verify({option, "alice.pem"}), std::string(option) + " requires --ca");

@@ -134,6 +134,12 @@ struct HeaderProtection {
     std::vector<std::string> outsideOnly;
     bool isSigned = false;    ///< within a signed layer that is good
     bool isEncrypted = false; ///< within an encrypted layer
+    /// Paths of the texts in the content of an encrypted message that begin with fields which stand in `fields`, too: their
+    /// sender put them there for programs that do not know header protection (hp-legacy-display="1", RFC 9788, 2.1.2). They
+    /// are handed on as they stand. Who shows `fields` leaves them out: of a text/plain, without its transfer encoding, all
+    /// lines up to and with the first empty one; of a text/html the div of the class header-protection-legacy-display that is
+    /// the first of its body (RFC 9788, 4.5.3).
+    std::vector<std::string> legacyDisplay;
 };
 
 /// A part that no layer covers.

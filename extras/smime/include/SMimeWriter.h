@@ -56,7 +56,8 @@
 ///
 /// **Certificates** that are expired, not yet valid, or whose key usage (extended key usage included: emailProtection)
 /// does not allow the purpose are refused. Whether they deserve trust, and whose they are, is not asked of those that the
-/// caller gives; addresses are looked up in a `KeyStore`.
+/// caller gives; addresses are looked up in a `KeyStore`: as they stand and, where their domains are of another script, as
+/// A-labels and as U-labels, so that either may be in the store.
 ///
 /// **Failures** are thrown as Exception "SMime::Writer", code 4, file "SMimeWriter", with a sentence for people as detail,
 /// which names what is of a message as it is: escape it (`asString()` does). They are listed with the functions. What the
@@ -219,7 +220,8 @@ NORVCRYPTO_EXPORT void writeCertificates(const MediaIn& message,
                                          const std::vector<NVX509::RefCertificateRevocationList>& revocationLists,
                                          MediaOut& out, const WriteOptions& how = WriteOptions());
 
-/// The addresses of a mail, as they stand in it (domains in U-labels or A-labels), in their order, groups taken apart.
+/// The addresses of a mail in their order, groups taken apart; domains of other scripts as U-labels, also where A-labels stand
+/// in the mail.
 struct Correspondents {
     std::vector<EmailAddress> from;
     std::vector<EmailAddress> sender;

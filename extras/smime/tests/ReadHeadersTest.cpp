@@ -55,6 +55,33 @@ TEST(SMimeHeaders, WhatTheSenderObscuredIsToldFromWhatWasChanged) {
                 ElementsAre("From same Alice <alice@example.org>", "To differs eve@x.example", "Subject differs pay"));
 }
 
+/// RFC 9788, 2.1.2 and 4.5.3: texts of the content of an encrypted message that begin with fields for older programs.
+TEST(SMimeHeaders, TextsThatRepeatFieldsForOlderProgramsAreTold) {
+    const std::string legacy = "; hp-legacy-display=\"1\"\r\n\r\nSubject: hidden\r\n\r\nhello\r\n";
+    const std::string html = "Content-Type: text/html; charset=utf-8; HP-Legacy-Display=1\r\n\r\n<body></body>\r\n";
+    const std::string entity =
+        insideFields +
+        "HP-Outer: Subject: [...]\r\n"
+        "Content-Type: multipart/mixed; hp=\"cipher\"; boundary=m\r\n\r\n--m\r\n"
+        "Content-Type: multipart/alternative; boundary=a\r\n\r\n--a\r\nContent-Type: text/plain" +
+        legacy + "\r\n--a\r\n" + html +
+        "\r\n--a--\r\n--m\r\nContent-Type: text/plain; hp-legacy-display=0\r\n\r\nx\r\n"
+        "--m\r\nContent-Type: text/csv" +
+        legacy + "--m\r\nContent-Type: message/rfc822\r\n\r\nContent-Type: text/plain" + legacy + "--m--\r\n";
+    const Outcome outcome = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), entity, detached)));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.headers.scheme, HeaderScheme::cipher);
+    EXPECT_THAT(outcome.answer.headers.legacyDisplay, ElementsAre("1.1.1.1.1", "1.1.1.1.2"));
+    EXPECT_EQ(outcome.content, entity) << "nothing is taken out of what was signed";
+    const std::string alone = "Content-Type: text/plain; hp=\"cipher\"" + legacy;
+    EXPECT_THAT(outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, alone)).answer.headers.legacyDisplay,
+                ElementsAre("1.1"));
+    // Of what is signed alone nothing was hidden: such a text is shown as it stands.
+    EXPECT_THAT(outcomeOf(fieldsOfAlice + signedBy(alice(), alone, detached)).answer.headers.legacyDisplay,
+                ElementsAre());
+    EXPECT_THAT(outcomeOf(fieldsOfAlice + alone).answer.headers.legacyDisplay, ElementsAre());
+}
+
 TEST(SMimeHeaders, FieldsInsideThatNobodyDeclaredAreNotTakenForProtected) {
     const std::string entity = insideFields + "Content-Type: text/plain\r\n\r\nhello\r\n";
     const Outcome outcome = outcomeOf(fieldsOfAlice + signedBy(alice(), entity, detached));

@@ -218,6 +218,14 @@ TEST(SMimeHostile, AMissingLastBoundaryIsTold) {
     EXPECT_THAT(outcome.answer.oddities, ElementsAre(HasSubstr("last boundary")));
 }
 
+/// A folder for temporary files that is gone, as in services whose environment is old: nothing has to be kept in a file here.
+TEST(SMimeRead, ShortMessagesNeedNoFolderForTemporaryFiles) {
+    setenv("TMPDIR", "/nonexistent/folder", 1);
+    const std::string mail = fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), plainEntity, detached));
+    EXPECT_NO_THROW(EXPECT_EQ(outcomeOf(mail).answer.verdict, Verdict::signatureGood));
+    unsetenv("TMPDIR");
+}
+
 TEST(SMimeHostile, GarbageInBase64IsLeftOut) {
     const std::string mail = fieldsOfAlice + encryptedFor({&bob()}, plainEntity);
     const Outcome outcome = outcomeOf(replaced(mail, "\r\n\r\nMI", "\r\n\r\n!*M\xff I\t"));

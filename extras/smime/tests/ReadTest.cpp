@@ -326,6 +326,94 @@ TEST(SMimeRead, TypesAsRealSendersWriteThem) {
               Verdict::notSMime);
 }
 
+TEST(SMimeRead, StructuresInEveryTransferEncoding) {
+    const std::string entity = encryptedFor({&bob()}, plainEntity);
+    const std::string base64 = entity.substr(entity.find("\r\n\r\n") + 4);
+    std::string der(base64.size(), '\0');
+    {
+        const Bio decoder(
+            BIO_push(BIO_new(BIO_f_base64()), BIO_new_mem_buf(base64.data(), static_cast<int>(base64.size()))));
+        const int length = BIO_read(decoder.get(), der.data(), static_cast<int>(der.size()));
+        ASSERT_GT(length, 100);
+        der.resize(static_cast<std::size_t>(length));
+    }
+    std::string quoted;
+    for (std::size_t at = 0; at < der.size(); ++at) {
+        constexpr const char* digits = "0123456789ABCDEF";
+        const auto octet = static_cast<unsigned char>(der[at]);
+        quoted += at % 20 == 19 ? "=\r\n=" : "=";
+        quoted += digits[octet / 16];
+        quoted += digits[octet % 16];
+    }
+    const auto read = [](const std::string& word, const std::string& body) {
+        return outcomeOf(fieldsOfAlice + "Content-Type: application/pkcs7-mime\r\nContent-Transfer-Encoding: " + word +
+                         "\r\n\r\n" + body);
+    };
+    for (const auto& [word, body] :
+         {std::pair<std::string, std::string>{"binary", der},
+          {"8bit", der},
+          {"Quoted-Printable", quoted},
+          {"base64", base64},
+          {"x-unheard-of", base64},
+          {"7bit", "\r\n\r\n" + base64},
+          {"quoted-printable", base64.substr(0, base64.find('='))},
+          {"base64", "\r\n-----BEGIN PKCS7-----\r\n" + base64 + "-----END PKCS7-----\r\n"}}) {
+        const Outcome outcome = read(word, body);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << word << '\n' << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity) << word;
+    }
+}
+
+TEST(SMimeRead, SignaturePartsAsRealSendersWriteThem) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::string type = "Content-Type: application/pkcs7-signature; name=\"smime.p7s\"";
+    for (const char* const other :
+         {"Content-Type: application/x-pkcs7-signature; name=smime.p7s", "Content-Type: application/pkcs7-signature",
+          "Content-Type: Application/X-PKCS7-Signature;\r\n\tsmime-type=\"signed-data\"",
+          "Content-Type: application/pkcs7-mime; smime-type=signed-data",
+          "Content-Type: application/octet-stream; name=smime.p7s",
+          "Content-Type: application/octet-stream; name*0*=utf-8''smime; name*1=\".p7s\""}) {
+        const Outcome outcome = outcomeOf(replaced(mail, type, other));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << other << '\n' << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+    }
+    const std::size_t signature = mail.find(type);
+    const std::string encoding = "Content-Transfer-Encoding: base64\r\n";
+    const std::string bare = mail.substr(0, signature) + replaced(mail.substr(signature), encoding, "");
+    EXPECT_EQ(outcomeOf(bare).answer.verdict, Verdict::signatureGood) << "without its transfer encoding";
+}
+
+// RFC 2231: the whole message hangs on these parameters.
+TEST(SMimeRead, ParametersInAllFormsOfRfc2231) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::size_t from = mail.find("boundary=\"") + 10;
+    const std::string boundary = mail.substr(from, mail.find('"', from) - from);
+    const std::string quoted = "boundary=\"" + boundary + "\"";
+    const std::string front = boundary.substr(0, 5);
+    const std::string back = boundary.substr(5);
+    for (const std::string& form :
+         {"boundary*=us-ascii''" + boundary, "boundary*0=" + front + ";\r\n boundary*1=\"" + back + "\"",
+          "boundary*1=\"" + back + "\"; boundary*0*=utf-8'en'" + front,
+          "BOUNDARY*0*=''" + front + "; boundary*1=" + back})
+        EXPECT_EQ(outcomeOf(replaced(mail, quoted, form)).answer.verdict, Verdict::signatureGood) << form;
+    const std::string protocol = "protocol=\"application/pkcs7-signature\"";
+    for (const char* const form : {"protocol*=us-ascii''application%2Fpkcs7-signature",
+                                   "protocol*0=\"application/\"; protocol*1=\"pkcs7-signature\""})
+        EXPECT_EQ(outcomeOf(replaced(mail, protocol, form)).answer.verdict, Verdict::signatureGood) << form;
+    const std::string entity = encryptedFor({&bob()}, plainEntity);
+    const std::string body = entity.substr(entity.find("\r\n\r\n"));
+    for (const char* const form :
+         {"filename*=utf-8''sm%C3%AFme.p7m", "filename*0*=utf-8''sm%C3%AFme; filename*1=\".p7m\"",
+          "filename*0=smime; filename*1=.P7M"})
+        EXPECT_EQ(outcomeOf(fieldsOfAlice +
+                            "Content-Type: application/octet-stream\r\nContent-Transfer-Encoding: base64\r\n"
+                            "Content-Disposition: attachment; " +
+                            form + body)
+                      .content,
+                  plainEntity)
+            << form;
+}
+
 // A list adds its footer: what was signed is judged, and what was not is named and left out.
 TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
     const std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +

@@ -90,6 +90,34 @@ TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
 }
 
+/// Mails of RFC 6532 have their addresses in UTF-8, certificates have domains as A-labels.
+TEST(SMimeTrust, InternationalSenders) {
+    const auto utf8Mailbox = norvauthority::GeneralName::otherName(
+        "1.3.6.1.5.5.7.8.9",
+        norvauthority::der::element(0x0C, norvauthority::bytes("\u00e4nna@xn--bcher-kva.example")));
+    const Identity both = norvauthority::issue(
+        {.subject = {{"CN", "both"}},
+         .key = norvauthority::Key::ec(),
+         .issuer = &interop::root(),
+         .serial = "99",
+         .keyUsage = 0x80,
+         .alternativeNames = {norvauthority::GeneralName::email("anna@xn--bcher-kva.example"), utf8Mailbox}});
+    const auto verdictOf = [&](const std::string& from) {
+        return judged("From: " + from + "\r\n" + signedBy(both, plainEntity, detached)).answer.verdict;
+    };
+    for (const char* const from :
+         {"anna@xn--bcher-kva.example", "Anna <anna@b\u00fccher.example>", "<anna@B\u00dcCHER.example>",
+          "\u00e4nna@b\u00fccher.example", "\u00c4. <\u00e4nna@XN--bcher-kva.example>",
+          "anna@b\u00fccher.example, \u00e4nna@b\u00fccher.example", "\"anna\"@b\u00fccher.example",
+          "g\u00e4ste: anna@b\u00fccher.example, \"x, y\" <\u00e4nna@b\u00fccher.example>;"})
+        EXPECT_EQ(verdictOf(from), Verdict::accepted) << from;
+    for (const char* const from : {"\u00c4nna@b\u00fccher.example", "anna@bucher.example", "Anna@b\u00fccher.example",
+                                   "anna@b\u00fccher.example, eve@b\u00fccher.example",
+                                   "anna@b\xfc"
+                                   "cher.example"})
+        EXPECT_EQ(verdictOf(from), Verdict::refused) << from;
+}
+
 // Some readers leave blanks and NUL bytes out, and end lines at a CR.
 TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
     const std::string nul(1, '\0');
@@ -159,6 +187,55 @@ TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
     EXPECT_EQ(verifier.cacheCounts().hits + verifier.cacheCounts().misses, 32U);
     EXPECT_FALSE(outcome.answer.layers.back().signers.at(0).trust);
     EXPECT_EQ(outcome.answer.layers.back().status, LayerStatus::good);
+}
+
+/// Signed when the signer says so.
+std::string signedAt(const std::string& time, const Identity& signer) {
+    const unsigned int flags = detached | CMS_PARTIAL | CMS_STREAM;
+    const Structure structure(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
+    CMS_SignerInfo* const one =
+        CMS_add1_signer(structure.get(), signer.certificate.x509().get(), signer.key.get(), EVP_sha256(), flags);
+    const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> moment(ASN1_TIME_new(), &ASN1_TIME_free);
+    EXPECT_EQ(ASN1_TIME_set_string(moment.get(), time.c_str()), 1) << time;
+    EXPECT_EQ(CMS_signed_add1_attr_by_NID(one, NID_pkcs9_signingTime, moment->type, moment.get(), -1), 1);
+    const Bio out(BIO_new(BIO_s_mem()));
+    const Bio content = sourceOf(plainEntity);
+    EXPECT_EQ(SMIME_write_CMS(out.get(), structure.get(), content.get(), static_cast<int>(flags)), 1);
+    ERR_clear_error();
+    return "From: old@example.org\r\n" + textOf(out.get());
+}
+
+/// By now, or by the time that the signer states, when that is asked for.
+TEST(SMimeTrust, TheSigningTimeIsTheMomentWhenAskedFor) {
+    using norvauthority::Time;
+    const Identity root = norvauthority::issue({.subject = {{"CN", "Old Root"}},
+                                                .key = norvauthority::Key::ec(),
+                                                .notBefore = Time::utc("100101000000Z"),
+                                                .ca = true,
+                                                .keyUsage = 0x06});
+    const Identity old =
+        norvauthority::issue({.subject = {{"CN", "old"}},
+                              .key = norvauthority::Key::ec(),
+                              .issuer = &root,
+                              .serial = "5",
+                              .notBefore = Time::utc("200101000000Z"),
+                              .notAfter = Time::utc("210101000000Z"),
+                              .keyUsage = 0x80,
+                              .alternativeNames = {norvauthority::GeneralName::email("old@example.org")}});
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(root));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const auto read = [&](const std::string& time) { return outcomeOf(signedAt(time, old), options).answer; };
+    EXPECT_EQ(read("20200701000000Z").verdict, Verdict::refused) << "now";
+    options.trustOptions.atSigningTime = true;
+    const Answer then = read("20200701000000Z");
+    EXPECT_EQ(then.verdict, Verdict::accepted) << then.detail;
+    EXPECT_EQ(then.layers.at(0).signers.at(0).trust->judgedAt, 1593561600); // 2020-07-01
+    EXPECT_TRUE(read("20220701000000Z").layers.at(0).signers.at(0).trust->has(Trust::ReasonCode::certificateExpired));
+    for (const char* const strange : {"00000101000000Z", "99991231235959Z"}) // a stranger chooses it
+        EXPECT_EQ(read(strange).verdict, Verdict::refused) << strange;
 }
 
 TEST(SMimeTrust, AMisusedPolicyIsTheCallersFailure) {

@@ -152,6 +152,39 @@ TEST(ContentTypeValue, HasItsParametersInAllForms) {
     EXPECT_EQ(typed("application/pkcs7-mime;name=\"=?iso-8859-1?Q?sm=EFme.p7m?=\"").name, "sm\xc3\xafme.p7m");
 }
 
+// The first three are the examples of RFC 2231, sections 3, 4 and 4.1.
+TEST(ContentTypeValue, HasTheExamplesOfRfc2231) {
+    const auto name = [](const std::string& parameters) {
+        return typed("application/x-stuff;\r\n " + parameters).name;
+    };
+    EXPECT_EQ(name("name*0=\"ftp://\";\r\n name*1=\"cs.utk.edu/pub/moore/bulk-mailer/bulk-mailer.tar\""),
+              "ftp://cs.utk.edu/pub/moore/bulk-mailer/bulk-mailer.tar");
+    EXPECT_EQ(name("name*=us-ascii'en-us'This%20is%20%2A%2A%2Afun%2A%2A%2A"), "This is ***fun***");
+    EXPECT_EQ(name("name*0*=us-ascii'en'This%20is%20even%20more%20;\r\n name*1*=%2A%2A%2Afun%2A%2A%2A%20;\r\n"
+                   " name*2=\"isn't it!\""),
+              "This is even more ***fun*** isn't it!");
+    EXPECT_EQ(name("NAME*2=\".p7m\"; name*0*=utf-8''caf%C3%A9; name*1=\"-x\""), "caf\u00e9-x.p7m") << "in any order";
+    EXPECT_EQ(name("name*=iso-8859-1''caf%E9"), "caf\u00e9");
+    EXPECT_EQ(name("name*=iso-8859-1'fr'caf%e9"), "caf\u00e9");
+    EXPECT_EQ(name("name*0*=UTF-8''caf%C3; name*1*=%A9"), "caf\u00e9") << "a character in two segments";
+    EXPECT_EQ(name("name*=''plain"), "plain") << "neither character set nor language";
+    EXPECT_EQ(name("name*0=a; name*1=b; name*2=c; name*3=d; name*4=e; name*5=f; name*6=g; name*7=h; name*8=i; name*9=j;"
+                   " name*10=k; name*11=l"),
+              "abcdefghijkl");
+}
+
+TEST(ContentTypeValue, MakesTheBestOfDamagedParameters) {
+    const auto name = [](const std::string& parameters) { return typed("application/x-stuff; " + parameters).name; };
+    for (const char* const damaged :
+         {"name*=%", "name*=utf-8'%41", "name*=utf-8''%4", "name*0*", "name*1=b", "name*x=y", "name*4294967296=a",
+          "name*-1=a", "name**=a", "name*0*=''; name*0*=''"})
+        EXPECT_LT(name(damaged).size(), 20U) << damaged; // no crash, nothing made up
+    std::string many = "name*0=a";
+    for (int number = 1; number < 1200; ++number)
+        many += ";name*" + std::to_string(number) + "=a";
+    EXPECT_LE(name(many).size(), 1200U);
+}
+
 TEST(ContentTypeValue, TakesNoEncodedWordForABoundary) {
     EXPECT_EQ(typed("multipart/signed; boundary=\"=?utf-8?q?a=20b?=\"").boundary, "=?utf-8?q?a=20b?=");
 }

@@ -26,8 +26,9 @@
 /// left alone.
 ///
 /// **List caches** are directories in which a list is filed by where it is distributed: the name of a file is
-/// `listCacheName(URI)`, the URI being that of the certificate's distribution point byte by byte. So lists are found that
-/// somebody else than the certificate's issuer issued. Nothing here fetches anything: a job of its own does, writing to a
+/// `listCacheName(URI)`, the URI being that of the certificate's distribution point byte by byte. So whoever fetches knows the
+/// file that a list replaces. Lists in a cache count as those of other folders do: for every certificate of their issuer, and
+/// for those that name their issuer for their lists. Nothing here fetches anything: a job of its own does, writing to a
 /// name that begins with a dot and renaming.
 ///
 /// **Threads.** Everything here may be called from any number of threads at once, while verifiers use it.

@@ -43,7 +43,9 @@ enum class Purpose : int {
 
 /// What a verdict is to be reached by. What is not set here is as RFC 5280, section 6, has it.
 struct Options {
-    std::optional<std::time_t> at; ///< the moment to judge by, in seconds since 1970, UTC; unset: now
+    /// The moment to judge by, in seconds since 1970, UTC; unset: now. Before the year 0 and behind 9999 certificates have no
+    /// times: what lies there counts as the first and the last moment of these years.
+    std::optional<std::time_t> at;
     /// For callers that know the time at which something was signed: they set `at` to it. The verifier does not look at it.
     bool atSigningTime = false;
     Purpose purpose = Purpose::sign;
@@ -54,8 +56,9 @@ struct Options {
     std::vector<std::string> policies;
     unsigned int minimumRsaBits = 2048; ///< of every RSA, RSA-PSS, DSA and DH key of the chain
     unsigned int minimumEcBits = 224;   ///< of every key on a curve; Ed25519 and X25519 count as 253
-    /// The length of the digests with which the certificates of the chain but the anchor are signed, in bits: 160 is SHA-1,
-    /// 128 is MD5, so that the default takes neither.
+    /// The length of the digests with which the certificates of the chain are signed, in bits: 160 is SHA-1, 128 is MD5, so
+    /// that the default takes neither. The signature of a root on itself, and any on an anchor, does not count: nobody is
+    /// believed for it. All three hold for those who sign indirect lists, too; not for the digests of the lists.
     unsigned int minimumDigestBits = 224;
     /// How many certificates there may be between the first one and the anchor; beyond 100 it is 100.
     unsigned int maximumDepth = 32;

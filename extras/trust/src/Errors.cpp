@@ -332,6 +332,33 @@ bool Judgement::affordable(X509_STORE_CTX* context) {
     return true;
 }
 
+/// OpenSSL asks them for no more than a chain that holds, since its own measure of strength is left at nothing.
+void Judgement::lookAtListSigner(const X509_STORE_CTX* context) {
+    const X509_STORE_CTX* const outer = outermost(context);
+    STACK_OF(X509)* const judged = X509_STORE_CTX_get0_chain(outer);
+    STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
+    const int count = sk_X509_num(chain);
+    for (int i = 0; i < count; ++i) {
+        X509* const one = sk_X509_value(chain, i);
+        bool isToldOf = false; // at its own depth
+        for (int other = 0; other < sk_X509_num(judged); ++other) {
+            isToldOf = isToldOf || X509_cmp(sk_X509_value(judged, other), one) == 0;
+        }
+        const std::string whose = nameOf(handleOf(one)) + " (for revocation lists)";
+        if (!isToldOf && lookAtStrength(depthOf(outer), one, isSignedByItself(context, i), whose)) {
+            place(depthOf(outer)).unusable = true;
+        }
+    }
+}
+
+/// Whether the signature on a certificate is no link of the chain: nobody believes an anchor or a root for it.
+bool Judgement::isSignedByItself(const X509_STORE_CTX* context, int depth) const {
+    STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
+    const bool isLast = depth + 1 == sk_X509_num(chain);
+    return (!m_broken && isAnchor(context, static_cast<unsigned int>(depth))) ||
+           (isLast && (X509_get_extension_flags(sk_X509_value(chain, depth)) & EXFLAG_SS) != 0);
+}
+
 bool Judgement::linksHold(X509_STORE_CTX* context) {
     STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
     for (int i = 0; i + 1 < sk_X509_num(chain); ++i) {
@@ -344,7 +371,8 @@ bool Judgement::linksHold(X509_STORE_CTX* context) {
     return true;
 }
 
-void Judgement::lookAt(STACK_OF(X509) * chain) {
+void Judgement::lookAt(const X509_STORE_CTX* context) {
+    STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
     const int count = sk_X509_num(chain);
     for (int i = 0; i < count; ++i) {
         X509* const one = sk_X509_value(chain, i);
@@ -353,7 +381,7 @@ void Judgement::lookAt(STACK_OF(X509) * chain) {
             reason(Code::extensionInvalid, depth, one);
         }
         lookAtTimes(depth, one);
-        lookAtStrength(depth, one, i + 1 == count && !m_broken && m_snapshot.anchorSet.count(one) > 0);
+        lookAtStrength(depth, one, isSignedByItself(context, i));
     }
     if (count > 0) {
         lookAtFirst(sk_X509_value(chain, 0));
@@ -378,15 +406,19 @@ void Judgement::lookAtTimes(unsigned int depth, X509* certificate) {
     }
 }
 
-void Judgement::lookAtStrength(unsigned int depth, X509* certificate, bool anchor) {
+bool Judgement::lookAtStrength(unsigned int depth, X509* certificate, bool byItself, const std::string& whose) {
     const Options& options = m_request.options;
+    bool isWeak = false;
     if (std::string key = tooShort(certificate, options.minimumRsaBits, options.minimumEcBits); !key.empty()) {
-        reason(Code::keyTooShort, depth, certificate, {"", "", "", std::move(key), ""});
+        reason(Code::keyTooShort, depth, certificate, {whose, "", "", std::move(key), ""});
+        isWeak = true;
     }
-    const auto digest = anchor ? std::nullopt : signingDigestOf(certificate);
+    const auto digest = byItself ? std::nullopt : signingDigestOf(certificate);
     if (digest && digest->bits < options.minimumDigestBits) {
-        reason(Code::digestTooWeak, depth, certificate, {"", "", "", digest->name, ""});
+        reason(Code::digestTooWeak, depth, certificate, {whose, "", "", digest->name, ""});
+        isWeak = true;
     }
+    return isWeak;
 }
 
 void Judgement::lookAtFirst(X509* certificate) {

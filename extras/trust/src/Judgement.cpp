@@ -109,6 +109,9 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
         if (!self.affordable(context)) {
             return 0;
         }
+        if (!first) {
+            self.lookAtListSigner(context);
+        }
         if (self.m_request.options.revocation == Revocation::none) {
             return 1;
         }
@@ -200,7 +203,7 @@ Verdict Judgement::reach() {
     }
     STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
     if (chain != nullptr) {
-        lookAt(chain);
+        lookAt(context.get());
         describe(chain);
     }
     const int error = X509_STORE_CTX_get_error(context.get());

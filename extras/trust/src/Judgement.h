@@ -79,8 +79,11 @@ private:
     [[nodiscard]] bool linksHold(X509_STORE_CTX* context);
     [[nodiscard]] bool isAnchor(const X509_STORE_CTX* context, unsigned int depth) const;
 
-    void lookAt(STACK_OF(X509) * chain);
-    void lookAtStrength(unsigned int depth, X509* certificate, bool anchor);
+    void lookAt(const X509_STORE_CTX* context);
+    void lookAtListSigner(const X509_STORE_CTX* context);
+    [[nodiscard]] bool isSignedByItself(const X509_STORE_CTX* context, int depth) const;
+    /// \returns whether it is weaker than asked. \param byItself its signature does not count
+    bool lookAtStrength(unsigned int depth, X509* certificate, bool byItself, const std::string& whose = {});
     void lookAtTimes(unsigned int depth, X509* certificate);
     void lookAtFirst(X509* certificate);
     [[nodiscard]] RevocationStatus statusOf(unsigned int depth) const;

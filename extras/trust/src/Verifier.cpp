@@ -23,6 +23,7 @@ using NVX509::RefCertificateRevocationList;
 
 /// RFC 5280, 4.1.2.5: what has no end that is known.
 constexpr std::time_t endOfTime = 253402300799;
+constexpr std::time_t beginningOfTime = -62167219200; // the year 0
 
 std::vector<Owned<ASN1_OBJECT>> policiesOf(const Options& options) {
     const detail::QuietQuestion quiet;
@@ -164,8 +165,10 @@ Verdict withoutCertificate(std::time_t at) {
 /// Judges anew.
 Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Candidates& candidates,
                 const std::list<RefCertificateRevocationList>& lists, const Options& options, std::time_t at) {
+    static const std::list<RefCertificateRevocationList> noLists;
+    const auto& wanted = options.revocation == Revocation::none ? noLists : lists;
     detail::Request request{certificate, {},      candidates.tooLarge, candidates.handles,
-                            lists,       options, policiesOf(options), at};
+                            wanted,      options, policiesOf(options), at};
     std::copy_if(candidates.known.begin(), candidates.known.end(), std::back_inserter(request.candidates),
                  [&](const X509* one) { return snapshot.anchorSet.count(one) == 0; });
     request.candidates.insert(request.candidates.end(), candidates.fromMessage.begin(), candidates.fromMessage.end());
@@ -249,7 +252,7 @@ Verifier::~Verifier() = default;
 
 Verdict Verifier::judge(const RefCertificate& certificate, const std::list<RefCertificate>& fromMessage,
                         const std::list<RefCertificateRevocationList>& listsFromMessage, const Options& options) const {
-    const std::time_t at = options.at ? *options.at : std::time(nullptr);
+    const std::time_t at = std::clamp(options.at ? *options.at : std::time(nullptr), beginningOfTime, endOfTime);
     if (static_cast<x509_st*>(certificate) == nullptr) {
         return withoutCertificate(at);
     }

@@ -86,6 +86,18 @@ TEST_F(TrustCache, ListsOfTheMessageAreAPartOfTheQuestion) {
     EXPECT_TRUE(verifier.judge(read(anna), m_certificates, none, m_options).accepted);
 }
 
+TEST_F(TrustCache, ListsThatNobodyAsksForChangeNothing) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    std::list<RefCertificateRevocationList> many;
+    for (std::size_t i = 0; i <= maximumMessageLists; ++i) {
+        many.push_back(read(list(m_middle)));
+    }
+    EXPECT_TRUE(verifier.judge(read(anna), m_certificates, many, m_options).notes.empty());
+    EXPECT_TRUE(verifier.judge(read(anna), m_certificates, {}, m_options).notes.empty());
+    EXPECT_EQ(counts(verifier), "1 1");
+}
+
 TEST_F(TrustCache, ACopyWithAnotherSignatureIsAnotherCertificate) {
     const Verifier verifier(m_material);
     Identity anna = user(m_middle);

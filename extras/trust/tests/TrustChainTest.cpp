@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <limits>
+
 using namespace trusttesting;
 using testing::HasSubstr;
 
@@ -129,6 +131,22 @@ TEST_F(TrustChain, TheMomentToJudgeBy) {
     EXPECT_EQ(verdict.validUntil, 1577836800);
 }
 
+/// Whatever a caller takes for the end of all times: no certificate has one that lies there.
+TEST_F(TrustChain, MomentsThatNoCertificateCanName) {
+    Case one = chain();
+    for (const std::time_t late : {std::numeric_limits<std::time_t>::max(), std::time_t{253402300800}}) {
+        one.options.at = late;
+        const Verdict verdict = one.judge(user(m_middle));
+        EXPECT_EQ(shown(verdict), "refused certificate-expired 0, certificate-expired 1, certificate-expired 2")
+            << late;
+        EXPECT_EQ(verdict.judgedAt, 253402300799) << "9999-12-31 23:59:59";
+        EXPECT_GT(verdict.validUntil, verdict.judgedAt);
+    }
+    one.options.at = std::numeric_limits<std::time_t>::min();
+    EXPECT_EQ(shown(one.judge(user(m_middle))),
+              "refused certificate-not-yet-valid 0, certificate-not-yet-valid 1, certificate-not-yet-valid 2");
+}
+
 TEST_F(TrustChain, TimesThatAreNone) {
     const Verdict verdict = chain().judge(user(m_middle, {.notAfter = Time::utc("hello")}));
     EXPECT_EQ(shown(verdict), "refused validity-unreadable 0");
@@ -220,6 +238,25 @@ TEST_F(TrustChain, TheDigestOfAnAnchorDoesNotMatter) {
     Case one;
     one.anchor(root);
     EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
+}
+
+/// Whoever adds it to the anchors does not believe it for its signature on itself.
+TEST_F(TrustChain, NorDoesThatOfARootThatIsNoAnchor) {
+    const Identity old = authority("Old", 2, nullptr, {.digest = "SHA1"});
+    Case one;
+    one.anchor(m_root).message(old);
+    EXPECT_EQ(shown(one.judge(user(old))), "refused root-not-trusted 1");
+    one.options.purpose = Purpose::any;
+    EXPECT_EQ(shown(one.judge(old)), "refused self-signed 0");
+    // What an issuer signed that is missing is a link.
+    EXPECT_EQ(shown(one.judge(authority("Lower", 3, &m_middle, {.digest = "SHA1"}))),
+              "refused issuer-missing 0, digest-too-weak 0");
+    // So is what is among the anchors and must have an issuer itself.
+    const Identity half = authority("Half", 2, &m_middle, {.digest = "SHA1"});
+    one.anchor(half);
+    EXPECT_EQ(shown(one.judge(user(half))), "refused issuer-missing 1, digest-too-weak 1");
+    one.options.partialChain = true;
+    EXPECT_EQ(shown(one.judge(user(half))), "accepted ");
 }
 
 TEST_F(TrustChain, Ed25519HasNoDigestToChoose) {

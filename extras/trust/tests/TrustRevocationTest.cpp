@@ -111,6 +111,55 @@ TEST_F(TrustRevocation, ListsThatAreOverOrNotYet) {
     EXPECT_EQ(verdict.reasons[0].advice, "fetch it anew from http://lists.example.org/middle.crl");
 }
 
+/// Each certificate of a chain has its own lists: what is wrong with them is told of all, with where each is distributed.
+TEST_F(TrustRevocation, StaleComingAndMissingListsAreToldOfLeafAndMiddleAtOnce) {
+    const Identity upper = authority("Upper", 2, &m_root, {.serial = "c3"});
+    const Identity lower = authority(
+        "Lower", 3, &upper, {.serial = "c4", .crlDistributionPoints = {point("http://lists.example.org/upper.crl")}});
+    const Identity anna = user(
+        lower, {.notAfter = Time::fromNow(-day), .crlDistributionPoints = {point("http://a/1"), point("http://b/2")}});
+    CrlRequest over;
+    over.thisUpdate = Time::utc("251201000000Z");
+    over.nextUpdate = Time::utc("260102000000Z");
+    Case one;
+    one.anchor(m_root).message(lower).message(upper).required();
+    one.known(list(lower, over)).known(list(upper, over));
+    Verdict verdict = one.judge(anna);
+    EXPECT_EQ(shown(verdict), "refused list-expired 0, certificate-expired 0, list-expired 1, list-missing 2");
+    EXPECT_EQ(states(verdict), "unusable, unusable, no-list, not-looked-at");
+    EXPECT_EQ(find(verdict.reasons, Code::listExpired).advice, "fetch it anew from http://a/1 or http://b/2");
+    const auto ofLower = std::find_if(verdict.reasons.begin(), verdict.reasons.end(), [](const Reason& each) {
+        return each.code == Code::listExpired && each.depth == 1;
+    });
+    ASSERT_NE(ofLower, verdict.reasons.end());
+    EXPECT_EQ(ofLower->certificate->subject().asString(), "CN=Lower");
+    EXPECT_EQ(ofLower->text, "the revocation list of CN=Upper expired on 2026-01-02 00:00:00 UTC");
+    EXPECT_EQ(ofLower->advice, "fetch it anew from http://lists.example.org/upper.crl");
+
+    CrlRequest coming;
+    coming.thisUpdate = Time::fromNow(day);
+    Case mixed;
+    mixed.anchor(m_root).message(lower).message(upper).required();
+    mixed.known(list(lower, coming)).known(list(upper, over)).known(list(m_root, coming));
+    EXPECT_EQ(shown(mixed.judge(anna)),
+              "refused list-not-yet-valid 0, certificate-expired 0, list-expired 1, list-not-yet-valid 2");
+    mixed.options.revocation = Revocation::available;
+    verdict = mixed.judge(anna);
+    EXPECT_EQ(shown(verdict), "refused certificate-expired 0");
+    EXPECT_EQ(codesOf(verdict.notes), "list-not-yet-valid 0, list-expired 1, list-not-yet-valid 2");
+}
+
+/// Revoked below, above and by a list that is out of date itself: none hides another.
+TEST_F(TrustRevocation, RevokedLeafAndMiddleAreToldAtOnce) {
+    CrlRequest over;
+    over.thisUpdate = Time::utc("251201000000Z");
+    over.nextUpdate = Time::utc("260102000000Z");
+    over.revoked = {{.serial = "b2"}};
+    Case one = with(Revocation::required);
+    one.known(list(m_middle, {.revoked = {{.serial = "a1"}}})).known(list(m_root, over));
+    EXPECT_EQ(shown(one.judge(m_anna)), "refused revoked 0, list-expired 1, revoked 1");
+}
+
 TEST_F(TrustRevocation, AnOldListStillRevokes) {
     CrlRequest over;
     over.thisUpdate = Time::utc("251201000000Z");
@@ -331,6 +380,49 @@ TEST_F(TrustIndirectLists, WhoIssuesThemIsChecked) {
     EXPECT_EQ(shown(one.judge(m_covered)), "accepted ");
     one.known(list(m_root, {.revoked = {{.serial = "c3"}}, .thisUpdate = Time::fromNow(-60)}));
     EXPECT_FALSE(one.judge(m_covered).accepted) << "who issued the list was revoked";
+}
+
+/// A short key that somebody broke would sign that nobody is revoked.
+TEST_F(TrustIndirectLists, WhoSignsThemHasKeysAndDigestsOfTheLengthThatIsAskedFor) {
+    const auto judgedWith = [this](const CertificateRequest& made, const Options& options) {
+        CertificateRequest request = made;
+        request.keyUsage = 0x02;
+        const Identity weak = authority("Lister", 4, &m_root, request);
+        CrlRequest wanted;
+        wanted.scope = {.indirect = true};
+        wanted.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
+        Case one = with(options.revocation);
+        one.options = options;
+        one.known(list(m_root)).known(list(weak, wanted));
+        one.material->addUntrusted(read(weak));
+        return one.judge(m_covered);
+    };
+    const norvauthority::Key rsa1024 = norvauthority::Key::rsa(1024);
+    Options options;
+    for (const Revocation mode : {Revocation::available, Revocation::required}) {
+        options.revocation = mode;
+        const Verdict verdict = judgedWith({.key = rsa1024}, options);
+        EXPECT_EQ(shown(verdict), "refused key-too-short 0");
+        EXPECT_EQ(verdict.reasons.at(0).text,
+                  "the key of CN=Lister (for revocation lists) is too short: RSA, 1024 bits");
+        EXPECT_EQ(verdict.reasons[0].certificate->subject().asString(), "CN=Lister");
+        EXPECT_EQ(verdict.links.at(0).revocation, RevocationStatus::unusable);
+        EXPECT_EQ(shown(judgedWith({.digest = "SHA1"}, options)), "refused digest-too-weak 0");
+    }
+    options.minimumRsaBits = 1024;
+    EXPECT_EQ(shown(judgedWith({.key = rsa1024}, options)), "accepted ");
+    options.minimumDigestBits = 160;
+    EXPECT_EQ(shown(judgedWith({.digest = "SHA1"}, options)), "accepted ");
+}
+
+/// Whoever is above both is told of once, at the place in the chain.
+TEST_F(TrustIndirectLists, AWeakRootIsToldOnce) {
+    Case one = with(Revocation::required);
+    one.known(list(m_root)).known(indirect(""));
+    one.material->addUntrusted(read(m_lister));
+    one.options.minimumEcBits = 257;
+    EXPECT_EQ(shown(one.judge(m_covered)),
+              "refused key-too-short 0, key-too-short 0, key-too-short 1, key-too-short 2");
 }
 
 TEST_F(TrustIndirectLists, TheyRevoke) {

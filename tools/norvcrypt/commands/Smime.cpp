@@ -59,7 +59,7 @@ MailOptions::MailOptions(Command& command, ManyOptions::Outputs outputs) : ident
     command
         .option("--store", store,
                 "A store: its identities with a key are tried after the others, and its certificates are those of "
-                "signers that the mail has none for")
+                "signers that the mail has none for, and help to find a way to a root")
         ->typeName("DIR");
     in = std::make_unique<ManyOptions>(command, "--in", "MAIL",
                                        "The mail as it was sent, or several; \"-\", as without it, is standard input",
@@ -71,6 +71,8 @@ MailReading::MailReading(const MailOptions& options, Inputs& inputs, const Trust
                    .ofStore = options.store ? certificatesOfStore(*options.store, inputs)
                                             : std::list<NVX509::RefCertificate>()},
                   judge) {
+    if (judge != nullptr)
+        judge->addIntermediates({m_options.certificates.begin(), m_options.certificates.end()});
     m_keys = std::make_unique<const MailKeys>(options, inputs);
     m_options.keys = m_keys.get();
     m_options.wholeMessage = isWhole;

@@ -134,6 +134,8 @@ struct Judging {
             certificates.given = readCertificates(inputs, *options.certificate);
         if (options.store)
             certificates.ofStore = certificatesOfStore(*options.store, inputs);
+        if (judge)
+            judge->addIntermediates(certificates.ofStore);
     }
 
     [[nodiscard]] const TrustJudge* judgeOrNull() const { return judge ? &*judge : nullptr; }
@@ -363,7 +365,9 @@ void addVerify(Command& commands, Action& action) {
         ->option(
             "--store", options->store,
             "A store: its certificates are those of signers that neither the structure nor --cert has one for; when "
-            "a signature does not fit, it is told whether it is by the key of one of them")
+            "a signature does not fit, it is told whether it is by the key of one of them; with --ca they help to find "
+            "a "
+            "way to a root")
         ->typeName("DIR");
     Option* body =
         command

@@ -74,6 +74,7 @@ Description headerFacts(const SMime::HeaderProtection& headers) {
         facts["fields"].push_back(one);
     }
     facts["outsideOnly"] = headers.outsideOnly;
+    putTexts(facts, "legacyDisplay", headers.legacyDisplay);
     return facts;
 }
 

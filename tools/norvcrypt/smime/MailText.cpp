@@ -158,6 +158,8 @@ void tellMail(const SMime::Answer& answer, const std::optional<Trust::Options>& 
         out.line("header fields that are " + coverText(answer.headers) + ":");
         for (const SMime::ProtectedField& field : answer.headers.fields)
             out.line(fieldText(field, colours));
+        for (const std::string& path : answer.headers.legacyDisplay)
+            out.line("  part " + path + " begins with hidden ones, for programs that do not know header protection");
     }
     for (const SMime::LeafPart& part : answer.parts)
         out.line("contains: " + leafText(part));

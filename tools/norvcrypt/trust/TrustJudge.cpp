@@ -64,6 +64,11 @@ TrustJudge::TrustJudge(TrustRequest request, Inputs& inputs)
     }
 }
 
+void TrustJudge::addIntermediates(const std::list<NVX509::RefCertificate>& certificates) const {
+    for (const NVX509::RefCertificate& certificate : certificates)
+        m_material->addUntrusted(certificate);
+}
+
 TrustAnswer TrustJudge::judge(const NVX509::RefCertificate& certificate,
                               const std::list<NVX509::RefCertificate>& fromMessage,
                               const std::list<NVX509::RefCertificateRevocationList>& listsFromMessage,

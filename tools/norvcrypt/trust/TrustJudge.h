@@ -33,6 +33,9 @@ public:
     /// Reads the files. \throws Failure: one cannot be read, or nobody is believed
     TrustJudge(TrustRequest request, Inputs& inputs);
 
+    /// Certificates that may help to build chains, beside those of the command line and of the message.
+    void addIntermediates(const std::list<Norvane::Crypto::NVX509::RefCertificate>& certificates) const;
+
     /// \param signingTime what the signer states, if anything
     [[nodiscard]] TrustAnswer judge(
         const Norvane::Crypto::NVX509::RefCertificate& certificate,

@@ -63,6 +63,48 @@ private:
     GMimeParamList* m_list;
 };
 
+/// Where the parameter that begins at `from` ends: in front of its semicolon, or at the end.
+std::size_t endOfParameter(std::string_view value, std::size_t from) {
+    std::size_t comments = 0;
+    bool isQuoted = false;
+    for (std::size_t at = from; at < value.size(); ++at) {
+        const char c = value[at];
+        if (c == '\\')
+            ++at;
+        else if (c == '"' && comments == 0)
+            isQuoted = !isQuoted;
+        else if (!isQuoted && c == '(')
+            ++comments;
+        else if (!isQuoted && c == ')' && comments > 0)
+            --comments;
+        else if (!isQuoted && comments == 0 && c == ';')
+            return at;
+    }
+    return value.size();
+}
+
+/// RFC 2231, 3: the segments of a value stand in any order. The library takes the character set from the one that it meets
+/// first, which has to be the one that names it, "name*0*".
+std::string withFirstSegmentsFirst(const std::string& value) {
+    const std::size_t type = endOfParameter(value, 0);
+    std::string first;
+    std::string others;
+    bool hasSegments = false;
+    bool isOutOfOrder = false;
+    for (std::size_t at = type; at < value.size();) {
+        const std::size_t end = endOfParameter(value, at + 1);
+        const std::string_view parameter = std::string_view(value).substr(at, end - at);
+        std::string_view name = parameter.substr(0, parameter.find('='));
+        name = name.substr(0, name.find_last_not_of(" \t") + 1);
+        const bool isFirst = name.ends_with("*0*");
+        isOutOfOrder = isOutOfOrder || (isFirst && hasSegments);
+        hasSegments = hasSegments || (!isFirst && name.find('*') != std::string_view::npos);
+        (isFirst ? first : others).append(parameter);
+        at = end;
+    }
+    return isOutOfOrder ? value.substr(0, type) + first + others : value;
+}
+
 /// The boundary, which is compared with bytes: an encoded word in it is none.
 std::string boundaryOf(const std::string& value) {
     std::string shielded = value;
@@ -123,14 +165,15 @@ ContentType contentTypeOf(const Header& header) {
     if (!isUsable(*value))
         return result;
     startGmime();
-    const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), value->c_str()));
+    const std::string inOrder = withFirstSegmentsFirst(*value);
+    const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), inOrder.c_str()));
     if (!parsed)
         return result;
     result.type = lowered(g_mime_content_type_get_media_type(parsed.get()));
     result.subtype = lowered(g_mime_content_type_get_media_subtype(parsed.get()));
     const Parameters parameters(g_mime_content_type_get_parameters(parsed.get()));
     if (parameters.stands("boundary"))
-        result.boundary = boundaryOf(*value);
+        result.boundary = boundaryOf(inOrder);
     if (parameters.count("boundary") > 1 && result.oddity.empty())
         result.oddity = "the parameter boundary stands there twice";
     result.protocol = lowered(parameters.find("protocol"));
@@ -138,6 +181,7 @@ ContentType contentTypeOf(const Header& header) {
     result.smimeType = lowered(parameters.find("smime-type"));
     result.name = parameters.find("name");
     result.hp = lowered(parameters.find("hp"));
+    result.hpLegacyDisplay = parameters.find("hp-legacy-display");
     result.protectedHeaders = lowered(parameters.find("protected-headers"));
     result.forwarded = lowered(parameters.find("forwarded"));
     return result;
@@ -148,7 +192,8 @@ std::string fileNameOf(const Header& header, const ContentType& type) {
     if (value.empty() || !isUsable(value))
         return type.name;
     startGmime();
-    const GmimeObject<GMimeContentDisposition> parsed(g_mime_content_disposition_parse(lenient().get(), value.c_str()));
+    const GmimeObject<GMimeContentDisposition> parsed(
+        g_mime_content_disposition_parse(lenient().get(), withFirstSegmentsFirst(value).c_str()));
     if (!parsed)
         return type.name;
     const std::string name = Parameters(g_mime_content_disposition_get_parameters(parsed.get())).find("filename");

@@ -21,6 +21,7 @@ struct ContentType {
     std::string smimeType; ///< in lower case
     std::string name;
     std::string hp;               ///< header protection (RFC 9788, 2.1.1), in lower case
+    std::string hpLegacyDisplay;  ///< "1": begins with fields for programs that do not know it (RFC 9788, 2.1.2)
     std::string protectedHeaders; ///< "v1": what came before it
     std::string forwarded;        ///< "no": a message that wraps for header protection
     /// Something that others may read in another way: a field that stands twice, a parameter that does, a NUL byte, a value

@@ -108,6 +108,8 @@ void conclude(Session& session) {
         return;
     }
     answer.headers.isEncrypted = std::ranges::any_of(around, [](const Layer* one) { return isEncrypted(*one); });
+    if (!answer.headers.isEncrypted)
+        answer.headers.legacyDisplay.clear(); // nothing was hidden
     answer.headers.isSigned = std::ranges::any_of(
         around, [](const Layer* one) { return isSigned(*one) && one->status == LayerStatus::good; });
     const auto bad = std::ranges::find_if(around, [](const Layer* one) { return one->status != LayerStatus::good; });

@@ -88,6 +88,7 @@ void readMessage(Session& session, const Header& header, const SharedOctets& enc
     Place inner = place.part(1);
     inner.role = isWrapped ? Role::main : Role::passing;
     inner.isWrapped = isWrapped;
+    inner.isOfContent = false;
     const std::size_t index = session.addLayer(LayerKind::forwarded, place);
     session.layer(index).status = LayerStatus::good;
     session.layer(index).detail.clear();
@@ -102,6 +103,13 @@ void readMessage(Session& session, const Header& header, const SharedOctets& enc
         inner.message = session.senders.size() - 1;
     }
     readBody(session, innerHeader, mime::contentTypeOf(innerHeader), body, inner);
+}
+
+/// A text that repeats fields for programs that do not know header protection (RFC 9788, 4.5.3.1).
+void tellLegacyDisplay(Session& session, const ContentType& type, const Place& place) {
+    const bool isText = type.is("text", "plain") || type.is("text", "html");
+    if (place.isOfContent && isText && type.hpLegacyDisplay == "1")
+        session.answer.headers.legacyDisplay.push_back(place.path);
 }
 
 /// RFC 2045, 6.4: a multipart has no encoding but those of its parts. It is read as it stands; who decodes it sees another one.
@@ -202,6 +210,7 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
     session.addUncovered(place, type.text());
     if (isMessage(type))
         return readMessage(session, header, body, place, false);
+    tellLegacyDisplay(session, type, place);
     ListedPart(session, header, type, body, place).finish();
 }
 
@@ -222,6 +231,8 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
 
     Place passing = place;
     passing.role = Role::passing;
+    passing.isOfContent = true;
+    tellLegacyDisplay(session, type, passing);
     SharedOctets copied = body;
     if (place.isKept) {
         session.contentHeader = header;

@@ -1,6 +1,6 @@
 #include "Session.h"
 
-#include <filesystem>
+#include "mime/SpillPlace.h"
 
 namespace Norvane::Crypto::SMime {
 
@@ -99,9 +99,7 @@ void Session::fail(const Place& place, LayerStatus status, const std::string& te
 }
 
 std::string Session::spillTemplate() const {
-    if (!options.spillTemplate.empty())
-        return options.spillTemplate;
-    return (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string();
+    return mime::spillPlace(options.spillTemplate);
 }
 
 SwapBufferMediaOut Session::spill() const {

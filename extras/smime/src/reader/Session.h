@@ -36,7 +36,8 @@ struct Place {
     bool isOfDigest = false; ///< a part of a multipart/digest: what has no type is a message (RFC 2046, 5.1.5)
     bool isKept =
         false; ///< what lies here is handed on by the encrypted layer around it (`ReadOptions::keepSignatures`)
-    std::size_t message = 0; ///< whose header fields tell the sender, an index into `Session::senders`
+    bool isOfContent = false; ///< what is handed on, or a part of it that is no layer and in no message within it
+    std::size_t message = 0;  ///< whose header fields tell the sender, an index into `Session::senders`
 
     /// A part of it.
     [[nodiscard]] Place part(std::size_t number) const {
@@ -52,6 +53,7 @@ struct Place {
         Place inner = part(1);
         inner.role = newRole;
         inner.isCovered = true;
+        inner.isOfContent = false;
         return inner;
     }
 };

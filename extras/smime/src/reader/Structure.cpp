@@ -19,6 +19,7 @@ using mime::SharedOctets;
 namespace {
 
 constexpr const char* dataType = "1.2.840.113549.1.7.1";
+constexpr std::string_view beginOfPem = "-----BEGIN ";
 
 /// The types of structures, by the octets of their object identifiers.
 struct StructureType {
@@ -51,6 +52,22 @@ const StructureType* typeOf(std::string_view octets) {
     const std::string_view value = octets.substr(std::min(identifier + 2, octets.size()), at(identifier + 1));
     const auto* found = std::ranges::find(structureTypes, value, &StructureType::identifier);
     return found == structureTypes.end() ? nullptr : found;
+}
+
+/// Relays drop the field that says base64, and some senders name another encoding: DER and BER begin with a SEQUENCE, and
+/// its base64 with an M.
+SharedOctets withoutArmour(const SharedOctets& body) {
+    std::string_view start = body->view(256);
+    while (!start.empty() && (start.front() == '\r' || start.front() == '\n')) {
+        body->skip(1);
+        start = body->view(256);
+    }
+    if (start.starts_with(beginOfPem)) {
+        const std::size_t end = start.find('\n');
+        body->skip(end == std::string_view::npos ? 0 : end + 1);
+        return mime::decoded(body, mime::Transfer::base64);
+    }
+    return start.starts_with('M') ? mime::decoded(body, mime::Transfer::base64) : body;
 }
 
 /// The caller's keys, guarded.
@@ -202,22 +219,13 @@ void tellFailure(Layer& layer, const Exception& failure) {
 }
 
 SharedOctets structureOctets(const SharedOctets& body, mime::Transfer transfer) {
-    if (transfer != mime::Transfer::identity && transfer != mime::Transfer::unknown)
-        return mime::decoded(body, transfer);
-    // Relays drop the field that says base64, and some senders name another encoding: DER and BER begin with a SEQUENCE, and
-    // its base64 with an M.
-    constexpr std::string_view pem = "-----BEGIN ";
-    std::string_view start = body->view(256);
-    while (!start.empty() && (start.front() == '\r' || start.front() == '\n')) {
-        body->skip(1);
-        start = body->view(256);
-    }
-    if (start.starts_with(pem)) {
-        const std::size_t end = start.find('\n');
-        body->skip(end == std::string_view::npos ? 0 : end + 1);
-        return mime::decoded(body, mime::Transfer::base64);
-    }
-    return start.starts_with('M') ? mime::decoded(body, mime::Transfer::base64) : body;
+    const std::string_view start = body->view(256);
+    const std::size_t text = start.find_first_not_of("\r\n");
+    const bool isPem = text != std::string_view::npos && start.substr(text).starts_with(beginOfPem);
+    // Its armour is no base64, whatever is said.
+    const bool isBase64 = transfer == mime::Transfer::base64 && !isPem;
+    return withoutArmour(isBase64 || transfer == mime::Transfer::quotedPrintable ? mime::decoded(body, transfer)
+                                                                                 : body);
 }
 
 void readStructure(Session& session, const mime::ContentType& contentType, mime::Transfer transfer,

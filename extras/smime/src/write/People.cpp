@@ -5,6 +5,8 @@
 #include "write/CertificateUse.h"
 #include "write/Fail.h"
 
+#include <norvcrypto-trust/TrustSender.h>
+
 #include <algorithm>
 #include <set>
 
@@ -71,6 +73,62 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
     }
 }
 
+/// The address with A-labels as GMime reads it: with U-labels.
+std::string withULabels(const std::string& address) {
+    mime::startGmime();
+    const mime::GmimeObject<InternetAddressList> list(internet_address_list_parse(nullptr, address.c_str()));
+    InternetAddress* const one = list && internet_address_list_length(list.get()) == 1
+                                     ? internet_address_list_get_address(list.get(), 0)
+                                     : nullptr;
+    const bool isMailbox = one != nullptr && INTERNET_ADDRESS_IS_MAILBOX(one) != 0;
+    const char* const text = isMailbox ? internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(one)) : nullptr;
+    return text == nullptr ? "" : text;
+}
+
+/// An address as it stands and, where its domain is of another script, in the ways in which a store may have it: as A-labels
+/// and as U-labels. Of a message GMime gives U-labels alone.
+std::vector<EmailAddress> spellingsOf(const EmailAddress& address) {
+    std::vector<EmailAddress> all{address};
+    const std::string domain = address.domain();
+    const bool isInternational =
+        std::ranges::any_of(domain, [](char byte) { return byte < 0; }) || domain.find("--") != std::string::npos;
+    const std::string comparable = isInternational ? Trust::comparableAddress(address.address()) : std::string();
+    const std::size_t at = comparable.rfind('@');
+    if (at == std::string::npos) {
+        return all;
+    }
+    const std::string ascii = address.localPart() + comparable.substr(at);
+    for (const std::string& text : {ascii, withULabels(ascii)}) {
+        const EmailAddress other = EmailAddress::rfc5321Parse(text, true);
+        const bool isKnown =
+            std::ranges::any_of(all, [&](const EmailAddress& one) { return one.address() == other.address(); });
+        if (!other.isEmptyAddress() && !isKnown) {
+            all.push_back(other);
+        }
+    }
+    return all;
+}
+
+NVX509::RefCertificate encryptionCertificateOf(const NVX509::RefKeyStore& keys, const EmailAddress& address) {
+    for (const EmailAddress& one : spellingsOf(address)) {
+        const NVX509::RefCertificate found = keys->findEncryptionCertificate(one);
+        if (!found.isNull()) {
+            return found;
+        }
+    }
+    return {};
+}
+
+NVX509::KeyCertificatePair signingPairOf(const NVX509::RefKeyStore& keys, const EmailAddress& address) {
+    for (const EmailAddress& one : spellingsOf(address)) {
+        const NVX509::KeyCertificatePair pair = keys->findSigningKey(one);
+        if (pair && !pair->certificate.isNull() && !pair->key.isNull()) {
+            return pair;
+        }
+    }
+    fail("there is no key to sign with for " + address.address());
+}
+
 /// The address that signs.
 EmailAddress senderOf(const std::optional<EmailAddress>& given, const mime::Header& header) {
     if (given) {
@@ -127,11 +185,7 @@ std::vector<CMS::SignedWriter::Signer> signersFor(const SignOptions& options, co
             fail("there is nobody to sign: no signer was given, and no store to find the sender in");
         }
         const EmailAddress sender = senderOf(options.from, header);
-        const NVX509::KeyCertificatePair pair = options.keys->findSigningKey(sender);
-        if (!pair || pair->certificate.isNull() || pair->key.isNull()) {
-            fail("there is no key to sign with for " + sender.address());
-        }
-        signers.emplace_back(pair);
+        signers.emplace_back(signingPairOf(options.keys, sender));
     }
     for (CMS::SignedWriter::Signer& signer : signers) {
         // What is empty, SignedWriter refuses with the signer's number.
@@ -177,7 +231,7 @@ std::vector<CMS::EnvelopeRecipient> recipientsFor(const EncryptOptions& options,
         if (!asked.insert(address.address()).second) {
             continue;
         }
-        const NVX509::RefCertificate found = options.keys->findEncryptionCertificate(address);
+        const NVX509::RefCertificate found = encryptionCertificateOf(options.keys, address);
         if (found.isNull()) {
             missing.push_back(address.address());
         } else {

@@ -1,8 +1,8 @@
 #include "write/Source.h"
 
-#include <norvcmsg/Exception.h>
+#include "mime/SpillPlace.h"
 
-#include <filesystem>
+#include <norvcmsg/Exception.h>
 
 namespace Norvane::Crypto::SMime::writing {
 
@@ -27,9 +27,7 @@ Source::Source(const MediaIn& message, const std::string& spillTemplate) : m_mes
     if (canReturn(m_message, m_start)) {
         return;
     }
-    const std::string path =
-        spillTemplate.empty() ? (std::filesystem::temp_directory_path() / "norvcrypto-XXXXXX").string() : spillTemplate;
-    m_copy.emplace(keptInMemory, path.c_str());
+    m_copy.emplace(keptInMemory, mime::spillPlace(spillTemplate).c_str());
     m_message.write(*m_copy);
 }
 

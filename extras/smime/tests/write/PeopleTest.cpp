@@ -93,6 +93,29 @@ TEST_F(SmimePeopleTest, EncryptsToAllWhomTheMessageNames) {
     decrypted(wrapped("From: alice@example.com\nBcc: bob@example.com\n" + m_body, {m_encrypting}), person("alice"));
 }
 
+/// A domain of another script: the message has it in one way, the store in another.
+TEST_F(SmimePeopleTest, FindsDomainsInBothOfTheirSpellings) {
+    for (const char* const stored : {"bob@xn--bcher-kva.example", "bob@b\u00fccher.example"}) {
+        m_keys->people = {{stored, &person("bob")}};
+        for (const char* const written :
+             {"bob@xn--bcher-kva.example", "bob@b\u00fccher.example", "Bob <bob@XN--Bcher-Kva.example>",
+              "bob@B\u00dcCHER.example", "group: bob@b\u00fccher.example;"}) {
+            verified(wrapped(std::string("From: ") + written + "\n" + m_body, {m_signing}));
+            decrypted(wrapped(std::string("To: ") + written + "\n" + m_body, {m_encrypting}), person("bob"));
+        }
+        m_signing.from = EmailAddress::rfc5321Parse("bob@B\u00fccher.example", true);
+        verified(wrapped(m_body, {m_signing}));
+        m_signing.from.reset();
+        EXPECT_EQ(refusalOf("From: Bob@b\u00fccher.example\n" + m_body, {m_signing}),
+                  "there is no key to sign with for Bob@b\u00fccher.example")
+            << "local parts byte by byte";
+    }
+    m_keys->asked.clear();
+    m_keys->people = {{"bob@example.com", &person("bob")}};
+    decrypted(wrapped("To: bob@example.com\n" + m_body, {m_encrypting}), person("bob"));
+    EXPECT_EQ(m_keys->asked, std::vector<std::string>{"bob@example.com"}) << "others are asked for once";
+}
+
 TEST_F(SmimePeopleTest, NamesEveryRecipientWithoutACertificate) {
     EXPECT_EQ(refusalOf("To: eve@example.com, bob@example.com\nCc: mallory@example.org\n" + m_body, {m_encrypting}),
               "there is no certificate for eve@example.com, mallory@example.org");

@@ -109,6 +109,70 @@ TEST(SmimeRoundTripTest, ProtectsHeadersThatTheReaderFindsCovered) {
     }
 }
 
+/// Pairs and certificates of people by address, as a directory or a service would have them.
+class AddressBook : public NVX509::KeyStorePlugin {
+public:
+    NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& issuer, const ASN1::Integer& serial) override {
+        for (const auto& [address, who] : people) {
+            const NVX509::KeyCertificatePair pair = pairOf(*who);
+            if (NVX509::displayName(pair->certificate->issuer()) == NVX509::displayName(issuer) &&
+                pair->certificate->serialNumber() == serial)
+                return pair;
+        }
+        return NVX509::KeyCertificatePair(true);
+    }
+    NVX509::RefCertificate findEncryptionCertificate(const EmailAddress& address) override {
+        const auto found = people.find(address.address());
+        return found == people.end() ? NVX509::RefCertificate() : certificateOf(*found->second);
+    }
+    NVX509::KeyCertificatePair findSigningKey(const EmailAddress& address) override {
+        const auto found = people.find(address.address());
+        return found == people.end() ? NVX509::KeyCertificatePair(true) : pairOf(*found->second);
+    }
+    NVX509::KeyCertificatePair findDecryptionKey(const EmailAddress& address) override {
+        return findSigningKey(address);
+    }
+
+    std::map<std::string, const Identity*> people;
+};
+
+NVX509::RefKeyStore storeOf(const std::vector<std::string>& names) {
+    const NVX509::RefKeyStore store(true);
+    for (const std::string& name : names) { // each in a plugin of its own: all of them are asked
+        auto* const plugin = new AddressBook;
+        plugin->people[name + "@example.com"] = &person(name);
+        store->add(NVX509::RefKeyStorePlugin(plugin));
+    }
+    return store;
+}
+
+/// The sender's pair signs, the recipients' certificates encrypt, and whatever key fits decrypts.
+TEST(SmimeRoundTripTest, FindsPeopleByAddressInAKeyStore) {
+    SMime::SignOptions signing;
+    signing.keys = storeOf({"alice", "bob", "carol"});
+    SMime::EncryptOptions encrypting;
+    encrypting.keys = signing.keys;
+    encrypting.addressesOfMessage = true;
+    const std::string toBoth =
+        "From: Alice <alice@example.com>\nTo: bob@example.com\nCc: carol@example.com\nSubject: x\n\nhello\n";
+    const std::string sent = wrapped(toBoth, {signing, encrypting});
+    const auto verdictWith = [&](const std::vector<std::string>& names) {
+        const CMS::KeyStoreLookup keys(storeOf(names));
+        SMime::ReadOptions options;
+        options.keys = &keys;
+        MemoryMediaOut content;
+        const SMime::Answer answer = SMime::read(MemoryMediaIn(sent), content, options);
+        if (answer.verdict == Verdict::signatureGood) {
+            EXPECT_EQ(answer.layers.at(1).signers.at(0).result.certificate->subject().asString(), "CN=alice");
+        }
+        return answer.verdict;
+    };
+    EXPECT_EQ(verdictWith({"bob"}), Verdict::signatureGood);
+    EXPECT_EQ(verdictWith({"alice", "carol"}), Verdict::signatureGood);
+    EXPECT_EQ(verdictWith({"alice"}), Verdict::noKey) << "the sender is no recipient unless asked for";
+    EXPECT_EQ(verdictWith({}), Verdict::noKey);
+}
+
 TEST(SmimeRoundTripTest, SendsCertificatesThatTheReaderFinds) {
     MemoryMediaOut out;
     SMime::writeCertificates(MemoryMediaIn("From: alice@example.com\n\n"), {certificateOf(person("alice"))}, {}, out);

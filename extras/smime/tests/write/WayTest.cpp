@@ -1,5 +1,6 @@
 // What happens to a mail on its way, and to its writer when something fails.
 
+#include "Generated.h"
 #include "Writing.h"
 
 #include "support/TemporaryFolder.h"
@@ -98,6 +99,13 @@ TEST(SmimeWayTest, PassesOnWhatTheSourceThrows) {
                      norvtest::StreamFailure);
         EXPECT_EQ(out.body().content, "");
     }
+}
+
+TEST(SmimeWayTest, ShortMessagesFromAPipeNeedNoFolderForTemporaryFiles) {
+    setenv("TMPDIR", "/nonexistent/folder", 1);
+    NullMediaOut out;
+    EXPECT_NO_THROW(SMime::sign(generated(1000, false), signedBy({&person("alice")}), out));
+    unsetenv("TMPDIR");
 }
 
 TEST(SmimeWayTest, TellsWhenAMessageFromAPipeCannotBeKept) {

@@ -69,6 +69,7 @@ std::set<Code> reasonsOf(const Error& error) {
         {48, {Code::nameExcluded}},
         {49, {Code::nameConstraintsUnsupported}},
         {51, {Code::nameConstraintsUnsupported}},
+        {54, {Code::listIssuerMissing}},
         {66, {Code::keyTooShort}},
         {67, {Code::keyTooShort}},
         {68, {Code::digestTooWeak}},

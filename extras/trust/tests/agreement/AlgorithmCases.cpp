@@ -35,6 +35,10 @@ std::vector<Case> algorithmCases() {
     const Identity edwards = authority(root(), {.subject = {{"CN", "Edwards"}}, .key = Key::ed25519()});
     const Key rsa = Key::fromPem(norvtest::storedKeyPem("authority"));
     const Identity ofRsa = authority(root(), {.subject = {{"CN", "RSA"}}, .key = rsa});
+    const Identity rsaRoot = anchor({.subject = {{"CN", "RSA Root"}}, .key = rsa});
+    const Identity ofMd5 = authority(rsaRoot, {.subject = {{"CN", "Old"}}, .digest = "MD5"});
+    const Identity ofMissing = authority(rsaRoot, {.subject = {{"CN", "Nobody's"}}, .digest = "MD5"});
+    const Identity ofSha1 = authority(root(), {.subject = {{"CN", "Old"}}, .digest = "SHA1"});
     const Identity ofDsa =
         authority(root(), {.subject = {{"CN", "DSA"}}, .key = Key::fromPem(norvtest::storedKeyPem("dora"))});
     return {
@@ -53,6 +57,27 @@ std::vector<Case> algorithmCases() {
          .leaf = person(underOld).certificate,
          .anchors = {oldRoot.certificate},
          .untrusted = {underOld.certificate}},
+        {.name = "RootSignedWithSha1IsNoAnchor",
+         .leaf = person(underOld).certificate,
+         .untrusted = {underOld.certificate, oldRoot.certificate},
+         .openssl = {{19, 2}},
+         .reasons = {{Code::rootNotTrusted, 2}}},
+        {.name = "AuthoritySignedWithMd5OfAMissingRoot",
+         .leaf = person(ofMissing).certificate,
+         .untrusted = {ofMissing.certificate},
+         .openssl = {{20, 1}},
+         .reasons = {{Code::issuerMissing, 1}, {Code::digestTooWeak, 1}}},
+        {.name = "PersonAndAuthoritySignedWithSha1",
+         .leaf = person(ofSha1, {.digest = "SHA1"}).certificate,
+         .untrusted = {ofSha1.certificate},
+         .openssl = {{68, 0}},
+         .reasons = {{Code::digestTooWeak, 0}, {Code::digestTooWeak, 1}}},
+        {.name = "AuthoritySignedWithMd5",
+         .leaf = person(ofMd5).certificate,
+         .anchors = {rsaRoot.certificate},
+         .untrusted = {ofMd5.certificate},
+         .openssl = {{68, 1}},
+         .reasons = {{Code::digestTooWeak, 1}}},
         {.name = "PersonWithRsa1024",
          .leaf = person(middle(), {.key = rsa1024()}).certificate,
          .openssl = {{66, 0}},

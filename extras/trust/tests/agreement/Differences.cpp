@@ -7,6 +7,8 @@ namespace {
 constexpr const char* pathBuilding =
     "openssl takes the first issuer whose name and key identifier fit and never another one";
 constexpr const char* goesOn = "openssl verify ends at its first error of most kinds; every reason is told here";
+constexpr const char* pathToTheSigner =
+    "openssl says, too, that the path to the signer of the list does not hold; here it is said why";
 constexpr const char* anchorsAreBelieved =
     "openssl wants a list that is up to date for anchors, too; RFC 5280, 6.1, takes them "
     "as believed";
@@ -33,6 +35,10 @@ const std::map<std::string, std::string>& otherReasons() {
         {"ValidNowAndNotYetAtThatMoment", goesOn},
         {"PersonAndAuthorityRevoked", goesOn},
         {"NoListAtAll", goesOn},
+        {"PersonAndAuthoritySignedWithSha1", goesOn},
+        {"AuthoritySignedWithMd5OfAMissingRoot", goesOn},
+        {"IndirectListWhoseSignerHasRsa1024", pathToTheSigner},
+        {"IndirectListWhoseSignerWasSignedWithSha1", pathToTheSigner},
         {"ListOfTheRootStale", anchorsAreBelieved},
         {"AuthorityMayNotSignCertificates",
          "openssl says, too, that this authority is none; its basic constraints say that it is one"},
@@ -56,6 +62,8 @@ const std::map<std::string, std::vector<Finding>>& fromMessages() {
         {"IndirectListRevokesInTheRowOfAnIssuer", missing},
         {"IndirectListWhoseSignerExpired", missing},
         {"IndirectListWhoseSignerIsMissing", missing},
+        {"IndirectListWhoseSignerHasRsa1024", missing},
+        {"IndirectListWhoseSignerWasSignedWithSha1", missing},
         // Forged.
         {"ListForged", missing},
         {"ListForgedThatRevokes", missing},

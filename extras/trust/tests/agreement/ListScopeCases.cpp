@@ -139,6 +139,17 @@ std::vector<Case> indirect() {
                                   {{10, 0, true}}, {{Code::certificateExpired, 0}});
     expiredSigner.opensslAccepts = true;
     expiredSigner.untrusted = {middle().certificate, expired.certificate};
+    const auto signedByWeak = [&](const std::string& name, CertificateRequest signer, const Error& error, Code code) {
+        signer.subject = lists.name;
+        signer.key = signer.key ? signer.key : Key::ec();
+        signer.issuer = &root();
+        signer.serial = "803";
+        signer.keyUsage = 0x02;
+        const Identity weak = norvauthority::issue(signer);
+        Case one = required(name, alice, {listOf(weak, {.scope = scope})}, {{54, 0}, error}, {{code, 0}});
+        one.untrusted = {middle().certificate, weak.certificate};
+        return one;
+    };
     const Identity plain = person(middle());
     Case notNamed =
         required("IndirectListThatTheCertificateDoesNotName", plain, {list({})}, {{44, 0}}, {{Code::listMissing, 0}});
@@ -152,6 +163,9 @@ std::vector<Case> indirect() {
         with("IndirectListRevokesInTheRowOfAnIssuer", list({another, ofLists}), {{23, 0}}, {{Code::revoked, 0}}),
         noSigner,
         expiredSigner,
+        signedByWeak("IndirectListWhoseSignerHasRsa1024", {.key = Key::rsa(1024)}, {66, 0, true}, Code::keyTooShort),
+        signedByWeak("IndirectListWhoseSignerWasSignedWithSha1", {.digest = "SHA1"}, {68, 0, true},
+                     Code::digestTooWeak),
         notNamed,
     };
 }

@@ -15,7 +15,9 @@
 
 #include <filesystem>
 #include <idn2.h>
+#include <netdb.h>
 #include <optional>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,7 @@ int s_lists = 0;                              // signatures of lists that were c
 int s_compared = 0;                           // general names
 int s_names = 0;                              // distinguished names that were compared
 int s_idn = 0;                                // domains that were converted
+int s_sockets = 0;                            // that were opened, and hosts that were looked up
 int s_decoded = 0;                            // certificates
 int s_verified = 0;                           // chains
 int s_pushed = 0;                             // onto stacks, among them that of the candidates
@@ -74,6 +77,16 @@ int OPENSSL_sk_push(OPENSSL_STACK* stack, const void* one) {
 X509* d2i_X509(X509** into, const unsigned char** at, long length) {
     ++s_decoded;
     return norvtest::next<&d2i_X509>("d2i_X509")(into, at, length);
+}
+
+int socket(int domain, int type, int protocol) {
+    ++s_sockets;
+    return norvtest::next<&socket>("socket")(domain, type, protocol);
+}
+
+int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found) {
+    ++s_sockets;
+    return norvtest::next<&getaddrinfo>("getaddrinfo")(host, service, hints, found);
 }
 
 int idn2_to_ascii_8z(const char* input, char** output, int flags) {
@@ -427,6 +440,31 @@ TEST_F(TrustWork, FilesThatDidNotChangeAreNotDecodedAgain) {
     material.reload();
     EXPECT_EQ(s_decoded, 1);
     EXPECT_EQ(material.counts().anchors, 3U);
+}
+
+/// Certificates and lists say where more of them is to be found: nobody goes there.
+TEST_F(TrustWork, NothingIsFetched) {
+    namespace der = norvauthority::der;
+    const GeneralName place = GeneralName::uri("http://127.0.0.1:1/what.der");
+    // AuthorityInfoAccess (RFC 5280, 4.2.2.1): caIssuers and ocsp.
+    const auto access = [&](const char* method) { return der::sequence({der::oid(method), place.der}); };
+    const norvauthority::Bytes information =
+        der::sequence({access("1.3.6.1.5.5.7.48.2"), access("1.3.6.1.5.5.7.48.1")});
+    const norvauthority::DistributionPoint point{norvauthority::DistributionPointName{{place}}};
+    const Identity anna = user(m_middle, {.crlDistributionPoints = {point},
+                                          .extensions = {{"1.3.6.1.5.5.7.1.1", information},
+                                                         {"2.5.29.46", norvauthority::distributionPoints({point})}}});
+    s_sockets = 0;
+    Case one;
+    one.anchor(m_root).required();
+    EXPECT_EQ(shown(one.judge(anna)), "refused issuer-missing 0");
+    one.message(m_middle);
+    EXPECT_EQ(shown(one.judge(anna)), "refused list-missing 0, list-missing 1");
+    EXPECT_TRUE(matchSender(read(anna), {"anna@example.org"}).matches());
+    EXPECT_EQ(s_sockets, 0);
+    const int probe = socket(AF_INET, SOCK_STREAM, 0); // what counts, counts
+    EXPECT_EQ(s_sockets, 1);
+    close(probe);
 }
 
 } // namespace

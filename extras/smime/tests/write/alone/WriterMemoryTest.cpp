@@ -64,6 +64,12 @@ void* operator new(std::size_t length) {
 void* operator new[](std::size_t length) {
     return allocate(length);
 }
+void* operator new(std::size_t length, const std::nothrow_t& /*never throws*/) noexcept {
+    return taken(std::malloc(length == 0 ? 1 : length)); // std::stable_sort
+}
+void operator delete(void* memory, const std::nothrow_t& /*never throws*/) noexcept {
+    release(memory);
+}
 void operator delete(void* memory) noexcept {
     release(memory);
 }
@@ -108,9 +114,9 @@ TEST(SmimeWriterMemoryTest, IsTheSameForEveryLength) {
 }
 
 /// The most that reading takes at any moment, and the answer.
-std::pair<std::size_t, SMime::Answer> mostForReading(const SwapBufferMediaOut& mail, MediaOut& content) {
+std::pair<std::size_t, SMime::Answer> mostForReading(const SwapBufferMediaOut& mail, MediaOut& content,
+                                                     SMime::ReadOptions options = {}) {
     const CMS::KeyListLookup keys({pairOf(person("bob"))});
-    SMime::ReadOptions options;
     options.keys = &keys;
     const std::size_t before = s_live;
     s_most = before;
@@ -138,6 +144,37 @@ TEST(SmimeWriterMemoryTest, AnAttachmentOfFiftyMegabytesGoesOutAndComesBack) {
         // All of it, lines of 63 letters with CRLF: what was signed fits.
         EXPECT_EQ(content.tell(), header.size() + length + length / 64);
         EXPECT_LT(most, std::size_t{1} << 20U);
+    }
+}
+
+/// What is kept until it was found authentic, or its layer was read to its end, lies in files: each kind of layer within
+/// another, with all that the answer can tell.
+TEST(SmimeWriterMemoryTest, WhatHasToBeKeptIsNotKeptInMemory) {
+    ASSERT_TRUE(s_counting);
+    const std::string place = (std::filesystem::temp_directory_path() / "kept-XXXXXX").string();
+    SMime::EncryptOptions authenticated = encryptedFor({&person("bob")});
+    authenticated.cipher = CMS::ContentCipher::aes256Gcm;
+    const std::vector<SMime::Wrapping> shells{opaquelySignedBy(person("alice")), authenticated,
+                                              signedBy({&person("carol")})};
+    SMime::ReadOptions keeping;
+    keeping.keepSignatures = true;
+    keeping.wholeMessage = true;
+    keeping.listParts = true;
+    keeping.explain = true;
+    for (const SMime::ReadOptions& options : {SMime::ReadOptions(), keeping}) {
+        std::vector<std::size_t> most;
+        for (const std::uint64_t length : {std::uint64_t{1} << 10U, std::uint64_t{1} << 18U, std::uint64_t{1} << 22U}) {
+            SwapBufferMediaOut mail(0x10000, place.c_str());
+            SMime::wrap(generated(length, true), shells, mail);
+            NullMediaOut content;
+            const auto [taken, answer] = mostForReading(mail, content, options);
+            EXPECT_EQ(answer.verdict, SMime::Verdict::signatureGood) << answer.detail;
+            EXPECT_EQ(answer.layers.size(), 3U);
+            EXPECT_GT(content.tell(), length);
+            most.push_back(taken);
+        }
+        EXPECT_LT(most[1], std::size_t{1} << 20U);
+        EXPECT_LT(most[2], most[1] + 4096);
     }
 }
 
