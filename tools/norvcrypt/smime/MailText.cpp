@@ -143,10 +143,13 @@ std::string overallText(const SMime::Answer& answer, const Colours& colours) {
 } // namespace
 
 void tellMail(const SMime::Answer& answer, const std::optional<Trust::Options>& trust, const std::string& file,
-              bool json) {
+              bool json, const std::vector<std::string>& unused) {
     TextOutput out;
     if (json) {
-        out.text(asJson(mailFacts(answer, trust, file)));
+        Description facts = mailFacts(answer, trust, file);
+        if (trust)
+            facts["problems"] = unused;
+        out.text(asJson(facts));
         out.flush();
         return;
     }
