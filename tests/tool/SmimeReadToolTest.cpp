@@ -107,6 +107,15 @@ TEST_F(SmimeReadToolTest, DecryptsAndJudgesWhatIsWithin) {
         tool({"smime", "verify", "--in", "mail", "--ca", "root.pem", "--cert", "bob.pem", "--key", "bob.key"}).status,
         0);
 
+    // Every reason, with what to do.
+    std::vector<std::string> asked = decrypt;
+    asked.insert(asked.end(), {"--ca", "bob.pem", "--revocation", "required", "--from", "boss@example.org"});
+    const Answer refused = tool(asked);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    for (const char* const text : {"reason (issuer-missing): ", "reason (sender-differs): ", "what to do: "})
+        EXPECT_NE(refused.err.find(text), std::string::npos) << refused.err;
+
     before = work.names();
     expectFailure(tool({"smime", "decrypt", "--in", "mail"}), "give an identity to decrypt with");
 }
