@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <tuple>
+
 using namespace interop;
 
 namespace {
@@ -105,8 +107,83 @@ TEST_F(SmimeReadToolTest, DecryptsAndJudgesWhatIsWithin) {
         tool({"smime", "verify", "--in", "mail", "--ca", "root.pem", "--cert", "bob.pem", "--key", "bob.key"}).status,
         0);
 
+    // Every reason, with what to do.
+    std::vector<std::string> asked = decrypt;
+    asked.insert(asked.end(), {"--ca", "bob.pem", "--revocation", "required", "--from", "boss@example.org"});
+    const Answer refused = tool(asked);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    for (const char* const text : {"reason (issuer-missing): ", "reason (sender-differs): ", "what to do: "})
+        EXPECT_NE(refused.err.find(text), std::string::npos) << refused.err;
+
     before = work.names();
     expectFailure(tool({"smime", "decrypt", "--in", "mail"}), "give an identity to decrypt with");
+}
+
+TEST_F(SmimeReadToolTest, DecryptsWithWhatBothSidesHave) {
+    work.write("password", std::string("swordfish\nanother line\n"));
+    work.write("wrong", std::string("swordfight\n"));
+    work.write("kek", std::string("000102030405060708090a0b0c0d0e0f\n"));
+    makeSigned("signed");
+    make("by-password", {"-encrypt", "-in", "signed", "-aes-256-cbc", "-pwri_password", "swordfish"});
+    make("by-kek", {"-encrypt", "-in", "body", "-aes-256-gcm", "-secretkey", "000102030405060708090a0b0c0d0e0f",
+                    "-secretkeyid", "c0ffee"});
+    const std::string clear = "Content-Type: text/plain\r\n\r\nhello\r\n";
+    for (const auto& [mail, option, file] :
+         {std::tuple("by-password", "--password-file", "password"), std::tuple("by-kek", "--kek-file", "kek")}) {
+        const Answer answer = tool({"smime", "decrypt", "--in", mail, option, file});
+        EXPECT_EQ(answer.status, 0) << answer.err;
+        EXPECT_EQ(answer.out, clear) << mail;
+        // Beside identities that do not fit.
+        EXPECT_EQ(tool({"smime", "decrypt", "--in", mail, "--cert", "bob.pem", "--key", "bob.key", option, file}).out,
+                  clear);
+        const Answer closed = tool({"smime", "decrypt", "--in", mail, "--cert", "bob.pem", "--key", "bob.key"});
+        EXPECT_EQ(closed.status, 1);
+        EXPECT_NE(closed.err.find("there is no key for any recipient"), std::string::npos) << closed.err;
+        const Answer inspected = tool({"smime", "inspect", "--in", mail, option, file});
+        EXPECT_EQ(inspected.status, 0);
+        EXPECT_NE(inspected.out.find("opened with this key"), std::string::npos) << inspected.out;
+    }
+    // A signature within counts as ever.
+    EXPECT_EQ(tool({"smime", "verify", "--in", "by-password", "--password-file", "password", "--ca", "root.pem",
+                    "--from", "alice@example.org"})
+                  .status,
+              0);
+    // Authenticated: without that a wrong key gives garbage now and then, in place of a failure.
+    ASSERT_EQ(tool({"encrypt", "--password-file", "password", "--iterations", "1000", "--cipher", "aes-256-gcm", "--in",
+                    "body", "--pem", "--out", "structure"})
+                  .status,
+              0);
+    std::string structure = work.read("structure");
+    structure = structure.substr(structure.find('\n') + 1);
+    work.write("authenticated", "Content-Type: application/pkcs7-mime; smime-type=authEnveloped-data\n"
+                                "Content-Transfer-Encoding: base64\n\n" +
+                                    structure.substr(0, structure.find("-----")));
+    EXPECT_EQ(tool({"smime", "decrypt", "--in", "authenticated", "--password-file", "password"}).out, clear);
+    const Answer wrong =
+        tool({"smime", "decrypt", "--in", "authenticated", "--password-file", "wrong", "--out", "nothing"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_NE(wrong.err.find("the password or key-encryption key is another one, or the message is damaged"),
+              std::string::npos)
+        << wrong.err;
+    EXPECT_FALSE(work.exists("nothing"));
+    EXPECT_EQ(tool({"smime", "decrypt", "--in", "by-password", "--kek-file", "kek"}).status, 1);
+    EXPECT_EQ(tool({"smime", "decrypt", "--in", "by-password", "--password-file", "none"}).status, 2);
+}
+
+/// Each may be made to cost a second.
+TEST_F(SmimeReadToolTest, OfStructuresWithAPasswordThreeAreOpened) {
+    work.write("password", std::string("swordfish\n"));
+    std::string mail = "From: alice@example.org\nContent-Type: multipart/mixed; boundary=many\n\n";
+    for (int number = 0; number != 5; ++number) {
+        make("part", {"-encrypt", "-in", "body", "-aes-256-cbc", "-pwri_password", "swordfish"});
+        mail += "--many\n" + work.read("part") + "\n";
+    }
+    const Answer answer = tool({"smime", "inspect", "--password-file", "password", "--json"}, mail + "--many--\n");
+    const auto layers = nlohmann::json::parse(answer.out).at("layers");
+    ASSERT_EQ(layers.size(), 5U);
+    for (std::size_t number = 0; number != 5; ++number)
+        EXPECT_EQ(layers.at(number).at("status"), number < 3 ? "good" : "too-costly") << number;
 }
 
 TEST_F(SmimeReadToolTest, AWrongSignatureWithinIsWrittenOnlyWhenThatIsAskedFor) {

@@ -39,6 +39,7 @@
 /// Nothing is thrown for what a message holds. What `message`, `content` and the `KeyLookup` throw passes through.
 /// Several threads may read messages at once, each its own.
 
+#include <norvcmsg/Buffer.h>
 #include <norvcmsg/Media.h>
 #include <norvcrypto-smime/SMimeAnswer.h>
 #include <norvcrypto-trust/Trust.h>
@@ -66,6 +67,11 @@ struct ReadBudget {
 struct ReadOptions {
     /// What encrypted parts are opened with; null: nothing is opened. Borrowed.
     const CMS::KeyLookup* keys = nullptr;
+    /// The octets of a password, and of a key-encryption key (16, 24 or 32), for what is encrypted with one (RFC 5652, 6.2.3 and
+    /// 6.2.4); null: there is none. Used where none of `keys` fits, for the first recipient of their kind alone, since a
+    /// message is read once; of one message three structures are opened with the password, since each may cost a second. Borrowed.
+    const Buffer* password = nullptr;
+    const Buffer* keyEncryptionKey = nullptr;
     /// Certificates of signers, beside those in the messages. How often signers are compared with them is bounded, see
     /// `CMS::maximumComparisons`; `CMS::maximumTries` different ones are tried for one signer.
     std::vector<NVX509::RefCertificate> certificates;

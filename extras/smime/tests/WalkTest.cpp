@@ -1,3 +1,4 @@
+#include "mime/Lines.h"
 #include "mime/Multipart.h"
 #include "mime/Transfer.h"
 #include "mime/Values.h"
@@ -7,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -263,6 +266,46 @@ TEST(CanonicalLineEnds, MakeCrLfOfBareLfAlone) {
         EXPECT_EQ(counter.counted().bareLf, 2U) << cut;
         EXPECT_EQ(counter.counted().bareCr, 2U) << cut;
     }
+}
+
+/// CR and LF as pairs alone, octet by octet.
+bool hasPairsAlone(const std::string& text) {
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\r' && text.substr(at + 1, 1) != "\n")
+            return false;
+        if (text[at] == '\n' && (at == 0 || text[at - 1] != '\r'))
+            return false;
+    }
+    return true;
+}
+
+void expectFoundAsByTheStandardLibrary(const std::string& text) {
+    for (const std::size_t from : {std::size_t{0}, text.size() / 3, text.size()}) {
+        EXPECT_EQ(findLineStart(text, '-', from), text.find("\n-", from)) << text;
+        EXPECT_EQ(findLine(text, "\n--b", from), text.find("\n--b", from)) << text;
+    }
+    EXPECT_EQ(countOf('\n', text), static_cast<std::size_t>(std::ranges::count(text, '\n'))) << text;
+    EXPECT_EQ(isCanonical(text), hasPairsAlone(text)) << text;
+}
+
+/// They are looked at in steps of sixteen octets and more: wherever something stands, and whatever is around it.
+TEST(LongTexts, AreSearchedLikeEachOctetByItself) {
+    for (std::size_t at = 0; at != 200; ++at) {
+        for (const std::string sought : {"\n-", "\n--b", "\n--a", "\r\n", "\n", "\r", "\n\r"})
+            expectFoundAsByTheStandardLibrary(std::string(at, 'a') + sought + std::string(199 - at, 'a'));
+    }
+    std::mt19937 random(8551);
+    const std::vector<std::string> pieces{"a", "a", "\r\n", "\r\n", "\r\n", "-", "--b", "\n", "\r"};
+    for (std::size_t kinds = 3; kinds <= pieces.size(); ++kinds) {
+        for (std::size_t length = 0; length != 300; ++length) {
+            std::string text;
+            while (text.size() < length)
+                text += pieces[random() % kinds];
+            expectFoundAsByTheStandardLibrary(text);
+        }
+    }
+    expectFoundAsByTheStandardLibrary(std::string(100000, '\n')); // more than a lane of counters holds
+    expectFoundAsByTheStandardLibrary(std::string(100000, '-'));
 }
 
 /// Counts how often it is asked, and for how much.

@@ -1,12 +1,11 @@
 #include "cms/TrialDecryption.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
+#include "commands/SecretOptions.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "files/Output.h"
 #include "many/ManyOptions.h"
-#include "read/KeyEncryptionKey.h"
-#include "read/Passphrase.h"
 #include "read/StructureFile.h"
 #include "show/DecryptionReport.h"
 #include "show/TextAndJson.h"
@@ -24,8 +23,7 @@ namespace {
 struct DecryptOptions {
     std::optional<IdentityOptions> identities;
     std::optional<std::string> store;
-    std::optional<std::string> password;
-    std::optional<std::string> keyEncryptionKey;
+    std::optional<SecretOptions> secrets;
     std::unique_ptr<ManyOptions> in;
     std::string out = "-";
     bool json = false;
@@ -33,7 +31,7 @@ struct DecryptOptions {
 
 std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inputs) {
     const std::vector<IdentityFiles> files = options.identities->files();
-    if (files.empty() && !options.store && !options.password && !options.keyEncryptionKey)
+    if (files.empty() && !options.store && !options.secrets->any())
         throw Failure(
             "give an identity to decrypt with: --cert and --key, or --p12, or --store, or what both sides have: "
             "--password-file or --kek-file (norvcrypt decrypt --help tells more)");
@@ -42,23 +40,6 @@ std::vector<OwnIdentity> identitiesOf(const DecryptOptions& options, Inputs& inp
 
 std::optional<StoreIdentities> storeOf(const DecryptOptions& options, Inputs& inputs) {
     return options.store ? std::optional<StoreIdentities>(std::in_place, *options.store, inputs) : std::nullopt;
-}
-
-std::optional<SharedSecret> passwordOf(const DecryptOptions& options, Inputs& inputs) {
-    if (!options.password)
-        return std::nullopt;
-    const Passphrase password(inputs, options.password);
-    SharedSecret secret{{}, inputName(*options.password)};
-    secret.octets.protect();
-    secret.octets.append(
-        Norvane::Buffer(password.text().data(), static_cast<unsigned int>(password.text().size()), true));
-    return secret;
-}
-
-std::optional<SharedSecret> keyEncryptionKeyOf(const DecryptOptions& options, Inputs& inputs) {
-    if (!options.keyEncryptionKey)
-        return std::nullopt;
-    return SharedSecret{readKeyEncryptionKey(inputs, *options.keyEncryptionKey), inputName(*options.keyEncryptionKey)};
 }
 
 Exit exitOf(const DecryptionResult& result) {
@@ -106,8 +87,8 @@ Exit decrypt(const DecryptOptions& options) {
     Inputs inputs;
     if (!options.in->areMany() && options.json && options.out == "-")
         throw Failure("with --json the report goes to standard output: give --out a file for the body");
-    const DecryptionKeys keys(identitiesOf(options, inputs), storeOf(options, inputs), passwordOf(options, inputs),
-                              keyEncryptionKeyOf(options, inputs));
+    const DecryptionKeys keys(identitiesOf(options, inputs), storeOf(options, inputs),
+                              options.secrets->password(inputs), options.secrets->keyEncryptionKey(inputs));
     if (options.in->areMany())
         return options.in->run(inputs, options.json, withoutSignatureEnding, OutputFile::Access::owner,
                                [&keys](const Item& item, Inputs& own) { return decryptOne(item, keys, own); });
@@ -136,14 +117,7 @@ void addDecrypt(Command& commands, Action& action) {
     options->identities.emplace(*command);
     command->option("--store", options->store, "A store: its identities with a key are tried after the others")
         ->typeName("DIR");
-    command
-        ->option("--password-file", options->password,
-                 "The password for messages that are encrypted with one is this file's first line")
-        ->typeName("FILE");
-    command
-        ->option("--kek-file", options->keyEncryptionKey,
-                 "The key-encryption key that both sides have: 16, 24 or 32 bytes, or as many in hexadecimal digits")
-        ->typeName("FILE");
+    options->secrets.emplace(*command);
     options->in = std::make_unique<ManyOptions>(*command, "--in", "MSG",
                                                 "The structure: DER, BER, PEM, base64, or the mail that it came in; or "
                                                 "several with --out-dir; \"-\", as without "

@@ -55,7 +55,7 @@ private:
 
 } // namespace
 
-MailOptions::MailOptions(Command& command, ManyOptions::Outputs outputs) : identities(command) {
+MailOptions::MailOptions(Command& command, ManyOptions::Outputs outputs) : identities(command), secrets(command) {
     command
         .option("--store", store,
                 "A store: its identities with a key are tried after the others, and its certificates are those of "
@@ -75,6 +75,10 @@ MailReading::MailReading(const MailOptions& options, Inputs& inputs, const Trust
         judge->addIntermediates({m_options.certificates.begin(), m_options.certificates.end()});
     m_keys = std::make_unique<const MailKeys>(options, inputs);
     m_options.keys = m_keys.get();
+    m_password = options.secrets.password(inputs);
+    m_options.password = m_password ? &m_password->octets : nullptr;
+    m_keyEncryptionKey = options.secrets.keyEncryptionKey(inputs);
+    m_options.keyEncryptionKey = m_keyEncryptionKey ? &m_keyEncryptionKey->octets : nullptr;
     m_options.wholeMessage = isWhole;
     m_options.listParts = lists;
 }

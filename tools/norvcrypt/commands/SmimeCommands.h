@@ -6,6 +6,7 @@
 #include "cms/Judging.h"
 #include "commands/Command.h"
 #include "commands/IdentityOptions.h"
+#include "commands/SecretOptions.h"
 #include "files/HeldBody.h"
 #include "files/Input.h"
 #include "many/ManyOptions.h"
@@ -33,9 +34,10 @@ struct MailOptions {
     std::unique_ptr<ManyOptions> in;
     std::optional<std::string> store;
     IdentityOptions identities;
+    SecretOptions secrets;
 
     /// Whether there is anything to open a mail with.
-    [[nodiscard]] bool hasIdentities() const { return store || !identities.files().empty(); }
+    [[nodiscard]] bool canOpen() const { return store || secrets.any() || !identities.files().empty(); }
 };
 
 /// What became of a mail, and how it was judged.
@@ -62,6 +64,8 @@ public:
 
 private:
     std::unique_ptr<const Norvane::Crypto::CMS::KeyLookup> m_keys;
+    std::optional<SharedSecret> m_password;
+    std::optional<SharedSecret> m_keyEncryptionKey;
     Norvane::Crypto::SMime::ReadOptions m_options;
 };
 

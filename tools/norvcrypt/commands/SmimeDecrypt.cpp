@@ -69,9 +69,10 @@ Outcome decryptOne(const Item& item, const SmimeDecryptOptions& options, const M
 Exit decrypt(const SmimeDecryptOptions& options) {
     Inputs inputs;
     const bool areMany = options.mail.in->areMany();
-    if (!options.mail.hasIdentities())
-        throw Failure("give an identity to decrypt with: --cert and --key, or --p12, or --store (norvcrypt smime "
-                      "decrypt --help tells more)");
+    if (!options.mail.canOpen())
+        throw Failure(
+            "give an identity to decrypt with: --cert and --key, or --p12, or --store, or what both sides have: "
+            "--password-file or --kek-file (norvcrypt smime decrypt --help tells more)");
     if (!areMany && options.trust.json() && options.out == "-")
         throw Failure("with --json the report goes to standard output: give --out a file for the content");
     std::optional<TrustJudge> judge;
@@ -97,7 +98,7 @@ Exit decrypt(const SmimeDecryptOptions& options) {
     if (judge)
         tellUnused(*judge);
     if (options.trust.json())
-        tellMail(mail.answer, mail.trust, mail.file, true);
+        tellMail(mail.answer, mail.trust, mail.file, true, judge ? judge->problems() : std::vector<std::string>());
     else
         tellMailOnError(mail.answer);
     if (isClear(mail.answer))
@@ -127,8 +128,9 @@ void addSmimeDecrypt(Command& smime, Action& action) {
                   "Write it although a signature within is wrong, or its signer not to be believed");
     command->note(
         "Each identity is --cert FILE --key FILE [--passphrase-file FILE], or --p12 FILE --passphrase-file FILE, or "
-        "all "
-        "of a --store DIR. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
+        "all of a --store DIR. Where none of them fits, the password and the key-encryption key are tried, each for "
+        "the first "
+        "recipient of its kind. Nothing of what stands beside the encrypted part is written; it is named. Exit code: 0 "
         "decrypted, 1 no key fits, or a signature within is refused, 2 damaged, not supported, too costly, or nothing "
         "is encrypted. Of several mails each goes to --out-dir under its name with \".content\" behind (in the "
         "place of \".p7m\" or \".p7s\"), or, with --whole, under its name.");

@@ -89,7 +89,8 @@ Exit verify(const SmimeVerifyOptions& options) {
     if (judge)
         tellUnused(*judge);
     const Exit exit = exitOf(mail.answer, options.coveredOnly);
-    tellMail(mail.answer, mail.trust, mail.file, options.trust.json());
+    tellMail(mail.answer, mail.trust, mail.file, options.trust.json(),
+             judge ? judge->problems() : std::vector<std::string>());
     if (body && exit == Exit::good) {
         body->release();
         out->commit();
@@ -107,7 +108,7 @@ Exit verifyMail(const std::string& path, Inputs& inputs, const std::optional<Tru
     progress.clear();
     if (judge)
         tellUnused(*judge);
-    tellMail(mail.answer, mail.trust, mail.file, json);
+    tellMail(mail.answer, mail.trust, mail.file, json, judge ? judge->problems() : std::vector<std::string>());
     return exitOf(mail.answer, false);
 }
 

@@ -49,13 +49,6 @@ NVX509::RefCertificate recipientIn(const std::string& path, Inputs& inputs) {
     return certificates.front();
 }
 
-CMS::ContentCipher cipherFor(const std::string& name) {
-    const MessageCipher cipher = messageCipherNamed(name);
-    if (!cipher.content)
-        throw Failure("the cipher " + name + " is not one of S/MIME");
-    return *cipher.content;
-}
-
 /// The message is read twice: to learn what is in it, and to write.
 void expectTwice(Progress& progress, const std::string& path) {
     std::error_code none;
@@ -94,12 +87,7 @@ void SmimeWritingOptions::addEncrypting(Command& command) {
     command.option("--to", m_certificates, "The certificates of recipients, one a file")->typeName("CERT");
     command.option("--to-address", m_addresses, "Addresses of recipients in the store")->typeName("ADDRESS");
     command.flag("--to-self", m_toSelf, "Encrypt for the sender, too, who could not read the message otherwise");
-    command
-        .option(
-            "--cipher", m_cipher,
-            "The cipher: aes-128-cbc, aes-192-cbc, aes-256-cbc, aes-128-gcm, aes-192-gcm, aes-256-gcm or des-ede3-cbc")
-        ->typeName("NAME")
-        ->showDefault();
+    command.option("--cipher", m_cipher, "The cipher, one of " + contentCipherNames())->typeName("NAME")->showDefault();
     Option* const oaep = command.flag("--oaep", m_oaep, "Encrypt with RSAES-OAEP where the key is RSA");
     command.option("--oaep-digest", m_oaepDigest, "Its digest: sha1, sha224, sha256, sha384 or sha512")
         ->typeName("NAME")
@@ -176,7 +164,7 @@ SMime::EncryptOptions SmimeWritingOptions::encrypting(const NVX509::RefKeyStore&
                                                       const std::vector<CMS::SignedWriter::Signer>& signers,
                                                       Inputs& inputs) const {
     SMime::EncryptOptions options;
-    options.cipher = cipherFor(m_cipher);
+    options.cipher = contentCipherNamed(m_cipher);
     options.keys = keys;
     for (const std::string& path : m_certificates)
         options.certificates.push_back(recipientIn(path, inputs));

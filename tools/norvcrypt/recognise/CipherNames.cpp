@@ -76,4 +76,20 @@ std::string messageCipherNames() {
     return names;
 }
 
+Norvane::Crypto::CMS::ContentCipher contentCipherNamed(const std::string& name) {
+    const NamedContentCipher* const found = find(contentCiphers, name);
+    if (found == nullptr && find(ciphers, name) != nullptr)
+        throw Failure("the cipher " + name + " is not one of S/MIME (which are " + contentCipherNames() + ")");
+    if (found == nullptr)
+        refuse(name, contentCipherNames());
+    return found->cipher;
+}
+
+std::string contentCipherNames() {
+    std::string names;
+    for (const NamedContentCipher& one : contentCiphers)
+        names += (names.empty() ? "" : ", ") + std::string(one.name);
+    return names;
+}
+
 } // namespace norvcrypt

@@ -34,4 +34,10 @@ MessageCipher messageCipherNamed(const std::string& name);
 /// All names of them.
 std::string messageCipherNames();
 
+/// The cipher of that name for messages of every kind. \throws Failure: there is none
+Norvane::Crypto::CMS::ContentCipher contentCipherNamed(const std::string& name);
+
+/// All names of those.
+std::string contentCipherNames();
+
 } // namespace norvcrypt

@@ -47,18 +47,23 @@ Description layerFacts(const SMime::Layer& layer, const SMime::Answer& answer,
     putText(facts, "micalg", layer.micalg);
     if (layer.kind == SMime::LayerKind::multipartSigned && layer.status == SMime::LayerStatus::good)
         facts["signedForm"] = SMime::nameOf(layer.form);
+    if (layer.kind == SMime::LayerKind::multipartSigned || layer.kind == SMime::LayerKind::opaqueSigned)
+        facts["signers"] = Description::array();
     for (const SMime::LayerSigner& signer : layer.signers)
         facts["signers"].push_back(signerFacts(signer, answer, trust));
     if (!layer.cipher.empty()) {
         facts["cipher"] = layer.cipher;
         facts["authenticated"] = layer.authenticated;
     }
+    if (layer.kind == SMime::LayerKind::enveloped || layer.kind == SMime::LayerKind::authEnveloped)
+        facts["recipients"] = Description::array();
     for (const SMime::LayerRecipient& recipient : layer.recipients)
         facts["recipients"].push_back(recipientFacts(recipient));
-    if (layer.kind == SMime::LayerKind::certificatesOnly)
+    if (layer.kind == SMime::LayerKind::certificatesOnly) {
+        facts["certificates"] = Description::array();
         for (const auto& certificate : layer.certificates)
-            facts["certificates"].push_back(
-                {{"subject", displayName(certificate->subject())}, {"fingerprintSha256", fingerprint(certificate)}});
+            facts["certificates"].push_back(certificateFacts(certificate));
+    }
     return facts;
 }
 
@@ -91,8 +96,8 @@ Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Op
                       {"verdict", SMime::nameOf(answer.verdict)},
                       {"detail", answer.detail},
                       {"trustChecked", trust.has_value()}};
-    putTexts(facts, "from", answer.from);
-    putTexts(facts, "sender", answer.sender);
+    facts["from"] = answer.from;
+    facts["sender"] = answer.sender;
     putText(facts, "contentPart", answer.contentPath);
     putText(facts, "contentType", answer.contentType);
     facts["layers"] = Description::array();
@@ -110,7 +115,7 @@ Description mailFacts(const SMime::Answer& answer, const std::optional<Trust::Op
         one["octets"] = part.octets;
         facts["parts"].push_back(std::move(one));
     }
-    putTexts(facts, "oddities", answer.oddities);
+    facts["oddities"] = answer.oddities;
     return facts;
 }
 

@@ -20,9 +20,9 @@ Description mailFacts(const Norvane::Crypto::SMime::Answer& answer,
 /// Whether the mail could be read to its end, whatever became of its signatures.
 [[nodiscard]] bool isRead(const Norvane::Crypto::SMime::Answer& answer) noexcept;
 
-/// Tells it on standard output.
+/// Tells it on standard output. \param unused what in the files for trust is not used
 void tellMail(const Norvane::Crypto::SMime::Answer& answer, const std::optional<Norvane::Crypto::Trust::Options>& trust,
-              const std::string& file, bool json);
+              const std::string& file, bool json, const std::vector<std::string>& unused = {});
 /// Tells what matters to who reads the content, on standard error.
 void tellMailOnError(const Norvane::Crypto::SMime::Answer& answer);
 

@@ -125,6 +125,20 @@ std::string coverText(const SMime::HeaderProtection& headers) {
     return headers.isEncrypted ? "encrypted, not signed" : "not covered by a good signature";
 }
 
+void tellOnError(const std::vector<Trust::Reason>& reasons) {
+    for (const Trust::Reason& reason : reasons) {
+        reportError("reason (" + std::string(Trust::nameOf(reason.code)) + "): " + reason.text);
+        if (!reason.advice.empty())
+            reportError("what to do: " + reason.advice);
+    }
+}
+
+void tellRefusalOnError(const SMime::LayerSigner& signer) {
+    tellOnError(signer.trust->reasons);
+    if (signer.sender)
+        tellOnError(signer.sender->reasons);
+}
+
 std::string overallText(const SMime::Answer& answer, const Colours& colours) {
     const std::string name = SMime::nameOf(answer.verdict);
     switch (answer.verdict) {
@@ -143,10 +157,13 @@ std::string overallText(const SMime::Answer& answer, const Colours& colours) {
 } // namespace
 
 void tellMail(const SMime::Answer& answer, const std::optional<Trust::Options>& trust, const std::string& file,
-              bool json) {
+              bool json, const std::vector<std::string>& unused) {
     TextOutput out;
     if (json) {
-        out.text(asJson(mailFacts(answer, trust, file)));
+        Description facts = mailFacts(answer, trust, file);
+        if (trust)
+            facts["problems"] = unused;
+        out.text(asJson(facts));
         out.flush();
         return;
     }
@@ -184,6 +201,9 @@ void tellMailOnError(const SMime::Answer& answer) {
         if (!layer.cipher.empty() && !layer.authenticated)
             text += ", " + layer.cipher + ", not authenticated: it may have been changed on its way";
         reportError(text);
+        for (const SMime::LayerSigner& signer : layer.signers)
+            if (signer.trust && !signer.isAccepted())
+                tellRefusalOnError(signer);
     }
     for (const SMime::UncoveredPart& part : answer.notCovered)
         reportError("not covered, and not written: part " + part.path + ", " + part.type);

@@ -1,6 +1,7 @@
 #include "Multipart.h"
 
 #include "Limits.h"
+#include "Lines.h"
 
 #include <algorithm>
 
@@ -81,7 +82,7 @@ private:
                 return;
         }
         for (;;) {
-            const std::size_t at = bytes.find(m_delimiter, from);
+            const std::size_t at = findLine(bytes, m_delimiter, from);
             if (at == std::string_view::npos)
                 break;
             if (!isAll && bytes.size() - at < longest) {

@@ -1,6 +1,7 @@
 #include "Transfer.h"
 
 #include "Gmime.h"
+#include "Lines.h"
 
 #include <algorithm>
 
@@ -228,6 +229,12 @@ void LineEndCounter::update(std::string_view piece) noexcept {
         m_afterCr = false;
         ++(piece.front() == '\n' ? m_counted.crLf : m_counted.bareCr);
         piece.remove_prefix(piece.front() == '\n' ? 1 : 0);
+    }
+    const std::string_view whole = piece.substr(0, piece.size() - (piece.ends_with('\r') ? 1 : 0));
+    if (isCanonical(whole)) {
+        m_counted.crLf += countOf('\n', whole);
+        m_afterCr = m_afterCr || piece.size() != whole.size();
+        return;
     }
     while (!piece.empty()) {
         const std::size_t end = piece.find('\n');

@@ -85,6 +85,7 @@ public:
     bool isListFull = false; ///< which was told
     std::size_t structures = 0;
     std::size_t judgedByTrust = 0;
+    std::size_t passwordTries = 0;
     std::uint64_t comparisons = 0; ///< of names of signers with the caller's certificates
     bool isExplained = false;      ///< why a signature is refused was asked
     /// With `ReadOptions::keepSignatures`: the header of the content, whose fields are told with the entity around it.

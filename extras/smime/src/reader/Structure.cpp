@@ -102,6 +102,34 @@ void takeRecipients(Layer& layer, const EnvelopeReader& reader) {
     }
 }
 
+/// With what both sides have.
+bool openWithSecrets(Session& session, Layer& layer, EnvelopeReader& reader) {
+    constexpr std::size_t mostPasswordTries = 3;
+    const ReadOptions& options = session.options;
+    for (const EnvelopeReader::Recipient& recipient : reader.recipients()) {
+        if (recipient.kind() == EnvelopeReader::Recipient::keyEncryptionKey && options.keyEncryptionKey != nullptr &&
+            reader.open(recipient, *options.keyEncryptionKey))
+            return true;
+        if (recipient.kind() != EnvelopeReader::Recipient::password || options.password == nullptr)
+            continue;
+        if (session.passwordTries == mostPasswordTries) {
+            layer.status = LayerStatus::tooCostly;
+            layer.detail = "more than " + std::to_string(mostPasswordTries) + " structures with a password";
+            return false;
+        }
+        if (reader.openWithPassword(recipient, *options.password)) {
+            ++session.passwordTries;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool isOpenedWithSecret(const EnvelopeReader& reader) {
+    const auto kind = reader.opened()->kind();
+    return kind == EnvelopeReader::Recipient::password || kind == EnvelopeReader::Recipient::keyEncryptionKey;
+}
+
 /// \returns whether there is a content to read
 bool openEnvelope(Session& session, Layer& layer, EnvelopeReader& reader) {
     if (!reader.hasContent()) {
@@ -109,8 +137,11 @@ bool openEnvelope(Session& session, Layer& layer, EnvelopeReader& reader) {
         layer.detail = "the encrypted content is not in the message";
         return false;
     }
-    const bool isOpen = session.options.keys != nullptr && reader.open(GuardedKeys(session, *session.options.keys));
+    const bool isOpen = (session.options.keys != nullptr && reader.open(GuardedKeys(session, *session.options.keys))) ||
+                        openWithSecrets(session, layer, reader);
     takeRecipients(layer, reader);
+    if (layer.status == LayerStatus::tooCostly)
+        return false;
     if (!isOpen) {
         layer.status = reader.unsupported().empty() ? LayerStatus::noKey : LayerStatus::unsupported;
         layer.detail = reader.unsupported().empty() ? "there is no key for any recipient" : reader.unsupported();
@@ -190,8 +221,18 @@ void readEnvelope(Session& session, std::size_t index, const SharedOctets& octet
         kept = std::make_shared<KeptOctets>(session, content);
         content = kept;
     }
-    readEntity(session, content, payload);
-    mime::drain(*content);
+    try {
+        readEntity(session, content, payload);
+        mime::drain(*content);
+    } catch (const Exception&) {
+        session.rethrowOutside();
+        if (reader.verdict() != EnvelopeReader::Damaged || !isOpenedWithSecret(reader))
+            throw;
+        // Whoever made the message named a certificate where there is one; nothing tells whose a secret is.
+        session.layer(index).status = LayerStatus::noKey;
+        session.layer(index).detail = "the password or key-encryption key is another one, or the message is damaged";
+        return;
+    }
     if (reader.verdict() == EnvelopeReader::Complete) {
         session.layer(index).status = LayerStatus::good;
         session.layer(index).detail.clear();

@@ -1,5 +1,6 @@
 #include "write/Boundary.h"
 
+#include "mime/Lines.h"
 #include "write/Fail.h"
 
 #include <openssl/rand.h>
@@ -31,8 +32,10 @@ BoundaryWatch::BoundaryWatch(const std::vector<std::string>& boundaries) {
 void BoundaryWatch::see(std::string_view piece) {
     while (!piece.empty()) {
         if (m_skipping) {
-            const std::size_t end = piece.find('\n');
+            // All of them begin with a hyphen.
+            const std::size_t end = mime::findLineStart(piece, '-');
             if (end == std::string_view::npos) {
+                m_skipping = !piece.ends_with('\n');
                 return;
             }
             piece.remove_prefix(end + 1);

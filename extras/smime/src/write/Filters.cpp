@@ -1,5 +1,6 @@
 #include "write/Filters.h"
 
+#include "mime/Lines.h"
 #include "mime/Wiped.h"
 
 #include <openssl/evp.h>
@@ -57,23 +58,41 @@ public:
         : GatheringImpl(target),
           m_loneReturn(loneReturn == LoneReturn::lineEnd ? "\r\n" : "\r") {}
 
+    using GatheringImpl::write;
+    /// What is right already, as mail on its way is, goes on as it stands.
+    void write(const unsigned char* data, unsigned int length) override {
+        std::string_view piece(reinterpret_cast<const char*>(data), length);
+        if (m_afterReturn && piece.starts_with('\n')) {
+            m_afterReturn = false;
+            writing::put(target(), "\r\n");
+            piece.remove_prefix(1);
+        }
+        const bool endsInReturn = piece.ends_with('\r');
+        const std::string_view whole = piece.substr(0, piece.size() - (endsInReturn ? 1 : 0));
+        if (!m_afterReturn && mime::isCanonical(whole)) {
+            writing::put(target(), whole);
+            m_afterReturn = endsInReturn;
+            return;
+        }
+        GatheringImpl::write(reinterpret_cast<const unsigned char*>(piece.data()),
+                             static_cast<unsigned int>(piece.size()));
+    }
+
 protected:
     void take(std::string_view piece) override {
+        if (m_afterReturn) {
+            m_afterReturn = false;
+            const bool isPair = piece.front() == '\n';
+            gathered() += isPair ? "\r\n" : m_loneReturn;
+            piece.remove_prefix(isPair ? 1 : 0);
+        }
+        const bool hasReturns = piece.find('\r') != std::string_view::npos;
         while (!piece.empty()) {
-            if (m_afterReturn) {
-                m_afterReturn = false;
-                if (piece.front() == '\n') {
-                    gathered() += "\r\n";
-                    piece.remove_prefix(1);
-                    continue;
-                }
-                gathered() += m_loneReturn;
-            }
             const std::size_t end = piece.find('\n');
             std::string_view line = piece.substr(0, end);
             // A last one may belong to the line end.
-            for (std::size_t cr = line.find('\r'); cr != std::string_view::npos && cr + 1 != line.size();
-                 cr = line.find('\r')) {
+            for (std::size_t cr = hasReturns ? line.find('\r') : std::string_view::npos;
+                 cr != std::string_view::npos && cr + 1 != line.size(); cr = line.find('\r')) {
                 gathered().append(line.substr(0, cr)).append(m_loneReturn);
                 line.remove_prefix(cr + 1);
             }
@@ -152,29 +171,34 @@ protected:
             if (m_held < m_line.size()) {
                 return;
             }
-            writeLine({m_line.data(), m_held});
+            writeLines({m_line.data(), m_held});
         }
-        for (; piece.size() >= m_line.size(); piece.remove_prefix(m_line.size())) {
-            writeLine(piece.substr(0, m_line.size()));
-        }
+        writeLines(piece.substr(0, piece.size() / m_line.size() * m_line.size()));
+        piece.remove_prefix(piece.size() / m_line.size() * m_line.size());
         m_held = piece.copy(m_line.data(), piece.size());
     }
     void finish() override {
         if (m_held != 0) {
-            writeLine({m_line.data(), m_held});
+            writeLines({m_line.data(), m_held});
             m_held = 0;
         }
     }
 
 private:
-    void writeLine(std::string_view octets) {
+    /// The last one may be shorter.
+    void writeLines(std::string_view octets) {
         const std::size_t before = gathered().size();
-        gathered().resize(before + base64LineLength + 1); // and a NUL
-        const int count =
-            EVP_EncodeBlock(reinterpret_cast<unsigned char*>(gathered().data()) + before,
-                            reinterpret_cast<const unsigned char*>(octets.data()), static_cast<int>(octets.size()));
-        gathered().resize(before + static_cast<std::size_t>(count));
-        gathered() += "\r\n";
+        const std::size_t lines = (octets.size() + m_line.size() - 1) / m_line.size();
+        gathered().resize(before + lines * (base64LineLength + 2)); // OpenSSL writes a NUL behind each
+        char* to = gathered().data() + before;
+        for (; !octets.empty(); octets.remove_prefix(std::min(octets.size(), m_line.size()))) {
+            const std::size_t count = std::min(octets.size(), m_line.size());
+            to += EVP_EncodeBlock(reinterpret_cast<unsigned char*>(to),
+                                  reinterpret_cast<const unsigned char*>(octets.data()), static_cast<int>(count));
+            *to++ = '\r';
+            *to++ = '\n';
+        }
+        gathered().resize(static_cast<std::size_t>(to - gathered().data()));
     }
 
     std::array<char, base64LineLength / 4 * 3> m_line{};

@@ -22,11 +22,27 @@ bool isPlainRun(const unsigned char* data) noexcept {
     return ((bytes | (bytes - each * ' ') | (bytes + each)) & (each * 0x80)) == 0;
 }
 
+/// \param length at least a run
+bool isPlainText(const unsigned char* data, std::size_t length) noexcept {
+    for (std::size_t at = 0; at + run <= length; at += run) {
+        if (!isPlainRun(data + at)) {
+            return false;
+        }
+    }
+    return isPlainRun(data + length - run);
+}
+
 } // namespace
 
 void TextTraits::see(const unsigned char* data, std::size_t length) {
     m_octets += length;
     for (const unsigned char* const past = data + length; data != past;) {
+        if (m_column == 0 && !m_afterReturn && m_continuations == 0) {
+            data += seePlainLines(data, static_cast<std::size_t>(past - data));
+            if (data == past) {
+                return;
+            }
+        }
         // Most bytes stand within a line.
         if (!m_afterReturn && m_column >= m_start.size() && m_continuations == 0) {
             const unsigned char* const first = data;
@@ -43,6 +59,32 @@ void TextTraits::see(const unsigned char* data, std::size_t length) {
             }
         }
         seeByte(*data++);
+    }
+}
+
+/// Whole lines of plain characters, most of them as long as the one before. \returns how many octets those were
+std::size_t TextTraits::seePlainLines(const unsigned char* data, std::size_t length) {
+    std::size_t done = 0;
+    for (;;) {
+        const unsigned char* const line = data + done;
+        const std::size_t left = length - done;
+        std::size_t end = m_usual; // of its characters
+        if (end >= left || (line[end] != '\n' && (line[end] != '\r' || end + 1 == left || line[end + 1] != '\n'))) {
+            const auto* const feed = static_cast<const unsigned char*>(std::memchr(line, '\n', left));
+            if (feed == nullptr) {
+                return done;
+            }
+            end = static_cast<std::size_t>(feed - line);
+            end -= end != 0 && line[end - 1] == '\r' ? 1U : 0U;
+        }
+        if (end < run || !isPlainText(line, end)) {
+            return done;
+        }
+        m_usual = end;
+        m_longest = std::max<std::uint64_t>(m_longest, end);
+        m_trailingBlank = m_trailingBlank || line[end - 1] == ' ';
+        m_fromLine = m_fromLine || (line[0] == 'F' && std::memcmp(line, "From ", m_start.size()) == 0);
+        done += end + (line[end] == '\r' ? 2U : 1U);
     }
 }
 

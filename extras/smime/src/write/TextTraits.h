@@ -48,6 +48,7 @@ public:
     bool operator!=(const TextTraits& other) const noexcept { return !(*this == other); }
 
 private:
+    std::size_t seePlainLines(const unsigned char* data, std::size_t length);
     void seeByte(unsigned char byte);
     void seeUtf8(unsigned char byte);
     void endLine();
@@ -59,6 +60,7 @@ private:
     std::uint64_t m_loneReturns = 0;
     std::uint64_t m_longest = 0;
     std::uint64_t m_column = 0;
+    std::size_t m_usual = 0;       ///< how long the last line was that had plain characters alone
     std::array<char, 5> m_start{}; ///< of the line
     unsigned char m_last = 0;      ///< of the line
     bool m_afterReturn = false;

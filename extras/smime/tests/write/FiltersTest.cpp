@@ -88,6 +88,23 @@ std::vector<std::string> textsOf(std::string_view bytes, std::size_t longest) {
     return texts;
 }
 
+/// What is right already is passed on without being looked at line by line: whatever stands in it, wherever, is mended.
+TEST(SmimeFiltersTest, MendsLineEndsAmongThoseThatAreRight) {
+    const std::string line = std::string(17, 'a') + "\r\n";
+    for (std::size_t at = 0; at != 3 * line.size() + 1; ++at) {
+        std::string text = line + line + line;
+        const bool splits = at % line.size() == line.size() - 1; // a line end
+        if (!splits) {
+            text.insert(at, "\n");
+            std::string mended = line + line + line;
+            mended.insert(at, "\r\n");
+            EXPECT_EQ(through(canonical(LoneReturn::data), text), mended) << at;
+            text[at] = '\r';
+            EXPECT_EQ(through(canonical(LoneReturn::lineEnd), text), mended) << at;
+        }
+    }
+}
+
 TEST(SmimeFiltersTest, TakesEndsOfLinesInAnyOrder) {
     for (const std::string& text : textsOf("\r\na", 6)) {
         std::string returnsAreData;
@@ -311,6 +328,41 @@ TEST(SmimeTextTraitsTest, MissesNothingAmongLetters) {
                       !isHigh && byte != '\0' && byte != '\r' && !(at == 79 && (byte == ' ' || byte == '\t')));
         }
     }
+}
+
+/// Whole lines of letters are looked at together, too.
+TEST(SmimeTextTraitsTest, MissesNothingAmongLines) {
+    const std::string line(76, 'a');
+    for (const std::string& odd :
+         {std::string("From x, who wrote"), std::string("blank "), std::string("tab\t"), std::string("."),
+          std::string("\xc3\xa4"), std::string("caf\xe4 au lait"), std::string("lone\rreturn"), std::string(1, '\0'),
+          std::string("two returns\r"), std::string(991, 'x'), std::string(75, 'a') + ' ',
+          std::string(75, 'a') + '\x7f', "From" + std::string(72, ' ') + 'x', "From " + std::string(71, 'x'),
+          "Fron " + std::string(71, 'x')}) {
+        for (const char* const end : {"\n", "\r\n"}) {
+            for (std::size_t place = 0; place != 3; ++place) {
+                std::string text;
+                for (std::size_t number = 0; number != 4; ++number)
+                    text += (number == place ? odd : line) + end;
+                TextTraits single;
+                for (const char one : text) {
+                    single.see({&one, 1});
+                }
+                single.end();
+                const TextTraits whole = traitsOf(text);
+                EXPECT_EQ(whole, single) << text;
+                const TextTraits alone = traitsOf(odd + end);
+                EXPECT_EQ(whole.isRelayProof(), alone.isRelayProof()) << text;
+                EXPECT_EQ(whole.isSendable(), alone.isSendable()) << text;
+                EXPECT_EQ(whole.isUtf8(), alone.isUtf8()) << text;
+                EXPECT_EQ(whole.eightBit(), alone.eightBit()) << text;
+                EXPECT_EQ(whole.longestLine(), std::max<std::uint64_t>(76, alone.longestLine())) << text;
+            }
+        }
+    }
+    EXPECT_FALSE(traitsOf(line + "\r\nFrom " + line + "\r\n" + line).isRelayProof());
+    EXPECT_FALSE(traitsOf(line + "\r\n" + line + " \r\n" + line).isRelayProof());
+    EXPECT_TRUE(traitsOf(line + "\r\n" + line + "\r\n" + line + "\n" + line).isRelayProof());
 }
 
 TEST(SmimeTextTraitsTest, TellsUtf8FromOtherText) {
