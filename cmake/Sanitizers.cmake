@@ -7,13 +7,14 @@ if(NOT "${NORV_COVERAGE}" STREQUAL OFF)
   add_link_options(--coverage)
 endif()
 
-# norv_measured(TARGET...): what scripts/coverage measures and scripts/mutate changes. Tests are compiled as in the test build, where
-# a compiler cache has them; sanitizers are kept out of these, since each of their checks would count as a branch, and take time.
+# norv_measured(TARGET...): what scripts/coverage measures and scripts/mutate changes. Under scripts/coverage tests are compiled as in
+# the test build, where a compiler cache has them; sanitizers are kept out of these, since each of their checks would count as a branch.
 # NORV_COVERAGE may be a regular expression, too: sources that it does not fit are left as in the test build, and so are the sanitizers.
 function(norv_measured)
   foreach(target IN LISTS ARGN)
     if(NORV_MUTANTS)
-      target_compile_options(${target} PRIVATE -g0 -w -fno-sanitize=all)
+      target_compile_options(${target} PRIVATE -w)
+      target_link_libraries(${target} PUBLIC norvmutants)
     elseif("${NORV_COVERAGE}" STREQUAL ON)
       target_compile_options(${target} PRIVATE -g0 --coverage -fprofile-update=atomic -fno-sanitize=all)
     elseif(NOT "${NORV_COVERAGE}" STREQUAL OFF)

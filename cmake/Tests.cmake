@@ -6,6 +6,9 @@ add_custom_target(concurrency_tests)
 # The code of the tests is checked for memory errors; undefined behaviour is looked for in the libraries and the tool
 # alone: instrumenting the tests for it doubles what compiling them takes.
 set(NORV_TEST_OPTIONS -fno-sanitize=undefined)
+if(NORV_MUTANTS)
+  list(APPEND NORV_TEST_OPTIONS -w) # some compile sources of the libraries, which are no longer as anyone wrote them
+endif()
 
 # What nearly every test includes, compiled once. A program, since the header has to be compiled as programs are.
 add_executable(norvtest_precompiled ${PROJECT_SOURCE_DIR}/tests/support/Precompiled.cpp)
@@ -30,8 +33,12 @@ function(norv_test name)
   add_executable(${name} ${ARG_SOURCES})
   # Functions that a test defines to stand in for a library's must be seen by the libraries.
   set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET default VISIBILITY_INLINES_HIDDEN OFF)
-  target_link_libraries(${name} PRIVATE norv_warnings norvtest_places ${ARG_LIBRARIES} GTest::gmock GTest::gtest
-                                        GTest::gtest_main)
+  if(NORV_MUTANTS) # begins each mutant in a process of its own
+    set(main norvmutants_main)
+  else()
+    set(main GTest::gtest_main)
+  endif()
+  target_link_libraries(${name} PRIVATE norv_warnings norvtest_places ${ARG_LIBRARIES} GTest::gmock GTest::gtest ${main})
   target_compile_options(${name} PRIVATE ${NORV_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM norvtest_precompiled)
   foreach(source IN LISTS ARG_SOURCES)
