@@ -34,7 +34,10 @@ int s_sockets = 0;                            // that were opened, and hosts tha
 int s_decoded = 0;                            // certificates
 int s_verified = 0;                           // chains
 int s_pushed = 0;                             // onto stacks, among them that of the candidates
+int s_copied = 0;                             // certificates, which counts no pushes
+constexpr int refusedTwice = 2;               // a refusal is reached a second time before it is believed
 std::optional<std::pair<int, int>> s_failure; // what OpenSSL answers and gives as error, when it fails in silence
+int s_failures = -1;                          // how many times it does so; negative: each time
 
 } // namespace
 
@@ -50,9 +53,16 @@ int X509_CRL_verify(X509_CRL* list, EVP_PKEY* key) {
     return norvtest::next<&X509_CRL_verify>("X509_CRL_verify")(list, key);
 }
 
+X509* X509_dup(const X509* certificate) {
+    ++s_copied;
+    const norvtest::During<int> pushed(s_pushed, s_pushed);
+    return norvtest::next<&X509_dup>("X509_dup")(certificate);
+}
+
 int X509_verify_cert(X509_STORE_CTX* context) {
     ++s_verified;
-    if (s_failure) {
+    if (s_failure && s_failures != 0) {
+        --s_failures;
         X509_STORE_CTX_set_error(context, s_failure->second);
         return s_failure->first;
     }
@@ -125,14 +135,16 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     for (unsigned int i = 0; i < 2500; ++i) {
         one.message(unsignedCopy(m_middle, i));
     }
-    s_names = s_signatures = s_pushed = 0;
+    s_names = s_signatures = s_pushed = s_copied = 0;
     const Verdict verdict = one.judge(anna);
     EXPECT_FALSE(verdict.accepted);
-    EXPECT_GE(s_pushed, 4 * 60);
-    EXPECT_LE(s_pushed, 1000) << "64 of one name: OpenSSL compares all of them with each certificate of the chain";
+    EXPECT_GE(s_pushed, refusedTwice * 4 * 60);
+    EXPECT_LE(s_copied, 1 + 64) << "what is no candidate is not decoded anew";
+    EXPECT_LE(s_pushed, refusedTwice * 1000)
+        << "64 of one name: OpenSSL compares all of them with each certificate of the chain";
     EXPECT_TRUE(verdict.mentions(Code::tooManyCertificates));
     // OpenSSL takes the first that fits, and is asked for four ways; names are compared by sorting them.
-    EXPECT_EQ(s_signatures, 4 * 2);
+    EXPECT_EQ(s_signatures, refusedTwice * 4 * 2);
     EXPECT_GT(s_names, 0);
     EXPECT_LE(s_names, 200000);
     one.message(m_middle);
@@ -151,6 +163,17 @@ TEST_F(TrustWork, WhatOpenSslRefusesInSilenceIsRefused) {
     }
 }
 
+// Without memory OpenSSL may call anything wrong and say nothing of it.
+TEST_F(TrustWork, ARefusalThatIsNoneTheSecondTimeIsWantOfMemory) {
+    const Identity anna = user(m_middle);
+    s_failure.emplace(0, X509_V_ERR_APPLICATION_VERIFICATION);
+    s_failures = 1;
+    EXPECT_THROW(static_cast<void>(chain().judge(anna)), std::bad_alloc);
+    s_failure.reset();
+    s_failures = -1;
+    EXPECT_TRUE(chain().judge(anna).accepted);
+}
+
 TEST_F(TrustWork, IssuersThatIssueEachOther) {
     // Two authorities, each of which has certificates of the other, again and again.
     Case one;
@@ -166,8 +189,8 @@ TEST_F(TrustWork, IssuersThatIssueEachOther) {
     EXPECT_TRUE(verdict.has(Code::chainTooLong) || verdict.has(Code::issuerMissing)) << shown(verdict);
     EXPECT_LE(verdict.chain.size(), 34U) << "the default depth";
     EXPECT_GT(s_signatures, 1);
-    EXPECT_LE(s_signatures, 4 * 34);
-    EXPECT_LE(s_verified, 4) << "four ways are tried, unless another one would take too long";
+    EXPECT_LE(s_signatures, refusedTwice * 4 * 34);
+    EXPECT_LE(s_verified, refusedTwice * 4) << "four ways are tried, unless another one would take too long";
 }
 
 TEST_F(TrustWork, ACertificateInTheMessageAgainAndAgain) {
