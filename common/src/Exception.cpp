@@ -9,6 +9,23 @@
 
 namespace Norvane {
 
+namespace {
+
+/// Not by the copy constructor: libstdc++ 12 destroys a variant whose text found no memory as if it held something.
+std::vector<Exception::Parameter> copyOf(const std::vector<Exception::Parameter>& parameters) {
+    std::vector<Exception::Parameter> copies(parameters.size()); // empty texts
+    for (std::size_t i = 0; i != parameters.size(); ++i) {
+        if (const auto* number = std::get_if<int>(&parameters[i])) {
+            copies[i] = *number;
+        } else {
+            std::get<std::string>(copies[i]) = std::get<std::string>(parameters[i]);
+        }
+    }
+    return copies;
+}
+
+} // namespace
+
 /// What an exception says. It is shared by copies and never changes: a change of an exception makes a new state, so
 /// that copying cannot throw and `what()` is valid from several threads.
 struct Exception::State {
@@ -22,7 +39,7 @@ struct Exception::State {
           code(other.code),
           file(other.file),
           line(other.line),
-          parameters(other.parameters),
+          parameters(copyOf(other.parameters)),
           cause(other.cause ? std::make_unique<Exception>(*other.cause) : nullptr),
           causes(other.causes) {}
     State& operator=(const State&) = delete;

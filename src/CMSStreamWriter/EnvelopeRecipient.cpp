@@ -30,7 +30,14 @@ CertificateKey keyOf(const NVX509::RefCertificate& certificate, NamedBy namedBy)
     if (kind == RecipientKeyKind::other) {
         refuse("the key is " + openssl::recipientKeyName(key) + ", which cannot encrypt here");
     }
-    const std::uint64_t work = openssl::encryptionWork(key, kind);
+    std::uint64_t work = 0;
+    {
+        const openssl::ErrorMark mark;
+        work = openssl::encryptionWork(key, kind);
+        if (work > maximumRecipientWork) {
+            mark.throwWithoutMemory();
+        }
+    }
     if (work > maximumRecipientWork) {
         refuse("the RSA key has a modulus or a public exponent that no sound key has");
     }
