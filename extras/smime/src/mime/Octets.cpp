@@ -99,6 +99,14 @@ std::uint64_t copy(Octets& from, MediaOut& to) {
     return count;
 }
 
+bool skipByteOrderMark(Octets& from) {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    if (!from.view(mark.size()).starts_with(mark))
+        return false;
+    from.skip(mark.size());
+    return true;
+}
+
 void put(MediaOut& out, std::string_view text) {
     constexpr std::size_t most = std::size_t{1} << 30U;
     while (!text.empty()) {

@@ -79,6 +79,10 @@ std::uint64_t drain(Octets& from);
 /// Copies all that is left.
 std::uint64_t copy(Octets& from, MediaOut& to);
 
+/// Takes a byte order mark that a message begins with: editors put it there, and it hides the field behind it. \returns whether there
+/// was one
+bool skipByteOrderMark(Octets& from);
+
 /// Writes a text. A sink takes 32 bits of length at a time.
 void put(MediaOut& out, std::string_view text);
 

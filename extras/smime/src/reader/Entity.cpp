@@ -157,12 +157,8 @@ bool isSignature(const ContentType& type, const std::string& fileName) {
 void readEntity(Session& session, const SharedOctets& in, const Place& place) {
     if (place.depth > session.options.budget.depth)
         return session.fail(place, LayerStatus::tooCostly, "it lies deeper than the budget allows");
-    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (place.depth == 0 && in->view(byteOrderMark.size()).starts_with(byteOrderMark)) {
-        // Editors put it there, and other readers leave it out, too: the field behind it is one, From above all.
-        in->skip(byteOrderMark.size());
+    if (place.depth == 0 && mime::skipByteOrderMark(*in))
         session.addOddity(place, "a byte order mark in front of the message");
-    }
     Header header;
     if (!takeHeader(session, *in, place, header))
         return;
