@@ -42,6 +42,7 @@ public:
 private:
     MediaIn m_in;
     WipedOctets m_buffer;
+    std::size_t m_pieceLength;
     std::size_t m_from = 0;
     std::size_t m_until = 0;
     bool m_ended = false;
