@@ -57,7 +57,10 @@ TEST_F(SmimeTest, OpenSslCms) {
                          {"sign-pss-opaque", true},
                          {"sign-ecdsa-detached", true},
                          {"encrypt-oaep-aes-256-cbc", true},
+                         {"sign-ecdsa-384-sha384-detached", true},
                          {"encrypt-ecdh-aes-256-gcm", true},
+                         {"encrypt-ecdh-521-aes-256-cbc", true},
+                         {"encrypt-rsa-aes-192-gcm", true},
                          {"triple", true},
                          {"protected-both", false}});
 }
@@ -71,7 +74,7 @@ TEST_F(SmimeTest, Gpgsm) {
 }
 
 TEST_F(SmimeTest, Nss) {
-    exchange("nss", {{"sign-ecdsa-detached", true}, {"both-opaque", true}});
+    exchange("nss", {{"sign-ecdsa-detached", true}, {"sign-ecdsa-521-sha512-detached", true}, {"both-opaque", true}});
 }
 
 } // namespace

@@ -143,6 +143,11 @@ TEST_F(SmimeReadToolTest, DecryptsWithWhatBothSidesHave) {
         const Answer inspected = tool({"smime", "inspect", "--in", mail, option, file});
         EXPECT_EQ(inspected.status, 0);
         EXPECT_NE(inspected.out.find("opened with this key"), std::string::npos) << inspected.out;
+        const bool isPassword = std::string(option) == "--password-file";
+        EXPECT_NE(
+            inspected.out.find(isPassword ? "  recipient: password, " : "  recipient: key-encryption key c0ffee, "),
+            std::string::npos)
+            << inspected.out;
     }
     // A signature within counts as ever.
     EXPECT_EQ(tool({"smime", "verify", "--in", "by-password", "--password-file", "password", "--ca", "root.pem",

@@ -128,6 +128,12 @@ TEST_F(WhatPeopleHaveToolTest, WholeMailsAreJudgedAsTheyAre) {
     const auto json = nlohmann::json::parse(inspected.out);
     ASSERT_EQ(1U, json.size());
     EXPECT_EQ("multipart-signed", json.at(0).at("layers").at(0).at("kind"));
+    // As editors save it, and with line ends behind it.
+    work.write("saved", "\xEF\xBB\xBF" + mail + "\n\r\n\n");
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"verify", "--signature", "saved"}, {"smime", "verify", "--in", "saved"}})
+        EXPECT_EQ(0, tool(command).status) << command[0];
+    EXPECT_THAT(tool({"inspect", "saved"}).out, HasSubstr("saved: S/MIME message\n"));
 
     // A relay added to the signed part.
     const std::size_t end = mail.find("all is well.") + 12;

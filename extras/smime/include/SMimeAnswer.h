@@ -68,9 +68,10 @@ struct LayerSigner {
 
 /// One who can open an encrypted layer.
 struct LayerRecipient {
-    std::string identifier; ///< the name of the certificate, for people; empty for other kinds of recipients
-    std::string algorithm;  ///< of the encrypted content key
-    bool opened = false;    ///< whether the content was read with this one's key
+    /// For people: the name of the certificate, "password", or "key-encryption key c0ffee"; empty for other kinds of recipients.
+    std::string identifier;
+    std::string algorithm; ///< of the encrypted content key
+    bool opened = false;   ///< whether the content was read with this one's key
 };
 
 /// Which of two forms of the signed bytes a detached signature fits.

@@ -130,6 +130,17 @@ TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
         EXPECT_EQ(judged(signedMail(line + std::string("From: alice@example.org"))).answer.verdict, Verdict::accepted);
 }
 
+// Editors put it in front of a file. What is behind it is a field like any other.
+TEST(SMimeTrust, AByteOrderMarkHidesNoFrom) {
+    const std::string mark = "\xEF\xBB\xBF";
+    const Outcome saved = judged(mark + signedMail("From: alice@example.org"));
+    EXPECT_EQ(saved.answer.verdict, Verdict::accepted) << saved.answer.detail;
+    EXPECT_THAT(saved.answer.oddities, ElementsAre("part 1: a byte order mark in front of the message"));
+    const Outcome hidden = judged(mark + signedMail("From: boss@example.org\r\nFrom: alice@example.org"));
+    EXPECT_EQ(hidden.answer.verdict, Verdict::refused);
+    EXPECT_THAT(hidden.answer.from, ElementsAre("boss@example.org", "alice@example.org"));
+}
+
 // Whoever reads the content as a message is shown this From.
 TEST(SMimeTrust, AFromThatIsHandedOnIsTheSignersWhetherDeclaredOrNot) {
     const std::string boss = "From: boss@example.org\r\nContent-Type: text/plain\r\n\r\nhello\r\n";

@@ -2,15 +2,27 @@
 
 from dataclasses import dataclass
 
-SIGNERS = {"rsa": "alice", "pss": "alice", "ecdsa": "erin", "ed25519": "frank"}
-RECIPIENTS = {"rsa": "bob", "oaep": "bob", "ecdh": "erin"}
+SIGNERS = {
+    "rsa": "alice",
+    "pss": "alice",
+    "ecdsa": "erin",
+    "ecdsa-384": "grace",
+    "ecdsa-521": "heidi",
+    "ed25519": "frank",
+}
+RECIPIENTS = {"rsa": "bob", "oaep": "bob", "ecdh": "erin", "ecdh-384": "grace", "ecdh-521": "heidi"}
+PEOPLE = ("alice", "bob", "erin", "frank", "grace", "heidi")
 NAMES = {
     "rsa": "RSA PKCS#1 1.5",
     "pss": "RSA-PSS",
     "ecdsa": "ECDSA P-256",
+    "ecdsa-384": "ECDSA P-384",
+    "ecdsa-521": "ECDSA P-521",
     "ed25519": "Ed25519",
     "oaep": "RSA-OAEP",
     "ecdh": "ECDH P-256",
+    "ecdh-384": "ECDH P-384",
+    "ecdh-521": "ECDH P-521",
 }
 
 
@@ -79,12 +91,15 @@ def _layers(name, text, *layers, oursAlone=False):
 def all_jobs():
     jobs = [_sign(scheme, opaque) for scheme in ("rsa", "pss", "ecdsa") for opaque in (False, True)]
     jobs += [_sign("ed25519", opaque, None) for opaque in (False, True)]
-    jobs += [_sign("rsa", False, "sha512")]
-    for cipher in ("des-ede3-cbc", "aes-128-cbc", "aes-192-cbc", "aes-256-cbc", "aes-128-gcm", "aes-256-gcm"):
+    jobs += [_sign("rsa", False, digest) for digest in ("sha224", "sha384", "sha512")]
+    jobs += [_sign("pss", False, "sha512"), _sign("ecdsa-384", False, "sha384"), _sign("ecdsa-521", False, "sha512")]
+    ciphers = ("des-ede3-cbc", "aes-128-cbc", "aes-192-cbc", "aes-256-cbc", "aes-128-gcm", "aes-192-gcm", "aes-256-gcm")
+    for cipher in ciphers:
         jobs.append(_encrypt("rsa", cipher))
     for transport in ("oaep", "ecdh"):
         for cipher in ("aes-128-cbc", "aes-256-cbc", "aes-256-gcm"):
             jobs.append(_encrypt(transport, cipher))
+    jobs += [_encrypt("ecdh-384", "aes-256-cbc"), _encrypt("ecdh-521", "aes-256-cbc")]
     rsa, opaque, ecdsa = Signature("rsa"), Signature("rsa", True), Signature("ecdsa")
     protects = Signature("rsa", protects=True)
     cbc, gcm, ecdh = Envelope("rsa", "aes-128-cbc"), Envelope("rsa", "aes-256-gcm"), Envelope("ecdh", "aes-256-cbc")

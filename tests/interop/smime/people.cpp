@@ -43,6 +43,8 @@ void writePeople(const std::string& folder) {
     person("bob", storedKey("bob"), "b0b", 0xA0);
     person("erin", Key::ec("P-256"), "e111", 0x88);
     person("frank", Key::ed25519(), "f4a0", 0x80);
+    person("grace", Key::ec("P-384"), "97ace", 0x88);
+    person("heidi", Key::ec("P-521"), "4e1d1", 0x88);
 }
 
 } // namespace

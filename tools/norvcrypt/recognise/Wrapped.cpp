@@ -135,6 +135,11 @@ std::vector<WrappedObject> fromPem(std::string_view text) {
     return objects;
 }
 
+std::string_view withoutByteOrderMark(std::string_view text) {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    return text.substr(text.starts_with(mark) ? mark.size() : 0);
+}
+
 /// The name that a line of a header begins with, without the colon.
 std::string_view fieldName(std::string_view line) {
     const std::size_t colon = line.find(':');
@@ -218,8 +223,7 @@ std::vector<WrappedObject> wrappedIn(const Buffer& content) {
     const std::optional<Buffer> narrow = narrowed(text);
     if (narrow)
         text = textOf(*narrow);
-    if (text.starts_with("\xEF\xBB\xBF"))
-        text.remove_prefix(3);
+    text = withoutByteOrderMark(text);
     if (std::vector<WrappedObject> blocks = fromPem(text); !blocks.empty())
         return blocks;
     for (const auto& unwrap : {fromPart, fromBase64, fromHexDigits})
@@ -229,7 +233,7 @@ std::vector<WrappedObject> wrappedIn(const Buffer& content) {
 }
 
 bool looksLikeMail(const Buffer& content) {
-    const PartFields fields = partFields(textOf(content));
+    const PartFields fields = partFields(withoutByteOrderMark(textOf(content)));
     return fields.hasFields && !fields.type.empty();
 }
 

@@ -51,7 +51,9 @@ std::string layerText(const SMime::Layer& layer, const Colours& colours) {
     const std::string status = statusText(layer, colours);
     if (!status.empty())
         text += ": " + status;
-    if (!layer.coversContent && layer.kind != SMime::LayerKind::forwarded)
+    const bool holdsContent =
+        layer.kind != SMime::LayerKind::forwarded && layer.kind != SMime::LayerKind::certificatesOnly;
+    if (!layer.coversContent && holdsContent)
         text += " (not around the content)";
     return text;
 }
@@ -91,7 +93,9 @@ void tellLayer(TextOutput& out, const SMime::Layer& layer, const SMime::Answer& 
             "  cipher " + escapeForDisplay(layer.cipher) +
             (layer.authenticated ? ", authenticated" : ", not authenticated: it may have been changed on its way"));
     for (const SMime::LayerRecipient& recipient : layer.recipients)
-        out.line("  recipient: " + escapeForDisplay(recipient.identifier + ", " + recipient.algorithm) +
+        out.line("  recipient: " +
+                 escapeForDisplay((recipient.identifier.empty() ? "of another kind" : recipient.identifier) + ", " +
+                                  recipient.algorithm) +
                  (recipient.opened ? ", opened with this key" : ""));
     if (layer.kind == SMime::LayerKind::certificatesOnly)
         for (const auto& certificate : layer.certificates)

@@ -7,6 +7,8 @@ namespace Norvane::Crypto::SMime::mime {
 
 namespace {
 
+// Of a short message little is to be wiped.
+constexpr std::size_t firstPieceLength = 4096;
 constexpr std::size_t pieceLength = 32768;
 
 /// The body of a source over octets.
@@ -44,7 +46,7 @@ private:
 
 } // namespace
 
-MediaOctets::MediaOctets(const MediaIn& in) : m_in(in) {}
+MediaOctets::MediaOctets(const MediaIn& in) : m_in(in), m_pieceLength(firstPieceLength) {}
 
 std::string_view MediaOctets::view(std::size_t atLeast) {
     if (m_until - m_from < atLeast && !m_ended) {
@@ -54,7 +56,7 @@ std::string_view MediaOctets::view(std::size_t atLeast) {
             m_until -= m_from;
             m_from = 0;
         }
-        m_buffer.resize(std::max({m_buffer.size(), pieceLength, atLeast + pieceLength}));
+        m_buffer.resize(std::max(m_buffer.size(), atLeast + m_pieceLength));
         while (m_until < atLeast && !m_ended) {
             const auto room = static_cast<unsigned int>(m_buffer.size() - m_until);
             const int count = m_in.read(reinterpret_cast<unsigned char*>(m_buffer.data()) + m_until, room);
@@ -63,6 +65,8 @@ std::string_view MediaOctets::view(std::size_t atLeast) {
             else
                 m_until += static_cast<std::size_t>(count);
         }
+        if (m_until == m_buffer.size())
+            m_pieceLength = pieceLength;
     }
     return {m_buffer.data() + m_from, m_until - m_from};
 }
@@ -97,6 +101,14 @@ std::uint64_t copy(Octets& from, MediaOut& to) {
         from.skip(bytes.size());
     }
     return count;
+}
+
+bool skipByteOrderMark(Octets& from) {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    if (!from.view(mark.size()).starts_with(mark))
+        return false;
+    from.skip(mark.size());
+    return true;
 }
 
 void put(MediaOut& out, std::string_view text) {

@@ -42,6 +42,7 @@ public:
 private:
     MediaIn m_in;
     WipedOctets m_buffer;
+    std::size_t m_pieceLength;
     std::size_t m_from = 0;
     std::size_t m_until = 0;
     bool m_ended = false;
@@ -78,6 +79,10 @@ private:
 std::uint64_t drain(Octets& from);
 /// Copies all that is left.
 std::uint64_t copy(Octets& from, MediaOut& to);
+
+/// Takes a byte order mark that a message begins with: editors put it there, and it hides the field behind it. \returns whether there
+/// was one
+bool skipByteOrderMark(Octets& from);
 
 /// Writes a text. A sink takes 32 bits of length at a time.
 void put(MediaOut& out, std::string_view text);

@@ -165,6 +165,8 @@ bool isSignature(const ContentType& type, const std::string& fileName) {
 void readEntity(Session& session, const SharedOctets& in, const Place& place) {
     if (place.depth > session.options.budget.depth)
         return session.fail(place, LayerStatus::tooCostly, "it lies deeper than the budget allows");
+    if (place.depth == 0 && mime::skipByteOrderMark(*in))
+        session.addOddity(place, "a byte order mark in front of the message");
     Header header;
     if (!takeHeader(session, *in, place, header))
         return;

@@ -86,6 +86,27 @@ private:
     const CMS::KeyLookup& m_keys;
 };
 
+std::string hexText(const Buffer& octets) {
+    constexpr const char* digits = "0123456789abcdef";
+    constexpr unsigned int most = 64; // of a name that a stranger chose
+    std::string text;
+    for (unsigned int at = 0; at < std::min(octets.length(), most); ++at) {
+        text += digits[octets.data()[at] >> 4U];
+        text += digits[octets.data()[at] & 15U];
+    }
+    return octets.length() > most ? text + "..." : text;
+}
+
+/// For people.
+std::string nameOf(const EnvelopeReader::Recipient& recipient) {
+    if (recipient.kind() == EnvelopeReader::Recipient::password)
+        return "password";
+    if (recipient.kind() == EnvelopeReader::Recipient::keyEncryptionKey)
+        return "key-encryption key " + hexText(recipient.keyIdentifier());
+    const auto identifier = recipient.identifier();
+    return identifier ? identifier->asString() : "";
+}
+
 void takeRecipients(Layer& layer, const EnvelopeReader& reader) {
     constexpr std::size_t maximumTold = 100;
     layer.cipher = reader.cipher();
@@ -94,8 +115,7 @@ void takeRecipients(Layer& layer, const EnvelopeReader& reader) {
         if (layer.recipients.size() == maximumTold)
             break;
         LayerRecipient recipient;
-        const auto identifier = from.identifier();
-        recipient.identifier = identifier ? identifier->asString() : "";
+        recipient.identifier = nameOf(from);
         recipient.algorithm = from.algorithm();
         recipient.opened = &from == reader.opened();
         layer.recipients.push_back(recipient);

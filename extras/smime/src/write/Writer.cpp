@@ -25,6 +25,7 @@ constexpr std::size_t mostShells = 8;
 /// The message, once more from its start: its header was read, its body lies ahead.
 struct Opened {
     Opened(Source& source, const WriteBudget& budget) : body(std::make_shared<mime::MediaOctets>(source.fromStart())) {
+        mime::skipByteOrderMark(*body);
         readBounded(*body, budget, "the message", header);
     }
 
@@ -182,6 +183,7 @@ void writeCertificates(const MediaIn& message, const std::vector<NVX509::RefCert
 
 Correspondents correspondentsOf(const MediaIn& message, const WriteBudget& budget) {
     mime::MediaOctets octets(message);
+    mime::skipByteOrderMark(octets);
     mime::Header header;
     readBounded(octets, budget, "the message", header);
     return correspondentsIn(header);

@@ -94,6 +94,19 @@ TEST(SmimeSigningTest, KeepsHeaderFieldsAsTheyStandOutside) {
     EXPECT_EQ(verified(mail), "Content-Type: text/plain; charset=us-ascii\r\n\r\nx");
 }
 
+/// Where it stands a reader finds no field.
+TEST(SmimeSigningTest, LeavesAByteOrderMarkOut) {
+    const std::string mark = "\xEF\xBB\xBF";
+    const std::string mail =
+        wrapped(mark + "From: alice@example.org\n\n" + mark + "hello, hello", {signedBy({&person("alice")})});
+    EXPECT_THAT(mail, StartsWith("From: alice@example.org\r\nMIME-Version: 1.0\r\n"));
+    // That of the body is the sender's.
+    EXPECT_THAT(verified(mail), testing::EndsWith("\r\n\r\n=EF=BB=BFhello, hello"));
+    const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn((mark + "From: a@b.c\n\n").c_str()));
+    ASSERT_EQ(people.from.size(), 1U);
+    EXPECT_EQ(people.from.front().address(), "a@b.c");
+}
+
 TEST(SmimeSigningTest, LetsNobodyAddFieldsWithALoneReturn) {
     const std::string mail =
         wrapped(std::string("Subject: a\rBcc: eve@example.com\n\tb") + '\0' + "c\n\nx", {signedBy({&person("alice")})});

@@ -112,11 +112,12 @@ class Peer:
 
     def reason(self, lines):
         """The line that tells why."""
-        return lines[-1] if lines else "no reason given"
+        told = [line for line in lines if not line.startswith("Press any key")]
+        return told[-1] if told else "no reason given"
 
     def fail(self, said):
         lines = lines_of(said, self.setting)
-        reason = self.reason(lines)
+        reason = re.sub(r"\b[0-9A-F]{16}:error:", "error:", self.reason(lines))  # a thread, another each time
         if any(re.search(pattern, line) for pattern in self.unknown for line in lines):
             raise Cannot(reason)
         raise Refused(reason)

@@ -3,6 +3,7 @@
 import re
 
 import mail as mime
+from jobs import PEOPLE
 from peers.base import Cannot, Peer, lines_of, has
 
 PINENTRY = """#!/bin/sh
@@ -61,7 +62,7 @@ class GnuPg(Peer):
         )
         self.choose("aes-256-cbc", None)
         self.succeeds(["gpgsm", "--import", self.setting.pem("root")])
-        reasons = {who: self._import(who) for who in ("alice", "bob", "erin", "frank")}
+        reasons = {who: self._import(who) for who in PEOPLE}
         return {who: reason for who, reason in reasons.items() if reason}
 
     def close(self):

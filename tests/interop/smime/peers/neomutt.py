@@ -11,6 +11,7 @@ import termios
 import time
 
 import mail as mime
+from jobs import PEOPLE
 from peers.base import Cannot, Peer, has
 from peers.gnupg import GnuPg
 
@@ -217,7 +218,7 @@ class NeoMuttOpenSsl(Terminal, Peer):
         for folder in ("certificates", "keys"):
             (work / folder).mkdir(mode=0o700)
         self.hashes = {}
-        for who in ("alice", "bob", "erin", "frank"):
+        for who in PEOPLE:
             printed = self.succeeds(["openssl", "x509", "-in", self.setting.pem(who), "-noout", "-hash"])
             self.hashes[who] = name = printed.decode().strip() + ".0"
             for folder, file in (("certificates", self.setting.pem(who)), ("keys", self.setting.key(who))):

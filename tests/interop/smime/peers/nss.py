@@ -1,6 +1,7 @@
 """cmsutil of NSS."""
 
 import mail as mime
+from jobs import PEOPLE
 from peers.base import Cannot, Peer, has
 
 
@@ -24,7 +25,7 @@ class Nss(Peer):
             ["certutil", "-A", "-d", self.database, "-n", "root", "-t", "C,C,C", "-i", self.setting.pem("root")]
         )
         self.without_key = {}
-        for who in ("alice", "bob", "erin", "frank"):
+        for who in PEOPLE:
             file = self.database / f"{who}.p12"
             self.succeeds(
                 ["openssl", "pkcs12", "-export", "-in", self.setting.pem(who), "-inkey", self.setting.key(who)]

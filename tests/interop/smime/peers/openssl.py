@@ -4,7 +4,7 @@ import mail as mime
 from peers.base import Cannot, Peer, has
 
 # What only text is is given as it is; its headers are put before it, and lines are ended, by the program.
-DIGESTS = {"sha256": "sha256", "sha384": "sha384", "sha512": "sha512", None: "sha256"}
+DIGESTS = {"sha224": "sha224", "sha256": "sha256", "sha384": "sha384", "sha512": "sha512", None: "sha256"}
 
 
 class OpenSsl(Peer):
@@ -46,7 +46,7 @@ class OpenSsl(Peer):
         arguments = [f"-{envelope.cipher}", "-recip", self.setting.pem(envelope.whom)]
         if envelope.transport == "oaep":
             arguments += ["-keyopt", "rsa_padding_mode:oaep", "-keyopt", "rsa_oaep_md:sha256"]
-        elif envelope.transport == "ecdh":
+        elif envelope.transport.startswith("ecdh"):
             arguments += ["-keyopt", "ecdh_kdf_md:sha256", "-aes256-wrap"]
         return self.succeeds(["openssl", "cms", "-encrypt", "-binary", *arguments], mime.crlf(part))
 

@@ -11,7 +11,8 @@ class Ours(Peer):
         return self.succeeds([self.setting.ours, "--version"]).decode().split()[1]
 
     def reason(self, lines):
-        return lines[0] if lines else "no reason given"
+        told = [line for line in lines if not line.startswith("norvcrypt: warning: ")]
+        return told[0] if told else "no reason given"
 
     def _signing(self, signature):
         arguments = ["--cert", self.setting.pem(signature.who), "--key", self.setting.key(signature.who)]

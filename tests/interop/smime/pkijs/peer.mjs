@@ -21,6 +21,8 @@ const importKey = () => {
     rsa: { name: "RSASSA-PKCS1-v1_5", hash },
     pss: { name: "RSA-PSS", hash },
     ecdsa: { name: "ECDSA", namedCurve: "P-256" },
+    "ecdsa-384": { name: "ECDSA", namedCurve: "P-384" },
+    "ecdsa-521": { name: "ECDSA", namedCurve: "P-521" },
     ed25519: { name: "Ed25519" },
   }[task.scheme];
   return webcrypto.subtle.importKey("pkcs8", derOf(task.key), algorithm, true, ["sign"]);
