@@ -65,6 +65,8 @@ def tokens_of(text):
         if kind == "space":
             continue
         angle = open_ones and tokens[open_ones[-1]].text == "<"
+        if found == ">" and not angle and text[position] == ">":  # else the ends of two lists of template arguments
+            found, position = ">>", position + 1
         token = Token(kind, found, begin, position, around=open_ones[-1] if open_ones else -1)
         tokens.append(token)
         if kind != "sign":

@@ -52,10 +52,10 @@ class Server:
 class Reached:
     """{program: {case: [milliseconds, [number, ...]]}}, each case in a process of its own: nothing was made for it by another."""
 
-    def __init__(self, numbering, programs, tell):
+    def __init__(self, state, programs, tell):
         self.programs, self.tell = programs, tell
         self.kept = COPY.parent / "reached.json"
-        self.state = hashlib.sha256(numbering.encode()).hexdigest()
+        self.state = hashlib.sha256(state.encode()).hexdigest()
         self.cases, self.early = {}, set()
         known = json.loads(self.kept.read_text()) if self.kept.exists() else {}
         with concurrent.futures.ThreadPoolExecutor(2) as pool:

@@ -41,24 +41,22 @@ def put(path, contents):
 
 
 class Tree:
-    """Numbers the mutants of all sources, from 1, and builds them. Those that do not compile are left out."""
+    """Numbers the mutants of all sources and builds them. Those that do not compile are left out."""
 
     def __init__(self):
         self.names = [name for name in said("git", "ls-files", "-co", "--exclude-standard").splitlines() if (ROOT / name).is_file()]
         self.sources = {name: Source(name, (ROOT / name).read_text()) for name in sorted(self.names) if CHANGED.match(name)}
-        self.mutants = [mutant for source in self.sources.values() for mutant in source.mutants]
-        self.first, number = {}, 1
+        self.mutants, self.first, number = {}, {}, 1
         for name, source in self.sources.items():
             self.first[name] = number
-            number += len(source.mutants)
+            self.mutants.update(enumerate(source.mutants, number))
+            number += len(source.mutants) // 64 * 64 + 128  # so that few more do not move those of other files, which would be compiled again
         self.kept = COPY.parent / "refused.json"
         self.refused = set(map(tuple, json.loads(self.kept.read_text()))) if self.kept.exists() else set()
 
-    def number(self, name, index):
-        return self.first[name] + index
-
-    def numbered(self):
-        return {number: mutant for number, mutant in enumerate(self.mutants, 1)}
+    def state(self):
+        """What the tests reach depends on."""
+        return "".join(source.text for source in self.sources.values()) + str(sorted(self.refused)) + str(self.first)
 
     def copy(self):
         assert COPY != ROOT and COPY.is_relative_to(ROOT / "build")
@@ -77,7 +75,7 @@ class Tree:
     def write(self, name):
         """The places of what was written: {index: (start, end)}, and the text."""
         source = self.sources[name]
-        numbers = {index: self.number(name, index) for index, mutant in enumerate(source.mutants) if mutant.key() not in self.refused}
+        numbers = {index: self.first[name] + index for index, mutant in enumerate(source.mutants) if mutant.key() not in self.refused}
         text, places = source.written(numbers)
         put(COPY / name, ('#include "Active.h"\n#line 1\n' + text).encode())
         return text, places

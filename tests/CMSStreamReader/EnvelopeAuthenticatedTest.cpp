@@ -171,6 +171,30 @@ TEST(EnvelopeAuthenticated, TheTypeOfTheContentIsAuthentic) {
     }
 }
 
+/// RFC 5652, 5.3: an attribute is a type and a set of values. Whoever encrypts authenticates what he likes.
+TEST(EnvelopeAuthenticated, WhatIsNoAttributeIsRefused) {
+    const Bytes named = contentTypeAttribute("1.2.840.113549.1.7.1");
+    AuthParts parts = forAlice();
+    parts.attributes = named;
+    expectOpens(parts);
+    for (const Bytes& odd : {der::sequence({}), der::sequence({der::integer("01"), der::element(0x31, der::null())}),
+                             der::sequence({der::element(0x31, der::null())})}) {
+        parts.attributes = odd;
+        expectDamaged(parts);
+        parts.attributes = der::concat({named, odd});
+        expectDamaged(parts);
+    }
+}
+
+/// Attributes that are none were not left out: a tag that is made without them does not make the message authentic.
+TEST(EnvelopeAuthenticated, AttributesThatTheTagLeavesOutAreRefused) {
+    for (const Bytes& odd : {der::octetString({1}), der::sequence({}), contentTypeAttribute("1.2.840.113549.1.7.2")}) {
+        AuthParts parts = forAlice();
+        parts.unauthentic = cmstest::context(1, odd);
+        expectDamaged(parts);
+    }
+}
+
 TEST(EnvelopeAuthenticated, NothingGetsOutOfADamagedMessage) {
     for (const std::size_t length : {1000U, 300000U}) {
         AuthParts parts = forAlice();

@@ -38,6 +38,7 @@ struct AuthParts {
     std::optional<Bytes> parameters{};     ///< else those of the nonce and the tag's length
     std::optional<Bytes> attributes{};     ///< the elements in the set
     std::optional<Bytes> sentAttributes{}; ///< the whole element, when it is not [1] around those
+    Bytes unauthentic{};                   ///< sent in their place, and left out when the tag is made
     std::string contentType = "1.2.840.113549.1.7.1";
     Bytes originatorInfo{};
     Bytes behind{};          ///< the tag
@@ -85,6 +86,7 @@ inline Bytes authEnveloped(const AuthParts& parts) {
     if (parts.attributes) {
         all.push_back(parts.sentAttributes ? *parts.sentAttributes : cmstest::context(1, *parts.attributes));
     }
+    all.push_back(parts.unauthentic);
     all.push_back(der::octetString(tag));
     all.push_back(parts.behind);
     return der::sequence({der::oid("1.2.840.113549.1.9.16.1.23"), cmstest::context(0, der::sequence(all))});

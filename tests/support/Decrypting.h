@@ -5,6 +5,8 @@
 
 #include "support/Envelope.h"
 
+#include <norvcmsg/SwapBufferMediaOut.h>
+
 namespace cmstest {
 
 using Events = std::vector<unsigned int>;
@@ -34,6 +36,11 @@ inline void expectNothingTried(const Bytes& structure, const Events& events) {
     EXPECT_TRUE(opened.body.empty());
     EXPECT_TRUE(opened.failed.empty());
     EXPECT_EQ(opened.events, events);
+
+    PiecewiseIn in(structure);
+    Norvane::SwapBufferMediaOut fresh(0x10000, (testing::TempDir() + "decryptedXXXXXX").c_str());
+    CMS::DecrypterMediaIn decrypter(in, storeOfKeys({&alice()}));
+    EXPECT_FALSE(decrypter.decrypt(fresh));
 }
 
 } // namespace cmstest

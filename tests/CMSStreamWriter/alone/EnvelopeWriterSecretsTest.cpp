@@ -1,8 +1,13 @@
-// Content keys, key-encryption keys and passwords are wiped before their memory is given back.
+// Content keys, key-encryption keys and passwords are wiped before their memory is given back; so is clear text, in the other
+// streams of CMS, too.
 #include "support/EnvelopeWriting.h"
 #include "support/FreedMemory.h"
 #include "support/Interpose.h"
 #include "support/Wiping.h"
+
+#include <norvcrypto/CMSEncryptionMedia.h>
+#include <norvcrypto/CMSEnvelopeReader.h>
+#include <norvcrypto/CMSSignerMedia.h>
 
 #include <openssl/kdf.h>
 
@@ -134,4 +139,67 @@ TEST(EnvelopeSecrets, PlainTextThatWaitsIsWipedWithoutAnEnd) {
     };
     EXPECT_GE(wipesOf(text, work), 1U);
     EXPECT_EQ(freedWith(text, work), 0);
+}
+
+/// Content of AuthEnvelopedData beyond 64 KiB is decrypted a piece at a time, all of them into one place.
+TEST(EnvelopeSecrets, TheClearTextOfAReaderIsWiped) {
+    const std::string text = "what only the reader may know";
+    Bytes body(100000, 'x');
+    std::copy(text.begin(), text.end(), body.end() - 1000);
+    EnvelopeOptions options;
+    options.cipher = ContentCipher::aes256Gcm;
+    Norvane::MemoryMediaOut target;
+    CMS::EnvelopeWriter writer({keyed()}, options);
+    writer.attach(target);
+    writer.write(bufferOf(body));
+    writer.end();
+    const Buffer message = target.content();
+    const auto read = [&] {
+        CMS::EnvelopeReader reader{Norvane::MemoryMediaIn(message)};
+        ASSERT_TRUE(reader.open(reader.recipients().front(), bufferOfText(s_keyEncryptionKey)));
+        Norvane::NullMediaOut out;
+        reader.write(out);
+        EXPECT_EQ(reader.verdict(), CMS::EnvelopeReader::Complete);
+    };
+    EXPECT_GE(wipesOf(text, read), 1U);
+    EXPECT_EQ(freedWith(text, read), 0);
+}
+
+/// What the encrypting stream keeps until it is encrypted, though no caller marked it as secret.
+TEST(EnvelopeSecrets, WhatTheEncryptingStreamGatheredIsWiped) {
+    const std::string text = "what was gathered and then encrypted";
+    const auto certificate = certificateOf(identities().rsa);
+    EXPECT_GE(wipesOf(text,
+                      [&] {
+                          Norvane::NullMediaOut target;
+                          CMS::EncrypterMediaOut encrypter(Crypto::AES_256_CBC, {certificate});
+                          encrypter.attach(target);
+                          encrypter.write(bufferOfText(text));
+                          encrypter.end();
+                      }),
+              1U);
+}
+
+/// A signed body is no secret unless its caller says so, with Buffer::protect(): pieces that the stream's buffer holds whole, too.
+TEST(EnvelopeSecrets, ProtectedPiecesOfASignedBodyAreWiped) {
+    const std::string text = "what is signed and secret";
+    for (const std::size_t length : {100U, 30000U}) {
+        Bytes body(length, 'x');
+        std::copy(text.begin(), text.end(), body.begin());
+        const auto wipes = [&](bool secret) {
+            Buffer piece = bufferOf(body);
+            if (secret) {
+                piece.protect();
+            }
+            return wipesOf(text, [&] {
+                Norvane::NullMediaOut target;
+                CMS::SignerMediaOut signer(Crypto::Hasher::SHA256, pairOf(identities().rsa));
+                signer.attach(target);
+                signer.write(piece);
+                signer.end();
+            });
+        };
+        EXPECT_EQ(wipes(false), 0U) << length;
+        EXPECT_GE(wipes(true), 1U) << length;
+    }
 }

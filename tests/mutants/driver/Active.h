@@ -31,21 +31,21 @@ struct Increment {
     unsigned number;
     template <class Operand>
     requires requires(Operand& operand) { --operand; }
-    Operand& operator->*(Operand& operand) const {
-        return on(number) ? --operand : ++operand;
-    }
+    Operand& operator->*(Operand& operand) const { return on(number) ? --operand : ++operand; }
 };
 
 /// NORV_MUTANT_BINARY(name, operator, operator of the mutant): both have to exist and give what converts to the first one's result.
-#define NORV_MUTANT_BINARY(name, original, other)                                                                          \
-    template <class Left, class Right>                                                                                     \
-    requires requires(Left left, Right right) { left other right; }                                                        \
-    inline auto name(unsigned number, Left&& left, Right&& right)                                                          \
-        ->decltype(std::forward<Left>(left) original std::forward<Right>(right)) {                                         \
-        if (on(number)) {                                                                                                  \
-            return std::forward<Left>(left) other std::forward<Right>(right);                                              \
-        }                                                                                                                  \
-        return std::forward<Left>(left) original std::forward<Right>(right);                                               \
+#define NORV_MUTANT_BINARY(name, original, other)                                                                      \
+    template <class Left, class Right>                                                                                 \
+    requires requires(Left left, Right right) {                                                                        \
+        left other right;                                                                                              \
+    }                                                                                                                  \
+    inline auto name(unsigned number, Left&& left, Right&& right)                                                      \
+        ->decltype(std::forward<Left>(left) original std::forward<Right>(right)) {                                     \
+        if (on(number)) {                                                                                              \
+            return std::forward<Left>(left) other std::forward<Right>(right);                                          \
+        }                                                                                                              \
+        return std::forward<Left>(left) original std::forward<Right>(right);                                           \
     }
 
 NORV_MUTANT_BINARY(less, <, <=)
