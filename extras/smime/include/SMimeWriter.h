@@ -169,6 +169,7 @@ struct WriteOptions {
     /// (RFC 9788, 5.2.2 and 5.2.3). Programs that do leave that beginning out (hp-legacy-display="1"). It is written in the
     /// character set of the text, UTF-8 where that is ASCII alone. A text without a place for it gets none: HTML without a
     /// body, malformed quoted-printable, a character set that is not known or does not have ASCII as it is.
+    /// Likewise the 17th alternative and those behind it, and all where the Subject has more than 1,000 octets of UTF-8.
     bool legacyDisplay = false;
 };
 

@@ -107,16 +107,13 @@ private:
 } // namespace
 
 std::string hiddenFieldsOf(const mime::Header& header) {
-    std::string lines;
-    for (const std::string& value : header.all("Subject")) {
-        std::string text = mime::decodedText(value);
-        constexpr char firstOfText = ' ';
-        constexpr char del = '\x7f';
-        std::ranges::replace_if(
-            text, [](char c) { return (c >= 0 && c < firstOfText) || c == del; }, ' ');
-        lines += "Subject: " + text + "\r\n";
-    }
-    return lines;
+    constexpr std::size_t longest = 1000; // it stands in each alternative of the text
+    std::string text = mime::decodedText(header.first("Subject").value_or(""));
+    constexpr char firstOfText = ' ';
+    constexpr char del = '\x7f';
+    std::ranges::replace_if(
+        text, [](char c) { return (c >= 0 && c < firstOfText) || c == del; }, ' ');
+    return text.empty() || text.size() > longest ? std::string() : "Subject: " + text + "\r\n";
 }
 
 LegacyDisplay legacyDisplayOf(const mime::Header& header, const mime::ContentType& type, const std::string& fields) {

@@ -142,6 +142,7 @@ TextTraits taken(mime::Octets& octets, MediaOut* target, QuotedPrintableCheck* c
 
 void Preparation::look(const mime::Header& header, const mime::SharedOctets& body) {
     m_parts.clear();
+    m_shownTexts = 0;
     m_next = 0;
     m_writing = false;
     walk({header, body, "1", 0, false, true});
@@ -295,7 +296,8 @@ bool Preparation::walkFrame(const mime::SharedOctets& octets, bool kept) {
 void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number) {
     QuotedPrintableCheck check;
     const bool isQuoted = mime::transferOf(entity.header) == mime::Transfer::quotedPrintable;
-    const bool isShown = kind == Kind::leaf && entity.isShownFirst;
+    constexpr std::size_t mostShown = 16;
+    const bool isShown = kind == Kind::leaf && entity.isShownFirst && m_shownTexts++ < mostShown;
     const LegacyDisplay legacy = isShown ? legacyDisplayOf(entity.header, type, m_shown) : LegacyDisplay();
     const auto tag = std::make_shared<BodyTag>();
     MediaOut watch = mime::DecodingMediaOut(watching(tag), mime::transferOf(entity.header));

@@ -97,6 +97,7 @@ private:
     std::string m_parameter;
     std::string m_further;
     std::string m_shown;
+    std::size_t m_shownTexts = 0; ///< that were looked at
     std::vector<Part> m_parts;
     std::size_t m_next = 0;
 };

@@ -220,4 +220,22 @@ TEST(SmimeLegacyDisplayTest, WhereSomethingIsHiddenAlone) {
     EXPECT_THAT(verified(decrypted(both, person("bob"))), EndsWith("\r\n\r\nSubject: a  From: b\r\n\r\nhello\r\n"));
 }
 
+/// A long Subject in thousands of alternatives would be a long mail.
+TEST(SmimeLegacyDisplayTest, LongSubjectsAndManyAlternativesAreBounded) {
+    std::string many = "Content-Type: multipart/alternative; boundary=a\n\n";
+    for (int number = 0; number < 1000; ++number)
+        many += "--a\n\nx\n";
+    const std::string inside = insideOf(many + "--a--\n", std::string(900, 's'));
+    std::size_t count = 0;
+    for (std::size_t at = inside.find("hp-legacy-display"); at != std::string::npos;
+         at = inside.find("hp-legacy-display", at + 1))
+        ++count;
+    EXPECT_EQ(count, 16U);
+    EXPECT_LT(inside.size(), 60000U);
+    std::string words;
+    while (words.size() <= 1000)
+        words += "word ";
+    EXPECT_THAT(insideOf("\nx", words), Not(HasSubstr("hp-legacy-display")));
+}
+
 } // namespace
