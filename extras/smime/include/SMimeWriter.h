@@ -52,7 +52,8 @@
 /// **Header protection** (RFC 9788) on request: header fields are repeated inside, with hp="clear" or, when encrypting,
 /// hp="cipher" in the Content-Type and a field HP-Outer for each field outside. When encrypting, what is outside follows
 /// the policy hcp_baseline: "[...]" for Subject, no Comments, no Keywords. Not repeated are Bcc, trace fields (Received,
-/// Return-Path, Resent-, DKIM-Signature, ARC-, Authentication-Results) and whatever begins with "HP-".
+/// Return-Path, Resent-, DKIM-Signature, ARC-, Authentication-Results) and whatever begins with "HP-". With `legacyDisplay`
+/// programs that do not know header protection show the hidden Subject at the start of the text.
 ///
 /// **Certificates** that are expired, not yet valid, or whose key usage (extended key usage included: emailProtection)
 /// does not allow the purpose are refused. Whether they deserve trust, and whose they are, is not asked of those that the
@@ -163,6 +164,13 @@ struct WriteOptions {
     /// Where a copy of the message is kept, if it must be: a path that ends in "XXXXXX" (see `SwapBufferMediaOut`). Empty:
     /// "norvcrypto-XXXXXX" in the system's folder for temporary files.
     std::string spillTemplate{};
+    /// With header protection, when encrypting: the texts that are shown first (text/plain and text/html, alternatives of each
+    /// other, no attachments) begin with the Subject that is hidden outside, for programs that do not know header protection
+    /// (RFC 9788, 5.2.2 and 5.2.3). Programs that do leave that beginning out (hp-legacy-display="1"). It is written in the
+    /// character set of the text, UTF-8 where that is ASCII alone. A text without a place for it gets none: HTML without a
+    /// body, malformed quoted-printable, a character set that is not known or does not have ASCII as it is.
+    /// Likewise the 17th alternative and those behind it, and all where the Subject has more than 1,000 octets of UTF-8.
+    bool legacyDisplay = false;
 };
 
 /// Signs a mail, and ends `out`.

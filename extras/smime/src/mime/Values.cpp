@@ -178,6 +178,7 @@ ContentType contentTypeOf(const Header& header) {
         result.oddity = "the parameter boundary stands there twice";
     result.protocol = lowered(parameters.find("protocol"));
     result.micalg = lowered(parameters.find("micalg"));
+    result.characterSet = lowered(parameters.find("charset"));
     result.smimeType = lowered(parameters.find("smime-type"));
     result.name = parameters.find("name");
     result.hp = lowered(parameters.find("hp"));

@@ -142,16 +142,17 @@ TextTraits taken(mime::Octets& octets, MediaOut* target, QuotedPrintableCheck* c
 
 void Preparation::look(const mime::Header& header, const mime::SharedOctets& body) {
     m_parts.clear();
+    m_shownTexts = 0;
     m_next = 0;
     m_writing = false;
-    walk({header, body, "1"});
+    walk({header, body, "1", 0, false, true});
 }
 
 void Preparation::write(const mime::Header& header, const mime::SharedOctets& body, const MediaOut& target) {
     m_next = 0;
     m_writing = true;
     m_target = target;
-    walk({header, body, "1"});
+    walk({header, body, "1", 0, false, true});
     if (m_next != m_parts.size()) {
         failChanged();
     }
@@ -250,7 +251,8 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         mime::Header header;
         readBounded(*parts.part(), m_budget, "the part at " + path, header);
         const std::size_t first = m_writing ? 0 : m_parts.size();
-        walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest"});
+        const bool isShownFirst = entity.isShownFirst && (count == 1 || type.subtype == "alternative");
+        walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest", isShownFirst});
         eightBit = eightBit || (!m_writing && (m_parts[first].eightBit || m_parts[first].eightBitHeader));
     }
     if (count != 0 || parts.isClosed()) {
@@ -294,10 +296,17 @@ bool Preparation::walkFrame(const mime::SharedOctets& octets, bool kept) {
 void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number) {
     QuotedPrintableCheck check;
     const bool isQuoted = mime::transferOf(entity.header) == mime::Transfer::quotedPrintable;
-    const TextTraits traits = taken(*entity.body, nullptr, isQuoted ? &check : nullptr);
+    constexpr std::size_t mostShown = 16;
+    const bool isShown = kind == Kind::leaf && entity.isShownFirst && m_shownTexts++ < mostShown;
+    const LegacyDisplay legacy = isShown ? legacyDisplayOf(entity.header, type, m_shown) : LegacyDisplay();
+    const auto tag = std::make_shared<BodyTag>();
+    MediaOut watch = mime::DecodingMediaOut(watching(tag), mime::transferOf(entity.header));
+    const TextTraits traits = taken(*entity.body, legacy.isHtml ? &watch : nullptr, isQuoted ? &check : nullptr);
     Part& part = m_parts[number];
     part.traits = traits;
     part.way = kind == Kind::sealed ? Way::asItIs : wayOf(entity, type, traits, check.isWellFormed());
+    takeLegacyDisplay(entity, number, legacy,
+                      (!legacy.isHtml || tag->isFound()) && (!isQuoted || check.isWellFormed()));
     part.eightBit = part.way == Way::asItIs && !traits.isSendable();
     if (!part.eightBit || !m_sevenBitAlone) {
         return;
@@ -305,6 +314,35 @@ void Preparation::lookAtLeaf(const Entity& entity, const mime::ContentType& type
     fail(nameOf(entity) + ' ' + whyItStays(entity.header, type) +
          " and is not 7-bit text with short lines: a signature beside it would not survive its way. Sign the message "
          "opaquely");
+}
+
+/// Once the way of the text is known: what it begins with is written in the same one. \param isFound there is a place for it
+void Preparation::takeLegacyDisplay(const Entity& entity, std::size_t number, const LegacyDisplay& legacy,
+                                    bool isFound) {
+    Part& part = m_parts[number];
+    const bool isOther = legacy.becomesUtf8 && part.traits.eightBit() != 0; // than the ASCII that it says to be
+    if (legacy.element.empty() || !isFound || isOther) {
+        return;
+    }
+    const Way before = part.way;
+    part.legacy = legacy;
+    switch (mime::transferOf(entity.header)) {
+    case mime::Transfer::base64:
+        part.way = Way::base64Exactly;
+        break;
+    case mime::Transfer::quotedPrintable:
+        part.way = Way::quoted;
+        break;
+    default:
+        part.way = before == Way::asItIs && !traitsOf(legacy.element).isRelayProof() ? Way::quoted : before;
+    }
+    mime::MemoryOctets octets(headerOf(entity, Kind::leaf, number));
+    mime::Header header;
+    readBounded(octets, m_budget, nameOf(entity), header);
+    if (mime::contentTypeOf(header).hpLegacyDisplay != "1") {
+        part.legacy = {};
+        part.way = before;
+    }
 }
 
 Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits,
@@ -335,6 +373,9 @@ Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, cons
 void Preparation::writeLeaf(const Entity& entity, std::size_t number) {
     const Part& part = m_parts[number];
     MediaOut filter = filterFor(part.way, keptOpen(m_target));
+    if (!part.legacy.element.empty()) {
+        filter = mime::DecodingMediaOut(withElement(filter, part.legacy), mime::transferOf(entity.header));
+    }
     if (taken(*entity.body, &filter) != part.traits) {
         failChanged();
     }
@@ -367,18 +408,23 @@ std::string Preparation::headerOf(const Entity& entity, Kind kind, std::size_t n
             continue;
         }
         std::string written = innerField(name, entity.header.valueOf(field), where);
+        if (!hasType && !part.legacy.element.empty() && mime::isSameName(name, "Content-Type")) {
+            const std::string telling = legacyType(written, part.legacy);
+            written = telling.empty() ? written : telling;
+        }
         if (isMessage && !hasType && !m_parameter.empty() && mime::isSameName(name, "Content-Type")) {
             written = protectedType(written, m_parameter);
         }
         hasType = hasType || mime::isSameName(name, "Content-Type");
         text += written;
     }
-    if (isMessage && !hasType) {
+    if ((isMessage || !part.legacy.element.empty()) && !hasType) {
         const char* const charset = part.traits.eightBit() == 0 ? "us-ascii"
                                     : part.traits.isUtf8()      ? "utf-8"
                                                                 : "unknown-8bit";
-        const std::string type = newField("Content-Type", std::string("text/plain; charset=") + charset);
-        text += m_parameter.empty() ? type : protectedType(type, m_parameter);
+        std::string type = newField("Content-Type", std::string("text/plain; charset=") + charset);
+        type = part.legacy.element.empty() ? type : legacyType(type, part.legacy);
+        text += !isMessage || m_parameter.empty() ? type : protectedType(type, m_parameter);
     }
     if (changesWord) {
         text += newField("Content-Transfer-Encoding", wordOf(part.way));

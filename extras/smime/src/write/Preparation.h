@@ -6,6 +6,7 @@
 #include "mime/Header.h"
 #include "mime/Octets.h"
 #include "mime/Values.h"
+#include "write/LegacyDisplay.h"
 #include "write/TextTraits.h"
 
 #include <norvcmsg/Media.h>
@@ -34,11 +35,14 @@ public:
     /// \param sevenBitAlone whether a part that must not be changed and is not 7-bit is refused
     /// \param typeParameter of the Content-Type of the message in addition; empty: none
     /// \param further fields that go inside
-    Preparation(const WriteBudget& budget, bool sevenBitAlone, std::string typeParameter, std::string further)
+    /// \param shown what the texts that are shown first begin with (`hiddenFieldsOf`); empty: nothing
+    Preparation(const WriteBudget& budget, bool sevenBitAlone, std::string typeParameter, std::string further,
+                std::string shown)
         : m_budget(budget),
           m_sevenBitAlone(sevenBitAlone),
           m_parameter(std::move(typeParameter)),
-          m_further(std::move(further)) {}
+          m_further(std::move(further)),
+          m_shown(std::move(shown)) {}
 
     /// Looks at all of a message, whose header was read already. \throws Exception: it cannot be written
     void look(const mime::Header& header, const mime::SharedOctets& body);
@@ -55,6 +59,7 @@ private:
         bool preamble = true;        ///< which can be sent; likewise:
         bool epilogue = true;
         TextTraits traits{}; ///< of the body of a leaf
+        LegacyDisplay legacy{};
     };
     enum class Kind : int { leaf, sealed, multipart, message };
     /// A part on its way.
@@ -63,7 +68,8 @@ private:
         mime::SharedOctets body;
         std::string path; ///< "1.2"; that of the message is "1"
         std::size_t depth = 0;
-        bool ofDigest = false; ///< a message unless it says otherwise (RFC 2046, 5.1.5)
+        bool ofDigest = false;     ///< a message unless it says otherwise (RFC 2046, 5.1.5)
+        bool isShownFirst = false; ///< as the text of the message, or an alternative of it (RFC 9787, "main body part")
     };
 
     static Kind kindOf(const Entity& entity, const mime::ContentType& type);
@@ -77,6 +83,7 @@ private:
     bool walkFrame(const mime::SharedOctets& octets, bool kept);
     void lookAtLeaf(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number);
     void writeLeaf(const Entity& entity, std::size_t number);
+    void takeLegacyDisplay(const Entity& entity, std::size_t number, const LegacyDisplay& legacy, bool isFound);
     [[nodiscard]] Way wayOf(const Entity& entity, const mime::ContentType& type, const TextTraits& traits,
                             bool wellQuoted) const;
 
@@ -89,6 +96,8 @@ private:
     MediaOut m_target;
     std::string m_parameter;
     std::string m_further;
+    std::string m_shown;
+    std::size_t m_shownTexts = 0; ///< that were looked at
     std::vector<Part> m_parts;
     std::size_t m_next = 0;
 };

@@ -145,7 +145,9 @@ void wrap(const MediaIn& message, const std::vector<Wrapping>& shells, MediaOut&
     for (std::size_t at = 0; at < shells.size(); ++at) {
         ready.push_back(readyShell(shells[at], header, boundaries[at], how));
     }
-    Preparation preparation(how.budget, isSeen(shells.front()), divided.typeParameter, divided.inside);
+    const bool hides = how.protectHeader && how.legacyDisplay && std::ranges::any_of(shells, encrypts);
+    Preparation preparation(how.budget, isSeen(shells.front()), divided.typeParameter, divided.inside,
+                            hides ? hiddenFieldsOf(header) : std::string());
     if (look(source, preparation, boundaries, how.budget)) {
         fail("a boundary that was made at random stands in the message: try again");
     }

@@ -6,6 +6,8 @@
 namespace {
 
 using namespace smimetest;
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -105,6 +107,135 @@ TEST(SmimeHeaderProtectionTest, RefusesATypeThatTakesNoParameter) {
             "the Content-Type of the message is not one to which header protection can be added")
             << type;
     }
+}
+
+SMime::WriteOptions displaying() {
+    SMime::WriteOptions how = protecting();
+    how.legacyDisplay = true;
+    return how;
+}
+
+/// What is encrypted of a mail with this Subject and these Content- fields and body.
+std::string insideOf(const std::string& rest, const std::string& subject = "Thursday's meeting") {
+    const std::string sent =
+        wrapped("Subject: " + subject + "\n" + rest, {encryptedFor({&person("bob")})}, displaying());
+    EXPECT_THAT(sent, HasSubstr("\r\nMIME-Version: 1.0\r\n"));
+    EXPECT_THAT(sent, HasSubstr("Subject: [...]\r\n"));
+    return decrypted(sent, person("bob"));
+}
+
+// RFC 9788, 5.2.2: a line for each field, an empty line, the text; 5.2.3: a div that is the first of the body.
+TEST(SmimeLegacyDisplayTest, TextsBeginWithWhatIsHidden) {
+    EXPECT_EQ(insideOf("Content-Type: text/plain; charset=UTF-8\n\nI think we should skip the meeting.\n"),
+              "Subject: Thursday's meeting\r\nHP-Outer: Subject: [...]\r\n"
+              "Content-Type: text/plain; charset=UTF-8;\r\n hp-legacy-display=\"1\";\r\n hp=\"cipher\"\r\n\r\n"
+              "Subject: Thursday's meeting\r\n\r\nI think we should skip the meeting.\r\n");
+    EXPECT_THAT(insideOf("\nx"),
+                EndsWith("Content-Type: text/plain; charset=us-ascii;\r\n hp-legacy-display=\"1\";\r\n "
+                         "hp=\"cipher\"\r\n\r\nSubject: Thursday's meeting\r\n\r\nx"));
+    EXPECT_THAT(insideOf("\n"), EndsWith("\r\n\r\nSubject: Thursday's meeting\r\n\r\n")) << "a text of nothing";
+    const std::string html =
+        "Content-Type: text/html; charset=utf-8\n\n<!-- <body> --><HTML><Body class='a>b'\n id=x><p>Hi</p>"
+        "</body></html>\n";
+    EXPECT_THAT(
+        insideOf(html, "1 < 2 & 3 > 2"),
+        EndsWith("\r\n\r\n<!-- <body> --><HTML><Body class='a>b'\r\n id=x>"
+                 "<div class=\"header-protection-legacy-display\"><pre>Subject: 1 &lt; 2 &amp; 3 &gt; 2</pre></div>\r\n"
+                 "<p>Hi</p></body></html>\r\n"));
+}
+
+TEST(SmimeLegacyDisplayTest, InTheCharacterSetAndTheTransferEncodingOfTheText) {
+    const std::string subject = "=?utf-8?q?Gr=C3=BC=C3=9Fe?=";
+    const auto readBack = [&](const std::string& rest) {
+        const std::string inside = insideOf(rest, subject);
+        EXPECT_THAT(inside, HasSubstr("hp-legacy-display=\"1\"")) << inside;
+        EXPECT_TRUE(std::ranges::none_of(inside, [](char byte) { return byte < 0; })) << inside;
+        return withCrLf(withLf(readByGmime(inside).parts.at(0).content)); // GMime gives lines of texts with LF
+    };
+    const std::string utf8 = "Subject: Gr\xc3\xbc\xc3\x9f"
+                             "e\r\n\r\n";
+    const std::string latin = "Subject: Gr\xfc\xdf"
+                              "e\r\n\r\n";
+    EXPECT_EQ(readBack("\nplain\n"), utf8 + "plain\r\n");
+    EXPECT_EQ(readBack("Content-Type: text/plain\n\nplain\n"), utf8 + "plain\r\n");
+    EXPECT_EQ(readBack("Content-Type: text/plain; charset=us-ascii; format=flowed\n\nplain\n"), utf8 + "plain\r\n");
+    EXPECT_THAT(insideOf("Content-Type: text/plain; charset=\"US-ASCII\"; format=flowed\n\nplain\n", subject),
+                AllOf(HasSubstr("charset=utf-8"), HasSubstr("format=flowed"), Not(HasSubstr("US-ASCII"))));
+    EXPECT_EQ(readBack("Content-Type: text/plain; charset=iso-8859-1\n\n\xe4\n"), latin + "\xe4\r\n");
+    EXPECT_EQ(
+        readBack(
+            "Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: quoted-printable\n\n=C3=A4 a=\nb\n"),
+        utf8 + "\xc3\xa4 ab\r\n");
+    EXPECT_EQ(readBack("Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: base64\n\nw6QK\n"),
+              utf8 + "\xc3\xa4\r\n");
+    EXPECT_EQ(readBack("Content-Type: text/html; charset=utf-8\nContent-Transfer-Encoding: base64\n\nPGJvZHk+w6Q=\n"),
+              "<body><div class=\"header-protection-legacy-display\"><pre>Subject: Gr\xc3\xbc\xc3\x9f"
+              "e</pre></div>\r\n\xc3\xa4");
+}
+
+TEST(SmimeLegacyDisplayTest, InTheTextsThatAreShownFirstAlone) {
+    const std::string inside = insideOf("Content-Type: multipart/mixed; boundary=m\n\n--m\n"
+                                        "Content-Type: multipart/alternative; boundary=a\n\n--a\n\none\n--a\n"
+                                        "Content-Type: text/html\n\n<body>two\n--a--\n--m\n\nthree\n--m\n"
+                                        "Content-Type: message/rfc822\n\nSubject: y\n\nfour\n--m--\n");
+    EXPECT_EQ(readByGmime(inside).parts.at(0).content, "Subject: Thursday's meeting\n\none");
+    EXPECT_THAT(readByGmime(inside).parts.at(1).content, StartsWith("<body><div class="));
+    EXPECT_THAT(inside,
+                HasSubstr("--m\r\n\r\nthree\r\n--m\r\nContent-Type: message/rfc822\r\n\r\nSubject: y\r\n\r\nfour\r\n"));
+}
+
+/// As they would be without it.
+TEST(SmimeLegacyDisplayTest, TextsWithoutAPlaceForItAreLeftAlone) {
+    for (const char* const rest :
+         {"Content-Type: text/html\n\nno body\n",
+          "Content-Type: text/plain\nContent-Disposition: ATTACHMENT; filename=x\n\nx\n",
+          "Content-Type: text/csv\n\na;b\n",
+          "Content-Type: application/pdf\nContent-Transfer-Encoding: base64\n\nJVBERi0x\n",
+          "Content-Type: text/plain; charset=utf-16\nContent-Transfer-Encoding: base64\n\nAGEACg==\n",
+          "Content-Type: text/plain; charset=x-unheard-of\n\nx\n",
+          "Content-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n\na==b\n",
+          "Content-Type: text/plain\nContent-Transfer-Encoding: x-uuencode\n\nbegin\n"}) {
+        const std::string whole = std::string("Subject: x\n") + rest;
+        EXPECT_EQ(insideOf(rest, "x"),
+                  decrypted(wrapped(whole, {encryptedFor({&person("bob")})}, protecting()), person("bob")))
+            << rest;
+    }
+    const std::string ascii = insideOf("Content-Type: text/plain; charset=us-ascii\n\n\xe4\n", "=?utf-8?q?=C3=A4?=");
+    EXPECT_THAT(ascii, Not(HasSubstr("hp-legacy-display"))) << "what is no ASCII is not called UTF-8";
+}
+
+TEST(SmimeLegacyDisplayTest, WhereSomethingIsHiddenAlone) {
+    const std::string plain = "Subject: x\n\nhello\n";
+    EXPECT_THAT(verified(wrapped(plain, {signedBy({&person("alice")})}, displaying())), Not(HasSubstr("legacy")));
+    SMime::WriteOptions unprotected;
+    unprotected.legacyDisplay = true;
+    EXPECT_THAT(decrypted(wrapped(plain, {encryptedFor({&person("bob")})}, unprotected), person("bob")),
+                Not(HasSubstr("legacy")));
+    EXPECT_THAT(decrypted(wrapped("From: a@example.com\n\nhello\n", {encryptedFor({&person("bob")})}, displaying()),
+                          person("bob")),
+                EndsWith("\r\n\r\nhello\r\n"));
+    // Within a signature, too; a line that cannot be read as two.
+    const std::string both = wrapped("Subject: =?utf-8?q?a=0D=0AFrom=3A_b?=\n\nhello\n",
+                                     {signedBy({&person("alice")}), encryptedFor({&person("bob")})}, displaying());
+    EXPECT_THAT(verified(decrypted(both, person("bob"))), EndsWith("\r\n\r\nSubject: a  From: b\r\n\r\nhello\r\n"));
+}
+
+/// A long Subject in thousands of alternatives would be a long mail.
+TEST(SmimeLegacyDisplayTest, LongSubjectsAndManyAlternativesAreBounded) {
+    std::string many = "Content-Type: multipart/alternative; boundary=a\n\n";
+    for (int number = 0; number < 1000; ++number)
+        many += "--a\n\nx\n";
+    const std::string inside = insideOf(many + "--a--\n", std::string(900, 's'));
+    std::size_t count = 0;
+    for (std::size_t at = inside.find("hp-legacy-display"); at != std::string::npos;
+         at = inside.find("hp-legacy-display", at + 1))
+        ++count;
+    EXPECT_EQ(count, 16U);
+    EXPECT_LT(inside.size(), 60000U);
+    std::string words;
+    while (words.size() <= 1000)
+        words += "word ";
+    EXPECT_THAT(insideOf("\nx", words), Not(HasSubstr("hp-legacy-display")));
 }
 
 } // namespace
