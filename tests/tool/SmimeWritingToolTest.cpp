@@ -189,6 +189,10 @@ TEST_F(SmimeWritingToolTest, TellsWhatIsMissing) {
     fails({"encrypt", "--store", "store", "--to-address", "carol@example.org", "dora@example.org"},
           "cannot encrypt mail: there is no certificate for carol@example.org, dora@example.org");
     fails({"encrypt", "--to", "bob.pem", "--cipher", "bf-cbc"}, "the cipher bf-cbc is not one of S/MIME");
+    fails(
+        {"encrypt", "--to", "bob.pem", "--cipher", "rot13"},
+        "unknown cipher: rot13 (one of des-ede3-cbc, aes-128-cbc, aes-192-cbc, aes-256-cbc, aes-128-gcm, aes-192-gcm, "
+        "aes-256-gcm)");
     fails({"encrypt", "--to", "bob.pem", "--to-self", "--store", "nowhere"}, "cannot load the store nowhere");
     work.write("both", work.read("bob.pem") + work.read("carol.pem"));
     before = work.names();
