@@ -23,6 +23,10 @@ NORV_LOADED(gmime, gboolean, g_type_check_instance_is_a, (GTypeInstance * instan
 NORV_LOADED(gmime, gboolean, g_utf8_validate, (const gchar* text, gssize length, const gchar** end),
             (text, length, end))
 NORV_LOADED(gmime, gchar*, g_utf8_make_valid, (const gchar* text, gssize length), (text, length))
+NORV_LOADED(gmime, gchar*, g_convert_with_fallback,
+            (const gchar* text, gssize length, const gchar* to, const gchar* from, const gchar* fallback,
+             gsize* bytesRead, gsize* bytesWritten, GError** failure),
+            (text, length, to, from, fallback, bytesRead, bytesWritten, failure))
 
 NORV_LOADED(gmime, GMimeParserOptions*, g_mime_parser_options_new, (void), ())
 NORV_LOADED(gmime, void, g_mime_parser_options_free, (GMimeParserOptions * options), (options))
@@ -36,6 +40,10 @@ NORV_LOADED(gmime, GMimeContentType*, g_mime_content_type_parse, (GMimeParserOpt
 NORV_LOADED(gmime, const char*, g_mime_content_type_get_media_type, (GMimeContentType * type), (type))
 NORV_LOADED(gmime, const char*, g_mime_content_type_get_media_subtype, (GMimeContentType * type), (type))
 NORV_LOADED(gmime, GMimeParamList*, g_mime_content_type_get_parameters, (GMimeContentType * type), (type))
+NORV_LOADED(gmime, void, g_mime_content_type_set_parameter,
+            (GMimeContentType * type, const char* name, const char* value), (type, name, value))
+NORV_LOADED(gmime, char*, g_mime_content_type_encode, (GMimeContentType * type, GMimeFormatOptions* options),
+            (type, options))
 NORV_LOADED(gmime, GMimeContentDisposition*, g_mime_content_disposition_parse,
             (GMimeParserOptions * options, const char* text), (options, text))
 NORV_LOADED(gmime, GMimeParamList*, g_mime_content_disposition_get_parameters, (GMimeContentDisposition * disposition),

@@ -164,4 +164,11 @@ bool TextTraits::operator==(const TextTraits& other) const noexcept {
            isRelayProof() == other.isRelayProof() && isUtf8() == other.isUtf8();
 }
 
+TextTraits traitsOf(std::string_view octets) {
+    TextTraits traits;
+    traits.see(octets);
+    traits.end();
+    return traits;
+}
+
 } // namespace Norvane::Crypto::SMime::writing

@@ -73,4 +73,7 @@ private:
     unsigned char m_mostNext = 0xbf;
 };
 
+/// Of a whole text.
+TextTraits traitsOf(std::string_view octets);
+
 } // namespace Norvane::Crypto::SMime::writing
