@@ -294,3 +294,21 @@ TEST(SignedReaderValues, SignersOutliveTheirReader) {
     EXPECT_EQ(kept.front().signingTime(), 946684798);
     EXPECT_TRUE(kept.front().identifier().names(certificateOf(identities().rsa)));
 }
+
+/// What stands behind the content is not known before that was read.
+TEST(SignedReaderValues, CertificatesAndListsAreKnownBehindTheContent) {
+    const Bytes made = signedByOpenssl(identities().rsa, bodyOf(1000), "SHA256", 0);
+    const auto refusalOf = [&](const auto& ask) {
+        SignedReader message{Norvane::MemoryMediaIn(bufferOf(made))};
+        const std::string early = norvtest::detailOf(norvtest::thrownBy([&] { ask(message); }));
+        Norvane::NullMediaOut sink;
+        Norvane::MediaIn(message).write(sink);
+        ask(message);
+        return early;
+    };
+    const std::string notRead = "the content was not read to its end";
+    EXPECT_EQ(refusalOf([](const auto& message) { static_cast<void>(message.certificates()); }), notRead);
+    EXPECT_EQ(refusalOf([](const auto& message) { static_cast<void>(message.revocationLists()); }), notRead);
+    EXPECT_EQ(refusalOf([](const auto& message) { static_cast<void>(message.encodedCertificates()); }), notRead);
+    EXPECT_EQ(refusalOf([](const auto& message) { static_cast<void>(message.encodedRevocationLists()); }), notRead);
+}

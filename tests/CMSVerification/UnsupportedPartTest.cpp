@@ -104,6 +104,71 @@ TEST(UnsupportedPart, NothingInWhatDecodesOrIsDamaged) {
     EXPECT_EQ(partOf(der::sequence({der::oid("1.2.840.113549.1.7.3"), der::element(0xA0, der::sequence({}))})), "");
 }
 
+// "It is well formed, and not supported" is a verdict on the whole: RFC 5652, 5.1 to 5.3 and 10.2.
+TEST(UnsupportedPart, NothingInWhatIsOtherwiseMalformed) {
+    const Bytes attributeCertificate = der::element(0xA1, der::null());
+    const Bytes certificates = der::element(0xA0, attributeCertificate);
+    const Bytes cutOff{0x30, 0x05};
+    const Bytes algorithm = der::sequence({der::oid("2.16.840.1.101.3.4.2.1")});
+    const Bytes issuer = der::sequence({der::sequence({}), der::integer("01")});
+    const Bytes signature = der::octetString({1, 2});
+    const auto withSigner = [&](const std::vector<Bytes>& parts) {
+        return signedData({detachedData(), certificates, der::set({der::sequence(parts)})});
+    };
+    const Bytes version = der::integer("01");
+    const Bytes signedAttributes = der::element(0xA0, der::null());
+    const Bytes unsignedAttributes = der::element(0xA1, der::null());
+    const Bytes structured =
+        der::concat({der::oid("1.2.840.113549.1.7.2"), der::element(0xA0, der::octetString({1, 2}))});
+
+    for (const Bytes& wellFormed :
+         {signedData({detachedData(), certificates, der::set({})}),
+          signedData({detachedData(), certificates, der::element(0xA1, der::sequence({})), der::set({})}),
+          withSigner({version, issuer, algorithm, algorithm, signature}),
+          withSigner({version, issuer, algorithm, signedAttributes, algorithm, signature, unsignedAttributes})}) {
+        EXPECT_EQ(partOf(wellFormed), "an attribute certificate");
+    }
+    for (const Bytes& malformed : {
+             signedData({der::sequence({}), certificates, der::set({})}),
+             signedData({der::sequence({structured, der::null()}), der::set({})}),
+             signedData(
+                 {detachedData(), der::element(0xA0, der::concat({attributeCertificate, cutOff})), der::set({})}),
+             signedData(
+                 {detachedData(), der::element(0xA0, der::concat({attributeCertificate, der::null()})), der::set({})}),
+             signedData({detachedData(), certificates, der::element(0xA1, cutOff), der::set({})}),
+             signedData({detachedData(), certificates, der::element(0xA1, der::null()), der::set({})}),
+             signedData({detachedData(), certificates}),
+             signedData({detachedData(), certificates, der::set({}), der::null()}),
+             signedData({detachedData(), certificates, der::set({der::null()})}),
+             withSigner({issuer, algorithm, algorithm, signature}),
+             withSigner({version, algorithm, signature}),
+             withSigner({version, der::null(), algorithm, algorithm, signature}),
+             withSigner({version, issuer, algorithm, signature}),
+             withSigner({version, issuer, algorithm, algorithm}),
+             withSigner({version, issuer, der::null(), algorithm, signature}),
+             withSigner({version, issuer, algorithm, algorithm, signature, unsignedAttributes, der::null()}),
+             withSigner({version, issuer, algorithm, algorithm, signature, der::element(0xA2, der::null())}),
+         }) {
+        EXPECT_EQ(partOf(malformed), "") << norvauthority::toHex(malformed);
+    }
+}
+
+// PKCS #7 1.5, 14: the types are 1.2.840.113549.1.7.1 to 6, and the first, data, is an OCTET STRING in both.
+TEST(UnsupportedPart, OnlyTypesOfPkcs7AreStructures) {
+    const auto carrying = [](const std::string& type) {
+        return signedData(
+            {der::sequence({der::oid(type), der::element(0xA0, der::octetString({1, 2}))}), der::set({})});
+    };
+    for (const char* type : {"2", "3", "4", "5", "6"}) {
+        EXPECT_EQ(partOf(carrying(std::string("1.2.840.113549.1.7.") + type)),
+                  "a content that is a structure in an OCTET STRING");
+    }
+    for (const char* type : {"1.2.840.113549.1.7.1", "1.2.840.113549.1.7.7", "1.2.840.113549.1.9.2",
+                             "1.2.840.113549.1.7.2.2", "1.2.840.113549.1.7", "1.2.3"}) {
+        EXPECT_EQ(partOf(carrying(type)), "") << type;
+    }
+}
+
 // A walk that went into each of them on a stack would end the process.
 TEST(UnsupportedPart, ElementsOfIndefiniteLengthNestWithoutEnd) {
     Bytes nested{0x30, 0x80, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x02, 0xA0, 0x80, 0x30, 0x80};
