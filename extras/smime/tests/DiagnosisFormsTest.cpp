@@ -85,4 +85,22 @@ TEST(DiagnosisForms, ACertificateThatIsGivenTwiceIsVerifiedOnce) {
     EXPECT_EQ(once.verifications, twice.verifications);
 }
 
+// Of a body that was changed the certificates are not to blame.
+TEST(DiagnosisForms, ABodyThatDiffersIsNoMatterOfCertificates) {
+    const std::string text = "Content-Type: text/plain\r\n\r\nDear Bob\r\n";
+    Bytes message = signedMessage({&identities().rsa}, {"sha256"}, bytesOf(text), 0);
+    const Bytes name = bytesOf("Dear Bob");
+    const auto at = std::search(message.begin(), message.end(), name.begin(), name.end());
+    ASSERT_NE(at, message.end());
+    *at = 'N';
+    const Norvane::MemoryMediaIn in(bufferOf(message));
+    CMS::SignedReader reader(in);
+    Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+    reader.write(nowhere);
+    EXPECT_EQ(reader.verdict(reader.signers().at(0)).reason, CMS::SignatureReason::bodyDiffers);
+    const SMime::Diagnosis diagnosis = SMime::explainSigners(reader, {{certificateOf(identities().otherRsa)}});
+    EXPECT_TRUE(diagnosis.explanations.empty());
+    EXPECT_EQ(diagnosis.verifications, 0U);
+}
+
 } // namespace
