@@ -7,6 +7,7 @@
 
 #include <norvcmsg/BytesInMemory.h>
 #include <norvcrypto/CMSEnvelopeWriter.h>
+#include <norvcrypto/CMSSignedWriter.h>
 
 #include <algorithm>
 #include <fstream>
@@ -72,6 +73,26 @@ TEST(StrangeKeys, AMappedFileStandsBehindTheStructureThatWasReadOutOfIt) {
     Norvane::MediaIn behind(in);
     behind.read(rest);
     EXPECT_EQ(rest, "and more");
+}
+
+// ECDSA with SHA-3 (RFC 9688), which OpenSSL 3.0 has no table for.
+TEST(StrangeKeys, EcKeysSignWithEachSha3) {
+    for (const auto digest :
+         {Crypto::Hasher::SHA3_224, Crypto::Hasher::SHA3_256, Crypto::Hasher::SHA3_384, Crypto::Hasher::SHA3_512}) {
+        CMS::SignedWriter::Options options;
+        options.signers.emplace_back(pairOf(identities().ec));
+        options.signers.back().digest = digest;
+        Norvane::MemoryMediaOut message;
+        CMS::SignedWriter writer(options);
+        writer.attach(message);
+        writer.write(bufferOf(bytesOf("content")));
+        writer.end();
+        const Norvane::MemoryMediaIn in(message.content());
+        CMS::SignedReader reader(in);
+        Norvane::MediaOut nowhere = Norvane::NullMediaOut();
+        reader.write(nowhere);
+        EXPECT_EQ(reader.verdict(reader.signers().at(0)).verdict, SignatureVerdict::good) << static_cast<int>(digest);
+    }
 }
 
 } // namespace

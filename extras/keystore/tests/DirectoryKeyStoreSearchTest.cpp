@@ -8,7 +8,6 @@
 using namespace keystoretesting;
 using testing::Contains;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 
@@ -102,6 +101,19 @@ TEST_F(DirectoryKeyStoreSearchTest, ACertificateThatIsDamagedAnywhereKeepsNobody
     const auto store = open();
     EXPECT_EQ(found(store, good), "good");
     EXPECT_EQ(found(store, identity("nobody")), "nobody");
+}
+
+// Certificates are no secret. One in a block that says to be encrypted (RFC 1421, 4.6.1.1) does not decode, and nobody is asked.
+TEST_F(DirectoryKeyStoreSearchTest, ACertificateThatSaysToBeEncryptedIsRefusedWithoutAQuestion) {
+    const auto who = identity("who");
+    m_store.add("x", "*\n", who);
+    std::string pem = who.certificate.pem();
+    pem.insert(pem.find('\n') + 1,
+               "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+    m_store.file("x/cert.pem", pem, 0644);
+    const auto store = open();
+    EXPECT_THAT(problemsOf(store), testing::ElementsAre("x/cert.pem: certificate 1 in it does not decode"));
+    EXPECT_EQ(found(store, who), "nobody");
 }
 
 } // namespace
