@@ -243,20 +243,6 @@ public:
     void end() override {}
 };
 
-class BothImpl : public MediaOutImpl {
-public:
-    BothImpl(const MediaOut& first, const MediaOut& second) : m_first(first), m_second(second) {}
-    using MediaOutImpl::write;
-    void write(const unsigned char* data, unsigned int length) override {
-        m_first.write(data, length);
-        m_second.write(data, length);
-    }
-
-private:
-    MediaOut m_first;
-    MediaOut m_second;
-};
-
 } // namespace
 
 MediaOut canonicalLineEnds(const MediaOut& target, LoneReturn loneReturn) {
@@ -277,10 +263,6 @@ MediaOut base64LinesAnew(const MediaOut& target) {
 
 MediaOut keptOpen(const MediaOut& target) {
     return MediaOut(makeReference<KeptOpenImpl, MediaOutImpl>(target));
-}
-
-MediaOut toBoth(const MediaOut& first, const MediaOut& second) {
-    return MediaOut(makeReference<BothImpl, MediaOutImpl>(first, second));
 }
 
 void put(MediaOut& target, std::string_view text) {

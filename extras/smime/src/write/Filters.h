@@ -32,9 +32,6 @@ MediaOut base64LinesAnew(const MediaOut& target);
 /// Passes everything on, but the end.
 MediaOut keptOpen(const MediaOut& target);
 
-/// Passes everything on to two targets, `first` before `second`; ending it ends neither.
-MediaOut toBoth(const MediaOut& first, const MediaOut& second);
-
 /// Writes a text to a stream.
 void put(MediaOut& target, std::string_view text);
 
