@@ -121,7 +121,7 @@ NVX509::RefCertificate encryptionCertificateOf(const NVX509::RefKeyStore& keys, 
 
 NVX509::KeyCertificatePair signingPairOf(const NVX509::RefKeyStore& keys, const EmailAddress& address) {
     for (const EmailAddress& one : spellingsOf(address)) {
-        const NVX509::KeyCertificatePair pair = keys->findSigningKey(one);
+        NVX509::KeyCertificatePair pair = keys->findSigningKey(one);
         if (pair && !pair->certificate.isNull() && !pair->key.isNull()) {
             return pair;
         }
