@@ -27,17 +27,18 @@ void requireCountable(const MediaInImpl& source, unsigned int total) {
 }
 
 /// What passes through may be a secret: it is wiped.
-class Chunk {
+template <std::size_t length> class Wiped {
 public:
-    Chunk() = default;
-    ~Chunk() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
-    Chunk(const Chunk&) = delete;
-    Chunk& operator=(const Chunk&) = delete;
+    Wiped() = default;
+    ~Wiped() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
     [[nodiscard]] unsigned char* data() noexcept { return m_bytes.data(); }
 
 private:
-    std::array<unsigned char, chunkSize> m_bytes{};
+    std::array<unsigned char, length> m_bytes{};
 };
+using Chunk = Wiped<chunkSize>;
 
 } // namespace
 
@@ -46,13 +47,14 @@ MediaInImpl::MediaInImpl() = default;
 MediaInImpl::~MediaInImpl() = default;
 
 bool MediaInImpl::readline(Buffer& line) {
-    std::array<unsigned char, 256> piece{};
+    constexpr unsigned int most = 256;
+    Wiped<most> piece;
     unsigned int held = 0;
     line.length(0);
-    while (read(&piece[held], 1) > 0) {
-        const bool ended = piece[held] == '\n';
+    while (read(piece.data() + held, 1) > 0) {
+        const bool ended = piece.data()[held] == '\n';
         ++held;
-        if (ended || held == piece.size()) {
+        if (ended || held == most) {
             line.append(Buffer(piece.data(), held, true));
             held = 0;
         }

@@ -81,6 +81,9 @@ pid_t start(const std::string& work, bool dumps) {
     if (child == 0) {
         setenv("NORV_SECRETS_WORK", work.c_str(), 1);
         setenv("NORV_SECRETS_FOLDER", folder.c_str(), 1);
+        // As what is installed is linked: else the dynamic linker finds a function when it is called first, and saves the
+        // registers on the stack, which may hold 64 octets of anything.
+        setenv("LD_BIND_NOW", "1", 1);
         if (dumps) {
             setenv("NORV_SECRETS_DUMP", "1", 1);
             setenv("ASAN_OPTIONS", "disable_coredump=0:handle_abort=0", 1);
