@@ -12,9 +12,12 @@ struct Range {
     std::uint32_t last;
 };
 
+/// \param ranges in their order
 template <std::size_t Count> bool isIn(std::uint32_t codePoint, const Range (&ranges)[Count]) noexcept {
-    return std::any_of(std::begin(ranges), std::end(ranges),
-                       [=](const Range& range) { return codePoint >= range.first && codePoint <= range.last; });
+    const Range* const found =
+        std::lower_bound(std::begin(ranges), std::end(ranges), codePoint,
+                         [](const Range& range, std::uint32_t point) { return range.last < point; });
+    return found != std::end(ranges) && found->first <= codePoint;
 }
 
 } // namespace

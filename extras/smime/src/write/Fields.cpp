@@ -154,6 +154,9 @@ std::string newField(std::string_view name, std::string_view value) {
 std::string outerField(std::string_view octets) {
     std::string text;
     for (const std::string& line : linesOf(octets)) {
+        if (line.empty()) {
+            continue; // a CR at the very end of the message: the header would end here, in front of what is added
+        }
         if (fits(line)) {
             text.append(line).append("\r\n");
         } else {
@@ -170,7 +173,9 @@ std::string linesAsTheyStand(std::string_view octets) {
         std::string_view line = octets.substr(0, end);
         octets.remove_prefix(std::min(end + 1, octets.size()));
         line.remove_suffix(line.ends_with('\r') ? 1 : 0);
-        text.append(line).append("\r\n");
+        if (!line.empty()) { // see `outerField`
+            text.append(line).append("\r\n");
+        }
     }
     return text;
 }

@@ -3,6 +3,8 @@
 #include "GmimeParts.h"
 #include "Writing.h"
 
+#include <norvcrypto-smime/SMimeReader.h>
+
 namespace {
 
 using namespace smimetest;
@@ -105,6 +107,16 @@ TEST(SmimeSigningTest, LeavesAByteOrderMarkOut) {
     const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn((mark + "From: a@b.c\n\n").c_str()));
     ASSERT_EQ(people.from.size(), 1U);
     EXPECT_EQ(people.from.front().address(), "a@b.c");
+}
+
+// It would stand as an empty line in front of the fields that say what the message is.
+TEST(SmimeSigningTest, LeavesOutAReturnThatAHeaderWithoutBodyEndsWith) {
+    for (const std::string end : {"xyz\r\n\r", "\r", "xyz\r\n \r\n\r"}) {
+        const std::string mail = wrapped("From: alice@example.org\r\n" + end, {signedBy({&person("alice")})});
+        EXPECT_EQ(mail.find("\r\n\r\n"), mail.find("\r\n\r\n", mail.find("Content-Type: multipart/signed"))) << mail;
+        MemoryMediaOut content;
+        EXPECT_EQ(SMime::read(MemoryMediaIn(mail), content, {}).verdict, SMime::Verdict::signatureGood) << mail;
+    }
 }
 
 TEST(SmimeSigningTest, LetsNobodyAddFieldsWithALoneReturn) {
