@@ -171,7 +171,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const Outcome before = outcomeOf(mail);
         // What was signed or encrypted before, or says that it was, has a say in the verdict; so may what others read in another
         // way already (a NUL byte in a Content-Type), which is read in another way afterwards.
-        if (before.answer.verdict != SMime::Verdict::notSMime || !before.answer.oddities.empty()) {
+        // Of a message in a message likewise: inside of a layer it is taken for what the layer is about.
+        if (before.answer.verdict != SMime::Verdict::notSMime || !before.answer.oddities.empty() ||
+            std::any_of(before.answer.layers.begin(), before.answer.layers.end(),
+                        [](const SMime::Layer& layer) { return layer.kind != SMime::LayerKind::forwarded; })) {
             return;
         }
         const Outcome read = outcomeOf(written);
