@@ -58,5 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         fuzz::require(!argument.empty() && isDisplayable(argument));
         showObjects(input);
     };
-    return fuzz::run(data, size, show, {.constant = fuzz::longNumbers, .perOctet = 100'000});
+    // Objects of four octets are tried as each kind of object.
+    return fuzz::run(data, size, show,
+                     {.constant = fuzz::longNumbers, .perOctet = 100'000, .comparisonsPerOctet = 6'000});
 }

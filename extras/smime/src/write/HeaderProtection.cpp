@@ -39,6 +39,14 @@ std::string hidden(std::string_view name, const std::string& field) {
     return isSameName(name, "Comments") || isSameName(name, "Keywords") ? std::string() : field;
 }
 
+/// As it is sent outside. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not describe
+/// the body a second time.
+std::string outside(const mime::Header& header, const mime::Header::Field& field) {
+    std::string text = outerField(header.octetsOf(field));
+    const bool isOfBody = begins(text, "Content-") || begins(text, "MIME-Version");
+    return isOfBody ? std::string() : text;
+}
+
 /// The field as it stands inside and, unless it is hidden, outside: in 7 bits, so that both are the same.
 std::string protectedField(const mime::Header& header, const mime::Header::Field& field) {
     const std::string_view name = header.nameOf(field);
@@ -51,7 +59,7 @@ DividedHeader divided(const mime::Header& header) {
     DividedHeader result;
     for (const mime::Header::Field& field : header.fields()) {
         if (!describesBody(header.nameOf(field))) {
-            result.outside += outerField(header.octetsOf(field));
+            result.outside += outside(header, field);
         }
     }
     return result;
@@ -66,7 +74,7 @@ DividedHeader dividedWithProtection(const mime::Header& header, bool encrypts) {
             continue;
         }
         if (name.empty() || !isRepeated(name)) {
-            result.outside += outerField(header.octetsOf(field));
+            result.outside += outside(header, field);
             continue;
         }
         const std::string text = protectedField(header, field);

@@ -111,9 +111,21 @@ TEST(SmimeSigningTest, LeavesAByteOrderMarkOut) {
 
 // It would stand as an empty line in front of the fields that say what the message is.
 TEST(SmimeSigningTest, LeavesOutAReturnThatAHeaderWithoutBodyEndsWith) {
-    for (const std::string end : {"xyz\r\n\r", "\r", "xyz\r\n \r\n\r"}) {
-        const std::string mail = wrapped("From: alice@example.org\r\n" + end, {signedBy({&person("alice")})});
+    for (const char* const end : {"xyz\r\n\r", "\r", "xyz\r\n \r\n\r"}) {
+        const std::string mail =
+            wrapped(std::string("From: alice@example.org\r\n") + end, {signedBy({&person("alice")})});
         EXPECT_EQ(mail.find("\r\n\r\n"), mail.find("\r\n\r\n", mail.find("Content-Type: multipart/signed"))) << mail;
+        MemoryMediaOut content;
+        EXPECT_EQ(SMime::read(MemoryMediaIn(mail), content, {}).verdict, SMime::Verdict::signatureGood) << mail;
+    }
+}
+
+// It would be a second one outside, and the message none that is signed.
+TEST(SmimeSigningTest, LeavesOutATypeWithAReturnInFrontOfItsColon) {
+    for (const std::string& odd : {std::string("\r"), std::string("\0", 1), std::string(" \r")}) {
+        const std::string mail =
+            wrapped("From: alice@example.org\r\nContent-Type" + odd + ": message/rfc822\r\n\r\nx\r\n",
+                    {signedBy({&person("alice")})});
         MemoryMediaOut content;
         EXPECT_EQ(SMime::read(MemoryMediaIn(mail), content, {}).verdict, SMime::Verdict::signatureGood) << mail;
     }
