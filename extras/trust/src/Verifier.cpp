@@ -220,13 +220,15 @@ Verdict confirmed(const Snapshot& snapshot, const RefCertificate& certificate, C
     if (verdict.accepted) {
         return verdict;
     }
+    const RefCertificate copy = copyOf(certificate, certificate, snapshot);
     std::list<RefCertificate> copies;
     for (const auto* group : {&candidates.fromMessage, &candidates.tooLarge}) {
         for (X509* one : *group) {
-            copies.push_back(copyOf(one, candidates.handles.at(one), snapshot));
+            // The judged one may be in the message, too, and is one certificate then.
+            copies.push_back(
+                one == static_cast<X509*>(certificate) ? copy : copyOf(one, candidates.handles.at(one), snapshot));
         }
     }
-    const RefCertificate copy = copyOf(certificate, certificate, snapshot);
     Candidates anew = detail::candidatesFor(copy, copies, snapshot, options.revocation != Revocation::none);
     const Verdict again = reached(snapshot, copy, anew, lists, options, at);
     if (!std::equal(verdict.reasons.begin(), verdict.reasons.end(), again.reasons.begin(), again.reasons.end(),
