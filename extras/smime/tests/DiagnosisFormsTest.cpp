@@ -35,6 +35,17 @@ TEST(DiagnosisForms, BlanksMayFollowABoundaryAndOtherTextMayNot) {
     EXPECT_THAT(changesBetween(closed, arrived), ElementsAre("made-7-bit"));
 }
 
+// RFC 2046, 5.1: a part may have no header fields, but then an empty line begins it. A part that begins with text all the same, in
+// a line longer than what is held at once, is one of text.
+TEST(DiagnosisForms, APartBeginsWithALongLineInsteadOfAHeader) {
+    const std::string sent =
+        "Content-Type: multipart/mixed; boundary=b1\r\n\r\n--b1\r\n" + std::string(5000, 'x') + "\r\n" +
+        "--b1\r\nContent-Type: text/plain\r\nContent-Transfer-Encoding: 8bit\r\n\r\nf\xC3\xBCr Bob\r\n--b1--\r\n";
+    const std::string arrived = replaced(replaced(sent, "8bit", "quoted-printable"), "f\xC3\xBCr Bob", "f=C3=BCr Bob");
+    EXPECT_THAT(changesBetween(sent, arrived), ElementsAre("made-7-bit"));
+    EXPECT_TRUE(diagnosisOf(signatureOver(sent), replaced(sent, "Bob", "Rob")).explanations.empty());
+}
+
 // The part of a message within a message has been encoded.
 TEST(DiagnosisForms, WithinAForwardedMessage) {
     const std::string sent =

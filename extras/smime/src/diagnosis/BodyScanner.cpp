@@ -160,11 +160,11 @@ void BodyScanner::write(std::string_view octets) {
 void BodyScanner::finish() {
     const mime::WipedText rest = std::exchange(m_carry, {});
     scan(rest, true);
-    if (m_lineBegun || !m_line.empty()) {
+    if (!m_line.empty()) {
         lineOctets({}, LineEnd::none, true);
     }
     if (m_inHeader && !m_header.empty()) {
-        m_atStart ? giveUpHeader() : endHeader();
+        leaveHeader();
     }
     for (BodyConsumer* consumer : m_consumers) {
         consumer->finish();
@@ -205,7 +205,7 @@ void BodyScanner::lineOctets(std::string_view octets, LineEnd end, bool ends) {
             const mime::WipedText line = std::exchange(m_line, {});
             headerLine(line, end);
         } else if (m_headerLength + m_line.size() > longestHeader) {
-            giveUpHeader();
+            leaveHeader();
         }
         return;
     }
@@ -272,9 +272,8 @@ void BodyScanner::headerLine(std::string_view octets, LineEnd end) {
     const bool belongs = !fieldName(octets).empty() || (continues(octets) && !m_header.empty());
     const bool isBoundary = !m_open.empty() && octets.starts_with("--");
     if (!belongs || isBoundary || m_headerLength + octets.size() > longestHeader) {
-        // A body without header fields, or a header block without an end.
         m_line = octets;
-        m_atStart ? giveUpHeader() : endHeader();
+        leaveHeader();
         lineOctets({}, end, true);
         return;
     }
@@ -304,17 +303,22 @@ void BodyScanner::endHeader() {
     }
 }
 
+/// The line that is held is none of a header block: the body has none, or the block ends without an empty line.
+void BodyScanner::leaveHeader() {
+    const mime::WipedText begun = std::exchange(m_line, {});
+    m_atStart ? giveUpHeader() : endHeader();
+    lineOctets(begun, LineEnd::none, false); // in pieces, if it is long
+}
+
 /// What looked like a header block is text.
 void BodyScanner::giveUpHeader() {
     m_inHeader = false;
     m_atStart = false;
     const std::vector<HeaderLine> lines = std::exchange(m_header, {});
-    const mime::WipedText begun = std::exchange(m_line, {});
     m_headerLength = 0;
     for (const HeaderLine& line : lines) {
         lineOctets(line.octets, line.end, true);
     }
-    lineOctets(begun, LineEnd::none, false);
 }
 
 void BodyScanner::emit(const LinePiece& piece) {

@@ -74,6 +74,7 @@ private:
     void lineOctets(std::string_view octets, LineEnd end, bool ends);
     void headerLine(std::string_view octets, LineEnd end);
     void endHeader();
+    void leaveHeader();
     void giveUpHeader();
     void emit(const LinePiece& piece);
     void classify(std::string_view start);
