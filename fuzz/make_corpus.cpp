@@ -272,7 +272,12 @@ void unsignedMails() {
             put("fuzz_smime_writer", "mail" + std::to_string(choice), choice + fields + entity);
             choice = static_cast<char>(choice + 11);
         }
+        for (char change = 0; change != 8; ++change) {
+            put("fuzz_explain", "body" + std::to_string(change) + std::to_string(entity.size()), change + entity);
+        }
     }
+    const std::string longStart = "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n" + std::string(5000, 'x');
+    put("fuzz_explain", "longStart", '\x86' + longStart + "\r\n--b--\r\n");
 }
 
 } // namespace

@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     for (const char* target : {"name", "text", "address", "owners"}) {
         good = write(folder / (std::string("fuzz_") + target + ".dict"), {text}) && good;
     }
-    for (const char* target : {"smime", "smime_writer"}) {
+    for (const char* target : {"explain", "smime", "smime_writer"}) {
         good = write(folder / (std::string("fuzz_") + target + ".dict"), {mail}) && good;
     }
     good = write(folder / "fuzz_milter.dict", {fuzz::milterWords(), mail}) && good;
