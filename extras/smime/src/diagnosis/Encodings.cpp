@@ -149,19 +149,19 @@ private:
 
 class PlainEncoder : public TextSink {
 public:
-    explicit PlainEncoder(TryOutput& out) : m_out(&out) {}
+    explicit PlainEncoder(LineOutput& out) : m_out(&out) {}
     void text(std::string_view octets) override { m_out->put(octets); }
     void lineEnd(LineEnd end) override { m_out->end(end); }
     void endPart(bool /*isFollowed*/) override {}
 
 private:
-    TryOutput* m_out;
+    LineOutput* m_out;
 };
 
 /// As many characters in a line as fit 76, "=" for a soft break among them.
 class QuotedPrintableEncoder : public TextSink {
 public:
-    QuotedPrintableEncoder(TryOutput& out, QuotedStyle style) : m_out(&out), m_style(style) {}
+    QuotedPrintableEncoder(LineOutput& out, QuotedStyle style) : m_out(&out), m_style(style) {}
 
     void text(std::string_view octets) override {
         for (const char octet : octets) {
@@ -237,7 +237,7 @@ private:
         m_column += token.size();
     }
 
-    TryOutput* m_out;
+    LineOutput* m_out;
     QuotedStyle m_style;
     bool m_atStart = true;
     bool m_isFirst = false;
@@ -249,7 +249,7 @@ private:
 
 class Base64Encoder : public TextSink {
 public:
-    Base64Encoder(TryOutput& out, bool lineFeeds) : m_out(&out), m_lines(out, usualWidth), m_lineFeeds(lineFeeds) {}
+    Base64Encoder(LineOutput& out, bool lineFeeds) : m_out(&out), m_lines(out, usualWidth), m_lineFeeds(lineFeeds) {}
 
     void text(std::string_view octets) override {
         putLineEnd();
@@ -301,7 +301,7 @@ private:
                 base64Alphabet[bits & 63U]};
     }
 
-    TryOutput* m_out;
+    LineOutput* m_out;
     LineWrapper m_lines;
     bool m_lineFeeds;
     std::string m_group;
@@ -337,7 +337,7 @@ std::unique_ptr<TextDecoder> decoderOf(TransferEncoding encoding, TextSink& targ
     return std::make_unique<PlainDecoder>(target);
 }
 
-std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, QuotedStyle style, bool lineFeeds) {
+std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, LineOutput& out, QuotedStyle style, bool lineFeeds) {
     switch (encoding) {
     case TransferEncoding::quotedPrintable:
         return std::make_unique<QuotedPrintableEncoder>(out, style);

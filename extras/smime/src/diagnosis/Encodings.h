@@ -5,7 +5,7 @@
 /// encoded again is laid out as most mail programs do.
 
 #include "diagnosis/BodyScanner.h"
-#include "diagnosis/TryOutput.h"
+#include "diagnosis/LineOutput.h"
 
 #include <memory>
 #include <string>
@@ -48,12 +48,12 @@ private:
 /// Passes characters on in lines of that many; 0: in one line.
 class LineWrapper {
 public:
-    LineWrapper(TryOutput& out, std::size_t width) : m_out(&out), m_width(width) {}
+    LineWrapper(LineOutput& out, std::size_t width) : m_out(&out), m_width(width) {}
     void put(std::string_view characters);
     void restart() noexcept { m_column = 0; }
 
 private:
-    TryOutput* m_out;
+    LineOutput* m_out;
     std::size_t m_width;
     std::size_t m_column = 0;
 };
@@ -67,6 +67,6 @@ enum class QuotedStyle : std::uint8_t {
 
 std::unique_ptr<TextDecoder> decoderOf(TransferEncoding encoding, TextSink& target);
 /// \param lineFeeds in base64, line ends of the text are LF, not CR LF
-std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, TryOutput& out, QuotedStyle style, bool lineFeeds);
+std::unique_ptr<TextSink> encoderOf(TransferEncoding encoding, LineOutput& out, QuotedStyle style, bool lineFeeds);
 
 } // namespace Norvane::Crypto::SMime::diagnosis

@@ -40,15 +40,15 @@ private:
         }
     }
     void addStart(bool applies, Change change, std::string text, LineStart start) {
-        add(applies, change, std::move(text), [start](TryOutput& out) { return changeStarts(out, start); });
+        add(applies, change, std::move(text), [start](LineOutput& out) { return changeStarts(out, start); });
     }
     void addHeader(Change change, const std::string& text, HeaderChange header) {
         add(m_facts.hasHeader, change, "the header fields of the signed text stood there " + text,
-            [header](TryOutput& out) { return rewriteHeaders(out, header); });
+            [header](LineOutput& out) { return rewriteHeaders(out, header); });
     }
     void addRecoding(bool applies, Change change, std::string text, Recoding recoding) {
         add(applies, change, std::move(text),
-            [recoding = std::move(recoding)](TryOutput& out) { return recode(out, recoding); });
+            [recoding = std::move(recoding)](LineOutput& out) { return recode(out, recoding); });
     }
 
     void addLines();
@@ -89,11 +89,11 @@ void RecipeList::addAroundParts() {
         "something was added behind the last boundary of the signed text", dropEpilogue);
     add(m_facts.hasPreamble, Change::preambleAdded,
         "the signed text had nothing in front of its first boundary; what stands there was added",
-        [](TryOutput& out) { return replacePreamble(out, {}); });
+        [](LineOutput& out) { return replacePreamble(out, {}); });
     const auto addPreamble = [this](const std::string& what, std::vector<std::string> lines) {
         add(true, Change::preambleChanged,
             "the signed text had " + what + " in front of its first boundary, which was lost or replaced",
-            [lines = std::move(lines)](TryOutput& out) { return replacePreamble(out, lines); });
+            [lines = std::move(lines)](LineOutput& out) { return replacePreamble(out, lines); });
     };
     addPreamble("an empty line", {""});
     for (const char* const text : {usualPreamble, signedPreamble, mimePreamble, smimePreamble}) {
@@ -108,15 +108,15 @@ void RecipeList::addEncodings() {
         const std::string lines = width == 0 ? "on one line" : "in lines of " + std::to_string(width) + " characters";
         add(m_facts.hasBase64, Change::base64Rewrapped,
             "the base64 of the signed text stood " + lines + "; it was wrapped anew on the way",
-            [width](TryOutput& out) { return rewrapBase64(out, width); });
+            [width](LineOutput& out) { return rewrapBase64(out, width); });
     }
     const Change again = Change::quotedPrintableReencoded;
     add(m_facts.hasSmallHexDigits, again,
         R"(the quoted-printable of the signed text had capital digits, as in "=3D"; they were made small on the way)",
-        [](TryOutput& out) { return changeHexDigits(out, true); });
+        [](LineOutput& out) { return changeHexDigits(out, true); });
     add(m_facts.hasCapitalHexDigits, again,
         R"(the quoted-printable of the signed text had small digits, as in "=3d"; they were made capitals on the way)",
-        [](TryOutput& out) { return changeHexDigits(out, false); });
+        [](LineOutput& out) { return changeHexDigits(out, false); });
     for (const auto& [style, how] : styles) {
         addRecoding(m_facts.hasQuotedPrintable, again,
                     "the quoted-printable of the signed text" + std::string(how) +

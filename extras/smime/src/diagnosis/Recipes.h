@@ -4,6 +4,7 @@
 /// The changes that are undone, and what is said about them.
 
 #include "diagnosis/BodyFacts.h"
+#include "diagnosis/TryOutput.h"
 #include "diagnosis/Undoing.h"
 
 #include <norvcrypto-smime/SMimeDiagnosis.h>
@@ -17,7 +18,7 @@ namespace Norvane::Crypto::SMime::diagnosis {
 struct Recipe {
     Change change;
     std::string text;
-    std::function<UndoingPtr(TryOutput&)> undo;
+    std::function<UndoingPtr(LineOutput&)> undo;
 };
 
 /// Those that a body may show, the most usual first.

@@ -3,7 +3,7 @@
 /// \file
 /// What one try makes of a body, on its way into the digests of a detached message, and where it is asked whether that fits.
 
-#include "diagnosis/BodyScanner.h"
+#include "diagnosis/LineOutput.h"
 #include "mime/Wiped.h"
 
 #include <norvcmsg/Buffer.h>
@@ -48,15 +48,14 @@ public:
 };
 
 /// Takes what a try makes of a body. The last 16 KB are kept back, to be asked about line by line.
-class TryOutput {
+class TryOutput : public LineOutput {
 public:
     /// \param newLine the line end of lines that are made
     TryOutput(const Buffer& structure, EndMode mode, LineEnd newLine);
 
-    void put(std::string_view octets);
-    void end(LineEnd end);
-    /// A line end that did not stand there.
-    void newLine() { put(octetsOf(m_newLine)); }
+    void put(std::string_view octets) override;
+    void end(LineEnd end) override;
+    void newLine() override { put(octetsOf(m_newLine)); }
     /// The line end of lines that are made from now on.
     void setNewLine(LineEnd newLine) noexcept { m_newLine = newLine; }
     /// Asks about all that was put out, and about what has another end.

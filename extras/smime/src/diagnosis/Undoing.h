@@ -5,7 +5,7 @@
 
 #include "diagnosis/BodyScanner.h"
 #include "diagnosis/Encodings.h"
-#include "diagnosis/TryOutput.h"
+#include "diagnosis/LineOutput.h"
 
 #include <memory>
 #include <string>
@@ -16,24 +16,24 @@ namespace Norvane::Crypto::SMime::diagnosis {
 /// Puts out everything as it is, but for what derived ones do.
 class Undoing : public BodyConsumer {
 public:
-    explicit Undoing(TryOutput& out) : m_out(&out) {}
+    explicit Undoing(LineOutput& out) : m_out(&out) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override;
     void line(const LinePiece& piece) override;
     void finish() override {}
 
 protected:
-    [[nodiscard]] TryOutput& out() noexcept { return *m_out; }
+    [[nodiscard]] LineOutput& out() noexcept { return *m_out; }
     void put(const HeaderLine& line);
 
 private:
-    TryOutput* m_out;
+    LineOutput* m_out;
 };
 
 using UndoingPtr = std::unique_ptr<Undoing>;
 
 /// Drops blanks at the ends of lines.
-UndoingPtr dropBlanks(TryOutput& out);
+UndoingPtr dropBlanks(LineOutput& out);
 
 enum class LineStart : std::uint8_t {
     separatorBlank, ///< "--" becomes "-- "
@@ -44,21 +44,21 @@ enum class LineStart : std::uint8_t {
     fromEscaped,
 };
 /// Changes how lines begin.
-UndoingPtr changeStarts(TryOutput& out, LineStart change);
+UndoingPtr changeStarts(LineOutput& out, LineStart change);
 
 /// Puts these lines in the place of the outermost preamble.
-UndoingPtr replacePreamble(TryOutput& out, std::vector<std::string> lines);
+UndoingPtr replacePreamble(LineOutput& out, std::vector<std::string> lines);
 /// Drops what is behind the line of the last boundary.
-UndoingPtr dropEpilogue(TryOutput& out);
+UndoingPtr dropEpilogue(LineOutput& out);
 
 /// Lines of base64 with that many characters; 0: one line.
-UndoingPtr rewrapBase64(TryOutput& out, std::size_t width);
+UndoingPtr rewrapBase64(LineOutput& out, std::size_t width);
 /// Hexadecimal digits of quoted-printable as capital or small letters.
-UndoingPtr changeHexDigits(TryOutput& out, bool capital);
+UndoingPtr changeHexDigits(LineOutput& out, bool capital);
 
 /// How parts are decoded and encoded anew.
 struct Recoding {
-    std::vector<TransferEncoding> from; ///< parts of these alone; empty: of all
+    std::vector<TransferEncoding> from{}; ///< parts of these alone; empty: of all
     TransferEncoding to = TransferEncoding::none;
     std::string encodingName{};        ///< put into the header; empty: it stays
     bool withoutEncodingField = false; ///< the field is dropped
@@ -68,7 +68,7 @@ struct Recoding {
     bool lineFeedsInside = false; ///< base64: line ends of the text are LF, not CR LF
 };
 /// Encodes texts anew.
-UndoingPtr recode(TryOutput& out, Recoding recoding);
+UndoingPtr recode(LineOutput& out, Recoding recoding);
 
 enum class HeaderChange : std::uint8_t {
     unfoldedToOneBlank,
@@ -95,6 +95,6 @@ enum class HeaderChange : std::uint8_t {
     smallCharacterSet,
 };
 /// Writes header fields another way.
-UndoingPtr rewriteHeaders(TryOutput& out, HeaderChange change);
+UndoingPtr rewriteHeaders(LineOutput& out, HeaderChange change);
 
 } // namespace Norvane::Crypto::SMime::diagnosis

@@ -21,7 +21,7 @@ bool isBase64(std::string_view line) noexcept {
 
 class Base64Rewrapping : public Undoing {
 public:
-    Base64Rewrapping(TryOutput& out, std::size_t width) : Undoing(out), m_lines(out, width) {}
+    Base64Rewrapping(LineOutput& out, std::size_t width) : Undoing(out), m_lines(out, width) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
         putHeldEnd();
@@ -55,7 +55,7 @@ private:
 
 class HexDigitsChanging : public Undoing {
 public:
-    HexDigitsChanging(TryOutput& out, bool capital) : Undoing(out), m_capital(capital) {}
+    HexDigitsChanging(LineOutput& out, bool capital) : Undoing(out), m_capital(capital) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
         m_isEncoded = part.encoding == TransferEncoding::quotedPrintable;
@@ -154,7 +154,7 @@ private:
 
 class Recoder : public Undoing {
 public:
-    Recoder(TryOutput& out, Recoding recoding) : Undoing(out), m_recoding(std::move(recoding)) {}
+    Recoder(LineOutput& out, Recoding recoding) : Undoing(out), m_recoding(std::move(recoding)) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
         endPart(true);
@@ -230,15 +230,15 @@ private:
 
 } // namespace
 
-UndoingPtr rewrapBase64(TryOutput& out, std::size_t width) {
+UndoingPtr rewrapBase64(LineOutput& out, std::size_t width) {
     return std::make_unique<Base64Rewrapping>(out, width);
 }
 
-UndoingPtr changeHexDigits(TryOutput& out, bool capital) {
+UndoingPtr changeHexDigits(LineOutput& out, bool capital) {
     return std::make_unique<HexDigitsChanging>(out, capital);
 }
 
-UndoingPtr recode(TryOutput& out, Recoding recoding) {
+UndoingPtr recode(LineOutput& out, Recoding recoding) {
     return std::make_unique<Recoder>(out, std::move(recoding));
 }
 

@@ -225,7 +225,7 @@ Field rewritten(const Field& field, HeaderChange change) {
 
 class HeaderRewriting : public Undoing {
 public:
-    HeaderRewriting(TryOutput& out, HeaderChange change) : Undoing(out), m_change(change) {}
+    HeaderRewriting(LineOutput& out, HeaderChange change) : Undoing(out), m_change(change) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& /*part*/) override {
         Field field;
@@ -252,7 +252,7 @@ private:
 
 } // namespace
 
-UndoingPtr rewriteHeaders(TryOutput& out, HeaderChange change) {
+UndoingPtr rewriteHeaders(LineOutput& out, HeaderChange change) {
     return std::make_unique<HeaderRewriting>(out, change);
 }
 

@@ -43,7 +43,7 @@ private:
 
 class StartChanging : public Undoing {
 public:
-    StartChanging(TryOutput& out, LineStart change) : Undoing(out), m_change(change) {}
+    StartChanging(LineOutput& out, LineStart change) : Undoing(out), m_change(change) {}
 
     void line(const LinePiece& piece) override {
         LinePiece changed = piece;
@@ -85,7 +85,7 @@ private:
 
 class PreambleReplacing : public Undoing {
 public:
-    PreambleReplacing(TryOutput& out, std::vector<std::string> lines) : Undoing(out), m_lines(std::move(lines)) {}
+    PreambleReplacing(LineOutput& out, std::vector<std::string> lines) : Undoing(out), m_lines(std::move(lines)) {}
 
     void line(const LinePiece& piece) override {
         if (piece.isOutermost && piece.place == Place::preamble) {
@@ -136,19 +136,19 @@ void Undoing::put(const HeaderLine& line) {
     m_out->end(line.end);
 }
 
-UndoingPtr dropBlanks(TryOutput& out) {
+UndoingPtr dropBlanks(LineOutput& out) {
     return std::make_unique<BlankDropping>(out);
 }
 
-UndoingPtr changeStarts(TryOutput& out, LineStart change) {
+UndoingPtr changeStarts(LineOutput& out, LineStart change) {
     return std::make_unique<StartChanging>(out, change);
 }
 
-UndoingPtr replacePreamble(TryOutput& out, std::vector<std::string> lines) {
+UndoingPtr replacePreamble(LineOutput& out, std::vector<std::string> lines) {
     return std::make_unique<PreambleReplacing>(out, std::move(lines));
 }
 
-UndoingPtr dropEpilogue(TryOutput& out) {
+UndoingPtr dropEpilogue(LineOutput& out) {
     return std::make_unique<EpilogueDropping>(out);
 }
 
