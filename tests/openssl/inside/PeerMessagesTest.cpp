@@ -160,7 +160,8 @@ TEST(PeerMessages, ACostlyCertificateMakesTheListLongerThanAnyMessage) {
         EXPECT_NE(reasonAndClear(), 0U);
         EXPECT_EQ(shown(newer.get(), certificates13(all)), with(certificates13(all), 5, s_tooLong));
         EXPECT_NE(reasonAndClear(), 0U);
-        EXPECT_EQ(shown(newer.get(), certificates13(all, {1, 2, 3})), with(certificates13(all, {1, 2, 3}), 8, s_tooLong));
+        EXPECT_EQ(shown(newer.get(), certificates13(all, {1, 2, 3})),
+                  with(certificates13(all, {1, 2, 3}), 8, s_tooLong));
         EXPECT_NE(reasonAndClear(), 0U);
     }
     for (const auto& all : {All(), All{ordinary(), ordinary()}}) {
@@ -177,11 +178,12 @@ TEST(PeerMessages, DamagedCertificatesStayAsTheyCame) {
     const Bytes list = prefixed(3, costly());
     const std::vector<Bytes> damaged12{
         message(SSL3_MT_CERTIFICATE, {}),
-        message(SSL3_MT_CERTIFICATE, {0, 0}),                                            // a length cut off
-        message(SSL3_MT_CERTIFICATE, {0, 0, 2, 0}),                                      // a list cut off
-        message(SSL3_MT_CERTIFICATE, prefixed(3, {0, 0})),                               // a length of a certificate cut off
+        message(SSL3_MT_CERTIFICATE, {0, 0}),              // a length cut off
+        message(SSL3_MT_CERTIFICATE, {0, 0, 2, 0}),        // a list cut off
+        message(SSL3_MT_CERTIFICATE, prefixed(3, {0, 0})), // a length of a certificate cut off
         message(SSL3_MT_CERTIFICATE, prefixed(3, der::concat({{0, 0xFF, 0xFF}, list}))), // longer than the list
-        message(SSL3_MT_CERTIFICATE, der::concat({number(list.size() + 1, 3), list})),   // the list longer than the message
+        message(SSL3_MT_CERTIFICATE,
+                der::concat({number(list.size() + 1, 3), list})), // the list longer than the message
     };
     for (const Bytes& each : damaged12) {
         EXPECT_EQ(shown(older.get(), each), each);
@@ -192,12 +194,12 @@ TEST(PeerMessages, DamagedCertificatesStayAsTheyCame) {
         EXPECT_EQ(shown(newer.get(), newerOne), newerOne);
     }
     const Bytes plain = prefixed(3, ordinary());
-    for (const Bytes& each : {message(SSL3_MT_CERTIFICATE, {1}), // the context cut off
-                              message(SSL3_MT_CERTIFICATE, der::concat({{0xFF}, prefixed(3, list)})),
-                              // extensions cut off, with a costly certificate where they would be
-                              message(SSL3_MT_CERTIFICATE, der::concat({{0}, prefixed(3, plain)})),
-                              message(SSL3_MT_CERTIFICATE,
-                                      der::concat({{0}, prefixed(3, der::concat({plain, {0xFF, 0xFF}, list}))}))}) {
+    for (const Bytes& each :
+         {message(SSL3_MT_CERTIFICATE, {1}), // the context cut off
+          message(SSL3_MT_CERTIFICATE, der::concat({{0xFF}, prefixed(3, list)})),
+          // extensions cut off, with a costly certificate where they would be
+          message(SSL3_MT_CERTIFICATE, der::concat({{0}, prefixed(3, plain)})),
+          message(SSL3_MT_CERTIFICATE, der::concat({{0}, prefixed(3, der::concat({plain, {0xFF, 0xFF}, list}))}))}) {
         EXPECT_EQ(shown(newer.get(), each), each);
     }
     EXPECT_EQ(reasonAndClear(), 0U);
@@ -225,7 +227,8 @@ TEST(PeerMessages, OnlyHandshakeMessagesThatCameAreLookedAt) {
 TEST(PeerMessages, SixtyFourMessagesAreFreeAndEachOtherOneIsOwed4096Octets) {
     const Bytes update = message(SSL3_MT_KEY_UPDATE, {1});
     const Bytes refusedUpdate = with(update, 4, {0xFF});
-    for (const auto& [received, allowed] : {std::pair(0, 64), std::pair(4095, 64), std::pair(4096, 65), std::pair(20000, 68)}) {
+    for (const auto& [received, allowed] :
+         {std::pair(0, 64), std::pair(4095, 64), std::pair(4096, 65), std::pair(20000, 68)}) {
         const SslPtr ssl = tls13(static_cast<std::size_t>(received));
         EXPECT_EQ(last(ssl.get(), update, allowed + 1), refusedUpdate) << received;
         EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_TOO_MANY_KEY_UPDATES));
@@ -253,10 +256,10 @@ TEST(PeerMessages, AHandshakeThatBeginsAnewCountsAsFour) {
 
 TEST(PeerMessages, ATicketTooManyHasNoLength) {
     // Lifetime, age and nonce stand in front of the ticket (RFC 8446, 4.6.1).
-    const Bytes ticket = message(SSL3_MT_NEWSESSION_TICKET, der::concat({{0, 0, 0x1C, 0x20, 9, 8, 7, 6},
-                                                                         prefixed(1, {5, 5, 5}),
-                                                                         prefixed(2, Bytes(300, 4)),
-                                                                         prefixed(2, {})}));
+    const Bytes ticket = message(
+        SSL3_MT_NEWSESSION_TICKET,
+        der::concat(
+            {{0, 0, 0x1C, 0x20, 9, 8, 7, 6}, prefixed(1, {5, 5, 5}), prefixed(2, Bytes(300, 4)), prefixed(2, {})}));
     const SslPtr newer = tls13();
     EXPECT_EQ(last(newer.get(), ticket, 65), with(ticket, 4 + 8 + 4, {0, 0}));
     EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_UNEXPECTED_MESSAGE));

@@ -2,7 +2,7 @@
 // not go together.
 #include "openssl/SignatureScheme.h"
 
-#include "support/Costly.h"
+#include "support/SmallRsa.h"
 
 #include <authority/Authority.h>
 
@@ -48,20 +48,6 @@ void expectPss(const std::vector<Bytes>& parameters, const char* digest, const c
     EXPECT_EQ(scheme.digest, EVP_get_digestbyname(digest));
     EXPECT_EQ(scheme.maskDigest, EVP_get_digestbyname(mask));
     EXPECT_EQ(scheme.saltLength, salt);
-}
-
-/// An RSA key for RSASSA-PSS alone, with this digest and salts of that length at least.
-Key restrictedKey(const EVP_MD* digest, int salt) {
-    const KeyContextPtr context(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA_PSS, nullptr));
-    EVP_PKEY* made = nullptr;
-    EXPECT_EQ(EVP_PKEY_keygen_init(context.get()), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), 1024), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_pss_keygen_md(context.get(), digest), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_pss_keygen_mgf1_md(context.get(), digest), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_pss_keygen_saltlen(context.get(), salt), 1);
-    EXPECT_EQ(EVP_PKEY_keygen(context.get(), &made), 1);
-    const KeyPtr owner(made);
-    return Key::of(made);
 }
 
 Bytes signedBy(const Key& key, const EVP_MD* digest, const Bytes& digested, int salt) {
@@ -181,7 +167,8 @@ TEST(SignatureScheme, WhatIdentifiersAreMadeOf) {
         EXPECT_EQ(scheme.digest, digest == nullptr ? nullptr : EVP_get_digestbyname(digest)) << OBJ_nid2sn(nid);
         EXPECT_TRUE(scheme.isSound);
     }
-    for (const Bytes& none : {Bytes(), der::null(), der::sequence({}), der::sequence({der::null()}), algorithm("1.2.3")}) {
+    for (const Bytes& none :
+         {Bytes(), der::null(), der::sequence({}), der::sequence({der::null()}), algorithm("1.2.3")}) {
         EXPECT_EQ(signatureScheme(none).kind, Kind::unknown);
         EXPECT_FALSE(signatureScheme(none).namesDigest);
     }
@@ -192,7 +179,7 @@ TEST(SignatureScheme, WhatIdentifiersAreMadeOf) {
 }
 
 TEST(SignatureScheme, KeysForPssAloneVerifyWhatTheirParametersAllow) {
-    const Key key = restrictedKey(EVP_sha256(), 32);
+    const Key key = norvtest::pssKey(EVP_sha256(), EVP_sha256(), 32);
     ASSERT_TRUE(isSigningKey(key.get()));
     SignatureScheme scheme;
     scheme.kind = Kind::rsaPss;

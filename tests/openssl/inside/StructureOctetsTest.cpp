@@ -98,7 +98,8 @@ Bytes bytesOf(Norvane::Crypto::framing::Octets octets) {
 /// From memory and piece by piece: the octets of the structure at the front, and nothing behind it is read.
 void expectWhole(const Bytes& input, std::size_t length) {
     const Bytes expected(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(length));
-    SCOPED_TRACE(norvauthority::toHex(Bytes(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(input.size(), 40)))));
+    SCOPED_TRACE(norvauthority::toHex(
+        Bytes(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(input.size(), 40)))));
     LyingIn lying(input.data(), input.size());
     const StructureOctets inPlace(lying);
     EXPECT_TRUE(inPlace.isWhole());
@@ -210,7 +211,8 @@ TEST(StructureOctets, AnnouncementsOfMoreThanOpensslCounts) {
 // The ends of contents are what can lead beyond it when all lengths are known.
 TEST(StructureOctets, IntMaxOctetsAreWholeAndOneMoreIsNot) {
     constexpr std::size_t most = INT_MAX;
-    void* const place = mmap(nullptr, most + 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* const place =
+        mmap(nullptr, most + 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(place, MAP_FAILED);
     auto* const octets = static_cast<unsigned char*>(place);
     const auto announce = [&](unsigned int length) {
@@ -309,7 +311,8 @@ TEST(GrowingOctets, KeepTheirContentOnTheWayIntoLargePages) {
             octets.grow(first);
         }
         std::size_t size = first;
-        for (const std::size_t count : {std::size_t{0x200000} - first, std::size_t{1}, std::size_t{0x400000}, std::size_t{0x200001}}) {
+        for (const std::size_t count :
+             {std::size_t{0x200000} - first, std::size_t{1}, std::size_t{0x400000}, std::size_t{0x200001}}) {
             std::memset(octets.room(count, size + count), static_cast<int>(count % 7), count);
             octets.grow(count);
             size += count;
