@@ -214,6 +214,7 @@ TEST_F(FileIn, KnowsItsPosition) {
     EXPECT_EQ(in.tell(), 251U);
     in.setpos(100'000);
     EXPECT_TRUE(in.atEnd());
+    expectFailure([&] { in.setpos(~0UL); }, "FileMediaIn::setpos", path("file"), "Invalid argument", EINVAL);
 }
 
 TEST_F(FileIn, ReachesPast32Bits) {
@@ -356,6 +357,8 @@ TEST_F(FileOut, PositionsAreKept) {
     out.setpos(2);
     EXPECT_EQ(out.tell(), 2U);
     put(out, "XY");
+    EXPECT_EQ(out.tell(), 4U);
+    expectFailure([&] { out.setpos(~0UL); }, "FileMediaOut::setpos", path("file"), "Invalid argument", EINVAL);
     EXPECT_EQ(out.tell(), 4U);
     out.end();
     EXPECT_EQ(contentOf(path("file")), "abXYef");

@@ -58,8 +58,12 @@ AlgorithmPtr decodeAlgorithm(std::span<const unsigned char> octets) {
 
 AlgorithmPtr algorithmInParameters(const X509_ALGOR& algorithm) {
     const ErrorMark mark;
-    return AlgorithmPtr(
+    AlgorithmPtr inside(
         static_cast<X509_ALGOR*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(X509_ALGOR), algorithm.parameter)));
+    if (inside == nullptr) {
+        mark.throwWithoutMemory();
+    }
+    return inside;
 }
 
 CipherPtr cipherOf(const X509_ALGOR* algorithm) {

@@ -15,8 +15,7 @@ PaddedDecryption::PaddedDecryption(EVP_CIPHER_CTX* context)
 
 bool PaddedDecryption::add(std::span<const unsigned char> encrypted) {
     if (m_added == 0) {
-        std::copy(m_held.begin(), m_held.end(), m_clear.data());
-        m_clearLength = m_held.size();
+        std::copy(m_held.begin(), m_held.end(), m_clear.data()); // m_clearLength octets
     }
     int count = 0;
     if (EVP_DecryptUpdate(m_context, m_clear.data() + m_clearLength, &count, encrypted.data(),

@@ -14,7 +14,7 @@ namespace {
 
 /// Decodes the whole of some octets with the `d2i_` function `Decode`; null when they are more or less than that.
 template <class Pointer, auto Decode> Pointer decodeWhole(framing::Octets octets) noexcept {
-    if (octets.empty() || octets.size() > static_cast<std::size_t>(INT_MAX)) {
+    if (octets.size() > static_cast<std::size_t>(INT_MAX)) {
         return nullptr;
     }
     const ErrorMark mark;

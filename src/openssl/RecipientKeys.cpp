@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <limits>
 
 namespace Norvane::Crypto::openssl {
 
@@ -233,10 +232,12 @@ std::optional<framing::Encoded> wrapUnderPassword(const EVP_CIPHER* cipher, fram
     constexpr std::size_t ofHeader = checked + 1;
     const auto block = static_cast<std::size_t>(EVP_CIPHER_get_block_size(cipher));
     const std::size_t length = std::max((ofHeader + contentKey.size() + block - 1) / block, std::size_t{2}) * block;
+    if (contentKey.size() < checked || length > Secret::most) {
+        return std::nullopt;
+    }
     Secret clear(length);
     unsigned char* at = clear.octets().data();
-    if (contentKey.size() < checked || contentKey.size() > std::numeric_limits<unsigned char>::max() ||
-        RAND_bytes(at, static_cast<int>(length)) != 1) {
+    if (RAND_bytes(at, static_cast<int>(length)) != 1) {
         return std::nullopt;
     }
     at[0] = static_cast<unsigned char>(contentKey.size());
@@ -248,10 +249,10 @@ std::optional<framing::Encoded> wrapUnderPassword(const EVP_CIPHER* cipher, fram
     framing::Encoded wrapped(length);
     int count = 0;
     const CipherContextPtr context(EVP_CIPHER_CTX_new());
-    // The second time goes on where the first one ended: its vector is the last block of that.
+    // The second time goes on where the first one ended: its vector is the last block of that. Whole blocks come out at once, and
+    // padding with an end that nobody asks for.
     if (context == nullptr ||
         EVP_EncryptInit_ex(context.get(), cipher, nullptr, wrappingKey.data(), vector.data()) != 1 ||
-        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
         EVP_EncryptUpdate(context.get(), wrapped.data(), &count, at, static_cast<int>(length)) != 1 ||
         EVP_EncryptUpdate(context.get(), wrapped.data(), &count, wrapped.data(), static_cast<int>(length)) != 1) {
         return std::nullopt;

@@ -19,9 +19,9 @@ using framing::Elements;
 using framing::Octets;
 using Kind = SignatureScheme::Kind;
 
-constexpr int defaultSaltLength = 20; // RFC 4055, 3.1
+constexpr long defaultSaltLength = 20; // RFC 4055, 3.1
 constexpr std::size_t longestPssParameters = 1024;
-constexpr int longestSalt = 2048; // that of a modulus of 16384 bits
+constexpr long longestSalt = 2048; // that of a modulus of 16384 bits
 
 Kind kindOf(int keyType) noexcept {
     switch (keyType) {
@@ -45,22 +45,8 @@ Kind kindOf(int keyType) noexcept {
 }
 
 /// The digest that an AlgorithmIdentifier names; null for one that OpenSSL does not have.
-const EVP_MD* digestOf(Elements algorithm) noexcept {
-    const auto identifier = algorithm.nextUniversal(framing::objectIdentifier);
-    return identifier ? usableDigest(nidOf(identifier->whole)) : nullptr;
-}
-
-/// The value of a small INTEGER that is not negative; -1 for any other.
-int smallInteger(const Element& element) noexcept {
-    if (!element.isUniversal(framing::integer) || element.header.constructed || element.content.empty() ||
-        element.content.size() > 3 || element.content.front() >= 0x80U) {
-        return -1;
-    }
-    int value = 0;
-    for (const unsigned char octet : element.content) {
-        value = value << 8 | octet;
-    }
-    return value;
+const EVP_MD* digestOf(const X509_ALGOR* algorithm) noexcept {
+    return usableDigest(OBJ_obj2nid(algorithm->algorithm));
 }
 
 using PssParametersPtr = Owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free>;
@@ -77,41 +63,23 @@ bool readPssParameters(const Element& whole, SignatureScheme& scheme) {
         mark.throwWithoutMemory();
         return false;
     }
-    Elements parameters(whole);
-    scheme.digest = EVP_sha1();
+    scheme.digest = decoded->hashAlgorithm == nullptr ? EVP_sha1() : digestOf(decoded->hashAlgorithm);
     scheme.maskDigest = EVP_sha1();
-    scheme.saltLength = defaultSaltLength;
-    if (const auto digest = parameters.nextContext(0)) {
-        const auto algorithm = Elements(*digest).nextUniversal(framing::sequence);
-        if (!algorithm) {
+    if (decoded->maskGenAlgorithm != nullptr) {
+        // OpenSSL leaves parameters of the mask undecoded until they are used.
+        const AlgorithmPtr digest = algorithmInParameters(*decoded->maskGenAlgorithm);
+        if (digest == nullptr) {
             return false;
         }
-        scheme.digest = digestOf(Elements(*algorithm));
+        const bool isMgf1 = OBJ_obj2nid(decoded->maskGenAlgorithm->algorithm) == NID_mgf1;
+        scheme.maskDigest = isMgf1 ? digestOf(digest.get()) : nullptr;
     }
-    if (const auto mask = parameters.nextContext(1)) {
-        const auto algorithm = Elements(*mask).nextUniversal(framing::sequence);
-        if (!algorithm) {
-            return false;
-        }
-        Elements parts(*algorithm);
-        const auto function = parts.nextUniversal(framing::objectIdentifier);
-        const auto digest = parts.nextUniversal(framing::sequence);
-        if (!function || !digest || decodeAlgorithm(digest->whole) == nullptr) {
-            return false; // OpenSSL leaves parameters of the mask undecoded until they are used
-        }
-        scheme.maskDigest = nidOf(function->whole) == NID_mgf1 ? digestOf(Elements(*digest)) : nullptr;
+    const long salt = decoded->saltLength == nullptr ? defaultSaltLength : ASN1_INTEGER_get(decoded->saltLength);
+    if (salt < 0 || salt > longestSalt) {
+        return false;
     }
-    if (const auto salt = parameters.nextContext(2)) {
-        const auto length = Elements(*salt).next();
-        scheme.saltLength = length ? smallInteger(*length) : -1;
-    }
-    if (const auto trailer = parameters.nextContext(3)) {
-        const auto field = Elements(*trailer).next();
-        if (!field || smallInteger(*field) != 1) {
-            return false;
-        }
-    }
-    return parameters.atEnd() && scheme.saltLength >= 0 && scheme.saltLength <= longestSalt;
+    scheme.saltLength = static_cast<int>(salt);
+    return decoded->trailerField == nullptr || ASN1_INTEGER_get(decoded->trailerField) == 1;
 }
 
 /// What a signature algorithm is made of: those with SHA-3 (RFC 9688), which OpenSSL 3.0 names and does not take apart, too.

@@ -8,12 +8,12 @@
 #include <array>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace Norvane::Crypto::openssl {
 
 bool isLengthOfSignature(EVP_PKEY* key, std::size_t length) noexcept {
-    const int most = EVP_PKEY_get_size(key);
-    return length != 0 && most > 0 && length <= static_cast<std::size_t>(most);
+    return length != 0 && std::cmp_less_equal(length, EVP_PKEY_get_size(key));
 }
 
 bool isRsa(EVP_PKEY* key) noexcept {

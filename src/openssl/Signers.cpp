@@ -55,16 +55,14 @@ std::uint64_t rsaWork(std::uint64_t bits, std::uint64_t exponent) noexcept {
     return sound ? powerWork(bits, exponent) : unknownWork;
 }
 
-/// The bits of the exponent in an RSAPublicKey (RFC 8017, A.1.1); 0 when it is none in DER.
+/// The bits of the exponent in an RSAPublicKey (RFC 8017, A.1.1); 0 when it is none. In DER a zero stands in front of the number only
+/// where the first octet of that has all of its bits.
 std::uint64_t exponentBits(framing::Octets publicKey) noexcept {
     const auto key = framing::firstElement(publicKey);
     framing::Elements numbers(key ? key->content : framing::Octets());
     static_cast<void>(numbers.nextUniversal(framing::integer));
     const auto exponent = numbers.nextUniversal(framing::integer);
-    framing::Octets octets = exponent ? exponent->content : framing::Octets();
-    while (!octets.empty() && octets.front() == 0) {
-        octets = octets.subspan(1);
-    }
+    const framing::Octets octets = exponent ? exponent->content : framing::Octets();
     return octets.empty() ? 0 : 8 * (octets.size() - 1) + static_cast<unsigned int>(std::bit_width(octets.front()));
 }
 
@@ -133,7 +131,7 @@ std::uint64_t verificationWork(const X509* certificate) noexcept {
         const unsigned char* octets = nullptr;
         int length = 0;
         const X509_PUBKEY* encoded = X509_get_X509_PUBKEY(certificate);
-        if (X509_PUBKEY_get0_param(nullptr, &octets, &length, nullptr, encoded) == 1 && length > 0) {
+        if (X509_PUBKEY_get0_param(nullptr, &octets, &length, nullptr, encoded) == 1) {
             const std::uint64_t exponent = exponentBits({octets, static_cast<std::size_t>(length)});
             const auto bits = static_cast<std::uint64_t>(std::max(EVP_PKEY_get_bits(key), 0));
             return exponent == 0 ? verificationWork(key) : rsaWork(bits, exponent);

@@ -175,25 +175,25 @@ void SigningKey::chooseRsa(int digest) {
     if (digest == NID_undef) {
         int demanded = NID_undef;
         const bool restricted = m_pss && EVP_PKEY_get_default_digest_nid(m_key.get(), &demanded) == 2;
-        digest = restricted && demanded != NID_undef ? demanded : NID_sha256;
+        digest = restricted ? demanded : NID_sha256;
     }
     chooseDigest(digest);
     if (!m_refusal.empty()) {
         return;
     }
     const int bits = EVP_PKEY_get_bits(m_key.get());
-    const auto octets = [](int count) { return (static_cast<std::size_t>(count) + 7) / 8; };
+    const auto octets = [](int count) { return (count + 7) / 8; };
     // What stands around a digest: RFC 8017, 9.2 (3 octets, 8 of padding and 19 of DigestInfo) and 9.1.1.
     static constexpr std::size_t aroundSha2 = 30;
     static constexpr std::size_t aroundSha1 = 26;
     const std::size_t needed =
         m_pss ? 2 * m_digest.length + 2 : m_digest.length + (digest == NID_sha1 ? aroundSha1 : aroundSha2);
-    if (bits <= 1 || octets(m_pss ? bits - 1 : bits) < needed) {
+    if (octets(m_pss ? bits - 1 : bits) < static_cast<int>(needed)) {
         m_refusal =
             "the digest " + shortName(digest) + " is too long for an RSA key of " + std::to_string(bits) + " bits";
         return;
     }
-    m_fixedLength = octets(bits);
+    m_fixedLength = static_cast<std::size_t>(octets(bits));
     if (m_pss) {
         m_algorithm = pssIdentifier(m_digest);
     } else if (isSha3(digest)) {

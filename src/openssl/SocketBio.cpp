@@ -14,7 +14,7 @@ int writeQuietly(BIO* bio, const char* data, int length) {
     const auto written =
         send(static_cast<int>(BIO_get_fd(bio, nullptr)), data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
     BIO_clear_retry_flags(bio);
-    if (written <= 0 && BIO_sock_should_retry(static_cast<int>(written)) != 0) {
+    if (BIO_sock_should_retry(static_cast<int>(written)) != 0) { // only of a failure
         BIO_set_retry_write(bio);
     }
     return static_cast<int>(written);

@@ -107,8 +107,6 @@ long StreamBio::onControl(BIO* bio, int command, long /*number*/, void* argument
 
 int StreamBio::onCreate(BIO* bio) {
     BIO_set_init(bio, 1);
-    BIO_set_shutdown(bio, 1);
-    BIO_set_data(bio, nullptr);
     return 1;
 }
 

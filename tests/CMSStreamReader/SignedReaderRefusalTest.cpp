@@ -1,5 +1,6 @@
 // What is not good, and why: forged, forbidden, unsupported, damaged.
 #include "support/SignedMessages.h"
+#include "support/SmallRsa.h"
 #include "support/Thrown.h"
 
 using namespace cmstest;
@@ -257,6 +258,29 @@ TEST(SignedReaderRefusal, ParametersOfRsassaPss) {
         SignatureReason::signatureAlgorithm, "RSASSA-PSS",
         with({pss, der::sequence({sha256, der::element(der::contextConstructed(1),
                                                        der::sequence({der::oid("1.2.3"), algorithm("SHA256")}))})}));
+}
+
+// RFC 4055, 3.3: a key may be for one digest and for so much salt at least.
+TEST(SignedReaderRefusal, KeysForOtherParametersOfRsassaPss) {
+    const Identity restricted = norvauthority::issue({.subject = {{"CN", "Restricted"}},
+                                                      .key = norvtest::pssKey(EVP_sha256(), EVP_sha256(), 32),
+                                                      .issuer = &identities().authority,
+                                                      .serial = "7e57",
+                                                      .keyUsage = 0x80});
+    const auto with = [&](const char* digest, const char* salt) {
+        HandMadeSigner signer{.identity = &restricted};
+        signer.attributes = usualAttributes(body());
+        const Bytes mask = der::sequence({der::oid("1.2.840.113549.1.1.8"), algorithm(digest)});
+        signer.signatureAlgorithm =
+            der::sequence({der::oid("1.2.840.113549.1.1.10"),
+                           der::sequence({der::element(der::contextConstructed(0), algorithm("SHA256")),
+                                          der::element(der::contextConstructed(1), mask),
+                                          der::element(der::contextConstructed(2), der::integer(salt))})});
+        return attachedBy(signer, body());
+    };
+    expectGood(with("SHA256", "20"));
+    expectUnsupported(SignatureReason::keyAlgorithm, "RSASSA-PSS", with("SHA512", "20"));
+    expectUnsupported(SignatureReason::keyAlgorithm, "RSASSA-PSS", with("SHA256", "1f"));
 }
 
 TEST(SignedReaderRefusal, WhatIsNotSupportedIsNamed) {

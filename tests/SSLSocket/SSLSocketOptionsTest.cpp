@@ -408,6 +408,7 @@ TEST_F(SSLSocketOptionsTest, NonBlockingSocketWaitsForAHandshakeWithALimit) {
     SSLSocket socket(client, AF_INET);
     socket.blocking(false);
     socket.options(impatient());
+    EXPECT_EQ(socket.options().handshakeLimit, impatient().handshakeLimit);
     const auto thrown = thrownBy<SocketException>([&] { socket.connect(peer.address()); });
     EXPECT_THAT(reasonOf(thrown), HasSubstr("Connection timed out"));
     EXPECT_NE(0, fcntl(socket.descriptor(), F_GETFL) & O_NONBLOCK);

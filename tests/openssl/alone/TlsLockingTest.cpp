@@ -43,6 +43,22 @@ TEST(LockTableConcurrency, BitZeroLocksAndAnyOtherModeUnlocks) {
     EXPECT_EQ(8000, counted);
 }
 
+TEST(LockTable, WhoHoldsALockKeepsOthersOut) {
+    LockTable& locks = table(1);
+    locks.change(1, 0);
+    std::promise<void> taken;
+    std::future<void> isTaken = taken.get_future();
+    std::thread other([&] {
+        locks.change(1, 0);
+        taken.set_value();
+        locks.change(2, 0);
+    });
+    EXPECT_EQ(std::future_status::timeout, isTaken.wait_for(std::chrono::milliseconds(100)));
+    locks.change(2, 0);
+    EXPECT_EQ(std::future_status::ready, isTaken.wait_for(std::chrono::seconds(60)));
+    other.join();
+}
+
 TEST(LockTable, WhoHoldsOneLockKeepsNobodyFromAnother) {
     LockTable& locks = table(2);
     locks.change(1, 0);
