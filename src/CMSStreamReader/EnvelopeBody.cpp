@@ -231,9 +231,7 @@ bool EnvelopeReaderImpl::consider(Search& search, const RecipientParts& parts, s
         return false;
     }
     if (!answer->named) {
-        if (search.ofOtherNames.size() < m_budget.privateKeyOperations) {
-            search.ofOtherNames.push_back({parts, answer->pair, number});
-        }
+        search.ofOtherNames.push_back({parts, answer->pair, number});
         return false;
     }
     return tryKey(search, parts, answer->pair->key, number);

@@ -50,7 +50,6 @@ Octets EnvelopeFraming::take(std::size_t limit, std::uint64_t from, TooLong what
 
 /// The next element, which must be an object identifier.
 Octets EnvelopeFraming::takeIdentifier() {
-    m_reader.expect(framing::objectIdentifier);
     const Octets identifier = m_reader.take(s_longestIdentifier);
     if (!framing::isObjectIdentifier(elementOf(identifier))) {
         throw Broken(Fault::malformed);
@@ -75,7 +74,6 @@ void EnvelopeFraming::readHead(std::size_t limit) {
     m_reader.enter();
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    m_reader.expect(framing::integer);
     if (!framing::isSmallInteger(elementOf(m_reader.take(s_longestVersion)))) {
         throw Broken(Fault::malformed);
     }

@@ -118,7 +118,7 @@ std::optional<Elements> readAgreement(const Element& recipient, RecipientParts& 
     parts.algorithm = whole(elements.nextUniversal(framing::sequence));
     const auto keys = nextSequence(elements);
     if (!recipient.header.constructed || !hasVersion || !originator || !originator->header.constructed ||
-        (material && !isOctetString(*material)) || parts.algorithm.empty() || !keys || !elements.atEnd() ||
+        (material && !isOctetString(*material)) || !keys || !elements.atEnd() ||
         parts.algorithm.size() + parts.originator.size() + parts.userKeyingMaterial.size() > s_longestAgreement) {
         return std::nullopt;
     }
@@ -128,7 +128,6 @@ std::optional<Elements> readAgreement(const Element& recipient, RecipientParts& 
 /// Whose key it is (RFC 5652, 6.2.2): a name, or a key identifier with what else identifies a key.
 bool readAgreementKey(const Element& key, RecipientParts& parts) {
     Elements elements(key);
-    parts.namedBy = NamedBy::issuerAndSerialNumber;
     parts.name = whole(nextSequence(elements));
     if (parts.name.empty()) {
         parts.namedBy = NamedBy::subjectKeyIdentifier;
@@ -178,7 +177,6 @@ std::optional<RecipientParts> RecipientWalk::next() {
             return std::nullopt;
         }
         if (recipient->isContext(agreementTag)) {
-            m_agreement = RecipientParts();
             if (const auto keys = readAgreement(*recipient, m_agreement)) {
                 m_keys = *keys;
                 continue;

@@ -34,9 +34,9 @@ std::optional<Names> namesOf(Octets certificate) noexcept {
     Elements parts(*toBeSigned);
     static_cast<void>(parts.nextContext(0));
     const auto serialNumber = parts.nextUniversal(framing::integer);
-    const auto algorithm = parts.nextUniversal(framing::sequence);
+    static_cast<void>(parts.nextUniversal(framing::sequence)); // signature algorithm
     const auto issuer = parts.nextUniversal(framing::sequence);
-    if (!serialNumber || !algorithm || !issuer) {
+    if (!serialNumber || !issuer) {
         return std::nullopt;
     }
     return Names{shortestInteger(serialNumber->content), issuer->whole, parts};
@@ -188,7 +188,6 @@ NamedCertificates SignedCertificates::namedBy(const SignerParts& signer) {
 }
 
 std::list<NVX509::RefCertificate> SignedCertificates::all() {
-    list();
     std::list<NVX509::RefCertificate> certificates;
     for (Entry& entry : m_entries) {
         const NVX509::RefCertificate& certificate = decode(entry);

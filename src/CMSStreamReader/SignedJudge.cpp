@@ -35,7 +35,7 @@ std::optional<Octets> valueOf(const AttributeParts& attribute, std::uint32_t typ
 }
 
 FoundAttribute found(const AttributeParts& attribute, bool isRight) noexcept {
-    return {static_cast<int>(std::min<std::size_t>(attribute.count, 2)), attribute.isSingle(), isRight};
+    return {attribute.count != 0, attribute.isSingle(), isRight};
 }
 
 /// What RFC 5652 (5.3, 11.1 to 11.4), RFC 2634 and RFC 5035 forbid among the attributes of a signer who signed some, apart
@@ -44,18 +44,16 @@ std::optional<SignatureReason> faultOfSignedAttributes(const SignerParts& signer
     const AttributeParts& type = signer.attribute(AttributeType::contentType);
     const AttributeParts& digest = signer.attribute(AttributeType::messageDigest);
     const AttributeParts& time = signer.attribute(AttributeType::signingTime);
-    FoundAttribute foundType = found(type, true);
-    if (contentType.empty()) { // a countersignature, which has none
-        if (type.count != 0) {
-            return SignatureReason::contentTypeUnexpected;
-        }
-        foundType = {1, true, true};
-    } else {
+    FoundAttribute foundType{true, true, true};
+    if (!contentType.empty()) {
         const auto value = valueOf(type, framing::objectIdentifier);
-        foundType.isRight = value && std::ranges::equal(*value, contentType);
+        foundType = found(type, value && std::ranges::equal(*value, contentType));
+    } else if (type.count != 0) { // a countersignature has none
+        return SignatureReason::contentTypeUnexpected;
     }
-    if (const auto fault = faultOfAttributes(
-            foundType, found(digest, valueOf(digest, framing::octetString).has_value()), found(time, true))) {
+    if (const auto fault =
+            faultOfAttributes(foundType, found(digest, valueOf(digest, framing::octetString).has_value()),
+                              {time.count != 0, time.isSingle()})) {
         return fault;
     }
     if (signer.unsignedOnesMustBeSigned || signer.attribute(AttributeType::countersignature).count != 0) {

@@ -30,7 +30,8 @@ std::optional<SignatureReason> faultWithoutAttributes(const BodyFacts& body) noe
 
 /// What stands of an attribute among the signed ones, when its value must be of that type.
 FoundAttribute found(const openssl::SignedAttribute& attribute, int type) noexcept {
-    return {attribute.count, attribute.value != nullptr, attribute.value != nullptr && attribute.value->type == type};
+    return {attribute.count != 0, attribute.value != nullptr,
+            attribute.value != nullptr && attribute.value->type == type};
 }
 
 std::optional<SignatureReason> faultIn(const PKCS7_SIGNER_INFO* signer, const ASN1_OBJECT* contentType) noexcept {
@@ -40,7 +41,7 @@ std::optional<SignatureReason> faultIn(const PKCS7_SIGNER_INFO* signer, const AS
     const auto time = openssl::signedAttribute(signer, NID_pkcs9_signingTime);
     if (const auto fault = faultOfAttributes(
             foundType, found(openssl::signedAttribute(signer, NID_pkcs9_messageDigest), V_ASN1_OCTET_STRING),
-            {time.count, time.value != nullptr, true})) {
+            {time.count != 0, time.value != nullptr})) {
         return fault;
     }
     if (openssl::hasMisplacedAttribute(signer)) {

@@ -25,7 +25,7 @@ SignatureResult about(SignatureResult result, X509* certificate) {
 
 std::optional<SignatureReason> faultOfAttributes(const FoundAttribute& contentType, const FoundAttribute& messageDigest,
                                                  const FoundAttribute& signingTime) noexcept {
-    if (contentType.count == 0) {
+    if (!contentType.isThere) {
         return SignatureReason::contentTypeMissing;
     }
     if (!contentType.hasOneValue) {
@@ -34,7 +34,7 @@ std::optional<SignatureReason> faultOfAttributes(const FoundAttribute& contentTy
     if (!contentType.isRight) {
         return SignatureReason::contentTypeDiffers;
     }
-    if (messageDigest.count == 0) {
+    if (!messageDigest.isThere) {
         return SignatureReason::messageDigestMissing;
     }
     if (!messageDigest.hasOneValue) {
@@ -43,8 +43,8 @@ std::optional<SignatureReason> faultOfAttributes(const FoundAttribute& contentTy
     if (!messageDigest.isRight) {
         return SignatureReason::messageDigestMissing;
     }
-    return signingTime.count != 0 && !signingTime.hasOneValue ? std::optional(SignatureReason::signingTimeRepeated)
-                                                              : std::nullopt;
+    return signingTime.isThere && !signingTime.hasOneValue ? std::optional(SignatureReason::signingTimeRepeated)
+                                                           : std::nullopt;
 }
 
 SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* certificate) {

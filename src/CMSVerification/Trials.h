@@ -22,7 +22,7 @@ SignatureResult about(SignatureResult result, X509* certificate);
 
 /// What stands of an attribute among the signed ones.
 struct FoundAttribute {
-    int count = 0;            ///< how often it stands there
+    bool isThere = false;     ///< once at least
     bool hasOneValue = false; ///< it stands there once, with one value
     bool isRight = false;     ///< and that is what it must be
 };

@@ -39,6 +39,8 @@ TEST(KeyLookup, AKeyStoreFindsByIssuerAndSerialNumber) {
     EXPECT_FALSE(openedWith(toAliceAndBob(), CMS::KeyStoreLookup(storeOfKeys({&carol()}))).opened);
     const Bytes byIdentifier = madeByOpenssl(EVP_aes_256_cbc(), toCertificate(alice(), CMS_USE_KEYID));
     EXPECT_FALSE(openedWith(byIdentifier, CMS::KeyStoreLookup(storeOfKeys({&alice()}))).opened);
+    const CMS::CertificateIdentifier hers(certificateOf(alice()), CMS::NamedBy::subjectKeyIdentifier);
+    EXPECT_FALSE(CMS::KeyStoreLookup(storeOfKeys({&alice()})).find(hers));
     Reader reader(Norvane::MemoryMediaIn(bufferOf(toAliceAndBob())));
     EXPECT_EQ(caught([&] { reader.open(CMS::KeyStoreLookup(NVX509::RefKeyStore(false))); }).where, "operator->");
 }
