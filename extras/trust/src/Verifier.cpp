@@ -200,9 +200,19 @@ bool isSame(const Reason& one, const Reason& other) {
     return one.code == other.code && one.depth == other.depth && one.text == other.text;
 }
 
-/// Decoded anew, but for what the snapshot holds, which is known by its address.
+/// Whether OpenSSL may write it in a form that it does not decode: universal tag 0, constructed and empty, it writes as the two
+/// octets that end what has no length.
+bool isWrittenAsItsEnd(const X509* certificate) {
+    const X509_ALGOR* algorithm = nullptr;
+    X509_get0_signature(nullptr, &algorithm, certificate);
+    int parameters = V_ASN1_UNDEF;
+    X509_ALGOR_get0(nullptr, &parameters, nullptr, algorithm);
+    return parameters == V_ASN1_EOC;
+}
+
+/// Decoded anew, but for what the snapshot holds, which is known by its address, and what cannot be.
 RefCertificate copyOf(X509* certificate, const RefCertificate& handle, const Snapshot& snapshot) {
-    if (snapshot.certificateOf.count(certificate) > 0) {
+    if (snapshot.certificateOf.count(certificate) > 0 || isWrittenAsItsEnd(certificate)) {
         return handle;
     }
     X509* const copy = X509_dup(certificate);

@@ -201,6 +201,27 @@ TEST_F(TrustChain, TwoAlgorithms) {
     EXPECT_EQ(shown(chain().judge(withAlgorithm(user(m_middle), false, true))), "refused algorithms-differ 0");
 }
 
+/// With parameters of the universal tag 0 beside the signature: OpenSSL decodes it, and does not decode what it makes of it.
+Identity withEmptyParameters(Identity identity) {
+    const norvauthority::Bytes ecdsa = norvauthority::der::sequence({norvauthority::der::oid("1.2.840.10045.4.3.2")});
+    auto& der = identity.certificate.der;
+    const auto outer = std::find_end(der.begin(), der.end(), ecdsa.begin(), ecdsa.end());
+    *(outer + 1) = static_cast<unsigned char>(*(outer + 1) + 2);
+    der.insert(outer + static_cast<std::ptrdiff_t>(ecdsa.size()), {0x20, 0x00});
+    const std::size_t length = der.size() - 4; // two octets have it
+    der[2] = static_cast<unsigned char>(length >> 8U);
+    der[3] = static_cast<unsigned char>(length);
+    return identity;
+}
+
+/// RFC 5280, 4.1.1.2: it must be the algorithm that the signed part names.
+TEST_F(TrustChain, ACertificateThatCannotBeCopiedIsRefusedAllTheSame) {
+    EXPECT_EQ(shown(chain().judge(withEmptyParameters(user(m_middle)))), "refused algorithms-differ 0");
+    Case one;
+    one.anchor(m_root).message(withEmptyParameters(m_middle));
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused algorithms-differ 1");
+}
+
 TEST_F(TrustChain, AnIssuerWhoseKeyDoesNotDecode) {
     Identity middle = m_middle;
     // The identifier of the curve becomes another one, which is none.

@@ -1,6 +1,6 @@
 // What revocation lists do to a verdict.
 
-#include "Chains.h"
+#include "RevocationChains.h"
 #include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
@@ -11,27 +11,7 @@ using testing::HasSubstr;
 namespace {
 
 using Code = ReasonCode;
-using norvauthority::DistributionPoint;
 using norvauthority::DistributionPointName;
-
-class TrustRevocation : public TrustTest {
-protected:
-    const Identity m_anna = user(m_middle, {.crlDistributionPoints = {point("http://lists.example.org/middle.crl")}});
-
-    static DistributionPoint point(const std::string& uri) { return {DistributionPointName{{GeneralName::uri(uri)}}}; }
-    [[nodiscard]] Case with(Revocation mode) const {
-        Case one = chain();
-        one.options.revocation = mode;
-        return one;
-    }
-    static std::string states(const Verdict& verdict) {
-        std::string text;
-        for (const Link& link : verdict.links) {
-            text += (text.empty() ? "" : ", ") + std::string(nameOf(link.revocation));
-        }
-        return text;
-    }
-};
 
 TEST_F(TrustRevocation, GoodWithAListOfEachIssuer) {
     Case one = with(Revocation::required);
@@ -79,6 +59,10 @@ TEST_F(TrustRevocation, NoList) {
     EXPECT_EQ(verdict.reasons[0].advice, "fetch the list from http://lists.example.org/middle.crl");
     EXPECT_EQ(verdict.reasons[1].advice, "fetch the list from where its issuer distributes it");
     EXPECT_EQ(states(verdict), "no-list, no-list, not-looked-at");
+    Case lower = with(Revocation::required);
+    verdict = lower.known(list(m_middle)).judge(m_anna);
+    EXPECT_EQ(shown(verdict), "refused list-missing 1");
+    EXPECT_EQ(verdict.reasons[0].text, "no revocation list of CN=Root covers the certificate of CN=Middle");
     verdict = with(Revocation::available).judge(m_anna);
     EXPECT_EQ(shown(verdict), "accepted ");
     EXPECT_EQ(codesOf(verdict.notes), "list-missing 0, list-missing 1");
@@ -109,6 +93,14 @@ TEST_F(TrustRevocation, ListsThatAreOverOrNotYet) {
     const Verdict verdict = one.judge(m_anna);
     EXPECT_EQ(verdict.reasons[0].text, "the revocation list of CN=Middle expired on 2026-01-02 00:00:00 UTC");
     EXPECT_EQ(verdict.reasons[0].advice, "fetch it anew from http://lists.example.org/middle.crl");
+    CrlRequest coming;
+    coming.thisUpdate = Time::utc("480102030405Z");
+    coming.nextUpdate = Time::utc("490102030405Z");
+    coming.revoked = {{.serial = "a1"}};
+    Case later = with(Revocation::required);
+    const Verdict early = later.known(list(m_root)).known(list(m_middle, coming)).judge(m_anna);
+    EXPECT_EQ(shown(early), "refused list-not-yet-valid 0, revoked 0");
+    EXPECT_EQ(early.reasons[0].text, "the revocation list of CN=Middle is valid from 2048-01-02 03:04:05 UTC on");
 }
 
 /// Each certificate of a chain has its own lists: what is wrong with them is told of all, with where each is distributed.
@@ -227,6 +219,7 @@ TEST_F(TrustRevocation, AForgedListAmongOnesOwnIsTold) {
     Identity eve = authority("Middle", 6);
     CrlRequest forged;
     forged.authorityKeyIdentifierValue = m_middle.keyIdentifier;
+    forged.revoked = {{.serial = "a1"}}; // which says nothing
     for (const Revocation mode : {Revocation::available, Revocation::required}) {
         Case one = with(mode);
         const Verdict verdict = one.known(list(m_root)).known(list(eve, forged)).judge(m_anna);
@@ -260,8 +253,13 @@ TEST_F(TrustRevocation, ListsForOtherCertificates) {
     Case one = with(Revocation::required);
     one.known(list(m_root)).known(list(m_middle, forAuthorities));
     Verdict verdict = one.judge(m_anna);
-    EXPECT_TRUE(verdict.has(Code::listScopeDiffers)) << shown(verdict);
+    EXPECT_EQ(shown(verdict), "refused list-scope-differs 0");
     EXPECT_EQ(states(verdict), "no-list, good, not-looked-at");
+    forAuthorities.thisUpdate = Time::utc("251201000000Z");
+    forAuthorities.nextUpdate = Time::utc("260102000000Z");
+    Case old = with(Revocation::required);
+    old.known(list(m_root)).known(list(m_middle, forAuthorities));
+    EXPECT_EQ(shown(old.judge(m_anna)), "refused list-scope-differs 0, list-expired 0");
     one.options.revocation = Revocation::available;
     verdict = one.judge(m_anna);
     EXPECT_EQ(shown(verdict), "accepted ");
@@ -345,107 +343,6 @@ TEST_F(TrustRevocation, DeltaListsAddAndTakeAway) {
     EXPECT_EQ(shown(back.judge(anna)), "accepted ");
 }
 
-class TrustIndirectLists : public TrustRevocation {
-protected:
-    const Identity m_lister = authority("Lister", 4, &m_root, {.serial = "c3", .keyUsage = 0x02});
-    const Identity m_covered =
-        user(m_middle,
-             {.crlDistributionPoints = {{DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}},
-                                         {},
-                                         {GeneralName::directory(m_lister.name)}}}});
-
-    [[nodiscard]] norvauthority::Crl indirect(const std::string& revoked) const {
-        CrlRequest request;
-        request.scope = {.indirect = true};
-        request.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
-        if (!revoked.empty()) {
-            request.revoked = {{.serial = revoked, .certificateIssuer = m_middle.name}};
-        }
-        return list(m_lister, request);
-    }
-};
-
-TEST_F(TrustIndirectLists, WhoIssuesThemIsChecked) {
-    Case one = with(Revocation::required);
-    one.known(list(m_root)).known(indirect(""));
-    const Verdict unknown = one.judge(m_covered);
-    EXPECT_EQ(shown(unknown), "refused list-signer-missing 0");
-    EXPECT_EQ(unknown.reasons.front().text.find("the revocation list for the certificate of "), 0U);
-    EXPECT_NE(unknown.reasons.front().text.find("CN=Lister"), std::string::npos) << unknown.reasons.front().text;
-    one.options.revocation = Revocation::available;
-    EXPECT_EQ(shown(one.judge(m_covered)), "accepted ");
-    EXPECT_TRUE(one.judge(m_covered).mentions(Code::listSignerMissing));
-    one.options.revocation = Revocation::required;
-    one.material->addUntrusted(read(m_lister));
-    EXPECT_EQ(shown(one.judge(m_covered)), "accepted ");
-    one.known(list(m_root, {.revoked = {{.serial = "c3"}}, .thisUpdate = Time::fromNow(-60)}));
-    EXPECT_FALSE(one.judge(m_covered).accepted) << "who issued the list was revoked";
-}
-
-/// A short key that somebody broke would sign that nobody is revoked.
-TEST_F(TrustIndirectLists, WhoSignsThemHasKeysAndDigestsOfTheLengthThatIsAskedFor) {
-    const auto judgedWith = [this](const CertificateRequest& made, const Options& options) {
-        CertificateRequest request = made;
-        request.keyUsage = 0x02;
-        const Identity weak = authority("Lister", 4, &m_root, request);
-        CrlRequest wanted;
-        wanted.scope = {.indirect = true};
-        wanted.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
-        Case one = with(options.revocation);
-        one.options = options;
-        one.known(list(m_root)).known(list(weak, wanted));
-        one.material->addUntrusted(read(weak));
-        return one.judge(m_covered);
-    };
-    const norvauthority::Key rsa1024 = norvauthority::Key::rsa(1024);
-    Options options;
-    for (const Revocation mode : {Revocation::available, Revocation::required}) {
-        options.revocation = mode;
-        const Verdict verdict = judgedWith({.key = rsa1024}, options);
-        EXPECT_EQ(shown(verdict), "refused key-too-short 0");
-        EXPECT_EQ(verdict.reasons.at(0).text,
-                  "the key of CN=Lister (for revocation lists) is too short: RSA, 1024 bits");
-        EXPECT_EQ(verdict.reasons[0].certificate->subject().asString(), "CN=Lister");
-        EXPECT_EQ(verdict.links.at(0).revocation, RevocationStatus::unusable);
-        EXPECT_EQ(shown(judgedWith({.digest = "SHA1"}, options)), "refused digest-too-weak 0");
-    }
-    options.minimumRsaBits = 1024;
-    EXPECT_EQ(shown(judgedWith({.key = rsa1024}, options)), "accepted ");
-    options.minimumDigestBits = 160;
-    EXPECT_EQ(shown(judgedWith({.digest = "SHA1"}, options)), "accepted ");
-}
-
-/// Whoever is above both is told of once, at the place in the chain.
-TEST_F(TrustIndirectLists, AWeakRootIsToldOnce) {
-    Case one = with(Revocation::required);
-    one.known(list(m_root)).known(indirect(""));
-    one.material->addUntrusted(read(m_lister));
-    one.options.minimumEcBits = 257;
-    EXPECT_EQ(shown(one.judge(m_covered)),
-              "refused key-too-short 0, key-too-short 0, key-too-short 1, key-too-short 2");
-}
-
-TEST_F(TrustIndirectLists, TheyRevoke) {
-    for (const Revocation mode : {Revocation::available, Revocation::required}) {
-        Case one = with(mode);
-        one.known(list(m_root)).known(indirect("a1"));
-        one.material->addUntrusted(read(m_lister));
-        EXPECT_EQ(shown(one.judge(m_covered)), "refused revoked 0");
-    }
-}
-
-TEST_F(TrustIndirectLists, FromStrangersDoNotCount) {
-    const Identity root = authority("Stranger", 7);
-    const Identity lister = authority("Lister", 4, &root, {.keyUsage = 0x02});
-    Case one = with(Revocation::required);
-    one.known(list(m_root)).known(indirect(""));
-    one.material->addUntrusted(read(lister));
-    const Verdict verdict = one.judge(m_covered);
-    EXPECT_FALSE(verdict.accepted);
-    EXPECT_EQ(shown(verdict), "refused list-issuer-missing 0");
-    EXPECT_EQ(states(verdict), "unusable, good, not-looked-at");
-}
-
 TEST_F(TrustRevocation, ListsOfACacheAreFoundByWhereTheyAreDistributed) {
     const norvtest::TemporaryFolder folder;
     const auto cached = list(m_middle);
@@ -486,6 +383,106 @@ TEST_F(TrustRevocation, TheVerdictHoldsUntilTheListEnds) {
     request.nextUpdate = Time::at(now + 500);
     Case one = with(Revocation::required);
     EXPECT_EQ(one.known(list(m_root)).known(list(m_middle, request)).judge(m_anna).validUntil, now + 500);
+}
+
+/// RFC 5280, 5.3.1.
+TEST_F(TrustRevocation, WhyACertificateWasRevoked) {
+    const auto told = [this](std::optional<int> reason) {
+        Case one = with(Revocation::available);
+        one.known(
+            list(m_middle, {.revoked = {{.serial = "a1", .date = Time::utc("260102030405Z"), .reason = reason}}}));
+        const Verdict verdict = one.judge(m_anna);
+        EXPECT_EQ(shown(verdict), "refused revoked 0");
+        const std::string& text = verdict.reasons.at(0).text;
+        const std::string before = "the certificate of CN=Anna was revoked on 2026-01-02 03:04:05 UTC";
+        const std::string behind = ", as the list of CN=Middle says";
+        EXPECT_EQ(text.substr(0, before.size()), before);
+        EXPECT_THAT(text, testing::EndsWith(behind));
+        return text.substr(before.size(), text.size() - before.size() - behind.size());
+    };
+    EXPECT_EQ(told(std::nullopt), "");
+    EXPECT_EQ(told(0), "") << "unspecified";
+    EXPECT_THAT(told(1), HasSubstr("key"));
+    EXPECT_THAT(told(2), HasSubstr("authority"));
+    EXPECT_THAT(told(3), HasSubstr("affiliation"));
+    EXPECT_THAT(told(4), HasSubstr("replaced"));
+    EXPECT_THAT(told(5), HasSubstr("not needed"));
+    EXPECT_THAT(told(6), HasSubstr("hold"));
+    EXPECT_EQ(told(7), "") << "is not used";
+    EXPECT_THAT(told(9), HasSubstr("privilege"));
+    EXPECT_THAT(told(10), HasSubstr("attribute authority"));
+    EXPECT_EQ(told(11), "");
+    EXPECT_EQ(told(100), "");
+}
+
+/// One list may revoke several of a chain.
+TEST_F(TrustRevocation, EachOneThatAListRevokesIsTold) {
+    Case one = with(Revocation::available);
+    one.known(list(m_root, {.revoked = {{.serial = "b2"}, {.serial = "1"}}}));
+    EXPECT_EQ(shown(one.judge(m_anna)), "refused revoked 1, revoked 2");
+}
+
+/// Lists of the message by whom nobody knows are told by their own issuer, and notes stand in the order of the chain.
+TEST_F(TrustRevocation, ListsThatAreNotUsedAreToldByTheirIssuer) {
+    CrlRequest forged;
+    forged.authorityKeyIdentifierValue = m_root.keyIdentifier;
+    Case one = with(Revocation::available);
+    one.lists.push_back(read(list(authority("Root", 6), forged)));
+    const Verdict verdict = one.judge(m_anna);
+    EXPECT_EQ(shown(verdict), "accepted ");
+    EXPECT_EQ(codesOf(verdict.notes), "list-missing 0, list-not-used 0, list-missing 1");
+    EXPECT_EQ(find(verdict.notes, Code::listNotUsed).text,
+              "a revocation list of CN=Root was not used: it came with the message, and its issuer did not sign it");
+}
+
+/// Of one name there may be many in the snapshot; whoever is in the chain is asked whether the list is his.
+TEST_F(TrustRevocation, AListByOneOfManyNamesakes) {
+    Case one;
+    for (std::size_t number = 2; number < 7; ++number) {
+        one.anchor(authority("Root", number));
+    }
+    one.anchor(m_root).message(m_middle).required().known(list(m_middle));
+    one.lists.push_back(read(list(m_root, {.revoked = {{.serial = "77"}}})));
+    EXPECT_EQ(shown(one.judge(m_anna)), "accepted ");
+    one.lists.push_back(read(list(m_root, {.revoked = {{.serial = "1"}}, .thisUpdate = Time::fromNow(-60)})));
+    EXPECT_EQ(shown(one.judge(m_anna)), "refused revoked 2");
+}
+
+/// An anchor that has an issuer, and does not end the chain, is on a list like any other.
+TEST_F(TrustRevocation, AnAnchorInTheMiddleNeedsAList) {
+    Case one;
+    one.anchor(m_root).anchor(m_middle).required().known(list(m_middle));
+    Verdict verdict = one.judge(m_anna);
+    EXPECT_EQ(shown(verdict), "refused list-missing 1");
+    ASSERT_EQ(verdict.links.size(), 3U);
+    EXPECT_FALSE(verdict.links[1].anchor);
+    EXPECT_TRUE(verdict.links[2].anchor);
+    one.options.partialChain = true;
+    verdict = one.judge(m_anna);
+    EXPECT_EQ(shown(verdict), "accepted ");
+    ASSERT_EQ(verdict.links.size(), 2U);
+    EXPECT_TRUE(verdict.links[1].anchor);
+}
+
+/// Of several places the first three are told.
+TEST_F(TrustRevocation, WhereListsAreDistributed) {
+    const Identity anna =
+        user(m_middle, {.crlDistributionPoints = {
+                            {DistributionPointName{{GeneralName::uri("http://a/1"), GeneralName::dns("a"),
+                                                    GeneralName::uri("http://b/2")}}},
+                            {std::nullopt, {}, {GeneralName::directory(m_middle.name)}},
+                            {DistributionPointName{{}, norvauthority::Name{{"CN", "Part"}}}},
+                            point("http://c/3"),
+                            point("http://d/4"),
+                        }});
+    const Verdict verdict = with(Revocation::required).judge(anna);
+    EXPECT_EQ(shown(verdict), "refused list-missing 0, list-missing 1");
+    EXPECT_EQ(verdict.reasons[0].advice, "fetch the list from http://a/1 or http://b/2 or http://c/3");
+}
+
+TEST_F(TrustRevocation, AForgedCertificateIsNotLookedUp) {
+    const Identity forged = user(m_middle, {.signingKey = key(7)});
+    EXPECT_EQ(shown(with(Revocation::required).judge(forged)), "refused signature-wrong 0");
 }
 
 } // namespace
