@@ -1,10 +1,13 @@
 // A whole message, with a key for every recipient: read at once and in small pieces, which must come to the same, and looked
-// at once more within a multipart, where nothing of what stands around it may get into the content.
+// at once more within a multipart, where nothing of what stands around it may get into the content; and with all that a caller may
+// ask for.
 #include "Driver.h"
 #include "EnvelopeKey.h"
 
 #include <norvcmsg/Media.h>
 #include <norvcrypto-smime/SMimeReader.h>
+#include <norvcrypto-trust/Trust.h>
+#include <norvcrypto-trust/TrustMaterial.h>
 #include <norvcrypto/CMSVerification.h>
 
 #include <algorithm>
@@ -12,6 +15,7 @@
 
 namespace CMS = Norvane::Crypto::CMS;
 namespace SMime = Norvane::Crypto::SMime;
+namespace Trust = Norvane::Crypto::Trust;
 
 namespace {
 
@@ -45,6 +49,38 @@ Outcome outcomeOf(const Norvane::MediaIn& in, bool isWhole) {
     outcome.answer = SMime::read(in, content, options);
     outcome.content = fuzz::text(content.content());
     return outcome;
+}
+
+Norvane::Buffer octets(const std::string& text) {
+    return {reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()), false};
+}
+
+/// With everything that a caller may ask for.
+void readWithAll(const Norvane::Buffer& message) {
+    static const auto store = fuzz::envelopeStore();
+    static const CMS::KeyStoreLookup keys(store);
+    static const Norvane::Buffer password = octets("password");
+    static const Norvane::Buffer keyEncryptionKey = octets("a key of 16 byte");
+    static const auto certificate = store->findSigningKey(Norvane::EmailAddress())->certificate;
+    static const auto material = [] {
+        auto made = std::make_shared<Trust::Material>();
+        made->addAnchor(certificate);
+        return made;
+    }();
+    const Trust::Verifier trust(material);
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    options.password = &password;
+    options.keyEncryptionKey = &keyEncryptionKey;
+    options.certificates = {certificate};
+    options.trust = &trust;
+    options.keepSignatures = true;
+    options.explain = true;
+    options.wholeMessage = true;
+    options.budget.spill = 1U << 20U;
+    Norvane::MemoryMediaOut content;
+    const SMime::Answer answer = SMime::read(Norvane::MemoryMediaIn(message), content, options);
+    fuzz::require(answer.verdict != SMime::Verdict::notSMime || content.content().length() == 0);
 }
 
 /// A damaged message that is encrypted may come to something else each time: a random key stands in for a wrong one.
@@ -83,8 +119,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         fuzz::require(within.content.find(mark) == std::string::npos ||
                       fuzz::text(input).find(mark) != std::string::npos);
         fuzz::require(!within.answer.notCovered.empty());
+        readWithAll(input);
     };
-    // Three times as many structures as a message may have, each with as much work as a structure may cost.
+    // Four times as many structures as a message may have, each with as much work as a structure may cost.
     return fuzz::run(data, size, read,
-                     {.constant = UINT64_C(3) * 16 * 2 * CMS::maximumWork * 2 * 16 * 16, .perOctet = 200'000});
+                     {.constant = UINT64_C(4) * 16 * 2 * CMS::maximumWork * 2 * 16 * 16, .perOctet = 200'000});
 }
