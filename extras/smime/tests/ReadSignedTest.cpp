@@ -1,0 +1,212 @@
+// multipart/signed, as programs write it and lists change it.
+#include "Mails.h"
+
+using namespace smimetest;
+using interop::alice;
+using interop::bob;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+constexpr unsigned int wire = CMS_BINARY | CMS_CRLFEOL;
+constexpr unsigned int detached = wire | CMS_DETACHED;
+
+std::string mailOf(const std::string& entity) {
+    return fieldsOfAlice + entity;
+}
+
+TEST(SMimeRead, MultipartSignedOnTheWire) {
+    const Outcome outcome = outcomeOf(mailOf(signedBy(alice(), plainEntity, detached)));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1 good"));
+    const SMime::Layer& layer = outcome.answer.layers.front();
+    EXPECT_EQ(layer.form, SMime::SignedForm::asTheyStand);
+    EXPECT_EQ(layer.micalg, "sha-256");
+    ASSERT_EQ(layer.signers.size(), 1U);
+    EXPECT_EQ(layer.signers[0].digestAlgorithm, "sha256");
+    EXPECT_TRUE(layer.signers[0].signingTime);
+    EXPECT_EQ(layer.certificates.size(), 1U);
+    EXPECT_TRUE(outcome.answer.notCovered.empty());
+    EXPECT_TRUE(outcome.answer.oddities.empty());
+    EXPECT_EQ(outcome.answer.contentPath, "1.1");
+    EXPECT_EQ(outcome.answer.contentType, "text/plain");
+    EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org"));
+}
+
+// `openssl cms -sign` writes LF and digests CRLF.
+TEST(SMimeRead, MultipartSignedInAFileWithLf) {
+    const Outcome outcome = outcomeOf(withLf(mailOf(signedBy(alice(), plainEntity, CMS_DETACHED))));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::canonical);
+    EXPECT_EQ(outcome.content, withLf(plainEntity));
+}
+
+// Signed with bare LF by a sender that knows no better.
+TEST(SMimeRead, MultipartSignedOverLfAsItStands) {
+    const std::string entity = withLf(plainEntity);
+    const std::string mail = signedBy(alice(), entity, CMS_DETACHED | CMS_BINARY);
+    const Outcome outcome = outcomeOf(withLf(fieldsOfAlice) + mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::asTheyStand);
+    EXPECT_EQ(outcome.content, entity);
+}
+
+TEST(SMimeRead, MixedLineEndsAreTriedAsTheyStandAndCanonical) {
+    const std::string mixed = "Content-Type: text/plain\r\n\r\none\ntwo\r\nthree\rfour\r\n";
+    EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), mixed, CMS_DETACHED | CMS_BINARY))).answer.layers.front().form,
+              SMime::SignedForm::asTheyStand);
+    const std::string canonical =
+        signedBy(alice(), "Content-Type: text/plain\r\n\r\none\r\ntwo\r\nthree\r\n", detached);
+    const Outcome outcome = outcomeOf(mailOf(replaced(canonical, "one\r\n", "one\n")));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcome.answer.layers.front().form, SMime::SignedForm::canonical);
+}
+
+// What is signed is what stands there: each of these bytes counts.
+TEST(SMimeRead, SignedBytesAreExact) {
+    for (const std::string& entity :
+         {std::string(
+              "Content-Type: text/plain;\r\n\tcharset=utf-8\r\nX-Odd :  folded \r\n  twice\t\r\n\r\nbody  \r\n\r\n"),
+          std::string("\r\nno header, no final line end"), std::string("\r\n"), std::string(),
+          std::string("Content-Type: text/plain\r\n\r\n--boundary\r\n---- look-alike\r\n.\r\nFrom x\r\n"),
+          std::string("Content-Type: multipart/mixed; boundary=in\r\n\r\npre\r\n--in\r\n\r\none\r\n--in "
+                      "\t\r\n\r\n\r\n--in--\r\nepi"),
+          std::string("Content-Type: text/plain\r\nContent-Transfer-Encoding: 8bit\r\n\r\n\xff\x00\xfe\r\n", 66)}) {
+        const std::string mail = mailOf(signedBy(alice(), entity, detached));
+        const Outcome outcome = outcomeOf(mail);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail << '\n' << entity;
+        EXPECT_EQ(outcome.content, entity);
+        if (entity.size() > 4) {
+            const Outcome changed = outcomeOf(replaced(mail, entity, entity + " "));
+            EXPECT_EQ(changed.answer.verdict, Verdict::refused) << entity;
+            EXPECT_EQ(changed.answer.layers.front().signers.front().result.reason, CMS::SignatureReason::bodyDiffers);
+        }
+    }
+}
+
+TEST(SMimeRead, AMicalgThatIsMissingOrWrongMakesNoDifference) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    EXPECT_EQ(outcomeOf(replaced(mail, "micalg=\"sha-256\"", "micalg=md5")).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(replaced(mail, "micalg=\"sha-256\"; ", "")).answer.verdict, Verdict::signatureGood);
+}
+
+TEST(SMimeRead, AProtocolThatIsMissingOrOldMakesNoDifference) {
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::string protocol = "protocol=\"application/pkcs7-signature\"";
+    for (const char* other : {"protocol=\"application/x-pkcs7-signature\"", "protocol=application/pkcs7-mime", "x=y"})
+        EXPECT_EQ(outcomeOf(replaced(mail, protocol, other)).answer.verdict, Verdict::signatureGood) << other;
+}
+
+// Programs that know PKCS#7 1.5 alone, such as `openssl smime`.
+TEST(SMimeRead, MessagesOfOlderPrograms) {
+    const auto certificate = bob().certificate.x509();
+    const int flags = PKCS7_BINARY | PKCS7_CRLFEOL | PKCS7_STREAM;
+    const auto written = [&](PKCS7* structure, int more) {
+        const norvauthority::Pkcs7Ptr owned(structure);
+        const Bio content = sourceOf(plainEntity);
+        const Bio out(BIO_new(BIO_s_mem()));
+        EXPECT_EQ(SMIME_write_PKCS7(out.get(), structure, content.get(), flags | more), 1);
+        ERR_clear_error();
+        return mailOf(textOf(out.get()));
+    };
+    const auto alices = alice().certificate.x509();
+    for (const int more : {PKCS7_DETACHED, 0}) {
+        const Bio content = sourceOf(plainEntity);
+        PKCS7* made = PKCS7_sign(alices.get(), alice().key.get(), nullptr, content.get(), flags | more);
+        const Outcome outcome = outcomeOf(written(made, more));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, plainEntity);
+    }
+    const std::unique_ptr<STACK_OF(X509), Freeing> certificates(sk_X509_new_null());
+    sk_X509_push(certificates.get(), certificate.get());
+    const Bio content = sourceOf(plainEntity);
+    PKCS7* made = PKCS7_encrypt(certificates.get(), content.get(), EVP_aes_128_cbc(), flags);
+    const Outcome outcome = outcomeOf(written(made, 0));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+}
+
+// Another Content-Type beside the one that was judged: some show the one, some the other.
+TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const Outcome twice = outcomeOf(mailOf(replaced(mail, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n")));
+    EXPECT_EQ(twice.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(twice.answer.detail, HasSubstr("Content-Type stands there twice"));
+    // Within the signed part its sender chose it.
+    const std::string inside = "Content-Type: text/html\r\n" + plainEntity;
+    const Outcome covered = outcomeOf(mailOf(signedBy(alice(), inside, detached)));
+    EXPECT_EQ(covered.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(covered.answer.oddities.size(), 1U);
+}
+
+// RFC 2045, 6.4: a multipart has no transfer encoding, and is read as it stands when it says to have one.
+TEST(SMimeRead, AMultipartThatSaysToBeEncodedIsOdd) {
+    const std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\nContent-Transfer-Encoding: "
+                              "quoted-printable\r\n\r\n--in\r\n\r\none=\r\n--in--\r\n";
+    const std::string mail = signedBy(alice(), mixed, detached);
+    for (const std::string word : {"base64", "quoted-printable", "x-unheard-of"}) {
+        const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: " + word + "\r\n" + mail, {});
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.content, mixed);
+        const std::string told = word == "x-unheard-of" ? "of another name" : word;
+        EXPECT_THAT(outcome.answer.oddities,
+                    UnorderedElementsAre(HasSubstr(" 1: a multipart with the transfer encoding " + told),
+                                         HasSubstr(" 1.1: a multipart with the transfer encoding quoted-printable")));
+    }
+    EXPECT_THAT(
+        outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: 8BIT\r\n" + signedBy(alice(), plainEntity, detached), {})
+            .answer.oddities,
+        IsEmpty());
+}
+
+TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {
+    const Outcome outcome = outcomeOf("Content-Type: multipart/signed; boundary=b\r\n\r\n--b\r\n\r\nx\r\n--b\r\n"
+                                      "Content-Type: application/pgp-signature\r\n\r\ny\r\n--b--\r\n");
+    EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr("application/pgp-signature"));
+}
+
+// A list adds its footer: what was signed is judged, and what was not is named and left out.
+TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
+    const std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                             signedBy(alice(), plainEntity, detached) +
+                             "\r\n--list\r\nContent-Type: text/html\r\n\r\nfooter\r\n--list--\r\n";
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1.1 good"));
+    ASSERT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.2"));
+    EXPECT_EQ(outcome.answer.notCovered[0].type, "text/html");
+}
+
+// What was decrypted never stands beside what a stranger wrote.
+// RFC 2046, 5.1.1: a reader may compare the start of a line alone.
+TEST(SMimeRead, LinesThatLookLikeABoundaryInFrontOfTheFirstPartAreAmbiguous) {
+    const std::string evil = "--listEVIL\r\nContent-Type: text/plain\r\n\r\nevil\r\n";
+    const std::string start = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n";
+    const std::string end = "--list\r\n" + signedBy(alice(), plainEntity, detached) + "\r\n--list--\r\n";
+    EXPECT_EQ(outcomeOf(start + end).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(start + evil + end).answer.verdict, Verdict::damaged);
+    const std::string mail = mailOf(signedBy(alice(), plainEntity, detached));
+    const std::size_t from = mail.find("boundary=\"") + 10;
+    const std::string boundary = mail.substr(from, mail.find('"', from) - from);
+    const std::string before = "\r\n--" + boundary + "EVIL\r\n\r\nevil\r\n--" + boundary + "\r\n";
+    EXPECT_EQ(outcomeOf(replaced(mail, "\r\n--" + boundary + "\r\n", before)).answer.verdict, Verdict::damaged);
+}
+
+TEST(SMimeRead, AThirdPartOfAMultipartSignedIsNotCovered) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = entity.find("boundary=\"") + 10;
+    const std::string boundary = entity.substr(at, entity.find('"', at) - at);
+    const std::string mail =
+        mailOf(replaced(entity, "--" + boundary + "--", "--" + boundary + "\r\n\r\nmore\r\n--" + boundary + "--"));
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.3"));
+}
+
+} // namespace
