@@ -6,10 +6,12 @@
 #include "support/Costly.h"
 
 #include <norvcmsg/Media.h>
+#include <norvcrypto-smime/SMimeDiagnosis.h>
 #include <norvcrypto-smime/SMimeReader.h>
 #include <norvcrypto/CMSEncryptionMedia.h>
 #include <norvcrypto/CMSEnvelopeReader.h>
 #include <norvcrypto/CMSSignedReader.h>
+#include <norvcrypto/CMSSignedWriter.h>
 #include <norvcrypto/CMSVerification.h>
 
 #include <openssl/err.h>
@@ -144,6 +146,44 @@ Bytes nestedMultiparts() {
     return norvauthority::bytes(text);
 }
 
+/// Every change that is looked for may have happened to it.
+const std::string everything =
+    "Content-Type: multipart/mixed; boundary=x\n\nbefore \n--x\nContent-Type: text/plain; charset=utf-8\n"
+    "Content-Transfer-Encoding: quoted-printable\n\n=3d=3D \nFrom \n>From \n>>From \n.\n..\n--\r\nx\ry\r\r\n--x\n"
+    "Content-Type: text/plain; charset=iso-8859-1\nContent-Transfer-Encoding: base64\n\nAAAA\n--x\n"
+    "Content-Type: text/plain; charset=iso-8859-15\nContent-Transfer-Encoding: 8bit\n\nx\n--x--\n.\n.\n.\n.\n.\n.\n.\n";
+
+/// A signature over another body, with what is asked about both.
+SmallMessage explained() {
+    const norvauthority::Identity signer =
+        norvauthority::issue({.subject = {{"CN", "x"}}, .key = norvauthority::Key::ec()});
+    CMS::SignedWriter::Options options;
+    CMS::SignedWriter::Signer one({Norvane::Crypto::RefKey(new Norvane::Crypto::PrivateKey(signer.key.newReference())),
+                                   NVX509::CertificateFactory()(signer.certificate.x509().release(), true)});
+    one.include = CMS::SignedWriter::Include::nothing;
+    one.capabilities.clear();
+    one.signingCertificate = false;
+    options.signers = {one};
+    options.content = CMS::SignedWriter::Content::detached;
+    return {"signed body that shows every change, SMime::explain", [options, certificate = one.pair->certificate] {
+                Norvane::MemoryMediaOut out;
+                CMS::SignedWriter writer(options);
+                writer.attach(out);
+                writer.write(reinterpret_cast<const unsigned char*>("x"), 1);
+                writer.end();
+                const Norvane::Buffer structure = out.content();
+                if (structure.length() + everything.size() > smallMessage) {
+                    throw std::logic_error("the body and its signature are no small message");
+                }
+                return prepared(structure.length() + everything.size(), [structure, certificate] {
+                    SMime::DiagnosisOptions asked;
+                    asked.certificates = {certificate};
+                    static_cast<void>(SMime::explain(
+                        structure, [] { return Norvane::MediaIn(Norvane::MemoryMediaIn(everything)); }, asked));
+                });
+            }};
+}
+
 } // namespace
 
 std::vector<SmallMessage> smallMessages() {
@@ -179,6 +219,7 @@ std::vector<SmallMessage> smallMessages() {
             "mail, structures",
             [mixed] { return fill(mixed, "--x\r\nContent-Type: application/pkcs7-mime\r\n\r\n0\x80\r\n"); }, readMail),
         small("mail, parts in one another", nestedMultiparts, readMail),
+        explained(),
     };
 }
 

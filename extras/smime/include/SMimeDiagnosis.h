@@ -24,7 +24,8 @@
 /// (`lastLineEndLost`, `lastLineEndAdded`, `footerAtEnd`). What was cut off or replaced by a relay cannot be guessed: a text
 /// that was changed, blanks that were stripped (but for the one of the line "-- "), attachments that were taken out.
 ///
-/// What a stranger may make this cost: see `DiagnosisBudget`. The body is read twice at most and never kept.
+/// What a stranger may make this cost: see `DiagnosisBudget`. The body is never kept: it is read twice at most when it
+/// has more than 64 KB, and up to six times when it is shorter, so that a short one needs little memory.
 ///
 /// Functions, which any number of threads may call at the same time; a source is used by the call that opened it.
 

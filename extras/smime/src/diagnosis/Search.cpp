@@ -13,6 +13,10 @@ using CMS::SignatureResult;
 using CMS::SignatureVerdict;
 using CMS::SignedReader;
 
+/// Each try holds some kilobytes, which is more than a short body: that is read again instead.
+constexpr std::uint64_t shortBody = std::uint64_t{64} << 10U;
+constexpr std::size_t mostOfShortBody = 100;
+
 /// Lengths of the message digests that signers say their body has.
 std::set<std::size_t> digestLengths(const SignedReader& message) {
     std::set<std::size_t> lengths;
@@ -55,18 +59,9 @@ Diagnosis Search::run() {
         return m_diagnosis;
     }
     findOpenSigners();
-    for (Try& one : m_tries) {
-        finish(one);
-    }
-    m_tries.clear();
-    const std::vector<Recipe> recipes = recipesFor(m_facts);
-    if (isAnyOpen() && !recipes.empty()) {
-        startRecipes(recipes);
-        if (!m_tries.empty() && pass(false)) {
-            for (Try& one : m_tries) {
-                finish(one);
-            }
-        }
+    finishAll();
+    if (isAnyOpen()) {
+        tryRecipes(recipesFor(m_facts));
     }
     if (m_budget.isSpent()) {
         notLooked("more than " + std::to_string(m_options.budget.verifications) +
@@ -250,7 +245,8 @@ std::vector<EndMode> Search::modes() const {
     return modes;
 }
 
-void Search::startRecipes(const std::vector<Recipe>& recipes) {
+void Search::tryRecipes(const std::vector<Recipe>& recipes) {
+    std::vector<std::pair<const Recipe*, EndMode>> chosen;
     std::size_t left = 0;
     std::uint64_t cost = m_diagnosis.digested;
     const std::uint64_t each = std::max<std::uint64_t>(m_facts.length, 1) * m_digests;
@@ -261,14 +257,31 @@ void Search::startRecipes(const std::vector<Recipe>& recipes) {
                 continue;
             }
             cost += each;
-            m_tries.push_back(started(&recipe, mode));
+            chosen.emplace_back(&recipe, mode);
         }
     }
     if (left != 0) {
-        notLooked(std::to_string(left) + " of " + std::to_string(left + m_tries.size()) +
+        notLooked(std::to_string(left) + " of " + std::to_string(left + chosen.size()) +
                   " further changes were not tried, which would take the digests of more than " +
                   std::to_string(m_options.budget.digested) + " bytes");
     }
+    const std::size_t atOnce = m_facts.length <= shortBody ? mostOfShortBody : chosen.size();
+    for (auto next = chosen.begin(); next != chosen.end() && isAnyOpen();) {
+        for (; next != chosen.end() && m_tries.size() != atOnce; ++next) {
+            m_tries.push_back(started(next->first, next->second));
+        }
+        if (!pass(false)) {
+            return;
+        }
+        finishAll();
+    }
+}
+
+void Search::finishAll() {
+    for (Try& one : m_tries) {
+        finish(one);
+    }
+    m_tries.clear();
 }
 
 void Search::finish(Try& one) {

@@ -44,7 +44,8 @@ private:
     bool pass(bool isFirst);
     void findOpenSigners();
     void open(std::size_t index, const CMS::SignatureResult& result, CertificateSearch& certificates);
-    void startRecipes(const std::vector<Recipe>& recipes);
+    void tryRecipes(const std::vector<Recipe>& recipes);
+    void finishAll();
     void finish(Try& one);
     [[nodiscard]] Try started(const Recipe* recipe, EndMode mode) const;
     [[nodiscard]] bool isAnyOpen() const noexcept;

@@ -120,9 +120,7 @@ TryOutput::TryOutput(const Buffer& structure, EndMode mode, LineEnd newLine)
     : m_message(sourceOver(structure)),
       m_digest(m_message.digest()),
       m_mode(mode),
-      m_newLine(newLine) {
-    m_kept.reserve(keptBack + passedAtOnce + longestPiece);
-}
+      m_newLine(newLine) {}
 
 void TryOutput::put(std::string_view octets) {
     m_kept.append(octets);
