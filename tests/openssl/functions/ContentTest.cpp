@@ -1,9 +1,11 @@
 // The content of messages on its way through OpenSSL: what fails on the way is told, whatever it is. This file stands in for functions
 // that cannot be made to fail from outside, which go on to the real ones unless a test says otherwise.
+#include "framing/Reader.h"
 #include "openssl/ContentChain.h"
 #include "openssl/ContentDecryption.h"
 #include "openssl/EncryptedOctets.h"
 #include "openssl/LazyPkcs7.h"
+#include "openssl/PaddedDecryption.h"
 #include "openssl/Pkcs7.h"
 
 #include "support/Interpose.h"
@@ -28,6 +30,7 @@ int s_wrongSignatures = 0; // how many of the next ones are
 int s_finals = 0;
 int s_encryptedHere = 0;
 bool s_flushFails = false;
+int s_decryptions = 0; // after which they fail; 0: they do not
 bool s_writingNothing = false;
 std::vector<std::pair<const void*, int>> s_written;
 
@@ -47,6 +50,13 @@ extern "C" int EVP_CipherUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int
                                 int length) {
     ++s_encryptedHere;
     return norvtest::next<&EVP_CipherUpdate>("EVP_CipherUpdate")(context, out, outLength, in, length);
+}
+extern "C" int EVP_DecryptUpdate(EVP_CIPHER_CTX* context, unsigned char* out, int* outLength, const unsigned char* in,
+                                 int length) {
+    if (s_decryptions != 0 && --s_decryptions == 0) {
+        return 0;
+    }
+    return norvtest::next<&EVP_DecryptUpdate>("EVP_DecryptUpdate")(context, out, outLength, in, length);
 }
 extern "C" long BIO_ctrl(BIO* bio, int command, long number, void* argument) {
     return s_flushFails && command == BIO_CTRL_FLUSH
@@ -212,6 +222,21 @@ TEST(ContentDecryption, WhatCannotBeWrittenIsNoSuccess) {
     }
 }
 
+TEST(ContentDecryption, WhatWasDecryptedBeforeADamageIsWritten) {
+    const Bytes body(1000000, 0x42);
+    const LazyPkcs7 structure(enveloped(body));
+    ContentDecryption decryption(structure);
+    decryption.open(recipientOf(structure.structure(), 0), recipient(0).key.get());
+    for (const int sound : {0, 1, 2, 5}) {
+        const BioPtr out(BIO_new(BIO_s_mem()));
+        const During<int> failing(s_decryptions, sound + 1);
+        EXPECT_FALSE(decryption.write(out.get()));
+        // All but the last block, which may be the one that is padded.
+        EXPECT_EQ(contentOf(out.get()).size(),
+                  sound == 0 ? 0 : static_cast<std::size_t>(sound) * PaddedDecryption::s_pieceLength - 16);
+    }
+}
+
 TEST(ContentDecryption, AKeyThatOpensTakesThePlaceOfTheOneBefore) {
     const Bytes body(1000, 0x42);
     const LazyPkcs7 structure(enveloped(body, true));
@@ -272,7 +297,7 @@ TEST(EncryptedOctets, AreJoinedAsOpensslKeepsThem) {
     Bytes expected = segment;
     der::append(expected, {1});
     der::append(expected, segment);
-    for (int depth = 2; depth <= 6; ++depth) { // as deep as OpenSSL decodes a string
+    for (int depth = 1; depth <= 6; ++depth) { // as deep as OpenSSL decodes a string
         const OctetStringPtr string = joined(EncryptedOctets(nested));
         EXPECT_EQ(Bytes(ASN1_STRING_get0_data(string.get()),
                         ASN1_STRING_get0_data(string.get()) + ASN1_STRING_length(string.get())),
@@ -283,6 +308,10 @@ TEST(EncryptedOctets, AreJoinedAsOpensslKeepsThem) {
             << depth;
         nested = der::element(0x24, nested);
     }
+    const unsigned char* at = nested.data();
+    EXPECT_EQ(OctetStringPtr(d2i_ASN1_OCTET_STRING(nullptr, &at, static_cast<long>(nested.size()))), nullptr);
+    EXPECT_THROW(joined(EncryptedOctets(nested)), Norvane::Crypto::framing::Broken);
+    ERR_clear_error();
     const OctetStringPtr empty = joined(EncryptedOctets(der::octetString({})));
     EXPECT_EQ(ASN1_STRING_length(empty.get()), 0);
     EXPECT_EQ(ASN1_STRING_get0_data(empty.get())[0], 0);

@@ -103,8 +103,17 @@ TEST(KeyTransport, WhatBrokeOffIsNoWrongPadding) {
 TEST(KeyTransport, LengthsBeyondTheKeyAreNone) {
     EXPECT_EQ(opened({.answer = 1, .length = 128}).size(), 128U);
     EXPECT_EQ(opened({.answer = 1, .length = 5}).size(), 5U);
+    EXPECT_EQ(opened({.answer = 1, .errors = {{ERR_LIB_BN, ERR_R_MALLOC_FAILURE}}, .length = 5}).size(), 5U)
+        << "it came to its end all the same";
     EXPECT_EQ(opened({.answer = 1, .length = 129}).size(), 0U);
     EXPECT_EQ(opened({.answer = 0, .errors = {{ERR_LIB_RSA, RSA_R_PADDING_CHECK_FAILED}}, .length = 5}).size(), 0U);
+}
+
+TEST(KeyTransport, KeysThatDecryptNothingOpenNothing) {
+    static const Key curve = Key::ec();
+    EXPECT_TRUE(openPkcs1Key(curve.get(), Bytes(128, 1)).empty());
+    EXPECT_TRUE(openPkcs1Key(Key::ed25519().get(), Bytes(128, 1)).empty());
+    EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
 TEST(KeyTransport, ImplicitRejectionIsTurnedOffWhereItMayBeKnown) {
