@@ -7,6 +7,7 @@
 #include "openssl/Idea.h"
 
 #include "support/Interpose.h"
+#include "support/Wiping.h"
 
 #include <authority/Der.h>
 
@@ -262,6 +263,30 @@ TEST(GcmCheckFunctions, ContentIsBoundedAndGoesInPiecesOfAGibibyte) {
     EXPECT_TRUE(check.update({&nothing, most}));
 }
 
+// The hash key (NIST SP 800-38D, 7.1, step 1), with which tags are forged.
+TEST(GcmCheckFunctions, TheHashKeyIsWiped) {
+    const Bytes key(16, 7);
+    const Bytes nonce(12, 3);
+    const CipherContextPtr context(EVP_CIPHER_CTX_new());
+    ASSERT_EQ(EVP_EncryptInit_ex(context.get(), EVP_aes_128_ecb(), nullptr, key.data(), nullptr), 1);
+    Bytes hashKey(16);
+    int count = 0;
+    ASSERT_EQ(EVP_EncryptUpdate(context.get(), hashKey.data(), &count, Bytes(16, 0).data(), 16), 1);
+    std::uint64_t words[2]{};
+    for (std::size_t i = 0; i != hashKey.size(); ++i) {
+        words[i / 8] = words[i / 8] << 8U | hashKey[i];
+    }
+    const auto wipes = [&](const void* secret) {
+        return norvtest::wipesOf(std::string(static_cast<const char*>(secret), 16), [&] {
+            GcmCheck check(EVP_aes_128_gcm(), key, nonce);
+            EXPECT_TRUE(check.update(s_clear));
+            EXPECT_FALSE(check.isRight({}, Bytes(16, 0)));
+        });
+    };
+    EXPECT_GE(wipes(hashKey.data()), 1U) << "as octets";
+    EXPECT_GE(wipes(words), 1U) << "as numbers";
+}
+
 TEST(GcmCheckFunctions, WithoutANonceNothingIsChecked) {
     const Bytes key(16, 7);
     GcmCheck check(EVP_aes_128_gcm(), key, {});
@@ -315,7 +340,9 @@ TEST(IdeaFunctions, IsACipherOfBlocksThatAreChained) {
     const CipherContextPtr context(EVP_CIPHER_CTX_new());
     ASSERT_EQ(EVP_EncryptInit_ex(context.get(), ideaCbc(), nullptr, key.data(), vector.data()), 1);
     Bytes out(16);
-    EXPECT_EQ(EVP_Cipher(context.get(), out.data(), s_clear.data(), 5), 0) << "less than a block";
+    for (const unsigned int length : {1U, 5U, 7U}) {
+        EXPECT_EQ(EVP_Cipher(context.get(), out.data(), s_clear.data(), length), 0) << "less than a block";
+    }
     EXPECT_EQ(EVP_Cipher(context.get(), out.data(), s_clear.data(), 8), 1);
     // The context gets another cipher.
     ASSERT_EQ(EVP_EncryptInit_ex(context.get(), EVP_aes_128_cbc(), nullptr, key.data(), Bytes(16, 1).data()), 1);

@@ -29,6 +29,7 @@ struct Decryption {
     std::optional<std::size_t> length{};
 };
 const Decryption* s_decryption = nullptr;
+int s_decrypted = 0;
 std::optional<const OSSL_PARAM*> s_settable;
 std::vector<std::string> s_set;
 
@@ -36,6 +37,7 @@ std::vector<std::string> s_set;
 
 extern "C" int EVP_PKEY_decrypt(EVP_PKEY_CTX* context, unsigned char* out, std::size_t* length, const unsigned char* in,
                                 std::size_t inLength) {
+    ++s_decrypted;
     if (s_decryption == nullptr) {
         return norvtest::next<&EVP_PKEY_decrypt>("EVP_PKEY_decrypt")(context, out, length, in, inLength);
     }
@@ -111,8 +113,10 @@ TEST(KeyTransport, LengthsBeyondTheKeyAreNone) {
 
 TEST(KeyTransport, KeysThatDecryptNothingOpenNothing) {
     static const Key curve = Key::ec();
+    s_decrypted = 0;
     EXPECT_TRUE(openPkcs1Key(curve.get(), Bytes(128, 1)).empty());
     EXPECT_TRUE(openPkcs1Key(Key::ed25519().get(), Bytes(128, 1)).empty());
+    EXPECT_EQ(s_decrypted, 0);
     EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 

@@ -74,6 +74,7 @@ TEST(Pkcs12Functions, CertificatesHaveTheNamesOfTheirBags) {
             EXPECT_EQ(std::string(reinterpret_cast<const char*>(alias), static_cast<std::size_t>(length)), *name);
         }
     }
+    ERR_clear_error();
 }
 
 TEST(Pkcs12Functions, WhatWasQueuedBeforeStaysAloneWhereItOpens) {

@@ -20,6 +20,8 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -133,6 +135,10 @@ TEST(DigestFunctions, AreFoundByTheirNumbersOnceEach) {
 
 // What an application's own provider computes is not kept: it may be unloaded.
 TEST(DigestFunctions, OnlyTheDefaultProvidersAreKept) {
+    static bool isKept = false;
+    if (std::exchange(isKept, true)) {
+        GTEST_SKIP() << "what is kept stays so: this is seen once in a process";
+    }
     const DigestContextPtr context(EVP_MD_CTX_new());
     {
         const During<bool> another(s_ofAnother, true);
@@ -155,6 +161,10 @@ TEST(DigestFunctions, OnlyTheDefaultProvidersAreKept) {
 }
 
 TEST(CipherFunctions, OnlyTheDefaultProvidersAreKept) {
+    static bool isKept = false;
+    if (std::exchange(isKept, true)) {
+        GTEST_SKIP() << "what is kept stays so: this is seen once in a process";
+    }
     {
         const During<bool> another(s_ofAnother, true);
         EXPECT_EQ(implementationOf(EVP_aes_192_cbc()), EVP_aes_192_cbc());
