@@ -88,8 +88,8 @@ class Reached:
 class Meeting:
     """Shows mutants to the tests that reach them: those of the module first, and of these the ones that told others of the file."""
 
-    def __init__(self, reached, seconds):
-        self.seconds, self.early = seconds, reached.early
+    def __init__(self, reached, seconds, first):
+        self.seconds, self.early, self.first = seconds, reached.early, first
         self.programs, self.cases = reached.programs, reached.cases
         self.by_number = {}
         for program, cases in reached.cases.items():
@@ -100,7 +100,9 @@ class Meeting:
         self.tellers = {}  # {file: {case: how often it told}}
 
     def module(self, program, file):
-        """0 for a program of the tests of the file's module, 1 for another."""
+        """0 for a program that is to be met first, or of the tests of the file's module, 1 for another."""
+        if self.first and re.search(self.first, program):
+            return 0
         folder = re.match(r"src/(\w+)|extras/\w+", file)
         wanted = f"tests/{folder[1]}" if folder[1] else f"{folder[0]}/tests"
         return int(not any(where == wanted or where.startswith(f"{wanted}/") for where in self.programs[program]))

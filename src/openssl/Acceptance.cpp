@@ -53,9 +53,9 @@ bool isAffordable(std::size_t points, std::size_t issuer) noexcept {
 /// What an element that is open has shown so far.
 struct Shape {
     bool isSequence = false;
-    std::uint32_t children = 0;
-    bool startsWithIdentifier = false; ///< an AlgorithmIdentifier or an Extension
-    bool startsWithAlgorithm = false;  ///< a SubjectPublicKeyInfo, if a BIT STRING follows
+    std::uint32_t children = 0; ///< told of a SEQUENCE alone
+    /// A SubjectPublicKeyInfo, if it is a SEQUENCE and a BIT STRING follows.
+    bool startsWithAlgorithm = false;
     bool isCurveAlgorithm = false;
     bool isDistributionPoints = false;
     bool isSplitValue = false; ///< the value of a crlDistributionPoints extension, a string in parts
@@ -96,7 +96,6 @@ private:
         if (parent == nullptr || parent->isSequence || !m_walk.pass(rest * m_known.stride())) {
             return;
         }
-        parent->children += static_cast<std::uint32_t>(rest);
         remember(*parent);
         if (rest > 1) {
             remember(*parent);
@@ -142,12 +141,10 @@ private:
     }
 
     void foundIdentifier(Shape& parent) noexcept {
-        parent.startsWithIdentifier = true;
         parent.isCurveAlgorithm = isIdentifier(m_walk, idEcPublicKey) || isIdentifier(m_walk, sm2);
         parent.isDistributionPoints = isIdentifier(m_walk, crlDistributionPoints);
         if (m_walk.depth() >= 2) {
-            Shape& around = m_shapes[m_walk.depth() - 2];
-            around.startsWithAlgorithm = around.isSequence && around.children == 1;
+            m_shapes[m_walk.depth() - 2].startsWithAlgorithm = true;
         }
     }
 

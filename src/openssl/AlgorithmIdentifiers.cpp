@@ -22,15 +22,13 @@ framing::Encoded objectIdentifier(int nid) {
 
 std::optional<framing::Encoded> objectIdentifier(const std::string& digits) {
     constexpr std::size_t longest = 256; // OpenSSL takes the square of the length
-    if (digits.size() > longest || digits.find_first_not_of("0123456789.") != std::string::npos) {
+    if (digits.size() > longest || digits.find_first_not_of("0123456789.") != std::string::npos ||
+        digits.find("..") != std::string::npos || digits.ends_with('.')) { // no number, which OpenSSL takes for 0
         return std::nullopt;
     }
     const ErrorMark mark;
     const ObjectPtr identifier(OBJ_txt2obj(digits.c_str(), 1));
-    if (identifier == nullptr || OBJ_length(identifier.get()) == 0) {
-        return std::nullopt;
-    }
-    return encoded(identifier.get());
+    return identifier == nullptr ? std::nullopt : std::optional(encoded(identifier.get()));
 }
 
 framing::Encoded algorithmIdentifier(int nid) {

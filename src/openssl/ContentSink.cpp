@@ -88,7 +88,7 @@ bool ContentSink::append(const char* data, std::size_t length) noexcept {
 
 int ContentSink::onWrite(BIO* bio, const char* data, int length) {
     auto* sink = static_cast<ContentSink*>(BIO_get_data(bio));
-    if (sink == nullptr || data == nullptr || length <= 0) {
+    if (data == nullptr) {
         return 0;
     }
     if (!sink->append(data, static_cast<std::size_t>(length))) {

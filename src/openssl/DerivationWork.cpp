@@ -12,15 +12,16 @@ namespace Norvane::Crypto::openssl {
 
 namespace {
 
-constexpr std::int64_t tooMany = mostHashes + 1;
+constexpr std::int64_t tooMany = INT64_MAX;
 constexpr std::int64_t hashesOfHmac = 2;
 constexpr std::int64_t coresOfScrypt = 4; // two passes of two cores each, for each of N * r * p blocks
 constexpr std::int64_t slowHash = 8;
 
-/// A number that OpenSSL takes as it stands; any other is beyond every bound.
+/// A number that OpenSSL takes as it stands, or one beyond the bound.
 std::int64_t valueOf(const ASN1_INTEGER* number) noexcept {
+    static_assert(mostHashes < INT_MAX, "what OpenSSL would truncate is beyond the bound anyway");
     std::int64_t value = 0;
-    return ASN1_INTEGER_get_int64(&value, number) == 1 && value >= 1 && value <= INT_MAX ? value : tooMany;
+    return ASN1_INTEGER_get_int64(&value, number) == 1 && value >= 1 ? value : tooMany;
 }
 
 /// A product of two positive numbers, or a number beyond the bound.
@@ -48,9 +49,9 @@ std::int64_t weightOf(int digest) noexcept {
 /// The blocks of a hash that so many bytes fill. A hash that is not known here is taken for a short one.
 std::int64_t blocksOf(std::int64_t bytes, int digest) noexcept {
     constexpr std::int64_t shortest = 16;
-    const EVP_MD* hash = EVP_get_digestbynid(digest);
-    const std::int64_t size = hash != nullptr && EVP_MD_get_size(hash) > 0 ? EVP_MD_get_size(hash) : shortest;
-    return (bytes + size - 1) / size;
+    const int known = EVP_MD_get_size(EVP_get_digestbynid(digest)); // -1 of none
+    const std::int64_t size = known > 0 ? known : shortest;
+    return bytes / size + (bytes % size == 0 ? 0 : 1);
 }
 
 /// The bytes of key that a cipher takes; the most that there are when its parameters may ask for others.

@@ -21,10 +21,11 @@ std::string shortName(int nid) {
 
 const EVP_MD* digestByNid(int nid) {
     // A digest found by name is a constant of OpenSSL's. It is remembered: looking it up takes as long as a tenth of
-    // digesting a short text. The numbers above are those that programs add.
+    // digesting a short text. The numbers above are those that programs add; a negative one, which
+    // is none, comes out above, too.
     static std::array<std::atomic<const EVP_MD*>, 1200> found;
     const auto index = static_cast<std::size_t>(nid);
-    const bool isRemembered = nid > 0 && index < found.size();
+    const bool isRemembered = index < found.size();
     if (isRemembered) {
         if (const EVP_MD* digest = found[index].load(std::memory_order_relaxed)) {
             return digest;

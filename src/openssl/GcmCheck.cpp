@@ -116,7 +116,6 @@ bool hashKey(std::span<const unsigned char> key, Block& hash) {
     int count = 0;
     if (cipher == nullptr || context == nullptr ||
         EVP_EncryptInit_ex(context.get(), cipher.get(), nullptr, key.data(), nullptr) != 1 ||
-        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
         EVP_EncryptUpdate(context.get(), octets.data(), &count, octets.data(), blockLength) != 1 ||
         count != static_cast<int>(blockLength)) {
         return false;

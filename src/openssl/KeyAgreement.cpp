@@ -129,7 +129,7 @@ bool isOfPrimeOrder(const EVP_PKEY* key) {
     return curve == SN_X9_62_prime256v1 || curve == SN_secp384r1 || curve == SN_secp521r1;
 }
 
-/// What both sides have in common; false when OpenSSL fails.
+/// What both sides have in common, which there has to be room for; false when OpenSSL fails.
 bool agree(const AgreementScheme& scheme, EVP_PKEY* key, EVP_PKEY* originator, Secret& common) {
     const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
     if (context == nullptr || EVP_PKEY_derive_init(context.get()) != 1) {
@@ -140,8 +140,7 @@ bool agree(const AgreementScheme& scheme, EVP_PKEY* key, EVP_PKEY* originator, S
     }
     // That the point is on the curve was seen when it was decoded.
     const int validate = isOnCurves(key) && !isOfPrimeOrder(key) ? 1 : 0;
-    std::size_t length = Secret::most;
-    common.resize(length);
+    std::size_t length = common.size();
     if (EVP_PKEY_derive_set_peer_ex(context.get(), originator, validate) != 1 ||
         EVP_PKEY_derive(context.get(), common.octets().data(), &length) != 1) {
         return false;
@@ -201,7 +200,7 @@ WipedBytes openAgreedKey(const KeyAgreement& agreement, EVP_PKEY* key, std::span
     if (!scheme || wrap == nullptr || originator == nullptr) {
         return {};
     }
-    Secret common;
+    Secret common(Secret::most);
     Secret wrapping(std::min(keyEncryptionKeyLength(*wrap), Secret::most));
     return agree(*scheme, key, originator.get(), common) && derive(agreement, *scheme, common, wrap.get(), wrapping)
                ? unwrapKey(*wrap, wrapping.octets(), wrapped)

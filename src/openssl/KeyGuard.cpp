@@ -52,7 +52,7 @@ Integers integersOf(const unsigned char* der, std::size_t length) noexcept {
     return found;
 }
 
-/// The bytes of the first structure; 0 when it does not end.
+/// The bytes of the first structure; 0 when there is none.
 std::size_t sizeOf(const unsigned char* der, std::size_t length) noexcept {
     Walk walk(der, length);
     const Walk::Step first = walk.next();
@@ -123,9 +123,6 @@ std::string refusalOfPrivateKey(const unsigned char* der, std::size_t length) {
     const std::size_t size = sizeOf(der, length);
     if (size > longestPrivateKey) {
         return tooLong();
-    }
-    if (size == 0) {
-        return {};
     }
     {
         const ErrorMark mark;

@@ -58,7 +58,7 @@ std::string derOf(const ASN1_STRING* value) {
 }
 
 NameAttribute attributeOf(const X509_NAME_ENTRY* entry) {
-    NameAttribute attribute{wholeTypeText(X509_NAME_ENTRY_get_object(entry)), {}, {}, false};
+    NameAttribute attribute{wholeTypeText(X509_NAME_ENTRY_get_object(entry)), {}, {}, {}};
     const ASN1_STRING* value = X509_NAME_ENTRY_get_data(entry);
     switch (ASN1_STRING_type(value)) {
     case V_ASN1_BMPSTRING:
@@ -133,12 +133,11 @@ std::vector<NameAttribute> attributesOf(const X509_NAME* name) {
     std::vector<NameAttribute> attributes;
     const int count = X509_NAME_entry_count(name);
     attributes.reserve(static_cast<std::size_t>(count));
-    int set = -1;
     for (int i = 0; i < count; ++i) {
         const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
         attributes.push_back(attributeOf(entry));
-        attributes.back().joinsPreceding = i > 0 && X509_NAME_ENTRY_set(entry) == set;
-        set = X509_NAME_ENTRY_set(entry);
+        attributes.back().joinsPreceding =
+            i > 0 && X509_NAME_ENTRY_set(entry) == X509_NAME_ENTRY_set(X509_NAME_get_entry(name, i - 1));
     }
     return attributes;
 }

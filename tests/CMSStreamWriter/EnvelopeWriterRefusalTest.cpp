@@ -180,8 +180,9 @@ TEST(EnvelopeRefusal, OptionsThatMakeNoSense) {
               "no such cipher: -1");
     EXPECT_EQ(refusedWith([](auto& options) { options.encoding = static_cast<EnvelopeEncoding>(2); }),
               "no such encoding: 2");
-    for (const std::string& type : {std::string(), std::string("data"), std::string("1"), std::string("1.2.x"),
-                                    std::string("9.9"), "1.2." + std::string(300, '1')}) {
+    for (const std::string& type :
+         {std::string(), std::string("data"), std::string("1"), std::string("1.2.x"), std::string("1.2..3"),
+          std::string("1.2."), std::string("9.9"), "1.2." + std::string(300, '1')}) {
         EXPECT_EQ(refusedWith([&](auto& options) { options.contentType = type; }),
                   "the content type is no object identifier");
     }

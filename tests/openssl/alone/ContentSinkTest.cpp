@@ -1,5 +1,5 @@
 // Content of sizes at which lengths take more bytes, or can no longer be written. This program stands in for the function
-// that allocates the blocks, so that a gibibyte of them takes none.
+// that allocates the blocks, so that a gibibyte of them takes none, and keeps what the system is advised.
 #include "openssl/ContentSink.h"
 #include "openssl/Pkcs7.h"
 #include "support/AddressSpace.h"
@@ -11,8 +11,12 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <sys/mman.h>
+#include <tuple>
+#include <vector>
 
 using namespace Norvane::Crypto::openssl;
 
@@ -20,10 +24,20 @@ namespace {
 
 unsigned char s_block[ContentSink::largeBlockSize + ContentSink::hugePage];
 bool s_sharing = false;
+bool s_failing = false;
+using Advice = std::tuple<void*, std::size_t, int>;
+std::vector<Advice> s_advised;
 
 } // namespace
 
+extern "C" int madvise(void* at, std::size_t length, int advice) noexcept {
+    s_advised.emplace_back(at, length, advice);
+    return norvtest::next<&madvise>("madvise")(at, length, advice);
+}
 extern "C" void* CRYPTO_malloc(std::size_t length, const char* file, int line) {
+    if (s_failing) {
+        return nullptr;
+    }
     return s_sharing && (length == sizeof s_block || length == ContentSink::mediumBlockSize ||
                          length == ContentSink::blockSize)
                ? s_block
@@ -114,6 +128,64 @@ TEST(ContentSink, RoomIsCountedAsWritingIs) {
     EXPECT_TRUE(sink.room().empty()) << "there would be a gap";
     EXPECT_NE(ERR_get_error(), 0UL);
     ERR_clear_error();
+}
+
+TEST(ContentSink, WritingGoesOnToTheLastOctetThatIsCounted) {
+    const norvtest::During<bool> sharing(s_sharing, true);
+    ContentSink sink;
+    const BioPtr bio = sink.bio();
+    while (sink.length() + sink.room().size() <= INT_MAX - 10) {
+        ASSERT_TRUE(sink.filled(sink.room().size()));
+    }
+    const int left = static_cast<int>(INT_MAX - sink.length());
+    ASSERT_TRUE(sink.filled(static_cast<std::size_t>(left) - 10));
+    EXPECT_EQ(BIO_write(bio.get(), "0123456789", 10), 10);
+    EXPECT_EQ(sink.length(), std::size_t{INT_MAX});
+    EXPECT_FALSE(sink.failed());
+    EXPECT_EQ(BIO_write(bio.get(), "0", 1), -1);
+    EXPECT_TRUE(sink.failed());
+    ERR_clear_error();
+}
+
+TEST(ContentSink, WhatThereIsNoMemoryForIsNotWritten) {
+    ContentSink sink;
+    const BioPtr bio = sink.bio();
+    {
+        const norvtest::During<bool> failing(s_failing, true);
+        EXPECT_EQ(BIO_write(bio.get(), "0", 1), -1);
+    }
+    EXPECT_TRUE(sink.failed());
+    EXPECT_EQ(sink.length(), 0U);
+    ERR_clear_error();
+}
+
+TEST(ContentSink, NothingIsWrittenFromNowhere) {
+    ContentSink sink;
+    const BioPtr bio = sink.bio();
+    EXPECT_EQ(BIO_write(bio.get(), nullptr, 5), 0);
+    EXPECT_EQ(BIO_write(bio.get(), "", 0), 0);
+    EXPECT_EQ(BIO_flush(bio.get()), 1);
+    EXPECT_EQ(BIO_ctrl(bio.get(), BIO_CTRL_PENDING, 0, nullptr), 0);
+    EXPECT_FALSE(sink.failed());
+    EXPECT_EQ(sink.length(), 0U);
+}
+
+TEST(ContentSink, LargeBlocksBeginWhereHugePagesDo) {
+    ContentSink sink;
+    std::size_t large = 0;
+    s_advised.clear();
+    for (int block = 0; large != 2; ++block) {
+        const auto room = sink.room();
+        if (room.size() == ContentSink::largeBlockSize) {
+            ++large;
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(room.data()) % ContentSink::hugePage, 0U);
+            ASSERT_EQ(s_advised.size(), large);
+            EXPECT_EQ(s_advised.back(), (Advice{room.data(), room.size(), MADV_HUGEPAGE}));
+        } else {
+            EXPECT_TRUE(s_advised.empty());
+        }
+        ASSERT_TRUE(sink.filled(room.size()));
+    }
 }
 
 TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
