@@ -83,6 +83,7 @@ using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
 using norvauthority::Key;
 using norvtest::During;
+using norvtest::keyOfType;
 using norvtest::rsaOfBits;
 namespace der = norvauthority::der;
 
@@ -103,11 +104,6 @@ Key publicHalf(const Key& key) {
 
 Key keyOnCurve(const char* name) {
     const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", name));
-    return Key::of(made.get());
-}
-
-Key keyOfType(const char* name) {
-    const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, name));
     return Key::of(made.get());
 }
 
