@@ -70,8 +70,8 @@ Pkcs7Ptr decodeStructure(Octets octets) {
     return Pkcs7Ptr(d2i_PKCS7(nullptr, &at, static_cast<long>(octets.size())));
 }
 
-/// What is inside the [0] that a structure's content stands in, which ends it.
-template <class Walk> void walkContent(Reader& reader, Walk walk) {
+/// What is inside the [0] that a structure's content stands in, which ends it. \param end the octets of the structure
+template <class Walk> void walkContent(Reader& reader, std::size_t end, Walk walk) {
     reader.expect(TagClass::contextSpecific, 0);
     reader.enter();
     reader.expect(framing::sequence);
@@ -80,7 +80,9 @@ template <class Walk> void walkContent(Reader& reader, Walk walk) {
     reader.leave();
     reader.leave();
     reader.leave();
-    reader.finish();
+    if (reader.position() != end) { // what was framed otherwise before
+        throw framing::Broken(framing::Fault::unexpected);
+    }
 }
 
 /// The elements of one that is constructed; nothing when a length in it is wrong.
@@ -173,7 +175,7 @@ Pkcs7Ptr LazyPkcs7::decodeSkeleton() {
             structure = decodeEnveloped(type, parts);
         }
     } catch (const framing::Broken&) {
-        structure = nullptr;
+        // for OpenSSL to tell what is wrong, if anything is
     }
     if (structure == nullptr) {
         m_certificatesWait = m_listsWait = m_recipientsWait = m_contentWaits = false;
@@ -191,7 +193,7 @@ Pkcs7Ptr LazyPkcs7::decodeSigned(Octets type, Parts& parts) {
     EncryptedOctets carried;
     Octets certificates;
     Octets lists;
-    walkContent(reader, [&] {
+    walkContent(reader, parts.all.size(), [&] {
         version = parts.take();
         algorithms = parts.take();
         const std::uint64_t contentsStart = reader.position();
@@ -219,9 +221,6 @@ Pkcs7Ptr LazyPkcs7::decodeSigned(Octets type, Parts& parts) {
         }
         signers = parts.take();
     });
-    if (reader.position() != parts.all.size()) {
-        return nullptr;
-    }
     m_certificatesWait = takeCertificates(certificates);
     m_listsWait = takeLists(lists);
     std::vector<unsigned char> typeAlone;
@@ -244,7 +243,7 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
     Octets recipients;
     Octets contentType;
     Octets algorithm;
-    walkContent(reader, [&] {
+    walkContent(reader, parts.all.size(), [&] {
         version = parts.take();
         reader.expect(framing::set);
         recipients = parts.take();
@@ -258,9 +257,6 @@ Pkcs7Ptr LazyPkcs7::decodeEnveloped(Octets type, Parts& parts) {
         }
         reader.leave();
     });
-    if (reader.position() != parts.all.size()) {
-        return nullptr;
-    }
     m_contentWaits = m_content.isThere();
     m_recipientsWait = takeRecipients(recipients);
     static constexpr std::array<unsigned char, 2> emptySet{0x31, 0};

@@ -170,7 +170,7 @@ SignatureScheme signatureScheme(Octets algorithmIdentifier) {
     int key = NID_undef;
     const bool isPair = findParts(nid, digest, key);
     scheme.kind = kindOf(isPair ? key : nid);
-    if (isPair && digest != NID_undef && !scheme.coversMessage()) {
+    if (digest != NID_undef) { // what signs the message itself has none
         scheme.namesDigest = true;
         scheme.digest = usableDigest(digest);
     }

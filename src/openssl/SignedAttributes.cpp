@@ -9,6 +9,7 @@
 #include <openssl/asn1t.h>
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace Norvane::Crypto::openssl {
@@ -99,8 +100,8 @@ std::vector<std::vector<unsigned char>> signedAttributeEncodings(const Element& 
         return {};
     }
     Encodings encodings;
-    const Octets content = attributes.content;
-    encodings.push_back(framing::constructed(framing::TagClass::universal, framing::set, {&content, 1}));
+    encodings.push_back(
+        framing::constructed(framing::TagClass::universal, framing::set, std::array{attributes.content}));
     if (!isDer) {
         const ErrorMark mark;
         const unsigned char* at = encodings.front().data();

@@ -86,6 +86,16 @@ inline norvauthority::Key rsaOfBits(int bits) {
                   {OSSL_PKEY_PARAM_RSA_D, secret.get()}});
 }
 
+/// A new key of a type that needs no parameters.
+inline norvauthority::Key keyOfType(const char* name) {
+    EVP_PKEY* made = EVP_PKEY_Q_keygen(nullptr, nullptr, name);
+    if (made == nullptr) {
+        throw std::runtime_error("no such key");
+    }
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> owner(made, EVP_PKEY_free);
+    return norvauthority::Key::of(made);
+}
+
 /// A key for RSASSA-PSS alone, with this digest, mask and at least so much salt.
 inline norvauthority::Key pssKey(const EVP_MD* digest, const EVP_MD* mask, int salt) {
     const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(

@@ -53,15 +53,11 @@ using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
 using norvauthority::fromHex;
 using norvauthority::Key;
+using norvtest::keyOfType;
 using norvtest::number;
 using norvtest::numberOfBits;
 
 namespace {
-
-Key keyOfType(const char* name) {
-    const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, name));
-    return Key::of(made.get());
-}
 
 constexpr std::uint64_t s_notUsed = ~std::uint64_t{0};
 

@@ -25,6 +25,7 @@ extern "C" int EVP_PKEY_get_bn_param(const EVP_PKEY* key, const char* name, BIGN
 using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
 using norvauthority::Key;
+using norvtest::keyOfType;
 using norvtest::number;
 using norvtest::numberOfBits;
 using norvtest::publicRsa;
@@ -50,11 +51,6 @@ std::uint64_t dsaWork(int pBits, int qBits) {
                                      {OSSL_PKEY_PARAM_FFC_G, g.get()},
                                      {OSSL_PKEY_PARAM_PUB_KEY, g.get()}});
     return verificationWork(key.get());
-}
-
-Key keyOfType(const char* name) {
-    const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, name));
-    return Key::of(made.get());
 }
 
 norvauthority::X509Ptr certificateOf(const Key& key) {

@@ -23,6 +23,7 @@ int s_shorter = 0;       ///< octets that signatures of Edwards curves lack
 int s_finalFails = 0;    ///< so many signatures of digest contexts are found wrong
 int s_finals = 0;
 int s_wholes = 0;
+int s_renewals = 0; ///< signatures over zeros, which renew what blinds the secret
 
 bool isZero(const unsigned char* octets, std::size_t length) {
     return std::all_of(octets, octets + length, [](unsigned char octet) { return octet == 0; });
@@ -35,6 +36,7 @@ extern "C" {
 int EVP_PKEY_sign(EVP_PKEY_CTX* context, unsigned char* signature, size_t* length, const unsigned char* digest,
                   size_t count) {
     ++s_wholes;
+    s_renewals += isZero(digest, count) ? 1 : 0;
     if (!isZero(digest, count)) {
         ++s_signs;
         if (s_failingSigns > 0) {
@@ -81,6 +83,7 @@ using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
 using norvauthority::Key;
 using norvtest::During;
+using norvtest::keyOfType;
 using norvtest::rsaOfBits;
 namespace der = norvauthority::der;
 
@@ -101,11 +104,6 @@ Key publicHalf(const Key& key) {
 
 Key keyOnCurve(const char* name) {
     const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", name));
-    return Key::of(made.get());
-}
-
-Key keyOfType(const char* name) {
-    const KeyPtr made(EVP_PKEY_Q_keygen(nullptr, nullptr, name));
     return Key::of(made.get());
 }
 
@@ -294,9 +292,11 @@ TEST(SigningKeys, AWrongSignatureOfRsaIsMadeOnceMore) {
     EXPECT_EQ(second.size(), 256U);
     EXPECT_EQ(s_signs, 2);
     s_signs = 0;
+    s_renewals = 0;
     s_failingChecks = 2;
     EXPECT_TRUE(signing.signDigest(digest).empty());
     EXPECT_EQ(s_signs, 2);
+    EXPECT_EQ(s_renewals, 2) << "after each";
     EXPECT_EQ(s_failingChecks, 0);
     s_signs = 0;
     EXPECT_EQ(signing.signDigest(digest), second) << "PKCS#1 1.5 is the same each time";
@@ -352,9 +352,11 @@ TEST(Signatures, AWrongOneOfADigestContextIsMadeOnceMore) {
         ASSERT_EQ(EVP_SignInit_ex(context.get(), EVP_sha256(), nullptr), 1);
         ASSERT_EQ(EVP_SignUpdate(context.get(), s_text.data(), s_text.size()), 1);
         s_finals = 0;
+        s_renewals = 0;
         s_finalFails = failures;
         EXPECT_EQ(signFinal(context.get(), signature.data(), length, rsa().get()), made);
         EXPECT_EQ(s_finals, checks);
+        EXPECT_EQ(s_renewals, failures);
         EXPECT_EQ(s_finalFails, 0);
         EXPECT_EQ(ERR_peek_error() == 0, made);
         ERR_clear_error();

@@ -1,18 +1,58 @@
 // Small things that the rest is made of: times, identifiers, texts, PEM, paddings.
+#include "openssl/ContentCipher.h"
 #include "openssl/ObjectText.h"
 #include "openssl/PaddedDecryption.h"
 #include "openssl/Pem.h"
 #include "openssl/RawValues.h"
 #include "openssl/RsaGeneration.h"
+#include "openssl/SignatureScheme.h"
 #include "openssl/TimeComparison.h"
+
+#include "support/Interpose.h"
 
 #include <authority/Authority.h>
 
+#include <openssl/asn1.h>
 #include <openssl/err.h>
+#include <openssl/rsa.h>
 
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <new>
+
+namespace {
+
+bool s_withoutMemory = false;
+
+/// What OpenSSL leaves of a call that found no memory.
+bool failsWithoutMemory() {
+    if (s_withoutMemory) {
+        ERR_raise(ERR_LIB_ASN1, ERR_R_MALLOC_FAILURE);
+    }
+    return s_withoutMemory;
+}
+
+} // namespace
+
+extern "C" {
+
+void* ASN1_TYPE_unpack_sequence(const ASN1_ITEM* item, const ASN1_TYPE* type) {
+    return failsWithoutMemory() ? nullptr
+                                : norvtest::next<&ASN1_TYPE_unpack_sequence>("ASN1_TYPE_unpack_sequence")(item, type);
+}
+RSA_PSS_PARAMS* d2i_RSA_PSS_PARAMS(RSA_PSS_PARAMS** reused, const unsigned char** at, long length) {
+    return failsWithoutMemory() ? nullptr
+                                : norvtest::next<&d2i_RSA_PSS_PARAMS>("d2i_RSA_PSS_PARAMS")(reused, at, length);
+}
+int EVP_DigestVerify(EVP_MD_CTX* context, const unsigned char* signature, size_t length, const unsigned char* text,
+                     size_t count) {
+    return failsWithoutMemory()
+               ? 0
+               : norvtest::next<&EVP_DigestVerify>("EVP_DigestVerify")(context, signature, length, text, count);
+}
+
+} // extern "C"
 
 using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
@@ -95,4 +135,27 @@ TEST(PaddedDecryption, WhatOpensslDoesNotDecryptIsNothing) {
     const Bytes encrypted(64, 1);
     EXPECT_FALSE(decryption.update(encrypted));
     ERR_clear_error();
+}
+
+// Without memory nothing is known of a message: it is not called damaged, forged or unsupported.
+TEST(WithoutMemory, NothingIsSaidOfAMessage) {
+    const Bytes parameters = der::sequence({});
+    const Bytes scheme = der::sequence({der::oid("1.2.840.113549.1.1.10"), parameters});
+    const Bytes inner = der::sequence({der::oid("2.16.840.1.101.3.4.1.5")});
+    const auto outer = decodeAlgorithm(der::sequence({der::oid("1.2.840.113549.1.9.16.3.9"), inner}));
+    const auto edwards = norvauthority::Key::ed25519();
+    SignatureScheme ofMessages;
+    ofMessages.kind = SignatureScheme::Kind::ed25519;
+    const Bytes octets(64, 1);
+    const auto verified = [&] { return verify(ofMessages, nullptr, octets, octets, edwards.get()); };
+    {
+        const norvtest::During<bool> during(s_withoutMemory, true);
+        EXPECT_THROW(static_cast<void>(signatureScheme(scheme)), std::bad_alloc);
+        EXPECT_THROW(static_cast<void>(algorithmInParameters(*outer)), std::bad_alloc);
+        EXPECT_THROW(static_cast<void>(verified()), std::bad_alloc);
+    }
+    EXPECT_TRUE(signatureScheme(scheme).isSound);
+    EXPECT_NE(algorithmInParameters(*outer), nullptr);
+    EXPECT_EQ(verified(), Verified::wrong);
+    EXPECT_EQ(ERR_peek_error(), 0U);
 }
