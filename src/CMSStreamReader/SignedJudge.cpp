@@ -214,10 +214,9 @@ SignedOctets signatureOf(const SignerParts& signer, const EVP_MD* algorithm) {
     content.octets = signer.signature;
     if (algorithm != nullptr) {
         BodyDigests digests;
-        static_cast<void>(digests.start(algorithm));
+        digests.start(algorithm);
         digests.update(signer.signature.data(), signer.signature.size());
         content.digests = digests.finished();
-        content.announced = {algorithm};
     }
     AttributeSetDetector detector;
     detector.update(signer.signature.data(), signer.signature.size());

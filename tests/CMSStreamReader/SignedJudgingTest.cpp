@@ -216,6 +216,42 @@ TEST(SignedJudging, ContentIsKeptWithinTheBudget) {
     }
 }
 
+// RFC 8419: Ed448 signs the content itself when there are no attributes.
+TEST(SignedJudging, AnEd448SignerWithoutAttributes) {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> made(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448"),
+                                                                   EVP_PKEY_free);
+    const Identity identity = namedLikeRsa(norvauthority::Key::of(made.get()));
+    const HandMadeSigner signer{.identity = &identity,
+                                .digestAlgorithm = algorithm("SHAKE256"),
+                                .signatureAlgorithm = algorithm("ED448"),
+                                .digest = nullptr};
+    EXPECT_EQ(Read(attachedBy(signer, body())).verdict().verdict, SignatureVerdict::good);
+    EXPECT_EQ(Read(attachedBy(signer, Bytes())).verdict().verdict, SignatureVerdict::good);
+}
+
+// What was found out about a body is nothing to the next one: neither the verdicts nor what they cost.
+TEST(SignedJudging, ABodyThatGoesOnIsAnotherBody) {
+    HandMade message = messageBy(signerOfBody(), {identities().rsa.certificate.der});
+    message.content.reset();
+    const Bytes structure = message.made();
+    StrictIn in(structure);
+    const SignedReader reader(in);
+    Norvane::MediaOut digest = reader.digest();
+    digest.write(body().data(), 100);
+    EXPECT_EQ(reader.report().signers.front().reason, SignatureReason::signatureWrong);
+    digest.write(body().data() + 100, static_cast<unsigned int>(body().size() - 100));
+    EXPECT_EQ(reader.report().signers.front().reason, SignatureReason::none);
+    // 16384 bits and an exponent of 64 are the most that one operation may cost; a structure may cost thirty of them.
+    message.certificates = {namedLikeRsa(publicRsa(16384, 64)).certificate.der};
+    StrictIn slowIn(message.made());
+    const SignedReader slow(slowIn);
+    Norvane::MediaOut slowDigest = slow.digest();
+    for (int turn = 0; turn < 40; ++turn) {
+        slowDigest.write(body().data(), 1);
+        EXPECT_EQ(slow.report().signers.front().reason, SignatureReason::signatureWrong);
+    }
+}
+
 // What is handed out belongs to the caller, who may keep it.
 TEST(SignedJudging, CopiesOutliveTheMessage) {
     std::vector<Norvane::Buffer> copies;

@@ -221,6 +221,15 @@ TEST_F(DirectoryKeyStoreLookUpTest, AValidCertificateIsTakenBeforeAnExpiredOneFo
     EXPECT_EQ(who(store->findDecryptionKey(address("anna@example.com"))), "2026");
 }
 
+TEST_F(DirectoryKeyStoreLookUpTest, AValidCertificateIsTakenBeforeAnyNumberOfExpiredOnes) {
+    m_store.add("2024", "anna@example.com\n", identity("2024", expired()));
+    m_store.add("2025", "anna@*.com\n", identity("2025", expired()));
+    m_store.add("2026", "*@example.com\n");
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "anna@example.com"), "2026");
+    EXPECT_EQ(recipientFor(store, "anna@example.com"), "2026");
+}
+
 TEST_F(DirectoryKeyStoreLookUpTest, AnExpiredOrFutureCertificateIsTakenWhenNothingElseMatches) {
     m_store.add("future", "*@example.com\n",
                 identity("future", {.notBefore = Time::fromNow(10 * day), .notAfter = Time::fromNow(20 * day)}));
