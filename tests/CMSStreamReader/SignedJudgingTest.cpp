@@ -252,6 +252,29 @@ TEST(SignedJudging, ABodyThatGoesOnIsAnotherBody) {
     }
 }
 
+// `maximumWork` is what a structure may cost, to the last of it.
+TEST(SignedJudging, TheLastOfTheWorkIsDone) {
+    const Identity most = namedLikeRsa(publicRsa(16384, 64)); // 16384
+    const Identity rest = norvauthority::issue({.subject = {{"CN", "rest"}},
+                                                .key = publicRsa(14216, 44), // 8480, which thirty of the others leave
+                                                .issuer = &identities().authority,
+                                                .serial = "4e57"});
+    static_assert(CMS::maximumWork == 30 * 16384 + 8480);
+    HandMade message = messageBy(signerOfBody(), {most.certificate.der, rest.certificate.der});
+    message.signers.resize(30, signerOfBody());
+    HandMadeSigner last;
+    last.name = der::sequence({identities().authority.name.der(), der::integer("4e57")});
+    message.signers.push_back(last.made(body()));
+    message.signers.push_back(last.made(body()));
+    const Read read(message.made());
+    const auto signers = read.message.report().signers;
+    ASSERT_EQ(signers.size(), 32U);
+    for (std::size_t at = 0; at < 31; ++at) {
+        EXPECT_EQ(signers[at].reason, SignatureReason::signatureWrong);
+    }
+    EXPECT_EQ(signers.back().reason, SignatureReason::tooMuchWork);
+}
+
 // What is handed out belongs to the caller, who may keep it.
 TEST(SignedJudging, CopiesOutliveTheMessage) {
     std::vector<Norvane::Buffer> copies;
