@@ -271,6 +271,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AReloadReadsWhatChangedAlone) {
     EXPECT_THAT(openedBy([&] { store->reload(); }), IsEmpty());
     EXPECT_EQ(s_reads, 0);
     EXPECT_THAT(openedBy([&] { EXPECT_EQ(store->findSigningKey(address("p7@example.com")), seven); }), IsEmpty());
+    EXPECT_THAT(openedBy([&] { EXPECT_EQ(recipientFor(store, "p8@example.com"), "p8"); }), IsEmpty());
 
     m_store.add("p9", "nine@example.com\n");
     m_store.add("new", "new@example.com\n");
@@ -396,6 +397,23 @@ TEST_F(DirectoryKeyStoreWorkTest, WhatCouldNotBeUsedIsReadAgainByAReloadAndLogge
     EXPECT_THAT(openedBy([&] { store->reload(); }), IsEmpty());
     EXPECT_EQ(openedBy([&] { EXPECT_EQ(signerFor(store, "x@example.com"), "nobody"); })["key.pem"], 1);
     EXPECT_EQ(sink->records().size(), 2U);
+    Norvane::Logger::instance(false).sink(nullptr);
+}
+
+TEST_F(DirectoryKeyStoreWorkTest, ACertificateThatCannotBeUsedIsLoggedOnceToWhoCouldHaveUsedIt) {
+    m_store.add("x", "x@example.com\n");
+    m_store.file("x/cert.pem", "nothing", 0644);
+    const auto store = open();
+    auto sink = std::make_shared<Norvane::RecordingLogSink>();
+    Norvane::Logger::instance(false).sink(sink);
+    EXPECT_THAT(problemsOf(store), ElementsAre("x/cert.pem: holds no certificate in PEM form"));
+    EXPECT_THAT(sink->records(), IsEmpty());
+    EXPECT_EQ(recipientFor(store, "x@example.com"), "nobody");
+    EXPECT_EQ(recipientFor(store, "x@example.com"), "nobody");
+    EXPECT_EQ(signerFor(store, "x@example.com"), "nobody");
+    ASSERT_EQ(sink->records().size(), 1U);
+    EXPECT_EQ(sink->records()[0].event, 0x3000062U);
+    EXPECT_THAT(sink->records()[0].fields, ElementsAre("x", "cert.pem", "holds no certificate in PEM form"));
     Norvane::Logger::instance(false).sink(nullptr);
 }
 
