@@ -124,6 +124,13 @@ TEST_F(DirectoryKeyStoreWorkTest, OpeningReadsThePatternsAlone) {
     EXPECT_EQ(s_decoded, 0);
 }
 
+// Whoever may write a folder could put any pattern in it.
+TEST_F(DirectoryKeyStoreWorkTest, NothingIsReadOfAFolderThatEverybodyMayWrite) {
+    m_store.add("x", "x@example.com\n");
+    m_store.folder("x", 0777);
+    EXPECT_THAT(openedBy([&] { EXPECT_EQ(signerFor(open(), "x@example.com"), "nobody"); }), IsEmpty());
+}
+
 TEST_F(DirectoryKeyStoreWorkTest, SigningReadsOneIdentityAndOnce) {
     addPeople();
     const auto store = open();
@@ -189,7 +196,7 @@ TEST_F(DirectoryKeyStoreWorkTest, NamesOfRecipientsAreFoundWithoutDecodingTheOth
 TEST_F(DirectoryKeyStoreWorkTest, OfOneSerialNumberOnlyTheOneOfTheIssuerIsDecoded) {
     std::vector<norvauthority::Identity> all;
     for (const char* name : {"a", "b", "c", "d", "e"}) {
-        all.push_back(identity(name, {.serial = "77"})); // signed by itself
+        all.push_back(identity(name, {.serial = "77", .ca = true})); // signed by itself, with a critical extension
         m_store.add(name, "", all.back());
     }
     const auto certificate = x509testing::read(all.back());
