@@ -189,7 +189,6 @@ MediaOut& DecrypterMediaInImpl::write(MediaOut& out) {
 }
 
 bool DecrypterMediaInImpl::decrypt(SwapBufferMediaOut& out) {
-    out.clear();
     bool good = false;
     try {
         good = tryRecipients(out, &out);

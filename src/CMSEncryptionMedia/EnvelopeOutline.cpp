@@ -33,10 +33,8 @@ bool is(const Element& identifier, Octets value) {
 /// The parts of EnvelopedData (RFC 5652, 6.1), which AuthEnvelopedData begins with too.
 struct Frame {
     Element type;
-    bool hasOriginatorInfo;
     Element recipients;
     Element content;
-    bool hasMore;
 };
 
 /// The content and its type (RFC 5652, 3).
@@ -63,13 +61,13 @@ std::optional<Frame> frameOf(Octets message) {
     }
     Elements parts(*envelope);
     const auto version = parts.nextUniversal(framing::integer);
-    const auto originator = parts.nextContext(0);
+    static_cast<void>(parts.nextContext(0)); // originator information
     const auto recipients = parts.nextUniversal(framing::set);
     const auto content = parts.nextUniversal(framing::sequence);
     if (!version || !recipients || !content) {
         return std::nullopt;
     }
-    return Frame{type, originator.has_value(), *recipients, *content, !parts.atEnd()};
+    return Frame{type, *recipients, *content};
 }
 
 /// The name in an AlgorithmIdentifier.

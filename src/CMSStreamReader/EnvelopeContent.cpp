@@ -122,20 +122,13 @@ AuthenticatedContent::AuthenticatedContent(EnvelopeFraming& frame, std::size_t t
       m_source(source),
       m_spillLimit(spillLimit) {}
 
-AuthenticatedContent::~AuthenticatedContent() {
-    if (m_scratch != nullptr) {
-        OPENSSL_cleanse(m_scratch.get(), s_pieceLength + EVP_MAX_BLOCK_LENGTH);
-    }
-}
+AuthenticatedContent::~AuthenticatedContent() = default;
 
 unsigned char* AuthenticatedContent::scratch() {
-    if (m_scratch == nullptr) {
-        m_scratch.reset(static_cast<unsigned char*>(OPENSSL_malloc(s_pieceLength + EVP_MAX_BLOCK_LENGTH)));
-        if (m_scratch == nullptr) {
-            throw std::bad_alloc();
-        }
+    if (m_scratch.empty()) {
+        m_scratch = openssl::WipedBytes(s_pieceLength + EVP_MAX_BLOCK_LENGTH);
     }
-    return m_scratch.get();
+    return m_scratch.data();
 }
 
 Octets AuthenticatedContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) {

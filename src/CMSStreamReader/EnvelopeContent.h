@@ -105,7 +105,7 @@ private:
     std::unique_ptr<Pieces> m_pieces;
     openssl::CipherContextPtr m_context;
     openssl::WipedBytes m_atOnce; ///< all of a small content
-    openssl::OwnedMemory<unsigned char> m_scratch;
+    openssl::WipedBytes m_scratch;
 };
 
 } // namespace Norvane::Crypto::CMS

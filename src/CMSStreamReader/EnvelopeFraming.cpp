@@ -15,8 +15,6 @@ using framing::TagClass;
 
 namespace {
 
-constexpr std::size_t s_longestIdentifier = 1024;
-constexpr std::size_t s_longestVersion = 64;
 constexpr std::array<unsigned char, 9> s_envelopedData{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x03};
 constexpr std::array<unsigned char, 11> s_authEnvelopedData{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D,
                                                             0x01, 0x09, 0x10, 0x01, 0x17};
@@ -39,7 +37,7 @@ bool isContext(const framing::Header* header, std::uint32_t tag) noexcept {
 Octets EnvelopeFraming::take(std::size_t limit, std::uint64_t from, TooLong what) {
     const std::uint64_t used = m_reader.position() - from;
     try {
-        return m_reader.take(used > limit ? 0 : static_cast<std::size_t>(limit - used));
+        return m_reader.take(limit - static_cast<std::size_t>(std::min<std::uint64_t>(used, limit)));
     } catch (const Broken& broken) {
         if (broken.fault() == Fault::tooLong) {
             throw what; // NOLINT(misc-throw-by-value-catch-by-reference): an enumerator
@@ -50,7 +48,8 @@ Octets EnvelopeFraming::take(std::size_t limit, std::uint64_t from, TooLong what
 
 /// The next element, which must be an object identifier.
 Octets EnvelopeFraming::takeIdentifier() {
-    const Octets identifier = m_reader.take(s_longestIdentifier);
+    constexpr std::size_t longest = 1024;
+    const Octets identifier = m_reader.take(longest);
     if (!framing::isObjectIdentifier(elementOf(identifier))) {
         throw Broken(Fault::malformed);
     }
@@ -74,7 +73,8 @@ void EnvelopeFraming::readHead(std::size_t limit) {
     m_reader.enter();
     m_reader.expect(framing::sequence);
     m_reader.enter();
-    if (!framing::isSmallInteger(elementOf(m_reader.take(s_longestVersion)))) {
+    constexpr std::size_t longestVersion = 64;
+    if (!framing::isSmallInteger(elementOf(m_reader.take(longestVersion)))) {
         throw Broken(Fault::malformed);
     }
     if (isContext(m_reader.next(), 0)) {

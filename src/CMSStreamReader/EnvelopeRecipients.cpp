@@ -280,7 +280,7 @@ void RecipientAlgorithms::readOriginator() {
         m_originatorAlgorithm = decoded(whole(elements.nextUniversal(framing::sequence)));
         const auto bits = elements.nextUniversal(framing::bitString);
         m_sound = m_sound && choice.atEnd() && key->header.constructed && elements.atEnd() &&
-                  m_originatorAlgorithm != nullptr && bits && !bits->header.constructed && bits->content.size() > 1 &&
+                  m_originatorAlgorithm != nullptr && bits && !bits->header.constructed && !bits->content.empty() &&
                   bits->content.front() == 0;
         if (m_sound) {
             m_originatorKey = bits->content.subspan(1);

@@ -24,7 +24,7 @@ std::string_view distinctive(NamedBy namedBy, const Buffer& name) noexcept {
         parts.next();
         const auto serial = parts.next();
         octets = serial ? serial->content : framing::Octets();
-        while (octets.size() > 1 && octets.front() == 0) {
+        while (!octets.empty() && octets.front() == 0) {
             octets = octets.subspan(1);
         }
     }

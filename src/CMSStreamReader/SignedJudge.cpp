@@ -103,6 +103,9 @@ std::optional<SignatureResult> findDigest(const SignerParts& signer, const Signe
     }
     const bool isAnnounced = std::ranges::any_of(
         content.announced, [&](const EVP_MD* one) { return EVP_MD_get_type(one) == EVP_MD_get_type(question.digest); });
+    if (isAnnounced && content.digests.size() < maximumDigests) { // it did not start: OpenSSL knows but its name
+        return unsupportedBy(SignatureReason::digestAlgorithm, signer.digestAlgorithm);
+    }
     return unsupportedBy(isAnnounced ? SignatureReason::tooManyDigests : SignatureReason::digestNotAnnounced,
                          signer.digestAlgorithm);
 }
@@ -214,7 +217,7 @@ SignedOctets signatureOf(const SignerParts& signer, const EVP_MD* algorithm) {
     content.octets = signer.signature;
     if (algorithm != nullptr) {
         BodyDigests digests;
-        static_cast<void>(digests.start(algorithm));
+        digests.start(algorithm);
         digests.update(signer.signature.data(), signer.signature.size());
         content.digests = digests.finished();
         content.announced = {algorithm};

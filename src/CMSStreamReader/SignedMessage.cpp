@@ -21,13 +21,9 @@ using framing::TagClass;
 
 namespace {
 
-constexpr std::size_t longestIdentifier = 1024;
-constexpr std::size_t longestVersion = 64;
 constexpr std::size_t longestPart = std::numeric_limits<std::int32_t>::max();
 /// What is digested and handed on at once: it stays in the processor's cache from one to the other.
 constexpr std::size_t sliceSize = std::size_t{32} << 10U;
-/// Different digest algorithms that are looked up; there are not as many.
-constexpr std::size_t mostAnnounced = 32;
 
 constexpr std::array<unsigned char, 9> idSignedData{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x02};
 
@@ -98,8 +94,9 @@ template <class Work> void SignedMessage::guarded(Work work) {
 /// The octets of the next element, which must be an object identifier. A content type without octets, above all, would let
 /// a countersignature, whose content has no type, pass for a signature.
 Octets SignedMessage::takeIdentifier() {
+    constexpr std::size_t longest = 1024;
     m_reader.expect(framing::objectIdentifier);
-    const auto identifier = framing::firstElement(m_reader.take(longestIdentifier));
+    const auto identifier = framing::firstElement(m_reader.take(longest));
     if (!identifier || !framing::isObjectIdentifier(*identifier)) {
         throw Broken(Fault::malformed);
     }
@@ -126,6 +123,7 @@ void SignedMessage::readHead() {
     m_reader.enter();
     m_reader.expect(framing::sequence);
     m_reader.enter();
+    constexpr std::size_t longestVersion = 64;
     m_reader.expect(framing::integer);
     const auto version = framing::firstElement(m_reader.take(longestVersion));
     if (!version || !framing::isSmallInteger(*version)) {
@@ -158,6 +156,7 @@ void SignedMessage::readHead() {
 }
 
 void SignedMessage::readDigestAlgorithms(Octets algorithms) {
+    constexpr std::size_t mostAnnounced = 32; // different ones, which are looked up; there are not as many
     std::vector<Octets> seen;
     Elements elements(algorithms);
     while (!elements.atEnd()) {
@@ -196,7 +195,7 @@ void SignedMessage::startDigests() {
                          });
     }
     for (const EVP_MD* digest : m_announced) {
-        static_cast<void>(m_digests.start(digest));
+        m_digests.start(digest);
     }
 }
 
@@ -214,26 +213,25 @@ void SignedMessage::digest(Octets octets) {
     }
 }
 
-/// Makes the next slice; false at the end of the content, behind which everything is read then.
-bool SignedMessage::load() {
+/// Makes the next slice; none at the end of the content, behind which everything is read then.
+void SignedMessage::load() {
     if (m_piece.empty()) {
         m_piece = m_reader.piece();
         if (m_piece.empty()) {
             m_reader.leave();
             m_reader.leave();
             readTail();
-            return false;
+            return;
         }
     }
     m_slice = m_piece.first(std::min(sliceSize, m_piece.size()));
     m_piece = m_piece.subspan(m_slice.size());
     digest(m_slice);
-    return true;
 }
 
 Octets SignedMessage::content() {
     if (m_slice.empty() && m_state != State::complete) {
-        guarded([this] { static_cast<void>(load()); });
+        guarded([this] { load(); });
     }
     return m_slice;
 }
@@ -291,9 +289,7 @@ void SignedMessage::forgetVerdicts() {
 }
 
 void SignedMessage::requireComplete() {
-    if (m_state == State::reading && m_slice.empty()) {
-        static_cast<void>(content()); // the end may be next
-    }
+    static_cast<void>(content()); // the end may be next
     if (m_state == State::failed) {
         failures::raise(failures::signedReader, m_failure);
     }
@@ -390,7 +386,6 @@ SignatureResult SignedMessage::verdictOnAttributes(const SignerParts& signer, co
         value.algorithm = digest;
         value.length = announced->size();
         std::ranges::copy(*announced, value.value.begin());
-        content.announced = {digest};
     }
     SignatureInQuestion question;
     if (auto fault = faultBesideSignature(parts, content, question)) {

@@ -61,7 +61,7 @@ private:
     void readSigners(framing::Octets signers);
     void startDigests();
     void digest(framing::Octets octets);
-    bool load();
+    void load();
     const SignedOctets& signedContent();
     SignedCertificates& named();
     std::optional<SignatureResult> faultOf(const SignerParts& signer, SignatureInQuestion& question);

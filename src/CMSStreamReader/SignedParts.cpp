@@ -54,7 +54,7 @@ void requireEnd(const Elements& elements) {
 /// 1.2.840.113549.1.9.16.2.n.
 std::optional<AttributeType> typeOf(Octets identifier) noexcept {
     static constexpr std::array<unsigned char, 8> pkcs9{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09};
-    if (identifier.size() <= pkcs9.size() || !std::equal(pkcs9.begin(), pkcs9.end(), identifier.begin())) {
+    if (!std::ranges::equal(identifier.first(std::min(identifier.size(), pkcs9.size())), pkcs9)) {
         return std::nullopt;
     }
     const Octets rest = identifier.subspan(pkcs9.size());
@@ -193,9 +193,7 @@ Octets shortestInteger(Octets content) noexcept {
 
 SignerParts readSigner(Octets signerInfo, KeptOctets& kept) {
     SignerParts signer;
-    Elements outer(signerInfo);
-    Elements parts(requiredConstructed(outer.nextUniversal(framing::sequence)));
-    requireEnd(outer);
+    Elements parts(requiredConstructed(Elements(signerInfo).nextUniversal(framing::sequence)));
     if (!framing::isSmallInteger(required(parts.nextUniversal(framing::integer)))) {
         throw Broken(Fault::malformed);
     }
@@ -247,7 +245,6 @@ void readCountersigners(SignerParts& signer, std::size_t most, std::size_t deepe
             signer.countersigners.push_back(std::move(read));
         }
     };
-    signer.countersigners.reserve(most);
     try {
         forEachAttribute(Elements(signer.unsignedAttributes),
                          [&](std::optional<AttributeType> type, const Elements& values) {

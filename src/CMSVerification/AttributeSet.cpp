@@ -75,7 +75,8 @@ constexpr unsigned char identifierTag = V_ASN1_OBJECT;
 
 } // namespace
 
-/// SET OF SEQUENCE { OBJECT IDENTIFIER, SET OF ANY }, of which only the values may hold anything.
+/// SET OF SEQUENCE { OBJECT IDENTIFIER, SET OF ANY }, of which only the values may hold anything. An element that is longer than what
+/// encloses it passes the end of that, which nothing stands at then.
 class AttributeSetDetector::Parser {
 public:
     void update(const unsigned char* data, std::size_t length) noexcept {
@@ -113,25 +114,16 @@ private:
         }
     }
 
-    /// Whether that many bytes still lie in what encloses them.
-    [[nodiscard]] bool fits(std::uint64_t length) const noexcept {
-        const std::uint64_t end = std::min(m_setEnd, m_attributeEnd);
-        return length < indefinite >> 1U && (end == indefinite || (m_position <= end && length <= end - m_position));
-    }
     [[nodiscard]] std::uint64_t endAfter(std::uint64_t length) const noexcept {
         return length == indefinite ? indefinite : m_position + length;
     }
 
     void headerRead(std::uint64_t length) noexcept {
         const unsigned char tag = m_header.tag();
-        if (!fits(length == indefinite ? 0 : length)) {
-            fail();
-            return;
-        }
         switch (m_expects) {
         case Expects::set:
             m_setEnd = endAfter(length);
-            m_expects = tag == setTag && length != 0 ? Expects::attribute : Expects::nothing;
+            m_expects = tag == setTag ? Expects::attribute : Expects::nothing;
             return;
         case Expects::attribute:
             if (m_header.isEndOfContents() && m_setEnd == indefinite && m_hasAttribute) {
@@ -142,7 +134,11 @@ private:
             m_expects = tag == sequenceTag ? Expects::type : Expects::nothing;
             return;
         case Expects::type:
-            tag == identifierTag&& length != indefinite ? skip(length) : fail();
+            if (tag != identifierTag || length == indefinite) {
+                fail();
+            } else {
+                skip(length);
+            }
             return;
         case Expects::values:
             valuesBegin(tag, length);

@@ -37,12 +37,10 @@ const BodyDigest* digestBy(const EVP_MD* algorithm, const std::vector<BodyDigest
     return found == digests.end() ? nullptr : &*found;
 }
 
-bool BodyDigests::start(const EVP_MD* algorithm) {
-    if (std::ranges::any_of(m_running, [&](const Running& one) { return isSame(one.algorithm, algorithm); })) {
-        return true;
-    }
-    if (m_running.size() == maximumDigests) {
-        return false;
+void BodyDigests::start(const EVP_MD* algorithm) {
+    if (std::ranges::any_of(m_running, [&](const Running& one) { return isSame(one.algorithm, algorithm); }) ||
+        m_running.size() == maximumDigests) {
+        return;
     }
     const openssl::ErrorMark mark;
     openssl::DigestContextPtr context(EVP_MD_CTX_new());
@@ -52,10 +50,9 @@ bool BodyDigests::start(const EVP_MD* algorithm) {
     // OpenSSL does not tell a digest that it has no memory for from one that it does not have.
     if (!openssl::beginDigest(context.get(), algorithm) && !openssl::beginDigest(context.get(), algorithm)) {
         mark.throwWithoutMemory();
-        return false;
+        return;
     }
     m_running.push_back({algorithm, std::move(context)});
-    return true;
 }
 
 void BodyDigests::update(const unsigned char* data, std::size_t count) noexcept {
@@ -68,7 +65,8 @@ std::vector<BodyDigest> BodyDigests::finished() const {
     std::vector<BodyDigest> values;
     values.reserve(m_running.size());
     for (const Running& one : m_running) {
-        BodyDigest value{one.algorithm, {}, 0};
+        BodyDigest value;
+        value.algorithm = one.algorithm;
         const openssl::DigestContextPtr copy(EVP_MD_CTX_new());
         if (copy == nullptr || EVP_MD_CTX_copy_ex(copy.get(), one.context.get()) != 1) {
             throw std::bad_alloc(); // a digest that is missing would count as one too many

@@ -110,6 +110,9 @@ std::optional<SignatureResult> Judge::faultBesideSignature(const PKCS7_SIGNER_IN
         return unsupported(SignatureReason::digestAlgorithm, openssl::algorithmIdentifier(signer->digest_alg));
     }
     const BodyDigest* digest = digestBy(algorithm, m_body.digests);
+    if (digest == nullptr && m_body.digests.size() < maximumDigests) { // it did not start: OpenSSL knows but its name
+        return unsupported(SignatureReason::digestAlgorithm, openssl::algorithmIdentifier(signer->digest_alg));
+    }
     if (digest == nullptr) {
         return unsupported(SignatureReason::tooManyDigests);
     }

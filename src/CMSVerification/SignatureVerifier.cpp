@@ -36,7 +36,7 @@ BodyDigests digestsFor(const std::vector<PKCS7_SIGNER_INFO*>& signers) {
     BodyDigests digests;
     for (const PKCS7_SIGNER_INFO* signer : signers) {
         if (const EVP_MD* algorithm = openssl::signerDigest(signer)) {
-            static_cast<void>(digests.start(algorithm));
+            digests.start(algorithm);
         }
     }
     return digests;

@@ -139,23 +139,15 @@ bool walkSignedData(Elements data, Finding& finding) noexcept {
 }
 
 bool walk(Octets bytes, Finding& finding) noexcept {
-    const auto structure = framing::firstElement(bytes);
-    if (!structure || !structure->isUniversal(framing::sequence)) {
-        return false;
-    }
-    Elements parts(*structure);
+    const auto structure = Elements(bytes).nextUniversal(framing::sequence);
+    Elements parts(structure ? structure->content : Octets());
     const auto type = parts.nextUniversal(framing::objectIdentifier);
-    const ASN1_OBJECT* signedData = OBJ_nid2obj(NID_pkcs7_signed);
-    if (!type || !std::ranges::equal(type->content, Octets(OBJ_get0_data(signedData), OBJ_length(signedData)))) {
-        return false;
-    }
     const auto explicitContent = parts.nextContext(0);
-    if (!explicitContent || !parts.atEnd()) {
-        return false;
-    }
-    Elements inside(*explicitContent);
+    Elements inside(explicitContent ? explicitContent->content : Octets());
     const auto data = inside.nextUniversal(framing::sequence);
-    return data && inside.atEnd() && walkSignedData(Elements(*data), finding);
+    const ASN1_OBJECT* signedData = OBJ_nid2obj(NID_pkcs7_signed);
+    return type && std::ranges::equal(type->content, Octets(OBJ_get0_data(signedData), OBJ_length(signedData))) &&
+           parts.atEnd() && data && inside.atEnd() && walkSignedData(Elements(*data), finding);
 }
 
 } // namespace

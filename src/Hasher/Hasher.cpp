@@ -68,8 +68,7 @@ void Hasher::update(const Buffer& data) {
 }
 
 void Hasher::update(const std::string& data) {
-    // A length is 32 bits wide; longer texts go in pieces.
-    constexpr std::size_t piece = std::numeric_limits<std::int32_t>::max();
+    constexpr std::size_t piece = std::size_t{1} << 20U; // a length is 32 bits wide
     for (std::size_t start = 0; start < data.size(); start += piece) {
         update(reinterpret_cast<const unsigned char*>(data.data()) + start,
                static_cast<unsigned int>(std::min(piece, data.size() - start)));

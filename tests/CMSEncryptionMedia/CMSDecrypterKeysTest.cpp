@@ -158,6 +158,49 @@ TEST(DecrypterKeys, AKeyOfAnotherNameOpensWhicheverRecipientItFits) {
     EXPECT_TRUE(opened.failed.empty());
 }
 
+// The one that was asked for is not the one that opens, wherever that stands.
+TEST(DecrypterKeys, AKeyOfAnotherNameOpensTheFirstRecipient) {
+    /// Knows the second recipient alone.
+    class Second : public Pairs {
+    public:
+        Second() : Pairs({}) {}
+        NVX509::KeyCertificatePair find(const NVX509::DistinguishedName& /*issuer*/,
+                                        const Crypto::ASN1::Integer& serial) override {
+            return serial.hex() == "78" ? pairOf(alice()) : NVX509::KeyCertificatePair(true);
+        }
+    };
+    const Bytes body = bodyOf(1000);
+    const Bytes issuer = identities().authority.name.der();
+    const Bytes structure = handMade(body, {recipientInfo(issuer, "77", wrappedFor(alice(), contentKey())),
+                                            recipientInfo(issuer, "78", Bytes(256, 1))});
+    EXPECT_EQ(openedBy(structure, storeOf(new Second)).body, body);
+}
+
+// What OpenSSL has to decode whole, as a key in segments (X.690, 8.7.3), is named likewise.
+TEST(DecrypterKeys, RecipientsThatAreDecodedWholeAreNamedLikewise) {
+    const Bytes body = bodyOf(100);
+    const Bytes wrapped = wrappedFor(alice(), contentKey());
+    const auto inSegments = [](const Identity& person, const Bytes& key) {
+        return der::sequence(
+            {der::integer("0"), der::sequence({identities().authority.name.der(), der::integer(person.serial)}),
+             der::sequence({der::oid("rsaEncryption"), der::null()}), der::element(0x24, der::octetString(key))});
+    };
+    PiecewiseIn in(handMade(body, {inSegments(bob(), wrapped), inSegments(alice(), wrapped)}));
+    Norvane::MemoryMediaOut out;
+    const RecordedLog log;
+    CMS::DecrypterMediaIn decrypter(in, storeOfKeys({&alice()}));
+    decrypter.write(out);
+    EXPECT_EQ(bytesOf(out.content()), body);
+    ASSERT_EQ(decrypter.failed().size(), 1U);
+    EXPECT_EQ(decrypter.failed().front().serialNumber()->hex(), bobSerial);
+    EXPECT_EQ(decrypter.failed().front().issuer()->asString(), "O=Mail,CN=Test Authority");
+    ASSERT_EQ(decrypter.succeeded().size(), 1U);
+    EXPECT_EQ(decrypter.succeeded().front().identifier().issuer()->asString(), "O=Mail,CN=Test Authority");
+    EXPECT_EQ(decrypter.succeeded().front().identifier().serialNumber()->hex(), aliceSerial);
+    ASSERT_EQ(log.records().size(), 1U);
+    EXPECT_EQ(log.records().front().fields, (std::vector<std::string>{"O=Mail,CN=Test Authority", "0b0b"}));
+}
+
 // A serial number is unique for its issuer alone: such a pair does not name the recipient either.
 TEST(DecrypterKeys, AKeyOfTheSameSerialNumberFromAnotherIssuerIsOfAnotherName) {
     const Bytes body = bodyOf(1000);

@@ -47,6 +47,9 @@ TEST(EncrypterRefusal, NobodyIsAddedOnceTheContentKeyIsEncrypted) {
     EXPECT_EQ(failure.where, "CMS::EncrypterMediaOutImpl::addCertificate");
     EXPECT_EQ(failure.code, 4);
     EXPECT_EQ(failure.line, 96U);
+    ASSERT_EQ(failure.details.size(), 1U);
+    EXPECT_NE(failure.details.front().find("called a function you should not call"), std::string::npos)
+        << failure.details.front();
     EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 

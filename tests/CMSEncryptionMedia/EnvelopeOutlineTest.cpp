@@ -70,6 +70,17 @@ TEST(EnvelopeOutline, OtherKindsOfRecipientsAreNamed) {
                      {"recipients by subject key identifier"});
 }
 
+TEST(EnvelopeOutline, KeyAgreementWithKeyingMaterial) {
+    const Bytes octets = der::octetString({1});
+    const Bytes algorithm = der::sequence({der::oid("1.3.132.1.11.1")});
+    for (const Bytes& material : {Bytes(), context(1, octets)}) {
+        const Bytes agreement =
+            context(1, der::concat({der::integer("3"), context(0, octets), material, algorithm, der::sequence({})}));
+        expectOpens(versionTwo({}, {agreement, recipient(alice())}, {}), bodyOf(1000),
+                    {"recipients by key agreement (dhSinglePass-stdDH-sha256kdf-scheme (1.3.132.1.11.1))"});
+    }
+}
+
 TEST(EnvelopeOutline, RecipientsThatPkcs7KnowsAreReadableAmongOthers) {
     const auto all = [](CMS_ContentInfo* structure) {
         addPassword(structure);
@@ -164,7 +175,19 @@ TEST(EnvelopeOutline, DamageIsDamage) {
             static_cast<void>(outline.readable(bufferOf(altered)));
         }
     }
-    // A recipient that is none spoils the message.
+    // A recipient that is none spoils the message, and what was found before it is not told.
+    const Bytes octets = der::octetString({1});
+    const Bytes algorithm = der::sequence({der::oid("1.2.3.4")});
+    const Bytes version = der::integer("3");
+    const Bytes password = context(3, version);
+    for (const Bytes& odd :
+         {octets, context(1, der::concat({version, context(0, octets)})), context(1, der::concat({version, algorithm})),
+          context(2, der::concat({version, algorithm})), context(2, version), context(4, octets),
+          der::sequence({version, octets}), Bytes{0x30, 0x05}}) {
+        const Outline outline(bufferOf(versionTwo({}, {password, odd}, {})));
+        EXPECT_EQ(outline.kind(), Outline::Damaged) << norvauthority::toHex(odd);
+        EXPECT_TRUE(outline.unsupported().empty());
+    }
     EXPECT_EQ(Outline(bufferOf(versionTwo({}, {recipient(alice()), der::octetString({1})}, {}))).kind(),
               Outline::Damaged);
     EXPECT_EQ(Outline(bufferOf(versionTwo({}, {context(3, {})}, {}))).kind(), Outline::Damaged);

@@ -84,6 +84,18 @@ TEST(EnvelopeFrame, IdentifiersOfAKilobyteAreTheLongest) {
     EXPECT_EQ(textOf(withType(1025)), noStructureText);
 }
 
+// A length may have zeros in front of it, in BER.
+TEST(EnvelopeFrame, VersionsOfSixtyFourOctetsAreTheLongest) {
+    const auto withVersion = [](std::size_t length) {
+        Bytes version{0x02, static_cast<unsigned char>(0x80 + length - 3)};
+        version.resize(length - 2, 0);
+        der::append(version, {1, 0});
+        return enveloped({version, recipients(), encrypted()});
+    };
+    EXPECT_EQ(textOf(withVersion(64)), "");
+    EXPECT_EQ(textOf(withVersion(65)), noStructureText);
+}
+
 // Each element counts up to its end, whatever comes after it.
 TEST(EnvelopeFrame, TheHeadEndsWithinItsBudget) {
     const Bytes version = der::integer("0");

@@ -46,9 +46,11 @@ TEST(KeyLookup, AKeyStoreFindsByIssuerAndSerialNumber) {
 }
 
 TEST(KeyLookup, ThePairOfTheRightNameComesFirst) {
-    // One plug-in's only key, whoever is asked for.
-    const Asking onlyBob([](const CMS::CertificateIdentifier&) { return pairOf(bob()); });
-    EXPECT_TRUE(openedWith(toAliceAndBob(), onlyBob).body == bodyOf(1000));
+    // One plug-in's only key, whoever is asked for, and wherever its recipient stands.
+    for (const Identity* only : {&alice(), &bob()}) {
+        const Asking keys([only](const CMS::CertificateIdentifier&) { return pairOf(*only); });
+        EXPECT_TRUE(openedWith(toAliceAndBob(), keys).body == bodyOf(1000));
+    }
     // A renewed certificate, which has another name.
     const Bytes message = envelope(
         {.recipients = {recipientInfo(identities().authority.name.der(), "77", wrappedFor(alice(), contentKey()))},
@@ -74,6 +76,13 @@ TEST(KeyLookup, PairsWithoutAUsableKeyAreNone) {
         EXPECT_EQ(outcome.verdict, Reader::Unopened);
         EXPECT_EQ(keys.asked, 2);
     }
+    // What is not supported is nothing to whom there is no key for.
+    const Asking none([](const CMS::CertificateIdentifier&) { return NVX509::KeyCertificatePair(false); });
+    const Bytes unsupported = der::sequence(
+        {der::integer("0"), nameIn(alice()), der::sequence({der::oid("1.2.3.4")}), der::octetString(Bytes(256, 1))});
+    const Outcome other = openedWith(authEnveloped({.recipients = {unsupported}}), none);
+    EXPECT_EQ(other.verdict, Reader::Unopened);
+    EXPECT_EQ(other.unsupported, "");
 }
 
 TEST(KeyLookup, EachNameIsAskedForOnce) {

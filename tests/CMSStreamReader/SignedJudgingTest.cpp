@@ -216,6 +216,65 @@ TEST(SignedJudging, ContentIsKeptWithinTheBudget) {
     }
 }
 
+// RFC 8419: Ed448 signs the content itself when there are no attributes.
+TEST(SignedJudging, AnEd448SignerWithoutAttributes) {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> made(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448"),
+                                                                   EVP_PKEY_free);
+    const Identity identity = namedLikeRsa(norvauthority::Key::of(made.get()));
+    const HandMadeSigner signer{.identity = &identity,
+                                .digestAlgorithm = algorithm("SHAKE256"),
+                                .signatureAlgorithm = algorithm("ED448"),
+                                .digest = nullptr};
+    EXPECT_EQ(Read(attachedBy(signer, body())).verdict().verdict, SignatureVerdict::good);
+    EXPECT_EQ(Read(attachedBy(signer, Bytes())).verdict().verdict, SignatureVerdict::good);
+}
+
+// What was found out about a body is nothing to the next one: neither the verdicts nor what they cost.
+TEST(SignedJudging, ABodyThatGoesOnIsAnotherBody) {
+    HandMade message = messageBy(signerOfBody(), {identities().rsa.certificate.der});
+    message.content.reset();
+    const Bytes structure = message.made();
+    StrictIn in(structure);
+    const SignedReader reader(in);
+    Norvane::MediaOut digest = reader.digest();
+    digest.write(body().data(), 100);
+    EXPECT_EQ(reader.report().signers.front().reason, SignatureReason::signatureWrong);
+    digest.write(body().data() + 100, static_cast<unsigned int>(body().size() - 100));
+    EXPECT_EQ(reader.report().signers.front().reason, SignatureReason::none);
+    // 16384 bits and an exponent of 64 are the most that one operation may cost; a structure may cost thirty of them.
+    message.certificates = {namedLikeRsa(publicRsa(16384, 64)).certificate.der};
+    StrictIn slowIn(message.made());
+    const SignedReader slow(slowIn);
+    Norvane::MediaOut slowDigest = slow.digest();
+    for (int turn = 0; turn < 40; ++turn) {
+        slowDigest.write(body().data(), 1);
+        EXPECT_EQ(slow.report().signers.front().reason, SignatureReason::signatureWrong);
+    }
+}
+
+// `maximumWork` is what a structure may cost, to the last of it.
+TEST(SignedJudging, TheLastOfTheWorkIsDone) {
+    const Identity most = namedLikeRsa(publicRsa(16384, 64)); // 16384
+    const Identity rest = norvauthority::issue({.subject = {{"CN", "rest"}},
+                                                .key = publicRsa(14216, 44), // 8480, which thirty of the others leave
+                                                .issuer = &identities().authority,
+                                                .serial = "4e57"});
+    static_assert(CMS::maximumWork == 30 * 16384 + 8480);
+    HandMade message = messageBy(signerOfBody(), {most.certificate.der, rest.certificate.der});
+    message.signers.resize(30, signerOfBody());
+    HandMadeSigner last;
+    last.name = der::sequence({identities().authority.name.der(), der::integer("4e57")});
+    message.signers.push_back(last.made(body()));
+    message.signers.push_back(last.made(body()));
+    const Read read(message.made());
+    const auto signers = read.message.report().signers;
+    ASSERT_EQ(signers.size(), 32U);
+    for (std::size_t at = 0; at < 31; ++at) {
+        EXPECT_EQ(signers[at].reason, SignatureReason::signatureWrong);
+    }
+    EXPECT_EQ(signers.back().reason, SignatureReason::tooMuchWork);
+}
+
 // What is handed out belongs to the caller, who may keep it.
 TEST(SignedJudging, CopiesOutliveTheMessage) {
     std::vector<Norvane::Buffer> copies;

@@ -180,6 +180,38 @@ TEST(SignedShapes, IdentifiersOfAKilobyteAreTheLongest) {
     EXPECT_EQ(faultOf(withType(1025)), "an element that is too long");
 }
 
+// A length may have zeros in front of it, in BER.
+TEST(SignedShapes, VersionsOfSixtyFourOctetsAreTheLongest) {
+    const auto withVersion = [](std::size_t length) {
+        Bytes version{0x02, static_cast<unsigned char>(0x80 + length - 3)};
+        version.resize(length - 2, 0);
+        der::append(version, {1, 1});
+        return messageWith([&](Message& one) { one.version = version; });
+    };
+    EXPECT_EQ(faultOf(withVersion(64)), "");
+    EXPECT_EQ(faultOf(withVersion(65)), "an element that is too long");
+}
+
+TEST(SignedShapes, ThirtyTwoLevelsAreTheDeepest) {
+    const auto withSegments = [](int levels) { // within the five around the content
+        Bytes content = der::octetString(body());
+        for (int level = 0; level < levels; ++level) {
+            content = der::element(0x24, content);
+        }
+        return messageWith([&](Message& one) { one.content = content; });
+    };
+    EXPECT_EQ(faultOf(withSegments(27)), "");
+    EXPECT_EQ(faultOf(withSegments(28)), "elements within elements to too many levels");
+}
+
+TEST(SignedShapes, DigestsThatAreNotAnnounced) {
+    for (const Bytes& announced : {der::set({}), der::set({algorithm("SHA1")}),
+                                   der::set({algorithm("SHA1"), algorithm("SHA512"), algorithm("SHA384")})}) {
+        expectUnsupported(SignatureReason::digestNotAnnounced,
+                          messageWith([&](Message& one) { one.digests = announced; }));
+    }
+}
+
 // CertificateSet and RevocationInfoChoices (RFC 5652, 10.2): sequences, and choices under a tag.
 TEST(SignedShapes, SetsHoldChoices) {
     const Bytes list = norvauthority::issueList({.issuer = &identities().authority, .crlNumber = "7"}).der;

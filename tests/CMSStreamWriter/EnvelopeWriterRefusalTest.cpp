@@ -256,6 +256,20 @@ TEST(EnvelopeRefusal, WritingAfterTheEnd) {
     }
 }
 
+TEST(EnvelopeRefusal, PiecesWithoutOctetsChangeNothing) {
+    Norvane::MemoryMediaOut target;
+    CMS::EnvelopeWriter writer({alice()});
+    writer.attach(target);
+    const Bytes body = bodyOf(10);
+    writer.write(nullptr, 7);
+    writer.write(body.data(), 0);
+    EXPECT_EQ(target.content().length(), 0U);
+    writer.write(body.data(), 10);
+    writer.write(nullptr, 0);
+    writer.end();
+    EXPECT_EQ(opened(bytesOf(target.content()), {"alice", alice(), &identities().rsa}), body);
+}
+
 TEST(EnvelopeRefusal, WithoutATarget) {
     EnvelopeOptions options;
     CMS::EnvelopeWriter writer({alice()}, options);

@@ -194,6 +194,15 @@ TEST(SignedRefusal, AttributesThatAreNone) {
         deep = der::sequence({deep});
     }
     EXPECT_EQ(refusalOfAttribute(attribute("1.2.3", {deep})), noDer);
+    // 64 levels, two of which are the attribute's own.
+    deep = one;
+    for (int level = 0; level < 62; ++level) {
+        deep = der::sequence({deep});
+    }
+    Signer signer(pairOf(identities().rsa));
+    signer.attributes = {bufferOf(attribute("1.2.3", {deep}))};
+    EXPECT_EQ(OpenSsl().verify(written(optionsFor({signer}), bodyOf(3))), textOf(bodyOf(3)));
+    EXPECT_EQ(refusalOfAttribute(attribute("1.2.3", {der::sequence({deep})})), noDer);
 
     const std::string noSequence = "signer 1: attribute 1: no sequence of a type and a set of values";
     EXPECT_EQ(refusalOfAttribute(one), noSequence);
@@ -231,6 +240,9 @@ TEST(SignedRefusal, CapabilitiesThatAreNone) {
     Signer signer(pairOf(identities().rsa));
     signer.capabilities.push_back({"nothing", Buffer()});
     EXPECT_EQ(refusal(signer), "signer 1: capability 6: no object identifier");
-    signer.capabilities = {{"1.2.3", bufferOf(Bytes{0x02, 0x01})}};
-    EXPECT_EQ(refusal(signer), "signer 1: capability 1: the parameters are no element in DER");
+    for (const Bytes& parameters : {Bytes{0x02, 0x01}, Bytes{0x05, 0x00, 0x05, 0x00}, Bytes{0x05, 0x00, 0x05},
+                                    Bytes{0x05, 0x81, 0x00}, Bytes{0x30, 0x80, 0x00, 0x00}}) {
+        signer.capabilities = {{"1.2.3", bufferOf(parameters)}};
+        EXPECT_EQ(refusal(signer), "signer 1: capability 1: the parameters are no element in DER");
+    }
 }

@@ -246,6 +246,16 @@ TEST(SignedStream, PiecesWithoutOctetsChangeNothing) {
     EXPECT_EQ(OpenSsl().verify(cmstest::bytesOf(target.content())), "");
 }
 
+// A segment has a header of up to four octets, which one for each octet of the body would make a message of four times its length.
+TEST(SignedStream, SmallPiecesAreGatheredIntoSegments) {
+    const Bytes body = bodyOf(100000);
+    for (const std::size_t piece : {1U, 100U, 4095U, 4096U, 4097U, 10000U}) {
+        const Bytes message = written(optionsFor(identities().rsa), body, piece);
+        EXPECT_EQ(OpenSsl().verify(message), textOf(body)) << piece;
+        EXPECT_LT(message.size(), body.size() + 5000) << piece;
+    }
+}
+
 // 5 GiB of zeroes: what stands in front of them announces all of them.
 TEST(SignedStream, LengthsBeyond4GiB) {
     constexpr std::uint64_t length = std::uint64_t{5} << 30U;

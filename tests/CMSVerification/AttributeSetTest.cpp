@@ -74,6 +74,13 @@ TEST(AttributeSet, LengthsOfEveryForm) {
     EXPECT_TRUE(isSet(indefinite(0x31, indefinite(0x30, values))));
     // A length in more octets than it needs.
     EXPECT_TRUE(isSet(der::concat({{0x31, 0x84, 0, 0, 0, static_cast<unsigned char>(first.size())}, first})));
+    // Of all elements, and up to seven octets of it.
+    const Bytes longer = der::concat(
+        {{0x30, 0x82, 0, static_cast<unsigned char>(first.size() - 2)}, Bytes(first.begin() + 2, first.end())});
+    EXPECT_TRUE(isSet(der::set({longer, first, longer})));
+    const auto length = static_cast<unsigned char>(first.size());
+    EXPECT_TRUE(isSet(der::concat({{0x31, 0x87, 0, 0, 0, 0, 0, 0, length}, first})));
+    EXPECT_FALSE(isSet(der::concat({{0x31, 0x88, 0, 0, 0, 0, 0, 0, 0, length}, first})));
     // A tag of more than one octet among the values.
     EXPECT_TRUE(isSet(der::set({attribute("1.2.3.4", {{0x1F, 0x81, 0x01, 0x02, 0x05, 0x06}})})));
     EXPECT_TRUE(isSet(
@@ -119,6 +126,19 @@ TEST(AttributeSet, OtherBodiesAreNone) {
              {0x31, 0x88, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x30, 0x00},
              {0x31, 0x87, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x30, 0x00},
              {0x31, 0xFF, 0x01},
+             // What does not fit, or is of another kind, in front of what would.
+             der::set({Bytes{0x30, 0x7F}, contentType()}),
+             der::set({contentType(), Bytes{0x30, 0x7F}, messageDigest()}),
+             der::sequence({contentType()}),
+             der::set({der::sequence({type, Bytes{0x30, 0}, values})}),
+             der::set({der::sequence({type, indefinite(0x31, der::concat({{0x04, 0x80}, der::null()}))})}),
+             der::set({der::sequence({Bytes{0x06, 0x80}, values})}),
+             der::set({der::sequence({Bytes{0x06, 0x80}, type, values})}),
+             {0x31, 0x01, 0x30},
+             {0x31, 0x00, 0x30, 0x07, 0x06, 0x03, 0x2A, 0x03, 0x04, 0x31, 0x00},
+             // A header across the end of what encloses it.
+             {0x31, 0x09, 0x30, 0x82, 0x00, 0x07, 0x06, 0x03, 0x2A, 0x03, 0x04, 0x31, 0x00},
+             {0x31, 0x01, 0x30, 0x07, 0x06, 0x03, 0x2A, 0x03, 0x04, 0x31, 0x00},
              // The end of an attribute of indefinite length, behind the end of the set.
              {0x31, 0x09, 0x30, 0x80, 0x06, 0x03, 0x2A, 0x03, 0x04, 0x31, 0x00, 0x00, 0x00},
              // A primitive element of indefinite length among the values.

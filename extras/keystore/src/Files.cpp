@@ -12,7 +12,6 @@ namespace Norvane::Crypto::NVX509::keystore {
 
 namespace {
 
-constexpr unsigned int largestFile = 1U << 20U;
 constexpr mode_t permissionBits = 07777;
 
 [[noreturn]] void throwErrno(const std::string& what, int error) {
@@ -54,14 +53,14 @@ void refuseUsableByOthers(mode_t mode) {
     throw Refusal(S_ISLNK(mode) ? "is a symbolic link, which is not followed" : "is no folder");
 }
 
-FileDescriptor folderOrRefusal(int opened, int parent, const std::string& name) {
-    const int error = errno;
-    struct stat status {};
-    if (opened < 0 && (error == ENOTDIR || error == ELOOP) &&
-        fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(status.st_mode)) {
-        refuseOther(status.st_mode);
-    }
+/// \param how what `name` is looked at with when it cannot be opened: a link that was followed is not what is no folder
+FileDescriptor folderOrRefusal(int opened, int parent, const std::string& name, int how) {
     if (opened < 0) {
+        const int error = errno;
+        struct stat status {};
+        if (error == ENOTDIR && fstatat(parent, name.c_str(), &status, how) == 0 && !S_ISDIR(status.st_mode)) {
+            refuseOther(status.st_mode);
+        }
         throwErrno("cannot be opened", error);
     }
     FileDescriptor folder(opened);
@@ -76,13 +75,13 @@ FileDescriptor openStore(const std::string& path) {
         throw Refusal("the path holds a NUL byte");
     }
     const int opened = callUninterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-    return folderOrRefusal(opened, AT_FDCWD, path);
+    return folderOrRefusal(opened, AT_FDCWD, path, 0);
 }
 
 FileDescriptor openFolder(const FileDescriptor& parent, const std::string& name) {
     const int opened = callUninterrupted(
         [&] { return ::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
-    return folderOrRefusal(opened, parent.get(), name);
+    return folderOrRefusal(opened, parent.get(), name, AT_SYMLINK_NOFOLLOW);
 }
 
 FileState folderState(const FileDescriptor& parent, const std::string& name) {
@@ -144,7 +143,8 @@ std::optional<Buffer> readFile(const FileDescriptor& folder, const std::string& 
         throw Refusal("is no regular file");
     }
     content == Content::secret ? refuseUsableByOthers(status.st_mode) : refuseWritableByAll(status.st_mode);
-    if (status.st_size > static_cast<off_t>(largestFile)) {
+    constexpr off_t largest = off_t{1} << 20U;
+    if (status.st_size > largest) {
         throw Refusal("is larger than 1 MiB");
     }
     FileContent all = readWhole(file, static_cast<unsigned int>(status.st_size), content == Content::secret);

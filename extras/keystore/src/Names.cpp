@@ -159,10 +159,10 @@ std::optional<CertificateNames> namesIn(const Buffer& pem, IssuerHashes& hashes)
     if (serial && serial->is(0, V_ASN1_CONTEXT_SPECIFIC)) { // the version
         serial = next(rest);
     }
-    const auto algorithm = next(rest);
+    static_cast<void>(next(rest)); // the algorithm of the signature
     const auto issuer = next(rest);
     if (!serial || !serial->is(V_ASN1_INTEGER) || serial->content.empty() ||
-        (bytesOf(serial->content)[0] & 0x80U) != 0 || !algorithm || !issuer) {
+        (bytesOf(serial->content)[0] & 0x80U) != 0 || !issuer) {
         return std::nullopt;
     }
     const auto hash = issuerHash(issuer->whole, hashes);

@@ -84,19 +84,17 @@ std::optional<Buffer> firstCertificate(const Buffer& pem) {
 }
 
 Buffer passphraseOf(const Buffer& text) {
-    const unsigned char* const bytes = text.data();
-    unsigned int length = text.length();
-    if (length > 0 && bytes[length - 1] == '\n') {
-        --length;
-        length -= length > 0 && bytes[length - 1] == '\r' ? 1U : 0U;
+    std::string_view line(reinterpret_cast<const char*>(text.data()), text.length());
+    if (line.ends_with('\n')) {
+        line.remove_suffix(line.ends_with("\r\n") ? 2 : 1);
     }
-    if (length > longestPassphrase) {
+    if (line.size() > longestPassphrase) {
         throw Refusal("is longer than " + std::to_string(longestPassphrase) + " bytes");
     }
-    if (std::find(bytes, bytes + length, '\n') != bytes + length) {
+    if (line.find('\n') != std::string_view::npos) {
         throw Refusal("holds more than one line");
     }
-    Buffer passphrase(bytes, length, false);
+    Buffer passphrase(line.data(), static_cast<unsigned int>(line.size()), false);
     passphrase.protect();
     return passphrase;
 }

@@ -77,10 +77,9 @@ Entry::Leaf readLeaf(const FileDescriptor& folder, const std::string& name) {
         if (!pem) {
             throw Refusal("is missing");
         }
-        auto certificates = certificatesOf(*pem);
+        const auto certificates = certificatesOf(*pem);
         const RefCertificate certificate = certificates.front();
         refuseUnusable(certificate);
-        certificates.pop_front();
         appendToChain(leaf.following, certificates, certificate);
         if ((X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0) { // OpenSSL then grants no usage at all
             leaf.onlyByName = {name, "cert.pem",

@@ -155,7 +155,7 @@ std::optional<Snapshot::Hit> Snapshot::find(const EmailAddress& address, Purpose
     std::optional<Hit> best;
     eachMatch(address.address(), [&](std::size_t rank) {
         Entry& entry = *m_entries[m_precedence[rank].entry];
-        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp), nullptr, false};
+        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp)};
         if (hit.leaf->certificate.isNull() || hit.leaf->fitness.at(static_cast<std::size_t>(purpose)) != Fitness::fit) {
             return false;
         }
@@ -205,7 +205,7 @@ template <class HasName> std::optional<Snapshot::Hit> Snapshot::firstWithKey(con
     }
     for (const std::size_t at : filed->second) {
         Entry& entry = *m_entries[at];
-        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp), nullptr, false};
+        Hit hit{&entry, entry.leaf(m_store, Asker::lookUp)};
         if (hit.leaf->certificate.isNull() || !hasName(static_cast<X509*>(hit.leaf->certificate))) {
             continue;
         }
@@ -219,9 +219,6 @@ template <class HasName> std::optional<Snapshot::Hit> Snapshot::firstWithKey(con
 }
 
 std::optional<Snapshot::Hit> Snapshot::find(const DistinguishedName& issuer, const ASN1::Integer& serial) const {
-    if (issuer.isNull() || serial.object() == nullptr) {
-        return std::nullopt;
-    }
     const auto name = issuerAndSerial(issuer.object(), serial.object());
     if (!name) {
         return std::nullopt;

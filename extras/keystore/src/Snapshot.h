@@ -25,8 +25,8 @@ public:
     struct Hit {
         const Entry* entry;
         std::shared_ptr<const Entry::Leaf> leaf;
-        std::shared_ptr<const Entry::Holding> holding; ///< null when no key was asked for
-        bool isValid;
+        std::shared_ptr<const Entry::Holding> holding{}; ///< null when no key was asked for
+        bool isValid = false;
     };
 
     // All of these: \throws Changed, Exhausted

@@ -439,6 +439,15 @@ TEST_F(DirectoryKeyStoreLoadTest, ADirectoryThatCannotBeUsedIsThrown) {
     EXPECT_EQ(detail(std::string("/tmp\0/x", 7)), std::string("/tmp\0/x: the path holds a NUL byte", 34));
     m_store.file("file", "");
     EXPECT_EQ(detail(m_store.path("file")), m_store.path("file") + ": is no folder");
+    // What a link leads to counts, since it is followed.
+    std::filesystem::create_symlink("file", m_store.path(".link"));
+    EXPECT_EQ(detail(m_store.path(".link")), m_store.path(".link") + ": is no folder");
+    std::filesystem::create_symlink("nowhere", m_store.path(".nowhere"));
+    EXPECT_EQ(detail(m_store.path(".nowhere")),
+              m_store.path(".nowhere") + ": cannot be opened: No such file or directory");
+    std::filesystem::create_symlink(".loop", m_store.path(".loop"));
+    EXPECT_EQ(detail(m_store.path(".loop")),
+              m_store.path(".loop") + ": cannot be opened: Too many levels of symbolic links");
     m_store.folder(".", 0757);
     EXPECT_EQ(detail(m_store.path()),
               m_store.path() + ": everybody may write it (mode 0757); chmod o-w takes that away");

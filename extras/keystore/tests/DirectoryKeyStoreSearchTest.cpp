@@ -103,6 +103,88 @@ TEST_F(DirectoryKeyStoreSearchTest, ACertificateThatIsDamagedAnywhereKeepsNobody
     EXPECT_EQ(found(store, identity("nobody")), "nobody");
 }
 
+// What a certificate begins with is looked at in place; each of these lacks something there, or has something else.
+TEST_F(DirectoryKeyStoreSearchTest, ACertificateThatLacksSomethingKeepsNobodyFromBeingFound) {
+    namespace der = norvauthority::der;
+    using norvauthority::Bytes;
+    const auto good = identity("good", {.subjectKeyIdentifierValue = Bytes{'g', 'o', 'o', 'd'}});
+    const Bytes name = good.name.der();
+    const Bytes serial = der::integer(good.serial);
+    const Bytes algorithm = der::sequence({der::oid("1.2.840.113549.1.1.11"), der::null()});
+    const Bytes version = der::element(0xA0, der::integer("2"));
+    const Bytes type = der::oid("2.5.29.14");
+    const Bytes identifier = der::octetString(der::octetString({'g', 'o', 'o', 'd'}));
+    const auto named = der::concat({version, serial, algorithm, name});
+    const auto extensions = [&](const Bytes& content) { return der::concat({named, der::element(0xA3, content)}); };
+    const auto extension = [&](const Bytes& content) { return extensions(der::sequence({der::sequence({content})})); };
+    const std::vector<Bytes> all{
+        {},
+        version,
+        serial,
+        der::concat({version, serial}),
+        der::concat({version, algorithm, name}),
+        der::concat({serial, algorithm}),
+        der::concat({version, serial, algorithm, der::null()}),
+        der::concat({version, der::null(), algorithm, name}),
+        der::concat({version, Bytes{0x02, 0x00}, algorithm, name}),
+        der::concat({version, Bytes{0x02, 0x01, 0x81}, algorithm, name}),
+        der::concat({version, version, serial, algorithm, name}),
+        named,
+        der::concat({named, {0xFF}}),
+        der::concat({named, {0x30, 0x05}}),
+        der::concat({named, {0x30, 0x80, 0x00, 0x00}}),
+        extensions({}),
+        extensions(der::null()),
+        extensions({0x30, 0x05}),
+        extensions(der::sequence({})),
+        extensions(der::sequence({Bytes{0xFF}})),
+        extensions(der::sequence({Bytes{0x30, 0x7F}})),
+        extension({}),
+        extension(type),
+        extension(identifier),
+        extension(der::concat({type, Bytes{0x01, 0x01, 0xFF}})),
+        extension(der::concat({type, der::null()})),
+        extension(der::concat({type, der::octetString({})})),
+        extension(der::concat({type, der::octetString({0x30})})),
+        extension(der::concat({type, der::octetString(der::null())})),
+        extension(der::concat({type, identifier})),
+        extension(der::concat({type, Bytes{0x01, 0x01, 0xFF}, identifier})),
+    };
+    for (std::size_t at = 0; at < all.size(); ++at) {
+        auto one = good;
+        one.certificate.der = der::sequence({der::sequence({all[at]}), algorithm, der::bitString({1})});
+        m_store.add("a" + std::to_string(at), "", one);
+    }
+    m_store.add("good", "", good);
+    m_store.folder("none");
+    m_store.add("empty", "", good);
+    m_store.file("empty/cert.pem", "-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n", 0644);
+    const auto store = open();
+    EXPECT_EQ(found(store, good), "good");
+    EXPECT_EQ(foundByKeyIdentifier(store, "good"), "good");
+    EXPECT_EQ(found(store, identity("nobody")), "nobody");
+}
+
+TEST_F(DirectoryKeyStoreSearchTest, NothingIsFoundWithoutAName) {
+    const auto who = identity("who");
+    m_store.add("x", "", who);
+    const auto store = open();
+    const auto certificate = x509testing::read(who);
+    EXPECT_FALSE(store->search(DistinguishedName(), certificate->serialNumber()));
+    EXPECT_FALSE(store->search(certificate->issuer(), ASN1::Integer()));
+    EXPECT_EQ(found(store, who), "x");
+}
+
+// Names that are read behind the certificate and its key are taken from them.
+TEST_F(DirectoryKeyStoreSearchTest, WhoWasFoundByAddressIsFoundByKeyIdentifierToo) {
+    m_store.add("x", "x@example.com\n",
+                identity("x", {.subjectKeyIdentifierValue = norvauthority::Bytes{'k', 'e', 'y'}}));
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "x@example.com"), "x");
+    EXPECT_EQ(foundByKeyIdentifier(store, "key"), "x");
+    EXPECT_EQ(foundByKeyIdentifier(store, "kez"), "nobody");
+}
+
 // Certificates are no secret. One in a block that says to be encrypted (RFC 1421, 4.6.1.1) does not decode, and nobody is asked.
 TEST_F(DirectoryKeyStoreSearchTest, ACertificateThatSaysToBeEncryptedIsRefusedWithoutAQuestion) {
     const auto who = identity("who");

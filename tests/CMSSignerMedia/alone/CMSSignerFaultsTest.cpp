@@ -157,7 +157,7 @@ TEST_F(Fault, NoMemoryForAStructure) {
     EXPECT_EQ(failure.line, 404U);
     EXPECT_EQ(failure.details, std::vector<std::string>{"Creation failed"});
     EXPECT_TRUE(log.records().empty());
-    ERR_clear_error();
+    EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
 TEST_F(Fault, TheStructureCannotBeTyped) {

@@ -23,6 +23,7 @@ int s_verifications = 0;
 int s_attributeSets = 0;
 std::size_t s_digested = 0;
 std::size_t s_allocated = 0;
+int s_withoutDigest = NID_undef; ///< as if no provider had this one
 
 void startCounting() {
     norvtest::s_beforeAllocation = [](std::size_t length) { s_allocated += length; };
@@ -55,6 +56,12 @@ int EVP_PKEY_verify(EVP_PKEY_CTX* context, const unsigned char* signature, std::
 ASN1_VALUE* ASN1_item_d2i(ASN1_VALUE** reused, const unsigned char** in, long length, const ASN1_ITEM* item) {
     s_attributeSets += item == ASN1_ITEM_rptr(PKCS7_ATTR_SIGN) ? 1 : 0;
     return norvtest::next<&ASN1_item_d2i>("ASN1_item_d2i")(reused, in, length, item);
+}
+int EVP_DigestInit_ex(EVP_MD_CTX* context, const EVP_MD* digest, ENGINE* engine) {
+    if (s_withoutDigest != NID_undef && digest != nullptr && EVP_MD_get_type(digest) == s_withoutDigest) {
+        return norvtest::failIn("EVP_DigestInit_ex", ERR_LIB_EVP, EVP_R_UNSUPPORTED_ALGORITHM);
+    }
+    return norvtest::next<&EVP_DigestInit_ex>("EVP_DigestInit_ex")(context, digest, engine);
 }
 int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) {
     s_digested += length;
@@ -226,6 +233,31 @@ TEST(SignedReaderWork, AHundredSignersAndNotOneMore) {
     const auto thrown = norvtest::thrownBy([&] { message.write(out); });
     norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");
     EXPECT_EQ(norvtest::detailOf(thrown), "more than 100 signers");
+}
+
+// OpenSSL knows digests by name that no provider of an installation need have.
+TEST(SignedReaderWork, ADigestThatDoesNotStartIsUnsupported) {
+    HandMadeSigner signer;
+    signer.digestAlgorithm = algorithm("RIPEMD160", true);
+    HandMadeSigner countersigner = signer;
+    const Bytes signature = signatureBy(identities().rsa.key, body(), EVP_sha256());
+    signer.unsignedAttributes = {attribute(countersignatureAttribute, {countersigner.made(signature)})};
+    HandMade message = messageBy({signer.made(body())}, {identities().rsa.certificate.der});
+    message.digestAlgorithms = {signer.digestAlgorithm};
+    const norvtest::During<int> without(s_withoutDigest, NID_ripemd160);
+    const auto expectUnsupported = [](const CMS::SignatureResult& result) {
+        EXPECT_EQ(result.verdict, SignatureVerdict::unsupported);
+        EXPECT_EQ(result.reason, SignatureReason::digestAlgorithm) << CMS::textOf(result.reason);
+        EXPECT_EQ(result.algorithm, "ripemd160");
+    };
+    const Read read(message.made());
+    expectUnsupported(read.verdict());
+    ASSERT_EQ(read.signer().countersigners().size(), 1U);
+    expectUnsupported(read.message.verdict(read.signer().countersigners().front()));
+
+    Norvane::MemoryMediaIn in(bufferOf(message.made()));
+    Norvane::MemoryMediaIn bodyIn(bufferOf(body()));
+    expectUnsupported(CMS::verifySignatures(CMS::RefContentInfo(in), bodyIn).signers.front());
 }
 
 TEST(SignedReaderWork, TheSignersOfAMessageShareALimit) {

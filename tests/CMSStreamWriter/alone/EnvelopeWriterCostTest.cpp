@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <map>
 #include <new>
 
 using namespace cmstest;
@@ -28,6 +29,7 @@ std::size_t s_allocations = 0;
 std::size_t s_live = 0;
 std::size_t s_peak = 0;
 int s_encryptions = 0;
+bool s_withoutEncrypting = false; ///< the result is nothing, and costs nothing
 
 void* counted(void* memory) {
     ++s_allocations;
@@ -231,6 +233,10 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 extern "C" int EVP_PKEY_encrypt(EVP_PKEY_CTX* context, unsigned char* out, std::size_t* outLength,
                                 const unsigned char* in, std::size_t inLength) {
     ++s_encryptions;
+    if (s_withoutEncrypting && out != nullptr) {
+        std::fill_n(out, *outLength, static_cast<unsigned char>(1));
+        return 1;
+    }
     return norvtest::next<&EVP_PKEY_encrypt>("EVP_PKEY_encrypt")(context, out, outLength, in, inLength);
 }
 
@@ -345,6 +351,58 @@ TEST(EnvelopeCost, TheKeysOfAllRecipientsAreOneSum) {
     EXPECT_EQ(refused(std::vector<EnvelopeRecipient>(580, EnvelopeRecipient(certificateOf(onCurve("P-521"))))),
               "the keys of the recipients cost too much to encrypt with");
     EXPECT_EQ(s_encryptions, 0);
+}
+
+// The last of it may be spent; a key that sender and recipient share costs nothing.
+TEST(EnvelopeCost, TheKeysOfAllRecipientsMayCostTheSum) {
+    std::vector<EnvelopeRecipient> recipients(
+        610, EnvelopeRecipient(certificateWith(rsaKey(16384, "FFFFFFFFFFFFFFFF")))); // 16384
+    recipients.emplace_back(certificateWith(rsaKey(9715, "FFFFFFFFFFFFFFFF")));      // 5760
+    static_assert(CMS::maximumEnvelopeWork == 610 * 16384 + 5760);
+    recipients.push_back(sharedKey());
+    const norvtest::During<bool> withoutEncrypting(s_withoutEncrypting, true);
+    EXPECT_NO_THROW(CMS::EnvelopeWriter{recipients});
+    recipients.push_back(alice());
+    EXPECT_EQ(refused(recipients), "the keys of the recipients cost too much to encrypt with");
+}
+
+// KEKRecipientInfo (RFC 5652, 6.2.3) of any length, up to the last octet that all may have.
+TEST(EnvelopeCost, RecipientsMayTakeAllOfTheirOctets) {
+    const auto length = [](std::size_t ofIdentifier) {
+        return der::element(0xA2,
+                            der::concat({der::integer("4"), der::sequence({der::octetString(Bytes(ofIdentifier, 'k'))}),
+                                         der::sequence({der::oid("2.16.840.1.101.3.4.1.45")}),
+                                         der::octetString(Bytes(40, 0))})) // a key of 256 bits, wrapped
+            .size();
+    };
+    const auto recipient = [](std::size_t ofIdentifier) {
+        return EnvelopeRecipient::keyEncryptionKey(bufferOf(kekOf(32)), bufferOf(Bytes(ofIdentifier, 'k')));
+    };
+    constexpr std::size_t longest = 1000;
+    const std::size_t many = CMS::maximumRecipientOctets / length(longest) - 1;
+    const std::size_t rest = CMS::maximumRecipientOctets - many * length(longest);
+    std::map<std::size_t, std::size_t> lengths; // of identifiers, by those of recipients
+    for (std::size_t at = 1; at < longest; ++at) {
+        lengths.emplace(length(at), at);
+    }
+    std::size_t first = 0;
+    std::size_t second = 0;
+    for (const auto& [octets, ofIdentifier] : lengths) {
+        if (const auto other = octets < rest ? lengths.find(rest - octets) : lengths.end(); other != lengths.end()) {
+            first = ofIdentifier;
+            second = other->second;
+        }
+    }
+    ASSERT_NE(first, 0U);
+    EnvelopeOptions options;
+    options.cipher = ContentCipher::aes256Cbc;
+    std::vector<EnvelopeRecipient> recipients(many, recipient(longest));
+    recipients.push_back(recipient(first));
+    recipients.push_back(recipient(second));
+    EXPECT_NO_THROW(CMS::EnvelopeWriter(recipients, options));
+    recipients.back() = recipient(second + 1);
+    EXPECT_EQ(detailOf(thrownBy([&] { CMS::EnvelopeWriter(recipients, options); })),
+              "the recipients take more than 4193280 bytes, which readers refuse");
 }
 
 TEST(EnvelopeCost, NamesThatOthersMadeLongAreLimited) {

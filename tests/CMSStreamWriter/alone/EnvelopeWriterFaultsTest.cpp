@@ -145,10 +145,16 @@ TEST(EnvelopeFaults, AKeyThatCannotBePrepared) {
 
 TEST(EnvelopeFaults, EncryptionThatFailsBreaksTheMessage) {
     const Bytes body = bodyOf(50000);
-    for (const auto encoding : {EnvelopeEncoding::ber, EnvelopeEncoding::der}) {
+    using Way = std::tuple<ContentCipher, EnvelopeEncoding>;
+    for (const auto& [cipher, encoding] :
+         {Way{ContentCipher::aes128Gcm, EnvelopeEncoding::ber}, Way{ContentCipher::aes128Gcm, EnvelopeEncoding::der},
+          Way{ContentCipher::aes128Cbc, EnvelopeEncoding::ber}, Way{ContentCipher::aes128Cbc, EnvelopeEncoding::der}}) {
         for (const char* function : {"EVP_EncryptUpdate", "EVP_EncryptFinal_ex", "EVP_CIPHER_CTX_ctrl"}) {
+            if (cipher == ContentCipher::aes128Cbc && std::strcmp(function, "EVP_CIPHER_CTX_ctrl") == 0) {
+                continue; // it has no tag
+            }
             EnvelopeOptions options;
-            options.cipher = ContentCipher::aes128Gcm;
+            options.cipher = cipher;
             options.encoding = encoding;
             Norvane::MemoryMediaOut target;
             CMS::EnvelopeWriter writer({one("rsa").recipient}, options);

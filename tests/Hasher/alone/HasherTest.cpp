@@ -98,6 +98,25 @@ void PrintTo(const Vector& vector, std::ostream* out) {
     *out << vector.name;
 }
 
+// Texts may be longer than a length of 32 bits tells: they are taken in pieces.
+TEST_F(Hashing, LongTextsInPieces) {
+    for (const std::size_t length : {1048575U, 1048576U, 1048577U, 3145728U, 3145733U}) {
+        std::string text(length, 'a');
+        for (std::size_t at = 0; at < length; at += 1000) {
+            text[at] = static_cast<char>('b' + at % 23);
+        }
+        unsigned char digest[32];
+        ASSERT_EQ(EVP_Digest(text.data(), text.size(), digest, nullptr, EVP_sha256(), nullptr), 1);
+        std::string expected;
+        for (const unsigned char octet : digest) {
+            constexpr const char* digits = "0123456789abcdef";
+            expected += digits[octet >> 4U];
+            expected += digits[octet & 15U];
+        }
+        EXPECT_EQ(hexOf(Hasher::SHA256, text), expected) << length;
+    }
+}
+
 class Digests : public testing::TestWithParam<Vector> {};
 
 TEST_P(Digests, GiveThePublishedDigestOfAbc) {

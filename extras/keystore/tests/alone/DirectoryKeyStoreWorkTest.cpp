@@ -27,7 +27,8 @@ std::mutex s_mutex;
 std::map<std::string, int> s_opened; ///< by the last part of the name
 int s_reads = 0;
 std::atomic<int> s_decoded{0};
-int s_statError = 0; ///< of keys
+int s_statError = 0;    ///< of keys
+int s_commonFlags = -1; ///< with which everything was opened
 std::function<void(const std::string&)> s_onOpen;
 
 } // namespace
@@ -37,6 +38,7 @@ extern "C" int openat(int folder, const char* name, int flags, ...) {
     {
         const std::lock_guard<std::mutex> lock(s_mutex);
         ++s_opened[whole.substr(whole.rfind('/') + 1)];
+        s_commonFlags &= whole == "." ? ~0 : flags;
     }
     if (s_onOpen) {
         s_onOpen(whole);
@@ -122,6 +124,13 @@ TEST_F(DirectoryKeyStoreWorkTest, OpeningReadsThePatternsAlone) {
     EXPECT_EQ(s_decoded, 0);
 }
 
+// Whoever may write a folder could put any pattern in it.
+TEST_F(DirectoryKeyStoreWorkTest, NothingIsReadOfAFolderThatEverybodyMayWrite) {
+    m_store.add("x", "x@example.com\n");
+    m_store.folder("x", 0777);
+    EXPECT_THAT(openedBy([&] { EXPECT_EQ(signerFor(open(), "x@example.com"), "nobody"); }), IsEmpty());
+}
+
 TEST_F(DirectoryKeyStoreWorkTest, SigningReadsOneIdentityAndOnce) {
     addPeople();
     const auto store = open();
@@ -183,6 +192,57 @@ TEST_F(DirectoryKeyStoreWorkTest, NamesOfRecipientsAreFoundWithoutDecodingTheOth
     EXPECT_EQ(s_decoded, 1);
 }
 
+// Numbers are each authority's own.
+TEST_F(DirectoryKeyStoreWorkTest, OfOneSerialNumberOnlyTheOneOfTheIssuerIsDecoded) {
+    std::vector<norvauthority::Identity> all;
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        all.push_back(identity(name, {.serial = "77", .ca = true})); // signed by itself, with a critical extension
+        m_store.add(name, "", all.back());
+    }
+    const auto certificate = x509testing::read(all.back());
+    const auto store = open();
+    openedBy([&] { EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "e"); });
+    EXPECT_EQ(s_decoded, 1);
+}
+
+// A link that somebody puts in the place of what was listed is not followed, and no program that is started meanwhile gets a file.
+TEST_F(DirectoryKeyStoreWorkTest, NothingIsOpenedThroughALinkOrForOtherPrograms) {
+    const auto who = identity("x");
+    m_store.add("x", "x@example.com\n", who);
+    const auto certificate = x509testing::read(who);
+    s_commonFlags = -1;
+    openedBy([&] {
+        const auto store = open();
+        EXPECT_EQ(keystoretesting::who(store->find(certificate->issuer(), certificate->serialNumber())), "x");
+    });
+    EXPECT_NE(s_commonFlags, -1);
+    EXPECT_EQ(s_commonFlags & O_NOFOLLOW, O_NOFOLLOW);
+    EXPECT_EQ(s_commonFlags & O_CLOEXEC, O_CLOEXEC);
+}
+
+// A daemon may have closed its standard input: descriptor 0 is one like any other.
+TEST_F(DirectoryKeyStoreWorkTest, DescriptorZeroIsOneLikeAnyOther) {
+    const auto whose = identity("x");
+    m_store.add("x", "x@example.com\n", whose);
+    const auto certificate = x509testing::read(whose);
+    const auto withoutInput = [](const auto& work) {
+        const int kept = dup(0);
+        close(0);
+        work();
+        if (kept >= 0) {
+            dup2(kept, 0);
+            close(kept);
+        }
+    };
+    withoutInput([&] { EXPECT_EQ(signerFor(open(), "x@example.com"), "x"); }); // the store
+    const auto first = open();
+    withoutInput([&] { EXPECT_EQ(signerFor(first, "x@example.com"), "x"); }); // a folder in it
+    const auto second = open();
+    withoutInput([&] { // a file
+        EXPECT_EQ(who(second->find(certificate->issuer(), certificate->serialNumber())), "x");
+    });
+}
+
 TEST_F(DirectoryKeyStoreWorkTest, CertificatesAreReadWithoutKeys) {
     addPeople();
     const auto authority = identity("authority");
@@ -218,6 +278,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AReloadReadsWhatChangedAlone) {
     EXPECT_THAT(openedBy([&] { store->reload(); }), IsEmpty());
     EXPECT_EQ(s_reads, 0);
     EXPECT_THAT(openedBy([&] { EXPECT_EQ(store->findSigningKey(address("p7@example.com")), seven); }), IsEmpty());
+    EXPECT_THAT(openedBy([&] { EXPECT_EQ(recipientFor(store, "p8@example.com"), "p8"); }), IsEmpty());
 
     m_store.add("p9", "nine@example.com\n");
     m_store.add("new", "new@example.com\n");
@@ -346,6 +407,23 @@ TEST_F(DirectoryKeyStoreWorkTest, WhatCouldNotBeUsedIsReadAgainByAReloadAndLogge
     Norvane::Logger::instance(false).sink(nullptr);
 }
 
+TEST_F(DirectoryKeyStoreWorkTest, ACertificateThatCannotBeUsedIsLoggedOnceToWhoCouldHaveUsedIt) {
+    m_store.add("x", "x@example.com\n");
+    m_store.file("x/cert.pem", "nothing", 0644);
+    const auto store = open();
+    auto sink = std::make_shared<Norvane::RecordingLogSink>();
+    Norvane::Logger::instance(false).sink(sink);
+    EXPECT_THAT(problemsOf(store), ElementsAre("x/cert.pem: holds no certificate in PEM form"));
+    EXPECT_THAT(sink->records(), IsEmpty());
+    EXPECT_EQ(recipientFor(store, "x@example.com"), "nobody");
+    EXPECT_EQ(recipientFor(store, "x@example.com"), "nobody");
+    EXPECT_EQ(signerFor(store, "x@example.com"), "nobody");
+    ASSERT_EQ(sink->records().size(), 1U);
+    EXPECT_EQ(sink->records()[0].event, 0x3000062U);
+    EXPECT_THAT(sink->records()[0].fields, ElementsAre("x", "cert.pem", "holds no certificate in PEM form"));
+    Norvane::Logger::instance(false).sink(nullptr);
+}
+
 // What nobody asked for before it changed is not taken for what was listed: its patterns may be others.
 TEST_F(DirectoryKeyStoreWorkTest, AFolderThatChangedBeforeItWasReadIsListedAnewWithTheWholeStore) {
     for (const char* name : {"a", "b", "c"}) {
@@ -386,6 +464,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AStoreThatNeverComesToRestIsGivenUp) {
         }
     };
     const auto thrown = thrownBy([&] { static_cast<void>(store->findSigningKey(address("x@example.com"))); });
+    EXPECT_EQ(changes, 16);
     norvtest::expectFailure(thrown, "DirectoryKeyStore::find", 4, "DirectoryKeyStore");
     EXPECT_THAT(detailOf(thrown), testing::EndsWith(": changes again and again while it is read"));
     s_onOpen = nullptr;
@@ -419,6 +498,39 @@ TEST_F(DirectoryKeyStoreWorkTest, WhatIsReadAheadIsNotLookedAtAgain) {
                     EXPECT_EQ(explained(store, "p9@example.com", Purpose::signing).size(), 1U);
                 }),
                 IsEmpty());
+}
+
+// Reading ahead tries three times, and leaves what does not come to rest to who asks for it.
+TEST_F(DirectoryKeyStoreWorkTest, AFolderThatGoesOnChangingIsReadAheadThreeTimes) {
+    m_store.add("x", "x@example.com\n");
+    const auto who = identity("x");
+    int changes = 0;
+    s_onOpen = [&](const std::string& name) {
+        if (name == "x") { // opened to read its certificate
+            std::filesystem::rename(m_store.path("x"), m_store.path(".x" + std::to_string(++changes)));
+            m_store.add("x", "x@example.com\n", who);
+        }
+    };
+    const auto store = open(Reading::ahead);
+    EXPECT_EQ(changes, 3);
+    s_onOpen = nullptr;
+    EXPECT_EQ(signerFor(store, "x@example.com"), "x");
+}
+
+// What was written in place is read again, and what is listed of its folder stays.
+TEST_F(DirectoryKeyStoreWorkTest, AFileThatWasWrittenInPlaceCostsOneReading) {
+    m_store.add("x", "x@example.com\n");
+    m_store.add("y", "y@example.com\n");
+    const auto store = open();
+    EXPECT_EQ(signerFor(store, "x@example.com"), "x");
+    m_store.file("x/cert.pem", identity("renewed").certificate.pem());
+    const timespec times[] = {{.tv_sec = 1, .tv_nsec = 0}, {.tv_sec = 1, .tv_nsec = 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, m_store.path("x/cert.pem").c_str(), times, 0), 0);
+    norvtest::secondsAhead += 1000;
+    EXPECT_THAT(openedBy([&] { store->reload(); }), IsEmpty());
+    EXPECT_THAT(openedBy([&] { EXPECT_EQ(recipientFor(store, "x@example.com"), "renewed"); }),
+                ElementsAre(Pair("cert.pem", 1)));
+    EXPECT_THAT(openedBy([&] { store->reload(); }), IsEmpty());
 }
 
 // Hostile
