@@ -145,6 +145,16 @@ TEST_F(TrustChain, TimesOfEveryCertificate) {
     }
 }
 
+/// An authority with a new key that its old one certified: two of one name, both told.
+TEST_F(TrustChain, NamesakesInOneChainAreToldEach) {
+    const Time end = Time::utc("260102030405Z");
+    const Identity old = authority("Middle", 1, &m_root, {.serial = "b2", .notAfter = end});
+    const Identity renewed = authority("Middle", 2, &old, {.serial = "b3", .notAfter = end});
+    Case one;
+    one.anchor(m_root).message(old).message(renewed);
+    EXPECT_EQ(shown(one.judge(user(renewed))), "refused certificate-expired 1, certificate-expired 2");
+}
+
 TEST_F(TrustChain, TheMomentToJudgeBy) {
     const Identity old =
         user(m_middle, {.notBefore = Time::utc("200101000000Z"), .notAfter = Time::utc("210101000000Z")});

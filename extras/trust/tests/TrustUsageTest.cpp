@@ -136,6 +136,7 @@ TEST_F(TrustUsage, WhatHasNoReasonOfItsOwn) {
 TEST_F(TrustUsage, ExtensionsThatDoNotDecode) {
     const Verdict verdict = chain().judge(user(m_middle, {.extensions = {{"2.5.29.19", {0x04, 0x00}, true}}}));
     EXPECT_TRUE(verdict.has(Code::extensionInvalid)) << shown(verdict);
+    EXPECT_FALSE(verdict.has(Code::listInvalid)) << "no list is looked at";
 }
 
 TEST_F(TrustUsage, ProxyCertificates) {
