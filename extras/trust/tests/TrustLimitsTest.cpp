@@ -125,6 +125,12 @@ TEST_F(TrustLimits, AllKeysTogether) {
     EXPECT_EQ(judged(7, largest), "done");
     EXPECT_EQ(judged(8, largest), "refused too-much-work 0");
     EXPECT_EQ(judged(7, largest, Revocation::none, largest), "done") << "with its own key nothing is checked";
+    Case one;
+    one.anchor(m_root);
+    const Identity seventh = levels(7, largest, m_root, one);
+    const Identity light = authority("Light", 3, &seventh, {.signingKey = signerFor(largest)});
+    one.message(light);
+    EXPECT_FALSE(one.judge(user(light, {.key = largest})).has(Code::tooMuchWork)) << "but its issuer's";
     // Each is used twice when lists are looked at.
     EXPECT_EQ(judged(3, largest, Revocation::available), "done");
     EXPECT_EQ(judged(4, largest, Revocation::available), "refused too-much-work 0");

@@ -98,6 +98,9 @@ TEST(TrustTexts, OfTimesAndIdentifiers) {
     const std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)> object(OBJ_txt2obj("1.2.3.4", 1),
                                                                            &ASN1_OBJECT_free);
     EXPECT_EQ(parts::textOf(object.get()), "1.2.3.4");
+    EXPECT_EQ(parts::textOf(OBJ_nid2obj(NID_ecdsa_with_SHA256)), "ecdsa-with-SHA256");
+    const std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)> empty(ASN1_OBJECT_new(), &ASN1_OBJECT_free);
+    EXPECT_EQ(parts::textOf(empty.get()), "unknown");
 }
 
 TEST(TrustKept, AsLongAsThereIsRoom) {
