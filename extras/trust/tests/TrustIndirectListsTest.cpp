@@ -160,7 +160,7 @@ TEST_F(TrustIndirectLists, WhoseSignersKeyDoesNotDecode) {
     one.known(list(m_root)).known(indirect(""));
     one.material->addUntrusted(read(lister));
     const Verdict verdict = one.judge(m_covered);
-    EXPECT_TRUE(verdict.has(Code::listIssuerMissing)) << shown(verdict);
+    EXPECT_EQ(shown(verdict), "refused list-issuer-missing 0");
     EXPECT_FALSE(verdict.accepted);
     EXPECT_EQ(states(verdict), "unusable, good, not-looked-at");
 }
