@@ -90,7 +90,7 @@ void readFolder(const FileDescriptor& folder, const std::string& path, FileCache
             if (!contents) {
                 contents = readFile(file, status, cache);
             }
-            result.files.push_back({whole, name, contents});
+            result.files.push_back({whole, contents});
         } catch (const Exhausted&) {
             throw;
         } catch (const Unreadable& reason) {
@@ -135,7 +135,7 @@ ReadPath readPath(const std::string& path, Expected expected, FileCache& cache) 
     } else if (expected == Expected::directory) {
         throw Unreadable("is no directory");
     } else if (S_ISREG(status.st_mode)) {
-        result.files.push_back({path, path.substr(path.rfind('/') + 1), readFile(file, status, cache)});
+        result.files.push_back({path, readFile(file, status, cache)});
     } else {
         throw Unreadable("is neither a regular file nor a directory");
     }

@@ -171,12 +171,15 @@ void Judgement::setUp(X509_STORE_CTX* context, STACK_OF(X509) * untrusted) {
     if (options.revocation != Revocation::none) {
         flags |= X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
     }
-    flags |= options.partialChain ? X509_V_FLAG_PARTIAL_CHAIN : 0;
-    flags |= m_request.policies.empty() ? 0 : X509_V_FLAG_EXPLICIT_POLICY;
-    X509_VERIFY_PARAM_set_flags(param, flags);
+    if (options.partialChain) {
+        flags |= X509_V_FLAG_PARTIAL_CHAIN;
+    }
     if (m_request.policies.empty()) { // without a set OpenSSL takes a chain that demands a policy for one without any
         acceptPolicy(param, OBJ_nid2obj(NID_any_policy));
+    } else {
+        flags |= X509_V_FLAG_EXPLICIT_POLICY;
     }
+    X509_VERIFY_PARAM_set_flags(param, flags);
     for (const auto& policy : m_request.policies) {
         acceptPolicy(param, policy.get());
     }

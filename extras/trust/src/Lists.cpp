@@ -10,7 +10,6 @@ using NVX509::RefCertificateRevocationList;
 
 namespace {
 
-constexpr std::size_t mostUris = 100;   ///< of a certificate that are looked up in a list cache
 constexpr std::size_t mostIssuers = 16; ///< of lists that the distribution points of a certificate name
 constexpr std::size_t mostSigners = 4;  ///< of one name in the snapshot that may have signed a list
 /// Names of distribution points that are compared for one certificate: each of its own with each of all lists.
@@ -182,13 +181,6 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     };
     for (const X509_NAME* name : issuers) {
         m_snapshot.byIssuer.each(name, add);
-    }
-    for (const std::string& uri :
-         m_snapshot.filed.empty() ? std::vector<std::string>() : urisOf(points.get(), mostUris)) {
-        const auto found = m_snapshot.filed.find(listCacheName(uri));
-        if (found != m_snapshot.filed.end()) {
-            std::for_each(found->second.begin(), found->second.end(), add);
-        }
     }
     for (X509_CRL* list : m_fromMessage) {
         const bool wanted = std::any_of(issuers.begin(), issuers.end(), [list](const X509_NAME* name) {

@@ -27,8 +27,8 @@ public:
 
     Lists(const Snapshot& snapshot, const std::list<NVX509::RefCertificateRevocationList>& fromMessage);
 
-    /// The lists that may cover a certificate: those of its issuer, those that are filed under its distribution points, and
-    /// those of the issuers that the points name. All that are equally fit go onto one stack, so that the newest wins: lists
+    /// The lists that may cover a certificate: those of its issuer and of the issuers that its distribution points name:
+    /// OpenSSL takes none of anybody else. All that are equally fit go onto one stack, so that the newest wins: lists
     /// of the message that stood before the others would hide what was revoked since.
     /// \param issuer whoever issued the certificate, if that is known: a list of the message counts only if it, or somebody
     ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures

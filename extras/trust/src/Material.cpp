@@ -55,7 +55,7 @@ void Sources::addPath(Kind kind, const std::string& path) {
 void Sources::addObject(Kind kind, FileContents contents) {
     const Synchronized loading(m_loading);
     Source source{kind, "", {}};
-    source.read.files.push_back({"", "", std::make_shared<const FileContents>(std::move(contents))});
+    source.read.files.push_back({"", std::make_shared<const FileContents>(std::move(contents))});
     m_sources.push_back(std::move(source));
     static_cast<void>(replace(nullptr));
 }

@@ -37,7 +37,6 @@ struct FileContents {
 /// A file that was read.
 struct ReadFile {
     std::string path;
-    std::string name; ///< the last part of the path
     std::shared_ptr<const FileContents> contents;
 };
 

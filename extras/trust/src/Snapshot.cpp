@@ -13,8 +13,7 @@ using NVX509::RefCertificateRevocationList;
 
 /// What is there already.
 struct Snapshot::Known {
-    std::set<Fingerprint> anchors, untrusted;
-    std::map<Fingerprint, X509_CRL*> lists;
+    std::set<Fingerprint> anchors, untrusted, lists;
     std::unordered_set<const FileContents*> files;
 };
 
@@ -61,24 +60,19 @@ Snapshot::Snapshot(const std::vector<Source>& sources) : number(nextNumber()), s
     Judgement::prepare(store.get());
 }
 
-X509_CRL* Snapshot::addList(const RefCertificateRevocationList& list, Known& known) {
+void Snapshot::addList(const RefCertificateRevocationList& list, Known& known) {
     X509_CRL* const raw = list;
-    const auto [place, fresh] = known.lists.emplace(fingerprintOf(raw), raw);
-    if (fresh) {
+    if (known.lists.insert(fingerprintOf(raw)).second) {
         putInOrder(raw);
         lists.push_back(list);
         listOf.emplace(raw, list);
         byIssuer.add(raw);
     }
-    return place->second;
 }
 
 void Snapshot::addFile(Kind kind, const ReadFile& file, Known& known) {
     for (const RefCertificateRevocationList& list : file.contents->lists) {
-        X509_CRL* const kept = addList(list, known);
-        if (kind == Kind::listCache) {
-            filed[file.name].push_back(kept);
-        }
+        addList(list, known);
     }
     if ((kind == Kind::lists || kind == Kind::listCache) && !file.contents->certificates.empty()) {
         problems.push_back({file.path, "holds certificates, which are not used from there"});

@@ -59,7 +59,6 @@ struct Snapshot {
     ByName<X509> bySubject{
         [](const X509* x) -> const X509_NAME* { return X509_get_subject_name(x); }}; ///< anchors, too
     ByName<X509_CRL> byIssuer{[](const X509_CRL* x) -> const X509_NAME* { return X509_CRL_get_issuer(x); }};
-    std::unordered_map<std::string, std::vector<X509_CRL*>> filed; ///< by the name of a file in a list cache
     std::unordered_set<const X509*> anchorSet;
     std::unordered_map<const X509*, NVX509::RefCertificate> certificateOf;
     std::unordered_map<const X509_CRL*, NVX509::RefCertificateRevocationList> listOf;
@@ -67,7 +66,7 @@ struct Snapshot {
 private:
     struct Known;
     void addFile(Kind kind, const ReadFile& file, Known& known);
-    X509_CRL* addList(const NVX509::RefCertificateRevocationList& list, Known& known);
+    void addList(const NVX509::RefCertificateRevocationList& list, Known& known);
 };
 
 template <class T> void ByName<T>::sort() {

@@ -185,9 +185,6 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
             next.see(one);
         }
     }
-    for (const RefCertificate& one : verdict.chain) {
-        next.see(static_cast<const X509*>(one));
-    }
     for (const X509_CRL* list : used) {
         next.see(list);
     }

@@ -23,20 +23,17 @@ bool comesFromAbove(ReasonCode code) {
     }
 }
 
-/// Whether there is somebody else of that name.
-bool hasNamesake(const Snapshot& snapshot, const std::vector<X509*>& candidates, const X509* certificate) {
+/// Whether there is somebody else of that name. Among the anchors nobody is looked for: they go first, so that no candidate
+/// stands where one of them would fit.
+bool hasNamesake(const std::vector<X509*>& candidates, const X509* certificate) {
     const X509_NAME* const name = X509_get_subject_name(certificate);
-    const auto isNamesake = [&](const X509* one) {
+    return std::any_of(candidates.begin(), candidates.end(), [&](const X509* one) {
         return X509_NAME_cmp(X509_get_subject_name(one), name) == 0 && X509_cmp(one, certificate) != 0;
-    };
-    bool among = false;
-    snapshot.bySubject.each(
-        name, [&](const X509* one) { among = among || (snapshot.anchorSet.count(one) > 0 && isNamesake(one)); });
-    return among || std::any_of(candidates.begin(), candidates.end(), isNamesake);
+    });
 }
 
 /// The candidate to go on without; null when there is none, or another way would not help.
-const X509* obstacle(const Snapshot& snapshot, const std::vector<X509*>& candidates, const Verdict& verdict) {
+const X509* obstacle(const std::vector<X509*>& candidates, const Verdict& verdict) {
     if (std::any_of(verdict.reasons.begin(), verdict.reasons.end(),
                     [](const Reason& reason) { return reason.depth == 0 && !comesFromAbove(reason.code); })) {
         return nullptr;
@@ -49,7 +46,7 @@ const X509* obstacle(const Snapshot& snapshot, const std::vector<X509*>& candida
             const X509* const one = verdict.chain[depth];
             const bool isCandidate = std::any_of(candidates.begin(), candidates.end(),
                                                  [one](const X509* each) { return X509_cmp(each, one) == 0; });
-            if (isCandidate && hasNamesake(snapshot, candidates, one)) {
+            if (isCandidate && hasNamesake(candidates, one)) {
                 return one;
             }
         }
@@ -67,8 +64,7 @@ Judged judgedByAnyWay(const Snapshot& snapshot, Request request) {
         request.spent = judgement.effort();
         first.lists.insert(first.lists.end(), judgement.lists().begin(), judgement.lists().end());
         const QuietQuestion quiet;
-        const X509* const leftOut =
-            verdict.accepted || verdict.chain.empty() ? nullptr : obstacle(snapshot, request.candidates, verdict);
+        const X509* const leftOut = verdict.chain.empty() ? nullptr : obstacle(request.candidates, verdict);
         const auto isLeftOut = [leftOut](const X509* one) { return X509_cmp(one, leftOut) == 0; };
         if (leftOut != nullptr) {
             request.candidates.erase(std::remove_if(request.candidates.begin(), request.candidates.end(), isLeftOut),

@@ -75,6 +75,129 @@ TEST_F(TrustCache, WhateverMattersIsPartOfTheQuestion) {
     EXPECT_EQ(counts(verifier), "1 9");
 }
 
+/// What is alike but for one thing is not the same question.
+TEST_F(TrustCache, EachCertificateOfTheMessageIsPartOfTheQuestion) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    EXPECT_TRUE(judge(verifier, anna));
+    m_certificates = {read(authority("Middle", 1, &m_root, {.serial = "b2", .notAfter = Time::fromNow(-day)}))};
+    EXPECT_FALSE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "0 2");
+}
+
+TEST_F(TrustCache, HowManyCertificatesTheMessageHasIsToldOfEach) {
+    const Verifier verifier(m_material);
+    const RefCertificate anna = read(user(m_middle));
+    for (int i = 1; i < 65; ++i) {
+        m_certificates.push_back(read(m_middle));
+    }
+    for (const char* count : {"65", "66"}) {
+        const Verdict verdict = verifier.judge(anna, m_certificates, {}, m_options);
+        ASSERT_EQ(codesOf(verdict.notes), "too-many-certificates 0");
+        EXPECT_EQ(verdict.notes[0].text,
+                  std::string("the message has ") + count + " certificates, of which the first ones were looked at");
+        m_certificates.push_back(read(m_middle));
+    }
+    EXPECT_EQ(counts(verifier), "0 2");
+}
+
+TEST_F(TrustCache, EachPolicyIsPartOfTheQuestion) {
+    const Verifier verifier(m_material);
+    const Identity anna = user(m_middle);
+    for (const auto& policies : std::vector<std::vector<std::string>>{
+             {"1.2.3"}, {"1.2.4"}, {"1.2.3", "1.2.4"}, {"1.2.3", "0.10.2"}, {"1.2.30.1", "0.2"}}) {
+        m_options.policies = policies;
+        EXPECT_FALSE(judge(verifier, anna));
+    }
+    EXPECT_EQ(counts(verifier), "0 5");
+}
+
+TEST_F(TrustCache, WhetherAnyAnchorEndsAChainIsPartOfTheQuestion) {
+    const auto material = std::make_shared<Material>();
+    material->addAnchor(read(m_middle));
+    const Verifier verifier(material);
+    const Identity anna = user(m_middle);
+    EXPECT_FALSE(judge(verifier, anna));
+    m_options.partialChain = true;
+    EXPECT_TRUE(judge(verifier, anna));
+    m_options.partialChain = false;
+    EXPECT_FALSE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "1 2");
+}
+
+TEST_F(TrustCache, ListsInAnyOrderAreTheSameQuestion) {
+    const Verifier verifier(m_material);
+    const RefCertificate anna = read(user(m_middle));
+    m_options.revocation = Revocation::available;
+    std::list<RefCertificateRevocationList> lists{
+        read(list(m_middle)), read(list(m_middle, {.revoked = {{.serial = "77"}}, .thisUpdate = Time::fromNow(-60)}))};
+    EXPECT_TRUE(verifier.judge(anna, m_certificates, lists, m_options).accepted);
+    lists.reverse();
+    EXPECT_TRUE(verifier.judge(anna, m_certificates, lists, m_options).accepted);
+    EXPECT_EQ(counts(verifier), "1 1");
+    // One of each: what stands in them is the question.
+    EXPECT_TRUE(verifier.judge(anna, m_certificates, {read(list(m_middle))}, m_options).accepted);
+    EXPECT_FALSE(
+        verifier.judge(anna, m_certificates, {read(list(m_middle, {.revoked = {{.serial = "a1"}}}))}, m_options)
+            .accepted);
+}
+
+TEST_F(TrustCache, AListBeyondThoseThatAreLookedAtIsPartOfTheQuestion) {
+    const Verifier verifier(m_material);
+    const RefCertificate anna = read(user(m_middle));
+    m_options.revocation = Revocation::available;
+    const RefCertificateRevocationList same = read(list(m_middle));
+    std::list<RefCertificateRevocationList> lists(maximumMessageLists, same);
+    EXPECT_FALSE(verifier.judge(anna, m_certificates, lists, m_options).mentions(ReasonCode::listNotUsed));
+    lists.push_back(same);
+    EXPECT_TRUE(verifier.judge(anna, m_certificates, lists, m_options).mentions(ReasonCode::listNotUsed));
+}
+
+/// About eight octets for each that is encoded, of what the material does not hold anyway.
+TEST_F(TrustCache, WhatAVerdictKeepsFromBeingFreedIsCounted) {
+    constexpr std::size_t decoded = 8;
+    m_material->addUntrusted(read(m_middle));
+    m_options.at = 1767311999; // a second before 2026-01-02
+    const Identity root = authority("Root", 0, nullptr, {.notBefore = Time::utc("250101000000Z")});
+    const Identity middle = authority("Middle", 1, &root, {.serial = "b2", .notBefore = Time::utc("250101000000Z")});
+    const Identity anna =
+        user(middle, {.notBefore = Time::utc("250101000000Z"), .notAfter = Time::utc("260102000000Z")});
+    const auto material = std::make_shared<Material>();
+    material->addAnchor(read(root));
+    material->addUntrusted(read(middle));
+    const std::size_t plain = sizeof(Verdict) + 3 * sizeof(Link) + decoded * anna.certificate.der.size();
+    const auto bytesOf = [&](const std::shared_ptr<Material>& from, const std::list<RefCertificate>& certificates,
+                             const std::list<RefCertificateRevocationList>& lists) {
+        const Verifier verifier(from);
+        const Verdict verdict = verifier.judge(read(anna), certificates, lists, m_options);
+        std::size_t texts = 0;
+        for (const auto* some : {&verdict.reasons, &verdict.notes}) {
+            for (const Reason& one : *some) {
+                texts += sizeof(Reason) + one.text.size() + one.advice.size();
+            }
+        }
+        return std::pair(verifier.cacheCounts().bytes - texts, texts);
+    };
+    EXPECT_EQ(bytesOf(material, {}, {}), std::pair(plain, std::size_t{0}));
+    m_options.at = 1767312000; // expired
+    const auto refused = bytesOf(material, {}, {});
+    EXPECT_EQ(refused.first, plain);
+    EXPECT_GT(refused.second, sizeof(Reason));
+    m_options.at = 1767311999;
+    const auto bare = std::make_shared<Material>();
+    bare->addAnchor(read(root));
+    EXPECT_EQ(bytesOf(bare, {read(middle)}, {}).first, plain + decoded * middle.certificate.der.size());
+    // Lists: those of the message, and not those of the material.
+    m_options.revocation = Revocation::available;
+    const auto ofMiddle =
+        list(middle, {.thisUpdate = Time::utc("251201000000Z"), .nextUpdate = Time::utc("270101000000Z")});
+    const auto ofRoot =
+        list(root, {.thisUpdate = Time::utc("251201000000Z"), .nextUpdate = Time::utc("270101000000Z")});
+    material->addList(read(ofRoot));
+    const auto withLists = bytesOf(material, {}, {read(ofMiddle)});
+    EXPECT_EQ(withLists, std::pair(plain + decoded * ofMiddle.der.size(), std::size_t{0}));
+}
+
 TEST_F(TrustCache, ListsOfTheMessageAreAPartOfTheQuestion) {
     const Verifier verifier(m_material);
     const Identity anna = user(m_middle);
@@ -114,6 +237,10 @@ TEST_F(TrustCache, OtherMaterialIsAnotherQuestion) {
     m_material->addList(read(list(m_middle, {.revoked = {{.serial = "a1"}}})));
     EXPECT_FALSE(judge(verifier, anna));
     EXPECT_EQ(verifier.cacheCounts().entries, 1U) << "what nobody can ask for any more does not stay";
+    const std::size_t bytes = verifier.cacheCounts().bytes;
+    m_material->addList(read(list(m_root)));
+    EXPECT_FALSE(judge(verifier, anna));
+    EXPECT_LT(verifier.cacheCounts().bytes, 2 * bytes) << "nor is it counted";
 }
 
 TEST_F(TrustCache, NeverPastTheValidityOfAnything) {
@@ -124,6 +251,7 @@ TEST_F(TrustCache, NeverPastTheValidityOfAnything) {
     };
     EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 100);
     EXPECT_EQ(holdsUntil(user(m_middle, {.notBefore = Time::at(now + 200)})), now + 200) << "a refusal, too";
+    EXPECT_EQ(holdsUntil(user(authority("Nobody", 6), {.notAfter = Time::at(now + 90)})), now + 90);
     const Identity other = authority("Middle", 1, &m_root, {.serial = "b3", .notBefore = Time::at(now + 50)});
     m_certificates.push_back(read(other));
     EXPECT_EQ(holdsUntil(user(m_middle, {.notAfter = Time::at(now + 100)})), now + 50)
@@ -139,9 +267,14 @@ TEST_F(TrustCache, NeverPastTheValidityOfAnything) {
 
 TEST_F(TrustCache, AVerdictIsNotGivenPastItsEnd) {
     const Verifier verifier(m_material);
-    const std::time_t end = std::time(nullptr) + 2;
+    const std::time_t end = std::time(nullptr) + 3;
     const Identity anna = user(m_middle, {.notAfter = Time::at(end)});
-    EXPECT_TRUE(judge(verifier, anna));
+    const std::time_t first = verifier.judge(read(anna), m_certificates, {}, m_options).judgedAt;
+    while (std::time(nullptr) == first) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_GT(verifier.judge(read(anna), m_certificates, {}, m_options).judgedAt, first)
+        << "what is kept is judged now";
     while (std::time(nullptr) < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }

@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <openssl/rsa.h>
+
 #include <limits>
 
 using namespace trusttesting;
@@ -21,12 +23,24 @@ TEST_F(TrustChain, AGoodChainIsAccepted) {
     EXPECT_EQ(verdict.chain[0]->subject().asString(), "CN=Anna");
     EXPECT_EQ(verdict.chain[2]->subject().asString(), "CN=Root");
     ASSERT_EQ(verdict.links.size(), 3U);
+    EXPECT_FALSE(verdict.links[0].anchor);
     EXPECT_TRUE(verdict.links[1].fromMessage);
     EXPECT_FALSE(verdict.links[1].anchor);
     EXPECT_TRUE(verdict.links[2].anchor);
     EXPECT_FALSE(verdict.links[2].fromMessage);
     EXPECT_EQ(verdict.links[0].revocation, RevocationStatus::notLookedAt);
     EXPECT_TRUE(verdict.notes.empty());
+}
+
+/// The handles that were given are handed back, not others on the same certificates.
+TEST_F(TrustChain, TheChainIsOfTheHandlesThatWereGiven) {
+    const Case one = chain();
+    const RefCertificate anna = read(user(m_middle));
+    const Verdict verdict = Verifier(one.material).judge(anna, one.certificates, {}, one.options);
+    ASSERT_EQ(verdict.chain.size(), 3U);
+    EXPECT_EQ(verdict.chain[0].operator->(), anna.operator->());
+    EXPECT_EQ(verdict.chain[1].operator->(), one.certificates.front().operator->());
+    EXPECT_EQ(verdict.chain[2].operator->(), one.material->anchors().front().operator->());
 }
 
 TEST_F(TrustChain, AnAnchorMayBeJudgedItself) {
@@ -79,9 +93,18 @@ TEST_F(TrustChain, ALongChain) {
     EXPECT_EQ(shown(one.judge(user(last))), "accepted ");
     one.options.maximumDepth = 4;
     const Verdict verdict = one.judge(user(last));
-    EXPECT_TRUE(verdict.has(Code::chainTooLong)) << shown(verdict);
-    EXPECT_FALSE(verdict.accepted);
+    EXPECT_EQ(shown(verdict), "refused chain-too-long 5") << "what is above was not looked for";
     EXPECT_THAT(find(verdict.reasons, Code::chainTooLong).text, HasSubstr("more than 4 certificates"));
+}
+
+TEST_F(TrustChain, NothingToJudgeHoldsForever) {
+    Options options;
+    for (const std::time_t at : {std::time_t{1593561600}, std::time_t{253402300799}}) {
+        options.at = at;
+        const Verdict verdict = Verifier(nullptr).judge(RefCertificate(), {}, {}, options);
+        EXPECT_EQ(verdict.judgedAt, at);
+        EXPECT_EQ(verdict.validUntil, at == 253402300799 ? 253402300800 : 253402300799);
+    }
 }
 
 TEST_F(TrustChain, NothingToJudge) {
@@ -107,6 +130,29 @@ TEST_F(TrustChain, TimesOfEveryCertificate) {
     Case cut;
     verdict = cut.judge(user(late, {.notBefore = Time::at(now - 2 * day), .notAfter = Time::at(now - day)}));
     EXPECT_EQ(shown(verdict), "refused issuer-missing 0, certificate-expired 0");
+    verdict = cut.message(late).judge(user(late));
+    EXPECT_EQ(shown(verdict), "refused issuer-missing 1, certificate-not-yet-valid 1");
+    EXPECT_EQ(verdict.reasons[1].text.find("the certificate of CN=Late is valid from 20"), 0U)
+        << verdict.reasons[1].text;
+    const Identity old = authority("Old", 2, &m_root, {.notAfter = Time::utc("260102030405Z")});
+    verdict = Case().message(old).judge(user(old));
+    EXPECT_EQ(shown(verdict), "refused issuer-missing 1, certificate-expired 1");
+    EXPECT_EQ(verdict.reasons[1].text, "the certificate of CN=Old expired on 2026-01-02 03:04:05 UTC");
+    for (const auto& [begin, end] :
+         {std::pair{Time::utc("hello"), Time::fromNow(day)}, std::pair{Time::fromNow(-day), Time::utc("hello")}}) {
+        const Identity odd = authority("Odd", 2, &m_root, {.notBefore = begin, .notAfter = end});
+        EXPECT_EQ(shown(Case().message(odd).judge(user(odd))), "refused issuer-missing 1, validity-unreadable 1");
+    }
+}
+
+/// An authority with a new key that its old one certified: two of one name, both told.
+TEST_F(TrustChain, NamesakesInOneChainAreToldEach) {
+    const Time end = Time::utc("260102030405Z");
+    const Identity old = authority("Middle", 1, &m_root, {.serial = "b2", .notAfter = end});
+    const Identity renewed = authority("Middle", 2, &old, {.serial = "b3", .notAfter = end});
+    Case one;
+    one.anchor(m_root).message(old).message(renewed);
+    EXPECT_EQ(shown(one.judge(user(renewed))), "refused certificate-expired 1, certificate-expired 2");
 }
 
 TEST_F(TrustChain, TheMomentToJudgeBy) {
@@ -124,6 +170,8 @@ TEST_F(TrustChain, TheMomentToJudgeBy) {
     EXPECT_EQ(verdict.validUntil, 1609459200); // 2021-01-01
     one.options.at = 1609459200;
     EXPECT_EQ(shown(one.judge(old)), "refused certificate-expired 0");
+    one.options.at = 1577836800; // 2020 begins
+    EXPECT_EQ(one.judge(old).validUntil, 1609459200) << "what begins now has begun";
     one.options.at = 1577836799; // a second before 2020
     verdict = one.judge(old);
     EXPECT_EQ(shown(verdict), "refused certificate-not-yet-valid 0");
@@ -233,8 +281,7 @@ TEST_F(TrustChain, AnIssuerWhoseKeyDoesNotDecode) {
     Case one;
     one.anchor(m_root).message(middle);
     const Verdict verdict = one.judge(user(m_middle));
-    EXPECT_TRUE(verdict.has(Code::issuerKeyUnusable)) << shown(verdict);
-    EXPECT_FALSE(verdict.accepted);
+    EXPECT_EQ(shown(verdict), "refused issuer-key-unusable 1");
 }
 
 TEST_F(TrustChain, ShortKeysAndWeakDigests) {
@@ -285,6 +332,60 @@ TEST_F(TrustChain, Ed25519HasNoDigestToChoose) {
     Case one;
     one.anchor(root);
     EXPECT_EQ(shown(one.judge(user(root))), "accepted ");
+}
+
+/// An X509 signed anew by OpenSSL itself: with RSASSA-PSS, or with a curve that has its own digest.
+Identity signedAnew(Identity identity, EVP_PKEY* key, bool pss, bool damaged) {
+    const auto x509 = identity.certificate.x509();
+    EVP_MD_CTX* const context = EVP_MD_CTX_new();
+    EVP_PKEY_CTX* ofKey = nullptr;
+    EXPECT_EQ(EVP_DigestSignInit(context, &ofKey, pss ? EVP_sha256() : nullptr, nullptr, key), 1);
+    if (pss) {
+        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(ofKey, RSA_PKCS1_PSS_PADDING), 1);
+    }
+    EXPECT_GT(X509_sign_ctx(x509.get(), context), 0);
+    EVP_MD_CTX_free(context);
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(x509.get(), &der);
+    identity.certificate.der.assign(der, der + length);
+    OPENSSL_free(der);
+    identity.certificate.der.back() ^= damaged ? 1U : 0U;
+    return identity;
+}
+
+TEST_F(TrustChain, ForgedWithAlgorithmsThatHaveNoDigestInTheirName) {
+    const auto rsa = norvauthority::Key::fromPem(norvtest::storedKeyPem("alice"));
+    EVP_PKEY* const made = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448");
+    const auto goldilocks = norvauthority::Key::of(made);
+    EVP_PKEY_free(made);
+    for (const auto& [key, pss] : {std::pair{rsa, true}, {norvauthority::Key::ed25519(), false}, {goldilocks, false}}) {
+        const Identity root = authority("Root", 0, nullptr, {.key = key, .signingKey = trusttesting::key(0)});
+        Case one;
+        one.anchor(root);
+        one.options.partialChain = true; // the root did not sign itself
+        const Identity anna = user(root, {.signingKey = trusttesting::key(0)});
+        EXPECT_EQ(shown(one.judge(signedAnew(anna, key.get(), pss, false))), "accepted ");
+        EXPECT_EQ(shown(one.judge(signedAnew(anna, key.get(), pss, true))), "refused signature-wrong 0");
+    }
+}
+
+/// The thresholds are the least that is accepted.
+TEST_F(TrustChain, KeysAndDigestsOfTheLeastLength) {
+    const Identity root = authority("RSA root", 0, nullptr, {.key = norvauthority::Key::rsa(1024)});
+    Case one;
+    one.anchor(root);
+    one.options.minimumRsaBits = 1024;
+    for (const auto& [name, bits] : std::vector<std::pair<std::string, unsigned int>>{
+             {"MD5", 128}, {"SHA1", 160}, {"SHA224", 224}, {"SHA256", 256}, {"SHA384", 384}, {"SHA512", 512}}) {
+        const Identity anna = user(root, {.digest = name});
+        one.options.minimumDigestBits = bits;
+        EXPECT_EQ(shown(one.judge(anna)), "accepted ") << name;
+        one.options.minimumDigestBits = bits + 1;
+        EXPECT_EQ(shown(one.judge(anna)), "refused digest-too-weak 0") << name;
+    }
+    one.options = Options();
+    one.options.minimumRsaBits = 1025;
+    EXPECT_EQ(shown(one.judge(user(root))), "refused key-too-short 1");
 }
 
 TEST_F(TrustChain, EveryReasonIsTold) {

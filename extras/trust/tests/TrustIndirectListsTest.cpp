@@ -1,7 +1,6 @@
 // Lists that somebody else than the issuer of a certificate signs (RFC 5280, 5.2.5 and 6.3.3).
 
 #include "RevocationChains.h"
-#include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
@@ -161,7 +160,7 @@ TEST_F(TrustIndirectLists, WhoseSignersKeyDoesNotDecode) {
     one.known(list(m_root)).known(indirect(""));
     one.material->addUntrusted(read(lister));
     const Verdict verdict = one.judge(m_covered);
-    EXPECT_TRUE(verdict.has(Code::listIssuerMissing)) << shown(verdict);
+    EXPECT_EQ(shown(verdict), "refused list-issuer-missing 0");
     EXPECT_FALSE(verdict.accepted);
     EXPECT_EQ(states(verdict), "unusable, good, not-looked-at");
 }
@@ -219,7 +218,9 @@ TEST_F(TrustIndirectLists, TheIssuerIsNoOtherSigner) {
     elsewhere.scope->name = DistributionPointName{{GeneralName::uri("http://a/2")}};
     Case one = with(Revocation::required);
     one.known(list(m_root)).known(list(m_middle, elsewhere));
-    EXPECT_EQ(shown(one.judge(anna)), "refused list-scope-differs 0");
+    const Verdict verdict = one.judge(anna);
+    EXPECT_EQ(shown(verdict), "refused list-scope-differs 0");
+    EXPECT_EQ(codesOf(verdict.notes), "") << "found twice, it is one list";
     // Only one list for some reasons: what is missing is a list, not its signer.
     CrlRequest some;
     some.scope.emplace();
@@ -232,7 +233,7 @@ TEST_F(TrustIndirectLists, TheIssuerIsNoOtherSigner) {
 
 /// The distribution points of a certificate may name thousands of others: sixteen are looked for.
 TEST_F(TrustIndirectLists, TheFirstSixteenWhoAreNamedAreLookedFor) {
-    const auto named = [this](std::size_t others) {
+    const auto named = [this](std::size_t others, bool isThere) {
         std::vector<GeneralName> issuers;
         for (std::size_t i = 0; i < others; ++i) {
             issuers.push_back(GeneralName::directory({{"CN", "Other " + std::to_string(i)}}));
@@ -241,31 +242,109 @@ TEST_F(TrustIndirectLists, TheFirstSixteenWhoAreNamedAreLookedFor) {
         issuers.push_back(GeneralName::directory(m_lister.name));
         Case one = with(Revocation::required);
         one.known(list(m_root)).known(indirect(""));
-        one.material->addUntrusted(read(m_lister));
+        if (isThere) {
+            one.material->addUntrusted(read(m_lister));
+        }
         return shown(one.judge(
             user(m_middle,
                  {.crlDistributionPoints = {
                       {DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}}, {}, issuers}}})));
     };
-    EXPECT_EQ(named(15), "accepted ");
-    EXPECT_EQ(named(16), "refused list-missing 0");
+    EXPECT_EQ(named(15, true), "accepted ");
+    EXPECT_EQ(named(15, false), "refused list-signer-missing 0");
+    EXPECT_EQ(named(16, true), "refused list-missing 0");
+    EXPECT_EQ(named(16, false), "refused list-missing 0");
 }
 
-/// Beyond these they are found in a list cache, by where they are distributed.
-TEST_F(TrustIndirectLists, ListsOfACacheAreFoundWhoeverIssuedThem) {
-    std::vector<GeneralName> issuers;
-    for (std::size_t i = 0; i < 15; ++i) {
-        issuers.push_back(GeneralName::directory({{"CN", "Other " + std::to_string(i)}}));
-    }
-    issuers.push_back(GeneralName::directory(m_lister.name));
-    const norvtest::TemporaryFolder folder;
-    const auto cached = indirect("a1");
-    folder.write(listCacheName("http://lister.example/all.crl"), std::string(cached.der.begin(), cached.der.end()));
+/// Lists of the message count when somebody of the name in the material signed them: of many the first four are asked.
+TEST_F(TrustIndirectLists, InTheMessageTheyCountWhenTheirSignerIsKnown) {
+    const auto judged = [this](std::size_t namesakes) {
+        Case one = with(Revocation::required);
+        for (std::size_t i = 0; i < namesakes; ++i) {
+            one.material->addUntrusted(
+                read(authority("Lister", 10 + i, &m_root, {.serial = std::to_string(100 + i), .keyUsage = 0x02})));
+        }
+        one.material->addUntrusted(read(m_lister));
+        one.known(list(m_root)).lists.push_back(read(indirect("")));
+        return one.judge(m_covered);
+    };
+    EXPECT_EQ(shown(judged(0)), "accepted ");
+    EXPECT_EQ(shown(judged(3)), "accepted ");
+    const Verdict verdict = judged(4);
+    EXPECT_EQ(shown(verdict), "refused list-missing 0");
+    EXPECT_EQ(codesOf(verdict.notes), "list-not-used 0");
+    // The key of the certificate's issuer is not that of the one who is named.
+    Case other = with(Revocation::required);
+    other.material->addUntrusted(read(m_lister));
+    CrlRequest request;
+    request.issuerName = m_lister.name;
+    request.scope = {.indirect = true};
+    request.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
+    request.authorityKeyIdentifierValue = m_lister.keyIdentifier;
+    other.known(list(m_root)).lists.push_back(read(list(m_middle, request)));
+    const Verdict forged = other.judge(m_covered);
+    EXPECT_EQ(shown(forged), "refused list-missing 0");
+    EXPECT_EQ(codesOf(forged.notes), "list-not-used 0");
+}
+
+TEST_F(TrustIndirectLists, InTheMessageBySomebodyWhoseKeyDoesNotDecode) {
+    Identity lister = m_lister;
+    const auto curve = norvauthority::der::oid("1.2.840.10045.3.1.7");
+    auto& der = lister.certificate.der;
+    const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
+    ASSERT_NE(at, der.end());
+    *(at + static_cast<std::ptrdiff_t>(curve.size()) - 1) = 0x7F;
     Case one = with(Revocation::required);
-    one.known(list(m_root));
-    one.material->addListCache(folder.path());
+    one.material->addUntrusted(read(lister));
+    one.known(list(m_root)).lists.push_back(read(indirect("")));
+    const Verdict verdict = one.judge(m_covered);
+    EXPECT_EQ(shown(verdict), "refused list-missing 0");
+    EXPECT_EQ(codesOf(verdict.notes), "list-not-used 0");
+}
+
+/// A list for some reasons alone leaves others open; who signed it is known, as an intermediate or an anchor.
+TEST_F(TrustIndirectLists, ForSomeReasonsLeaveAListMissing) {
+    CrlRequest some;
+    some.scope = {.indirect = true};
+    some.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
+    some.scope->reasons = norvauthority::Bytes{0x60};
+    Case one = with(Revocation::required);
+    one.known(list(m_root)).known(list(m_lister, some));
+    EXPECT_EQ(shown(one.judge(m_covered)), "refused list-signer-missing 0");
     one.material->addUntrusted(read(m_lister));
-    EXPECT_EQ(shown(one.judge(m_covered)), "refused revoked 0");
+    EXPECT_EQ(shown(one.judge(m_covered)), "refused list-missing 0");
+    Case other = with(Revocation::required);
+    other.known(list(m_root)).known(list(m_lister, some)).anchor(m_lister);
+    EXPECT_EQ(shown(other.judge(m_covered)), "refused list-missing 0");
+}
+
+/// Whatever the name is, and wherever it stands in an order.
+TEST_F(TrustIndirectLists, SignersOfAnyNameAreMissed) {
+    for (const char* name : {"A", "Zzzzzz", "A much longer name than that of the issuer"}) {
+        const Identity lister = authority(name, 4, &m_root, {.keyUsage = 0x02});
+        const Identity anna =
+            user(m_middle,
+                 {.crlDistributionPoints = {{DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}},
+                                             {},
+                                             {GeneralName::directory(lister.name)}}}});
+        CrlRequest request;
+        request.scope = {.indirect = true};
+        request.scope->name = DistributionPointName{{GeneralName::uri("http://lister.example/all.crl")}};
+        Case one = with(Revocation::required);
+        one.known(list(m_root)).known(list(lister, request));
+        EXPECT_EQ(shown(one.judge(anna)), "refused list-signer-missing 0") << name;
+    }
+}
+
+/// Who signs lists matters to nobody who asks for none.
+TEST_F(TrustIndirectLists, TheirSignersEndDoesNotEndAVerdictWithoutLists) {
+    const std::time_t now = std::time(nullptr);
+    Case one = with(Revocation::none);
+    one.material->addUntrusted(
+        read(authority("Lister", 4, &m_root, {.serial = "c3", .notAfter = Time::at(now + 5000), .keyUsage = 0x02})));
+    EXPECT_GT(one.judge(m_covered).validUntil, now + 5000);
+    one.known(list(m_root)).known(list(m_middle)).known(indirect("")).required();
+    EXPECT_EQ(one.judge(m_covered).validUntil, now + 5000);
 }
 
 /// What is weak with the judged one is told of it once, and not again because it signs its own list.
@@ -279,10 +358,11 @@ TEST_F(TrustIndirectLists, WhoSignsForHimselfIsToldOnce) {
                                     {},
                                     {GeneralName::directory(m_lister.name)}}},
          .digest = "SHA1"});
-    Case one = with(Revocation::required);
-    one.known(list(m_root)).known(indirect(""));
+    Case one = with(Revocation::available);
+    one.known(indirect(""));
     one.material->addUntrusted(read(lister));
-    EXPECT_EQ(shown(one.judge(lister)), "refused digest-too-weak 0");
+    EXPECT_EQ(shown(one.judge(lister)), "refused list-issuer-missing 0, digest-too-weak 0")
+        << "nor is anybody believed about himself";
 }
 
 } // namespace

@@ -21,6 +21,9 @@ TEST(TrustNames, EveryReasonHasANumberAndANameOfItsOwn) {
         before = static_cast<int>(code);
         EXPECT_TRUE(names.insert(nameOf(code)).second) << nameOf(code);
     }
+    ASSERT_FALSE(names.empty());
+    EXPECT_EQ(reasonCodes().front(), ReasonCode::issuerMissing);
+    EXPECT_EQ(reasonCodes().back(), ReasonCode::other);
     EXPECT_STREQ(nameOf(ReasonCode::certificateExpired), "certificate-expired");
     EXPECT_EQ(static_cast<int>(ReasonCode::certificateExpired), 11);
     EXPECT_STREQ(nameOf(static_cast<ReasonCode>(12345)), "other");
@@ -44,7 +47,18 @@ TEST(TrustNames, OptionsAreSpelledAsTheToolDoes) {
     EXPECT_STREQ(nameOf(Purpose::encrypt), "encrypt");
     EXPECT_STREQ(nameOf(Purpose::authority), "authority");
     EXPECT_STREQ(nameOf(RevocationStatus::notLookedAt), "not-looked-at");
+    EXPECT_STREQ(nameOf(RevocationStatus::noList), "no-list");
+    EXPECT_STREQ(nameOf(RevocationStatus::unusable), "unusable");
+    EXPECT_STREQ(nameOf(RevocationStatus::good), "good");
     EXPECT_STREQ(nameOf(RevocationStatus::revoked), "revoked");
+    // What is none of them, next to them and far away.
+    for (const int number : {5, -1, 1000}) {
+        EXPECT_STREQ(nameOf(static_cast<RevocationStatus>(number)), "other");
+        EXPECT_STREQ(nameOf(static_cast<Purpose>(number)), "other");
+        EXPECT_STREQ(nameOf(static_cast<Revocation>(number)), "other");
+    }
+    EXPECT_STREQ(nameOf(static_cast<Purpose>(4)), "other");
+    EXPECT_STREQ(nameOf(static_cast<Revocation>(3)), "other");
 }
 
 } // namespace

@@ -485,4 +485,66 @@ TEST_F(TrustRevocation, AForgedCertificateIsNotLookedUp) {
     EXPECT_EQ(shown(with(Revocation::required).judge(forged)), "refused signature-wrong 0");
 }
 
+/// Each is told of each certificate, whatever else is.
+TEST_F(TrustRevocation, OneReasonHidesNoOther) {
+    const Identity anna = user(m_middle, {.keyUsage = 0x20});
+    EXPECT_EQ(shown(with(Revocation::required).judge(anna)),
+              "refused key-usage-forbids 0, list-missing 0, list-missing 1");
+    CrlRequest forAuthorities;
+    forAuthorities.scope = {.onlyCa = true};
+    Case one = with(Revocation::required);
+    one.known(list(m_middle, forAuthorities));
+    EXPECT_EQ(shown(one.judge(m_anna)), "refused list-scope-differs 0, list-missing 1");
+}
+
+/// Names of distribution points are compared each with each: 2^20 pairs for one certificate, no more.
+TEST_F(TrustRevocation, PairsOfDistributionPointsThatAreCompared) {
+    const auto places = [](const std::string& host, std::size_t count) {
+        DistributionPointName name{{GeneralName::uri("http://first.example")}};
+        for (std::size_t i = 1; i < count; ++i) {
+            name.full.push_back(GeneralName::uri("http://" + host + std::to_string(i)));
+        }
+        return name;
+    };
+    const auto listAt = [&](std::size_t count, const std::string& number) {
+        CrlRequest request;
+        request.scope.emplace();
+        request.scope->name = places("b", count);
+        request.crlNumber = number;
+        return list(m_middle, request);
+    };
+    const Identity anna = user(m_middle, {.crlDistributionPoints = {{places("a", 1024)}}});
+    const auto judged = [&](const std::vector<norvauthority::Crl>& lists, const Identity& who) {
+        Case one = with(Revocation::required);
+        one.options.purpose = Purpose::any;
+        one.known(list(m_root));
+        for (const auto& each : lists) {
+            one.known(each);
+        }
+        const Verdict verdict = one.judge(who);
+        return shown(verdict) + " | " + codesOf(verdict.notes);
+    };
+    EXPECT_EQ(judged({listAt(1023, "1")}, anna), "accepted  | ") << "one for the list itself";
+    EXPECT_EQ(judged({listAt(1024, "1")}, anna), "refused list-missing 0 | list-not-used 0");
+    EXPECT_EQ(judged({listAt(600, "1"), listAt(600, "2")}, anna), "accepted  | list-not-used 0");
+    EXPECT_EQ(judged({listAt(511, "1"), listAt(511, "2")}, anna), "accepted  | ");
+    EXPECT_EQ(judged({listAt(1022, "1"), list(m_middle, {.revoked = {{.serial = "77"}}})}, anna), "accepted  | ");
+    EXPECT_EQ(judged({listAt(1023, "1"), list(m_middle, {.revoked = {{.serial = "77"}}})}, anna),
+              "accepted  | list-not-used 0");
+    // Wherever the extensions stand.
+    CertificateRequest bare;
+    bare.subject = {{"CN", "Anna"}};
+    bare.key = key(9);
+    bare.issuer = &m_middle;
+    bare.subjectKeyIdentifier = bare.authorityKeyIdentifier = false;
+    bare.crlDistributionPoints = {{places("a", 1024)}};
+    CrlRequest first;
+    first.issuer = &m_middle;
+    first.scope.emplace();
+    first.scope->name = places("b", 1024);
+    first.authorityKeyIdentifier = false;
+    EXPECT_EQ(judged({norvauthority::issueList(first)}, norvauthority::issue(bare)),
+              "refused list-missing 0 | list-not-used 0");
+}
+
 } // namespace

@@ -86,6 +86,45 @@ TEST_F(TrustSender, AddressesInTheSubject) {
     const RefCertificate anna = read(norvauthority::issue(request));
     EXPECT_EQ(judged(anna, {"anna@example.org"}), "from ");
     EXPECT_EQ(judged(anna, {"a@EXAMPLE.net"}), "from ");
+    request.subject = {{"emailAddress", "anna@example.org", 22}, {"CN", "Anna"}};
+    EXPECT_EQ(judged(read(norvauthority::issue(request)), {"anna@example.org"}), "from ") << "in the first place";
+}
+
+/// RFC 9598, 3: a UTF8String under the identifier of mailboxes, and nothing else.
+TEST_F(TrustSender, OtherNamesThatAreNoMailboxes) {
+    const Bytes address = norvauthority::bytes("\xC3\xA4nna@example.org");
+    EXPECT_EQ(judged(with({GeneralName::otherName("1.3.6.1.5.5.7.8.9", norvauthority::der::element(0x16, address))}),
+                     {"\xC3\xA4nna@example.org"}),
+              "none certificate-without-address 0");
+    EXPECT_EQ(
+        judged(with({GeneralName::otherName("1.3.6.1.4.1.311.20.2.3", norvauthority::der::element(0x0C, address))}),
+               {"\xC3\xA4nna@example.org"}),
+        "none certificate-without-address 0");
+}
+
+TEST_F(TrustSender, ThreeAddressesAreTold) {
+    std::vector<GeneralName> names;
+    for (const char* behind : {"a", "a, b", "a, b, c", "a, b, c and 1 other", "a, b, c and 2 others"}) {
+        names.push_back(GeneralName::email(std::string(1, static_cast<char>('a' + names.size())) + "@x"));
+        const RefCertificate many = with(names);
+        const SenderMatch match = matchSender(many, {"z@x"});
+        ASSERT_EQ(match.reasons.size(), 1U);
+        std::string text = behind;
+        for (const char* letter : {"a", "b", "c"}) {
+            const std::size_t at = text.find(letter);
+            if (at != std::string::npos && (at + 1 == text.size() || text[at + 1] == ',' || letter[0] == 'c')) {
+                text.insert(at + 1, "@x");
+            }
+        }
+        EXPECT_EQ(match.reasons[0].text,
+                  "the certificate is for " + text + ", and not for z@x, from whom the message says it is");
+        EXPECT_EQ(match.reasons[0].certificate.operator->(), many.operator->());
+    }
+}
+
+TEST_F(TrustSender, AThousandFromAddresses) {
+    const std::vector<std::string> from(1000, "anna@example.org");
+    EXPECT_EQ(judged(with("anna@example.org"), from), "from ");
 }
 
 TEST_F(TrustSender, InternationalDomains) {

@@ -60,6 +60,12 @@ TEST_F(TrustUsage, NetscapesCertificateType) {
     // A BIT STRING with the bit for TLS servers alone.
     const Identity server = user(m_middle, {.extensions = {{"2.16.840.1.113730.1.1", {0x03, 0x02, 0x06, 0x40}}}});
     EXPECT_EQ(shown(chain().judge(server)), "refused purpose-forbids 0");
+    const Identity both =
+        user(m_middle, {.keyUsage = 0x20, .extensions = {{"2.16.840.1.113730.1.1", {0x03, 0x02, 0x06, 0x40}}}});
+    EXPECT_EQ(shown(chain().judge(both)), "refused key-usage-forbids 0") << "which is what is to be told";
+    const Identity other = user(m_middle, {.extendedKeyUsage = {"serverAuth"},
+                                           .extensions = {{"2.16.840.1.113730.1.1", {0x03, 0x02, 0x06, 0x40}}}});
+    EXPECT_EQ(shown(chain().judge(other)), "refused extended-key-usage-forbids 0");
 }
 
 TEST_F(TrustUsage, AuthoritiesAsThePurpose) {
@@ -75,7 +81,9 @@ TEST_F(TrustUsage, IssuersThatMayNotIssue) {
     Case one;
     const Identity plain = authority("Plain", 2, &m_root, {.ca = false});
     const Identity silent = authority("Silent", 3, &m_root, {.keyUsage = 0x80});
-    one.anchor(m_root).message(plain).message(silent);
+    const Identity neither = authority("Neither", 4, &m_root, {.ca = false, .keyUsage = 0x80});
+    one.anchor(m_root).message(plain).message(silent).message(neither);
+    EXPECT_EQ(shown(one.judge(user(neither))), "refused not-an-authority 1, certificate-signing-forbidden 1");
     EXPECT_EQ(shown(one.judge(user(plain))), "refused not-an-authority 1");
     EXPECT_EQ(shown(one.judge(user(silent))), "refused certificate-signing-forbidden 1");
 }
@@ -96,9 +104,39 @@ TEST_F(TrustUsage, CriticalExtensionsThatNobodyKnows) {
     EXPECT_EQ(shown(chain().judge(user(m_middle, {.extensions = {{"1.2.3.4", {0x05, 0x00}, false}}}))), "accepted ");
 }
 
+/// Five of them are named, whatever stands in front and between.
+TEST_F(TrustUsage, ManyCriticalExtensionsThatNobodyKnows) {
+    CertificateRequest request;
+    request.subject = {{"CN", "Anna"}};
+    request.key = key(9);
+    request.issuer = &m_middle;
+    request.subjectKeyIdentifier = request.authorityKeyIdentifier = false;
+    const auto unknown = [](int number, bool critical = true) {
+        return norvauthority::Extension{"1.2.3." + std::to_string(number), {0x05, 0x00}, critical};
+    };
+    request.extensions = {unknown(1), unknown(2), unknown(30, false), {"2.5.29.15", {0x03, 0x02, 0x07, 0x80}, true},
+                          unknown(4), unknown(5), unknown(6),         unknown(7)};
+    const Verdict verdict = chain().judge(norvauthority::issue(request));
+    EXPECT_EQ(shown(verdict), "refused critical-extension-unknown 0");
+    EXPECT_EQ(verdict.reasons[0].text, "the certificate of CN=Anna has a critical extension that is not understood: "
+                                       "1.2.3.1, 1.2.3.2, 1.2.3.4, 1.2.3.5, 1.2.3.6");
+}
+
+/// What OpenSSL refuses for reasons of its own is told in its words: RFC 3779, 2.3, wants addresses to be within the issuer's.
+TEST_F(TrustUsage, WhatHasNoReasonOfItsOwn) {
+    namespace der = norvauthority::der;
+    const Bytes addresses =
+        der::sequence({der::sequence({der::octetString({0x00, 0x01}), der::sequence({der::bitString({0x0A})})})});
+    const Verdict verdict = chain().judge(user(m_middle, {.extensions = {{"1.3.6.1.5.5.7.1.7", addresses, true}}}));
+    EXPECT_TRUE(verdict.has(Code::other)) << shown(verdict);
+    EXPECT_THAT(find(verdict.reasons, Code::other).text,
+                HasSubstr("is refused: RFC 3779 resource not subset of parent"));
+}
+
 TEST_F(TrustUsage, ExtensionsThatDoNotDecode) {
     const Verdict verdict = chain().judge(user(m_middle, {.extensions = {{"2.5.29.19", {0x04, 0x00}, true}}}));
     EXPECT_TRUE(verdict.has(Code::extensionInvalid)) << shown(verdict);
+    EXPECT_FALSE(verdict.has(Code::listInvalid)) << "no list is looked at";
 }
 
 TEST_F(TrustUsage, ProxyCertificates) {
@@ -183,6 +221,14 @@ TEST_F(TrustPolicies, OneThatIsAskedForMustHold) {
     EXPECT_EQ(judged({"1.2.3"}, {}, "", {}), "accepted ") << "nobody asked";
 }
 
+TEST_F(TrustPolicies, WhoIsRefusedForThemIsNamed) {
+    Case one = chain();
+    one.options.policies = {"1.2.3"};
+    const Verdict verdict = one.judge(user(m_middle));
+    EXPECT_EQ(shown(verdict), "refused policy-missing 0");
+    EXPECT_EQ(verdict.reasons[0].text, "no certificate policy holds for the chain of CN=Anna that is asked for");
+}
+
 TEST_F(TrustPolicies, MappingsCount) {
     EXPECT_EQ(judged({"1.2.3"}, policyMappings({{"1.2.3", "1.9.9"}}), "1.9.9", {"1.2.3"}), "accepted ");
     EXPECT_EQ(judged({"1.2.3"}, policyMappings({{"1.2.3", "1.9.9"}}), "1.2.3", {"1.2.3"}), "refused policy-missing 0");
@@ -202,11 +248,21 @@ TEST_F(TrustPolicies, OnesThatContradictThemselves) {
 }
 
 TEST_F(TrustPolicies, IdentifiersThatAreNoneAreTheCallersMistake) {
-    for (const char* text : {"", "hello", "1.2.x", "anyPolicy", "9.9.9.", "1"}) {
+    const std::string longest = "1.2." + std::string(252, '1');
+    for (const std::string& text :
+         std::vector<std::string>{"", "hello", "1.2.x", "anyPolicy", "9.9.9.", "1", "1 2 3", longest + "1"}) {
         Case one = chain();
         one.options.policies = {text};
-        EXPECT_THROW(one.judge(user(m_middle)), Norvane::Exception) << text;
+        try {
+            static_cast<void>(one.judge(user(m_middle)));
+            ADD_FAILURE() << text;
+        } catch (const Norvane::Exception& failure) {
+            EXPECT_EQ(failure.code(), 4) << text;
+        }
     }
+    Case one = chain();
+    one.options.policies = {longest};
+    EXPECT_EQ(shown(one.judge(user(m_middle))), "refused policy-missing 0");
 }
 
 } // namespace
