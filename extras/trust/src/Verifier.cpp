@@ -185,6 +185,9 @@ Verdict reached(const Snapshot& snapshot, const RefCertificate& certificate, Can
             next.see(one);
         }
     }
+    for (const RefCertificate& one : verdict.chain) { // OpenSSL finds anchors that are among neither
+        next.see(static_cast<const X509*>(one));
+    }
     for (const X509_CRL* list : used) {
         next.see(list);
     }
