@@ -1,6 +1,5 @@
 #include "openssl/ErrorQueue.h"
 
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 
 #include <cstdint>
@@ -41,8 +40,6 @@ std::string drainErrorQueue() {
     int line = 0;
     int flags = 0;
     unsigned long code = 0;
-    // A program that was started with less has no texts yet.
-    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     while ((code = ERR_get_error_all(&file, &line, &function, &data, &flags)) != 0) {
         text << "0x" << std::hex << static_cast<std::uint32_t>(code) << ": ";
         put(text, ERR_lib_error_string(code));

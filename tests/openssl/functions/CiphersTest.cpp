@@ -276,15 +276,17 @@ TEST(GcmCheckFunctions, TheHashKeyIsWiped) {
     for (std::size_t i = 0; i != hashKey.size(); ++i) {
         words[i / 8] = words[i / 8] << 8U | hashKey[i];
     }
-    const auto wipes = [&](const void* secret) {
-        return norvtest::wipesOf(std::string(static_cast<const char*>(secret), 16), [&] {
-            GcmCheck check(EVP_aes_128_gcm(), key, nonce);
-            EXPECT_TRUE(check.update(s_clear));
-            EXPECT_FALSE(check.isRight({}, Bytes(16, 0)));
-        });
+    norvtest::wipesOf("", [&] {
+        GcmCheck check(EVP_aes_128_gcm(), key, nonce);
+        EXPECT_TRUE(check.update(s_clear));
+        EXPECT_FALSE(check.isRight({}, Bytes(16, 0)));
+    });
+    // Alone, that is: OpenSSL wipes whole contexts in which it stands, too.
+    const auto wipes = [](const void* secret) {
+        return std::ranges::count(norvtest::wiped, std::string(static_cast<const char*>(secret), 16));
     };
-    EXPECT_GE(wipes(hashKey.data()), 1U) << "as octets";
-    EXPECT_GE(wipes(words), 1U) << "as numbers";
+    EXPECT_GE(wipes(hashKey.data()), 1) << "as octets";
+    EXPECT_GE(wipes(words), 1) << "as numbers";
 }
 
 TEST(GcmCheckFunctions, WithoutANonceNothingIsChecked) {

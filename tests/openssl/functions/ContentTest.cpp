@@ -7,8 +7,12 @@
 #include "openssl/LazyPkcs7.h"
 #include "openssl/PaddedDecryption.h"
 #include "openssl/Pkcs7.h"
+#include "openssl/StructureOctets.h"
 
 #include "support/Interpose.h"
+
+#include <norvcmsg/Buffer.h>
+#include <norvcmsg/Media.h>
 
 #include <authority/Authority.h>
 
@@ -235,6 +239,48 @@ TEST(ContentDecryption, WhatWasDecryptedBeforeADamageIsWritten) {
         EXPECT_EQ(contentOf(out.get()).size(),
                   sound == 0 ? 0 : static_cast<std::size_t>(sound) * PaddedDecryption::s_pieceLength - 16);
     }
+}
+
+template <auto Encode, class T> Bytes encoded(const T* object) {
+    unsigned char* octets = nullptr;
+    const int length = Encode(object, &octets);
+    const OwnedMemory<unsigned char> owner(octets);
+    return {octets, octets + length};
+}
+
+/// The same message with its content in segments.
+Bytes inSegments(const PKCS7* structure, std::size_t length) {
+    const PKCS7_ENC_CONTENT* content = structure->d.enveloped->enc_data;
+    const unsigned char* const octets = ASN1_STRING_get0_data(content->enc_data);
+    Bytes segments;
+    for (std::size_t at = 0, all = static_cast<std::size_t>(ASN1_STRING_length(content->enc_data)); at < all;
+         at += length) {
+        der::append(segments, der::octetString(Bytes(octets + at, octets + std::min(all, at + length))));
+    }
+    const Bytes enveloped =
+        der::sequence({der::integer("0"), der::set({encoded<i2d_PKCS7_RECIP_INFO>(recipientOf(structure, 0))}),
+                       der::sequence({der::oid("1.2.840.113549.1.7.1"), encoded<i2d_X509_ALGOR>(content->algorithm),
+                                      der::element(der::contextConstructed(0), segments)})});
+    return der::sequence({der::oid("1.2.840.113549.1.7.3"), der::element(der::contextConstructed(0), enveloped)});
+}
+
+TEST(ContentDecryption, WhatWasGatheredBeforeADamageIsWritten) {
+    const Bytes message = inSegments(enveloped(Bytes(6000, 0x42)).get(), 2000);
+    Norvane::MemoryMediaIn source(Norvane::Buffer(message.data(), static_cast<unsigned int>(message.size()), false));
+    const auto structure = LazyPkcs7::decode(StructureOctets(source));
+    ASSERT_NE(structure, nullptr);
+    structure->decodeRecipients();
+    ContentDecryption decryption(*structure);
+    decryption.open(recipientOf(structure->structure(), 0), recipient(0).key.get());
+    for (const int sound : {0, 1, 2, 3}) {
+        const BioPtr out(BIO_new(BIO_s_mem()));
+        const During<int> failing(s_decryptions, sound + 1);
+        EXPECT_FALSE(decryption.write(out.get()));
+        EXPECT_EQ(contentOf(out.get()).size(), sound == 0 ? 0 : static_cast<std::size_t>(sound) * 2000 - 16);
+    }
+    const BioPtr out(BIO_new(BIO_s_mem()));
+    EXPECT_TRUE(decryption.write(out.get()));
+    EXPECT_EQ(contentOf(out.get()), Bytes(6000, 0x42));
 }
 
 TEST(ContentDecryption, AKeyThatOpensTakesThePlaceOfTheOneBefore) {

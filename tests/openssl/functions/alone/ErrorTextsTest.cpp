@@ -1,4 +1,4 @@
-// The texts of errors in a process in which nothing else of OpenSSL has started.
+// The texts of errors in a process in which nothing else of OpenSSL has started: OpenSSL loads them with the first error.
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/err.h>
