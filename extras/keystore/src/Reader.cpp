@@ -78,7 +78,7 @@ Entry::Leaf readLeaf(const FileDescriptor& folder, const std::string& name) {
             throw Refusal("is missing");
         }
         const auto certificates = certificatesOf(*pem);
-        const RefCertificate certificate = certificates.front();
+        const RefCertificate& certificate = certificates.front();
         refuseUnusable(certificate);
         appendToChain(leaf.following, certificates, certificate);
         if ((X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0) { // OpenSSL then grants no usage at all

@@ -29,6 +29,7 @@ int s_reads = 0;
 std::atomic<int> s_decoded{0};
 int s_statError = 0;    ///< of keys
 int s_commonFlags = -1; ///< with which everything was opened
+int s_folderFlags = -1; ///< with which the folder x was
 std::function<void(const std::string&)> s_onOpen;
 
 } // namespace
@@ -39,6 +40,7 @@ extern "C" int openat(int folder, const char* name, int flags, ...) {
         const std::lock_guard<std::mutex> lock(s_mutex);
         ++s_opened[whole.substr(whole.rfind('/') + 1)];
         s_commonFlags &= whole == "." ? ~0 : flags;
+        s_folderFlags &= whole == "x" ? flags : ~0;
     }
     if (s_onOpen) {
         s_onOpen(whole);
@@ -210,7 +212,7 @@ TEST_F(DirectoryKeyStoreWorkTest, NothingIsOpenedThroughALinkOrForOtherPrograms)
     const auto who = identity("x");
     m_store.add("x", "x@example.com\n", who);
     const auto certificate = x509testing::read(who);
-    s_commonFlags = -1;
+    s_commonFlags = s_folderFlags = -1;
     openedBy([&] {
         const auto store = open();
         EXPECT_EQ(keystoretesting::who(store->find(certificate->issuer(), certificate->serialNumber())), "x");
@@ -218,13 +220,13 @@ TEST_F(DirectoryKeyStoreWorkTest, NothingIsOpenedThroughALinkOrForOtherPrograms)
     EXPECT_NE(s_commonFlags, -1);
     EXPECT_EQ(s_commonFlags & O_NOFOLLOW, O_NOFOLLOW);
     EXPECT_EQ(s_commonFlags & O_CLOEXEC, O_CLOEXEC);
+    EXPECT_NE(s_folderFlags, -1);
+    EXPECT_EQ(s_folderFlags & O_DIRECTORY, O_DIRECTORY);
 }
 
 // A daemon may have closed its standard input: descriptor 0 is one like any other.
 TEST_F(DirectoryKeyStoreWorkTest, DescriptorZeroIsOneLikeAnyOther) {
-    const auto whose = identity("x");
-    m_store.add("x", "x@example.com\n", whose);
-    const auto certificate = x509testing::read(whose);
+    m_store.add("x", "x@example.com\n");
     const auto withoutInput = [](const auto& work) {
         const int kept = dup(0);
         close(0);
@@ -237,9 +239,14 @@ TEST_F(DirectoryKeyStoreWorkTest, DescriptorZeroIsOneLikeAnyOther) {
     withoutInput([&] { EXPECT_EQ(signerFor(open(), "x@example.com"), "x"); }); // the store
     const auto first = open();
     withoutInput([&] { EXPECT_EQ(signerFor(first, "x@example.com"), "x"); }); // a folder in it
-    const auto second = open();
-    withoutInput([&] { // a file
-        EXPECT_EQ(who(second->find(certificate->issuer(), certificate->serialNumber())), "x");
+    withoutInput([&] {                                                        // a file
+        s_onOpen = [](const std::string& name) {
+            if (name == "x/owners.txt") {
+                close(0);
+            }
+        };
+        EXPECT_EQ(dup2(1, 0), 0);
+        EXPECT_EQ(signerFor(open(), "x@example.com"), "x");
     });
 }
 
