@@ -9,7 +9,6 @@
 #include <openssl/pkcs7.h>
 
 #include <filesystem>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -299,35 +298,6 @@ TEST_F(TrustMaterial, FilesThatHaveTheNumberOfStandardInput) {
         close(kept);
     }
     EXPECT_EQ(counts(), "1 0 0");
-}
-
-/// Without numbers for files a load fails as a whole: anchors that nothing is wrong with would be lost.
-TEST_F(TrustMaterial, WithoutFreeDescriptorsNothingIsLoadedInPart) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "sanitizers need descriptors of their own";
-#endif
-    m_folder.write("a.pem", m_root.certificate.pem());
-    m_folder.write("b.pem", authority("Other", 4).certificate.pem());
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = dup(1);
-    close(next);
-    int failures = 0;
-    std::string loaded;
-    for (unsigned int more = 0; more < 8 && loaded.empty(); ++more) {
-        Material material;
-        const rlimit few{static_cast<rlim_t>(next) + more, before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
-        try {
-            material.addAnchors(m_folder.path());
-            loaded = std::to_string(material.counts().anchors) + " " + std::to_string(material.problems().size());
-        } catch (const Norvane::Exception&) {
-            ++failures;
-        }
-        setrlimit(RLIMIT_NOFILE, &before);
-    }
-    EXPECT_GE(failures, 2) << "for the folder, and for the files in it";
-    EXPECT_EQ(loaded, "2 0");
 }
 
 } // namespace

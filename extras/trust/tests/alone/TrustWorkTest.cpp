@@ -13,6 +13,8 @@
 #include <openssl/param_build.h>
 #include <openssl/x509v3.h>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <idn2.h>
 #include <netdb.h>
@@ -36,6 +38,7 @@ int s_verified = 0;                           // chains
 int s_pushed = 0;                             // onto stacks, among them that of the candidates
 int s_copied = 0;                             // certificates, which counts no pushes
 constexpr int refusedTwice = 2;               // a refusal is reached a second time before it is believed
+std::optional<int> s_freeDescriptors;         // how many files may still be opened
 std::optional<std::pair<int, int>> s_failure; // what OpenSSL answers and gives as error, when it fails in silence
 std::optional<int> s_then;                    // the error that it gives from the second time on
 int s_failures = -1;                          // how many times it does so; negative: each time
@@ -43,6 +46,14 @@ int s_failures = -1;                          // how many times it does so; nega
 } // namespace
 
 extern "C" {
+
+int openat(int folder, const char* name, int flags, ...) {
+    if (s_freeDescriptors && (*s_freeDescriptors)-- <= 0) {
+        errno = EMFILE;
+        return -1;
+    }
+    return norvtest::next<&openat>("openat")(folder, name, flags);
+}
 
 int X509_verify(X509* certificate, EVP_PKEY* key) {
     ++s_signatures;
@@ -563,6 +574,25 @@ TEST_F(TrustWork, NothingIsFetched) {
     const int probe = socket(AF_INET, SOCK_STREAM, 0); // what counts, counts
     EXPECT_EQ(s_sockets, 1);
     close(probe);
+}
+
+/// Without numbers for files a load fails as a whole: anchors that nothing is wrong with would be lost.
+TEST_F(TrustWork, WithoutFreeDescriptorsNothingIsLoadedInPart) {
+    const norvtest::TemporaryFolder folder;
+    folder.write("a.pem", authority("One", 3).certificate.pem());
+    folder.write("b.pem", authority("Other", 4).certificate.pem());
+    constexpr int needed = 4; // the folder, its list and two files
+    for (int free = 0; free <= needed; ++free) {
+        Material material;
+        const norvtest::During<std::optional<int>> few(s_freeDescriptors, free);
+        if (free < needed) {
+            EXPECT_THROW(material.addAnchors(folder.path()), Norvane::Exception) << free;
+        } else {
+            material.addAnchors(folder.path());
+        }
+        EXPECT_EQ(material.counts().anchors, free < needed ? 0U : 2U);
+        EXPECT_TRUE(material.problems().empty());
+    }
 }
 
 } // namespace
