@@ -1,0 +1,515 @@
+// What is read up to its limits and no further, and what is told of what was found.
+#include "Mails.h"
+
+using namespace smimetest;
+using interop::alice;
+using interop::bob;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace Trust = Norvane::Crypto::Trust;
+
+namespace {
+
+constexpr unsigned int wire = CMS_BINARY | CMS_CRLFEOL;
+constexpr unsigned int detached = wire | CMS_DETACHED;
+
+std::string mixedOf(std::size_t count) {
+    std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\n\r\n";
+    for (std::size_t number = 0; number != count; ++number)
+        mixed += "--in\r\n\r\nx\r\n";
+    return mixed + "--in--\r\n";
+}
+
+/// With the keys of bob.
+Outcome readWithin(const SMime::ReadBudget& budget, const std::string& mail, bool listParts = false) {
+    static const Keys keys({&bob()});
+    SMime::ReadOptions options;
+    options.keys = &keys;
+    options.budget = budget;
+    options.listParts = listParts;
+    return outcomeOf(mail, options);
+}
+
+TEST(SMimeLimits, PartsAreLookedAtUpToTheBudget) {
+    SMime::ReadBudget budget;
+    budget.parts = 3;
+    EXPECT_THAT(readWithin(budget, fieldsOfAlice + mixedOf(3)).answer.oddities, IsEmpty());
+    const Outcome more = readWithin(budget, fieldsOfAlice + mixedOf(4));
+    EXPECT_THAT(more.answer.oddities, ElementsAre("part 1: more than 3 parts; the others were not looked at"));
+    ASSERT_THAT(pathsOf(more.answer.notCovered), ElementsAre("1.1", "1.2", "1.3", "1.4"));
+    EXPECT_EQ(more.answer.notCovered.back().type, "and those behind it");
+
+    // The two of a multipart/signed count, those behind them and those in the text.
+    budget.parts = 5;
+    const std::string mail = fieldsOfAlice + signedBy(alice(), mixedOf(3), detached);
+    EXPECT_THAT(readWithin(budget, mail).answer.oddities, IsEmpty());
+    budget.parts = 4;
+    EXPECT_THAT(readWithin(budget, mail).answer.oddities, Contains(HasSubstr("more than 4 parts")));
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = entity.find("boundary=\"") + 10;
+    const std::string boundary = "--" + entity.substr(at, entity.find('"', at) - at);
+    const std::string behind =
+        fieldsOfAlice +
+        replaced(entity, boundary + "--", boundary + "\r\n\r\n3\r\n" + boundary + "\r\n\r\n4\r\n" + boundary + "--");
+    const Outcome both = readWithin(budget, behind);
+    ASSERT_THAT(pathsOf(both.answer.notCovered), ElementsAre("1.3", "1.4"));
+    EXPECT_EQ(both.answer.notCovered.back().type, "text/plain");
+    budget.parts = 3;
+    const Outcome one = readWithin(budget, behind);
+    ASSERT_THAT(pathsOf(one.answer.notCovered), ElementsAre("1.3", "1.4"));
+    EXPECT_EQ(one.answer.notCovered.back().type, "and those behind it");
+}
+
+TEST(SMimeLimits, StructuresAreReadUpToTheBudget) {
+    SMime::ReadBudget budget;
+    budget.layers = 2;
+    const std::string inner = encryptedFor({&bob()}, plainEntity);
+    for (const std::string& two :
+         {encryptedFor({&bob()}, inner), signedBy(alice(), inner, detached), signedBy(alice(), inner, wire)}) {
+        budget.layers = 2;
+        EXPECT_EQ(readWithin(budget, fieldsOfAlice + two).content, plainEntity);
+        budget.layers = 1;
+        const Outcome outcome = readWithin(budget, fieldsOfAlice + two);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::tooCostly);
+        EXPECT_THAT(outcome.answer.detail, HasSubstr("more than 1 structures"));
+        EXPECT_EQ(outcome.content, "");
+    }
+    budget.layers = 1;
+    const std::string within = fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), plainEntity, detached));
+    EXPECT_EQ(readWithin(budget, within).answer.verdict, Verdict::tooCostly);
+    budget.layers = 2;
+    EXPECT_EQ(readWithin(budget, within).answer.verdict, Verdict::signatureGood);
+}
+
+TEST(SMimeLimits, EntitiesLieAsDeepAsTheBudgetAllows) {
+    SMime::ReadBudget budget;
+    const std::string forwarded = "Content-Type: message/rfc822\r\n\r\nFrom: bob@example.org\r\n\r\nhello\r\n";
+    for (const std::string& entity : {mixedOf(1), forwarded}) {
+        const std::string mail = fieldsOfAlice + signedBy(alice(), entity, detached);
+        budget.depth = 2;
+        const Outcome whole = readWithin(budget, mail);
+        EXPECT_EQ(whole.answer.verdict, Verdict::signatureGood) << whole.answer.detail;
+        EXPECT_THAT(whole.answer.oddities, IsEmpty());
+        budget.depth = 1;
+        const Outcome half = readWithin(budget, mail);
+        EXPECT_EQ(half.answer.verdict, Verdict::signatureGood) << half.answer.detail;
+        EXPECT_THAT(half.answer.oddities, ElementsAre(HasSubstr(" 1.1.1: ")));
+        EXPECT_EQ(half.content, entity);
+        budget.depth = 0;
+        EXPECT_EQ(readWithin(budget, mail).answer.verdict, Verdict::tooCostly);
+    }
+}
+
+TEST(SMimeLimits, HeadersAreAsLongAsTheBudgetAllows) {
+    const std::string mail = fieldsOfAlice + signedBy(alice(), plainEntity, detached);
+    const std::string header = mail.substr(0, mail.find("\r\n\r\n") + 4);
+    SMime::ReadBudget octets;
+    octets.headerOctets = header.size();
+    EXPECT_EQ(readWithin(octets, mail).answer.verdict, Verdict::signatureGood);
+    --octets.headerOctets;
+    const Outcome tooLong = readWithin(octets, mail);
+    EXPECT_EQ(tooLong.answer.verdict, Verdict::tooCostly);
+    EXPECT_THAT(tooLong.answer.detail,
+                HasSubstr("a header of more than " + std::to_string(header.size() - 1) + " bytes"));
+    SMime::ReadBudget fields;
+    fields.headerFields = 5;
+    ASSERT_THAT(header, HasSubstr("\r\nMIME-Version: "));
+    EXPECT_EQ(readWithin(fields, mail).answer.verdict, Verdict::signatureGood);
+    fields.headerFields = 4;
+    const Outcome tooMany = readWithin(fields, mail);
+    EXPECT_EQ(tooMany.answer.verdict, Verdict::tooCostly);
+    EXPECT_THAT(tooMany.answer.detail, HasSubstr("a header of more than 4 fields"));
+}
+
+TEST(SMimeLimits, PartsAreKeptUpToTheBudget) {
+    const std::string mail = fieldsOfAlice + signedBy(alice(), plainEntity, detached);
+    const Outcome listed = readWithin({}, mail, true);
+    ASSERT_EQ(listed.answer.parts.size(), 2U);
+    ASSERT_EQ(listed.answer.parts[1].type, "application/pkcs7-signature");
+    SMime::ReadBudget budget;
+    budget.spill = plainEntity.size() + listed.answer.parts[1].octets;
+    EXPECT_EQ(readWithin(budget, mail).answer.verdict, Verdict::signatureGood);
+    --budget.spill;
+    const Outcome signature = readWithin(budget, mail);
+    EXPECT_EQ(signature.answer.verdict, Verdict::tooCostly);
+    EXPECT_THAT(signature.answer.detail, HasSubstr("the parts to be kept are longer than the budget allows"));
+    budget.spill = plainEntity.size() - 1;
+    EXPECT_EQ(readWithin(budget, mail).answer.verdict, Verdict::tooCostly);
+}
+
+TEST(SMimeLimits, BoundariesHaveTwoHundredOctets) {
+    const auto mixed = [](const std::string& boundary) {
+        return outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=" + boundary + "\r\n\r\n--" +
+                         boundary + "\r\n\r\nx\r\n--" + boundary + "--\r\n");
+    };
+    EXPECT_THAT(mixed(std::string(200, 'b')).answer.oddities, IsEmpty());
+    const Outcome tooLong = mixed(std::string(201, 'b'));
+    EXPECT_THAT(tooLong.answer.oddities, ElementsAre("part 1: a multipart with too long a boundary"));
+    EXPECT_THAT(
+        outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed\r\n\r\n--\r\n\r\nx\r\n----\r\n").answer.oddities,
+        ElementsAre("part 1: a multipart without a boundary"));
+    const std::string signedMixed = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = signedMixed.find("boundary=\"") + 10;
+    const std::string boundary = signedMixed.substr(at, signedMixed.find('"', at) - at);
+    for (const std::size_t length : {200U, 201U}) {
+        std::string renamed = signedMixed;
+        for (std::size_t found = renamed.find(boundary); found != std::string::npos;
+             found = renamed.find(boundary, found + length))
+            renamed.replace(found, boundary.size(), std::string(length, 'b'));
+        EXPECT_EQ(outcomeOf(fieldsOfAlice + renamed).answer.verdict,
+                  length == 200 ? Verdict::signatureGood : Verdict::damaged);
+    }
+}
+
+TEST(SMimeLimits, AHundredNamesOfFieldsOutsideAreTold) {
+    const std::string entity = "X-Inside: 1\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    std::string outside;
+    for (int number = 0; number != 101; ++number)
+        outside += "X-" + std::to_string(number) + ": y\r\n";
+    EXPECT_EQ(outcomeOf(outside + signedBy(alice(), entity, detached)).answer.headers.outsideOnly.size(), 100U);
+}
+
+TEST(SMimeLimits, FiftyOdditiesAreTold) {
+    std::string mixed = "Content-Type: multipart/mixed; boundary=in\r\n\r\n";
+    for (int number = 0; number != 60; ++number)
+        mixed += "--in\r\nContent-Type: multipart/mixed\r\n\r\nx\r\n";
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + mixed + "--in--\r\n").answer.oddities.size(), 50U);
+}
+
+TEST(SMimeTold, NamesOfFieldsAreComparedWithoutCaseAndValuesWithoutFolding) {
+    const std::string entity =
+        "AZ[: 1\r\nSubject: a\r\n b\r\nX-Tab:\tc \t d\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    const Answer answer =
+        outcomeOf("az[: 1\r\nSUBJECT: a\r\n\tb\r\nx-tab: c d\r\n" + signedBy(alice(), entity, detached)).answer;
+    ASSERT_EQ(answer.headers.fields.size(), 3U);
+    for (const SMime::ProtectedField& field : answer.headers.fields)
+        EXPECT_EQ(field.state, SMime::FieldState::same) << field.name;
+    EXPECT_THAT(answer.headers.outsideOnly, IsEmpty());
+    const Answer other = outcomeOf("az{: 1\r\n" + signedBy(alice(), entity, detached)).answer;
+    EXPECT_THAT(other.headers.outsideOnly, ElementsAre("az{"));
+}
+
+TEST(SMimeTold, TheSenderIsTheOneOutsideOrTheOneThatIsCovered) {
+    const auto senderOf = [](const std::string& outside, const std::string& inside) {
+        return outcomeOf(fieldsOfAlice + outside + signedBy(alice(), inside + plainEntity, detached)).answer.sender;
+    };
+    EXPECT_THAT(senderOf("", ""), IsEmpty());
+    EXPECT_THAT(senderOf("Sender: s@example.org\r\n", ""), ElementsAre("s@example.org"));
+    EXPECT_THAT(senderOf("", "Sender: t@example.org\r\n"), ElementsAre("t@example.org"));
+    EXPECT_THAT(senderOf("Sender: s@example.org\r\n", "Sender: t@example.org\r\n"), ElementsAre("s@example.org"));
+}
+
+TEST(SMimeTold, AWrappedMessageIsFromTheSameSendersInAnyOrder) {
+    const std::string message = "From: bob@EXAMPLE.org, Alice <alice@example.org>\r\nSubject: x\r\n\r\nhello\r\n";
+    const std::string entity = "Content-Type: message/rfc822\r\n\r\n" + message;
+    const auto read = [&](const std::string& from) {
+        return outcomeOf("From: " + from + "\r\n" + signedBy(alice(), entity, detached));
+    };
+    for (const std::string from : {"alice@example.org, bob@example.org", "bob@example.org, alice@Example.ORG"}) {
+        const Outcome wrapped = read(from);
+        EXPECT_EQ(wrapped.answer.headers.scheme, SMime::HeaderScheme::wrapped) << from;
+        EXPECT_EQ(wrapped.content, message);
+        ASSERT_EQ(wrapped.answer.layers.size(), 2U);
+        EXPECT_TRUE(wrapped.answer.layers[1].coversContent);
+        EXPECT_EQ(wrapped.answer.layers[1].detail, "");
+    }
+    for (const std::string from : {"alice@example.org", "alice@example.org, bob@example.org, carol@example.org"}) {
+        const Outcome forwarded = read(from);
+        EXPECT_EQ(forwarded.answer.headers.scheme, SMime::HeaderScheme::none) << from;
+        EXPECT_EQ(forwarded.content, entity);
+        ASSERT_EQ(forwarded.answer.layers.size(), 2U);
+        EXPECT_FALSE(forwarded.answer.layers[1].coversContent);
+        EXPECT_EQ(forwarded.answer.layers[1].detail, "");
+    }
+}
+
+// Half of a header does not tell whose the message is: more of it may follow.
+TEST(SMimeTold, AWrappedMessageHasAHeaderOfLessThanSixtyFourKilobytes) {
+    const auto schemeOf = [](std::size_t length) {
+        std::string message = "From: alice@example.org\r\nX-Long: \r\n\r\n";
+        message.insert(message.size() - 4, length - message.size(), 'x');
+        EXPECT_EQ(message.size(), length);
+        message += "hello\r\n";
+        const std::string entity = "Content-Type: message/rfc822\r\n\r\n" + message;
+        const Outcome outcome = outcomeOf(fieldsOfAlice + signedBy(alice(), entity, detached));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        return outcome.answer.headers.scheme;
+    };
+    EXPECT_EQ(schemeOf(65535), SMime::HeaderScheme::wrapped);
+    EXPECT_EQ(schemeOf(65536), SMime::HeaderScheme::none);
+    EXPECT_EQ(schemeOf(70000), SMime::HeaderScheme::none);
+}
+
+TEST(SMimeTold, ANameThatIsAnEndingAloneIsThatOfAStructure) {
+    const std::string entity = encryptedFor({&bob()}, plainEntity);
+    const std::string body = entity.substr(entity.find("\r\n\r\n"));
+    for (const std::string name : {".p7m", "a.P7C", ".p7z", "x.p7s"}) {
+        const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Type: application/octet-stream; name=" + name +
+                                          "\r\nContent-Transfer-Encoding: base64" + body);
+        EXPECT_EQ(outcome.content, plainEntity) << name;
+    }
+    for (const std::string name : {"p7m", "a.p7x", ".p7m.txt"}) {
+        const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Type: application/octet-stream; name=" + name +
+                                          "\r\nContent-Transfer-Encoding: base64" + body);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::notSMime) << name;
+    }
+}
+
+// Of bob too many certificates have the name, so that nothing is known of him: why the other signer is not accepted is told.
+TEST(SMimeTold, WhyNobodyIsAcceptedIsTheReasonOfASignerThatWasJudged) {
+    const Trust::Verifier nobody(std::make_shared<Trust::Material>());
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Trust::Verifier root(material);
+    SMime::ReadOptions options;
+    options.certificates = {x509testing::read(alice())};
+    for (int number = 0; number != 5; ++number)
+        options.certificates.push_back(
+            x509testing::read(norvauthority::issue({.subject = {{"CN", "alike " + std::to_string(number)}},
+                                                    .key = alice().key,
+                                                    .issuer = &interop::root(),
+                                                    .serial = bob().serial})));
+    for (const auto& signers : {std::vector<const norvauthority::Identity*>{&alice(), &bob()},
+                                std::vector<const norvauthority::Identity*>{&bob(), &alice()}}) {
+        const std::string mail = signedBy(signers, plainEntity, detached | CMS_NOCERTS);
+        for (const bool isTrusted : {false, true}) {
+            options.trust = isTrusted ? &root : &nobody;
+            const Outcome outcome = outcomeOf("From: mallory@example.org\r\n" + mail, options);
+            EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+            ASSERT_EQ(outcome.answer.layers.at(0).signers.size(), 2U);
+            std::size_t judged = 0;
+            for (const SMime::LayerSigner& signer : outcome.answer.layers[0].signers) {
+                if (signer.result.verdict != CMS::SignatureVerdict::good)
+                    continue;
+                ++judged;
+                ASSERT_TRUE(signer.trust);
+                ASSERT_TRUE(signer.sender);
+                EXPECT_EQ(signer.trust->accepted, isTrusted);
+                EXPECT_EQ(outcome.answer.detail,
+                          isTrusted ? signer.sender->reasons.at(0).text : signer.trust->reasons.at(0).text);
+            }
+            EXPECT_EQ(judged, 1U);
+            EXPECT_EQ(outcomeOf("From: alice@example.org\r\n" + mail, options).answer.verdict,
+                      isTrusted ? Verdict::accepted : Verdict::refused);
+        }
+    }
+}
+
+TEST(SMimeTold, ASenderIsComparedWhenThereIsOneAlone) {
+    const auto material = std::make_shared<Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    const auto relationOf = [&](const std::string& fields) {
+        const Outcome outcome = outcomeOf(fields + signedBy(alice(), plainEntity, detached), options);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << fields;
+        return outcome.answer.layers.at(0).signers.at(0).sender->relation;
+    };
+    const std::string from = "From: m@example.org\r\n";
+    EXPECT_EQ(relationOf(from + "Sender: alice@example.org\r\n"), Trust::SenderRelation::sender);
+    EXPECT_EQ(relationOf(from + "Sender: s@example.org\r\n"), Trust::SenderRelation::none);
+    EXPECT_EQ(relationOf(from + "Sender: alice@example.org, s@example.org\r\n"), Trust::SenderRelation::none);
+}
+
+TEST(SMimeTold, FieldsAreComparedWithWhatTheSenderSaysToHavePutOutside) {
+    const auto statesOf = [](const std::string& outside, const std::string& inside, const std::string& scheme) {
+        const std::string entity = inside + "Content-Type: text/plain; hp=\"" + scheme + "\"\r\n\r\nhello\r\n";
+        std::vector<std::string> states;
+        const Outcome outcome = outcomeOf(outside + encryptedFor({&bob()}, signedBy(alice(), entity, detached)));
+        for (const SMime::ProtectedField& field : outcome.answer.headers.fields)
+            states.push_back(field.name + ' ' + nameOf(field.state));
+        return states;
+    };
+    EXPECT_THAT(statesOf("Subject: x\r\n", "Subject: real\r\nHP-Outer: Subject:x\r\n", "cipher"),
+                ElementsAre("Subject obscured"));
+    EXPECT_THAT(statesOf("", "Subject: real\r\n", "cipher"), ElementsAre("Subject obscured"))
+        << "left out outside, as the missing HP-Outer says";
+    EXPECT_THAT(statesOf("", "Subject: real\r\n", "clear"), ElementsAre("Subject missing"));
+    EXPECT_THAT(statesOf("X-A: 1\r\n", "X-A: 1\r\nX-A: 2\r\n", "clear"), ElementsAre("X-A same", "X-A missing"));
+    EXPECT_THAT(statesOf("Subject: x\r\n", "Subject: =?utf-8?q?_x?=\r\n", "clear"), ElementsAre("Subject same"));
+}
+
+TEST(SMimeTold, OfAFromThatIsNotReadableAHundredOctetsAreTold) {
+    const std::string signedPart = signedBy(alice(), plainEntity, detached);
+    EXPECT_THAT(outcomeOf("From: j" + std::string(150, 'k') + "\r\n" + signedPart).answer.from,
+                Contains("not readable: j" + std::string(99, 'k')));
+    EXPECT_THAT(outcomeOf("From\r\n" + fieldsOfAlice + signedPart).answer.from, ElementsAre("alice@example.org"))
+        << "a line without a colon is no field";
+}
+
+TEST(SMimeTold, AHeaderThatEndsInAReturnIsHandedOnWithALineEnd) {
+    SMime::ReadOptions options;
+    options.wholeMessage = true;
+    const Outcome outcome =
+        outcomeOf("Subject: x\r\n" + signedBy(alice(), "Content-Type: text/plain\r", detached), options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, "Subject: x\r\nContent-Type: text/plain\r\r\nMIME-Version: 1.0\r\n\r\n");
+}
+
+TEST(SMimeTold, PartsAreListedWithWhatTheyHoldAndOnce) {
+    SMime::ReadOptions options;
+    options.listParts = true;
+    const auto leaf = [&](const std::string& word, const std::string& body) {
+        const auto leaves = leavesOf(
+            outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: " + word + "\r\n\r\n" + body, options).answer);
+        return leaves.size() == 1 ? leaves[0] : "";
+    };
+    EXPECT_EQ(leaf("base64", "TUlNRUU"), "1 text/plain \"\" base64 5") << "without padding";
+    EXPECT_EQ(leaf("quoted-printable", "=41 \r"), "1 text/plain \"\" quoted-printable 3");
+    EXPECT_EQ(leaf(std::string(150, 'x'), "abc"), "1 text/plain \"\" " + std::string(100, 'x') + " 3");
+    EXPECT_EQ(leaf("base64", std::string(40000, 'A')), "1 text/plain \"\" base64 30000");
+    options.budget.parts = 1;
+    const std::string twice = signedBy(alice(), signedBy(alice(), plainEntity, detached), detached);
+    EXPECT_THAT(outcomeOf(fieldsOfAlice + twice, options).answer.oddities,
+                ElementsAre(HasSubstr("more than 1 parts that hold no others; the rest is not listed")));
+}
+
+TEST(SMimeRead, TheWholeSourceIsTaken) {
+    const std::string mail = fieldsOfAlice + mixedOf(1) + std::string(100000, 'e');
+    const Norvane::MediaIn in = Norvane::MemoryMediaIn(mail);
+    Norvane::MemoryMediaOut content;
+    EXPECT_EQ(SMime::read(in, content, {}).verdict, Verdict::notSMime);
+    EXPECT_TRUE(in.atEnd());
+}
+
+TEST(SMimeTold, AMailWithoutSMimeHasNoPartThatIsNotCovered) {
+    EXPECT_THAT(outcomeOf(fieldsOfAlice + plainEntity).answer.notCovered, IsEmpty());
+}
+
+// The first signer is compared with all certificates that the caller has, however many; the others as long as few were.
+TEST(SMimeLimits, ComparisonsOfSignersWithCertificates) {
+    const std::string mail = fieldsOfAlice + signedBy({&alice(), &bob()}, plainEntity, detached | CMS_NOCERTS);
+    const auto verdicts = [&](std::size_t certificates) {
+        SMime::ReadOptions options;
+        options.certificates.resize(certificates);
+        options.certificates.front() = x509testing::read(alice());
+        options.certificates.back() = x509testing::read(bob());
+        std::vector<CMS::SignatureVerdict> found;
+        const Outcome outcome = outcomeOf(mail, options);
+        for (const SMime::LayerSigner& signer : outcome.answer.layers.at(0).signers)
+            found.push_back(signer.result.verdict);
+        return found;
+    };
+    constexpr auto good = CMS::SignatureVerdict::good;
+    constexpr auto unsupported = CMS::SignatureVerdict::unsupported;
+    EXPECT_THAT(verdicts(CMS::maximumComparisons / 2), ElementsAre(good, good));
+    EXPECT_THAT(verdicts(CMS::maximumComparisons / 2 + 1), ElementsAre(good, unsupported));
+    EXPECT_THAT(verdicts(CMS::maximumComparisons + 1), ElementsAre(good, unsupported));
+}
+
+std::string base64Of(const std::string& octets) {
+    std::string text(octets.size() * 2 + 4, '\0');
+    text.resize(static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                                         reinterpret_cast<const unsigned char*>(octets.data()),
+                                                         static_cast<int>(octets.size()))));
+    return text;
+}
+
+/// The type of a content (RFC 5652, 3; RFC 5083, 2.1; RFC 3274, 1.1).
+std::string objectIdentifier(const std::string& value) {
+    return '\x06' + std::string(1, static_cast<char>(value.size())) + value;
+}
+
+TEST(SMimeTold, TypesOfStructures) {
+    const auto detailOf = [](const std::string& octets) {
+        const Answer answer = outcomeOf(fieldsOfAlice + "Content-Type: application/pkcs7-mime\r\n" +
+                                        "Content-Transfer-Encoding: base64\r\n\r\n" + base64Of(octets))
+                                  .answer;
+        return std::string(nameOf(answer.verdict)) + ' ' + answer.detail;
+    };
+    const std::string pkcs7 = "\x2a\x86\x48\x86\xf7\x0d\x01\x07";
+    const std::string smime = "\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01";
+    const std::pair<std::string, std::string> others[] = {{smime + '\x09', "CompressedData"},
+                                                          {pkcs7 + '\x04', "SignedAndEnvelopedData"},
+                                                          {pkcs7 + '\x05', "DigestedData"},
+                                                          {pkcs7 + '\x06', "EncryptedData"},
+                                                          {smime + '\x02', "AuthenticatedData"}};
+    // The length in all its forms (X.690, 8.1.3), the indefinite one first.
+    for (const std::string& length : {std::string("\x80"), std::string("\x0d"), std::string("\x81\x0d"),
+                                      "\x84" + std::string(3, '\0') + '\x0d', "\x88" + std::string(7, '\0') + '\x0d'}) {
+        for (const auto& [type, name] : others)
+            EXPECT_EQ(detailOf('\x30' + length + objectIdentifier(type)),
+                      "unsupported part 1: a structure of type " + name);
+    }
+    for (const std::string& none : {std::string("\x31\x80") + objectIdentifier(pkcs7 + '\x05'),
+                                    "\x30\x89" + std::string(9, '\0') + objectIdentifier(pkcs7 + '\x05'),
+                                    std::string("\x30\x80\x05") + objectIdentifier(pkcs7 + '\x05').substr(1),
+                                    "\x30\x80" + objectIdentifier(pkcs7 + '\x7f'), "\x30\x80" + objectIdentifier(pkcs7),
+                                    std::string("\x30"), std::string("\x30\x80\x06")})
+        EXPECT_EQ(detailOf(none), "damaged part 1: no CMS structure is there");
+}
+
+std::string boundaryOf(const std::string& entity) {
+    const std::size_t at = entity.find("boundary=\"") + 10;
+    return "--" + entity.substr(at, entity.find('"', at) - at);
+}
+
+TEST(SMimeTold, OfSeveralSignersTheOneThatIsWrong) {
+    SMime::ReadOptions options;
+    options.onlyTheseCertificates = true;
+    options.certificates = {x509testing::read(alice())};
+    for (const auto& signers : {std::vector<const norvauthority::Identity*>{&alice(), &bob()},
+                                std::vector<const norvauthority::Identity*>{&bob(), &alice()}}) {
+        const SMime::Layer layer =
+            outcomeOf(fieldsOfAlice + signedBy(signers, plainEntity, detached), options).answer.layers.at(0);
+        EXPECT_EQ(layer.status, LayerStatus::signatureWrong);
+        EXPECT_EQ(layer.detail, CMS::textOf(CMS::SignatureReason::certificateMissing));
+    }
+}
+
+// Without signed attributes (RFC 5652, 5.4) there is no digest to compare: the signature is wrong for a body that was changed.
+TEST(SMimeTold, ASignatureWithoutAttributesIsTriedOverTheCanonicalTextToo) {
+    const std::string mail = signedBy(alice(), plainEntity, detached | CMS_NOATTR);
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + mail).answer.verdict, Verdict::signatureGood);
+    const Outcome mixed = outcomeOf(fieldsOfAlice + replaced(mail, "Bob,\r\n", "Bob,\n"));
+    EXPECT_EQ(mixed.answer.verdict, Verdict::signatureGood) << mixed.answer.detail;
+    EXPECT_EQ(mixed.answer.layers.at(0).form, SMime::SignedForm::canonical);
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + replaced(mail, "Bob,\r\n", "Bob;\n")).answer.verdict, Verdict::refused);
+}
+
+TEST(SMimeTold, WhatIsMissingOfAMultipartSigned) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(entity);
+    const std::size_t second = entity.find(boundary, entity.find(plainEntity));
+    const Outcome missing = outcomeOf(fieldsOfAlice + entity.substr(0, second) + boundary + "--\r\n");
+    EXPECT_EQ(missing.answer.verdict, Verdict::damaged);
+    EXPECT_EQ(missing.answer.detail, "part 1: the part with the signature is missing");
+    EXPECT_EQ(missing.content, plainEntity);
+    const Outcome none = outcomeOf(fieldsOfAlice + entity.substr(0, entity.find("\r\n\r\n")) + "\r\n\r\nno part\r\n");
+    EXPECT_EQ(none.answer.verdict, Verdict::damaged);
+    EXPECT_EQ(none.answer.detail, "part 1: there is no part");
+    const Outcome garbage =
+        outcomeOf(fieldsOfAlice + entity.substr(0, second) + boundary +
+                  "\r\nContent-Type: application/pkcs7-signature\r\n\r\nMIAG\r\n" + boundary + "--\r\n");
+    EXPECT_EQ(garbage.answer.verdict, Verdict::damaged);
+    EXPECT_EQ(garbage.answer.detail.find("part 1: "), 0U);
+    EXPECT_THAT(garbage.answer.detail, testing::Not(HasSubstr("it was not read to its end")));
+    EXPECT_GT(garbage.answer.detail.size(), 8U);
+}
+
+TEST(SMimeTold, PartsBehindASignature) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(entity);
+    SMime::ReadOptions options;
+    options.listParts = true;
+    const Outcome outcome =
+        outcomeOf(fieldsOfAlice + replaced(entity, boundary + "--",
+                                           boundary + "\r\nContent-Type: text/html\r\n\r\nthree\r\n" + boundary +
+                                               "\r\nContent-Type: image/png\r\n\r\n4\r\n" + boundary + "--"),
+                  options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
+    ASSERT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.3", "1.4"));
+    EXPECT_EQ(outcome.answer.notCovered[0].type, "text/html");
+    EXPECT_EQ(outcome.answer.notCovered[1].type, "image/png");
+    EXPECT_THAT(outcome.answer.oddities, ElementsAre(HasSubstr(" 1.3: a third part in a multipart/signed"),
+                                                     HasSubstr(" 1.4: a third part in a multipart/signed")));
+    const std::vector<std::string> leaves = leavesOf(outcome.answer);
+    ASSERT_EQ(leaves.size(), 4U);
+    EXPECT_EQ(leaves[2], "1.3 text/html \"\" 7bit 5");
+    EXPECT_EQ(leaves[3], "1.4 image/png \"\" 7bit 1");
+}
+
+} // namespace
