@@ -78,7 +78,9 @@ TEST(SMimeLimits, StructuresAreReadUpToTheBudget) {
     }
     budget.layers = 1;
     const std::string within = fieldsOfAlice + encryptedFor({&bob()}, signedBy(alice(), plainEntity, detached));
-    EXPECT_EQ(readWithin(budget, within).answer.verdict, Verdict::tooCostly);
+    const Outcome tooMany = readWithin(budget, within);
+    EXPECT_EQ(tooMany.answer.verdict, Verdict::tooCostly);
+    EXPECT_THAT(tooMany.answer.detail, HasSubstr("more than 1 structures"));
     budget.layers = 2;
     EXPECT_EQ(readWithin(budget, within).answer.verdict, Verdict::signatureGood);
 }
@@ -136,7 +138,9 @@ TEST(SMimeLimits, PartsAreKeptUpToTheBudget) {
     EXPECT_EQ(signature.answer.verdict, Verdict::tooCostly);
     EXPECT_THAT(signature.answer.detail, HasSubstr("the parts to be kept are longer than the budget allows"));
     budget.spill = plainEntity.size() - 1;
-    EXPECT_EQ(readWithin(budget, mail).answer.verdict, Verdict::tooCostly);
+    const Outcome text = readWithin(budget, mail);
+    EXPECT_EQ(text.answer.verdict, Verdict::tooCostly);
+    EXPECT_THAT(text.answer.detail, HasSubstr("the parts to be kept are longer than the budget allows"));
 }
 
 TEST(SMimeLimits, BoundariesHaveTwoHundredOctets) {
@@ -158,8 +162,9 @@ TEST(SMimeLimits, BoundariesHaveTwoHundredOctets) {
         for (std::size_t found = renamed.find(boundary); found != std::string::npos;
              found = renamed.find(boundary, found + length))
             renamed.replace(found, boundary.size(), std::string(length, 'b'));
-        EXPECT_EQ(outcomeOf(fieldsOfAlice + renamed).answer.verdict,
-                  length == 200 ? Verdict::signatureGood : Verdict::damaged);
+        const Answer answer = outcomeOf(fieldsOfAlice + renamed).answer;
+        EXPECT_EQ(answer.verdict, length == 200 ? Verdict::signatureGood : Verdict::damaged);
+        EXPECT_EQ(answer.layers.at(0).detail, length == 200 ? "" : "the boundary is missing or too long");
     }
 }
 
@@ -510,6 +515,36 @@ TEST(SMimeTold, PartsBehindASignature) {
     ASSERT_EQ(leaves.size(), 4U);
     EXPECT_EQ(leaves[2], "1.3 text/html \"\" 7bit 5");
     EXPECT_EQ(leaves[3], "1.4 image/png \"\" 7bit 1");
+}
+
+TEST(SMimeTold, OneLineThatLooksLikeABoundary) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(entity);
+    const Outcome outcome =
+        outcomeOf(fieldsOfAlice + replaced(entity, boundary + "--", boundary + "x\r\n" + boundary + "--"));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_THAT(outcome.answer.oddities,
+                ElementsAre(HasSubstr("lines begin with the boundary but go on: other readers may see other parts")));
+}
+
+// What the walk through it leaves is digested as well.
+TEST(SMimeTold, AnOpaqueSignatureBesideTheContentIsJudgedToItsEnd) {
+    const std::string text = mixedOf(1) + std::string(100000, 'e');
+    const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=out\r\n\r\n--out\r\n" +
+                                      signedBy(alice(), plainEntity, detached) + "\r\n--out\r\n" +
+                                      signedBy(alice(), text, wire) + "\r\n--out--\r\n");
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1.1 good", "opaque-signed 1.2 good"));
+    EXPECT_EQ(outcome.content, plainEntity);
+}
+
+TEST(SMimeTold, ASignatureOutsideOfAMultipartSigned) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = entity.find("Content-Type: application/pkcs7-signature");
+    const Outcome outcome = outcomeOf(fieldsOfAlice + entity.substr(at, entity.find("\r\n--", at) - at));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::notSMime);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("opaque-signed 1 unsupported"));
+    EXPECT_EQ(outcome.answer.layers.at(0).detail,
+              "a signature outside of a multipart/signed: what it is about is not known");
 }
 
 } // namespace

@@ -92,6 +92,11 @@ TEST(OctetsOfAStream, AreReadWhenTooFewLieReadyAlone) {
     EXPECT_EQ(reading.asked.size(), 3U);
     EXPECT_EQ(reading.octets.view(6), "bcdef");
     EXPECT_EQ(reading.asked.size(), 3U) << "the end was seen";
+    reading.octets.skip(1);
+    EXPECT_EQ(reading.octets.view(1), "cdef");
+    Reading exact("abcdefghi", 3);
+    EXPECT_EQ(exact.octets.view(6), "abcdef");
+    EXPECT_EQ(exact.asked.size(), 2U);
 }
 
 TEST(OctetsOfAStream, MoveToTheFrontWhenMoreAreWanted) {
@@ -174,13 +179,50 @@ TEST(Octets, AreNotWaitedForWhenOneIsEnough) {
     MediaIn in = mediaOver(read);
     EXPECT_EQ(in.peek(), 'a');
     std::array<unsigned char, 8> taken{};
-    EXPECT_EQ(in.read(taken.data(), 8), 3);
+    EXPECT_EQ(in.read(taken.data(), 2), 2);
+    EXPECT_EQ(in.peek(), 'c');
+    EXPECT_EQ(in.read(taken.data() + 2, 6), 1);
+    EXPECT_EQ(std::string(taken.begin(), taken.begin() + 4), std::string("abc\0", 4));
     EXPECT_EQ(in.peek(), -1);
     EXPECT_EQ(read->most, 1U);
 
     const auto encoded = std::make_shared<OneByOne>("QUJD");
     EXPECT_EQ(decoded(encoded, Transfer::base64)->view(1).substr(0, 1), "A");
     EXPECT_EQ(encoded->most, 1U);
+}
+
+TEST(Octets, AreCopiedWhenTheyAreTaken) {
+    MemoryMediaOut copy;
+    CopiedOctets copied(std::make_shared<MemoryOctets>("abcdef"), copy);
+    EXPECT_EQ(copied.view(3), "abcdef");
+    copied.skip(2);
+    copied.skip(0);
+    EXPECT_EQ(textOf(copy), "ab");
+    EXPECT_EQ(copied.view(1), "cdef");
+    copied.skip(3);
+    EXPECT_EQ(textOf(copy), "abcde");
+    EXPECT_EQ(copied.view(1), "f");
+}
+
+TEST(Octets, AreWrittenAsAStream) {
+    const MediaIn in = mediaOver(std::make_shared<MemoryOctets>("abc"));
+    MemoryMediaOut out;
+    MediaIn(in).write(out);
+    EXPECT_EQ(textOf(out), "abc");
+    EXPECT_TRUE(in.atEnd());
+}
+
+TEST(Octets, MayBeginWithAByteOrderMark) {
+    MemoryOctets marked("\xEF\xBB\xBF"
+                        "abc");
+    EXPECT_TRUE(skipByteOrderMark(marked));
+    EXPECT_EQ(marked.view(1), "abc");
+    EXPECT_FALSE(skipByteOrderMark(marked));
+    MemoryOctets half("\xEF\xBB"
+                      "abc");
+    EXPECT_FALSE(skipByteOrderMark(half));
+    EXPECT_EQ(half.view(1), "\xEF\xBB"
+                            "abc");
 }
 
 TEST(OctetsDecoded, AreDecodedWhenTooFewLieReadyAlone) {
@@ -260,6 +302,12 @@ TEST(Lines, AreFoundWhereverTheyStand) {
             ASSERT_FALSE(isCanonical(text));
             text[at + 1] = '\n';
             ASSERT_TRUE(isCanonical(text)) << length << ' ' << at;
+            // With nothing behind it that may be read.
+            const std::vector<char> exact(text.begin(), text.end());
+            const std::string_view alone(exact.data(), exact.size());
+            ASSERT_TRUE(isCanonical(alone));
+            ASSERT_EQ(findLineStart(alone, '-', at), std::string::npos);
+            ASSERT_EQ(countOf('\n', alone), 1U);
         }
     }
     EXPECT_EQ(findLineStart(std::string(90, '-'), '-'), std::string::npos);

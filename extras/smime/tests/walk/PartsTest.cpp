@@ -113,6 +113,22 @@ TEST(DelimiterLine, IsTheSameWhereverItStands) {
     }
 }
 
+// A part begins once, whatever is taken of it at a time.
+TEST(DelimiterLine, IsNoneBehindWhatWasTakenOfItsLine) {
+    for (std::size_t length = 1; length != 320; ++length) {
+        const std::string text = std::string(length, 'x') + "--b\ny";
+        const auto octets = std::make_shared<Showing>("--b\n" + text + "\n--b--\n" + std::string(400, 'e'), 1);
+        Multipart multipart(octets, "b");
+        ASSERT_TRUE(multipart.next());
+        std::string taken;
+        while (!multipart.part()->atEnd()) {
+            taken += multipart.part()->view(1).front();
+            multipart.part()->skip(1);
+        }
+        ASSERT_EQ(taken, text);
+    }
+}
+
 TEST(DelimiterLine, CountsAsALookAlikeOnceWhereThePartBegins) {
     const std::string text = "--bx\n" + std::string(1000, 'x');
     EXPECT_THAT(partsOf("--b\n" + text + "\n--b--", 1, 1), ElementsAre(text, "closed", ""));
