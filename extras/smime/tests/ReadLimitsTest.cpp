@@ -262,23 +262,23 @@ TEST(SMimeTold, ANameThatIsAnEndingAloneIsThatOfAStructure) {
     }
 }
 
-// Of bob too many certificates have the name, so that nothing is known of him: why the other signer is not accepted is told.
+// Of one signer too many certificates have the name, so that nothing is known of him: why the other one is not accepted is told.
 TEST(SMimeTold, WhyNobodyIsAcceptedIsTheReasonOfASignerThatWasJudged) {
     const Trust::Verifier nobody(std::make_shared<Trust::Material>());
     const auto material = std::make_shared<Trust::Material>();
     material->addAnchor(x509testing::read(interop::root()));
     const Trust::Verifier root(material);
-    SMime::ReadOptions options;
-    options.certificates = {x509testing::read(alice())};
-    for (int number = 0; number != 5; ++number)
-        options.certificates.push_back(
-            x509testing::read(norvauthority::issue({.subject = {{"CN", "alike " + std::to_string(number)}},
-                                                    .key = alice().key,
-                                                    .issuer = &interop::root(),
-                                                    .serial = bob().serial})));
-    for (const auto& signers : {std::vector<const norvauthority::Identity*>{&alice(), &bob()},
-                                std::vector<const norvauthority::Identity*>{&bob(), &alice()}}) {
-        const std::string mail = signedBy(signers, plainEntity, detached | CMS_NOCERTS);
+    const std::string mail = signedBy({&alice(), &bob()}, plainEntity, detached | CMS_NOCERTS);
+    for (const bool isBobKnown : {false, true}) {
+        const norvauthority::Identity& known = isBobKnown ? bob() : alice();
+        SMime::ReadOptions options;
+        options.certificates = {x509testing::read(known)};
+        for (int number = 0; number != 5; ++number)
+            options.certificates.push_back(
+                x509testing::read(norvauthority::issue({.subject = {{"CN", "alike " + std::to_string(number)}},
+                                                        .key = known.key,
+                                                        .issuer = &interop::root(),
+                                                        .serial = isBobKnown ? alice().serial : bob().serial})));
         for (const bool isTrusted : {false, true}) {
             options.trust = isTrusted ? &root : &nobody;
             const Outcome outcome = outcomeOf("From: mallory@example.org\r\n" + mail, options);
@@ -296,8 +296,6 @@ TEST(SMimeTold, WhyNobodyIsAcceptedIsTheReasonOfASignerThatWasJudged) {
                           isTrusted ? signer.sender->reasons.at(0).text : signer.trust->reasons.at(0).text);
             }
             EXPECT_EQ(judged, 1U);
-            EXPECT_EQ(outcomeOf("From: alice@example.org\r\n" + mail, options).answer.verdict,
-                      isTrusted ? Verdict::accepted : Verdict::refused);
         }
     }
 }

@@ -274,6 +274,65 @@ TEST(OctetsDecoded, ComeBehindThoseThatAreThere) {
     EXPECT_EQ(out, "0123456789ABCDA \r") << "nothing is held back any more";
 }
 
+TEST(OctetsDecoded, AreNotTakenBeyondThoseThatLieReady) {
+    const SharedOctets octets = decoded(std::make_shared<OneByOne>("QUJDREVG"), Transfer::base64);
+    EXPECT_EQ(octets->view(3), "ABC");
+    octets->skip(1);
+    octets->skip(100);
+    EXPECT_EQ(octets->view(1), "DEF");
+}
+
+TEST(OctetsDecoded, PassThroughASinkInPieces) {
+    MemoryMediaOut out;
+    DecodingMediaOut decoding(out, Transfer::base64);
+    put(decoding, "QUJ");
+    put(decoding, "DRE" + std::string(40000, 'E')); // 0x44 0x41 0x04 and so on
+    EXPECT_EQ(textOf(out).substr(0, 3), "ABC");
+    put(decoding, "RA");
+    decoding.end();
+    EXPECT_TRUE(out.ended());
+    EXPECT_EQ(textOf(out).size(), 3U + 40004 / 4 * 3);
+}
+
+// RFC 2045, 6.7, rules 3 and 5.
+TEST(OctetsDecoded, HaveNoBlanksThatWereAddedAtTheEndsOfLines) {
+    for (const auto& [encoded, text] : std::vector<std::pair<std::string, std::string>>{{"a \t \nb", "a\nb"},
+                                                                                        {"a\t\r\nb", "a\r\nb"},
+                                                                                        {"a\t=\nb", "a\tb"},
+                                                                                        {"a= \t\nb", "ab"},
+                                                                                        {"a \t b", "a \t b"},
+                                                                                        {"a \rb", "a \rb"},
+                                                                                        {"a \r\r\nb", "a \r\r\nb"}}) {
+        for (std::size_t cut = 0; cut <= encoded.size(); ++cut) {
+            Decoder decoder(Transfer::quotedPrintable);
+            WipedText out;
+            decoder.decode(encoded.substr(0, cut), out);
+            decoder.decode(encoded.substr(cut), out);
+            decoder.end(out);
+            EXPECT_EQ(std::string(out), text) << cut;
+        }
+    }
+}
+
+TEST(LineEndsOfPieces, AreCountedWhenTheNextPieceIsThere) {
+    LineEndCounter counter;
+    const auto counted = [&](const std::string& piece) {
+        counter.update(piece);
+        const LineEnds ends = counter.counted();
+        return std::vector<std::uint64_t>{ends.crLf, ends.bareLf, ends.bareCr};
+    };
+    EXPECT_THAT(counted("a\r"), ElementsAre(0, 0, 1));
+    EXPECT_THAT(counted(""), ElementsAre(0, 0, 1));
+    EXPECT_THAT(counted("\n"), ElementsAre(1, 0, 0));
+    EXPECT_THAT(counted("\r"), ElementsAre(1, 0, 1));
+    EXPECT_THAT(counted("\r"), ElementsAre(1, 0, 2));
+    EXPECT_THAT(counted("b"), ElementsAre(1, 0, 2));
+    EXPECT_THAT(counted("\r\r\rc\rd\n\n"), ElementsAre(1, 2, 6));
+    EXPECT_THAT(counted("\n"), ElementsAre(1, 3, 6));
+    EXPECT_THAT(counted("x\r\ny\r\n"), ElementsAre(3, 3, 6));
+    EXPECT_THAT(counted("\n\r"), ElementsAre(3, 4, 7));
+}
+
 TEST(CanonicalLineEnds, AreMadeOfTheFirstOctetToo) {
     MemoryMediaOut out;
     CanonicalMediaOut canonical(out);

@@ -229,6 +229,21 @@ TEST(HeaderFields, OfAnotherHeaderAreForgotten) {
     EXPECT_EQ(header.first("A"), std::nullopt);
 }
 
+TEST(HeaderFields, AreTakenUpToTheirLimits) {
+    const std::string text = "A: 12345\nB: 12345\n\n";
+    for (const std::size_t step : {1U, 100U}) {
+        Header header;
+        Showing whole(text, step);
+        EXPECT_EQ(readHeader(whole, {text.size(), 2}, header), HeaderEnd::complete);
+        Showing octets(text, step);
+        EXPECT_EQ(readHeader(octets, {text.size() - 1, 2}, header), HeaderEnd::tooLong);
+        EXPECT_EQ(header.octets(), text.substr(0, text.size() - 1));
+        Showing fields(text, step);
+        EXPECT_EQ(readHeader(fields, {text.size(), 1}, header), HeaderEnd::tooMany);
+        EXPECT_EQ(header.fields().size(), 1U);
+    }
+}
+
 TEST(HeaderFields, TellHowTheirLinesEnd) {
     EXPECT_TRUE(headerOf("").endsLinesInCrLf());
     EXPECT_TRUE(headerOf("A: b").endsLinesInCrLf());
