@@ -24,3 +24,11 @@ function(norv_measured)
     endif()
   endforeach()
 endfunction()
+
+# norv_measured_sources(SOURCES...): likewise for sources of the libraries that a test compiles into itself.
+function(norv_measured_sources)
+  if("${NORV_COVERAGE}" STREQUAL ON)
+    set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS -g0 --coverage -fprofile-update=atomic -fno-sanitize=all)
+    set_property(SOURCE ${ARGN} PROPERTY SKIP_PRECOMPILE_HEADERS ON)
+  endif()
+endfunction()

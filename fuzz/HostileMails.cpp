@@ -302,7 +302,7 @@ std::vector<Case> hostileMails() {
         {"the same, beyond the limit", "fields", 4000, 1.2, fields},
         {"mail, a long field", "octets", 50000, 1.2, longField},
         {"the same, beyond the limit", "octets", 400000, 1.2, longField},
-        {"mail, parameters of a field", "parameters", 400, 1.2, foldedField},
+        {"mail, parameters of a field", "parameters", 800, 1.2, foldedField},
         {"mail, encoded words", "words", 400, 1.2, encodedWords},
         {"mail, addresses", "addresses", 200, 1.2, addresses},
         {"the same, beyond the limit", "addresses", 4000, 1.2, addresses},

@@ -10,6 +10,7 @@
 #include <openssl/params.h>
 
 #include <algorithm>
+#include <new>
 #include <span>
 
 namespace Norvane::Crypto::openssl {
@@ -90,8 +91,14 @@ bool isAvailable(const X509_ALGOR* algorithm) {
     const ErrorMark mark;
     const CipherPtr cipher = cipherOf(algorithm);
     const CipherContextPtr context(EVP_CIPHER_CTX_new());
-    return cipher != nullptr && context != nullptr &&
-           EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, nullptr, nullptr) == 1;
+    if (context == nullptr) {
+        throw std::bad_alloc();
+    }
+    if (cipher != nullptr && EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, nullptr, nullptr) == 1) {
+        return true;
+    }
+    mark.throwWithoutMemory();
+    return false;
 }
 
 CipherContextPtr contextFor(const X509_ALGOR* algorithm) {

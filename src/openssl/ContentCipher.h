@@ -31,6 +31,7 @@ CipherPtr cipherOf(const X509_ALGOR* algorithm);
 std::string unsupportedContentCipher(const X509_ALGOR* algorithm);
 
 /// Whether OpenSSL can use a cipher that it knows: those of long ago are known without the provider that has them.
+/// \throws std::bad_alloc
 bool isAvailable(const X509_ALGOR* algorithm);
 
 /// A context with the cipher and parameters, which yet lacks the key; null when they cannot be used. OpenSSL would take

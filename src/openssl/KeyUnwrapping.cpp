@@ -174,7 +174,7 @@ std::string unsupportedPassword(const PasswordEncryption& algorithms) {
     }
     const CipherPtr cipher = cipherOf(inner.get());
     return cipher != nullptr && EVP_CIPHER_get_mode(cipher.get()) == EVP_CIPH_CBC_MODE &&
-                   unsupportedContentCipher(inner.get()).empty()
+                   unsupportedContentCipher(inner.get()).empty() && isAvailable(inner.get())
                ? ""
                : "id-alg-PWRI-KEK with " + algorithmName(inner->algorithm);
 }

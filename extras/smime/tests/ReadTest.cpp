@@ -79,6 +79,7 @@ TEST(SMimeRead, CertificatesAlone) {
     const Outcome outcome = outcomeOf(mail);
     EXPECT_EQ(outcome.answer.verdict, Verdict::certificates) << outcome.answer.detail;
     EXPECT_EQ(outcome.answer.layers.front().certificates.size(), 2U);
+    EXPECT_EQ(outcome.answer.layers.front().detail, "");
     EXPECT_EQ(outcome.content, "");
 }
 

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <openssl/evp.h>
+
 #include <climits>
 
 namespace {
@@ -214,6 +216,17 @@ TEST(PasswordKeys, WhatIsNotSupportedIsNamed) {
     EXPECT_EQ(Password{.encryption = "2.16.840.1.101.3.4.1.2"}.unsupported(), "AES-128-CBC (2.16.840.1.101.3.4.1.2)");
     EXPECT_EQ(Password{.inner = der::null()}.unsupported(), "");
     EXPECT_EQ(Password{.inner = identifier("1.2.3.4")}.unsupported(), "id-alg-PWRI-KEK with 1.2.3.4");
+}
+
+// OpenSSL has RC2 in a provider of its own, which a machine may not have: the password would look wrong.
+TEST(PasswordKeys, ACipherThatIsNotThereIsNotSupported) {
+    ASSERT_EQ(EVP_set_default_properties(nullptr, "provider=default"), 1);
+    const Bytes parameters = der::sequence({der::integer("3a"), der::octetString(Bytes(8, 9))}); // RFC 2268, 6
+    const Password password{.inner = identifier("1.2.840.113549.3.2", parameters)};
+    EXPECT_EQ(password.unsupported(), "id-alg-PWRI-KEK with RC2-CBC (1.2.840.113549.3.2)");
+    EXPECT_EQ(password.open(Bytes(16, 1)), Bytes());
+    ASSERT_EQ(EVP_set_default_properties(nullptr, ""), 1);
+    EXPECT_EQ(password.unsupported(), "");
 }
 
 } // namespace

@@ -71,7 +71,8 @@ std::vector<std::size_t> endsIn(std::string_view text) {
     std::size_t at = text.size();
     for (std::size_t line = 0; line != mostLines && at != 0; ++line) {
         const std::size_t without = lineEndBefore(text, at);
-        if (at != text.size()) {
+        // In front of an empty line it is where the line before ended without that.
+        if (at != text.size() && (ends.empty() || ends.back() != at)) {
             ends.push_back(at);
         }
         if (without != at) {

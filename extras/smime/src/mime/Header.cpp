@@ -19,7 +19,7 @@ std::size_t colonOf(std::string_view line) {
     if (colon == std::string_view::npos || colon == 0)
         return std::string_view::npos;
     const std::size_t last = line.find_last_not_of(" \t", colon - 1);
-    if (last == std::string_view::npos || last >= colon)
+    if (last == std::string_view::npos)
         return std::string_view::npos;
     const std::string_view name = line.substr(0, last + 1);
     const bool isName = std::ranges::all_of(name, [](char c) { return c > ' ' && c < '\x7f'; });

@@ -25,7 +25,7 @@ Delimiter delimiterAt(std::string_view rest, std::size_t behindBoundary) {
         at += 2;
     }
     const std::size_t blanksFrom = at;
-    while (at < rest.size() && at - blanksFrom <= maximumPadding && (rest[at] == ' ' || rest[at] == '\t'))
+    while (at < rest.size() && at - blanksFrom < maximumPadding && (rest[at] == ' ' || rest[at] == '\t'))
         ++at;
     if (rest.substr(at, 2) == "\r\n")
         found.end = at + 2;
@@ -72,7 +72,7 @@ private:
     /// once, but for those that a delimiter could begin with.
     void look(std::size_t atLeast) {
         // Of a delimiter: CR, LF, "--", boundary, "--", blanks, CR, LF.
-        const std::size_t longest = 1 + m_delimiter.size() + 2 + maximumPadding + 1 + 2;
+        const std::size_t longest = 1 + m_delimiter.size() + 2 + maximumPadding + 2;
         const std::string_view bytes = m_body->view(atLeast + longest);
         const bool isAll = bytes.size() < atLeast + longest;
         std::size_t from = m_known;
@@ -92,10 +92,9 @@ private:
             if (isDelimiter(bytes, at, at + m_delimiter.size()))
                 return;
             from = at + 1;
-            m_known = std::max(m_known, from); // so that it is not looked at again
         }
         // A delimiter may begin within the last bytes, and a CR in front of it.
-        m_known = isAll ? bytes.size() : std::max(m_known, bytes.size() - m_delimiter.size());
+        m_known = isAll ? bytes.size() : bytes.size() - m_delimiter.size();
         m_ended = isAll;
     }
 

@@ -81,7 +81,7 @@ public:
     void write(const unsigned char* data, unsigned int length) override {
         const std::string_view bytes(reinterpret_cast<const char*>(data), length);
         m_out.clear();
-        for (std::size_t from = 0; from < bytes.size();) {
+        for (std::size_t from = 0;;) {
             const std::size_t end = std::min(bytes.find('\n', from), bytes.size());
             m_out.append(bytes.substr(from, end - from));
             if (end > from)

@@ -11,9 +11,6 @@ namespace Norvane::Crypto::SMime::mime {
 
 namespace {
 
-/// Stands for the "?" of "=?" where an encoded word must not be taken for one.
-constexpr char notAnEncodedWord = '\x01';
-
 std::string lowered(const char* text) {
     std::string result = text == nullptr ? "" : text;
     for (char& letter : result) {
@@ -107,12 +104,18 @@ std::string withFirstSegmentsFirst(const std::string& value) {
 
 /// The boundary, which is compared with bytes: an encoded word in it is none.
 std::string boundaryOf(const std::string& value) {
+    // Stands for the "?" of "=?", and nowhere else.
+    char shield = '\x01';
+    while (shield != '\t' && value.find(shield) != std::string::npos)
+        ++shield;
+    if (shield == '\t')
+        return {};
     std::string shielded = value;
-    for (std::size_t at = shielded.find("=?"); at != std::string::npos; at = shielded.find("=?", at + 1))
-        shielded[at + 1] = notAnEncodedWord;
+    for (std::size_t at = shielded.find("=?"); at != std::string::npos; at = shielded.find("=?", at))
+        shielded[at + 1] = shield;
     const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), shielded.c_str()));
     std::string boundary = Parameters(g_mime_content_type_get_parameters(parsed.get())).find("boundary");
-    std::ranges::replace(boundary, notAnEncodedWord, '?');
+    std::ranges::replace(boundary, shield, '?');
     return boundary;
 }
 

@@ -81,7 +81,6 @@ std::string reasonOf(const std::vector<const Layer*>& layers) {
 void conclude(Session& session) {
     compareSenders(session);
     Answer& answer = session.answer;
-    answer.notCovered.clear();
     std::vector<const Layer*> around;
     for (const Layer& layer : answer.layers) {
         if (layer.coversContent && layer.kind != LayerKind::forwarded)

@@ -140,7 +140,7 @@ bool isWrappedMessage(Session& session, const Header& header, const ContentType&
     constexpr std::size_t lookedAt = 65536;
     mime::MemoryOctets copy(body->view(lookedAt).substr(0, lookedAt));
     Header inner;
-    return mime::readHeader(copy, {}, inner) == mime::HeaderEnd::complete &&
+    return mime::readHeader(copy, {lookedAt - 1}, inner) == mime::HeaderEnd::complete &&
            isSameMailboxes(sendersIn(inner).from, session.senders[place.message].from);
 }
 

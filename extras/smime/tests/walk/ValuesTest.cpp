@@ -1,0 +1,110 @@
+#include "mime/Values.h"
+
+#include "mime/AddressItems.h"
+#include "mime/Limits.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+namespace {
+
+using namespace Norvane::Crypto::SMime::mime;
+
+ContentType typed(const std::string& value) {
+    Header header;
+    MemoryOctets octets("Content-Type: " + value + "\r\n\r\n");
+    EXPECT_EQ(readHeader(octets, {}, header), HeaderEnd::complete);
+    return contentTypeOf(header);
+}
+
+TEST(ContentTypeWords, AreInLowerCase) {
+    const ContentType type = typed("ABCXYZ/AZ@; micalg=\"ZA[@\"");
+    EXPECT_EQ(type.type, "abcxyz");
+    EXPECT_EQ(type.micalg, "za[@");
+}
+
+// The segments stand in the wrong order (RFC 2231, 3), and beside them what looks like a separator or a segment and is none, since
+// it is quoted or in a comment (RFC 822, 3.4).
+TEST(ContentTypeSegments, AreNotThoseInQuotesAndComments) {
+    const std::string first = "; name*0*=utf-8''%C3%A9";
+    for (const std::string& value : {
+             "application/x" + std::string("; name*1=Z") + first,
+             "application/x (a \" b); name*1=Z" + first,
+             "application/x (a (b) \" ; c*0*=d); name*1=Z" + first,
+             "application/x (a \\) ;c*0*=d); name*1=Z" + first,
+             "application/x; name*1=Z; x=\"a;q*0*=b\"" + first,
+             "application/x; x=\"(\"; name*1=Z" + first,
+             "application/x; x=\"a\\\";q*0*=b\"; name*1=Z" + first,
+             "application/x; x=\")\"; name*1=Z" + first,
+             std::string("application/x; name*1=Z; name*0* =utf-8''%C3%A9"),
+             std::string("application/x;; name*1=Z;;name*0*=utf-8''%C3%A9"),
+         })
+        EXPECT_EQ(typed(value).name, "\u00e9Z") << value;
+}
+
+TEST(ContentTypeSegments, LeaveTheOthersInTheirOrder) {
+    EXPECT_EQ(typed("application/x; name=a; name*0*=utf-8''b").name, "a") << "the first one counts";
+}
+
+TEST(ContentTypeBoundary, IsMadeOfItsOwnOctets) {
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"a?b\"").boundary, "a?b");
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"=?=?a\"").boundary, "=?=?a");
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"a\x01"
+                    "b\"")
+                  .boundary,
+              "a\x01"
+              "b")
+        << "it is no question mark";
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"=?\x01\"").boundary, "=?\x01");
+}
+
+TEST(ContentTypeValue, IsReadUpToItsLimit) {
+    const std::string begin = "text/html; x=";
+    const ContentType longest = typed(begin + std::string(maximumValue - begin.size(), 'x'));
+    EXPECT_EQ(longest.text(), "text/html");
+    EXPECT_EQ(longest.oddity, "");
+    const ContentType tooLong = typed(begin + std::string(maximumValue - begin.size() + 1, 'x'));
+    EXPECT_EQ(tooLong.text(), "application/octet-stream");
+    EXPECT_EQ(tooLong.oddity, "Content-Type is longer than 16384 bytes");
+}
+
+TEST(AddressItems, AreCountedOutsideOfNamesAndComments) {
+    EXPECT_EQ(countAddresses(""), 0U);
+    EXPECT_EQ(countAddresses("a@b"), 1U);
+    EXPECT_EQ(countAddresses("a@b, c@d; e@f"), 3U);
+    EXPECT_EQ(countAddresses("g: a@b, <c@d>;"), 2U);
+    EXPECT_EQ(countAddresses("x@y <a@b>"), 1U) << "a name";
+    EXPECT_EQ(countAddresses("\"x@y, z\" <a@b>"), 1U);
+    EXPECT_EQ(countAddresses("\"a<b\" <c@d>"), 1U);
+    EXPECT_EQ(countAddresses("(x@y) a@b (z@z)"), 1U);
+    EXPECT_EQ(countAddresses("(x@y (z@z) q@q) a@b"), 1U);
+    EXPECT_EQ(countAddresses("(\\) x@y) a@b"), 1U);
+    EXPECT_EQ(countAddresses("(\" x@y) a@b"), 1U) << "no quote in a comment";
+    EXPECT_EQ(countAddresses("\"( x@y\" <a@b>"), 1U) << "no comment in quotes";
+}
+
+TEST(AddressItems, AreNotClearWithTwoSignsOrHalfAnAngle) {
+    EXPECT_EQ(countAddresses("a@b@c"), std::nullopt);
+    EXPECT_EQ(countAddresses("<a@b@c>"), std::nullopt);
+    EXPECT_EQ(countAddresses("<a@b"), std::nullopt);
+    EXPECT_EQ(countAddresses("a@b>"), std::nullopt);
+    EXPECT_EQ(countAddresses("<a@b> <c@d>"), std::nullopt);
+    EXPECT_EQ(countAddresses("<a> b@c"), std::nullopt);
+    EXPECT_EQ(countAddresses("<,a@b>"), std::nullopt);
+    EXPECT_EQ(countAddresses("\"a@b"), std::nullopt);
+    EXPECT_EQ(countAddresses("(a@b"), std::nullopt);
+    EXPECT_EQ(countAddresses("(a@b\\)"), std::nullopt);
+    EXPECT_EQ(countAddresses("(a@b\\"), std::nullopt);
+}
+
+TEST(AddressItems, MayHaveLiteralDomains) {
+    EXPECT_EQ(countAddresses("<a@[IPv6:::1]>"), 1U);
+    EXPECT_EQ(countAddresses("<a@[IPv6:::1]>, b@[127.0.0.1], c@d"), 3U);
+    EXPECT_EQ(countAddresses("a@[1],b@c"), 2U);
+    EXPECT_EQ(countAddresses("a@[1,b@c"), std::nullopt) << "a literal has no sign";
+    EXPECT_EQ(countAddresses("a@[1"), 1U);
+}
+
+} // namespace
