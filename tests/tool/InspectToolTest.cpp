@@ -541,6 +541,26 @@ TEST_F(InspectToolTest, OneBadObjectLeavesTheOthersReadable) {
     EXPECT_EQ("norvcrypt: bad: no certificate, list, key or CMS structure", lines[1]);
 }
 
+TEST_F(InspectToolTest, OtherArmourAndManyDamagedBlocksHideNoObject) {
+    std::string mixed = alice().certificate.pem();
+    mixed += "-----BEGIN PGP MESSAGE-----\n\nhQEMA0RjlLwAAAAAAQf9GyPpC5nWbxS1hR\n=abcd\n-----END PGP MESSAGE-----\n";
+    constexpr std::size_t blocks = 2000;
+    for (std::size_t block = 0; block < blocks; ++block)
+        mixed += "-----BEGIN CMS-----\n!\n-----END CMS-----\n";
+    work.write("mixed", mixed + erin().certificate.pem());
+    const Answer answer = inspect({"--json", "mixed"});
+    EXPECT_EQ(2, answer.status);
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(2U, objects.size());
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", objects[0]["subject"]);
+    EXPECT_EQ("CN=erin,O=Interop,C=DE", objects[1]["subject"]);
+    const std::vector<std::string> lines = linesOf(answer.err);
+    ASSERT_EQ(1 + blocks, lines.size());
+    EXPECT_EQ("norvcrypt: mixed: object 2: OpenPGP armour, which gpg reads", lines[0]);
+    EXPECT_EQ(0U, lines[1].find("norvcrypt: mixed: object 3: a damaged PEM block: "));
+    EXPECT_EQ(0U, lines[blocks].find("norvcrypt: mixed: object 2002: a damaged PEM block: "));
+}
+
 TEST_F(InspectToolTest, UnwritableOutput) {
     work.write("alice", alice().certificate.der);
     for (const bool asJson : {false, true}) {

@@ -193,6 +193,8 @@ TEST_F(LogFormat, FlagsWidthAndPrecision) {
     EXPECT_EQ(fields(), Fields{"[  abc] [abc  ] [ab] [    a] [a] []"});
     logger().message(1, 0, "[%.*s] [%3c] [%-3c]", -1, "abc", 'x', 'y');
     EXPECT_EQ(fields(), Fields{"[abc] [  x] [y  ]"});
+    logger().message(1, 0, "[%.0d] [%.0x] [%3.0u]", 0, 0U, 0U); // C prints no digit then
+    EXPECT_EQ(fields(), Fields{"[] [] [   ]"});
 }
 
 TEST_F(LogFormat, FloatingPoint) {

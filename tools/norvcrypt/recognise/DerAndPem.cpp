@@ -176,9 +176,10 @@ struct Block {
 
 std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
     std::vector<FoundObject> objects;
-    bool isLookedFor = false; // another armour
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
     const BioPtr bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.length())));
     while (bio && BIO_pending(bio.get()) > 0) {
+        const std::size_t left = BIO_ctrl_pending(bio.get());
         Block block;
         if (PEM_read_bio(bio.get(), &block.label, &block.header, &block.data, &block.length) == 1) {
             // Parameters stand in front of the key that repeats them.
@@ -194,11 +195,10 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
         const std::string errors = Norvane::Crypto::getErrString();
         if (noMore)
             break;
-        // Looked for once, however many blocks are damaged: it goes through all of the content.
-        if (const std::string armour = isLookedFor ? "" : foreignArmourIn(content); !armour.empty())
-            return {{ObjectKind::unknown, {}, armour}};
-        isLookedFor = true;
-        objects.push_back({ObjectKind::unknown, {}, "a damaged PEM block: " + inPlainWords(errors)});
+        // Looked for in what was read just now alone: the file may hold objects beside it, and many damaged blocks.
+        const std::string armour = foreignArmourIn(text.substr(text.size() - left, left - BIO_ctrl_pending(bio.get())));
+        objects.push_back(
+            {ObjectKind::unknown, {}, armour.empty() ? "a damaged PEM block: " + inPlainWords(errors) : armour});
     }
     return objects;
 }

@@ -50,8 +50,7 @@ std::string_view nameOf(ObjectKind kind) {
 
 } // namespace
 
-std::string foreignArmourIn(const Norvane::Buffer& content) {
-    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+std::string foreignArmourIn(std::string_view text) {
     const std::size_t start = std::min(text.find_first_not_of(" \t\r\n"), text.size());
     for (const auto& [begin, name] : armours)
         if (text.substr(start).starts_with(begin) || (begin.starts_with("-----") && text.find(begin) != text.npos))
@@ -62,8 +61,6 @@ std::string foreignArmourIn(const Norvane::Buffer& content) {
 std::string whatElseIsIn(const Norvane::Buffer& content) {
     if (content.empty())
         return ": it is empty";
-    if (const std::string armour = foreignArmourIn(content); !armour.empty())
-        return ": it is " + armour;
     std::string names;
     std::vector<ObjectKind> told;
     const std::vector<FoundObject> objects = objectsIn(content);
@@ -75,6 +72,9 @@ std::string whatElseIsIn(const Norvane::Buffer& content) {
     }
     if (!names.empty())
         return ": it holds " + names;
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.length());
+    if (const std::string armour = foreignArmourIn(text); !armour.empty())
+        return ": it is " + armour;
     if (looksLikeMail(content))
         return ": it is a mail; norvcrypt smime verify, decrypt and inspect read those";
     return objects.front().problem.empty() || objects.front().der.empty() ? "" : ": " + objects.front().problem;

@@ -3,6 +3,7 @@
 #include <norvcmsg/Buffer.h>
 
 #include <string>
+#include <string_view>
 
 namespace norvcrypt {
 
@@ -11,6 +12,6 @@ namespace norvcrypt {
 std::string whatElseIsIn(const Norvane::Buffer& content);
 
 /// What begins as other programs' armour does and is none of PEM's: "OpenPGP armour"; empty for anything else.
-std::string foreignArmourIn(const Norvane::Buffer& content);
+std::string foreignArmourIn(std::string_view text);
 
 } // namespace norvcrypt
