@@ -118,7 +118,7 @@ class Tree:
                 found.setdefault(name, {}).setdefault(line, set()).add(column)
         return found
 
-    def build(self, tell):
+    def build(self, tell, only=""):
         built, output = shell("configure mutants")
         if not built:
             sys.exit(output[-4000:])
@@ -131,7 +131,7 @@ class Tree:
             tell(f"The compiler refuses {found} mutants more, {len(self.refused)} in all")
             if found == 0:
                 sys.exit(output[-4000:])
-        programs = self.programs()
+        programs = {target: where for target, where in self.programs().items() if re.search(only, target)}
         tell(f"Building {len(programs)} test programs")
         built, output = shell(f"cmake --build {shlex.quote(str(BUILD))} --parallel 2 --target {' '.join(sorted(programs))} -- -k 0")
         if not built:
