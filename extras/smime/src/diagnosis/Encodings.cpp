@@ -37,7 +37,7 @@ public:
     using TextDecoder::TextDecoder;
     void piece(const LinePiece& piece) override {
         target().text(piece.octets);
-        if (piece.ends && piece.end != LineEnd::none) {
+        if (piece.ends) {
             target().lineEnd(piece.end);
         }
     }
@@ -75,7 +75,7 @@ public:
         }
         m_text.erase(0, piece.ends ? m_text.size() : done);
         target().text(decoded);
-        if (piece.ends && !isSoft && piece.end != LineEnd::none) {
+        if (piece.ends && !isSoft) {
             target().lineEnd(piece.end);
         }
     }
@@ -111,11 +111,12 @@ public:
         if (std::exchange(m_hasReturn, false)) {
             target().text("\r");
         }
-        // That of the last line of base64 belongs to the boundary behind it.
-        if (m_last != LineEnd::none && (isFollowed || !m_endedLine)) {
+        // That of the last line of base64 belongs to the boundary behind it, or to the encoding.
+        const bool isNoText = m_last != LineEnd::none && (isFollowed || !m_endedLine);
+        if (isNoText) {
             target().lineEnd(m_last);
         }
-        target().endPart(isFollowed);
+        target().endPart(isFollowed || isNoText);
         m_bits = m_count = 0;
         m_last = LineEnd::none;
     }
@@ -184,13 +185,7 @@ public:
         m_column = 0;
         m_atStart = true;
     }
-    void endPart(bool /*isFollowed*/) override {
-        startLine(true);
-        token(m_held, true);
-        m_held.clear();
-        m_column = m_tokens = 0;
-        m_atStart = true;
-    }
+    void endPart(bool /*isFollowed*/) override { lineEnd(LineEnd::none); }
 
 private:
     static std::string escaped(char octet) {

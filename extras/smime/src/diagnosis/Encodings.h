@@ -22,8 +22,10 @@ public:
     virtual ~TextSink() = default;
 
     virtual void text(std::string_view octets) = 0;
+    /// \param end none: the text ends within a line
     virtual void lineEnd(LineEnd end) = 0;
-    /// What is held back goes out. \param isFollowed another part follows, to which the last line end belongs
+    /// What is held back goes out. \param isFollowed another part follows, to which the last line end belongs; or that is
+    /// one of the encoding, and none of the text
     virtual void endPart(bool isFollowed) = 0;
 };
 
