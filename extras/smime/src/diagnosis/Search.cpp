@@ -36,6 +36,14 @@ std::size_t countOfDigests(const SignedReader& message) {
     return std::clamp<std::size_t>(names.size(), 1, CMS::maximumDigests);
 }
 
+/// The line end of lines that are made.
+LineEnd newLineOf(EndMode mode, const BodyFacts& facts) noexcept {
+    if (mode == EndMode::asIs) {
+        return facts.usual();
+    }
+    return mode == EndMode::lf ? LineEnd::lf : LineEnd::crLf;
+}
+
 } // namespace
 
 Search::Search(const Buffer& structure, const BodySource& body, const DiagnosisOptions& options)
@@ -78,12 +86,8 @@ Diagnosis Search::run() {
 }
 
 Try Search::started(const Recipe* recipe, EndMode mode) const {
-    LineEnd newLine = mode == EndMode::asIs ? m_facts.usual() : LineEnd::crLf;
-    if (mode == EndMode::lf) {
-        newLine = LineEnd::lf;
-    }
     Try one{recipe, mode};
-    one.out = std::make_unique<TryOutput>(m_structure, mode, newLine);
+    one.out = std::make_unique<TryOutput>(m_structure, mode, newLineOf(mode, m_facts));
     one.undoing = recipe == nullptr ? std::make_unique<Undoing>(*one.out) : recipe->undo(*one.out);
     return one;
 }
@@ -154,7 +158,7 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
         const SignatureResult attributes = m_message.verdictOnAttributes(signer);
         if (attributes.verdict == SignatureVerdict::good) {
             open.certificate = attributes.certificate;
-        } else if (attributes.verdict == SignatureVerdict::refused && isAboutCertificate(attributes.reason)) {
+        } else if (isAboutCertificate(attributes.reason)) {
             if (const auto fitting = certificates.find(signer)) {
                 open.certificate = fitting->certificate;
                 if (fitting->finding) {
@@ -249,7 +253,7 @@ void Search::tryRecipes(const std::vector<Recipe>& recipes) {
     std::vector<std::pair<const Recipe*, EndMode>> chosen;
     std::size_t left = 0;
     std::uint64_t cost = m_diagnosis.digested;
-    const std::uint64_t each = std::max<std::uint64_t>(m_facts.length, 1) * m_digests;
+    const std::uint64_t each = m_facts.length * m_digests;
     for (const EndMode mode : modes()) {
         for (const Recipe& recipe : recipes) {
             if (cost + each > m_options.budget.digested) {
@@ -293,13 +297,10 @@ void Search::finish(Try& one) {
     }
     ++m_diagnosis.tries;
     m_diagnosis.digested += one.out->length() * m_digests;
-    if (isNew && isAnyOpen()) {
-        one.out->setNewLine(one.mode == EndMode::asIs ? m_facts.usual()
-                                                      : (one.mode == EndMode::lf ? LineEnd::lf : LineEnd::crLf));
+    if (isNew) {
+        one.out->setNewLine(newLineOf(one.mode, m_facts)); // of the first pass it tells what is usual
         one.out->finish(*this);
     }
-    one.undoing.reset();
-    one.out.reset();
 }
 
 bool Search::fits(const SignedReader& message, const OpenSigner& open) {
