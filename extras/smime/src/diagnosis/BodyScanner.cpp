@@ -260,7 +260,7 @@ void BodyScanner::lineOctets(std::string_view octets, LineEnd end, bool ends) {
         m_line.clear();
         if (isLast) {
             if (m_place == Place::boundary) {
-                m_inHeader = std::exchange(m_startsHeader, false);
+                m_inHeader = m_startsHeader;
                 m_place = m_placeBehind;
             }
             return;
@@ -324,7 +324,6 @@ void BodyScanner::endHeader() {
     m_atStart = false;
     m_isOutermost = false;
     m_inHeader = read.isMessage && m_depth < deepest && m_headers < mostHeaders;
-    m_place = Place::body;
     if (read.isMessage) {
         ++m_depth;
     }
@@ -342,12 +341,10 @@ void BodyScanner::leaveHeader() {
     lineOctets(begun, LineEnd::none, false); // in pieces, if it is long
 }
 
-/// What looked like a header block is text.
+/// What looked like a header block is text, and so is all that follows.
 void BodyScanner::giveUpHeader() {
     m_inHeader = false;
-    m_atStart = false;
     const std::vector<HeaderLine> lines = std::exchange(m_header, {});
-    m_headerLength = 0;
     for (const HeaderLine& line : lines) {
         lineOctets(line.octets, line.end, true);
     }

@@ -108,7 +108,7 @@ public:
         }
     }
     void endPart(bool isFollowed) override {
-        if (std::exchange(m_hasReturn, false)) {
+        if (m_hasReturn) {
             target().text("\r");
         }
         // That of the last line of base64 belongs to the boundary behind it, or to the encoding.
@@ -117,8 +117,6 @@ public:
             target().lineEnd(m_last);
         }
         target().endPart(isFollowed || isNoText);
-        m_bits = m_count = 0;
-        m_last = LineEnd::none;
     }
 
 private:
@@ -171,12 +169,12 @@ public:
                 m_start += octet;
                 continue;
             }
-            startLine(false);
+            startLine();
             next(octet);
         }
     }
     void lineEnd(LineEnd end) override {
-        startLine(true);
+        startLine();
         const bool isDot = m_held == "." && m_tokens == 1 && m_style == QuotedStyle::dots;
         token(m_held == " " || m_held == "\t" || isDot ? escaped(m_held.front()) : m_held, true);
         m_held.clear();
@@ -194,9 +192,9 @@ private:
     }
     [[nodiscard]] bool fits(char octet) const {
         static constexpr std::string_view from = "From ";
-        return m_start.size() < from.size() && m_start + octet == from.substr(0, m_start.size() + 1);
+        return m_start + octet == from.substr(0, m_start.size() + 1);
     }
-    void startLine(bool ends) {
+    void startLine() {
         if (!std::exchange(m_atStart, false)) {
             return;
         }
@@ -208,7 +206,7 @@ private:
                 next(start[at]);
             }
         }
-        m_isFirst = start.empty() && !ends;
+        m_isFirst = start.empty();
     }
     void next(char octet) {
         const auto value = static_cast<unsigned char>(octet);
@@ -260,15 +258,13 @@ public:
             m_held = LineEnd::none;
         }
         putLineEnd();
-        if (m_group.size() % 3 != 0) {
+        if (!m_group.empty()) {
             const std::size_t missing = 3 - m_group.size();
             m_group.append(missing, '\0');
             std::string characters = quartet();
             std::fill(characters.end() - static_cast<long>(missing), characters.end(), '=');
             m_lines.put(characters);
         }
-        m_group.clear();
-        m_lines.restart();
         m_out->end(last);
     }
 

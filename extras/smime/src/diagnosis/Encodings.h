@@ -13,7 +13,7 @@
 
 namespace Norvane::Crypto::SMime::diagnosis {
 
-/// Takes a text.
+/// Takes a text, which ends with the part that it is of.
 class TextSink {
 public:
     TextSink() = default;
@@ -29,7 +29,7 @@ public:
     virtual void endPart(bool isFollowed) = 0;
 };
 
-/// Takes an encoded part.
+/// Takes one encoded part.
 class TextDecoder {
 public:
     explicit TextDecoder(TextSink& target) : m_target(&target) {}

@@ -191,10 +191,11 @@ private:
         std::string_view name;
         bool isCharset = false;
         for (const HeaderLine& line : lines) {
-            const bool isContinued = continues(line.octets);
+            // A line of blanks ends the block.
+            const bool isContinued =
+                continues(line.octets) && line.octets.find_first_not_of(" \t") != std::string::npos;
             if (!isContinued) {
                 name = fieldName(line.octets);
-                isCharset = false;
             }
             HeaderLine changed = line;
             if (sameLetters(name, "Content-Transfer-Encoding")) {
@@ -207,7 +208,7 @@ private:
                     changed.octets = line.octets.substr(0, value) + m_recoding.encodingName;
                 }
             } else if (sameLetters(name, "Content-Type") && !m_recoding.toCharacterSet.empty()) {
-                isCharset = putCharacterSet(changed.octets, isCharset);
+                isCharset = putCharacterSet(changed.octets, isContinued && isCharset);
             }
             put(changed);
         }

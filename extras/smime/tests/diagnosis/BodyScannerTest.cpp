@@ -271,6 +271,24 @@ TEST(BodyScannerTest, LinesLongerThanAPieceComeInPieces) {
     }
 }
 
+// However long a body is, little of it is kept.
+TEST(BodyScannerTest, WhatIsCompleteIsToldAtOnce) {
+    const auto told = [](const std::string& octets) {
+        Recorder recorder;
+        BodyScanner scanner({&recorder});
+        scanner.write(octets);
+        return recorder.said();
+    };
+    EXPECT_THAT(told("x y\r\nz\r\r\n1\r2\r"), ElementsAre("line x y CRLF", "line z CRCRLF", "line 1 CR"));
+    EXPECT_THAT(told("x y\r\nz\r\r"), ElementsAre("line x y CRLF"));
+    EXPECT_THAT(told("A: b\r\n\r\n\r\nx"), ElementsAre("header plain text|A: b CRLF| CRLF", "line  CRLF"));
+    EXPECT_THAT(told(repeated('x', 65536)), IsEmpty()) << "the name of a field may be as long";
+    EXPECT_EQ(told(repeated('x', 65537)).size(), 16U) << "but not longer: it is a line, of which a piece is kept";
+    EXPECT_EQ(told("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: b\n" + repeated('x', 65533)).size(), 3U + 15)
+        << "with the fields in front of it";
+    EXPECT_EQ(told("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: b\n" + repeated('x', 65532)).size(), 2U);
+}
+
 TEST(BodyScannerTest, ALongFirstLineOfAPartComesInPieces) {
     const std::string start = "Content-Type: multipart/mixed; boundary=b\n\n--b\n";
     for (const auto& [length, last] : std::vector<std::pair<std::size_t, std::string>>{{4097, "x"}, {5000, "x*904"}})
@@ -387,10 +405,12 @@ TEST(BodyScannerTest, AThousandHeaderBlocksAreRead) {
     EXPECT_EQ(headersOf(body), 1000U);
     const std::vector<std::string> said = scanned(body, body.size());
     EXPECT_THAT(said.at(said.size() - 3), testing::EndsWith(" A: b LF")) << "what is more are lines";
-    std::string messages = "Content-Type: multipart/mixed; boundary=b\n\n--b\n\n";
-    for (int part = 0; part != 600; ++part)
-        messages += "--b\nContent-Type: message/rfc822\n\nA: b\n\n";
-    EXPECT_EQ(headersOf(messages), 1000U) << "those of messages among them";
+    for (const std::string first : {"", "--b\n\n"}) {
+        std::string messages = "Content-Type: multipart/mixed; boundary=b\n\n" + first;
+        for (int part = 0; part != 600; ++part)
+            messages += "--b\nContent-Type: message/rfc822\n\nA: b\n\n";
+        EXPECT_EQ(headersOf(messages), 1000U) << "those of messages among them";
+    }
 }
 
 TEST(BodyScannerTest, AHeaderBlockHasSixtyFourKibibytes) {
@@ -436,6 +456,7 @@ TEST(BodyScannerTest, ParametersOfFields) {
     EXPECT_EQ(parameterOf("a=1", "a"), "") << "that is the value";
     EXPECT_EQ(parameterOf("t;a=\"x;y\\\"z\\\\\" tail", "a"), "x;y\"z\\");
     EXPECT_EQ(parameterOf("t;a=\"not ended", "a"), "not ended");
+    EXPECT_EQ(parameterOf("t;a=\"not ended\\\"", "a"), "not ended\"");
     EXPECT_EQ(parameterOf("t;a=\"ends so\\", "a"), "ends so\\");
     EXPECT_EQ(parameterOf("t;ab=1;a=2", "a"), "2");
     EXPECT_EQ(parameterOf("t;a=1 (one);b=2", "a"), "1") << "a comment";

@@ -90,6 +90,7 @@ TEST(EncodingsTest, Base64IsDecodedToLines) {
         return decoded(TransferEncoding::base64, octets, isFollowed);
     };
     EXPECT_EQ(text("SGVsbG8="), "Hello");
+    EXPECT_EQ(text(""), "\n") << "the empty line in front, which is no text";
     EXPECT_EQ(text("SGVs\r\nbG8=\r\n"), "Hello\r\n");
     EXPECT_EQ(text("eA0KeQp6\n"), "x\r\ny\nz\n");
     EXPECT_EQ(text("eA0KeQ0K\n"), "x\r\ny\r\n") << "the text ends its last line itself";
@@ -99,16 +100,6 @@ TEST(EncodingsTest, Base64IsDecodedToLines) {
     EXPECT_EQ(text("S-G.V s\tbG8=\n"), "Hello\n") << "RFC 2045, 6.8: other characters are ignored";
     EXPECT_EQ(text("+/+/\n"), "\xFB\xFF\xBF\n");
     EXPECT_EQ(text("AZaz\n"), std::string("\x01\x96\xB3\n"));
-}
-
-TEST(EncodingsTest, ADecoderBeginsEachPartAnew) {
-    Text text;
-    const std::unique_ptr<TextDecoder> decoder = decoderOf(TransferEncoding::base64, text);
-    decoder->piece({.octets = "SGVsbG", .end = LineEnd::lf});
-    decoder->endPart(true);
-    decoder->piece({.octets = "SGVsbG8=", .end = LineEnd::none});
-    decoder->endPart(false);
-    EXPECT_EQ(text.told, "Hell\n|+Hello|");
 }
 
 TEST(EncodingsTest, PlainTextPasses) {
@@ -198,26 +189,6 @@ TEST(EncodingsTest, StartsThatRelaysChangeAreEscaped) {
     EXPECT_EQ(with("from x\nFROM x\n"), "from x\r\nFROM x\r\n");
 }
 
-TEST(EncodingsTest, AnEncoderBeginsEachPartAnew) {
-    for (const auto& [style, first] : {std::pair(QuotedStyle::least, "."), {QuotedStyle::starts, "=2E"}}) {
-        Kept out;
-        const std::unique_ptr<TextSink> encoder = encoderOf(TransferEncoding::quotedPrintable, out, style, false);
-        encoder->text(times(70, 'x'));
-        encoder->endPart(true);
-        encoder->text("." + times(60, 'y'));
-        encoder->endPart(false);
-        EXPECT_EQ(out.text, times(70, 'x') + first + times(60, 'y'));
-    }
-    Kept dots;
-    const std::unique_ptr<TextSink> encoder =
-        encoderOf(TransferEncoding::quotedPrintable, dots, QuotedStyle::dots, false);
-    encoder->text("x");
-    encoder->endPart(true);
-    encoder->text(".");
-    encoder->lineEnd(LineEnd::lf);
-    EXPECT_EQ(dots.text, "x=2E\n");
-}
-
 TEST(EncodingsTest, Base64InLinesOfSeventySix) {
     const auto base64 = [](const std::string& text, bool isFollowed = false, bool lineFeeds = false) {
         return encoded(TransferEncoding::base64, text, QuotedStyle::least, lineFeeds, isFollowed);
@@ -240,17 +211,6 @@ TEST(EncodingsTest, Base64InLinesOfSeventySix) {
     EXPECT_EQ(base64("x\ny\n", true), "eA0KeQ==\r\n") << "but it is the boundary's when a part follows";
     EXPECT_EQ(base64("x\n\n", true), "eA0K\r\n");
     EXPECT_EQ(base64("x\ny\n", false, true), "eAp5Cg==\r\n");
-}
-
-TEST(EncodingsTest, AnEncoderOfBase64BeginsEachPartAnew) {
-    Kept out;
-    const std::unique_ptr<TextSink> encoder = encoderOf(TransferEncoding::base64, out, QuotedStyle::least, false);
-    encoder->text("f");
-    encoder->lineEnd(LineEnd::lf);
-    encoder->endPart(true);
-    encoder->text(times(57, 'x'));
-    encoder->endPart(false);
-    EXPECT_EQ(out.text, "Zg==\neHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4");
 }
 
 TEST(EncodingsTest, WrappedLines) {
@@ -323,6 +283,9 @@ TEST(EncodingsTest, TheFieldOfTheEncodingIsWrittenAnew) {
     EXPECT_EQ(recoded("content-transfer-encoding: \n quoted-printable\n \t(folded)\nX: a\n\nx=3D\n", toBase64),
               "content-transfer-encoding: base64\nX: a\n\neD0NCg==\n")
         << "the old value goes, on whatever lines it stands";
+    EXPECT_EQ(recoded("Content-Transfer-Encoding: quoted-printable\n \t\nx=3D\n", toBase64),
+              "Content-Transfer-Encoding: base64\n \t\neD0NCg==\n")
+        << "a line of blanks ends the fields";
 }
 
 TEST(EncodingsTest, EachPartOfAMultipartIsEncodedForItself) {
@@ -364,8 +327,11 @@ TEST(EncodingsTest, CharacterSetsAreConverted) {
     EXPECT_EQ(recoded(latin + "\xE9\n\xE9", toUtf8), utf8 + "\xC3\xA9\n\xC3\xA9") << "lines of one octet";
     EXPECT_EQ(recoded(utf8 + "x\xC3", toLatin), latin + "x\xC3") << "half a character at the end";
     const std::string base64 = "\nContent-Transfer-Encoding: base64\n\n";
-    EXPECT_EQ(recoded("Content-Type: text/plain; charset=utf-8" + base64 + "Y2Fmw6k=\n", toLatin),
-              "Content-Type: text/plain; charset=ISO-8859-1" + base64 + "Y2Fm6Q==\n");
+    for (const auto& [before, after] :
+         {std::pair("Y2Fmw6k=\n", "Y2Fm6Q==\n"), {"Y2Fmw6k=", "Y2Fm6Q=="}, {"eMM=", "eMM="}}) {
+        EXPECT_EQ(recoded("Content-Type: text/plain; charset=utf-8" + base64 + before, toLatin),
+                  "Content-Type: text/plain; charset=ISO-8859-1" + base64 + after);
+    }
     EXPECT_EQ(recoded(utf8 + "x\xC3\xA9\n", {.fromCharacterSet = "utf-8", .toCharacterSet = "no-such-set"}),
               "Content-Type: text/plain;\n charset=no-such-set\nContent-Transfer-Encoding: 8bit\n\nx\xC3\xA9\n");
 }

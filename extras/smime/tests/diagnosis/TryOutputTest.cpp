@@ -78,6 +78,7 @@ TEST(EndOfABody, IsTriedWithMoreAndFewerLineEnds) {
     EXPECT_THAT(fitting("a\r\n\r\n", "a\r\n\r\n\r\n\r\n"), ElementsAre("ends less 2, octets 4"));
     EXPECT_THAT(fitting("a\n", "a\n\r"), ElementsAre("ends less 1, octets 1"));
     EXPECT_THAT(fitting("a", "a\r\n\n"), ElementsAre("ends less 2, octets 3"));
+    EXPECT_THAT(fitting("", "\n\n"), ElementsAre("ends less 2, octets 2"));
 }
 
 TEST(EndOfABody, IsTriedWithoutItsLastLines) {
@@ -89,6 +90,7 @@ TEST(EndOfABody, IsTriedWithoutItsLastLines) {
     EXPECT_THAT(fitting("a\r", "a\rx\ry"), ElementsAre("lines less 2, octets 3"));
     EXPECT_THAT(fitting("a\r\n", "a\r\nfo"), ElementsAre("lines less 1, octets 2"));
     EXPECT_THAT(fitting("a", "ab\r\n"), IsEmpty()) << "half a line";
+    EXPECT_THAT(fitting("a", "ab"), IsEmpty());
 }
 
 TEST(EndOfABody, IsTriedForSixtyFourLines) {
