@@ -156,6 +156,21 @@ TEST(DiagnosisCost, ABodyAndAStructureMayBeAsLongAsTheBudget) {
     EXPECT_THAT(diagnosisOf(signature, arrived, options).explanations, IsEmpty());
 }
 
+// What was read of a longer one before is not taken for the body.
+TEST(DiagnosisCost, NothingIsSaidOfTheBeginningOfABody) {
+    std::string begin;
+    while (begin.size() != 65536) {
+        begin += std::string(63, 'x') + '\n';
+    }
+    SMime::DiagnosisOptions options;
+    options.budget.body = 70000;
+    const Bytes signature = signatureOver(replaced(begin, "\n", "\r\n"));
+    EXPECT_THAT(namesOf(diagnosisOf(signature, begin, options)), ElementsAre("line-ends-lf"));
+    const SMime::Diagnosis diagnosis = diagnosisOf(signature, begin + std::string(4465, 'y'), options);
+    EXPECT_THAT(diagnosis.explanations, IsEmpty());
+    EXPECT_EQ("the body has more than 70000 bytes: what may have happened to it was not tried", diagnosis.notLooked);
+}
+
 // 22 ways to write the header fields, with the line ends as they are and with LF.
 TEST(DiagnosisCost, AsManyTriesAreMadeAsTheBudgetOfDigestsAllows) {
     const auto notLooked = [](const Bytes& signature, std::uint64_t digested) {

@@ -124,6 +124,10 @@ TEST(Diagnosis, SingleLines) {
                 ElementsAre("line-ends-lf", "from-escaped"));
     EXPECT_THAT(changesBetween(header + "From here\r\n", header + ">From here\r\n-- \r\nfooter\r\n"),
                 ElementsAre("from-escaped", "footer-at-end"));
+    const SMime::Diagnosis both = diagnosisOf(signatureOver(header + "From here\r\n"), header + ">From here\n");
+    EXPECT_THAT(namesOf(both), ElementsAre("line-ends-lf", "from-escaped"));
+    EXPECT_EQ("the signed text ended its lines with CR LF; a relay made LF of 1 of 3",
+              both.explanations.at(0).findings.at(0).text);
 }
 
 TEST(Diagnosis, HeaderFields) {

@@ -36,6 +36,11 @@ std::size_t countOfDigests(const SignedReader& message) {
     return std::clamp<std::size_t>(names.size(), 1, CMS::maximumDigests);
 }
 
+/// Whether a verdict says that the signature is that of the certificate or, where there is something about that, of its key.
+bool isBy(const OpenSigner& open, const SignatureResult& result) {
+    return result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result));
+}
+
 /// The line end of lines that are made.
 LineEnd newLineOf(EndMode mode, const BodyFacts& facts) noexcept {
     if (mode == EndMode::asIs) {
@@ -170,11 +175,8 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
         if (!isSigned) {
             open.certificate = certificates.named(signer);
         }
-        if (explainDigest(open, signer)) {
+        if (explainDigest(open, signer) || !isSigned) { // else nobody signed any body with this
             return;
-        }
-        if (!isSigned) {
-            return; // nobody signed any body with this
         }
     } else if (isAboutCertificate(result.reason)) {
         if (const auto fitting = certificates.find(signer)) {
@@ -201,20 +203,14 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
 /// Whether the digest is the body's by another algorithm, and the attributes with it were signed.
 bool Search::explainDigest(const OpenSigner& open, const SignedReader::Signer& signer) {
     const auto digest = signer.messageDigest();
-    if (!digest || static_cast<X509*>(open.certificate) == nullptr) {
-        return false;
-    }
+    const bool isAnybodys = digest && static_cast<X509*>(open.certificate) != nullptr;
     const std::string named = signer.digestAlgorithm();
-    for (const std::string& name : m_otherDigests.namesOf(*digest)) {
+    for (const std::string& name : isAnybodys ? m_otherDigests.namesOf(*digest) : std::vector<std::string>()) {
         if (name == named) {
             continue;
         }
         for (const std::string& by : {std::string(), name}) {
-            if (!m_budget.take()) {
-                return false;
-            }
-            const SignatureResult result = m_message.verdictOnAttributes(signer, open.certificate, by);
-            if (result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result))) {
+            if (m_budget.take() && isBy(open, m_message.verdictOnAttributes(signer, open.certificate, by))) {
                 std::string text = "the signer says to have digested the text by ";
                 text.append(named).append(", but the digest that was signed is its ").append(name);
                 std::vector<Finding> findings{
@@ -313,7 +309,7 @@ bool Search::fits(const SignedReader& message, const OpenSigner& open) {
     if (open.hasAttributes && result.reason != SignatureReason::bodyDiffers) {
         static_cast<void>(m_budget.take());
     }
-    return result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result));
+    return isBy(open, result);
 }
 
 void Search::judge(const SignedReader& message, const EndChange& change) {
