@@ -55,6 +55,63 @@ TEST(DiagnosisForms, WithinAForwardedMessage) {
     EXPECT_THAT(changesBetween(sent, arrived), ElementsAre("made-7-bit"));
 }
 
+// RFC 2046, 5.1.5: the parts of a digest are messages, though nothing says so.
+TEST(DiagnosisForms, WithinADigest) {
+    const std::string sent = "Content-Type: multipart/digest; boundary=b1\r\n\r\n--b1\r\n\r\nSubject: x\r\n"
+                             "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\n"
+                             "f\xC3\xBCr Bob\r\n--b1--\r\n";
+    const std::string arrived = replaced(replaced(sent, "8bit", "quoted-printable"), "f\xC3\xBCr Bob", "f=C3=BCr Bob");
+    EXPECT_THAT(changesBetween(sent, arrived), ElementsAre("made-7-bit"));
+    EXPECT_THAT(changesBetween(sent, replaced(sent, "Content-Type: text", "Content-type: text")),
+                ElementsAre("header-names-respelled"));
+}
+
+// A mail with many mails in it, the last of which was encoded.
+TEST(DiagnosisForms, WithinTheLastOfManyForwardedMessages) {
+    std::string sent = "Content-Type: multipart/mixed; boundary=b1\r\n\r\n";
+    for (int count = 0; count != 40; ++count) {
+        sent += "--b1\r\nContent-Type: message/rfc822\r\n\r\nSubject: x\r\n\r\nDear Bob\r\n";
+    }
+    sent += "--b1\r\nContent-Type: message/rfc822\r\n\r\nContent-Type: text/plain; charset=utf-8\r\n"
+            "Content-Transfer-Encoding: 8bit\r\n\r\nf\xC3\xBCr Bob\r\n--b1--\r\n";
+    const std::string arrived = replaced(replaced(sent, "8bit", "quoted-printable"), "f\xC3\xBCr Bob", "f=C3=BCr Bob");
+    EXPECT_THAT(changesBetween(sent, arrived), ElementsAre("made-7-bit"));
+}
+
+// RFC 6532, 3.7: a message/global may be encoded, and then its base64 wrapped anew.
+TEST(DiagnosisForms, AnEncodedMessage) {
+    const std::string sent = "Content-Type: message/global\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+                             "U3ViamVjdDogRsO8ciBCb2INCg0K\r\nRGVhciBCb2I=\r\n";
+    EXPECT_THAT(changesBetween(replaced(sent, "K\r\nR", "KR"), sent), ElementsAre("base64-rewrapped"));
+}
+
+// What is quoted, or has no parameters, is no parameter.
+TEST(DiagnosisForms, ParametersAreToldFromWhatLooksLikeThem) {
+    const std::string fields = "Content-ID: <part1=1@example.org>\r\nContent-Type: text/plain; charset=";
+    EXPECT_THAT(changesBetween(fields + "\"utf-8\"\r\n\r\nDear Bob\r\n", fields + "utf-8\r\n\r\nDear Bob\r\n"),
+                ElementsAre("parameters-requoted"));
+    const std::string named = "Content-Type: text/plain; name=\"x; charset=us-ascii\"; charset=";
+    EXPECT_THAT(changesBetween(named + "ISO-8859-1\r\nContent-Transfer-Encoding: 8bit\r\n\r\nf\xFCr Bob\r\n",
+                               named + "utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\nf\xC3\xBCr Bob\r\n"),
+                ElementsAre("character-set-changed"));
+    const std::string file = "Content-Type: text/plain; name=utf-8.txt; charset=";
+    EXPECT_THAT(changesBetween(file + "ISO-8859-1\r\nContent-Transfer-Encoding: 8bit\r\n\r\nf\xFCr Bob\r\n",
+                               file + "utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\nf\xC3\xBCr Bob\r\n"),
+                ElementsAre("character-set-changed"));
+}
+
+// RFC 2045, 6.7, rule 3: no line of quoted-printable ends with a blank, the last one neither.
+TEST(DiagnosisForms, ATextWhoseLastLineHasNoEnd) {
+    const std::string header = "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: ";
+    EXPECT_THAT(
+        changesBetween(header + "quoted-printable\r\n\r\nf=C3=BCr Bob=20", header + "8bit\r\n\r\nf\xC3\xBCr Bob "),
+        ElementsAre("made-8-bit"));
+    // The line end is that of the base64, not of the text (by `base64`).
+    EXPECT_THAT(changesBetween(replaced(header, "utf-8", "ISO-8859-1") + "base64\r\n\r\nZvxyIEJvYg==\r\n",
+                               header + "base64\r\n\r\nZsO8ciBCb2I=\r\n"),
+                ElementsAre("character-set-changed"));
+}
+
 TEST(DiagnosisForms, BothSignersAreLookedAtWhereOneIsGood) {
     const std::string text = "Content-Type: text/plain\r\n\r\nDear Bob\r\n";
     const Bytes signature =

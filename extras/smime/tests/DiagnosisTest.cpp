@@ -124,6 +124,10 @@ TEST(Diagnosis, SingleLines) {
                 ElementsAre("line-ends-lf", "from-escaped"));
     EXPECT_THAT(changesBetween(header + "From here\r\n", header + ">From here\r\n-- \r\nfooter\r\n"),
                 ElementsAre("from-escaped", "footer-at-end"));
+    const SMime::Diagnosis both = diagnosisOf(signatureOver(header + "From here\r\n"), header + ">From here\n");
+    EXPECT_THAT(namesOf(both), ElementsAre("line-ends-lf", "from-escaped"));
+    EXPECT_EQ("the signed text ended its lines with CR LF; a relay made LF of 1 of 3",
+              both.explanations.at(0).findings.at(0).text);
 }
 
 TEST(Diagnosis, HeaderFields) {
@@ -175,6 +179,60 @@ TEST(Diagnosis, Base64ThatWasWrappedAnew) {
     }
     EXPECT_THAT(changesBetween(wrapped(76), replaced(wrapped(64), "\r\n", "\n")),
                 ElementsAre("line-ends-lf", "base64-rewrapped"));
+}
+
+TEST(Diagnosis, LinesThatStoodThereEndAsTheOthers) {
+    const std::string lineFeeds = replaced(parts, "\r\n", "\n");
+    const auto withPreamble = [](const std::string& end) {
+        const std::string fields = "\"b1\"" + end + end;
+        return replaced(replaced(parts, "\r\n", end), fields,
+                        fields + "This is a multi-part message in MIME format." + end);
+    };
+    EXPECT_THAT(changesBetween(withPreamble("\n"), parts), ElementsAre("line-ends-crlf", "preamble-changed"));
+    EXPECT_THAT(changesBetween(withPreamble("\n"), lineFeeds), ElementsAre("preamble-changed"));
+    EXPECT_THAT(changesBetween(withPreamble("\r\n"), lineFeeds), ElementsAre("line-ends-lf", "preamble-changed"));
+}
+
+// A relay that makes CR LF of LF, and one that does so again.
+TEST(Diagnosis, CarriageReturnsInFrontOfLineFeedsThatWereAlone) {
+    const SMime::Diagnosis diagnosis =
+        diagnosisOf(signatureOver(replaced(text, "\r\n", "\n")), replaced(text, "\r\n", "\r\r\n"));
+    EXPECT_EQ(Names{"carriage-returns-doubled"}, namesOf(diagnosis));
+    EXPECT_EQ("the signed text ended its lines with LF; a relay made CR CR LF of it",
+              diagnosis.explanations.at(0).findings.at(0).text);
+}
+
+TEST(Diagnosis, OneIsNoPlural) {
+    const auto said = [](const std::string& sent, const std::string& arrived) {
+        const SMime::Diagnosis diagnosis = diagnosisOf(signatureOver(sent), arrived);
+        return diagnosis.explanations.size() == 1 ? diagnosis.explanations.front().findings.front().text : "";
+    };
+    EXPECT_EQ("the signed text had 1 line end more at its end", said("a\r\n", "a"));
+    EXPECT_EQ("the signed text had 2 line ends more at its end", said("a\r\n\r\n", "a"));
+    EXPECT_EQ("the signed text had 1 line end less at its end", said("a", "a\r\n"));
+    EXPECT_EQ("the signed text had 2 line ends less at its end", said("a", "a\r\n\r\n"));
+    EXPECT_EQ("the signed text ended before the last 1 line (1 byte), which were added on the way",
+              said("a\n", "a\nb"));
+    EXPECT_EQ("the signed text ended before the last 2 lines (3 bytes), which were added on the way",
+              said("a\n", "a\nb\nc"));
+}
+
+// Of several ways to have the signature fit, the one with the fewest changes is told, and of these the likeliest.
+TEST(Diagnosis, TheFewestChangesAreTold) {
+    // Lines that were added ended otherwise than the signed ones: with these nobody did anything.
+    const std::string withPreamble = replaced(parts, "\"b1\"\r\n\r\n", "\"b1\"\r\n\r\nscanned\n");
+    EXPECT_EQ(Names{"preamble-added"}, changesBetween(parts, withPreamble));
+    EXPECT_EQ(Names{"footer-after-last-boundary"},
+              changesBetween(parts, parts + replaced(std::string(70, '.'), ".", "scanned\n")));
+    // A CR or an LF that was added at the end.
+    EXPECT_EQ(Names{"last-line-end-added"}, changesBetween("a", "a\r"));
+    EXPECT_EQ(Names{"last-line-end-added"}, changesBetween("a\r\n", "a\r\n\n"));
+    EXPECT_THAT(changesBetween("a\r\n", "a\n\r"), ElementsAre("line-ends-lf", "last-line-end-added"));
+
+    const std::string folded = "Content-Type: text/plain;\r\n\tcharset=utf-8\r\n\r\nDear Bob\r\n";
+    const SMime::Diagnosis diagnosis = diagnosisOf(signatureOver(folded), replaced(folded, "\t", " "));
+    EXPECT_EQ(Names{"header-refolded"}, namesOf(diagnosis));
+    EXPECT_THAT(diagnosis.explanations.at(0).findings.at(0).text, HasSubstr("stood there continued with a tab"));
 }
 
 // A body that is scanned in pieces of any size comes out as it is: each of these tries would fail otherwise.

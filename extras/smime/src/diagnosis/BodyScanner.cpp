@@ -19,6 +19,12 @@ bool isBlank(char octet) noexcept {
     return octet == ' ' || octet == '\t';
 }
 
+/// What stands behind the first of these; nothing when there is none.
+std::string_view behind(std::string_view text, char octet) noexcept {
+    const std::size_t at = text.find(octet);
+    return at == std::string_view::npos ? std::string_view() : text.substr(at + 1);
+}
+
 std::string_view trimmed(std::string_view text) noexcept {
     while (!text.empty() && isBlank(text.front())) {
         text.remove_prefix(1);
@@ -29,8 +35,27 @@ std::string_view trimmed(std::string_view text) noexcept {
     return text;
 }
 
+/// Takes a quoted string off the front, semicolons in it included.
+std::string takeQuoted(std::string_view& text) {
+    std::string value;
+    std::size_t at = 1;
+    for (; at < text.size() && text[at] != '"'; ++at) {
+        if (text[at] == '\\' && at + 1 < text.size()) {
+            ++at;
+        }
+        value += text[at];
+    }
+    text.remove_prefix(at);
+    return value;
+}
+
+/// A value in front of parameters and comments (RFC 2045, 5.1), in small letters.
+std::string plainValue(std::string_view text) {
+    return smallLetters(trimmed(text.substr(0, text.find_first_of(";("))));
+}
+
 TransferEncoding encodingOf(std::string_view value) {
-    const std::string name = smallLetters(trimmed(value));
+    const std::string name = plainValue(value);
     if (name == "base64") {
         return TransferEncoding::base64;
     }
@@ -59,11 +84,15 @@ std::vector<std::string> unfolded(const std::vector<HeaderLine>& lines) {
 struct ReadHeader {
     PartHeader part;
     std::string boundary;
-    bool isMessage = false;
+    bool isDigest = false;
+    bool isMessage = false; ///< which stands there as it is
 };
 
-ReadHeader readHeader(const std::vector<HeaderLine>& lines) {
+/// \param inDigest where a part that names no type is a message (RFC 2046, 5.1.5)
+ReadHeader readHeader(const std::vector<HeaderLine>& lines, bool inDigest) {
     ReadHeader read;
+    read.part.isText = !inDigest;
+    read.isMessage = inDigest;
     for (const std::string& field : unfolded(lines)) {
         const std::string_view name = fieldName(field);
         const std::string_view value =
@@ -71,14 +100,18 @@ ReadHeader readHeader(const std::vector<HeaderLine>& lines) {
         if (sameLetters(name, "Content-Transfer-Encoding")) {
             read.part.encoding = encodingOf(value);
         } else if (sameLetters(name, "Content-Type")) {
-            const std::string type = smallLetters(trimmed(value.substr(0, value.find(';'))));
+            const std::string type = plainValue(value);
             read.part.isText = type.starts_with("text/");
             read.part.isMultipart = type.starts_with("multipart/");
+            read.isDigest = type == "multipart/digest";
             read.isMessage = type == "message/rfc822" || type == "message/global";
             read.part.characterSet = smallLetters(parameterOf(field, "charset"));
             read.boundary = read.part.isMultipart ? parameterOf(field, "boundary") : "";
         }
     }
+    // A message/global may be encoded (RFC 6532, 3.7).
+    read.isMessage = read.isMessage && read.part.encoding != TransferEncoding::quotedPrintable &&
+                     read.part.encoding != TransferEncoding::base64;
     return read;
 }
 
@@ -125,24 +158,20 @@ std::string_view fieldName(std::string_view line) noexcept {
 }
 
 std::string parameterOf(std::string_view field, std::string_view name) {
-    for (std::size_t at = field.find(';'); at != std::string_view::npos; at = field.find(';', at)) {
-        std::string_view rest = field.substr(++at);
+    for (std::string_view rest = behind(field, ';'); !rest.empty(); rest = behind(rest, ';')) {
         const std::size_t equals = rest.substr(0, rest.find(';')).find('=');
-        if (equals == std::string_view::npos || !sameLetters(trimmed(rest.substr(0, equals)), name)) {
+        if (equals == std::string_view::npos) {
             continue;
         }
+        const bool isNamed = sameLetters(trimmed(rest.substr(0, equals)), name);
         rest = trimmed(rest.substr(equals + 1));
-        if (!rest.starts_with('"')) {
-            return std::string(trimmed(rest.substr(0, rest.find(';'))));
+        std::string value(trimmed(rest.substr(0, rest.find_first_of(";("))));
+        if (rest.starts_with('"')) {
+            value = takeQuoted(rest);
         }
-        std::string value;
-        for (std::size_t in = 1; in < rest.size() && rest[in] != '"'; ++in) {
-            if (rest[in] == '\\' && in + 1 < rest.size()) {
-                ++in;
-            }
-            value += rest[in];
+        if (isNamed) {
+            return value;
         }
-        return value;
     }
     return {};
 }
@@ -231,7 +260,7 @@ void BodyScanner::lineOctets(std::string_view octets, LineEnd end, bool ends) {
         m_line.clear();
         if (isLast) {
             if (m_place == Place::boundary) {
-                m_inHeader = std::exchange(m_startsHeader, false);
+                m_inHeader = m_startsHeader;
                 m_place = m_placeBehind;
             }
             return;
@@ -246,18 +275,21 @@ void BodyScanner::classify(std::string_view start) {
     }
     for (std::size_t open = m_open.size(); open-- != 0;) {
         std::string_view rest = start.substr(2);
-        if (!rest.starts_with(m_open[open])) {
+        const Multipart& multipart = m_open[open];
+        if (!rest.starts_with(multipart.boundary)) {
             continue;
         }
-        rest.remove_prefix(m_open[open].size());
+        rest.remove_prefix(multipart.boundary.size());
         const bool closes = rest.starts_with("--");
         if (!trimmed(closes ? rest.substr(2) : rest).empty()) {
             continue;
         }
         m_isOutermost = open == 0;
-        m_open.resize(closes ? open : open + 1);
         m_place = Place::boundary;
         m_startsHeader = !closes && m_headers < mostHeaders;
+        m_inDigest = multipart.isDigest;
+        m_depth = multipart.depth;
+        m_open.resize(closes ? open : open + 1);
         m_placeBehind = closes ? Place::epilogue : Place::body;
         return;
     }
@@ -282,7 +314,7 @@ void BodyScanner::headerLine(std::string_view octets, LineEnd end) {
 }
 
 void BodyScanner::endHeader() {
-    ReadHeader read = readHeader(m_header);
+    ReadHeader read = readHeader(m_header, std::exchange(m_inDigest, false));
     for (BodyConsumer* consumer : m_consumers) {
         consumer->header(m_header, read.part);
     }
@@ -291,14 +323,13 @@ void BodyScanner::endHeader() {
     m_headerLength = 0;
     m_atStart = false;
     m_isOutermost = false;
-    m_inHeader = read.isMessage && m_depth < deepest;
-    m_place = Place::body;
+    m_inHeader = read.isMessage && m_depth < deepest && m_headers < mostHeaders;
     if (read.isMessage) {
         ++m_depth;
     }
     if (!read.boundary.empty() && m_open.size() < deepest) {
         m_isOutermost = m_open.empty();
-        m_open.push_back(std::move(read.boundary));
+        m_open.push_back({std::move(read.boundary), read.isDigest, m_depth});
         m_place = Place::preamble;
     }
 }
@@ -310,12 +341,10 @@ void BodyScanner::leaveHeader() {
     lineOctets(begun, LineEnd::none, false); // in pieces, if it is long
 }
 
-/// What looked like a header block is text.
+/// What looked like a header block is text, and so is all that follows.
 void BodyScanner::giveUpHeader() {
     m_inHeader = false;
-    m_atStart = false;
     const std::vector<HeaderLine> lines = std::exchange(m_header, {});
-    m_headerLength = 0;
     for (const HeaderLine& line : lines) {
         lineOctets(line.octets, line.end, true);
     }

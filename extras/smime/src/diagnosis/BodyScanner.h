@@ -54,14 +54,14 @@ public:
     BodyConsumer& operator=(const BodyConsumer&) = delete;
     virtual ~BodyConsumer() = default;
 
-    /// A header block, with the empty line behind it where there is one.
+    /// A header block, with the empty line behind it where there is one. It comes first, or behind a boundary or another block.
     virtual void header(const std::vector<HeaderLine>& lines, const PartHeader& part) = 0;
     virtual void line(const LinePiece& piece) = 0;
     virtual void finish() = 0;
 };
 
 /// Takes a body in pieces of any size. Header blocks are kept until they end, up to 64 KB and 1,000 of
-/// them; what is more passes as lines.
+/// them, and down to 32 multiparts within each other and as many messages; what is more passes as lines.
 class BodyScanner {
 public:
     explicit BodyScanner(std::vector<BodyConsumer*> consumers) : m_consumers(std::move(consumers)) {}
@@ -70,6 +70,12 @@ public:
     void finish();
 
 private:
+    struct Multipart {
+        std::string boundary;
+        bool isDigest = false;
+        std::size_t depth = 0; ///< of messages around it
+    };
+
     void scan(std::string_view octets, bool last);
     void lineOctets(std::string_view octets, LineEnd end, bool ends);
     void headerLine(std::string_view octets, LineEnd end);
@@ -87,13 +93,14 @@ private:
     bool m_atStart = true; ///< of the body: it may begin with a header block, or not
     std::vector<HeaderLine> m_header;
     std::size_t m_headerLength = 0;
-    std::vector<std::string> m_open; ///< the boundaries of multiparts, the outermost first
+    std::vector<Multipart> m_open; ///< the outermost first
     Place m_place = Place::body;
     bool m_isOutermost = false;
     bool m_startsHeader = false; ///< behind this line
+    bool m_inDigest = false;     ///< the next header block is that of a part of one
     Place m_placeBehind = Place::body;
     std::size_t m_headers = 0;
-    std::size_t m_depth = 0;
+    std::size_t m_depth = 0; ///< messages that what comes stands in
 };
 
 /// A header field's name in `line`, without the colon; empty when it begins none.

@@ -100,7 +100,6 @@ CertificateSearch::CertificateSearch(const SignedReader& message, const Diagnosi
             m_certificates.push_back(certificate);
         }
     }
-    m_given = m_certificates.size();
     try {
         const auto& carried = message.certificates();
         m_certificates.insert(m_certificates.end(), carried.begin(), carried.end());
@@ -124,8 +123,7 @@ std::optional<FittingCertificate> CertificateSearch::find(const SignedReader::Si
     // The named ones, then those of the same issuer, then the others.
     std::vector<std::pair<int, const NVX509::RefCertificate*>> candidates;
     for (const NVX509::RefCertificate& certificate : m_certificates) {
-        const bool sameIssuer = name->namedBy() == CMS::NamedBy::issuerAndSerialNumber && name->issuer() &&
-                                *name->issuer() == certificate->issuer();
+        const bool sameIssuer = name->issuer() && *name->issuer() == certificate->issuer();
         candidates.emplace_back(name->names(certificate) ? 0 : (sameIssuer ? 1 : 2), &certificate);
     }
     std::ranges::stable_sort(candidates, {}, [](const auto& candidate) { return candidate.first; });

@@ -38,13 +38,12 @@ public:
 
     /// The one whose key signed the attributes or, when there are none, the body that was written into the message.
     std::optional<FittingCertificate> find(const CMS::SignedReader::Signer& signer);
-    /// One that the signer names, among those given.
+    /// One that the signer names.
     [[nodiscard]] NVX509::RefCertificate named(const CMS::SignedReader::Signer& signer) const;
 
 private:
     const CMS::SignedReader& m_message;
     std::vector<NVX509::RefCertificate> m_certificates;
-    std::size_t m_given = 0; ///< the first of them
     VerificationBudget& m_budget;
 };
 

@@ -22,7 +22,7 @@ Diagnosis explainSigners(const CMS::SignedReader& message, const DiagnosisOption
     std::size_t refused = 0;
     for (std::size_t index = 0; index != signers.size(); ++index) {
         const CMS::SignatureResult result = message.verdict(signers[index]);
-        if (result.verdict != CMS::SignatureVerdict::refused || !isAboutCertificate(result.reason)) {
+        if (!isAboutCertificate(result.reason)) {
             continue;
         }
         if (++refused > options.budget.signers) {

@@ -37,7 +37,7 @@ public:
     using TextDecoder::TextDecoder;
     void piece(const LinePiece& piece) override {
         target().text(piece.octets);
-        if (piece.ends && piece.end != LineEnd::none) {
+        if (piece.ends) {
             target().lineEnd(piece.end);
         }
     }
@@ -75,7 +75,7 @@ public:
         }
         m_text.erase(0, piece.ends ? m_text.size() : done);
         target().text(decoded);
-        if (piece.ends && !isSoft && piece.end != LineEnd::none) {
+        if (piece.ends && !isSoft) {
             target().lineEnd(piece.end);
         }
     }
@@ -108,16 +108,15 @@ public:
         }
     }
     void endPart(bool isFollowed) override {
-        if (std::exchange(m_hasReturn, false)) {
+        if (m_hasReturn) {
             target().text("\r");
         }
-        // That of the last line of base64 belongs to the boundary behind it.
-        if (m_last != LineEnd::none && (isFollowed || !m_endedLine)) {
+        // That of the last line of base64 belongs to the boundary behind it, or to the encoding.
+        const bool isNoText = m_last != LineEnd::none && (isFollowed || !m_endedLine);
+        if (isNoText) {
             target().lineEnd(m_last);
         }
-        target().endPart(isFollowed);
-        m_bits = m_count = 0;
-        m_last = LineEnd::none;
+        target().endPart(isFollowed || isNoText);
     }
 
 private:
@@ -170,12 +169,12 @@ public:
                 m_start += octet;
                 continue;
             }
-            startLine(false);
+            startLine();
             next(octet);
         }
     }
     void lineEnd(LineEnd end) override {
-        startLine(true);
+        startLine();
         const bool isDot = m_held == "." && m_tokens == 1 && m_style == QuotedStyle::dots;
         token(m_held == " " || m_held == "\t" || isDot ? escaped(m_held.front()) : m_held, true);
         m_held.clear();
@@ -184,13 +183,7 @@ public:
         m_column = 0;
         m_atStart = true;
     }
-    void endPart(bool /*isFollowed*/) override {
-        startLine(true);
-        token(m_held, true);
-        m_held.clear();
-        m_column = m_tokens = 0;
-        m_atStart = true;
-    }
+    void endPart(bool /*isFollowed*/) override { lineEnd(LineEnd::none); }
 
 private:
     static std::string escaped(char octet) {
@@ -199,9 +192,9 @@ private:
     }
     [[nodiscard]] bool fits(char octet) const {
         static constexpr std::string_view from = "From ";
-        return m_start.size() < from.size() && m_start + octet == from.substr(0, m_start.size() + 1);
+        return m_start + octet == from.substr(0, m_start.size() + 1);
     }
-    void startLine(bool ends) {
+    void startLine() {
         if (!std::exchange(m_atStart, false)) {
             return;
         }
@@ -213,7 +206,7 @@ private:
                 next(start[at]);
             }
         }
-        m_isFirst = start.empty() && !ends;
+        m_isFirst = start.empty();
     }
     void next(char octet) {
         const auto value = static_cast<unsigned char>(octet);
@@ -265,15 +258,13 @@ public:
             m_held = LineEnd::none;
         }
         putLineEnd();
-        if (m_group.size() % 3 != 0) {
+        if (!m_group.empty()) {
             const std::size_t missing = 3 - m_group.size();
             m_group.append(missing, '\0');
             std::string characters = quartet();
             std::fill(characters.end() - static_cast<long>(missing), characters.end(), '=');
             m_lines.put(characters);
         }
-        m_group.clear();
-        m_lines.restart();
         m_out->end(last);
     }
 

@@ -13,7 +13,7 @@
 
 namespace Norvane::Crypto::SMime::diagnosis {
 
-/// Takes a text.
+/// Takes a text, which ends with the part that it is of.
 class TextSink {
 public:
     TextSink() = default;
@@ -22,12 +22,14 @@ public:
     virtual ~TextSink() = default;
 
     virtual void text(std::string_view octets) = 0;
+    /// \param end none: the text ends within a line
     virtual void lineEnd(LineEnd end) = 0;
-    /// What is held back goes out. \param isFollowed another part follows, to which the last line end belongs
+    /// What is held back goes out. \param isFollowed another part follows, to which the last line end belongs; or that is
+    /// one of the encoding, and none of the text
     virtual void endPart(bool isFollowed) = 0;
 };
 
-/// Takes an encoded part.
+/// Takes one encoded part.
 class TextDecoder {
 public:
     explicit TextDecoder(TextSink& target) : m_target(&target) {}

@@ -36,6 +36,19 @@ std::size_t countOfDigests(const SignedReader& message) {
     return std::clamp<std::size_t>(names.size(), 1, CMS::maximumDigests);
 }
 
+/// Whether a verdict says that the signature is that of the certificate or, where there is something about that, of its key.
+bool isBy(const OpenSigner& open, const SignatureResult& result) {
+    return result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result));
+}
+
+/// The line end of lines that are made.
+LineEnd newLineOf(EndMode mode, const BodyFacts& facts) noexcept {
+    if (mode == EndMode::asIs) {
+        return facts.usual();
+    }
+    return mode == EndMode::lf ? LineEnd::lf : LineEnd::crLf;
+}
+
 } // namespace
 
 Search::Search(const Buffer& structure, const BodySource& body, const DiagnosisOptions& options)
@@ -78,12 +91,8 @@ Diagnosis Search::run() {
 }
 
 Try Search::started(const Recipe* recipe, EndMode mode) const {
-    LineEnd newLine = mode == EndMode::asIs ? m_facts.usual() : LineEnd::crLf;
-    if (mode == EndMode::lf) {
-        newLine = LineEnd::lf;
-    }
     Try one{recipe, mode};
-    one.out = std::make_unique<TryOutput>(m_structure, mode, newLine);
+    one.out = std::make_unique<TryOutput>(m_structure, mode, newLineOf(mode, m_facts));
     one.undoing = recipe == nullptr ? std::make_unique<Undoing>(*one.out) : recipe->undo(*one.out);
     return one;
 }
@@ -154,7 +163,7 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
         const SignatureResult attributes = m_message.verdictOnAttributes(signer);
         if (attributes.verdict == SignatureVerdict::good) {
             open.certificate = attributes.certificate;
-        } else if (attributes.verdict == SignatureVerdict::refused && isAboutCertificate(attributes.reason)) {
+        } else if (isAboutCertificate(attributes.reason)) {
             if (const auto fitting = certificates.find(signer)) {
                 open.certificate = fitting->certificate;
                 if (fitting->finding) {
@@ -166,11 +175,8 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
         if (!isSigned) {
             open.certificate = certificates.named(signer);
         }
-        if (explainDigest(open, signer)) {
+        if (explainDigest(open, signer) || !isSigned) { // else nobody signed any body with this
             return;
-        }
-        if (!isSigned) {
-            return; // nobody signed any body with this
         }
     } else if (isAboutCertificate(result.reason)) {
         if (const auto fitting = certificates.find(signer)) {
@@ -197,20 +203,14 @@ void Search::open(std::size_t index, const SignatureResult& result, CertificateS
 /// Whether the digest is the body's by another algorithm, and the attributes with it were signed.
 bool Search::explainDigest(const OpenSigner& open, const SignedReader::Signer& signer) {
     const auto digest = signer.messageDigest();
-    if (!digest || static_cast<X509*>(open.certificate) == nullptr) {
-        return false;
-    }
+    const bool isAnybodys = digest && static_cast<X509*>(open.certificate) != nullptr;
     const std::string named = signer.digestAlgorithm();
-    for (const std::string& name : m_otherDigests.namesOf(*digest)) {
+    for (const std::string& name : isAnybodys ? m_otherDigests.namesOf(*digest) : std::vector<std::string>()) {
         if (name == named) {
             continue;
         }
         for (const std::string& by : {std::string(), name}) {
-            if (!m_budget.take()) {
-                return false;
-            }
-            const SignatureResult result = m_message.verdictOnAttributes(signer, open.certificate, by);
-            if (result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result))) {
+            if (m_budget.take() && isBy(open, m_message.verdictOnAttributes(signer, open.certificate, by))) {
                 std::string text = "the signer says to have digested the text by ";
                 text.append(named).append(", but the digest that was signed is its ").append(name);
                 std::vector<Finding> findings{
@@ -249,7 +249,7 @@ void Search::tryRecipes(const std::vector<Recipe>& recipes) {
     std::vector<std::pair<const Recipe*, EndMode>> chosen;
     std::size_t left = 0;
     std::uint64_t cost = m_diagnosis.digested;
-    const std::uint64_t each = std::max<std::uint64_t>(m_facts.length, 1) * m_digests;
+    const std::uint64_t each = m_facts.length * m_digests;
     for (const EndMode mode : modes()) {
         for (const Recipe& recipe : recipes) {
             if (cost + each > m_options.budget.digested) {
@@ -293,13 +293,10 @@ void Search::finish(Try& one) {
     }
     ++m_diagnosis.tries;
     m_diagnosis.digested += one.out->length() * m_digests;
-    if (isNew && isAnyOpen()) {
-        one.out->setNewLine(one.mode == EndMode::asIs ? m_facts.usual()
-                                                      : (one.mode == EndMode::lf ? LineEnd::lf : LineEnd::crLf));
+    if (isNew) {
+        one.out->setNewLine(newLineOf(one.mode, m_facts)); // of the first pass it tells what is usual
         one.out->finish(*this);
     }
-    one.undoing.reset();
-    one.out.reset();
 }
 
 bool Search::fits(const SignedReader& message, const OpenSigner& open) {
@@ -312,7 +309,7 @@ bool Search::fits(const SignedReader& message, const OpenSigner& open) {
     if (open.hasAttributes && result.reason != SignatureReason::bodyDiffers) {
         static_cast<void>(m_budget.take());
     }
-    return result.verdict == SignatureVerdict::good || (!open.about.empty() && keyFits(result));
+    return isBy(open, result);
 }
 
 void Search::judge(const SignedReader& message, const EndChange& change) {

@@ -24,7 +24,6 @@ public:
     Base64Rewrapping(LineOutput& out, std::size_t width) : Undoing(out), m_lines(out, width) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
-        putHeldEnd();
         m_isEncoded = part.encoding == TransferEncoding::base64;
         Undoing::header(lines, part);
     }
@@ -157,7 +156,6 @@ public:
     Recoder(LineOutput& out, Recoding recoding) : Undoing(out), m_recoding(std::move(recoding)) {}
 
     void header(const std::vector<HeaderLine>& lines, const PartHeader& part) override {
-        endPart(true);
         if (!concerns(part)) {
             Undoing::header(lines, part);
             return;
@@ -190,42 +188,53 @@ private:
                (m_recoding.fromCharacterSet.empty() || part.characterSet == m_recoding.fromCharacterSet);
     }
     void putHeader(const std::vector<HeaderLine>& lines) {
-        bool isEncoding = false;
+        std::string_view name;
+        bool isCharset = false;
         for (const HeaderLine& line : lines) {
-            const std::string_view name = continues(line.octets) ? std::string_view() : fieldName(line.octets);
-            if (!continues(line.octets)) {
-                isEncoding = sameLetters(name, "Content-Transfer-Encoding");
-            }
-            if (isEncoding && m_recoding.withoutEncodingField) {
-                continue;
+            // A line of blanks ends the block.
+            const bool isContinued =
+                continues(line.octets) && line.octets.find_first_not_of(" \t") != std::string::npos;
+            if (!isContinued) {
+                name = fieldName(line.octets);
             }
             HeaderLine changed = line;
-            if (isEncoding && !name.empty() && !m_recoding.encodingName.empty()) {
-                const std::size_t value = line.octets.find_first_not_of(" \t", name.size() + 1);
-                changed.octets = line.octets.substr(0, value) + m_recoding.encodingName;
-            }
-            if (!m_recoding.toCharacterSet.empty()) {
-                const std::size_t at = smallLetters(changed.octets).find(m_recoding.fromCharacterSet);
-                if (at != std::string::npos) {
-                    changed.octets.replace(at, m_recoding.fromCharacterSet.size(), m_recoding.toCharacterSet);
+            if (sameLetters(name, "Content-Transfer-Encoding")) {
+                // The new value is on the line of the name, whatever the old one was continued by.
+                if (m_recoding.withoutEncodingField || (isContinued && !m_recoding.encodingName.empty())) {
+                    continue;
                 }
+                if (!m_recoding.encodingName.empty()) {
+                    const std::size_t value = line.octets.find_first_not_of(" \t", name.size() + 1);
+                    changed.octets = line.octets.substr(0, value) + m_recoding.encodingName;
+                }
+            } else if (sameLetters(name, "Content-Type") && !m_recoding.toCharacterSet.empty()) {
+                isCharset = putCharacterSet(changed.octets, isContinued && isCharset);
             }
             put(changed);
         }
+    }
+    /// \param isValue the parameter's name stood in the line before, without its value
+    /// \return whether it does so in this one
+    bool putCharacterSet(std::string& line, bool isValue) const {
+        const std::string small = smallLetters(line);
+        const std::size_t name = isValue ? 0 : small.find("charset");
+        const std::size_t value = small.find(m_recoding.fromCharacterSet, name);
+        if (value != std::string::npos) {
+            line.replace(value, m_recoding.fromCharacterSet.size(), m_recoding.toCharacterSet);
+        }
+        return name != std::string::npos && value == std::string::npos;
     }
     void endPart(bool isFollowed) {
         if (m_decoder) {
             m_decoder->endPart(isFollowed);
         }
         m_decoder.reset();
-        m_converter.reset();
-        m_encoder.reset();
     }
 
     Recoding m_recoding;
     std::unique_ptr<TextSink> m_encoder;
     std::unique_ptr<TextSink> m_converter;
-    std::unique_ptr<TextDecoder> m_decoder;
+    std::unique_ptr<TextDecoder> m_decoder; ///< of the part that is passing, if that is encoded anew
 };
 
 } // namespace

@@ -30,8 +30,10 @@ std::string joined(const Field& field, const char* between) {
     return text;
 }
 
-bool isContent(const Field& field) {
-    return smallLetters(field.front().octets).starts_with("content-");
+/// Those of parts that have parameters (RFC 2045, 5.1; RFC 2183, 2): in others a semicolon or "=" is part of the value.
+bool hasParameters(const Field& field) {
+    const std::string_view name = fieldName(field.front().octets);
+    return sameLetters(name, "Content-Type") || sameLetters(name, "Content-Disposition");
 }
 
 /// A text cut at those characters outside quotes, which stay at the ends of what is in front of them.
@@ -55,7 +57,7 @@ enum class Folded : std::uint8_t { each, first, last };
 
 /// \param lead what continued lines begin with
 Field folded(const Field& field, Folded which, const char* lead) {
-    if (!isContent(field)) {
+    if (!hasParameters(field)) {
         return field;
     }
     const std::vector<std::string> parts = cutAt(joined(field, " "), ';');
@@ -91,7 +93,7 @@ Field blanksBehindColon(Field field, const char* blanks) {
 }
 
 Field blanksBehindSemicolons(Field field, const char* blanks) {
-    if (!isContent(field)) {
+    if (!hasParameters(field)) {
         return field;
     }
     for (HeaderLine& line : field) {
@@ -123,9 +125,12 @@ Field named(Field field, HeaderChange change) {
         }
     }
     if (change == HeaderChange::usualNames) {
-        for (const auto& [written, usual] : {std::pair("Mime-", "MIME-"), {"-Id", "-ID"}, {"-Md5", "-MD5"}}) {
-            if (const std::size_t at = name.find(written); at != std::string::npos) {
-                name.replace(at, std::string_view(written).size(), usual);
+        if (const std::size_t at = name.find("Mime-"); at != std::string::npos) {
+            name.replace(at, 4, "MIME");
+        }
+        for (const std::string_view usual : {"-ID", "-MD5"}) {
+            if (smallLetters(name).ends_with(smallLetters(usual))) {
+                name.replace(name.size() - usual.size(), std::string::npos, usual);
             }
         }
     }
@@ -135,7 +140,7 @@ Field named(Field field, HeaderChange change) {
 
 /// Changes the value of each parameter, without the blanks around it.
 template <class Change> Field withValues(Field field, Change change) {
-    if (!isContent(field)) {
+    if (!hasParameters(field)) {
         return field;
     }
     for (HeaderLine& line : field) {

@@ -91,7 +91,8 @@ public:
         if (piece.isOutermost && piece.place == Place::preamble) {
             return;
         }
-        if (piece.isOutermost && piece.place == Place::boundary && !std::exchange(m_isPut, true)) {
+        // The first boundary is one of the outermost.
+        if (piece.place == Place::boundary && !std::exchange(m_isPut, true)) {
             for (const std::string& line : m_lines) {
                 out().put(line);
                 out().newLine();

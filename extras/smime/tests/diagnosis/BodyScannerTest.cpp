@@ -173,6 +173,16 @@ TEST(BodyScannerTest, WhatAHeaderSaysOfItsPart) {
                   "header " + name + " text|Content-Transfer-Encoding:" + value + " LF| LF");
 }
 
+// RFC 2045, 5.1: "text/plain; charset=us-ascii (Plain text)" is that of charset="us-ascii".
+TEST(BodyScannerTest, CommentsInAHeaderSayNothing) {
+    const auto said = [](const std::string& fields) { return partsOf(fields + "\n\n").front(); };
+    EXPECT_EQ(said("Content-Type: text/plain; charset=us-ascii (Plain text)"),
+              "header plain text in us-ascii|Content-Type: text/plain; charset=us-ascii (Plain text) LF| LF");
+    EXPECT_EQ(said("Content-Type: image/png (a; b)"), "header plain|Content-Type: image/png (a; b) LF| LF");
+    EXPECT_EQ(said("Content-Transfer-Encoding: base64 (as ever)"),
+              "header base64 text|Content-Transfer-Encoding: base64 (as ever) LF| LF");
+}
+
 TEST(BodyScannerTest, PartsOfAMultipart) {
     EXPECT_THAT(partsOf("Content-Type: multipart/mixed;\r\n boundary=\"a b\"\r\n\r\n"
                         "before\r\n"
@@ -261,6 +271,24 @@ TEST(BodyScannerTest, LinesLongerThanAPieceComeInPieces) {
     }
 }
 
+// However long a body is, little of it is kept.
+TEST(BodyScannerTest, WhatIsCompleteIsToldAtOnce) {
+    const auto told = [](const std::string& octets) {
+        Recorder recorder;
+        BodyScanner scanner({&recorder});
+        scanner.write(octets);
+        return recorder.said();
+    };
+    EXPECT_THAT(told("x y\r\nz\r\r\n1\r2\r"), ElementsAre("line x y CRLF", "line z CRCRLF", "line 1 CR"));
+    EXPECT_THAT(told("x y\r\nz\r\r"), ElementsAre("line x y CRLF"));
+    EXPECT_THAT(told("A: b\r\n\r\n\r\nx"), ElementsAre("header plain text|A: b CRLF| CRLF", "line  CRLF"));
+    EXPECT_THAT(told(repeated('x', 65536)), IsEmpty()) << "the name of a field may be as long";
+    EXPECT_EQ(told(repeated('x', 65537)).size(), 16U) << "but not longer: it is a line, of which a piece is kept";
+    EXPECT_EQ(told("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: b\n" + repeated('x', 65533)).size(), 3U + 15)
+        << "with the fields in front of it";
+    EXPECT_EQ(told("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: b\n" + repeated('x', 65532)).size(), 2U);
+}
+
 TEST(BodyScannerTest, ALongFirstLineOfAPartComesInPieces) {
     const std::string start = "Content-Type: multipart/mixed; boundary=b\n\n--b\n";
     for (const auto& [length, last] : std::vector<std::pair<std::size_t, std::string>>{{4097, "x"}, {5000, "x*904"}})
@@ -290,6 +318,49 @@ TEST(BodyScannerTest, AMessageInAPartHasAHeaderOfItsOwn) {
         << "neither the part nor the message in it has an empty line behind its header";
 }
 
+// RFC 2046, 5.1.5: there a part is a message unless it names another type.
+TEST(BodyScannerTest, PartsOfADigestAreMessages) {
+    EXPECT_THAT(
+        partsOf("Content-Type: multipart/mixed; boundary=out\n\n"
+                "--out\n"
+                "Content-Type: multipart/digest; boundary=in\n\n"
+                "--in\n\n"
+                "Subject: x\nContent-Type: image/png\n\n"
+                "one\n"
+                "--in\n"
+                "Content-Type: text/plain\n\n"
+                "two\n"
+                "--in\n\n"
+                "Subject: y\n\n"
+                "three\n\nA: b\n\n"
+                "--in--\n"
+                "--out\n\n"
+                "A: b\n"),
+        ElementsAre("header plain multipart|Content-Type: multipart/mixed; boundary=out LF| LF", "boundary* --out LF",
+                    "header plain multipart|Content-Type: multipart/digest; boundary=in LF| LF", "boundary --in LF",
+                    "header plain| LF", "header plain|Subject: x LF|Content-Type: image/png LF| LF", "line one LF",
+                    "boundary --in LF", "header plain text|Content-Type: text/plain LF| LF", "line two LF",
+                    "boundary --in LF", "header plain| LF", "header plain text|Subject: y LF| LF", "line three LF",
+                    "line  LF", "line A: b LF", "line  LF", "boundary --in-- LF", "boundary* --out LF",
+                    "header plain text| LF", "line A: b LF", "finish"));
+}
+
+// RFC 6532, 3.7: a message/global may have any transfer encoding. What is encoded has no header block that could be read.
+TEST(BodyScannerTest, AnEncodedMessageIsNotTakenApart) {
+    for (const auto& [encoding, name] : {std::pair("base64", "base64"), std::pair("quoted-printable", "quoted")}) {
+        const std::string type = "Content-Type: message/global";
+        const std::string field = std::string("Content-Transfer-Encoding: ") + encoding;
+        EXPECT_THAT(partsOf(type + "\n" + field + "\n\nA: b\n\n"),
+                    ElementsAre(std::string("header ") + name + "|" + type + " LF|" + field + " LF| LF", "line A: b LF",
+                                "line  LF", "finish"));
+        EXPECT_EQ(partsOf(field + "\n" + type + "\n\nA: b\n\n").at(1), "line A: b LF");
+    }
+    for (const std::string encoding : {"7bit", "8bit", "binary"})
+        EXPECT_THAT(
+            partsOf("Content-Type: message/global\nContent-Transfer-Encoding: " + encoding + "\n\nA: b\n\n").at(1),
+            "header plain text|A: b LF| LF");
+}
+
 /// How many header blocks there are in it.
 std::size_t headersOf(const std::string& body) {
     const std::vector<std::string> said = scanned(body, body.size());
@@ -302,6 +373,21 @@ TEST(BodyScannerTest, MessagesWithinMessagesAreFollowedDownToTheThirtySecond) {
     for (int depth = 0; depth != 40; ++depth)
         nested += "Content-Type: message/rfc822\n\n";
     EXPECT_EQ(headersOf(nested), 33U);
+}
+
+TEST(BodyScannerTest, MessagesBesideEachOtherAreNoDeeperThanOne) {
+    std::string body = "Content-Type: multipart/mixed; boundary=b\n\n";
+    for (int part = 0; part != 40; ++part)
+        body += "--b\nContent-Type: message/rfc822\n\nA: b\n\n";
+    EXPECT_EQ(headersOf(body), 81U);
+    std::string nested = "Content-Type: message/rfc822\n\n" + body;
+    for (int depth = 0; depth != 40; ++depth)
+        nested += "Content-Type: message/rfc822\n\n";
+    EXPECT_EQ(headersOf(nested), 82U) << "the last of them is text behind its header";
+    nested = "Content-Type: message/rfc822\n\n" + body + "--b\n";
+    for (int depth = 0; depth != 40; ++depth)
+        nested += "Content-Type: message/rfc822\n\n";
+    EXPECT_EQ(headersOf(nested), 82U + 32) << "a message around the multipart, and thirty-one in its last part";
 }
 
 TEST(BodyScannerTest, MultipartsWithinMultipartsAreFollowedDownToTheThirtySecond) {
@@ -319,6 +405,12 @@ TEST(BodyScannerTest, AThousandHeaderBlocksAreRead) {
     EXPECT_EQ(headersOf(body), 1000U);
     const std::vector<std::string> said = scanned(body, body.size());
     EXPECT_THAT(said.at(said.size() - 3), testing::EndsWith(" A: b LF")) << "what is more are lines";
+    for (const std::string first : {"", "--b\n\n"}) {
+        std::string messages = "Content-Type: multipart/mixed; boundary=b\n\n" + first;
+        for (int part = 0; part != 600; ++part)
+            messages += "--b\nContent-Type: message/rfc822\n\nA: b\n\n";
+        EXPECT_EQ(headersOf(messages), 1000U) << "those of messages among them";
+    }
 }
 
 TEST(BodyScannerTest, AHeaderBlockHasSixtyFourKibibytes) {
@@ -364,8 +456,20 @@ TEST(BodyScannerTest, ParametersOfFields) {
     EXPECT_EQ(parameterOf("a=1", "a"), "") << "that is the value";
     EXPECT_EQ(parameterOf("t;a=\"x;y\\\"z\\\\\" tail", "a"), "x;y\"z\\");
     EXPECT_EQ(parameterOf("t;a=\"not ended", "a"), "not ended");
+    EXPECT_EQ(parameterOf("t;a=\"not ended\\\"", "a"), "not ended\"");
     EXPECT_EQ(parameterOf("t;a=\"ends so\\", "a"), "ends so\\");
     EXPECT_EQ(parameterOf("t;ab=1;a=2", "a"), "2");
+    EXPECT_EQ(parameterOf("t;a=1 (one);b=2", "a"), "1") << "a comment";
+    EXPECT_EQ(parameterOf("t;;b=2;", "b"), "2");
+    EXPECT_EQ(parameterOf("t;b=", "b"), "");
+}
+
+// RFC 2045, 5.1: a quoted value may have semicolons in it.
+TEST(BodyScannerTest, WhatIsQuotedIsNoParameter) {
+    EXPECT_EQ(parameterOf("t; name=\"x; b=1\"; b=2", "b"), "2");
+    EXPECT_EQ(parameterOf("t; name=\"x\\\"; b=1\" ; b=\"2;3\"", "b"), "2;3");
+    EXPECT_EQ(parameterOf("t; name=\"x; b=1", "b"), "");
+    EXPECT_EQ(parameterOf("t; name=it\"s; b=2", "b"), "2") << "no quoted string";
 }
 
 } // namespace

@@ -90,6 +90,7 @@ TEST(EncodingsTest, Base64IsDecodedToLines) {
         return decoded(TransferEncoding::base64, octets, isFollowed);
     };
     EXPECT_EQ(text("SGVsbG8="), "Hello");
+    EXPECT_EQ(text(""), "\n") << "the empty line in front, which is no text";
     EXPECT_EQ(text("SGVs\r\nbG8=\r\n"), "Hello\r\n");
     EXPECT_EQ(text("eA0KeQp6\n"), "x\r\ny\nz\n");
     EXPECT_EQ(text("eA0KeQ0K\n"), "x\r\ny\r\n") << "the text ends its last line itself";
@@ -99,16 +100,6 @@ TEST(EncodingsTest, Base64IsDecodedToLines) {
     EXPECT_EQ(text("S-G.V s\tbG8=\n"), "Hello\n") << "RFC 2045, 6.8: other characters are ignored";
     EXPECT_EQ(text("+/+/\n"), "\xFB\xFF\xBF\n");
     EXPECT_EQ(text("AZaz\n"), std::string("\x01\x96\xB3\n"));
-}
-
-TEST(EncodingsTest, ADecoderBeginsEachPartAnew) {
-    Text text;
-    const std::unique_ptr<TextDecoder> decoder = decoderOf(TransferEncoding::base64, text);
-    decoder->piece({.octets = "SGVsbG", .end = LineEnd::lf});
-    decoder->endPart(true);
-    decoder->piece({.octets = "SGVsbG8=", .end = LineEnd::none});
-    decoder->endPart(false);
-    EXPECT_EQ(text.told, "Hell\n|+Hello|");
 }
 
 TEST(EncodingsTest, PlainTextPasses) {
@@ -156,6 +147,8 @@ TEST(EncodingsTest, QuotedPrintableEscapesWhatItMust) {
     EXPECT_EQ(quotedEncoded("From x\n.\n..\n"), "From x\r\n.\r\n..\r\n");
     EXPECT_EQ(quotedEncoded(""), "");
     EXPECT_EQ(quotedEncoded("\n\n"), "\r\n\r\n");
+    EXPECT_EQ(quotedEncoded("x "), "x=20") << "as Python's quopri writes it: a line end may be added behind it";
+    EXPECT_EQ(quotedEncoded("x\n\t"), "x\r\n=09");
 }
 
 // RFC 2045, 6.7, rule 5: no line has more than 76 characters, and "=" of a soft break is one of them.
@@ -176,7 +169,7 @@ TEST(EncodingsTest, LinesOfQuotedPrintableHaveSeventySixCharacters) {
 TEST(EncodingsTest, LoneDotsAndRoomForASoftBreak) {
     const auto with = [](const std::string& text) { return quotedEncoded(text, QuotedStyle::dots); };
     EXPECT_EQ(with(".\n..\n.x\nx.\n"), "=2E\r\n..\r\n.x\r\nx.\r\n");
-    EXPECT_EQ(with("."), ".");
+    EXPECT_EQ(with("."), "=2E") << "as Python's binascii writes it";
     EXPECT_EQ(with("x\n.\n"), "x\r\n=2E\r\n");
     EXPECT_EQ(with("x\ny\n.\n"), "x\r\ny\r\n=2E\r\n");
     EXPECT_EQ(with(times(76, 'x') + "\n"), times(76, 'x') + "\r\n");
@@ -194,26 +187,6 @@ TEST(EncodingsTest, StartsThatRelaysChangeAreEscaped) {
     EXPECT_EQ(with("F\n."), "F\r\n=2E");
     EXPECT_EQ(with("F.\nFr.\n"), "F.\r\nFr.\r\n");
     EXPECT_EQ(with("from x\nFROM x\n"), "from x\r\nFROM x\r\n");
-}
-
-TEST(EncodingsTest, AnEncoderBeginsEachPartAnew) {
-    for (const auto& [style, first] : {std::pair(QuotedStyle::least, "."), {QuotedStyle::starts, "=2E"}}) {
-        Kept out;
-        const std::unique_ptr<TextSink> encoder = encoderOf(TransferEncoding::quotedPrintable, out, style, false);
-        encoder->text(times(70, 'x'));
-        encoder->endPart(true);
-        encoder->text("." + times(60, 'y'));
-        encoder->endPart(false);
-        EXPECT_EQ(out.text, times(70, 'x') + first + times(60, 'y'));
-    }
-    Kept dots;
-    const std::unique_ptr<TextSink> encoder =
-        encoderOf(TransferEncoding::quotedPrintable, dots, QuotedStyle::dots, false);
-    encoder->text("x");
-    encoder->endPart(true);
-    encoder->text(".");
-    encoder->lineEnd(LineEnd::lf);
-    EXPECT_EQ(dots.text, "x=2E\n");
 }
 
 TEST(EncodingsTest, Base64InLinesOfSeventySix) {
@@ -240,17 +213,6 @@ TEST(EncodingsTest, Base64InLinesOfSeventySix) {
     EXPECT_EQ(base64("x\ny\n", false, true), "eAp5Cg==\r\n");
 }
 
-TEST(EncodingsTest, AnEncoderOfBase64BeginsEachPartAnew) {
-    Kept out;
-    const std::unique_ptr<TextSink> encoder = encoderOf(TransferEncoding::base64, out, QuotedStyle::least, false);
-    encoder->text("f");
-    encoder->lineEnd(LineEnd::lf);
-    encoder->endPart(true);
-    encoder->text(times(57, 'x'));
-    encoder->endPart(false);
-    EXPECT_EQ(out.text, "Zg==\neHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4eHh4");
-}
-
 TEST(EncodingsTest, WrappedLines) {
     Kept out;
     LineWrapper lines(out, 4);
@@ -264,6 +226,10 @@ TEST(EncodingsTest, WrappedLines) {
     one.put("abcdef");
     one.put("ghi");
     EXPECT_EQ(whole.text, "abcdefghi");
+}
+
+std::string replacedOnce(std::string text, const std::string& what, const std::string& by) {
+    return text.replace(text.find(what), what.size(), by);
 }
 
 /// A message of one part.
@@ -310,6 +276,18 @@ TEST(EncodingsTest, PartsAreEncodedAnew) {
         << "texts alone";
 }
 
+TEST(EncodingsTest, TheFieldOfTheEncodingIsWrittenAnew) {
+    const Recoding toBase64{.to = TransferEncoding::base64, .encodingName = "base64"};
+    EXPECT_EQ(recoded("Content-Transfer-Encoding:quoted-printable\nX: a\n b\n\nx=3D\n", toBase64),
+              "Content-Transfer-Encoding:base64\nX: a\n b\n\neD0NCg==\n");
+    EXPECT_EQ(recoded("content-transfer-encoding: \n quoted-printable\n \t(folded)\nX: a\n\nx=3D\n", toBase64),
+              "content-transfer-encoding: base64\nX: a\n\neD0NCg==\n")
+        << "the old value goes, on whatever lines it stands";
+    EXPECT_EQ(recoded("Content-Transfer-Encoding: quoted-printable\n \t\nx=3D\n", toBase64),
+              "Content-Transfer-Encoding: base64\n \t\neD0NCg==\n")
+        << "a line of blanks ends the fields";
+}
+
 TEST(EncodingsTest, EachPartOfAMultipartIsEncodedForItself) {
     const std::string start = "Content-Type: multipart/mixed; boundary=b\n\nbefore =3d\n--b\n";
     const std::string body =
@@ -345,8 +323,37 @@ TEST(EncodingsTest, CharacterSetsAreConverted) {
     EXPECT_EQ(recoded(quotedFields + "=C3=A9\n", toLatin),
               "Content-Type: text/plain; charset=ISO-8859-1\nContent-Transfer-Encoding: quoted-printable\n\n=E9\n");
     EXPECT_EQ(recoded(latin + "\xE9\n", toLatin), latin + "\xE9\n") << "another set";
+    const Recoding toUtf8{.fromCharacterSet = "iso-8859-1", .toCharacterSet = "UTF-8"};
+    EXPECT_EQ(recoded(latin + "\xE9\n\xE9", toUtf8), utf8 + "\xC3\xA9\n\xC3\xA9") << "lines of one octet";
+    EXPECT_EQ(recoded(utf8 + "x\xC3", toLatin), latin + "x\xC3") << "half a character at the end";
+    const std::string base64 = "\nContent-Transfer-Encoding: base64\n\n";
+    for (const auto& [before, after] :
+         {std::pair("Y2Fmw6k=\n", "Y2Fm6Q==\n"), {"Y2Fmw6k=", "Y2Fm6Q=="}, {"eMM=", "eMM="}}) {
+        EXPECT_EQ(recoded("Content-Type: text/plain; charset=utf-8" + base64 + before, toLatin),
+                  "Content-Type: text/plain; charset=ISO-8859-1" + base64 + after);
+    }
     EXPECT_EQ(recoded(utf8 + "x\xC3\xA9\n", {.fromCharacterSet = "utf-8", .toCharacterSet = "no-such-set"}),
               "Content-Type: text/plain;\n charset=no-such-set\nContent-Transfer-Encoding: 8bit\n\nx\xC3\xA9\n");
+}
+
+TEST(EncodingsTest, TheCharacterSetIsNamedByItsParameterAlone) {
+    const Recoding toLatin{.fromCharacterSet = "utf-8", .toCharacterSet = "ISO-8859-1"};
+    const auto fields = [](const std::string& type, const std::string& behind = "") {
+        return "Subject: =?utf-8?q?x?=\nContent-Description: charset utf-8\n" + type + "\n" + behind + "\n\xC3\xA9\n";
+    };
+    const auto expect = [&](const std::string& before, const std::string& after, const std::string& behind = "") {
+        EXPECT_EQ(recoded(fields(before, behind), toLatin), replacedOnce(fields(after, behind), "\xC3\xA9", "\xE9"));
+    };
+    expect("Content-Type: text/plain; charset=utf-8; name=utf-8.txt",
+           "Content-Type: text/plain; charset=ISO-8859-1; name=utf-8.txt");
+    expect("Content-Type: text/plain; name=utf-8.txt; charset=utf-8",
+           "Content-Type: text/plain; name=utf-8.txt; charset=ISO-8859-1");
+    expect("Content-Type: text/plain;\n charset=utf-8;\n name=utf-8.txt",
+           "Content-Type: text/plain;\n charset=ISO-8859-1;\n name=utf-8.txt");
+    expect("Content-Type: text/plain; CharSet=\n \"UTF-8\";\n name=utf-8.txt",
+           "Content-Type: text/plain; CharSet=\n \"ISO-8859-1\";\n name=utf-8.txt");
+    expect("Content-Type: text/plain; charset=utf-8", "Content-Type: text/plain; charset=ISO-8859-1",
+           "Content-Disposition: inline; filename=\"charset utf-8\"\nX: y\n utf-8\n");
 }
 
 } // namespace

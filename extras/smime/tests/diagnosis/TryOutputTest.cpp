@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <string>
 #include <vector>
@@ -77,6 +78,7 @@ TEST(EndOfABody, IsTriedWithMoreAndFewerLineEnds) {
     EXPECT_THAT(fitting("a\r\n\r\n", "a\r\n\r\n\r\n\r\n"), ElementsAre("ends less 2, octets 4"));
     EXPECT_THAT(fitting("a\n", "a\n\r"), ElementsAre("ends less 1, octets 1"));
     EXPECT_THAT(fitting("a", "a\r\n\n"), ElementsAre("ends less 2, octets 3"));
+    EXPECT_THAT(fitting("", "\n\n"), ElementsAre("ends less 2, octets 2"));
 }
 
 TEST(EndOfABody, IsTriedWithoutItsLastLines) {
@@ -88,6 +90,7 @@ TEST(EndOfABody, IsTriedWithoutItsLastLines) {
     EXPECT_THAT(fitting("a\r", "a\rx\ry"), ElementsAre("lines less 2, octets 3"));
     EXPECT_THAT(fitting("a\r\n", "a\r\nfo"), ElementsAre("lines less 1, octets 2"));
     EXPECT_THAT(fitting("a", "ab\r\n"), IsEmpty()) << "half a line";
+    EXPECT_THAT(fitting("a", "ab"), IsEmpty());
 }
 
 TEST(EndOfABody, IsTriedForSixtyFourLines) {
@@ -125,6 +128,7 @@ TEST(EndOfABody, IsKeptBackOfALongOne) {
     EXPECT_THAT(fitting(text, text.substr(0, text.size() - 2)), ElementsAre("more 1"));
     const std::string longLine(15000, 'x');
     EXPECT_THAT(fitting(text, text + longLine), ElementsAre("lines less 1, octets 15000"));
+    EXPECT_THAT(fitting(text, text + std::string(40000, 'x')), IsEmpty()) << "of which 16 KB are looked at";
     for (const std::size_t length : {16384U * 2 - 1, 16384U * 2, 16384U * 2 + 1}) {
         const std::string exact = text.substr(0, length - 1) + 'x';
         EXPECT_THAT(fitting(exact, exact + "\r\n"), ElementsAre("ends less 1, octets 2"));
@@ -192,8 +196,21 @@ TEST(OtherDigestsOfABody, AreThoseOfTheLengthsThatAreAskedFor) {
     EXPECT_THAT(digests.namesOf(sha1), ElementsAre("sha1")) << "as often as one likes";
     EXPECT_THAT(digests.namesOf(digestOf("a9993e364706816aba3e25717850c26c")), IsEmpty()) << "the start of one";
     EXPECT_THAT(digests.namesOf(digestOf("a9993e364706816aba3e25717850c26c9cd0d89e")), IsEmpty());
+    EXPECT_THAT(digests.namesOf(digestOf("a9993e364706816aba3e25717850c26c9cd0d89d00000000")), IsEmpty())
+        << "and octets behind it";
     EXPECT_THAT(digests.namesOf(Norvane::Buffer()), IsEmpty());
     EXPECT_EQ(OtherDigests({}).count(), 0U);
+}
+
+// They are a library's: what the caller has in OpenSSL's queue of errors, and marked there, stays.
+TEST(OtherDigestsOfABody, LeaveTheErrorQueueAlone) {
+    ERR_clear_error();
+    ERR_raise(ERR_LIB_USER, 1);
+    const OtherDigests digests({16, 20, 32});
+    EXPECT_EQ(digests.count(), 3U);
+    EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 1);
+    EXPECT_EQ(ERR_pop_to_mark(), 0) << "no mark is left behind";
+    ERR_clear_error();
 }
 
 } // namespace

@@ -99,6 +99,9 @@ TEST(UndoingTest, Base64InLinesOfAnotherLength) {
         EXPECT_EQ(wrapped(fields + "AAAA\n" + other + "\n", 2), fields + "AA\r\nAA\n" + other + "\n") << other;
     }
     EXPECT_EQ(wrapped("\nAAAA\nBBBB\n", 2), "\nAAAA\nBBBB\n") << "not encoded";
+    const std::string longLine = std::string(4096, 'A') + "!";
+    EXPECT_EQ(wrapped(fields + "AAAA\n" + longLine + "\n", 0), fields + "AAAA" + longLine + "\n")
+        << "no line end comes in between, where the end of a long line is no base64";
     const std::string part = "--b\nContent-Transfer-Encoding: base64\n\nAAAA\nBBBB\n--b\n\nCCCC\nDDDD\n--b--\n";
     EXPECT_EQ(
         wrapped(multipart + "AAAA\nAAAA\n" + part + "EEEE\nEEEE\n", 0),
@@ -119,6 +122,8 @@ TEST(UndoingTest, HexDigitsOfQuotedPrintable) {
     EXPECT_EQ(with("x=3D=C3=afABC=AF=FA=ZZ =\nD=A", false), "x=3d=c3=afABC=af=fa=ZZ =\nD=a");
     EXPECT_EQ(with("=g0=`0=G0=@0", true), "=g0=`0=G0=@0");
     EXPECT_EQ(with("=g0=`0=G0=@0", false), "=g0=`0=G0=@0");
+    EXPECT_EQ(with("==3d\n", true), "==3D\n") << "the second of them is one of an octet";
+    EXPECT_EQ(undone("x=3d\n", [](LineOutput& to) { return changeHexDigits(to, true); }), "x=3d\n") << "not encoded";
     const std::string others =
         multipart + "=3d\n--b\n\n=3d\n--b\nContent-Transfer-Encoding: quoted-printable\n\nx\n--b--\n=3d\n";
     EXPECT_EQ(undone(others, [](LineOutput& to) { return changeHexDigits(to, true); }), others);
@@ -146,6 +151,11 @@ TEST(UndoingTest, FieldsOnOtherLines) {
               "Content-Type: text/plain; charset=x;format=\"a;b\\\";\";\r\n\tlast=1");
     EXPECT_EQ(changed(one, HeaderChange::lastParameterFoldedByBlank),
               "Content-Type: text/plain; charset=x;format=\"a;b\\\";\";\r\n last=1");
+    EXPECT_EQ(changed("Content-Type: a; b=\"c\\", HeaderChange::eachParameterFoldedByTab),
+              "Content-Type: a;\r\n\tb=\"c\\")
+        << "nothing is escaped at the end";
+    EXPECT_EQ(changed("Content-Type: a;\n b=c", HeaderChange::firstParameterFoldedByTab), "Content-Type: a;\n\tb=c")
+        << "each line keeps its end, here LF and CR LF";
     EXPECT_EQ(changed("Subject: x; y; z", HeaderChange::eachParameterFoldedByTab), "Subject: x; y; z");
     EXPECT_EQ(changed("Subject: x\r\n  y\r\nTo: a\r\n\t b", HeaderChange::continuedByBlank),
               "Subject: x\r\n y\r\nTo: a\r\n b");
@@ -170,6 +180,10 @@ TEST(UndoingTest, NamesOfFields) {
               "Mime-version: A-b\r\nContent-type: c\r\nContent-id: d\r\nContent-md5: e\r\nX-`{: f");
     EXPECT_EQ(changed("A-Z: Q\r\nzA: w", HeaderChange::smallNames), "a-z: Q\r\nza: w");
     EXPECT_EQ(changed("a-z: Q", HeaderChange::usualNames), "A-Z: Q");
+    EXPECT_EQ(changed("x-identity: a\r\nCONTENT-IDENTIFIER: b\r\nx-md5sum: c\r\nx-mime-autoconverted: d",
+                      HeaderChange::usualNames),
+              "X-Identity: a\r\nContent-Identifier: b\r\nX-Md5sum: c\r\nX-MIME-Autoconverted: d")
+        << "where \"ID\" is a word";
 }
 
 TEST(UndoingTest, ValuesOfParameters) {
@@ -182,8 +196,20 @@ TEST(UndoingTest, ValuesOfParameters) {
     EXPECT_EQ(changed(sets, HeaderChange::capitalCharacterSet), "Content-Type: text/plain; CHARSET=UTF-8; name=Utf-8");
     EXPECT_EQ(changed(sets, HeaderChange::smallCharacterSet), "Content-Type: text/plain; CHARSET=utf-8; name=Utf-8");
     EXPECT_EQ(changed("X-Type: a; b=c", HeaderChange::quoted), "X-Type: a; b=c");
+    EXPECT_EQ(changed("CONTENT-disposition: a; b=c", HeaderChange::quoted), "CONTENT-disposition: a; b=\"c\"");
     EXPECT_EQ(changed("Content-Type: a; b=\"c", HeaderChange::unquoted), "Content-Type: a; b=\"c");
     EXPECT_EQ(changed("Content-Type: a; b=c\"", HeaderChange::unquoted), "Content-Type: a; b=c\"");
+}
+
+// RFC 2045, 7 and 8: the values of these are an identifier and a text, whatever signs are in them.
+TEST(UndoingTest, FieldsWithoutParametersAreLeftAlone) {
+    const std::string fields = "Content-ID: <a=\"b\";c=d@example.org>\r\nContent-Description: a;b=c; d=\"e\"";
+    for (const HeaderChange change :
+         {HeaderChange::quoted, HeaderChange::unquoted, HeaderChange::blankBehindSemicolons,
+          HeaderChange::noBlankBehindSemicolons, HeaderChange::eachParameterFoldedByTab,
+          HeaderChange::firstParameterFoldedByBlank, HeaderChange::lastParameterFoldedByTab}) {
+        EXPECT_EQ(changed(fields, change), fields) << static_cast<int>(change);
+    }
 }
 
 // An mbox line in front of the fields is none; what stands there stays.
