@@ -71,7 +71,7 @@ TEST_F(SmimePeopleTest, TakesSignsInNamesAndRemarksForWhatTheyAre) {
     }
     for (const char* const to : {"bob@example.com@evil.example", "bob@@example.com", "<bob@example.com@evil.example>",
                                  "Bob <bob@example.com>@evil.example", "x@bob@example.com, bob@example.com",
-                                 "alice@example.com bob@example.com"}) {
+                                 "alice@example.com bob@example.com", "bob@example.com (x", "bob@example.com \"x"}) {
         EXPECT_EQ(refusalOf(std::string("To: ") + to + "\n" + m_body, {m_encrypting}),
                   std::string("To, Cc or Bcc of the message have what is no address: ") + to);
         EXPECT_EQ(refusalOf(std::string("From: ") + to + "\n" + m_body, {m_signing}),
