@@ -19,6 +19,12 @@ TEST(AddressItems, AreCounted) {
              {"nobody", 0},
              {"a@b", 1},
              {"a@b, c@d", 2},
+             {"a@b, c@d; e@f", 3},
+             {"g: a@b, <c@d>;", 2},
+             {"\"a<b\" <c@d>", 1},
+             {"(\" x@y) a@b", 1},
+             {"a@[1],b@c", 2},
+             {"a@[1", 1},
              {"a@b,", 1},
              {",a@b,,c@d", 2},
              {"a@b; c@d", 2},
@@ -52,7 +58,6 @@ TEST(AddressItems, AreNotClearWhereSomethingIsNotClosedOrStandsTwice) {
           "a@b>",  "<a@b",        "<a@b, c@d>", "<@a,@b:c@d>", "(a@b",      "a@b (c",      "a@b ((c)",
           "\"a@b", "a@b \"c\\\"", "c@d, <a@b",  "a@b [c@d]",   "a@[b, c@d", "<a@[b",       "<a@[b]:c>"})
         EXPECT_EQ(countAddresses(value), std::nullopt) << value;
-    EXPECT_NE(countAddresses("a@[b"), 0U) << "left out by nobody";
 }
 
 } // namespace
