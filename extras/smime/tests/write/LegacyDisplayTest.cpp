@@ -88,6 +88,8 @@ TEST(SmimeLegacyElementTest, IsOneShortLineForTheSubject) {
     EXPECT_EQ(hidden(""), "");
     EXPECT_EQ(hidden("a\r\n b"), "Subject: a b\r\n");
     EXPECT_EQ(hidden("=?utf-8?q?a=01=7F=0Ab=1F=20~=C3=A4?="), "Subject: a   b  ~\xc3\xa4\r\n");
+    EXPECT_EQ(hidden("caf\xc3\xa9"), "Subject: caf\xc3\xa9\r\n");
+    EXPECT_EQ(hidden("caf\xe9"), "Subject: caf\xc3\xa9\r\n") << "as the field inside is written";
     EXPECT_EQ(hidden(std::string(1000, 'x')), "Subject: " + std::string(1000, 'x') + "\r\n");
     EXPECT_EQ(hidden(std::string(1001, 'x')), "");
 }

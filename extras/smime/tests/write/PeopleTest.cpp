@@ -101,6 +101,17 @@ TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
               "there is nobody to sign: no signer was given, and no store to find the sender in");
 }
 
+/// The writer of signatures tells which of several it is.
+TEST_F(SmimePeopleTest, SignersHaveAKeyAndACertificate) {
+    for (const bool isPair : {false, true}) {
+        SMime::SignOptions options = signedBy({&person("alice")});
+        options.signers.emplace_back(NVX509::KeyCertificatePair(isPair));
+        const Exception thrown = norvtest::thrownBy([&] { wrapped(m_body, {options}); });
+        EXPECT_EQ(thrown.where(), "CMS::SignedWriter");
+        EXPECT_THAT(norvtest::detailOf(thrown), testing::StartsWith("signer 2: "));
+    }
+}
+
 TEST_F(SmimePeopleTest, EncryptsToAllWhomTheMessageNames) {
     const std::string sent = wrapped("From: alice@example.com\nTo: Group: bob@example.com, Bob <bob@example.com>;\n"
                                      "Cc: carol@example.com,\n" +
