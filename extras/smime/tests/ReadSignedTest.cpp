@@ -27,6 +27,8 @@ TEST(SMimeRead, MultipartSignedOnTheWire) {
     EXPECT_EQ(layer.form, SMime::SignedForm::asTheyStand);
     EXPECT_EQ(layer.micalg, "sha-256");
     ASSERT_EQ(layer.signers.size(), 1U);
+    EXPECT_EQ(layer.signers[0].identifier,
+              CMS::CertificateIdentifier(x509testing::read(alice()), CMS::NamedBy::issuerAndSerialNumber).asString());
     EXPECT_EQ(layer.signers[0].digestAlgorithm, "sha256");
     EXPECT_TRUE(layer.signers[0].signingTime);
     EXPECT_EQ(layer.certificates.size(), 1U);

@@ -36,6 +36,10 @@ TEST(SMimeSigners, TheCallersCertificatesAreUsedWhereAMessageHasNone) {
     EXPECT_TRUE(resultOf(outcome).certificate == x509testing::read(alice()));
     options.certificates = {x509testing::read(bob())};
     EXPECT_EQ(resultOf(outcomeOf(mail, options)).reason, CMS::SignatureReason::certificateMissing);
+    // One that only has the name does not stand in the way of that in the message.
+    options.certificates = {namedLikeAlice(1)};
+    EXPECT_EQ(resultOf(outcomeOf(fieldsOfAlice + signedBy(alice(), plainEntity, detached), options)).verdict,
+              CMS::SignatureVerdict::good);
 }
 
 TEST(SMimeSigners, ACertificateInTheMessageCountsForNothingWhereTheCallersAloneDo) {

@@ -193,7 +193,8 @@ TEST(SmimeTextTraitsTest, CountsLinesOfEveryLengthBehindEqualOnes) {
 /// Wherever a piece ends, what lies in memory behind it and in front of it is none of the text.
 TEST(SmimeTextTraitsTest, SeesNothingAroundItsPieces) {
     const std::string line = std::string(20, 'a') + "\r\n";
-    const std::string text = line + line + "\r\n\n" + line + "b";
+    const std::string odd = std::string(30, 'a') + '\x7f' + std::string(20, 'b') + '\n';
+    const std::string text = line + line + "\r\n\n" + odd + line + "b";
     for (std::size_t from = 0; from <= text.size(); ++from) {
         for (std::size_t cut = from; cut <= text.size(); ++cut) {
             TextTraits pieces;
