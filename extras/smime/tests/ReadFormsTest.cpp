@@ -137,6 +137,9 @@ TEST(SMimeRead, StructuresInEveryTransferEncoding) {
           {"base64", base64},
           {"x-unheard-of", base64},
           {"7bit", "\r\n\r\n" + base64},
+          {"7bit", "\n" + base64},
+          {"7bit", "\n\r\n" + base64},
+          {"7bit", std::string(1001, '\n') + base64},
           {"quoted-printable", base64.substr(0, base64.find('='))},
           {"base64", "\r\n-----BEGIN PKCS7-----\r\n" + base64 + "-----END PKCS7-----\r\n"}}) {
         const Outcome outcome = read(word, body);

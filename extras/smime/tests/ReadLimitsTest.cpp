@@ -161,6 +161,53 @@ TEST(SMimeLimits, BoundariesHaveTwoHundredOctets) {
     }
 }
 
+// What is read twice lies in memory as long as it is short.
+TEST(SMimeLimits, SixtyFourKilobytesAreKeptInMemory) {
+    SMime::ReadOptions options;
+    options.spillTemplate = "/nonexistent/fileXXXXXX";
+    const std::string start = "Content-Type: text/plain\r\n\r\n";
+    for (const std::size_t length : {65536U, 65537U}) {
+        const std::string entity = start + std::string(length - start.size(), 'x');
+        const std::string mail = fieldsOfAlice + signedBy(alice(), entity, detached);
+        Norvane::MemoryMediaOut content;
+        const auto read = [&] { return SMime::read(Norvane::MemoryMediaIn(mail), content, options); };
+        if (length == 65536)
+            EXPECT_EQ(read().verdict, Verdict::signatureGood);
+        else
+            EXPECT_THROW(read(), Norvane::MediaException);
+    }
+}
+
+TEST(SMimeLimits, ThirtyTwoSignersAreJudged) {
+    const auto material = std::make_shared<Norvane::Crypto::Trust::Material>();
+    material->addAnchor(x509testing::read(interop::root()));
+    const Norvane::Crypto::Trust::Verifier verifier(material);
+    SMime::ReadOptions options;
+    options.trust = &verifier;
+    std::list<norvauthority::Identity> eleven;
+    std::vector<const norvauthority::Identity*> signers;
+    for (int number = 0; number != 11; ++number) {
+        eleven.push_back(norvauthority::issue({.subject = {{"CN", "one of eleven"}},
+                                               .key = alice().key,
+                                               .issuer = &interop::root(),
+                                               .serial = std::to_string(100 + number)}));
+        signers.push_back(&eleven.back());
+    }
+    const std::string part = "--b\r\n" + signedBy(signers, plainEntity, detached) + "\r\n";
+    const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Type: multipart/mixed; boundary=b\r\n\r\n" + part +
+                                          part + part + "--b--\r\n",
+                                      options);
+    std::size_t judged = 0;
+    for (const SMime::Layer& layer : outcome.answer.layers) {
+        EXPECT_EQ(layer.signers.size(), 11U);
+        for (const SMime::LayerSigner& signer : layer.signers) {
+            EXPECT_EQ(signer.result.verdict, CMS::SignatureVerdict::good);
+            judged += signer.trust ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(judged, 32U);
+}
+
 TEST(SMimeLimits, AHundredNamesOfFieldsOutsideAreTold) {
     const std::string entity = "X-Inside: 1\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
     std::string outside;

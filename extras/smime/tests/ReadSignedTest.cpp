@@ -27,6 +27,8 @@ TEST(SMimeRead, MultipartSignedOnTheWire) {
     EXPECT_EQ(layer.form, SMime::SignedForm::asTheyStand);
     EXPECT_EQ(layer.micalg, "sha-256");
     ASSERT_EQ(layer.signers.size(), 1U);
+    EXPECT_EQ(layer.signers[0].identifier,
+              CMS::CertificateIdentifier(x509testing::read(alice()), CMS::NamedBy::issuerAndSerialNumber).asString());
     EXPECT_EQ(layer.signers[0].digestAlgorithm, "sha256");
     EXPECT_TRUE(layer.signers[0].signingTime);
     EXPECT_EQ(layer.certificates.size(), 1U);
@@ -128,6 +130,51 @@ TEST(SMimeRead, MessagesOfOlderPrograms) {
     const Outcome outcome = outcomeOf(written(made, 0));
     EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
     EXPECT_EQ(outcome.content, plainEntity);
+}
+
+/// A detached signature in which alice signs one form of a text, and bob the other.
+std::string signedInTwoForms(const std::string& byAlice, const std::string& byBob) {
+    const auto made = [](const Identity& signer, const std::string& text) {
+        const Bio content = sourceOf(text);
+        return norvauthority::Pkcs7Ptr(PKCS7_sign(signer.certificate.x509().get(), signer.key.get(), nullptr,
+                                                  content.get(), PKCS7_BINARY | PKCS7_DETACHED));
+    };
+    const norvauthority::Pkcs7Ptr both = made(alice(), byAlice);
+    const norvauthority::Pkcs7Ptr other = made(bob(), byBob);
+    PKCS7_add_certificate(both.get(), bob().certificate.x509().get());
+    sk_PKCS7_SIGNER_INFO_push(both->d.sign->signer_info, sk_PKCS7_SIGNER_INFO_pop(other->d.sign->signer_info));
+    const Bio out(BIO_new(BIO_s_mem()));
+    EXPECT_EQ(i2d_PKCS7_bio(out.get(), both.get()), 1);
+    ERR_clear_error();
+    return textOf(out.get());
+}
+
+// Where a signature fits no other form is tried, and that of another signer is wrong. Which form comes first depends on whether
+// there are CRLFs.
+TEST(SMimeRead, TheFirstFormThatASignatureFitsIsTheOne) {
+    for (const std::string text :
+         {"Content-Type: text/plain\n\none\ntwo\n", "Content-Type: text/plain\r\n\r\none\ntwo\r\n"}) {
+        const bool hasCrLf = text.find('\r') != std::string::npos;
+        std::string canonical;
+        for (const char octet : withLf(text))
+            canonical += octet == '\n' ? "\r\n" : std::string(1, octet);
+        for (const bool isAliceCanonical : {false, true}) {
+            const std::string signature =
+                isAliceCanonical ? signedInTwoForms(canonical, text) : signedInTwoForms(text, canonical);
+            const Outcome outcome =
+                outcomeOf(fieldsOfAlice + "Content-Type: multipart/signed; boundary=s\r\n\r\n--s\r\n" + text +
+                          "\r\n--s\r\nContent-Type: application/pkcs7-signature\r\n"
+                          "Content-Transfer-Encoding: binary\r\n\r\n" +
+                          signature + "\r\n--s--\r\n");
+            EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+            const SMime::Layer& layer = outcome.answer.layers.at(0);
+            EXPECT_EQ(layer.form, hasCrLf ? SMime::SignedForm::asTheyStand : SMime::SignedForm::canonical);
+            ASSERT_EQ(layer.signers.size(), 2U);
+            const bool isAliceRight = hasCrLf != isAliceCanonical;
+            EXPECT_EQ(layer.signers[isAliceRight ? 0 : 1].result.verdict, CMS::SignatureVerdict::good);
+            EXPECT_EQ(layer.signers[isAliceRight ? 1 : 0].result.verdict, CMS::SignatureVerdict::refused);
+        }
+    }
 }
 
 // Another Content-Type beside the one that was judged: some show the one, some the other.

@@ -36,6 +36,10 @@ TEST(SMimeSigners, TheCallersCertificatesAreUsedWhereAMessageHasNone) {
     EXPECT_TRUE(resultOf(outcome).certificate == x509testing::read(alice()));
     options.certificates = {x509testing::read(bob())};
     EXPECT_EQ(resultOf(outcomeOf(mail, options)).reason, CMS::SignatureReason::certificateMissing);
+    // One that only has the name does not stand in the way of that in the message.
+    options.certificates = {namedLikeAlice(1)};
+    EXPECT_EQ(resultOf(outcomeOf(fieldsOfAlice + signedBy(alice(), plainEntity, detached), options)).verdict,
+              CMS::SignatureVerdict::good);
 }
 
 TEST(SMimeSigners, ACertificateInTheMessageCountsForNothingWhereTheCallersAloneDo) {
@@ -94,6 +98,21 @@ TEST(SMimeSigners, WhyASignatureIsRefusedIsExplainedForTheFirst) {
     EXPECT_EQ(first.result.verdict, CMS::SignatureVerdict::refused); // it changes no verdict
     EXPECT_EQ(outcome.answer.layers[1].status, LayerStatus::signatureWrong);
     EXPECT_FALSE(outcome.answer.layers[1].signers.at(0).explanation);
+}
+
+// A certificate of more than a megabyte: what is explained is no longer, and the verdict is the same.
+TEST(SMimeSigners, WhyALongSignatureIsRefusedIsNotExplained) {
+    const norvauthority::Identity large =
+        norvauthority::issue({.subject = {{"CN", "large"}},
+                              .key = alice().key,
+                              .issuer = &interop::root(),
+                              .extensions = {{.oid = "1.2.3.4", .value = norvauthority::Bytes(1100000, 0x00)}}});
+    const std::string changed = replaced(signedBy(large, plainEntity, detached), "yours\r\n", "yours\r\n\r\n");
+    SMime::ReadOptions options;
+    options.explain = true;
+    const Outcome outcome = outcomeOf(fieldsOfAlice + changed, options);
+    EXPECT_EQ(outcome.answer.layers.at(0).status, LayerStatus::signatureWrong) << outcome.answer.detail;
+    EXPECT_FALSE(outcome.answer.layers[0].signers.at(0).explanation);
 }
 
 /// A multipart/signed with another second part.

@@ -80,6 +80,7 @@ TEST(SMimeRead, CertificatesAlone) {
     EXPECT_EQ(outcome.answer.verdict, Verdict::certificates) << outcome.answer.detail;
     EXPECT_EQ(outcome.answer.layers.front().certificates.size(), 2U);
     EXPECT_EQ(outcome.answer.layers.front().detail, "");
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("certificates-only 1 good"));
     EXPECT_EQ(outcome.content, "");
 }
 

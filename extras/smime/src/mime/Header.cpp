@@ -8,10 +8,6 @@ namespace {
 
 constexpr std::string_view blanks = " \t\r\n";
 
-char lowered(char letter) noexcept {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
 /// Where the name of a field ends; `npos` when the line is none: no colon, nothing in front of it, or blanks and control
 /// bytes within the name.
 std::size_t colonOf(std::string_view line) {
@@ -27,6 +23,16 @@ std::size_t colonOf(std::string_view line) {
 }
 
 } // namespace
+
+char lowered(char letter) noexcept {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::ranges::transform(result, result.begin(), [](char letter) { return lowered(letter); });
+    return result;
+}
 
 bool isSameName(std::string_view left, std::string_view right) noexcept {
     return std::ranges::equal(left, right, [](char a, char b) { return lowered(a) == lowered(b); });

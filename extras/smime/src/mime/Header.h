@@ -61,6 +61,9 @@ private:
 /// field ("From ..." of a mailbox file) and any other that is no field is kept as one without a name.
 [[nodiscard]] HeaderEnd readHeader(Octets& from, const HeaderLimits& limits, Header& header);
 
+/// ASCII letters in lower case, all else as it is.
+[[nodiscard]] char lowered(char letter) noexcept;
+[[nodiscard]] std::string lowered(std::string_view text);
 /// Equal without regard to the case of ASCII letters.
 [[nodiscard]] bool isSameName(std::string_view left, std::string_view right) noexcept;
 

@@ -11,13 +11,8 @@ namespace Norvane::Crypto::SMime::mime {
 
 namespace {
 
-std::string lowered(const char* text) {
-    std::string result = text == nullptr ? "" : text;
-    for (char& letter : result) {
-        if (letter >= 'A' && letter <= 'Z')
-            letter = static_cast<char>(letter - 'A' + 'a');
-    }
-    return result;
+std::string textOf(const char* text) {
+    return text == nullptr ? "" : text;
 }
 
 /// The options under which unquoted values with blanks and signs are read as their senders meant them.
@@ -32,9 +27,9 @@ GmimeOptions lenient() {
 class Parameters {
 public:
     explicit Parameters(GMimeParamList* list) : m_list(list) {}
-    [[nodiscard]] const char* find(const char* name) const {
+    [[nodiscard]] std::string find(const char* name) const {
         GMimeParam* found = at(name);
-        return found == nullptr ? "" : g_mime_param_get_value(found);
+        return textOf(found == nullptr ? nullptr : g_mime_param_get_value(found));
     }
     /// Whether two of them may be read as one or the other.
     [[nodiscard]] bool stands(const char* name) const { return at(name) != nullptr; }
@@ -172,8 +167,8 @@ ContentType contentTypeOf(const Header& header) {
     const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), inOrder.c_str()));
     if (!parsed)
         return result;
-    result.type = lowered(g_mime_content_type_get_media_type(parsed.get()));
-    result.subtype = lowered(g_mime_content_type_get_media_subtype(parsed.get()));
+    result.type = lowered(textOf(g_mime_content_type_get_media_type(parsed.get())));
+    result.subtype = lowered(textOf(g_mime_content_type_get_media_subtype(parsed.get())));
     const Parameters parameters(g_mime_content_type_get_parameters(parsed.get()));
     if (parameters.stands("boundary"))
         result.boundary = boundaryOf(inOrder);
@@ -205,7 +200,7 @@ std::string fileNameOf(const Header& header, const ContentType& type) {
 }
 
 std::string transferWordOf(const Header& header) {
-    std::string value = lowered(header.first("Content-Transfer-Encoding").value_or("").c_str());
+    std::string value = lowered(header.first("Content-Transfer-Encoding").value_or(""));
     value.erase(std::min(value.find_first_of(" \t;("), value.size()));
     return value;
 }

@@ -8,19 +8,11 @@
 namespace Norvane::Crypto::SMime {
 
 using mime::Header;
+using mime::lowered;
 
 namespace {
 
 constexpr std::size_t maximumOutsideOnly = 100;
-
-std::string lowered(std::string_view name) {
-    std::string result(name);
-    for (char& letter : result) {
-        if (letter >= 'A' && letter <= 'Z')
-            letter = static_cast<char>(letter - 'A' + 'a');
-    }
-    return result;
-}
 
 /// A value for people and for comparison: relays fold lines anew, and encode words in another way.
 std::string comparable(const std::string& value) {

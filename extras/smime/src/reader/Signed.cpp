@@ -194,7 +194,6 @@ bool judgeForm(Session& session, std::size_t index, const Detached& detached, Si
     const SignedReader reader(detached.signature.in());
     Layer& layer = session.layer(index);
     if (!reader.isDetached()) {
-        layer.status = LayerStatus::damaged;
         layer.detail = "the signature of a multipart/signed carries a content of its own";
         return true;
     }

@@ -217,7 +217,6 @@ void handOn(Session& session, const KeptOctets& kept, const Place& place) {
     const bool isWrapped = session.answer.headers.scheme == HeaderScheme::wrapped;
     if (isWrapped && session.answer.contentPath == place.part(1).path) {
         octets = mime::decoded(octets, mime::transferOf(entity));
-        entity = Header();
         static_cast<void>(mime::readHeader(*octets, limits, entity));
         session.answer.deliveredPath = session.answer.contentPath;
         writeHeader(session, entity, HeaderScheme::wrapped, entity);
@@ -272,11 +271,9 @@ void tellFailure(Layer& layer, const Exception& failure) {
     layer.detail = detail.empty() ? failure.where() : detail;
     const bool isCostly =
         dynamic_cast<const TooCostlyException*>(&failure) != nullptr || detail.starts_with("more than ");
-    layer.status = LayerStatus::damaged;
-    if (isCostly)
-        layer.status = LayerStatus::tooCostly;
-    else if (detail.starts_with("unsupported"))
-        layer.status = LayerStatus::unsupported;
+    layer.status = isCostly                            ? LayerStatus::tooCostly
+                   : detail.starts_with("unsupported") ? LayerStatus::unsupported
+                                                       : LayerStatus::damaged;
 }
 
 SharedOctets structureOctets(const SharedOctets& body, mime::Transfer transfer) {

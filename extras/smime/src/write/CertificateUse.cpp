@@ -29,10 +29,10 @@ public:
 std::string isoTime(const ASN1_TIME* time) {
     std::tm parts{};
     std::array<char, 32> text{};
-    if (ASN1_TIME_to_tm(time, &parts) != 1 ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+    if (ASN1_TIME_to_tm(time, &parts) != 1) {
         return "a time that cannot be read";
     }
+    static_cast<void>(std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts));
     return text.data();
 }
 
@@ -108,6 +108,7 @@ std::optional<Hasher::Type> suitableDigest(const NVX509::RefCertificate& certifi
 }
 
 bool hasRsaKey(const NVX509::RefCertificate& certificate) {
+    const QuietQuestion quiet;
     return isRsa(certificate);
 }
 

@@ -42,12 +42,11 @@ void fold(std::string_view line, std::string& out) {
     while (line.size() > ourLine) {
         // Not within the blanks of the start: a line of blanks alone ends a header for some.
         const std::size_t from = std::min(line.find_first_not_of(" \t"), line.size());
-        std::size_t at = line.find_last_of(" \t", ourLine);
-        at = at == std::string_view::npos ? at : line.find_last_not_of(" \t", at) + 1; // all blanks go to the next line
-        if (at == std::string_view::npos || at <= from) {
-            at = line.find_first_of(" \t", from);
-        }
-        if (at == std::string_view::npos || line.find_first_not_of(" \t", at) == std::string_view::npos) {
+        const std::size_t blank = line.find_last_of(" \t", ourLine);
+        // All blanks go to the next line.
+        const std::size_t last = blank == std::string_view::npos ? blank : line.find_last_not_of(" \t", blank);
+        const std::size_t at = last == std::string_view::npos ? line.find_first_of(" \t", from) : last + 1;
+        if (line.find_first_not_of(" \t", at) == std::string_view::npos) {
             break;
         }
         out.append(line.substr(0, at)).append("\r\n");
@@ -83,14 +82,15 @@ std::string withCrLf(const char* text) {
 
 /// A text without what may come and go when a field is encoded.
 std::string bare(std::string text) {
-    std::erase_if(text, [](char byte) { return byte == '"' || byte == '\\' || (byte >= 0 && byte <= ' '); });
+    std::erase_if(text,
+                  [](char byte) { return byte == '"' || byte == '\\' || static_cast<unsigned char>(byte) <= ' '; });
     return text;
 }
 
 /// Whether a field that GMime encoded still says all of its value: of what it cannot read it leaves parts out.
 bool saysAll(const std::string& field, const std::string& name, const std::string& value) {
-    const mime::GmimeText decoded(g_mime_utils_header_decode_text(nullptr, field.substr(name.size() + 1).c_str()));
-    return bare(decoded.get()) == bare(value);
+    const mime::GmimeText decoded(g_mime_utils_header_decode_text(nullptr, field.c_str()));
+    return bare(decoded.get()) == bare(name + ':' + value);
 }
 
 /// The field as GMime writes it: each in the way of its kind.
@@ -223,6 +223,13 @@ std::string innerField(std::string_view name, std::string_view value, const std:
 std::string withParameter(std::string field, std::string_view parameter) {
     field.erase(field.find_last_not_of(" \t\r\n;") + 1);
     return field.append(";\r\n ").append(parameter).append("\r\n");
+}
+
+mime::Header readAgain(const std::string& field) {
+    mime::MemoryOctets octets(field);
+    mime::Header header;
+    static_cast<void>(mime::readHeader(octets, {field.size()}, header));
+    return header;
 }
 
 } // namespace Norvane::Crypto::SMime::writing

@@ -3,6 +3,8 @@
 /// \file
 /// Header fields as they are written: lines end with CRLF.
 
+#include "mime/Header.h"
+
 #include <string>
 #include <string_view>
 
@@ -30,6 +32,9 @@ std::string newField(std::string_view name, std::string_view value);
 
 /// A field with a parameter added behind all of its own.
 std::string withParameter(std::string field, std::string_view parameter);
+
+/// A field that was written, as readers find it.
+mime::Header readAgain(const std::string& field);
 
 /// Bytes as UTF-8: what is none is read as ISO-8859-1, in which each byte is a character.
 std::string asUtf8(std::string_view bytes);

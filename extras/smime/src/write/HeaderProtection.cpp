@@ -82,7 +82,8 @@ DividedHeader dividedWithProtection(const mime::Header& header, bool encrypts) {
         const std::string shown = encrypts ? hidden(name, text) : text;
         result.outside += shown;
         if (encrypts && !shown.empty()) {
-            outer += "HP-Outer: " + shown;
+            outer +=
+                innerField("HP-Outer", ' ' + shown, "the message"); // its first line is longer than that of the field
         }
     }
     result.inside += outer;

@@ -13,10 +13,6 @@ namespace Norvane::Crypto::SMime::writing {
 
 namespace {
 
-bool isAscii(std::string_view text) {
-    return std::ranges::all_of(text, [](char byte) { return byte >= 0; });
-}
-
 std::string escaped(std::string_view text) {
     std::string out;
     for (const char c : text) {
@@ -109,10 +105,10 @@ private:
 std::string hiddenFieldsOf(const mime::Header& header) {
     constexpr std::size_t longest = 1000; // it stands in each alternative of the text
     std::string text = mime::decodedText(header.first("Subject").value_or(""));
-    constexpr char firstOfText = ' ';
+    constexpr unsigned char firstOfText = ' ';
     constexpr char del = '\x7f';
     std::ranges::replace_if(
-        text, [](char c) { return (c >= 0 && c < firstOfText) || c == del; }, ' ');
+        text, [](char c) { return static_cast<unsigned char>(c) < firstOfText || c == del; }, ' ');
     return text.empty() || text.size() > longest ? std::string() : "Subject: " + text + "\r\n";
 }
 
@@ -129,24 +125,22 @@ LegacyDisplay legacyDisplayOf(const mime::Header& header, const mime::ContentTyp
         element = "<div class=\"header-protection-legacy-display\"><pre>" + lines + "</pre></div>\r\n";
     }
     const bool isOfAscii = type.characterSet.empty() || type.characterSet == "us-ascii";
-    legacy.becomesUtf8 = isOfAscii && !isAscii(element);
-    mime::startGmime();
+    legacy.becomesUtf8 = isOfAscii && !isSevenBit(element);
     legacy.element = isOfAscii || type.characterSet == "utf-8" ? element : converted(element, type.characterSet);
     return legacy;
 }
 
 void BodyTag::step(char c) {
-    const char letter = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     constexpr std::string_view wanted = "<body";
     constexpr std::string_view remark = "<!--";
     switch (m_state) {
     case State::text:
     case State::opened:
         m_name = m_state == State::text || c == '<' ? "" : m_name;
-        m_name += letter;
+        m_name += mime::lowered(c);
         m_state = wanted.starts_with(m_name) || remark.starts_with(m_name) ? State::opened : State::text;
         m_state = m_name == wanted ? State::named : m_name == remark ? State::comment : m_state;
-        m_dashes = 0;
+        m_dashes = 2; // those of "<!--" may end the remark, too: "<!-->" is a whole one
         break;
     case State::named:
         m_quote = 0;
@@ -191,25 +185,19 @@ MediaOut withElement(const MediaOut& target, const LegacyDisplay& legacy) {
 }
 
 std::string legacyType(const std::string& field, const LegacyDisplay& legacy) {
-    const auto read = [](const std::string& text) {
-        mime::MemoryOctets octets(text);
-        mime::Header header;
-        static_cast<void>(mime::readHeader(octets, {text.size(), 1}, header));
-        return header;
-    };
     std::string changed = field;
-    const mime::ContentType before = mime::contentTypeOf(read(field));
+    const mime::ContentType before = mime::contentTypeOf(readAgain(field));
     if (legacy.becomesUtf8 && before.characterSet.empty()) {
         changed = withParameter(changed, "charset=utf-8");
     } else if (legacy.becomesUtf8) {
         const mime::GmimeObject<GMimeContentType> parsed(
-            g_mime_content_type_parse(nullptr, read(field).first("Content-Type").value_or("").c_str()));
+            g_mime_content_type_parse(nullptr, readAgain(field).first("Content-Type").value_or("").c_str()));
         g_mime_content_type_set_parameter(parsed.get(), "charset", "utf-8");
         const mime::GmimeText text(g_mime_content_type_encode(parsed.get(), nullptr));
         changed = innerField("Content-Type", std::string(" ") + (text ? text.get() : ""), "the message");
     }
     changed = withParameter(changed, "hp-legacy-display=\"1\"");
-    const mime::ContentType after = mime::contentTypeOf(read(changed));
+    const mime::ContentType after = mime::contentTypeOf(readAgain(changed));
     const bool isRead = after.hpLegacyDisplay == "1" && after.text() == before.text() &&
                         after.boundary == before.boundary && (!legacy.becomesUtf8 || after.characterSet == "utf-8");
     return isRead ? changed : std::string();

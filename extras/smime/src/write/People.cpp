@@ -4,6 +4,7 @@
 #include "mime/Gmime.h"
 #include "write/CertificateUse.h"
 #include "write/Fail.h"
+#include "write/Fields.h"
 
 #include <norvcrypto-trust/TrustSender.h>
 
@@ -16,21 +17,6 @@ namespace {
 
 /// GMime goes down a level of the stack for each group that begins within another one, which no sound field does.
 constexpr std::ptrdiff_t mostColons = 1000;
-
-/// "a@b@c": GMime stops in front of the second "@", and another reader might not.
-bool hasDoubleAt(std::string_view value) {
-    for (std::size_t at = value.find('@'); at != std::string_view::npos;) {
-        const std::size_t next = value.find('@', at + 1);
-        if (next == std::string_view::npos) {
-            return false;
-        }
-        if (value.substr(at, next - at).find_first_of(" \t,;:<>\"()[]") == std::string_view::npos) {
-            return true;
-        }
-        at = next;
-    }
-    return false;
-}
 
 void collect(InternetAddressList* list, std::vector<EmailAddress>& addresses, std::vector<std::string>& others) {
     for (int index = 0; index < internet_address_list_length(list); ++index) {
@@ -55,18 +41,19 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
         if (value.empty()) {
             continue;
         }
-        const bool isReadable = std::ranges::count(value, ':') <= mostColons && !hasDoubleAt(value) &&
-                                value.find('\0') == std::string::npos;
+        const bool isReadable = std::ranges::count(value, ':') <= mostColons && value.find('\0') == std::string::npos;
+        // Nothing where it is not clear: of "a@b@c" GMime reads "a@b", and another reader might not.
+        const std::optional<std::size_t> count = isReadable ? mime::countAddresses(value) : std::nullopt;
         mime::startGmime();
-        const mime::GmimeObject<InternetAddressList> list(
-            isReadable ? internet_address_list_parse(nullptr, value.c_str()) : nullptr);
+        const mime::GmimeObject<InternetAddressList> list(count ? internet_address_list_parse(nullptr, value.c_str())
+                                                                : nullptr);
         const std::size_t before = addresses.size();
         const std::size_t othersBefore = others.size();
         if (list) {
             collect(list.get(), addresses, others);
         }
         // GMime leaves out what it cannot read, and nobody is to be left out in silence.
-        const bool isAll = list && mime::countAddresses(value) == addresses.size() - before;
+        const bool isAll = list && count == addresses.size() - before;
         if (!isAll && others.size() == othersBefore) {
             others.push_back(value.substr(0, 200));
         }
@@ -80,7 +67,7 @@ std::string withULabels(const std::string& address) {
     InternetAddress* const one = list && internet_address_list_length(list.get()) == 1
                                      ? internet_address_list_get_address(list.get(), 0)
                                      : nullptr;
-    const bool isMailbox = one != nullptr && INTERNET_ADDRESS_IS_MAILBOX(one) != 0;
+    const bool isMailbox = INTERNET_ADDRESS_IS_MAILBOX(one) != 0; // and no null pointer
     const char* const text = isMailbox ? internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(one)) : nullptr;
     return text == nullptr ? "" : text;
 }
@@ -90,8 +77,7 @@ std::string withULabels(const std::string& address) {
 std::vector<EmailAddress> spellingsOf(const EmailAddress& address) {
     std::vector<EmailAddress> all{address};
     const std::string domain = address.domain();
-    const bool isInternational =
-        std::ranges::any_of(domain, [](char byte) { return byte < 0; }) || domain.find("--") != std::string::npos;
+    const bool isInternational = !isSevenBit(domain) || domain.find("--") != std::string::npos;
     const std::string comparable = isInternational ? Trust::comparableAddress(address.address()) : std::string();
     const std::size_t at = comparable.rfind('@');
     if (at == std::string::npos) {
@@ -142,7 +128,7 @@ EmailAddress senderOf(const std::optional<EmailAddress>& given, const mime::Head
     }
     std::vector<EmailAddress> sender;
     addAddresses(header, "Sender", sender, others);
-    if (from.size() > 1 && sender.size() == 1 && others.empty()) {
+    if (!from.empty() && sender.size() == 1 && others.empty()) {
         return sender.front();
     }
     if (from.size() > 1) {

@@ -24,18 +24,15 @@ bool isUsableBoundary(const std::string& boundary) {
 } // namespace
 
 void Preparation::look(const mime::Header& header, const mime::SharedOctets& body) {
-    m_parts.clear();
-    m_shownTexts = 0;
-    m_next = 0;
-    m_writing = false;
-    walk({header, body, "1", 0, false, true});
+    Entity message{header, body, "1"};
+    message.isShownFirst = true;
+    walk(message);
 }
 
 void Preparation::write(const mime::Header& header, const mime::SharedOctets& body, const MediaOut& target) {
-    m_next = 0;
     m_writing = true;
     m_target = target;
-    walk({header, body, "1", 0, false, true});
+    walk({header, body, "1"});
     if (m_next != m_parts.size()) {
         failChanged();
     }
@@ -112,7 +109,7 @@ void Preparation::walk(const Entity& entity) {
 void Preparation::walkMessage(const Entity& entity, std::size_t number) {
     mime::Header header;
     readBounded(*entity.body, m_budget, "the message in " + nameOf(entity), header);
-    const std::size_t first = m_writing ? 0 : m_parts.size();
+    const std::size_t first = m_parts.size(); // that is added
     walk({header, entity.body, entity.path + ".1", entity.depth + 1});
     if (!m_writing) {
         m_parts[number].eightBit = m_parts[first].eightBit || m_parts[first].eightBitHeader;
@@ -133,7 +130,7 @@ void Preparation::walkParts(const Entity& entity, const mime::ContentType& type,
         const std::string path = entity.path + '.' + std::to_string(++count);
         mime::Header header;
         readBounded(*parts.part(), m_budget, "the part at " + path, header);
-        const std::size_t first = m_writing ? 0 : m_parts.size();
+        const std::size_t first = m_parts.size(); // that is added
         const bool isShownFirst = entity.isShownFirst && (count == 1 || type.subtype == "alternative");
         walk({header, parts.part(), path, entity.depth + 1, type.subtype == "digest", isShownFirst});
         eightBit = eightBit || (!m_writing && (m_parts[first].eightBit || m_parts[first].eightBitHeader));
@@ -170,8 +167,6 @@ bool Preparation::walkFrame(const mime::SharedOctets& octets, bool kept) {
         any = !octets->atEnd();
         MediaOut filter = canonicalLineEnds(keptOpen(m_target), LoneReturn::data);
         static_cast<void>(taken(*octets, &filter));
-    } else {
-        mime::drain(*octets);
     }
     return any;
 }

@@ -44,9 +44,9 @@ public:
           m_further(std::move(further)),
           m_shown(std::move(shown)) {}
 
-    /// Looks at all of a message, whose header was read already. \throws Exception: it cannot be written
+    /// Looks at all of a message, whose header was read already, once. \throws Exception: it cannot be written
     void look(const mime::Header& header, const mime::SharedOctets& body);
-    /// Writes what goes inside: further fields, the Content- fields, the empty line and the body.
+    /// Then writes, once, what goes inside: further fields, the Content- fields, the empty line and the body.
     /// \throws Exception: the message is another one than before
     void write(const mime::Header& header, const mime::SharedOctets& body, const MediaOut& target);
 
@@ -77,7 +77,6 @@ private:
 
     std::size_t begin(const Entity& entity);
     void walk(const Entity& entity);
-    void walkBody(const Entity& entity, const mime::ContentType& type, Kind kind, std::size_t number);
     void walkParts(const Entity& entity, const mime::ContentType& type, std::size_t number);
     void walkMessage(const Entity& entity, std::size_t number);
     bool walkFrame(const mime::SharedOctets& octets, bool kept);

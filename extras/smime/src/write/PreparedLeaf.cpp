@@ -54,10 +54,7 @@ std::string whyItStays(const mime::Header& header, const mime::ContentType& type
 /// A Content-Type with the parameter of header protection. \throws Exception: it is not read from there
 std::string protectedType(const std::string& field, std::string_view parameter) {
     std::string changed = withParameter(field, parameter);
-    mime::MemoryOctets octets(changed);
-    mime::Header header;
-    static_cast<void>(mime::readHeader(octets, {changed.size(), 1}, header));
-    if (mime::contentTypeOf(header).hp.empty()) {
+    if (mime::contentTypeOf(readAgain(changed)).hp.empty()) {
         fail("the Content-Type of the message is not one to which header protection can be added");
     }
     return changed;

@@ -210,9 +210,7 @@ private:
         }
         m_escape.clear();
         if (!m_quoted && !m_blanks.empty()) {
-            const std::string last = octet(m_blanks.back());
-            m_blanks.clear();
-            writeToken(last);
+            writeToken(octet(m_blanks.back()));
         }
         m_blanks.clear();
         flushStart();

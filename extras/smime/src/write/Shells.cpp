@@ -125,12 +125,11 @@ private:
 } // namespace
 
 std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS::SignedWriter::Signer> signers,
-                                    const std::string& boundary, const std::string& spillTemplate) {
+                                    const std::string& boundary) {
     CMS::SignedWriter::Options signing;
     signing.signers = std::move(signers);
     signing.certificates = options.certificates;
     signing.revocationLists = options.revocationLists;
-    signing.spillFile = spillTemplate;
     if (options.form == SigningForm::opaque) {
         return std::make_unique<StructureShell<CMS::SignedWriter>>(CMS::SignedWriter(signing),
                                                                    pkcs7Header("signed-data"));
@@ -139,13 +138,12 @@ std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS:
     return std::make_unique<MultipartSignedShell>(signing, boundary);
 }
 
-std::unique_ptr<Shell> encryptingShell(CMS::ContentCipher cipher, const std::vector<CMS::EnvelopeRecipient>& recipients,
-                                       const std::string& spillTemplate) {
+std::unique_ptr<Shell> encryptingShell(CMS::ContentCipher cipher,
+                                       const std::vector<CMS::EnvelopeRecipient>& recipients) {
     const bool authenticates = cipher == CMS::ContentCipher::aes128Gcm || cipher == CMS::ContentCipher::aes192Gcm ||
                                cipher == CMS::ContentCipher::aes256Gcm;
     CMS::EnvelopeOptions options;
     options.cipher = cipher;
-    options.temporaryFile = spillTemplate;
     return std::make_unique<StructureShell<CMS::EnvelopeWriter>>(
         CMS::EnvelopeWriter(recipients, options), pkcs7Header(authenticates ? "authEnveloped-data" : "enveloped-data"));
 }

@@ -28,10 +28,10 @@ public:
 
 /// \param boundary for a multipart/signed
 std::unique_ptr<Shell> signingShell(const SignOptions& options, std::vector<CMS::SignedWriter::Signer> signers,
-                                    const std::string& boundary, const std::string& spillTemplate);
+                                    const std::string& boundary);
 
-std::unique_ptr<Shell> encryptingShell(CMS::ContentCipher cipher, const std::vector<CMS::EnvelopeRecipient>& recipients,
-                                       const std::string& spillTemplate);
+std::unique_ptr<Shell> encryptingShell(CMS::ContentCipher cipher,
+                                       const std::vector<CMS::EnvelopeRecipient>& recipients);
 
 /// For nothing but certificates and lists: its sink takes no content.
 std::unique_ptr<Shell> certificatesShell(const std::vector<NVX509::RefCertificate>& certificates,

@@ -37,7 +37,7 @@ bool isPlainText(const unsigned char* data, std::size_t length) noexcept {
 void TextTraits::see(const unsigned char* data, std::size_t length) {
     m_octets += length;
     for (const unsigned char* const past = data + length; data != past;) {
-        if (m_column == 0 && !m_afterReturn && m_continuations == 0) {
+        if (m_column == 0 && !m_afterReturn) {
             data += seePlainLines(data, static_cast<std::size_t>(past - data));
             if (data == past) {
                 return;
@@ -96,11 +96,7 @@ void TextTraits::seeByte(unsigned char byte) {
         return;
     }
     if (m_afterReturn) {
-        m_afterReturn = false;
-        ++m_loneReturns;
-        ++m_controls;
-        m_last = '\r';
-        ++m_column;
+        countReturn();
     }
     seeUtf8(byte);
     if (byte == '\r') {
@@ -120,11 +116,19 @@ void TextTraits::seeByte(unsigned char byte) {
     ++m_column;
 }
 
+/// A CR that no LF follows. The text cannot be sent any more, so that what else its line begins or ends with is of no concern.
+void TextTraits::countReturn() {
+    m_afterReturn = false;
+    ++m_loneReturns;
+    ++m_controls;
+    ++m_column;
+}
+
 /// RFC 3629: no overlong forms, no surrogates, nothing beyond U+10FFFF.
 void TextTraits::seeUtf8(unsigned char byte) {
     if (m_continuations != 0) {
         m_utf8 = m_utf8 && byte >= m_leastNext && byte <= m_mostNext;
-        m_continuations = m_utf8 ? m_continuations - 1 : 0;
+        --m_continuations;
         m_leastNext = 0x80;
         m_mostNext = 0xbf;
         return;
@@ -133,7 +137,7 @@ void TextTraits::seeUtf8(unsigned char byte) {
         return;
     }
     m_utf8 = byte >= 0xc2 && byte <= 0xf4;
-    m_continuations = !m_utf8 ? 0 : byte < 0xe0 ? 1 : byte < 0xf0 ? 2 : 3;
+    m_continuations = byte < 0xe0 ? 1 : byte < 0xf0 ? 2 : 3;
     m_leastNext = byte == 0xe0 ? 0xa0 : byte == 0xf0 ? 0x90 : 0x80;
     m_mostNext = byte == 0xed ? 0x9f : byte == 0xf4 ? 0x8f : 0xbf;
 }
@@ -149,11 +153,7 @@ void TextTraits::endLine() {
 
 void TextTraits::end() {
     if (m_afterReturn) {
-        m_afterReturn = false;
-        ++m_loneReturns;
-        ++m_controls;
-        m_last = '\r';
-        ++m_column;
+        countReturn();
     }
     endLine();
 }

@@ -50,6 +50,7 @@ public:
 private:
     std::size_t seePlainLines(const unsigned char* data, std::size_t length);
     void seeByte(unsigned char byte);
+    void countReturn();
     void seeUtf8(unsigned char byte);
     void endLine();
 

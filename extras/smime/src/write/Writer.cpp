@@ -89,10 +89,8 @@ bool look(Source& source, Preparation& preparation, const std::vector<std::strin
 }
 
 std::vector<std::string> newBoundaries(std::size_t count) {
-    std::vector<std::string> boundaries;
-    while (boundaries.size() < count) {
-        boundaries.push_back(newBoundary());
-    }
+    std::vector<std::string> boundaries(count);
+    std::ranges::generate(boundaries, newBoundary);
     return boundaries;
 }
 
@@ -100,10 +98,10 @@ std::unique_ptr<Shell> readyShell(const Wrapping& shell, const mime::Header& hea
                                   const WriteOptions& how) {
     const std::time_t at = how.at.value_or(std::time(nullptr));
     if (const auto* const signing = std::get_if<SignOptions>(&shell)) {
-        return signingShell(*signing, signersFor(*signing, header, at), boundary, how.spillTemplate);
+        return signingShell(*signing, signersFor(*signing, header, at), boundary);
     }
     const auto& encrypting = std::get<EncryptOptions>(shell);
-    return encryptingShell(encrypting.cipher, recipientsFor(encrypting, header, how.budget, at), how.spillTemplate);
+    return encryptingShell(encrypting.cipher, recipientsFor(encrypting, header, how.budget, at));
 }
 
 /// The start of the mail, and the sink for what is inside of all shells.

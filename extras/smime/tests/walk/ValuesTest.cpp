@@ -1,11 +1,9 @@
 #include "mime/Values.h"
 
-#include "mime/AddressItems.h"
 #include "mime/Limits.h"
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 
 namespace {
@@ -68,43 +66,6 @@ TEST(ContentTypeValue, IsReadUpToItsLimit) {
     const ContentType tooLong = typed(begin + std::string(maximumValue - begin.size() + 1, 'x'));
     EXPECT_EQ(tooLong.text(), "application/octet-stream");
     EXPECT_EQ(tooLong.oddity, "Content-Type is longer than 16384 bytes");
-}
-
-TEST(AddressItems, AreCountedOutsideOfNamesAndComments) {
-    EXPECT_EQ(countAddresses(""), 0U);
-    EXPECT_EQ(countAddresses("a@b"), 1U);
-    EXPECT_EQ(countAddresses("a@b, c@d; e@f"), 3U);
-    EXPECT_EQ(countAddresses("g: a@b, <c@d>;"), 2U);
-    EXPECT_EQ(countAddresses("x@y <a@b>"), 1U) << "a name";
-    EXPECT_EQ(countAddresses("\"x@y, z\" <a@b>"), 1U);
-    EXPECT_EQ(countAddresses("\"a<b\" <c@d>"), 1U);
-    EXPECT_EQ(countAddresses("(x@y) a@b (z@z)"), 1U);
-    EXPECT_EQ(countAddresses("(x@y (z@z) q@q) a@b"), 1U);
-    EXPECT_EQ(countAddresses("(\\) x@y) a@b"), 1U);
-    EXPECT_EQ(countAddresses("(\" x@y) a@b"), 1U) << "no quote in a comment";
-    EXPECT_EQ(countAddresses("\"( x@y\" <a@b>"), 1U) << "no comment in quotes";
-}
-
-TEST(AddressItems, AreNotClearWithTwoSignsOrHalfAnAngle) {
-    EXPECT_EQ(countAddresses("a@b@c"), std::nullopt);
-    EXPECT_EQ(countAddresses("<a@b@c>"), std::nullopt);
-    EXPECT_EQ(countAddresses("<a@b"), std::nullopt);
-    EXPECT_EQ(countAddresses("a@b>"), std::nullopt);
-    EXPECT_EQ(countAddresses("<a@b> <c@d>"), std::nullopt);
-    EXPECT_EQ(countAddresses("<a> b@c"), std::nullopt);
-    EXPECT_EQ(countAddresses("<,a@b>"), std::nullopt);
-    EXPECT_EQ(countAddresses("\"a@b"), std::nullopt);
-    EXPECT_EQ(countAddresses("(a@b"), std::nullopt);
-    EXPECT_EQ(countAddresses("(a@b\\)"), std::nullopt);
-    EXPECT_EQ(countAddresses("(a@b\\"), std::nullopt);
-}
-
-TEST(AddressItems, MayHaveLiteralDomains) {
-    EXPECT_EQ(countAddresses("<a@[IPv6:::1]>"), 1U);
-    EXPECT_EQ(countAddresses("<a@[IPv6:::1]>, b@[127.0.0.1], c@d"), 3U);
-    EXPECT_EQ(countAddresses("a@[1],b@c"), 2U);
-    EXPECT_EQ(countAddresses("a@[1,b@c"), std::nullopt) << "a literal has no sign";
-    EXPECT_EQ(countAddresses("a@[1"), 1U);
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include "Generated.h"
 #include "Writing.h"
 
+#include "support/X509Testing.h"
+
 namespace {
 
 using namespace smimetest;
@@ -134,6 +136,8 @@ TEST(SmimeEncryptingTest, RefusesNoShellsAndTooMany) {
     EXPECT_EQ(refusalOf(mail, {}), "there is nothing to do with the message");
     EXPECT_EQ(refusalOf(mail, std::vector<SMime::Wrapping>(9, signedBy({&person("alice")}))),
               "there are more than 8 shells");
+    EXPECT_THAT(verified(wrapped(mail, std::vector<SMime::Wrapping>(8, opaquelySignedBy(person("alice"))))),
+                StartsWith("Content-Type: application/pkcs7-mime; smime-type=signed-data;"));
     EXPECT_EQ(verified(wrapped(mail, {signedBy({&person("alice")})})), entity);
 }
 
@@ -154,6 +158,45 @@ TEST(SmimeEncryptingTest, SendsCertificatesAlone) {
     sk_X509_pop_free(certificates, X509_free);
     EXPECT_EQ(refusal([&] { SMime::writeCertificates(MemoryMediaIn("A: b\n\nx"), {certificateOf(root())}, {}, out); }),
               "a message of certificates has no body");
+}
+
+// RFC 8551, 3.8: lists of revoked certificates, too.
+TEST(SmimeEncryptingTest, SendsRevocationListsAlone) {
+    const auto list = x509testing::read(norvauthority::issueList({.issuer = &root()}));
+    MemoryMediaOut out;
+    SMime::writeCertificates(MemoryMediaIn("From: alice@example.com\n\n"), {}, {list, list}, out);
+    const std::string sent = norvtest::textOf(out.content());
+    const BioPtr in = sourceOver(sent);
+    const CmsPtr structure(SMIME_read_CMS(in.get(), nullptr));
+    ASSERT_NE(structure, nullptr) << opensslReason();
+    STACK_OF(X509_CRL)* const lists = CMS_get1_crls(structure.get());
+    EXPECT_EQ(sk_X509_CRL_num(lists), 1);
+    sk_X509_CRL_pop_free(lists, X509_CRL_free);
+    // Others take a file of certificates apart by its lengths: it is DER.
+    unsigned char* der = nullptr;
+    const int length = i2d_CMS_ContentInfo(structure.get(), &der);
+    std::string letters((static_cast<std::size_t>(length) + 2) / 3 * 4 + 1, '\0');
+    letters.resize(
+        static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(letters.data()), der, length)));
+    OPENSSL_free(der);
+    std::string body = sent.substr(sent.find("\r\n\r\n") + 4);
+    std::erase_if(body, [](char byte) { return byte == '\r' || byte == '\n'; });
+    EXPECT_EQ(body, letters);
+}
+
+TEST(SmimeEncryptingTest, SignaturesCarryRevocationLists) {
+    for (SMime::SignOptions options : {signedBy({&person("alice")}), opaquelySignedBy(person("alice"))}) {
+        options.revocationLists = {x509testing::read(norvauthority::issueList({.issuer = &root()}))};
+        const std::string sent = wrapped(mail, {options});
+        EXPECT_EQ(verified(sent), entity);
+        const BioPtr in = sourceOver(sent);
+        BIO* detached = nullptr;
+        const CmsPtr structure(SMIME_read_CMS(in.get(), &detached));
+        const BioPtr content(detached);
+        STACK_OF(X509_CRL)* const lists = CMS_get1_crls(structure.get());
+        EXPECT_EQ(sk_X509_CRL_num(lists), 1);
+        sk_X509_CRL_pop_free(lists, X509_CRL_free);
+    }
 }
 
 TEST(SmimeEncryptingTest, TakesMessagesFromPipesAndFilesAlike) {

@@ -5,12 +5,13 @@
 #include "support/Streams.h"
 #include "write/Boundary.h"
 #include "write/QuotedPrintable.h"
-#include "write/TextTraits.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -153,6 +154,136 @@ TEST(SmimeFiltersTest, BreaksBase64AnewAndKeepsItsLetters) {
     EXPECT_EQ(through(base64LinesAnew, "\r\n"), "");
 }
 
+// RFC 4648, 4.
+TEST(SmimeFiltersTest, KnowsTheLettersOfBase64) {
+    for (unsigned int value = 0; value != 256; ++value) {
+        const char byte = static_cast<char>(value);
+        const bool isLetter =
+            std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=").find(byte) !=
+            std::string_view::npos;
+        EXPECT_EQ(through(base64LinesAnew, std::string("Q") + byte),
+                  isLetter ? std::string("Q") + byte + "\r\n" : "Q\r\n")
+            << value;
+    }
+}
+
+// RFC 2045, 6.7, rules 1 to 3.
+TEST(SmimeFiltersTest, QuotesTheOctetsThatHaveToBe) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    for (unsigned int value = 0; value != 256; ++value) {
+        const char byte = static_cast<char>(value);
+        if (byte == '\r' || byte == '\n') {
+            continue; // of line ends, which are tested by themselves
+        }
+        const bool isLiteral = (value >= 33 && value <= 60) || (value >= 62 && value <= 126);
+        const std::string octet{'=', digits[value / 16], digits[value % 16]};
+        const bool isBlank = byte == ' ' || byte == '\t';
+        const std::string within = isLiteral || isBlank ? std::string(1, byte) : octet;
+        const std::string atEnd = isLiteral ? std::string(1, byte) : octet;
+        EXPECT_EQ(through(quoted(QuotedFrom::text), std::string("a") + byte + "b" + byte + "\r\n"),
+                  "a" + within + "b" + atEnd + "\r\n")
+            << value;
+    }
+}
+
+/// More than is gathered at once; a line end stands on every border between two such pieces.
+TEST(SmimeFiltersTest, TakesLongPiecesAsShortOnes) {
+    constexpr std::size_t gatheredAtOnce = 16384;
+    for (const std::size_t shift : {0, 1, 2}) {
+        std::string text(gatheredAtOnce - 1 - shift, '\n');
+        std::string data;
+        for (unsigned int number = 0; data.size() < 3 * gatheredAtOnce; ++number) {
+            data += std::to_string(number) + (number % 3 == 0 ? "\n" : "\r\n");
+        }
+        text += "\r\n" + data;
+        std::string crlf;
+        std::string lf;
+        for (const char byte : text) {
+            crlf += byte == '\n' ? "\r\n" : byte == '\r' ? "" : std::string(1, byte);
+            lf += byte == '\r' ? "" : std::string(1, byte);
+        }
+        EXPECT_EQ(filtered(canonical(LoneReturn::data), text, text.size()), crlf);
+        EXPECT_EQ(filtered(lineFeeds, text, text.size()), lf);
+        EXPECT_EQ(filtered(canonical(LoneReturn::lineEnd), text, 1000), crlf);
+        EXPECT_EQ(filtered(lineFeeds, text, 1000), lf);
+        const auto reading = [](const MediaOut& target) {
+            return mime::DecodingMediaOut(target, mime::Transfer::base64);
+        };
+        const std::string letters = filtered(base64Lines, text, text.size());
+        EXPECT_EQ(filtered(reading, letters, 1000), text);
+        EXPECT_EQ(filtered(base64LinesAnew, letters, letters.size()), letters);
+        EXPECT_EQ(unquoted(filtered(quoted(QuotedFrom::text), crlf, crlf.size())), crlf);
+    }
+}
+
+/// Counts what reaches it, and the most at once.
+class CountingImpl : public MediaOutImpl {
+public:
+    struct Counts {
+        std::size_t all = 0;
+        std::size_t most = 0;
+    };
+    explicit CountingImpl(std::shared_ptr<Counts> counts) : m_counts(std::move(counts)) {}
+    using MediaOutImpl::write;
+    void write(const unsigned char* /*data*/, unsigned int length) override {
+        m_counts->all += length;
+        m_counts->most = std::max<std::size_t>(m_counts->most, length);
+    }
+
+private:
+    std::shared_ptr<Counts> m_counts;
+};
+
+/// Whatever is written, a little is held back, and a part of it made at once.
+TEST(SmimeFiltersTest, HoldsAFewBytes) {
+    constexpr std::size_t held = 2 * 76 + 10;
+    constexpr std::size_t atOnce = 16384;
+    const std::vector<std::pair<Filter, std::string>> cases{{canonical(LoneReturn::data), "a\n\r"},
+                                                            {lineFeeds, "a\r\n"},
+                                                            {base64Lines, "xyz"},
+                                                            {base64LinesAnew, "QUJD"},
+                                                            {quoted(QuotedFrom::text), "text \xe4\r\n"},
+                                                            {quoted(QuotedFrom::quoted), "a=\r\n=41\r\n"},
+                                                            {quoted(QuotedFrom::quoted), " "},
+                                                            {quoted(QuotedFrom::quoted), "=41"}};
+    for (const auto& [filter, pattern] : cases) {
+        std::string text;
+        while (text.size() < 100000) {
+            text += pattern;
+        }
+        const auto counts = std::make_shared<CountingImpl::Counts>();
+        MediaOut in = filter(MediaOut(makeReference<CountingImpl, MediaOutImpl>(counts)));
+        put(in, text);
+        const std::size_t before = counts->all;
+        EXPECT_LE(counts->most, 3 * atOnce) << pattern;
+        in.end();
+        EXPECT_LE(counts->all - before, held) << pattern;
+    }
+}
+
+/// As of other sinks: nothing comes twice.
+TEST(SmimeFiltersTest, WritesNothingAtASecondEnd) {
+    const std::vector<std::pair<Filter, std::string>> cases{{canonical(LoneReturn::data), "a\r"},
+                                                            {canonical(LoneReturn::lineEnd), "a\r"},
+                                                            {lineFeeds, "a\r"},
+                                                            {base64Lines, "a"},
+                                                            {base64LinesAnew, "QQ=="},
+                                                            {quoted(QuotedFrom::text), "a\r"},
+                                                            {quoted(QuotedFrom::text), "From"},
+                                                            {quoted(QuotedFrom::text), "a "},
+                                                            {quoted(QuotedFrom::quoted), "a=4"}};
+    for (const auto& [filter, text] : cases) {
+        const auto counts = std::make_shared<CountingImpl::Counts>();
+        MediaOut in = filter(MediaOut(makeReference<CountingImpl, MediaOutImpl>(counts)));
+        put(in, text);
+        in.end();
+        const std::size_t all = counts->all;
+        EXPECT_GE(all, text.size());
+        in.end();
+        EXPECT_EQ(counts->all, all) << text;
+    }
+}
+
 TEST(SmimeFiltersTest, QuotesWhatMailDoesNotCarry) {
     const auto text = quoted(QuotedFrom::text);
     EXPECT_EQ(through(text, "Gr\xc3\xbc\xc3\x9f"
@@ -187,6 +318,19 @@ TEST(SmimeFiltersTest, KeepsLinesOfQuotedPrintableShort) {
     EXPECT_EQ(unquoted(lines), body);
 }
 
+TEST(SmimeFiltersTest, BreaksLinesNoEarlierThanItHasTo) {
+    const auto text = quoted(QuotedFrom::text);
+    EXPECT_EQ(through(text, std::string(200, 'x')),
+              std::string(75, 'x') + "=\r\n" + std::string(75, 'x') + "=\r\n" + std::string(50, 'x'));
+    EXPECT_EQ(through(text, std::string(26, '\xe4')), [] {
+        std::string octets;
+        for (int at = 0; at < 25; ++at) {
+            octets += "=E4";
+        }
+        return octets + "=\r\n=E4";
+    }());
+}
+
 TEST(SmimeFiltersTest, GivesBackWhatItQuotedForAllBytes) {
     std::string body;
     for (unsigned int round = 0; round < 4000; ++round) {
@@ -208,6 +352,9 @@ TEST(SmimeFiltersTest, MendsQuotedPrintableWithoutChangingItsContent) {
     EXPECT_EQ(through(mended, "raw \xfc\r\nsoft=\r\nbreak= \t\r\nend=\r\n"), "raw =FC\r\nsoft=\r\nbreak=\r\nend=\r\n");
     EXPECT_EQ(through(mended, "blanks \t \r\n  \r\nx"), "blanks\r\n\r\nx");
     EXPECT_EQ(through(mended, "1=2 = f =x =4z= \r\n=A"), "1=3D2 =3D f =3Dx =3D4z=\r\n=3DA");
+    EXPECT_EQ(through(mended, "=4 \r\n=x1\r\n=4 1\r\n="), "=3D4\r\n=3Dx1\r\n=3D4 1\r\n=");
+    EXPECT_EQ(through(mended, "a" + std::string(76, ' ') + "\r\nb"), "a\r\nb") << "as many blanks as a line may have";
+    EXPECT_EQ(through(mended, "a=" + std::string(76, ' ') + "\r\nb"), "a=\r\nb");
     EXPECT_EQ(through(mended, "From x\r\n=2D-b\r\n--b\r\n.\r\n"), "=46rom x\r\n=2D-b\r\n=2D-b\r\n=2E\r\n");
     EXPECT_EQ(through(mended, "a=0D=0Ab=0Ac"), "a=0D=0Ab=0Ac");
     const std::string lines = through(mended, std::string(300, 'y') + "=E4=E4" + std::string(300, ' ') + "z\r\n");
@@ -243,15 +390,30 @@ TEST(SmimeFiltersTest, KnowsQuotedPrintableThatIsReadInOneWay) {
     const std::string blanks(76, '\t');
     for (const std::string& text :
          {std::string("\0\xe4\r \r\n", 6), std::string("=3D=c3=A4=20=3d"), std::string("a=\nb= \t\r\n=\r\n"),
-          "a" + blanks + "\r\n" + blanks + " x", "=" + blanks + "\n"}) {
+          "a" + blanks + "\r\n" + blanks + " x", "=" + blanks + "\n", blanks + "\r\n" + blanks + "\n" + blanks}) {
         EXPECT_TRUE(isWellQuoted(text)) << text;
     }
     for (const std::string& text :
          {std::string("="), std::string("x="), std::string("=\r"), std::string("=\rb"), std::string("= "),
           std::string("=4"), std::string("=4\n"), std::string("=4=41"), std::string("=g1"), std::string("= b"),
-          std::string("=\0", 2), "a " + blanks + "\n", " " + blanks, "= " + blanks + "\n"}) {
+          std::string("=\0", 2), std::string("=\r41"), std::string("=\r\r\n"), std::string("=\r \n"),
+          std::string("= 41"), std::string("= \r \n"), "a " + blanks + "\n", " " + blanks, "= " + blanks + "\n"}) {
         EXPECT_FALSE(isWellQuoted(text)) << text;
         EXPECT_FALSE(isWellQuoted("=20\r\n" + text)) << text;
+    }
+}
+
+TEST(SmimeFiltersTest, KnowsTheDigitsOfAnOctet) {
+    for (unsigned int value = 0; value != 256; ++value) {
+        const std::string digit(1, static_cast<char>(value));
+        const bool isDigit = std::string_view("0123456789ABCDEFabcdef").find(digit) != std::string_view::npos;
+        EXPECT_EQ(isWellQuoted("=4" + digit), isDigit) << value;
+        EXPECT_EQ(isWellQuoted("=" + digit + "4"), isDigit || digit == "\n") << value;
+        if (isDigit) {
+            EXPECT_EQ(through(quoted(QuotedFrom::quoted), "=" + digit + digit), "=" + digit + digit);
+        } else if (value > ' ' && value < 0x7f && value != '=') {
+            EXPECT_EQ(through(quoted(QuotedFrom::quoted), "=4" + digit), "=3D4" + digit);
+        }
     }
 }
 
@@ -265,115 +427,6 @@ TEST(SmimeFiltersTest, MendsToWhatTheReaderReadsUnlessItIsMalformed) {
         }
     }
     EXPECT_GT(wellFormed, 1000U);
-}
-
-TextTraits traitsOf(const std::string& text, std::size_t piece) {
-    TextTraits traits;
-    for (std::size_t at = 0; at < text.size(); at += piece) {
-        traits.see(std::string_view(text).substr(at, piece));
-    }
-    traits.end();
-    return traits;
-}
-
-TextTraits traitsOf(const std::string& text) {
-    const TextTraits whole = traitsOf(text, text.size() + 1);
-    for (const std::size_t piece : {1, 2, 5}) {
-        EXPECT_TRUE(traitsOf(text, piece) == whole) << text;
-    }
-    return whole;
-}
-
-TEST(SmimeTextTraitsTest, KnowsWhatArrivesAsItIsSent) {
-    for (const char* const text : {"", "a", "a\n", "a\r\n\r\nb", "From\n", " From me\n", "..\n", ". \na", "a\tb\n"}) {
-        const bool blank = std::string(text).find(" \n") != std::string::npos;
-        EXPECT_TRUE(traitsOf(text).isSendable()) << text;
-        EXPECT_EQ(traitsOf(text).isRelayProof(), !blank) << text;
-    }
-    for (const char* const text : {"a \n", "a\t\r\n", "\n ", "From me\n", "x\r\nFrom ", ".\n", "x\n.\r\n", "x\n."}) {
-        EXPECT_TRUE(traitsOf(text).isSendable()) << text;
-        EXPECT_FALSE(traitsOf(text).isRelayProof()) << text;
-    }
-    for (const std::string& text : {std::string("\xe4"), std::string("\0", 1), std::string("a\rb"), std::string("a\r"),
-                                    std::string("\r\r\n"), std::string(991, 'x')}) {
-        EXPECT_FALSE(traitsOf(text).isSendable()) << text;
-    }
-    EXPECT_TRUE(traitsOf(std::string(990, 'x') + "\r\n" + std::string(990, 'x')).isRelayProof());
-    EXPECT_EQ(traitsOf("ab\r\nabc\ra\n").longestLine(), 5U);
-}
-
-/// Runs of letters are looked at together: what stands among them, wherever, is found.
-TEST(SmimeTextTraitsTest, MissesNothingAmongLetters) {
-    for (std::size_t at = 0; at != 80; ++at) {
-        for (const char byte : {'\0', '\x01', '\x7f', '\x80', '\xff', '\r', '\n', '\t', ' '}) {
-            std::string text(80, 'a');
-            text[at] = byte;
-            TextTraits whole;
-            whole.see(text);
-            whole.end();
-            TextTraits single;
-            for (const char one : text) {
-                single.see({&one, 1});
-            }
-            single.end();
-            EXPECT_EQ(whole, single) << at;
-            const bool isHigh = static_cast<unsigned char>(byte) >= 0x80;
-            EXPECT_EQ(whole.eightBit(), isHigh ? 1U : 0U);
-            EXPECT_EQ(whole.zeros(), byte == '\0' ? 1U : 0U);
-            EXPECT_EQ(whole.loneReturns(), byte == '\r' ? 1U : 0U);
-            EXPECT_EQ(whole.controls(), byte == '\0' || byte == '\x01' || byte == '\x7f' || byte == '\r' ? 1U : 0U);
-            EXPECT_EQ(whole.longestLine(), byte == '\n' ? std::max(at, 79 - at) : 80U);
-            EXPECT_EQ(whole.isUtf8(), !isHigh);
-            EXPECT_EQ(whole.isRelayProof(),
-                      !isHigh && byte != '\0' && byte != '\r' && !(at == 79 && (byte == ' ' || byte == '\t')));
-        }
-    }
-}
-
-/// Whole lines of letters are looked at together, too.
-TEST(SmimeTextTraitsTest, MissesNothingAmongLines) {
-    const std::string line(76, 'a');
-    for (const std::string& odd :
-         {std::string("From x, who wrote"), std::string("blank "), std::string("tab\t"), std::string("."),
-          std::string("\xc3\xa4"), std::string("caf\xe4 au lait"), std::string("lone\rreturn"), std::string(1, '\0'),
-          std::string("two returns\r"), std::string(991, 'x'), std::string(75, 'a') + ' ',
-          std::string(75, 'a') + '\x7f', "From" + std::string(72, ' ') + 'x', "From " + std::string(71, 'x'),
-          "Fron " + std::string(71, 'x')}) {
-        for (const char* const end : {"\n", "\r\n"}) {
-            for (std::size_t place = 0; place != 3; ++place) {
-                std::string text;
-                for (std::size_t number = 0; number != 4; ++number)
-                    text += (number == place ? odd : line) + end;
-                TextTraits single;
-                for (const char one : text) {
-                    single.see({&one, 1});
-                }
-                single.end();
-                const TextTraits whole = traitsOf(text);
-                EXPECT_EQ(whole, single) << text;
-                const TextTraits alone = traitsOf(odd + end);
-                EXPECT_EQ(whole.isRelayProof(), alone.isRelayProof()) << text;
-                EXPECT_EQ(whole.isSendable(), alone.isSendable()) << text;
-                EXPECT_EQ(whole.isUtf8(), alone.isUtf8()) << text;
-                EXPECT_EQ(whole.eightBit(), alone.eightBit()) << text;
-                EXPECT_EQ(whole.longestLine(), std::max<std::uint64_t>(76, alone.longestLine())) << text;
-            }
-        }
-    }
-    EXPECT_FALSE(traitsOf(line + "\r\nFrom " + line + "\r\n" + line).isRelayProof());
-    EXPECT_FALSE(traitsOf(line + "\r\n" + line + " \r\n" + line).isRelayProof());
-    EXPECT_TRUE(traitsOf(line + "\r\n" + line + "\r\n" + line + "\n" + line).isRelayProof());
-}
-
-TEST(SmimeTextTraitsTest, TellsUtf8FromOtherText) {
-    for (const char* const text :
-         {"", "a", "\xc3\xa4", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xed\x9f\xbf", "\xf4\x8f\xbf\xbf"}) {
-        EXPECT_TRUE(traitsOf(text).isUtf8()) << text;
-    }
-    for (const char* const text : {"\xe4", "\xc3", "\xc3\n\xa4", "\xc0\x80", "\xe0\x80\x80", "\xed\xa0\x80",
-                                   "\xf0\x80\x80\x80", "\xf4\x90\x80\x80", "\xff", "\x80", "\xe2\x82"}) {
-        EXPECT_FALSE(traitsOf(text).isUtf8()) << text;
-    }
 }
 
 TEST(SmimeBoundaryTest, IsNewEachTimeAndNeverQuotedPrintableOrBase64) {
@@ -396,8 +449,8 @@ TEST(SmimeBoundaryTest, IsFoundWhereALineBeginsWithIt) {
              {"--=_abc", "x\r\n--=_abc\r\n", "\n--=_abcd", "--=_ab\n--=_abc--\n", "--\n--=_xyz", "y\n--=_xyz "}) {
             EXPECT_TRUE(watched({"=_abc", "=_xyz"}, text, piece)) << text;
         }
-        for (const char* const text :
-             {"", "--=_ab", " --=_abc", "x--=_abc\n", "=_abc\n", "--=_ab\nc", "--\n=_abc", "--=_xyab"}) {
+        for (const char* const text : {"", "--=_ab", " --=_abc", "x--=_abc\n", "=_abc\n", "--=_ab\nc", "--\n=_abc",
+                                       "--=_xyab", "x--=_abc\n-", "x\n--=_ab--=_abc\n-\n-"}) {
             EXPECT_FALSE(watched({"=_abc", "=_xyz"}, text, piece)) << text;
         }
     }

@@ -67,6 +67,25 @@ TEST(SmimeHeaderProtectionTest, HidesTheSubjectOfEncryptedMail) {
     EXPECT_THAT(both, Not(HasSubstr("food")));
 }
 
+// RFC 5322, 2.1.1: not even what repeats a field behind another name has longer lines.
+TEST(SmimeHeaderProtectionTest, RepeatsLongFieldsInLinesThatAreNotTooLong) {
+    for (const std::string& value :
+         {" " + std::string(980, 'x'), " a " + std::string(978, 'x') + " b", std::string(981, 'x')}) {
+        const std::string field = "X-Long:" + value;
+        const std::string sent = wrapped(field + "\n\nx\n", {encryptedFor({&person("bob")})}, protecting());
+        const std::string inside = decrypted(sent, person("bob"));
+        expectLines(inside, "\r\n", 990);
+        EXPECT_THAT(sent, StartsWith(field + "\r\n"));
+        EXPECT_THAT(inside, StartsWith(field + "\r\n"));
+        const std::size_t at = inside.find("HP-Outer:");
+        ASSERT_NE(at, std::string::npos);
+        // Unfolded (RFC 5322, 2.2.3).
+        std::string announced = inside.substr(at, inside.find("\r\nContent-Type", at) - at);
+        std::erase_if(announced, [](char byte) { return byte == '\r' || byte == '\n'; });
+        EXPECT_EQ(announced, "HP-Outer: " + field);
+    }
+}
+
 TEST(SmimeHeaderProtectionTest, ShowsAllFieldsWithoutIt) {
     const std::string sent = wrapped(mail, {encryptedFor({&person("bob")})});
     EXPECT_THAT(sent, HasSubstr("Subject: Lunch,\r\n tomorrow\r\n"));
@@ -194,6 +213,8 @@ TEST(SmimeLegacyDisplayTest, TextsWithoutAPlaceForItAreLeftAlone) {
           "Content-Type: text/plain; charset=utf-16\nContent-Transfer-Encoding: base64\n\nAGEACg==\n",
           "Content-Type: text/plain; charset=x-unheard-of\n\nx\n",
           "Content-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n\na==b\n",
+          "Content-Type: text/html\nContent-Transfer-Encoding: quoted-printable\n\nno body\n",
+          "Content-Type: text/html\nContent-Transfer-Encoding: quoted-printable\n\n<body>a==b\n",
           "Content-Type: text/plain\nContent-Transfer-Encoding: x-uuencode\n\nbegin\n"}) {
         const std::string whole = std::string("Subject: x\n") + rest;
         EXPECT_EQ(insideOf(rest, "x"),

@@ -64,7 +64,27 @@ TEST_F(SmimePeopleTest, FindsTheSenderInTheMessage) {
     EXPECT_EQ(m_keys->asked, (std::vector<std::string>{"alice@example.com", "bob@example.com"}));
 }
 
+TEST_F(SmimePeopleTest, TakesSignsInNamesAndRemarksForWhatTheyAre) {
+    for (const char* const name : {"\"a@b@c\" <", "(a@b@c) <", "\"<a@b>, c@d\" <", "x (a, b@c) <"}) {
+        const std::string address = std::string(name) + "bob@example.com>";
+        decrypted(wrapped("To: " + address + "\n" + m_body, {m_encrypting}), person("bob"));
+    }
+    for (const char* const to : {"bob@example.com@evil.example", "bob@@example.com", "<bob@example.com@evil.example>",
+                                 "Bob <bob@example.com>@evil.example", "x@bob@example.com, bob@example.com",
+                                 "alice@example.com bob@example.com", "bob@example.com (x", "bob@example.com \"x"}) {
+        EXPECT_EQ(refusalOf(std::string("To: ") + to + "\n" + m_body, {m_encrypting}),
+                  std::string("To, Cc or Bcc of the message have what is no address: ") + to);
+        EXPECT_EQ(refusalOf(std::string("From: ") + to + "\n" + m_body, {m_signing}),
+                  "the From of the message is no address");
+        const SMime::Correspondents people =
+            SMime::correspondentsOf(MemoryMediaIn(std::string("From: ") + to + "\n\n"));
+        EXPECT_TRUE(people.from.empty()) << to;
+        EXPECT_THAT(people.noAddresses, testing::ElementsAre(to));
+    }
+}
+
 TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
+    EXPECT_EQ(refusalOf("Sender: alice@example.com\n" + m_body, {m_signing}), "the message has no From");
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_signing}), "the message has no From");
     EXPECT_EQ(refusalOf("From: undisclosed:;\n" + m_body, {m_signing}), "the From of the message is no address");
     EXPECT_EQ(refusalOf("From: Alice\n" + m_body, {m_signing}), "the From of the message is no address");
@@ -79,6 +99,17 @@ TEST_F(SmimePeopleTest, SaysWhyNobodySigns) {
               "there is no key to sign with for eve@example.com");
     EXPECT_EQ(refusalOf("From: alice@example.com\n" + m_body, {SMime::SignOptions()}),
               "there is nobody to sign: no signer was given, and no store to find the sender in");
+}
+
+/// The writer of signatures tells which of several it is.
+TEST_F(SmimePeopleTest, SignersHaveAKeyAndACertificate) {
+    for (const bool isPair : {false, true}) {
+        SMime::SignOptions options = signedBy({&person("alice")});
+        options.signers.emplace_back(NVX509::KeyCertificatePair(isPair));
+        const Exception thrown = norvtest::thrownBy([&] { wrapped(m_body, {options}); });
+        EXPECT_EQ(thrown.where(), "CMS::SignedWriter");
+        EXPECT_THAT(norvtest::detailOf(thrown), testing::StartsWith("signer 2: "));
+    }
 }
 
 TEST_F(SmimePeopleTest, EncryptsToAllWhomTheMessageNames) {
@@ -106,9 +137,12 @@ TEST_F(SmimePeopleTest, FindsDomainsInBothOfTheirSpellings) {
         m_signing.from = EmailAddress::rfc5321Parse("bob@B\u00fccher.example", true);
         verified(wrapped(m_body, {m_signing}));
         m_signing.from.reset();
+        m_keys->asked.clear();
         EXPECT_EQ(refusalOf("From: Bob@b\u00fccher.example\n" + m_body, {m_signing}),
                   "there is no key to sign with for Bob@b\u00fccher.example")
             << "local parts byte by byte";
+        EXPECT_EQ(m_keys->asked, (std::vector<std::string>{"Bob@b\u00fccher.example", "Bob@xn--bcher-kva.example"}))
+            << "for each once";
     }
     m_keys->asked.clear();
     m_keys->people = {{"bob@example.com", &person("bob")}};
@@ -128,6 +162,12 @@ TEST_F(SmimePeopleTest, NamesEveryRecipientWithoutACertificate) {
                   std::string("To, Cc or Bcc of the message have what is no address: ") + to);
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {m_encrypting}), "there is nobody to encrypt to");
     EXPECT_EQ(refusalOf("Subject: x\n" + m_body, {SMime::EncryptOptions()}), "there is nobody to encrypt to");
+    const std::string longName(300, 'x');
+    EXPECT_EQ(refusalOf("To: <" + longName + "@\n" + m_body, {m_encrypting}),
+              "To, Cc or Bcc of the message have what is no address: <" + longName.substr(0, 199));
+    SMime::EncryptOptions storeless;
+    storeless.addressesOfMessage = true;
+    EXPECT_EQ(refusalOf("To: bob@example.com\n" + m_body, {storeless}), "there is no store to find the recipients in");
     m_encrypting.keys = NVX509::RefKeyStore(false);
     EXPECT_EQ(refusalOf("To: bob@example.com\n" + m_body, {m_encrypting}),
               "there is no store to find the recipients in");
@@ -141,6 +181,8 @@ TEST_F(SmimePeopleTest, BoundsRecipients) {
     how.budget.recipients = 1;
     EXPECT_EQ(refusalOf("To: bob@example.com, carol@example.com\n" + m_body, {m_encrypting}, how),
               "the message has more than 1 recipients");
+    how.budget.recipients = 2;
+    decrypted(wrapped("To: bob@example.com, carol@example.com\n" + m_body, {m_encrypting}, how), person("carol"));
 }
 
 TEST_F(SmimePeopleTest, TakesNoMoreGroupsThanTheStackHasRoomFor) {
@@ -150,6 +192,9 @@ TEST_F(SmimePeopleTest, TakesNoMoreGroupsThanTheStackHasRoomFor) {
     }
     EXPECT_THAT(refusalOf(groups + "\n" + m_body, {m_encrypting}),
                 testing::StartsWith("To, Cc or Bcc of the message have what is no address: a:a:"));
+    const auto colons = [](std::size_t count) { return "To: \"" + std::string(count, ':') + "\" <bob@example.com>\n"; };
+    decrypted(wrapped(colons(1000) + m_body, {m_encrypting}), person("bob"));
+    EXPECT_THAT(refusalOf(colons(1001) + m_body, {m_encrypting}), HasSubstr("what is no address"));
     // Inside, where fields are encoded, too.
     SMime::WriteOptions how;
     how.protectHeader = true;

@@ -228,10 +228,91 @@ TEST(SmimePreparationTest, ReachesForwardedMessages) {
     EXPECT_EQ(readByGmime(forwarded).subject, "Gr\xc3\xbc\xc3\x9f"
                                               "e");
     EXPECT_EQ(readByGmime(forwarded).from, "J\xc3\xbcrgen <j@example.com>");
-    // In a digest, parts are messages (RFC 2046, 5.1.5).
-    EXPECT_THAT(prepared("Content-Type: multipart/digest; boundary=b\n\n--b\n\nSubject: x\nContent-Type: text/plain; "
-                         "charset=utf-8\n\nsome text \xc3\xa4\n--b--\n"),
-                HasSubstr("some text =C3=A4"));
+}
+
+// RFC 2046, 5.1.5: in a digest, parts are messages unless they say otherwise.
+TEST(SmimePreparationTest, ReachesMessagesOfADigest) {
+    const std::string digest = "Content-Type: multipart/digest; boundary=b\r\n\r\n--b\r\n";
+    EXPECT_EQ(prepared(digest + "\r\nSubject: x\r\nContent-Type: text/plain; charset=utf-8\r\n\r\nsome text "
+                                "\xc3\xa4\r\n--b--\r\n"),
+              digest + "\r\nSubject: x\r\nContent-Type: text/plain; charset=utf-8\r\n"
+                       "Content-Transfer-Encoding: quoted-printable\r\n\r\nsome text =C3=A4\r\n--b--\r\n");
+    EXPECT_EQ(prepared(digest + "Content-Type: text/plain; charset=utf-8\r\n\r\nSubject: x\r\n\r\nsome text "
+                                "\xc3\xa4\r\n--b--\r\n"),
+              digest + "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n"
+                       "Subject: x\r\n\r\nsome text =C3=A4\r\n--b--\r\n");
+}
+
+/// What comes out where everything arrives: all of it inside of the signature.
+std::string carried(const std::string& mail) {
+    return verified(wrapped(mail, {opaquelySignedBy(person("alice"))}));
+}
+
+// RFC 2045, 6.4: what parts lie in is called 8bit where one of them is.
+TEST(SmimePreparationTest, TellsOfEightBitPartsInWhatIsAroundThem) {
+    const std::string plain = "--b\n\nplain\n";
+    const std::string other = "--b\nContent-Type: application/x-other\nContent-Transfer-Encoding: x-other\n\n\xe4\n";
+    const std::string line = "--b\nContent-Type: text/plain\nno field \xe4\n\nplain\n";
+    const std::string top = "Content-Type: multipart/mixed; boundary=b\nContent-Transfer-Encoding: ";
+    for (const std::string& parts :
+         {other, line, plain + other, other + plain, plain + line + plain, plain + other + line + plain}) {
+        for (const std::string word : {"8bit", "binary", "8BIT"}) {
+            const std::string mail = top + word + "\n\n" + parts + "--b--\n";
+            EXPECT_EQ(carried(mail), withCrLf(mail));
+            const std::string within =
+                "Content-Type: multipart/mixed; boundary=o\nContent-Transfer-Encoding: 8bit\n\n--o\n\n"
+                "x\n--o\n" +
+                mail + "\n--o--\n";
+            EXPECT_EQ(carried(within), withCrLf(within));
+        }
+    }
+    EXPECT_EQ(carried(top + "8bit\n\n" + plain + "--b--\n"), withCrLf(top + "7bit\n\n" + plain + "--b--\n"));
+    // It was 8-bit, and is not any more.
+    EXPECT_EQ(carried(top + "8bit\n\n--b\nContent-Type: text/plain\n\nplain and \xe4\n--b--\n"),
+              withCrLf(top + "7bit\n\n--b\nContent-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n\n"
+                             "plain and =E4\n--b--\n"));
+}
+
+/// A text in a multipart with this boundary, which is met inside once it is one.
+TEST(SmimePreparationTest, LooksIntoMultipartsWithProperBoundaries) {
+    const auto mail = [](const std::string& boundary) {
+        return "Content-Type: multipart/mixed; boundary=\"" + boundary + "\"\n\n--" + boundary +
+               "\nContent-Type: text/plain\n\nplain and \xe4\n--" + boundary + "--\n";
+    };
+    const std::string longest(200, 'b');
+    for (const std::string& boundary : {std::string("b"), std::string("b~"), std::string("b c"), longest}) {
+        EXPECT_THAT(prepared(mail(boundary)),
+                    HasSubstr("quoted-printable\r\n\r\nplain and =E4\r\n--" + boundary + "--"));
+    }
+    for (const std::string& boundary :
+         {std::string("b\x7f"), std::string("b\x1f"), std::string("b\t c"), longest + 'b'}) {
+        EXPECT_EQ(
+            refusalOf(mail(boundary), {signedBy({&person("alice")})}),
+            "the message is a multipart without a proper boundary and is not 7-bit text with short lines: a signature "
+            "beside it would not survive its way. Sign the message opaquely");
+    }
+}
+
+// RFC 2045, 2.9 and 6.2: the lines of what is binary are no lines.
+TEST(SmimePreparationTest, EncodesOctetsOrLines) {
+    const auto part = [](const std::string& type, const std::string& transfer, const std::string& body) {
+        return prepared("Content-Type: " + type + "\n" +
+                        (transfer.empty() ? "" : "Content-Transfer-Encoding: " + transfer + "\n") + "\n" + body);
+    };
+    const std::string json = "Content-Type: application/json\r\n";
+    const std::string base64 = "Content-Transfer-Encoding: base64\r\n\r\n";
+    EXPECT_EQ(part("application/json", "", "{}\n"), json + "\r\n{}\r\n");
+    EXPECT_EQ(part("application/json", "7bit", "{}\n"), json + "Content-Transfer-Encoding: 7bit\r\n\r\n{}\r\n");
+    EXPECT_EQ(part("application/json", "8bit", "{}\n"), json + "Content-Transfer-Encoding: 7bit\r\n\r\n{}\r\n");
+    EXPECT_EQ(part("application/json", "8bit", "\xc3\xa4\n"), json + base64 + "w6QNCg==\r\n") << "c3 a4 0d 0a";
+    EXPECT_EQ(part("application/json", "binary", "\xc3\xa4\n"), json + base64 + "w6QK\r\n") << "c3 a4 0a";
+    EXPECT_EQ(part("application/json", "binary", "{}\n"), json + base64 + "e30K\r\n");
+    const std::string plain = "Content-Type: text/plain\r\n";
+    EXPECT_EQ(part("text/plain", "binary", "hi\n"), plain + "Content-Transfer-Encoding: 7bit\r\n\r\nhi\r\n");
+    EXPECT_EQ(part("text/plain", "binary", "plain and \xe4\n"),
+              plain + "Content-Transfer-Encoding: quoted-printable\r\n\r\nplain and =E4\r\n");
+    EXPECT_EQ(part("text/plain", "binary", std::string("h\0\n", 3)), plain + base64 + "aAAK\r\n") << "68 00 0a";
+    EXPECT_EQ(part("text/plain", "8bit", std::string("h\0\n", 3)), plain + base64 + "aAANCg==\r\n");
 }
 
 TEST(SmimePreparationTest, EncodesFieldsOfPartsThatAreNotSevenBit) {
@@ -352,6 +433,20 @@ TEST(SmimePreparationTest, BoundsWhatAStrangerMayChoose) {
         deep.insert(0, "Content-Type: message/rfc822\n\n");
     }
     EXPECT_EQ(refusalOf(deep, shells), "the parts of the message lie within one another more than 20 deep");
+    std::string messages = "\r\nx";
+    for (int level = 0; level < 20; ++level) {
+        messages.insert(0, "Content-Type: message/rfc822\r\n\r\n");
+    }
+    EXPECT_EQ(prepared(messages), messages);
+    std::string parts = "x";
+    for (int level = 0; level < 20; ++level) {
+        const std::string boundary = "b" + std::to_string(level);
+        parts = "Content-Type: multipart/mixed; boundary=" + boundary + "\n\n--" + boundary + "\n" +
+                (level == 0 ? "\n" : "") + parts + "\n--" + boundary + "--\n";
+    }
+    EXPECT_EQ(prepared(parts), withCrLf(parts));
+    EXPECT_EQ(refusalOf("Content-Type: message/rfc822\n\n" + parts, shells),
+              "the parts of the message lie within one another more than 20 deep");
     EXPECT_EQ(refusalOf("A: " + std::string(std::size_t{256} << 10U, 'x') + "\n\n", shells),
               "the header of the message has more than 262144 octets");
     EXPECT_EQ(refusalOf("Content-Type: multipart/mixed; boundary=b\n\n--b\nA: " +

@@ -1,0 +1,63 @@
+// How many addresses a field holds (RFC 5322, 3.4), whatever GMime makes of it.
+
+#include "mime/AddressItems.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Norvane::Crypto::SMime::mime::countAddresses;
+
+TEST(AddressItems, AreCounted) {
+    for (const auto& [value, count] : std::vector<std::pair<std::string, std::size_t>>{
+             {"", 0},
+             {"nobody", 0},
+             {"a@b", 1},
+             {"a@b, c@d", 2},
+             {"a@b, c@d; e@f", 3},
+             {"g: a@b, <c@d>;", 2},
+             {"\"a<b\" <c@d>", 1},
+             {"(\" x@y) a@b", 1},
+             {"a@[1],b@c", 2},
+             {"a@[1", 1},
+             {"a@b,", 1},
+             {",a@b,,c@d", 2},
+             {"a@b; c@d", 2},
+             {"g: a@b, c@d;, e@f", 3},
+             {"g:;", 0},
+             {"Bob <b@c>", 1},
+             {"<b@c>,<d@e>", 2},
+             {"x@y <b@c>", 1},
+             {"x@y@z <b@c>", 1},
+             {"\"x@y\" <b@c>, d@e", 2},
+             {"\"a, b@c; d@e: f@g\" <b@c>", 1},
+             {"\"a\\\"b@c\" <d@e>", 1},
+             {"\"a(b@c\" <d@e>, f@g (h@i)", 2},
+             {"(a@b) c@d", 1},
+             {"(a (b@c) d@e) f@g", 1},
+             {"(a\\) b@c) d@e", 1},
+             {"(a\"b@c) d@e", 1},
+             {"b@[1.2.3.4], c@d", 2},
+             {"b@[IPv6:::1]", 1},
+             {"B <b@[IPv6:::1]>", 1},
+             {"B <b@[IPv6:::1]>, C <c@[IPv6:::2]>", 2},
+             {"g: <b@[IPv6:::1]>, <c@d>;, <e@f>", 3},
+         })
+        EXPECT_EQ(countAddresses(value), count) << value;
+}
+
+// Who reads on finds another one than who stops.
+TEST(AddressItems, AreNotClearWhereSomethingIsNotClosedOrStandsTwice) {
+    for (const char* const value :
+         {"a@b@c", "a@@b",        "<a@b@c>",    "<a@b>@c",     "<ab>@c",    "<a@b> <c@d>", "<<a@b>>",
+          "a@b>",  "<a@b",        "<a@b, c@d>", "<@a,@b:c@d>", "(a@b",      "a@b (c",      "a@b ((c)",
+          "\"a@b", "a@b \"c\\\"", "c@d, <a@b",  "a@b [c@d]",   "a@[b, c@d", "<a@[b",       "<a@[b]:c>"})
+        EXPECT_EQ(countAddresses(value), std::nullopt) << value;
+}
+
+} // namespace
