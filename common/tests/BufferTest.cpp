@@ -298,7 +298,7 @@ TEST(Buffer, EqualityIsByLengthAndBytes) {
     EXPECT_TRUE(bufferOf("abc") == bufferOf("abc"));
     EXPECT_FALSE(bufferOf("abc") == bufferOf("abd"));
     EXPECT_FALSE(bufferOf("abc") == bufferOf("ab"));
-    EXPECT_TRUE(Buffer() == Buffer(100, 0));
+    EXPECT_EQ(Buffer(), Buffer(100, 0));
     Buffer key = bufferOf("abc");
     key.protect();
     EXPECT_TRUE(key == bufferOf("abc"));

@@ -23,7 +23,6 @@ using Norvane::MediaOutImpl;
 using Norvane::MemoryMediaIn;
 using Norvane::MemoryMediaOut;
 using Norvane::NullMediaOut;
-using Norvane::RefCounted;
 
 std::string textOf(const Buffer& buffer) {
     return {reinterpret_cast<const char*>(buffer.data()), buffer.length()};

@@ -171,10 +171,12 @@ TEST_F(LogFormat, AFieldMayHaveSeveralConversions) {
 TEST_F(LogFormat, IntegersOfAllLengths) {
     logger().message(1, 0, "%d %i %u %x %X %o", -1, -2, 3U, 0xABU, 0xABU, 8U);
     EXPECT_EQ(fields(), Fields{"-1 -2 3 ab AB 10"});
+    // NOLINTBEGIN(clang-diagnostic-format): wider than they are printed
     logger().message(1, 0, "%hhd %hhu %hd %hu", -1, 255, -2, 65535);
     EXPECT_EQ(fields(), Fields{"-1 255 -2 65535"});
     logger().message(1, 0, "%hhd %hhu %hd %hu", 257, 257, 65537, 65537);
     EXPECT_EQ(fields(), Fields{"1 1 1 1"});
+    // NOLINTEND(clang-diagnostic-format)
     logger().message(1, 0, "%ld %lu %lld %llu", INT64_MIN, UINT64_MAX, static_cast<long long>(INT64_MIN),
                      static_cast<unsigned long long>(UINT64_MAX));
     EXPECT_EQ(fields(), Fields{"-9223372036854775808 18446744073709551615 -9223372036854775808 18446744073709551615"});

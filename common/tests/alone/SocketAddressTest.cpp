@@ -34,7 +34,6 @@ extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo
 
 namespace {
 
-using Norvane::INETAddress;
 using Norvane::IPAddress;
 using Norvane::SocketAddress;
 using sockets::failureOf;

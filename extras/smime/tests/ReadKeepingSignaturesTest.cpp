@@ -6,7 +6,6 @@
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 

@@ -61,7 +61,6 @@ namespace {
 using Norvane::Buffer;
 using Norvane::Crypto::Hasher;
 using Norvane::Crypto::HasherMediaOut;
-using Norvane::Crypto::HasherMediaOutImpl;
 using Norvane::Crypto::RefHasher;
 using norvtest::bufferOf;
 
