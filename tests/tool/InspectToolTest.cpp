@@ -561,6 +561,53 @@ TEST_F(InspectToolTest, OtherArmourAndManyDamagedBlocksHideNoObject) {
     EXPECT_EQ(0U, lines[blocks].find("norvcrypt: mixed: object 2002: a damaged PEM block: "));
 }
 
+// What stands in a mail beside what it answers, say: OpenSSL reads the first and the last of these.
+TEST_F(InspectToolTest, BlocksThatAreIndentedStandBesideOthers) {
+    const auto indented = [](const std::string& pem, const std::string& before) {
+        std::string text = before;
+        for (const char letter : pem)
+            text += letter == '\n' ? "\n" + before : std::string(1, letter);
+        return text + "\n";
+    };
+    const std::string proper = alice().certificate.pem();
+    work.write("mixed", proper + indented(erin().certificate.pem(), "> ") + indented(proper, "  ") +
+                            indented(run({.arguments = {"openssl", "dhparam", "-dsaparam", "512"}}).out, " ") +
+                            root().certificate.pem());
+    const Answer answer = inspect({"--json", "mixed"});
+    EXPECT_EQ(0, answer.status) << answer.err;
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(3U, objects.size()) << answer.out;
+    EXPECT_EQ("CN=alice,O=Interop,C=DE", objects[0]["subject"]);
+    EXPECT_EQ(root().certificate.sha256(), objects[1]["sha256"]);
+    EXPECT_EQ("CN=erin,O=Interop,C=DE", objects[2]["subject"]);
+    // They count where one is wanted.
+    work.write("body", sampleBody());
+    const Answer encrypted = norvcrypt(Command{
+        .arguments = {"encrypt", "--to", "mixed", "--in", "body", "--out", "msg"}, .directory = work.directory()});
+    EXPECT_EQ(2, encrypted.status);
+    EXPECT_EQ("norvcrypt: mixed holds 3 certificates: give each recipient a file of its own\n", encrypted.err);
+}
+
+// A mail that is signed beside its body is kept aside; the other files are told all the same.
+TEST_F(InspectToolTest, NoRoomForWhatIsKeptAsideOfOneFile) {
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("mail", "From: alice@example.org\nSubject: long\n\n" + std::string(3U << 20U, '\n'));
+    ASSERT_EQ(0, norvcrypt(Command{.arguments = {"smime", "sign", "--cert", "alice.pem", "--key", "alice.key", "--in",
+                                                 "mail", "--out", "signed"},
+                                   .directory = work.directory()})
+                     .status);
+    const Answer answer = run({.arguments = {"/bin/bash", "-c", "ulimit -f 100; \"$@\"", "-",
+                                             norvtest::norvcryptProgram, "inspect", "--json", "signed", "alice.pem"},
+                               .directory = work.directory()});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ(1U, linesOf(answer.err).size());
+    EXPECT_EQ(0U, answer.err.find("norvcrypt: signed: cannot write the temporary file from ")) << answer.err;
+    const json objects = json::parse(answer.out);
+    ASSERT_EQ(1U, objects.size());
+    EXPECT_EQ("alice.pem", objects[0]["file"]);
+}
+
 TEST_F(InspectToolTest, UnwritableOutput) {
     work.write("alice", alice().certificate.der);
     for (const bool asJson : {false, true}) {

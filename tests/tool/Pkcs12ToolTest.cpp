@@ -75,6 +75,23 @@ TEST_F(Pkcs12ToolTest, KeysOfOtherKinds) {
     }
 }
 
+// As everything else that people hand on; inspect says of these, too, that this command reads them.
+TEST_F(Pkcs12ToolTest, HoweverItIsWrapped) {
+    const std::vector<std::string> encode{"openssl", "base64", "-in", "erin.p12"};
+    const std::string base64 = run({.arguments = encode, .directory = work.directory()}).out;
+    ASSERT_NE("", base64);
+    work.write("base64", base64);
+    work.write("pem", "-----BEGIN PKCS12-----\n" + base64 + "-----END PKCS12-----\n");
+    for (const char* const file : {"base64", "pem"}) {
+        SCOPED_TRACE(file);
+        const Answer answer = forced(file);
+        EXPECT_EQ(0, answer.status) << answer.err;
+        expectErinIn("out");
+    }
+    work.write("two", work.read("erin.p12") + work.read("erin.p12"));
+    expectUnreadable("two", "more than one PKCS#12 structure in two");
+}
+
 TEST_F(Pkcs12ToolTest, StandardInput) {
     const Answer answer = tool({"p12", "-", "--passphrase-file", "pass", "--out-dir", "out"}, work.read("erin.p12"));
     EXPECT_EQ(0, answer.status) << answer.err;

@@ -221,6 +221,20 @@ TEST_F(RequestToolTest, TreesShowWhatOpensslParses) {
     EXPECT_EQ(2, tool({"inspect", "--tree", "text"}).status);
 }
 
+// What else a file holds was asked for each block that cannot be shown, and goes through all of it: for these, half an hour.
+TEST_F(RequestToolTest, TreesOfManyDamagedBlocksAreSoonTold) {
+    std::string blocks = alice().certificate.pem();
+    for (int at = 0; at < 5000; ++at)
+        blocks += "-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n";
+    work.write("many", blocks);
+    const Answer answer = tool({"inspect", "--tree", "many"});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ(0U, answer.out.find("many: object 1\n     0: SEQUENCE, ")) << answer.out.substr(0, 100);
+    const std::vector<std::string> lines = linesOf(answer.err);
+    ASSERT_EQ(5000U, lines.size());
+    EXPECT_EQ("norvcrypt: many: no DER, BER or PEM to be shown: it holds a certificate", lines.back());
+}
+
 /// What docs/json.md says: keys that are there always, and those that may be.
 void expectKeys(const json& object, const std::set<std::string>& always, const std::set<std::string>& maybe) {
     for (const std::string& key : always)

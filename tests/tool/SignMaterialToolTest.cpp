@@ -160,6 +160,25 @@ TEST_F(SignMaterialToolTest, KeyThatOpenSslEncryptedInDerOrInTheOldForm) {
     expectGood(tool({"verify", "--signature", "sig", "--in", "body"}));
 }
 
+// As it may come in a mail. The passphrase was called wrong.
+TEST_F(SignMaterialToolTest, EncryptedKeyHoweverItIsWrapped) {
+    work.write("pass", std::string("open sesame\n"));
+    const std::string pem = alice().key.encryptedPem("open sesame");
+    std::string quoted = "> ";
+    for (const char letter : pem)
+        quoted += letter == '\n' ? std::string("\n> ") : std::string(1, letter);
+    const std::size_t start = pem.find('\n') + 1;
+    const std::string base64 = pem.substr(start, pem.find("-----END") - start);
+    for (const std::string& key : {quoted, base64}) {
+        SCOPED_TRACE(key);
+        work.write("coded.key", key);
+        const Answer answer = tool({"sign", "--cert", "alice.pem", "--key", "coded.key", "--passphrase-file", "pass",
+                                    "--in", "body", "--out", "sig"});
+        EXPECT_EQ(0, answer.status) << answer.err;
+        expectGood(tool({"verify", "--signature", "sig", "--in", "body"}));
+    }
+}
+
 TEST_F(SignMaterialToolTest, EncryptedKeyWithoutPassphraseDoesNotPrompt) {
     work.write("alice.key", alice().key.encryptedPem("open sesame"));
     expectFailure(sign({"--in", "body", "--out", "sig"}, "open sesame\n"),

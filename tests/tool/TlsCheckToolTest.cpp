@@ -206,6 +206,18 @@ TEST_F(TlsCheckToolTest, ABundleThatOpenSslDropsForWhatElseIsInIt) {
     expectProblem(bundle, "nothing in it is used: ");
 }
 
+TEST_F(TlsCheckToolTest, ABundleWithBlocksThatOpenSslPassesOver) {
+    std::string indented = "  ";
+    for (const char letter : server().certificate.pem())
+        indented += letter == '\n' ? std::string("\n  ") : std::string(1, letter);
+    work.write(bundle, authority().certificate.pem() + indented);
+    const std::vector<std::string> lines = linesOf(check().out);
+    ASSERT_EQ(2U, lines.size());
+    EXPECT_EQ(bundle + std::string(": PEM that is indented, quoted or in small letters, which is not read here"),
+              lines[0]);
+    EXPECT_EQ(bundle + std::string(": a certificate that is no authority's"), lines[1]);
+}
+
 TEST_F(TlsCheckToolTest, AnAuthorityThatIsNotFiled) {
     fs::remove(work.path(link(authorities)));
     expectProblem(authorities + std::string("/second.pem"), "never found, since the certificate is not filed under ");

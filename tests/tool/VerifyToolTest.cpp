@@ -127,7 +127,11 @@ TEST_F(VerifyToolTest, NamesThatTheParserWouldTakeApart) {
         // A byte that drives terminals is shown in its escaped form.
         const std::string shown = name[0] == '\x01' ? "\\x01++" : name;
         expectGood(tool({"verify", "--signature", signature, "--in", name}), shown);
+        ASSERT_EQ(0, sign({std::string("--in=") + name, "--out=" + signature}).status) << name;
+        expectGood(tool({"verify", "--signature=" + signature, std::string("--in=") + name}), shown);
     }
+    work.write("--a=[b,c]", body);
+    EXPECT_EQ(sha256(body) + "  --a=[b,c]\n", tool({"digest", "--", "--a=[b,c]"}).out);
     before = work.names();
     expectFailure(tool({"verify", "--signature", "sig", "--in", "body", "[extra]"}), "unexpected argument [extra] (");
 }

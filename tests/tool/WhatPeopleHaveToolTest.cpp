@@ -193,6 +193,19 @@ TEST_F(WhatPeopleHaveToolTest, AMailIsJudgedByTheCertificatesThatAreGiven) {
     EXPECT_EQ(std::string::npos, other.out.find("signature-good")) << other.out;
 }
 
+// What is told about one of two structures would pass for a word on both.
+TEST_F(WhatPeopleHaveToolTest, AStructureBesideADamagedOneIsNotTaken) {
+    std::string damaged = pem();
+    damaged[100] = '!';
+    for (const std::string& both : {pem() + damaged, damaged + pem()}) {
+        work.write("sig", both);
+        before = work.names();
+        expectFailure(tool({"verify", "--signature", "sig", "--in", "text"}),
+                      "beside a CMS structure in sig: a damaged PEM block: its base64 is damaged");
+    }
+    expectVerified(alice().certificate.pem() + pem(), "a certificate is no other structure");
+}
+
 TEST_F(WhatPeopleHaveToolTest, WhatIsNoStructureIsStillNone) {
     before = work.names();
     for (const std::string& content :

@@ -449,6 +449,18 @@ TEST_F(ManyToolTest, WholeMails) {
     EXPECT_TRUE(work.exists("clear/5.eml.content"));
     EXPECT_EQ(2, tool(with(bob, "--in", paths, {"--out-dir", "clear2"})).status);
     EXPECT_TRUE(namesIn("clear2").empty());
+    // Whether anything is encrypted in a damaged one nobody knows.
+    std::string damaged = work.read(secrets[0]);
+    damaged[damaged.find("\r\n\r\n") + 4] = '!';
+    work.write("damaged", damaged);
+    answer = tool(with(bob, "--in", {"damaged", paths[0]}, {"--out-dir", "clear2"}));
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ((std::vector<std::string>{"damaged: damaged: part 1: no CMS structure is there",
+                                        paths[0] + ": failed: nothing is encrypted in it"}),
+              linesOf(answer.out));
+    answer = tool({"smime", "decrypt", "--cert", "bob.pem", "--key", "bob.key", "--in", "damaged"});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ(std::string::npos, answer.err.find("nothing is encrypted")) << answer.err;
 
     std::string changed = work.read(signedOnes[2]);
     changed[changed.find("body 2")] = 'B';

@@ -91,3 +91,17 @@ TEST(RecogniseWork, ManyKeysTakeNoPowersEither) {
     EXPECT_EQ(objects.size(), 100U);
     EXPECT_EQ(s_powers, 0);
 }
+
+// One is kept with what is around it, which is more than the seven octets that it has here.
+TEST(RecogniseWork, ObjectsOfAFewOctetsAreNotTakenWithoutEnd) {
+    const std::string object("\x30\x05\x06\x03\x2a\x03\x04", 7);
+    std::string content;
+    for (int at = 0; at != 300005; ++at)
+        content += object;
+    const auto objects = norvcrypt::objectsIn(Norvane::Buffer(reinterpret_cast<const unsigned char*>(content.data()),
+                                                              static_cast<unsigned int>(content.size()), false));
+    ASSERT_EQ(objects.size(), 300001U);
+    EXPECT_EQ(objects[299999].kind, ObjectKind::cms);
+    EXPECT_EQ(objects.back().kind, ObjectKind::unknown);
+    EXPECT_EQ(objects.back().problem, "more than 300000 objects: the others are not looked at");
+}

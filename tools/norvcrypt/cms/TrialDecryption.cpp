@@ -49,7 +49,8 @@ std::optional<CertificateIdentifier> nameFor(const OwnIdentity& identity, NamedB
 
 bool DecryptionResult::needsMore() const {
     const auto needs = [](const Attempt& one) {
-        return one.outcome == Attempt::Outcome::unsupported || one.outcome == Attempt::Outcome::tooCostly;
+        using enum Attempt::Outcome;
+        return one.outcome == unsupported || one.outcome == tooCostly || one.outcome == notTried;
     };
     return !decrypted && std::any_of(attempts.begin(), attempts.end(), needs);
 }

@@ -18,6 +18,14 @@ std::string marked(const std::string& argument) {
     return list || argument == "++" || argument.starts_with(mark) ? mark + argument : argument;
 }
 
+/// The same for the value in "--in=[a,b]".
+std::string withMarkedValue(const std::string& argument) {
+    const std::size_t value = argument.find('=') + 1;
+    if (!argument.starts_with("--") || value == 0)
+        return marked(argument);
+    return argument.substr(0, value) + marked(argument.substr(value));
+}
+
 std::string unmarked(const std::string& argument) {
     return argument.starts_with(mark) ? argument.substr(1) : argument;
 }
@@ -25,8 +33,12 @@ std::string unmarked(const std::string& argument) {
 /// In the reverse order that the parser wants, without the program.
 std::vector<std::string> markedArguments(int argc, char** argv) {
     std::vector<std::string> arguments;
-    for (int at = argc - 1; at > 0; --at)
-        arguments.push_back(marked(argv[at]));
+    bool onlyNames = false; // behind "--"
+    for (int at = 1; at < argc; ++at) {
+        arguments.push_back(onlyNames ? marked(argv[at]) : withMarkedValue(argv[at]));
+        onlyNames = onlyNames || arguments.back() == "--";
+    }
+    std::ranges::reverse(arguments);
     return arguments;
 }
 

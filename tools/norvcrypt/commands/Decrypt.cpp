@@ -46,12 +46,13 @@ Exit exitOf(const DecryptionResult& result) {
     return result.decrypted ? Exit::good : result.needsMore() ? Exit::failed : Exit::refused;
 }
 
-void tell(const DecryptionResult& result, const DecryptOptions& options) {
-    if (!options.json) {
-        for (const std::string& line : decryptionReport(result))
-            reportError(line);
-        return;
-    }
+void tell(const DecryptionResult& result) {
+    for (const std::string& line : decryptionReport(result))
+        reportError(line);
+}
+
+/// It says whether the body was written.
+void tellJson(const DecryptionResult& result, const DecryptOptions& options) {
     Description facts{{"file", options.in->one()}};
     facts.update(decryptionFacts(result));
     TextOutput out;
@@ -100,11 +101,14 @@ Exit decrypt(const DecryptOptions& options) {
     StructureFile file(inputs, options.in->one(), &progress);
     const DecryptionResult result = decryption.run(file, body);
     progress.clear();
-    tell(result, options);
+    if (!options.json)
+        tell(result);
     if (result.decrypted) {
         decryption.deliver(body);
         out.commit();
     }
+    if (options.json)
+        tellJson(result, options);
     return exitOf(result);
 }
 

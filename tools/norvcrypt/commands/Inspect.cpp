@@ -102,11 +102,14 @@ Exit showTrees(const std::vector<std::string>& files) {
         try {
             const Norvane::Buffer content = inputs.readAll(file, true);
             const std::vector<FoundObject> found = objectsIn(content);
+            std::optional<std::string> whatElse; // asked once: it goes through all of the content
             std::size_t number = 0;
             for (const FoundObject& object : found) {
                 ++number;
                 if (object.der.empty()) {
-                    reportError(inputName(file) + ": no DER, BER or PEM to be shown" + whatElseIsIn(content));
+                    if (!whatElse)
+                        whatElse = whatElseIsIn(content);
+                    reportError(inputName(file) + ": no DER, BER or PEM to be shown" + *whatElse);
                     code = Exit::failed;
                     continue;
                 }
@@ -138,6 +141,9 @@ Exit inspect(const InspectOptions& options) {
             descriptions = objectsOf(file, range, inputs, code);
         } catch (const Failure& failure) {
             reportError(failure.what());
+            code = Exit::failed;
+        } catch (const Norvane::Exception& failure) { // no room for what is kept aside of a mail
+            reportError(inputName(file) + ": " + inPlainWords(failure));
             code = Exit::failed;
         }
         for (Description& description : descriptions) {

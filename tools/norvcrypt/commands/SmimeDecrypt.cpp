@@ -43,9 +43,11 @@ Exit exitOf(const SMime::Answer& answer, bool anySignature) {
     }
 }
 
-/// Nothing was there to decrypt, as far as the mail was looked at.
+/// Nothing was there to decrypt. Of a mail that could not be looked at to its end nobody knows.
 bool isClear(const SMime::Answer& answer) {
-    return std::ranges::none_of(answer.layers, isEncrypted) && answer.verdict != SMime::Verdict::tooCostly;
+    const bool isKnown = answer.verdict != SMime::Verdict::tooCostly && answer.verdict != SMime::Verdict::damaged &&
+                         answer.verdict != SMime::Verdict::unsupported;
+    return isKnown && std::ranges::none_of(answer.layers, isEncrypted);
 }
 
 Outcome decryptOne(const Item& item, const SmimeDecryptOptions& options, const MailReading& reading, Inputs& inputs) {

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 #include <system_error>
@@ -44,11 +45,17 @@ void Demo::makeDirectory() {
     if (error)
         throw Failure("cannot make the directory " + m_options.directory, error.value());
     // Asked for now: the keys would be made in vain.
-    for (const char* name :
-         {"root.key", "ca.key", "alice.key", "bob.key", "carol.key", "mallory.key", "alice.p12", "carol.p12",
-          "server.key", "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"})
-        if (std::filesystem::exists(path(name), error))
-            static_cast<void>(OutputFile(path(name), m_inputs, OutputFile::Access::owner, existing()));
+    const auto ask = [&](OutputFile::Access access, std::initializer_list<const char*> names) {
+        for (const char* const name : names)
+            if (std::filesystem::exists(path(name), error))
+                static_cast<void>(OutputFile(path(name), m_inputs, access, existing()));
+    };
+    ask(OutputFile::Access::owner,
+        {"root.key", "ca.key", "alice.key", "bob.key", "carol.key", "mallory.key", "alice.p12", "carol.p12", "secret",
+         "server.key", "identities/alice/key.pem", "identities/bob/key.pem", "identities/carol/key.pem"});
+    ask(OutputFile::Access::everyone, {"root.pem", "ca.pem", "alice.pem", "bob.pem", "carol.pem", "mallory.pem",
+                                       "server.pem", "ca.crl", "message.eml", "message.p7s", "message-changed.eml",
+                                       "message.p7m", "letter.eml", "letter-signed.eml", "letter-secret.eml"});
 }
 
 norvauthority::Key Demo::makeKey() {
@@ -59,8 +66,8 @@ norvauthority::Key Demo::makeKey() {
 Demo::Identity Demo::makeIdentity(const std::string& name, norvauthority::CertificateRequest request) {
     request.key = makeKey();
     Identity identity = norvauthority::issue(request);
-    writeFile(path(name + ".key"), m_inputs, identity.key.pkcs8Pem(), OutputFile::Access::owner, existing());
-    writeFile(path(name + ".pem"), m_inputs, identity.certificate.pem());
+    put(name + ".key", identity.key.pkcs8Pem(), OutputFile::Access::owner);
+    put(name + ".pem", identity.certificate.pem());
     tell("   " + path(name + ".pem") + "  SHA-256 " + identity.certificate.sha256());
     return identity;
 }
@@ -104,7 +111,7 @@ void Demo::makeIdentities() {
     const norvauthority::Crl list = norvauthority::issueList(
         {.issuer = &m_authority, .revoked = {{.serial = "0bad", .reason = 1}}, .crlNumber = "01"});
     m_list = list.pem();
-    writeFile(path("ca.crl"), m_inputs, m_list);
+    put("ca.crl", m_list);
     tell("   " + path("ca.crl") + "  the authority's revocation list");
     command("openssl verify -purpose smimesign -CAfile " + argument("root.pem") + " -untrusted " + argument("ca.pem") +
             " " + argument("alice.pem") + " " + argument("bob.pem") + " " + argument("carol.pem") + " " +
@@ -115,7 +122,7 @@ void Demo::makeIdentities() {
 void Demo::makeMessage() {
     tell("2. The message");
     Norvane::Crypto::HasherMediaOut hasher(Hasher::SHA256);
-    OutputFile file(path("message.eml"), m_inputs);
+    OutputFile file(path("message.eml"), m_inputs, OutputFile::Access::everyone, existing());
     const auto write = [&](std::string_view bytes) {
         file.write(bytes.data(), bytes.size());
         hasher.write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned int>(bytes.size()));

@@ -13,13 +13,14 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace norvcrypt {
 
 struct DemoOptions {
     std::optional<std::string> in;
     std::string directory = "norvcrypt-demo";
-    bool force = false; ///< replace keys that are there already
+    bool force = false; ///< replace files that are there already
 };
 
 /// The demonstration: each step says what it does, does it, and prints how to check it without this program.
@@ -42,6 +43,11 @@ private:
     static Norvane::Crypto::RefKey keyOf(const Identity& identity);
 
     void makeDirectory();
+    /// Writes a file below the folder.
+    void put(const std::string& name, std::string_view content,
+             OutputFile::Access access = OutputFile::Access::everyone) {
+        writeFile(path(name), m_inputs, content, access, existing());
+    }
     norvauthority::Key makeKey();
     Identity makeIdentity(const std::string& name, norvauthority::CertificateRequest request);
     void makeIdentities();

@@ -15,7 +15,7 @@ namespace CMS = Norvane::Crypto::CMS;
 
 void Demo::encrypt() {
     tell("7. Encrypted for Alice, Bob and Carol, with AES-256");
-    OutputFile file(path("message.p7m"), m_inputs);
+    OutputFile file(path("message.p7m"), m_inputs, OutputFile::Access::everyone, existing());
     {
         Progress progress("encrypting");
         Norvane::MediaIn body = m_inputs.open(path("message.eml"), &progress);

@@ -24,7 +24,7 @@ constexpr std::string_view letter = "From: Alice Example <alice@example.org>\r\n
 } // namespace
 
 void Demo::makeLetter() {
-    writeFile(path("letter.eml"), m_inputs, letter);
+    put("letter.eml", letter);
     tell("   " + path("letter.eml") + "  a short mail");
     SMime::SignOptions signing;
     signing.signers.emplace_back(
@@ -33,7 +33,7 @@ void Demo::makeLetter() {
     encrypting.certificates = {certificateOf(m_alice), certificateOf(m_bob)};
     const auto write = [this](const std::string& name, const std::vector<SMime::Wrapping>& shells) {
         const Norvane::MediaIn message = m_inputs.open(path("letter.eml"));
-        OutputFile file(path(name), m_inputs);
+        OutputFile file(path(name), m_inputs, OutputFile::Access::everyone, existing());
         OutputStream out(file);
         SMime::wrap(message, shells, out, SMime::WriteOptions());
         file.commit();

@@ -41,8 +41,8 @@ void Demo::makeServer() {
                                                                        norvauthority::GeneralName::ip("127.0.0.1")}});
     const std::string key = server.key.pkcs8Pem();
     const std::string chain = server.certificate.pem() + m_authority.certificate.pem();
-    writeFile(path("server.key"), m_inputs, key, OutputFile::Access::owner, existing());
-    writeFile(path("server.pem"), m_inputs, chain);
+    put("server.key", key, OutputFile::Access::owner);
+    put("server.pem", chain);
     tell("   " + path("server.pem") + "  a server on this machine, and the authority that knows it");
     command("openssl verify -purpose sslserver -verify_hostname localhost -CAfile " + argument("root.pem") +
             " -untrusted " + argument("ca.pem") + " " + argument("server.pem"));
@@ -51,13 +51,13 @@ void Demo::makeServer() {
     for (const char* folder : {"/apps", "/ca", "/crl"})
         makeFolders(path(files + folder));
     makeFolders(path("appliance/etc"));
-    writeFile(path(files + "/apps/server.key"), m_inputs, key, OutputFile::Access::owner, existing());
-    writeFile(path(files + "/apps/server.crt"), m_inputs, chain);
-    writeFile(path("appliance/etc/cacert.pem"), m_inputs, m_root.certificate.pem());
+    put(files + "/apps/server.key", key, OutputFile::Access::owner);
+    put(files + "/apps/server.crt", chain);
+    put("appliance/etc/cacert.pem", m_root.certificate.pem());
     const norvauthority::X509Ptr authority = m_authority.certificate.x509();
     X509_NAME* const name = X509_get_subject_name(authority.get());
-    writeFile(path(files + "/ca/" + hashedName(name, "")), m_inputs, m_authority.certificate.pem());
-    writeFile(path(files + "/crl/" + hashedName(name, "r")), m_inputs, m_list);
+    put(files + "/ca/" + hashedName(name, ""), m_authority.certificate.pem());
+    put(files + "/crl/" + hashedName(name, "r"), m_list);
     tell("   " + path("appliance") + "  the files of a server, where the appliance has them");
 }
 

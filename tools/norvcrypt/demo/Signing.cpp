@@ -23,7 +23,7 @@ void Demo::sign() {
     body.write(signer);
     signer.end();
     const Norvane::Buffer& der = signature.content();
-    writeFile(path("message.p7s"), m_inputs, {reinterpret_cast<const char*>(der.data()), der.length()});
+    put("message.p7s", {reinterpret_cast<const char*>(der.data()), der.length()});
     tell("   " + path("message.p7s") + "  " + std::to_string(der.length()) + " bytes: a detached signature, with the " +
          "certificates of Alice and of the authority");
     command("openssl cms -cmsout -print -noout -inform DER -in " + argument("message.p7s"));
@@ -53,7 +53,7 @@ void Demo::refuseChangedByte() {
     tell("5. One changed byte");
     const std::uint64_t position = m_size / 2;
     {
-        OutputFile file(path("message-changed.eml"), m_inputs);
+        OutputFile file(path("message-changed.eml"), m_inputs, OutputFile::Access::everyone, existing());
         Norvane::MediaIn in = m_inputs.open(path("message.eml"));
         std::array<unsigned char, 65536> chunk{};
         std::uint64_t at = 0;

@@ -42,10 +42,10 @@ void makeFolder(const std::string& path) {
 } // namespace
 
 void Demo::makePkcs12Files() {
-    writeFile(path("secret"), m_inputs, std::string(passphrase) + "\n", OutputFile::Access::owner);
+    put("secret", std::string(passphrase) + "\n", OutputFile::Access::owner);
     for (const auto& [name, identity] : {std::pair{"alice", &m_alice}, {"carol", &m_carol}}) {
         const std::string file = std::string(name) + ".p12";
-        writeFile(path(file), m_inputs, pkcs12Of(*identity), OutputFile::Access::owner, existing());
+        put(file, pkcs12Of(*identity), OutputFile::Access::owner);
         tell("   " + path(file) + "  key and certificate in one PKCS#12 file");
         command("openssl pkcs12 -in " + argument(file) + " -passin file:" + argument("secret") + " -noout");
     }
@@ -57,10 +57,10 @@ void Demo::makeStore() {
     for (const auto& [name, identity] : {std::pair{"alice", &m_alice}, {"bob", &m_bob}, {"carol", &m_carol}}) {
         const std::string folder = std::string("identities/") + name;
         makeFolder(path(folder));
-        writeFile(path(folder + "/key.pem"), m_inputs, identity->key.pkcs8Pem(), OutputFile::Access::owner, existing());
-        writeFile(path(folder + "/cert.pem"), m_inputs, identity->certificate.pem());
-        writeFile(path(folder + "/chain.pem"), m_inputs, m_authority.certificate.pem());
-        writeFile(path(folder + "/owners.txt"), m_inputs, std::string(name) + "@example.org\n");
+        put(folder + "/key.pem", identity->key.pkcs8Pem(), OutputFile::Access::owner);
+        put(folder + "/cert.pem", identity->certificate.pem());
+        put(folder + "/chain.pem", m_authority.certificate.pem());
+        put(folder + "/owners.txt", std::string(name) + "@example.org\n");
     }
     tell("   " + path("identities") + "  a store, in which norvcrypt finds the three by their mail addresses");
 }

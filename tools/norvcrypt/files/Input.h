@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace norvcrypt {
@@ -64,6 +65,13 @@ public:
     void beginReplacing(const FileIdentity& file) { m_replaced.insert(file); }
     void endReplacing(const FileIdentity& file) { m_replaced.erase(file); }
 
+    /// Where an output is to appear: its folder, and its name there, under which there need not be a file.
+    using Place = std::pair<FileIdentity, std::string>;
+    /// Whether an output that is being written is to appear there.
+    [[nodiscard]] bool isTaken(const Place& place) const { return m_taken.contains(place); }
+    void beginWriting(const Place& place) { m_taken.insert(place); }
+    void endWriting(const Place& place) { m_taken.erase(place); }
+
 private:
     void note(const std::string& path, const FileIdentity& file);
 
@@ -73,6 +81,7 @@ private:
     std::map<std::string, Norvane::MediaIn> m_begun; ///< of what can be read only once
     std::set<FileIdentity> m_read;
     std::set<FileIdentity> m_replaced;
+    std::set<Place> m_taken;
 };
 
 } // namespace norvcrypt

@@ -76,6 +76,13 @@ std::string temporaryName(const std::string& target) {
     return directoryOf(target) + "/.norvcrypt.XXXXXX";
 }
 
+using RealPath = std::unique_ptr<char, decltype(&std::free)>;
+
+/// Without links; null for what has no name of its own, such as the pipe that /dev/stdout leads to.
+RealPath realPathOf(const std::string& path) {
+    return {realpath(path.c_str(), nullptr), std::free};
+}
+
 /// What the kernel has for an open file, with a name or without.
 std::string linkOf(int descriptor) {
     return "/proc/self/fd/" + std::to_string(descriptor);
@@ -117,6 +124,7 @@ OutputFile::OutputFile(std::string path, Inputs& inputs, Access access, Existing
     if (m_name == "-") {
         m_name = "standard output";
         m_descriptor = STDOUT_FILENO;
+        checkStandardOutput();
         return;
     }
     struct stat status {};
@@ -127,6 +135,8 @@ OutputFile::OutputFile(std::string path, Inputs& inputs, Access access, Existing
     if (exists && !S_ISREG(status.st_mode)) {
         if (inputs.areOfOneOfMany())
             throw Failure("cannot write " + m_name + ": " + notAFile);
+        if (access == Access::owner && S_ISFIFO(status.st_mode) && status.st_uid != geteuid() && realPathOf(m_name))
+            refuseOfAnotherUser();
         m_descriptor = open(m_name.c_str(), O_WRONLY | O_CLOEXEC);
         if (m_descriptor < 0)
             fail(errno);
@@ -134,12 +144,26 @@ OutputFile::OutputFile(std::string path, Inputs& inputs, Access access, Existing
     }
     if (exists)
         checkExisting(status, access);
+    checkPlace();
     m_mode = access == Access::owner ? 0600U : exists ? status.st_mode & 0777U : 0666U & ~creationMask();
     openUnnamed();
     if (!m_unnamed)
         openTemporary();
     if (m_replaced)
         m_inputs->beginReplacing(*m_replaced);
+    m_inputs->beginWriting(*m_place);
+}
+
+/// What is read and written behind its end at the same time would never end.
+void OutputFile::checkStandardOutput() {
+    struct stat status {};
+    if (fstat(STDOUT_FILENO, &status) != 0 || !S_ISREG(status.st_mode))
+        return;
+    const FileIdentity file(status);
+    if (m_inputs->hold(file))
+        throw Failure("cannot write standard output: it is an input too");
+    m_replaced = file;
+    m_inputs->beginReplacing(file);
 }
 
 void OutputFile::checkExisting(const struct stat& status, Access access) {
@@ -149,9 +173,9 @@ void OutputFile::checkExisting(const struct stat& status, Access access) {
     if (m_existing == Existing::refused)
         refuseExisting();
     if (access == Access::owner && status.st_uid != geteuid())
-        throw Failure("cannot write " + m_name + ": it belongs to another user, and a secret is to be written");
+        refuseOfAnotherUser();
     // The file behind a link is replaced, not the link.
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(m_name.c_str(), nullptr), std::free);
+    const RealPath real = realPathOf(m_name);
     if (!real || ::access(real.get(), W_OK) != 0)
         fail(errno);
     m_target = real.get();
@@ -160,6 +184,17 @@ void OutputFile::checkExisting(const struct stat& status, Access access) {
         m_owner = status.st_uid;
         m_group = status.st_gid;
     }
+}
+
+/// Of two outputs of one name the second would take the place of the first, which may be a new key.
+void OutputFile::checkPlace() {
+    struct stat folder {};
+    if (stat(directoryOf(m_target).c_str(), &folder) != 0)
+        fail(errno);
+    const Inputs::Place place(FileIdentity(folder), m_target.substr(m_target.rfind('/') + 1));
+    if (m_inputs->isTaken(place))
+        throw Failure("cannot write " + m_name + ": it is another output, too, which would be lost");
+    m_place = place;
 }
 
 /// A file without a name goes with the process, however that ends.
@@ -187,6 +222,8 @@ void OutputFile::openTemporary() {
 OutputFile::~OutputFile() {
     if (m_replaced)
         m_inputs->endReplacing(*m_replaced);
+    if (m_place)
+        m_inputs->endWriting(*m_place);
     const Uninterrupted hold;
     if (!m_temporary.empty()) {
         static_cast<void>(unlink(m_temporary.c_str()));
@@ -285,6 +322,10 @@ void OutputFile::loseTemporary() {
 
 void OutputFile::refuseExisting() const {
     throw Failure("will not replace " + m_name + ", which exists already: give --force to have it replaced");
+}
+
+void OutputFile::refuseOfAnotherUser() const {
+    throw Failure("cannot write " + m_name + ": it belongs to another user, and a secret is to be written");
 }
 
 void OutputFile::fail(int error) const {

@@ -34,13 +34,13 @@ private:
 /// directly; of one of several pieces of work it is refused.
 class OutputFile {
 public:
-    /// owner: for secrets; mode 0600, ours, and never in the place of another user's file
+    /// owner: for secrets; mode 0600, ours, and never in the place of another user's file, or into another user's pipe
     enum class Access { everyone, owner };
     /// What happens to a regular file that is there already.
     enum class Existing { replaced, refused };
 
-    /// \throws Failure: the place cannot be written to, is that of one of the inputs (which must outlive this), or there
-    /// is a file that is not to be replaced
+    /// \throws Failure: the place cannot be written to, is that of one of the inputs (which must outlive this) or of another
+    /// output beside them, or there is a file that is not to be replaced
     OutputFile(std::string path, Inputs& inputs, Access access = Access::everyone,
                Existing existing = Existing::replaced);
     /// Takes away what was not committed.
@@ -61,7 +61,9 @@ public:
     void commit();
 
 private:
+    void checkStandardOutput();
     void checkExisting(const struct stat& status, Access access);
+    void checkPlace();
     void openUnnamed();
     void openTemporary();
     void nameTemporary();
@@ -70,12 +72,14 @@ private:
     void loseTemporary();
     [[noreturn]] void fail(int error) const;
     [[noreturn]] void refuseExisting() const;
+    [[noreturn]] void refuseOfAnotherUser() const;
 
     std::string m_name; ///< as the caller gave it, for messages
     std::string m_target;
     Inputs* m_inputs;
     Existing m_existing;
     std::optional<FileIdentity> m_replaced;
+    std::optional<Inputs::Place> m_place;
     bool m_unnamed = false;
     std::string m_temporary; ///< its name, while it has one
     std::size_t m_slot = 0;  ///< of the temporary file, among those that an interrupt removes

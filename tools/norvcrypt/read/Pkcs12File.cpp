@@ -25,6 +25,19 @@ bool isWrongPassword(const Norvane::Exception& failure) {
     return reason != nullptr && reason->empty();
 }
 
+/// The PKCS#12 structure in a file, however it is wrapped; what looks binary and is none has the library tell what is wrong
+/// with it. \throws Failure: there is none, or more than one
+Norvane::Buffer structureIn(const Norvane::Buffer& file, const std::string& name) {
+    const std::vector<FoundObject> found = objectsIn(file);
+    const auto isPkcs12 = [](const FoundObject& one) { return one.kind == ObjectKind::pkcs12; };
+    const auto first = std::ranges::find_if(found, isPkcs12);
+    if (first == found.end() && (found.front().kind != ObjectKind::unknown || !looksLikeDer(file)))
+        throw Failure("no PKCS#12 structure in " + name + whatElseIsIn(file));
+    if (std::ranges::count_if(found, isPkcs12) > 1)
+        throw Failure("more than one PKCS#12 structure in " + name);
+    return first == found.end() ? file : first->der;
+}
+
 void readUnder(const std::string& passphrase, Norvane::Crypto::PKCS12::Store& store) {
     try {
         store.read(passphrase);
@@ -39,12 +52,7 @@ void readUnder(const std::string& passphrase, Norvane::Crypto::PKCS12::Store& st
 
 std::optional<Pkcs12Content> readPkcs12(Inputs& inputs, const std::string& path, const Passphrase& passphrase) {
     needAllAlgorithms();
-    const Norvane::Buffer file = inputs.readAll(path, true);
-    if (const std::vector<FoundObject> found = objectsIn(file);
-        std::ranges::none_of(found, [](const FoundObject& one) { return one.kind == ObjectKind::pkcs12; }) &&
-        (found.front().kind != ObjectKind::unknown || !looksLikeDer(file)))
-        throw Failure("no PKCS#12 structure in " + inputName(path) + whatElseIsIn(file));
-    Norvane::Crypto::MemoryBIO source(file);
+    Norvane::Crypto::MemoryBIO source(structureIn(inputs.readAll(path, true), inputName(path)));
     try {
         Norvane::Crypto::PKCS12::Store store(source);
         readUnder(passphrase.text(), store);

@@ -5,6 +5,7 @@
 #include "recognise/WhatElse.h"
 
 #include <norvcrypto-keystore/KeyFiles.h>
+#include <norvcrypto/EncodedKind.h>
 
 #include <algorithm>
 #include <array>
@@ -38,6 +39,14 @@ RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase
                   passphrase.oddity() + (tellsAll() ? ": " + opened.reason : ""));
 }
 
+/// What is to be decrypted of a file: the key as it was found in it, however it is wrapped there. How a key of OpenSSL's older
+/// form is encrypted stands in the text around it.
+const Norvane::Buffer& encryptedPart(const FoundObject& object, const Norvane::Buffer& content) {
+    const bool tellsItself =
+        Norvane::Crypto::encodedKind(object.der) == Norvane::Crypto::EncodedKind::encryptedPrivateKey;
+    return tellsItself ? object.der : content;
+}
+
 /// A key in clear is protected by the mode of its file alone.
 void warnOfReaders(const std::string& path) {
     struct stat status {};
@@ -63,7 +72,7 @@ RefKey readPrivateKey(Inputs& inputs, const std::string& path, const Passphrase&
     if (object->kind == ObjectKind::encryptedKey && !passphrase.given())
         throw Failure("the private key in " + name + " is encrypted: give its passphrase with --passphrase-file");
     if (object->kind == ObjectKind::encryptedKey)
-        return decryptedKey(content, passphrase, name);
+        return decryptedKey(encryptedPart(*object, content), passphrase, name);
     try {
         RefKey key(Key::PRIVATE_KEY);
         key->read(object->der, false);

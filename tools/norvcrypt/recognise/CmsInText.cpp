@@ -15,6 +15,12 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
     const auto count = std::count_if(objects.begin(), objects.end(), isCms);
     if (count > 1)
         throw Failure("more than one CMS structure in " + name);
+    // What is told about one of several structures would pass for a word on all of them.
+    const auto isDamaged = [](const FoundObject& object) {
+        return object.kind == ObjectKind::unknown && object.der.empty(); // a block of which nothing could be read
+    };
+    if (const auto other = std::ranges::find_if(objects, isDamaged); count == 1 && other != objects.end())
+        throw Failure("beside a CMS structure in " + name + ": " + other->problem);
     if (count == 0 && !looksLikeDer(content))
         throw Failure("no CMS structure in " + name + whatElseIsIn(content));
     // What looks binary and is none has the library tell what is wrong with it.

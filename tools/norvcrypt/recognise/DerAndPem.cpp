@@ -14,7 +14,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <deque>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -22,7 +24,14 @@ namespace norvcrypt {
 
 namespace {
 
+/// Blocks that stand in front of the key that repeats them.
+constexpr std::string_view parameters = "PARAMETERS";
+
 constexpr const char* nothingKnown = "no certificate, list, key or CMS structure";
+
+/// The largest file that is read holds fewer certificates of a usual size. Objects of a few octets each would take up some twenty times
+/// the file's length, whatever it is read for.
+constexpr std::size_t mostObjects = 300000;
 
 /// An element's header, as far as it lies within the bytes.
 struct Header {
@@ -217,6 +226,12 @@ std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
     const std::size_t end = endWithoutBlanks(content);
     // An editor's last line feed is no object.
     while (at < content.length() && (objects.empty() || at < end)) {
+        if (objects.size() == mostObjects) {
+            objects.push_back({ObjectKind::unknown,
+                               {},
+                               "more than " + std::to_string(mostObjects) + " objects: the others are not looked at"});
+            break;
+        }
         const unsigned char* start = content.data() + at;
         const std::size_t left = content.length() - at;
         const auto header = headerOf(start, left);
@@ -235,6 +250,27 @@ std::vector<FoundObject> objectsInDer(const Norvane::Buffer& content) {
                                                   : "no certificate, list, key or CMS structure, or a malformed one";
         objects.push_back({kind, der, problem});
     }
+    return objects;
+}
+
+std::string_view octetsOf(const Norvane::Buffer& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.length()};
+}
+
+/// Beside proper PEM, the blocks that OpenSSL passes over (indented or quoted in a mail, say), each once.
+std::vector<FoundObject> withPassedOver(std::vector<FoundObject> objects, const Norvane::Buffer& content) {
+    std::set<std::string_view> known;
+    for (const FoundObject& object : objects)
+        known.insert(octetsOf(object.der));
+    std::deque<FoundObject> others; // which stay where they are while more of them come
+    for (const WrappedObject& wrapped : wrappedIn(content)) {
+        if (wrapped.label.empty() || wrapped.label.ends_with(parameters))
+            continue;
+        FoundObject object = objectOf(wrapped.label, "", wrapped.der);
+        if (!known.contains(octetsOf(object.der)))
+            known.insert(octetsOf(others.emplace_back(std::move(object)).der));
+    }
+    objects.insert(objects.end(), others.begin(), others.end());
     return objects;
 }
 
@@ -272,12 +308,16 @@ std::vector<FoundObject> objectsIn(const Norvane::Buffer& content) {
     if (looksLikeDer(content))
         objects = objectsInDer(content);
     // A text may begin with the digit 0, which is the first byte of every DER object.
-    if (Norvane::Crypto::NVX509::isPem(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown))
+    const bool isPem =
+        Norvane::Crypto::NVX509::isPem(content) && (objects.empty() || objects.front().kind == ObjectKind::unknown);
+    if (isPem)
         objects = objectsInPem(content);
     const auto isUnknown = [](const FoundObject& object) { return object.kind == ObjectKind::unknown; };
     if (std::ranges::all_of(objects, isUnknown))
         if (std::vector<FoundObject> wrapped = objectsWrapped(content); !wrapped.empty())
             objects = std::move(wrapped);
+    if (!std::ranges::all_of(objects, isUnknown) && isPem && hasImproperPem(content))
+        objects = withPassedOver(std::move(objects), content);
     if (objects.empty())
         objects.push_back({ObjectKind::unknown, {}, content.empty() ? "it is empty" : nothingKnown});
     return objects;

@@ -113,22 +113,25 @@ std::optional<Buffer> fromHexDigits(std::string_view text) {
     return high < 0 && looksLikeDer(bytes) ? std::optional(bytes) : std::nullopt;
 }
 
+constexpr std::string_view blockBegin = "-----begin ";
+constexpr std::string_view blockEnd = "-----end ";
+constexpr std::string_view dashes = "-----";
+
 /// Blocks of PEM, wherever their lines begin and end.
 std::vector<WrappedObject> fromPem(std::string_view text) {
-    static constexpr std::string_view begin = "-----begin ";
-    static constexpr std::string_view end = "-----end ";
     std::vector<WrappedObject> objects;
-    for (std::size_t at = findAlike(text, begin, 0); at != std::string_view::npos; at = findAlike(text, begin, at)) {
-        at += begin.size();
-        const std::size_t labelEnd = text.find("-----", at);
-        const std::size_t bodyEnd = labelEnd == std::string_view::npos ? labelEnd : findAlike(text, end, labelEnd);
+    for (std::size_t at = findAlike(text, blockBegin, 0); at != std::string_view::npos;
+         at = findAlike(text, blockBegin, at)) {
+        at += blockBegin.size();
+        const std::size_t labelEnd = text.find(dashes, at);
+        const std::size_t bodyEnd = labelEnd == std::string_view::npos ? labelEnd : findAlike(text, blockEnd, labelEnd);
         if (bodyEnd == std::string_view::npos)
             break;
         std::string label(text.substr(at, labelEnd - at));
         std::ranges::transform(label, label.begin(), [](char letter) {
             return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
         });
-        if (auto der = fromBase64(text.substr(labelEnd + 5, bodyEnd - labelEnd - 5)))
+        if (auto der = fromBase64(text.substr(labelEnd + dashes.size(), bodyEnd - labelEnd - dashes.size())))
             objects.push_back({label, *der});
         at = bodyEnd;
     }
@@ -230,6 +233,21 @@ std::vector<WrappedObject> wrappedIn(const Buffer& content) {
         if (auto der = unwrap(text))
             return {{"", *der}};
     return {};
+}
+
+bool hasImproperPem(const Buffer& content) {
+    const std::string_view text = withoutByteOrderMark(textOf(content));
+    for (std::size_t at = findAlike(text, blockBegin, 0); at != std::string_view::npos;
+         at = findAlike(text, blockBegin, at + 1)) {
+        const bool isAtStart = at == 0 || text[at - 1] == '\n';
+        std::string_view line = text.substr(at, std::min(text.find('\n', at), text.size()) - at);
+        while (!line.empty() && isWhite(line.back()))
+            line.remove_suffix(1);
+        if (!isAtStart || !line.starts_with("-----BEGIN ") ||
+            line.find(dashes, blockBegin.size()) + dashes.size() != line.size())
+            return true;
+    }
+    return false;
 }
 
 bool looksLikeMail(const Buffer& content) {

@@ -23,6 +23,10 @@ struct WrappedObject {
 /// order mark, and in UTF-16.
 std::vector<WrappedObject> wrappedIn(const Norvane::Buffer& content);
 
+/// Whether a block of PEM begins elsewhere than at the start of a line, in small letters, or with more behind its label: what
+/// reads proper PEM passes over it.
+bool hasImproperPem(const Norvane::Buffer& content);
+
 /// Whether a text begins with the header fields of a mail, or of a part of one.
 bool looksLikeMail(const Norvane::Buffer& content);
 

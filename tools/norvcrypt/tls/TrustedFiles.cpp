@@ -4,6 +4,7 @@
 #include "openssl/CertificateDetails.h"
 #include "openssl/Reasons.h"
 #include "recognise/DerAndPem.h"
+#include "recognise/Wrapped.h"
 
 #include <norvcrypto/Acceptance.h>
 
@@ -63,6 +64,8 @@ template <class Traits> std::vector<typename Traits::Pointer> readObjects(const 
             problems.add(path, "DER, which is not read here: only PEM is");
             return objects;
         }
+        if (hasImproperPem(content))
+            problems.add(path, "PEM that is indented, quoted or in small letters, which is not read here");
         const QuietQuestion quiet;
         for (const FoundObject& found : objectsIn(content)) {
             if (!found.problem.empty())
