@@ -1,6 +1,7 @@
 #include "Judgement.h"
 
 #include "Checks.h"
+#include "Policies.h"
 
 #include <algorithm>
 #include <utility>
@@ -17,6 +18,7 @@ struct Originals {
     X509_STORE_CTX_check_revocation_fn revocation;
     X509_STORE_CTX_check_crl_fn list;
     X509_STORE_CTX_cert_crl_fn listEntry;
+    X509_STORE_CTX_check_policy_fn policies;
 };
 
 /// They are functions of OpenSSL's own that only a context tells.
@@ -28,7 +30,8 @@ const Originals& originals() {
             throw std::bad_alloc();
         }
         return Originals{X509_STORE_CTX_get_check_revocation(context.get()),
-                         X509_STORE_CTX_get_check_crl(context.get()), X509_STORE_CTX_get_cert_crl(context.get())};
+                         X509_STORE_CTX_get_check_crl(context.get()), X509_STORE_CTX_get_cert_crl(context.get()),
+                         X509_STORE_CTX_get_check_policy(context.get())};
     }();
     return found;
 }
@@ -74,6 +77,7 @@ void Judgement::prepare(X509_STORE* store) {
     X509_STORE_set_check_crl(store, &Judgement::onList);
     X509_STORE_set_cert_crl(store, &Judgement::onListEntry);
     X509_STORE_set_lookup_crls(store, &Judgement::onListsWanted);
+    X509_STORE_set_check_policy(store, &Judgement::onPolicies);
 }
 
 Judgement::Judgement(const Snapshot& snapshot, const Request& request)
@@ -139,6 +143,32 @@ int Judgement::onListEntry(X509_STORE_CTX* context, X509_CRL* list, X509* certif
             self.place(depth).lists.push_back(self.m_lists.handleOf(list));
         }
         return originals().listEntry(context, list, certificate);
+    });
+}
+
+int Judgement::onPolicies(X509_STORE_CTX* context) {
+    Judgement& self = of(context);
+    return guarded(self.m_thrown, 0, [&] {
+        const bool isNested = X509_STORE_CTX_get0_parent_ctx(context) != nullptr; // of which OpenSSL asks no policy
+        const auto answer =
+            isNested ? std::nullopt
+                     : answerBesideOpenssl(X509_STORE_CTX_get0_chain(context), !self.m_request.policies.empty());
+        if (!answer) {
+            return originals().policies(context);
+        }
+        const auto fail = [&](int error, int depth, X509* about) {
+            X509_STORE_CTX_set_error(context, error);
+            X509_STORE_CTX_set_error_depth(context, depth);
+            X509_STORE_CTX_set_current_cert(context, about);
+            self.failed(context);
+        };
+        for (const int depth : answer->invalid) {
+            fail(X509_V_ERR_INVALID_POLICY_EXTENSION, depth, sk_X509_value(X509_STORE_CTX_get0_chain(context), depth));
+        }
+        if (answer->missing) {
+            fail(X509_V_ERR_NO_EXPLICIT_POLICY, 0, nullptr);
+        }
+        return 1;
     });
 }
 

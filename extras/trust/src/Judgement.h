@@ -65,6 +65,7 @@ private:
     static int onRevocation(X509_STORE_CTX* context);
     static int onList(X509_STORE_CTX* context, X509_CRL* list);
     static int onListEntry(X509_STORE_CTX* context, X509_CRL* list, X509* certificate);
+    static int onPolicies(X509_STORE_CTX* context);
     static STACK_OF(X509_CRL) * onListsWanted(const X509_STORE_CTX* context, const X509_NAME* issuer);
 
     void setUp(X509_STORE_CTX* context, STACK_OF(X509) * untrusted);

@@ -88,6 +88,50 @@ std::vector<Case> demanded() {
     };
 }
 
+/// Policy constraints without policies, of which OpenSSL 3.0 leaks what it decoded.
+std::vector<Case> constraintsAlone() {
+    const Error none{43, 0};
+    const Finding missingPolicy{Code::policyMissing, 0};
+    const Extension there = certificatePolicies({gold});
+    const Extension negative{.oid = "2.5.29.36",
+                             .value = norvauthority::der::sequence({norvauthority::der::element(0x80, {0xFF})}),
+                             .critical = true};
+    const auto renewed = [](const std::string& name, unsigned int demanded, const std::vector<Error>& openssl = {},
+                            const std::vector<Finding>& reasons = {}) {
+        const Identity old = authority(root(), {.extensions = {policyConstraints(demanded, std::nullopt)}});
+        const Identity next = authority(old); // of the same name
+        return Case{.name = name,
+                    .leaf = person(next).certificate,
+                    .untrusted = {old.certificate, next.certificate},
+                    .openssl = openssl,
+                    .reasons = reasons};
+    };
+    return {
+        chain("PolicyDemandedWithoutAny", {policyConstraints(0, std::nullopt)}, {there}, {}, {none}, {missingPolicy}),
+        chain("PolicyDemandedOfThePersonWithoutAny", {policyConstraints(1, std::nullopt)}, {there}, {}, {none},
+              {missingPolicy}),
+        chain("PolicyDemandedBehindThePerson", {policyConstraints(2, std::nullopt)}, {}, {}),
+        chain("PolicyDemandedByThePersonAlone", {there}, {policyConstraints(0, std::nullopt)}, {}, {none},
+              {missingPolicy}),
+        chain("PolicyDemandedTwice", {policyConstraints(9, std::nullopt)}, {policyConstraints(0, std::nullopt)}, {},
+              {none}, {missingPolicy}),
+        chain("PolicyDemandedAboveConstraintsAlone", {there, policyConstraints(0, std::nullopt)},
+              {policyConstraints(std::nullopt, 0)}, {}, {none}, {missingPolicy}),
+        chain("MappingInhibitedWithoutPolicies", {policyConstraints(std::nullopt, 0)}, {there}, {}),
+        chain("PolicyAskedForBesideConstraintsAlone", {policyConstraints(9, std::nullopt)}, {there}, {gold}, {none},
+              {missingPolicy}),
+        chain("ConstraintsAloneEmpty", {policyConstraints(std::nullopt, std::nullopt)}, {}, {}, {{42, 1}},
+              {{Code::policyInvalid, 1}}),
+        chain("ConstraintsAloneNegative", {negative}, {}, {}, {{42, 1}}, {{Code::policyInvalid, 1}}),
+        chain("PolicyTwiceBelowConstraintsAlone", {policyConstraints(9, std::nullopt)},
+              {certificatePolicies({gold, gold})}, {}, {{42, 0}}, {{Code::policyInvalid, 0}}),
+        chain("ConstraintsAloneEmptyBelowOthers", {policyConstraints(9, std::nullopt)},
+              {policyConstraints(std::nullopt, std::nullopt)}, {}, {{42, 0}}, {{Code::policyInvalid, 0}}),
+        renewed("WhatIsIssuedToItselfDoesNotCountTowardsADemand", 2),
+        renewed("APolicyDemandedBehindWhatIsIssuedToItself", 1, {none}, {missingPolicy}),
+    };
+}
+
 /// Each authority maps each policy to each: what has to be kept doubles with each of them unless it is bounded.
 Case growing() {
     const std::vector<std::string> two{gold, silver};
@@ -112,7 +156,7 @@ Case growing() {
 
 std::vector<Case> policyCases() {
     std::vector<Case> all{growing()};
-    for (const auto& some : {asked(), mapped(), demanded()})
+    for (const auto& some : {asked(), mapped(), demanded(), constraintsAlone()})
         all.insert(all.end(), some.begin(), some.end());
     return all;
 }
