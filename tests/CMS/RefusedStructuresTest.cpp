@@ -2,6 +2,8 @@
 #include "support/Cms.h"
 #include "support/Costly.h"
 
+#include <gmock/gmock.h>
+
 using namespace cmstest;
 using norvtest::certificatesOnly;
 

@@ -191,7 +191,7 @@ TEST_F(TrustRevocation, AnOldListInAMessageHidesNothing) {
 TEST_F(TrustRevocation, AListInAMessageIsUsed) {
     Case one = with(Revocation::required);
     one.known(list(m_root));
-    one.lists.push_back(RefCertificateRevocationList());
+    one.lists.emplace_back();
     one.lists.push_back(read(list(m_middle)));
     EXPECT_EQ(shown(one.judge(m_anna)), "accepted ");
     one.lists.push_back(read(list(m_middle, {.revoked = {{.serial = "a1"}}, .thisUpdate = Time::fromNow(-60)})));

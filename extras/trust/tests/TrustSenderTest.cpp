@@ -14,7 +14,6 @@ namespace {
 
 using Code = ReasonCode;
 using norvauthority::Bytes;
-using norvauthority::Name;
 
 GeneralName utf8Mailbox(const std::string& address) {
     return GeneralName::otherName("1.3.6.1.5.5.7.8.9",

@@ -18,13 +18,11 @@
 
 namespace {
 
-using Norvane::Buffer;
 using Norvane::MediaIn;
 using Norvane::MediaOut;
 using Norvane::MemoryMediaIn;
 using Norvane::MemoryMediaOut;
 using Norvane::Crypto::BIOMediaIn;
-using Norvane::Crypto::BIOMediaInImpl;
 using Norvane::Crypto::BIOMediaOut;
 using Norvane::Crypto::BIOMediaOutImpl;
 using norvtest::FailingMediaOut;

@@ -109,7 +109,7 @@ std::vector<std::string> scanned(const std::string& body, std::size_t step) {
 /// What is said of a body, whatever the pieces that it comes in.
 std::vector<std::string> partsOf(const std::string& body) {
     std::vector<std::string> whole = scanned(body, body.size() + 1);
-    for (const std::size_t step : {1, 2, 3, 5, 4096, 5000})
+    for (const std::size_t step : {1U, 2U, 3U, 5U, 4096U, 5000U})
         EXPECT_EQ(scanned(body, step), whole) << "in steps of " << step;
     return whole;
 }

@@ -12,7 +12,6 @@
 namespace {
 
 using namespace puttogether;
-using Norvane::Crypto::SMime::Change;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -129,7 +128,7 @@ TEST(RecipesTest, Base64AndQuotedPrintable) {
         facts.hasCapitalHexDigits = facts.hasEightBitText = true;
     const std::string base64 = "Content-Transfer-Encoding: base64\n\n";
     const std::string letters(160, 'A');
-    for (const std::size_t width : {76, 64, 72, 60}) {
+    for (const std::size_t width : {76U, 64U, 72U, 60U}) {
         std::string lines;
         for (std::size_t at = 0; at < letters.size(); at += width) {
             lines += (at == 0 ? "" : "\r\n") + letters.substr(at, width);

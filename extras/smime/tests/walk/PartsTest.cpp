@@ -52,7 +52,7 @@ std::vector<std::string> partsOf(const std::string& body, std::size_t step, std:
     while (multipart.next())
         parts.push_back(all(*multipart.part()));
     EXPECT_EQ(multipart.lookAlikes(), lookAlikes) << body;
-    parts.push_back(multipart.isClosed() ? "closed" : "open");
+    parts.emplace_back(multipart.isClosed() ? "closed" : "open");
     parts.push_back(all(*octets));
     return parts;
 }

@@ -37,7 +37,7 @@ std::string filtered(const Filter& filter, const std::string& text, std::size_t 
 /// What comes out, the same for all pieces.
 std::string through(const Filter& filter, const std::string& text) {
     std::string whole = filtered(filter, text, text.size() + 1);
-    for (const std::size_t piece : {1, 2, 3, 7, 76}) {
+    for (const std::size_t piece : {1U, 2U, 3U, 7U, 76U}) {
         EXPECT_EQ(filtered(filter, text, piece), whole) << "in pieces of " << piece;
     }
     return whole;
@@ -127,7 +127,7 @@ TEST(SmimeFiltersTest, TakesEndsOfLinesInAnyOrder) {
         EXPECT_EQ(through(canonical(LoneReturn::data), text), returnsAreData);
         EXPECT_EQ(through(canonical(LoneReturn::lineEnd), text), returnsEndLines);
         EXPECT_EQ(through(lineFeeds, text), feeds);
-        for (const std::size_t cut : {0, 1, 3}) {
+        for (const std::size_t cut : {0U, 1U, 3U}) {
             mime::LineEndCounter counter;
             counter.update(std::string_view(text).substr(0, cut));
             counter.update(std::string_view(text).substr(std::min(cut, text.size())));
@@ -189,7 +189,7 @@ TEST(SmimeFiltersTest, QuotesTheOctetsThatHaveToBe) {
 /// More than is gathered at once; a line end stands on every border between two such pieces.
 TEST(SmimeFiltersTest, TakesLongPiecesAsShortOnes) {
     constexpr std::size_t gatheredAtOnce = 16384;
-    for (const std::size_t shift : {0, 1, 2}) {
+    for (const std::size_t shift : {0U, 1U, 2U}) {
         std::string text(gatheredAtOnce - 1 - shift, '\n');
         std::string data;
         for (unsigned int number = 0; data.size() < 3 * gatheredAtOnce; ++number) {
@@ -444,7 +444,7 @@ bool watched(const std::vector<std::string>& boundaries, const std::string& text
 }
 
 TEST(SmimeBoundaryTest, IsFoundWhereALineBeginsWithIt) {
-    for (const std::size_t piece : {1, 3, 100}) {
+    for (const std::size_t piece : {1U, 3U, 100U}) {
         for (const char* const text :
              {"--=_abc", "x\r\n--=_abc\r\n", "\n--=_abcd", "--=_ab\n--=_abc--\n", "--\n--=_xyz", "y\n--=_xyz "}) {
             EXPECT_TRUE(watched({"=_abc", "=_xyz"}, text, piece)) << text;

@@ -104,7 +104,7 @@ TEST(SmimeSigningTest, LeavesAByteOrderMarkOut) {
     EXPECT_THAT(mail, StartsWith("From: alice@example.org\r\nMIME-Version: 1.0\r\n"));
     // That of the body is the sender's.
     EXPECT_THAT(verified(mail), testing::EndsWith("\r\n\r\n=EF=BB=BFhello, hello"));
-    const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn((mark + "From: a@b.c\n\n").c_str()));
+    const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn(mark + "From: a@b.c\n\n"));
     ASSERT_EQ(people.from.size(), 1U);
     EXPECT_EQ(people.from.front().address(), "a@b.c");
 }
