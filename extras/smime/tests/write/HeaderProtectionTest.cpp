@@ -118,6 +118,9 @@ TEST(SmimeHeaderProtectionTest, RefusesAddressesThatHaveNoFormInSevenBits) {
         EXPECT_THAT(sent, HasSubstr("?= <j@xn--bcher-kva.example>\r\n"));
         EXPECT_THAT(verified(sent), HasSubstr("?= <j@xn--bcher-kva.example>\r\n"));
     }
+    for (const char* const noAddresses : {"To: a@b.example <\xc3\xa4", "To: \xc3\xa4:;", "To: \xc3\xa4"}) {
+        EXPECT_THAT(wrapped(std::string(noAddresses) + "\n\nx", shells, protecting()), StartsWith("To: "));
+    }
     EXPECT_EQ(readByGmime(wrapped("Subject: j\xc3\xbc@k.example\n\nx", shells, protecting())).subject,
               "j\xc3\xbc@k.example");
     EXPECT_THAT(wrapped("From: j\xc3\xbc@k.example\n\nx", shells), StartsWith("From: j\xc3\xbc@k.example\r\n"))
