@@ -132,6 +132,22 @@ TEST(SMimeHostile, EveryTruncationHasAnAnswer) {
     }
 }
 
+// What is in the way of a layer is told, and of nothing else.
+TEST(SMimeHostile, LayersThatAreCutOffTellWhy) {
+    const std::string inner = signedBy(alice(), plainEntity, detached);
+    const std::string longEntity = "\r\n" + std::string(3000, 'x') + "\r\n";
+    for (const std::string& mail :
+         {signedBy(alice(), longEntity, CMS_BINARY | CMS_CRLFEOL), signedBy(alice(), longEntity, detached),
+          encryptedFor({&bob()}, inner), encryptedFor({&bob()}, longEntity),
+          encryptedFor({&bob()}, longEntity, EVP_aes_256_gcm())}) {
+        for (std::size_t length = 0; length < mail.size(); length += 61) {
+            const Outcome outcome = outcomeOf(fieldsOfAlice + mail.substr(0, length));
+            for (const SMime::Layer& layer : outcome.answer.layers)
+                EXPECT_EQ(layer.detail.empty(), layer.status == LayerStatus::good) << length << ' ' << layer.path;
+        }
+    }
+}
+
 /// Gives a few bytes at a time.
 class DrippingIn : public Norvane::MediaInImpl {
 public:

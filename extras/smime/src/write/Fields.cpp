@@ -2,8 +2,11 @@
 
 #include "mime/Gmime.h"
 #include "mime/Header.h"
+#include "mime/Values.h"
 #include "write/Fail.h"
 #include "write/TextTraits.h"
+
+#include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
 #include <vector>
@@ -113,13 +116,20 @@ bool hasParameters(std::string_view name) {
 std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
+    std::string byKind;
     if (hasParameters(name) || std::ranges::count(utf8, ':') <= mostGroups) {
-        std::string field = encodedByKind(name, utf8);
-        if (isSevenBit(field) && allFit(field) && (hasParameters(name) || saysAll(field, name, utf8))) {
-            return field;
+        byKind = encodedByKind(name, utf8);
+        if (!isSevenBit(byKind) || !allFit(byKind)) {
+            byKind.clear();
+        } else if (hasParameters(name) || saysAll(byKind, name, utf8)) {
+            return byKind;
         }
     }
-    return encodedAsText(name, utf8);
+    // Remarks are left out, and domains get another form; words for all of the text may take addresses in.
+    const std::string asText = encodedAsText(name, utf8);
+    const bool isBetter = !byKind.empty() && addressesOf(asText, name, utf8) == Addresses::lost &&
+                          addressesOf(byKind, name, utf8) == Addresses::kept;
+    return isBetter ? byKind : asText;
 }
 
 } // namespace
@@ -223,6 +233,17 @@ std::string innerField(std::string_view name, std::string_view value, const std:
 std::string withParameter(std::string field, std::string_view parameter) {
     field.erase(field.find_last_not_of(" \t\r\n;") + 1);
     return field.append(";\r\n ").append(parameter).append("\r\n");
+}
+
+Addresses addressesOf(const std::string& field, const std::string& name, const std::string& value) {
+    const mime::Addresses before = mime::addressesOf(readAgain(name + ": " + value + "\r\n"), name);
+    if (!before.isReadable || before.mailboxes.empty()) {
+        return Addresses::none;
+    }
+    const mime::Addresses after = mime::addressesOf(readAgain(field), name);
+    const bool isKept = after.isReadable && std::ranges::equal(before.mailboxes, after.mailboxes, {},
+                                                               Trust::comparableAddress, Trust::comparableAddress);
+    return isKept ? Addresses::kept : Addresses::lost;
 }
 
 mime::Header readAgain(const std::string& field) {

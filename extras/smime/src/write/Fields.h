@@ -36,6 +36,15 @@ std::string withParameter(std::string field, std::string_view parameter);
 /// A field that was written, as readers find it.
 mime::Header readAgain(const std::string& field);
 
+/// What became of the addresses of a value in the field that was made of it.
+enum class Addresses : int {
+    none, ///< there are none, or not all of it can be read
+    kept, ///< domains of another script may stand there as A-labels
+    lost,
+};
+/// \param value in UTF-8, unfolded
+Addresses addressesOf(const std::string& field, const std::string& name, const std::string& value);
+
 /// Bytes as UTF-8: what is none is read as ISO-8859-1, in which each byte is a character.
 std::string asUtf8(std::string_view bytes);
 

@@ -50,7 +50,15 @@ std::string outside(const mime::Header& header, const mime::Header::Field& field
 /// The field as it stands inside and, unless it is hidden, outside: in 7 bits, so that both are the same.
 std::string protectedField(const mime::Header& header, const mime::Header::Field& field) {
     const std::string_view name = header.nameOf(field);
-    return innerField(name, header.valueOf(field), "the message");
+    std::string text = innerField(name, header.valueOf(field), "the message");
+    static constexpr std::array<std::string_view, 5> ofAddresses{"From", "Sender", "Reply-To", "To", "Cc"};
+    const bool hasAddresses =
+        std::ranges::any_of(ofAddresses, [name](std::string_view one) { return isSameName(name, one); });
+    // The part in front of the "@" has no other form (RFC 6532); in an encoded word nobody would find it.
+    if (hasAddresses && addressesOf(text, std::string(name), asUtf8(header.unfolded(field))) == Addresses::lost) {
+        fail("the field " + std::string(name) + " of the message has an address that cannot be written in 7 bits");
+    }
+    return text;
 }
 
 } // namespace

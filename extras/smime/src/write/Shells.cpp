@@ -152,7 +152,6 @@ std::unique_ptr<Shell> certificatesShell(const std::vector<NVX509::RefCertificat
                                          const std::vector<NVX509::RefCertificateRevocationList>& revocationLists) {
     CMS::SignedWriter::Options options;
     options.certificatesOnly = true;
-    options.encoding = CMS::SignedWriter::Encoding::der;
     options.certificates = certificates;
     options.revocationLists = revocationLists;
     return std::make_unique<StructureShell<CMS::SignedWriter>>(CMS::SignedWriter(options),

@@ -106,6 +106,27 @@ TEST(SmimeHeaderProtectionTest, WritesFieldsInSevenBitsInsideAndOutside) {
     EXPECT_THAT(part, HasSubstr("Content-Type: text/plain; charset=us-ascii;\r\n hp=\"clear\"\r\n"));
 }
 
+/// The part in front of the "@" has one form alone (RFC 6532), the domain has two (RFC 5890).
+TEST(SmimeHeaderProtectionTest, RefusesAddressesThatHaveNoFormInSevenBits) {
+    const auto shells = std::vector<SMime::Wrapping>{signedBy({&person("alice")})};
+    for (const char* const name : {"From", "Sender", "Reply-To", "to", "Cc"}) {
+        EXPECT_EQ(refusalOf(std::string(name) + ": a@b.example, J <j\xc3\xbc@k.example>\n\nx", shells, protecting()),
+                  "the field " + std::string(name) + " of the message has an address that cannot be written in 7 bits");
+        const std::string sent = wrapped(std::string(name) + ": J\xc3\xbcrgen <j@b\xc3\xbc"
+                                                             "cher.example>\n\nx",
+                                         shells, protecting());
+        EXPECT_THAT(sent, HasSubstr("?= <j@xn--bcher-kva.example>\r\n"));
+        EXPECT_THAT(verified(sent), HasSubstr("?= <j@xn--bcher-kva.example>\r\n"));
+    }
+    for (const char* const noAddresses : {"To: a@b.example <\xc3\xa4", "To: \xc3\xa4:;", "To: \xc3\xa4"}) {
+        EXPECT_THAT(wrapped(std::string(noAddresses) + "\n\nx", shells, protecting()), StartsWith("To: "));
+    }
+    EXPECT_EQ(readByGmime(wrapped("Subject: j\xc3\xbc@k.example\n\nx", shells, protecting())).subject,
+              "j\xc3\xbc@k.example");
+    EXPECT_THAT(wrapped("From: j\xc3\xbc@k.example\n\nx", shells), StartsWith("From: j\xc3\xbc@k.example\r\n"))
+        << "outside it stays as it stands";
+}
+
 TEST(SmimeHeaderProtectionTest, IsForWhatIsNotProtectedYet) {
     const std::string once = wrapped(mail, {signedBy({&person("alice")})});
     const std::string reason =
