@@ -8,7 +8,6 @@ namespace {
 using namespace diagnosing;
 using norvauthority::issue;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 const std::string text = "Content-Type: text/plain\r\n\r\nDear Bob,\r\nall is well.\r\n";

@@ -113,7 +113,8 @@ bool Search::pass(bool isFirst) {
     ++m_diagnosis.passes;
     std::vector<unsigned char> piece(std::size_t{64} << 10U);
     std::uint64_t length = 0;
-    for (int count = 0; (count = body.read(piece.data(), static_cast<unsigned int>(piece.size()))) > 0;) {
+    const auto read = [&] { return body.read(piece.data(), static_cast<unsigned int>(piece.size())); };
+    for (int count = read(); count > 0; count = read()) {
         length += static_cast<std::uint64_t>(count);
         if (length > m_options.budget.body) {
             notLooked("the body has more than " + std::to_string(m_options.budget.body) +
