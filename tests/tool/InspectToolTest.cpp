@@ -592,7 +592,7 @@ TEST_F(InspectToolTest, BlocksThatAreIndentedStandBesideOthers) {
 TEST_F(InspectToolTest, NoRoomForWhatIsKeptAsideOfOneFile) {
     work.write("alice.pem", alice().certificate.pem());
     work.write("alice.key", alice().key.pkcs8Pem());
-    work.write("mail", "From: alice@example.org\nSubject: long\n\n" + std::string(3U << 20U, '\n'));
+    work.write("mail", "From: alice@example.org\nSubject: long\n\n" + std::string(3U << 20U, 'x') + "\n");
     ASSERT_EQ(0, norvcrypt(Command{.arguments = {"smime", "sign", "--cert", "alice.pem", "--key", "alice.key", "--in",
                                                  "mail", "--out", "signed"},
                                    .directory = work.directory()})

@@ -204,6 +204,8 @@ TEST_F(WhatPeopleHaveToolTest, AStructureBesideADamagedOneIsNotTaken) {
                       "beside a CMS structure in sig: a damaged PEM block: its base64 is damaged");
     }
     expectVerified(alice().certificate.pem() + pem(), "a certificate is no other structure");
+    expectVerified(pem() + "-----BEGIN PGP MESSAGE-----\n\nhQEMA0RjlLwAAAAAAQf9\n=abcd\n-----END PGP MESSAGE-----\n",
+                   "nor is what another program reads");
 }
 
 TEST_F(WhatPeopleHaveToolTest, WhatIsNoStructureIsStillNone) {

@@ -16,9 +16,7 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
     if (count > 1)
         throw Failure("more than one CMS structure in " + name);
     // What is told about one of several structures would pass for a word on all of them.
-    const auto isDamaged = [](const FoundObject& object) {
-        return object.kind == ObjectKind::unknown && object.der.empty(); // a block of which nothing could be read
-    };
+    const auto isDamaged = [](const FoundObject& object) { return object.problem.starts_with(damagedBlock); };
     if (const auto other = std::ranges::find_if(objects, isDamaged); count == 1 && other != objects.end())
         throw Failure("beside a CMS structure in " + name + ": " + other->problem);
     if (count == 0 && !looksLikeDer(content))

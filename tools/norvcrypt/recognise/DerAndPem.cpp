@@ -206,8 +206,7 @@ std::vector<FoundObject> objectsInPem(const Norvane::Buffer& content) {
             break;
         // Looked for in what was read just now alone: the file may hold objects beside it, and many damaged blocks.
         const std::string armour = foreignArmourIn(text.substr(text.size() - left, left - BIO_ctrl_pending(bio.get())));
-        objects.push_back(
-            {ObjectKind::unknown, {}, armour.empty() ? "a damaged PEM block: " + inPlainWords(errors) : armour});
+        objects.push_back({ObjectKind::unknown, {}, armour.empty() ? damagedBlock + inPlainWords(errors) : armour});
     }
     return objects;
 }

@@ -30,6 +30,9 @@ struct FoundObject {
     std::string problem; ///< why it cannot be read, when it cannot
 };
 
+/// How the problem of a PEM block begins of which nothing can be read.
+inline constexpr const char* damagedBlock = "a damaged PEM block: ";
+
 /// The objects in a PEM text (text around the blocks is skipped) or in DER, one after another, or else what a text wraps
 /// (see Wrapped.h). DER whose kind cannot be
 /// told (a stretch of it is one object), and blocks that are damaged or of an unknown label, are objects with a problem.
