@@ -29,13 +29,25 @@ std::optional<Header> headerAt(const Bytes& octets, std::size_t at, std::size_t 
     long length = 0;
     int tag = 0;
     int tagClass = 0;
-    const int flags = ASN1_get_object(&cursor, &length, &tag, &tagClass, static_cast<long>(end - at));
+    int flags = ASN1_get_object(&cursor, &length, &tag, &tagClass, static_cast<long>(end - at));
+    auto size = static_cast<std::size_t>(cursor - octets.data()) - at;
+    constexpr std::size_t longestHeader = 160;
+    if ((flags & 0x80) != 0 && end - at <= longestHeader) {
+        // Until 3.0.19 OpenSSL wants an octet behind a length of several octets, also when the length is nought.
+        Bytes longer(octets.begin() + static_cast<std::ptrdiff_t>(at),
+                     octets.begin() + static_cast<std::ptrdiff_t>(end));
+        longer.push_back(0);
+        cursor = longer.data();
+        flags = ASN1_get_object(&cursor, &length, &tag, &tagClass, static_cast<long>(longer.size()));
+        size = static_cast<std::size_t>(cursor - longer.data());
+        flags = size == end - at && length == 0 ? flags : 0x80;
+    }
     ERR_clear_error();
     if ((flags & 0x80) != 0) {
         return std::nullopt;
     }
     Header header;
-    header.size = static_cast<std::size_t>(cursor - octets.data()) - at;
+    header.size = size;
     header.identifierSize = 1;
     if ((octets[at] & 0x1FU) == 0x1FU) {
         while ((octets[at + header.identifierSize++] & 0x80U) != 0) {
