@@ -32,8 +32,9 @@
 /// characters. Parts that are otherwise, at any depth of multiparts and forwarded messages, get another transfer encoding:
 /// quoted-printable for text, base64 else. So do texts with what mail systems change on the way: blanks at the ends of
 /// lines, lines that begin with "From " or are a dot. Parts in base64 or quoted-printable are mended without changing their
-/// content. Header fields of parts that are not 7-bit or too long are encoded (RFC 2047, RFC 2231) and folded. A preamble or
-/// epilogue, which no reader shows, is left out when it is none that can be sent.
+/// content. Header fields of parts that are not 7-bit or too long are encoded (RFC 2047, RFC 2231) and folded; domains become
+/// A-labels. A multipart whose boundary would not be found any more is refused. A preamble or epilogue, which no reader
+/// shows, is left out when it is none that can be sent.
 ///
 /// Malformed quoted-printable ("==", "=4Z", an "=" at the end), of which readers make different things, keeps its octets. Where
 /// it is not 7-bit or has too long lines, and the signature is a part beside it, it becomes base64 of what `read` makes of it.
@@ -52,8 +53,9 @@
 /// **Header protection** (RFC 9788) on request: header fields are repeated inside, with hp="clear" or, when encrypting,
 /// hp="cipher" in the Content-Type and a field HP-Outer for each field outside. When encrypting, what is outside follows
 /// the policy hcp_baseline: "[...]" for Subject, no Comments, no Keywords. Not repeated are Bcc, trace fields (Received,
-/// Return-Path, Resent-, DKIM-Signature, ARC-, Authentication-Results) and whatever begins with "HP-". With `legacyDisplay`
-/// programs that do not know header protection show the hidden Subject at the start of the text.
+/// Return-Path, Resent-, DKIM-Signature, ARC-, Authentication-Results) and whatever begins with "HP-". The fields are 7-bit
+/// then, inside and outside: an address that has no such form, one with other letters in front of its "@", is refused. With
+/// `legacyDisplay` programs that do not know header protection show the hidden Subject at the start of the text.
 ///
 /// **Certificates** that are expired, not yet valid, or whose key usage (extended key usage included: emailProtection)
 /// does not allow the purpose are refused. Whether they deserve trust, and whose they are, is not asked of those that the

@@ -113,6 +113,14 @@ bool hasParameters(std::string_view name) {
     return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
 
+/// Whether readers still find the parts of a multipart: GMime takes a boundary like "=?utf-8?q?a?=" for an encoded word, and one
+/// for all of a text may take the boundary in.
+bool keepsParts(const std::string& field, const std::string& name, const std::string& value) {
+    const mime::ContentType before = mime::contentTypeOf(readAgain(name + ": " + value + "\r\n"));
+    const mime::ContentType after = mime::contentTypeOf(readAgain(field));
+    return before.type != "multipart" || (after.text() == before.text() && after.boundary == before.boundary);
+}
+
 std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
@@ -121,7 +129,7 @@ std::string encoded(const std::string& name, const std::string& value) {
         byKind = encodedByKind(name, utf8);
         if (!isSevenBit(byKind) || !allFit(byKind)) {
             byKind.clear();
-        } else if (hasParameters(name) || saysAll(byKind, name, utf8)) {
+        } else if (hasParameters(name) ? keepsParts(byKind, name, utf8) : saysAll(byKind, name, utf8)) {
             return byKind;
         }
     }
@@ -215,6 +223,9 @@ std::string innerField(std::string_view name, std::string_view value, const std:
         unfolded.substr(std::min(unfolded.find_first_not_of(" \t", name.size() + 1), unfolded.size()));
     if (!isSevenBit(unfolded)) {
         std::string field = encoded(std::string(name), content);
+        if (!keepsParts(field, std::string(name), asUtf8(content))) {
+            fail("the field " + std::string(name) + " of " + where + " cannot be written in 7 bits");
+        }
         if (allFit(field)) {
             return field;
         }

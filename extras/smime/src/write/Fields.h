@@ -17,7 +17,7 @@ std::string outerField(std::string_view octets);
 /// A field that goes inside: 7-bit (RFC 2047, RFC 2231; GMime does it), no line too long or blank or with blanks at its end,
 /// which relays cut off. One that is so already keeps its bytes.
 /// \param where for failures: "the part at 1.2"
-/// \throws Exception: it cannot be folded
+/// \throws Exception: it cannot be folded, or the Content-Type of a multipart has no form in 7 bits
 std::string innerField(std::string_view name, std::string_view value, const std::string& where);
 
 /// What is no field, with CRLF at the ends of its lines and all else as it stands.

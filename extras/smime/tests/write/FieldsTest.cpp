@@ -132,6 +132,27 @@ TEST(SmimeFieldsTest, KeepsAddressesForOthersToRead) {
                 EndsWith("?= <j@xn--bcher-kva.example>\r\n")); // RFC 5890
 }
 
+TEST(SmimeFieldsTest, KeepsBoundariesForOthersToFind) {
+    const std::string other = "; name=\"\xc3\xbc\"";
+    const auto boundaryIn = [](const std::string& parameters) {
+        const std::string field = inside("Content-Type", " multipart/mixed" + parameters);
+        EXPECT_TRUE(isSevenBit(field)) << field;
+        return mime::contentTypeOf(readAgain(field)).boundary;
+    };
+    for (const std::string boundary : {"a b", "a=?b", "'()+_,-./:=?"}) {
+        const std::string parameter = "; boundary=\"" + boundary + '"';
+        EXPECT_EQ(boundaryIn(parameter + other), boundary);
+        EXPECT_EQ(boundaryIn(other + parameter), boundary);
+    }
+    // It looks like an encoded word, and is none (RFC 2047, 5); what cannot be told in another way is refused.
+    EXPECT_EQ(boundaryIn("; boundary=\"=?utf-8?q?a?=\"" + other), "=?utf-8?q?a?=");
+    for (const std::string& parameters :
+         {other + "; boundary=\"=?utf-8?q?a?=\"", std::string("; x-\xc3\xbc=1; boundary=\"a b\"")}) {
+        EXPECT_THROW(boundaryIn(parameters), Norvane::Exception) << parameters;
+    }
+    EXPECT_TRUE(isSevenBit(inside("Content-Type", " text/plain; x-\xc3\xbc=1; charset=utf-8")));
+}
+
 /// Of what GMime cannot read as addresses it would leave parts out.
 TEST(SmimeFieldsTest, LeavesNothingOutOfWhatItEncodes) {
     for (const char* const value : {"\xc3\xa4 <eve@example.com", "eve@example.com (\xc3\xa4, bob@example.com",
