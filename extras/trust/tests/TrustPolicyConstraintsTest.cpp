@@ -99,6 +99,18 @@ TEST_F(TrustPolicyConstraints, OnesThatAreNone) {
     EXPECT_EQ(judged({demand(9)}, {constraints(sequence({}))}), "refused policy-invalid 0");
 }
 
+TEST_F(TrustPolicyConstraints, WhoseAreNoneIsNamed) {
+    const Extension empty = constraints(norvauthority::der::sequence(std::vector<Bytes>()));
+    const Identity root = authority("Root", 0);
+    const Identity middle = authority("Middle", 1, &root, {.extensions = {empty}});
+    Case one;
+    one.anchor(root).message(middle);
+    const Verdict verdict = one.judge(user(middle));
+    ASSERT_EQ(shown(verdict), "refused policy-invalid 1");
+    EXPECT_EQ(verdict.reasons[0].text,
+              "the certificate policies in the certificate of CN=Middle contradict themselves");
+}
+
 TEST_F(TrustPolicyConstraints, PoliciesBesideThemThatContradictThemselves) {
     EXPECT_EQ(judged({demand(9)}, {policies({"1.2.3", "1.2.3"})}), "refused policy-invalid 0");
     EXPECT_EQ(judged({policies({"1.2.3", "1.2.3"})}, {demand(9)}), "refused policy-invalid 1");
