@@ -301,6 +301,11 @@ std::string repeated(const std::string& text, std::size_t count) {
 
 const std::string emptySequence("\x30\x00", 2);
 
+/// Each is a content type without content.
+Prepared smallStructures(std::size_t count) {
+    return file(repeated(std::string("\x30\x05\x06\x03\x2a\x03\x04", 7), count));
+}
+
 } // namespace
 
 // Growth is linear to the exponent 1; what sorts is a little above, and what a constant hides is below. Where the exponent
@@ -335,6 +340,8 @@ const std::vector<Case>& hostileInputs() {
              [](std::size_t count) { return file(emptySequence + std::string(count, ' ') + "x"); }},
             {"file, empty objects", "objects", 5000, 1.2,
              [](std::size_t count) { return file(repeated(emptySequence, count)); }},
+            {"file, structures of seven octets", "structures", 5000, 1.2, smallStructures},
+            {"the same, beyond the limit", "structures", 310000, 1.2, smallStructures},
             {"file, damaged PEM blocks", "blocks", 500, 1.2,
              [](std::size_t count) { return file(repeated("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count)); }},
         };

@@ -16,6 +16,8 @@
 #include <norvcrypto/CMSSignedWriter.h>
 #include <norvcrypto/CMSVerification.h>
 
+#include <authority/Der.h>
+
 #include <openssl/err.h>
 
 #include <chrono>
@@ -160,6 +162,20 @@ Prepared issuersOfOneName(std::size_t count) {
         chain.push_back(issue(request));
     }
     chain[0] = issue({.subject = {{"CN", "leaf"}}, .key = curveKey(), .issuer = &chain[1]});
+    return judging(chain);
+}
+/// Twenty authorities, each with policy constraints of so many octets and without policies.
+Prepared policyConstraints(std::size_t count) {
+    const Bytes constraints = der::sequence({der::element(0x80, Bytes(count, 0x7F))});
+    std::vector<Identity> chain(20);
+    for (std::size_t i = chain.size(); i-- != 0;) {
+        CertificateRequest request{.subject = {{"CN", "A" + std::to_string(i)}}, .key = curveKey()};
+        request.issuer = i + 1 == chain.size() ? nullptr : &chain[i + 1];
+        request.ca = true;
+        request.keyUsage = 0x06U;
+        request.extensions = {{"2.5.29.36", constraints, true}};
+        chain[i] = issue(request);
+    }
     return judging(chain);
 }
 Prepared comparedAddresses(std::size_t count) {
@@ -321,6 +337,7 @@ std::vector<Case> hostileMails() {
         {"the same, beyond the limit", "authorities", 50, 1.2, longChain},
         {"chain, issuers of one name", "issuers", 15, 1.2, issuersOfOneName},
         {"the same, beyond the limit", "issuers", 200, 1.2, issuersOfOneName},
+        {"chain, policy constraints without policies", "octets of each", 1000, 1.2, policyConstraints},
         {"addresses of a certificate and a mail", "addresses on each side", 200, 1.2, comparedAddresses},
         {"the same, beyond the limit", "addresses on each side", 2000, 1.2, comparedAddresses},
         {"signers without certificates, and a list", "certificates", 10000, 1.2, signersTimesList},
