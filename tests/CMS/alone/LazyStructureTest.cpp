@@ -230,7 +230,11 @@ void compare(const Bytes& input, Tally& tally, bool alsoInPieces = true) {
                 ++tally.accepted;
             }
         } catch (const Norvane::Exception& failure) {
-            EXPECT_EQ(position(), reference.read) << norvauthority::toHex(input);
+            constexpr unsigned long readsAlike =
+                0x30000160; // 3.0.22; before it reads a little more here, or less there
+            const auto apart = std::max<std::uint64_t>(position(), reference.read) -
+                               std::min<std::uint64_t>(position(), reference.read);
+            EXPECT_LE(apart, OpenSSL_version_num() < readsAlike ? 6U : 0U) << norvauthority::toHex(input);
             expectRefused(failure, log, reference, tally);
         }
         ERR_clear_error();

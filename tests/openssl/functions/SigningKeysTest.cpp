@@ -262,12 +262,15 @@ TEST(SigningKeys, WhatDoesNotSign) {
     }
 }
 
-// Keys in hardware are asked to sign, since they show nothing; each trial of another one would cost as much as a signature.
+// Keys in hardware are asked to sign, since they show nothing; each trial of another one would cost as much as a signature. OpenSSL 3.0.19
+// does not tell of an EC key that it has a private number without copying it; 3.0.22 does.
 TEST(SigningKeys, KeysThatShowTheirPrivatePartAreNotTried) {
+    constexpr unsigned long tells = 0x30000160;
     for (const Key& key : {rsa(), keyOnCurve("P-256"), keyOfType("ED25519"), keyOfType("ED448")}) {
         s_wholes = 0;
         EXPECT_EQ(refusalOf(key), "");
-        EXPECT_EQ(s_wholes, 0);
+        const bool isShown = OpenSSL_version_num() >= tells || EVP_PKEY_is_a(key.get(), "EC") == 0;
+        EXPECT_LE(s_wholes, isShown ? 0 : 1) << EVP_PKEY_get0_type_name(key.get());
     }
 }
 

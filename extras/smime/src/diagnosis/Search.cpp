@@ -298,6 +298,9 @@ void Search::finish(Try& one) {
         one.out->setNewLine(newLineOf(one.mode, m_facts)); // of the first pass it tells what is usual
         one.out->finish(*this);
     }
+    // What they keep is not held until the last of a hundred is finished.
+    one.undoing.reset();
+    one.out.reset();
 }
 
 bool Search::fits(const SignedReader& message, const OpenSigner& open) {
