@@ -229,6 +229,8 @@ private:
             m_decoder->endPart(isFollowed);
         }
         m_decoder.reset();
+        m_converter.reset(); // there may be a hundred of them at once
+        m_encoder.reset();
     }
 
     Recoding m_recoding;
