@@ -215,7 +215,7 @@ bool EnvelopeReaderImpl::open(const KeyLookup& keys) {
         }
     }
     if (search.failed) {
-        return choose({}, *search.failed);
+        return choose({}, false, *search.failed);
     }
     static_cast<void>(isUnsupported(search.unsupported));
     return false;
@@ -258,7 +258,7 @@ bool EnvelopeReaderImpl::tryKey(Search& search, const RecipientParts& parts, EVP
     ++m_operations;
     const openssl::WipedBytes contentKey = algorithms.open(key);
     if (algorithms.isUncertain() || !contentKey.empty()) {
-        return choose(contentKey, number);
+        return choose(contentKey, algorithms.isUncertain(), number);
     }
     search.failed = search.failed.value_or(number);
     return false;
@@ -290,7 +290,7 @@ bool EnvelopeReaderImpl::open(const Recipient& recipient, const NVX509::KeyCerti
     if (isUnsupported(algorithms.unsupported()) || !pair || !isPrivateKey(pair->key) || !fits(parts.kind, pair->key)) {
         return false;
     }
-    return choose(algorithms.open(pair->key), numberOf(recipient));
+    return choose(algorithms.open(pair->key), algorithms.isUncertain(), numberOf(recipient));
 }
 
 bool EnvelopeReaderImpl::open(const Recipient& recipient, const Buffer& key) {
@@ -302,7 +302,7 @@ bool EnvelopeReaderImpl::open(const Recipient& recipient, const Buffer& key) {
     if (isUnsupported(algorithms.unsupported()) || parts.kind != Recipient::keyEncryptionKey) {
         return false;
     }
-    return choose(algorithms.openWithKey(octetsOf(key)), numberOf(recipient));
+    return choose(algorithms.openWithKey(octetsOf(key)), false, numberOf(recipient));
 }
 
 bool EnvelopeReaderImpl::openWithPassword(const Recipient& recipient, const Buffer& password) {
@@ -320,7 +320,7 @@ bool EnvelopeReaderImpl::openWithPassword(const Recipient& recipient, const Buff
             refuse("the password would be hashed more times", m_budget.passwordIterations, "passwordIterations");
         }
     }
-    return choose(algorithms.openWithPassword(octetsOf(password)), numberOf(recipient));
+    return choose(algorithms.openWithPassword(octetsOf(password)), false, numberOf(recipient));
 }
 
 std::size_t EnvelopeReaderImpl::numberOf(const Recipient& recipient) {
@@ -330,8 +330,8 @@ std::size_t EnvelopeReaderImpl::numberOf(const Recipient& recipient) {
 }
 
 /// True, always.
-bool EnvelopeReaderImpl::choose(const openssl::WipedBytes& contentKey, std::size_t number) {
-    m_content->start(contentKey);
+bool EnvelopeReaderImpl::choose(const openssl::WipedBytes& contentKey, bool uncertain, std::size_t number) {
+    m_content->start(contentKey, uncertain);
     m_opened = number;
     m_unsupported.clear();
     m_verdict = Verdict::Running;

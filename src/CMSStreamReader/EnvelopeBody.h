@@ -58,7 +58,7 @@ private:
     bool consider(Search& search, const RecipientParts& parts, std::size_t number);
     bool tryKey(Search& search, const RecipientParts& parts, EVP_PKEY* key, std::size_t number);
     bool isUnsupported(const std::string& name);
-    bool choose(const openssl::WipedBytes& contentKey, std::size_t number);
+    bool choose(const openssl::WipedBytes& contentKey, bool uncertain, std::size_t number);
     [[nodiscard]] std::size_t numberOf(const Recipient& recipient);
     bool fill();
     void step();

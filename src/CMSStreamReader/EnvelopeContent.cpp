@@ -53,11 +53,14 @@ StreamedContent::StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit,
 
 StreamedContent::~StreamedContent() = default;
 
-void StreamedContent::start(const openssl::WipedBytes& contentKey) {
+void StreamedContent::start(const openssl::WipedBytes& contentKey, bool uncertain) {
     const openssl::ErrorMark mark;
     if (openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
         m_decryption.emplace(m_context.get());
     }
+    // Under the random key one padding in 256 is a good one. That is hidden where the sender could learn whether the key opened,
+    // which with a padding of PKCS#1 1.5 decrypts it for him; elsewhere garbage would be taken for the message.
+    m_trusted = m_trusted && (uncertain || !contentKey.empty());
 }
 
 Octets StreamedContent::next() {
@@ -140,7 +143,7 @@ Octets AuthenticatedContent::decrypt(EVP_CIPHER_CTX* context, Octets encrypted) 
     return {scratch(), static_cast<std::size_t>(count)};
 }
 
-void AuthenticatedContent::start(const openssl::WipedBytes& contentKey) {
+void AuthenticatedContent::start(const openssl::WipedBytes& contentKey, bool /*uncertain*/) {
     m_usable = m_cipher.start(contentKey);
 }
 

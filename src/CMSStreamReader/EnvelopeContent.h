@@ -34,7 +34,8 @@ public:
 
     virtual void spillTo(const std::string& fileTemplate);
     /// Takes the content key; none is one that did not open. Nothing tells at once whether OpenSSL can use it.
-    virtual void start(const openssl::WipedBytes& contentKey) = 0;
+    /// \param uncertain the way that the key came does not tell a wrong one: what comes out under another key may be a success
+    virtual void start(const openssl::WipedBytes& contentKey, bool uncertain) = 0;
     /// The next octets, valid until the next call; none, perhaps, before the end. \throws SpillTooLong, TooLong
     virtual framing::Octets next() = 0;
     /// Whether all octets were handed out, and nothing was found to be wrong.
@@ -57,7 +58,7 @@ public:
     /// \param context has the cipher and its parameters
     StreamedContent(EnvelopeFraming& frame, std::size_t tailLimit, openssl::CipherContextPtr context) noexcept;
     ~StreamedContent() override;
-    void start(const openssl::WipedBytes& contentKey) override;
+    void start(const openssl::WipedBytes& contentKey, bool uncertain) override;
     framing::Octets next() override;
 
 private:
@@ -75,7 +76,7 @@ public:
                          framing::Octets source, std::uint64_t spillLimit) noexcept;
     ~AuthenticatedContent() override;
     void spillTo(const std::string& fileTemplate) override { m_template = fileTemplate; }
-    void start(const openssl::WipedBytes& contentKey) override;
+    void start(const openssl::WipedBytes& contentKey, bool uncertain) override;
     framing::Octets next() override;
 
 private:

@@ -124,6 +124,41 @@ TEST(EnvelopeDamage, WrongKeysLookLikeDamage) {
     expectDamaged(madeByOpenssl(EVP_aes_256_gcm(), toCertificate(alice())), choosing(bob()), true);
 }
 
+// The content is decrypted under a random key then, whose last octets look like a padding one time in 256.
+TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
+    const auto of = [](const Identity& person) -> Opening {
+        return [&person](Reader& reader) { return reader.open(reader.recipients().front(), pairOf(person)); };
+    };
+    static const Identity other = norvauthority::issue({.subject = {{"CN", "other"}},
+                                                        .key = norvauthority::Key::ec(),
+                                                        .issuer = &identities().authority,
+                                                        .serial = "ec2"});
+    const auto made = [](const AddRecipients& add) { return madeByOpenssl(EVP_aes_128_cbc(), add, 0, bodyOf(40)); };
+    const auto oaep = toCertificate(alice(), CMS_USE_KEYID, {{"rsa_padding_mode", "oaep"}});
+    struct Case {
+        const char* name;
+        Bytes message;
+        Opening wrong;
+        int turns; ///< as many as the work for the key allows
+    };
+    const std::vector<Case> cases{
+        {"KEK", made(addSecretKey), withSecretKey(Bytes(32, 2)), 4000},
+        {"KEK of another length", made(addSecretKey), withSecretKey(Bytes(16, 1)), 4000},
+        {"password", made(addPassword), withPassword("Secret"), 1000},
+        {"ECDH", made(toCertificate(onCurve())), of(other), 1000},
+        {"OAEP", made(oaep), of(bob()), 500},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        for (int turn = 0; turn != one.turns; ++turn) {
+            const Outcome outcome = outcomeOf(one.message, From::memory, one.wrong);
+            ASSERT_TRUE(outcome.opened);
+            ASSERT_EQ(outcome.verdict, Reader::Damaged) << turn;
+            ASSERT_EQ(outcome.text, damagedText);
+        }
+    }
+}
+
 TEST(EnvelopeDamage, TheWorkOfABrokenKeyIsDoneOnTheContent) {
     // A random key takes the place of one that does not open: what comes out is different each time.
     const Bytes message = envelope({.recipients = {recipientInfo(alice(), Bytes(256, 1))},
