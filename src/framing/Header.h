@@ -39,6 +39,9 @@ struct Header {
     [[nodiscard]] bool isEndOfContents() const noexcept {
         return is(TagClass::universal, 0) && !constructed && contentLength == 0 && size == 2;
     }
+    /// An empty element with a length in several octets, as 81 00. OpenSSL refuses such a length with no octet behind it: the
+    /// element decodes or not by what stands around it.
+    [[nodiscard]] bool isEmptyInLongForm() const noexcept { return !indefinite && contentLength == 0 && size > 2; }
 };
 
 enum class HeaderState : std::uint8_t {

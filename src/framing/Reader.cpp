@@ -336,6 +336,7 @@ void Reader::openString(Segments segments) {
         throw Broken(Fault::unexpected);
     }
     m_segments = segments;
+    checkSegmentLength();
     m_outsideString = m_open;
     m_inString = true;
     if (m_header.constructed) {
@@ -369,6 +370,12 @@ void Reader::skipString(Segments segments) {
     }
 }
 
+void Reader::checkSegmentLength() const {
+    if (m_segments == Segments::certain && m_header.isEmptyInLongForm()) {
+        throw Broken(Fault::unexpected);
+    }
+}
+
 /// Goes into the next segment, or out of a string that ends.
 void Reader::nextSegment() {
     if (isAtKnown()) {
@@ -383,9 +390,10 @@ void Reader::nextSegment() {
         pop();
         return;
     }
-    if (m_segments == Segments::strict && !m_header.is(TagClass::universal, octetString)) {
+    if (m_segments != Segments::lenient && !m_header.is(TagClass::universal, octetString)) {
         throw Broken(Fault::unexpected);
     }
+    checkSegmentLength();
     if (m_budget.segments-- == 0) {
         throw Broken(Fault::tooMany);
     }

@@ -63,6 +63,7 @@ private:
 /// Which elements a constructed string may be made of.
 enum class Segments : std::uint8_t {
     strict,  ///< octet strings, as X.690, 8.7.3.2 has it
+    certain, ///< such that OpenSSL takes wherever they stand: strict, and no empty one has its length in several octets
     lenient, ///< of any tag, as OpenSSL takes them
 };
 
@@ -143,6 +144,7 @@ private:
     void passed() noexcept;
     void copy(std::uint64_t octets, std::vector<unsigned char>* into);
     void pass(std::vector<unsigned char>* into, std::size_t limit);
+    void checkSegmentLength() const;
     void nextSegment();
     [[nodiscard]] bool isAtKnown() const noexcept;
     Octets rawPiece();

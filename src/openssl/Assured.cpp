@@ -30,13 +30,14 @@ enum StringTag : std::uint32_t {
 constexpr std::uint32_t boolean = 1;
 
 bool isPrimitive(const Element& element, std::uint32_t tag) noexcept {
-    return element.isUniversal(tag) && !element.header.constructed;
+    return element.isUniversal(tag) && !element.header.constructed && !element.header.isEmptyInLongForm();
 }
 
 /// What a constructed element of definite length is made of.
 std::optional<Elements> inside(const std::optional<Element>& element) noexcept {
-    return element && element->header.constructed && !element->header.indefinite ? std::optional(Elements(*element))
-                                                                                 : std::nullopt;
+    return element && element->header.constructed && !element->header.indefinite && !element->header.isEmptyInLongForm()
+               ? std::optional(Elements(*element))
+               : std::nullopt;
 }
 
 std::optional<Elements> sequenceIn(Elements& elements) noexcept {
@@ -97,7 +98,8 @@ bool isBmp(Octets octets) noexcept {
 
 /// A value that OpenSSL brings into the form in which it compares names.
 bool isNameValue(const Element& element) noexcept {
-    if (element.header.tagClass != framing::TagClass::universal || element.header.constructed) {
+    if (element.header.tagClass != framing::TagClass::universal || element.header.constructed ||
+        element.header.isEmptyInLongForm()) {
         return false;
     }
     switch (element.header.tag) {
@@ -148,7 +150,7 @@ bool isName(const std::optional<Element>& element) noexcept {
 bool isParameter(const Element& element) noexcept {
     return isPrimitive(element, framing::octetString) || isIdentifier(element) || isNumber(element) ||
            (isPrimitive(element, null) && element.content.empty()) ||
-           (element.isUniversal(framing::sequence) && element.header.constructed && !element.header.indefinite);
+           (element.isUniversal(framing::sequence) && inside(element));
 }
 
 bool isAlgorithm(Elements& elements) noexcept {

@@ -133,7 +133,7 @@ struct LazyPkcs7::Parts {
     /// A string, in one piece or in segments.
     EncryptedOctets takeString() {
         const auto start = static_cast<std::size_t>(reader.position());
-        reader.skipString(framing::Segments::strict);
+        reader.skipString(framing::Segments::certain);
         const Octets element = since(start);
         const bool isIn = segments.start >= start && segments.end() - start <= element.size();
         return EncryptedOctets(element, isIn ? segments.within(start) : framing::SegmentRun());
