@@ -16,6 +16,17 @@ using openssl::RecipientKeyKind;
     failures::raise(failures::envelopeRecipient, reason);
 }
 
+/// OpenSSL does not tell of each number that it has no memory for: what would be refused for it is asked for once more.
+template <class Ask, class IsRefused> auto askedTwice(Ask ask, IsRefused isRefused) {
+    const openssl::ErrorMark mark;
+    auto answer = ask();
+    if (isRefused(answer)) {
+        mark.throwWithoutMemory();
+        answer = ask();
+    }
+    return answer;
+}
+
 CertificateKey keyOf(const NVX509::RefCertificate& certificate, NamedBy namedBy) {
     const X509* x509 = certificate;
     if (x509 == nullptr) {
@@ -26,18 +37,13 @@ CertificateKey keyOf(const NVX509::RefCertificate& certificate, NamedBy namedBy)
         const openssl::ErrorMark mark;
         key = X509_get0_pubkey(x509);
     }
-    const RecipientKeyKind kind = openssl::recipientKeyKind(key);
+    const auto kind = askedTwice([&] { return openssl::recipientKeyKind(key); },
+                                 [](RecipientKeyKind answer) { return answer == RecipientKeyKind::other; });
     if (kind == RecipientKeyKind::other) {
         refuse("the key is " + openssl::recipientKeyName(key) + ", which cannot encrypt here");
     }
-    std::uint64_t work = 0;
-    {
-        const openssl::ErrorMark mark;
-        work = openssl::encryptionWork(key, kind);
-        if (work > maximumRecipientWork) {
-            mark.throwWithoutMemory();
-        }
-    }
+    const auto work = askedTwice([&] { return openssl::encryptionWork(key, kind); },
+                                 [](std::uint64_t answer) { return answer > maximumRecipientWork; });
     if (work > maximumRecipientWork) {
         refuse("the RSA key has a modulus or a public exponent that no sound key has");
     }

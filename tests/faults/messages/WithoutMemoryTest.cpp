@@ -76,6 +76,35 @@ TEST(ReadingWithoutMemory, LeavesKeysThatDecryptTheNextMessage) {
     runEachStack(decryptsAsPrescribed("good", message, storeOfKeys({&alice()}), false));
 }
 
+// Want of memory is no fault of the key.
+TEST(EncryptingWithoutMemory, CallsNoKeyUnsound) {
+    Norvane::Crypto::initialize();
+    for (const Identity* person : {&alice(), &curve()}) {
+        const auto certificate = certificateOf(*person);
+        long failed = 0;
+        for (long number = 1;; ++number) {
+            faults::arm(faults::Kind::opensslAllocation, number);
+            std::string thrown;
+            try {
+                const CMS::EnvelopeRecipient recipient(certificate);
+            } catch (const std::bad_alloc&) { // as it should be
+            } catch (const Norvane::Exception& failure) {
+                thrown = failure.asString();
+            }
+            const bool came = faults::disarm();
+            EXPECT_TRUE(thrown.find("that no sound key has") == std::string::npos &&
+                        thrown.find("cannot encrypt") == std::string::npos)
+                << number << ": " << thrown;
+            if (!came) {
+                break;
+            }
+            ++failed;
+        }
+        EXPECT_GT(failed, 0);
+        ERR_clear_error();
+    }
+}
+
 /// Lets OpenSSL's allocations fail until what it signs with the key is wrong.
 bool spoil(EVP_PKEY* key) {
     Bytes signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
