@@ -214,6 +214,17 @@ TEST(SignedData, WithoutCertificatesIsEmptyOnEachCall) {
     EXPECT_EQ(data.version().asInt(), 1);
 }
 
+/// Who works on the structure with OpenSSL finds all of it there, whatever was asked for before.
+TEST(RefContentInfo, LendsTheWholeStructure) {
+    const CMS::RefContentInfo signedMessage = decoded(signedByOpenssl(identities().rsa, bodyOf(10), "SHA256", 0));
+    const pkcs7_st* structure = signedMessage;
+    EXPECT_EQ(sk_X509_num(structure->d.sign->cert), 1);
+    const CMS::RefContentInfo envelope = decoded(enveloped({recipient(der::integer("7"))}));
+    structure = envelope;
+    EXPECT_EQ(sk_PKCS7_RECIP_INFO_num(structure->d.enveloped->recipientinfo), 1);
+    EXPECT_EQ(ASN1_STRING_length(structure->d.enveloped->enc_data->enc_data), 2);
+}
+
 TEST(SignedData, OverNullIsEmptyThroughout) {
     const CMS::SignedData data(nullptr);
     EXPECT_EQ(data.version().object(), nullptr);
@@ -463,6 +474,21 @@ TEST(EmbeddedContent, IsTheBodyAndOutlivesTheHandle) {
     EXPECT_EQ(bytesOf(copy.content()), body);
     EXPECT_TRUE(content.atEnd());
     EXPECT_EQ(content.peek(), -1);
+}
+
+TEST(EmbeddedContent, ComesInPiecesOfAnyLength) {
+    const Bytes body = bodyOf(1000);
+    const CMS::RefContentInfo message = decoded(signedByOpenssl(identities().rsa, body, "SHA256", 0));
+    for (const unsigned int piece : {1U, 3U, 999U, 1000U, 1001U}) {
+        Norvane::MediaIn content = CMS::embeddedContent(message);
+        Bytes read;
+        Bytes some(piece);
+        for (int count = content.read(some.data(), piece); count > 0 && read.size() <= body.size();
+             count = content.read(some.data(), piece)) {
+            read.insert(read.end(), some.begin(), some.begin() + count);
+        }
+        EXPECT_EQ(read, body) << piece;
+    }
 }
 
 TEST(EmbeddedContent, JoinsThePiecesOfAStreamingSender) {

@@ -5,7 +5,6 @@
 
 using namespace cmstest;
 using CMS::SignatureReason;
-using CMS::SignatureResult;
 using CMS::SignatureVerdict;
 using CMS::SignedReader;
 

@@ -295,6 +295,25 @@ TEST(SignedReaderValues, SignersOutliveTheirReader) {
     EXPECT_TRUE(kept.front().identifier().names(certificateOf(identities().rsa)));
 }
 
+TEST(SignedReaderValues, OctetsOutliveTheirReader) {
+    const Bytes crl = norvauthority::issueList({.issuer = &identities().authority, .crlNumber = "7"}).der;
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    HandMade message{.digestAlgorithms = {signer.digestAlgorithm},
+                     .content = der::octetString(body()),
+                     .certificates = {identities().rsa.certificate.der}};
+    message.lists = {crl};
+    message.signers = {signer.made(body())};
+    const Bytes made = message.made();
+    // What is returned stays what was returned: a move would copy what is only borrowed.
+    const Buffer signature = [&] { return Read(made).signer().signature(); }();
+    const std::vector<Buffer> certificates = [&] { return Read(made).message.encodedCertificates(); }();
+    const std::vector<Buffer> lists = [&] { return Read(made).message.encodedRevocationLists(); }();
+    EXPECT_EQ(bytesOf(signature), signatureOfAlice());
+    EXPECT_EQ(bytesOf(certificates.at(0)), identities().rsa.certificate.der);
+    EXPECT_EQ(bytesOf(lists.at(0)), crl);
+}
+
 /// What stands behind the content is not known before that was read.
 TEST(SignedReaderValues, CertificatesAndListsAreKnownBehindTheContent) {
     const Bytes made = signedByOpenssl(identities().rsa, bodyOf(1000), "SHA256", 0);

@@ -91,6 +91,10 @@ TEST(EnvelopeRefusal, DigestsThatAreNeitherSha1NorSha2) {
     EXPECT_EQ(refused([&] { return EnvelopeRecipient::rsaOaep(rsa, {Hasher::MD5}); }),
               "the digest 4 is neither SHA-1 nor SHA-2");
     EXPECT_EQ(refused([&] {
+                  return EnvelopeRecipient::rsaOaep(rsa, {Hasher::MD5, Hasher::SHA1});
+              }),
+              "the digest 4 is neither SHA-1 nor SHA-2");
+    EXPECT_EQ(refused([&] {
                   return EnvelopeRecipient::rsaOaep(rsa, {Hasher::SHA1, Hasher::SHA3_256});
               }),
               "the digest 1097 is neither SHA-1 nor SHA-2");
@@ -142,6 +146,9 @@ TEST(EnvelopeRefusal, IterationsThatProtectNothingOrThatReadersRefuse) {
         EXPECT_EQ(refused([&] { return EnvelopeRecipient::password(secret(8), {iterations}); }),
                   std::to_string(iterations) + " iterations, must be 1000 to 1000000");
     }
+    for (const unsigned int iterations : {1000U, 1000000U}) {
+        EXPECT_NO_THROW(EnvelopeRecipient::password(secret(8), {iterations}));
+    }
 }
 
 TEST(EnvelopeRefusal, NobodyToEncryptFor) {
@@ -163,6 +170,9 @@ TEST(EnvelopeRefusal, KeysTooShortForTheirPadding) {
     EXPECT_NE(writerRefuses({withKey(512, Hasher::SHA1)}, aes256), ""); // 22 octets of room
     const Addressee fits{"short", withKey(512, Hasher::SHA1), &withRsa(512)};
     const Addressee also{"short", withKey(1024, Hasher::SHA256), &withRsa(1024)};
+    const Addressee exactly{"short", withKey(592, Hasher::SHA1), &withRsa(592)}; // 74 octets: 42, and a key of 32
+    EXPECT_NE(writerRefuses({withKey(584, Hasher::SHA1)}, aes256), "");
+    EXPECT_EQ(opened(written({exactly.recipient}, aes256, bodyOf(9)), exactly), bodyOf(9));
     const Addressee plain{"short", withKey(512, {}), &withRsa(512)};
     EXPECT_EQ(opened(written({fits.recipient}, EnvelopeOptions(), bodyOf(9)), fits), bodyOf(9));
     EXPECT_EQ(opened(written({also.recipient}, aes256, bodyOf(9)), also), bodyOf(9));

@@ -5,7 +5,6 @@ using namespace cmstest;
 using CMS::ContentCipher;
 using CMS::EnvelopeEncoding;
 using CMS::EnvelopeOptions;
-using CMS::EnvelopeRecipient;
 using ::testing::Combine;
 using ::testing::Range;
 using ::testing::Values;

@@ -114,6 +114,8 @@ TEST(AttributeSet, OtherBodiesAreNone) {
              contentType(),
              der::set({der::set({type, values})}),
              der::set({der::sequence({values, type})}),
+             der::set({der::sequence({der::null(), values})}),
+             der::set({der::sequence({der::octetString({0x2A, 3, 4}), values})}),
              der::set({der::sequence({type})}),
              der::set({der::sequence({})}),
              der::set({der::sequence({type, der::sequence({der::null()})})}),

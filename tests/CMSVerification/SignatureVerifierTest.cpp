@@ -2,6 +2,7 @@
 
 #include <norvcrypto/CMSVerification.h>
 
+#include <gmock/gmock.h>
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
 

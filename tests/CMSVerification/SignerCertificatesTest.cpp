@@ -9,7 +9,6 @@ using namespace cmstest;
 namespace der = norvauthority::der;
 using CMS::SignatureReason;
 using CMS::SignatureReport;
-using CMS::SignatureVerdict;
 
 namespace {
 

@@ -128,7 +128,15 @@ TEST(UnsupportedPart, NothingInWhatIsOtherwiseMalformed) {
           withSigner({version, issuer, algorithm, signedAttributes, algorithm, signature, unsignedAttributes})}) {
         EXPECT_EQ(partOf(wellFormed), "an attribute certificate");
     }
+    const Bytes data = der::sequence({der::integer("3"), der::set({}), detachedData(), certificates, der::set({})});
+    const Bytes type = der::oid("1.2.840.113549.1.7.2");
+    ASSERT_EQ(partOf(der::sequence({type, der::element(0xA0, data)})), "an attribute certificate");
     for (const Bytes& malformed : {
+             der::sequence({type, der::element(0xA0, data), der::null()}),
+             der::sequence({type, der::element(0xA0, der::concat({data, der::null()}))}),
+             der::sequence({type, der::element(0xA0, der::null())}),
+             der::sequence({type}),
+             der::sequence({der::oid("1.2.840.113549.1.7.3"), der::element(0xA0, data)}),
              signedData({der::sequence({}), certificates, der::set({})}),
              signedData({der::sequence({structured, der::null()}), der::set({})}),
              signedData(

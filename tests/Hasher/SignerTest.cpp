@@ -20,12 +20,9 @@ namespace {
 
 using Norvane::Buffer;
 using Norvane::Crypto::Hasher;
-using Norvane::Crypto::PrivateKey;
-using Norvane::Crypto::PublicKey;
 using Norvane::Crypto::RefHasher;
 using Norvane::Crypto::RefKey;
 using Norvane::Crypto::RefVerifier;
-using Norvane::Crypto::Signer;
 using Norvane::Crypto::SignerRef;
 using Norvane::Crypto::Verifier;
 using Norvane::Crypto::VerifierMediaOut;

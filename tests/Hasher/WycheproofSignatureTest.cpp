@@ -16,7 +16,6 @@
 
 namespace {
 
-using Norvane::Buffer;
 using Norvane::Crypto::Hasher;
 using Norvane::Crypto::Key;
 using Norvane::Crypto::RefKey;

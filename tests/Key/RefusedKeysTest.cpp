@@ -5,6 +5,7 @@
 
 #include <norvcrypto/Key.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using Norvane::Buffer;

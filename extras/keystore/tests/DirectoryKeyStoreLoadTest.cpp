@@ -439,6 +439,7 @@ TEST_F(DirectoryKeyStoreLoadTest, ADirectoryThatCannotBeUsedIsThrown) {
     EXPECT_EQ(detail(std::string("/tmp\0/x", 7)), std::string("/tmp\0/x: the path holds a NUL byte", 34));
     m_store.file("file", "");
     EXPECT_EQ(detail(m_store.path("file")), m_store.path("file") + ": is no folder");
+    EXPECT_EQ(detail(m_store.path("file/within")), m_store.path("file/within") + ": cannot be opened: Not a directory");
     // What a link leads to counts, since it is followed.
     std::filesystem::create_symlink("file", m_store.path(".link"));
     EXPECT_EQ(detail(m_store.path(".link")), m_store.path(".link") + ": is no folder");

@@ -405,6 +405,21 @@ TEST_F(DirectoryKeyStoreLookUpTest, OfTwoFoldersWithOneCertificateTheOneWithTheK
     EXPECT_EQ(static_cast<x509_st*>(pair->certificate), static_cast<x509_st*>(contents.identities[1].certificate));
 }
 
+// The names of all certificates are filed at the first question of this kind; each certificate is read when it is the answer.
+TEST_F(DirectoryKeyStoreLookUpTest, AFileThatWasReplacedIsNotTakenForWhatItWas) {
+    const auto root = identity("root");
+    const auto otherRoot = identity("other root");
+    const auto was = identity("was", {.issuer = &root, .serial = "77"});
+    m_store.add("x", "", was);
+    const RefDirectoryKeyStore store(m_store.path(), Reading::whenAsked);
+    EXPECT_FALSE(store->searchKeyIdentifier(x509testing::buffer(std::string("of nobody"))));
+    const auto is = identity("is", {.issuer = &otherRoot, .serial = "77", .subjectKeyIdentifier = false});
+    m_store.file("x/cert.pem", is.certificate.pem(), 0644);
+    EXPECT_FALSE(store->searchKeyIdentifier(x509testing::buffer(was.keyIdentifier)));
+    const auto certificate = x509testing::read(was);
+    EXPECT_EQ(who(store->find(certificate->issuer(), certificate->serialNumber())), "nobody");
+}
+
 TEST_F(DirectoryKeyStoreLookUpTest, ThePluginIsTheSameStore) {
     m_store.add("alice", "alice@example.com\n");
     RefKeyStore keys(true);

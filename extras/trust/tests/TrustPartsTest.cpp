@@ -77,6 +77,8 @@ TEST(TrustTexts, AreCutWhereTheyAreTooLong) {
     };
     EXPECT_EQ(cut(longest - 5, "\\x0Ayyy"), "\\x0Ay...");
     EXPECT_EQ(cut(longest - 4, "\\x0Ayyy"), "\\x0A...") << "what ends there is kept";
+    EXPECT_EQ(cut(longest - 1, "y\\x0Ay"), "y...") << "what begins behind the end";
+    EXPECT_EQ(cut(longest - 1, "yy\\x0Ay"), "y...");
     for (const std::size_t inside : {3U, 2U, 1U, 0U}) {
         EXPECT_EQ(cut(longest - inside, "\\x0Ayyy"), "...") << inside;
         EXPECT_EQ(cut(longest - inside, "\\\\yyyyy"), "...") << inside;

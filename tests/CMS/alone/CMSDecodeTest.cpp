@@ -222,6 +222,17 @@ TEST(Decode, ManyCertificatesDecodeInOrder) {
     EXPECT_EQ(CMS::signedData(message).certificates().size(), 2000U);
 }
 
+// No sender makes them, and OpenSSL reads them: a content of another type whose tag number has an octet of its own.
+TEST(Decode, TagsOfSeveralOctetsDecode) {
+    const Bytes structure{0x30, 0x80, 0x06, 0x02, 0x2A, 0x03, 0xA0, 0x80, 0x5F, 0x21, 0x01, 0x07, 0, 0, 0, 0};
+    const unsigned char* at = structure.data();
+    ASSERT_NE(Pkcs7(d2i_PKCS7(nullptr, &at, static_cast<long>(structure.size()))), nullptr) << "OpenSSL reads it";
+    PiecewiseIn in(structure);
+    const CMS::RefContentInfo message(in);
+    EXPECT_EQ(message->type().asString(), "1.2.3");
+    EXPECT_EQ(message->typeAsEnum(), CMS::ContentInfo::Unknown);
+}
+
 // What follows a structure of definite length is left for the next reader.
 TEST(Decode, BytesBehindADefiniteLengthStayUnread) {
     Bytes input = derStructure();

@@ -183,6 +183,18 @@ TEST(DecrypterLimits, SeveralKeysOfOtherNamesShareTheThousand) {
     EXPECT_EQ(opened.failed.size(), 400U);
 }
 
+TEST(DecrypterLimits, AKeyOfTheRecipientsNameIsTriedBehindTheThousand) {
+    std::vector<Bytes> recipients = strangers(1100);
+    recipients.push_back(recipient(alice()));
+    int turn = 0;
+    const Opened opened =
+        counted(handMade(bodyOf(100), recipients),
+                storeOf(new Answering([&] { return turn++ < 1100 ? pairOf(carol()) : pairOf(alice()); })));
+    EXPECT_EQ(opened.body, bodyOf(100));
+    EXPECT_EQ(s_operations, 1001U);
+    EXPECT_EQ(opened.failed.size(), 1100U);
+}
+
 // A random content key, which stands for one that does not open, passes any cipher without padding.
 TEST(DecrypterLimits, ACipherWithoutPaddingOpensWithNoRandomKey) {
     const Bytes body = bodyOf(1000);

@@ -70,11 +70,11 @@ REPLACEMENT int EVP_KDF_derive(EVP_KDF_CTX* context, unsigned char* key, std::si
                                const OSSL_PARAM parameters[]) {
     return failsHere("EVP_KDF_derive") ? 0 : FORWARD(EVP_KDF_derive, context, key, length, parameters);
 }
-REPLACEMENT int PKCS5_PBKDF2_HMAC(const char* password, int passwordLength, const unsigned char* salt, int saltLength,
+REPLACEMENT int PKCS5_PBKDF2_HMAC(const char* secret, int secretLength, const unsigned char* salt, int saltLength,
                                   int iterations, const EVP_MD* digest, int keyLength, unsigned char* key) {
-    return failsHere("PKCS5_PBKDF2_HMAC") ? 0
-                                          : FORWARD(PKCS5_PBKDF2_HMAC, password, passwordLength, salt, saltLength,
-                                                    iterations, digest, keyLength, key);
+    return failsHere("PKCS5_PBKDF2_HMAC")
+               ? 0
+               : FORWARD(PKCS5_PBKDF2_HMAC, secret, secretLength, salt, saltLength, iterations, digest, keyLength, key);
 }
 
 namespace {

@@ -104,6 +104,9 @@ TEST(EnvelopeSecrets, WhatRecipientsHoldIsWiped) {
     EXPECT_EQ(freedWith(s_keyEncryptionKey, [] { writeMessage({keyed()}); }), 0);
     EXPECT_GE(wipesOf(s_password, [] { writeMessage({withPassword()}); }), 1U);
     EXPECT_EQ(freedWith(s_password, [] { writeMessage({withPassword()}); }), 0);
+    // Before anything is written there is the recipient's own copy alone.
+    EXPECT_GE(wipesOf(s_keyEncryptionKey, [] { static_cast<void>(keyed()); }), 1U);
+    EXPECT_GE(wipesOf(s_password, [] { static_cast<void>(withPassword()); }), 1U);
 }
 
 TEST(EnvelopeSecrets, TheContentKeyIsWipedBeforeAnythingIsWritten) {

@@ -128,6 +128,17 @@ TEST(VerificationWork, TheSignersOfAStructureShareALimit) {
     EXPECT_GE(s_verifications, 30);
 }
 
+// bits^2 * exponent bits / 2^20: 68 for the sound certificate, 4932 or 4933 for the other one; a hundred times both is the limit, or
+// a hundred above it.
+TEST(VerificationWork, AllOfTheLimitMayBeSpent) {
+    const auto all = countedReport(hostile(100, {namedLikeRsa(publicRsa(8990, 64)).certificate.der}));
+    EXPECT_EQ(all.signers.back().reason, SignatureReason::signatureWrong);
+    EXPECT_EQ(s_verifications, 200);
+    const auto more = countedReport(hostile(100, {namedLikeRsa(publicRsa(8991, 64)).certificate.der}));
+    EXPECT_EQ(more.signers.back().reason, SignatureReason::tooMuchWork);
+    EXPECT_EQ(s_verifications, 199);
+}
+
 TEST(VerificationWork, AHundredUsualSignersAreWellBelowTheLimit) {
     EXPECT_TRUE(countedReport(withSigners(sound(), 100)).allGood());
     const Bytes ec = signedByOpenssl(identities().ec, body(), "SHA256", CMS_DETACHED);

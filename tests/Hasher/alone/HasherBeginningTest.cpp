@@ -88,7 +88,7 @@ TEST_F(HasherBeginning, IsLookedUpWhileValidatedImplementationsAreAskedFor) {
     begunFor(Hasher::SHA256);
     ASSERT_EQ(EVP_default_properties_enable_fips(nullptr, 1), 1);
     s_begun = 0;
-    EXPECT_THROW(Hasher(Hasher::SHA256), Norvane::Exception); // there are none here
+    EXPECT_THROW(Hasher{Hasher::SHA256}, Norvane::Exception); // there are none here
     EXPECT_EQ(s_begun, 1);
     ASSERT_EQ(EVP_default_properties_enable_fips(nullptr, 0), 1);
     EXPECT_EQ(digested(Hasher::SHA256, "abc"), s_abc);
