@@ -320,7 +320,7 @@ Bytes inSegments(std::size_t length, std::size_t segment) {
 }
 
 /// How one element is encoded in another way.
-enum class Variant { longLength, longLengthOfNothing, nothing };
+enum class Variant { longLength, longLengthOfNothing, nothing, indefiniteLength, longTag, otherForm };
 
 /// The elements of DER, one of them in another way, and with the lengths that follow from it around it.
 /// \param number of that element in the order of the octets; negative behind it
@@ -335,13 +335,20 @@ Bytes rebuilt(const Bytes& elements, int& number, Variant variant) {
         const auto begin = elements.begin() + static_cast<std::ptrdiff_t>(at + 2 + octets);
         Bytes content(begin, begin + static_cast<std::ptrdiff_t>(length));
         const bool isChosen = number-- == 0;
-        if (isChosen && variant != Variant::longLength) {
+        if (isChosen && (variant == Variant::nothing || variant == Variant::longLengthOfNothing)) {
             content.clear();
         } else if (!isChosen && (elements[at] & 0x20U) != 0) {
             content = rebuilt(content, number, variant);
         }
         Bytes element = der::element(elements[at], content);
-        if (isChosen && variant != Variant::nothing) { // a zero more in front of the length
+        if (isChosen && variant == Variant::indefiniteLength) {
+            element = der::concat({{elements[at], 0x80}, content, {0, 0}});
+        } else if (isChosen && variant == Variant::longTag) {
+            element[0] = static_cast<unsigned char>(elements[at] | 0x1FU);
+            element.insert(element.begin() + 1, static_cast<unsigned char>(elements[at] & 0x1FU));
+        } else if (isChosen && variant == Variant::otherForm) { // primitive or constructed
+            element[0] ^= 0x20U;
+        } else if (isChosen && variant != Variant::nothing) { // a zero more in front of the length
             const bool isShort = element[1] < 0x80U;
             element.insert(element.begin() + (isShort ? 1 : 2), isShort ? 0x81 : 0x00);
             element[1] = static_cast<unsigned char>(element[1] + (isShort ? 0 : 1));
@@ -425,19 +432,20 @@ TEST_P(Lazy, ChangedAtRandomIsWhatOpensslMakesOfIt) {
     EXPECT_GT(tally.refused, 0U);
 }
 
-// OpenSSL takes a length in more octets than it needs, but none of zero behind which nothing follows.
-TEST(LazyLengths, InMoreOctetsAreWhatOpensslMakesOfThem) {
-    for (const char* name : {"detached", "attached", "many", "lists", "envelope", "envelopeEmpty"}) {
+// Among others: OpenSSL takes a length in more octets than it needs, but none of zero behind which nothing follows.
+TEST(LazyHeaders, OfEveryElementInEveryFormAreWhatOpensslMakesOfThem) {
+    for (const char* name : {"attached", "lists", "envelope"}) {
         const Bytes& seed = seeds().at(name);
         Tally tally;
-        for (const Variant variant : {Variant::longLength, Variant::longLengthOfNothing, Variant::nothing}) {
+        for (const Variant variant : {Variant::longLength, Variant::longLengthOfNothing, Variant::nothing,
+                                      Variant::indefiniteLength, Variant::longTag, Variant::otherForm}) {
             int number = -1;
             for (int chosen = 1; number < 0 && !HasFailure();
                  ++chosen) { // of the outermost one both refuse 30 81 00, in other words
                 SCOPED_TRACE(testing::Message()
                              << name << ", element " << chosen << " in form " << static_cast<int>(variant));
                 number = chosen;
-                compare(rebuilt(seed, number, variant), tally, chosen % 4 == 0);
+                compare(rebuilt(seed, number, variant), tally, chosen % 8 == 0);
             }
         }
         EXPECT_GT(tally.accepted, 20U);
