@@ -137,14 +137,15 @@ Answer withList(const std::function<void(List&)>& change) {
 using Rows = std::vector<std::pair<Bytes, Answer>>;
 
 void expectAll(Bytes Certificate::*part, const Rows& rows) {
-    for (const auto& [value, answer] : rows) {
-        EXPECT_EQ(with([&](Certificate& one) { one.*part = value; }), answer)
-            << norvauthority::toHex(value).substr(0, 99);
+    for (const auto& row : rows) {
+        EXPECT_EQ(with([&](Certificate& one) { one.*part = row.first; }), row.second)
+            << norvauthority::toHex(row.first).substr(0, 99);
     }
 }
 void expectAll(Bytes List::*part, const Rows& rows) {
-    for (const auto& [value, answer] : rows) {
-        EXPECT_EQ(withList([&](List& one) { one.*part = value; }), answer) << norvauthority::toHex(value).substr(0, 99);
+    for (const auto& row : rows) {
+        EXPECT_EQ(withList([&](List& one) { one.*part = row.first; }), row.second)
+            << norvauthority::toHex(row.first).substr(0, 99);
     }
 }
 

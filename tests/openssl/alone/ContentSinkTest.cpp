@@ -192,10 +192,10 @@ TEST(ContentSink, HandsOverWhatWasFilledAndWrittenInOrder) {
     ContentSink sink;
     const BioPtr bio = sink.bio();
     std::string expected;
-    for (int turn = 0; turn != 300; ++turn) {
+    for (unsigned int turn = 0; turn != 300; ++turn) {
         const auto room = sink.room();
         const std::size_t count = std::min<std::size_t>(room.size(), std::size_t{30000} * (turn % 7));
-        std::memset(room.data(), turn, count);
+        std::memset(room.data(), static_cast<int>(turn), count);
         ASSERT_TRUE(sink.filled(count));
         expected.append(count, static_cast<char>(turn));
         const std::string written(turn % 5 * 2000 + 1, static_cast<char>(turn + 100));
