@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -48,10 +48,9 @@ PrivateKeyReading readDer(const Bytes& octets) {
     return readPrivateDer(octets.data(), octets.size(), source.get());
 }
 
-int passphrase(char* text, int /*size*/, int forWriting, void* /*data*/) {
+int passphrase(char* text, int size, int forWriting, void* /*data*/) {
     s_forWriting = forWriting;
-    std::memcpy(text, "secret", 6);
-    return 6;
+    return static_cast<int>(std::string_view("secret").copy(text, static_cast<std::size_t>(size)));
 }
 int noPassphrase(char* /*text*/, int /*size*/, int /*forWriting*/, void* /*data*/) {
     return -1;

@@ -196,8 +196,8 @@ TEST(Pkcs7, WhatIsNotThereIsNull) {
     const auto certificate = identity.certificate.x509();
     EXPECT_FALSE(namesCertificate(nullptr, nullptr));
     EXPECT_FALSE(namesCertificate(nullptr, certificate.get()));
-    using NamePtr = Owned<PKCS7_ISSUER_AND_SERIAL, PKCS7_ISSUER_AND_SERIAL_free>;
-    const NamePtr name(PKCS7_ISSUER_AND_SERIAL_new());
+    using IssuerAndSerialPtr = Owned<PKCS7_ISSUER_AND_SERIAL, PKCS7_ISSUER_AND_SERIAL_free>;
+    const IssuerAndSerialPtr name(PKCS7_ISSUER_AND_SERIAL_new());
     EXPECT_FALSE(namesCertificate(name.get(), nullptr));
     EXPECT_FALSE(namesRecipient(certificate.get(), nullptr));
     using RecipientPtr = Owned<PKCS7_RECIP_INFO, PKCS7_RECIP_INFO_free>;
