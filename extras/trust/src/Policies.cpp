@@ -42,12 +42,9 @@ bool isInvalid(X509* certificate) {
         return !areSound(constraintsOf(certificate).get());
     }
     const QuietQuestion quiet;
-    const auto alone = made(sk_X509_new_null());
-    for (int count = 0; count != 2; ++count) { // at the end of a chain it would be an anchor, of which nothing is asked
-        if (sk_X509_push(alone.get(), certificate) <= 0) {
-            throw std::bad_alloc();
-        }
-    }
+    const auto alone = made(sk_X509_new_reserve(nullptr, 2)); // with room for both, which are then put in without fail
+    sk_X509_push(alone.get(), certificate);
+    sk_X509_push(alone.get(), certificate); // the last of a chain would be an anchor, of which nothing is asked
     X509_POLICY_TREE* tree = nullptr;
     int isExplicit = 0;
     const int answer = X509_policy_check(&tree, &isExplicit, alone.get(), nullptr, 0);

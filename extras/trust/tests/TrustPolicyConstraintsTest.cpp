@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 using namespace trusttesting;
 
 namespace {
@@ -53,6 +55,32 @@ TEST_F(TrustPolicyConstraints, LeaveNothingBehind) {
     }
 }
 
+// The same without the leak check.
+TEST_F(TrustPolicyConstraints, TakeNoMoreMemoryTheMoreOftenTheyAreJudged) {
+    const auto inUse = [] { return mallinfo2().uordblks; }; // 0 under AddressSanitizer
+    const Identity root = authority("Root", 0);
+    const Extension huge = constraints(norvauthority::der::sequence({part(0x80, Bytes(60'000, 0x7F))}));
+    const Identity hugeMiddle = authority("Middle", 1, &root, {.extensions = {huge}});
+    const Identity middle = authority("Middle", 1, &root, {.extensions = {policies({"1.2.3"})}});
+    const std::vector<std::pair<const Identity*, Identity>> chains{
+        {&hugeMiddle, user(hugeMiddle)},
+        {&middle, user(middle, {.extensions = {huge}})},
+        {&middle, user(middle, {.extensions = {demand(9)}})},
+    };
+    for (const auto& [issuer, person] : chains) {
+        const auto judgeOften = [&, issuer = issuer, &person = person] {
+            for (int turn = 0; turn != 50; ++turn) {
+                Case one;
+                EXPECT_EQ(shown(one.anchor(root).message(*issuer).judge(person)), "accepted ");
+            }
+        };
+        judgeOften();
+        const auto before = inUse();
+        judgeOften();
+        EXPECT_LT(inUse(), before + 5'000);
+    }
+}
+
 TEST_F(TrustPolicyConstraints, ADemandCountsFromWhereItStands) {
     const char* const missing = "refused policy-missing 0";
     EXPECT_EQ(judged({demand(0)}, {policies({"1.2.3"})}), missing);
@@ -74,6 +102,11 @@ TEST_F(TrustPolicyConstraints, ADemandCountsFromWhereItStands) {
 TEST_F(TrustPolicyConstraints, WhatIsIssuedToItselfDoesNotCount) {
     EXPECT_EQ(judgedBelow({{"A", {demand(2)}}, {"A", {}}}, {}), "accepted ");
     EXPECT_EQ(judgedBelow({{"A", {demand(1)}}, {"A", {}}}, {}), "refused policy-missing 0");
+    Case one; // nothing below the anchor counts, and a policy is demanded from the beginning
+    one.options.policies = {"1.2.3"};
+    const Identity root = authority("Root", 0);
+    EXPECT_EQ(shown(one.anchor(root).judge(user(root, {.extensions = {demand(9)}}, "Root"))),
+              "refused policy-missing 0");
 }
 
 TEST_F(TrustPolicyConstraints, NoPolicyHoldsThatIsAskedFor) {

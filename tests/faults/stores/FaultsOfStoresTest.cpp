@@ -26,6 +26,7 @@ std::vector<Operation> operations() {
                                judges("of a stranger", chain().anna, chain().stranger, true),
                                judges("revoked", chain().revoked, chain().root, true),
                                judges("expired", chain().expired, chain().root, true),
+                               judges("with policy constraints", chain().constrained, chain().root, false),
                                judges("issued by no authority", chain().limited, chain().root, true),
                                loadsMaterial(),
                                readsMail("signed and encrypted", both, chain().root, false),

@@ -6,6 +6,7 @@
 
 #include "support/Cms.h"
 
+#include <authority/Path.h>
 #include <norvcrypto-keystore/DirectoryKeyStore.h>
 
 namespace faultsofstores {
@@ -40,6 +41,11 @@ struct Chain {
     Identity revoked = person(middle, "a2");
     Identity expired = person(middle, "a3", -86400);
     Identity limited = person(issued(root, "Limited", "b3", {.ca = false, .keyUsage = 0x80}), "a4");
+    Identity constrained = issued(middle, "Anna", "a5",
+                                  {.keyUsage = 0x80,
+                                   .extendedKeyUsage = {"emailProtection"},
+                                   .alternativeNames = {GeneralName::email("anna@example.org")},
+                                   .extensions = {norvauthority::policyConstraints(9, std::nullopt)}});
     norvauthority::Crl rootList = norvauthority::issueList({.issuer = &root, .crlNumber = "1"});
     norvauthority::Crl middleList =
         norvauthority::issueList({.issuer = &middle, .revoked = {{.serial = "a2"}}, .crlNumber = "1"});
