@@ -61,19 +61,18 @@ std::string bareOf(const std::string& value) {
     std::string bare = value;
     std::size_t comments = 0;
     bool isQuoted = false;
-    for (std::size_t at = 0; at < value.size(); ++at) {
-        const char c = value[at];
+    char before = ' ';
+    for (char& c : bare) {
+        const char sign = before == '\\' ? ' ' : c; // what is escaped is none
         const bool wasBare = comments == 0 && !isQuoted;
-        if (c == '"' && comments == 0)
+        if (sign == '"' && comments == 0)
             isQuoted = !isQuoted;
-        else if (!isQuoted && c == '(')
+        else if (!isQuoted && sign == '(')
             ++comments;
-        else if (!isQuoted && c == ')' && comments > 0)
+        else if (!isQuoted && sign == ')' && comments > 0)
             --comments;
-        if (!wasBare || comments > 0 || isQuoted)
-            bare[at] = ' ';
-        if (c == '\\' && at + 1 < value.size())
-            bare[++at] = ' ';
+        c = wasBare && comments == 0 && !isQuoted ? sign : ' ';
+        before = sign;
     }
     return bare;
 }
@@ -213,7 +212,7 @@ Transfer transferOf(const Header& header) {
     const std::string value = transferWordOf(header);
     if (value.empty())
         return Transfer::identity;
-    startGmime();
+    startGmime(); // as all calls of it ask for
     switch (g_mime_content_encoding_from_string(value.c_str())) {
     case GMIME_CONTENT_ENCODING_7BIT:
     case GMIME_CONTENT_ENCODING_8BIT:
