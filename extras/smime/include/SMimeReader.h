@@ -36,7 +36,8 @@
 /// CRLF in place of each bare LF (RFC 8551, 3.1.1), and as they stand; which comes first depends on whether there are CRLFs
 /// among them, and the form that fits is told. A CR without LF is left alone.
 ///
-/// Nothing is thrown for what a message holds. What `message`, `content` and the `KeyLookup` throw passes through.
+/// Nothing is thrown for what a message holds. What `message`, `content` and the `KeyLookup` throw passes through, and so does the
+/// `MediaException` of a file without a name that cannot be made or written.
 /// Several threads may read messages at once, each its own.
 
 #include <norvcmsg/Buffer.h>

@@ -85,6 +85,12 @@ TEST(DiagnosisCertificates, ASignatureThatSaysWhichCertificateItIsByMayBeOfARene
     }
 }
 
+// Of the body, too, the fewest changes are told: no line end but the one at its end was changed.
+TEST(DiagnosisCertificates, BesideOneThatWasRenewedTheFewestChangesAreTold) {
+    EXPECT_THAT(namesOf(diagnosisOf(bareSignature(), text + "\n", {certificatesOf({&renewed()})})),
+                ElementsAre("last-line-end-added", "certificate-renewed"));
+}
+
 TEST(DiagnosisCertificates, AThousandAreLookedAt) {
     Certificates given(999, certificateOf(identities().otherRsa));
     given.push_back(certificateOf(renewed()));

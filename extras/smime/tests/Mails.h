@@ -18,9 +18,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace smimetest {
@@ -146,6 +148,27 @@ inline Outcome outcomeOf(const std::string& mail) {
     options.keys = &keys;
     return outcomeOf(mail, options);
 }
+
+/// Breaks once in the middle, and is at its end behind that.
+class FailingIn : public Norvane::MediaInImpl {
+public:
+    explicit FailingIn(const std::string& text) : m_in(text), m_left(static_cast<unsigned int>(text.size() / 2)) {}
+    using MediaInImpl::read;
+    [[nodiscard]] bool atEnd() const override { return m_isBroken; }
+    [[nodiscard]] int peek() const override { return m_isBroken ? -1 : m_in.peek(); }
+    int read(unsigned char* out, unsigned int length) override {
+        if (m_left == 0 && !std::exchange(m_isBroken, true))
+            throw Norvane::MediaException("the line broke", 4, "Test", 1);
+        const int count = m_in.read(out, std::min(length, m_left));
+        m_left -= static_cast<unsigned int>(count);
+        return count;
+    }
+
+private:
+    Norvane::MemoryMediaIn m_in;
+    unsigned int m_left;
+    bool m_isBroken = false;
+};
 
 inline std::vector<std::string> pathsOf(const std::vector<SMime::UncoveredPart>& parts) {
     std::vector<std::string> paths;

@@ -226,6 +226,17 @@ TEST(SMimeHostile, EncryptedPartsThatAreCutOffAreDamaged) {
     EXPECT_EQ(outcome.answer.layers.front().status, LayerStatus::damaged);
 }
 
+// A signed text whose beginning is damaged is no message without a signature.
+TEST(SMimeHostile, SignedPartsThatAreCutOffInFrontOfTheirContentAreDamaged) {
+    const std::string mail = fieldsOfAlice + signedBy(alice(), plainEntity, CMS_BINARY | CMS_CRLFEOL);
+    const std::size_t body = mail.find("\r\n\r\n") + 4;
+    const Outcome outcome = outcomeOf(mail.substr(0, body + 44)); // of base64: 33 octets
+    EXPECT_EQ(outcome.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("opaque-signed 1 damaged"));
+    EXPECT_TRUE(outcome.answer.layers.at(0).coversContent);
+    EXPECT_EQ(outcome.content, "");
+}
+
 TEST(SMimeHostile, AMissingLastBoundaryIsTold) {
     const std::string entity = signedBy(alice(), plainEntity, detached);
     const std::string mail = fieldsOfAlice + entity.substr(0, entity.rfind("--", entity.rfind("--") - 5));
@@ -259,25 +270,6 @@ TEST(SMimeHostile, BoundariesThatAreMissingOrTooLong) {
     EXPECT_EQ(outcomeOf(protocol + "; boundary=" + longOne + "\r\n\r\n--" + longOne + "\r\n").answer.verdict,
               Verdict::damaged);
 }
-
-class FailingIn : public Norvane::MediaInImpl {
-public:
-    explicit FailingIn(const std::string& text) : m_in(text), m_left(static_cast<unsigned int>(text.size() / 2)) {}
-    using MediaInImpl::read;
-    [[nodiscard]] bool atEnd() const override { return false; }
-    [[nodiscard]] int peek() const override { return m_in.peek(); }
-    int read(unsigned char* out, unsigned int length) override {
-        if (m_left == 0)
-            throw Norvane::MediaException("the line broke", 4, "Test", 1);
-        const int count = m_in.read(out, std::min(length, m_left));
-        m_left -= static_cast<unsigned int>(count);
-        return count;
-    }
-
-private:
-    Norvane::MemoryMediaIn m_in;
-    unsigned int m_left;
-};
 
 class FailingOut : public Norvane::MediaOutImpl {
 public:

@@ -78,6 +78,21 @@ TEST(SMimeLimits, StructuresAreReadUpToTheBudget) {
     EXPECT_EQ(readWithin(budget, within).answer.verdict, Verdict::signatureGood);
 }
 
+// What cannot be read of the budget is that of the content all the same: there is no verdict without it.
+TEST(SMimeLimits, AStructureBeyondTheBudgetIsThatOfTheContent) {
+    SMime::ReadBudget budget;
+    budget.layers = 0;
+    for (const std::string& entity : {encryptedFor({&bob()}, plainEntity), signedBy(alice(), plainEntity, wire),
+                                      signedBy(alice(), plainEntity, detached)}) {
+        const Outcome outcome = readWithin(budget, fieldsOfAlice + entity);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::tooCostly);
+        EXPECT_EQ(outcome.answer.detail, "part 1: more than 0 structures");
+        ASSERT_EQ(outcome.answer.layers.size(), 1U);
+        EXPECT_TRUE(outcome.answer.layers[0].coversContent);
+        EXPECT_THAT(outcome.answer.notCovered, IsEmpty());
+    }
+}
+
 TEST(SMimeLimits, EntitiesLieAsDeepAsTheBudgetAllows) {
     SMime::ReadBudget budget;
     const std::string forwarded = "Content-Type: message/rfc822\r\n\r\nFrom: bob@example.org\r\n\r\nhello\r\n";
@@ -166,15 +181,20 @@ TEST(SMimeLimits, SixtyFourKilobytesAreKeptInMemory) {
     SMime::ReadOptions options;
     options.spillTemplate = "/nonexistent/fileXXXXXX";
     const std::string start = "Content-Type: text/plain\r\n\r\n";
+    static const Keys keys({&bob()});
+    options.keys = &keys;
     for (const std::size_t length : {65536U, 65537U}) {
         const std::string entity = start + std::string(length - start.size(), 'x');
-        const std::string mail = fieldsOfAlice + signedBy(alice(), entity, detached);
-        Norvane::MemoryMediaOut content;
-        const auto read = [&] { return SMime::read(Norvane::MemoryMediaIn(mail), content, options); };
-        if (length == 65536)
-            EXPECT_EQ(read().verdict, Verdict::signatureGood);
-        else
-            EXPECT_THROW(read(), Norvane::MediaException);
+        for (const std::string& part :
+             {signedBy(alice(), entity, detached), encryptedFor({&bob()}, entity, EVP_aes_128_gcm())}) {
+            const std::string mail = fieldsOfAlice + part;
+            Norvane::MemoryMediaOut content;
+            const auto read = [&] { return SMime::read(Norvane::MemoryMediaIn(mail), content, options); };
+            if (length == 65536)
+                EXPECT_THAT(read().verdict, testing::AnyOf(Verdict::signatureGood, Verdict::decrypted));
+            else
+                EXPECT_THROW(read(), Norvane::MediaException);
+        }
     }
 }
 

@@ -21,6 +21,7 @@ struct Readers {
     bool key = false;
     const Identity* person = nullptr;
     std::string name = theName;
+    int iterations = -1; ///< of the password's hash; OpenSSL's own number
 };
 
 unsigned char* copied(const std::string& text) {
@@ -39,8 +40,9 @@ std::string encryptedTo(const Readers& readers, const std::string& entity,
                   nullptr);
     }
     if (readers.password) {
-        EXPECT_NE(CMS_add0_recipient_password(structure.get(), -1, NID_undef, NID_undef, copied(thePassword),
-                                              static_cast<ossl_ssize_t>(thePassword.size()), EVP_aes_128_cbc()),
+        EXPECT_NE(CMS_add0_recipient_password(structure.get(), readers.iterations, NID_undef, NID_undef,
+                                              copied(thePassword), static_cast<ossl_ssize_t>(thePassword.size()),
+                                              EVP_aes_128_cbc()),
                   nullptr);
     }
     if (readers.person != nullptr) {
@@ -51,6 +53,22 @@ std::string encryptedTo(const Readers& readers, const std::string& entity,
     EXPECT_EQ(SMIME_write_CMS(out.get(), structure.get(), content.get(), static_cast<int>(flags)), 1);
     ERR_clear_error();
     return textOf(out.get());
+}
+
+/// In three octets.
+std::string sizeOf(std::size_t size) {
+    return {static_cast<char>(size >> 16U), static_cast<char>(size >> 8U), static_cast<char>(size)};
+}
+
+/// The structure that stands in an entity.
+std::string binaryOf(const std::string& entity) {
+    const std::string body = entity.substr(entity.find("\r\n\r\n") + 4);
+    const Bio decoding(BIO_push(BIO_new(BIO_f_base64()), sourceOf(body).release()));
+    std::string octets(body.size(), '\0');
+    const int count = BIO_read(decoding.get(), octets.data(), static_cast<int>(octets.size()));
+    EXPECT_GT(count, 0);
+    octets.resize(static_cast<std::size_t>(std::max(count, 0)));
+    return octets;
 }
 
 /// What the reader has.
@@ -149,6 +167,41 @@ TEST(SMimeSecrets, ThreeStructuresAreOpenedWithThePassword) {
     EXPECT_EQ(outcome.answer.layers[4].detail, "");
 }
 
+// CMS::EnvelopeReader::Budget, whose member the text names: what is beyond makes no message damaged, and no password another one.
+TEST(SMimeSecrets, WhatIsBeyondABudgetIsTooCostly) {
+    const Held all = held();
+    const Outcome hashed = outcomeOf(
+        fieldsOfAlice + encryptedTo({.password = true, .iterations = 1000001}, plainEntity), all.options(true, false));
+    EXPECT_EQ(hashed.answer.verdict, Verdict::tooCostly);
+    EXPECT_EQ(hashed.content, "");
+    EXPECT_THAT(hashed.answer.detail, HasSubstr("1000000 (Budget::passwordIterations)"));
+
+    std::string structure = binaryOf(encryptedTo({.password = true}, plainEntity));
+    const std::string ends(6, '\0'); // of EnvelopedData, the content and ContentInfo, whose lengths are indefinite
+    ASSERT_TRUE(structure.ends_with(ends));
+    structure.resize(structure.size() - ends.size());
+    for (const bool isLong : {false, true}) {
+        const std::size_t length = isLong ? 4 << 20U : 1024;
+        // Unprotected attributes: [1] (RFC 5652, 6.1).
+        const std::string attributes =
+            "\xa1\x83" + sizeOf(length + 5) + "\x30\x83" + sizeOf(length) + std::string(length, '\0');
+        const Outcome outcome =
+            outcomeOf(fieldsOfAlice + "Content-Type: application/pkcs7-mime\r\n\r\n" + structure + attributes + ends,
+                      all.options(true, false));
+        EXPECT_EQ(outcome.answer.verdict, isLong ? Verdict::tooCostly : Verdict::decrypted);
+        EXPECT_THAT(outcome.answer.detail, HasSubstr(isLong ? "(Budget::tail)" : "nobody signed it"));
+    }
+}
+
+// That the source broke is no word about the password.
+TEST(SMimeSecrets, ASourceThatBreaksIsNotTakenForAnotherPassword) {
+    const Held all = held();
+    const std::string mail = fieldsOfAlice + encryptedTo({.password = true}, "\r\n" + std::string(10000, 'x') + "\r\n");
+    const Norvane::MediaIn failing(Norvane::makeReference<FailingIn, Norvane::MediaInImpl>(mail));
+    Norvane::NullMediaOut content;
+    EXPECT_THROW(static_cast<void>(SMime::read(failing, content, all.options(true, true))), Norvane::MediaException);
+}
+
 TEST(SMimeSecrets, LongNamesOfKeysAreToldInPart) {
     const std::string cut = "key-encryption key " + std::string(std::size_t{2} * 64, 'a');
     for (const std::size_t length : {64U, 65U}) {
@@ -189,6 +242,19 @@ TEST(SMimeSecrets, AuthenticatedTextsGoToTheFolderForTemporaryFilesOnceTheyAreLo
     EXPECT_EQ(outcome.answer.verdict, Verdict::decrypted) << outcome.answer.detail;
     EXPECT_EQ(outcome.content, entity);
     EXPECT_THAT(workspace.names(), ElementsAre());
+}
+
+// A disk that is full, or a folder that is not there: nothing of the message is wrong, nor the password.
+TEST(SMimeSecrets, ThatAnAuthenticatedTextCannotBeKeptIsNoFaultOfTheMessage) {
+    Held all = held();
+    all.keys = std::make_unique<Keys>(std::vector<const Identity*>{&bob()});
+    SMime::ReadOptions options = all.options(true, true);
+    options.spillTemplate = "/nonexistent/folder/spillXXXXXX";
+    for (const Readers& readers : {Readers{.person = &bob()}, Readers{.password = true}, Readers{.key = true}}) {
+        const std::string mail =
+            fieldsOfAlice + encryptedTo(readers, "\r\n" + std::string(200000, 'x') + "\r\n", EVP_aes_128_gcm());
+        EXPECT_THROW(outcomeOf(mail, options), Norvane::MediaException);
+    }
 }
 
 } // namespace

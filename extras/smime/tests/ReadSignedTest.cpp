@@ -230,6 +230,18 @@ TEST(SMimeRead, AMailingListsFooterIsNotCovered) {
     EXPECT_EQ(outcome.answer.notCovered[0].type, "text/html");
 }
 
+// One content is handed on: what another one signed is shown beside it, and its layer does not count.
+TEST(SMimeRead, ASecondSignedPartIsNotCovered) {
+    const std::string mail = fieldsOfAlice + "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" +
+                             signedBy(alice(), plainEntity, detached) + "\r\n--list\r\n" +
+                             signedBy(bob(), plainEntity, detached) + "\r\n--list--\r\n";
+    const Outcome outcome = outcomeOf(mail);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+    EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1.1 good", "multipart-signed 1.2 good"));
+    ASSERT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.2"));
+    EXPECT_EQ(outcome.answer.notCovered[0].type, "multipart/signed");
+}
+
 // What was decrypted never stands beside what a stranger wrote.
 // RFC 2046, 5.1.1: a reader may compare the start of a line alone.
 TEST(SMimeRead, LinesThatLookLikeABoundaryInFrontOfTheFirstPartAreAmbiguous) {

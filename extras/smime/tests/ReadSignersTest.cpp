@@ -236,4 +236,15 @@ TEST(SMimeSigners, FormsAndSchemesHaveNames) {
     EXPECT_STREQ(nameOf(SMime::HeaderScheme::parameter), "parameter");
 }
 
+TEST(SMimeSigners, NumbersBehindTheLastAreUnknown) {
+    for (const int more : {1, 2, 1000}) {
+        EXPECT_STREQ(nameOf(LayerKind{static_cast<int>(LayerKind::other) + more}), "unknown");
+        EXPECT_STREQ(nameOf(LayerStatus{static_cast<int>(LayerStatus::tooCostly) + more}), "unknown");
+        EXPECT_STREQ(nameOf(SMime::SignedForm{static_cast<int>(SMime::SignedForm::canonical) + more}), "unknown");
+        EXPECT_STREQ(nameOf(SMime::HeaderScheme{static_cast<int>(SMime::HeaderScheme::parameter) + more}), "unknown");
+        EXPECT_STREQ(nameOf(SMime::FieldState{static_cast<int>(SMime::FieldState::missing) + more}), "unknown");
+        EXPECT_STREQ(nameOf(Verdict{static_cast<int>(Verdict::tooCostly) + more}), "unknown");
+    }
+}
+
 } // namespace

@@ -55,43 +55,46 @@ private:
     GMimeParamList* m_list;
 };
 
-/// Where the parameter that begins at `from` ends: in front of its semicolon, or at the end.
-std::size_t endOfParameter(std::string_view value, std::size_t from) {
+/// The value with a blank for each octet that is quoted or stands in a comment (RFC 822, 3.4.3): what signs are left in it stand
+/// between parameters and in their names.
+std::string bareOf(const std::string& value) {
+    std::string bare = value;
     std::size_t comments = 0;
     bool isQuoted = false;
-    for (std::size_t at = from; at < value.size(); ++at) {
-        const char c = value[at];
-        if (c == '\\')
-            ++at;
-        else if (c == '"' && comments == 0)
+    char before = ' ';
+    for (char& c : bare) {
+        const char sign = before == '\\' ? ' ' : c; // what is escaped is none
+        const bool wasBare = comments == 0 && !isQuoted;
+        if (sign == '"' && comments == 0)
             isQuoted = !isQuoted;
-        else if (!isQuoted && c == '(')
+        else if (!isQuoted && sign == '(')
             ++comments;
-        else if (!isQuoted && c == ')' && comments > 0)
+        else if (!isQuoted && sign == ')' && comments > 0)
             --comments;
-        else if (!isQuoted && comments == 0 && c == ';')
-            return at;
+        c = wasBare && comments == 0 && !isQuoted ? sign : ' ';
+        before = sign;
     }
-    return value.size();
+    return bare;
 }
 
 /// RFC 2231, 3: the segments of a value stand in any order. The library takes the character set from the one that it meets
 /// first, which has to be the one that names it, "name*0*".
 std::string withFirstSegmentsFirst(const std::string& value) {
-    const std::size_t type = endOfParameter(value, 0);
+    const std::string bare = bareOf(value);
+    const std::size_t type = std::min(bare.find(';'), bare.size());
     std::string first;
     std::string others;
     bool hasSegments = false;
     bool isOutOfOrder = false;
     for (std::size_t at = type; at < value.size();) {
-        const std::size_t end = endOfParameter(value, at + 1);
-        const std::string_view parameter = std::string_view(value).substr(at, end - at);
-        std::string_view name = parameter.substr(0, parameter.find('='));
+        const std::size_t end = std::min(bare.find(';', at + 1), bare.size());
+        std::string_view name = std::string_view(bare).substr(at, end - at);
+        name = name.substr(0, name.find('='));
         name = name.substr(0, name.find_last_not_of(" \t") + 1);
         const bool isFirst = name.ends_with("*0*");
         isOutOfOrder = isOutOfOrder || (isFirst && hasSegments);
         hasSegments = hasSegments || (!isFirst && name.find('*') != std::string_view::npos);
-        (isFirst ? first : others).append(parameter);
+        (isFirst ? first : others).append(value, at, end - at);
         at = end;
     }
     return isOutOfOrder ? value.substr(0, type) + first + others : value;
@@ -209,7 +212,7 @@ Transfer transferOf(const Header& header) {
     const std::string value = transferWordOf(header);
     if (value.empty())
         return Transfer::identity;
-    startGmime();
+    startGmime(); // as all calls of it ask for
     switch (g_mime_content_encoding_from_string(value.c_str())) {
     case GMIME_CONTENT_ENCODING_7BIT:
     case GMIME_CONTENT_ENCODING_8BIT:

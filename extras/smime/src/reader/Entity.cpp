@@ -92,7 +92,6 @@ void readMessage(Session& session, const Header& header, const SharedOctets& enc
     const std::size_t index = session.addLayer(LayerKind::forwarded, place);
     session.layer(index).status = LayerStatus::good;
     session.layer(index).detail.clear();
-    session.layer(index).coversContent = isWrapped;
     if (inner.depth > session.options.budget.depth)
         return session.fail(inner, LayerStatus::tooCostly, "it lies deeper than the budget allows");
     Header innerHeader;

@@ -100,10 +100,13 @@ public:
             throw;
         }
     }
-    /// To be called in front of each handler's own work.
-    void rethrowOutside() const {
+    /// To be called in front of each handler's own work, with what it caught.
+    void rethrowOutside(const Exception& caught) const {
         if (m_thrown)
             std::rethrow_exception(m_thrown);
+        // Of a file without a name that a reader of CMS keeps a content in: no message brings that about.
+        if (dynamic_cast<const MediaException*>(&caught) != nullptr)
+            throw;
     }
 
     /// \returns its index; references into the layers do not last

@@ -195,12 +195,12 @@ bool judgeForm(Session& session, std::size_t index, const Detached& detached, Si
     Layer& layer = session.layer(index);
     if (!reader.isDetached()) {
         layer.detail = "the signature of a multipart/signed carries a content of its own";
-        return true;
+        return true; // whatever the form
     }
     if (reader.signers().empty()) {
         layer.status = LayerStatus::signatureWrong;
         layer.detail = "the signature has no signer";
-        return true;
+        return true; // whatever the form
     }
     MediaOut digest = reader.digest();
     if (form == SignedForm::canonical)
@@ -226,7 +226,7 @@ void judgeDetached(Session& session, std::size_t index, const Detached& detached
                 break;
         }
     } catch (const Exception& failure) {
-        session.rethrowOutside();
+        session.rethrowOutside(failure);
         tellFailure(session.layer(index), failure);
     }
 }

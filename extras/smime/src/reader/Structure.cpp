@@ -243,9 +243,10 @@ void readEnvelope(Session& session, std::size_t index, const SharedOctets& octet
     try {
         readEntity(session, content, payload);
         mime::drain(*content);
-    } catch (const Exception&) {
-        session.rethrowOutside();
-        if (reader.verdict() != EnvelopeReader::Damaged || !isOpenedWithSecret(reader))
+    } catch (const Exception& failure) {
+        session.rethrowOutside(failure);
+        const bool isCostly = dynamic_cast<const TooCostlyException*>(&failure) != nullptr;
+        if (isCostly || reader.verdict() != EnvelopeReader::Damaged || !isOpenedWithSecret(reader))
             throw;
         // Whoever made the message named a certificate where there is one; nothing tells whose a secret is.
         session.layer(index).status = LayerStatus::noKey;
@@ -312,7 +313,7 @@ void readStructure(Session& session, const mime::ContentType& contentType, mime:
         else
             readEnvelope(session, index, octets, place);
     } catch (const Exception& failure) {
-        session.rethrowOutside();
+        session.rethrowOutside(failure);
         session.take(index, place);
         tellFailure(session.layer(index), failure);
     }

@@ -38,12 +38,20 @@ TEST(ContentTypeSegments, AreNotThoseInQuotesAndComments) {
              "application/x; x=\")\"; name*1=Z" + first,
              std::string("application/x; name*1=Z; name*0* =utf-8''%C3%A9"),
              std::string("application/x;; name*1=Z;;name*0*=utf-8''%C3%A9"),
+             "application/x); name*1=Z" + first,
+             "application/x; x=a); name*1=Z" + first,
+             "(a; b*1=x) application/x; name*1=Z" + first,
+             "application/x;(a; b*0*=c) name*1=Z" + first,
+             "application/x; name*1 (a*0*=b)=Z" + first,
+             std::string("application/x; name*1=Z; name*0* (a;b)=utf-8''%C3%A9"),
          })
         EXPECT_EQ(typed(value).name, "\u00e9Z") << value;
 }
 
 TEST(ContentTypeSegments, LeaveTheOthersInTheirOrder) {
-    EXPECT_EQ(typed("application/x; name=a; name*0*=utf-8''b").name, "a") << "the first one counts";
+    for (const std::string value :
+         {"application/x; name=a", "application/x; (c*d) name=a", "application/x; x=\"b*c\"; name=a"})
+        EXPECT_EQ(typed(value + "; name*0*=utf-8''b").name, "a") << "the first one counts";
 }
 
 TEST(ContentTypeBoundary, IsMadeOfItsOwnOctets) {
@@ -66,6 +74,12 @@ TEST(ContentTypeValue, IsReadUpToItsLimit) {
     const ContentType tooLong = typed(begin + std::string(maximumValue - begin.size() + 1, 'x'));
     EXPECT_EQ(tooLong.text(), "application/octet-stream");
     EXPECT_EQ(tooLong.oddity, "Content-Type is longer than 16384 bytes");
+}
+
+TEST(DecodedText, OfAValueBeyondItsLimitsIsItsStartAsItStands) {
+    EXPECT_EQ(decodedText(std::string("=?utf-8?q?=61?=\0b", 17)), "=?utf-8?q?=61?=");
+    EXPECT_EQ(decodedText("ab" + std::string(maximumValue, 'x')), "ab" + std::string(maximumValue - 2, 'x'));
+    EXPECT_EQ(decodedText("=?utf-8?q?=61?="), "a");
 }
 
 } // namespace

@@ -7,6 +7,14 @@ namespace {
 using namespace smimetest;
 using testing::HasSubstr;
 
+// In a process in which nothing else read an address before.
+TEST(SmimeFirstPersonTest, MayBeOfADomainOfAnotherScript) {
+    SMime::EncryptOptions options;
+    options.keys = NVX509::RefKeyStore(true);
+    options.addresses = {EmailAddress::rfc5321Parse("bob@b\u00fccher.example", true)};
+    EXPECT_EQ(refusalOf("\nx\n", {options}), "there is no certificate for bob@b\u00fccher.example");
+}
+
 /// Keys by address.
 class Keys : public NVX509::KeyStorePlugin {
 public:
@@ -247,6 +255,15 @@ TEST_F(SmimePeopleTest, RefusesCertificatesForOtherUses) {
     verified(wrapped(m_body, {signedBy({&signs})}));
     decrypted(wrapped(m_body, {encryptedFor({&reads})}), reads);
     decrypted(wrapped(m_body, {encryptedFor({&mails})}), mails);
+}
+
+TEST_F(SmimePeopleTest, ReadsAddressesAmongAThousandColons) {
+    for (const std::size_t colons : {1000U, 1001U}) {
+        const std::string to = '"' + std::string(colons, ':') + "\" <bob@example.com>";
+        const SMime::Correspondents people = SMime::correspondentsOf(MemoryMediaIn("To: " + to + "\n\n"));
+        EXPECT_EQ(people.to.size(), colons == 1000 ? 1U : 0U);
+        EXPECT_EQ(people.noAddresses, colons == 1000 ? std::vector<std::string>() : std::vector{to.substr(0, 200)});
+    }
 }
 
 TEST_F(SmimePeopleTest, TellsTheAddressesOfAMessage) {
