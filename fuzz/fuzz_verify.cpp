@@ -69,7 +69,8 @@ bool isGoodToOpenSsl(const Buffer& input, bool detached) {
     const fuzz::Uncounted aside;
     const unsigned char* at = input.data();
     CMS_ContentInfo* structure = d2i_CMS_ContentInfo(nullptr, &at, static_cast<long>(input.length()));
-    BIO* content = detached ? BIO_new_mem_buf(body, sizeof body - 1) : nullptr;
+    // OpenSSL reads memory by a BIO of its own, which it loses where it does not begin.
+    BIO* content = detached ? BIO_push(BIO_new(BIO_f_buffer()), BIO_new_mem_buf(body, sizeof body - 1)) : nullptr;
     BIO* out = BIO_new(BIO_s_null());
     bool good = structure == nullptr || // not every structure that PKCS#7 allows is one
                 CMS_verify(structure, nullptr, nullptr, content, out, CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY) == 1;
@@ -77,7 +78,7 @@ bool isGoodToOpenSsl(const Buffer& input, bool detached) {
         good = areSignersGood(structure, contentOf(structure, detached));
     }
     BIO_free(out);
-    BIO_free(content);
+    BIO_free_all(content);
     CMS_ContentInfo_free(structure);
     ERR_clear_error();
     return good;

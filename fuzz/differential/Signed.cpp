@@ -65,8 +65,11 @@ Answer opensslSays(const Bytes& octets) {
     if (structure != nullptr && OBJ_obj2nid(CMS_get0_type(structure.get())) == NID_pkcs7_signed) {
         answer.consumed = static_cast<std::size_t>(cursor - octets.data());
         const bool detached = CMS_is_detached(structure.get()) == 1;
-        const BioPtr given(detached ? BIO_new_mem_buf(detachedBody().data(), static_cast<int>(detachedBody().size()))
-                                    : nullptr);
+        BioPtr given;
+        if (detached) { // OpenSSL reads memory by a BIO of its own, which it loses where it does not begin: not memory alone
+            given.reset(BIO_push(BIO_new(BIO_f_buffer()),
+                                 BIO_new_mem_buf(detachedBody().data(), static_cast<int>(detachedBody().size()))));
+        }
         const BioPtr out(BIO_new(BIO_s_mem()));
         answer.accepted = CMS_verify(structure.get(), nullptr, nullptr, given.get(), out.get(),
                                      CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY) == 1;
