@@ -3,8 +3,6 @@
 /// \file
 /// Whether the private key of a pair may be decrypted with.
 
-#include "openssl/ErrorQueue.h"
-
 #include <norvcrypto/Key.h>
 
 #include <openssl/x509.h>
@@ -16,11 +14,6 @@ namespace Norvane::Crypto::CMS {
 inline bool isPrivateKey(const RefKey& key) {
     return !key.isNull() && dynamic_cast<const PublicKey*>(key.operator->()) == nullptr &&
            static_cast<EVP_PKEY*>(key) != nullptr;
-}
-
-inline bool belongTogether(const X509* certificate, const EVP_PKEY* key) {
-    const openssl::ErrorMark mark;
-    return X509_check_private_key(certificate, key) == 1;
 }
 
 } // namespace Norvane::Crypto::CMS

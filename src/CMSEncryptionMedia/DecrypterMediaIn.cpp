@@ -6,6 +6,7 @@
 #include "failures/Raise.h"
 #include "openssl/ContentDecryption.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/StreamExceptions.h"
 
@@ -258,7 +259,7 @@ bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pa
     const bool named = openssl::namesRecipient(certificate, asked);
     const std::string otherKeyEncryption = openssl::otherKeyEncryption(asked);
     // Its result would be one by chance.
-    if (named && !belongTogether(certificate, key)) {
+    if (named && !openssl::keyMatchesCertificate(certificate, key)) {
         return recordFailure({identifier, Attempt::KeyOfAnotherCertificate});
     }
     if (!round.unsupportedCipher.empty()) {
@@ -268,7 +269,7 @@ bool DecrypterMediaInImpl::isDecryptedWith(const NVX509::_KeyCertificatePair& pa
         return recordFailure({identifier, Attempt::UnsupportedAlgorithm, otherKeyEncryption});
     }
     const auto failed = otherKeyEncryption.empty() ? Attempt::Failed : Attempt::UnsupportedAlgorithm;
-    if (EVP_PKEY_is_a(key, "RSA") != 1 || (!named && round.limits.wasTriedOnAll(key))) {
+    if (!openssl::isOfType(key, "RSA") || (!named && round.limits.wasTriedOnAll(key))) {
         return recordFailure({identifier, failed, otherKeyEncryption});
     }
     if (round.limits.isMessageUsedUp() || (!named && round.limits.areOperationsUsedUp())) {

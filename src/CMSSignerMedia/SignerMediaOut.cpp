@@ -2,8 +2,8 @@
 #include "CMS/StructureStream.h"
 #include "failures/Raise.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/Pointers.h"
-#include "openssl/SigningKeys.h"
 
 #include <norvcrypto/CMSSignerMedia.h>
 

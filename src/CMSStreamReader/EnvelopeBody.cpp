@@ -4,6 +4,7 @@
 #include "failures/Raise.h"
 #include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 
 #include <norvcmsg/BytesInMemory.h>
 #include <norvcrypto/Key.h>
@@ -190,7 +191,8 @@ const EnvelopeReaderImpl::Search::Answer* EnvelopeReaderImpl::Search::ask(const 
     if (const auto identifier = identifierOf(parts)) {
         NVX509::KeyCertificatePair pair = keys.find(*identifier);
         const X509* certificate = pair ? static_cast<X509*>(pair->certificate) : nullptr;
-        if (pair && isPrivateKey(pair->key) && (certificate == nullptr || belongTogether(certificate, pair->key))) {
+        if (pair && isPrivateKey(pair->key) &&
+            (certificate == nullptr || openssl::keyMatchesCertificate(certificate, pair->key))) {
             answer = {pair, certificate != nullptr && identifier->names(pair->certificate)};
         }
     }

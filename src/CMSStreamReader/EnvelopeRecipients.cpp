@@ -4,6 +4,7 @@
 #include "framing/Reader.h"
 #include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/KeyTransport.h"
 
 #include <norvcmsg/Exception.h>
@@ -332,7 +333,7 @@ bool RecipientAlgorithms::isUncertain() const noexcept {
 }
 
 bool fits(Kind kind, const EVP_PKEY* key) noexcept {
-    return (kind == Recipient::keyTransport && EVP_PKEY_is_a(key, "RSA") == 1) ||
+    return (kind == Recipient::keyTransport && openssl::isOfType(key, "RSA")) ||
            (kind == Recipient::keyAgreement && openssl::agrees(key));
 }
 

@@ -1,6 +1,7 @@
 #include "CMSStreamWriter/SignedSigner.h"
 
 #include "failures/Raise.h"
+#include "openssl/KeyComparison.h"
 
 namespace Norvane::Crypto::CMS {
 

@@ -4,6 +4,7 @@
 #include "openssl/ContentCipher.h"
 #include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/KeyUnwrapping.h"
 #include "openssl/RecipientKeys.h"
 
@@ -79,7 +80,7 @@ std::optional<AgreementScheme> agreementScheme(const ASN1_OBJECT* identifier) {
 }
 
 bool isOnCurves(const EVP_PKEY* key) noexcept {
-    return EVP_PKEY_is_a(key, "EC") == 1;
+    return isOfType(key, "EC");
 }
 
 /// Whether the curve that the originator's algorithm names, if it does, is that of the key.
@@ -189,7 +190,7 @@ std::string unsupportedKeyAgreement(const KeyAgreement& agreement) {
 }
 
 bool agrees(const EVP_PKEY* key) noexcept {
-    return isOnCurves(key) || EVP_PKEY_is_a(key, "X25519") == 1 || EVP_PKEY_is_a(key, "X448") == 1;
+    return isOnCurves(key) || isOfType(key, "X25519") || isOfType(key, "X448");
 }
 
 WipedBytes openAgreedKey(const KeyAgreement& agreement, EVP_PKEY* key, std::span<const unsigned char> wrapped) {

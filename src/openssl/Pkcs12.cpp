@@ -3,6 +3,7 @@
 #include "framing/Walk.h"
 #include "openssl/Acceptance.h"
 #include "openssl/Decode.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/KeyGuard.h"
 #include "openssl/PrivateKeys.h"
 
@@ -87,7 +88,7 @@ public:
         const ErrorMark mark;
         Identity found;
         for (CertificatePtr& certificate : m_certificates) {
-            if (m_key && X509_check_private_key(certificate.get(), m_key.get()) == 1) {
+            if (keyMatchesCertificate(certificate.get(), m_key.get())) {
                 found.certificate = std::move(certificate);
                 break;
             }

@@ -1,6 +1,7 @@
 #include "openssl/Signatures.h"
 
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -17,7 +18,7 @@ bool isLengthOfSignature(EVP_PKEY* key, std::size_t length) noexcept {
 }
 
 bool isRsa(EVP_PKEY* key) noexcept {
-    return EVP_PKEY_is_a(key, "RSA") == 1 || EVP_PKEY_is_a(key, "RSA-PSS") == 1;
+    return isOfType(key, "RSA") || isOfType(key, "RSA-PSS");
 }
 
 void renewBlinding(EVP_PKEY* key) noexcept {

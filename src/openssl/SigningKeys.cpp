@@ -80,11 +80,6 @@ int signatureOf(int digest, int key) noexcept {
 
 } // namespace
 
-bool keyMatchesCertificate(X509* certificate, EVP_PKEY* key) {
-    const ErrorMark mark;
-    return certificate != nullptr && key != nullptr && X509_check_private_key(certificate, key) == 1;
-}
-
 SignatureDigest signatureDigest(int number) {
     SignatureDigest digest;
     switch (number) {

@@ -13,10 +13,6 @@
 
 namespace Norvane::Crypto::openssl {
 
-/// Whether both are there and belong together: OpenSSL takes a missing one at first and crashes on it later. Leaves nothing in
-/// the error queue.
-bool keyMatchesCertificate(X509* certificate, EVP_PKEY* key);
-
 /// A digest that signatures are made over: SHA-1, SHA-2, SHA-3, and SHAKE256 with 64 octets, which Ed448 demands.
 struct SignatureDigest {
     int number = NID_undef;

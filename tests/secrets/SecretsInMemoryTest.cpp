@@ -67,7 +67,7 @@ void readsMail(const std::string& folder) {
 
 void importsPkcs12(const std::string& folder) {
     FileBIO file(File::Path(folder + "/alice.p12"), "rb");
-    PKCS12::Store store(file);
+    Norvane::Crypto::PKCS12::Store store(file);
     std::string passphrase;
     { // the caller's own copy
         Norvane::FileMediaIn in(File::Path(folder + "/store/alice/passphrase"));

@@ -118,8 +118,8 @@ TEST_F(AnswersToolTest, ExitCodesFollowTheTable) {
                                 "smime sign --cert alice.pem --key alice.key --in none", "inspect --tree none",
                                 "smime encrypt --to bob.pem --in none", "request --key none --subject CN=x",
                                 "tls connect localhost:1 --ca none", "tls serve 0 --cert none --key alice.key",
-                                "cipher encrypt --cipher aes-128-cbc --key-hex 00112233445566778899aabbccddeeff "
-                                "--iv-hex 00112233445566778899aabbccddeeff --in none"})
+                                ("cipher encrypt --cipher aes-128-cbc --key-hex 00112233445566778899aabbccddeeff "
+                                 "--iv-hex 00112233445566778899aabbccddeeff --in none")})
         expectAnswer(2, command, "No such file or directory");
     expectAnswer(2, "bindings list --store none", "none");
     expectAnswer(2, "sign --in body", "--cert is required");

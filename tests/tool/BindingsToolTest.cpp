@@ -272,11 +272,10 @@ TEST_F(BindingsToolTest, EveryKindOfProblemIsTold) {
         "f-copy/cert.pem: another certificate with the issuer and serial number of that of a-expired",
         "g-useless: neither signing nor encryption is possible with its key usage and its kind of key",
         "i-patterns/owners.txt:1: alice: never matches: it is no mail address, and has no wildcards",
-        "i-patterns/owners.txt:3: ?*@example.com: never wins: all that it matches is matched by *@example.com in line "
-        "2 "
-        "of i-patterns, which comes first",
-        "i-patterns/owners.txt:4: *@example.com: never wins: the same pattern stands in line 2 of i-patterns, which "
-        "comes first",
+        ("i-patterns/owners.txt:3: ?*@example.com: never wins: all that it matches is matched by *@example.com in line "
+         "2 of i-patterns, which comes first"),
+        ("i-patterns/owners.txt:4: *@example.com: never wins: the same pattern stands in line 2 of i-patterns, which "
+         "comes first"),
         "identities: 9, problems: 12"};
     EXPECT_EQ(expected, lines);
     EXPECT_EQ((Lines{"unreadable h-other-key/key.pem", "expired a-expired/cert.pem", "notYetValid b-early/cert.pem",

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 using namespace interop;
-using norvauthority::Identity;
 
 namespace {
 

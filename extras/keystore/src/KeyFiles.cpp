@@ -80,7 +80,11 @@ bool isPem(const Buffer& content) {
 
 bool belongTogether(const RefKey& key, const RefCertificate& certificate) {
     const keystore::QuietQuestion quiet;
-    return !key.isNull() && !certificate.isNull() && X509_check_private_key(certificate, key) == 1;
+    bool answer = false;
+    // Once more after a no, which OpenSSL says for want of memory, too.
+    for (int turn = 0; turn < 2 && !answer && !key.isNull() && !certificate.isNull(); ++turn)
+        answer = X509_check_private_key(certificate, key) == 1;
+    return answer;
 }
 
 } // namespace Norvane::Crypto::NVX509

@@ -64,6 +64,7 @@ TEST_F(MilterLimits, AMessageThatNeverEndsEndsTheWorker) {
     EXPECT_EQ(0, count("queue=STUCK"));
     expectMailPasses("NEXT");
     EXPECT_THAT(metrics(), HasSubstr("norvcrypt_milter_worker_restarts 1\n"));
+    wait("event=worker-started", 2);
     EXPECT_EQ(2, count("event=worker-started"));
     EXPECT_EQ(0, stop());
 }

@@ -298,6 +298,7 @@ TEST_F(MilterRunning, AWorkerThatIsKilledIsStartedAnew) {
     // The socket is there all the time: who connects now waits for the next worker.
     expectMailPasses("NEXT");
     EXPECT_THAT(log(), HasSubstr("event=worker-ended reason=\"signal 9 (Killed)\" pause_ms=100"));
+    wait("event=worker-started", 2); // the supervisor tells of it when the worker is at work
     EXPECT_EQ(2, count("event=worker-started"));
     EXPECT_THAT(metrics(), HasSubstr("norvcrypt_milter_worker_restarts 1\n"));
     EXPECT_EQ(0, stop());

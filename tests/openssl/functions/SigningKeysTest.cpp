@@ -274,17 +274,6 @@ TEST(SigningKeys, KeysThatShowTheirPrivatePartAreNotTried) {
     }
 }
 
-TEST(SigningKeys, CertificatesAndTheirKeys) {
-    const auto identity = norvauthority::issue({.subject = {{"CN", "One"}}, .key = Key::ec()});
-    const auto certificate = identity.certificate.x509();
-    EXPECT_TRUE(keyMatchesCertificate(certificate.get(), identity.key.get()));
-    EXPECT_FALSE(keyMatchesCertificate(certificate.get(), Key::ec().get()));
-    EXPECT_FALSE(keyMatchesCertificate(certificate.get(), nullptr));
-    EXPECT_FALSE(keyMatchesCertificate(nullptr, identity.key.get()));
-    EXPECT_FALSE(keyMatchesCertificate(nullptr, nullptr));
-    EXPECT_EQ(ERR_peek_error(), 0U);
-}
-
 // A fault in the computation would give the key away (Boneh, DeMillo and Lipton): none leaves.
 TEST(SigningKeys, AWrongSignatureOfRsaIsMadeOnceMore) {
     const SigningKey signing(rsa().get(), RsaPadding::pkcs1, NID_sha256);

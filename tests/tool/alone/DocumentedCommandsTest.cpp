@@ -77,8 +77,8 @@ protected:
 
     /// The client first stands behind the server in no text.
     static std::vector<std::string> serversFirst(std::vector<std::string> lines) {
-        std::ranges::stable_partition(lines,
-                                      [](const std::string& line) { return line.starts_with("norvcrypt tls serve "); });
+        std::stable_partition(lines.begin(), lines.end(),
+                              [](const std::string& line) { return line.starts_with("norvcrypt tls serve "); });
         return lines;
     }
 

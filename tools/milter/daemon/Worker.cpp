@@ -75,6 +75,8 @@ public:
             m_exitCode = 1;
         listening.join();
         loading.join();
+        // Those that wait for another connection do not end.
+        awaitThreads(std::chrono::milliseconds(200));
         return m_exitCode;
     }
 

@@ -7,15 +7,32 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <thread>
+
+#include <openssl/crypto.h>
 
 namespace norvmilter {
 
 namespace {
 
 std::atomic<Front*> theFront{nullptr};
+std::atomic<int> threads{0};
+
+/// A thread of libmilter's, which nobody joins: what OpenSSL holds for it goes before it is counted as ended.
+class ThreadOfLibmilter {
+public:
+    ThreadOfLibmilter() noexcept { ++threads; }
+    ~ThreadOfLibmilter() {
+        OPENSSL_thread_stop();
+        --threads;
+    }
+    ThreadOfLibmilter(const ThreadOfLibmilter&) = delete;
+    ThreadOfLibmilter& operator=(const ThreadOfLibmilter&) = delete;
+};
 
 /// The session of a connection, which begins with the first callback and is libmilter's to keep.
 Session& sessionOf(SMFICTX* context) {
+    static thread_local const ThreadOfLibmilter thread;
     if (void* kept = smfi_getpriv(context))
         return *static_cast<Session*>(kept);
     auto session = std::make_unique<Session>(*theFront.load());
@@ -109,6 +126,12 @@ sfsistat onClose(SMFICTX* context) {
 }
 
 } // namespace
+
+void awaitThreads(std::chrono::milliseconds most) {
+    constexpr std::chrono::milliseconds pause(5);
+    for (std::chrono::milliseconds waited{}; threads > 0 && waited < most; waited += pause)
+        std::this_thread::sleep_for(pause);
+}
 
 smfiDesc callbacksFor(Front& front) {
     theFront = &front;
