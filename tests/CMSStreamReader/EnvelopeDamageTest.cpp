@@ -2,6 +2,8 @@
 #include "HandMade.h"
 #include "support/HostileDer.h"
 
+#include <algorithm>
+
 using namespace cmstest;
 
 namespace {
@@ -135,6 +137,10 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
                                                         .serial = "ec2"});
     const auto made = [](const AddRecipients& add) { return madeByOpenssl(EVP_aes_128_cbc(), add, 0, bodyOf(40)); };
     const auto oaep = toCertificate(alice(), CMS_USE_KEYID, {{"rsa_padding_mode", "oaep"}});
+    Bytes changed = made(oaep);
+    const auto wrapped = std::ranges::search(changed, Bytes{0x04, 0x82, 0x01, 0x00}); // 256 octets
+    ASSERT_FALSE(wrapped.empty());
+    wrapped.begin()[100] ^= 1U;
     struct Case {
         const char* name;
         Bytes message;
@@ -147,6 +153,7 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
         {"password", made(addPassword), withPassword("Secret"), 1000},
         {"ECDH", made(toCertificate(onCurve())), of(other), 1000},
         {"OAEP", made(oaep), of(bob()), 500},
+        {"OAEP, changed", changed, withKeys({&alice()}), 1000},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
