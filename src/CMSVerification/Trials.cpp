@@ -2,9 +2,11 @@
 
 #include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
+#include "openssl/KeyComparison.h"
 #include "openssl/Signers.h"
 
 #include <algorithm>
+#include <new>
 
 namespace Norvane::Crypto::CMS {
 
@@ -53,6 +55,9 @@ SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* c
     EVP_PKEY* key = X509_get0_pubkey(certificate);
     if (key == nullptr) {
         mark.throwWithoutMemory();
+        if (openssl::keyDecodesNow(certificate)) {
+            throw std::bad_alloc(); // there was none when the certificate was decoded
+        }
         return openssl::alwaysDecodes(algorithm) ? refused(SignatureReason::keyUnusable)
                                                  : unsupported(SignatureReason::keyAlgorithm, algorithm);
     }

@@ -1,6 +1,7 @@
 #include "openssl/KeyComparison.h"
 
 #include "openssl/ErrorQueue.h"
+#include "openssl/Pointers.h"
 
 namespace Norvane::Crypto::openssl {
 
@@ -23,6 +24,19 @@ bool keyMatchesCertificate(const X509* certificate, const EVP_PKEY* key) {
     }
     mark.throwWithoutMemory();
     return X509_check_private_key(certificate, key) == 1;
+}
+
+bool keyDecodesNow(const X509* certificate) {
+    const ErrorMark mark;
+    unsigned char* octets = nullptr;
+    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &octets);
+    const OwnedMemory<unsigned char> owned(octets);
+    const unsigned char* at = octets;
+    const bool decodes = length > 0 && KeyPtr(d2i_PUBKEY(nullptr, &at, length)) != nullptr;
+    if (!decodes) {
+        mark.throwWithoutMemory();
+    }
+    return decodes;
 }
 
 } // namespace Norvane::Crypto::openssl
