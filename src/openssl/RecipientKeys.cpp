@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace Norvane::Crypto::openssl {
 
@@ -42,20 +43,12 @@ bool hidesSomething(const EVP_PKEY* rsa) {
     return BN_num_bits(number) > 1;
 }
 
-/// Fills `key` from a secret, by a function of OpenSSL's with one more parameter.
-bool derive(const char* function, const EVP_MD* digest, const Secret& secret, const OSSL_PARAM& info, Secret& key) {
-    const KdfPtr kdf(EVP_KDF_fetch(nullptr, function, nullptr));
-    const KdfContextPtr context(EVP_KDF_CTX_new(kdf.get()));
-    const std::array<OSSL_PARAM, 4> parameters{
-        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, const_cast<char*>(EVP_MD_get0_name(digest)), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, const_cast<unsigned char*>(secret.octets().data()),
-                                          secret.size()),
-        info, OSSL_PARAM_construct_end()};
-    return context != nullptr && EVP_KDF_derive(context.get(), key.octets().data(), key.size(), parameters.data()) == 1;
-}
-
 OSSL_PARAM octetsParameter(const char* name, framing::Octets octets) noexcept {
     return OSSL_PARAM_construct_octet_string(name, const_cast<unsigned char*>(octets.data()), octets.size());
+}
+
+bool update(EVP_MD_CTX* context, framing::Octets octets) noexcept {
+    return EVP_DigestUpdate(context, octets.data(), octets.size()) == 1;
 }
 
 KeyPtr ephemeralKeyFor(EVP_PKEY* recipient) {
@@ -192,11 +185,34 @@ bool agreeWith(EVP_PKEY* recipient, framing::Encoded& ephemeral, Secret& secret)
 }
 
 bool deriveX963(const EVP_MD* digest, const Secret& secret, framing::Octets info, Secret& key) {
-    return derive(OSSL_KDF_NAME_X963KDF, digest, secret, octetsParameter(OSSL_KDF_PARAM_INFO, info), key);
+    const DigestContextPtr context(EVP_MD_CTX_new());
+    if (digest == nullptr || context == nullptr) {
+        return false;
+    }
+    Secret block(static_cast<std::size_t>(EVP_MD_get_size(digest)));
+    std::span<unsigned char> left = key.octets();
+    for (unsigned char counter = 1; !left.empty(); ++counter) { // of the few that a key takes
+        const std::array<unsigned char, 4> number{0, 0, 0, counter};
+        if (EVP_DigestInit_ex(context.get(), digest, nullptr) != 1 ||
+            !update(context.get(), std::as_const(secret).octets()) || !update(context.get(), number) ||
+            !update(context.get(), info) || EVP_DigestFinal_ex(context.get(), block.octets().data(), nullptr) != 1) {
+            return false;
+        }
+        const std::size_t taken = std::min(left.size(), block.size());
+        std::copy_n(block.octets().begin(), taken, left.begin());
+        left = left.subspan(taken);
+    }
+    return true;
 }
 
 bool deriveHkdf(const EVP_MD* digest, const Secret& secret, framing::Octets info, Secret& key) {
-    return derive(OSSL_KDF_NAME_HKDF, digest, secret, octetsParameter(OSSL_KDF_PARAM_INFO, info), key);
+    const KdfPtr kdf(EVP_KDF_fetch(nullptr, OSSL_KDF_NAME_HKDF, nullptr));
+    const KdfContextPtr context(EVP_KDF_CTX_new(kdf.get()));
+    const std::array<OSSL_PARAM, 4> parameters{
+        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, const_cast<char*>(EVP_MD_get0_name(digest)), 0),
+        octetsParameter(OSSL_KDF_PARAM_KEY, secret.octets()), octetsParameter(OSSL_KDF_PARAM_INFO, info),
+        OSSL_PARAM_construct_end()};
+    return context != nullptr && EVP_KDF_derive(context.get(), key.octets().data(), key.size(), parameters.data()) == 1;
 }
 
 bool derivePbkdf2(const EVP_MD* digest, framing::Octets password, framing::Octets salt, std::uint32_t iterations,

@@ -57,7 +57,8 @@ private:
 /// Makes a key of the kind of `recipient` for this once, and agrees on a secret with it. \param ephemeral becomes the public
 /// half: an uncompressed point, or the octets of an X25519 key
 bool agreeWith(EVP_PKEY* recipient, framing::Encoded& ephemeral, Secret& secret);
-/// The key derivation of ANSI X9.63 (RFC 5753), and HKDF without salt (RFC 8418): fill `key`.
+/// The key derivation of ANSI X9.63 (RFC 5753; SEC 1, 3.6.1), and HKDF without salt (RFC 8418): fill `key`. The first is made
+/// of the digest here, since OpenSSL 3.0's own ends the process where it has no memory to begin.
 bool deriveX963(const EVP_MD* digest, const Secret& secret, framing::Octets info, Secret& key);
 bool deriveHkdf(const EVP_MD* digest, const Secret& secret, framing::Octets info, Secret& key);
 /// PBKDF2 (RFC 8018, 5.2): fills `key`.

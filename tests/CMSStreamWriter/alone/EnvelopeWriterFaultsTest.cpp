@@ -66,6 +66,15 @@ REPLACEMENT int EVP_PKEY_keygen(EVP_PKEY_CTX* context, EVP_PKEY** key) {
 REPLACEMENT int EVP_PKEY_derive(EVP_PKEY_CTX* context, unsigned char* key, std::size_t* length) {
     return failsHere("EVP_PKEY_derive") ? 0 : FORWARD(EVP_PKEY_derive, context, key, length);
 }
+REPLACEMENT int EVP_DigestInit_ex(EVP_MD_CTX* context, const EVP_MD* digest, ENGINE* engine) {
+    return failsHere("EVP_DigestInit_ex") ? 0 : FORWARD(EVP_DigestInit_ex, context, digest, engine);
+}
+REPLACEMENT int EVP_DigestUpdate(EVP_MD_CTX* context, const void* octets, std::size_t length) {
+    return failsHere("EVP_DigestUpdate") ? 0 : FORWARD(EVP_DigestUpdate, context, octets, length);
+}
+REPLACEMENT int EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* out, unsigned int* outLength) {
+    return failsHere("EVP_DigestFinal_ex") ? 0 : FORWARD(EVP_DigestFinal_ex, context, out, outLength);
+}
 REPLACEMENT int EVP_KDF_derive(EVP_KDF_CTX* context, unsigned char* key, std::size_t length,
                                const OSSL_PARAM parameters[]) {
     return failsHere("EVP_KDF_derive") ? 0 : FORWARD(EVP_KDF_derive, context, key, length, parameters);
@@ -90,9 +99,8 @@ const Addressee& one(const char* name) {
 }
 
 /// The detail of the failure of a new writer, when the call of `function` after so many fails.
-std::string madeWithout(const char* function, const char* recipient, int passing = 0,
+std::string madeWithout(const char* function, const EnvelopeRecipient& to, int passing = 0,
                         ContentCipher cipher = ContentCipher::aes256Cbc) {
-    const EnvelopeRecipient& to = one(recipient).recipient;
     EnvelopeOptions options;
     options.cipher = cipher;
     ERR_clear_error();
@@ -103,6 +111,10 @@ std::string madeWithout(const char* function, const char* recipient, int passing
     expectFailure(thrown, "CMS::EnvelopeWriter", 4, "CMSEnvelopeWriter");
     EXPECT_TRUE(errorQueueIsEmpty());
     return detailOf(thrown);
+}
+std::string madeWithout(const char* function, const char* recipient, int passing = 0,
+                        ContentCipher cipher = ContentCipher::aes256Cbc) {
+    return madeWithout(function, one(recipient).recipient, passing, cipher);
 }
 bool tellsOfRecipient(const std::string& detail) {
     return detail.starts_with("recipient 1 (") && detail.find("): 0x") != std::string::npos;
@@ -122,7 +134,12 @@ TEST(EnvelopeFaults, AContentKeyThatCannotBeEncrypted) {
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_PKEY_encrypt", "oaep")));
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_PKEY_keygen", "P-256")));
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_PKEY_derive", "P-256")));
-    EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_KDF_derive", "P-256")));
+    EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_DigestInit_ex", "P-256")));
+    for (int passing = 0; passing < 3; ++passing) { // the secret, a number, what the key is for
+        EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_DigestUpdate", "P-256", passing)));
+    }
+    EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_DigestFinal_ex", "P-256")));
+    EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_KDF_derive", EnvelopeRecipient(certificateOf(onCurve("X25519"))))));
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_EncryptInit_ex", "P-256", 2)));
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_EncryptUpdate", "P-256")));
     EXPECT_TRUE(tellsOfRecipient(madeWithout("EVP_EncryptUpdate", "kek16")));

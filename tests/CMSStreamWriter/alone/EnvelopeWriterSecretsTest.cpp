@@ -86,6 +86,13 @@ extern "C" int EVP_KDF_derive(EVP_KDF_CTX* context, unsigned char* key, std::siz
     }
     return answer;
 }
+extern "C" int EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* out, unsigned int* length) {
+    const int answer = norvtest::next<&EVP_DigestFinal_ex>("EVP_DigestFinal_ex")(context, out, length);
+    if (answer == 1 && norvtest::s_soughtSecret.empty()) {
+        s_derived.assign(reinterpret_cast<const char*>(out), static_cast<std::size_t>(EVP_MD_CTX_get_size(context)));
+    }
+    return answer;
+}
 
 TEST(EnvelopeSecrets, TheContentKeyIsWiped) {
     ASSERT_TRUE(s_watching);
@@ -119,15 +126,17 @@ TEST(EnvelopeSecrets, TheContentKeyIsWipedBeforeAnythingIsWritten) {
 
 /// OpenSSL wipes what its contexts hold. The keys that they were given lie at the front of places of their own.
 TEST(EnvelopeSecrets, DerivedKeysAreWiped) {
-    for (const char* curve : {"P-256", "X25519"}) {
+    // The key that a digest makes is copied from the digest's place, which is wiped as well.
+    for (const auto& [curve, places] : {std::pair("P-256", 2), std::pair("X25519", 1)}) {
         const EnvelopeRecipient recipient(certificateOf(onCurve(curve)));
+        s_derived.clear();
         norvtest::wiped.clear();
         norvtest::watchingWipes = true;
         writeMessage({recipient});
         norvtest::watchingWipes = false;
         ASSERT_EQ(s_derived.size(), 32U);
         const std::string zeros(48, '\0');
-        EXPECT_EQ(std::count(norvtest::wiped.begin(), norvtest::wiped.end(), s_derived + zeros), 1) << curve;
+        EXPECT_EQ(std::count(norvtest::wiped.begin(), norvtest::wiped.end(), s_derived + zeros), places) << curve;
     }
 }
 
