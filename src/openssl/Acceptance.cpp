@@ -230,10 +230,6 @@ Refusal refusalOf(const unsigned char* der, std::size_t length, const framing::S
     return der == nullptr ? Refusal::none : Inspection(der, length, known).run();
 }
 
-bool isAcceptableCertificate(const unsigned char* der, std::size_t length) noexcept {
-    return refusalOf(der, length) == Refusal::none;
-}
-
 bool hasTooManyRelativePoints(const X509* certificate) noexcept {
     if (certificate == nullptr) {
         return false;

@@ -38,9 +38,6 @@ constexpr std::size_t mostRelativeNames = 16384;
 [[nodiscard]] Refusal refusalOf(const unsigned char* der, std::size_t length,
                                 const framing::SegmentRun& known = {}) noexcept;
 
-/// Whether OpenSSL may decode and use a certificate of a stranger; true for octets that are no certificate.
-[[nodiscard]] bool isAcceptableCertificate(const unsigned char* der, std::size_t length) noexcept;
-
 /// The one refusal that concerns a certificate which is decoded already: OpenSSL must not be asked for the purpose, the
 /// flags or the key usage of one with too many relative distribution points, nor compare it. False for null.
 [[nodiscard]] bool hasTooManyRelativePoints(const X509* certificate) noexcept;

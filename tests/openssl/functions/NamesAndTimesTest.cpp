@@ -66,6 +66,7 @@ TEST(AlgorithmNames, IdentifiersWithoutOctetsHaveNone) {
     EXPECT_EQ(encodedIdentifierDigits(authority::fromHex("060100")), "0.0");
     EXPECT_EQ(usualName(ObjectPtr(OBJ_txt2obj("1.2.3.4", 1)).get()), "1.2.3.4");
     EXPECT_EQ(usualName(OBJ_nid2obj(NID_ED25519)), "Ed25519");
+    EXPECT_EQ(usualName(OBJ_nid2obj(NID_ED448)), "Ed448");
     EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
