@@ -78,13 +78,19 @@ TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
           "alice@example.org\r\nFrom: boss@example.org" + nul, std::string("alice@example.org; boss@example.org"),
           std::string("boss@example.org (, alice@example.org"), std::string("boss@example.org <, alice@example.org"),
           std::string("alice@example.org\" , boss@example.org"), std::string("alice@example.org [boss@example.org]"),
+          std::string("alice@example.org ] <boss@example.org>"), std::string("alice@example.org [ <boss@example.org>"),
+          std::string("alice@example.org) <boss@example.org>"),
+          std::string("\"alice\"@example.org \\ <boss@example.org>"),
+          std::string("alice@example.org[x] <boss@example.org>"),
+          std::string("alice@example.org \f <boss@example.org>"), std::string("boss@example.org <alice@example.org>"),
           "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
         const Outcome outcome = judged(signedMail("From: " + from));
         EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << from;
         EXPECT_TRUE(outcome.answer.layers.at(0).signers.at(0).trust->accepted);
     }
     for (const char* const from :
-         {"Alice <alice@example.org>", "alice@example.org <alice@example.org>", "(c (d)) alice@example.org (e@f)",
+         {"Alice <alice@example.org>", "alice@example.org <alice@example.org>",
+          "'Alice@Example.org' <alice@example.org>", "(c (d)) alice@example.org (e@f)",
           "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "alice@example.org,",
           "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
