@@ -164,6 +164,36 @@ TEST(SMimeTrust, TheSignerIsBothTheSenderOutsideAndTheOneThatIsCovered) {
     EXPECT_EQ(judged(signedMail("From: alice@example.org", other)).answer.verdict, Verdict::refused);
 }
 
+// Readers that take the message out of a layer show the header of that message, whatever lies within it.
+TEST(SMimeTrust, TheSignerIsTheSenderOfEachMessageOnTheWayToTheContent) {
+    const std::string inner = signedBy(alice(), plainEntity, detached);
+    for (const char* const type : {"message/rfc822; forwarded=no", "message/global; forwarded=no"}) {
+        const std::string wrapping = std::string("Content-Type: ") + type + "\r\n\r\n";
+        for (const std::string& mail :
+             {signedMail("From: alice@example.org", wrapping + "From: boss@example.org\r\n" + inner),
+              fieldsOfAlice + encryptedFor({&bob()}, wrapping + "From: boss@example.org\r\n" + inner),
+              fieldsOfAlice + encryptedFor({&bob()}, "From: boss@example.org\r\n" + inner)}) {
+            const Outcome outcome = judged(mail);
+            EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << mail.substr(0, 100);
+            EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org", "boss@example.org"));
+            for (const SMime::LayerSigner& signer : outcome.answer.layers.back().signers)
+                EXPECT_EQ(signer.sender->relation, Trust::SenderRelation::none);
+        }
+        const std::string own = wrapping + "From: alice@example.org\r\n" + inner;
+        EXPECT_EQ(judged(signedMail("From: alice@example.org", own)).answer.verdict, Verdict::accepted);
+    }
+}
+
+// A From that the caller names stands in the place of the one outside; one that is covered is shown all the same.
+TEST(SMimeTrust, AnAddressOfTheCallersHidesNoFromThatIsCovered) {
+    const std::string boss = "From: boss@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    const Outcome outcome = judged(signedMail("From: m@example.org", boss), {"alice@example.org"});
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+    EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org", "boss@example.org"));
+    const std::string own = "From: alice@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: m@example.org", own), {"alice@example.org"}).answer.verdict, Verdict::accepted);
+}
+
 TEST(SMimeTrust, OneOfTheLayersIsTheSenders) {
     const std::string inner = signedBy(alice(), plainEntity, detached);
     const std::string gateway = fieldsOfAlice + signedBy(bob(), encryptedFor({&bob()}, inner), detached);

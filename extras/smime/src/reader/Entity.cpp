@@ -190,6 +190,9 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
     }
     if (type.type == "multipart")
         tellEncoding(session, header, place);
+    // Declared or not, of the content or of what lies around it: who opens a layer is shown its From.
+    if (place.role == Role::main)
+        session.addProtected(sendersIn(header));
     const bool isSigned = type.is("multipart", "signed");
     if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
                      type.protocol.starts_with("application/x-pkcs7-")))
@@ -227,8 +230,6 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     session.answer.contentPath = place.path;
     session.answer.contentType = type.text();
     session.answer.headers = compareHeaders(header, scheme, session.outer);
-    // Declared or not: who opens what is handed on is shown this From.
-    session.protectedSenders = sendersIn(header);
 
     Place passing = place;
     passing.role = Role::passing;

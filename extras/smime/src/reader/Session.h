@@ -76,8 +76,8 @@ public:
     std::vector<Senders> senders;
     std::vector<std::size_t> messageOfLayer; ///< beside `answer.layers`
     std::vector<UncoveredPart> uncovered;
-    Senders protectedSenders;                                   ///< those that the layers of the content cover
-    bool isTaken = false;                                       ///< there is a layer of the content
+    Senders protectedSenders; ///< those that the layers of the content cover, each address of From once
+    bool isTaken = false;     ///< there is a layer of the content
     std::optional<std::pair<LayerStatus, std::string>> failure; ///< of what lies within the layers of the content
     /// Why a reader of the message may see another one than this, where no layer covers that.
     std::string ambiguity;
@@ -119,6 +119,8 @@ public:
     void addOddity(const Place& place, const std::string& text);
     /// To be called when the first part of a multipart was reached.
     void lookAtPreamble(const Place& place, const mime::Multipart& multipart);
+    /// Senders that a header within the layers of the content names.
+    void addProtected(Senders&& found);
     /// Something within the layers of the content that cannot be read on.
     void fail(const Place& place, LayerStatus status, const std::string& text);
     [[nodiscard]] std::string spillTemplate() const;
