@@ -83,7 +83,7 @@ void Judgement::prepare(X509_STORE* store) {
 Judgement::Judgement(const Snapshot& snapshot, const Request& request)
     : m_snapshot(snapshot),
       m_request(request),
-      m_lists(snapshot, request.listsFromMessage),
+      m_lists(snapshot, request.listsFromMessage, request.at),
       m_effort(request.spent) {}
 
 /// The issuer of an indirect list is checked in a context within the one of the certificate.
