@@ -1,5 +1,6 @@
 #include "Judgement.h"
 
+#include "Certified.h"
 #include "Checks.h"
 #include "Policies.h"
 
@@ -113,7 +114,9 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
         if (!self.affordable(context)) {
             return 0;
         }
-        if (!first) {
+        if (first) {
+            self.m_excluded = !self.m_broken && hasExcludedAddress(X509_STORE_CTX_get0_chain(context));
+        } else {
             self.lookAtListSigner(context);
         }
         if (self.m_request.options.revocation == Revocation::none) {
