@@ -127,7 +127,7 @@ TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
     const std::string nul(1, '\0');
     for (const std::string& line :
          {std::string(" From: boss@example.org\r\n"), "Fro" + nul + "m: boss@example.org\r\n",
-          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\r\rfrom : boss@example.org\r\n")}) {
+          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\rZ: \rfrom : boss@example.org\r\n")}) {
         EXPECT_EQ(judged(signedMail(line + "From: alice@example.org")).answer.verdict, Verdict::refused) << line;
     }
     for (const char* const line : {"From alice@example.org Sun Nov 22 11:07:48 2026\r\n", "X: y\r\n From: folded\r\n"})

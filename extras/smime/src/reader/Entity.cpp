@@ -185,9 +185,10 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
               const Place& place) {
     if (!type.oddity.empty()) {
         session.addOddity(place, type.oddity);
-        if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
-            session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
+        session.addAmbiguity(place, type.oddity + ", so that others may see another message");
     }
+    if (const std::string line = ambiguousLineIn(header); !line.empty())
+        session.addAmbiguity(place, line + ", so that they see another message");
     if (type.type == "multipart")
         tellEncoding(session, header, place);
     // Declared or not, of the content or of what lies around it: who opens a layer is shown its From.

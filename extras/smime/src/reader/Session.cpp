@@ -84,10 +84,15 @@ void Session::addOddity(const Place& place, const std::string& text) {
         answer.oddities.push_back("part " + place.path + ": " + text);
 }
 
+void Session::addAmbiguity(const Place& place, const std::string& text) {
+    if (!place.isCovered && place.role != Role::passing && ambiguity.empty())
+        ambiguity = "part " + place.path + ": " + text;
+}
+
 void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipart) {
-    if (multipart.lookAlikes() > 0 && !place.isCovered && place.role != Role::passing && ambiguity.empty())
-        ambiguity = "part " + place.path +
-                    ": lines in front of the first part begin with the boundary, so that others may see other parts";
+    if (multipart.lookAlikes() > 0 || multipart.isCutByReturns())
+        addAmbiguity(place,
+                     "lines in front of the first part begin with the boundary, so that others may see other parts");
 }
 
 void Session::addProtected(Senders&& found) {
