@@ -72,18 +72,26 @@ TEST(SMimeTrust, AnotherSenderIsRefused) {
 // Some readers show the one whom the library for addresses leaves out.
 TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
     const std::string nul(1, '\0');
-    for (const std::string& from :
-         {"alice@example.org" + nul + " <boss@example.org>",
-          std::string("alice@example.org\r\nFrom: boss@example.org@example.net"),
-          "alice@example.org\r\nFrom: boss@example.org" + nul, std::string("alice@example.org; boss@example.org"),
-          std::string("boss@example.org (, alice@example.org"), std::string("boss@example.org <, alice@example.org"),
-          std::string("alice@example.org\" , boss@example.org"), std::string("alice@example.org [boss@example.org]"),
-          std::string("alice@example.org ] <boss@example.org>"), std::string("alice@example.org [ <boss@example.org>"),
-          std::string("alice@example.org) <boss@example.org>"),
-          std::string("\"alice\"@example.org \\ <boss@example.org>"),
-          std::string("alice@example.org[x] <boss@example.org>"),
-          std::string("alice@example.org \f <boss@example.org>"), std::string("boss@example.org <alice@example.org>"),
-          "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
+    for (const std::string& from : {"alice@example.org" + nul + " <boss@example.org>",
+                                    std::string("alice@example.org\r\nFrom: boss@example.org@example.net"),
+                                    "alice@example.org\r\nFrom: boss@example.org" + nul,
+                                    std::string("alice@example.org; boss@example.org"),
+                                    std::string("boss@example.org (, alice@example.org"),
+                                    std::string("boss@example.org <, alice@example.org"),
+                                    std::string("alice@example.org\" , boss@example.org"),
+                                    std::string("alice@example.org [boss@example.org]"),
+                                    std::string("alice@example.org ] <boss@example.org>"),
+                                    std::string("alice@example.org [ <boss@example.org>"),
+                                    std::string("alice@example.org) <boss@example.org>"),
+                                    std::string("\"alice\"@example.org \\ <boss@example.org>"),
+                                    std::string("alice@example.org[x] <boss@example.org>"),
+                                    std::string("alice@example.org \f <boss@example.org>"),
+                                    std::string("boss@example.org <alice@example.org>"),
+                                    std::string("alice@example.org\f.example.net"),
+                                    std::string("alice@example.org\x01m"),
+                                    std::string("alice@example.org\v m"),
+                                    std::string("alice@example.org\x7fm"),
+                                    "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
         const Outcome outcome = judged(signedMail("From: " + from));
         EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << from;
         EXPECT_TRUE(outcome.answer.layers.at(0).signers.at(0).trust->accepted);
@@ -91,8 +99,8 @@ TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
     for (const char* const from :
          {"Alice <alice@example.org>", "alice@example.org <alice@example.org>",
           "'Alice@Example.org' <alice@example.org>", "(c (d)) alice@example.org (e@f)",
-          "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "alice@example.org,",
-          "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
+          "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "Alice\t<alice@example.org>",
+          "alice@example.org,", "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
 }
 
