@@ -1,9 +1,11 @@
 // multipart/signed, as programs write it and lists change it.
 #include "Mails.h"
+#include "Multiparts.h"
 
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -188,6 +190,39 @@ TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
     const Outcome covered = outcomeOf(mailOf(signedBy(alice(), inside, detached)));
     EXPECT_EQ(covered.answer.verdict, Verdict::signatureGood);
     EXPECT_EQ(covered.answer.oddities.size(), 1U);
+}
+
+// Readers that end lines at a CR, or leave NUL bytes out, see another message, whatever is signed.
+TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(mail);
+    const std::string preamble = "This is an S/MIME signed message";
+    const std::string part = boundary + "\rContent-Type: text/plain\r\rtext\r";
+    for (const std::string& header :
+         {std::string("X: y\rContent-Type: text/html\r\n"), std::string("X: y\r\rtext\r\n"),
+          std::string("X: y\r\n\rtext\r\n"), "Content-" + std::string(1, '\0') + "Type: text/html\r\n",
+          "X: y\r\n" + std::string(1, '\0') + "\r\n", std::string("X: y\rcontent-type : text/html\r\n")}) {
+        const Outcome outcome = outcomeOf(mailOf(header + mail));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << header;
+        EXPECT_THAT(outcome.answer.detail, HasSubstr("a line that others may take for"));
+        EXPECT_EQ(outcomeOf(mailOf(replaced(mail, "Content-Type: application", header + "Content-Type: application")))
+                      .answer.verdict,
+                  Verdict::damaged)
+            << "of the signature: " << header;
+    }
+    for (const std::string& changed :
+         {replaced(mail, preamble, "x\r" + part), replaced(mail, preamble, std::string(9000, 'x') + '\r' + part),
+          replaced(mail, preamble, std::string(4090 - boundary.size(), 'x') + '\r' + boundary + "\r"),
+          replaced(mail, boundary + "--", "\r" + part + "\r\n" + boundary + "--")}) {
+        const Outcome outcome = outcomeOf(mailOf(changed));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << outcome.answer.detail;
+        EXPECT_THAT(outcome.answer.detail, AnyOf(HasSubstr("begin with the boundary"), HasSubstr("begin behind a CR")));
+    }
+    // What is signed is its sender's, and a CR alone says nothing.
+    const std::string odd = "X: y\rContent-Type: text/html\r\n" + plainEntity + "x\r--b\rz\r\n";
+    EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), odd, detached))).answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(outcomeOf(mailOf("X: y\rz\r\n" + replaced(mail, preamble, "x\r--y\rz"))).answer.verdict,
+              Verdict::signatureGood);
 }
 
 // RFC 2045, 6.4: a multipart has no transfer encoding, and is read as it stands when it says to have one.

@@ -72,21 +72,35 @@ TEST(SMimeTrust, AnotherSenderIsRefused) {
 // Some readers show the one whom the library for addresses leaves out.
 TEST(SMimeTrust, AFromThatCannotBeReadToItsEndIsNobodys) {
     const std::string nul(1, '\0');
-    for (const std::string& from :
-         {"alice@example.org" + nul + " <boss@example.org>",
-          std::string("alice@example.org\r\nFrom: boss@example.org@example.net"),
-          "alice@example.org\r\nFrom: boss@example.org" + nul, std::string("alice@example.org; boss@example.org"),
-          std::string("boss@example.org (, alice@example.org"), std::string("boss@example.org <, alice@example.org"),
-          std::string("alice@example.org\" , boss@example.org"), std::string("alice@example.org [boss@example.org]"),
-          "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
+    for (const std::string& from : {"alice@example.org" + nul + " <boss@example.org>",
+                                    std::string("alice@example.org\r\nFrom: boss@example.org@example.net"),
+                                    "alice@example.org\r\nFrom: boss@example.org" + nul,
+                                    std::string("alice@example.org; boss@example.org"),
+                                    std::string("boss@example.org (, alice@example.org"),
+                                    std::string("boss@example.org <, alice@example.org"),
+                                    std::string("alice@example.org\" , boss@example.org"),
+                                    std::string("alice@example.org [boss@example.org]"),
+                                    std::string("alice@example.org ] <boss@example.org>"),
+                                    std::string("alice@example.org [ <boss@example.org>"),
+                                    std::string("alice@example.org) <boss@example.org>"),
+                                    std::string("\"alice\"@example.org \\ <boss@example.org>"),
+                                    std::string("alice@example.org[x] <boss@example.org>"),
+                                    std::string("alice@example.org \f <boss@example.org>"),
+                                    std::string("boss@example.org <alice@example.org>"),
+                                    std::string("alice@example.org\f.example.net"),
+                                    std::string("alice@example.org\x01m"),
+                                    std::string("alice@example.org\v m"),
+                                    std::string("alice@example.org\x7fm"),
+                                    "alice@example.org\r\nFrom: " + std::string(101, ':') + " boss@example.org"}) {
         const Outcome outcome = judged(signedMail("From: " + from));
         EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << from;
         EXPECT_TRUE(outcome.answer.layers.at(0).signers.at(0).trust->accepted);
     }
     for (const char* const from :
-         {"Alice <alice@example.org>", "alice@example.org <alice@example.org>", "(c (d)) alice@example.org (e@f)",
-          "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "alice@example.org,",
-          "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
+         {"Alice <alice@example.org>", "alice@example.org <alice@example.org>",
+          "'Alice@Example.org' <alice@example.org>", "(c (d)) alice@example.org (e@f)",
+          "\"A, \\\"@; (\" <alice@example.org>", "Doe, Alice <alice@example.org>", "Alice\t<alice@example.org>",
+          "alice@example.org,", "Authors: alice@example.org;", "=?utf-8?q?a=40b=2C?= <alice@example.org>"})
         EXPECT_EQ(judged(signedMail(std::string("From: ") + from)).answer.verdict, Verdict::accepted) << from;
 }
 
@@ -121,7 +135,7 @@ TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
     const std::string nul(1, '\0');
     for (const std::string& line :
          {std::string(" From: boss@example.org\r\n"), "Fro" + nul + "m: boss@example.org\r\n",
-          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\r\rfrom : boss@example.org\r\n")}) {
+          std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\rZ: \rfrom : boss@example.org\r\n")}) {
         EXPECT_EQ(judged(signedMail(line + "From: alice@example.org")).answer.verdict, Verdict::refused) << line;
     }
     for (const char* const line : {"From alice@example.org Sun Nov 22 11:07:48 2026\r\n", "X: y\r\n From: folded\r\n"})
@@ -156,6 +170,36 @@ TEST(SMimeTrust, TheSignerIsBothTheSenderOutsideAndTheOneThatIsCovered) {
     EXPECT_THAT(outcome.answer.from, ElementsAre("boss@example.org", "alice@example.org"));
     const std::string other = "From: boss@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
     EXPECT_EQ(judged(signedMail("From: alice@example.org", other)).answer.verdict, Verdict::refused);
+}
+
+// Readers that take the message out of a layer show the header of that message, whatever lies within it.
+TEST(SMimeTrust, TheSignerIsTheSenderOfEachMessageOnTheWayToTheContent) {
+    const std::string inner = signedBy(alice(), plainEntity, detached);
+    for (const char* const type : {"message/rfc822; forwarded=no", "message/global; forwarded=no"}) {
+        const std::string wrapping = std::string("Content-Type: ") + type + "\r\n\r\n";
+        for (const std::string& mail :
+             {signedMail("From: alice@example.org", wrapping + "From: boss@example.org\r\n" + inner),
+              fieldsOfAlice + encryptedFor({&bob()}, wrapping + "From: boss@example.org\r\n" + inner),
+              fieldsOfAlice + encryptedFor({&bob()}, "From: boss@example.org\r\n" + inner)}) {
+            const Outcome outcome = judged(mail);
+            EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << mail.substr(0, 100);
+            EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org", "boss@example.org"));
+            for (const SMime::LayerSigner& signer : outcome.answer.layers.back().signers)
+                EXPECT_EQ(signer.sender->relation, Trust::SenderRelation::none);
+        }
+        const std::string own = wrapping + "From: alice@example.org\r\n" + inner;
+        EXPECT_EQ(judged(signedMail("From: alice@example.org", own)).answer.verdict, Verdict::accepted);
+    }
+}
+
+// A From that the caller names stands in the place of the one outside; one that is covered is shown all the same.
+TEST(SMimeTrust, AnAddressOfTheCallersHidesNoFromThatIsCovered) {
+    const std::string boss = "From: boss@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    const Outcome outcome = judged(signedMail("From: m@example.org", boss), {"alice@example.org"});
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+    EXPECT_THAT(outcome.answer.from, ElementsAre("alice@example.org", "boss@example.org"));
+    const std::string own = "From: alice@example.org\r\nContent-Type: text/plain; hp=\"clear\"\r\n\r\nhello\r\n";
+    EXPECT_EQ(judged(signedMail("From: m@example.org", own), {"alice@example.org"}).answer.verdict, Verdict::accepted);
 }
 
 TEST(SMimeTrust, OneOfTheLayersIsTheSenders) {

@@ -386,6 +386,9 @@ void Judgement::lookAt(const X509_STORE_CTX* context) {
     if (count > 0) {
         lookAtFirst(sk_X509_value(chain, 0));
     }
+    if (m_excluded && !told(Code::nameExcluded, 0)) {
+        reason(Code::nameExcluded, 0, sk_X509_value(chain, 0));
+    }
 }
 
 /// OpenSSL looks at the times of what it could verify.

@@ -1,5 +1,6 @@
 #include "Judgement.h"
 
+#include "Certified.h"
 #include "Checks.h"
 #include "Policies.h"
 
@@ -83,7 +84,7 @@ void Judgement::prepare(X509_STORE* store) {
 Judgement::Judgement(const Snapshot& snapshot, const Request& request)
     : m_snapshot(snapshot),
       m_request(request),
-      m_lists(snapshot, request.listsFromMessage),
+      m_lists(snapshot, request.listsFromMessage, request.at),
       m_effort(request.spent) {}
 
 /// The issuer of an indirect list is checked in a context within the one of the certificate.
@@ -113,7 +114,9 @@ int Judgement::onRevocation(X509_STORE_CTX* context) {
         if (!self.affordable(context)) {
             return 0;
         }
-        if (!first) {
+        if (first) {
+            self.m_excluded = !self.m_broken && hasExcludedAddress(X509_STORE_CTX_get0_chain(context));
+        } else {
             self.lookAtListSigner(context);
         }
         if (self.m_request.options.revocation == Revocation::none) {

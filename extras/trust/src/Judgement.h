@@ -110,6 +110,7 @@ private:
     X509_CRL* m_list = nullptr;    ///< the one that is looked at
     bool m_broken = false;         ///< the chain does not end at an anchor
     bool m_built = false;          ///< the chain stands
+    bool m_excluded = false;       ///< an address of the first certificate, whatever OpenSSL says
     bool m_linkFailed = false;     ///< a signature in the chain was found wrong before lists were looked at
     bool m_revocationDone = false; ///< lists were looked at
 };

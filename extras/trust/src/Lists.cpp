@@ -101,6 +101,21 @@ std::vector<std::string> urisOf(const CRL_DIST_POINTS* points, std::size_t most)
 
 namespace {
 
+std::optional<std::time_t> beginOf(const X509_CRL* list) {
+    return secondsOf(X509_CRL_get0_lastUpdate(list));
+}
+
+/// Whether OpenSSL would rather have another list: this one has ended, or when it does cannot be read.
+bool isOver(const X509_CRL* list, std::time_t at) {
+    const ASN1_TIME* const end = X509_CRL_get0_nextUpdate(list);
+    return end != nullptr && secondsOf(end).value_or(at) <= at;
+}
+
+/// No delta list.
+bool isComplete(const X509_CRL* list) {
+    return X509_CRL_get_ext_by_NID(list, NID_delta_crl, -1) < 0;
+}
+
 /// The directory names of those who issue the lists of a certificate, when it is not its issuer.
 std::vector<const X509_NAME*> listIssuersOf(const CRL_DIST_POINTS* points) {
     std::vector<const X509_NAME*> issuers;
@@ -152,8 +167,9 @@ private:
     Owned<STACK_OF(X509_CRL)> m_stack;
 };
 
-Lists::Lists(const Snapshot& snapshot, const std::list<RefCertificateRevocationList>& fromMessage)
-    : m_snapshot(snapshot) {
+Lists::Lists(const Snapshot& snapshot, const std::list<RefCertificateRevocationList>& fromMessage, std::time_t at)
+    : m_snapshot(snapshot),
+      m_at(at) {
     for (const RefCertificateRevocationList& one : fromMessage) {
         X509_CRL* const list = one;
         if (list == nullptr) {
@@ -174,13 +190,9 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     Choice choice(leavesOf(extensionOf(certificate, NID_crl_distribution_points)));
     std::vector<const X509_NAME*> issuers = listIssuersOf(points.get());
     issuers.insert(issuers.begin(), issuerName);
-    const auto add = [&](X509_CRL* list) {
-        if (!choice.add(list)) {
-            leaveOut(list, "comparing its distribution points with those of the certificate would take too long");
-        }
-    };
+    std::vector<X509_CRL*> fit;
     for (const X509_NAME* name : issuers) {
-        m_snapshot.byIssuer.each(name, add);
+        m_snapshot.byIssuer.each(name, [&fit](X509_CRL* list) { fit.push_back(list); });
     }
     for (X509_CRL* list : m_fromMessage) {
         const bool wanted = std::any_of(issuers.begin(), issuers.end(), [list](const X509_NAME* name) {
@@ -189,11 +201,36 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
         if (wanted && !isSigned(list, issuer)) {
             leaveOut(list, "it came with the message, and its issuer did not sign it");
         } else if (wanted) {
-            add(list);
+            fit.push_back(list);
+        }
+    }
+    const auto revoked = revokedSince(fit, certificate, issuer);
+    for (X509_CRL* list : fit) {
+        const auto begin = beginOf(list);
+        if (revoked && isComplete(list) && begin && *begin < *revoked) {
+            continue;
+        }
+        if (!choice.add(list)) {
+            leaveOut(list, "comparing its distribution points with those of the certificate would take too long");
         }
     }
     m_handedOut.insert(m_handedOut.end(), choice.chosen().begin(), choice.chosen().end());
     return choice.stack();
+}
+
+std::optional<std::time_t> Lists::revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
+                                               X509* issuer) {
+    std::optional<std::time_t> since;
+    for (X509_CRL* list : lists) {
+        const auto begin = beginOf(list);
+        const bool isNewer = begin && *begin <= m_at && (!since || *begin > *since);
+        X509_REVOKED* entry = nullptr;
+        if (isNewer && isOver(list, m_at) && isComplete(list) &&
+            X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer)) {
+            since = begin;
+        }
+    }
+    return since;
 }
 
 X509_CRL* Lists::withoutSigner(const X509* certificate, const std::vector<X509*>& candidates) const {

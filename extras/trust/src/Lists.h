@@ -8,8 +8,10 @@
 
 #include <norvcrypto/CertificateRevocationList.h>
 
+#include <ctime>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -25,13 +27,15 @@ public:
         const char* why;
     };
 
-    Lists(const Snapshot& snapshot, const std::list<NVX509::RefCertificateRevocationList>& fromMessage);
+    /// \param at the moment to judge by
+    Lists(const Snapshot& snapshot, const std::list<NVX509::RefCertificateRevocationList>& fromMessage, std::time_t at);
 
     /// The lists that may cover a certificate: those of its issuer and of the issuers that its distribution points name:
     /// OpenSSL takes none of anybody else. All that are equally fit go onto one stack, so that the newest wins: lists
     /// of the message that stood before the others would hide what was revoked since.
     /// \param issuer whoever issued the certificate, if that is known: a list of the message counts only if it, or somebody
-    ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures
+    ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures,
+    ///               and takes an old one for one that is over, so that what is older than one that revokes is left out
     Owned<STACK_OF(X509_CRL)> of(const X509* certificate, const X509_NAME* issuerName, X509* issuer);
 
     /// A list by one whom the certificate names for its lists beside its issuer, when nobody is known who may have signed
@@ -45,11 +49,15 @@ public:
 private:
     class Choice;
 
+    /// Since when a list that is over says that the certificate is revoked; nothing when none does.
+    [[nodiscard]] std::optional<std::time_t> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
+                                                          X509* issuer);
     [[nodiscard]] bool isSigned(X509_CRL* list, X509* issuer);
     [[nodiscard]] bool isSignedBy(X509_CRL* list, X509* issuer);
     void leaveOut(X509_CRL* list, const char* why);
 
     const Snapshot& m_snapshot;
+    const std::time_t m_at;
     std::unordered_map<const X509_CRL*, NVX509::RefCertificateRevocationList> m_handles;
     std::vector<X509_CRL*> m_fromMessage;
     std::map<std::pair<const X509_CRL*, const X509*>, bool> m_signed;

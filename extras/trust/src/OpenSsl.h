@@ -28,6 +28,7 @@ struct Freeing {
     void operator()(STACK_OF(X509) * stack) const noexcept { sk_X509_free(stack); }
     void operator()(STACK_OF(X509_CRL) * stack) const noexcept { sk_X509_CRL_pop_free(stack, X509_CRL_free); }
     void operator()(CRL_DIST_POINTS* points) const noexcept { CRL_DIST_POINTS_free(points); }
+    void operator()(NAME_CONSTRAINTS* constraints) const noexcept { NAME_CONSTRAINTS_free(constraints); }
     void operator()(GENERAL_NAMES* names) const noexcept { GENERAL_NAMES_free(names); }
     void operator()(ASN1_OBJECT* object) const noexcept { ASN1_OBJECT_free(object); }
     void operator()(EVP_MD* digest) const noexcept { EVP_MD_free(digest); }

@@ -188,6 +188,41 @@ TEST_F(TrustRevocation, AnOldListInAMessageHidesNothing) {
     }
 }
 
+/// What was revoked since stays so when the list that says it is over, and the old one is not.
+TEST_F(TrustRevocation, AnOldListHidesNothingOfOneThatIsOver) {
+    constexpr long hour = 3600;
+    CrlRequest older;
+    older.thisUpdate = Time::fromNow(-6 * hour);
+    CrlRequest over;
+    over.thisUpdate = Time::fromNow(-4 * hour);
+    over.nextUpdate = Time::fromNow(-2 * hour);
+    over.revoked = {{.serial = "a1"}};
+    const auto judged = [&](const norvauthority::Crl& known, const norvauthority::Crl& brought,
+                            std::optional<std::time_t> at = {}) {
+        Case one = with(Revocation::required);
+        one.options.at = at;
+        one.known(list(m_root, {.thisUpdate = Time::fromNow(-9 * hour)})).known(known);
+        one.lists.push_back(read(brought));
+        const std::string strict = shown(one.judge(m_anna));
+        one.options.revocation = Revocation::available;
+        return strict + "; " + shown(one.judge(m_anna));
+    };
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older)),
+              "refused list-expired 0, revoked 0; refused revoked 0");
+    EXPECT_EQ(judged(list(m_middle, older), list(m_middle, over)),
+              "refused list-expired 0, revoked 0; refused revoked 0");
+    // A newer one takes back what was on hold, a forged one revokes nothing, and what is to come is not yet so.
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle)), "accepted ; accepted ");
+    Identity eve = authority("Middle", 6);
+    CrlRequest forged = over;
+    forged.authorityKeyIdentifierValue = m_middle.keyIdentifier;
+    EXPECT_EQ(judged(list(eve, forged), list(m_middle, older)), "accepted ; accepted ");
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older), std::time(nullptr) - 5 * hour),
+              "accepted ; accepted ");
+    over.revoked = {{.serial = "a2"}};
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older)), "accepted ; accepted ");
+}
+
 TEST_F(TrustRevocation, AListInAMessageIsUsed) {
     Case one = with(Revocation::required);
     one.known(list(m_root));

@@ -3,6 +3,8 @@
 #include "Chains.h"
 #include "Extensions.h"
 
+#include <norvcrypto-trust/TrustSender.h>
+
 #include <gmock/gmock.h>
 
 using namespace trusttesting;
@@ -173,6 +175,37 @@ TEST_F(TrustUsage, NameConstraintsOnAddresses) {
     EXPECT_EQ(judged(nameConstraints({GeneralName::email("example.org")}, {}, minimum), "anna@example.org"),
               "refused name-constraints-unsupported 0");
     EXPECT_EQ(judged(permitted, "no address"), "refused name-unreadable 0");
+}
+
+/// Whatever `matchSender` takes for an address of somebody is excluded with that address.
+TEST_F(TrustUsage, NoSpellingOfAnAddressGetsAroundItsExclusion) {
+    const auto judged = [this](const std::string& constraint, const GeneralName& name) {
+        const Bytes constraints = nameConstraints({}, {GeneralName::email(constraint)});
+        const Identity middle = authority("Middle", 1, &m_root, {.extensions = {{"2.5.29.30", constraints, true}}});
+        Case one;
+        one.anchor(m_root).message(middle);
+        const Identity anna = user(middle, {.alternativeNames = {name}});
+        return shown(one.judge(anna)) + ":" + matchSender(read(anna), {"x@y.z"}).certified.at(0);
+    };
+    const auto mailbox = [](const std::string& address) {
+        return GeneralName::otherName("1.3.6.1.5.5.7.8.9",
+                                      norvauthority::der::element(0x0C, norvauthority::bytes(address)));
+    };
+    for (const char* const address : {"\u00e4nna@b\u00fccher.example", "\u00e4nna@xn--bcher-kva.example",
+                                      "\u00e4nna@B\u00dcCHER.example", "\u00e4nna@bu\u0308cher.example"})
+        EXPECT_EQ(judged("xn--bcher-kva.example", mailbox(address)), std::string("refused name-excluded 0:") + address);
+    for (const char* const address : {"\u00e4nna@example.org", "\u00e4nna@\uff45xample.org"})
+        EXPECT_EQ(judged("example.org", mailbox(address)), std::string("refused name-excluded 0:") + address);
+    EXPECT_EQ(judged("anna@example.org", GeneralName::email("\"anna\"@example.org")),
+              "refused name-excluded 0:\"anna\"@example.org");
+    EXPECT_EQ(judged(".xn--bcher-kva.example", mailbox("\u00e4nna@a.mail.B\u00dcCHER.example")),
+              "refused name-excluded 0:\u00e4nna@a.mail.B\u00dcCHER.example");
+    for (const char* const address : {"\u00e4nna@bucher.example", "\u00e4nna@mail.b\u00fccher.example"})
+        EXPECT_EQ(judged("xn--bcher-kva.example", mailbox(address)), std::string("accepted :") + address);
+    EXPECT_EQ(judged(".xn--bcher-kva.example", mailbox("\u00e4nna@B\u00dcCHER.example")),
+              "accepted :\u00e4nna@B\u00dcCHER.example");
+    for (const char* const constraint : {"Anna@example.org", "example.org.", "@", "x y", ""})
+        EXPECT_EQ(judged(constraint, GeneralName::email("\"anna\"@example.org")), "accepted :\"anna\"@example.org");
 }
 
 TEST_F(TrustUsage, ConstraintsOfAKindThatIsNotSupported) {

@@ -1,5 +1,8 @@
 #include "AddressItems.h"
 
+#include "Header.h"
+
+#include <string>
 #include <utility>
 
 namespace Norvane::Crypto::SMime::mime {
@@ -21,6 +24,18 @@ std::size_t skipQuoted(std::string_view value, std::size_t at) {
     return std::string_view::npos;
 }
 
+/// An address as it stands, without the blanks and the apostrophes that some put around it.
+std::string comparable(std::string_view text) {
+    std::string result;
+    for (const char c : text) {
+        if (c != ' ' && c != '\t' && c != '\r' && c != '\n')
+            result += lowered(c);
+    }
+    constexpr char apostrophe = '\'';
+    const bool isBetween = result.size() > 1 && result.front() == apostrophe && result.back() == apostrophe;
+    return isBetween ? result.substr(1, result.size() - 2) : result;
+}
+
 /// What stands between two separators.
 class Item {
 public:
@@ -28,17 +43,22 @@ public:
     [[nodiscard]] bool take(char c) {
         switch (c) {
         case '<':
-            m_signs = 0; // those before stand in the name
+            m_nameSigns = std::exchange(m_signs, 0);
             return std::exchange(m_part, Part::angle) == Part::bare;
         case '>':
-            return std::exchange(m_part, Part::behind) == Part::angle;
+            return std::exchange(m_part, Part::behind) == Part::angle &&
+                   (m_nameSigns == 0 || comparable(m_name) == comparable(m_angle));
         case '@':
             ++m_signs;
+            takeText("@");
             return m_part == Part::bare || (m_part == Part::angle && m_signs == 1);
         default:
+            takeText({&c, 1});
             return true;
         }
     }
+    /// What is quoted.
+    void takeText(std::string_view text) { (m_part == Part::bare ? m_name : m_angle) += text; }
     /// How many addresses it is; nothing when that is not clear.
     [[nodiscard]] std::optional<std::size_t> count() const {
         if (m_part == Part::angle || m_signs > 1)
@@ -50,6 +70,9 @@ private:
     enum class Part : int { bare, angle, behind };
     Part m_part = Part::bare;
     std::size_t m_signs = 0;
+    std::size_t m_nameSigns = 0;
+    std::string m_name; ///< the address itself where there are no brackets
+    std::string m_angle;
 };
 
 } // namespace
@@ -61,10 +84,12 @@ std::optional<std::size_t> countAddresses(std::string_view value) {
     for (std::size_t at = 0; at <= value.size(); ++at) {
         const char c = at == value.size() ? ',' : value[at];
         if (c == '(' || c == '"') {
-            at = skipQuoted(value, at);
-            if (at == std::string_view::npos)
+            const std::size_t end = skipQuoted(value, at);
+            if (end == std::string_view::npos)
                 return std::nullopt;
-            --at;
+            if (c == '"')
+                item.takeText(value.substr(at, end - at));
+            at = end - 1;
             continue;
         }
         isLiteral = c == '[' || (isLiteral && c != ']' && c != '@' && at < value.size());

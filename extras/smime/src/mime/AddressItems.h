@@ -10,8 +10,8 @@
 
 namespace Norvane::Crypto::SMime::mime {
 
-/// Counts what stands between commas, semicolons and colons (RFC 5322, 3.4) and has an "@" outside of quotes and comments; in
-/// front of "<" it may stand in a name that nobody quoted.
+/// Counts what stands between commas, semicolons and colons (RFC 5322, 3.4) and has an "@" outside of quotes and comments. In
+/// front of "<" it may stand when the same address stands in the brackets: of "a@b ] <c@d>" GMime finds "a@b", others "c@d".
 /// \returns nothing for quotes, comments and angle brackets that are not closed, and for an item with more than one address
 [[nodiscard]] std::optional<std::size_t> countAddresses(std::string_view value);
 

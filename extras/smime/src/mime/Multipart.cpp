@@ -2,6 +2,7 @@
 
 #include "Limits.h"
 #include "Lines.h"
+#include "Wiped.h"
 
 #include <algorithm>
 
@@ -43,10 +44,11 @@ Delimiter delimiterAt(std::string_view rest, std::size_t behindBoundary) {
 /// The bytes up to the next delimiter.
 class Multipart::Part : public Octets {
 public:
-    Part(SharedOctets body, const std::string& delimiter, std::uint64_t& lookAlikes)
+    Part(SharedOctets body, const std::string& delimiter, std::uint64_t& lookAlikes, bool& isCutByReturns)
         : m_body(std::move(body)),
           m_delimiter(delimiter),
-          m_lookAlikes(lookAlikes) {}
+          m_lookAlikes(lookAlikes),
+          m_isCutByReturns(isCutByReturns) {}
 
     std::string_view view(std::size_t atLeast) override {
         if (m_known < atLeast && !m_ended)
@@ -56,10 +58,14 @@ public:
 
     void skip(std::size_t count) override {
         count = std::min(count, m_known);
+        if (m_isWatched)
+            look(m_body->view(count).substr(0, count));
         m_body->skip(count);
         m_known -= count;
         m_atStart = m_atStart && count == 0;
     }
+
+    void watch() noexcept { m_isWatched = true; }
 
     /// Takes the delimiter behind the part, whose bytes were all taken.
     Delimiter::Kind takeDelimiter() {
@@ -68,6 +74,14 @@ public:
     }
 
 private:
+    /// Looks for what others take for a delimiter in bytes that are taken.
+    void look(std::string_view taken) {
+        const std::string sought = '\r' + m_delimiter.substr(1);
+        m_looked += taken;
+        m_isCutByReturns = m_isCutByReturns || m_looked.find(sought) != std::string::npos;
+        m_looked.erase(0, m_looked.size() - std::min(m_looked.size(), sought.size() - 1));
+    }
+
     /// Finds out how many bytes belong to the part, until those are `atLeast` or its end is found. Each byte is searched
     /// once, but for those that a delimiter could begin with.
     void look(std::size_t atLeast) {
@@ -120,9 +134,12 @@ private:
     SharedOctets m_body;
     const std::string& m_delimiter;
     std::uint64_t& m_lookAlikes;
+    bool& m_isCutByReturns;
     std::size_t m_known = 0; ///< bytes that lie ahead and belong to the part
     std::size_t m_delimiterLength = 0;
     Delimiter::Kind m_kind = Delimiter::none;
+    WipedText m_looked; ///< the end of what was taken, which is too short for a delimiter
+    bool m_isWatched = false;
     bool m_atStart = true;
     bool m_ended = false;
 };
@@ -130,9 +147,15 @@ private:
 Multipart::Multipart(SharedOctets body, const std::string& boundary)
     : m_body(std::move(body)),
       m_delimiter("\n--" + boundary) {
-    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes);
+    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_isCutByReturns);
+    preamble->watch();
     m_current = preamble.get();
     m_part = preamble;
+}
+
+void Multipart::watch() {
+    if (m_current != nullptr)
+        m_current->watch();
 }
 
 bool Multipart::next() {
@@ -144,7 +167,7 @@ bool Multipart::next() {
     m_closed = kind == Delimiter::last;
     if (kind != Delimiter::between)
         return false;
-    const auto part = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes);
+    const auto part = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_isCutByReturns);
     m_current = part.get();
     m_part = part;
     return true;

@@ -35,6 +35,8 @@ public:
     /// Passes what is left of a part, or the preamble, and goes to the next one. False when there is none: behind the last
     /// delimiter, whose epilogue is left in the body, or where the body ends.
     bool next();
+    /// To be called in front of a part that is shown to nobody; see `isCutByReturns`. The preamble is watched, too.
+    void watch();
     /// The part; before the first call of `next`, the preamble. It must not be read once `next` was called.
     [[nodiscard]] const SharedOctets& part() const noexcept { return m_part; }
     /// Whether the last delimiter was there; known once `next` was false.
@@ -42,6 +44,9 @@ public:
     /// Lines that begin with the boundary but are no delimiters: readers that compare prefixes, as RFC 2046 allows, see
     /// other parts than this one.
     [[nodiscard]] std::uint64_t lookAlikes() const noexcept { return m_lookAlikes; }
+    /// Whether a CR alone stands in front of what begins with the boundary in what was taken of watched parts: readers that end
+    /// lines at a CR see other parts.
+    [[nodiscard]] bool isCutByReturns() const noexcept { return m_isCutByReturns; }
 
 private:
     class Part;
@@ -52,6 +57,7 @@ private:
     Part* m_current = nullptr; ///< what `m_part` is
     bool m_closed = false;
     std::uint64_t m_lookAlikes = 0;
+    bool m_isCutByReturns = false;
 };
 
 } // namespace Norvane::Crypto::SMime::mime

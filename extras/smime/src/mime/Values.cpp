@@ -131,6 +131,13 @@ std::string oddityOf(const Header& header, std::string_view name) {
     return value.find('\0') == std::string::npos ? std::string() : "a NUL byte in " + std::string(name);
 }
 
+/// Whether there are octets that end an address for one reader and not for another: of "a@example.co", form feed, "m".
+bool hasControls(const std::string& value) {
+    return std::ranges::any_of(value, [](char c) {
+        return (c >= 0 && c < ' ' && c != '\t' && c != '\r') || c == '\x7f'; // a CR is left of a line that has two
+    });
+}
+
 /// Adds the mailboxes of a list, groups taken apart. False beyond the limit, and for what is no address.
 bool collect(InternetAddressList* list, const std::string& value, std::vector<std::string>& mailboxes) {
     for (int index = 0; index < internet_address_list_length(list); ++index) {
@@ -230,7 +237,7 @@ Transfer transferOf(const Header& header) {
 Addresses addressesOf(const Header& header, std::string_view name) {
     Addresses result;
     for (const std::string& value : header.all(name)) {
-        if (!isUsable(value)) {
+        if (!isUsable(value) || hasControls(value)) {
             result.isReadable = false;
             continue;
         }

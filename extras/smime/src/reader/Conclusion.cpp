@@ -33,17 +33,18 @@ bool isEncrypted(const Layer& layer) {
     return layer.kind == LayerKind::enveloped || layer.kind == LayerKind::authEnveloped;
 }
 
-/// Whom the signers of the content are compared with: a reader of the message is shown the From outside or the one that is
-/// covered, so that both count.
+/// Whom the signers of the content are compared with: a reader of the message is shown the From outside, in whose place the
+/// caller may name others, or one that is covered, so that all count.
 Senders sendersOfContent(const Session& session) {
-    if (!session.options.from.empty())
-        return {session.options.from, {}};
-    Senders senders = session.senders.empty() ? Senders() : session.senders.front();
+    const bool isGiven = !session.options.from.empty();
+    Senders senders = session.senders.empty() || isGiven ? Senders() : session.senders.front();
+    if (isGiven)
+        senders.from = session.options.from;
     for (const std::string& address : session.protectedSenders.from) {
         if (std::ranges::find(senders.from, address) == senders.from.end())
             senders.from.push_back(address);
     }
-    if (senders.sender.empty())
+    if (senders.sender.empty() && !isGiven)
         senders.sender = session.protectedSenders.sender;
     return senders;
 }

@@ -185,11 +185,15 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
               const Place& place) {
     if (!type.oddity.empty()) {
         session.addOddity(place, type.oddity);
-        if (!place.isCovered && place.role != Role::passing && session.ambiguity.empty())
-            session.ambiguity = "part " + place.path + ": " + type.oddity + ", so that others may see another message";
+        session.addAmbiguity(place, type.oddity + ", so that others may see another message");
     }
+    if (const std::string line = ambiguousLineIn(header); !line.empty())
+        session.addAmbiguity(place, line + ", so that they see another message");
     if (type.type == "multipart")
         tellEncoding(session, header, place);
+    // Declared or not, of the content or of what lies around it: who opens a layer is shown its From.
+    if (place.role == Role::main)
+        session.addProtected(sendersIn(header));
     const bool isSigned = type.is("multipart", "signed");
     if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
                      type.protocol.starts_with("application/x-pkcs7-")))
@@ -227,8 +231,6 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     session.answer.contentPath = place.path;
     session.answer.contentType = type.text();
     session.answer.headers = compareHeaders(header, scheme, session.outer);
-    // Declared or not: who opens what is handed on is shown this From.
-    session.protectedSenders = sendersIn(header);
 
     Place passing = place;
     passing.role = Role::passing;

@@ -72,22 +72,30 @@ FieldState stateOf(const std::string& inside, const std::optional<std::string>& 
     return outside ? FieldState::differs : FieldState::missing;
 }
 
-/// Whether somebody who leaves NUL bytes and the blanks at the start of a header out, and ends lines at a CR, finds more From
-/// fields than there are.
-bool hasHiddenFrom(const Header& header) {
+/// The lines of those who leave NUL bytes and the blanks at the start of a header out, and end lines at a CR.
+/// \param visit is given a line, and whether it is the last one
+template <class Visit> void eachLineOfOthers(const Header& header, Visit visit) {
     mime::WipedText octets(header.octets());
     std::erase(octets, '\0');
-    std::size_t found = 0;
     for (std::size_t begin = octets.find_first_not_of(" \t"); begin < octets.size();) {
         const std::size_t end = std::min(octets.find_first_of("\r\n", begin), octets.size());
-        const std::string_view line = std::string_view(octets).substr(begin, end - begin);
-        const std::string_view name = line.substr(0, line.find(':'));
-        const bool isFrom =
-            name.size() < line.size() && mime::isSameName(name.substr(0, name.find_last_not_of(" \t") + 1), "From");
-        found += isFrom ? 1 : 0;
-        begin = end + 1;
+        const std::string_view behind = std::string_view(octets).substr(end);
+        const std::size_t next = end + (behind.starts_with("\r\n") ? 2 : 1);
+        visit(std::string_view(octets).substr(begin, end - begin), next >= octets.size());
+        begin = next;
     }
-    return found > header.count("From");
+}
+
+/// Whether they find more fields of a name than there are.
+bool hasHidden(const Header& header, std::string_view wanted) {
+    std::size_t found = 0;
+    eachLineOfOthers(header, [&](std::string_view line, bool /*isLast*/) {
+        const std::string_view name = line.substr(0, line.find(':'));
+        const bool isWanted =
+            name.size() < line.size() && mime::isSameName(name.substr(0, name.find_last_not_of(" \t") + 1), wanted);
+        found += isWanted ? 1 : 0;
+    });
+    return found > header.count(wanted);
 }
 
 /// A field with line ends like those of the header that it goes to.
@@ -114,6 +122,15 @@ bool isStructural(std::string_view name) {
     return mime::isSameName(name.substr(0, prefix.size()), prefix) || mime::isSameName(name, "MIME-Version");
 }
 
+std::string ambiguousLineIn(const Header& header) {
+    if (hasHidden(header, "Content-Type"))
+        return "a line that others may take for a Content-Type";
+    bool endsEarly = false;
+    eachLineOfOthers(header,
+                     [&](std::string_view line, bool isLast) { endsEarly = endsEarly || (line.empty() && !isLast); });
+    return endsEarly ? "a line that others may take for the end of the header" : "";
+}
+
 Senders sendersIn(const Header& header) {
     Senders result;
     const auto collect = [&](std::string_view name, std::vector<std::string>& into) {
@@ -124,7 +141,7 @@ Senders sendersIn(const Header& header) {
             into.push_back("not readable: " + comparable(header.first(name).value_or("")).substr(0, 100));
     };
     collect("From", result.from);
-    if (hasHiddenFrom(header))
+    if (hasHidden(header, "From"))
         result.from.emplace_back("not readable: a line that others may take for a From");
     collect("Sender", result.sender);
     return result;

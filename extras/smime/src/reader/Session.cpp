@@ -2,6 +2,8 @@
 
 #include "mime/SpillPlace.h"
 
+#include <algorithm>
+
 namespace Norvane::Crypto::SMime {
 
 namespace {
@@ -82,10 +84,25 @@ void Session::addOddity(const Place& place, const std::string& text) {
         answer.oddities.push_back("part " + place.path + ": " + text);
 }
 
+void Session::addAmbiguity(const Place& place, const std::string& text) {
+    if (!place.isCovered && place.role != Role::passing && ambiguity.empty())
+        ambiguity = "part " + place.path + ": " + text;
+}
+
 void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipart) {
-    if (multipart.lookAlikes() > 0 && !place.isCovered && place.role != Role::passing && ambiguity.empty())
-        ambiguity = "part " + place.path +
-                    ": lines in front of the first part begin with the boundary, so that others may see other parts";
+    if (multipart.lookAlikes() > 0 || multipart.isCutByReturns())
+        addAmbiguity(place,
+                     "lines in front of the first part begin with the boundary, so that others may see other parts");
+}
+
+void Session::addProtected(Senders&& found) {
+    std::vector<std::string>& from = protectedSenders.from;
+    for (std::string& address : found.from) {
+        if (std::ranges::find(from, address) == from.end())
+            from.push_back(std::move(address));
+    }
+    if (!found.sender.empty())
+        protectedSenders.sender = std::move(found.sender);
 }
 
 void Session::fail(const Place& place, LayerStatus status, const std::string& text) {

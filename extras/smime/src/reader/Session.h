@@ -76,8 +76,8 @@ public:
     std::vector<Senders> senders;
     std::vector<std::size_t> messageOfLayer; ///< beside `answer.layers`
     std::vector<UncoveredPart> uncovered;
-    Senders protectedSenders;                                   ///< those that the layers of the content cover
-    bool isTaken = false;                                       ///< there is a layer of the content
+    Senders protectedSenders; ///< those that the layers of the content cover, each address of From once
+    bool isTaken = false;     ///< there is a layer of the content
     std::optional<std::pair<LayerStatus, std::string>> failure; ///< of what lies within the layers of the content
     /// Why a reader of the message may see another one than this, where no layer covers that.
     std::string ambiguity;
@@ -117,8 +117,12 @@ public:
     /// Tells of a part that is shown to readers although no layer covers it.
     void addUncovered(const Place& place, const std::string& type);
     void addOddity(const Place& place, const std::string& text);
+    /// Why a reader of the message may see another one; nothing where a layer covers that, or it is looked at in passing.
+    void addAmbiguity(const Place& place, const std::string& text);
     /// To be called when the first part of a multipart was reached.
     void lookAtPreamble(const Place& place, const mime::Multipart& multipart);
+    /// Senders that a header within the layers of the content names.
+    void addProtected(Senders&& found);
     /// Something within the layers of the content that cannot be read on.
     void fail(const Place& place, LayerStatus status, const std::string& text);
     [[nodiscard]] std::string spillTemplate() const;
@@ -170,6 +174,8 @@ void writeHeader(Session& session, const mime::Header& covered, HeaderScheme sch
 /// Compares the fields of the content's header with those outside.
 [[nodiscard]] HeaderProtection compareHeaders(const mime::Header& inner, HeaderScheme scheme,
                                               const mime::Header& outer);
+/// A line of a header that others may take for what changes the message; empty when there is none.
+[[nodiscard]] std::string ambiguousLineIn(const mime::Header& header);
 /// Whether a field belongs to the structure of an entity: Content-*, MIME-Version.
 [[nodiscard]] bool isStructural(std::string_view name);
 

@@ -239,6 +239,7 @@ bool takeSignature(Session& session, std::size_t index, const Place& place, mime
         layer.detail = "the part with the signature is missing";
         return false;
     }
+    parts.watch();
     const mime::HeaderLimits limits{session.options.budget.headerOctets, session.options.budget.headerFields};
     Header header;
     if (mime::readHeader(*parts.part(), limits, header) != mime::HeaderEnd::complete) {
@@ -246,6 +247,8 @@ bool takeSignature(Session& session, std::size_t index, const Place& place, mime
         layer.detail = "the header of the part with the signature is too long";
         return false;
     }
+    if (const std::string line = ambiguousLineIn(header); !line.empty())
+        session.addAmbiguity(place, "in front of the signature is " + line);
     const ContentType type = mime::contentTypeOf(header);
     if (!isSignature(type, mime::fileNameOf(header, type)) && !isStructure(type, "")) {
         // Signed in another way, by a sender that does not say in which.
@@ -359,6 +362,8 @@ void readMultipartSigned(Session& session, const ContentType& type, const Shared
     detached.lineEnds = counter.counted();
     if (takeSignature(session, index, place, parts, detached)) {
         tellMoreParts(session, parts, place);
+        if (parts.isCutByReturns())
+            session.addAmbiguity(place, "others may see parts behind the signed one that begin behind a CR");
         judgeDetached(session, index, detached);
     }
     readEntity(session, std::make_shared<mime::MediaOctets>(detached.part.in()), place.payload(role));

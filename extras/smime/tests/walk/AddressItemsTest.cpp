@@ -32,8 +32,10 @@ TEST(AddressItems, AreCounted) {
              {"g:;", 0},
              {"Bob <b@c>", 1},
              {"<b@c>,<d@e>", 2},
-             {"x@y <b@c>", 1},
-             {"x@y@z <b@c>", 1},
+             {"b@c <b@c>", 1},
+             {" b@C(x) < B@c > ", 1},
+             {"'b@c' <b@c>", 1},
+             {"\"b d\"@c <\"b d\"@c>, e@f <e@f>", 2},
              {"\"x@y\" <b@c>, d@e", 2},
              {"\"a, b@c; d@e: f@g\" <b@c>", 1},
              {"\"a\\\"b@c\" <d@e>", 1},
@@ -54,9 +56,12 @@ TEST(AddressItems, AreCounted) {
 // Who reads on finds another one than who stops.
 TEST(AddressItems, AreNotClearWhereSomethingIsNotClosedOrStandsTwice) {
     for (const char* const value :
-         {"a@b@c", "a@@b",        "<a@b@c>",    "<a@b>@c",     "<ab>@c",    "<a@b> <c@d>", "<<a@b>>",
-          "a@b>",  "<a@b",        "<a@b, c@d>", "<@a,@b:c@d>", "(a@b",      "a@b (c",      "a@b ((c)",
-          "\"a@b", "a@b \"c\\\"", "c@d, <a@b",  "a@b [c@d]",   "a@[b, c@d", "<a@[b",       "<a@[b]:c>"})
+         {"a@b@c", "a@@b", "<a@b@c>", "<a@b>@c", "<ab>@c", "<a@b> <c@d>", "<<a@b>>", "a@b>", "<a@b", "<a@b, c@d>",
+          "<@a,@b:c@d>", "(a@b", "a@b (c", "a@b ((c)", "\"a@b", "a@b \"c\\\"", "c@d, <a@b", "a@b [c@d]", "a@[b, c@d",
+          "<a@[b", "<a@[b]:c>",
+          // Who stops at what he does not know finds the first one, others the one in the brackets.
+          "a@b <c@d>", "a@b ] <c@d>", "a@b [ <c@d>", "a@b) <c@d>", "a@b \\ <c@d>", "a@b, c@d[x] <e@f>", "a@b@c <b@c>",
+          "\"x\"@b ] <\"y\"@b>", "\"x\"@b <\"y\"@b>", "'a@b <a@b>", "a @ b <c@d>"})
         EXPECT_EQ(countAddresses(value), std::nullopt) << value;
 }
 

@@ -113,6 +113,24 @@ TEST(DelimiterLine, IsTheSameWhereverItStands) {
     }
 }
 
+// Those who end lines at a CR see other parts; what is signed is left alone.
+TEST(DelimiterLine, BehindACrIsSoughtInWhatIsWatched) {
+    for (const std::size_t step : {1U, 5U, 1000U}) {
+        Multipart preamble(std::make_shared<Showing>("xx\r--b\ry\n--b\none\n--b--", step), "b");
+        ASSERT_TRUE(preamble.next());
+        EXPECT_TRUE(preamble.isCutByReturns()) << step;
+        EXPECT_EQ(preamble.lookAlikes(), 0U);
+        Multipart parts(std::make_shared<Showing>("x\r-b\r\n--b\none\r--b\n--b\ntwo\r--b\n--b--\r--b", step), "b");
+        ASSERT_TRUE(parts.next());
+        ASSERT_TRUE(parts.next());
+        EXPECT_FALSE(parts.isCutByReturns()) << step;
+        parts.watch();
+        EXPECT_FALSE(parts.next());
+        EXPECT_TRUE(parts.isCutByReturns()) << step;
+        parts.watch(); // where there is no part
+    }
+}
+
 // A part begins once, whatever is taken of it at a time.
 TEST(DelimiterLine, IsNoneBehindWhatWasTakenOfItsLine) {
     for (std::size_t length = 1; length != 320; ++length) {

@@ -77,6 +77,15 @@ std::vector<Case> addresses() {
         under("Utf8MailboxPermitted", host,
               with({utf8Mailbox("b\xC3\xB6"
                                 "b@example.org")})),
+        under("Utf8MailboxExcluded", excluded({GeneralName::email("xn--bcher-kva.example")}),
+              with({utf8Mailbox("b\xC3\xB6"
+                                "b@b\xC3\xBC"
+                                "cher.example")}),
+              {{48, 0}}, {{Code::nameExcluded, 0}}),
+        under("Utf8MailboxExcludedInAnotherSpelling", excluded({GeneralName::email("xn--bcher-kva.example")}),
+              with({utf8Mailbox("b\xC3\xB6"
+                                "b@xn--bcher-kva.example")}),
+              {}, {{Code::nameExcluded, 0}}),
         under("NamesOfOtherKindsAreFree", host, with({GeneralName::dns("example.net")})),
         under("AddressesAreFreeOfOtherKinds", permitted({GeneralName::dns("example.org")}), mail("bob@example.net")),
     };

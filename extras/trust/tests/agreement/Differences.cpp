@@ -23,7 +23,11 @@ const std::map<std::string, std::string>& otherVerdicts() {
         {"SignsForAnyPurpose", "RFC 8550, 4.4.4: anyExtendedKeyUsage allows mail; openssl wants emailProtection"},
         {"EncryptsWithKeyAgreement",
          "RFC 8550, 4.4.2: keys that agree on a key have keyAgreement; openssl wants keyEncipherment of all keys"},
+        {"Utf8MailboxExcludedInAnotherSpelling",
+         "RFC 9598, 3: domains are A-labels; openssl knows RFC 8398, which has U-labels, and compares spellings"},
         {"AvailableListStale", "openssl knows no lists that are looked at where they are there"},
+        {"OlderListBesideAStaleOneThatRevokes",
+         "openssl takes the older list, and a message could hide with one what was revoked since"},
         {"IndirectListWhoseSignerExpired",
          "the program, not the library, goes on after a signer of lists that has expired, and forgets that it did"},
     };

@@ -71,6 +71,8 @@ std::vector<Case> periods() {
     const CrlRequest future{.thisUpdate = ahead(day), .nextUpdate = ahead(9 * day)};
     CrlRequest staleAndRevoked = stale;
     staleAndRevoked.revoked = {revoked(alice)};
+    std::vector<Crl> olderBesideStale = lists(staleAndRevoked);
+    olderBesideStale.push_back(listOf(middle(), {.thisUpdate = ago(10 * day)}));
     const std::vector<Crl> freshBesideStale{rootList(), listOf(middle(), stale), listOf(middle(), {.crlNumber = "2"})};
     std::vector<Crl> newerRevokes = lists({.thisUpdate = ago(2 * day)});
     newerRevokes.push_back(listOf(middle(), {.revoked = {revoked(alice)}, .thisUpdate = ago(day), .crlNumber = "2"}));
@@ -84,6 +86,8 @@ std::vector<Case> periods() {
         required("ListWithoutNextUpdate", alice, lists({.nextUpdate = std::nullopt})),
         required("ListOfVersionOne", alice, lists({.version = 1})),
         required("FreshListBesideAStaleOne", alice, freshBesideStale),
+        required("OlderListBesideAStaleOneThatRevokes", alice, olderBesideStale, {},
+                 {{Code::listExpired, 0}, {Code::revoked, 0}}),
         required("NewerListRevokes", alice, newerRevokes, {{23, 0}}, {{Code::revoked, 0}}),
     };
 }
