@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <idn2.h>
 #include <memory>
+#include <new>
 
 namespace Norvane::Crypto::Trust {
 
@@ -106,6 +107,9 @@ std::string comparableDomain(const std::string& domain) {
         char* converted = nullptr;
         const int answer = idn2_to_ascii_8z(domain.c_str(), &converted, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
         const std::unique_ptr<char, void (*)(char*)> owned(converted, [](char* text) { idn2_free(text); });
+        if (answer == IDN2_MALLOC) {
+            throw std::bad_alloc(); // which says nothing of the domain, and whoever excludes it counts on the answer
+        }
         if (answer != IDN2_OK) {
             return {};
         }

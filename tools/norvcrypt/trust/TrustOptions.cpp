@@ -94,7 +94,8 @@ TrustOptions::TrustOptions(Command& command, Trust::Purpose purpose, Anchors anc
                      ->needs(m_anchors)),
       m_from(command
                  .repeated("--from", "Demand that the certificate is for this address, the sender of the mail; with "
-                                     "several, for each. It takes the place of the From of a whole mail. Example: "
+                                     "several, for each. It takes the place of the From outside of a mail; one that a "
+                                     "layer covers counts, too. Example: "
                                      "--from anna@example.org")
                  ->typeName("ADDRESS")
                  ->needs(m_anchors)),
