@@ -61,16 +61,23 @@ TEST_F(Incoming, ForgedFieldsAreRemoved) {
                                                    {"X-Norvcrypt-Signer", " ceo@a.example"},
                                                    {"x-norvcrypt-anything", " x"},
                                                    {"Authentication-Results ", " mx.example.org; spf=pass"},
-                                                   {"Authentication-Results", " mx.example.org"}});
+                                                   {"Authentication-Results", " mx.example.org"},
+                                                   // Fields of their own to those to whom a CR by itself ends a line.
+                                                   {"X-A", " a\rAuthentication-Results: mx.example.org; smime=pass"},
+                                                   {"X-A", " a: b\r\n c\r x\rX-Norvcrypt-Signer :\rX-B: d"},
+                                                   {"X-A", " a\rAuthentication-Results:\r\n mx.example.org; none\r"},
+                                                   {"X-C", " a\rAuthentication-Results: other.example; none\r"},
+                                                   {"X-C", " X-Norvcrypt-Signer: a\r X-Norvcrypt-Signer: b\rX-D"}});
     const Outcome outcome = handled(message);
     EXPECT_EQ(outcome.action, Action::change);
-    EXPECT_EQ(outcome.told("forged"), "6");
+    EXPECT_EQ(outcome.told("forged"), "9");
     EXPECT_FALSE(outcome.body);
     const Delivered mail = delivered(message, outcome);
     EXPECT_THAT(mail.values("Authentication-Results"), ElementsAre(" other.example; smime=pass"));
-    EXPECT_EQ(mail.header.size(), messageOf(plain).header.size() + 1);
+    EXPECT_EQ(mail.values("X-C").size(), 2U);
+    EXPECT_EQ(mail.header.size(), messageOf(plain).header.size() + 3);
     // Whoever does not read signatures does not believe what others wrote either.
-    EXPECT_EQ(handled(message, "decrypt = false\nverify = false\n").edits.size(), 6U);
+    EXPECT_EQ(handled(message, "decrypt = false\nverify = false\n").edits.size(), 9U);
 }
 
 TEST_F(Incoming, SignedByTheSender) {

@@ -115,6 +115,21 @@ void addFacts(const SMime::Answer& answer, const SMimeResult& result, bool repla
     std::erase_if(outcome.facts, [](const Fact& fact) { return fact.value.empty(); });
 }
 
+bool isOurs(const Config& config, std::string_view name, std::string_view value) {
+    if (isSameName(name.substr(0, ownPrefix.size()), ownPrefix))
+        return true;
+    return isSameName(name, "Authentication-Results") && claims(value, config.milter.authservId);
+}
+
+/// Where the line ends for those to whom a CR by itself ends one.
+std::size_t endOfLine(std::string_view text) {
+    std::size_t end = text.find('\r');
+    while (end != std::string_view::npos && end + 1 < text.size() &&
+           std::string_view("\n \t").find(text[end + 1]) != std::string_view::npos)
+        end = text.find('\r', end + 1);
+    return end;
+}
+
 class Receiver {
 public:
     Receiver(const Config& config, const LoadedStores& stores, const Message& message)
@@ -225,9 +240,17 @@ private:
 } // namespace
 
 bool isForged(const Config& config, const HeaderField& field) {
-    if (isSameName(field.name.substr(0, ownPrefix.size()), ownPrefix))
+    if (isOurs(config, field.name, field.value))
         return true;
-    return isSameName(field.name, "Authentication-Results") && claims(field.value, config.milter.authservId);
+    std::string_view rest = field.value;
+    for (std::size_t end = endOfLine(rest); end != std::string_view::npos; end = endOfLine(rest)) {
+        rest.remove_prefix(end + 1);
+        const std::string_view line = rest.substr(0, endOfLine(rest));
+        const std::size_t colon = line.find(':');
+        if (colon != std::string_view::npos && isOurs(config, line.substr(0, colon), line.substr(colon + 1)))
+            return true;
+    }
+    return false;
 }
 
 Outcome handleIncoming(const Config& config, const LoadedStores& stores, LearntFolder* learnt, const Message& message,
