@@ -389,6 +389,14 @@ TEST_F(Incoming, ManyFieldsAndHugeOnes) {
     for (int index = 0; index < 1900; ++index)
         forged.header.push_back({"Authentication-Results", " mx.example.org; smime=pass"});
     EXPECT_TRUE(delivered(forged, handled(forged)).values("Authentication-Results").empty());
+    for (int index = 1900; index < 2000; ++index)
+        forged.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    EXPECT_EQ(handled(forged).told("forged"), "2000");
+    forged.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    const Outcome more = handled(forged);
+    EXPECT_EQ(more.action, Action::reject);
+    EXPECT_EQ(more.reply.text, "more than 2000 header fields claim to be of the mail filter here");
+    EXPECT_TRUE(more.edits.empty());
     Message length = messageOf(plain);
     length.header.push_back({"X-Long", " " + std::string(1000000, 'x')});
     EXPECT_EQ(handled(length).action, Action::change);
