@@ -246,6 +246,26 @@ TEST_F(Incoming, FooterOfAMailingList) {
 
 const std::string fieldNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-";
 
+/// A mail to Bert that holds this as it stands: the writer would leave fields outside.
+std::string encryptedAsItStands(const std::string& inner) {
+    Norvane::MemoryMediaOut out;
+    CMS::EnvelopeWriter writer({CMS::EnvelopeRecipient(certificateOf(bert()))}, {});
+    writer.attach(out);
+    writer.write(norvtest::bufferOf(inner));
+    writer.end();
+    const norvauthority::Bytes bytes(out.content().data(), out.content().data() + out.content().length());
+    std::string base64 = norvauthority::pem("X", bytes);
+    base64 = base64.substr(base64.find('\n') + 1);
+    base64.resize(base64.find("-----"));
+    std::string body;
+    for (const char one : base64)
+        body += one == '\n' ? std::string("\r\n") : std::string(1, one);
+    return outer +
+           "Content-Type: application/pkcs7-mime; smime-type=enveloped-data\r\n"
+           "Content-Transfer-Encoding: base64\r\n\r\n" +
+           body;
+}
+
 /// What was encrypted has a header of its own, in which a stranger may write what he likes.
 TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
     const std::string inner = "From: ceo@a.example\r\nSubject: inside\r\nX-Norvcrypt-Signature: pass\r\n"
@@ -255,26 +275,7 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
                               "Bcc : x@evil.example\r\n: nothing\r\nno field: x\r\nb\xff: x\r\nKept: yes\r\n"
                               "Content-Type: text/plain; hp=\"cipher\"\r\n\r\n" +
                               textBody;
-    // The writer would leave these fields outside.
-    Norvane::MemoryMediaOut out;
-    CMS::EnvelopeWriter writer({CMS::EnvelopeRecipient(certificateOf(bert()))}, {});
-    writer.attach(out);
-    writer.write(norvtest::bufferOf(inner));
-    writer.end();
-    std::string base64;
-    {
-        const norvauthority::Bytes bytes(out.content().data(), out.content().data() + out.content().length());
-        base64 = norvauthority::pem("X", bytes);
-        base64 = base64.substr(base64.find('\n') + 1);
-        base64.resize(base64.find("-----"));
-    }
-    std::string body;
-    for (const char one : base64)
-        body += one == '\n' ? std::string("\r\n") : std::string(1, one);
-    const std::string mail = outer +
-                             "Content-Type: application/pkcs7-mime; smime-type=enveloped-data\r\n"
-                             "Content-Transfer-Encoding: base64\r\n\r\n" +
-                             body;
+    const std::string mail = encryptedAsItStands(inner);
     for (const char* const deliver : {"deliver = \"signed\"\n", "deliver = \"content\"\n"}) {
         const Delivered got = received(mail, deliver);
         EXPECT_EQ(got.body, textBody);
@@ -289,6 +290,25 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
         EXPECT_TRUE(got.values("X-Norvcrypt-Signature").empty());
         EXPECT_EQ(got.value("Authentication-Results"),
                   " mx.example.org; smime=none reason=\"encrypted, and nobody signed it\"");
+    }
+}
+
+/// libmilter sends no field of more than 65,535 bytes; that it could not be added would tell the sender that it was decrypted.
+TEST_F(Incoming, AFieldThatCannotBeAddedLeavesTheMessageAsItCame) {
+    const auto mailWith = [](std::size_t length) {
+        return encryptedAsItStands("X-Long: " + std::string(length - 7, 'x') +
+                                   "\r\nContent-Type: text/plain; hp=\"cipher\"\r\n\r\n" + textBody);
+    };
+    EXPECT_EQ(received(mailWith(65000)).body, textBody);
+    const std::string mail = mailWith(65001);
+    for (const char* const more : {"", "refuse = [\"policy\"]\n", "deliver = \"content\"\n"}) {
+        const Outcome outcome = handled(messageOf(mail), more);
+        ASSERT_EQ(outcome.action, Action::change);
+        EXPECT_FALSE(outcome.body);
+        const Delivered got = delivered(messageOf(mail), outcome);
+        EXPECT_THAT(got.value("Authentication-Results"), HasSubstr("smime=policy reason=\"a header field of what was"));
+        EXPECT_TRUE(got.values("X-Long").empty());
+        EXPECT_THAT(got.value("Content-Type"), HasSubstr("enveloped-data"));
     }
 }
 

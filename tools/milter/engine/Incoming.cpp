@@ -24,6 +24,9 @@ constexpr std::size_t mostForged = 2000;
 /// The header of what was decrypted may be as long as that of the message, and the body shorter.
 constexpr std::uint64_t roomForHeader = std::uint64_t{16} << 20U;
 
+/// Name and value of a field that can be added: the protocol takes some 64 KB in one piece.
+constexpr std::size_t longestAdded = 65000;
+
 /// What the way of a message wrote, and what this filter does: nothing that was encrypted or signed takes its place.
 bool isOfTheWay(const std::string& name) {
     constexpr std::array<std::string_view, 11> names{
@@ -185,8 +188,18 @@ private:
         WrittenMail mail(m_config.milter.spool, deadline, 2 * m_message.length() + roomForHeader);
         const SMime::Answer answer =
             SMime::read(timed(m_message.whole(), deadline), mail, optionsFor(m_config, m_stores));
-        const bool replaced = isReplaced(answer);
-        const SMimeResult result = resultOf(answer);
+        SMimeResult result = resultOf(answer);
+        bool replaced = isReplaced(answer);
+        std::vector<HeaderEdit> changes;
+        if (replaced)
+            changes = changesFor(mail, result.result == "pass");
+        if (std::ranges::any_of(changes, isTooLong)) {
+            // An answer that it is for later would tell its sender that it was decrypted.
+            replaced = false;
+            result.result = "policy";
+            result.reason = "a header field of what was encrypted has more than " + std::to_string(longestAdded) +
+                            " bytes, so that the message stays as it came";
+        }
         const bool isSigned = std::ranges::any_of(
             answer.layers, [](const SMime::Layer& layer) { return layer.coversContent && !isEncrypted(layer); });
         if (!isOfSMime(answer)) {
@@ -207,7 +220,7 @@ private:
             return;
         }
         if (replaced)
-            replace(mail, result.result == "pass");
+            replace(mail, changes);
         if (m_config.incoming.verify)
             announce(result);
         if (m_config.incoming.clientHeaders)
@@ -222,11 +235,16 @@ private:
         m_outcome.edits.clear();
     }
 
-    void replace(const WrittenMail& mail, bool isFromSender) {
+    [[nodiscard]] std::vector<HeaderEdit> changesFor(const WrittenMail& mail, bool isFromSender) const {
         // Those that claim to be ours are gone already; of the others the message's own stay.
-        std::vector<HeaderEdit> changes = difference(m_message.header, mail.header(), [&](const std::string& name) {
+        return difference(m_message.header, mail.header(), [&](const std::string& name) {
             return isOfTheWay(name) || (!isFromSender && isOfOrigin(name));
         });
+    }
+
+    static bool isTooLong(const HeaderEdit& edit) { return edit.name.size() + edit.value.size() > longestAdded; }
+
+    void replace(const WrittenMail& mail, const std::vector<HeaderEdit>& changes) {
         std::vector<HeaderEdit> edits;
         const auto isRemoval = [](const HeaderEdit& edit) { return edit.kind == HeaderEdit::Kind::remove; };
         std::ranges::copy_if(changes, std::back_inserter(edits), isRemoval);
