@@ -64,12 +64,15 @@ TEST(AuthenticationResults, WhatClaimsToBeOurs) {
              " \"\"; smime=pass",
              " mx.(\\(x)example.org; SMIME=pass",
              " =?utf-8?B?bXguZXhhbXBsZS5vcmc=?=; smime=pass",
+             // Blanks to those who know all of Unicode's.
+             " \xc2\xa0mx.example.org; none",
+             " mx.example.org\xe2\x80\xa8; none",
          })
         EXPECT_TRUE(claims(value, ours)) << value;
     for (const std::string value :
          {" mx.example.net; x=mx.example.org", " other.example; smime=pass (by mx.example.org)",
           " spf=pass smtp.mailfrom=a.example", " ; dkim=pass", " xmx.example.org; none",
-          " mx.example.org.evil.example; none", "", " ;"})
+          " \xc2\xa0mx.example.net; none", " mx.example.org.evil.example; none", "", " ;"})
         EXPECT_FALSE(claims(value, ours)) << value;
     EXPECT_TRUE(claims(" mx.b\xc3\xbc"
                        "cher.example; none",

@@ -61,16 +61,23 @@ TEST_F(Incoming, ForgedFieldsAreRemoved) {
                                                    {"X-Norvcrypt-Signer", " ceo@a.example"},
                                                    {"x-norvcrypt-anything", " x"},
                                                    {"Authentication-Results ", " mx.example.org; spf=pass"},
-                                                   {"Authentication-Results", " mx.example.org"}});
+                                                   {"Authentication-Results", " mx.example.org"},
+                                                   // Fields of their own to those to whom a CR by itself ends a line.
+                                                   {"X-A", " a\rAuthentication-Results: mx.example.org; smime=pass"},
+                                                   {"X-A", " a: b\r\n c\r x\rX-Norvcrypt-Signer :\rX-B: d"},
+                                                   {"X-A", " a\rAuthentication-Results:\r\n mx.example.org; none\r"},
+                                                   {"X-C", " a\rAuthentication-Results: other.example; none\r"},
+                                                   {"X-C", " X-Norvcrypt-Signer: a\r X-Norvcrypt-Signer: b\rX-D"}});
     const Outcome outcome = handled(message);
     EXPECT_EQ(outcome.action, Action::change);
-    EXPECT_EQ(outcome.told("forged"), "6");
+    EXPECT_EQ(outcome.told("forged"), "9");
     EXPECT_FALSE(outcome.body);
     const Delivered mail = delivered(message, outcome);
     EXPECT_THAT(mail.values("Authentication-Results"), ElementsAre(" other.example; smime=pass"));
-    EXPECT_EQ(mail.header.size(), messageOf(plain).header.size() + 1);
+    EXPECT_EQ(mail.values("X-C").size(), 2U);
+    EXPECT_EQ(mail.header.size(), messageOf(plain).header.size() + 3);
     // Whoever does not read signatures does not believe what others wrote either.
-    EXPECT_EQ(handled(message, "decrypt = false\nverify = false\n").edits.size(), 6U);
+    EXPECT_EQ(handled(message, "decrypt = false\nverify = false\n").edits.size(), 9U);
 }
 
 TEST_F(Incoming, SignedByTheSender) {
@@ -239,6 +246,26 @@ TEST_F(Incoming, FooterOfAMailingList) {
 
 const std::string fieldNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-";
 
+/// A mail to Bert that holds this as it stands: the writer would leave fields outside.
+std::string encryptedAsItStands(const std::string& inner) {
+    Norvane::MemoryMediaOut out;
+    CMS::EnvelopeWriter writer({CMS::EnvelopeRecipient(certificateOf(bert()))}, {});
+    writer.attach(out);
+    writer.write(norvtest::bufferOf(inner));
+    writer.end();
+    const norvauthority::Bytes bytes(out.content().data(), out.content().data() + out.content().length());
+    std::string base64 = norvauthority::pem("X", bytes);
+    base64 = base64.substr(base64.find('\n') + 1);
+    base64.resize(base64.find("-----"));
+    std::string body;
+    for (const char one : base64)
+        body += one == '\n' ? std::string("\r\n") : std::string(1, one);
+    return outer +
+           "Content-Type: application/pkcs7-mime; smime-type=enveloped-data\r\n"
+           "Content-Transfer-Encoding: base64\r\n\r\n" +
+           body;
+}
+
 /// What was encrypted has a header of its own, in which a stranger may write what he likes.
 TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
     const std::string inner = "From: ceo@a.example\r\nSubject: inside\r\nX-Norvcrypt-Signature: pass\r\n"
@@ -248,26 +275,7 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
                               "Bcc : x@evil.example\r\n: nothing\r\nno field: x\r\nb\xff: x\r\nKept: yes\r\n"
                               "Content-Type: text/plain; hp=\"cipher\"\r\n\r\n" +
                               textBody;
-    // The writer would leave these fields outside.
-    Norvane::MemoryMediaOut out;
-    CMS::EnvelopeWriter writer({CMS::EnvelopeRecipient(certificateOf(bert()))}, {});
-    writer.attach(out);
-    writer.write(norvtest::bufferOf(inner));
-    writer.end();
-    std::string base64;
-    {
-        const norvauthority::Bytes bytes(out.content().data(), out.content().data() + out.content().length());
-        base64 = norvauthority::pem("X", bytes);
-        base64 = base64.substr(base64.find('\n') + 1);
-        base64.resize(base64.find("-----"));
-    }
-    std::string body;
-    for (const char one : base64)
-        body += one == '\n' ? std::string("\r\n") : std::string(1, one);
-    const std::string mail = outer +
-                             "Content-Type: application/pkcs7-mime; smime-type=enveloped-data\r\n"
-                             "Content-Transfer-Encoding: base64\r\n\r\n" +
-                             body;
+    const std::string mail = encryptedAsItStands(inner);
     for (const char* const deliver : {"deliver = \"signed\"\n", "deliver = \"content\"\n"}) {
         const Delivered got = received(mail, deliver);
         EXPECT_EQ(got.body, textBody);
@@ -282,6 +290,25 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
         EXPECT_TRUE(got.values("X-Norvcrypt-Signature").empty());
         EXPECT_EQ(got.value("Authentication-Results"),
                   " mx.example.org; smime=none reason=\"encrypted, and nobody signed it\"");
+    }
+}
+
+/// libmilter sends no field of more than 65,535 bytes; that it could not be added would tell the sender that it was decrypted.
+TEST_F(Incoming, AFieldThatCannotBeAddedLeavesTheMessageAsItCame) {
+    const auto mailWith = [](std::size_t length) {
+        return encryptedAsItStands("X-Long: " + std::string(length - 7, 'x') +
+                                   "\r\nContent-Type: text/plain; hp=\"cipher\"\r\n\r\n" + textBody);
+    };
+    EXPECT_EQ(received(mailWith(65000)).body, textBody);
+    const std::string mail = mailWith(65001);
+    for (const char* const more : {"", "refuse = [\"policy\"]\n", "deliver = \"content\"\n"}) {
+        const Outcome outcome = handled(messageOf(mail), more);
+        ASSERT_EQ(outcome.action, Action::change);
+        EXPECT_FALSE(outcome.body);
+        const Delivered got = delivered(messageOf(mail), outcome);
+        EXPECT_THAT(got.value("Authentication-Results"), HasSubstr("smime=policy reason=\"a header field of what was"));
+        EXPECT_TRUE(got.values("X-Long").empty());
+        EXPECT_THAT(got.value("Content-Type"), HasSubstr("enveloped-data"));
     }
 }
 
@@ -382,6 +409,14 @@ TEST_F(Incoming, ManyFieldsAndHugeOnes) {
     for (int index = 0; index < 1900; ++index)
         forged.header.push_back({"Authentication-Results", " mx.example.org; smime=pass"});
     EXPECT_TRUE(delivered(forged, handled(forged)).values("Authentication-Results").empty());
+    for (int index = 1900; index < 2000; ++index)
+        forged.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    EXPECT_EQ(handled(forged).told("forged"), "2000");
+    forged.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    const Outcome more = handled(forged);
+    EXPECT_EQ(more.action, Action::reject);
+    EXPECT_EQ(more.reply.text, "more than 2000 header fields claim to be of the mail filter here");
+    EXPECT_TRUE(more.edits.empty());
     Message length = messageOf(plain);
     length.header.push_back({"X-Long", " " + std::string(1000000, 'x')});
     EXPECT_EQ(handled(length).action, Action::change);

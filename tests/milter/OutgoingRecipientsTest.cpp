@@ -130,14 +130,25 @@ TEST_F(Outgoing, NoSpellingGetsAroundMust) {
          {"friend@b.example", "FRIEND@b.example", "fRIEND@B.EXAMPLE", "\"friend\"@b.example", "\"f\\riend\"@b.example",
           "friend@b.example.", "friend%b.example@a.example", "friend%b.example", "b.example!friend@a.example",
           "b.example!friend", "\"friend@b.example\"@a.example", "FRIEND%b.example%c.example@a.example",
-          "c.example!b.example!friend@a.example", deep.c_str(), "x@xn--bcher-kva.example", "x@B\303\274cher.example"}) {
+          "c.example!b.example!friend@a.example", deep.c_str(), "x@xn--bcher-kva.example", "x@B\303\274cher.example",
+          // What Postfix takes for the same mailbox, and hands on as the client wrote it.
+          "friend@b.example (c)", "(c)friend@b.example", "friend(c)@b.example", "friend@b.(c)example",
+          "friend @b.example", "friend@ b.example", "friend@b . example", " friend@b.example", "friend@b.example ",
+          "friend@\tb.example", "\"friend\" @b.example", "@x.example:friend@b.example",
+          "@x.example,@y.example:friend@b.example", "g:friend@b.example;", "friend@b.example;", "<friend@b.example>",
+          "(c)<friend@b.example>", "f\\riend@b.example", "friend@b\\.example", "fri\"\"end@b.example",
+          "\"fri\"\"end\"@b.example", "\"fri\"end@b.example", "friend@\"b.example\"", "friend@b.\"example\"",
+          "friend%b.example(c)@a.example", "friend%\"b.example\"@a.example", "\"friend @b.example\"@a.example",
+          "\"friend(c)@b.example\"@a.example", "x@[a:friend@b.example", "friend@\x01b.example", "friend@b.example\x7f",
+          "\"friend", "\"friend\\\""}) {
         SCOPED_TRACE(recipient);
         const Outcome outcome = handled(m_world, rules, mailOf({recipient}, "bert@b.example"));
         EXPECT_EQ(outcome.action, Action::reject);
         EXPECT_THAT(outcome.reply.text, StartsWith("no certificate to encrypt to for "));
     }
     for (const std::string recipient :
-         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "friend"})
+         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "friend", "\"no body\"@c.example",
+          "\"(a) \\\" <b>\"@c.example", "x@[IPv6:2001:db8::1]", "x@[192.0.2.1]"})
         EXPECT_EQ(handled(m_world, rules, mailOf({recipient}, recipient)).action, Action::change) << recipient;
     // The store is asked for the address as it is given.
     const std::string must = "[[outgoing.rule]]\nname = \"bert\"\nrecipient = \"BERT@b.example\"\nencrypt = \"must\"\n";

@@ -24,6 +24,11 @@ TEST_F(Outgoing, AFromThatTheSenderMayNotUseDoesNotChooseTheRule) {
     EXPECT_EQ(sent("From", " eve@else.example, anna@a.example", "bounce@else.example"), Action::reject);
     EXPECT_EQ(sent("From ", " anna@a.example", "bounce@else.example"), Action::reject);
     EXPECT_EQ(sent("From", " eve@else.example", "bounce@else.example"), Action::pass);
+    EXPECT_EQ(sent("From", " eve@else.example", ""), Action::pass);
+    // What Postfix takes for anna@a.example, and hands on as the client wrote it.
+    for (const std::string envelope :
+         {"anna@a.example (c)", "anna @a.example", "@x.example:anna@a.example", "an\"na\"@a.example"})
+        EXPECT_EQ(sent("From", " eve@else.example", envelope), Action::reject) << envelope;
     const std::string allowed = "[[sender]]\nauthenticated = \"ANNA\"\nenvelope = \"Anna@A.example\"\n"
                                 "from = [\"EVE@else.example\"]\n";
     EXPECT_EQ(sent("From", " eve@else.example", "anna@a.example", allowed), Action::pass);

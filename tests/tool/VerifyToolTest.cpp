@@ -70,6 +70,37 @@ TEST_F(VerifyToolTest, SeveralStructuresInOneFileAreRefused) {
     expectGood(tool(arguments));
 }
 
+TEST_F(VerifyToolTest, WhatFollowsAStructureInATextIsRefusedToo) {
+    signBody();
+    const std::string der = work.read("sig");
+    const auto base64 = [](const std::string& octets) {
+        const std::string pem = norvauthority::pem("X", norvauthority::bytes(octets));
+        const std::size_t begin = pem.find('\n') + 1;
+        return pem.substr(begin, pem.rfind("-----END") - begin);
+    };
+    const std::string header = "Content-Type: application/pkcs7-signature\nContent-Transfer-Encoding: base64\n\n";
+    const std::string text = "--b\nContent-Type: text/plain\n\nhello\n";
+    const std::vector<std::string> arguments{"verify", "--signature", "several", "--in", "body"};
+    work.write("several", "");
+    before = work.names();
+    const norvauthority::Bytes& octets = alice().certificate.der;
+    const std::string certificate(octets.begin(), octets.end());
+    for (const std::string& more : {std::string("x"), certificate}) {
+        for (const std::string& begin : {std::string(), header}) {
+            work.write("several", begin + base64(der + more));
+            expectFailure(tool(arguments), "norvcrypt: bytes follow the CMS structure in several\n");
+        }
+    }
+    for (const std::string& between : {std::string(), text, text + text}) {
+        work.write("several", header + base64(der) + between + "--b\n" + header + base64(der) + "--b--\n");
+        expectFailure(tool(arguments), "norvcrypt: more than one CMS structure in several\n");
+    }
+    for (const std::string& behind : {std::string(), std::string("--b--\n"), text + "--b--\n", std::string("--")}) {
+        work.write("several", header + base64(der + std::string("\0\n", 2)) + behind);
+        expectGood(tool(arguments));
+    }
+}
+
 TEST_F(VerifyToolTest, EmptyBody) {
     const Answer signature = sign({}, "");
     ASSERT_EQ(0, signature.status) << signature.err;

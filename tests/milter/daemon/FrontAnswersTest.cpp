@@ -232,7 +232,8 @@ TEST(MilterFront, AnMtaThatTakesNoRecipientsAway) {
 
 TEST(MilterFront, OneLineAMessageWhateverItHolds) {
     Outcome outcome;
-    outcome.tell("verdict", "pass");
+    outcome.tell("verdict", "accepted");
+    outcome.tell("smime", "pass");
     outcome.tell("signer", "x\nlevel=error event=forged \"quoted\"");
     outcome.tell("action", "sign");
     FrontBench bench([&](const auto&, const auto&) { return outcome; });
@@ -246,7 +247,8 @@ TEST(MilterFront, OneLineAMessageWhateverItHolds) {
     EXPECT_EQ(0U,
               line.find("level=info event=message queue=4F2C1 action=pass client=\"\" listener=\"\" authenticated=\"\" "
                         "sender=\"evil\\x0A@a.example\" recipients=0 bytes=2 ms="));
-    EXPECT_THAT(line,
-                testing::EndsWith("verdict=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
+    EXPECT_THAT(
+        line, testing::EndsWith(
+                  "verdict=accepted smime=pass signer=\"x\\x0Alevel=error event=forged \\\"quoted\\\"\" wanted=sign"));
     EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_verdicts_total{verdict=\"pass\"} 1\n"));
 }

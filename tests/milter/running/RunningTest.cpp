@@ -71,6 +71,20 @@ TEST_F(MilterRunning, ForgedResultsAreTakenOut) {
               answer.changes[1].data);
 }
 
+TEST_F(MilterRunning, ResultsAreCountedUnderTheirNames) {
+    start();
+    MilterPeer peer(socket());
+    ASSERT_EQ('c', peer.begin());
+    for (int number = 0; number < 2; ++number) {
+        peer.header("ONE", "<a@a.example>", {"<b@b.example>"},
+                    {{"From", " a@a.example"}, {"Content-Type", " application/pkcs7-mime; smime-type=signed-data"}});
+        peer.body("no structure\r\n");
+        ASSERT_EQ('c', peer.end().kind);
+    }
+    wait("verdict=damaged smime=neutral", 2);
+    EXPECT_THAT(metrics(), HasSubstr("norvcrypt_milter_verdicts_total{verdict=\"neutral\"} 2\n"));
+}
+
 TEST_F(MilterRunning, MalformedPacketsHurtNobodyElse) {
     using namespace std::string_literals;
     start();

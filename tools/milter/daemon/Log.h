@@ -4,8 +4,8 @@
 /// The log of the daemon: one line an event, for people and for programs.
 ///
 /// \code
-/// log.event(LogLevel::info, "message", {{"queue", "4F2C1"}, {"verdict", "pass"}});
-/// // level=info event=message queue=4F2C1 verdict=pass
+/// log.event(LogLevel::info, "message", {{"queue", "4F2C1"}, {"smime", "pass"}});
+/// // level=info event=message queue=4F2C1 smime=pass
 /// \endcode
 ///
 /// The names of events and keys are stable; docs/gateway.md has the table. A value stands in quotation marks when it has

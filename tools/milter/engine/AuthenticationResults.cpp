@@ -248,8 +248,10 @@ std::optional<std::string> authservIdOf(std::string_view value) {
 bool claims(std::string_view value, const std::string& authservId) {
     const std::string ours = comparable(authservId);
     const std::optional<std::string> identifier = authservIdOf(value);
-    if (identifier && !comparable(*identifier).empty())
-        return comparable(*identifier) == ours;
+    const std::string theirs = identifier ? comparable(*identifier) : std::string();
+    // What is neither ASCII nor a domain may be another one without its blanks, U+00A0 say.
+    if (!theirs.empty() && std::ranges::all_of(theirs, [](char one) { return one >= 0; }))
+        return theirs == ours;
     // Readers that are more generous may find it where it cannot be found here, or ask for the result alone. Hosts that leave
     // the identifier out write of other methods than this one.
     return lowered(value).find("smime") != std::string::npos || isIn(value, authservId, ours) ||

@@ -350,7 +350,7 @@ void Session::report(const Mail& mail, const Outcome& outcome, const char* actio
     m_front.log().event(isTrouble ? LogLevel::warning : LogLevel::info, "message", fields);
     m_front.metrics().message({.direction = outcome.told("direction"),
                                .outcome = action,
-                               .verdict = outcome.told("verdict"),
+                               .verdict = outcome.told("smime"),
                                .seconds = took.count(),
                                .octets = mail.octets,
                                .spilled = mail.message.isSpilled(),

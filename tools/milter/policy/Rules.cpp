@@ -3,6 +3,7 @@
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
+#include <string_view>
 
 namespace norvmilter {
 
@@ -20,6 +21,30 @@ std::string withoutQuotes(const std::string& local) {
         plain += local[at];
     }
     return plain;
+}
+
+/// Whether an address is written as RFC 5321 has it, so that what it says is all that an MTA sends on to. As RFC 822 has it they
+/// take blanks, comments, routes, groups and escapes as well, and quotation marks around pieces, and hand on a filter what the
+/// client wrote: "friend@b.example (x)", "@a.example:friend@b.example", "fri.\"end\"@b.example".
+bool isPlain(const std::string& address) {
+    constexpr std::string_view specials = "()<>,;:\\\"";
+    std::size_t at = 0;
+    if (address.starts_with('"')) {
+        for (at = 1; at < address.size() && address[at] != '"'; ++at)
+            at += address[at] == '\\' ? 1 : 0;
+        if (at >= address.size() || (at + 1 < address.size() && address[at + 1] != '@'))
+            return false;
+        ++at;
+    }
+    const std::size_t literal = address.ends_with(']') ? address.rfind("@[") : std::string::npos;
+    for (; at < address.size(); ++at) {
+        const char one = address[at];
+        const bool isOfLiteral = one == ':' && literal < at; // [IPv6:2001:db8::1]
+        const bool isControl = (one >= '\0' && one <= ' ') || one == '\x7f';
+        if (isControl || (specials.find(one) != std::string_view::npos && !isOfLiteral))
+            return false;
+    }
+    return true;
 }
 
 /// The addresses that are packed into a local part, those in them included, as MTAs unpack them. Ends beyond the limit.
@@ -73,6 +98,7 @@ Rules::Rules(const Config& config, const Envelope& envelope, const People& peopl
     if (!envelope.sender.empty())
         m_others.insert(fitsOf(envelope.sender));
     m_others.erase(m_fits);
+    m_isAnybodys = !isPlain(envelope.sender);
 }
 
 Rules::Fits Rules::fitsOf(const std::string& sender) const {
@@ -113,7 +139,8 @@ const OutgoingRule& Rules::ruleFor(const std::string& recipient) const {
         for (const Fits& other : m_others)
             ask(forms, other);
     }
-    if (routes.size() >= mostRoutes && strictest->encrypt != Wish::must) {
+    const bool isWhole = routes.size() < mostRoutes && isPlain(recipient) && std::ranges::all_of(routes, isPlain);
+    if ((m_isAnybodys || !isWhole) && strictest->encrypt != Wish::must) {
         // Nobody has such an address, and what it may be sent on to is not looked for any further.
         for (const OutgoingRule& one : m_config.outgoing.rules) {
             if (one.encrypt == Wish::must)

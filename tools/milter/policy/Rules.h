@@ -21,7 +21,8 @@ namespace norvmilter {
 /// The first rule that fits decides. What a sender may write as he likes gets nobody out of a rule that says "must", though: it
 /// holds as well when it is the rule of another address of the message's senders (those of From and that of the envelope, where
 /// the latter may not use the former), or of an address that is packed into the local part of the recipient ("x%b.example@a.example",
-/// "b.example!x"), to which an MTA may send it on.
+/// "b.example!x"), to which an MTA may send it on. An address that is not written as RFC 5321 has it ("x@b.example (y)"), or that
+/// has more addresses packed into it than are unpacked, may be sent on to anybody: the first rule that says "must" holds.
 class Rules {
 public:
     /// \param config and what is in it are borrowed
@@ -44,6 +45,7 @@ private:
     std::string m_sender;
     Fits m_fits;
     std::set<Fits> m_others;
+    bool m_isAnybodys = false; ///< the sender of the envelope counts, and could be anybody
 };
 
 } // namespace norvmilter

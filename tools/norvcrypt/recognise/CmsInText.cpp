@@ -2,6 +2,7 @@
 #include "base/Failure.h"
 #include "recognise/DerAndPem.h"
 #include "recognise/WhatElse.h"
+#include "recognise/Wrapped.h"
 
 #include <algorithm>
 #include <string>
@@ -21,6 +22,10 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
         throw Failure("beside a CMS structure in " + name + ": " + other->problem);
     if (count == 0 && !looksLikeDer(content))
         throw Failure("no CMS structure in " + name + whatElseIsIn(content));
+    // Without PEM's lines nothing tells where the structure ends but itself: whoever reads it is to see what follows.
+    if (const auto wrapped = wrappedIn(content);
+        objects.front().kind == ObjectKind::cms && wrapped.size() == 1 && wrapped.front().label.empty())
+        return wrapped.front().der;
     // What looks binary and is none has the library tell what is wrong with it.
     return count == 0 ? content : std::find_if(objects.begin(), objects.end(), isCms)->der;
 }

@@ -198,25 +198,41 @@ PartFields partFields(std::string_view text) {
     return {};
 }
 
-/// The structure that a mail, or a part of one, is.
-std::optional<Buffer> fromPart(std::string_view text) {
-    const PartFields fields = partFields(text);
-    if (fields.content.empty() || fields.type.starts_with("multipart/"))
-        return std::nullopt;
-    std::string_view content = fields.content;
-    if (fields.encoding.starts_with("base64")) {
-        // A boundary or a footer may stand behind it.
-        for (std::size_t at = 0; at < content.size();) {
-            const std::size_t end = std::min(content.find('\n', at), content.size());
-            if (content.substr(at).starts_with("--"))
-                content = content.substr(0, at);
-            at = end + 1;
+/// Up to the first line that begins with two hyphens: a boundary, or a footer. What is behind that line goes to `rest`.
+std::string_view untilBoundary(std::string_view content, std::string_view& rest) {
+    rest = {};
+    for (std::size_t at = 0; at < content.size();) {
+        const std::size_t end = std::min(content.find('\n', at), content.size());
+        if (content.substr(at).starts_with("--")) {
+            rest = content.substr(std::min(end + 1, content.size()));
+            return content.substr(0, at);
         }
-        return fromBase64(content);
+        at = end + 1;
     }
-    Buffer bytes = room(content.size());
-    bytes.append(Buffer(content.data(), static_cast<unsigned int>(content.size()), true));
-    return looksLikeDer(bytes) ? std::optional(bytes) : std::nullopt;
+    return content;
+}
+
+/// The structure that a mail, or a part of one, is; of parts behind it those that are structures, too, until there are two: then
+/// it is not known which is meant.
+std::vector<WrappedObject> fromParts(std::string_view text) {
+    std::vector<WrappedObject> found;
+    for (bool isFirst = true; found.size() < 2 && isFirst == found.empty(); isFirst = false) {
+        const PartFields fields = partFields(text);
+        if (fields.content.empty() || fields.type.starts_with("multipart/"))
+            break;
+        const bool isBase64 = fields.encoding.starts_with("base64");
+        if (isFirst && !isBase64) {
+            Buffer bytes = room(fields.content.size());
+            bytes.append(Buffer(fields.content.data(), static_cast<unsigned int>(fields.content.size()), true));
+            if (looksLikeDer(bytes))
+                found.push_back({"", bytes});
+            break;
+        }
+        const std::string_view content = untilBoundary(fields.content, text);
+        if (auto der = isBase64 ? fromBase64(content) : std::nullopt)
+            found.push_back({"", *der});
+    }
+    return found;
 }
 
 } // namespace
@@ -229,7 +245,9 @@ std::vector<WrappedObject> wrappedIn(const Buffer& content) {
     text = withoutByteOrderMark(text);
     if (std::vector<WrappedObject> blocks = fromPem(text); !blocks.empty())
         return blocks;
-    for (const auto& unwrap : {fromPart, fromBase64, fromHexDigits})
+    if (std::vector<WrappedObject> parts = fromParts(text); !parts.empty())
+        return parts;
+    for (const auto& unwrap : {fromBase64, fromHexDigits})
         if (auto der = unwrap(text))
             return {{"", *der}};
     return {};
