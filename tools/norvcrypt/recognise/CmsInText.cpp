@@ -24,7 +24,7 @@ Norvane::Buffer structureInText(const Norvane::Buffer& content, const std::strin
         throw Failure("no CMS structure in " + name + whatElseIsIn(content));
     // Without PEM's lines nothing tells where the structure ends but itself: whoever reads it is to see what follows.
     if (const auto wrapped = wrappedIn(content);
-        objects.front().kind == ObjectKind::cms && wrapped.size() == 1 && wrapped.front().label.empty())
+        count == 1 && objects.front().kind == ObjectKind::cms && wrapped.size() == 1 && wrapped.front().label.empty())
         return wrapped.front().der;
     // What looks binary and is none has the library tell what is wrong with it.
     return count == 0 ? content : std::find_if(objects.begin(), objects.end(), isCms)->der;
