@@ -187,8 +187,10 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
         session.addOddity(place, type.oddity);
         session.addAmbiguity(place, type.oddity + ", so that others may see another message");
     }
-    if (const std::string line = ambiguousLineIn(header); !line.empty())
+    if (const std::string line = ambiguousLineIn(header); !line.empty()) {
+        session.addOddity(place, line);
         session.addAmbiguity(place, line + ", so that they see another message");
+    }
     if (type.type == "multipart")
         tellEncoding(session, header, place);
     // Declared or not, of the content or of what lies around it: who opens a layer is shown its From.
