@@ -59,9 +59,7 @@ void requireContext(const RefContext& context, const Failure& failure) {
 void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failure& noConnection,
             const Failure& noDescriptor) {
     ERR_clear_error();
-    if (ssl != nullptr) {
-        openssl::shutdownAndFree(std::exchange(ssl, nullptr));
-    }
+    SSL_free(std::exchange(ssl, nullptr)); // with no close notify of its own, which would go over the new connection
     ssl = SSL_new(context);
     if (ssl == nullptr) {
         raiseWithText<Exception>(noConnection, "Could not create an SSL instance.");
