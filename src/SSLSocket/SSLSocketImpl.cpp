@@ -143,6 +143,9 @@ void SSLSocketImpl::shakeHandsAsClient(const Handshake& handshake, bool waits) {
         raiseDistrust(m_ssl, why);
     }
     if (!done) {
+        if (options().requireTrust) { // what is sent next would go on with the handshake, and nobody look at the peer
+            SSL_free(std::exchange(m_ssl, nullptr));
+        }
         raiseWithText<SocketException>(failures::connectHandshake, "SSL_connect failed");
     }
 }

@@ -392,6 +392,34 @@ ConnectionOptions impatient() {
     return options;
 }
 
+// What is sent or received would go on with the handshake, and nobody would look at the peer.
+TEST_F(SSLSocketOptionsTest, NothingGoesOverAConnectionWhoseHandshakeTookTooLong) {
+    const Identity alone = norvauthority::issue({.subject = {{"CN", "alone"}}, .key = Key::ec()});
+    SilentPeer peer;
+    RefContext lenient = trustingContext();
+    SSL_CTX_set_cert_verify_callback(
+        lenient, [](X509_STORE_CTX*, void*) { return 1; }, nullptr);
+    SSLSocket socket(lenient, AF_INET);
+    ConnectionOptions options = trusting("localhost");
+    options.handshakeLimit = shortLimit;
+    socket.options(options);
+    EXPECT_THROW(socket.connect(peer.address()), SocketException);
+    auto late = std::async(std::launch::async, [&] {
+        RefContext answering = context(serverSide, &alone);
+        Socket plain = peer.accept();
+        try {
+            SSLSocket accepted = SSLSocket::upgradeServer(answering, plain, Norvane::Buffer());
+            return receive(accepted);
+        } catch (const SocketException&) {
+            return std::string();
+        }
+    });
+    EXPECT_EQ(1, thrownBy<SocketException>([&] { send(socket, "secret"); }).code());
+    EXPECT_EQ(1, thrownBy<SocketException>([&] { receive(socket); }).code());
+    socket.close();
+    EXPECT_EQ("", late.get());
+}
+
 TEST_F(SSLSocketOptionsTest, PeerThatNeverAnswersEndsWithTheHandshakeLimit) {
     SilentPeer peer; // its system takes the connection
     RefContext client = clientContext();
