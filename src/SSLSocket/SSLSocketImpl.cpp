@@ -2,6 +2,7 @@
 #include "SSLSocket/TimeLimit.h"
 #include "failures/Raise.h"
 #include "openssl/Connection.h"
+#include "openssl/HostName.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcrypto/SSLSocket.h>
@@ -156,6 +157,9 @@ void SSLSocketImpl::shakeHandsAsServer(const Handshake& handshake, uint_t eachWa
     prepare(handshake, m_ssl, failures::acceptNew);
     const Patience patience{m_descriptor, m_blocking, eachWait, options().handshakeLimit, waits};
     const bool done = handshake.run(m_ssl, patience);
+    if (done && options().requireTrust) {
+        openssl::forgetSession(m_ssl);
+    }
     if (const std::string why = handshake.distrust(m_ssl, done); !why.empty()) {
         raiseDistrust(m_ssl, why);
     }

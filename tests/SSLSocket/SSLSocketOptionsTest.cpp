@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <fcntl.h>
+#include <memory>
 #include <sys/socket.h>
 #include <thread>
 
@@ -372,6 +373,49 @@ TEST_F(SSLSocketOptionsTest, ServersInsistOnTrustedClients) {
             EXPECT_THAT(detailOf(thrown), HasSubstr(failure));
         }
         dialling.get();
+    }
+}
+
+using SessionPtr = std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)>;
+
+/// Shakes hands as a client that keeps its session, as SSLSocket does not, and says something. Null when that failed.
+SessionPtr comeBack(const RefContext& context, const SocketAddress& address, const SessionPtr& session) {
+    Socket plain(true);
+    plain.connect(address);
+    const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context), SSL_free);
+    SSL_set_fd(ssl.get(), plain.descriptor());
+    if (session != nullptr) {
+        EXPECT_EQ(1, SSL_set_session(ssl.get(), session.get()));
+    }
+    const bool done = SSL_connect(ssl.get()) == 1 && SSL_write(ssl.get(), "hello", 5) == 5;
+    ERR_clear_error();
+    SSL_shutdown(ssl.get()); // or the session would not be one to come back with
+    return {done ? SSL_get1_session(ssl.get()) : nullptr, SSL_SESSION_free};
+}
+
+TEST_F(SSLSocketOptionsTest, ServersThatInsistOnTrustTakeClientsWithASession) {
+    RefContext asking = serverContext();
+    trust(asking, root());
+    const RefContext client = only(context(clientSide, &tlstesting::client()), TLS1_2_VERSION);
+    SSLSocket listening = listener(asking);
+    SessionPtr session(nullptr, SSL_SESSION_free);
+    for (const bool insists : {false, false, true, true}) {
+        ConnectionOptions options;
+        options.requireTrust = insists;
+        listening.options(options);
+        auto dialling =
+            std::async(std::launch::async, [&] { return comeBack(client, listening.localAddress(), session); });
+        const bool cameBack = session != nullptr;
+        try {
+            SSLSocket accepted(listening.accept());
+            EXPECT_EQ(insists, accepted.session().isTrusted());
+            EXPECT_EQ(cameBack && !insists, accepted.session().isResumed);
+            EXPECT_EQ("hello", receive(accepted));
+        } catch (const SocketException& refused) {
+            ADD_FAILURE() << refused.what();
+        }
+        session = dialling.get();
+        EXPECT_NE(nullptr, session);
     }
 }
 
