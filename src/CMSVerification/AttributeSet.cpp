@@ -4,6 +4,7 @@
 #include <openssl/asn1.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace Norvane::Crypto::CMS {
 
@@ -11,38 +12,58 @@ namespace {
 
 constexpr std::uint64_t indefinite = ~std::uint64_t{0};
 
-/// The header of an element, an octet at a time.
+/// The header of an element, an octet at a time. Understands what `framing::readHeader` does, and the same by it: whoever reads the
+/// set as attributes reads it so.
 class HeaderReader {
 public:
     enum class Progress : int { more, complete, malformed };
 
     Progress take(unsigned char octet) noexcept {
+        ++m_size;
         switch (m_next) {
         case Next::tag:
-            m_tag = octet;
+            m_identifier = octet;
             m_length = 0;
-            m_next = (octet & longTag) == longTag ? Next::restOfTag : Next::length;
+            m_size = 1;
+            if ((octet & numberBits) == numberBits) {
+                m_number = 0;
+                m_next = Next::restOfTag;
+            } else {
+                m_number = octet & numberBits;
+                m_next = Next::length;
+            }
             return Progress::more;
         case Next::restOfTag:
-            m_next = (octet & 0x80U) != 0 ? Next::restOfTag : Next::length;
-            return Progress::more;
+            return nextOfTag(octet);
         case Next::length:
             return firstOfLength(octet);
         case Next::restOfLength:
-            m_length = m_length << 8U | octet;
-            return --m_left == 0 ? complete() : Progress::more;
+            return nextOfLength(octet);
         }
         return Progress::malformed;
     }
 
-    [[nodiscard]] unsigned char tag() const noexcept { return m_tag; }
+    /// Whether it is the element that has this identifier in one octet.
+    [[nodiscard]] bool is(unsigned char identifier) const noexcept {
+        return ((m_identifier ^ identifier) & ~numberBits) == 0 && m_number == (identifier & numberBits);
+    }
+    [[nodiscard]] bool isConstructed() const noexcept { return (m_identifier & V_ASN1_CONSTRUCTED) != 0; }
     [[nodiscard]] std::uint64_t length() const noexcept { return m_length; }
-    [[nodiscard]] bool isEndOfContents() const noexcept { return m_tag == V_ASN1_EOC && m_length == 0; }
+    [[nodiscard]] bool isEndOfContents() const noexcept { return is(V_ASN1_EOC) && m_length == 0 && m_size == 2; }
 
 private:
     enum class Next : int { tag, restOfTag, length, restOfLength };
-    static constexpr unsigned char longTag = 0x1F;
+    static constexpr unsigned int numberBits = 0x1F;
 
+    Progress nextOfTag(unsigned char octet) noexcept {
+        constexpr std::uint32_t largest = std::numeric_limits<std::int32_t>::max() >> 7U;
+        if (m_number > largest) {
+            return Progress::malformed;
+        }
+        m_number = m_number << 7U | (octet & 0x7FU);
+        m_next = (octet & 0x80U) != 0 ? Next::restOfTag : Next::length;
+        return Progress::more;
+    }
     Progress firstOfLength(unsigned char octet) noexcept {
         if (octet < 0x80U) {
             m_length = octet;
@@ -54,8 +75,16 @@ private:
         }
         m_left = octet & 0x7FU;
         m_next = Next::restOfLength;
-        // Longer than any body. Leading zeroes are BER, too, up to this many octets.
-        return m_left > 7 ? Progress::malformed : Progress::more;
+        return Progress::more;
+    }
+    /// Any number of zeroes may stand in front.
+    Progress nextOfLength(unsigned char octet) noexcept {
+        constexpr std::uint64_t largest = std::numeric_limits<std::int64_t>::max() >> 8U;
+        if (m_length > largest) {
+            return Progress::malformed;
+        }
+        m_length = m_length << 8U | octet;
+        return --m_left == 0 ? complete() : Progress::more;
     }
     Progress complete() noexcept {
         m_next = Next::tag;
@@ -63,12 +92,13 @@ private:
     }
 
     Next m_next = Next::tag;
-    unsigned char m_tag = 0;
+    unsigned int m_identifier = 0; ///< its first octet
+    std::uint32_t m_number = 0;    ///< of the tag
     std::uint64_t m_length = 0;
+    std::uint64_t m_size = 0; ///< octets of the header so far
     unsigned int m_left = 0;
 };
 
-constexpr unsigned char constructed = V_ASN1_CONSTRUCTED;
 constexpr unsigned char setTag = V_ASN1_SET | V_ASN1_CONSTRUCTED;
 constexpr unsigned char sequenceTag = V_ASN1_SEQUENCE | V_ASN1_CONSTRUCTED;
 constexpr unsigned char identifierTag = V_ASN1_OBJECT;
@@ -119,11 +149,10 @@ private:
     }
 
     void headerRead(std::uint64_t length) noexcept {
-        const unsigned char tag = m_header.tag();
         switch (m_expects) {
         case Expects::set:
             m_setEnd = endAfter(length);
-            m_expects = tag == setTag ? Expects::attribute : Expects::nothing;
+            m_expects = m_header.is(setTag) ? Expects::attribute : Expects::nothing;
             return;
         case Expects::attribute:
             if (m_header.isEndOfContents() && m_setEnd == indefinite && m_hasAttribute) {
@@ -131,20 +160,20 @@ private:
                 return;
             }
             m_attributeEnd = endAfter(length);
-            m_expects = tag == sequenceTag ? Expects::type : Expects::nothing;
+            m_expects = m_header.is(sequenceTag) ? Expects::type : Expects::nothing;
             return;
         case Expects::type:
-            if (tag != identifierTag || length == indefinite) {
+            if (!m_header.is(identifierTag) || length == indefinite) {
                 fail();
             } else {
                 skip(length);
             }
             return;
         case Expects::values:
-            valuesBegin(tag, length);
+            valuesBegin(length);
             return;
         case Expects::insideValues:
-            insideValues(tag, length);
+            insideValues(length);
             return;
         case Expects::endOfAttribute:
             m_header.isEndOfContents() ? attributeEnds() : fail();
@@ -154,8 +183,8 @@ private:
         }
     }
 
-    void valuesBegin(unsigned char tag, std::uint64_t length) noexcept {
-        if (tag != setTag) {
+    void valuesBegin(std::uint64_t length) noexcept {
+        if (!m_header.is(setTag)) {
             fail();
         } else if (length == indefinite) {
             m_depth = 1;
@@ -166,14 +195,14 @@ private:
     }
 
     /// Elements of indefinite length nest; those of definite length are skipped with all that they hold.
-    void insideValues(unsigned char tag, std::uint64_t length) noexcept {
+    void insideValues(std::uint64_t length) noexcept {
         if (m_header.isEndOfContents()) {
             if (--m_depth == 0) {
                 valuesEnd();
             }
         } else if (length != indefinite) {
             skip(length);
-        } else if ((tag & constructed) != 0) {
+        } else if (m_header.isConstructed()) {
             ++m_depth;
         } else {
             fail();

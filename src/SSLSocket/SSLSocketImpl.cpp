@@ -2,6 +2,7 @@
 #include "SSLSocket/TimeLimit.h"
 #include "failures/Raise.h"
 #include "openssl/Connection.h"
+#include "openssl/HostName.h"
 
 #include <norvcmsg/Buffer.h>
 #include <norvcrypto/SSLSocket.h>
@@ -59,9 +60,7 @@ void requireContext(const RefContext& context, const Failure& failure) {
 void attach(ssl_st*& ssl, const RefContext& context, int descriptor, const Failure& noConnection,
             const Failure& noDescriptor) {
     ERR_clear_error();
-    if (ssl != nullptr) {
-        openssl::shutdownAndFree(std::exchange(ssl, nullptr));
-    }
+    SSL_free(std::exchange(ssl, nullptr)); // with no close notify of its own, which would go over the new connection
     ssl = SSL_new(context);
     if (ssl == nullptr) {
         raiseWithText<Exception>(noConnection, "Could not create an SSL instance.");
@@ -145,6 +144,9 @@ void SSLSocketImpl::shakeHandsAsClient(const Handshake& handshake, bool waits) {
         raiseDistrust(m_ssl, why);
     }
     if (!done) {
+        if (options().requireTrust) { // what is sent next would go on with the handshake, and nobody look at the peer
+            SSL_free(std::exchange(m_ssl, nullptr));
+        }
         raiseWithText<SocketException>(failures::connectHandshake, "SSL_connect failed");
     }
 }
@@ -155,6 +157,9 @@ void SSLSocketImpl::shakeHandsAsServer(const Handshake& handshake, uint_t eachWa
     prepare(handshake, m_ssl, failures::acceptNew);
     const Patience patience{m_descriptor, m_blocking, eachWait, options().handshakeLimit, waits};
     const bool done = handshake.run(m_ssl, patience);
+    if (done && options().requireTrust) {
+        openssl::forgetSession(m_ssl);
+    }
     if (const std::string why = handshake.distrust(m_ssl, done); !why.empty()) {
         raiseDistrust(m_ssl, why);
     }

@@ -3,6 +3,8 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <cstdint>
+
 namespace Norvane::Crypto::openssl {
 
 namespace {
@@ -33,6 +35,14 @@ bool expectHost(SSL* ssl, const Host& host, bool send) {
 void insistOnCertificate(SSL* ssl, bool client) {
     SSL_set_verify(ssl, client ? SSL_VERIFY_PEER : SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
                    SSL_get_verify_callback(ssl));
+    if (!client) {
+        const auto context = reinterpret_cast<std::uintptr_t>(SSL_get_SSL_CTX(ssl));
+        SSL_set_session_id_context(ssl, reinterpret_cast<const unsigned char*>(&context), sizeof context);
+    }
+}
+
+void forgetSession(SSL* ssl) {
+    SSL_CTX_remove_session(SSL_get_SSL_CTX(ssl), SSL_get_session(ssl));
 }
 
 } // namespace Norvane::Crypto::openssl

@@ -25,7 +25,11 @@ bool isIssuedTo(X509* certificate, const Host& host);
 bool expectHost(SSL* ssl, const Host& host, bool send);
 
 /// Ends the handshake of a peer that does not verify, or shows no certificate to a server. A verify callback of the
-/// program's stays.
+/// program's stays. To a server, sessions of connections that did not insist are unknown: a client that came back with one
+/// would be turned away, whatever its certificate is.
 void insistOnCertificate(SSL* ssl, bool client);
+
+/// Lets nobody come back with a server's session, which would not be verified anew.
+void forgetSession(SSL* ssl);
 
 } // namespace Norvane::Crypto::openssl

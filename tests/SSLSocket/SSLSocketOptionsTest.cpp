@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <fcntl.h>
+#include <memory>
 #include <sys/socket.h>
 #include <thread>
 
@@ -375,6 +376,49 @@ TEST_F(SSLSocketOptionsTest, ServersInsistOnTrustedClients) {
     }
 }
 
+using SessionPtr = std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)>;
+
+/// Shakes hands as a client that keeps its session, as SSLSocket does not, and says something. Null when that failed.
+SessionPtr comeBack(const RefContext& context, const SocketAddress& address, const SessionPtr& session) {
+    Socket plain(true);
+    plain.connect(address);
+    const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context), SSL_free);
+    SSL_set_fd(ssl.get(), plain.descriptor());
+    if (session != nullptr) {
+        EXPECT_EQ(1, SSL_set_session(ssl.get(), session.get()));
+    }
+    const bool done = SSL_connect(ssl.get()) == 1 && SSL_write(ssl.get(), "hello", 5) == 5;
+    ERR_clear_error();
+    SSL_shutdown(ssl.get()); // or the session would not be one to come back with
+    return {done ? SSL_get1_session(ssl.get()) : nullptr, SSL_SESSION_free};
+}
+
+TEST_F(SSLSocketOptionsTest, ServersThatInsistOnTrustTakeClientsWithASession) {
+    RefContext asking = serverContext();
+    trust(asking, root());
+    const RefContext client = only(context(clientSide, &tlstesting::client()), TLS1_2_VERSION);
+    SSLSocket listening = listener(asking);
+    SessionPtr session(nullptr, SSL_SESSION_free);
+    for (const bool insists : {false, false, true, true}) {
+        ConnectionOptions options;
+        options.requireTrust = insists;
+        listening.options(options);
+        auto dialling =
+            std::async(std::launch::async, [&] { return comeBack(client, listening.localAddress(), session); });
+        const bool cameBack = session != nullptr;
+        try {
+            SSLSocket accepted(listening.accept());
+            EXPECT_EQ(insists, accepted.session().isTrusted());
+            EXPECT_EQ(cameBack && !insists, accepted.session().isResumed);
+            EXPECT_EQ("hello", receive(accepted));
+        } catch (const SocketException& refused) {
+            ADD_FAILURE() << refused.what();
+        }
+        session = dialling.get();
+        EXPECT_NE(nullptr, session);
+    }
+}
+
 /// A peer of the plain kind, which answers nothing unless it is told to.
 class SilentPeer {
 public:
@@ -390,6 +434,34 @@ ConnectionOptions impatient() {
     ConnectionOptions options;
     options.handshakeLimit = shortLimit;
     return options;
+}
+
+// What is sent or received would go on with the handshake, and nobody would look at the peer.
+TEST_F(SSLSocketOptionsTest, NothingGoesOverAConnectionWhoseHandshakeTookTooLong) {
+    const Identity alone = norvauthority::issue({.subject = {{"CN", "alone"}}, .key = Key::ec()});
+    SilentPeer peer;
+    RefContext lenient = trustingContext();
+    SSL_CTX_set_cert_verify_callback(
+        lenient, [](X509_STORE_CTX*, void*) { return 1; }, nullptr);
+    SSLSocket socket(lenient, AF_INET);
+    ConnectionOptions options = trusting("localhost");
+    options.handshakeLimit = shortLimit;
+    socket.options(options);
+    EXPECT_THROW(socket.connect(peer.address()), SocketException);
+    auto late = std::async(std::launch::async, [&] {
+        RefContext answering = context(serverSide, &alone);
+        Socket plain = peer.accept();
+        try {
+            SSLSocket accepted = SSLSocket::upgradeServer(answering, plain, Norvane::Buffer());
+            return receive(accepted);
+        } catch (const SocketException&) {
+            return std::string();
+        }
+    });
+    EXPECT_EQ(1, thrownBy<SocketException>([&] { send(socket, "secret"); }).code());
+    EXPECT_EQ(1, thrownBy<SocketException>([&] { receive(socket); }).code());
+    socket.close();
+    EXPECT_EQ("", late.get());
 }
 
 TEST_F(SSLSocketOptionsTest, PeerThatNeverAnswersEndsWithTheHandshakeLimit) {

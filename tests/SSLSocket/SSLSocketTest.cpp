@@ -8,6 +8,8 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <type_traits>
 
@@ -264,6 +266,30 @@ TEST_F(SSLSocketTest, ConnectingAgainAfterAResetFreesTheFormerConnection) {
     Socket peer = accepted.get();
     send(client, "at last");
     EXPECT_EQ("at last", receive(peer));
+}
+
+TEST_F(SSLSocketTest, ConnectingAgainSendsNothingOfTheFormerConnection) {
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        SSLSocket listening = listener(serverContext());
+        listening.timeLimit(10000);
+        RefContext forClient = only(clientContext(), version);
+        SSLSocket client(forClient, 2);
+        auto resetting = std::async(std::launch::async, [&] {
+            SSLSocket peer(listening.accept());
+            const linger reset{1, 0};
+            setsockopt(peer.descriptor(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            SSL_set_quiet_shutdown(peer, 1);
+        });
+        client.connect(listening.localAddress());
+        resetting.get();
+        EXPECT_THROW(receive(client), SocketException);
+        EXPECT_THROW(client.connect(listening.localAddress()), SocketException); // the system tells the reset once more
+        auto accepted = std::async(std::launch::async, [&] { return listening.accept(); });
+        client.connect(listening.localAddress());
+        Socket peer = accepted.get();
+        send(client, "at last");
+        EXPECT_EQ("at last", receive(peer));
+    }
 }
 
 TEST_F(SSLSocketTest, NonBlockingClientShakesHandsWithoutEnd) {
