@@ -238,6 +238,17 @@ class SeveralRecipients(Case):
         finally:
             self.prepare_rules()
 
+    def test_aliases_count_where_they_are_looked_up_before_the_filter(self):
+        for address in ("alias@c.example", "canonical@c.example"):
+            for port, kind in ((self.world.out_port, "signed"), (self.world.mapping_port, "encrypted")):
+                with self.subTest(address, kind=kind):
+                    subject = f"{address.partition('@')[0]} {kind}"
+                    mail.send(port, SENDER, address, mail.compose(SENDER, address, subject))
+                    self.assertTrue(self.world.settled())
+                    passed, = self.wire(subject)
+                    self.assertEqual(["friend@b.example"], passed.recipients)
+                    self.assertEqual(kind, mail.kind(passed.data))
+
     def send_past(self, port, subject, *to):
         """What passed the wire of a message one of whose recipients is refused."""
         refused = []
