@@ -95,6 +95,18 @@ TEST_F(Commands, ExplainReadsAddressesAsTheEngineDoes) {
                 HasSubstr("recipient BERT@b.example: rule partners (line 13)"));
 }
 
+TEST_F(Commands, ExplainTakesWhatTheMtaMakesOfRecipients) {
+    const std::string from = " --from anna@a.example";
+    EXPECT_THAT(said("explain" + configured() + from + " --to zoe@c.example --bcc bert --resolved zoe@c.example").text,
+                testing::AllOf(HasSubstr("recipient zoe@c.example: rule rest (line 17)"),
+                               HasSubstr("recipient bert (hidden): rule partners (line 13)")));
+    EXPECT_THAT(said("explain" + configured() + from + " --to zoe@c.example --bcc bert --resolved friend@b.example" +
+                     " --resolved bert@c.example --resolved more@b.example")
+                    .text,
+                testing::AllOf(HasSubstr("recipient zoe@c.example: rule partners (line 13)"),
+                               HasSubstr("recipient bert (hidden): rule rest (line 17)")));
+}
+
 TEST_F(Commands, CheckTellsOfSignaturesThatNobodyCanMake) {
     std::filesystem::remove_all(m_world.path("store/anna"));
     m_world.write("milter.toml", m_world.configuration("[[outgoing.rule]]\nname = \"all\"\nsign = \"must\"\n",

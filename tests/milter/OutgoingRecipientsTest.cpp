@@ -140,14 +140,16 @@ TEST_F(Outgoing, NoSpellingGetsAroundMust) {
           "\"fri\"\"end\"@b.example", "\"fri\"end@b.example", "friend@\"b.example\"", "friend@b.\"example\"",
           "friend%b.example(c)@a.example", "friend%\"b.example\"@a.example", "\"friend @b.example\"@a.example",
           "\"friend(c)@b.example\"@a.example", "x@[a:friend@b.example", "friend@\x01b.example", "friend@b.example\x7f",
-          "\"friend", "\"friend\\\""}) {
+          "\"friend", "\"friend\\\"",
+          // What an MTA completes, which did not say with what.
+          "friend", "friend@", "friend@.", "postmaster", "\"no body\""}) {
         SCOPED_TRACE(recipient);
         const Outcome outcome = handled(m_world, rules, mailOf({recipient}, "bert@b.example"));
         EXPECT_EQ(outcome.action, Action::reject);
         EXPECT_THAT(outcome.reply.text, StartsWith("no certificate to encrypt to for "));
     }
     for (const std::string recipient :
-         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "friend", "\"no body\"@c.example",
+         {"friends@b.example", "friend@c.example", "friend%c.example@a.example", "\"no body\"@c.example",
           "\"(a) \\\" <b>\"@c.example", "x@[IPv6:2001:db8::1]", "x@[192.0.2.1]"})
         EXPECT_EQ(handled(m_world, rules, mailOf({recipient}, recipient)).action, Action::change) << recipient;
     // The store is asked for the address as it is given.
@@ -155,6 +157,72 @@ TEST_F(Outgoing, NoSpellingGetsAroundMust) {
     EXPECT_EQ(handled(m_world, must, mailOf()).action, Action::change);
     EXPECT_EQ(handled(m_world, must, mailOf({"Bert@b.example"})).reply.text,
               "no certificate to encrypt to for Bert@b.example");
+}
+
+/// What the MTA makes of a recipient counts beside what the client wrote, whichever is the stricter.
+TEST_F(Outgoing, NothingThatTheMtaMakesOfARecipientGetsAroundMust) {
+    const std::string rules =
+        "[[outgoing.rule]]\nname = \"zoe\"\nrecipient = \"zoe@*\"\nencrypt = \"never\"\n"
+        "[[outgoing.rule]]\nname = \"friend\"\nrecipient = \"Friend@b.example\"\nencrypt = \"must\"\n" +
+        rule("possible", "possible");
+    const auto sent = [&](const std::string& written, const std::string& resolved) {
+        Message message = mailOf({written}, "bert@b.example");
+        message.envelope.resolved[written] = resolved;
+        return handled(m_world, rules, message);
+    };
+    for (const auto& [written, resolved] : std::vector<std::pair<std::string, std::string>>{
+             {"friend", "friend@b.example"},
+             {"zoe@c.example", "friend@b.example"},
+             {"zoe@c.example", "FRIEND@B.example."},
+             {"friend@b.example", "zoe@c.example"},
+             {"friend@b.example (c)", "zoe@c.example"},
+             {"zoe@c.example", "friend%b.example@a.example"},
+             {"zoe@c.example", "friend@b.example@a.example"},
+             {"zoe@c.example", "a b friend%b.example@a.example"},
+             {"zoe@c.example", "\"friend@b.example\"@a.example"},
+             {"zoe@c.example", "\"friend\"@b.example"},
+             {"zoe@c.example", "zoe@c.example (c)"},
+             {"zoe@c.example", "<friend@b.example>"},
+             {"zoe@c.example", "zoe@c.example\x01"},
+             {"zoe@c.example", "zoe 1%2%3%4%5%6%7%8%9%10%11%12%13%14%15%16%17%18@c.example"},
+             {"friend", "friend"},
+             {"friend", "zoe"},
+             {"friend", ""},
+             {"friend", "friend@"}}) {
+        SCOPED_TRACE(written + " as " + resolved);
+        const Outcome outcome = sent(written, resolved);
+        EXPECT_EQ(outcome.action, Action::reject);
+        EXPECT_EQ(outcome.reply.text.substr(0, outcome.reply.text.find(" (")),
+                  "no certificate to encrypt to for " + written.substr(0, written.find(" (")));
+    }
+    // Those in local parts without their quotation marks are nothing else than what they are with them.
+    for (const auto& [written, resolved] :
+         std::vector<std::pair<std::string, std::string>>{{"root", "root@a.example"},
+                                                          {"root@a.example", "root"},
+                                                          {"friend", "friend@c.example"},
+                                                          {"\"no body\"@c.example", "no body@c.example"},
+                                                          {"\"no body\"@c.example", "\"no body\"@c.example"},
+                                                          {"\"a\\\"b\\\\\"@c.example", "a\"b\\@c.example"},
+                                                          {"\"(a) <b>\"@c.example", "(a) <b>@c.example"},
+                                                          {"zoe@c.example", "zoe@c.example"}}) {
+        SCOPED_TRACE(written + " as " + resolved);
+        EXPECT_EQ(sent(written, resolved).action, Action::change);
+    }
+    // A name of the host itself, as some MTAs have it, is no address for a pattern.
+    const std::string others = "[[outgoing.rule]]\nname = \"own\"\nrecipient = \"*@a.example\"\nencrypt = \"never\"\n" +
+                               rule("possible", "must");
+    Message own = mailOf({"root@a.example", "anna@a.example"}, "root@a.example, anna@a.example");
+    own.envelope.resolved["root@a.example"] = "root";
+    EXPECT_EQ(handled(m_world, others, own).action, Action::change);
+    // The message goes to whom the client named, encrypted to that one's certificate.
+    const std::string must = "[[outgoing.rule]]\nname = \"c\"\nrecipient = \"*@c.example\"\nencrypt = \"must\"\n";
+    Message message = mailOf({"bert@b.example", "cleo@b.example"}, "bert@b.example, cleo@b.example");
+    message.envelope.resolved["bert@b.example"] = "zoe@c.example";
+    const Outcome outcome = handled(m_world, must, message);
+    ASSERT_EQ(outcome.action, Action::change) << outcome.reply.text;
+    EXPECT_EQ(read(delivered(message, outcome).text(), {&bert()}).recipients(), 1U);
+    ASSERT_EQ(outcome.submissions.size(), 1U);
+    EXPECT_THAT(outcome.submissions.front().recipients, ElementsAre("cleo@b.example"));
 }
 
 /// Of addresses that have no form in which they could be compared nobody is another one.

@@ -88,8 +88,15 @@ TEST(MilterFront, AddressesHaveTheirLimit) {
     EXPECT_EQ(SMFIS_CONTINUE, asking.recipient("<" + longest + "@b.exampl>"));
     EXPECT_EQ(SMFIS_REJECT, asking.recipient("<" + longest + "@b.example>"));
     EXPECT_EQ("setreply 553 5.1.3 the address is too long", lastCall(asking));
+    asking.context.calls.clear();
+    asking.context.macros["{rcpt_addr}"] = longest + "@b.exampl";
+    EXPECT_EQ(SMFIS_CONTINUE, asking.recipient("<b>"));
+    asking.context.macros["{rcpt_addr}"] = longest + "@b.example";
+    EXPECT_EQ(SMFIS_REJECT, asking.recipient("<c>"));
+    EXPECT_EQ("setreply 553 5.1.3 the address is too long", lastCall(asking));
     asking.end();
-    EXPECT_THAT(seen.envelopes.at(0).recipients, ElementsAre(longest + "@b.exampl"));
+    EXPECT_THAT(seen.envelopes.at(0).recipients, ElementsAre(longest + "@b.exampl", "b"));
+    EXPECT_THAT(seen.envelopes.at(0).resolved, ElementsAre(testing::Pair("b", longest + "@b.exampl")));
 }
 
 TEST(MilterFront, RecipientsAndConnectionsHaveTheirLimits) {

@@ -28,7 +28,9 @@ TEST(MilterFront, AMessageIsJudgedAsItCame) {
     EXPECT_EQ(SMFIS_CONTINUE, asking.connect(reinterpret_cast<sockaddr*>(&client)));
     asking.context.macros["{auth_authen}"] = "anna";
     EXPECT_EQ(SMFIS_CONTINUE, asking.sender("<anna@a.example>"));
+    asking.context.macros["{rcpt_addr}"] = "bert@c.example";
     EXPECT_EQ(SMFIS_CONTINUE, asking.recipient("<bert@b.example>"));
+    asking.context.macros.erase("{rcpt_addr}");
     EXPECT_EQ(SMFIS_CONTINUE, asking.recipient("<\"carl <c>\"@c.example>"));
     EXPECT_EQ(SMFIS_NOREPLY, asking.header("Subject", "  two blanks,\n\tfolded"));
     EXPECT_EQ(SMFIS_NOREPLY, asking.header("X-Tight", "none"));
@@ -46,8 +48,9 @@ TEST(MilterFront, AMessageIsJudgedAsItCame) {
     EXPECT_EQ("192.0.2.7", envelope.clientAddress);
     EXPECT_EQ("anna@a.example", envelope.sender);
     EXPECT_THAT(envelope.recipients, ElementsAre("bert@b.example", "\"carl <c>\"@c.example"));
+    EXPECT_THAT(envelope.resolved, ElementsAre(testing::Pair("bert@b.example", "bert@c.example")));
     EXPECT_THAT(asking.context.calls, ElementsAre("setsymlist 0 {daemon_name}", "setsymlist 2 i {auth_authen}",
-                                                  "setsymlist 3 i", "setsymlist 5 i"));
+                                                  "setsymlist 3 i {rcpt_addr}", "setsymlist 5 i"));
 }
 
 TEST(MilterFront, AddressesOfClients) {

@@ -219,6 +219,36 @@ class SeveralRecipients(Case):
         self.assertTrue(self.world.settled())
         self.assertEqual([], self.wire("spelled"))
 
+    def test_what_postfix_makes_of_an_address_counts(self):
+        # It completes addresses with $myorigin, which is $myhostname here, and says so.
+        self.world.policy({"name": "of the host", "recipient": "friend@mx.a.example", "encrypt": "must"},
+                          {"name": "others", "encrypt": "possible"})
+        try:
+            data = mail.compose(SENDER, "x", "completed")
+            for address in ("friend", "Friend", '"friend"'):
+                with self.subTest(address):
+                    refused = self.assert_refused(550, "no certificate to encrypt to for",
+                                                  lambda: self.world.send([address], data))
+                    self.assertIn(address.strip('"'), refused.text)
+            self.assertTrue(self.world.settled())
+            self.assertEqual([], self.wire("completed"))
+            # Nor does an address without a domain that becomes another one fall under the rule.
+            self.world.send(["friends"], data)
+            self.assertTrue(self.world.settled())
+        finally:
+            self.prepare_rules()
+
+    def test_aliases_count_where_they_are_looked_up_before_the_filter(self):
+        for address in ("alias@c.example", "canonical@c.example"):
+            for port, kind in ((self.world.out_port, "signed"), (self.world.mapping_port, "encrypted")):
+                with self.subTest(address, kind=kind):
+                    subject = f"{address.partition('@')[0]} {kind}"
+                    mail.send(port, SENDER, address, mail.compose(SENDER, address, subject))
+                    self.assertTrue(self.world.settled())
+                    passed, = self.wire(subject)
+                    self.assertEqual(["friend@b.example"], passed.recipients)
+                    self.assertEqual(kind, mail.kind(passed.data))
+
     def send_past(self, port, subject, *to):
         """What passed the wire of a message one of whose recipients is refused."""
         refused = []

@@ -11,6 +11,7 @@
 #include <norvcmsg/Escape.h>
 #include <norvcrypto/DistinguishedName.h>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -28,6 +29,7 @@ struct Question {
     std::string from;
     std::vector<std::string> to;
     std::vector<std::string> hidden;
+    std::vector<std::string> resolved;
     std::string sender;
     std::string authenticated;
     std::string listener;
@@ -56,6 +58,8 @@ public:
         envelope.sender = m_question.sender.empty() ? from : m_question.sender;
         envelope.recipients = m_question.to;
         envelope.recipients.insert(envelope.recipients.end(), m_question.hidden.begin(), m_question.hidden.end());
+        for (std::size_t index = 0; index < std::min(m_question.resolved.size(), envelope.recipients.size()); ++index)
+            envelope.resolved.try_emplace(envelope.recipients[index], m_question.resolved[index]);
         Direction direction = m_question.incoming ? Direction::incoming : Direction::outgoing;
         std::string by = "as asked";
         if (m_question.tellsClient()) {
@@ -180,6 +184,10 @@ void addExplain(CLI::App& app, Action& action) {
     command->add_option("--from", question->from, "the address in From")->required();
     command->add_option("--to", question->to, "a recipient; may be given again")->required();
     command->add_option("--bcc", question->hidden, "a recipient that stands in no field; may be given again");
+    command->add_option(
+        "--resolved", question->resolved,
+        "what the MTA makes of a recipient (the macro {rcpt_addr}): of the first one, when given again of the "
+        "second, those of --to before those of --bcc");
     command->add_option("--sender", question->sender, "the sender of the envelope; the address in From otherwise");
     command->add_option("--authenticated", question->authenticated, "who authenticated");
     command->add_option("--listener", question->listener, "the name of the listener");

@@ -138,7 +138,7 @@ bool Session::negotiate(SMFICTX* context, unsigned long offeredActions, unsigned
     if ((actions & SMFIF_SETSYMLIST) != 0) {
         wantMacros(context, SMFIM_CONNECT, "{daemon_name}");
         wantMacros(context, SMFIM_ENVFROM, "i {auth_authen}");
-        wantMacros(context, SMFIM_ENVRCPT, "i");
+        wantMacros(context, SMFIM_ENVRCPT, "i {rcpt_addr}");
         wantMacros(context, SMFIM_EOM, "i");
     }
     return true;
@@ -189,13 +189,16 @@ void Session::readMacros(SMFICTX* context) {
 sfsistat Session::recipient(SMFICTX* context, const char* path) {
     if (!m_mail)
         return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
-    if (isTooLong(path))
+    const std::string resolved = macro(context, "{rcpt_addr}");
+    if (isTooLong(path) || resolved.size() > longestAddress)
         return answerWith(context, {553, "5.1.3", "the address is too long"});
     Envelope& envelope = m_mail->message.envelope;
     if (envelope.recipients.size() >= m_mail->generation->limits.recipients)
         return answerWith(context, {452, "4.5.3", "too many recipients"});
     envelope.recipients.push_back(mailbox(path));
     m_mail->written.try_emplace(envelope.recipients.back(), path == nullptr ? "" : path);
+    if (!resolved.empty())
+        envelope.resolved.try_emplace(envelope.recipients.back(), resolved);
     readMacros(context);
     return SMFIS_CONTINUE;
 }

@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,9 @@ struct Envelope {
     std::string clientAddress;           ///< "192.0.2.1", "2001:db8::1"; empty: local, or not known
     std::string sender;                  ///< of MAIL FROM, without "<>"; empty: a bounce
     std::vector<std::string> recipients; ///< of the RCPT TO that were accepted, without "<>"
+    /// What the MTA makes of them, by what stands in `recipients`: macro {rcpt_addr}, where it was there. It decides which rule
+    /// holds, too, and nothing else.
+    std::map<std::string, std::string> resolved;
 };
 
 /// A header field as it stands in the message.

@@ -70,7 +70,8 @@ private:
         m_deadline.check();
         RecipientPlan recipient;
         recipient.address = address;
-        recipient.rule = &m_rules.ruleFor(address);
+        const auto resolved = m_envelope.resolved.find(address);
+        recipient.rule = &m_rules.ruleFor(address, resolved == m_envelope.resolved.end() ? "" : resolved->second);
         // Those that cannot be compared could be anybody's.
         const std::string comparable = Trust::comparableAddress(address);
         recipient.hidden = comparable.empty() || m_people.visible.count(comparable) == 0;

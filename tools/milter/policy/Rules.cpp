@@ -47,8 +47,28 @@ bool isPlain(const std::string& address) {
     return true;
 }
 
-/// The addresses that are packed into a local part, those in them included, as MTAs unpack them. Ends beyond the limit.
-std::vector<std::string> routesIn(const std::string& address) {
+/// Whether an MTA knows a domain of it that is not its own.
+bool hasDomain(const std::string& address) {
+    const std::size_t at = address.rfind('@');
+    return at != std::string::npos && address.find_first_not_of('.', at + 1) != std::string::npos;
+}
+
+/// An address of an MTA, with a domain, as a client would write it: Postfix leaves out the quotation marks of a local part that needs them.
+std::string asWritten(const std::string& address) {
+    if (isPlain(address))
+        return address;
+    const std::size_t end = address.rfind('@');
+    std::string written = "\"";
+    for (const char one : std::string_view(address).substr(0, end)) {
+        if (one == '"' || one == '\\')
+            written += '\\';
+        written += one;
+    }
+    return written + '"' + address.substr(end);
+}
+
+/// An address and those that are packed into its local part, those in them included, as MTAs unpack them. Ends beyond the limit.
+std::vector<std::string> withRoutes(const std::string& address) {
     std::vector<std::string> found{address};
     for (std::size_t next = 0; next < found.size() && found.size() <= mostRoutes; ++next) {
         const std::string local = withoutQuotes(found[next].substr(0, found[next].rfind('@')));
@@ -67,7 +87,6 @@ std::vector<std::string> routesIn(const std::string& address) {
         if (percent != std::string::npos)
             add(local.substr(0, percent) + '@' + local.substr(percent + 1));
     }
-    found.erase(found.begin());
     return found;
 }
 
@@ -122,25 +141,28 @@ const OutgoingRule& Rules::first(const Fits& fits, const AddressForms& recipient
     return none();
 }
 
-const OutgoingRule& Rules::ruleFor(const std::string& recipient) const {
-    const AddressForms given(recipient);
-    const OutgoingRule& rule = first(m_fits, given);
-    const OutgoingRule* strictest = &rule;
+const OutgoingRule& Rules::ruleFor(const std::string& recipient, const std::string& resolved) const {
+    const bool isCompleted = hasDomain(resolved);
+    const OutgoingRule* strictest = &first(m_fits, AddressForms(recipient));
+    bool isAnybodys = m_isAnybodys || !(isCompleted || hasDomain(recipient));
     const auto ask = [&](const AddressForms& address, const Fits& fits) {
         if (strictest->encrypt != Wish::must && first(fits, address).encrypt == Wish::must)
             strictest = &first(fits, address);
     };
-    for (const Fits& other : m_others)
-        ask(given, other);
-    const std::vector<std::string> routes = routesIn(recipient);
-    for (const std::string& route : routes) {
-        const AddressForms forms(route);
-        ask(forms, m_fits);
-        for (const Fits& other : m_others)
-            ask(forms, other);
-    }
-    const bool isWhole = routes.size() < mostRoutes && isPlain(recipient) && std::ranges::all_of(routes, isPlain);
-    if ((m_isAnybodys || !isWhole) && strictest->encrypt != Wish::must) {
+    const auto askFor = [&](const std::string& address) {
+        const std::vector<std::string> all = withRoutes(address);
+        for (const std::string& one : all) {
+            const AddressForms forms(one);
+            ask(forms, m_fits);
+            for (const Fits& other : m_others)
+                ask(forms, other);
+        }
+        isAnybodys = isAnybodys || all.size() > mostRoutes || !std::ranges::all_of(all, isPlain);
+    };
+    askFor(recipient);
+    if (isCompleted)
+        askFor(asWritten(resolved));
+    if (isAnybodys && strictest->encrypt != Wish::must) {
         // Nobody has such an address, and what it may be sent on to is not looked for any further.
         for (const OutgoingRule& one : m_config.outgoing.rules) {
             if (one.encrypt == Wish::must)

@@ -21,8 +21,10 @@ namespace norvmilter {
 /// The first rule that fits decides. What a sender may write as he likes gets nobody out of a rule that says "must", though: it
 /// holds as well when it is the rule of another address of the message's senders (those of From and that of the envelope, where
 /// the latter may not use the former), or of an address that is packed into the local part of the recipient ("x%b.example@a.example",
-/// "b.example!x"), to which an MTA may send it on. An address that is not written as RFC 5321 has it ("x@b.example (y)"), or that
-/// has more addresses packed into it than are unpacked, may be sent on to anybody: the first rule that says "must" holds.
+/// "b.example!x"), to which an MTA may send it on, or of the one that the MTA says it makes of the recipient. An address that is
+/// not written as RFC 5321 has it ("x@b.example (y)"), or that has more addresses packed into it than are unpacked, may be sent on
+/// to anybody, and so may one without a domain where the MTA does not say with which one it completes it: the first rule that
+/// says "must" holds.
 class Rules {
 public:
     /// \param config and what is in it are borrowed
@@ -31,7 +33,8 @@ public:
     /// The address whose rules hold: that of From, or the envelope's where From has not exactly one.
     [[nodiscard]] const std::string& sender() const noexcept { return m_sender; }
     /// One that fits nobody and says no more than the defaults, where none fits.
-    [[nodiscard]] const OutgoingRule& ruleFor(const std::string& recipient) const;
+    /// \param resolved what the MTA makes of the recipient; without a domain: it did not say with which one
+    [[nodiscard]] const OutgoingRule& ruleFor(const std::string& recipient, const std::string& resolved) const;
     [[nodiscard]] static const OutgoingRule& none();
 
 private:

@@ -73,7 +73,7 @@ class World:
 
     def make_hosts(self, milters, default_action):
         (self.out_port, self.back_port, self.login_port, self.careless_port, self.in_port, self.auth_port, self.picky_first_port,
-         self.picky_last_port, self.choosy_port) = free_ports(9)
+         self.picky_last_port, self.choosy_port, self.mapping_port, self.mapped_port) = free_ports(11)
         for_a, for_b = milters or (self.outgoing and self.outgoing.address, self.incoming and self.incoming.address)
         milter = {"milter_default_action": default_action, "milter_protocol": "6"}
         self.b = Postfix(self.folder / "b", "b.example", [
@@ -102,7 +102,13 @@ class World:
             Listener(self.picky_first_port, milter_macro_daemon_name="OUT", smtpd_milters=f"{self.picky.address}, {for_a or ''}"),
             Listener(self.picky_last_port, milter_macro_daemon_name="OUT", smtpd_milters=f"{for_a or ''}, {self.picky.address}"),
             Listener(self.choosy_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
-                     smtpd_recipient_restrictions="check_recipient_access inline:{{ picky@b.example = 550 5.1.1 not here }}, permit")],
+                     smtpd_recipient_restrictions="check_recipient_access inline:{{ picky@b.example = 550 5.1.1 not here }}, permit"),
+            # Where aliases are looked up first, and the filter sees what they stand for.
+            Listener(self.mapping_port, content_filter=f"smtp:[127.0.0.1]:{self.mapped_port}"),
+            Listener(self.mapped_port, milter_macro_daemon_name="OUT", smtpd_milters=for_a or "",
+                     receive_override_options="no_address_mappings")],
+            virtual_alias_maps="inline:{ {alias@c.example = friend@b.example} }",
+            recipient_canonical_maps="inline:{ {canonical@c.example = friend@b.example} }",
             relay=self.tap.port, **milter, **users)
         if self.outgoing:
             self.outgoing.settings.change("outgoing", submit=f"smtp://127.0.0.1:{self.back_port}")
