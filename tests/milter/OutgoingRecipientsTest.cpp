@@ -103,6 +103,30 @@ TEST_F(Outgoing, DomainsAreComparedWithoutCase) {
     EXPECT_EQ(read(delivered(message, outcome).text(), {&bert()}).recipients(), 2U);
 }
 
+/// The store has one spelling of a domain of another script, the mail the other one (RFC 5890; RFC 6531 for U-labels).
+TEST_F(Outgoing, DomainsOfOtherScriptsAreFoundInEitherSpelling) {
+    const std::string uLabels = "b\xc3\xbc\x63her.example";
+    const std::string aLabels = "xn--bcher-kva.example";
+    const Identity eva = person("eva@" + aLabels, "bob");
+    const Identity otto = person("otto@" + aLabels, "alice");
+    for (const std::string& stored : {aLabels, uLabels}) {
+        m_world.add("eva", eva, "eva@" + stored, false);
+        m_world.add("otto", otto, "otto@" + stored, true);
+        for (const std::string& written : {aLabels, uLabels}) {
+            SCOPED_TRACE(stored + ' ' + written);
+            Message message = mailOf({"eva@" + written}, "eva@" + written);
+            message.envelope.sender = "otto@" + written;
+            message.header[1].value = " Otto <otto@" + written + ">";
+            const Outcome outcome = handled(m_world, rule("possible", "possible"), message);
+            EXPECT_TRUE(outcome.submissions.empty());
+            const Found found = read(delivered(message, outcome).text(), {&eva});
+            EXPECT_TRUE(found.isEncrypted());
+            EXPECT_TRUE(found.isSigned());
+            EXPECT_THAT(delivered(message, outcome).body, Not(HasSubstr("this is all")));
+        }
+    }
+}
+
 TEST_F(Outgoing, RulesAreAskedInTheirOrderForEachRecipient) {
     const std::string rules = "[[outgoing.rule]]\nname = \"partners\"\nsender = \"*@a.example\"\n"
                               "recipient = \"*@b.example\"\nencrypt = \"must\"\nsign = \"never\"\n" +

@@ -110,6 +110,12 @@ TEST_F(Outgoing, WhatIsSignedOrEncryptedAlready) {
     EXPECT_EQ(found.answer.layers.size(), 2U);
     EXPECT_EQ(found.answer.verdict, SMime::Verdict::signatureGood);
 
+    // The header belongs into what is signed; outside of it the subject would be read by everybody.
+    const std::string protecting = "protect_header = true\n";
+    EXPECT_EQ(handled(m_world, rule("must", "never", protecting), isSigned).action, Action::pass);
+    EXPECT_THAT(handled(m_world, rule("never", "possible", protecting), isSigned).reply.text,
+                HasSubstr("signed or encrypted already cannot be protected"));
+
     const Message isEncrypted = sent(wrapped(plain, {encryptedTo({&cleo()})}));
     EXPECT_EQ(handled(m_world, rule("must", "must"), isEncrypted).action, Action::pass);
     // Who only says so is not believed.

@@ -29,12 +29,13 @@
 /// Content- fields and the body are what is signed or encrypted. A mail without Content-Type gets one: text/plain.
 ///
 /// **What is signed** is 7-bit and arrives as it was sent (RFC 8551, 3.1): lines end with CRLF and have at most 990
-/// characters. Parts that are otherwise, at any depth of multiparts and forwarded messages, get another transfer encoding:
-/// quoted-printable for text, base64 else. So do texts with what mail systems change on the way: blanks at the ends of
-/// lines, lines that begin with "From " or are a dot. Parts in base64 or quoted-printable are mended without changing their
-/// content. Header fields of parts that are not 7-bit or too long are encoded (RFC 2047, RFC 2231) and folded; domains become
-/// A-labels. A multipart whose boundary would not be found any more is refused. A preamble or epilogue, which no reader
-/// shows, is left out when it is none that can be sent.
+/// characters. Parts that are otherwise, at any depth of multiparts and forwarded messages, get another transfer
+/// encoding: quoted-printable for text, base64 else. So do texts with what mail systems change on the way: blanks at
+/// the ends of lines, lines that begin with "From " or are a dot; but not message/delivery-status and the like. Parts
+/// in base64 or quoted-printable are mended without changing their content. Header fields of parts that are not 7-bit
+/// or too long are encoded (RFC 2047, RFC 2231) and folded; domains become A-labels. A multipart whose boundary would
+/// not be found any more is refused. A preamble or epilogue, which no reader shows, is left out when it is none that
+/// can be sent.
 ///
 /// Malformed quoted-printable ("==", "=4Z", an "=" at the end), of which readers make different things, keeps its octets. Where
 /// it is not 7-bit or has too long lines, and the signature is a part beside it, it becomes base64 of what `read` makes of it.

@@ -2,10 +2,12 @@
 
 #include "stores/LearntFolder.h"
 
-#include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
 #include <norvcrypto-smime/SMimeWriter.h>
+#include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto/DistinguishedName.h>
+
+#include <algorithm>
 
 namespace norvmilter {
 
@@ -100,18 +102,46 @@ private:
 
 } // namespace
 
+std::vector<Norvane::EmailAddress> spellingsOf(const std::string& address) {
+    using Norvane::EmailAddress;
+    const EmailAddress given = EmailAddress::rfc5321Parse(address, true);
+    if (given.isEmptyAddress())
+        return {};
+    std::vector<EmailAddress> all{given};
+    const std::string domain = given.domain();
+    const bool isInternational = domain.find("--") != std::string::npos ||
+                                 std::ranges::any_of(domain, [](char one) { return (one & 0x80) != 0; });
+    const std::string comparable = isInternational ? Trust::comparableAddress("x@" + domain) : "";
+    if (comparable.empty())
+        return all;
+    const auto add = [&](const EmailAddress& other) {
+        const bool isKnown =
+            std::ranges::any_of(all, [&](const EmailAddress& one) { return one.address() == other.address(); });
+        if (!other.isEmptyAddress() && !isKnown)
+            all.push_back(other);
+    };
+    const std::string ascii = given.localPart() + comparable.substr(1);
+    add(EmailAddress::rfc5321Parse(ascii, true));
+    for (const EmailAddress& one : SMime::correspondentsOf(Norvane::MemoryMediaIn("To: " + ascii + "\r\n\r\n")).to)
+        add(one); // which have U-labels
+    return all;
+}
+
 FoundCertificate encryptionCertificateFor(const LoadedStores& stores, const LearntFolder* learnt,
                                           const std::string& address, const Deadline& deadline) {
     deadline.check();
     if (!stores.verifier)
         throw Temporary("there are no trust anchors to judge certificates by");
-    const Norvane::EmailAddress parsed = Norvane::EmailAddress::rfc5321Parse(address, true);
+    const std::vector<Norvane::EmailAddress> spellings = spellingsOf(address);
     Search search(stores, deadline);
-    if (parsed.isEmptyAddress()) {
+    if (spellings.empty()) {
         search.found.refusals.emplace_back("it is no mail address");
         return search.found;
     }
-    search.inStore(parsed);
+    for (const Norvane::EmailAddress& one : spellings) {
+        if (search.found.certificate.isNull())
+            search.inStore(one);
+    }
     if (!search.found.certificate.isNull() || learnt == nullptr)
         return search.found;
     for (const NVX509::RefCertificate& certificate : learnt->find(address)) {

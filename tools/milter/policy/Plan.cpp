@@ -131,9 +131,8 @@ private:
             return;
         }
         const std::string& from = m_people.from.front();
-        const NVX509::KeyCertificatePair pair =
-            m_stores.keys->findSigningKey(Norvane::EmailAddress::rfc5321Parse(from, true));
-        if (!pair || pair->key.isNull() || pair->certificate.isNull()) {
+        const NVX509::KeyCertificatePair pair = signingPairOf(from);
+        if (!pair) {
             m_isKeyMissing = true;
             m_plan.whyUnsigned = "no key to sign with for " + escapeForDisplay(from);
             return;
@@ -146,6 +145,15 @@ private:
             return;
         }
         m_plan.signer = pair;
+    }
+
+    [[nodiscard]] NVX509::KeyCertificatePair signingPairOf(const std::string& from) const {
+        for (const Norvane::EmailAddress& one : spellingsOf(from)) {
+            NVX509::KeyCertificatePair pair = m_stores.keys->findSigningKey(one);
+            if (pair && !pair->key.isNull() && !pair->certificate.isNull())
+                return pair;
+        }
+        return NVX509::KeyCertificatePair(false);
     }
 
     /// A bounce is from nobody: it is not refused for that.

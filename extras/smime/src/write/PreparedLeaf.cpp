@@ -37,6 +37,12 @@ std::string sendableLines(std::string_view octets, const std::string& where) {
     return text;
 }
 
+/// Whether readers take the body for fields or a piece of a message as it stands: other encodings are forbidden (RFC 2045, 6.4;
+/// RFC 3464, 2.1; RFC 8098, 3.1; RFC 5965, 3), but for the kinds of RFC 6532 and RFC 6533.
+bool isReadAsItStands(const mime::ContentType& type) {
+    return type.type == "message" && !type.subtype.starts_with("global");
+}
+
 /// Why a part must not be changed.
 std::string whyItStays(const mime::Header& header, const mime::ContentType& type) {
     if (type.is("multipart", "signed")) {
@@ -170,7 +176,7 @@ Way Preparation::wayOf(const Entity& entity, const mime::ContentType& type, cons
     if (mime::transferWordOf(entity.header) == "binary" && (!isText(type) || traits.zeros() != 0)) {
         return Way::base64Exactly;
     }
-    if (traits.isRelayProof()) {
+    if (traits.isRelayProof() || (traits.isSendable() && isReadAsItStands(type))) {
         return Way::asItIs;
     }
     return isText(type) && traits.zeros() == 0 && traits.isMostlyText() ? Way::quoted : Way::base64;

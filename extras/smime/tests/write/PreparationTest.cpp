@@ -59,6 +59,26 @@ TEST(SmimePreparationTest, QuotesWhatRelaysChange) {
     EXPECT_THAT(prepared(text("a\rb\n", "7bit")), EndsWith("\r\n\r\na=0Db\r\n"));
 }
 
+// RFC 2045, 6.4; RFC 3464, 2.1; RFC 8098, 3.1; RFC 5965, 3: 7bit alone. Python's email reads what is quoted there as fields.
+TEST(SmimePreparationTest, NeverEncodesPartsThatAreFields) {
+    const std::string lines = "Reporting-MTA: dns; mx.example \r\n\r\nFrom me\r\n.\r\n";
+    for (const char* const subtype : {"delivery-status", "disposition-notification", "feedback-report",
+                                      "partial; id=a; number=1", "external-body"}) {
+        for (const char* const transfer : {"7bit", "8bit", "binary"}) {
+            EXPECT_EQ(prepared("Content-Type: message/" + std::string(subtype) +
+                               "\r\nContent-Transfer-Encoding: " + transfer + "\r\n\r\n" + lines),
+                      "Content-Type: message/" + std::string(subtype) + "\r\nContent-Transfer-Encoding: 7bit\r\n\r\n" +
+                          lines);
+        }
+        EXPECT_THAT(prepared("Content-Type: message/" + std::string(subtype) +
+                             "\r\n\r\nGr\xc3\xbc\xc3\x9f"
+                             "e, which cannot be sent otherwise"),
+                    HasSubstr("quoted-printable"));
+    }
+    EXPECT_THAT(prepared("Content-Type: message/global-delivery-status\r\n\r\n" + lines), // RFC 6533, 5
+                HasSubstr("quoted-printable"));
+}
+
 TEST(SmimePreparationTest, SaysSevenBitOfWhatIsSo) {
     EXPECT_EQ(sameParts(text("ASCII\n")),
               "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: 7bit\r\n\r\nASCII\r\n");
