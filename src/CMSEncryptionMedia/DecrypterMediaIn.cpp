@@ -205,9 +205,6 @@ bool DecrypterMediaInImpl::decrypt(SwapBufferMediaOut& out) {
 
 /// Tries the recipients in their order; `fresh` is emptied before each that is decrypted for.
 bool DecrypterMediaInImpl::tryRecipients(MediaOut& out, SwapBufferMediaOut* fresh) {
-    if (m_contentInfo.isNull()) {
-        return false;
-    }
     if (m_contentInfo->typeAsEnum() != ContentInfo::EnvelopedData) {
         failures::logEvent(Event::notEnveloped, " ");
         return false;

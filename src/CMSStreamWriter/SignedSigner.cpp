@@ -86,10 +86,7 @@ Encoded SignedSigner::info(Octets digest, std::int64_t now) const {
     return assemble(signedSet, signature);
 }
 
-std::optional<std::size_t> SignedSigner::infoLength(std::int64_t now) const {
-    if (m_key.fixedLength() == 0) {
-        return std::nullopt;
-    }
+std::size_t SignedSigner::infoLength(std::int64_t now) const {
     const Encoded digest(m_key.digest().length);
     const Encoded signature(m_key.fixedLength());
     return assemble(attributes(digest, now), signature).size();

@@ -28,8 +28,8 @@ public:
     [[nodiscard]] unsigned int version() const noexcept { return m_version; }
     /// Its SignerInfo with a signature over a body of that digest. \throws Exception `signedWriterEnd`: it does not sign
     [[nodiscard]] framing::Encoded info(framing::Octets digest, std::int64_t now) const;
-    /// The octets of that; nothing when signatures vary in length.
-    [[nodiscard]] std::optional<std::size_t> infoLength(std::int64_t now) const;
+    /// The octets of that, for a key whose signatures do not vary in length.
+    [[nodiscard]] std::size_t infoLength(std::int64_t now) const;
 
 private:
     [[nodiscard]] framing::Encoded attributes(framing::Octets digest, std::int64_t now) const;

@@ -244,7 +244,7 @@ void SignedWork::begin() {
 std::size_t SignedWork::lengthOfInfos() const {
     std::size_t length = 0;
     for (const SignedSigner& signer : m_signers) {
-        length += signer.infoLength(m_now).value_or(0);
+        length += signer.infoLength(m_now);
     }
     return framing::headerSize(framing::set, length) + length;
 }

@@ -110,15 +110,11 @@ std::string recipientKeyName(const EVP_PKEY* key) {
     if (key == nullptr) {
         return "no key that can be decoded";
     }
-    const int nid = EVP_PKEY_get_base_id(key);
-    if (nid == EVP_PKEY_EC) {
+    if (EVP_PKEY_get_base_id(key) == EVP_PKEY_EC) {
         const std::string curve = groupName(key);
         return curve.empty() ? "EC" : "EC on " + curve;
     }
     const char* name = EVP_PKEY_get0_type_name(key);
-    if (name == nullptr) {
-        name = OBJ_nid2sn(nid);
-    }
     return name == nullptr ? "unknown" : name;
 }
 

@@ -440,6 +440,8 @@ TEST(Handles, AreDecorators) {
     EncrypterMediaOut encrypter(aes128.cipher, keyFor(aes128), ivFor(aes128));
     EXPECT_NE(dynamic_cast<EncrypterMediaOutImpl*>(encrypter.operator->()), nullptr);
     EXPECT_THROW(encrypter.attach(encrypter), Norvane::MediaException);
+    DecrypterMediaOut decrypter(aes128.cipher, keyFor(aes128), ivFor(aes128));
+    EXPECT_THROW(decrypter.attach(decrypter), Norvane::MediaException);
     EXPECT_THROW(static_cast<void>(encrypter.tell()), Norvane::MediaException);
     EXPECT_THROW(encrypter.setpos(0), Norvane::MediaException);
 }

@@ -58,7 +58,10 @@ protected:
     };
     static Outcome meet(const ConnectionOptions& options, const Identity& identity,
                         RefContext client = trustingContext()) {
-        SSLSocket listening = listener(context(serverSide, &identity));
+        return meet(options, context(serverSide, &identity), client);
+    }
+    static Outcome meet(const ConnectionOptions& options, RefContext server, RefContext client) {
+        SSLSocket listening = listener(server);
         ConnectionOptions atServer;
         atServer.handshakeLimit = 20000;
         listening.options(atServer);
@@ -341,6 +344,24 @@ TEST_F(SSLSocketOptionsTest, NothingGoesOverAConnectionThatIsNotTrusted) {
     EXPECT_EQ(1, thrownBy<SocketException>([&] { send(socket, "secret"); }).code());
     socket.close();
     serving.get();
+}
+
+/// Suites without certificates (RFC 8422, 2: ECDH_anon), which a program may allow at both ends.
+RefContext anonymous(RefContext made) {
+    EXPECT_EQ(1, SSL_CTX_set_cipher_list(made, "AECDH-AES256-SHA:@SECLEVEL=0"));
+    return only(made, TLS1_2_VERSION);
+}
+
+TEST_F(SSLSocketOptionsTest, APeerWithoutACertificateIsNotTrusted) {
+    ConnectionOptions options = trusting("localhost");
+    EXPECT_EQ("the peer is not trusted: no certificate",
+              meet(options, anonymous(context(serverSide)), anonymous(trustingContext())).failure);
+    options.requireTrust = false;
+    const SessionFacts facts = meet(options, anonymous(context(serverSide)), anonymous(trustingContext())).client;
+    EXPECT_EQ("AECDH-AES256-SHA", facts.cipher);
+    EXPECT_TRUE(facts.certificate.isNull());
+    EXPECT_EQ(HostCheck::noCertificate, facts.hostCheck);
+    EXPECT_FALSE(facts.isTrusted());
 }
 
 TEST_F(SSLSocketOptionsTest, ServersInsistOnTrustedClients) {

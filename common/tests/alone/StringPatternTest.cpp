@@ -67,6 +67,30 @@ TEST(StringPattern, AQuestionMarkTakesAWholeUtf8Character) {
     EXPECT_TRUE(matches("m\xC3\xBCller@*", "m\xC3\xBCller@b"));
 }
 
+TEST(StringPattern, AQuestionMarkWithinAPieceTakesAWholeUtf8Character) {
+    EXPECT_TRUE(matches("*a?c*", "\xC3\xBC"
+                                 "a\xE2\x82\xAC"
+                                 "c@b"));
+    EXPECT_TRUE(matches("*a?c*", "aXYc a\xF0\x9F\x98\x80"
+                                 "c"));
+    EXPECT_FALSE(matches("*a?c*", "a\xC3\xBC\xC3\xBC"
+                                  "c@b"));
+    EXPECT_FALSE(matches("*a??c*", "a\xC3\xBC"
+                                   "c@b"));
+    EXPECT_TRUE(matches("*\xC3\xBC?c*", "a\xC3\xBC\xC3\xA4"
+                                        "c"));
+}
+
+TEST(StringPattern, AroundAQuestionMarkTheCaseOfTheDomainDoesNotMatterThatOfTheLocalPartDoes) {
+    EXPECT_TRUE(matches("*@*A?c*m", "x@mail.aBC.com"));
+    EXPECT_TRUE(matches("*@*-?1*m", "x@a-b1.com"));
+    EXPECT_FALSE(matches("*@*-?1*m", "x@a\rb1.com"))
+        << "only letters have another case"; // 0x0D is 0x2D without that bit
+    EXPECT_FALSE(matches("*A?c*@*", "aBc@b"));
+    EXPECT_FALSE(matches("*A?C*@*", "AbX@AbC"));
+    EXPECT_TRUE(matches("*A?C*@*", "AbC@b"));
+}
+
 TEST(StringPattern, TheCaseOfTheDomainDoesNotMatterThatOfTheLocalPartDoes) {
     EXPECT_TRUE(matches("fred@Example.com", "fred@eXAMPLE.COM"));
     EXPECT_FALSE(matches("Fred@example.com", "fred@example.com"));

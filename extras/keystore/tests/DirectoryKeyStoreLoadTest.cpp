@@ -148,6 +148,14 @@ TEST_F(DirectoryKeyStoreLoadTest, TheChainIsWhatFollowsInBothFilesWithoutTheCert
     }
     EXPECT_THAT(names, ElementsAre("First", "Second"));
     EXPECT_EQ(store->contents()->identities.at(0).chain.size(), 2U);
+    // Those of all folders are the same, whether the identity is in use or not.
+    for (const auto& asked : {store, open()}) {
+        names.clear();
+        for (const auto& certificate : asked->certificates()) {
+            names.push_back(who(certificate));
+        }
+        EXPECT_THAT(names, ElementsAre("x", "First", "Second"));
+    }
 }
 
 TEST_F(DirectoryKeyStoreLoadTest, AKeyOfAnotherCertificateIsReportedAndNotHandedOut) {

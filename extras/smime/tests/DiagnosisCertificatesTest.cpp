@@ -119,6 +119,25 @@ TEST(DiagnosisCertificates, ThirtyTwoAreTriedForASigner) {
     EXPECT_EQ("", beyond.notLooked);
 }
 
+// A reader lists 2500 certificates at the most, and none of more; the signer's may be one of these, so that no signature is refused.
+TEST(DiagnosisCertificates, BesideTooManyInTheMessageThereIsNothingToExplain) {
+    SMime::DiagnosisOptions options;
+    options.budget.structure = 16U << 20U;
+    std::vector<Bytes> carried(2499, identities().otherRsa.certificate.der);
+    carried.push_back(renewed().certificate.der);
+    EXPECT_THAT(namesOf(diagnosisOf(withCertificates(bareSignature(), carried), text, options)),
+                ElementsAre("certificate-renewed"));
+    carried.push_back(identities().otherRsa.certificate.der);
+    const Bytes tooMany = withCertificates(bareSignature(), carried);
+    options.certificates = certificatesOf({&renewed()});
+    EXPECT_THAT(diagnosisOf(tooMany, text, options).explanations, IsEmpty());
+    const Norvane::MemoryMediaIn in(bufferOf(tooMany));
+    const CMS::SignedReader reader(in);
+    Norvane::MediaOut body = reader.digest();
+    writeInPieces(body, bytesOf(text));
+    EXPECT_EQ(CMS::SignatureVerdict::unsupported, reader.verdict(reader.signers().front()).verdict);
+}
+
 /// A message by these signers, each over a body of its own; detached unless it has a content.
 struct Over {
     HandMadeSigner signer;
@@ -140,6 +159,20 @@ Bytes signedBy(const std::vector<Over>& all, const std::vector<Bytes>& certifica
 
 Bytes nameOf(const std::string& serial) {
     return der::sequence({identities().authority.name.der(), der::integer(serial)});
+}
+
+// A name is a sequence of sets (RFC 5280, 4.1.2.4): this one has an integer in their place. It names nobody, whoever signed.
+TEST(DiagnosisCertificates, ASignerWhoseNameDoesNotDecodeIsNobody) {
+    const Bytes nobody = der::sequence({der::sequence({der::integer("1")}), der::integer("2")});
+    const Bytes signature = signedBy({{{.name = nobody}, text}}, {identities().rsa.certificate.der});
+    const SMime::Diagnosis diagnosis = diagnosisOf(signature, text, {certificatesOf({&renewed()})});
+    EXPECT_THAT(diagnosis.explanations, IsEmpty());
+    EXPECT_EQ("", diagnosis.notLooked);
+    // The same signature under its signer's name needs no explanation, under another one it has one.
+    EXPECT_THAT(diagnosisOf(signedBy({{{}, text}}, {identities().rsa.certificate.der}), text).explanations, IsEmpty());
+    EXPECT_THAT(
+        namesOf(diagnosisOf(signedBy({{{.name = nameOf("77")}, text}}, {identities().rsa.certificate.der}), text)),
+        ElementsAre("certificate-renewed"));
 }
 
 TEST(DiagnosisCertificates, OfMessagesThatCarryTheirContentAsManySignersAreLookedAtAsTheBudgetAllows) {

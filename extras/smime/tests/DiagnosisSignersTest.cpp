@@ -118,6 +118,10 @@ TEST(DiagnosisSigners, WithoutSignedAttributes) {
     EXPECT_EQ("", changed.notLooked);
     const Bytes nobody = signatureOver(text, identities().rsa, "sha256", CMS_NOATTR | CMS_NOCERTS);
     EXPECT_EQ(Names{"certificate-renewed"}, namesOf(diagnosisOf(nobody, text, {{certificateOf(renewed())}})));
+    // Where nobody's key fits, no other body is tried.
+    const SMime::Diagnosis unknown = diagnosisOf(nobody, lineFeeds, {{certificateOf(identities().otherRsa)}});
+    EXPECT_TRUE(unknown.explanations.empty());
+    EXPECT_EQ(1U, unknown.passes);
 }
 
 TEST(DiagnosisSigners, OtherKeysAndDigests) {
@@ -156,6 +160,23 @@ TEST(DiagnosisSigners, ADigestThatNobodySignedExplainsNothing) {
         EXPECT_TRUE(diagnosis.explanations.empty());
         EXPECT_EQ(1U, diagnosis.passes);
     }
+}
+
+// The body is read again for the changes; a source may come up with another one then.
+TEST(DiagnosisSigners, ABodyThatGrowsBeyondTheBudgetIsNotTriedToItsEnd) {
+    const std::string changed = replaced(text, "well", "lost");
+    SMime::DiagnosisOptions options;
+    options.budget.body = changed.size();
+    int asked = 0;
+    const SMime::BodySource growing = [&] {
+        return Norvane::MediaIn(Norvane::MemoryMediaIn(asked++ == 0 ? changed : changed + "and more"));
+    };
+    const SMime::Diagnosis diagnosis = SMime::explain(bufferOf(signatureOver(text)), growing, options);
+    EXPECT_EQ(2, asked);
+    EXPECT_TRUE(diagnosis.explanations.empty());
+    EXPECT_EQ("the body has more than " + std::to_string(changed.size()) +
+                  " bytes: what may have happened to it was not tried",
+              diagnosis.notLooked);
 }
 
 TEST(DiagnosisSigners, WhatIsBeyondTheBudgetIsSaid) {

@@ -121,6 +121,20 @@ TEST(SMimeHeaders, AForwardedMessageIsNotTakenForAWrappedOne) {
     EXPECT_THAT(layersOf(outcome.answer), ElementsAre("multipart-signed 1 good", "forwarded 1.1 good"));
 }
 
+// RFC 2046, 5.2.1: a message has no encoding but those of its parts. One with another is not looked into to see whose it is.
+TEST(SMimeHeaders, AnEncodedMessageIsNotTakenForAWrappedOne) {
+    const std::string type = "Content-Type: message/rfc822\r\nContent-Transfer-Encoding: ";
+    const std::string message = insideFields + "Content-Type: text/plain\r\n\r\nhello\r\n";
+    for (const char* const encoding : {"base64", "quoted-printable", "x-other"}) {
+        const std::string entity = std::string(type).append(encoding).append("\r\n\r\n").append(message);
+        const Outcome outcome = outcomeOf(fieldsOfAlice + signedBy(alice(), entity, detached));
+        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.answer.headers.scheme, HeaderScheme::none) << encoding;
+        EXPECT_EQ(outcome.content, entity);
+    }
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + signedBy(alice(), type + "8bit\r\n\r\n" + message, detached)).content, message);
+}
+
 TEST(SMimeHeaders, AWholeMessageShowsTheProtectedFields) {
     const std::string entity =
         insideFields + "HP-Outer: Subject: [...]\r\nContent-Type: text/plain; hp=\"cipher\"\r\n\r\nhello\r\n";

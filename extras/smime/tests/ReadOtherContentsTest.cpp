@@ -19,15 +19,18 @@ int encode(BIO* out, PKCS7* structure) {
     return i2d_PKCS7_bio(out, structure);
 }
 
-/// A structure in DER as the whole body of a mail.
-template <class T> std::string mailWith(T* structure, const char* type) {
+template <class T> std::string encodingOf(T* structure) {
     const Bio out(BIO_new(BIO_s_mem()));
-    const Bio encoding(BIO_push(BIO_new(BIO_f_base64()), out.get()));
-    EXPECT_EQ(encode(encoding.get(), structure), 1);
-    BIO_flush(encoding.get());
-    const std::string body = textOf(out.get());
-    BIO_pop(encoding.get());
-    return fieldsOfAlice + "Content-Type: " + type + "\r\nContent-Transfer-Encoding: base64\r\n\r\n" + body;
+    EXPECT_EQ(encode(out.get(), structure), 1);
+    return textOf(out.get());
+}
+
+/// A structure as the whole body of a mail.
+std::string mailWith(const std::string& structure, const char* type) {
+    return fieldsOfAlice + "Content-Type: " + type + "\r\nContent-Transfer-Encoding: binary\r\n\r\n" + structure;
+}
+template <class T> std::string mailWith(T* structure, const char* type) {
+    return mailWith(encodingOf(structure), type);
 }
 
 /// What alice signed, as a content of a type.
@@ -92,6 +95,31 @@ TEST(SMimeOtherContents, NobodySignedIt) {
     EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
     ASSERT_EQ(outcome.answer.layers.size(), 1U);
     EXPECT_EQ(outcome.answer.layers.front().detail, "nobody signed it");
+}
+
+// A name is a sequence of sets (RFC 5280, 4.1.2.4); the first one of this signer's is no set. Whoever signed, the name is nobody's.
+TEST(SMimeOtherContents, TheNameOfTheSignerDoesNotDecode) {
+    const auto certificate = alice().certificate.x509();
+    const Structure structure(
+        CMS_sign(certificate.get(), alice().key.get(), nullptr, sourceOf(plainEntity).get(), CMS_BINARY | CMS_NOCERTS));
+    std::string octets = encodingOf(structure.get());
+    const auto name = interop::root().name.der();
+    const std::size_t at = octets.rfind(std::string(name.begin(), name.end()));
+    ASSERT_NE(at, std::string::npos);
+    SMime::ReadOptions options;
+    options.certificates = {x509testing::read(alice())};
+    const Outcome named = outcomeOf(mailWith(octets, signedEntity), options);
+    EXPECT_EQ(named.answer.verdict, Verdict::signatureGood);
+    EXPECT_NE(named.answer.layers.at(0).signers.at(0).identifier, "");
+    constexpr char set = '\x31';
+    constexpr char integer = '\x02';
+    ASSERT_EQ(octets.at(at + 2), set);
+    octets.at(at + 2) = integer;
+    const Outcome outcome = outcomeOf(mailWith(octets, signedEntity), options);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused) << outcome.answer.detail;
+    ASSERT_EQ(outcome.answer.layers.at(0).signers.size(), 1U);
+    EXPECT_EQ(outcome.answer.layers[0].signers[0].identifier, "");
+    EXPECT_EQ(outcome.answer.layers[0].signers[0].result.reason, CMS::SignatureReason::certificateMissing);
 }
 
 } // namespace

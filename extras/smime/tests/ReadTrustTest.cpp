@@ -242,6 +242,27 @@ TEST(SMimeTrust, SignersWhoseCertificatesAreJudgedAreBounded) {
     EXPECT_EQ(outcome.answer.layers.back().status, LayerStatus::good);
 }
 
+// What is inside of a structure is read, and judged, before the signature that stands behind it; whose certificate is not judged is
+// not believed.
+TEST(SMimeTrust, WhoSignsAroundTooManyOthersIsNotJudged) {
+    const auto around = [](int others) {
+        const std::string part = signedBy({&alice(), &bob(), &interop::carol()}, plainEntity, detached);
+        std::string many = "Content-Type: multipart/mixed; boundary=many\r\n";
+        for (int count = 0; count < others; ++count)
+            many += "\r\n--many\r\n" + part;
+        return judged("From: alice@example.org\r\n" +
+                      signedBy(alice(), many + "\r\n--many--\r\n", CMS_BINARY | CMS_CRLFEOL));
+    };
+    EXPECT_EQ(around(10).answer.verdict, Verdict::accepted);
+    const Outcome outcome = around(11);
+    EXPECT_EQ(outcome.answer.verdict, Verdict::refused);
+    EXPECT_EQ(outcome.answer.detail, "no signer was judged");
+    const SMime::LayerSigner& outside = outcome.answer.layers.at(0).signers.at(0);
+    EXPECT_EQ(outside.result.verdict, CMS::SignatureVerdict::good);
+    EXPECT_FALSE(outside.trust);
+    EXPECT_FALSE(outside.isAccepted());
+}
+
 /// Signed when the signer says so.
 std::string signedAt(const std::string& time, const Identity& signer) {
     const unsigned int flags = detached | CMS_PARTIAL | CMS_STREAM;

@@ -101,6 +101,19 @@ TEST_F(TrustCache, HowManyCertificatesTheMessageHasIsToldOfEach) {
     EXPECT_EQ(counts(verifier), "0 2");
 }
 
+TEST_F(TrustCache, AnEmptyHandleIsNoCertificateOfTheMessage) {
+    const Verifier verifier(m_material);
+    m_certificates.resize(64, read(m_middle));
+    m_certificates.push_front(RefCertificate());
+    const Identity anna = user(m_middle);
+    const Verdict verdict = verifier.judge(read(anna), m_certificates, {}, m_options);
+    EXPECT_TRUE(verdict.accepted);
+    EXPECT_EQ(codesOf(verdict.notes), "") << "64 are looked at";
+    m_certificates.pop_front();
+    EXPECT_TRUE(judge(verifier, anna));
+    EXPECT_EQ(counts(verifier), "1 1") << "it is the same question";
+}
+
 TEST_F(TrustCache, EachPolicyIsPartOfTheQuestion) {
     const Verifier verifier(m_material);
     const Identity anna = user(m_middle);

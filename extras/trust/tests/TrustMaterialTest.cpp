@@ -8,8 +8,10 @@
 
 #include <openssl/pkcs7.h>
 
+#include <chrono>
 #include <filesystem>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace trusttesting;
@@ -221,6 +223,22 @@ TEST_F(TrustMaterial, ReloadTakesWhatIsThereNow) {
     std::filesystem::create_directory(m_folder.path("roots"));
     material->reload();
     EXPECT_FALSE(verifier.judge(anna).accepted);
+}
+
+// What a file holds that has been the same for a while is remembered, and it is one file wherever it was added.
+TEST_F(TrustMaterial, AFileThatIsAddedTwiceIsReadOnceAndItsProblemsAreToldOnce) {
+    m_folder.write("root.pem", m_root.certificate.pem() + norvauthority::pem("CERTIFICATE", {0x30, 0x01}));
+    m_folder.write("middle.pem", m_middle.certificate.pem());
+    std::this_thread::sleep_for(
+        std::chrono::seconds(3)); // as long as it takes until its time tells that nothing changes
+    m_material.addAnchors(m_folder.path("root.pem"));
+    m_material.addUntrusted(m_folder.path());
+    EXPECT_EQ(counts(), "1 1 0");
+    EXPECT_THAT(problems(), testing::ElementsAre(HasSubstr("root.pem: block 2")));
+    m_folder.write("root.pem", m_middle.certificate.pem());
+    m_material.reload();
+    EXPECT_EQ(counts(), "1 0 0") << "read anew, and an anchor is one, whatever else it is";
+    EXPECT_THAT(problems(), testing::IsEmpty());
 }
 
 TEST_F(TrustMaterial, ADamagedListIsAProblemAndTheOthersAreUsed) {

@@ -381,6 +381,26 @@ private:
 };
 
 /// Elements that a `Buffer` cannot hold are refused, not cut off.
+// A content that may be signed as a whole, as Ed25519 signs it beside SHA-512 (RFC 8419, 3.1), is kept: here there is no room for it.
+// What was read in vain once stays so, though memory is there again.
+TEST(SignedReaderWork, WantOfMemoryForTheContentIsNotForgotten) {
+    static constexpr std::size_t length = 4567;
+    StrictIn in(signedMessage({&identities().rsa}, {"sha512"}, bodyOf(length), 0));
+    SignedReader message(in);
+    Norvane::NullMediaOut out;
+    norvtest::s_beforeAllocation = [](std::size_t wanted) {
+        if (wanted == length) {
+            throw std::bad_alloc();
+        }
+    };
+    EXPECT_THROW(message.write(out), std::bad_alloc);
+    norvtest::s_beforeAllocation = nullptr;
+    const auto thrown = norvtest::thrownBy([&] { static_cast<void>(message.signers()); });
+    norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");
+    EXPECT_EQ(norvtest::detailOf(thrown), "the source failed");
+    EXPECT_FALSE(message.isComplete());
+}
+
 TEST(SignedReaderWork, PartsBeyondTwoGibibytesAreRefusedWhateverTheBudgetIs) {
     Bytes head{0x30, 0x80};
     der::append(head, der::oid("1.2.840.113549.1.7.2"));

@@ -13,6 +13,7 @@ int s_verifications = 0;
 int s_attributeEncodings = 0;
 std::size_t s_digested = 0;
 std::size_t s_comparisons = 0;
+bool s_withoutKeys = false; ///< as if there had been no memory for them when the certificates were decoded
 
 } // namespace
 
@@ -23,6 +24,10 @@ int EVP_PKEY_verify(EVP_PKEY_CTX* context, const unsigned char* signature, std::
     ++s_verifications;
     return norvtest::next<&EVP_PKEY_verify>("EVP_PKEY_verify")(context, signature, signatureLength, digest,
                                                                digestLength);
+}
+
+EVP_PKEY* X509_get0_pubkey(const X509* certificate) {
+    return s_withoutKeys ? nullptr : norvtest::next<&X509_get0_pubkey>("X509_get0_pubkey")(certificate);
 }
 
 int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) {
@@ -77,6 +82,16 @@ TEST(VerificationWork, OneOperationForAGoodSigner) {
     EXPECT_TRUE(countedReport(sound()).allGood());
     EXPECT_EQ(s_verifications, 1);
     EXPECT_EQ(s_attributeEncodings, 1);
+}
+
+// The key of the certificate is a sound one: that OpenSSL does not have it is no fault of the signature, nor something unsupported.
+TEST(VerificationWork, AKeyForWhichThereWasNoMemoryIsNoVerdict) {
+    const Bytes& structure = sound();
+    {
+        const norvtest::During<bool> without(s_withoutKeys, true);
+        EXPECT_THROW(static_cast<void>(countedReport(structure)), std::bad_alloc);
+    }
+    EXPECT_TRUE(countedReport(structure).allGood());
 }
 
 TEST(VerificationWork, CopiesOfACertificateAreOne) {

@@ -569,6 +569,15 @@ TEST(DistinguishedNameHostile, OddNamesPrint) {
     EXPECT_TRUE(errorQueueIsEmpty());
 }
 
+TEST(RelativeDistinguishedNames, KeepNothingOfTheirEntryAndNeedNone) {
+    NamePtr name = Name{{.type = "CN", .value = "x"}}.x509Name();
+    const RelativeDistinguishedName step(X509_NAME_get_entry(name.get(), 0));
+    EXPECT_EQ(DistinguishedName(name.get()).asString(), "CN=x");
+    name.reset();
+    const RelativeDistinguishedName none(nullptr);
+    EXPECT_TRUE(errorQueueIsEmpty());
+}
+
 static_assert(std::is_empty_v<RelativeDistinguishedName>);
 static_assert(std::is_constructible_v<RelativeDistinguishedName, const X509_name_entry_st*>);
 static_assert(std::is_base_of_v<boost::shared_ptr<DistinguishedName>, RefDistinguishedName>);

@@ -85,6 +85,16 @@ TEST(EncodeHead, IsWhatOpensslWritesBeforeTheContent) {
     }
 }
 
+// A SET of no signers is the last element, and holds nothing that a content could stand for.
+TEST(EncodeHead, RefusesStructuresThatDoNotEndWithAString) {
+    const Pkcs7Ptr structure(PKCS7_new());
+    ASSERT_EQ(PKCS7_set_type(structure.get(), NID_pkcs7_signed), 1);
+    ASSERT_EQ(PKCS7_content_new(structure.get(), NID_pkcs7_data), 1);
+    EXPECT_TRUE(encodeHead(structure.get(), 1).empty());
+    EXPECT_NE(ERR_get_error(), 0UL);
+    ERR_clear_error();
+}
+
 TEST(EncodeHead, RefusesWhatIsLongerThanAnIntCounts) {
     const Pkcs7Ptr structure = enveloped(0);
     const std::size_t head = encodeHead(structure.get(), INT_MAX - 1000).size();

@@ -24,6 +24,7 @@
 namespace {
 
 int s_askedForLength = 0;
+bool s_noOtherLength = false;
 bool s_noRandomKey = false;
 bool s_finalFails = false;
 bool s_counting = false; // of octets that nobody is to read
@@ -33,7 +34,9 @@ std::vector<std::int64_t> s_counted;
 
 extern "C" int EVP_CIPHER_CTX_set_key_length(EVP_CIPHER_CTX* context, int length) {
     ++s_askedForLength;
-    return norvtest::next<&EVP_CIPHER_CTX_set_key_length>("EVP_CIPHER_CTX_set_key_length")(context, length);
+    return s_noOtherLength
+               ? 0
+               : norvtest::next<&EVP_CIPHER_CTX_set_key_length>("EVP_CIPHER_CTX_set_key_length")(context, length);
 }
 extern "C" int EVP_CIPHER_CTX_rand_key(EVP_CIPHER_CTX* context, unsigned char* key) {
     return s_noRandomKey ? 0 : norvtest::next<&EVP_CIPHER_CTX_rand_key>("EVP_CIPHER_CTX_rand_key")(context, key);
@@ -145,6 +148,15 @@ TEST(ContentCipherFunctions, OnlyCiphersWithKeysOfAnyLengthAreAskedForAnother) {
     s_askedForLength = 0;
     EXPECT_TRUE(setContentKey(context.get(), WipedBytes(), trusted)) << "none was opened";
     EXPECT_EQ(s_askedForLength, 0);
+    // Where the cipher does not take that length, a key that nobody knows decrypts, of the length that was announced.
+    const During<bool> refusing(s_noOtherLength, true);
+    const CipherContextPtr other = contextFor(rc2.get());
+    ASSERT_NE(other, nullptr);
+    EXPECT_TRUE(setContentKey(other.get(), keyOf(Bytes(24, 7)), trusted));
+    EXPECT_GT(s_askedForLength, 0);
+    EXPECT_TRUE(trusted) << "its padding tells";
+    EXPECT_EQ(EVP_CIPHER_CTX_get_key_length(other.get()), 16);
+    EXPECT_EQ(decrypted(other.get(), Bytes(16, 1)).size(), 16U);
     ERR_clear_error();
 }
 
@@ -218,6 +230,7 @@ TEST(AuthenticatedCipherFunctions, TagsAndNoncesOfTheLengthsThatThereAre) {
     }
     EXPECT_EQ(unsupportedAuthenticatedCipher(decoded(identifier("1.2.3.4")).get()), "1.2.3.4");
     EXPECT_EQ(unsupportedAuthenticatedCipher(decoded(identifier(s_gcm)).get()), "") << "damage";
+    EXPECT_EQ(unsupportedAuthenticatedCipher(nullptr), "no algorithm");
 }
 
 TEST(AuthenticatedCipherFunctions, WhatWasVerifiedIsDecryptedUnderNoncesOfEveryLength) {

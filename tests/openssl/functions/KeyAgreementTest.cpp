@@ -6,10 +6,15 @@
 #include "CMSStreamReader/HandMade.h"
 #include "support/Interpose.h"
 
+#include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
+#include <openssl/param_build.h>
 
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <utility>
 
 namespace {
 
@@ -41,6 +46,48 @@ Key keyOn(const std::string& type) {
     const Key key = Key::of(made);
     EVP_PKEY_free(made);
     return key;
+}
+
+/// Two keys on P-256 with twice its generator: a curve that has no name.
+std::pair<Key, Key> keysOnUnnamedCurve() {
+    const std::unique_ptr<EC_GROUP, decltype(&EC_GROUP_free)> group(EC_GROUP_new_by_curve_name(NID_X9_62_prime256v1),
+                                                                    &EC_GROUP_free);
+    const std::unique_ptr<EC_POINT, decltype(&EC_POINT_free)> twice(EC_POINT_new(group.get()), &EC_POINT_free);
+    EXPECT_EQ(EC_POINT_dbl(group.get(), twice.get(), EC_GROUP_get0_generator(group.get()), nullptr), 1);
+    Bytes generator(65);
+    EXPECT_EQ(EC_POINT_point2oct(group.get(), twice.get(), POINT_CONVERSION_UNCOMPRESSED, generator.data(),
+                                 generator.size(), nullptr),
+              generator.size());
+    using Number = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+    const Number p(BN_new(), &BN_free);
+    const Number a(BN_new(), &BN_free);
+    const Number b(BN_new(), &BN_free);
+    EXPECT_EQ(EC_GROUP_get_curve(group.get(), p.get(), a.get(), b.get(), nullptr), 1);
+    const std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)> fields(OSSL_PARAM_BLD_new(),
+                                                                                 &OSSL_PARAM_BLD_free);
+    OSSL_PARAM_BLD_push_utf8_string(fields.get(), OSSL_PKEY_PARAM_EC_FIELD_TYPE, "prime-field", 0);
+    OSSL_PARAM_BLD_push_BN(fields.get(), OSSL_PKEY_PARAM_EC_P, p.get());
+    OSSL_PARAM_BLD_push_BN(fields.get(), OSSL_PKEY_PARAM_EC_A, a.get());
+    OSSL_PARAM_BLD_push_BN(fields.get(), OSSL_PKEY_PARAM_EC_B, b.get());
+    OSSL_PARAM_BLD_push_BN(fields.get(), OSSL_PKEY_PARAM_EC_ORDER, EC_GROUP_get0_order(group.get()));
+    OSSL_PARAM_BLD_push_BN(fields.get(), OSSL_PKEY_PARAM_EC_COFACTOR, EC_GROUP_get0_cofactor(group.get()));
+    OSSL_PARAM_BLD_push_octet_string(fields.get(), OSSL_PKEY_PARAM_EC_GENERATOR, generator.data(), generator.size());
+    const std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)> parameters(OSSL_PARAM_BLD_to_param(fields.get()),
+                                                                             &OSSL_PARAM_free);
+    const KeyContextPtr curve(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+    EVP_PKEY* domain = nullptr;
+    EXPECT_EQ(EVP_PKEY_fromdata_init(curve.get()), 1);
+    EXPECT_EQ(EVP_PKEY_fromdata(curve.get(), &domain, EVP_PKEY_KEY_PARAMETERS, parameters.get()), 1);
+    const KeyPtr owner(domain);
+    const auto made = [&] {
+        const KeyContextPtr context(EVP_PKEY_CTX_new(domain, nullptr));
+        EVP_PKEY* key = nullptr;
+        EXPECT_EQ(EVP_PKEY_keygen_init(context.get()), 1);
+        EXPECT_EQ(EVP_PKEY_keygen(context.get(), &key), 1);
+        const KeyPtr keeper(key);
+        return Key::of(key);
+    };
+    return {made(), made()};
 }
 
 /// \param cofactor whether the secret is multiplied by the cofactor of the curve (SEC 1, 3.3.2)
@@ -154,6 +201,11 @@ TEST(KeyAgreement, OnlyPointsOfCurvesThatNeedItAreValidatedOnceMore) {
         EXPECT_EQ(soundFor(key, keyOn(curve), schemes()[2], s_ecPublicKey).open(key), s_contentKey);
         EXPECT_EQ(s_validated, expected) << curve;
     }
+    const auto [unnamed, sender] = keysOnUnnamedCurve();
+    s_validated = -1;
+    EXPECT_EQ(soundFor(unnamed, sender, schemes()[2], s_ecPublicKey).open(unnamed), s_contentKey);
+    EXPECT_EQ(s_validated, 1) << "of another curve nothing is known";
+    ERR_clear_error();
     for (const auto& [type, kind] : {std::pair("X25519", s_x25519), std::pair("X448", "1.3.101.111")}) {
         const Key key = keyOn(type);
         const Attempt attempt = soundFor(key, keyOn(type), schemes()[2], kind);

@@ -68,6 +68,7 @@ TEST(RecipientKeys, AreCalledAsOpensslCallsTheirType) {
     EXPECT_EQ(recipientKeyName(Key::ec("P-256").get()), "EC on prime256v1");
     EXPECT_EQ(recipientKeyName(keyOfType("ED25519").get()), "ED25519");
     EXPECT_EQ(recipientKeyName(norvtest::pssKey(nullptr, nullptr, 0).get()), "RSA-PSS");
+    EXPECT_EQ(recipientKeyName(KeyPtr(EVP_PKEY_new()).get()), "unknown") << "it has no type";
 }
 
 TEST(RecipientKeys, WhatEncryptingCosts) {

@@ -22,8 +22,6 @@ std::string pkcs7Header(const std::string& smimeType, const std::string& name = 
 /// The name of a digest in micalg (RFC 8551, 3.5.3.2).
 std::string micalgName(const std::optional<Hasher::Type>& digest) {
     switch (digest.value_or(Hasher::MD4)) {
-    case Hasher::MD5:
-        return "md5";
     case Hasher::SHA1:
         return "sha-1";
     case Hasher::SHA224:

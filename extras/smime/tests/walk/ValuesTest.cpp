@@ -64,6 +64,10 @@ TEST(ContentTypeBoundary, IsMadeOfItsOwnOctets) {
               "b")
         << "it is no question mark";
     EXPECT_EQ(typed("multipart/mixed; boundary=\"=?\x01\"").boundary, "=?\x01");
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"=?\x01\x02\x03\x04\x05\x06\x07\"").boundary,
+              "=?\x01\x02\x03\x04\x05\x06\x07");
+    EXPECT_EQ(typed("multipart/mixed; boundary=\"=?\x01\x02\x03\x04\x05\x06\x07\x08\"").boundary, "")
+        << "no octet is left that could stand for the question mark";
 }
 
 TEST(ContentTypeValue, IsReadUpToItsLimit) {

@@ -229,6 +229,19 @@ TEST(SmimePreparationTest, TheLastDelimiterOfAMultipartWithoutPartsHasALineOfIts
               "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b--\r\nepilogue\r\n");
 }
 
+// It is all that readers have of such a message, which is therefore not left out like other ones.
+TEST(SmimePreparationTest, APreambleWithoutPartsStaysWhereItCannotBeSentAsItIs) {
+    const std::string top = "Content-Type: multipart/mixed; boundary=b\nContent-Transfer-Encoding: 8bit\n\n";
+    const std::string mail = top + "nothing but a preamble \xe4\n";
+    EXPECT_EQ(decrypted(wrapped(mail, {encryptedFor({&person("bob")})}), person("bob")), withCrLf(mail));
+    EXPECT_EQ(verified(wrapped(mail, {opaquelySignedBy(person("alice"))})), withCrLf(mail));
+    const std::string within =
+        "Content-Type: multipart/mixed; boundary=o\nContent-Transfer-Encoding: 8bit\n\n--o\n" + mail + "\n--o--\n";
+    EXPECT_EQ(decrypted(wrapped(within, {encryptedFor({&person("bob")})}), person("bob")), withCrLf(within));
+    EXPECT_EQ(refusalOf(mail, {signedBy({&person("alice")})}),
+              "the message is a multipart without any part, and not text that can be sent");
+}
+
 TEST(SmimePreparationTest, KeepsPartsThatHaveNothing) {
     EXPECT_EQ(prepared("Content-Type: multipart/mixed; boundary=b\n\n--b\n--b\n\n--b\n\n\n--b\nContent-ID: <x>\n--b--"),
               "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n\r\n\r\n--b\r\n\r\n\r\n--b\r\n\r\n\r\n"
