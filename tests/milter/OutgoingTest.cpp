@@ -291,6 +291,26 @@ TEST_F(Outgoing, HugeHeaders) {
     }
 }
 
+/// Each costs an MTA a walk through the header.
+TEST_F(Outgoing, ManyFieldsThatAreTakenOut) {
+    Message message = mailOf();
+    for (int index = 0; index < 1000; ++index) {
+        message.header.push_back({"Bcc", " cleo@b.example"});
+        message.header.push_back({"X-Norvcrypt-Signature", " pass"});
+    }
+    const Outcome most = handled(m_world, rule("never", "never"), message);
+    EXPECT_TRUE(delivered(message, most).values("Bcc").empty());
+    EXPECT_EQ(most.edits.size(), 2000U);
+    message.header.push_back({"Resent-Bcc", " cleo@b.example"});
+    for (const bool tooLarge : {false, true}) {
+        message.tooLarge = tooLarge;
+        const Outcome more = handled(m_world, rule("possible", "possible"), message);
+        EXPECT_EQ(more.action, Action::reject);
+        EXPECT_EQ(more.reply.text, "more than 2000 header fields would have to be taken out of the message (Bcc)");
+        EXPECT_TRUE(more.edits.empty());
+    }
+}
+
 TEST_F(Outgoing, TheTimeIsOver) {
     const Engine engine = m_world.engine(rule("must", "must"), canSplit);
     const Message message = mailOf({"bert@b.example"}, "bert@b.example", std::string(300000, 'x'));

@@ -6,11 +6,16 @@
 #include "message/Message.h"
 #include "message/Outcome.h"
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace norvmilter {
+
+/// Fields of a stranger's choice that are taken out one by one: for each an MTA looks through the header from its beginning, and
+/// 8,000 took Postfix seven seconds.
+constexpr std::size_t mostTakenOut = 2000;
 
 /// A value as `HeaderEdit::value` has it: no CR and no NUL, and a blank behind each LF.
 [[nodiscard]] std::string editable(const std::string& value);

@@ -18,9 +18,6 @@ namespace {
 using namespace Norvane::Crypto;
 
 constexpr std::string_view ownPrefix = "X-Norvcrypt-";
-/// Forged fields that are taken out one by one: for each an MTA looks through the header from its beginning, and 8,000 took Postfix
-/// seven seconds.
-constexpr std::size_t mostForged = 2000;
 /// The header of what was decrypted may be as long as that of the message, and the body shorter.
 constexpr std::uint64_t roomForHeader = std::uint64_t{16} << 20U;
 
@@ -146,8 +143,8 @@ public:
     Outcome receive(LearntFolder* learnt, const Deadline& deadline) {
         m_outcome.edits =
             removals(m_message.header, [&](const HeaderField& field) { return isForged(m_config, field); });
-        if (m_outcome.edits.size() > mostForged)
-            return rejected("5.3.4", "more than " + std::to_string(mostForged) +
+        if (m_outcome.edits.size() > mostTakenOut)
+            return rejected("5.3.4", "more than " + std::to_string(mostTakenOut) +
                                          " header fields claim to be of the mail filter here");
         if (!m_outcome.edits.empty())
             m_outcome.tell("forged", std::to_string(m_outcome.edits.size()));

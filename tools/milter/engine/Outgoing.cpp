@@ -294,6 +294,11 @@ Protection protectionOf(const Config& config, const Message& message, const Dead
 
 Outcome handleOutgoing(const Config& config, const LoadedStores& stores, const LearntFolder* learnt,
                        const Message& message, const Deadline& deadline) {
+    const auto unwanted =
+        std::ranges::count_if(message.header, [&](const HeaderField& field) { return isUnwanted(config, field); });
+    if (static_cast<std::size_t>(unwanted) > mostTakenOut)
+        return rejected("5.3.4", "more than " + std::to_string(mostTakenOut) +
+                                     " header fields would have to be taken out of the message (Bcc)");
     const People people = peopleOf(message.header);
     const Protection protection = message.tooLarge ? Protection::none : protectionOf(config, message, deadline);
     const Plan plan = planFor(config, stores, learnt, message.envelope, people, protection, deadline);
