@@ -180,6 +180,7 @@ TEST_F(Outgoing, NothingThatTheMtaMakesOfARecipientGetsAroundMust) {
              {"zoe@c.example", "friend@b.example@a.example"},
              {"zoe@c.example", "a b friend%b.example@a.example"},
              {"zoe@c.example", "\"friend@b.example\"@a.example"},
+             {"zoe@c.example", "\"friend\"@b.example"},
              {"zoe@c.example", "zoe@c.example (c)"},
              {"zoe@c.example", "<friend@b.example>"},
              {"zoe@c.example", "zoe@c.example\x01"},
