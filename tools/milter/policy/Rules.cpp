@@ -53,7 +53,8 @@ bool hasDomain(const std::string& address) {
     return at != std::string::npos && address.find_first_not_of('.', at + 1) != std::string::npos;
 }
 
-/// An address of an MTA, with a domain, as a client would write it: Postfix leaves out the quotation marks of a local part that needs them.
+/// An address of an MTA, with a domain, as a client would write it: Postfix leaves out the quotation marks of a local part that
+/// needs them.
 std::string asWritten(const std::string& address) {
     if (isPlain(address))
         return address;
