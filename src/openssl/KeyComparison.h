@@ -1,9 +1,9 @@
 #pragma once
 
 /// \file
-/// What a key is, what it belongs to and whether it is there. OpenSSL says no for want of memory as well, and does not always tell: here a no is
-/// asked for twice, so that an allocation that failed once turns no key into one that does not fit. Leaves nothing in the
-/// error queue.
+/// What a key is, what it belongs to and whether it is there. OpenSSL says no for want of memory as well, and does not always
+/// tell: here a no is asked for twice, so that an allocation that failed once turns no key into one that does not fit. Leaves
+/// nothing in the error queue.
 
 #include <openssl/x509.h>
 

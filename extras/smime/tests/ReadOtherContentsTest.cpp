@@ -50,13 +50,17 @@ Structure encryptedForBob() {
     return Structure(CMS_encrypt(people.get(), sourceOf(plainEntity).get(), EVP_aes_128_cbc(), CMS_BINARY));
 }
 
-TEST(SMimeOtherContents, WhatIsSignedIsNoMail) {
-    const Outcome outcome = outcomeOf(signedAs(NID_id_smime_ct_TSTInfo));
+void expectUnsupported(const Outcome& outcome, const std::string& why) {
     EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
     EXPECT_EQ(outcome.content, "");
     ASSERT_EQ(outcome.answer.layers.size(), 1U);
     EXPECT_EQ(outcome.answer.layers.front().status, LayerStatus::unsupported);
-    EXPECT_EQ(outcome.answer.layers.front().detail, "what is signed is no MIME entity but 1.2.840.113549.1.9.16.1.4");
+    EXPECT_EQ(outcome.answer.layers.front().detail, why);
+}
+
+TEST(SMimeOtherContents, WhatIsSignedIsNoMail) {
+    expectUnsupported(outcomeOf(signedAs(NID_id_smime_ct_TSTInfo)),
+                      "what is signed is no MIME entity but 1.2.840.113549.1.9.16.1.4");
     // The same structure with a mail in it.
     EXPECT_EQ(outcomeOf(signedAs(NID_pkcs7_data)).content, plainEntity);
 }
@@ -65,22 +69,16 @@ TEST(SMimeOtherContents, WhatIsEncryptedIsNoMail) {
     Structure structure = encryptedForBob();
     EXPECT_EQ(outcomeOf(mailWith(structure.get(), encryptedEntity)).content, plainEntity);
     EXPECT_EQ(CMS_set1_eContentType(structure.get(), OBJ_nid2obj(NID_pkcs7_signed)), 1);
-    const Outcome outcome = outcomeOf(mailWith(structure.get(), encryptedEntity));
-    EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
-    EXPECT_EQ(outcome.content, "");
-    ASSERT_EQ(outcome.answer.layers.size(), 1U);
-    EXPECT_EQ(outcome.answer.layers.front().detail, "what is encrypted is no MIME entity but 1.2.840.113549.1.7.2");
+    expectUnsupported(outcomeOf(mailWith(structure.get(), encryptedEntity)),
+                      "what is encrypted is no MIME entity but 1.2.840.113549.1.7.2");
 }
 
 TEST(SMimeOtherContents, TheEncryptedContentIsSomewhereElse) {
     const Structure structure = encryptedForBob();
     ASN1_OCTET_STRING** const content = CMS_get0_content(structure.get());
     ASN1_OCTET_STRING_free(std::exchange(*content, nullptr));
-    const Outcome outcome = outcomeOf(mailWith(structure.get(), encryptedEntity));
-    EXPECT_EQ(outcome.answer.verdict, Verdict::unsupported);
-    EXPECT_EQ(outcome.content, "");
-    ASSERT_EQ(outcome.answer.layers.size(), 1U);
-    EXPECT_EQ(outcome.answer.layers.front().detail, "the encrypted content is not in the message");
+    expectUnsupported(outcomeOf(mailWith(structure.get(), encryptedEntity)),
+                      "the encrypted content is not in the message");
 }
 
 TEST(SMimeOtherContents, NobodySignedIt) {
