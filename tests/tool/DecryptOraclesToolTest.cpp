@@ -82,21 +82,26 @@ TEST_F(DecryptOraclesToolTest, StructuresThatCannotBeOpened) {
 }
 
 TEST_F(DecryptOraclesToolTest, MailsThatCannotBeOpened) {
+    const std::vector<FailingEnvelope> chosen = envelopes();
     for (const bool authenticated : {false, true}) {
-        std::optional<Said> first;
-        for (const FailingEnvelope& envelope : envelopes()) {
-            if (envelope.authenticated != authenticated)
-                continue;
-            const auto ask = [&] { return said({"smime", "decrypt"}, norvtest::mailAround(envelope)); };
-            if (!first) {
-                first = ask();
-                EXPECT_EQ(2, first->status);
-                EXPECT_EQ("", first->out);
-                EXPECT_NE(std::string::npos,
-                          first->err.find("part 1: the message is damaged, or the key is not the right one"))
-                    << first->err;
+        const auto ask = [&](const FailingEnvelope& envelope) {
+            return said({"smime", "decrypt"}, norvtest::mailAround(envelope));
+        };
+        // A content key that is there, and wrong: no random one, which opens a message by luck.
+        const auto certain = std::ranges::find_if(chosen, [&](const FailingEnvelope& envelope) {
+            return envelope.authenticated == authenticated && envelope.name.ends_with("another content key");
+        });
+        ASSERT_NE(chosen.end(), certain);
+        const Said expected = ask(*certain);
+        EXPECT_EQ(2, expected.status);
+        EXPECT_EQ("", expected.out);
+        EXPECT_NE(std::string::npos,
+                  expected.err.find("part 1: the message is damaged, or the key is not the right one"))
+            << expected.err;
+        for (const FailingEnvelope& envelope : chosen) {
+            if (envelope.authenticated == authenticated) {
+                EXPECT_EQ(expected, norvtest::expectedOrLast([&] { return ask(envelope); }, expected)) << envelope.name;
             }
-            EXPECT_EQ(*first, norvtest::expectedOrLast(ask, *first)) << envelope.name;
         }
     }
 }
@@ -113,11 +118,13 @@ protected:
         command.emplace_back("--in");
         command.insert(command.end(), files.begin(), files.end());
         const Answer answer = tool(command);
-        EXPECT_EQ(1U, interop::linesOf(answer.err).size()) << answer.err; // how many of them failed
         std::vector<json> lines;
         for (const std::string& line : interop::linesOf(answer.out))
             lines.push_back(json::parse(line));
         EXPECT_EQ(files.size(), lines.size());
+        // How many of them failed; nothing where a random key opened the only one.
+        const bool failed = std::ranges::any_of(lines, [](const json& line) { return line["exitCode"] != 0; });
+        EXPECT_EQ(failed ? 1U : 0U, interop::linesOf(answer.err).size()) << answer.err;
         for (std::size_t at = 0; at != lines.size() && at != files.size(); ++at) {
             EXPECT_EQ(files[at], lines[at]["file"]);
             lines[at].erase("file");

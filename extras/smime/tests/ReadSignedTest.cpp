@@ -192,7 +192,8 @@ TEST(SMimeRead, AnAmbiguousMessageIsNotGood) {
     EXPECT_EQ(covered.answer.oddities.size(), 1U);
 }
 
-// Readers that end lines at a CR, or leave NUL bytes out, see another message, whatever is signed.
+// Readers that end lines at a CR, leave NUL bytes out, or end the header at a line that is no field, see another message,
+// whatever is signed.
 TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
     const std::string mail = signedBy(alice(), plainEntity, detached);
     const std::string boundary = boundaryOf(mail);
@@ -201,7 +202,8 @@ TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
     for (const std::string& header :
          {std::string("X: y\rContent-Type: text/html\r\n"), std::string("X: y\r\rtext\r\n"),
           std::string("X: y\r\n\rtext\r\n"), "Content-" + std::string(1, '\0') + "Type: text/html\r\n",
-          "X: y\r\n" + std::string(1, '\0') + "\r\n", std::string("X: y\rcontent-type : text/html\r\n")}) {
+          "X: y\r\n" + std::string(1, '\0') + "\r\n", std::string("X: y\rcontent-type : text/html\r\n"),
+          std::string("Please pay.\r\n"), std::string(": y\r\n"), std::string("X: y\r\nFrom mallory\r\n")}) {
         const Outcome outcome = outcomeOf(mailOf(header + mail));
         EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << header;
         EXPECT_THAT(outcome.answer.detail, HasSubstr("a line that others may take for"));
@@ -218,6 +220,9 @@ TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
         EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << outcome.answer.detail;
         EXPECT_THAT(outcome.answer.detail, AnyOf(HasSubstr("begin with the boundary"), HasSubstr("begin behind a CR")));
     }
+    EXPECT_EQ(outcomeOf(" Please: pay.\r\n" + mailOf(mail)).answer.verdict, Verdict::damaged);
+    EXPECT_EQ(outcomeOf("From anna Mon Nov 23 12:00:00 2026\r\n" + mailOf(mail)).answer.verdict, Verdict::signatureGood)
+        << "as in a mailbox file";
     // What is signed is its sender's, and a CR alone says nothing.
     const std::string odd = "X: y\rContent-Type: text/html\r\n" + plainEntity + "x\r--b\rz\r\n";
     EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), odd, detached))).answer.verdict, Verdict::signatureGood);

@@ -4,6 +4,7 @@
 using namespace smimetest;
 using interop::alice;
 using interop::bob;
+using testing::Contains;
 using testing::ElementsAre;
 namespace Trust = Norvane::Crypto::Trust;
 
@@ -136,7 +137,10 @@ TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
     for (const std::string& line :
          {std::string(" From: boss@example.org\r\n"), "Fro" + nul + "m: boss@example.org\r\n",
           std::string("X: y\rFrom: boss@example.org\r\n"), std::string("X: y\rZ: \rfrom : boss@example.org\r\n")}) {
-        EXPECT_EQ(judged(signedMail(line + "From: alice@example.org")).answer.verdict, Verdict::refused) << line;
+        const Outcome outcome = judged(signedMail(line + "From: alice@example.org"));
+        const bool isField = line.starts_with("X: ");
+        EXPECT_EQ(outcome.answer.verdict, isField ? Verdict::refused : Verdict::damaged) << line;
+        EXPECT_THAT(outcome.answer.from, Contains("not readable: a line that others may take for a From")) << line;
     }
     for (const char* const line : {"From alice@example.org Sun Nov 22 11:07:48 2026\r\n", "X: y\r\n From: folded\r\n"})
         EXPECT_EQ(judged(signedMail(line + std::string("From: alice@example.org"))).answer.verdict, Verdict::accepted);

@@ -25,4 +25,8 @@ using GmimeText = std::unique_ptr<char, GmimeFreeing>;
 /// Starts the library, once in a process. It is never ended: others in the process may use it.
 void startGmime();
 
+/// Whether parameters may be given to GMime to encode. With a name of 70 to 72 octets and a long value, GMime 3.2.13 never ends
+/// and takes all memory; with one a little shorter, it repeats the name for each few octets of the value.
+[[nodiscard]] bool haveShortNames(GMimeParamList* parameters) noexcept;
+
 } // namespace Norvane::Crypto::SMime::mime

@@ -15,8 +15,10 @@ std::string textOf(const char* text) {
     return text == nullptr ? "" : text;
 }
 
-/// The options under which unquoted values with blanks and signs are read as their senders meant them.
+/// The options under which unquoted values with blanks and signs are read as their senders meant them. All that is read here is
+/// read under them, so this starts the library.
 GmimeOptions lenient() {
+    startGmime();
     GmimeOptions options(g_mime_parser_options_new());
     g_mime_parser_options_set_parameter_compliance_mode(options.get(), GMIME_RFC_COMPLIANCE_LOOSE);
     g_mime_parser_options_set_address_compliance_mode(options.get(), GMIME_RFC_COMPLIANCE_LOOSE);
@@ -172,7 +174,6 @@ ContentType contentTypeOf(const Header& header) {
     result.oddity = oddityOf(header, "Content-Type");
     if (!isUsable(*value))
         return result;
-    startGmime();
     const std::string inOrder = withFirstSegmentsFirst(*value);
     const GmimeObject<GMimeContentType> parsed(g_mime_content_type_parse(lenient().get(), inOrder.c_str()));
     if (!parsed)
@@ -200,7 +201,6 @@ std::string fileNameOf(const Header& header, const ContentType& type) {
     const std::string value = header.first("Content-Disposition").value_or("");
     if (value.empty() || !isUsable(value))
         return type.name;
-    startGmime();
     const GmimeObject<GMimeContentDisposition> parsed(
         g_mime_content_disposition_parse(lenient().get(), withFirstSegmentsFirst(value).c_str()));
     if (!parsed)
@@ -246,7 +246,6 @@ Addresses addressesOf(const Header& header, std::string_view name) {
             result.isReadable = false;
             continue;
         }
-        startGmime();
         const GmimeObject<InternetAddressList> list(internet_address_list_parse(lenient().get(), value.c_str()));
         const std::size_t before = result.mailboxes.size();
         if (!list || !collect(list.get(), value, result.mailboxes) ||
@@ -259,7 +258,6 @@ Addresses addressesOf(const Header& header, std::string_view name) {
 std::string decodedText(const std::string& value) {
     if (!isUsable(value))
         return value.substr(0, std::min(value.find('\0'), maximumValue));
-    startGmime();
     const GmimeText text(g_mime_utils_header_decode_text(lenient().get(), value.c_str()));
     if (!text)
         return value;

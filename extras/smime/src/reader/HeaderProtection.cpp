@@ -98,6 +98,15 @@ bool hasHidden(const Header& header, std::string_view wanted) {
     return found > header.count(wanted);
 }
 
+/// Whether a line is there that is no field, at which many begin the body. That of a mailbox file is known to all.
+bool hasOtherLines(const Header& header) {
+    const auto isOther = [&](const Header::Field& field) {
+        const bool isOfMailbox = field.begin == 0 && header.octetsOf(field).starts_with("From ");
+        return header.nameOf(field).empty() && !isOfMailbox;
+    };
+    return std::ranges::any_of(header.fields(), isOther);
+}
+
 /// A field with line ends like those of the header that it goes to.
 mime::WipedText withLineEnds(std::string_view field, bool isCrLf) {
     mime::WipedText result;
@@ -125,7 +134,7 @@ bool isStructural(std::string_view name) {
 std::string ambiguousLineIn(const Header& header) {
     if (hasHidden(header, "Content-Type"))
         return "a line that others may take for a Content-Type";
-    bool endsEarly = false;
+    bool endsEarly = hasOtherLines(header);
     eachLineOfOthers(header,
                      [&](std::string_view line, bool isLast) { endsEarly = endsEarly || (line.empty() && !isLast); });
     return endsEarly ? "a line that others may take for the end of the header" : "";

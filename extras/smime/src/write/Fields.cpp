@@ -96,8 +96,25 @@ bool saysAll(const std::string& field, const std::string& name, const std::strin
     return bare(decoded.get()) == bare(name + ':' + value);
 }
 
-/// The field as GMime writes it: each in the way of its kind.
+bool hasParameters(std::string_view name) {
+    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
+}
+
+bool canBeWritten(const std::string& name, const std::string& value) {
+    if (mime::isSameName(name, "Content-Type")) {
+        const mime::GmimeObject<GMimeContentType> type(g_mime_content_type_parse(nullptr, value.c_str()));
+        return mime::haveShortNames(g_mime_content_type_get_parameters(type.get()));
+    }
+    const mime::GmimeObject<GMimeContentDisposition> disposition(
+        g_mime_content_disposition_parse(nullptr, value.c_str()));
+    return mime::haveShortNames(g_mime_content_disposition_get_parameters(disposition.get()));
+}
+
+/// The field as GMime writes it: each in the way of its kind. Empty for one that it cannot be given.
 std::string encodedByKind(const std::string& name, const std::string& value) {
+    if (hasParameters(name) && !canBeWritten(name, value)) {
+        return "";
+    }
     const mime::GmimeObject<GMimeHeaderList> list(g_mime_header_list_new(nullptr));
     g_mime_header_list_append(list.get(), name.c_str(), value.c_str(), "utf-8");
     const mime::GmimeText text(g_mime_header_list_to_string(list.get(), nullptr));
@@ -107,10 +124,6 @@ std::string encodedByKind(const std::string& name, const std::string& value) {
 std::string encodedAsText(const std::string& name, const std::string& value) {
     const mime::GmimeText text(g_mime_utils_header_encode_text(nullptr, value.c_str(), "utf-8"));
     return newField(name, text.get());
-}
-
-bool hasParameters(std::string_view name) {
-    return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
 
 /// Whether readers still find the parts of a multipart: GMime takes a boundary like "=?utf-8?q?a?=" for an encoded word, and one
@@ -129,7 +142,8 @@ std::string encoded(const std::string& name, const std::string& value) {
         byKind = encodedByKind(name, utf8);
         if (!isSevenBit(byKind) || !allFit(byKind)) {
             byKind.clear();
-        } else if (hasParameters(name) ? keepsParts(byKind, name, utf8) : saysAll(byKind, name, utf8)) {
+        }
+        if (!byKind.empty() && (hasParameters(name) ? keepsParts(byKind, name, utf8) : saysAll(byKind, name, utf8))) {
             return byKind;
         }
     }

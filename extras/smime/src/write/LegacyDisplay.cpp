@@ -192,6 +192,9 @@ std::string legacyType(const std::string& field, const LegacyDisplay& legacy) {
     } else if (legacy.becomesUtf8) {
         const mime::GmimeObject<GMimeContentType> parsed(
             g_mime_content_type_parse(nullptr, readAgain(field).first("Content-Type").value_or("").c_str()));
+        if (!mime::haveShortNames(g_mime_content_type_get_parameters(parsed.get()))) {
+            return "";
+        }
         g_mime_content_type_set_parameter(parsed.get(), "charset", "utf-8");
         const mime::GmimeText text(g_mime_content_type_encode(parsed.get(), nullptr));
         changed = innerField("Content-Type", std::string(" ") + (text ? text.get() : ""), "the message");

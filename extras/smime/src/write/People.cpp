@@ -18,6 +18,11 @@ namespace {
 /// GMime goes down a level of the stack for each group that begins within another one, which no sound field does.
 constexpr std::ptrdiff_t mostColons = 1000;
 
+mime::GmimeObject<InternetAddressList> parsed(const std::string& value) {
+    mime::startGmime();
+    return mime::GmimeObject<InternetAddressList>(internet_address_list_parse(nullptr, value.c_str()));
+}
+
 void collect(InternetAddressList* list, std::vector<EmailAddress>& addresses, std::vector<std::string>& others) {
     for (int index = 0; index < internet_address_list_length(list); ++index) {
         InternetAddress* const address = internet_address_list_get_address(list, index);
@@ -44,9 +49,7 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
         const bool isReadable = std::ranges::count(value, ':') <= mostColons && value.find('\0') == std::string::npos;
         // Nothing where it is not clear: of "a@b@c" GMime reads "a@b", and another reader might not.
         const std::optional<std::size_t> count = isReadable ? mime::countAddresses(value) : std::nullopt;
-        mime::startGmime();
-        const mime::GmimeObject<InternetAddressList> list(count ? internet_address_list_parse(nullptr, value.c_str())
-                                                                : nullptr);
+        const mime::GmimeObject<InternetAddressList> list = count ? parsed(value) : nullptr;
         const std::size_t before = addresses.size();
         const std::size_t othersBefore = others.size();
         if (list) {
@@ -62,8 +65,7 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
 
 /// The address with A-labels as GMime reads it: with U-labels.
 std::string withULabels(const std::string& address) {
-    mime::startGmime();
-    const mime::GmimeObject<InternetAddressList> list(internet_address_list_parse(nullptr, address.c_str()));
+    const mime::GmimeObject<InternetAddressList> list = parsed(address);
     InternetAddress* const one = list && internet_address_list_length(list.get()) == 1
                                      ? internet_address_list_get_address(list.get(), 0)
                                      : nullptr;

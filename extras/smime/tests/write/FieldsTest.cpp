@@ -153,6 +153,27 @@ TEST(SmimeFieldsTest, KeepsBoundariesForOthersToFind) {
     EXPECT_TRUE(isSevenBit(inside("Content-Type", " text/plain; x-\xc3\xbc=1; charset=utf-8")));
 }
 
+/// GMime never ends with names of 70 to 72 octets, and repeats one that is a little shorter for each few octets of the value.
+TEST(SmimeFieldsTest, GivesGmimeNoParameterWithALongName) {
+    for (const std::size_t length : {std::size_t{41}, std::size_t{69}, std::size_t{70}, std::size_t{71},
+                                     std::size_t{72}, std::size_t{73}, std::size_t{500}}) {
+        for (const std::string& value : {std::string("\xc3\xbc"), "\xc3\xbc" + letters(300), letters(1000)}) {
+            const std::string parameter = letters(length) + "=\"" + value + '"';
+            const std::string type = inside("Content-Type", " application/x; " + parameter + "; charset=utf-8");
+            EXPECT_EQ(readByGmime(type + "\r\nx").parts.at(0).type, "application/x") << length;
+            EXPECT_TRUE(isSevenBit(type)) << length;
+            EXPECT_GT(4 * parameter.size(), type.size()) << length;
+            EXPECT_THAT(inside("Content-Disposition", " attachment; " + parameter),
+                        StartsWith("Content-Disposition: attachment;"));
+        }
+    }
+    const std::string sixteen = letters(16 * 1024);
+    EXPECT_GT(6 * 16 * 1024,
+              inside("Content-Type", " application/x; " + letters(40) + "=\"\xc3\xbc" + sixteen + '"').size());
+    EXPECT_THAT(inside("Content-Type", " application/x; " + letters(40) + "=\"\xc3\xbc\""),
+                HasSubstr(letters(40) + "*="));
+}
+
 /// Of what GMime cannot read as addresses it would leave parts out.
 TEST(SmimeFieldsTest, LeavesNothingOutOfWhatItEncodes) {
     for (const char* const value : {"\xc3\xa4 <eve@example.com", "eve@example.com (\xc3\xa4, bob@example.com",

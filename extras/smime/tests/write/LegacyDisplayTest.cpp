@@ -154,6 +154,9 @@ TEST(SmimeLegacyElementTest, IsToldInTheTypeOfItsText) {
     EXPECT_EQ(mime::contentTypeOf(header).characterSet, "utf-8");
     EXPECT_EQ(mime::contentTypeOf(header).text(), "text/html");
     EXPECT_THAT(changed, testing::HasSubstr("format=flowed"));
+    // GMime never ends with such a name, and is not asked to encode it.
+    EXPECT_EQ(told("text/plain; charset=us-ascii; " + std::string(72, 'n') + "=\"" + std::string(300, 'v') + '"', true),
+              "");
     // Nothing is read behind a quote that is not closed; and the first of two counts.
     for (const char* const value : {"text/plain; charset=\"utf-8", "text/plain; hp-legacy-display=0"}) {
         EXPECT_EQ(told(value), "") << value;
