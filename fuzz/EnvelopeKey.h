@@ -44,10 +44,28 @@ private:
     Norvane::Crypto::NVX509::KeyCertificatePair m_pair = pair();
 };
 
+/// Has a certificate for everybody, too: that of the pair.
+class Everybody : public OneKey {
+public:
+    Norvane::Crypto::NVX509::RefCertificate findEncryptionCertificate(const Norvane::EmailAddress& address) override {
+        return findSigningKey(address)->certificate;
+    }
+};
+
 /// A store that answers every question with that pair.
 inline Norvane::Crypto::NVX509::RefKeyStore envelopeStore() {
     Norvane::Crypto::NVX509::RefKeyStore store(true);
     store->add(Norvane::Crypto::NVX509::RefKeyStorePlugin(new OneKey));
+    return store;
+}
+
+/// Likewise, and with its certificate.
+inline const Norvane::Crypto::NVX509::RefKeyStore& everybody() {
+    static const Norvane::Crypto::NVX509::RefKeyStore store = [] {
+        Norvane::Crypto::NVX509::RefKeyStore made(true);
+        made->add(Norvane::Crypto::NVX509::RefKeyStorePlugin(new Everybody));
+        return made;
+    }();
     return store;
 }
 

@@ -32,6 +32,14 @@ namespace NVX509 = Norvane::Crypto::NVX509;
 
 namespace fuzz {
 
+std::string repeatedText(const std::string& text, std::size_t count) {
+    std::string all;
+    for (std::size_t i = 0; i < count; ++i) {
+        all += text;
+    }
+    return all;
+}
+
 namespace {
 
 Buffer bufferOf(const Bytes& bytes) {
@@ -291,19 +299,11 @@ Prepared file(const std::string& content) {
                     [content = bufferOf(content)] { static_cast<void>(norvcrypt::objectsIn(content)); });
 }
 
-std::string repeated(const std::string& text, std::size_t count) {
-    std::string all;
-    for (std::size_t i = 0; i < count; ++i) {
-        all += text;
-    }
-    return all;
-}
-
 const std::string emptySequence("\x30\x00", 2);
 
 /// Each is a content type without content.
 Prepared smallStructures(std::size_t count) {
-    return file(repeated(std::string("\x30\x05\x06\x03\x2a\x03\x04", 7), count));
+    return file(repeatedText(std::string("\x30\x05\x06\x03\x2a\x03\x04", 7), count));
 }
 
 } // namespace
@@ -340,16 +340,20 @@ const std::vector<Case>& hostileInputs() {
             {"file, blanks behind an object", "blanks", 5000, 1.2,
              [](std::size_t count) { return file(emptySequence + std::string(count, ' ') + "x"); }},
             {"file, empty objects", "objects", 5000, 1.2,
-             [](std::size_t count) { return file(repeated(emptySequence, count)); }},
+             [](std::size_t count) { return file(repeatedText(emptySequence, count)); }},
             {"file, structures of seven octets", "structures", 5000, 1.2, smallStructures},
             {"the same, beyond the limit", "structures", 310000, 1.2, smallStructures},
             {"file, damaged PEM blocks", "blocks", 500, 1.2,
-             [](std::size_t count) { return file(repeated("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count)); }},
+             [](std::size_t count) {
+                 return file(repeatedText("-----BEGIN CMS-----\n!\n-----END CMS-----\n", count));
+             }},
         };
         const std::vector<Case> messages = hostileMessages();
         cases.insert(cases.end(), messages.begin(), messages.end());
         const std::vector<Case> mails = hostileMails();
         cases.insert(cases.end(), mails.begin(), mails.end());
+        const std::vector<Case> writing = hostileWriting();
+        cases.insert(cases.end(), writing.begin(), writing.end());
         return cases;
     }();
     return all;

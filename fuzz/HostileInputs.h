@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace fuzz {
@@ -37,6 +38,9 @@ struct Case {
     double mostGrowth; ///< the exponent by which neither work nor memory may exceed n
     std::function<Prepared(std::size_t)> prepare;
 };
+
+/// A text so many times.
+std::string repeatedText(const std::string& text, std::size_t count);
 
 /// What grows linearly may do so by an exponent of 1.2: what sorts is a little above 1.
 const std::vector<Case>& hostileInputs();

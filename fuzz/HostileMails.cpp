@@ -38,14 +38,6 @@ namespace {
 
 constexpr std::time_t moment = 1798761600; // 1 January 2027
 
-std::string repeated(const std::string& text, std::size_t count) {
-    std::string all;
-    for (std::size_t i = 0; i < count; ++i) {
-        all += text;
-    }
-    return all;
-}
-
 // Mails
 
 Prepared mail(const std::string& text) {
@@ -63,28 +55,28 @@ Prepared mail(const std::string& text) {
 const std::string multipart = "Content-Type: multipart/mixed; boundary=x\r\n\r\n";
 
 Prepared fields(std::size_t count) {
-    return mail(repeated("X: y\r\n", count) + "\r\nbody");
+    return mail(repeatedText("X: y\r\n", count) + "\r\nbody");
 }
 Prepared longField(std::size_t octets) {
     return mail("Subject: " + std::string(octets, 'x') + "\r\n\r\nbody");
 }
 Prepared foldedField(std::size_t lines) {
-    return mail("Content-Type: text/plain" + repeated(";\r\n a=b", lines) + "\r\n\r\nbody");
+    return mail("Content-Type: text/plain" + repeatedText(";\r\n a=b", lines) + "\r\n\r\nbody");
 }
 Prepared encodedWords(std::size_t count) {
-    return mail("Subject: " + repeated("=?utf-8?Q?a?=\r\n ", count) + "\r\n\r\nbody");
+    return mail("Subject: " + repeatedText("=?utf-8?Q?a?=\r\n ", count) + "\r\n\r\nbody");
 }
 Prepared addresses(std::size_t count) {
-    return mail("From: a@b.example" + repeated(",\r\n a@b.example", count) + "\r\n\r\nbody");
+    return mail("From: a@b.example" + repeatedText(",\r\n a@b.example", count) + "\r\n\r\nbody");
 }
 Prepared groups(std::size_t count) {
-    return mail("From: " + repeated("a:", count) + "\r\n\r\nbody");
+    return mail("From: " + repeatedText("a:", count) + "\r\n\r\nbody");
 }
 Prepared parts(std::size_t count) {
-    return mail(multipart + repeated("--x\r\n\r\n\r\n", count) + "--x--\r\n");
+    return mail(multipart + repeatedText("--x\r\n\r\n\r\n", count) + "--x--\r\n");
 }
 Prepared lookalikes(std::size_t count) {
-    return mail(multipart + "--x\r\n\r\n" + repeated("--y\r\n-", count) + "\r\n--x--\r\n");
+    return mail(multipart + "--x\r\n\r\n" + repeatedText("--y\r\n-", count) + "\r\n--x--\r\n");
 }
 Prepared levels(std::size_t count) {
     std::string text;
@@ -95,21 +87,21 @@ Prepared levels(std::size_t count) {
     return mail(text + "\r\nbody");
 }
 Prepared forwarded(std::size_t count) {
-    return mail(repeated("Content-Type: message/rfc822\r\n\r\n", count) + "\r\nbody");
+    return mail(repeatedText("Content-Type: message/rfc822\r\n\r\n", count) + "\r\nbody");
 }
 Prepared structures(std::size_t count) {
     return mail(
         multipart +
-        repeated("--x\r\nContent-Type: application/pkcs7-mime\r\n\r\n" + std::string("\x30\x80") + "\r\n", count) +
+        repeatedText("--x\r\nContent-Type: application/pkcs7-mime\r\n\r\n" + std::string("\x30\x80") + "\r\n", count) +
         "--x--\r\n");
 }
 Prepared base64(std::size_t lines) {
     return mail("Content-Type: application/pkcs7-mime\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
-                repeated(std::string(76, 'M') + "\r\n", lines));
+                repeatedText(std::string(76, 'M') + "\r\n", lines));
 }
 Prepared shortLines(std::size_t lines) {
     return mail("Content-Type: application/pkcs7-mime\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
-                repeated("M\r\n", lines));
+                repeatedText("M\r\n", lines));
 }
 
 // Chains
@@ -273,7 +265,7 @@ Prepared toldRecipients(std::size_t count) {
 // What operators write
 
 Prepared owners(std::size_t count) {
-    const std::string text = repeated("*@b.example\nalice@a.example\n", count);
+    const std::string text = repeatedText("*@b.example\nalice@a.example\n", count);
     return prepared(text.size(), [text] {
         const Norvane::Buffer buffer(text.data(), static_cast<unsigned int>(text.size()), false);
         for (const auto& owner : NVX509::keystore::ownersOf(buffer)) {
@@ -283,7 +275,7 @@ Prepared owners(std::size_t count) {
 }
 /// One pattern on a text that it nearly matches.
 Prepared stars(std::size_t count) {
-    return prepared(3 * count, [pattern = repeated("a*", count) + "b", text = std::string(count, 'a')] {
+    return prepared(3 * count, [pattern = repeatedText("a*", count) + "b", text = std::string(count, 'a')] {
         static_cast<void>(norvmilter::NamePattern(pattern).matches(text + text));
     });
 }
@@ -297,7 +289,7 @@ Prepared configuration(const std::string& text) {
             }};
 }
 Prepared tables(std::size_t count) {
-    return configuration(repeated("[[direction]]\nauthenticated = \"*\"\ndirection = \"outgoing\"\n", count));
+    return configuration(repeatedText("[[direction]]\nauthenticated = \"*\"\ndirection = \"outgoing\"\n", count));
 }
 Prepared arrays(std::size_t count) {
     return configuration("a = " + std::string(count, '['));

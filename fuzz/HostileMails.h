@@ -11,6 +11,8 @@
 namespace fuzz {
 
 std::vector<Case> hostileMails();
+/// Mails on their way out.
+std::vector<Case> hostileWriting();
 
 /// What a message of 1 KB may cost.
 inline constexpr std::size_t smallMessage = 1024;

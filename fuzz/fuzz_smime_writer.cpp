@@ -21,23 +21,6 @@ namespace mime = SMime::mime;
 
 namespace {
 
-/// Has a pair and a certificate for everybody: the same.
-class Everybody : public fuzz::OneKey {
-public:
-    NVX509::RefCertificate findEncryptionCertificate(const Norvane::EmailAddress& address) override {
-        return findSigningKey(address)->certificate;
-    }
-};
-
-const NVX509::RefKeyStore& everybody() {
-    static const NVX509::RefKeyStore store = [] {
-        NVX509::RefKeyStore made(true);
-        made->add(NVX509::RefKeyStorePlugin(new Everybody));
-        return made;
-    }();
-    return store;
-}
-
 /// What the first byte chooses.
 struct Choice {
     explicit Choice(unsigned int bits)
@@ -51,13 +34,13 @@ struct Choice {
 };
 
 std::vector<SMime::Wrapping> shellsOf(const Choice& choice) {
-    static const NVX509::KeyCertificatePair pair = everybody()->findSigningKey(Norvane::EmailAddress());
+    static const NVX509::KeyCertificatePair pair = fuzz::everybody()->findSigningKey(Norvane::EmailAddress());
     SMime::SignOptions signing;
     signing.form = choice.opaque ? SMime::SigningForm::opaque : SMime::SigningForm::multipartSigned;
     SMime::EncryptOptions encrypting;
     if (choice.byAddress) {
-        signing.keys = everybody();
-        encrypting.keys = everybody();
+        signing.keys = fuzz::everybody();
+        encrypting.keys = fuzz::everybody();
         encrypting.addressesOfMessage = true;
     } else {
         signing.signers.emplace_back(pair);
@@ -88,7 +71,7 @@ struct Outcome {
 };
 
 Outcome outcomeOf(const std::string& mail) {
-    static const CMS::KeyStoreLookup keys(everybody());
+    static const CMS::KeyStoreLookup keys(fuzz::everybody());
     SMime::ReadOptions options;
     options.keys = &keys;
     options.listParts = true;
