@@ -16,6 +16,9 @@ namespace {
 const std::string signBody = std::string(norvtest::programDirectory) + "sign_body";
 const std::string encryptBody = std::string(norvtest::programDirectory) + "encrypt_body";
 const std::string decryptBody = std::string(norvtest::programDirectory) + "decrypt_body";
+const std::string signStream = std::string(norvtest::programDirectory) + "sign_stream";
+const std::string verifyStream = std::string(norvtest::programDirectory) + "verify_stream";
+const std::string readMail = std::string(norvtest::programDirectory) + "read_mail";
 
 TEST(ExampleTest, SignBodySignsWhatOpenSslVerifies) {
     const Workspace work;
@@ -70,6 +73,68 @@ TEST(ExampleTest, SignBodyTellsWhyItFails) {
     EXPECT_EQ(1, answer.status);
     EXPECT_EQ("", answer.out);
     EXPECT_NE(std::string::npos, answer.err.find("Private key does not match certificate")) << answer.err;
+}
+
+TEST(ExampleTest, SignStreamSignsWhatOpenSslAndVerifyStreamAccept) {
+    const Workspace work;
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("bob.pem", bob().certificate.pem());
+    work.write("root.pem", root().certificate.pem());
+    const std::string body = sampleBody() + std::string(200000, 'x');
+    work.write("body", body);
+    const Answer made =
+        run({.arguments = {signStream, "alice.pem", "alice.key"}, .input = body, .directory = work.directory()});
+    ASSERT_EQ(0, made.status) << made.err;
+    work.write("body.p7s", made.out);
+    const Answer judged =
+        run({.arguments = {"openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in", "body.p7s", "-content",
+                           "body", "-CAfile", "root.pem", "-out", "/dev/null"},
+             .directory = work.directory()});
+    EXPECT_EQ(0, judged.status) << judged.err;
+    const auto verified = [&](const std::string& certificate, const std::string& content) {
+        return run(
+            {.arguments = {verifyStream, certificate, "body.p7s"}, .input = content, .directory = work.directory()});
+    };
+    EXPECT_EQ(0, verified("alice.pem", body).status);
+    EXPECT_EQ(1, verified("alice.pem", body + "x").status);
+    EXPECT_EQ(1, verified("bob.pem", body).status);
+    EXPECT_EQ(2, verified("none.pem", body).status);
+    work.write("body.p7s", std::string("none"));
+    EXPECT_EQ(2, verified("alice.pem", body).status);
+    EXPECT_EQ(2, run({.arguments = {signStream}}).status);
+    EXPECT_EQ(2, run({.arguments = {verifyStream}}).status);
+}
+
+TEST(ExampleTest, ReadMailWritesWhatItsSenderSigned) {
+    const Workspace work;
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("root.pem", root().certificate.pem());
+    work.write("body", std::string("Content-Type: text/plain\r\n\r\nhello\r\n"));
+    const Answer made = run({.arguments = {"openssl", "cms", "-sign", "-in", "body", "-signer", "alice.pem", "-inkey",
+                                           "alice.key", "-from", "alice@example.org", "-out", "mail"},
+                             .directory = work.directory()});
+    ASSERT_EQ(0, made.status) << made.err;
+    const auto read = [&](const std::string& roots, const std::string& mail) {
+        return run({.arguments = {readMail, roots, mail}, .directory = work.directory()});
+    };
+    const Answer good = read("root.pem", "mail");
+    EXPECT_EQ(0, good.status) << good.err;
+    EXPECT_EQ("Content-Type: text/plain\r\n\r\nhello\r\n", good.out);
+    std::string changed = work.read("mail");
+    changed.replace(changed.find("hello"), 5, "hullo");
+    work.write("changed", changed);
+    for (const Answer& refused : {read("root.pem", "changed"), read("alice.key", "mail"), read("root.pem", "none")}) {
+        EXPECT_EQ(1, refused.status);
+        EXPECT_EQ("", refused.out);
+        EXPECT_NE("", refused.err);
+    }
+    const Answer full =
+        run({.arguments = {readMail, "root.pem", "mail"}, .outputFile = "/dev/full", .directory = work.directory()});
+    EXPECT_EQ(1, full.status);
+    EXPECT_EQ("standard output cannot be written\n", full.err);
+    EXPECT_EQ(2, run({.arguments = {readMail}}).status);
 }
 
 TEST(ExampleTest, EncryptBodyEncryptsWhatOpenSslAndDecryptBodyOpen) {

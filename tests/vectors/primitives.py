@@ -381,7 +381,7 @@ def headers(path):
         if re.match(r"rsa_(oaep|pkcs1)_", path.name) and valid:
             clear, secret, *label, private = strings
             if any(label):
-                continue  # RFC 3560 has no place for one in a message
+                continue  # oaep_algorithm writes none
             algorithm = RSA
             if "oaep" in path.name:
                 algorithm = oaep_algorithm(*(f"sha{one}" for one in re.search(r"sha(\d+)_mgf1sha(\d+)", path.name).groups()))

@@ -95,9 +95,13 @@ TEST_F(DirectoryKeyStoreHostileTest, GarbageInEveryFileIsReportedAndNothingElseH
             m_store.file("x/" + broken, content);
             const auto store = open();
             EXPECT_EQ(signerFor(store, "a@good.example"), "good");
+            bool isReported = false;
             for (const auto& problem : store->contents()->problems) {
                 EXPECT_EQ(problem.folder, "x");
+                isReported |= problem.file == broken;
             }
+            // A few bytes may leave a file one that can be read, and the one byte of the first round is a pattern.
+            EXPECT_TRUE(isReported || round % 3 != 0 || (round == 0 && broken == "owners.txt")) << round << broken;
         }
     }
 }

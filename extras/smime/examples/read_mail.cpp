@@ -42,6 +42,10 @@ bool readMail(const std::string& roots, const std::string& mail) {
     }
     MediaOut out(makeReference<StandardOut, MediaOutImpl>());
     content.in().write(out);
+    if (!std::cout.flush()) {
+        std::cerr << "standard output cannot be written\n";
+        return false;
+    }
     return true;
 }
 

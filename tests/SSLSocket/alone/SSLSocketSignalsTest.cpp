@@ -41,7 +41,8 @@ protected:
         const itimerval never{};
         setitimer(ITIMER_REAL, &never, nullptr);
         sigaction(SIGALRM, &m_before, nullptr);
-        EXPECT_GT(s_signals, 5);
+        // How many is the system's to say: it makes one of those that come before the thread runs again.
+        EXPECT_GT(s_signals, 0);
     }
 
 private:

@@ -138,8 +138,12 @@ TEST(MilterFront, WhileStoppingWhatIsInHandIsFinishedAndNothingBegins) {
     asking.message();
     bench.front().drain();
     EXPECT_FALSE(bench.front().isDrained());
+    const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(SMFIS_CONTINUE, asking.end());
-    EXPECT_FALSE(bench.front().isDrained()) << "the answer is on its way";
+    const bool isDrained = bench.front().isDrained();
+    // A busy machine may have taken as long as the answer has.
+    const bool isLate = std::chrono::steady_clock::now() - before >= std::chrono::milliseconds(300);
+    EXPECT_TRUE(!isDrained || isLate) << "the answer is on its way";
     EXPECT_EQ(SMFIS_TEMPFAIL, asking.sender("<a@a.example>"));
     Asking late(bench);
     late.negotiate();

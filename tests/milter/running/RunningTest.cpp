@@ -5,8 +5,10 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <sys/stat.h>
@@ -18,6 +20,19 @@ using norvtest::MilterAnswer;
 using norvtest::MilterPeer;
 using norvtest::MilterRunning;
 using testing::HasSubstr;
+
+namespace {
+
+/// Whether a process is at work. One whose parent ended may stay in the table after its end, where nobody asks for its status: the
+/// first process of a container often does not.
+bool isRunning(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t name = text.rfind(") ");
+    return name != std::string::npos && text[name + 2] != 'Z' && text[name + 2] != 'X';
+}
+
+} // namespace
 
 TEST_F(MilterRunning, MailPassesMessageByMessage) {
     start();
@@ -323,9 +338,9 @@ TEST_F(MilterRunning, AWorkerWithoutASupervisorEnds) {
     const pid_t last = worker();
     daemon().signal(SIGKILL);
     EXPECT_EQ(128 + SIGKILL, daemon().end());
-    for (int i = 0; i < 1000 && ::kill(last, 0) == 0; ++i)
+    for (int i = 0; i < 1000 && isRunning(last); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_NE(0, ::kill(last, 0));
+    EXPECT_FALSE(isRunning(last));
     // What it left behind does not keep the next one from starting.
     EXPECT_TRUE(std::filesystem::exists(socket()));
     start();
@@ -348,14 +363,14 @@ TEST_F(MilterRunning, AWorkerWithoutASupervisorTakesNothingMore) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     ASSERT_TRUE(isClosed);
-    EXPECT_EQ(0, ::kill(last, 0)) << "it has a message in hand";
+    EXPECT_TRUE(isRunning(last)) << "it has a message in hand";
     start(keys);
     expectMailPasses("NEXT");
     EXPECT_TRUE(peer.body("hello\r\n"));
     EXPECT_EQ('c', peer.end().kind);
-    for (int i = 0; i < 1000 && ::kill(last, 0) == 0; ++i)
+    for (int i = 0; i < 1000 && isRunning(last); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_NE(0, ::kill(last, 0));
+    EXPECT_FALSE(isRunning(last));
     EXPECT_EQ(0, stop());
 }
 

@@ -78,6 +78,11 @@ using testing::IsEmpty;
 
 class DirectoryKeyStoreReloadTest : public DirectoryKeyStoreTest {
 protected:
+    /// While it lives, what is read was always just written, and is read again: however long the machine takes from one to the other.
+    struct JustWritten {
+        const During<std::time_t> earlier{norvtest::secondsAhead, -60};
+    };
+
     void TearDown() override {
         s_onOpen = nullptr;
         DirectoryKeyStoreTest::TearDown();
@@ -160,6 +165,7 @@ TEST_F(DirectoryKeyStoreReloadTest, WhenItFailsAsAWholeTheOldContentServesOn) {
 
 // Going on would take every identity away that nothing is wrong with.
 TEST_F(DirectoryKeyStoreReloadTest, WhenDescriptorsOrMemoryRunOutItFailsAsAWhole) {
+    const JustWritten justWritten;
     m_store.add("a", "*@a.example\n");
     const auto store = open(Reading::ahead);
     for (const int error : {EMFILE, ENFILE, ENOMEM}) {
@@ -179,6 +185,7 @@ TEST_F(DirectoryKeyStoreReloadTest, WhenTheDirectoryCannotBeListedToItsEndItFail
 }
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatCannotBeReadToItsEndIsReported) {
+    const JustWritten justWritten;
     m_store.add("a", "*@a.example\n");
     const auto store = open(Reading::ahead);
     {
@@ -197,6 +204,7 @@ TEST_F(DirectoryKeyStoreReloadTest, ReadingThatASignalInterruptsGoesOn) {
 }
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatGrowsOrShrinksWhileItIsReadIsReported) {
+    const JustWritten justWritten;
     m_store.add("a", "*@a.example\n");
     const auto store = open(Reading::ahead);
     for (const long difference : {1L, -1L}) {
@@ -207,6 +215,7 @@ TEST_F(DirectoryKeyStoreReloadTest, AFileThatGrowsOrShrinksWhileItIsReadIsReport
 }
 
 TEST_F(DirectoryKeyStoreReloadTest, FoldersAndFilesThatVanishDuringTheLoadAreReportedAndTheOthersServe) {
+    const JustWritten justWritten;
     for (const char* name : {"a", "b", "c"}) {
         m_store.add(name, "*@" + std::string(name) + ".example\n");
     }

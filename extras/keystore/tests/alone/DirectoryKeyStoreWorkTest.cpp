@@ -386,7 +386,7 @@ TEST_F(DirectoryKeyStoreWorkTest, AKeyThatCannotBeExaminedForAMomentIsNotTakenFo
 
 // A second change in the same tick of the file system's clock leaves the times as they are.
 TEST_F(DirectoryKeyStoreWorkTest, WhatWasWrittenJustBeforeItWasReadIsReadAgain) {
-    const During<std::time_t> now(norvtest::secondsAhead, 0);
+    const During<std::time_t> now(norvtest::secondsAhead, -60); // however long the machine takes in between
     m_store.add("x", "x@example.com\n");
     const auto store = open();
     EXPECT_EQ(signerFor(store, "x@example.com"), "x");
