@@ -188,6 +188,8 @@ struct WriteOptions {
 ///           is not 7-bit ...", "the part at 1.2 is a multipart without any part, ..." (for a signature beside it alone). The
 ///           message is at 1, its parts are at 1.1, 1.2, as the reader counts them
 ///         - "the header of the part at 1.2 has a line that is no field and not 7-bit text with short lines: ..." (likewise)
+///         - "the header of the message has a line that is no field, at which many readers begin the body". The first line of a
+///           mailbox file ("From ") is none of these
 ///         - "the header of the part at 1.2 has more than 262144 octets" and so on for all of `WriteBudget`
 ///         - "the field Content-ID of the part at 1.2 has a line of 1200 characters that cannot be folded"
 ///         - with header protection: "the header of a message that is signed or encrypted already cannot be protected: sign and

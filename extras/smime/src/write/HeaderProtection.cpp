@@ -39,12 +39,19 @@ std::string hidden(std::string_view name, const std::string& field) {
     return isSameName(name, "Comments") || isSameName(name, "Keywords") ? std::string() : field;
 }
 
-/// As it is sent outside. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not describe
+/// As it is sent outside. A line that is no field then is refused: many readers, relays among them, take it for the first of the body. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not describe
 /// the body a second time.
 std::string outside(const mime::Header& header, const mime::Header::Field& field) {
     std::string text = outerField(header.octetsOf(field));
-    const bool isOfBody = begins(text, "Content-") || begins(text, "MIME-Version");
-    return isOfBody ? std::string() : text;
+    if (begins(text, "Content-") || begins(text, "MIME-Version")) {
+        return "";
+    }
+    const mime::Header written = readAgain(text);
+    const bool isOfMailbox = field.begin == 0 && text.starts_with("From ");
+    if (!written.fields().empty() && written.nameOf(written.fields().front()).empty() && !isOfMailbox) {
+        fail("the header of the message has a line that is no field, at which many readers begin the body");
+    }
+    return text;
 }
 
 /// The field as it stands inside and, unless it is hidden, outside: in 7 bits, so that both are the same.

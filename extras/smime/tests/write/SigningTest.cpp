@@ -111,13 +111,30 @@ TEST(SmimeSigningTest, LeavesAByteOrderMarkOut) {
 
 // It would stand as an empty line in front of the fields that say what the message is.
 TEST(SmimeSigningTest, LeavesOutAReturnThatAHeaderWithoutBodyEndsWith) {
-    for (const char* const end : {"xyz\r\n\r", "\r", "xyz\r\n \r\n\r"}) {
+    for (const char* const end : {"X: yz\r\n\r", "\r", "X: yz\r\n \r\n\r"}) {
         const std::string mail =
             wrapped(std::string("From: alice@example.org\r\n") + end, {signedBy({&person("alice")})});
         EXPECT_EQ(mail.find("\r\n\r\n"), mail.find("\r\n\r\n", mail.find("Content-Type: multipart/signed"))) << mail;
         MemoryMediaOut content;
         EXPECT_EQ(SMime::read(MemoryMediaIn(mail), content, {}).verdict, SMime::Verdict::signatureGood) << mail;
     }
+}
+
+// Many readers, and relays, take such a line for the first one of the body, and what is behind it for text.
+TEST(SmimeSigningTest, RefusesAHeaderWithALineThatIsNoField) {
+    for (const char* const line :
+         {"Please pay.\n", ": y\n", "X: y\nFrom mallory\n", "X y\n folded: z\n", "\xc3\xa4: y\n"}) {
+        for (const bool protects : {false, true}) {
+            SMime::WriteOptions how;
+            how.protectHeader = protects;
+            const std::string text = line + std::string("From: alice@example.org\n\nx");
+            EXPECT_THAT(refusalOf(text, {signedBy({&person("alice")})}, how),
+                        HasSubstr("the header of the message has a line that is no field"))
+                << line;
+        }
+    }
+    EXPECT_THAT(refusalOf(" X: y\nFrom: alice@example.org\n\nx", {signedBy({&person("alice")})}),
+                HasSubstr("a line that is no field"));
 }
 
 // It would be a second one outside, and the message none that is signed.
