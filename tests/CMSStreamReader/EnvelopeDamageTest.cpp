@@ -141,6 +141,12 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
     const auto wrapped = std::ranges::search(changed, Bytes{0x04, 0x82, 0x01, 0x00}); // 256 octets
     ASSERT_FALSE(wrapped.empty());
     wrapped.begin()[100] ^= 1U;
+    // A content key that opens, and that the cipher does not take.
+    const Bytes odd =
+        envelope({.recipients = {context(2, der::concat({der::integer("4"), der::sequence({der::octetString({1})}),
+                                                         der::sequence({der::oid("2.16.840.1.101.3.4.1.45")}),
+                                                         der::octetString(aesWrapped(Bytes(32, 1), Bytes(24, 2)))}))},
+                  .content = contentElement(encryptedContent(bodyOf(40)))});
     struct Case {
         const char* name;
         Bytes message;
@@ -154,6 +160,7 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
         {"ECDH", made(toCertificate(onCurve())), of(other), 1000},
         {"OAEP", made(oaep), of(bob()), 500},
         {"OAEP, changed", changed, withKeys({&alice()}), 1000},
+        {"a content key of another length", odd, withSecretKey(Bytes(32, 1)), 4000},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
