@@ -124,8 +124,9 @@ void SignedCertificates::findKeyIdentifiers() {
     }
 }
 
-/// Whether the names are equal as RFC 5280, 7.1 compares them. `issuer` is the signer's, once it was decoded.
-bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, openssl::NamePtr& issuer) {
+/// Whether the names are equal as RFC 5280, 7.1 compares them. `issuer` is the signer's, once it was decoded: null when it is none,
+/// which is found out as slowly as what it is.
+bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, std::optional<openssl::NamePtr>& issuer) {
     if (std::ranges::equal(entry.issuer, signer.issuer)) {
         return true;
     }
@@ -133,10 +134,11 @@ bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, opens
         entry.issuerDecoded = true;
         entry.issuerName = openssl::distinguishedNameOf(entry.issuer);
     }
-    if (issuer == nullptr) {
+    if (!issuer) {
         issuer = openssl::distinguishedNameOf(signer.issuer);
     }
-    return issuer != nullptr && entry.issuerName != nullptr && X509_NAME_cmp(issuer.get(), entry.issuerName.get()) == 0;
+    return *issuer != nullptr && entry.issuerName != nullptr &&
+           X509_NAME_cmp(issuer->get(), entry.issuerName.get()) == 0;
 }
 
 const NVX509::RefCertificate& SignedCertificates::decode(Entry& entry) {
@@ -156,7 +158,7 @@ NamedCertificates SignedCertificates::namedBy(const SignerParts& signer) {
         findKeyIdentifiers();
     }
     std::vector<Octets> seen;
-    openssl::NamePtr issuer;
+    std::optional<openssl::NamePtr> issuer;
     for (Entry& entry : m_entries) {
         if (entry.isCopy) {
             continue;

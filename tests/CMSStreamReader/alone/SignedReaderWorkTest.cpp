@@ -318,6 +318,24 @@ TEST(SignedReaderWork, NamesAreDecodedOnceHoweverManySignersThereAre) {
     EXPECT_EQ(message.encodedCertificates().size(), 2501U);
 }
 
+// A name that does not decode shows it only at its end.
+TEST(SignedReaderWork, ANameThatIsNoneIsDecodedOnceHoweverManyCertificatesThereAre) {
+    std::vector<Bytes> certificates;
+    certificates.reserve(1000);
+    for (int number = 0; number < 1000; ++number) {
+        certificates.push_back(
+            certificateLike(norvauthority::Name{{"CN", "not " + std::to_string(number)}}.der(), "a11ce"));
+    }
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    const Bytes entry = der::sequence({der::oid("2.5.4.3"), der::element(0x0C, {'a'})});
+    signer.name =
+        der::sequence({der::sequence({der::set({entry}), der::set({der::octetString({1})})}), der::integer("a11ce")});
+    const SignatureReport report = countedReport(messageBy({signer.made(body())}, certificates).made());
+    EXPECT_EQ(report.signers.front().reason, SignatureReason::certificateMissing);
+    EXPECT_LE(s_names, 1001);
+}
+
 TEST(SignedReaderWork, CostlyCertificatesAreNotDecoded) {
     Bytes curve = certificateLike(identities().authority.name.der(), "a11ce");
     // The parts of a certificate up to a key on a curve that is spelled out.
