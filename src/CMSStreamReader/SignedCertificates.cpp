@@ -89,15 +89,14 @@ void SignedCertificates::list() {
     if (m_listed) {
         return;
     }
-    m_listed = true;
+    std::vector<Entry> entries;
     Elements all(m_octets);
     for (auto element = all.next(); element; element = all.next()) {
         if (!element->isUniversal(framing::sequence)) {
             continue; // an attribute certificate, or one of another format
         }
-        if (m_entries.size() == openssl::mostPublicKeys) {
-            m_tooMany = true;
-            m_entries.clear();
+        if (entries.size() == openssl::mostPublicKeys) {
+            m_listed = m_tooMany = true;
             return;
         }
         Entry entry;
@@ -106,8 +105,10 @@ void SignedCertificates::list() {
             entry.issuer = names->issuer;
             entry.serialNumber = names->serialNumber;
         }
-        m_entries.push_back(std::move(entry));
+        entries.push_back(std::move(entry));
     }
+    m_entries = std::move(entries); // all of them, or none when there is no memory
+    m_listed = true;
 }
 
 bool SignedCertificates::areTooMany() {
@@ -131,8 +132,8 @@ bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, std::
         return true;
     }
     if (!entry.issuerDecoded) {
-        entry.issuerDecoded = true;
         entry.issuerName = openssl::distinguishedNameOf(entry.issuer);
+        entry.issuerDecoded = true;
     }
     if (!issuer) {
         issuer = openssl::distinguishedNameOf(signer.issuer);
@@ -143,8 +144,8 @@ bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, std::
 
 const NVX509::RefCertificate& SignedCertificates::decode(Entry& entry) {
     if (!entry.decoded) {
-        entry.decoded = true;
         entry.certificate = NVX509::CertificateFactory().readDER(borrowed(entry.whole));
+        entry.decoded = true;
     }
     return entry.certificate;
 }
