@@ -265,6 +265,23 @@ TEST(SignedReaderWork, ADigestThatDoesNotStartIsUnsupported) {
     expectUnsupported(CMS::verifySignatures(CMS::RefContentInfo(in), bodyIn).signers.front());
 }
 
+// Likewise the digest of a signing certificate attribute: it is no want of memory, and says nothing against the certificate.
+TEST(SignedReaderWork, ADigestOfTheCertificateThatDoesNotStartIsUnsupported) {
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    const Bytes hash = der::octetString(digestOf(identities().rsa.certificate.der, EVP_ripemd160()));
+    signer.attributes->push_back(
+        attribute("1.2.840.113549.1.9.16.2.47",
+                  {der::sequence({der::sequence({der::sequence({algorithm("RIPEMD160"), hash})})})}));
+    const Bytes made = attachedBy(signer, body());
+    EXPECT_EQ(Read(made).verdict().verdict, SignatureVerdict::good);
+    const norvtest::During<int> without(s_withoutDigest, NID_ripemd160);
+    const CMS::SignatureResult result = Read(made).verdict();
+    EXPECT_EQ(result.verdict, SignatureVerdict::unsupported);
+    EXPECT_EQ(result.reason, SignatureReason::digestAlgorithm) << CMS::textOf(result.reason);
+    EXPECT_EQ(result.algorithm, "ripemd160");
+}
+
 TEST(SignedReaderWork, TheSignersOfAMessageShareALimit) {
     // RSA with 16384 bits takes 4 ms with an exponent of 64 bits; none of these signatures is good.
     const Identity slow = namedLikeRsa(publicRsa(16384, 64));
