@@ -205,6 +205,24 @@ TEST(EnvelopeDamage, CiphersWithoutPaddingTakeNoOtherKey) {
     }
 }
 
+// RFC 2268, 6: every length has a number, of which OpenSSL takes three.
+TEST(EnvelopeDamage, Rc2OfAnotherEffectiveKeyLengthIsUnsupported) {
+    const auto with = [](const char* version, std::size_t vectorLength) {
+        const Bytes parameters = der::sequence({der::integer(version), der::octetString(Bytes(vectorLength, 1))});
+        return outcomeOf(envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))},
+                                   .cipher = der::sequence({der::oid("RC2-CBC"), parameters}),
+                                   .content = contentElement(bodyOf(63))}),
+                         From::memory, withKeys({&alice()}));
+    };
+    for (const char* version : {"34", "0100"}) {
+        const Outcome outcome = with(version, 8);
+        EXPECT_EQ(outcome.verdict, Reader::Unsupported);
+        EXPECT_EQ(outcome.unsupported, "RC2-CBC (1.2.840.113549.3.2) with another effective key length");
+    }
+    EXPECT_EQ(with("3a", 8).text, damagedText);
+    EXPECT_EQ(with("34", 7).text, noStructureText);
+}
+
 // Whether PKCS#1 1.5 gave a content key of some odd length is told no more than whether it gave one.
 TEST(EnvelopeDamage, ContentKeysOfAnyLengthLookLikeDamage) {
     for (const char* cipher : {"BF-CBC", "RC2-CBC", "CAST5-CBC", "AES-128-CBC", "AES-128-CFB", "DES-EDE3-CBC", "RC4"}) {
