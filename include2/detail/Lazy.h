@@ -30,16 +30,19 @@ template <class Slot> struct CanBeNull<Slot, std::void_t<decltype(std::declval<c
     : std::true_type {};
 
 /// Answers `slot`, after `fill(slot)` when it is still empty: a null handle, an empty text or an empty list. A `fill`
-/// that has nothing to give leaves the slot unwritten, so that threads that share what was warmed only read it.
+/// that has nothing to give leaves the slot unwritten, so that threads that share what was warmed only read it. Texts and
+/// lists are filled as a whole: what there was no memory for in the middle is not taken for all of it the next time.
 template <class Slot, class Fill> Slot& fillWhenEmpty(Slot& slot, Fill fill) {
-    bool isEmpty = false;
     if constexpr (CanBeNull<Slot>::value) {
-        isEmpty = slot.isNull();
-    } else {
-        isEmpty = slot.empty();
-    }
-    if (isEmpty) {
-        fill(slot);
+        if (slot.isNull()) {
+            fill(slot);
+        }
+    } else if (slot.empty()) {
+        Slot all;
+        fill(all);
+        if (!all.empty()) {
+            slot = std::move(all);
+        }
     }
     return slot;
 }

@@ -57,10 +57,14 @@ void StreamedContent::start(const openssl::WipedBytes& contentKey, bool uncertai
     const openssl::ErrorMark mark;
     if (openssl::setContentKey(m_context.get(), contentKey, m_trusted)) {
         m_decryption.emplace(m_context.get());
+    } else {
+        mark.throwWithoutMemory();
     }
-    // Under the random key one padding in 256 is a good one. That is hidden where the sender could learn whether the key opened,
-    // which with a padding of PKCS#1 1.5 decrypts it for him; elsewhere garbage would be taken for the message.
-    m_trusted = m_trusted && (uncertain || !contentKey.empty());
+    // Under the random key, which stands in for one of another length too, one padding in 256 is a good one. That is hidden where
+    // the sender could learn whether the key opened, which with a padding of PKCS#1 1.5 decrypts it for him; elsewhere garbage
+    // would be taken for the message.
+    m_trusted =
+        m_trusted && (uncertain || std::cmp_equal(contentKey.size(), EVP_CIPHER_CTX_get_key_length(m_context.get())));
 }
 
 Octets StreamedContent::next() {

@@ -33,7 +33,8 @@ public:
     EnvelopeContent& operator=(const EnvelopeContent&) = delete;
 
     virtual void spillTo(const std::string& fileTemplate);
-    /// Takes the content key; none is one that did not open. Nothing tells at once whether OpenSSL can use it.
+    /// Takes the content key; none is one that did not open. Nothing tells at once whether OpenSSL can use it, unless there is no
+    /// memory. \throws std::bad_alloc
     /// \param uncertain the way that the key came does not tell a wrong one: what comes out under another key may be a success
     virtual void start(const openssl::WipedBytes& contentKey, bool uncertain) = 0;
     /// The next octets, valid until the next call; none, perhaps, before the end. \throws SpillTooLong, TooLong

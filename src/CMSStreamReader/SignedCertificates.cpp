@@ -89,15 +89,14 @@ void SignedCertificates::list() {
     if (m_listed) {
         return;
     }
-    m_listed = true;
+    std::vector<Entry> entries;
     Elements all(m_octets);
     for (auto element = all.next(); element; element = all.next()) {
         if (!element->isUniversal(framing::sequence)) {
             continue; // an attribute certificate, or one of another format
         }
-        if (m_entries.size() == openssl::mostPublicKeys) {
-            m_tooMany = true;
-            m_entries.clear();
+        if (entries.size() == openssl::mostPublicKeys) {
+            m_listed = m_tooMany = true;
             return;
         }
         Entry entry;
@@ -106,8 +105,10 @@ void SignedCertificates::list() {
             entry.issuer = names->issuer;
             entry.serialNumber = names->serialNumber;
         }
-        m_entries.push_back(std::move(entry));
+        entries.push_back(std::move(entry));
     }
+    m_entries = std::move(entries); // all of them, or none when there is no memory
+    m_listed = true;
 }
 
 bool SignedCertificates::areTooMany() {
@@ -124,25 +125,27 @@ void SignedCertificates::findKeyIdentifiers() {
     }
 }
 
-/// Whether the names are equal as RFC 5280, 7.1 compares them. `issuer` is the signer's, once it was decoded.
-bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, openssl::NamePtr& issuer) {
+/// Whether the names are equal as RFC 5280, 7.1 compares them. `issuer` is the signer's, once it was decoded: null when it is none,
+/// which is found out as slowly as what it is.
+bool SignedCertificates::isIssuer(Entry& entry, const SignerParts& signer, std::optional<openssl::NamePtr>& issuer) {
     if (std::ranges::equal(entry.issuer, signer.issuer)) {
         return true;
     }
     if (!entry.issuerDecoded) {
-        entry.issuerDecoded = true;
         entry.issuerName = openssl::distinguishedNameOf(entry.issuer);
+        entry.issuerDecoded = true;
     }
-    if (issuer == nullptr) {
+    if (!issuer) {
         issuer = openssl::distinguishedNameOf(signer.issuer);
     }
-    return issuer != nullptr && entry.issuerName != nullptr && X509_NAME_cmp(issuer.get(), entry.issuerName.get()) == 0;
+    return *issuer != nullptr && entry.issuerName != nullptr &&
+           X509_NAME_cmp(issuer->get(), entry.issuerName.get()) == 0;
 }
 
 const NVX509::RefCertificate& SignedCertificates::decode(Entry& entry) {
     if (!entry.decoded) {
-        entry.decoded = true;
         entry.certificate = NVX509::CertificateFactory().readDER(borrowed(entry.whole));
+        entry.decoded = true;
     }
     return entry.certificate;
 }
@@ -156,7 +159,7 @@ NamedCertificates SignedCertificates::namedBy(const SignerParts& signer) {
         findKeyIdentifiers();
     }
     std::vector<Octets> seen;
-    openssl::NamePtr issuer;
+    std::optional<openssl::NamePtr> issuer;
     for (Entry& entry : m_entries) {
         if (entry.isCopy) {
             continue;

@@ -46,7 +46,7 @@ private:
 
     void list();
     void findKeyIdentifiers();
-    static bool isIssuer(Entry& entry, const SignerParts& signer, openssl::NamePtr& issuer);
+    static bool isIssuer(Entry& entry, const SignerParts& signer, std::optional<openssl::NamePtr>& issuer);
     static const NVX509::RefCertificate& decode(Entry& entry);
 
     framing::Octets m_octets;

@@ -186,13 +186,13 @@ std::optional<SignatureResult> faultOfSigningCertificate(const SignerParts& sign
         if (!announced) {
             return refused(SignatureReason::signingCertificateDiffers);
         }
-        if (announced->algorithm == nullptr) {
+        if (announced->algorithm == nullptr || !BodyDigests().start(announced->algorithm)) {
             return unsupportedBy(SignatureReason::digestAlgorithm, announced->identifier);
         }
         std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
         unsigned int length = 0;
         if (X509_digest(certificate, announced->algorithm, value.data(), &length) != 1) {
-            throw std::bad_alloc(); // of a digest that OpenSSL has, over a certificate that it decoded
+            throw std::bad_alloc(); // of a digest that starts, over a certificate that OpenSSL decoded
         }
         if (!std::ranges::equal(announced->value, Octets(value.data(), length))) {
             return refused(SignatureReason::signingCertificateDiffers);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <utility>
 
 namespace Norvane::Crypto::CMS {
 
@@ -300,7 +301,7 @@ void SignedMessage::requireComplete() {
 
 const SignedOctets& SignedMessage::signedContent() {
     if (!m_signedContent) {
-        SignedOctets& content = m_signedContent.emplace();
+        SignedOctets content;
         content.digests = m_digests.finished();
         content.announced = m_announced;
         content.contentType = m_contentType;
@@ -308,6 +309,7 @@ const SignedOctets& SignedMessage::signedContent() {
         if (m_keepsContent) {
             content.octets = Octets(m_keptContent);
         }
+        m_signedContent = std::move(content); // all of it, or nothing when there is no memory
     }
     return *m_signedContent;
 }

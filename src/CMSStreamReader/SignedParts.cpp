@@ -231,18 +231,19 @@ void readCountersigners(SignerParts& signer, std::size_t most, std::size_t deepe
     if (signer.countersignersRead) {
         return;
     }
-    signer.countersignersRead = true;
+    std::vector<SignerParts> all;
+    bool hasMore = false;
     const auto take = [&](Elements values) {
-        while (!values.atEnd() && !signer.hasMoreCountersigners) {
+        while (!values.atEnd() && !hasMore) {
             const auto value = values.next();
-            if (!value || signer.countersigners.size() == most || signer.depth == deepest) {
-                signer.hasMoreCountersigners = true;
+            if (!value || all.size() == most || signer.depth == deepest) {
+                hasMore = true;
                 return;
             }
             SignerParts read = readSigner(value->whole, kept);
             read.signer = &signer;
             read.depth = signer.depth + 1;
-            signer.countersigners.push_back(std::move(read));
+            all.push_back(std::move(read));
         }
     };
     try {
@@ -253,8 +254,11 @@ void readCountersigners(SignerParts& signer, std::size_t most, std::size_t deepe
                              }
                          });
     } catch (const Broken&) {
-        signer.hasMoreCountersigners = true;
+        hasMore = true;
     }
+    signer.countersigners = std::move(all); // all of them, or none when there is no memory
+    signer.hasMoreCountersigners = hasMore;
+    signer.countersignersRead = true;
 }
 
 } // namespace Norvane::Crypto::CMS

@@ -125,9 +125,11 @@ bool SignedReader::isComplete() const noexcept {
 const std::vector<SignedReader::Signer>& SignedReader::signers() const {
     m_message->requireComplete();
     if (m_signers.empty()) {
+        std::vector<Signer> all;
         for (SignerParts& parts : m_message->signers()) {
-            m_signers.push_back(Signer(m_message, &parts));
+            all.push_back(Signer(m_message, &parts));
         }
+        m_signers = std::move(all); // all of them, or none when there is no memory
     }
     return m_signers;
 }

@@ -37,10 +37,12 @@ const BodyDigest* digestBy(const EVP_MD* algorithm, const std::vector<BodyDigest
     return found == digests.end() ? nullptr : &*found;
 }
 
-void BodyDigests::start(const EVP_MD* algorithm) {
-    if (std::ranges::any_of(m_running, [&](const Running& one) { return isSame(one.algorithm, algorithm); }) ||
-        m_running.size() == maximumDigests) {
-        return;
+bool BodyDigests::start(const EVP_MD* algorithm) {
+    if (std::ranges::any_of(m_running, [&](const Running& one) { return isSame(one.algorithm, algorithm); })) {
+        return true;
+    }
+    if (m_running.size() == maximumDigests) {
+        return false;
     }
     const openssl::ErrorMark mark;
     openssl::DigestContextPtr context(EVP_MD_CTX_new());
@@ -50,9 +52,10 @@ void BodyDigests::start(const EVP_MD* algorithm) {
     // OpenSSL does not tell a digest that it has no memory for from one that it does not have.
     if (!openssl::beginDigest(context.get(), algorithm) && !openssl::beginDigest(context.get(), algorithm)) {
         mark.throwWithoutMemory();
-        return;
+        return false;
     }
     m_running.push_back({algorithm, std::move(context)});
+    return true;
 }
 
 void BodyDigests::update(const unsigned char* data, std::size_t count) noexcept {

@@ -24,8 +24,8 @@ const BodyDigest* digestBy(const EVP_MD* algorithm, const std::vector<BodyDigest
 /// Digests under way, `maximumDigests` at most, each once.
 class BodyDigests {
 public:
-    /// Starts a digest unless it runs, or there are too many, or it does not start.
-    void start(const EVP_MD* algorithm);
+    /// Starts a digest unless it runs, or there are too many, or it does not start. \return whether it runs
+    bool start(const EVP_MD* algorithm);
     void update(const unsigned char* data, std::size_t count) noexcept;
     /// Those of the bytes so far, which go on.
     [[nodiscard]] std::vector<BodyDigest> finished() const;

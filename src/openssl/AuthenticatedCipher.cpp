@@ -126,9 +126,13 @@ CipherContextPtr AuthenticatedCipher::keyless() const {
 
 bool AuthenticatedCipher::start(const WipedBytes& contentKey) {
     const ErrorMark mark;
-    const CipherContextPtr context = keyless();
+    CipherContextPtr context = keyless();
+    if (context == nullptr) { // once more, since OpenSSL does not always tell that there was no memory
+        context = keyless();
+    }
     WipedBytes key(static_cast<std::size_t>(EVP_CIPHER_get_key_length(m_cipher.get())));
     if (context == nullptr || EVP_CIPHER_CTX_rand_key(context.get(), key.data()) != 1) {
+        mark.throwWithoutMemory();
         return false;
     }
     if (contentKey.size() == key.size()) {

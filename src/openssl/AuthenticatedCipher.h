@@ -29,7 +29,7 @@ public:
 
     [[nodiscard]] std::size_t tagLength() const noexcept { return m_tagLength; }
 
-    /// Takes the content key; a random one when it does not fit. False when OpenSSL fails.
+    /// Takes the content key; a random one when it does not fit. False when OpenSSL fails. \throws std::bad_alloc
     bool start(const WipedBytes& contentKey);
     /// A context that decrypts from the beginning; null when OpenSSL fails. `associated` is what is authenticated beside
     /// the content.

@@ -1,5 +1,6 @@
 #include "openssl/ContentCipher.h"
 
+#include "framing/Elements.h"
 #include "openssl/AlgorithmName.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Idea.h"
@@ -10,6 +11,8 @@
 #include <openssl/params.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <new>
 #include <span>
 
@@ -32,6 +35,31 @@ bool isForContent(const EVP_CIPHER* cipher) noexcept {
     default:
         return false;
     }
+}
+
+/// Whether the parameters of RC2 are sound and announce an effective key length that OpenSSL does not take (RFC 2268, 6; RFC 3370,
+/// 5.2): it takes 40, 64 and 128 bits, by these numbers.
+bool isOtherRc2(const X509_ALGOR& algorithm) {
+    static constexpr std::array<std::int64_t, 3> taken{160, 120, 58};
+    if (OBJ_obj2nid(algorithm.algorithm) != NID_rc2_cbc || algorithm.parameter == nullptr ||
+        algorithm.parameter->type != V_ASN1_SEQUENCE) {
+        return false;
+    }
+    const ASN1_STRING* encoded = algorithm.parameter->value.sequence;
+    const auto sequence =
+        framing::firstElement({ASN1_STRING_get0_data(encoded), static_cast<std::size_t>(ASN1_STRING_length(encoded))});
+    framing::Elements parts(sequence ? sequence->content : framing::Octets());
+    const auto version = parts.nextUniversal(framing::integer);
+    const auto vector = parts.nextUniversal(framing::octetString);
+    if (!version || !framing::isSmallInteger(*version) || !vector || vector->header.constructed || !parts.atEnd()) {
+        return false;
+    }
+    std::int64_t number = 0;
+    for (const unsigned char octet : version->content) {
+        number = number << 8U | octet;
+    }
+    constexpr std::size_t vectorLength = 8;
+    return vector->content.size() == vectorLength && std::ranges::find(taken, number) == taken.end();
 }
 
 /// OpenSSL's flag for it is not set of what comes from a provider.
@@ -84,7 +112,10 @@ CipherPtr cipherOf(const X509_ALGOR* algorithm) {
 
 std::string unsupportedContentCipher(const X509_ALGOR* algorithm) {
     const CipherPtr cipher = cipherOf(algorithm);
-    return cipher != nullptr && isForContent(cipher.get()) ? "" : algorithmName(algorithmIdentifier(algorithm));
+    if (cipher == nullptr || !isForContent(cipher.get())) {
+        return algorithmName(algorithmIdentifier(algorithm));
+    }
+    return isOtherRc2(*algorithm) ? algorithmName(algorithm->algorithm) + " with another effective key length" : "";
 }
 
 bool isAvailable(const X509_ALGOR* algorithm) {

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <string_view>
 
 namespace Norvane::Crypto::openssl {
@@ -99,12 +100,17 @@ bool isSameCurve(const X509_ALGOR& originator, const EVP_PKEY* key) {
 }
 
 KeyPtr originatorOnCurve(const KeyAgreement& agreement, EVP_PKEY* key) {
+    if (!isSameCurve(*agreement.originatorAlgorithm, key)) {
+        return nullptr;
+    }
     KeyPtr originator(EVP_PKEY_new());
-    const bool made = originator != nullptr && isSameCurve(*agreement.originatorAlgorithm, key) &&
-                      EVP_PKEY_copy_parameters(originator.get(), key) == 1 &&
-                      EVP_PKEY_set1_encoded_public_key(originator.get(), agreement.originatorKey.data(),
-                                                       agreement.originatorKey.size()) == 1;
-    return made ? std::move(originator) : nullptr;
+    if (originator == nullptr || EVP_PKEY_copy_parameters(originator.get(), key) != 1) {
+        throw std::bad_alloc(); // the key has them
+    }
+    return EVP_PKEY_set1_encoded_public_key(originator.get(), agreement.originatorKey.data(),
+                                            agreement.originatorKey.size()) == 1
+               ? std::move(originator)
+               : nullptr;
 }
 
 KeyPtr originatorOf(const KeyAgreement& agreement, EVP_PKEY* key) {
@@ -130,11 +136,11 @@ bool isOfPrimeOrder(const EVP_PKEY* key) {
     return curve == SN_X9_62_prime256v1 || curve == SN_secp384r1 || curve == SN_secp521r1;
 }
 
-/// What both sides have in common, which there has to be room for; false when OpenSSL fails.
+/// What both sides have in common, which there has to be room for; false when OpenSSL fails. \throws std::bad_alloc
 bool agree(const AgreementScheme& scheme, EVP_PKEY* key, EVP_PKEY* originator, Secret& common) {
     const KeyContextPtr context(EVP_PKEY_CTX_new(key, nullptr));
     if (context == nullptr || EVP_PKEY_derive_init(context.get()) != 1) {
-        return false;
+        throw std::bad_alloc(); // such keys agree
     }
     if (isOnCurves(key) && EVP_PKEY_CTX_set_ecdh_cofactor_mode(context.get(), scheme.cofactor ? 1 : 0) != 1) {
         return false;
@@ -150,15 +156,17 @@ bool agree(const AgreementScheme& scheme, EVP_PKEY* key, EVP_PKEY* originator, S
     return true;
 }
 
-/// Derives the key-encryption key for `wrap` (RFC 5753, 7.2; RFC 8418, 2.2).
-bool derive(const KeyAgreement& agreement, const AgreementScheme& scheme, const Secret& common, X509_ALGOR* wrap,
+/// Derives the key-encryption key for `wrap` (RFC 5753, 7.2; RFC 8418, 2.2). \throws std::bad_alloc
+void derive(const KeyAgreement& agreement, const AgreementScheme& scheme, const Secret& common, X509_ALGOR* wrap,
             Secret& key) {
     unsigned char* encoded = nullptr;
     const int length =
         CMS_SharedInfo_encode(&encoded, wrap, agreement.userKeyingMaterial, static_cast<int>(key.size()));
     const OwnedMemory<unsigned char> info(encoded);
-    return length > 0 &&
-           scheme.derive(digestByNid(scheme.digest), common, {info.get(), static_cast<std::size_t>(length)}, key);
+    if (length <= 0 ||
+        !scheme.derive(digestByNid(scheme.digest), common, {info.get(), static_cast<std::size_t>(length)}, key)) {
+        throw std::bad_alloc(); // the digests are such as OpenSSL always has
+    }
 }
 
 } // namespace
@@ -198,14 +206,14 @@ WipedBytes openAgreedKey(const KeyAgreement& agreement, EVP_PKEY* key, std::span
     const auto scheme = agreementScheme(agreement.algorithm->algorithm);
     const AlgorithmPtr wrap = algorithmInParameters(*agreement.algorithm);
     const KeyPtr originator = originatorOf(agreement, key);
-    if (!scheme || wrap == nullptr || originator == nullptr) {
+    Secret common(Secret::most);
+    Secret wrapping(wrap == nullptr ? 0 : std::min(keyEncryptionKeyLength(*wrap), Secret::most));
+    if (!scheme || wrap == nullptr || originator == nullptr || !agree(*scheme, key, originator.get(), common)) {
+        mark.throwWithoutMemory();
         return {};
     }
-    Secret common(Secret::most);
-    Secret wrapping(std::min(keyEncryptionKeyLength(*wrap), Secret::most));
-    return agree(*scheme, key, originator.get(), common) && derive(agreement, *scheme, common, wrap.get(), wrapping)
-               ? unwrapKey(*wrap, wrapping.octets(), wrapped)
-               : WipedBytes();
+    derive(agreement, *scheme, common, wrap.get(), wrapping);
+    return unwrapKey(*wrap, wrapping.octets(), wrapped);
 }
 
 } // namespace Norvane::Crypto::openssl

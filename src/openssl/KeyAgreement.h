@@ -28,7 +28,7 @@ std::string unsupportedKeyAgreement(const KeyAgreement& agreement);
 bool agrees(const EVP_PKEY* key) noexcept;
 
 /// The content key that is wrapped under the key agreed on; empty when it does not open. One private-key operation at
-/// most. The error queue stays as it is. \param agreement a supported one
+/// most. The error queue stays as it is. \param agreement a supported one. \throws std::bad_alloc
 WipedBytes openAgreedKey(const KeyAgreement& agreement, EVP_PKEY* key, std::span<const unsigned char> wrapped);
 
 } // namespace Norvane::Crypto::openssl

@@ -162,9 +162,16 @@ WipedBytes openTransportedKey(const X509_ALGOR& algorithm, EVP_PKEY* key, std::s
     const ErrorMark mark;
     const ReadOaep read = oaepOf(algorithm);
     if (!read.isUsable()) {
+        mark.throwWithoutMemory();
         return {};
     }
-    return decryptKey(key, encrypted, [&read](EVP_PKEY_CTX* context) { return setOaep(context, read.oaep); });
+    return decryptKey(key, encrypted, [&](EVP_PKEY_CTX* context) {
+        const bool known = setOaep(context, read.oaep);
+        if (!known) {
+            mark.throwWithoutMemory();
+        }
+        return known;
+    });
 }
 
 } // namespace Norvane::Crypto::openssl

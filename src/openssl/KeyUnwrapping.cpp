@@ -2,6 +2,7 @@
 
 #include "openssl/AlgorithmName.h"
 #include "openssl/ContentCipher.h"
+#include "openssl/Digests.h"
 #include "openssl/ErrorQueue.h"
 #include "openssl/Pkcs7.h"
 #include "openssl/RecipientKeys.h"
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <new>
 
 namespace Norvane::Crypto::openssl {
 
@@ -34,8 +36,12 @@ bool isWrap(int nid) noexcept {
 
 Pbkdf2Ptr pbkdf2Of(const X509_ALGOR& derivation) {
     const ErrorMark mark;
-    return Pbkdf2Ptr(
+    Pbkdf2Ptr parameters(
         static_cast<PBKDF2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), derivation.parameter)));
+    if (parameters == nullptr) {
+        mark.throwWithoutMemory();
+    }
+    return parameters;
 }
 
 /// The digest of a function that PBKDF2 repeats; HMAC with SHA-1 where none is named. Null for an unknown one.
@@ -54,7 +60,7 @@ std::optional<std::int64_t> valueOf(const ASN1_INTEGER* number) noexcept {
     return ASN1_INTEGER_get_int64(&value, number) == 1 && value <= INT_MAX ? std::optional(value) : std::nullopt;
 }
 
-/// Fills the key that a password stands for.
+/// Fills the key that a password stands for. \throws std::bad_alloc
 bool deriveKey(const X509_ALGOR& derivation, std::span<const unsigned char> password, Secret& key) {
     const Pbkdf2Ptr parameters = pbkdf2Of(derivation);
     if (parameters == nullptr || parameters->salt->type != V_ASN1_OCTET_STRING || password.size() > INT_MAX) {
@@ -70,9 +76,17 @@ bool deriveKey(const X509_ALGOR& derivation, std::span<const unsigned char> pass
         return false;
     }
     const ASN1_OCTET_STRING* salt = parameters->salt->value.octet_string;
-    return derivePbkdf2(digestOf(parameters->prf), password,
-                        {ASN1_STRING_get0_data(salt), static_cast<std::size_t>(ASN1_STRING_length(salt))},
-                        static_cast<std::uint32_t>(*iterations), key);
+    const EVP_MD* digest = digestOf(parameters->prf);
+    if (derivePbkdf2(digest, password,
+                     {ASN1_STRING_get0_data(salt), static_cast<std::size_t>(ASN1_STRING_length(salt))},
+                     static_cast<std::uint32_t>(*iterations), key)) {
+        return true;
+    }
+    const DigestContextPtr context(EVP_MD_CTX_new());
+    if (context == nullptr || beginDigest(context.get(), digest)) {
+        throw std::bad_alloc(); // which OpenSSL does not tell; nothing else keeps a digest that starts from it
+    }
+    return false;
 }
 
 bool decryptBlocks(EVP_CIPHER_CTX* context, unsigned char* out, const unsigned char* in, std::size_t length) {
@@ -129,12 +143,24 @@ WipedBytes unwrapKey(const X509_ALGOR& algorithm, std::span<const unsigned char>
     const ErrorMark mark;
     const CipherPtr cipher = cipherOf(&algorithm);
     const CipherContextPtr context(EVP_CIPHER_CTX_new());
-    if (cipher == nullptr || context == nullptr || wrapped.size() > longestWrappedKey ||
+    if (context == nullptr) {
+        throw std::bad_alloc();
+    }
+    if (cipher == nullptr || wrapped.size() > longestWrappedKey ||
         keyEncryptionKey.size() != static_cast<std::size_t>(std::max(0, EVP_CIPHER_get_key_length(cipher.get())))) {
+        mark.throwWithoutMemory();
         return {};
     }
     EVP_CIPHER_CTX_set_flags(context.get(), EVP_CIPHER_CTX_FLAG_WRAP_ALLOW);
-    if (EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, keyEncryptionKey.data(), nullptr) != 1) {
+    const auto begin = [&] {
+        return EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, keyEncryptionKey.data(), nullptr) == 1;
+    };
+    bool begun = begin();
+    if (!begun) { // once more, since OpenSSL does not always tell that there was no memory
+        begun = begin();
+    }
+    if (!begun) {
+        mark.throwWithoutMemory();
         return {};
     }
     WipedBytes opened(wrapped.size() + EVP_MAX_BLOCK_LENGTH);
@@ -189,8 +215,12 @@ WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const
                            std::span<const unsigned char> wrapped) {
     const ErrorMark mark;
     const AlgorithmPtr inner = algorithmInParameters(*algorithms.encryption);
-    const CipherContextPtr context = contextFor(inner.get());
+    CipherContextPtr context = contextFor(inner.get());
+    if (context == nullptr) { // once more, since OpenSSL does not always tell that there was no memory
+        context = contextFor(inner.get());
+    }
     if (context == nullptr || wrapped.size() > longestWrappedKey) {
+        mark.throwWithoutMemory();
         return {};
     }
     const auto block = static_cast<std::size_t>(EVP_CIPHER_CTX_get_block_size(context.get()));
@@ -199,11 +229,14 @@ WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const
     }
     Secret key(std::min(static_cast<std::size_t>(EVP_CIPHER_CTX_get_key_length(context.get())), Secret::most));
     WipedBytes opened(wrapped.size());
-    if (!deriveKey(*algorithms.derivation, password, key) ||
-        EVP_DecryptInit_ex(context.get(), nullptr, nullptr, key.octets().data(), nullptr) != 1 ||
+    if (!deriveKey(*algorithms.derivation, password, key)) {
+        mark.throwWithoutMemory();
+        return {};
+    }
+    if (EVP_DecryptInit_ex(context.get(), nullptr, nullptr, key.octets().data(), nullptr) != 1 ||
         EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
         !decryptTwice(context.get(), wrapped, block, opened.data())) {
-        return {};
+        throw std::bad_alloc(); // whole blocks under a key of the cipher's length decrypt
     }
     return keyInside(opened);
 }

@@ -22,7 +22,7 @@ std::string unsupportedWrap(const X509_ALGOR* algorithm);
 /// The length of the key-encryption key that a supported algorithm takes.
 std::size_t keyEncryptionKeyLength(const X509_ALGOR& algorithm);
 /// The content key; empty when the key-encryption key has another length or does not open it. The error queue stays as
-/// it is. \param algorithm a supported one
+/// it is. \param algorithm a supported one. \throws std::bad_alloc
 WipedBytes unwrapKey(const X509_ALGOR& algorithm, std::span<const unsigned char> keyEncryptionKey,
                      std::span<const unsigned char> wrapped);
 
@@ -38,7 +38,7 @@ std::string unsupportedPassword(const PasswordEncryption& algorithms);
 /// How often the password is hashed: zero for a number below 1, with which nothing opens; nothing for one beyond 2^31 - 1.
 std::optional<std::int64_t> iterationsOf(const PasswordEncryption& algorithms);
 /// The content key; empty when the password does not open it. The error queue stays as it is.
-/// \param algorithms supported ones whose iterations are affordable
+/// \param algorithms supported ones whose iterations are affordable. \throws std::bad_alloc
 WipedBytes openPasswordKey(const PasswordEncryption& algorithms, std::span<const unsigned char> password,
                            std::span<const unsigned char> wrapped);
 

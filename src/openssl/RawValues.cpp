@@ -1,6 +1,7 @@
 #include "openssl/RawValues.h"
 
 #include "openssl/AlgorithmName.h"
+#include "openssl/Decode.h"
 #include "openssl/ErrorQueue.h"
 
 #include <openssl/objects.h>
@@ -58,8 +59,8 @@ std::optional<std::time_t> momentOf(framing::Octets element) noexcept {
     return timegm(&fields);
 }
 
-NamePtr distinguishedNameOf(framing::Octets element) noexcept {
-    return decodeWhole<NamePtr, d2i_X509_NAME>(element);
+NamePtr distinguishedNameOf(framing::Octets element) {
+    return NamePtr(decode<d2i_X509_NAME>(element.data(), static_cast<unsigned int>(element.size())));
 }
 
 } // namespace Norvane::Crypto::openssl

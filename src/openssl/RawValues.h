@@ -24,7 +24,7 @@ namespace Norvane::Crypto::openssl {
 /// The moment of a whole UTCTime or GeneralizedTime; nothing when it is no valid one.
 [[nodiscard]] std::optional<std::time_t> momentOf(framing::Octets element) noexcept;
 
-/// A distinguished name, ready to be compared; null when the octets are none.
-[[nodiscard]] NamePtr distinguishedNameOf(framing::Octets element) noexcept;
+/// A distinguished name, ready to be compared; null when the octets are none. \throws std::bad_alloc
+[[nodiscard]] NamePtr distinguishedNameOf(framing::Octets element);
 
 } // namespace Norvane::Crypto::openssl

@@ -65,14 +65,16 @@ bool readPssParameters(const Element& whole, SignatureScheme& scheme) {
     }
     scheme.digest = decoded->hashAlgorithm == nullptr ? EVP_sha1() : digestOf(decoded->hashAlgorithm);
     scheme.maskDigest = EVP_sha1();
-    if (decoded->maskGenAlgorithm != nullptr) {
-        // OpenSSL leaves parameters of the mask undecoded until they are used.
-        const AlgorithmPtr digest = algorithmInParameters(*decoded->maskGenAlgorithm);
-        if (digest == nullptr) {
-            return false;
+    if (const X509_ALGOR* mask = decoded->maskGenAlgorithm; mask != nullptr) {
+        scheme.maskDigest = nullptr;
+        if (OBJ_obj2nid(mask->algorithm) == NID_mgf1) { // what the parameters of another one are is not known
+            // OpenSSL leaves parameters of the mask undecoded until they are used.
+            const AlgorithmPtr digest = algorithmInParameters(*mask);
+            if (digest == nullptr) {
+                return false;
+            }
+            scheme.maskDigest = digestOf(digest.get());
         }
-        const bool isMgf1 = OBJ_obj2nid(decoded->maskGenAlgorithm->algorithm) == NID_mgf1;
-        scheme.maskDigest = isMgf1 ? digestOf(digest.get()) : nullptr;
     }
     const long salt = decoded->saltLength == nullptr ? defaultSaltLength : ASN1_INTEGER_get(decoded->saltLength);
     if (salt < 0 || salt > longestSalt) {

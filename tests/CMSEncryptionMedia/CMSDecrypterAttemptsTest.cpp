@@ -232,6 +232,32 @@ TEST(DecrypterAttempts, AnOddKeyAlgorithmIsTriedAndNamed) {
     EXPECT_EQ(decrypter.attempts().front().algorithm(), "1.2.3.4");
 }
 
+// RFC 2268, 6: every length has a number, of which OpenSSL takes three.
+TEST(DecrypterAttempts, Rc2OfAnotherEffectiveKeyLengthIsToldByName) {
+    const RecordedLog log;
+    const auto attemptsAt = [](const Bytes& version, std::size_t vectorLength) {
+        const Bytes parameters = der::sequence({version, der::octetString(Bytes(vectorLength, 1))});
+        PiecewiseIn in(envelope({.recipients = {recipient(alice())},
+                                 .cipher = der::sequence({der::oid("RC2-CBC"), parameters}),
+                                 .content = contentElement(Bytes(63, 1))}));
+        CMS::DecrypterMediaIn decrypter(in, storeOfKeys({&alice()}));
+        auto clear = bufferOf();
+        EXPECT_FALSE(decrypter.decrypt(clear));
+        return decrypter.attempts();
+    };
+    for (const char* version : {"34", "39", "0100", "0400"}) {
+        const auto attempts = attemptsAt(der::integer(version), 8);
+        ASSERT_EQ(attempts.size(), 1U);
+        EXPECT_EQ(attempts.front().outcome(), Attempt::UnsupportedAlgorithm) << version;
+        EXPECT_EQ(attempts.front().algorithm(), "RC2-CBC (1.2.840.113549.3.2) with another effective key length");
+    }
+    for (const char* version : {"3a", "78", "a0"}) { // 63 octets are no whole blocks
+        EXPECT_EQ(attemptsAt(der::integer(version), 8).front().outcome(), Attempt::Failed) << version;
+    }
+    EXPECT_EQ(attemptsAt(der::integer("34"), 7).front().outcome(), Attempt::Failed);
+    EXPECT_EQ(attemptsAt(der::octetString({0x34}), 8).front().outcome(), Attempt::Failed);
+}
+
 // The content key is shorter than RC2's usual one, as its parameters say.
 TEST(DecrypterAttempts, Rc2OfEveryLengthOpens) {
     const Bytes body = bodyOf(5003);

@@ -141,6 +141,12 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
     const auto wrapped = std::ranges::search(changed, Bytes{0x04, 0x82, 0x01, 0x00}); // 256 octets
     ASSERT_FALSE(wrapped.empty());
     wrapped.begin()[100] ^= 1U;
+    // A content key that opens, and that the cipher does not take.
+    const Bytes odd =
+        envelope({.recipients = {context(2, der::concat({der::integer("4"), der::sequence({der::octetString({1})}),
+                                                         der::sequence({der::oid("2.16.840.1.101.3.4.1.45")}),
+                                                         der::octetString(aesWrapped(Bytes(32, 1), Bytes(24, 2)))}))},
+                  .content = contentElement(encryptedContent(bodyOf(40)))});
     struct Case {
         const char* name;
         Bytes message;
@@ -154,6 +160,7 @@ TEST(EnvelopeDamage, WhatCertainlyDidNotOpenIsNeverASuccess) {
         {"ECDH", made(toCertificate(onCurve())), of(other), 1000},
         {"OAEP", made(oaep), of(bob()), 500},
         {"OAEP, changed", changed, withKeys({&alice()}), 1000},
+        {"a content key of another length", odd, withSecretKey(Bytes(32, 1)), 4000},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
@@ -196,6 +203,24 @@ TEST(EnvelopeDamage, CiphersWithoutPaddingTakeNoOtherKey) {
                       From::memory, withKeys({&alice()}));
         EXPECT_EQ(outcome.text, noStructureText);
     }
+}
+
+// RFC 2268, 6: every length has a number, of which OpenSSL takes three.
+TEST(EnvelopeDamage, Rc2OfAnotherEffectiveKeyLengthIsUnsupported) {
+    const auto with = [](const char* version, std::size_t vectorLength) {
+        const Bytes parameters = der::sequence({der::integer(version), der::octetString(Bytes(vectorLength, 1))});
+        return outcomeOf(envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))},
+                                   .cipher = der::sequence({der::oid("RC2-CBC"), parameters}),
+                                   .content = contentElement(bodyOf(63))}),
+                         From::memory, withKeys({&alice()}));
+    };
+    for (const char* version : {"34", "0100"}) {
+        const Outcome outcome = with(version, 8);
+        EXPECT_EQ(outcome.verdict, Reader::Unsupported);
+        EXPECT_EQ(outcome.unsupported, "RC2-CBC (1.2.840.113549.3.2) with another effective key length");
+    }
+    EXPECT_EQ(with("3a", 8).text, damagedText);
+    EXPECT_EQ(with("34", 7).text, noStructureText);
 }
 
 // Whether PKCS#1 1.5 gave a content key of some odd length is told no more than whether it gave one.

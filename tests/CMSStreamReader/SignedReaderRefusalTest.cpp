@@ -258,6 +258,12 @@ TEST(SignedReaderRefusal, ParametersOfRsassaPss) {
         SignatureReason::signatureAlgorithm, "RSASSA-PSS",
         with({pss, der::sequence({sha256, der::element(der::contextConstructed(1),
                                                        der::sequence({der::oid("1.2.3"), algorithm("SHA256")}))})}));
+    // Another mask need not have the parameters of MGF1: those of SHAKE256 (RFC 8702) are left out.
+    for (const Bytes& other : {algorithm("SHAKE256"), der::sequence({der::oid("1.2.3"), der::octetString({1})})}) {
+        expectUnsupported(
+            SignatureReason::signatureAlgorithm, "RSASSA-PSS",
+            with({pss, der::sequence({sha256, der::element(der::contextConstructed(1), other), salt("20")})}));
+    }
 }
 
 // RFC 4055, 3.3: a key may be for one digest and for so much salt at least.

@@ -2,6 +2,7 @@
 // std::bad_alloc, and the sanitizers tell when something is lost or freed twice on the way out.
 #include "support/Allocations.h"
 #include "support/Envelope.h"
+#include "support/HandMadeSigners.h"
 #include "support/Pkcs12.h"
 
 #include <norvcrypto/KeyStore.h>
@@ -52,6 +53,40 @@ const Bytes& structure() {
 
 TEST(Shortage, WhileAStructureIsMade) {
     expectEveryShortageThrown([] { const CMS::RefContentInfo made(true); });
+}
+
+/// What `ask` answers about a structure when it is asked a second time, the first time without memory for one allocation each.
+template <class Ask> void expectWholeAnswersAfterwards(const Bytes& bytes, Ask ask) {
+    const auto answered = [&](long shortage) {
+        Norvane::MemoryMediaIn in(bufferOf(bytes));
+        const CMS::RefContentInfo message(in);
+        const CMS::SignedData data = CMS::signedData(message);
+        norvtest::s_beforeAllocation = failInTurn;
+        s_left = shortage;
+        try {
+            static_cast<void>(ask(data));
+        } catch (const std::bad_alloc&) { // as it should be
+        }
+        const bool failed = shortage >= 0 && s_left < 0;
+        s_left = -1;
+        return std::pair(failed, ask(data));
+    };
+    const auto expected = answered(-1).second;
+    long shortage = 0;
+    for (bool failed = true; failed; ++shortage) {
+        const auto answer = answered(shortage);
+        failed = answer.first;
+        EXPECT_EQ(answer.second, expected) << "after shortage " << shortage;
+    }
+    EXPECT_GT(shortage, 2);
+}
+
+TEST(Shortage, IsNotRememberedByLists) {
+    const Bytes bytes = withSigners(withCertificates(structure(), {alice().certificate.der, bob().certificate.der}), 3);
+    expectWholeAnswersAfterwards(bytes, [](const CMS::SignedData& data) { return data.signerInfo().size(); });
+    expectWholeAnswersAfterwards(bytes, [](const CMS::SignedData& data) { return data.certificates().size(); });
+    expectWholeAnswersAfterwards(
+        bytes, [](const CMS::SignedData& data) { return data.certificates().front()->extensions().size(); });
 }
 
 TEST(Shortage, WhileAStructureIsDecodedAndLookedAt) {

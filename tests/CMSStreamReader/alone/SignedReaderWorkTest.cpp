@@ -24,6 +24,7 @@ int s_attributeSets = 0;
 std::size_t s_digested = 0;
 std::size_t s_allocated = 0;
 int s_withoutDigest = NID_undef; ///< as if no provider had this one
+int s_failingName = -1;          ///< the call that finds no memory, counted from 0
 
 void startCounting() {
     norvtest::s_beforeAllocation = [](std::size_t length) { s_allocated += length; };
@@ -41,6 +42,10 @@ X509* d2i_X509(X509** reused, const unsigned char** in, long length) {
 }
 X509_NAME* d2i_X509_NAME(X509_NAME** reused, const unsigned char** in, long length) {
     ++s_names;
+    if (s_failingName >= 0 && s_failingName-- == 0) {
+        norvtest::failIn("d2i_X509_NAME", ERR_LIB_ASN1, ERR_R_MALLOC_FAILURE);
+        return nullptr;
+    }
     return norvtest::next<&d2i_X509_NAME>("d2i_X509_NAME")(reused, in, length);
 }
 ASN1_OBJECT* d2i_ASN1_OBJECT(ASN1_OBJECT** reused, const unsigned char** in, long length) {
@@ -260,6 +265,23 @@ TEST(SignedReaderWork, ADigestThatDoesNotStartIsUnsupported) {
     expectUnsupported(CMS::verifySignatures(CMS::RefContentInfo(in), bodyIn).signers.front());
 }
 
+// Likewise the digest of a signing certificate attribute: it is no want of memory, and says nothing against the certificate.
+TEST(SignedReaderWork, ADigestOfTheCertificateThatDoesNotStartIsUnsupported) {
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    const Bytes hash = der::octetString(digestOf(identities().rsa.certificate.der, EVP_ripemd160()));
+    signer.attributes->push_back(
+        attribute("1.2.840.113549.1.9.16.2.47",
+                  {der::sequence({der::sequence({der::sequence({algorithm("RIPEMD160"), hash})})})}));
+    const Bytes made = attachedBy(signer, body());
+    EXPECT_EQ(Read(made).verdict().verdict, SignatureVerdict::good);
+    const norvtest::During<int> without(s_withoutDigest, NID_ripemd160);
+    const CMS::SignatureResult result = Read(made).verdict();
+    EXPECT_EQ(result.verdict, SignatureVerdict::unsupported);
+    EXPECT_EQ(result.reason, SignatureReason::digestAlgorithm) << CMS::textOf(result.reason);
+    EXPECT_EQ(result.algorithm, "ripemd160");
+}
+
 TEST(SignedReaderWork, TheSignersOfAMessageShareALimit) {
     // RSA with 16384 bits takes 4 ms with an exponent of 64 bits; none of these signatures is good.
     const Identity slow = namedLikeRsa(publicRsa(16384, 64));
@@ -316,6 +338,24 @@ TEST(SignedReaderWork, NamesAreDecodedOnceHoweverManySignersThereAre) {
     EXPECT_EQ(norvtest::detailOf(norvtest::thrownBy([&] { static_cast<void>(message.certificates()); })),
               "more than 2500 certificates");
     EXPECT_EQ(message.encodedCertificates().size(), 2501U);
+}
+
+// A name that does not decode shows it only at its end.
+TEST(SignedReaderWork, ANameThatIsNoneIsDecodedOnceHoweverManyCertificatesThereAre) {
+    std::vector<Bytes> certificates;
+    certificates.reserve(1000);
+    for (int number = 0; number < 1000; ++number) {
+        certificates.push_back(
+            certificateLike(norvauthority::Name{{"CN", "not " + std::to_string(number)}}.der(), "a11ce"));
+    }
+    HandMadeSigner signer;
+    signer.attributes = usualAttributes(body());
+    const Bytes entry = der::sequence({der::oid("2.5.4.3"), der::element(0x0C, {'a'})});
+    signer.name =
+        der::sequence({der::sequence({der::set({entry}), der::set({der::octetString({1})})}), der::integer("a11ce")});
+    const SignatureReport report = countedReport(messageBy({signer.made(body())}, certificates).made());
+    EXPECT_EQ(report.signers.front().reason, SignatureReason::certificateMissing);
+    EXPECT_LE(s_names, 1001);
 }
 
 TEST(SignedReaderWork, CostlyCertificatesAreNotDecoded) {
@@ -399,6 +439,71 @@ TEST(SignedReaderWork, WantOfMemoryForTheContentIsNotForgotten) {
     norvtest::expectFailure(thrown, "CMS::SignedReader", 4, "CMSSignedReader");
     EXPECT_EQ(norvtest::detailOf(thrown), "the source failed");
     EXPECT_FALSE(message.isComplete());
+}
+
+/// Asks without memory for one allocation, each in turn, and then once more: there is no answer, and the whole one afterwards.
+template <class Ask> void expectWholeAnswersAfterwards(const Bytes& structure, Ask ask) {
+    static int left = 0;
+    const auto expected = ask(Read(structure).message);
+    int failed = 0;
+    for (bool came = true; came; ++failed) {
+        const Read read(structure);
+        left = failed;
+        norvtest::s_beforeAllocation = [](std::size_t) {
+            if (left-- == 0) {
+                throw std::bad_alloc();
+            }
+        };
+        try {
+            static_cast<void>(ask(read.message));
+        } catch (const std::bad_alloc&) { // as it should be
+        }
+        norvtest::s_beforeAllocation = nullptr;
+        came = left < 0;
+        EXPECT_EQ(ask(read.message), expected) << "after allocation " << failed;
+    }
+    EXPECT_GT(failed, 2);
+}
+
+// What there was no memory for a moment ago is not taken for what the message holds.
+TEST(SignedReaderWork, WantOfMemoryForAnAnswerIsForgotten) {
+    HandMadeSigner first;
+    first.attributes = usualAttributes(body());
+    const HandMadeSigner countersigner;
+    const Bytes signature = signatureBy(identities().rsa.key, der::set(*first.attributes), EVP_sha256());
+    first.unsignedAttributes = {
+        attribute(countersignatureAttribute, {countersigner.made(signature), countersigner.made(signature)})};
+    HandMadeSigner second{.identity = &identities().otherRsa, .byKeyIdentifier = true};
+    second.attributes = usualAttributes(body());
+    const Bytes made = messageBy({first.made(body()), second.made(body())},
+                                 {identities().rsa.certificate.der, identities().otherRsa.certificate.der})
+                           .made();
+    expectWholeAnswersAfterwards(made, [](const SignedReader& message) {
+        std::vector<SignatureReason> reasons;
+        for (const CMS::SignatureResult& result : message.report().signers) {
+            reasons.push_back(result.reason);
+        }
+        return reasons;
+    });
+    expectWholeAnswersAfterwards(
+        made, [](const SignedReader& message) { return message.signers().front().countersigners().size(); });
+    expectWholeAnswersAfterwards(made, [](const SignedReader& message) { return message.certificates().size(); });
+}
+
+TEST(SignedReaderWork, WantOfMemoryForANameIsNoVerdict) {
+    HandMadeSigner signer; // whose name is the certificate's in other letters, so that both have to be decoded
+    signer.attributes = usualAttributes(body());
+    const norvauthority::Name other{{"CN", "TEST  authority", 19}, {"O", "mail", 19}};
+    signer.name = der::sequence({other.der(), der::integer("a11ce")});
+    const Bytes made = attachedBy(signer, body());
+    for (int failing = 0; failing != 2; ++failing) {
+        const Read read(made);
+        static_cast<void>(read.message.signers());
+        s_failingName = failing;
+        EXPECT_THROW(static_cast<void>(read.message.report()), std::bad_alloc);
+        s_failingName = -1;
+        EXPECT_TRUE(read.message.report().allGood());
+    }
 }
 
 TEST(SignedReaderWork, PartsBeyondTwoGibibytesAreRefusedWhateverTheBudgetIs) {

@@ -4,6 +4,7 @@
 
 #include <norvcrypto/Hasher.h>
 
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -84,6 +85,57 @@ TEST(DecryptingWithoutMemory, FindsTheKeysOfBothKinds) {
         const CMS::KeyListLookup lookup({pairOf(*person)});
         runEachStack(readsEnvelope(
             kind, message, [&lookup](EnvelopeReader& reader) { return reader.open(lookup); }, false));
+    }
+}
+
+// Nor is it called damaged, or the key a wrong one. Under OAEP OpenSSL tells no want of memory from a padding that is wrong.
+TEST(DecryptingWithoutMemory, CallsNoMessageDamaged) {
+    Norvane::Crypto::initialize();
+    struct Case {
+        const char* name;
+        Bytes message;
+        std::function<bool(EnvelopeReader&)> open;
+    };
+    const Norvane::Buffer secret = bufferOf(Bytes(32, 7));
+    CMS::PasswordParameters few;
+    few.iterations = CMS::minimumPasswordIterations;
+    const auto to = [](const CMS::EnvelopeRecipient& recipient) {
+        return written({recipient}, ContentCipher::aes128Gcm, {}, body());
+    };
+    const std::vector<Case> cases{
+        {"ECDH", to(CMS::EnvelopeRecipient(certificateOf(curve()))),
+         [](EnvelopeReader& reader) { return reader.open(reader.recipients().front(), pairOf(curve())); }},
+        {"key-encryption key", to(CMS::EnvelopeRecipient::keyEncryptionKey(secret, bufferOf(bytesOf("id")))),
+         [&](EnvelopeReader& reader) { return reader.open(reader.recipients().front(), secret); }},
+        {"password", to(CMS::EnvelopeRecipient::password(secret, few)),
+         [&](EnvelopeReader& reader) { return reader.openWithPassword(reader.recipients().front(), secret); }}};
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        long failed = 0;
+        for (long number = 1;; number += number < 200 ? 1 : 997) { // a password is hashed thousands of times
+            Norvane::MemoryMediaIn in(bufferOf(one.message));
+            EnvelopeReader reader(in);
+            static_cast<void>(reader.recipients());
+            faults::arm(faults::Kind::opensslAllocation, number);
+            bool opened = false;
+            try {
+                opened = one.open(reader);
+            } catch (const std::bad_alloc&) { // as it should be
+            }
+            const bool came = faults::disarm();
+            ERR_clear_error();
+            if (opened) {
+                Norvane::MemoryMediaOut out;
+                EXPECT_NO_THROW(reader.write(out)) << number;
+                EXPECT_EQ(reader.verdict(), EnvelopeReader::Complete) << number;
+            }
+            if (!came) {
+                EXPECT_TRUE(opened);
+                break;
+            }
+            ++failed;
+        }
+        EXPECT_GT(failed, 2);
     }
 }
 
