@@ -7,6 +7,7 @@
 
 #include <openssl/x509v3.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -19,6 +20,14 @@ namespace {
 template <class Value> const Value& nothing() {
     static const Value value{};
     return value;
+}
+
+/// What is logged of a text: all of it, where a message would end at a zero octet and show an address that may be sound.
+std::string withoutZeroOctets(std::string text) {
+    for (std::size_t at = 0; (at = text.find('\0', at)) != std::string::npos;) {
+        text.replace(at, 1, "\\x00");
+    }
+    return text;
 }
 
 } // namespace
@@ -137,7 +146,8 @@ const EmailAddress& GeneralName::emailAddress() const {
     const std::string text = openssl::bytesOf(m_name->d.rfc822Name);
     const EmailAddress& address = keep(EmailAddress::rfc5321Parse(text, false));
     if (address.isEmptyAddress()) {
-        failures::logX509(failures::X509Message::invalidAddress, "GeneralName::emailAddress: invalid address " + text);
+        failures::logX509(failures::X509Message::invalidAddress,
+                          "GeneralName::emailAddress: invalid address " + withoutZeroOctets(text));
     }
     return address;
 }

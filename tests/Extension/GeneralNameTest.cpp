@@ -198,7 +198,9 @@ TEST_F(GeneralNameTest, EmailAddressWithZeroByteIsNeitherCutNorAccepted) {
     const NamePtr object = decoded(Issued::email(std::string("good@example.org\0@evil.example", 30)));
     ASSERT_NE(object, nullptr);
     EXPECT_TRUE(GeneralName(object.get()).emailAddress().isEmptyAddress());
-    EXPECT_EQ(logged().size(), 1U);
+    const auto records = logged();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].fields[1], R"(GeneralName::emailAddress: invalid address good@example.org\x00@evil.example)");
 }
 
 TEST_F(GeneralNameTest, OddEmailAddressesAreEmptyAndLogged) {

@@ -108,6 +108,24 @@ TEST_F(InspectToolTest, AddressInTheSubjectIsAnAddressToo) {
     EXPECT_EQ(json({"new@example.org", "old@example.org"}), objectsIn("old").at(0)["emails"]);
 }
 
+TEST_F(InspectToolTest, AddressesInOtherLettersAreAddressesToo) {
+    const std::string wide("\0a\0@\0b\0.\0c", 10);
+    const Identity anna = issue({.subject = {{"CN", "Anna"}, {"emailAddress", wide, V_ASN1_BMPSTRING}},
+                                 .key = Key::ec(),
+                                 .alternativeNames = {GeneralName::otherName(
+                                     "1.3.6.1.5.5.7.8.9", {0x0C, 0x06, 0xC3, 0xA9, '@', 'b', '.', 'c'})}});
+    work.write("anna", anna.certificate.der);
+    EXPECT_EQ(json({"\xC3\xA9@b.c", "a@b.c"}), objectsIn("anna").at(0)["emails"]);
+}
+
+TEST_F(InspectToolTest, RelativeNamesOfDistributionPointsAreLetters) {
+    const DistributionPointName relative{
+        {}, Name{{"CN", "Z\xC3\xBCrich"}, {.type = "O", .value = "Org", .joinsPreceding = true}}};
+    const Identity one = issue({.subject = {{"CN", "One"}}, .key = Key::ec(), .crlDistributionPoints = {{relative}}});
+    work.write("one", one.certificate.der);
+    EXPECT_EQ(json({"O=Org+CN=Z\xC3\xBCrich"}), objectsIn("one").at(0)["crlDistributionPoints"]);
+}
+
 TEST_F(InspectToolTest, ListHasEveryKeyInOrder) {
     const Crl list = issueList({.issuer = &root(),
                                 .numbered = 3,
@@ -135,6 +153,70 @@ TEST_F(InspectToolTest, ListHasEveryKeyInOrder) {
         EXPECT_EQ(3, object["entries"]);
         EXPECT_EQ(sha256({list.der.begin(), list.der.end()}), object["sha256"]);
     }
+}
+
+TEST_F(InspectToolTest, EntriesOfAnIndirectListTellWhoseCertificatesTheyAre) {
+    // RFC 5280, 5.3.3: who is named holds for the entries behind, too.
+    const Crl list = issueList({.issuer = &root(),
+                                .revoked = {{.serial = "01"},
+                                            {.serial = "02", .certificateIssuer = Name{{"CN", "One, of them"}}},
+                                            {.serial = "03"},
+                                            {.serial = "04", .certificateIssuer = Name{{"CN", "Other"}}},
+                                            {.serial = "05"},
+                                            {.serial = "06", .extensions = {{"2.5.29.29", {0x30, 0x00}, true}}}},
+                                .scope = IssuingDistributionPoint{.indirect = true}});
+    work.write("list", list.der);
+    const auto issuers = [this](const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{"--json", "list"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Answer answer = inspect(arguments);
+        EXPECT_EQ(0, answer.status) << answer.err;
+        std::vector<std::string> names;
+        const json objects = json::parse(answer.out);
+        for (const json& entry : objects.at(0).at("revoked"))
+            names.push_back(entry.value("issuer", "none"));
+        return names;
+    };
+    using Names = std::vector<std::string>;
+    EXPECT_EQ((Names{"none", R"(CN=One\, of them)", R"(CN=One\, of them)", "CN=Other", "CN=Other", "unreadable"}),
+              issuers({}));
+    EXPECT_EQ((Names{R"(CN=One\, of them)"}), issuers({"--entries", "3"}));
+    EXPECT_EQ((Names{"CN=Other"}), issuers({"--entries", "5-5"}));
+    EXPECT_EQ((Names{"none"}), issuers({"--entries", "1"}));
+    EXPECT_NE(std::string::npos, inspect({"list"}).out.find("    serial: 03\n    issuer: CN=One\\, of them\n"));
+}
+
+TEST_F(InspectToolTest, ReasonsThatNoNumberHoldsAreUnreadable) {
+    const auto reason = [](Bytes octets) {
+        octets.insert(octets.begin(), {0x0A, static_cast<unsigned char>(octets.size())});
+        return Revoked{.serial = "01", .extensions = {{"2.5.29.21", octets}}};
+    };
+    work.write("list", issueList({.issuer = &root(),
+                                  .revoked = {reason({1}), reason({0x7F, 0, 0, 0, 0, 0, 0, 0}),
+                                              reason({1, 0, 0, 0, 0, 0, 0, 0, 0})}})
+                           .der);
+    const json revoked = objectsIn("list").at(0)["revoked"];
+    EXPECT_EQ("keyCompromise", revoked.at(0)["reason"]);
+    EXPECT_EQ("9151314442816847872", revoked.at(1)["reason"]);
+    EXPECT_EQ("unreadable", revoked.at(2)["reason"]);
+}
+
+TEST_F(InspectToolTest, MalformedExtensionsOfAListAreTold) {
+    const json told = {"an extension that is malformed or stands twice"};
+    for (const char* oid : {"2.5.29.20", "2.5.29.27", "2.5.29.28", "2.5.29.35"}) {
+        work.write(
+            "list",
+            issueList({.issuer = &root(), .authorityKeyIdentifier = false, .extensions = {{oid, {0x04, 0x00}}}}).der);
+        EXPECT_EQ(told, objectsIn("list").at(0)["problems"]) << oid;
+    }
+    work.write("list", issueList({.issuer = &root(), .crlNumber = "01", .extensions = {{"2.5.29.20", {2, 1, 2}}}}).der);
+    EXPECT_EQ(told, objectsIn("list").at(0)["problems"]);
+    work.write("list", issueList({.issuer = &root(),
+                                  .crlNumber = "02",
+                                  .deltaBase = "01",
+                                  .scope = IssuingDistributionPoint{.onlyUser = true}})
+                           .der);
+    EXPECT_FALSE(objectsIn("list").at(0).contains("problems"));
 }
 
 TEST_F(InspectToolTest, BareListLeavesOutWhatIsAbsent) {

@@ -17,9 +17,10 @@
 /// material->reload();                                  // on SIGHUP; judging goes on meanwhile
 /// \endcode
 ///
-/// **Files** hold PEM (any number of blocks, text around them does not count) or DER: certificates, revocation lists, or a
-/// structure with certificates and lists alone (.p7b, RFC 5652's degenerate signed-data). Certificates and lists may stand in
-/// one file: the certificates become what the call says, the lists are used as lists. Up to 64 MiB.
+/// **Files** hold PEM (any number of blocks, text around them does not count) or DER (one object; what follows it is told as a
+/// problem): certificates, revocation lists, or a structure with certificates and lists alone (.p7b, RFC 5652's degenerate
+/// signed-data). Certificates and lists may stand in one file: the certificates become what the call says, the lists are used
+/// as lists. Up to 64 MiB.
 ///
 /// **Directories** are read whole, whatever their files are named, hashed names (`openssl rehash`) and others; links are
 /// followed, one object that is found under several names counts once. Names that begin with a dot and folders in them are

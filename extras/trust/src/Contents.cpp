@@ -74,6 +74,21 @@ void addStructure(const Buffer& der, const std::string& which, FileContents& con
     }
 }
 
+/// Whether anything but blanks stands behind the first element, which decoders leave unread. Not told of one without a length.
+bool goesOn(const Buffer& der) {
+    const unsigned char* at = der.data();
+    long length = 0;
+    int tag = 0;
+    int tagClass = 0;
+    const int form = ASN1_get_object(&at, &length, &tag, &tagClass, static_cast<long>(der.length()));
+    constexpr int unreadable = 0x80;
+    constexpr int indefinite = 1;
+    const unsigned char* const end = der.data() + der.length();
+    return (form & (unreadable | indefinite)) == 0 && std::any_of(at + length, end, [](unsigned char octet) {
+               return std::string_view(" \t\r\n").find(static_cast<char>(octet)) == std::string_view::npos;
+           });
+}
+
 void addEncoded(const Buffer& der, const std::string& which, FileContents& contents) {
     switch (encodedKind(der)) {
     case EncodedKind::certificate:
@@ -161,6 +176,10 @@ FileContents contentsOf(const Buffer& bytes) {
     constexpr unsigned char sequence = 0x30; // "0" is no letter that PEM begins with
     if (bytes.length() > 0 && bytes.data()[0] == sequence) {
         addEncoded(bytes, "", contents);
+        if (contents.problems.empty() && goesOn(bytes)) {
+            contents.problems.emplace_back(
+                "goes on behind its first object, which alone is read: several can be in PEM");
+        }
     } else {
         addPem(bytes, contents);
     }

@@ -3,6 +3,7 @@
 #include <norvcrypto-trust/Trust.h>
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace Norvane::Crypto::Trust::detail {
 
@@ -105,10 +106,42 @@ std::optional<std::time_t> beginOf(const X509_CRL* list) {
     return secondsOf(X509_CRL_get0_lastUpdate(list));
 }
 
-/// Whether OpenSSL would rather have another list: this one has ended, or when it does cannot be read.
-bool isOver(const X509_CRL* list, std::time_t at) {
+/// Those of the list or of one of its entries.
+template <class Extended, class Extension>
+bool hasCriticalBeside(std::initializer_list<int> known, const Extended* of, int count, Extension at) {
+    for (int i = 0; i < count; ++i) {
+        X509_EXTENSION* const one = at(of, i);
+        const int nid = OBJ_obj2nid(X509_EXTENSION_get_object(one));
+        if (X509_EXTENSION_get_critical(one) != 0 && std::find(known.begin(), known.end(), nid) == known.end()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether a critical extension is none of those that OpenSSL knows.
+bool hasUnknownCritical(X509_CRL* list) {
+    if (hasCriticalBeside({NID_issuing_distribution_point, NID_authority_key_identifier, NID_delta_crl}, list,
+                          X509_CRL_get_ext_count(list), X509_CRL_get_ext)) {
+        return true;
+    }
+    STACK_OF(X509_REVOKED)* const entries = X509_CRL_get_REVOKED(list);
+    for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
+        const X509_REVOKED* const entry = sk_X509_REVOKED_value(entries, i);
+        if (hasCriticalBeside({NID_certificate_issuer}, entry, X509_REVOKED_get_ext_count(entry),
+                              X509_REVOKED_get_ext)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether OpenSSL would rather have another list, be it older: this one has ended, has a time in a form that it does not take
+/// (which `secondsOf` may), or a critical extension that it does not know.
+bool isPassedOver(X509_CRL* list, std::time_t at) {
     const ASN1_TIME* const end = X509_CRL_get0_nextUpdate(list);
-    return end != nullptr && secondsOf(end).value_or(at) <= at;
+    return X509_cmp_time(X509_CRL_get0_lastUpdate(list), &at) == 0 ||
+           (end != nullptr && X509_cmp_time(end, &at) <= 0) || hasUnknownCritical(list);
 }
 
 /// No delta list.
@@ -222,11 +255,11 @@ std::optional<std::time_t> Lists::revokedSince(const std::vector<X509_CRL*>& lis
                                                X509* issuer) {
     std::optional<std::time_t> since;
     for (X509_CRL* list : lists) {
-        const auto begin = beginOf(list);
-        const bool isNewer = begin && *begin <= m_at && (!since || *begin > *since);
+        const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
+        const bool isNewer = begin <= m_at && (!since || begin > *since);
         X509_REVOKED* entry = nullptr;
-        if (isNewer && isOver(list, m_at) && isComplete(list) &&
-            X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer)) {
+        if (isNewer && isComplete(list) && X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 &&
+            isPassedOver(list, m_at) && isSigned(list, issuer)) {
             since = begin;
         }
     }

@@ -35,7 +35,7 @@ public:
     /// of the message that stood before the others would hide what was revoked since.
     /// \param issuer whoever issued the certificate, if that is known: a list of the message counts only if it, or somebody
     ///               of the same name in the snapshot, signed it. OpenSSL chooses among lists before it looks at signatures,
-    ///               and takes an old one for one that is over, so that what is older than one that revokes is left out
+    ///               and takes an old one for one that is over or odd, so that what is older than one that revokes is left out
     Owned<STACK_OF(X509_CRL)> of(const X509* certificate, const X509_NAME* issuerName, X509* issuer);
 
     /// A list by one whom the certificate names for its lists beside its issuer, when nobody is known who may have signed
@@ -49,7 +49,7 @@ public:
 private:
     class Choice;
 
-    /// Since when a list that is over says that the certificate is revoked; nothing when none does.
+    /// Since when a list that OpenSSL would not take says that the certificate is revoked; nothing when none does.
     [[nodiscard]] std::optional<std::time_t> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
                                                           X509* issuer);
     [[nodiscard]] bool isSigned(X509_CRL* list, X509* issuer);

@@ -147,6 +147,20 @@ TEST_F(TrustMaterial, BlocksThatAreNotUsedAreTold) {
                                 "all.pem: block 5 in it is a structure that does not decode, or is no signed data"));
 }
 
+TEST_F(TrustMaterial, WhatStandsBehindTheFirstObjectInDerIsTold) {
+    const std::string first = text(list(m_root).der);
+    const std::string second = text(list(m_middle).der);
+    std::filesystem::create_directory(m_folder.path("lists"));
+    m_folder.write("lists/1-one.crl", first);
+    m_folder.write("lists/2-line.crl", text(list(authority("Third", 6)).der) + "\r\n");
+    m_folder.write("lists/3-two.crl", second + first);
+    m_material.addLists(m_folder.path("lists"));
+    EXPECT_EQ(counts(), "0 0 3");
+    EXPECT_THAT(
+        problems(),
+        testing::ElementsAre("3-two.crl: goes on behind its first object, which alone is read: several can be in PEM"));
+}
+
 TEST_F(TrustMaterial, FilesThatAreTooLargeAreNotRead) {
     m_folder.write("large.pem", m_root.certificate.pem());
     std::filesystem::resize_file(m_folder.path("large.pem"), (64U << 20U) + 1); // takes no room

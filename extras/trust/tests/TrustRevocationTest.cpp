@@ -223,6 +223,42 @@ TEST_F(TrustRevocation, AnOldListHidesNothingOfOneThatIsOver) {
     EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older)), "accepted ; accepted ");
 }
 
+/// Nor of one that cannot be used for another reason, and is refused by itself, since nobody knows what else it would say.
+TEST_F(TrustRevocation, AnOldListHidesNothingOfOneThatCannotBeUsed) {
+    constexpr long hour = 3600;
+    CrlRequest older;
+    older.thisUpdate = Time::utc("251201000000Z");
+    CrlRequest newer;
+    newer.thisUpdate = Time::fromNow(-4 * hour);
+    newer.revoked = {{.serial = "a1"}};
+    const auto judged = [&](const CrlRequest& odd) {
+        Case one = with(Revocation::available);
+        one.known(list(m_root)).known(list(m_middle, odd));
+        const std::string alone = shown(one.judge(m_anna));
+        one.lists.push_back(read(list(m_middle, older)));
+        return alone + "; " + shown(one.judge(m_anna));
+    };
+    // Times that can be read and are not in the one form that RFC 5280, 5.1.2.4 and 5.1.2.5 allow.
+    CrlRequest offset = newer;
+    offset.nextUpdate = Time::generalized("20491231235959+0000");
+    EXPECT_EQ(judged(offset), "refused list-invalid 0; refused list-invalid 0");
+    CrlRequest fraction = newer;
+    fraction.nextUpdate = Time::generalized("20491231235959.5Z");
+    EXPECT_EQ(judged(fraction), "refused list-invalid 0; refused list-invalid 0");
+    CrlRequest begin = newer;
+    begin.thisUpdate = Time::utc("2601010000Z");
+    EXPECT_EQ(judged(begin), "refused list-invalid 0; refused list-invalid 0");
+    begin.thisUpdate = Time::utc("hello");
+    EXPECT_EQ(judged(begin), "refused list-invalid 0; refused list-invalid 0");
+    CrlRequest critical = newer;
+    critical.extensions = {{"1.2.3.4", {0x05, 0x00}, true}};
+    EXPECT_EQ(judged(critical), "refused list-critical-extension-unknown 0; refused list-critical-extension-unknown 0");
+    CrlRequest criticalEntry = newer;
+    criticalEntry.revoked.front().extensions = {{"1.2.3.4", {0x05, 0x00}, true}};
+    EXPECT_EQ(judged(criticalEntry),
+              "refused list-critical-extension-unknown 0; refused list-critical-extension-unknown 0");
+}
+
 TEST_F(TrustRevocation, AListInAMessageIsUsed) {
     Case one = with(Revocation::required);
     one.known(list(m_root));

@@ -8,6 +8,8 @@
 #include <array>
 #include <cctype>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <set>
 #include <utility>
 
@@ -27,6 +29,19 @@ struct FreeingMemory {
 std::string textOf(const ASN1_STRING* string) {
     const auto* start = reinterpret_cast<const char*>(ASN1_STRING_get0_data(string));
     return start == nullptr ? std::string() : std::string(start, static_cast<std::size_t>(ASN1_STRING_length(string)));
+}
+
+/// In UTF-8, whatever the characters are in; as it stands where they are none.
+std::string utf8Of(const ASN1_STRING* string) {
+    unsigned char* text = nullptr;
+    const int length = ASN1_STRING_to_UTF8(&text, string);
+    const std::unique_ptr<unsigned char, FreeingMemory> owned(text);
+    return length < 0 ? textOf(string) : std::string(reinterpret_cast<char*>(text), static_cast<std::size_t>(length));
+}
+
+/// An address whose local part is not ASCII (RFC 9598).
+bool isMailbox(const OTHERNAME* name) {
+    return OBJ_obj2nid(name->type_id) == NID_id_on_SmtpUTF8Mailbox && name->value->type == V_ASN1_UTF8STRING;
 }
 
 /// Keeps the first of equal texts, in the order of arrival.
@@ -75,7 +90,16 @@ void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
     if (name == nullptr)
         return;
     if (name->type == 1) {
-        places.push_back(displayName(Norvane::Crypto::NVX509::DistinguishedName(name->name.relativename)));
+        const Owned<X509_NAME, X509_NAME_free> relative(X509_NAME_new());
+        bool whole = relative != nullptr;
+        for (int at = 0; at < sk_X509_NAME_ENTRY_num(name->name.relativename); ++at) {
+            const int joined = at == 0 ? 0 : -1; // all are of one component
+            whole = whole && X509_NAME_add_entry(relative.get(), sk_X509_NAME_ENTRY_value(name->name.relativename, at),
+                                                 -1, joined) == 1;
+        }
+        if (!whole)
+            throw std::bad_alloc();
+        places.push_back(displayName(Norvane::Crypto::NVX509::DistinguishedName(relative.get())));
         return;
     }
     for (int at = 0; at < sk_GENERAL_NAME_num(name->name.fullname); ++at)
@@ -165,13 +189,15 @@ AlternativeNames alternativeNames(X509* certificate) {
                 dns.add(textOf(name->d.dNSName));
             else if (name->type == GEN_URI)
                 uris.add(textOf(name->d.uniformResourceIdentifier));
+            else if (name->type == GEN_OTHERNAME && isMailbox(name->d.otherName))
+                emails.add(textOf(name->d.otherName->value->value.utf8string));
         }
     });
     // Older certificates carry the address in the subject.
     const X509_NAME* subject = X509_get_subject_name(certificate);
     for (int at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, -1); at >= 0;
          at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, at))
-        emails.add(textOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
+        emails.add(utf8Of(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
     return names;
 }
 
@@ -188,6 +214,20 @@ ListPlaces crlDistributionPoints(X509* certificate) {
 bool hasUnusableExtension(X509* certificate) {
     const QuietQuestion quiet;
     return (X509_get_extension_flags(certificate) & EXFLAG_INVALID) != 0;
+}
+
+bool hasUnusableExtension(const X509_CRL* list) {
+    const QuietQuestion quiet;
+    constexpr std::array known{NID_crl_number, NID_delta_crl, NID_issuing_distribution_point,
+                               NID_authority_key_identifier};
+    return std::any_of(known.begin(), known.end(), [list](int nid) {
+        int count = 0;
+        void* const decoded = X509_CRL_get_ext_d2i(list, nid, &count, nullptr);
+        if (decoded == nullptr)
+            return count != -1; // there is one
+        ASN1_item_free(static_cast<ASN1_VALUE*>(decoded), ASN1_ITEM_ptr(X509V3_EXT_get_nid(nid)->it));
+        return false;
+    });
 }
 
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate) {

@@ -51,6 +51,8 @@ ListPlaces crlDistributionPoints(X509* certificate);
 /// Whether an extension that OpenSSL knows does not decode or stands twice: no chain is built with such a certificate, and
 /// what the extension says counts as unsaid.
 bool hasUnusableExtension(X509* certificate);
+/// Likewise one of those that tell what the list is for.
+bool hasUnusableExtension(const X509_CRL* list);
 
 /// "digitalSignature", ... in the order of RFC 5280; none when the certificate does not restrict its key.
 std::vector<std::string> keyUsage(const Norvane::Crypto::NVX509::RefCertificate& certificate);

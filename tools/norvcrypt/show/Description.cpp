@@ -77,13 +77,16 @@ Description pairFacts(const Norvane::Buffer& der) {
 
 void putEntries(Description& facts, const STACK_OF(X509_REVOKED) * revoked, const EntryRange& range) {
     const auto count = static_cast<std::size_t>(revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked));
-    for (std::size_t number = range.first; number <= std::min(range.last, count); ++number) {
-        const RevokedEntry entry = revokedEntry(sk_X509_REVOKED_value(revoked, static_cast<int>(number - 1)));
-        Description one{{"entry", number}, {"serial", entry.serial}};
+    if (range.first > std::min(range.last, count))
+        return;
+    const auto tell = [&facts](const RevokedEntry& entry) {
+        Description one{{"entry", entry.number}, {"serial", entry.serial}};
+        putText(one, "issuer", entry.issuer);
         putText(one, "time", entry.time);
         putText(one, "reason", entry.reason);
         facts["revoked"].push_back(std::move(one));
-    }
+    };
+    eachRevoked(revoked, static_cast<int>(range.first), static_cast<int>(std::min(range.last, count)), tell);
 }
 
 Description requestFacts(const Norvane::Buffer& der) {
@@ -129,6 +132,8 @@ Description listFacts(const NVX509::RefCertificateRevocationList& list, const En
     facts["entries"] = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
     facts["sha256"] = fingerprint(list);
     putEntries(facts, revoked, range);
+    if (hasUnusableExtension(crl))
+        problem(facts, "an extension that is malformed or stands twice");
     return facts;
 }
 
