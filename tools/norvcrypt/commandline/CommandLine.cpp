@@ -5,12 +5,19 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
+#include <limits>
+#include <type_traits>
 
 namespace norvcrypt {
 
 namespace {
 
 constexpr char mark = '\x01';
+
+template <class Target> constexpr bool isNumber = std::is_same_v<Target, unsigned int> ||
+                                                  std::is_same_v<Target, std::optional<unsigned int>> ||
+                                                  std::is_same_v<Target, std::optional<std::uint64_t>>;
 
 /// The parser takes "[a,b]" for a list and "++" for the end of a command; behind a mark they are names like any other.
 std::string marked(const std::string& argument) {
@@ -62,6 +69,18 @@ Exit show(const std::string& text) {
 std::string guess(const std::string& word, const std::vector<std::string>& known) {
     const std::optional<std::string> meant = likeliest(word, known);
     return meant ? ": did you mean " + *meant + "?" : "";
+}
+
+/// The parser takes "010" for eight, nothing for zero, and what is too large for the largest number that there is.
+std::string asDecimal(std::string& text) {
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc::result_out_of_range)
+        return "Value " + text + " is too large";
+    if (error != std::errc() || end != text.data() + text.size())
+        return "Value " + text + " is not a number in decimal digits";
+    text = std::to_string(number);
+    return "";
 }
 
 /// What is wrong with a word that was not understood.
@@ -131,7 +150,7 @@ Option* Option::range(unsigned int least, unsigned int most) {
 }
 
 Option* Option::positive() {
-    m_option->check(CLI::PositiveNumber);
+    m_option->check(CLI::Range(std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()));
     return this;
 }
 
@@ -182,7 +201,10 @@ Option* Command::keep(CLI::Option* option, const std::string& text) {
 }
 
 template <class Target> Option* Command::option(const std::string& name, Target& target, const std::string& help) {
-    return keep(m_app->add_option(name, target), help);
+    CLI::Option* const option = m_app->add_option(name, target);
+    if constexpr (isNumber<Target>)
+        option->transform(CLI::Validator(asDecimal, ""));
+    return keep(option, help);
 }
 
 template Option* Command::option(const std::string&, std::string&, const std::string&);
