@@ -136,6 +136,13 @@ TEST_F(GenkeyToolTest, NumbersAreDecimal) {
                   "--exponent: Value 18446744073709551616 is too large");
 }
 
+// A script gives the value of a variable, which may be empty.
+TEST_F(GenkeyToolTest, AnEmptyValueIsNotTheNextOption) {
+    expectFailure(genkey({"--bits", "512", "--out=", "--force"}), "cannot write : ");
+    expectFailure(genkey({"--bits=", "512", "--out", "key"}), "unexpected argument 512");
+    expectFailure(genkey({"--bits", "512", "--passphrase-file=", "--out=key"}), "cannot open : ");
+}
+
 TEST_F(GenkeyToolTest, NumbersThatAreNone) {
     for (const char* bits : {"0", "1", "511", "16385"})
         expectFailure(genkey({"--bits", bits, "--out", "key"}),

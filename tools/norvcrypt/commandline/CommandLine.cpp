@@ -25,11 +25,14 @@ std::string marked(const std::string& argument) {
     return list || argument == "++" || argument.starts_with(mark) ? mark + argument : argument;
 }
 
-/// The same for the value in "--in=[a,b]".
+/// The same for the value in "--in=[a,b]". The parser takes none, as in "--out=", for that the value is the next argument, which
+/// would be another option where a script gives a variable that is empty.
 std::string withMarkedValue(const std::string& argument) {
     const std::size_t value = argument.find('=') + 1;
     if (!argument.starts_with("--") || value == 0)
         return marked(argument);
+    if (value == argument.size())
+        return argument + mark;
     return argument.substr(0, value) + marked(argument.substr(value));
 }
 
