@@ -143,6 +143,11 @@ TEST_F(GenkeyToolTest, AnEmptyValueIsNotTheNextOption) {
     expectFailure(genkey({"--bits", "512", "--passphrase-file=", "--out=key"}), "cannot open : ");
 }
 
+TEST_F(GenkeyToolTest, OptionsBehindTwoHyphensAreNone) {
+    expectFailure(genkey({"--out", "key", "--", "--force"}),
+                  "unexpected argument --force: what stands behind -- is no option");
+}
+
 TEST_F(GenkeyToolTest, NumbersThatAreNone) {
     for (const char* bits : {"0", "1", "511", "16385"})
         expectFailure(genkey({"--bits", bits, "--out", "key"}),

@@ -93,6 +93,8 @@ std::string unknownWord(const std::string& word, const CommandFacts& command) {
         for (const OptionFacts& option : command.options)
             if (!option.isPositional())
                 known.push_back(option.name);
+        if (std::ranges::find(known, word) != known.end())
+            return "unexpected argument " + word + ": what stands behind -- is no option";
         return "unknown option " + word + guess(word.substr(0, word.find('=')), known);
     }
     if (command.commands.empty())
