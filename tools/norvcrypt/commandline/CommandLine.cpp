@@ -93,9 +93,10 @@ std::string unknownWord(const std::string& word, const CommandFacts& command) {
         for (const OptionFacts& option : command.options)
             if (!option.isPositional())
                 known.push_back(option.name);
-        if (std::ranges::find(known, word) != known.end())
-            return "unexpected argument " + word + ": what stands behind -- is no option";
-        return "unknown option " + word + guess(word.substr(0, word.find('=')), known);
+        const std::string name = word.substr(0, word.find('=')); // what is behind may be a secret
+        if (std::ranges::find(known, name) != known.end())
+            return "unexpected argument " + name + ": what stands behind -- is no option";
+        return "unknown option " + name + guess(name, known);
     }
     if (command.commands.empty())
         return "unexpected argument " + word;
