@@ -189,6 +189,20 @@ TEST_F(AnswersToolTest, OddPassphrasesAreNamed) {
     expectAnswer(0, "sign --cert alice.pem --key locked.key --passphrase-file odd --in body --out sig");
 }
 
+// Nobody looks for another passphrase then.
+TEST_F(AnswersToolTest, AKeyThatIsEncryptedInAnUnknownWayIsNotUnderAnotherPassphrase) {
+    shell("openssl pkcs8 -topk8 -in alice.key -passout file:secret -outform DER -out derived.key");
+    std::string key = work.read("derived.key");
+    const std::string derivation = "\x2A\x86\x48\x86\xF7\x0D\x01\x05\x0C"; // PBKDF2: 1.2.840.113549.1.5.12
+    const std::size_t at = key.find(derivation);
+    ASSERT_NE(std::string::npos, at);
+    expectAnswer(0, "sign --cert alice.pem --key derived.key --passphrase-file secret --in body --out sig");
+    key[at + derivation.size() - 1] = '\x63';
+    secret("derived.key", key);
+    expectAnswer(2, "sign --cert alice.pem --key derived.key --passphrase-file secret --in body --out sig",
+                 "cannot read the private key in derived.key: it is encrypted in a way that is not supported");
+}
+
 TEST_F(AnswersToolTest, WarningsComeBesideTheResult) {
     chmod(work.path("alice.key").c_str(), 0644);
     expectAnswer(0, "sign --cert alice.pem --key alice.key --in body --out sig",

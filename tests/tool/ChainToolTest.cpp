@@ -206,6 +206,8 @@ TEST_F(ChainToolTest, WhatCannotBeAsked) {
     expectFailure(tool({"chain", "--ca", "top.pem"}), "CERT is required");
     expectFailure(chain({"none"}), "cannot open none: No such file or directory");
     expectFailure(tool({"chain", "anna.pem", "--ca", "top.pem", "--at", "signing-time"}), "give --at a moment");
+    for (const char* policy : {"", "1.2..3", "1.2.3.", ".1.2"})
+        expectFailure(tool({"chain", "anna.pem", "--ca", "top.pem", "--policy", policy}), "not an object identifier");
     work.write("text", std::string("no certificate"));
     before = work.names();
     expectFailure(chain({"text"}), "text: no certificate, list, key or CMS structure");

@@ -187,6 +187,9 @@ TEST(CipherToolTest, BadUsageIsToldAndRepeatsNoKey) {
               answerTo({"cipher", "encrypt", "--cipher", "bf-cbc", "--iv-hex", iv}).find("--key-hex"));
     EXPECT_NE(std::string::npos,
               answerTo({"cipher", "encrypt", "--cipher", "bf-cbc", "--key-hex", key}).find("--iv-hex"));
+    // What is told may go into a log, and the key with it.
+    EXPECT_EQ("norvcrypt: unknown option --keyhex: did you mean --key-hex? (norvcrypt cipher --help tells more)\n",
+              answerTo({"cipher", "encrypt", "--cipher", "bf-cbc", "--keyhex=" + key, "--iv-hex", iv}));
 }
 
 TEST(CipherToolTest, UnreadableInputLeavesNoFile) {

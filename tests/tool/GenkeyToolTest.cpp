@@ -122,6 +122,32 @@ TEST_F(GenkeyToolTest, ExponentsThatTheLibraryRefuses) {
                       "with the exponent " + std::string(exponent) + ": ");
 }
 
+TEST_F(GenkeyToolTest, NumbersAreDecimal) {
+    const Answer answer = genkey({"--bits", "01024", "--exponent", "0017", "--out", "key"});
+    EXPECT_EQ(0, answer.status);
+    EXPECT_EQ("norvcrypt: warning: an RSA key of 1024 bits is not safe; use 2048 or more\n", answer.err);
+    const std::string shown = openssl({"pkey", "-in", "key", "-noout", "-text"}).out;
+    EXPECT_NE(std::string::npos, shown.find("publicExponent: 17 (0x11)")) << shown;
+    before = work.names();
+    for (const char* number : {"", " 17", "17 ", "+17", "0x11", "1e3", "17x", "1_7"})
+        expectFailure(genkey({"--bits", "512", "--exponent", number, "--out", "other"}),
+                      std::string("--exponent: Value ") + number + " is not a number in decimal digits");
+    expectFailure(genkey({"--bits", "512", "--exponent", "18446744073709551616", "--out", "other"}),
+                  "--exponent: Value 18446744073709551616 is too large");
+}
+
+// A script gives the value of a variable, which may be empty.
+TEST_F(GenkeyToolTest, AnEmptyValueIsNotTheNextOption) {
+    expectFailure(genkey({"--bits", "512", "--out=", "--force"}), "cannot write : ");
+    expectFailure(genkey({"--bits=", "512", "--out", "key"}), "unexpected argument 512");
+    expectFailure(genkey({"--bits", "512", "--passphrase-file=", "--out=key"}), "cannot open : ");
+}
+
+TEST_F(GenkeyToolTest, OptionsBehindTwoHyphensAreNone) {
+    expectFailure(genkey({"--out", "key", "--", "--force"}),
+                  "unexpected argument --force: what stands behind -- is no option");
+}
+
 TEST_F(GenkeyToolTest, NumbersThatAreNone) {
     for (const char* bits : {"0", "1", "511", "16385"})
         expectFailure(genkey({"--bits", bits, "--out", "key"}),

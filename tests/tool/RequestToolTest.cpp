@@ -83,6 +83,44 @@ TEST_F(RequestToolTest, RequestsThatCostTooMuchAreRefused) {
     EXPECT_EQ("norvcrypt: request: certificate request refused: explicit elliptic curve parameters\n", answer.err);
 }
 
+// RFC 4514, section 2.4: what is escaped stands as a sign or as the byte in two digits; names are shown so.
+TEST_F(RequestToolTest, SubjectsAreReadAsTheyAreShown) {
+    work.write("alice.key", alice().key.pkcs8Pem());
+    const auto subject = [this](const std::string& text) {
+        const Answer made = tool({"request", "--key", "alice.key", "--subject", text, "--out", "csr"});
+        EXPECT_EQ(0, made.status) << made.err;
+        const std::string shown = openssl({"req", "-in", "csr", "-noout", "-subject", "-nameopt", "RFC2253"}).out;
+        EXPECT_EQ(text, json::parse(tool({"inspect", "csr", "--json"}).out).at(0).at("subject"));
+        return shown;
+    };
+    EXPECT_EQ("subject=CN=a\\0Ab,O=\\C3\\84\n", subject("CN=a\\0Ab,O=\xC3\x84"));
+    EXPECT_EQ("subject=CN=\\\"a\\+b\\\\c\\,d\\<e\\>\\;\\\"\n", subject("CN=\\\"a\\+b\\\\c\\,d\\<e\\>\\;\\\""));
+    EXPECT_EQ("subject=CN=\\ a\\ \n", subject("CN=\\ a\\ "));
+    const auto made = [this](const std::string& text) {
+        EXPECT_EQ(0, tool({"request", "--key", "alice.key", "--subject", text, "--out", "csr"}).status);
+        return openssl({"req", "-in", "csr", "-noout", "-subject", "-nameopt", "RFC2253"}).out;
+    };
+    EXPECT_EQ("subject=CN=M\\C3\\BCller\\, Anna\n", made("CN=M\\C3\\bcller\\2C Anna"));
+    EXPECT_EQ("subject=CN=a=b\n", made("CN=a\\=b"));
+    before = work.names();
+    for (const char* text : {"CN=DOMAIN\\user", "CN=a\\", "CN=a\\0", "CN=a\\0x", "CN=a\\\n"})
+        expectFailure(tool({"request", "--key", "alice.key", "--subject", text, "--out", "other"}),
+                      "a backslash in the subject stands in front of a sign");
+    expectFailure(tool({"request", "--key", "alice.key", "--subject", "CN=a\\FF", "--out", "other"}), "no UTF-8: a");
+}
+
+TEST_F(RequestToolTest, AddressesThatAreNone) {
+    work.write("alice.key", alice().key.pkcs8Pem());
+    before = work.names();
+    for (const char* address : {"alice", "@", "alice@", "@example.org", "a@example.org,b@example.org"})
+        expectFailure(tool({"request", "--key", "alice.key", "--subject", "CN=A", "--email", address, "--out", "csr"}),
+                      std::string("no mail address: ") + address);
+    for (const char* name : {"Alice <alice@example.org>", "alice@example.org\n", "m\xC3\xBCller@example.org"})
+        for (const char* option : {"--email", "--dns"})
+            expectFailure(tool({"request", "--key", "alice.key", "--subject", "CN=A", option, name, "--out", "csr"}),
+                          "not supported in a request, as it is empty, holds a blank or is not ASCII: ");
+}
+
 TEST_F(RequestToolTest, FromAKeyThatThereIs) {
     work.write("alice.key", alice().key.encryptedPem("swordfish"));
     work.write("pass", std::string("swordfish\n"));

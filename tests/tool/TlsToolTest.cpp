@@ -329,6 +329,11 @@ TEST_F(TlsToolTest, BadUsageIsToldOnOneLine) {
         expectFailure(
             timed({norvtest::norvcryptProgram, "tls", "serve", "--cert", "good.pem", "--key", "good.key", "--", where}),
             std::string("not a port, nor an address and port: ") + where);
+    for (const auto& [count, reason] : {std::pair{"0", "Value 0 not in range 1 to 18446744073709551615"},
+                                        std::pair{"18446744073709551616", "Value 18446744073709551616 is too large"}})
+        expectFailure(timed({norvtest::norvcryptProgram, "tls", "serve", "0", "--cert", "good.pem", "--key", "good.key",
+                             "--count", count}),
+                      std::string("--count: ") + reason + " (");
 }
 
 TEST_F(TlsToolTest, FilesThatDoNotFitAreToldBeforeAnybodyIsTalkedTo) {

@@ -25,14 +25,18 @@ using NVX509::RefCertificateRevocationList;
 constexpr std::time_t endOfTime = 253402300799;
 constexpr std::time_t beginningOfTime = -62167219200; // the year 0
 
+/// Numbers with dots between them: OpenSSL takes a number that is missing for zero.
+bool isDotted(const std::string& text) {
+    constexpr std::size_t longest = 256;
+    return !text.empty() && text.size() <= longest && text.find_first_not_of("0123456789.") == std::string::npos &&
+           text.find("..") == std::string::npos && !text.ends_with('.');
+}
+
 std::vector<Owned<ASN1_OBJECT>> policiesOf(const Options& options) {
     const detail::QuietQuestion quiet;
     std::vector<Owned<ASN1_OBJECT>> policies;
     for (const std::string& text : options.policies) {
-        constexpr std::size_t longest = 256;
-        const bool dotted =
-            !text.empty() && text.size() <= longest && text.find_first_not_of("0123456789.") == std::string::npos;
-        Owned<ASN1_OBJECT> policy(dotted ? OBJ_txt2obj(text.c_str(), 1) : nullptr);
+        Owned<ASN1_OBJECT> policy(isDotted(text) ? OBJ_txt2obj(text.c_str(), 1) : nullptr);
         if (!policy) {
             throw Exception("Trust::Verifier", 4, "Trust", __LINE__)
                 .stringParameter("not an object identifier: " + detail::shown(text));

@@ -282,8 +282,8 @@ TEST_F(TrustPolicies, OnesThatContradictThemselves) {
 
 TEST_F(TrustPolicies, IdentifiersThatAreNoneAreTheCallersMistake) {
     const std::string longest = "1.2." + std::string(252, '1');
-    for (const std::string& text :
-         std::vector<std::string>{"", "hello", "1.2.x", "anyPolicy", "9.9.9.", "1", "1 2 3", longest + "1"}) {
+    for (const std::string& text : std::vector<std::string>{"", "hello", "1.2.x", "anyPolicy", "9.9.9.", "1", "1 2 3",
+                                                            longest + "1", "1.2.3.", "1.2..3", "1..2", ".1.2"}) {
         Case one = chain();
         one.options.policies = {text};
         try {

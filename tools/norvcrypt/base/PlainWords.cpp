@@ -30,6 +30,7 @@ constexpr auto meanings = std::to_array<std::pair<std::string_view, std::string_
     {"unsupported private key algorithm", "its kind of key is not supported"},
     {"unsupported algorithm", "its algorithm is not supported"},
     {"unsupported cipher", "its cipher is not supported"},
+    {"unsupported key derivation function", "it is encrypted in a way that is not supported"},
     {"unsupported prf", "it is encrypted in a way that is not supported"},
     {"unknown cipher", "its cipher is not supported"},
     {"digest not allowed", "that digest is not supported with this kind of key"},

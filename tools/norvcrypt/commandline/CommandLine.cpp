@@ -5,6 +5,9 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
+#include <limits>
+#include <type_traits>
 
 namespace norvcrypt {
 
@@ -12,17 +15,24 @@ namespace {
 
 constexpr char mark = '\x01';
 
+template <class Target> constexpr bool isNumber = std::is_same_v<Target, unsigned int> ||
+                                                  std::is_same_v<Target, std::optional<unsigned int>> ||
+                                                  std::is_same_v<Target, std::optional<std::uint64_t>>;
+
 /// The parser takes "[a,b]" for a list and "++" for the end of a command; behind a mark they are names like any other.
 std::string marked(const std::string& argument) {
     const bool list = argument.starts_with('[') && argument.ends_with(']');
     return list || argument == "++" || argument.starts_with(mark) ? mark + argument : argument;
 }
 
-/// The same for the value in "--in=[a,b]".
+/// The same for the value in "--in=[a,b]". The parser takes none, as in "--out=", for that the value is the next argument, which
+/// would be another option where a script gives a variable that is empty.
 std::string withMarkedValue(const std::string& argument) {
     const std::size_t value = argument.find('=') + 1;
     if (!argument.starts_with("--") || value == 0)
         return marked(argument);
+    if (value == argument.size())
+        return argument + mark;
     return argument.substr(0, value) + marked(argument.substr(value));
 }
 
@@ -64,6 +74,18 @@ std::string guess(const std::string& word, const std::vector<std::string>& known
     return meant ? ": did you mean " + *meant + "?" : "";
 }
 
+/// The parser takes "010" for eight, nothing for zero, and what is too large for the largest number that there is.
+std::string asDecimal(std::string& text) {
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc::result_out_of_range)
+        return "Value " + text + " is too large";
+    if (error != std::errc() || end != text.data() + text.size())
+        return "Value " + text + " is not a number in decimal digits";
+    text = std::to_string(number);
+    return "";
+}
+
 /// What is wrong with a word that was not understood.
 std::string unknownWord(const std::string& word, const CommandFacts& command) {
     std::vector<std::string> known;
@@ -71,7 +93,10 @@ std::string unknownWord(const std::string& word, const CommandFacts& command) {
         for (const OptionFacts& option : command.options)
             if (!option.isPositional())
                 known.push_back(option.name);
-        return "unknown option " + word + guess(word.substr(0, word.find('=')), known);
+        const std::string name = word.substr(0, word.find('=')); // what is behind may be a secret
+        if (std::ranges::find(known, name) != known.end())
+            return "unexpected argument " + name + ": what stands behind -- is no option";
+        return "unknown option " + name + guess(name, known);
     }
     if (command.commands.empty())
         return "unexpected argument " + word;
@@ -131,7 +156,7 @@ Option* Option::range(unsigned int least, unsigned int most) {
 }
 
 Option* Option::positive() {
-    m_option->check(CLI::PositiveNumber);
+    m_option->check(CLI::Range(std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()));
     return this;
 }
 
@@ -182,7 +207,10 @@ Option* Command::keep(CLI::Option* option, const std::string& text) {
 }
 
 template <class Target> Option* Command::option(const std::string& name, Target& target, const std::string& help) {
-    return keep(m_app->add_option(name, target), help);
+    CLI::Option* const option = m_app->add_option(name, target);
+    if constexpr (isNumber<Target>)
+        option->transform(CLI::Validator(asDecimal, ""));
+    return keep(option, help);
 }
 
 template Option* Command::option(const std::string&, std::string&, const std::string&);

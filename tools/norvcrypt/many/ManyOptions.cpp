@@ -159,12 +159,12 @@ Report reportOf(const Item& item, const Inputs& shared, const WorkOnItem& work, 
         return reportOf(item, work(item, inputs), quiet);
     } catch (...) {
         const Told told = toldOfException();
-        return reportOf(item,
-                        {.exit = told.exit,
-                         .verdict = told.exit == Exit::refused ? "refused" : "failed",
-                         .reason = escapeForDisplay(told.text),
-                         .facts = {{"error", told.text}}},
-                        quiet);
+        if (item.inJson)
+            return {.exit = told.exit, .text = asJsonLine(item.path, static_cast<int>(told.exit), told.text)};
+        return {.exit = told.exit,
+                .text = lineOf(item, {.exit = told.exit,
+                                      .verdict = told.exit == Exit::refused ? "refused" : "failed",
+                                      .reason = escapeForDisplay(told.text)})};
     }
 }
 

@@ -1,12 +1,15 @@
 #include "openssl/CertificateRequest.h"
 #include "base/Failure.h"
 #include "openssl/OpenSsl.h"
+#include "recognise/HexDigits.h"
 
+#include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto/Crypto.h>
 
 #include <openssl/pem.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace norvcrypt {
@@ -24,6 +27,22 @@ using IA5Ptr = Owned<ASN1_IA5STRING, ASN1_IA5STRING_free>;
     throw Failure(what + (reason.empty() ? "" : ": " + reason));
 }
 
+/// What a backslash stands in front of, as RFC 4514 has it: a sign that would mean something else, or a byte in two digits.
+/// \param at the backslash; the last character that belongs to it, behind the call
+/// \throws Failure: neither
+std::string unescaped(const std::string& subject, std::size_t& at) {
+    constexpr std::string_view signs = "\"\\+,;<=># ";
+    if (at + 1 < subject.size() && signs.find(subject[at + 1]) != std::string_view::npos)
+        return {subject[++at]};
+    const Norvane::Buffer byte = octetsFromHex(subject.substr(at + 1, 2));
+    if (byte.length() != 1)
+        throw Failure("a backslash in the subject stands in front of a sign (one of \"\\+,;<=># or a blank) or of two "
+                      "hexadecimal digits: " +
+                      subject);
+    at += 2;
+    return {static_cast<char>(byte.data()[0])};
+}
+
 /// The parts of "CN=Dora\, Anna,O=Example", unescaped. \throws Failure
 std::vector<std::pair<std::string, std::string>> partsOf(const std::string& subject) {
     std::vector<std::pair<std::string, std::string>> parts(1);
@@ -31,8 +50,8 @@ std::vector<std::pair<std::string, std::string>> partsOf(const std::string& subj
     for (std::size_t at = 0; at < subject.size(); ++at) {
         const char one = subject[at];
         const bool inValue = into == &parts.back().second;
-        if (one == '\\' && at + 1 < subject.size()) {
-            *into += subject[++at];
+        if (one == '\\') {
+            *into += unescaped(subject, at);
         } else if (one == '=' && !inValue) {
             into = &parts.back().second;
         } else if (one == ',') {
@@ -75,7 +94,7 @@ NamePtr nameOf(const std::string& subject) {
 void addName(GENERAL_NAMES* names, int type, const std::string& text) {
     const bool isAscii = std::ranges::all_of(text, [](char one) { return one > ' ' && one < '\x7F'; });
     if (text.empty() || !isAscii)
-        throw Failure("not supported in a request, as it is not ASCII: " + text);
+        throw Failure("not supported in a request, as it is empty, holds a blank or is not ASCII: " + text);
     IA5Ptr string(ASN1_IA5STRING_new());
     GeneralNamePtr name(GENERAL_NAME_new());
     if (!string || !name || ASN1_STRING_set(string.get(), text.data(), static_cast<int>(text.size())) != 1)
@@ -90,8 +109,12 @@ void addAlternativeNames(X509_REQ* request, const RequestContent& content) {
     const NamesPtr names(sk_GENERAL_NAME_new_null());
     if (!names)
         throw std::bad_alloc();
-    for (const std::string& address : content.emails)
+    for (const std::string& address : content.emails) {
         addName(names.get(), GEN_EMAIL, address);
+        // Nobody would ever find a sender to be its holder.
+        if (Norvane::Crypto::Trust::comparableAddress(address).empty())
+            throw Failure("no mail address: " + address);
+    }
     for (const std::string& host : content.hosts)
         addName(names.get(), GEN_DNS, host);
     if (sk_GENERAL_NAME_num(names.get()) == 0)

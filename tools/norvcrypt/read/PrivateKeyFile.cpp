@@ -23,8 +23,10 @@ namespace {
 /// Whether OpenSSL's reason is that it does not know how the key was encrypted. With a wrong passphrase it may find any
 /// other: what comes out is garbage.
 bool isUnsupported(const std::string& reason) {
-    constexpr std::array words{"unknown pbe algorithm", "unsupported prf",       "unsupported cipher",
-                               "unsupported keylength", "unsupported salt type", "unknown cipher"};
+    constexpr std::array words{"unknown pbe algorithm", "unsupported key derivation function",
+                               "unsupported prf",       "unsupported cipher",
+                               "unsupported keylength", "unsupported salt type",
+                               "unknown cipher"};
     return std::ranges::any_of(words, [&reason](const char* word) { return reason.find(word) != reason.npos; });
 }
 

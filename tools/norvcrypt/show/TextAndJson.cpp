@@ -89,6 +89,12 @@ std::string asJsonLine(const Description& object) {
     return withSafeTexts(object).dump(-1, ' ', true) + "\n";
 }
 
+std::string asJsonLine(const std::string& file, int exitCode, const std::string& error) {
+    const auto quoted = [](const std::string& text) { return Description(asUtf8(text)).dump(-1, ' ', true); };
+    return "{\"file\":" + quoted(file) + ",\"exitCode\":" + std::to_string(exitCode) + ",\"error\":" + quoted(error) +
+           "}\n";
+}
+
 std::string asText(const Description& object) {
     const std::string heading =
         Norvane::escapeForDisplay(object.at("file").get<std::string>()) + ": " + object.at("type").get<std::string>();

@@ -13,6 +13,9 @@ namespace norvcrypt {
 std::string asJson(const Description& objects);
 /// The same on one line.
 std::string asJsonLine(const Description& object);
+/// The line of an input that could not be done, made without containers: these need memory to be destroyed, and end the process
+/// where there is none, which may be what is to be told.
+std::string asJsonLine(const std::string& file, int exitCode, const std::string& error);
 
 /// Lines "key: value", one for each value, indented by depth; values are escaped for display, names once.
 std::string asText(const Description& object);
