@@ -3,6 +3,7 @@
 /// \file
 /// What OpenSSL's algorithms come from.
 
+#include <openssl/err.h>
 #include <openssl/provider.h>
 
 namespace Norvane::Crypto::platform {
@@ -21,7 +22,13 @@ inline bool loadProviders() {
     // of the one that OpenSSL falls back on, which would be a second default provider: every look-up of an algorithm would go
     // through both.
     const bool standard = loadDefaultProvider();
-    static const OSSL_PROVIDER* const legacy = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+    static const OSSL_PROVIDER* const legacy = [] {
+        // It is a file, which not every host has: a reason that stays in the queue would be told for the next failure.
+        ERR_set_mark();
+        const OSSL_PROVIDER* const loaded = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+        ERR_pop_to_mark();
+        return loaded;
+    }();
     return standard && legacy != nullptr;
 }
 

@@ -11,6 +11,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace norvtest {
 
@@ -94,16 +95,41 @@ inline norvauthority::Bytes indefinite(const norvauthority::Bytes& der) {
     return ber;
 }
 
-/// An encrypted private key (PBES2 of RFC 8018) in name: its passphrase would be hashed once more than is allowed.
-inline norvauthority::Bytes sealedWithTooManyIterations() {
+/// An encrypted private key (PBES2 of RFC 8018) in name. \param derivation the function that makes a key of the passphrase
+inline norvauthority::Bytes sealed(const norvauthority::Bytes& derivation,
+                                   const std::string& cipher = "2.16.840.1.101.3.4.1.42") {
     using namespace norvauthority::der;
     using norvauthority::Bytes;
-    const Bytes derivation = sequence({octetString(Bytes(8, 1)), integer("02faf081"), // 50,000,001
-                                       sequence({oid("1.2.840.113549.2.9"), null()})});
     return sequence({sequence({oid("1.2.840.113549.1.5.13"),
-                               sequence({sequence({oid("1.2.840.113549.1.5.12"), derivation}),
-                                         sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})}),
+                               sequence({derivation, sequence({oid(cipher), octetString(Bytes(16))})})}),
                      octetString(Bytes(64))});
+}
+
+/// PBKDF2. \param iterations hexadecimal
+inline norvauthority::Bytes pbkdf2(const std::string& iterations, const std::string& hash = "1.2.840.113549.2.9") {
+    using namespace norvauthority::der;
+    return sequence({oid("1.2.840.113549.1.5.12"), sequence({octetString(norvauthority::Bytes(8, 1)),
+                                                             integer(iterations), sequence({oid(hash), null()})})});
+}
+
+/// The passphrase would be hashed once more than is allowed.
+inline norvauthority::Bytes sealedWithTooManyIterations() {
+    return sealed(pbkdf2("02faf081")); // 50,000,001
+}
+
+/// Encrypted private keys that OpenSSL has no means to decrypt, whatever the passphrase.
+inline std::vector<norvauthority::Bytes> sealedInUnsupportedWays() {
+    using namespace norvauthority::der;
+    using norvauthority::Bytes;
+    const Bytes scryptOf64MiB =
+        sequence({oid("1.3.6.1.4.1.11591.4.11"),
+                  sequence({octetString(Bytes(8)), integer("010000"), integer("8"), integer("1")})});
+    return {sequence({sequence({oid("1.2.840.113549.1.5.127"), null()}), octetString(Bytes(64))}),
+            sealed(sequence({oid("1.2.840.113549.1.5.127"), null()})),
+            sealed(pbkdf2("0800", "1.2.840.113549.2.127")),
+            sealed(pbkdf2("0800"), "2.16.840.1.101.3.4.1.127"),
+            sealed(pbkdf2("0800"), "2.16.840.1.101.3.4.1.46"), // AES-256 in GCM mode
+            sealed(scryptOf64MiB)};
 }
 
 } // namespace norvtest

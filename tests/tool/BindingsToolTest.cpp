@@ -566,4 +566,22 @@ TEST_F(StoreEncryptTest, AStoreWithoutTheKeyDoesNotDecrypt) {
     EXPECT_FALSE(work.exists("clear"));
 }
 
+// The key that nobody may use as it lies there was called missing, and nothing told of the file.
+TEST_F(StoreEncryptTest, AKeyThatIsSkippedIsNamedToWhoDecryptsOrSigns) {
+    ASSERT_EQ(0, encryptTo({"alice@example.com"}).status);
+    fs::permissions(work.path("store/alice/key.pem"), fs::perms(0644));
+    const std::string warning = "norvcrypt: warning: alice/key.pem in the store is skipped: others than its owner may "
+                                "use it (mode 0644); chmod 600 makes it private\n";
+    const Answer decrypted = tool({"decrypt", "--store", "store", "--in", "msg", "--out", "clear"});
+    EXPECT_EQ(1, decrypted.status);
+    EXPECT_EQ(0U, decrypted.err.find(warning)) << decrypted.err;
+    EXPECT_NE(std::string::npos, decrypted.err.find("no key for it")) << decrypted.err;
+    const Answer sent =
+        tool({"sign", "--store", "store", "--from", "alice@example.com", "--in", "body", "--out", "sig"});
+    EXPECT_EQ(1, sent.status);
+    EXPECT_EQ(0U, sent.err.find(warning)) << sent.err;
+    const Answer other = encryptTo({"alice@example.com"});
+    EXPECT_EQ("", other.err) << "no key is asked for";
+}
+
 } // namespace

@@ -1,6 +1,9 @@
 // The tool where a library that it loads when it needs it is not installed: told on one line, and all else goes on.
 
-#include "support/ToolTest.h"
+#include "support/Costly.h"
+#include "support/SigningToolTest.h"
+
+#include <utility>
 
 using namespace interop;
 
@@ -48,6 +51,27 @@ TEST_F(MissingLibraries, WithoutLibgcryptIdeaFailsOnOneLine) {
                         std::string(16, '2')},
                        "text"),
                   "the cipher is not supported here (IDEA needs libgcrypt)");
+}
+
+// The reason of every later failure was that of the provider, and keys that need it had a wrong passphrase.
+TEST_F(MissingLibraries, WithoutTheLegacyProviderFailuresHaveTheirOwnReasons) {
+    work.write("alice.pem", alice().certificate.pem());
+    work.write("alice.key", alice().key.pkcs8Pem());
+    work.write("pass", std::string("secret\n"));
+    work.write("odd.key", norvauthority::pem("ENCRYPTED PRIVATE KEY", norvtest::sealedInUnsupportedWays().at(3)));
+    const Answer made = run({.arguments = {"openssl", "pkcs8", "-topk8", "-v1", "PBE-MD5-DES", "-provider", "legacy",
+                                           "-provider", "default", "-in", work.path("alice.key"), "-passout",
+                                           "file:" + work.path("pass"), "-out", work.path("old.key")}});
+    ASSERT_EQ(0, made.status) << made.err;
+    before = work.names();
+    for (const auto& [key, reason] : {std::pair{"odd.key", "its cipher is not supported"},
+                                      std::pair{"old.key", "it is damaged, or of a kind that is not supported"}})
+        expectFailure(
+            norvcrypt(Command{.arguments = {"sign", "--cert", "alice.pem", "--key", key, "--passphrase-file", "pass"},
+                              .input = "body",
+                              .directory = work.directory(),
+                              .environment = {{"OPENSSL_MODULES", "/nonexistent"}}}),
+            std::string("cannot read the private key in ") + key + ": " + reason + "\n");
 }
 
 TEST_F(MissingLibraries, LibrariesInTheCurrentFolderAreNotLoaded) {

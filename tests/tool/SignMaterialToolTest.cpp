@@ -239,6 +239,26 @@ TEST_F(SignMaterialToolTest, DamagedCertificateAndKey) {
     expectFailure(sign({"--in", "body", "--out", "sig"}), "cannot read the private key in alice.key: ");
 }
 
+// The passphrase was called wrong for some of them.
+TEST_F(SignMaterialToolTest, KeysThatAreEncryptedInUnsupportedWaysAreNotBlamedOnThePassphrase) {
+    const std::string way = "it is encrypted in a way that is not supported";
+    const std::vector<std::string> reasons{way,
+                                           way,
+                                           way,
+                                           "its cipher is not supported",
+                                           "its cipher is not supported, or the parameters of that are damaged",
+                                           "its encryption takes more memory (scrypt) than is supported"};
+    const auto keys = norvtest::sealedInUnsupportedWays();
+    ASSERT_EQ(keys.size(), reasons.size());
+    work.write("pass", std::string("secret\n"));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        work.write("odd.key", norvauthority::pem("ENCRYPTED PRIVATE KEY", keys[i]));
+        before = work.names();
+        expectFailure(tool({"sign", "--cert", "alice.pem", "--key", "odd.key", "--passphrase-file", "pass"}, "body"),
+                      "cannot read the private key in odd.key: " + reasons[i] + "\n");
+    }
+}
+
 TEST_F(SignMaterialToolTest, AKeyWhosePassphraseWouldBeHashedTooOftenIsRefused) {
     work.write("costly.key", norvauthority::pem("ENCRYPTED PRIVATE KEY", norvtest::sealedWithTooManyIterations()));
     work.write("costly.der", norvtest::sealedWithTooManyIterations());

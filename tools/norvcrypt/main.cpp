@@ -1,5 +1,6 @@
 // norvcrypt: signs, verifies, encrypts, decrypts and inspects from the command line what the appliance handles.
 
+#include "base/Failure.h"
 #include "commands/Command.h"
 #include "files/Output.h"
 #include "openssl/Start.h"
@@ -13,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -83,10 +85,19 @@ Exit guarded(int argc, char** argv) {
     }
 }
 
-/// The commands tell themselves what matters; records of the library would only repeat it in between.
-class NoLog : public Norvane::LogSink {
+/// The commands tell themselves what matters; records of the library would only repeat it in between. But why a store passes over
+/// the key of the one who is meant nobody else says: a command sees no key then, and would call it missing.
+class Log : public Norvane::LogSink {
 public:
-    void record(const Norvane::LogRecord& /*record*/) override {}
+    void record(const Norvane::LogRecord& record) override {
+        constexpr unsigned int skippedInStore = 0x3000062;
+        if (record.event != skippedInStore || record.fields.size() != 3)
+            return;
+        const std::string& file = record.fields[1];
+        if (file == "key.pem" || file == "passphrase" || file == "chain.pem") // read of nobody but who was looked for
+            norvcrypt::reportError("warning: " + record.fields[0] + "/" + file +
+                                   " in the store is skipped: " + record.fields[2]);
+    }
 };
 
 } // namespace
@@ -94,7 +105,7 @@ public:
 int main(int argc, char** argv) {
     norvcrypt::prepareOutput();
     norvcrypt::startFor(argc > 1 ? argv[1] : "");
-    Norvane::Logger::instance(false).sink(std::make_shared<NoLog>());
+    Norvane::Logger::instance(false).sink(std::make_shared<Log>());
     const Exit code = guarded(argc, argv);
     Norvane::Crypto::cleanup();
 #ifdef NDEBUG

@@ -49,7 +49,8 @@
 /// finds that a file of theirs has changed. The first look-up by issuer and serial number or key identifier reads the
 /// certificate of each folder with a key, and decodes none but those it comes to. What turns out not to be usable then is
 /// passed over and logged (event 0x3000062, once for each load: folder, file, reason). `contents()` reads all, checks each key
-/// against its certificate and lets it go. `Reading::ahead` has everything read when the directory is loaded.
+/// against its certificate and lets it go. `Reading::ahead` has everything read when the directory is loaded; but a folder that
+/// changes three times under its reader waits for a look-up, too.
 ///
 /// A folder, or its `owners.txt`, that is not what it was when it was listed is not believed when it is read at last: the
 /// look-up loads the directory anew, as `reload()` does, and answers from that. So with `Reading::whenAsked` a change may show
@@ -181,7 +182,8 @@ public:
     /// This and all look-ups below: \throws Exception "DirectoryKeyStore::find", code 4, source "DirectoryKeyStore", with the
     ///         directory and the reason, where there is no telling who is the right one: the process ran out of descriptors,
     ///         memory or room in OpenSSL's secure heap; or a folder changed before it was read, and the directory cannot be
-    ///         loaded any more or changes again and again. With `Reading::ahead` none of them throws.
+    ///         loaded any more or changes again and again. With `Reading::ahead` none of them throws, unless a folder
+    ///         changed three times while it was read.
     [[nodiscard]] std::shared_ptr<const Contents> contents() const;
 
     /// The certificates of all folders that are used, by the bytes of the folders' names, and behind all of them those that

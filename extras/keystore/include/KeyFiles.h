@@ -22,16 +22,17 @@ constexpr unsigned int longestPassphrase = 1023;
 
 /// What became of reading a private key.
 struct OpenedKey {
-    RefKey key;             ///< null when there is none that could be read
-    bool encrypted = false; ///< without a key: there is one, and it is encrypted
-    bool tooCostly = false; ///< without a key: it is refused before it is decrypted or decoded (`TooCostlyException`)
-    std::string reason;     ///< without a key: why, in the words of OpenSSL or of the refusal
+    RefKey key;               ///< null when there is none that could be read
+    bool encrypted = false;   ///< without a key: there is one, and it is encrypted
+    bool tooCostly = false;   ///< without a key: it is refused before it is decrypted or decoded (`TooCostlyException`)
+    bool unsupported = false; ///< without a key: OpenSSL knows no such kind of key or encryption
+    std::string reason;       ///< without a key: why, in the words of OpenSSL or of the refusal
 };
 
 /// Reads the first private key, as `PrivateKey::readUnattended` does: keys that would take minutes to decrypt or to decode
 /// are refused. Never prompts: without a passphrase an encrypted key is not read. An empty passphrase is one like any
 /// other. Content that is no PEM is taken for encrypted. What memory held the key is wiped. Of OpenSSL's error queue a
-/// failure leaves nothing: what stood in it is in the reason.
+/// failure leaves nothing: what stood in it is in the reason; where something stood in it before, `unsupported` is false.
 /// \throws std::bad_alloc
 NORVCRYPTO_EXPORT OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_view>& passphrase);
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -96,12 +97,26 @@ FileState folderState(const FileDescriptor& parent, const std::string& name) {
     return FileState(status);
 }
 
+/// Names that come and go while many are listed may both be missed: the new one where the listing was already, the old one where
+/// it is yet to come. So the names are listed until nothing changed meanwhile; what changes all the time, as in an import of
+/// many folders, is taken as it was listed last.
 std::vector<std::string> foldersOf(const FileDescriptor& store) {
-    FolderNames listed = namesIn(store);
-    if (listed.error != 0) {
-        throwErrno("cannot be listed", listed.error);
+    constexpr int mostListings = 4;
+    std::vector<std::string> names;
+    for (int listing = 1;; ++listing) {
+        const FileState before = stateOf(store);
+        const std::time_t listedAt = std::time(nullptr);
+        FolderNames listed = namesIn(store);
+        if (listed.error != 0) {
+            throwErrno("cannot be listed", listed.error);
+        }
+        const bool same = listing > 1 && listed.names == names;
+        names = std::move(listed.names);
+        // What changed a moment ago may change again without a trace.
+        if (listing == mostListings || (stateOf(store) == before && (same || before.isSettled(listedAt)))) {
+            return names;
+        }
     }
-    return std::move(listed.names);
 }
 
 FileState stateOf(const FileDescriptor& file) {

@@ -6,6 +6,8 @@
 
 #include <openssl/pem.h>
 
+#include <algorithm>
+#include <array>
 #include <variant>
 
 namespace Norvane::Crypto::NVX509 {
@@ -37,6 +39,24 @@ bool isEncryptedPem(const Buffer& content) {
     return encrypted;
 }
 
+/// Whether OpenSSL's reason is that it does not know the kind of the key or how it was encrypted. With a wrong passphrase it may
+/// find any other: what comes out is garbage.
+bool isUnsupported(const std::string& reason) {
+    constexpr std::array words{"unknown pbe algorithm",
+                               "unknown cipher",
+                               "unsupported cipher",
+                               "unsupported encryption",
+                               "unsupported key derivation function",
+                               "unsupported keylength",
+                               "unsupported prf",
+                               "unsupported private key algorithm",
+                               "unsupported salt type",
+                               "cipher parameter error",
+                               "memory limit exceeded",                  // of scrypt
+                               "inner_evp_generic_fetch / unsupported"}; // no provider has the cipher
+    return std::ranges::any_of(words, [&reason](const char* word) { return reason.find(word) != reason.npos; });
+}
+
 /// What an exception of the library says about its cause.
 std::string detailOf(const Exception& failure) {
     std::string detail;
@@ -56,6 +76,7 @@ OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_
     const std::string_view characters = passphrase.value_or("");
     const Buffer answer(characters.data(), static_cast<unsigned int>(characters.size()), true);
     OpenedKey opened;
+    const bool isOnlyOurs = ERR_peek_error() == 0;
     const keystore::QuietQuestion quiet;
     auto* const key = new PrivateKey(nullptr);
     const RefKey handle(key);
@@ -68,6 +89,7 @@ OpenedKey openPrivateKey(const Buffer& content, const std::optional<std::string_
         opened.reason = detailOf(refused);
     } catch (const Exception& failure) {
         opened.reason = detailOf(failure);
+        opened.unsupported = isOnlyOurs && isUnsupported(opened.reason);
     }
     opened.encrypted = !isPem(content) || isEncryptedPem(content);
     return opened;

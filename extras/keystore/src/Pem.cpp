@@ -115,6 +115,9 @@ RefKey privateKeyOf(const Buffer& pem, const std::optional<Buffer>& passphrase) 
     if (secureHeapIsFull(pem.length())) {
         throw Exhausted("OpenSSL's secure heap has no room for the keys; a reload takes room for both contents");
     }
+    if (opened.unsupported) {
+        throw Refusal("is of a kind, or encrypted in a way, that is not supported");
+    }
     if (!opened.encrypted) {
         throw Refusal("holds no private key in PEM form");
     }

@@ -7,6 +7,8 @@
 #include <norvcrypto-keystore/KeyFiles.h>
 
 #include <gmock/gmock.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
 using namespace keystoretesting;
 using norvauthority::Time;
@@ -276,6 +278,18 @@ TEST_F(DirectoryKeyStoreLookUpTest, KeyFilesTellWhyTheyDoNotOpen) {
     EXPECT_FALSE(belongTogether(RefKey(), RefCertificate()));
     const auto other = openPrivateKey(bufferOf(norvtest::storedKeyPem("bob")), std::nullopt);
     EXPECT_FALSE(belongTogether(other.key, certificate));
+}
+
+// What an earlier operation left is in the reason, too.
+TEST_F(DirectoryKeyStoreLookUpTest, AnEarlierErrorDoesNotMakeAKeyUnsupported) {
+    const auto encrypted = x509testing::buffer(sharedKey().encryptedPem("open sesame"));
+    EXPECT_FALSE(openPrivateKey(encrypted, "open barley").unsupported);
+    ERR_raise(ERR_LIB_EVP, EVP_R_UNSUPPORTED_CIPHER);
+    const auto opened = openPrivateKey(encrypted, "open barley");
+    EXPECT_TRUE(opened.key.isNull());
+    EXPECT_TRUE(opened.encrypted);
+    EXPECT_NE(opened.reason.find("unsupported cipher"), std::string::npos);
+    EXPECT_FALSE(opened.unsupported);
 }
 
 TEST_F(DirectoryKeyStoreLookUpTest, AnExpiredOrFutureCertificateIsTakenWhenNothingElseMatches) {

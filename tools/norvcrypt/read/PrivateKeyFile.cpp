@@ -8,7 +8,6 @@
 #include <norvcrypto/EncodedKind.h>
 
 #include <algorithm>
-#include <array>
 #include <sys/stat.h>
 #include <vector>
 
@@ -20,22 +19,12 @@ using Norvane::Crypto::RefKey;
 
 namespace {
 
-/// Whether OpenSSL's reason is that it does not know how the key was encrypted. With a wrong passphrase it may find any
-/// other: what comes out is garbage.
-bool isUnsupported(const std::string& reason) {
-    constexpr std::array words{"unknown pbe algorithm", "unsupported key derivation function",
-                               "unsupported prf",       "unsupported cipher",
-                               "unsupported keylength", "unsupported salt type",
-                               "unknown cipher"};
-    return std::ranges::any_of(words, [&reason](const char* word) { return reason.find(word) != reason.npos; });
-}
-
 RefKey decryptedKey(const Norvane::Buffer& content, const Passphrase& passphrase, const std::string& name) {
     needAllAlgorithms();
     const NVX509::OpenedKey opened = NVX509::openPrivateKey(content, passphrase.view());
     if (!opened.key.isNull())
         return opened.key;
-    if (opened.tooCostly || isUnsupported(opened.reason))
+    if (opened.tooCostly || opened.unsupported)
         throw Failure("cannot read the private key in " + name + ": " + inPlainWords(opened.reason));
     throw Refusal("the passphrase for the private key in " + name + " is wrong, or the file is damaged" +
                   passphrase.oddity() + (tellsAll() ? ": " + opened.reason : ""));

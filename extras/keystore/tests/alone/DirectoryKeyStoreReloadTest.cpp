@@ -21,7 +21,8 @@
 
 namespace {
 
-std::function<int(const char*)> s_onOpen; ///< answers the error to fail with, or 0
+std::function<int(const char*)> s_onOpen;          ///< answers the error to fail with, or 0
+std::function<bool(const std::string&)> s_onEntry; ///< whether a listing tells a name
 int s_readError = 0;
 int s_interruptions = 0; ///< of reading
 int s_listError = 0;
@@ -56,7 +57,15 @@ extern "C" dirent* readdir(DIR* folder) {
         errno = s_listError;
         return nullptr;
     }
-    return norvtest::next<&readdir>("readdir")(folder);
+    const int before = errno; // which tells the end from a failure
+    dirent* entry = nullptr;
+    bool told = true;
+    do {
+        errno = before;
+        entry = norvtest::next<&readdir>("readdir")(folder);
+        told = entry == nullptr || !s_onEntry || s_onEntry(entry->d_name);
+    } while (!told);
+    return entry;
 }
 
 extern "C" int fstat(int file, struct stat* status) {
@@ -85,6 +94,7 @@ protected:
 
     void TearDown() override {
         s_onOpen = nullptr;
+        s_onEntry = nullptr;
         DirectoryKeyStoreTest::TearDown();
     }
     /// The reason for which a reload fails; the store still serves "a" afterwards.
@@ -182,6 +192,40 @@ TEST_F(DirectoryKeyStoreReloadTest, WhenTheDirectoryCannotBeListedToItsEndItFail
     const auto store = open();
     const During<int> failing(s_listError, EIO);
     EXPECT_EQ(reloadFailure(store), "cannot be listed: Input/output error");
+}
+
+// The new folder comes where the listing was already, and the old one goes before the listing comes to it.
+TEST_F(DirectoryKeyStoreReloadTest, AFolderThatTakesThePlaceOfAnotherDuringTheListingIsNotMissed) {
+    const auto who = identity("a");
+    m_store.add("a", "*@a.example\n", who);
+    int changes = 0;
+    s_onEntry = [&](const std::string& name) {
+        if (name != "a") {
+            return true;
+        }
+        ++changes;
+        m_store.add("b", "*@a.example\n", who);
+        m_store.remove("a");
+        return false;
+    };
+    const auto store = open();
+    EXPECT_EQ(changes, 1);
+    EXPECT_THAT(foldersOf(store), ElementsAre("b"));
+    EXPECT_EQ(signerFor(store, "x@a.example"), "a");
+}
+
+TEST_F(DirectoryKeyStoreReloadTest, ADirectoryThatGrowsAllTheTimeIsListedFourTimes) {
+    m_store.add("a", "*@a.example\n");
+    int listings = 0;
+    s_onEntry = [&](const std::string& name) {
+        if (name == "a") {
+            m_store.folder("new" + std::to_string(++listings));
+        }
+        return true;
+    };
+    const auto store = open();
+    EXPECT_EQ(listings, 4);
+    EXPECT_EQ(signerFor(store, "x@a.example"), "a");
 }
 
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatCannotBeReadToItsEndIsReported) {
