@@ -6,12 +6,12 @@
 #include "identities/Store.h"
 #include "many/ManyOptions.h"
 #include "openssl/CertificateDetails.h"
+#include "openssl/HexDigits.h"
 #include "read/CertificateFile.h"
 #include "read/KeyEncryptionKey.h"
 #include "read/Passphrase.h"
 #include "recognise/CipherNames.h"
 #include "recognise/DigestNames.h"
-#include "recognise/HexDigits.h"
 #include "write/CmsFile.h"
 
 #include <ctime>

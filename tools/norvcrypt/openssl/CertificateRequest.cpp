@@ -1,7 +1,7 @@
 #include "openssl/CertificateRequest.h"
 #include "base/Failure.h"
+#include "openssl/HexDigits.h"
 #include "openssl/OpenSsl.h"
-#include "recognise/HexDigits.h"
 
 #include <norvcrypto-trust/TrustSender.h>
 #include <norvcrypto/Crypto.h>

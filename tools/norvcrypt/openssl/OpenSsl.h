@@ -11,7 +11,7 @@
 /// | Reasons                | OpenSSL's errors in the text form of the library, for calls that the tool makes itself     |
 /// | ../recognise/DerAndPem | the blocks of PEM texts of any kind, and where one object in DER ends and another begins     |
 /// | ../recognise/DigestNames | OpenSSL's names of digests; the library takes their numbers                              |
-/// | ../recognise/HexDigits | bytes from hexadecimal digits                                                              |
+/// | HexDigits              | bytes from hexadecimal digits                                                              |
 /// | ../show/Description    | the parts of structures that nothing but a display needs, and why an object is malformed   |
 /// | ../write/PrivateKeyFile | keys in clear or under AES; the library writes them encrypted with triple DES only        |
 /// | ../commands/Cipher     | bytes from hexadecimal digits, wiped where they were in between                            |

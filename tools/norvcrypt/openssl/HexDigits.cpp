@@ -1,4 +1,4 @@
-#include "recognise/HexDigits.h"
+#include "openssl/HexDigits.h"
 
 #include "openssl/OpenSsl.h"
 
