@@ -100,6 +100,7 @@ bool hasParameters(std::string_view name) {
     return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
 
+/// Whether GMime may be given a field that has parameters.
 bool canBeWritten(const std::string& name, const std::string& value) {
     if (mime::isSameName(name, "Content-Type")) {
         const mime::GmimeObject<GMimeContentType> type(g_mime_content_type_parse(nullptr, value.c_str()));

@@ -39,8 +39,9 @@ std::string hidden(std::string_view name, const std::string& field) {
     return isSameName(name, "Comments") || isSameName(name, "Keywords") ? std::string() : field;
 }
 
-/// As it is sent outside. A line that is no field then is refused: many readers, relays among them, take it for the first of the body. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not describe
-/// the body a second time.
+/// As it is sent outside. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not
+/// describe the body a second time. What is no field then either is refused: many readers, relays among them, take it for the
+/// first line of the body.
 std::string outside(const mime::Header& header, const mime::Header::Field& field) {
     std::string text = outerField(header.octetsOf(field));
     if (begins(text, "Content-") || begins(text, "MIME-Version")) {

@@ -158,6 +158,8 @@ TEST(SmimeEncryptingTest, SendsCertificatesAlone) {
     sk_X509_pop_free(certificates, X509_free);
     EXPECT_EQ(refusal([&] { SMime::writeCertificates(MemoryMediaIn("A: b\n\nx"), {certificateOf(root())}, {}, out); }),
               "a message of certificates has no body");
+    EXPECT_EQ(refusal([&] { SMime::writeCertificates(MemoryMediaIn("A b\n\n"), {certificateOf(root())}, {}, out); }),
+              "the header of the message has a line that is no field, at which many readers begin the body");
 }
 
 // RFC 8551, 3.8: lists of revoked certificates, too.
