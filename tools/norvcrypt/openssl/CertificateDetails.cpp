@@ -1,4 +1,5 @@
 #include "openssl/CertificateDetails.h"
+#include "openssl/GeneralNames.h"
 #include "openssl/OpenSsl.h"
 
 #include <norvcrypto/DistinguishedName.h>
@@ -10,7 +11,6 @@
 #include <ctime>
 #include <memory>
 #include <new>
-#include <set>
 #include <utility>
 
 namespace norvcrypt {
@@ -22,42 +22,6 @@ namespace {
 
 using UsagesPtr = Owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
 
-struct FreeingMemory {
-    void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
-};
-
-std::string textOf(const ASN1_STRING* string) {
-    const auto* start = reinterpret_cast<const char*>(ASN1_STRING_get0_data(string));
-    return start == nullptr ? std::string() : std::string(start, static_cast<std::size_t>(ASN1_STRING_length(string)));
-}
-
-/// In UTF-8, whatever the characters are in; as it stands where they are none.
-std::string utf8Of(const ASN1_STRING* string) {
-    unsigned char* text = nullptr;
-    const int length = ASN1_STRING_to_UTF8(&text, string);
-    const std::unique_ptr<unsigned char, FreeingMemory> owned(text);
-    return length < 0 ? textOf(string) : std::string(reinterpret_cast<char*>(text), static_cast<std::size_t>(length));
-}
-
-/// An address whose local part is not ASCII (RFC 9598).
-bool isMailbox(const OTHERNAME* name) {
-    return OBJ_obj2nid(name->type_id) == NID_id_on_SmtpUTF8Mailbox && name->value->type == V_ASN1_UTF8STRING;
-}
-
-/// Keeps the first of equal texts, in the order of arrival.
-class Distinct {
-public:
-    explicit Distinct(std::vector<std::string>& target) : m_target(target) {}
-    void add(const std::string& text) {
-        if (m_seen.insert(text).second)
-            m_target.push_back(text);
-    }
-
-private:
-    std::vector<std::string>& m_target;
-    std::set<std::string> m_seen;
-};
-
 template <class Digested> std::string digestOf(Digested& object) {
     HasherMediaOut hasher(Hasher::SHA256);
     object->writeDER(hasher);
@@ -65,25 +29,10 @@ template <class Digested> std::string digestOf(Digested& object) {
     return hasher.hasher()->digestAsHexString();
 }
 
-/// Calls `use` with each extension of that kind, decoded; false when one of them cannot be decoded.
-template <class Pointer, class Use> bool eachExtension(X509* certificate, int nid, Use use) {
-    const QuietQuestion quiet;
-    bool readable = true;
-    for (int at = X509_get_ext_by_NID(certificate, nid, -1); at >= 0; at = X509_get_ext_by_NID(certificate, nid, at)) {
-        const Pointer decoded(static_cast<typename Pointer::pointer>(X509V3_EXT_d2i(X509_get_ext(certificate, at))));
-        if (decoded)
-            use(decoded.get());
-        else
-            readable = false;
-    }
-    return readable;
-}
-
-std::string placeOf(const GENERAL_NAME* name) {
-    if (name->type == GEN_DIRNAME)
-        return displayName(Norvane::Crypto::NVX509::DistinguishedName(name->d.directoryName));
-    const bool text = name->type == GEN_URI || name->type == GEN_DNS || name->type == GEN_EMAIL;
-    return text ? textOf(name->d.ia5) : std::string();
+void addPlaces(const GENERAL_NAMES* names, std::vector<std::string>& places) {
+    for (int at = 0; at < sk_GENERAL_NAME_num(names); ++at)
+        if (std::string place = placeOf(sk_GENERAL_NAME_value(names, at)); !place.empty())
+            places.push_back(std::move(place));
 }
 
 void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
@@ -102,9 +51,7 @@ void addPlaces(const DIST_POINT_NAME* name, std::vector<std::string>& places) {
         places.push_back(displayName(Norvane::Crypto::NVX509::DistinguishedName(relative.get())));
         return;
     }
-    for (int at = 0; at < sk_GENERAL_NAME_num(name->name.fullname); ++at)
-        if (std::string place = placeOf(sk_GENERAL_NAME_value(name->name.fullname, at)); !place.empty())
-            places.push_back(std::move(place));
+    addPlaces(name->name.fullname, places);
 }
 
 std::string isoText(const std::tm& fields) {
@@ -175,38 +122,15 @@ std::optional<std::string> fingerprint(EVP_PKEY* key) {
     return hasher.digestAsHexString();
 }
 
-AlternativeNames alternativeNames(X509* certificate) {
-    AlternativeNames names;
-    Distinct emails(names.emails);
-    Distinct dns(names.dns);
-    Distinct uris(names.uris);
-    names.malformed = !eachExtension<NamesPtr>(certificate, NID_subject_alt_name, [&](const GENERAL_NAMES* all) {
-        for (int at = 0; at < sk_GENERAL_NAME_num(all); ++at) {
-            const GENERAL_NAME* name = sk_GENERAL_NAME_value(all, at);
-            if (name->type == GEN_EMAIL)
-                emails.add(textOf(name->d.rfc822Name));
-            else if (name->type == GEN_DNS)
-                dns.add(textOf(name->d.dNSName));
-            else if (name->type == GEN_URI)
-                uris.add(textOf(name->d.uniformResourceIdentifier));
-            else if (name->type == GEN_OTHERNAME && isMailbox(name->d.otherName))
-                emails.add(textOf(name->d.otherName->value->value.utf8string));
-        }
-    });
-    // Older certificates carry the address in the subject.
-    const X509_NAME* subject = X509_get_subject_name(certificate);
-    for (int at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, -1); at >= 0;
-         at = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, at))
-        emails.add(utf8Of(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
-    return names;
-}
-
 ListPlaces crlDistributionPoints(X509* certificate) {
     ListPlaces result;
     result.malformed =
         !eachExtension<PointsPtr>(certificate, NID_crl_distribution_points, [&result](const CRL_DIST_POINTS* points) {
-            for (int at = 0; at < sk_DIST_POINT_num(points); ++at)
-                addPlaces(sk_DIST_POINT_value(points, at)->distpoint, result.places);
+            for (int at = 0; at < sk_DIST_POINT_num(points); ++at) {
+                const DIST_POINT* const point = sk_DIST_POINT_value(points, at);
+                addPlaces(point->distpoint, result.places);
+                addPlaces(point->CRLissuer, result.issuers);
+            }
         });
     return result;
 }

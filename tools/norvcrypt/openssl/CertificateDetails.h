@@ -32,18 +32,10 @@ std::string fingerprint(const Norvane::Crypto::NVX509::RefCertificateRevocationL
 /// SHA-256 in lower-case hexadecimal of the SubjectPublicKeyInfo; nothing when it cannot be encoded.
 std::optional<std::string> fingerprint(EVP_PKEY* key);
 
-/// The subject's addresses and alternative names, each kind in the order of the certificate, none twice.
-struct AlternativeNames {
-    std::vector<std::string> emails;
-    std::vector<std::string> dns;
-    std::vector<std::string> uris;
-    bool malformed = false; ///< an extension could not be read
-};
-AlternativeNames alternativeNames(X509* certificate);
-
 /// Where the lists are found: URIs as they are, names as text.
 struct ListPlaces {
     std::vector<std::string> places;
+    std::vector<std::string> issuers; ///< who issues the lists, where the certificate's issuer does not
     bool malformed = false;
 };
 ListPlaces crlDistributionPoints(X509* certificate);

@@ -7,6 +7,7 @@
 /// |------------------------|--------------------------------------------------------------------------------------------|
 /// | CertificateDetails     | numbers, times and names as they stand in a structure, also those that the library refuses |
 /// |                        | (negative serial numbers, improper times): whoever inspects them wants to see just these   |
+/// | GeneralNames           | names of every kind beside the subject's                                                    |
 /// | PemEncoder             | base64 in lines, piece by piece: the library has PEM of whole objects                      |
 /// | Reasons                | OpenSSL's errors in the text form of the library, for calls that the tool makes itself     |
 /// | ../recognise/DerAndPem | the blocks of PEM texts of any kind, and where one object in DER ends and another begins     |
@@ -35,6 +36,10 @@ template <auto Free> struct Freeing {
     template <class T> void operator()(T* object) const noexcept { static_cast<void>(Free(object)); }
 };
 template <class T, auto Free> using Owned = std::unique_ptr<T, Freeing<Free>>;
+
+struct FreeingMemory {
+    void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
+};
 
 using BioPtr = Owned<BIO, BIO_free>;
 using BignumPtr = Owned<BIGNUM, BN_free>;

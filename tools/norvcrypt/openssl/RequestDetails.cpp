@@ -19,22 +19,6 @@ struct FreeingExtensions {
     }
 };
 
-std::string textOf(const ASN1_STRING* string) {
-    return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-            static_cast<std::size_t>(ASN1_STRING_length(string))};
-}
-
-void addNames(RequestDetails& details, X509_EXTENSION* extension) {
-    const NamesPtr names(static_cast<GENERAL_NAMES*>(X509V3_EXT_d2i(extension)));
-    for (int at = 0; at < sk_GENERAL_NAME_num(names.get()); ++at) {
-        const GENERAL_NAME* const name = sk_GENERAL_NAME_value(names.get(), at);
-        if (name->type == GEN_EMAIL)
-            details.emails.push_back(textOf(name->d.rfc822Name));
-        else if (name->type == GEN_DNS)
-            details.dns.push_back(textOf(name->d.dNSName));
-    }
-}
-
 } // namespace
 
 RequestDetails requestDetails(const Norvane::Buffer& der) {
@@ -56,12 +40,14 @@ RequestDetails requestDetails(const Norvane::Buffer& der) {
     }
     const std::unique_ptr<STACK_OF(X509_EXTENSION), FreeingExtensions> extensions(
         X509_REQ_get_extensions(request.get()));
+    GeneralNames names;
     for (int one = 0; one < sk_X509_EXTENSION_num(extensions.get()); ++one) {
         X509_EXTENSION* const extension = sk_X509_EXTENSION_value(extensions.get(), one);
         details.extensions.push_back(objectName(X509_EXTENSION_get_object(extension)));
         if (OBJ_obj2nid(X509_EXTENSION_get_object(extension)) == NID_subject_alt_name)
-            addNames(details, extension);
+            names.add(extension);
     }
+    details.names = names.take();
     return details;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "openssl/GeneralNames.h"
+
 #include <norvcmsg/Buffer.h>
 #include <norvcrypto/Key.h>
 
@@ -14,8 +16,7 @@ struct RequestDetails {
     Norvane::Crypto::RefKey key;
     std::string signatureAlgorithm;
     bool signedWithItsKey = false; ///< whoever made it has the key
-    std::vector<std::string> emails;
-    std::vector<std::string> dns;
+    AlternativeNames names;
     std::vector<std::string> extensions; ///< names of the extensions that are asked for
 };
 

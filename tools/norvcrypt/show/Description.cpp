@@ -1,6 +1,7 @@
 #include "show/Description.h"
 #include "base/Failure.h"
 #include "openssl/CertificateDetails.h"
+#include "openssl/GeneralNames.h"
 #include "openssl/ListEntries.h"
 #include "openssl/OpenSsl.h"
 #include "openssl/RequestDetails.h"
@@ -89,6 +90,19 @@ void putEntries(Description& facts, const STACK_OF(X509_REVOKED) * revoked, cons
     eachRevoked(revoked, static_cast<int>(range.first), static_cast<int>(std::min(range.last, count)), tell);
 }
 
+constexpr const char* unreadableKey = "a public key that is malformed or not supported";
+
+void putNames(Description& facts, const AlternativeNames& names) {
+    putTexts(facts, "emails", names.emails);
+    putTexts(facts, "dns", names.dns);
+    putTexts(facts, "uris", names.uris);
+    putTexts(facts, "ipAddresses", names.ipAddresses);
+    putTexts(facts, "directoryNames", names.directoryNames);
+    putTexts(facts, "otherNames", names.others);
+    if (names.malformed)
+        problem(facts, "a malformed subject alternative name");
+}
+
 Description requestFacts(const Norvane::Buffer& der) {
     const RequestDetails request = requestDetails(der);
     Description facts = Description::object();
@@ -97,9 +111,10 @@ Description requestFacts(const Norvane::Buffer& der) {
         facts["publicKey"] = norvcrypt::keyFacts(request.key);
     putText(facts, "signatureAlgorithm", request.signatureAlgorithm);
     facts["signedWithItsKey"] = request.signedWithItsKey;
-    putTexts(facts, "emails", request.emails);
-    putTexts(facts, "dns", request.dns);
+    putNames(facts, request.names);
     putTexts(facts, "extensions", request.extensions);
+    if (request.key.isNull())
+        problem(facts, unreadableKey);
     return facts;
 }
 
@@ -152,23 +167,23 @@ Description certificateFacts(const NVX509::RefCertificate& certificate) {
     facts["sha256"] = fingerprint(certificate);
     facts["selfSigned"] = certificate->isSelfSigned();
     facts["ca"] = certificate->isCACert();
-    if (const auto key = publicKeyDetails(x509))
+    const auto key = publicKeyDetails(x509);
+    if (key)
         facts["publicKey"] = {{"algorithm", key->name}, {"bits", key->bits}};
     putText(facts, "signatureAlgorithm", signatureAlgorithm(X509_get0_tbs_sigalg(x509)));
     putTexts(facts, "keyUsage", keyUsage(certificate));
     putTexts(facts, "extendedKeyUsage", extendedKeyUsage(x509));
     const AlternativeNames names = alternativeNames(x509);
-    putTexts(facts, "emails", names.emails);
-    putTexts(facts, "dns", names.dns);
-    putTexts(facts, "uris", names.uris);
-    if (names.malformed)
-        problem(facts, "a malformed subject alternative name");
+    putNames(facts, names);
     const ListPlaces lists = crlDistributionPoints(x509);
     putTexts(facts, "crlDistributionPoints", lists.places);
+    putTexts(facts, "crlIssuers", lists.issuers);
     if (lists.malformed)
         problem(facts, "malformed CRL distribution points");
     if (!names.malformed && !lists.malformed && hasUnusableExtension(x509))
         problem(facts, "an extension that is malformed or stands twice");
+    if (!key)
+        problem(facts, unreadableKey);
     return facts;
 }
 
