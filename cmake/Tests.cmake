@@ -4,8 +4,9 @@ include(${CMAKE_CURRENT_LIST_DIR}/Skipped.cmake)
 add_custom_target(concurrency_tests)
 
 # The code of the tests is checked for memory errors; undefined behaviour is looked for in the libraries and the tool
-# alone: instrumenting the tests for it doubles what compiling them takes.
-set(NORV_TEST_OPTIONS -fno-sanitize=undefined)
+# alone: instrumenting the tests for it doubles what compiling them takes. Lines and functions are what a report of a sanitizer
+# names; the debugger's knowledge of each variable would be a third of what is written for the tests.
+set(NORV_TEST_OPTIONS -fno-sanitize=undefined -g1)
 if(NORV_MUTANTS)
   list(APPEND NORV_TEST_OPTIONS -w) # some compile sources of the libraries, which are no longer as anyone wrote them
 endif()
