@@ -29,7 +29,30 @@ bool announcesUnknownDigest() {
     return false;
 }
 
-/// Whether each signer's key has signed the attributes, and these have the digest of the content.
+/// Whether the signer's key has signed these very bytes.
+bool isSignatureOf(CMS_SignerInfo* signer, EVP_PKEY* key, const EVP_MD* digest, const Buffer& content) {
+    const ASN1_OCTET_STRING* const signature = CMS_SignerInfo_get0_signature(signer);
+    EVP_MD_CTX* const context = EVP_MD_CTX_new();
+    const bool good = EVP_DigestVerifyInit(context, nullptr, digest, nullptr, key) == 1 &&
+                      EVP_DigestVerify(context, ASN1_STRING_get0_data(signature),
+                                       static_cast<std::size_t>(ASN1_STRING_length(signature)), content.data(),
+                                       content.length()) == 1;
+    EVP_MD_CTX_free(context);
+    return good;
+}
+
+/// Whether the signer's key has signed the attributes, and these have the digest of the content.
+bool areAttributesOf(CMS_SignerInfo* signer, const EVP_MD* digest, const Buffer& content) {
+    const auto* const said = static_cast<const ASN1_OCTET_STRING*>(
+        CMS_signed_get0_data_by_OBJ(signer, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING));
+    unsigned char made[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    return said != nullptr && CMS_SignerInfo_verify(signer) == 1 &&
+           EVP_Digest(content.data(), content.length(), made, &length, digest, nullptr) == 1 &&
+           ASN1_STRING_length(said) == static_cast<int>(length) &&
+           std::memcmp(ASN1_STRING_get0_data(said), made, length) == 0;
+}
+
 bool areSignersGood(CMS_ContentInfo* structure, const Buffer& content) {
     if (CMS_set1_signers_certs(structure, nullptr, 0) < 0) { // counts those that it had not found before
         return false;
@@ -37,17 +60,14 @@ bool areSignersGood(CMS_ContentInfo* structure, const Buffer& content) {
     STACK_OF(CMS_SignerInfo)* const signers = CMS_get0_SignerInfos(structure);
     for (int at = 0; at < sk_CMS_SignerInfo_num(signers); ++at) {
         CMS_SignerInfo* const signer = sk_CMS_SignerInfo_value(signers, at);
+        EVP_PKEY* key = nullptr;
         X509_ALGOR* algorithm = nullptr;
-        CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &algorithm, nullptr);
+        CMS_SignerInfo_get0_algs(signer, &key, nullptr, &algorithm, nullptr);
         const EVP_MD* const digest = EVP_get_digestbyobj(algorithm->algorithm);
-        const auto* const said = static_cast<const ASN1_OCTET_STRING*>(
-            CMS_signed_get0_data_by_OBJ(signer, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING));
-        unsigned char made[EVP_MAX_MD_SIZE];
-        unsigned int length = 0;
-        if (digest == nullptr || said == nullptr || CMS_SignerInfo_verify(signer) != 1 ||
-            EVP_Digest(content.data(), content.length(), made, &length, digest, nullptr) != 1 ||
-            ASN1_STRING_length(said) != static_cast<int>(length) ||
-            std::memcmp(ASN1_STRING_get0_data(said), made, length) != 0) {
+        const bool good = key != nullptr && digest != nullptr &&
+                          (CMS_signed_get_attr_count(signer) >= 0 ? areAttributesOf(signer, digest, content)
+                                                                  : isSignatureOf(signer, key, digest, content));
+        if (!good) {
             return false;
         }
     }
