@@ -133,7 +133,8 @@ namespace Norvane::Crypto::NVSSL {
 /// (OpenSSL decodes all that come, keys and extensions included, before anything can be asked about them), or more
 /// messages after the handshake than the data is worth: key updates, session tickets (RFC 8446, 4.6), hello requests of a
 /// server and refused hellos of a client count once, the handshakes of a server that renegotiates four times, and 64 are
-/// free, then one for each 4,096 bytes received beside handshake messages. The failure is a handshake's, or that of
+/// free, then one for each 4,096 bytes received beside handshake messages. So does a server that chooses a modulus of more
+/// than 8,192 bits for Diffie-Hellman (OpenSSL takes 10,000, a second of work). The failure is a handshake's, or that of
 /// `receive`, with the reason in front of OpenSSL's errors; `send` answers 0.
 ///
 /// All contexts that this library makes have it as their message callback. A program that installs one of its own there

@@ -3,7 +3,9 @@
 #include "openssl/Acceptance.h"
 #include "openssl/ErrorQueue.h"
 
+#include <openssl/dherr.h>
 #include <openssl/err.h>
+#include <openssl/objects.h>
 #include <openssl/sslerr.h>
 
 #include <algorithm>
@@ -25,6 +27,10 @@ constexpr long certificateListLimit = 64L * 1024;
 constexpr std::uint64_t freeMessages = 64;
 constexpr std::uint64_t bytesPerMessage = 4096;
 constexpr std::uint64_t handshakeWeight = 4; ///< a whole handshake follows
+
+/// In bytes: 8,192 bits, the longest prime that has a name in TLS (RFC 7919). It takes a quarter of a second, and 10,000
+/// bits, which OpenSSL takes, a whole one.
+constexpr std::size_t longestPrime = 1024;
 
 constexpr std::size_t headerLength = 4; ///< the type and the length of a handshake message
 
@@ -151,6 +157,22 @@ void endFlood(SSL* ssl) {
     }
 }
 
+/// RFC 5246, 7.4.3: the client raises numbers to powers as long as the prime that the server chose, twice.
+void lookAtPrime(const SSL* ssl, Fields message) {
+    const SSL_CIPHER* const cipher = SSL_get_pending_cipher(ssl);
+    const int exchange = cipher == nullptr ? NID_undef : SSL_CIPHER_get_kx_nid(cipher);
+    if (exchange != NID_kx_dhe && (exchange != NID_kx_dhe_psk || !message.takePrefixed(2))) {
+        return;
+    }
+    Fields behind = message;
+    const auto length = message.take(2);
+    const auto prime = behind.takePrefixed(2);
+    if (length && prime && prime->size() > longestPrime) {
+        queueError(function, ERR_LIB_DH, DH_R_MODULUS_TOO_LARGE);
+        fill(*length, 0xFF); // longer than the message
+    }
+}
+
 /// An answer to the hello of a client that may not renegotiate.
 bool refusesRenegotiation(int contentType, const void* data, std::size_t length, const SSL* ssl) {
     const auto* const alert = static_cast<const unsigned char*>(data);
@@ -186,6 +208,9 @@ void refuseCostlyMessage(bool isWritten, int contentType, const void* data, std:
         break;
     case SSL3_MT_HELLO_REQUEST: // in TLS 1.2, without end while a handshake goes on
         endFlood(ssl);
+        break;
+    case SSL3_MT_SERVER_KEY_EXCHANGE:
+        lookAtPrime(ssl, body);
         break;
     case SSL3_MT_SERVER_HELLO: // again and again, when a server of TLS 1.2 renegotiates
         refuseFlood(ssl, SSL_R_NO_RENEGOTIATION, handshakeWeight, Fields(body).take(2), 0xFF);

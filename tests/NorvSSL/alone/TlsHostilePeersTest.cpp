@@ -428,6 +428,32 @@ TEST_F(TlsHostilePeersTest, AClientMayAskForRenegotiationNowAndThen) {
     EXPECT_EQ("", receive(both.server));
 }
 
+RefContext anonymous(const RefContext& context) {
+    EXPECT_EQ(1, SSL_CTX_set_cipher_list(context, "ADH-AES128-GCM-SHA256:@SECLEVEL=0"));
+    return only(context, TLS1_2_VERSION);
+}
+
+/// A server whose client has to compute modulo a number of so many octets. It is no prime, which OpenSSL does not notice.
+RefContext serverWithModulus(std::size_t octets) {
+    using namespace norvauthority;
+    Bytes modulus(octets + 1, 0xA5);
+    modulus.front() = 0; // positive
+    const Bytes parameters = der::element(0x30, der::concat({der::element(0x02, modulus), der::element(0x02, {2})}));
+    const unsigned char* at = parameters.data();
+    RefContext made(new Context(SSL_CTX_new(TLS_server_method())));
+    EXPECT_EQ(1, SSL_CTX_set0_tmp_dh_pkey(
+                     anonymous(made), d2i_KeyParams(EVP_PKEY_DH, nullptr, &at, static_cast<long>(parameters.size()))));
+    return made;
+}
+
+TEST_F(TlsHostilePeersTest, ServersChooseNoLongerModulusThanThoseWithNames) {
+    std::string alert;
+    EXPECT_THAT(refusalByClient(anonymous(clientContext()), serverWithModulus(1025), &alert),
+                HasSubstr("modulus too large; "));
+    EXPECT_THAT(alert, HasSubstr("alert decode error; "));
+    EXPECT_EQ("", refusalByClient(anonymous(clientContext()), serverWithModulus(1024)));
+}
+
 /// What `accept` throws when a client begins with so many times the same bytes.
 std::string refusalOfBeginning(const std::string& record, int times) {
     SSLSocket listening = listener(serverContext());

@@ -306,6 +306,14 @@ TEST(PeerMessages, OnlyAServersRefusalsOfRenegotiationCount) {
     EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
 }
 
+// After the handshake nothing is agreed on anew; ECDHE has no prime.
+TEST(PeerMessages, ParametersOfOtherKeyExchangesAreLeftAlone) {
+    const Bytes parameters = message(SSL3_MT_SERVER_KEY_EXCHANGE, prefixed(2, Bytes(1025, 9)));
+    const SslPtr ssl = tls12();
+    EXPECT_EQ(shown(ssl.get(), parameters), parameters);
+    EXPECT_EQ(reasonAndClear(), 0U);
+}
+
 TEST(PeerMessages, ATicketTooManyHasNoLength) {
     // Lifetime, age and nonce stand in front of the ticket (RFC 8446, 4.6.1).
     const Bytes ticket = message(
