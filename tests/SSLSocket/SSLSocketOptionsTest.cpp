@@ -569,7 +569,7 @@ TEST_F(SSLSocketOptionsTest, AcceptedConnectionHasTheTimeLimitOfTheOptions) {
     listening.timeLimit(20000); // for the handshake
     listening.options(options);
     Connection both = connectedTo(listening, clientContext());
-    EXPECT_EQ(50U, both.server.timeLimit());
+    ASSERT_EQ(50U, both.server.timeLimit());
     auto silent = std::async(std::launch::async, [&] { return receive(both.client); });
     const auto thrown = thrownBy<SocketException>([&] { receive(both.server); });
     EXPECT_EQ("SocketImpl::readable", thrown.where());

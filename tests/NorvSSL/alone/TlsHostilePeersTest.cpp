@@ -428,30 +428,46 @@ TEST_F(TlsHostilePeersTest, AClientMayAskForRenegotiationNowAndThen) {
     EXPECT_EQ("", receive(both.server));
 }
 
-RefContext anonymous(const RefContext& context) {
-    EXPECT_EQ(1, SSL_CTX_set_cipher_list(context, "ADH-AES128-GCM-SHA256:@SECLEVEL=0"));
+/// Without certificates, which have no bearing on it.
+RefContext withCipher(const RefContext& context, const std::string& name) {
+    EXPECT_EQ(1, SSL_CTX_set_cipher_list(context, (name + ":@SECLEVEL=0").c_str()));
+    SSL_CTX_set_psk_client_callback(
+        context,
+        [](SSL*, const char*, char* identity, unsigned int room, unsigned char* key, unsigned int) -> unsigned int {
+            std::fill_n(identity, room, '\0');
+            *identity = 'i';
+            *key = 'k';
+            return 1;
+        });
+    SSL_CTX_set_psk_server_callback(context, [](SSL*, const char*, unsigned char* key, unsigned int) -> unsigned int {
+        *key = 'k';
+        return 1;
+    });
     return only(context, TLS1_2_VERSION);
 }
 
 /// A server whose client has to compute modulo a number of so many octets. It is no prime, which OpenSSL does not notice.
-RefContext serverWithModulus(std::size_t octets) {
+RefContext serverWithModulus(const std::string& cipher, std::size_t octets) {
     using namespace norvauthority;
     Bytes modulus(octets + 1, 0xA5);
     modulus.front() = 0; // positive
     const Bytes parameters = der::element(0x30, der::concat({der::element(0x02, modulus), der::element(0x02, {2})}));
     const unsigned char* at = parameters.data();
-    RefContext made(new Context(SSL_CTX_new(TLS_server_method())));
-    EXPECT_EQ(1, SSL_CTX_set0_tmp_dh_pkey(
-                     anonymous(made), d2i_KeyParams(EVP_PKEY_DH, nullptr, &at, static_cast<long>(parameters.size()))));
+    RefContext made = withCipher(RefContext(new Context(SSL_CTX_new(TLS_server_method()))), cipher);
+    SSL_CTX_use_psk_identity_hint(made, "hint");
+    EVP_PKEY* const modular = d2i_KeyParams(EVP_PKEY_DH, nullptr, &at, static_cast<long>(parameters.size()));
+    EXPECT_EQ(1, SSL_CTX_set0_tmp_dh_pkey(made, modular));
     return made;
 }
 
 TEST_F(TlsHostilePeersTest, ServersChooseNoLongerModulusThanThoseWithNames) {
-    std::string alert;
-    EXPECT_THAT(refusalByClient(anonymous(clientContext()), serverWithModulus(1025), &alert),
-                HasSubstr("modulus too large; "));
-    EXPECT_THAT(alert, HasSubstr("alert decode error; "));
-    EXPECT_EQ("", refusalByClient(anonymous(clientContext()), serverWithModulus(1024)));
+    for (const std::string cipher : {"ADH-AES128-GCM-SHA256", "DHE-PSK-AES128-GCM-SHA256"}) {
+        std::string alert;
+        EXPECT_THAT(refusalByClient(withCipher(clientContext(), cipher), serverWithModulus(cipher, 1025), &alert),
+                    HasSubstr("modulus too large; "));
+        EXPECT_THAT(alert, HasSubstr("alert decode error; "));
+        EXPECT_EQ("", refusalByClient(withCipher(clientContext(), cipher), serverWithModulus(cipher, 1024)));
+    }
 }
 
 /// What `accept` throws when a client begins with so many times the same bytes.
