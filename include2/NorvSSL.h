@@ -131,14 +131,17 @@ namespace Norvane::Crypto::NVSSL {
 
 /// Ends a connection over what a peer sends to keep this side busy: a certificate that would cost too much to decode
 /// (OpenSSL decodes all that come, keys and extensions included, before anything can be asked about them), or more
-/// messages after the handshake than the data is worth: key updates and session tickets (RFC 8446, 4.6) count once, the
-/// handshakes of a server that renegotiates four times, and 64 are free, then one for each 4,096 bytes received. The
-/// failure is a handshake's, or that of `receive`, with the reason in front of OpenSSL's errors.
+/// messages after the handshake than the data is worth: key updates, session tickets (RFC 8446, 4.6), hello requests of a
+/// server and refused hellos of a client count once, the handshakes of a server that renegotiates four times, and 64 are
+/// free, then one for each 4,096 bytes received beside handshake messages. So does a server that chooses a modulus of more
+/// than 8,192 bits for Diffie-Hellman (OpenSSL takes 10,000, a second of work). The failure is a handshake's, or that of
+/// `receive`, with the reason in front of OpenSSL's errors; `send` answers 0.
 ///
 /// All contexts that this library makes have it as their message callback. A program that installs one of its own there
 /// (SSL_CTX_set_msg_callback, SSL_set_msg_callback) takes its place, and must call it first, with the arguments that it
 /// was given; it may also give it to a context that it made itself. It throws nothing, looks at nothing but handshake
-/// messages of TLS that came in, and makes a refused one malformed in place.
+/// messages of TLS that came in and the alerts that refuse renegotiation, and makes a refused message malformed in place; where
+/// there is none to refuse, the connection's reading BIO reads nothing more, by a callback that takes the place of any other.
 /// \param isWritten 0 for what was received \param contentType, bytes, length as OpenSSL hands them in
 /// \param connection may be null, nothing is done then
 NORVCRYPTO_EXPORT void refuseCostlyMessages(int isWritten, int version, int contentType, const void* bytes,

@@ -36,8 +36,8 @@ namespace Norvane::Crypto::NVSSL {
 
 /// What a program asks of a connection. The defaults ask for nothing: connections are as they are without options.
 struct ConnectionOptions {
-    /// `Socket::timeLimit` of a socket that has none when it connects: milliseconds for each wait, 0 for no limit. It
-    /// bounds the plain connection as well.
+    /// `Socket::timeLimit` of a socket that has none when it connects, and of each that is accepted: milliseconds for each
+    /// wait, 0 for no limit. It bounds the plain connection as well.
     uint_t timeLimit = 0;
     /// Milliseconds that the whole handshake may take, from the moment that the plain connection stands; 0 for no limit.
     /// A peer that says a byte now and then does not begin it anew. It also keeps a non-blocking socket from trying the

@@ -1,9 +1,9 @@
 #include <norvcmsg/Media.h>
 
 #include "MediaFailure.h"
+#include "Wiped.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <limits>
 
@@ -26,19 +26,7 @@ void requireCountable(const MediaInImpl& source, unsigned int total) {
     }
 }
 
-/// What passes through may be a secret: it is wiped.
-template <std::size_t length> class Wiped {
-public:
-    Wiped() = default;
-    ~Wiped() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
-    Wiped(const Wiped&) = delete;
-    Wiped& operator=(const Wiped&) = delete;
-    [[nodiscard]] unsigned char* data() noexcept { return m_bytes.data(); }
-
-private:
-    std::array<unsigned char, length> m_bytes{};
-};
-using Chunk = Wiped<chunkSize>;
+using Chunk = detail::Wiped<chunkSize>;
 
 } // namespace
 
@@ -48,7 +36,7 @@ MediaInImpl::~MediaInImpl() = default;
 
 bool MediaInImpl::readline(Buffer& line) {
     constexpr unsigned int most = 256;
-    Wiped<most> piece;
+    detail::Wiped<most> piece;
     unsigned int held = 0;
     line.length(0);
     while (read(piece.data() + held, 1) > 0) {

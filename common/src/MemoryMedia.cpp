@@ -68,13 +68,12 @@ public:
     using MediaOutImpl::write;
     void write(const unsigned char* data, unsigned int length) override {
         const auto replaced = std::min(length, m_content.length() - m_position);
+        // The bytes may be this stream's own content, handed back to it: those to be appended may be replaced first.
+        const Buffer appended(data + replaced, length - replaced, replaced == 0);
         if (replaced != 0) {
-            // The bytes may be this stream's own content, handed back to it.
             std::memmove(m_content.data() + m_position, data, replaced);
         }
-        if (length != replaced) {
-            m_content.append(Buffer(data + replaced, length - replaced, true));
-        }
+        m_content.append(appended);
         m_position += length;
     }
     void end() override { m_ended = true; }

@@ -2,6 +2,7 @@
 
 #include "FileCalls.h"
 #include "MediaFailure.h"
+#include "Wiped.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -147,6 +148,23 @@ public:
     [[nodiscard]] int peek() const override {
         unsigned char byte = 0;
         return m_bytes.readAt(m_position, &byte, 1) == 1 ? byte : -1;
+    }
+
+    // Byte by byte, as other sources do it, would ask the system for each byte of a file.
+    bool readline(Buffer& line) override {
+        constexpr unsigned int most = 1024;
+        detail::Wiped<most> piece;
+        line.length(0);
+        while (true) {
+            const auto held = m_bytes.readAt(m_position, piece.data(), most);
+            const auto* newline = static_cast<const unsigned char*>(std::memchr(piece.data(), '\n', held));
+            const auto length = newline == nullptr ? held : static_cast<unsigned int>(newline - piece.data()) + 1;
+            line.append(Buffer(piece.data(), length, true));
+            m_position += length;
+            if (newline != nullptr || held < most) {
+                return !line.empty();
+            }
+        }
     }
 
     using MediaInImpl::read;

@@ -533,6 +533,15 @@ TEST(MemoryMediaOut, TakesItsOwnContentOverItself) {
     EXPECT_EQ(textOf(out.content()), "ababcd");
 }
 
+TEST(MemoryMediaOut, TakesItsOwnContentOverItselfAndBeyondItsEnd) {
+    MemoryMediaOut out;
+    out.write(bufferOf("abcdef"));
+    out.setpos(4);
+    out.write(out.content());
+    EXPECT_EQ(textOf(out.content()), "abcdabcdef");
+    EXPECT_EQ(out.tell(), 10U);
+}
+
 TEST(MemoryMediaOut, WritesOverWhatIsThereFromAnEarlierPosition) {
     MemoryMediaOut out;
     out.write(bufferOf("abcdef"));

@@ -218,6 +218,32 @@ template <class Act> void expectFailure(Act act, const std::string& detail, int 
     }
 }
 
+TEST_F(SwapBuffer, IsReadByLinesOfAnyLength) {
+    std::vector<std::string> lines;
+    for (const std::size_t length : {0, 1, 75, 0, 1022, 1023, 1024, 1025, 2047, 2048, 5000}) {
+        lines.push_back(std::string(length, 'l') + '\n');
+    }
+    lines.push_back(std::string(1024, 'e')); // without an end
+    for (const unsigned int limit : {0U, 100000U}) {
+        SwapBufferMediaOut out(limit, m_template.c_str());
+        for (const std::string& line : lines) {
+            put(out, line);
+        }
+        MediaIn in = out.in();
+        Buffer line("before", 6, true);
+        unsigned long position = 0;
+        for (const std::string& expected : lines) {
+            EXPECT_TRUE(in.readline(line));
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(line.data()), line.length()), expected);
+            position += expected.size();
+            EXPECT_EQ(in.tell(), position);
+        }
+        EXPECT_FALSE(in.readline(line));
+        EXPECT_TRUE(line.empty());
+        EXPECT_TRUE(in.atEnd());
+    }
+}
+
 TEST_F(SwapBuffer, AFolderThatIsNotThereIsTold) {
     SwapBufferMediaOut out(3, "/nonexistent/swapXXXXXX");
     put(out, "abc");

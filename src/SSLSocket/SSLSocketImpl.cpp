@@ -185,6 +185,7 @@ Socket SSLSocketImpl::accept() {
         return {};
     }
     body.m_options = m_options;
+    body.timeLimit(options().timeLimit);
     const Handshake handshake(options(), false);
     body.shakeHandsAsServer(handshake, timeLimit() == 0 ? options().timeLimit : timeLimit(), false);
     return accepted;

@@ -47,15 +47,17 @@ public:
     }
 
     /// Waits until the descriptor takes bytes, or the limit is over: for a descriptor that the program made non-blocking
-    /// by itself, whose calls come back at once.
-    void waitToWrite() const {
+    /// by itself, whose calls come back at once. Once it takes some, the next wait begins.
+    void waitToWrite() {
         pollfd polled{m_descriptor, POLLOUT, 0};
         int left = -1;
         if (m_limit.count() != 0) {
             const auto rest = std::chrono::ceil<std::chrono::milliseconds>(m_started + m_limit - Clock::now()).count();
             left = static_cast<int>(std::clamp<decltype(rest)>(rest, 0, std::numeric_limits<int>::max()));
         }
-        ::poll(&polled, 1, left);
+        if (::poll(&polled, 1, left) > 0) {
+            m_started = Clock::now();
+        }
     }
 
 private:

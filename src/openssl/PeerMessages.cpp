@@ -3,9 +3,13 @@
 #include "openssl/Acceptance.h"
 #include "openssl/ErrorQueue.h"
 
+#include <openssl/dherr.h>
 #include <openssl/err.h>
+#include <openssl/objects.h>
 #include <openssl/sslerr.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -23,6 +27,10 @@ constexpr long certificateListLimit = 64L * 1024;
 constexpr std::uint64_t freeMessages = 64;
 constexpr std::uint64_t bytesPerMessage = 4096;
 constexpr std::uint64_t handshakeWeight = 4; ///< a whole handshake follows
+
+/// In bytes: 8,192 bits, the longest prime that has a name in TLS (RFC 7919). It takes a quarter of a second, and 10,000
+/// bits, which OpenSSL takes, a whole one.
+constexpr std::size_t longestPrime = 1024;
 
 constexpr std::size_t headerLength = 4; ///< the type and the length of a handshake message
 
@@ -101,16 +109,75 @@ std::optional<Bytes> lengthOfTicket(Fields message) {
     return message.take(lifetimeAndAge) && message.takePrefixed(1) ? message.take(2) : std::nullopt;
 }
 
-/// Counts a message, as `weight` of them, against the bytes that came. When that is too many, gives a field a
-/// value that it must not have. The count stands in the connection in place of a pointer.
-void refuseFlood(SSL* ssl, int reason, std::uint64_t weight, std::optional<Bytes> field, unsigned char forbidden) {
+/// Adds to a number that stands in the connection in place of a pointer.
+std::uint64_t addTo(SSL* ssl, int index, std::uint64_t more) {
+    const auto sum = reinterpret_cast<std::uintptr_t>(SSL_get_ex_data(ssl, index)) + more;
+    SSL_set_ex_data(ssl, index, reinterpret_cast<void*>(sum)); // NOLINT(performance-no-int-to-ptr)
+    return sum;
+}
+
+/// Adds to the bytes of handshake messages, which pay for none. The sum.
+std::uint64_t handshakeBytes(SSL* ssl, std::uint64_t more) {
     static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-    const auto count = reinterpret_cast<std::uintptr_t>(SSL_get_ex_data(ssl, index)) + weight;
-    SSL_set_ex_data(ssl, index, reinterpret_cast<void*>(count)); // NOLINT(performance-no-int-to-ptr)
-    if (field && count > freeMessages + BIO_number_read(SSL_get_rbio(ssl)) / bytesPerMessage) {
+    return addTo(ssl, index, more);
+}
+
+/// Counts a message, as `weight` of them, against the other bytes that came. True when that is too many.
+bool isTooMany(SSL* ssl, std::uint64_t weight) {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    const std::uint64_t received = BIO_number_read(SSL_get_rbio(ssl));
+    const std::uint64_t paying = received - std::min(received, handshakeBytes(ssl, 0));
+    return addTo(ssl, index, weight) > freeMessages + paying / bytesPerMessage;
+}
+
+/// When a message is one too many, gives a field a value that it must not have.
+void refuseFlood(SSL* ssl, int reason, std::uint64_t weight, std::optional<Bytes> field, unsigned char forbidden) {
+    if (isTooMany(ssl, weight) && field) {
         queueError(function, ERR_LIB_SSL, reason);
         fill(*field, forbidden);
     }
+}
+
+long refuseReading(BIO* bio, int operation, const char* /*data*/, std::size_t /*length*/, int /*argument*/,
+                   long /*number*/, int result, std::size_t* /*processed*/) {
+    if (operation != BIO_CB_READ) {
+        return result;
+    }
+    BIO_clear_retry_flags(bio);
+    errno = EPROTO;
+    return -1;
+}
+
+/// Counts a message that OpenSSL passes over, to read the next one at once: one too many and it reads no more.
+void endFlood(SSL* ssl) {
+    BIO* const reading = SSL_get_rbio(ssl);
+    if (isTooMany(ssl, 1) && BIO_get_callback_ex(reading) != refuseReading) {
+        queueError(function, ERR_LIB_SSL, SSL_R_NO_RENEGOTIATION);
+        BIO_set_callback_ex(reading, refuseReading);
+    }
+}
+
+/// RFC 5246, 7.4.3: the client raises numbers to powers as long as the prime that the server chose, twice.
+void lookAtPrime(const SSL* ssl, Fields message) {
+    const SSL_CIPHER* const cipher = SSL_get_pending_cipher(ssl);
+    const int exchange = cipher == nullptr ? NID_undef : SSL_CIPHER_get_kx_nid(cipher);
+    if (exchange != NID_kx_dhe && (exchange != NID_kx_dhe_psk || !message.takePrefixed(2))) {
+        return;
+    }
+    Fields behind = message;
+    const auto length = message.take(2);
+    const auto prime = behind.takePrefixed(2);
+    if (length && prime && prime->size() > longestPrime) {
+        queueError(function, ERR_LIB_DH, DH_R_MODULUS_TOO_LARGE);
+        fill(*length, 0xFF); // longer than the message
+    }
+}
+
+/// An answer to the hello of a client that may not renegotiate.
+bool refusesRenegotiation(int contentType, const void* data, std::size_t length, const SSL* ssl) {
+    const auto* const alert = static_cast<const unsigned char*>(data);
+    return contentType == SSL3_RT_ALERT && length == 2 && alert[1] == SSL_AD_NO_RENEGOTIATION && ssl != nullptr &&
+           SSL_is_dtls(ssl) == 0 && SSL_is_server(ssl) != 0;
 }
 
 } // namespace
@@ -123,6 +190,9 @@ void boundPeers(SSL_CTX* context) {
 }
 
 void refuseCostlyMessage(bool isWritten, int contentType, const void* data, std::size_t length, SSL* ssl) noexcept {
+    if (isWritten && refusesRenegotiation(contentType, data, length, ssl)) {
+        endFlood(ssl); // OpenSSL shows no such hello
+    }
     if (isWritten || contentType != SSL3_RT_HANDSHAKE || length < headerLength || ssl == nullptr ||
         SSL_is_dtls(ssl) != 0) {
         return;
@@ -131,9 +201,16 @@ void refuseCostlyMessage(bool isWritten, int contentType, const void* data, std:
     auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
     const Fields body(Bytes(bytes + headerLength, length - headerLength));
     const bool isTls13 = SSL_version(ssl) == TLS1_3_VERSION;
+    handshakeBytes(ssl, length);
     switch (*bytes) {
     case SSL3_MT_CERTIFICATE:
         lookAtCertificates(body, isTls13);
+        break;
+    case SSL3_MT_HELLO_REQUEST: // in TLS 1.2, without end while a handshake goes on
+        endFlood(ssl);
+        break;
+    case SSL3_MT_SERVER_KEY_EXCHANGE:
+        lookAtPrime(ssl, body);
         break;
     case SSL3_MT_SERVER_HELLO: // again and again, when a server of TLS 1.2 renegotiates
         refuseFlood(ssl, SSL_R_NO_RENEGOTIATION, handshakeWeight, Fields(body).take(2), 0xFF);

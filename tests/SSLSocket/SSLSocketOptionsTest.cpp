@@ -553,12 +553,34 @@ TEST_F(SSLSocketOptionsTest, PeerThatNeverPausesEndsWithTheLimit) {
     }
     auto talking = std::async(std::launch::async, [&] { babble(peer.accept(), "", requests, 0); });
     RefContext client = clientContext();
+    SSL_CTX_set_msg_callback(client, nullptr); // it would end this sooner
     {
         const auto thrown =
             thrownBy<SocketException>([&] { const SSLSocket socket(client, peer.address(), impatient()); });
         EXPECT_THAT(reasonOf(thrown), HasSubstr("Connection timed out"));
     }
     talking.get();
+}
+
+TEST_F(SSLSocketOptionsTest, AcceptedConnectionHasTheTimeLimitOfTheOptions) {
+    SSLSocket listening = listener(serverContext());
+    ConnectionOptions options;
+    options.timeLimit = 50;
+    listening.timeLimit(20000); // for the handshake
+    listening.options(options);
+    Connection both = connectedTo(listening, clientContext());
+    ASSERT_EQ(50U, both.server.timeLimit());
+    auto silent = std::async(std::launch::async, [&] { return receive(both.client); });
+    const auto thrown = thrownBy<SocketException>([&] { receive(both.server); });
+    EXPECT_EQ("SocketImpl::readable", thrown.where());
+    both.server.close();
+    silent.get();
+}
+
+TEST_F(SSLSocketOptionsTest, AcceptedConnectionHasNoTimeLimitOfItsOwnWithoutOptions) {
+    SSLSocket listening = listener(serverContext());
+    listening.timeLimit(20000);
+    EXPECT_EQ(0U, connectedTo(listening, clientContext()).server.timeLimit());
 }
 
 } // namespace

@@ -39,6 +39,7 @@ struct Faults {
 
 Faults s_faults;
 int s_interrupted = 0;
+int s_preads = 0;
 
 template <class Function> Function next(const char* name) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
@@ -70,6 +71,7 @@ extern "C" ssize_t read(int file, void* out, std::size_t length) {
 
 extern "C" ssize_t pread(int file, void* out, std::size_t length, off_t offset) {
     static const auto real = next<ssize_t (*)(int, void*, std::size_t, off_t)>("pread");
+    ++s_preads;
     return move(s_faults.readError, length, [=](std::size_t most) { return real(file, out, most, offset); });
 }
 
@@ -332,6 +334,21 @@ TEST_F(FileFaults, ErrorsOfASwapFileAreTold) {
     clear();
     in.read(all);
     EXPECT_EQ(all, s_text);
+}
+
+TEST_F(FileFaults, LinesOfASwappedBufferAskTheSystemOnceForEachKibibyte) {
+    SwapBufferMediaOut swap(0, path("swapXXXXXX").asString().c_str());
+    const std::string text = std::string(75, 'l') + '\n' + std::string(10000, 'l') + '\n';
+    swap.write(Buffer(text.data(), static_cast<unsigned int>(text.size()), true));
+    auto in = swap.in();
+    Buffer line;
+    s_preads = 0;
+    EXPECT_TRUE(in.readline(line));
+    EXPECT_EQ(line.length(), 76U);
+    EXPECT_LE(s_preads, 1);
+    EXPECT_TRUE(in.readline(line));
+    EXPECT_EQ(line.length(), 10001U);
+    EXPECT_LE(s_preads, 12);
 }
 
 } // namespace

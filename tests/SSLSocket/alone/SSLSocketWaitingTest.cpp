@@ -8,11 +8,13 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <fcntl.h>
 #include <functional>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <thread>
 
 using namespace Norvane;
 using namespace tlstesting;
@@ -28,6 +30,7 @@ struct Watch {
     short events = 0;          ///< the wait that it is done at
     int calls = 0;             ///< of SSL_read and SSL_write
     int waits = 0;
+    int slow = 0; ///< so many waits to come last for a while
 
     void once();
 };
@@ -67,6 +70,10 @@ int pollWatched(pollfd* polled, nfds_t count, int limit) {
     if (s_watch != nullptr && (polled->events & s_watch->events) != 0) {
         ++s_watch->waits;
         s_watch->once();
+        if (s_watch->slow != 0) {
+            --s_watch->slow;
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        }
     }
     if (s_full && (polled->events & POLLOUT) != 0) {
         return 0;
@@ -141,6 +148,23 @@ TEST_F(SSLSocketWaitingTest, TimeLimitEndsSuchASend) {
     EXPECT_EQ(198U, thrown.lineNumber());
     EXPECT_THAT(thrown.parameters(), testing::Contains(Exception::Parameter(SSL_ERROR_WANT_WRITE)));
     EXPECT_LT(watch.calls, obviously);
+}
+
+TEST_F(SSLSocketWaitingTest, TimeLimitOfSuchASendIsForEachWait) {
+    m_both.client.timeLimit(1000);
+    const int small = 65536;
+    ASSERT_EQ(0, setsockopt(m_both.client.descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    const std::string body(8000000, 's');
+    auto reader = std::async(std::launch::async, [&] { return receive(m_both.server, body.size()).size(); });
+    Watch watch{{}, POLLOUT};
+    watch.slow = 3;
+    {
+        const norvtest::During<Watch*> watching(s_watch, &watch);
+        EXPECT_NO_THROW(EXPECT_EQ(8000000, tlstesting::send(m_both.client, body)));
+    }
+    m_both.client.shutdown();
+    EXPECT_EQ(body.size(), reader.get());
+    EXPECT_EQ(0, watch.slow);
 }
 
 // The handshake that the server asks for anew cannot begin, and what follows the request is there to be read.

@@ -224,11 +224,12 @@ TEST(PeerMessages, OnlyHandshakeMessagesThatCameAreLookedAt) {
     EXPECT_EQ(reasonAndClear(), 0U);
 }
 
-TEST(PeerMessages, SixtyFourMessagesAreFreeAndEachOtherOneIsOwed4096Octets) {
+// The five octets of each message pay for none.
+TEST(PeerMessages, SixtyFourMessagesAreFreeAndEachOtherOneIsOwed4096OtherOctets) {
     const Bytes update = message(SSL3_MT_KEY_UPDATE, {1});
     const Bytes refusedUpdate = with(update, 4, {0xFF});
     for (const auto& [received, allowed] :
-         {std::pair(0, 64), std::pair(4095, 64), std::pair(4096, 65), std::pair(20000, 68)}) {
+         {std::pair(0, 64), std::pair(4095 + 65 * 5, 64), std::pair(4096 + 65 * 5, 65), std::pair(20000, 68)}) {
         const SslPtr ssl = tls13(static_cast<std::size_t>(received));
         EXPECT_EQ(last(ssl.get(), update, allowed + 1), refusedUpdate) << received;
         EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_TOO_MANY_KEY_UPDATES));
@@ -252,6 +253,65 @@ TEST(PeerMessages, AHandshakeThatBeginsAnewCountsAsFour) {
     const SslPtr ssl = tls12();
     EXPECT_EQ(last(ssl.get(), hello, 17), with(hello, 4, {0xFF, 0xFF}));
     EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
+}
+
+/// What reading from a connection answers.
+int readingFrom(SSL* ssl) {
+    BIO_write(SSL_get_rbio(ssl), "octets", 6);
+    std::array<char, 6> octets{};
+    return BIO_read(SSL_get_rbio(ssl), octets.data(), 1);
+}
+
+TEST(PeerMessages, AHelloRequestTooManyEndsReadingAndIsToldOnce) {
+    const Bytes request = message(SSL3_MT_HELLO_REQUEST, {});
+    const SslPtr ssl = tls12();
+    EXPECT_EQ(last(ssl.get(), request, 64), request);
+    EXPECT_EQ(1, readingFrom(ssl.get()));
+    EXPECT_EQ(last(ssl.get(), request, 3), request);
+    errno = 0;
+    EXPECT_EQ(-1, readingFrom(ssl.get()));
+    EXPECT_EQ(EPROTO, errno);
+    EXPECT_EQ(0, BIO_should_retry(SSL_get_rbio(ssl.get())));
+    EXPECT_EQ(12 - 1U, BIO_ctrl_pending(SSL_get_rbio(ssl.get()))) << "nothing but reading is refused";
+    EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
+    EXPECT_EQ(0U, ERR_peek_error());
+}
+
+TEST(PeerMessages, OnlyAServersRefusalsOfRenegotiationCount) {
+    const ContextPtr serving(SSL_CTX_new(TLS_server_method()));
+    const SslPtr server = overMemory(serving);
+    SSL_set_accept_state(server.get());
+    const SslPtr asking = tls12();
+    const ContextPtr datagrams(SSL_CTX_new(DTLS_server_method()));
+    const SslPtr dtls = overMemory(datagrams);
+    SSL_set_accept_state(dtls.get());
+    const Bytes refusal{SSL3_AL_WARNING, SSL_AD_NO_RENEGOTIATION};
+    const Bytes other{SSL3_AL_WARNING, SSL_AD_CLOSE_NOTIFY};
+    for (int i = 0; i < 100; ++i) {
+        shown(asking.get(), refusal, 2, true, SSL3_RT_ALERT);
+        shown(dtls.get(), refusal, 2, true, SSL3_RT_ALERT);
+        shown(nullptr, refusal, 2, true, SSL3_RT_ALERT);
+        shown(server.get(), refusal, 2, false, SSL3_RT_ALERT);
+        shown(server.get(), refusal, 1, true, SSL3_RT_ALERT);
+        shown(server.get(), refusal, 2, true, SSL3_RT_APPLICATION_DATA);
+        shown(server.get(), other, 2, true, SSL3_RT_ALERT);
+    }
+    for (SSL* const each : {asking.get(), dtls.get(), server.get()}) {
+        EXPECT_EQ(1, readingFrom(each));
+    }
+    for (int i = 0; i < 65; ++i) {
+        shown(server.get(), refusal, 2, true, SSL3_RT_ALERT);
+    }
+    EXPECT_EQ(-1, readingFrom(server.get()));
+    EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
+}
+
+// After the handshake nothing is agreed on anew; ECDHE has no prime.
+TEST(PeerMessages, ParametersOfOtherKeyExchangesAreLeftAlone) {
+    const Bytes parameters = message(SSL3_MT_SERVER_KEY_EXCHANGE, prefixed(2, Bytes(1025, 9)));
+    const SslPtr ssl = tls12();
+    EXPECT_EQ(shown(ssl.get(), parameters), parameters);
+    EXPECT_EQ(reasonAndClear(), 0U);
 }
 
 TEST(PeerMessages, ATicketTooManyHasNoLength) {
