@@ -7,6 +7,7 @@
 namespace {
 
 using namespace miltertesting;
+using namespace std::string_literals;
 
 const std::string outer =
     "From: Anna <anna@a.example>\r\nTo: bert@b.example\r\nSubject: outside\r\nMessage-ID: <7@a.example>\r\n";
@@ -272,9 +273,12 @@ TEST_F(Incoming, HeaderOfWhatWasEncrypted) {
                               "Authentication-Results: mx.example.org; smime=pass\r\nReceived: from nowhere\r\n"
                               "Reply-To: evil@evil.example\r\nBcc: x@evil.example\r\n"
                               "Authentication-Results : mx.example.org; smime=pass\r\nReply-To\t: evil@evil.example\r\n"
-                              "Bcc : x@evil.example\r\n: nothing\r\nno field: x\r\nb\xff: x\r\nKept: yes\r\n"
-                              "Content-Type: text/plain; hp=\"cipher\"\r\n\r\n" +
-                              textBody;
+                              "Bcc : x@evil.example\r\n: nothing\r\nno field: x\r\nb\xff: x\r\nKept: yes\r\n" +
+                              // What an MTA takes for a name ends at a NUL.
+                              "Authentication-Results\0x: mx.example.org; smime=pass\r\nFrom\0: ceo@a.example\r\n"
+                              "Reply-To\0Kept: evil@evil.example\r\nX-Norvcrypt-\0: pass\r\n\0Bcc: x@evil.example\r\n"
+                              "Reply-To\x0b: evil@evil.example\r\nSub\rBcc: x@evil.example\r\n"s +
+                              "Content-Type: text/plain; hp=\"cipher\"\r\n\r\n" + textBody;
     const std::string mail = encryptedAsItStands(inner);
     for (const char* const deliver : {"deliver = \"signed\"\n", "deliver = \"content\"\n"}) {
         const Delivered got = received(mail, deliver);

@@ -159,6 +159,29 @@ TEST_F(LearningFromMail, WhatAnotherLearntIsUsedOnceItIsSeenAgain) {
     EXPECT_EQ(other.size(), 1U);
 }
 
+/// Folders are collected from several hosts by copying: what was revoked on one comes back from another.
+TEST_F(LearningFromMail, WhatWasRevokedComesBackFromNowhere) {
+    const std::string place = m_world.path("learnt");
+    LearntFolder folder(place, 1, 2);
+    const auto certificate = certificateOf(person("a@a.example", "alice"));
+    ASSERT_EQ(folder.learn("a@a.example", certificate, "", ""), Learning::learnt);
+    const std::string name = list().front().name;
+    std::filesystem::copy(place + '/' + name, m_world.path("copy"));
+    ASSERT_TRUE(LearntFolder::revoke(place, name));
+    std::filesystem::copy(m_world.path("copy"), place + '/' + name);
+    EXPECT_TRUE(folder.find("a@a.example").empty());
+    EXPECT_EQ(folder.learn("a@a.example", certificate, "", ""), Learning::revoked);
+    LearntFolder other(place, 1, 2);
+    EXPECT_TRUE(other.find("a@a.example").empty());
+    EXPECT_EQ(other.size(), 0U) << "nor does it take the place of another one";
+    // Whoever sees it in the list, where both are, takes it away.
+    EXPECT_EQ(list().size(), 2U);
+    EXPECT_TRUE(LearntFolder::revoke(place, name));
+    ASSERT_EQ(list().size(), 1U);
+    EXPECT_TRUE(list().front().revoked);
+    EXPECT_FALSE(LearntFolder::revoke(place, name));
+}
+
 /// What is there goes once the new one is on the disk: without it the next message would leave in clear.
 TEST_F(LearningFromMail, AFullDiskTakesNothingAway) {
     LearntFolder folder(m_world.path("learnt"), 1, 3);

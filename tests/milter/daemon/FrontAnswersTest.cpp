@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <new>
 #include <stdexcept>
+#include <thread>
 
 using namespace norvmilter;
 using norvtest::Asking;
@@ -135,6 +136,32 @@ TEST(MilterFront, SubmissionsComeBehindTheChangesAndBeforeTheAnswer) {
     EXPECT_EQ(SMFIS_DISCARD, asking.end());
     EXPECT_THAT(bench.log.lines.back(), HasSubstr("action=discard"));
     EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_submitted_total 2\n"));
+}
+
+// A worker ends that judges a message for too long. A slow server that takes another is no reason: all of it would come once more.
+TEST(MilterFront, HandingOverMayTakeItsTime) {
+    FrontBench* all = nullptr;
+    Progress::Clock::duration judging{};
+    Progress::Clock::duration submitting{};
+    const auto longestSoFar = [&all] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        return all->front().progress().longest();
+    };
+    FrontBench bench([&](const auto&, const auto&) {
+        judging = longestSoFar();
+        Outcome outcome = changing();
+        outcome.submissions.push_back({"a@a.example", {"c@b.example"}, spilled("x")});
+        return outcome;
+    });
+    bench.generation.submit = [&](const auto&) { submitting = longestSoFar(); };
+    all = &bench;
+    Asking asking(bench);
+    asking.negotiate();
+    asking.connect();
+    asking.message();
+    EXPECT_EQ(SMFIS_CONTINUE, asking.end());
+    EXPECT_GE(judging, std::chrono::milliseconds(2));
+    EXPECT_EQ(Progress::Clock::duration::zero(), submitting);
 }
 
 TEST(MilterFront, SubmissionsThatFailStopTheMessage) {

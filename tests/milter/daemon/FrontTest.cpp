@@ -96,6 +96,34 @@ TEST(MilterFront, SeveralMessagesOfOneConnectionShareNothing) {
     EXPECT_THAT(bench.metrics.text(), HasSubstr("norvcrypt_milter_aborted_total 1\n"));
 }
 
+// "QUIT, but a new connection follows": the socket stays, and nothing is negotiated anew.
+TEST(MilterFront, WhatWasAgreedOnHoldsForTheNextClientOverTheSameSocket) {
+    Seen seen;
+    Outcome outcome = changing();
+    outcome.edits = {{HeaderEdit::Kind::insert, "X-A", 0, " value"}};
+    outcome.removeRecipients = {"c@b.example"};
+    FrontBench bench(seen.judge(outcome));
+    Asking asking(bench);
+    asking.negotiate();
+    for (int client = 0; client < 3; ++client) {
+        asking.context.calls.clear();
+        asking.connect();
+        asking.message("hello\r\n", {"<b@b.example>", "<c@b.example>"});
+        EXPECT_EQ(SMFIS_NOREPLY, asking.header("X-B", "tight"));
+        EXPECT_EQ(SMFIS_CONTINUE, asking.end());
+        EXPECT_EQ("Subject: greetings\r\nX-B:tight\r\n\r\nhello\r\n", seen.messages.at(client));
+        EXPECT_THAT(asking.context.calls, testing::Contains("insheader 0 X-A: value")) << client;
+        EXPECT_EQ("delrcpt <c@b.example>", lastCall(asking)) << client;
+        asking.close();
+    }
+    // Another socket, whose context lies where this one was.
+    asking.negotiate(0x3F, 0x7F);
+    asking.connect();
+    asking.sender("<a@a.example>");
+    asking.recipient("<b@b.example>");
+    EXPECT_EQ(SMFIS_CONTINUE, asking.header("Subject", "greetings"));
+}
+
 TEST(MilterFront, AnMtaThatKnowsLess) {
     Seen seen;
     Outcome outcome = changing();

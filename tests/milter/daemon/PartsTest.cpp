@@ -439,7 +439,8 @@ TEST(MilterSupervisor, AWorkerThatDoesNotStopIsKilled) {
         return 0;
     };
     Supervisor::Times times = quick();
-    times.stop = std::chrono::milliseconds(200);
+    times.stop = std::chrono::milliseconds(150);
+    times.beyond = std::chrono::milliseconds(50);
     {
         Supervised supervised(deaf, times);
         supervised.wait("event=takes-mail");
@@ -448,10 +449,24 @@ TEST(MilterSupervisor, AWorkerThatDoesNotStopIsKilled) {
         EXPECT_EQ(0, supervised.end());
     }
     times.stop = std::chrono::milliseconds(60000);
+    {
+        // After a reload, say.
+        Supervised supervised(
+            [&deaf](const Channel& channel, unsigned long restarts) {
+                channel.tell("stop-timeout 1");
+                return deaf(channel, restarts);
+            },
+            times);
+        supervised.wait("event=takes-mail");
+        supervised.signal(SIGTERM);
+        supervised.wait("event=stopping seconds=2");
+        supervised.wait("event=worker-killed reason=\"did not stop in time\"");
+        EXPECT_EQ(0, supervised.end());
+    }
     Supervised supervised(deaf, times);
     supervised.wait("event=takes-mail");
     supervised.signal(SIGTERM);
-    supervised.wait("event=stopping");
+    supervised.wait("event=stopping seconds=61");
     supervised.signal(SIGTERM);
     EXPECT_EQ(0, supervised.end()) << "the second one is meant";
 }

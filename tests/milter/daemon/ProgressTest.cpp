@@ -62,3 +62,21 @@ TEST(MilterProgress, NobodyIsToldOfOnceItIsOver) {
     }
     EXPECT_EQ(Progress::Clock::duration::zero(), progress.longest());
 }
+
+TEST(MilterProgress, WhatIsAllowedMoreCountsFromThenOn) {
+    Progress progress(milliseconds(1));
+    const Progress::Task patient(
+        progress, [] {}, std::chrono::hours(1));
+    std::this_thread::sleep_for(milliseconds(2));
+    EXPECT_EQ(Progress::Clock::duration::zero(), progress.longest());
+    {
+        const Progress::Task brief(
+            progress, [] {}, milliseconds(1));
+        const Progress::Task other(progress, [] {});
+        EXPECT_TRUE(waitUntil([&] { return progress.longest() > milliseconds(5); })) << "whoever began before it";
+    }
+    EXPECT_EQ(Progress::Clock::duration::zero(), progress.longest());
+    const Progress::Task over(
+        progress, [] {}, milliseconds(1));
+    EXPECT_TRUE(waitUntil([&] { return progress.longest() > milliseconds(0); }));
+}

@@ -278,7 +278,12 @@ TEST_F(MilterRunning, ABadConfigurationLeavesTheOldOne) {
     daemon().signal(SIGHUP);
     wait("event=needs-restart key=milter.socket");
     wait("event=reloaded");
+    // The supervisor gives a worker the time that it has now.
+    configure("stop_timeout = 3000");
+    daemon().signal(SIGHUP);
+    wait("event=reloaded", 2);
     EXPECT_EQ(0, stop());
+    EXPECT_EQ(1, count("event=stopping seconds=3010")) << log();
 }
 
 TEST_F(MilterRunning, StoppingFinishesWhatIsInHand) {

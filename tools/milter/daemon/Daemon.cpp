@@ -63,8 +63,6 @@ int runDaemon(const DaemonOptions& options) {
 
     const WorkerOptions worker{path, milter.descriptor(), metrics ? metrics->descriptor() : -1, !options.isForeground,
                                options.stuckGrace};
-    Supervisor::Times times;
-    times.stop = std::chrono::seconds(config.milter.stopTimeout + 10);
     Supervisor supervisor(log,
                           [&](const Channel& channel, unsigned long restarts) {
                               // A worker whose supervisor was killed keeps no other one from starting.
@@ -72,7 +70,7 @@ int runDaemon(const DaemonOptions& options) {
                               starter.close();
                               return runWorker(worker, channel, restarts);
                           },
-                          times, {[&] { tellStarter("ready"); }, tellStarter});
+                          Supervisor::Times(), {[&] { tellStarter("ready"); }, tellStarter});
     const int code = supervisor.run();
     milter.remove();
     if (metrics)

@@ -8,7 +8,7 @@
 /// // level=info event=message queue=4F2C1 smime=pass
 /// \endcode
 ///
-/// The names of events and keys are stable; docs/gateway.md has the table. A value stands in quotation marks when it has
+/// The names of events and keys are stable; docs/gateway-operation.md has the table. A value stands in quotation marks when it has
 /// anything but letters, digits and `._:/@+-`; within them a quotation mark is \" and a backslash \\, and what must not be
 /// shown is \xNN (`escapeForDisplay`). Values are cut at 1,000 bytes, with "..." behind.
 

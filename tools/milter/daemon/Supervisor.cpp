@@ -107,12 +107,14 @@ void Supervisor::stop() {
         return;
     m_isStopping = true;
     notifyManager("STOPPING=1");
-    m_log.event(LogLevel::info, "stopping");
+    const Milliseconds most = m_times.stop + m_times.beyond;
+    m_log.event(LogLevel::info, "stopping",
+                {{"seconds", std::to_string(std::chrono::ceil<std::chrono::seconds>(most).count())}});
     if (m_worker <= 0) {
         m_result = 0;
         return;
     }
-    m_killAt = Clock::now() + m_times.stop;
+    m_killAt = Clock::now() + most;
     // One that is only starting has nothing in hand.
     if (!m_isReady || !m_channel || !m_channel->tell("stop"))
         ::kill(m_worker, SIGKILL);
@@ -142,6 +144,8 @@ void Supervisor::heard(const std::string& text) {
             m_hooks.ready();
     } else if (word == "failed") {
         m_failure = text.substr(std::min(text.size(), word.size() + 1));
+    } else if (word == "stop-timeout") {
+        m_times.stop = std::chrono::seconds(std::strtoul(text.c_str() + word.size(), nullptr, 10));
     } else if (word == "reloaded" || word == "reload-failed") {
         notifyManager("STATUS=takes mail; last reload: " + std::string(word == "reloaded" ? "good" : "failed"));
     }

@@ -9,7 +9,8 @@
 ///     SIGHUP           "reload"
 ///     SIGTERM, SIGINT  "stop"; the second one ends the worker at once
 ///
-/// and the worker says "ready", "failed WHY", "reloaded", "reload-failed WHY" and, when asked with "ping", "pong".
+/// and the worker says "ready", "failed WHY", "reloaded", "reload-failed WHY" and, when asked with "ping", "pong"; before it is ready, and when
+/// that changes, "stop-timeout SECONDS": how long it takes to stop at most.
 
 #include "daemon/Channel.h"
 #include "daemon/Log.h"
@@ -33,7 +34,8 @@ public:
         Milliseconds steady{60000}; ///< a worker that ran so long makes the pause the first one again
         Milliseconds ping{10000};
         Milliseconds silence{90000}; ///< a worker that does not answer so long is ended
-        Milliseconds stop{65000};    ///< one that was told to stop is ended after that
+        Milliseconds stop{60000};    ///< what a worker takes to stop that does not say it
+        Milliseconds beyond{10000};  ///< one that was told to stop is ended so long after it should have
     };
     /// What the worker does in its process, which ends with what this returns. \param restarts how many there were before
     using Work = std::function<int(Channel channel, unsigned long restarts)>;

@@ -68,6 +68,7 @@ public:
             metrics.emplace(m_options.metricsSocket, [this] { return m_metrics.text(); });
         std::thread loading([this] { load(); });
         std::thread listening([this] { obey(); });
+        tellStopTimeout(*m_config);
         m_channel.tell("ready");
         const int result = smfi_main();
         m_hasEnded = true;
@@ -180,6 +181,11 @@ private:
         static_cast<void>(::connect(asking.get(), reinterpret_cast<const sockaddr*>(&place), length));
     }
 
+    /// The supervisor must not end what is still allowed to be finished.
+    void tellStopTimeout(const Config& config) const {
+        m_channel.tell("stop-timeout " + std::to_string(config.milter.stopTimeout));
+    }
+
     unsigned int stopTimeout() {
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_config->milter.stopTimeout;
@@ -227,6 +233,7 @@ private:
                 warnOfChanges(*loaded.config);
                 m_config = loaded.config;
             }
+            tellStopTimeout(*loaded.config);
             m_metrics.loadedAt(loaded.stores->loaded()->loadedAt);
             m_metrics.reloaded(true);
             tellLoaded(m_log, loaded);

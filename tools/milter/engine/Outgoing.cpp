@@ -193,8 +193,10 @@ private:
             return;
         const Group& group = m_plan.groups.front();
         std::string action;
+        bool isSigned = false;
         if (group.sign || group.encrypt) {
             const Made one = made(group);
+            isSigned = one.isSigned;
             action = one.isSigned      ? (one.isEncrypted ? "signed+encrypted" : "signed")
                      : one.isEncrypted ? "encrypted"
                                        : "";
@@ -210,7 +212,7 @@ private:
         outcome.tell("rule", group.rule->title());
         if (!outcome.submissions.empty())
             outcome.tell("split", std::to_string(outcome.submissions.size() + 1));
-        if (m_plan.signer && group.sign)
+        if (isSigned)
             outcome.tell("signer", NVX509::displayName(m_plan.signer->certificate->subject()));
         const std::string why = m_unsigned.empty() ? m_plan.whyUnsigned : m_unsigned;
         if (!why.empty())

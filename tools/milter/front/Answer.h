@@ -3,6 +3,7 @@
 /// \file
 /// Tells the MTA what is to be done with a message.
 
+#include "front/Agreements.h"
 #include "message/Outcome.h"
 
 #include <libmilter/mfapi.h>
@@ -11,15 +12,6 @@
 #include <string>
 
 namespace norvmilter {
-
-/// What the MTA and this filter agreed on.
-struct Agreed {
-    /// Values of fields go both ways with the blank behind the colon. Older MTAs take it away and put it back.
-    bool leadingBlank = false;
-    bool noReplyToHeader = false;
-    bool skip = false; ///< the rest of a body can be left out
-    bool removesRecipients = false;
-};
 
 /// Makes the changes. \param written recipients as the MTA wrote them, by the address
 /// False: the MTA did not take one of them, and the message must not go on.

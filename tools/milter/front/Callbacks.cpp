@@ -35,7 +35,8 @@ Session& sessionOf(SMFICTX* context) {
     static thread_local const ThreadOfLibmilter thread;
     if (void* kept = smfi_getpriv(context))
         return *static_cast<Session*>(kept);
-    auto session = std::make_unique<Session>(*theFront.load());
+    Front& front = *theFront.load();
+    auto session = std::make_unique<Session>(front, front.agreements().take(context));
     if (smfi_setpriv(context, session.get()) != MI_SUCCESS)
         throw std::bad_alloc();
     return *session.release();
@@ -122,6 +123,13 @@ sfsistat onAbort(SMFICTX* context) {
 sfsistat onClose(SMFICTX* context) {
     const std::unique_ptr<Session> session(static_cast<Session*>(smfi_getpriv(context)));
     static_cast<void>(smfi_setpriv(context, nullptr));
+    try {
+        if (session)
+            theFront.load()->agreements().keep(context, session->agreed());
+    } catch (const std::exception&) {
+        // No memory: the next session, if there is one, gets the least that can be agreed on.
+        return SMFIS_CONTINUE;
+    }
     return SMFIS_CONTINUE;
 }
 

@@ -5,6 +5,7 @@
 
 #include "daemon/Log.h"
 #include "daemon/Metrics.h"
+#include "front/Agreements.h"
 #include "front/Progress.h"
 #include "message/Message.h"
 #include "message/Outcome.h"
@@ -53,6 +54,7 @@ public:
     [[nodiscard]] Metrics& metrics() const noexcept { return m_metrics; }
     [[nodiscard]] Progress& progress() noexcept { return m_progress; }
     [[nodiscard]] const Progress& progress() const noexcept { return m_progress; }
+    [[nodiscard]] Agreements& agreements() noexcept { return m_agreements; }
 
     [[nodiscard]] std::shared_ptr<const Generation> generation() const;
     void use(std::shared_ptr<const Generation> generation);
@@ -99,6 +101,7 @@ private:
     std::atomic<std::size_t> m_inHand{0};
     std::atomic<std::size_t> m_connections{0};
     std::atomic<Clock::rep> m_lastAnswer{0};
+    Agreements m_agreements;
     Progress m_progress;
 };
 

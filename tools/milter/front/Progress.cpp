@@ -1,5 +1,6 @@
 #include "front/Progress.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -16,11 +17,11 @@ Progress::~Progress() {
     m_thread.join();
 }
 
-Progress::Task::Task(Progress& progress, std::function<void()> tell)
+Progress::Task::Task(Progress& progress, std::function<void()> tell, Clock::duration allowed)
     : m_progress(progress),
       m_tell(std::move(tell)),
-      m_begun(Clock::now()),
-      m_next(m_begun + progress.m_every) {
+      m_counts(Clock::now() + allowed),
+      m_next(Clock::now() + progress.m_every) {
     const std::lock_guard<std::mutex> guard(m_progress.m_mutex);
     m_place = m_progress.m_tasks.insert(m_progress.m_tasks.end(), this);
 }
@@ -54,7 +55,11 @@ void Progress::Task::tellFrom(Clock::time_point now) {
 
 Progress::Clock::duration Progress::longest() const {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_tasks.empty() ? Clock::duration::zero() : Clock::now() - m_tasks.front()->m_begun;
+    const Clock::time_point now = Clock::now();
+    Clock::duration longest = Clock::duration::zero();
+    for (const Task* task : m_tasks)
+        longest = std::max(longest, now - task->m_counts);
+    return longest;
 }
 
 void Progress::run() {

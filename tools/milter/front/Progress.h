@@ -35,8 +35,8 @@ public:
     class Task {
     public:
         /// \param tell is called from a thread of `progress`, by one at a time, never once this object is gone; it may take its
-        /// time, and throws nothing
-        Task(Progress& progress, std::function<void()> tell);
+        /// time, and throws nothing \param allowed what it may take beyond any other task
+        Task(Progress& progress, std::function<void()> tell, Clock::duration allowed = Clock::duration::zero());
         Task(const Task&) = delete;
         Task& operator=(const Task&) = delete;
         /// Waits for `tell`, if it is being called.
@@ -48,14 +48,14 @@ public:
 
         Progress& m_progress;
         std::function<void()> m_tell;
-        Clock::time_point m_begun;
+        Clock::time_point m_counts; // from then on
         Clock::time_point m_next;
         std::atomic<bool> m_isTelling{false};
         std::thread m_telling;
         std::list<Task*>::iterator m_place;
     };
 
-    /// How long the oldest task has been there; 0 without any.
+    /// How long the oldest task has been there, beyond what it was allowed; 0 without any.
     [[nodiscard]] Clock::duration longest() const;
 
 private:
@@ -64,7 +64,7 @@ private:
     const Clock::duration m_every;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::list<Task*> m_tasks; // the oldest first
+    std::list<Task*> m_tasks;
     bool m_ending = false;
     std::thread m_thread;
 };

@@ -276,7 +276,9 @@ std::optional<Outcome> Session::submit(SMFICTX* context, const Mail& mail, const
     if (outcome.submissions.empty())
         return std::nullopt;
     try {
-        const Progress::Task progress(m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); });
+        // It has a limit of its own, whatever there is for judging. Who is ended in the middle hands all over once more.
+        const Progress::Task progress(
+            m_front.progress(), [context] { static_cast<void>(smfi_progress(context)); }, SubmitTo().total);
         mail.generation->submit(outcome.submissions);
         return std::nullopt;
     } catch (const SubmissionFailure& failure) {

@@ -22,7 +22,10 @@ namespace norvmilter {
 /// Used by one thread at a time, as libmilter sees to.
 class Session {
 public:
-    explicit Session(Front& front) : m_front(front) {}
+    /// \param agreed what the MTA and this filter agreed on before, if they did
+    explicit Session(Front& front, const Agreed& agreed = {}) : m_front(front), m_agreed(agreed) {}
+
+    [[nodiscard]] const Agreed& agreed() const noexcept { return m_agreed; }
 
     /// What is offered and wanted. False: the MTA can do too little.
     [[nodiscard]] bool negotiate(SMFICTX* context, unsigned long offeredActions, unsigned long offeredSteps,

@@ -167,6 +167,10 @@ LearntEntry entryOf(const std::string& folder, const std::string& name, bool rev
     return entry;
 }
 
+bool isRevoked(const std::string& folder, const std::string& name) {
+    return access((folder + '/' + revokedPrefix + name).c_str(), F_OK) == 0;
+}
+
 /// Takes a folder away with what it has: files alone.
 void removeFolder(const std::string& folder) {
     std::error_code ignored;
@@ -200,18 +204,25 @@ LearntFolder::LearntFolder(std::string folder, unsigned int perAddress, unsigned
       m_names(namesIn(m_folder, m_count)) {}
 
 LearntFolder::Names LearntFolder::namesIn(const std::string& folder, std::size_t& count) {
-    Names names;
-    std::size_t found = 0;
+    std::set<std::string> found;
+    std::vector<std::string> revoked;
     std::error_code error;
     for (files::directory_iterator entry(folder, error); !error && entry != files::directory_iterator();
          entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (isName(name) && names[name.substr(0, digestLength)].insert(name).second)
-            ++found;
+        std::string name = entry->path().filename().string();
+        if (isName(name))
+            found.insert(std::move(name));
+        else if (name.starts_with(revokedPrefix))
+            revoked.push_back(name.substr(std::strlen(revokedPrefix)));
     }
     if (error)
         throw failed(folder, error.message());
-    count = found;
+    for (const std::string& name : revoked)
+        found.erase(name);
+    count = found.size();
+    Names names;
+    for (const std::string& name : found)
+        names[name.substr(0, digestLength)].insert(name);
     return names;
 }
 
@@ -241,7 +252,8 @@ std::vector<RefCertificate> LearntFolder::find(const std::string& address) const
     }
     std::vector<RefCertificate> certificates;
     for (const std::string& name : names) {
-        RefCertificate certificate = certificateIn(m_folder + '/' + name);
+        RefCertificate certificate =
+            isRevoked(m_folder, name) ? RefCertificate() : certificateIn(m_folder + '/' + name);
         if (!certificate.isNull() && Norvane::Crypto::Trust::matchSender(certificate, {address}).matches())
             certificates.push_back(std::move(certificate));
     }
@@ -281,7 +293,7 @@ Learning LearntFolder::learn(const std::string& address, const RefCertificate& c
     const std::string path = m_folder + '/' + name;
 
     const std::lock_guard<std::mutex> guard(m_mutex);
-    if (access((m_folder + '/' + revokedPrefix + name).c_str(), F_OK) == 0)
+    if (isRevoked(m_folder, name))
         return Learning::revoked;
     const auto known = m_names.find(ofAddress);
     const std::set<std::string> names = known == m_names.end() ? std::set<std::string>() : known->second;
@@ -348,7 +360,14 @@ bool LearntFolder::revoke(const std::string& folder, const std::string& name) {
         return true;
     if (errno == ENOENT)
         return false;
-    throw failed(path, std::strerror(errno));
+    if (errno != ENOTEMPTY && errno != EEXIST)
+        throw failed(path, std::strerror(errno));
+    // It was revoked before, and copied here again.
+    std::error_code error;
+    files::remove_all(path, error);
+    if (error)
+        throw failed(path, error.message());
+    return true;
 }
 
 } // namespace norvmilter

@@ -6,7 +6,8 @@
 ///     learnt/3f0c...-91ab.../cert.pem    the certificate
 ///                            owners.txt  the address that it is for
 ///                            learnt.toml from whom, when and in which message it came
-///     learnt/.revoked-3f0c...-91ab.../   the same, once it was revoked: it is neither used nor learnt again
+///     learnt/.revoked-3f0c...-91ab.../   the same, once it was revoked: it is neither used nor learnt again,
+///                                         nor where somebody copied the first one here anew
 ///
 /// The name is made of the digests of address and certificate, so that a look-up opens only what it wants, and several filters may
 /// share the folder: what one learns the others find when they load the folder anew, or would learn it themselves.
