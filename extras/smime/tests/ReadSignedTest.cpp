@@ -306,6 +306,30 @@ TEST(SMimeRead, AThirdPartOfAMultipartSignedIsNotCovered) {
     const Outcome outcome = outcomeOf(mail);
     EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
     EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.3"));
+    // Anybody can encrypt what he made of another one's mail: whoever opens it is shown the third part.
+    const Outcome encrypted = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, mail));
+    EXPECT_EQ(encrypted.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(encrypted.content, plainEntity);
+    EXPECT_THAT(pathsOf(encrypted.answer.notCovered), ElementsAre("1.1.3"));
+    const Outcome twice = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, encryptedFor({&bob()}, mail)));
+    EXPECT_THAT(pathsOf(twice.answer.notCovered), ElementsAre("1.1.1.3"));
+    // What is signed around it is signed.
+    const Outcome again = outcomeOf(mailOf(signedBy(alice(), mail, CMS_BINARY)));
+    EXPECT_EQ(again.answer.verdict, Verdict::signatureGood);
+    EXPECT_THAT(again.answer.notCovered, testing::IsEmpty());
+}
+
+TEST(SMimeRead, AnAmbiguousMessageIsNotGoodWithinAnEncryptedOne) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string changed = replaced(mail, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n");
+    const Outcome outcome = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, changed));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr(" 1.1: Content-Type stands there twice"));
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, mail)).answer.verdict, Verdict::signatureGood);
+    // Nobody signed it: all of it is from the one who encrypted it.
+    EXPECT_EQ(
+        outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, "Content-Type: text/html\r\n" + plainEntity)).answer.verdict,
+        Verdict::decrypted);
 }
 
 } // namespace

@@ -237,6 +237,7 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     Place passing = place;
     passing.role = Role::passing;
     passing.isOfContent = true;
+    passing.layers = passedBy; // all of them cover it
     tellLegacyDisplay(session, type, passing);
     SharedOctets copied = body;
     if (place.isKept) {

@@ -75,8 +75,8 @@ Role Session::take(std::size_t index, const Place& place) {
 }
 
 void Session::addUncovered(const Place& place, const std::string& type) {
-    if (!place.isCovered && place.depth > 0)
-        uncovered.push_back({place.path, type});
+    if (place.layers != passedBy && place.depth > 0)
+        uncovered.push_back({place.layers, {place.path, type}});
 }
 
 void Session::addOddity(const Place& place, const std::string& text) {
@@ -85,8 +85,8 @@ void Session::addOddity(const Place& place, const std::string& text) {
 }
 
 void Session::addAmbiguity(const Place& place, const std::string& text) {
-    if (!place.isCovered && place.role != Role::passing && ambiguity.empty())
-        ambiguity = "part " + place.path + ": " + text;
+    if (place.role != Role::passing)
+        ambiguities.try_emplace(place.layers, "part " + place.path + ": " + text);
 }
 
 void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipart) {
