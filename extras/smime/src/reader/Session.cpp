@@ -95,6 +95,17 @@ void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipar
                      "lines in front of the first part begin with the boundary, so that others may see other parts");
 }
 
+void Session::lookBehind(const Place& place, mime::Multipart& multipart) {
+    multipart.lookBehind();
+    if (multipart.goesOn())
+        addAmbiguity(place, "behind the last boundary it stands once more, so that others may see further parts");
+    if (multipart.isCutByReturns())
+        addAmbiguity(place, "others may see parts beside those of this message that begin behind a CR");
+    if (multipart.hasFound())
+        addAmbiguity(place,
+                     "beside the parts are lines that may be boundaries to those who read its header in another way");
+}
+
 void Session::addProtected(Senders&& found) {
     std::vector<std::string>& from = protectedSenders.from;
     for (std::string& address : found.from) {

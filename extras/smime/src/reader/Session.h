@@ -128,6 +128,8 @@ public:
     void addAmbiguity(const Place& place, const std::string& text);
     /// To be called when the first part of a multipart was reached.
     void lookAtPreamble(const Place& place, const mime::Multipart& multipart);
+    /// To be called behind the last one: takes the epilogue.
+    void lookBehind(const Place& place, mime::Multipart& multipart);
     /// Senders that a header within the layers of the content names.
     void addProtected(Senders&& found);
     /// Something within the layers of the content that cannot be read on.
@@ -154,8 +156,10 @@ void readEntity(Session& session, const mime::SharedOctets& in, const Place& pla
 void readBody(Session& session, const mime::Header& header, const mime::ContentType& type,
               const mime::SharedOctets& body, const Place& place);
 /// multipart/signed.
-void readMultipartSigned(Session& session, const mime::ContentType& type, const mime::SharedOctets& body,
-                         const Place& place);
+void readMultipartSigned(Session& session, const mime::Header& header, const mime::ContentType& type,
+                         const mime::SharedOctets& body, const Place& place);
+/// Has a multipart looked through for what is the start of a part to those who read its header in another way.
+void seekOtherParts(mime::Multipart& parts, const mime::Header& header, const mime::ContentType& type);
 /// A CMS structure as the body of an entity.
 void readStructure(Session& session, const mime::ContentType& type, mime::Transfer transfer,
                    const mime::SharedOctets& body, const Place& place);

@@ -192,6 +192,19 @@ TEST(ContentTypeValue, TakesNoEncodedWordForABoundary) {
     EXPECT_EQ(typed("multipart/signed; boundary=\"=?utf-8?q?a=20b?=\"").boundary, "=?utf-8?q?a=20b?=");
 }
 
+TEST(ContentTypeValue, TellsWhetherAllFindTheSameBoundary) {
+    for (const char* const plain :
+         {"; boundary=----=_Part_1", "; charset=x; Boundary = \"a b;c\" ; x=y", ";boundary=\"----boundary_1\"",
+          "; x=\"a;b\"; boundary=a'b/c?d:e", "; boundary=\"(a)\"; x=y"})
+        EXPECT_TRUE(typed(std::string("multipart/mixed") + plain).isBoundaryPlain) << plain;
+    for (const char* const other :
+         {"", "; boundary*=us-ascii''a", "; boundary*0=a; boundary*1=b", "; boundary=a b", "; boundary=a (b)",
+          "; (x) boundary=a", "; boundary=\"a\\b\"", "; boundary=\"a\"b", "; boundary=\"a \"", "; boundary=a,b",
+          "; boundary=\"=?utf-8?q?a?=\"", "; x=\"; boundary=b\"; boundary=a", "; boundary=a; x=\"boundary=b\"",
+          "; boundary=a; boundary*=''b", "; boundary=<a>", "; x=(\"; boundary=b; \") boundary=a"})
+        EXPECT_FALSE(typed(std::string("multipart/mixed") + other).isBoundaryPlain) << other;
+}
+
 TEST(ContentTypeValue, TellsWhatIsOdd) {
     EXPECT_EQ(typed("text/html").oddity, "");
     EXPECT_NE(typed("text/html\r\nContent-Type: text/plain").oddity, "");
