@@ -266,8 +266,17 @@ Transfer transferOf(const Header& header) {
 
 Addresses addressesOf(const Header& header, std::string_view name) {
     Addresses result;
+    std::size_t signs = 0;
     for (const std::string& value : header.all(name)) {
         if (!isUsable(value) || hasControls(value)) {
+            result.isReadable = false;
+            continue;
+        }
+        // It makes objects of all that stand there, in each message that is forwarded, and goes through what is left of the
+        // value for each word that is no address.
+        signs += static_cast<std::size_t>(std::ranges::count_if(
+            value, [](char c) { return std::string_view(",;<@").find(c) != std::string_view::npos; }));
+        if (signs > maximumSigns) {
             result.isReadable = false;
             continue;
         }

@@ -228,6 +228,20 @@ TEST(AddressValue, TakesGroupsApart) {
     EXPECT_THAT(mailboxes("<j@x>\r\nFROM: k@x"), ElementsAre("j@x", "k@x"));
 }
 
+// What is beyond is not looked at: GMime takes time for it that grows with the square of its length.
+TEST(AddressValue, HasSoManySignsAtTheMost) {
+    const std::string commas(maximumSigns - 3, ',');
+    EXPECT_THAT(mailboxes("a@x" + commas + " b@x"), ElementsAre("a@x", "b@x"));
+    for (const char* const more : {",", ";", " <\"\"", " @"})
+        EXPECT_THAT(mailboxes("a@x" + commas + " b@x, " + more, false), ElementsAre()) << more;
+    EXPECT_THAT(mailboxes("a@x" + commas + "\r\nFrom: b@x"), ElementsAre("a@x", "b@x"));
+    EXPECT_THAT(mailboxes("a@x" + commas + "\r\nFrom: \"@;\" <b@x>\r\nFrom: c@x", false), ElementsAre("a@x"));
+    std::string people;
+    for (int number = 0; number != 100; ++number)
+        people += "\"Doe, J.\" <a" + std::to_string(number) + "@x>, ";
+    EXPECT_EQ(mailboxes(people).size(), 100U);
+}
+
 TEST(AddressValue, TellsWhatIsNoAddress) {
     mailboxes("a@b@c", false);
     mailboxes("k", false);
