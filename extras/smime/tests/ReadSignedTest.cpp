@@ -218,7 +218,8 @@ TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
           replaced(mail, boundary + "--", "\r" + part + "\r\n" + boundary + "--")}) {
         const Outcome outcome = outcomeOf(mailOf(changed));
         EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << outcome.answer.detail;
-        EXPECT_THAT(outcome.answer.detail, AnyOf(HasSubstr("begin with the boundary"), HasSubstr("begin behind a CR")));
+        EXPECT_THAT(outcome.answer.detail, AnyOf(HasSubstr("begin with the boundary"), HasSubstr("begin behind a CR"),
+                                                 HasSubstr("stands once more")));
     }
     EXPECT_EQ(outcomeOf(" Please: pay.\r\n" + mailOf(mail)).answer.verdict, Verdict::damaged);
     EXPECT_EQ(outcomeOf("From anna Mon Nov 23 12:00:00 2026\r\n" + mailOf(mail)).answer.verdict, Verdict::signatureGood)
@@ -237,7 +238,8 @@ TEST(SMimeRead, AMultipartThatSaysToBeEncodedIsOdd) {
     const std::string mail = signedBy(alice(), mixed, detached);
     for (const std::string word : {"base64", "quoted-printable", "x-unheard-of"}) {
         const Outcome outcome = outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: " + word + "\r\n" + mail, {});
-        EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood) << outcome.answer.detail;
+        EXPECT_EQ(outcome.answer.verdict, word == "base64" ? Verdict::damaged : Verdict::signatureGood)
+            << outcome.answer.detail;
         EXPECT_EQ(outcome.content, mixed);
         const std::string told = word == "x-unheard-of" ? "of another name" : word;
         EXPECT_THAT(outcome.answer.oddities,
@@ -248,6 +250,69 @@ TEST(SMimeRead, AMultipartThatSaysToBeEncodedIsOdd) {
         outcomeOf(fieldsOfAlice + "Content-Transfer-Encoding: 8BIT\r\n" + signedBy(alice(), plainEntity, detached), {})
             .answer.oddities,
         IsEmpty());
+}
+
+// Who takes it off finds parts where none stand.
+TEST(SMimeRead, AMultipartOfWhichAnEncodingHidesPartsIsAmbiguous) {
+    const std::string mail =
+        "Content-Transfer-Encoding: quoted-printable\r\n" + signedBy(alice(), plainEntity, detached);
+    const std::string name = boundaryOf(mail).substr(2);
+    const std::string evil = "\r\n\r\nevil\r\n";
+    const std::string preamble = "This is an S/MIME signed message";
+    for (const std::string& start :
+         {"=2D-" + name, "-=2d" + name, "-=\r\n-" + name, "--" + name.substr(0, 3) + "=\r\n" + name.substr(3)}) {
+        EXPECT_EQ(outcomeOf(mailOf(replaced(mail, preamble, start + evil))).answer.verdict, Verdict::damaged) << start;
+        EXPECT_EQ(outcomeOf(mailOf(mail + start + evil)).answer.verdict, Verdict::damaged) << start;
+    }
+    EXPECT_EQ(outcomeOf(mailOf(mail + "=41-B\r\n")).answer.verdict, Verdict::signatureGood);
+}
+
+// RFC 2046, 5.1.1: what stands behind the last boundary is to be ignored. Who reads on there sees more.
+TEST(SMimeRead, PartsBehindTheLastBoundaryAreAmbiguous) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(mail);
+    const std::string listed = "Content-Type: multipart/mixed; boundary=list\r\n\r\n--list\r\n" + mail + "\r\n--list--";
+    const std::string evil = "\r\n\r\nevil\r\n";
+    for (const auto& [whole, end] : {std::pair(mail, boundary), std::pair(listed, std::string("--list"))}) {
+        for (const std::string& more :
+             {"\r\n" + end + evil, "\r\nx\r\n" + end + " " + evil, "\r\n" + end + "--\r\n" + end + evil,
+              "\r\n" + end + "x" + evil, "\r\nx\r" + end + evil}) {
+            const Outcome outcome = outcomeOf(mailOf(whole + more));
+            EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << more;
+            EXPECT_THAT(outcome.answer.detail, HasSubstr("others may see")) << more;
+        }
+        for (const std::string& more :
+             {std::string("\r\nx\r\n--y\r\nx"), "\r\n" + end + "--\r\n", "\r\nx" + end + "\r\n"})
+            EXPECT_EQ(outcomeOf(mailOf(whole + more)).answer.verdict, Verdict::signatureGood) << more;
+    }
+    // Signed by the one who signed all of it.
+    EXPECT_EQ(outcomeOf(mailOf(signedBy(alice(), listed + "\r\n--list" + evil, detached))).answer.verdict,
+              Verdict::signatureGood);
+}
+
+// The boundary of one reader is not that of another one, who finds his own parts in front of, behind and within the signature.
+TEST(SMimeRead, OtherPartsForThoseWhoReadTheBoundaryInAnotherWayAreAmbiguous) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string name = boundaryOf(mail).substr(2);
+    const std::string quoted = "boundary=\"" + name + "\"";
+    const std::string front = name.substr(0, 4);
+    const std::string back = name.substr(4);
+    const std::string preamble = "This is an S/MIME signed message";
+    for (const std::string& form :
+         {"boundary*=us-ascii''" + name, "boundary*0=" + front + ";\r\n boundary*1=\"" + back + "\"",
+          "boundary*0=" + front + "; boundary*2=" + back, "boundary=\"" + front + "\\" + back + "\""}) {
+        const std::string other = replaced(mail, quoted, form);
+        EXPECT_EQ(outcomeOf(mailOf(other)).answer.verdict, Verdict::signatureGood) << form;
+        const std::string evil = "--" + front + "\r\n\r\nevil\r\n";
+        for (const std::string& changed : {replaced(other, preamble, evil), other + "\r\n" + evil,
+                                           replaced(other, "--" + name + "--", "\r\n" + evil + "--" + name + "--")}) {
+            const Outcome outcome = outcomeOf(mailOf(changed));
+            EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << form;
+            EXPECT_THAT(outcome.answer.detail, HasSubstr("read its header in another way"));
+        }
+    }
+    EXPECT_EQ(outcomeOf(mailOf(replaced(mail, preamble, "--x\r\n\r\nseen by nobody\r\n"))).answer.verdict,
+              Verdict::signatureGood);
 }
 
 TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {
@@ -306,6 +371,30 @@ TEST(SMimeRead, AThirdPartOfAMultipartSignedIsNotCovered) {
     const Outcome outcome = outcomeOf(mail);
     EXPECT_EQ(outcome.answer.verdict, Verdict::signatureGood);
     EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.3"));
+    // Anybody can encrypt what he made of another one's mail: whoever opens it is shown the third part.
+    const Outcome encrypted = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, mail));
+    EXPECT_EQ(encrypted.answer.verdict, Verdict::signatureGood);
+    EXPECT_EQ(encrypted.content, plainEntity);
+    EXPECT_THAT(pathsOf(encrypted.answer.notCovered), ElementsAre("1.1.3"));
+    const Outcome twice = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, encryptedFor({&bob()}, mail)));
+    EXPECT_THAT(pathsOf(twice.answer.notCovered), ElementsAre("1.1.1.3"));
+    // What is signed around it is signed.
+    const Outcome again = outcomeOf(mailOf(signedBy(alice(), mail, CMS_BINARY)));
+    EXPECT_EQ(again.answer.verdict, Verdict::signatureGood);
+    EXPECT_THAT(again.answer.notCovered, testing::IsEmpty());
+}
+
+TEST(SMimeRead, AnAmbiguousMessageIsNotGoodWithinAnEncryptedOne) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string changed = replaced(mail, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n");
+    const Outcome outcome = outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, changed));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr(" 1.1: Content-Type stands there twice"));
+    EXPECT_EQ(outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, mail)).answer.verdict, Verdict::signatureGood);
+    // Nobody signed it: all of it is from the one who encrypted it.
+    EXPECT_EQ(
+        outcomeOf(fieldsOfAlice + encryptedFor({&bob()}, "Content-Type: text/html\r\n" + plainEntity)).answer.verdict,
+        Verdict::decrypted);
 }
 
 } // namespace

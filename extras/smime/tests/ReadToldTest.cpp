@@ -228,13 +228,15 @@ std::string objectIdentifier(const std::string& value) {
     return '\x06' + std::string(1, static_cast<char>(value.size())) + value;
 }
 
+/// Of a structure as the whole message.
+std::string detailOf(const std::string& octets) {
+    const Answer answer = outcomeOf(fieldsOfAlice + "Content-Type: application/pkcs7-mime\r\n" +
+                                    "Content-Transfer-Encoding: base64\r\n\r\n" + base64Of(octets))
+                              .answer;
+    return std::string(nameOf(answer.verdict)) + ' ' + answer.detail;
+}
+
 TEST(SMimeTold, TypesOfStructures) {
-    const auto detailOf = [](const std::string& octets) {
-        const Answer answer = outcomeOf(fieldsOfAlice + "Content-Type: application/pkcs7-mime\r\n" +
-                                        "Content-Transfer-Encoding: base64\r\n\r\n" + base64Of(octets))
-                                  .answer;
-        return std::string(nameOf(answer.verdict)) + ' ' + answer.detail;
-    };
     const std::string pkcs7 = "\x2a\x86\x48\x86\xf7\x0d\x01\x07";
     const std::string smime = "\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01";
     const std::pair<std::string, std::string> others[] = {{smime + '\x09', "CompressedData"},
@@ -255,6 +257,25 @@ TEST(SMimeTold, TypesOfStructures) {
                                     "\x30\x80" + objectIdentifier(pkcs7 + '\x7f'), "\x30\x80" + objectIdentifier(pkcs7),
                                     std::string("\x30"), std::string("\x30\x80\x06")})
         EXPECT_EQ(detailOf(none), "damaged part 1: no CMS structure is there");
+}
+
+// SignedData of GM/T 0010: it is sound, whoever knows it.
+TEST(SMimeTold, StructuresOfTypesThatNobodyKnowsHere) {
+    const std::string identifier("\x06\x0a\x2a\x81\x1c\xcf\x55\x06\x01\x04\x02\x02", 12);
+    const std::string content = "\xa0\x80\x30\x80";
+    for (const std::string& length : {std::string("\x80"), std::string("\x82\x10\x00", 3)}) {
+        EXPECT_EQ(detailOf('\x30' + length + identifier + content),
+                  "unsupported part 1: a structure of type 1.2.156.10197.6.1.4.2.2");
+        EXPECT_EQ(detailOf('\x30' + length + identifier + "\x30\x80"), "damaged part 1: no CMS structure is there");
+    }
+    const std::string longest = "\x06\x40" + std::string(63, '\x2a') + '\x2a';
+    EXPECT_THAT(detailOf("\x30\x80" + longest + content),
+                HasSubstr("unsupported part 1: a structure of type 1.2.42.42"));
+    for (const std::string& damaged :
+         {"\x30\x80\x06\x02\x2a\x81" + content, "\x30\x80\x06" + std::string(1, '\0') + content,
+          "\x30\x80\x06\x7f" + std::string(127, '\x2a') + content,
+          "\x30\x80\x06\x81\x0a" + identifier.substr(2) + content})
+        EXPECT_EQ(detailOf(damaged), "damaged part 1: no CMS structure is there");
 }
 
 TEST(SMimeTold, OfSeveralSignersTheOneThatIsWrong) {

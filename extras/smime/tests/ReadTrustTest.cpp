@@ -146,6 +146,24 @@ TEST(SMimeTrust, ALineThatOthersTakeForAFromIsNobodys) {
         EXPECT_EQ(judged(signedMail(line + std::string("From: alice@example.org"))).answer.verdict, Verdict::accepted);
 }
 
+// Who signs around what the sender signed speaks for himself alone, and so does who encrypts it.
+TEST(SMimeTrust, APartThatTheSenderDidNotSignIsNotCoveredByAnotherOnesSignature) {
+    const std::string entity = signedBy(alice(), plainEntity, detached);
+    const std::size_t at = entity.find("boundary=\"") + 10;
+    const std::string boundary = "--" + entity.substr(at, entity.find('"', at) - at);
+    const std::string more = replaced(entity, boundary + "--", boundary + "\r\n\r\nmore\r\n" + boundary + "--");
+    const std::string from = "From: alice@example.org\r\n";
+    const Outcome outcome = judged(from + signedBy(bob(), more, CMS_BINARY));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::accepted) << outcome.answer.detail;
+    EXPECT_EQ(outcome.content, plainEntity);
+    EXPECT_THAT(pathsOf(outcome.answer.notCovered), ElementsAre("1.1.3"));
+    EXPECT_THAT(pathsOf(judged(from + encryptedFor({&bob()}, more)).answer.notCovered), ElementsAre("1.1.3"));
+    EXPECT_THAT(judged(from + signedBy(alice(), more, CMS_BINARY)).answer.notCovered, testing::IsEmpty());
+    const std::string twice = replaced(entity, "\r\n\r\n", "\r\nContent-Type: text/html\r\n\r\n");
+    EXPECT_EQ(judged(from + signedBy(bob(), twice, CMS_BINARY)).answer.verdict, Verdict::damaged);
+    EXPECT_EQ(judged(from + signedBy(alice(), twice, CMS_BINARY)).answer.verdict, Verdict::accepted);
+}
+
 // Editors put it in front of a file. What is behind it is a field like any other.
 TEST(SMimeTrust, AByteOrderMarkHidesNoFrom) {
     const std::string mark = "\xEF\xBB\xBF";

@@ -18,5 +18,7 @@ inline constexpr std::size_t maximumPadding = 128;
 inline constexpr std::size_t maximumValue = 16384;
 /// Addresses that are read out of the fields of one kind.
 inline constexpr std::size_t maximumAddresses = 100;
+/// Commas, semicolons, "<" and "@" in them: so many addresses have three each, and names may have some, too.
+inline constexpr std::size_t maximumSigns = 5 * maximumAddresses;
 
 } // namespace Norvane::Crypto::SMime::mime

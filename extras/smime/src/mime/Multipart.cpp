@@ -44,11 +44,11 @@ Delimiter delimiterAt(std::string_view rest, std::size_t behindBoundary) {
 /// The bytes up to the next delimiter.
 class Multipart::Part : public Octets {
 public:
-    Part(SharedOctets body, const std::string& delimiter, std::uint64_t& lookAlikes, bool& isCutByReturns)
+    Part(SharedOctets body, const std::string& delimiter, std::uint64_t& lookAlikes, Watched& watched)
         : m_body(std::move(body)),
           m_delimiter(delimiter),
           m_lookAlikes(lookAlikes),
-          m_isCutByReturns(isCutByReturns) {}
+          m_watched(watched) {}
 
     std::string_view view(std::size_t atLeast) override {
         if (m_known < atLeast && !m_ended)
@@ -76,10 +76,12 @@ public:
 private:
     /// Looks for what others take for a delimiter in bytes that are taken.
     void look(std::string_view taken) {
-        const std::string sought = '\r' + m_delimiter.substr(1);
+        const std::string behindReturn = '\r' + m_delimiter.substr(1);
         m_looked += taken;
-        m_isCutByReturns = m_isCutByReturns || m_looked.find(sought) != std::string::npos;
-        m_looked.erase(0, m_looked.size() - std::min(m_looked.size(), sought.size() - 1));
+        const auto stands = [&](const std::string& text) { return m_looked.find(text) != std::string::npos; };
+        m_watched.isCutByReturns = m_watched.isCutByReturns || stands(behindReturn);
+        m_watched.hasFound = m_watched.hasFound || std::ranges::any_of(m_watched.sought, stands);
+        m_looked.erase(0, m_looked.size() - std::min(m_looked.size(), behindReturn.size() - 1));
     }
 
     /// Finds out how many bytes belong to the part, until those are `atLeast` or its end is found. Each byte is searched
@@ -134,11 +136,11 @@ private:
     SharedOctets m_body;
     const std::string& m_delimiter;
     std::uint64_t& m_lookAlikes;
-    bool& m_isCutByReturns;
+    Watched& m_watched;
     std::size_t m_known = 0; ///< bytes that lie ahead and belong to the part
     std::size_t m_delimiterLength = 0;
     Delimiter::Kind m_kind = Delimiter::none;
-    WipedText m_looked; ///< the end of what was taken, which is too short for a delimiter
+    WipedText m_looked{"\n"}; ///< the end of what was taken, which is too short for a delimiter; a line begins the part
     bool m_isWatched = false;
     bool m_atStart = true;
     bool m_ended = false;
@@ -147,7 +149,7 @@ private:
 Multipart::Multipart(SharedOctets body, const std::string& boundary)
     : m_body(std::move(body)),
       m_delimiter("\n--" + boundary) {
-    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_isCutByReturns);
+    const auto preamble = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_watched);
     preamble->watch();
     m_current = preamble.get();
     m_part = preamble;
@@ -167,10 +169,22 @@ bool Multipart::next() {
     m_closed = kind == Delimiter::last;
     if (kind != Delimiter::between)
         return false;
-    const auto part = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_isCutByReturns);
+    const auto part = std::make_shared<Part>(m_body, m_delimiter, m_lookAlikes, m_watched);
     m_current = part.get();
     m_part = part;
     return true;
+}
+
+void Multipart::lookBehind() {
+    const std::uint64_t before = m_lookAlikes;
+    for (auto kind = m_closed ? Delimiter::last : Delimiter::none; kind != Delimiter::none;) {
+        Part epilogue(m_body, m_delimiter, m_lookAlikes, m_watched);
+        epilogue.watch();
+        drain(epilogue);
+        kind = epilogue.takeDelimiter();
+        m_goesOn = m_goesOn || kind == Delimiter::between; // the last one twice is no part more
+    }
+    m_goesOn = m_goesOn || m_lookAlikes != before;
 }
 
 } // namespace Norvane::Crypto::SMime::mime

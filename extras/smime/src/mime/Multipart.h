@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Norvane::Crypto::SMime::mime {
 
@@ -44,12 +46,27 @@ public:
     /// Lines that begin with the boundary but are no delimiters: readers that compare prefixes, as RFC 2046 allows, see
     /// other parts than this one.
     [[nodiscard]] std::uint64_t lookAlikes() const noexcept { return m_lookAlikes; }
+    /// To be called in front of the first part: another text that is sought in what is watched, which is the start of a part for
+    /// some. Where it begins with a line feed, it is found at the very start, too.
+    void seek(std::string text) { m_watched.sought.push_back(std::move(text)); }
+    /// Whether one of those was found in what was taken.
+    [[nodiscard]] bool hasFound() const noexcept { return m_watched.hasFound; }
+    /// Takes the epilogue, once `next` was false. Readers who go on there see what `goesOn` tells of.
+    void lookBehind();
+    /// Whether boundaries stand behind the last one, or what begins with them.
+    [[nodiscard]] bool goesOn() const noexcept { return m_goesOn; }
     /// Whether a CR alone stands in front of what begins with the boundary in what was taken of watched parts: readers that end
     /// lines at a CR see other parts.
-    [[nodiscard]] bool isCutByReturns() const noexcept { return m_isCutByReturns; }
+    [[nodiscard]] bool isCutByReturns() const noexcept { return m_watched.isCutByReturns; }
 
 private:
     class Part;
+    /// What is found in parts that are shown to nobody.
+    struct Watched {
+        std::vector<std::string> sought;
+        bool hasFound = false;
+        bool isCutByReturns = false;
+    };
 
     SharedOctets m_body;
     std::string m_delimiter; ///< LF, "--", boundary
@@ -57,7 +74,8 @@ private:
     Part* m_current = nullptr; ///< what `m_part` is
     bool m_closed = false;
     std::uint64_t m_lookAlikes = 0;
-    bool m_isCutByReturns = false;
+    bool m_goesOn = false;
+    Watched m_watched;
 };
 
 } // namespace Norvane::Crypto::SMime::mime

@@ -119,6 +119,35 @@ std::string boundaryOf(const std::string& value) {
     return boundary;
 }
 
+std::string_view trimmed(std::string_view text) {
+    const std::size_t begin = std::min(text.find_first_not_of(" \t"), text.size());
+    return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}
+
+/// Whether the parameter stands once in the value, in one piece, and is a word or quoted, with nothing that is escaped or may be
+/// taken for an encoded word. Of "a b" some read "a", of "a\b" with its backslash, and of pieces (RFC 2231) the first one.
+bool isPlain(const std::string& boundary, const std::string& value) {
+    constexpr std::string_view name = "boundary";
+    const std::string bare = bareOf(value);
+    const std::string words = lowered(value);
+    const std::size_t at = words.find(name);
+    if (at == std::string::npos || bare[at] == ' ') // quoted, or in a comment
+        return false;
+    const std::size_t begin = bare.find_last_of(';', at);
+    const std::size_t end = std::min(bare.find(';', at), value.size());
+    const std::size_t sign = value.find('=', at);
+    if (begin == std::string::npos || sign >= end || words.find(name, end) != std::string::npos ||
+        trimmed(std::string_view(words).substr(begin + 1, sign - begin - 1)) != name)
+        return false;
+    std::string_view text = trimmed(std::string_view(value).substr(sign + 1, end - sign - 1));
+    const bool isQuoted = text.size() > 1 && text.front() == '"' && text.back() == '"';
+    if (isQuoted)
+        text = text.substr(1, text.size() - 2);
+    const std::string_view others = isQuoted ? "\"\\" : "\"\\ \t()<>@,[]";
+    return text == boundary && text.find_first_of(others) == std::string_view::npos && !text.ends_with(' ') &&
+           text.find("=?") == std::string_view::npos;
+}
+
 bool isUsable(const std::string& value) {
     return value.size() <= maximumValue && value.find('\0') == std::string::npos;
 }
@@ -183,6 +212,7 @@ ContentType contentTypeOf(const Header& header) {
     const Parameters parameters(g_mime_content_type_get_parameters(parsed.get()));
     if (parameters.stands("boundary"))
         result.boundary = boundaryOf(inOrder);
+    result.isBoundaryPlain = isPlain(result.boundary, *value);
     if (parameters.count("boundary") > 1 && result.oddity.empty())
         result.oddity = "the parameter boundary stands there twice";
     result.protocol = lowered(parameters.find("protocol"));
@@ -236,8 +266,17 @@ Transfer transferOf(const Header& header) {
 
 Addresses addressesOf(const Header& header, std::string_view name) {
     Addresses result;
+    std::size_t signs = 0;
     for (const std::string& value : header.all(name)) {
         if (!isUsable(value) || hasControls(value)) {
+            result.isReadable = false;
+            continue;
+        }
+        // It makes objects of all that stand there, in each message that is forwarded, and goes through what is left of the
+        // value for each word that is no address.
+        signs += static_cast<std::size_t>(std::ranges::count_if(
+            value, [](char c) { return std::string_view(",;<@").find(c) != std::string_view::npos; }));
+        if (signs > maximumSigns) {
             result.isReadable = false;
             continue;
         }

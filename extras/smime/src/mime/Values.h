@@ -15,11 +15,12 @@ namespace Norvane::Crypto::SMime::mime {
 struct ContentType {
     std::string type = "text"; ///< in lower case
     std::string subtype = "plain";
-    std::string boundary;     ///< as it stands, never decoded as an encoded word
-    std::string protocol;     ///< in lower case
-    std::string micalg;       ///< in lower case
-    std::string smimeType;    ///< in lower case
-    std::string characterSet; ///< in lower case
+    std::string boundary;         ///< as it stands, never decoded as an encoded word
+    bool isBoundaryPlain = false; ///< written so that all readers find the same one
+    std::string protocol;         ///< in lower case
+    std::string micalg;           ///< in lower case
+    std::string smimeType;        ///< in lower case
+    std::string characterSet;     ///< in lower case
     std::string name;
     std::string hp;               ///< header protection (RFC 9788, 2.1.1), in lower case
     std::string hpLegacyDisplay;  ///< "1": begins with fields for programs that do not know it (RFC 9788, 2.1.2)

@@ -64,6 +64,18 @@ void compareSenders(Session& session) {
     }
 }
 
+/// Which of the layers around the content the verdict rests on: the first one that somebody signed who is accepted, or has a good
+/// signature where nobody is asked; the first of all where there is none such. What lies in those around it, a layer that was
+/// encrypted or that another one signed, is anybody's.
+std::size_t decisiveIn(const std::vector<const Layer*>& layers, bool isTrustAsked) {
+    const auto counts = [&](const Layer* layer) {
+        return isTrustAsked ? std::ranges::any_of(layer->signers, &LayerSigner::isAccepted)
+                            : isSigned(*layer) && layer->status == LayerStatus::good;
+    };
+    const auto found = std::ranges::find_if(layers, counts);
+    return found == layers.end() ? 0 : static_cast<std::size_t>(found - layers.begin());
+}
+
 /// Why nobody is accepted: the first reason of the first signer.
 std::string reasonOf(const std::vector<const Layer*>& layers) {
     for (const Layer* layer : layers) {
@@ -87,9 +99,11 @@ void conclude(Session& session) {
         if (layer.coversContent && layer.kind != LayerKind::forwarded)
             around.push_back(&layer);
     }
-    for (const UncoveredPart& part : session.uncovered) {
-        const bool isContent = std::ranges::any_of(around, [&](const Layer* one) { return one->path == part.path; });
-        if (!isContent)
+    const std::size_t decisive = decisiveIn(around, session.options.trust != nullptr);
+    for (const auto& [layers, part] : session.uncovered) {
+        const bool isContent =
+            std::ranges::any_of(around, [&path = part.path](const Layer* one) { return one->path == path; });
+        if (!isContent && layers <= decisive)
             answer.notCovered.push_back(part);
     }
     const auto conclusion = [&](Verdict verdict, const std::string& detail) {
@@ -117,8 +131,8 @@ void conclude(Session& session) {
         return conclusion(verdictOf((*bad)->status), "part " + (*bad)->path + ": " + (*bad)->detail);
     if (session.failure)
         return conclusion(verdictOf(session.failure->first), session.failure->second);
-    if (!session.ambiguity.empty())
-        return conclusion(Verdict::damaged, session.ambiguity);
+    if (!session.ambiguities.empty() && session.ambiguities.begin()->first <= decisive)
+        return conclusion(Verdict::damaged, session.ambiguities.begin()->second);
     if (!answer.headers.isSigned)
         return conclusion(Verdict::decrypted, "nobody signed it");
     if (session.options.trust == nullptr)

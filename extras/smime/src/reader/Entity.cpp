@@ -39,7 +39,8 @@ bool takeHeader(Session& session, mime::Octets& in, const Place& place, Header& 
 }
 
 /// Looks at the parts of a multipart that is no layer. What is not looked at stays in `body`.
-void walkParts(Session& session, const ContentType& type, const SharedOctets& body, const Place& place) {
+void walkParts(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
+               const Place& place) {
     if (type.boundary.empty() || type.boundary.size() > mime::maximumBoundary) {
         session.addOddity(place, type.boundary.empty() ? "a multipart without a boundary"
                                                        : "a multipart with too long a boundary");
@@ -47,6 +48,7 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
         return;
     }
     mime::Multipart parts(body, type.boundary);
+    seekOtherParts(parts, header, type);
     std::size_t number = 1;
     for (; parts.next(); ++number) {
         if (number == 1)
@@ -63,6 +65,7 @@ void walkParts(Session& session, const ContentType& type, const SharedOctets& bo
     }
     if (number == 1)
         session.addUncovered(place, type.text()); // some readers show it as a text
+    session.lookBehind(place, parts);
     if (!parts.isClosed())
         session.addOddity(place, "the last boundary of the multipart is missing");
     if (parts.lookAlikes() > 0)
@@ -121,6 +124,9 @@ void tellEncoding(Session& session, const Header& header, const Place& place) {
                                                                            : "of another name";
     session.addOddity(place, std::string("a multipart with the transfer encoding ") + name +
                                  ", which none may have (RFC 2045, 6.4): it was read as it stands");
+    if (transfer == mime::Transfer::base64) // of which nothing is a part as it stands
+        session.addAmbiguity(place,
+                             "a multipart with the transfer encoding base64, so that others may see another one");
 }
 
 bool isMessage(const ContentType& type) {
@@ -161,6 +167,16 @@ bool isSignature(const ContentType& type, const std::string& fileName) {
            endsWith(fileName, ".p7s");
 }
 
+void seekOtherParts(mime::Multipart& parts, const Header& header, const ContentType& type) {
+    const bool isQuoted = mime::transferOf(header) == mime::Transfer::quotedPrintable;
+    if (isQuoted) {
+        parts.seek("=2D"); // a hyphen
+        parts.seek("=2d");
+    }
+    if (isQuoted || !type.isBoundaryPlain)
+        parts.seek("\n-");
+}
+
 void readEntity(Session& session, const SharedOctets& in, const Place& place) {
     if (place.depth > session.options.budget.depth)
         return session.fail(place, LayerStatus::tooCostly, "it lies deeper than the budget allows");
@@ -199,7 +215,7 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
     const bool isSigned = type.is("multipart", "signed");
     if (isSigned && (type.protocol.empty() || type.protocol.starts_with("application/pkcs7-") ||
                      type.protocol.starts_with("application/x-pkcs7-")))
-        return readMultipartSigned(session, type, body, place);
+        return readMultipartSigned(session, header, type, body, place);
     if (isSigned)
         session.addOddity(place, "signed as " + type.protocol + ", which is not S/MIME");
     if (isStructure(type, mime::fileNameOf(header, type))) {
@@ -213,7 +229,7 @@ void readBody(Session& session, const Header& header, const ContentType& type, c
         return deliver(session, header, type, body, place);
     }
     if (type.type == "multipart")
-        return walkParts(session, type, body, place);
+        return walkParts(session, header, type, body, place);
     session.addUncovered(place, type.text());
     if (isMessage(type))
         return readMessage(session, header, body, place, false);
@@ -237,6 +253,7 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
     Place passing = place;
     passing.role = Role::passing;
     passing.isOfContent = true;
+    passing.layers = passedBy; // all of them cover it
     tellLegacyDisplay(session, type, passing);
     SharedOctets copied = body;
     if (place.isKept) {
@@ -247,7 +264,7 @@ void deliver(Session& session, const Header& header, const ContentType& type, co
         copied = std::make_shared<mime::CopiedOctets>(body, session.content);
     }
     if (type.type == "multipart")
-        walkParts(session, type, copied, passing);
+        walkParts(session, header, type, copied, passing);
     else if (isMessage(type))
         readMessage(session, header, copied, passing, false);
     else

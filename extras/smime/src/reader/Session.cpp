@@ -75,8 +75,8 @@ Role Session::take(std::size_t index, const Place& place) {
 }
 
 void Session::addUncovered(const Place& place, const std::string& type) {
-    if (!place.isCovered && place.depth > 0)
-        uncovered.push_back({place.path, type});
+    if (place.layers != passedBy && place.depth > 0)
+        uncovered.push_back({place.layers, {place.path, type}});
 }
 
 void Session::addOddity(const Place& place, const std::string& text) {
@@ -85,14 +85,25 @@ void Session::addOddity(const Place& place, const std::string& text) {
 }
 
 void Session::addAmbiguity(const Place& place, const std::string& text) {
-    if (!place.isCovered && place.role != Role::passing && ambiguity.empty())
-        ambiguity = "part " + place.path + ": " + text;
+    if (place.role != Role::passing)
+        ambiguities.try_emplace(place.layers, "part " + place.path + ": " + text);
 }
 
 void Session::lookAtPreamble(const Place& place, const mime::Multipart& multipart) {
     if (multipart.lookAlikes() > 0 || multipart.isCutByReturns())
         addAmbiguity(place,
                      "lines in front of the first part begin with the boundary, so that others may see other parts");
+}
+
+void Session::lookBehind(const Place& place, mime::Multipart& multipart) {
+    multipart.lookBehind();
+    if (multipart.goesOn())
+        addAmbiguity(place, "behind the last boundary it stands once more, so that others may see further parts");
+    if (multipart.isCutByReturns())
+        addAmbiguity(place, "others may see parts beside those of this message that begin behind a CR");
+    if (multipart.hasFound())
+        addAmbiguity(place,
+                     "beside the parts are lines that may be boundaries to those who read its header in another way");
 }
 
 void Session::addProtected(Senders&& found) {

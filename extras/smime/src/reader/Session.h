@@ -11,7 +11,9 @@
 #include <norvcmsg/SwapBufferMediaOut.h>
 #include <norvcrypto-smime/SMimeReader.h>
 
+#include <cstdint>
 #include <exception>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -26,12 +28,15 @@ enum class Role : int {
     passing,   ///< looked at, and that is all
 };
 
+/// What lies there is told with something around it: within the content, or a layer that is looked at in passing.
+inline constexpr std::size_t passedBy = SIZE_MAX;
+
 /// Where an entity lies.
 struct Place {
     std::string path = "1";
     std::size_t depth = 0;
     Role role = Role::candidate;
-    bool isCovered = false;  ///< within a layer, whether good or not
+    std::size_t layers = 0;  ///< those of the content that it lies within, whether good or not; `passedBy` in others
     bool isWrapped = false;  ///< the message that a layer holds as a message/rfc822
     bool isOfDigest = false; ///< a part of a multipart/digest: what has no type is a message (RFC 2046, 5.1.5)
     bool isKept =
@@ -52,7 +57,7 @@ struct Place {
     [[nodiscard]] Place payload(Role newRole) const {
         Place inner = part(1);
         inner.role = newRole;
-        inner.isCovered = true;
+        inner.layers = newRole == Role::main && layers != passedBy ? layers + 1 : passedBy;
         inner.isOfContent = false;
         return inner;
     }
@@ -75,12 +80,13 @@ public:
     mime::Header outer; ///< of the message itself
     std::vector<Senders> senders;
     std::vector<std::size_t> messageOfLayer; ///< beside `answer.layers`
-    std::vector<UncoveredPart> uncovered;
+    /// What is shown to readers although it lies beside the content, with the layers that it lies within.
+    std::vector<std::pair<std::size_t, UncoveredPart>> uncovered;
     Senders protectedSenders; ///< those that the layers of the content cover, each address of From once
     bool isTaken = false;     ///< there is a layer of the content
     std::optional<std::pair<LayerStatus, std::string>> failure; ///< of what lies within the layers of the content
-    /// Why a reader of the message may see another one than this, where no layer covers that.
-    std::string ambiguity;
+    /// Why a reader of the message may see another one than this, with the layers that this lies within. One of each number.
+    std::map<std::size_t, std::string> ambiguities;
     std::size_t parts = 0;
     bool isListFull = false; ///< which was told
     std::size_t structures = 0;
@@ -114,13 +120,16 @@ public:
     Layer& layer(std::size_t index) { return answer.layers[index]; }
     /// The content lies within this layer from now on, if it is the first.
     Role take(std::size_t layer, const Place& place);
-    /// Tells of a part that is shown to readers although no layer covers it.
+    /// Tells of a part that is shown to readers beside the content. Which layers cover it counts in the end: anybody can put
+    /// one around what another one signed.
     void addUncovered(const Place& place, const std::string& type);
     void addOddity(const Place& place, const std::string& text);
-    /// Why a reader of the message may see another one; nothing where a layer covers that, or it is looked at in passing.
+    /// Why a reader of the message may see another one; nothing where that is looked at in passing.
     void addAmbiguity(const Place& place, const std::string& text);
     /// To be called when the first part of a multipart was reached.
     void lookAtPreamble(const Place& place, const mime::Multipart& multipart);
+    /// To be called behind the last one: takes the epilogue.
+    void lookBehind(const Place& place, mime::Multipart& multipart);
     /// Senders that a header within the layers of the content names.
     void addProtected(Senders&& found);
     /// Something within the layers of the content that cannot be read on.
@@ -147,8 +156,10 @@ void readEntity(Session& session, const mime::SharedOctets& in, const Place& pla
 void readBody(Session& session, const mime::Header& header, const mime::ContentType& type,
               const mime::SharedOctets& body, const Place& place);
 /// multipart/signed.
-void readMultipartSigned(Session& session, const mime::ContentType& type, const mime::SharedOctets& body,
-                         const Place& place);
+void readMultipartSigned(Session& session, const mime::Header& header, const mime::ContentType& type,
+                         const mime::SharedOctets& body, const Place& place);
+/// Has a multipart looked through for what is the start of a part to those who read its header in another way.
+void seekOtherParts(mime::Multipart& parts, const mime::Header& header, const mime::ContentType& type);
 /// A CMS structure as the body of an entity.
 void readStructure(Session& session, const mime::ContentType& type, mime::Transfer transfer,
                    const mime::SharedOctets& body, const Place& place);

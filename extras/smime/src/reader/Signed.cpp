@@ -331,7 +331,8 @@ void readOpaque(Session& session, std::size_t index, const SharedOctets& octets,
     judgeOpaque(session, index, reader);
 }
 
-void readMultipartSigned(Session& session, const ContentType& type, const SharedOctets& body, const Place& place) {
+void readMultipartSigned(Session& session, const Header& header, const ContentType& type, const SharedOctets& body,
+                         const Place& place) {
     const std::size_t index = session.addLayer(LayerKind::multipartSigned, place);
     session.addUncovered(place, type.text());
     const Role role = session.take(index, place);
@@ -346,6 +347,7 @@ void readMultipartSigned(Session& session, const ContentType& type, const Shared
         return;
     }
     mime::Multipart parts(body, type.boundary);
+    seekOtherParts(parts, header, type);
     if (!parts.next()) {
         session.layer(index).detail = "there is no part";
         return;
@@ -362,8 +364,7 @@ void readMultipartSigned(Session& session, const ContentType& type, const Shared
     detached.lineEnds = counter.counted();
     if (takeSignature(session, index, place, parts, detached)) {
         tellMoreParts(session, parts, place);
-        if (parts.isCutByReturns())
-            session.addAmbiguity(place, "others may see parts behind the signed one that begin behind a CR");
+        session.lookBehind(place, parts);
         judgeDetached(session, index, detached);
     }
     readEntity(session, std::make_shared<mime::MediaOctets>(detached.part.in()), place.payload(role));

@@ -7,8 +7,13 @@
 #include <norvcrypto/CMSEnvelopeReader.h>
 #include <norvcrypto/Key.h>
 
+#include <openssl/asn1.h>
+#include <openssl/err.h>
+#include <openssl/objects.h>
+
 #include <algorithm>
 #include <array>
+#include <memory>
 
 namespace Norvane::Crypto::SMime {
 
@@ -38,20 +43,43 @@ constexpr std::array<StructureType, 8> structureTypes{{
     {"\x2a\x86\x48\x86\xf7\x0d\x01\x09\x10\x01\x02", LayerKind::other, "AuthenticatedData"},
 }};
 
-/// The type of the structure that begins here, BER or DER; null when it is none that is known.
-const StructureType* typeOf(std::string_view octets) {
+/// What begins here, BER or DER.
+struct FoundType {
+    const StructureType* known = nullptr;
+    std::string other; ///< the identifier of the type of a ContentInfo that is none of those
+};
+
+constexpr std::size_t longestStart = 80; ///< what is looked at to find a type
+
+/// Of what is encoded as an object identifier; empty when it is none.
+std::string dottedOf(std::string_view element) {
+    ERR_set_mark();
+    const auto* from = reinterpret_cast<const unsigned char*>(element.data());
+    const std::unique_ptr<ASN1_OBJECT, void (*)(ASN1_OBJECT*)> object(
+        d2i_ASN1_OBJECT(nullptr, &from, static_cast<long>(element.size())), ASN1_OBJECT_free);
+    ERR_pop_to_mark();
+    std::array<char, 256> text{};
+    return object && OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object.get(), 1) > 0 ? text.data() : "";
+}
+
+FoundType typeOf(std::string_view octets) {
     const auto at = [&](std::size_t index) {
         return index < octets.size() ? static_cast<unsigned char>(octets[index]) : 0U;
     };
     if (at(0) != 0x30)
-        return nullptr;
+        return {};
     const std::size_t lengthOctets = at(1) > 0x80 ? at(1) - 0x80U : 0;
     const std::size_t identifier = 2 + lengthOctets;
     if (lengthOctets > 8 || at(identifier) != 0x06)
-        return nullptr;
+        return {};
     const std::string_view value = octets.substr(std::min(identifier + 2, octets.size()), at(identifier + 1));
     const auto* found = std::ranges::find(structureTypes, value, &StructureType::identifier);
-    return found == structureTypes.end() ? nullptr : found;
+    if (found != structureTypes.end())
+        return {found, {}};
+    // SignedData of another country has an identifier of its own, and is no damage.
+    constexpr unsigned int taggedContent = 0xa0;
+    const bool isContentInfo = at(identifier + 1) < 0x80 && at(identifier + 2 + value.size()) == taggedContent;
+    return {nullptr, isContentInfo ? dottedOf(octets.substr(identifier, 2 + value.size())) : std::string()};
 }
 
 /// Relays drop the field that says base64, and some senders name another encoding: DER and BER begin with a SEQUENCE, and
@@ -298,12 +326,13 @@ void readStructure(Session& session, const mime::ContentType& contentType, mime:
         return;
     }
     const SharedOctets octets = structureOctets(body, transfer);
-    const StructureType* type = typeOf(octets->view(32));
+    const auto [type, other] = typeOf(octets->view(longestStart).substr(0, longestStart));
     Layer& layer = session.layer(index);
     if (type == nullptr || type->kind == LayerKind::other) {
         session.take(index, place);
-        layer.status = type == nullptr ? LayerStatus::damaged : LayerStatus::unsupported;
-        layer.detail = type == nullptr ? "no CMS structure is there" : std::string("a structure of type ") + type->name;
+        const std::string name = type == nullptr ? other : type->name;
+        layer.status = name.empty() ? LayerStatus::damaged : LayerStatus::unsupported;
+        layer.detail = name.empty() ? "no CMS structure is there" : "a structure of type " + name;
         return;
     }
     layer.kind = type->kind;

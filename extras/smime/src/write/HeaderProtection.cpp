@@ -39,6 +39,21 @@ std::string hidden(std::string_view name, const std::string& field) {
     return isSameName(name, "Comments") || isSameName(name, "Keywords") ? std::string() : field;
 }
 
+[[noreturn]] void failOtherLine() {
+    fail("the header of the message has a line that is no field, at which many readers begin the body");
+}
+
+/// Refuses a field in which an empty line stands for those who end lines at a CR. Of a mail of which all lines end so, the first
+/// field is all there is, and the body would stand in it, outside.
+void requireNoEmptyLine(std::string_view octets) {
+    for (std::size_t at = octets.find("\r\r"); at != std::string_view::npos; at = octets.find("\r\r", at + 1)) {
+        const std::string_view behind = octets.substr(at + 2);
+        if (!behind.empty() && behind.front() != '\n') {
+            failOtherLine();
+        }
+    }
+}
+
 /// As it is sent outside. What is no field for a return or NUL byte in front of its colon becomes one there, where it must not
 /// describe the body a second time. What is no field then either is refused: many readers, relays among them, take it for the
 /// first line of the body.
@@ -50,7 +65,7 @@ std::string outside(const mime::Header& header, const mime::Header::Field& field
     const mime::Header written = readAgain(text);
     const bool isOfMailbox = field.begin == 0 && text.starts_with("From ");
     if (!written.fields().empty() && written.nameOf(written.fields().front()).empty() && !isOfMailbox) {
-        fail("the header of the message has a line that is no field, at which many readers begin the body");
+        failOtherLine();
     }
     return text;
 }
@@ -75,6 +90,7 @@ DividedHeader divided(const mime::Header& header) {
     DividedHeader result;
     for (const mime::Header::Field& field : header.fields()) {
         if (!describesBody(header.nameOf(field))) {
+            requireNoEmptyLine(header.octetsOf(field));
             result.outside += outside(header, field);
         }
     }
@@ -84,22 +100,38 @@ DividedHeader divided(const mime::Header& header) {
 DividedHeader dividedWithProtection(const mime::Header& header, bool encrypts) {
     DividedHeader result;
     std::string outer;
-    for (const mime::Header::Field& field : header.fields()) {
-        const std::string_view name = header.nameOf(field);
-        if (describesBody(name)) {
-            continue;
+    const auto add = [&](const mime::Header& from, const mime::Header::Field& field) {
+        const std::string_view name = from.nameOf(field);
+        if (!isRepeated(name)) {
+            result.outside += outside(from, field);
+            return;
         }
-        if (name.empty() || !isRepeated(name)) {
-            result.outside += outside(header, field);
-            continue;
-        }
-        const std::string text = protectedField(header, field);
+        const std::string text = protectedField(from, field);
         result.inside += text;
         const std::string shown = encrypts ? hidden(name, text) : text;
         result.outside += shown;
         if (encrypts && !shown.empty()) {
             outer +=
                 innerField("HP-Outer", ' ' + shown, "the message"); // its first line is longer than that of the field
+        }
+    };
+    for (const mime::Header::Field& field : header.fields()) {
+        const std::string_view name = header.nameOf(field);
+        if (describesBody(name)) {
+            continue;
+        }
+        requireNoEmptyLine(header.octetsOf(field));
+        if (!name.empty()) {
+            add(header, field);
+            continue;
+        }
+        // What becomes a field outside is hidden and repeated like any other.
+        const std::string text = outside(header, field);
+        const mime::Header written = readAgain(text);
+        if (written.fields().empty() || written.nameOf(written.fields().front()).empty()) {
+            result.outside += text;
+        } else {
+            add(written, written.fields().front());
         }
     }
     result.inside += outer;

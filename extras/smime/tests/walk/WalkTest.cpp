@@ -192,6 +192,19 @@ TEST(ContentTypeValue, TakesNoEncodedWordForABoundary) {
     EXPECT_EQ(typed("multipart/signed; boundary=\"=?utf-8?q?a=20b?=\"").boundary, "=?utf-8?q?a=20b?=");
 }
 
+TEST(ContentTypeValue, TellsWhetherAllFindTheSameBoundary) {
+    for (const char* const plain :
+         {"; boundary=----=_Part_1", "; charset=x; Boundary = \"a b;c\" ; x=y", ";boundary=\"----boundary_1\"",
+          "; x=\"a;b\"; boundary=a'b/c?d:e", "; boundary=\"(a)\"; x=y"})
+        EXPECT_TRUE(typed(std::string("multipart/mixed") + plain).isBoundaryPlain) << plain;
+    for (const char* const other :
+         {"", "; boundary*=us-ascii''a", "; boundary*0=a; boundary*1=b", "; boundary=a b", "; boundary=a (b)",
+          "; (x) boundary=a", "; boundary=\"a\\b\"", "; boundary=\"a\"b", "; boundary=\"a \"", "; boundary=a,b",
+          "; boundary=\"=?utf-8?q?a?=\"", "; x=\"; boundary=b\"; boundary=a", "; boundary=a; x=\"boundary=b\"",
+          "; boundary=a; boundary*=''b", "; boundary=<a>", "; x=(\"; boundary=b; \") boundary=a"})
+        EXPECT_FALSE(typed(std::string("multipart/mixed") + other).isBoundaryPlain) << other;
+}
+
 TEST(ContentTypeValue, TellsWhatIsOdd) {
     EXPECT_EQ(typed("text/html").oddity, "");
     EXPECT_NE(typed("text/html\r\nContent-Type: text/plain").oddity, "");
@@ -213,6 +226,20 @@ TEST(AddressValue, TakesGroupsApart) {
     EXPECT_THAT(mailboxes("\"b@evil\" <b@y>, g: c@z, D <d@w>;"), ElementsAre("b@y", "c@z", "d@w"));
     EXPECT_THAT(mailboxes("=?utf-8?q?a=40evil=2Ecom=3E?= <j@x>"), ElementsAre("j@x"));
     EXPECT_THAT(mailboxes("<j@x>\r\nFROM: k@x"), ElementsAre("j@x", "k@x"));
+}
+
+// What is beyond is not looked at: GMime takes time for it that grows with the square of its length.
+TEST(AddressValue, HasSoManySignsAtTheMost) {
+    const std::string commas(maximumSigns - 3, ',');
+    EXPECT_THAT(mailboxes("a@x" + commas + " b@x"), ElementsAre("a@x", "b@x"));
+    for (const char* const more : {",", ";", " <\"\"", " @"})
+        EXPECT_THAT(mailboxes("a@x" + commas + " b@x, " + more, false), ElementsAre()) << more;
+    EXPECT_THAT(mailboxes("a@x" + commas + "\r\nFrom: b@x"), ElementsAre("a@x", "b@x"));
+    EXPECT_THAT(mailboxes("a@x" + commas + "\r\nFrom: \"@;\" <b@x>\r\nFrom: c@x", false), ElementsAre("a@x"));
+    std::string people;
+    for (int number = 0; number != 100; ++number)
+        people += "\"Doe, J.\" <a" + std::to_string(number) + "@x>, ";
+    EXPECT_EQ(mailboxes(people).size(), 100U);
 }
 
 TEST(AddressValue, TellsWhatIsNoAddress) {

@@ -162,6 +162,26 @@ TEST(SmimeEncryptingTest, SendsCertificatesAlone) {
               "the header of the message has a line that is no field, at which many readers begin the body");
 }
 
+// For those who end lines at a CR this is a whole mail; for all others it is one field, which stands outside.
+TEST(SmimeEncryptingTest, ShowsNoBodyBehindACarriageReturn) {
+    const std::string reason =
+        "the header of the message has a line that is no field, at which many readers begin the body";
+    const std::string ofOldSystems = "From: alice@example.com\rSubject: Lunch\r\rsecret\r";
+    SMime::WriteOptions protecting;
+    protecting.protectHeader = true;
+    for (const std::string& text : {ofOldSystems, ofOldSystems + "\n\nx", "X-Mine: y\r\n" + ofOldSystems,
+                                    std::string("X-Mine: y\r\rsecret\n\nx")}) {
+        EXPECT_EQ(refusalOf(text, {encryptedFor({&person("bob")})}), reason);
+        EXPECT_EQ(refusalOf(text, {encryptedFor({&person("bob")})}, protecting), reason);
+        EXPECT_EQ(refusalOf(text, {signedBy({&person("alice")})}), reason);
+    }
+    // An end of a line that became two, and nothing behind it.
+    for (const std::string& text :
+         {std::string("X-Mine: y\r\r\n\r\nx"), std::string("X-Mine: y\r\r"), std::string("X-Mine: y\rz\n\nx")}) {
+        EXPECT_THAT(wrapped(text, {encryptedFor({&person("bob")})}), StartsWith("X-Mine: y"));
+    }
+}
+
 // RFC 8551, 3.8: lists of revoked certificates, too.
 TEST(SmimeEncryptingTest, SendsRevocationListsAlone) {
     const auto list = x509testing::read(norvauthority::issueList({.issuer = &root()}));

@@ -68,6 +68,18 @@ TEST(SmimeHeaderProtectionTest, HidesTheSubjectOfEncryptedMail) {
 }
 
 // RFC 5322, 2.1.1: not even what repeats a field behind another name has longer lines.
+// A return or NUL byte in front of the colon goes when the field is sent, and what is left is a Subject.
+TEST(SmimeHeaderProtectionTest, HidesWhatBecomesASubject) {
+    for (const std::string& field : {std::string("Subject\0: Lunch", 15), std::string("Subject\r: Lunch"),
+                                     std::string("Subject: Dinner\nSUBJECT \r : Lunch")}) {
+        const std::string sent =
+            wrapped("From: alice@example.com\n" + field + "\n\nx", {encryptedFor({&person("bob")})}, protecting());
+        EXPECT_THAT(sent, Not(HasSubstr("Lunch"))) << sent.substr(0, 200);
+        EXPECT_THAT(sent, HasSubstr("[...]\r\n"));
+        EXPECT_THAT(decrypted(sent, person("bob")), HasSubstr(": Lunch\r\n"));
+    }
+}
+
 TEST(SmimeHeaderProtectionTest, RepeatsLongFieldsInLinesThatAreNotTooLong) {
     for (const std::string& value :
          {" " + std::string(980, 'x'), " a " + std::string(978, 'x') + " b", std::string(981, 'x')}) {
