@@ -191,7 +191,7 @@ void boundPeers(SSL_CTX* context) {
 
 void refuseCostlyMessage(bool isWritten, int contentType, const void* data, std::size_t length, SSL* ssl) noexcept {
     if (isWritten && refusesRenegotiation(contentType, data, length, ssl)) {
-        endFlood(ssl); // OpenSSL shows no such hello
+        endFlood(ssl); // the hello was shown before OpenSSL refused it
     }
     if (isWritten || contentType != SSL3_RT_HANDSHAKE || length < headerLength || ssl == nullptr ||
         SSL_is_dtls(ssl) != 0) {

@@ -143,7 +143,7 @@ struct HeaderProtection {
     std::vector<std::string> legacyDisplay;
 };
 
-/// A part that no layer covers.
+/// A part that no layer covers, or none that counts for the verdict.
 struct UncoveredPart {
     std::string path;
     std::string type; ///< "text/plain"
@@ -186,8 +186,9 @@ struct Answer {
     /// Of the entity that was handed on: `contentPath`, or that of a signed one around it with `ReadOptions::keepSignatures`;
     /// empty when none was.
     std::string deliveredPath;
-    /// What a reader of the message is shown beside the content although nothing covers it. Whoever takes the verdict for
-    /// the whole message asks that it is empty.
+    /// What a reader of the message is shown beside the content although the signature that the verdict comes from does not
+    /// cover it: what lies in layers around that one is anybody's. Whoever takes the verdict for the whole message asks that
+    /// it is empty.
     std::vector<UncoveredPart> notCovered;
     /// With `ReadOptions::listParts`, in the message's order, at most `ReadBudget::parts`.
     std::vector<LeafPart> parts;

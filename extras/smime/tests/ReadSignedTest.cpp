@@ -260,7 +260,8 @@ TEST(SMimeRead, AMultipartOfWhichAnEncodingHidesPartsIsAmbiguous) {
     const std::string evil = "\r\n\r\nevil\r\n";
     const std::string preamble = "This is an S/MIME signed message";
     for (const std::string& start :
-         {"=2D-" + name, "-=2d" + name, "-=\r\n-" + name, "--" + name.substr(0, 3) + "=\r\n" + name.substr(3)}) {
+         {"=2D-" + name, "-=2d" + name, "-=\r\n-" + name, "--" + name.substr(0, 3) + "=\r\n" + name.substr(3),
+          "x=0A--" + name, "x=0d=0a--" + name, "x=0a--" + name, "x=0D--" + name}) {
         EXPECT_EQ(outcomeOf(mailOf(replaced(mail, preamble, start + evil))).answer.verdict, Verdict::damaged) << start;
         EXPECT_EQ(outcomeOf(mailOf(mail + start + evil)).answer.verdict, Verdict::damaged) << start;
     }
@@ -290,6 +291,22 @@ TEST(SMimeRead, PartsBehindTheLastBoundaryAreAmbiguous) {
               Verdict::signatureGood);
 }
 
+// RFC 2046, 5.1.1: readers may compare the beginning of a line alone. What is signed is its sender's.
+TEST(SMimeRead, LinesInTheSignatureThatBeginWithTheBoundaryAreAmbiguous) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const std::string boundary = boundaryOf(mail);
+    const std::string changed = replaced(mail, boundary + "--", boundary + "x\r\n\r\nevil\r\n" + boundary + "--");
+    const Outcome outcome = outcomeOf(mailOf(changed));
+    EXPECT_EQ(outcome.answer.verdict, Verdict::damaged);
+    EXPECT_THAT(outcome.answer.detail, HasSubstr("begin with the boundary"));
+    std::string nested = signedBy(
+        alice(), "Content-Type: multipart/mixed; boundary=inner\r\n\r\n--inner\r\n\r\nx\r\n--inner--\r\n", detached);
+    const std::string name = boundaryOf(nested).substr(2);
+    for (int place = 0; place != 4; ++place)
+        nested = replaced(nested, name, "in");
+    EXPECT_EQ(outcomeOf(mailOf(nested)).answer.verdict, Verdict::signatureGood);
+}
+
 // The boundary of one reader is not that of another one, who finds his own parts in front of, behind and within the signature.
 TEST(SMimeRead, OtherPartsForThoseWhoReadTheBoundaryInAnotherWayAreAmbiguous) {
     const std::string mail = signedBy(alice(), plainEntity, detached);
@@ -304,8 +321,9 @@ TEST(SMimeRead, OtherPartsForThoseWhoReadTheBoundaryInAnotherWayAreAmbiguous) {
         const std::string other = replaced(mail, quoted, form);
         EXPECT_EQ(outcomeOf(mailOf(other)).answer.verdict, Verdict::signatureGood) << form;
         const std::string evil = "--" + front + "\r\n\r\nevil\r\n";
-        for (const std::string& changed : {replaced(other, preamble, evil), other + "\r\n" + evil,
-                                           replaced(other, "--" + name + "--", "\r\n" + evil + "--" + name + "--")}) {
+        for (const std::string& changed :
+             {replaced(other, preamble, evil), other + "\r\n" + evil, other + "\r\nx\r" + evil,
+              replaced(other, "--" + name + "--", "\r\n" + evil + "--" + name + "--")}) {
             const Outcome outcome = outcomeOf(mailOf(changed));
             EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << form;
             EXPECT_THAT(outcome.answer.detail, HasSubstr("read its header in another way"));

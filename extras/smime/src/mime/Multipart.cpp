@@ -123,6 +123,7 @@ private:
         const Delimiter found = delimiterAt(bytes, behindBoundary);
         if (found.kind == Delimiter::none) {
             ++m_lookAlikes;
+            m_watched.hasLookAlikes = m_watched.hasLookAlikes || m_isWatched;
             return false;
         }
         // Where the part has no bytes at all, the line end is that of the delimiter before it.
@@ -176,7 +177,6 @@ bool Multipart::next() {
 }
 
 void Multipart::lookBehind() {
-    const std::uint64_t before = m_lookAlikes;
     for (auto kind = m_closed ? Delimiter::last : Delimiter::none; kind != Delimiter::none;) {
         Part epilogue(m_body, m_delimiter, m_lookAlikes, m_watched);
         epilogue.watch();
@@ -184,7 +184,6 @@ void Multipart::lookBehind() {
         kind = epilogue.takeDelimiter();
         m_goesOn = m_goesOn || kind == Delimiter::between; // the last one twice is no part more
     }
-    m_goesOn = m_goesOn || m_lookAlikes != before;
 }
 
 } // namespace Norvane::Crypto::SMime::mime

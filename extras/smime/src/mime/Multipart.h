@@ -46,6 +46,8 @@ public:
     /// Lines that begin with the boundary but are no delimiters: readers that compare prefixes, as RFC 2046 allows, see
     /// other parts than this one.
     [[nodiscard]] std::uint64_t lookAlikes() const noexcept { return m_lookAlikes; }
+    /// Whether such lines stand in watched parts.
+    [[nodiscard]] bool hasLookAlikesBeside() const noexcept { return m_watched.hasLookAlikes; }
     /// To be called in front of the first part: another text that is sought in what is watched, which is the start of a part for
     /// some. Where it begins with a line feed, it is found at the very start, too.
     void seek(std::string text) { m_watched.sought.push_back(std::move(text)); }
@@ -53,7 +55,7 @@ public:
     [[nodiscard]] bool hasFound() const noexcept { return m_watched.hasFound; }
     /// Takes the epilogue, once `next` was false. Readers who go on there see what `goesOn` tells of.
     void lookBehind();
-    /// Whether boundaries stand behind the last one, or what begins with them.
+    /// Whether boundaries stand behind the last one.
     [[nodiscard]] bool goesOn() const noexcept { return m_goesOn; }
     /// Whether a CR alone stands in front of what begins with the boundary in what was taken of watched parts: readers that end
     /// lines at a CR see other parts.
@@ -65,6 +67,7 @@ private:
     struct Watched {
         std::vector<std::string> sought;
         bool hasFound = false;
+        bool hasLookAlikes = false;
         bool isCutByReturns = false;
     };
 

@@ -170,11 +170,13 @@ bool isSignature(const ContentType& type, const std::string& fileName) {
 void seekOtherParts(mime::Multipart& parts, const Header& header, const ContentType& type) {
     const bool isQuoted = mime::transferOf(header) == mime::Transfer::quotedPrintable;
     if (isQuoted) {
-        parts.seek("=2D"); // a hyphen
-        parts.seek("=2d");
+        for (const char* const hyphenOrLineEnd : {"=2D", "=2d", "=0A", "=0a", "=0D", "=0d"})
+            parts.seek(hyphenOrLineEnd);
     }
-    if (isQuoted || !type.isBoundaryPlain)
+    if (isQuoted || !type.isBoundaryPlain) {
         parts.seek("\n-");
+        parts.seek("\r-");
+    }
 }
 
 void readEntity(Session& session, const SharedOctets& in, const Place& place) {

@@ -99,6 +99,8 @@ void Session::lookBehind(const Place& place, mime::Multipart& multipart) {
     multipart.lookBehind();
     if (multipart.goesOn())
         addAmbiguity(place, "behind the last boundary it stands once more, so that others may see further parts");
+    if (multipart.hasLookAlikesBeside())
+        addAmbiguity(place, "lines beside its parts begin with the boundary, so that others may see other parts");
     if (multipart.isCutByReturns())
         addAmbiguity(place, "others may see parts beside those of this message that begin behind a CR");
     if (multipart.hasFound())
