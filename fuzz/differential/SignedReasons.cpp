@@ -270,11 +270,16 @@ std::optional<Outcome> whyWider(const Bytes& octets, const Answer& reader, const
         return std::nullopt;
     }
     Node named = *root;
-    if (nameDigest(named) && agrees(named)) {
+    const bool isSignatureNamed = nameDigest(named);
+    if (isSignatureNamed && agrees(named)) {
         return Outcome::signatureAsDigest;
     }
     for (const Change& drop : drops) {
         drop.apply(*root);
+        drop.apply(named);
+    }
+    if (isSignatureNamed && agrees(named)) {
+        return Outcome::severalWider;
     }
     if (isRightWith(encode(*root), judged.certificates)) {
         return Outcome::certificateExtensions;
