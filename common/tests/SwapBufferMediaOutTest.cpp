@@ -223,7 +223,7 @@ TEST_F(SwapBuffer, IsReadByLinesOfAnyLength) {
     for (const std::size_t length : {0, 1, 75, 0, 1022, 1023, 1024, 1025, 2047, 2048, 5000}) {
         lines.push_back(std::string(length, 'l') + '\n');
     }
-    lines.push_back(std::string(1024, 'e')); // without an end
+    lines.emplace_back(1024, 'e'); // without an end
     for (const unsigned int limit : {0U, 100000U}) {
         SwapBufferMediaOut out(limit, m_template.c_str());
         for (const std::string& line : lines) {
