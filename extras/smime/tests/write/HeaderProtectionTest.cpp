@@ -247,8 +247,8 @@ TEST(SmimeLegacyDisplayTest, TextsWithoutAPlaceForItAreLeftAlone) {
           "Content-Type: text/plain; charset=x-unheard-of\n\nx\n",
           // Nothing is read behind a quote that is not closed; and the first of two parameters counts.
           "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain; charset=\"utf-8\n\nx\n--b--\n",
-          "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain; "
-          "hp-legacy-display=0\n\nx\n--b--\n",
+          ("Content-Type: multipart/mixed; boundary=b\n\n--b\n"
+           "Content-Type: text/plain; hp-legacy-display=0\n\nx\n--b--\n"),
           "Content-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n\na==b\n",
           "Content-Type: text/html\nContent-Transfer-Encoding: quoted-printable\n\nno body\n",
           "Content-Type: text/html\nContent-Transfer-Encoding: quoted-printable\n\n<body>a==b\n",
