@@ -12,6 +12,15 @@ using nlohmann::json;
 
 namespace {
 
+/// Names a curve that nobody knows in the place of P-256: whatever holds the key decodes, the key does not.
+template <class Octets> void withoutCurve(Octets& der) {
+    const std::string identifier = "\x2A\x86\x48\xCE\x3D\x03\x01\x07";
+    const Octets curve(identifier.begin(), identifier.end());
+    const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
+    ASSERT_NE(at, der.end());
+    *(at + 7) = 0x7F;
+}
+
 class InspectNamesToolTest : public ToolTest {
 protected:
     json factsOf(const std::string& file) {
@@ -62,11 +71,39 @@ TEST_F(InspectNamesToolTest, EveryKindThatOpensslWrites) {
 }
 
 TEST_F(InspectNamesToolTest, OctetsThatAreNoAddressAreAProblem) {
+    // What else is wrong is told beside it.
     const json facts = factsOf(issue({.subject = {{"CN", "Odd"}},
                                       .key = Key::ec(),
-                                      .alternativeNames = {GeneralName::ip(std::string("\x0A\0\0\x01\xFF", 5))}}));
+                                      .alternativeNames = {GeneralName::ip(std::string("\x0A\0\0\x01\xFF", 5))},
+                                      .extensions = {{.oid = "2.5.29.37", .value = {0x05, 0x00}}}}));
     EXPECT_EQ(json::array({"0A:00:00:01:FF"}), facts.at("ipAddresses"));
-    EXPECT_EQ(json::array({"a malformed subject alternative name"}), facts.at("problems"));
+    EXPECT_EQ(json({"an IP address among the names has neither 4 nor 16 octets",
+                    "an extension that is malformed or stands twice"}),
+              facts.at("problems"));
+}
+
+TEST_F(InspectNamesToolTest, NamesThatNobodyUsesAreNamedByTheirKind) {
+    const json facts =
+        factsOf(issue({.subject = {{"CN", "Old"}},
+                       .key = Key::ec(),
+                       .alternativeNames = {GeneralName::raw({0xA3, 0x00}),
+                                            GeneralName::raw({0xA5, 0x05, 0xA1, 0x03, 0x0C, 0x01, 'x'})}}));
+    EXPECT_EQ(json({"x400Address", "ediPartyName"}), facts.at("otherNames"));
+}
+
+TEST_F(InspectNamesToolTest, WhatCannotBeReadOfARequestIsAProblem) {
+    work.write("odd.cnf", "[req]\ndistinguished_name=subject\nprompt=no\nreq_extensions=v3\n"
+                          "[subject]\nCN=Odd\n[v3]\nsubjectAltName=DER:0500\n");
+    openssl({"req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "key",
+             "-config", "odd.cnf", "-outform", "DER", "-out", "request"});
+    EXPECT_EQ(json::array({"a malformed subject alternative name"}), factsOf("request").at("problems"));
+    std::string der = work.read("request");
+    withoutCurve(der);
+    work.write("request", der);
+    const json facts = factsOf("request");
+    EXPECT_FALSE(facts.contains("publicKey"));
+    EXPECT_EQ(json({"a malformed subject alternative name", "a public key that is malformed or not supported"}),
+              facts.at("problems"));
 }
 
 TEST_F(InspectNamesToolTest, EachNameIsToldOnce) {
@@ -88,14 +125,9 @@ TEST_F(InspectNamesToolTest, WhoIssuesTheListsIsTold) {
     EXPECT_EQ(json::array({"CN=Lists,C=DE"}), facts.at("crlIssuers"));
 }
 
-/// A curve that nobody knows: the certificate decodes, its key does not.
 TEST_F(InspectNamesToolTest, AKeyThatCannotBeReadIsAProblem) {
     Identity identity = issue({.subject = {{"CN", "Key"}}, .key = Key::ec()});
-    Bytes& der = identity.certificate.der;
-    const Bytes curve{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
-    ASSERT_NE(at, der.end());
-    *(at + 7) = 0x7F;
+    withoutCurve(identity.certificate.der);
     const json facts = factsOf(identity);
     EXPECT_EQ("CN=Key", facts.at("subject"));
     EXPECT_FALSE(facts.contains("publicKey"));

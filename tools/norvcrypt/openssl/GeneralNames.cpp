@@ -5,6 +5,7 @@
 #include <norvcrypto/DistinguishedName.h>
 
 #include <memory>
+#include <new>
 
 namespace norvcrypt {
 
@@ -82,10 +83,12 @@ void GeneralNames::addIpAddress(const ASN1_STRING* octets) {
     const std::string value = textOf(octets);
     if (value.size() == 4 || value.size() == 16)
         return add(m_names.ipAddresses, Norvane::IPAddress(value).asString());
-    m_names.malformed = true;
+    m_names.hasOddIpAddress = true;
     const std::unique_ptr<char, FreeingMemory> digits(
         OPENSSL_buf2hexstr(ASN1_STRING_get0_data(octets), ASN1_STRING_length(octets)));
-    add(m_names.ipAddresses, digits ? digits.get() : "");
+    if (!digits)
+        throw std::bad_alloc();
+    add(m_names.ipAddresses, digits.get());
 }
 
 AlternativeNames alternativeNames(X509* certificate) {

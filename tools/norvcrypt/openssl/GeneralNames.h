@@ -21,7 +21,8 @@ struct AlternativeNames {
     std::vector<std::string> ipAddresses; ///< "192.0.2.1"; hexadecimal digits where the octets are no address
     std::vector<std::string> directoryNames;
     std::vector<std::string> others; ///< "registeredID: 1.2.3"; "1.2.3: text" where the value is one, else "1.2.3"
-    bool malformed = false;          ///< an extension could not be read, or an IP address is none
+    bool malformed = false;          ///< an extension could not be read
+    bool hasOddIpAddress = false;    ///< one has neither 4 nor 16 octets
 };
 
 /// Collects names.

@@ -101,6 +101,8 @@ void putNames(Description& facts, const AlternativeNames& names) {
     putTexts(facts, "otherNames", names.others);
     if (names.malformed)
         problem(facts, "a malformed subject alternative name");
+    if (names.hasOddIpAddress)
+        problem(facts, "an IP address among the names has neither 4 nor 16 octets");
 }
 
 Description requestFacts(const Norvane::Buffer& der) {
