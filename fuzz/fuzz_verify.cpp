@@ -18,11 +18,17 @@ namespace {
 
 constexpr char body[] = "body";
 
-/// The announced digests are what `CMS_verify` makes before it looks at who uses them; one that no signer uses and that is
-/// unknown ends it. Those of the signers alone are asked then (RFC 5652, 5.1: an aid to who reads in one pass).
-bool announcesUnknownDigest() {
+/// The announced digests are what `CMS_verify` makes before it looks at who uses them: one that no signer uses and that is
+/// unknown ends it, and so does a signer whose digest is not among them. Where there are none at all, it ends without a reason. Those
+/// of the signers alone are asked then (RFC 5652, 5.1: an aid to who reads in one pass).
+bool failsForAnnouncedDigests() {
+    if (ERR_peek_error() == 0) {
+        return true;
+    }
     for (unsigned long error = ERR_get_error(); error != 0; error = ERR_get_error()) {
-        if (ERR_GET_LIB(error) == ERR_LIB_CMS && ERR_GET_REASON(error) == CMS_R_UNKNOWN_DIGEST_ALGORITHM) {
+        const int reason = ERR_GET_REASON(error);
+        if (ERR_GET_LIB(error) == ERR_LIB_CMS &&
+            (reason == CMS_R_UNKNOWN_DIGEST_ALGORITHM || reason == CMS_R_NO_MATCHING_DIGEST)) {
             return true;
         }
     }
@@ -94,7 +100,7 @@ bool isGoodToOpenSsl(const Buffer& input, bool detached) {
     BIO* out = BIO_new(BIO_s_null());
     bool good = structure == nullptr || // not every structure that PKCS#7 allows is one
                 CMS_verify(structure, nullptr, nullptr, content, out, CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY) == 1;
-    if (!good && announcesUnknownDigest()) {
+    if (!good && failsForAnnouncedDigests()) {
         good = areSignersGood(structure, contentOf(structure, detached));
     }
     BIO_free(out);
