@@ -223,6 +223,21 @@ TEST_F(Outgoing, UsersWriteNoResultsOfTheFilter) {
     }
 }
 
+/// What a sender asked of the delivery goes along with what is split off, of each recipient their own.
+TEST_F(Outgoing, SplitMessagesAskForTheSameNotices) {
+    Message message = mailOf({"bert@b.example", "cleo@b.example"});
+    message.envelope.senderParameters = {"RET=HDRS", "ENVID=1"};
+    message.envelope.recipientParameters = {{"bert@b.example", {"NOTIFY=NEVER"}},
+                                            {"cleo@b.example", {"NOTIFY=SUCCESS", "ORCPT=rfc822;c@b.example"}}};
+    const Outcome outcome = handled(m_world, rule("never", "possible"), message);
+    ASSERT_EQ(outcome.submissions.size(), 1U);
+    const Submission& one = outcome.submissions.front();
+    ASSERT_EQ(one.recipients.size(), 1U);
+    EXPECT_EQ(one.senderParameters, message.envelope.senderParameters);
+    EXPECT_EQ(one.recipientParameters, (std::map<std::string, std::vector<std::string>>{
+                                           *message.envelope.recipientParameters.find(one.recipients.front())}));
+}
+
 /// RFC 5322, 4.5: blanks may stand in front of the colon.
 TEST_F(Outgoing, BlanksBehindTheNameOfAField) {
     Message message = mailOf({"bert@b.example", "cleo@b.example"});

@@ -53,6 +53,29 @@ TEST(MilterFront, AMessageIsJudgedAsItCame) {
                                                   "setsymlist 3 i {rcpt_addr}", "setsymlist 5 i"));
 }
 
+/// RFC 3461, 6531, 8689.
+TEST(MilterFront, WhatIsAskedOfTheDeliveryIsKept) {
+    Seen seen;
+    FrontBench bench(seen.judge());
+    Asking asking(bench);
+    asking.connect();
+    asking.sender("<anna@a.example>", {"SIZE=100", "ret=HDRS", "BODY=8BITMIME", "RET=FULL", "ENVID=QQ+3D314159",
+                                       "smtputf8", "REQUIRETLS", "AUTH=<>", "RETURN=1"});
+    asking.recipient("<bert@b.example>", {"NOTIFY=NEVER", "X=1", "ORCPT=rfc822;bert@b.example", "NOTIFY=SUCCESS"});
+    asking.recipient("<carl@b.example>");
+    asking.recipient("<bert@b.example>", {"NOTIFY=FAILURE"});
+    asking.recipient("<d@b.example>", {"NOTIFY=NEVER\r\nRSET", "ORCPT=rfc822;d d", "ORCPT=" + std::string(1000, 'x')});
+    asking.recipient("<e@b.example>", {"ORCPT=utf-8;\xC3\xA4@b.example"});
+    asking.header("Subject", " greetings");
+    asking.end();
+    ASSERT_EQ(1U, seen.envelopes.size());
+    const Envelope& envelope = seen.envelopes[0];
+    EXPECT_THAT(envelope.senderParameters, ElementsAre("ret=HDRS", "ENVID=QQ+3D314159", "smtputf8", "REQUIRETLS"));
+    EXPECT_THAT(envelope.recipientParameters,
+                ElementsAre(testing::Pair("bert@b.example", ElementsAre("NOTIFY=NEVER", "ORCPT=rfc822;bert@b.example")),
+                            testing::Pair("e@b.example", ElementsAre("ORCPT=utf-8;\xC3\xA4@b.example"))));
+}
+
 TEST(MilterFront, AddressesOfClients) {
     const auto addressOf = [](int family, const char* text) {
         Seen seen;

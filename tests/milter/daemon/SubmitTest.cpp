@@ -8,6 +8,7 @@
 
 using namespace norvmilter;
 using norvtest::FakeSmtp;
+using testing::_;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -178,6 +179,35 @@ TEST(MilterSubmit, WhatAServerCannotTakeIsNotSent) {
     FakeSmtp able;
     EXPECT_EQ("none", failureOf(to(able), {submission("a@a.example", {"b\xC3\xA4@b.example"}, shortMessage)}).first);
     EXPECT_THAT(able.commands(), testing::Contains("MAIL FROM:<a@a.example> SIZE=15 BODY=8BITMIME SMTPUTF8"));
+}
+
+/// RFC 3461, 6531, 8689.
+TEST(MilterSubmit, WhatIsAskedOfTheDeliveryIsAskedOfTheServer) {
+    Submission asking = submission("a@a.example", {"b@b.example", "c@c.example"}, shortMessage);
+    asking.senderParameters = {"RET=HDRS", "envid=x", "SMTPUTF8"};
+    asking.recipientParameters = {{"b@b.example", {"notify=NEVER", "ORCPT=utf-8;\xC3\xA4@b.example"}}};
+    const auto commandsOf = [&](const std::string& offers) {
+        FakeSmtp server([&](const std::string& said) {
+            return said.starts_with("EHLO") ? "250-fake\r\n" + offers + "250 HELP" : FakeSmtp::usual(said);
+        });
+        EXPECT_EQ("none", failureOf(to(server), {asking}).first) << offers;
+        std::vector<std::string> commands = server.commandsUntilQuit();
+        commands.resize(std::min<std::size_t>(commands.size(), 4));
+        return commands;
+    };
+    EXPECT_THAT(commandsOf("250-DSN\r\n250-SMTPUTF8\r\n"),
+                ElementsAre(_, "MAIL FROM:<a@a.example> SMTPUTF8 RET=HDRS envid=x",
+                            "RCPT TO:<b@b.example> notify=NEVER ORCPT=utf-8;\xC3\xA4@b.example",
+                            "RCPT TO:<c@c.example>"));
+    EXPECT_THAT(commandsOf("250-DSN\r\n"), ElementsAre(_, "MAIL FROM:<a@a.example> RET=HDRS envid=x",
+                                                       "RCPT TO:<b@b.example> notify=NEVER", "RCPT TO:<c@c.example>"));
+    EXPECT_THAT(commandsOf(""), ElementsAre(_, "MAIL FROM:<a@a.example>", "RCPT TO:<b@b.example>", _));
+    asking.senderParameters = {"REQUIRETLS"};
+    EXPECT_THAT(commandsOf("250-REQUIRETLS\r\n"), testing::Contains("MAIL FROM:<a@a.example> REQUIRETLS"));
+    FakeSmtp unable;
+    EXPECT_EQ(std::pair(std::string("the server does not take REQUIRETLS, which the sender asks for"), true),
+              failureOf(to(unable), {asking}));
+    EXPECT_THAT(unable.commands(), testing::Not(testing::Contains(testing::StartsWith("MAIL"))));
 }
 
 TEST(MilterSubmit, AddressesEndNoCommand) {

@@ -184,6 +184,18 @@ class SeveralRecipients(Case):
             self.assertEqual([], mail.field(self.arrived(recipient, "hidden"), "Bcc"))
             self.assert_verdict(self.arrived(recipient, "hidden"), "pass")
 
+    def test_split_messages_ask_for_the_notices_that_were_asked_for(self):
+        data = mail.compose(SENDER, ["recipient@b.example", "nobody@b.example"], "notices")
+        self.world.send(["recipient@b.example", "nobody@b.example"], data, options=["RET=HDRS", "ENVID=A1"],
+                        notices=["NOTIFY=FAILURE,DELAY"])
+        self.assertTrue(self.world.settled())
+        passed = self.wire("notices")
+        self.assertEqual([["nobody@b.example"], ["recipient@b.example"]], sorted(message.recipients for message in passed))
+        for message in passed:
+            from_, to = message.commands
+            self.assertLessEqual({"RET=HDRS", "ENVID=A1"}, set(from_.split()))
+            self.assertIn("NOTIFY=FAILURE,DELAY", to.split())
+
     def test_more_hidden_recipients_than_one_connection_takes(self):
         # Postfix hangs up on who begins and gives up too many messages over one connection.
         addresses = [f"crowd{number}@b.example" for number in range(120)]

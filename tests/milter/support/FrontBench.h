@@ -77,13 +77,11 @@ public:
                                           &reserved);
     }
     sfsistat connect(sockaddr* client = nullptr) { return m_callbacks.xxfi_connect(&context, name(), client); }
-    sfsistat sender(std::string path) {
-        char* arguments[] = {path.data(), nullptr};
-        return m_callbacks.xxfi_envfrom(&context, arguments);
+    sfsistat sender(std::string path, std::vector<std::string> parameters = {}) {
+        return m_callbacks.xxfi_envfrom(&context, pointersTo(path, parameters).data());
     }
-    sfsistat recipient(std::string path) {
-        char* arguments[] = {path.data(), nullptr};
-        return m_callbacks.xxfi_envrcpt(&context, arguments);
+    sfsistat recipient(std::string path, std::vector<std::string> parameters = {}) {
+        return m_callbacks.xxfi_envrcpt(&context, pointersTo(path, parameters).data());
     }
     sfsistat header(std::string name, std::string value) {
         return m_callbacks.xxfi_header(&context, name.data(), value.data());
@@ -109,6 +107,14 @@ public:
     unsigned long agreedSteps = 0;
 
 private:
+    /// As libmilter hands them over: a null pointer at the end.
+    static std::vector<char*> pointersTo(std::string& path, std::vector<std::string>& parameters) {
+        std::vector<char*> arguments{path.data()};
+        for (std::string& one : parameters)
+            arguments.push_back(one.data());
+        arguments.push_back(nullptr);
+        return arguments;
+    }
     static char* name() {
         static char text[] = "client.example";
         return text;

@@ -183,8 +183,14 @@ private:
         const std::string header = octetsOf(one.mail.header()) + "\r\n";
         joined(header, one.mail.body().in()).write(whole);
         Submission result{m_message.envelope.sender, {}, whole};
-        for (const std::size_t recipient : group.recipients)
-            result.recipients.push_back(m_plan.recipients[recipient].address);
+        result.senderParameters = m_message.envelope.senderParameters;
+        for (const std::size_t recipient : group.recipients) {
+            const std::string& address = m_plan.recipients[recipient].address;
+            result.recipients.push_back(address);
+            const auto asked = m_message.envelope.recipientParameters.find(address);
+            if (asked != m_message.envelope.recipientParameters.end())
+                result.recipientParameters.insert(*asked);
+        }
         return result;
     }
 

@@ -86,15 +86,11 @@ sfsistat onConnect(SMFICTX* context, char* /*hostname*/, sockaddr* client) {
 }
 
 sfsistat onSender(SMFICTX* context, char** arguments) {
-    return guarded(context, SMFIS_TEMPFAIL, [&](Session& session) {
-        return session.sender(context, arguments == nullptr ? nullptr : arguments[0]);
-    });
+    return guarded(context, SMFIS_TEMPFAIL, [&](Session& session) { return session.sender(context, arguments); });
 }
 
 sfsistat onRecipient(SMFICTX* context, char** arguments) {
-    return guarded(context, SMFIS_TEMPFAIL, [&](Session& session) {
-        return session.recipient(context, arguments == nullptr ? nullptr : arguments[0]);
-    });
+    return guarded(context, SMFIS_TEMPFAIL, [&](Session& session) { return session.recipient(context, arguments); });
 }
 
 sfsistat onHeader(SMFICTX* context, char* name, char* value) {

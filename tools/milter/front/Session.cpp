@@ -3,13 +3,17 @@
 #include "front/Failure.h"
 #include "submit/Submit.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cstring>
 #include <exception>
 #include <netinet/in.h>
 #include <new>
+#include <string_view>
+#include <strings.h>
 #include <sys/socket.h>
+#include <vector>
 
 namespace norvmilter {
 
@@ -65,6 +69,33 @@ std::string mailbox(const char* path) {
     if (address.size() >= 2 && address.front() == '<' && address.back() == '>')
         address = address.substr(1, address.size() - 2);
     return address;
+}
+
+const char* pathIn(const char* const* arguments) {
+    return arguments == nullptr ? nullptr : arguments[0];
+}
+
+/// Those of the parameters behind the path that have one of these keywords, the first of each.
+std::vector<std::string> parametersIn(const char* const* arguments, std::vector<std::string_view> keywords) {
+    std::vector<std::string> found;
+    if (pathIn(arguments) == nullptr)
+        return found;
+    for (const char* const* next = arguments + 1; *next != nullptr && !keywords.empty(); ++next) {
+        const std::string_view parameter = *next;
+        const auto keyword = std::ranges::find_if(keywords, [&](std::string_view known) {
+            const std::string_view word = parameter.substr(0, parameter.find('='));
+            return word.size() == known.size() && ::strncasecmp(word.data(), known.data(), known.size()) == 0;
+        });
+        const bool isPlain = parameter.size() <= longestAddress && std::ranges::all_of(parameter, [](char one) {
+                                 const auto octet = static_cast<unsigned char>(one);
+                                 return octet > ' ' && octet != 0x7F;
+                             });
+        if (keyword == keywords.end() || !isPlain)
+            continue;
+        found.emplace_back(parameter);
+        keywords.erase(keyword);
+    }
+    return found;
 }
 
 Outcome withReply(Outcome::Action action, int code, const char* enhanced, const std::string& text) {
@@ -163,8 +194,9 @@ sfsistat Session::connect(SMFICTX* context, const sockaddr* client) {
     return SMFIS_CONTINUE;
 }
 
-sfsistat Session::sender(SMFICTX* context, const char* path) {
+sfsistat Session::sender(SMFICTX* context, const char* const* arguments) {
     m_mail.reset();
+    const char* const path = pathIn(arguments);
     if (m_front.isDraining())
         return answerWith(context, {451, "4.3.2", "mail filter: stopping"});
     if (isTooLong(path))
@@ -173,6 +205,7 @@ sfsistat Session::sender(SMFICTX* context, const char* path) {
     Envelope& envelope = m_mail->message.envelope;
     envelope.clientAddress = m_client;
     envelope.sender = mailbox(path);
+    envelope.senderParameters = parametersIn(arguments, {"RET", "ENVID", "SMTPUTF8", "REQUIRETLS"});
     envelope.authenticated = macro(context, "{auth_authen}");
     readMacros(context);
     return SMFIS_CONTINUE;
@@ -186,9 +219,10 @@ void Session::readMacros(SMFICTX* context) {
     envelope.listener = listener.empty() ? m_listener : listener;
 }
 
-sfsistat Session::recipient(SMFICTX* context, const char* path) {
+sfsistat Session::recipient(SMFICTX* context, const char* const* arguments) {
     if (!m_mail)
         return answerWith(context, {451, "4.3.0", "mail filter: no message has begun"});
+    const char* const path = pathIn(arguments);
     const std::string resolved = macro(context, "{rcpt_addr}");
     if (isTooLong(path) || resolved.size() > longestAddress)
         return answerWith(context, {553, "5.1.3", "the address is too long"});
@@ -197,6 +231,9 @@ sfsistat Session::recipient(SMFICTX* context, const char* path) {
         return answerWith(context, {452, "4.5.3", "too many recipients"});
     envelope.recipients.push_back(mailbox(path));
     m_mail->written.try_emplace(envelope.recipients.back(), path == nullptr ? "" : path);
+    std::vector<std::string> parameters = parametersIn(arguments, {"NOTIFY", "ORCPT"});
+    if (!parameters.empty())
+        envelope.recipientParameters.try_emplace(envelope.recipients.back(), std::move(parameters));
     if (!resolved.empty())
         envelope.resolved.try_emplace(envelope.recipients.back(), resolved);
     readMacros(context);

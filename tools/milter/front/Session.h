@@ -31,8 +31,9 @@ public:
     [[nodiscard]] bool negotiate(SMFICTX* context, unsigned long offeredActions, unsigned long offeredSteps,
                                  unsigned long& actions, unsigned long& steps);
     [[nodiscard]] sfsistat connect(SMFICTX* context, const sockaddr* client);
-    [[nodiscard]] sfsistat sender(SMFICTX* context, const char* path);
-    [[nodiscard]] sfsistat recipient(SMFICTX* context, const char* path);
+    /// \param arguments the path and the parameters of the command, a null pointer at their end; may be none at all
+    [[nodiscard]] sfsistat sender(SMFICTX* context, const char* const* arguments);
+    [[nodiscard]] sfsistat recipient(SMFICTX* context, const char* const* arguments);
     void header(const char* name, const char* value);
     [[nodiscard]] sfsistat body(const unsigned char* octets, std::size_t length);
     [[nodiscard]] sfsistat endOfMessage(SMFICTX* context);

@@ -36,6 +36,11 @@ struct Envelope {
     /// What the MTA makes of them, by what stands in `recipients`: macro {rcpt_addr}, where it was there. It decides which rule
     /// holds, too, and nothing else.
     std::map<std::string, std::string> resolved;
+    /// What the client asked of the delivery, for messages that are split off: RET, ENVID, SMTPUTF8 and REQUIRETLS of MAIL FROM as
+    /// they came (RFC 3461, 6531, 8689), each keyword once, printable and without a blank.
+    std::vector<std::string> senderParameters;
+    /// NOTIFY and ORCPT of RCPT TO, by what stands in `recipients`; of one that stands there twice those of the first time.
+    std::map<std::string, std::vector<std::string>> recipientParameters;
 };
 
 /// A header field as it stands in the message.

@@ -6,6 +6,7 @@
 #include <norvcmsg/SwapBufferMediaOut.h>
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -39,7 +40,9 @@ struct HeaderEdit {
 struct Submission {
     std::string sender; ///< of the envelope; empty: <>
     std::vector<std::string> recipients;
-    Norvane::SwapBufferMediaOut whole; ///< header and body, lines end in CRLF
+    Norvane::SwapBufferMediaOut whole;                                        ///< header and body, lines end in CRLF
+    std::vector<std::string> senderParameters = {};                           ///< as in `Envelope`
+    std::map<std::string, std::vector<std::string>> recipientParameters = {}; ///< as in `Envelope`
 };
 
 /// A detail for the log: direction, rule, action, verdict, signer, issuer, serial, reason. The name is a word of small letters;

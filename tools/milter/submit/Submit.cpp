@@ -1,5 +1,6 @@
 #include "submit/Submit.h"
 
+#include "message/Message.h"
 #include "submit/Smtp.h"
 
 #include <algorithm>
@@ -24,6 +25,15 @@ bool isEightBit(Norvane::MediaIn source) {
             return true;
     }
     return false;
+}
+
+/// Whether a parameter has this keyword, in whatever letters.
+bool is(const std::string& parameter, const std::string& keyword) {
+    return lowered(parameter.substr(0, parameter.find('='))) == lowered(keyword);
+}
+
+bool has(const std::vector<std::string>& parameters, const std::string& keyword) {
+    return std::ranges::any_of(parameters, [&](const std::string& one) { return is(one, keyword); });
 }
 
 /// Whether it can stand between "<" and ">" of a command and end nothing there.
@@ -77,18 +87,44 @@ private:
             parameters += " BODY=8BITMIME";
         else if (isEightBit(one.whole.in()))
             refuse("the server takes no octets above 127, and the message has some");
-        if (isEightBit(one.sender) ||
-            std::ranges::any_of(one.recipients, [](const std::string& recipient) { return isEightBit(recipient); })) {
-            if (!m_smtp.offers("SMTPUTF8"))
-                refuse("the server takes no addresses with octets above 127");
+        const bool isInternational =
+            isEightBit(one.sender) ||
+            std::ranges::any_of(one.recipients, [](const std::string& recipient) { return isEightBit(recipient); });
+        const bool takesInternational = m_smtp.offers("SMTPUTF8");
+        if (isInternational && !takesInternational)
+            refuse("the server takes no addresses with octets above 127");
+        const bool saysInternational = takesInternational && (isInternational || has(one.senderParameters, "SMTPUTF8"));
+        if (saysInternational)
             parameters += " SMTPUTF8";
+        // Who asked for it gets the mail back rather than without it (RFC 8689, 4.2.1).
+        if (has(one.senderParameters, "REQUIRETLS")) {
+            if (!m_smtp.offers("REQUIRETLS"))
+                refuse("the server does not take REQUIRETLS, which the sender asks for");
+            parameters += " REQUIRETLS";
         }
         const std::string from = "MAIL FROM:<" + written(one.sender) + '>';
-        require(from, m_smtp.command(from + parameters), 2);
+        const std::string asked = notices(one.senderParameters, {"RET", "ENVID"}, saysInternational);
+        require(from, m_smtp.command(from + parameters + asked), 2);
         for (const std::string& recipient : one.recipients) {
             const std::string command = "RCPT TO:<" + written(recipient) + '>';
-            require(command, m_smtp.command(command), 2);
+            const auto found = one.recipientParameters.find(recipient);
+            const std::string about = found == one.recipientParameters.end()
+                                          ? std::string()
+                                          : notices(found->second, {"NOTIFY", "ORCPT"}, saysInternational);
+            require(command, m_smtp.command(command + about), 2);
         }
+    }
+
+    /// What was asked for of delivery status notifications (RFC 3461), where the server knows them.
+    std::string notices(const std::vector<std::string>& parameters, const std::vector<std::string>& keywords,
+                        bool saysInternational) const {
+        std::string text;
+        for (const std::string& one : parameters) {
+            const bool isOne = std::ranges::any_of(keywords, [&](const std::string& word) { return is(one, word); });
+            if (isOne && m_smtp.offers("DSN") && (saysInternational || !isEightBit(one)))
+                text += ' ' + one;
+        }
+        return text;
     }
 
     const std::string& written(const std::string& address) const {

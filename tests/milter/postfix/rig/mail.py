@@ -26,18 +26,18 @@ def compose(sender, to, subject, body=b"Hello.\r\n", extra=()):
     return "\r\n".join(lines).encode() + b"\r\n\r\n" + body
 
 
-def send(port, sender, recipients, data, options=(), before=(), refused=None):
-    """Over SMTP, as bytes; raises Refused. `before` are commands that are sent first (XCLIENT); recipients that are refused end it
-    unless `refused`, a list, takes them."""
+def send(port, sender, recipients, data, options=(), before=(), refused=None, notices=()):
+    """Over SMTP, as bytes; raises Refused. `options` and `notices` are parameters of MAIL and of each RCPT, `before` commands that are
+    sent first (XCLIENT); recipients that are refused end it unless `refused`, a list, takes them."""
     if isinstance(recipients, str):
         recipients = [recipients]
     try:
-        return converse(port, sender, recipients, data, options, before, refused)
+        return converse(port, sender, recipients, data, options, before, refused, notices)
     except smtplib.SMTPConnectError as failure:
         raise Refused(failure.smtp_code, failure.smtp_error.decode(errors="replace")) from None
 
 
-def converse(port, sender, recipients, data, options, before, refused):
+def converse(port, sender, recipients, data, options, before, refused, notices):
     with smtplib.SMTP("127.0.0.1", port, local_hostname="client.example", timeout=120) as session:
         session.ehlo()
         for command in before:
@@ -49,7 +49,7 @@ def converse(port, sender, recipients, data, options, before, refused):
         if code != 250:
             raise Refused(code, text.decode(errors="replace"))
         for recipient in recipients:
-            code, text = session.rcpt(recipient)
+            code, text = session.rcpt(recipient, list(notices))
             if code == 550 and refused is not None:
                 refused.append(recipient)
             elif code != 250:

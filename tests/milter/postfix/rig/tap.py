@@ -8,10 +8,11 @@ import threading
 class Passed:
     """A message as it went over the wire, lines ending in CRLF, dots unstuffed."""
 
-    def __init__(self, sender, recipients, data):
+    def __init__(self, sender, recipients, data, commands):
         self.sender = sender
         self.recipients = recipients
         self.data = data
+        self.commands = commands  # MAIL and those RCPT that were taken, as they came
         self.reply = b""
 
 
@@ -44,7 +45,7 @@ class Tap:
 
     def relay(self, client, server):
         self.answer(client, server)
-        sender, recipients = b"", []
+        sender, recipients, commands = b"", [], []
         for line in iter(client.readline, b""):
             verb = line[:4].upper()
             server.write(line)
@@ -52,11 +53,12 @@ class Tap:
             reply = self.answer(client, server, ehlo=verb == b"EHLO")
             if reply.startswith(b"2"):
                 if verb == b"MAIL":
-                    sender, recipients = self.path(line), []
+                    sender, recipients, commands = self.path(line), [], [line.decode().strip()]
                 elif verb == b"RCPT":
                     recipients.append(self.path(line))
+                    commands.append(line.decode().strip())
             if verb == b"DATA" and reply.startswith(b"354"):
-                self.body(client, server, sender.decode(), [r.decode() for r in recipients])
+                self.body(client, server, Passed(sender.decode(), [r.decode() for r in recipients], b"", commands))
 
     @staticmethod
     def path(line):
@@ -78,7 +80,7 @@ class Tap:
         client.flush()
         return lines[-1]
 
-    def body(self, client, server, sender, recipients):
+    def body(self, client, server, passed):
         # The client waits for an answer behind the final dot, so that nothing comes after it.
         raw = bytearray()
         while not raw.endswith(b"\r\n.\r\n") and raw != b".\r\n":
@@ -86,7 +88,7 @@ class Tap:
             if not piece:
                 return
             raw += piece
-        passed = Passed(sender, recipients, re.sub(rb"(?m)^\.", b"", bytes(raw[:-3])))
+        passed.data = re.sub(rb"(?m)^\.", b"", bytes(raw[:-3]))
         if self.change:
             passed.data = self.change(passed)
             raw = re.sub(rb"(?m)^\.", b"..", passed.data) + b".\r\n"
