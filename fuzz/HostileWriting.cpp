@@ -62,6 +62,15 @@ Prepared addresses(std::size_t count) {
     return written(from + "To: b@b.example" + repeatedText(",\r\n \"" + character + "\" <b@b.example>", count) +
                    "\r\n\r\nbody");
 }
+Prepared noAddresses(const std::string& field, std::size_t count) {
+    return written(from + field + ": b@b.example" + repeatedText(",a", count) + "," + character + "\r\n\r\nbody");
+}
+Prepared noRecipients(std::size_t count) {
+    return noAddresses("To", count);
+}
+Prepared noRepliers(std::size_t count) {
+    return noAddresses("Reply-To", count);
+}
 Prepared domains(std::size_t count) {
     return written(from + "To: b@b.example" + repeatedText(",\r\n b@" + character + ".example", count) +
                    "\r\n\r\nbody");
@@ -93,6 +102,8 @@ std::vector<Case> hostileWriting() {
         {"the same, with a name of 71 octets", "octets", 50000, 1.2, longName},
         {"mail to encrypt, addresses", "addresses", 1000, 1.2, addresses},
         {"the same, beyond the limit", "addresses", 10000, 1.2, addresses},
+        {"mail to encrypt, words of To that are no addresses", "words", 10000, 1.2, noRecipients},
+        {"mail to encrypt, words of Reply-To that are no addresses", "words", 10000, 1.2, noRepliers},
         {"mail to encrypt, domains of another script", "domains", 1000, 1.2, domains},
         {"mail to encrypt, groups of addresses in one another", "groups", 20, 1.2, groups},
         {"the same, beyond the limit", "groups", 2000, 1.2, groups},

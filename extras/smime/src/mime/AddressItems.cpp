@@ -59,6 +59,7 @@ public:
     }
     /// What is quoted.
     void takeText(std::string_view text) { (m_part == Part::bare ? m_name : m_angle) += text; }
+    [[nodiscard]] bool hasText() const { return !comparable(m_name).empty() || !comparable(m_angle).empty(); }
     /// How many addresses it is; nothing when that is not clear.
     [[nodiscard]] std::optional<std::size_t> count() const {
         if (m_part == Part::angle || m_signs > 1)
@@ -77,8 +78,8 @@ private:
 
 } // namespace
 
-std::optional<std::size_t> countAddresses(std::string_view value) {
-    std::size_t count = 0;
+std::optional<AddressCount> countAddresses(std::string_view value) {
+    AddressCount count;
     Item item;
     bool isLiteral = false; // "[IPv6:::1]"
     for (std::size_t at = 0; at <= value.size(); ++at) {
@@ -97,7 +98,8 @@ std::optional<std::size_t> countAddresses(std::string_view value) {
             const std::optional<std::size_t> found = item.count();
             if (!found)
                 return std::nullopt;
-            count += *found;
+            count.addresses += *found;
+            count.others += *found == 0 && c != ':' && item.hasText() ? 1 : 0;
             item = Item();
         } else if (!item.take(c)) {
             return std::nullopt;

@@ -20,5 +20,7 @@ inline constexpr std::size_t maximumValue = 16384;
 inline constexpr std::size_t maximumAddresses = 100;
 /// Commas, semicolons, "<" and "@" in them: so many addresses have three each, and names may have some, too.
 inline constexpr std::size_t maximumSigns = 5 * maximumAddresses;
+/// Words between commas that are no addresses, for each of which GMime goes through all that is left of the value.
+inline constexpr std::size_t maximumOthers = 100;
 
 } // namespace Norvane::Crypto::SMime::mime

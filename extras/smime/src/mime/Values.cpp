@@ -287,8 +287,9 @@ Addresses addressesOf(const Header& header, std::string_view name) {
         }
         const GmimeObject<InternetAddressList> list(internet_address_list_parse(lenient().get(), value.c_str()));
         const std::size_t before = result.mailboxes.size();
-        if (!list || !collect(list.get(), value, result.mailboxes) ||
-            countAddresses(value) != result.mailboxes.size() - before)
+        const std::optional<AddressCount> count = countAddresses(value);
+        if (!list || !collect(list.get(), value, result.mailboxes) || !count ||
+            count->addresses != result.mailboxes.size() - before)
             result.isReadable = false;
     }
     return result;

@@ -1,7 +1,9 @@
 #include "write/Fields.h"
 
+#include "mime/AddressItems.h"
 #include "mime/Gmime.h"
 #include "mime/Header.h"
+#include "mime/Limits.h"
 #include "mime/Values.h"
 #include "write/Fail.h"
 #include "write/TextTraits.h"
@@ -9,6 +11,7 @@
 #include <norvcrypto-trust/TrustSender.h>
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 namespace Norvane::Crypto::SMime::writing {
@@ -96,6 +99,19 @@ bool saysAll(const std::string& field, const std::string& name, const std::strin
     return bare(decoded.get()) == bare(name + ':' + value);
 }
 
+/// Whether GMime may take a value for addresses: what that costs must not depend on who wrote it.
+bool canBeAddresses(const std::string& value) {
+    if (std::ranges::count(value, ':') > mostGroups) {
+        return false;
+    }
+    const auto separators = std::ranges::count_if(value, [](char byte) { return byte == ',' || byte == ';'; });
+    if (static_cast<std::size_t>(separators) < mime::maximumOthers) {
+        return true;
+    }
+    const std::optional<mime::AddressCount> count = mime::countAddresses(value);
+    return count && count->others <= mime::maximumOthers;
+}
+
 bool hasParameters(std::string_view name) {
     return mime::isSameName(name, "Content-Type") || mime::isSameName(name, "Content-Disposition");
 }
@@ -139,7 +155,7 @@ std::string encoded(const std::string& name, const std::string& value) {
     mime::startGmime();
     const std::string utf8 = asUtf8(value);
     std::string byKind;
-    if (hasParameters(name) || std::ranges::count(utf8, ':') <= mostGroups) {
+    if (hasParameters(name) || canBeAddresses(utf8)) {
         byKind = encodedByKind(name, utf8);
         if (!isSevenBit(byKind) || !allFit(byKind)) {
             byKind.clear();

@@ -2,6 +2,7 @@
 
 #include "mime/AddressItems.h"
 #include "mime/Gmime.h"
+#include "mime/Limits.h"
 #include "write/CertificateUse.h"
 #include "write/Fail.h"
 #include "write/Fields.h"
@@ -48,15 +49,16 @@ void addAddresses(const mime::Header& header, std::string_view name, std::vector
         }
         const bool isReadable = std::ranges::count(value, ':') <= mostColons && value.find('\0') == std::string::npos;
         // Nothing where it is not clear: of "a@b@c" GMime reads "a@b", and another reader might not.
-        const std::optional<std::size_t> count = isReadable ? mime::countAddresses(value) : std::nullopt;
-        const mime::GmimeObject<InternetAddressList> list = count ? parsed(value) : nullptr;
+        const std::optional<mime::AddressCount> count = isReadable ? mime::countAddresses(value) : std::nullopt;
+        const mime::GmimeObject<InternetAddressList> list =
+            count && count->others <= mime::maximumOthers ? parsed(value) : nullptr;
         const std::size_t before = addresses.size();
         const std::size_t othersBefore = others.size();
         if (list) {
             collect(list.get(), addresses, others);
         }
         // GMime leaves out what it cannot read, and nobody is to be left out in silence.
-        const bool isAll = list && count == addresses.size() - before;
+        const bool isAll = list && count->addresses == addresses.size() - before;
         if (!isAll && others.size() == othersBefore) {
             others.push_back(value.substr(0, 200));
         }

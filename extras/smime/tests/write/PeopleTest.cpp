@@ -210,6 +210,35 @@ TEST_F(SmimePeopleTest, TakesNoMoreGroupsThanTheStackHasRoomFor) {
                 HasSubstr("hp=\"clear\""));
 }
 
+/// For each of them GMime goes through all that is left of the field.
+TEST_F(SmimePeopleTest, TakesNoMoreWordsThatAreNoAddresses) {
+    const auto words = [](int count) {
+        std::string field = "To: bob@example.com";
+        for (int at = 0; at < count; ++at) {
+            field += ",a";
+        }
+        return field;
+    };
+    const std::string refusal = "To, Cc or Bcc of the message have what is no address: ";
+    EXPECT_EQ(refusalOf(words(100) + "\n" + m_body, {m_encrypting}), refusal + "a");
+    EXPECT_EQ(refusalOf(words(101) + "\n" + m_body, {m_encrypting}), refusal + words(101).substr(4, 200));
+    EXPECT_EQ(refusalOf(words(100000) + "\n" + m_body, {m_encrypting}), refusal + words(101).substr(4, 200));
+    // Names of groups are none of them, nor is what stands between two commas.
+    std::string many = "To: bob@example.com";
+    for (int at = 0; at < 200; ++at) {
+        many += ",, g:;";
+    }
+    decrypted(wrapped(many + "\n" + m_body, {m_encrypting}), person("bob"));
+    // Inside, where fields are encoded, too.
+    SMime::WriteOptions how;
+    how.protectHeader = true;
+    const auto inside = [&](const std::string& field) {
+        return wrapped(field + "\n" + m_body, {signedBy({&person("alice")})}, how);
+    };
+    EXPECT_THAT(inside(words(100000) + ",\xc3\xa4"), HasSubstr("hp=\"clear\""));
+    EXPECT_THAT(inside(words(101) + ",\xc3\xa4,c@d@e"), HasSubstr("hp=\"clear\""));
+}
+
 const Identity& late() {
     return person("late", {.key = norvauthority::Key::fromPem(norvtest::storedKeyPem("carol")),
                            .notBefore = norvauthority::Time::at(1767225600),  // 2026-01-01T00:00:00Z
