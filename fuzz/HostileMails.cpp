@@ -237,7 +237,8 @@ template <class Tell> Prepared callbacks(std::size_t octets, Tell tell) {
                 unsigned long steps = 0;
                 static_cast<void>(session.negotiate(&context, ~0UL, ~0UL, actions, steps));
                 static_cast<void>(session.connect(&context, nullptr));
-                static_cast<void>(session.sender(&context, "<a@a.example>"));
+                const char* const sender[] = {"<a@a.example>", nullptr};
+                static_cast<void>(session.sender(&context, sender));
                 tell(session, context);
                 static_cast<void>(session.endOfMessage(&context));
             }};
@@ -257,7 +258,9 @@ Prepared toldLongField(std::size_t octets) {
 Prepared toldRecipients(std::size_t count) {
     return callbacks(20 * count, [count](norvmilter::Session& session, smfi_str& context) {
         for (std::size_t i = 0; i < count; ++i) {
-            static_cast<void>(session.recipient(&context, ("<a" + std::to_string(i) + "@a.example>").c_str()));
+            const std::string path = "<a" + std::to_string(i) + "@a.example>";
+            const char* const recipient[] = {path.c_str(), "NOTIFY=NEVER", "ORCPT=rfc822;a@a.example", nullptr};
+            static_cast<void>(session.recipient(&context, recipient));
         }
     });
 }
