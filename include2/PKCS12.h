@@ -49,7 +49,7 @@ public:
     /// `rethrowStreamException()`, and this constructor throws its own.
     ///
     /// \throws Exception "Crypto::PKCS12::Store", line 23, OpenSSL's errors: the bytes are no PKCS#12 structure, the
-    /// BIO fails or is null
+    /// BIO fails or is null; "refused: ..." for a signed one whose certificates cost too much to decode
     explicit Store(bio_st* in);
     virtual ~Store();
     Store(const Store&) = delete;
