@@ -49,7 +49,7 @@ public:
     /// `rethrowStreamException()`, and this constructor throws its own.
     ///
     /// \throws Exception "Crypto::PKCS12::Store", line 23, OpenSSL's errors: the bytes are no PKCS#12 structure, the
-    /// BIO fails or is null
+    /// BIO fails or is null; "refused: ..." for a signed one whose certificates cost too much to decode
     explicit Store(bio_st* in);
     virtual ~Store();
     Store(const Store&) = delete;
@@ -79,7 +79,7 @@ public:
     ///
     /// How that is counted: an iteration of the MAC is one hash computation; one of PKCS#12's old schemes one for each
     /// block of the hash that the key and the IV fill, three for 3DES; one of PBKDF2 two for each block of the key; scrypt
-    /// takes four times the product of its numbers. Hashes other than SHA-1, SHA-2, MD4 and MD5 count eightfold. Key,
+    /// takes four times the product of its numbers, and four times that of the last two for each 64 octets of its salt. Hashes other than SHA-1, SHA-2, MD4 and MD5 count eightfold. Key,
     /// certificates and MAC with 1,000,000 iterations each come to 5,000,000 or 7,000,000, and 10,000,000 each under
     /// AES-256 and SHA-256 are just let through. A number of iterations below 1 or beyond 2^31 - 1 is refused too. Of
     /// several keys only the first is decrypted, and counts.

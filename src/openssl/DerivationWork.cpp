@@ -15,6 +15,9 @@ namespace {
 constexpr std::int64_t tooMany = INT64_MAX;
 constexpr std::int64_t hashesOfHmac = 2;
 constexpr std::int64_t coresOfScrypt = 4; // two passes of two cores each, for each of N * r * p blocks
+constexpr std::int64_t saltsOfScrypt =
+    4; // all of the salt is hashed for each 32 of the 128 * r * p octets that are filled
+constexpr std::int64_t octetsOfHash = 64; // of SHA-256, at a time
 constexpr std::int64_t slowHash = 8;
 
 /// A number that OpenSSL takes as it stands, or one beyond the bound.
@@ -117,8 +120,10 @@ void DerivationWork::addDerivation(const X509_ALGOR& function, std::int64_t keyL
     } else if (nid == NID_id_scrypt) {
         if (const auto with =
                 parametersOf<SCRYPT_PARAMS, SCRYPT_PARAMS_free>(function, ASN1_ITEM_rptr(SCRYPT_PARAMS))) {
-            add(product(valueOf(with->costParameter), valueOf(with->blockSize)),
-                product(valueOf(with->parallelizationParameter), coresOfScrypt));
+            const std::int64_t cost = valueOf(with->costParameter);
+            const std::int64_t blocks = product(valueOf(with->blockSize), valueOf(with->parallelizationParameter));
+            add(product(cost, blocks), coresOfScrypt);
+            add(product(blocks, saltsOfScrypt), ASN1_STRING_length(with->salt) / octetsOfHash);
         }
     }
 }

@@ -18,7 +18,7 @@ inline constexpr std::int64_t mostHashes = 50'000'000;
 
 /// Adds up the hash computations of all that is derived from one password, before it is derived. An iteration counts
 /// for each block of the hash that the key and the IV fill; the HMAC of PBKDF2 is two. Hashes that take several times as
-/// long as SHA-1 and SHA-2 count eightfold, and scrypt counts the Salsa20 cores that it runs. A number of iterations that
+/// long as SHA-1 and SHA-2 count eightfold; scrypt counts the Salsa20 cores that it runs, and how often it hashes its salt. A number of iterations that
 /// is below 1 or beyond 2^31 - 1, which OpenSSL would truncate, is beyond the bound.
 ///
 /// What OpenSSL refuses before it derives anything counts nothing. The error queue stays as it is.

@@ -29,10 +29,10 @@ using BagsPtr = Owned<STACK_OF(PKCS12_SAFEBAG), freeBags>;
 using SafesPtr = Owned<STACK_OF(PKCS7), freeSafes>;
 using InfoPtr = Owned<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 
-/// The refusal of the certificate in a bag, whose encoding OpenSSL hands out with the whole bag only.
-Refusal refusalOfCertificate(const PKCS12_SAFEBAG* bag) {
+/// The refusal of what is in the first octet string of a structure, which OpenSSL hands out with all of the structure only.
+template <auto Encode, class Structure> Refusal refusalOfContent(const Structure* structure) {
     unsigned char* encoded = nullptr;
-    const int length = i2d_PKCS12_SAFEBAG(bag, &encoded);
+    const int length = Encode(structure, &encoded);
     const OwnedMemory<unsigned char> bytes(encoded);
     if (length <= 0) {
         return Refusal::none;
@@ -75,6 +75,10 @@ public:
     Opener(const char* password, DerivationWork& work) noexcept : m_password(password), m_work(work) {}
 
     bool open(const PKCS12_st* structure) {
+        // Among the parts may be signed ones, whose certificates are decoded with them although nobody asks for them.
+        if (const Refusal refusal = refusalOfContent<i2d_PKCS12>(structure); refusal != Refusal::none) {
+            return refuseCertificate(refusal);
+        }
         const SafesPtr safes(PKCS12_unpack_authsafes(structure));
         for (int i = 0; i < sk_PKCS7_num(safes.get()); ++i) {
             if (!openSafe(sk_PKCS7_value(safes.get(), i))) {
@@ -103,6 +107,10 @@ private:
     bool refuse(std::string why) {
         m_refusal = std::move(why);
         return false;
+    }
+
+    bool refuseCertificate(Refusal refusal) {
+        return refuse(std::string("In the PKCS#12 structure, a certificate is ") + textOf(refusal));
     }
 
     /// Whether what the algorithm derives from the password is affordable beside all that was.
@@ -182,12 +190,12 @@ private:
     }
 
     bool takeCertificate(const PKCS12_SAFEBAG* bag, const ASN1_STRING* name, const ASN1_STRING* identifier) {
-        Refusal refusal = refusalOfCertificate(bag);
+        Refusal refusal = refusalOfContent<i2d_PKCS12_SAFEBAG>(bag);
         if (m_certificates.size() == mostPublicKeys) {
             refusal = Refusal::tooManyPublicKeys;
         }
         if (refusal != Refusal::none) {
-            return refuse(std::string("In the PKCS#12 structure, a certificate is ") + textOf(refusal));
+            return refuseCertificate(refusal);
         }
         CertificatePtr certificate(PKCS12_SAFEBAG_get1_cert(bag));
         if (!certificate || !label(certificate.get(), name, identifier)) {
@@ -207,7 +215,7 @@ private:
 } // namespace
 
 Pkcs12Ptr decodePkcs12(BIO* source) noexcept {
-    return decodeFrom<Pkcs12Ptr, d2i_PKCS12_bio>(source, "d2i_PKCS12_bio");
+    return decodeAcceptedFrom<Pkcs12Ptr, d2i_PKCS12>(source, "d2i_PKCS12_bio");
 }
 
 void addMac(const PKCS12_st* structure, DerivationWork& work) noexcept {

@@ -42,10 +42,29 @@ Bytes certificateBag(const Bytes& certificate, const std::vector<Bytes>& attribu
 Bytes shroudedBag(const Bytes& pkcs8) {
     return bag("1.2.840.113549.1.12.10.1.2", encryptedPkcs8(pkcs8));
 }
-/// In clear, with a MAC under "secret".
+/// A part of a file (RFC 7292, 4.1), in clear.
+Bytes part(const std::vector<Bytes>& bags) {
+    return norvauthority::contentInfo(dataType, octetString(sequence(bags)));
+}
+/// Signed data without signers (RFC 5652, 5.1): no part that is read, whatever certificates are in it.
+Bytes signedPart(const std::vector<Bytes>& certificates) {
+    const Bytes type{0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x02};
+    std::vector<Bytes> parts{integer("1"), norvauthority::der::set({}), sequence({rawOid(dataType)})};
+    Bytes all;
+    for (const Bytes& one : certificates) {
+        all.insert(all.end(), one.begin(), one.end());
+    }
+    parts.push_back(element(contextConstructed(0), all));
+    parts.push_back(norvauthority::der::set({}));
+    return norvauthority::contentInfo(type, sequence(parts));
+}
+/// With a MAC under "secret".
+Bytes pfxOf(const std::vector<Bytes>& parts) {
+    return withMac(sequence({integer("3"), norvauthority::contentInfo(dataType, octetString(sequence(parts)))}),
+                   "secret");
+}
 Bytes pfx(const std::vector<Bytes>& bags) {
-    const Bytes safes = sequence({norvauthority::contentInfo(dataType, octetString(sequence(bags)))});
-    return withMac(sequence({integer("3"), norvauthority::contentInfo(dataType, octetString(safes))}), "secret");
+    return pfxOf({part(bags)});
 }
 
 Bytes dsa(std::size_t modulusBytes) {
@@ -119,6 +138,23 @@ TEST_F(Pkcs12Costs, CertificatesAreLimitedInNumber) {
     expectRead(pfx(bags));
     bags.push_back(certificateBag(holder().certificate.der));
     expectRefused(pfx(bags), "a certificate is refused: more than 2500 public keys in one structure");
+}
+
+/// OpenSSL decodes the certificates of signed parts with the file, before there was a password, or with the other parts.
+TEST_F(Pkcs12Costs, CertificatesOfSignedPartsAreNotDecodedEither) {
+    const Bytes costly = certificateOnASpelledOutCurve();
+    const auto thrown = thrownBy([&] { storeOf(sequence({integer("3"), signedPart({costly})})); });
+    expectFailure(thrown, "Crypto::PKCS12::Store", 4, "PKCS12");
+    EXPECT_NE(detailOf(thrown).find("refused: explicit elliptic curve parameters"), std::string::npos)
+        << detailOf(thrown);
+    EXPECT_TRUE(errorQueueIsEmpty());
+    const Bytes key = part({keyBag(holder().key.pkcs8())});
+    expectRefused(pfxOf({key, signedPart({costly})}), "a certificate is refused: explicit elliptic curve parameters");
+    std::vector<Bytes> many(2500, holder().certificate.der);
+    expectRead(pfxOf({key, signedPart(many)}));
+    many.push_back(holder().certificate.der);
+    expectRefused(pfxOf({key, signedPart(many)}),
+                  "a certificate is refused: more than 2500 public keys in one structure");
 }
 
 // The same as what OpenSSL finds.

@@ -129,8 +129,9 @@ enum class ReasonCode : int {
 
     // the judging itself
     tooManyCertificates = 90, ///< a note: the message has more than `maximumCandidates`; the others were not looked at
-    tooMuchWork = 91, ///< names and constraints that would take minutes to compare; not everything was looked at
-    other = 99,       ///< OpenSSL's own reason, in its words
+    tooMuchWork =
+        91,     ///< names, constraints or policies that would take minutes to compare; not everything was looked at
+    other = 99, ///< OpenSSL's own reason, in its words
 };
 
 /// "certificate-expired". For a number that is none of the above, "other".

@@ -170,6 +170,9 @@ Effort effortOf(STACK_OF(X509) * chain) {
         std::size_t subject = 0;
         static_cast<void>(X509_NAME_get0_der(X509_get_subject_name(one), nullptr, &subject));
         nameOctets += octetsOf(alternative) + subject;
+        const std::uint64_t policies =
+            elementsOf(extensionOf(one, NID_certificate_policies)) + elementsOf(extensionOf(one, NID_policy_mappings));
+        work.policies += policies * policies;
     }
     return work;
 }

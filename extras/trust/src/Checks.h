@@ -45,11 +45,14 @@ struct Effort {
     std::uint64_t keys = 0;   ///< signatures, in the unit of `CMS::maximumKeyWork`
     std::uint64_t pairs = 0;  ///< of a name and a constraint that are compared
     std::uint64_t octets = 0; ///< that these comparisons may read
+    std::uint64_t policies =
+        0; ///< for each policy and mapping of a certificate its others: OpenSSL sorts them anew each time
 
     Effort& operator+=(const Effort& other) noexcept {
         keys += other.keys;
         pairs += other.pairs;
         octets += other.octets;
+        policies += other.policies;
         return *this;
     }
 };

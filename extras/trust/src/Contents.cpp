@@ -168,13 +168,25 @@ void addPem(const Buffer& text, FileContents& contents) {
     }
 }
 
+/// The text in front of PEM may begin with "0", as DER does, which has more than letters in front of what may look like PEM in it.
+bool isDer(const Buffer& bytes) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.length());
+    if (!text.starts_with('0')) {
+        return false;
+    }
+    const auto block = text.find("\n-----BEGIN ");
+    const auto isOfText = [](char one) {
+        return (one >= ' ' && one <= '~') || one == '\t' || one == '\r' || one == '\n';
+    };
+    return block == std::string_view::npos || !std::all_of(text.begin(), text.begin() + block, isOfText);
+}
+
 } // namespace
 
 FileContents contentsOf(const Buffer& bytes) {
     const QuietQuestion quiet;
     FileContents contents;
-    constexpr unsigned char sequence = 0x30; // "0" is no letter that PEM begins with
-    if (bytes.length() > 0 && bytes.data()[0] == sequence) {
+    if (isDer(bytes)) {
         addEncoded(bytes, "", contents);
         if (contents.problems.empty() && goesOn(bytes)) {
             contents.problems.emplace_back(

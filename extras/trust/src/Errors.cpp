@@ -314,6 +314,7 @@ void Judgement::signatureFailed(unsigned int depth, X509* about) {
 bool Judgement::affordable(X509_STORE_CTX* context) {
     constexpr std::uint64_t mostPairs = 1U << 18U;
     constexpr std::uint64_t mostOctets = 1U << 26U;
+    constexpr std::uint64_t mostPolicies = 1U << 22U; // 2048 of one certificate
     Effort chain = effortOf(X509_STORE_CTX_get0_chain(context));
     if (m_request.options.revocation != Revocation::none) {
         chain.keys *= 2; // once before lists are looked at
@@ -322,6 +323,11 @@ bool Judgement::affordable(X509_STORE_CTX* context) {
     if (m_effort.pairs > mostPairs || m_effort.octets > mostOctets) {
         reason(Code::tooMuchWork, 0, m_request.certificate,
                {"", "", "", "the names of the chain and the constraints on them are too many to compare", ""});
+        return false;
+    }
+    if (m_effort.policies > mostPolicies) {
+        reason(Code::tooMuchWork, 0, m_request.certificate,
+               {"", "", "", "the policies of the chain are too many to compare", ""});
         return false;
     }
     if (m_effort.keys > maximumVerdictWork) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <tuple>
+#include <unordered_map>
 
 namespace Norvane::Crypto::Trust::detail {
 
@@ -237,6 +239,7 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
             fit.push_back(list);
         }
     }
+    putDeltasInOrder(fit, certificate, issuer);
     const auto revoked = revokedSince(fit, certificate, issuer);
     for (X509_CRL* list : fit) {
         const auto begin = beginOf(list);
@@ -264,6 +267,29 @@ std::optional<std::time_t> Lists::revokedSince(const std::vector<X509_CRL*>& lis
         }
     }
     return since;
+}
+
+void Lists::putDeltasInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer) {
+    const auto deltas = std::stable_partition(lists.begin(), lists.end(), isComplete);
+    if (lists.end() - deltas < 2) {
+        return;
+    }
+    std::vector<std::tuple<bool, bool, std::time_t>> ranks; // the greatest goes first
+    std::unordered_map<const X509_CRL*, std::size_t> rankOf;
+    for (auto at = deltas; at != lists.end(); ++at) {
+        X509_CRL* const list = *at;
+        if (rankOf.emplace(list, ranks.size()).second) {
+            const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
+            X509_REVOKED* entry = nullptr;
+            const bool counts =
+                !isPassedOver(list, m_at) ||
+                (X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer));
+            ranks.emplace_back(begin <= m_at, counts, begin);
+        }
+    }
+    std::stable_sort(deltas, lists.end(), [&](const X509_CRL* one, const X509_CRL* other) {
+        return ranks[rankOf.at(one)] > ranks[rankOf.at(other)];
+    });
 }
 
 X509_CRL* Lists::withoutSigner(const X509* certificate, const std::vector<X509*>& candidates) const {

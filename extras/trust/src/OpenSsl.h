@@ -22,6 +22,7 @@ namespace Norvane::Crypto::Trust::detail {
 struct Freeing {
     void operator()(AUTHORITY_KEYID* key) const noexcept { AUTHORITY_KEYID_free(key); }
     void operator()(BIO* bio) const noexcept { BIO_free(bio); }
+    void operator()(X509_OBJECT* object) const noexcept { X509_OBJECT_free(object); }
     void operator()(X509_STORE* store) const noexcept { X509_STORE_free(store); }
     void operator()(X509_STORE_CTX* context) const noexcept { X509_STORE_CTX_free(context); }
     /// The certificates belong to their handles.

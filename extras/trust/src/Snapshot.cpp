@@ -30,6 +30,17 @@ void putInOrder(X509_CRL* list) {
     static_cast<void>(X509_CRL_get0_by_serial(list, &found, made(ASN1_INTEGER_new()).get()));
 }
 
+/// Puts an anchor into a store that nobody uses yet, to be put in order with the others: OpenSSL's own function looks whether it is
+/// there already, for which it sorts all of them each time.
+void addAnchor(X509_STORE* store, X509* anchor) {
+    auto object = made(X509_OBJECT_new());
+    if (X509_OBJECT_set1_X509(object.get(), anchor) != 1 ||
+        sk_X509_OBJECT_push(X509_STORE_get0_objects(store), object.get()) <= 0) {
+        throw std::bad_alloc();
+    }
+    static_cast<void>(object.release());
+}
+
 } // namespace
 
 Snapshot::Snapshot(const std::vector<Source>& sources) : number(nextNumber()), store(made(X509_STORE_new())) {
@@ -55,6 +66,7 @@ Snapshot::Snapshot(const std::vector<Source>& sources) : number(nextNumber()), s
             }
         }
     }
+    sk_X509_OBJECT_sort(X509_STORE_get0_objects(store.get()));
     bySubject.sort();
     byIssuer.sort();
     Judgement::prepare(store.get());
@@ -82,9 +94,7 @@ void Snapshot::addFile(Kind kind, const ReadFile& file, Known& known) {
         X509* const raw = certificate;
         const Fingerprint print = fingerprintOf(raw);
         if (kind == Kind::anchors && known.anchors.insert(print).second) {
-            if (X509_STORE_add_cert(store.get(), raw) != 1) {
-                throw std::bad_alloc();
-            }
+            addAnchor(store.get(), raw);
             anchors.push_back(certificate);
             anchorSet.insert(raw);
         } else if (kind == Kind::untrusted && known.anchors.count(print) == 0 && known.untrusted.insert(print).second) {

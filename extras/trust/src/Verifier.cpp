@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <new>
+#include <unordered_set>
 #include <utility>
 
 namespace Norvane::Crypto::Trust {
@@ -112,20 +113,27 @@ detail::Question questionOf(const Snapshot& snapshot, const RefCertificate& cert
     return {snapshot.number, key.print()};
 }
 
-/// About what a verdict keeps from being freed: what the snapshot holds goes with it.
+/// About what a verdict keeps from being freed: what the snapshot holds goes with it. Reasons may be about certificates that are not
+/// in the chain, of any size.
 std::size_t sizeOf(const Verdict& verdict, const Snapshot& snapshot) {
-    constexpr int octetsDecoded = 8; // about what OpenSSL and the handle take for each octet of an encoding
+    constexpr std::size_t octetsDecoded = 8; // about what OpenSSL and the handle take for each octet of an encoding
     std::size_t size = sizeof(Verdict);
-    const auto encoded = [&size](int length) { size += static_cast<std::size_t>(std::max(length, 0) * octetsDecoded); };
+    std::unordered_set<const X509*> counted;
+    const auto encoded = [&size](int length) { size += static_cast<std::size_t>(std::max(length, 0)) * octetsDecoded; };
+    const auto count = [&](const X509* certificate) {
+        if (snapshot.certificateOf.count(certificate) == 0 && counted.insert(certificate).second) {
+            encoded(i2d_X509(certificate, nullptr));
+        }
+    };
     for (const auto* reasons : {&verdict.reasons, &verdict.notes}) {
         for (const Reason& one : *reasons) {
             size += sizeof(Reason) + one.text.size() + one.advice.size();
+            count(one.certificate);
         }
     }
     for (const Link& link : verdict.links) {
-        const X509* const certificate = link.certificate;
         size += sizeof(Link);
-        encoded(snapshot.certificateOf.count(certificate) > 0 ? 0 : i2d_X509(certificate, nullptr));
+        count(link.certificate);
         for (const X509_CRL* const list : link.lists) {
             encoded(snapshot.listOf.count(list) > 0 ? 0 : i2d_X509_CRL(list, nullptr));
         }

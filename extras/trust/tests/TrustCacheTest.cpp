@@ -211,6 +211,34 @@ TEST_F(TrustCache, WhatAVerdictKeepsFromBeingFreedIsCounted) {
     EXPECT_EQ(withLists, std::pair(plain + decoded * ofMiddle.der.size(), std::size_t{0}));
 }
 
+/// A certificate of the message that a reason is about need not be in the chain, and its sender chooses how large it is.
+TEST_F(TrustCache, CertificatesThatReasonsAreAboutAreCounted) {
+    constexpr std::size_t decoded = 8;
+    Identity large = authority("Middle", 1, &m_root, {.extensions = {{"1.2.3.4", norvauthority::Bytes(100000, 5)}}});
+    const auto curve = norvauthority::der::oid("1.2.840.10045.3.1.7");
+    auto& der = large.certificate.der;
+    const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
+    ASSERT_NE(at, der.end());
+    *(at + static_cast<std::ptrdiff_t>(curve.size()) - 1) = 0x7F; // no curve: a key that does not decode
+    m_certificates = {read(large)};
+    CacheLimits limits;
+    limits.bytes = 10 * decoded * der.size();
+    const Verifier verifier(m_material, {}, limits);
+    for (int i = 0; i < 20; ++i) {
+        const Identity anna = user(m_middle, {.serial = std::to_string(1000 + i)});
+        const Verdict verdict = verifier.judge(read(anna), m_certificates, {}, m_options);
+        ASSERT_EQ(shown(verdict), "refused issuer-key-unusable 1");
+        ASSERT_EQ(verdict.links.size(), 1U);
+        if (i == 0) {
+            const Reason& reason = verdict.reasons[0];
+            EXPECT_EQ(verifier.cacheCounts().bytes, sizeof(Verdict) + sizeof(Link) + sizeof(Reason) +
+                                                        reason.text.size() + reason.advice.size() +
+                                                        decoded * (anna.certificate.der.size() + der.size()));
+        }
+        EXPECT_EQ(verifier.cacheCounts().entries, static_cast<std::size_t>(std::min(i + 1, 9)));
+    }
+}
+
 TEST_F(TrustCache, ListsOfTheMessageAreAPartOfTheQuestion) {
     const Verifier verifier(m_material);
     const Identity anna = user(m_middle);

@@ -274,6 +274,24 @@ TEST_F(TrustMaterial, FilesOfNoneOrOneOctet) {
                                                  "c: holds no certificate and no revocation list"));
 }
 
+/// "0" is the first octet of DER.
+TEST_F(TrustMaterial, TextInFrontOfPemMayBeginWithANumber) {
+    const std::string pem = m_root.certificate.pem();
+    m_folder.write("a.pem", "0001 Our root\r\n\tof 2026 ~\n" + pem);
+    m_material.addAnchors(m_folder.path());
+    EXPECT_EQ(counts(), "1 0 0");
+    EXPECT_TRUE(problems().empty());
+    // What stands in an object of another kind is nobody's anchor.
+    m_folder.write("b.der", std::string("0\x82\x10\x00\x04\x82\x0F\xFC\n", 9) + pem);
+    m_folder.write("c.der", "0\x7F\n" + pem);
+    m_folder.write("d.der", "0\x1F\n" + pem);
+    m_folder.write("e.der", "0 " + pem);
+    Material other;
+    other.addAnchors(m_folder.path());
+    EXPECT_EQ(other.counts().anchors, 1U);
+    EXPECT_EQ(other.problems().size(), 4U);
+}
+
 TEST_F(TrustMaterial, BehindADamagedBlockReadingGoesOn) {
     m_folder.write("a.pem",
                    "-----BEGIN CERTIFICATE-----\nMA!!\n-----END CERTIFICATE-----\n" + m_root.certificate.pem());

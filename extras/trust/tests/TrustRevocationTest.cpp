@@ -414,6 +414,51 @@ TEST_F(TrustRevocation, DeltaListsAddAndTakeAway) {
     EXPECT_EQ(shown(back.judge(anna)), "accepted ");
 }
 
+/// RFC 5280, 5.2.4: each has all that changed since its base, so that a later one has more. OpenSSL takes the first that it is given.
+TEST_F(TrustRevocation, OfSeveralDeltaListsTheNewestIsUsed) {
+    const auto numbered = [&](const char* number, const char* base, long issuedAt, bool revokes,
+                              long until = 7 * day) -> norvauthority::Crl {
+        CrlRequest request{.thisUpdate = Time::fromNow(issuedAt), .nextUpdate = Time::fromNow(until)};
+        request.crlNumber = number;
+        if (base != nullptr) {
+            request.deltaBase = base;
+        } else {
+            request.freshest = {point("http://lists.example.org/delta.crl")};
+        }
+        if (revokes) {
+            request.revoked = {{.serial = "a1"}};
+        }
+        return list(m_middle, request);
+    };
+    const auto judged = [&](const std::vector<norvauthority::Crl>& known,
+                            const std::vector<norvauthority::Crl>& inMessage = {}) {
+        Case one = with(Revocation::required);
+        one.known(list(m_root)).known(numbered("5", nullptr, -4 * day, false));
+        for (const auto& each : known) {
+            one.known(each);
+        }
+        for (const auto& each : inMessage) {
+            one.lists.push_back(read(each));
+        }
+        return shown(one.judge(m_anna));
+    };
+    const auto old = numbered("6", "5", -3 * day, false);
+    const auto revoking = numbered("7", "5", -2 * day, true);
+    for (const auto& known : {std::vector{old, revoking}, std::vector{revoking, old}}) {
+        EXPECT_EQ(judged(known), "refused revoked 0");
+    }
+    EXPECT_EQ(judged({old}, {revoking}), "refused revoked 0");
+    EXPECT_EQ(judged({revoking}, {old}), "refused revoked 0");
+    const auto taken = numbered("8", "5", -day, false);
+    EXPECT_EQ(judged({revoking, taken}), "accepted ") << "what was revoked by mistake and is so no more";
+    // One of another base does not go with it, and one that is to come not yet.
+    EXPECT_EQ(judged({numbered("9", "8", -60, false), old, revoking}), "refused revoked 0");
+    EXPECT_EQ(judged({numbered("9", "5", 60, false), revoking}), "refused revoked 0");
+    // One that is over gives way to an older one, unless it revokes.
+    EXPECT_EQ(judged({numbered("9", "5", -day, false, -60), old}), "accepted ");
+    EXPECT_EQ(judged({numbered("9", "5", -day, true, -60), old}), "refused revoked 0");
+}
+
 TEST_F(TrustRevocation, ListsOfACacheAreFoundByWhereTheyAreDistributed) {
     const norvtest::TemporaryFolder folder;
     const auto cached = list(m_middle);

@@ -63,9 +63,9 @@ Bytes pbes2(const Bytes& derivation) {
     return sequence({oid("1.2.840.113549.1.5.13"),
                      sequence({derivation, sequence({oid("2.16.840.1.101.3.4.1.42"), octetString(Bytes(16))})})});
 }
-Bytes scrypt(const char* cost, const char* blocks, const char* parallel) {
+Bytes scrypt(const char* cost, const char* blocks, const char* parallel, const Bytes& salt = bytes("salt")) {
     return sequence({oid("1.3.6.1.4.1.11591.4.11"),
-                     sequence({octetString(bytes("salt")), integer(cost), integer(blocks), integer(parallel)})});
+                     sequence({octetString(salt), integer(cost), integer(blocks), integer(parallel)})});
 }
 
 /// A key bag, encrypted with that algorithm.
@@ -232,6 +232,14 @@ TEST_F(Pkcs12Work, ScryptCountsItsCores) {
           scrypt("7fffffff", "7fffffff", "7fffffff"), scrypt("ffffffffffffffffffff", "ffffffffffffffffffff", "1")}) {
         expectRefused(pfx({open({keyBag(pbes2(derivation))})}));
     }
+}
+
+TEST_F(Pkcs12Work, ScryptHashesALongSaltAllOverAgain) {
+    // 260,000 of p are 1,040,000 times the salt, of 32 blocks here: 33,280,000 hashes. With 64 KiB it took 40 seconds.
+    const auto salted = [](std::size_t length) { return keyBag(pbes2(scrypt("2", "1", "3f7a0", Bytes(length, 's')))); };
+    expectRefused(pfx({open({salted(64 * 64)})}));
+    expectRefused(pfx({open({salted(std::size_t{64} << 10U)})}));
+    expectTried(pfx({open({salted(32 * 64)})}));
 }
 
 TEST_F(Pkcs12Work, ScryptIsGivenNoMoreMemoryThanOpenSslAllows) {

@@ -41,9 +41,9 @@ Bytes pbkdf2(std::int64_t iterations, const std::string& function = {}) {
 }
 
 /// scrypt-params (RFC 7914, 7.1).
-Bytes scrypt(std::int64_t cost, std::int64_t block, std::int64_t parallel) {
+Bytes scrypt(std::int64_t cost, std::int64_t block, std::int64_t parallel, std::size_t salt = 8) {
     return algorithm("id-scrypt",
-                     der::sequence({der::octetString(Bytes(8, 1)), number(cost), number(block), number(parallel)}));
+                     der::sequence({der::octetString(Bytes(salt, 1)), number(cost), number(block), number(parallel)}));
 }
 
 Bytes pbes2(const Bytes& function, const std::string& cipher) {
@@ -171,6 +171,21 @@ TEST(DerivationWork, ScryptCountsItsCores) {
     EXPECT_TRUE(isAffordable(pbes2(scrypt(100, 100, 1250), "AES-128-CBC")));
     EXPECT_FALSE(isAffordable(pbes2(scrypt(100, 100, 1251), "AES-128-CBC")));
     EXPECT_FALSE(isAffordable(pbes2(scrypt(1 << 30, 1 << 30, 1 << 30), "AES-128-CBC")));
+}
+
+// RFC 7914, 6: PBKDF2 hashes the salt for each 32 of p times 128r octets, by SHA-256, which takes 64 at a time.
+TEST(DerivationWork, ScryptCountsHowOftenItHashesItsSalt) {
+    constexpr std::size_t blocks = 20; // of the salt; so that the cores, 8rp, and these, 80rp, are 88rp
+    constexpr std::int64_t fits = most / 88;
+    EXPECT_TRUE(isAffordable(pbes2(scrypt(2, 1, fits, 64 * blocks), "AES-128-CBC")));
+    EXPECT_FALSE(isAffordable(pbes2(scrypt(2, 1, fits + 1, 64 * blocks), "AES-128-CBC")));
+    EXPECT_TRUE(isAffordable(pbes2(scrypt(2, fits, 1, 64 * blocks), "AES-128-CBC")));
+    EXPECT_FALSE(isAffordable(pbes2(scrypt(2, fits + 1, 1, 64 * blocks), "AES-128-CBC")));
+    EXPECT_TRUE(isAffordable(pbes2(scrypt(2, 1, fits + 1, 64 * blocks - 1), "AES-128-CBC")));
+    // What 32 MiB of memory allow, with a salt of 1 MiB: a million times 16,384 hashes.
+    EXPECT_FALSE(isAffordable(pbes2(scrypt(2, 1, 260000, std::size_t{1} << 20U), "AES-128-CBC")));
+    EXPECT_TRUE(isAffordable(pbes2(scrypt(16384, 8, 1, 1024), "AES-128-CBC")))
+        << "as programs write it, and a long salt";
 }
 
 // RFC 7292, B.2: the blocks of the key and those of the initialisation vector.

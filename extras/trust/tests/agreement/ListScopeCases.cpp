@@ -185,6 +185,8 @@ std::vector<Case> deltas() {
                           const std::string& since) {
         return listOf(middle(), {.revoked = entries, .crlNumber = number, .deltaBase = since});
     };
+    const auto earlier =
+        listOf(middle(), {.thisUpdate = ago(day), .crlNumber = "6", .deltaBase = "5"}); // before it was revoked
     const Identity impostor{Key::ec(), {}, middle().name, "66", middle().keyIdentifier};
     return {
         required("DeltaList", alice, {base({}), delta({}, "6", "5")}),
@@ -198,6 +200,10 @@ std::vector<Case> deltas() {
         required("DeltaListAlone", alice, {delta({}, "6", "5")}, {{3, 0}}, {{Code::listMissing, 0}}),
         required("DeltaListAloneRevokes", alice, {delta({revoked(alice)}, "6", "5")}, {{3, 0}},
                  {{Code::listMissing, 0}}),
+        required("TwoDeltaListsTheNewerOneFirst", alice, {base({}), delta({revoked(alice)}, "7", "5"), earlier},
+                 {{23, 0}}, {{Code::revoked, 0}}),
+        required("TwoDeltaListsTheNewerOneLast", alice, {base({}), earlier, delta({revoked(alice)}, "7", "5")}, {},
+                 {{Code::revoked, 0}}),
         required("DeltaListForged", alice,
                  {base({}), listOf(impostor, {.revoked = {revoked(alice)}, .crlNumber = "6", .deltaBase = "5"})},
                  {{8, 0}}, {{Code::listSignatureWrong, 0}}),

@@ -169,6 +169,27 @@ TEST_F(TrustWork, ThousandsOfIssuersOfOneName) {
     EXPECT_TRUE(one.judge(anna).mentions(Code::tooManyCertificates));
 }
 
+/// Sorted once for OpenSSL and once here, not for each that is added.
+TEST_F(TrustWork, HundredsOfAnchors) {
+    constexpr int many = 500;
+    Case one;
+    std::vector<Identity> anchors;
+    for (int i = 0; i < many; ++i) {
+        anchors.push_back(authority("Anchor " + std::to_string(i), 0));
+        one.anchor(anchors.back());
+    }
+    one.anchor(anchors.front());
+    s_names = 0;
+    EXPECT_EQ(one.material->counts().anchors, static_cast<std::size_t>(many));
+    EXPECT_GT(s_names, many);
+    EXPECT_LE(s_names, 2 * 9 * many) << "2^9 are more";
+    s_names = 0;
+    for (const std::size_t which : {0U, 250U, 499U}) {
+        EXPECT_EQ(shown(one.judge(user(anchors[which]))), "accepted ");
+    }
+    EXPECT_LE(s_names, 3 * 500);
+}
+
 TEST_F(TrustWork, WhatOpenSslRefusesInSilenceIsRefused) {
     const Identity anna = user(m_middle);
     for (const auto& [answer, error] :
