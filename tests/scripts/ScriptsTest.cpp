@@ -7,10 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 using namespace interop;
 namespace fs = std::filesystem;
@@ -22,6 +25,18 @@ const fs::path scripts = fs::path(norvtest::sourceDirectory) / "scripts";
 std::string textOf(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Whether a process is there, a second after it should have ended. One that has and that nobody asks for is none.
+bool isRunning(const std::string& process) {
+    for (int round = 0; round != 20; ++round) {
+        const std::string status = textOf("/proc/" + process + "/stat");
+        if (status.empty() || status.find(") Z ") != std::string::npos) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
 }
 
 class ScriptsTest : public testing::Test {
@@ -119,6 +134,33 @@ TEST_F(ScriptsTest, PackagesAreMadeOfWhatIsInTheCheckout) {
     EXPECT_EQ("./kept\n./link\n./not committed\n" + fs::canonical(checkout).string() + "/build/packages/any.deb\n",
               answer.out);
     EXPECT_EQ("", answer.err);
+}
+
+TEST_F(ScriptsTest, FaultsEndWithTheirScript) {
+    const std::string checkout = m_folder.path("check out");
+    fs::create_directories(checkout + "/scripts");
+    fs::create_directories(checkout + "/build/asan/bin");
+    for (const char* name : {"faults", "common.sh"}) {
+        fs::copy_file(scripts / name, checkout + "/scripts/" + name);
+    }
+    standIn("cmake", "exit 0");
+    for (const char* name : {"FaultsOfMessagesTest", "FaultsOfStoresTest"}) {
+        const std::string program =
+            m_folder.write(std::string("check out/build/asan/bin/") + name,
+                           std::string("#!/bin/sh\necho $$ >>../elsewhere/running\nexec sleep 60\n"));
+        fs::permissions(program, fs::perms::owner_all);
+    }
+    for (const char* signal : {"INT", "TERM"}) {
+        m_folder.write("elsewhere/running", std::string());
+        const Answer answer = script("/usr/bin/timeout", {"-s", signal, "3", checkout + "/scripts/faults"});
+        EXPECT_EQ(124, answer.status) << answer.err;
+        const std::vector<std::string> running = linesOf(m_folder.read("elsewhere/running"));
+        EXPECT_EQ(2U, running.size()) << signal;
+        for (const std::string& process : running) {
+            EXPECT_FALSE(isRunning(process)) << signal;
+            ::kill(std::stoi(process), SIGKILL);
+        }
+    }
 }
 
 TEST_F(ScriptsTest, BenchmarksGetTheirIdentityInAFolderNamedFromHere) {
