@@ -43,6 +43,10 @@ install() {
   [ ${#missing[@]} -gt 0 ] || return 0
   local root=()
   [ "$(id -u)" -eq 0 ] || root=(sudo)
+  if [ ${#root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
+    echo "There is no sudo. Have root install ${missing[*]}" >&2
+    return 1
+  fi
   echo "Installing ${missing[*]}" >&2
   "${root[@]}" apt-get update -qq >&2
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2

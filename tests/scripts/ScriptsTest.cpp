@@ -99,6 +99,26 @@ TEST_F(ScriptsTest, ArgumentsThatNobodyKnowsAreToldBeforeAnyWork) {
     EXPECT_TRUE(isUntouched());
 }
 
+TEST_F(ScriptsTest, WhatNobodyMayInstallIsNamed) {
+    standIn("dpkg-query", "exit 1");
+    standIn("id", "echo 1000");
+    const Answer asked = script(scripts / "check-install", {});
+    EXPECT_NE(0, asked.status);
+    EXPECT_NE(std::string::npos, asked.err.find("Installing g++ cmake ")) << asked.err;
+    for (const char* name : {"check-packages", "demo-mail"}) {
+        const Answer root = script(scripts / name, {});
+        EXPECT_EQ(2, root.status) << name;
+        EXPECT_NE(std::string::npos, root.err.find(" as root alone: sudo ")) << root.err;
+    }
+    fs::remove(m_folder.path("stand-ins/sudo"));
+    if (installed("sudo")) {
+        GTEST_SKIP() << "there is a sudo here";
+    }
+    const Answer answer = script(scripts / "check-install", {});
+    EXPECT_EQ(1, answer.status);
+    EXPECT_EQ(0U, answer.err.find("There is no sudo. Have root install g++ cmake ")) << answer.err;
+}
+
 TEST_F(ScriptsTest, ListsOfSymbolsAreNotWrittenOfNothing) {
     if (!installed("python3")) {
         GTEST_SKIP() << "python3 is not installed";
