@@ -20,7 +20,14 @@ import tempfile
 from processes import openssl_cms, processor_seconds
 
 folder, program, result = (os.path.abspath(word) for word in sys.argv[1:4])
-options = dict(word[2:].split("=", 1) for word in sys.argv[4:] if "=" in word)
+options = {}
+for word in sys.argv[4:]:
+    name, _, value = word.partition("=")
+    if name not in ("--mails", "--rounds", "--only") or not value:
+        sys.exit(f"unknown argument: {word} (--mails=N, --rounds=N, --only=TASK)")
+    options[name[2:]] = value
+if options.get("only", "sign") not in ("sign", "verify", "encrypt", "decrypt"):
+    sys.exit(f"no task: {options['only']}")
 mails, rounds = int(options.get("mails", 1000)), int(options.get("rounds", 5))
 certificate, key, root = (os.path.join(folder, name) for name in ("certificate.pem", "key.pem", "root.pem"))
 OPENSSL, STARTS, TOOL = "`openssl cms`, a process each", "`openssl version`, as often", "norvcrypt, one process"

@@ -7,6 +7,7 @@ its own, since replacing one costs what taking the old one away costs. norvcrypt
 openssl's are not; openssl checks the signer's certificate, and norvcrypt does not.
 """
 import os
+import re
 import shutil
 import sys
 import tempfile
@@ -14,6 +15,9 @@ import tempfile
 from processes import openssl_cms, processor_seconds
 
 folder, program = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+for word in sys.argv[3:]:
+    if word != "--quick" and not re.fullmatch(r"--most=\d+", word):
+        sys.exit(f"unknown argument: {word} (--quick, --most=MB)")
 quick = "--quick" in sys.argv
 MEGABYTE = 1 << 20
 most = next((int(word[7:]) for word in sys.argv if word.startswith("--most=")), 512) * MEGABYTE

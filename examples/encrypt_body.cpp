@@ -7,7 +7,9 @@
 #include <norvcrypto/CMSEncryptionMedia.h>
 #include <norvcrypto/Crypto.h>
 
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 
 using namespace Norvane;
 using namespace Norvane::Crypto;
@@ -30,6 +32,11 @@ std::list<NVX509::RefCertificate> readCertificates(const std::string& path) {
 int main(int argc, char* argv[]) {
     if (argc < 4) {
         std::cerr << "usage: encrypt_body BODY MESSAGE CERTIFICATE...\n";
+        return 2;
+    }
+    std::error_code none;
+    if (std::filesystem::equivalent(argv[1], argv[2], none)) { // opened for writing, it is empty at once
+        std::cerr << "encrypt_body: BODY and MESSAGE are one file\n";
         return 2;
     }
     initialize(); // once, before anything else

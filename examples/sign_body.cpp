@@ -34,4 +34,5 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     cleanup();
+    return std::cout.flush() ? 0 : 1; // a full disk
 }

@@ -3,11 +3,15 @@
 #include "Driver.h"
 #include "HostileMails.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -67,36 +71,62 @@ bool measure(const fuzz::SmallMessage& message) {
     return good;
 }
 
-/// Whether a row is asked for: its number, from 1 on, lies in "FROM-TO", or nothing was said.
-bool isAsked(const std::vector<std::string>& arguments, std::size_t number) {
-    if (arguments.empty()) {
-        return true;
+/// The rows that are asked for, of which the first has the number 1: "FROM-TO", "ROW", or all where nothing was said.
+class Rows {
+public:
+    explicit Rows(const std::vector<std::string>& arguments) {
+        if (arguments.empty()) {
+            return;
+        }
+        const std::string& word = arguments.front();
+        const std::size_t dash = std::min(word.find('-'), word.size());
+        const auto read = [&word](std::size_t from, std::size_t to, std::size_t& into) {
+            const auto [end, error] = std::from_chars(word.data() + from, word.data() + to, into);
+            return error == std::errc() && end == word.data() + to;
+        };
+        if (arguments.size() != 1 || !read(0, dash, m_first) ||
+            (dash != word.size() && !read(dash + 1, word.size(), m_last))) {
+            throw std::invalid_argument("rows are asked for as 25-40, or as 25");
+        }
+        m_last = dash == word.size() ? m_first : m_last;
     }
-    const std::size_t dash = arguments.front().find('-');
-    return dash != std::string::npos && number >= std::stoul(arguments.front()) &&
-           number <= std::stoul(arguments.front().substr(dash + 1));
-}
+    [[nodiscard]] bool has(std::size_t number) {
+        const bool is = number >= m_first && number <= m_last;
+        m_any = m_any || is;
+        return is;
+    }
+    /// Of none of them nothing could be said, and nothing grows.
+    [[nodiscard]] bool any() const noexcept { return m_any; }
+
+private:
+    std::size_t m_first = 0;
+    std::size_t m_last = std::numeric_limits<std::size_t>::max();
+    bool m_any = false;
+};
 
 } // namespace
 
 int main(int count, char** values) {
     try {
-        const std::vector<std::string> arguments(values + 1, values + count);
+        Rows rows({values + 1, values + count});
         std::size_t row = 0;
         fuzz::start();
         std::printf("%11s %10s %12s %12s %10s %9s %11s %11s %13s\n", "n", "octets", "products", "hashed", "ciphered",
                     "elements", "comparisons", "allocated", "work");
         bool good = true;
         for (const fuzz::Case& input : fuzz::hostileInputs()) {
-            good = (!isAsked(arguments, ++row) || measure(input)) && good;
+            good = (!rows.has(++row) || measure(input)) && good;
             std::fflush(stdout);
         }
         std::printf("\nOf 1 KB: work up to %llu, octets held at once up to %llu\n%-64s %6s %13s %11s %9s %8s\n",
                     number(fuzz::smallWork), number(fuzz::smallMemory), "", "octets", "work", "allocated", "held",
                     "ms");
         for (const fuzz::SmallMessage& message : fuzz::smallMessages()) {
-            good = (!isAsked(arguments, ++row) || measure(message)) && good;
+            good = (!rows.has(++row) || measure(message)) && good;
             std::fflush(stdout);
+        }
+        if (!rows.any()) {
+            throw std::invalid_argument("there are rows 1 to " + std::to_string(row));
         }
         return good ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& failure) {

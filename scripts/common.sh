@@ -1,5 +1,23 @@
 # Sourced by the other scripts: where the project is, and the Debian packages that each job needs.
 
+# What a script does stands at its head, and is asked for before anything is installed or built.
+for word in "$@"; do
+  case $word in --help | -h)
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
+    exit
+  esac
+done
+
+# take_only WORDS [ARGUMENT...]: ends the script where an argument is none of the words. What nobody knows would else be
+# found out after a build, or never.
+take_only() {
+  local words=" $1 " word
+  shift
+  for word in "$@"; do
+    [[ $words == *" $word "* ]] || { echo "${0##*/}: unknown argument: $word (--help tells what there is)" >&2; exit 2; }
+  done
+}
+
 unset CDPATH
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
@@ -10,10 +28,9 @@ build_packages=(g++ cmake ninja-build pkg-config openssl libssl-dev libboost-dev
 test_packages=(libgtest-dev libgmock-dev gpgsm gpg-agent libnss3-tools gnutls-bin default-jdk-headless libbcpkix-java python3)
 check_packages=(clang-format clang-tidy git doxygen abigail-tools)
 reference_packages=(doxygen)
-package_packages=(debhelper dpkg-dev doxygen lintian abigail-tools)
-bench_packages=(libbenchmark-dev)
-peer_packages=(libbotan-2-dev libnss3-dev libnss3-tools libqca-qt5-2-dev libqca-qt5-2-plugins gpgsm gpg-agent gnuplot-nox
-  python3)
+package_packages=(debhelper dpkg-dev git doxygen lintian abigail-tools)
+bench_packages=(libbenchmark-dev gpgsm gpg-agent libnss3-tools gnuplot-nox python3)
+peer_packages=(libbotan-2-dev libnss3-dev libqca-qt5-2-dev libqca-qt5-2-plugins)
 fuzz_packages=(clang libclang-rt-14-dev)
 mail_packages=(postfix swaks sasl2-bin libsasl2-modules)
 
@@ -26,6 +43,10 @@ install() {
   [ ${#missing[@]} -gt 0 ] || return 0
   local root=()
   [ "$(id -u)" -eq 0 ] || root=(sudo)
+  if [ ${#root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
+    echo "There is no sudo. Have root install ${missing[*]}" >&2
+    return 1
+  fi
   echo "Installing ${missing[*]}" >&2
   "${root[@]}" apt-get update -qq >&2
   "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
@@ -65,10 +86,10 @@ configure() {
   said=$(cmake --preset "$@" 2>&1) || { printf '%s\n' "$said" >&2; return 1; }
 }
 
-# build PRESET [CMAKE-BUILD-ARGUMENT...]: configures and builds build/PRESET.
+# build PRESET [CMAKE-BUILD-ARGUMENT...]: configures and builds the preset's folder.
 build() {
   local preset=$1
   shift
   configure "$preset"
-  cmake --build "build/$preset" --parallel "$(nproc)" "$@"
+  cmake --build --preset "$preset" --parallel "$(nproc)" "$@"
 }

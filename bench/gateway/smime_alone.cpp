@@ -90,11 +90,11 @@ int run(char** argv, const char* written) {
     for (int number = std::stoi(argv[4]); number > 0; --number) {
         threads.emplace_back([&work, until, &done, &hasFailed] {
             try {
-                while (!hasFailed && std::chrono::steady_clock::now() < until) {
+                do { // once at least: on a busy machine the time may be over before a thread begins
                     MemoryMediaOut out;
                     work.once(out);
                     ++done;
-                }
+                } while (!hasFailed && std::chrono::steady_clock::now() < until);
             } catch (const Exception& failure) {
                 hasFailed = true;
                 std::cerr << failure.asString() << '\n';

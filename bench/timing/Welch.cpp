@@ -7,7 +7,6 @@
 namespace timing {
 
 double welchT(const Moments& left, const Moments& right) {
-    constexpr std::uint64_t fewest = 100;
     if (left.count() < fewest || right.count() < fewest) {
         return 0;
     }

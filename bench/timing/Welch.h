@@ -32,7 +32,10 @@ private:
     double m_squares = 0;
 };
 
-/// Zero for too few of either to tell.
+/// Fewer measurements than these tell nothing.
+inline constexpr std::uint64_t fewest = 100;
+
+/// Zero for fewer of either than tell anything.
 double welchT(const Moments& left, const Moments& right);
 
 /// What became of one class beside the first one.

@@ -117,13 +117,21 @@ bool print(const timing::Probe& probe, const timing::Comparison& comparison, std
     const timing::Class& tested = probe.classes[which];
     const timing::Difference difference = comparison.difference(which);
     const bool leaks = std::abs(difference.t) >= s_threshold;
-    const bool good = tested.expected == Expected::differs || leaks == (tested.expected == Expected::mustLeak);
+    const bool enough = comparison.count(0) >= timing::fewest && comparison.count(which) >= timing::fewest;
+    const bool good =
+        enough && (tested.expected == Expected::differs || leaks == (tested.expected == Expected::mustLeak));
     const std::string why = tested.why.empty() ? "" : " (" + tested.why + ")";
     std::printf("| %s | %s | %s | %llu | %+.2f | %+.0f of %.0f | %s%s |\n", probe.name.c_str(),
                 probe.classes.front().name.c_str(), tested.name.c_str(),
                 static_cast<unsigned long long>(comparison.count(0) + comparison.count(which)), difference.t,
-                difference.cycles, difference.ofAll, leaks ? "differs" : "alike", why.c_str());
-    if (!good) {
+                difference.cycles, difference.ofAll,
+                !enough ? "not told"
+                : leaks ? "differs"
+                        : "alike",
+                why.c_str());
+    if (!enough) {
+        std::printf("  <-- TOO FEW\n");
+    } else if (!good) {
         std::printf("  <-- %s\n", leaks ? "LEAKS" : "THE MEASURING FINDS NOTHING");
     }
     if (setAside != 0) {
@@ -175,13 +183,22 @@ int main(int count, char** words) {
         std::printf(
             "| what | first class | other class | runs of both | t | cycles | |\n|---|---|---|---|---|---|---|\n");
         bool good = true;
+        bool any = false;
         for (const timing::Probe& probe : timing::probes(options.bits)) {
             if (s_stopped != 0) {
                 break;
             }
             if (options.selfCheck ? probe.isControl : probe.name.find(options.only) != std::string::npos) {
                 good = measure(probe, options.runs) && good;
+                any = true;
             }
+        }
+        if (s_stopped != 0) {
+            std::fprintf(stderr, "ended before all was measured\n");
+            return EXIT_FAILURE;
+        }
+        if (!any) {
+            throw std::invalid_argument("nothing is called so: " + options.only);
         }
         return good ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& failure) {

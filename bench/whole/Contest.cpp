@@ -67,7 +67,7 @@ void Contest::over(const std::string& task, std::vector<std::size_t> points) {
     m_tasks.push_back({task, std::move(points)});
 }
 
-void Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds) {
+bool Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds) {
     std::vector<Running> running;
     for (const Contestant& contestant : m_contestants) {
         if (contestant.task != task.name || x > contestant.most ||
@@ -96,10 +96,12 @@ void Contest::runPoint(const Task& task, std::size_t x, unsigned int rounds, dou
         }
         std::fflush(stdout);
     }
+    return !running.empty();
 }
 
-void Contest::run(const std::string& filter, unsigned int rounds, double secondsForEach) {
+bool Contest::run(const std::string& filter, unsigned int rounds, double secondsForEach) {
     std::puts("task,who,x,round,seconds");
+    bool any = false;
     for (const Task& task : m_tasks) {
         if (task.name.find(filter) == std::string::npos) {
             continue;
@@ -109,9 +111,10 @@ void Contest::run(const std::string& filter, unsigned int rounds, double seconds
                 continue;
             }
             std::fprintf(stderr, "%s, %zu\n", task.name.c_str(), x);
-            runPoint(task, x, rounds, secondsForEach);
+            any = runPoint(task, x, rounds, secondsForEach) || any;
         }
     }
+    return any;
 }
 
 } // namespace bench

@@ -41,8 +41,8 @@ public:
         m_onlyAt = x;
     }
     /// Runs the tasks whose name contains `filter`, and writes lines of "task","who",x,round,seconds to standard output. One that
-    /// fails is named on standard error and left out.
-    void run(const std::string& filter, unsigned int rounds, double secondsForEach);
+    /// fails is named on standard error and left out. False when nothing was run.
+    bool run(const std::string& filter, unsigned int rounds, double secondsForEach);
 
 private:
     struct Contestant {
@@ -55,7 +55,7 @@ private:
         std::string name;
         std::vector<std::size_t> points;
     };
-    void runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds);
+    bool runPoint(const Task& task, std::size_t x, unsigned int rounds, double seconds);
 
     std::set<std::string> m_only;
     std::size_t m_onlyAt = 0;

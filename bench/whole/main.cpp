@@ -36,9 +36,14 @@ int main(int argc, char** argv) try {
         messages = messages || word == "--messages";
         if (word.starts_with("--who=")) {
             who.emplace(word.substr(6));
+        } else if (word.starts_with("--at=")) {
+            at = std::strtoull(argv[i] + 5, nullptr, 10);
+        } else if (!word.starts_with("--")) {
+            filter = argv[i];
+        } else if (word != "--quick" && word != "--counts" && word != "--messages") {
+            std::fprintf(stderr, "unknown argument: %s\n", argv[i]);
+            return 2;
         }
-        at = word.starts_with("--at=") ? std::strtoull(argv[i] + 5, nullptr, 10) : at;
-        filter = word.substr(0, 2) == "--" ? filter : argv[i];
     }
     Norvane::Crypto::initialize();
     bench::Contest contest;
@@ -86,7 +91,10 @@ int main(int argc, char** argv) try {
     bench::addGpgsm(contest, material);
     contest.only(who, at);
     // One point is for profiles: as many rounds as fit.
-    contest.run(filter, at != 0 ? 1000000 : quick ? 3 : 11, quick ? 2.0 : 12.0);
+    if (!contest.run(filter, at != 0 ? 1000000 : quick ? 3 : 11, quick ? 2.0 : 12.0)) {
+        std::fprintf(stderr, "nothing was measured: no task is called so, or nobody does it there\n");
+        return 2;
+    }
     return 0;
 } catch (const std::exception& failure) {
     std::fprintf(stderr, "%s\n", failure.what());

@@ -29,6 +29,10 @@ TEST(ExampleTest, SignBodySignsWhatOpenSslVerifies) {
     const Answer answer =
         run({.arguments = {signBody, "alice.pem", "alice.key", "body"}, .directory = work.directory()});
     ASSERT_EQ(0, answer.status) << answer.err;
+    EXPECT_EQ(1, run({.arguments = {signBody, "alice.pem", "alice.key", "body"},
+                      .outputFile = "/dev/full",
+                      .directory = work.directory()})
+                     .status);
     work.write("sig.b64", answer.out);
     const std::string check =
         "openssl base64 -d -A -in sig.b64 | openssl cms -verify -binary -inform DER -content body "
@@ -184,6 +188,15 @@ TEST(ExampleTest, EncryptingAndDecryptingTellWhyTheyFail) {
     work.write("erin.key", erin().key.pkcs8Pem());
     work.write("body", sampleBody());
     EXPECT_EQ(2, run({.arguments = {encryptBody}}).status);
+    // Where the message would take the place of the body, which would be empty by then.
+    std::filesystem::create_hard_link(work.path("body"), work.path("same"));
+    for (const std::string message : {"body", "./body", "same"}) {
+        const Answer one =
+            run({.arguments = {encryptBody, "body", message, "erin.pem"}, .directory = work.directory()});
+        EXPECT_EQ(2, one.status) << one.err;
+        EXPECT_EQ("encrypt_body: BODY and MESSAGE are one file\n", one.err);
+        EXPECT_EQ(sampleBody(), work.read("body"));
+    }
     EXPECT_EQ(2, run({.arguments = {decryptBody}}).status);
     const Answer missing =
         run({.arguments = {encryptBody, "body", "message", "none.pem"}, .directory = work.directory()});

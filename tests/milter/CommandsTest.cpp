@@ -131,6 +131,10 @@ TEST_F(Commands, ExplainIncomingAndDirections) {
                 StartsWith("direction: incoming (no direction fits)\n"));
     EXPECT_THAT(said("explain" + config + " --from a@b.example --to c@d.example --authenticated me").text,
                 StartsWith("direction: outgoing (direction in line 8)\n"));
+    for (const char* const none : {"192.0.2", "192.0.2.0/24", "mail.example.org"})
+        EXPECT_THROW(said("explain" + config + " --from a@b.example --to c@d.example --client " + none),
+                     CLI::ValidationError)
+            << none;
 }
 
 TEST_F(Commands, CheckFindsWhatWouldNotWork) {

@@ -11,6 +11,15 @@
 
 namespace {
 
+/// The code, unless what was printed did not get where it should: an answer that nobody has is no answer.
+int told(int code) {
+    if (std::cout.flush()) {
+        return code;
+    }
+    std::cerr << "norvcrypt-milter: cannot write standard output\n";
+    return 2;
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Signs, encrypts, decrypts and verifies the mails that an MTA asks about.", "norvcrypt-milter");
     app.set_version_flag("--version", "norvcrypt-milter " NORVCRYPT_MILTER_VERSION);
@@ -23,9 +32,9 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& failure) {
-        return app.exit(failure) == 0 ? 0 : 2;
+        return told(app.exit(failure) == 0 ? 0 : 2);
     }
-    return action();
+    return told(action());
 }
 
 int guarded(int argc, char** argv) {

@@ -37,9 +37,15 @@ void signStandardInput(const NVX509::KeyCertificatePair& pair) {
     while (const std::size_t length = std::fread(piece.data(), 1, piece.size(), stdin)) {
         signer.write(piece.data(), static_cast<unsigned int>(length));
     }
+    if (std::ferror(stdin) != 0) { // what was read so far is not the body
+        throw Exception("signStandardInput", 4, nullptr, 0).stringParameter("standard input cannot be read");
+    }
     signer.end();
     const Buffer der = signature.content();
     std::fwrite(der.data(), 1, der.length(), stdout);
+    if (std::fflush(stdout) != 0) {
+        throw Exception("signStandardInput", 4, nullptr, 0).stringParameter("standard output cannot be written");
+    }
 }
 
 } // namespace

@@ -106,6 +106,15 @@ TEST_F(DirectoryKeyStoreMailTest, TheExampleSignsForASenderAndRefusesWhatItCanno
     outcome = verdict(m_folder.read("out"), m_body, anna);
     EXPECT_EQ(outcome.code, 0) << outcome.output;
     m_store.remove("broken");
+    // A body that cannot be read is not the empty one, and a signature that cannot be written is none.
+    const std::string forAnna = "( " SIGN_FOR_SENDER " " + m_store.path() + " anna@example.com ";
+    outcome = norvtest::run(forAnna + "<" + m_store.path() + " >" + m_folder.path("none") + " )");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.output, "signStandardInput (code 4): standard input cannot be read\n");
+    EXPECT_EQ(m_folder.read("none"), "");
+    outcome = norvtest::run(forAnna + "<" + m_folder.path("body") + " >/dev/full )");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.output, "signStandardInput (code 4): standard output cannot be written\n");
     EXPECT_EQ(example("bert@example.com").output, "nobody signs for bert@example.com\n");
     EXPECT_EQ(example("no address").output, "nobody signs for no address\n");
     EXPECT_THAT(example("old@example.com").output, // after what the library logs about the period

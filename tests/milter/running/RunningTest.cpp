@@ -442,6 +442,23 @@ TEST_F(MilterRunning, StartsThatFailSayWhy) {
     EXPECT_FALSE(std::filesystem::exists(socket()));
 }
 
+TEST_F(MilterRunning, AnswersThatCannotBeWrittenAreNone) {
+    if (!std::filesystem::exists("/dev/full"))
+        GTEST_SKIP() << "there is no /dev/full";
+    const std::string config = configure("");
+    for (std::vector<std::string> arguments :
+         {std::vector<std::string>{"--version"},
+          {"check", "--config", config},
+          {"explain", "--config", config, "--from", "a@a.example", "--to", "b@b.example"}}) {
+        arguments.insert(arguments.begin(), program);
+        EXPECT_NE(2, interop::run({.arguments = arguments}).status);
+        const interop::Answer full = interop::run({.arguments = arguments, .outputFile = "/dev/full"});
+        EXPECT_EQ(2, full.status) << arguments[1];
+        EXPECT_EQ("norvcrypt-milter: cannot write standard output\n", full.err);
+        EXPECT_EQ(2, interop::run({.arguments = arguments, .outputClosed = true}).status) << arguments[1];
+    }
+}
+
 TEST_F(MilterRunning, InTheBackground) {
     const std::string config = configure("pid_file = \"" + m_folder.path("pid") + "\"");
     const interop::Answer answer = interop::run({.arguments = {program, "--config", config, "--allow-root"}});

@@ -9,6 +9,7 @@
 
 #include <norvcmsg/EmailAddress.h>
 #include <norvcmsg/Escape.h>
+#include <norvcmsg/IPAddress.h>
 #include <norvcrypto/DistinguishedName.h>
 
 #include <algorithm>
@@ -196,6 +197,9 @@ void addExplain(CLI::App& app, Action& action) {
         "--incoming", question->incoming,
         "the message is an incoming one; otherwise it is an outgoing one, unless something of the client is given");
     command->callback([question, &action] {
+        // What is no address would be in no network, and nobody would see why.
+        if (!question->client.empty() && Norvane::IPAddress::fromText(question->client).isNull())
+            throw CLI::ValidationError("--client", escapeForDisplay(question->client) + " is no address");
         action = [question] {
             const Config config = Config::load(question->config);
             return Explainer(*question, config).run();

@@ -215,8 +215,9 @@ void addEncrypt(Command& commands, Action& action) {
     command->note(
         "Recipients may be mixed. A key on P-256, P-384, P-521 or X25519 takes part with a key agreement (ECDH), as "
         "its "
-        "certificate says. A recipient in the store is the identity that norvcrypt bindings find names for encryption, "
-        "as long as its certificate is valid. The -gcm ciphers let the recipient see whether somebody changed the "
+        "certificate says; --to names it, since in the store RSA keys alone are found. A recipient in the store is the "
+        "identity that norvcrypt bindings find names for encryption, as long as its certificate is valid. The -gcm "
+        "ciphers let the recipient see whether somebody changed the "
         "message, and older programs do not read them. A body of more than 256 KiB from a pipe is written in BER, so "
         "that it is never held in memory; with des-cbc, idea-cbc, bf-cbc and cast5-cbc it is, and has less than 2 "
         "GiB. Of several bodies each becomes a structure in --out-dir, named as it with \".p7m\" behind.");
