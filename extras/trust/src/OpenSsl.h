@@ -34,6 +34,7 @@ struct Freeing {
     void operator()(ASN1_OBJECT* object) const noexcept { ASN1_OBJECT_free(object); }
     void operator()(EVP_MD* digest) const noexcept { EVP_MD_free(digest); }
     void operator()(ASN1_STRING* text) const noexcept { ASN1_STRING_free(text); }
+    void operator()(CERTIFICATEPOLICIES* policies) const noexcept { CERTIFICATEPOLICIES_free(policies); }
     void operator()(POLICY_CONSTRAINTS* constraints) const noexcept { POLICY_CONSTRAINTS_free(constraints); }
     void operator()(BIGNUM* number) const noexcept { BN_free(number); }
     void operator()(unsigned char* memory) const noexcept { OPENSSL_free(memory); }

@@ -14,6 +14,34 @@ bool hasConstraintsAlone(const X509* certificate) {
     return has(certificate, NID_policy_constraints) && !has(certificate, NID_certificate_policies);
 }
 
+/// RFC 5280, 4.2.1.4: there is one, and none stands there twice. What does not decode is OpenSSL's to say.
+bool areSound(const CERTIFICATEPOLICIES* policies) {
+    if (policies == nullptr) {
+        return true;
+    }
+    std::vector<const ASN1_OBJECT*> all;
+    for (int index = 0; index < sk_POLICYINFO_num(policies); ++index) {
+        all.push_back(sk_POLICYINFO_value(policies, index)->policyid);
+    }
+    std::ranges::sort(all, [](const ASN1_OBJECT* left, const ASN1_OBJECT* right) { return OBJ_cmp(left, right) < 0; });
+    const auto isSame = [](const ASN1_OBJECT* left, const ASN1_OBJECT* right) { return OBJ_cmp(left, right) == 0; };
+    return !all.empty() && std::ranges::adjacent_find(all, isSame) == all.end();
+}
+
+/// Whether a certificate has policy constraints and policies that are none: these, too, OpenSSL forgets.
+bool hasUnsoundPolicies(const X509* certificate) {
+    if (!has(certificate, NID_policy_constraints) || !has(certificate, NID_certificate_policies)) {
+        return false;
+    }
+    const QuietQuestion quiet;
+    const Owned<CERTIFICATEPOLICIES> policies(
+        static_cast<CERTIFICATEPOLICIES*>(X509_get_ext_d2i(certificate, NID_certificate_policies, nullptr, nullptr)));
+    if (!policies) {
+        quiet.throwWithoutMemory();
+    }
+    return !areSound(policies.get());
+}
+
 Owned<POLICY_CONSTRAINTS> constraintsOf(const X509* certificate) {
     const QuietQuestion quiet;
     Owned<POLICY_CONSTRAINTS> found(
@@ -40,6 +68,9 @@ bool areSound(const POLICY_CONSTRAINTS* constraints) {
 bool isInvalid(X509* certificate) {
     if (hasConstraintsAlone(certificate)) {
         return !areSound(constraintsOf(certificate).get());
+    }
+    if (hasUnsoundPolicies(certificate)) {
+        return true;
     }
     const QuietQuestion quiet;
     const auto alone = made(sk_X509_new_reserve(nullptr, 2)); // with room for both, which are then put in without fail
@@ -80,7 +111,8 @@ std::optional<PolicyAnswer> answerBesideOpenssl(STACK_OF(X509) * chain, bool isD
     const int below = sk_X509_num(chain) - 1; // the last one is the anchor, and no part of the path
     bool isAsked = true;
     for (int depth = 0; depth < below; ++depth) {
-        isAsked = isAsked && !hasConstraintsAlone(sk_X509_value(chain, depth));
+        const X509* const certificate = sk_X509_value(chain, depth);
+        isAsked = isAsked && !hasConstraintsAlone(certificate) && !hasUnsoundPolicies(certificate);
     }
     if (isAsked) {
         return std::nullopt;

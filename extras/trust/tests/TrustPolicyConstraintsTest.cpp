@@ -52,6 +52,14 @@ TEST_F(TrustPolicyConstraints, LeaveNothingBehind) {
         const Bytes value = norvauthority::der::sequence({part(0x80, Bytes(length, 0x7F))});
         EXPECT_EQ(judged({}, {constraints(value)}), "accepted ");
         EXPECT_EQ(judged({constraints(value)}, {}), "accepted ");
+        const Extension twice = policies({"1.2.3", "1.2.4", "1.2.3"});
+        EXPECT_EQ(judged({}, {twice, constraints(value)}), "refused policy-invalid 0");
+        EXPECT_EQ(judged({twice, constraints(value)}, {demand(9)}), "refused policy-invalid 1");
+        EXPECT_EQ(judged({}, {policies({"2.5.29.32.0", "2.5.29.32.0"}), constraints(value)}),
+                  "refused policy-invalid 0");
+        EXPECT_EQ(judged({}, {policies({}), constraints(value)}), "refused policy-invalid 0");
+        EXPECT_EQ(judged({}, {{"2.5.29.32", {0x30, 0x01}}, constraints(value)}), "refused policy-invalid 0");
+        EXPECT_EQ(judged({policies({"1.2.3"})}, {policies({"1.2.4", "1.2.3"}), constraints(value)}), "accepted ");
     }
 }
 
@@ -117,6 +125,24 @@ TEST_F(TrustPolicyConstraints, NoPolicyHoldsThatIsAskedFor) {
 TEST_F(TrustPolicyConstraints, MappingThatIsInhibitedDemandsNothing) {
     EXPECT_EQ(judged({policyConstraints(std::nullopt, 0)}, {}), "accepted ");
     EXPECT_EQ(judged({}, {policyConstraints(std::nullopt, 0)}), "accepted ");
+}
+
+// The first of all extensions is there like any other: the same policy twice makes the certificate invalid (RFC 5280, 4.2.1.4).
+TEST_F(TrustPolicyConstraints, PoliciesMayStandInFrontOfAllElse) {
+    const Identity root = authority("Root", 0);
+    const auto judgedWith = [&](const std::vector<std::string>& which) {
+        Case one;
+        return shown(one.anchor(root).judge(
+            norvauthority::issue({.subject = {{"CN", "Anna"}},
+                                  .key = key(9),
+                                  .issuer = &root,
+                                  .serial = "a1",
+                                  .subjectKeyIdentifier = false,
+                                  .authorityKeyIdentifier = false,
+                                  .extensions = {policies(which), policyConstraints(std::nullopt, 0)}})));
+    };
+    EXPECT_EQ(judgedWith({"1.2.3"}), "accepted ");
+    EXPECT_EQ(judgedWith({"1.2.3", "1.2.3"}), "refused policy-invalid 0");
 }
 
 TEST_F(TrustPolicyConstraints, OnesThatAreNone) {
