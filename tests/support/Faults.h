@@ -23,6 +23,8 @@ namespace norvtest {
 
 /// The name of the function that fails next.
 inline const char* s_failing = "";
+/// What it says then.
+inline int s_error = 42;
 /// The functions that were called since the last clearing.
 inline std::vector<std::string> s_calls;
 /// How many of the functions are being executed.
@@ -47,7 +49,7 @@ inline bool fails(const char* function) {
         return false;
     }
     s_failing = "";
-    ERR_raise(ERR_LIB_USER, 42);
+    ERR_raise(ERR_LIB_USER, s_error);
     return true;
 }
 

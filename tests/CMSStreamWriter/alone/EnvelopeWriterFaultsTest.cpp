@@ -50,6 +50,12 @@ REPLACEMENT int EVP_CIPHER_CTX_ctrl(EVP_CIPHER_CTX* context, int command, int nu
                ? 0
                : FORWARD(EVP_CIPHER_CTX_ctrl, context, command, number, argument);
 }
+REPLACEMENT int EVP_PKEY_get_group_name(const EVP_PKEY* key, char* name, std::size_t size, std::size_t* length) {
+    return failsHere("EVP_PKEY_get_group_name") ? 0 : FORWARD(EVP_PKEY_get_group_name, key, name, size, length);
+}
+REPLACEMENT int EVP_PKEY_get_bn_param(const EVP_PKEY* key, const char* name, BIGNUM** number) {
+    return failsHere("EVP_PKEY_get_bn_param") ? 0 : FORWARD(EVP_PKEY_get_bn_param, key, name, number);
+}
 REPLACEMENT EVP_PKEY_CTX* EVP_PKEY_CTX_dup(const EVP_PKEY_CTX* context) {
     return failsHere("EVP_PKEY_CTX_dup") ? nullptr : FORWARD(EVP_PKEY_CTX_dup, context);
 }
@@ -157,6 +163,22 @@ TEST(EnvelopeFaults, AKeyThatCannotBePrepared) {
     const auto thrown = thrownBy([&] { EnvelopeRecipient recipient(certificate); });
     expectFailure(thrown, "CMS::EnvelopeRecipient", 4, "CMSEnvelopeWriter");
     EXPECT_TRUE(detailOf(thrown).starts_with("0x"));
+    EXPECT_TRUE(errorQueueIsEmpty());
+}
+
+// OpenSSL does not always say that it had no memory: a key that can encrypt is not refused for it.
+TEST(EnvelopeFaults, AKeyOfWhichOnceNothingIsTold) {
+    const auto onP256 = certificateOf(onCurve("P-256"));
+    const auto ofRsa = certificateOf(identities().rsa);
+    s_passing = 0;
+    s_failing = "EVP_PKEY_get_group_name";
+    EXPECT_NO_THROW(EnvelopeRecipient recipient(onP256));
+    s_failing = "EVP_PKEY_get_bn_param";
+    EXPECT_NO_THROW(EnvelopeRecipient recipient(ofRsa));
+    const During<int> says(s_error, ERR_R_MALLOC_FAILURE);
+    s_failing = "EVP_PKEY_get_bn_param";
+    EXPECT_THROW(EnvelopeRecipient recipient(ofRsa), std::bad_alloc);
+    EXPECT_STREQ(s_failing, "");
     EXPECT_TRUE(errorQueueIsEmpty());
 }
 
