@@ -228,6 +228,34 @@ TEST_F(DirectoryKeyStoreReloadTest, ADirectoryThatGrowsAllTheTimeIsListedFourTim
     EXPECT_EQ(signerFor(store, "x@a.example"), "a");
 }
 
+// What changes within the resolution of the file system's clock leaves no other trace.
+TEST_F(DirectoryKeyStoreReloadTest, ADirectoryThatWasJustChangedIsListedUntilTwoListingsAreTheSame) {
+    const JustWritten justWritten;
+    int listings = 0;
+    int hidden = 0; // listings that do not tell "b"
+    s_onEntry = [&](const std::string& name) {
+        listings += name == "." ? 1 : 0;
+        if (name == "b" && hidden > 0) {
+            --hidden;
+            return false;
+        }
+        return true;
+    };
+    m_store.folder(".");
+    const auto store = open();
+    EXPECT_EQ(listings, 2) << "of a store without anybody, too";
+    m_store.add("a", "*@a.example\n");
+    m_store.add("b", "*@b.example\n");
+    listings = 0;
+    store->reload();
+    EXPECT_EQ(listings, 2);
+    listings = 0;
+    hidden = 1;
+    store->reload();
+    EXPECT_EQ(listings, 3);
+    EXPECT_THAT(foldersOf(store), ElementsAre("a", "b"));
+}
+
 TEST_F(DirectoryKeyStoreReloadTest, AFileThatCannotBeReadToItsEndIsReported) {
     const JustWritten justWritten;
     m_store.add("a", "*@a.example\n");
