@@ -6,6 +6,7 @@
 #include "front/Callbacks.h"
 #include "milter/support/FakeLibmilter.h"
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -107,12 +108,11 @@ public:
     unsigned long agreedSteps = 0;
 
 private:
-    /// As libmilter hands them over: a null pointer at the end.
-    static std::vector<char*> pointersTo(std::string& path, std::vector<std::string>& parameters) {
-        std::vector<char*> arguments{path.data()};
-        for (std::string& one : parameters)
-            arguments.push_back(one.data());
-        arguments.push_back(nullptr);
+    /// As libmilter hands them over: a null pointer at the end. There may be no memory for more.
+    static std::array<char*, 20> pointersTo(std::string& path, std::vector<std::string>& parameters) {
+        std::array<char*, 20> arguments{path.data()};
+        for (std::size_t index = 0; index < parameters.size(); ++index)
+            arguments.at(index + 1) = parameters[index].data();
         return arguments;
     }
     static char* name() {
