@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         auto step = walk.next();
         for (; !isLast(step); step = walk.next()) {
             fuzz::require(++steps <= input.length());
-            fuzz::require(walk.depth() < Walk::deepest);
+            fuzz::require(walk.depth() < Walk::deepest + (step == Walk::Step::primitive ? 1 : 0));
             if (step == Walk::Step::closed) {
                 fuzz::require(opened-- > 0 && walk.elementSize() <= input.length());
                 continue;

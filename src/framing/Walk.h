@@ -32,7 +32,7 @@ public:
         primitive, ///< an element that holds octets
         finished,  ///< nothing is left
         damaged,   ///< the octets end or make no sense from here on
-        tooDeep,   ///< elements stand inside each other to more than `deepest` levels
+        tooDeep,   ///< constructed elements stand inside each other to more than `deepest` levels
     };
     /// More than four times as many levels as OpenSSL decodes.
     static constexpr std::size_t deepest = 128;
@@ -47,7 +47,7 @@ public:
 
     /// The header of the element that was opened or found last; after `closed` that of no particular one.
     [[nodiscard]] const Header& header() const noexcept { return m_header; }
-    /// The elements around the one that the last step is about: 0 for the outermost one.
+    /// The elements around the one that the last step is about: 0 for the outermost one, `deepest` at the most, of a primitive one.
     [[nodiscard]] std::size_t depth() const noexcept { return m_depth; }
     /// After `primitive`: its content, `header().contentLength` octets.
     [[nodiscard]] const unsigned char* content() const noexcept { return m_octets + m_contentAt; }

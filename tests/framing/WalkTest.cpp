@@ -166,6 +166,15 @@ TEST(FramingWalk, GoesSoManyLevelsDownAndNoFurther) {
         EXPECT_EQ(walk(nested(129, indefinite)).steps, std::string(128, '(') + " deep");
         EXPECT_EQ(walk(nested(2000, indefinite)).count, 128U);
     }
+    // What is primitive may stand in the deepest one, too, and has as many around it.
+    Bytes around = nested(128, true);
+    around.insert(around.begin() + 256, {0x05, 0x00});
+    Walk through(around.data(), around.size());
+    while (through.next() == Walk::Step::opened) {
+        EXPECT_LT(through.depth(), Walk::deepest);
+    }
+    EXPECT_EQ(through.depth(), Walk::deepest);
+    EXPECT_EQ(walk(around).steps, std::string(128, '(') + "f" + std::string(128, ')') + " finished");
 }
 
 TEST(FramingWalk, TakesAsManyStepsAsThereAreElements) {
