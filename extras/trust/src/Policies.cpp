@@ -20,7 +20,9 @@ bool areSound(const CERTIFICATEPOLICIES* policies) {
         return true;
     }
     std::vector<const ASN1_OBJECT*> all;
-    for (int index = 0; index < sk_POLICYINFO_num(policies); ++index) {
+    const int count = sk_POLICYINFO_num(policies);
+    all.reserve(static_cast<std::size_t>(count));
+    for (int index = 0; index < count; ++index) {
         all.push_back(sk_POLICYINFO_value(policies, index)->policyid);
     }
     std::ranges::sort(all, [](const ASN1_OBJECT* left, const ASN1_OBJECT* right) { return OBJ_cmp(left, right) < 0; });
