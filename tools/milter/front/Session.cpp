@@ -11,7 +11,6 @@
 #include <netinet/in.h>
 #include <new>
 #include <string_view>
-#include <strings.h>
 #include <sys/socket.h>
 #include <vector>
 
@@ -82,10 +81,8 @@ std::vector<std::string> parametersIn(const char* const* arguments, std::vector<
         return found;
     for (const char* const* next = arguments + 1; *next != nullptr && !keywords.empty(); ++next) {
         const std::string_view parameter = *next;
-        const auto keyword = std::ranges::find_if(keywords, [&](std::string_view known) {
-            const std::string_view word = parameter.substr(0, parameter.find('='));
-            return word.size() == known.size() && ::strncasecmp(word.data(), known.data(), known.size()) == 0;
-        });
+        const auto keyword =
+            std::ranges::find_if(keywords, [&](std::string_view known) { return hasKeyword(parameter, known); });
         const bool isPlain = parameter.size() <= longestAddress && std::ranges::all_of(parameter, [](char one) {
                                  const auto octet = static_cast<unsigned char>(one);
                                  return octet > ' ' && octet != 0x7F;

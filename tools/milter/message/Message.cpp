@@ -56,6 +56,10 @@ Norvane::SwapBufferMediaOut spillIn(const std::string& folder) {
     return {keptInMemory, spillTemplateIn(folder).c_str()};
 }
 
+bool hasKeyword(std::string_view parameter, std::string_view keyword) {
+    return lowered(parameter.substr(0, parameter.find('='))) == lowered(keyword);
+}
+
 std::string octetsOf(const HeaderField& field) {
     std::string octets = field.name + ':';
     octets.reserve(octets.size() + field.value.size() + 2);

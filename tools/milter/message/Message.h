@@ -59,6 +59,9 @@ constexpr unsigned int keptInMemory = 65536;
 /// The template of such files' names, for `ReadOptions::spillTemplate` and the like.
 [[nodiscard]] std::string spillTemplateIn(const std::string& folder);
 
+/// Whether a parameter of MAIL or RCPT has this keyword, in whatever letters: "ret=HDRS" has RET.
+[[nodiscard]] bool hasKeyword(std::string_view parameter, std::string_view keyword);
+
 /// Fields as they are written: "Name:value", CRLF at the end. A line end in a value that no blank follows gets one, so that no
 /// value makes a field of its own.
 [[nodiscard]] std::string octetsOf(const HeaderField& field);

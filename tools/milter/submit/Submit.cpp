@@ -27,13 +27,8 @@ bool isEightBit(Norvane::MediaIn source) {
     return false;
 }
 
-/// Whether a parameter has this keyword, in whatever letters.
-bool is(const std::string& parameter, const std::string& keyword) {
-    return lowered(parameter.substr(0, parameter.find('='))) == lowered(keyword);
-}
-
 bool has(const std::vector<std::string>& parameters, const std::string& keyword) {
-    return std::ranges::any_of(parameters, [&](const std::string& one) { return is(one, keyword); });
+    return std::ranges::any_of(parameters, [&](const std::string& one) { return hasKeyword(one, keyword); });
 }
 
 /// Whether it can stand between "<" and ">" of a command and end nothing there.
@@ -120,7 +115,8 @@ private:
                         bool saysInternational) const {
         std::string text;
         for (const std::string& one : parameters) {
-            const bool isOne = std::ranges::any_of(keywords, [&](const std::string& word) { return is(one, word); });
+            const bool isOne =
+                std::ranges::any_of(keywords, [&](const std::string& word) { return hasKeyword(one, word); });
             if (isOne && m_smtp.offers("DSN") && (saysInternational || !isEightBit(one)))
                 text += ' ' + one;
         }
