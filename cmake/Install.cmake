@@ -14,6 +14,7 @@ set_target_properties(norvcrypto norvcrypto-keystore norvcrypto-trust norvcrypto
 
 install(FILES tools/milter/norvcrypt-milter.toml tools/milter/systemd/norvcrypt-milter.service
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES tools/milter/norvcrypt-milter.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 
 install(DIRECTORY include2/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcrypto)
 install(DIRECTORY common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/norvcmsg)

@@ -14,11 +14,14 @@
 #include <array>
 #include <cstdint>
 #include <new>
+#include <optional>
 #include <span>
 
 namespace Norvane::Crypto::openssl {
 
 namespace {
+
+constexpr std::size_t blockOf64Bits = 8;
 
 bool isForContent(const EVP_CIPHER* cipher) noexcept {
     // Ours is in OpenSSL's table whether its library is there or not, and fails with a key only, as a wrong one would.
@@ -37,18 +40,25 @@ bool isForContent(const EVP_CIPHER* cipher) noexcept {
     }
 }
 
-/// Whether the parameters of RC2 are sound and announce an effective key length that OpenSSL does not take (RFC 2268, 6; RFC 3370,
-/// 5.2): it takes 40, 64 and 128 bits, by these numbers.
-bool isOtherRc2(const X509_ALGOR& algorithm) {
-    static constexpr std::array<std::int64_t, 3> taken{160, 120, 58};
-    if (OBJ_obj2nid(algorithm.algorithm) != NID_rc2_cbc || algorithm.parameter == nullptr ||
-        algorithm.parameter->type != V_ASN1_SEQUENCE) {
-        return false;
+/// What the sequence holds that an algorithm's parameters are; nothing when they are something else.
+std::optional<framing::Octets> sequenceIn(const X509_ALGOR& algorithm) {
+    if (algorithm.parameter == nullptr || algorithm.parameter->type != V_ASN1_SEQUENCE) {
+        return std::nullopt;
     }
     const ASN1_STRING* encoded = algorithm.parameter->value.sequence;
     const auto sequence =
         framing::firstElement({ASN1_STRING_get0_data(encoded), static_cast<std::size_t>(ASN1_STRING_length(encoded))});
-    framing::Elements parts(sequence ? sequence->content : framing::Octets());
+    return sequence ? std::optional(sequence->content) : std::nullopt;
+}
+
+/// Whether the parameters of RC2 are sound and announce an effective key length that OpenSSL does not take (RFC 2268, 6; RFC 3370,
+/// 5.2): it takes 40, 64 and 128 bits, by these numbers.
+bool isOtherRc2(const X509_ALGOR& algorithm) {
+    static constexpr std::array<std::int64_t, 3> taken{160, 120, 58};
+    if (OBJ_obj2nid(algorithm.algorithm) != NID_rc2_cbc) {
+        return false;
+    }
+    framing::Elements parts(sequenceIn(algorithm).value_or(framing::Octets()));
     const auto version = parts.nextUniversal(framing::integer);
     const auto vector = parts.nextUniversal(framing::octetString);
     if (!version || !framing::isSmallInteger(*version) || !vector || vector->header.constructed || !parts.atEnd()) {
@@ -58,8 +68,25 @@ bool isOtherRc2(const X509_ALGOR& algorithm) {
     for (const unsigned char octet : version->content) {
         number = number << 8U | octet;
     }
-    constexpr std::size_t vectorLength = 8;
-    return vector->content.size() == vectorLength && std::ranges::find(taken, number) == taken.end();
+    return vector->content.size() == blockOf64Bits && std::ranges::find(taken, number) == taken.end();
+}
+
+/// The sequence in which the initialisation vector of IDEA may stand (RFC 3058, 2.1). OpenSSL writes the vector alone, and reads
+/// nothing else.
+std::optional<framing::Octets> ideaSequence(const X509_ALGOR& algorithm) {
+    return OBJ_obj2nid(algorithm.algorithm) == NID_idea_cbc ? sequenceIn(algorithm) : std::nullopt;
+}
+
+/// Gives a context the initialisation vector of its cipher.
+bool setParameters(EVP_CIPHER_CTX* context, const X509_ALGOR& algorithm) {
+    const auto sequence = ideaSequence(algorithm);
+    if (!sequence) {
+        return EVP_CIPHER_asn1_to_param(context, algorithm.parameter) >= 0;
+    }
+    framing::Elements parts(*sequence);
+    const auto vector = parts.nextUniversal(framing::octetString);
+    return vector && !vector->header.constructed && vector->content.size() == blockOf64Bits && parts.atEnd() &&
+           EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, vector->content.data()) == 1;
 }
 
 /// OpenSSL's flag for it is not set of what comes from a provider.
@@ -115,6 +142,10 @@ std::string unsupportedContentCipher(const X509_ALGOR* algorithm) {
     if (cipher == nullptr || !isForContent(cipher.get())) {
         return algorithmName(algorithmIdentifier(algorithm));
     }
+    if (const auto sequence = ideaSequence(*algorithm); sequence && sequence->empty()) {
+        // The first block of the content would be the vector.
+        return algorithmName(algorithm->algorithm) + " without an initialization vector";
+    }
     return isOtherRc2(*algorithm) ? algorithmName(algorithm->algorithm) + " with another effective key length" : "";
 }
 
@@ -140,7 +171,7 @@ CipherContextPtr contextFor(const X509_ALGOR* algorithm) {
     }
     CipherContextPtr context(EVP_CIPHER_CTX_new());
     if (context == nullptr || EVP_DecryptInit_ex(context.get(), cipher.get(), nullptr, nullptr, nullptr) != 1 ||
-        EVP_CIPHER_asn1_to_param(context.get(), algorithm->parameter) < 0) {
+        !setParameters(context.get(), *algorithm)) {
         return nullptr;
     }
     return context;

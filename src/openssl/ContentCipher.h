@@ -27,7 +27,8 @@ CipherPtr cipherOf(const X509_ALGOR* algorithm);
 
 /// The name of the cipher when content under it cannot be told from garbage, or not be decrypted at all: one that is
 /// for keys (OpenSSL calls it a success when it decrypts nothing), one that authenticates, one that is unknown, IDEA
-/// without libgcrypt, RC2 with another effective key length than 40, 64 and 128 bits. Else empty.
+/// without libgcrypt or without the vector in its parameters, RC2 with another effective key length than 40, 64 and 128
+/// bits. Else empty.
 std::string unsupportedContentCipher(const X509_ALGOR* algorithm);
 
 /// Whether OpenSSL can use a cipher that it knows: those of long ago are known without the provider that has them.

@@ -258,6 +258,28 @@ TEST(DecrypterAttempts, Rc2OfAnotherEffectiveKeyLengthIsToldByName) {
     EXPECT_EQ(attemptsAt(der::octetString({0x34}), 8).front().outcome(), Attempt::Failed);
 }
 
+// RFC 3058, 2.1; OpenSSL itself puts the vector there alone.
+TEST(DecrypterAttempts, IdeaWithItsVectorInASequence) {
+    const RecordedLog log;
+    const Bytes body = bodyOf(5003);
+    const Bytes content = encryptedContent(body, Crypto::initializeCipher(Crypto::IDEA_CBC));
+    const auto with = [&content](const Bytes& parameters) {
+        return envelope({.recipients = {recipient(alice())},
+                         .cipher = der::sequence({der::oid("IDEA-CBC"), parameters}),
+                         .content = contentElement(content)});
+    };
+    const Opened opened = openedBy(with(der::sequence({der::octetString(Bytes(8, 0xA5))})), storeOfKeys({&alice()}));
+    EXPECT_TRUE(opened.good);
+    EXPECT_TRUE(opened.body == body);
+    PiecewiseIn in(with(der::sequence({})));
+    CMS::DecrypterMediaIn decrypter(in, storeOfKeys({&alice()}));
+    auto clear = bufferOf();
+    EXPECT_FALSE(decrypter.decrypt(clear));
+    ASSERT_EQ(outcomesOf(decrypter), std::vector<int>{4});
+    EXPECT_EQ(decrypter.attempts().front().algorithm(),
+              "IDEA-CBC (1.3.6.1.4.1.188.7.1.1.2) without an initialization vector");
+}
+
 // The content key is shorter than RC2's usual one, as its parameters say.
 TEST(DecrypterAttempts, Rc2OfEveryLengthOpens) {
     const Bytes body = bodyOf(5003);

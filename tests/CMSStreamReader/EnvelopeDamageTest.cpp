@@ -223,6 +223,33 @@ TEST(EnvelopeDamage, Rc2OfAnotherEffectiveKeyLengthIsUnsupported) {
     EXPECT_EQ(with("34", 7).text, noStructureText);
 }
 
+// RFC 3058, 2.1; OpenSSL itself puts the vector there alone.
+TEST(EnvelopeDamage, IdeaWithItsVectorInASequence) {
+    const Bytes body = bodyOf(5003);
+    const Bytes content = encryptedContent(body, Crypto::initializeCipher(Crypto::IDEA_CBC));
+    const auto with = [&content](const Bytes& parameters) {
+        return outcomeOf(envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))},
+                                   .cipher = der::sequence({der::oid("IDEA-CBC"), parameters}),
+                                   .content = contentElement(content)}),
+                         From::memory, withKeys({&alice()}));
+    };
+    const Bytes vector = der::octetString(Bytes(8, 0xA5));
+    for (const Bytes& parameters : {der::sequence({vector}), vector}) {
+        const Outcome outcome = with(parameters);
+        EXPECT_EQ(outcome.verdict, Reader::Complete) << outcome.text << outcome.unsupported;
+        EXPECT_TRUE(outcome.body == body);
+    }
+    const Outcome without = with(der::sequence({}));
+    EXPECT_EQ(without.verdict, Reader::Unsupported);
+    EXPECT_EQ(without.unsupported, "IDEA-CBC (1.3.6.1.4.1.188.7.1.1.2) without an initialization vector");
+    for (const Bytes& parameters :
+         {der::sequence({der::octetString(Bytes(7, 0xA5))}), der::sequence({der::octetString(Bytes(9, 0xA5))}),
+          der::sequence({vector, vector}), der::sequence({der::null()}), der::sequence({der::sequence({vector})}),
+          der::sequence({der::element(0x24, vector)}), der::sequence({vector, der::null()})}) {
+        EXPECT_EQ(with(parameters).text, noStructureText);
+    }
+}
+
 // Whether PKCS#1 1.5 gave a content key of some odd length is told no more than whether it gave one.
 TEST(EnvelopeDamage, ContentKeysOfAnyLengthLookLikeDamage) {
     for (const char* cipher : {"BF-CBC", "RC2-CBC", "CAST5-CBC", "AES-128-CBC", "AES-128-CFB", "DES-EDE3-CBC", "RC4"}) {

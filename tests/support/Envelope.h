@@ -211,14 +211,14 @@ inline const Bytes& initializationVector() {
     return vector;
 }
 
-/// A body under `contentKey()` in AES-128-CBC.
-inline Bytes encryptedContent(const Bytes& body) {
+/// A body under `contentKey()`, with as much of `initializationVector()` as the cipher takes.
+inline Bytes encryptedContent(const Bytes& body, const EVP_CIPHER* cipher = EVP_aes_128_cbc()) {
     const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
                                                                                   EVP_CIPHER_CTX_free);
     Bytes out(body.size() + 16);
     int first = 0;
     int last = 0;
-    EVP_EncryptInit_ex(context.get(), EVP_aes_128_cbc(), nullptr, contentKey().data(), initializationVector().data());
+    EVP_EncryptInit_ex(context.get(), cipher, nullptr, contentKey().data(), initializationVector().data());
     EVP_EncryptUpdate(context.get(), out.data(), &first, body.data(), static_cast<int>(body.size()));
     EVP_EncryptFinal_ex(context.get(), out.data() + first, &last);
     out.resize(static_cast<std::size_t>(first + last));

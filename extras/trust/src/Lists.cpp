@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace Norvane::Crypto::Trust::detail {
 
@@ -146,6 +147,19 @@ bool isPassedOver(X509_CRL* list, std::time_t at) {
            (end != nullptr && X509_cmp_time(end, &at) <= 0) || hasUnknownCritical(list);
 }
 
+/// The number of a list, as its octets after how many they are, which compare as numbers do. Without one, or below 0, the least.
+using Number = std::pair<std::size_t, std::string>;
+
+Number numberOf(const X509_CRL* list) {
+    const Owned<ASN1_INTEGER> number(
+        static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(list, NID_crl_number, nullptr, nullptr)));
+    if (number == nullptr || ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER) {
+        return {};
+    }
+    const auto length = static_cast<std::size_t>(ASN1_STRING_length(number.get()));
+    return {length, std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(number.get())), length)};
+}
+
 /// No delta list.
 bool isComplete(const X509_CRL* list) {
     return X509_CRL_get_ext_by_NID(list, NID_delta_crl, -1) < 0;
@@ -177,7 +191,7 @@ public:
 
     /// False when comparing the names of the list with those of the certificate would take too long.
     bool add(X509_CRL* list) {
-        if (std::find(m_chosen.begin(), m_chosen.end(), list) != m_chosen.end()) {
+        if (m_known.count(list) != 0) {
             return true;
         }
         const int index = X509_CRL_get_ext_by_NID(list, NID_issuing_distribution_point, -1);
@@ -186,6 +200,7 @@ public:
             return false;
         }
         m_pairs += names * m_ownNames;
+        m_known.insert(list);
         if (X509_CRL_up_ref(list) != 1 || sk_X509_CRL_push(m_stack.get(), list) <= 0) {
             throw std::bad_alloc();
         }
@@ -199,6 +214,7 @@ private:
     std::size_t m_ownNames;
     std::size_t m_pairs = 0;
     std::vector<X509_CRL*> m_chosen;
+    std::unordered_set<const X509_CRL*> m_known; ///< the same
     Owned<STACK_OF(X509_CRL)> m_stack;
 };
 
@@ -239,7 +255,7 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
             fit.push_back(list);
         }
     }
-    putDeltasInOrder(fit, certificate, issuer);
+    putInOrder(fit, certificate, issuer);
     const auto revoked = revokedSince(fit, certificate, issuer);
     for (X509_CRL* list : fit) {
         const auto begin = beginOf(list);
@@ -269,27 +285,36 @@ std::optional<std::time_t> Lists::revokedSince(const std::vector<X509_CRL*>& lis
     return since;
 }
 
-void Lists::putDeltasInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer) {
-    const auto deltas = std::stable_partition(lists.begin(), lists.end(), isComplete);
-    if (lists.end() - deltas < 2) {
+void Lists::putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer) {
+    if (lists.size() < 2) {
         return;
     }
-    std::vector<std::tuple<bool, bool, std::time_t>> ranks; // the greatest goes first
-    std::unordered_map<const X509_CRL*, std::size_t> rankOf;
-    for (auto at = deltas; at != lists.end(); ++at) {
-        X509_CRL* const list = *at;
-        if (rankOf.emplace(list, ranks.size()).second) {
-            const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
-            X509_REVOKED* entry = nullptr;
-            const bool counts =
-                !isPassedOver(list, m_at) ||
-                (X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer));
-            ranks.emplace_back(begin <= m_at, counts, begin);
+    struct Rank {
+        bool complete;
+        bool begun;
+        bool counts;
+        std::time_t begin;
+        Number number;
+        bool operator>(const Rank& other) const {
+            return std::tie(complete, begun, counts, begin, number) >
+                   std::tie(other.complete, other.begun, other.counts, other.begin, other.number);
         }
+    };
+    std::unordered_map<const X509_CRL*, Rank> ranks;
+    for (X509_CRL* const list : lists) {
+        if (ranks.count(list) != 0) {
+            continue;
+        }
+        const bool complete = isComplete(list);
+        const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
+        X509_REVOKED* entry = nullptr;
+        const bool counts =
+            complete || !isPassedOver(list, m_at) ||
+            (X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer));
+        ranks.emplace(list, Rank{complete, complete || begin <= m_at, counts, begin, numberOf(list)});
     }
-    std::stable_sort(deltas, lists.end(), [&](const X509_CRL* one, const X509_CRL* other) {
-        return ranks[rankOf.at(one)] > ranks[rankOf.at(other)];
-    });
+    std::stable_sort(lists.begin(), lists.end(),
+                     [&ranks](const X509_CRL* one, const X509_CRL* other) { return ranks.at(one) > ranks.at(other); });
 }
 
 X509_CRL* Lists::withoutSigner(const X509* certificate, const std::vector<X509*>& candidates) const {

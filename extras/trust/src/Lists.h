@@ -52,9 +52,10 @@ private:
     /// Since when a list that OpenSSL would not take says that the certificate is revoked; nothing when none does.
     [[nodiscard]] std::optional<std::time_t> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
                                                           X509* issuer);
-    /// Puts delta lists behind the others, the newest first: OpenSSL takes the first that goes with the list that it chose. Those that
-    /// are to come are last, and in front of them those that OpenSSL would not take were they complete, unless they revoke.
-    void putDeltasInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer);
+    /// Puts the newest first, by its number where two began in the same second: OpenSSL takes the first of these. Delta lists stand
+    /// behind the others, since it takes the first that goes with the list that it chose. Of them those that are to come are last,
+    /// and in front of them those that OpenSSL would not take were they complete, unless they revoke.
+    void putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer);
     [[nodiscard]] bool isSigned(X509_CRL* list, X509* issuer);
     [[nodiscard]] bool isSignedBy(X509_CRL* list, X509* issuer);
     void leaveOut(X509_CRL* list, const char* why);

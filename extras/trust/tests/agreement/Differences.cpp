@@ -30,6 +30,7 @@ const std::map<std::string, std::string>& otherVerdicts() {
          "openssl takes the older list, and a message could hide with one what was revoked since"},
         {"TwoDeltaListsTheNewerOneLast", "openssl takes the first delta list that goes with the complete one, which "
                                          "says nothing of what was revoked since"},
+        {"TwoListsOfOneSecondTheLaterOneLast", "openssl takes the first of them, whatever their numbers"},
         {"IndirectListWhoseSignerExpired",
          "the program, not the library, goes on after a signer of lists that has expired, and forgets that it did"},
     };

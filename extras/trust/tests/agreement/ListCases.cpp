@@ -76,6 +76,14 @@ std::vector<Case> periods() {
     const std::vector<Crl> freshBesideStale{rootList(), listOf(middle(), stale), listOf(middle(), {.crlNumber = "2"})};
     std::vector<Crl> newerRevokes = lists({.thisUpdate = ago(2 * day)});
     newerRevokes.push_back(listOf(middle(), {.revoked = {revoked(alice)}, .thisUpdate = ago(day), .crlNumber = "2"}));
+    const CrlRequest earlier{.thisUpdate = ago(day), .crlNumber = "2"};
+    CrlRequest later = earlier;
+    later.crlNumber = "3";
+    later.revoked = {revoked(alice)};
+    std::vector<Crl> laterFirst = lists(later);
+    laterFirst.push_back(listOf(middle(), earlier));
+    std::vector<Crl> laterLast = lists(earlier);
+    laterLast.push_back(listOf(middle(), later));
     const std::vector<Crl> staleOfRoot{listOf(root(), stale), listOf(middle())};
     return {
         required("ListStale", alice, lists(stale), {{12, 0}}, {{Code::listExpired, 0}}),
@@ -89,6 +97,8 @@ std::vector<Case> periods() {
         required("OlderListBesideAStaleOneThatRevokes", alice, olderBesideStale, {},
                  {{Code::listExpired, 0}, {Code::revoked, 0}}),
         required("NewerListRevokes", alice, newerRevokes, {{23, 0}}, {{Code::revoked, 0}}),
+        required("TwoListsOfOneSecondTheLaterOneFirst", alice, laterFirst, {{23, 0}}, {{Code::revoked, 0}}),
+        required("TwoListsOfOneSecondTheLaterOneLast", alice, laterLast, {}, {{Code::revoked, 0}}),
     };
 }
 
