@@ -207,12 +207,14 @@ TEST(EnvelopeDamage, CiphersWithoutPaddingTakeNoOtherKey) {
 
 // RFC 2268, 6: every length has a number, of which OpenSSL takes three.
 TEST(EnvelopeDamage, Rc2OfAnotherEffectiveKeyLengthIsUnsupported) {
-    const auto with = [](const char* version, std::size_t vectorLength) {
-        const Bytes parameters = der::sequence({der::integer(version), der::octetString(Bytes(vectorLength, 1))});
+    const auto withParameters = [](const Bytes& parameters) {
         return outcomeOf(envelope({.recipients = {recipientInfo(alice(), wrappedFor(alice(), contentKey()))},
                                    .cipher = der::sequence({der::oid("RC2-CBC"), parameters}),
                                    .content = contentElement(bodyOf(63))}),
                          From::memory, withKeys({&alice()}));
+    };
+    const auto with = [&](const char* version, std::size_t vectorLength) {
+        return withParameters(der::sequence({der::integer(version), der::octetString(Bytes(vectorLength, 1))}));
     };
     for (const char* version : {"34", "0100"}) {
         const Outcome outcome = with(version, 8);
@@ -221,6 +223,16 @@ TEST(EnvelopeDamage, Rc2OfAnotherEffectiveKeyLengthIsUnsupported) {
     }
     EXPECT_EQ(with("3a", 8).text, damagedText);
     EXPECT_EQ(with("34", 7).text, noStructureText);
+    const Bytes number = der::integer("34");
+    const Bytes vector = der::octetString(Bytes(8, 1));
+    for (const Bytes& parameters :
+         {der::sequence({}), der::sequence({number}), der::sequence({vector}), der::sequence({number, vector, number}),
+          der::sequence({der::integer("0100000000"), vector}), der::sequence({number, der::element(0x24, vector)}),
+          der::sequence({number, der::element(0x24, Bytes(8, 0))}), der::set({number, vector}), vector}) {
+        const Outcome outcome = withParameters(parameters);
+        EXPECT_NE(outcome.verdict, Reader::Unsupported) << norvauthority::toHex(parameters);
+        EXPECT_NE(outcome.text, "") << norvauthority::toHex(parameters);
+    }
 }
 
 // RFC 3058, 2.1; OpenSSL itself puts the vector there alone.

@@ -82,6 +82,12 @@ TEST(SignedJudging, CertificatesThatCannotBeUsedBesideOthers) {
     }
     EXPECT_EQ(withCertificatesOnly({damaged}).reason, SignatureReason::certificateDamaged);
     EXPECT_EQ(withCertificatesOnly({refused}).reason, SignatureReason::certificateRefused);
+    // Whose issuer cannot be read is nobody's, whatever the serial number.
+    for (const Bytes& noName : {der::sequence({der::null()}), der::sequence({})}) {
+        const Bytes nobodys =
+            parts(der::sequence({der::integer("a11ce"), algorithm("sha256WithRSAEncryption", true), noName}));
+        EXPECT_EQ(withCertificatesOnly({nobodys}).reason, SignatureReason::certificateMissing);
+    }
     EXPECT_EQ(withCertificatesOnly({damaged, wrong}).reason, SignatureReason::signatureWrong);
     EXPECT_EQ(withCertificatesOnly({refused, wrong}).verdict, SignatureVerdict::unsupported);
     EXPECT_EQ(withCertificatesOnly({refused, wrong}).reason, SignatureReason::certificateRefused);

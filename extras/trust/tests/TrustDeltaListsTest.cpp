@@ -81,6 +81,7 @@ TEST_F(TrustDeltaLists, OfSeveralDeltaListsTheNewestIsUsed) {
     // One that is over gives way to an older one, unless it revokes.
     EXPECT_EQ(judged({numbered("9", "5", -day, false, -60), old}), "accepted ");
     EXPECT_EQ(judged({numbered("9", "5", -day, true, -60), old}), "refused revoked 0");
+    EXPECT_EQ(judged({numbered("9", "5", -day, false, -60), revoking}), "refused revoked 0");
     // Of two of one second the greater number tells.
     const auto greater = numbered("8", "5", -2 * day, false);
     EXPECT_EQ(judged({revoking, greater}), "accepted ");
@@ -88,6 +89,29 @@ TEST_F(TrustDeltaLists, OfSeveralDeltaListsTheNewestIsUsed) {
     const auto lesser = numbered("6", "5", -2 * day, false);
     EXPECT_EQ(judged({lesser, revoking}), "refused revoked 0");
     EXPECT_EQ(judged({revoking, lesser}), "refused revoked 0");
+}
+
+TEST_F(TrustDeltaLists, TheIndicatorMayStandInFrontOfAllElse) {
+    const auto issued = [&](const std::vector<norvauthority::Extension>& extensions, long issuedAt, bool revokes) {
+        CrlRequest request{.issuer = &m_middle, .thisUpdate = Time::fromNow(issuedAt), .authorityKeyIdentifier = false};
+        request.extensions = extensions;
+        if (revokes) {
+            request.revoked = {{.serial = "a1"}};
+        }
+        return norvauthority::issueList(request);
+    };
+    const auto number = [](const char* digits) {
+        return norvauthority::Extension{"2.5.29.20", norvauthority::der::integer(digits)};
+    };
+    const norvauthority::Extension sinceFive{"2.5.29.27", norvauthority::der::integer("5"), true};
+    const norvauthority::Extension fresh{
+        "2.5.29.46", norvauthority::distributionPoints({point("http://lists.example.org/delta.crl")})};
+    Case one = with(Revocation::required);
+    one.known(list(m_root)).known(issued({number("5"), fresh}, -3 * day, false));
+    EXPECT_EQ(shown(one.judge(m_anna)), "accepted ");
+    one.known(issued({sinceFive, number("9")}, day, false)); // to come, so that the other one counts
+    one.known(issued({sinceFive, number("7")}, -day, true));
+    EXPECT_EQ(shown(one.judge(m_anna)), "refused revoked 0");
 }
 
 } // namespace

@@ -161,6 +161,15 @@ TEST_F(TrustMaterial, WhatStandsBehindTheFirstObjectInDerIsTold) {
         testing::ElementsAre("3-two.crl: goes on behind its first object, which alone is read: several can be in PEM"));
 }
 
+TEST_F(TrustMaterial, AStructureOfIndefiniteLengthEndsWhereItSays) {
+    const auto der = structure({m_middle}, list(m_middle));
+    ASSERT_EQ(der[1], 0x82) << "two octets of length";
+    std::string ber = text(der).replace(1, 3, "\x80") + std::string(2, '\0');
+    m_material.addUntrusted(m_folder.write("middle.p7b", ber));
+    EXPECT_EQ(counts(), "0 1 1");
+    EXPECT_TRUE(problems().empty());
+}
+
 TEST_F(TrustMaterial, FilesThatAreTooLargeAreNotRead) {
     m_folder.write("large.pem", m_root.certificate.pem());
     std::filesystem::resize_file(m_folder.path("large.pem"), (64U << 20U) + 1); // takes no room

@@ -255,6 +255,10 @@ TEST_F(TrustRevocation, AnOldListHidesNothingOfOneThatIsOver) {
     EXPECT_EQ(judged(list(eve, forged), list(m_middle, older)), "accepted ; accepted ");
     EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older), std::time(nullptr) - 5 * hour),
               "accepted ; accepted ");
+    CrlRequest odd = over;
+    odd.extensions = {{"1.2.3.4", norvauthority::der::null(), true}};
+    EXPECT_EQ(judged(list(m_middle, odd), list(m_middle, older), std::time(nullptr) - 5 * hour),
+              "accepted ; accepted ");
     over.revoked = {{.serial = "a2"}};
     EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older)), "accepted ; accepted ");
 }

@@ -177,6 +177,19 @@ TEST_F(TrustUsage, NameConstraintsOnAddresses) {
     EXPECT_EQ(judged(permitted, "no address"), "refused name-unreadable 0");
 }
 
+TEST_F(TrustUsage, AnExclusionInAnotherSpellingNamesWhoHasTheAddress) {
+    const Identity middle =
+        authority("Middle", 1, &m_root,
+                  {.extensions = {{"2.5.29.30", nameConstraints({}, {GeneralName::email("anna@example.org")}), true}}});
+    Case one;
+    one.anchor(m_root).message(middle);
+    const auto anna = read(user(middle, {.alternativeNames = {GeneralName::email("\"anna\"@example.org")}}));
+    const Verdict verdict = Verifier(one.material).judge(anna, one.certificates, {}, one.options);
+    ASSERT_EQ(shown(verdict), "refused name-excluded 0");
+    EXPECT_THAT(verdict.reasons[0].text, testing::HasSubstr("CN=Anna"));
+    EXPECT_TRUE(sameEncoding(verdict.reasons[0].certificate, anna));
+}
+
 /// Whatever `matchSender` takes for an address of somebody is excluded with that address.
 TEST_F(TrustUsage, NoSpellingOfAnAddressGetsAroundItsExclusion) {
     const auto judged = [this](const std::string& constraint, const GeneralName& name) {

@@ -1,13 +1,16 @@
 // Handshake messages of a peer as OpenSSL shows them before it reads them: what is refused is changed so that it must not
-// be read, everything else stays as it came, damaged or not (RFC 5246, 7.4; RFC 8446, 4).
+// be read, everything else stays as it came, damaged or not (RFC 5246, 7.4; RFC 8446, 4). This file stands in for the function of OpenSSL
+// that tells what a handshake agrees on.
 #include "openssl/PeerMessages.h"
 
 #include "openssl/Pointers.h"
 
 #include "support/Costly.h"
+#include "support/Interpose.h"
 
 #include <authority/Authority.h>
 
+#include <openssl/dh.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -15,8 +18,17 @@
 
 #include <memory>
 
+namespace {
+const SSL_CIPHER* s_pending = nullptr;
+} // namespace
+
+extern "C" const SSL_CIPHER* SSL_get_pending_cipher(const SSL* ssl) {
+    return s_pending != nullptr ? s_pending : norvtest::next<&SSL_get_pending_cipher>("SSL_get_pending_cipher")(ssl);
+}
+
 using namespace Norvane::Crypto::openssl;
 using norvauthority::Bytes;
+using norvtest::During;
 namespace der = norvauthority::der;
 
 namespace {
@@ -267,12 +279,15 @@ TEST(PeerMessages, AHelloRequestTooManyEndsReadingAndIsToldOnce) {
     const SslPtr ssl = tls12();
     EXPECT_EQ(last(ssl.get(), request, 64), request);
     EXPECT_EQ(1, readingFrom(ssl.get()));
+    EXPECT_EQ(5, BIO_read(SSL_get_rbio(ssl.get()), Bytes(5).data(), 5));
+    EXPECT_EQ(-1, BIO_read(SSL_get_rbio(ssl.get()), Bytes(1).data(), 1));
+    EXPECT_NE(0, BIO_should_retry(SSL_get_rbio(ssl.get()))) << "a wait from before";
     EXPECT_EQ(last(ssl.get(), request, 3), request);
     errno = 0;
     EXPECT_EQ(-1, readingFrom(ssl.get()));
     EXPECT_EQ(EPROTO, errno);
     EXPECT_EQ(0, BIO_should_retry(SSL_get_rbio(ssl.get())));
-    EXPECT_EQ(12 - 1U, BIO_ctrl_pending(SSL_get_rbio(ssl.get()))) << "nothing but reading is refused";
+    EXPECT_EQ(6U, BIO_ctrl_pending(SSL_get_rbio(ssl.get()))) << "nothing but reading is refused";
     EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
     EXPECT_EQ(0U, ERR_peek_error());
 }
@@ -312,6 +327,31 @@ TEST(PeerMessages, ParametersOfOtherKeyExchangesAreLeftAlone) {
     const SslPtr ssl = tls12();
     EXPECT_EQ(shown(ssl.get(), parameters), parameters);
     EXPECT_EQ(reasonAndClear(), 0U);
+}
+
+TEST(PeerMessages, APrimeThatIsTooLongHasNoLength) {
+    const SslPtr ssl = tls12();
+    const Bytes generator = prefixed(2, {2});
+    const Bytes hint = prefixed(2, {'h', 'i'});
+    const auto named = [&](const Bytes& suite, std::size_t inFront) {
+        const During<const SSL_CIPHER*> pending(s_pending, SSL_CIPHER_find(ssl.get(), suite.data()));
+        ASSERT_NE(s_pending, nullptr);
+        const auto parameters = [&](std::size_t length) {
+            const Bytes own = der::concat({prefixed(2, Bytes(length, 9)), generator, prefixed(2, Bytes(length, 3))});
+            return message(SSL3_MT_SERVER_KEY_EXCHANGE, inFront == 0 ? own : der::concat({hint, own}));
+        };
+        EXPECT_EQ(shown(ssl.get(), parameters(1024)), parameters(1024));
+        EXPECT_EQ(reasonAndClear(), 0U);
+        const Bytes tooLong = parameters(1025);
+        EXPECT_EQ(shown(ssl.get(), tooLong), with(tooLong, 4 + inFront, {0xFF, 0xFF}));
+        EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(DH_R_MODULUS_TOO_LARGE));
+        for (std::size_t length = 0; length < 4 + inFront + 2 + 1025; ++length) {
+            EXPECT_EQ(shown(ssl.get(), tooLong, length), tooLong) << "cut to " << length;
+        }
+        EXPECT_EQ(reasonAndClear(), 0U);
+    };
+    named({0x00, 0x9E}, 0);           // TLS_DHE_RSA_WITH_AES_128_GCM_SHA256
+    named({0x00, 0xAA}, hint.size()); // TLS_DHE_PSK_WITH_AES_128_GCM_SHA256
 }
 
 TEST(PeerMessages, ATicketTooManyHasNoLength) {
