@@ -210,6 +210,32 @@ TEST(MilterSubmit, WhatIsAskedOfTheDeliveryIsAskedOfTheServer) {
     EXPECT_THAT(unable.commands(), testing::Not(testing::Contains(testing::StartsWith("MAIL"))));
 }
 
+/// RFC 6531, 3.5: without SMTPUTF8 such a header goes no further. Without being asked, the filter does not ask either.
+TEST(MilterSubmit, InternationalHeadersGoWhereTheyAreTaken) {
+    const auto answerTo = [](const std::string& message, const std::vector<std::string>& asked,
+                             const std::string& offers) {
+        FakeSmtp server([&](const std::string& said) {
+            return said.starts_with("EHLO") ? "250-fake\r\n" + offers + "250 8BITMIME" : FakeSmtp::usual(said);
+        });
+        Submission one = submission("a@a.example", {"b@b.example"}, message);
+        one.senderParameters = asked;
+        return failureOf(to(server), {one});
+    };
+    const std::pair<std::string, bool> none{"none", false};
+    const std::pair<std::string, bool> refused{
+        "the server takes no header with octets above 127 (SMTPUTF8), and the sender's has some", true};
+    const std::string inHeader = "X: 1\r\nSubject: \xC3\xA4\r\n\r\nbody\r\n";
+    const std::string far = "X: " + std::string(20000, 'x') + "\r\n" + inHeader;
+    for (const std::string& message : {inHeader, far}) {
+        EXPECT_EQ(refused, answerTo(message, {"smtputf8"}, ""));
+        EXPECT_EQ(none.first, answerTo(message, {"SMTPUTF8"}, "250-SMTPUTF8\r\n").first);
+        EXPECT_EQ(none.first, answerTo(message, {}, "").first);
+    }
+    for (const std::string inBody : {"X: 1\r\n\r\n\xC3\xA4\r\n", "X: 1\n\n\xC3\xA4\n", "\r\n\xC3\xA4\r\n"}) {
+        EXPECT_EQ(none.first, answerTo(inBody, {"SMTPUTF8"}, "").first);
+    }
+}
+
 TEST(MilterSubmit, AddressesEndNoCommand) {
     for (const std::string bad : {"b@b.example>\r\nRSET", "b@b.example> NOTIFY=NEVER", "b b@b.example", "\"b@b.example",
                                   "\"a\\\"@b.example", "b\n@b.example",

@@ -27,6 +27,22 @@ bool isEightBit(Norvane::MediaIn source) {
     return false;
 }
 
+bool hasEightBitHeader(Norvane::MediaIn source) {
+    std::array<unsigned char, 16384> piece{};
+    bool atLineStart = true;
+    for (int length = 0; (length = source.read(piece.data(), piece.size())) > 0;) {
+        for (int i = 0; i < length; ++i) {
+            const unsigned char one = piece[static_cast<std::size_t>(i)];
+            if ((one & 0x80U) != 0)
+                return true;
+            if (one == '\n' && atLineStart)
+                return false;
+            atLineStart = one == '\n' || (one == '\r' && atLineStart);
+        }
+    }
+    return false;
+}
+
 bool has(const std::vector<std::string>& parameters, const std::string& keyword) {
     return std::ranges::any_of(parameters, [&](const std::string& one) { return hasKeyword(one, keyword); });
 }
@@ -88,7 +104,11 @@ private:
         const bool takesInternational = m_smtp.offers("SMTPUTF8");
         if (isInternational && !takesInternational)
             refuse("the server takes no addresses with octets above 127");
-        const bool saysInternational = takesInternational && (isInternational || has(one.senderParameters, "SMTPUTF8"));
+        const bool isAsked = has(one.senderParameters, "SMTPUTF8");
+        // Where it is not asked for, such a header is as old as mail is, and goes where it went before.
+        if (isAsked && !takesInternational && hasEightBitHeader(one.whole.in()))
+            refuse("the server takes no header with octets above 127 (SMTPUTF8), and the sender's has some");
+        const bool saysInternational = takesInternational && (isInternational || isAsked);
         if (saysInternational)
             parameters += " SMTPUTF8";
         // Who asked for it gets the mail back rather than without it (RFC 8689, 4.2.1).
