@@ -392,7 +392,7 @@ void Judgement::lookAt(const X509_STORE_CTX* context) {
     if (count > 0) {
         lookAtFirst(sk_X509_value(chain, 0));
     }
-    if (m_excluded && !told(Code::nameExcluded, 0)) {
+    if (m_excluded) {
         reason(Code::nameExcluded, 0, sk_X509_value(chain, 0));
     }
 }

@@ -147,13 +147,15 @@ bool isPassedOver(X509_CRL* list, std::time_t at) {
            (end != nullptr && X509_cmp_time(end, &at) <= 0) || hasUnknownCritical(list);
 }
 
-/// The number of a list, as its octets after how many they are, which compare as numbers do. Without one, or below 0, the least.
-using Number = std::pair<std::size_t, std::string>;
-
-Number numberOf(const X509_CRL* list) {
+Lists::Number numberOf(const X509_CRL* list) {
+    const QuietQuestion quiet;
     const Owned<ASN1_INTEGER> number(
         static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(list, NID_crl_number, nullptr, nullptr)));
-    if (number == nullptr || ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER) {
+    if (number == nullptr) {
+        quiet.throwWithoutMemory();
+        return {};
+    }
+    if (ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER) {
         return {};
     }
     const auto length = static_cast<std::size_t>(ASN1_STRING_length(number.get()));
@@ -259,7 +261,7 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     const auto revoked = revokedSince(fit, certificate, issuer);
     for (X509_CRL* list : fit) {
         const auto begin = beginOf(list);
-        if (revoked && isComplete(list) && begin && *begin < *revoked) {
+        if (revoked && isComplete(list) && begin && std::pair(*begin, numberOf(list)) < *revoked) {
             continue;
         }
         if (!choice.add(list)) {
@@ -270,16 +272,16 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     return choice.stack();
 }
 
-std::optional<std::time_t> Lists::revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
-                                               X509* issuer) {
-    std::optional<std::time_t> since;
+std::optional<Lists::Age> Lists::revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
+                                              X509* issuer) {
+    std::optional<Age> since;
     for (X509_CRL* list : lists) {
-        const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
-        const bool isNewer = begin <= m_at && (!since || begin > *since);
+        Age begin(beginOf(list).value_or(m_at), numberOf(list)); // it may be newer than any
+        const bool isNewer = begin.first <= m_at && (!since || begin > *since);
         X509_REVOKED* entry = nullptr;
         if (isNewer && isComplete(list) && X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 &&
             isPassedOver(list, m_at) && isSigned(list, issuer)) {
-            since = begin;
+            since = std::move(begin);
         }
     }
     return since;
@@ -293,11 +295,10 @@ void Lists::putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X
         bool complete;
         bool begun;
         bool counts;
-        std::time_t begin;
-        Number number;
+        Age begin;
         bool operator>(const Rank& other) const {
-            return std::tie(complete, begun, counts, begin, number) >
-                   std::tie(other.complete, other.begun, other.counts, other.begin, other.number);
+            return std::tie(complete, begun, counts, begin) >
+                   std::tie(other.complete, other.begun, other.counts, other.begin);
         }
     };
     std::unordered_map<const X509_CRL*, Rank> ranks;
@@ -311,7 +312,7 @@ void Lists::putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X
         const bool counts =
             complete || !isPassedOver(list, m_at) ||
             (X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isSigned(list, issuer));
-        ranks.emplace(list, Rank{complete, complete || begin <= m_at, counts, begin, numberOf(list)});
+        ranks.emplace(list, Rank{complete, complete || begin <= m_at, counts, Age(begin, numberOf(list))});
     }
     std::stable_sort(lists.begin(), lists.end(),
                      [&ranks](const X509_CRL* one, const X509_CRL* other) { return ranks.at(one) > ranks.at(other); });

@@ -27,6 +27,11 @@ public:
         const char* why;
     };
 
+    /// The number of a list, as its octets after how many they are, which compare as numbers do. Without one, or below 0, the least.
+    using Number = std::pair<std::size_t, std::string>;
+    /// When it began, and its number: of two that began in the same second that tells which is newer (RFC 5280, 5.2.3).
+    using Age = std::pair<std::time_t, Number>;
+
     /// \param at the moment to judge by
     Lists(const Snapshot& snapshot, const std::list<NVX509::RefCertificateRevocationList>& fromMessage, std::time_t at);
 
@@ -50,8 +55,8 @@ private:
     class Choice;
 
     /// Since when a list that OpenSSL would not take says that the certificate is revoked; nothing when none does.
-    [[nodiscard]] std::optional<std::time_t> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
-                                                          X509* issuer);
+    [[nodiscard]] std::optional<Age> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
+                                                  X509* issuer);
     /// Puts the newest first, by its number where two began in the same second: OpenSSL takes the first of these. Delta lists stand
     /// behind the others, since it takes the first that goes with the list that it chose. Of them those that are to come are last,
     /// and in front of them those that OpenSSL would not take were they complete, unless they revoke.

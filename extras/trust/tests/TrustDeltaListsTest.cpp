@@ -2,6 +2,8 @@
 
 #include "RevocationChains.h"
 
+#include <gmock/gmock.h>
+
 #include <ctime>
 
 using namespace trusttesting;
@@ -55,9 +57,11 @@ TEST_F(TrustDeltaLists, OfSeveralDeltaListsTheNewestIsUsed) {
         return list(m_middle, request);
     };
     const auto judged = [&](const std::vector<norvauthority::Crl>& known,
-                            const std::vector<norvauthority::Crl>& inMessage = {}) {
+                            const std::vector<norvauthority::Crl>& inMessage = {}, std::optional<std::time_t> at = {}) {
         Case one = with(Revocation::required);
-        one.known(list(m_root)).known(numbered("5", nullptr, -4 * day, false));
+        one.options.at = at;
+        one.known(list(m_root, {.thisUpdate = Time::at(now - 5 * day)}));
+        one.known(numbered("5", nullptr, -4 * day, false));
         for (const auto& each : known) {
             one.known(each);
         }
@@ -78,6 +82,9 @@ TEST_F(TrustDeltaLists, OfSeveralDeltaListsTheNewestIsUsed) {
     // One of another base does not go with it, and one that is to come not yet.
     EXPECT_EQ(judged({numbered("9", "8", -60, false), old, revoking}), "refused revoked 0");
     EXPECT_EQ(judged({numbered("9", "5", 60, false), revoking}), "refused revoked 0");
+    EXPECT_THAT(judged({old, revoking}, {}, now - 2 * day), testing::HasSubstr("revoked 0"))
+        << "from its first second on";
+    EXPECT_THAT(judged({old, revoking}, {}, now - 2 * day - 1), testing::Not(testing::HasSubstr("revoked 0")));
     // One that is over gives way to an older one, unless it revokes.
     EXPECT_EQ(judged({numbered("9", "5", -day, false, -60), old}), "accepted ");
     EXPECT_EQ(judged({numbered("9", "5", -day, true, -60), old}), "refused revoked 0");

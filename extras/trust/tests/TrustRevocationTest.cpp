@@ -259,6 +259,16 @@ TEST_F(TrustRevocation, AnOldListHidesNothingOfOneThatIsOver) {
     odd.extensions = {{"1.2.3.4", norvauthority::der::null(), true}};
     EXPECT_EQ(judged(list(m_middle, odd), list(m_middle, older), std::time(nullptr) - 5 * hour),
               "accepted ; accepted ");
+    // Of the same second, the number tells which is the old one.
+    CrlRequest beside = over;
+    beside.revoked.clear();
+    beside.nextUpdate = Time::fromNow(24 * hour);
+    over.crlNumber = "6";
+    beside.crlNumber = "5";
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle, beside)),
+              "refused list-expired 0, revoked 0; refused revoked 0");
+    beside.crlNumber = "7";
+    EXPECT_EQ(judged(list(m_middle, over), list(m_middle, beside)), "accepted ; accepted ");
     over.revoked = {{.serial = "a2"}};
     EXPECT_EQ(judged(list(m_middle, over), list(m_middle, older)), "accepted ; accepted ");
 }
@@ -615,6 +625,10 @@ TEST_F(TrustRevocation, PairsOfDistributionPointsThatAreCompared) {
     EXPECT_EQ(judged({listAt(1022, "1"), list(m_middle, {.revoked = {{.serial = "77"}}})}, anna), "accepted  | ");
     EXPECT_EQ(judged({listAt(1023, "1"), list(m_middle, {.revoked = {{.serial = "77"}}})}, anna),
               "accepted  | list-not-used 0");
+    // A list counts once, however often the certificate names its issuer.
+    const Identity naming =
+        user(m_middle, {.crlDistributionPoints = {{places("a", 1000), {}, {GeneralName::directory(m_middle.name)}}}});
+    EXPECT_EQ(judged({listAt(600, "1")}, naming), "accepted  | ");
     // Wherever the extensions stand.
     CertificateRequest bare;
     bare.subject = {{"CN", "Anna"}};

@@ -47,8 +47,12 @@ struct Chain {
                                    .alternativeNames = {GeneralName::email("anna@example.org")},
                                    .extensions = {norvauthority::policyConstraints(9, std::nullopt)}});
     norvauthority::Crl rootList = norvauthority::issueList({.issuer = &root, .crlNumber = "1"});
-    norvauthority::Crl middleList =
-        norvauthority::issueList({.issuer = &middle, .revoked = {{.serial = "a2"}}, .crlNumber = "1"});
+    norvauthority::Time listed = norvauthority::Time::fromNow(-3600);
+    norvauthority::Crl middleList = norvauthority::issueList(
+        {.issuer = &middle, .revoked = {{.serial = "a2"}}, .thisUpdate = listed, .crlNumber = "2"});
+    /// Of the same second, with a lower number: taken for the valid one it would turn every answer round.
+    norvauthority::Crl replacedList = norvauthority::issueList(
+        {.issuer = &middle, .revoked = {{.serial = "a1"}, {.serial = "a5"}}, .thisUpdate = listed, .crlNumber = "1"});
 
     static Identity issued(const Identity& issuer, const std::string& name, const std::string& serial,
                            norvauthority::CertificateRequest request) {

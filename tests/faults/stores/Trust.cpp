@@ -21,6 +21,7 @@ Operation judges(const std::string& name, const Identity& who, const Identity& a
     material->addAnchor(certificateOf(anchor));
     material->addUntrusted(certificateOf(chain().middle));
     material->addList(x509testing::read(chain().rootList));
+    material->addList(x509testing::read(chain().replacedList));
     material->addList(x509testing::read(chain().middleList));
     Trust::Options options;
     options.revocation = Trust::Revocation::required;

@@ -284,9 +284,10 @@ TEST(PeerMessages, AHelloRequestTooManyEndsReadingAndIsToldOnce) {
     EXPECT_NE(0, BIO_should_retry(SSL_get_rbio(ssl.get()))) << "a wait from before";
     EXPECT_EQ(last(ssl.get(), request, 3), request);
     errno = 0;
-    EXPECT_EQ(-1, readingFrom(ssl.get()));
+    EXPECT_EQ(-1, BIO_read(SSL_get_rbio(ssl.get()), Bytes(1).data(), 1));
     EXPECT_EQ(EPROTO, errno);
     EXPECT_EQ(0, BIO_should_retry(SSL_get_rbio(ssl.get())));
+    EXPECT_EQ(-1, readingFrom(ssl.get()));
     EXPECT_EQ(6U, BIO_ctrl_pending(SSL_get_rbio(ssl.get()))) << "nothing but reading is refused";
     EXPECT_EQ(reasonAndClear(), static_cast<unsigned long>(SSL_R_NO_RENEGOTIATION));
     EXPECT_EQ(0U, ERR_peek_error());
