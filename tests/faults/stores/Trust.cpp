@@ -21,8 +21,8 @@ Operation judges(const std::string& name, const Identity& who, const Identity& a
     material->addAnchor(certificateOf(anchor));
     material->addUntrusted(certificateOf(chain().middle));
     material->addList(x509testing::read(chain().rootList));
+    material->addList(x509testing::read(chain().middleList)); // asked for its number before the other one
     material->addList(x509testing::read(chain().replacedList));
-    material->addList(x509testing::read(chain().middleList));
     Trust::Options options;
     options.revocation = Trust::Revocation::required;
     const auto verifier = std::make_shared<Trust::Verifier>(material, options,
