@@ -29,10 +29,13 @@ bool keyMatchesCertificate(const X509* certificate, const EVP_PKEY* key) {
 bool keyDecodesNow(const X509* certificate) {
     const ErrorMark mark;
     unsigned char* octets = nullptr;
-    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &octets);
+    const int length = i2d_X509(certificate, &octets);
     const OwnedMemory<unsigned char> owned(octets);
     const unsigned char* at = octets;
-    const bool decodes = length > 0 && KeyPtr(d2i_PUBKEY(nullptr, &at, length)) != nullptr;
+    // The key alone would be encoded anew, and decode where it does not as it came: OpenSSL takes none whose length is written in
+    // more than five octets.
+    const CertificatePtr again(length > 0 ? d2i_X509(nullptr, &at, length) : nullptr);
+    const bool decodes = X509_get0_pubkey(again.get()) != nullptr;
     if (!decodes) {
         mark.throwWithoutMemory();
     }

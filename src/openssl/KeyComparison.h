@@ -16,8 +16,8 @@ bool isOfType(const EVP_PKEY* key, const char* name) noexcept;
 /// \throws std::bad_alloc when OpenSSL tells that it had no memory to compare them
 bool keyMatchesCertificate(const X509* certificate, const EVP_PKEY* key);
 
-/// Whether the public key of a certificate that has none decodes when it is tried once more: OpenSSL decodes certificates
-/// without memory for their keys, and tells nobody.
+/// Whether the public key of a certificate that has none decodes when the certificate is decoded once more: OpenSSL decodes
+/// certificates without memory for their keys, and tells nobody.
 /// \throws std::bad_alloc when there is no memory for that, either
 bool keyDecodesNow(const X509* certificate);
 

@@ -93,6 +93,48 @@ TEST(SignedJudging, CertificatesThatCannotBeUsedBesideOthers) {
     EXPECT_EQ(withCertificatesOnly({refused, wrong}).reason, SignatureReason::certificateRefused);
 }
 
+// OpenSSL takes no key whose length is written in more than five octets out of a certificate that it decodes ("openssl x509 -pubkey"
+// says so too); in DER it takes the same key. That is no want of memory.
+TEST(SignedJudging, APublicKeyWhoseLengthIsWrittenAtLength) {
+    const auto with = [](const HandMadeSigner& signer, const Bytes& publicKey) {
+        const Bytes issuer = identities().authority.name.der();
+        const Bytes time = der::element(der::utcTimeTag, norvauthority::bytes("250102030405Z"));
+        const Bytes certificate = der::sequence(
+            {der::sequence({der::integer(signer.identity->serial), algorithm("sha256WithRSAEncryption", true), issuer,
+                            der::sequence({time, time}), issuer, publicKey}),
+             algorithm("sha256WithRSAEncryption", true), der::bitString({1, 2, 3})});
+        return Read(messageBy(signer.made(body()), {certificate}, signer.digestAlgorithm).made()).verdict();
+    };
+    const auto atLength = [](const Bytes& key, std::size_t header, std::size_t octets) {
+        const std::size_t length = key.size() - header;
+        Bytes written(octets);
+        written[octets - 2] = static_cast<unsigned char>(length >> 8U);
+        written[octets - 1] = static_cast<unsigned char>(length);
+        return der::concat({{0x30, static_cast<unsigned char>(0x80U | octets)},
+                            written,
+                            Bytes(key.begin() + static_cast<std::ptrdiff_t>(header), key.end())});
+    };
+    const HandMadeSigner rsa;
+    const Bytes key = rsa.identity->key.publicDer();
+    ASSERT_EQ(key[1], 0x82);
+    EXPECT_EQ(with(rsa, key).verdict, SignatureVerdict::good);
+    EXPECT_EQ(with(rsa, atLength(key, 4, 5)).verdict, SignatureVerdict::good);
+    for (const std::size_t octets : {6U, 7U, 8U, 20U}) {
+        const SignatureResult result = with(rsa, atLength(key, 4, octets));
+        EXPECT_EQ(result.verdict, SignatureVerdict::refused) << octets;
+        EXPECT_EQ(result.reason, SignatureReason::keyUnusable) << octets;
+    }
+    const HandMadeSigner edwards25519{.identity = &edwards(),
+                                      .digestAlgorithm = algorithm("SHA512"),
+                                      .signatureAlgorithm = algorithm("ED25519"),
+                                      .digest = nullptr};
+    const Bytes onCurve = edwards().key.publicDer();
+    EXPECT_EQ(with(edwards25519, atLength(onCurve, 2, 5)).verdict, SignatureVerdict::good);
+    const SignatureResult result = with(edwards25519, atLength(onCurve, 2, 6));
+    EXPECT_EQ(result.verdict, SignatureVerdict::unsupported);
+    EXPECT_EQ(result.reason, SignatureReason::keyAlgorithm);
+}
+
 // RFC 5280, 4.2.1.2 wants the extension not critical; whoever made it so is found all the same.
 TEST(SignedJudging, AKeyIdentifierInACriticalExtension) {
     const Bytes identifier{1, 2, 3, 4};
