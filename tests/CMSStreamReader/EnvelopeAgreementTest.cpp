@@ -96,6 +96,24 @@ TEST(EnvelopeAgreement, CurvesOfRfc7748) {
     }
 }
 
+/// Both ways to derive a key take it (RFC 5753, 7.2; RFC 8418, 2.2), up to the bound on what stands beside the keys.
+TEST(EnvelopeAgreement, LongUserKeyingMaterial) {
+    for (const std::size_t length : {1U, 2048U, 5000U, 16000U}) {
+        SCOPED_TRACE(length);
+        const Bytes material(length, 0x5A);
+        const Identity onCurve = personWith("P-256", "101");
+        const AuthParts x963{
+            .recipients = {agreementWith({.material = material}, "P-256", {{&onCurve, nameIn(onCurve)}}, ecPublicKey)}};
+        expectBody(authEnveloped(x963), withKeys({&onCurve}), x963.body);
+        const Identity person = personWith("X25519", "111");
+        const auto derive = [](const Bytes& secret, const Bytes& info) { return hkdf(EVP_sha256(), secret, info, 16); };
+        const AuthParts parts{
+            .recipients = {agreementWith({.scheme = "1.2.840.113549.1.9.16.3.19", .material = material}, "X25519",
+                                         {{&person, nameIn(person)}}, "1.3.101.110", derive)}};
+        expectBody(authEnveloped(parts), withKeys({&person}), parts.body);
+    }
+}
+
 TEST(EnvelopeAgreement, WhatIsNotSupportedIsNamed) {
     const Identity person = personWith("P-256", "101");
     const auto expectUnsupported = [&](const Bytes& recipient, const std::string& name) {
