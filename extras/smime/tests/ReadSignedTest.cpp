@@ -207,6 +207,7 @@ TEST(SMimeRead, LinesThatOthersSeeMakeAMessageAmbiguous) {
         const Outcome outcome = outcomeOf(mailOf(header + mail));
         EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << header;
         EXPECT_THAT(outcome.answer.detail, HasSubstr("a line that others may take for"));
+        EXPECT_THAT(outcome.answer.oddities, testing::Contains(HasSubstr("a line that others may take for"))) << header;
         EXPECT_EQ(outcomeOf(mailOf(replaced(mail, "Content-Type: application", header + "Content-Type: application")))
                       .answer.verdict,
                   Verdict::damaged)
@@ -331,6 +332,30 @@ TEST(SMimeRead, OtherPartsForThoseWhoReadTheBoundaryInAnotherWayAreAmbiguous) {
     }
     EXPECT_EQ(outcomeOf(mailOf(replaced(mail, preamble, "--x\r\n\r\nseen by nobody\r\n"))).answer.verdict,
               Verdict::signatureGood);
+}
+
+// Whatever lies around what is signed is anybody's.
+TEST(SMimeRead, OtherPartsInAMultipartAroundTheSignatureAreAmbiguous) {
+    const std::string mail = signedBy(alice(), plainEntity, detached);
+    const auto around = [&](const std::string& fields, const std::string& preamble) {
+        return outcomeOf(mailOf("Content-Type: multipart/mixed; " + fields + "\r\n\r\n" + preamble + "\r\n--out\r\n" +
+                                mail + "\r\n--out--\r\n"));
+    };
+    EXPECT_EQ(around("boundary=out", "--x\r\n\r\nseen by nobody").answer.verdict, Verdict::signatureGood);
+    const std::string inFront = "lines in front of the first part begin with the boundary";
+    const std::string otherHeader = "read its header in another way";
+    const std::string encoded = "boundary=out\r\nContent-Transfer-Encoding: quoted-printable";
+    for (const auto& [fields, preamble, why] : std::vector<std::tuple<std::string, std::string, std::string>>{
+             {"boundary=out", "--outx\r\n\r\nevil", inFront},
+             {"boundary=out", "x\r--out\r\revil", inFront},
+             {"boundary*=us-ascii''out", "x\r\n--x\r\n\r\nevil", otherHeader},
+             {"boundary*=us-ascii''out", "x\r-", otherHeader},
+             {encoded, "=2Dx", otherHeader},
+             {encoded, "x=0a", otherHeader}}) {
+        const Outcome outcome = around(fields, preamble);
+        EXPECT_EQ(outcome.answer.verdict, Verdict::damaged) << fields << preamble;
+        EXPECT_THAT(outcome.answer.detail, HasSubstr(why)) << fields << preamble;
+    }
 }
 
 TEST(SMimeRead, SignedInAnotherWayIsNotDamaged) {

@@ -268,6 +268,7 @@ TEST(SMimeTold, StructuresOfTypesThatNobodyKnowsHere) {
                   "unsupported part 1: a structure of type 1.2.156.10197.6.1.4.2.2");
         EXPECT_EQ(detailOf('\x30' + length + identifier + "\x30\x80"), "damaged part 1: no CMS structure is there");
     }
+    EXPECT_EQ(detailOf("\x30\x80\x06\x03\x88\x37\x01" + content), "unsupported part 1: a structure of type 2.999.1");
     const std::string longest = "\x06\x40" + std::string(63, '\x2a') + '\x2a';
     EXPECT_THAT(detailOf("\x30\x80" + longest + content),
                 HasSubstr("unsupported part 1: a structure of type 1.2.42.42"));

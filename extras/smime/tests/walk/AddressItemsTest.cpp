@@ -69,6 +69,9 @@ TEST(AddressItems, WithoutAnAddressAreCountedBesideThem) {
              {"Doe, John <j@b>", 1},
              {"(a), \"a@b\", (c) d", 2},
              {"g: a, b;", 2},
+             {"', a", 2},
+             {"'', a", 1}, // nothing between apostrophes
+             {"''', a", 2},
          }) {
         const std::optional<AddressCount> found = countAddresses(value);
         ASSERT_TRUE(found) << value;
@@ -84,7 +87,7 @@ TEST(AddressItems, AreNotClearWhereSomethingIsNotClosedOrStandsTwice) {
           "<a@[b", "<a@[b]:c>",
           // Who stops at what he does not know finds the first one, others the one in the brackets.
           "a@b <c@d>", "a@b ] <c@d>", "a@b [ <c@d>", "a@b) <c@d>", "a@b \\ <c@d>", "a@b, c@d[x] <e@f>", "a@b@c <b@c>",
-          "\"x\"@b ] <\"y\"@b>", "\"x\"@b <\"y\"@b>", "'a@b <a@b>", "a @ b <c@d>"})
+          "\"x\"@b ] <\"y\"@b>", "\"x\"@b <\"y\"@b>", "'a@b <a@b>", "a @ b <c@d>", "a@bc <ab@c>"})
         EXPECT_EQ(addressesIn(value), std::nullopt) << value;
 }
 

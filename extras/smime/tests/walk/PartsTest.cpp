@@ -131,6 +131,22 @@ TEST(DelimiterLine, BehindACrIsSoughtInWhatIsWatched) {
     }
 }
 
+TEST(DelimiterLine, BehindACrIsFoundWhereverAPieceEnds) {
+    for (std::size_t length = 0; length != 1500; ++length) {
+        const std::string text = std::string(length, 'x') + "\r--b\r" + std::string(1500, 'y');
+        Multipart preamble(std::make_shared<Showing>(text + "\n--b\none\n--b--", 1), "b");
+        ASSERT_TRUE(preamble.next());
+        ASSERT_TRUE(preamble.isCutByReturns()) << length;
+        ASSERT_FALSE(preamble.hasFound());
+        const std::string other = std::string(length, 'x') + "=2D" + std::string(1500, 'y');
+        Multipart sought(std::make_shared<Showing>(other + "\n--b\none\n--b--", 1), "b");
+        sought.seek("=2D");
+        ASSERT_TRUE(sought.next());
+        ASSERT_TRUE(sought.hasFound()) << length;
+        ASSERT_FALSE(sought.isCutByReturns());
+    }
+}
+
 // A part begins once, whatever is taken of it at a time.
 TEST(DelimiterLine, IsNoneBehindWhatWasTakenOfItsLine) {
     for (std::size_t length = 1; length != 320; ++length) {

@@ -232,6 +232,8 @@ TEST(AddressValue, TakesGroupsApart) {
 TEST(AddressValue, HasSoManySignsAtTheMost) {
     const std::string commas(maximumSigns - 3, ',');
     EXPECT_THAT(mailboxes("a@x" + commas + " b@x"), ElementsAre("a@x", "b@x"));
+    EXPECT_THAT(mailboxes("a@x" + commas + ", b@x"), ElementsAre("a@x", "b@x")) << "as many as may be";
+    EXPECT_THAT(mailboxes("a@x" + commas + ",, b@x", false), ElementsAre());
     for (const char* const more : {",", ";", " <\"\"", " @"})
         EXPECT_THAT(mailboxes("a@x" + commas + " b@x, " + more, false), ElementsAre()) << more;
     EXPECT_THAT(mailboxes("a@x" + commas + "\r\nFrom: b@x"), ElementsAre("a@x", "b@x"));

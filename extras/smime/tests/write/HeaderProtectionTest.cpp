@@ -45,6 +45,13 @@ TEST(SmimeHeaderProtectionTest, RepeatsTheHeaderInsideASignature) {
                                  "X-Mine: kept\r\nMIME-Version: 1.0\r\n"));
 }
 
+TEST(SmimeHeaderProtectionTest, RepeatsNoLineThatWouldDescribeTheBody) {
+    const std::string odd = "Content-" + std::string(1, '\0') + "Disposition: attachment\n";
+    const std::string sent = wrapped(odd + mail, {signedBy({&person("alice")})}, protecting());
+    EXPECT_THAT(sent, StartsWith("Received: from a by b\r\n"));
+    EXPECT_THAT(verified(sent), StartsWith("From: Alice"));
+}
+
 TEST(SmimeHeaderProtectionTest, HidesTheSubjectOfEncryptedMail) {
     const std::string expected =
         "From: Alice <alice@example.com>\r\nTo: bob@example.com\r\nSubject: Lunch,\r\n tomorrow\r\n"
