@@ -87,6 +87,8 @@ enum class ReasonCode : int {
     keyTooShort = 17,          ///< below `Options::minimumRsaBits` or `minimumEcBits`
     digestTooWeak = 18,        ///< below `Options::minimumDigestBits`
     keyTooLarge = 19,          ///< a key that takes far longer to use than any sound one: it is not used
+    keyUnusable =
+        20, ///< the judged certificate's own public key does not decode, or is of a kind that is not supported
 
     // what a certificate may be used for
     criticalExtensionUnknown = 30,

@@ -140,6 +140,9 @@ bool Judgement::chainFailed(const X509_STORE_CTX* context, int error, X509* abou
         return true; // it was not looked for
     }
     m_broken = true;
+    if (meaning->code == Code::issuerMissing && X509_get0_pubkey(m_request.certificate) == nullptr) {
+        return true; // OpenSSL looks for no issuer then; see `lookAtFirst`
+    }
     if (meaning->code == Code::issuerMissing && about != nullptr && issuerUnusable(depthOf(context), about)) {
         return true;
     }
@@ -431,6 +434,10 @@ bool Judgement::lookAtStrength(unsigned int depth, X509* certificate, bool byIts
 }
 
 void Judgement::lookAtFirst(X509* certificate) {
+    if (X509_get0_pubkey(certificate) ==
+        nullptr) { // OpenSSL ends before it looks for an issuer, and says nothing of this
+        reason(Code::keyUnusable, 0, certificate);
+    }
     if (std::string key = tooLarge(certificate); !key.empty() && m_snapshot.anchorSet.count(certificate) == 0) {
         reason(Code::keyTooLarge, 0, certificate, {"", "", "", std::move(key), ""});
     }

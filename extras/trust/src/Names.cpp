@@ -29,6 +29,7 @@ constexpr std::pair<Code, const char*> reasonNames[] = {
     {Code::keyTooShort, "key-too-short"},
     {Code::digestTooWeak, "digest-too-weak"},
     {Code::keyTooLarge, "key-too-large"},
+    {Code::keyUnusable, "key-unusable"},
     {Code::criticalExtensionUnknown, "critical-extension-unknown"},
     {Code::extensionInvalid, "extension-invalid"},
     {Code::notAnAuthority, "not-an-authority"},

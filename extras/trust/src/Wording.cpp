@@ -52,6 +52,8 @@ constexpr Row rows[] = {
      "ask its holder for one that is signed with SHA-256 or better"},
     {Code::keyTooLarge, "the key of $w takes far too long to use: $x",
      "ask for a certificate with a usual key, such as RSA with 3072 bits or P-256"},
+    {Code::keyUnusable, "the public key of $w cannot be read, or is of a kind that is not supported",
+     "ask its holder for a certificate with an RSA, EC or Ed25519 key"},
 
     {Code::criticalExtensionUnknown, "the certificate of $w has a critical extension that is not understood: $x",
      "ask its holder for a certificate for mail: what this one demands cannot be checked"},

@@ -284,6 +284,28 @@ TEST_F(TrustChain, AnIssuerWhoseKeyDoesNotDecode) {
     EXPECT_EQ(shown(verdict), "refused issuer-key-unusable 1");
 }
 
+TEST_F(TrustChain, ACertificateWhoseOwnKeyDoesNotDecode) {
+    const auto judged = [&](const norvauthority::CertificateRequest& request) {
+        Identity anna = user(m_middle, request);
+        const auto curve = norvauthority::der::oid("1.2.840.10045.3.1.7");
+        auto& der = anna.certificate.der;
+        const auto at = std::search(der.begin(), der.end(), curve.begin(), curve.end());
+        EXPECT_NE(at, der.end());
+        *(at + static_cast<std::ptrdiff_t>(curve.size()) - 1) = 0x7F; // no curve
+        Case one = chain();
+        const Verdict verdict = one.judge(anna);
+        // Whoever there is: nobody is looked for.
+        EXPECT_EQ(shown(Case().judge(anna)), shown(verdict));
+        EXPECT_EQ(shown(one.known(list(m_middle)).judge(anna)), shown(verdict));
+        return verdict;
+    };
+    const Verdict verdict = judged({});
+    EXPECT_EQ(shown(verdict), "refused key-unusable 0");
+    EXPECT_EQ(verdict.reasons[0].text,
+              "the public key of CN=Anna cannot be read, or is of a kind that is not supported");
+    EXPECT_EQ(shown(judged({.notAfter = Time::fromNow(-86400)})), "refused certificate-expired 0, key-unusable 0");
+}
+
 TEST_F(TrustChain, ShortKeysAndWeakDigests) {
     const Identity root = authority("RSA root", 0, nullptr, {.key = norvauthority::Key::rsa(1024)});
     Case one;
