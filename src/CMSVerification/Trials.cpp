@@ -49,18 +49,32 @@ std::optional<SignatureReason> faultOfAttributes(const FoundAttribute& contentTy
                                                            : std::nullopt;
 }
 
-SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* certificate) {
-    const ASN1_OBJECT* algorithm = openssl::publicKeyAlgorithm(certificate);
+bool Trials::isWithoutKey(X509* certificate) {
     const openssl::ErrorMark mark;
-    EVP_PKEY* key = X509_get0_pubkey(certificate);
-    if (key == nullptr) {
-        mark.throwWithoutMemory();
+    if (X509_get0_pubkey(certificate) != nullptr) {
+        return false;
+    }
+    mark.throwWithoutMemory();
+    const auto isSame = [certificate](const openssl::CertificatePtr& one) { return one.get() == certificate; };
+    if (certificate != nullptr && std::ranges::none_of(m_withoutKey, isSame)) {
         if (openssl::keyDecodesNow(certificate)) {
             throw std::bad_alloc(); // there was none when the certificate was decoded
         }
+        X509_up_ref(certificate);
+        openssl::CertificatePtr kept(certificate);
+        m_withoutKey.push_back(std::move(kept));
+    }
+    return true;
+}
+
+SignatureResult Trials::operator()(const SignatureInQuestion& signature, X509* certificate) {
+    const ASN1_OBJECT* algorithm = openssl::publicKeyAlgorithm(certificate);
+    const openssl::ErrorMark mark;
+    if (isWithoutKey(certificate)) {
         return openssl::alwaysDecodes(algorithm) ? refused(SignatureReason::keyUnusable)
                                                  : unsupported(SignatureReason::keyAlgorithm, algorithm);
     }
+    EVP_PKEY* key = X509_get0_pubkey(certificate);
     if (!openssl::isSigningKey(key)) {
         return unsupported(SignatureReason::keyAlgorithm, algorithm);
     }

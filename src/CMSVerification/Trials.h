@@ -4,6 +4,7 @@
 /// What all judges of signers share: the attributes that RFC 5652 demands, and one signature tried with certificates.
 
 #include "framing/Elements.h"
+#include "openssl/Pointers.h"
 #include "openssl/SignatureScheme.h"
 
 #include <norvcrypto/CMSVerification.h>
@@ -47,7 +48,12 @@ public:
     SignatureResult operator()(const SignatureInQuestion& signature, X509* certificate);
 
 private:
+    /// Whether its key does not decode, and not for want of memory. \throws std::bad_alloc
+    bool isWithoutKey(X509* certificate);
+
     std::uint64_t m_spent = 0;
+    /// Those of which that is known: finding out takes as long as they are, and each signer may name them.
+    std::vector<openssl::CertificatePtr> m_withoutKey;
 };
 
 /// The verdict of `attempt` on the first good one of `certificates`, else on one that leaves the question open, else on the

@@ -14,6 +14,7 @@ int s_attributeEncodings = 0;
 std::size_t s_digested = 0;
 std::size_t s_comparisons = 0;
 int s_failingCopies = 0;
+int s_decoded = 0;         ///< certificates
 bool s_withoutKey = false; ///< as if there had been no memory for that of the first certificate when it was decoded
 const X509* s_first = nullptr;
 
@@ -40,6 +41,11 @@ EVP_PKEY* X509_get0_pubkey(const X509* certificate) {
     }
     return s_withoutKey && certificate == s_first ? nullptr
                                                   : norvtest::next<&X509_get0_pubkey>("X509_get0_pubkey")(certificate);
+}
+
+X509* d2i_X509(X509** certificate, const unsigned char** in, long length) {
+    ++s_decoded;
+    return norvtest::next<&d2i_X509>("d2i_X509")(certificate, in, length);
 }
 
 int EVP_DigestUpdate(EVP_MD_CTX* context, const void* data, std::size_t length) {
@@ -79,6 +85,7 @@ CMS::SignatureReport countedReport(const Bytes& structure) {
     s_attributeEncodings = 0;
     s_digested = 0;
     s_comparisons = 0;
+    s_decoded = 0;
     return CMS::verifySignatures(decoded, bodyIn);
 }
 
@@ -116,6 +123,21 @@ TEST(VerificationWork, ADigestThatCannotBeBegunOnceIsNotUnsupported) {
     }
     const norvtest::During<int> failing(s_failingCopies, 2);
     EXPECT_EQ(countedReport(sound()).signers.front().reason, SignatureReason::digestAlgorithm);
+}
+
+// Whether there was no memory for a key is found out by decoding the certificate once more, which may be as long as the message.
+TEST(VerificationWork, ACertificateWithoutAKeyIsDecodedOnceMoreForAllSigners) {
+    Bytes withoutKey = identities().rsa.certificate.der;
+    const Bytes algorithm{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
+    const auto at = std::ranges::search(withoutKey, algorithm).begin();
+    ASSERT_NE(at, withoutKey.end());
+    at[8] = 0x63; // no algorithm
+    static_cast<void>(countedReport(hostile(1, {withoutKey})));
+    const int ofOne = s_decoded;
+    EXPECT_GT(ofOne, 0);
+    const auto report = countedReport(hostile(100, {withoutKey}));
+    EXPECT_EQ(report.signers.back().reason, SignatureReason::keyAlgorithm);
+    EXPECT_EQ(s_decoded, ofOne);
 }
 
 TEST(VerificationWork, CopiesOfACertificateAreOne) {
