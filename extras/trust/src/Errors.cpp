@@ -434,8 +434,8 @@ bool Judgement::lookAtStrength(unsigned int depth, X509* certificate, bool byIts
 }
 
 void Judgement::lookAtFirst(X509* certificate) {
-    if (X509_get0_pubkey(certificate) ==
-        nullptr) { // OpenSSL ends before it looks for an issuer, and says nothing of this
+    // OpenSSL ends before it looks for an issuer, and says nothing of this.
+    if (X509_get0_pubkey(certificate) == nullptr) {
         reason(Code::keyUnusable, 0, certificate);
     }
     if (std::string key = tooLarge(certificate); !key.empty() && m_snapshot.anchorSet.count(certificate) == 0) {

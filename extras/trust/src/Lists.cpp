@@ -193,16 +193,12 @@ public:
 
     /// False when comparing the names of the list with those of the certificate would take too long.
     bool add(X509_CRL* list) {
-        if (m_known.count(list) != 0) {
-            return true;
-        }
         const int index = X509_CRL_get_ext_by_NID(list, NID_issuing_distribution_point, -1);
         const std::size_t names = index < 0 ? 1 : leavesOf(X509_CRL_get_ext(list, index)) + 1;
         if (names > (mostNamePairs - m_pairs) / m_ownNames) {
             return false;
         }
         m_pairs += names * m_ownNames;
-        m_known.insert(list);
         if (X509_CRL_up_ref(list) != 1 || sk_X509_CRL_push(m_stack.get(), list) <= 0) {
             throw std::bad_alloc();
         }
@@ -216,7 +212,6 @@ private:
     std::size_t m_ownNames;
     std::size_t m_pairs = 0;
     std::vector<X509_CRL*> m_chosen;
-    std::unordered_set<const X509_CRL*> m_known; ///< the same
     Owned<STACK_OF(X509_CRL)> m_stack;
 };
 
@@ -244,8 +239,14 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
     std::vector<const X509_NAME*> issuers = listIssuersOf(points.get());
     issuers.insert(issuers.begin(), issuerName);
     std::vector<X509_CRL*> fit;
+    std::unordered_set<const X509_CRL*> known; // a name may stand there more than once
+    const auto take = [&fit, &known](X509_CRL* list) {
+        if (known.insert(list).second) {
+            fit.push_back(list);
+        }
+    };
     for (const X509_NAME* name : issuers) {
-        m_snapshot.byIssuer.each(name, [&fit](X509_CRL* list) { fit.push_back(list); });
+        m_snapshot.byIssuer.each(name, take);
     }
     for (X509_CRL* list : m_fromMessage) {
         const bool wanted = std::any_of(issuers.begin(), issuers.end(), [list](const X509_NAME* name) {
@@ -254,7 +255,7 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
         if (wanted && !isSigned(list, issuer)) {
             leaveOut(list, "it came with the message, and its issuer did not sign it");
         } else if (wanted) {
-            fit.push_back(list);
+            take(list);
         }
     }
     putInOrder(fit, certificate, issuer);
@@ -274,17 +275,16 @@ Owned<STACK_OF(X509_CRL)> Lists::of(const X509* certificate, const X509_NAME* is
 
 std::optional<Lists::Age> Lists::revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
                                               X509* issuer) {
-    std::optional<Age> since;
     for (X509_CRL* list : lists) {
-        Age begin(beginOf(list).value_or(m_at), numberOf(list)); // it may be newer than any
-        const bool isNewer = begin.first <= m_at && (!since || begin > *since);
+        const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
         X509_REVOKED* entry = nullptr;
-        if (isNewer && isComplete(list) && X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 &&
-            isPassedOver(list, m_at) && isSigned(list, issuer)) {
-            since = std::move(begin);
+        if (begin <= m_at && isComplete(list) &&
+            X509_CRL_get0_by_cert(list, &entry, const_cast<X509*>(certificate)) == 1 && isPassedOver(list, m_at) &&
+            isSigned(list, issuer)) {
+            return Age(begin, numberOf(list));
         }
     }
-    return since;
+    return std::nullopt;
 }
 
 void Lists::putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X509* issuer) {
@@ -303,9 +303,6 @@ void Lists::putInOrder(std::vector<X509_CRL*>& lists, const X509* certificate, X
     };
     std::unordered_map<const X509_CRL*, Rank> ranks;
     for (X509_CRL* const list : lists) {
-        if (ranks.count(list) != 0) {
-            continue;
-        }
         const bool complete = isComplete(list);
         const std::time_t begin = beginOf(list).value_or(m_at); // it may be newer than any
         X509_REVOKED* entry = nullptr;

@@ -55,6 +55,7 @@ private:
     class Choice;
 
     /// Since when a list that OpenSSL would not take says that the certificate is revoked; nothing when none does.
+    /// \param lists in order
     [[nodiscard]] std::optional<Age> revokedSince(const std::vector<X509_CRL*>& lists, const X509* certificate,
                                                   X509* issuer);
     /// Puts the newest first, by its number where two began in the same second: OpenSSL takes the first of these. Delta lists stand
