@@ -4,6 +4,8 @@
 #include "Extension/TypedRef.h"
 #include "openssl/Decode.h"
 
+#include <norvcrypto/detail/Lazy.h>
+
 #include <openssl/x509v3.h>
 
 namespace Norvane::Crypto {
@@ -71,12 +73,11 @@ CRLDistributionPoints::CRLDistributionPoints(const unsigned char* der, unsigned 
 CRLDistributionPoints::~CRLDistributionPoints() = default;
 
 const std::list<RefCRLDistributionPoint>& CRLDistributionPoints::distributionPoints() const {
-    if (m_points.empty()) {
+    return Crypto::detail::fillWhenEmpty(m_points, [this](auto& points) {
         for (int i = 0; i < sk_DIST_POINT_num(m_structure.get()); ++i) {
-            m_points.emplace_back(sk_DIST_POINT_value(m_structure.get(), i));
+            points.emplace_back(sk_DIST_POINT_value(m_structure.get(), i));
         }
-    }
-    return m_points;
+    });
 }
 
 RefCRLDistributionPoints::RefCRLDistributionPoints() = default;

@@ -5,6 +5,8 @@
 #include "openssl/ErrorQueue.h"
 #include "openssl/Name.h"
 
+#include <norvcrypto/detail/Lazy.h>
+
 #include <openssl/x509v3.h>
 
 #include <cstddef>
@@ -33,12 +35,11 @@ std::string withoutZeroOctets(std::string text) {
 } // namespace
 
 const std::list<GeneralName>& fillNames(std::list<GeneralName>& cache, const stack_st_GENERAL_NAME* entries) {
-    if (cache.empty()) {
+    return Crypto::detail::fillWhenEmpty(cache, [entries](auto& names) {
         for (int i = 0; i < sk_GENERAL_NAME_num(entries); ++i) {
-            cache.emplace_back(sk_GENERAL_NAME_value(entries, i));
+            names.emplace_back(sk_GENERAL_NAME_value(entries, i));
         }
-    }
-    return cache;
+    });
 }
 
 class GeneralName::Kept {

@@ -5,6 +5,8 @@
 #include "openssl/Decode.h"
 #include "openssl/Pointers.h"
 
+#include <norvcrypto/detail/Lazy.h>
+
 #include <openssl/x509v3.h>
 
 namespace Norvane::Crypto {
@@ -34,16 +36,14 @@ constexpr const char* noIdentifier = nullptr;
 /// Appends the locations of the descriptions with one access method, when the list is empty.
 const std::list<GeneralName>& locations(std::list<GeneralName>& cache, const stack_st_ACCESS_DESCRIPTION* descriptions,
                                         int method) {
-    if (!cache.empty()) {
-        return cache;
-    }
-    for (int i = 0; i < sk_ACCESS_DESCRIPTION_num(descriptions); ++i) {
-        const ACCESS_DESCRIPTION* description = sk_ACCESS_DESCRIPTION_value(descriptions, i);
-        if (description != nullptr && OBJ_obj2nid(description->method) == method) {
-            cache.emplace_back(description->location);
+    return Crypto::detail::fillWhenEmpty(cache, [descriptions, method](auto& names) {
+        for (int i = 0; i < sk_ACCESS_DESCRIPTION_num(descriptions); ++i) {
+            const ACCESS_DESCRIPTION* description = sk_ACCESS_DESCRIPTION_value(descriptions, i);
+            if (description != nullptr && OBJ_obj2nid(description->method) == method) {
+                names.emplace_back(description->location);
+            }
         }
-    }
-    return cache;
+    });
 }
 
 } // namespace

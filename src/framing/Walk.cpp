@@ -2,7 +2,17 @@
 
 namespace Norvane::Crypto::framing {
 
-Walk::Walk(const unsigned char* octets, std::size_t length) noexcept : m_octets(octets), m_length(length) {}
+Walk::Walk(const unsigned char* octets, std::size_t length, Opening opening) noexcept
+    : m_octets(octets),
+      m_length(length),
+      m_opening(opening) {}
+
+/// Whether the walk goes into the element whose header was read.
+bool Walk::isOpened() const noexcept {
+    return m_header.constructed || m_header.is(TagClass::universal, sequence) ||
+           m_header.is(TagClass::universal, set) ||
+           (m_opening == Opening::contextSpecific && m_header.tagClass == TagClass::contextSpecific);
+}
 
 Walk::Step Walk::last(Step step) noexcept {
     m_last = step;
@@ -71,7 +81,7 @@ Walk::Step Walk::next() noexcept {
     if (inside && m_stack[m_open - 1].indefinite && m_header.isEndOfContents()) {
         return close(m_contentAt);
     }
-    if (m_header.constructed) {
+    if (isOpened()) {
         return enter(start);
     }
     prefetchHeader({m_octets + start, left}, m_header);

@@ -24,11 +24,18 @@ namespace Norvane::Crypto::framing {
 /// The content of a constructed element may be no encoding at all where a decoder takes the element as a whole. So
 /// damage inside an element whose length is announced ends that element early, and the walk goes on after it; only
 /// damage around which nothing announces a length ends the walk.
+///
+/// A SEQUENCE or SET counts as constructed whether it says so or not: where OpenSSL decodes a list it does not look.
 class Walk {
 public:
+    /// Which elements without the constructed bit are opened besides.
+    enum class Opening : std::uint8_t {
+        none,
+        contextSpecific, ///< those with a tag of the context, behind which a list may stand; what is no list is damage in them
+    };
     enum class Step : std::uint8_t {
         opened,    ///< a constructed element; what is in it follows
-        closed,    ///< the end of a constructed element
+        closed,    ///< the end of one that was opened
         primitive, ///< an element that holds octets
         finished,  ///< nothing is left
         damaged,   ///< the octets end or make no sense from here on
@@ -37,7 +44,7 @@ public:
     /// More than four times as many levels as OpenSSL decodes.
     static constexpr std::size_t deepest = 128;
 
-    Walk(const unsigned char* octets, std::size_t length) noexcept;
+    Walk(const unsigned char* octets, std::size_t length, Opening opening = Opening::none) noexcept;
 
     /// Goes on. The last step (`finished`, `damaged`, `tooDeep`) is answered again and again.
     Step next() noexcept;
@@ -61,6 +68,7 @@ private:
         bool indefinite;
     };
 
+    [[nodiscard]] bool isOpened() const noexcept;
     [[nodiscard]] std::size_t limit() const noexcept { return m_open == 0 ? m_length : m_stack[m_open - 1].end; }
     Step close(std::size_t at) noexcept;
     Step abandon() noexcept;
@@ -69,6 +77,7 @@ private:
 
     const unsigned char* m_octets;
     std::size_t m_length;
+    Opening m_opening;
     std::size_t m_at = 0;
     std::size_t m_open = 0;
     std::size_t m_depth = 0;

@@ -38,7 +38,7 @@ std::size_t relativePoints(const unsigned char* value, std::size_t length) noexc
     Walk walk(value, length);
     std::size_t count = 0;
     for (auto step = walk.next(); !isLast(step); step = walk.next()) {
-        if (step == Walk::Step::opened && walk.depth() == nameDepth &&
+        if (step != Walk::Step::closed && walk.depth() == nameDepth &&
             walk.header().is(TagClass::contextSpecific, relativeToIssuer)) {
             ++count;
         }
@@ -64,13 +64,14 @@ struct Shape {
     std::size_t issuer = 0; ///< of the signed part of a certificate: the size of the issuer's name
 };
 
-/// Follows a walk and finds public keys and distribution points by their shape, wherever they stand.
+/// Follows a walk and finds public keys and distribution points by their shape, wherever they stand: in what looks primitive,
+/// too, where OpenSSL would see a list of certificates.
 class Inspection {
 public:
     Inspection(const unsigned char* der, std::size_t length, const framing::SegmentRun& known) noexcept
         : m_known(known),
           m_knownContent(der + known.start + known.headerSize),
-          m_walk(der, length) {}
+          m_walk(der, length, Walk::Opening::contextSpecific) {}
 
     Refusal run() noexcept {
         for (;;) {

@@ -15,6 +15,7 @@
 #include <iterator>
 
 using namespace norvauthority;
+using norvtest::asIfPrimitive;
 using norvtest::certificatesOnly;
 using norvtest::curveKey;
 using norvtest::explicitIdentity;
@@ -155,6 +156,35 @@ TEST(Acceptance, RelativePointsTimesTheIssuersNameAreBounded) {
     EXPECT_EQ(refusalOf(withPoints(17, 1024)), tooManyPoints);
     EXPECT_EQ(refusalOf(indefinite(withPoints(17, 1024))), tooManyPoints);
     EXPECT_EQ(refusalOf(certificatesOnly({ordinary().certificate.der, withPoints(17, 1024)})), tooManyPoints);
+}
+
+// The constructed bit is missing where OpenSSL does without it: at lists of extensions and of points, and at relative names.
+TEST(Acceptance, RelativePointsAreFoundInListsThatLookPrimitive) {
+    const auto certificate = [](std::size_t points, unsigned char list, unsigned char relativeName,
+                                unsigned char extensions) {
+        const Bytes point = der::sequence({der::element(0xA0, der::element(relativeName, {}))});
+        const Bytes value = der::element(list, der::concat(std::vector<Bytes>(points, point)));
+        const Bytes extension = der::sequence({der::oid("2.5.29.31"), der::octetString(value)});
+        const Bytes name = der::octetString(Bytes(1020, 0)); // any element; what counts is its size
+        const Bytes signedPart = der::sequence(
+            {der::element(0xA0, der::integer("2")), der::integer("1"), der::sequence({}), name, der::sequence({}),
+             der::sequence({}), ordinary().key.publicDer(), der::element(0xA3, der::element(extensions, extension))});
+        return der::sequence({signedPart, der::sequence({}), der::bitString({})});
+    };
+    EXPECT_EQ(refusalOf(certificate(17, 0x30, 0xA1, 0x30)), tooManyPoints);
+    EXPECT_EQ(refusalOf(certificate(17, 0x30, 0x81, 0x30)), tooManyPoints);
+    EXPECT_EQ(refusalOf(certificate(17, 0x10, 0xA1, 0x30)), tooManyPoints);
+    EXPECT_EQ(refusalOf(certificate(17, 0x30, 0xA1, 0x10)), tooManyPoints);
+    EXPECT_EQ(refusalOf(certificate(17, 0x10, 0x81, 0x10)), tooManyPoints);
+    EXPECT_EQ(refusalOf(certificate(10, 0x10, 0x81, 0x10)), "");
+}
+
+TEST(Acceptance, KeysAreFoundInListsThatLookPrimitive) {
+    const Bytes all = certificatesOnly({explicitIdentity().certificate.der});
+    EXPECT_EQ(refusalOf(asIfPrimitive(all, "a082", explicitIdentity().certificate.der)), explicitCurve);
+    const Bytes& one = ordinary().certificate.der;
+    EXPECT_EQ(refusalOf(asIfPrimitive(certificatesOnly(std::vector<Bytes>(2501, one)), "a083", one)), tooManyKeys);
+    EXPECT_EQ(refusalOf(asIfPrimitive(certificatesOnly(std::vector<Bytes>(50, one)), "a082", one)), "");
 }
 
 TEST(Acceptance, FullNamesCountForNothing) {

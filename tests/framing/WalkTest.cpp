@@ -18,9 +18,9 @@ struct Account {
     std::size_t count = 0;
 };
 
-Account walk(const Bytes& octets) {
+Account walk(const Bytes& octets, Walk::Opening opening = Walk::Opening::none) {
     Account account;
-    Walk through(octets.data(), octets.size());
+    Walk through(octets.data(), octets.size(), opening);
     for (;;) {
         switch (const auto step = through.next()) {
         case Walk::Step::opened:
@@ -128,6 +128,26 @@ TEST(FramingWalk, GivesContentDepthAndSizes) {
     EXPECT_EQ(through.depth(), 0U);
     EXPECT_EQ(through.elementSize(), 13U);
     EXPECT_EQ(through.next(), Walk::Step::finished);
+}
+
+// As OpenSSL decodes SEQUENCE OF and SET OF, the implicitly tagged ones among them.
+TEST(FramingWalk, ListsNeedNoConstructedBit) {
+    EXPECT_EQ(stepsOf("1005"
+                      "1103"
+                      "020105"),
+              "((c)) finished");
+    EXPECT_EQ(stepsOf("3008"
+                      "8003"
+                      "020105"
+                      "810107"),
+              "(ab) finished");
+    const Bytes octets = fromHex("300c"
+                                 "8003"
+                                 "020105"
+                                 "8102"
+                                 "05ff" // no list
+                                 "410107");
+    EXPECT_EQ(walk(octets, Walk::Opening::contextSpecific).steps, "((c)()b) finished");
 }
 
 TEST(FramingWalk, DamageInsideAnAnnouncedLengthIsPassedOver) {

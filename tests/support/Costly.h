@@ -9,8 +9,10 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace norvtest {
@@ -63,6 +65,26 @@ inline norvauthority::Bytes certificatesOnly(const std::vector<norvauthority::By
         der::sequence({der::integer("1"), der::set({}), data,
                        der::element(der::contextConstructed(0), der::concat(certificates)), der::set({})});
     return der::sequence({der::oid("1.2.840.113549.1.7.2"), der::element(der::contextConstructed(0), signedData)});
+}
+
+/// The same octets with the constructed bit taken from each element whose header begins so, as hexadecimal digits tell, and whose
+/// content begins with `first`. OpenSSL does not look for the bit where it decodes a SET OF or a SEQUENCE OF.
+inline norvauthority::Bytes asIfPrimitive(norvauthority::Bytes octets, const std::string& header,
+                                          const norvauthority::Bytes& first) {
+    const norvauthority::Bytes beginning = norvauthority::fromHex(header);
+    bool found = false;
+    for (auto at = octets.begin(); (at = std::search(at, octets.end(), first.begin(), first.end())) != octets.end();
+         ++at) {
+        for (std::size_t size = 2; size <= 5 && std::cmp_less_equal(size, at - octets.begin()); ++size) {
+            const auto start = at - static_cast<std::ptrdiff_t>(size);
+            if (std::equal(beginning.begin(), beginning.end(), start) &&
+                size == 2U + ((start[1] & 0x80U) != 0 ? start[1] & 0x7FU : 0U)) {
+                *start &= 0xDFU;
+                found = true;
+            }
+        }
+    }
+    return found ? octets : throw std::runtime_error("no such element");
 }
 
 /// The same element and all elements in it in the indefinite form of BER.

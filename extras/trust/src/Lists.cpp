@@ -19,23 +19,40 @@ constexpr std::size_t mostSigners = 4;  ///< of one name in the snapshot that ma
 /// Names of distribution points that are compared for one certificate: each of its own with each of all lists.
 constexpr std::size_t mostNamePairs = 1U << 20U;
 
-/// Walks through the elements of a value; `visit` answers whether to go into a constructed one.
+/// Whether a list may stand in an element that does not say that it is constructed, for which OpenSSL does not look where it
+/// decodes one: the trees of constraints, the names of a point and the issuers of its lists have tags of the context.
+bool mayBeList(int tag, int tagClass) noexcept {
+    constexpr int lastOfLists = 2;
+    return tagClass == V_ASN1_UNIVERSAL ? tag == V_ASN1_SEQUENCE || tag == V_ASN1_SET
+                                        : tagClass == V_ASN1_CONTEXT_SPECIFIC && tag <= lastOfLists;
+}
+
+/// Walks through the elements of a value; `visit` is told whether one is constructed, and whether elements may stand in it, and
+/// answers whether to go into it.
 template <class Visit> void walk(const X509_EXTENSION* extension, Visit visit) {
     const QuietQuestion quiet;
     const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension));
     const unsigned char* at = ASN1_STRING_get0_data(value);
-    const unsigned char* const end = at + ASN1_STRING_length(value);
-    while (at < end) {
+    // What stands in an element may be none, where OpenSSL does not decode it; then it goes on where the element ends.
+    std::vector<const unsigned char*> ends{at + ASN1_STRING_length(value)};
+    while (!ends.empty()) {
         long length = 0;
         int tag = 0;
         int tagClass = 0;
-        const int form = ASN1_get_object(&at, &length, &tag, &tagClass, end - at);
+        const unsigned char* const end = ends.back();
         constexpr int unreadable = 0x80;
+        constexpr int indefinite = 0x01;
+        const int form = at == end ? unreadable : ASN1_get_object(&at, &length, &tag, &tagClass, end - at);
         if ((form & unreadable) != 0) {
-            return;
+            at = end;
+            ends.pop_back();
+            continue;
         }
-        if (!visit((form & V_ASN1_CONSTRUCTED) != 0)) {
+        const bool isConstructed = (form & V_ASN1_CONSTRUCTED) != 0;
+        if (!visit(isConstructed, isConstructed || mayBeList(tag, tagClass))) {
             at += length;
+        } else if ((form & indefinite) == 0) {
+            ends.push_back(at + length);
         }
     }
 }
@@ -55,9 +72,9 @@ std::size_t octetsOf(const X509_EXTENSION* extension) {
 std::size_t leavesOf(const X509_EXTENSION* extension) {
     std::size_t count = 0;
     if (extension != nullptr) {
-        walk(extension, [&count](bool constructed) {
+        walk(extension, [&count](bool constructed, bool mayHoldElements) {
             count += constructed ? 0U : 1U;
-            return constructed;
+            return mayHoldElements;
         });
     }
     return count;
@@ -67,7 +84,7 @@ std::size_t elementsOf(const X509_EXTENSION* extension) {
     std::size_t count = 0;
     if (extension != nullptr) {
         bool outer = true;
-        walk(extension, [&](bool) {
+        walk(extension, [&](bool, bool) {
             count += outer ? 0U : 1U;
             return std::exchange(outer, false);
         });

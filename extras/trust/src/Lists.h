@@ -75,7 +75,8 @@ private:
     std::vector<LeftOut> m_leftOut;
 };
 
-/// How many elements without elements in them an extension has: no fewer than names. 0 for a null extension.
+/// How many elements without elements in them an extension has, those that only say that they have none, too: no fewer than names.
+/// 0 for a null extension.
 std::size_t leavesOf(const X509_EXTENSION* extension);
 /// How many elements the outer element of an extension has.
 std::size_t elementsOf(const X509_EXTENSION* extension);

@@ -2,6 +2,7 @@
 
 #include "Cache.h"
 #include "Chains.h"
+#include "Extensions.h"
 #include "Lists.h"
 #include "Wording.h"
 
@@ -55,6 +56,30 @@ TEST(TrustCounts, WhatHasNoLengthCountsToo) {
     EXPECT_GE(countsOf(fromHex("3080308005000500000005000000"))[0], 3U);
     EXPECT_EQ(countsOf(fromHex("30030500"))[0], 0U) << "longer than there is: OpenSSL does not decode it";
     EXPECT_EQ(countsOf(fromHex("30040500050030"))[0], 2U) << "up to what is none";
+}
+
+/// OpenSSL decodes lists that do not say that they are constructed.
+TEST(TrustCounts, WhatLooksPrimitiveIsLookedInto) {
+    const std::vector<norvauthority::GeneralName> names(100, norvauthority::GeneralName::email("a@b.example"));
+    norvauthority::Bytes constraints = nameConstraints(names, names);
+    const std::size_t whole = countsOf(constraints)[0];
+    EXPECT_EQ(whole, 200U);
+    ASSERT_EQ(constraints[4], 0xA0);
+    ASSERT_EQ(constraints[1508], 0xA1);
+    for (const std::size_t at : {1508U, 4U, 0U}) {
+        constraints[at] &= 0xDFU;
+        EXPECT_GE(countsOf(constraints)[0], whole) << at;
+    }
+    EXPECT_EQ(countsOf(der::sequence({fromHex("8001ff"), fromHex("8203616263"), fromHex("87040a000000")}))[0], 3U)
+        << "what is no list is one leaf";
+}
+
+/// OpenSSL takes the value of another name as it is: what follows it counts all the same.
+TEST(TrustCounts, WhatIsNoEncodingEndsWithTheElementAroundIt) {
+    const Bytes other =
+        der::element(0xA0, der::concat({der::oid("1.2.3.4"), der::element(0xA0, der::element(0x30, fromHex("0480")))}));
+    const norvauthority::GeneralName name = norvauthority::GeneralName::email("a@b.example");
+    EXPECT_EQ(countsOf(nameConstraints({norvauthority::GeneralName::raw(other), name, name}, {name}))[0], 4U);
 }
 
 TEST(TrustTexts, AreCutWhereTheyAreTooLong) {

@@ -118,6 +118,23 @@ TEST_F(CostlyCertificateTest, ManyRelativePointsAreRefusedWithoutBeingDecoded) {
     EXPECT_EQ(purposesAsked, 0);
 }
 
+// OpenSSL takes relative names without the constructed bit, too.
+TEST_F(CostlyCertificateTest, ManyRelativePointsThatLookPrimitiveAreRefusedWithoutBeingDecoded) {
+    const auto entry = norvauthority::fromHex("300b0603550403"); // of the relative name
+    const auto octets = norvtest::asIfPrimitive(relativePoints(1000, 1000, anyKey()).der, "a10d", entry);
+    const auto der = buffer(octets);
+    allocated = 0;
+    EXPECT_TRUE(factory.readDER(der).isNull());
+    EXPECT_EQ(allocated, 0U);
+
+    const unsigned char* at = octets.data();
+    const std::unique_ptr<X509, decltype(&X509_free)> x509(d2i_X509(nullptr, &at, static_cast<long>(octets.size())),
+                                                           X509_free);
+    ASSERT_NE(x509, nullptr);
+    EXPECT_EQ(static_cast<x509_st*>(factory(x509.get(), false)), nullptr);
+    EXPECT_EQ(purposesAsked, 0);
+}
+
 TEST_F(CostlyCertificateTest, AnX509WithManyRelativePointsIsNotLetIn) {
     const auto x509 = relativePoints(1000, 1000, anyKey()).x509();
     allocated = 0;

@@ -430,6 +430,26 @@ TEST_F(TrustWork, DistributionPointsTimesNamesOfLists) {
     EXPECT_FALSE(one.judge(user(m_middle, {.crlDistributionPoints = {point}})).accepted);
 }
 
+TEST_F(TrustWork, NamesBehindAValueThatIsNoEncodingAreCounted) {
+    norvauthority::DistributionPoint point;
+    point.name.emplace();
+    point.name->full = addresses(2000);
+    const auto noEncoding = GeneralName::otherName("1.2.3.4", norvauthority::fromHex("30020480"));
+    point.name->full.insert(point.name->full.begin(), noEncoding);
+    CrlRequest request;
+    request.scope.emplace();
+    request.scope->name.emplace();
+    request.scope->name->full.push_back(noEncoding);
+    for (int i = 0; i < 2000; ++i) {
+        request.scope->name->full.push_back(GeneralName::uri("http://b" + std::to_string(i)));
+    }
+    Case one = chain();
+    one.options.revocation = Revocation::available;
+    one.lists.push_back(read(list(m_middle, request)));
+    const Verdict verdict = one.judge(user(m_middle, {.crlDistributionPoints = {point}}));
+    EXPECT_TRUE(verdict.mentions(Code::listNotUsed)) << codesOf(verdict.notes);
+}
+
 TEST_F(TrustWork, ManyListsInAMessage) {
     Case one = chain();
     one.options.revocation = Revocation::available;
