@@ -12,7 +12,8 @@ using norvauthority::Identity;
 
 namespace {
 
-/// Whether a password would be hashed too often, by any recipient: the number behind the salt of PBKDF2.
+/// Whether a password would be hashed too often, by any recipient: the number behind the salt of PBKDF2, and not the vector of a
+/// cipher behind a content type of that name.
 bool isCostly(const Bytes& octets) {
     auto root = parse(octets);
     bool costly = false;
@@ -23,7 +24,7 @@ bool isCostly(const Bytes& octets) {
     forEach(*root, [&](Node& node) {
         const Node* const identifier = at(node, {0});
         const Node* const number = at(node, {1, 1});
-        if (number != nullptr && identifier != nullptr && identifier->content == pbkdf2) {
+        if (number != nullptr && number->isUniversal(2) && identifier != nullptr && identifier->content == pbkdf2) {
             std::size_t size = number->content.size();
             for (const unsigned char octet : number->content) {
                 if (octet != 0) {
